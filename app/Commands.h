@@ -1,0 +1,10 @@
+/// \file
+/// The subcommands of vrk. Each function adds one to the parser; its action runs when the command line
+/// has been read, reports to the Host and throws Failure when it cannot go on.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+#include "Host.h"
+
+namespace host {}  // namespace host

@@ -1,0 +1,42 @@
+#include <CLI/CLI.hpp>
+#include <exception>
+#include <iostream>
+#include <new>
+
+#include "Commands.h"
+#include "Failure.h"
+#include "Host.h"
+#include "foundation/Version.h"
+
+namespace {
+
+int parseAndRun(host::Host& host, int argc, char** argv) {
+    CLI::App app("vrk: from a tilt series of electron diffraction patterns to unit cell and HKL file", "vrk");
+    app.set_version_flag("--version", std::string("vrk ") + VRK::kVersion);
+    app.require_subcommand(1);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        const int code = app.exit(error, host.out(), std::cerr);
+        return code == 0 ? 0 : static_cast<int>(host::ExitCode::Usage);
+    }
+    return static_cast<int>(host::ExitCode::Done);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    host::Host host;
+    try {
+        return parseAndRun(host, argc, argv);
+    } catch (const host::Failure& failure) {
+        host.progress().finish();
+        std::cerr << "vrk: " << failure.what() << '\n';
+        return static_cast<int>(failure.code());
+    } catch (const std::bad_alloc&) {
+        std::cerr << "vrk: out of memory; bin the series or run on a larger machine\n";
+    } catch (const std::exception& error) {
+        std::cerr << "vrk: " << error.what() << '\n';
+    }
+    return static_cast<int>(host::ExitCode::Failed);
+}

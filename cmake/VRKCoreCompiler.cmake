@@ -1,0 +1,22 @@
+# Language level, warnings and floating-point rules that every target of the project shares.
+add_library(vrk_compiler_options INTERFACE)
+target_compile_features(vrk_compiler_options INTERFACE cxx_std_20)
+target_compile_options(vrk_compiler_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion
+  # Results are defined to the last bit, so no multiply may fuse with an addition.
+  -ffp-contract=off)
+if(VRKCORE_WARNINGS_AS_ERRORS)
+  target_compile_options(vrk_compiler_options INTERFACE -Werror)
+endif()
+if(VRKCORE_SANITIZE)
+  add_compile_options(-fsanitize=${VRKCORE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${VRKCORE_SANITIZE})
+endif()
+
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
+  set(CMAKE_BUILD_TYPE Release CACHE STRING "Build type" FORCE)
+endif()

@@ -1,0 +1,27 @@
+# Installation: library, headers, CMake package and pkg-config file.
+include(CMakePackageConfigHelpers)
+
+install(TARGETS VRKCore EXPORT VRKCoreTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/VRKCore)
+install(DIRECTORY "${PROJECT_SOURCE_DIR}/src/" DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/VRKCore
+  FILES_MATCHING PATTERN "*.h" PATTERN "*Internal.h" EXCLUDE)
+install(FILES "${PROJECT_BINARY_DIR}/src/VRKCoreExport.h"
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/VRKCore)
+install(EXPORT VRKCoreTargets NAMESPACE VRKCore::
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/VRKCore)
+if(TARGET vrk)
+  install(TARGETS vrk RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+endif()
+
+configure_package_config_file(cmake/VRKCoreConfig.cmake.in
+  "${PROJECT_BINARY_DIR}/VRKCoreConfig.cmake"
+  INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/VRKCore)
+write_basic_package_version_file("${PROJECT_BINARY_DIR}/VRKCoreConfigVersion.cmake"
+  COMPATIBILITY SameMajorVersion)
+install(FILES "${PROJECT_BINARY_DIR}/VRKCoreConfig.cmake"
+              "${PROJECT_BINARY_DIR}/VRKCoreConfigVersion.cmake"
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/VRKCore)
+
+configure_file(cmake/VRKCore.pc.in "${PROJECT_BINARY_DIR}/VRKCore.pc" @ONLY)
+install(FILES "${PROJECT_BINARY_DIR}/VRKCore.pc" DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that building, testing and running VRKCore need and that are missing.
+# Says nothing when all are there.
+set -euo pipefail
+
+packages=(
+  g++ cmake ninja-build pkg-config
+  libopencv-core-dev libopencv-imgproc-dev libopencv-imgcodecs-dev
+  libeigen3-dev libcli11-dev nlohmann-json3-dev gemmi-dev
+  libgtest-dev librapidcheck-dev libsymspg-dev libbenchmark-dev
+  gnuplot-nox
+)
+# CI also checks the formatting.
+if [[ "${1:-}" == --with-checks ]]; then packages+=(clang-format git); fi
+
+missing=()
+for package in "${packages[@]}"; do
+  status=$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null || true)
+  [[ "$status" == installed ]] || missing+=("$package")
+done
+[[ ${#missing[@]} -eq 0 ]] && exit 0
+
+if [[ $(id -u) -eq 0 ]]; then
+  sudo=()
+elif command -v sudo >/dev/null && sudo -n true 2>/dev/null; then
+  sudo=(sudo -n)
+else
+  echo "setup: these packages are missing and may not be installed from this account: ${missing[*]}" >&2
+  echo "setup: run once as root: apt-get install ${missing[*]}" >&2
+  exit 1
+fi
+
+echo "setup: installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+if ! { "${sudo[@]}" apt-get update && "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive \
+       apt-get install -y --no-install-recommends "${missing[@]}"; } >"$log" 2>&1; then
+  tail -n 20 "$log" >&2
+  echo "setup: installing failed; the lines above say why" >&2
+  exit 1
+fi
