@@ -1,0 +1,54 @@
+/// \file
+/// Counting of 16-bit values: one pass over the data gives limits and histogram under any exclusions.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <span>
+#include <vector>
+
+namespace VRK::detail {
+
+/// How often each of the 65536 values of a short occurs. Up to 2^32 - 1 values may be counted.
+class ValueCounts {
+public:
+    static constexpr std::size_t kValues = 65536;
+
+    ValueCounts() : m_tables(kTables * kValues, 0) {}
+
+    void add(std::span<const short> values) {
+        // Neighbouring pixels are often equal, and an increment that waits for the one before it to
+        // reach memory is slow: neighbours therefore count into different tables.
+        std::array<std::uint32_t*, kTables> table{};
+        for (std::size_t t = 0; t < kTables; ++t)
+            table[t] = m_tables.data() + t * kValues;
+        const std::size_t whole = values.size() / kTables * kTables;
+        for (std::size_t i = 0; i < whole; i += kTables) {
+            std::uint64_t four = 0;
+            std::memcpy(&four, values.data() + i, sizeof(four));
+            ++table[0][four & 0xffff];
+            ++table[1][four >> 16 & 0xffff];
+            ++table[2][four >> 32 & 0xffff];
+            ++table[3][four >> 48];
+        }
+        for (std::size_t i = whole; i < values.size(); ++i)
+            ++table[0][index(values[i])];
+    }
+
+    std::uint32_t count(short value) const {
+        std::uint32_t sum = 0;
+        for (std::size_t t = 0; t < kTables; ++t)
+            sum += m_tables[t * kValues + index(value)];
+        return sum;
+    }
+
+private:
+    static constexpr std::size_t kTables = 4;
+    static std::size_t index(short value) { return static_cast<std::uint16_t>(value); }
+
+    std::vector<std::uint32_t> m_tables;
+};
+
+}  // namespace VRK::detail
