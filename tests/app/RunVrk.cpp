@@ -1,0 +1,60 @@
+#include "app/RunVrk.h"
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <memory>
+#include <stdexcept>
+
+namespace {
+
+using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
+
+/// A temporary file that vanishes with its last handle.
+File scratchFile() {
+    File file(std::tmpfile(), &std::fclose);
+    if (!file) throw std::runtime_error("no temporary file");
+    return file;
+}
+
+std::string contents(std::FILE* file) {
+    std::string text;
+    std::array<char, 65536> block{};
+    std::rewind(file);
+    while (const std::size_t got = std::fread(block.data(), 1, block.size(), file))
+        text.append(block.data(), got);
+    return text;
+}
+
+}  // namespace
+
+VrkResult runVrk(const std::vector<std::string>& arguments, const std::string& folder) {
+    std::vector<char*> argv = {const_cast<char*>(VRK_PROGRAM)};
+    for (const std::string& argument : arguments)
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
+
+    const File out = scratchFile();
+    const File err = scratchFile();
+    const pid_t child = fork();
+    if (child < 0) throw std::runtime_error("cannot fork");
+    if (child == 0) {
+        const int input = open("/dev/null", O_RDONLY);
+        dup2(input, STDIN_FILENO);
+        dup2(fileno(out.get()), STDOUT_FILENO);
+        dup2(fileno(err.get()), STDERR_FILENO);
+        if (chdir(folder.c_str()) == 0) execv(VRK_PROGRAM, argv.data());
+        _exit(127);
+    }
+    int status = 0;
+    if (waitpid(child, &status, 0) != child) throw std::runtime_error("lost the program");
+    VrkResult result;
+    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    if (result.exitCode == 127) throw std::runtime_error("cannot start " VRK_PROGRAM " in " + folder);
+    result.out = contents(out.get());
+    result.err = contents(err.get());
+    return result;
+}

@@ -1,0 +1,16 @@
+/// \file
+/// Runs the built vrk as a user would.
+#pragma once
+
+#include <string>
+#include <vector>
+
+struct VrkResult {
+    int exitCode = -1;  ///< 128 + signal number when the program was killed
+    std::string out;    ///< everything on the standard output
+    std::string err;    ///< everything on the standard error stream
+};
+
+/// Runs `vrk arguments...` in the given folder and waits for it. Arguments reach the program as they are,
+/// no shell is involved. Throws std::runtime_error when the program cannot be started.
+VrkResult runVrk(const std::vector<std::string>& arguments, const std::string& folder = ".");
