@@ -10,6 +10,7 @@
 #include <span>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "VRKCoreExport.h"
@@ -137,6 +138,7 @@ public:
     T GetValue(float x, float y, float z) const {
         return Interpolate(x + kPositionTolerance, y + kPositionTolerance, z + kPositionTolerance);
     }
+    T GetValue(float x, float y, float z) { return std::as_const(*this).GetValue(x, y, z); }
     T GetValue(const VoxPoint3D<float>& p) const { return GetValue(p.x, p.y, p.z); }
 
     void SetValue(const T& value, unsigned i) { *Locate(i) = value; }
