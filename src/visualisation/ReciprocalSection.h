@@ -1,0 +1,70 @@
+/// \file
+/// Sections through a reciprocal volume along lattice planes, resampled in the frame of the crystal.
+#pragma once
+
+#include <array>
+#include <string>
+#include <vector>
+
+#include "VRKCoreExport.h"
+#include "visualisation/PlaneImage.h"
+
+class UnitCell;
+class VoxMRCData;
+
+/// Cuts planes such as hk0 or h1l out of a volume. Angles and lengths in the picture are true: it is a view
+/// along the normal of the plane, with the first in-plane axis to the right.
+class VRKCORE_EXPORT ReciprocalSection {
+public:
+    struct Settings {
+        /// The plane holds the nodes level * w + i * u + j * v. u points to the right in the picture, v to
+        /// the upper half.
+        std::array<int, 3> u = {1, 0, 0};
+        std::array<int, 3> v = {0, 1, 0};
+        std::array<int, 3> w = {0, 0, 1};
+        int level = 0;
+        /// Thickness in voxels along the normal; the brightest value inside counts. 0 cuts a plane.
+        double thickness = 2.0;
+        /// Edge of the square picture in pixels.
+        int size = 1024;
+        /// Half edge of the picture in voxels; 0 takes half the largest edge of the volume.
+        double radius = 0.0;
+    };
+
+    /// \param volume  a reconstructed volume (y fastest inside a slice); must outlive this object
+    /// \param cell    the reciprocal cell in voxels of the volume; a direct cell is converted by its pixel
+    /// size \param origin  the voxel coordinates of the reciprocal origin
+    ReciprocalSection(const VoxMRCData& volume, const UnitCell& cell, const std::array<double, 3>& origin);
+
+    /// The picture; voxels outside the volume are not measured (NaN).
+    /// Empty when u and v are parallel, the level's w lies in their plane, or the size is below 1.
+    PlaneImage sample(const Settings& settings) const;
+
+    /// Axes, title and, if asked for, a ring round every lattice node of the plane.
+    ImageOverlay overlay(const Settings& settings, bool nodes) const;
+
+    /// Settings of the plane through the origin or at a level, by its name: "hk0", "h0l", "0kl", "hk1",
+    /// "h-2l". \returns false for any other text; the settings are then untouched
+    static bool parsePlane(const char* name, Settings& settings);
+    static bool parsePlane(const std::string& name, Settings& settings) {
+        return parsePlane(name.c_str(), settings);
+    }
+
+private:
+    using Vector = std::array<double, 3>;
+    /// Centre, unit axes and scale of the picture in the volume.
+    struct Frame {
+        Vector centre, right, up, normal;
+        double voxelsPerPixel;
+        bool valid;
+    };
+
+    Frame frameOf(const Settings& settings) const;
+    Vector node(const std::array<int, 3>& hkl) const;
+    float interpolate(float x, float y, float z) const;
+
+    int m_width, m_height, m_depth;
+    std::vector<const short*> m_slices;
+    std::array<Vector, 3> m_base;
+    Vector m_origin;
+};

@@ -1,0 +1,144 @@
+#include "visualisation/VoxOpenCV.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <fstream>
+#include <opencv2/core.hpp>
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+#include <vector>
+
+#include "foundation/VRKLogger.h"
+
+namespace {
+
+bool fail(const std::string& path, const std::string& reason) {
+    VRKLogger::getInstance()->log("The image " + path + " could not be written: " + reason, VRK::Error,
+                                  VRK::Information);
+    return false;
+}
+
+bool save(const cv::Mat& image, const std::string& path) {
+    try {
+        if (cv::imwrite(path, image)) return true;
+    } catch (const cv::Exception&) {
+        return fail(path, "no image format goes by the ending of that name; use .png");
+    }
+    return fail(path, "check that its folder exists and may be written to, and the free space");
+}
+
+bool isEmpty(const PlaneImage& image) {
+    return image.width <= 0 || image.height <= 0 ||
+           image.values.size() !=
+               static_cast<std::size_t>(image.width) * static_cast<std::size_t>(image.height);
+}
+
+/// The value below which the given share of the values lies; reorders them.
+float quantile(std::vector<float>& values, double share) {
+    const auto last = static_cast<double>(values.size() - 1);
+    const auto nth = values.begin() + static_cast<std::ptrdiff_t>(share * last);
+    std::nth_element(values.begin(), nth, values.end());
+    return *nth;
+}
+
+cv::Mat greyScaled(const PlaneImage& image) {
+    std::vector<float> positive;
+    for (float value : image.values)
+        if (value > 0.0F && std::isfinite(value)) positive.push_back(value);
+    cv::Mat grey(image.height, image.width, CV_8U, cv::Scalar(0));
+    if (positive.empty()) return grey;
+    const float unit = std::max(quantile(positive, 0.5), 1e-30F);
+    const float white = std::max(std::asinh(quantile(positive, 0.9998) / unit), 1e-6F);
+    std::transform(image.values.begin(), image.values.end(), grey.data, [&](float value) {
+        if (!(value > 0.0F) || !std::isfinite(value)) return static_cast<unsigned char>(0);
+        const float scaled = 255.0F * std::asinh(value / unit) / white;
+        return static_cast<unsigned char>(std::lround(std::min(scaled, 255.0F)));
+    });
+    return grey;
+}
+
+/// Positions in 1/16 pixel, as OpenCV's drawing takes them.
+cv::Point fine(double x, double y) {
+    return {cvRound(x * 16.0), cvRound(y * 16.0)};
+}
+constexpr int kFineBits = 4;
+
+void putLabel(cv::Mat& canvas, const std::string& text, double x, double y, const cv::Scalar& colour) {
+    int baseline = 0;
+    const cv::Size size = cv::getTextSize(text, cv::FONT_HERSHEY_SIMPLEX, 0.5, 1, &baseline);
+    const cv::Point at(std::clamp(cvRound(x), 2, std::max(2, canvas.cols - size.width - 2)),
+                       std::clamp(cvRound(y), size.height + 2, std::max(size.height + 2, canvas.rows - 4)));
+    cv::putText(canvas, text, at, cv::FONT_HERSHEY_SIMPLEX, 0.5, cv::Scalar(0, 0, 0), 3, cv::LINE_AA);
+    cv::putText(canvas, text, at, cv::FONT_HERSHEY_SIMPLEX, 0.5, colour, 1, cv::LINE_AA);
+}
+
+void drawArrowHead(cv::Mat& canvas, const ImageOverlay::Line& line, const cv::Scalar& colour) {
+    const double dx = line.x1 - line.x0;
+    const double dy = line.y1 - line.y0;
+    const double length = std::hypot(dx, dy);
+    if (length < 1.0) return;
+    for (const double side : {-0.4, 0.4}) {
+        const double x = line.x1 - 9.0 * (dx - side * dy) / length;
+        const double y = line.y1 - 9.0 * (dy + side * dx) / length;
+        cv::line(canvas, fine(line.x1, line.y1), fine(x, y), colour, 1, cv::LINE_AA, kFineBits);
+    }
+}
+
+void draw(cv::Mat& canvas, const ImageOverlay& overlay) {
+    const cv::Scalar nodeColour(90, 200, 90);
+    const cv::Scalar lineColour(80, 170, 255);
+    for (const ImageOverlay::Node& node : overlay.nodes)
+        cv::circle(canvas, fine(node.x, node.y), 5 * 16, nodeColour, 1, cv::LINE_AA, kFineBits);
+    for (const ImageOverlay::Line& line : overlay.lines) {
+        cv::line(canvas, fine(line.x0, line.y0), fine(line.x1, line.y1), lineColour, 1, cv::LINE_AA,
+                 kFineBits);
+        if (line.arrow) drawArrowHead(canvas, line, lineColour);
+        if (!line.label.empty()) putLabel(canvas, line.label, line.x1 + 6.0, line.y1 - 4.0, lineColour);
+    }
+    if (!overlay.title.empty()) putLabel(canvas, overlay.title, 8.0, 20.0, cv::Scalar(255, 255, 255));
+}
+
+}  // namespace
+
+bool VoxOpenCV::SaveImageWithEqualizeHist(const int* pixels, int width, int height, const std::string& path) {
+    if (!pixels || width <= 0 || height <= 0) return fail(path, "the image is empty");
+    cv::Mat grey(height, width, CV_8U);
+    const std::size_t count = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
+    std::transform(pixels, pixels + count, grey.data,
+                   [](int value) { return static_cast<unsigned char>(std::clamp(value, 0, 255)); });
+    cv::equalizeHist(grey, grey);
+    return save(grey, path);
+}
+
+bool VoxOpenCV::SaveImage(const PlaneImage& image, const std::string& path, const ImageOverlay& overlay) {
+    if (isEmpty(image)) return fail(path, "the image is empty");
+    const cv::Mat grey = greyScaled(image);
+    if (overlay.title.empty() && overlay.lines.empty() && overlay.nodes.empty()) return save(grey, path);
+    cv::Mat canvas;
+    cv::cvtColor(grey, canvas, cv::COLOR_GRAY2BGR);
+    draw(canvas, overlay);
+    return save(canvas, path);
+}
+
+bool VoxOpenCV::SaveTGA(const PlaneImage& image, const std::string& path) {
+    if (isEmpty(image)) return fail(path, "the image is empty");
+    if (image.width > 0xFFFF || image.height > 0xFFFF)
+        return fail(path, "TGA files hold at most 65535 x 65535 pixels");
+    const auto low = [](int value) { return static_cast<char>(value & 0xFF); };
+    const auto high = [](int value) { return static_cast<char>((value >> 8) & 0xFF); };
+    std::array<char, 18> header{};
+    header[2] = 3;  // uncompressed grey values
+    header[12] = low(image.width);
+    header[13] = high(image.width);
+    header[14] = low(image.height);
+    header[15] = high(image.height);
+    header[16] = 8;     // bits a pixel
+    header[17] = 0x20;  // first row on top
+    const cv::Mat grey = greyScaled(image);
+    std::ofstream file(path, std::ios::binary);
+    file.write(header.data(), header.size());
+    file.write(reinterpret_cast<const char*>(grey.data), static_cast<std::streamsize>(grey.total()));
+    file.close();
+    return file ? true : fail(path, "check that its folder exists and may be written to, and the free space");
+}

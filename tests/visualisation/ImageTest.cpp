@@ -1,0 +1,162 @@
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <memory>
+#include <opencv2/core.hpp>
+#include <opencv2/imgcodecs.hpp>
+#include <vector>
+
+#include "VoxCore/DataModel/VoxMRCData.h"
+#include "crystallography/UnitCell.h"
+#include "support/RecordingLogObserver.h"
+#include "visualisation/ReciprocalSection.h"
+#include "visualisation/VolumeProjection.h"
+#include "visualisation/VoxOpenCV.h"
+
+namespace {
+
+std::string temporary(const std::string& name) {
+    return testing::TempDir() + "vrk image's " + name;
+}
+
+std::unique_ptr<VoxMRCData> volumeOf(unsigned width, unsigned height, unsigned depth) {
+    return std::unique_ptr<VoxMRCData>(VoxMRCData::Create3D(width, height, depth));
+}
+
+void set(VoxMRCData& volume, unsigned x, unsigned y, unsigned z, short value) {
+    volume.GetChunkPointer(z)[x * volume.GetHeight() + y] = value;
+}
+
+}  // namespace
+
+TEST(Image, EqualisedImageUsesTheWholeScale) {
+    // Values of 0 ... 3 are invisible as they are; equalised they span black to white.
+    std::vector<int> pixels(64 * 32);
+    for (std::size_t i = 0; i < pixels.size(); ++i)
+        pixels[i] = static_cast<int>(i % 4);
+    const std::string path = temporary("equalised.png");
+    ASSERT_TRUE(VoxOpenCV::SaveImageWithEqualizeHist(pixels.data(), 64, 32, path));
+    const cv::Mat image = cv::imread(path, cv::IMREAD_UNCHANGED);
+    ASSERT_EQ(image.size(), cv::Size(64, 32));
+    double low = -1.0, high = -1.0;
+    cv::minMaxLoc(image, &low, &high);
+    EXPECT_EQ(low, 0.0);
+    EXPECT_EQ(high, 255.0);
+    EXPECT_LT(image.at<unsigned char>(0, 1), image.at<unsigned char>(0, 2));
+    std::filesystem::remove(path);
+}
+
+TEST(Image, ContrastShowsWeakSpotsBesideStrongOnes) {
+    PlaneImage picture(100, 50);
+    for (float& value : picture.values)
+        value = 1.0F;
+    picture.at(10, 5) = 30000.0F;
+    picture.at(70, 40) = 20.0F;
+    picture.at(0, 0) = std::numeric_limits<float>::quiet_NaN();
+    const std::string path = temporary("contrast.tga");
+    ASSERT_TRUE(VoxOpenCV::SaveTGA(picture, path));
+    std::ifstream file(path, std::ios::binary);
+    const std::vector<unsigned char> bytes(std::istreambuf_iterator<char>(file), {});
+    ASSERT_EQ(bytes.size(), 18u + 100u * 50u);
+    const auto grey = [&](std::size_t x, std::size_t y) { return bytes[18 + y * 100 + x]; };
+    EXPECT_EQ(grey(10, 5), 255);
+    EXPECT_EQ(grey(0, 0), 0);
+    EXPECT_GT(grey(70, 40), grey(50, 20) + 40);
+    std::filesystem::remove(path);
+}
+
+TEST(Image, FailuresNameTheFile) {
+    const PlaneImage picture(4, 4);
+    RecordingLogObserver log;
+    EXPECT_FALSE(VoxOpenCV::SaveImage(PlaneImage(), temporary("a.png")));
+    EXPECT_FALSE(VoxOpenCV::SaveImage(picture, "/no such folder/a.png"));
+    EXPECT_FALSE(VoxOpenCV::SaveImage(picture, temporary("a.unknown")));
+    EXPECT_FALSE(VoxOpenCV::SaveTGA(picture, "/dev/full"));
+    EXPECT_FALSE(VoxOpenCV::SaveImageWithEqualizeHist(nullptr, 4, 4, temporary("b.png")));
+    EXPECT_EQ(log.count("could not be written", VRK::Error), 5);
+    EXPECT_TRUE(log.has("/no such folder/a.png", VRK::Error));
+}
+
+TEST(VolumeProjection, KeepsEachAxisInItsPlace) {
+    const auto volume = volumeOf(7, 5, 3);
+    set(*volume, 6, 1, 2, 9);
+    const PlaneImage alongX = VolumeProjection::maximumAlong(*volume, 0);
+    const PlaneImage alongY = VolumeProjection::maximumAlong(*volume, 1);
+    const PlaneImage alongZ = VolumeProjection::maximumAlong(*volume, 2);
+    EXPECT_EQ(alongX.width, 3);
+    EXPECT_EQ(alongX.height, 5);
+    EXPECT_EQ(alongY.height, 3);
+    EXPECT_EQ(alongX.at(2, 1), 9.0F);
+    EXPECT_EQ(alongY.at(6, 2), 9.0F);
+    EXPECT_EQ(alongZ.at(6, 1), 9.0F);
+    EXPECT_EQ(alongZ.at(5, 1), 0.0F);
+    EXPECT_TRUE(VolumeProjection::maximumAlong(*volume, 3).values.empty());
+    EXPECT_TRUE(VolumeProjection::maximumAlong(VoxMRCData(), 0).values.empty());
+}
+
+/// A bright node shows exactly where the overlay marks it; a node of another plane does not show at all.
+TEST(ReciprocalSection, ShowsTheNodesOfThePlaneWhereItMarksThem) {
+    using Indices = std::array<int, 3>;
+    const double base[3][3] = {{9.0, 2.0, 1.0}, {-1.0, 8.0, 3.0}, {1.0, -2.0, 10.0}};
+    const UnitCell cell(base[0], base[1], base[2], 1.0, false, true, LATTICE::aP);
+    const std::array<double, 3> origin = {40.0, 32.0, 30.0};
+    const auto volumeWith = [&](const Indices& hkl) {
+        auto volume = volumeOf(81, 65, 61);
+        std::array<unsigned, 3> place{};
+        for (std::size_t axis = 0; axis < 3; ++axis)
+            place[axis] = static_cast<unsigned>(std::lround(origin[axis] + hkl[0] * base[0][axis] +
+                                                            hkl[1] * base[1][axis] + hkl[2] * base[2][axis]));
+        set(*volume, place[0], place[1], place[2], 1000);
+        return volume;
+    };
+
+    struct Case {
+        const char* plane;
+        Indices inside, outside;
+    };
+    for (const Case& test : {Case{"hk0", {1, 2, 0}, {1, 2, 1}}, Case{"h0l", {2, 0, 1}, {2, 1, 1}},
+                             Case{"0kl", {0, -1, 2}, {1, -1, 2}}, Case{"hk1", {2, 1, 1}, {2, 1, 0}},
+                             Case{"h-1l", {1, -1, 1}, {1, 1, 1}}}) {
+        ReciprocalSection::Settings settings;
+        ASSERT_TRUE(ReciprocalSection::parsePlane(test.plane, settings));
+        settings.size = 161;
+        settings.radius = 40.25;
+
+        const auto volume = volumeWith(test.inside);
+        const ReciprocalSection section(*volume, cell, origin);
+        const PlaneImage picture = section.sample(settings);
+        int bright = 0;
+        for (const ImageOverlay::Node& node : section.overlay(settings, true).nodes)
+            if (picture.at(static_cast<int>(std::lround(node.x)), static_cast<int>(std::lround(node.y))) >
+                500.0F)
+                ++bright;
+        EXPECT_EQ(bright, 1) << test.plane;
+
+        const auto other = volumeWith(test.outside);
+        const PlaneImage black = ReciprocalSection(*other, cell, origin).sample(settings);
+        for (float value : black.values)
+            ASSERT_FALSE(value > 0.0F) << test.plane;
+    }
+}
+
+TEST(ReciprocalSection, MarksWhatWasNotMeasuredAndRefusesWhatIsNoPlane) {
+    const UnitCell cell;
+    const auto volume = volumeOf(9, 9, 9);
+    const ReciprocalSection section(*volume, cell, {4.0, 4.0, 4.0});
+    ReciprocalSection::Settings settings;
+    settings.size = 32;
+    settings.radius = 8.0;
+    const PlaneImage picture = section.sample(settings);
+    EXPECT_TRUE(std::isnan(picture.at(0, 0)));
+    EXPECT_EQ(picture.at(16, 16), 0.0F);
+
+    settings.v = {2, 0, 0};
+    EXPECT_TRUE(section.sample(settings).values.empty());
+    EXPECT_TRUE(section.overlay(settings, true).nodes.empty());
+    for (const char* name : {"", "hk", "hkl", "h00", "kh0", "hk0x", "hk99999", "0 kl", "hk1.5"})
+        EXPECT_FALSE(ReciprocalSection::parsePlane(name, settings)) << name;
+}
