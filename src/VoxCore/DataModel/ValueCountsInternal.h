@@ -37,6 +37,9 @@ public:
             ++table[0][index(values[i])];
     }
 
+    /// Counts one value several times.
+    void add(short value, std::uint32_t times) { m_tables[index(value)] += times; }
+
     std::uint32_t count(short value) const {
         std::uint32_t sum = 0;
         for (std::size_t t = 0; t < kTables; ++t)

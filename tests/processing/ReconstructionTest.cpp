@@ -1,0 +1,183 @@
+#include <gtest/gtest.h>
+#include <rapidcheck.h>
+
+#include <algorithm>
+#include <limits>
+#include <memory>
+#include <random>
+
+#include "processing/PlainReconstruction.h"
+#include "processing/SeriesFactory.h"
+#include "processing/VoxMRCstemProcessing.h"
+#include "support/RecordingLogObserver.h"
+#include "support/RecordingProgressObserver.h"
+
+namespace {
+
+std::unique_ptr<VoxMRCData> toData(const plain::Series& series) {
+    auto data =
+        makeSeries(static_cast<unsigned>(series.width), static_cast<unsigned>(series.height), series.tilts);
+    for (unsigned i = 0; i < data->GetDepth(); ++i)
+        setPixels(*data, i, series.patterns[i]);
+    return data;
+}
+
+/// Random patterns over the whole 16-bit range, or around 0.
+plain::Series randomSeries(int width, int height, std::vector<float> tilts, unsigned seed, bool wide) {
+    plain::Series series{width, height, std::move(tilts), {}};
+    std::mt19937 random(seed);
+    std::uniform_int_distribution<int> value(wide ? -32768 : -12, wide ? 32767 : 30);
+    const auto size = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
+    for (std::size_t i = 0; i < series.tilts.size(); ++i) {
+        std::vector<short>& pattern = series.patterns.emplace_back(size);
+        std::generate(pattern.begin(), pattern.end(), [&] { return static_cast<short>(value(random)); });
+    }
+    return series;
+}
+
+std::unique_ptr<VoxMRCData> reconstruct(VoxMRCData* series, double pixelSize = 0, int verbosity = 0) {
+    return std::unique_ptr<VoxMRCData>(
+        VoxMRCstemProcessing().recoByAngle(series, pixelSize, verbosity, true));
+}
+
+std::vector<float> range(float first, float last, float step) {
+    std::vector<float> tilts;
+    for (float tilt = first; tilt <= last; tilt += step)
+        tilts.push_back(tilt);
+    return tilts;
+}
+
+rc::Gen<std::vector<float>> ascendingTilts() {
+    const auto tenths = rc::gen::container<std::vector<float>>(
+        rc::gen::map(rc::gen::inRange(-1000, 1001), [](int i) { return static_cast<float>(i) * 0.1F; }));
+    return rc::gen::map(rc::gen::nonEmpty(tenths), [](std::vector<float> tilts) {
+        std::sort(tilts.begin(), tilts.end());
+        return tilts;
+    });
+}
+
+}  // namespace
+
+TEST(Reconstruction, EqualsThePlainOneBitForBit) {
+    EXPECT_TRUE(rc::check("random series", [] {
+        const int width = *rc::gen::inRange(1, 34);
+        const int height = *rc::gen::inRange(1, 40);
+        const plain::Series series = randomSeries(
+            width, height, *ascendingTilts(), *rc::gen::arbitrary<unsigned>(), *rc::gen::arbitrary<bool>());
+        const auto input = toData(series);
+        const auto volume = reconstruct(input.get());
+        const auto expected = plain::reconstruct(series);
+        if (expected.empty()) {
+            RC_ASSERT(!volume);
+            return;
+        }
+        RC_ASSERT(volume->GetWidth() == static_cast<unsigned>(width));
+        RC_ASSERT(volume->GetHeight() == static_cast<unsigned>(height));
+        RC_ASSERT(volume->GetDepth() == expected.size());
+        VoxHistogram<short> histogram(volume.get(), 256, {});
+        histogram.Update();
+        RC_ASSERT(volume->m_Histogram->m_Bins == histogram.m_Bins);
+        RC_ASSERT(volume->m_Histogram->m_MinValue == histogram.m_MinValue);
+        RC_ASSERT(volume->m_Histogram->m_MaxValue == histogram.m_MaxValue);
+        for (unsigned layer = 0; layer < volume->GetDepth(); ++layer)
+            RC_ASSERT(pixelsOf(*volume, layer) == expected[layer]);
+        for (unsigned i = 0; i < input->GetDepth(); ++i)
+            RC_ASSERT(pixelsOf(*input, i) == series.patterns[i]);
+    }));
+}
+
+TEST(Reconstruction, EqualsThePlainOneOnAUsualSeries) {
+    for (const int width : {64, 65}) {
+        const plain::Series series = randomSeries(width, width, range(-60, 60, 1.5F), 7, false);
+        const auto input = toData(series);
+        const auto volume = reconstruct(input.get());
+        const auto expected = plain::reconstruct(series);
+        ASSERT_EQ(volume->GetDepth(), expected.size());
+        for (unsigned layer = 0; layer < volume->GetDepth(); ++layer)
+            ASSERT_EQ(pixelsOf(*volume, layer), expected[layer]) << width << ", layer " << layer;
+    }
+}
+
+TEST(Reconstruction, GivesTheVolumeItsHeader) {
+    const plain::Series series = randomSeries(16, 12, range(-60, 60, 10), 3, true);
+    const auto input = toData(series);
+    RecordingLogObserver log;
+    const std::unique_ptr<VoxMRCData> coarse(VoxMRCstemProcessing().recoByAngle(input.get(), 0, 0, false));
+    EXPECT_TRUE(log.has("No fine calibration useable.", VRK::Warning));
+    EXPECT_FLOAT_EQ(coarse->m_Header.m_pixelsize, 1e8F);
+    EXPECT_EQ(coarse->m_Header.type, MRCType::MRCVOLUME);
+    EXPECT_EQ(coarse->m_Header.nx, 16);
+    EXPECT_EQ(coarse->m_Header.nz, 14);
+    EXPECT_EQ(coarse->m_Header.mz, 14);
+    EXPECT_EQ(coarse->m_Header.next, 0);
+    EXPECT_FALSE(log.has("MinValue", VRK::Normal));
+
+    const std::unique_ptr<VoxMRCData> fine(VoxMRCstemProcessing().recoByAngle(input.get(), 2.5e7, 3, false));
+    EXPECT_TRUE(log.has("Fine calibration used.", VRK::Normal));
+    EXPECT_FLOAT_EQ(fine->m_Header.m_pixelsize, 2.5e7F);
+    EXPECT_TRUE(*coarse == *fine);
+
+    // Limits before and after the clearing, and one line per column.
+    short lowest = std::numeric_limits<short>::max(), highest = 0;
+    for (const auto& layer : plain::reconstruct(series, false)) {
+        lowest = std::min(lowest, *std::min_element(layer.begin(), layer.end()));
+        highest = std::max(highest, *std::max_element(layer.begin(), layer.end()));
+    }
+    const auto limits = [](int low, int high) {
+        return "output (mrcVol)   MinValue " + std::to_string(low) + " MaxValue " + std::to_string(high);
+    };
+    EXPECT_LT(lowest, -10);
+    EXPECT_EQ(log.count(limits(lowest, highest), VRK::Normal), 1);
+    EXPECT_EQ(log.count(limits(0, highest), VRK::Normal), 1);
+    EXPECT_EQ(log.count(" Pix ", VRK::Debug), 14 * 16);
+}
+
+TEST(Reconstruction, RefusesWhatItCannotTake) {
+    struct Case {
+        std::vector<float> tilts;
+        const char* message;
+    };
+    const std::vector<Case> cases = {
+        {{0, 0, 0}, "all tilt angles are 0"},
+        {{10, 0, -10}, "pattern 1 has 0 after 10"},
+        {{-10, 0, 5, 4}, "pattern 3 has 4 after 5"},
+        {{-10, std::numeric_limits<float>::quiet_NaN(), 10}, "pattern 1 is not a number"},
+        {std::vector<float>(301, 1.0F), "301 patterns"},
+    };
+    for (const Case& c : cases) {
+        RecordingLogObserver log;
+        const auto series = makeSeries(4, 4, c.tilts);
+        EXPECT_EQ(reconstruct(series.get()), nullptr);
+        EXPECT_TRUE(log.has(c.message, VRK::Error)) << c.message;
+    }
+    RecordingLogObserver log;
+    EXPECT_EQ(reconstruct(nullptr), nullptr);
+    VoxMRCData empty;
+    EXPECT_EQ(reconstruct(&empty), nullptr);
+    EXPECT_EQ(log.count("recoByAngle()", VRK::Error), 2);
+
+    const auto single = makeSeries(8, 8, {20});
+    EXPECT_NE(reconstruct(single.get()), nullptr);
+    EXPECT_TRUE(log.has("one pattern", VRK::Warning));
+    const auto steep = makeSeries(8, 8, {-100, 0, 100});
+    EXPECT_NE(reconstruct(steep.get()), nullptr);
+    EXPECT_TRUE(log.has("beyond +-90 degrees", VRK::Warning));
+    EXPECT_EQ(VoxMRCstemProcessing().reco_oldMatlab(steep.get()), nullptr);
+}
+
+TEST(Reconstruction, ReportsEveryLayerAndStopsWhenCanceled) {
+    const auto series = makeSeries(16, 16, range(-60, 60, 20));
+    VoxMRCstemProcessing processing;
+    RecordingProgressObserver all;
+    processing.registerObserver(&all);
+    const std::unique_ptr<VoxMRCData> volume(processing.recoByAngle(series.get(), 0, 0, true));
+    EXPECT_EQ(all.steps(), 14);
+    EXPECT_EQ(all.updates.size(), 14U);
+
+    RecordingProgressObserver some(5);
+    processing.registerObserver(&some);
+    RecordingLogObserver log;
+    EXPECT_EQ(processing.recoByAngle(series.get(), 0, 0, true), nullptr);
+    EXPECT_EQ(some.updates.size(), 5U);
+    EXPECT_TRUE(log.has("recoByAngle() canceled", VRK::Normal));
+}
