@@ -8,6 +8,7 @@
 #include <tuple>
 
 #include "foundation/VRKLogger.h"
+#include "reflections/ReflexOnGrid.h"
 
 namespace {
 
@@ -41,7 +42,10 @@ void Reflex::operator delete(void*, void*) noexcept {}
 
 void Reflex::destroy(Reflex* reflex) {
     if (!reflex) return;
-    destroyAs(reflex);
+    if (auto* region = dynamic_cast<ReflexOnGrid*>(reflex))
+        destroyAs(region);
+    else
+        destroyAs(reflex);
 }
 
 double Reflex::getCenter(int axis, int) {

@@ -1,17 +1,17 @@
 #include "reflections/ReflexVector.h"
 
 #include <algorithm>
-#include <cmath>
 #include <iostream>
 #include <limits>
+
+#include "crystallography/BasicMath.h"
 
 namespace {
 
 double distanceToCenter(Reflex& reflex, double cx, double cy, double cz, int type) {
-    const double dx = cx - reflex.getCenter(0, type);
-    const double dy = cy - reflex.getCenter(1, type);
-    const double dz = cz - reflex.getCenter(2, type);
-    return std::sqrt(dx * dx + dy * dy + dz * dz);
+    const double offset[3] = {cx - reflex.getCenter(0, type), cy - reflex.getCenter(1, type),
+                              cz - reflex.getCenter(2, type)};
+    return BasicMath::Norm(offset);
 }
 
 /// Removes the elements that the test does not want to keep.

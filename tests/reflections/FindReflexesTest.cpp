@@ -1,0 +1,180 @@
+#include "reflections/FindReflexes.h"
+
+#include <gtest/gtest.h>
+#include <rapidcheck.h>
+
+#include <limits>
+#include <numeric>
+#include <random>
+
+#include "PlainSearch.h"
+#include "TestVolume.h"
+#include "reflections/ReflexOnGrid.h"
+#include "support/RecordingLogObserver.h"
+#include "support/RecordingProgressObserver.h"
+
+namespace {
+
+ReflexVectorPtr search(VoxMRCData& volume, Parameter& parameter) {
+    return ReflexVectorPtr(FindReflexes().findAllReflexes(&volume, &parameter, true, nullptr));
+}
+
+/// Finds everything: threshold 1 and no limits.
+Parameter unlimited() {
+    Parameter parameter;
+    parameter.setThreshold(1.0);
+    parameter.setMinCountOfVoxel(0);
+    parameter.setMaxCountOfVoxel(std::numeric_limits<int>::max());
+    parameter.setCutOffZeroBeam(false);
+    return parameter;
+}
+
+bool same(double a, double b) {
+    return a == b || (std::isnan(a) && std::isnan(b));
+}
+
+void expectSame(ReflexOnGrid& fast, const PlainReflection& plain) {
+    RC_ASSERT(*fast.getPoints() == plain.points);
+    RC_ASSERT(fast.getNumberOfVoxels() == static_cast<int>(plain.points.size()));
+    for (int axis = 0; axis < 3; ++axis)
+        for (const int type : {1, 2, 3})
+            RC_ASSERT(same(fast.getCenter(axis, type), plain.center(axis, type)));
+    RC_ASSERT(fast.getMaxValue() == plain.max);
+    RC_ASSERT(fast.getMinValue() == plain.min);
+    RC_ASSERT(fast.getIntensity() == double{plain.sum});
+    RC_ASSERT(fast.getWidth() == plain.high.x - plain.low.x + 1);
+    RC_ASSERT(fast.getHeight() == plain.high.y - plain.low.y + 1);
+    RC_ASSERT(fast.getDepth() == plain.high.z - plain.low.z + 1);
+    RC_ASSERT(!fast.isIndicated());
+}
+
+std::unique_ptr<VoxMRCData> anyVolume() {
+    const auto extent = [] { return static_cast<unsigned>(*rc::gen::inRange(1, 10)); };
+    const std::array<unsigned, 3> dims = {extent(), extent(), extent()};
+    // From plateaus of few levels to values that make float sums depend on their order.
+    const int spread = *rc::gen::element(1, 3, 50, 32767);
+    std::mt19937 random(*rc::gen::arbitrary<unsigned>());
+    std::uniform_int_distribution<int> level(-spread, spread);
+    std::vector<short> values(std::size_t{dims[0]} * dims[1] * dims[2]);
+    for (short& value : values)
+        value = static_cast<short>(level(random));
+    return makeVolume(dims, values);
+}
+
+/// Divides the values of anyVolume() in every proportion; whole numbers and others.
+double anyThreshold() {
+    return *rc::gen::element(-40000, -32768, -30, -2, -1, 0, 1, 2, 3, 20, 10000, 32767, 40000) +
+           *rc::gen::element(0.0, 0.25, 0.5, 1e-9);
+}
+
+TEST(FindReflexes, FindsWhatThePlainSearchFindsInTheSameOrder) {
+    EXPECT_TRUE(rc::check([] {
+        const auto volume = anyVolume();
+        Parameter parameter;
+        parameter.setThreshold(anyThreshold());
+        parameter.setMinCountOfVoxel(*rc::gen::inRange(0, 4));
+        parameter.setMaxCountOfVoxel(*rc::gen::element(1, 5, 1000));
+        parameter.setCutOffZeroBeam(*rc::gen::arbitrary<bool>());
+        parameter.setMinDistToZeroBeam(*rc::gen::element(0.5, 1.0, 2.0));
+        parameter.setLimitResolution(*rc::gen::arbitrary<bool>());
+        parameter.setLimitOfResolution(*rc::gen::element(1.0, 3.0, 4.5));
+        parameter.setWhichReflectionMiddleShouldUsed(*rc::gen::inRange(1, 4));
+        const std::vector<PlainReflection> expected = plainSearch(*volume, parameter);
+        const ReflexVectorPtr found = search(*volume, parameter);
+        RC_ASSERT(found->size() == expected.size());
+        for (std::size_t i = 0; i < expected.size(); ++i)
+            expectSame(dynamic_cast<ReflexOnGrid&>(*(*found)[i]), expected[i]);
+    }));
+}
+
+TEST(FindReflexes, EveryThresholdDividesTheValuesAsFloatComparisonDoes) {
+    std::vector<short> values(65536);
+    std::iota(values.begin(), values.end(), short{-32768});
+    for (const double threshold : {-1e300, -32768.5, -32768.0, -0.5, 0.0, 0.5, 124.99999999, 125.0, 32766.5,
+                                   32767.0, 32767.5, 1e300, std::numeric_limits<double>::quiet_NaN()}) {
+        // One row along y, so that the foreground is one region.
+        const auto volume = makeVolume({65536, 1, 1}, values);
+        Parameter parameter = unlimited();
+        parameter.setThreshold(threshold);
+        const PlainVolume plain(*volume, threshold);
+        int foreground = 0;
+        for (int i = 0; i < 65536; ++i)
+            foreground += plain.background(i) ? 0 : 1;
+        // A last voxel at an odd y has no seed; the row's end at 65535 stands alone only for 32767.
+        const ReflexVectorPtr found = search(*volume, parameter);
+        const int expected = foreground == 1 ? 0 : foreground;
+        EXPECT_EQ(found->empty() ? 0 : found->front()->getNumberOfVoxels(), expected) << threshold;
+    }
+}
+
+TEST(FindReflexes, SeedsHaveCoordinatesOfOneParity) {
+    struct Case {
+        unsigned x, y, z;
+        bool found;
+    };
+    for (const Case& c : {Case{0, 0, 0, true}, Case{1, 1, 1, true}, Case{2, 0, 2, true}, Case{1, 0, 0, false},
+                          Case{0, 1, 0, false}, Case{0, 1, 1, false}, Case{1, 1, 2, false}}) {
+        const auto volume = makeVolume({3, 3, 3});
+        setVoxel(*volume, c.x, c.y, c.z, 9);
+        Parameter parameter = unlimited();
+        EXPECT_EQ(search(*volume, parameter)->size(), c.found ? 1U : 0U) << c.x << c.y << c.z;
+    }
+}
+
+TEST(FindReflexes, SlicesThatAreNotSquareStayInsideTheirMemory) {
+    const auto volume = makeVolume({7, 3, 4}, std::vector<short>(84, 5));
+    Parameter parameter = unlimited();
+    const ReflexVectorPtr found = search(*volume, parameter);
+    ASSERT_EQ(found->size(), 1U);
+    auto& region = dynamic_cast<ReflexOnGrid&>(*found->front());
+    EXPECT_EQ(region.getNumberOfVoxels(), 84);
+    EXPECT_EQ(region.getWidth(), 3);
+    EXPECT_EQ(region.getHeight(), 7);
+    EXPECT_EQ(region.getDepth(), 4);
+}
+
+TEST(FindReflexes, ReportsProgressAndCancels) {
+    const auto volume = makeVolume({4, 5, 3}, std::vector<short>(60, 5));
+    Parameter parameter = unlimited();
+    RecordingProgressObserver observer;
+    FindReflexes finder;
+    finder.registerObserver(&observer);
+    ReflexVectorPtr(finder.findAllReflexes(volume.get(), &parameter, true, nullptr));
+    EXPECT_EQ(observer.titles, std::vector<std::string>{" "});
+    EXPECT_EQ(observer.steps(), 6);
+    EXPECT_EQ(observer.updates, (std::vector<int>{1, 2, 3, 4, 5, 6}));
+
+    RecordingProgressObserver stopping(2);
+    finder.registerObserver(&stopping);
+    EXPECT_EQ(finder.findAllReflexes(volume.get(), &parameter, true, nullptr), nullptr);
+    EXPECT_EQ(stopping.updates.size(), 2U);
+}
+
+TEST(FindReflexes, TracesUnlessQuietAndStoresTheTime) {
+    const auto volume = makeVolume({2, 2, 2});
+    Parameter parameter;
+    RecordingLogObserver log;
+    double seconds = -1.0;
+    ReflexVectorPtr(FindReflexes().findAllReflexes(volume.get(), &parameter, true, nullptr));
+    EXPECT_TRUE(log.messages.empty());
+    EXPECT_TRUE(
+        ReflexVectorPtr(FindReflexes().findAllReflexes(volume.get(), &parameter, false, &seconds))->empty());
+    EXPECT_GE(seconds, 0.0);
+    using Message = RecordingLogObserver::Message;
+    EXPECT_EQ(log.messages,
+              (std::vector<Message>{{">> FindReflexes::findAllReflexes", VRK::Debug, VRK::MethodControl},
+                                    {"<< FindReflexes::findAllReflexes", VRK::Debug, VRK::MethodControl}}));
+}
+
+TEST(FindReflexes, RefusesWhatItCannotSearch) {
+    Parameter parameter;
+    RecordingLogObserver log;
+    VoxMRCData empty;
+    EXPECT_TRUE(search(empty, parameter)->empty());
+    EXPECT_TRUE(log.messages.empty());
+    EXPECT_EQ(FindReflexes().findAllReflexes(nullptr, &parameter, true, nullptr), nullptr);
+    EXPECT_EQ(FindReflexes().findAllReflexes(&empty, nullptr, true, nullptr), nullptr);
+    EXPECT_EQ(log.count("no volume or no parameters", VRK::Error), 2);
+}
+
+}  // namespace

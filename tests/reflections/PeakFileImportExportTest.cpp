@@ -1,0 +1,170 @@
+#include "reflections/PeakFileImportExport.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <limits>
+#include <sstream>
+#include <string>
+
+#include "reflections/ReflexVector.h"
+#include "support/RecordingLogObserver.h"
+
+namespace {
+
+class PeakFile : public testing::Test {
+protected:
+    ~PeakFile() override { std::remove(path.c_str()); }
+
+    void put(const std::string& content) const { std::ofstream(path, std::ios::binary) << content; }
+    std::string content() const {
+        std::ifstream file(path, std::ios::binary);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+    bool write(int nx, int ny, int nz, bool onlyIndicated = false) const {
+        return PeakFileImportExport::writePeakFile_version_2(path, list.get(), 2, nx, ny, nz, -60.5, 60,
+                                                             0.00123456789, 250, 37.5, onlyIndicated);
+    }
+    bool load() const { return PeakFileImportExport::loadPeakFile(path, list.get()); }
+
+    const std::string path = testing::TempDir() + "peaks_" +
+                             testing::UnitTest::GetInstance()->current_test_info()->name() + ".txt";
+    ReflexVectorPtr list{new ReflexVector};
+    RecordingLogObserver log;
+};
+
+const std::string kHead =
+    "#VRKPEAKSVERSION 2 (written by VRKCore library 1.3.1)\n#nx ny nz tilt_position_1 tilt_position_N\n"
+    "101 64 7 -60.5 60\n#pix_size(m) CL(camera length, mm) DiffLens(%)\n0.00123457 250 37.5\n#N_peaks\n";
+
+TEST_F(PeakFile, IsWrittenRelativeToTheTruncatedHalvesAndReadBack) {
+    list->push_back(new Reflex(50, 32.25, 3));
+    list->push_back(new Reflex(0.125, 63, 1.0 / 3));
+    ASSERT_TRUE(write(101, 64, 7));
+    EXPECT_EQ(content(), kHead + "2\n#x y z\n0 0.25 0\n-49.875 31 -2.66667\n");
+    EXPECT_EQ(log.messages.front().text, "peak file to save: " + path + "\n");
+
+    list->destroyElements();
+    ASSERT_TRUE(load());
+    ASSERT_EQ(list->size(), 2U);
+    EXPECT_EQ(list->at(0)->getCenterInX(), 50.0);
+    EXPECT_EQ(list->at(0)->getCenterInY(), 32.25);
+    EXPECT_EQ(list->at(1)->getCenterInX(), 0.125);
+    EXPECT_EQ(list->at(1)->getCenterInZ(), -2.66667 + 3);
+    EXPECT_FALSE(list->at(0)->isIndicated());
+    EXPECT_EQ(log.messages.back().text, "peak file to load: " + path + "\n2 reflections loaded.\n");
+    EXPECT_TRUE(log.has("#VRKPEAKSVERSION 2", VRK::Normal));
+    EXPECT_TRUE(log.has("peak file has format version 2", VRK::Debug));
+}
+
+TEST_F(PeakFile, HoldsOnlyIndexedReflectionsOnRequest) {
+    list->push_back(new Reflex(50, 32, 3));
+    ASSERT_TRUE(write(101, 64, 7, true));
+    EXPECT_EQ(content(), kHead + "0\n#x y z\n");
+    EXPECT_TRUE(log.has("There are no indicated reflections to save.", VRK::Warning));
+    list->push_back(new Reflex(51, 32, 3));
+    list->back()->setHKL(1, 0, 0);
+    ASSERT_TRUE(write(101, 64, 7, true));
+    EXPECT_EQ(content(), kHead + "1\n#x y z\n1 0 0\n");
+}
+
+TEST_F(PeakFile, CannotBeWritten) {
+    put("old");
+    EXPECT_FALSE(
+        PeakFileImportExport::writePeakFile_version_2(path, nullptr, 2, 1, 1, 1, 0, 0, 0, 0, 0, false));
+    EXPECT_EQ(content(), "");
+    EXPECT_TRUE(log.has("Error while writing the file. Reflections = NULL", VRK::Error));
+    const std::string nowhere = testing::TempDir() + "no_such_folder/peaks.txt";
+    EXPECT_FALSE(
+        PeakFileImportExport::writePeakFile_version_2(nowhere, list.get(), 2, 1, 1, 1, 0, 0, 0, 0, 0, false));
+    EXPECT_EQ(log.messages.back().text, "ERROR: Error while opening file to write " + nowhere + "\n");
+    if (std::ifstream("/dev/full")) {
+        EXPECT_FALSE(PeakFileImportExport::writePeakFile_version_2("/dev/full", list.get(), 2, 1, 1, 1, 0, 0,
+                                                                   0, 0, 0, false));
+        EXPECT_TRUE(log.has("Error while writing the file /dev/full", VRK::Error));
+    }
+}
+
+TEST_F(PeakFile, ThatIsMalformedIsReadAsFarAsItGoes) {
+    const std::string rest = "2\n#x y z\n1 2 3\n4 5 6\n";
+    const std::string longLine(300, 'x');
+    const auto withLine = [&](int number, const std::string& line) {
+        std::istringstream lines(kHead + rest);
+        std::string text, result;
+        for (int i = 1; std::getline(lines, text); ++i)
+            result += (i == number ? line : text) + "\n";
+        return result;
+    };
+    struct Case {
+        const char* name;
+        std::string content;
+        bool loaded;
+        std::size_t peaks;
+        const char* error;  ///< null: no error message
+    };
+    const char* early = "Error while reading in the file";
+    const char* unknown = "Unkown peak file format";
+    for (const Case& c : {
+             Case{"empty", "", false, 0, unknown},
+             Case{"version 3", withLine(1, "#VRKPEAKSVERSION 3"), false, 0, unknown},
+             Case{"more after the version", withLine(1, "#VRKPEAKSVERSION 20 x"), true, 2, nullptr},
+             Case{"only the version", "#VRKPEAKSVERSION 2", false, 0, nullptr},
+             Case{"line 6 without #", withLine(6, "N_peaks"), false, 0, nullptr},
+             Case{"line 8 without #", withLine(8, "x y z"), false, 0, nullptr},
+             Case{"text for N", withLine(7, "two"), true, 0, nullptr},
+             Case{"negative N", withLine(7, "-2"), true, 0, nullptr},
+             Case{"N too small", withLine(7, "1"), true, 1, nullptr},
+             Case{"N too large", withLine(7, "3"), false, 2, early},
+             Case{"N of 10^12", withLine(7, "1000000000000"), false, 2, early},
+             Case{"N beyond 64 bits", withLine(7, "99999999999999999999"), false, 2, early},
+             Case{"no last line feed", kHead + "2\n#x y z\n1 2 3\n4 5 6", false, 1, early},
+             Case{"text for numbers", withLine(10, "one two three"), true, 2, nullptr},
+             Case{"sizes beyond int", withLine(3, "1e300 -1e300 nan"), true, 2, nullptr},
+             Case{"long first line", withLine(1, "#VRKPEAKSVERSION 2 " + longLine), false, 0, nullptr},
+             Case{"long line 2", withLine(2, longLine), false, 0, nullptr},
+             Case{"long line 8", withLine(8, "#" + longLine), false, 0, early},
+             Case{"long peak line", withLine(9, "1 2 3 " + longLine), false, 0, early},
+         }) {
+        SCOPED_TRACE(c.name);
+        put(c.content);
+        log.messages.clear();
+        list->destroyElements();
+        EXPECT_EQ(load(), c.loaded);
+        EXPECT_EQ(list->size(), c.peaks);
+        EXPECT_EQ(log.count("", VRK::Error), c.error ? 1 : 0);
+        EXPECT_TRUE(!c.error || log.has(c.error, VRK::Error));
+        for (Reflex* reflex : *list)
+            for (int axis = 0; axis < 3; ++axis)
+                EXPECT_TRUE(std::abs(reflex->getCenter(axis)) <= std::numeric_limits<int>::max());
+    }
+}
+
+TEST_F(PeakFile, ReadsCarriageReturnsSignsAndTextAsNumbersDo) {
+    put("#VRKPEAKSVERSION 2\r\n#\r\n10.9 -11 text\r\n#\r\n#\r\n#\r\n4\r\n#\r\n1e1 +2 -3.5\r\n7 x 8\r\ninf 1 "
+        "2\r\n1e999 1\r\n");
+    ASSERT_TRUE(load());
+    const double expected[4][3] = {{15, -3, -3.5}, {12, -5, 0}, {5, -5, 0}, {5, -4, 0}};
+    for (std::size_t i = 0; i < 4; ++i)
+        for (int axis = 0; axis < 3; ++axis)
+            EXPECT_EQ(list->at(i)->getCenter(axis), expected[i][axis]) << i << ' ' << axis;
+}
+
+TEST_F(PeakFile, LoadingDropsThePointersThatTheListHeld) {
+    put(kHead + "0\n#x y z\n");
+    Reflex kept(1, 2, 3);
+    list->push_back(&kept);
+    EXPECT_TRUE(load());
+    EXPECT_TRUE(list->empty());
+    EXPECT_FALSE(PeakFileImportExport::loadPeakFile(path, nullptr));
+    EXPECT_TRUE(log.has("Error while reading in the file. Reflections = NULL", VRK::Error));
+    std::remove(path.c_str());
+    EXPECT_FALSE(load());
+    EXPECT_TRUE(log.has("Error while opening file", VRK::Error));
+    EXPECT_FALSE(PeakFileImportExport::loadPeakFile_version_2(path, list.get()));
+    EXPECT_EQ(log.messages.back().text, "Error while opening file");
+}
+
+}  // namespace

@@ -1,0 +1,171 @@
+#include "reflections/ReflexOnGrid.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <queue>
+#include <random>
+
+#include "PlainSearch.h"
+#include "TestVolume.h"
+#include "reflections/VolumeMath.h"
+#include "support/RecordingLogObserver.h"
+
+namespace {
+
+/// Builds its region through the interface for derived classes.
+class VoxelByVoxel : public ReflexOnGrid {
+public:
+    VoxelByVoxel(int x, int y, int z, const VoxMRCData* volume)
+        : ReflexOnGrid(x, y, z, volume, false, nullptr) {}
+
+    using ReflexOnGrid::add;
+    using ReflexOnGrid::getBeginPoint;
+    using ReflexOnGrid::getEndPoint;
+};
+
+TEST(VolumeMath, NumbersVoxelsWithYFastest) {
+    const auto volume = makeVolume({4, 3, 2});
+    EXPECT_EQ(VolumeMath::getIndex(volume.get(), 0, 1, 0), 1);
+    EXPECT_EQ(VolumeMath::getIndex(volume.get(), 1, 0, 0), 4);
+    EXPECT_EQ(VolumeMath::getIndex(volume.get(), 0, 0, 1), 12);
+    EXPECT_EQ(VolumeMath::getIndex(volume.get(), 2, 3, 1), 23);
+    for (const auto& [x, y, z] : {PlainVoxel{3, 0, 0}, PlainVoxel{0, 4, 0}, PlainVoxel{0, 0, 2},
+                                  PlainVoxel{-1, 0, 0}, PlainVoxel{0, -1, 0}, PlainVoxel{0, 0, -1}})
+        EXPECT_EQ(VolumeMath::getIndex(volume.get(), x, y, z), -1);
+    for (int index = 0; index < 24; ++index) {
+        int x = -1, y = -1, z = -1;
+        VolumeMath::getCoordinates(volume.get(), index, x, y, z);
+        EXPECT_EQ(VolumeMath::getIndex(volume.get(), x, y, z), index);
+    }
+    setVoxel(*volume, 2, 3, 1, 77);
+    EXPECT_EQ(VolumeMath::getValue(volume.get(), 23), 77);
+    VolumeMath::setZeroCompareValue(77.0);
+    EXPECT_FALSE(VolumeMath::isZero(volume.get(), 23));
+    VolumeMath::setZeroCompareValue(77.01);
+    EXPECT_TRUE(VolumeMath::isZero(volume.get(), 23));
+}
+
+TEST(ReflexOnGrid, GrowsAloneAndMarksAllButTheStart) {
+    std::mt19937 random(5);
+    std::uniform_int_distribution<int> level(-3, 9);
+    for (int round = 0; round < 40; ++round) {
+        std::vector<short> values(8 * 6 * 5);
+        for (short& value : values)
+            value = static_cast<short>(level(random));
+        const auto volume = makeVolume({8, 6, 5}, values);
+        VolumeMath::setZeroCompareValue(0.5);
+        const PlainVolume plain(*volume, 0.5);
+        const int start = static_cast<int>(random() % values.size());
+        if (plain.background(start)) continue;
+        const auto [x, y, z] = plain.voxel(start);
+        const PlainReflection expected = PlainReflection::grow(plain, {x, y, z});
+
+        // Flags from elsewhere are not read.
+        const auto flags = std::make_unique<bool[]>(values.size());
+        flags[values.size() / 2] = true;
+        ReflexOnGrid region(x, y, z, volume.get(), true, flags.get());
+        EXPECT_EQ(*region.getPoints(), expected.points);
+        for (int axis = 0; axis < 3; ++axis)
+            for (const int type : {1, 2, 3})
+                EXPECT_EQ(region.getCenter(axis, type), expected.center(axis, type));
+        EXPECT_EQ(region.getIntensity(), double{expected.sum});
+        for (int i = 0; i < static_cast<int>(values.size()); ++i)
+            EXPECT_EQ(flags[static_cast<std::size_t>(i)],
+                      (region.isInside(i) && i != start) || i == static_cast<int>(values.size()) / 2);
+    }
+}
+
+TEST(ReflexOnGrid, PlateauKeepsTheVoxelReachedFirst) {
+    const auto volume = makeVolume({5, 5, 5});
+    setVoxel(*volume, 2, 2, 2, 3);
+    setVoxel(*volume, 2, 2, 1, 8);  // reached fifth, of the neighbours
+    setVoxel(*volume, 3, 2, 2, 8);  // reached second
+    VolumeMath::setZeroCompareValue(1.0);
+    ReflexOnGrid region(2, 2, 2, volume.get(), false, nullptr);
+    EXPECT_EQ(region.getCenterOfGravityInX(), 3.0);
+    EXPECT_EQ(region.getCenterOfGravityInZ(), 2.0);
+    EXPECT_EQ(region.getNumberOfVoxels(), 3);
+    EXPECT_EQ(region.getCenter(0, 7), 0.0);
+    double x = 0, y = 0, z = 0;
+    region.getCenter(x, y, z);
+    EXPECT_EQ(x, 7.0 / 3);
+    EXPECT_EQ(z, 5.0 / 3);
+}
+
+TEST(ReflexOnGrid, StartsThatGrowNothing) {
+    const auto volume = makeVolume({3, 3, 3});
+    VolumeMath::setZeroCompareValue(1.0);
+    RecordingLogObserver log;
+    ReflexOnGrid background(1, 2, 1, volume.get(), true, nullptr);
+    EXPECT_TRUE(log.messages.empty());
+    EXPECT_EQ(background.getNumberOfVoxels(), 0);
+    EXPECT_EQ(background.getCenterOfGravity(1), 2.0);
+    EXPECT_EQ(background.getCenter(1), 0.0);
+    EXPECT_EQ(background.getMinValue(), std::numeric_limits<float>::infinity());
+
+    ReflexOnGrid outside(1, 3, 1, volume.get(), true, nullptr);
+    EXPECT_TRUE(log.has("Startvoxel not correct.", VRK::Error));
+    EXPECT_EQ(outside.getCenterOfGravity(0), 0.0);
+    EXPECT_EQ(outside.getIntensity(), 0.0);
+    EXPECT_TRUE(std::isnan([&] {
+        double x = 0, y = 0, z = 0;
+        outside.getCenter(x, y, z);
+        return x;
+    }()));
+}
+
+TEST(ReflexOnGrid, CoordinateArrayMarksButDoesNotGrow) {
+    const auto volume = makeVolume({3, 3, 3}, std::vector<short>(27, 4));
+    VolumeMath::setZeroCompareValue(1.0);
+    bool flags[27] = {};
+    const int start[3] = {1, 1, 1};
+    ReflexOnGrid region(start, volume.get(), true, flags);
+    EXPECT_TRUE(region.getPoints()->empty());
+    EXPECT_EQ(std::count(flags, flags + 27, true), 26);
+}
+
+TEST(ReflexOnGrid, DerivedClassAddsVoxelByVoxel) {
+    const auto volume = makeVolume({3, 3, 3});
+    setVoxel(*volume, 0, 0, 0, 2);
+    setVoxel(*volume, 2, 2, 2, 6);
+    VolumeMath::setZeroCompareValue(1.0);
+    VoxelByVoxel region(0, 0, 0, volume.get());
+    int index = 0;
+    bool flags[27] = {};
+    EXPECT_TRUE(region.add(2, 2, 2, &index, true, flags));
+    EXPECT_EQ(index, 26);
+    EXPECT_TRUE(flags[26]);
+    EXPECT_FALSE(region.add(2, 2, 2, &index, true, flags));
+    EXPECT_FALSE(region.add(1, 1, 1, &index, true, flags));
+    EXPECT_FALSE(region.add(1, 3, 1, &index, true, flags));
+    EXPECT_EQ(index, -1);
+    region.integrate();
+    EXPECT_EQ(region.getIntensity(), 8.0);
+    EXPECT_EQ(region.getWidth(), 3.0);
+    EXPECT_EQ(region.getCenterOfGravity(2), 2.0);
+    EXPECT_EQ(region.getWeightedCenterInY(), 12.0 / 8.0);
+    EXPECT_EQ(std::distance(region.getBeginPoint(), region.getEndPoint()), 2);
+}
+
+TEST(ReflexOnGrid, PrintsToTheStandardOutputAndAnEmptyMessage) {
+    const auto volume = makeVolume({3, 3, 3});
+    setVoxel(*volume, 1, 2, 1, 12);
+    VolumeMath::setZeroCompareValue(1.0);
+    ReflexOnGrid region(1, 2, 1, volume.get(), false, nullptr);
+    RecordingLogObserver log;
+    testing::internal::CaptureStdout();
+    region.print();
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "---------- Information about reflection ----------\n"
+              "Max. value: 12\nMin value: 12\nWidth (in voxels): 1\nHieght (in voxels): 1\n"
+              "Depth (in voxels): 1\nVolume (in voxels): 1\nCenter of gravity: [1,2,1]\n"
+              "Arithmetical mean: [1,2,1]\nWeighted arithmetical mean: [12,24,12]\n"
+              "HKL: [2147483647,2147483647,2147483647]\nIntensity: 12\n"
+              "--------------------------------------------------\n");
+    EXPECT_EQ(log.messages,
+              (std::vector<RecordingLogObserver::Message>{{"", VRK::Normal, VRK::Information}}));
+}
+
+}  // namespace

@@ -1,0 +1,164 @@
+#include "reflections/Reflex.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <memory>
+
+#include "TestVolume.h"
+#include "reflections/ReflexOnGrid.h"
+#include "reflections/ReflexVector.h"
+#include "reflections/VolumeMath.h"
+#include "support/RecordingLogObserver.h"
+
+namespace {
+
+TEST(Reflex, StartsUnindexedAndComparesExactly) {
+    Reflex reflex(1.5, 2, 3);
+    EXPECT_FALSE(reflex.isIndicated());
+    EXPECT_EQ(reflex.getIntensity(), 1.0);
+    EXPECT_FALSE(reflex.isInside(1, 2, 3));
+    EXPECT_TRUE(Reflex(1, 2, 3).isInside(1, 2, 3));
+    EXPECT_EQ(reflex.getCenter(0, 7), 1.5);
+    EXPECT_EQ(reflex.getPoints(), nullptr);
+    reflex.setHKL(0, -1, Reflex::kNotIndexed);
+    EXPECT_FALSE(reflex.isIndicated());
+    reflex.setL(4);
+    EXPECT_TRUE(reflex.isIndicated());
+}
+
+TEST(Reflex, RefusesIntensitiesThatAreNotPositiveOrZero) {
+    Reflex reflex(0, 0, 0);
+    EXPECT_FALSE(reflex.setIntensity(-0.5));
+    EXPECT_FALSE(reflex.setIntensity(std::numeric_limits<double>::quiet_NaN()));
+    EXPECT_EQ(reflex.getIntensity(), 1.0);
+    EXPECT_TRUE(reflex.setIntensity(0.0));
+    EXPECT_EQ(reflex.getIntensity(), 0.0);
+}
+
+TEST(Reflex, MergeWeighsTheAxesWithARunningIntensity) {
+    Reflex own(0, 0, 0);
+    Reflex other(2, 6, 8);
+    own.merge(&other);
+    EXPECT_EQ(own.getCenterInX(), 1.0);
+    EXPECT_EQ(own.getCenterInY(), 2.0);
+    EXPECT_EQ(own.getCenterInZ(), 2.0);
+    EXPECT_EQ(own.getIntensity(), 4.0);
+}
+
+TEST(Reflex, BinDividesByTheFactorWithItsSecondBitTurned) {
+    struct Case {
+        int factor;
+        double x;
+    };
+    const double infinity = std::numeric_limits<double>::infinity();
+    for (const Case& c :
+         {Case{1, 4.0}, Case{2, infinity}, Case{3, 12.0}, Case{4, 2.0}, Case{0, 12.0}, Case{-3, 12.0}}) {
+        Reflex reflex(12, 12, 0);
+        reflex.bin(c.factor);
+        EXPECT_EQ(reflex.getCenterInX(), c.x) << c.factor;
+        EXPECT_EQ(std::isnan(reflex.getCenterInZ()), c.factor == 2) << c.factor;
+    }
+}
+
+TEST(Reflex, TurnsAboutZIntoAFreshReflection) {
+    Reflex reflex(2, 0, 5);
+    reflex.setHKL(1, 2, 3);
+    reflex.setIntensity(7);
+    const std::unique_ptr<Reflex, ReflexDeleter> turned(reflex.rotatez(90));
+    EXPECT_NEAR(turned->getCenterInX(), 0.0, 1e-15);
+    EXPECT_EQ(turned->getCenterInY(), 2.0);
+    EXPECT_EQ(turned->getCenterInZ(), 5.0);
+    EXPECT_FALSE(turned->isIndicated());
+    EXPECT_EQ(turned->getIntensity(), 1.0);
+    EXPECT_DOUBLE_EQ(reflex.getDistance(turned.get()), std::sqrt(8.0));
+}
+
+TEST(Reflex, PrintsOneMessage) {
+    RecordingLogObserver log;
+    Reflex reflex(1.5, 2, 3);
+    reflex.setHKL(1, -2, 0);
+    reflex.print();
+    const std::string text =
+        "---------- Information about reflection ----------\nCenter: [1.5,2,3]\nHKL: [1,-2,0]\n"
+        "Intensity: 1\n--------------------------------------------------\n";
+    EXPECT_EQ(log.messages,
+              (std::vector<RecordingLogObserver::Message>{{text, VRK::Normal, VRK::Information}}));
+}
+
+/// A list of regions of 1 to 5 voxels on a row, at distance 10 n from x = 0.
+class ReflexVectorFilters : public testing::Test {
+protected:
+    ReflexVectorFilters() : volume(makeVolume({6, 64, 2})) {
+        VolumeMath::setZeroCompareValue(1.0);
+        for (unsigned n = 1; n <= 5; ++n) {
+            for (unsigned y = 0; y < n; ++y)
+                setVoxel(*volume, 10 * n, y, 0, 3);
+            all->push_back(new ReflexOnGrid(static_cast<int>(10 * n), 0, 0, volume.get(), false, nullptr));
+        }
+        list = *all;
+    }
+    ~ReflexVectorFilters() override { list.clear(); }
+
+    std::vector<int> sizes() const {
+        std::vector<int> result;
+        for (Reflex* reflex : list)
+            result.push_back(reflex->getNumberOfVoxels());
+        return result;
+    }
+
+    std::unique_ptr<VoxMRCData> volume;
+    ReflexVectorPtr all{new ReflexVector};
+    ReflexVector list;
+};
+
+TEST_F(ReflexVectorFilters, BoundsAreInclusiveAndTheOrderStays) {
+    list.removeAllReflexesSmallerThanX(2);
+    EXPECT_EQ(sizes(), (std::vector<int>{2, 3, 4, 5}));
+    list.romoveAllReflexesGreaterThanX(4);
+    EXPECT_EQ(sizes(), (std::vector<int>{2, 3, 4}));
+    list.cutOffZeroBeam(10, 0, 0, 20, 1);
+    EXPECT_EQ(sizes(), (std::vector<int>{3, 4}));
+    list.limitResolution(10, 0, 0, 20, 1);
+    EXPECT_EQ(sizes(), (std::vector<int>{3}));
+}
+
+TEST_F(ReflexVectorFilters, FindsTheElementThatContainsAVoxel) {
+    EXPECT_EQ(list.getReflex(30.9, 2.1, 0), list[2]);
+    EXPECT_EQ(list.getReflex(30, 3, 0), nullptr);
+    EXPECT_EQ(list.getReflex(1e300, 3, 0), nullptr);
+    EXPECT_EQ(ReflexVector().getReflex(0, 0, 0), nullptr);
+}
+
+TEST_F(ReflexVectorFilters, SortsByIndices) {
+    const int hkl[5][3] = {{1, 0, 0}, {0, 2, 5}, {0, 2, -5}, {-1, 9, 9}, {0, 1, 7}};
+    for (std::size_t i = 0; i < 5; ++i)
+        list[i]->setHKL(hkl[i][0], hkl[i][1], hkl[i][2]);
+    list.sortReflectionsByHKL();
+    EXPECT_EQ(sizes(), (std::vector<int>{4, 5, 3, 2, 1}));
+}
+
+TEST(ReflexVector, DiesWithPlainNullAndGrownElements) {
+    const auto volume = makeVolume({3, 3, 3});
+    {
+        ReflexVector list;
+        list.push_back(nullptr);
+        list.push_back(new Reflex(1, 2, 3));
+        // Nothing stays behind of a region without voxels, so the leak checker has nothing to find.
+        VolumeMath::setZeroCompareValue(1.0);
+        list.push_back(new ReflexOnGrid(1, 1, 1, volume.get(), false, nullptr));
+    }
+    setVoxel(*volume, 1, 1, 1, 5);
+    auto* whole = new ReflexVector;
+    whole->push_back(nullptr);
+    whole->push_back(new Reflex(1, 2, 3));
+    whole->push_back(new ReflexOnGrid(1, 1, 1, volume.get(), false, nullptr));
+    testing::internal::CaptureStdout();
+    whole->print();
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Count of reflections: 3\n");
+    ReflexVector::destroy(whole);
+    ReflexVector::destroy(nullptr);
+}
+
+}  // namespace
