@@ -38,10 +38,12 @@ Matrix3 product(const Matrix3& a, const Matrix3& b) {
 Matrix3 eulerRotation(const std::vector<double>& angles) {
     const auto aboutZ = [](double degrees) {
         const double angle = degrees * std::numbers::pi / 180;
-        return Matrix3{{{std::cos(angle), -std::sin(angle), 0}, {std::sin(angle), std::cos(angle), 0}, {0, 0, 1}}};
+        return Matrix3{
+            {{std::cos(angle), -std::sin(angle), 0}, {std::sin(angle), std::cos(angle), 0}, {0, 0, 1}}};
     };
     const double angle = angles[1] * std::numbers::pi / 180;
-    const Matrix3 aboutX{{{1, 0, 0}, {0, std::cos(angle), -std::sin(angle)}, {0, std::sin(angle), std::cos(angle)}}};
+    const Matrix3 aboutX{
+        {{1, 0, 0}, {0, std::cos(angle), -std::sin(angle)}, {0, std::sin(angle), std::cos(angle)}}};
     return product(product(aboutZ(angles[0]), aboutX), aboutZ(angles[2]));
 }
 
@@ -51,8 +53,9 @@ std::optional<Matrix3> orientationOf(const std::string& text) {
     const std::vector<double> numbers = numbersOf(text, ',', "--orientation");
     if (numbers.size() == 3) return eulerRotation(numbers);
     if (numbers.size() != 9)
-        throw Failure("--orientation takes \"random\", three Euler angles or nine matrix elements, not " + text,
-                      ExitCode::Usage);
+        throw Failure(
+            "--orientation takes \"random\", three Euler angles or nine matrix elements, not " + text,
+            ExitCode::Usage);
     Matrix3 matrix{};
     for (std::size_t i = 0; i < 9; ++i)
         matrix[i / 3][i % 3] = numbers[i];
@@ -71,7 +74,8 @@ std::optional<Matrix3> orientationOf(const std::string& text) {
 std::vector<double> tiltsOf(const std::string& text) {
     const std::vector<double> range = numbersOf(text, ':', "--tilts");
     if (range.size() != 3 || range[2] == 0 || (range[1] - range[0]) * range[2] < 0)
-        throw Failure("--tilts takes FIRST:LAST:STEP in degrees, for instance -60:60:1, not " + text, ExitCode::Usage);
+        throw Failure("--tilts takes FIRST:LAST:STEP in degrees, for instance -60:60:1, not " + text,
+                      ExitCode::Usage);
     const double count = std::floor((range[1] - range[0]) / range[2] + 1e-6) + 1;
     if (!(count <= mrcH::kMaxSlices))
         throw Failure("--tilts " + text + " has more than " + std::to_string(mrcH::kMaxSlices) +
@@ -90,7 +94,8 @@ SimulationSettings settingsOf(const Options& options) {
     if (!options.cell.empty()) {
         const std::vector<double> cell = numbersOf(options.cell, ',', "--cell");
         if (cell.size() != 6)
-            throw Failure("--cell takes six numbers, a,b,c,alpha,beta,gamma, not " + options.cell, ExitCode::Usage);
+            throw Failure("--cell takes six numbers, a,b,c,alpha,beta,gamma, not " + options.cell,
+                          ExitCode::Usage);
         std::copy(cell.begin(), cell.end(), settings.cell.begin());
     }
     if (options.centring.size() != 1)
@@ -117,8 +122,8 @@ void report(Host& host, const Options& options, const SimulatedSeries& result) {
                       cell[4], cell[5]);
         return std::string(text);
     };
-    host.out() << options.output << ": " << truth.tilts.size() << " frames of " << result.series->GetWidth() << " x "
-               << result.series->GetHeight() << " pixels, tilts " << truth.tilts.front() << " to "
+    host.out() << options.output << ": " << truth.tilts.size() << " frames of " << result.series->GetWidth()
+               << " x " << result.series->GetHeight() << " pixels, tilts " << truth.tilts.front() << " to "
                << truth.tilts.back() << " degrees\n"
                << "cell " << truth.centring << ": " << cellText(truth.conventionalCell) << '\n'
                << "reduced: " << cellText(truth.primitiveCell) << '\n'
@@ -140,12 +145,14 @@ void simulate(Host& host, const Options& options) {
     handler.registerObserver(&host.progress());
     if (!handler.writeMRCFile(result.series.get(), seriesFile.path().string())) {
         host.checkCanceled();
-        throw Failure("cannot write " + options.output + "; check the folder's permissions and the free space");
+        throw Failure("cannot write " + options.output +
+                      "; check the folder's permissions and the free space");
     }
     std::ofstream truth(truthFile.path());
     truth << result.truth.toJson().dump(1) << '\n';
     truth.close();
-    if (!truth) throw Failure("cannot write " + truthPath(options.output).string() + "; check the free space");
+    if (!truth)
+        throw Failure("cannot write " + truthPath(options.output).string() + "; check the free space");
     seriesFile.commit();
     truthFile.commit();
     host.progress().finish();
@@ -155,14 +162,17 @@ void simulate(Host& host, const Options& options) {
 void addCrystalOptions(CLI::App& command, Options& options) {
     SimulationSettings& settings = options.settings;
     const char* group = "Crystal";
-    command.add_option("--cell", options.cell, "a,b,c,alpha,beta,gamma in Angstrom and degrees")->group(group);
+    command.add_option("--cell", options.cell, "a,b,c,alpha,beta,gamma in Angstrom and degrees")
+        ->group(group);
     command.add_option("--centring", options.centring, "P A B C I F R; R in hexagonal axes")
         ->capture_default_str()
         ->group(group);
-    command.add_option("--cif", settings.cif, "take cell, centring and intensities from a structure")->group(group);
-    command.add_option("--orientation", options.orientation,
-                       "random, three Euler angles (z x z, degrees) or nine elements of the matrix from "
-                       "the crystal's frame (a along x, b in the plane of x and y) to the volume's")
+    command.add_option("--cif", settings.cif, "take cell, centring and intensities from a structure")
+        ->group(group);
+    command
+        .add_option("--orientation", options.orientation,
+                    "random, three Euler angles (z x z, degrees) or nine elements of the matrix from "
+                    "the crystal's frame (a along x, b in the plane of x and y) to the volume's")
         ->capture_default_str()
         ->group(group);
     command.add_option("--dmin", settings.dmin, "resolution at the frame's edge, Angstrom")
@@ -174,8 +184,9 @@ void addCrystalOptions(CLI::App& command, Options& options) {
     command.add_option("--rocking", settings.rockingWidth, "rocking width (standard deviation), 1/Angstrom")
         ->capture_default_str()
         ->group(group);
-    command.add_option("--second-crystal", settings.secondCrystal,
-                       "intensity of a second crystal in random orientation, relative to the first")
+    command
+        .add_option("--second-crystal", settings.secondCrystal,
+                    "intensity of a second crystal in random orientation, relative to the first")
         ->capture_default_str()
         ->group(group);
 }
@@ -186,13 +197,16 @@ void addSeriesOptions(CLI::App& command, Options& options) {
     const std::map<std::string, RotationMode> modes = {{"continuous", RotationMode::Continuous},
                                                        {"stepwise", RotationMode::Stepwise},
                                                        {"precession", RotationMode::Precession}};
-    command.add_option("--tilts", options.tilts, "FIRST:LAST:STEP in degrees")->capture_default_str()->group(group);
+    command.add_option("--tilts", options.tilts, "FIRST:LAST:STEP in degrees")
+        ->capture_default_str()
+        ->group(group);
     command.add_option("--mode", settings.mode, "continuous, stepwise or precession [continuous]")
         ->transform(CLI::CheckedTransformer(modes))
         ->type_name("MODE")
         ->group(group);
-    command.add_option("--frame-rotation", settings.frameRotation,
-                       "degrees that a continuous frame covers [the step of the tilts]")
+    command
+        .add_option("--frame-rotation", settings.frameRotation,
+                    "degrees that a continuous frame covers [the step of the tilts]")
         ->group(group);
     command.add_option("--precession-angle", settings.precessionAngle, "degrees")
         ->capture_default_str()
@@ -211,15 +225,21 @@ void addSeriesOptions(CLI::App& command, Options& options) {
     command.add_option("--jump", settings.jump, "step of the centre at a random frame, pixels")
         ->capture_default_str()
         ->group(group);
-    command.add_option("--missing", settings.missing, "frames left out at random")->capture_default_str()->group(group);
-    command.add_option("--blank", settings.blank, "empty frames at random")->capture_default_str()->group(group);
+    command.add_option("--missing", settings.missing, "frames left out at random")
+        ->capture_default_str()
+        ->group(group);
+    command.add_option("--blank", settings.blank, "empty frames at random")
+        ->capture_default_str()
+        ->group(group);
     command.add_option("--seed", settings.seed, "of everything random")->capture_default_str()->group(group);
 }
 
 void addCameraOptions(CLI::App& command, Options& options) {
     DetectorSettings& detector = options.settings.detector;
     const char* group = "Camera";
-    command.add_option("--size", detector.size, "pixels along each edge")->capture_default_str()->group(group);
+    command.add_option("--size", detector.size, "pixels along each edge")
+        ->capture_default_str()
+        ->group(group);
     command.add_option("--peak", options.settings.peakCounts, "peak counts of strong reflections")
         ->capture_default_str()
         ->group(group);
@@ -232,14 +252,17 @@ void addCameraOptions(CLI::App& command, Options& options) {
     command.add_option("--background", detector.background, "factor on halo and diffuse background")
         ->capture_default_str()
         ->group(group);
-    command.add_option("--saturation", detector.saturation, "highest count")->capture_default_str()->group(group);
+    command.add_option("--saturation", detector.saturation, "highest count")
+        ->capture_default_str()
+        ->group(group);
     command.add_option("--hot-pixels", detector.hotPixels, "pixels bright in every frame")
         ->capture_default_str()
         ->group(group);
     command.add_option("--zingers", detector.zingers, "pixels per frame bright in that frame alone")
         ->capture_default_str()
         ->group(group);
-    command.add_flag("--beam-stop", detector.beamStop, "a bar from the left edge over the centre")->group(group);
+    command.add_flag("--beam-stop", detector.beamStop, "a bar from the left edge over the centre")
+        ->group(group);
     command.add_flag("--cross", detector.cross, "dead rows and columns in the middle")->group(group);
 }
 
@@ -247,7 +270,8 @@ void addCameraOptions(CLI::App& command, Options& options) {
 
 void addSimulateCommand(CLI::App& app, Host& host) {
     auto options = std::make_shared<Options>();
-    CLI::App* command = app.add_subcommand("simulate", "make a tilt series of a known crystal, with its truth as JSON");
+    CLI::App* command =
+        app.add_subcommand("simulate", "make a tilt series of a known crystal, with its truth as JSON");
     command->add_option("-o,--output", options->output, "series to write; the truth goes beside it")
         ->required()
         ->type_name("SERIES.mrc");
@@ -256,7 +280,8 @@ void addSimulateCommand(CLI::App& app, Host& host) {
     addSeriesOptions(*command, *options);
     addCameraOptions(*command, *options);
     command->footer(
-        "Example:\n  vrk simulate -o garnet.mrc --cell 11.9,11.9,11.9,90,90,90 --centring I --tilts -50:50:0.5\n"
+        "Example:\n  vrk simulate -o garnet.mrc --cell 11.9,11.9,11.9,90,90,90 --centring I --tilts "
+        "-50:50:0.5\n"
         "makes garnet.mrc and garnet.truth.json.");
     command->callback([options, &host] { simulate(host, *options); });
 }

@@ -7,4 +7,9 @@
 
 #include "Host.h"
 
-namespace host {}  // namespace host
+namespace host {
+
+void addImportCommand(CLI::App& app, Host& host);
+void addSimulateCommand(CLI::App& app, Host& host);
+
+}  // namespace host

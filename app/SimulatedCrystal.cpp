@@ -40,17 +40,17 @@ gemmi::GruberVector reduced(const gemmi::UnitCell& cell, char centring) {
 }
 
 void checkCell(const std::array<double, 6>& cell) {
-    const bool numbers = std::all_of(cell.begin(), cell.end(), [](double value) {
-        return std::isfinite(value) && value > 0;
-    });
-    const bool edges = std::all_of(cell.begin(), cell.begin() + 3,
-                                   [](double edge) { return edge >= 1 && edge <= 1000; });
+    const bool numbers =
+        std::all_of(cell.begin(), cell.end(), [](double value) { return std::isfinite(value) && value > 0; });
+    const bool edges =
+        std::all_of(cell.begin(), cell.begin() + 3, [](double edge) { return edge >= 1 && edge <= 1000; });
     const double volume = numbers ? unitCell(cell).volume : 0;
-    if (!numbers || !edges || !(volume > 1e-3 * cell[0] * cell[1] * cell[2]) || cell[3] >= 180 || cell[4] >= 180 ||
-        cell[5] >= 180)
-        throw Failure("no lattice has the given cell; edges are in Angstrom (1 to 1000), angles in degrees, and three "
-                      "angles must be able to meet in a corner",
-                      ExitCode::Usage);
+    if (!numbers || !edges || !(volume > 1e-3 * cell[0] * cell[1] * cell[2]) || cell[3] >= 180 ||
+        cell[4] >= 180 || cell[5] >= 180)
+        throw Failure(
+            "no lattice has the given cell; edges are in Angstrom (1 to 1000), angles in degrees, and three "
+            "angles must be able to meet in a corner",
+            ExitCode::Usage);
 }
 
 gemmi::SmallStructure readStructure(const std::string& path, double bFactor) {
@@ -68,9 +68,10 @@ gemmi::SmallStructure readStructure(const std::string& path, double bFactor) {
         return !std::isfinite(site.fract.x + site.fract.y + site.fract.z);
     });
     if (structure.sites.empty() || !structure.cell.is_crystal())
-        throw Failure("cannot simulate from " + path +
-                      ": no cell with atom sites in fractional coordinates in it; give a small-molecule CIF, or "
-                      "--cell and --centring for random intensities");
+        throw Failure(
+            "cannot simulate from " + path +
+            ": no cell with atom sites in fractional coordinates in it; give a small-molecule CIF, or "
+            "--cell and --centring for random intensities");
     for (gemmi::SmallStructure::Site& site : structure.sites) {
         if (!gemmi::C4322<double>::has(site.element.elem) || site.element.elem == gemmi::El::X)
             throw Failure("cannot simulate from " + path + ": no scattering factor for atom " + site.label +
@@ -87,13 +88,20 @@ gemmi::SmallStructure readStructure(const std::string& path, double bFactor) {
 bool isExtinct(char centring, int h, int k, int l) {
     const auto odd = [](int value) { return value % 2 != 0; };
     switch (centring) {
-        case 'A': return odd(k + l);
-        case 'B': return odd(h + l);
-        case 'C': return odd(h + k);
-        case 'I': return odd(h + k + l);
-        case 'F': return odd(h + k) || odd(h + l);
-        case 'R': return (-h + k + l) % 3 != 0;
-        default: return false;
+        case 'A':
+            return odd(k + l);
+        case 'B':
+            return odd(h + l);
+        case 'C':
+            return odd(h + k);
+        case 'I':
+            return odd(h + k + l);
+        case 'F':
+            return odd(h + k) || odd(h + l);
+        case 'R':
+            return (-h + k + l) % 3 != 0;
+        default:
+            return false;
     }
 }
 
@@ -101,7 +109,8 @@ SimulatedCrystal::SimulatedCrystal(const std::array<double, 6>& cell, char centr
     : m_cell(cell), m_centring(centring) {
     checkCell(cell);
     if (std::string_view("PABCIFR").find(centring) == std::string_view::npos)
-        throw Failure(std::string("unknown centring ") + centring + "; it is one of P A B C I F R", ExitCode::Usage);
+        throw Failure(std::string("unknown centring ") + centring + "; it is one of P A B C I F R",
+                      ExitCode::Usage);
 }
 
 SimulatedCrystal SimulatedCrystal::fromCell(const std::array<double, 6>& cell, char centring, double bFactor,
@@ -162,7 +171,8 @@ std::vector<CrystalReflection> SimulatedCrystal::latticeHalf(double dmin) const 
     const double longest = 1 / dmin;
     const double count = 4.0 / 3 * std::numbers::pi * longest * longest * longest * unitCell(m_cell).volume;
     if (!(count < kMostReflections))
-        throw Failure("too many reflections to simulate (" + std::to_string(static_cast<long long>(count / 1e6)) +
+        throw Failure("too many reflections to simulate (" +
+                          std::to_string(static_cast<long long>(count / 1e6)) +
                           " million); choose a larger --dmin or a smaller cell",
                       ExitCode::Usage);
     const Matrix3 axes = reciprocal();
@@ -189,7 +199,8 @@ void SimulatedCrystal::setWilsonIntensities(std::vector<CrystalReflection>& refl
         const double stol2 = (one.g[0] * one.g[0] + one.g[1] * one.g[1] + one.g[2] * one.g[2]) / 4;
         const double factor = carbon.calculate_sf(stol2) * std::exp(-m_bFactor * stol2);
         // Seeded by the indices, so that an intensity does not depend on the resolution limit.
-        const auto key = static_cast<std::uint64_t>(((one.h + 1024LL) * 2048 + one.k + 1024) * 2048 + one.l + 1024);
+        const auto key =
+            static_cast<std::uint64_t>(((one.h + 1024LL) * 2048 + one.k + 1024) * 2048 + one.l + 1024);
         SimulationRandom random(m_seed ^ (key * 0xd1342543de82ef95ULL));
         random.next();
         one.intensity = -std::log(1 - random.uniform()) * factor * factor;

@@ -1,5 +1,6 @@
 /// \file
-/// The crystal of a simulated tilt series: its lattice, its orientation and the intensities of its reflections.
+/// The crystal of a simulated tilt series: its lattice, its orientation and the intensities of its
+/// reflections.
 #pragma once
 
 #include <array>
@@ -40,8 +41,8 @@ public:
     static SimulatedCrystal fromCell(const std::array<double, 6>& cell, char centring, double bFactor,
                                      std::uint64_t seed);
     /// The first structure of a CIF file. Structure factors from electron scattering factors
-    /// (International Tables C, table 4.3.2.2) with the displacement parameters of the file, B where an atom has
-    /// none. Throws Failure when the file has no structure that intensities can be calculated from.
+    /// (International Tables C, table 4.3.2.2) with the displacement parameters of the file, B where an atom
+    /// has none. Throws Failure when the file has no structure that intensities can be calculated from.
     static SimulatedCrystal fromCif(const std::string& path, double bFactor);
 
     /// All reflections but 000 that the centring allows with 1/d up to 1/dmin, both Friedel mates.

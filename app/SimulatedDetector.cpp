@@ -5,7 +5,8 @@
 
 namespace host {
 
-SimulatedDetector::SimulatedDetector(const DetectorSettings& settings, std::uint64_t seed) : m_settings(settings) {
+SimulatedDetector::SimulatedDetector(const DetectorSettings& settings, std::uint64_t seed)
+    : m_settings(settings) {
     SimulationRandom random(seed);
     const int pixels = settings.size * settings.size;
     for (int i = 0; i < settings.hotPixels; ++i) {

@@ -26,9 +26,9 @@ struct DetectorSettings {
 /// Turns expected counts into a recorded frame.
 ///
 /// About the pattern's centre lie the direct beam, a Gaussian of 1.8 / 512 of the width, and the inelastic
-/// scattering, 6000 / (1 + (r / r0)^2) counts with r0 = 1/64 of the width: some 1500 counts at a thirty-second of
-/// the width, 150 at a tenth and 10 at two fifths, as hybrid-pixel cameras see it from a crystal of
-/// 100 nm. Counts above the saturation are recorded as the saturation.
+/// scattering, 6000 / (1 + (r / r0)^2) counts with r0 = 1/64 of the width: some 1500 counts at a
+/// thirty-second of the width, 150 at a tenth and 10 at two fifths, as hybrid-pixel cameras see it from a
+/// crystal of 100 nm. Counts above the saturation are recorded as the saturation.
 class SimulatedDetector {
 public:
     SimulatedDetector(const DetectorSettings& settings, std::uint64_t seed);

@@ -22,7 +22,15 @@ constexpr double kMargin = 4;
 constexpr double kRecordedCounts = 3;
 
 /// One seed per purpose, so that another option does not change the rest of the series.
-enum class Purpose : std::uint64_t { Orientation = 1, Intensities, SecondOrientation, Drift, Frames, Detector, Noise };
+enum class Purpose : std::uint64_t {
+    Orientation = 1,
+    Intensities,
+    SecondOrientation,
+    Drift,
+    Frames,
+    Detector,
+    Noise
+};
 
 SimulationRandom randomFor(std::uint64_t seed, Purpose purpose) {
     SimulationRandom mix(seed * 0x2545f4914f6cdd1dULL + static_cast<std::uint64_t>(purpose));
@@ -106,11 +114,11 @@ private:
 
 /// The reflections of one crystal, a column per quantity for the scan over all of them in every frame.
 struct ReflectionTable {
-    std::vector<float> x, y, z;     ///< volume frame, 1/Angstrom
-    std::vector<float> length;      ///< 1/Angstrom
-    std::vector<float> curvature;   ///< distance of the sphere from the plane, 1/Angstrom, signed
-    std::vector<float> peak;        ///< counts at the spot's maximum when on the sphere
-    std::vector<float> highest;     ///< highest peak recorded in any frame
+    std::vector<float> x, y, z;    ///< volume frame, 1/Angstrom
+    std::vector<float> length;     ///< 1/Angstrom
+    std::vector<float> curvature;  ///< distance of the sphere from the plane, 1/Angstrom, signed
+    std::vector<float> peak;       ///< counts at the spot's maximum when on the sphere
+    std::vector<float> highest;    ///< highest peak recorded in any frame
 };
 
 ReflectionTable tableOf(const std::vector<CrystalReflection>& reflections, const Matrix3& orientation,
@@ -215,8 +223,8 @@ void Simulator::placeFrames() {
 }
 
 void Simulator::placeCrystals() {
-    m_orientation = m_settings.orientation.value_or(
-        randomRotation(randomFor(m_settings.seed, Purpose::Orientation)));
+    m_orientation =
+        m_settings.orientation.value_or(randomRotation(randomFor(m_settings.seed, Purpose::Orientation)));
     m_reflections = m_crystal.reflections(m_settings.dmin);
     const double scale = m_settings.peakCounts / strongIntensity(m_reflections);
     const double signedWavelength = m_settings.handedness * electronWavelength(m_settings.kilovolts);
@@ -358,12 +366,15 @@ void checkSettings(const SimulationSettings& settings) {
     check(!settings.tilts.empty() && settings.tilts.size() <= mrcH::kMaxSlices,
           "a series has 1 to " + std::to_string(mrcH::kMaxSlices) + " frames, not " +
               std::to_string(settings.tilts.size()) + "; choose a larger step of the tilts");
-    check(std::all_of(settings.tilts.begin(), settings.tilts.end(), [](double t) { return std::abs(t) <= 90; }),
-          "tilts must lie between -90 and 90 degrees");
+    check(
+        std::all_of(settings.tilts.begin(), settings.tilts.end(), [](double t) { return std::abs(t) <= 90; }),
+        "tilts must lie between -90 and 90 degrees");
     check(settings.dmin >= 0.1 && settings.dmin <= 100, "the resolution limit must be 0.1 to 100 Angstrom");
     check(settings.kilovolts >= 1 && settings.kilovolts <= 10000, "the voltage must be 1 to 10000 kV");
-    check(settings.rockingWidth >= 1e-5 && settings.rockingWidth <= 1, "the rocking width must be 1e-5 to 1 1/Angstrom");
-    check(settings.spotWidth >= 0.3 && settings.spotWidth <= 7, "the width of a spot must be 0.3 to 7 pixels");
+    check(settings.rockingWidth >= 1e-5 && settings.rockingWidth <= 1,
+          "the rocking width must be 1e-5 to 1 1/Angstrom");
+    check(settings.spotWidth >= 0.3 && settings.spotWidth <= 7,
+          "the width of a spot must be 0.3 to 7 pixels");
     check(settings.handedness == 1 || settings.handedness == -1, "the handedness is 1 or -1");
     check(settings.missing >= 0 && settings.blank >= 0 && settings.detector.hotPixels >= 0 &&
               settings.detector.zingers >= 0 && settings.detector.noise >= 0 && settings.drift >= 0 &&
@@ -372,7 +383,8 @@ void checkSettings(const SimulationSettings& settings) {
 }
 
 nlohmann::json cellJson(const std::array<double, 6>& cell) {
-    return {{"a", cell[0]}, {"b", cell[1]}, {"c", cell[2]}, {"alpha", cell[3]}, {"beta", cell[4]}, {"gamma", cell[5]}};
+    return {{"a", cell[0]},     {"b", cell[1]},    {"c", cell[2]},
+            {"alpha", cell[3]}, {"beta", cell[4]}, {"gamma", cell[5]}};
 }
 
 }  // namespace

@@ -2,16 +2,16 @@
 /// Simulated tilt series of kinematical electron diffraction patterns, with the truth they were made from.
 ///
 /// Frames and signs. The volume frame has x along the image's radial direction at zero tilt, y along the tilt
-/// axis and z so that a point (u, v) of the pattern at tilt t lies at (u cos t, v, u sin t). The plane of that
-/// pattern has the normal n = (-sin t, 0, cos t). A pattern does not show this plane but the Ewald sphere that
-/// touches it in the origin: a reciprocal point g is on the sphere when
+/// axis and z so that a point (u, v) of the pattern at tilt t lies at (u cos t, v, u sin t). The plane of
+/// that pattern has the normal n = (-sin t, 0, cos t). A pattern does not show this plane but the Ewald
+/// sphere that touches it in the origin: a reciprocal point g is on the sphere when
 ///
 ///     g . n = handedness * wavelength * |g|^2 / 2.
 ///
-/// A reflection is recorded where its projection along n falls, (u, v) = (gx cos t + gz sin t, gy): behind the
-/// objective lens the distance from the centre goes with the sine of the scattering angle, so the projection is
-/// exact. In the frame the radial direction is (cos a, sin a) and the axis (-sin a, cos a) in pixel
-/// coordinates (x to the right, y down the file), where a is the angle of the tilt axis, and the centre
+/// A reflection is recorded where its projection along n falls, (u, v) = (gx cos t + gz sin t, gy): behind
+/// the objective lens the distance from the centre goes with the sine of the scattering angle, so the
+/// projection is exact. In the frame the radial direction is (cos a, sin a) and the axis (-sin a, cos a) in
+/// pixel coordinates (x to the right, y down the file), where a is the angle of the tilt axis, and the centre
 /// is at (size - 1) / 2 plus the drift.
 ///
 /// Rocking. The intensity of a reflection at the distance s from the sphere is that on the sphere times
@@ -44,9 +44,9 @@ struct SimulationSettings {
     // Crystal
     std::array<double, 6> cell = {10, 10, 10, 90, 90, 90};  ///< Angstrom, degrees
     char centring = 'P';                                    ///< P A B C I F R (hexagonal axes, obverse)
-    std::string cif;      ///< a structure instead of cell, centring and random intensities
-    double bFactor = 2;   ///< isotropic displacement B in square Angstrom
-    double dmin = 0.8;    ///< resolution at the frame's edge, Angstrom
+    std::string cif;                     ///< a structure instead of cell, centring and random intensities
+    double bFactor = 2;                  ///< isotropic displacement B in square Angstrom
+    double dmin = 0.8;                   ///< resolution at the frame's edge, Angstrom
     std::optional<Matrix3> orientation;  ///< crystal frame to volume frame; random when absent
     double secondCrystal = 0;            ///< intensity of a second crystal in random orientation
     double rockingWidth = 0.0025;        ///< standard deviation about the sphere, 1/Angstrom
@@ -67,8 +67,8 @@ struct SimulationSettings {
 
     // Recording
     DetectorSettings detector;
-    double spotWidth = 1.2;      ///< standard deviation of a spot, pixels
-    double peakCounts = 10000;   ///< peak height of strong reflections
+    double spotWidth = 1.2;        ///< standard deviation of a spot, pixels
+    double peakCounts = 10000;     ///< peak height of strong reflections
     bool keepReflections = false;  ///< fill SimulationTruth::reflections
 
     std::uint64_t seed = 1;
@@ -99,8 +99,8 @@ struct SimulationTruth {
     std::vector<double> tilts;                       ///< of the slices, degrees
     std::vector<std::pair<double, double>> centres;  ///< of the patterns, pixels
     int reflectionsInSphere = 0;                     ///< allowed by the centring, up to 1/dmin
-    int reflectionsRecorded = 0;                     ///< at least 3 expected counts over background in a frame
-    std::vector<SimulatedReflection> reflections;    ///< only on request; of the first crystal
+    int reflectionsRecorded = 0;                   ///< at least 3 expected counts over background in a frame
+    std::vector<SimulatedReflection> reflections;  ///< only on request; of the first crystal
 
     nlohmann::json toJson() const;
 };
@@ -110,8 +110,8 @@ struct SimulatedSeries {
     SimulationTruth truth;
 };
 
-/// The same settings always give the same series. Progress is counted in frames; a cancelled simulation returns a
-/// null series. Throws Failure (usage) when the settings contradict each other.
+/// The same settings always give the same series. Progress is counted in frames; a cancelled simulation
+/// returns a null series. Throws Failure (usage) when the settings contradict each other.
 SimulatedSeries simulateSeries(const SimulationSettings& settings, VoxProgressObserver* progress = nullptr);
 
 /// Relativistic wavelength of electrons in Angstrom.

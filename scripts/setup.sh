@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   g++ cmake ninja-build pkg-config
   libopencv-core-dev libopencv-imgproc-dev libopencv-imgcodecs-dev
-  libeigen3-dev libcli11-dev nlohmann-json3-dev gemmi-dev
+  libeigen3-dev libcli11-dev nlohmann-json3-dev gemmi-dev tao-pegtl-dev
   libgtest-dev librapidcheck-dev libsymspg-dev libbenchmark-dev
   gnuplot-nox
 )
