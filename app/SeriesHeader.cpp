@@ -48,13 +48,13 @@ void setDensities(VoxMRCData& series) {
             highest = std::max(highest, value);
             sum += value;
         }
-        series.header.setValue(SliceValue::MeanIntensity, static_cast<int>(z),
+        series.m_Header.setValue(SliceValue::MeanIntensity, static_cast<int>(z),
                                static_cast<float>(sum / static_cast<double>(slice.size())));
         total += sum / static_cast<double>(slice.size());
     }
-    series.header.amin = lowest;
-    series.header.amax = highest;
-    series.header.amean = static_cast<float>(total / slices);
+    series.m_Header.amin = lowest;
+    series.m_Header.amax = highest;
+    series.m_Header.amean = static_cast<float>(total / slices);
 }
 
 }  // namespace host

@@ -283,12 +283,12 @@ std::unique_ptr<VoxMRCData> Simulator::emptySeries() const {
     std::vector<double> tilts;
     for (const Frame& frame : m_frames)
         tilts.push_back(frame.tilt / kDegree);
-    series->header = tiltSeriesHeader(m_size, m_size, tilts, m_pixelSize * 1e10,
+    series->m_Header = tiltSeriesHeader(m_size, m_size, tilts, m_pixelSize * 1e10,
                                       std::string("vrk simulate ") + VRK::kVersion);
     for (int i = 0; i < static_cast<int>(m_frames.size()); ++i) {
-        series->header.setValue(SliceValue::HighTension, i, static_cast<float>(m_settings.kilovolts));
+        series->m_Header.setValue(SliceValue::HighTension, i, static_cast<float>(m_settings.kilovolts));
         if (m_settings.writeAxis)
-            series->header.setValue(SliceValue::TiltAxis, i, static_cast<float>(m_settings.axis));
+            series->m_Header.setValue(SliceValue::TiltAxis, i, static_cast<float>(m_settings.axis));
     }
     return series;
 }
