@@ -201,7 +201,7 @@ void addSeriesOptions(CLI::App& command, Options& options) {
         ->capture_default_str()
         ->group(group);
     command.add_option("--mode", settings.mode, "continuous, stepwise or precession [continuous]")
-        ->transform(CLI::CheckedTransformer(modes))
+        ->transform(CLI::CheckedTransformer(modes).description(""))
         ->type_name("MODE")
         ->group(group);
     command
@@ -276,6 +276,8 @@ void addSimulateCommand(CLI::App& app, Host& host) {
         ->required()
         ->type_name("SERIES.mrc");
     command->add_flag("--json", options->json, "print the truth as JSON");
+    command->add_flag("--list-reflections", options->settings.keepReflections,
+                      "list every reflection with its position in the truth");
     addCrystalOptions(*command, *options);
     addSeriesOptions(*command, *options);
     addCameraOptions(*command, *options);

@@ -49,7 +49,7 @@ void setDensities(VoxMRCData& series) {
             sum += value;
         }
         series.m_Header.setValue(SliceValue::MeanIntensity, static_cast<int>(z),
-                               static_cast<float>(sum / static_cast<double>(slice.size())));
+                                 static_cast<float>(sum / static_cast<double>(slice.size())));
         total += sum / static_cast<double>(slice.size());
     }
     series.m_Header.amin = lowest;

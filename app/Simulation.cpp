@@ -284,7 +284,7 @@ std::unique_ptr<VoxMRCData> Simulator::emptySeries() const {
     for (const Frame& frame : m_frames)
         tilts.push_back(frame.tilt / kDegree);
     series->m_Header = tiltSeriesHeader(m_size, m_size, tilts, m_pixelSize * 1e10,
-                                      std::string("vrk simulate ") + VRK::kVersion);
+                                        std::string("vrk simulate ") + VRK::kVersion);
     for (int i = 0; i < static_cast<int>(m_frames.size()); ++i) {
         series->m_Header.setValue(SliceValue::HighTension, i, static_cast<float>(m_settings.kilovolts));
         if (m_settings.writeAxis)
