@@ -47,6 +47,20 @@ public:
         return sum;
     }
 
+    /// The smallest and the largest value that was counted; 0 when none was.
+    short minimum() const {
+        int value = -32768;
+        while (value < 32767 && count(static_cast<short>(value)) == 0)
+            ++value;
+        return count(static_cast<short>(value)) > 0 ? static_cast<short>(value) : short{0};
+    }
+    short maximum() const {
+        int value = 32767;
+        while (value > -32768 && count(static_cast<short>(value)) == 0)
+            --value;
+        return count(static_cast<short>(value)) > 0 ? static_cast<short>(value) : short{0};
+    }
+
 private:
     static constexpr std::size_t kTables = 4;
     static std::size_t index(short value) { return static_cast<std::uint16_t>(value); }

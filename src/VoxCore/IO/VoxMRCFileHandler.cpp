@@ -1,0 +1,467 @@
+#include "VoxCore/IO/VoxMRCFileHandler.h"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <new>
+#include <sstream>
+#include <vector>
+
+#include "VoxCore/DataModel/ValueCountsInternal.h"
+#include "VoxCore/DataModel/VoxHistogram.h"
+#include "VoxCore/DataModel/VoxMRCData.h"
+#include "VoxCore/IO/MRCRecordsInternal.h"
+#include "foundation/VRKLogger.h"
+
+using VRK::detail::kMainHeaderBytes;
+using VRK::detail::kSliceRecordBytes;
+
+namespace {
+
+/// A header may announce at most this many times the data that its file holds.
+constexpr std::uint64_t kMostDataPerByte = 16;
+constexpr unsigned short kHistogramBins = 256;
+
+template <class... Parts>
+std::string text(const Parts&... parts) {
+    std::ostringstream out;
+    (out << ... << parts);
+    return out.str();
+}
+
+std::uint64_t sliceBytes(const mrcH& header) {
+    return 2 * static_cast<std::uint64_t>(header.nx) * static_cast<std::uint64_t>(header.ny);
+}
+
+std::uint64_t dataStart(const mrcH& header) {
+    return kMainHeaderBytes + static_cast<std::uint64_t>(std::max(header.next, 0));
+}
+
+/// Only for headers that wrongWithSizes() has passed: larger products overflow.
+std::uint64_t dataEnd(const mrcH& header) {
+    return dataStart(header) + sliceBytes(header) * static_cast<std::uint64_t>(header.nz);
+}
+
+std::uint64_t recordBytes(const mrcH& header) {
+    return kSliceRecordBytes * static_cast<std::uint64_t>(header.nz);
+}
+
+/// Empty when the sizes of the data are possible.
+std::string wrongWithSizes(const mrcH& h) {
+    if (h.nx < 1 || h.ny < 1 || h.nz < 1)
+        return text("the header announces ", h.nx, " x ", h.ny, " x ", h.nz,
+                    " voxels; it is damaged or belongs to another format");
+    const std::uint64_t most = std::numeric_limits<std::uint32_t>::max();
+    const std::uint64_t area = sliceBytes(h) / 2;
+    if (area > most || static_cast<std::uint64_t>(h.nz) > most / area)
+        return text("the header announces ", h.nx, " x ", h.ny, " x ", h.nz,
+                    " voxels, more than a data set holds (", most, "); bin the series or check the header");
+    return {};
+}
+
+/// Empty when the extended header can be read.
+std::string wrongWithExtendedHeader(const mrcH& h, std::uint64_t fileLength) {
+    if (h.next < 0) return text("the size of its extended header is negative (next = ", h.next, ")");
+    if (h.next == 0) return {};
+    if (dataStart(h) > fileLength)
+        return text("its extended header of ", h.next, " bytes reaches beyond the end of the file (",
+                    fileLength, " bytes); the file was cut or the header is damaged");
+    if (h.nz > mrcH::kMaxSlices)
+        return text("it has ", h.nz, " slices; a series may have ", mrcH::kMaxSlices,
+                    ": sum neighbouring patterns to stay within that");
+    if (static_cast<std::uint64_t>(h.next) < recordBytes(h))
+        return text("its extended header of ", h.next, " bytes has no room for ", h.nz, " slice records of ",
+                    kSliceRecordBytes, " bytes; convert the file first");
+    return {};
+}
+
+/// Whether the twelfth value, the pixel size, is the same in all records of that length, and set.
+bool equalPixelSizes(const std::vector<char>& records, std::size_t recordLength, int slices) {
+    const std::size_t place = static_cast<std::size_t>(SliceValue::PixelSize) * sizeof(float);
+    const float first = VRK::detail::decodeFloat(records.data() + place);
+    if (!(first > 0)) return false;
+    for (int z = 1; z < slices; ++z) {
+        const std::size_t at = static_cast<std::size_t>(z) * recordLength + place;
+        if (VRK::detail::decodeFloat(records.data() + at) != first) return false;
+    }
+    return true;
+}
+
+/// Microscopes also write records of 128 bytes, with the pixel size at the same place.
+bool has128ByteRecords(const std::vector<char>& records, const mrcH& header) {
+    constexpr int shorter = 128;
+    return header.nz > 1 && header.next % shorter == 0 && equalPixelSizes(records, shorter, header.nz) &&
+           !equalPixelSizes(records, kSliceRecordBytes, header.nz);
+}
+
+bool writeZeros(std::ofstream& file, std::uint64_t count) {
+    const std::vector<char> zeros(std::min<std::uint64_t>(count, 65536), '\0');
+    while (count > 0 && file) {
+        const std::uint64_t part = std::min<std::uint64_t>(count, zeros.size());
+        file.write(zeros.data(), static_cast<std::streamsize>(part));
+        count -= part;
+    }
+    return file.good();
+}
+
+/// The header that belongs on disk when it is followed by data of these sizes.
+void completeForDisk(mrcH& header) {
+    if (header.type == MRCType::TILT_SERIES && header.next > 0) {
+        header.next = std::max(header.next, static_cast<std::int32_t>(recordBytes(header)));
+        return;
+    }
+    header.next = 0;
+    const float width = static_cast<float>(header.nx);
+    if (header.m_pixelsize > 0 && std::isfinite(header.m_pixelsize) &&
+        header.xlen / width != header.m_pixelsize)
+        header.xlen = header.m_pixelsize * width;
+}
+
+bool hasTilts(const mrcH& header) {
+    const std::array<float, mrcH::kMaxSlices>& tilts =
+        header.sliceValues[static_cast<std::size_t>(SliceValue::TiltAngle)];
+    return std::any_of(tilts.begin(), tilts.end(), [](float tilt) { return tilt != 0; });
+}
+
+}  // namespace
+
+VoxMRCFileHandler::VoxMRCFileHandler() : m_logger(VRKLogger::getInstance()) {}
+
+VoxMRCFileHandler::~VoxMRCFileHandler() = default;
+
+// ---- reading ----------------------------------------------------------------------------------------
+
+VoxMRCData* VoxMRCFileHandler::readMRCFile(const std::string& path) {
+    const std::time_t start = std::time(nullptr);
+    std::unique_ptr<std::ifstream> file;
+    const std::unique_ptr<mrcH> header = openSeries(path, file);
+    if (!header) return nullptr;
+
+    log("Read data ...");
+    std::unique_ptr<VoxMRCData> data(VoxMRCData::Create3D(static_cast<unsigned>(header->nx),
+                                                          static_cast<unsigned>(header->ny),
+                                                          static_cast<unsigned>(header->nz)));
+    if (!data) failAllocation();
+    data->m_Header = *header;
+    data->print_MRCHeader();
+    trace("### DEBUG VoxArray infos: ### ");
+    trace(text("   DataSize: ", data->GetDataSize()));
+    trace(text("  Depth: ", data->GetDepth()));
+    trace(text("  Height: ", data->GetHeight()));
+    trace(text("   Width: ", data->GetWidth()));
+    trace(text("  ChunkCount: ", data->GetChunkCount()));
+    trace(text("   ChunkSize: ", data->GetChunkSize()));
+    trace("### END ### ");
+
+    VRK::detail::ValueCounts counts;
+    const auto chunk = [&](int z) {
+        return std::span<short>(data->GetChunkPointer(static_cast<unsigned>(z)), data->GetChunkSize());
+    };
+    const auto count = [&](int, std::span<const short> values) { counts.add(values); };
+    if (!readSlices(*file, *header, chunk, count)) return nullptr;
+
+    log(text(" Volume: Min value: ", std::min<short>(counts.minimum(), 10000),
+             "  max value: ", std::max<short>(counts.maximum(), 0)));
+    log(" Create histogram on data ... ");
+    auto histogram = std::make_unique<VoxHistogram<short>>(data.get(), kHistogramBins, std::vector<short>());
+    histogram->UpdateFromCounts(counts);
+    data->m_Histogram = histogram.release();
+    log(" ... done.");
+    reportByteCount(*header);
+    log(text("VoxMRCFileHandler:readMRCFile() Completed in ", std::time(nullptr) - start, " sec."));
+    return data.release();
+}
+
+mrcH* VoxMRCFileHandler::readMRCFile_onlyHeader(const std::string& path) {
+    const std::unique_ptr<std::ifstream> file = openToRead(path);
+    if (!file) return nullptr;
+    trace(text(" actual stream pos:", file->tellg()));
+    return readMRCHeader(file.get());
+}
+
+std::unique_ptr<std::ifstream> VoxMRCFileHandler::openToRead(const std::string& path) {
+    m_path = path;
+    std::error_code status;
+    // Opening a pipe would wait for its writer, and a folder opens but does not read.
+    const bool regular = std::filesystem::is_regular_file(path, status);
+    auto file = std::make_unique<std::ifstream>();
+    if (regular) file->open(path, std::ios::binary | std::ios::ate);
+    if (!regular || !*file) {
+        const std::string reason = status ? status.message() : regular ? std::strerror(errno) : "not a file";
+        error("ERROR: Error while opening file " + path);
+        refuse("cannot be opened for reading (" + reason + ")");
+        logMessage("Error while opening file", Vox::Error);
+        return nullptr;
+    }
+    m_fileLength = static_cast<std::uint64_t>(file->tellg());
+    file->seekg(0);
+    log(text(" file length: ", m_fileLength));
+    return file;
+}
+
+std::unique_ptr<mrcH> VoxMRCFileHandler::openSeries(const std::string& path,
+                                                    std::unique_ptr<std::ifstream>& file) {
+    log(" --------------------  read MRC file --------------- ");
+    log("----" + path + " ---- ");
+    file = openToRead(path);
+    if (!file) return nullptr;
+    std::unique_ptr<mrcH> header(readMRCHeader(file.get()));
+    if (!header) return nullptr;
+    const std::uint64_t present = m_fileLength - dataStart(*header);
+    const std::uint64_t announced = dataEnd(*header) - dataStart(*header);
+    if (present == 0) {
+        refuse(text("it has a header but no data (", announced, " bytes announced); the file was cut"));
+        return nullptr;
+    }
+    if (announced / kMostDataPerByte > present) {
+        refuse(text("its header announces ", header->nx, " x ", header->ny, " x ", header->nz, " voxels, ",
+                    announced, " bytes, but only ", present,
+                    " follow; the file was cut, is packed or belongs to another format"));
+        return nullptr;
+    }
+    return header;
+}
+
+mrcH* VoxMRCFileHandler::readMRCHeader(std::ifstream* file) {
+    auto header = std::make_unique<mrcH>();
+    header->type = MRCType::UNINITIALISED;
+    trace("----------------------");
+    log(" Read MRC header ...");
+    std::array<char, kMainHeaderBytes> bytes{};
+    if (!file->read(bytes.data(), bytes.size())) {
+        refuse(text("it has ", m_fileLength, " bytes, less than the ", kMainHeaderBytes,
+                    " of an MRC header; it is empty, was cut or is no MRC file"));
+        return nullptr;
+    }
+    VRK::detail::decodeMainHeader(bytes, *header);
+    trace(text(" actual stream pos:", file->tellg()));
+    std::string wrong = wrongWithSizes(*header);
+    if (wrong.empty()) wrong = wrongWithExtendedHeader(*header, m_fileLength);
+    if (!wrong.empty()) {
+        refuse(wrong);
+        return nullptr;
+    }
+
+    if (header->next > 0) {
+        if (!readExtendedHeader(*file, *header)) return nullptr;
+    } else {
+        header->m_pixelsize = header->xlen / static_cast<float>(header->nx);
+    }
+    log(text("MRCHeader->m_pixelsize was set to", header->m_pixelsize));
+    log("... MRC header read into.");
+    const float first = header->tilt(0);
+    const float last = header->tilt(header->nz - 1);
+    log(text(" tilting from", first, " to", last));
+    header->type = first == 0 && last == 0 ? MRCType::MRCVOLUME : MRCType::TILT_SERIES;
+    log(text("###### MRC file TYPE:", static_cast<int>(header->type)));
+    return header.release();
+}
+
+bool VoxMRCFileHandler::readExtendedHeader(std::ifstream& file, mrcH& header) {
+    log(" Read extended header ...");
+    log(text("   next value is", header.next));
+    // The rest behind the records holds nothing; the records alone are at most 300 x 144 bytes.
+    const std::size_t records = recordBytes(header);
+    const std::uint64_t rest = static_cast<std::uint64_t>(header.next) - records;
+    std::vector<char> bytes(records);
+    if (!file.read(bytes.data(), static_cast<std::streamsize>(records))) {
+        refuse("its extended header cannot be read; the medium or the file is damaged");
+        return false;
+    }
+    if (header.next % static_cast<int>(kSliceRecordBytes) != 0) {
+        if (has128ByteRecords(bytes, header)) {
+            refuse(text("the slice records of its extended header have 128 bytes, not ", kSliceRecordBytes,
+                        "; convert the file first"));
+            return false;
+        }
+        m_logger->log(text(m_path, ": the extended header of ", header.next, " bytes is no whole number of ",
+                           kSliceRecordBytes, "-byte slice records; check the tilt angles"),
+                      VRK::Warning);
+    }
+    for (int z = 0; z < header.nz; ++z) {
+        const auto record =
+            std::span<const char>(bytes).subspan(static_cast<std::size_t>(z) * kSliceRecordBytes);
+        VRK::detail::decodeSliceRecord(record.first<kSliceRecordBytes>(), header, z);
+        m_logger->log(
+            text("   stream pos:", kMainHeaderBytes + static_cast<std::size_t>(z + 1) * kSliceRecordBytes),
+            VRK::Debug, VRK::LoopControl);
+    }
+    header.m_pixelsize = checkPixelSizeInImages(&header);
+    trace(text("   emtyExHeader size is", rest));
+    file.seekg(static_cast<std::streamoff>(dataStart(header)));
+    trace(text("   seek to end of extended header:", file.tellg()));
+    return true;
+}
+
+float VoxMRCFileHandler::checkPixelSizeInImages(mrcH* header) {
+    const float first = header->value(SliceValue::PixelSize, 0);
+    for (int z = 0; z < header->nz; ++z) {
+        if (header->value(SliceValue::PixelSize, z) != first) {
+            m_logger->log("ERROR: Pixelsize in the Extended MRC Header is not the same!!", VRK::Warning);
+            return 0;
+        }
+    }
+    return first;
+}
+
+bool VoxMRCFileHandler::readSlices(std::ifstream& file, const mrcH& header, const SliceTarget& target,
+                                   const SliceVisitor& visitor) {
+    setSteps(header.nz, " ");
+    for (int z = 0; z < header.nz; ++z) {
+        updateStep(z);
+        const std::span<short> values = target(z);
+        file.read(reinterpret_cast<char*>(values.data()), static_cast<std::streamsize>(values.size_bytes()));
+        const auto got = static_cast<std::size_t>(file.gcount());
+        if (got < values.size_bytes())
+            std::memset(reinterpret_cast<char*>(values.data()) + got, 0, values.size_bytes() - got);
+        VRK::detail::swapLittleEndian(values);
+        visitor(z, values);
+        if (canceled()) {
+            log(" readMRCFile() canceled ...");
+            return false;
+        }
+    }
+    return true;
+}
+
+void VoxMRCFileHandler::reportByteCount(const mrcH& header) {
+    const std::uint64_t end = dataEnd(header);
+    log(text(" stream end pos: ", end));
+    log(text(" file length   : ", m_fileLength));
+    if (end == m_fileLength) {
+        log(" Byte count correkt.");
+        return;
+    }
+    error(" ERROR: Byte count incorrekt!!!");
+    if (end < m_fileLength)
+        m_logger->log(text(m_path, ": ", m_fileLength - end, " bytes behind the data were not read"),
+                      VRK::Warning);
+    else
+        m_logger->log(text(m_path, ": the file is cut in slice ",
+                           (m_fileLength - dataStart(header)) / sliceBytes(header), " of 0 ... ",
+                           header.nz - 1, "; the missing voxels were set to 0"),
+                      VRK::Warning);
+}
+
+// ---- writing ----------------------------------------------------------------------------------------
+
+bool VoxMRCFileHandler::writeMRCFile(VoxMRCData* data, const std::string& path) {
+    m_path = path;
+    if (!data || data->GetDataSize() == 0 || data->GetDimCount() != 3) {
+        refuse("there are no data to write");
+        return false;
+    }
+    mrcH header = data->m_Header;
+    header.nx = static_cast<std::int32_t>(data->GetWidth());
+    header.ny = static_cast<std::int32_t>(data->GetHeight());
+    header.nz = static_cast<std::int32_t>(data->GetDepth());
+    return writeSlices(path, header, [data](int z) {
+        return std::span<const short>(data->GetChunkPointer(static_cast<unsigned>(z)), data->GetChunkSize());
+    });
+}
+
+bool VoxMRCFileHandler::writeSlices(const std::string& path, mrcH header, const SliceSource& source) {
+    const std::time_t start = std::time(nullptr);
+    m_path = path;
+    log(" --------------------  write MRC file --------------- ");
+    log(path);
+    if (header.type == MRCType::TILT_SERIES && header.next > 0 && header.nz > mrcH::kMaxSlices) {
+        refuse(text("a series of ", header.nz, " slices cannot be written; ", mrcH::kMaxSlices,
+                    " are possible"));
+        return false;
+    }
+    if (header.type == MRCType::TILT_SERIES && header.next <= 0 && hasTilts(header))
+        m_logger->log(
+            path + ": the tilt angles are not written, as the header has no extended header (next is 0)",
+            VRK::Warning);
+    completeForDisk(header);
+
+    std::ofstream file(path, std::ios::binary);
+    if (!file) {
+        const std::string reason = std::strerror(errno);
+        error("VoxMRCFileHandler::saveMRCFile()  Error while opening file to write in ...");
+        refuse("cannot be opened for writing (" + reason + ")");
+        return false;
+    }
+    bool written = writeMRCHeader(&header, &file);
+    log(" write data ... ");
+    setSteps(header.nz, " ");
+    std::vector<short> swapped;
+    for (int z = 0; z < header.nz && written; ++z) {
+        updateStep(z);
+        std::span<const short> values = source(z);
+        if constexpr (std::endian::native == std::endian::big) {
+            swapped.assign(values.begin(), values.end());
+            VRK::detail::swapLittleEndian(swapped);
+            values = swapped;
+        }
+        file.write(reinterpret_cast<const char*>(values.data()),
+                   static_cast<std::streamsize>(values.size_bytes()));
+        written = file.good();
+        if (canceled()) {
+            log(" writeMRCFile() canceled ...");
+            return false;
+        }
+    }
+    if (written) file.close();
+    if (!written || !file) {
+        refuse(text("could not be written to the end (", std::strerror(errno),
+                    "); free space or name another place"));
+        return false;
+    }
+    log(text("VoxMRCFileHandler:writeMRCFile() Completed in ", std::time(nullptr) - start, " sec."));
+    return true;
+}
+
+bool VoxMRCFileHandler::writeMRCHeader(mrcH* header, std::ofstream* file) {
+    trace("----------------------");
+    log(" write MRC-Header ...");
+    std::array<char, kMainHeaderBytes> bytes{};
+    VRK::detail::encodeMainHeader(*header, bytes);
+    file->write(bytes.data(), bytes.size());
+    log(text("   next value is", header->next, "  AND type =", static_cast<int>(header->type)));
+    if (header->type == MRCType::TILT_SERIES && header->next > 0) {
+        log(" write EXTENDED MRC-Header ...");
+        std::array<char, kSliceRecordBytes> record{};
+        for (int z = 0; z < header->nz; ++z) {
+            VRK::detail::encodeSliceRecord(*header, z, record);
+            file->write(record.data(), record.size());
+        }
+        const std::uint64_t rest = static_cast<std::uint64_t>(header->next) - recordBytes(*header);
+        trace(text("   emtyExHeader size is", rest, " (check:", file->tellp(), ")"));
+        writeZeros(*file, rest);
+        trace(text("   seek to end of extended header:", file->tellp()));
+    }
+    log("... MRC header written.");
+    return file->good();
+}
+
+// ---- messages ---------------------------------------------------------------------------------------
+
+void VoxMRCFileHandler::failAllocation() {
+    error("ERROR: Could not creat data set. Maybe the mrc-file is corrupted!");
+    throw std::bad_alloc();
+}
+
+void VoxMRCFileHandler::log(const std::string& line) {
+    m_logger->log(line);
+}
+
+void VoxMRCFileHandler::trace(const std::string& line) {
+    m_logger->log(line, VRK::Debug);
+}
+
+void VoxMRCFileHandler::error(const std::string& line) {
+    m_logger->log(line, VRK::Error);
+}
+
+void VoxMRCFileHandler::refuse(const std::string& reason) {
+    error("ERROR: " + m_path + ": " + reason);
+}

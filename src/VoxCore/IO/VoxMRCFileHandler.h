@@ -1,0 +1,130 @@
+/// \file
+/// Reading and writing of MRC files: tilt series with their slice values, and reciprocal volumes.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <iosfwd>
+#include <memory>
+#include <span>
+#include <string>
+
+#include "VRKCoreExport.h"
+#include "foundation/VoxProgressObserver.h"
+
+class VRKLogger;
+class VoxMRCData;
+class VoxVolumeData;
+struct mrcH;
+
+/// Reads and writes MRC files: a 1024-byte main header, `next` bytes of extended header, then nz slices of
+/// ny rows of nx 16-bit signed integers, everything little-endian. The values of a slice stay in the
+/// order of the file: x fastest for a series, y fastest for a volume that this library has written.
+///
+/// Main header, byte 0 on: 22 four-byte fields nx ... amean, ispg (88), nsymbt (90), next (92),
+/// extraShort (96), extraWords (98), unused2 (134), idtype (162), lens, nd1, vd1, vd2, tiltangles (172),
+/// the three origins (196), cmap (208), stamp, rms, nlabl, labl (224). mrcH's creatid, unused1, nint,
+/// nreal and nd2 have no place in the file. The mode field is carried, not consulted: the data are always
+/// 16-bit signed. Extended header: per slice 17 float32 in the order of SliceValue and 76 bytes without
+/// meaning, 144 in all; what follows the last record is skipped, the data start at 1024 + next.
+///
+/// Input is checked before memory is sized by it. Every refusal logs one line (Error) with the file's
+/// path and what is wrong and returns null:
+/// - a path that cannot be opened or is no regular file: "ERROR: Error while opening file " + path, and
+///   "Error while opening file" on the progress channel with type 3;
+/// - a file shorter than its 1024-byte header; nx, ny or nz below 1; more than 2^32 - 1 voxels;
+/// - next negative, smaller than nz records, or reaching beyond the end of the file; more than 300 slices
+///   with an extended header (volumes have none and may have more layers than that);
+/// - an extended header whose records evidently have 128 bytes instead of 144: read in steps of 144
+///   its tilts would be other quantities;
+/// - a file without data, or with less than a sixteenth of the data that its header announces. So the
+///   memory that a header can ask for is at most 16 times the file. With more than that the
+///   reading goes on: missing voxels are 0 and the byte count is reported as an error.
+///
+/// Accepted with a warning: next that is no multiple of 144 bytes, slices with unequal pixel sizes.
+/// Values that are not finite are carried like any other.
+///
+/// Long operations report one step per slice and poll for cancellation. A file whose writing failed or
+/// was cancelled is left as it is; its byte count gives it away. One caller at a time.
+class VRKCORE_EXPORT VoxMRCFileHandler : public VoxProgressObservable {
+public:
+    VoxMRCFileHandler();
+    ~VoxMRCFileHandler();
+    VoxMRCFileHandler(const VoxMRCFileHandler&) = delete;
+    VoxMRCFileHandler& operator=(const VoxMRCFileHandler&) = delete;
+
+    /// Reads a whole file. The result (owned by the caller) carries the header and a 256-bin histogram of
+    /// all values. Its type is MRCVOLUME when the first and the last tilt are 0, else TILT_SERIES. The
+    /// pixel size is that of the slices, 0 when they differ; without an extended header it is xlen/nx.
+    ///
+    /// Null: refused (above) or cancelled (" readMRCFile() canceled ...").
+    /// The logged extrema start at 10000 and 0: data that lie above or below both are reported with these.
+    /// \throw std::bad_alloc when the data set cannot be allocated, after an Error line
+    VoxMRCData* readMRCFile(const std::string& path);
+
+    /// Reads main and extended header (owned by the caller). The data are not looked at and may be
+    /// missing. Null: refused.
+    mrcH* readMRCFile_onlyHeader(const std::string& path);
+
+    /// Writes data with their header. The extended header is written for a TILT_SERIES with next > 0 only.
+    ///
+    /// On disk the header tells what the file holds: nx, ny, nz are the sizes of the data; next is 0
+    /// when no extended header is written, and at least nz records when one is. Without one, xlen is
+    /// set so that xlen/nx gives m_pixelsize back, else a volume would lose its pixel size. The caller's
+    /// header stays as it is. Tilts that are lost because next is 0 are warned of.
+    ///
+    /// False, each with one Error line: no data, more than 300 slices with an extended header, a file that
+    /// cannot be opened or not be written to the end. False with " writeMRCFile() canceled ...": cancelled.
+    bool writeMRCFile(VoxMRCData* data, const std::string& path);
+
+    /// A synthetic tilt series with known lattice (DummyCrystal.h) and no noise, the same on every call;
+    /// owned by the caller. With histogram and extended header. Throws std::bad_alloc like readMRCFile().
+    VoxMRCData* createTestDummyMRCFile();
+
+    /// Reads a file for display. Blocks of \p reduction voxels along each axis are averaged into one;
+    /// of a series only along x and y, as slices are patterns of different tilts. 1 (and anything
+    /// below) keeps the full size. Only the reduced view is held in memory. The result is owned by the
+    /// caller. Failures as in readMRCFile().
+    VoxVolumeData* readMRCFile_asVolumeData(const std::string& path, int reduction);
+
+    /// Writes a view, reduced like in reading, in the in-slice order that its type has in files. Failures as
+    /// in writing of MRC data.
+    bool writeMRCFile(VoxVolumeData* volume, const std::string& path, int reduction);
+
+    /// The series of createTestDummyMRCFile() as a view, reduced like in reading; owned by the caller.
+    VoxVolumeData* createTestDummyMRCFile_asVolumeData(int reduction);
+
+private:
+    /// Where the values of a slice go to or come from.
+    using SliceTarget = std::function<std::span<short>(int slice)>;
+    using SliceSource = std::function<std::span<const short>(int slice)>;
+    using SliceVisitor = std::function<void(int slice, std::span<const short> values)>;
+
+    mrcH* readMRCHeader(std::ifstream* file);
+    bool writeMRCHeader(mrcH* header, std::ofstream* file);
+    float checkPixelSizeInImages(mrcH* header);
+    mrcH* createDummyMRCTiltHeader();
+
+    /// Opens a file for one of the reading operations and logs its length; null on failure.
+    std::unique_ptr<std::ifstream> openToRead(const std::string& path);
+    /// The frame of the reading operations: open, header, check of the data's length. Null on failure.
+    std::unique_ptr<mrcH> openSeries(const std::string& path, std::unique_ptr<std::ifstream>& file);
+    bool readExtendedHeader(std::ifstream& file, mrcH& header);
+    /// Reads every slice into its target and shows it to the visitor; false when cancelled.
+    bool readSlices(std::ifstream& file, const mrcH& header, const SliceTarget& target,
+                    const SliceVisitor& visitor);
+    void reportByteCount(const mrcH& header);
+    /// The header is changed into what belongs on disk.
+    bool writeSlices(const std::string& path, mrcH header, const SliceSource& source);
+    [[noreturn]] void failAllocation();
+
+    void log(const std::string& text);
+    void trace(const std::string& text);
+    void error(const std::string& text);
+    /// Logs the refusal of the file at hand.
+    void refuse(const std::string& reason);
+
+    VRKLogger* m_logger;
+    std::string m_path;              ///< the file at hand
+    std::uint64_t m_fileLength = 0;  ///< of the file being read, bytes
+};
