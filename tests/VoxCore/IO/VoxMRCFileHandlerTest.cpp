@@ -1,0 +1,261 @@
+#include "VoxCore/IO/VoxMRCFileHandler.h"
+
+#include <gtest/gtest.h>
+#include <rapidcheck.h>
+
+#include <cmath>
+#include <limits>
+#include <memory>
+
+#include "VoxCore/DataModel/VoxHistogram.h"
+#include "VoxCore/DataModel/VoxMRCData.h"
+#include "support/MRCBytes.h"
+#include "support/RecordingLogObserver.h"
+#include "support/RecordingProgressObserver.h"
+#include "support/TemporaryFolder.h"
+
+namespace {
+
+std::unique_ptr<VoxMRCData> readFile(const std::string& path) {
+    return std::unique_ptr<VoxMRCData>(VoxMRCFileHandler().readMRCFile(path));
+}
+
+std::vector<std::int16_t> voxels(const VoxMRCData& data) {
+    std::vector<std::int16_t> all;
+    for (unsigned z = 0; z < data.GetChunkCount(); ++z)
+        all.insert(all.end(), data.GetChunkPointer(z), data.GetChunkPointer(z) + data.GetChunkSize());
+    return all;
+}
+
+}  // namespace
+
+TEST(VoxMRCFileHandler, ReadsEveryFieldFromItsPlace) {
+    MRCBytes file(5, 3, 2);
+    for (std::size_t offset = 12; offset < 40; offset += 4)
+        MRCBytes::put(file.header, offset, static_cast<std::int32_t>(offset));
+    for (std::size_t offset :
+         {40, 44, 48, 52, 56, 60, 76, 80, 84, 172, 176, 180, 184, 188, 192, 196, 200, 204, 216})
+        MRCBytes::put(file.header, offset, static_cast<float>(offset) + 0.5F);
+    for (std::size_t offset : {64, 68, 72, 98, 102, 106, 110, 114, 118, 122, 126, 130, 220})
+        MRCBytes::put(file.header, offset, static_cast<std::int32_t>(offset));
+    for (std::size_t offset : {88, 90, 96, 162, 164, 166, 168, 170})
+        MRCBytes::put(file.header, offset, static_cast<std::int16_t>(offset));
+    file.header.replace(134, 28, std::string(27, 'u') + "U");
+    file.header.replace(208, 8, "MAP DD\x01\x02");
+    file.header.replace(224, 800, std::string(799, 'l') + "L");
+    for (int z = 0; z < 2; ++z)
+        for (int k = 1; k <= 17; ++k)
+            file.putSliceValue(z, k, k == 12 ? 2.5e8F : static_cast<float>(100 * z + k));
+
+    const TemporaryFolder folder;
+    const std::unique_ptr<VoxMRCData> data = readFile(folder.write("a.mrc", file.bytes()));
+    ASSERT_TRUE(data);
+    const mrcH& h = data->m_Header;
+    EXPECT_EQ((std::vector<int>{h.nx, h.ny, h.nz, h.mode, h.nxstart, h.nystart, h.nzstart, h.mx, h.my, h.mz}),
+              (std::vector<int>{5, 3, 2, 12, 16, 20, 24, 28, 32, 36}));
+    EXPECT_EQ((std::vector<float>{h.xlen, h.ylen, h.zlen, h.alpha, h.beta, h.gamma, h.amin, h.amax, h.amean,
+                                  h.tiltangles[0], h.tiltangles[5], h.xorgin, h.yorgin, h.zorgin, h.rms}),
+              (std::vector<float>{40.5, 44.5, 48.5, 52.5, 56.5, 60.5, 76.5, 80.5, 84.5, 172.5, 192.5, 196.5,
+                                  200.5, 204.5, 216.5}));
+    EXPECT_EQ((std::vector<int>{h.mapc, h.mapr, h.maps, h.ispg, h.nsymbt, h.next, h.idtype, h.lens, h.nd1,
+                                h.vd1, h.vd2, h.nlabl}),
+              (std::vector<int>{64, 68, 72, 88, 90, 288, 162, 164, 166, 168, 170, 220}));
+    EXPECT_EQ(h.extraShort, 96);
+    EXPECT_EQ(h.extraWords[0], 98U);
+    EXPECT_EQ(h.extraWords[8], 130U);
+    EXPECT_EQ(h.unused2[0], 'u');
+    EXPECT_EQ(h.unused2[27], 'U');
+    EXPECT_EQ(std::string(h.cmap.data(), 4) + std::string(h.stamp.data(), 4), "MAP DD\x01\x02");
+    EXPECT_EQ(h.labl[0], 'l');
+    EXPECT_EQ(h.labl[799], 'L');
+    EXPECT_EQ((std::vector<int>{h.creatid, h.nint, h.nreal, h.nd2}), std::vector<int>(4, 0));
+
+    for (int k = 1; k <= 17; ++k)
+        EXPECT_EQ(h.value(static_cast<SliceValue>(k - 1), 1), k == 12 ? 2.5e8F : static_cast<float>(100 + k));
+    EXPECT_EQ(h.tilt(1), 101.0F);
+    EXPECT_EQ(h.value(SliceValue::TiltAxis, 0), 9.0F);
+    EXPECT_EQ(h.value(SliceValue::HighTension, 0), 16.0F);
+    EXPECT_EQ(h.m_pixelsize, 2.5e8F);
+    EXPECT_EQ(h.type, MRCType::TILT_SERIES);
+    EXPECT_EQ(voxels(*data), file.data);
+    EXPECT_EQ(data->GetWidth(), 5U);
+    EXPECT_EQ(data->GetHeight(), 3U);
+}
+
+TEST(VoxMRCFileHandler, TypeAndPixelSizeFollowFromTheSliceValues) {
+    struct Case {
+        const char* name;
+        MRCBytes file;
+        MRCType type;
+        float pixelSize;
+    };
+    std::vector<Case> cases;
+    cases.push_back({"no extended header", MRCBytes(4, 3, 5, 0), MRCType::MRCVOLUME, 0.25F});
+    MRCBytes::put(cases.back().file.header, 40, 1.0F);
+    cases.push_back({"more layers than records", MRCBytes(2, 2, 400, 0), MRCType::MRCVOLUME, 0.0F});
+    cases.push_back({"tilted in the middle only", MRCBytes(4, 3, 3), MRCType::MRCVOLUME, 0.0F});
+    cases.back().file.putSliceValue(1, 1, 10.0F);
+    cases.push_back({"one pixel size", MRCBytes(4, 3, 3), MRCType::TILT_SERIES, 3e7F});
+    cases.back().file.putTilts(-1, 1, 3e7F);
+    cases.push_back({"two pixel sizes", MRCBytes(4, 3, 3), MRCType::TILT_SERIES, 0.0F});
+    cases.back().file.putTilts(-1, 1, 3e7F);
+    cases.back().file.putSliceValue(2, 12, 3.1e7F);
+    cases.push_back({"the most slices there may be", MRCBytes(1, 1, 300), MRCType::TILT_SERIES, 1e8F});
+    cases.back().file.putTilts(0, 0.25F);
+    cases.push_back({"room behind the records", MRCBytes(4, 3, 3), MRCType::TILT_SERIES, 1e8F});
+    cases.back().file.putTilts(-1, 1);
+    cases.back().file.next += 1000;
+    cases.back().file.extended.append(1000, 'x');
+
+    const TemporaryFolder folder;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        RecordingLogObserver log;
+        const std::unique_ptr<VoxMRCData> data = readFile(folder.write("a.mrc", c.file.bytes()));
+        ASSERT_TRUE(data);
+        EXPECT_EQ(data->m_Header.type, c.type);
+        EXPECT_EQ(data->m_Header.m_pixelsize, c.pixelSize);
+        EXPECT_EQ(voxels(*data), c.file.data);
+        EXPECT_TRUE(log.has(" Byte count correkt.", VRK::Normal));
+        EXPECT_EQ(log.has("ERROR: Pixelsize in the Extended MRC Header is not the same!!", VRK::Warning),
+                  std::string(c.name) == "two pixel sizes");
+
+        const std::unique_ptr<mrcH> header(VoxMRCFileHandler().readMRCFile_onlyHeader(folder / "a.mrc"));
+        ASSERT_TRUE(header);
+        EXPECT_EQ(header->sliceValues, data->m_Header.sliceValues);
+        EXPECT_EQ(header->type, c.type);
+    }
+}
+
+TEST(VoxMRCFileHandler, ReportsWhatItReads) {
+    MRCBytes file(2, 2, 2);
+    file.putTilts(-10.5F, 21.0F, 0);
+    file.data = {12000, 11000, 32767, 10001, 12000, 11000, 12000, 20000};
+    const TemporaryFolder folder;
+    const std::string path = folder.write("a.mrc", file.bytes());
+    RecordingLogObserver log;
+    ASSERT_TRUE(readFile(path));
+    for (const std::string text :
+         {" --------------------  read MRC file --------------- ", "----", " file length: 1328",
+          " Read MRC header ...", " Read extended header ...", "   next value is288",
+          "MRCHeader->m_pixelsize was set to0", "... MRC header read into.", " tilting from-10.5 to10.5",
+          "###### MRC file TYPE:1", "Read data ...", " Volume: Min value: 10000  max value: 32767",
+          " Create histogram on data ... ", " ... done.", " stream end pos: 1328", " file length   : 1328",
+          " Byte count correkt.", "VoxMRCFileHandler:readMRCFile() Completed in "})
+        EXPECT_TRUE(log.has(text, VRK::Normal)) << text;
+    EXPECT_TRUE(log.has("   emtyExHeader size is0", VRK::Debug));
+    EXPECT_EQ(log.count("   stream pos:", VRK::Debug), 2);
+
+    file.data.assign(8, -5);
+    folder.write("a.mrc", file.bytes());
+    ASSERT_TRUE(readFile(path));
+    EXPECT_TRUE(log.has(" Volume: Min value: -5  max value: 0", VRK::Normal));
+}
+
+TEST(VoxMRCFileHandler, HistogramIsThatOfThePlainRule) {
+    const TemporaryFolder folder;
+    EXPECT_TRUE(rc::check("histogram", [&folder](const std::vector<std::int16_t>& values) {
+        MRCBytes file(3, 2, static_cast<std::int32_t>(values.size() / 6 + 1), 0);
+        std::copy(values.begin(), values.end(), file.data.begin());
+        const std::unique_ptr<VoxMRCData> data = readFile(folder.write("h.mrc", file.bytes()));
+        RC_ASSERT(data != nullptr);
+        const auto [low, high] = std::minmax_element(file.data.begin(), file.data.end());
+        std::vector<unsigned> bins(256, 0);
+        for (int value : file.data)
+            ++bins[static_cast<std::size_t>(*low == *high ? 0 : (value - *low) * 255 / (*high - *low))];
+        RC_ASSERT(data->m_Histogram->m_MinValue == *low);
+        RC_ASSERT(data->m_Histogram->m_MaxValue == *high);
+        RC_ASSERT(data->m_Histogram->m_Bins == bins);
+    }));
+}
+
+TEST(VoxMRCFileHandler, WritesBackWhatItHasReadByteForByte) {
+    const TemporaryFolder folder;
+    EXPECT_TRUE(rc::check("same bytes", [&folder] {
+        const int slices = *rc::gen::inRange(1, 4);
+        MRCBytes file(*rc::gen::inRange(1, 5), *rc::gen::inRange(1, 5), slices,
+                      *rc::gen::element(0, 144, 288));
+        file.header = *rc::gen::container<std::string>(1024, rc::gen::arbitrary<char>());
+        if (file.next > 0) {
+            const auto values = *rc::gen::container<std::vector<std::uint32_t>>(
+                static_cast<std::size_t>(17 * slices), rc::gen::arbitrary<std::uint32_t>());
+            for (int i = 0; i < 17 * slices; ++i)
+                MRCBytes::put(file.extended, static_cast<std::size_t>(i / 17 * 144 + i % 17 * 4),
+                              values[static_cast<std::size_t>(i)]);
+            file.putSliceValue(0, 1, 1.0F);  // a series, whatever the rest says
+        }
+        const std::unique_ptr<VoxMRCData> data = readFile(folder.write("a.mrc", file.bytes()));
+        RC_ASSERT(data != nullptr);
+        RC_ASSERT(VoxMRCFileHandler().writeMRCFile(data.get(), folder / "b.mrc"));
+        RC_ASSERT(folder.read("b.mrc") == file.bytes());
+    }));
+}
+
+TEST(VoxMRCFileHandler, HeaderOnDiskAgreesWithWhatFollowsIt) {
+    const TemporaryFolder folder;
+    MRCBytes file(4, 3, 2);
+    file.putTilts(-1, 2, 7e7F);
+    const std::string path = folder.write("a.mrc", file.bytes());
+    std::unique_ptr<VoxMRCData> data = readFile(path);
+    ASSERT_TRUE(data);
+
+    // A volume keeps its pixel size but has no extended header, whatever the series it came from had.
+    data->m_Header.type = MRCType::MRCVOLUME;
+    ASSERT_TRUE(VoxMRCFileHandler().writeMRCFile(data.get(), path));
+    EXPECT_EQ(data->m_Header.next, 288);
+    EXPECT_EQ(folder.read("a.mrc").size(), 1024 + 2 * file.data.size());
+    const std::unique_ptr<VoxMRCData> volume = readFile(path);
+    ASSERT_TRUE(volume);
+    EXPECT_EQ(volume->m_Header.next, 0);
+    EXPECT_EQ(volume->m_Header.m_pixelsize, 7e7F);
+    EXPECT_EQ(voxels(*volume), file.data);
+
+    // Sizes that the data do not have, and too small an extended header.
+    data->m_Header.type = MRCType::TILT_SERIES;
+    data->m_Header.nx = 400;
+    data->m_Header.next = 1;
+    ASSERT_TRUE(VoxMRCFileHandler().writeMRCFile(data.get(), path));
+    EXPECT_EQ(folder.read("a.mrc"), file.bytes());
+
+    RecordingLogObserver log;
+    data->m_Header.next = 0;
+    ASSERT_TRUE(VoxMRCFileHandler().writeMRCFile(data.get(), path));
+    EXPECT_TRUE(log.has("tilt angles are not written", VRK::Warning));
+}
+
+TEST(VoxMRCFileHandler, ReportsProgressAndStopsOnRequest) {
+    const TemporaryFolder folder;
+    const std::string path = folder.write("a.mrc", MRCBytes(2, 2, 4, 0).bytes());
+    RecordingLogObserver log;
+    VoxMRCFileHandler handler;
+    RecordingProgressObserver whole;
+    handler.registerObserver(&whole);
+    const std::unique_ptr<VoxMRCData> data(handler.readMRCFile(path));
+    ASSERT_TRUE(data);
+    EXPECT_TRUE(handler.writeMRCFile(data.get(), path));
+    EXPECT_EQ(whole.updates, (std::vector<int>{0, 1, 2, 3, 0, 1, 2, 3}));
+    EXPECT_EQ(whole.titles, (std::vector<std::string>{" ", " "}));
+
+    RecordingProgressObserver stopping(3);
+    handler.registerObserver(&stopping);
+    EXPECT_EQ(handler.readMRCFile(path), nullptr);
+    EXPECT_EQ(stopping.updates.size(), 3U);
+    EXPECT_FALSE(handler.writeMRCFile(data.get(), path));
+    EXPECT_TRUE(log.has(" readMRCFile() canceled ...", VRK::Normal));
+    EXPECT_TRUE(log.has(" writeMRCFile() canceled ...", VRK::Normal));
+}
+
+TEST(VoxMRCFileHandler, CarriesValuesThatAreNotFinite) {
+    MRCBytes file(4, 3, 3);
+    file.putTilts(-1, 1, std::numeric_limits<float>::quiet_NaN());
+    file.putSliceValue(0, 1, std::numeric_limits<float>::quiet_NaN());
+    file.putSliceValue(2, 1, std::numeric_limits<float>::infinity());
+    MRCBytes::put(file.header, 40, std::numeric_limits<float>::infinity());
+    const TemporaryFolder folder;
+    const std::unique_ptr<VoxMRCData> data = readFile(folder.write("a.mrc", file.bytes()));
+    ASSERT_TRUE(data);
+    EXPECT_EQ(data->m_Header.type, MRCType::TILT_SERIES);
+    EXPECT_EQ(data->m_Header.m_pixelsize, 0.0F);  // no NaN equals another
+    EXPECT_TRUE(std::isnan(data->m_Header.tilt(0)));
+    EXPECT_EQ(voxels(*data), file.data);
+}
