@@ -1,0 +1,42 @@
+/// \file
+/// The evaluation plots of an indexed list.
+#pragma once
+
+#include <Eigen/Core>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "indexing/LatticeFitInternal.h"
+
+class ReflexVector;
+
+namespace VRK::detail {
+
+/// What the plots show of one list: reflections relative to the lattice that fits the indexed ones best.
+class IndexingPlots {
+public:
+    /// Empty, with an error logged, when there is no list or the indexed reflections determine no lattice.
+    static std::optional<IndexingPlots> of(ReflexVector* reflections);
+
+    /// \name Each writes and renders one plot; see IndicateWithHKL.
+    /// @{
+    bool evaluation(const std::string& folder) const;
+    bool projections(const std::string& folder) const;
+    bool oneIndex(std::size_t index, const std::string& folder) const;
+    /// @}
+
+private:
+    struct Spot {
+        Indices hkl;
+        bool indexed;
+        double intensity;
+        double distance;               ///< from the origin, voxels
+        Eigen::Vector3d displacement;  ///< from the nearest node, voxels
+        Eigen::Vector3d deviation;     ///< of the fractional indices from the nearest integers
+    };
+
+    std::vector<Spot> m_spots;
+};
+
+}  // namespace VRK::detail

@@ -1,0 +1,485 @@
+#include "indexing/LatticeFitInternal.h"
+
+#include <Eigen/Cholesky>
+#include <Eigen/Eigenvalues>
+#include <Eigen/Geometry>
+#include <Eigen/LU>
+#include <Eigen/SVD>
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <numbers>
+
+namespace VRK::detail {
+namespace {
+
+using Matrix4 = Eigen::Matrix4d;
+using Matrix34 = Eigen::Matrix<double, 3, 4>;
+using Vector12 = Eigen::Matrix<double, 12, 1>;
+using Vector7 = Eigen::Matrix<double, 7, 1>;
+
+constexpr double kDegree = std::numbers::pi / 180.0;
+
+/// Median length of a vector of three independent standard normal numbers.
+constexpr double kMedianOfChi3 = 1.5381722544550522;
+/// Where the weights begin to fall (Huber) and reach zero (Tukey), in standard deviations of one coordinate.
+/// Both keep about 95 % of the efficiency of plain least squares in three dimensions.
+constexpr double kHuberLimit = 2.0;
+constexpr double kTukeyLimit = 6.3;
+/// Below this spread (voxels) positions count as exact.
+constexpr double kSmallestSigma = 1e-7;
+/// Points needed to begin a fit of twelve numbers.
+constexpr int kFewestPoints = 6;
+
+enum class Weighting { Huber, Tukey };
+
+/// Positions and indices of the points that take part in a fit.
+struct Selection {
+    std::vector<Eigen::Vector3d> position;
+    std::vector<Eigen::Vector4d> node;  ///< h, k, l, 1
+    std::vector<double> prior;
+};
+
+Selection select(std::span<const FitPoint> points, const std::vector<Indices>& indices,
+                 const std::vector<bool>& within) {
+    Selection chosen;
+    for (std::size_t i = 0; i < points.size(); ++i) {
+        const auto [h, k, l] = indices[i];
+        // What is left of the direct beam's halo at 000 says little about the origin.
+        const bool beam = h == 0 && k == 0 && l == 0;
+        if (h == kNotIndexed || beam || !within[i] || !(points[i].weight > 0.0)) continue;
+        chosen.position.push_back(points[i].position);
+        chosen.node.emplace_back(h, k, l, 1.0);
+        chosen.prior.push_back(points[i].weight);
+    }
+    return chosen;
+}
+
+Matrix34 asMatrix(const Lattice& lattice) {
+    Matrix34 m;
+    m << lattice.basis, lattice.origin;
+    return m;
+}
+
+Lattice asLattice(const Matrix34& m) {
+    return {m.leftCols<3>(), m.col(3)};
+}
+
+double median(std::vector<double> values) {
+    if (values.empty()) return 0.0;
+    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+    std::nth_element(values.begin(), middle, values.end());
+    return *middle;
+}
+
+/// Lengths of the residuals in units of their expected spread (the prior weights' square roots applied).
+std::vector<double> residualLengths(const Selection& chosen, const Matrix34& model) {
+    std::vector<double> lengths(chosen.position.size());
+    for (std::size_t i = 0; i < lengths.size(); ++i)
+        lengths[i] = (chosen.position[i] - model * chosen.node[i]).norm() * std::sqrt(chosen.prior[i]);
+    return lengths;
+}
+
+double robustSigma(const std::vector<double>& lengths) {
+    return std::max(median(lengths) / kMedianOfChi3, kSmallestSigma);
+}
+
+double weightOf(double length, double sigma, Weighting weighting) {
+    const double x = length / sigma;
+    if (weighting == Weighting::Huber) return x <= kHuberLimit ? 1.0 : kHuberLimit / x;
+    const double u = x / kTukeyLimit;
+    return u < 1.0 ? (1.0 - u * u) * (1.0 - u * u) : 0.0;
+}
+
+/// Sums of a weighted linear fit position = model * node.
+struct NormalSums {
+    Matrix4 nodes = Matrix4::Zero();
+    Matrix34 mixed = Matrix34::Zero();
+};
+
+NormalSums normalSums(const Selection& chosen, const std::vector<double>& weights) {
+    NormalSums sums;
+    for (std::size_t i = 0; i < weights.size(); ++i) {
+        const Eigen::Vector4d weighted = weights[i] * chosen.node[i];
+        sums.nodes += weighted * chosen.node[i].transpose();
+        sums.mixed += chosen.position[i] * weighted.transpose();
+    }
+    return sums;
+}
+
+/// False when the nodes lie in a plane or are too few, so that the fit has no single answer.
+bool determined(const Matrix4& nodes) {
+    const Eigen::Vector4d diagonal = nodes.diagonal();
+    if (!(diagonal.minCoeff() > 0.0)) return false;
+    const Eigen::Vector4d scale = diagonal.cwiseSqrt().cwiseInverse();
+    const Matrix4 scaled = scale.asDiagonal() * nodes * scale.asDiagonal();
+    return Eigen::SelfAdjointEigenSolver<Matrix4>(scaled, Eigen::EigenvaluesOnly).eigenvalues()(0) > 1e-9;
+}
+
+/// The weight matrix of the twelve numbers that goes with the sums over the nodes.
+Matrix12 expand(const Matrix4& nodes) {
+    Matrix12 full = Matrix12::Zero();
+    for (int i = 0; i < 4; ++i)
+        for (int j = 0; j < 4; ++j)
+            full.block<3, 3>(3 * i, 3 * j) = nodes(i, j) * Eigen::Matrix3d::Identity();
+    return full;
+}
+
+Vector12 flattened(const Matrix34& m) {
+    return Eigen::Map<const Vector12>(m.data());
+}
+
+/// Base vectors of the direct cell as columns: a along x, b in the xy plane.
+Eigen::Matrix3d directBasis(const std::array<double, 6>& cell) {
+    const auto& [a, b, c, alpha, beta, gamma] = cell;
+    const double ca = std::cos(alpha * kDegree), cb = std::cos(beta * kDegree),
+                 cg = std::cos(gamma * kDegree);
+    const double sg = std::sin(gamma * kDegree);
+    const double cy = (ca - cb * cg) / sg;
+    Eigen::Matrix3d basis;
+    basis << a, b * cg, c * cb, 0, b * sg, c * cy, 0, 0,
+        c * std::sqrt(std::max(1.0 - cb * cb - cy * cy, 0.0));
+    return basis;
+}
+
+/// A lattice whose conventional direct cell obeys ties, as a function of few numbers: the free lengths, the
+/// free angles (degrees), a rotation vector and the origin.
+class TiedLattice {
+public:
+    TiedLattice(const CellTies& ties, const Matrix34& start) : m_ties(ties) {
+        const Eigen::Matrix3d conventional = start.leftCols<3>() * ties.toConventional.inverse().transpose();
+        setCell(directCell(conventional));
+        // The rotation (or rotoinversion) that brings the tied cell closest to the start.
+        const Eigen::Matrix3d tied = reciprocalOf(m_values);
+        const Eigen::JacobiSVD<Eigen::Matrix3d> svd(conventional * tied.inverse(),
+                                                    Eigen::ComputeFullU | Eigen::ComputeFullV);
+        m_rotation = svd.matrixU() * svd.matrixV().transpose();
+        m_values.tail<3>() = start.col(3);
+    }
+
+    Eigen::Index size() const { return m_values.size(); }
+
+    Matrix34 model() const { return modelAt(m_values); }
+
+    /// Derivatives of the twelve numbers of the lattice by those of this class.
+    Eigen::Matrix<double, 12, Eigen::Dynamic> derivatives() const {
+        Eigen::Matrix<double, 12, Eigen::Dynamic> result(12, size());
+        for (Eigen::Index i = 0; i < size(); ++i) {
+            const double step = 1e-5 * std::max(std::abs(m_values(i)), i < m_lengths ? 1e-12 : 1.0);
+            Eigen::VectorXd up = m_values, down = m_values;
+            up(i) += step;
+            down(i) -= step;
+            result.col(i) = (flattened(modelAt(up)) - flattened(modelAt(down))) / (2.0 * step);
+        }
+        return result;
+    }
+
+    /// Moves by a step and makes the new orientation the reference of the next.
+    void move(const Eigen::VectorXd& step) {
+        m_values += step;
+        const Eigen::Vector3d turn = m_values.segment<3>(m_lengths + m_angles);
+        m_rotation = rotation(turn) * m_rotation;
+        m_values.segment<3>(m_lengths + m_angles).setZero();
+    }
+
+private:
+    void setCell(const Vector7& cell) {
+        m_lengths = *std::max_element(m_ties.length.begin(), m_ties.length.end()) + 1;
+        m_angles = static_cast<int>(std::count(m_ties.angle.begin(), m_ties.angle.end(), 0.0));
+        m_values = Eigen::VectorXd::Zero(m_lengths + m_angles + 6);
+        std::array<double, 3> count = {0, 0, 0};
+        for (std::size_t i = 0; i < 3; ++i) {
+            const int group = m_ties.length[i];
+            m_values(group) += cell(static_cast<Eigen::Index>(i));
+            count[static_cast<std::size_t>(group)] += 1.0;
+        }
+        for (int group = 0; group < m_lengths; ++group)
+            m_values(group) /= count[static_cast<std::size_t>(group)];
+        int next = m_lengths;
+        for (std::size_t i = 0; i < 3; ++i)
+            if (m_ties.angle[i] == 0.0) m_values(next++) = cell(static_cast<Eigen::Index>(i) + 3);
+    }
+
+    Eigen::Matrix3d reciprocalOf(const Eigen::VectorXd& values) const {
+        std::array<double, 6> cell{};
+        int next = m_lengths;
+        for (std::size_t i = 0; i < 3; ++i) {
+            cell[i] = values(m_ties.length[i]);
+            cell[i + 3] = m_ties.angle[i] == 0.0 ? values(next++) : m_ties.angle[i];
+        }
+        return directBasis(cell).inverse().transpose();
+    }
+
+    Matrix34 modelAt(const Eigen::VectorXd& values) const {
+        const Eigen::Vector3d turn = values.segment<3>(m_lengths + m_angles);
+        Matrix34 m;
+        m.leftCols<3>() =
+            rotation(turn) * m_rotation * reciprocalOf(values) * m_ties.toConventional.transpose();
+        m.col(3) = values.tail<3>();
+        return m;
+    }
+
+    static Eigen::Matrix3d rotation(const Eigen::Vector3d& turn) {
+        const double angle = turn.norm();
+        if (angle == 0.0) return Eigen::Matrix3d::Identity();
+        return Eigen::AngleAxisd(angle, turn / angle).toRotationMatrix();
+    }
+
+    CellTies m_ties;
+    int m_lengths = 0;
+    int m_angles = 0;
+    Eigen::VectorXd m_values;
+    Eigen::Matrix3d m_rotation = Eigen::Matrix3d::Identity();
+};
+
+/// The inverse of DᵀWD with its rows and columns brought to one scale first.
+Eigen::MatrixXd scaledInverse(const Eigen::MatrixXd& matrix) {
+    const Eigen::VectorXd scale = matrix.diagonal().cwiseMax(1e-300).cwiseSqrt().cwiseInverse();
+    const Eigen::MatrixXd scaled = scale.asDiagonal() * matrix * scale.asDiagonal();
+    const Eigen::MatrixXd inverse =
+        scaled.ldlt().solve(Eigen::MatrixXd::Identity(matrix.rows(), matrix.cols()));
+    return scale.asDiagonal() * inverse * scale.asDiagonal();
+}
+
+/// The lattice under the ties that is nearest to the free solution in the metric of the fit: the same as
+/// least squares under the ties, since the fit is linear in the free lattice.
+Matrix34 applyTies(const CellTies& ties, const Matrix34& freeModel, const Matrix4& nodes) {
+    TiedLattice tied(ties, freeModel);
+    const Matrix12 weight = expand(nodes);
+    for (int round = 0; round < 25; ++round) {
+        const auto d = tied.derivatives();
+        const Vector12 off = flattened(freeModel) - flattened(tied.model());
+        const Eigen::VectorXd step =
+            scaledInverse(d.transpose() * weight * d) * (d.transpose() * weight * off);
+        if (!step.allFinite()) break;
+        tied.move(step);
+        if ((d * step).cwiseAbs().maxCoeff() < 1e-12 * freeModel.cwiseAbs().maxCoeff()) break;
+    }
+    return tied.model();
+}
+
+/// One weighted least-squares step. \returns false when the points do not determine a lattice.
+bool solveOnce(const Selection& chosen, const std::vector<double>& weights, const CellTies& ties,
+               Matrix34& model) {
+    const NormalSums sums = normalSums(chosen, weights);
+    if (!determined(sums.nodes)) return false;
+    Matrix34 solved = sums.nodes.ldlt().solve(sums.mixed.transpose()).transpose();
+    if (ties.any) solved = applyTies(ties, solved, sums.nodes);
+    if (!solved.allFinite()) return false;
+    model = solved;
+    return true;
+}
+
+/// Robust fit with fixed indices: reweighted least squares, first with weights that keep every point, then
+/// with ones that drop outliers.
+bool solveRobust(const Selection& chosen, const CellTies& ties, Matrix34& model) {
+    if (chosen.position.size() < kFewestPoints) return false;
+    for (const Weighting weighting : {Weighting::Huber, Weighting::Tukey}) {
+        for (int round = 0; round < 30; ++round) {
+            std::vector<double> weights = residualLengths(chosen, model);
+            const double sigma = robustSigma(weights);
+            for (std::size_t i = 0; i < weights.size(); ++i)
+                weights[i] = chosen.prior[i] * weightOf(weights[i], sigma, weighting);
+            const Matrix34 before = model;
+            if (!solveOnce(chosen, weights, ties, model)) return false;
+            // A change that moves no node by a thousandth of the spread is none.
+            double change = 0.0;
+            for (std::size_t i = 0; i < chosen.node.size(); i += 1 + chosen.node.size() / 64)
+                change = std::max(change, ((model - before) * chosen.node[i]).norm());
+            if (change < 1e-3 * sigma) break;
+        }
+    }
+    return true;
+}
+
+/// Rounds of indexing and fitting over the points within a radius of the origin.
+struct Rounds {
+    int done = 0;
+    bool stable = false;
+    bool solved = false;
+};
+
+Rounds refineWithin(std::span<const FitPoint> points, double radius, int most, double tolerance,
+                    const CellTies& ties, Lattice& lattice, std::vector<Indices>& indices) {
+    Rounds rounds;
+    std::vector<bool> within(points.size());
+    for (std::size_t i = 0; i < points.size(); ++i)
+        within[i] = (points[i].position - lattice.origin).norm() <= radius;
+    while (rounds.done < most) {
+        ++rounds.done;
+        const int changed = indexPoints(points, lattice, tolerance, indices);
+        if (changed == 0 && rounds.solved) {
+            rounds.stable = true;
+            break;
+        }
+        Matrix34 model = asMatrix(lattice);
+        if (!solveRobust(select(points, indices, within), ties, model)) {
+            rounds.solved = false;
+            break;
+        }
+        rounds.solved = true;
+        lattice = asLattice(model);
+    }
+    return rounds;
+}
+
+double farthest(std::span<const FitPoint> points, const Eigen::Vector3d& origin) {
+    double radius = 0.0;
+    for (const FitPoint& point : points) {
+        const double distance = (point.position - origin).norm();
+        if (std::isfinite(distance)) radius = std::max(radius, distance);
+    }
+    return radius;
+}
+
+int countIndexed(const std::vector<Indices>& indices) {
+    return static_cast<int>(std::count_if(indices.begin(), indices.end(),
+                                          [](const Indices& hkl) { return hkl[0] != kNotIndexed; }));
+}
+
+double rmsDisplacement(std::span<const FitPoint> points, const LatticeFit& fit) {
+    double sum = 0.0;
+    for (std::size_t i = 0; i < points.size(); ++i) {
+        const auto [h, k, l] = fit.indices[i];
+        if (h == kNotIndexed) continue;
+        sum += (points[i].position - fit.lattice.origin - fit.lattice.basis * Eigen::Vector3d(h, k, l))
+                   .squaredNorm();
+    }
+    return fit.indexed > 0 ? std::sqrt(sum / fit.indexed) : 0.0;
+}
+
+/// Covariance of an M-estimate (Huber, Robust Statistics, 1981, ch. 7.6) for residuals of three equal,
+/// independent coordinates: mean |psi|^2 / 3 over the square of the mean divergence of psi / 3, times the
+/// inverse of the unweighted normal matrix.
+void addCovariance(std::span<const FitPoint> points, const CellTies& ties, LatticeFit& fit) {
+    const Selection chosen = select(points, fit.indices, std::vector<bool>(points.size(), true));
+    const Matrix34 model = asMatrix(fit.lattice);
+    const std::vector<double> lengths = residualLengths(chosen, model);
+    fit.sigma = robustSigma(lengths);
+    double psi2 = 0.0, divergence = 0.0;
+    for (const double length : lengths) {
+        const double w = weightOf(length, fit.sigma, Weighting::Tukey);
+        const double u2 = std::pow(std::min(length / (fit.sigma * kTukeyLimit), 1.0), 2);
+        psi2 += w * w * length * length / 3.0;
+        divergence += w - 4.0 / 3.0 * u2 * (1.0 - u2);
+    }
+    const Matrix12 weight = expand(normalSums(chosen, chosen.prior).nodes);
+    Eigen::MatrixXd derivatives = Matrix12::Identity();
+    if (ties.any) derivatives = TiedLattice(ties, model).derivatives();
+    const double count = static_cast<double>(lengths.size());
+    const double freedom = 3.0 * count - static_cast<double>(derivatives.cols());
+    if (!(divergence > 0.0) || !(freedom > 0.0)) {
+        fit.covariance.setConstant(std::numeric_limits<double>::quiet_NaN());
+        return;
+    }
+    const double variance = (psi2 / count) / std::pow(divergence / count, 2) * (3.0 * count / freedom);
+    fit.covariance = variance * derivatives * scaledInverse(derivatives.transpose() * weight * derivatives) *
+                     derivatives.transpose();
+}
+
+LatticeFit fitFrom(std::span<const FitPoint> points, Lattice lattice, std::span<const double> radii,
+                   double tolerance, const CellTies& ties) {
+    constexpr int kRoundsOnTheWay = 3;
+    constexpr int kMostRounds = 30;
+    LatticeFit fit;
+    fit.indices.assign(points.size(), Indices{kNotIndexed, kNotIndexed, kNotIndexed});
+    for (const double radius : radii) {
+        Lattice trial = lattice;
+        const Rounds rounds =
+            refineWithin(points, radius, kRoundsOnTheWay, tolerance, ties, trial, fit.indices);
+        fit.rounds += rounds.done;
+        if (rounds.solved) lattice = trial;
+    }
+    const Rounds rounds = refineWithin(points, std::numeric_limits<double>::infinity(), kMostRounds,
+                                       tolerance, ties, lattice, fit.indices);
+    fit.rounds += rounds.done;
+    fit.stable = rounds.stable;
+    fit.valid = rounds.solved;
+    fit.lattice = lattice;
+    if (!fit.stable) indexPoints(points, lattice, tolerance, fit.indices);
+    fit.indexed = countIndexed(fit.indices);
+    fit.rms = rmsDisplacement(points, fit);
+    return fit;
+}
+
+}  // namespace
+
+Indices indexPosition(const Eigen::Vector3d& fractional, double tolerance) {
+    constexpr Indices kNone = {kNotIndexed, kNotIndexed, kNotIndexed};
+    constexpr double kLargest = kNotIndexed - 1.0;
+    Indices result{};
+    for (std::size_t i = 0; i < 3; ++i) {
+        const double q = fractional(static_cast<Eigen::Index>(i));
+        if (!(std::abs(q) < kLargest)) return kNone;
+        const double n = std::floor(q + 0.5);
+        if (!(std::abs(q - n) <= tolerance)) return kNone;
+        result[i] = static_cast<int>(n);
+    }
+    return result;
+}
+
+int indexPoints(std::span<const FitPoint> points, const Lattice& lattice, double tolerance,
+                std::vector<Indices>& indices) {
+    const Eigen::Matrix3d inverse = lattice.basis.inverse();
+    int changed = 0;
+    for (std::size_t i = 0; i < points.size(); ++i) {
+        const Indices hkl = indexPosition(inverse * (points[i].position - lattice.origin), tolerance);
+        if (hkl == indices[i]) continue;
+        indices[i] = hkl;
+        ++changed;
+    }
+    return changed;
+}
+
+LatticeFit fitLattice(std::span<const FitPoint> points, const Lattice& start, double tolerance,
+                      const CellTies& ties) {
+    const double radius = farthest(points, start.origin);
+    const std::array<double, 4> radii = {0.25 * radius, 0.4 * radius, 0.6 * radius, 0.8 * radius};
+    LatticeFit outward = fitFrom(points, start, radii, tolerance, ties);
+    LatticeFit direct = fitFrom(points, start, {}, tolerance, ties);
+    const bool better = !outward.valid || direct.indexed > outward.indexed ||
+                        (direct.indexed == outward.indexed && direct.rms < outward.rms);
+    LatticeFit& best = direct.valid && better ? direct : outward;
+    if (best.valid) addCovariance(points, ties, best);
+    return std::move(best);
+}
+
+bool fitIndexed(std::span<const FitPoint> points, const std::vector<Indices>& indices, Lattice& lattice) {
+    const Selection chosen = select(points, indices, std::vector<bool>(points.size(), true));
+    Matrix34 model;
+    if (chosen.position.size() < kFewestPoints || !solveOnce(chosen, chosen.prior, {}, model) ||
+        !solveRobust(chosen, {}, model))
+        return false;
+    lattice = asLattice(model);
+    return true;
+}
+
+Vector7 directCell(const Eigen::Matrix3d& reciprocalBasis) {
+    const Eigen::Matrix3d g = (reciprocalBasis.transpose() * reciprocalBasis).inverse();
+    const Eigen::Vector3d length = g.diagonal().cwiseSqrt();
+    const auto angle = [&](int i, int j) {
+        return std::acos(std::clamp(g(i, j) / (length(i) * length(j)), -1.0, 1.0)) / kDegree;
+    };
+    Vector7 cell;
+    cell << length, angle(1, 2), angle(0, 2), angle(0, 1), 1.0 / std::abs(reciprocalBasis.determinant());
+    return cell;
+}
+
+Vector7 directCellDeviations(const Eigen::Matrix3d& basis, const Eigen::Matrix3d& toReciprocalConventional,
+                             const Matrix12& covariance) {
+    Eigen::Matrix<double, 7, 9> derivatives;
+    const double step = 1e-6 * basis.cwiseAbs().maxCoeff();
+    for (Eigen::Index i = 0; i < 9; ++i) {
+        Eigen::Matrix3d up = basis, down = basis;
+        up(i % 3, i / 3) += step;
+        down(i % 3, i / 3) -= step;
+        derivatives.col(i) =
+            (directCell(up * toReciprocalConventional) - directCell(down * toReciprocalConventional)) /
+            (2.0 * step);
+    }
+    const Eigen::Matrix<double, 7, 7> cell =
+        derivatives * covariance.topLeftCorner<9, 9>() * derivatives.transpose();
+    return cell.diagonal().cwiseMax(0.0).cwiseSqrt();
+}
+
+}  // namespace VRK::detail

@@ -1,0 +1,108 @@
+#include "indexing/HKLfileImportExport.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <sstream>
+
+#include "reflections/Reflex.h"
+#include "reflections/ReflexVector.h"
+#include "support/RecordingLogObserver.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Entry {
+    int h, k, l;
+    double intensity;
+};
+
+class HKLfileImportExportTest : public testing::Test {
+protected:
+    HKLfileImportExportTest() : m_path(fs::path(testing::TempDir()) / "reflections.hkl") {}
+    ~HKLfileImportExportTest() override { fs::remove(m_path); }
+
+    std::string written(const std::vector<Entry>& entries) {
+        ReflexVectorPtr list(new ReflexVector);
+        for (const Entry& entry : entries) {
+            list->push_back(new Reflex(0.0, 0.0, 0.0));
+            list->back()->setHKL(entry.h, entry.k, entry.l);
+            list->back()->setIntensity(entry.intensity);
+        }
+        HKLfileImportExport::saveHKLFile(list.get(), m_path.string());
+        std::ifstream file(m_path, std::ios::binary);
+        return (std::ostringstream() << file.rdbuf()).str();
+    }
+
+    fs::path m_path;
+};
+
+TEST_F(HKLfileImportExportTest, WritesIndexedReflectionsInOrderOfTheirIndices) {
+    constexpr int none = Reflex::kNotIndexed;
+    EXPECT_EQ(written({{2, 0, 0, 4.0},
+                       {none, none, none, 7.0},
+                       {-1, 9, 3, 10000.0},
+                       {0, 0, 100001, 3.0},
+                       {-1, 2, 100000, 9.0},
+                       {-1000, 9999, -999, 1.0}}),
+              " err9999-999    1.00    1.00\n"
+              "  -1   2 err    9.00    3.00\n"
+              "  -1   9   310000.00  100.00\n"
+              "   2   0   0    4.00    2.00\n");
+}
+
+TEST_F(HKLfileImportExportTest, ChoosesTheFieldByTheStrongestReflection) {
+    struct Case {
+        double strongest;
+        std::vector<std::pair<double, std::string>> fields;  // intensity and its field
+        std::string format;
+    };
+    const Case cases[] = {
+        {99999.99,
+         {{99999.99, "99999.99"},
+          {0.05, "     . 5"},
+          {0.005, "     . 1"},
+          {0.004, "    0.00"},
+          {12.3, "   12.30"}},
+         ""},
+        {100000.0, {{100000.0, "100000.0"}, {123.4, "   123.3"}, {0.04, "    0.00"}}, "(3I4 2F8.1)"},
+        {999999.9, {{999999.9, "999999.9"}}, "(3I4 2F8.1)"},
+        {1000000.0, {{1000000.0, " 1000000"}, {0.4, "    0.00"}, {2.5, "       3"}}, "(3I4 2F8.0)"},
+        {99999999.4, {{99999999.4, "99999999"}}, "(3I4 2F8.0)"},
+        {99999999.5, {{99999999.5, "100000000"}}, "(3I4 2F9.0)"},
+        {123456789.0, {{123456789.0, "123456789"}, {4.0, "        4"}, {0.2, "0.00"}}, "(3I4 2F9.0)"},
+        {1e22, {{1e22, "10000000000000000000000"}}, "(3I4 2F23.0)"},
+        {10.0, {{std::numeric_limits<double>::infinity(), "     err"}}, ""},
+    };
+    for (const Case& one : cases) {
+        for (const auto& [intensity, field] : one.fields) {
+            RecordingLogObserver log;
+            const std::string text = written({{1, 2, 3, intensity}, {7, 7, 7, one.strongest}});
+            EXPECT_EQ(text.substr(0, 12 + field.size()), "   1   2   3" + field) << one.strongest;
+            EXPECT_EQ(log.count("HKL Format changed to " + one.format, VRK::Warning),
+                      one.format.empty() ? 0 : 1);
+        }
+    }
+}
+
+TEST_F(HKLfileImportExportTest, ReportsWhatCannotBeWritten) {
+    RecordingLogObserver log;
+    ReflexVectorPtr list(new ReflexVector);
+    for (int i = 0; i < 20000; ++i) {
+        list->push_back(new Reflex(0.0, 0.0, 0.0));
+        list->back()->setHKL(i, 0, 0);
+    }
+    HKLfileImportExport::saveHKLFile(list.get(), (fs::path(testing::TempDir()) / "none" / "x.hkl").string());
+    EXPECT_EQ(log.count("Cannot open the HKL file", VRK::Error), 1);
+    if (fs::exists("/dev/full")) {
+        EXPECT_FALSE(HKLfileImportExport::exportHKLFile(list.get(), "/dev/full"));
+        EXPECT_EQ(log.count("could not be written completely", VRK::Error), 1);
+    }
+    EXPECT_FALSE(HKLfileImportExport::exportHKLFile(nullptr, m_path.string()));
+    EXPECT_TRUE(HKLfileImportExport::exportHKLFile(list.get(), m_path.string()));
+}
+
+}  // namespace

@@ -1,0 +1,152 @@
+#include "indexing/IndicateWithHKL.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <limits>
+
+#include "indexing/SimulatedReflections.h"
+#include "support/RecordingLogObserver.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const Mat3 kBasis = {{{11.0, 0.5, -1.0}, {-0.7, 13.0, 2.0}, {1.5, -3.0, 17.0}}};
+
+class IndicateWithHKLTest : public testing::Test {
+protected:
+    void add(double x, double y, double z) { m_list->push_back(new Reflex(x, y, z)); }
+    void addNode(int h, int k, int l, Vec3 displacement = {}) {
+        const Vec3 node = nodeOf(kBasis, h, k, l);
+        add(m_origin[0] + node[0] + displacement[0], m_origin[1] + node[1] + displacement[1],
+            m_origin[2] + node[2] + displacement[2]);
+    }
+    int indicate(UnitCell* cell, double tolerance) {
+        return IndicateWithHKL::indicate(nullptr, cell, m_list.get(), m_origin, 2, tolerance, m_result,
+                                         &m_out[0], &m_out[1], &m_out[2], &m_out[3], &m_out[4], &m_out[5],
+                                         &m_out[6], &m_out[7]);
+    }
+
+    ReflexVectorPtr m_list{new ReflexVector};
+    double m_origin[3] = {100.0, 120.5, 80.0};
+    double m_result[IndicateWithHKL::kResultSize];
+    std::vector<double> m_out[8];
+};
+
+TEST_F(IndicateWithHKLTest, TakesTheNearestNodeOrNone) {
+    UnitCell cell = reciprocalCell(kBasis);
+    RecordingLogObserver log;
+    addNode(2, -3, 4);
+    addNode(-5, 0, 1, {0.3, -0.4, 0.0});
+    addNode(1, 1, 1, {4.0, 0.0, 3.0});
+    EXPECT_EQ(indicate(&cell, 0.2), 2);
+    EXPECT_EQ((*m_list)[0]->getH(), 2);
+    EXPECT_EQ((*m_list)[0]->getK(), -3);
+    EXPECT_EQ((*m_list)[0]->getL(), 4);
+    EXPECT_EQ((*m_list)[1]->getH(), -5);
+    EXPECT_FALSE((*m_list)[2]->isIndicated());
+
+    ASSERT_EQ(m_out[0].size(), 2u);
+    EXPECT_NEAR(m_out[0][0], 0.0, 1e-12);
+    EXPECT_NEAR(m_out[0][1], 0.5, 1e-12);
+    EXPECT_NEAR(m_out[2][1], 0.4, 1e-12);
+    ASSERT_EQ(m_out[4].size(), 1u);
+    EXPECT_NEAR(m_out[4][0], 5.0, 1e-12);
+    EXPECT_NEAR(m_out[7][0], 3.0, 1e-12);
+
+    const double expected[] = {0.25, 0.15, 0.2, 0.0, std::sqrt(0.125), std::sqrt(0.045), std::sqrt(0.08),
+                               0.0};
+    for (int i = 0; i < IndicateWithHKL::kResultSize; ++i)
+        EXPECT_NEAR(m_result[i], expected[i], 1e-12) << i;
+    // Means over all three: (0 + 0.5 + 5) / 3 and so on.
+    for (const char* line :
+         {"Delta_Z = 1.83", "Delta_h = 1.43", "Delta_k = 0.13", "Delta_l = 1", "Delta_Z2 = 8.42",
+          "Delta_h2 = 5.36", "Delta_k2 = 0.05", "Delta_l2 = 3", "2 of 3 reflections could be indicated."})
+        EXPECT_EQ(log.count(line, VRK::Normal), 1) << line;
+}
+
+TEST_F(IndicateWithHKLTest, ClearsTheIndicesOfAnEarlierRun) {
+    UnitCell good = reciprocalCell(kBasis);
+    addNode(2, -3, 4);
+    ASSERT_EQ(indicate(&good, 0.1), 1);
+    UnitCell worse = reciprocalCell({{{10.3, 0.0, 0.0}, {0.0, 12.1, 0.0}, {0.0, 0.0, 15.9}}});
+    EXPECT_EQ(indicate(&worse, 0.01), 0);
+    EXPECT_FALSE((*m_list)[0]->isIndicated());
+    EXPECT_TRUE(m_out[0].empty());
+
+    ASSERT_EQ(indicate(&good, 0.1), 1);
+    UnitCell flat = reciprocalCell({{{1, 2, 3}, {2, 4, 6}, {0, 0, 1}}});
+    EXPECT_EQ(indicate(&flat, 0.1), -1);
+    EXPECT_FALSE((*m_list)[0]->isIndicated());
+}
+
+TEST_F(IndicateWithHKLTest, AnswersMissingAndImpossibleInput) {
+    UnitCell cell = reciprocalCell(kBasis);
+    const auto run = [&](UnitCell* c, ReflexVector* list, double* origin) {
+        return IndicateWithHKL::indicate(nullptr, c, list, origin, 2, 0.2, nullptr, nullptr, nullptr, nullptr,
+                                         nullptr, nullptr, nullptr, nullptr, nullptr);
+    };
+    RecordingLogObserver log;
+    EXPECT_EQ(run(nullptr, nullptr, m_origin), -1);
+    EXPECT_TRUE(log.has("Error during indication. No reflections available", VRK::Error));
+    EXPECT_FALSE(log.has("No cell available", VRK::Error));
+    EXPECT_EQ(run(nullptr, m_list.get(), m_origin), -1);
+    EXPECT_TRUE(log.has("Error during indication. No cell available", VRK::Error));
+    EXPECT_EQ(run(&cell, m_list.get(), nullptr), -1);
+    EXPECT_EQ(run(&cell, m_list.get(), m_origin), 0);
+
+    constexpr double nan = std::numeric_limits<double>::quiet_NaN();
+    constexpr double infinity = std::numeric_limits<double>::infinity();
+    add(nan, 0.0, 0.0);
+    add(0.0, infinity, 0.0);
+    add(1e300, 0.0, 0.0);
+    addNode(2147483647, 0, 0);  // the number that stands for "no index"
+    m_list->push_back(nullptr);
+    addNode(1, 0, 0);
+    EXPECT_EQ(run(&cell, m_list.get(), m_origin), 1);
+    EXPECT_EQ(indicate(&cell, nan), 0);
+}
+
+TEST_F(IndicateWithHKLTest, WarnsOfCellsThatItUsesAsTheyAreOrConverts) {
+    addNode(1, 2, 3);
+    RecordingLogObserver log;
+    UnitCell left = reciprocalCell({kBasis[1], kBasis[0], kBasis[2]});
+    EXPECT_EQ(indicate(&left, 0.1), 1);
+    EXPECT_EQ((*m_list)[0]->getH(), 2);
+    EXPECT_TRUE(log.has("The cell is not right-handed.", VRK::Warning));
+    UnitCell centred = reciprocalCell(kBasis);
+    centred.setPrimitiv(false);
+    indicate(&centred, 0.1);
+    EXPECT_TRUE(
+        log.has("The cell is not primitiv. They will be converted into a primitiv cell", VRK::Warning));
+}
+
+TEST_F(IndicateWithHKLTest, PlotsRender) {
+    if (std::system("gnuplot --version > /dev/null 2>&1") != 0) GTEST_SKIP() << "no gnuplot";
+    std::mt19937 random(3);
+    std::normal_distribution<double> noise(0.0, 0.4);
+    forEachNode(kBasis, 90.0, [&](int h, int k, int l, const Vec3&) {
+        addNode(h, k, l, {noise(random), noise(random), noise(random)});
+        m_list->back()->setIntensity(std::exp(2.0 + 3.0 * noise(random)));
+    });
+    UnitCell cell = reciprocalCell(kBasis);
+    ASSERT_GT(indicate(&cell, 0.1), 500);
+    const fs::path folder = fs::path(testing::TempDir()) / "indexing 'plots'";
+    fs::create_directories(folder);
+    EXPECT_TRUE(IndicateWithHKL::generateEvaluationPlot(m_list.get(), folder.string()));
+    EXPECT_TRUE(IndicateWithHKL::generateHKLplot(m_list.get(), folder.string()));
+    for (const char* name : {"indicateEvaluation", "hklPlot", "hPlot", "kPlot", "lPlot"})
+        for (const char* extension : {".plt", ".png"})
+            EXPECT_TRUE(fs::exists(folder / (std::string(name) + extension))) << name;
+    if (!std::getenv("KEEP_PLOTS")) fs::remove_all(folder);
+
+    RecordingLogObserver log;
+    m_list->destroyElements();
+    EXPECT_FALSE(IndicateWithHKL::generateEvaluationPlot(m_list.get(), folder.string()));
+    EXPECT_FALSE(IndicateWithHKL::generatePlotOfOne(nullptr, 0, folder.string()));
+    EXPECT_FALSE(IndicateWithHKL::generatePlotOfOne(m_list.get(), 3, folder.string()));
+    EXPECT_EQ(log.count("Error during plotting", VRK::Error), 3);
+}
+
+}  // namespace
