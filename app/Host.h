@@ -67,6 +67,7 @@ public:
     /// The user's standard output.
     std::ostream& out() { return *m_out; }
     LogObserver& log() { return m_log; }
+    const LogObserver& log() const { return m_log; }
     ProgressObserver& progress() { return m_progress; }
 
     /// From here on the library's messages and narration go to this file. The first lines name the

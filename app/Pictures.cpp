@@ -1,0 +1,78 @@
+#include "Pictures.h"
+
+#include <array>
+#include <system_error>
+
+#include "Failure.h"
+#include "OutputFile.h"
+#include "visualisation/ReciprocalSection.h"
+#include "visualisation/VolumeProjection.h"
+#include "visualisation/VoxOpenCV.h"
+
+namespace host {
+namespace {
+
+namespace fs = std::filesystem;
+
+void save(const PlaneImage& image, const ImageOverlay& overlay, bool tga, fs::path path,
+          std::vector<fs::path>& written) {
+    const auto finish = [&](bool saved, OutputFile& file) {
+        if (!saved)
+            throw Failure("cannot write the picture " + path.string() +
+                          "; check the folder and the free space");
+        file.commit();
+        written.push_back(path);
+    };
+    path.replace_extension(".png");
+    OutputFile png(path);
+    finish(VoxOpenCV::SaveImage(image, png.path().string(), overlay), png);
+    if (!tga) return;
+    path.replace_extension(".tga");
+    OutputFile plain(path);
+    finish(VoxOpenCV::SaveTGA(image, plain.path().string()), plain);
+}
+
+}  // namespace
+
+void makeFolder(const fs::path& folder) {
+    std::error_code error;
+    fs::create_directories(folder, error);
+    if (!fs::is_directory(folder, error))
+        throw Failure("cannot make the folder " + folder.string() +
+                      "; check that no file has this name and that its parent may be written to");
+}
+
+std::vector<fs::path> writeSections(const VoxMRCData& volume, const UnitCell& cell,
+                                    const SectionOptions& options, const fs::path& folder) {
+    const std::array<double, 3> origin = {0.5 * (volume.GetWidth() - 1.0), 0.5 * (volume.GetHeight() - 1.0),
+                                          0.5 * (volume.GetDepth() - 1.0)};
+    const ReciprocalSection section(volume, cell, origin);
+    std::vector<fs::path> written;
+    for (const std::string& plane : options.planes) {
+        ReciprocalSection::Settings settings;
+        settings.thickness = options.thickness;
+        settings.size = options.size;
+        if (!ReciprocalSection::parsePlane(plane, settings))
+            throw Failure(
+                "\"" + plane +
+                    "\" is no plane; write two of h, k, l and a whole number, for instance hk0 or h1l",
+                ExitCode::Usage);
+        ImageOverlay overlay = section.overlay(settings, options.nodes);
+        overlay.title = plane;
+        save(section.sample(settings), overlay, options.tga, folder / plane, written);
+    }
+    return written;
+}
+
+std::vector<fs::path> writeProjections(const VoxMRCData& volume, bool tga, const fs::path& folder) {
+    static constexpr std::array<const char*, 3> kNames = {"projection_x", "projection_y", "projection_z"};
+    std::vector<fs::path> written;
+    for (int axis = 0; axis < 3; ++axis) {
+        const PlaneImage image = VolumeProjection::maximumAlong(volume, axis);
+        save(image, VolumeProjection::axesOf(image, axis), tga,
+             folder / kNames[static_cast<std::size_t>(axis)], written);
+    }
+    return written;
+}
+
+}  // namespace host
