@@ -13,5 +13,9 @@ constexpr bool greaterThan(double x, double y, double eps) {
 constexpr bool equal(double x, double y, double eps) {
     return !(x < y - eps || y < x - eps);
 }
+/// x not above y by more than the tolerance; false for values that are not numbers.
+constexpr bool lessOrEqual(double x, double y, double eps) {
+    return x - eps <= y;
+}
 
 }  // namespace VRK::detail

@@ -9,6 +9,8 @@
 
 #include "crystallography/BasicMath.h"
 #include "crystallography/CentringInternal.h"
+#include "crystallography/LatticeSymmetry.h"
+#include "crystallography/NumberTextInternal.h"
 #include "crystallography/ToleranceInternal.h"
 #include "crystallography/UnitConverter.h"
 #include "foundation/VRKLogger.h"
@@ -157,7 +159,7 @@ bool UnitCell::isStandartCell() const {
 }
 
 bool UnitCell::isDegenerate() const {
-    constexpr double flat = 1e-9;
+    constexpr double flat = 1e-6;
     double unit[3][3];
     double vectors[3][3];
     getBase(vectors[0], vectors[1], vectors[2]);
@@ -306,6 +308,21 @@ void UnitCell::normalizeSigns() {
     transformByEntries(signs[0], 0, 0, 0, signs[1], 0, 0, 0, signs[2]);
 }
 
+void UnitCell::determineBravaisType() {
+    UnitCell primitive(*this);
+    primitive.transformIntoPrimitivCell();
+    const LatticeCharacter character = LatticeSymmetry::best(primitive);
+    m_bravaisType = m_realCell ? character.bravaisType : LATTICE::reciprocalType(character.bravaisType);
+    m_cellCase = character.number;
+    m_qualityIndex = character.qualityIndex;
+}
+
+void UnitCell::transformIntoConventionalCell() {
+    if (!m_primitiv) return;
+    const LatticeCharacter character = LatticeSymmetry::best(*this);
+    if (character.number != 0) *this = LatticeSymmetry::conventionalCell(*this, character);
+}
+
 void UnitCell::transformIntoPrimitivCell() {
     if (m_primitiv || m_bravaisType == LATTICE::NoBravaisType) return;
     const LATTICE::BravaisTypes direct = m_realCell ? m_bravaisType : LATTICE::reciprocalType(m_bravaisType);
@@ -398,21 +415,37 @@ std::string UnitCell::getCellInformationAsString() const {
 }
 
 void UnitCell::printParameter() const {
-    std::cout << "cell parameter:\n"
-              << "A = " << getLengthOfA() << "  B = " << getLengthOfB() << "  C = " << getLengthOfC() << '\n'
-              << "Alpha = " << getAlpha() << "  Beta = " << getBeta() << "  Gamma = " << getGamma() << '\n';
+    printParameter(std::cout);
+}
+
+void UnitCell::printParameter(std::ostream& out) const {
+    std::string text = "cell parameter:\n";
+    VRK::detail::append(text, "A = ", getLengthOfA(), "  B = ", getLengthOfB(), "  C = ", getLengthOfC());
+    VRK::detail::append(text, "\nAlpha = ", getAlpha(), "  Beta = ", getBeta(), "  Gamma = ", getGamma());
+    out << text << '\n';
 }
 
 void UnitCell::printMetricTensor() const {
-    std::cout << "metric tensor:\n"
-              << "S_11 = " << m_A << "  S_12 = " << m_F << "  S_13 = " << m_E << '\n'
-              << "S_21 = " << m_F << "  S_22 = " << m_B << "  S_23 = " << m_D << '\n'
-              << "S_31 = " << m_E << "  S_32 = " << m_D << "  S_33 = " << m_C << '\n';
+    printMetricTensor(std::cout);
+}
+
+void UnitCell::printMetricTensor(std::ostream& out) const {
+    std::string text = "metric tensor:";
+    VRK::detail::append(text, "\nS_11 = ", m_A, "  S_12 = ", m_F, "  S_13 = ", m_E);
+    VRK::detail::append(text, "\nS_21 = ", m_F, "  S_22 = ", m_B, "  S_23 = ", m_D);
+    VRK::detail::append(text, "\nS_31 = ", m_E, "  S_32 = ", m_D, "  S_33 = ", m_C);
+    out << text << '\n';
 }
 
 void UnitCell::printOrientationMatrix() const {
-    std::cout << "orientation matrix:\n";
-    for (int i = 0; i < 3; ++i)
-        std::cout << "A_" << i + 1 << "1 = " << m_base[i][0] << "  A_" << i + 1 << "2 = " << m_base[i][1]
-                  << "  A_" << i + 1 << "3 = " << m_base[i][2] << '\n';
+    printOrientationMatrix(std::cout);
+}
+
+void UnitCell::printOrientationMatrix(std::ostream& out) const {
+    const auto& m = m_base;
+    std::string text = "orientation matrix:";
+    VRK::detail::append(text, "\nA_11 = ", m[0][0], "  A_12 = ", m[0][1], "  A_13 = ", m[0][2]);
+    VRK::detail::append(text, "\nA_21 = ", m[1][0], "  A_22 = ", m[1][1], "  A_23 = ", m[1][2]);
+    VRK::detail::append(text, "\nA_31 = ", m[2][0], "  A_32 = ", m[2][1], "  A_33 = ", m[2][2]);
+    out << text << '\n';
 }

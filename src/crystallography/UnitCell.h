@@ -2,6 +2,7 @@
 /// A lattice cell: three base vectors and everything that follows from them.
 #pragma once
 
+#include <iosfwd>
 #include <string>
 #include <vector>
 
@@ -72,8 +73,8 @@ public:
     bool isRightHanded() const { return getDeterminant() > 0.0; }
     /// True when the orientation matrix is exactly the identity.
     bool isStandartCell() const;
-    /// True when an entry is not finite, an edge is zero, or the volume is below 1e-9 of the product of the
-    /// edge lengths (an angle between an edge and the plane of the others of less than about 6e-8 degrees).
+    /// True when an entry is not finite, an edge is zero, or the volume is below 1e-6 of the product of the
+    /// edge lengths (an edge within 6e-5 degrees of the plane of the others, or two edges that near).
     /// Such a cell spans no lattice; a host asks before it reduces or analyses a cell.
     bool isDegenerate() const;
     /// @}
@@ -168,10 +169,13 @@ public:
     std::string getParameterAsString() const;
     /// One line: quality index, edges, angles, lattice character, Bravais type.
     std::string getCellInformationAsString() const;
-    /// Written to the standard output.
+    /// Written to the standard output, or to the stream given.
     void printParameter() const;
+    void printParameter(std::ostream& out) const;
     void printMetricTensor() const;
+    void printMetricTensor(std::ostream& out) const;
     void printOrientationMatrix() const;
+    void printOrientationMatrix(std::ostream& out) const;
     /// @}
 
 private:

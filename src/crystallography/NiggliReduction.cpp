@@ -1,0 +1,437 @@
+#include "crystallography/NiggliReduction.h"
+
+#include <algorithm>
+#include <cmath>
+#include <initializer_list>
+#include <iostream>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "crystallography/BasicMath.h"
+#include "crystallography/NumberTextInternal.h"
+#include "crystallography/ToleranceInternal.h"
+#include "crystallography/UnitCell.h"
+#include "crystallography/UnitCellTest.h"
+
+NiggliReduction::State NiggliReduction::m_state = {};
+double NiggliReduction::m_eps = 1e-5;
+int NiggliReduction::m_count = 0;
+int NiggliReduction::m_limit = 1000;
+bool NiggliReduction::m_verbose = true;
+bool NiggliReduction::m_overflow = false;
+std::ostream* NiggliReduction::m_narration = &std::cout;
+
+namespace {
+
+constexpr int kMostStepsOfDegenerateCell = 1'000'000;
+
+/// The sign that an action takes its multiple with: zero counts as negative.
+int sgn(double x) {
+    return x > 0.0 ? 1 : -1;
+}
+
+bool hasReader(const std::ostream* stream) {
+    return stream && stream->good() && stream->rdbuf();
+}
+
+void appendEdgesAndAngles(std::string& text, double A, double B, double C, double xi, double eta,
+                          double zeta) {
+    const double a = std::sqrt(A);
+    const double b = std::sqrt(B);
+    const double c = std::sqrt(C);
+    VRK::detail::append(text, "a = ", a, "  b = ", b, "  c = ", c);
+    VRK::detail::append(text, "\nalpha = ", std::acos(xi / (2.0 * b * c)) * BasicMath::kDegreePerRadian,
+                        "  beta = ", std::acos(eta / (2.0 * a * c)) * BasicMath::kDegreePerRadian,
+                        "  gamma = ", std::acos(zeta / (2.0 * a * b)) * BasicMath::kDegreePerRadian);
+    text += '\n';
+}
+
+}  // namespace
+
+/// Remembers where the steps have been and notices when they come back.
+///
+/// States are compared within the tolerance with the latest ones (circles have a few states) and, for long
+/// circles, with one older state that moves on after 1, 2, 4, 8 ... passes (Brent's method).
+class NiggliReduction::Circle {
+public:
+    enum Place { StartOfPass, SignsSettled };
+
+    /// True when the working values have been here before and the steps do not end by themselves. The
+    /// working state is then the best of the circle.
+    bool closes(Place place) {
+        if (m_harmless) return false;
+        const std::size_t first = findEarlier(place);
+        if (first == kNotFound) {
+            remember(place);
+            return false;
+        }
+        m_harmless = endsByItself();
+        if (!m_harmless) chooseBestFrom(first);
+        return !m_harmless;
+    }
+
+private:
+    struct Visit {
+        State state;
+        Place place;
+    };
+    using Test = bool (*)(double, double, double, double, double, double, double);
+
+    static constexpr std::size_t kNotFound = static_cast<std::size_t>(-1);
+    static constexpr std::size_t kMostVisits = 64;
+
+    static bool isSame(const State& x, const State& y) {
+        return eq(x.A, y.A) && eq(x.B, y.B) && eq(x.C, y.C) && eq(x.xi, y.xi) && eq(x.eta, y.eta) &&
+               eq(x.zeta, y.zeta);
+    }
+
+    std::size_t findEarlier(Place place) const {
+        for (std::size_t i = 0; i < m_visits.size(); ++i)
+            if (m_visits[i].place == place && isSame(m_visits[i].state, m_state)) return i;
+        const bool isMilestone = place == StartOfPass && m_passes > 0 && isSame(m_milestone, m_state);
+        return isMilestone ? 0 : kNotFound;
+    }
+
+    void remember(Place place) {
+        if (m_visits.size() == kMostVisits)
+            m_visits.erase(m_visits.begin(), m_visits.begin() + kMostVisits / 2);
+        m_visits.push_back({m_state, place});
+        if (place != StartOfPass) return;
+        if (++m_passes == m_nextMilestone) {
+            m_milestone = m_state;
+            m_nextMilestone *= 2;
+        }
+    }
+
+    void chooseBestFrom(std::size_t first) {
+        for (const Test test : {Test(UnitCellTest::isNiggliCell), Test(UnitCellTest::isBurgerCell)})
+            for (std::size_t i = first; i < m_visits.size(); ++i) {
+                const State& s = m_visits[i].state;
+                if (!test(s.A, s.B, s.C, s.xi, s.eta, s.zeta, m_eps)) continue;
+                m_state = s;
+                return;
+            }
+    }
+
+    std::vector<Visit> m_visits;
+    State m_milestone = {};
+    long m_passes = 0;
+    long m_nextMilestone = 1;
+    bool m_harmless = false;
+};
+
+bool NiggliReduction::niggliReduction(UnitCell* cell, int limit) {
+    if (!cell) return false;
+    init(cell, limit);
+    if (m_verbose) narrateStart(*cell);
+    reduce(*cell);
+    cell->transform(m_state.T);
+    if (m_verbose) narrateEnd(*cell);
+    return true;
+}
+
+void NiggliReduction::setNarration(std::ostream* out) {
+    m_narration = out;
+}
+
+void NiggliReduction::init(UnitCell* cell, int limit) {
+    m_count = 0;
+    m_limit = limit < 2 ? 1000 : limit;
+    m_verbose = hasReader(m_narration);
+    m_overflow = false;
+    m_eps = cell->getEps();
+    m_state = {cell->getA(),
+               cell->getB(),
+               cell->getC(),
+               2.0 * cell->getD(),
+               2.0 * cell->getE(),
+               2.0 * cell->getF(),
+               {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}}};
+}
+
+void NiggliReduction::reduce(const UnitCell& cell) {
+    constexpr int mostRounds = 100;
+    for (int round = 0; round < mostRounds; ++round) {
+        Circle circle;
+        run(cell, &circle);
+        if (m_overflow || !takeMetricFrom(cell)) return;
+    }
+}
+
+void NiggliReduction::run(const UnitCell& cell, Circle* circle) {
+    const bool degenerate = cell.isDegenerate();
+    while (isSound() && !m_overflow && step(circle))
+        if (degenerate && m_count > kMostStepsOfDegenerateCell) return;
+}
+
+bool NiggliReduction::isSound() {
+    // Rounding can leave a metric that no cell has; on such values the steps would go on for ever.
+    return m_state.A >= -m_eps && m_state.B >= -m_eps && m_state.C >= -m_eps &&
+           std::isfinite(m_state.A + m_state.B + m_state.C);
+}
+
+bool NiggliReduction::takeMetricFrom(const UnitCell& cell) {
+    State& s = m_state;
+    UnitCell transformed(cell);
+    transformed.transform(s.T);
+    const double fresh[6] = {transformed.getA(),       transformed.getB(),       transformed.getC(),
+                             2.0 * transformed.getD(), 2.0 * transformed.getE(), 2.0 * transformed.getF()};
+    double* const working[6] = {&s.A, &s.B, &s.C, &s.xi, &s.eta, &s.zeta};
+    const double rounding = 1e-12 * (fresh[0] + fresh[1] + fresh[2]);
+    double drift = 0.0;
+    for (int i = 0; i < 6; ++i)
+        drift = std::max(drift, std::abs(*working[i] - fresh[i]));
+    if (!(drift > std::max(m_eps, rounding))) return false;
+    for (int i = 0; i < 6; ++i)
+        *working[i] = fresh[i];
+    return true;
+}
+
+bool NiggliReduction::endsByItself() {
+    constexpr long mostPasses = 100'000;
+    const State start = m_state;
+    const int count = m_count;
+    const bool verbose = m_verbose;
+    m_verbose = false;
+
+    const auto isExactly = [](const State& x, const State& y) {
+        return x.A == y.A && x.B == y.B && x.C == y.C && x.xi == y.xi && x.eta == y.eta && x.zeta == y.zeta;
+    };
+    State milestone = start;
+    bool ends = false;
+    for (long pass = 1; pass < mostPasses && isSound() && !m_overflow; ++pass) {
+        ends = !step(nullptr);
+        if (ends || isExactly(m_state, milestone)) break;
+        if ((pass & (pass - 1)) == 0) milestone = m_state;
+    }
+
+    m_state = start;
+    m_count = count;
+    m_verbose = verbose;
+    m_overflow = false;
+    return ends;
+}
+
+bool NiggliReduction::step(Circle* circle) {
+    State& s = m_state;
+    if (m_verbose) narrateValues();
+    if (circle && circle->closes(Circle::StartOfPass)) return false;
+    if (sortsAB()) {
+        a1_action();
+        return true;
+    }
+    if (sortsBC()) {
+        a2_action();
+        return true;
+    }
+    if (multTest())
+        a3_action();
+    else
+        a4_action();
+    if (m_verbose) narrateValues();
+    if (circle && circle->closes(Circle::SignsSettled)) return false;
+
+    if (gt(std::abs(s.xi), s.B) || (eq(s.xi, s.B) && lt(2.0 * s.eta, s.zeta)) ||
+        (eq(s.xi, -s.B) && lt(s.zeta, 0.0))) {
+        a5_action();
+        return true;
+    }
+    if (gt(std::abs(s.eta), s.A) || (eq(s.zeta, s.A) && lt(2.0 * s.xi, s.zeta)) ||
+        (eq(s.eta, -s.A) && lt(s.zeta, 0.0))) {
+        a6_action();
+        return true;
+    }
+    if (gt(std::abs(s.zeta), s.A) || (eq(s.zeta, s.A) && lt(2.0 * s.xi, s.eta)) ||
+        (eq(s.zeta, -s.A) && lt(s.eta, 0.0))) {
+        a7_action();
+        return true;
+    }
+    const double sum = s.xi + s.eta + s.zeta + s.A + s.B;
+    if (lt(sum, 0.0) || (eq(sum, 0.0) && gt(2.0 * s.A + 2.0 * s.eta + s.zeta, 0.0))) {
+        a8_action();
+        return true;
+    }
+    return false;
+}
+
+bool NiggliReduction::normalize() {
+    return normalizeStep();
+}
+
+bool NiggliReduction::normalizeStep() {
+    if (sortsAB()) a1_action();
+    if (sortsBC()) {
+        a2_action();
+        return true;
+    }
+    if (multTest())
+        a3_action();
+    else
+        a4_action();
+    return false;
+}
+
+bool NiggliReduction::sortsAB() {
+    const State& s = m_state;
+    return gt(s.A, s.B) || (eq(s.A, s.B) && gt(std::abs(s.xi), std::abs(s.eta)));
+}
+
+bool NiggliReduction::sortsBC() {
+    const State& s = m_state;
+    return gt(s.B, s.C) || (eq(s.B, s.C) && gt(std::abs(s.eta), std::abs(s.zeta)));
+}
+
+/// True when the product xi eta zeta is positive.
+bool NiggliReduction::multTest() {
+    int positive = 0;
+    int zero = 0;
+    for (const double x : {m_state.xi, m_state.eta, m_state.zeta}) {
+        if (x - m_eps > 0.0)
+            ++positive;
+        else if (!(x < -m_eps))
+            ++zero;
+    }
+    return positive == 3 || (positive == 1 && zero == 0);
+}
+
+void NiggliReduction::a1_action() {
+    update(0, -1, 0, -1, 0, 0, 0, 0, -1);
+    std::swap(m_state.A, m_state.B);
+    std::swap(m_state.xi, m_state.eta);
+}
+
+void NiggliReduction::a2_action() {
+    update(-1, 0, 0, 0, 0, -1, 0, -1, 0);
+    std::swap(m_state.B, m_state.C);
+    std::swap(m_state.eta, m_state.zeta);
+}
+
+void NiggliReduction::a3_action() {
+    State& s = m_state;
+    const auto sign = [](double x) { return x < -m_eps ? -1 : 1; };
+    update(sign(s.xi), 0, 0, 0, sign(s.eta), 0, 0, 0, sign(s.zeta));
+    s.xi = std::abs(s.xi);
+    s.eta = std::abs(s.eta);
+    s.zeta = std::abs(s.zeta);
+}
+
+void NiggliReduction::a4_action() {
+    State& s = m_state;
+    int signs[3] = {1, 1, 1};
+    int* lastZero = nullptr;
+    double* const values[3] = {&s.xi, &s.eta, &s.zeta};
+    for (int i = 0; i < 3; ++i) {
+        if (*values[i] > m_eps)
+            signs[i] = -1;
+        else if (*values[i] >= -m_eps)
+            lastZero = &signs[i];
+    }
+    if (signs[0] * signs[1] * signs[2] < 0 && lastZero) *lastZero = -1;
+    update(signs[0], 0, 0, 0, signs[1], 0, 0, 0, signs[2]);
+    for (double* value : values)
+        *value = -std::abs(*value);
+}
+
+void NiggliReduction::a5_action() {
+    State& s = m_state;
+    const int sign = sgn(s.xi);
+    update(1, 0, 0, 0, 1, -sign, 0, 0, 1);
+    s.C = s.B + s.C - sign * s.xi;
+    s.eta = s.eta - sign * s.zeta;
+    s.xi = s.xi - sign * 2.0 * s.B;
+}
+
+void NiggliReduction::a6_action() {
+    State& s = m_state;
+    const int sign = sgn(s.eta);
+    update(1, 0, -sign, 0, 1, 0, 0, 0, 1);
+    s.C = s.A + s.C - sign * s.eta;
+    s.xi = s.xi - sign * s.zeta;
+    s.eta = s.eta - sign * 2.0 * s.A;
+}
+
+void NiggliReduction::a7_action() {
+    State& s = m_state;
+    const int sign = sgn(s.zeta);
+    update(1, -sign, 0, 0, 1, 0, 0, 0, 1);
+    s.B = s.A + s.B - sign * s.zeta;
+    s.xi = s.xi - sign * s.eta;
+    s.zeta = s.zeta - sign * 2.0 * s.A;
+}
+
+void NiggliReduction::a8_action() {
+    State& s = m_state;
+    update(1, 0, 1, 0, 1, 1, 0, 0, 1);
+    s.C = s.A + s.B + s.C + s.xi + s.eta + s.zeta;
+    s.xi = 2.0 * s.B + s.xi + s.zeta;
+    s.eta = 2.0 * s.A + s.eta + s.zeta;
+}
+
+void NiggliReduction::update(int m11, int m12, int m13, int m21, int m22, int m23, int m31, int m32,
+                             int m33) {
+    const long long M[3][3] = {{m11, m12, m13}, {m21, m22, m23}, {m31, m32, m33}};
+    for (auto& row : m_state.T) {
+        const long long old[3] = {row[0], row[1], row[2]};
+        for (int j = 0; j < 3; ++j) {
+            const long long entry = old[0] * M[0][j] + old[1] * M[1][j] + old[2] * M[2][j];
+            m_overflow = m_overflow || std::abs(entry) > std::numeric_limits<int>::max() / 2;
+            row[j] = static_cast<int>(entry);
+        }
+    }
+    ++m_count;
+}
+
+bool NiggliReduction::eq(double x, double y) {
+    return VRK::detail::equal(x, y, m_eps);
+}
+
+bool NiggliReduction::lt(double x, double y) {
+    return VRK::detail::lessThan(x, y, m_eps);
+}
+
+bool NiggliReduction::gt(double x, double y) {
+    return VRK::detail::greaterThan(x, y, m_eps);
+}
+
+void NiggliReduction::narrate(const char* text) {
+    *m_narration << text;
+}
+
+void NiggliReduction::narrateValues() {
+    const State& s = m_state;
+    std::string text;
+    if (UnitCellTest::isBurgerCell(s.A, s.B, s.C, s.xi, s.eta, s.zeta, m_eps)) text = "Burger-Zelle:\n";
+    VRK::detail::append(text, "", s.A, "  ", s.B, "  ", s.C, "  ", s.xi, "  ", s.eta, "  ", s.zeta);
+    text += '\n';
+    narrate(text.c_str());
+}
+
+void NiggliReduction::narrateStart(const UnitCell& cell) {
+    const State& s = m_state;
+    narrate(" \n \n");
+    cell.printOrientationMatrix(*m_narration);
+    cell.printParameter(*m_narration);
+    std::string text = "Cell parameter: \n";
+    appendEdgesAndAngles(text, s.A, s.B, s.C, s.xi, s.eta, s.zeta);
+    text += "Niggli reduction gestartet\n";
+    narrate(text.c_str());
+}
+
+void NiggliReduction::narrateEnd(const UnitCell& cell) {
+    const State& s = m_state;
+    std::string text = "Niggli reduction beendet\n";
+    VRK::detail::append(text, "", s.A, "  ", s.B, "  ", s.C, "  ", s.xi, "  ", s.eta, "  ", s.zeta);
+    text += UnitCellTest::isNiggliCell(s.A, s.B, s.C, s.xi, s.eta, s.zeta, 1e-5)
+                ? "\nJa ist Niggli-Zelle\n"
+                : "\nNein ist leider keine Niggli-Zelle\n";
+    text += "Matrix: \n";
+    for (const auto& row : s.T)
+        text += std::to_string(row[0]) + ' ' + std::to_string(row[1]) + ' ' + std::to_string(row[2]) + '\n';
+    text += "Niggli-Cell parameter: \n";
+    appendEdgesAndAngles(text, s.A, s.B, s.C, s.xi, s.eta, s.zeta);
+    narrate(text.c_str());
+    cell.printOrientationMatrix(*m_narration);
+    cell.printParameter(*m_narration);
+    narrate(" \n \n");
+}

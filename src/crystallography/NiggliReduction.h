@@ -1,0 +1,88 @@
+/// \file
+/// From any primitive cell to its Niggli-reduced cell.
+#pragma once
+
+#include <iosfwd>
+
+#include "VRKCoreExport.h"
+
+class UnitCell;
+
+/// The algorithm of Krivy & Gruber (1976), doi:10.1107/S0567739476000636: steps A1 to A8 on the six metric
+/// values (A, B, C, xi, eta, zeta) = (a.a, b.b, c.c, 2 b.c, 2 a.c, 2 a.b), every comparison tolerant by
+/// UnitCell::getEps(). The accumulated integer matrix T is applied to the cell once at the end.
+///
+/// Two things differ from the paper. The middle condition of A6 tests zeta = A, so a cell with eta = A and
+/// zeta > 2 xi stays a Buerger cell that is not the Niggli cell; and on some cells that condition makes the
+/// steps run in a circle. Therefore:
+/// - When the six values come back, within eps, to a state they had before, and the steps do not end by
+///   themselves from there either, the reduction stops at the first state of the circle that passes the
+///   Niggli test, else at the first that passes the Buerger test, else where it is. T belongs to that state.
+/// - Where rounding has moved the six values by more than eps away from the transformed vectors (input
+///   vectors many thousand times longer than the reduced ones), the values are taken anew from the vectors
+///   and the steps go on.
+///
+/// Every cell that is not UnitCell::isDegenerate() is reduced in a finite number of steps, about as many as
+/// its longest vector is longer than the reduced one. A host asks isDegenerate() first; a degenerate cell
+/// comes back in some equivalent form, at the latest after a million steps.
+///
+/// Not reentrant: the working state is shared by all reductions of the process.
+class VRKCORE_EXPORT NiggliReduction {
+public:
+    /// Reduces the cell in place. The cell is touched once, at the end, by UnitCell::transform(T).
+    /// @param limit kept for hosts that pass one (below 2: 1000); it does not end the reduction
+    /// @return true; false only for a null cell
+    static bool niggliReduction(UnitCell* cell, int limit);
+
+    /// Where the narration goes: a stream that outlives the reductions, or null for none. The standard
+    /// output unless changed. Nothing is formatted for a stream that has no buffer or has failed, so that
+    /// a null stream (std::ostream(nullptr)) costs nothing. Numbers have six significant digits whatever
+    /// the stream's own settings are.
+    static void setNarration(std::ostream* out);
+
+private:
+    struct State {
+        double A, B, C, xi, eta, zeta;
+        int T[3][3];
+    };
+    class Circle;
+
+    static void init(UnitCell* cell, int limit);
+    static void reduce(const UnitCell& cell);
+    static void run(const UnitCell& cell, Circle* circle);
+    static bool step(Circle* circle);
+    static bool normalize();
+    static bool normalizeStep();
+    static bool sortsAB();
+    static bool sortsBC();
+    static bool multTest();
+    static void a1_action();
+    static void a2_action();
+    static void a3_action();
+    static void a4_action();
+    static void a5_action();
+    static void a6_action();
+    static void a7_action();
+    static void a8_action();
+    static void update(int m11, int m12, int m13, int m21, int m22, int m23, int m31, int m32, int m33);
+    static bool eq(double x, double y);
+    static bool lt(double x, double y);
+    static bool gt(double x, double y);
+
+    static bool isSound();
+    static bool endsByItself();
+    static bool takeMetricFrom(const UnitCell& cell);
+
+    static void narrateStart(const UnitCell& cell);
+    static void narrateValues();
+    static void narrateEnd(const UnitCell& cell);
+    static void narrate(const char* text);
+
+    static State m_state;
+    static double m_eps;
+    static int m_count;
+    static int m_limit;
+    static bool m_verbose;
+    static bool m_overflow;
+    static std::ostream* m_narration;
+};

@@ -1,0 +1,119 @@
+/// \file
+/// Random lattices of a given Bravais type, random bases of them and noise.
+#pragma once
+
+#include <array>
+#include <cmath>
+#include <random>
+
+#include "crystallography/BasicMath.h"
+#include "crystallography/BravaisTypes.h"
+#include "crystallography/UnitCell.h"
+
+namespace testing_support {
+
+using Matrix = std::array<std::array<double, 3>, 3>;
+using IntMatrix = std::array<std::array<int, 3>, 3>;
+
+inline auto raw(const Matrix& m) {
+    return reinterpret_cast<const double(*)[3]>(m.data());
+}
+inline auto raw(const IntMatrix& m) {
+    return reinterpret_cast<const int(*)[3]>(m.data());
+}
+
+struct Parameters {
+    double a, b, c, alpha, beta, gamma;
+};
+
+/// A direct cell with a along x and b in the plane of x and y.
+inline UnitCell cellOf(const Parameters& p, LATTICE::BravaisTypes type = LATTICE::aP, bool primitiv = true) {
+    const auto cosine = [](double degree) {
+        return std::cos(BasicMath::ConvertAngleFromDegreeToRadian(degree));
+    };
+    const double sinGamma = std::sin(BasicMath::ConvertAngleFromDegreeToRadian(p.gamma));
+    const double cx = cosine(p.beta);
+    const double cy = (cosine(p.alpha) - cosine(p.beta) * cosine(p.gamma)) / sinGamma;
+    const double a[3] = {p.a, 0.0, 0.0};
+    const double b[3] = {p.b * cosine(p.gamma), p.b * sinGamma, 0.0};
+    const double c[3] = {p.c * cx, p.c * cy, p.c * std::sqrt(1.0 - cx * cx - cy * cy)};
+    return UnitCell(a, b, c, 1.0, true, primitiv, type);
+}
+
+inline Parameters parametersOf(const UnitCell& cell) {
+    return {cell.getLengthOfA(), cell.getLengthOfB(), cell.getLengthOfC(),
+            cell.getAlpha(),     cell.getBeta(),      cell.getGamma()};
+}
+
+class RandomLattice {
+public:
+    explicit RandomLattice(unsigned seed) : m_random(seed) {}
+
+    double uniform(double low, double high) {
+        return std::uniform_real_distribution<double>(low, high)(m_random);
+    }
+    int integer(int low, int high) { return std::uniform_int_distribution<int>(low, high)(m_random); }
+
+    /// A conventional cell of the type (rhombohedral: hexagonal axes), edges from 4 to 30.
+    UnitCell conventional(LATTICE::BravaisTypes type) {
+        const auto edge = [this] { return uniform(4.0, 30.0); };
+        Parameters p = {edge(), edge(), edge(), 90.0, 90.0, 90.0};
+        switch (type) {
+        case LATTICE::cP:
+        case LATTICE::cI:
+        case LATTICE::cF: p.b = p.c = p.a; break;
+        case LATTICE::hP:
+        case LATTICE::hR: p.gamma = 120.0; [[fallthrough]];
+        case LATTICE::tP:
+        case LATTICE::tI: p.b = p.a; break;
+        case LATTICE::mP:
+        case LATTICE::mC: p.beta = uniform(92.0, 125.0); break;
+        case LATTICE::aP:
+            p.alpha = uniform(70.0, 110.0);
+            p.beta = uniform(70.0, 110.0);
+            p.gamma = uniform(70.0, 110.0);
+            break;
+        default: break;
+        }
+        return cellOf(p, type, false);
+    }
+
+    /// The same lattice in a primitive base.
+    UnitCell primitive(LATTICE::BravaisTypes type) {
+        UnitCell cell = conventional(type);
+        cell.transformIntoPrimitivCell();
+        return cell;
+    }
+
+    /// A product of elementary transformations, determinant 1.
+    IntMatrix unimodular(int steps) {
+        IntMatrix m = {{{1, 0, 0}, {0, 1, 0}, {0, 0, 1}}};
+        for (int n = 0; n < steps; ++n) {
+            const auto to = static_cast<std::size_t>(integer(0, 2));
+            const auto from = (to + static_cast<std::size_t>(integer(1, 2))) % 3;
+            const int factor = integer(0, 1) == 0 ? -1 : 1;
+            for (auto& row : m)
+                row[to] += factor * row[from];
+        }
+        return m;
+    }
+
+    /// Edges and angles changed by up to the given relative and absolute (degrees) amounts.
+    UnitCell disturbed(const UnitCell& cell, double length, double angle) {
+        Parameters p = parametersOf(cell);
+        for (double* edge : {&p.a, &p.b, &p.c})
+            *edge *= 1.0 + uniform(-length, length);
+        for (double* corner : {&p.alpha, &p.beta, &p.gamma})
+            *corner += uniform(-angle, angle);
+        return cellOf(p, cell.getBravaisType(), cell.isPrimitiv());
+    }
+
+private:
+    std::mt19937 m_random;
+};
+
+inline constexpr std::array kAllBravaisTypes = {
+    LATTICE::cP, LATTICE::cI, LATTICE::cF, LATTICE::tP, LATTICE::tI, LATTICE::hP, LATTICE::hR,
+    LATTICE::oP, LATTICE::oI, LATTICE::oC, LATTICE::oF, LATTICE::mP, LATTICE::mC, LATTICE::aP};
+
+}  // namespace testing_support
