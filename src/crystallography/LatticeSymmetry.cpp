@@ -137,6 +137,52 @@ struct Misfit {
     double length = 0.0;
 };
 
+/// The tolerances in the form that comparisons need.
+struct Limits {
+    explicit Limits(const LatticeTolerances& tolerances)
+        : angle(tolerances.angle + 1e-6), length(tolerances.length + 1e-8) {
+        const double sine = std::sin(std::clamp(angle, 0.0, 90.0) / BasicMath::kDegreePerRadian);
+        squaredSine = sine * sine * (1.0 + 1e-9);
+    }
+
+    bool isRightAngle(double dotProduct, double squared1, double squared2) const {
+        return dotProduct * dotProduct <= squaredSine * squared1 * squared2;
+    }
+    bool allow(const Misfit& misfit) const { return misfit.angle <= angle && misfit.length <= length; }
+
+    double angle;
+    double length;
+    double squaredSine;
+};
+
+/// The metric of a conventional cell, or false as soon as one of its right angles is out of limits.
+bool formConventional(const CharacterRow& row, const Metric& m, const Limits& limits, Metric& out) {
+    const auto& r = row.toConventional;
+    const auto lower = [&m](const int v[3], double w[3]) {
+        w[0] = v[0] * m.A + v[1] * m.F + v[2] * m.E;
+        w[1] = v[0] * m.F + v[1] * m.B + v[2] * m.D;
+        w[2] = v[0] * m.E + v[1] * m.D + v[2] * m.C;
+    };
+    const auto product = [](const int v[3], const double w[3]) {
+        return v[0] * w[0] + v[1] * w[1] + v[2] * w[2];
+    };
+    double b[3];
+    lower(r[1], b);
+    double c[3];
+    lower(r[2], c);
+    out.B = product(r[1], b);
+    out.C = product(r[2], c);
+    out.D = product(r[1], c);
+    if (!limits.isRightAngle(out.D, out.B, out.C)) return false;
+    double a[3];
+    lower(r[0], a);
+    out.A = product(r[0], a);
+    out.E = product(r[0], c);
+    if (symmetryOrder(row.bravais) > 4 && !limits.isRightAngle(out.E, out.A, out.C)) return false;
+    out.F = product(r[0], b);
+    return isHexagonal(row.bravais) || limits.isRightAngle(out.F, out.A, out.B);
+}
+
 Misfit misfitOf(LATTICE::BravaisTypes type, const Metric& m) {
     const int order = symmetryOrder(type);
     if (order == 2) return {};
@@ -507,17 +553,16 @@ std::vector<Fit> fitTriclinic(std::span<const NearForm> forms) {
 std::vector<Fit> fitAll(std::span<const NearForm> forms, const LatticeTolerances& tolerances) {
     std::vector<Fit> fits = fitTriclinic(forms);
     const RowFilter filter(looseness(tolerances));
+    const Limits limits(tolerances);
     for (const CharacterRow& row : kLatticeCharacters) {
         if (row.bravais == LATTICE::aP) continue;
-        Axes axes;
-        for (int i = 0; i < 3; ++i)
-            std::copy_n(row.toConventional[i], 3, axes[i].begin());
         Fit best;
         for (const NearForm& form : forms) {
             if (!filter.mayFit(row, form)) continue;
-            const Misfit misfit = misfitOf(row.bravais, metricOf(axes, form.metric));
-            if (!(misfit.angle <= tolerances.angle + 1e-6 && misfit.length <= tolerances.length + 1e-8))
-                continue;
+            Metric conventional;
+            if (!formConventional(row, form.metric, limits, conventional)) continue;
+            const Misfit misfit = misfitOf(row.bravais, conventional);
+            if (!limits.allow(misfit)) continue;
             const double score = scoreOf(misfit, tolerances);
             if (!best.form || score < best.score) best = {&row, &form, misfit, score};
         }

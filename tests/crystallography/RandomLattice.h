@@ -59,21 +59,30 @@ public:
         const auto edge = [this] { return uniform(4.0, 30.0); };
         Parameters p = {edge(), edge(), edge(), 90.0, 90.0, 90.0};
         switch (type) {
-        case LATTICE::cP:
-        case LATTICE::cI:
-        case LATTICE::cF: p.b = p.c = p.a; break;
-        case LATTICE::hP:
-        case LATTICE::hR: p.gamma = 120.0; [[fallthrough]];
-        case LATTICE::tP:
-        case LATTICE::tI: p.b = p.a; break;
-        case LATTICE::mP:
-        case LATTICE::mC: p.beta = uniform(92.0, 125.0); break;
-        case LATTICE::aP:
-            p.alpha = uniform(70.0, 110.0);
-            p.beta = uniform(70.0, 110.0);
-            p.gamma = uniform(70.0, 110.0);
-            break;
-        default: break;
+            case LATTICE::cP:
+            case LATTICE::cI:
+            case LATTICE::cF:
+                p.b = p.c = p.a;
+                break;
+            case LATTICE::hP:
+            case LATTICE::hR:
+                p.gamma = 120.0;
+                [[fallthrough]];
+            case LATTICE::tP:
+            case LATTICE::tI:
+                p.b = p.a;
+                break;
+            case LATTICE::mP:
+            case LATTICE::mC:
+                p.beta = uniform(92.0, 125.0);
+                break;
+            case LATTICE::aP:
+                p.alpha = uniform(70.0, 110.0);
+                p.beta = uniform(70.0, 110.0);
+                p.gamma = uniform(70.0, 110.0);
+                break;
+            default:
+                break;
         }
         return cellOf(p, type, false);
     }
