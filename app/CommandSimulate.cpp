@@ -6,11 +6,11 @@
 #include <numbers>
 
 #include "Commands.h"
+#include "DataFiles.h"
 #include "Failure.h"
 #include "NumberList.h"
 #include "OutputFile.h"
 #include "Simulation.h"
-#include "VoxCore/IO/VoxMRCFileHandler.h"
 
 namespace host {
 namespace {
@@ -134,26 +134,17 @@ void report(Host& host, const Options& options, const SimulatedSeries& result) {
 
 void simulate(Host& host, const Options& options) {
     const SimulationSettings settings = settingsOf(options);
-    OutputFile seriesFile(options.output);
     OutputFile truthFile(truthPath(options.output));
     host.progress().stage("simulate");
     const SimulatedSeries result = simulateSeries(settings, &host.progress());
     host.checkCanceled();
 
-    VoxMRCFileHandler handler;
-    host.progress().stage("write");
-    handler.registerObserver(&host.progress());
-    if (!handler.writeMRCFile(result.series.get(), seriesFile.path().string())) {
-        host.checkCanceled();
-        throw Failure("cannot write " + options.output +
-                      "; check the folder's permissions and the free space");
-    }
     std::ofstream truth(truthFile.path());
     truth << result.truth.toJson().dump(1) << '\n';
     truth.close();
     if (!truth)
         throw Failure("cannot write " + truthPath(options.output).string() + "; check the free space");
-    seriesFile.commit();
+    writeData(*result.series, options.output, host);
     truthFile.commit();
     host.progress().finish();
     report(host, options, result);

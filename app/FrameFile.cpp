@@ -1,0 +1,47 @@
+#include "FrameFile.h"
+
+#include <array>
+#include <cmath>
+#include <fstream>
+#include <system_error>
+
+#include "Failure.h"
+#include "MrcStack.h"
+#include "SmvFile.h"
+#include "TiffFile.h"
+
+namespace host {
+
+std::unique_ptr<FrameFile> FrameFile::open(const std::filesystem::path& path) {
+    std::error_code error;
+    if (!std::filesystem::is_regular_file(path, error))
+        throw Failure("cannot import " + path.string() + ": there is no such file");
+    std::ifstream file(path, std::ios::binary);
+    std::array<char, 512> start{};
+    file.read(start.data(), start.size());
+    if (!file && !file.eof()) throw Failure("cannot import " + path.string() + ": it cannot be read");
+    const std::string head(start.data(), static_cast<std::size_t>(file.gcount()));
+    if (SmvFile::recognises(head)) return std::make_unique<SmvFile>(path);
+    if (TiffFile::recognises(head)) return std::make_unique<TiffFile>(path);
+    return std::make_unique<MrcStack>(path);
+}
+
+void FrameFile::refuse(const std::string& reason) const {
+    throw Failure("cannot import " + m_path.string() + ": " + reason);
+}
+
+void FrameFile::checkSize(long long width, long long height) const {
+    constexpr long long largest = 16384;
+    if (width < 1 || height < 1 || width > largest || height > largest)
+        refuse("its header gives frames of " + std::to_string(width) + " x " + std::to_string(height) +
+               " pixels; the file is damaged or of another kind");
+}
+
+double electronKilovolts(double wavelength) {
+    // h / sqrt(2 m e U (1 + e U / (2 m c^2))) solved for U
+    constexpr double relativistic = 0.978475598e-6;
+    const double ratio = 12.2642596 / wavelength;
+    return (std::sqrt(1 + 4 * relativistic * ratio * ratio) - 1) / (2 * relativistic) / 1e3;
+}
+
+}  // namespace host
