@@ -1,5 +1,8 @@
 #include "VoxCore/IO/VoxMRCFileHandler.h"
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <bit>
@@ -101,6 +104,17 @@ bool has128ByteRecords(const std::vector<char>& records, const mrcH& header) {
            !equalPixelSizes(records, kSliceRecordBytes, header.nz);
 }
 
+/// Lets the system provide the memory's pages in one go; faulting them in one by one while the file is
+/// copied into them takes a sixth of the time that reading takes. Only a hint.
+void providePages([[maybe_unused]] std::span<short> values) {
+#ifdef MADV_POPULATE_WRITE
+    const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
+    const std::uintptr_t first = (reinterpret_cast<std::uintptr_t>(values.data()) + page - 1) / page * page;
+    const std::uintptr_t last = reinterpret_cast<std::uintptr_t>(values.data() + values.size()) / page * page;
+    if (first < last) madvise(reinterpret_cast<void*>(first), last - first, MADV_POPULATE_WRITE);
+#endif
+}
+
 bool writeZeros(std::ofstream& file, std::uint64_t count) {
     const std::vector<char> zeros(std::min<std::uint64_t>(count, 65536), '\0');
     while (count > 0 && file) {
@@ -162,7 +176,9 @@ VoxMRCData* VoxMRCFileHandler::readMRCFile(const std::string& path) {
 
     VRK::detail::ValueCounts counts;
     const auto chunk = [&](int z) {
-        return std::span<short>(data->GetChunkPointer(static_cast<unsigned>(z)), data->GetChunkSize());
+        const std::span<short> values(data->GetChunkPointer(static_cast<unsigned>(z)), data->GetChunkSize());
+        providePages(values);
+        return values;
     };
     const auto count = [&](int, std::span<const short> values) { counts.add(values); };
     if (!readSlices(*file, *header, chunk, count)) return nullptr;
