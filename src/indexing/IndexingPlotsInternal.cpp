@@ -163,7 +163,7 @@ bool IndexingPlots::projections(const std::string& folder) const {
     plot.addCommand(
         "set logscale cb; set palette defined (0 '#c8d8ff', 0.5 '#4060d0', 1 '#200040'); set grid");
     plot.addCommand("set cblabel 'mean intensity'");
-    plot.addCommand("set size ratio -1");
+    plot.addCommand("set size ratio -1; set offsets 1,1,1,1");
     for (const auto& [across, up, along] : kViews) {
         std::map<std::pair<int, int>, std::pair<double, double>> columns;  // sum of intensities, count
         for (const Spot& spot : m_spots) {
@@ -212,7 +212,8 @@ bool IndexingPlots::oneIndex(std::size_t index, const std::string& folder) const
     const std::string rowData = plot.addData(name + " reflections mean-intensity mean-deviation", rows, 4);
     const std::string pointData = plot.addData(name + " deviation", points, 2);
     plot.addCommand("set multiplot layout 2,1");
-    plot.addCommand("set style fill solid 0.6; set grid; set lmargin 10; set rmargin 12");
+    plot.addCommand(
+        "set style fill solid 0.6; set grid; set lmargin 10; set rmargin 12; set offsets 1,1,0,0");
     plot.addCommand(title("reflections and their mean intensity for each " + name));
     plot.addCommand(labels(name, "reflections") + "; set yrange [0:*]; set ytics nomirror; set y2tics");
     plot.addCommand("set y2label 'mean intensity'; set y2range [0:*]");

@@ -176,7 +176,7 @@ ReflexVector* PositionRefinement::refine(const ReflexVector* positions, std::spa
     std::size_t best = compare(attempts, result);
     if (!attempts[best].fit.valid) best = 1 - best;
 
-    ReflexVectorPtr list(ReflectionPositions::fromCenters(positions, 0, origin, nullptr));
+    ReflexVectorPtr list(ReflectionPositions::copies(positions, 0, origin, nullptr));
     place(*list, attempts[best].points);
     assignIndices(*list, attempts[best].fit.indices);
     result.sense = curved ? attempts[best].sense : 0;

@@ -1,6 +1,7 @@
 #include "indexing/ReflectionPositions.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <memory>
 #include <set>
@@ -13,6 +14,8 @@
 #include "reflections/VolumeMath.h"
 
 namespace {
+
+using Vector3 = std::array<double, 3>;
 
 /// A place in the volume and the tilt at which it was seen.
 struct Place {
@@ -27,32 +30,74 @@ Reflex* copyAt(const double position[3], const Reflex& source) {
     return copy.release();
 }
 
+/// The place of the tilt axis in a layer perpendicular to it; y is 0.
+Vector3 centreOf(const SamplingGeometry& geometry) {
+    return {0.5 * (static_cast<double>(geometry.width()) - 1.0), 0.0,
+            0.5 * (static_cast<double>(geometry.depth()) - 1.0)};
+}
+
+/// Weighted sums over the places of samples, relative to the axis.
+struct SampleSums {
+    double weight = 0.0;
+    double x = 0.0;
+    double z = 0.0;
+    double tilt = 0.0;
+
+    /// \returns false when the column was not recorded
+    bool add(const SamplingGeometry& geometry, int column, int layer, double w) {
+        if (column < 0 || layer < 0) return false;
+        const auto sample = geometry.sample(static_cast<unsigned>(column), static_cast<unsigned>(layer));
+        if (!sample.inside()) return false;
+        const double radius = geometry.meanRadius(sample);
+        const double angle = geometry.meanTilt(sample);
+        weight += w;
+        x += w * radius * std::cos(angle);
+        z += w * radius * std::sin(angle);
+        tilt += w * angle;
+        return true;
+    }
+};
+
 /// Mean place of the samples of a reflection's voxels. \returns false when none of them was sampled.
 bool placeOfSamples(ReflexOnGrid& reflex, const SamplingGeometry& geometry, Place& place) {
-    const double centreX = 0.5 * (static_cast<double>(geometry.width()) - 1.0);
-    const double centreZ = 0.5 * (static_cast<double>(geometry.depth()) - 1.0);
-    double sum = 0.0;
-    Place total{};
+    const Vector3 centre = centreOf(geometry);
+    SampleSums sums;
+    double sumY = 0.0;
     for (const int index : *reflex.getPoints()) {
         int x = 0, y = 0, z = 0;
         VolumeMath::getCoordinates(reflex.getVolume(), index, x, y, z);
-        const auto sample = geometry.sample(static_cast<unsigned>(x), static_cast<unsigned>(z));
         const double weight = std::max<double>(VolumeMath::getValue(reflex.getVolume(), index), 0.0);
-        if (!sample.inside()) continue;
-        const double radius = geometry.meanRadius(sample);
-        const double tilt = geometry.meanTilt(sample);
-        sum += weight;
-        total.position[0] += weight * radius * std::cos(tilt);
-        total.position[1] += weight * y;
-        total.position[2] += weight * radius * std::sin(tilt);
-        total.tilt += weight * tilt;
+        if (sums.add(geometry, x, z, weight)) sumY += weight * y;
     }
-    if (!(sum > 0.0)) return false;
-    place.position[0] = centreX + total.position[0] / sum;
-    place.position[1] = total.position[1] / sum;
-    place.position[2] = centreZ + total.position[2] / sum;
-    place.tilt = total.tilt / sum;
+    if (!(sums.weight > 0.0)) return false;
+    place.position[0] = centre[0] + sums.x / sums.weight;
+    place.position[1] = sumY / sums.weight;
+    place.position[2] = centre[2] + sums.z / sums.weight;
+    place.tilt = sums.tilt / sums.weight;
     return true;
+}
+
+/// Moves a place in the volume by the mean distance between the voxels around it and their samples.
+void moveToSamples(const SamplingGeometry& geometry, const Vector3& centre, Place& place) {
+    constexpr int kReach = 2;
+    const bool finite = std::isfinite(place.position[0]) && std::isfinite(place.position[2]);
+    if (!finite || std::max(std::abs(place.position[0]), std::abs(place.position[2])) > 1e6) return;
+    const int column = static_cast<int>(std::lround(place.position[0]));
+    const int layer = static_cast<int>(std::lround(place.position[2]));
+    SampleSums sums;
+    double sumX = 0.0, sumZ = 0.0;
+    for (int x = column - kReach; x <= column + kReach; ++x)
+        for (int z = layer - kReach; z <= layer + kReach; ++z) {
+            const double dx = x - place.position[0], dz = z - place.position[2];
+            const double weight = std::exp(-0.5 * (dx * dx + dz * dz));
+            if (!sums.add(geometry, x, z, weight)) continue;
+            sumX += weight * (x - centre[0]);
+            sumZ += weight * (z - centre[2]);
+        }
+    if (!(sums.weight > 0.0)) return;
+    place.position[0] += (sums.x - sumX) / sums.weight;
+    place.position[2] += (sums.z - sumZ) / sums.weight;
+    place.tilt = sums.tilt / sums.weight;
 }
 
 Place placeOfCenter(Reflex& reflex, int centerType, const double origin[3]) {
@@ -88,19 +133,28 @@ ReflexVector* copyList(const ReflexVector* reflections, std::vector<double>* til
 
 ReflexVector* ReflectionPositions::fromSamples(const ReflexVector* reflections,
                                                const SamplingGeometry& geometry, std::vector<double>* tilts) {
-    const double centre[3] = {0.5 * (static_cast<double>(geometry.width()) - 1.0), 0.0,
-                              0.5 * (static_cast<double>(geometry.depth()) - 1.0)};
+    const Vector3 centre = centreOf(geometry);
     return copyList(reflections, tilts, [&](Reflex& reflex) {
         Place place{};
         auto* onGrid = dynamic_cast<ReflexOnGrid*>(&reflex);
         const bool hasVoxels = onGrid && onGrid->getVolume() && onGrid->getPoints();
         if (hasVoxels && placeOfSamples(*onGrid, geometry, place)) return place;
-        return placeOfCenter(reflex, 3, centre);
+        return placeOfCenter(reflex, 3, centre.data());
     });
 }
 
 ReflexVector* ReflectionPositions::fromCenters(const ReflexVector* reflections, int centerType,
-                                               const double origin[3], std::vector<double>* tilts) {
+                                               const SamplingGeometry& geometry, std::vector<double>* tilts) {
+    const Vector3 centre = centreOf(geometry);
+    return copyList(reflections, tilts, [&](Reflex& reflex) {
+        Place place = placeOfCenter(reflex, centerType, centre.data());
+        moveToSamples(geometry, centre, place);
+        return place;
+    });
+}
+
+ReflexVector* ReflectionPositions::copies(const ReflexVector* reflections, int centerType,
+                                          const double origin[3], std::vector<double>* tilts) {
     return copyList(reflections, tilts,
                     [&](Reflex& reflex) { return placeOfCenter(reflex, centerType, origin); });
 }

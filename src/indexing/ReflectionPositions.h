@@ -30,9 +30,14 @@ public:
     static ReflexVector* fromSamples(const ReflexVector* reflections, const SamplingGeometry& geometry,
                                      std::vector<double>* tilts);
 
-    /// The same for reflections of which only the positions are known, such as those of a peak file: copies
-    /// at getCenter(axis, centerType), each with the tilt at which the voxel at its place was seen.
-    /// \param origin  the centre of the volume, ((W - 1) / 2, (H - 1) / 2, (D - 1) / 2)
-    static ReflexVector* fromCenters(const ReflexVector* reflections, int centerType, const double origin[3],
-                                     std::vector<double>* tilts);
+    /// The same for reflections of which only the positions in the volume are known, such as those of a peak
+    /// file: a spot of about two voxels' width at getCenter(axis, centerType) is taken for the voxels.
+    static ReflexVector* fromCenters(const ReflexVector* reflections, int centerType,
+                                     const SamplingGeometry& geometry, std::vector<double>* tilts);
+
+    /// Copies at getCenter(axis, centerType), for positions that are exact already, each with the tilt at
+    /// which a voxel at its place was seen. \param origin  the centre of the volume, ((W - 1) / 2, (H - 1) /
+    /// 2, (D - 1) / 2)
+    static ReflexVector* copies(const ReflexVector* reflections, int centerType, const double origin[3],
+                                std::vector<double>* tilts);
 };

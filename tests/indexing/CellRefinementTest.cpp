@@ -20,7 +20,7 @@ struct Simulation {
         std::normal_distribution<double> normal(0.0, 1.0);
         std::uniform_real_distribution<double> uniform(0.0, 1.0);
         forEachNode(start, 1.0 / 0.9 / (kPixelSize * 1e-10), [&](int, int, int, const Vec3& node) {
-            if (uniform(random) > 0.25) return;
+            if (uniform(random) > 0.1) return;
             const double spread = uniform(random) < outliers ? 6.0 : noise;
             list->push_back(new Reflex(trueOrigin[0] + node[0] + spread * normal(random),
                                        trueOrigin[1] + node[1] + spread * normal(random),

@@ -131,13 +131,13 @@ TEST(PositionRefinementTest, AdmitsThatFlatDataTellNoSense) {
     EXPECT_EQ((*corrected)[0]->getCenterInX(), (*data.list)[0]->getCenterInX());
 }
 
-TEST(PositionRefinementTest, TakesPlainPositionsFromAPeakFile) {
+TEST(PositionRefinementTest, TakesPositionsWithoutTilts) {
     CurvedPositions data(-1, EwaldCurvature::wavelength(200.0), 0.2);
     const double centre[3] = {255.5, 255.5, 220.5};
     std::vector<double> tilts;
     data.list->push_back(new Reflex(255.5, 100.0, 220.5));  // on the axis
     data.list->push_back(new Reflex(std::nan(""), 100.0, 220.5));
-    const ReflexVectorPtr places(ReflectionPositions::fromCenters(data.list.get(), 3, centre, &tilts));
+    const ReflexVectorPtr places(ReflectionPositions::copies(data.list.get(), 3, centre, &tilts));
     UnitCell cell = startOf(data.truth, 0.002);
     double origin[3] = {255.5, 255.5, 220.5};
     PositionRefinement refinement;

@@ -1,0 +1,208 @@
+#include "ReflectionFormats.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <gemmi/c4322.hpp>
+#include <gemmi/cif.hpp>
+#include <gemmi/mtz.hpp>
+#include <gemmi/refln.hpp>
+#include <map>
+#include <random>
+#include <sstream>
+
+#include "Failure.h"
+#include "reflections/Reflex.h"
+#include "reflections/ReflexVector.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using host::IndexedReflection;
+
+class ReflectionFormatsTest : public testing::Test {
+protected:
+    ReflectionFormatsTest() {
+        fs::create_directories(m_folder);
+        std::mt19937 random(5);
+        std::lognormal_distribution<double> intensity(5.0, 3.0);
+        for (int h = -12; h <= 12; h += 3)
+            for (int k = -104; k <= 104; k += 13)
+                for (int l = -999; l <= 999; l += 333) {
+                    if (h == 0 && k == 0 && l == 0) continue;
+                    const double value = intensity(random);
+                    m_set.reflections.push_back({h, k, l, value, std::sqrt(value)});
+                }
+        m_set.cell = {7.1234, 9.2, 12.345678, 90.0, 101.5, 90.0};
+        m_set.cellSigma = {0.0012, 0.003, 0.00056, 0.0, 0.02, 0.0};
+        m_set.wavelength = 0.025079;
+        m_set.centring = 'C';
+        m_set.formula = "Ca3 Al2 Si3 O12";
+        m_set.title = "garnet";
+    }
+    ~ReflectionFormatsTest() override { fs::remove_all(m_folder); }
+
+    std::vector<std::string> lines(const fs::path& path) const {
+        std::ifstream file(path);
+        std::vector<std::string> result;
+        for (std::string line; std::getline(file, line);)
+            result.push_back(line);
+        return result;
+    }
+
+    fs::path m_folder = fs::path(testing::TempDir()) / "reflection formats";
+    host::ReflectionSet m_set;
+};
+
+void expectSame(const std::vector<IndexedReflection>& found, const std::vector<IndexedReflection>& written,
+                double scale, double tolerance) {
+    ASSERT_EQ(found.size(), written.size());
+    for (std::size_t i = 0; i < found.size(); ++i) {
+        const IndexedReflection& a = found[i];
+        const IndexedReflection& b = written[i];
+        ASSERT_TRUE(a.h == b.h && a.k == b.k && a.l == b.l) << i;
+        ASSERT_NEAR(a.intensity, b.intensity * scale, std::max(tolerance, 1e-6 * b.intensity * scale));
+        ASSERT_NEAR(a.sigma, b.sigma * scale, 0.01 + tolerance);
+    }
+}
+
+TEST_F(ReflectionFormatsTest, ShelxColumnsReadBack) {
+    for (const double factor : {1e-7, 1.0, 99999.994, 1e9}) {
+        host::ReflectionSet set = m_set;
+        for (IndexedReflection& r : set.reflections)
+            r.sigma = std::sqrt(r.intensity *= factor);
+        host::writeShelx(set, m_folder / "x.hkl");
+        const auto text = lines(m_folder / "x.hkl");
+        std::vector<IndexedReflection> found;
+        double largest = 0.0;
+        for (const std::string& line : text) {
+            ASSERT_EQ(line.size(), 28u);
+            const auto field = [&](std::size_t from, std::size_t width) {
+                return std::stod(line.substr(from, width));
+            };
+            found.push_back({static_cast<int>(field(0, 4)), static_cast<int>(field(4, 4)),
+                             static_cast<int>(field(8, 4)), field(12, 8), field(20, 8)});
+            largest = std::max({largest, found.back().intensity, found.back().sigma});
+        }
+        EXPECT_EQ(found.back(), (IndexedReflection{0, 0, 0, 0.0, 0.0}));
+        found.pop_back();
+        expectSame(found, set.reflections, host::shelxScale(set.reflections), 0.0051);
+        EXPECT_GE(largest, 9999.9) << "digits are wasted";
+    }
+}
+
+TEST_F(ReflectionFormatsTest, InstructionsSayWhatTheyShould) {
+    host::writeShelxInstructions(m_set, m_folder / "x.ins");
+    const auto text = lines(m_folder / "x.ins");
+    std::map<std::string, std::string> first;
+    std::vector<std::string> elements;
+    for (const std::string& line : text) {
+        EXPECT_LE(line.size(), 80u);
+        std::istringstream words(line);
+        std::string keyword, rest;
+        words >> keyword;
+        std::getline(words, rest);
+        first.emplace(keyword, rest);
+        if (keyword == "SFAC") elements.push_back(rest.substr(1, 2));
+    }
+    EXPECT_EQ(first["CELL"], " 0.025079 7.12340 9.20000 12.34568 90.0000 101.5000 90.0000");
+    EXPECT_EQ(first["ZERR"], " 2 0.00120 0.00300 0.00056 0.0000 0.0200 0.0000");
+    EXPECT_EQ(first["LATT"], " -7");
+    EXPECT_EQ(first["HKLF"], " 4");
+    EXPECT_EQ(first["UNIT"], " 6 4 6 24");
+    EXPECT_EQ(elements, (std::vector<std::string>{"Ca", "Al", "Si", "O "}));
+    EXPECT_EQ(text.back(), "END");
+}
+
+TEST_F(ReflectionFormatsTest, FourGaussiansFollowTheTable) {
+    for (const char* symbol : {"H", "C", "N", "O", "Al", "Si", "Ca", "Fe", "Zr", "Cs", "Au", "U"}) {
+        const auto f = host::electronScatteringFactor(symbol);
+        const auto& table = gemmi::C4322<double>::get(gemmi::find_element(symbol));
+        double worst = 0.0;
+        for (double s = 0.0; s <= 1.0; s += 0.05) {
+            double fitted = f[8];
+            for (std::size_t i = 0; i < 4; ++i)
+                fitted += f[2 * i] * std::exp(-f[2 * i + 1] * s * s);
+            worst = std::max(worst, std::abs(fitted / table.calculate_sf(s * s) - 1.0));
+        }
+        EXPECT_LT(worst, 0.01) << symbol;
+    }
+}
+
+TEST_F(ReflectionFormatsTest, GemmiReadsMtzBack) {
+    host::writeMtz(m_set, m_folder / "x.mtz");
+    const gemmi::Mtz mtz = gemmi::read_mtz_file((m_folder / "x.mtz").string());
+    EXPECT_EQ(mtz.spacegroup->xhm(), "C 1");
+    EXPECT_NEAR(mtz.cell.c, 12.345678, 1e-4);
+    EXPECT_NEAR(mtz.datasets.back().wavelength, 0.025079, 1e-5);
+    std::vector<IndexedReflection> found;
+    const auto* intensity = mtz.column_with_label("I");
+    const auto* sigma = mtz.column_with_label("SIGI");
+    ASSERT_TRUE(intensity && sigma);
+    for (std::size_t i = 0; i < mtz.data.size(); i += mtz.columns.size()) {
+        const auto hkl = mtz.get_hkl(i);
+        found.push_back({hkl[0], hkl[1], hkl[2], mtz.data[i + intensity->idx], mtz.data[i + sigma->idx]});
+    }
+    expectSame(found, m_set.reflections, 1.0, 1e-3);
+}
+
+TEST_F(ReflectionFormatsTest, GemmiReadsCifBack) {
+    host::writeCif(m_set, m_folder / "x.cif");
+    gemmi::cif::Document document = gemmi::cif::read_file((m_folder / "x.cif").string());
+    const gemmi::ReflnBlock block = gemmi::hkl_cif_as_refln_block(document.sole_block());
+    ASSERT_TRUE(block.refln_loop && block.spacegroup);
+    EXPECT_EQ(block.spacegroup->xhm(), "C 1");
+    EXPECT_NEAR(block.cell.a, 7.1234, 1e-9);
+    ASSERT_TRUE(block.block.find_value("_cell_length_a"));
+    EXPECT_EQ(*block.block.find_value("_cell_length_a"), "7.1234(12)");
+    std::vector<IndexedReflection> found;
+    for (std::size_t row = 0; row < block.refln_loop->length(); ++row) {
+        const auto number = [&](std::size_t column) {
+            return gemmi::cif::as_number(block.refln_loop->val(row, column));
+        };
+        found.push_back({static_cast<int>(number(0)), static_cast<int>(number(1)),
+                         static_cast<int>(number(2)), number(3), number(4)});
+    }
+    expectSame(found, m_set.reflections, 1.0, 1e-3);
+}
+
+TEST_F(ReflectionFormatsTest, CollectsIndexedReflections) {
+    ReflexVectorPtr list(new ReflexVector);
+    const auto add = [&](int h, int k, int l, double intensity) {
+        list->push_back(new Reflex(0, 0, 0));
+        list->back()->setHKL(h, k, l);
+        list->back()->setIntensity(intensity);
+    };
+    add(1, 1, 0, 40.0);
+    add(Reflex::kNotIndexed, 0, 0, 5.0);
+    add(0, 0, 0, 1e6);
+    add(-1, 2, 3, 9.0);
+    add(1, 1, 0, 60.0);  // the other piece of a spot that broke up
+    list->push_back(nullptr);
+    EXPECT_EQ(host::indexedReflections(*list),
+              (std::vector<IndexedReflection>{{-1, 2, 3, 9.0, 3.0}, {1, 1, 0, 100.0, 10.0}}));
+    // The columns of the matrix are the new axes: (h k l) M.
+    const int toConventional[3][3] = {{0, 1, 1}, {1, 0, 1}, {1, 1, 0}};
+    EXPECT_EQ(host::indexedReflections(*list, toConventional),
+              (std::vector<IndexedReflection>{{1, 1, 2, 100.0, 10.0}, {5, 2, 1, 9.0, 3.0}}));
+}
+
+TEST_F(ReflectionFormatsTest, RefusesWhatDoesNotFit) {
+    EXPECT_THROW(host::parseFormula("Xx2"), host::Failure);
+    EXPECT_THROW(host::parseFormula("C2 h3"), host::Failure);
+    EXPECT_THROW(host::parseFormula("  "), host::Failure);
+    EXPECT_THROW(host::parseFormula("C0"), host::Failure);
+    EXPECT_EQ(host::parseFormula("CaCO3"),
+              (std::vector<std::pair<std::string, double>>{{"Ca", 1}, {"C", 1}, {"O", 3}}));
+    m_set.reflections.push_back({10000, 0, 0, 1.0, 1.0});
+    EXPECT_THROW(host::writeShelx(m_set, m_folder / "x.hkl"), host::Failure);
+    EXPECT_THROW(host::writeMtz(m_set, m_folder / "none" / "x.mtz"), host::Failure);
+    if (fs::exists("/dev/full")) {
+        EXPECT_THROW(host::writeCif(m_set, "/dev/full"), host::Failure);
+    }
+}
+
+}  // namespace
