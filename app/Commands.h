@@ -10,6 +10,7 @@
 namespace host {
 
 void addImportCommand(CLI::App& app, Host& host);
+void addSectionsCommand(CLI::App& app, Host& host);
 void addSimulateCommand(CLI::App& app, Host& host);
 
 }  // namespace host

@@ -16,6 +16,7 @@ int parseAndRun(host::Host& host, int argc, char** argv) {
     app.require_subcommand(1);
     host::addImportCommand(app, host);
     host::addSimulateCommand(app, host);
+    host::addSectionsCommand(app, host);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

@@ -1,0 +1,71 @@
+#include <memory>
+#include <string>
+
+#include "Commands.h"
+#include "DataFiles.h"
+#include "Failure.h"
+#include "Pictures.h"
+#include "crystallography/CellFileImportExport.h"
+
+namespace host {
+namespace {
+
+struct Options {
+    std::string volume;
+    std::string cell;
+    std::string folder;
+    std::string log;
+    SectionOptions sections;
+    bool primitive = false;
+};
+
+UnitCell readCell(const Options& options, double pixelSize, Host& host) {
+    UnitCell cell;
+    if (!CellFileImportExport::loadCellFile(options.cell, &cell, pixelSize))
+        throw Failure("cannot read the cell file " + options.cell + ": " + host.log().lastError());
+    if (cell.isDegenerate())
+        throw Failure("the cell in " + options.cell + " spans no lattice: its vectors lie in one plane");
+    if (!options.primitive) cell.transformIntoConventionalCell();
+    return cell;
+}
+
+void run(const Options& options, Host& host) {
+    if (!options.log.empty()) host.openLog(options.log);
+    const std::unique_ptr<VoxMRCData> volume = readVolume(options.volume, host);
+    const double pixelSize = volume->m_Header.m_pixelsize;
+    const UnitCell cell = readCell(options, pixelSize > 0.0 ? pixelSize : 1.0, host);
+    makeFolder(options.folder);
+    for (const auto& paths : {writeSections(*volume, cell, options.sections, options.folder),
+                              writeProjections(*volume, options.sections.tga, options.folder)})
+        for (const auto& path : paths)
+            host.out() << path.string() << '\n';
+}
+
+}  // namespace
+
+void addSectionsCommand(CLI::App& app, Host& host) {
+    auto options = std::make_shared<Options>();
+    CLI::App* command =
+        app.add_subcommand("sections", "Draw sections of a volume along lattice planes, and its projections");
+    command->add_option("volume", options->volume, "Volume file (.mrc)")->required();
+    command->add_option("cell", options->cell, "Cell file, as 'vrk cell' and 'vrk run' write it")->required();
+    command->add_option("-o,--output", options->folder, "Folder for the pictures")->required();
+    command->add_option("--plane", options->sections.planes,
+                        "Planes, for instance hk0 h1l (default: hk0 h0l 0kl)");
+    command->add_option("--thickness", options->sections.thickness, "Thickness in voxels")
+        ->check(CLI::Range(0.0, 100.0))
+        ->capture_default_str();
+    command->add_option("--size", options->sections.size, "Edge of the pictures in pixels")
+        ->check(CLI::Range(16, 8192))
+        ->capture_default_str();
+    command->add_flag("--nodes", options->sections.nodes, "Draw a ring round every lattice node");
+    command->add_flag(
+        "--primitive", options->primitive,
+        "Index the planes by the cell of the file, not by the conventional cell of its lattice");
+    command->add_flag("--tga", options->sections.tga, "Write TGA files, too");
+    command->add_option("--log", options->log, "Write the library's messages to this file");
+    command->footer("Example:\n  vrk sections volume.mrc cell.txt -o pictures --plane hk0 hk1 --nodes");
+    command->callback([options, &host] { run(*options, host); });
+}
+
+}  // namespace host
