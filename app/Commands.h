@@ -11,6 +11,7 @@ namespace host {
 
 void addImportCommand(CLI::App& app, Host& host);
 void addSectionsCommand(CLI::App& app, Host& host);
+void addPeaksCommand(CLI::App& app, Host& host);
 void addSimulateCommand(CLI::App& app, Host& host);
 
 }  // namespace host

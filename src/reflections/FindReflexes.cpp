@@ -40,17 +40,23 @@ bool searchable(const VoxMRCData& volume, const VoxelGrid& grid) {
     return true;
 }
 
+/// Finding the largest value is a loop that the compiler turns into vector code.
+template <int size>
+short largestOf(const short* values) {
+    short largest = values[0];
+    for (int i = 1; i < size; ++i)
+        largest = std::max(largest, values[i]);
+    return largest;
+}
+
 /// Visits the foreground voxels of a row whose y has the parity of \p first. Most blocks of a row hold
-/// background only; finding their largest value is a loop that the compiler turns into vector code.
+/// background only and are passed over whole.
 template <typename Visit>
 void forEachForeground(const short* row, int size, int first, int limit, Visit visit) {
     constexpr int blockSize = 64;
     for (int begin = 0; begin < size; begin += blockSize) {
         const int end = std::min(begin + blockSize, size);
-        short largest = row[begin];
-        for (int y = begin + 1; y < end; ++y)
-            largest = std::max(largest, row[y]);
-        if (largest < limit) continue;
+        if (end - begin == blockSize && largestOf<blockSize>(row + begin) < limit) continue;
         for (int y = begin + first; y < end; y += 2)
             if (row[y] >= limit) visit(y);
     }

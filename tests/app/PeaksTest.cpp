@@ -1,0 +1,92 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "RunVrk.h"
+#include "VoxCore/DataModel/VoxMRCData.h"
+#include "VoxCore/IO/VoxMRCFileHandler.h"
+#include "reflections/PeakFileImportExport.h"
+#include "reflections/ReflexVector.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+/// Works in a folder of its own that holds a volume with three spots of 2 x 2 x 2 voxels.
+class PeaksCommand : public testing::Test {
+protected:
+    PeaksCommand() {
+        fs::create_directory(folder);
+        std::unique_ptr<VoxMRCData> volume(VoxMRCData::Create3D(32, 32, 16));
+        mrcH& header = volume->m_Header;
+        header.nx = header.ny = header.mx = header.my = 32;
+        header.nz = header.mz = 16;
+        header.mode = 1;
+        header.type = MRCType::MRCVOLUME;
+        for (unsigned z = 0; z < 16; ++z)
+            std::fill_n(volume->GetChunkPointer(z), 1024, short{3});
+        for (const unsigned x : {4U, 16U, 28U})
+            for (unsigned i = 0; i < 8; ++i)
+                volume->GetChunkPointer(8 + (i >> 2))[(x + (i >> 1 & 1)) * 32 + 16 + (i & 1)] = 50;
+        VoxMRCFileHandler().writeMRCFile(volume.get(), folder + "/volume.mrc");
+        header.type = MRCType::TILT_SERIES;
+        header.next = 131072;
+        for (int z = 0; z < 16; ++z)
+            header.setValue(SliceValue::TiltAngle, z, static_cast<float>(z - 20));
+        VoxMRCFileHandler().writeMRCFile(volume.get(), folder + "/series.mrc");
+    }
+    ~PeaksCommand() override { fs::remove_all(folder); }
+
+    VrkResult peaks(const std::string& input, std::vector<std::string> more = {}) const {
+        more.insert(more.begin(), {"peaks", input, "-o", "peaks.txt"});
+        return runVrk(more, folder);
+    }
+
+    const std::string folder =
+        testing::TempDir() + "vrk_peaks_" + testing::UnitTest::GetInstance()->current_test_info()->name();
+};
+
+TEST_F(PeaksCommand, WritesThePeakFileAndTheDistribution) {
+    const VrkResult result = peaks("volume.mrc", {"--threshold", "40", "--zero-beam", "6", "--json"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    const auto json = nlohmann::json::parse(result.out);
+    EXPECT_EQ(json["reflections"], 2);
+    EXPECT_EQ(json["foreground_voxels"], 24);
+    EXPECT_EQ(json["voxels"]["median"], 8);
+    EXPECT_EQ(json["intensity"]["max"], 400);
+    EXPECT_EQ(json["parameters"]["zero_beam"], 6);
+    EXPECT_TRUE(json["parameters"]["resolution"].is_null());
+
+    ReflexVectorPtr list(new ReflexVector);
+    ASSERT_TRUE(PeakFileImportExport::loadPeakFile(folder + "/peaks.txt", list.get()));
+    ASSERT_EQ(list->size(), 2U);
+    EXPECT_EQ(list->at(0)->getCenterInX(), 4.5);
+    EXPECT_EQ(list->at(1)->getCenterInX(), 28.5);
+    EXPECT_EQ(list->at(1)->getCenterInZ(), 8.5);
+}
+
+TEST_F(PeaksCommand, ProposesAThresholdWhenNothingIsFound) {
+    const VrkResult result = peaks("volume.mrc", {"--zero-beam", "0", "--threshold", "60"});
+    EXPECT_EQ(result.exitCode, 3);
+    EXPECT_NE(result.err.find("from 3 to 50"), std::string::npos) << result.err;
+    EXPECT_NE(result.err.find("try --threshold 50, which finds 3"), std::string::npos) << result.err;
+    EXPECT_FALSE(fs::exists(folder + "/peaks.txt"));
+}
+
+TEST_F(PeaksCommand, RefusesWhatItCannotUse) {
+    const VrkResult series = peaks("series.mrc");
+    EXPECT_EQ(series.exitCode, 1);
+    EXPECT_NE(series.err.find("holds a tilt series (16 patterns from -20 to -5 degrees)"), std::string::npos)
+        << series.err;
+    EXPECT_EQ(peaks("missing.mrc").exitCode, 1);
+    for (const std::vector<std::string>& options : {std::vector<std::string>{"--threshold", "nan"},
+                                                    {"--centre", "4"},
+                                                    {"--min-voxels", "9", "--max-voxels", "8"}})
+        EXPECT_EQ(peaks("volume.mrc", options).exitCode, 2) << options.front();
+    EXPECT_EQ(std::distance(fs::directory_iterator(folder), fs::directory_iterator()), 2);
+}
+
+}  // namespace
