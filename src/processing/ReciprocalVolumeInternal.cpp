@@ -4,6 +4,7 @@
 #include <limits>
 #include <opencv2/core.hpp>
 
+#include "foundation/LargePagesInternal.h"
 #include "processing/FrameInternal.h"
 
 namespace VRK::detail {
@@ -17,9 +18,9 @@ struct Limits {
 /// The averages of four columns, truncated towards zero. Negative ones are stored as 0, but count for the
 /// limits.
 Limits averageColumns(const short* a, const short* b, const short* c, const short* d, short* out,
-                      std::size_t n, Limits limits) {
-    short lowest = limits.lowest;
-    short highest = limits.highest;
+                      std::size_t n) {
+    short lowest = std::numeric_limits<short>::max();
+    short highest = std::numeric_limits<short>::min();
     for (std::size_t i = 0; i < n; ++i) {
         const int sum = a[i] + b[i] + c[i] + d[i];
         // Shifting rounds down; 3 more for negative sums makes that a division by 4 that truncates.
@@ -36,11 +37,13 @@ Limits averageColumns(const short* a, const short* b, const short* c, const shor
 TransposedSeries::TransposedSeries(const VoxMRCData& series)
     : m_width(series.GetWidth()),
       m_height(series.GetHeight()),
-      m_pixels(new short[std::size_t{series.GetDepth()} * series.GetChunkSize()]) {
+      m_slices(series.GetDepth()),
+      m_pixels(new short[m_slices * m_width * m_height]) {
+    preferLargePages(m_pixels.get(), m_slices * m_width * m_height * sizeof(short));
     const int width = static_cast<int>(m_width);
     const int height = static_cast<int>(m_height);
     for (unsigned slice = 0; slice < series.GetDepth(); ++slice) {
-        Frame columns(width, height, m_pixels.get() + std::size_t{slice} * m_width * m_height);
+        Frame columns(width, height, m_pixels.get() + slice * m_width * m_height);
         cv::transpose(readOnly(series.GetChunkPointer(slice), width, height), columns);
     }
 }
@@ -50,34 +53,62 @@ ReciprocalVolumeFiller::ReciprocalVolumeFiller(const TransposedSeries& series,
     : m_series(series),
       m_geometry(geometry),
       m_volume(volume),
-      m_samples(geometry.width()),
+      m_combinationOfColumn(std::size_t{geometry.width()} * geometry.depth(), kNoCombination),
+      m_combinations(series.slices() * 2 * (geometry.width() / 2 + 1)),
       m_lowest(std::numeric_limits<short>::max()),
-      m_highest(std::numeric_limits<short>::min()) {}
+      m_highest(std::numeric_limits<short>::min()) {
+    std::size_t column = 0;
+    std::size_t notRecorded = 0;
+    for (unsigned layer = 0; layer < geometry.depth(); ++layer)
+        for (unsigned x = 0; x < geometry.width(); ++x, ++column) {
+            const SamplingGeometry::Sample sample = geometry.sample(x, layer);
+            if (!sample.inside()) {
+                ++notRecorded;
+                continue;
+            }
+            const std::size_t combination = combinationOf(sample, x);
+            m_combinationOfColumn[column] = static_cast<std::uint32_t>(combination);
+            ++m_combinations[combination].columns;
+        }
+    if (notRecorded > 0) {
+        m_lowest = m_highest = kNotRecorded;
+        m_counts.add(0, static_cast<std::uint32_t>(notRecorded * series.height()));
+    }
+}
+
+std::size_t ReciprocalVolumeFiller::combinationOf(const SamplingGeometry::Sample& sample, unsigned x) const {
+    // The upper pattern, the inner distance and the side of the axis tell the other sources too.
+    const std::size_t distances = m_geometry.width() / 2 + 1;
+    const std::size_t side = 2 * x >= m_geometry.width() ? 1 : 0;
+    return (static_cast<std::size_t>(sample.upper) * 2 + side) * distances +
+           static_cast<std::size_t>(sample.inner);
+}
 
 void ReciprocalVolumeFiller::fillLayer(unsigned layer) {
     const std::size_t height = m_series.height();
+    const std::uint32_t* combinations =
+        m_combinationOfColumn.data() + std::size_t{layer} * m_geometry.width();
     short* column = m_volume.GetChunkPointer(layer);
-    std::size_t notRecorded = 0;
-    Limits limits{m_lowest, m_highest};
     for (unsigned x = 0; x < m_geometry.width(); ++x, column += height) {
-        const SamplingGeometry::Sample& s = m_samples[x] = m_geometry.sample(x, layer);
-        if (!s.inside()) {
-            ++notRecorded;
+        if (combinations[x] == kNoCombination) continue;
+        Combination& combination = m_combinations[combinations[x]];
+        if (combination.average) {
+            std::copy_n(combination.average, height, column);
             continue;
         }
-        limits =
-            averageColumns(m_series.column(s.upper, s.innerColumn), m_series.column(s.lower, s.innerColumn),
-                           m_series.column(s.upper, s.outerColumn), m_series.column(s.lower, s.outerColumn),
-                           column, height, limits);
-        m_counts.add({column, height});
+        average(m_geometry.sample(x, layer), column);
+        m_counts.add({column, height}, combination.columns);
+        combination.average = column;
     }
-    if (notRecorded > 0) {
-        limits.lowest = std::min(limits.lowest, kNotRecorded);
-        limits.highest = std::max(limits.highest, kNotRecorded);
-        m_counts.add(0, static_cast<std::uint32_t>(notRecorded * height));
-    }
-    m_lowest = limits.lowest;
-    m_highest = limits.highest;
+}
+
+void ReciprocalVolumeFiller::average(const SamplingGeometry::Sample& s, short* column) {
+    const Limits limits =
+        averageColumns(m_series.column(s.upper, s.innerColumn), m_series.column(s.lower, s.innerColumn),
+                       m_series.column(s.upper, s.outerColumn), m_series.column(s.lower, s.outerColumn),
+                       column, m_series.height());
+    m_lowest = std::min(m_lowest, limits.lowest);
+    m_highest = std::max(m_highest, limits.highest);
 }
 
 }  // namespace VRK::detail

@@ -20,8 +20,6 @@ namespace {
 constexpr unsigned short kHistogramBins = 256;
 constexpr const char* kRule = " ---------------------------------------------------- ";
 
-using Samples = std::vector<SamplingGeometry::Sample>;
-
 void log(const std::string& text, VRK::MessageType type = VRK::Normal,
          VRK::DebugMessageType debugType = VRK::Information) {
     VRKLogger::getInstance()->log(text, type, debugType);
@@ -72,12 +70,13 @@ void logLimits(const VoxMRCData& input, short lowest, short highest) {
     log(line("output (mrcVol)   MinValue ", lowest, " MaxValue ", highest));
 }
 
-/// Every column's sources and the values that the average at its top was formed from.
-void logSources(const Samples& samples, const VRK::detail::TransposedSeries& series, unsigned layer) {
-    for (std::size_t x = 0; x < samples.size(); ++x) {
-        const SamplingGeometry::Sample& s = samples[x];
+/// The sources of every column of a layer, and the values that its topmost voxel was formed from.
+void logSources(const SamplingGeometry& geometry, const VRK::detail::TransposedSeries& series,
+                unsigned layer) {
+    for (unsigned x = 0; x < geometry.width(); ++x) {
+        const SamplingGeometry::Sample s = geometry.sample(x, layer);
         std::string text = line(" Pix ", x, " in ", s.inner, "/", s.innerColumn, " out ", s.outer, "/",
-                                s.outerColumn, " high  ", s.upper, " low ", s.lower, " n_j ", layer);
+                                s.outerColumn, " high  ", s.upper, "low ", s.lower, " n_j ", layer);
         if (s.inside())
             text += line(" values ", *series.column(s.upper, s.innerColumn), ' ',
                          *series.column(s.lower, s.innerColumn), ' ', *series.column(s.upper, s.outerColumn),
@@ -181,7 +180,7 @@ bool VoxMRCstemProcessing::fillVolume(const VoxMRCData& input, const SamplingGeo
         updateStep(static_cast<int>(layer));
         if (canceled()) return false;
         filler.fillLayer(layer);
-        if (verbosity > 2) logSources(filler.samples(), series, layer);
+        if (verbosity > 2) logSources(geometry, series, layer);
     }
 
     if (verbosity > 0) logLimits(input, filler.lowest(), filler.highest());

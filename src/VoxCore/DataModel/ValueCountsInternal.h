@@ -18,7 +18,8 @@ public:
 
     ValueCounts() : m_tables(kTables * kValues, 0) {}
 
-    void add(std::span<const short> values) {
+    /// \param times what each of the values counts
+    void add(std::span<const short> values, std::uint32_t times = 1) {
         // Neighbouring pixels are often equal, and an increment that waits for the one before it to
         // reach memory is slow: neighbours therefore count into different tables.
         std::array<std::uint32_t*, kTables> table{};
@@ -28,13 +29,13 @@ public:
         for (std::size_t i = 0; i < whole; i += kTables) {
             std::uint64_t four = 0;
             std::memcpy(&four, values.data() + i, sizeof(four));
-            ++table[0][four & 0xffff];
-            ++table[1][four >> 16 & 0xffff];
-            ++table[2][four >> 32 & 0xffff];
-            ++table[3][four >> 48];
+            table[0][four & 0xffff] += times;
+            table[1][four >> 16 & 0xffff] += times;
+            table[2][four >> 32 & 0xffff] += times;
+            table[3][four >> 48] += times;
         }
         for (std::size_t i = whole; i < values.size(); ++i)
-            ++table[0][index(values[i])];
+            table[0][index(values[i])] += times;
     }
 
     /// Counts one value several times.

@@ -1,0 +1,28 @@
+/// \file
+/// Large memory pages for data that is written from one end to the other.
+#pragma once
+
+#include <cstddef>
+
+#ifdef __linux__
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstdint>
+#endif
+
+namespace VRK::detail {
+
+/// Asks the system to back fresh memory with large pages. Touching hundreds of megabytes for the first time
+/// in pages of 4 KiB takes longer than computing what is stored there. A request only: nothing depends on its
+/// success. Neighbouring blocks share large pages when all of them ask.
+inline void preferLargePages([[maybe_unused]] void* memory, [[maybe_unused]] std::size_t bytes) {
+#ifdef MADV_HUGEPAGE
+    const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
+    const auto begin = reinterpret_cast<std::uintptr_t>(memory) / page * page;
+    const std::uintptr_t end = reinterpret_cast<std::uintptr_t>(memory) + bytes;
+    madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+#endif
+}
+
+}  // namespace VRK::detail
