@@ -3,7 +3,10 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <limits>
 #include <memory>
+#include <opencv2/core.hpp>
+#include <opencv2/imgproc.hpp>
 #include <optional>
 #include <span>
 #include <sstream>
@@ -11,11 +14,19 @@
 #include <string>
 
 #include "foundation/VRKLogger.h"
+#include "processing/BeamCentreInternal.h"
+#include "processing/FrameInternal.h"
+#include "processing/HotSpotsInternal.h"
+#include "processing/RadialBackgroundInternal.h"
 #include "processing/ReciprocalVolumeInternal.h"
+#include "processing/ResamplingInternal.h"
 #include "processing/SamplingGeometry.h"
 #include "processing/SingleThreadedOpenCVInternal.h"
 
 namespace {
+
+using VRK::detail::BeamCentre;
+using VRK::detail::Frame;
 
 constexpr unsigned short kHistogramBins = 256;
 constexpr const char* kRule = " ---------------------------------------------------- ";
@@ -39,6 +50,76 @@ std::optional<std::string> problemOf(const VoxMRCData* series) {
     if (series->GetDimCount() != 3 || series->GetDataSize() == 0) return "the series holds no patterns";
     if (series->GetStorageMethod() != Storage_BySlice) return "the series is not stored pattern by pattern";
     return std::nullopt;
+}
+
+/// The same for operations on images.
+std::optional<std::string> problemOfImages(const VoxMRCData* series) {
+    if (std::optional<std::string> problem = problemOf(series)) return problem;
+    constexpr unsigned kLargest = std::numeric_limits<short>::max();
+    if (std::max(series->GetWidth(), series->GetHeight()) > kLargest)
+        return line("patterns of ", series->GetWidth(), " x ", series->GetHeight(),
+                    " pixels are too large; bin them");
+    return std::nullopt;
+}
+
+/// Logs what kept an operation from its result.
+VoxMRCData* refuse(const char* name, const std::string& problem) {
+    log(line(name, "(): ", problem), VRK::Error);
+    return nullptr;
+}
+
+Frame patternOf(const VoxMRCData& series, unsigned pattern) {
+    return VRK::detail::readOnly(series.GetChunkPointer(pattern), static_cast<int>(series.GetWidth()),
+                                 static_cast<int>(series.GetHeight()));
+}
+
+/// Follows the values of a series while its patterns are written.
+class Densities {
+public:
+    void add(const Frame& frame) {
+        double lowest = 0, highest = 0;
+        cv::minMaxLoc(frame, &lowest, &highest);
+        m_lowest = std::min(m_lowest, lowest);
+        m_highest = std::max(m_highest, highest);
+        m_sum += cv::sum(frame)[0];
+        m_count += static_cast<double>(frame.total());
+    }
+    void writeTo(mrcH& header) const {
+        header.amin = static_cast<float>(m_lowest);
+        header.amax = static_cast<float>(m_highest);
+        header.amean = static_cast<float>(m_sum / m_count);
+    }
+
+private:
+    double m_lowest = std::numeric_limits<double>::infinity();
+    double m_highest = -std::numeric_limits<double>::infinity();
+    double m_sum = 0;
+    double m_count = 0;
+};
+
+void setSize(mrcH& header, unsigned width, unsigned height) {
+    header.nx = header.mx = static_cast<std::int32_t>(width);
+    header.ny = header.my = static_cast<std::int32_t>(height);
+}
+
+void scalePixelSizes(mrcH& header, float factor) {
+    header.m_pixelsize *= factor;
+    for (float& size : header.sliceValues[static_cast<std::size_t>(SliceValue::PixelSize)])
+        size *= factor;
+}
+
+const char* nameOf(BeamCentre::Source source) {
+    switch (source) {
+        case BeamCentre::Source::Beam:
+            return "direct beam and halo";
+        case BeamCentre::Source::Pattern:
+            return "symmetry of the pattern";
+        case BeamCentre::Source::Neighbours:
+            return "taken from the neighbouring patterns";
+        case BeamCentre::Source::None:
+            break;
+    }
+    return "not found";
 }
 
 /// What keeps tilts from being reconstructed.
@@ -126,6 +207,194 @@ VoxMRCstemProcessing::~VoxMRCstemProcessing() {
     log("<< Destructor VoxMRCstemProcessing", VRK::Debug, VRK::ObjectControl);
 }
 
+template <typename Visit>
+bool VoxMRCstemProcessing::forEachPattern(unsigned count, unsigned firstStep, const char* name, Visit visit) {
+    for (unsigned pattern = 0; pattern < count; ++pattern) {
+        updateStep(static_cast<int>(firstStep + pattern));
+        if (canceled()) {
+            log(line(" ", name, "() canceled ..."));
+            return false;
+        }
+        visit(pattern);
+    }
+    return true;
+}
+
+template <typename Operation>
+VoxMRCData* VoxMRCstemProcessing::eachPattern(const VoxMRCData& series, const char* name, unsigned width,
+                                              unsigned height, unsigned stepsBefore, Operation operation) {
+    const unsigned count = series.GetDepth();
+    std::unique_ptr<VoxMRCData> result(VoxMRCData::Create3D(width, height, count));
+    if (!result)
+        return refuse(name, line("no memory for ", count, " patterns of ", width, " x ", height, " pixels"));
+    result->m_Header = series.m_Header;
+    setSize(result->m_Header, width, height);
+    Densities densities;
+    const bool complete = forEachPattern(count, stepsBefore, name, [&](unsigned pattern) {
+        Frame out = patternOf(*result, pattern);
+        operation(patternOf(series, pattern), out, pattern);
+        densities.add(out);
+    });
+    if (!complete) return nullptr;
+    densities.writeTo(result->m_Header);
+    return result.release();
+}
+
+VoxMRCData* VoxMRCstemProcessing::HotSpotFilterImageStack(VoxMRCData* series) {
+    static constexpr const char* kName = "HotSpotFilterImageStack";
+    if (const auto problem = problemOfImages(series)) return refuse(kName, *problem);
+    const VRK::detail::SingleThreadedOpenCV singleThreaded;
+    const unsigned count = series->GetDepth();
+    VRK::detail::HotSpotFilter filter(static_cast<int>(series->GetWidth()),
+                                      static_cast<int>(series->GetHeight()));
+    setSteps(static_cast<int>(2 * count), "Hot spots");
+    if (!forEachPattern(count, 0, kName, [&](unsigned i) { filter.observe(patternOf(*series, i)); }))
+        return nullptr;
+    filter.finishObservation();
+    long replaced = 0;
+    VoxMRCData* result =
+        eachPattern(*series, kName, series->GetWidth(), series->GetHeight(), count,
+                    [&](const Frame& in, Frame& out, unsigned) { replaced += filter.apply(in, out); });
+    if (result) log(line("Hot spots and dead pixels replaced: ", replaced, " in ", count, " patterns."));
+    return result;
+}
+
+VoxMRCData* VoxMRCstemProcessing::step1_BackgroundSubstraction(VoxMRCData* series) {
+    static constexpr const char* kName = "step1_BackgroundSubstraction";
+    if (const auto problem = problemOfImages(series)) return refuse(kName, *problem);
+    const VRK::detail::SingleThreadedOpenCV singleThreaded;
+    VRK::detail::RadialBackground background(static_cast<int>(series->GetWidth()),
+                                             static_cast<int>(series->GetHeight()));
+    setSteps(static_cast<int>(series->GetDepth()), "Background");
+    return eachPattern(*series, kName, series->GetWidth(), series->GetHeight(), 0,
+                       [&](const Frame& in, Frame& out, unsigned) { background.subtract(in, out); });
+}
+
+VoxMRCData* VoxMRCstemProcessing::smooth(VoxMRCData* series, double sigma) {
+    static constexpr const char* kName = "smooth";
+    if (const auto problem = problemOfImages(series)) return refuse(kName, *problem);
+    if (!(sigma >= 0) || sigma > std::min(series->GetWidth(), series->GetHeight()) / 4.0)
+        return refuse(kName, line("a Gaussian of ", sigma, " pixels cannot smooth these patterns"));
+    const VRK::detail::SingleThreadedOpenCV singleThreaded;
+    setSteps(static_cast<int>(series->GetDepth()), "Smoothing");
+    return eachPattern(*series, kName, series->GetWidth(), series->GetHeight(), 0,
+                       [&](const Frame& in, Frame& out, unsigned) {
+                           if (sigma > 0)
+                               cv::GaussianBlur(in, out, cv::Size(), sigma, sigma, cv::BORDER_REPLICATE);
+                           else
+                               in.copyTo(out);
+                       });
+}
+
+VoxMRCData* VoxMRCstemProcessing::step2_CenterShift(VoxMRCData* series) {
+    static constexpr const char* kName = "step2_CenterShift";
+    if (const auto problem = problemOfImages(series)) return refuse(kName, *problem);
+    const VRK::detail::SingleThreadedOpenCV singleThreaded;
+    const unsigned count = series->GetDepth();
+    const int width = static_cast<int>(series->GetWidth());
+    const int height = static_cast<int>(series->GetHeight());
+    VRK::detail::BeamCentreFinder finder(width, height);
+    std::vector<BeamCentre> centres(count);
+    setSteps(static_cast<int>(2 * count), "Centre");
+    if (!forEachPattern(count, 0, kName,
+                        [&](unsigned i) { centres[i] = finder.find(patternOf(*series, i)); }))
+        return nullptr;
+    const bool known = VRK::detail::completeFromNeighbours(centres);
+    if (!known)
+        log("The direct beam was found in no pattern: the series is left where it is. Centre it before, or "
+            "check that the patterns show the beam or Friedel pairs.",
+            VRK::Warning);
+    for (unsigned i = 0; i < count && known; ++i)
+        log(line("Centre of pattern ", i, ": ", centres[i].x, " ", centres[i].y, " (",
+                 nameOf(centres[i].source), ", +- ", centres[i].error, ")"));
+
+    constexpr double kCentred = 0.05;
+    const cv::Point2d target = VRK::detail::centreOf(width, height);
+    return eachPattern(*series, kName, series->GetWidth(), series->GetHeight(), count,
+                       [&](const Frame& in, Frame& out, unsigned i) {
+                           const double dx = target.x - centres[i].x;
+                           const double dy = target.y - centres[i].y;
+                           if (!known || (std::abs(dx) < kCentred && std::abs(dy) < kCentred))
+                               in.copyTo(out);
+                           else
+                               VRK::detail::shiftFrame(in, dx, dy, out);
+                       });
+}
+
+VoxMRCData* VoxMRCstemProcessing::step3_Rotation2TiltAxis(VoxMRCData* series, bool quiet, double angleDegrees,
+                                                          int verbosity) {
+    static constexpr const char* kName = "step3_Rotation2TiltAxis";
+    if (const auto problem = problemOfImages(series)) return refuse(kName, *problem);
+    if (!std::isfinite(angleDegrees))
+        return refuse(kName, line("the angle ", angleDegrees, " is not a number"));
+    if (!quiet) log(line("Rotation of the tilt axis at ", angleDegrees, " degrees to the y axis."));
+    const VRK::detail::SingleThreadedOpenCV singleThreaded;
+    std::optional<VRK::detail::FrameRotation> rotation;
+    if (angleDegrees != 0)
+        rotation.emplace(static_cast<int>(series->GetWidth()), static_cast<int>(series->GetHeight()),
+                         angleDegrees);
+    setSteps(static_cast<int>(series->GetDepth()), "Rotation");
+    return eachPattern(*series, kName, series->GetWidth(), series->GetHeight(), 0,
+                       [&](const Frame& in, Frame& out, unsigned i) {
+                           if (verbosity > 0) log(line("rotating pattern ", i));
+                           if (rotation)
+                               rotation->apply(in, out);
+                           else
+                               in.copyTo(out);
+                       });
+}
+
+VoxMRCData* VoxMRCstemProcessing::halve(VoxMRCData* series, const char* name, bool sum, bool quiet,
+                                        int verbosity) {
+    if (const auto problem = problemOfImages(series)) return refuse(name, *problem);
+    if (std::min(series->GetWidth(), series->GetHeight()) < 2)
+        return refuse(name, line("patterns of ", series->GetWidth(), " x ", series->GetHeight(),
+                                 " pixels cannot be halved"));
+    const unsigned width = series->GetWidth() / 2;
+    const unsigned height = series->GetHeight() / 2;
+    std::size_t limited = 0;
+    setSteps(static_cast<int>(series->GetDepth()), "Binning");
+    VoxMRCData* result =
+        eachPattern(*series, name, width, height, 0, [&](const Frame& in, Frame& out, unsigned i) {
+            if (verbosity > 0) log(line("binning pattern ", i));
+            limited += VRK::detail::halveFrame(in, sum, out);
+        });
+    if (!result) return nullptr;
+    scalePixelSizes(result->m_Header, 2);
+    if (!quiet)
+        log(line("Patterns binned from ", series->GetWidth(), " x ", series->GetHeight(), " to ", width,
+                 " x ", height, " pixels."));
+    if (limited > 0)
+        log(line(limited, " pixels reached the limits of 16 bits when summed; average instead."),
+            VRK::Warning);
+    return result;
+}
+
+VoxMRCData* VoxMRCstemProcessing::DownsampleImageStack(VoxMRCData* series, bool quiet, int verbosity) {
+    return halve(series, "DownsampleImageStack", false, quiet, verbosity);
+}
+
+VoxMRCData* VoxMRCstemProcessing::RebinImageStack(VoxMRCData* series, bool quiet, int verbosity) {
+    return halve(series, "RebinImageStack", true, quiet, verbosity);
+}
+
+VoxMRCData* VoxMRCstemProcessing::makeSquare(VoxMRCData* series, const char* name, unsigned size) {
+    const VRK::detail::SingleThreadedOpenCV singleThreaded;
+    setSteps(static_cast<int>(series->GetDepth()), "Square frames");
+    return eachPattern(*series, name, size, size, 0,
+                       [](const Frame& in, Frame& out, unsigned) { VRK::detail::reframe(in, out); });
+}
+
+VoxMRCData* VoxMRCstemProcessing::PadToSquare(VoxMRCData* series) {
+    if (const auto problem = problemOfImages(series)) return refuse("PadToSquare", *problem);
+    return makeSquare(series, "PadToSquare", std::max(series->GetWidth(), series->GetHeight()));
+}
+
+VoxMRCData* VoxMRCstemProcessing::CropToSquare(VoxMRCData* series) {
+    if (const auto problem = problemOfImages(series)) return refuse("CropToSquare", *problem);
+    return makeSquare(series, "CropToSquare", std::min(series->GetWidth(), series->GetHeight()));
+}
+
 VoxMRCData* VoxMRCstemProcessing::recoByAngle(VoxMRCData* input, double fineCalibratedPixelSize,
                                               int verbosity, bool quiet) {
     std::optional<std::string> problem = problemOf(input);
@@ -133,8 +402,7 @@ VoxMRCData* VoxMRCstemProcessing::recoByAngle(VoxMRCData* input, double fineCali
         problem = line("the series has ", input->GetDepth(), " patterns, its header has tilt angles of ",
                        mrcH::kMaxSlices, "; sum neighbouring patterns");
     if (problem) {
-        log("recoByAngle(): " + *problem, VRK::Error);
-        return nullptr;
+        return refuse("recoByAngle", *problem);
     }
     const unsigned width = input->GetWidth();
     const unsigned height = input->GetHeight();
@@ -150,8 +418,7 @@ VoxMRCData* VoxMRCstemProcessing::recoByAngle(VoxMRCData* input, double fineCali
     const unsigned depth = problem ? 0 : SamplingGeometry::depthOf(width, tilts);
     if (!problem && depth == 0) problem = "all tilt angles are 0; give the series its tilt angles";
     if (problem) {
-        log("recoByAngle(): " + *problem, VRK::Error);
-        return nullptr;
+        return refuse("recoByAngle", *problem);
     }
     warnOfUselessTilts(tilts);
     const float maxTilt = std::max(std::abs(tilts.back()), std::abs(tilts.front()));

@@ -38,6 +38,86 @@ public:
     VoxMRCstemProcessing(const VoxMRCstemProcessing&) = delete;
     VoxMRCstemProcessing& operator=(const VoxMRCstemProcessing&) = delete;
 
+    /// \name Preprocessing
+    /// @{
+
+    /// Replaces isolated outliers and dead pixels by the median of their neighbours.
+    ///
+    /// A pixel that stands out by seven times the noise of its level is a hot spot or a zinger when its
+    /// neighbours do not rise with it; a reflection, however sharp, also lifts a neighbour by a tenth of
+    /// its height and is kept. A pixel that lies below its neighbours in the same measure, none of them being
+    /// as low, is dead. So is one that never changes through five or more patterns while its neighbours' sums
+    /// show that it should. Groups of outliers are left alone: they cannot be told from reflections.
+    VoxMRCData* HotSpotFilterImageStack(VoxMRCData* series);
+
+    /// Subtracts the background of every pattern.
+    ///
+    /// First the radial part: for every ring of one pixel's width about the frame's centre ((W - 1) / 2, (H -
+    /// 1) / 2), ring k being the pixels at a distance in [k - 1/2, k + 1/2), a mean after iterative clipping,
+    /// which reflections do not reach; between rings it is interpolated. Then what varies slowly over the
+    /// pattern: the median of cells of about 32 pixels. Last, every ring's median: in the result it is 0 in
+    /// every ring.
+    ///
+    /// Negative values are kept. Pixels of exactly 0 where the ring's background makes a 0 impossible (beam
+    /// stop, dead areas, padding) do not take part and are 0 in the result.
+    ///
+    /// The centre does not have to lie in the frame's centre for this to work, the local part takes up some
+    /// of the difference; a steep halo is only removed well after step2_CenterShift().
+    VoxMRCData* step1_BackgroundSubstraction(VoxMRCData* series);
+
+    /// Gaussian smoothing.
+    /// \param sigma in pixels; 0 copies. Negative, not finite, or larger than a quarter of the frame: null.
+    VoxMRCData* smooth(VoxMRCData* series, double sigma = 0.7);
+
+    /// Moves the direct beam of every pattern to ((W - 1) / 2, (H - 1) / 2), where the reconstruction
+    /// takes it from.
+    ///
+    /// The beam is the point about which its surroundings are most symmetric under inversion, found by
+    /// iteratively reweighted least squares on the square root of the counts: a saturated beam, a beam stop,
+    /// a detector gap and reflections in the halo do not shift it. Where the beam and its halo do not show
+    /// enough of themselves, the point about which the whole pattern is symmetric is taken (Friedel pairs),
+    /// found by correlating the pattern with its own inversion. Patterns that show neither take the centre
+    /// interpolated between the nearest patterns that do; when no pattern does, nothing is moved and a
+    /// warning says so. One log line per pattern tells the centre that was found, how, and its standard
+    /// uncertainty.
+    ///
+    /// Patterns are moved by cubic convolution (R. G. Keys, IEEE Trans. ASSP 29 (1981) 1153,
+    /// doi:10.1109/TASSP.1981.1163711, with a = -3/4), which keeps sharp reflections sharp where linear
+    /// interpolation would flatten them; its undershoots are limited to the values around. Patterns that are
+    /// centred to 0.05 pixel, and the pixels of shifts that are whole, stay as they are. Pixels
+    /// from beyond the frame are 0.
+    VoxMRCData* step2_CenterShift(VoxMRCData* series);
+
+    /// Turns every pattern about its centre so that the tilt axis lies along y.
+    ///
+    /// \param quiet         no remark on the rotation in the log
+    /// \param angleDegrees  angle of the axis, which lies along (-sin t, cos t), x to the right and y down
+    /// the
+    ///                      file; that direction becomes +y. 0 copies, multiples of 90 degrees permute the
+    ///                      pixels of square frames. Not finite: null.
+    /// \param verbosity     above 0: one line per pattern
+    ///
+    /// Cubic convolution as in step2_CenterShift(), positions to 1/32 pixel. Corners that come from beyond
+    /// the frame are 0.
+    VoxMRCData* step3_Rotation2TiltAxis(VoxMRCData* series, bool quiet, double angleDegrees, int verbosity);
+
+    /// Halves the size of every pattern by averaging 2 x 2 pixels, rounded to the nearest count. The
+    /// pixel sizes double. Along an axis of odd size, (size - 1) / 2 pixels are left, each of the weights
+    /// 1/4, 1/2, 1/4 of three, so that the middle pixel stays the centre. Frames below 2 x 2 pixels: null.
+    /// \param quiet      no remark on the sizes in the log
+    /// \param verbosity  above 0: one line per pattern
+    VoxMRCData* DownsampleImageStack(VoxMRCData* series, bool quiet, int verbosity);
+
+    /// The same by summing, limited to what 16 bits hold; a warning counts the pixels that reached the limit.
+    VoxMRCData* RebinImageStack(VoxMRCData* series, bool quiet = false, int verbosity = 0);
+
+    /// Makes every pattern a square of the longer (shorter) side about its centre; new pixels are 0. Where
+    /// the sides differ by an odd number the pattern is moved by half a pixel along the axis that changes, so
+    /// that its centre stays the centre.
+    VoxMRCData* PadToSquare(VoxMRCData* series);
+    VoxMRCData* CropToSquare(VoxMRCData* series);
+    /// @}
+
     /// \name Reconstruction
     /// @{
 
@@ -69,6 +149,16 @@ public:
     /// @}
 
 private:
+    /// Calls visit(pattern number) for each, with progress and cancellation. False when it was canceled.
+    template <typename Visit>
+    bool forEachPattern(unsigned count, unsigned firstStep, const char* name, Visit visit);
+    /// Makes the result of an operation that takes pattern by pattern: operation(in, out, pattern number). \p
+    /// passes visits that come before count for the progress.
+    template <typename Operation>
+    VoxMRCData* eachPattern(const VoxMRCData& series, const char* name, unsigned width, unsigned height,
+                            unsigned stepsBefore, Operation operation);
+    VoxMRCData* halve(VoxMRCData* series, const char* name, bool sum, bool quiet, int verbosity);
+    VoxMRCData* makeSquare(VoxMRCData* series, const char* name, unsigned size);
     bool fillVolume(const VoxMRCData& input, const SamplingGeometry& geometry, int verbosity,
                     VoxMRCData& volume);
 };

@@ -1,0 +1,153 @@
+#include "processing/HotSpotsInternal.h"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cmath>
+#include <opencv2/core.hpp>
+#include <opencv2/imgproc.hpp>
+
+namespace VRK::detail {
+namespace {
+
+constexpr std::size_t kLevels = 16;
+constexpr double kSigmas = 7.0;
+/// From the median absolute deviation to the standard deviation. The median includes the pixel itself, which
+/// draws it closer.
+constexpr double kSigmaPerDeviation = 1.4826 * 1.15;
+constexpr int kSamplingStep = 7;
+constexpr int kPatternsToTellStuckPixels = 5;
+
+/// The octave of a background level.
+std::size_t levelOf(short median) {
+    const auto counts = static_cast<unsigned>(std::max<int>(median, 0));
+    return static_cast<std::size_t>(std::bit_width(counts));
+}
+
+struct Neighbours {
+    std::array<int, 8> sorted{};
+    std::size_t count = 0;
+    int directSum = 0;  ///< of those that share an edge
+    int directCount = 0;
+
+    double median() const { return 0.5 * (sorted[(count - 1) / 2] + sorted[count / 2]); }
+    int lowest() const { return sorted[0]; }
+    int highest() const { return sorted[count - 1]; }
+};
+
+Neighbours neighboursOf(const Frame& frame, int x, int y) {
+    Neighbours result;
+    for (int v = std::max(y - 1, 0); v <= std::min(y + 1, frame.rows - 1); ++v)
+        for (int u = std::max(x - 1, 0); u <= std::min(x + 1, frame.cols - 1); ++u) {
+            if (u == x && v == y) continue;
+            const int value = frame(v, u);
+            result.sorted[result.count++] = value;
+            if (u == x || v == y) {
+                result.directSum += value;
+                ++result.directCount;
+            }
+        }
+    std::sort(result.sorted.begin(), result.sorted.begin() + static_cast<std::ptrdiff_t>(result.count));
+    return result;
+}
+
+/// Whether the neighbours rise with a bright pixel, as they do under a reflection.
+bool rises(const Neighbours& around, double excess, double sigma) {
+    const double level = around.median();
+    const double direct = around.directSum - level * around.directCount;
+    return direct > std::max(4.0 * sigma, 0.12 * excess) ||
+           around.highest() - level > std::max(5.0 * sigma, 0.1 * excess);
+}
+
+bool isOutlier(int value, const Neighbours& around, double limit) {
+    const double level = around.median();
+    const double excess = value - level;
+    if (excess > limit) return !rises(around, excess, limit / kSigmas);
+    return excess < -limit && around.lowest() - level > 0.5 * excess;
+}
+
+}  // namespace
+
+HotSpotFilter::HotSpotFilter(int width, int height)
+    : m_sum(cv::Mat::zeros(height, width, CV_32F)), m_deviations(kLevels), m_limits(kLevels) {}
+
+void HotSpotFilter::observe(const Frame& frame) {
+    if (m_observed++ == 0) {
+        frame.copyTo(m_lowest);
+        frame.copyTo(m_highest);
+    } else {
+        cv::min(m_lowest, frame, m_lowest);
+        cv::max(m_highest, frame, m_highest);
+    }
+    frame.convertTo(m_scratch, CV_32F);
+    m_sum += m_scratch;
+}
+
+void HotSpotFilter::finishObservation() {
+    m_stuck.clear();
+    if (m_observed < kPatternsToTellStuckPixels) return;
+    cv::Mat constant;
+    cv::compare(m_lowest, m_highest, constant, cv::CMP_EQ);
+    std::vector<cv::Point> pixels;
+    cv::findNonZero(constant, pixels);
+    for (const cv::Point& pixel : pixels) {
+        const cv::Rect block = cv::Rect(pixel.x - 1, pixel.y - 1, 3, 3) & cv::Rect({0, 0}, m_sum.size());
+        if (cv::countNonZero(constant(block)) > 1) continue;
+        const cv::Mat_<float> sums = m_sum(block).clone();
+        std::vector<float> values(sums.begin(), sums.end());
+        std::nth_element(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2),
+                         values.end());
+        const float expected = values[values.size() / 2];
+        const float own = m_sum.at<float>(pixel);
+        if (std::abs(own - expected) > 10.0F * std::sqrt(std::max(expected, 1.0F))) m_stuck.push_back(pixel);
+    }
+}
+
+void HotSpotFilter::measureNoise(const Frame& in) {
+    for (std::vector<int>& level : m_deviations)
+        level.clear();
+    for (int y = 0; y < in.rows; ++y)
+        for (int x = y % kSamplingStep; x < in.cols; x += kSamplingStep)
+            m_deviations[levelOf(m_median(y, x))].push_back(std::abs(in(y, x) - m_median(y, x)));
+    for (std::size_t level = 0; level < kLevels; ++level) {
+        // The lowest counts of the octave.
+        const double counts = level == 0 ? 0.0 : static_cast<double>(1U << (level - 1));
+        double sigma = std::max(1.0, std::sqrt(counts));
+        std::vector<int>& deviations = m_deviations[level];
+        if (!deviations.empty()) {
+            const auto middle = deviations.begin() + static_cast<std::ptrdiff_t>(deviations.size() / 2);
+            std::nth_element(deviations.begin(), middle, deviations.end());
+            sigma = std::max(sigma, kSigmaPerDeviation * *middle);
+        }
+        m_limits[level] = static_cast<int>(std::ceil(kSigmas * sigma));
+    }
+}
+
+int HotSpotFilter::apply(const Frame& in, Frame out) {
+    cv::medianBlur(in, m_median, 3);
+    measureNoise(in);
+    in.copyTo(out);
+    const int lowestLimit = *std::min_element(m_limits.begin(), m_limits.end());
+    int replaced = 0;
+    const auto replace = [&](int x, int y, const Neighbours& around) {
+        out(y, x) = static_cast<short>(std::lround(around.median()));
+        ++replaced;
+    };
+    for (int y = 0; y < in.rows; ++y) {
+        const short* values = in[y];
+        const short* medians = m_median[y];
+        for (int x = 0; x < in.cols; ++x) {
+            const int deviation = std::abs(values[x] - medians[x]);
+            if (deviation <= lowestLimit) continue;
+            const int limit = m_limits[levelOf(medians[x])];
+            if (deviation <= limit) continue;
+            const Neighbours around = neighboursOf(in, x, y);
+            if (around.count > 0 && isOutlier(values[x], around, limit)) replace(x, y, around);
+        }
+    }
+    for (const cv::Point& pixel : m_stuck)
+        replace(pixel.x, pixel.y, neighboursOf(in, pixel.x, pixel.y));
+    return replaced;
+}
+
+}  // namespace VRK::detail

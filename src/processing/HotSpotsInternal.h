@@ -1,0 +1,45 @@
+/// \file
+/// Single pixels that do not show the pattern: hot spots, zingers, dead and stuck pixels.
+#pragma once
+
+#include <vector>
+
+#include "processing/FrameInternal.h"
+
+namespace VRK::detail {
+
+/// Finds and replaces isolated outliers.
+///
+/// A pixel is suspicious when it leaves the median of its 3 x 3 neighbourhood by more than seven times the
+/// noise that pixels of this level have in this pattern (the median absolute deviation in octaves of the
+/// level, and not less than counting noise). A suspicious bright pixel is a hot spot when its neighbours do
+/// not rise with it: the spread function of the detector spills a part of every real reflection, however
+/// sharp, into the neighbours. A dark one is dead when none of its neighbours is as dark. A pixel that shows
+/// the same value in all patterns, while its neighbours' sums say otherwise, is stuck. All of them become the
+/// median of their neighbours. Groups of two and more pixels stay.
+class HotSpotFilter {
+public:
+    HotSpotFilter(int width, int height);
+
+    /// First pass over the series: looks for stuck pixels.
+    void observe(const Frame& frame);
+    void finishObservation();
+
+    /// Second pass. Returns how many pixels were replaced.
+    int apply(const Frame& in, Frame out);
+
+private:
+    void measureNoise(const Frame& in);
+
+    int m_observed = 0;
+    cv::Mat m_lowest;
+    cv::Mat m_highest;
+    cv::Mat m_sum;
+    cv::Mat m_scratch;
+    Frame m_median;
+    std::vector<cv::Point> m_stuck;
+    std::vector<std::vector<int>> m_deviations;
+    std::vector<int> m_limits;
+};
+
+}  // namespace VRK::detail

@@ -1,0 +1,48 @@
+/// \file
+/// The background of a pattern: rings about the centre, and what varies slowly beside them.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "processing/FrameInternal.h"
+
+namespace VRK::detail {
+
+/// Subtracts backgrounds from patterns of one size. The description of the steps is that of
+/// VoxMRCstemProcessing::step1_BackgroundSubstraction().
+class RadialBackground {
+public:
+    RadialBackground(int width, int height);
+
+    void subtract(const Frame& in, Frame out);
+
+private:
+    /// Counts in sixteenths: fine enough for every median, and whole numbers are counted faster than sorted.
+    static constexpr int kUnit = 16;
+
+    void collectRings(const Frame& in);
+    void estimateProfile();
+    void subtractProfile(const Frame& in);
+    void subtractLocalRemainder();
+    void subtractRingMedians(Frame out);
+
+    std::size_t rings() const { return m_ringBegin.size() - 1; }
+
+    int m_width;
+    int m_height;
+    std::vector<std::uint32_t> m_pixelsByRing;  ///< positions of the pixels, ring after ring
+    std::vector<std::uint32_t> m_ringBegin;     ///< where a ring begins in it; one more for the end
+    std::vector<std::uint16_t> m_innerRing;     ///< of every pixel, the ring below its distance
+    std::vector<float> m_fraction;              ///< of every pixel, how far it is on the way to the next ring
+
+    std::vector<short> m_values;       ///< ring after ring
+    std::vector<float> m_profile;      ///< background of every ring
+    std::vector<bool> m_zeroIsDead;    ///< whether a ring's background makes a 0 impossible
+    std::vector<std::uint8_t> m_dead;  ///< of every pixel
+    cv::Mat_<float> m_remainder;
+    cv::Mat_<float> m_local;
+    std::vector<int> m_scratch;
+};
+
+}  // namespace VRK::detail
