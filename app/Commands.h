@@ -9,6 +9,7 @@
 
 namespace host {
 
+void addInfoCommand(CLI::App& app, Host& host);
 void addImportCommand(CLI::App& app, Host& host);
 void addSectionsCommand(CLI::App& app, Host& host);
 void addPeaksCommand(CLI::App& app, Host& host);

@@ -15,6 +15,7 @@ int parseAndRun(host::Host& host, int argc, char** argv) {
     app.set_version_flag("--version", std::string("vrk ") + VRK::kVersion);
     app.require_subcommand(1);
     host::addImportCommand(app, host);
+    host::addInfoCommand(app, host);
     host::addPeaksCommand(app, host);
     host::addSimulateCommand(app, host);
     host::addSectionsCommand(app, host);

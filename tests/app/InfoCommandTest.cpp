@@ -1,0 +1,136 @@
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "VoxCore/DataModel/VoxMRCData.h"
+#include "VoxCore/IO/VoxMRCFileHandler.h"
+#include "app/RunVrk.h"
+#include "support/MRCBytes.h"
+#include "support/TemporaryFolder.h"
+
+namespace {
+
+/// Five square patterns without anything odd.
+MRCBytes plainSeries() {
+    MRCBytes file(8, 8, 5);
+    file.putTilts(-2, 1);
+    MRCBytes::put(file.header, 12, std::int32_t{1});
+    return file;
+}
+
+nlohmann::json infoOf(const std::string& path, bool slices = false) {
+    std::vector<std::string> arguments = {"info", path, "--json"};
+    if (slices) arguments.push_back("--slices");
+    const VrkResult result = runVrk(arguments);
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(result.err, "");
+    return nlohmann::json::parse(result.out);
+}
+
+}  // namespace
+
+TEST(InfoCommand, NamesEveryOddityAndNothingElse) {
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    struct Case {
+        const char* warning;  ///< what the one warning begins with; empty: none
+        MRCBytes file = plainSeries();
+        std::string behind = {};
+    };
+    std::vector<Case> cases(15);
+    std::size_t n = 0;
+    const auto next = [&](const char* warning) -> MRCBytes& {
+        cases[n].warning = warning;
+        return cases[n++].file;
+    };
+    next("");
+    next("tilts: not monotonic").putSliceValue(1, 1, 5);
+    next("tilts: descending").putTilts(2, -1);
+    next("tilts: all slices have the same, 7 degrees").putTilts(7, 0);
+    next("tilts: the steps are not regular, 1 to 4").putSliceValue(4, 1, 5);
+    next("tilts: some slices have the tilt of the slice before").putSliceValue(4, 1, 1);
+    next("pixel size: missing").putTilts(-2, 1, 0);
+    next("pixel size: differs between the slices (1e+08 to 3e+08").putSliceValue(3, 12, 3e8F);
+    next("pixel size: 0.5 1/m").putTilts(-2, 1, 0.5F);
+    next("values: 2 voxels in 1 slices are clipped").data[3] = 32767;
+    cases[n - 1].file.data[4] = 32767;
+    next("values: 1 are negative").data[3] = -1;
+    next("extended header: 1 values are not finite, the first in slice 3").putSliceValue(3, 6, nan);
+    MRCBytes::put(next("mode: the header says 2").header, 12, std::int32_t{2});
+    next("byte count: 3 bytes follow");
+    cases[n - 1].behind = "abc";
+    MRCBytes& wide = next("frames: not square (16 x 4)");
+    wide.nx = 16;
+    wide.ny = 4;
+    ASSERT_EQ(n, cases.size());
+
+    const TemporaryFolder folder;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.warning);
+        const nlohmann::json warnings = infoOf(folder.write("a.mrc", c.file.bytes() + c.behind))["warnings"];
+        ASSERT_EQ(warnings.size(), *c.warning ? 1U : 0U) << warnings;
+        if (*c.warning) {
+            EXPECT_EQ(warnings[0].get<std::string>().rfind(c.warning, 0), 0U) << warnings;
+        }
+    }
+}
+
+TEST(InfoCommand, ShowsTheSyntheticSeries) {
+    const TemporaryFolder folder;
+    VoxMRCFileHandler handler;
+    const std::unique_ptr<VoxMRCData> series(handler.createTestDummyMRCFile());
+    ASSERT_TRUE(handler.writeMRCFile(series.get(), folder / "a.mrc"));
+    const nlohmann::json info = infoOf(folder / "a.mrc", true);
+    EXPECT_EQ(info["type"], "tilt series");
+    EXPECT_EQ(info["header"]["nz"], 61);
+    EXPECT_EQ(info["tilt"]["first"], -60);
+    EXPECT_EQ(info["tilt"]["step"], 2);
+    EXPECT_EQ(info["tilt"]["regular"], true);
+    EXPECT_EQ(info["tilt"]["high_tension_kv"], 200);
+    EXPECT_EQ(info["pixel_size"], 1e8);
+    EXPECT_EQ(info["values"]["histogram"].size(), 256U);
+    EXPECT_EQ(info["slices"].size(), 61U);
+    EXPECT_EQ(info["slices"][3]["a_tilt"], -54);
+    EXPECT_EQ(info["warnings"].size(), 0U);
+
+    const VrkResult text = runVrk({"info", folder / "a.mrc", "--slices"});
+    EXPECT_EQ(text.exitCode, 0);
+    EXPECT_EQ(text.err, "");
+    for (const char* part :
+         {"tilt series, 61 patterns of 128 x 128", "-60 to 60 degrees, regular steps of 2", "200 kV",
+          "1e+08 1/m per pixel", "label         VRKCore: synthetic", "no warnings"})
+        EXPECT_NE(text.out.find(part), std::string::npos) << part << text.out;
+}
+
+TEST(InfoCommand, ShowsVolumesWithMoreLayersThanASeriesMayHave) {
+    const TemporaryFolder folder;
+    MRCBytes file(4, 4, 444, 0);
+    MRCBytes::put(file.header, 12, std::int32_t{1});
+    MRCBytes::put(file.header, 40, 4e8F);
+    std::fill(file.data.begin(), file.data.end(), std::int16_t{0});
+    file.header.replace(224, 4, "\xff\x1b[2");  // nothing of a label reaches the terminal unchecked
+    const std::string path = folder.write("v.mrc", file.bytes());
+    const nlohmann::json info = infoOf(path, true);
+    EXPECT_EQ(info["type"], "volume");
+    EXPECT_EQ(info["slices"].size(), 444U);
+    EXPECT_EQ(info["header"]["labels"][0], "??[2");
+    EXPECT_EQ(info["warnings"], nlohmann::json({"values: all are 0"}));
+    EXPECT_EQ(runVrk({"info", path}).exitCode, 0);
+}
+
+TEST(InfoCommand, SaysInOneLineWhyAFileIsRefused) {
+    const TemporaryFolder folder;
+    for (const auto& [path, part] :
+         {std::pair{folder.write("empty.mrc", ""), "0 bytes"},
+          {folder.write("cut.mrc", plainSeries().bytes().substr(0, 1100)), "beyond the end"},
+          {folder / "missing.mrc", "cannot be opened"},
+          {folder / "", "cannot be opened"}}) {
+        const VrkResult result = runVrk({"info", path, "--json"});
+        EXPECT_EQ(result.exitCode, 1);
+        EXPECT_EQ(result.out, "");
+        EXPECT_NE(result.err.find(path), std::string::npos) << result.err;
+        EXPECT_NE(result.err.find(part), std::string::npos) << result.err;
+        EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+    }
+}
