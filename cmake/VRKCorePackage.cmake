@@ -23,5 +23,8 @@ install(FILES "${PROJECT_BINARY_DIR}/VRKCoreConfig.cmake"
               "${PROJECT_BINARY_DIR}/VRKCoreConfigVersion.cmake"
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/VRKCore)
 
+# The installation may be moved: pkg-config finds the prefix from where its file lies.
+file(RELATIVE_PATH VRKCORE_PC_TO_PREFIX
+  "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
 configure_file(cmake/VRKCore.pc.in "${PROJECT_BINARY_DIR}/VRKCore.pc" @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/VRKCore.pc" DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
