@@ -10,6 +10,7 @@
 namespace host {
 
 void addInfoCommand(CLI::App& app, Host& host);
+void addCellInfoCommand(CLI::App& app, Host& host);
 void addImportCommand(CLI::App& app, Host& host);
 void addSectionsCommand(CLI::App& app, Host& host);
 void addPeaksCommand(CLI::App& app, Host& host);

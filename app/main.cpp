@@ -19,6 +19,7 @@ int parseAndRun(host::Host& host, int argc, char** argv) {
     host::addPeaksCommand(app, host);
     host::addSimulateCommand(app, host);
     host::addSectionsCommand(app, host);
+    host::addCellInfoCommand(app, host);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

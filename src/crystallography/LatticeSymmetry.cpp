@@ -207,6 +207,7 @@ public:
             for (int j = 0; j < 3; ++j)
                 m_vectors[i][j] = base[j][i];
         m_isReduced = reduce();
+        if (determinant(m_axes) < 0) turnRound();
     }
 
     /// False when the vectors are too skew for the reduction to be finished in whole numbers.
@@ -233,6 +234,15 @@ private:
             if (!shortenThird()) return true;
         }
         return false;
+    }
+
+    /// Keeps the handedness of the input after an odd number of exchanges.
+    void turnRound() {
+        for (int i = 0; i < 3; ++i) {
+            m_axes[i] = negated(m_axes[i]);
+            for (double& x : m_vectors[i])
+                x = -x;
+        }
     }
 
     static double nearestMultiple(const double v[3], const double u[3]) {
