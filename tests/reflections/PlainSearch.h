@@ -2,14 +2,16 @@
 /// The reflection search written down plainly, with ordered sets and no shortcuts, for comparison.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cmath>
-#include <limits>
 #include <queue>
 #include <set>
 #include <vector>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "cellfinding/Parameter.h"
+#include "reflections/ReflexOnGrid.h"
 
 struct PlainVoxel {
     int x, y, z;
@@ -121,4 +123,24 @@ inline std::vector<PlainReflection> plainSearch(const VoxMRCData& data, const Pa
                (p.getLimitResolution() && !(radius <= p.getLimitOfResolution()));
     });
     return list;
+}
+
+inline void expectSame(ReflexOnGrid& region, const PlainReflection& expected) {
+    EXPECT_EQ(*region.getPoints(), expected.points);
+    EXPECT_EQ(region.getNumberOfVoxels(), static_cast<int>(expected.points.size()));
+    for (int axis = 0; axis < 3; ++axis)
+        for (const int type : {1, 2, 3}) {
+            // Where values cancel, the weighted mean is not a number on both sides.
+            const double ours = region.getCenter(axis, type);
+            const double theirs = expected.center(axis, type);
+            EXPECT_TRUE(ours == theirs || (std::isnan(ours) && std::isnan(theirs)))
+                << ours << " != " << theirs;
+        }
+    EXPECT_EQ(region.getMaxValue(), expected.max);
+    EXPECT_EQ(region.getMinValue(), expected.min);
+    EXPECT_EQ(region.getIntensity(), double{expected.sum});
+    EXPECT_EQ(region.getWidth(), expected.high.x - expected.low.x + 1);
+    EXPECT_EQ(region.getHeight(), expected.high.y - expected.low.y + 1);
+    EXPECT_EQ(region.getDepth(), expected.high.z - expected.low.z + 1);
+    EXPECT_FALSE(region.isIndicated());
 }

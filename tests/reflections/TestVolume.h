@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <memory>
+#include <random>
 #include <vector>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
@@ -27,4 +28,15 @@ inline std::unique_ptr<VoxMRCData> makeVolume(std::array<unsigned, 3> dims,
 
 inline void setVoxel(VoxMRCData& volume, unsigned x, unsigned y, unsigned z, short value) {
     volume.GetChunkPointer(z)[x * volume.GetDimSize(0) + y] = value;
+}
+
+/// A volume of random shape, 1 to 12 voxels an edge, with values from -spread to spread.
+inline std::unique_ptr<VoxMRCData> randomVolume(std::mt19937& random, int spread) {
+    std::uniform_int_distribution<unsigned> extent(1, 12);
+    std::uniform_int_distribution<int> level(-spread, spread);
+    const std::array<unsigned, 3> dims = {extent(random), extent(random), extent(random)};
+    std::vector<short> values(std::size_t{dims[0]} * dims[1] * dims[2]);
+    for (short& value : values)
+        value = static_cast<short>(level(random));
+    return makeVolume(dims, values);
 }
