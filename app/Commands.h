@@ -14,6 +14,7 @@ void addCellInfoCommand(CLI::App& app, Host& host);
 void addImportCommand(CLI::App& app, Host& host);
 void addSectionsCommand(CLI::App& app, Host& host);
 void addPeaksCommand(CLI::App& app, Host& host);
+void addIndexCommand(CLI::App& app, Host& host);
 void addSimulateCommand(CLI::App& app, Host& host);
 
 }  // namespace host

@@ -19,6 +19,7 @@
 #include <map>
 
 #include "Failure.h"
+#include "NumberText.h"
 #include "foundation/Version.h"
 #include "reflections/Reflex.h"
 #include "reflections/ReflexVector.h"
@@ -131,7 +132,11 @@ std::vector<std::pair<std::string, double>> cellContent(const ReflectionSet& set
     double heavy = 0.0;
     for (const auto& [symbol, count] : content)
         if (symbol != "H" && symbol != "D") heavy += count;
-    units = std::max(1, static_cast<int>(std::lround(atoms / std::max(heavy, 1.0))));
+    // Every lattice point carries the same content.
+    static const std::map<char, int> kPoints = {{'P', 1}, {'F', 4}, {'R', 3}};
+    const auto entry = kPoints.find(set.centring);
+    const int points = entry != kPoints.end() ? entry->second : 2;
+    units = points * std::max(1, static_cast<int>(std::lround(atoms / (std::max(heavy, 1.0) * points))));
     for (auto& [symbol, count] : content)
         count *= units;
     return content;
@@ -144,14 +149,6 @@ void addScatteringFactor(std::string& text, const std::string& symbol) {
     text += format("     %.5f %.5f %.5f %.5f %.5f =\n", f[4], f[5], f[6], f[7], f[8]);
     text += format("     0 0 0 %.2f %.4f\n", static_cast<double>(gemmi::covalent_radius(element)),
                    gemmi::molecular_weight(element));
-}
-
-std::string withSigma(double value, double sigma) {
-    if (!(sigma > 0.0)) return format("%.6g", value);
-    // As many digits as leave the uncertainty with one or two of them.
-    const int decimals = std::clamp(-static_cast<int>(std::floor(std::log10(sigma / 1.95))), 0, 8);
-    const auto digits = std::lround(sigma * std::pow(10.0, decimals));
-    return format("%.*f(%ld)", decimals, value, digits);
 }
 
 }  // namespace
@@ -304,7 +301,7 @@ void writeCif(const ReflectionSet& set, const std::filesystem::path& path) {
     gemmi::cif::Block& block = document.add_new_block("vrk");
     block.set_pair("_audit_creation_method", gemmi::cif::quote(std::string("vrk ") + VRK::kVersion));
     for (std::size_t i = 0; i < kCellTags.size(); ++i)
-        block.set_pair(kCellTags[i], withSigma(set.cell[i], set.cellSigma[i]));
+        block.set_pair(kCellTags[i], withUncertainty(set.cell[i], set.cellSigma[i]));
     block.set_pair("_cell_volume", format("%.6g", cellVolume(set.cell)));
     block.set_pair("_symmetry_space_group_name_H-M",
                    gemmi::cif::quote(lowestSpaceGroup(set.centring)->xhm()));

@@ -17,6 +17,7 @@ int parseAndRun(host::Host& host, int argc, char** argv) {
     host::addImportCommand(app, host);
     host::addInfoCommand(app, host);
     host::addPeaksCommand(app, host);
+    host::addIndexCommand(app, host);
     host::addSimulateCommand(app, host);
     host::addSectionsCommand(app, host);
     host::addCellInfoCommand(app, host);
