@@ -1,0 +1,474 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <opencv2/imgcodecs.hpp>
+
+#include "Failure.h"
+#include "FrameFile.h"
+#include "SeriesImport.h"
+#include "Simulation.h"
+#include "TiltList.h"
+#include "VoxCore/IO/VoxMRCFileHandler.h"
+#include "app/RunVrk.h"
+#include "support/MRCBytes.h"
+#include "support/TemporaryFolder.h"
+
+namespace {
+
+using host::ImportResult;
+using host::ImportSettings;
+
+constexpr int kWidth = 5;
+constexpr int kHeight = 4;
+
+/// Pixel i of frame number f in every file that these tests write.
+int pixel(int frame, int i) {
+    return 100 * frame + 3 * i + 1;
+}
+
+template <class Number>
+std::string pixels(int frame, bool bigEndian = false) {
+    std::string bytes;
+    for (int i = 0; i < kWidth * kHeight; ++i) {
+        const auto value = static_cast<Number>(pixel(frame, i));
+        char raw[sizeof(Number)];
+        std::memcpy(raw, &value, sizeof raw);
+        if (bigEndian) std::reverse(raw, raw + sizeof raw);
+        bytes.append(raw, sizeof raw);
+    }
+    return bytes;
+}
+
+std::string smvHeader(const std::string& keys) {
+    std::string header = "{\nHEADER_BYTES=  512;\nDIM=2;\nSIZE1=5;\nSIZE2=4;\n" + keys + "}\n";
+    header.resize(512, ' ');
+    return header;
+}
+
+std::string smv(int frame, double start, double range = 0.5) {
+    return smvHeader(
+               "BYTE_ORDER=little_endian;\nTYPE=unsigned_short;\nPIXEL_SIZE=0.05;\nDISTANCE=200;\n"
+               "WAVELENGTH=0.0251;\nPHI=99;\nOSC_START=" +
+               std::to_string(start) + ";\nOSC_RANGE=" + std::to_string(range) + ";\n") +
+           pixels<std::uint16_t>(frame);
+}
+
+template <class Number>
+std::string mrc(
+    int frames, std::int32_t mode, const std::string& extended,
+    const std::function<void(std::string&)>& change = [](std::string&) {}) {
+    std::string bytes(1024, '\0');
+    const std::int32_t fields[] = {kWidth, kHeight, frames, mode};
+    std::memcpy(bytes.data(), fields, sizeof fields);
+    MRCBytes::put(bytes, 92, static_cast<std::int32_t>(extended.size()));
+    MRCBytes::put(bytes, 84, 255.0F);
+    std::memcpy(bytes.data() + 208, "MAP ", 4);
+    MRCBytes::put(bytes, 212, std::int32_t{0x4144});
+    change(bytes);
+    bytes += extended;
+    for (int i = 0; i < frames; ++i)
+        bytes += pixels<Number>(i);
+    return bytes;
+}
+
+/// Records of float values, the tilts -1, 0, 1, ... degrees first.
+std::string floatRecords(int frames, std::size_t recordBytes,
+                         const std::vector<std::pair<int, float>>& values, std::size_t totalBytes = 0) {
+    std::string extended(static_cast<std::size_t>(frames) * recordBytes, '\0');
+    for (int i = 0; i < frames; ++i) {
+        const std::size_t start = static_cast<std::size_t>(i) * recordBytes;
+        MRCBytes::put(extended, start, static_cast<float>(i - 1));
+        for (const auto& [place, value] : values)
+            MRCBytes::put(extended, start + 4 * static_cast<std::size_t>(place), value);
+    }
+    if (totalBytes > extended.size()) extended.resize(totalBytes, '\0');
+    return extended;
+}
+
+std::string feiRecords(int frames, std::int32_t size, double pixelSize) {
+    std::string extended(static_cast<std::size_t>(frames * size), '\0');
+    for (int i = 0; i < frames; ++i) {
+        const auto start = static_cast<std::size_t>(i * size);
+        MRCBytes::put(extended, start, size);
+        MRCBytes::put(extended, start + 84, 300e3);
+        MRCBytes::put(extended, start + 100, static_cast<double>(i - 1));
+        MRCBytes::put(extended, start + 140, 84.5);
+        MRCBytes::put(extended, start + 156, pixelSize);
+    }
+    return extended;
+}
+
+struct Imported {
+    ImportResult result;
+    std::vector<std::string> warnings;
+
+    const mrcH& header() const { return result.series->m_Header; }
+    short at(int slice, int i) const {
+        return result.series->GetChunkPointer(static_cast<unsigned>(slice))[i];
+    }
+};
+
+Imported import(const ImportSettings& settings) {
+    Imported imported;
+    imported.result = host::importSeries(settings, nullptr,
+                                         [&](const std::string& text) { imported.warnings.push_back(text); });
+    return imported;
+}
+
+/// The text of the failure, empty when there was none.
+std::string failure(const ImportSettings& settings) {
+    try {
+        import(settings);
+    } catch (const host::Failure& failed) {
+        return failed.what();
+    }
+    return "";
+}
+
+/// Slices are the frames 0, 1, 2 with the tilts -1, 0, 1.
+void expectThreeFrames(const Imported& imported, int frames = 3) {
+    ASSERT_NE(imported.result.series, nullptr);
+    ASSERT_EQ(imported.header().nz, frames);
+    EXPECT_EQ(imported.header().nx, kWidth);
+    EXPECT_EQ(imported.header().ny, kHeight);
+    EXPECT_EQ(imported.header().type, MRCType::TILT_SERIES);
+    for (int z = 0; z < frames; ++z) {
+        EXPECT_NEAR(imported.header().tilt(z), z - 1, 1e-5);
+        for (int i = 0; i < kWidth * kHeight; ++i)
+            ASSERT_EQ(imported.at(z, i), pixel(z, i)) << z << ' ' << i;
+    }
+    EXPECT_TRUE(imported.warnings.empty() || imported.header().m_pixelsize == 0) << imported.warnings.front();
+}
+
+TEST(Import, SmvFramesCarryTheirGeometry) {
+    const TemporaryFolder folder;
+    ImportSettings settings;
+    // Descending, and neither in the order of the names.
+    for (const int frame : {2, 0, 1})
+        settings.files.push_back(
+            folder.write("f" + std::to_string(9 - frame) + ".img", smv(frame, frame - 1.25)));
+    const Imported imported = import(settings);
+    expectThreeFrames(imported);
+    EXPECT_NEAR(imported.header().m_pixelsize, 0.05 / (200 * 0.0251) * 1e10, 20);
+    EXPECT_NEAR(imported.header().value(SliceValue::HighTension, 2), 199.7, 0.1);
+}
+
+TEST(Import, SmvPixelsInEveryTypeAndByteOrder) {
+    const TemporaryFolder folder;
+    const std::vector<std::pair<std::string, std::function<std::string(bool)>>> types = {
+        {"unsigned_short", [](bool big) { return pixels<std::uint16_t>(1, big); }},
+        {"short", [](bool big) { return pixels<std::int16_t>(1, big); }},
+        {"long", [](bool big) { return pixels<std::int32_t>(1, big); }},
+        {"unsigned_long", [](bool big) { return pixels<std::uint32_t>(1, big); }},
+        {"float", [](bool big) { return pixels<float>(1, big); }}};
+    for (const auto& [type, bytes] : types)
+        for (const bool big : {false, true}) {
+            const std::string order = big ? "big_endian" : "little_endian";
+            const std::string path = folder.write(
+                "t.img", smvHeader("PHI=3;\nTYPE=" + type + ";\nBYTE_ORDER=" + order + ";\n") + bytes(big));
+            const std::unique_ptr<host::FrameFile> file = host::FrameFile::open(path);
+            EXPECT_EQ(file->info(0).tilt, 3);
+            EXPECT_FALSE(file->info(0).pixelSize);
+            for (int i = 0; i < kWidth * kHeight; ++i)
+                ASSERT_EQ(file->read(0).pixels[static_cast<std::size_t>(i)], pixel(1, i)) << type << order;
+        }
+}
+
+TEST(Import, TiffPagesAndFiles) {
+    const TemporaryFolder folder;
+    for (const int depth : {CV_8U, CV_8S, CV_16U, CV_16S, CV_32F}) {
+        std::vector<cv::Mat> pages;
+        ImportSettings single;
+        for (int frame = 0; frame < 3; ++frame) {
+            cv::Mat page(kHeight, kWidth, CV_32S);
+            for (int i = 0; i < kWidth * kHeight; ++i)
+                page.at<int>(i / kWidth, i % kWidth) =
+                    depth == CV_8S || depth == CV_8U ? i - 5 : pixel(frame, i);
+            cv::Mat converted;
+            page.convertTo(converted, depth);
+            pages.push_back(converted);
+            single.files.push_back(folder / ("s" + std::to_string(frame) + ".tif"));
+            ASSERT_TRUE(cv::imwrite(single.files.back().string(), converted));
+        }
+        ASSERT_TRUE(cv::imwrite(folder / "m.tif", pages));
+        ImportSettings multi;
+        multi.files = {folder / "m.tif"};
+        for (ImportSettings* settings : {&single, &multi}) {
+            EXPECT_NE(failure(*settings).find("--tilts"), std::string::npos);
+            settings->tilts = "-1:1";
+            const Imported imported = import(*settings);
+            if (depth == CV_8S || depth == CV_8U)
+                EXPECT_EQ(imported.at(1, 2), depth == CV_8S ? -3 : 0);
+            else
+                expectThreeFrames(imported);
+        }
+    }
+}
+
+TEST(Import, MrcModesAndExtendedHeaders) {
+    struct Case {
+        const char* name;
+        std::string bytes;
+        double pixelSize;
+        double kilovolts;
+        double axis;
+    };
+    const auto kind = [](const char* text) {
+        return [text](std::string& header) { std::memcpy(header.data() + 104, text, 4); };
+    };
+    const auto oldRecords = floatRecords(3, 128, {{11, 5e7F}, {13, 300e3F}, {10, 84.5F}}, 1024 * 128);
+    const std::vector<Case> cases = {
+        {"128-byte records", mrc<std::int16_t>(3, 1, oldRecords), 5e7, 300, 0},
+        {"128-byte records of an image", mrc<std::int16_t>(3, 1, floatRecords(3, 128, {{11, 2e-10F}})), 0, 0,
+         0},
+        {"144-byte records", mrc<float>(3, 2, floatRecords(3, 144, {{11, 5e7F}, {15, 120}, {8, 33}})), 5e7,
+         120, 33},
+        {"FEI1", mrc<std::uint16_t>(3, 6, feiRecords(3, 768, 4e7), kind("FEI1")), 4e7, 300, 0},
+        {"FEI2", mrc<std::int16_t>(3, 1, feiRecords(3, 888, 2e-10), kind("FEI2")), 0, 300, 0},
+    };
+    const TemporaryFolder folder;
+    for (const Case& one : cases) {
+        SCOPED_TRACE(one.name);
+        ImportSettings settings;
+        settings.files = {folder.write("stack.mrc", one.bytes)};
+        const Imported imported = import(settings);
+        expectThreeFrames(imported);
+        EXPECT_NEAR(imported.header().m_pixelsize, one.pixelSize, 10);
+        EXPECT_NEAR(imported.header().value(SliceValue::HighTension, 0), one.kilovolts, 1e-3);
+        EXPECT_EQ(imported.header().value(SliceValue::TiltAxis, 1), one.axis);
+    }
+}
+
+TEST(Import, MrcBytesAreSignedUnlessTheFileSaysOtherwise) {
+    const TemporaryFolder folder;
+    const auto value = [&](const std::function<void(std::string&)>& change) {
+        const std::string path = folder.write("b.mrc", mrc<std::uint8_t>(2, 0, "", change));
+        return host::FrameFile::open(path)->read(1).pixels[19];  // 158 or -98
+    };
+    EXPECT_EQ(value([](std::string& header) { MRCBytes::put(header, 80, 100.0F); }), -98);
+    EXPECT_EQ(value([](std::string& header) { MRCBytes::put(header, 80, 200.0F); }), 158);
+    const auto flagged = [](int flags) {
+        return [flags](std::string& header) {
+            MRCBytes::put(header, 152, std::int32_t{1146047817});
+            MRCBytes::put(header, 156, std::int32_t{flags});
+        };
+    };
+    EXPECT_EQ(value(flagged(1)), -98);
+    EXPECT_EQ(value(flagged(0)), 158);
+}
+
+TEST(Import, TiltListsAndFrameLists) {
+    const TemporaryFolder folder;
+    ImportSettings settings;
+    settings.files = {folder.write("stack.mrc", mrc<std::int16_t>(3, 1, ""))};
+    settings.kilovolts = 200;
+    for (const std::string& list :
+         {folder.write("a.tlt", " -1.00\n  0.00\n\n1.0\n"), folder.write("a.rawtlt", "-1\r\n0\r\n1\r\n"),
+          folder.write("a.mdoc",
+                       "PixelSpacing = 4\nVoltage = 200\n\n[T = x]\n\n[ZValue = 1]\nTiltAngle = 0\n"
+                       "[ZValue = 0]\nTiltAngle = -1\n[ZValue = 2]\nTiltAngle = 1.0\nStage = 1 2\n"),
+          std::string("-1:1")}) {
+        settings.tilts = list;
+        expectThreeFrames(import(settings));
+    }
+    for (int frame = 0; frame < 3; ++frame)
+        folder.write("0000" + std::to_string(frame) + ".mrc",
+                     mrc<std::int16_t>(1, 1, "").substr(0, 1024) + pixels<std::int16_t>(frame));
+    ImportSettings listed;
+    listed.files = {
+        folder.write("1.ed3d",
+                     "WAVELENGTH    0.025080\nROTATIONAXIS    139\nCCDPIXELSIZE    0.004260\n"
+                     "GONIOTILTSTEP    1.0\n\nFILELIST\nFILE 00000.mrc    -1.0000    0    -1.0000\n"
+                     "FILE 00001.mrc    0    0    0\nFILE .\\00002.mrc  1.0 0 1.0\nENDFILELIST\n")};
+    const Imported imported = import(listed);
+    expectThreeFrames(imported);
+    EXPECT_NEAR(imported.header().m_pixelsize, 4.26e7, 10);
+    EXPECT_NEAR(imported.header().value(SliceValue::TiltAxis, 0), 49, 1e-4);
+    EXPECT_NEAR(imported.header().value(SliceValue::HighTension, 0), 200, 0.05);
+}
+
+TEST(Import, SumsNeighboursButNotAcrossGaps) {
+    const TemporaryFolder folder;
+    ImportSettings settings;
+    const std::vector<double> starts = {0, 0.5, 1, 1.5, 2, 10, 10.5, 11};
+    for (std::size_t i = 0; i < starts.size(); ++i)
+        settings.files.push_back(
+            folder.write("f" + std::to_string(i) + ".img", smv(static_cast<int>(i), starts[i])));
+    settings.sum = 2;
+    const Imported imported = import(settings);
+    ASSERT_EQ(imported.header().nz, 5);
+    const std::vector<float> tilts = {0.5F, 1.5F, 2.25F, 10.5F, 11.25F};
+    for (int z = 0; z < 5; ++z)
+        EXPECT_FLOAT_EQ(imported.header().tilt(z), tilts[static_cast<std::size_t>(z)]);
+    EXPECT_EQ(imported.at(1, 7), pixel(2, 7) + pixel(3, 7));
+    EXPECT_EQ(imported.at(4, 7), pixel(7, 7));
+    EXPECT_EQ(imported.warnings.size(), 1U);
+}
+
+TEST(Import, DropsEmptyAndRepeatedFramesWithAWarning) {
+    const TemporaryFolder folder;
+    ImportSettings settings;
+    settings.files = {
+        folder.write("a.img", smv(0, -1.25)), folder.write("b.img", smv(5, -1.25)),
+        folder.write("c.img", smv(1, -0.25)), folder.write("d.img", smv(2, 0.75)),
+        folder.write("e.img", smv(0, 1.75).substr(0, 512) + std::string(2 * kWidth * kHeight, '\0'))};
+    Imported imported = import(settings);
+    EXPECT_EQ(imported.result.duplicates, 1);
+    EXPECT_EQ(imported.result.empty, 1);
+    ASSERT_EQ(imported.warnings.size(), 2U);
+    EXPECT_NE(imported.warnings[0].find("b.img"), std::string::npos);
+    EXPECT_NE(imported.warnings[1].find("2"), std::string::npos);
+    imported.warnings.clear();
+    expectThreeFrames(imported);
+}
+
+TEST(Import, ClipsWithACountAndBins) {
+    const TemporaryFolder folder;
+    ImportSettings settings;
+    const auto wide = [](std::string keys) {
+        return smvHeader("TYPE=unsigned_short;\nPIXEL_SIZE=0.05;\nDISTANCE=200;\nWAVELENGTH=0.0251;\n" +
+                         keys);
+    };
+    std::string bright;
+    for (int i = 0; i < kWidth * kHeight; ++i) {
+        const auto value = static_cast<std::uint16_t>(i == 6 ? 65535 : 1);
+        bright.append(reinterpret_cast<const char*>(&value), 2);
+    }
+    settings.files = {folder.write("a.img", wide("PHI=1;\n") + bright),
+                      folder.write("b.img", wide("PHI=2;\n") + bright)};
+    Imported imported = import(settings);
+    EXPECT_EQ(imported.result.clipped, 2);
+    EXPECT_EQ(imported.at(0, 6), 32767);
+    ASSERT_EQ(imported.warnings.size(), 1U);
+    EXPECT_NE(imported.warnings[0].find("2 pixels"), std::string::npos);
+
+    settings.scale = 0.5;
+    settings.bin = 2;
+    imported = import(settings);
+    EXPECT_EQ(imported.header().nx, 2);
+    EXPECT_EQ(imported.header().ny, 2);
+    // The last column is left out; columns 0 and 1, rows 0 and 1 make the first pixel.
+    EXPECT_EQ(imported.result.clipped, 2);
+    EXPECT_EQ(imported.at(0, 1), 2);
+    EXPECT_NEAR(imported.header().m_pixelsize, 2 * 0.05 / (200 * 0.0251) * 1e10, 20);
+}
+
+TEST(Import, MoreFramesThanSlicesAreSummed) {
+    const TemporaryFolder folder;
+    ImportSettings settings;
+    settings.files = {folder.write("s.mrc", mrc<std::int16_t>(301, 1, ""))};
+    settings.tilts = "-30:0.1";
+    const Imported imported = import(settings);
+    EXPECT_EQ(imported.header().nz, 151);
+    EXPECT_EQ(imported.result.framesUsed, 301);
+    EXPECT_NE(imported.warnings.front().find("--sum 2"), std::string::npos);
+    settings.sum = 1;
+    EXPECT_NE(failure(settings).find("--sum 2"), std::string::npos);
+}
+
+TEST(Import, DamagedInputIsRefusedWithAReason) {
+    const TemporaryFolder folder;
+    const std::string good = smv(1, 0);
+    const std::string stack = mrc<std::int16_t>(3, 1, "");
+    const auto garbled = [](std::string bytes, std::size_t offset, std::int32_t value) {
+        MRCBytes::put(bytes, offset, value);
+        return bytes;
+    };
+    struct Case {
+        std::string name;
+        std::string bytes;
+        std::string tilts;
+        std::string reason;
+    };
+    const std::vector<Case> cases = {
+        {"empty.img", "", "", "neither"},
+        {"truncated.img", good.substr(0, good.size() - 1), "", "truncated"},
+        {"header.img", good.substr(0, 40), "", "does not end"},
+        {"keys.img", "{\nHEADER_BYTES=512;\n}", "", "SIZE1"},
+        {"size.img", "{\nHEADER_BYTES=512;\nSIZE1=-5;\nSIZE2=1000000;\n}", "", "pixels"},
+        {"huge.img", "{\nHEADER_BYTES=1e300;\nSIZE1=5;\nSIZE2=4;\n}", "", "HEADER_BYTES"},
+        {"words.img", "{\nHEADER_BYTES=many;\nSIZE1=5;\nSIZE2=4;\n}", "", "not a number"},
+        {"type.img", smvHeader("TYPE=complex;\n"), "", "TYPE"},
+        {"garbage.tif", std::string("II*\0", 4) + std::string(500, 'x'), "-1:1", "TIFF"},
+        {"text.mrc", std::string(4000, 'x'), "", "neither"},
+        {"short.mrc", stack.substr(0, stack.size() - 1), "-1:1", "2 are there"},
+        {"mode.mrc", garbled(stack, 12, 4), "-1:1", "mode 4"},
+        {"size.mrc", garbled(stack, 0, 1 << 30), "-1:1", "pixels"},
+        {"count.mrc", garbled(stack, 8, -1), "-1:1", "frames"},
+        {"next.mrc", garbled(stack, 92, 0x7fffff00), "-1:1", "truncated"},
+        {"fei.mrc",
+         mrc<std::int16_t>(3, 1, std::string(3 * 768, '\xff'),
+                           [](std::string& header) { std::memcpy(header.data() + 104, "FEI1", 4); }),
+         "", "record of frame 1"},
+        {"untilted.mrc", stack, "", "--tilts"},
+        {"constant.mrc", stack, "constant.tlt", "the tilt"},
+        {"count.mrc", stack, "two.tlt", "2 tilts"},
+        {"words.mrc", stack, "words.tlt", "line 2"},
+        {"missing.mrc", stack, "nothing.tlt", "neither a file"},
+        {"range.mrc", stack, "1:2:3", "START:STEP"},
+        {"empty.ed3d", "FILELIST\nENDFILELIST\n", "", "lists no frames"},
+        {"lost.ed3d", "FILELIST\nFILE lost.mrc 0 0 0\n", "", "no such file"},
+        {"tilt.ed3d", "FILELIST\nFILE lost.mrc\n", "", "line 2"},
+        {"zeros.mrc", stack.substr(0, 1024) + std::string(stack.size() - 1024, '\0'), "-1:1", "empty"}};
+    folder.write("constant.tlt", "5\n5\n5\n");
+    folder.write("two.tlt", "5\n6\n");
+    folder.write("words.tlt", "5\nsix\n7\n");
+    for (const Case& one : cases) {
+        ImportSettings settings;
+        settings.files = {folder.write(one.name, one.bytes)};
+        settings.tilts = one.tilts.ends_with(".tlt") ? folder / one.tilts : one.tilts;
+        EXPECT_NE(failure(settings).find(one.reason), std::string::npos)
+            << one.name << ": " << failure(settings);
+    }
+    ImportSettings mixed;
+    mixed.files = {folder.write("a.img", good), folder.write("b.mrc", MRCBytes(8, 8, 1).bytes())};
+    EXPECT_NE(failure(mixed).find("--tilts"), std::string::npos);
+    mixed.tilts = "0:1";
+    EXPECT_NE(failure(mixed).find("different sizes"), std::string::npos);
+}
+
+TEST(Import, NamesWithNumbersAreOrderedByThem) {
+    EXPECT_TRUE(host::naturallyBefore("f_2.img", "f_10.img"));
+    EXPECT_TRUE(host::naturallyBefore("f_002.img", "f_10.img"));
+    EXPECT_TRUE(host::naturallyBefore("a", "ab"));
+    EXPECT_FALSE(host::naturallyBefore("f_10.img", "f_2.img"));
+    EXPECT_FALSE(host::naturallyBefore("f_10.img", "f_10.img"));
+}
+
+TEST(Import, VoltageAndWavelengthAreInverse) {
+    for (const double kilovolts : {80.0, 120.0, 200.0, 300.0})
+        EXPECT_NEAR(host::electronKilovolts(host::electronWavelength(kilovolts)), kilovolts, 1e-9);
+    EXPECT_NEAR(host::electronWavelength(200), 0.025079, 1e-6);
+}
+
+TEST(ImportCommand, WritesASeriesOrNothing) {
+    const TemporaryFolder folder;
+    for (int frame = 0; frame < 3; ++frame)
+        folder.write("f" + std::to_string(frame) + ".img", smv(frame, frame - 1.25));
+    const VrkResult good = runVrk({"import", folder / "f0.img", folder / "f1.img", folder / "f2.img", "-o",
+                                   folder / "s.mrc", "--axis", "49", "--json"});
+    ASSERT_EQ(good.exitCode, 0) << good.err;
+    const nlohmann::json summary = nlohmann::json::parse(good.out);
+    EXPECT_EQ(summary["nz"], 3);
+    EXPECT_EQ(summary["frames_used"], 3);
+    VoxMRCFileHandler handler;
+    const std::unique_ptr<VoxMRCData> series(handler.readMRCFile(folder / "s.mrc"));
+    ASSERT_NE(series, nullptr);
+    EXPECT_EQ(series->m_Header.value(SliceValue::TiltAxis, 2), 49);
+    EXPECT_EQ(series->GetChunkPointer(2)[7], pixel(2, 7));
+
+    folder.write("f1.img", "{\nHEADER_BYTES=512;\n");
+    const VrkResult bad =
+        runVrk({"import", folder / "f0.img", folder / "f1.img", "-o", folder / "bad.mrc", "--json"});
+    EXPECT_EQ(bad.exitCode, 1);
+    EXPECT_EQ(bad.out, "");
+    EXPECT_EQ(std::count(bad.err.begin(), bad.err.end(), '\n'), 1) << bad.err;
+    EXPECT_NE(bad.err.find("f1.img"), std::string::npos);
+    for (const auto& entry : std::filesystem::directory_iterator(folder / ""))
+        EXPECT_EQ(entry.path().filename().string().find("bad"), std::string::npos);
+}
+
+}  // namespace
