@@ -24,6 +24,11 @@ using host::ImportSettings;
 constexpr int kWidth = 5;
 constexpr int kHeight = 4;
 
+/// "f3.img" and the like.
+std::string numbered(const char* stem, int number, const char* extension) {
+    return std::string(stem).append(std::to_string(number)).append(extension);
+}
+
 /// Pixel i of frame number f in every file that these tests write.
 int pixel(int frame, int i) {
     return 100 * frame + 3 * i + 1;
@@ -148,8 +153,7 @@ TEST(Import, SmvFramesCarryTheirGeometry) {
     ImportSettings settings;
     // Descending, and neither in the order of the names.
     for (const int frame : {2, 0, 1})
-        settings.files.push_back(
-            folder.write("f" + std::to_string(9 - frame) + ".img", smv(frame, frame - 1.25)));
+        settings.files.push_back(folder.write(numbered("f", 9 - frame, ".img"), smv(frame, frame - 1.25)));
     const Imported imported = import(settings);
     expectThreeFrames(imported);
     EXPECT_NEAR(imported.header().m_pixelsize, 0.05 / (200 * 0.0251) * 1e10, 20);
@@ -190,7 +194,7 @@ TEST(Import, TiffPagesAndFiles) {
             cv::Mat converted;
             page.convertTo(converted, depth);
             pages.push_back(converted);
-            single.files.push_back(folder / ("s" + std::to_string(frame) + ".tif"));
+            single.files.push_back(folder / numbered("s", frame, ".tif"));
             ASSERT_TRUE(cv::imwrite(single.files.back().string(), converted));
         }
         ASSERT_TRUE(cv::imwrite(folder / "m.tif", pages));
@@ -275,7 +279,7 @@ TEST(Import, TiltListsAndFrameLists) {
         expectThreeFrames(import(settings));
     }
     for (int frame = 0; frame < 3; ++frame)
-        folder.write("0000" + std::to_string(frame) + ".mrc",
+        folder.write(numbered("0000", frame, ".mrc"),
                      mrc<std::int16_t>(1, 1, "").substr(0, 1024) + pixels<std::int16_t>(frame));
     ImportSettings listed;
     listed.files = {
@@ -296,7 +300,7 @@ TEST(Import, SumsNeighboursButNotAcrossGaps) {
     const std::vector<double> starts = {0, 0.5, 1, 1.5, 2, 10, 10.5, 11};
     for (std::size_t i = 0; i < starts.size(); ++i)
         settings.files.push_back(
-            folder.write("f" + std::to_string(i) + ".img", smv(static_cast<int>(i), starts[i])));
+            folder.write(numbered("f", static_cast<int>(i), ".img"), smv(static_cast<int>(i), starts[i])));
     settings.sum = 2;
     const Imported imported = import(settings);
     ASSERT_EQ(imported.header().nz, 5);
@@ -447,7 +451,7 @@ TEST(Import, VoltageAndWavelengthAreInverse) {
 TEST(ImportCommand, WritesASeriesOrNothing) {
     const TemporaryFolder folder;
     for (int frame = 0; frame < 3; ++frame)
-        folder.write("f" + std::to_string(frame) + ".img", smv(frame, frame - 1.25));
+        folder.write(numbered("f", frame, ".img"), smv(frame, frame - 1.25));
     const VrkResult good = runVrk({"import", folder / "f0.img", folder / "f1.img", folder / "f2.img", "-o",
                                    folder / "s.mrc", "--axis", "49", "--json"});
     ASSERT_EQ(good.exitCode, 0) << good.err;
