@@ -4,6 +4,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
+#include "FileReport.h"
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "VoxCore/IO/VoxMRCFileHandler.h"
 #include "app/RunVrk.h"
@@ -31,7 +32,7 @@ nlohmann::json infoOf(const std::string& path, bool slices = false) {
 
 }  // namespace
 
-TEST(InfoCommand, NamesEveryOddityAndNothingElse) {
+TEST(FileReport, NamesEveryOddityAndNothingElse) {
     const float nan = std::numeric_limits<float>::quiet_NaN();
     struct Case {
         const char* warning;  ///< what the one warning begins with; empty: none
@@ -68,10 +69,13 @@ TEST(InfoCommand, NamesEveryOddityAndNothingElse) {
     const TemporaryFolder folder;
     for (const Case& c : cases) {
         SCOPED_TRACE(c.warning);
-        const nlohmann::json warnings = infoOf(folder.write("a.mrc", c.file.bytes() + c.behind))["warnings"];
-        ASSERT_EQ(warnings.size(), *c.warning ? 1U : 0U) << warnings;
+        const std::string bytes = c.file.bytes() + c.behind;
+        const std::unique_ptr<VoxMRCData> data(VoxMRCFileHandler().readMRCFile(folder.write("a.mrc", bytes)));
+        ASSERT_TRUE(data);
+        const std::vector<std::string> warnings = host::inspect(*data, bytes.size()).warnings;
+        ASSERT_EQ(warnings.size(), *c.warning ? 1U : 0U) << testing::PrintToString(warnings);
         if (*c.warning) {
-            EXPECT_EQ(warnings[0].get<std::string>().rfind(c.warning, 0), 0U) << warnings;
+            EXPECT_TRUE(warnings[0].starts_with(c.warning)) << warnings[0];
         }
     }
 }
