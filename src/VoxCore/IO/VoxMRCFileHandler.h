@@ -30,8 +30,8 @@ struct mrcH;
 ///
 /// Input is checked before memory is sized by it. Every refusal logs one line (Error) with the file's
 /// path and what is wrong and returns null:
-/// - a path that cannot be opened or is no regular file: "ERROR: Error while opening file " + path, and
-///   "Error while opening file" on the progress channel with type 3;
+/// - a path that cannot be opened or is no regular file: "ERROR: Error while opening file " + path ahead of
+///   the line with the reason, and "Error while opening file" on the progress channel with type 3;
 /// - a file shorter than its 1024-byte header; nx, ny or nz below 1; more than 2^32 - 1 voxels;
 /// - next negative, smaller than nz records, or reaching beyond the end of the file; more than 300 slices
 ///   with an extended header (volumes have none and may have more layers than that);
