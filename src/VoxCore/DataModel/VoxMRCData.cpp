@@ -39,6 +39,7 @@ VoxMRCData::~VoxMRCData() {
 }
 
 VoxMRCData& VoxMRCData::operator=(const VoxMRCData& other) {
+    if (this == &other) return *this;
     VoxArray<short>::operator=(other);
     if (m_Histogram != other.m_Histogram) delete m_Histogram;
     m_Histogram = other.m_Histogram;

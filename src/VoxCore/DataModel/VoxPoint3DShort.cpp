@@ -7,7 +7,7 @@
 int VoxPoint3DShort::ScalProd(const VoxPoint3DShort& other) const {
     std::int64_t sum = 0;
     for (int i = 0; i < kDimensions; ++i)
-        sum += (*this)[i] * other[i];
+        sum += std::int64_t{(*this)[i]} * other[i];
     return static_cast<int>(sum);
 }
 

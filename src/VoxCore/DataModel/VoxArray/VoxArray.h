@@ -3,6 +3,7 @@
 #pragma once
 
 #include <array>
+#include <cmath>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
@@ -420,7 +421,7 @@ template <typename T>
 inline bool VoxArray<T>::ShiftedInside(float x, float y, float z) const {
     const auto within = [](float p, unsigned size) { return p >= 0 && p <= static_cast<double>(size) - 1; };
     if (!within(x, GetWidth()) || !within(y, GetHeight()) || !within(z, GetDepth())) return false;
-    const auto nearest = [](float p) { return static_cast<unsigned>(p + 0.5); };
+    const auto nearest = [](float p) { return static_cast<unsigned>(std::floor(p + 0.5)); };
     return !m_Mask || m_Mask->GetValue(nearest(x), nearest(y), nearest(z));
 }
 

@@ -1,0 +1,113 @@
+#include "VoxCore/DataModel/VoxMRCData.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+
+#include "support/RecordingLogObserver.h"
+
+namespace {
+
+using Data = std::unique_ptr<VoxMRCData>;
+
+TEST(VoxMRCData, IsCreatedSlicedOrNotAtAll) {
+    using Message = RecordingLogObserver::Message;
+    const Message enter{">> VoxMRCData* Create3D", VRK::Debug, VRK::ObjectControl};
+    const Message leave{"<< VoxMRCData* Create3D", VRK::Debug, VRK::ObjectControl};
+    RecordingLogObserver log;
+
+    EXPECT_EQ(VoxMRCData::Create3D(0, 10, 10), nullptr);
+    EXPECT_EQ(VoxMRCData::Create3D(10, 10, 0), nullptr);
+    EXPECT_EQ(log.messages, (std::vector{enter, enter}));
+
+    log.messages.clear();
+    const Data data(VoxMRCData::Create3D(4, 5, 6));
+    EXPECT_EQ(log.messages, (std::vector{enter, leave}));
+    EXPECT_EQ(data->GetStorageMethod(), Storage_BySlice);
+    EXPECT_EQ(data->GetChunkCount(), 6u);
+    EXPECT_EQ(data->m_Histogram, nullptr);
+
+    log.messages.clear();
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(VoxMRCData::Create3D(1000000, 1000000, 1000000), nullptr);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("Could not allocate"), std::string::npos);
+    EXPECT_EQ(log.messages, (std::vector{enter, leave}));
+}
+
+TEST(VoxMRCData, AssignmentCopiesValuesAndHandsOnTheHistogram) {
+    const Data source(VoxMRCData::Create3D(2, 2, 2));
+    *source = short{4};
+    source->m_Header.nx = 2;
+    source->m_Histogram = new VoxHistogram<short>(source.get(), 8, {});
+
+    const Data target(VoxMRCData::Create3D(2, 2, 2));
+    target->m_Histogram = new VoxHistogram<short>(target.get(), 8, {});
+    *target = *source;
+    EXPECT_EQ(target->m_Histogram, source->m_Histogram);
+    EXPECT_EQ(target->m_Header.nx, 2);
+    target->m_Histogram = nullptr;
+    *source = short{1};
+    EXPECT_EQ(target->Sum(), 32);
+
+    VoxMRCData view(*source);
+    EXPECT_EQ(view.GetChunkPointer(0), source->GetChunkPointer(0));
+    EXPECT_EQ(view.m_Histogram, source->m_Histogram);
+    view.SetShallow(true);
+    view.m_Histogram = nullptr;
+}
+
+TEST(VoxMRCData, PrintsItsMainHeader) {
+    const Data data(VoxMRCData::Create3D(1, 1, 1));
+    mrcH& h = data->m_Header;
+    h.nx = 512, h.ny = 256, h.nz = 121;
+    h.mode = 1;
+    h.amin = -3.5f, h.amax = 99, h.amean = 12.25f;
+    h.nint = 77, h.nreal = 78, h.nd1 = 4, h.nd2 = 5;
+    h.tiltangles = {1, 2, 3, 4, 5, 6.5f};
+    h.cmap = {'M', 'A', 'P', ' '};
+    h.stamp = {'D', '\0', '\n', '\0'};
+    std::ranges::copy(std::string("a label"), h.labl.begin());
+    RecordingLogObserver log;
+    data->print_MRCHeader();
+    ASSERT_EQ(log.messages.size(), 1u);
+    EXPECT_EQ(log.messages[0].text,
+              " --------------------  printMRCHeader --------------- \n"
+              " ---------------------------------------------------- \n"
+              "Number of columns/rows/sections (nx,ny,nz): 512 256 121\nMode: 1\n"
+              "First column/row/section in map(default 0): 0 0 0\nNumber of intervals along X,Y,Z: 0 0 0\n"
+              "Cell dimensions (Angstroms): 0 0 0\nCell angles (Degrees): 0 0 0\n"
+              "Which axis corresponds to columns/rows/sections: 0 0 0\n"
+              "Minimum density value: -3.5\nMaximum density value: 99\nMean density value: 12.25\n"
+              "ispg: 0\nnsymbt: 0\nnext: 0\ncreatid: 0\nunused1[MRC_UNUSED_BLOCK1]: \n"
+              "nint: 12.25\nnreal: -3.5\nunused2[MRC_UNUSED_BLOCK2]: \nidtype: 0\nlens: 0\n"
+              "nd1: 4\nnd2: 5\nnd1: 4\nnd2: 5\nvd1: 0\nvd2: 0\n"
+              "tilt angles: 1 : 2 : 3 : 4 : 5 : 6.5\nxorgin: 0\nyorgin: 0\nzorgin: 0\n"
+              "cmap[4]: MAP\nstamp[4]: D..\nrms: 0\nnlabl: 0\nlabl[800]: a label\n");
+}
+
+TEST(VoxMRCData, PrintsTheRecordsOfItsSlices) {
+    const Data data(VoxMRCData::Create3D(1, 1, 1));
+    data->m_Header.nz = 2;
+    data->m_Header.setValue(SliceValue::TiltAngle, 1, -30.5f);
+    data->m_Header.setValue(SliceValue::PixelSize, 1, 2.5f);
+    data->m_Header.setValue(SliceValue::DiffractionLens, 1, 40);
+    RecordingLogObserver log;
+    data->print_Extended_MRCHeader();
+    ASSERT_EQ(log.messages.size(), 1u);
+    EXPECT_EQ(log.messages[0].text,
+              "----------------Extended Header -  Slice info -------------------: \n"
+              "Slice NR:  a_tilt |  b_tilt | x_stage | y_stage | z_stage | defocus "
+              " | exp_time | mean_int | tiltaxis | pixelsize | magnification | microscope type "
+              " | gun type | lens type | D number of the microscope | high tension (kV) "
+              " | diffraction lens value \n"
+              "---------------------------------------------------------: \n"
+              "Slice 0: 0 | 0 | 0 | 0 | 0 | 0 | 0 | 0 | 0 | 0 | 0 | 0 | 0 | 0 | 0 | 0 | 0\n"
+              "Slice 1: -30.5 | 0 | 0 | 0 | 0 | 0 | 0 | 0 | 0 | 2.5 | 0 | 0 | 0 | 0 | 0 | 0 | 40\n");
+
+    data->m_Header.nz = 2000000000;
+    data->print_Extended_MRCHeader();
+    EXPECT_EQ(std::ranges::count(log.messages[1].text, '\n'), 3 + mrcH::kMaxSlices);
+}
+
+}  // namespace
