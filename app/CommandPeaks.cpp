@@ -37,7 +37,7 @@ public:
         for (unsigned z = 0; z < volume.GetChunkCount(); ++z) {
             const short* slice = volume.GetChunkPointer(z);
             for (unsigned i = 0; i < volume.GetChunkSize(); ++i)
-                ++m_counts[static_cast<std::size_t>(slice[i] + 32768)];
+                ++count(slice[i]);
         }
         m_total = std::int64_t{volume.GetChunkCount()} * volume.GetChunkSize();
     }
@@ -46,10 +46,10 @@ public:
     int smallest() const { return valueReachedBy(1.0); }
     int largest() const { return valueReachedBy(0.0); }
     std::int64_t countFrom(double threshold) const {
-        std::int64_t count = 0;
+        std::int64_t reached = 0;
         for (int value = 32767; value >= -32768 && value >= threshold; --value)
-            count += m_counts[static_cast<std::size_t>(value + 32768)];
-        return count;
+            reached += count(value);
+        return reached;
     }
     /// The largest value that at least this share of the voxels, and at least one, reach.
     int valueReachedBy(double share) const {
@@ -57,11 +57,14 @@ public:
         std::int64_t reached = 0;
         int value = 32768;
         while (value > -32768 && static_cast<double>(reached) < wanted)
-            reached += m_counts[static_cast<std::size_t>(--value + 32768)];
+            reached += count(--value);
         return value;
     }
 
 private:
+    std::int64_t& count(int value) { return m_counts[static_cast<unsigned>(value + 32768)]; }
+    std::int64_t count(int value) const { return m_counts[static_cast<unsigned>(value + 32768)]; }
+
     std::vector<std::int64_t> m_counts;
     std::int64_t m_total = 0;
 };

@@ -103,9 +103,9 @@ void filterAndDelete(ReflexVector& list, Filter filter) {
 }
 
 void dropByDistance(const VoxMRCData& volume, const Parameter& parameter, ReflexVector& list) {
-    const double cx = volume.GetDimSize(0) / 2;
-    const double cy = volume.GetDimSize(1) / 2;
-    const double cz = volume.GetDimSize(2) / 2;
+    const unsigned cx = volume.GetDimSize(0) / 2;
+    const unsigned cy = volume.GetDimSize(1) / 2;
+    const unsigned cz = volume.GetDimSize(2) / 2;
     const int type = parameter.getWhichReflectionMiddleShouldUsed();
     if (parameter.getCutOffZeroBeam())
         filterAndDelete(list, [&](ReflexVector& reflexes) {
@@ -172,9 +172,7 @@ bool FindReflexes::collectRegions(const VoxMRCData& volume, const Parameter& par
                 Region& region = grower.grow(index);
                 // Regions of other sizes leave the list again below; their voxel sets need not be built.
                 if (!fits(region)) continue;
-                std::unique_ptr<Reflex, ReflexDeleter> reflex(new ReflexOnGrid(&volume, region));
-                found.push_back(reflex.get());
-                reflex.release();
+                found.append(ReflexPtr(new ReflexOnGrid(&volume, region)));
             }
             updateStep(++step);
             if (canceled()) return false;

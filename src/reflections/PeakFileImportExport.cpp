@@ -8,7 +8,6 @@
 #include <fstream>
 #include <limits>
 #include <locale>
-#include <memory>
 #include <sstream>
 #include <string_view>
 
@@ -82,7 +81,8 @@ private:
 /// Half of a size that the file gives as a real number, both steps towards zero.
 double halfOf(double size) {
     constexpr double limit = std::numeric_limits<int>::max();
-    return static_cast<int>(std::clamp(size, -limit, limit)) / 2;
+    const int half = static_cast<int>(std::clamp(size, -limit, limit)) / 2;
+    return half;
 }
 
 /// Reads the eight lines before the peaks: the halves of the volume's size, and the number of peaks.
@@ -134,10 +134,11 @@ bool PeakFileImportExport::writePeakFile_version_2(const std::string& path, cons
     const auto count = std::count_if(reflexes->begin(), reflexes->end(), selected);
     if (onlyIndicated && count == 0) log("There are no indicated reflections to save.", VRK::Warning);
     file << "#N_peaks\n" << count << "\n#x y z\n";
+    const int halves[3] = {nx / 2, ny / 2, nz / 2};
     for (Reflex* reflex : *reflexes) {
         if (!selected(reflex)) continue;
-        file << reflex->getCenter(0, centerType) - nx / 2 << ' ' << reflex->getCenter(1, centerType) - ny / 2
-             << ' ' << reflex->getCenter(2, centerType) - nz / 2 << '\n';
+        for (int axis = 0; axis < 3; ++axis)
+            file << reflex->getCenter(axis, centerType) - halves[axis] << (axis < 2 ? ' ' : '\n');
     }
     file.close();
     if (file) return true;
@@ -186,9 +187,7 @@ bool PeakFileImportExport::loadPeakFile_version_2(const std::string& path, Refle
         const double x = numbers.real() + halves[0];
         const double y = numbers.real() + halves[1];
         const double z = numbers.real() + halves[2];
-        std::unique_ptr<Reflex, ReflexDeleter> reflex(new Reflex(x, y, z));
-        reflexes->push_back(reflex.get());
-        reflex.release();
+        reflexes->append(ReflexPtr(new Reflex(x, y, z)));
     }
     log(announcement + std::to_string(reflexes->size()) + " reflections loaded.\n", VRK::Normal);
     return true;

@@ -1,7 +1,6 @@
 #include "reflections/Reflex.h"
 
 #include <cmath>
-#include <memory>
 #include <new>
 #include <numbers>
 #include <sstream>

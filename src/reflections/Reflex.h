@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <limits>
+#include <memory>
 #include <set>
 
 #include "VRKCoreExport.h"
@@ -105,3 +106,5 @@ protected:
 struct ReflexDeleter {
     void operator()(Reflex* reflex) const { Reflex::destroy(reflex); }
 };
+
+using ReflexPtr = std::unique_ptr<Reflex, ReflexDeleter>;

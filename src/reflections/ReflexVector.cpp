@@ -46,6 +46,11 @@ void ReflexVector::destroyElements() {
     clear();
 }
 
+void ReflexVector::append(ReflexPtr reflex) {
+    push_back(nullptr);
+    back() = reflex.release();
+}
+
 void ReflexVector::print() {
     std::cout << "Count of reflections: " << size() << std::endl;
 }

@@ -29,6 +29,9 @@ public:
     /// Deletes every element as what it is and empties the list.
     void destroyElements();
 
+    /// Takes the reflection over as the last element.
+    void append(ReflexPtr reflex);
+
     /// Writes the number of reflections to the standard output.
     void print();
 

@@ -66,7 +66,7 @@ TEST(Reflex, TurnsAboutZIntoAFreshReflection) {
     Reflex reflex(2, 0, 5);
     reflex.setHKL(1, 2, 3);
     reflex.setIntensity(7);
-    const std::unique_ptr<Reflex, ReflexDeleter> turned(reflex.rotatez(90));
+    const ReflexPtr turned(reflex.rotatez(90));
     EXPECT_NEAR(turned->getCenterInX(), 0.0, 1e-15);
     EXPECT_EQ(turned->getCenterInY(), 2.0);
     EXPECT_EQ(turned->getCenterInZ(), 5.0);
