@@ -436,7 +436,11 @@ LatticeFit fitLattice(std::span<const FitPoint> points, const Lattice& start, do
     const double radius = farthest(points, start.origin);
     const std::array<double, 4> radii = {0.25 * radius, 0.4 * radius, 0.6 * radius, 0.8 * radius};
     LatticeFit outward = fitFrom(points, start, radii, tolerance, ties);
-    LatticeFit direct = fitFrom(points, start, {}, tolerance, ties);
+    // Hardly any point is left for another way to find.
+    const bool done =
+        outward.valid && outward.stable &&
+        20 * static_cast<long long>(outward.indexed) >= 19 * static_cast<long long>(points.size());
+    LatticeFit direct = done ? LatticeFit() : fitFrom(points, start, {}, tolerance, ties);
     const bool better = !outward.valid || direct.indexed > outward.indexed ||
                         (direct.indexed == outward.indexed && direct.rms < outward.rms);
     LatticeFit& best = direct.valid && better ? direct : outward;

@@ -20,7 +20,7 @@ struct Simulation {
         std::normal_distribution<double> normal(0.0, 1.0);
         std::uniform_real_distribution<double> uniform(0.0, 1.0);
         forEachNode(start, 1.0 / 0.9 / (kPixelSize * 1e-10), [&](int, int, int, const Vec3& node) {
-            if (uniform(random) > 0.1) return;
+            if (uniform(random) > 0.08) return;
             const double spread = uniform(random) < outliers ? 6.0 : noise;
             list->push_back(new Reflex(trueOrigin[0] + node[0] + spread * normal(random),
                                        trueOrigin[1] + node[1] + spread * normal(random),
@@ -78,8 +78,7 @@ TEST(CellRefinementTest, UncertaintiesCoverTheTruth) {
         LATTICE::BravaisTypes type;
         std::array<double, 6> cell;
         double outliers;
-    } cases[] = {{LATTICE::aP, kTriclinic, 0.0},
-                 {LATTICE::aP, kTriclinic, 0.1},
+    } cases[] = {{LATTICE::aP, kTriclinic, 0.1},
                  {LATTICE::mP, {6.1, 8.8, 7.4, 90.0, 101.0, 90.0}, 0.1},
                  {LATTICE::hP, {7.0, 7.0, 9.5, 90.0, 90.0, 120.0}, 0.0}};
     for (const auto& one : cases) {
@@ -102,8 +101,6 @@ TEST(CellRefinementTest, UncertaintiesCoverTheTruth) {
         }
         EXPECT_NEAR(100.0 * within1 / values, 68.3, 5.0) << one.type << " " << one.outliers;
         EXPECT_NEAR(100.0 * within2 / values, 95.4, 2.5) << one.type << " " << one.outliers;
-        std::cout << one.type << " " << one.outliers << ": " << 100.0 * within1 / values << " % within 1, "
-                  << 100.0 * within2 / values << " % within 2\n";
     }
 }
 

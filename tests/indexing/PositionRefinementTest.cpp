@@ -14,7 +14,7 @@ namespace {
 
 constexpr double kPixelSize = 5.0e7;
 constexpr double kPerVoxel = kPixelSize * 1e-10;  // 1/Angstrom
-const std::array<double, 6> kCell = {6.1, 9.2, 14.3, 88.0, 95.0, 103.0};
+const std::array<double, 6> kCell = {5.1, 6.2, 8.3, 88.0, 95.0, 103.0};
 
 /// Reflections where a crystal's patterns show them: each node where the sphere crosses it, laid into the
 /// plane of its pattern.
