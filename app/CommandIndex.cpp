@@ -9,6 +9,7 @@
 #include <optional>
 #include <sstream>
 
+#include "CellInput.h"
 #include "Commands.h"
 #include "DataFiles.h"
 #include "Failure.h"
@@ -79,22 +80,15 @@ std::string formatOf(const Options& options) {
     return "hkl";
 }
 
-double pixelSizeOf(const Options& options, const PeakList& peaks) {
-    if (options.pixelSize > 0.0) return options.pixelSize;
-    if (peaks.head && peaks.head->pixelSize > 0.0) return peaks.head->pixelSize;
-    throw Failure("the pixel size is not in " + options.peaks + "; give it with --pixel-size (1/m per voxel)",
-                  ExitCode::Usage);
-}
-
-UnitCell readCell(const std::string& path, double pixelSize, Host& host) {
-    UnitCell cell;
-    if (!CellFileImportExport::loadCellFile(path, &cell, pixelSize))
-        throw Failure("cannot read the cell file " + path + ": " + host.log().lastError() +
-                      "; make one with 'vrk cell'");
-    cell.setPixelsize(pixelSize);
-    if (cell.isDegenerate())
-        throw Failure("the vectors in the cell file " + path + " lie in a plane, are zero or are no numbers");
-    return cell;
+/// The cell of the file as a primitive reciprocal cell with the pixel size asked for, that of the peaks, or
+/// that of the file itself.
+UnitCell readCell(const Options& options, const PeakList& peaks) {
+    const double pixelSize = options.pixelSize > 0.0 ? options.pixelSize
+                             : peaks.head            ? peaks.head->pixelSize
+                                                     : 0.0;
+    const CellInput input = cellFromFile(options.cell, pixelSize);
+    const std::unique_ptr<UnitCell> reciprocal(UnitCell(input.primitive).getReciprocalCell());
+    return *reciprocal;
 }
 
 /// The lattice that the user asks for, of those that fit the cell.
@@ -185,7 +179,6 @@ void refine(const Options& options, const std::vector<double>& tilts, Indexing& 
 
 Indexing indexPeaks(const Options& options, Host& host) {
     const PeakList peaks = readPeaks(options.peaks);
-    const double pixelSize = pixelSizeOf(options, peaks);
     if (!options.volume.empty()) {
         if (!peaks.head)
             throw Failure(
@@ -195,7 +188,7 @@ Indexing indexPeaks(const Options& options, Host& host) {
         integrateIntensities(*volume, *peaks.reflections, options.radius);
     }
     Indexing result;
-    result.cell = readCell(options.cell, pixelSize, host);
+    result.cell = readCell(options, peaks);
     result.setting = settingOf(result.cell, options.lattice);
     result.origin = peaks.origin;
     std::vector<double> tilts;
@@ -406,7 +399,9 @@ void addIndexCommand(CLI::App& app, Host& host) {
                      "kV; corrects for the curvature of the Ewald sphere and "
                      "finds the sense of the tilt")
         ->check(CLI::Range(1.0, 10000.0));
-    command->add_option("--pixel-size", options->pixelSize, "1/m per voxel [that of the peak file]")
+    command
+        ->add_option("--pixel-size", options->pixelSize,
+                     "1/m per voxel [that of the peak file, else of the cell file]")
         ->check(CLI::PositiveNumber);
     command
         ->add_option(

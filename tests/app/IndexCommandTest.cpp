@@ -85,6 +85,7 @@ TEST_F(IndexCommandTest, SaysWhatIsWrong) {
     m_folder.write("empty.txt", "# nothing\n");
     m_folder.write("head.txt", "#VRKPEAKSVERSION 2\n#\n0 0 0 1 2\n#\n1e8 0 0\n#\n1\n#\n1 2 3\n");
     UnitCell flat;
+    CellFileImportExport::writeCellFile_version_1(m_folder / "old.cell", &flat);
     const double a[3] = {1, 2, 3}, b[3] = {2, 4, 6};
     flat.setNewBase(a, b, a, false, true);
     CellFileImportExport::writeCellFile_version_2(m_folder / "flat.txt", &flat);
@@ -94,12 +95,12 @@ TEST_F(IndexCommandTest, SaysWhatIsWrong) {
         std::string message;
     } cases[] = {
         {{"index", "peaks.txt", "cell.txt"}, 2, "output"},
-        {{"index", "peaks.txt", "cell.txt", "-o", "x.hkl"}, 2, "--pixel-size"},
+        {{"index", "peaks.txt", "old.cell", "-o", "x.hkl"}, 2, "--pixel-size"},
         {{"index", "none.txt", "cell.txt", "-o", "x.hkl"}, 1, "none.txt"},
         {{"index", "other.txt", "cell.txt", "-o", "x.hkl"}, 1, "line 2"},
         {{"index", "empty.txt", "cell.txt", "-o", "x.hkl"}, 3, "no reflections"},
         {{"index", "head.txt", "cell.txt", "-o", "x.hkl"}, 1, "line 3"},
-        {{"index", "peaks.txt", "peaks.txt", "-o", "x.hkl", "--pixel-size", "5e7"}, 1, "cell file"},
+        {{"index", "peaks.txt", "peaks.txt", "-o", "x.hkl", "--pixel-size", "5e7"}, 1, "cell from"},
         {{"index", "peaks.txt", "flat.txt", "-o", "x.hkl", "--pixel-size", "5e7"}, 1, "plane"},
         {{"index", "peaks.txt", "cell.txt", "-o", "x.hkl", "--pixel-size", "5e7", "--lattice", "hP"},
          2,
