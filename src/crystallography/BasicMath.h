@@ -47,8 +47,9 @@ public:
     /// coplanar within rounding). The scale of M does not matter.
     static bool Invert(const double M[3][3], double out[3][3]);
 
-    /// The angle between u and v in radians, 0 to pi. Exactly 0 or pi for parallel vectors in spite of
-    /// rounding; NaN when a vector has no length.
+    /// The angle between u and v in radians, 0 to pi: the arc cosine of the normalised dot product, so angles
+    /// below 1e-7 have no meaning. Rounding cannot take parallel vectors out of the range; NaN when a vector
+    /// has no length.
     static double CalcAngleBetweenAandB(const double u[3], const double v[3]);
 
     static constexpr double ConvertAngleFromRadianToDegree(double radian) {

@@ -527,6 +527,30 @@ private:
     const Metric& m_reduced;
 };
 
+/// The conventional axes of a row, in the reduced base and the standard setting of the type.
+Axes standardAxes(const CharacterRow& row, const Metric& reduced) {
+    Axes axes;
+    for (std::size_t i = 0; i < 3; ++i)
+        std::copy_n(row.toConventional[i], 3, axes[i].begin());
+    return Setting(row.bravais, axes, reduced).axes();
+}
+
+/// Axis b of a row in the shortest base, of its two directions the one whose first component is positive.
+Vector uniqueAxisOf(const CharacterRow& row, const NearForm& form) {
+    const auto& b = row.toConventional[1];
+    Vector axis = {};
+    for (std::size_t i = 0; i < 3; ++i)
+        axis = plus(axis, b[i], form.axes[i]);
+    return axis < Vector{} ? negated(axis) : axis;
+}
+
+/// Adds the vector unless it is known.
+bool isNew(std::vector<Vector>& known, const Vector& vector) {
+    if (std::find(known.begin(), known.end(), vector) != known.end()) return false;
+    known.push_back(vector);
+    return true;
+}
+
 /// The best fit of one character so far.
 struct Fit {
     const CharacterRow* row = nullptr;
@@ -564,13 +588,21 @@ std::vector<Fit> fitAll(std::span<const NearForm> forms, const LatticeTolerances
     std::vector<Fit> fits = fitTriclinic(forms);
     const RowFilter filter(looseness(tolerances));
     const Limits limits(tolerances);
+    const Limits wide({2.0 * tolerances.angle, tolerances.length});
     for (const CharacterRow& row : kLatticeCharacters) {
         if (row.bravais == LATTICE::aP) continue;
+        const bool isMonoclinic = symmetryOrder(row.bravais) == 4;
+        std::vector<Vector> uniqueAxes;
         Fit best;
         for (const NearForm& form : forms) {
             if (!filter.mayFit(row, form)) continue;
             Metric conventional;
-            if (!formConventional(row, form.metric, limits, conventional)) continue;
+            if (!formConventional(row, form.metric, isMonoclinic ? wide : limits, conventional)) continue;
+            if (isMonoclinic) {
+                // The unique axis decides about the standard setting, and with it about all angles.
+                if (!isNew(uniqueAxes, uniqueAxisOf(row, form))) continue;
+                conventional = metricOf(standardAxes(row, form.metric), form.metric);
+            }
             const Misfit misfit = misfitOf(row.bravais, conventional);
             if (!limits.allow(misfit)) continue;
             const double score = scoreOf(misfit, tolerances);
@@ -583,12 +615,9 @@ std::vector<Fit> fitAll(std::span<const NearForm> forms, const LatticeTolerances
 
 LatticeCharacter describe(const Fit& fit, const ShortestBase& shortest) {
     const CharacterRow& row = *fit.row;
-    Axes axes;
-    for (int i = 0; i < 3; ++i)
-        std::copy_n(row.toConventional[i], 3, axes[i].begin());
-    const Setting setting(row.bravais, axes, fit.form->metric);
-    const Metric metric = metricOf(setting.axes(), fit.form->metric);
-    const Axes inInput = inBaseOf(inBaseOf(setting.axes(), fit.form->axes), shortest.axes());
+    const Axes axes = standardAxes(row, fit.form->metric);
+    const Metric metric = metricOf(axes, fit.form->metric);
+    const Axes inInput = inBaseOf(inBaseOf(axes, fit.form->axes), shortest.axes());
 
     LatticeCharacter out;
     out.number = row.number;

@@ -1,12 +1,14 @@
 #include "crystallography/NiggliReduction.h"
 
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <cmath>
+#include <cstdint>
 #include <initializer_list>
 #include <iostream>
 #include <limits>
 #include <string>
-#include <vector>
 
 #include "crystallography/BasicMath.h"
 #include "crystallography/NumberTextInternal.h"
@@ -45,6 +47,44 @@ void appendEdgesAndAngles(std::string& text, double A, double B, double C, doubl
                         "  beta = ", std::acos(eta / (2.0 * a * c)) * BasicMath::kDegreePerRadian,
                         "  gamma = ", std::acos(zeta / (2.0 * a * b)) * BasicMath::kDegreePerRadian);
     text += '\n';
+}
+
+/// The text of the numbers narrated last. Most steps change two or three of the six values, and turning a
+/// number into text costs more than the step itself.
+class RecentNumbers {
+public:
+    void append(std::string& text, double x) {
+        const auto bits = std::bit_cast<std::uint64_t>(x);
+        for (const Entry& entry : m_entries)
+            if (entry.bits == bits && !entry.text.empty()) {
+                text += entry.text;
+                return;
+            }
+        Entry& oldest = m_entries[m_next++ % m_entries.size()];
+        oldest.bits = bits;
+        oldest.text.clear();
+        VRK::detail::appendNumber(oldest.text, x);
+        text += oldest.text;
+    }
+
+private:
+    struct Entry {
+        std::uint64_t bits = 0;
+        std::string text;
+    };
+    std::array<Entry, 12> m_entries;
+    std::size_t m_next = 0;
+};
+
+RecentNumbers recentNumbers;
+
+void appendSix(std::string& text, std::initializer_list<double> values) {
+    const char* separator = "";
+    for (const double x : values) {
+        text += separator;
+        recentNumbers.append(text, x);
+        separator = "  ";
+    }
 }
 
 }  // namespace
@@ -87,16 +127,18 @@ private:
     }
 
     std::size_t findEarlier(Place place) const {
-        for (std::size_t i = 0; i < m_visits.size(); ++i)
+        for (std::size_t i = 0; i < m_visited; ++i)
             if (m_visits[i].place == place && isSame(m_visits[i].state, m_state)) return i;
         const bool isMilestone = place == StartOfPass && m_passes > 0 && isSame(m_milestone, m_state);
         return isMilestone ? 0 : kNotFound;
     }
 
     void remember(Place place) {
-        if (m_visits.size() == kMostVisits)
-            m_visits.erase(m_visits.begin(), m_visits.begin() + kMostVisits / 2);
-        m_visits.push_back({m_state, place});
+        if (m_visited == kMostVisits) {
+            std::copy(m_visits.begin() + kMostVisits / 2, m_visits.end(), m_visits.begin());
+            m_visited = kMostVisits / 2;
+        }
+        m_visits[m_visited++] = {m_state, place};
         if (place != StartOfPass) return;
         if (++m_passes == m_nextMilestone) {
             m_milestone = m_state;
@@ -106,7 +148,7 @@ private:
 
     void chooseBestFrom(std::size_t first) {
         for (const Test test : {Test(UnitCellTest::isNiggliCell), Test(UnitCellTest::isBurgerCell)})
-            for (std::size_t i = first; i < m_visits.size(); ++i) {
+            for (std::size_t i = first; i < m_visited; ++i) {
                 const State& s = m_visits[i].state;
                 if (!test(s.A, s.B, s.C, s.xi, s.eta, s.zeta, m_eps)) continue;
                 m_state = s;
@@ -114,7 +156,8 @@ private:
             }
     }
 
-    std::vector<Visit> m_visits;
+    std::array<Visit, kMostVisits> m_visits;
+    std::size_t m_visited = 0;
     State m_milestone = {};
     long m_passes = 0;
     long m_nextMilestone = 1;
@@ -402,7 +445,7 @@ void NiggliReduction::narrateValues() {
     const State& s = m_state;
     std::string text;
     if (UnitCellTest::isBurgerCell(s.A, s.B, s.C, s.xi, s.eta, s.zeta, m_eps)) text = "Burger-Zelle:\n";
-    VRK::detail::append(text, "", s.A, "  ", s.B, "  ", s.C, "  ", s.xi, "  ", s.eta, "  ", s.zeta);
+    appendSix(text, {s.A, s.B, s.C, s.xi, s.eta, s.zeta});
     text += '\n';
     narrate(text.c_str());
 }
@@ -421,7 +464,7 @@ void NiggliReduction::narrateStart(const UnitCell& cell) {
 void NiggliReduction::narrateEnd(const UnitCell& cell) {
     const State& s = m_state;
     std::string text = "Niggli reduction beendet\n";
-    VRK::detail::append(text, "", s.A, "  ", s.B, "  ", s.C, "  ", s.xi, "  ", s.eta, "  ", s.zeta);
+    appendSix(text, {s.A, s.B, s.C, s.xi, s.eta, s.zeta});
     text += UnitCellTest::isNiggliCell(s.A, s.B, s.C, s.xi, s.eta, s.zeta, 1e-5)
                 ? "\nJa ist Niggli-Zelle\n"
                 : "\nNein ist leider keine Niggli-Zelle\n";

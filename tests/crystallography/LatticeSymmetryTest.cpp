@@ -1,0 +1,224 @@
+#include "crystallography/LatticeSymmetry.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+#include <set>
+#include <string>
+
+extern "C" {
+#include <spglib.h>
+}
+
+#include "RandomLattice.h"
+#include "crystallography/CentringInternal.h"
+#include "crystallography/LatticeCharacterTableInternal.h"
+#include "support/RecordingLogObserver.h"
+
+namespace {
+
+using namespace testing_support;
+using VRK::detail::centringOf;
+using VRK::detail::kLatticeCharacters;
+
+int determinantOf(const int (&m)[3][3]) {
+    return m[0][0] * (m[1][1] * m[2][2] - m[1][2] * m[2][1]) -
+           m[0][1] * (m[1][0] * m[2][2] - m[1][2] * m[2][0]) +
+           m[0][2] * (m[1][0] * m[2][1] - m[1][1] * m[2][0]);
+}
+
+/// The Bravais type by way of the space group of one atom on the lattice.
+std::string typeBySpglib(const UnitCell& primitive) {
+    double lattice[3][3];
+    primitive.getOrientationMatrix(lattice);
+    double position[1][3] = {{0.0, 0.0, 0.0}};
+    const int kind[1] = {1};
+    SpglibDataset* data = spg_get_dataset(lattice, position, kind, 1, 1e-5);
+    if (!data) return "none";
+    const std::string symbol = data->international_symbol;
+    spg_free_dataset(data);
+    const auto has = [&symbol](const char* part) { return symbol.find(part) != std::string::npos; };
+    const char* family = has("-3m") && symbol[0] != 'R' ? "c"
+                         : has("4/")                    ? "t"
+                         : has("6/") || has("R")        ? "h"
+                         : has("mmm")                   ? "o"
+                         : has("2/m")                   ? "m"
+                                                        : "a";
+    return std::string(family).append(1, symbol.front());
+}
+
+/// True when every lattice point of the conventional cell is a lattice point of the primitive base and the
+/// cell holds as many as its centring says.
+bool isSameLattice(const LatticeCharacter& lattice) {
+    const auto& centring = centringOf(lattice.bravaisType);
+    if (determinantOf(lattice.toConventional) != centring.multiplicity) return false;
+    for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 3; ++j) {
+            int sum = 0;
+            for (int k = 0; k < 3; ++k)
+                sum += lattice.toConventional[i][k] * centring.toPrimitive[k][j];
+            if (sum % centring.denominator != 0) return false;
+        }
+    return true;
+}
+
+void expectStandardSetting(const LatticeCharacter& lattice) {
+    const CellParameters& p = lattice.measured;
+    switch (lattice.bravaisType) {
+        case LATTICE::oP:
+        case LATTICE::oI:
+        case LATTICE::oF:
+            EXPECT_LE(p.b, p.c * 1.000001);
+            [[fallthrough]];
+        case LATTICE::oC:
+            EXPECT_LE(p.a, p.b * 1.000001);
+            break;
+        case LATTICE::mP:
+            EXPECT_LE(p.a, p.c * 1.000001);
+            [[fallthrough]];
+        case LATTICE::mC:
+            EXPECT_GE(p.beta, 89.999999);
+            break;
+        default:
+            break;
+    }
+}
+
+TEST(LatticeSymmetryTest, TableHoldsSoundRows) {
+    std::set<int> numbers;
+    for (const auto& row : kLatticeCharacters) {
+        numbers.insert(row.number);
+        const auto type = LatticeSymmetry::getBravaisType(row.number);
+        EXPECT_EQ(type, row.bravais);
+        EXPECT_EQ(LatticeSymmetry::getCentring(row.number), centringOf(type).letter);
+        int M[3][3];
+        ASSERT_TRUE(LatticeSymmetry::getTransformation(row.number, M));
+        EXPECT_EQ(determinantOf(M), centringOf(type).multiplicity) << row.number;
+    }
+    EXPECT_EQ(numbers.size(), 44U);
+    EXPECT_EQ(*numbers.begin(), 1);
+    EXPECT_EQ(*numbers.rbegin(), 44);
+}
+
+TEST(LatticeSymmetryTest, RejectsOtherCharacters) {
+    RecordingLogObserver log;
+    int M[3][3];
+    for (const int character : {0, 45, -1}) {
+        EXPECT_EQ(LatticeSymmetry::getBravaisType(character), LATTICE::NoBravaisType);
+        EXPECT_FALSE(LatticeSymmetry::getTransformation(character, M));
+    }
+    ASSERT_EQ(log.messages.size(), 6U);
+    for (const auto& entry : log.messages)
+        EXPECT_EQ(entry.text, "Cell type has to be between 1 and 44");
+}
+
+TEST(LatticeSymmetryTest, AgreesWithSpglibOnExactLattices) {
+    RandomLattice random(21);
+    constexpr LatticeTolerances tight = {0.001, 1e-5};
+    for (const auto type : kAllBravaisTypes)
+        for (int n = 0; n < 60; ++n) {
+            UnitCell cell = random.primitive(type);
+            const std::string expected = typeBySpglib(cell);
+            cell.transform(raw(random.unimodular(6)));
+            const auto lattices = LatticeSymmetry::analyse(cell, tight);
+            ASSERT_FALSE(lattices.empty());
+            EXPECT_EQ(LATTICE::shortName(lattices.front().bravaisType), expected);
+            EXPECT_LT(lattices.front().qualityIndex, 1e-4);
+        }
+}
+
+TEST(LatticeSymmetryTest, FindsTheTypeInSpiteOfNoise) {
+    RandomLattice random(22);
+    for (const auto type : kAllBravaisTypes) {
+        int right = 0;
+        constexpr int draws = 200;
+        for (int n = 0; n < draws;) {
+            UnitCell cell = random.primitive(type);
+            // A lattice within twice the tolerances of a higher symmetry may become the higher one.
+            if (LatticeSymmetry::best(cell, {4.0, 0.06}).bravaisType != type) continue;
+            ++n;
+            int reduced[3][3];
+            std::memcpy(reduced, LatticeSymmetry::analyse(cell, {0.0, 0.0}).back().toConventional,
+                        sizeof reduced);
+            cell.transform(reduced);
+            cell = random.disturbed(cell, 0.005, 0.5);
+            cell.transform(raw(random.unimodular(6)));
+            const auto lattices = LatticeSymmetry::analyse(cell);
+            ASSERT_FALSE(lattices.empty());
+            right += lattices.front().bravaisType == type;
+            EXPECT_EQ(lattices.back().bravaisType, LATTICE::aP);
+            for (const LatticeCharacter& lattice : lattices) {
+                EXPECT_TRUE(isSameLattice(lattice)) << LATTICE::shortName(type) << " as " << lattice.number;
+                EXPECT_LE(lattice.qualityIndex, 2.0 + 1e-5);
+                EXPECT_LE(lattice.lengthMisfit, 0.03 + 1e-7);
+                expectStandardSetting(lattice);
+                UnitCell conventional(cell);
+                conventional.transform(lattice.toConventional);
+                EXPECT_NEAR(conventional.getLengthOfC(), lattice.measured.c, 1e-8 * lattice.measured.c);
+                EXPECT_NEAR(conventional.getBeta(), lattice.measured.beta, 1e-6);
+            }
+        }
+        EXPECT_GE(right, draws * 99 / 100) << LATTICE::shortName(type);
+    }
+}
+
+TEST(LatticeSymmetryTest, FollowsTheTolerances) {
+    // Garnet through a distorting lens: the angles of the primitive cell are off by up to 1.4 degrees.
+    const UnitCell garnet = cellOf({10.41, 10.45, 10.38, 109.4 + 1.4, 109.5 - 1.2, 109.6});
+    EXPECT_EQ(LatticeSymmetry::best(garnet).bravaisType, LATTICE::cI);
+    EXPECT_EQ(LatticeSymmetry::best(garnet, {0.05, 0.0005}).bravaisType, LATTICE::aP);
+    const auto all = LatticeSymmetry::analyse(garnet);
+    EXPECT_GT(all.size(), 5U);
+    EXPECT_NEAR(all.front().symmetrised.a, 12.02, 0.05);
+
+    const double a[3] = {1, 0, 0}, b[3] = {0, 1, 0}, c[3] = {1, 1, 1e-8};
+    EXPECT_TRUE(LatticeSymmetry::analyse(UnitCell(a, b, c, 1.0, true, true, LATTICE::aP)).empty());
+}
+
+TEST(LatticeSymmetryTest, ReciprocalCellsTellTheDirectLattice) {
+    RandomLattice random(23);
+    for (const auto type : kAllBravaisTypes) {
+        UnitCell direct = random.primitive(type);
+        direct.setPixelsize(5e7);
+        const std::unique_ptr<UnitCell> reciprocal(direct.getReciprocalCell());
+        const auto one = LatticeSymmetry::best(direct), other = LatticeSymmetry::best(*reciprocal);
+        EXPECT_EQ(one.bravaisType, other.bravaisType);
+        EXPECT_NEAR(one.symmetrised.a, other.symmetrised.a, 1e-6);
+
+        reciprocal->determineBravaisType();
+        EXPECT_EQ(reciprocal->getBravaisType(), LATTICE::reciprocalType(one.bravaisType));
+        reciprocal->transformIntoConventionalCell();
+        const std::unique_ptr<UnitCell> back(reciprocal->getReciprocalCell());
+        EXPECT_EQ(back->getBravaisType(), one.bravaisType);
+        EXPECT_NEAR(back->getLengthOfB(), other.measured.b, 1e-6);
+    }
+}
+
+TEST(LatticeSymmetryTest, ConventionalAndBackIsTheSameLattice) {
+    RandomLattice random(24);
+    for (int n = 0; n < 280; ++n) {
+        const auto type = kAllBravaisTypes[static_cast<std::size_t>(n) % kAllBravaisTypes.size()];
+        UnitCell cell = random.primitive(type);
+        cell.setPixelsize(5e7);
+        if (n % 2 == 0) cell = *std::unique_ptr<UnitCell>(cell.getReciprocalCell());
+        double base[3][3], inverse[3][3], after[3][3], change[3][3];
+        cell.getOrientationMatrix(base);
+        cell.transformIntoConventionalCell();
+        const double quality = cell.getQualityIndex();
+        EXPECT_GE(quality, 0.0);
+        EXPECT_EQ(cell.isPrimitiv(), centringOf(cell.getBravaisType()).multiplicity == 1);
+        cell.transformIntoPrimitivCell();
+        EXPECT_EQ(cell.getQualityIndex(), quality);
+        EXPECT_TRUE(cell.isPrimitiv());
+        cell.getOrientationMatrix(after);
+        ASSERT_TRUE(BasicMath::Invert(base, inverse));
+        BasicMath::MatrixProduct(inverse, after, change);
+        for (const auto& row : change)
+            for (const double x : row)
+                EXPECT_NEAR(x, std::round(x), 1e-7);
+        EXPECT_NEAR(BasicMath::Determinant(change), 1.0, 1e-7);
+    }
+}
+
+}  // namespace

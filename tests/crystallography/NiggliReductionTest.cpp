@@ -1,0 +1,332 @@
+#include "crystallography/NiggliReduction.h"
+
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <sstream>
+#include <vector>
+
+extern "C" {
+#include <spglib.h>
+}
+
+#include "RandomLattice.h"
+#include "crystallography/UnitCellTest.h"
+
+namespace {
+
+using namespace testing_support;
+
+using Six = std::array<double, 6>;
+
+Six sixOf(const UnitCell& cell) {
+    return {cell.getA(), cell.getB(), cell.getC(), 2.0 * cell.getD(), 2.0 * cell.getE(), 2.0 * cell.getF()};
+}
+
+UnitCell cellOfMetric(const Six& s) {
+    const double a = std::sqrt(s[0]), b = std::sqrt(s[1]), c = std::sqrt(s[2]);
+    const auto angle = [](double cosine) {
+        return BasicMath::ConvertAngleFromRadianToDegree(std::acos(cosine));
+    };
+    return cellOf(
+        {a, b, c, angle(s[3] / (2.0 * b * c)), angle(s[4] / (2.0 * a * c)), angle(s[5] / (2.0 * a * b))});
+}
+
+/// The steps A1 to A8, written down plainly, for at most a number of passes.
+class PlainSteps {
+public:
+    explicit PlainSteps(const UnitCell& cell) : s(sixOf(cell)) {}
+
+    /// The values and the matrix when the steps end by themselves.
+    std::optional<std::pair<Six, IntMatrix>> run(int mostPasses) {
+        for (int i = 0; i < mostPasses; ++i)
+            if (!pass()) return std::make_pair(s, T);
+        return std::nullopt;
+    }
+
+private:
+    bool eq(double x, double y) const { return !(x < y - e || y < x - e); }
+    bool lt(double x, double y) const { return x < y - e; }
+    bool gt(double x, double y) const { return y < x - e; }
+
+    void times(const IntMatrix& m) {
+        IntMatrix out = {};
+        for (std::size_t i = 0; i < 3; ++i)
+            for (std::size_t j = 0; j < 3; ++j)
+                for (std::size_t k = 0; k < 3; ++k)
+                    out[i][j] += T[i][k] * m[k][j];
+        T = out;
+    }
+
+    bool pass() {
+        auto& [A, B, C, x, y, z] = s;
+        if (gt(A, B) || (eq(A, B) && gt(std::abs(x), std::abs(y)))) {
+            times({{{0, -1, 0}, {-1, 0, 0}, {0, 0, -1}}});
+            std::swap(A, B);
+            std::swap(x, y);
+            return true;
+        }
+        if (gt(B, C) || (eq(B, C) && gt(std::abs(y), std::abs(z)))) {
+            times({{{-1, 0, 0}, {0, 0, -1}, {0, -1, 0}}});
+            std::swap(B, C);
+            std::swap(y, z);
+            return true;
+        }
+        settleSigns();
+        const auto sgn = [](double v) { return v > 0.0 ? 1 : -1; };
+        if (gt(std::abs(x), B) || (eq(x, B) && lt(2 * y, z)) || (eq(x, -B) && lt(z, 0))) {
+            const int g = sgn(x);
+            times({{{1, 0, 0}, {0, 1, -g}, {0, 0, 1}}});
+            C = B + C - g * x;
+            y -= g * z;
+            x -= g * 2 * B;
+            return true;
+        }
+        if (gt(std::abs(y), A) || (eq(z, A) && lt(2 * x, z)) || (eq(y, -A) && lt(z, 0))) {
+            const int g = sgn(y);
+            times({{{1, 0, -g}, {0, 1, 0}, {0, 0, 1}}});
+            C = A + C - g * y;
+            x -= g * z;
+            y -= g * 2 * A;
+            return true;
+        }
+        if (gt(std::abs(z), A) || (eq(z, A) && lt(2 * x, y)) || (eq(z, -A) && lt(y, 0))) {
+            const int g = sgn(z);
+            times({{{1, -g, 0}, {0, 1, 0}, {0, 0, 1}}});
+            B = A + B - g * z;
+            x -= g * y;
+            z -= g * 2 * A;
+            return true;
+        }
+        const double sum = x + y + z + A + B;
+        if (!lt(sum, 0) && !(eq(sum, 0) && gt(2 * A + 2 * y + z, 0))) return false;
+        times({{{1, 0, 1}, {0, 1, 1}, {0, 0, 1}}});
+        C = A + B + C + x + y + z;
+        x = 2 * B + x + z;
+        y = 2 * A + y + z;
+        return true;
+    }
+
+    void settleSigns() {
+        int positive = 0, zero = 0, last = -1;
+        std::array<int, 3> sign = {1, 1, 1};
+        for (int i = 0; i < 3; ++i) {
+            const double v = s[static_cast<std::size_t>(i) + 3];
+            if (v > e) ++positive;
+            if (std::abs(v) <= e) {
+                ++zero;
+                last = i;
+            }
+        }
+        const bool allPositive = positive == 3 || (positive == 1 && zero == 0);
+        for (std::size_t i = 0; i < 3; ++i) {
+            double& v = s[i + 3];
+            if (allPositive ? v < -e : v > e) sign[i] = -1;
+            v = allPositive ? std::abs(v) : -std::abs(v);
+        }
+        if (!allPositive && sign[0] * sign[1] * sign[2] < 0 && last >= 0)
+            sign[static_cast<std::size_t>(last)] = -1;
+        times({{{sign[0], 0, 0}, {0, sign[1], 0}, {0, 0, sign[2]}}});
+    }
+
+    Six s;
+    IntMatrix T = {{{1, 0, 0}, {0, 1, 0}, {0, 0, 1}}};
+    static constexpr double e = 1e-5;
+};
+
+Matrix baseOf(const UnitCell& cell) {
+    Matrix m;
+    cell.getOrientationMatrix(reinterpret_cast<double(*)[3]>(m.data()));
+    return m;
+}
+
+/// The integer matrix that leads from one base to another of the same lattice.
+IntMatrix matrixBetween(const UnitCell& from, const UnitCell& to) {
+    const Matrix base = baseOf(from), target = baseOf(to);
+    Matrix inverse, product;
+    EXPECT_TRUE(BasicMath::Invert(raw(base), reinterpret_cast<double(*)[3]>(inverse.data())));
+    BasicMath::MatrixProduct(raw(inverse), raw(target), reinterpret_cast<double(*)[3]>(product.data()));
+    IntMatrix out;
+    for (std::size_t i = 0; i < 3; ++i)
+        for (std::size_t j = 0; j < 3; ++j) {
+            out[i][j] = static_cast<int>(std::lround(product[i][j]));
+            EXPECT_NEAR(product[i][j], out[i][j], 1e-6);
+        }
+    return out;
+}
+
+double determinantOf(const IntMatrix& m) {
+    Matrix d;
+    for (std::size_t i = 0; i < 3; ++i)
+        for (std::size_t j = 0; j < 3; ++j)
+            d[i][j] = m[i][j];
+    return BasicMath::Determinant(raw(d));
+}
+
+void expectNear(const Six& actual, const Six& expected, double tolerance) {
+    for (std::size_t i = 0; i < 6; ++i)
+        EXPECT_NEAR(actual[i], expected[i], tolerance) << "value " << i;
+}
+
+/// One element of the lattice type set in a random base, disturbed in every third case.
+UnitCell randomInput(RandomLattice& random, int n) {
+    UnitCell cell = random.primitive(kAllBravaisTypes[static_cast<std::size_t>(n) % kAllBravaisTypes.size()]);
+    if (n % 3 == 0) cell = random.disturbed(cell, 0.005, 0.5);
+    cell.transform(raw(random.unimodular(n % 8)));
+    return cell;
+}
+
+class NiggliReductionTest : public ::testing::Test {
+protected:
+    NiggliReductionTest() { NiggliReduction::setNarration(&m_narration); }
+    ~NiggliReductionTest() override { NiggliReduction::setNarration(&std::cout); }
+
+    std::ostringstream m_narration;
+};
+
+TEST_F(NiggliReductionTest, PublishedExamples) {
+    struct Case {
+        Six input, reduced;
+    };
+    const Case cases[] = {
+        {{9, 27, 4, -5, -4, -22}, {4, 9, 9, 9, 3, 4}},   // Krivy & Gruber (1976)
+        {{4, 16, 16, 16, 3, 4}, {4, 16, 16, 16, 3, 4}},  // Gruber (1973): Buerger cells of one lattice
+        {{4, 16, 16, 16, 1, 4}, {4, 16, 16, 16, 3, 4}},    {{4, 16, 16, -15, -1, -4}, {4, 16, 16, 16, 3, 4}},
+        {{4, 16, 16, -13, -3, -4}, {4, 16, 16, 16, 3, 4}},
+    };
+    for (const Case& c : cases) {
+        UnitCell cell = cellOfMetric(c.input);
+        EXPECT_TRUE(NiggliReduction::niggliReduction(&cell, 0));
+        expectNear(sixOf(cell), c.reduced, 1e-6);
+        EXPECT_TRUE(UnitCellTest::isNiggliCell(&cell));
+    }
+}
+
+TEST_F(NiggliReductionTest, FollowsTheStatedStepsWhereTheyEnd) {
+    RandomLattice random(11);
+    int ended = 0;
+    constexpr int count = 2800;
+    for (int n = 0; n < count; ++n) {
+        const UnitCell input = randomInput(random, n);
+        UnitCell cell(input);
+        NiggliReduction::niggliReduction(&cell, 1);
+        const IntMatrix T = matrixBetween(input, cell);
+        EXPECT_EQ(determinantOf(T), 1.0);
+        EXPECT_NEAR(cell.getExactVolume(), input.getExactVolume(), 1e-9 * input.getExactVolume());
+        EXPECT_TRUE(UnitCellTest::isBurgerCell(&cell)) << "draw " << n;
+        const auto plain = PlainSteps(input).run(1000);
+        if (!plain) continue;
+        ++ended;
+        ASSERT_EQ(T, plain->second) << "draw " << n;
+        expectNear(sixOf(cell), plain->first, 1e-7);
+    }
+    EXPECT_GT(ended, count * 9 / 10);
+}
+
+TEST_F(NiggliReductionTest, AgreesWithSpglib) {
+    RandomLattice random(12);
+    int compared = 0;
+    for (int n = 0; n < 2800; ++n) {
+        UnitCell cell = randomInput(random, n);
+        Matrix lattice = baseOf(cell);
+        ASSERT_NE(spg_niggli_reduce(reinterpret_cast<double(*)[3]>(lattice.data()), 1e-5), 0);
+        NiggliReduction::niggliReduction(&cell, 0);
+        // A cell on the limit eta = A is where the two state different rules.
+        if (!UnitCellTest::isNiggliCell(&cell)) continue;
+        ++compared;
+        std::array<std::array<double, 3>, 3> v;
+        for (std::size_t i = 0; i < 3; ++i)
+            v[i] = {lattice[0][i], lattice[1][i], lattice[2][i]};
+        const UnitCell other(v[0].data(), v[1].data(), v[2].data(), 1.0, true, true, LATTICE::aP);
+        Six expected = sixOf(other);
+        expectNear(sixOf(cell), expected, 2e-4);
+    }
+    EXPECT_GT(compared, 2500);
+}
+
+TEST_F(NiggliReductionTest, LeavesCircles) {
+    // Reduced already, and the steps would come back to it for ever.
+    UnitCell reduced = cellOfMetric(Six{4, 9, 16, 1, 1, 4});
+    ASSERT_FALSE(PlainSteps(reduced).run(1000));
+    const UnitCell before(reduced);
+    NiggliReduction::niggliReduction(&reduced, 0);
+    expectNear(sixOf(reduced), sixOf(before), 1e-9);
+    EXPECT_TRUE(UnitCellTest::isNiggliCell(&reduced));
+    EXPECT_NE(m_narration.str().find("Ja ist Niggli-Zelle"), std::string::npos);
+
+    RandomLattice random(13);
+    int circles = 0;
+    for (int n = 0; n < 1200; ++n) {
+        UnitCell cell = random.primitive(LATTICE::mC);
+        cell.transform(raw(random.unimodular(4)));
+        if (PlainSteps(cell).run(1000)) continue;
+        ++circles;
+        const UnitCell input(cell);
+        NiggliReduction::niggliReduction(&cell, 0);
+        EXPECT_TRUE(UnitCellTest::isNiggliCell(&cell));
+        EXPECT_EQ(determinantOf(matrixBetween(input, cell)), 1.0);
+    }
+    EXPECT_GT(circles, 100);
+}
+
+TEST_F(NiggliReductionTest, LeavesTheSortingOfNearlyEqualEdges) {
+    // Each pair of neighbours is equal within the tolerance, the first and the last are not.
+    UnitCell cell = cellOfMetric(Six{9.0, 9.000008, 9.000016, 4.0, 2.0, 0.5});
+    NiggliReduction::niggliReduction(&cell, 0);
+    EXPECT_NEAR(cell.getA(), 9.0, 1e-4);
+    EXPECT_NEAR(cell.getC(), 9.0, 1e-4);
+}
+
+TEST_F(NiggliReductionTest, SkewBasesLoseNoAccuracy) {
+    NiggliReduction::setNarration(nullptr);
+    const UnitCell truth = cellOf(Parameters{5.1, 7.3, 11.2, 83.0, 77.0, 71.0});
+    UnitCell reduced(truth);
+    NiggliReduction::niggliReduction(&reduced, 0);
+    for (const auto& [x, y] : {std::pair{100, 100}, {3000, 30}, {100000, 0}}) {
+        UnitCell cell(truth);
+        const int matrix[3][3] = {{1, x, 7}, {0, 1, -y}, {0, 0, 1}};
+        cell.transform(matrix);
+        NiggliReduction::niggliReduction(&cell, 0);
+        expectNear(sixOf(cell), sixOf(reduced), 1e-7);
+    }
+}
+
+TEST_F(NiggliReductionTest, EndsOnCellsThatSpanNothing) {
+    const double nan = std::nan("");
+    const double x[3] = {1, 0, 0}, y[3] = {0.3, 1, 0}, flat[3] = {std::sqrt(2.0), 0.1, 0},
+                 none[3] = {0, 0, 0}, bad[3] = {nan, 0, 1}, far[3] = {1e300, 1e300, 0};
+    NiggliReduction::setNarration(nullptr);
+    for (const double* third : {flat, none, bad, far, x}) {
+        UnitCell cell(x, y, third, 1.0, true, true, LATTICE::aP);
+        EXPECT_TRUE(cell.isDegenerate());
+        EXPECT_TRUE(NiggliReduction::niggliReduction(&cell, 0));
+    }
+    EXPECT_FALSE(NiggliReduction::niggliReduction(nullptr, 0));
+}
+
+TEST_F(NiggliReductionTest, Narration) {
+    const double a[3] = {3, 0, 0}, b[3] = {0, 2, 0}, c[3] = {0, 0, 4};
+    UnitCell cell(a, b, c, 1.0, true, true, LATTICE::aP);
+    NiggliReduction::niggliReduction(&cell, 0);
+    EXPECT_EQ(m_narration.str(),
+              " \n \n"
+              "orientation matrix:\nA_11 = 3  A_12 = 0  A_13 = 0\nA_21 = 0  A_22 = 2  A_23 = 0\n"
+              "A_31 = 0  A_32 = 0  A_33 = 4\n"
+              "cell parameter:\nA = 3  B = 2  C = 4\nAlpha = 90  Beta = 90  Gamma = 90\n"
+              "Cell parameter: \na = 3  b = 2  c = 4\nalpha = 90  beta = 90  gamma = 90\n"
+              "Niggli reduction gestartet\n"
+              "9  4  16  0  0  0\n"
+              "Burger-Zelle:\n4  9  16  0  0  0\n"
+              "Burger-Zelle:\n4  9  16  -0  -0  -0\n"
+              "Niggli reduction beendet\n"
+              "4  9  16  -0  -0  -0\n"
+              "Ja ist Niggli-Zelle\n"
+              "Matrix: \n0 -1 0\n-1 0 0\n0 0 -1\n"
+              "Niggli-Cell parameter: \na = 2  b = 3  c = 4\nalpha = 90  beta = 90  gamma = 90\n"
+              "orientation matrix:\nA_11 = 0  A_12 = -3  A_13 = 0\nA_21 = -2  A_22 = 0  A_23 = 0\n"
+              "A_31 = 0  A_32 = 0  A_33 = -4\n"
+              "cell parameter:\nA = 2  B = 3  C = 4\nAlpha = 90  Beta = 90  Gamma = 90\n"
+              " \n \n");
+}
+
+}  // namespace
