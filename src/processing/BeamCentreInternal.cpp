@@ -14,10 +14,13 @@ namespace {
 
 constexpr int kCoarseSize = 64;
 constexpr int kCandidates = 5;
+constexpr int kFriedelCandidates = 5;
 /// Added to the counts: keeps read-out noise at low counts from being blown up by the root.
 constexpr float kRootOffset = 16.0F;
 constexpr int kMostIterations = 25;
-constexpr double kConverged = 0.002;
+constexpr double kConverged = 0.005;
+/// Near the minimum the weights may keep the last steps from getting smaller.
+constexpr double kNearlyConverged = 0.03;
 constexpr double kLargestError = 0.1;
 constexpr double kFewestInliers = 0.35;
 
@@ -26,38 +29,52 @@ struct Symmetry {
     cv::Point2d centre;
 };
 
-/// Correlation of the opposite pixels of a disc about (sx / 2, sy / 2).
-double inversionCorrelation(const cv::Mat_<float>& image, int sx, int sy, int radius) {
+/// Correlation of the opposite pixels of a disc about (sx / 2, sy / 2); -1 when too few of them exist.
+double inversionCorrelation(const cv::Mat_<float>& image, const cv::Mat_<uchar>& live, cv::Point s,
+                            int radius) {
     double n = 0, sum = 0, squares = 0, products = 0;
-    for (int y = (sy + 1) / 2; y < image.rows && 2 * y - sy <= 2 * radius; ++y) {
-        const int oppositeY = sy - y;
-        if (oppositeY < 0 || oppositeY >= image.rows) continue;
-        const int reach =
-            static_cast<int>(std::sqrt(std::max(0.0, radius * radius - 0.25 * (2 * y - sy) * (2 * y - sy))));
-        const int from = std::max({sx / 2 - reach, 0, sx - image.cols + 1});
-        const int to = std::min({(sx + 1) / 2 + reach, image.cols - 1, sx});
+    for (int y = (s.y + 1) / 2; y < image.rows && 2 * y - s.y <= 2 * radius; ++y) {
+        const int oppositeY = s.y - y;
+        if (oppositeY < 0) break;
+        const double height = 0.5 * (2 * y - s.y);
+        const int reach = static_cast<int>(std::sqrt(std::max(0.0, radius * radius - height * height)));
+        const int from = std::max({s.x / 2 - reach, 0, s.x - image.cols + 1});
+        const int to = std::min({(s.x + 1) / 2 + reach, image.cols - 1, s.x});
         for (int x = from; x <= to; ++x) {
+            if (!live(y, x) || !live(oppositeY, s.x - x)) continue;
             const double a = image(y, x);
-            const double b = image(oppositeY, sx - x);
+            const double b = image(oppositeY, s.x - x);
             n += 2;
             sum += a + b;
             squares += a * a + b * b;
             products += 2 * a * b;
         }
     }
-    if (n < 0.6 * radius * radius) return -1;
+    if (n < 0.8 * radius * radius) return -1;
     const double mean = sum / n;
     const double variance = squares / n - mean * mean;
     return variance > 1e-9 ? (products / n - mean * mean) / variance : -1;
 }
 
-Symmetry bestSymmetry(const cv::Mat_<float>& image, cv::Point candidate, int reach, int radius) {
+/// Climbs from a candidate to the most symmetric point around.
+Symmetry bestSymmetry(const cv::Mat_<float>& image, const cv::Mat_<uchar>& live, cv::Point candidate,
+                      int radius) {
+    constexpr int kReach = 3;  // half pixels
+    constexpr int kMostSteps = 6;
     Symmetry best;
-    for (int sy = 2 * (candidate.y - reach); sy <= 2 * (candidate.y + reach); ++sy)
-        for (int sx = 2 * (candidate.x - reach); sx <= 2 * (candidate.x + reach); ++sx) {
-            const double correlation = inversionCorrelation(image, sx, sy, radius);
-            if (correlation > best.correlation) best = {correlation, {sx * 0.5, sy * 0.5}};
-        }
+    cv::Point s = 2 * candidate;
+    for (int step = 0; step < kMostSteps; ++step) {
+        const cv::Point centre = s;
+        for (int dy = -kReach; dy <= kReach; ++dy)
+            for (int dx = -kReach; dx <= kReach; ++dx) {
+                const cv::Point here = centre + cv::Point(dx, dy);
+                const double correlation = inversionCorrelation(image, live, here, radius);
+                if (correlation <= best.correlation) continue;
+                best = {correlation, {here.x * 0.5, here.y * 0.5}};
+                s = here;
+            }
+        if (std::max(std::abs(s.x - centre.x), std::abs(s.y - centre.y)) < kReach) break;
+    }
     return best;
 }
 
@@ -149,23 +166,10 @@ void collectPairs(const cv::Mat_<float>& image, const cv::Mat_<float>& gx, const
     }
 }
 
-double distance(const BeamCentre& a, double x, double y) {
-    return std::hypot(a.x - x, a.y - y);
-}
-
-/// The centre between the nearest patterns with one; those at the ends take over the nearest.
-std::optional<cv::Point2d> interpolated(std::span<const BeamCentre> centres, std::size_t i) {
-    std::optional<std::size_t> before, after;
-    for (std::size_t j = i; j-- > 0 && !before;)
-        if (centres[j].found()) before = j;
-    for (std::size_t j = i + 1; j < centres.size() && !after; ++j)
-        if (centres[j].found()) after = j;
-    if (!before && !after) return std::nullopt;
-    const BeamCentre& a = centres[before ? *before : *after];
-    const BeamCentre& b = centres[after ? *after : *before];
-    const double t =
-        before && after ? static_cast<double>(i - *before) / static_cast<double>(*after - *before) : 0.0;
-    return cv::Point2d(a.x + t * (b.x - a.x), a.y + t * (b.y - a.y));
+float medianOf(std::vector<float>& values) {
+    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+    std::nth_element(values.begin(), middle, values.end());
+    return *middle;
 }
 
 }  // namespace
@@ -173,52 +177,123 @@ std::optional<cv::Point2d> interpolated(std::span<const BeamCentre> centres, std
 BeamCentreFinder::BeamCentreFinder(int width, int height)
     : m_width(width), m_height(height), m_step(std::max(1, std::min(width, height) / kCoarseSize)) {}
 
-BeamCentre BeamCentreFinder::find(const Frame& frame) {
-    compress(frame);
-    const double shorter = std::min(m_width, m_height);
+BeamCentre BeamCentreFinder::findBeam(const Frame& frame) {
+    prepare(frame);
+    prepareCoarse();
     double symmetry = -1;
     const cv::Point2d coarse = coarseCentre(symmetry);
-    BeamCentre centre;
-    if (symmetry > 0) {
-        centre = refine(m_roots, coarse, {std::max(shorter / 8, 8.0), 3.0});
-        if (centre.found())
-            centre = refine(m_roots, {centre.x, centre.y}, {std::max(shorter / 12, 6.0), 1.0});
-        if (centre.found()) {
-            centre.symmetry = symmetry;
-            return centre;
-        }
-    }
-    cv::Point2d friedel;
-    if (!friedelCentre(friedel)) return {};
-    const cv::Mat pattern = withoutBackground();
-    centre = refine(pattern, friedel, {0.45 * shorter, 2.0});
-    if (centre.found()) centre = refine(pattern, {centre.x, centre.y}, {0.45 * shorter, 1.0});
-    if (!centre.found()) return {};
-    centre.source = BeamCentre::Source::Pattern;
+    if (symmetry <= 0) return {};
+    const double shorter = std::min(m_width, m_height);
+    BeamCentre centre = refine(m_roots, coarse, {std::max(shorter / 8, 8.0), 3.0, 0.1});
+    const double radius = std::max(shorter / 12, 6.0);
+    if (centre.found()) centre = refine(m_roots, {centre.x, centre.y}, {radius, 1.0, kConverged});
+    if (centre.found() && !isBright(centre, radius)) return {};
     centre.symmetry = symmetry;
     return centre;
 }
 
-void BeamCentreFinder::compress(const Frame& frame) {
+BeamCentre BeamCentreFinder::findPattern(const Frame& frame, std::optional<cv::Point2d> expected) {
+    prepare(frame);
+    const cv::Mat_<float> pattern = withoutBackground();
+    const Reduced reduced = reduce(pattern);
+    std::vector<cv::Point> starts = friedelCentres(reduced);
+    if (expected)
+        starts.emplace_back(cvRound(reduced.fromFrame(*expected).x), cvRound(reduced.fromFrame(*expected).y));
+    const int radius = std::min(reduced.pattern.cols, reduced.pattern.rows) * 2 / 5;
+    std::vector<Symmetry> centres;
+    for (const cv::Point& start : starts) {
+        const Symmetry here = bestSymmetry(reduced.pattern, reduced.live, start, radius);
+        const bool known = std::any_of(centres.begin(), centres.end(), [&](const Symmetry& other) {
+            return std::hypot(other.centre.x - here.centre.x, other.centre.y - here.centre.y) < 1.5;
+        });
+        if (here.correlation > 0 && !known) centres.push_back(here);
+    }
+    if (centres.empty()) return {};
+    std::sort(centres.begin(), centres.end(),
+              [](const Symmetry& a, const Symmetry& b) { return a.correlation > b.correlation; });
+
+    constexpr double kUnrivalled = 0.9;  // of the symmetry
+    const bool unique = centres.size() == 1 || centres[1].correlation < kUnrivalled * centres[0].correlation;
+    if (!unique && !expected) return {};
+    // Of equals the one where the beam is thought to be.
+    constexpr double kLargestDistance = 4.0;  // pixels
+    for (const Symmetry& candidate : centres) {
+        const cv::Point2d start = reduced.toFrame(candidate.centre);
+        if (candidate.correlation < kUnrivalled * centres[0].correlation) break;
+        if (!unique && std::hypot(start.x - expected->x, start.y - expected->y) > kLargestDistance) continue;
+        BeamCentre centre = refinePattern(pattern, start);
+        centre.symmetry = candidate.correlation;
+        return centre;
+    }
+    return {};
+}
+
+BeamCentre BeamCentreFinder::improveWithPattern(const Frame& frame, const BeamCentre& beam) {
+    prepare(frame);
+    BeamCentre centre = refinePattern(withoutBackground(), {beam.x, beam.y});
+    constexpr double kLargestDistance = 2.0;  // pixels
+    const bool better = centre.found() && centre.error < beam.error &&
+                        std::hypot(centre.x - beam.x, centre.y - beam.y) < kLargestDistance;
+    if (!better) return beam;
+    centre.symmetry = beam.symmetry;
+    return centre;
+}
+
+BeamCentre BeamCentreFinder::refinePattern(const cv::Mat& pattern, cv::Point2d start) const {
+    const double radius = 0.45 * std::min(m_width, m_height);
+    BeamCentre centre = refine(pattern, start, {radius, 2.0, 0.1});
+    if (centre.found()) centre = refine(pattern, {centre.x, centre.y}, {radius, 1.0, kConverged});
+    if (centre.found()) centre.source = BeamCentre::Source::Pattern;
+    return centre;
+}
+
+void BeamCentreFinder::prepare(const Frame& frame) {
     frame.convertTo(m_roots, CV_32F);
     cv::max(m_roots, 0.0F, m_roots);
     m_roots += kRootOffset;
     cv::sqrt(m_roots, m_roots);
     m_roots -= std::sqrt(kRootOffset);
-    cv::resize(m_roots, m_coarse, cv::Size(m_width / m_step, m_height / m_step), 0, 0, cv::INTER_AREA);
 
-    // Where the mean over some pixels is a small part of the mean over many, something stands before the
-    // detector or pixels are dead.
-    m_dead.release();
+    // Patches without a count: even a weak background would have left some.
+    constexpr int kPatch = 5;
+    const cv::Mat patch = cv::Mat::ones(kPatch, kPatch, CV_8U);
+    cv::Mat highest;
+    cv::dilate(frame, highest, patch, cv::Point(-1, -1), 1, cv::BORDER_REPLICATE);
+    cv::compare(highest, 0, m_dead, cv::CMP_LE);
+    m_hasDead = cv::countNonZero(m_dead) > 0;
+    if (!m_hasDead) return;
+    cv::dilate(m_dead, m_dead, patch);
+    m_live.create(m_dead.size(), CV_32F);
+    m_live.setTo(1.0F);
+    m_live.setTo(0.0F, m_dead);
+    m_roots.setTo(0.0F, m_dead);
 }
 
-cv::Point2d BeamCentreFinder::coarseCentre(double& symmetry) {
+void BeamCentreFinder::prepareCoarse() {
+    const cv::Size size(m_width / m_step, m_height / m_step);
+    cv::resize(m_roots, m_coarse, size, 0, 0, cv::INTER_AREA);
+    m_coarseLive.create(size);
+    m_coarseLive.setTo(1);
+    if (m_hasDead) {
+        cv::Mat_<float> live;
+        cv::resize(m_live, live, size, 0, 0, cv::INTER_AREA);
+        m_coarseLive = live > 0.4F;
+        cv::divide(m_coarse, live + 1e-6F, m_coarse);
+        m_coarse.setTo(0.0F, live <= 0.4F);
+    }
+    // Reflections fill few coarse pixels and must not outshine the halo.
+    cv::Mat_<float> clipped;
+    cv::medianBlur(m_coarse, clipped, 5);
+    cv::min(m_coarse, clipped * 1.5 + 1.0, m_coarse);
+}
+
+cv::Point2d BeamCentreFinder::coarseCentre(double& symmetry) const {
     cv::Mat_<float> blurred;
     cv::GaussianBlur(m_coarse, blurred, cv::Size(), 1.5);
-    const int radius = std::min(m_coarse.cols, m_coarse.rows) / 3;
+    const int radius = std::min(m_coarse.cols, m_coarse.rows) / 4;
     Symmetry best;
-    for (const cv::Point& place : brightest(blurred, kCandidates, 4)) {
-        const Symmetry here = bestSymmetry(m_coarse, place, 2, radius);
+    for (const cv::Point& place : brightest(blurred, kCandidates, 5)) {
+        const Symmetry here = bestSymmetry(m_coarse, m_coarseLive, place, radius);
         if (here.correlation > best.correlation) best = here;
     }
     symmetry = best.correlation;
@@ -227,44 +302,88 @@ cv::Point2d BeamCentreFinder::coarseCentre(double& symmetry) {
             (best.centre.y + 0.5) * m_height / m_coarse.rows - 0.5};
 }
 
-cv::Mat_<float> BeamCentreFinder::withoutBackground() const {
-    cv::Mat_<float> background;
-    cv::GaussianBlur(m_roots, background, cv::Size(), std::max(std::min(m_width, m_height) / 40.0, 2.0));
-    cv::subtract(m_roots, background, background);
-    return background;
+bool BeamCentreFinder::isBright(const BeamCentre& centre, double radius) const {
+    std::vector<float> inside, outside;
+    const int reach = static_cast<int>(radius);
+    const cv::Point c(cvRound(centre.x), cvRound(centre.y));
+    for (int y = std::max(c.y - reach, 0); y <= std::min(c.y + reach, m_height - 1); ++y)
+        for (int x = std::max(c.x - reach, 0); x <= std::min(c.x + reach, m_width - 1); ++x) {
+            if (m_hasDead && m_dead.at<uchar>(y, x)) continue;
+            const double r = std::hypot(x - centre.x, y - centre.y);
+            if (r < radius / 3) inside.push_back(m_roots(y, x));
+            if (r > radius / 2 && r < radius) outside.push_back(m_roots(y, x));
+        }
+    constexpr float kLeastRise = 0.2F;
+    return inside.size() > 5 && outside.size() > 5 && medianOf(inside) > medianOf(outside) + kLeastRise;
 }
 
-bool BeamCentreFinder::friedelCentre(cv::Point2d& centre) {
-    const int step = std::max(1, std::min(m_width, m_height) / 256);
-    cv::Mat_<float> pattern = withoutBackground();
-    cv::resize(pattern, pattern, cv::Size(m_width / step, m_height / step), 0, 0, cv::INTER_AREA);
+cv::Mat_<float> BeamCentreFinder::smoothed(const cv::Mat& image, const cv::Mat& live, double sigma) const {
+    cv::Mat_<float> result;
+    cv::GaussianBlur(image, result, cv::Size(), sigma);
+    if (!m_hasDead) return result;
+    // The mean of the live pixels only.
+    cv::Mat weights;
+    cv::GaussianBlur(live, weights, cv::Size(), sigma);
+    cv::max(weights, 0.05F, weights);
+    cv::divide(result, weights, result);
+    return result;
+}
+
+cv::Mat_<float> BeamCentreFinder::withoutBackground() const {
+    cv::Mat_<float> result = smoothed(m_roots, m_live, std::max(std::min(m_width, m_height) / 40.0, 2.0));
+    cv::subtract(m_roots, result, result);
+    if (m_hasDead) result.setTo(0.0F, m_dead);
+    return result;
+}
+
+BeamCentreFinder::Reduced BeamCentreFinder::reduce(const cv::Mat_<float>& pattern) const {
+    constexpr int kReducedSize = 256;
+    Reduced reduced;
+    reduced.step = std::max(1, std::min(m_width, m_height) / kReducedSize);
+    const cv::Size size(m_width / reduced.step, m_height / reduced.step);
+    cv::resize(pattern, reduced.pattern, size, 0, 0, cv::INTER_AREA);
     // The strongest reflections must not outvote the others.
     cv::Scalar mean, deviation;
-    cv::meanStdDev(pattern, mean, deviation);
-    if (deviation[0] <= 0) return false;
-    cv::min(pattern, 6 * deviation[0], pattern);
-    cv::max(pattern, -2 * deviation[0], pattern);
+    cv::meanStdDev(reduced.pattern, mean, deviation);
+    cv::min(reduced.pattern, 6 * deviation[0], reduced.pattern);
+    cv::max(reduced.pattern, -2 * deviation[0], reduced.pattern);
+    reduced.live.create(size);
+    reduced.live.setTo(1);
+    if (m_hasDead) {
+        cv::Mat dead;
+        cv::resize(m_dead, dead, size, 0, 0, cv::INTER_NEAREST);
+        reduced.live.setTo(0, dead);
+    }
+    return reduced;
+}
 
-    cv::Mat_<float> padded(cv::getOptimalDFTSize(2 * pattern.rows), cv::getOptimalDFTSize(2 * pattern.cols),
+std::vector<cv::Point> BeamCentreFinder::friedelCentres(const Reduced& reduced) const {
+    const cv::Mat_<float>& small = reduced.pattern;
+    cv::Mat_<float> padded(cv::getOptimalDFTSize(2 * small.rows), cv::getOptimalDFTSize(2 * small.cols),
                            0.0F);
-    pattern.copyTo(padded(cv::Rect({0, 0}, pattern.size())));
+    small.copyTo(padded(cv::Rect({0, 0}, small.size())));
     cv::Mat spectrum;
     cv::dft(padded, spectrum);
     cv::mulSpectrums(spectrum, spectrum, spectrum, 0);
     cv::Mat_<float> correlation;
     cv::dft(spectrum, correlation, cv::DFT_INVERSE | cv::DFT_REAL_OUTPUT | cv::DFT_SCALE);
-    // Position s holds the sum over all pairs of pixels whose positions add up to s; centres lie in the inner
-    // half.
-    const cv::Rect inner(pattern.cols / 2, pattern.rows / 2, pattern.cols, pattern.rows);
-    cv::Point peak;
-    double height = 0;
     cv::GaussianBlur(correlation, correlation, cv::Size(), 1.0);
-    cv::minMaxLoc(correlation(inner), nullptr, &height, nullptr, &peak);
-    cv::meanStdDev(correlation(inner), mean, deviation);
-    if (height - mean[0] < 7 * deviation[0]) return false;
-    centre = {(0.5 * (peak.x + inner.x) + 0.5) * m_width / pattern.cols - 0.5,
-              (0.5 * (peak.y + inner.y) + 0.5) * m_height / pattern.rows - 0.5};
-    return true;
+    // Position s holds the sum over all pairs of pixels whose positions add up to s; centres lie in the
+    // inner half of the frame.
+    cv::Mat_<float> inner = correlation(cv::Rect(small.cols / 2, small.rows / 2, small.cols, small.rows));
+    cv::Scalar mean, deviation;
+    cv::meanStdDev(inner, mean, deviation);
+    constexpr double kSignificant = 6.0;  // standard deviations
+    std::vector<cv::Point> centres;
+    while (static_cast<int>(centres.size()) < kFriedelCandidates) {
+        cv::Point peak;
+        double height = 0;
+        cv::minMaxLoc(inner, nullptr, &height, nullptr, &peak);
+        if (!(height - mean[0] >= kSignificant * deviation[0]) || deviation[0] <= 0) break;
+        centres.emplace_back((peak.x + small.cols / 2) / 2, (peak.y + small.rows / 2) / 2);
+        cv::circle(inner, peak, 5, cv::Scalar(mean[0]), cv::FILLED);
+    }
+    return centres;
 }
 
 BeamCentre BeamCentreFinder::refine(const cv::Mat& image, cv::Point2d start, const Disc& disc) const {
@@ -278,7 +397,13 @@ BeamCentre BeamCentreFinder::refine(const cv::Mat& image, cv::Point2d start, con
     if (box.width < 5 || box.height < 5) return {};
 
     cv::Mat smooth, gradientX, gradientY;
-    cv::GaussianBlur(image(box), smooth, cv::Size(), disc.smoothing);
+    smooth = smoothed(image(box), m_hasDead ? m_live(box) : m_live, disc.smoothing);
+    cv::Mat dead;
+    if (m_hasDead) {
+        // What the smoothing mixed with a dark patch is not to be trusted.
+        const int size = 2 * static_cast<int>(std::ceil(2 * disc.smoothing)) + 1;
+        cv::dilate(m_dead(box), dead, cv::Mat::ones(size, size, CV_8U));
+    }
     const cv::Mat central = (cv::Mat_<float>(1, 3) << -0.5F, 0.0F, 0.5F);
     const cv::Mat one = cv::Mat::ones(1, 1, CV_32F);
     cv::sepFilter2D(smooth, gradientX, CV_32F, central, one, cv::Point(-1, -1), 0, cv::BORDER_REPLICATE);
@@ -302,7 +427,8 @@ BeamCentre BeamCentreFinder::refine(const cv::Mat& image, cv::Point2d start, con
         const double longest = std::max(disc.smoothing, 1.0);
         if (length > longest) step *= longest / length;
         c += step;
-        if (length > kConverged) continue;
+        const bool last = iteration + 1 == kMostIterations;
+        if (length > (last ? std::max(disc.convergence, kNearlyConverged) : disc.convergence)) continue;
 
         // Neighbouring pixels of a smoothed image share their noise.
         const double shared = std::max(1.0, 4 * std::numbers::pi * disc.smoothing * disc.smoothing);
@@ -318,28 +444,45 @@ BeamCentre BeamCentreFinder::refine(const cv::Mat& image, cv::Point2d start, con
     return {};
 }
 
-bool completeFromNeighbours(std::span<BeamCentre> centres) {
-    std::vector<double> symmetries;
-    for (const BeamCentre& c : centres)
-        if (c.found()) symmetries.push_back(c.symmetry);
-    if (symmetries.empty()) return false;
-    const auto middle = symmetries.begin() + static_cast<std::ptrdiff_t>(symmetries.size() / 2);
-    std::nth_element(symmetries.begin(), middle, symmetries.end());
+std::optional<cv::Point2d> interpolatedCentre(std::span<const BeamCentre> centres, std::size_t pattern) {
+    std::optional<std::size_t> before, after;
+    for (std::size_t j = pattern; j-- > 0 && !before;)
+        if (centres[j].found()) before = j;
+    for (std::size_t j = pattern + 1; j < centres.size() && !after; ++j)
+        if (centres[j].found()) after = j;
+    if (!before && !after) return std::nullopt;
+    const BeamCentre& a = centres[before ? *before : *after];
+    const BeamCentre& b = centres[after ? *after : *before];
+    const double part = before && after
+                            ? static_cast<double>(pattern - *before) / static_cast<double>(*after - *before)
+                            : 0.0;
+    return cv::Point2d(a.x + part * (b.x - a.x), a.y + part * (b.y - a.y));
+}
 
+void discardContradicted(std::span<BeamCentre> centres) {
+    std::vector<float> symmetries;
+    for (const BeamCentre& c : centres)
+        if (c.found()) symmetries.push_back(static_cast<float>(c.symmetry));
+    if (symmetries.empty()) return;
+    const double usual = medianOf(symmetries);
     constexpr double kContradiction = 3.0;  // pixels; a beam that really jumps keeps its symmetry
     for (std::size_t i = 0; i < centres.size(); ++i) {
-        if (!centres[i].found() || centres[i].symmetry > 0.5 * *middle) continue;
-        const auto expected = interpolated(centres, i);
-        if (expected && distance(centres[i], expected->x, expected->y) > kContradiction)
+        if (!centres[i].found() || centres[i].symmetry > 0.5 * usual) continue;
+        const auto expected = interpolatedCentre(centres, i);
+        if (expected && std::hypot(centres[i].x - expected->x, centres[i].y - expected->y) > kContradiction)
             centres[i].source = BeamCentre::Source::None;
     }
+}
+
+bool completeFromNeighbours(std::span<BeamCentre> centres) {
+    bool known = false;
     for (std::size_t i = 0; i < centres.size(); ++i) {
+        known = known || centres[i].found();
         if (centres[i].found()) continue;
-        const auto expected = interpolated(centres, i);
-        if (!expected) continue;
-        centres[i] = {expected->x, expected->y, 0, 0, BeamCentre::Source::Neighbours};
+        if (const auto expected = interpolatedCentre(centres, i))
+            centres[i] = {expected->x, expected->y, 0, 0, BeamCentre::Source::Neighbours};
     }
-    return true;
+    return known;
 }
 
 }  // namespace VRK::detail

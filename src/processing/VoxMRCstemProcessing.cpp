@@ -295,10 +295,19 @@ VoxMRCData* VoxMRCstemProcessing::step2_CenterShift(VoxMRCData* series) {
     const int height = static_cast<int>(series->GetHeight());
     VRK::detail::BeamCentreFinder finder(width, height);
     std::vector<BeamCentre> centres(count);
-    setSteps(static_cast<int>(2 * count), "Centre");
-    if (!forEachPattern(count, 0, kName,
-                        [&](unsigned i) { centres[i] = finder.find(patternOf(*series, i)); }))
-        return nullptr;
+    setSteps(static_cast<int>(3 * count), "Centre");
+    const auto findBeam = [&](unsigned i) { centres[i] = finder.findBeam(patternOf(*series, i)); };
+    if (!forEachPattern(count, 0, kName, findBeam)) return nullptr;
+    VRK::detail::discardContradicted(centres);
+    constexpr double kPrecise = 0.03;
+    const auto findPattern = [&](unsigned i) {
+        const Frame pattern = patternOf(*series, i);
+        if (!centres[i].found())
+            centres[i] = finder.findPattern(pattern, VRK::detail::interpolatedCentre(centres, i));
+        else if (centres[i].error > kPrecise)
+            centres[i] = finder.improveWithPattern(pattern, centres[i]);
+    };
+    if (!forEachPattern(count, count, kName, findPattern)) return nullptr;
     const bool known = VRK::detail::completeFromNeighbours(centres);
     if (!known)
         log("The direct beam was found in no pattern: the series is left where it is. Centre it before, or "
@@ -310,7 +319,7 @@ VoxMRCData* VoxMRCstemProcessing::step2_CenterShift(VoxMRCData* series) {
 
     constexpr double kCentred = 0.05;
     const cv::Point2d target = VRK::detail::centreOf(width, height);
-    return eachPattern(*series, kName, series->GetWidth(), series->GetHeight(), count,
+    return eachPattern(*series, kName, series->GetWidth(), series->GetHeight(), 2 * count,
                        [&](const Frame& in, Frame& out, unsigned i) {
                            const double dx = target.x - centres[i].x;
                            const double dy = target.y - centres[i].y;
