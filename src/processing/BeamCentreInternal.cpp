@@ -22,6 +22,7 @@ constexpr double kConverged = 0.005;
 /// Near the minimum the weights may keep the last steps from getting smaller.
 constexpr double kNearlyConverged = 0.03;
 constexpr double kLargestError = 0.1;
+constexpr double kRoughError = 1.0;
 constexpr double kFewestInliers = 0.35;
 
 struct Symmetry {
@@ -93,9 +94,9 @@ std::vector<cv::Point> brightest(cv::Mat_<float> image, int count, int apart) {
 }
 
 /// Linear interpolation at a fixed displacement (0 to 1 pixel).
-cv::Mat_<float> displaced(const cv::Mat& image, double fx, double fy) {
-    const std::array<float, 2> wx = {static_cast<float>(1 - fx), static_cast<float>(fx)};
-    const std::array<float, 2> wy = {static_cast<float>(1 - fy), static_cast<float>(fy)};
+cv::Mat_<float> displaced(const cv::Mat& image, cv::Point2d by) {
+    const std::array<float, 2> wx = {static_cast<float>(1 - by.x), static_cast<float>(by.x)};
+    const std::array<float, 2> wy = {static_cast<float>(1 - by.y), static_cast<float>(by.y)};
     cv::Mat_<float> result;
     cv::sepFilter2D(image, result, CV_32F, cv::Mat(1, 2, CV_32F, const_cast<float*>(wx.data())),
                     cv::Mat(1, 2, CV_32F, const_cast<float*>(wy.data())), cv::Point(0, 0), 0,
@@ -110,6 +111,11 @@ struct NormalEquations {
     double inliers = 0;  ///< part of the pairs that have weight
 
     double determinant() const { return xx * yy - xy * xy; }
+    /// Standard uncertainty of a coordinate. The neighbouring pixels of a smoothed image share their noise.
+    double error(double smoothing) const {
+        const double shared = std::max(1.0, 4 * std::numbers::pi * smoothing * smoothing);
+        return scale * std::sqrt(shared * (xx + yy) / determinant() / 2);
+    }
     cv::Point2d step() const {
         const double d = determinant();
         return {-(yy * bx - xy * by) / d, -(xx * by - xy * bx) / d};
@@ -184,10 +190,14 @@ BeamCentre BeamCentreFinder::findBeam(const Frame& frame) {
     const cv::Point2d coarse = coarseCentre(symmetry);
     if (symmetry <= 0) return {};
     const double shorter = std::min(m_width, m_height);
-    BeamCentre centre = refine(m_roots, coarse, {std::max(shorter / 8, 8.0), 3.0, 0.1});
+    BeamCentre centre = refine(m_roots, coarse, {std::max(shorter / 8, 8.0), 3.0, 0.1, kRoughError});
     const double radius = std::max(shorter / 12, 6.0);
-    if (centre.found()) centre = refine(m_roots, {centre.x, centre.y}, {radius, 1.0, kConverged});
+    if (centre.found())
+        centre = refine(m_roots, {centre.x, centre.y}, {radius, 1.0, kConverged, kLargestError});
     if (centre.found() && !isBright(centre, radius)) return {};
+    const cv::Rect disc(cvRound(centre.x - radius), cvRound(centre.y - radius), cvRound(2 * radius),
+                        cvRound(2 * radius));
+    centre.shadowed = m_hasDead && cv::countNonZero(m_dead(disc & cv::Rect(0, 0, m_width, m_height))) > 0;
     centre.symmetry = symmetry;
     return centre;
 }
@@ -241,8 +251,9 @@ BeamCentre BeamCentreFinder::improveWithPattern(const Frame& frame, const BeamCe
 
 BeamCentre BeamCentreFinder::refinePattern(const cv::Mat& pattern, cv::Point2d start) const {
     const double radius = 0.45 * std::min(m_width, m_height);
-    BeamCentre centre = refine(pattern, start, {radius, 2.0, 0.1});
-    if (centre.found()) centre = refine(pattern, {centre.x, centre.y}, {radius, 1.0, kConverged});
+    BeamCentre centre = refine(pattern, start, {radius, 2.0, 0.1, kRoughError});
+    if (centre.found())
+        centre = refine(pattern, {centre.x, centre.y}, {radius, 1.0, kConverged, kLargestError});
     if (centre.found()) centre.source = BeamCentre::Source::Pattern;
     return centre;
 }
@@ -386,40 +397,47 @@ std::vector<cv::Point> BeamCentreFinder::friedelCentres(const Reduced& reduced) 
     return centres;
 }
 
-BeamCentre BeamCentreFinder::refine(const cv::Mat& image, cv::Point2d start, const Disc& disc) const {
-    // Only the surroundings are looked at; the margin lets the centre wander.
+BeamCentreFinder::Surroundings BeamCentreFinder::surroundingsOf(const cv::Mat& image, cv::Point2d centre,
+                                                                const Disc& disc) const {
+    Surroundings result;
+    // The margin lets the centre wander.
     const int margin =
         static_cast<int>(std::ceil(4 * disc.smoothing + std::min(m_width, m_height) / 16.0)) + 2;
     const int reach = static_cast<int>(std::ceil(disc.radius)) + margin;
-    const cv::Rect frame(0, 0, m_width, m_height);
-    const cv::Point nearest(cvRound(start.x), cvRound(start.y));
-    const cv::Rect box = cv::Rect(nearest.x - reach, nearest.y - reach, 2 * reach + 1, 2 * reach + 1) & frame;
-    if (box.width < 5 || box.height < 5) return {};
-
-    cv::Mat smooth, gradientX, gradientY;
-    smooth = smoothed(image(box), m_hasDead ? m_live(box) : m_live, disc.smoothing);
-    cv::Mat dead;
+    const cv::Point nearest(cvRound(centre.x), cvRound(centre.y));
+    result.box = cv::Rect(nearest.x - reach, nearest.y - reach, 2 * reach + 1, 2 * reach + 1) &
+                 cv::Rect(0, 0, m_width, m_height);
+    if (result.box.width < 5 || result.box.height < 5) return result;
+    result.image = smoothed(image(result.box), m_hasDead ? m_live(result.box) : cv::Mat(), disc.smoothing);
+    const cv::Mat central = (cv::Mat_<float>(1, 3) << -0.5F, 0.0F, 0.5F);
+    const cv::Mat one = cv::Mat::ones(1, 1, CV_32F);
+    cv::sepFilter2D(result.image, result.gradientX, CV_32F, central, one, cv::Point(-1, -1), 0,
+                    cv::BORDER_REPLICATE);
+    cv::sepFilter2D(result.image, result.gradientY, CV_32F, one, central, cv::Point(-1, -1), 0,
+                    cv::BORDER_REPLICATE);
     if (m_hasDead) {
         // What the smoothing mixed with a dark patch is not to be trusted.
         const int size = 2 * static_cast<int>(std::ceil(2 * disc.smoothing)) + 1;
-        cv::dilate(m_dead(box), dead, cv::Mat::ones(size, size, CV_8U));
+        cv::dilate(m_dead(result.box), result.dead, cv::Mat::ones(size, size, CV_8U));
     }
-    const cv::Mat central = (cv::Mat_<float>(1, 3) << -0.5F, 0.0F, 0.5F);
-    const cv::Mat one = cv::Mat::ones(1, 1, CV_32F);
-    cv::sepFilter2D(smooth, gradientX, CV_32F, central, one, cv::Point(-1, -1), 0, cv::BORDER_REPLICATE);
-    cv::sepFilter2D(smooth, gradientY, CV_32F, one, central, cv::Point(-1, -1), 0, cv::BORDER_REPLICATE);
+    return result;
+}
 
-    cv::Point2d c = start - cv::Point2d(box.tl());
+BeamCentre BeamCentreFinder::refine(const cv::Mat& image, cv::Point2d start, const Disc& disc) const {
+    const Surroundings around = surroundingsOf(image, start, disc);
+    const cv::Rect inside(2, 2, around.box.width - 4, around.box.height - 4);
+    cv::Point2d c = start - cv::Point2d(around.box.tl());
     std::vector<Pair> pairs;
     std::vector<float> scratch;
     for (int iteration = 0; iteration < kMostIterations; ++iteration) {
         const cv::Point whole(cvFloor(c.x), cvFloor(c.y));
-        if (!cv::Rect(2, 2, box.width - 4, box.height - 4).contains(whole)) return {};
-        const double fx = c.x - whole.x;
-        const double fy = c.y - whole.y;
-        collectPairs(displaced(smooth, fx, fy), displaced(gradientX, fx, fy), displaced(gradientY, fx, fy),
-                     m_dead, whole, static_cast<int>(disc.radius), pairs);
-        if (pairs.size() < 30) return {};
+        if (!inside.contains(whole)) return {};
+        const cv::Point2d rest = c - cv::Point2d(whole);
+        collectPairs(displaced(around.image, rest), displaced(around.gradientX, rest),
+                     displaced(around.gradientY, rest), around.dead, whole, static_cast<int>(disc.radius),
+                     pairs);
+        constexpr std::size_t kFewestPairs = 30;
+        if (pairs.size() < kFewestPairs) return {};
         const NormalEquations equations = solve(pairs, scratch);
         if (!(equations.determinant() > 1e-9)) return {};
         cv::Point2d step = equations.step();
@@ -430,14 +448,11 @@ BeamCentre BeamCentreFinder::refine(const cv::Mat& image, cv::Point2d start, con
         const bool last = iteration + 1 == kMostIterations;
         if (length > (last ? std::max(disc.convergence, kNearlyConverged) : disc.convergence)) continue;
 
-        // Neighbouring pixels of a smoothed image share their noise.
-        const double shared = std::max(1.0, 4 * std::numbers::pi * disc.smoothing * disc.smoothing);
         BeamCentre centre;
-        centre.error =
-            equations.scale * std::sqrt(shared * (equations.xx + equations.yy) / equations.determinant() / 2);
-        centre.x = c.x + box.x;
-        centre.y = c.y + box.y;
-        if (centre.error < kLargestError && equations.inliers > kFewestInliers)
+        centre.x = c.x + around.box.x;
+        centre.y = c.y + around.box.y;
+        centre.error = equations.error(disc.smoothing);
+        if (centre.error < disc.largestError && equations.inliers > kFewestInliers)
             centre.source = BeamCentre::Source::Beam;
         return centre;
     }
@@ -480,7 +495,7 @@ bool completeFromNeighbours(std::span<BeamCentre> centres) {
         known = known || centres[i].found();
         if (centres[i].found()) continue;
         if (const auto expected = interpolatedCentre(centres, i))
-            centres[i] = {expected->x, expected->y, 0, 0, BeamCentre::Source::Neighbours};
+            centres[i] = {.x = expected->x, .y = expected->y, .source = BeamCentre::Source::Neighbours};
     }
     return known;
 }

@@ -24,6 +24,7 @@ struct BeamCentre {
     double error = 0;     ///< standard uncertainty, pixels
     double symmetry = 0;  ///< correlation of the pattern with its inversion about the centre
     Source source = Source::None;
+    bool shadowed = false;  ///< dark pixels hide a part of the beam's surroundings
 
     bool found() const { return source == Source::Beam || source == Source::Pattern; }
 };
@@ -55,9 +56,19 @@ public:
 
 private:
     struct Disc {
-        double radius;       ///< pixels
-        double smoothing;    ///< standard deviation of the Gaussian that goes before, pixels
-        double convergence;  ///< step at which the iteration ends, pixels
+        double radius;        ///< pixels
+        double smoothing;     ///< standard deviation of the Gaussian that goes before, pixels
+        double convergence;   ///< step at which the iteration ends, pixels
+        double largestError;  ///< up to which the result counts as found, pixels
+    };
+
+    /// What a refinement looks at.
+    struct Surroundings {
+        cv::Rect box;  ///< in the frame
+        cv::Mat image;
+        cv::Mat gradientX;
+        cv::Mat gradientY;
+        cv::Mat dead;  ///< 0 where pixels take part; empty when all do
     };
 
     /// A pattern at a scale at which its symmetry is quickly told.
@@ -81,6 +92,7 @@ private:
     std::vector<cv::Point> friedelCentres(const Reduced& reduced) const;
     cv::Mat_<float> smoothed(const cv::Mat& image, const cv::Mat& live, double sigma) const;
     cv::Mat_<float> withoutBackground() const;
+    Surroundings surroundingsOf(const cv::Mat& image, cv::Point2d centre, const Disc& disc) const;
     BeamCentre refine(const cv::Mat& image, cv::Point2d start, const Disc& disc) const;
     BeamCentre refinePattern(const cv::Mat& pattern, cv::Point2d start) const;
     bool isBright(const BeamCentre& centre, double radius) const;

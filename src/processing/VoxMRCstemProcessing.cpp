@@ -299,12 +299,12 @@ VoxMRCData* VoxMRCstemProcessing::step2_CenterShift(VoxMRCData* series) {
     const auto findBeam = [&](unsigned i) { centres[i] = finder.findBeam(patternOf(*series, i)); };
     if (!forEachPattern(count, 0, kName, findBeam)) return nullptr;
     VRK::detail::discardContradicted(centres);
-    constexpr double kPrecise = 0.03;
+    constexpr double kPrecise = 0.035;
     const auto findPattern = [&](unsigned i) {
         const Frame pattern = patternOf(*series, i);
         if (!centres[i].found())
             centres[i] = finder.findPattern(pattern, VRK::detail::interpolatedCentre(centres, i));
-        else if (centres[i].error > kPrecise)
+        else if (centres[i].error > kPrecise || centres[i].shadowed)
             centres[i] = finder.improveWithPattern(pattern, centres[i]);
     };
     if (!forEachPattern(count, count, kName, findPattern)) return nullptr;
