@@ -58,9 +58,8 @@ public:
 
     /// Refines a cell in place and indexes the list with the result.
     ///
-    /// \param reflections  receives the h, k, l of the refined cell; reflections that are not near a node,
-    /// not
-    ///                     at a finite position or beyond the range of int become "not indexed"
+    /// \param reflections  receives the h, k, l of the refined cell; a reflection that is not near a node, at
+    ///                     no finite position or beyond the range of int becomes "not indexed"
     /// \param cell         a primitive reciprocal cell in voxels; it receives the refined vectors and keeps
     ///                     its pixel size, by which voxels become inverse Angstrom (lengths are in 1/voxel
     ///                     when that is not positive)

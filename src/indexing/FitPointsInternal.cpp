@@ -1,9 +1,11 @@
 #include "indexing/FitPointsInternal.h"
 
 #include <Eigen/LU>
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
+#include "crystallography/UnitCell.h"
 #include "reflections/Reflex.h"
 #include "reflections/ReflexVector.h"
 
@@ -29,10 +31,12 @@ void assignIndices(ReflexVector& reflections, const std::vector<Indices>& indice
         if (Reflex* reflex = reflections[i]) reflex->setHKL(indices[i][0], indices[i][1], indices[i][2]);
 }
 
-CellTies tiesOf(LATTICE::BravaisTypes type, const Eigen::Matrix3d& toConventional) {
+CellTies tiesOf(LATTICE::BravaisTypes type, const double toConventional[3][3]) {
     using namespace LATTICE;
     CellTies ties;
-    ties.toConventional = toConventional;
+    for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 3; ++j)
+            ties.toConventional(i, j) = toConventional[i][j];
     ties.any = true;
     switch (type) {
         case cP:
@@ -100,7 +104,25 @@ CellRefinement::Result describe(const LatticeFit& fit, const CellTies& ties, dou
     return result;
 }
 
-Lattice latticeFrom(const double vectors[3][3], const double origin[3]) {
+void copyMatrix(const double from[3][3], double to[3][3]) {
+    for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 3; ++j)
+            to[i][j] = from ? from[i][j] : (i == j ? 1.0 : 0.0);
+}
+
+const char* obstacle(const UnitCell* cell, const double* origin, double tolerance, const CellTies& ties) {
+    if (!cell || !origin) return "there is no cell or no origin to start from.";
+    if (cell->isRealCell()) return "the cell has to be given as a reciprocal cell.";
+    if (cell->isDegenerate()) return "the cell's vectors lie in a plane or are not finite.";
+    if (!(tolerance > 0.0 && tolerance <= 0.5)) return "the tolerance has to lie between 0 and 0.5.";
+    if (!(std::abs(ties.toConventional.determinant()) > 1e-6))
+        return "the matrix to the conventional cell is singular.";
+    return nullptr;
+}
+
+Lattice latticeFrom(const UnitCell& cell, const double origin[3]) {
+    double vectors[3][3];
+    cell.getBase(vectors[0], vectors[1], vectors[2]);
     Lattice lattice;
     for (int i = 0; i < 3; ++i) {
         lattice.origin(i) = origin[i];
@@ -108,6 +130,14 @@ Lattice latticeFrom(const double vectors[3][3], const double origin[3]) {
             lattice.basis(j, i) = vectors[i][j];
     }
     return lattice;
+}
+
+void storeLattice(const CellRefinement::Result& result, UnitCell& cell, double origin[3]) {
+    const bool primitiv = cell.isPrimitiv();
+    const LATTICE::BravaisTypes type = cell.getBravaisType();
+    cell.setNewBase(result.basis[0], result.basis[1], result.basis[2], false, primitiv);
+    cell.setBravaisType(type);
+    std::copy(result.origin, result.origin + 3, origin);
 }
 
 }  // namespace VRK::detail

@@ -10,6 +10,7 @@
 #include "indexing/LatticeFitInternal.h"
 
 class ReflexVector;
+class UnitCell;
 
 namespace VRK::detail {
 
@@ -20,13 +21,29 @@ std::vector<FitPoint> gatherPoints(const ReflexVector& reflections, int centerTy
 /// Writes h, k, l into the list.
 void assignIndices(ReflexVector& reflections, const std::vector<Indices>& indices);
 
-/// The ties of a Bravais type between the parameters of its conventional cell.
-CellTies tiesOf(LATTICE::BravaisTypes type, const Eigen::Matrix3d& toConventional);
+/// The ties of a Bravais type between the parameters of its conventional cell, which is the fitted direct
+/// cell times the matrix.
+CellTies tiesOf(LATTICE::BravaisTypes type, const double toConventional[3][3]);
+
+/// Copies a matrix to the conventional cell; null gives the unit matrix.
+void copyMatrix(const double from[3][3], double to[3][3]);
+
+/// Why a refinement cannot start; null when it can.
+const char* obstacle(const UnitCell* cell, const double* origin, double tolerance, const CellTies& ties);
+
+/// Why a fit that is not valid found nothing.
+inline constexpr const char* kNoFit =
+    "fewer than six reflections, or only ones in a plane, lie near the nodes of the cell's lattice. Check "
+    "the cell "
+    "and the origin, or allow a larger tolerance.";
 
 /// The fit in the terms of the public classes.
 CellRefinement::Result describe(const LatticeFit& fit, const CellTies& ties, double pixelSize);
 
-/// A lattice whose basis has the vectors v[0], v[1], v[2].
-Lattice latticeFrom(const double vectors[3][3], const double origin[3]);
+/// The lattice of a reciprocal cell, and its place.
+Lattice latticeFrom(const UnitCell& cell, const double origin[3]);
+
+/// Gives a cell the refined vectors, its other properties stay, and the origin its refined place.
+void storeLattice(const CellRefinement::Result& result, UnitCell& cell, double origin[3]);
 
 }  // namespace VRK::detail

@@ -25,15 +25,13 @@ public:
     ///
     /// \param volume      not read; may be null
     /// \param cell        base vectors in the unit of the positions: a reciprocal cell in voxels (a direct
-    /// cell
-    ///                    is warned of). A left-handed cell is used as it is, with a warning; one that is not
-    ///                    primitive is turned into a primitive cell, with a warning.
+    ///                    cell is warned of). A left-handed cell is used as it is, with a warning; one that
+    ///                    is not primitive is turned into a primitive cell, with a warning.
     /// \param reflections indexed in place; the order stays
     /// \param origin      place of 000 in voxels, three coordinates
     /// \param mode        which centre of a reflection is its position, as in Reflex::getCenter(): 1
-    /// brightest
-    ///                    voxel, 2 mean of the voxels, 3 intensity-weighted mean; any other value takes
-    ///                    getCenter(axis)
+    ///                    brightest voxel, 2 mean of the voxels, 3 intensity-weighted mean; any other value
+    ///                    takes getCenter(axis)
     /// \param tolerance   a fractional index farther than this from an integer makes "not indexed"
     /// \param result      null or kResultSize values over the indexed reflections, voxels: mean length of the
     ///                    displacement, means of its absolute components in x, y, z, then the root mean
@@ -41,9 +39,8 @@ public:
     /// \param out1        lengths of the displacements of the indexed reflections, in list order
     /// \param out2,out3,out4  absolute x, y and z components of the same displacements
     /// \param out5,out6,out7,out8  the same for reflections that could not be indexed. Null is allowed for
-    /// each;
-    ///                    all others are cleared first. A reflection at a position that is not finite, or an
-    ///                    empty place of the list, appears in none of them.
+    ///                    each; all others are cleared first. A reflection at a position that is not finite,
+    ///                    or an empty place of the list, appears in none of them.
     /// \returns the number of indexed reflections; -1, with an error logged, without a list, cell or origin
     ///          (nothing is changed then) and for a singular cell (nothing is indexed then)
     ///

@@ -129,9 +129,7 @@ void place(ReflexVector& list, const std::vector<FitPoint>& points) {
 
 void PositionRefinement::setConstraint(LATTICE::BravaisTypes type, const double toConventional[3][3]) {
     m_type = type;
-    for (int i = 0; i < 3; ++i)
-        for (int j = 0; j < 3; ++j)
-            m_toConventional[i][j] = toConventional ? toConventional[i][j] : (i == j ? 1.0 : 0.0);
+    VRK::detail::copyMatrix(toConventional, m_toConventional);
 }
 
 ReflexVector* PositionRefinement::refine(const ReflexVector* found, const SamplingGeometry& geometry,
@@ -146,20 +144,10 @@ ReflexVector* PositionRefinement::refine(const ReflexVector* positions, std::spa
     using namespace VRK::detail;
     if (!positions) return fail("there is no list of reflections.");
     if (tilts.size() != positions->size()) return fail("there has to be one tilt for each reflection.");
-    if (!cell || !origin) return fail("there is no cell or no origin to start from.");
-    if (cell->isRealCell()) return fail("the cell has to be given as a reciprocal cell.");
-    if (cell->isDegenerate()) return fail("the cell's vectors lie in a plane or are not finite.");
-    if (!(m_tolerance > 0.0 && m_tolerance <= 0.5))
-        return fail("the tolerance has to lie between 0 and 0.5.");
-    const Eigen::Matrix3d toConventional =
-        Eigen::Map<const Eigen::Matrix<double, 3, 3, Eigen::RowMajor>>(&m_toConventional[0][0]);
-    if (!(std::abs(toConventional.determinant()) > 1e-6))
-        return fail("the matrix to the conventional cell is singular.");
+    const CellTies ties = tiesOf(m_type, m_toConventional);
+    if (const char* reason = obstacle(cell, origin, m_tolerance, ties)) return fail(reason);
 
-    double vectors[3][3];
-    cell->getBase(vectors[0], vectors[1], vectors[2]);
-    const Lattice start = latticeFrom(vectors, origin);
-    const CellTies ties = tiesOf(m_type, toConventional);
+    const Lattice start = latticeFrom(*cell, origin);
     const double pixelSize = cell->getPixelsize();
     const bool curved = m_wavelength > 0.0 && pixelSize > 0.0;
     const EwaldCurvature curvature(curved ? m_wavelength : 0.0, curved ? pixelSize : 0.0);
@@ -168,10 +156,7 @@ ReflexVector* PositionRefinement::refine(const ReflexVector* positions, std::spa
     std::array<Attempt, 2> attempts;
     attempts[0] = attempt(found, tilts, start, curvature, +1, m_tolerance, ties);
     attempts[1] = curved ? attempt(found, tilts, start, curvature, -1, m_tolerance, ties) : attempts[0];
-    if (!attempts[0].fit.valid && !attempts[1].fit.valid)
-        return fail(
-            "fewer than six reflections, or only ones in a plane, lie near the nodes of the cell's lattice. "
-            "Check the cell and the origin, or allow a larger tolerance.");
+    if (!attempts[0].fit.valid && !attempts[1].fit.valid) return fail(kNoFit);
     Result result{};
     std::size_t best = compare(attempts, result);
     if (!attempts[best].fit.valid) best = 1 - best;
@@ -182,12 +167,6 @@ ReflexVector* PositionRefinement::refine(const ReflexVector* positions, std::spa
     result.sense = curved ? attempts[best].sense : 0;
     result.lattice = describe(attempts[best].fit, ties, pixelSize);
     m_result = result;
-
-    const bool primitiv = cell->isPrimitiv();
-    const LATTICE::BravaisTypes type = cell->getBravaisType();
-    cell->setNewBase(result.lattice.basis[0], result.lattice.basis[1], result.lattice.basis[2], false,
-                     primitiv);
-    cell->setBravaisType(type);
-    std::copy(result.lattice.origin, result.lattice.origin + 3, origin);
+    storeLattice(result.lattice, *cell, origin);
     return list.release();
 }

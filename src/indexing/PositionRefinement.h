@@ -50,12 +50,10 @@ public:
     /// \param found     reflections as the search left them, unchanged
     /// \param geometry  of the reconstruction that made their volume
     /// \param cell      primitive reciprocal cell in voxels with its pixel size (1/m per voxel) set; receives
-    /// the
-    ///                  refined vectors
+    ///                  the refined vectors
     /// \param origin    place of 000 in voxels, at first the centre of the volume; receives the refined one
     /// \returns a new list of plain reflections at their corrected positions, in the order of the old one,
-    /// with
-    ///          the old intensities and the indices of the refined lattice (the caller owns it,
+    ///          with the old intensities and the indices of the refined lattice (the caller owns it,
     ///          ReflexVector::destroy() frees it); null, with an error logged and nothing changed, in the
     ///          cases in which CellRefinement::refine() fails
     ReflexVector* refine(const ReflexVector* found, const SamplingGeometry& geometry, UnitCell* cell,

@@ -23,8 +23,8 @@ public:
     ///                     follows from the position.
     /// \param geometry     of the reconstruction that made the volume
     /// \param tilts        receives one intensity-weighted mean tilt (radians) for each reflection; may be
-    /// null \returns a new list of plain reflections in the same order, with the indices and intensities of
-    /// the
+    ///                     null
+    /// \returns a new list of plain reflections in the same order, with the indices and intensities of the
     ///          old ones (the caller owns it, ReflexVector::destroy() frees it); null, with an error logged,
     ///          when the list is null. An empty place stays empty, with tilt 0.
     static ReflexVector* fromSamples(const ReflexVector* reflections, const SamplingGeometry& geometry,
