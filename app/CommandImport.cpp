@@ -113,7 +113,7 @@ void addImportCommand(CLI::App& app, Host& host) {
         "the headers\n"
         "  vrk import frames/*.tif -o series.mrc --tilts -60:0.5 --pixel-size 4.9e7    TIFF, single pages\n"
         "  vrk import movie.tif -o series.mrc --tilts movie.rawtlt --pixel-size 4.9e7  TIFF, many pages\n"
-        "  vrk import RED/1.ed3d -o series.mrc                             MRC frames with their .ed3d list\n"
+        "  vrk import frames/1.ed3d -o series.mrc                          MRC frames with their .ed3d list\n"
         "  vrk import stack.mrc -o series.mrc                              MRC stack with FEI extended "
         "header\n"
         "  vrk import stack.mrc -o series.mrc --tilts stack.mrc.mdoc       MRC stack with .mdoc, .tlt or "

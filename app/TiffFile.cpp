@@ -4,6 +4,8 @@
 #include <opencv2/imgcodecs.hpp>
 #include <sstream>
 
+#include "TiffDirectory.h"
+
 namespace host {
 namespace {
 
@@ -32,15 +34,6 @@ cv::Mat readPage(const std::filesystem::path& path, int page) {
     }
 }
 
-int countPages(const std::filesystem::path& path) {
-    const CapturedErrors captured;
-    try {
-        return static_cast<int>(cv::imcount(path.string(), cv::IMREAD_UNCHANGED));
-    } catch (const cv::Exception&) {
-        return 0;
-    }
-}
-
 }  // namespace
 
 bool TiffFile::recognises(const std::string& firstBytes) {
@@ -50,26 +43,27 @@ bool TiffFile::recognises(const std::string& firstBytes) {
 }
 
 TiffFile::TiffFile(const std::filesystem::path& path) : FrameFile(path) {
-    const int pages = countPages(path);
-    const cv::Mat first = pages > 0 ? readPage(path, 0) : cv::Mat();
-    if (first.empty())
-        refuse(
-            "the TIFF cannot be read; it is damaged, truncated or of a kind other than grey pages of 8, 16 "
-            "or 32 bits");
-    if (first.channels() != 1) refuse("the TIFF has colours; export the frames as grey values");
-    checkSize(first.cols, first.rows);
-    FrameInfo info;
-    info.width = first.cols;
-    info.height = first.rows;
-    m_infos.assign(static_cast<std::size_t>(pages), info);
+    for (const TiffPage& page : readTiffPages(path)) {
+        checkSize(page.width, page.height);
+        FrameInfo info;
+        info.width = static_cast<int>(page.width);
+        info.height = static_cast<int>(page.height);
+        m_infos.push_back(info);
+    }
+    if (m_infos.empty()) refuse("the TIFF is damaged: it has no pages that can be read");
 }
 
 Frame TiffFile::read(int frame) const {
     const cv::Mat page = readPage(m_path, frame);
+    const FrameInfo& info = m_infos.at(static_cast<std::size_t>(frame));
     const std::string name = "page " + std::to_string(frame + 1);
-    if (page.empty()) refuse(name + " cannot be read; the file is damaged or truncated");
-    if (page.channels() != 1 || page.cols != m_infos[0].width || page.rows != m_infos[0].height)
-        refuse(name + " has another size than the first page");
+    if (page.empty())
+        refuse(name +
+               " of the TIFF cannot be read: the file is damaged or truncated, or its pixels are not of 8 or "
+               "16 bits, "
+               "32-bit signed integers or floating-point numbers");
+    if (page.channels() != 1) refuse(name + " of the TIFF has colours; export the frames as grey values");
+    if (page.cols != info.width || page.rows != info.height) refuse(name + " of the TIFF is damaged");
     Frame result{page.cols, page.rows, std::vector<float>(page.total())};
     cv::Mat target(page.rows, page.cols, CV_32F, result.pixels.data());
     page.convertTo(target, CV_32F);

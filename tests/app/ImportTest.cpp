@@ -434,6 +434,49 @@ TEST(Import, DamagedInputIsRefusedWithAReason) {
     EXPECT_NE(failure(mixed).find("different sizes"), std::string::npos);
 }
 
+TEST(Import, DamagedBytesAnywhereAreImportedOrRefused) {
+    const TemporaryFolder folder;
+    cv::Mat page(kHeight, kWidth, CV_16U, cv::Scalar(7));
+    ASSERT_TRUE(cv::imwrite(folder / "good.tif", std::vector<cv::Mat>{page, page}));
+    std::string newRecords = mrc<std::int16_t>(2, 1, feiRecords(2, 768, 4e7));
+    std::memcpy(newRecords.data() + 104, "FEI1", 4);
+    const std::vector<std::pair<std::string, std::string>> files = {
+        {"a.img", smv(1, 0)},
+        {"a.tif", folder.read("good.tif")},
+        {"a.mrc", mrc<std::int16_t>(2, 1, floatRecords(2, 128, {{11, 5e7F}}))},
+        {"b.mrc", newRecords},
+        {"a.ed3d",
+         "CCDPIXELSIZE 0.004\nFILELIST\nFILE good.img -1.0 0 -1.0\nFILE good.img 1.0\nENDFILELIST\n"},
+        {"a.mdoc", "Voltage = 200\n[ZValue = 0]\nTiltAngle = -1\n[ZValue = 1]\nTiltAngle = 0\n"}};
+    folder.write("good.img", smv(1, 0));
+    const std::string stack = folder.write("good.mrc", mrc<std::int16_t>(2, 1, ""));
+    host::SimulationRandom random(11);
+    int refused = 0;
+    for (int round = 0; round < 240; ++round) {
+        auto [name, bytes] = files[static_cast<std::size_t>(round) % files.size()];
+        for (int i = random.index(4); i >= 0; --i) {
+            const auto where = static_cast<std::size_t>(random.uniform() * static_cast<double>(bytes.size()));
+            bytes[where] = static_cast<char>(random.index(2) == 0 ? random.index(256) : '9');
+        }
+        if (random.index(8) == 0)
+            bytes.resize(static_cast<std::size_t>(random.index(static_cast<int>(bytes.size()))));
+        ImportSettings settings;
+        settings.files = {folder.write(name, bytes)};
+        if (name == "a.tif") settings.tilts = "0:1";
+        if (name == "a.mdoc") {
+            settings.tilts = folder / name;
+            settings.files = {stack};
+        }
+        try {
+            import(settings);
+        } catch (const host::Failure&) {
+            ++refused;
+        }
+    }
+    EXPECT_GT(refused, 50);
+    EXPECT_LT(refused, 235);
+}
+
 TEST(Import, NamesWithNumbersAreOrderedByThem) {
     EXPECT_TRUE(host::naturallyBefore("f_2.img", "f_10.img"));
     EXPECT_TRUE(host::naturallyBefore("f_002.img", "f_10.img"));
