@@ -1,0 +1,19 @@
+#include "cellfinding/ClusterPoint.h"
+
+#include <sstream>
+
+#include "cellfinding/PointTextInternal.h"
+#include "foundation/VRKLogger.h"
+
+template <typename T>
+void ClusterPoint<T>::print() const {
+    std::ostringstream text;
+    text << "( ";
+    VRK::detail::writeList(text, this->getData(), this->getDimension());
+    text << " ) - clusterID = " << m_clusterID;
+    VRKLogger::getInstance()->log(text.str(), VRK::Normal, VRK::Information);
+}
+
+template class VRKCORE_EXPORT ClusterPoint<int>;
+template class VRKCORE_EXPORT ClusterPoint<float>;
+template class VRKCORE_EXPORT ClusterPoint<double>;

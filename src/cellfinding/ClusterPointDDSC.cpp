@@ -1,0 +1,19 @@
+#include "cellfinding/ClusterPointDDSC.h"
+
+#include <sstream>
+
+#include "cellfinding/PointTextInternal.h"
+#include "foundation/VRKLogger.h"
+
+template <typename T>
+void ClusterPointDDSC<T>::print() const {
+    std::ostringstream text;
+    text << "( ";
+    VRK::detail::writeList(text, this->getData(), this->getDimension());
+    text << " ) - clusterID = " << m_clusterID << " - nSize = " << getSizeOfNeighbourhood();
+    VRKLogger::getInstance()->log(text.str(), VRK::Normal, VRK::Information);
+}
+
+template class VRKCORE_EXPORT ClusterPointDDSC<int>;
+template class VRKCORE_EXPORT ClusterPointDDSC<float>;
+template class VRKCORE_EXPORT ClusterPointDDSC<double>;
