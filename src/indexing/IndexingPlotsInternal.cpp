@@ -159,10 +159,10 @@ bool IndexingPlots::evaluation(const std::string& folder) const {
 bool IndexingPlots::projections(const std::string& folder) const {
     static constexpr std::array<std::array<std::size_t, 3>, 3> kViews = {{{1, 2, 0}, {0, 2, 1}, {0, 1, 2}}};
     GnuplotScript plot(folder, "hklPlot", 1500, 560);
-    plot.addCommand("set multiplot layout 1,3 title 'indexed reflections'");
+    plot.addCommand(
+        "set multiplot layout 1,3 title 'indexed reflections; colour: mean intensity of the column'");
     plot.addCommand(
         "set logscale cb; set palette defined (0 '#c8d8ff', 0.5 '#4060d0', 1 '#200040'); set grid");
-    plot.addCommand("set cblabel 'mean intensity'");
     plot.addCommand("set size ratio -1; set offsets 1,1,1,1");
     for (const auto& [across, up, along] : kViews) {
         std::map<std::pair<int, int>, std::pair<double, double>> columns;  // sum of intensities, count
@@ -212,8 +212,9 @@ bool IndexingPlots::oneIndex(std::size_t index, const std::string& folder) const
     const std::string rowData = plot.addData(name + " reflections mean-intensity mean-deviation", rows, 4);
     const std::string pointData = plot.addData(name + " deviation", points, 2);
     plot.addCommand("set multiplot layout 2,1");
-    plot.addCommand(
-        "set style fill solid 0.6; set grid; set lmargin 10; set rmargin 12; set offsets 1,1,0,0");
+    plot.addCommand("set style fill solid 0.6; set grid; set lmargin 10; set rmargin 12");
+    plot.addCommand("set xrange [" + std::to_string(values.begin()->first - 1.0) + ":" +
+                    std::to_string(values.rbegin()->first + 1.0) + "]");
     plot.addCommand(title("reflections and their mean intensity for each " + name));
     plot.addCommand(labels(name, "reflections") + "; set yrange [0:*]; set ytics nomirror; set y2tics");
     plot.addCommand("set y2label 'mean intensity'; set y2range [0:*]");
