@@ -75,7 +75,9 @@ CellInput cellFromNumbers(const std::vector<double>& numbers, char centring) {
             "of the other two",
             ExitCode::Usage);
     const UnitCell cell(base[0], base[1], base[2], 1.0, true, centring == 'P', LATTICE::aP);
-    if (cell.isDegenerate()) throw Failure("this cell is flat: its three edges lie in one plane");
+    if (cell.isDegenerate())
+        throw Failure(
+            "this cell spans no lattice: its edges lie in one plane, or are far beyond any crystal");
     return inputOf(cell, centring);
 }
 

@@ -268,10 +268,7 @@ bool NiggliReduction::step(Circle* circle) {
         a2_action();
         return true;
     }
-    if (multTest())
-        a3_action();
-    else
-        a4_action();
+    settleSigns();
     if (m_verbose) narrateValues();
     if (circle && circle->closes(Circle::SignsSettled)) return false;
 
@@ -308,11 +305,15 @@ bool NiggliReduction::normalizeStep() {
         a2_action();
         return true;
     }
+    settleSigns();
+    return false;
+}
+
+void NiggliReduction::settleSigns() {
     if (multTest())
         a3_action();
     else
         a4_action();
-    return false;
 }
 
 bool NiggliReduction::sortsAB() {

@@ -55,6 +55,7 @@ private:
     static bool normalizeStep();
     static bool sortsAB();
     static bool sortsBC();
+    static void settleSigns();
     static bool multTest();
     static void a1_action();
     static void a2_action();

@@ -21,6 +21,9 @@ public:
 
     void getRealBaseVectors(double a[3], double b[3], double c[3]) const;
     void getReciprocalBaseVectors(double a[3], double b[3], double c[3]) const;
+    /// The base vectors as the rows of a matrix that lives as long as this object.
+    const double (*realBase() const)[3] { return m_real; }
+    const double (*reciprocalBase() const)[3] { return m_reciprocal; }
     SpaceDimensions getRealDimensions() const { return SpaceMath::Dimensions(m_real); }
     SpaceDimensions getReciprocalDimensions() const { return SpaceMath::Dimensions(m_reciprocal); }
     void getRealMetricMatrix(double G[3][3]) const { SpaceMath::MetricMatrix(m_real, G); }

@@ -26,6 +26,28 @@ double SpaceMath::Volume(const double base[3][3]) {
     return std::abs(BasicMath::Determinant(base));
 }
 
+void SpaceMath::Cartesian(const double base[3][3], const double v[3], double out[3]) {
+    for (int i = 0; i < 3; ++i)
+        out[i] = v[0] * base[0][i] + v[1] * base[1][i] + v[2] * base[2][i];
+}
+
+double SpaceMath::Dot(const double base[3][3], const double u[3], const double v[3]) {
+    double cartesianU[3];
+    double cartesianV[3];
+    Cartesian(base, u, cartesianU);
+    Cartesian(base, v, cartesianV);
+    return BasicMath::Dot(cartesianU, cartesianV);
+}
+
+double SpaceMath::Angle(const double base[3][3], const double u[3], const double v[3]) {
+    double cartesianU[3];
+    double cartesianV[3];
+    Cartesian(base, u, cartesianU);
+    Cartesian(base, v, cartesianV);
+    return BasicMath::ConvertAngleFromRadianToDegree(
+        BasicMath::CalcAngleBetweenAandB(cartesianU, cartesianV));
+}
+
 bool SpaceMath::DualBase(const double base[3][3], double dual[3][3]) {
     double inverse[3][3];
     if (!BasicMath::Invert(base, inverse)) return false;

@@ -17,6 +17,12 @@ public:
     static void MetricMatrix(const double base[3][3], double G[3][3]);
     /// Always positive, also for a left-handed base.
     static double Volume(const double base[3][3]);
+    /// Cartesian components of v[0] a + v[1] b + v[2] c.
+    static void Cartesian(const double base[3][3], const double v[3], double out[3]);
+    /// The dot product of two vectors in crystal coordinates.
+    static double Dot(const double base[3][3], const double u[3], const double v[3]);
+    /// Their angle in degrees; NaN when one has no length.
+    static double Angle(const double base[3][3], const double u[3], const double v[3]);
     /// The dual base, reciprocal[i] . base[j] = 1 for i = j and 0 otherwise (without a factor of 2 pi).
     /// False, with the output untouched, when the base vectors are coplanar or not finite.
     static bool DualBase(const double base[3][3], double dual[3][3]);

@@ -160,12 +160,14 @@ bool UnitCell::isStandartCell() const {
 
 bool UnitCell::isDegenerate() const {
     constexpr double flat = 1e-6;
+    constexpr double shortest = 1e-50;
+    constexpr double longest = 1e50;
     double unit[3][3];
     double vectors[3][3];
     getBase(vectors[0], vectors[1], vectors[2]);
     for (int i = 0; i < 3; ++i) {
         const double length = std::hypot(vectors[i][0], vectors[i][1], vectors[i][2]);
-        if (!(length > 0.0) || !std::isfinite(length)) return true;
+        if (!(length > shortest && length < longest)) return true;
         for (int j = 0; j < 3; ++j)
             unit[i][j] = vectors[i][j] / length;
     }

@@ -73,9 +73,10 @@ public:
     bool isRightHanded() const { return getDeterminant() > 0.0; }
     /// True when the orientation matrix is exactly the identity.
     bool isStandartCell() const;
-    /// True when an entry is not finite, an edge is zero, or the volume is below 1e-6 of the product of the
-    /// edge lengths (an edge within 6e-5 degrees of the plane of the others, or two edges that near).
-    /// Such a cell spans no lattice; a host asks before it reduces or analyses a cell.
+    /// True when an edge is outside 1e-50 to 1e50 (or not finite), where the metric has no numbers for it, or
+    /// when the volume is below 1e-6 of the product of the edge lengths (an edge within 6e-5 degrees of the
+    /// plane of the others, or two edges that near). Such a cell spans no lattice that can be worked with; a
+    /// host asks before it reduces or analyses a cell.
     bool isDegenerate() const;
     /// @}
 

@@ -174,6 +174,10 @@ TEST(LatticeSymmetryTest, FollowsTheTolerances) {
 
     const double a[3] = {1, 0, 0}, b[3] = {0, 1, 0}, c[3] = {1, 1, 1e-8};
     EXPECT_TRUE(LatticeSymmetry::analyse(UnitCell(a, b, c, 1.0, true, true, LATTICE::aP)).empty());
+    for (const double scale : {1e-300, 1e-60, 1e60, 1e300})
+        EXPECT_TRUE(LatticeSymmetry::analyse(cellOf({scale, scale, scale, 90, 90, 90})).empty());
+    for (const double scale : {1e-49, 1e49})
+        EXPECT_EQ(LatticeSymmetry::best(cellOf({scale, scale, scale, 60, 60, 60})).bravaisType, LATTICE::cF);
 }
 
 TEST(LatticeSymmetryTest, ReciprocalCellsTellTheDirectLattice) {

@@ -1,0 +1,69 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "app/RunVrk.h"
+
+namespace {
+
+TEST(CellInfo, CentredCellAsJson) {
+    const VrkResult result =
+        runVrk({"cell-info", "12.02", "12.02", "12.02", "90", "90", "90", "--centring", "I", "--json"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    const auto json = nlohmann::json::parse(result.out);
+    EXPECT_NEAR(json["reduced"]["alpha"].get<double>(), 109.4712, 1e-3);
+    EXPECT_NEAR(json["reduced"]["volume"].get<double>(), json["cell"]["volume"].get<double>() / 2.0, 1e-6);
+    EXPECT_EQ(json["lattices"][0]["bravais"], "cI");
+    EXPECT_NEAR(json["lattices"][0]["conventional"]["c"].get<double>(), 12.02, 1e-6);
+    EXPECT_NEAR(json["reciprocal"]["a"].get<double>(), 1.0 / 12.02, 1e-9);
+}
+
+TEST(CellInfo, RhombohedralCellInBothSettings) {
+    const VrkResult hexagonal =
+        runVrk({"cell-info", "5", "5", "7", "90", "90", "120", "--centring", "R", "--json"});
+    const auto reduced = nlohmann::json::parse(hexagonal.out)["reduced"];
+    const auto text = [&reduced](const char* key) { return reduced[key].dump(); };
+    const VrkResult primitive = runVrk({"cell-info", text("a"), text("b"), text("c"), text("alpha"),
+                                        text("beta"), text("gamma"), "--centring", "R", "--json"});
+    const auto best = nlohmann::json::parse(primitive.out)["lattices"][0];
+    EXPECT_EQ(best["bravais"], "hR");
+    EXPECT_NEAR(best["symmetrised"]["a"].get<double>(), 5.0, 1e-6);
+    EXPECT_NEAR(best["symmetrised"]["c"].get<double>(), 7.0, 1e-6);
+}
+
+TEST(CellInfo, CellFileTellsItsPixelSize) {
+    const std::string file = testing::TempDir() + "cell_info_test.txt";
+    std::ofstream(file) << "#VRKCELLVERSION 2\n# v\n200 0 0\n0 100 0\n0 0 50\n# r\n200 100 50\n90 90 90 \n"
+                           "# d\n5 10 20\n90 90 90 \n";
+    const VrkResult result = runVrk({"cell-info", file});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_NE(result.out.find("5.0000   10.0000   20.0000"), std::string::npos) << result.out;
+    std::filesystem::remove(file);
+}
+
+TEST(CellInfo, WrongInputIsRefused) {
+    struct Case {
+        std::vector<std::string> cell;
+        int exitCode;
+    };
+    const Case cases[] = {{{"5", "6", "x", "90", "90", "90"}, 2},
+                          {{"5", "6", "7", "90"}, 2},
+                          {{"5", "6", "7", "30", "30", "90"}, 2},
+                          {{"5", "6", "nan", "90", "90", "90"}, 2},
+                          {{"no-such-file"}, 1},
+                          {{"1e308", "1e308", "1e308", "90", "90", "90"}, 1},
+                          {{"1", "1", "1", "90", "90", "1e-7"}, 1},
+                          {{"1", "1", "1", "90", "90", "90", "--centring", "Q"}, 2}};
+    for (const Case& c : cases) {
+        std::vector<std::string> arguments = {"cell-info"};
+        arguments.insert(arguments.end(), c.cell.begin(), c.cell.end());
+        const VrkResult result = runVrk(arguments);
+        EXPECT_EQ(result.exitCode, c.exitCode) << c.cell.front() << ' ' << result.err;
+        EXPECT_EQ(result.out, "");
+        EXPECT_NE(result.err, "");
+    }
+}
+
+}  // namespace
