@@ -13,6 +13,8 @@ void addInfoCommand(CLI::App& app, Host& host);
 void addCellInfoCommand(CLI::App& app, Host& host);
 void addImportCommand(CLI::App& app, Host& host);
 void addSectionsCommand(CLI::App& app, Host& host);
+void addPreprocessCommand(CLI::App& app, Host& host);
+void addReconstructCommand(CLI::App& app, Host& host);
 void addPeaksCommand(CLI::App& app, Host& host);
 void addIndexCommand(CLI::App& app, Host& host);
 void addSimulateCommand(CLI::App& app, Host& host);

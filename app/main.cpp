@@ -16,6 +16,8 @@ int parseAndRun(host::Host& host, int argc, char** argv) {
     app.require_subcommand(1);
     host::addImportCommand(app, host);
     host::addInfoCommand(app, host);
+    host::addPreprocessCommand(app, host);
+    host::addReconstructCommand(app, host);
     host::addPeaksCommand(app, host);
     host::addIndexCommand(app, host);
     host::addSimulateCommand(app, host);

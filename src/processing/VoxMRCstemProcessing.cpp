@@ -108,6 +108,13 @@ void scalePixelSizes(mrcH& header, float factor) {
         size *= factor;
 }
 
+/// The axis angles of the records after a rotation; 0 means that a record has none.
+void turnAxis(mrcH& header, double angleDegrees) {
+    for (float& axis : header.sliceValues[static_cast<std::size_t>(SliceValue::TiltAxis)])
+        if (axis != 0)
+            axis = static_cast<float>(std::remainder(static_cast<double>(axis) - angleDegrees, 360.0));
+}
+
 const char* nameOf(BeamCentre::Source source) {
     switch (source) {
         case BeamCentre::Source::Beam:
@@ -343,14 +350,16 @@ VoxMRCData* VoxMRCstemProcessing::step3_Rotation2TiltAxis(VoxMRCData* series, bo
         rotation.emplace(static_cast<int>(series->GetWidth()), static_cast<int>(series->GetHeight()),
                          angleDegrees);
     setSteps(static_cast<int>(series->GetDepth()), "Rotation");
-    return eachPattern(*series, kName, series->GetWidth(), series->GetHeight(), 0,
-                       [&](const Frame& in, Frame& out, unsigned i) {
-                           if (verbosity > 0) log(line("rotating pattern ", i));
-                           if (rotation)
-                               rotation->apply(in, out);
-                           else
-                               in.copyTo(out);
-                       });
+    VoxMRCData* result = eachPattern(*series, kName, series->GetWidth(), series->GetHeight(), 0,
+                                     [&](const Frame& in, Frame& out, unsigned i) {
+                                         if (verbosity > 0) log(line("rotating pattern ", i));
+                                         if (rotation)
+                                             rotation->apply(in, out);
+                                         else
+                                             in.copyTo(out);
+                                     });
+    if (result) turnAxis(result->m_Header, angleDegrees);
+    return result;
 }
 
 VoxMRCData* VoxMRCstemProcessing::halve(VoxMRCData* series, const char* name, bool sum, bool quiet,

@@ -97,8 +97,8 @@ public:
     ///                      pixels of square frames. Not finite: null.
     /// \param verbosity     above 0: one line per pattern
     ///
-    /// Cubic convolution as in step2_CenterShift(), positions to 1/32 pixel. Corners that come from beyond
-    /// the frame are 0.
+    /// Axis angles in the slices' records (0: none) are turned along. Cubic convolution as in
+    /// step2_CenterShift(), positions to 1/32 pixel. Corners that come from beyond the frame are 0.
     VoxMRCData* step3_Rotation2TiltAxis(VoxMRCData* series, bool quiet, double angleDegrees, int verbosity);
 
     /// Halves the size of every pattern by averaging 2 x 2 pixels, rounded to the nearest count. The
