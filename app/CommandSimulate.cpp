@@ -82,6 +82,7 @@ std::vector<double> tiltsOf(const std::string& text) {
                           " frames; choose a larger step",
                       ExitCode::Usage);
     std::vector<double> tilts;
+    tilts.reserve(static_cast<std::size_t>(count));
     for (int i = 0; i < static_cast<int>(count); ++i)
         tilts.push_back(range[0] + i * range[2]);
     return tilts;

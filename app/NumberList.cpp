@@ -25,7 +25,8 @@ std::vector<double> numbersOf(const std::string& text, char separator, const std
     for (std::string piece; std::getline(stream, piece, separator);) {
         double value = 0;
         if (!parseNumber(piece, value))
-            throw Failure(option + ": \"" + piece + "\" in " + text + " is not a number", ExitCode::Usage);
+            throw Failure(std::string(option).append(": \"").append(piece).append("\" is not a number"),
+                          ExitCode::Usage);
         numbers.push_back(value);
     }
     return numbers;

@@ -142,6 +142,7 @@ ReflectionTable tableOf(const std::vector<CrystalReflection>& reflections, const
 double strongIntensity(const std::vector<CrystalReflection>& reflections) {
     if (reflections.empty()) return 1;
     std::vector<double> intensities;
+    intensities.reserve(reflections.size());
     for (const CrystalReflection& one : reflections)
         intensities.push_back(one.intensity);
     const auto rank = static_cast<std::ptrdiff_t>(0.995 * static_cast<double>(intensities.size() - 1));

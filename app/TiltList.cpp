@@ -88,7 +88,7 @@ TiltList readTilts(const std::string& text, std::size_t count) {
     std::error_code error;
     if (std::filesystem::is_regular_file(text, error)) {
         const std::filesystem::path path = text;
-        const TiltList list = path.extension() == ".mdoc" ? readMdoc(path) : readPlainList(path);
+        TiltList list = path.extension() == ".mdoc" ? readMdoc(path) : readPlainList(path);
         if (list.tilts.size() != count)
             throw Failure(text + " has " + std::to_string(list.tilts.size()) + " tilts, but there are " +
                           std::to_string(count) + " frames");
