@@ -80,6 +80,6 @@ bool Cluster<P>::refineCluster(double fraction) {
     return true;
 }
 
-template class VRKCORE_EXPORT Cluster<Point<int>>;
-template class VRKCORE_EXPORT Cluster<Point<float>>;
-template class VRKCORE_EXPORT Cluster<Point<double>>;
+template class Cluster<Point<int>>;
+template class Cluster<Point<float>>;
+template class Cluster<Point<double>>;

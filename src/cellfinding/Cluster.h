@@ -37,6 +37,6 @@ private:
     int m_clusterID = 0;
 };
 
-extern template class VRKCORE_EXPORT Cluster<Point<int>>;
-extern template class VRKCORE_EXPORT Cluster<Point<float>>;
-extern template class VRKCORE_EXPORT Cluster<Point<double>>;
+extern template class Cluster<Point<int>>;
+extern template class Cluster<Point<float>>;
+extern template class Cluster<Point<double>>;

@@ -14,6 +14,6 @@ void ClusterPoint<T>::print() const {
     VRKLogger::getInstance()->log(text.str(), VRK::Normal, VRK::Information);
 }
 
-template class VRKCORE_EXPORT ClusterPoint<int>;
-template class VRKCORE_EXPORT ClusterPoint<float>;
-template class VRKCORE_EXPORT ClusterPoint<double>;
+template class ClusterPoint<int>;
+template class ClusterPoint<float>;
+template class ClusterPoint<double>;

@@ -26,6 +26,6 @@ private:
     short m_clusterID;
 };
 
-extern template class VRKCORE_EXPORT ClusterPoint<int>;
-extern template class VRKCORE_EXPORT ClusterPoint<float>;
-extern template class VRKCORE_EXPORT ClusterPoint<double>;
+extern template class ClusterPoint<int>;
+extern template class ClusterPoint<float>;
+extern template class ClusterPoint<double>;

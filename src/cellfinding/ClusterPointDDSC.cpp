@@ -14,6 +14,6 @@ void ClusterPointDDSC<T>::print() const {
     VRKLogger::getInstance()->log(text.str(), VRK::Normal, VRK::Information);
 }
 
-template class VRKCORE_EXPORT ClusterPointDDSC<int>;
-template class VRKCORE_EXPORT ClusterPointDDSC<float>;
-template class VRKCORE_EXPORT ClusterPointDDSC<double>;
+template class ClusterPointDDSC<int>;
+template class ClusterPointDDSC<float>;
+template class ClusterPointDDSC<double>;

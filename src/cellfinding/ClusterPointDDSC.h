@@ -52,6 +52,6 @@ private:
     double m_distToCurrentPoint = 0.0;
 };
 
-extern template class VRKCORE_EXPORT ClusterPointDDSC<int>;
-extern template class VRKCORE_EXPORT ClusterPointDDSC<float>;
-extern template class VRKCORE_EXPORT ClusterPointDDSC<double>;
+extern template class ClusterPointDDSC<int>;
+extern template class ClusterPointDDSC<float>;
+extern template class ClusterPointDDSC<double>;

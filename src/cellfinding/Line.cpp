@@ -138,5 +138,5 @@ void Line<T>::print() const {
     if (m_vec) m_vec->print();
 }
 
-template class VRKCORE_EXPORT Line<float>;
-template class VRKCORE_EXPORT Line<double>;
+template class Line<float>;
+template class Line<double>;

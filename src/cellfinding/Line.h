@@ -55,5 +55,5 @@ private:
     int m_dimension = 0;
 };
 
-extern template class VRKCORE_EXPORT Line<float>;
-extern template class VRKCORE_EXPORT Line<double>;
+extern template class Line<float>;
+extern template class Line<double>;

@@ -74,6 +74,6 @@ void Point<T>::printOnlyCoefficients() const {
     VRKLogger::getInstance()->log(text.str(), VRK::Normal, VRK::Information);
 }
 
-template class VRKCORE_EXPORT Point<int>;
-template class VRKCORE_EXPORT Point<float>;
-template class VRKCORE_EXPORT Point<double>;
+template class Point<int>;
+template class Point<float>;
+template class Point<double>;

@@ -120,6 +120,6 @@ private:
     unsigned char m_dimension;  // last, so that derived points put their label beside it
 };
 
-extern template class VRKCORE_EXPORT Point<int>;
-extern template class VRKCORE_EXPORT Point<float>;
-extern template class VRKCORE_EXPORT Point<double>;
+extern template class Point<int>;
+extern template class Point<float>;
+extern template class Point<double>;

@@ -340,6 +340,6 @@ void PointSet<P>::print() const {
     VRKLogger::getInstance()->log(text.str(), VRK::Normal, VRK::Information);
 }
 
-template class VRKCORE_EXPORT PointSet<Point<int>>;
-template class VRKCORE_EXPORT PointSet<Point<float>>;
-template class VRKCORE_EXPORT PointSet<Point<double>>;
+template class PointSet<Point<int>>;
+template class PointSet<Point<float>>;
+template class PointSet<Point<double>>;

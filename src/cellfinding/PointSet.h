@@ -103,6 +103,6 @@ private:
     std::vector<std::unique_ptr<P>> m_points;
 };
 
-extern template class VRKCORE_EXPORT PointSet<Point<int>>;
-extern template class VRKCORE_EXPORT PointSet<Point<float>>;
-extern template class VRKCORE_EXPORT PointSet<Point<double>>;
+extern template class PointSet<Point<int>>;
+extern template class PointSet<Point<float>>;
+extern template class PointSet<Point<double>>;

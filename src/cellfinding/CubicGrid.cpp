@@ -1,0 +1,291 @@
+#include "cellfinding/CubicGrid.h"
+
+#include <algorithm>
+#include <cmath>
+#include <iostream>
+#include <limits>
+#include <sstream>
+#include <type_traits>
+
+#include "cellfinding/TraceInternal.h"
+
+namespace {
+
+constexpr int kDefaultEdgeLength = 8;
+constexpr int kLargestEdgeLength = 1 << 30;
+
+template <typename P>
+P emptyPoint(int dimension) {
+    const auto d = static_cast<unsigned char>(dimension);
+    if constexpr (std::is_same_v<P, ClusterPointDDSC<double>>)
+        return P(d, short(-1), -1);
+    else
+        return P(d, short(-1));
+}
+
+template <typename P>
+std::vector<P*> withoutNull(const std::vector<P*>* points) {
+    std::vector<P*> result;
+    if (!points) return result;
+    result.reserve(points->size());
+    std::copy_if(points->begin(), points->end(), std::back_inserter(result), [](const P* p) { return p; });
+    return result;
+}
+
+/// The number of cubes between two limits as a double, which holds any number of them.
+double cubesBetween(double min, double max, int edgeLength) {
+    const double count = std::ceil((max - min) / edgeLength);
+    return count > 0.0 ? count : 0.0;
+}
+
+template <typename P>
+void boundsOf(const std::vector<P*>& points, int dimension, std::vector<double>& min,
+              std::vector<double>& max) {
+    min.assign(static_cast<std::size_t>(dimension), std::numeric_limits<double>::max());
+    max.assign(static_cast<std::size_t>(dimension), std::numeric_limits<double>::min());
+    for (const P* point : points)
+        for (int k = 0; k < dimension; ++k) {
+            const double x = point->getData(k);
+            const auto axis = static_cast<std::size_t>(k);
+            if (x < min[axis]) min[axis] = x;
+            if (x > max[axis]) max[axis] = x;
+        }
+}
+
+}  // namespace
+
+template <typename P>
+CubicGrid<P>::CubicGrid(const std::vector<P*>* points, int edgeLength) {
+    const VRK::detail::Trace trace(">> first constructor CubicGrid", "<< first constructor CubicGrid",
+                                   VRK::ObjectControl);
+    init(withoutNull(points), nullptr, nullptr, edgeLength);
+}
+
+template <typename P>
+CubicGrid<P>::CubicGrid(const std::vector<P*>* points, const double* min, const double* max, int edgeLength) {
+    const VRK::detail::Trace trace(">> constructor CubicGrid", "<< constructor CubicGrid",
+                                   VRK::ObjectControl);
+    init(withoutNull(points), min, max, edgeLength);
+}
+
+template <typename P>
+CubicGrid<P>::CubicGrid(const CubicGrid<P>& other)
+    : m_storage(other.m_storage),
+      m_cubes(other.m_cubes),
+      m_cubeIndex(other.m_cubeIndex),
+      m_cubesPerAxis(other.m_cubesPerAxis),
+      m_gridMin(other.m_gridMin),
+      m_gridMax(other.m_gridMax),
+      m_numberOfCubes(other.m_numberOfCubes),
+      m_dimension(other.m_dimension),
+      m_edgeLength(other.m_edgeLength) {
+    linkPoints();
+}
+
+template <typename P>
+CubicGrid<P>& CubicGrid<P>::operator=(const CubicGrid<P>& other) {
+    if (this == &other) return *this;
+    m_storage = other.m_storage;
+    m_cubes = other.m_cubes;
+    m_cubeIndex = other.m_cubeIndex;
+    m_cubesPerAxis = other.m_cubesPerAxis;
+    m_gridMin = other.m_gridMin;
+    m_gridMax = other.m_gridMax;
+    m_numberOfCubes = other.m_numberOfCubes;
+    m_dimension = other.m_dimension;
+    m_edgeLength = other.m_edgeLength;
+    linkPoints();
+    return *this;
+}
+
+template <typename P>
+CubicGrid<P>::~CubicGrid() {
+    const VRK::detail::Trace trace(">> destructor CubicGrid", "<< destructor CubicGrid", VRK::ObjectControl);
+}
+
+template <typename P>
+void CubicGrid<P>::init(const std::vector<P*>& points, const double* min, const double* max, int edgeLength) {
+    m_edgeLength = edgeLength < 1 ? kDefaultEdgeLength : edgeLength;
+    m_dimension = points.empty() ? 0 : points.front()->getDimension();
+    if (min && max) {
+        m_gridMin.assign(min, min + m_dimension);
+        m_gridMax.assign(max, max + m_dimension);
+    } else {
+        boundsOf(points, m_dimension, m_gridMin, m_gridMax);
+    }
+    countCubes();
+    place(points);
+    print();
+}
+
+template <typename P>
+void CubicGrid<P>::countCubes() {
+    const auto product = [this] {
+        double cubes = 1.0;
+        for (std::size_t k = 0; k < m_gridMin.size(); ++k)
+            cubes *= cubesBetween(m_gridMin[k], m_gridMax[k], m_edgeLength);
+        return cubes;
+    };
+    constexpr double kMost = std::numeric_limits<int>::max();
+    const int asked = m_edgeLength;
+    while (!(product() <= kMost) && m_edgeLength < kLargestEdgeLength)
+        m_edgeLength = m_edgeLength > kLargestEdgeLength / 2 ? kLargestEdgeLength : 2 * m_edgeLength;
+    if (m_edgeLength != asked)
+        VRKLogger::getInstance()->log("The limits of the cubic grid ask for too many cubes of edge length " +
+                                          std::to_string(asked) + ". Use now edge length " +
+                                          std::to_string(m_edgeLength) + ".",
+                                      VRK::Warning, VRK::Information);
+
+    const double cubes = product();
+    const bool countable = cubes <= kMost;
+    m_numberOfCubes = countable ? static_cast<int>(cubes) : 0;
+    m_cubesPerAxis.clear();
+    for (std::size_t k = 0; k < m_gridMin.size(); ++k) {
+        const double count = countable ? cubesBetween(m_gridMin[k], m_gridMax[k], m_edgeLength) : 0.0;
+        m_cubesPerAxis.push_back(static_cast<int>(std::min(count, kMost)));
+    }
+}
+
+template <typename P>
+void CubicGrid<P>::place(const std::vector<P*>& points) {
+    // Cube index above, input position below: sorting keeps the order of input within a cube.
+    std::vector<std::uint64_t> order;
+    order.reserve(points.size());
+    for (std::size_t i = 0; i < points.size(); ++i) {
+        const int cube = getCubeIndex(points[i]);
+        if (cube < 0)
+            std::cout << "== -1\n";
+        else
+            order.push_back(static_cast<std::uint64_t>(cube) << 32 | i);
+    }
+    std::sort(order.begin(), order.end());
+
+    m_storage.assign(points.size(), emptyPoint<P>(m_dimension));
+    for (std::size_t slot = 0; slot < order.size(); ++slot) {
+        const P* point = points[order[slot] & 0xffffffffU];
+        for (int k = 0; k < m_dimension; ++k)
+            m_storage[slot].setData(point->getData(k), k);
+        const auto cube = static_cast<std::int32_t>(order[slot] >> 32);
+        if (m_cubeIndex.empty() || m_cubeIndex.back() != cube) {
+            m_cubeIndex.push_back(cube);
+            m_cubes.emplace_back(static_cast<int>(slot), static_cast<int>(slot), m_edgeLength);
+        }
+        m_cubes.back().setEndIdx(static_cast<int>(slot));
+    }
+    linkPoints();
+}
+
+template <typename P>
+void CubicGrid<P>::linkPoints() {
+    m_points.resize(m_storage.size());
+    std::transform(m_storage.begin(), m_storage.end(), m_points.begin(), [](P& p) { return &p; });
+}
+
+template <typename P>
+P* CubicGrid<P>::getPoint(int i) {
+    return i >= 0 && i < getNumberOfPoints() ? m_points[static_cast<std::size_t>(i)] : nullptr;
+}
+
+template <typename P>
+int CubicGrid<P>::getCubeIndex(const P* point) const {
+    std::int64_t index = 0;
+    std::int64_t stride = 1;
+    for (int k = 0; k < m_dimension; ++k) {
+        const double c = std::ceil(point->getData(k) / m_edgeLength);
+        if (!(c <= std::numeric_limits<int>::max())) return -1;
+        if (c > 0.0) index += (static_cast<std::int64_t>(c) - 1) * stride;
+        if (index >= m_numberOfCubes) return -1;
+        stride *= m_cubesPerAxis[static_cast<std::size_t>(k)];
+    }
+    return index < m_numberOfCubes ? static_cast<int>(index) : -1;
+}
+
+template <typename P>
+auto CubicGrid<P>::getCubeCoordinates(int cubeIndex) const -> Cell {
+    Cell cell{};
+    for (std::size_t k = 0; k < m_cubesPerAxis.size() && k < cell.size(); ++k) {
+        cell[k] = cubeIndex % m_cubesPerAxis[k];
+        cubeIndex /= m_cubesPerAxis[k];
+    }
+    return cell;
+}
+
+template <typename P>
+const Cube* CubicGrid<P>::findCube(int cubeIndex) const {
+    const auto found = std::lower_bound(m_cubeIndex.begin(), m_cubeIndex.end(), cubeIndex);
+    if (found == m_cubeIndex.end() || *found != cubeIndex) return nullptr;
+    return &m_cubes[static_cast<std::size_t>(found - m_cubeIndex.begin())];
+}
+
+template <typename P>
+template <typename Visit>
+void CubicGrid<P>::visitNeighborhood(const P* point, double eps, Visit visit) {
+    if (!point || (m_dimension != 2 && m_dimension != 3) || point->getDimension() != m_dimension) return;
+    const int centre = getCubeIndex(point);
+    if (centre < 0 || !(eps > 0.0)) return;
+    const Cell at = getCubeCoordinates(centre);
+    const double reach = std::min(std::ceil(eps / m_edgeLength), 1e9);
+
+    Cell from{};
+    Cell to{};
+    for (std::size_t k = 0; k < m_cubesPerAxis.size(); ++k) {
+        from[k] = std::max(0, at[k] - static_cast<int>(reach));
+        to[k] = static_cast<int>(std::min(at[k] + reach, m_cubesPerAxis[k] - 1.0));
+    }
+    const int rows = m_cubesPerAxis[0];
+    const int columns = m_cubesPerAxis[1];
+    for (int i = from[0]; i <= to[0]; ++i)
+        for (int j = from[1]; j <= to[1]; ++j)
+            for (int k = from[2]; k <= to[2]; ++k) {
+                const Cube* cube = findCube(i + rows * (j + columns * k));
+                if (!cube) continue;
+                for (int slot = cube->getStartIdx(); slot <= cube->getEndIdx(); ++slot) {
+                    P* candidate = m_points[static_cast<std::size_t>(slot)];
+                    const double distance = candidate->distTo(point);
+                    if (distance < eps) visit(candidate, distance);
+                }
+            }
+}
+
+template <typename P>
+void CubicGrid<P>::getNeighborhood(const P* point, double eps, std::vector<P*>* out) {
+    if (!out) return;
+    out->clear();
+    visitNeighborhood(point, eps, [out](P* neighbour, double) { out->push_back(neighbour); });
+}
+
+template <typename P>
+int CubicGrid<P>::getSizeOfNeighborhood(const P* point, double eps) {
+    int count = 0;
+    visitNeighborhood(point, eps, [&count](P*, double) { ++count; });
+    return count;
+}
+
+template <typename P>
+double CubicGrid<P>::getSizeOfKNN(const P* point, int k) {
+    if (k < 1) return 0.0;
+    std::vector<double> distances;
+    for (const double radius : {1.0, 2.0, 4.0, 16.0, 256.0}) {
+        distances.clear();
+        visitNeighborhood(point, radius, [&](P*, double distance) { distances.push_back(distance); });
+        if (distances.size() < static_cast<std::size_t>(k)) continue;
+        const auto nth = distances.begin() + (k - 1);
+        std::nth_element(distances.begin(), nth, distances.end());
+        return *nth;
+    }
+    return 0.0;
+}
+
+template <typename P>
+void CubicGrid<P>::print() const {
+    constexpr const char* kRule = "------------------------------\n";
+    std::ostringstream text;
+    text << kRule << "CubicGrid\n"
+         << kRule << "Dimension: " << m_dimension << "\nAnzahl an Wuerfel: " << m_numberOfCubes
+         << "\nKantenlaenge: " << m_edgeLength << "\nAnzahl an Punkten: " << m_points.size()
+         << "\n------------------------------";
+    VRKLogger::getInstance()->log(text.str(), VRK::Debug, VRK::Information);
+}
+
+template class CubicGrid<ClusterPoint<double>>;
+template class CubicGrid<ClusterPointDDSC<double>>;
