@@ -1,0 +1,138 @@
+/// \file
+/// The cell finding: from reflections to three reciprocal base vectors in six steps.
+#pragma once
+
+#include <vector>
+
+#include "VRKCoreExport.h"
+#include "cellfinding/Cluster.h"
+#include "cellfinding/ClusterPoint.h"
+#include "cellfinding/CubicGrid.h"
+
+class DiffVector3D;
+class Parameter;
+class ReflexVector;
+class UnitCell;
+class VoxMRCData;
+class VRKLogger;
+
+/// Difference vectors of the reflections pile up at the vectors of the reciprocal lattice; the centres of
+/// these clusters are measured lattice vectors, and three short ones span the cell.
+///
+/// The host calls the steps in their order and keeps what they return, so that after an edit of the
+/// parameters only the steps whose change flag is raised run again. All lengths are in voxels of the
+/// reciprocal volume, points and vectors have three coordinates x, y, z.
+///
+/// A step returns the elapsed seconds, or -1.0 when it cannot run or finds nothing; then it has logged one
+/// line that says why and left its outputs as they were (what differs is noted at the step). Every step also
+/// logs its beginning and its elapsed time (Normal, Information). When memory runs out, "Could not allocate
+/// enough memory." (Error) is logged and the exception passed on.
+///
+/// The class holds no results between calls. It writes no files: intermediate results are in the objects
+/// that the steps hand out.
+class VRKCORE_EXPORT CalculateCellAlgorithm {
+public:
+    CalculateCellAlgorithm();
+    ~CalculateCellAlgorithm();
+
+    /// Takes reflections out of the list: those nearer to the centre (D0/2, D1/2, D2/2), halved as integers,
+    /// than Parameter::getMinDistToZeroBeam() when the cut-off is on, and those farther than
+    /// getLimitOfResolution() when that limit is on. Removed elements are not deleted (see ReflexVector).
+    /// -1.0 with "No reflections founded." (Error) for a null list; -1.0 also for a null volume or parameter.
+    double StepOne_CutOfZeroBeam(ReflexVector* reflections, VoxMRCData* volume, Parameter* parameter);
+
+    /// The difference vectors of all pairs of reflections, sorted into a grid of edge length 3 that the
+    /// caller owns. \p seconds (may be null) receives the elapsed time, -1.0 on failure.
+    ///
+    /// The grid's limits are the bounds of the vectors. Only where cells counted from these would not reach
+    /// all vectors are they widened: an axis on which all vectors are positive starts at 0, one on which
+    /// they are all equal gets a cell. So no vector falls off the grid, also when all reflections lie in a
+    /// plane.
+    ///
+    /// Null with "Calculate diff vectors failed." (Error) when there are no reflections or no difference
+    /// vector of the lengths asked for. Otherwise clears the difference-vector flag of \p parameter and
+    /// raises those of the clusters and the cell.
+    CubicGrid<ClusterPoint<double>>* StepTwo_CalcDiffVectors(Parameter* parameter, ReflexVector* reflections,
+                                                             double* seconds);
+
+    /// Clusters the vectors of the grid with DBSCAN, which is always the method: Parameter never lets its
+    /// flag become false. The clusters and the copies of the vectors that belong to none are the caller's;
+    /// both vectors are cleared, not freed, so the caller frees what earlier runs put there.
+    ///
+    /// With getRefineCluster() every cluster is pruned to that percentage of its points; one that would be
+    /// left without points stays whole. The pruning is not in the time that is returned.
+    ///
+    /// -1.0 with "No cluster centers found." (Warning) when there are no clusters or an argument is null.
+    /// The cluster flag is cleared and the cell flag raised in any case.
+    double StepThree_Clustering(Parameter* parameter, CubicGrid<ClusterPoint<double>>* grid,
+                                std::vector<Cluster<Point<double>>*>* clusters,
+                                std::vector<ClusterPoint<double>*>* noise);
+
+    /// Chooses three linearly independent cluster centres, short ones first:
+    /// - a is the shortest (of centres equally long the earlier in the list);
+    /// - b the shortest whose angle with a is at least getAngleA();
+    /// - c the shortest after b whose angle with a is at least getAngleA(), with b at least getAngleB(), and
+    ///   which does not lie in the plane of a and b.
+    ///
+    /// Angles are in radians and end at 3.0: vectors that are nearly antiparallel do not count as different.
+    /// c is out of the plane when the absolute value V of the determinant exceeds getDetLimit() and a tenth
+    /// of the product of the three lengths. Without the second bound any three measured vectors would pass,
+    /// since noise never leaves the determinant of coplanar ones at 0. With 20 degrees between all three
+    /// axes V is 0.103 of the product, so that even these cells pass.
+    ///
+    /// The three outputs, and the base of \p cell (may be null; a primitive reciprocal cell, its pixel size
+    /// stays), are set together or, with -1.0, not at all.
+    double StepFour_FindLinearIndependentVectors(Parameter* parameter, UnitCell* cell,
+                                                 std::vector<Cluster<Point<double>>*>* clusters,
+                                                 ClusterPoint<double>* a, ClusterPoint<double>* b,
+                                                 ClusterPoint<double>* c);
+
+    /// Replaces three lattice vectors by three short ones of the same lattice: all combinations with
+    /// coefficients from -n to n, n = getGridSizeNiggliCell(), the origin left out, are candidates for the
+    /// choice of step four. Vectors of both signs are among them, therefore the result does not depend on
+    /// which of two opposite vectors was measured. n above 50 counts as 50 (a million combinations).
+    ///
+    /// This is not the Niggli reduction (NiggliReduction); the three vectors are the shortest that the
+    /// limits of angle and determinant admit. Output points may be the input points.
+    double StepFive_CalculateNiggliCell(Parameter* parameter, ClusterPoint<double>* a,
+                                        ClusterPoint<double>* b, ClusterPoint<double>* c,
+                                        ClusterPoint<double>* outA, ClusterPoint<double>* outB,
+                                        ClusterPoint<double>* outC);
+
+    /// Fits each direction v to the cluster centres of its own lattice row, those near a multiple n v
+    /// (n = ... -2, -1, 1, 2 ...): the least squares of |centre - n v|, weighted with the numbers of points.
+    /// Far multiples fix the direction best but can be told only from a good v, hence the fit starts with
+    /// |n| = 1 and works outwards. A centre belongs to the row within 0.3 of the shorter of v and the
+    /// shortest centre; those that then fit worse than the others lose their weight (Tukey's biweight;
+    /// Beaton & Tukey 1974, doi:10.1080/00401706.1974.10489171), so that a wrong cluster moves nothing.
+    ///
+    /// a, b, c are refined in this order, each when its input point and its flag pointer are given. The
+    /// first that is missing ends the chain: "The a-direction can't be refined." (or b, c; Warning). A
+    /// direction without cluster centres logs "Error during the refinement of the cell.", no clusters at
+    /// all "No clusters loaded during the refinement of the cell." (both Error).
+    ///
+    /// The flags tell which directions were refined. Outputs of the others are copies of the inputs; with
+    /// a null input the output stays as it is. Output points may be the input points. -1.0 when no direction
+    /// was refined.
+    double StepSix_Refinement(std::vector<Cluster<Point<double>>*>* clusters, ClusterPoint<double>* a,
+                              ClusterPoint<double>* b, ClusterPoint<double>* c, ClusterPoint<double>* outA,
+                              ClusterPoint<double>* outB, ClusterPoint<double>* outC, bool* aRefined,
+                              bool* bRefined, bool* cRefined);
+
+private:
+    static void clusterRefinement(std::vector<Cluster<Point<double>>*>* clusters, double fraction);
+    static bool findLinearIndependentDiffVectors(std::vector<DiffVector3D*>* candidates,
+                                                 const Parameter* parameter, DiffVector3D* a, DiffVector3D* b,
+                                                 DiffVector3D* c);
+    static bool calculateNiggliCell(const DiffVector3D* a, const DiffVector3D* b, const DiffVector3D* c,
+                                    const Parameter* parameter, DiffVector3D* outA, DiffVector3D* outB,
+                                    DiffVector3D* outC);
+    static std::vector<DiffVector3D> calcLattice(const DiffVector3D* a, const DiffVector3D* b,
+                                                 const DiffVector3D* c, int na, int nb, int nc);
+    void refineCellNew(std::vector<Cluster<Point<double>>*>* clusters, Point<double>* a, Point<double>* b,
+                       Point<double>* c, bool* flagA, bool* flagB, bool* flagC);
+    void refineDirectionNew(std::vector<Cluster<Point<double>>*>* clusters, Point<double>* direction,
+                            bool* flag);
+
+    VRKLogger* m_logger;
+};
