@@ -1,0 +1,497 @@
+#include "cellfinding/CalculateCellAlgorithm.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cmath>
+#include <memory>
+#include <random>
+
+#include "VoxCore/DataModel/VoxMRCData.h"
+#include "cellfinding/Parameter.h"
+#include "crystallography/BasicMath.h"
+#include "crystallography/UnitCell.h"
+#include "reflections/ReflexVector.h"
+#include "support/RecordingLogObserver.h"
+
+namespace {
+
+using Vector = std::array<double, 3>;
+using Basis = std::array<Vector, 3>;  // a, b, c
+
+constexpr double kDegree = 1.0 / BasicMath::kDegreePerRadian;
+
+/// What the steps hand to their caller, freed at the end.
+struct Results {
+    Results() = default;
+    ~Results() {
+        for (auto* cluster : clusters)
+            delete cluster;
+        for (auto* vector : noise)
+            delete vector;
+    }
+    Results(const Results&) = delete;
+    Results& operator=(const Results&) = delete;
+
+    void addCluster(const Vector& centre, int points) {
+        const Point<double> point(centre.data(), 3);
+        const std::vector<const Point<double>*> list(static_cast<std::size_t>(points), &point);
+        std::vector<Point<double>*> pointers;
+        for (const Point<double>* one : list)
+            pointers.push_back(const_cast<Point<double>*>(one));
+        clusters.push_back(new Cluster<Point<double>>(&pointers, static_cast<int>(clusters.size()) + 1));
+    }
+
+    Parameter parameter;
+    std::unique_ptr<CubicGrid<ClusterPoint<double>>> grid;
+    std::vector<Cluster<Point<double>>*> clusters;
+    std::vector<ClusterPoint<double>*> noise;
+    ClusterPoint<double> a{3, -1}, b{3, -1}, c{3, -1};
+    bool refined[3] = {false, false, false};
+};
+
+Basis basisOf(double a, double b, double c, double alpha, double beta, double gamma) {
+    const double cosA = std::cos(alpha * kDegree);
+    const double cosB = std::cos(beta * kDegree);
+    const double cosG = std::cos(gamma * kDegree);
+    const double sinG = std::sin(gamma * kDegree);
+    const double y = (cosA - cosB * cosG) / sinG;
+    // Turned, so that no axis is one of the volume.
+    const auto turned = [](const Vector& v) {
+        const double s = std::sin(0.3), t = std::cos(0.3);
+        const Vector w = {t * v[0] - s * v[1], s * v[0] + t * v[1], v[2]};
+        return Vector{t * w[0] + s * w[2], w[1], t * w[2] - s * w[0]};
+    };
+    return {turned({a, 0.0, 0.0}), turned({b * cosG, b * sinG, 0.0}),
+            turned({c * cosB, c * y, c * std::sqrt(1.0 - cosB * cosB - y * y)})};
+}
+
+Vector vectorOf(const Point<double>& point) {
+    return {point.getData(0), point.getData(1), point.getData(2)};
+}
+
+double distance(const Vector& u, const Vector& v) {
+    return std::hypot(u[0] - v[0], u[1] - v[1], u[2] - v[2]);
+}
+
+/// Reflections of a lattice around 0 with a wedge missing, each moved a little, and some that are none.
+ReflexVectorPtr reflectionsOf(const Basis& basis, double radius, double sigma, double outliers,
+                              unsigned seed) {
+    std::mt19937 random(seed);
+    std::normal_distribution<double> noise(0.0, sigma);
+    std::uniform_real_distribution<double> anywhere(-radius, radius);
+    ReflexVectorPtr list(new ReflexVector);
+    const int n = 20;
+    for (int h = -n; h <= n; ++h)
+        for (int k = -n; k <= n; ++k)
+            for (int l = -n; l <= n; ++l) {
+                Vector g{};
+                for (std::size_t i = 0; i < 3; ++i)
+                    g[i] = h * basis[0][i] + k * basis[1][i] + l * basis[2][i];
+                const double length = std::hypot(g[0], g[1], g[2]);
+                const bool unseen = std::abs(g[2]) > 1.7 * std::abs(g[0]);
+                if (length > radius || length < 3.0 || unseen || random() % 3 != 0) continue;
+                list->push_back(new Reflex(g[0] + noise(random), g[1] + noise(random), g[2] + noise(random)));
+            }
+    for (auto wrong = static_cast<std::size_t>(outliers * static_cast<double>(list->size())); wrong > 0;
+         --wrong)
+        list->push_back(new Reflex(anywhere(random), anywhere(random), anywhere(random)));
+    return list;
+}
+
+/// The largest deviation of the vectors from nodes of the lattice, in voxels.
+double largestMisfit(const Basis& lattice, const Basis& vectors, double& index) {
+    double m[3][3];
+    double inverse[3][3];
+    for (std::size_t i = 0; i < 3; ++i)
+        for (std::size_t j = 0; j < 3; ++j)
+            m[i][j] = lattice[j][i];
+    EXPECT_TRUE(BasicMath::Invert(m, inverse));
+    double worst = 0.0;
+    double rounded[3][3];
+    for (std::size_t i = 0; i < 3; ++i) {
+        double hkl[3];
+        BasicMath::MatrixProduct(inverse, vectors[i].data(), hkl);
+        for (std::size_t j = 0; j < 3; ++j)
+            rounded[i][j] = std::round(hkl[j]);
+        Vector node;
+        BasicMath::MatrixProduct(m, rounded[i], node.data());
+        worst = std::max(worst, distance(node, vectors[i]));
+    }
+    index = std::abs(BasicMath::Determinant(rounded));
+    return worst;
+}
+
+TEST(CalculateCellAlgorithm, FindsTheCellsOfNoisyReflections) {
+    struct Case {
+        const char* name;
+        Basis basis;
+        double maxLength;
+    };
+    const Case cases[] = {
+        {"cubic", basisOf(10, 10, 10, 90, 90, 90), 22},
+        {"body-centred", basisOf(10, 10, 10, 109.47, 109.47, 109.47), 22},
+        {"hexagonal", basisOf(9, 9, 14, 90, 90, 120), 25},
+        {"orthorhombic with a long axis", basisOf(6, 9, 21, 90, 90, 90), 30},
+        {"monoclinic", basisOf(8, 11, 13, 90, 107, 90), 26},
+        {"triclinic", basisOf(9, 10, 12.5, 83, 98, 104), 26},
+    };
+    for (const Case& one : cases)
+        for (const bool halfSpace : {true, false}) {
+            SCOPED_TRACE(one.name);
+            SCOPED_TRACE(halfSpace);
+            const ReflexVectorPtr reflections = reflectionsOf(one.basis, 75.0, 0.25, 0.4, 7);
+            Results run;
+            run.parameter.setUseHaldDiffVectorSpace(halfSpace);
+            run.parameter.setMaxLength(one.maxLength);
+            run.parameter.setDBSCANEps(0.9);
+            run.parameter.setDBSCANMinPts(15);
+            CalculateCellAlgorithm algorithm;
+            double seconds = -7.0;
+            run.grid.reset(algorithm.StepTwo_CalcDiffVectors(&run.parameter, reflections.get(), &seconds));
+            ASSERT_TRUE(run.grid);
+            EXPECT_GE(seconds, 0.0);
+            ASSERT_GE(
+                algorithm.StepThree_Clustering(&run.parameter, run.grid.get(), &run.clusters, &run.noise),
+                0.0);
+            UnitCell cell;
+            ASSERT_GE(algorithm.StepFour_FindLinearIndependentVectors(&run.parameter, &cell, &run.clusters,
+                                                                      &run.a, &run.b, &run.c),
+                      0.0);
+            EXPECT_FALSE(cell.isDegenerate());
+            double index = 0.0;
+            EXPECT_LT(largestMisfit(one.basis, {vectorOf(run.a), vectorOf(run.b), vectorOf(run.c)}, index),
+                      0.5);
+            EXPECT_EQ(index, 1.0);
+            ASSERT_GE(algorithm.StepFive_CalculateNiggliCell(&run.parameter, &run.a, &run.b, &run.c, &run.a,
+                                                             &run.b, &run.c),
+                      0.0);
+            ASSERT_GE(algorithm.StepSix_Refinement(&run.clusters, &run.a, &run.b, &run.c, &run.a, &run.b,
+                                                   &run.c, &run.refined[0], &run.refined[1], &run.refined[2]),
+                      0.0);
+            EXPECT_TRUE(run.refined[0] && run.refined[1] && run.refined[2]);
+            EXPECT_LT(largestMisfit(one.basis, {vectorOf(run.a), vectorOf(run.b), vectorOf(run.c)}, index),
+                      0.15);
+            EXPECT_EQ(index, 1.0);
+        }
+}
+
+TEST(CalculateCellAlgorithm, StepOneCutsAroundTheHalvesOfTheVolume) {
+    struct Case {
+        bool cutOff, limit;
+        std::vector<double> left;
+    };
+    const Case cases[] = {{false, false, {0, 4, 5, 9, 10}},
+                          {true, false, {5, 9, 10}},
+                          {false, true, {0, 4, 5, 9}},
+                          {true, true, {5, 9}}};
+    VoxMRCData volume(11, 20, 30);  // its halves are 5, 10, 15
+    for (const Case& one : cases) {
+        RecordingLogObserver log;
+        ReflexVectorPtr reflections(new ReflexVector);
+        for (const double x : {0.0, 4.0, 5.0, 9.0, 10.0})
+            reflections->push_back(new Reflex(5.0 + x, 10.0, 15.0));
+        const ReflexVector all = *reflections;
+        Parameter parameter;
+        parameter.setCutOffZeroBeam(one.cutOff);
+        parameter.setMinDistToZeroBeam(5.0);
+        parameter.setLimitResolution(one.limit);
+        parameter.setLimitOfResolution(9.0);
+        EXPECT_GE(CalculateCellAlgorithm().StepOne_CutOfZeroBeam(reflections.get(), &volume, &parameter),
+                  0.0);
+        std::vector<double> left;
+        for (Reflex* reflex : *reflections)
+            left.push_back(reflex->getCenterInX() - 5.0);
+        EXPECT_EQ(left, one.left);
+        EXPECT_TRUE(log.has("Cut off started...", VRK::Normal));
+        EXPECT_TRUE(log.has("New number of reflections: " + std::to_string(left.size()), VRK::Normal));
+        for (Reflex* reflex : all)
+            if (std::find(reflections->begin(), reflections->end(), reflex) == reflections->end())
+                Reflex::destroy(reflex);
+    }
+}
+
+TEST(CalculateCellAlgorithm, RefusesMissingInputWithOneLine) {
+    CalculateCellAlgorithm algorithm;
+    Results run;
+    VoxMRCData volume(4, 4, 4);
+    ReflexVector one;
+    one.push_back(new Reflex(1.0, 2.0, 3.0));
+    double seconds = 0.0;
+    const ClusterPoint<double> untouched = run.a;
+    struct Case {
+        const char* message;
+        VRK::MessageType type;
+        std::function<double()> call;
+    };
+    const Case cases[] = {
+        {"No reflections founded.", VRK::Error,
+         [&] { return algorithm.StepOne_CutOfZeroBeam(nullptr, &volume, &run.parameter); }},
+        {"The cut off needs a volume", VRK::Error,
+         [&] { return algorithm.StepOne_CutOfZeroBeam(&one, nullptr, &run.parameter); }},
+        {"Calculate diff vectors failed.", VRK::Error,
+         [&] {
+             EXPECT_EQ(algorithm.StepTwo_CalcDiffVectors(&run.parameter, nullptr, &seconds), nullptr);
+             return seconds;
+         }},
+        {"Calculate diff vectors failed.", VRK::Error,
+         [&] {
+             EXPECT_EQ(algorithm.StepTwo_CalcDiffVectors(&run.parameter, &one, &seconds), nullptr);
+             return seconds;
+         }},
+        {"No cluster centers found.", VRK::Warning,
+         [&] { return algorithm.StepThree_Clustering(&run.parameter, nullptr, &run.clusters, &run.noise); }},
+        {"No three linear independent vectors among 0", VRK::Warning,
+         [&] {
+             return algorithm.StepFour_FindLinearIndependentVectors(&run.parameter, nullptr, &run.clusters,
+                                                                    &run.a, &run.b, &run.c);
+         }},
+        {"three points are needed", VRK::Error,
+         [&] {
+             return algorithm.StepFour_FindLinearIndependentVectors(&run.parameter, nullptr, &run.clusters,
+                                                                    &run.a, nullptr, &run.c);
+         }},
+        {"six points are needed", VRK::Error,
+         [&] {
+             return algorithm.StepFive_CalculateNiggliCell(nullptr, &run.a, &run.b, &run.c, &run.a, &run.b,
+                                                           &run.c);
+         }},
+        {"No three linear independent vectors in the lattice", VRK::Warning,
+         [&] {
+             return algorithm.StepFive_CalculateNiggliCell(&run.parameter, &run.a, &run.b, &run.c, &run.a,
+                                                           &run.b, &run.c);
+         }},
+        {"No clusters loaded during the refinement of the cell.", VRK::Error,
+         [&] {
+             return algorithm.StepSix_Refinement(&run.clusters, &run.a, &run.b, &run.c, &run.a, &run.b,
+                                                 &run.c, &run.refined[0], &run.refined[1], &run.refined[2]);
+         }},
+    };
+    for (const Case& refusal : cases) {
+        SCOPED_TRACE(refusal.message);
+        RecordingLogObserver log;
+        seconds = 0.0;
+        EXPECT_EQ(refusal.call(), -1.0);
+        EXPECT_EQ(log.count(refusal.message, refusal.type), 1);
+        EXPECT_EQ(log.count("", VRK::Error) + log.count("", VRK::Warning), 1);
+        EXPECT_EQ(one.size(), 1u);
+        EXPECT_TRUE(run.a.isEqual(&untouched));
+    }
+    // The clusters have been dealt with, in vain.
+    EXPECT_FALSE(run.parameter.getClusterOptionsChanged());
+    EXPECT_TRUE(run.parameter.getCellOptionsChanged());
+}
+
+TEST(CalculateCellAlgorithm, NoVectorFallsOffTheGrid) {
+    struct Case {
+        const char* name;
+        std::vector<Vector> reflections;
+    };
+    const Case cases[] = {
+        {"in a plane", {{0, 0, 5}, {10, 0, 5}, {10, 12, 5}, {0, 12, 5}}},
+        {"on a line", {{1, 0, 0}, {6, 0, 0}, {16, 0, 0}}},
+        {"differences all positive", {{0, 0, 0}, {7, 8, 9}, {14, 17, 20}}},
+        {"differences all negative in y", {{0, 0, 0}, {7, -8, 9}, {14, -17, 20}}},
+    };
+    for (const Case& one : cases) {
+        SCOPED_TRACE(one.name);
+        ReflexVectorPtr reflections(new ReflexVector);
+        for (const Vector& place : one.reflections)
+            reflections->push_back(new Reflex(place[0], place[1], place[2]));
+        Parameter parameter;
+        CalculateCellAlgorithm algorithm;
+        const std::unique_ptr<CubicGrid<ClusterPoint<double>>> grid(
+            algorithm.StepTwo_CalcDiffVectors(&parameter, reflections.get(), nullptr));
+        ASSERT_TRUE(grid);
+        EXPECT_FALSE(parameter.getDiffVectorOptionsChanged());
+        EXPECT_TRUE(parameter.getClusterOptionsChanged() && parameter.getCellOptionsChanged());
+        const auto count = static_cast<int>(one.reflections.size());
+        EXPECT_EQ(grid->getNumberOfPoints(), count * (count - 1) / 2);
+        for (const ClusterPoint<double>* point : *grid->getPoints())
+            EXPECT_GT(point->getLength(), 3.0);
+    }
+}
+
+TEST(CalculateCellAlgorithm, PruningLeavesNoClusterEmpty) {
+    Results run;
+    ReflexVectorPtr reflections(new ReflexVector);
+    for (int i = 0; i < 30; ++i)
+        reflections->push_back(new Reflex(10.0 * i, 0.0, 0.001 * i * i));
+    run.parameter.setMaxLength(25.0);
+    run.parameter.setDBSCANMinPts(5);
+    run.parameter.setRefineCluster(true);
+    CalculateCellAlgorithm algorithm;
+    run.grid.reset(algorithm.StepTwo_CalcDiffVectors(&run.parameter, reflections.get(), nullptr));
+    struct Case {
+        double percent;
+        int first, second;
+    };
+    for (const Case& one : {Case{50.0, 14, 14}, Case{0.0, 29, 28}, Case{3.5, 1, 28}}) {
+        run.parameter.setClusterRefinementPercent(one.percent);
+        ASSERT_GE(algorithm.StepThree_Clustering(&run.parameter, run.grid.get(), &run.clusters, &run.noise),
+                  0.0);
+        ASSERT_EQ(run.clusters.size(), 2u);
+        EXPECT_EQ(run.clusters[0]->getNumberOfPoints(), one.first);
+        EXPECT_EQ(run.clusters[1]->getNumberOfPoints(), one.second);
+        for (auto* cluster : run.clusters)
+            delete cluster;
+        run.clusters.clear();
+    }
+}
+
+TEST(CalculateCellAlgorithm, ChoosesShortVectorsOutOfOnePlane) {
+    struct Case {
+        const char* name;
+        double detLimit, angleA, angleB;
+        std::vector<Vector> centres;
+        std::vector<std::size_t> chosen;  // none: no base
+    };
+    const Basis sharp = basisOf(10, 10.5, 11, 20, 20, 20);
+    const Case cases[] = {
+        {"noise lifts a centre out of the plane",
+         0.0,
+         0.984,
+         0.7,
+         {{10, 0, 0}, {0, 11, 0}, {-6, 8, 0.7}, {6, 9, 0.6}, {1, 2, 14}},
+         {0, 2, 4}},
+        {"of equal lengths the first",
+         0.0,
+         0.984,
+         0.7,
+         {{0, 0, 10}, {0, 10, 0}, {10, 0, 0}, {0, 0, -10}, {0, -10, 0}},
+         {0, 1, 2}},
+        {"a negative determinant is as good",
+         0.0,
+         0.984,
+         0.7,
+         {{10, 0, 0}, {0, 0, 11}, {0, 12, 0}},
+         {0, 1, 2}},
+        {"20 degrees between all axes", 0.0, 0.3, 0.3, {sharp[0], sharp[1], sharp[2]}, {0, 1, 2}},
+        {"opposite vectors", 0.0, 0.984, 0.7, {{10, 0, 0}, {-10, 0.5, 0}, {0, 11, 0}, {0, 0, 12}}, {0, 2, 3}},
+        {"determinant at the limit",
+         1320.0,
+         0.984,
+         0.7,
+         {{10, 0, 0}, {0, 11, 0}, {0, 0, 12}, {0, 0, 13}},
+         {0, 1, 3}},
+        {"all in a plane", 0.0, 0.984, 0.7, {{10, 0, 0}, {0, 11, 0}, {-6, 8, 0.7}, {7, 8, 0.5}}, {}},
+        {"all on a line", 0.0, 0.984, 0.7, {{10, 0, 0}, {20, 0, 0.1}, {30, 0, 0}}, {}},
+        {"two", 0.0, 0.984, 0.7, {{10, 0, 0}, {0, 11, 0}}, {}},
+    };
+    for (const Case& one : cases) {
+        SCOPED_TRACE(one.name);
+        Results run;
+        for (const Vector& centre : one.centres)
+            run.addCluster(centre, 3);
+        run.parameter.setDetLimit(one.detLimit);
+        run.parameter.setAngleA(one.angleA);
+        run.parameter.setAngleB(one.angleB);
+        UnitCell cell;
+        const double seconds = CalculateCellAlgorithm().StepFour_FindLinearIndependentVectors(
+            &run.parameter, &cell, &run.clusters, &run.a, &run.b, &run.c);
+        if (one.chosen.empty()) {
+            EXPECT_EQ(seconds, -1.0);
+            EXPECT_EQ(vectorOf(run.a), Vector{});
+            EXPECT_TRUE(cell.isStandartCell());
+            continue;
+        }
+        EXPECT_GE(seconds, 0.0);
+        const ClusterPoint<double>* found[] = {&run.a, &run.b, &run.c};
+        for (std::size_t i = 0; i < 3; ++i)
+            EXPECT_LT(distance(vectorOf(*found[i]), one.centres[one.chosen[i]]), 1e-9) << i;
+        Vector c;
+        cell.get_c(c.data());
+        EXPECT_EQ(c, vectorOf(run.c));
+    }
+}
+
+TEST(CalculateCellAlgorithm, StepFiveFindsTheShortestVectorsOfTheLattice) {
+    const Basis basis = basisOf(9, 10, 12.5, 83, 98, 104);
+    const auto combined = [&](double h, double k, double l) {
+        Vector v;
+        for (std::size_t i = 0; i < 3; ++i)
+            v[i] = h * basis[0][i] + k * basis[1][i] + l * basis[2][i];
+        return ClusterPoint<double>(v.data(), 3, -1);
+    };
+    ClusterPoint<double> a = combined(1, 1, 0);
+    ClusterPoint<double> b = combined(1, 2, 0);
+    ClusterPoint<double> c = combined(-2, 1, 1);
+    Parameter parameter;
+    for (const int size : {5, 1000000}) {
+        parameter.setGridSizeNiggliCell(size);
+        ClusterPoint<double> out[3] = {{3, -1}, {3, -1}, {3, -1}};
+        ASSERT_GE(CalculateCellAlgorithm().StepFive_CalculateNiggliCell(&parameter, &a, &b, &c, &out[0],
+                                                                        &out[1], &out[2]),
+                  0.0);
+        EXPECT_NEAR(out[0].getLength(), 9.0, 1e-9);
+        EXPECT_NEAR(out[1].getLength(), 10.0, 1e-9);
+        EXPECT_NEAR(out[2].getLength(), 12.5, 1e-9);
+    }
+    parameter.setGridSizeNiggliCell(0);
+    EXPECT_EQ(CalculateCellAlgorithm().StepFive_CalculateNiggliCell(&parameter, &a, &b, &c, &a, &b, &c),
+              -1.0);
+}
+
+TEST(CalculateCellAlgorithm, StepSixFitsADirectionToItsOwnRow) {
+    const Vector truth = {10.0, 1.0, -0.5};
+    Results run;
+    const auto at = [&](double n, double x, double y, double z) {
+        return Vector{n * truth[0] + x, n * truth[1] + y, n * truth[2] + z};
+    };
+    // The row: many points or close to it. What is left: a wrong cluster beside the second node, one
+    // between two nodes, and the neighbouring row.
+    run.addCluster(at(1, 0.0, 0.3, 0.0), 10);
+    run.addCluster(at(-1, 0.02, 0.0, 0.0), 100);
+    run.addCluster(at(2, 0.0, -0.02, 0.01), 90);
+    run.addCluster(at(3, 0.0, 0.0, -0.03), 80);
+    run.addCluster(at(2, 1.2, 0.0, 0.6), 40);
+    run.addCluster(at(1.5, 0.0, 0.0, 0.0), 60);
+    run.addCluster({0.0, 4.5, 0.0}, 90);
+    run.addCluster(at(2, 0.0, 4.5, 0.0), 90);
+    const Vector start = at(1, 0.3, 0.3, 0.2);
+    run.a.setDataAndDimension(start.data(), 3);
+    run.b.setDataAndDimension(Vector{0.0, 0.0, 7.0}.data(), 3);
+
+    RecordingLogObserver log;
+    ClusterPoint<double> out[3] = {{3, -1}, {3, -1}, {3, -1}};
+    bool refined[3] = {false, true, true};
+    EXPECT_GE(
+        CalculateCellAlgorithm().StepSix_Refinement(&run.clusters, &run.a, &run.b, &run.c, &out[0], &out[1],
+                                                    &out[2], &refined[0], &refined[1], nullptr),
+        0.0);
+    EXPECT_TRUE(refined[0]);
+    EXPECT_LT(distance(vectorOf(out[0]), truth), 0.02);
+    // No centre lies on the row of b, so that it stays; c has no flag.
+    EXPECT_FALSE(refined[1]);
+    EXPECT_EQ(vectorOf(out[1]), vectorOf(run.b));
+    EXPECT_EQ(log.count("Error during the refinement of the cell.", VRK::Error), 1);
+    EXPECT_EQ(log.count("The c-direction can't be refined.", VRK::Warning), 1);
+}
+
+TEST(CalculateCellAlgorithm, StepSixStopsAtTheFirstMissingDirection) {
+    Results run;
+    run.addCluster({10, 0, 0}, 5);
+    run.addCluster({0, 10, 0}, 5);
+    run.addCluster({0, 0, 10}, 5);
+    for (int missing = 0; missing < 3; ++missing) {
+        RecordingLogObserver log;
+        ClusterPoint<double> points[3] = {{3, -1}, {3, -1}, {3, -1}};
+        for (int i = 0; i < 3; ++i)
+            points[i].setData(9.5, i);
+        const auto input = [&](int i) { return i == missing ? nullptr : &points[i]; };
+        bool refined[3] = {true, true, true};
+        const double seconds = CalculateCellAlgorithm().StepSix_Refinement(
+            &run.clusters, input(0), input(1), input(2), &points[0], &points[1], &points[2], &refined[0],
+            &refined[1], &refined[2]);
+        EXPECT_EQ(seconds < 0.0, missing == 0);
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_EQ(refined[i], i < missing);
+            EXPECT_DOUBLE_EQ(points[i].getData(i), i < missing ? 10.0 : 9.5);
+        }
+        const std::string message = std::string("The ") + "abc"[missing] + "-direction can't be refined.";
+        EXPECT_EQ(log.count(message, VRK::Warning), 1);
+        EXPECT_EQ(log.count("", VRK::Warning), 1);
+    }
+}
+
+}  // namespace
