@@ -190,8 +190,9 @@ double medianDistance(const std::vector<RowCentre>& row, const Vector& direction
 Vector fitToRow(const std::vector<RowCentre>& row, Vector direction) {
     constexpr int kRounds = 10;
     constexpr double kBiweight = 4.685;
-    // Centres as good as these are not told apart: they would be what chance leaves of a few.
-    constexpr double kLeastCutOff = 0.4;
+    // In voxels. Where the half space cuts through a cluster, its halves appear at v and at -v and are this
+    // far from each other when turned the same way; only together are they at the right place.
+    constexpr double kLeastCutOff = 1.0;
     for (int round = 0; round < kRounds; ++round) {
         const double cutOff = std::max(kLeastCutOff, kBiweight * 1.4826 * medianDistance(row, direction));
         Vector sum{};

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cmath>
+#include <functional>
 #include <memory>
 #include <random>
 
@@ -185,19 +186,19 @@ TEST(CalculateCellAlgorithm, StepOneCutsAroundTheHalvesOfTheVolume) {
                           {true, false, {5, 9, 10}},
                           {false, true, {0, 4, 5, 9}},
                           {true, true, {5, 9}}};
-    VoxMRCData volume(11, 20, 30);  // its halves are 5, 10, 15
+    const std::unique_ptr<VoxMRCData> volume(VoxMRCData::Create3D(11, 20, 30));  // its halves are 5, 10, 15
     for (const Case& one : cases) {
         RecordingLogObserver log;
         ReflexVectorPtr reflections(new ReflexVector);
         for (const double x : {0.0, 4.0, 5.0, 9.0, 10.0})
             reflections->push_back(new Reflex(5.0 + x, 10.0, 15.0));
-        const ReflexVector all = *reflections;
+        const std::vector<Reflex*> all(reflections->begin(), reflections->end());
         Parameter parameter;
         parameter.setCutOffZeroBeam(one.cutOff);
         parameter.setMinDistToZeroBeam(5.0);
         parameter.setLimitResolution(one.limit);
         parameter.setLimitOfResolution(9.0);
-        EXPECT_GE(CalculateCellAlgorithm().StepOne_CutOfZeroBeam(reflections.get(), &volume, &parameter),
+        EXPECT_GE(CalculateCellAlgorithm().StepOne_CutOfZeroBeam(reflections.get(), volume.get(), &parameter),
                   0.0);
         std::vector<double> left;
         for (Reflex* reflex : *reflections)
@@ -214,7 +215,7 @@ TEST(CalculateCellAlgorithm, StepOneCutsAroundTheHalvesOfTheVolume) {
 TEST(CalculateCellAlgorithm, RefusesMissingInputWithOneLine) {
     CalculateCellAlgorithm algorithm;
     Results run;
-    VoxMRCData volume(4, 4, 4);
+    const std::unique_ptr<VoxMRCData> volume(VoxMRCData::Create3D(4, 4, 4));
     ReflexVector one;
     one.push_back(new Reflex(1.0, 2.0, 3.0));
     double seconds = 0.0;
@@ -226,7 +227,7 @@ TEST(CalculateCellAlgorithm, RefusesMissingInputWithOneLine) {
     };
     const Case cases[] = {
         {"No reflections founded.", VRK::Error,
-         [&] { return algorithm.StepOne_CutOfZeroBeam(nullptr, &volume, &run.parameter); }},
+         [&] { return algorithm.StepOne_CutOfZeroBeam(nullptr, volume.get(), &run.parameter); }},
         {"The cut off needs a volume", VRK::Error,
          [&] { return algorithm.StepOne_CutOfZeroBeam(&one, nullptr, &run.parameter); }},
         {"Calculate diff vectors failed.", VRK::Error,
