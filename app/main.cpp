@@ -18,6 +18,7 @@ int parseAndRun(host::Host& host, int argc, char** argv) {
     host::addInfoCommand(app, host);
     host::addPreprocessCommand(app, host);
     host::addReconstructCommand(app, host);
+    host::addTiltAxisCommand(app, host);
     host::addPeaksCommand(app, host);
     host::addIndexCommand(app, host);
     host::addSimulateCommand(app, host);

@@ -1,0 +1,100 @@
+#include "tiltaxis/VRKSphericalProjection.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <numbers>
+#include <span>
+#include <sstream>
+#include <string>
+
+#include "cellfinding/ClusterPoint.h"
+#include "foundation/VRKLogger.h"
+
+namespace {
+
+void log(const std::string& text, VRK::MessageType type = VRK::Normal,
+         VRK::DebugMessageType debugType = VRK::Information) {
+    VRKLogger::getInstance()->log(text, type, debugType);
+}
+
+/// Number of an interval, -1 for an angle that lies in none.
+int binOf(double angle, double width, int bins) {
+    const double address = angle / width;
+    if (!(address >= 0.0 && address <= bins)) return -1;
+    return std::min(static_cast<int>(address), bins - 1);
+}
+
+void logAddressError(double phi, double theta, int phiAddress, int thetaAddress, int nPhi, int nTheta) {
+    std::ostringstream text;
+    text << "VRKSphericalProjection::getSphericalHistoImage: a difference vector has no bin:"
+         << " azimut_phi " << phi << " polar_theta " << theta << " phi_address " << phiAddress
+         << " theta_address " << thetaAddress << " (image address range 0-" << nPhi - 1 << ", 0-"
+         << nTheta - 1 << ")";
+    log(text.str(), VRK::Error);
+}
+
+double varianceOf(std::span<const int> counts) {
+    double sum = 0.0;
+    for (const int count : counts)
+        sum += count;
+    const double mean = sum / static_cast<double>(counts.size());
+    double squares = 0.0;
+    for (const int count : counts)
+        squares += (count - mean) * (count - mean);
+    return squares / static_cast<double>(counts.size());
+}
+
+void scaleTo8Bit(std::span<int> counts, int largest) {
+    if (largest <= 0) return;
+    for (int& count : counts)
+        count = static_cast<int>(static_cast<double>(count) / largest * 255.0);
+}
+
+}  // namespace
+
+void VRKSphericalProjection::rotatePoint(double& x, double& y, double& z) {
+    const bool invert = x < 0.0 || (x == 0.0 && z < 0.0);
+    const double sign = invert ? -1.0 : 1.0;
+    const double alongAxis = y;
+    x = std::abs(x);
+    y = sign * z;
+    z = sign * alongAxis;
+}
+
+float VRKSphericalProjection::getSphericalHistoImage(std::vector<ClusterPoint<double>*>* diffVectors,
+                                                     int* image, int nPhi, int nTheta, int* maxValue,
+                                                     bool quiet) {
+    if (!diffVectors || !image || nPhi < 1 || nTheta < 1) {
+        log("VRKSphericalProjection::getSphericalHistoImage: there are no difference vectors or no image.",
+            VRK::Error);
+        return 0.0F;
+    }
+    if (!quiet) log(" DifferenceVectorCount:" + std::to_string(diffVectors->size()));
+    const double phiWidth = std::numbers::pi / nPhi;
+    const double thetaWidth = std::numbers::pi / nTheta;
+    const std::span<int> counts(image, static_cast<std::size_t>(nPhi) * static_cast<std::size_t>(nTheta));
+    for (const ClusterPoint<double>* vector : *diffVectors) {
+        const double* coordinates = vector->getData();
+        double u = coordinates[0], v = coordinates[1], pole = coordinates[2];
+        rotatePoint(u, v, pole);
+        if (u == 0.0 && v == 0.0) continue;
+        const double phi = std::atan2(v, u) + std::numbers::pi / 2.0;
+        const double theta = std::atan2(std::sqrt(u * u + v * v), pole);
+        const int phiAddress = binOf(phi, phiWidth, nPhi);
+        const int thetaAddress = binOf(theta, thetaWidth, nTheta);
+        if (phiAddress < 0 || thetaAddress < 0) {
+            logAddressError(phi, theta, phiAddress, thetaAddress, nPhi, nTheta);
+            return 0.0F;
+        }
+        ++counts[static_cast<std::size_t>(thetaAddress) * static_cast<std::size_t>(nPhi) +
+                 static_cast<std::size_t>(phiAddress)];
+    }
+    const double variance = varianceOf(counts);
+    const int largest = *std::max_element(counts.begin(), counts.end());
+    if (maxValue) *maxValue = largest;
+    scaleTo8Bit(counts, largest);
+    if (!quiet) log(" max in diffVec Histogramm " + std::to_string(largest) + " (scaled to 8 bit)");
+    log("<< VRKSphericalProjection::getSphericalHistoImage()", VRK::Debug, VRK::MethodControl);
+    return static_cast<float>(variance);
+}

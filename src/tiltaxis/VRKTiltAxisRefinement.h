@@ -1,0 +1,143 @@
+/// \file
+/// The search for the angle of the tilt axis.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "VRKCoreExport.h"
+#include "foundation/VRKLogger.h"
+#include "foundation/VoxProgressObserver.h"
+#include "reflections/ReflexVector.h"
+#include "tiltaxis/TiltAxisScore.h"
+
+class VoxMRCData;
+
+/// Tries candidate angles and keeps the one that makes the lattice sharpest.
+///
+/// With a wrong angle every pattern enters the volume turned in its plane, so that equal lattice vectors
+/// come out with directions that depend on the tilt at which they were recorded. The score of a
+/// candidate is the variance of the counts in the histogram of the directions of all difference vectors
+/// (VRKSphericalProjection, 512 x 512 bins): it is largest where equal vectors agree.
+///
+/// The angle is the one that VoxMRCstemProcessing::step3_Rotation2TiltAxis() takes: the axis lies along
+/// (-sin t, cos t), x to the right and y down the file. An axis is a line: t and t + 180 name the same one
+/// (docs/conventions.md tells what differs), and the range that is scanned is not clamped, so angles beyond
+/// +-90 degrees may come back.
+///
+/// Two routes lead to the reflections. The three-dimensional one turns the series, reconstructs the volume
+/// and searches it (FindReflexes). The two-dimensional one finds the spots of the patterns once
+/// (FindReflexes2d) and, for every candidate, turns them, places them in reciprocal space and merges those of
+/// successive patterns; it needs no reconstruction and is the faster one.
+///
+/// What is evaluated. The series has to be preprocessed: hot spots removed, centred, background subtracted,
+/// tilts ascending. Of the 3-D route:
+/// - frames that are not square are padded, and series wider than 256 pixels are halved until they are not;
+/// - the reflection search has the fixed threshold of 125, so the series that is evaluated is smoothed and
+///   multiplied by a factor which brings the weakest of its thousand highest spots, found as in the 2-D
+///   route, to that threshold, however weak or bright the series is.
+///
+/// The 2-D route takes the series as it is. In both, the 1500 most intense reflections at most take part in
+/// the difference vectors (longer than 30.5 and shorter than 1000 voxels or pixels): their number, and the
+/// memory, is quadratic in that of the reflections. Memory does not grow with the number of angles.
+///
+/// What a search returns is kNoAngle, with an error in the log, when there is nothing to evaluate (no
+/// series, one pattern, an empty one, tilts that do not ascend), when the folder is missing or cannot be
+/// written, and when no candidate gave a score. When the progress observer asks to stop, it is the best
+/// angle so far, or kNoAngle when there is none.
+///
+/// Into the folder go "diffVectorHistogramm_RotAngle_" + angle + ".png", the equalised histogram of each
+/// candidate, and into its subfolder name + "_searchTiltAxis_plots" the scores of all candidates as data,
+/// gnuplot script and picture, one for each series of the statistics.
+///
+/// \code
+/// VRKTiltAxisRefinement search;
+/// const float angle = search.searchTiltAxisAutomated3D(series, "crystal", "results", 0.1);
+/// if (angle != VRKTiltAxisRefinement::kNoAngle) ...
+/// \endcode
+class VRKCORE_EXPORT VRKTiltAxisRefinement : public VoxProgressObservable {
+public:
+    /// Returned when there is no angle.
+    static constexpr float kNoAngle = 777777.75F;
+
+    VRKTiltAxisRefinement();
+    virtual ~VRKTiltAxisRefinement();
+    VRKTiltAxisRefinement(const VRKTiltAxisRefinement&) = delete;
+    VRKTiltAxisRefinement& operator=(const VRKTiltAxisRefinement&) = delete;
+
+    /// \name Searches
+    /// \param tiltSeries            preprocessed; not changed
+    /// \param name                  of the series, for the names of files; may be empty
+    /// \param folderName2SaveResults  an existing folder
+    /// \return the best of the angles tried, in degrees
+    /// @{
+
+    /// First -90 ... 90 degrees in steps of 5, then ten steps to either side of the best angle in steps of 1,
+    /// 0.1, ... down to the accuracy; at least in steps of 1. Not finite or below 1e-4: taken as 1e-4.
+    float searchTiltAxisAutomated3D(VoxMRCData* tiltSeries, std::string name,
+                                    std::string folderName2SaveResults, double angularAccuracy);
+    /// The same by the two-dimensional route.
+    float searchTiltAxis2dBruteForce(VoxMRCData* tiltSeries, std::string name,
+                                     std::string folderName2SaveResults, double angularAccuracy);
+    /// The angles start, start + stepsize, ... up to end, which belongs to the range. kNoAngle when the step
+    /// is not positive, end lies below start, or there are more than 100000 angles.
+    float searchTiltAxisManual3D(VoxMRCData* tiltSeries, std::string name, std::string folderName2SaveResults,
+                                 double start, double end, double stepsize);
+    /// The same by the two-dimensional route.
+    float searchTiltAxisManual2D(VoxMRCData* tiltSeries, std::string name, std::string folderName2SaveResults,
+                                 double start, double end, double stepsize);
+    /// @}
+
+    /// Whether the latest search had a series and a folder that it could work with.
+    bool accepted() const { return m_accepted; }
+    /// The candidates of the latest search in the order of their evaluation.
+    const std::vector<TiltAxisScore>& scores() const { return m_scores; }
+
+protected:
+    /// Scores the angles of one range, in their order, and records the scores. A host that spreads the work
+    /// over processes overrides it: the score of an angle depends on that angle alone, so it may call
+    /// scoreAngle() anywhere and has to call beginAngle() and recordScore() for every angle, in this order,
+    /// in the process of the search. The outcome is then the same.
+    virtual void evaluateAngles(const std::vector<float>& angles, const std::string& name, bool mode3D);
+
+    /// Counts the angle in the progress and names it in the log. False when the observer asked to stop.
+    bool beginAngle(float angle);
+    /// Scores one angle and writes its histogram image.
+    TiltAxisScore scoreAngle(float angle, bool mode3D);
+    /// Adds a score to the statistics, and makes its angle the best one when the variance is above the best
+    /// so far. At equal variance the earlier angle stays.
+    void recordScore(const TiltAxisScore& score);
+
+private:
+    float searchAutomated(VoxMRCData* tiltSeries, const std::string& name, const std::string& folder,
+                          double angularAccuracy, bool mode3D);
+    float searchManual(VoxMRCData* tiltSeries, const std::string& name, const std::string& folder,
+                       double start, double end, double stepsize, bool mode3D);
+    bool prepare(VoxMRCData* tiltSeries, const std::string& name, const std::string& folder, bool mode3D);
+    bool prepareVolumeRoute();
+    bool limitSize();
+    float finish(const std::string& name, double startSeconds);
+    void evaluateTiltAxis(float angle, std::string name, bool mode3D);
+    ReflexVectorPtr reflexesFromVolume(float angle, TiltAxisScore& score);
+    ReflexVectorPtr reflexesFromPatterns(float angle);
+    void saveHistogram(const std::vector<int>& image, float angle);
+    void initStat();
+    void result_logging();
+    void finishStatistics(std::string folder, double bestAngle, double bestVariance, double seconds);
+
+    VRKLogger* m_logger;
+    VoxMRCData* m_workingVolume = nullptr;          ///< the series given, or m_rebinned
+    std::unique_ptr<VoxMRCData> m_rebinned;         ///< padded or downsampled copy
+    std::unique_ptr<VoxMRCData> m_evaluatedSeries;  ///< scaled copy of the working volume
+    ReflexVectorPtr m_spots;                        ///< of the patterns
+    double m_bestVariance = 0.0;
+    double m_bestTiltAxisAngle = 0.0;  ///< degrees
+    std::int32_t m_largestHistogramMaximum = 0;
+    std::vector<TiltAxisScore> m_scores;
+    std::string m_folder;
+    int m_progress = 0;
+    bool m_stopped = false;
+    bool m_accepted = false;
+};
