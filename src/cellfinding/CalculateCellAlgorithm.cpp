@@ -14,11 +14,8 @@
 #include "cellfinding/CalculateDiffVectors.h"
 #include "cellfinding/DBSCAN.h"
 #include "cellfinding/DiffVector3D.h"
-#include "cellfinding/Parameter.h"
-#include "cellfinding/TraceInternal.h"
 #include "crystallography/BasicMath.h"
-#include "crystallography/UnitCell.h"
-#include "reflections/ReflexVector.h"
+#include "foundation/VRKLogger.h"
 
 namespace {
 

@@ -8,11 +8,11 @@
 #include "cellfinding/Cluster.h"
 #include "cellfinding/ClusterPoint.h"
 #include "cellfinding/CubicGrid.h"
+#include "cellfinding/Parameter.h"
+#include "crystallography/UnitCell.h"
+#include "reflections/ReflexVector.h"
 
 class DiffVector3D;
-class Parameter;
-class ReflexVector;
-class UnitCell;
 class VoxMRCData;
 class VRKLogger;
 
