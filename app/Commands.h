@@ -13,6 +13,7 @@ void addInfoCommand(CLI::App& app, Host& host);
 void addCellInfoCommand(CLI::App& app, Host& host);
 void addImportCommand(CLI::App& app, Host& host);
 void addTiltAxisCommand(CLI::App& app, Host& host);
+void addRunCommand(CLI::App& app, Host& host);
 void addSectionsCommand(CLI::App& app, Host& host);
 void addPreprocessCommand(CLI::App& app, Host& host);
 void addReconstructCommand(CLI::App& app, Host& host);

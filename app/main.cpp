@@ -14,6 +14,7 @@ int parseAndRun(host::Host& host, int argc, char** argv) {
     CLI::App app("vrk: from a tilt series of electron diffraction patterns to unit cell and HKL file", "vrk");
     app.set_version_flag("--version", std::string("vrk ") + VRK::kVersion);
     app.require_subcommand(1);
+    host::addRunCommand(app, host);
     host::addImportCommand(app, host);
     host::addInfoCommand(app, host);
     host::addPreprocessCommand(app, host);
