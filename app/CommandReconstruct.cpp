@@ -9,7 +9,7 @@
 #include "DataFiles.h"
 #include "Failure.h"
 #include "LibraryStage.h"
-#include "processing/FineCalibrationImport.h"
+#include "Preprocessing.h"
 #include "processing/VoxMRCstemProcessing.h"
 
 namespace host {
@@ -30,20 +30,9 @@ double calibratedPixelSize(const Options& options, const VoxMRCData& series, Hos
     const mrcH& header = series.m_Header;
     const float ofSlice = header.value(SliceValue::PixelSize, 0);
     const double stated = static_cast<double>(ofSlice > 0 ? ofSlice : header.m_pixelsize);
-    if (!options.fineCalibration.empty()) {
-        int count = 0;
-        const bool quietBefore = host.log().quiet;
-        host.log().quiet = true;
-        const std::unique_ptr<double[]> table(
-            FineCalibrationImport::initFineCalibration(options.fineCalibration, &count));
-        host.log().quiet = quietBefore;
-        if (!table) throw Failure(options.fineCalibration + ": " + host.log().lastError());
-        if (const double size = FineCalibrationImport::calibratedPixelSize(table.get(), count, stated);
-            size > 0)
+    if (!options.fineCalibration.empty())
+        if (const double size = fineCalibratedPixelSize(options.fineCalibration, stated, host); size > 0)
             return size;
-        host.warn(options.fineCalibration + " has no line for the pixel size " + std::to_string(stated) +
-                  " 1/m of the series; the size is taken as stated");
-    }
     // Files without slice values state the size in their main header.
     return ofSlice > 0 ? 0 : static_cast<double>(header.m_pixelsize);
 }

@@ -10,9 +10,8 @@
 #include "Commands.h"
 #include "DataFiles.h"
 #include "Failure.h"
-#include "LibraryStage.h"
+#include "Preprocessing.h"
 #include "TiltAxisSearch.h"
-#include "processing/VoxMRCstemProcessing.h"
 
 namespace host {
 namespace {
@@ -28,20 +27,6 @@ struct Options {
     bool preprocessed = false;
     bool json = false;
 };
-
-std::unique_ptr<VoxMRCData> preprocess(std::unique_ptr<VoxMRCData> series, Host& host) {
-    VoxMRCstemProcessing processing;
-    processing.registerObserver(&host.progress());
-    using Operation = VoxMRCData* (VoxMRCstemProcessing::*)(VoxMRCData*);
-    const auto apply = [&](const char* name, Operation operation) {
-        series = runStage(host, name, [&] { return (processing.*operation)(series.get()); });
-    };
-    if (series->GetWidth() != series->GetHeight()) apply("pad to square", &VoxMRCstemProcessing::PadToSquare);
-    apply("hot spots", &VoxMRCstemProcessing::HotSpotFilterImageStack);
-    apply("centre", &VoxMRCstemProcessing::step2_CenterShift);
-    apply("background", &VoxMRCstemProcessing::step1_BackgroundSubstraction);
-    return series;
-}
 
 TiltAxisResult search(const Options& options, const VoxMRCData& series, Host& host) {
     const TiltAxisMethod method = options.method == "2d" ? TiltAxisMethod::TwoD : TiltAxisMethod::ThreeD;
@@ -102,7 +87,7 @@ void run(const Options& options, Host& host) {
     checkRange(options.range);
     if (!options.log.empty()) host.openLog(options.log);
     std::unique_ptr<VoxMRCData> series = readSeries(options.series, host);
-    if (!options.preprocessed) series = preprocess(std::move(series), host);
+    if (!options.preprocessed) series = preprocessed(std::move(series), host);
     const TiltAxisResult result = search(options, *series, host);
     if (options.json)
         printJson(host.out(), options, result);

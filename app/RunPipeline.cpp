@@ -9,9 +9,12 @@
 #include <sstream>
 
 #include "DataFiles.h"
+#include "DifferenceVectorPicture.h"
 #include "Failure.h"
+#include "LibraryStage.h"
 #include "OutputFile.h"
 #include "Pictures.h"
+#include "Preprocessing.h"
 #include "ReflectionFormats.h"
 #include "SeriesCheck.h"
 #include "TiltAxisSearch.h"
@@ -199,6 +202,11 @@ void RunPipeline::read() {
         throw Failure(
             "the series does not say its pixel size, without which the cell has no scale; give it "
             "with --pixel-size in 1/m per pixel");
+    if (!m_options.fineCalibration.empty())
+        if (const double size =
+                fineCalibratedPixelSize(m_options.fineCalibration, m_result.pixelSize, m_host);
+            size > 0.0)
+            m_result.pixelSize = size;
     m_result.kiloVolts = m_options.kiloVolts.value_or(header.value(SliceValue::HighTension, 0));
     if (!(m_result.kiloVolts >= 10.0 && m_result.kiloVolts <= 3000.0)) {
         m_result.kiloVolts = 200.0;
@@ -208,23 +216,7 @@ void RunPipeline::read() {
 
 void RunPipeline::preprocess() {
     const Stopwatch watch(m_result.seconds.preprocess);
-    VoxMRCstemProcessing processing;
-    processing.registerObserver(&m_host.progress());
-    using Operation = VoxMRCData* (VoxMRCstemProcessing::*)(VoxMRCData*);
-    const auto apply = [&](Operation operation, const char* name) {
-        m_host.progress().stage(name);
-        m_series.reset((processing.*operation)(m_series.get()));
-        m_host.checkCanceled();
-        if (!m_series) throw Failure(std::string(name) + " failed: " + m_host.log().lastError());
-    };
-    if (m_series->GetWidth() != m_series->GetHeight()) {
-        m_host.warn("the frames are not square; they were padded about their centre");
-        apply(&VoxMRCstemProcessing::PadToSquare, "padding");
-    }
-    apply(&VoxMRCstemProcessing::HotSpotFilterImageStack, "hot spots");
-    apply(&VoxMRCstemProcessing::step2_CenterShift, "pattern centres");
-    apply(&VoxMRCstemProcessing::step1_BackgroundSubstraction, "background");
-    m_host.progress().finish();
+    m_series = preprocessed(std::move(m_series), m_host);
     m_noise.emplace(*m_series);
 }
 
@@ -253,22 +245,17 @@ void RunPipeline::rotate() {
     const Stopwatch watch(m_result.seconds.preprocess);
     VoxMRCstemProcessing processing;
     processing.registerObserver(&m_host.progress());
-    m_host.progress().stage("rotation");
-    m_series.reset(processing.step3_Rotation2TiltAxis(m_series.get(), false, m_result.axisAngle, 0));
-    m_host.progress().finish();
-    m_host.checkCanceled();
-    if (!m_series) throw Failure("rotation failed: " + m_host.log().lastError());
+    m_series = runStage(m_host, "rotation", [&] {
+        return processing.step3_Rotation2TiltAxis(m_series.get(), false, m_result.axisAngle, 0);
+    });
 }
 
 void RunPipeline::reconstruct() {
     const Stopwatch watch(m_result.seconds.reconstruct);
     VoxMRCstemProcessing processing;
     processing.registerObserver(&m_host.progress());
-    m_host.progress().stage("reconstruction");
-    m_volume.reset(processing.recoByAngle(m_series.get(), m_result.pixelSize, 0, true));
-    m_host.progress().finish();
-    m_host.checkCanceled();
-    if (!m_volume) throw Failure("the reconstruction failed: " + m_host.log().lastError());
+    m_volume = runStage(m_host, "reconstruction",
+                        [&] { return processing.recoByAngle(m_series.get(), m_result.pixelSize, 0, true); });
     const mrcH& header = m_series->m_Header;
     const std::span<const float> tilts(
         header.sliceValues[static_cast<std::size_t>(SliceValue::TiltAngle)].data(),
@@ -542,6 +529,11 @@ void RunPipeline::writeFiles() {
         m_result.characters.empty()
             ? m_result.reciprocal
             : LatticeSymmetry::conventionalCell(m_result.reciprocal, m_result.characters.front());
+    std::vector<double> weights;
+    const std::filesystem::path differences = folder / "difference_vectors.png";
+    writeDifferenceVectorPicture(pointsOf(m_result.level, weights), m_result.lattice.lattice,
+                                 m_result.trial.maxLength, differences);
+    m_result.files.push_back(differences);
     SectionOptions sections;
     for (auto& paths : {writeSections(*m_volume, conventional, sections, folder),
                         writeProjections(*m_volume, false, folder)})
