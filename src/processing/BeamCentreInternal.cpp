@@ -13,7 +13,7 @@ namespace VRK::detail {
 namespace {
 
 constexpr int kCoarseSize = 64;
-constexpr int kCandidates = 5;
+constexpr int kCandidates = 4;
 constexpr int kFriedelCandidates = 5;
 /// Added to the counts: keeps read-out noise at low counts from being blown up by the root.
 constexpr float kRootOffset = 16.0F;
@@ -60,8 +60,8 @@ double inversionCorrelation(const cv::Mat_<float>& image, const cv::Mat_<uchar>&
 /// Climbs from a candidate to the most symmetric point around.
 Symmetry bestSymmetry(const cv::Mat_<float>& image, const cv::Mat_<uchar>& live, cv::Point candidate,
                       int radius) {
-    constexpr int kReach = 3;  // half pixels
-    constexpr int kMostSteps = 6;
+    constexpr int kReach = 2;  // half pixels
+    constexpr int kMostSteps = 10;
     Symmetry best;
     cv::Point s = 2 * candidate;
     for (int step = 0; step < kMostSteps; ++step) {
@@ -268,9 +268,8 @@ void BeamCentreFinder::prepare(const Frame& frame) {
     // Patches without a count: even a weak background would have left some.
     constexpr int kPatch = 5;
     const cv::Mat patch = cv::Mat::ones(kPatch, kPatch, CV_8U);
-    cv::Mat highest;
-    cv::dilate(frame, highest, patch, cv::Point(-1, -1), 1, cv::BORDER_REPLICATE);
-    cv::compare(highest, 0, m_dead, cv::CMP_LE);
+    cv::dilate(frame, m_highest, patch, cv::Point(-1, -1), 1, cv::BORDER_REPLICATE);
+    cv::compare(m_highest, 0, m_dead, cv::CMP_LE);
     m_hasDead = cv::countNonZero(m_dead) > 0;
     if (!m_hasDead) return;
     cv::dilate(m_dead, m_dead, patch);

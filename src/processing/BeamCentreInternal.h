@@ -101,6 +101,7 @@ private:
     int m_height;
     int m_step;  ///< pixels of the frame in one of the coarse copy
     bool m_hasDead = false;
+    cv::Mat m_highest;
     cv::Mat m_dead;           ///< 255 in dark patches
     cv::Mat m_live;           ///< 1 elsewhere, as float
     cv::Mat_<float> m_roots;  ///< 0 in dark patches

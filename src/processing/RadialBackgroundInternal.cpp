@@ -6,12 +6,13 @@
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 #include <span>
+#include <utility>
 
 namespace VRK::detail {
 namespace {
 
 constexpr int kCellSize = 32;
-constexpr int kCellSampling = 2;
+constexpr int kCellSampling = 3;
 constexpr int kClippingRounds = 3;
 constexpr double kClipAbove = 2.5;  ///< in standard deviations: reflections lie above
 constexpr double kClipBelow = 3.5;
@@ -20,24 +21,25 @@ constexpr double kCertainBackground = 10.0;
 /// Of a normal distribution, in standard deviations: how far the quartiles lie from the median.
 constexpr double kQuartile = 0.6745;
 
-/// Counting table for values of a limited range.
+/// How often each value of a ring occurs.
 class Counter {
 public:
-    /// False when the range is too wide to be worth it.
-    bool count(std::span<const short> values) {
+    void count(std::span<const short> values) {
         const auto [lowest, highest] = std::minmax_element(values.begin(), values.end());
         m_lowest = *lowest;
         const auto range = static_cast<std::size_t>(*highest - *lowest) + 1;
         m_counts.assign(range, 0);
         for (const short v : values)
             ++m_counts[static_cast<std::size_t>(v - m_lowest)];
-        return true;
     }
-    void remove(short value) {
-        const int index = value - m_lowest;
-        if (index >= 0 && index < static_cast<int>(m_counts.size()))
-            m_counts[static_cast<std::size_t>(index)] = 0;
+    /// Takes all of a value out, and returns how many there were.
+    std::uint32_t take(short value) {
+        return has(value) ? std::exchange(m_counts[static_cast<std::size_t>(value - m_lowest)], 0U) : 0U;
     }
+    void give(short value, std::uint32_t count) {
+        if (has(value)) m_counts[static_cast<std::size_t>(value - m_lowest)] += count;
+    }
+    bool has(short value) const { return value >= lowest() && value <= highest(); }
 
     int lowest() const { return m_lowest; }
     int highest() const { return m_lowest + static_cast<int>(m_counts.size()) - 1; }
@@ -131,9 +133,9 @@ int twiceMedianOf(std::span<const int> values, std::vector<std::uint32_t>& count
     return sum;
 }
 
-/// n / d, rounded to the nearest, halves away from 0: symmetric, so that a median of 0 stays one.
-int divideRounded(int n, int d) {
-    return n >= 0 ? (n + d / 2) / d : -((-n + d / 2) / d);
+/// n / 2^bits, rounded to the nearest, halves away from 0: symmetric, so that a median of 0 stays one.
+int shiftRounded(int n, int bits) {
+    return (n + (1 << (bits - 1)) + (n >> 31)) >> bits;
 }
 
 }  // namespace
@@ -141,7 +143,7 @@ int divideRounded(int n, int d) {
 RadialBackground::RadialBackground(int width, int height) : m_width(width), m_height(height) {
     const cv::Point2d centre = centreOf(width, height);
     const std::size_t pixels = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
-    std::vector<std::uint16_t> ringOf(pixels);
+    m_ringOf.resize(pixels);
     m_innerRing.resize(pixels);
     m_fraction.resize(pixels);
     const auto count = static_cast<std::size_t>(std::lround(std::hypot(centre.x, centre.y))) + 1;
@@ -151,21 +153,22 @@ RadialBackground::RadialBackground(int width, int height) : m_width(width), m_he
         const auto y = static_cast<double>(i / static_cast<std::size_t>(width));
         const double distance = std::hypot(x - centre.x, y - centre.y);
         const double inner = std::floor(distance);
-        ringOf[i] = static_cast<std::uint16_t>(std::floor(distance + 0.5));
+        m_ringOf[i] = static_cast<std::uint16_t>(std::floor(distance + 0.5));
         m_innerRing[i] = static_cast<std::uint16_t>(inner);
         m_fraction[i] = static_cast<float>(distance - inner);
-        ++m_ringBegin[ringOf[i] + 1U];
+        ++m_ringBegin[m_ringOf[i] + 1U];
     }
     for (std::size_t ring = 0; ring < count; ++ring)
         m_ringBegin[ring + 1] += m_ringBegin[ring];
     std::vector<std::uint32_t> next(m_ringBegin.begin(), m_ringBegin.end() - 1);
     m_pixelsByRing.resize(pixels);
     for (std::size_t i = 0; i < pixels; ++i)
-        m_pixelsByRing[next[ringOf[i]]++] = static_cast<std::uint32_t>(i);
+        m_pixelsByRing[next[m_ringOf[i]]++] = static_cast<std::uint32_t>(i);
     m_values.resize(pixels);
     m_dead.resize(pixels);
     m_profile.resize(count + 1);
     m_zeroIsDead.resize(count);
+    m_twiceRingMedian.resize(count);
     m_remainder.create(height, width);
 }
 
@@ -193,16 +196,14 @@ void RadialBackground::estimateProfile() {
         if (values.empty()) continue;
         counter.count(values);
         // Dead pixels must not be taken for background: look at the others first.
-        Counter alive = counter;
-        alive.remove(0);
-        if (alive.mean(alive.lowest(), alive.highest()).first > 0) {
-            const Level level = backgroundOf(alive);
-            m_zeroIsDead[ring] = level.mean > kCertainBackground && level.mean > 4.0 * level.sigma;
-            if (m_zeroIsDead[ring]) {
-                m_profile[ring] = static_cast<float>(level.mean);
-                continue;
-            }
+        const std::uint32_t zeros = counter.take(0);
+        if (zeros < values.size()) {
+            const Level alive = backgroundOf(counter);
+            m_zeroIsDead[ring] = alive.mean > kCertainBackground && alive.mean > 4.0 * alive.sigma;
+            m_profile[ring] = static_cast<float>(alive.mean);
+            if (m_zeroIsDead[ring] || zeros == 0) continue;
         }
+        counter.give(0, zeros);
         m_profile[ring] = static_cast<float>(backgroundOf(counter).mean);
     }
     m_profile[rings()] = m_profile[rings() - 1];
@@ -216,9 +217,16 @@ void RadialBackground::subtractProfile(const Frame& in) {
         remainder[i] =
             static_cast<float>(pixels[i]) - (profile[0] + m_fraction[i] * (profile[1] - profile[0]));
     }
-    for (std::size_t ring = 0; ring < rings(); ++ring)
-        for (std::size_t i = m_ringBegin[ring]; i < m_ringBegin[ring + 1]; ++i)
-            m_dead[m_pixelsByRing[i]] = m_zeroIsDead[ring] && m_values[i] == 0 ? 1 : 0;
+    if (m_hasDead) std::fill(m_dead.begin(), m_dead.end(), std::uint8_t{0});
+    m_hasDead = false;
+    for (std::size_t ring = 0; ring < rings(); ++ring) {
+        if (!m_zeroIsDead[ring]) continue;
+        for (std::size_t i = m_ringBegin[ring]; i < m_ringBegin[ring + 1]; ++i) {
+            if (m_values[i] != 0) continue;
+            m_dead[m_pixelsByRing[i]] = 1;
+            m_hasDead = true;
+        }
+    }
 }
 
 void RadialBackground::subtractLocalRemainder() {
@@ -244,29 +252,27 @@ void RadialBackground::subtractLocalRemainder() {
 }
 
 void RadialBackground::subtractRingMedians(Frame out) {
-    const float* remainder = m_remainder[0];
+    m_remainder.convertTo(m_units, CV_32S, kUnit);
+    const int* units = m_units[0];
     short* pixels = out[0];
-    std::vector<int> ringValues;
-    std::vector<std::uint32_t> counts;
     for (std::size_t ring = 0; ring < rings(); ++ring) {
         const std::span<const std::uint32_t> ringPixels(m_pixelsByRing.data() + m_ringBegin[ring],
                                                         m_pixelsByRing.data() + m_ringBegin[ring + 1]);
-        ringValues.clear();
-        for (const std::uint32_t pixel : ringPixels)
-            if (!m_dead[pixel]) ringValues.push_back(static_cast<int>(std::lrint(remainder[pixel] * kUnit)));
-        if (ringValues.empty()) {
-            for (const std::uint32_t pixel : ringPixels)
-                pixels[pixel] = 0;
-            continue;
+        m_ringValues.resize(ringPixels.size());
+        std::size_t live = 0;
+        for (const std::uint32_t pixel : ringPixels) {
+            m_ringValues[live] = units[pixel];
+            live += m_dead[pixel] ? 0 : 1;
         }
-        const int twiceMedian = twiceMedianOf(ringValues, counts, m_scratch);
-        auto value = ringValues.begin();
-        for (const std::uint32_t pixel : ringPixels)
-            pixels[pixel] =
-                m_dead[pixel]
-                    ? short{0}
-                    : cv::saturate_cast<short>(divideRounded(2 * *value++ - twiceMedian, 2 * kUnit));
+        const std::span<const int> values(m_ringValues.data(), live);
+        m_twiceRingMedian[ring] = values.empty() ? 0 : twiceMedianOf(values, m_counts, m_scratch);
     }
+    for (std::size_t i = 0; i < m_ringOf.size(); ++i)
+        pixels[i] = cv::saturate_cast<short>(
+            shiftRounded(2 * units[i] - m_twiceRingMedian[m_ringOf[i]], kUnitBits + 1));
+    if (m_hasDead)
+        for (std::size_t i = 0; i < m_dead.size(); ++i)
+            if (m_dead[i]) pixels[i] = 0;
 }
 
 }  // namespace VRK::detail

@@ -19,7 +19,8 @@ public:
 
 private:
     /// Counts in sixteenths: fine enough for every median, and whole numbers are counted faster than sorted.
-    static constexpr int kUnit = 16;
+    static constexpr int kUnitBits = 4;
+    static constexpr int kUnit = 1 << kUnitBits;
 
     void collectRings(const Frame& in);
     void estimateProfile();
@@ -33,6 +34,7 @@ private:
     int m_height;
     std::vector<std::uint32_t> m_pixelsByRing;  ///< positions of the pixels, ring after ring
     std::vector<std::uint32_t> m_ringBegin;     ///< where a ring begins in it; one more for the end
+    std::vector<std::uint16_t> m_ringOf;        ///< of every pixel
     std::vector<std::uint16_t> m_innerRing;     ///< of every pixel, the ring below its distance
     std::vector<float> m_fraction;              ///< of every pixel, how far it is on the way to the next ring
 
@@ -40,8 +42,13 @@ private:
     std::vector<float> m_profile;      ///< background of every ring
     std::vector<bool> m_zeroIsDead;    ///< whether a ring's background makes a 0 impossible
     std::vector<std::uint8_t> m_dead;  ///< of every pixel
+    bool m_hasDead = false;
     cv::Mat_<float> m_remainder;
+    cv::Mat_<int> m_units;
     cv::Mat_<float> m_local;
+    std::vector<int> m_twiceRingMedian;
+    std::vector<int> m_ringValues;
+    std::vector<std::uint32_t> m_counts;
     std::vector<int> m_scratch;
 };
 

@@ -24,8 +24,7 @@ std::array<float, 4> cubicWeights(double f) {
 }
 
 /// Copies the part of a frame that lies at an offset inside of another one, and zeros around it.
-template <typename From>
-void copyMoved(const cv::Mat_<From>& in, int dx, int dy, Frame out) {
+void copyMoved(const Frame& in, int dx, int dy, Frame out) {
     out.setTo(0);
     const cv::Rect target = cv::Rect(dx, dy, in.cols, in.rows) & cv::Rect(0, 0, out.cols, out.rows);
     if (target.empty()) return;
@@ -44,10 +43,8 @@ Displacement split(double shift) {
 }
 
 /// The smallest of the 3 x 3 pixels around each: what an interpolation may fall to beside a sharp reflection.
-cv::Mat lowerBound(const Frame& in) {
-    cv::Mat result;
-    cv::erode(in, result, cv::Mat(), cv::Point(-1, -1), 1, cv::BORDER_REPLICATE);
-    return result;
+void lowerBound(const Frame& in, cv::Mat& out) {
+    cv::erode(in, out, cv::Mat(), cv::Point(-1, -1), 1, cv::BORDER_REPLICATE);
 }
 
 /// Offsets at which a pixel of half the size begins and its three weights in quarters.
@@ -62,7 +59,7 @@ Halving halvingOf(int size) {
 
 }  // namespace
 
-void shiftFrame(const Frame& in, double dx, double dy, Frame out) {
+void FrameShift::apply(const Frame& in, double dx, double dy, Frame out) {
     const Displacement x = split(dx);
     const Displacement y = split(dy);
     if (x.fraction == 0.0 && y.fraction == 0.0) {
@@ -71,26 +68,22 @@ void shiftFrame(const Frame& in, double dx, double dy, Frame out) {
     }
     const std::array<float, 4> wx = cubicWeights(x.fraction);
     const std::array<float, 4> wy = cubicWeights(y.fraction);
-    cv::Mat moved;
-    cv::sepFilter2D(in, moved, CV_32F, cv::Mat(1, 4, CV_32F, const_cast<float*>(wx.data())),
+    cv::sepFilter2D(in, m_moved, CV_32F, cv::Mat(1, 4, CV_32F, const_cast<float*>(wx.data())),
                     cv::Mat(1, 4, CV_32F, const_cast<float*>(wy.data())), cv::Point(1, 1), 0,
                     cv::BORDER_REPLICATE);
-    Frame rounded;
-    moved.convertTo(rounded, CV_16S);
-    // The nearest pixel's surroundings limit the undershoot.
-    const int nearX = x.fraction >= 0.5 ? 1 : 0;
-    const int nearY = y.fraction >= 0.5 ? 1 : 0;
-    Frame bound(in.size());
-    copyMoved<short>(lowerBound(in), -nearX, -nearY, bound);
-    if (nearX > 0) rounded.col(in.cols - 1).copyTo(bound.col(in.cols - 1));
-    if (nearY > 0) rounded.row(in.rows - 1).copyTo(bound.row(in.rows - 1));
-    cv::max(cv::InputArray(rounded), bound, rounded);
-    copyMoved(rounded, -x.whole, -y.whole, out);
-    // A source position beyond the last pixel's half is outside of the frame.
-    if (nearX > 0 && in.cols - 1 - x.whole >= 0 && in.cols - 1 - x.whole < out.cols)
-        out.col(in.cols - 1 - x.whole).setTo(0);
-    if (nearY > 0 && in.rows - 1 - y.whole >= 0 && in.rows - 1 - y.whole < out.rows)
-        out.row(in.rows - 1 - y.whole).setTo(0);
+    m_moved.convertTo(m_rounded, CV_16S);
+    // The surroundings of the nearest pixel limit the undershoot. A source position beyond the middle of the
+    // last pixel is outside of the frame.
+    const cv::Rect inside(0, 0, in.cols - (x.fraction > 0 ? 1 : 0), in.rows - (y.fraction > 0 ? 1 : 0));
+    const cv::Point nearest(x.fraction >= 0.5 ? 1 : 0, y.fraction >= 0.5 ? 1 : 0);
+    lowerBound(in, m_bound);
+    out.setTo(0);
+    const cv::Point offset(-x.whole, -y.whole);
+    const cv::Rect target = (inside + offset) & cv::Rect(0, 0, out.cols, out.rows);
+    if (target.empty()) return;
+    const cv::Rect source = target - offset;
+    cv::Mat moved = out(target);
+    cv::max(cv::InputArray(m_rounded(source)), m_bound(source + nearest), moved);
 }
 
 FrameRotation::FrameRotation(int width, int height, double angleDegrees) {
@@ -110,8 +103,10 @@ FrameRotation::FrameRotation(int width, int height, double angleDegrees) {
 }
 
 void FrameRotation::apply(const Frame& in, Frame out) {
-    cv::remap(in, out, m_positions, m_fractions, cv::INTER_CUBIC, cv::BORDER_CONSTANT, 0);
-    m_floor = lowerBound(in);
+    in.convertTo(m_exact, CV_32F);
+    cv::remap(m_exact, m_turned, m_positions, m_fractions, cv::INTER_CUBIC, cv::BORDER_CONSTANT, 0);
+    m_turned.convertTo(out, CV_16S);
+    lowerBound(in, m_floor);
     cv::remap(m_floor, m_floorTurned, m_positions, cv::Mat(), cv::INTER_NEAREST, cv::BORDER_CONSTANT,
               std::numeric_limits<short>::min());
     cv::max(out, m_floorTurned, out);
@@ -120,10 +115,10 @@ void FrameRotation::apply(const Frame& in, Frame out) {
 std::size_t halveFrame(const Frame& in, bool sum, Frame out) {
     const Halving across = halvingOf(in.cols);
     const Halving down = halvingOf(in.rows);
-    const int divisor = sum ? 4 : 16;
-    const bool third = in.cols % 2 == 1;
+    const int shift = sum ? 2 : 4;  // the weights add up to 16, four of which are one pixel
+    const int half = 1 << (shift - 1);
     std::size_t limited = 0;
-    std::vector<int> column(static_cast<std::size_t>(in.cols));
+    std::vector<int> column(static_cast<std::size_t>(in.cols) + 1);
     for (int row = 0; row < down.count; ++row) {
         const short* first = in[2 * row];
         const short* second = in[2 * row + 1];
@@ -131,14 +126,14 @@ std::size_t halveFrame(const Frame& in, bool sum, Frame out) {
         for (int x = 0; x < in.cols; ++x)
             column[static_cast<std::size_t>(x)] =
                 down.weights[0] * first[x] + down.weights[1] * second[x] + down.weights[2] * last[x];
+        short* target = out[row];
         for (int x = 0; x < across.count; ++x) {
             const int* c = &column[static_cast<std::size_t>(2 * x)];
-            const int total =
-                across.weights[0] * c[0] + across.weights[1] * c[1] + (third ? across.weights[2] * c[2] : 0);
-            const int value =
-                total >= 0 ? (total + divisor / 2) / divisor : -((divisor / 2 - total) / divisor);
-            out(row, x) = cv::saturate_cast<short>(value);
-            if (value != out(row, x)) ++limited;
+            const int total = across.weights[0] * c[0] + across.weights[1] * c[1] + across.weights[2] * c[2];
+            // To the nearest, halves away from 0.
+            const int value = (total + half + (total >> 31)) >> shift;
+            target[x] = cv::saturate_cast<short>(value);
+            limited += value != target[x] ? 1 : 0;
         }
     }
     return limited;
@@ -158,7 +153,7 @@ void reframe(const Frame& in, Frame out) {
     Frame placed(size);
     copyMoved(in, std::max(left, 0), std::max(top, 0), placed);
     Frame moved(size);
-    shiftFrame(placed, byX % 2 == 0 ? 0.0 : 0.5, byY % 2 == 0 ? 0.0 : 0.5, moved);
+    FrameShift().apply(placed, byX % 2 == 0 ? 0.0 : 0.5, byY % 2 == 0 ? 0.0 : 0.5, moved);
     copyMoved(moved, std::min(left, 0), std::min(top, 0), out);
 }
 

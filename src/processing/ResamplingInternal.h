@@ -6,8 +6,16 @@
 
 namespace VRK::detail {
 
-/// Moves a pattern by (dx, dy) pixels, to the right and down. Pixels from beyond the frame are 0.
-void shiftFrame(const Frame& in, double dx, double dy, Frame out);
+/// Moves patterns by (dx, dy) pixels, to the right and down. Pixels from beyond the frame are 0.
+class FrameShift {
+public:
+    void apply(const Frame& in, double dx, double dy, Frame out);
+
+private:
+    cv::Mat m_moved;
+    cv::Mat m_rounded;
+    cv::Mat m_bound;
+};
 
 /// Turns patterns of one size about their centre, so that an axis along (-sin t, cos t) comes to lie along y.
 class FrameRotation {
@@ -18,6 +26,8 @@ public:
 private:
     cv::Mat m_positions;
     cv::Mat m_fractions;
+    cv::Mat m_exact;
+    cv::Mat m_turned;
     cv::Mat m_floor;
     cv::Mat m_floorTurned;
 };

@@ -324,6 +324,7 @@ VoxMRCData* VoxMRCstemProcessing::step2_CenterShift(VoxMRCData* series) {
         log(line("Centre of pattern ", i, ": ", centres[i].x, " ", centres[i].y, " (",
                  nameOf(centres[i].source), ", +- ", centres[i].error, ")"));
 
+    VRK::detail::FrameShift shift;
     constexpr double kCentred = 0.05;
     const cv::Point2d target = VRK::detail::centreOf(width, height);
     return eachPattern(*series, kName, series->GetWidth(), series->GetHeight(), 2 * count,
@@ -333,7 +334,7 @@ VoxMRCData* VoxMRCstemProcessing::step2_CenterShift(VoxMRCData* series) {
                            if (!known || (std::abs(dx) < kCentred && std::abs(dy) < kCentred))
                                in.copyTo(out);
                            else
-                               VRK::detail::shiftFrame(in, dx, dy, out);
+                               shift.apply(in, dx, dy, out);
                        });
 }
 
