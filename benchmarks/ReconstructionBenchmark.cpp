@@ -32,10 +32,14 @@ void copyVolume(benchmark::State& state) {
     VoxMRCstemProcessing processing;
     const std::unique_ptr<VoxMRCData> volume(processing.recoByAngle(series.get(), 0, 0, true));
     const std::unique_ptr<VoxMRCData> copy(VoxMRCData::Create3D(size, size, volume->GetDepth()));
-    for (auto _ : state)
+    const auto copyAll = [&] {
         for (unsigned z = 0; z < volume->GetDepth(); ++z)
             std::memcpy(copy->GetChunkPointer(z), volume->GetChunkPointer(z),
                         volume->GetChunkSize() * sizeof(short));
+    };
+    copyAll();  // the target's pages are there when the time is taken
+    for (auto _ : state)
+        copyAll();
     state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(volume->GetDataSize()) * 2);
 }
 

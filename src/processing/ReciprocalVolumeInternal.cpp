@@ -2,10 +2,7 @@
 
 #include <algorithm>
 #include <limits>
-#include <opencv2/core.hpp>
-
-#include "foundation/LargePagesInternal.h"
-#include "processing/FrameInternal.h"
+#include <opencv2/core/hal/intrin.hpp>
 
 namespace VRK::detail {
 namespace {
@@ -17,8 +14,8 @@ struct Limits {
 
 /// The averages of four columns, truncated towards zero. Negative ones are stored as 0, but count for the
 /// limits.
-Limits averageColumns(const short* a, const short* b, const short* c, const short* d, short* out,
-                      std::size_t n) {
+[[gnu::always_inline]] inline Limits averageOf(const short* a, const short* b, const short* c, const short* d,
+                                               short* out, std::size_t n) {
     short lowest = std::numeric_limits<short>::max();
     short highest = std::numeric_limits<short>::min();
     for (std::size_t i = 0; i < n; ++i) {
@@ -32,83 +29,155 @@ Limits averageColumns(const short* a, const short* b, const short* c, const shor
     return {lowest, highest};
 }
 
-}  // namespace
-
-TransposedSeries::TransposedSeries(const VoxMRCData& series)
-    : m_width(series.GetWidth()),
-      m_height(series.GetHeight()),
-      m_slices(series.GetDepth()),
-      m_pixels(new short[m_slices * m_width * m_height]) {
-    preferLargePages(m_pixels.get(), m_slices * m_width * m_height * sizeof(short));
-    const int width = static_cast<int>(m_width);
-    const int height = static_cast<int>(m_height);
-    for (unsigned slice = 0; slice < series.GetDepth(); ++slice) {
-        Frame columns(width, height, m_pixels.get() + slice * m_width * m_height);
-        cv::transpose(readOnly(series.GetChunkPointer(slice), width, height), columns);
-    }
+Limits averageOnAnyMachine(const short* a, const short* b, const short* c, const short* d, short* out,
+                           std::size_t n) {
+    return averageOf(a, b, c, d, out, n);
 }
 
-ReciprocalVolumeFiller::ReciprocalVolumeFiller(const TransposedSeries& series,
-                                               const SamplingGeometry& geometry, VoxMRCData& volume)
+using Average = Limits (*)(const short*, const short*, const short*, const short*, short*, std::size_t);
+
+#if defined(__x86_64__)
+/// The same in registers of twice the width.
+[[gnu::target("avx2")]] Limits averageWithAvx2(const short* a, const short* b, const short* c, const short* d,
+                                               short* out, std::size_t n) {
+    return averageOf(a, b, c, d, out, n);
+}
+
+Average fastestAverage() {
+    return __builtin_cpu_supports("avx2") ? averageWithAvx2 : averageOnAnyMachine;
+}
+#else
+Average fastestAverage() {
+    return averageOnAnyMachine;
+}
+#endif
+
+constexpr std::size_t kBlock = 8;
+
+/// Exchanges rows and columns of 8 x 8 values: three times the rows of the upper half are interleaved with
+/// those of the lower half.
+void transposeBlock(const short* in, std::size_t inStride, short* out, std::size_t outStride) {
+    std::array<cv::v_int16x8, kBlock> rows, mixed;
+    for (std::size_t i = 0; i < kBlock; ++i)
+        rows[i] = cv::v_load(in + i * inStride);
+    for (int round = 0; round < 3; ++round) {
+        for (std::size_t i = 0; i < kBlock / 2; ++i)
+            cv::v_zip(rows[i], rows[i + kBlock / 2], mixed[2 * i], mixed[2 * i + 1]);
+        std::swap(rows, mixed);
+    }
+    for (std::size_t i = 0; i < kBlock; ++i)
+        cv::v_store(out + i * outStride, rows[i]);
+}
+
+/// Tiles keep what is read and what is written in the cache.
+void transpose(const short* in, std::size_t width, std::size_t height, short* out) {
+    constexpr std::size_t kTile = 8 * kBlock;
+    for (std::size_t tileY = 0; tileY < height; tileY += kTile)
+        for (std::size_t tileX = 0; tileX < width; tileX += kTile) {
+            const std::size_t endY = std::min(tileY + kTile, height);
+            const std::size_t endX = std::min(tileX + kTile, width);
+            const std::size_t wholeY = tileY + (endY - tileY) / kBlock * kBlock;
+            const std::size_t wholeX = tileX + (endX - tileX) / kBlock * kBlock;
+            for (std::size_t x = tileX; x < wholeX; x += kBlock)
+                for (std::size_t y = tileY; y < wholeY; y += kBlock)
+                    transposeBlock(in + y * width + x, width, out + x * height + y, height);
+            for (std::size_t x = tileX; x < endX; ++x)
+                for (std::size_t y = x < wholeX ? wholeY : tileY; y < endY; ++y)
+                    out[x * height + y] = in[y * width + x];
+        }
+}
+
+}  // namespace
+
+ReciprocalVolumeFiller::ReciprocalVolumeFiller(const VoxMRCData& series, const SamplingGeometry& geometry,
+                                               VoxMRCData& volume)
     : m_series(series),
       m_geometry(geometry),
       m_volume(volume),
-      m_combinationOfColumn(std::size_t{geometry.width()} * geometry.depth(), kNoCombination),
-      m_combinations(series.slices() * 2 * (geometry.width() / 2 + 1)),
+      m_width(geometry.width()),
+      m_height(series.GetHeight()),
+      m_groupsOfPair(2 * (m_width / 2 + 1)),
+      m_average(m_height),
       m_lowest(std::numeric_limits<short>::max()),
       m_highest(std::numeric_limits<short>::min()) {
-    std::size_t column = 0;
-    std::size_t notRecorded = 0;
-    for (unsigned layer = 0; layer < geometry.depth(); ++layer)
-        for (unsigned x = 0; x < geometry.width(); ++x, ++column) {
-            const SamplingGeometry::Sample sample = geometry.sample(x, layer);
-            if (!sample.inside()) {
-                ++notRecorded;
-                continue;
-            }
-            const std::size_t combination = combinationOf(sample, x);
-            m_combinationOfColumn[column] = static_cast<std::uint32_t>(combination);
-            ++m_combinations[combination].columns;
+    sortColumns(groupsOfColumns());
+    const std::size_t notRecorded = m_width * geometry.depth() - m_columns.size();
+    if (notRecorded == 0) return;
+    m_lowest = m_highest = kNotRecorded;
+    m_counts.add(0, static_cast<std::uint32_t>(notRecorded * m_height));
+}
+
+std::uint32_t ReciprocalVolumeFiller::groupOf(const SamplingGeometry::Sample& sample, bool right) const {
+    if (!sample.inside()) return kNoGroup;
+    // The pair, the inner distance and the side of the axis tell all sources.
+    const std::size_t side = right ? 1 : 0;
+    return static_cast<std::uint32_t>(static_cast<std::size_t>(sample.lower) * m_groupsOfPair +
+                                      2 * static_cast<std::size_t>(sample.inner) + side);
+}
+
+std::vector<std::uint32_t> ReciprocalVolumeFiller::groupsOfColumns() const {
+    const unsigned width = m_geometry.width();
+    const unsigned depth = m_geometry.depth();
+    std::vector<std::uint32_t> groups(m_width * depth);
+    // A column and the one opposite to it were seen at the same tilt and distance, on different sides.
+    for (unsigned layer = 0; 2 * layer <= depth - 1; ++layer)
+        for (unsigned x = 0; x < width; ++x) {
+            const SamplingGeometry::Sample sample = m_geometry.sample(x, layer);
+            const bool right = 2 * x >= width;
+            groups[m_width * layer + x] = groupOf(sample, right);
+            groups[m_width * (depth - 1 - layer) + (width - 1 - x)] = groupOf(sample, !right);
         }
-    if (notRecorded > 0) {
-        m_lowest = m_highest = kNotRecorded;
-        m_counts.add(0, static_cast<std::uint32_t>(notRecorded * series.height()));
+    return groups;
+}
+
+void ReciprocalVolumeFiller::sortColumns(const std::vector<std::uint32_t>& groups) {
+    m_groupBegin.assign(m_series.GetDepth() * m_groupsOfPair + 1, 0);
+    for (const std::uint32_t group : groups)
+        if (group != kNoGroup) ++m_groupBegin[group + 1];
+    for (std::size_t group = 1; group < m_groupBegin.size(); ++group)
+        m_groupBegin[group] += m_groupBegin[group - 1];
+    m_columns.resize(m_groupBegin.back());
+    std::vector<std::uint32_t> next(m_groupBegin.begin(), m_groupBegin.end() - 1);
+    for (std::size_t column = 0; column < groups.size(); ++column)
+        if (groups[column] != kNoGroup)
+            m_columns[next[groups[column]]++] = static_cast<std::uint32_t>(column);
+}
+
+const short* ReciprocalVolumeFiller::transposed(int pattern) {
+    Transposed& result = m_transposed[static_cast<std::size_t>(pattern) % 2];
+    if (result.pattern != pattern) {
+        result.pixels.resize(m_width * m_height);
+        transpose(m_series.GetChunkPointer(static_cast<unsigned>(pattern)), m_width, m_height,
+                  result.pixels.data());
+        result.pattern = pattern;
+    }
+    return result.pixels.data();
+}
+
+void ReciprocalVolumeFiller::fillPair(unsigned pair) {
+    for (std::size_t group = pair * m_groupsOfPair; group < (pair + 1) * m_groupsOfPair; ++group) {
+        const std::uint32_t begin = m_groupBegin[group];
+        const std::uint32_t end = m_groupBegin[group + 1];
+        if (begin < end) fillGroup({m_columns.data() + begin, m_columns.data() + end});
     }
 }
 
-std::size_t ReciprocalVolumeFiller::combinationOf(const SamplingGeometry::Sample& sample, unsigned x) const {
-    // The upper pattern, the inner distance and the side of the axis tell the other sources too.
-    const std::size_t distances = m_geometry.width() / 2 + 1;
-    const std::size_t side = 2 * x >= m_geometry.width() ? 1 : 0;
-    return (static_cast<std::size_t>(sample.upper) * 2 + side) * distances +
-           static_cast<std::size_t>(sample.inner);
-}
-
-void ReciprocalVolumeFiller::fillLayer(unsigned layer) {
-    const std::size_t height = m_series.height();
-    const std::uint32_t* combinations =
-        m_combinationOfColumn.data() + std::size_t{layer} * m_geometry.width();
-    short* column = m_volume.GetChunkPointer(layer);
-    for (unsigned x = 0; x < m_geometry.width(); ++x, column += height) {
-        if (combinations[x] == kNoCombination) continue;
-        Combination& combination = m_combinations[combinations[x]];
-        if (combination.average) {
-            std::copy_n(combination.average, height, column);
-            continue;
-        }
-        average(m_geometry.sample(x, layer), column);
-        m_counts.add({column, height}, combination.columns);
-        combination.average = column;
-    }
-}
-
-void ReciprocalVolumeFiller::average(const SamplingGeometry::Sample& s, short* column) {
+void ReciprocalVolumeFiller::fillGroup(std::span<const std::uint32_t> columns) {
+    static const Average average = fastestAverage();
+    const auto width = static_cast<std::uint32_t>(m_width);
+    const SamplingGeometry::Sample sample = m_geometry.sample(columns[0] % width, columns[0] / width);
+    const short* lower = transposed(sample.lower);
+    const short* upper = transposed(sample.upper);
+    const std::size_t inner = static_cast<std::size_t>(sample.innerColumn) * m_height;
+    const std::size_t outer = static_cast<std::size_t>(sample.outerColumn) * m_height;
     const Limits limits =
-        averageColumns(m_series.column(s.upper, s.innerColumn), m_series.column(s.lower, s.innerColumn),
-                       m_series.column(s.upper, s.outerColumn), m_series.column(s.lower, s.outerColumn),
-                       column, m_series.height());
+        average(upper + inner, lower + inner, upper + outer, lower + outer, m_average.data(), m_height);
     m_lowest = std::min(m_lowest, limits.lowest);
     m_highest = std::max(m_highest, limits.highest);
+    m_counts.add(m_average, static_cast<std::uint32_t>(columns.size()));
+    for (const std::uint32_t column : columns)
+        std::copy(m_average.begin(), m_average.end(),
+                  m_volume.GetChunkPointer(column / width) + column % width * m_height);
 }
 
 }  // namespace VRK::detail

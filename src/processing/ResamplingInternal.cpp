@@ -6,16 +6,18 @@
 #include <limits>
 #include <numbers>
 #include <opencv2/core.hpp>
+#include <opencv2/core/hal/intrin.hpp>
 #include <opencv2/imgproc.hpp>
 #include <vector>
 
 namespace VRK::detail {
 namespace {
 
-/// Weights of the pixels -1, 0, 1, 2 at the position f between 0 and 1: cubic convolution with a = -3/4, the
-/// kernel that the rotation uses too. It passes a wave of four pixels by 97 %, linear interpolation by 71 %.
+/// Weights of the pixels -1, 0, 1, 2 at the position f between 0 and 1: cubic convolution with a = -3/5. Half-way
+/// between two pixels a reflection with a standard deviation of 1.5 pixels keeps its height within 0.3 %, one of 1
+/// pixel loses 3 % (11 % with linear interpolation). -1/2 flattens both more, -3/4 exaggerates the first.
 std::array<float, 4> cubicWeights(double f) {
-    constexpr double a = -0.75;
+    constexpr double a = -0.6;
     const auto near = [](double d) { return ((a + 2) * d - (a + 3)) * d * d + 1; };
     const auto far = [](double d) { return ((a * d - 5 * a) * d + 8 * a) * d - 4 * a; };
     const double first = far(1 + f), second = near(f), third = near(1 - f);
@@ -86,30 +88,64 @@ void FrameShift::apply(const Frame& in, double dx, double dy, Frame out) {
     cv::max(cv::InputArray(m_rounded(source)), m_bound(source + nearest), moved);
 }
 
-FrameRotation::FrameRotation(int width, int height, double angleDegrees) {
+FrameRotation::FrameRotation(int width, int height, double angleDegrees)
+    : m_padded(cv::Mat_<float>::zeros(height + 2 * kBorder, width + 2 * kBorder)) {
+    for (int step = 0; step < kSteps; ++step)
+        m_weights[static_cast<std::size_t>(step)] = cubicWeights(static_cast<double>(step) / kSteps);
     const cv::Point2d centre = centreOf(width, height);
     const double radians = std::remainder(angleDegrees, 360.0) * std::numbers::pi / 180.0;
     const double c = std::cos(radians);
     const double s = std::sin(radians);
-    cv::Mat_<float> x(height, width), y(height, width);
+    m_sources.reserve(static_cast<std::size_t>(width) * static_cast<std::size_t>(height));
     for (int row = 0; row < height; ++row)
         for (int column = 0; column < width; ++column) {
             const double u = column - centre.x;
             const double v = row - centre.y;
-            x(row, column) = static_cast<float>(centre.x + c * u - s * v);
-            y(row, column) = static_cast<float>(centre.y + s * u + c * v);
+            m_sources.push_back(sourceOf(centre.x + c * u - s * v, centre.y + s * u + c * v, width, height));
         }
-    cv::convertMaps(x, y, m_positions, m_fractions, CV_16SC2);
+}
+
+FrameRotation::Source FrameRotation::sourceOf(double x, double y, int width, int height) const {
+    const int stepsX = cvRound(x * kSteps);
+    const int stepsY = cvRound(y * kSteps);
+    Source source;
+    if (stepsX < 0 || stepsY < 0 || stepsX > (width - 1) * kSteps || stepsY > (height - 1) * kSteps)
+        return source;
+    const int firstX = stepsX / kSteps - 1 + kBorder;
+    const int firstY = stepsY / kSteps - 1 + kBorder;
+    source.offset = firstY * m_padded.cols + firstX;
+    source.stepX = static_cast<std::uint16_t>(stepsX % kSteps);
+    source.stepY = static_cast<std::uint16_t>(stepsY % kSteps);
+    return source;
 }
 
 void FrameRotation::apply(const Frame& in, Frame out) {
-    in.convertTo(m_exact, CV_32F);
-    cv::remap(m_exact, m_turned, m_positions, m_fractions, cv::INTER_CUBIC, cv::BORDER_CONSTANT, 0);
-    m_turned.convertTo(out, CV_16S);
-    lowerBound(in, m_floor);
-    cv::remap(m_floor, m_floorTurned, m_positions, cv::Mat(), cv::INTER_NEAREST, cv::BORDER_CONSTANT,
-              std::numeric_limits<short>::min());
-    cv::max(out, m_floorTurned, out);
+    in.convertTo(m_padded(cv::Rect(kBorder, kBorder, in.cols, in.rows)), CV_32F);
+    // Interpolation at the edge continues the edge.
+    cv::copyMakeBorder(m_padded(cv::Rect(kBorder, kBorder, in.cols, in.rows)), m_padded, kBorder, kBorder,
+                       kBorder, kBorder, cv::BORDER_REPLICATE | cv::BORDER_ISOLATED);
+    const float* padded = m_padded[0];
+    const std::ptrdiff_t stride = m_padded.cols;
+    short* target = out[0];
+    for (std::size_t i = 0; i < m_sources.size(); ++i) {
+        const Source& source = m_sources[i];
+        if (source.offset < 0) {
+            target[i] = 0;
+            continue;
+        }
+        const std::array<float, 4>& down = m_weights[source.stepY];
+        const float* first = padded + source.offset;
+        cv::v_float32x4 lowest = cv::v_load(first);
+        cv::v_float32x4 sum = lowest * cv::v_setall_f32(down[0]);
+        for (std::size_t row = 1; row < 4; ++row) {
+            const cv::v_float32x4 pixels = cv::v_load(first + static_cast<std::ptrdiff_t>(row) * stride);
+            lowest = cv::v_min(lowest, pixels);
+            sum = sum + pixels * cv::v_setall_f32(down[row]);
+        }
+        const float value = cv::v_reduce_sum(sum * cv::v_load(m_weights[source.stepX].data()));
+        // Beside a sharp reflection the polynomial undershoots what is there.
+        target[i] = cv::saturate_cast<short>(std::max(value, cv::v_reduce_min(lowest)));
+    }
 }
 
 std::size_t halveFrame(const Frame& in, bool sum, Frame out) {

@@ -2,6 +2,10 @@
 /// Patterns moved, turned, binned, padded and cropped.
 #pragma once
 
+#include <array>
+#include <cstdint>
+#include <vector>
+
 #include "processing/FrameInternal.h"
 
 namespace VRK::detail {
@@ -24,12 +28,21 @@ public:
     void apply(const Frame& in, Frame out);
 
 private:
-    cv::Mat m_positions;
-    cv::Mat m_fractions;
-    cv::Mat m_exact;
-    cv::Mat m_turned;
-    cv::Mat m_floor;
-    cv::Mat m_floorTurned;
+    static constexpr int kSteps = 32;  ///< positions between two pixels
+    static constexpr int kBorder = 2;
+
+    /// Where a pixel comes from.
+    struct Source {
+        std::int32_t offset =
+            -1;                   ///< first of the 4 x 4 pixels in the padded frame; -1 from beyond the frame
+        std::uint16_t stepX = 0;  ///< position behind the second of them
+        std::uint16_t stepY = 0;
+    };
+    Source sourceOf(double x, double y, int width, int height) const;
+
+    std::array<std::array<float, 4>, kSteps> m_weights;
+    std::vector<Source> m_sources;
+    cv::Mat_<float> m_padded;
 };
 
 /// Half the size of a frame along one axis.

@@ -159,16 +159,17 @@ void logLimits(const VoxMRCData& input, short lowest, short highest) {
 }
 
 /// The sources of every column of a layer, and the values that its topmost voxel was formed from.
-void logSources(const SamplingGeometry& geometry, const VRK::detail::TransposedSeries& series,
-                unsigned layer) {
+void logSources(const SamplingGeometry& geometry, const VoxMRCData& series, unsigned layer) {
     for (unsigned x = 0; x < geometry.width(); ++x) {
         const SamplingGeometry::Sample s = geometry.sample(x, layer);
         std::string text = line(" Pix ", x, " in ", s.inner, "/", s.innerColumn, " out ", s.outer, "/",
                                 s.outerColumn, " high  ", s.upper, "low ", s.lower, " n_j ", layer);
-        if (s.inside())
-            text += line(" values ", *series.column(s.upper, s.innerColumn), ' ',
-                         *series.column(s.lower, s.innerColumn), ' ', *series.column(s.upper, s.outerColumn),
-                         ' ', *series.column(s.lower, s.outerColumn));
+        if (s.inside()) {
+            const short* upper = series.GetChunkPointer(static_cast<unsigned>(s.upper));
+            const short* lower = series.GetChunkPointer(static_cast<unsigned>(s.lower));
+            text += line(" values ", upper[s.innerColumn], ' ', lower[s.innerColumn], ' ',
+                         upper[s.outerColumn], ' ', lower[s.outerColumn]);
+        }
         log(text, VRK::Debug, VRK::LoopControl);
     }
 }
@@ -457,16 +458,18 @@ VoxMRCData* VoxMRCstemProcessing::recoByAngle(VoxMRCData* input, double fineCali
 
 bool VoxMRCstemProcessing::fillVolume(const VoxMRCData& input, const SamplingGeometry& geometry,
                                       int verbosity, VoxMRCData& volume) {
-    const VRK::detail::SingleThreadedOpenCV singleThreaded;
-    const VRK::detail::TransposedSeries series(input);
-    VRK::detail::ReciprocalVolumeFiller filler(series, geometry, volume);
+    VRK::detail::ReciprocalVolumeFiller filler(input, geometry, volume);
     log("Volume layer processing: ");
-    setSteps(static_cast<int>(geometry.depth()), "Reconstruction");
-    for (unsigned layer = 0; layer < geometry.depth(); ++layer) {
+    const unsigned layers = geometry.depth();
+    setSteps(static_cast<int>(layers), "Reconstruction");
+    // The work goes from one pair of patterns to the next; it is told and asked about in layers.
+    unsigned pair = 0;
+    for (unsigned layer = 0; layer < layers; ++layer) {
         updateStep(static_cast<int>(layer));
         if (canceled()) return false;
-        filler.fillLayer(layer);
-        if (verbosity > 2) logSources(geometry, series, layer);
+        while (std::uint64_t{pair} * layers < std::uint64_t{filler.pairs()} * (layer + 1))
+            filler.fillPair(pair++);
+        if (verbosity > 2) logSources(geometry, input, layer);
     }
 
     if (verbosity > 0) logLimits(input, filler.lowest(), filler.highest());

@@ -82,7 +82,7 @@ public:
     /// uncertainty.
     ///
     /// Patterns are moved by cubic convolution (R. G. Keys, IEEE Trans. ASSP 29 (1981) 1153,
-    /// doi:10.1109/TASSP.1981.1163711, with a = -3/4), which keeps sharp reflections sharp where linear
+    /// doi:10.1109/TASSP.1981.1163711, with a = -3/5), which keeps sharp reflections sharp where linear
     /// interpolation would flatten them; its undershoots are limited to the values around. Patterns that are
     /// centred to 0.05 pixel, and the pixels of shifts that are whole, stay as they are. Pixels
     /// from beyond the frame are 0.
@@ -141,7 +141,7 @@ public:
     ///         that do not ascend or are not finite, for tilts that are all 0, and after cancellation.
     /// \throw std::runtime_error when the volume cannot be allocated
     ///
-    /// Beside the input and the volume it needs one transposed copy of the input.
+    /// Beside the input and the volume it needs about as much memory as three patterns.
     VoxMRCData* recoByAngle(VoxMRCData* input, double fineCalibratedPixelSize, int verbosity, bool quiet);
 
     /// Does nothing and returns null.

@@ -87,8 +87,8 @@ TEST(Reconstruction, EqualsThePlainOneBitForBit) {
 }
 
 TEST(Reconstruction, EqualsThePlainOneOnAUsualSeries) {
-    for (const int width : {64, 65}) {
-        const plain::Series series = randomSeries(width, width, range(-60, 60, 1.5F), 7, false);
+    for (const int width : {64, 65, 140}) {
+        const plain::Series series = randomSeries(width, width + 7, range(-60, 60, 2.5F), 7, false);
         const auto input = toData(series);
         const auto volume = reconstruct(input.get());
         const auto expected = plain::reconstruct(series);

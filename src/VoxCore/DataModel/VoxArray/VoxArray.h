@@ -290,6 +290,7 @@ private:
     /// \param elements the product of the sizes, which may be more than an unsigned holds
     void InitVariables(const std::vector<unsigned>& dims, StorageMethod method, double elements);
     bool InitMemory();
+    bool InitRegion(std::size_t places);
     void FreeChunks();
     void Clear();
 
@@ -337,6 +338,8 @@ private:
     unsigned m_LogChunkCount = 0;  ///< 0 for everything but interleaved storage
     StorageMethod m_StorageMethod = Storage_Auto;
     VoxArray<bool>* m_Mask = nullptr;
+    std::byte* m_Region = nullptr;  ///< what the chunks lie in, null when each has its own block
+    std::size_t m_RegionBytes = 0;
 };
 
 namespace VRK::detail {
