@@ -13,9 +13,10 @@
 namespace VRK::detail {
 namespace {
 
-/// Weights of the pixels -1, 0, 1, 2 at the position f between 0 and 1: cubic convolution with a = -3/5. Half-way
-/// between two pixels a reflection with a standard deviation of 1.5 pixels keeps its height within 0.3 %, one of 1
-/// pixel loses 3 % (11 % with linear interpolation). -1/2 flattens both more, -3/4 exaggerates the first.
+/// Weights of the pixels -1, 0, 1, 2 at the position f between 0 and 1: cubic convolution with a = -3/5.
+/// Half-way between two pixels a reflection with a standard deviation of 1.5 pixels keeps its height within
+/// 0.3 %, one of 1 pixel loses 3 % (11 % with linear interpolation). -1/2 flattens both more, -3/4
+/// exaggerates the first.
 std::array<float, 4> cubicWeights(double f) {
     constexpr double a = -0.6;
     const auto near = [](double d) { return ((a + 2) * d - (a + 3)) * d * d + 1; };

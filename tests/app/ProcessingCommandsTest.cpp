@@ -41,8 +41,8 @@ protected:
 }  // namespace
 
 TEST_F(ProcessingCommands, LeadFromSeriesToVolume) {
-    const VrkResult clean = run({"preprocess", "series.mrc", "-o", "clean.mrc", "--rotate", "30", "--smooth", "0.7",
-                                 "--bin", "2", "--json", "--log", "pre.log"});
+    const VrkResult clean = run({"preprocess", "series.mrc", "-o", "clean.mrc", "--rotate", "30", "--smooth",
+                                 "0.7", "--bin", "2", "--json", "--log", "pre.log"});
     ASSERT_EQ(clean.exitCode, 0) << clean.err;
     const Json json = Json::parse(clean.out);
     EXPECT_EQ(json["dims"], Json({32, 32, 5}));
@@ -51,8 +51,8 @@ TEST_F(ProcessingCommands, LeadFromSeriesToVolume) {
     EXPECT_TRUE(exists("pre.log"));
 
     std::ofstream(m_folder + "calibration.txt") << "1e8 1.05e8\n";
-    const VrkResult volume = run({"reconstruct", "clean.mrc", "-o", "volume.mrc", "--fine-calibration",
-                                  "calibration.txt", "--json"});
+    const VrkResult volume = run(
+        {"reconstruct", "clean.mrc", "-o", "volume.mrc", "--fine-calibration", "calibration.txt", "--json"});
     ASSERT_EQ(volume.exitCode, 0) << volume.err;
     EXPECT_EQ(Json::parse(volume.out)["dims"], Json({32, 32, 21}));
     EXPECT_FLOAT_EQ(Json::parse(volume.out)["pixel_size"].get<float>(), 2.1e8F);
@@ -81,7 +81,9 @@ TEST_F(ProcessingCommands, ExplainThemselvesWhenTheyCannotGoOn) {
         {{"preprocess", "series.mrc", "-o", "no/out.mrc"}, 1, "does not exist"},
         {{"reconstruct", "wide.mrc", "-o", "out.mrc"}, 1, "20 x 10 pixels"},
         {{"reconstruct", "descending.mrc", "-o", "out.mrc"}, 1, "do not ascend"},
-        {{"reconstruct", "series.mrc", "-o", "out.mrc", "--fine-calibration", "bad.txt"}, 1, "bad.txt, line 1"},
+        {{"reconstruct", "series.mrc", "-o", "out.mrc", "--fine-calibration", "bad.txt"},
+         1,
+         "bad.txt, line 1"},
         {{"reconstruct", "series.mrc", "-o", "out.mrc", "--fine-calibration", "none"}, 1, "does not exist"},
         {{"reconstruct", "series.mrc", "-o", "out.mrc", "--fine-pixel-size", "-1"}, 2, "--fine-pixel-size"},
     };
