@@ -18,6 +18,7 @@ void addSectionsCommand(CLI::App& app, Host& host);
 void addPreprocessCommand(CLI::App& app, Host& host);
 void addReconstructCommand(CLI::App& app, Host& host);
 void addPeaksCommand(CLI::App& app, Host& host);
+void addCellCommand(CLI::App& app, Host& host);
 void addIndexCommand(CLI::App& app, Host& host);
 void addSimulateCommand(CLI::App& app, Host& host);
 

@@ -120,11 +120,16 @@ void addCellOptions(CLI::App& command, CellOptions& options, bool showDefaults) 
     group.add("--det-limit", options.detLimit, "Smallest determinant of three base vectors", -kLargest,
               kLargest, p.getDetLimit());
     group.add("--grid-size", options.gridSize,
-              "Steps along each base vector in the search for the reduced cell", 1, 100,
+              "Steps along each base vector in the search for the reduced cell", 1, 50,
               p.getGridSizeNiggliCell());
     command
         .add_flag("--full-space", options.fullSpace, "Use both of each pair of opposite difference vectors")
         ->group("Cell finding");
+}
+
+bool CellOptions::isGiven() const {
+    return minLength || maxLength || eps || minPoints || refineClusters || angleA || angleB || detLimit ||
+           gridSize || fullSpace;
 }
 
 void CellOptions::applyTo(Parameter& parameter) const {

@@ -38,6 +38,8 @@ struct CellOptions {
     std::optional<int> gridSize;
     bool fullSpace = false;
 
+    /// Whether the user gave any of them.
+    bool isGiven() const;
     /// Sets the values that were given; the others stay as they are. Throws Failure when a lower limit is
     /// then above its upper one.
     void applyTo(Parameter& parameter) const;

@@ -21,6 +21,7 @@ int parseAndRun(host::Host& host, int argc, char** argv) {
     host::addReconstructCommand(app, host);
     host::addTiltAxisCommand(app, host);
     host::addPeaksCommand(app, host);
+    host::addCellCommand(app, host);
     host::addIndexCommand(app, host);
     host::addSimulateCommand(app, host);
     host::addSectionsCommand(app, host);

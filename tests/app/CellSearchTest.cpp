@@ -1,0 +1,188 @@
+#include "CellSearch.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+
+namespace {
+
+using Eigen::Matrix3d;
+using Eigen::Vector3d;
+using host::Lattice;
+using host::LatticeCandidate;
+using host::LatticeScore;
+using host::Points;
+
+constexpr double kReach = 80.0;
+
+struct Crystal {
+    Matrix3d basis;  // primitive, reciprocal, voxels
+    double seen = 0.5;
+    double seenOddH = 0.5;  // of the reflections with odd h, weak in a superstructure
+    double noise = 0.35;
+    double outliers = 0.4;  // share of the list
+};
+
+/// A base with edges and angles as in reciprocal cells of real crystals, of a lattice with a centring.
+Matrix3d randomBasis(std::mt19937& random, char centring) {
+    std::uniform_real_distribution<double> edge(7.0, 15.0);
+    std::uniform_real_distribution<double> angle(75.0, 105.0);
+    std::normal_distribution<double> any;
+    const double degree = std::acos(-1.0) / 180.0;
+    const double ca = std::cos(angle(random) * degree), cb = std::cos(angle(random) * degree),
+                 cg = std::cos(angle(random) * degree), sg = std::sqrt(1.0 - cg * cg);
+    const double y = (ca - cb * cg) / sg;
+    Matrix3d cell;
+    cell << 1.0, cg, cb, 0.0, sg, y, 0.0, 0.0, std::sqrt(1.0 - cb * cb - y * y);
+    cell = cell * Vector3d(edge(random), edge(random), edge(random)).asDiagonal();
+    Matrix3d primitive = Matrix3d::Identity();
+    if (centring == 'I') primitive << -0.5, 0.5, 0.5, 0.5, -0.5, 0.5, 0.5, 0.5, -0.5;
+    if (centring == 'F') primitive << 0.0, 0.5, 0.5, 0.5, 0.0, 0.5, 0.5, 0.5, 0.0;
+    if (centring == 'C') primitive << 0.5, 0.5, 0.0, -0.5, 0.5, 0.0, 0.0, 0.0, 1.0;
+    // Of the size of a primitive one.
+    cell *= std::cbrt(1.0 / primitive.determinant());
+    const Eigen::Quaterniond turn(any(random), any(random), any(random), any(random));
+    return turn.normalized().toRotationMatrix() * cell * primitive;
+}
+
+Points pointsOf(const Crystal& crystal, std::mt19937& random) {
+    std::uniform_real_distribution<double> unit(0.0, 1.0);
+    std::uniform_real_distribution<double> place(-kReach, kReach);
+    std::normal_distribution<double> noise(0.0, crystal.noise);
+    const Matrix3d inverse = crystal.basis.inverse();
+    const auto inWedge = [](const Vector3d& p) { return std::abs(p[2]) > 1.7 * std::abs(p[0]); };
+    Points points;
+    Eigen::Array3i most;
+    for (int i = 0; i < 3; ++i)
+        most[i] = static_cast<int>(kReach * inverse.row(i).norm());
+    for (int h = -most[0]; h <= most[0]; ++h)
+        for (int k = -most[1]; k <= most[1]; ++k)
+            for (int l = -most[2]; l <= most[2]; ++l) {
+                const Vector3d p = crystal.basis * Vector3d(h, k, l);
+                const double seen = h % 2 == 0 ? crystal.seen : crystal.seenOddH;
+                if (p.norm() > kReach || p.norm() < 4.0 || inWedge(p) || unit(random) > seen) continue;
+                points.push_back(p + Vector3d(noise(random), noise(random), noise(random)));
+            }
+    auto wrong = static_cast<std::size_t>(crystal.outliers / (1.0 - crystal.outliers) *
+                                          static_cast<double>(points.size()));
+    while (wrong > 0) {
+        const Vector3d p(place(random), place(random), place(random));
+        if (p.norm() > kReach || inWedge(p)) continue;
+        points.push_back(p);
+        --wrong;
+    }
+    return points;
+}
+
+TEST(CellSearch, FindsTheLatticeBehindAWedgeAndOutliers) {
+    std::mt19937 random(11);
+    for (const char centring : {'P', 'I', 'F', 'C'})
+        for (int repeat = 0; repeat < 2; ++repeat) {
+            SCOPED_TRACE(centring);
+            SCOPED_TRACE(repeat);
+            Crystal crystal;
+            crystal.basis = randomBasis(random, centring);
+            const Points points = pointsOf(crystal, random);
+            const std::vector<LatticeCandidate> found =
+                host::CellSearch().search(points, std::vector<double>(points.size(), 1.0));
+            ASSERT_FALSE(found.empty());
+            EXPECT_TRUE(host::sameLattice(found.front().lattice.basis, crystal.basis, 0.03));
+            EXPECT_LT(found.front().lattice.origin.norm(), 0.3);
+            EXPECT_NEAR(found.front().score.fraction(), 0.6, 0.1);
+            EXPECT_GT(found.front().score.evidence, 300.0);
+            if (found.size() > 1) EXPECT_LT(found[1].score.evidence, found[0].score.evidence);
+        }
+}
+
+TEST(CellSearch, FindsAWeakSuperlattice) {
+    std::mt19937 random(3);
+    Crystal crystal;
+    crystal.basis = Vector3d(6.0, 11.0, 13.0).asDiagonal();
+    crystal.seen = 0.8;
+    crystal.seenOddH = 0.12;
+    crystal.outliers = 0.1;
+    const Points points = pointsOf(crystal, random);
+    const std::vector<LatticeCandidate> found = host::CellSearch().search(points, {});
+    ASSERT_FALSE(found.empty());
+    EXPECT_TRUE(host::sameLattice(found.front().lattice.basis, crystal.basis, 0.03));
+}
+
+TEST(CellSearch, NoiseHasNoConvincingLattice) {
+    std::mt19937 random(5);
+    Crystal crystal;
+    crystal.basis = Vector3d(10.0, 11.0, 13.0).asDiagonal();
+    crystal.noise = 5.0;
+    for (const LatticeCandidate& candidate : host::CellSearch().search(pointsOf(crystal, random), {}))
+        EXPECT_LT(candidate.score.evidence, 60.0);
+    EXPECT_TRUE(host::CellSearch().search(Points(11, Vector3d(1.0, 2.0, 3.0)), {}).empty());
+    EXPECT_TRUE(host::CellSearch().search(Points(100, Vector3d(1.0, 2.0, 3.0)), {}).empty());
+}
+
+TEST(CellSearch, StopsWhenTheUserAsks) {
+    std::mt19937 random(5);
+    Crystal crystal;
+    crystal.basis = Vector3d(10.0, 11.0, 13.0).asDiagonal();
+    host::CellSearchOptions options;
+    options.canceled = [] { return true; };
+    EXPECT_TRUE(host::CellSearch(options).search(pointsOf(crystal, random), {}).empty());
+}
+
+TEST(LatticeScore, EvidenceIsTheLikelihoodRatio) {
+    EXPECT_NEAR(host::evidenceOf(10, 10, 0.1), 10.0 * std::log(10.0), 1e-12);
+    EXPECT_NEAR(host::evidenceOf(5, 10, 0.1), 5.0 * std::log(5.0) + 5.0 * std::log(0.5 / 0.9), 1e-12);
+    for (const auto& [successes, trials, chance] :
+         {std::tuple(1, 10, 0.1), std::tuple(0, 0, 0.1), std::tuple(5, 10, 0.0), std::tuple(5, 10, 1.0)})
+        EXPECT_EQ(host::evidenceOf(successes, trials, chance), 0.0);
+}
+
+TEST(LatticeScore, MultiplesAreSettledByThePoints) {
+    std::mt19937 random(8);
+    Crystal crystal;
+    crystal.basis = Vector3d(8.0, 9.0, 12.0).asDiagonal();
+    crystal.outliers = 0.2;
+    const Points points = pointsOf(crystal, random);
+    const LatticeScore right = host::scoreLattice(points, {crystal.basis, Vector3d::Zero()});
+    Matrix3d centred;
+    centred << 0.5, 0.0, 0.0, 0.5, 1.0, 0.0, 0.5, 0.0, 1.0;
+    const struct {
+        const char* name;
+        Matrix3d change;
+    } cases[] = {
+        {"the lattice itself", Matrix3d::Identity()},
+        {"nodes between", Vector3d(0.5, 1.0, 1.0).asDiagonal()},
+        {"two nodes between", Vector3d(1.0, 1.0 / 3.0, 1.0).asDiagonal()},
+        {"nodes between on two axes", Vector3d(0.5, 1.0, 0.5).asDiagonal()},
+        {"a node in the middle", centred},
+        {"every second node", Vector3d(1.0, 1.0, 2.0).asDiagonal()},
+        {"every third node", Vector3d(1.0, 3.0, 1.0).asDiagonal()},
+    };
+    for (const auto& one : cases) {
+        SCOPED_TRACE(one.name);
+        const Lattice start{crystal.basis * one.change, Vector3d::Zero()};
+        if (!one.change.isIdentity()) EXPECT_LT(host::scoreLattice(points, start).evidence, right.evidence);
+        EXPECT_TRUE(host::sameLattice(host::settleMultiples(points, start).basis, crystal.basis, 0.03));
+    }
+}
+
+TEST(LatticeScore, FittingFindsTheLatticeFromACoarseStart) {
+    std::mt19937 random(9);
+    Crystal crystal;
+    crystal.basis = Vector3d(8.0, 9.0, 12.0).asDiagonal();
+    Points points = pointsOf(crystal, random);
+    const Vector3d shift(0.4, -0.3, 0.2);
+    for (Vector3d& point : points)
+        point += shift;
+    Matrix3d change;
+    change << 1.02, 0.01, 0.0, -0.01, 0.98, 0.02, 0.0, 0.01, 1.01;
+    const Lattice start{change * crystal.basis, Vector3d::Zero()};
+    const Lattice fitted = host::fitLattice(points, start, 1.5);
+    EXPECT_LT((fitted.basis - crystal.basis).cwiseAbs().maxCoeff(), 0.02);
+    EXPECT_LT((fitted.origin - shift).norm(), 0.15);
+    // Points in a plane determine no lattice.
+    for (Vector3d& point : points)
+        point[2] = 0.0;
+    EXPECT_EQ(host::fitLattice(points, start, 1.5).basis, start.basis);
+}
+
+}  // namespace
