@@ -112,6 +112,18 @@ double expectedVectors(const Points& points, const Parameter& parameter) {
     return parameter.useHalfDiffVectorSpace() ? pairs : 2.0 * pairs;
 }
 
+/// What the steps complain about is either one trial of many or part of the command's own message.
+class QuietLibrary {
+public:
+    explicit QuietLibrary(Host& host) : m_log(host.log()) { m_log.quiet = true; }
+    ~QuietLibrary() { m_log.quiet = false; }
+    QuietLibrary(const QuietLibrary&) = delete;
+    QuietLibrary& operator=(const QuietLibrary&) = delete;
+
+private:
+    LogObserver& m_log;
+};
+
 /// The intermediate results of the steps.
 struct StepResults {
     StepResults() = default;
@@ -138,7 +150,8 @@ struct StepResults {
 
 /// The six steps with the parameters as they are. The peak file has been cut off around the beam when it was
 /// written; difference vectors need no origin.
-Lattice latticeByParameters(const PeakList& peaks, const Points& points, Parameter& parameter) {
+Lattice latticeByParameters(const PeakList& peaks, const Points& points, Parameter& parameter, Host& host) {
+    const QuietLibrary quiet(host);
     const double expected = expectedVectors(points, parameter);
     if (expected > kMostVectors)
         throw Failure(formatted("about %.2g difference vectors are shorter than --max-length %g, too many to "
@@ -176,6 +189,7 @@ Lattice latticeByParameters(const PeakList& peaks, const Points& points, Paramet
 }
 
 Result searchFreely(const Points& points, const std::vector<double>& weights, Host& host) {
+    const QuietLibrary quiet(host);
     CellSearchOptions options;
     options.canceled = [&host] {
         host.checkCanceled();
@@ -226,7 +240,7 @@ Result findCell(const Options& options, Host& host) {
     Result result;
     if (options.cell.isGiven()) {
         options.cell.applyTo(result.parameter);
-        result.lattice = latticeByParameters(peaks, points, result.parameter);
+        result.lattice = latticeByParameters(peaks, points, result.parameter, host);
         result.score = scoreLattice(points, result.lattice);
         if (!isConvincing(result.score))
             host.warn(
@@ -329,8 +343,6 @@ void report(std::ostream& out, const Options& options, const Result& result) {
 
 void run(const Options& options, Host& host) {
     if (!options.log.empty()) host.openLog(options.log);
-    // What the steps complain about is either one trial of many or part of the command's own message.
-    host.log().quiet = true;
     if (std::error_code error; std::filesystem::equivalent(options.peaks, options.output, error))
         throw Failure(
             "the cell file would replace the reflections " + options.peaks + "; give -o another name",

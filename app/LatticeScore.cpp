@@ -210,23 +210,8 @@ Lattice settleMultiples(std::span<const Vector3d> points, Lattice lattice) {
                           std::max(0.5, scoreLattice(points, lattice).radius));
     };
 
-    // Coarser reciprocal lattices: the nodes in between must be earned.
-    for (int rounds = 0; rounds < 6; ++rounds) {
-        std::optional<Lattice> better;
-        double evidence = 0.0;
-        for (const Matrix3d& form : kForms) {
-            Lattice coarse = lattice;
-            coarse.basis = reduced(lattice.basis * form.transpose());
-            if (needsFineNodes(points, coarse, lattice, radiusFor(lattice))) continue;
-            const double gained = scoreLattice(points, coarse).evidence;
-            if (gained <= evidence) continue;
-            evidence = gained;
-            better = coarse;
-        }
-        if (!better) break;
-        lattice = fitLattice(points, *better, scoreLattice(points, *better).radius);
-    }
-    // Finer ones: nodes that the points left over ask for.
+    // Finer reciprocal lattices: nodes that the points left over ask for. They come first, since a lattice
+    // that misses most of the points has nothing to tell which of its nodes are needed.
     for (int rounds = 0; rounds < 4; ++rounds) {
         std::optional<Lattice> better;
         double evidence = 0.0;
@@ -239,6 +224,22 @@ Lattice settleMultiples(std::span<const Vector3d> points, Lattice lattice) {
             if (gained <= evidence) continue;
             evidence = gained;
             better = fine;
+        }
+        if (!better) break;
+        lattice = fitLattice(points, *better, scoreLattice(points, *better).radius);
+    }
+    // Coarser ones: the nodes in between must be earned.
+    for (int rounds = 0; rounds < 6; ++rounds) {
+        std::optional<Lattice> better;
+        double evidence = 0.0;
+        for (const Matrix3d& form : kForms) {
+            Lattice coarse = lattice;
+            coarse.basis = reduced(lattice.basis * form.transpose());
+            if (needsFineNodes(points, coarse, lattice, radiusFor(lattice))) continue;
+            const double gained = scoreLattice(points, coarse).evidence;
+            if (gained <= evidence) continue;
+            evidence = gained;
+            better = coarse;
         }
         if (!better) break;
         lattice = fitLattice(points, *better, scoreLattice(points, *better).radius);

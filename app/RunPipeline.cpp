@@ -15,11 +15,11 @@
 #include "OutputFile.h"
 #include "Pictures.h"
 #include "Preprocessing.h"
+#include "ReducedCell.h"
 #include "ReflectionFormats.h"
 #include "SeriesCheck.h"
 #include "TiltAxisSearch.h"
 #include "crystallography/CellFileImportExport.h"
-#include "crystallography/NiggliReduction.h"
 #include "indexing/CellRefinement.h"
 #include "indexing/EwaldCurvature.h"
 #include "indexing/HKLfileImportExport.h"
@@ -95,18 +95,6 @@ ReflexVectorPtr voxelCentres(const ReflexVector& found, int centreType) {
         copies->push_back(copy.release());
     }
     return copies;
-}
-
-/// The reciprocal base of the Niggli cell of the direct lattice.
-UnitCell niggliReduced(const UnitCell& reciprocal) {
-    const std::unique_ptr<UnitCell> direct(reciprocal.getReciprocalCell());
-    if (direct->getDeterminant() < 0.0) {
-        const int inversion[3][3] = {{-1, 0, 0}, {0, -1, 0}, {0, 0, -1}};
-        direct->transform(inversion);
-    }
-    NiggliReduction::niggliReduction(direct.get(), 1000);
-    const std::unique_ptr<UnitCell> back(direct->getReciprocalCell());
-    return *back;
 }
 
 /// How far a cell is from a symmetry, in degrees; an error of an edge turns the diagonals by as much.

@@ -77,22 +77,22 @@ Points pointsOf(const Crystal& crystal, std::mt19937& random) {
 
 TEST(CellSearch, FindsTheLatticeBehindAWedgeAndOutliers) {
     std::mt19937 random(11);
-    for (const char centring : {'P', 'I', 'F', 'C'})
-        for (int repeat = 0; repeat < 2; ++repeat) {
-            SCOPED_TRACE(centring);
-            SCOPED_TRACE(repeat);
-            Crystal crystal;
-            crystal.basis = randomBasis(random, centring);
-            const Points points = pointsOf(crystal, random);
-            const std::vector<LatticeCandidate> found =
-                host::CellSearch().search(points, std::vector<double>(points.size(), 1.0));
-            ASSERT_FALSE(found.empty());
-            EXPECT_TRUE(host::sameLattice(found.front().lattice.basis, crystal.basis, 0.03));
-            EXPECT_LT(found.front().lattice.origin.norm(), 0.3);
-            EXPECT_NEAR(found.front().score.fraction(), 0.6, 0.1);
-            EXPECT_GT(found.front().score.evidence, 300.0);
-            if (found.size() > 1) EXPECT_LT(found[1].score.evidence, found[0].score.evidence);
+    for (const char centring : {'P', 'I', 'F', 'C', 'P'}) {
+        SCOPED_TRACE(centring);
+        Crystal crystal;
+        crystal.basis = randomBasis(random, centring);
+        const Points points = pointsOf(crystal, random);
+        const std::vector<LatticeCandidate> found =
+            host::CellSearch().search(points, std::vector<double>(points.size(), 1.0));
+        ASSERT_FALSE(found.empty());
+        EXPECT_TRUE(host::sameLattice(found.front().lattice.basis, crystal.basis, 0.03));
+        EXPECT_LT(found.front().lattice.origin.norm(), 0.3);
+        EXPECT_NEAR(found.front().score.fraction(), 0.55, 0.1);
+        EXPECT_GT(found.front().score.evidence, 300.0);
+        if (found.size() > 1) {
+            EXPECT_LT(found[1].score.evidence, found[0].score.evidence);
         }
+    }
 }
 
 TEST(CellSearch, FindsAWeakSuperlattice) {
@@ -111,8 +111,8 @@ TEST(CellSearch, FindsAWeakSuperlattice) {
 TEST(CellSearch, NoiseHasNoConvincingLattice) {
     std::mt19937 random(5);
     Crystal crystal;
-    crystal.basis = Vector3d(10.0, 11.0, 13.0).asDiagonal();
-    crystal.noise = 5.0;
+    crystal.basis = Vector3d(14.0, 15.0, 17.0).asDiagonal();
+    crystal.noise = 7.0;
     for (const LatticeCandidate& candidate : host::CellSearch().search(pointsOf(crystal, random), {}))
         EXPECT_LT(candidate.score.evidence, 60.0);
     EXPECT_TRUE(host::CellSearch().search(Points(11, Vector3d(1.0, 2.0, 3.0)), {}).empty());
@@ -160,7 +160,9 @@ TEST(LatticeScore, MultiplesAreSettledByThePoints) {
     for (const auto& one : cases) {
         SCOPED_TRACE(one.name);
         const Lattice start{crystal.basis * one.change, Vector3d::Zero()};
-        if (!one.change.isIdentity()) EXPECT_LT(host::scoreLattice(points, start).evidence, right.evidence);
+        if (!one.change.isIdentity()) {
+            EXPECT_LT(host::scoreLattice(points, start).evidence, right.evidence);
+        }
         EXPECT_TRUE(host::sameLattice(host::settleMultiples(points, start).basis, crystal.basis, 0.03));
     }
 }
