@@ -4,15 +4,26 @@
 
 #include <limits>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "cellfinding/Cluster.h"
 #include "cellfinding/CubicGrid.h"
+#include "foundation/VRKLogger.h"
 
 namespace VRK::detail {
 
 /// The label is a short.
 inline constexpr int kMostClusters = std::numeric_limits<short>::max();
+
+/// Says that there may be more clusters than labels.
+inline void warnOfClusterLimit(int clusterCount) {
+    if (clusterCount < kMostClusters) return;
+    VRKLogger::getInstance()->log("More clusters than labels: points of clusters after number " +
+                                      std::to_string(kMostClusters) +
+                                      " are noise. Use a larger radius or a larger number of points.",
+                                  VRK::Error, VRK::Information);
+}
 
 /// Replaces the lists by one new cluster per label from 1 to \p clusterCount and a copy of each noise point.
 template <typename P>

@@ -7,6 +7,7 @@
 #include <sstream>
 #include <type_traits>
 
+#include "cellfinding/CellListInternal.h"
 #include "cellfinding/TraceInternal.h"
 
 namespace {
@@ -72,13 +73,14 @@ template <typename P>
 CubicGrid<P>::CubicGrid(const CubicGrid<P>& other)
     : m_storage(other.m_storage),
       m_cubes(other.m_cubes),
-      m_cubeIndex(other.m_cubeIndex),
+      m_cells(other.m_cells),
       m_cubesPerAxis(other.m_cubesPerAxis),
       m_gridMin(other.m_gridMin),
       m_gridMax(other.m_gridMax),
       m_numberOfCubes(other.m_numberOfCubes),
       m_dimension(other.m_dimension),
-      m_edgeLength(other.m_edgeLength) {
+      m_edgeLength(other.m_edgeLength),
+      m_regular(other.m_regular) {
     linkPoints();
 }
 
@@ -87,13 +89,14 @@ CubicGrid<P>& CubicGrid<P>::operator=(const CubicGrid<P>& other) {
     if (this == &other) return *this;
     m_storage = other.m_storage;
     m_cubes = other.m_cubes;
-    m_cubeIndex = other.m_cubeIndex;
+    m_cells = other.m_cells;
     m_cubesPerAxis = other.m_cubesPerAxis;
     m_gridMin = other.m_gridMin;
     m_gridMax = other.m_gridMax;
     m_numberOfCubes = other.m_numberOfCubes;
     m_dimension = other.m_dimension;
     m_edgeLength = other.m_edgeLength;
+    m_regular = other.m_regular;
     linkPoints();
     return *this;
 }
@@ -157,6 +160,7 @@ void CubicGrid<P>::place(const std::vector<P*>& points) {
             std::cout << "== -1\n";
         else
             order.push_back(static_cast<std::uint64_t>(cube) << 32 | i);
+        if (cube < 0 || isBeyondAnAxis(points[i])) m_regular = false;
     }
     std::sort(order.begin(), order.end());
 
@@ -165,11 +169,9 @@ void CubicGrid<P>::place(const std::vector<P*>& points) {
         const P* point = points[order[slot] & 0xffffffffU];
         for (int k = 0; k < m_dimension; ++k)
             m_storage[slot].setData(point->getData(k), k);
-        const auto cube = static_cast<std::int32_t>(order[slot] >> 32);
-        if (m_cubeIndex.empty() || m_cubeIndex.back() != cube) {
-            m_cubeIndex.push_back(cube);
+        const std::uint64_t cube = order[slot] >> 32;
+        if (slot == 0 || cube != order[slot - 1] >> 32)
             m_cubes.emplace_back(static_cast<int>(slot), static_cast<int>(slot), m_edgeLength);
-        }
         m_cubes.back().setEndIdx(static_cast<int>(slot));
     }
     linkPoints();
@@ -211,67 +213,100 @@ auto CubicGrid<P>::getCubeCoordinates(int cubeIndex) const -> Cell {
 }
 
 template <typename P>
-const Cube* CubicGrid<P>::findCube(int cubeIndex) const {
-    const auto found = std::lower_bound(m_cubeIndex.begin(), m_cubeIndex.end(), cubeIndex);
-    if (found == m_cubeIndex.end() || *found != cubeIndex) return nullptr;
-    return &m_cubes[static_cast<std::size_t>(found - m_cubeIndex.begin())];
+bool CubicGrid<P>::isBeyondAnAxis(const P* point) const {
+    for (int k = 0; k < m_dimension; ++k)
+        if (std::ceil(point->getData(k) / m_edgeLength) > m_cubesPerAxis[static_cast<std::size_t>(k)])
+            return true;
+    return false;
+}
+
+template <typename P>
+int CubicGrid<P>::reachInCubes(double eps) const {
+    return static_cast<int>(std::min(std::ceil(eps / m_edgeLength), 1e9));
+}
+
+template <typename P>
+bool CubicGrid<P>::coversRadius(double eps) const {
+    const bool hasNeighbours = m_dimension == 2 || m_dimension == 3;
+    return hasNeighbours && m_regular && eps <= static_cast<double>(reachInCubes(eps)) * m_edgeLength;
 }
 
 template <typename P>
 template <typename Visit>
 void CubicGrid<P>::visitNeighborhood(const P* point, double eps, Visit visit) {
     if (!point || (m_dimension != 2 && m_dimension != 3) || point->getDimension() != m_dimension) return;
-    const int centre = getCubeIndex(point);
-    if (centre < 0 || !(eps > 0.0)) return;
-    const Cell at = getCubeCoordinates(centre);
-    const double reach = std::min(std::ceil(eps / m_edgeLength), 1e9);
-
-    Cell from{};
-    Cell to{};
-    for (std::size_t k = 0; k < m_cubesPerAxis.size(); ++k) {
-        from[k] = std::max(0, at[k] - static_cast<int>(reach));
-        to[k] = static_cast<int>(std::min(at[k] + reach, m_cubesPerAxis[k] - 1.0));
+    const int centreCube = getCubeIndex(point);
+    if (centreCube < 0 || !(eps > 0.0)) return;
+    const auto positionOf = [](const P& p) -> VRK::detail::CellList::Position {
+        return {p.getData(0), p.getData(1), p.getData(2)};
+    };
+    if (!m_cells) {
+        const std::size_t inside =
+            m_cubes.empty() ? 0 : static_cast<std::size_t>(m_cubes.back().getEndIdx()) + 1;
+        m_cells = std::make_shared<const VRK::detail::CellList>(
+            inside, m_edgeLength, [&](std::size_t slot) { return positionOf(m_storage[slot]); });
     }
-    const int rows = m_cubesPerAxis[0];
-    const int columns = m_cubesPerAxis[1];
-    for (int i = from[0]; i <= to[0]; ++i)
-        for (int j = from[1]; j <= to[1]; ++j)
-            for (int k = from[2]; k <= to[2]; ++k) {
-                const Cube* cube = findCube(i + rows * (j + columns * k));
-                if (!cube) continue;
-                for (int slot = cube->getStartIdx(); slot <= cube->getEndIdx(); ++slot) {
-                    P* candidate = m_points[static_cast<std::size_t>(slot)];
-                    const double distance = candidate->distTo(point);
-                    if (distance < eps) visit(candidate, distance);
-                }
-            }
+
+    const bool everyCubeIsNear = coversRadius(eps) && !isBeyondAnAxis(point);
+    const Cell at = getCubeCoordinates(centreCube);
+    const int reach = reachInCubes(eps);
+    const auto isNear = [&](int cube) {
+        const Cell cell = getCubeCoordinates(cube);
+        for (std::size_t k = 0; k < cell.size(); ++k)
+            if (std::abs(cell[k] - at[k]) > reach) return false;
+        return true;
+    };
+    m_cells->visitBall(positionOf(*point), eps, VRK::detail::largestSquareWithin(eps),
+                       [&](std::size_t place, double square) {
+                           const std::uint32_t slot = m_cells->index(place);
+                           const auto cube = [&] { return getCubeIndex(&m_storage[slot]); };
+                           if (everyCubeIsNear || isNear(cube())) visit(slot, square);
+                       });
 }
 
 template <typename P>
 void CubicGrid<P>::getNeighborhood(const P* point, double eps, std::vector<P*>* out) {
     if (!out) return;
     out->clear();
-    visitNeighborhood(point, eps, [out](P* neighbour, double) { out->push_back(neighbour); });
+    struct Found {
+        std::int64_t visited;
+        std::uint32_t slot;
+        bool operator<(const Found& other) const {
+            return visited != other.visited ? visited < other.visited : slot < other.slot;
+        }
+    };
+    std::vector<Found> found;
+    visitNeighborhood(point, eps, [&](std::uint32_t slot, double) {
+        const Cell cell = getCubeCoordinates(getCubeIndex(&m_storage[slot]));
+        std::int64_t visited = 0;
+        for (std::size_t k = 0; k < m_cubesPerAxis.size(); ++k)
+            visited = visited * m_cubesPerAxis[k] + cell[k];
+        found.push_back({visited, slot});
+    });
+    std::sort(found.begin(), found.end());
+    out->reserve(found.size());
+    for (const Found& neighbour : found)
+        out->push_back(m_points[neighbour.slot]);
 }
 
 template <typename P>
 int CubicGrid<P>::getSizeOfNeighborhood(const P* point, double eps) {
     int count = 0;
-    visitNeighborhood(point, eps, [&count](P*, double) { ++count; });
+    visitNeighborhood(point, eps, [&count](std::uint32_t, double) { ++count; });
     return count;
 }
 
 template <typename P>
 double CubicGrid<P>::getSizeOfKNN(const P* point, int k) {
     if (k < 1) return 0.0;
-    std::vector<double> distances;
+    std::vector<double> squares;
     for (const double radius : {1.0, 2.0, 4.0, 16.0, 256.0}) {
-        distances.clear();
-        visitNeighborhood(point, radius, [&](P*, double distance) { distances.push_back(distance); });
-        if (distances.size() < static_cast<std::size_t>(k)) continue;
-        const auto nth = distances.begin() + (k - 1);
-        std::nth_element(distances.begin(), nth, distances.end());
-        return *nth;
+        squares.clear();
+        visitNeighborhood(point, radius, [&](std::uint32_t, double square) { squares.push_back(square); });
+        if (squares.size() < static_cast<std::size_t>(k)) continue;
+        const auto nth = squares.begin() + (k - 1);
+        std::nth_element(squares.begin(), nth, squares.end());
+        return std::sqrt(*nth);
     }
     return 0.0;
 }

@@ -4,12 +4,17 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "VRKCoreExport.h"
 #include "cellfinding/ClusterPoint.h"
 #include "cellfinding/ClusterPointDDSC.h"
 #include "cellfinding/Cube.h"
+
+namespace VRK::detail {
+class CellList;
+}
 
 /// Sorts points into cubes and answers questions about their neighbourhoods, in two or three dimensions
 /// (other dimensions have no neighbourhoods). P = ClusterPoint<double>, ClusterPointDDSC<double>.
@@ -57,12 +62,19 @@ public:
     /// Points are looked for in the cubes up to ceil(eps / edge length) away, on each axis, from the cube of
     /// \p point: first axis outermost, within a cube in the order of the list. A point outside of the grid
     /// has no neighbourhood, nor has one whose dimension is not the grid's; points outside are in none.
+    ///
+    /// The first question sorts the points once more, into boxes over their true bounds: the cubes do not
+    /// divide the part of a cloud where a coordinate is negative.
     void getNeighborhood(const P* point, double eps, std::vector<P*>* out);
     /// The number of points that getNeighborhood() finds.
     int getSizeOfNeighborhood(const P* point, double eps);
     /// Distance to the k-th nearest point, counting \p point itself when it is in the grid. Looks for it
     /// within 1, 2, 4, 16 and 256; 0 when even then fewer than k points are found or k is below 1.
     double getSizeOfKNN(const P* point, int k);
+
+    /// Whether the neighbourhood of each point of the grid holds every point closer than \p eps. So it is
+    /// when no point lies outside of the grid or beyond the last cube of an axis.
+    bool coversRadius(double eps) const;
 
     /// Logs the grid's shape.
     void print() const;
@@ -78,20 +90,23 @@ private:
     int getCubeIndex(const P* point) const;
     /// Cube coordinates of a cube index.
     Cell getCubeCoordinates(int cubeIndex) const;
-    const Cube* findCube(int cubeIndex) const;
+    bool isBeyondAnAxis(const P* point) const;
+    int reachInCubes(double eps) const;
+    /// Calls visit(slot, square of the distance) for each neighbour, in no particular order.
     template <typename Visit>
     void visitNeighborhood(const P* point, double eps, Visit visit);
 
     std::vector<P> m_storage;  // one block, cube by cube
     std::vector<P*> m_points;
-    std::vector<Cube> m_cubes;              // those with points, ascending
-    std::vector<std::int32_t> m_cubeIndex;  // their indices
+    std::vector<Cube> m_cubes;                             // those with points, ascending
+    std::shared_ptr<const VRK::detail::CellList> m_cells;  // from the first question on
     std::vector<int> m_cubesPerAxis;
     std::vector<double> m_gridMin;
     std::vector<double> m_gridMax;
     int m_numberOfCubes = 0;
     int m_dimension = 0;
     int m_edgeLength = 1;
+    bool m_regular = true;  // no point outside or beyond the last cube of an axis
 };
 
 extern template class CubicGrid<ClusterPoint<double>>;

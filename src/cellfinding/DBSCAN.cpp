@@ -1,9 +1,29 @@
 #include "cellfinding/DBSCAN.h"
 
+#include <algorithm>
 #include <deque>
 
 #include "cellfinding/ClusterResultInternal.h"
+#include "cellfinding/DensityLabelsInternal.h"
 #include "cellfinding/TraceInternal.h"
+
+namespace {
+
+/// Labels the whole grid without asking for one neighbourhood after the other, where distances alone tell
+/// what a neighbour is. False, with nothing done, elsewhere.
+bool labelAtOnce(CubicGrid<ClusterPoint<double>>& grid, double eps, int minPts, int& nextID) {
+    if (!grid.coversRadius(eps)) return false;
+    const std::vector<int> labels = VRK::detail::densityLabels(*grid.getPoints(), eps, minPts);
+    if (labels.empty()) return false;
+    for (std::size_t i = 0; i < labels.size(); ++i) {
+        const int label = labels[i] <= VRK::detail::kMostClusters ? labels[i] : 0;
+        (*grid.getPoints())[i]->setClusterID(static_cast<short>(label));
+        nextID = std::max(nextID, label + 1);
+    }
+    return true;
+}
+
+}  // namespace
 
 void DBSCAN::cluster(CubicGrid<ClusterPoint<double>>* grid, double eps, int minPts,
                      std::vector<Cluster<Point<double>>*>* clusters,
@@ -16,8 +36,12 @@ void DBSCAN::cluster(CubicGrid<ClusterPoint<double>>* grid, double eps, int minP
     for (ClusterPoint<double>* point : *grid->getPoints())
         point->setClusterID(-1);
     int clusterID = 1;
-    for (ClusterPoint<double>* point : *grid->getPoints())
-        if (point->getClusterID() == -1 && ExpandCluster(grid, point, clusterID, eps, minPts)) ++clusterID;
+    if (!labelAtOnce(*grid, eps, minPts, clusterID)) {
+        for (ClusterPoint<double>* point : *grid->getPoints())
+            if (point->getClusterID() == -1 && ExpandCluster(grid, point, clusterID, eps, minPts))
+                ++clusterID;
+    }
+    VRK::detail::warnOfClusterLimit(clusterID - 1);
     VRK::detail::fillClusters(*grid, clusterID - 1, *clusters, *noise);
 }
 

@@ -1,0 +1,203 @@
+#include "cellfinding/DensityLabelsInternal.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <numeric>
+
+#include "cellfinding/CellListInternal.h"
+
+namespace VRK::detail {
+namespace {
+
+using Box = CellList::Box;
+using Position = CellList::Position;
+
+/// Boxes two steps away can hold neighbours, at both sides of the own row in y and z.
+constexpr int kSteps = 2;
+constexpr int kRowsPerPlane = 2 * kSteps + 1;
+constexpr int kRows = kRowsPerPlane * kRowsPerPlane;
+
+/// Boxes [begin, end) of the list.
+struct BoxRange {
+    std::size_t begin = 0;
+    std::size_t end = 0;
+};
+using Surroundings = std::array<BoxRange, kRows>;
+
+/// Calls visit(box, surroundings) for each box in order, where the surroundings are the boxes up to two
+/// steps away, row by row. Both ends of each row only move forward from box to box.
+template <typename Visit>
+void sweep(const std::vector<Box>& boxes, Visit visit) {
+    Surroundings rows{};
+    for (std::size_t b = 0; b < boxes.size(); ++b) {
+        const std::uint64_t key = boxes[b].key;
+        const std::int64_t cx = CellList::coordinate(key, 0);
+        const std::int64_t cy = CellList::coordinate(key, 1);
+        const std::int64_t cz = CellList::coordinate(key, 2);
+        for (int row = 0; row < kRows; ++row) {
+            BoxRange& range = rows[static_cast<std::size_t>(row)];
+            const std::int64_t y = cy + row % kRowsPerPlane - kSteps;
+            const std::int64_t z = cz + row / kRowsPerPlane - kSteps;
+            if (y < 0 || z < 0) {
+                range.begin = range.end;
+                continue;
+            }
+            const auto line =
+                CellList::keyOf(0, static_cast<std::uint64_t>(y), static_cast<std::uint64_t>(z));
+            const std::uint64_t first =
+                line + static_cast<std::uint64_t>(std::max<std::int64_t>(cx - kSteps, 0));
+            const std::uint64_t last = line + static_cast<std::uint64_t>(cx + kSteps);
+            while (range.begin < boxes.size() && boxes[range.begin].key < first)
+                ++range.begin;
+            range.end = std::max(range.begin, range.end);
+            while (range.end < boxes.size() && boxes[range.end].key <= last)
+                ++range.end;
+        }
+        visit(b, rows);
+    }
+}
+
+class Labeller {
+public:
+    Labeller(const CellList& cells, double eps, int minPts)
+        : m_cells(cells),
+          m_boxes(cells.boxes()),
+          m_reach2(largestSquareWithin(eps)),
+          m_minPts(static_cast<std::size_t>(minPts)),
+          m_core(cells.size(), 0),
+          m_parent(cells.boxes().size()) {
+        std::iota(m_parent.begin(), m_parent.end(), std::uint32_t(0));
+    }
+
+    std::vector<int> run(std::size_t count) {
+        sweep(m_boxes, [this](std::size_t b, const Surroundings& rows) { findCorePoints(b, rows); });
+        sweep(m_boxes, [this](std::size_t b, const Surroundings& rows) { joinBoxes(b, rows); });
+        std::vector<int> labels(count, 0);
+        labelCorePoints(labels);
+        sweep(m_boxes, [&](std::size_t b, const Surroundings& rows) { labelBorderPoints(b, rows, labels); });
+        return labels;
+    }
+
+private:
+    Position positionOf(std::size_t place) const {
+        return {m_cells.x()[place], m_cells.y()[place], m_cells.z()[place]};
+    }
+    std::size_t sizeOf(const Box& box) const { return box.end - box.begin; }
+
+    void findCorePoints(std::size_t b, const Surroundings& rows) {
+        const Box& box = m_boxes[b];
+        if (sizeOf(box) >= m_minPts) {
+            std::fill(m_core.begin() + box.begin, m_core.begin() + box.end, char(1));
+            return;
+        }
+        std::size_t near = 0;
+        for (const BoxRange& row : rows)
+            if (row.begin < row.end) near += m_boxes[row.end - 1].end - m_boxes[row.begin].begin;
+        if (near < m_minPts) return;
+        for (std::size_t place = box.begin; place < box.end; ++place)
+            m_core[place] = hasEnoughNeighbours(place, rows);
+    }
+
+    bool hasEnoughNeighbours(std::size_t place, const Surroundings& rows) const {
+        const Position p = positionOf(place);
+        std::size_t found = 0;
+        for (const BoxRange& row : rows) {
+            if (row.begin == row.end) continue;
+            const std::size_t end = m_boxes[row.end - 1].end;
+            for (std::size_t other = m_boxes[row.begin].begin; other < end; ++other)
+                found += m_cells.squareDistance(other, p) <= m_reach2;
+            if (found >= m_minPts) return true;
+        }
+        return false;
+    }
+
+    std::uint32_t rootOf(std::uint32_t b) {
+        while (m_parent[b] != b)
+            b = m_parent[b] = m_parent[m_parent[b]];
+        return b;
+    }
+
+    void joinBoxes(std::size_t b, const Surroundings& rows) {
+        for (const BoxRange& row : rows)
+            for (std::size_t other = row.begin; other < std::min(row.end, b); ++other) {
+                const std::uint32_t here = rootOf(static_cast<std::uint32_t>(b));
+                const std::uint32_t there = rootOf(static_cast<std::uint32_t>(other));
+                if (here != there && haveClosePair(m_boxes[b], m_boxes[other]))
+                    m_parent[std::max(here, there)] = std::min(here, there);
+            }
+    }
+
+    bool haveClosePair(const Box& a, const Box& b) const {
+        for (std::size_t i = a.begin; i < a.end; ++i) {
+            if (!m_core[i]) continue;
+            const Position p = positionOf(i);
+            for (std::size_t j = b.begin; j < b.end; ++j)
+                if (m_core[j] && m_cells.squareDistance(j, p) <= m_reach2) return true;
+        }
+        return false;
+    }
+
+    /// Numbers the sets of boxes by their first core point in the order of the list.
+    void labelCorePoints(std::vector<int>& labels) {
+        std::vector<std::uint32_t> boxOf(labels.size(), 0);
+        for (std::size_t b = 0; b < m_boxes.size(); ++b)
+            for (std::size_t place = m_boxes[b].begin; place < m_boxes[b].end; ++place)
+                if (m_core[place]) boxOf[m_cells.index(place)] = static_cast<std::uint32_t>(b + 1);
+        m_number.assign(m_boxes.size(), 0);
+        int numbers = 0;
+        for (std::size_t i = 0; i < labels.size(); ++i) {
+            if (boxOf[i] == 0) continue;
+            int& number = m_number[rootOf(boxOf[i] - 1)];
+            if (number == 0) number = ++numbers;
+            labels[i] = number;
+        }
+        for (std::size_t b = 0; b < m_boxes.size(); ++b)
+            m_number[b] = m_number[rootOf(static_cast<std::uint32_t>(b))];
+    }
+
+    void labelBorderPoints(std::size_t b, const Surroundings& rows, std::vector<int>& labels) const {
+        for (std::size_t place = m_boxes[b].begin; place < m_boxes[b].end; ++place)
+            if (!m_core[place]) labels[m_cells.index(place)] = firstClusterNear(place, rows);
+    }
+
+    int firstClusterNear(std::size_t place, const Surroundings& rows) const {
+        const Position p = positionOf(place);
+        int first = 0;
+        for (const BoxRange& row : rows)
+            for (std::size_t b = row.begin; b < row.end; ++b) {
+                const int number = m_number[b];
+                if (number == 0 || (first != 0 && number >= first)) continue;
+                for (std::size_t other = m_boxes[b].begin; other < m_boxes[b].end; ++other)
+                    if (m_core[other] && m_cells.squareDistance(other, p) <= m_reach2) {
+                        first = number;
+                        break;
+                    }
+            }
+        return first;
+    }
+
+    const CellList& m_cells;
+    const std::vector<Box>& m_boxes;
+    double m_reach2;
+    std::size_t m_minPts;
+    std::vector<char> m_core;             // by place
+    std::vector<std::uint32_t> m_parent;  // sets of boxes joined by core points
+    std::vector<int> m_number;            // of each box' set
+};
+
+}  // namespace
+
+std::vector<int> densityLabels(const std::vector<ClusterPoint<double>*>& points, double eps, int minPts) {
+    const int dimension = points.front()->getDimension();
+    // The margin exceeds what rounding adds to a diagonal.
+    const double side = eps / std::sqrt(static_cast<double>(dimension)) * (1.0 - 1e-6);
+    const CellList cells(points.size(), side, [&](std::size_t i) -> Position {
+        const ClusterPoint<double>& p = *points[i];
+        return {p.getData(0), p.getData(1), p.getData(2)};
+    });
+    if (cells.side() > side) return {};
+    return Labeller(cells, eps, minPts).run(points.size());
+}
+
+}  // namespace VRK::detail

@@ -1,0 +1,121 @@
+#include "cellfinding/DBSCAN.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "PlainGrid.h"
+#include "support/RecordingLogObserver.h"
+
+namespace {
+
+using namespace testing_support;
+using TestPoint = ClusterPoint<double>;
+
+/// Grid, lists and their ownership for one clustering.
+struct Clustering {
+    std::vector<std::unique_ptr<TestPoint>> points;
+    std::unique_ptr<CubicGrid<TestPoint>> grid;
+    std::vector<Cluster<Point<double>>*> clusters;
+    std::vector<TestPoint*> noise;
+
+    explicit Clustering(const Cloud& cloud) {
+        std::vector<TestPoint*> pointers;
+        for (const Coordinates& c : cloud.points) {
+            points.push_back(
+                std::make_unique<TestPoint>(c.data(), static_cast<unsigned char>(c.size()), short(-1)));
+            pointers.push_back(points.back().get());
+        }
+        testing::internal::CaptureStdout();
+        grid =
+            std::make_unique<CubicGrid<TestPoint>>(&pointers, cloud.min.data(), cloud.max.data(), cloud.edge);
+        testing::internal::GetCapturedStdout();
+    }
+    ~Clustering() {
+        for (auto* cluster : clusters)
+            delete cluster;
+        for (auto* point : noise)
+            delete point;
+    }
+    std::vector<int> run(double eps, int minPts) {
+        DBSCAN::cluster(grid.get(), eps, minPts, &clusters, &noise);
+        std::vector<int> labels;
+        for (const TestPoint* point : *grid->getPoints())
+            labels.push_back(point->getClusterID());
+        return labels;
+    }
+};
+
+TEST(DBSCANTest, LabelsAsGrowingOneNeighbourhoodAfterTheOther) {
+    int atOnce = 0;
+    int clusters = 0;
+    for (unsigned seed = 0; seed < 90; ++seed) {
+        const Cloud cloud = randomCloud(seed);
+        const PlainGrid plain(cloud.points, cloud.min, cloud.max, cloud.edge);
+        for (const int minPts : {1, 3, 6, 15}) {
+            SCOPED_TRACE(testing::Message() << seed << ", at least " << minPts);
+            Clustering clustering(cloud);
+            const std::vector<int> labels = clustering.run(cloud.eps, minPts);
+            ASSERT_EQ(labels, plain.cluster(cloud.eps, static_cast<std::size_t>(minPts)));
+            atOnce += clustering.grid->coversRadius(cloud.eps);
+
+            std::vector<int> sizes;
+            for (int i = 0; i < static_cast<int>(clustering.clusters.size()); ++i) {
+                const auto* cluster = clustering.clusters[static_cast<std::size_t>(i)];
+                ASSERT_EQ(cluster->getClusterID(), i + 1);
+                ASSERT_EQ(cluster->getNumberOfPoints(), std::count(labels.begin(), labels.end(), i + 1));
+            }
+            ASSERT_EQ(static_cast<long>(clustering.noise.size()),
+                      std::count(labels.begin(), labels.end(), 0));
+            clusters += static_cast<int>(clustering.clusters.size());
+        }
+    }
+    EXPECT_GT(atOnce, 90);
+    EXPECT_LT(atOnce, 270);
+    EXPECT_GT(clusters, 1000);
+}
+
+TEST(DBSCANTest, LeavesABorderPointToTheFirstCluster) {
+    // Two groups of three around (0, 0) and (4, 0); the point at 2 is near to both and the core of none.
+    const Cloud cloud{
+        {{3.5, 1}, {4, 1}, {4.5, 1}, {2, 1}, {0.5, 1}, {0, 1}, {-0.5, 1}}, {-6, -6}, {6, 6}, 3, 0};
+    Clustering clustering(cloud);
+    const std::vector<int> labels = clustering.run(1.75, 4);
+    EXPECT_EQ(labels, (std::vector<int>{1, 1, 1, 1, 2, 2, 2}));
+}
+
+TEST(DBSCANTest, RefusesBadParameters) {
+    const Cloud cloud{{{1, 1, 1}}, {-6, -6, -6}, {6, 6, 6}, 3, 0};
+    const std::vector<TestPoint*> none;
+    CubicGrid<TestPoint> empty(&none, 3);
+    RecordingLogObserver log;
+    Clustering c(cloud);
+    auto* const clusters = &c.clusters;
+    auto* const noise = &c.noise;
+    c.run(1.0, 2);
+    ASSERT_EQ(noise->size(), 1U);
+    DBSCAN::cluster(nullptr, 1.0, 1, clusters, noise);
+    DBSCAN::cluster(c.grid.get(), 0.0, 1, clusters, noise);
+    DBSCAN::cluster(c.grid.get(), std::nan(""), 1, clusters, noise);
+    DBSCAN::cluster(c.grid.get(), 1.0, 0, clusters, noise);
+    DBSCAN::cluster(c.grid.get(), 1.0, 1, nullptr, noise);
+    DBSCAN::cluster(c.grid.get(), 1.0, 1, clusters, nullptr);
+    DBSCAN::cluster(&empty, 1.0, 1, clusters, noise);
+    EXPECT_EQ(log.count("Parameter for DBSCAN are not correct.", VRK::Error), 7);
+    EXPECT_EQ(noise->size(), 1U);
+}
+
+TEST(DBSCANTest, EndsWithTheLastLabelThatFits) {
+    Cloud cloud{{}, {0, 0}, {2000, 2000}, 3, 0};
+    for (int i = 0; i < 33000; ++i)
+        cloud.points.push_back({i % 200 * 10.0 + 5.0, i / 200 * 10.0 + 5.0});
+    RecordingLogObserver log;
+    Clustering clustering(cloud);
+    const std::vector<int> labels = clustering.run(1.0, 1);
+    EXPECT_TRUE(log.has("More clusters than labels", VRK::Error));
+    EXPECT_EQ(clustering.clusters.size(), 32767U);
+    EXPECT_EQ(std::count(labels.begin(), labels.end(), 0), 33000 - 32767);
+    EXPECT_EQ(*std::min_element(labels.begin(), labels.end()), 0);
+}
+
+}  // namespace
