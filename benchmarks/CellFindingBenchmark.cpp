@@ -1,8 +1,9 @@
 /// \file
 /// Difference vectors and their clustering.
 ///
-/// "bench_cell_finding --vectors FILE" clusters the vectors of a file of doubles (x, y, z), writes
-/// their labels beside it and prints the seconds: dbscan_vs_sklearn.py compares them with scikit-learn.
+/// dbscan_vs_sklearn.py compares the clustering with scikit-learn. For it "--make COUNT FILE" writes
+/// difference vectors as doubles (x, y, z); "--vectors FILE EPS MINPTS" clusters them, prints the seconds and
+/// writes the vectors in the grid's order with their labels to FILE.labels.
 #include <benchmark/benchmark.h>
 
 #include <chrono>
@@ -94,6 +95,10 @@ struct Clustering {
     std::vector<Cluster<Point<double>>*> clusters;
     Vectors noise;
 
+    explicit Clustering(const std::vector<double>& vectors) {
+        for (std::size_t i = 0; i < vectors.size(); i += 3)
+            points.push_back(std::make_unique<ClusterPoint<double>>(&vectors[i], 3, -1));
+    }
     ~Clustering() { clear(); }
     void clear() {
         for (auto* cluster : clusters)
@@ -116,7 +121,7 @@ struct Clustering {
 /// grows with the number, the density stays.
 std::vector<double> halfSpaceVectors(std::size_t count) {
     std::mt19937 random(7);
-    const double reach = 30.0 * std::cbrt(static_cast<double>(count) / 1e5);
+    const double reach = 60.0 * std::cbrt(static_cast<double>(count) / 1e5);
     std::uniform_real_distribution<> positive(0.0, reach);
     std::uniform_real_distribution<> any(-reach, reach);
     std::normal_distribution<> blur(0.0, 0.7);
@@ -133,15 +138,8 @@ std::vector<double> halfSpaceVectors(std::size_t count) {
     return vectors;
 }
 
-Clustering clusteringOf(const std::vector<double>& vectors) {
-    Clustering clustering;
-    for (std::size_t i = 0; i < vectors.size(); i += 3)
-        clustering.points.push_back(std::make_unique<ClusterPoint<double>>(&vectors[i], 3, -1));
-    return clustering;
-}
-
 void dbscan(benchmark::State& state) {
-    Clustering clustering = clusteringOf(halfSpaceVectors(static_cast<std::size_t>(state.range(0))));
+    Clustering clustering(halfSpaceVectors(static_cast<std::size_t>(state.range(0))));
     for (auto _ : state) {
         clustering.clear();
         clustering.run(3.0, 20);
@@ -150,13 +148,12 @@ void dbscan(benchmark::State& state) {
 }
 BENCHMARK(dbscan)->Arg(10000)->Arg(100000)->Arg(1000000)->Unit(benchmark::kMillisecond);
 
-/// Labels of the file's vectors in the order of the file, as 32-bit integers.
 int clusterFile(const std::string& path, double eps, int minPts) {
     std::ifstream in(path, std::ios::binary);
     std::vector<double> vectors;
     for (double x = 0.0; in.read(reinterpret_cast<char*>(&x), sizeof x);)
         vectors.push_back(x);
-    Clustering clustering = clusteringOf(vectors);
+    Clustering clustering(vectors);
     const auto start = std::chrono::steady_clock::now();
     clustering.run(eps, minPts);
     const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;

@@ -70,22 +70,26 @@ void neighboursByDistance(Grid& grid, const PointType& point, double eps, std::v
     std::stable_sort(out.begin(), out.end(), PointType::sortFunction);
 }
 
-/// Takes in, starting from the candidates, the points of whose neighbourhood the cluster owns more than
-/// \p share.
-void takeRimPoints(Grid& grid, std::deque<PointType*> candidates, double eps, short clusterID, double share) {
+/// Takes in the candidates (sorted, each once) that have less than the share \p most of their neighbours
+/// beyond the reach of the cluster. Neighbours of earlier clusters do not count.
+void takeRimPoints(Grid& grid, const std::vector<PointType*>& candidates, double eps, short clusterID,
+                   double most) {
     std::vector<PointType*> neighbours;
-    for (; !candidates.empty(); candidates.pop_front()) {
-        PointType* point = candidates.front();
-        if (point->getClusterID() > 0) continue;
+    std::vector<PointType*> taken;
+    for (PointType* point : candidates) {
         grid.getNeighborhood(point, eps, &neighbours);
-        const auto owned = std::count_if(neighbours.begin(), neighbours.end(), [clusterID](PointType* p) {
-            return p->getClusterID() == clusterID;
-        });
-        if (!(static_cast<double>(owned) > share * static_cast<double>(neighbours.size()))) continue;
-        point->setClusterID(clusterID);
-        std::copy_if(neighbours.begin(), neighbours.end(), std::back_inserter(candidates),
-                     [](PointType* p) { return p->getClusterID() <= 0; });
+        int counted = 0;
+        int beyond = 0;
+        for (PointType* neighbour : neighbours) {
+            const short label = neighbour->getClusterID();
+            if (label > 0 && label != clusterID) continue;
+            ++counted;
+            beyond += label <= 0 && !std::binary_search(candidates.begin(), candidates.end(), neighbour);
+        }
+        if (beyond < most * counted) taken.push_back(point);
     }
+    for (PointType* point : taken)
+        point->setClusterID(clusterID);
 }
 
 }  // namespace
@@ -164,8 +168,9 @@ bool DDSC::expand(CubicGrid<PointType>* grid, int pointIndex, double eps, int mi
         tested.clear();
         const auto inner = static_cast<std::size_t>(k4 * static_cast<double>(neighbours.size()));
         for (PointType* neighbour : std::span(neighbours).first(inner)) {
+            const int other = sizeOf(*grid, *neighbour, eps);
             const bool ofOthers = neighbour->getClusterID() > 0 && neighbour->getClusterID() != label;
-            if (!ofOthers && !step.isThinner(sizeOf(*grid, *neighbour, eps))) tested.push_back(neighbour);
+            if (step.isDenser(other) || (step.contains(other) && !ofOthers)) tested.push_back(neighbour);
         }
         const RecordedSteps steps(step, point, tested);
         return isHomogeneous(point, &tested, k1, k2, k3 * size, k4 * size);
@@ -191,6 +196,7 @@ bool DDSC::expand(CubicGrid<PointType>* grid, int pointIndex, double eps, int mi
     }
     std::sort(rim.begin(), rim.end());  // one block of memory: the order of the list
     rim.erase(std::unique(rim.begin(), rim.end()), rim.end());
-    if (takeRim) takeRimPoints(*grid, {rim.begin(), rim.end()}, eps, label, k4);
+    std::erase_if(rim, [](const PointType* point) { return point->getClusterID() > 0; });
+    if (takeRim) takeRimPoints(*grid, rim, eps, label, k3);
     return true;
 }

@@ -39,8 +39,9 @@ private:
 
     /// Grows a cluster from a point; false, with the point as noise, when it cannot start one. Core points
     /// (at least minPts neighbours, homogeneous) take in their neighbours of the cluster's density. With
-    /// \p takeRim the cluster then takes in the points whose neighbourhood belongs to it by more than k4:
-    /// its surface, and single points that happen to lie dense or thin.
+    /// \p takeRim the cluster then takes in, of the other neighbours of its core points, those that have
+    /// less than k3 of their neighbours out of its reach: its surface, and single points that happen to lie
+    /// dense or thin. A touching group of another density reaches on, so its points stay free.
     static bool expand(CubicGrid<PointType>* grid, int pointIndex, double eps, int minPts, int clusterID,
                        double k1, double k2, double k3, double k4, bool takeRim);
     /// Compares the recorded sizes t of the neighbours' neighbourhoods with s, that of \p point; those below
