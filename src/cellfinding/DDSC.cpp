@@ -176,7 +176,12 @@ bool DDSC::expand(CubicGrid<PointType>* grid, int pointIndex, double eps, int mi
         return isHomogeneous(point, &tested, k1, k2, k3 * size, k4 * size);
     };
 
-    if (clusterID > VRK::detail::kMostClusters || !isCore(start)) {
+    const auto isFree = [&] {
+        const auto owned = std::count_if(neighbours.begin(), neighbours.end(),
+                                         [](const PointType* p) { return p->getClusterID() > 0; });
+        return static_cast<double>(owned) < k3 * static_cast<double>(neighbours.size());
+    };
+    if (clusterID > VRK::detail::kMostClusters || !isCore(start) || !isFree()) {
         start->setClusterID(0);
         return false;
     }
