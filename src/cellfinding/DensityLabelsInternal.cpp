@@ -13,50 +13,71 @@ namespace {
 using Box = CellList::Box;
 using Position = CellList::Position;
 
-/// Boxes two steps away can hold neighbours, at both sides of the own row in y and z.
+/// Boxes up to two steps away can hold neighbours.
 constexpr int kSteps = 2;
-constexpr int kRowsPerPlane = 2 * kSteps + 1;
-constexpr int kRows = kRowsPerPlane * kRowsPerPlane;
+
+/// A row of boxes along x, counted from the box' own.
+struct Row {
+    int y;
+    int z;
+    bool isEarlier() const { return z < 0 || (z == 0 && y <= 0); }
+};
+
+constexpr std::size_t kRows = (2 * kSteps + 1) * (2 * kSteps + 1);
+
+/// Nearest first: most neighbours are found there.
+constexpr std::array<Row, kRows> rowsAround() {
+    std::array<Row, kRows> rows{};
+    std::size_t count = 0;
+    for (int distance = 0; distance <= 2 * kSteps * kSteps; ++distance)
+        for (int z = -kSteps; z <= kSteps; ++z)
+            for (int y = -kSteps; y <= kSteps; ++y)
+                if (y * y + z * z == distance) rows[count++] = {y, z};
+    return rows;
+}
+constexpr std::array<Row, kRows> kRowsAround = rowsAround();
 
 /// Boxes [begin, end) of the list.
 struct BoxRange {
     std::size_t begin = 0;
     std::size_t end = 0;
 };
-using Surroundings = std::array<BoxRange, kRows>;
 
-/// Calls visit(box, surroundings) for each box in order, where the surroundings are the boxes up to two
-/// steps away, row by row. Both ends of each row only move forward from box to box.
-template <typename Visit>
-void sweep(const std::vector<Box>& boxes, Visit visit) {
-    Surroundings rows{};
-    for (std::size_t b = 0; b < boxes.size(); ++b) {
-        const std::uint64_t key = boxes[b].key;
-        const std::int64_t cx = CellList::coordinate(key, 0);
-        const std::int64_t cy = CellList::coordinate(key, 1);
-        const std::int64_t cz = CellList::coordinate(key, 2);
-        for (int row = 0; row < kRows; ++row) {
-            BoxRange& range = rows[static_cast<std::size_t>(row)];
-            const std::int64_t y = cy + row % kRowsPerPlane - kSteps;
-            const std::int64_t z = cz + row / kRowsPerPlane - kSteps;
-            if (y < 0 || z < 0) {
-                range.begin = range.end;
-                continue;
-            }
-            const auto line =
-                CellList::keyOf(0, static_cast<std::uint64_t>(y), static_cast<std::uint64_t>(z));
-            const std::uint64_t first =
-                line + static_cast<std::uint64_t>(std::max<std::int64_t>(cx - kSteps, 0));
-            const std::uint64_t last = line + static_cast<std::uint64_t>(cx + kSteps);
-            while (range.begin < boxes.size() && boxes[range.begin].key < first)
-                ++range.begin;
-            range.end = std::max(range.begin, range.end);
-            while (range.end < boxes.size() && boxes[range.end].key <= last)
-                ++range.end;
-        }
-        visit(b, rows);
+/// The boxes up to two steps away from one box after the other, row by row. Both ends of each row only
+/// move forward, so all boxes together cost one pass per row.
+class Surroundings {
+public:
+    explicit Surroundings(const std::vector<Box>& boxes) : m_boxes(boxes) {}
+
+    /// \p box must not come before the one of the last call for this row.
+    BoxRange row(std::size_t r, const Box& box) {
+        BoxRange& range = m_ranges[r];
+        const std::int64_t y = CellList::coordinate(box.key, 1) + kRowsAround[r].y;
+        const std::int64_t z = CellList::coordinate(box.key, 2) + kRowsAround[r].z;
+        if (y < 0 || z < 0) return {};
+        const auto line = CellList::keyOf(0, static_cast<std::uint64_t>(y), static_cast<std::uint64_t>(z));
+        const std::int64_t x = CellList::coordinate(box.key, 0);
+        const std::uint64_t first = line + static_cast<std::uint64_t>(std::max<std::int64_t>(x - kSteps, 0));
+        const std::uint64_t last = line + static_cast<std::uint64_t>(x + kSteps);
+        while (range.begin < m_boxes.size() && m_boxes[range.begin].key < first)
+            ++range.begin;
+        range.end = std::max(range.begin, range.end);
+        while (range.end < m_boxes.size() && m_boxes[range.end].key <= last)
+            ++range.end;
+        return range;
     }
-}
+
+    std::array<BoxRange, kRows> all(const Box& box) {
+        std::array<BoxRange, kRows> rows;
+        for (std::size_t r = 0; r < kRows; ++r)
+            rows[r] = row(r, box);
+        return rows;
+    }
+
+private:
+    const std::vector<Box>& m_boxes;
+    std::array<BoxRange, kRows> m_ranges{};
+};
 
 class Labeller {
 public:
@@ -66,16 +87,17 @@ public:
           m_reach2(largestSquareWithin(eps)),
           m_minPts(static_cast<std::size_t>(minPts)),
           m_core(cells.size(), 0),
+          m_coreCount(cells.boxes().size(), 0),
           m_parent(cells.boxes().size()) {
         std::iota(m_parent.begin(), m_parent.end(), std::uint32_t(0));
     }
 
     std::vector<int> run(std::size_t count) {
-        sweep(m_boxes, [this](std::size_t b, const Surroundings& rows) { findCorePoints(b, rows); });
-        sweep(m_boxes, [this](std::size_t b, const Surroundings& rows) { joinBoxes(b, rows); });
+        findCorePoints();
+        joinBoxes();
         std::vector<int> labels(count, 0);
         labelCorePoints(labels);
-        sweep(m_boxes, [&](std::size_t b, const Surroundings& rows) { labelBorderPoints(b, rows, labels); });
+        labelBorderPoints(labels);
         return labels;
     }
 
@@ -85,21 +107,29 @@ private:
     }
     std::size_t sizeOf(const Box& box) const { return box.end - box.begin; }
 
-    void findCorePoints(std::size_t b, const Surroundings& rows) {
-        const Box& box = m_boxes[b];
-        if (sizeOf(box) >= m_minPts) {
-            std::fill(m_core.begin() + box.begin, m_core.begin() + box.end, char(1));
-            return;
+    void findCorePoints() {
+        Surroundings surroundings(m_boxes);
+        for (std::size_t b = 0; b < m_boxes.size(); ++b) {
+            const Box& box = m_boxes[b];
+            if (sizeOf(box) >= m_minPts) {
+                std::fill(m_core.begin() + box.begin, m_core.begin() + box.end, char(1));
+                m_coreCount[b] = box.end - box.begin;
+                continue;
+            }
+            const auto rows = surroundings.all(box);
+            std::size_t near = 0;
+            for (const BoxRange& row : rows)
+                if (row.begin < row.end) near += m_boxes[row.end - 1].end - m_boxes[row.begin].begin;
+            if (near < m_minPts) continue;
+            for (std::size_t place = box.begin; place < box.end; ++place)
+                if (hasEnoughNeighbours(place, rows)) {
+                    m_core[place] = 1;
+                    ++m_coreCount[b];
+                }
         }
-        std::size_t near = 0;
-        for (const BoxRange& row : rows)
-            if (row.begin < row.end) near += m_boxes[row.end - 1].end - m_boxes[row.begin].begin;
-        if (near < m_minPts) return;
-        for (std::size_t place = box.begin; place < box.end; ++place)
-            m_core[place] = hasEnoughNeighbours(place, rows);
     }
 
-    bool hasEnoughNeighbours(std::size_t place, const Surroundings& rows) const {
+    bool hasEnoughNeighbours(std::size_t place, const std::array<BoxRange, kRows>& rows) const {
         const Position p = positionOf(place);
         std::size_t found = 0;
         for (const BoxRange& row : rows) {
@@ -118,14 +148,24 @@ private:
         return b;
     }
 
-    void joinBoxes(std::size_t b, const Surroundings& rows) {
-        for (const BoxRange& row : rows)
-            for (std::size_t other = row.begin; other < std::min(row.end, b); ++other) {
-                const std::uint32_t here = rootOf(static_cast<std::uint32_t>(b));
-                const std::uint32_t there = rootOf(static_cast<std::uint32_t>(other));
-                if (here != there && haveClosePair(m_boxes[b], m_boxes[other]))
-                    m_parent[std::max(here, there)] = std::min(here, there);
+    void joinBoxes() {
+        Surroundings surroundings(m_boxes);
+        for (std::size_t b = 0; b < m_boxes.size(); ++b) {
+            if (m_coreCount[b] == 0) continue;
+            for (std::size_t r = 0; r < kRows; ++r) {
+                if (!kRowsAround[r].isEarlier()) continue;
+                const BoxRange row = surroundings.row(r, m_boxes[b]);
+                for (std::size_t other = row.begin; other < std::min(row.end, b); ++other)
+                    if (m_coreCount[other] > 0) join(b, other);
             }
+        }
+    }
+
+    void join(std::size_t a, std::size_t b) {
+        const std::uint32_t here = rootOf(static_cast<std::uint32_t>(a));
+        const std::uint32_t there = rootOf(static_cast<std::uint32_t>(b));
+        if (here != there && haveClosePair(m_boxes[a], m_boxes[b]))
+            m_parent[std::max(here, there)] = std::min(here, there);
     }
 
     bool haveClosePair(const Box& a, const Box& b) const {
@@ -156,12 +196,18 @@ private:
             m_number[b] = m_number[rootOf(static_cast<std::uint32_t>(b))];
     }
 
-    void labelBorderPoints(std::size_t b, const Surroundings& rows, std::vector<int>& labels) const {
-        for (std::size_t place = m_boxes[b].begin; place < m_boxes[b].end; ++place)
-            if (!m_core[place]) labels[m_cells.index(place)] = firstClusterNear(place, rows);
+    void labelBorderPoints(std::vector<int>& labels) const {
+        Surroundings surroundings(m_boxes);
+        for (std::size_t b = 0; b < m_boxes.size(); ++b) {
+            const Box& box = m_boxes[b];
+            if (m_coreCount[b] == sizeOf(box)) continue;
+            const auto rows = surroundings.all(box);
+            for (std::size_t place = box.begin; place < box.end; ++place)
+                if (!m_core[place]) labels[m_cells.index(place)] = firstClusterNear(place, rows);
+        }
     }
 
-    int firstClusterNear(std::size_t place, const Surroundings& rows) const {
+    int firstClusterNear(std::size_t place, const std::array<BoxRange, kRows>& rows) const {
         const Position p = positionOf(place);
         int first = 0;
         for (const BoxRange& row : rows)
@@ -181,9 +227,10 @@ private:
     const std::vector<Box>& m_boxes;
     double m_reach2;
     std::size_t m_minPts;
-    std::vector<char> m_core;             // by place
-    std::vector<std::uint32_t> m_parent;  // sets of boxes joined by core points
-    std::vector<int> m_number;            // of each box' set
+    std::vector<char> m_core;                // by place
+    std::vector<std::uint32_t> m_coreCount;  // by box
+    std::vector<std::uint32_t> m_parent;     // sets of boxes joined by core points
+    std::vector<int> m_number;               // of each box' set
 };
 
 }  // namespace
