@@ -97,32 +97,6 @@ TEST(FindReflexes, ManySeedsKeepTheirOrder) {
                     ASSERT_TRUE((*found)[next++]->isInside(x, y, z));
 }
 
-TEST(FindReflexes, SeedsHaveCoordinatesOfOneParity) {
-    struct Case {
-        unsigned x, y, z;
-        bool found;
-    };
-    for (const Case& c : {Case{0, 0, 0, true}, Case{1, 1, 1, true}, Case{2, 0, 2, true}, Case{1, 0, 0, false},
-                          Case{0, 1, 0, false}, Case{0, 1, 1, false}, Case{1, 1, 2, false}}) {
-        const auto volume = makeVolume({3, 3, 3});
-        setVoxel(*volume, c.x, c.y, c.z, 9);
-        Parameter parameter = unlimited();
-        EXPECT_EQ(search(*volume, parameter)->size(), c.found ? 1U : 0U) << c.x << c.y << c.z;
-    }
-}
-
-TEST(FindReflexes, SlicesThatAreNotSquareStayInsideTheirMemory) {
-    const auto volume = makeVolume({7, 3, 4}, std::vector<short>(84, 5));
-    Parameter parameter = unlimited();
-    const ReflexVectorPtr found = search(*volume, parameter);
-    ASSERT_EQ(found->size(), 1U);
-    auto& region = dynamic_cast<ReflexOnGrid&>(*found->front());
-    EXPECT_EQ(region.getNumberOfVoxels(), 84);
-    EXPECT_EQ(region.getWidth(), 3);
-    EXPECT_EQ(region.getHeight(), 7);
-    EXPECT_EQ(region.getDepth(), 4);
-}
-
 TEST(FindReflexes, ReportsProgressAndCancels) {
     const auto volume = makeVolume({4, 5, 3}, std::vector<short>(60, 5));
     Parameter parameter = unlimited();
@@ -138,22 +112,6 @@ TEST(FindReflexes, ReportsProgressAndCancels) {
     finder.registerObserver(&stopping);
     EXPECT_EQ(finder.findAllReflexes(volume.get(), &parameter, true, nullptr), nullptr);
     EXPECT_EQ(stopping.updates.size(), 2U);
-}
-
-TEST(FindReflexes, TracesUnlessQuietAndStoresTheTime) {
-    const auto volume = makeVolume({2, 2, 2});
-    Parameter parameter;
-    RecordingLogObserver log;
-    double seconds = -1.0;
-    ReflexVectorPtr(FindReflexes().findAllReflexes(volume.get(), &parameter, true, nullptr));
-    EXPECT_TRUE(log.messages.empty());
-    EXPECT_TRUE(
-        ReflexVectorPtr(FindReflexes().findAllReflexes(volume.get(), &parameter, false, &seconds))->empty());
-    EXPECT_GE(seconds, 0.0);
-    using Message = RecordingLogObserver::Message;
-    EXPECT_EQ(log.messages,
-              (std::vector<Message>{{">> FindReflexes::findAllReflexes", VRK::Debug, VRK::MethodControl},
-                                    {"<< FindReflexes::findAllReflexes", VRK::Debug, VRK::MethodControl}}));
 }
 
 TEST(FindReflexes, RefusesWhatItCannotSearch) {

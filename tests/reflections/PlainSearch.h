@@ -136,6 +136,12 @@ inline void expectSame(ReflexOnGrid& region, const PlainReflection& expected) {
             EXPECT_TRUE(ours == theirs || (std::isnan(ours) && std::isnan(theirs)))
                 << ours << " != " << theirs;
         }
+    double x = 0, y = 0, z = 0;
+    region.getCenter(x, y, z);
+    EXPECT_EQ(x, region.getCenter(0));
+    EXPECT_EQ(y, region.getCenter(1));
+    EXPECT_EQ(z, region.getCenter(2));
+    EXPECT_EQ(region.getCenter(0, 7), 0.0);
     EXPECT_EQ(region.getMaxValue(), expected.max);
     EXPECT_EQ(region.getMinValue(), expected.min);
     EXPECT_EQ(region.getIntensity(), double{expected.sum});

@@ -4,7 +4,6 @@
 
 #include <cmath>
 #include <limits>
-#include <queue>
 #include <random>
 
 #include "PlainSearch.h"
@@ -27,24 +26,13 @@ public:
 
 TEST(VolumeMath, NumbersVoxelsWithYFastest) {
     const auto volume = makeVolume({4, 3, 2});
-    EXPECT_EQ(VolumeMath::getIndex(volume.get(), 0, 1, 0), 1);
-    EXPECT_EQ(VolumeMath::getIndex(volume.get(), 1, 0, 0), 4);
-    EXPECT_EQ(VolumeMath::getIndex(volume.get(), 0, 0, 1), 12);
     EXPECT_EQ(VolumeMath::getIndex(volume.get(), 2, 3, 1), 23);
-    for (const auto& [x, y, z] : {PlainVoxel{3, 0, 0}, PlainVoxel{0, 4, 0}, PlainVoxel{0, 0, 2},
-                                  PlainVoxel{-1, 0, 0}, PlainVoxel{0, -1, 0}, PlainVoxel{0, 0, -1}})
-        EXPECT_EQ(VolumeMath::getIndex(volume.get(), x, y, z), -1);
+    EXPECT_EQ(VolumeMath::getIndex(volume.get(), 3, 0, 0), -1);
     for (int index = 0; index < 24; ++index) {
         int x = -1, y = -1, z = -1;
         VolumeMath::getCoordinates(volume.get(), index, x, y, z);
         EXPECT_EQ(VolumeMath::getIndex(volume.get(), x, y, z), index);
     }
-    setVoxel(*volume, 2, 3, 1, 77);
-    EXPECT_EQ(VolumeMath::getValue(volume.get(), 23), 77);
-    VolumeMath::setZeroCompareValue(77.0);
-    EXPECT_FALSE(VolumeMath::isZero(volume.get(), 23));
-    VolumeMath::setZeroCompareValue(77.01);
-    EXPECT_TRUE(VolumeMath::isZero(volume.get(), 23));
 }
 
 TEST(ReflexOnGrid, GrowsAloneAndMarksAllButTheStart) {
@@ -70,23 +58,6 @@ TEST(ReflexOnGrid, GrowsAloneAndMarksAllButTheStart) {
         for (int i = 0; i < count; ++i)
             EXPECT_EQ(flags[static_cast<std::size_t>(i)], (region.isInside(i) && i != start) || i == other);
     }
-}
-
-TEST(ReflexOnGrid, PlateauKeepsTheVoxelReachedFirst) {
-    const auto volume = makeVolume({5, 5, 5});
-    setVoxel(*volume, 2, 2, 2, 3);
-    setVoxel(*volume, 2, 2, 1, 8);  // reached fifth, of the neighbours
-    setVoxel(*volume, 3, 2, 2, 8);  // reached second
-    VolumeMath::setZeroCompareValue(1.0);
-    ReflexOnGrid region(2, 2, 2, volume.get(), false, nullptr);
-    EXPECT_EQ(region.getCenterOfGravityInX(), 3.0);
-    EXPECT_EQ(region.getCenterOfGravityInZ(), 2.0);
-    EXPECT_EQ(region.getNumberOfVoxels(), 3);
-    EXPECT_EQ(region.getCenter(0, 7), 0.0);
-    double x = 0, y = 0, z = 0;
-    region.getCenter(x, y, z);
-    EXPECT_EQ(x, 7.0 / 3);
-    EXPECT_EQ(z, 5.0 / 3);
 }
 
 TEST(ReflexOnGrid, StartsThatGrowNothing) {
@@ -142,25 +113,6 @@ TEST(ReflexOnGrid, DerivedClassAddsVoxelByVoxel) {
     EXPECT_EQ(region.getCenterOfGravity(2), 2.0);
     EXPECT_EQ(region.getWeightedCenterInY(), 12.0 / 8.0);
     EXPECT_EQ(std::distance(region.getBeginPoint(), region.getEndPoint()), 2);
-}
-
-TEST(ReflexOnGrid, PrintsToTheStandardOutputAndAnEmptyMessage) {
-    const auto volume = makeVolume({3, 3, 3});
-    setVoxel(*volume, 1, 2, 1, 12);
-    VolumeMath::setZeroCompareValue(1.0);
-    ReflexOnGrid region(1, 2, 1, volume.get(), false, nullptr);
-    RecordingLogObserver log;
-    testing::internal::CaptureStdout();
-    region.print();
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "---------- Information about reflection ----------\n"
-              "Max. value: 12\nMin value: 12\nWidth (in voxels): 1\nHieght (in voxels): 1\n"
-              "Depth (in voxels): 1\nVolume (in voxels): 1\nCenter of gravity: [1,2,1]\n"
-              "Arithmetical mean: [1,2,1]\nWeighted arithmetical mean: [12,24,12]\n"
-              "HKL: [2147483647,2147483647,2147483647]\nIntensity: 12\n"
-              "--------------------------------------------------\n");
-    EXPECT_EQ(log.messages,
-              (std::vector<RecordingLogObserver::Message>{{"", VRK::Normal, VRK::Information}}));
 }
 
 }  // namespace
