@@ -3,12 +3,13 @@
 #include <algorithm>
 #include <cmath>
 #include <fstream>
+#include <locale>
 #include <memory>
 #include <optional>
 #include <sstream>
 #include <vector>
 
-#include "foundation/VRKLogger.h"
+#include "foundation/LogInternal.h"
 
 namespace {
 
@@ -16,7 +17,7 @@ constexpr double kTolerance = 1e-3;
 constexpr std::streamoff kLargestFile = 1 << 20;
 
 double* refuse(const std::string& text) {
-    VRKLogger::getInstance()->log(text, VRK::Error, VRK::Information);
+    VRK::detail::log(text, VRK::Error);
     return nullptr;
 }
 

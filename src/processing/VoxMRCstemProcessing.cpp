@@ -9,11 +9,10 @@
 #include <opencv2/imgproc.hpp>
 #include <optional>
 #include <span>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 
-#include "foundation/VRKLogger.h"
+#include "foundation/LogInternal.h"
 #include "processing/BeamCentreInternal.h"
 #include "processing/FrameInternal.h"
 #include "processing/HotSpotsInternal.h"
@@ -27,22 +26,11 @@ namespace {
 
 using VRK::detail::BeamCentre;
 using VRK::detail::Frame;
+using VRK::detail::line;
+using VRK::detail::log;
 
 constexpr unsigned short kHistogramBins = 256;
 constexpr const char* kRule = " ---------------------------------------------------- ";
-
-void log(const std::string& text, VRK::MessageType type = VRK::Normal,
-         VRK::DebugMessageType debugType = VRK::Information) {
-    VRKLogger::getInstance()->log(text, type, debugType);
-}
-
-/// The parts of a line one after another.
-template <typename... Parts>
-std::string line(const Parts&... parts) {
-    std::ostringstream text;
-    (text << ... << parts);
-    return text.str();
-}
 
 /// What keeps a series from being processed, nothing when it can be.
 std::optional<std::string> problemOf(const VoxMRCData* series) {

@@ -11,30 +11,27 @@
 
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "cellfinding/Parameter.h"
-#include "foundation/VRKLogger.h"
+#include "foundation/LogInternal.h"
 #include "reflections/ReflexOnGrid.h"
 #include "reflections/RegionGrowerInternal.h"
 #include "reflections/VolumeMath.h"
 
+using VRK::detail::log;
 using VRK::detail::Region;
 using VRK::detail::RegionGrower;
 using VRK::detail::VoxelGrid;
 
 namespace {
 
-void logError(const std::string& text) {
-    VRKLogger::getInstance()->log(text, VRK::Error, VRK::Information);
-}
-
 /// Says in the log why a volume cannot be searched.
 bool searchable(const VoxMRCData& volume, const VoxelGrid& grid) {
     if (grid.voxelCount() > std::numeric_limits<int>::max()) {
-        logError(
-            "FindReflexes: the volume has more voxels than a reflection can number (2147483647); bin it.");
+        log("FindReflexes: the volume has more voxels than a reflection can number (2147483647); bin it.",
+            VRK::Error);
         return false;
     }
     if (grid.voxelCount() == 0 && volume.GetDataSize() != 0) {
-        logError("FindReflexes: the volume is not stored by slice in three dimensions.");
+        log("FindReflexes: the volume is not stored by slice in three dimensions.", VRK::Error);
         return false;
     }
     return true;
@@ -121,18 +118,17 @@ void dropByDistance(const VoxMRCData& volume, const Parameter& parameter, Reflex
 
 ReflexVector* FindReflexes::findAllReflexes(VoxMRCData* volume, Parameter* parameter, bool quiet,
                                             double* seconds) {
-    VRKLogger* logger = VRKLogger::getInstance();
-    if (!quiet) logger->log(">> FindReflexes::findAllReflexes", VRK::Debug, VRK::MethodControl);
+    if (!quiet) log(">> FindReflexes::findAllReflexes", VRK::Debug, VRK::MethodControl);
     const std::time_t start = std::time(nullptr);
     ReflexVector* reflexes = findAllReflexes(volume, parameter);
     if (seconds) *seconds = std::difftime(std::time(nullptr), start);
-    if (!quiet) logger->log("<< FindReflexes::findAllReflexes", VRK::Debug, VRK::MethodControl);
+    if (!quiet) log("<< FindReflexes::findAllReflexes", VRK::Debug, VRK::MethodControl);
     return reflexes;
 }
 
 ReflexVector* FindReflexes::findAllReflexes(VoxMRCData* volume, Parameter* parameter) {
     if (!volume || !parameter) {
-        logError("FindReflexes: no volume or no parameters to search with.");
+        log("FindReflexes: no volume or no parameters to search with.", VRK::Error);
         return nullptr;
     }
     const VoxelGrid grid(volume);
@@ -143,7 +139,7 @@ ReflexVector* FindReflexes::findAllReflexes(VoxMRCData* volume, Parameter* param
     VolumeMath::setZeroCompareValue(parameter->getThreshold());
     ReflexVectorPtr found(new ReflexVector);
     if (!collectRegions(*volume, *parameter, *found)) {
-        VRKLogger::getInstance()->log("findAllReflexes() canceled ...", VRK::Normal, VRK::Information);
+        log("findAllReflexes() canceled ...");
         return nullptr;
     }
     dropByDistance(*volume, *parameter, *found);

@@ -8,20 +8,17 @@
 #include <fstream>
 #include <limits>
 #include <locale>
-#include <sstream>
 #include <string_view>
 
-#include "foundation/VRKLogger.h"
+#include "foundation/LogInternal.h"
 #include "foundation/Version.h"
 #include "reflections/ReflexVector.h"
 
 namespace {
 
-constexpr std::string_view kVersionMark = "#VRKPEAKSVERSION 2";
+using VRK::detail::log;
 
-void log(const std::string& text, VRK::MessageType type) {
-    VRKLogger::getInstance()->log(text, type, VRK::Information);
-}
+constexpr std::string_view kVersionMark = "#VRKPEAKSVERSION 2";
 
 /// Reads lines of at most 255 characters. Once a line was longer or missing, all that follow are empty.
 class LineReader {
@@ -157,7 +154,7 @@ bool PeakFileImportExport::loadPeakFile(const std::string& path, ReflexVector* r
         log("Unkown peak file format", VRK::Error);
         return false;
     }
-    VRKLogger::getInstance()->log("peak file has format version 2", VRK::Debug, VRK::Information);
+    log("peak file has format version 2", VRK::Debug);
     return loadPeakFile_version_2(path, reflexes);
 }
 

@@ -5,18 +5,15 @@
 #include <cstddef>
 #include <numbers>
 #include <span>
-#include <sstream>
 #include <string>
 
 #include "cellfinding/ClusterPoint.h"
-#include "foundation/VRKLogger.h"
+#include "foundation/LogInternal.h"
 
 namespace {
 
-void log(const std::string& text, VRK::MessageType type = VRK::Normal,
-         VRK::DebugMessageType debugType = VRK::Information) {
-    VRKLogger::getInstance()->log(text, type, debugType);
-}
+using VRK::detail::line;
+using VRK::detail::log;
 
 /// Number of an interval, -1 for an angle that lies in none.
 int binOf(double angle, double width, int bins) {
@@ -26,12 +23,10 @@ int binOf(double angle, double width, int bins) {
 }
 
 void logAddressError(double phi, double theta, int phiAddress, int thetaAddress, int nPhi, int nTheta) {
-    std::ostringstream text;
-    text << "VRKSphericalProjection::getSphericalHistoImage: a difference vector has no bin:"
-         << " azimut_phi " << phi << " polar_theta " << theta << " phi_address " << phiAddress
-         << " theta_address " << thetaAddress << " (image address range 0-" << nPhi - 1 << ", 0-"
-         << nTheta - 1 << ")";
-    log(text.str(), VRK::Error);
+    log(line("VRKSphericalProjection::getSphericalHistoImage: a difference vector has no bin: azimut_phi ",
+             phi, " polar_theta ", theta, " phi_address ", phiAddress, " theta_address ", thetaAddress,
+             " (image address range 0-", nPhi - 1, ", 0-", nTheta - 1, ")"),
+        VRK::Error);
 }
 
 double varianceOf(std::span<const int> counts) {

@@ -14,30 +14,23 @@
 #include <fstream>
 #include <limits>
 #include <new>
-#include <sstream>
 #include <vector>
 
 #include "VoxCore/DataModel/ValueCountsInternal.h"
 #include "VoxCore/DataModel/VoxHistogram.h"
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "VoxCore/IO/MRCRecordsInternal.h"
-#include "foundation/VRKLogger.h"
+#include "foundation/LogInternal.h"
 
 using VRK::detail::kMainHeaderBytes;
 using VRK::detail::kSliceRecordBytes;
+using VRK::detail::line;
 
 namespace {
 
 /// A header may announce at most this many times the data that its file holds.
 constexpr std::uint64_t kMostDataPerByte = 16;
 constexpr unsigned short kHistogramBins = 256;
-
-template <class... Parts>
-std::string text(const Parts&... parts) {
-    std::ostringstream out;
-    (out << ... << parts);
-    return out.str();
-}
 
 std::uint64_t sliceBytes(const mrcH& header) {
     return 2 * static_cast<std::uint64_t>(header.nx) * static_cast<std::uint64_t>(header.ny);
@@ -59,28 +52,28 @@ std::uint64_t recordBytes(const mrcH& header) {
 /// Empty when the sizes of the data are possible.
 std::string wrongWithSizes(const mrcH& h) {
     if (h.nx < 1 || h.ny < 1 || h.nz < 1)
-        return text("the header announces ", h.nx, " x ", h.ny, " x ", h.nz,
+        return line("the header announces ", h.nx, " x ", h.ny, " x ", h.nz,
                     " voxels; it is damaged or belongs to another format");
     const std::uint64_t most = std::numeric_limits<std::uint32_t>::max();
     const std::uint64_t area = sliceBytes(h) / 2;
     if (area > most || static_cast<std::uint64_t>(h.nz) > most / area)
-        return text("the header announces ", h.nx, " x ", h.ny, " x ", h.nz,
+        return line("the header announces ", h.nx, " x ", h.ny, " x ", h.nz,
                     " voxels, more than a data set holds (", most, "); bin the series or check the header");
     return {};
 }
 
 /// Empty when the extended header can be read.
 std::string wrongWithExtendedHeader(const mrcH& h, std::uint64_t fileLength) {
-    if (h.next < 0) return text("the size of its extended header is negative (next = ", h.next, ")");
+    if (h.next < 0) return line("the size of its extended header is negative (next = ", h.next, ")");
     if (h.next == 0) return {};
     if (dataStart(h) > fileLength)
-        return text("its extended header of ", h.next, " bytes reaches beyond the end of the file (",
+        return line("its extended header of ", h.next, " bytes reaches beyond the end of the file (",
                     fileLength, " bytes); the file was cut or the header is damaged");
     if (h.nz > mrcH::kMaxSlices)
-        return text("it has ", h.nz, " slices; a series may have ", mrcH::kMaxSlices,
+        return line("it has ", h.nz, " slices; a series may have ", mrcH::kMaxSlices,
                     ": sum neighbouring patterns to stay within that");
     if (static_cast<std::uint64_t>(h.next) < recordBytes(h))
-        return text("its extended header of ", h.next, " bytes has no room for ", h.nz, " slice records of ",
+        return line("its extended header of ", h.next, " bytes has no room for ", h.nz, " slice records of ",
                     kSliceRecordBytes, " bytes; convert the file first");
     return {};
 }
@@ -166,12 +159,12 @@ VoxMRCData* VoxMRCFileHandler::readMRCFile(const std::string& path) {
     data->m_Header = *header;
     data->print_MRCHeader();
     trace("### DEBUG VoxArray infos: ### ");
-    trace(text("   DataSize: ", data->GetDataSize()));
-    trace(text("  Depth: ", data->GetDepth()));
-    trace(text("  Height: ", data->GetHeight()));
-    trace(text("   Width: ", data->GetWidth()));
-    trace(text("  ChunkCount: ", data->GetChunkCount()));
-    trace(text("   ChunkSize: ", data->GetChunkSize()));
+    trace(line("   DataSize: ", data->GetDataSize()));
+    trace(line("  Depth: ", data->GetDepth()));
+    trace(line("  Height: ", data->GetHeight()));
+    trace(line("   Width: ", data->GetWidth()));
+    trace(line("  ChunkCount: ", data->GetChunkCount()));
+    trace(line("   ChunkSize: ", data->GetChunkSize()));
     trace("### END ### ");
 
     VRK::detail::ValueCounts counts;
@@ -183,7 +176,7 @@ VoxMRCData* VoxMRCFileHandler::readMRCFile(const std::string& path) {
     const auto count = [&](int, std::span<const short> values) { counts.add(values); };
     if (!readSlices(*file, *header, chunk, count)) return nullptr;
 
-    log(text(" Volume: Min value: ", std::min<short>(counts.minimum(), 10000),
+    log(line(" Volume: Min value: ", std::min<short>(counts.minimum(), 10000),
              "  max value: ", std::max<short>(counts.maximum(), 0)));
     log(" Create histogram on data ... ");
     auto histogram = std::make_unique<VoxHistogram<short>>(data.get(), kHistogramBins, std::vector<short>());
@@ -191,14 +184,14 @@ VoxMRCData* VoxMRCFileHandler::readMRCFile(const std::string& path) {
     data->m_Histogram = histogram.release();
     log(" ... done.");
     reportByteCount(*header);
-    log(text("VoxMRCFileHandler:readMRCFile() Completed in ", std::time(nullptr) - start, " sec."));
+    log(line("VoxMRCFileHandler:readMRCFile() Completed in ", std::time(nullptr) - start, " sec."));
     return data.release();
 }
 
 mrcH* VoxMRCFileHandler::readMRCFile_onlyHeader(const std::string& path) {
     const std::unique_ptr<std::ifstream> file = openToRead(path);
     if (!file) return nullptr;
-    trace(text(" actual stream pos:", file->tellg()));
+    trace(line(" actual stream pos:", file->tellg()));
     return readMRCHeader(file.get());
 }
 
@@ -218,7 +211,7 @@ std::unique_ptr<std::ifstream> VoxMRCFileHandler::openToRead(const std::string& 
     }
     m_fileLength = static_cast<std::uint64_t>(file->tellg());
     file->seekg(0);
-    log(text(" file length: ", m_fileLength));
+    log(line(" file length: ", m_fileLength));
     return file;
 }
 
@@ -233,11 +226,11 @@ std::unique_ptr<mrcH> VoxMRCFileHandler::openSeries(const std::string& path,
     const std::uint64_t present = m_fileLength - dataStart(*header);
     const std::uint64_t announced = dataEnd(*header) - dataStart(*header);
     if (present == 0) {
-        refuse(text("it has a header but no data (", announced, " bytes announced); the file was cut"));
+        refuse(line("it has a header but no data (", announced, " bytes announced); the file was cut"));
         return nullptr;
     }
     if (announced / kMostDataPerByte > present) {
-        refuse(text("its header announces ", header->nx, " x ", header->ny, " x ", header->nz, " voxels, ",
+        refuse(line("its header announces ", header->nx, " x ", header->ny, " x ", header->nz, " voxels, ",
                     announced, " bytes, but only ", present,
                     " follow; the file was cut, is packed or belongs to another format"));
         return nullptr;
@@ -252,12 +245,12 @@ mrcH* VoxMRCFileHandler::readMRCHeader(std::ifstream* file) {
     log(" Read MRC header ...");
     std::array<char, kMainHeaderBytes> bytes{};
     if (!file->read(bytes.data(), bytes.size())) {
-        refuse(text("it has ", m_fileLength, " bytes, less than the ", kMainHeaderBytes,
+        refuse(line("it has ", m_fileLength, " bytes, less than the ", kMainHeaderBytes,
                     " of an MRC header; it is empty, was cut or is no MRC file"));
         return nullptr;
     }
     VRK::detail::decodeMainHeader(bytes, *header);
-    trace(text(" actual stream pos:", file->tellg()));
+    trace(line(" actual stream pos:", file->tellg()));
     std::string wrong = wrongWithSizes(*header);
     if (wrong.empty()) wrong = wrongWithExtendedHeader(*header, m_fileLength);
     if (!wrong.empty()) {
@@ -270,19 +263,19 @@ mrcH* VoxMRCFileHandler::readMRCHeader(std::ifstream* file) {
     } else {
         header->m_pixelsize = header->xlen / static_cast<float>(header->nx);
     }
-    log(text("MRCHeader->m_pixelsize was set to", header->m_pixelsize));
+    log(line("MRCHeader->m_pixelsize was set to", header->m_pixelsize));
     log("... MRC header read into.");
     const float first = header->tilt(0);
     const float last = header->tilt(header->nz - 1);
-    log(text(" tilting from", first, " to", last));
+    log(line(" tilting from", first, " to", last));
     header->type = first == 0 && last == 0 ? MRCType::MRCVOLUME : MRCType::TILT_SERIES;
-    log(text("###### MRC file TYPE:", static_cast<int>(header->type)));
+    log(line("###### MRC file TYPE:", static_cast<int>(header->type)));
     return header.release();
 }
 
 bool VoxMRCFileHandler::readExtendedHeader(std::ifstream& file, mrcH& header) {
     log(" Read extended header ...");
-    log(text("   next value is", header.next));
+    log(line("   next value is", header.next));
     // The rest behind the records holds nothing; the records alone are at most 300 x 144 bytes.
     const std::size_t records = recordBytes(header);
     const std::uint64_t rest = static_cast<std::uint64_t>(header.next) - records;
@@ -293,11 +286,11 @@ bool VoxMRCFileHandler::readExtendedHeader(std::ifstream& file, mrcH& header) {
     }
     if (header.next % static_cast<int>(kSliceRecordBytes) != 0) {
         if (has128ByteRecords(bytes, header)) {
-            refuse(text("the slice records of its extended header have 128 bytes, not ", kSliceRecordBytes,
+            refuse(line("the slice records of its extended header have 128 bytes, not ", kSliceRecordBytes,
                         "; convert the file first"));
             return false;
         }
-        m_logger->log(text(m_path, ": the extended header of ", header.next, " bytes is no whole number of ",
+        m_logger->log(line(m_path, ": the extended header of ", header.next, " bytes is no whole number of ",
                            kSliceRecordBytes, "-byte slice records; check the tilt angles"),
                       VRK::Warning);
     }
@@ -306,13 +299,13 @@ bool VoxMRCFileHandler::readExtendedHeader(std::ifstream& file, mrcH& header) {
             std::span<const char>(bytes).subspan(static_cast<std::size_t>(z) * kSliceRecordBytes);
         VRK::detail::decodeSliceRecord(record.first<kSliceRecordBytes>(), header, z);
         m_logger->log(
-            text("   stream pos:", kMainHeaderBytes + static_cast<std::size_t>(z + 1) * kSliceRecordBytes),
+            line("   stream pos:", kMainHeaderBytes + static_cast<std::size_t>(z + 1) * kSliceRecordBytes),
             VRK::Debug, VRK::LoopControl);
     }
     header.m_pixelsize = checkPixelSizeInImages(&header);
-    trace(text("   emtyExHeader size is", rest));
+    trace(line("   emtyExHeader size is", rest));
     file.seekg(static_cast<std::streamoff>(dataStart(header)));
-    trace(text("   seek to end of extended header:", file.tellg()));
+    trace(line("   seek to end of extended header:", file.tellg()));
     return true;
 }
 
@@ -349,18 +342,18 @@ bool VoxMRCFileHandler::readSlices(std::ifstream& file, const mrcH& header, cons
 
 void VoxMRCFileHandler::reportByteCount(const mrcH& header) {
     const std::uint64_t end = dataEnd(header);
-    log(text(" stream end pos: ", end));
-    log(text(" file length   : ", m_fileLength));
+    log(line(" stream end pos: ", end));
+    log(line(" file length   : ", m_fileLength));
     if (end == m_fileLength) {
         log(" Byte count correkt.");
         return;
     }
     error(" ERROR: Byte count incorrekt!!!");
     if (end < m_fileLength)
-        m_logger->log(text(m_path, ": ", m_fileLength - end, " bytes behind the data were not read"),
+        m_logger->log(line(m_path, ": ", m_fileLength - end, " bytes behind the data were not read"),
                       VRK::Warning);
     else
-        m_logger->log(text(m_path, ": the file is cut in slice ",
+        m_logger->log(line(m_path, ": the file is cut in slice ",
                            (m_fileLength - dataStart(header)) / sliceBytes(header), " of 0 ... ",
                            header.nz - 1, "; the missing voxels were set to 0"),
                       VRK::Warning);
@@ -389,7 +382,7 @@ bool VoxMRCFileHandler::writeSlices(const std::string& path, mrcH header, const 
     log(" --------------------  write MRC file --------------- ");
     log(path);
     if (header.type == MRCType::TILT_SERIES && header.next > 0 && header.nz > mrcH::kMaxSlices) {
-        refuse(text("a series of ", header.nz, " slices cannot be written; ", mrcH::kMaxSlices,
+        refuse(line("a series of ", header.nz, " slices cannot be written; ", mrcH::kMaxSlices,
                     " are possible"));
         return false;
     }
@@ -428,11 +421,11 @@ bool VoxMRCFileHandler::writeSlices(const std::string& path, mrcH header, const 
     }
     if (written) file.close();
     if (!written || !file) {
-        refuse(text("could not be written to the end (", std::strerror(errno),
+        refuse(line("could not be written to the end (", std::strerror(errno),
                     "); free space or name another place"));
         return false;
     }
-    log(text("VoxMRCFileHandler:writeMRCFile() Completed in ", std::time(nullptr) - start, " sec."));
+    log(line("VoxMRCFileHandler:writeMRCFile() Completed in ", std::time(nullptr) - start, " sec."));
     return true;
 }
 
@@ -442,7 +435,7 @@ bool VoxMRCFileHandler::writeMRCHeader(mrcH* header, std::ofstream* file) {
     std::array<char, kMainHeaderBytes> bytes{};
     VRK::detail::encodeMainHeader(*header, bytes);
     file->write(bytes.data(), bytes.size());
-    log(text("   next value is", header->next, "  AND type =", static_cast<int>(header->type)));
+    log(line("   next value is", header->next, "  AND type =", static_cast<int>(header->type)));
     if (header->type == MRCType::TILT_SERIES && header->next > 0) {
         log(" write EXTENDED MRC-Header ...");
         std::array<char, kSliceRecordBytes> record{};
@@ -451,9 +444,9 @@ bool VoxMRCFileHandler::writeMRCHeader(mrcH* header, std::ofstream* file) {
             file->write(record.data(), record.size());
         }
         const std::uint64_t rest = static_cast<std::uint64_t>(header->next) - recordBytes(*header);
-        trace(text("   emtyExHeader size is", rest, " (check:", file->tellp(), ")"));
+        trace(line("   emtyExHeader size is", rest, " (check:", file->tellp(), ")"));
         writeZeros(*file, rest);
-        trace(text("   seek to end of extended header:", file->tellp()));
+        trace(line("   seek to end of extended header:", file->tellp()));
     }
     log("... MRC header written.");
     return file->good();
@@ -466,16 +459,16 @@ void VoxMRCFileHandler::failAllocation() {
     throw std::bad_alloc();
 }
 
-void VoxMRCFileHandler::log(const std::string& line) {
-    m_logger->log(line);
+void VoxMRCFileHandler::log(const std::string& text) {
+    m_logger->log(text);
 }
 
-void VoxMRCFileHandler::trace(const std::string& line) {
-    m_logger->log(line, VRK::Debug);
+void VoxMRCFileHandler::trace(const std::string& text) {
+    m_logger->log(text, VRK::Debug);
 }
 
-void VoxMRCFileHandler::error(const std::string& line) {
-    m_logger->log(line, VRK::Error);
+void VoxMRCFileHandler::error(const std::string& text) {
+    m_logger->log(text, VRK::Error);
 }
 
 void VoxMRCFileHandler::refuse(const std::string& reason) {
