@@ -421,7 +421,7 @@ VoxMRCData* VoxMRCstemProcessing::recoByAngle(VoxMRCData* input, double fineCali
     log(kRule);
     log(" ----  reco MRC file : tilt series to 3d-volume ----- ");
     log(kRule);
-    log(line(" input tilts from", tilts.front(), " to  ", tilts.back()));
+    log(line(" input tilts from ", tilts.front(), " to  ", tilts.back()));
     problem = problemOf(tilts);
     const unsigned depth = problem ? 0 : SamplingGeometry::depthOf(width, tilts);
     if (!problem && depth == 0) problem = "all tilt angles are 0; give the series its tilt angles";
