@@ -103,6 +103,7 @@ TEST(Reconstruction, GivesTheVolumeItsHeader) {
     const auto input = toData(series);
     RecordingLogObserver log;
     const std::unique_ptr<VoxMRCData> coarse(VoxMRCstemProcessing().recoByAngle(input.get(), 0, 0, false));
+    EXPECT_TRUE(log.has(" input tilts from -60 to  60", VRK::Normal));
     EXPECT_TRUE(log.has("No fine calibration useable.", VRK::Warning));
     EXPECT_FLOAT_EQ(coarse->m_Header.m_pixelsize, 1e8F);
     EXPECT_EQ(coarse->m_Header.type, MRCType::MRCVOLUME);
