@@ -20,6 +20,10 @@ constexpr int kSteps = 2;
 struct Row {
     int y;
     int z;
+    std::int64_t keyStep() const {
+        return (std::int64_t(z) * (std::int64_t(1) << CellList::kBits) + y) *
+               (std::int64_t(1) << CellList::kBits);
+    }
     bool isEarlier() const { return z < 0 || (z == 0 && y <= 0); }
 };
 
@@ -52,17 +56,14 @@ public:
     /// \p box must not come before the one of the last call for this row.
     BoxRange row(std::size_t r, const Box& box) {
         BoxRange& range = m_ranges[r];
-        const std::int64_t y = CellList::coordinate(box.key, 1) + kRowsAround[r].y;
-        const std::int64_t z = CellList::coordinate(box.key, 2) + kRowsAround[r].z;
-        if (y < 0 || z < 0) return {};
-        const auto line = CellList::keyOf(0, static_cast<std::uint64_t>(y), static_cast<std::uint64_t>(z));
-        const std::int64_t x = CellList::coordinate(box.key, 0);
-        const std::uint64_t first = line + static_cast<std::uint64_t>(std::max<std::int64_t>(x - kSteps, 0));
-        const std::uint64_t last = line + static_cast<std::uint64_t>(x + kSteps);
-        while (range.begin < m_boxes.size() && m_boxes[range.begin].key < first)
+        // Below coordinate 0 this borrows from the next one and lands where no box is: boxes use half of
+        // the range of a coordinate.
+        const std::int64_t first = static_cast<std::int64_t>(box.key) + kRowsAround[r].keyStep() - kSteps;
+        const std::int64_t last = first + 2 * kSteps;
+        while (range.begin < m_boxes.size() && keyAt(range.begin) < first)
             ++range.begin;
         range.end = std::max(range.begin, range.end);
-        while (range.end < m_boxes.size() && m_boxes[range.end].key <= last)
+        while (range.end < m_boxes.size() && keyAt(range.end) <= last)
             ++range.end;
         return range;
     }
@@ -75,6 +76,8 @@ public:
     }
 
 private:
+    std::int64_t keyAt(std::size_t b) const { return static_cast<std::int64_t>(m_boxes[b].key); }
+
     const std::vector<Box>& m_boxes;
     std::array<BoxRange, kRows> m_ranges{};
 };
