@@ -78,7 +78,7 @@ Operation rotationBy37 = [](VoxMRCstemProcessing& p, VoxMRCData* s) {
 
 }  // namespace
 
-TEST(Preprocessing, EveryOperationKeepsItsInputRefusesNothingAndCanBeCanceled) {
+TEST(Preprocessing, EveryOperationKeepsItsInputRefusesNoDataAndCanBeCanceled) {
     simulated::PatternSettings settings;
     settings.size = 64;
     const Data series = makeSeries(64, 64, {-10, 0, 10});
