@@ -1,25 +1,14 @@
-#include <fstream>
 #include <memory>
 #include <sstream>
 
 #include "Commands.h"
 #include "Failure.h"
-#include "OutputFile.h"
 #include "Pictures.h"
 #include "RunPipeline.h"
 #include "RunSummary.h"
 
 namespace host {
 namespace {
-
-void writeSummary(const std::filesystem::path& path, const nlohmann::ordered_json& summary) {
-    OutputFile file(path);
-    std::ofstream stream(file.path());
-    stream << summary.dump(2) << '\n';
-    stream.close();
-    if (!stream) throw Failure("cannot write " + path.string() + "; check the free space");
-    file.commit();
-}
 
 void run(const RunOptions& options, const std::string& given, Host& host) {
     makeFolder(options.folder);

@@ -9,17 +9,19 @@
 
 namespace host {
 
-void addInfoCommand(CLI::App& app, Host& host);
-void addCellInfoCommand(CLI::App& app, Host& host);
-void addImportCommand(CLI::App& app, Host& host);
-void addTiltAxisCommand(CLI::App& app, Host& host);
 void addRunCommand(CLI::App& app, Host& host);
-void addSectionsCommand(CLI::App& app, Host& host);
+void addImportCommand(CLI::App& app, Host& host);
+void addInfoCommand(CLI::App& app, Host& host);
 void addPreprocessCommand(CLI::App& app, Host& host);
+void addTiltAxisCommand(CLI::App& app, Host& host);
 void addReconstructCommand(CLI::App& app, Host& host);
 void addPeaksCommand(CLI::App& app, Host& host);
 void addCellCommand(CLI::App& app, Host& host);
 void addIndexCommand(CLI::App& app, Host& host);
+void addSectionsCommand(CLI::App& app, Host& host);
+void addCellInfoCommand(CLI::App& app, Host& host);
 void addSimulateCommand(CLI::App& app, Host& host);
+void addDemoCommand(CLI::App& app, Host& host);
+void addCompletionCommand(CLI::App& app, Host& host);
 
 }  // namespace host

@@ -4,7 +4,11 @@
 
 #include <cmath>
 #include <cstdio>
+#include <fstream>
 #include <string>
+
+#include "Failure.h"
+#include "OutputFile.h"
 
 namespace host {
 namespace {
@@ -142,6 +146,15 @@ Json summaryJson(const RunOptions& options, const RunResult& result, const Host&
     json["peak_memory_mib"] = peakMemory();
     json["warnings"] = host.warnings();
     return json;
+}
+
+void writeSummary(const std::filesystem::path& path, const Json& summary) {
+    OutputFile file(path);
+    std::ofstream stream(file.path());
+    stream << summary.dump(2) << '\n';
+    stream.close();
+    if (!stream) throw Failure("cannot write " + path.string() + "; check the free space");
+    file.commit();
 }
 
 void printSummary(std::ostream& out, const RunResult& result) {

@@ -3,6 +3,7 @@
 /// (docs/summary-json.md).
 #pragma once
 
+#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <ostream>
 
@@ -11,6 +12,9 @@
 namespace host {
 
 nlohmann::ordered_json summaryJson(const RunOptions& options, const RunResult& result, const Host& host);
+
+/// Throws Failure when the file cannot be written.
+void writeSummary(const std::filesystem::path& path, const nlohmann::ordered_json& summary);
 
 /// The short table on the standard output.
 void printSummary(std::ostream& out, const RunResult& result);

@@ -23,9 +23,11 @@ int parseAndRun(host::Host& host, int argc, char** argv) {
     host::addPeaksCommand(app, host);
     host::addCellCommand(app, host);
     host::addIndexCommand(app, host);
-    host::addSimulateCommand(app, host);
     host::addSectionsCommand(app, host);
     host::addCellInfoCommand(app, host);
+    host::addSimulateCommand(app, host);
+    host::addDemoCommand(app, host);
+    host::addCompletionCommand(app, host);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
