@@ -78,31 +78,31 @@ void addImportCommand(CLI::App& app, Host& host) {
     auto options = std::make_shared<Options>();
     ImportSettings& settings = options->settings;
     CLI::App* command =
-        app.add_subcommand("import", "make a tilt series from frames of SMV, TIFF and MRC files");
+        app.add_subcommand("import", "Make a tilt series from frames of SMV, TIFF and MRC files");
     command->add_option("FRAMES", options->frames, "SMV, TIFF and MRC files, or .ed3d lists of them")
         ->required()
         ->type_name("");
-    command->add_option("-o,--output", options->output, "series to write")
+    command->add_option("-o,--output", options->output, "Series to write")
         ->required()
         ->type_name("SERIES.mrc");
     command->add_option(
         "--tilts", settings.tilts,
-        "tilts of the frames: a file (.tlt, .rawtlt, .mdoc) or START:STEP in degrees [from the frames]");
+        "Tilts of the frames: a file (.tlt, .rawtlt, .mdoc) or START:STEP in degrees [from the frames]");
     command->add_option("--sum", settings.sum,
-                        "neighbouring frames to add up [as few as fit into 300 slices]");
-    command->add_option("--bin", settings.bin, "pixels along each edge to add up into one")
+                        "Neighbouring frames to add up [as few as fit into 300 slices]");
+    command->add_option("--bin", settings.bin, "Pixels along each edge to add up into one")
         ->capture_default_str();
-    command->add_option("--scale", settings.scale, "factor on the counts, which become 16-bit integers")
+    command->add_option("--scale", settings.scale, "Factor on the counts, which become 16-bit integers")
         ->capture_default_str();
     command->add_option("--pixel-size", settings.pixelSize,
-                        "of the frames as they are in the files, 1/metre per pixel [from the frames]");
+                        "Pixel size of the frames as they are in the files, 1/m per pixel [from the frames]");
     command->add_option(
         "--axis", settings.axis,
-        "direction of the tilt axis, degrees: along (-sin t, cos t), x to the right, y down [from an "
+        "Direction of the tilt axis, degrees: along (-sin t, cos t), x to the right, y down [from an "
         ".ed3d list, otherwise not stated]");
-    command->add_option("--voltage", settings.kilovolts, "kV [from the frames]");
-    command->add_option("--log", options->log, "write all messages to a file");
-    command->add_flag("--json", options->json, "print the summary as JSON");
+    command->add_option("--voltage", settings.kilovolts, "High tension in kV [from the frames]");
+    command->add_option("--log", options->log, "Write the library's messages to this file");
+    command->add_flag("--json", options->json, "Print the summary as JSON");
     command->footer(
         "Frames are sorted by tilt; empty ones and those whose tilt has been seen before are left out. At "
         "most 300\n"

@@ -50,19 +50,24 @@ void addRunCommand(CLI::App& app, Host& host) {
     auto options = std::make_shared<RunOptions>();
     CLI::App* command =
         app.add_subcommand("run", "Find the unit cell of a raw tilt series and index its reflections");
-    command->add_option("series", options->series, "Tilt series (.mrc); 'vrk import' makes one")->required();
-    command->add_option("-o,--output", options->folder, "Folder for the results")->required();
+    command->add_option("series", options->series, "Tilt series (.mrc); 'vrk import' makes one")
+        ->required()
+        ->type_name("SERIES.mrc");
+    command->add_option("-o,--output", options->folder, "Folder for the results")
+        ->required()
+        ->type_name("FOLDER");
     command
         ->add_option("--tilt-axis", options->tiltAxis,
                      "Angle of the tilt axis from y in degrees, 'search', or 'none' for an axis along y "
-                     "(default: what the series says, otherwise along y)")
-        ->check(checkAxis);
-    command
-        ->add_option("--pixel-size", options->pixelSize, "Pixel size in 1/m per pixel (default: the series')")
+                     "[what the series says, otherwise along y]")
+        ->check(CLI::Validator(checkAxis, ""))
+        ->type_name("DEG|search|none");
+    command->add_option("--pixel-size", options->pixelSize, "Pixel size in 1/m per pixel [the series']")
         ->check(CLI::PositiveNumber);
-    command->add_option("--voltage", options->kiloVolts, "High tension in kV (default: the series')")
+    command->add_option("--voltage", options->kiloVolts, "High tension in kV [the series']")
         ->check(CLI::Range(10.0, 3000.0));
-    command->add_option("--fine-calibration", options->fineCalibration, "Fine-calibration file");
+    command->add_option("--fine-calibration", options->fineCalibration, "File with calibrated pixel sizes")
+        ->type_name("FILE");
     addSearchOptions(*command, options->search, false);
     addCellOptions(*command, options->cell, false);
     command->add_option("--jobs", options->jobs, "Processes for the axis search")->check(CLI::Range(1, 256));

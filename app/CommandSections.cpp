@@ -47,11 +47,15 @@ void addSectionsCommand(CLI::App& app, Host& host) {
     auto options = std::make_shared<Options>();
     CLI::App* command =
         app.add_subcommand("sections", "Draw sections of a volume along lattice planes, and its projections");
-    command->add_option("volume", options->volume, "Volume file (.mrc)")->required();
-    command->add_option("cell", options->cell, "Cell file, as 'vrk cell' and 'vrk run' write it")->required();
-    command->add_option("-o,--output", options->folder, "Folder for the pictures")->required();
-    command->add_option("--plane", options->sections.planes,
-                        "Planes, for instance hk0 h1l (default: hk0 h0l 0kl)");
+    command->add_option("volume", options->volume, "Volume file (.mrc)")->required()->type_name("VOLUME.mrc");
+    command->add_option("cell", options->cell, "Cell file, as 'vrk cell' and 'vrk run' write it")
+        ->required()
+        ->type_name("CELL");
+    command->add_option("-o,--output", options->folder, "Folder for the pictures")
+        ->required()
+        ->type_name("FOLDER");
+    command->add_option("--plane", options->sections.planes, "Planes, for instance hk0 h1l [hk0 h0l 0kl]")
+        ->type_name("PLANE");
     command->add_option("--thickness", options->sections.thickness, "Thickness in voxels")
         ->check(CLI::Range(0.0, 100.0))
         ->capture_default_str();

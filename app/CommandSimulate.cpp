@@ -154,31 +154,32 @@ void simulate(Host& host, const Options& options) {
 void addCrystalOptions(CLI::App& command, Options& options) {
     SimulationSettings& settings = options.settings;
     const char* group = "Crystal";
-    command.add_option("--cell", options.cell, "a,b,c,alpha,beta,gamma in Angstrom and degrees")
+    command.add_option("--cell", options.cell, "Cell a,b,c,alpha,beta,gamma in Angstrom and degrees")
         ->group(group);
-    command.add_option("--centring", options.centring, "P A B C I F R; R in hexagonal axes")
+    command.add_option("--centring", options.centring, "Centring, one of P A B C I F R; R in hexagonal axes")
         ->capture_default_str()
         ->group(group);
-    command.add_option("--cif", settings.cif, "take cell, centring and intensities from a structure")
+    command.add_option("--cif", settings.cif, "Take cell, centring and intensities from a structure")
         ->group(group);
     command
-        .add_option("--orientation", options.orientation,
-                    "random, three Euler angles (z x z, degrees) or nine elements of the matrix from "
-                    "the crystal's frame (a along x, b in the plane of x and y) to the volume's")
+        .add_option(
+            "--orientation", options.orientation,
+            "Orientation: random, three Euler angles (z x z, degrees) or nine elements of the matrix from "
+            "the crystal's frame (a along x, b in the plane of x and y) to the volume's")
         ->capture_default_str()
         ->group(group);
-    command.add_option("--dmin", settings.dmin, "resolution at the frame's edge, Angstrom")
+    command.add_option("--dmin", settings.dmin, "Resolution at the frame's edge, Angstrom")
         ->capture_default_str()
         ->group(group);
-    command.add_option("--b-factor", settings.bFactor, "isotropic displacement B, square Angstrom")
+    command.add_option("--b-factor", settings.bFactor, "Isotropic displacement B, square Angstrom")
         ->capture_default_str()
         ->group(group);
-    command.add_option("--rocking", settings.rockingWidth, "rocking width (standard deviation), 1/Angstrom")
+    command.add_option("--rocking", settings.rockingWidth, "Rocking width (standard deviation), 1/Angstrom")
         ->capture_default_str()
         ->group(group);
     command
         .add_option("--second-crystal", settings.secondCrystal,
-                    "intensity of a second crystal in random orientation, relative to the first")
+                    "Intensity of a second crystal in random orientation, relative to the first")
         ->capture_default_str()
         ->group(group);
 }
@@ -189,73 +190,77 @@ void addSeriesOptions(CLI::App& command, Options& options) {
     const std::map<std::string, RotationMode> modes = {{"continuous", RotationMode::Continuous},
                                                        {"stepwise", RotationMode::Stepwise},
                                                        {"precession", RotationMode::Precession}};
-    command.add_option("--tilts", options.tilts, "FIRST:LAST:STEP in degrees")
+    command.add_option("--tilts", options.tilts, "Tilts as FIRST:LAST:STEP in degrees")
         ->capture_default_str()
         ->group(group);
-    command.add_option("--mode", settings.mode, "continuous, stepwise or precession [continuous]")
+    command.add_option("--mode", settings.mode, "Rotation: continuous, stepwise or precession [continuous]")
         ->transform(CLI::CheckedTransformer(modes).description(""))
         ->type_name("MODE")
         ->group(group);
     command
         .add_option("--frame-rotation", settings.frameRotation,
-                    "degrees that a continuous frame covers [the step of the tilts]")
+                    "Degrees that a continuous frame covers [the step of the tilts]")
         ->group(group);
-    command.add_option("--precession-angle", settings.precessionAngle, "degrees")
+    command.add_option("--precession-angle", settings.precessionAngle, "Precession angle, degrees")
         ->capture_default_str()
         ->group(group);
-    command.add_option("--axis", settings.axis, "direction of the tilt axis in the frame, degrees from y")
+    command.add_option("--axis", settings.axis, "Direction of the tilt axis in the frame, degrees from y")
         ->capture_default_str()
         ->group(group);
-    command.add_flag("--write-axis", settings.writeAxis, "state the tilt axis in the file")->group(group);
-    command.add_option("--kv", settings.kilovolts, "voltage")->capture_default_str()->group(group);
-    command.add_option("--handedness", settings.handedness, "side of the Ewald sphere, 1 or -1")
+    command.add_flag("--write-axis", settings.writeAxis, "State the tilt axis in the file")->group(group);
+    command.add_option("--kv", settings.kilovolts, "High tension in kV")->capture_default_str()->group(group);
+    command.add_option("--handedness", settings.handedness, "Side of the Ewald sphere, 1 or -1")
         ->capture_default_str()
         ->group(group);
-    command.add_option("--drift", settings.drift, "pixels that the centre wanders")
+    command.add_option("--drift", settings.drift, "Pixels that the centre wanders")
         ->capture_default_str()
         ->group(group);
-    command.add_option("--jump", settings.jump, "step of the centre at a random frame, pixels")
+    command.add_option("--jump", settings.jump, "Step of the centre at a random frame, pixels")
         ->capture_default_str()
         ->group(group);
-    command.add_option("--missing", settings.missing, "frames left out at random")
+    command.add_option("--missing", settings.missing, "Frames left out at random")
         ->capture_default_str()
         ->group(group);
-    command.add_option("--blank", settings.blank, "empty frames at random")
+    command.add_option("--blank", settings.blank, "Empty frames at random")
         ->capture_default_str()
         ->group(group);
-    command.add_option("--seed", settings.seed, "of everything random")->capture_default_str()->group(group);
+    command.add_option("--seed", settings.seed, "Seed of everything random")
+        ->capture_default_str()
+        ->group(group);
 }
 
 void addCameraOptions(CLI::App& command, Options& options) {
     DetectorSettings& detector = options.settings.detector;
     const char* group = "Camera";
-    command.add_option("--size", detector.size, "pixels along each edge")
+    command.add_option("--size", detector.size, "Pixels along each edge")
         ->capture_default_str()
         ->group(group);
-    command.add_option("--peak", options.settings.peakCounts, "peak counts of strong reflections")
+    command.add_option("--peak", options.settings.peakCounts, "Peak counts of strong reflections")
         ->capture_default_str()
         ->group(group);
-    command.add_option("--spot", options.settings.spotWidth, "width of a spot (standard deviation), pixels")
+    command.add_option("--spot", options.settings.spotWidth, "Width of a spot (standard deviation), pixels")
         ->capture_default_str()
         ->group(group);
-    command.add_option("--noise", detector.noise, "0 none, 1 counting statistics, n times their deviation")
+    command
+        .add_option("--noise", detector.noise,
+                    "Noise: 0 none, 1 counting statistics, n times their deviation")
         ->capture_default_str()
         ->group(group);
-    command.add_option("--background", detector.background, "factor on halo and diffuse background")
+    command.add_option("--background", detector.background, "Factor on halo and diffuse background")
         ->capture_default_str()
         ->group(group);
-    command.add_option("--saturation", detector.saturation, "highest count")
+    command.add_option("--saturation", detector.saturation, "Highest count")
         ->capture_default_str()
         ->group(group);
-    command.add_option("--hot-pixels", detector.hotPixels, "pixels bright in every frame")
+    command.add_option("--hot-pixels", detector.hotPixels, "Pixels bright in every frame")
         ->capture_default_str()
         ->group(group);
-    command.add_option("--zingers", detector.zingers, "pixels per frame bright in that frame alone")
+    command.add_option("--zingers", detector.zingers, "Pixels per frame bright in that frame alone")
         ->capture_default_str()
         ->group(group);
-    command.add_flag("--beam-stop", detector.beamStop, "a bar from the left edge over the centre")
+    command.add_flag("--beam-stop", detector.beamStop, "A bar from the left edge over the centre")
         ->group(group);
-    command.add_flag("--cross", detector.cross, "dead rows and columns in the middle")->group(group);
+    command.add_flag("--cross", detector.cross, "Dead rows and columns in the middle")->group(group);
 }
 
 }  // namespace
@@ -263,13 +268,13 @@ void addCameraOptions(CLI::App& command, Options& options) {
 void addSimulateCommand(CLI::App& app, Host& host) {
     auto options = std::make_shared<Options>();
     CLI::App* command =
-        app.add_subcommand("simulate", "make a tilt series of a known crystal, with its truth as JSON");
-    command->add_option("-o,--output", options->output, "series to write; the truth goes beside it")
+        app.add_subcommand("simulate", "Make a tilt series of a known crystal, with its truth as JSON");
+    command->add_option("-o,--output", options->output, "Series to write; the truth goes beside it")
         ->required()
         ->type_name("SERIES.mrc");
-    command->add_flag("--json", options->json, "print the truth as JSON");
+    command->add_flag("--json", options->json, "Print the truth as JSON");
     command->add_flag("--list-reflections", options->settings.keepReflections,
-                      "list every reflection with its position in the truth");
+                      "List every reflection with its position in the truth");
     addCrystalOptions(*command, *options);
     addSeriesOptions(*command, *options);
     addCameraOptions(*command, *options);

@@ -1,10 +1,12 @@
 #include <CLI/CLI.hpp>
 #include <exception>
 #include <iostream>
+#include <memory>
 #include <new>
 
 #include "Commands.h"
 #include "Failure.h"
+#include "HelpFormatter.h"
 #include "Host.h"
 #include "foundation/Version.h"
 
@@ -14,12 +16,13 @@ int parseAndRun(host::Host& host, int argc, char** argv) {
     CLI::App app("vrk: from a tilt series of electron diffraction patterns to unit cell and HKL file", "vrk");
     app.set_version_flag("--version", std::string("vrk ") + VRK::kVersion);
     app.require_subcommand(1);
+    app.formatter(std::make_shared<host::HelpFormatter>());
     host::addRunCommand(app, host);
     host::addImportCommand(app, host);
     host::addInfoCommand(app, host);
     host::addPreprocessCommand(app, host);
-    host::addReconstructCommand(app, host);
     host::addTiltAxisCommand(app, host);
+    host::addReconstructCommand(app, host);
     host::addPeaksCommand(app, host);
     host::addCellCommand(app, host);
     host::addIndexCommand(app, host);

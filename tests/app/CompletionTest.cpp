@@ -1,0 +1,64 @@
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <sstream>
+
+#include "app/RunVrk.h"
+#include "support/TemporaryFolder.h"
+
+namespace {
+
+/// What bash offers for a command line whose last word is being typed.
+std::string offered(const std::string& script, const std::string& line, int words) {
+    const std::string command = "bash -c 'source " + script + "; COMP_WORDS=(" + line +
+                                "); COMP_CWORD=" + std::to_string(words - 1) +
+                                "; _vrk; echo \" ${COMPREPLY[*]} \"'";
+    std::FILE* pipe = popen(command.c_str(), "r");
+    if (!pipe) return "no shell";
+    std::string text;
+    for (int c = std::fgetc(pipe); c != EOF; c = std::fgetc(pipe))
+        text += static_cast<char>(c);
+    pclose(pipe);
+    return text;
+}
+
+TEST(CompletionTest, BashCompletesCommandsOptionsAndChoices) {
+    const TemporaryFolder folder;
+    const VrkResult result = runVrk({"completion", "bash"});
+    ASSERT_EQ(result.exitCode, 0);
+    const std::string script = folder.write("vrk.bash", result.out);
+    struct Case {
+        const char* line;
+        int words;
+        const char* expected;
+    };
+    for (const Case& one :
+         {Case{"vrk re", 2, " reconstruct \n"}, Case{"vrk run --keep", 3, " --keep-volume \n"},
+          Case{"vrk index --format sh", 4, " shelx \n"}, Case{"vrk completion z", 3, " zsh \n"},
+          Case{"vrk run ser", 3, "  \n"}})
+        EXPECT_EQ(offered(script, one.line, one.words), one.expected) << one.line;
+}
+
+TEST(CompletionTest, BothScriptsKnowEveryCommandOfTheHelpText) {
+    std::istringstream help(runVrk({"--help"}).out);
+    const std::string bash = runVrk({"completion", "bash"}).out;
+    const std::string zsh = runVrk({"completion", "zsh"}).out;
+    int commands = 0;
+    bool listed = false;
+    for (std::string line; std::getline(help, line);) {
+        if (line == "Subcommands:") listed = true;
+        if (!listed || line.rfind("  ", 0) != 0 || line[2] == ' ') continue;
+        const std::string name = line.substr(2, line.find(' ', 2) - 2);
+        ++commands;
+        EXPECT_NE(bash.find("\n            " + name + ") words='"), std::string::npos) << name;
+        EXPECT_NE(zsh.find("\n        " + name + ") _arguments"), std::string::npos) << name;
+
+        const std::string text = runVrk({name, "--help"}).out;
+        EXPECT_NE(text.find("Example"), std::string::npos) << name;
+        EXPECT_NE(text.find("vrk " + name + ' '), std::string::npos) << name;
+        EXPECT_TRUE(std::isupper(static_cast<unsigned char>(text[0]))) << text;
+    }
+    EXPECT_GE(commands, 13);
+}
+
+}  // namespace

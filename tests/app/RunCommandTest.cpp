@@ -1,0 +1,322 @@
+// vrk run as a user meets it: on series that work, on series that cannot, and when it is interrupted.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include "Simulation.h"
+#include "VoxCore/IO/VoxMRCFileHandler.h"
+#include "app/RunVrk.h"
+#include "support/TemporaryFolder.h"
+
+namespace {
+
+using nlohmann::json;
+
+constexpr std::array<double, 6> kCell = {6, 7, 8, 80, 85, 80};
+
+/// A series that is small and easy.
+std::unique_ptr<VoxMRCData> smallSeries(int size = 128) {
+    host::SimulationSettings settings;
+    settings.cell = kCell;
+    settings.dmin = 1.0;
+    settings.detector.size = size;
+    for (int tilt = -60; tilt <= 60; tilt += 2)
+        settings.tilts.push_back(tilt);
+    return host::simulateSeries(settings).series;
+}
+
+void write(VoxMRCData& series, const std::string& path) {
+    ASSERT_TRUE(VoxMRCFileHandler().writeMRCFile(&series, path));
+}
+
+/// The same series with other frames: `change` sees (x, y, slice) and the old value.
+std::unique_ptr<VoxMRCData> changed(VoxMRCData& from, unsigned width, unsigned height, unsigned frames,
+                                    const std::function<short(unsigned, unsigned, unsigned)>& value) {
+    std::unique_ptr<VoxMRCData> to(VoxMRCData::Create3D(width, height, frames));
+    to->m_Header = from.m_Header;
+    mrcH& header = to->m_Header;
+    header.nx = header.mx = static_cast<int>(width);
+    header.ny = header.my = static_cast<int>(height);
+    header.nz = header.mz = static_cast<int>(frames);
+    for (unsigned z = 0; z < frames; ++z)
+        for (unsigned y = 0; y < height; ++y)
+            for (unsigned x = 0; x < width; ++x)
+                to->GetChunkPointer(z)[y * width + x] = value(x, y, z);
+    return to;
+}
+
+std::set<std::string> filesIn(const std::string& folder) {
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder))
+        names.insert(entry.path().filename().string());
+    return names;
+}
+
+bool anyHalfWritten(const std::string& folder) {
+    const std::set<std::string> names = filesIn(folder);
+    return std::any_of(names.begin(), names.end(),
+                       [](const std::string& name) { return name.find(".part") != std::string::npos; });
+}
+
+void expectTrueCell(const json& summary) {
+    constexpr std::array<const char*, 6> names = {"a", "b", "c", "alpha", "beta", "gamma"};
+    const json& cell = summary["cell"]["reduced"];
+    for (std::size_t i = 0; i < 6; ++i)
+        EXPECT_NEAR(cell[names[i]].get<double>(), kCell[i], i < 3 ? 0.002 * kCell[i] : 0.15) << names[i];
+    EXPECT_EQ(summary["cell"]["conventional"]["bravais"], "aP");
+    EXPECT_GT(summary["reflections"]["fraction_indexed"].get<double>(), 0.95);
+}
+
+/// One series for all tests, simulated once.
+class RunCommandTest : public testing::Test {
+protected:
+    static void SetUpTestSuite() { series = smallSeries(); }
+    static void TearDownTestSuite() { series.reset(); }
+
+    unsigned width() const { return series->GetWidth(); }
+    unsigned frames() const { return series->GetDepth(); }
+    static short pixel(unsigned x, unsigned y, unsigned z) {
+        return series->GetChunkPointer(z)[y * series->GetWidth() + x];
+    }
+    VrkResult run(std::vector<std::string> more = {}) const {
+        std::vector<std::string> arguments = {"run", folder / "series.mrc", "-o", folder / "result"};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        return runVrk(arguments);
+    }
+
+    static std::unique_ptr<VoxMRCData> series;
+    TemporaryFolder folder;
+};
+
+std::unique_ptr<VoxMRCData> RunCommandTest::series;
+
+TEST_F(RunCommandTest, FindsTheCellAndWritesEveryFile) {
+    write(*series, folder / "series.mrc");
+    const VrkResult result = run({"--keep-volume"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(result.out.rfind("series ", 0), 0U) << result.out;
+    expectTrueCell(json::parse(folder.read("result/summary.json")));
+    EXPECT_FALSE(anyHalfWritten(folder / "result"));
+    const std::set<std::string> names = filesIn(folder / "result");
+    for (const char* name :
+         {"volume.mrc", "peaks.txt", "cell.txt", "reflections.hkl", "summary.json", "vrk.log", "hk0.png",
+          "h0l.png", "0kl.png", "projection_x.png", "projection_y.png", "projection_z.png"})
+        EXPECT_TRUE(names.contains(name)) << name;
+
+    const std::string log = folder.read("result/vrk.log");
+    EXPECT_EQ(log.rfind("vrk ", 0), 0U) << "the version comes first";
+    EXPECT_NE(log.find("--keep-volume"), std::string::npos) << "with the options that were given";
+    EXPECT_GT(std::count(log.begin(), log.end(), '\n'), 50) << "and the library's messages";
+}
+
+TEST_F(RunCommandTest, JsonIsAllThatStandsOnTheStandardOutput) {
+    write(*series, folder / "series.mrc");
+    const VrkResult result = run({"--json", "--no-pictures"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(result.out, folder.read("result/summary.json"));
+    EXPECT_EQ(result.out.front(), '{');
+    EXPECT_EQ(result.out.substr(result.out.size() - 2), "}\n");
+    const json summary = json::parse(result.out);
+    expectTrueCell(summary);
+    EXPECT_EQ(summary["tilt_axis"]["source"], "assumed");
+    EXPECT_EQ(summary["input"]["nz"], 61);
+    EXPECT_FALSE(filesIn(folder / "result").contains("hk0.png"));
+}
+
+/// Every key with its path, `[]` for the elements of an array of objects.
+void collectKeys(const json& value, const std::string& path, std::set<std::string>& keys) {
+    if (value.is_array() && !value.empty() && value.front().is_object()) {
+        collectKeys(value.front(), path + "[]", keys);
+    } else if (value.is_object()) {
+        for (const auto& [key, child] : value.items())
+            collectKeys(child, path.empty() ? key : path + "." + key, keys);
+    } else {
+        keys.insert(path);
+    }
+}
+
+TEST_F(RunCommandTest, TheDocumentedKeysAreThoseOfTheSummary) {
+    write(*series, folder / "series.mrc");
+    ASSERT_EQ(run({"--no-pictures"}).exitCode, 0);
+    std::set<std::string> written;
+    collectKeys(json::parse(folder.read("result/summary.json")), "", written);
+
+    // Rows of the tables: | `key` or `key`, `key` | unit | meaning |. Keys that only some runs have are
+    // marked.
+    std::set<std::string> always;
+    std::set<std::string> sometimes;
+    std::ifstream page(VRK_DOCS "/summary-json.md");
+    ASSERT_TRUE(page);
+    for (std::string line; std::getline(page, line);) {
+        if (line.rfind("| `", 0) != 0) continue;
+        const std::string cell = line.substr(0, line.find('|', 1));
+        std::set<std::string>& keys = line.find("(not always)") == std::string::npos ? always : sometimes;
+        for (std::size_t open = cell.find('`'); open != std::string::npos;) {
+            const std::size_t close = cell.find('`', open + 1);
+            keys.insert(cell.substr(open + 1, close - open - 1));
+            open = cell.find('`', close + 1);
+        }
+    }
+    for (const std::string& key : written)
+        EXPECT_TRUE(always.contains(key) || sometimes.contains(key)) << key << " is not documented";
+    for (const std::string& key : always)
+        EXPECT_TRUE(written.contains(key)) << key << " is documented and not written";
+}
+
+TEST_F(RunCommandTest, OddSeriesWorkWithAWarning) {
+    struct Case {
+        const char* name;
+        std::unique_ptr<VoxMRCData> series;
+        const char* warning;
+    };
+    std::vector<Case> cases;
+    cases.push_back(
+        {"descending tilts",
+         changed(*series, width(), width(), frames(),
+                 [&](unsigned x, unsigned y, unsigned z) { return pixel(x, y, frames() - 1 - z); }),
+         "descend"});
+    mrcH& header = cases.back().series->m_Header;
+    auto& tilts = header.sliceValues[static_cast<std::size_t>(SliceValue::TiltAngle)];
+    std::reverse(tilts.begin(), tilts.begin() + static_cast<std::ptrdiff_t>(frames()));
+    cases.push_back({"not square",
+                     changed(*series, width(), width() - 16, frames(),
+                             [&](unsigned x, unsigned y, unsigned z) { return pixel(x, y + 8, z); }),
+                     "not square"});
+    cases.push_back({"saturated",
+                     changed(*series, width(), width(), frames(),
+                             [&](unsigned x, unsigned y, unsigned z) {
+                                 return pixel(x, y, z) > 60 ? short{32767} : pixel(x, y, z);
+                             }),
+                     "limit of 32767"});
+    cases.push_back(
+        {"some blank frames",
+         changed(*series, width(), width(), frames(),
+                 [&](unsigned x, unsigned y, unsigned z) { return z % 20 == 3 ? short{0} : pixel(x, y, z); }),
+         "nothing but zeros"});
+    for (Case& one : cases) {
+        SCOPED_TRACE(one.name);
+        write(*one.series, folder / "series.mrc");
+        const VrkResult result = run({"--json", "--no-pictures"});
+        EXPECT_NE(result.err.find(one.warning), std::string::npos) << result.err;
+        if (std::string(one.name) == "saturated") {
+            EXPECT_TRUE(result.exitCode == 0 || result.exitCode == 3) << result.exitCode;
+            continue;
+        }
+        ASSERT_EQ(result.exitCode, 0) << result.err;
+        const json summary = json::parse(result.out);
+        expectTrueCell(summary);
+        EXPECT_NE(summary["warnings"].dump().find(one.warning), std::string::npos);
+    }
+}
+
+TEST_F(RunCommandTest, SeriesThatCannotBeSolvedEndWithAMessage) {
+    const auto same = [](unsigned x, unsigned y, unsigned z) { return pixel(x, y, z); };
+    struct Case {
+        const char* name;
+        std::unique_ptr<VoxMRCData> series;
+        int exitCode;
+        const char* message;
+    };
+    std::vector<Case> cases;
+    cases.push_back({"two frames", changed(*series, width(), width(), 2, same), 1, "three different tilts"});
+    cases.push_back({"one tilt", changed(*series, width(), width(), 9, same), 1, "one tilt angle"});
+    for (auto& value :
+         cases.back().series->m_Header.sliceValues[static_cast<std::size_t>(SliceValue::TiltAngle)])
+        value = 5.0F;
+    cases.push_back({"all zero",
+                     changed(*series, 64, 64, 9, [](unsigned, unsigned, unsigned) { return short{0}; }), 1,
+                     "nothing but zeros"});
+    cases.push_back({"all equal",
+                     changed(*series, 64, 64, 9, [](unsigned, unsigned, unsigned) { return short{7}; }), 3,
+                     "no pattern"});
+    // Background without reflections.
+    cases.push_back({"no reflections",
+                     changed(*series, 64, 64, 31,
+                             [](unsigned x, unsigned y, unsigned z) {
+                                 return static_cast<short>(100 +
+                                                           (x * 7919U + y * 104729U + z * 1299709U) % 11U);
+                             }),
+                     3, "try"});
+    for (Case& one : cases) {
+        SCOPED_TRACE(one.name);
+        write(*one.series, folder / "series.mrc");
+        const VrkResult result = run({"--json"});
+        EXPECT_EQ(result.exitCode, one.exitCode) << result.err;
+        EXPECT_NE(result.err.find(one.message), std::string::npos) << result.err;
+        EXPECT_EQ(result.out, "");
+        EXPECT_FALSE(anyHalfWritten(folder / "result"));
+        EXPECT_FALSE(filesIn(folder / "result").contains("summary.json"));
+    }
+}
+
+TEST_F(RunCommandTest, GarbageBehindAValidHeaderIsNoCell) {
+    write(*series, folder / "series.mrc");
+    std::string bytes = folder.read("series.mrc");
+    unsigned state = 1;
+    for (std::size_t i = bytes.size() - std::size_t{2} * width() * width() * frames(); i < bytes.size(); ++i)
+        bytes[i] = static_cast<char>((state = state * 1664525U + 1013904223U) >> 24U);
+    folder.write("series.mrc", bytes);
+    const VrkResult result = run({"--json", "--no-pictures"});
+    EXPECT_TRUE(result.exitCode == 1 || result.exitCode == 3) << result.exitCode;
+    EXPECT_EQ(result.out, "");
+    EXPECT_NE(result.err.find("vrk: "), std::string::npos);
+    EXPECT_FALSE(anyHalfWritten(folder / "result"));
+}
+
+TEST_F(RunCommandTest, InterruptionLeavesNoResultAndNoHalfFile) {
+    write(*smallSeries(256), folder / "series.mrc");
+    std::filesystem::create_directories(folder / "result");
+    const std::string path = folder / "series.mrc";
+    const std::string result = folder / "result";
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        std::freopen("/dev/null", "w", stdout);
+        std::freopen("/dev/null", "w", stderr);
+        execl(VRK_PROGRAM, VRK_PROGRAM, "run", path.c_str(), "-o", result.c_str(),
+              static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    // The log appears after the signal handler is in place.
+    for (int i = 0; i < 2000 && !std::filesystem::exists(result + "/vrk.log"); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    kill(child, SIGINT);
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 1);
+    EXPECT_EQ(filesIn(result), std::set<std::string>{"vrk.log"});
+}
+
+TEST(DemoCommandTest, FindsTheTruthAgain) {
+    const TemporaryFolder folder;
+    const VrkResult result = runVrk({"demo", "-o", folder / "demo", "--size", "160", "--step", "2", "--cell",
+                                     "7,8,9,90,90,90", "--centring", "P", "--json"});
+    ASSERT_EQ(result.exitCode, 0) << result.err << result.out;
+    const json comparison = json::parse(result.out);
+    EXPECT_TRUE(comparison["ok"].get<bool>());
+    EXPECT_EQ(comparison["found"]["bravais"], "oP");
+    EXPECT_NEAR(comparison["found"]["volume"].get<double>(), 504.0, 1.0);
+
+    // Two degrees beside the axis: the demo must not call that ok.
+    const VrkResult wrong =
+        runVrk({"demo", "-o", folder / "demo", "--size", "160", "--step", "2", "--cell", "7,8,9,90,90,90",
+                "--centring", "P", "--axis", "2", "--tilt-axis", "none", "--json"});
+    EXPECT_EQ(wrong.exitCode, 1);
+    EXPECT_FALSE(json::parse(wrong.out)["ok"].get<bool>());
+    EXPECT_FALSE(json::parse(wrong.out)["same_lattice"].get<bool>());
+}
+
+}  // namespace
