@@ -359,18 +359,18 @@ void run(const Options& options, Host& host) {
 
 void addCellCommand(CLI::App& app, Host& host) {
     auto options = std::make_shared<Options>();
-    CLI::App* command = app.add_subcommand("cell", "find the cell of a list of reflections");
+    CLI::App* command = app.add_subcommand("cell", "Find the cell of a list of reflections");
     command
         ->add_option("peaks", options->peaks,
-                     "peak file, or a list of x y z [intensity] in voxels about 0, 0, 0")
+                     "Peak file, or a list of x y z [intensity] in voxels about 0, 0, 0")
         ->required()
         ->type_name("PEAKS");
-    command->add_option("-o,--output", options->output, "cell file to write")->required()->type_name("CELL");
+    command->add_option("-o,--output", options->output, "Cell file to write")->required()->type_name("CELL");
     command->add_option("--pixel-size", options->pixelSize, "1/m per voxel [that of the peak file]")
         ->check(CLI::PositiveNumber);
     addCellOptions(*command, options->cell, true);
-    command->add_option("--log", options->log, "write all messages here")->type_name("FILE");
-    command->add_flag("--json", options->json, "print the result as JSON");
+    command->add_option("--log", options->log, "Write all messages here")->type_name("FILE");
+    command->add_flag("--json", options->json, "Print the result as JSON");
     command->footer(
         "Without options of the cell finding they are found: difference vectors are clustered with several\n"
         "sets of parameters and the lattice that explains the reflections best wins. With any of them the\n"
