@@ -20,7 +20,7 @@ struct Options {
     std::string series;
     std::string folder;
     std::string log;
-    std::string method = "3d";
+    std::string method = "2d";
     std::vector<double> range;
     double accuracy = 0.1;
     int jobs = 1;
@@ -59,6 +59,8 @@ void printJson(std::ostream& out, const Options& options, const TiltAxisResult& 
                                          {"angle_deg", result.angle},
                                          {"uncertainty_deg", result.uncertainty},
                                          {"grid_angle_deg", result.gridAngle},
+                                         {"significance", result.significance},
+                                         {"reliable", result.reliable},
                                          {"plots", result.plots.string()},
                                          {"scores", scores}};
     out << json.dump(2) << '\n';
@@ -112,10 +114,11 @@ void addTiltAxisCommand(CLI::App& app, Host& host) {
         ->check(CLI::Range(1e-4, 90.0))
         ->capture_default_str();
     command
-        ->add_option("--method", options->method,
-                     "3d: reconstruct a volume for every angle; 2d: use the spots of the patterns, which is "
-                     "faster")
-        ->check(CLI::IsMember({"3d", "2d"}))
+        ->add_option(
+            "--method", options->method,
+            "2d: place the spots of the patterns in space for every angle; 3d: reconstruct a volume for "
+            "every angle, which is slower")
+        ->check(CLI::IsMember({"2d", "3d"}))
         ->capture_default_str();
     command->add_option("--range", options->range, "Try these angles instead of the automatic schedule")
         ->expected(3)

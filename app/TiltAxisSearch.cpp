@@ -14,6 +14,8 @@ namespace host {
 namespace {
 
 constexpr const char* kName = "series";
+constexpr std::size_t kCoarseAngles = 37;  // of the schedule's first iteration
+constexpr double kClearPeak = 6.0;
 
 /// Weighted sums of a parabola's normal equations about a centre.
 struct Parabola {
@@ -100,6 +102,35 @@ double finestStep(const std::vector<TiltAxisScore>& scores) {
     return step;
 }
 
+double medianOf(std::vector<double> values) {
+    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+    std::nth_element(values.begin(), middle, values.end());
+    return *middle;
+}
+
+/// How the best of the first scores stands out of them.
+double significanceOf(const std::vector<TiltAxisScore>& scores) {
+    std::vector<double> values;
+    for (std::size_t i = 0; i < std::min(kCoarseAngles, scores.size()); ++i)
+        if (scores[i].evaluated) values.push_back(scores[i].variance);
+    if (values.size() < 3) return 0.0;
+    const double best = *std::max_element(values.begin(), values.end());
+    const double median = medianOf(values);
+    for (double& value : values)
+        value = std::abs(value - median);
+    const double deviation = 1.4826 * medianOf(values);
+    return deviation > 0.0 ? (best - median) / deviation : 0.0;
+}
+
+void judge(TiltAxisResult& result, Host& host) {
+    result.significance = significanceOf(result.scores);
+    result.reliable = result.significance >= kClearPeak;
+    if (!result.reliable)
+        host.warn(
+            "the tilt axis is not certain: no angle stands out of the others (see the plots); try the "
+            "other --method, or a series with more reflections");
+}
+
 template <typename Search>
 TiltAxisResult search(const VoxMRCData& series, int jobs, const std::filesystem::path& folder, Host& host,
                       Search run) {
@@ -144,12 +175,14 @@ TiltAxisFit fitTiltAxis(const std::vector<TiltAxisScore>& scores, double gridAng
 
 TiltAxisResult findTiltAxis(const VoxMRCData& preprocessed, TiltAxisMethod method, double accuracy, int jobs,
                             const std::filesystem::path& folder, Host& host) {
-    return search(
-        preprocessed, jobs, folder, host, [&](VRKTiltAxisRefinement& refinement, VoxMRCData* series) {
+    TiltAxisResult result =
+        search(preprocessed, jobs, folder, host, [&](VRKTiltAxisRefinement& refinement, VoxMRCData* series) {
             return method == TiltAxisMethod::ThreeD
                        ? refinement.searchTiltAxisAutomated3D(series, kName, folder.string(), accuracy)
                        : refinement.searchTiltAxis2dBruteForce(series, kName, folder.string(), accuracy);
         });
+    judge(result, host);
+    return result;
 }
 
 TiltAxisResult findTiltAxis(const VoxMRCData& preprocessed, TiltAxisMethod method, const TiltAxisRange& range,

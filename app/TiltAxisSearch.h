@@ -26,6 +26,10 @@ struct TiltAxisResult {
     double angle = 0.0;        ///< degrees: top of a parabola through the scores around the grid angle
     double uncertainty = 0.0;  ///< standard uncertainty of the angle, degrees
     double gridAngle = 0.0;    ///< best of the angles tried
+    /// By how many robust standard deviations of all scores of the coarse scan the best one stands out. Right
+    /// answers of simulated series had 12 and more, wrong ones less than 3. 0 for a given range.
+    double significance = 0.0;
+    bool reliable = true;               ///< false when a coarse scan shows no clear peak
     std::vector<TiltAxisScore> scores;  ///< in the order of evaluation
     std::filesystem::path plots;        ///< folder of the score plots
 };
@@ -38,6 +42,8 @@ struct TiltAxisResult {
 /// \param folder        made when it is not there; receives histogram images and plots
 /// \throw Failure with exit code 1 when the series cannot be searched, 3 when it gives no angle, and when the
 ///        user has asked to stop
+///
+/// Warns when the scores show no clear peak.
 TiltAxisResult findTiltAxis(const VoxMRCData& preprocessed, TiltAxisMethod method, double accuracy, int jobs,
                             const std::filesystem::path& folder, Host& host);
 

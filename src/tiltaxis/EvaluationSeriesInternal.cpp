@@ -1,6 +1,8 @@
 #include "tiltaxis/EvaluationSeriesInternal.h"
 
 #include <algorithm>
+#include <array>
+#include <cmath>
 #include <cstddef>
 #include <functional>
 #include <opencv2/core.hpp>
@@ -14,30 +16,34 @@
 namespace VRK::detail {
 namespace {
 
-constexpr std::size_t kWantedReflexes = 1000;
+constexpr std::array<std::size_t, 5> kSpotCounts = {300, 600, 1200, 2400, 4800};
 /// A reflection stands in the volume, which averages four samples, with about this share of the height of
 /// its smoothed spot.
 constexpr double kShareOfHeight = 0.35;
-/// The same for the height that spots need over the noise.
-constexpr double kShareOfThreshold = 0.75;
+/// A voxel of noise alone reaches this share of the height that spots need over the noise once in 1e5.
+constexpr double kShareOfThreshold = 0.65;
 constexpr double kSmoothing = 0.7;
 
 }  // namespace
 
-double evaluationLevel(const ReflexVector& mergedSpots) {
+std::vector<double> evaluationLevels(const ReflexVector& mergedSpots, double beamRadius) {
     std::vector<double> heights, thresholds;
     for (const Reflex* reflex : mergedSpots)
         if (const auto* spot = dynamic_cast<const Reflex2d*>(reflex)) {
+            if (std::hypot(spot->getU(), spot->getV()) < beamRadius) continue;
             heights.push_back(spot->getPeakHeight());
             thresholds.push_back(spot->getThreshold());
         }
-    if (heights.empty()) return 0.0;
-    const auto wanted =
-        heights.begin() + static_cast<std::ptrdiff_t>(std::min(kWantedReflexes, heights.size()) - 1);
-    std::nth_element(heights.begin(), wanted, heights.end(), std::greater<>());
-    const auto high = thresholds.begin() + static_cast<std::ptrdiff_t>(thresholds.size() * 9 / 10);
-    std::nth_element(thresholds.begin(), high, thresholds.end());
-    return std::max(kShareOfHeight * *wanted, kShareOfThreshold * *high);
+    if (heights.empty()) return {};
+    std::sort(heights.begin(), heights.end(), std::greater<>());
+    std::sort(thresholds.begin(), thresholds.end());
+    const double lowest = kShareOfThreshold * thresholds[thresholds.size() * 9 / 10];
+    std::vector<double> levels;
+    for (const std::size_t count : kSpotCounts) {
+        levels.push_back(std::max(kShareOfHeight * heights[std::min(count, heights.size()) - 1], lowest));
+        if (count >= heights.size() || levels.back() == lowest) break;
+    }
+    return levels;
 }
 
 std::unique_ptr<VoxMRCData> scaledSeries(const VoxMRCData& series, double factor) {

@@ -3,16 +3,18 @@
 #pragma once
 
 #include <memory>
+#include <vector>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "reflections/ReflexVector.h"
 
 namespace VRK::detail {
 
-/// Value in the pattern that shall become the threshold of the reflection search, from the heights of the
-/// merged spots of the series: such that about a thousand reflections of the volume reach it, or all of a
-/// series that has fewer, and the noise does not. 0 without spots.
-double evaluationLevel(const ReflexVector& mergedSpots);
+/// Values in the pattern, falling, that may become the threshold of the reflection search, from the heights
+/// of the merged spots of the series: such that from a few hundred to some thousand spots reach them, or all
+/// of a series that has fewer, and its noise does not. Spots closer to the centre than the radius, which the
+/// search drops, are not counted. Empty without spots.
+std::vector<double> evaluationLevels(const ReflexVector& mergedSpots, double beamRadius);
 
 /// A copy of the series, smoothed by a Gaussian of 0.7 pixel and multiplied by factor, limited to 16 bits.
 /// Smoothing before the rounding keeps the faint counts of weak series apart; it also takes the difference in

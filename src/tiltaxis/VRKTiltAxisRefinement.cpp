@@ -39,6 +39,11 @@ constexpr double kMinLength = 30.5;
 constexpr double kMaxLength = 1000.0;
 constexpr int kBins = 512;
 constexpr std::size_t kMostReflexes = 1500;
+constexpr std::size_t kFewestReflexes = 20;
+constexpr std::size_t kEnoughReflexes = 1000;
+constexpr double kWorthwhileGain = 1.1;
+/// Where the number of reflections is looked at before the search.
+constexpr std::array<float, 4> kProbeAngles = {22.5F, 67.5F, -67.5F, -22.5F};
 constexpr double kFirstStart = -90.0;
 constexpr double kFirstEnd = 90.0;
 constexpr double kFirstStep = 5.0;
@@ -109,11 +114,11 @@ double compactnessOf(const ReflexVector& reflexes) {
 }
 
 /// Leaves the most intense ones, in their order.
-void limitNumber(ReflexVectorPtr& reflexes) {
-    if (reflexes->size() <= kMostReflexes) return;
+void limitNumber(ReflexVectorPtr& reflexes, std::size_t limit) {
+    if (reflexes->size() <= limit) return;
     std::vector<std::size_t> order(reflexes->size());
     std::iota(order.begin(), order.end(), std::size_t{0});
-    const auto end = order.begin() + kMostReflexes;
+    const auto end = order.begin() + static_cast<std::ptrdiff_t>(limit);
     std::nth_element(order.begin(), end, order.end(), [&](std::size_t a, std::size_t b) {
         const double first = (*reflexes)[a]->getIntensity(), second = (*reflexes)[b]->getIntensity();
         return first != second ? first > second : a < b;
@@ -123,9 +128,9 @@ void limitNumber(ReflexVectorPtr& reflexes) {
     ReflexVector rest;
     for (auto it = end; it != order.end(); ++it)
         rest.push_back((*reflexes)[*it]);
-    for (std::size_t i = 0; i < kMostReflexes; ++i)
+    for (std::size_t i = 0; i < limit; ++i)
         (*reflexes)[i] = (*reflexes)[order[i]];
-    reflexes->resize(kMostReflexes);
+    reflexes->resize(limit);
     rest.destroyElements();
 }
 
@@ -361,15 +366,46 @@ bool VRKTiltAxisRefinement::limitSize() {
     return true;
 }
 
-bool VRKTiltAxisRefinement::prepareVolumeRoute() {
-    const ReflexVectorPtr merged(ReflexMerger2d::mergeReflexes(m_spots.get()));
-    const double level = VRK::detail::evaluationLevel(*merged);
-    log(line("the series is scaled by ", kThreshold / level, " for the evaluation: a value of ", level,
-             " reaches the threshold of ", kThreshold));
+bool VRKTiltAxisRefinement::scaleSeries(double level) {
     m_evaluatedSeries = VRK::detail::scaledSeries(*m_workingVolume, kThreshold / level);
-    m_spots.reset();
     if (!m_evaluatedSeries) log("VRKTiltAxisRefinement: there is no memory for a scaled series", VRK::Error);
     return m_evaluatedSeries != nullptr;
+}
+
+std::size_t VRKTiltAxisRefinement::countReflexes(float angle) {
+    TiltAxisScore unused;
+    const ReflexVectorPtr reflexes = reflexesFromVolume(angle, unused);
+    return reflexes ? reflexes->size() : 0;
+}
+
+bool VRKTiltAxisRefinement::prepareVolumeRoute() {
+    const ReflexVectorPtr merged(ReflexMerger2d::mergeReflexes(m_spots.get()));
+    m_spots.reset();
+    double best = 0.0;
+    std::size_t most = 0;
+    // Lower levels give more reflections, until neighbours grow together.
+    for (const double level :
+         VRK::detail::evaluationLevels(*merged, evaluationParameter().getMinDistToZeroBeam())) {
+        if (!scaleSeries(level)) return false;
+        const std::size_t count = countReflexes(kProbeAngles.front());
+        if (static_cast<double>(count) < kWorthwhileGain * static_cast<double>(most)) break;
+        most = std::max(most, count);
+        best = level;
+        if (most >= kEnoughReflexes) break;
+    }
+    if (most == 0) {
+        log("VRKTiltAxisRefinement: the patterns show no reflections beyond the direct beam", VRK::Error);
+        return false;
+    }
+    if (!scaleSeries(best)) return false;
+    std::size_t least = most;
+    for (const float angle : kProbeAngles)
+        least = std::min(least, countReflexes(angle));
+    m_reflexLimit = std::clamp<std::size_t>(least * 4 / 5, kFewestReflexes, kMostReflexes);
+    log(line("the series is scaled by ", kThreshold / best, " for the evaluation: a value of ", best,
+             " reaches the threshold of ", kThreshold, "; the ", m_reflexLimit,
+             " most intense reflections take part"));
+    return true;
 }
 
 float VRKTiltAxisRefinement::finish(const std::string& name, double startSeconds) {
@@ -427,7 +463,7 @@ TiltAxisScore VRKTiltAxisRefinement::scoreAngle(float angle, bool mode3D) {
     score.angle = angle;
     ReflexVectorPtr reflexes = mode3D ? reflexesFromVolume(angle, score) : reflexesFromPatterns(angle);
     if (!reflexes) return score;
-    limitNumber(reflexes);
+    limitNumber(reflexes, m_reflexLimit);
     Parameter parameter = evaluationParameter();
     const DiffVectors vectors(reflexes.get(), &parameter);
     std::vector<int> image(static_cast<std::size_t>(kBins) * kBins);
@@ -512,6 +548,7 @@ void VRKTiltAxisRefinement::initStat() {
     m_progress = 0;
     m_stopped = false;
     m_accepted = false;
+    m_reflexLimit = kMostReflexes;
 }
 
 void VRKTiltAxisRefinement::result_logging() {

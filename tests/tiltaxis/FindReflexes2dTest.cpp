@@ -1,0 +1,86 @@
+#include "tiltaxis/FindReflexes2d.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <memory>
+#include <random>
+
+#include "processing/SeriesFactory.h"
+#include "processing/VoxMRCstemProcessing.h"
+#include "support/RecordingLogObserver.h"
+#include "support/RecordingProgressObserver.h"
+#include "tiltaxis/ReflectionTransformation.h"
+#include "tiltaxis/Reflex2d.h"
+
+namespace {
+
+/// Two patterns of noise about 0 with a round spot at (u, v) from the centre.
+std::unique_ptr<VoxMRCData> spotSeries(double u, double v, double height, double noise) {
+    auto series = makeSeries(96, 96, {-3, 3});
+    std::mt19937 random(5);
+    std::normal_distribution<double> normal(0, noise);
+    for (unsigned i = 0; i < 2; ++i)
+        for (int y = 0; y < 96; ++y)
+            for (int x = 0; x < 96; ++x)
+                series->GetChunkPointer(i)[y * 96 + x] = static_cast<short>(std::lround(
+                    normal(random) +
+                    height * std::exp(-(std::pow(x - 47.5 - u, 2) + std::pow(y - 47.5 - v, 2)) / 3)));
+    return series;
+}
+
+const Reflex2d& first(const ReflexVectorPtr& list) {
+    return dynamic_cast<const Reflex2d&>(*list->front());
+}
+
+const Reflex2d& brightest(const ReflexVectorPtr& list) {
+    return dynamic_cast<const Reflex2d&>(**std::max_element(
+        list->begin(), list->end(),
+        [](const Reflex* a, const Reflex* b) { return a->getIntensity() < b->getIntensity(); }));
+}
+
+}  // namespace
+
+TEST(FindReflexes2dTest, FindsSpotsOfWeakAndBrightPatternsAtTheirPlace) {
+    for (const double scale : {1.0, 8.0, 300.0}) {
+        const auto series = spotSeries(20.3, -11.6, 40 * scale, 2 * scale);
+        series->GetChunkPointer(0)[20 * 96 + 20] = static_cast<short>(20 * scale);  // too small for a spot
+        const ReflexVectorPtr spots(FindReflexes2d().findAllReflexes(series.get()));
+        ASSERT_EQ(spots->size(), 2u) << scale;
+        EXPECT_NEAR(first(spots).getU(), 20.3, 0.15);
+        EXPECT_NEAR(first(spots).getV(), -11.6, 0.15);
+        EXPECT_EQ(first(spots).getPattern(), 0);
+        EXPECT_EQ(first(spots).getTilt(), -3);
+    }
+}
+
+TEST(FindReflexes2dTest, SpotsTurnAsPatternsDo) {
+    const auto series = spotSeries(22.0, 9.0, 2000, 5);
+    VoxMRCstemProcessing processing;
+    const std::unique_ptr<VoxMRCData> turnedSeries(
+        processing.step3_Rotation2TiltAxis(series.get(), true, 33.0, 0));
+    const ReflexVectorPtr expected(FindReflexes2d().findAllReflexes(turnedSeries.get()));
+    const ReflexVectorPtr spots(FindReflexes2d().findAllReflexes(series.get()));
+    const ReflexVectorPtr turned(ReflectionTransformation::rotate2DReflectionsInImagePlane(spots.get(), 33));
+    ASSERT_FALSE(expected->empty());
+    ASSERT_FALSE(turned->empty());
+    EXPECT_NEAR(brightest(turned).getU(), brightest(expected).getU(), 0.05);
+    EXPECT_NEAR(brightest(turned).getV(), brightest(expected).getV(), 0.05);
+}
+
+TEST(FindReflexes2dTest, LeavesOutTheDirectBeam) {
+    const auto series = spotSeries(2.0, 1.0, 2000, 5);
+    EXPECT_TRUE(ReflexVectorPtr(FindReflexes2d().findAllReflexes(series.get()))->empty());
+}
+
+TEST(FindReflexes2dTest, RefusesNothingAndStopsOnRequest) {
+    RecordingLogObserver log;
+    EXPECT_EQ(FindReflexes2d().findAllReflexes(nullptr), nullptr);
+    EXPECT_TRUE(log.has("there is no series", VRK::Error));
+    const auto series = spotSeries(20, 20, 100, 1);
+    RecordingProgressObserver progress(2);
+    FindReflexes2d search;
+    search.registerObserver(&progress);
+    EXPECT_EQ(search.findAllReflexes(series.get()), nullptr);
+}

@@ -1,0 +1,112 @@
+#include "tiltaxis/VRKSphericalProjection.h"
+
+#include <gtest/gtest.h>
+#include <rapidcheck.h>
+
+#include <array>
+#include <cmath>
+#include <limits>
+#include <memory>
+#include <numbers>
+#include <numeric>
+#include <vector>
+
+#include "cellfinding/ClusterPoint.h"
+#include "support/RecordingLogObserver.h"
+
+namespace {
+
+using Vector = std::array<double, 3>;
+
+struct Histogram {
+    Histogram(const std::vector<Vector>& vectors, int phi, int theta)
+        : nPhi(phi), image(static_cast<std::size_t>(phi) * static_cast<std::size_t>(theta)) {
+        std::vector<std::unique_ptr<ClusterPoint<double>>> owned;
+        std::vector<ClusterPoint<double>*> list;
+        for (const Vector& vector : vectors) {
+            owned.push_back(std::make_unique<ClusterPoint<double>>(vector.data(), 3, -1));
+            list.push_back(owned.back().get());
+        }
+        variance =
+            VRKSphericalProjection::getSphericalHistoImage(&list, image.data(), phi, theta, &largest, false);
+    }
+    /// Azimuth and polar address of the only bin in use.
+    std::pair<int, int> onlyBin() const {
+        for (std::size_t i = 0; i < image.size(); ++i)
+            if (image[i] == 255) return {static_cast<int>(i) % nPhi, static_cast<int>(i) / nPhi};
+        return {-1, -1};
+    }
+
+    int nPhi;
+    std::vector<int> image;
+    int largest = -1;
+    float variance = -1;
+};
+
+}  // namespace
+
+TEST(VRKSphericalProjectionTest, PutsDirectionsIntoTheirBins) {
+    // Eight by four bins of 22.5 by 45 degrees: azimuth from -z over x to z, polar angle from y.
+    const struct {
+        Vector vector;
+        std::pair<int, int> bin;
+    } cases[] = {
+        {{1, 0.01, 0.01}, {4, 1}}, {{-1, -0.01, -0.01}, {4, 1}}, {{1, 1, -0.9}, {2, 1}},
+        {{-1, -1, 0.9}, {2, 1}},   {{0, 0.5, 1}, {7, 1}},  // an azimuth of exactly pi
+        {{0, -0.5, -1}, {7, 1}},   {{1, -9, -20}, {0, 2}},       {{1, 9, 0.1}, {4, 0}},
+        {{3, -40, 3}, {6, 3}},
+    };
+    for (const auto& test : cases) {
+        const Histogram histogram({test.vector}, 8, 4);
+        EXPECT_EQ(histogram.onlyBin(), test.bin)
+            << test.vector[0] << ' ' << test.vector[1] << ' ' << test.vector[2];
+        EXPECT_EQ(histogram.largest, 1);
+    }
+}
+
+TEST(VRKSphericalProjectionTest, LeavesOutVectorsAlongThePole) {
+    const Histogram histogram({{0, 5, 0}, {0, -5, 0}, {1, 1, 1}}, 16, 16);
+    EXPECT_EQ(std::accumulate(histogram.image.begin(), histogram.image.end(), 0), 255);
+    EXPECT_FLOAT_EQ(histogram.variance, 1.0F / 256 - 1.0F / 65536);
+}
+
+TEST(VRKSphericalProjectionTest, ScalesToEightBits) {
+    const Histogram histogram({{1, 0, 0}, {1, 0, 0}, {1, 0, 0}, {0, 0.1, 1}}, 8, 4);
+    EXPECT_EQ(histogram.largest, 3);
+    EXPECT_EQ(std::accumulate(histogram.image.begin(), histogram.image.end(), 0), 255 + 85);
+}
+
+TEST(VRKSphericalProjectionTest, GivesTheVarianceOfAPlainCount) {
+    rc::check([](std::vector<std::array<signed char, 3>> bytes) {
+        constexpr int nPhi = 12, nTheta = 7;
+        std::vector<Vector> vectors, opposite;
+        std::vector<double> counts(nPhi * nTheta);
+        for (const auto& b : bytes) {
+            const Vector v = {b[0] + 0.25, b[1] + 0.125, b[2] + 0.375};
+            vectors.push_back(v);
+            opposite.push_back({-v[0], -v[1], -v[2]});
+            const double sign = v[0] < 0 ? -1 : 1;
+            const double phi = std::atan(sign * v[2] / (sign * v[0])) + std::numbers::pi / 2;
+            const double theta = std::acos(sign * v[1] / std::hypot(v[0], v[1], v[2]));
+            ++counts[static_cast<std::size_t>(std::floor(theta / std::numbers::pi * nTheta) * nPhi +
+                                              std::floor(phi / std::numbers::pi * nPhi))];
+        }
+        const double mean = std::accumulate(counts.begin(), counts.end(), 0.0) / (nPhi * nTheta);
+        double squares = 0;
+        for (const double count : counts)
+            squares += (count - mean) * (count - mean);
+        const Histogram histogram(vectors, nPhi, nTheta);
+        RC_ASSERT(std::abs(histogram.variance - squares / (nPhi * nTheta)) < 1e-5 * (1 + squares));
+        RC_ASSERT(Histogram(opposite, nPhi, nTheta).image == histogram.image);
+    });
+}
+
+TEST(VRKSphericalProjectionTest, RefusesWhatHasNoBin) {
+    RecordingLogObserver log;
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    EXPECT_EQ(Histogram({{1, 2, 3}, {nan, 1, 1}}, 8, 4).variance, 0);
+    EXPECT_TRUE(log.has("(image address range 0-7, 0-3)", VRK::Error));
+    int image = 0, largest = 0;
+    EXPECT_EQ(VRKSphericalProjection::getSphericalHistoImage(nullptr, &image, 1, 1, &largest, true), 0);
+    EXPECT_EQ(log.count("", VRK::Error), 2);
+}

@@ -1,0 +1,241 @@
+#include "tiltaxis/VRKTiltAxisRefinement.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+
+#include "Simulation.h"
+#include "TiltAxisSearch.h"
+#include "VoxCore/DataModel/VoxMRCData.h"
+#include "processing/SeriesFactory.h"
+#include "support/RecordingLogObserver.h"
+#include "support/RecordingProgressObserver.h"
+#include "support/TemporaryFolder.h"
+
+namespace {
+
+/// A series of a small crystal with counting noise, without halo and background.
+std::unique_ptr<VoxMRCData> crystalSeries(double axis, double peakCounts = 5000) {
+    host::SimulationSettings settings;
+    settings.cell = {3.7, 4.4, 5.1, 90, 97, 90};
+    settings.axis = axis;
+    settings.peakCounts = peakCounts;
+    settings.detector.size = 128;
+    settings.detector.background = 0;
+    settings.seed = 11;
+    for (int tilt = -60; tilt <= 60; tilt += 2)
+        settings.tilts.push_back(tilt);
+    return host::simulateSeries(settings).series;
+}
+
+/// Distance of two lines.
+double betweenAxes(double a, double b) {
+    return std::abs(std::remainder(a - b, 180.0));
+}
+
+/// Runs a schedule without the work: scores come from a function of the angle.
+class Rehearsal : public VRKTiltAxisRefinement {
+public:
+    explicit Rehearsal(std::function<double(float)> variance) : m_variance(std::move(variance)) {}
+
+    std::vector<std::vector<float>> ranges;
+
+protected:
+    void evaluateAngles(const std::vector<float>& angles, const std::string&, bool) override {
+        ranges.push_back(angles);
+        for (const float angle : angles) {
+            if (!beginAngle(angle)) return;
+            TiltAxisScore score;
+            score.angle = angle;
+            score.evaluated = true;
+            score.variance = m_variance(angle);
+            recordScore(score);
+        }
+    }
+
+private:
+    std::function<double(float)> m_variance;
+};
+
+/// Patterns with some spots, enough to be searched.
+std::unique_ptr<VoxMRCData> spotSeries(unsigned width, unsigned height = 0) {
+    if (height == 0) height = width;
+    auto series = makeSeries(width, height, {-40, -20, 0, 20, 40});
+    for (unsigned i = 0; i < 5; ++i)
+        for (unsigned spot = 0; spot < 8; ++spot) {
+            const unsigned x = width / 10 * (spot % 4 * 2 + 1), y = height / 8 * (spot / 4 * 4 + 1 + i / 3);
+            for (unsigned d = 0; d < 25; ++d)
+                series->GetChunkPointer(i)[(y + d / 5) * width + x + d % 5] = 1000;
+        }
+    return series;
+}
+
+}  // namespace
+
+TEST(VRKTiltAxisRefinementTest, FindsTheAxisInPatterns) {
+    const TemporaryFolder folder;
+    for (const double axis : {0.0, 37.4, -12.3, 85.0, -89.5}) {
+        const auto series = crystalSeries(axis);
+        VRKTiltAxisRefinement search;
+        const float angle = search.searchTiltAxis2dBruteForce(series.get(), "s", folder / "", 1.0);
+        EXPECT_LE(betweenAxes(static_cast<double>(angle), axis), 0.6) << axis;
+    }
+}
+
+TEST(VRKTiltAxisRefinementTest, FindsTheAxisInPatternsFinely) {
+    const TemporaryFolder folder;
+    for (const double axis : {37.4, -89.5}) {
+        const auto series = crystalSeries(axis);
+        VRKTiltAxisRefinement search;
+        const float angle =
+            search.searchTiltAxisManual2D(series.get(), "s", folder / "", axis - 1.23, axis + 1.27, 0.1);
+        EXPECT_LE(betweenAxes(static_cast<double>(angle), axis), 0.2) << axis;
+        const host::TiltAxisFit fit = host::fitTiltAxis(search.scores(), static_cast<double>(angle));
+        EXPECT_LE(betweenAxes(fit.angle, axis), 0.08) << axis;
+        EXPECT_LT(fit.uncertainty, 0.05) << axis;
+    }
+}
+
+TEST(VRKTiltAxisRefinementTest, FindsTheAxisInVolumes) {
+    const TemporaryFolder folder;
+    for (const double axis : {37.4, -89.5}) {
+        const auto series = crystalSeries(axis);
+        VRKTiltAxisRefinement search;
+        const float angle =
+            search.searchTiltAxisManual3D(series.get(), "s", folder / "", axis - 44, axis + 44, 4);
+        EXPECT_LE(betweenAxes(static_cast<double>(angle), axis), 0.01) << axis;
+    }
+}
+
+TEST(VRKTiltAxisRefinementTest, FindsTheAxisOfWeakAndVeryBrightSeries) {
+    const TemporaryFolder folder;
+    for (const double peakCounts : {60.0, 32000.0}) {
+        const auto series = crystalSeries(20.0, peakCounts);
+        VRKTiltAxisRefinement search;
+        EXPECT_FLOAT_EQ(search.searchTiltAxisManual3D(series.get(), "", folder / "", -70, 80, 30), 20.0F)
+            << peakCounts;
+    }
+}
+
+TEST(VRKTiltAxisRefinementTest, LeavesTheSeriesAloneAndWritesImagesAndPlots) {
+    const TemporaryFolder folder;
+    const auto series = crystalSeries(37.4);
+    const std::vector<short> before = pixelsOf(*series, 30);
+    VRKTiltAxisRefinement search;
+    search.searchTiltAxisManual2D(series.get(), "crystal", folder / "", 36.5, 38, 0.5);
+    ASSERT_EQ(search.scores().size(), 4u);
+    EXPECT_EQ(pixelsOf(*series, 30), before);
+    for (const char* name : {"diffVectorHistogramm_RotAngle_36.5.png", "diffVectorHistogramm_RotAngle_38.png",
+                             "crystal_searchTiltAxis_plots/differenceVectorSpace_histogram_variance.plt",
+                             "crystal_searchTiltAxis_plots/differenceVectorSpace_histogram_variance2_1.dat",
+                             "crystal_searchTiltAxis_plots/differenceVectorSpace_histogram_maxValue.plt"})
+        EXPECT_TRUE(std::filesystem::exists(folder / name)) << name;
+}
+
+TEST(VRKTiltAxisRefinementTest, TriesAnglesOnAScheduleThatFollowsTheAccuracy) {
+    const TemporaryFolder folder;
+    const auto series = spotSeries(64);
+    const struct {
+        double accuracy;
+        std::size_t iterations;
+        int steps;
+    } cases[] = {{2.0, 2, 59}, {1.0, 2, 59}, {0.5, 3, 79}, {0.1, 3, 79}, {0.01, 4, 99}};
+    for (const auto& test : cases) {
+        RecordingLogObserver log;
+        RecordingProgressObserver progress;
+        Rehearsal search([](float angle) { return 1000.0 - std::abs(static_cast<double>(angle) - 88.24); });
+        search.registerObserver(&progress);
+        const float angle = search.searchTiltAxis2dBruteForce(series.get(), "", folder / "", test.accuracy);
+        EXPECT_TRUE(log.has("iterations = " + std::to_string(test.iterations), VRK::Normal));
+        EXPECT_EQ(progress.steps(), test.steps);
+        ASSERT_EQ(search.ranges.size(), test.iterations);
+        EXPECT_EQ(search.ranges[0].size(), 37u);
+        EXPECT_EQ(progress.updates.back(), static_cast<int>(37 + 21 * (test.iterations - 1)));
+        // The best angle was 90: the range goes on beyond it.
+        EXPECT_EQ(search.ranges[1].size(), 21u);
+        EXPECT_EQ(search.ranges[1].front(), 80.0F);
+        EXPECT_EQ(search.ranges[1].back(), 100.0F);
+        EXPECT_NEAR(static_cast<double>(angle), 88.24,
+                    0.51 * std::pow(10.0, 2.0 - static_cast<double>(test.iterations)));
+    }
+}
+
+TEST(VRKTiltAxisRefinementTest, KeepsTheEarlierOfEqualAngles) {
+    const TemporaryFolder folder;
+    const auto series = spotSeries(64);
+    Rehearsal search([](float angle) { return angle == -35.0F || angle >= 40.0F ? 2.0 : 1.0; });
+    EXPECT_EQ(search.searchTiltAxisManual2D(series.get(), "", folder / "", -50, 50, 5), -35.0F);
+}
+
+TEST(VRKTiltAxisRefinementTest, HalvesSeriesOfMoreThan256Pixels) {
+    const TemporaryFolder folder;
+    const struct {
+        unsigned width, height;
+        long halvings;
+        std::string size;
+    } cases[] = {{256, 256, 0, ""}, {257, 257, 1, "128 x 128 x 5"}, {600, 513, 2, "150 x 150 x 5"}};
+    for (const auto& test : cases) {
+        RecordingLogObserver log;
+        const auto series = spotSeries(test.width, test.height);
+        Rehearsal search([](float) { return 1.0; });
+        EXPECT_NE(search.searchTiltAxisManual3D(series.get(), "", folder / "", 0, 1, 1),
+                  VRKTiltAxisRefinement::kNoAngle);
+        EXPECT_EQ(log.count("input volume rebinned to ", VRK::Normal), test.halvings) << test.width;
+        EXPECT_EQ(log.has("rebinned to " + test.size, VRK::Normal), test.halvings > 0) << test.width;
+        EXPECT_EQ(log.has("rebinned volume deleted", VRK::Normal), test.halvings > 0);
+    }
+}
+
+TEST(VRKTiltAxisRefinementTest, SaysWhyThereIsNoAngle) {
+    const TemporaryFolder folder;
+    const auto good = spotSeries(64);
+    const auto zero = makeSeries(64, 64, {-10, 0, 10});
+    const auto one = makeSeries(64, 64, {5});
+    const auto untilted = makeSeries(64, 64, {0, 0, 0});
+    const auto unsorted = makeSeries(64, 64, {0, 20, 10});
+    const struct {
+        VoxMRCData* series;
+        std::string folder;
+        const char* message;
+    } cases[] = {{good.get(), "", "folderName2SaveResults ==  \n"},
+                 {good.get(), folder / "missing", "does not exist"},
+                 {good.get(), folder.write("file", "x"), "does not exist"},
+                 {nullptr, folder / "", "there is no series"},
+                 {zero.get(), folder / "", "no reflections"},
+                 {one.get(), folder / "", "one pattern"},
+                 {untilted.get(), folder / "", "same tilt angle"},
+                 {unsorted.get(), folder / "", "do not ascend"}};
+    for (const auto& test : cases)
+        for (const bool volume : {true, false}) {
+            RecordingLogObserver log;
+            VRKTiltAxisRefinement search;
+            const float angle = volume
+                                    ? search.searchTiltAxisAutomated3D(test.series, "n", test.folder, 0.1)
+                                    : search.searchTiltAxis2dBruteForce(test.series, "n", test.folder, 0.1);
+            EXPECT_EQ(angle, 777777.75F) << test.message;
+            EXPECT_TRUE(log.has(test.message, VRK::Error)) << test.message;
+            EXPECT_TRUE(search.scores().empty());
+        }
+    VRKTiltAxisRefinement search;
+    for (const double step : {0.0, -1.0, std::nan(""), 1e-9})
+        EXPECT_EQ(search.searchTiltAxisManual3D(good.get(), "", folder / "", 0, 10, step), 777777.75F);
+}
+
+TEST(VRKTiltAxisRefinementTest, ReturnsTheBestSoFarWhenStopped) {
+    const TemporaryFolder folder;
+    const auto series = crystalSeries(-85);
+    RecordingProgressObserver progress(5);  // the announcement and four angles
+    VRKTiltAxisRefinement search;
+    search.registerObserver(&progress);
+    EXPECT_EQ(search.searchTiltAxis2dBruteForce(series.get(), "", folder / "", 0.1), -85.0F);
+    EXPECT_EQ(search.scores().size(), 3u);
+
+    RecordingProgressObserver atOnce(2);
+    search.registerObserver(&atOnce);
+    EXPECT_EQ(search.searchTiltAxisAutomated3D(series.get(), "", folder / "", 0.1), 777777.75F);
+}
