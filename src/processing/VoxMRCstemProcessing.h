@@ -91,10 +91,9 @@ public:
     /// Turns every pattern about its centre so that the tilt axis lies along y.
     ///
     /// \param quiet         no remark on the rotation in the log
-    /// \param angleDegrees  angle of the axis, which lies along (-sin t, cos t), x to the right and y down
-    /// the
-    ///                      file; that direction becomes +y. 0 copies, multiples of 90 degrees permute the
-    ///                      pixels of square frames. Not finite: null.
+    /// \param angleDegrees  angle of the axis, which lies along (-sin t, cos t), x to the right and y down;
+    ///                      that direction becomes +y. 0 copies, multiples of 90 degrees permute the pixels
+    ///                      of square frames. Not finite: null.
     /// \param verbosity     above 0: one line per pattern
     ///
     /// Axis angles in the slices' records (0: none) are turned along. Cubic convolution as in
