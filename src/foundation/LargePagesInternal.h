@@ -19,9 +19,8 @@ namespace VRK::detail {
 inline void preferLargePages([[maybe_unused]] void* memory, [[maybe_unused]] std::size_t bytes) {
 #ifdef MADV_HUGEPAGE
     const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
-    const auto begin = reinterpret_cast<std::uintptr_t>(memory) / page * page;
-    const std::uintptr_t end = reinterpret_cast<std::uintptr_t>(memory) + bytes;
-    madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+    const std::size_t intoPage = reinterpret_cast<std::uintptr_t>(memory) % page;
+    madvise(static_cast<char*>(memory) - intoPage, bytes + intoPage, MADV_HUGEPAGE);
 #endif
 }
 

@@ -102,9 +102,10 @@ bool has128ByteRecords(const std::vector<char>& records, const mrcH& header) {
 void providePages([[maybe_unused]] std::span<short> values) {
 #ifdef MADV_POPULATE_WRITE
     const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
-    const std::uintptr_t first = (reinterpret_cast<std::uintptr_t>(values.data()) + page - 1) / page * page;
-    const std::uintptr_t last = reinterpret_cast<std::uintptr_t>(values.data() + values.size()) / page * page;
-    if (first < last) madvise(reinterpret_cast<void*>(first), last - first, MADV_POPULATE_WRITE);
+    const std::size_t toPage = (page - reinterpret_cast<std::uintptr_t>(values.data()) % page) % page;
+    if (values.size_bytes() < toPage + page) return;
+    const std::size_t wholePages = (values.size_bytes() - toPage) / page * page;
+    madvise(reinterpret_cast<char*>(values.data()) + toPage, wholePages, MADV_POPULATE_WRITE);
 #endif
 }
 
