@@ -6,6 +6,7 @@
 #include <numbers>
 #include <numeric>
 
+#include "LayerSearch.h"
 #include "cellfinding/CalculateCellAlgorithm.h"
 #include "cellfinding/Parameter.h"
 #include "crystallography/UnitCell.h"
@@ -193,6 +194,20 @@ LatticeCandidate judged(const Matrix3d& basis, const Points& judges, const CellS
     return candidate;
 }
 
+/// For every candidate, the lattices that share two of its vectors and have the third from the distances of
+/// the layers.
+void addLayeredBases(const Points& judges, std::vector<LatticeCandidate>& candidates) {
+    const std::size_t count = std::min<std::size_t>(candidates.size(), 3);
+    for (std::size_t i = 0; i < count; ++i) {
+        const Matrix3d basis = candidates[i].lattice.basis;
+        const CellSearchTrial trial = candidates[i].trial;
+        for (int third = 0; third < 3; ++third)
+            for (const Matrix3d& layered :
+                 basesFromLayers(judges, basis.col((third + 1) % 3), basis.col((third + 2) % 3)))
+                candidates.push_back(judged(reduced(layered), judges, trial));
+    }
+}
+
 }  // namespace
 
 double neighbourDistance(const Points& points, std::size_t k) {
@@ -305,6 +320,8 @@ std::vector<LatticeCandidate> CellSearch::search(const Points& points,
             ++agreements;
         if (agreements == 2) break;
     }
+    keepDistinct(candidates, kKeptCandidates);
+    addLayeredBases(judges, candidates);
     keepDistinct(candidates, kKeptCandidates);
     for (LatticeCandidate& candidate : candidates) {
         candidate.lattice = settleMultiples(judges, candidate.lattice);

@@ -80,8 +80,8 @@ bool needsFineNodes(std::span<const Vector3d> points, const Lattice& coarse, con
     }
     const double chance =
         std::min(0.5, sphereVolume(radius) * (1.0 / fine.cellVolume() - 1.0 / coarse.cellVolume()));
-    return explained >= 8 && explained >= 0.04 * kept && explained >= 0.25 * left &&
-           evidenceOf(explained, left, chance) > 12.0;
+    return explained >= 8 && explained >= 0.04 * kept && explained >= 0.12 * left &&
+           evidenceOf(explained, left, chance) > 20.0;
 }
 
 }  // namespace
@@ -112,7 +112,8 @@ LatticeScore scoreLattice(std::span<const Vector3d> points, const Lattice& latti
     }
     for (std::size_t i = 0; i < kRadii.size(); ++i) {
         const double chance = sphereVolume(kRadii[i]) / volume;
-        if (chance > 0.5) break;
+        // Spheres of neighbouring nodes that touch would let a row of nodes index every point along it.
+        if (i > 0 && (chance > 0.5 || kRadii[i] > 0.35 * lattice.shortestEdge())) break;
         const double evidence = evidenceOf(within[i], best.points, chance);
         if (evidence <= best.evidence && i > 0) continue;
         best.evidence = evidence;

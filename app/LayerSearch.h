@@ -1,0 +1,24 @@
+/// \file
+/// The third vector of a lattice of which two are known.
+#pragma once
+
+#include <Eigen/Dense>
+#include <vector>
+
+#include "LatticeScore.h"
+
+namespace host {
+
+/// Nodes of a lattice lie in layers parallel to any two of its vectors. When the layers are so close that
+/// reflections of neighbouring ones touch, difference vectors no longer tell their distance, but the
+/// positions along the normal still have a sharp period. It is found as a maximum of the Fourier sum over
+/// all points, and so are the shifts of one layer against the next along both vectors.
+///
+/// \param points  relative to the origin, voxels
+/// \param a,b     the known vectors
+/// \returns bases of a, b and a third vector, one for each of the strongest periods; empty when the points
+///          have none
+std::vector<Eigen::Matrix3d> basesFromLayers(const Points& points, const Eigen::Vector3d& a,
+                                             const Eigen::Vector3d& b);
+
+}  // namespace host
