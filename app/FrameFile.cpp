@@ -1,7 +1,6 @@
 #include "FrameFile.h"
 
 #include <array>
-#include <cmath>
 #include <fstream>
 #include <system_error>
 
@@ -35,13 +34,6 @@ void FrameFile::checkSize(long long width, long long height) const {
     if (width < 1 || height < 1 || width > largest || height > largest)
         refuse("its header gives frames of " + std::to_string(width) + " x " + std::to_string(height) +
                " pixels; the file is damaged or of another kind");
-}
-
-double electronKilovolts(double wavelength) {
-    // h / sqrt(2 m e U (1 + e U / (2 m c^2))) solved for U
-    constexpr double relativistic = 0.978475598e-6;
-    const double ratio = 12.2642596 / wavelength;
-    return (std::sqrt(1 + 4 * relativistic * ratio * ratio) - 1) / (2 * relativistic) / 1e3;
 }
 
 }  // namespace host

@@ -58,7 +58,4 @@ protected:
     std::vector<FrameInfo> m_infos;  ///< one per frame
 };
 
-/// The voltage in kV of electrons of this wavelength in Angstrom (relativistic).
-double electronKilovolts(double wavelength);
-
 }  // namespace host

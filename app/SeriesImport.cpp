@@ -11,6 +11,7 @@
 #include "SeriesHeader.h"
 #include "TiltList.h"
 #include "foundation/Version.h"
+#include "indexing/EwaldCurvature.h"
 
 namespace host {
 namespace {
@@ -132,7 +133,7 @@ void Importer::openList(const std::filesystem::path& path) {
         info.tilt = entry.tilt;
         if (list.rotation) info.rotation = list.rotation;
         if (list.pixelSize) info.pixelSize = list.pixelSize;
-        if (list.wavelength) info.kilovolts = electronKilovolts(*list.wavelength);
+        if (list.wavelength) info.kilovolts = EwaldCurvature::kiloVolts(*list.wavelength);
         if (list.axis) info.axis = list.axis;
         m_frames.push_back({file, 0, info});
     }

@@ -9,6 +9,7 @@
 #include "Failure.h"
 #include "SeriesHeader.h"
 #include "foundation/Version.h"
+#include "indexing/EwaldCurvature.h"
 
 namespace host {
 namespace {
@@ -228,7 +229,7 @@ void Simulator::placeCrystals() {
         m_settings.orientation.value_or(randomRotation(randomFor(m_settings.seed, Purpose::Orientation)));
     m_reflections = m_crystal.reflections(m_settings.dmin);
     const double scale = m_settings.peakCounts / strongIntensity(m_reflections);
-    const double signedWavelength = m_settings.handedness * electronWavelength(m_settings.kilovolts);
+    const double signedWavelength = m_settings.handedness * EwaldCurvature::wavelength(m_settings.kilovolts);
     m_tables.push_back(tableOf(m_reflections, m_orientation, signedWavelength, scale));
     if (m_settings.secondCrystal > 0)
         m_tables.push_back(tableOf(m_reflections,
@@ -312,7 +313,7 @@ SimulationTruth Simulator::truth() const {
     }
     result.axis = m_settings.axis;
     result.pixelSize = m_pixelSize * 1e10;
-    result.wavelength = electronWavelength(m_settings.kilovolts);
+    result.wavelength = EwaldCurvature::wavelength(m_settings.kilovolts);
     result.handedness = m_settings.handedness;
     for (const Frame& frame : m_frames) {
         result.tilts.push_back(frame.tilt / kDegree);
@@ -416,12 +417,6 @@ nlohmann::json SimulationTruth::toJson() const {
 SimulatedSeries simulateSeries(const SimulationSettings& settings, VoxProgressObserver* progress) {
     checkSettings(settings);
     return Simulator(settings).run(progress);
-}
-
-double electronWavelength(double kilovolts) {
-    // h / sqrt(2 m e U (1 + e U / (2 m c^2)))
-    const double volts = kilovolts * 1e3;
-    return 12.2642596 / std::sqrt(volts * (1 + 0.978475598e-6 * volts));
 }
 
 }  // namespace host

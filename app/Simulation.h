@@ -114,7 +114,4 @@ struct SimulatedSeries {
 /// returns a null series. Throws Failure (usage) when the settings contradict each other.
 SimulatedSeries simulateSeries(const SimulationSettings& settings, VoxProgressObserver* progress = nullptr);
 
-/// Relativistic wavelength of electrons in Angstrom.
-double electronWavelength(double kilovolts);
-
 }  // namespace host

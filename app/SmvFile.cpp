@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "NumberList.h"
+#include "indexing/EwaldCurvature.h"
 
 namespace host {
 namespace {
@@ -112,7 +113,7 @@ void SmvFile::readGeometry(const Keys& keys) {
     const double distance = number(keys, "DISTANCE").value_or(0);
     const double wavelength = number(keys, "WAVELENGTH").value_or(0);
     if (pixel > 0 && distance > 0 && wavelength > 0) info.pixelSize = pixel / (distance * wavelength) * 1e10;
-    if (wavelength > 0) info.kilovolts = electronKilovolts(wavelength);
+    if (wavelength > 0) info.kilovolts = EwaldCurvature::kiloVolts(wavelength);
 }
 
 Frame SmvFile::read(int) const {

@@ -2,17 +2,32 @@
 
 #include <cmath>
 
+namespace {
+
+// CODATA 2018, SI units: h, m_e, e, c.
+constexpr double kPlanck = 6.62607015e-34;
+constexpr double kMass = 9.1093837015e-31;
+constexpr double kCharge = 1.602176634e-19;
+constexpr double kLight = 299792458.0;
+
+}  // namespace
+
 EwaldCurvature::EwaldCurvature(double wavelength, double pixelSize)
     : m_factor(0.5 * wavelength * pixelSize * 1e-10) {}
 
 double EwaldCurvature::wavelength(double kiloVolts) {
-    // CODATA 2018: h, m_e, e, c.
-    constexpr double kPlanck = 6.62607015e-34, kMass = 9.1093837015e-31, kCharge = 1.602176634e-19,
-                     kLight = 299792458.0;
     if (!(kiloVolts > 0.0)) return 0.0;
     const double energy = kCharge * kiloVolts * 1e3;
     const double momentum2 = 2.0 * kMass * energy * (1.0 + energy / (2.0 * kMass * kLight * kLight));
     return kPlanck / std::sqrt(momentum2) * 1e10;
+}
+
+double EwaldCurvature::kiloVolts(double wavelength) {
+    if (!(wavelength > 0.0)) return 0.0;
+    const double momentum = kPlanck / (wavelength * 1e-10);
+    const double relative = momentum / (kMass * kLight);
+    const double energy = momentum * momentum / kMass / (1.0 + std::sqrt(1.0 + relative * relative));
+    return energy / kCharge * 1e-3;
 }
 
 double EwaldCurvature::step(const double relative[3]) const {

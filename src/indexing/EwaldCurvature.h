@@ -23,6 +23,8 @@ public:
     /// Relativistic wavelength in Angstrom of electrons of the given energy in kV; 0 when it is not positive.
     /// 200 kV give 0.02508.
     static double wavelength(double kiloVolts);
+    /// The reverse: the energy in kV of electrons of a wavelength in Angstrom; 0 when it is not positive.
+    static double kiloVolts(double wavelength);
 
     /// How far the sphere leaves the plane at a place relative to the origin, in voxels.
     double step(const double relative[3]) const;

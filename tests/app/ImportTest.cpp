@@ -485,12 +485,6 @@ TEST(Import, NamesWithNumbersAreOrderedByThem) {
     EXPECT_FALSE(host::naturallyBefore("f_10.img", "f_10.img"));
 }
 
-TEST(Import, VoltageAndWavelengthAreInverse) {
-    for (const double kilovolts : {80.0, 120.0, 200.0, 300.0})
-        EXPECT_NEAR(host::electronKilovolts(host::electronWavelength(kilovolts)), kilovolts, 1e-9);
-    EXPECT_NEAR(host::electronWavelength(200), 0.025079, 1e-6);
-}
-
 TEST(ImportCommand, WritesASeriesOrNothing) {
     const TemporaryFolder folder;
     for (int frame = 0; frame < 3; ++frame)

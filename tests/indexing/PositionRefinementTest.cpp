@@ -65,6 +65,9 @@ TEST(EwaldCurvatureTest, KnowsWavelengthAndStep) {
     EXPECT_NEAR(EwaldCurvature::wavelength(200.0), 0.025079, 1e-6);
     EXPECT_NEAR(EwaldCurvature::wavelength(300.0), 0.019687, 1e-6);
     EXPECT_EQ(EwaldCurvature::wavelength(0.0), 0.0);
+    for (const double kiloVolts : {1.0, 80.0, 200.0, 300.0})
+        EXPECT_NEAR(EwaldCurvature::kiloVolts(EwaldCurvature::wavelength(kiloVolts)), kiloVolts, 1e-10);
+    EXPECT_EQ(EwaldCurvature::kiloVolts(0.0), 0.0);
     const EwaldCurvature curvature(0.02508, kPixelSize);
     const double far[3] = {0.0, 240.0, 0.0};  // 1.2 per Angstrom
     EXPECT_NEAR(curvature.step(far), 1.2 * 1.2 * 0.02508 / 2.0 / kPerVoxel, 1e-9);
