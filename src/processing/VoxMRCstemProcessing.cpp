@@ -20,7 +20,7 @@
 #include "processing/ReciprocalVolumeInternal.h"
 #include "processing/ResamplingInternal.h"
 #include "processing/SamplingGeometry.h"
-#include "processing/SingleThreadedOpenCVInternal.h"
+#include "visualisation/SingleThreadedOpenCVInternal.h"
 
 namespace {
 

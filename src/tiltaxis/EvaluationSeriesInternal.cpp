@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "processing/FrameInternal.h"
-#include "processing/SingleThreadedOpenCVInternal.h"
 #include "tiltaxis/Reflex2d.h"
+#include "visualisation/SingleThreadedOpenCVInternal.h"
 
 namespace VRK::detail {
 namespace {

@@ -11,8 +11,8 @@
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "foundation/VRKLogger.h"
 #include "processing/FrameInternal.h"
-#include "processing/SingleThreadedOpenCVInternal.h"
 #include "tiltaxis/Reflex2d.h"
+#include "visualisation/SingleThreadedOpenCVInternal.h"
 
 namespace {
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "foundation/VRKLogger.h"
+#include "visualisation/SingleThreadedOpenCVInternal.h"
 
 namespace {
 
@@ -103,6 +104,7 @@ void draw(cv::Mat& canvas, const ImageOverlay& overlay) {
 
 bool VoxOpenCV::SaveImageWithEqualizeHist(const int* pixels, int width, int height, const std::string& path) {
     if (!pixels || width <= 0 || height <= 0) return fail(path, "the image is empty");
+    const VRK::detail::SingleThreadedOpenCV singleThreaded;
     cv::Mat grey(height, width, CV_8U);
     const std::size_t count = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
     std::transform(pixels, pixels + count, grey.data,
@@ -113,6 +115,7 @@ bool VoxOpenCV::SaveImageWithEqualizeHist(const int* pixels, int width, int heig
 
 bool VoxOpenCV::SaveImage(const PlaneImage& image, const std::string& path, const ImageOverlay& overlay) {
     if (isEmpty(image)) return fail(path, "the image is empty");
+    const VRK::detail::SingleThreadedOpenCV singleThreaded;
     const cv::Mat grey = greyScaled(image);
     if (overlay.title.empty() && overlay.lines.empty() && overlay.nodes.empty()) return save(grey, path);
     cv::Mat canvas;
