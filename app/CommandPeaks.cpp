@@ -12,10 +12,10 @@
 #include <vector>
 
 #include "Commands.h"
+#include "DataFiles.h"
 #include "Failure.h"
 #include "OutputFile.h"
 #include "ParameterOptions.h"
-#include "ReadMRC.h"
 #include "reflections/FindReflexes.h"
 #include "reflections/PeakFileImportExport.h"
 
@@ -69,22 +69,12 @@ private:
     std::int64_t m_total = 0;
 };
 
-std::unique_ptr<VoxMRCData> readVolume(Host& host, const std::string& path) {
-    auto volume = readMRC(host, path);
-    const mrcH& header = volume->m_Header;
-    std::ostringstream text;
-    if (header.type == MRCType::TILT_SERIES) {
-        text << path << " holds a tilt series (" << header.nz << " patterns from " << header.tilt(0) << " to "
-             << header.tilt(header.nz - 1) << " degrees), not a volume; run 'vrk reconstruct' on it first";
-        throw Failure(text.str());
-    }
-    if (volume->GetWidth() != volume->GetHeight()) {
-        text
-            << path << " has slices of " << volume->GetWidth() << " x " << volume->GetHeight()
-            << " voxels, and only volumes of square slices can be searched; reconstruct from square patterns";
-        throw Failure(text.str());
-    }
-    return volume;
+void checkSquare(const VoxMRCData& volume, const std::string& path) {
+    if (volume.GetWidth() == volume.GetHeight()) return;
+    throw Failure(path + " has slices of " + std::to_string(volume.GetWidth()) + " x " +
+                  std::to_string(volume.GetHeight()) +
+                  " voxels, and only volumes of square slices can be searched; reconstruct from square "
+                  "patterns");
 }
 
 ReflexVectorPtr search(Host& host, VoxMRCData& volume, Parameter& parameter) {
@@ -219,7 +209,8 @@ void run(const Options& options, Host& host) {
         throw Failure("the peak file would replace the volume " + options.volume + "; give -o another name",
                       ExitCode::Usage);
     OutputFile file(options.output);
-    const auto volume = readVolume(host, options.volume);
+    const auto volume = readVolume(options.volume, host);
+    checkSquare(*volume, options.volume);
     const ReflexVectorPtr list = search(host, *volume, parameter);
     const ValueCounts counts(*volume);
     if (list->empty())

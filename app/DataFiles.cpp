@@ -1,5 +1,6 @@
 #include "DataFiles.h"
 
+#include <sstream>
 #include <string>
 
 #include "Failure.h"
@@ -21,9 +22,13 @@ std::unique_ptr<VoxMRCData> readSeries(const std::filesystem::path& path, Host& 
 
 std::unique_ptr<VoxMRCData> readVolume(const std::filesystem::path& path, Host& host) {
     std::unique_ptr<VoxMRCData> volume = readMRC(host, path);
-    if (volume->m_Header.type != MRCType::MRCVOLUME)
-        throw Failure(path.string() + " holds a tilt series, no volume; run 'vrk reconstruct' on it first");
-    return volume;
+    const mrcH& header = volume->m_Header;
+    if (header.type == MRCType::MRCVOLUME) return volume;
+    std::ostringstream text;
+    text << path.string() << " holds a tilt series (" << header.nz << " patterns from " << header.tilt(0)
+         << " to " << header.tilt(header.nz - 1)
+         << " degrees), not a volume; run 'vrk reconstruct' on it first";
+    throw Failure(text.str());
 }
 
 void writeData(VoxMRCData& data, const std::filesystem::path& path, Host& host) {
