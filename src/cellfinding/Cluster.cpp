@@ -41,6 +41,10 @@ Cluster<P>::Cluster(const std::vector<P*>* points, int clusterID)
     : PointSet<P>(points), m_clusterID(usableLabel(clusterID)) {}
 
 template <typename P>
+Cluster<P>::Cluster(const Cluster<P>& other)
+    : PointSet<P>(other), m_clusterID(usableLabel(other.m_clusterID)) {}
+
+template <typename P>
 Cluster<P>::~Cluster() {
     const VRK::detail::Trace trace(">> Destructor Cluster", "<< Destructor Cluster", VRK::ObjectControl);
 }

@@ -14,7 +14,7 @@ public:
     /// A negative label becomes 0, with the warning "ClusterID has to be positiv. Use now clusterID 0.".
     Cluster(const P* point, int clusterID);
     Cluster(const std::vector<P*>* points, int clusterID);
-    Cluster(const Cluster<P>& other) = default;
+    Cluster(const Cluster<P>& other);
     Cluster<P>& operator=(const Cluster<P>& other) = default;
     ~Cluster() override;
 
