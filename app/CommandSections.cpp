@@ -30,6 +30,7 @@ UnitCell readCell(const Options& options, double pixelSize, Host& host) {
 }
 
 void run(const Options& options, Host& host) {
+    checkPlanes(options.sections.planes);
     if (!options.log.empty()) host.openLog(options.log);
     const std::unique_ptr<VoxMRCData> volume = readVolume(options.volume, host);
     const double pixelSize = volume->m_Header.m_pixelsize;
@@ -54,7 +55,9 @@ void addSectionsCommand(CLI::App& app, Host& host) {
     command->add_option("-o,--output", options->folder, "Folder for the pictures")
         ->required()
         ->type_name("FOLDER");
-    command->add_option("--plane", options->sections.planes, "Planes, for instance hk0 h1l [hk0 h0l 0kl]")
+    command
+        ->add_option("--plane", options->sections.planes,
+                     "Planes, for instance hk0 h1l hhl h-hl [hk0 h0l 0kl]")
         ->type_name("PLANE");
     command->add_option("--thickness", options->sections.thickness, "Thickness in voxels")
         ->check(CLI::Range(0.0, 100.0))

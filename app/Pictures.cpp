@@ -32,7 +32,22 @@ void save(const PlaneImage& image, const ImageOverlay& overlay, bool tga, fs::pa
     finish(VoxOpenCV::SaveTGA(image, plain.path().string()), plain);
 }
 
+ReciprocalSection::Settings planeSettings(const std::string& plane) {
+    ReciprocalSection::Settings settings;
+    if (!ReciprocalSection::parsePlane(plane, settings))
+        throw Failure("\"" + plane +
+                          "\" is no plane; write h, k, l with a number or a letter again in one place, for "
+                          "instance hk0, h1l or hhl",
+                      ExitCode::Usage);
+    return settings;
+}
+
 }  // namespace
+
+void checkPlanes(const std::vector<std::string>& planes) {
+    for (const std::string& plane : planes)
+        planeSettings(plane);
+}
 
 void makeFolder(const fs::path& folder) {
     std::error_code error;
@@ -49,14 +64,9 @@ std::vector<fs::path> writeSections(const VoxMRCData& volume, const UnitCell& ce
     const ReciprocalSection section(volume, cell, origin);
     std::vector<fs::path> written;
     for (const std::string& plane : options.planes) {
-        ReciprocalSection::Settings settings;
+        ReciprocalSection::Settings settings = planeSettings(plane);
         settings.thickness = options.thickness;
         settings.size = options.size;
-        if (!ReciprocalSection::parsePlane(plane, settings))
-            throw Failure(
-                "\"" + plane +
-                    "\" is no plane; write two of h, k, l and a whole number, for instance hk0 or h1l",
-                ExitCode::Usage);
         ImageOverlay overlay = section.overlay(settings, options.nodes);
         overlay.title = plane;
         save(section.sample(settings), overlay, options.tga, folder / plane, written);

@@ -24,6 +24,9 @@ struct SectionOptions {
     bool tga = false;
 };
 
+/// Throws Failure on the first name that is no plane.
+void checkPlanes(const std::vector<std::string>& planes);
+
 /// Writes `<plane>.png` for every plane. Returns the paths; throws Failure on a name that is no plane and
 /// when a picture cannot be written.
 std::vector<std::filesystem::path> writeSections(const VoxMRCData& volume, const UnitCell& cell,

@@ -161,13 +161,11 @@ ImageOverlay ReciprocalSection::overlay(const Settings& settings, bool nodes) co
     }
     if (!nodes) return result;
 
-    const double shortest = std::min(norm(node(settings.u)), norm(node(settings.v)));
+    const double longest = std::max(norm(node(settings.u)), norm(node(settings.v)));
+    const double rows = norm(cross(node(settings.u), node(settings.v))) / longest;
     // Rings that would touch tell nothing.
-    if (shortest / frame.voxelsPerPixel < 6.0) return result;
-    const double sine =
-        norm(cross(node(settings.u), node(settings.v))) / (norm(node(settings.u)) * norm(node(settings.v)));
-    const int most =
-        static_cast<int>(std::ceil(0.75 * settings.size * frame.voxelsPerPixel / (shortest * sine)));
+    if (!(rows / frame.voxelsPerPixel >= 6.0)) return result;
+    const int most = static_cast<int>(std::ceil(0.75 * settings.size * frame.voxelsPerPixel / rows));
     for (int i = -most; i <= most; ++i)
         for (int j = -most; j <= most; ++j) {
             const auto at = place(level + static_cast<double>(i) * node(settings.u) +
@@ -179,33 +177,39 @@ ImageOverlay ReciprocalSection::overlay(const Settings& settings, bool nodes) co
 }
 
 bool ReciprocalSection::parsePlane(const char* name, Settings& settings) {
-    // Two of the three places hold their letter, the third a whole number.
+    // Each place holds its own letter, which runs freely, but for one: a whole number, or an earlier letter.
     static constexpr std::array<char, 3> kLetters = {'h', 'k', 'l'};
     const char* const end = name + std::strlen(name);
-    std::array<bool, 3> free{};
+    std::array<std::array<int, 3>, 3> steps{};  // of the free letters
     int level = 0;
-    int numbers = 0;
-    std::size_t fixed = 0;
+    int bound = 0;
+    std::size_t boundPlace = 0;
     for (std::size_t place = 0; place < 3; ++place) {
         if (name != end && *name == kLetters[place]) {
-            free[place] = true;
+            steps[place][place] = 1;
             ++name;
+            continue;
+        }
+        boundPlace = place;
+        ++bound;
+        const bool negative = name != end && *name == '-';
+        const auto own = kLetters.begin() + static_cast<std::ptrdiff_t>(place);
+        const auto letter = std::find(kLetters.begin(), own, name[negative ? 1 : 0]);
+        if (letter != own) {
+            steps[static_cast<std::size_t>(letter - kLetters.begin())][place] = negative ? -1 : 1;
+            name += negative ? 2 : 1;
             continue;
         }
         const auto parsed = std::from_chars(name, end, level);
         if (parsed.ec != std::errc() || std::abs(level) > 1000) return false;
         name = parsed.ptr;
-        fixed = place;
-        ++numbers;
     }
-    if (name != end || numbers != 1) return false;
+    if (name != end || bound != 1) return false;
 
-    std::array<std::array<int, 3>, 3> unit = {{{1, 0, 0}, {0, 1, 0}, {0, 0, 1}}};
-    const std::size_t first = fixed == 0 ? 1 : 0;
-    const std::size_t second = fixed == 2 ? 1 : 2;
-    settings.u = unit[first];
-    settings.v = unit[second];
-    settings.w = unit[fixed];
+    settings.u = steps[boundPlace == 0 ? 1 : 0];
+    settings.v = steps[boundPlace == 2 ? 1 : 2];
+    settings.w = {0, 0, 0};
+    settings.w[boundPlace] = 1;
     settings.level = level;
     return true;
 }

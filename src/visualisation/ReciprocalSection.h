@@ -44,7 +44,8 @@ public:
     ImageOverlay overlay(const Settings& settings, bool nodes) const;
 
     /// Settings of the plane through the origin or at a level, by its name: "hk0", "h0l", "0kl", "hk1",
-    /// "h-2l". \returns false for any other text; the settings are then untouched
+    /// "h-2l"; with a letter instead of the number, "hhl", "h-hl", "hkk", a diagonal plane.
+    /// \returns false for any other text; the settings are then untouched
     static bool parsePlane(const char* name, Settings& settings);
     static bool parsePlane(const std::string& name, Settings& settings) {
         return parsePlane(name.c_str(), settings);

@@ -80,6 +80,14 @@ TEST_F(IndexCommandTest, ChoosesTheFormat) {
     EXPECT_NEAR(refined.getLengthOfA(), 12.5 * std::sqrt(3.0), 0.05);
 }
 
+TEST_F(IndexCommandTest, PlotsIntoAFolder) {
+    const VrkResult run = index({"-o", "x.hkl", "--pixel-size", "5e7", "--plots", "the plots"});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    for (const char* name : {"indicateEvaluation", "hklPlot", "hPlot", "kPlot", "lPlot"})
+        EXPECT_FALSE(m_folder.read("the plots/" + std::string(name) + ".plt").empty()) << name;
+    EXPECT_EQ(index({"-o", "x.hkl", "--pixel-size", "5e7", "--plots", "peaks.txt"}).exitCode, 1);
+}
+
 TEST_F(IndexCommandTest, SaysWhatIsWrong) {
     m_folder.write("other.txt", "1 2 3\nabc\n");
     m_folder.write("empty.txt", "# nothing\n");

@@ -120,7 +120,8 @@ TEST(ReciprocalSection, ShowsTheNodesOfThePlaneWhereItMarksThem) {
     };
     for (const Case& test : {Case{"hk0", {1, 2, 0}, {1, 2, 1}}, Case{"h0l", {2, 0, 1}, {2, 1, 1}},
                              Case{"0kl", {0, -1, 2}, {1, -1, 2}}, Case{"hk1", {2, 1, 1}, {2, 1, 0}},
-                             Case{"h-1l", {1, -1, 1}, {1, 1, 1}}}) {
+                             Case{"h-1l", {1, -1, 1}, {1, 1, 1}}, Case{"hhl", {2, 2, 1}, {2, 1, 1}},
+                             Case{"h-hl", {1, -1, 2}, {1, 1, 2}}, Case{"hkk", {2, 1, 1}, {2, 1, 0}}}) {
         ReciprocalSection::Settings settings;
         ASSERT_TRUE(ReciprocalSection::parsePlane(test.plane, settings));
         settings.size = 161;
@@ -157,6 +158,7 @@ TEST(ReciprocalSection, MarksWhatWasNotMeasuredAndRefusesWhatIsNoPlane) {
     settings.v = {2, 0, 0};
     EXPECT_TRUE(section.sample(settings).values.empty());
     EXPECT_TRUE(section.overlay(settings, true).nodes.empty());
-    for (const char* name : {"", "hk", "hkl", "h00", "kh0", "hk0x", "hk99999", "0 kl", "hk1.5"})
+    for (const char* name : {"", "hk", "hkl", "h00", "kh0", "hk0x", "hk99999", "0 kl", "hh0", "hhh", "-hkl",
+                             "h-kl", "h--hl", "hk-", "hk1.5"})
         EXPECT_FALSE(ReciprocalSection::parsePlane(name, settings)) << name;
 }

@@ -1,0 +1,123 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <memory>
+#include <opencv2/core.hpp>
+#include <opencv2/imgcodecs.hpp>
+#include <sstream>
+
+#include "RunVrk.h"
+#include "VoxCore/DataModel/VoxMRCData.h"
+#include "VoxCore/IO/VoxMRCFileHandler.h"
+#include "crystallography/CellFileImportExport.h"
+#include "crystallography/UnitCell.h"
+#include "support/TemporaryFolder.h"
+
+namespace {
+
+constexpr unsigned kEdge = 49;
+constexpr double kCentre = 0.5 * (kEdge - 1);
+
+/// A volume in which one node, 2 1 0, is bright, and the file of its cell: a* of 8 voxels along x, b* of 10
+/// along y, c* of 12 along z.
+class SectionsCommand : public testing::Test {
+protected:
+    SectionsCommand() {
+        std::unique_ptr<VoxMRCData> volume(VoxMRCData::Create3D(kEdge, kEdge, kEdge));
+        mrcH& header = volume->m_Header;
+        header.nx = header.ny = header.nz = header.mx = header.my = header.mz = kEdge;
+        header.mode = 1;
+        header.type = MRCType::MRCVOLUME;
+        for (unsigned z = 0; z < kEdge; ++z)
+            std::fill_n(volume->GetChunkPointer(z), kEdge * kEdge, short{1});
+        const auto centre = static_cast<unsigned>(kCentre);
+        for (unsigned x = 0; x < 2; ++x)
+            for (unsigned y = 0; y < 2; ++y)
+                volume->GetChunkPointer(centre)[(centre + 16 + x) * kEdge + centre + 10 + y] = 9000;
+        VoxMRCFileHandler().writeMRCFile(volume.get(), m_folder / "volume.mrc");
+
+        header.type = MRCType::TILT_SERIES;
+        header.next = 131072;
+        for (int z = 0; z < header.nz; ++z)
+            header.setValue(SliceValue::TiltAngle, z, static_cast<float>(z - 20));
+        VoxMRCFileHandler().writeMRCFile(volume.get(), m_folder / "series.mrc");
+
+        const double a[3] = {8, 0, 0}, b[3] = {0, 10, 0}, c[3] = {0, 0, 12};
+        UnitCell cell(a, b, c, 1e8, false, true, LATTICE::aP);
+        CellFileImportExport::writeCellFile_version_2(m_folder / "cell.txt", &cell);
+    }
+
+    VrkResult sections(const std::string& input, std::vector<std::string> more) const {
+        more.insert(more.begin(), {"sections", input, "cell.txt", "-o", "the pictures"});
+        return runVrk(more, m_folder / ".");
+    }
+    bool exists(const std::string& name) const { return std::filesystem::exists(m_folder / name); }
+
+    TemporaryFolder m_folder;
+};
+
+TEST_F(SectionsCommand, DrawsThePlanesAndTheProjections) {
+    const VrkResult run = sections("volume.mrc", {"--size", "300"});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    std::istringstream printed(run.out);
+    int count = 0;
+    for (std::string path; std::getline(printed, path); ++count) {
+        const cv::Mat picture = cv::imread(m_folder / path);
+        const int edge = path.find("projection") == std::string::npos ? 300 : static_cast<int>(kEdge);
+        EXPECT_EQ(picture.size(), cv::Size(edge, edge)) << path;
+    }
+    EXPECT_EQ(count, 6);
+    for (const char* name : {"hk0", "h0l", "0kl", "projection_x", "projection_y", "projection_z"})
+        EXPECT_TRUE(exists("the pictures/" + std::string(name) + ".png")) << name;
+}
+
+TEST_F(SectionsCommand, PutsNodesWhereTheirIndicesSay) {
+    const VrkResult run =
+        sections("volume.mrc", {"--primitive", "--plane", "hk0", "--plane", "hk1", "--size", "200", "--tga"});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_FALSE(exists("the pictures/h0l.png"));
+    constexpr std::size_t kHeader = 18;
+    const std::string hk0 = m_folder.read("the pictures/hk0.tga");
+    const std::string hk1 = m_folder.read("the pictures/hk1.tga");
+    ASSERT_EQ(hk0.size(), kHeader + 200 * 200);
+    ASSERT_EQ(hk1.size(), hk0.size());
+    const auto grey = [](const std::string& picture, double right, double up) {
+        const double pixelsPerVoxel = 200.0 / kEdge;
+        const auto x = static_cast<std::size_t>(99.5 + pixelsPerVoxel * right);
+        const auto y = static_cast<std::size_t>(99.5 - pixelsPerVoxel * up);
+        return static_cast<unsigned char>(picture[kHeader + y * 200 + x]);
+    };
+    EXPECT_GT(grey(hk0, 16.5, 10.5), 200);
+    for (const auto& [right, up] : {std::pair(16.5, -10.5), {-16.5, 10.5}, {10.5, 16.5}})
+        EXPECT_LT(grey(hk0, right, up), 100);
+    EXPECT_LT(grey(hk1, 16.5, 10.5), 100);
+}
+
+TEST_F(SectionsCommand, RefusesWhatItCannotDraw) {
+    m_folder.write("flat.txt", "#VRKCELLVERSION 2\n#\n1 0 0\n2 0 0\n0 0 1\n");
+    const struct {
+        std::vector<std::string> arguments;
+        int exitCode;
+        const char* message;
+    } cases[] = {
+        {{"sections", "volume.mrc", "cell.txt", "-o", "out", "--plane", "hk0", "hkl"},
+         2,
+         "\"hkl\" is no plane"},
+        {{"sections", "volume.mrc", "cell.txt", "-o", "out", "--size", "0"}, 2, "--size"},
+        {{"sections", "volume.mrc", "cell.txt"}, 2, "output"},
+        {{"sections", "series.mrc", "cell.txt", "-o", "out"}, 1, "holds a tilt series"},
+        {{"sections", "volume.mrc", "none.txt", "-o", "out"}, 1, "none.txt"},
+        {{"sections", "volume.mrc", "flat.txt", "-o", "out"}, 1, "flat.txt"},
+        {{"sections", "volume.mrc", "cell.txt", "-o", "cell.txt"}, 1, "cannot make the folder"},
+    };
+    for (const auto& one : cases) {
+        const VrkResult run = runVrk(one.arguments, m_folder / ".");
+        EXPECT_EQ(run.exitCode, one.exitCode) << one.message << ": " << run.err;
+        EXPECT_NE(run.err.find(one.message), std::string::npos) << run.err;
+        EXPECT_EQ(run.out, "");
+        EXPECT_FALSE(exists("out"));
+    }
+}
+
+}  // namespace
