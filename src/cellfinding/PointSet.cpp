@@ -1,6 +1,5 @@
 #include "cellfinding/PointSet.h"
 
-#include <Eigen/Eigenvalues>
 #include <limits>
 #include <new>
 #include <sstream>
@@ -8,6 +7,7 @@
 #include "cellfinding/Line.h"
 #include "cellfinding/PointTextInternal.h"
 #include "cellfinding/TraceInternal.h"
+#include "visualisation/VoxVTKMath.h"
 
 namespace {
 
@@ -163,19 +163,23 @@ template <typename P>
 void PointSet<P>::calculateMomentsOfInertiaAndMassCentroidAxis() {
     if (m_dimension < 1 || m_points.empty()) return;
     try {
-        Eigen::MatrixXd covariance(m_dimension, m_dimension);
+        const auto n = static_cast<std::size_t>(m_dimension);
+        std::vector<double> covariance(n * n);
+        std::vector<double*> rows(n);
+        std::vector<double*> axes(n);
         for (int i = 0; i < m_dimension; ++i) {
-            for (int j = 0; j <= i; ++j)
-                covariance(i, j) = covariance(j, i) = calcCovEntry(i, j);
+            const auto row = static_cast<std::size_t>(i);
+            rows[row] = &covariance[row * n];
+            axes[row] = &m_axes[row * n];
+            for (int j = 0; j <= i; ++j) {
+                const auto column = static_cast<std::size_t>(j);
+                rows[row][column] = rows[column][row] = calcCovEntry(i, j);
+            }
         }
-        // The solver gives the eigenvalues in ascending order.
-        const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver(covariance);
-        for (int k = 0; k < m_dimension; ++k) {
-            const int from = m_dimension - 1 - k;
-            m_moments[static_cast<std::size_t>(k)] = solver.eigenvalues()(from);
-            for (int row = 0; row < m_dimension; ++row)
-                m_axes[static_cast<std::size_t>(row * m_dimension + k)] = solver.eigenvectors()(row, from);
-        }
+        if (VoxVTKMath::JacobiN(rows.data(), m_dimension, m_moments.data(), axes.data())) return;
+        constexpr double kUndefined = std::numeric_limits<double>::quiet_NaN();
+        std::fill(m_moments.begin(), m_moments.end(), kUndefined);
+        std::fill(m_axes.begin(), m_axes.end(), kUndefined);
     } catch (const std::bad_alloc&) {
         logOutOfMemory();
         throw;

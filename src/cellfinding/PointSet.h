@@ -58,11 +58,11 @@ public:
     void getMin(double* out) const;
     void getMax(double* out) const;
 
-    /// The k-th largest eigenvalue of the covariance matrix (divided by the number of points); the
-    /// largest finite double for k out of range.
+    /// The k-th largest eigenvalue of the covariance matrix (divided by the number of points), not a number
+    /// when coordinates are not finite; the largest finite double for k out of range.
     double getMomentsOfInertia(int k) const;
-    /// Entry of the matrix whose column k is the unit eigenvector of moment k; the largest finite double
-    /// when an index is out of range.
+    /// Entry of the matrix whose column k is the unit eigenvector of moment k (see VoxVTKMath::JacobiN());
+    /// the largest finite double when an index is out of range.
     double getMassCentroidAxis(int row, int column) const;
     /// Copies one column.
     void getMassCentroidAxis(int column, double* out) const;
