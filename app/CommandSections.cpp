@@ -1,5 +1,7 @@
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
+#include <vector>
 
 #include "Commands.h"
 #include "DataFiles.h"
@@ -17,6 +19,7 @@ struct Options {
     std::string log;
     SectionOptions sections;
     bool primitive = false;
+    bool json = false;
 };
 
 UnitCell readCell(const Options& options, double pixelSize, Host& host) {
@@ -36,10 +39,16 @@ void run(const Options& options, Host& host) {
     const double pixelSize = volume->m_Header.m_pixelsize;
     const UnitCell cell = readCell(options, pixelSize > 0.0 ? pixelSize : 1.0, host);
     makeFolder(options.folder);
+    std::vector<std::string> files;
     for (const auto& paths : {writeSections(*volume, cell, options.sections, options.folder),
                               writeProjections(*volume, options.sections.tga, options.folder)})
         for (const auto& path : paths)
-            host.out() << path.string() << '\n';
+            files.push_back(path.string());
+    if (options.json)
+        host.out() << nlohmann::json({{"files", files}}).dump(1) << '\n';
+    else
+        for (const std::string& file : files)
+            host.out() << file << '\n';
 }
 
 }  // namespace
@@ -70,6 +79,7 @@ void addSectionsCommand(CLI::App& app, Host& host) {
         "--primitive", options->primitive,
         "Index the planes by the cell of the file, not by the conventional cell of its lattice");
     command->add_flag("--tga", options->sections.tga, "Write TGA files, too");
+    command->add_flag("--json", options->json, "Print the names of the pictures as JSON");
     command->add_option("--log", options->log, "Write the library's messages to this file");
     command->footer("Example:\n  vrk sections volume.mrc cell.txt -o pictures --plane hk0 hk1 --nodes");
     command->callback([options, &host] { run(*options, host); });

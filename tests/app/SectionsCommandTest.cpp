@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
 #include <sstream>
@@ -73,10 +74,14 @@ TEST_F(SectionsCommand, DrawsThePlanesAndTheProjections) {
 }
 
 TEST_F(SectionsCommand, PutsNodesWhereTheirIndicesSay) {
-    const VrkResult run =
-        sections("volume.mrc", {"--primitive", "--plane", "hk0", "--plane", "hk1", "--size", "200", "--tga"});
+    const VrkResult run = sections("volume.mrc", {"--primitive", "--plane", "hk0", "--plane", "hk1", "--size",
+                                                  "200", "--tga", "--json"});
     ASSERT_EQ(run.exitCode, 0) << run.err;
     EXPECT_FALSE(exists("the pictures/h0l.png"));
+    const auto files = nlohmann::json::parse(run.out)["files"];
+    EXPECT_EQ(files.size(), 10U);
+    for (const std::string file : files)
+        EXPECT_TRUE(exists(file)) << file;
     constexpr std::size_t kHeader = 18;
     const std::string hk0 = m_folder.read("the pictures/hk0.tga");
     const std::string hk1 = m_folder.read("the pictures/hk1.tga");
