@@ -233,7 +233,10 @@ double CalculateCellAlgorithm::StepOne_CutOfZeroBeam(ReflexVector* reflections, 
         logText("The cut off needs a volume and parameters.", VRK::Error);
         return kFailed;
     }
-    const auto half = [volume](unsigned axis) { return static_cast<double>(volume->GetDimSize(axis) / 2); };
+    const auto half = [volume](unsigned axis) {
+        const unsigned whole = volume->GetDimSize(axis) / 2;
+        return static_cast<double>(whole);
+    };
     const int type = parameter->getWhichReflectionMiddleShouldUsed();
     if (parameter->getCutOffZeroBeam())
         reflections->cutOffZeroBeam(half(0), half(1), half(2), parameter->getMinDistToZeroBeam(), type);
@@ -446,7 +449,8 @@ bool CalculateCellAlgorithm::calculateNiggliCell(const DiffVector3D* a, const Di
 std::vector<DiffVector3D> CalculateCellAlgorithm::calcLattice(const DiffVector3D* a, const DiffVector3D* b,
                                                               const DiffVector3D* c, int na, int nb, int nc) {
     std::vector<DiffVector3D> lattice;
-    lattice.reserve(static_cast<std::size_t>((2 * na + 1) * (2 * nb + 1) * (2 * nc + 1)));
+    const auto steps = [](int n) { return 2 * static_cast<std::size_t>(n) + 1; };
+    lattice.reserve(steps(na) * steps(nb) * steps(nc));
     for (int i = -na; i <= na; ++i)
         for (int j = -nb; j <= nb; ++j)
             for (int k = -nc; k <= nc; ++k)
