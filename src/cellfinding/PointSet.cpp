@@ -315,7 +315,8 @@ template <typename P>
 bool PointSet<P>::isSpherical(int factor) const {
     if (factor == 0) return false;
     const double ratio = ratioOfMoments();
-    return static_cast<double>(1 / factor) <= ratio && ratio <= static_cast<double>(factor);
+    const int least = 1 / factor;
+    return least <= ratio && ratio <= factor;
 }
 
 template <typename P>
