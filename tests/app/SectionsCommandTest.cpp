@@ -31,7 +31,7 @@ protected:
         header.mode = 1;
         header.type = MRCType::MRCVOLUME;
         for (unsigned z = 0; z < kEdge; ++z)
-            std::fill_n(volume->GetChunkPointer(z), kEdge * kEdge, short{1});
+            std::fill_n(volume->GetChunkPointer(z), kEdge * kEdge, short{0});
         const auto centre = static_cast<unsigned>(kCentre);
         for (unsigned x = 0; x < 2; ++x)
             for (unsigned y = 0; y < 2; ++y)
