@@ -1,0 +1,77 @@
+// One evaluation of a candidate angle, by either route. The series of the 3-D route has 121 patterns of 256 x
+// 256 pixels, the lists of the 2-D route
+// about 3000 and 9000 spots.
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <iostream>
+#include <memory>
+#include <string>
+
+#include "Simulation.h"
+#include "tiltaxis/FindReflexes2d.h"
+#include "tiltaxis/VRKTiltAxisRefinement.h"
+
+namespace {
+
+std::unique_ptr<VoxMRCData> makeSeries(double cellFactor) {
+    host::SimulationSettings settings;
+    settings.cell = {cellFactor * 5.0, cellFactor * 6.0, cellFactor * 7.5, 90, 95, 90};
+    settings.axis = 37.4;
+    settings.detector.size = 256;
+    settings.detector.background = 0;
+    for (int tilt = -60; tilt <= 60; ++tilt)
+        settings.tilts.push_back(tilt);
+    return host::simulateSeries(settings).series;
+}
+
+/// Times scoreAngle() alone, behind the preparation of a search.
+class TimedSearch : public VRKTiltAxisRefinement {
+public:
+    explicit TimedSearch(benchmark::State& state) : m_state(state) {}
+
+protected:
+    void evaluateAngles(const std::vector<float>& angles, const std::string&, bool mode3D) override {
+        TiltAxisScore score;
+        std::size_t next = 0;
+        for (auto _ : m_state)
+            score = scoreAngle(angles[next++ % angles.size()], mode3D);
+        m_state.counters["reflections"] = score.reflexes;
+        m_state.counters["vectors"] = static_cast<double>(score.diffVectors);
+    }
+
+private:
+    benchmark::State& m_state;
+};
+
+std::filesystem::path makeFolder() {
+    auto folder = std::filesystem::temp_directory_path() / "vrk_tilt_axis_benchmark";
+    std::filesystem::create_directories(folder);
+    return folder;
+}
+
+void evaluateVolume(benchmark::State& state) {
+    const auto series = makeSeries(1.9);
+    const std::filesystem::path folder = makeFolder();
+    TimedSearch search(state);
+    std::cout.setstate(std::ios::failbit);  // histograms tell of themselves
+    search.searchTiltAxisManual3D(series.get(), "", folder.string(), 30, 44, 1.3);
+    std::cout.clear();
+    std::filesystem::remove_all(folder);
+}
+
+void evaluatePatterns(benchmark::State& state) {
+    const auto series = makeSeries(1.0 + 0.01 * static_cast<double>(state.range(0)));
+    const std::filesystem::path folder = makeFolder();
+    TimedSearch search(state);
+    const ReflexVectorPtr spots(FindReflexes2d().findAllReflexes(series.get()));
+    state.counters["spots"] = static_cast<double>(spots->size());
+    search.searchTiltAxisManual2D(series.get(), "", folder.string(), 30, 44, 1.3);
+    std::filesystem::remove_all(folder);
+}
+
+}  // namespace
+
+BENCHMARK(evaluateVolume)->Unit(benchmark::kMillisecond);
+BENCHMARK(evaluatePatterns)->Arg(0)->Arg(60)->Unit(benchmark::kMillisecond);

@@ -1,0 +1,92 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+
+#include "RunVrk.h"
+#include "TiltAxisSearch.h"
+#include "support/TemporaryFolder.h"
+
+namespace {
+
+void simulate(const std::string& path, const std::vector<std::string>& more) {
+    std::vector<std::string> arguments = {"simulate", "-o",  path,     "--cell", "3.7,4.4,5.1,90,97,90",
+                                          "--size",   "128", "--seed", "4"};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    ASSERT_EQ(runVrk(arguments).exitCode, 0);
+}
+
+std::vector<TiltAxisScore> scoresOf(const std::vector<std::pair<double, double>>& values) {
+    std::vector<TiltAxisScore> scores;
+    for (const auto& [angle, variance] : values) {
+        TiltAxisScore score;
+        score.angle = static_cast<float>(angle);
+        score.variance = variance;
+        score.evaluated = true;
+        scores.push_back(score);
+    }
+    return scores;
+}
+
+}  // namespace
+
+TEST(TiltAxisCommandTest, FindsTheAxisOfARawSeriesWithAnyNumberOfProcesses) {
+    const TemporaryFolder folder;
+    const std::string series = folder / "s.mrc";
+    simulate(series, {"--axis", "-12.3", "--tilts", "-60:60:2", "--drift", "2"});
+    const auto search = [&](const std::string& jobs) {
+        const VrkResult result = runVrk({"tilt-axis", series, "-o", folder / ("axis" + jobs), "--accuracy",
+                                         "1", "--jobs", jobs, "--json"});
+        EXPECT_EQ(result.exitCode, 0) << result.err;
+        return nlohmann::json::parse(result.out);
+    };
+    const nlohmann::json one = search("1");
+    EXPECT_NEAR(one["angle_deg"].get<double>(), -12.3, 0.5);
+    EXPECT_TRUE(one["reliable"].get<bool>());
+    EXPECT_EQ(one["scores"].size(), 58u);
+    EXPECT_TRUE(std::filesystem::exists(folder / "axis1/diffVectorHistogramm_RotAngle_-90.png"));
+    const nlohmann::json three = search("3");
+    EXPECT_EQ(three["scores"], one["scores"]);
+    EXPECT_EQ(three["angle_deg"], one["angle_deg"]);
+}
+
+TEST(TiltAxisCommandTest, SaysWhatIsWrong) {
+    const TemporaryFolder folder;
+    simulate(folder / "one.mrc", {"--tilts", "5:5:1"});
+    simulate(folder / "noise.mrc", {"--tilts", "-20:20:5", "--peak", "0.1", "--background", "0"});
+    const struct {
+        std::vector<std::string> arguments;
+        int exitCode;
+        std::string message;
+    } cases[] = {
+        {{folder / "one.mrc"}, 1, "one pattern"},
+        {{folder / "one.mrc", "--range", "5", "1", "1"}, 2, "--range"},
+        {{folder / "one.mrc", "--method", "4d"}, 2, "method"},
+        {{folder / "noise.mrc", "--preprocessed"}, 3, "no "},
+        {{folder / "missing.mrc"}, 1, "missing.mrc"},
+    };
+    for (const auto& test : cases) {
+        std::vector<std::string> arguments = {"tilt-axis", "-o", folder / "out"};
+        arguments.insert(arguments.end(), test.arguments.begin(), test.arguments.end());
+        const VrkResult result = runVrk(arguments);
+        EXPECT_EQ(result.exitCode, test.exitCode) << test.message;
+        EXPECT_NE(result.err.find(test.message), std::string::npos) << result.err;
+        EXPECT_EQ(result.out, "");
+    }
+}
+
+TEST(TiltAxisCommandTest, LaysAParabolaThroughTheScores) {
+    std::vector<std::pair<double, double>> values;
+    for (int i = -10; i <= 10; ++i)
+        values.emplace_back(20 + i * 0.1, 50 - 3 * std::pow(20 + i * 0.1 - 20.13, 2) + (i % 2) * 1e-3);
+    const host::TiltAxisFit fit = host::fitTiltAxis(scoresOf(values), 20.1);
+    EXPECT_NEAR(fit.angle, 20.13, 2e-3);
+    EXPECT_GT(fit.uncertainty, 0.0);
+    EXPECT_LT(fit.uncertainty, 2e-3);
+    // Nothing to fit: the angle stays, uncertain by half a step.
+    const host::TiltAxisFit flat = host::fitTiltAxis(scoresOf({{1, 5}, {2, 4}, {3, 5}, {4, 6}, {5, 9}}), 5);
+    EXPECT_EQ(flat.angle, 5.0);
+    EXPECT_EQ(flat.uncertainty, 0.5);
+    EXPECT_EQ(host::fitTiltAxis(scoresOf({{7, 5}}), 7).angle, 7.0);
+}
