@@ -78,6 +78,10 @@ void printTable(std::ostream& out, const TiltAxisResult& result) {
     std::vector<TiltAxisScore> best = result.scores;
     std::stable_sort(best.begin(), best.end(),
                      [](const TiltAxisScore& a, const TiltAxisScore& b) { return a.variance > b.variance; });
+    // The schedule meets the middle of a range in every iteration.
+    best.erase(std::unique(best.begin(), best.end(),
+                           [](const TiltAxisScore& a, const TiltAxisScore& b) { return a.angle == b.angle; }),
+               best.end());
     best.resize(std::min<std::size_t>(best.size(), 5));
     print("%9s  %10s  %5s  %11s\n", "angle", "variance", "max", "reflections");
     for (const TiltAxisScore& score : best)

@@ -200,6 +200,12 @@ std::string fileNameOf(std::string name) {
     return name;
 }
 
+/// The 2-D route has no volume whose compactness could be plotted.
+bool isMeasured(const Statistic& statistic, const std::vector<TiltAxisScore>& scores) {
+    return std::any_of(scores.begin(), scores.end(),
+                       [&](const TiltAxisScore& score) { return statistic.value(score) != 0.0; });
+}
+
 void plot(const Statistic& statistic, std::vector<TiltAxisScore> scores, double bestAngle,
           const std::string& folder) {
     std::stable_sort(scores.begin(), scores.end(),
@@ -211,7 +217,7 @@ void plot(const Statistic& statistic, std::vector<TiltAxisScore> scores, double 
     GnuplotScript script(folder, fileNameOf(statistic.name));
     const std::string data = script.addData(line("angle ", fileNameOf(statistic.name)), rows, 2);
     script.addCommand("set xlabel " + GnuplotScript::quoted("angle of the tilt axis (degrees)"));
-    script.addCommand("set ylabel " + GnuplotScript::quoted(statistic.name));
+    script.addCommand("set ylabel " + GnuplotScript::quoted(statistic.name) + " noenhanced");
     script.addCommand("set title " + GnuplotScript::quoted(line("best angle ", bestAngle, " degrees")));
     script.addCommand("set grid");
     script.addCommand("set key off");
@@ -574,7 +580,7 @@ void VRKTiltAxisRefinement::finishStatistics(std::string folder, double bestAngl
         return;
     }
     for (const Statistic& statistic : kStatistics)
-        plot(statistic, m_scores, bestAngle, folder);
+        if (isMeasured(statistic, m_scores)) plot(statistic, m_scores, bestAngle, folder);
     log(line("plots of ", m_scores.size(), " angles in ", folder, ", best variance ", bestVariance, " in ",
              seconds, " seconds"));
 }
