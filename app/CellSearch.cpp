@@ -194,17 +194,21 @@ LatticeCandidate judged(const Matrix3d& basis, const Points& judges, const CellS
     return candidate;
 }
 
-/// For every candidate, the lattices that share two of its vectors and have the third from the distances of
-/// the layers.
-void addLayeredBases(const Points& judges, std::vector<LatticeCandidate>& candidates) {
+/// For the best candidates, the lattices that share two of their vectors, or the direction of one, and have
+/// the period in between from all points.
+void addPeriodicBases(const Points& judges, std::vector<LatticeCandidate>& candidates) {
     const std::size_t count = std::min<std::size_t>(candidates.size(), 3);
     for (std::size_t i = 0; i < count; ++i) {
-        const Matrix3d basis = candidates[i].lattice.basis;
+        const Lattice lattice = candidates[i].lattice;
         const CellSearchTrial trial = candidates[i].trial;
-        for (int third = 0; third < 3; ++third)
-            for (const Matrix3d& layered :
-                 basesFromLayers(judges, basis.col((third + 1) % 3), basis.col((third + 2) % 3)))
-                candidates.push_back(judged(reduced(layered), judges, trial));
+        for (int third = 0; third < 3; ++third) {
+            std::vector<Matrix3d> bases = basesFromLayers(judges, lattice.basis.col((third + 1) % 3),
+                                                          lattice.basis.col((third + 2) % 3));
+            const std::vector<Matrix3d> fromRows = basesFromRows(judges, lattice, third);
+            bases.insert(bases.end(), fromRows.begin(), fromRows.end());
+            for (const Matrix3d& basis : bases)
+                candidates.push_back(judged(reduced(basis), judges, trial));
+        }
     }
 }
 
@@ -321,7 +325,7 @@ std::vector<LatticeCandidate> CellSearch::search(const Points& points,
         if (agreements == 2) break;
     }
     keepDistinct(candidates, kKeptCandidates);
-    addLayeredBases(judges, candidates);
+    addPeriodicBases(judges, candidates);
     keepDistinct(candidates, kKeptCandidates);
     for (LatticeCandidate& candidate : candidates) {
         candidate.lattice = settleMultiples(judges, candidate.lattice);

@@ -1,5 +1,5 @@
 /// \file
-/// The third vector of a lattice of which two are known.
+/// The vector of a lattice along which its nodes are so close that difference vectors do not tell it.
 #pragma once
 
 #include <Eigen/Dense>
@@ -20,5 +20,12 @@ namespace host {
 ///          have none
 std::vector<Eigen::Matrix3d> basesFromLayers(const Points& points, const Eigen::Vector3d& a,
                                              const Eigen::Vector3d& b);
+
+/// The same for a lattice whose rows are known, but not the distance of the nodes along them: the third
+/// vector has the right direction, and the other two are right but for a part along it. Every row has a sharp
+/// period along its direction, and the phases of the rows tell the missing parts.
+///
+/// \param third  which vector of the lattice has the direction of the rows
+std::vector<Eigen::Matrix3d> basesFromRows(const Points& points, const Lattice& lattice, int third);
 
 }  // namespace host
