@@ -22,6 +22,8 @@ using Eigen::Vector3d;
 constexpr double kMostVectors = 250000.0;
 /// So many of the strongest points judge a candidate; the winner is fitted to all.
 constexpr std::size_t kJudges = 2500;
+/// Reflections this close, in voxels, touch their neighbours.
+constexpr double kCloseNodes = 9.0;
 constexpr std::size_t kStrongestClusters = 40;
 constexpr std::size_t kKeptTriplets = 30;
 constexpr std::size_t kKeptCandidates = 5;
@@ -58,12 +60,13 @@ double pairsWithin(const Points& points, double distance) {
 /// The steps of the cell finding on one parameter set.
 class Steps {
 public:
-    Steps(const Points& points, const CellSearchTrial& trial) {
+    Steps(const Points& points, const CellSearchTrial& trial, const std::function<void(Parameter&)>& adjust) {
         m_parameter.setWhichReflectionMiddleShouldUsed(2);
         m_parameter.setMinLength(trial.minLength);
         m_parameter.setMaxLength(trial.maxLength);
         m_parameter.setDBSCANEps(trial.eps);
         m_parameter.setDBSCANMinPts(trial.minPts);
+        if (adjust) adjust(m_parameter);
         ReflexVectorPtr reflections(new ReflexVector);
         for (const Vector3d& p : points)
             reflections->push_back(new Reflex(p[0], p[1], p[2]));
@@ -311,7 +314,7 @@ std::vector<LatticeCandidate> CellSearch::search(const Points& points,
              vectors = pairsWithin(used, trial.maxLength))
             used.resize(used.size() * 3 / 4);
         const double before = candidates.empty() ? 0.0 : candidates.front().score.evidence;
-        Steps steps(used, trial);
+        Steps steps(used, trial, m_options.adjust);
         for (const Matrix3d& basis : tripletBases(steps.centres(), std::max(0.6, 0.6 * trial.eps)))
             candidates.push_back(judged(basis, judges, trial));
         if (const std::optional<Matrix3d> basis = steps.selected())
@@ -325,7 +328,10 @@ std::vector<LatticeCandidate> CellSearch::search(const Points& points,
         if (agreements == 2) break;
     }
     keepDistinct(candidates, kKeptCandidates);
-    addPeriodicBases(judges, candidates);
+    // Only close nodes need it, or a search that went wrong.
+    if (!candidates.empty() && (candidates.front().lattice.shortestEdge() < kCloseNodes ||
+                                candidates.front().score.fraction() < 0.5))
+        addPeriodicBases(judges, candidates);
     keepDistinct(candidates, kKeptCandidates);
     for (LatticeCandidate& candidate : candidates) {
         candidate.lattice = settleMultiples(judges, candidate.lattice);

@@ -10,7 +10,7 @@
 
 #include "LatticeScore.h"
 
-class ReflexVector;
+class Parameter;
 
 namespace host {
 
@@ -20,6 +20,8 @@ struct CellSearchOptions {
     std::optional<double> maxLength;  ///< longest difference vector, voxels
     std::optional<double> eps;        ///< radius of the clustering, voxels
     std::optional<int> minPts;        ///< density of the clustering
+    /// Changes further settings of the cell finding before its steps run; may be empty.
+    std::function<void(Parameter&)> adjust;
     /// Called between the parameter sets; returning true stops the search.
     std::function<bool()> canceled;
 };

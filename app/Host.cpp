@@ -88,6 +88,7 @@ void LogObserver::notifyLog(const char* message, VRK::MessageType type, VRK::Deb
     const std::string text = trimmed(message);
     if (text.empty()) return;
     if (type != VRK::Warning) m_lastError = text;
+    if (logOnly && type == VRK::Warning) return;
     if (std::find(m_warnings.begin(), m_warnings.end(), text) != m_warnings.end()) return;
     m_warnings.push_back(text);
     if (!quiet) std::cerr << "vrk: " << (type == VRK::Warning ? "warning: " : "") << text << '\n';

@@ -27,10 +27,25 @@ public:
 
     /// Keeps library warnings off the standard error stream (they still reach the log and the summary).
     bool quiet = false;
+    /// Keeps library warnings in the log alone.
+    bool logOnly = false;
 
 private:
     std::vector<std::string> m_warnings;
     std::string m_lastError;
+};
+
+/// Keeps library warnings in the log alone while it lives: for stages that try what may fail.
+class LogOnly {
+public:
+    explicit LogOnly(LogObserver& log) : m_log(log), m_before(log.logOnly) { m_log.logOnly = true; }
+    ~LogOnly() { m_log.logOnly = m_before; }
+    LogOnly(const LogOnly&) = delete;
+    LogOnly& operator=(const LogOnly&) = delete;
+
+private:
+    LogObserver& m_log;
+    bool m_before;
 };
 
 /// The one progress observer: a bar on a terminal, nothing elsewhere. Ctrl-C cancels through it.

@@ -337,11 +337,14 @@ void RunPipeline::findCell() {
     options.maxLength = m_options.cell.maxLength;
     options.eps = m_options.cell.eps;
     options.minPts = m_options.cell.minPoints;
+    options.adjust = [this](Parameter& parameter) { m_options.cell.applyTo(parameter); };
     options.canceled = [this] {
         m_host.checkCanceled();
         return false;
     };
     const CellSearch search(options);
+    // Parameter sets that find no cluster are part of the search, not news.
+    const LogOnly quiet(m_host.log());
     double evidence = 0.0;
     for (std::size_t i = m_levels.size(); i-- > 0;) {
         std::vector<double> weights;
@@ -389,7 +392,7 @@ void RunPipeline::refine() {
     const ReflexVectorPtr corrected(
         refinement.refine(level.positions.get(), level.tilts, &cell, origin.data()));
     if (!corrected)
-        throw Failure("the cell could not be refined: " + m_host.log().lastError() + "; " + whatToTry(),
+        throw Failure("a lattice was found, but its cell could not be refined; " + whatToTry(),
                       ExitCode::NothingFound);
     m_result.reciprocal = niggliReduced(cell);
 }
@@ -510,6 +513,8 @@ void RunPipeline::writeFiles() {
         whole->push_back(reflex.release());
     }
     m_result.uniqueIndices = whole->size();
+    // The change of the number format is no news for the reader of the summary.
+    const LogOnly quiet(m_host.log());
     write("reflections.hkl",
           [&](const std::string& path) { return HKLfileImportExport::exportHKLFile(whole.get(), path); });
     if (!m_options.pictures) return;
