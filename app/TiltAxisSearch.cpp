@@ -141,7 +141,8 @@ TiltAxisResult search(const VoxMRCData& series, int jobs, const std::filesystem:
     // The library takes its series as one that it may change, and does not change it.
     const float angle = run(refinement, const_cast<VoxMRCData*>(&series));
     host.progress().finish();
-    host.checkCanceled();
+    if (host.progress().canceled())
+        throw Failure("stopped on request; the images of the angles tried so far are in " + folder.string());
     if (angle == VRKTiltAxisRefinement::kNoAngle)
         throw Failure(host.log().lastError(),
                       refinement.accepted() ? ExitCode::NothingFound : ExitCode::Failed);

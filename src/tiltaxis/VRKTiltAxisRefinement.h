@@ -47,10 +47,11 @@ class VoxMRCData;
 /// vectors (longer than 30.5 and shorter than 1000 voxels or pixels): the memory is quadratic in their
 /// number, and does not grow with that of the angles.
 ///
-/// Accuracy. On simulated series of 128 to 512 pixels, with noise, the 2-D route is right to 0.05 degrees
-/// with an accuracy of 0.1, the 3-D route to 0.2, once a parabola is laid through the scores; it needs
-/// reflections that stand apart in the volume. Prefer the 2-D route unless the spots of single patterns are
-/// too weak.
+/// Accuracy. On simulated series with noise of 128 to 512 pixels, and an accuracy of 0.1, the parabola that
+/// the host lays through the scores was right to 0.05 degrees by the 2-D route (0.1 with fewer than a hundred
+/// reflections or a tilt range of 50 degrees) and to 0.2 by the 3-D route. That one needs some hundred
+/// reflections which stand apart in the volume; on dense or weak patterns its scores show no clear peak.
+/// Prefer the 2-D route unless the spots of single patterns are too weak.
 ///
 /// What a search returns is kNoAngle, with an error in the log, when there is nothing to evaluate (no
 /// series, one pattern, an empty one, tilts that do not ascend), when the folder is missing or cannot be
@@ -84,7 +85,8 @@ public:
     /// @{
 
     /// First -90 ... 90 degrees in steps of 5, then ten steps to either side of the best angle in steps of 1,
-    /// 0.1, ... down to the accuracy; at least in steps of 1. Not finite or below 1e-4: taken as 1e-4.
+    /// 0.1, ... down to the accuracy; at least in steps of 1. An accuracy below 1e-4 counts as 1e-4, one that
+    /// is not a number as 1.
     float searchTiltAxisAutomated3D(VoxMRCData* tiltSeries, std::string name,
                                     std::string folderName2SaveResults, double angularAccuracy);
     /// The same by the two-dimensional route.
