@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "PlainGrid.h"
+#include "foundation/VRKLogger.h"
 #include "support/RecordingLogObserver.h"
 
 namespace {
@@ -88,6 +89,7 @@ TEST(CubicGridTest, CountsCubesFromZeroAndChecksOnlyTheIndex) {
 
 TEST(CubicGridTest, KeepsOutsidePointsAsZerosAndSaysSo) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
+    VRKLogger::getInstance();  // speaks on the standard output when it is made
     testing::internal::CaptureStdout();
     Grid grid = gridOver({{500, 500, 500}, {nan, 1, 1}, {1e300, 0, 0}, {2, 2, 2}}, 0.0, 9.0, 3);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "== -1\n== -1\n== -1\n");

@@ -131,10 +131,13 @@ TEST(ReciprocalSection, ShowsTheNodesOfThePlaneWhereItMarksThem) {
         const ReciprocalSection section(*volume, cell, origin);
         const PlaneImage picture = section.sample(settings);
         int bright = 0;
-        for (const ImageOverlay::Node& node : section.overlay(settings, true).nodes)
-            if (picture.at(static_cast<int>(std::lround(node.x)), static_cast<int>(std::lround(node.y))) >
-                500.0F)
+        for (const ImageOverlay::Node& node : section.overlay(settings, true).nodes) {
+            const long x = std::lround(node.x);
+            const long y = std::lround(node.y);
+            if (x < picture.width && y < picture.height &&
+                picture.at(static_cast<int>(x), static_cast<int>(y)) > 500.0F)
                 ++bright;
+        }
         EXPECT_EQ(bright, 1) << test.plane;
 
         const auto other = volumeWith(test.outside);
