@@ -135,6 +135,7 @@ void ParallelTiltAxisRefinement::evaluateAngles(const std::vector<float>& angles
 
 bool ParallelTiltAxisRefinement::collect(std::vector<Worker>& workers, Scores& scores) {
     std::vector<pollfd> pipes;
+    pipes.reserve(workers.size());
     for (const Worker& worker : workers)
         pipes.push_back({worker.pipe, POLLIN, 0});  // poll() passes over those that are -1
     if (std::all_of(pipes.begin(), pipes.end(), [](const pollfd& p) { return p.fd < 0; })) return false;

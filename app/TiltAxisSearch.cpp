@@ -1,8 +1,10 @@
 #include "TiltAxisSearch.h"
 
+#include <Eigen/Dense>
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -17,67 +19,31 @@ constexpr const char* kName = "series";
 constexpr std::size_t kCoarseAngles = 37;  // of the schedule's first iteration
 constexpr double kClearPeak = 6.0;
 
-/// Weighted sums of a parabola's normal equations about a centre.
-struct Parabola {
-    double a = 0.0, b = 0.0, c = 0.0;  ///< a + b x + c x^2
-    double vertex = 0.0;
-    double uncertainty = 0.0;
-    bool valid = false;
-};
-
+/// Distance from a centre and score.
 using Samples = std::vector<std::pair<double, double>>;
 
-double determinant(const double (&m)[3][3]) {
-    return m[0][0] * (m[1][1] * m[2][2] - m[1][2] * m[2][1]) -
-           m[0][1] * (m[1][0] * m[2][2] - m[1][2] * m[2][0]) +
-           m[0][2] * (m[1][0] * m[2][1] - m[1][1] * m[2][0]);
-}
-
-/// Inverse of a symmetric matrix of full rank.
-void invert(const double (&m)[3][3], double (&inverse)[3][3]) {
-    const double d = determinant(m);
-    for (int i = 0; i < 3; ++i)
-        for (int j = 0; j < 3; ++j) {
-            const int a = (j + 1) % 3, b = (j + 2) % 3, e = (i + 1) % 3, f = (i + 2) % 3;
-            inverse[i][j] = (m[a][e] * m[b][f] - m[a][f] * m[b][e]) / d;
-        }
-}
-
-/// Least squares; the uncertainty of the vertex follows from the scatter about the parabola.
-Parabola fitParabola(const Samples& samples) {
-    Parabola result;
-    if (samples.size() < 4) return result;
-    double m[3][3] = {}, right[3] = {};
+/// Top of the least-squares parabola, with the uncertainty that follows from the scatter about it. Nothing
+/// when the samples determine no parabola that opens downwards.
+std::optional<TiltAxisFit> topOfParabola(const Samples& samples) {
+    if (samples.size() < 4) return std::nullopt;
+    Eigen::Matrix3d normal = Eigen::Matrix3d::Zero();
+    Eigen::Vector3d right = Eigen::Vector3d::Zero();
     for (const auto& [x, y] : samples) {
-        const double powers[3] = {1.0, x, x * x};
-        for (int i = 0; i < 3; ++i) {
-            right[i] += powers[i] * y;
-            for (int j = 0; j < 3; ++j)
-                m[i][j] += powers[i] * powers[j];
-        }
+        const Eigen::Vector3d powers(1.0, x, x * x);
+        normal += powers * powers.transpose();
+        right += y * powers;
     }
-    if (!(std::abs(determinant(m)) > 0.0)) return result;
-    double inverse[3][3];
-    invert(m, inverse);
-    double p[3] = {};
-    for (int i = 0; i < 3; ++i)
-        for (int j = 0; j < 3; ++j)
-            p[i] += inverse[i][j] * right[j];
-    result.a = p[0];
-    result.b = p[1];
-    result.c = p[2];
-    if (!(result.c < 0.0)) return result;
-    result.vertex = -result.b / (2.0 * result.c);
+    const Eigen::FullPivLU<Eigen::Matrix3d> solver(normal);
+    if (!solver.isInvertible()) return std::nullopt;
+    const Eigen::Vector3d p = solver.solve(right);
+    if (!(p[2] < 0.0)) return std::nullopt;
     double squares = 0.0;
     for (const auto& [x, y] : samples)
         squares += std::pow(y - (p[0] + p[1] * x + p[2] * x * x), 2);
     const double variance = squares / static_cast<double>(samples.size() - 3);
-    const double byB = -1.0 / (2.0 * result.c), byC = result.b / (2.0 * result.c * result.c);
-    result.uncertainty =
-        std::sqrt(std::max(0.0, variance * (byB * byB * inverse[1][1] + 2.0 * byB * byC * inverse[1][2] +
-                                            byC * byC * inverse[2][2])));
-    result.valid = true;
-    return result;
+    const Eigen::Vector3d slope(0.0, -1.0 / (2.0 * p[2]), p[1] / (2.0 * p[2] * p[2]));
+    const double spread = slope.dot(solver.inverse() * slope);
+    return TiltAxisFit{-p[1] / (2.0 * p[2]), std::sqrt(std::max(0.0, variance * spread))};
 }
 
 /// Samples within the half width of the centre, as many on either side.
@@ -92,6 +58,7 @@ Samples samplesAround(const std::vector<TiltAxisScore>& scores, double centre, d
 /// Smallest distance between two of the angles tried.
 double finestStep(const std::vector<TiltAxisScore>& scores) {
     std::vector<double> angles;
+    angles.reserve(scores.size());
     for (const TiltAxisScore& score : scores)
         angles.push_back(score.angle);
     std::sort(angles.begin(), angles.end());
@@ -165,11 +132,11 @@ TiltAxisFit fitTiltAxis(const std::vector<TiltAxisScore>& scores, double gridAng
     const double halfWidth = 10.0 * step;
     double centre = gridAngle;
     for (int i = 0; i < 5; ++i) {
-        const Parabola parabola = fitParabola(samplesAround(scores, centre, halfWidth));
-        if (!parabola.valid || std::abs(parabola.vertex) > halfWidth) return fit;
-        centre += parabola.vertex;
-        fit = {centre, parabola.uncertainty};
-        if (std::abs(parabola.vertex) < 1e-3) break;
+        const std::optional<TiltAxisFit> top = topOfParabola(samplesAround(scores, centre, halfWidth));
+        if (!top || std::abs(top->angle) > halfWidth) return fit;
+        centre += top->angle;
+        fit = {centre, top->uncertainty};
+        if (std::abs(top->angle) < 1e-3) break;
     }
     return fit;
 }

@@ -273,8 +273,11 @@ float VRKTiltAxisRefinement::searchAutomated(VoxMRCData* tiltSeries, const std::
     }
     const double startSeconds = processSeconds();
     int iterations = 2;
-    for (double accuracy = std::max(angularAccuracy, kFinestAccuracy); accuracy < 1.0; accuracy *= 10.0)
+    double accuracy = std::max(angularAccuracy, kFinestAccuracy);
+    while (accuracy < 1.0) {
+        accuracy *= 10.0;
         ++iterations;
+    }
     log(line("iterations = ", iterations));
     const int steps = 20 * iterations + 19;
     log(line("steps = ", steps));
