@@ -234,48 +234,6 @@ double neighbourDistance(const Points& points, std::size_t k) {
     return *middle;
 }
 
-void mergePieces(Points& points, std::vector<double>& weights, double distance) {
-    if (weights.size() != points.size()) weights.assign(points.size(), 1.0);
-    std::vector<std::size_t> order(points.size());
-    std::iota(order.begin(), order.end(), std::size_t{0});
-    std::stable_sort(order.begin(), order.end(),
-                     [&](std::size_t a, std::size_t b) { return points[a][0] < points[b][0]; });
-    std::vector<char> taken(points.size(), 0);
-    std::vector<std::size_t> strongestFirst(points.size());
-    std::iota(strongestFirst.begin(), strongestFirst.end(), std::size_t{0});
-    std::stable_sort(strongestFirst.begin(), strongestFirst.end(),
-                     [&](std::size_t a, std::size_t b) { return weights[a] > weights[b]; });
-    std::vector<std::size_t> rank(points.size());
-    for (std::size_t i = 0; i < order.size(); ++i)
-        rank[order[i]] = i;
-
-    Points merged;
-    std::vector<double> mergedWeights;
-    for (const std::size_t centre : strongestFirst) {
-        if (taken[centre]) continue;
-        Vector3d sum = Vector3d::Zero();
-        double weight = 0.0;
-        const auto take = [&](std::size_t index) {
-            if (taken[index] || (points[index] - points[centre]).squaredNorm() > distance * distance) return;
-            taken[index] = 1;
-            sum += weights[index] * points[index];
-            weight += weights[index];
-        };
-        for (std::size_t i = rank[centre] + 1; i-- > 0;) {
-            if (points[centre][0] - points[order[i]][0] > distance) break;
-            take(order[i]);
-        }
-        for (std::size_t i = rank[centre] + 1; i < order.size(); ++i) {
-            if (points[order[i]][0] - points[centre][0] > distance) break;
-            take(order[i]);
-        }
-        merged.push_back(weight > 0.0 ? Vector3d(sum / weight) : points[centre]);
-        mergedWeights.push_back(weight);
-    }
-    points = std::move(merged);
-    weights = std::move(mergedWeights);
-}
-
 std::vector<CellSearchTrial> CellSearch::trials(const Points& points) const {
     // Along densely occupied rows the nearest neighbours are a fraction of the longest base vector, hence the
     // wide range of multiples.

@@ -67,8 +67,4 @@ private:
 /// The median distance of a point from its k-th neighbour; 0 for fewer points.
 double neighbourDistance(const Points& points, std::size_t k);
 
-/// Joins points that are closer than a distance (pieces of one reflection that the detector or the crystal
-/// split) into their weighted mean. `weights` are summed.
-void mergePieces(Points& points, std::vector<double>& weights, double distance);
-
 }  // namespace host

@@ -51,12 +51,6 @@ RadialNoise::RadialNoise(const VoxMRCData& series) {
     m_typical = *middle;
 }
 
-double RadialNoise::voxelSigma(double radius) const {
-    if (m_sigma.empty()) return kLeast;
-    const auto ring = static_cast<std::size_t>(std::max(radius, 0.0));
-    return m_sigma[std::min(ring, m_sigma.size() - 1)];
-}
-
 double RadialNoise::haloRadius(double threshold, double deviations) const {
     // Beyond half the frame it is not the halo that is noisy.
     for (std::size_t ring = m_sigma.size() / 2; ring-- > 0;)

@@ -14,10 +14,8 @@ class RadialNoise {
 public:
     explicit RadialNoise(const VoxMRCData& series);
 
-    /// Standard deviation of a voxel of the volume (an average of four pixels) at a distance from the
-    /// centre, in counts.
-    double voxelSigma(double radius) const;
-    /// That of the typical ring outside the halo of the direct beam.
+    /// Standard deviation of a voxel of the volume (an average of four pixels) in the typical ring outside
+    /// the halo of the direct beam, in counts.
     double typicalVoxelSigma() const { return m_typical; }
     /// The distance from which on noise stays this many standard deviations below a threshold: inside it the
     /// halo of the direct beam makes false reflections.

@@ -167,6 +167,13 @@ RunResult RunPipeline::run() {
     return std::move(m_result);
 }
 
+PositionRefinement RunPipeline::positionRefinement() const {
+    PositionRefinement refinement;
+    refinement.setWavelength(wavelength());
+    refinement.setTolerance(kIndexTolerance);
+    return refinement;
+}
+
 double RunPipeline::wavelength() const {
     return EwaldCurvature::wavelength(m_result.kiloVolts);
 }
@@ -385,9 +392,7 @@ void RunPipeline::refine() {
     const Stopwatch watch(m_result.seconds.cell);
     std::array<double, 3> origin = centre();
     UnitCell cell = niggliReduced(cellOf(m_result.lattice.lattice.basis, m_result.pixelSize));
-    PositionRefinement refinement;
-    refinement.setWavelength(wavelength());
-    refinement.setTolerance(kIndexTolerance);
+    PositionRefinement refinement = positionRefinement();
     const ThresholdLevel& level = m_levels[m_best];
     const ReflexVectorPtr corrected(
         refinement.refine(level.positions.get(), level.tilts, &cell, origin.data()));
@@ -400,9 +405,7 @@ void RunPipeline::refine() {
 bool RunPipeline::indexLevel(ThresholdLevel& level) const {
     std::array<double, 3> origin = centre();
     UnitCell cell(m_result.reciprocal);
-    PositionRefinement refinement;
-    refinement.setWavelength(wavelength());
-    refinement.setTolerance(kIndexTolerance);
+    PositionRefinement refinement = positionRefinement();
     const ReflexVectorPtr corrected(
         refinement.refine(level.positions.get(), level.tilts, &cell, origin.data()));
     level.indexed = corrected ? refinement.result().lattice.indexed : 0;
@@ -439,9 +442,7 @@ void RunPipeline::chooseLevel() {
 void RunPipeline::indexFinally() {
     const Stopwatch watch(m_result.seconds.index);
     std::array<double, 3> origin = centre();
-    PositionRefinement refinement;
-    refinement.setWavelength(wavelength());
-    refinement.setTolerance(kIndexTolerance);
+    PositionRefinement refinement = positionRefinement();
     const ThresholdLevel& level = m_result.level;
     UnitCell cell(m_result.reciprocal);
     m_result.indexed.reset(refinement.refine(level.positions.get(), level.tilts, &cell, origin.data()));
@@ -475,9 +476,7 @@ void RunPipeline::analyseSymmetry() {
     for (int i = 0; i < 3; ++i)
         for (int j = 0; j < 3; ++j)
             toConventional[i][j] = answer.toConventional[i][j];
-    PositionRefinement refinement;
-    refinement.setWavelength(wavelength());
-    refinement.setTolerance(kIndexTolerance);
+    PositionRefinement refinement = positionRefinement();
     refinement.setConstraint(answer.bravaisType, toConventional);
     UnitCell cell(m_result.reciprocal);
     const ReflexVectorPtr corrected(

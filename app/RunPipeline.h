@@ -119,6 +119,8 @@ private:
     bool indexLevel(ThresholdLevel& level) const;
     Points pointsOf(const ThresholdLevel& level, std::vector<double>& weights) const;
     double wavelength() const;
+    /// With the wavelength and the tolerance of the run.
+    PositionRefinement positionRefinement() const;
     /// From the indices of the reduced cell to those of the conventional one; null for the former.
     const int (*conventionalMatrix() const)[3];
     std::array<double, 3> centre() const;
