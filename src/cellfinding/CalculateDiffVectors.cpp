@@ -4,8 +4,8 @@
 #include <cmath>
 #include <memory>
 
-#include "cellfinding/CellListInternal.h"
-#include "cellfinding/TraceInternal.h"
+#include "cellfinding/detail/CellList.h"
+#include "cellfinding/detail/Trace.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <memory>
 
 #include "cellfinding/Line.h"
-#include "cellfinding/TraceInternal.h"
+#include "cellfinding/detail/Trace.h"
 
 namespace {
 

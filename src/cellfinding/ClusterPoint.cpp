@@ -2,7 +2,7 @@
 
 #include <sstream>
 
-#include "cellfinding/PointTextInternal.h"
+#include "cellfinding/detail/PointText.h"
 #include "foundation/VRKLogger.h"
 
 template <typename T>

@@ -7,8 +7,8 @@
 #include <sstream>
 #include <type_traits>
 
-#include "cellfinding/CellListInternal.h"
-#include "cellfinding/TraceInternal.h"
+#include "cellfinding/detail/CellList.h"
+#include "cellfinding/detail/Trace.h"
 
 namespace {
 

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <deque>
 
-#include "cellfinding/ClusterResultInternal.h"
-#include "cellfinding/DensityLabelsInternal.h"
-#include "cellfinding/TraceInternal.h"
+#include "cellfinding/detail/ClusterResult.h"
+#include "cellfinding/detail/DensityLabels.h"
+#include "cellfinding/detail/Trace.h"
 
 namespace {
 

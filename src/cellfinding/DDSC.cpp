@@ -5,8 +5,8 @@
 #include <limits>
 #include <span>
 
-#include "cellfinding/ClusterResultInternal.h"
-#include "cellfinding/TraceInternal.h"
+#include "cellfinding/detail/ClusterResult.h"
+#include "cellfinding/detail/Trace.h"
 
 namespace {
 

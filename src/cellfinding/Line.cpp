@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "cellfinding/TraceInternal.h"
+#include "cellfinding/detail/Trace.h"
 
 namespace {
 

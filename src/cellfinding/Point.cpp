@@ -4,7 +4,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "cellfinding/PointTextInternal.h"
+#include "cellfinding/detail/PointText.h"
 #include "foundation/VRKLogger.h"
 
 template <typename T>

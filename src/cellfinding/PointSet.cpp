@@ -5,8 +5,8 @@
 #include <sstream>
 
 #include "cellfinding/Line.h"
-#include "cellfinding/PointTextInternal.h"
-#include "cellfinding/TraceInternal.h"
+#include "cellfinding/detail/PointText.h"
+#include "cellfinding/detail/Trace.h"
 #include "visualisation/VoxVTKMath.h"
 
 namespace {

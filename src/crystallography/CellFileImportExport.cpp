@@ -11,8 +11,8 @@
 #include <memory>
 #include <string_view>
 
-#include "crystallography/NumberTextInternal.h"
 #include "crystallography/UnitCell.h"
+#include "crystallography/detail/NumberText.h"
 #include "foundation/VRKLogger.h"
 #include "foundation/Version.h"
 

@@ -8,10 +8,10 @@
 #include <span>
 
 #include "crystallography/BasicMath.h"
-#include "crystallography/CentringInternal.h"
-#include "crystallography/LatticeCharacterTableInternal.h"
 #include "crystallography/UnitCell.h"
 #include "crystallography/UnitCellTest.h"
+#include "crystallography/detail/Centring.h"
+#include "crystallography/detail/LatticeCharacterTable.h"
 #include "foundation/VRKLogger.h"
 
 namespace {

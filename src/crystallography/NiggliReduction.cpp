@@ -11,10 +11,10 @@
 #include <string>
 
 #include "crystallography/BasicMath.h"
-#include "crystallography/NumberTextInternal.h"
-#include "crystallography/ToleranceInternal.h"
 #include "crystallography/UnitCell.h"
 #include "crystallography/UnitCellTest.h"
+#include "crystallography/detail/NumberText.h"
+#include "crystallography/detail/Tolerance.h"
 
 NiggliReduction::State NiggliReduction::m_state = {};
 double NiggliReduction::m_eps = 1e-5;

@@ -8,11 +8,11 @@
 #include <sstream>
 
 #include "crystallography/BasicMath.h"
-#include "crystallography/CentringInternal.h"
 #include "crystallography/LatticeSymmetry.h"
-#include "crystallography/NumberTextInternal.h"
-#include "crystallography/ToleranceInternal.h"
 #include "crystallography/UnitConverter.h"
+#include "crystallography/detail/Centring.h"
+#include "crystallography/detail/NumberText.h"
+#include "crystallography/detail/Tolerance.h"
 #include "foundation/VRKLogger.h"
 
 namespace {

@@ -3,8 +3,8 @@
 #include <cmath>
 #include <iostream>
 
-#include "crystallography/ToleranceInternal.h"
 #include "crystallography/UnitCell.h"
+#include "crystallography/detail/Tolerance.h"
 
 namespace {
 

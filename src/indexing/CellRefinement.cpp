@@ -5,8 +5,8 @@
 
 #include "crystallography/UnitCell.h"
 #include "foundation/VRKLogger.h"
-#include "indexing/FitPointsInternal.h"
-#include "indexing/LatticeFitInternal.h"
+#include "indexing/detail/FitPoints.h"
+#include "indexing/detail/LatticeFit.h"
 #include "reflections/ReflexVector.h"
 
 namespace {

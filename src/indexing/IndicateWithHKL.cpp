@@ -7,7 +7,7 @@
 #include "crystallography/BasicMath.h"
 #include "crystallography/UnitCell.h"
 #include "foundation/VRKLogger.h"
-#include "indexing/IndexingPlotsInternal.h"
+#include "indexing/detail/IndexingPlots.h"
 #include "reflections/Reflex.h"
 #include "reflections/ReflexVector.h"
 

@@ -11,9 +11,9 @@
 #include "crystallography/UnitCell.h"
 #include "foundation/VRKLogger.h"
 #include "indexing/EwaldCurvature.h"
-#include "indexing/FitPointsInternal.h"
-#include "indexing/LatticeFitInternal.h"
 #include "indexing/ReflectionPositions.h"
+#include "indexing/detail/FitPoints.h"
+#include "indexing/detail/LatticeFit.h"
 #include "reflections/ReflexVector.h"
 
 namespace {

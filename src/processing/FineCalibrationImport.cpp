@@ -9,7 +9,7 @@
 #include <sstream>
 #include <vector>
 
-#include "foundation/LogInternal.h"
+#include "foundation/detail/Log.h"
 
 namespace {
 

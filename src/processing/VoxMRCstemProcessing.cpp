@@ -12,15 +12,15 @@
 #include <stdexcept>
 #include <string>
 
-#include "foundation/LogInternal.h"
-#include "processing/BeamCentreInternal.h"
-#include "processing/FrameInternal.h"
-#include "processing/HotSpotsInternal.h"
-#include "processing/RadialBackgroundInternal.h"
-#include "processing/ReciprocalVolumeInternal.h"
-#include "processing/ResamplingInternal.h"
+#include "foundation/detail/Log.h"
 #include "processing/SamplingGeometry.h"
-#include "visualisation/SingleThreadedOpenCVInternal.h"
+#include "processing/detail/BeamCentre.h"
+#include "processing/detail/Frame.h"
+#include "processing/detail/HotSpots.h"
+#include "processing/detail/RadialBackground.h"
+#include "processing/detail/ReciprocalVolume.h"
+#include "processing/detail/Resampling.h"
+#include "visualisation/detail/SingleThreadedOpenCV.h"
 
 namespace {
 

@@ -11,10 +11,10 @@
 
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "cellfinding/Parameter.h"
-#include "foundation/LogInternal.h"
+#include "foundation/detail/Log.h"
 #include "reflections/ReflexOnGrid.h"
-#include "reflections/RegionGrowerInternal.h"
 #include "reflections/VolumeMath.h"
+#include "reflections/detail/RegionGrower.h"
 
 using VRK::detail::log;
 using VRK::detail::Region;

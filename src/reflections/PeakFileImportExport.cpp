@@ -10,8 +10,8 @@
 #include <locale>
 #include <string_view>
 
-#include "foundation/LogInternal.h"
 #include "foundation/Version.h"
+#include "foundation/detail/Log.h"
 #include "reflections/ReflexVector.h"
 
 namespace {

@@ -6,8 +6,8 @@
 #include <string>
 
 #include "foundation/VRKLogger.h"
-#include "reflections/RegionGrowerInternal.h"
 #include "reflections/VolumeMath.h"
+#include "reflections/detail/RegionGrower.h"
 
 using VRK::detail::Region;
 using VRK::detail::RegionGrower;

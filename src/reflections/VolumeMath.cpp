@@ -3,7 +3,7 @@
 #include <limits>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
-#include "reflections/VoxelGridInternal.h"
+#include "reflections/detail/VoxelGrid.h"
 
 float VolumeMath::m_zeroCompareValue = 0.0f;
 

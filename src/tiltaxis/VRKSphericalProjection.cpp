@@ -8,7 +8,7 @@
 #include <string>
 
 #include "cellfinding/ClusterPoint.h"
-#include "foundation/LogInternal.h"
+#include "foundation/detail/Log.h"
 
 namespace {
 

@@ -23,11 +23,11 @@
 #include "processing/VoxMRCstemProcessing.h"
 #include "reflections/FindReflexes.h"
 #include "reflections/ReflexOnGrid.h"
-#include "tiltaxis/EvaluationSeriesInternal.h"
 #include "tiltaxis/FindReflexes2d.h"
 #include "tiltaxis/ReflectionTransformation.h"
 #include "tiltaxis/ReflexMerger2d.h"
 #include "tiltaxis/VRKSphericalProjection.h"
+#include "tiltaxis/detail/EvaluationSeries.h"
 #include "visualisation/GnuplotScript.h"
 #include "visualisation/VoxOpenCV.h"
 

@@ -8,8 +8,8 @@
 
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "VoxCore/IO/VoxMRCFileHandler.h"
-#include "visualisation/SliceReductionInternal.h"
 #include "visualisation/VoxVolumeData.h"
+#include "visualisation/detail/SliceReduction.h"
 
 using VRK::detail::SliceReduction;
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
-#include "visualisation/SliceReductionInternal.h"
+#include "visualisation/detail/SliceReduction.h"
 
 using VRK::detail::SliceReduction;
 

@@ -12,8 +12,8 @@ extern "C" {
 }
 
 #include "RandomLattice.h"
-#include "crystallography/CentringInternal.h"
-#include "crystallography/LatticeCharacterTableInternal.h"
+#include "crystallography/detail/Centring.h"
+#include "crystallography/detail/LatticeCharacterTable.h"
 #include "support/RecordingLogObserver.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <limits>
 #include <span>
 
-#include "VoxCore/DataModel/ValueCountsInternal.h"
+#include "VoxCore/DataModel/detail/ValueCounts.h"
 
 namespace {
 

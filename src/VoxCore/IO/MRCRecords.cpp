@@ -4,7 +4,7 @@
 #include <cstring>
 #include <type_traits>
 
-#include "VoxCore/IO/MRCRecordsInternal.h"
+#include "VoxCore/IO/detail/MRCRecords.h"
 
 namespace VRK::detail {
 namespace {

@@ -16,11 +16,11 @@
 #include <new>
 #include <vector>
 
-#include "VoxCore/DataModel/ValueCountsInternal.h"
 #include "VoxCore/DataModel/VoxHistogram.h"
 #include "VoxCore/DataModel/VoxMRCData.h"
-#include "VoxCore/IO/MRCRecordsInternal.h"
-#include "foundation/LogInternal.h"
+#include "VoxCore/DataModel/detail/ValueCounts.h"
+#include "VoxCore/IO/detail/MRCRecords.h"
+#include "foundation/detail/Log.h"
 
 using VRK::detail::kMainHeaderBytes;
 using VRK::detail::kSliceRecordBytes;

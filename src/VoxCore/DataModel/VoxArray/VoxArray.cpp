@@ -13,8 +13,8 @@
 #include <new>
 #include <optional>
 
-#include "VoxCore/DataModel/VoxArray/ElementArithmeticInternal.h"
-#include "foundation/LargePagesInternal.h"
+#include "VoxCore/DataModel/VoxArray/detail/ElementArithmetic.h"
+#include "foundation/detail/LargePages.h"
 
 namespace {
 

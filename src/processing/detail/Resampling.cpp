@@ -1,4 +1,4 @@
-#include "processing/ResamplingInternal.h"
+#include "processing/detail/Resampling.h"
 
 #include <algorithm>
 #include <array>

@@ -7,7 +7,7 @@
 #include <span>
 #include <vector>
 
-#include "processing/FrameInternal.h"
+#include "processing/detail/Frame.h"
 
 namespace VRK::detail {
 

@@ -1,4 +1,4 @@
-#include "tiltaxis/EvaluationSeriesInternal.h"
+#include "tiltaxis/detail/EvaluationSeries.h"
 
 #include <algorithm>
 #include <array>
@@ -9,9 +9,9 @@
 #include <opencv2/imgproc.hpp>
 #include <vector>
 
-#include "processing/FrameInternal.h"
+#include "processing/detail/Frame.h"
 #include "tiltaxis/Reflex2d.h"
-#include "visualisation/SingleThreadedOpenCVInternal.h"
+#include "visualisation/detail/SingleThreadedOpenCV.h"
 
 namespace VRK::detail {
 namespace {

@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <cstddef>
 
-#include "visualisation/SliceReductionInternal.h"
+#include "visualisation/detail/SliceReduction.h"
 
 namespace VRK::detail {
 namespace {

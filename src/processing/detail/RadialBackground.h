@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "processing/FrameInternal.h"
+#include "processing/detail/Frame.h"
 
 namespace VRK::detail {
 

@@ -1,11 +1,11 @@
-#include "cellfinding/DensityLabelsInternal.h"
+#include "cellfinding/detail/DensityLabels.h"
 
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <numeric>
 
-#include "cellfinding/CellListInternal.h"
+#include "cellfinding/detail/CellList.h"
 
 namespace VRK::detail {
 namespace {

@@ -1,4 +1,4 @@
-#include "indexing/LatticeFitInternal.h"
+#include "indexing/detail/LatticeFit.h"
 
 #include <Eigen/Cholesky>
 #include <Eigen/Eigenvalues>

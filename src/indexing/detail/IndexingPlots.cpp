@@ -1,4 +1,4 @@
-#include "indexing/IndexingPlotsInternal.h"
+#include "indexing/detail/IndexingPlots.h"
 
 #include <Eigen/LU>
 #include <algorithm>
@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "foundation/VRKLogger.h"
-#include "indexing/FitPointsInternal.h"
+#include "indexing/detail/FitPoints.h"
 #include "reflections/Reflex.h"
 #include "reflections/ReflexVector.h"
 #include "visualisation/GnuplotScript.h"

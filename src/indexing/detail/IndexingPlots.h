@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "indexing/LatticeFitInternal.h"
+#include "indexing/detail/LatticeFit.h"
 
 class ReflexVector;
 

@@ -4,7 +4,7 @@
 
 #include <vector>
 
-#include "processing/FrameInternal.h"
+#include "processing/detail/Frame.h"
 
 namespace VRK::detail {
 

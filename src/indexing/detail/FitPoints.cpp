@@ -1,4 +1,4 @@
-#include "indexing/FitPointsInternal.h"
+#include "indexing/detail/FitPoints.h"
 
 #include <Eigen/LU>
 #include <algorithm>

@@ -9,7 +9,7 @@
 #include <memory>
 #include <vector>
 
-#include "reflections/VoxelGridInternal.h"
+#include "reflections/detail/VoxelGrid.h"
 
 namespace VRK::detail {
 

@@ -1,4 +1,4 @@
-#include "processing/BeamCentreInternal.h"
+#include "processing/detail/BeamCentre.h"
 
 #include <algorithm>
 #include <array>

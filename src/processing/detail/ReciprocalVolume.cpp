@@ -1,4 +1,4 @@
-#include "processing/ReciprocalVolumeInternal.h"
+#include "processing/detail/ReciprocalVolume.h"
 
 #include <algorithm>
 #include <limits>

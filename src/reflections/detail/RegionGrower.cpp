@@ -2,8 +2,8 @@
 #include <cmath>
 #include <new>
 
-#include "reflections/RegionGrowerInternal.h"
 #include "reflections/VolumeMath.h"
+#include "reflections/detail/RegionGrower.h"
 
 namespace VRK::detail {
 namespace {

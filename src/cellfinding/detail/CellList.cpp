@@ -1,4 +1,4 @@
-#include "cellfinding/CellListInternal.h"
+#include "cellfinding/detail/CellList.h"
 
 namespace VRK::detail {
 

@@ -8,8 +8,8 @@
 #include <span>
 #include <vector>
 
-#include "VoxCore/DataModel/ValueCountsInternal.h"
 #include "VoxCore/DataModel/VoxMRCData.h"
+#include "VoxCore/DataModel/detail/ValueCounts.h"
 #include "processing/SamplingGeometry.h"
 
 namespace VRK::detail {

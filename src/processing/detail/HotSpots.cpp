@@ -1,4 +1,4 @@
-#include "processing/HotSpotsInternal.h"
+#include "processing/detail/HotSpots.h"
 
 #include <algorithm>
 #include <array>

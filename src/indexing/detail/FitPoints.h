@@ -7,7 +7,7 @@
 
 #include "crystallography/BravaisTypes.h"
 #include "indexing/CellRefinement.h"
-#include "indexing/LatticeFitInternal.h"
+#include "indexing/detail/LatticeFit.h"
 
 class ReflexVector;
 class UnitCell;

@@ -1,4 +1,4 @@
-#include "processing/RadialBackgroundInternal.h"
+#include "processing/detail/RadialBackground.h"
 
 #include <algorithm>
 #include <cmath>
