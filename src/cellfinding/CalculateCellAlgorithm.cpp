@@ -7,26 +7,37 @@
 #include <limits>
 #include <memory>
 #include <new>
+#include <optional>
+#include <span>
 #include <sstream>
 #include <string>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
+#include "cellfinding/CalculateCellIOstuff.h"
 #include "cellfinding/CalculateDiffVectors.h"
 #include "cellfinding/DBSCAN.h"
+#include "cellfinding/DDSC.h"
 #include "cellfinding/DiffVector3D.h"
+#include "cellfinding/detail/BaseChoice.h"
+#include "cellfinding/detail/BaseRefinement.h"
+#include "cellfinding/detail/ClusterCentres.h"
+#include "cellfinding/detail/ClusterParts.h"
 #include "crystallography/BasicMath.h"
+#include "crystallography/NiggliReduction.h"
 #include "foundation/VRKLogger.h"
 
 namespace {
 
-using Vector = std::array<double, 3>;
+using VRK::detail::Centre;
+using VRK::detail::centresOf;
+using VRK::detail::componentsOf;
+using VRK::detail::coordinatesOf;
+using VRK::detail::isAngleBetween;
+using VRK::detail::isOutOfPlane;
+using VRK::detail::Vector;
 using Clusters = std::vector<Cluster<Point<double>>*>;
 
 constexpr double kFailed = -1.0;
-constexpr int kGridEdge = 3;
-constexpr double kLargestAngle = 3.0;
-/// Least volume of the cell as a share of the product of its edges. 0.103 with 20 degrees between all axes.
-constexpr double kLeastRelativeVolume = 0.1;
 constexpr int kMostLatticeSteps = 50;
 
 class Stopwatch {
@@ -69,49 +80,8 @@ struct DeleteVectors {
     }
 };
 
-/// A grid numbers its cells from the coordinate 0 and has as many as the distance of its limits asks for.
-/// Makes sure that there is a cell for every coordinate.
-void coverCells(Vector& min, Vector& max) {
-    for (std::size_t axis = 0; axis < 3; ++axis) {
-        min[axis] = std::min(min[axis], 0.0);
-        if (!(max[axis] > min[axis])) max[axis] = min[axis] + kGridEdge;
-    }
-}
-
-/// Coordinates beyond the point's dimension are 0.
-DiffVector3D vectorOf(const Point<double>& point) {
-    return {point.getData(0), point.getData(1), point.getData(2)};
-}
-
-Vector componentsOf(const DiffVector3D& vector) {
-    return {vector.getX(), vector.getY(), vector.getZ()};
-}
-
-Vector centreOf(const Cluster<Point<double>>& cluster) {
-    Vector centre{};
-    for (int axis = 0; axis < std::min(cluster.getDimension(), 3); ++axis)
-        centre[static_cast<std::size_t>(axis)] = cluster.getCenterOfGrafity(axis);
-    return centre;
-}
-
-bool isFinite(const Vector& v) {
-    return std::isfinite(v[0]) && std::isfinite(v[1]) && std::isfinite(v[2]);
-}
-
-/// Whether the cluster has a place.
-bool isUsable(const Cluster<Point<double>>* cluster) {
-    return cluster && cluster->getNumberOfPoints() > 0 && isFinite(centreOf(*cluster));
-}
-
-bool isAngleBetween(const DiffVector3D& a, const DiffVector3D& b, double least) {
-    const double angle = BasicMath::CalcAngleBetweenAandB(componentsOf(a).data(), componentsOf(b).data());
-    return std::abs(angle) >= least && std::abs(angle) <= kLargestAngle;
-}
-
-bool isOutOfPlane(const DiffVector3D& a, const DiffVector3D& b, const DiffVector3D& c, double detLimit) {
-    const double volume = std::abs(
-        BasicMath::Determinant(componentsOf(a).data(), componentsOf(b).data(), componentsOf(c).data()));
-    return volume > detLimit && volume > kLeastRelativeVolume * a.getLength() * b.getLength() * c.getLength();
+DiffVector3D vectorAt(const Vector& place) {
+    return {place[0], place[1], place[2]};
 }
 
 /// Gives the point the coordinates of the vector and prints it with its length.
@@ -120,93 +90,64 @@ void hand(const DiffVector3D& vector, ClusterPoint<double>* point) {
     point->printCoefficientsWithLength();
 }
 
+/// The distance of cluster centres from the nodes of a lattice that explains them.
+double radiusOfNodes(const Parameter& parameter) {
+    return std::max(0.6, 0.6 * parameter.getDBSCANEps());
+}
+
+/// A DDSC clustering of the same vectors.
+void clusterWithDDSC(CubicGrid<ClusterPoint<double>>& grid, const Parameter& parameter, Clusters& clusters,
+                     std::vector<ClusterPoint<double>*>& noise) {
+    constexpr double kAlpha = 2.0;
+    std::vector<ClusterPointDDSC<double>> vectors;
+    vectors.reserve(grid.getPoints()->size());
+    for (const ClusterPoint<double>* point : *grid.getPoints())
+        vectors.emplace_back(coordinatesOf(*point).data(), static_cast<unsigned char>(3), short(-1), -1);
+    std::vector<ClusterPointDDSC<double>*> pointers;
+    for (auto& vector : vectors)
+        pointers.push_back(&vector);
+    DDSC::clustering(VRK::detail::gridOver(pointers).get(), parameter.getDBSCANEps(),
+                     parameter.getDBSCANMinPts(), kAlpha, &clusters, &noise);
+}
+
+void handOver(const std::array<Vector, 3>& base, const std::array<ClusterPoint<double>*, 3>& points) {
+    for (std::size_t i = 0; i < 3; ++i)
+        hand(vectorAt(base[i]), points[i]);
+}
+
+/// The reflections as vectors from the origin, the shortest first. One at the origin is none.
+std::vector<Centre> placesOf(const ReflexVector& reflections, const double* origin, int centerType) {
+    std::vector<Centre> places;
+    for (Reflex* reflex : reflections) {
+        if (!reflex) continue;
+        Centre centre{{}, 1.0};
+        for (int axis = 0; axis < 3; ++axis)
+            centre.place[static_cast<std::size_t>(axis)] = reflex->getCenter(axis, centerType) - origin[axis];
+        if (VRK::detail::isFinite(centre.place) && BasicMath::Norm(centre.place.data()) > 0.0)
+            places.push_back(centre);
+    }
+    std::stable_sort(places.begin(), places.end(), [](const Centre& first, const Centre& second) {
+        return BasicMath::Norm(first.place.data()) < BasicMath::Norm(second.place.data());
+    });
+    return places;
+}
+
+/// The base that explains the judges best, fitted to them.
+std::optional<std::array<Vector, 3>> bestBase(std::span<const Vector> vectors, std::span<const Centre> judges,
+                                              double radius) {
+    const auto bases = VRK::detail::rankBases(vectors, judges, radius);
+    if (bases.empty()) return std::nullopt;
+    std::array<Vector, 3> base = bases.front().vectors;
+    VRK::detail::fitToLattice(judges, base);
+    return base;
+}
+
 std::vector<DiffVector3D*> pointersTo(std::vector<DiffVector3D>& vectors) {
     std::vector<DiffVector3D*> pointers;
     pointers.reserve(vectors.size());
     for (DiffVector3D& vector : vectors)
         pointers.push_back(&vector);
     return pointers;
-}
-
-/// A cluster centre on the row of a direction.
-struct RowCentre {
-    Vector place;
-    double weight;
-    double multiple;
-};
-
-double distanceToMultiple(const RowCentre& centre, const Vector& direction) {
-    const Vector rest = {centre.place[0] - centre.multiple * direction[0],
-                         centre.place[1] - centre.multiple * direction[1],
-                         centre.place[2] - centre.multiple * direction[2]};
-    return BasicMath::Norm(rest.data());
-}
-
-double lengthOfShortestCentre(const Clusters& clusters) {
-    double shortest = std::numeric_limits<double>::infinity();
-    for (const auto* cluster : clusters) {
-        if (!isUsable(cluster)) continue;
-        const double length = BasicMath::Norm(centreOf(*cluster).data());
-        if (length > 0.0) shortest = std::min(shortest, length);
-    }
-    return shortest;
-}
-
-/// The centres within the reach of a multiple of the direction, up to the largest multiple.
-std::vector<RowCentre> rowOf(const Clusters& clusters, const Vector& direction, double reach,
-                             double largestMultiple) {
-    std::vector<RowCentre> row;
-    const double square = BasicMath::Dot(direction.data(), direction.data());
-    for (const auto* cluster : clusters) {
-        if (!isUsable(cluster)) continue;
-        RowCentre centre{centreOf(*cluster), static_cast<double>(cluster->getNumberOfPoints()), 0.0};
-        centre.multiple = std::round(BasicMath::Dot(centre.place.data(), direction.data()) / square);
-        if (centre.multiple != 0.0 && std::abs(centre.multiple) <= largestMultiple &&
-            distanceToMultiple(centre, direction) <= reach)
-            row.push_back(centre);
-    }
-    return row;
-}
-
-/// The median of the distances, each counted as often as its centre has points.
-double medianDistance(const std::vector<RowCentre>& row, const Vector& direction) {
-    std::vector<std::pair<double, double>> distances;
-    double total = 0.0;
-    for (const RowCentre& centre : row) {
-        distances.emplace_back(distanceToMultiple(centre, direction), centre.weight);
-        total += centre.weight;
-    }
-    std::sort(distances.begin(), distances.end());
-    double sum = 0.0;
-    for (const auto& [distance, weight] : distances)
-        if (sum += weight; 2.0 * sum >= total) return distance;
-    return 0.0;
-}
-
-/// The direction of which the multiples fit the centres best; centres that fit badly lose their weight.
-Vector fitToRow(const std::vector<RowCentre>& row, Vector direction) {
-    constexpr int kRounds = 10;
-    constexpr double kBiweight = 4.685;
-    // In voxels. Where the half space cuts through a cluster, its halves appear at v and at -v and are this
-    // far from each other when turned the same way; only together are they at the right place.
-    constexpr double kLeastCutOff = 1.0;
-    for (int round = 0; round < kRounds; ++round) {
-        const double cutOff = std::max(kLeastCutOff, kBiweight * 1.4826 * medianDistance(row, direction));
-        Vector sum{};
-        double squares = 0.0;
-        for (const RowCentre& centre : row) {
-            const double distance = distanceToMultiple(centre, direction) / cutOff;
-            if (distance >= 1.0) continue;
-            const double belief = (1.0 - distance * distance) * (1.0 - distance * distance);
-            const double weight = belief * centre.weight * centre.multiple;
-            for (std::size_t axis = 0; axis < 3; ++axis)
-                sum[axis] += weight * centre.place[axis];
-            squares += weight * centre.multiple;
-        }
-        if (!(squares > 0.0)) break;
-        direction = {sum[0] / squares, sum[1] / squares, sum[2] / squares};
-    }
-    return direction;
 }
 
 }  // namespace
@@ -266,11 +207,12 @@ CubicGrid<ClusterPoint<double>>* CalculateCellAlgorithm::StepTwo_CalcDiffVectors
             logText("Calculate diff vectors failed.", VRK::Error);
             return nullptr;
         }
-        coverCells(min, max);
+        VRK::detail::coverCells(min.data(), max.data());
         auto grid = std::make_unique<CubicGrid<ClusterPoint<double>>>(vectors.get(), min.data(), max.data(),
-                                                                      kGridEdge);
+                                                                      VRK::detail::kGridEdge);
         grid->print();
         m_logger->log("Generate CubicGrid finished", VRK::Debug, VRK::Information);
+        if (CalculateCellIOstuff::getWriteData()) CalculateCellIOstuff::writeDiffData(grid.get());
         parameter->setDiffVectorOptionsChanged(false);
         const double elapsed = watch.seconds();
         if (seconds) *seconds = elapsed;
@@ -284,14 +226,23 @@ double CalculateCellAlgorithm::StepThree_Clustering(Parameter* parameter,
                                                     CubicGrid<ClusterPoint<double>>* grid,
                                                     std::vector<Cluster<Point<double>>*>* clusters,
                                                     std::vector<ClusterPoint<double>*>* noise) {
+    const auto group = [&] {
+        if (!parameter->useDBSCAN()) return;
+        m_logger->log("use DBSCAN clustering.", VRK::Debug, VRK::Information);
+        DBSCAN().cluster(grid, parameter->getDBSCANEps(), parameter->getDBSCANMinPts(), clusters, noise);
+    };
+    return clusterBy(group, parameter, grid, clusters, noise);
+}
+
+double CalculateCellAlgorithm::clusterBy(const std::function<void()>& group, Parameter* parameter,
+                                         CubicGrid<ClusterPoint<double>>* grid,
+                                         std::vector<Cluster<Point<double>>*>* clusters,
+                                         std::vector<ClusterPoint<double>*>* noise) {
     return withMemoryReport([&] {
         const Stopwatch watch;
         logText("Clustering started...");
         const bool hasInput = parameter && grid && grid->getNumberOfPoints() > 0 && clusters && noise;
-        if (hasInput && parameter->useDBSCAN()) {
-            m_logger->log("use DBSCAN clustering.", VRK::Debug, VRK::Information);
-            DBSCAN().cluster(grid, parameter->getDBSCANEps(), parameter->getDBSCANMinPts(), clusters, noise);
-        }
+        if (hasInput) group();
         if (parameter) parameter->setClusterOptionsChanged(false);
         if (!hasInput || clusters->empty()) {
             logText("No cluster centers found.", VRK::Warning);
@@ -301,6 +252,11 @@ double CalculateCellAlgorithm::StepThree_Clustering(Parameter* parameter,
         logTime("Clustering in", seconds, " Number of clusters: " + std::to_string(clusters->size()));
         if (parameter->getRefineCluster())
             clusterRefinement(clusters, parameter->getClusterRefinementPercent() / 100.0);
+        if (CalculateCellIOstuff::getWriteData()) {
+            CalculateCellIOstuff::writeClusters(clusters);
+            CalculateCellIOstuff::writeDiffDataWithoutNoise(grid);
+        }
+        if (CalculateCellIOstuff::getWriteLines()) projectAllClusterToLinesAndWriteFiles(clusters);
         return seconds;
     });
 }
@@ -316,11 +272,8 @@ double CalculateCellAlgorithm::StepFour_FindLinearIndependentVectors(
             return kFailed;
         }
         std::vector<DiffVector3D> centres;
-        for (const auto* cluster : *clusters) {
-            if (!isUsable(cluster)) continue;
-            const Vector centre = centreOf(*cluster);
-            centres.emplace_back(centre[0], centre[1], centre[2]);
-        }
+        for (const auto& [place, weight] : centresOf(*clusters))
+            centres.push_back(vectorAt(place));
         std::vector<DiffVector3D*> candidates = pointersTo(centres);
         DiffVector3D foundA(0.0, 0.0, 0.0);
         DiffVector3D foundB(0.0, 0.0, 0.0);
@@ -355,9 +308,9 @@ double CalculateCellAlgorithm::StepFive_CalculateNiggliCell(Parameter* parameter
             logText("Parameters and six points are needed to shorten base vectors.", VRK::Error);
             return kFailed;
         }
-        const DiffVector3D inA = vectorOf(*a);
-        const DiffVector3D inB = vectorOf(*b);
-        const DiffVector3D inC = vectorOf(*c);
+        const DiffVector3D inA = vectorAt(coordinatesOf(*a));
+        const DiffVector3D inB = vectorAt(coordinatesOf(*b));
+        const DiffVector3D inC = vectorAt(coordinatesOf(*c));
         DiffVector3D shortA(0.0, 0.0, 0.0);
         DiffVector3D shortB(0.0, 0.0, 0.0);
         DiffVector3D shortC(0.0, 0.0, 0.0);
@@ -402,6 +355,203 @@ double CalculateCellAlgorithm::StepSix_Refinement(std::vector<Cluster<Point<doub
     });
 }
 
+double CalculateCellAlgorithm::clusteringStep(Parameter* parameter, CubicGrid<ClusterPoint<double>>* grid,
+                                              std::vector<Cluster<Point<double>>*>* clusters,
+                                              std::vector<ClusterPoint<double>*>* noise,
+                                              ClusteringMethod method) {
+    if (method == ClusteringMethod::DBSCAN) return clusteringWithDBSCAN(parameter, grid, clusters, noise);
+    const auto group = [&] {
+        m_logger->log("use DDSC clustering.", VRK::Debug, VRK::Information);
+        clusterWithDDSC(*grid, *parameter, *clusters, *noise);
+        postprocessingDDSCclustering(clusters, parameter->getDBSCANEps());
+        VRK::detail::labelGrid(*grid, *clusters);
+    };
+    return clusterBy(group, parameter, grid, clusters, noise);
+}
+
+double CalculateCellAlgorithm::clusteringWithDBSCAN(Parameter* parameter,
+                                                    CubicGrid<ClusterPoint<double>>* grid,
+                                                    std::vector<Cluster<Point<double>>*>* clusters,
+                                                    std::vector<ClusterPoint<double>*>* noise) {
+    return StepThree_Clustering(parameter, grid, clusters, noise);
+}
+
+double CalculateCellAlgorithm::rekursivClusteringWithDBSCAN(Parameter* parameter,
+                                                            CubicGrid<ClusterPoint<double>>* grid,
+                                                            std::vector<Cluster<Point<double>>*>* clusters,
+                                                            std::vector<ClusterPoint<double>*>* noise,
+                                                            int depth) {
+    constexpr int kDeepest = 8;
+    const auto group = [&] {
+        VRK::detail::clusterRecursively(*grid, parameter->getDBSCANEps(), parameter->getDBSCANMinPts(),
+                                        std::min(depth, kDeepest))
+            .handTo(*clusters, *noise);
+        VRK::detail::labelGrid(*grid, *clusters);
+    };
+    return clusterBy(group, parameter, grid, clusters, noise);
+}
+
+bool CalculateCellAlgorithm::postprocessingDDSCclustering(std::vector<Cluster<Point<double>>*>* clusters,
+                                                          double reach) {
+    if (!clusters || clusters->empty()) {
+        logText("No clusters to join.", VRK::Warning);
+        return false;
+    }
+    VRK::detail::joinClusters(*clusters, [reach](const auto& first, const auto& second) {
+        return checkNeighbourhoodOfCluster(&first, &second, reach);
+    });
+    return true;
+}
+
+bool CalculateCellAlgorithm::checkNeighbourhoodOfCluster(const Cluster<Point<double>>* first,
+                                                         const Cluster<Point<double>>* second, double reach) {
+    if (!first || !second || first->getDimension() != second->getDimension() || !first->isNear(second))
+        return false;
+    double square = 0.0;
+    for (int axis = 0; axis < first->getDimension(); ++axis) {
+        const double d = first->getCenterOfGrafity(axis) - second->getCenterOfGrafity(axis);
+        square += d * d;
+    }
+    return square <= reach * reach;
+}
+
+double CalculateCellAlgorithm::findBasis(Parameter* parameter, std::vector<Cluster<Point<double>>*>* clusters,
+                                         ClusterPoint<double>* a, ClusterPoint<double>* b,
+                                         ClusterPoint<double>* c) {
+    constexpr std::size_t kVectors = 40;
+    return withMemoryReport([&] {
+        const Stopwatch watch;
+        if (!parameter || !clusters || !a || !b || !c) {
+            logText("Parameters, clusters and three points are needed to find a basis.", VRK::Error);
+            return kFailed;
+        }
+        std::vector<Centre> centres = centresOf(*clusters);
+        std::stable_sort(centres.begin(), centres.end(), [](const Centre& first, const Centre& second) {
+            return first.weight > second.weight;
+        });
+        centres.resize(std::min(centres.size(), 2 * kVectors));
+        std::vector<Vector> vectors;
+        for (std::size_t i = 0; i < std::min(centres.size(), kVectors); ++i)
+            vectors.push_back(centres[i].place);
+        const auto base = bestBase(vectors, centres, radiusOfNodes(*parameter));
+        if (!base) {
+            logText("No three of " + std::to_string(vectors.size()) + " cluster centers form a basis.",
+                    VRK::Warning);
+            return kFailed;
+        }
+        handOver(*base, {a, b, c});
+        const double seconds = watch.seconds();
+        logTime("Find a basis in", seconds);
+        return seconds;
+    });
+}
+
+double CalculateCellAlgorithm::testCellDetectionWithReflections(Parameter* parameter,
+                                                                ReflexVector* reflections,
+                                                                const double* origin, ClusterPoint<double>* a,
+                                                                ClusterPoint<double>* b,
+                                                                ClusterPoint<double>* c) {
+    constexpr std::size_t kVectors = 40;
+    constexpr std::size_t kJudges = 400;
+    return withMemoryReport([&] {
+        const Stopwatch watch;
+        if (!parameter || !reflections || !origin || !a || !b || !c) {
+            logText("Parameters, reflections, an origin and three points are needed to find a basis.",
+                    VRK::Error);
+            return kFailed;
+        }
+        std::vector<Centre> places =
+            placesOf(*reflections, origin, parameter->getWhichReflectionMiddleShouldUsed());
+        places.resize(std::min(places.size(), kJudges));
+        std::vector<Vector> vectors;
+        for (std::size_t i = 0; i < std::min(places.size(), kVectors); ++i)
+            vectors.push_back(places[i].place);
+        const auto base = bestBase(vectors, places, radiusOfNodes(*parameter));
+        if (!base) {
+            logText("No three of " + std::to_string(vectors.size()) + " reflections form a basis.",
+                    VRK::Warning);
+            return kFailed;
+        }
+        handOver(*base, {a, b, c});
+        const double seconds = watch.seconds();
+        logTime("Find a basis in", seconds);
+        return seconds;
+    });
+}
+
+double CalculateCellAlgorithm::calculateNiggliCell2(ClusterPoint<double>* a, ClusterPoint<double>* b,
+                                                    ClusterPoint<double>* c, ClusterPoint<double>* outA,
+                                                    ClusterPoint<double>* outB, ClusterPoint<double>* outC) {
+    const Stopwatch watch;
+    if (!a || !b || !c || !outA || !outB || !outC) {
+        logText("Six points are needed to reduce base vectors.", VRK::Error);
+        return kFailed;
+    }
+    UnitCell cell(coordinatesOf(*a).data(), coordinatesOf(*b).data(), coordinatesOf(*c).data(), 1.0, true,
+                  true, LATTICE::aP);
+    if (cell.isDegenerate()) {
+        logText("The base vectors span no cell that could be reduced.", VRK::Warning);
+        return kFailed;
+    }
+    NiggliReduction::niggliReduction(&cell, 0);
+    std::array<Vector, 3> base;
+    cell.getBase(base[0].data(), base[1].data(), base[2].data());
+    if (!cell.isRightHanded())
+        for (Vector& vector : base)
+            for (double& x : vector)
+                x = -x;
+    handOver(base, {outA, outB, outC});
+    const double seconds = watch.seconds();
+    logTime("Niggli reduction in", seconds);
+    return seconds;
+}
+
+double CalculateCellAlgorithm::refineCell(std::vector<Cluster<Point<double>>*>* clusters,
+                                          ClusterPoint<double>* a, ClusterPoint<double>* b,
+                                          ClusterPoint<double>* c, ClusterPoint<double>* outA,
+                                          ClusterPoint<double>* outB, ClusterPoint<double>* outC) {
+    return withMemoryReport([&] {
+        const Stopwatch watch;
+        if (!clusters || !a || !b || !c || !outA || !outB || !outC) {
+            logText("Clusters and six points are needed to refine base vectors.", VRK::Error);
+            return kFailed;
+        }
+        std::array<Vector, 3> base = {coordinatesOf(*a), coordinatesOf(*b), coordinatesOf(*c)};
+        if (!VRK::detail::fitToLattice(centresOf(*clusters), base)) {
+            logText("The cluster centers near the lattice of the base vectors do not determine all three.",
+                    VRK::Warning);
+            return kFailed;
+        }
+        handOver(base, {outA, outB, outC});
+        const double seconds = watch.seconds();
+        logTime("Refinement of all base vectors in", seconds);
+        return seconds;
+    });
+}
+
+bool CalculateCellAlgorithm::refineBaseVector(std::vector<Cluster<Point<double>>*>* clusters,
+                                              Point<double>* vector) {
+    constexpr double kReach = 0.3;
+    return withMemoryReport([&] {
+        Vector place{};
+        if (clusters && vector) {
+            place = coordinatesOf(*vector);
+            const double reach = kReach * BasicMath::Norm(place.data());
+            if (VRK::detail::moveToNearest(centresOf(*clusters), reach, place)) {
+                vector->setDataAndDimension(place.data(), 3);
+                return true;
+            }
+        }
+        logText("No cluster center is near the base vector.", VRK::Warning);
+        return false;
+    });
+}
+
+bool CalculateCellAlgorithm::projectAllClusterToLinesAndWriteFiles(
+    const std::vector<Cluster<Point<double>>*>* clusters) {
+    return CalculateCellIOstuff::writeLines(clusters, CalculateCellIOstuff::kMostClusters);
+}
+
 void CalculateCellAlgorithm::clusterRefinement(std::vector<Cluster<Point<double>>*>* clusters,
                                                double fraction) {
     for (auto* cluster : *clusters)
@@ -420,14 +570,15 @@ bool CalculateCellAlgorithm::findLinearIndependentDiffVectors(std::vector<DiffVe
 
     std::vector<const DiffVector3D*> aside;
     for (std::size_t i = 1; i < candidates->size(); ++i)
-        if (isAngleBetween(shortest, *(*candidates)[i], parameter->getAngleA()))
+        if (isAngleBetween(componentsOf(shortest), componentsOf(*(*candidates)[i]), parameter->getAngleA()))
             aside.push_back((*candidates)[i]);
     if (aside.empty()) return false;
     const DiffVector3D& second = *aside.front();
 
     const auto third = std::find_if(aside.begin() + 1, aside.end(), [&](const DiffVector3D* vector) {
-        return isAngleBetween(second, *vector, parameter->getAngleB()) &&
-               isOutOfPlane(shortest, second, *vector, parameter->getDetLimit());
+        const Vector v = componentsOf(*vector);
+        return isAngleBetween(componentsOf(second), v, parameter->getAngleB()) &&
+               isOutOfPlane(componentsOf(shortest), componentsOf(second), v, parameter->getDetLimit());
     });
     if (third == aside.end()) return false;
     const DiffVector3D chosen[3] = {shortest, second, **third};
@@ -489,19 +640,8 @@ void CalculateCellAlgorithm::refineDirectionNew(std::vector<Cluster<Point<double
         logText("No clusters loaded during the refinement of the cell.", VRK::Error);
         return;
     }
-    const DiffVector3D start = vectorOf(*direction);
-    Vector vector = componentsOf(start);
-    const double reach = 0.3 * std::min(start.getLength(), lengthOfShortestCentre(*clusters));
-    std::vector<RowCentre> row;
-    if (direction->getDimension() == 3 && isFinite(vector) && start.getLength() > 0.0) {
-        // Each round doubles the length of the row, until no centre is left out.
-        constexpr double kFarthest = 1024.0;
-        for (double multiple = 1.0; multiple <= kFarthest; multiple *= 2.0) {
-            row = rowOf(*clusters, vector, reach, multiple);
-            if (!row.empty()) vector = fitToRow(row, vector);
-        }
-    }
-    if (row.empty() || !isFinite(vector)) {
+    Vector vector = coordinatesOf(*direction);
+    if (direction->getDimension() != 3 || !VRK::detail::fitToItsRow(centresOf(*clusters), vector)) {
         logText("Error during the refinement of the cell.", VRK::Error);
         return;
     }

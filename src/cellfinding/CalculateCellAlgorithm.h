@@ -2,11 +2,13 @@
 /// The cell finding: from reflections to three reciprocal base vectors in six steps.
 #pragma once
 
+#include <functional>
 #include <vector>
 
 #include "VRKCoreExport.h"
 #include "cellfinding/Cluster.h"
 #include "cellfinding/ClusterPoint.h"
+#include "cellfinding/ClusteringMethod.h"
 #include "cellfinding/CubicGrid.h"
 #include "cellfinding/Parameter.h"
 #include "crystallography/UnitCell.h"
@@ -28,8 +30,9 @@ class VRKLogger;
 /// logs its beginning and its elapsed time (Normal, Information). When memory runs out, "Could not allocate
 /// enough memory." (Error) is logged and the exception passed on.
 ///
-/// The class holds no results between calls. It writes no files: intermediate results are in the objects
-/// that the steps hand out.
+/// The class holds no results between calls. Intermediate results are in the objects that the steps hand
+/// out; the switches of CalculateCellIOstuff let steps two and three write them to files as well. A file that
+/// cannot be written is reported and changes nothing else.
 class VRKCORE_EXPORT CalculateCellAlgorithm {
 public:
     CalculateCellAlgorithm();
@@ -119,7 +122,71 @@ public:
                               ClusterPoint<double>* outB, ClusterPoint<double>* outC, bool* aRefined,
                               bool* bRefined, bool* cRefined);
 
+    /// \name Other routes
+    /// Ways that the six steps do not take, for hosts that compare. They answer as the steps do: seconds, or
+    /// -1.0 (or false) with one line in the log and the outputs untouched. Output points may be the input
+    /// points.
+    /// @{
+
+    /// Step three by a method of choice. Radius and least density of all methods are those of DBSCAN in the
+    /// parameters. DDSC joins what it parts of one cluster (postprocessingDDSCclustering()). The labels in
+    /// the grid are those of the clusters, 0 for noise.
+    double clusteringStep(Parameter* parameter, CubicGrid<ClusterPoint<double>>* grid,
+                          std::vector<Cluster<Point<double>>*>* clusters,
+                          std::vector<ClusterPoint<double>*>* noise, ClusteringMethod method);
+    /// Step three.
+    double clusteringWithDBSCAN(Parameter* parameter, CubicGrid<ClusterPoint<double>>* grid,
+                                std::vector<Cluster<Point<double>>*>* clusters,
+                                std::vector<ClusterPoint<double>*>* noise);
+    /// Step three, after which clusters that are longer than wide (moments that differ by more than a factor
+    /// of 10) are clustered again with 0.7 of the radius, and replaced by their parts where they fall apart,
+    /// at most \p depth times (not above 8). Parts the rows into which clusters merge along a long axis of
+    /// the crystal.
+    double rekursivClusteringWithDBSCAN(Parameter* parameter, CubicGrid<ClusterPoint<double>>* grid,
+                                        std::vector<Cluster<Point<double>>*>* clusters,
+                                        std::vector<ClusterPoint<double>*>* noise, int depth);
+    /// Joins clusters that are neighbours, directly or by way of others: DDSC parts a cluster into the shells
+    /// of its density. The list, owned by the caller before and after, is numbered anew. False without
+    /// clusters.
+    bool postprocessingDDSCclustering(std::vector<Cluster<Point<double>>*>* clusters, double reach);
+    /// Whether the centres of two clusters are within \p reach of each other.
+    static bool checkNeighbourhoodOfCluster(const Cluster<Point<double>>* first,
+                                            const Cluster<Point<double>>* second, double reach);
+
+    /// Instead of step four: of all triples of the 40 largest clusters the one whose lattice explains the 80
+    /// largest best, against what chance would explain. The vectors need not be short; step five shortens
+    /// them.
+    double findBasis(Parameter* parameter, std::vector<Cluster<Point<double>>*>* clusters,
+                     ClusterPoint<double>* a, ClusterPoint<double>* b, ClusterPoint<double>* c);
+    /// Instead of steps two to four: the same with the 40 reflections nearest to the origin as vectors and
+    /// the 400 nearest to be explained, for lists too short to have clusters of difference vectors.
+    /// \p origin has three coordinates in voxels.
+    double testCellDetectionWithReflections(Parameter* parameter, ReflexVector* reflections,
+                                            const double* origin, ClusterPoint<double>* a,
+                                            ClusterPoint<double>* b, ClusterPoint<double>* c);
+    /// Instead of step five: NiggliReduction of the three vectors, right-handed. It narrates to the stream
+    /// set there.
+    double calculateNiggliCell2(ClusterPoint<double>* a, ClusterPoint<double>* b, ClusterPoint<double>* c,
+                                ClusterPoint<double>* outA, ClusterPoint<double>* outB,
+                                ClusterPoint<double>* outC);
+    /// Instead of step six: all three vectors at once by least squares over the cluster centres within 0.3 of
+    /// the shortest of them from a node of their lattice, weighted with the numbers of points. Unlike step
+    /// six it uses centres off the rows of the base vectors; one wrong cluster pulls at all three.
+    double refineCell(std::vector<Cluster<Point<double>>*>* clusters, ClusterPoint<double>* a,
+                      ClusterPoint<double>* b, ClusterPoint<double>* c, ClusterPoint<double>* outA,
+                      ClusterPoint<double>* outB, ClusterPoint<double>* outC);
+    /// Puts a vector onto the cluster centre (or the opposite of one) that is nearest to it, when that is
+    /// within 0.3 of the vector's length.
+    bool refineBaseVector(std::vector<Cluster<Point<double>>*>* clusters, Point<double>* vector);
+    /// @}
+
 private:
+    /// What all ways of clustering have in common: messages, flags, pruning and files around \p group, which
+    /// fills the lists.
+    double clusterBy(const std::function<void()>& group, Parameter* parameter,
+                     CubicGrid<ClusterPoint<double>>* grid, std::vector<Cluster<Point<double>>*>* clusters,
+                     std::vector<ClusterPoint<double>*>* noise);
+    static bool projectAllClusterToLinesAndWriteFiles(const std::vector<Cluster<Point<double>>*>* clusters);
     static void clusterRefinement(std::vector<Cluster<Point<double>>*>* clusters, double fraction);
     static bool findLinearIndependentDiffVectors(std::vector<DiffVector3D*>* candidates,
                                                  const Parameter* parameter, DiffVector3D* a, DiffVector3D* b,

@@ -5,12 +5,14 @@
 #include <array>
 #include <cmath>
 #include <functional>
+#include <iostream>
 #include <memory>
 #include <random>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "cellfinding/Parameter.h"
 #include "crystallography/BasicMath.h"
+#include "crystallography/NiggliReduction.h"
 #include "crystallography/UnitCell.h"
 #include "reflections/ReflexVector.h"
 #include "support/RecordingLogObserver.h"
@@ -35,12 +37,20 @@ struct Results {
     Results& operator=(const Results&) = delete;
 
     void addCluster(const Vector& centre, int points) {
-        const Point<double> point(centre.data(), 3);
-        const std::vector<const Point<double>*> list(static_cast<std::size_t>(points), &point);
-        std::vector<Point<double>*> pointers;
-        for (const Point<double>* one : list)
-            pointers.push_back(const_cast<Point<double>*>(one));
+        Point<double> point(centre.data(), 3);
+        const std::vector<Point<double>*> pointers(static_cast<std::size_t>(points), &point);
         clusters.push_back(new Cluster<Point<double>>(&pointers, static_cast<int>(clusters.size()) + 1));
+    }
+    /// The base in a, b, c.
+    Basis base() const {
+        Basis vectors;
+        for (int axis = 0; axis < 3; ++axis) {
+            const auto k = static_cast<std::size_t>(axis);
+            vectors[0][k] = a.getData(axis);
+            vectors[1][k] = b.getData(axis);
+            vectors[2][k] = c.getData(axis);
+        }
+        return vectors;
     }
 
     Parameter parameter;
@@ -98,6 +108,10 @@ ReflexVectorPtr reflectionsOf(const Basis& basis, double radius, double sigma, d
          --wrong)
         list->push_back(new Reflex(anywhere(random), anywhere(random), anywhere(random)));
     return list;
+}
+
+double determinant(const Basis& base) {
+    return BasicMath::Determinant(base[0].data(), base[1].data(), base[2].data());
 }
 
 /// The largest deviation of the vectors from nodes of the lattice, in voxels.
@@ -161,8 +175,7 @@ TEST(CalculateCellAlgorithm, FindsTheCellsOfNoisyReflections) {
                       0.0);
             EXPECT_FALSE(cell.isDegenerate());
             double index = 0.0;
-            EXPECT_LT(largestMisfit(one.basis, {vectorOf(run.a), vectorOf(run.b), vectorOf(run.c)}, index),
-                      0.5);
+            EXPECT_LT(largestMisfit(one.basis, run.base(), index), 0.5);
             EXPECT_EQ(index, 1.0);
             ASSERT_GE(algorithm.StepFive_CalculateNiggliCell(&run.parameter, &run.a, &run.b, &run.c, &run.a,
                                                              &run.b, &run.c),
@@ -171,10 +184,150 @@ TEST(CalculateCellAlgorithm, FindsTheCellsOfNoisyReflections) {
                                                    &run.c, &run.refined[0], &run.refined[1], &run.refined[2]),
                       0.0);
             EXPECT_TRUE(run.refined[0] && run.refined[1] && run.refined[2]);
-            EXPECT_LT(largestMisfit(one.basis, {vectorOf(run.a), vectorOf(run.b), vectorOf(run.c)}, index),
-                      0.15);
+            EXPECT_LT(largestMisfit(one.basis, run.base(), index), 0.15);
+            EXPECT_EQ(index, 1.0);
+
+            // The same by the other routes.
+            const double shortest = run.a.getLength();
+            ASSERT_GE(algorithm.findBasis(&run.parameter, &run.clusters, &run.a, &run.b, &run.c), 0.0);
+            NiggliReduction::setNarration(nullptr);
+            ASSERT_GE(algorithm.calculateNiggliCell2(&run.a, &run.b, &run.c, &run.a, &run.b, &run.c), 0.0);
+            NiggliReduction::setNarration(&std::cout);
+            EXPECT_NEAR(run.a.getLength(), shortest, 0.2);
+            EXPECT_GT(determinant(run.base()), 0.0);
+            ASSERT_GE(algorithm.refineCell(&run.clusters, &run.a, &run.b, &run.c, &run.a, &run.b, &run.c),
+                      0.0);
+            EXPECT_LT(largestMisfit(one.basis, run.base(), index), 0.15);
             EXPECT_EQ(index, 1.0);
         }
+}
+
+/// Blobs of difference vectors around nodes, each of \p count.
+std::unique_ptr<CubicGrid<ClusterPoint<double>>> blobs(const std::vector<Vector>& nodes, int count,
+                                                       double sigma) {
+    std::mt19937 random(3);
+    std::normal_distribution<double> noise(0.0, sigma);
+    std::vector<ClusterPoint<double>> points;
+    for (const Vector& node : nodes)
+        for (int i = 0; i < count; ++i)
+            points.emplace_back(
+                Vector{node[0] + noise(random), node[1] + noise(random), node[2] + noise(random)}.data(),
+                static_cast<unsigned char>(3), short(-1));
+    std::vector<ClusterPoint<double>*> pointers;
+    for (auto& point : points)
+        pointers.push_back(&point);
+    const Vector min = {-50, -50, -50}, max = {50, 50, 50};
+    return std::make_unique<CubicGrid<ClusterPoint<double>>>(&pointers, min.data(), max.data(), 3);
+}
+
+TEST(CalculateCellAlgorithm, OtherClusteringsFindOneClusterANode) {
+    using Algorithm = CalculateCellAlgorithm;
+    const std::vector<Vector> apart = {{12, 0, 0}, {0, 13, 0}, {0, 0, 14}, {12, 13, 0}};
+    std::vector<Vector> row;  // a long axis: its clusters touch
+    for (int n = 1; n < 9; ++n)
+        row.push_back({20, 5, 2.6 * n});
+    struct Case {
+        const char* name;
+        std::vector<Vector> nodes;
+        double eps;
+        std::function<double(Algorithm&, Results&)> cluster;
+        std::size_t clusters;
+    };
+    const auto by = [](ClusteringMethod method) {
+        return [method](Algorithm& algorithm, Results& run) {
+            return algorithm.clusteringStep(&run.parameter, run.grid.get(), &run.clusters, &run.noise,
+                                            method);
+        };
+    };
+    const auto recursively = [](int depth) {
+        return [depth](Algorithm& algorithm, Results& run) {
+            return algorithm.rekursivClusteringWithDBSCAN(&run.parameter, run.grid.get(), &run.clusters,
+                                                          &run.noise, depth);
+        };
+    };
+    const Case cases[] = {
+        {"DBSCAN", apart, 1.5, by(ClusteringMethod::DBSCAN), 4},
+        {"DDSC", apart, 1.5, by(ClusteringMethod::DDSC), 4},
+        {"one pass over a row", row, 1.6, recursively(0), 1},
+        {"smaller and smaller radii over a row", row, 1.6, recursively(1000), 8},
+        {"compact clusters stay", apart, 1.5, recursively(8), 4},
+    };
+    for (const Case& one : cases) {
+        SCOPED_TRACE(one.name);
+        Results run;
+        run.grid = blobs(one.nodes, 300, 0.4);
+        run.parameter.setDBSCANEps(one.eps);
+        run.parameter.setDBSCANMinPts(20);
+        Algorithm algorithm;
+        ASSERT_GE(one.cluster(algorithm, run), 0.0);
+        EXPECT_FALSE(run.parameter.getClusterOptionsChanged());
+        ASSERT_EQ(run.clusters.size(), one.clusters);
+        std::size_t points = run.noise.size();
+        for (std::size_t i = 0; i < run.clusters.size(); ++i) {
+            const int id = static_cast<int>(i) + 1;
+            const auto* cluster = run.clusters[i];
+            EXPECT_EQ(cluster->getClusterID(), id);
+            const auto labelled =
+                std::count_if(run.grid->getPoints()->begin(), run.grid->getPoints()->end(),
+                              [id](const auto* point) { return point->getClusterID() == id; });
+            EXPECT_EQ(cluster->getNumberOfPoints(), labelled);
+            points += static_cast<std::size_t>(labelled);
+            if (one.clusters == 1) continue;
+            EXPECT_GT(labelled, 200);
+            double nearest = 100.0;
+            for (const Vector& node : one.nodes)
+                nearest = std::min(
+                    nearest, distance(node, {cluster->getCenterOfGrafity(0), cluster->getCenterOfGrafity(1),
+                                             cluster->getCenterOfGrafity(2)}));
+            EXPECT_LT(nearest, 0.3);
+        }
+        EXPECT_EQ(points, 300 * one.nodes.size());
+    }
+}
+
+TEST(CalculateCellAlgorithm, JoinsNeighboursByWayOfOthers) {
+    Results run;
+    for (const double x : {0.0, 20.0, 4.0, 2.0, 22.5})
+        run.addCluster({x, 1, 0}, 3);
+    EXPECT_TRUE(CalculateCellAlgorithm().postprocessingDDSCclustering(&run.clusters, 2.0));
+    ASSERT_EQ(run.clusters.size(), 3u);
+    const int sizes[] = {9, 3, 3};
+    for (std::size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(run.clusters[i]->getClusterID(), static_cast<int>(i) + 1);
+        EXPECT_EQ(run.clusters[i]->getNumberOfPoints(), sizes[i]);
+    }
+    EXPECT_DOUBLE_EQ(run.clusters[0]->getCenterOfGrafity(0), 2.0);
+}
+
+TEST(CalculateCellAlgorithm, FindsABasisInReflectionsTooFewForClusters) {
+    const Basis basis = basisOf(9, 10, 12.5, 83, 98, 104);
+    const ReflexVectorPtr about0 = reflectionsOf(basis, 32.0, 0.2, 0.3, 5);
+    ASSERT_LT(about0->size(), 60u);
+    const ReflexVectorPtr reflections(new ReflexVector);
+    reflections->push_back(nullptr);
+    for (Reflex* reflex : *about0)
+        reflections->push_back(new Reflex(reflex->getCenterInX() + 40.0, reflex->getCenterInY() + 41.0,
+                                          reflex->getCenterInZ() + 42.0));
+    Results run;
+    run.parameter.setDBSCANEps(1.0);
+    const Vector origin = {40, 41, 42};
+    EXPECT_GE(CalculateCellAlgorithm().testCellDetectionWithReflections(
+                  &run.parameter, reflections.get(), origin.data(), &run.a, &run.b, &run.c),
+              0.0);
+    double index = 0.0;
+    EXPECT_LT(largestMisfit(basis, run.base(), index), 0.3);
+    EXPECT_EQ(index, 1.0);
+}
+
+TEST(CalculateCellAlgorithm, PutsAVectorOntoTheNearestCentre) {
+    Results run;
+    run.addCluster({-10, 1, 0}, 5);
+    run.addCluster({8.5, 0, 0}, 5);
+    Point<double> vector(Vector{9.5, -0.8, 0}.data(), 3);
+    EXPECT_TRUE(CalculateCellAlgorithm().refineBaseVector(&run.clusters, &vector));
+    EXPECT_EQ(vectorOf(vector), (Vector{10, -1, 0}));
+    vector.setData(40.0, 1);
+    EXPECT_FALSE(CalculateCellAlgorithm().refineBaseVector(&run.clusters, &vector));
 }
 
 TEST(CalculateCellAlgorithm, StepOneCutsAroundTheHalvesOfTheVolume) {
@@ -220,6 +373,7 @@ TEST(CalculateCellAlgorithm, RefusesMissingInputWithOneLine) {
     one.push_back(new Reflex(1.0, 2.0, 3.0));
     double seconds = 0.0;
     const ClusterPoint<double> untouched = run.a;
+    const double zero[3] = {};
     struct Case {
         const char* message;
         VRK::MessageType type;
@@ -261,6 +415,37 @@ TEST(CalculateCellAlgorithm, RefusesMissingInputWithOneLine) {
          [&] {
              return algorithm.StepFive_CalculateNiggliCell(&run.parameter, &run.a, &run.b, &run.c, &run.a,
                                                            &run.b, &run.c);
+         }},
+        {"No clusters to join.", VRK::Warning,
+         [&] { return algorithm.postprocessingDDSCclustering(&run.clusters, 3.0) ? 0.0 : -1.0; }},
+        {"No three of 0 cluster centers form a basis.", VRK::Warning,
+         [&] { return algorithm.findBasis(&run.parameter, &run.clusters, &run.a, &run.b, &run.c); }},
+        {"three points are needed to find a basis.", VRK::Error,
+         [&] { return algorithm.findBasis(&run.parameter, nullptr, &run.a, &run.b, &run.c); }},
+        {"No three of 1 reflections form a basis.", VRK::Warning,
+         [&] {
+             return algorithm.testCellDetectionWithReflections(&run.parameter, &one, zero, &run.a, &run.b,
+                                                               &run.c);
+         }},
+        {"an origin and three points are needed", VRK::Error,
+         [&] {
+             return algorithm.testCellDetectionWithReflections(&run.parameter, &one, nullptr, &run.a, &run.b,
+                                                               &run.c);
+         }},
+        {"span no cell that could be reduced", VRK::Warning,
+         [&] { return algorithm.calculateNiggliCell2(&run.a, &run.b, &run.c, &run.a, &run.b, &run.c); }},
+        {"Six points are needed", VRK::Error,
+         [&] { return algorithm.calculateNiggliCell2(&run.a, nullptr, &run.c, &run.a, &run.b, &run.c); }},
+        {"do not determine all three", VRK::Warning,
+         [&] { return algorithm.refineCell(&run.clusters, &run.a, &run.b, &run.c, &run.a, &run.b, &run.c); }},
+        {"six points are needed to refine", VRK::Error,
+         [&] { return algorithm.refineCell(nullptr, &run.a, &run.b, &run.c, &run.a, &run.b, &run.c); }},
+        {"No cluster center is near the base vector.", VRK::Warning,
+         [&] { return algorithm.refineBaseVector(&run.clusters, nullptr) ? 0.0 : -1.0; }},
+        {"No cluster centers found.", VRK::Warning,
+         [&] {
+             return algorithm.clusteringStep(nullptr, nullptr, &run.clusters, &run.noise,
+                                             ClusteringMethod::DDSC);
          }},
         {"No clusters loaded during the refinement of the cell.", VRK::Error,
          [&] {
