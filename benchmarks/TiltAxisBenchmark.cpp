@@ -9,21 +9,21 @@
 #include <memory>
 #include <string>
 
-#include "Simulation.h"
+#include "pipeline/simulation/Simulation.h"
 #include "tiltaxis/FindReflexes2d.h"
 #include "tiltaxis/VRKTiltAxisRefinement.h"
 
 namespace {
 
 std::unique_ptr<VoxMRCData> makeSeries(double cellFactor) {
-    host::SimulationSettings settings;
+    vrk::SimulationSettings settings;
     settings.cell = {cellFactor * 5.0, cellFactor * 6.0, cellFactor * 7.5, 90, 95, 90};
     settings.axis = 37.4;
     settings.detector.size = 256;
     settings.detector.background = 0;
     for (int tilt = -60; tilt <= 60; ++tilt)
         settings.tilts.push_back(tilt);
-    return host::simulateSeries(settings).series;
+    return vrk::simulateSeries(settings).series;
 }
 
 /// Times scoreAngle() alone, behind the preparation of a search.

@@ -1,4 +1,4 @@
-#include "CellSearch.h"
+#include "pipeline/latticesearch/CellSearch.h"
 
 #include <gtest/gtest.h>
 
@@ -9,10 +9,10 @@ namespace {
 
 using Eigen::Matrix3d;
 using Eigen::Vector3d;
-using host::Lattice;
-using host::LatticeCandidate;
-using host::LatticeScore;
-using host::Points;
+using vrk::Lattice;
+using vrk::LatticeCandidate;
+using vrk::LatticeScore;
+using vrk::Points;
 
 constexpr double kReach = 80.0;
 
@@ -83,9 +83,9 @@ TEST(CellSearch, FindsTheLatticeBehindAWedgeAndOutliers) {
         crystal.basis = randomBasis(random, centring);
         const Points points = pointsOf(crystal, random);
         const std::vector<LatticeCandidate> found =
-            host::CellSearch().search(points, std::vector<double>(points.size(), 1.0));
+            vrk::CellSearch().search(points, std::vector<double>(points.size(), 1.0));
         ASSERT_FALSE(found.empty());
-        EXPECT_TRUE(host::sameLattice(found.front().lattice.basis, crystal.basis, 0.03));
+        EXPECT_TRUE(vrk::sameLattice(found.front().lattice.basis, crystal.basis, 0.03));
         EXPECT_LT(found.front().lattice.origin.norm(), 0.3);
         EXPECT_NEAR(found.front().score.fraction(), 0.55, 0.1);
         EXPECT_GT(found.front().score.evidence, 300.0);
@@ -103,9 +103,9 @@ TEST(CellSearch, FindsAWeakSuperlattice) {
     crystal.seenOddH = 0.12;
     crystal.outliers = 0.1;
     const Points points = pointsOf(crystal, random);
-    const std::vector<LatticeCandidate> found = host::CellSearch().search(points, {});
+    const std::vector<LatticeCandidate> found = vrk::CellSearch().search(points, {});
     ASSERT_FALSE(found.empty());
-    EXPECT_TRUE(host::sameLattice(found.front().lattice.basis, crystal.basis, 0.03));
+    EXPECT_TRUE(vrk::sameLattice(found.front().lattice.basis, crystal.basis, 0.03));
 }
 
 TEST(CellSearch, NoiseHasNoConvincingLattice) {
@@ -113,27 +113,27 @@ TEST(CellSearch, NoiseHasNoConvincingLattice) {
     Crystal crystal;
     crystal.basis = Vector3d(14.0, 15.0, 17.0).asDiagonal();
     crystal.noise = 7.0;
-    for (const LatticeCandidate& candidate : host::CellSearch().search(pointsOf(crystal, random), {}))
+    for (const LatticeCandidate& candidate : vrk::CellSearch().search(pointsOf(crystal, random), {}))
         EXPECT_LT(candidate.score.evidence, 60.0);
-    EXPECT_TRUE(host::CellSearch().search(Points(11, Vector3d(1.0, 2.0, 3.0)), {}).empty());
-    EXPECT_TRUE(host::CellSearch().search(Points(100, Vector3d(1.0, 2.0, 3.0)), {}).empty());
+    EXPECT_TRUE(vrk::CellSearch().search(Points(11, Vector3d(1.0, 2.0, 3.0)), {}).empty());
+    EXPECT_TRUE(vrk::CellSearch().search(Points(100, Vector3d(1.0, 2.0, 3.0)), {}).empty());
 }
 
 TEST(CellSearch, StopsWhenTheUserAsks) {
     std::mt19937 random(5);
     Crystal crystal;
     crystal.basis = Vector3d(10.0, 11.0, 13.0).asDiagonal();
-    host::CellSearchOptions options;
+    vrk::CellSearchOptions options;
     options.canceled = [] { return true; };
-    EXPECT_TRUE(host::CellSearch(options).search(pointsOf(crystal, random), {}).empty());
+    EXPECT_TRUE(vrk::CellSearch(options).search(pointsOf(crystal, random), {}).empty());
 }
 
 TEST(LatticeScore, EvidenceIsTheLikelihoodRatio) {
-    EXPECT_NEAR(host::evidenceOf(10, 10, 0.1), 10.0 * std::log(10.0), 1e-12);
-    EXPECT_NEAR(host::evidenceOf(5, 10, 0.1), 5.0 * std::log(5.0) + 5.0 * std::log(0.5 / 0.9), 1e-12);
+    EXPECT_NEAR(vrk::evidenceOf(10, 10, 0.1), 10.0 * std::log(10.0), 1e-12);
+    EXPECT_NEAR(vrk::evidenceOf(5, 10, 0.1), 5.0 * std::log(5.0) + 5.0 * std::log(0.5 / 0.9), 1e-12);
     for (const auto& [successes, trials, chance] :
          {std::tuple(1, 10, 0.1), std::tuple(0, 0, 0.1), std::tuple(5, 10, 0.0), std::tuple(5, 10, 1.0)})
-        EXPECT_EQ(host::evidenceOf(successes, trials, chance), 0.0);
+        EXPECT_EQ(vrk::evidenceOf(successes, trials, chance), 0.0);
 }
 
 TEST(LatticeScore, MultiplesAreSettledByThePoints) {
@@ -142,7 +142,7 @@ TEST(LatticeScore, MultiplesAreSettledByThePoints) {
     crystal.basis = Vector3d(8.0, 9.0, 12.0).asDiagonal();
     crystal.outliers = 0.2;
     const Points points = pointsOf(crystal, random);
-    const LatticeScore right = host::scoreLattice(points, {crystal.basis, Vector3d::Zero()});
+    const LatticeScore right = vrk::scoreLattice(points, {crystal.basis, Vector3d::Zero()});
     Matrix3d centred;
     centred << 0.5, 0.0, 0.0, 0.5, 1.0, 0.0, 0.5, 0.0, 1.0;
     const struct {
@@ -161,9 +161,9 @@ TEST(LatticeScore, MultiplesAreSettledByThePoints) {
         SCOPED_TRACE(one.name);
         const Lattice start{crystal.basis * one.change, Vector3d::Zero()};
         if (!one.change.isIdentity()) {
-            EXPECT_LT(host::scoreLattice(points, start).evidence, right.evidence);
+            EXPECT_LT(vrk::scoreLattice(points, start).evidence, right.evidence);
         }
-        EXPECT_TRUE(host::sameLattice(host::settleMultiples(points, start).basis, crystal.basis, 0.03));
+        EXPECT_TRUE(vrk::sameLattice(vrk::settleMultiples(points, start).basis, crystal.basis, 0.03));
     }
 }
 
@@ -178,13 +178,13 @@ TEST(LatticeScore, FittingFindsTheLatticeFromACoarseStart) {
     Matrix3d change;
     change << 1.02, 0.01, 0.0, -0.01, 0.98, 0.02, 0.0, 0.01, 1.01;
     const Lattice start{change * crystal.basis, Vector3d::Zero()};
-    const Lattice fitted = host::fitLattice(points, start, 1.5);
+    const Lattice fitted = vrk::fitLattice(points, start, 1.5);
     EXPECT_LT((fitted.basis - crystal.basis).cwiseAbs().maxCoeff(), 0.02);
     EXPECT_LT((fitted.origin - shift).norm(), 0.15);
     // Points in a plane determine no lattice.
     for (Vector3d& point : points)
         point[2] = 0.0;
-    EXPECT_EQ(host::fitLattice(points, start, 1.5).basis, start.basis);
+    EXPECT_EQ(vrk::fitLattice(points, start, 1.5).basis, start.basis);
 }
 
 }  // namespace

@@ -6,20 +6,20 @@
 #include <nlohmann/json.hpp>
 #include <opencv2/imgcodecs.hpp>
 
-#include "Failure.h"
-#include "FrameFile.h"
-#include "SeriesImport.h"
-#include "Simulation.h"
-#include "TiltList.h"
 #include "VoxCore/IO/VoxMRCFileHandler.h"
 #include "app/RunVrk.h"
+#include "pipeline/base/Failure.h"
+#include "pipeline/frames/FrameFile.h"
+#include "pipeline/frames/SeriesImport.h"
+#include "pipeline/frames/TiltList.h"
+#include "pipeline/simulation/Simulation.h"
 #include "support/MRCBytes.h"
 #include "support/TemporaryFolder.h"
 
 namespace {
 
-using host::ImportResult;
-using host::ImportSettings;
+using vrk::ImportResult;
+using vrk::ImportSettings;
 
 constexpr int kWidth = 5;
 constexpr int kHeight = 4;
@@ -118,8 +118,8 @@ struct Imported {
 
 Imported import(const ImportSettings& settings) {
     Imported imported;
-    imported.result = host::importSeries(settings, nullptr,
-                                         [&](const std::string& text) { imported.warnings.push_back(text); });
+    imported.result = vrk::importSeries(settings, nullptr,
+                                        [&](const std::string& text) { imported.warnings.push_back(text); });
     return imported;
 }
 
@@ -127,7 +127,7 @@ Imported import(const ImportSettings& settings) {
 std::string failure(const ImportSettings& settings) {
     try {
         import(settings);
-    } catch (const host::Failure& failed) {
+    } catch (const vrk::Failure& failed) {
         return failed.what();
     }
     return "";
@@ -173,7 +173,7 @@ TEST(Import, SmvPixelsInEveryTypeAndByteOrder) {
             const std::string order = big ? "big_endian" : "little_endian";
             const std::string path = folder.write(
                 "t.img", smvHeader("PHI=3;\nTYPE=" + type + ";\nBYTE_ORDER=" + order + ";\n") + bytes(big));
-            const std::unique_ptr<host::FrameFile> file = host::FrameFile::open(path);
+            const std::unique_ptr<vrk::FrameFile> file = vrk::FrameFile::open(path);
             EXPECT_EQ(file->info(0).tilt, 3);
             EXPECT_FALSE(file->info(0).pixelSize);
             for (int i = 0; i < kWidth * kHeight; ++i)
@@ -250,7 +250,7 @@ TEST(Import, MrcBytesAreSignedUnlessTheFileSaysOtherwise) {
     const TemporaryFolder folder;
     const auto value = [&](const std::function<void(std::string&)>& change) {
         const std::string path = folder.write("b.mrc", mrc<std::uint8_t>(2, 0, "", change));
-        return host::FrameFile::open(path)->read(1).pixels[19];  // 158 or -98
+        return vrk::FrameFile::open(path)->read(1).pixels[19];  // 158 or -98
     };
     EXPECT_EQ(value([](std::string& header) { MRCBytes::put(header, 80, 100.0F); }), -98);
     EXPECT_EQ(value([](std::string& header) { MRCBytes::put(header, 80, 200.0F); }), 158);
@@ -450,7 +450,7 @@ TEST(Import, DamagedBytesAnywhereAreImportedOrRefused) {
         {"a.mdoc", "Voltage = 200\n[ZValue = 0]\nTiltAngle = -1\n[ZValue = 1]\nTiltAngle = 0\n"}};
     folder.write("good.img", smv(1, 0));
     const std::string stack = folder.write("good.mrc", mrc<std::int16_t>(2, 1, ""));
-    host::SimulationRandom random(11);
+    vrk::SimulationRandom random(11);
     int refused = 0;
     for (int round = 0; round < 240; ++round) {
         auto [name, bytes] = files[static_cast<std::size_t>(round) % files.size()];
@@ -469,7 +469,7 @@ TEST(Import, DamagedBytesAnywhereAreImportedOrRefused) {
         }
         try {
             import(settings);
-        } catch (const host::Failure&) {
+        } catch (const vrk::Failure&) {
             ++refused;
         }
     }
@@ -478,11 +478,11 @@ TEST(Import, DamagedBytesAnywhereAreImportedOrRefused) {
 }
 
 TEST(Import, NamesWithNumbersAreOrderedByThem) {
-    EXPECT_TRUE(host::naturallyBefore("f_2.img", "f_10.img"));
-    EXPECT_TRUE(host::naturallyBefore("f_002.img", "f_10.img"));
-    EXPECT_TRUE(host::naturallyBefore("a", "ab"));
-    EXPECT_FALSE(host::naturallyBefore("f_10.img", "f_2.img"));
-    EXPECT_FALSE(host::naturallyBefore("f_10.img", "f_10.img"));
+    EXPECT_TRUE(vrk::naturallyBefore("f_2.img", "f_10.img"));
+    EXPECT_TRUE(vrk::naturallyBefore("f_002.img", "f_10.img"));
+    EXPECT_TRUE(vrk::naturallyBefore("a", "ab"));
+    EXPECT_FALSE(vrk::naturallyBefore("f_10.img", "f_2.img"));
+    EXPECT_FALSE(vrk::naturallyBefore("f_10.img", "f_10.img"));
 }
 
 TEST(ImportCommand, WritesASeriesOrNothing) {

@@ -6,12 +6,12 @@
 #include <random>
 #include <vector>
 
-#include "Simulation.h"
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "cellfinding/Parameter.h"
 #include "crystallography/UnitCell.h"
 #include "indexing/PositionRefinement.h"
 #include "indexing/ReflectionPositions.h"
+#include "pipeline/simulation/Simulation.h"
 #include "processing/SamplingGeometry.h"
 #include "processing/VoxMRCstemProcessing.h"
 #include "reflections/FindReflexes.h"
@@ -22,7 +22,7 @@ namespace {
 /// Reflections found in the volume of a simulated crystal.
 struct FoundReflections {
     explicit FoundReflections(int handedness) {
-        host::SimulationSettings settings;
+        vrk::SimulationSettings settings;
         settings.cell = {7.1, 9.2, 12.3, 88.0, 95.0, 103.0};
         settings.detector.size = 256;
         settings.detector.background = 0.0;
@@ -30,7 +30,7 @@ struct FoundReflections {
         settings.handedness = handedness;
         for (int tilt = -60; tilt <= 60; ++tilt)
             settings.tilts.push_back(tilt);
-        host::SimulatedSeries simulated = host::simulateSeries(settings);
+        vrk::SimulatedSeries simulated = vrk::simulateSeries(settings);
         truth = simulated.truth;
         tilts.assign(truth.tilts.begin(), truth.tilts.end());
         VoxMRCstemProcessing processing;
@@ -45,8 +45,8 @@ struct FoundReflections {
     UnitCell start() const {
         std::mt19937 random(1);
         std::normal_distribution<double> error(0.0, 0.004);
-        host::Matrix3 vectors = truth.primitiveVectors;
-        for (host::Vector3& v : vectors) {
+        vrk::Matrix3 vectors = truth.primitiveVectors;
+        for (vrk::Vector3& v : vectors) {
             const double length = std::hypot(v[0], v[1], v[2]);
             for (double& component : v)
                 component += length * error(random);
@@ -55,13 +55,13 @@ struct FoundReflections {
                         LATTICE::aP);
     }
 
-    host::SimulationTruth truth;
+    vrk::SimulationTruth truth;
     std::vector<float> tilts;
     std::unique_ptr<VoxMRCData> volume;
     ReflexVectorPtr list;
 };
 
-void expectTruth(const PositionRefinement::Result& result, const host::SimulationTruth& truth, double length,
+void expectTruth(const PositionRefinement::Result& result, const vrk::SimulationTruth& truth, double length,
                  double angle) {
     // The sphere lies at g . n = +|g|^2 lambda / 2 for handedness +1, which a found position is below.
     EXPECT_EQ(result.sense, -truth.handedness);
@@ -94,7 +94,7 @@ TEST(IndexingEndToEndTest, ExactPositionsGiveTheTrueCellAndTheSense) {
         int count = 0;
         for (Reflex* reflex : *corrected) {
             if (!reflex->isIndicated()) continue;
-            host::Vector3 g{};
+            vrk::Vector3 g{};
             for (std::size_t i = 0; i < 3; ++i)
                 g[i] = reflex->getH() * basis[0][i] + reflex->getK() * basis[1][i] +
                        reflex->getL() * basis[2][i];

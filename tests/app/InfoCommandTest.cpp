@@ -4,10 +4,10 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
-#include "FileReport.h"
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "VoxCore/IO/VoxMRCFileHandler.h"
 #include "app/RunVrk.h"
+#include "pipeline/frames/FileReport.h"
 #include "support/MRCBytes.h"
 #include "support/TemporaryFolder.h"
 
@@ -72,7 +72,7 @@ TEST(FileReport, NamesEveryOddityAndNothingElse) {
         const std::string bytes = c.file.bytes() + c.behind;
         const std::unique_ptr<VoxMRCData> data(VoxMRCFileHandler().readMRCFile(folder.write("a.mrc", bytes)));
         ASSERT_TRUE(data);
-        const std::vector<std::string> warnings = host::inspect(*data, bytes.size()).warnings;
+        const std::vector<std::string> warnings = vrk::inspect(*data, bytes.size()).warnings;
         ASSERT_EQ(warnings.size(), *c.warning ? 1U : 0U) << testing::PrintToString(warnings);
         if (*c.warning) {
             EXPECT_TRUE(warnings[0].starts_with(c.warning)) << warnings[0];

@@ -1,4 +1,4 @@
-#include "ReflectionFormats.h"
+#include "pipeline/formats/ReflectionFormats.h"
 
 #include <gtest/gtest.h>
 
@@ -14,14 +14,14 @@
 #include <random>
 #include <sstream>
 
-#include "Failure.h"
+#include "pipeline/base/Failure.h"
 #include "reflections/Reflex.h"
 #include "reflections/ReflexVector.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using host::IndexedReflection;
+using vrk::IndexedReflection;
 
 class ReflectionFormatsTest : public testing::Test {
 protected:
@@ -54,7 +54,7 @@ protected:
     }
 
     fs::path m_folder = fs::path(testing::TempDir()) / "reflection formats";
-    host::ReflectionSet m_set;
+    vrk::ReflectionSet m_set;
 };
 
 void expectSame(const std::vector<IndexedReflection>& found, const std::vector<IndexedReflection>& written,
@@ -71,10 +71,10 @@ void expectSame(const std::vector<IndexedReflection>& found, const std::vector<I
 
 TEST_F(ReflectionFormatsTest, ShelxColumnsReadBack) {
     for (const double factor : {1e-7, 1.0, 99999.994, 1e9}) {
-        host::ReflectionSet set = m_set;
+        vrk::ReflectionSet set = m_set;
         for (IndexedReflection& r : set.reflections)
             r.sigma = std::sqrt(r.intensity *= factor);
-        host::writeShelx(set, m_folder / "x.hkl");
+        vrk::writeShelx(set, m_folder / "x.hkl");
         const auto text = lines(m_folder / "x.hkl");
         std::vector<IndexedReflection> found;
         double largest = 0.0;
@@ -89,13 +89,13 @@ TEST_F(ReflectionFormatsTest, ShelxColumnsReadBack) {
         }
         EXPECT_EQ(found.back(), (IndexedReflection{0, 0, 0, 0.0, 0.0}));
         found.pop_back();
-        expectSame(found, set.reflections, host::shelxScale(set.reflections), 0.0051);
+        expectSame(found, set.reflections, vrk::shelxScale(set.reflections), 0.0051);
         EXPECT_GE(largest, 9999.9) << "digits are wasted";
     }
 }
 
 TEST_F(ReflectionFormatsTest, InstructionsSayWhatTheyShould) {
-    host::writeShelxInstructions(m_set, m_folder / "x.ins");
+    vrk::writeShelxInstructions(m_set, m_folder / "x.ins");
     const auto text = lines(m_folder / "x.ins");
     std::map<std::string, std::string> first;
     std::vector<std::string> elements;
@@ -119,7 +119,7 @@ TEST_F(ReflectionFormatsTest, InstructionsSayWhatTheyShould) {
 
 TEST_F(ReflectionFormatsTest, FourGaussiansFollowTheTable) {
     for (const char* symbol : {"H", "C", "N", "O", "Al", "Si", "Ca", "Fe", "Zr", "Cs", "Au", "U"}) {
-        const auto f = host::electronScatteringFactor(symbol);
+        const auto f = vrk::electronScatteringFactor(symbol);
         const auto& table = gemmi::C4322<double>::get(gemmi::find_element(symbol));
         double worst = 0.0;
         for (double s = 0.0; s <= 1.0; s += 0.05) {
@@ -133,7 +133,7 @@ TEST_F(ReflectionFormatsTest, FourGaussiansFollowTheTable) {
 }
 
 TEST_F(ReflectionFormatsTest, GemmiReadsMtzBack) {
-    host::writeMtz(m_set, m_folder / "x.mtz");
+    vrk::writeMtz(m_set, m_folder / "x.mtz");
     const gemmi::Mtz mtz = gemmi::read_mtz_file((m_folder / "x.mtz").string());
     EXPECT_EQ(mtz.spacegroup->xhm(), "C 1");
     EXPECT_NEAR(mtz.cell.c, 12.345678, 1e-4);
@@ -150,7 +150,7 @@ TEST_F(ReflectionFormatsTest, GemmiReadsMtzBack) {
 }
 
 TEST_F(ReflectionFormatsTest, GemmiReadsCifBack) {
-    host::writeCif(m_set, m_folder / "x.cif");
+    vrk::writeCif(m_set, m_folder / "x.cif");
     gemmi::cif::Document document = gemmi::cif::read_file((m_folder / "x.cif").string());
     const gemmi::ReflnBlock block = gemmi::hkl_cif_as_refln_block(document.sole_block());
     ASSERT_TRUE(block.refln_loop && block.spacegroup);
@@ -182,26 +182,26 @@ TEST_F(ReflectionFormatsTest, CollectsIndexedReflections) {
     add(-1, 2, 3, 9.0);
     add(1, 1, 0, 60.0);  // the other piece of a spot that broke up
     list->push_back(nullptr);
-    EXPECT_EQ(host::indexedReflections(*list),
+    EXPECT_EQ(vrk::indexedReflections(*list),
               (std::vector<IndexedReflection>{{-1, 2, 3, 9.0, 3.0}, {1, 1, 0, 100.0, 10.0}}));
     // The columns of the matrix are the new axes: (h k l) M.
     const int toConventional[3][3] = {{0, 1, 1}, {1, 0, 1}, {1, 1, 0}};
-    EXPECT_EQ(host::indexedReflections(*list, toConventional),
+    EXPECT_EQ(vrk::indexedReflections(*list, toConventional),
               (std::vector<IndexedReflection>{{1, 1, 2, 100.0, 10.0}, {5, 2, 1, 9.0, 3.0}}));
 }
 
 TEST_F(ReflectionFormatsTest, RefusesWhatDoesNotFit) {
-    EXPECT_THROW(host::parseFormula("Xx2"), host::Failure);
-    EXPECT_THROW(host::parseFormula("C2 h3"), host::Failure);
-    EXPECT_THROW(host::parseFormula("  "), host::Failure);
-    EXPECT_THROW(host::parseFormula("C0"), host::Failure);
-    EXPECT_EQ(host::parseFormula("CaCO3"),
+    EXPECT_THROW(vrk::parseFormula("Xx2"), vrk::Failure);
+    EXPECT_THROW(vrk::parseFormula("C2 h3"), vrk::Failure);
+    EXPECT_THROW(vrk::parseFormula("  "), vrk::Failure);
+    EXPECT_THROW(vrk::parseFormula("C0"), vrk::Failure);
+    EXPECT_EQ(vrk::parseFormula("CaCO3"),
               (std::vector<std::pair<std::string, double>>{{"Ca", 1}, {"C", 1}, {"O", 3}}));
     m_set.reflections.push_back({10000, 0, 0, 1.0, 1.0});
-    EXPECT_THROW(host::writeShelx(m_set, m_folder / "x.hkl"), host::Failure);
-    EXPECT_THROW(host::writeMtz(m_set, m_folder / "none" / "x.mtz"), host::Failure);
+    EXPECT_THROW(vrk::writeShelx(m_set, m_folder / "x.hkl"), vrk::Failure);
+    EXPECT_THROW(vrk::writeMtz(m_set, m_folder / "none" / "x.mtz"), vrk::Failure);
     if (fs::exists("/dev/full")) {
-        EXPECT_THROW(host::writeCif(m_set, "/dev/full"), host::Failure);
+        EXPECT_THROW(vrk::writeCif(m_set, "/dev/full"), vrk::Failure);
     }
 }
 

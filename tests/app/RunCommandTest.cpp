@@ -15,9 +15,9 @@
 #include <sstream>
 #include <thread>
 
-#include "Simulation.h"
 #include "VoxCore/IO/VoxMRCFileHandler.h"
 #include "app/RunVrk.h"
+#include "pipeline/simulation/Simulation.h"
 #include "support/TemporaryFolder.h"
 
 namespace {
@@ -28,13 +28,13 @@ constexpr std::array<double, 6> kCell = {6, 7, 8, 80, 85, 80};
 
 /// A series that is small and easy.
 std::unique_ptr<VoxMRCData> smallSeries(int size = 128) {
-    host::SimulationSettings settings;
+    vrk::SimulationSettings settings;
     settings.cell = kCell;
     settings.dmin = 1.0;
     settings.detector.size = size;
     for (int tilt = -60; tilt <= 60; tilt += 2)
         settings.tilts.push_back(tilt);
-    return host::simulateSeries(settings).series;
+    return vrk::simulateSeries(settings).series;
 }
 
 void write(VoxMRCData& series, const std::string& path) {

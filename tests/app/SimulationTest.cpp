@@ -1,4 +1,4 @@
-#include "Simulation.h"
+#include "pipeline/simulation/Simulation.h"
 
 #include <gtest/gtest.h>
 
@@ -10,16 +10,16 @@
 #include <numbers>
 #include <span>
 
-#include "Failure.h"
 #include "VoxCore/IO/VoxMRCFileHandler.h"
 #include "app/RunVrk.h"
+#include "pipeline/base/Failure.h"
 #include "support/TemporaryFolder.h"
 
 namespace {
 
-using host::SimulatedReflection;
-using host::SimulatedSeries;
-using host::SimulationSettings;
+using vrk::SimulatedReflection;
+using vrk::SimulatedSeries;
+using vrk::SimulationSettings;
 
 constexpr double kDegree = std::numbers::pi / 180;
 
@@ -54,7 +54,7 @@ short pixelAt(const SimulatedSeries& simulated, std::size_t slice, double x, dou
 
 /// Distance of a position of the volume from the Ewald sphere at a tilt, in voxels, worked out from the
 /// sphere itself: a scattered wave is as long as the incident one.
-double fromSphere(const SimulatedReflection& one, const host::SimulationTruth& truth, double tilt) {
+double fromSphere(const SimulatedReflection& one, const vrk::SimulationTruth& truth, double tilt) {
     const double k = 1e10 / (truth.wavelength * truth.pixelSize);
     const double t = tilt * kDegree;
     const double beam[3] = {std::sin(t) * truth.handedness * k, 0, -std::cos(t) * truth.handedness * k};
@@ -62,7 +62,7 @@ double fromSphere(const SimulatedReflection& one, const host::SimulationTruth& t
 }
 
 /// The tilt at which a position meets the sphere; false when it does not within the series.
-bool crossing(const SimulatedReflection& one, const host::SimulationTruth& truth, double& tilt) {
+bool crossing(const SimulatedReflection& one, const vrk::SimulationTruth& truth, double& tilt) {
     for (double degrees = truth.tilts.front(); degrees < truth.tilts.back(); degrees += 0.25) {
         double low = degrees;
         double high = degrees + 0.25;
@@ -80,7 +80,7 @@ bool crossing(const SimulatedReflection& one, const host::SimulationTruth& truth
 struct Geometry {
     double axis;
     int handedness;
-    host::RotationMode mode;
+    vrk::RotationMode mode;
 };
 
 class SimulationGeometry : public testing::TestWithParam<Geometry> {};
@@ -91,9 +91,9 @@ TEST_P(SimulationGeometry, ReflectionsLieOnTheEwaldSphere) {
     settings.handedness = GetParam().handedness;
     settings.mode = GetParam().mode;
     settings.drift = 3;
-    if (settings.mode == host::RotationMode::Stepwise) settings.rockingWidth = 0.01;
-    const SimulatedSeries simulated = host::simulateSeries(settings);
-    const host::SimulationTruth& truth = simulated.truth;
+    if (settings.mode == vrk::RotationMode::Stepwise) settings.rockingWidth = 0.01;
+    const SimulatedSeries simulated = vrk::simulateSeries(settings);
+    const vrk::SimulationTruth& truth = simulated.truth;
 
     int seen = 0;
     for (const SimulatedReflection& one : truth.reflections) {
@@ -120,8 +120,8 @@ TEST_P(SimulationGeometry, NothingElseIsBright) {
     settings.axis = GetParam().axis;
     settings.handedness = GetParam().handedness;
     settings.mode = GetParam().mode;
-    const SimulatedSeries simulated = host::simulateSeries(settings);
-    const host::SimulationTruth& truth = simulated.truth;
+    const SimulatedSeries simulated = vrk::simulateSeries(settings);
+    const vrk::SimulationTruth& truth = simulated.truth;
     const double centre = (settings.detector.size - 1) * 0.5;
     const double a = settings.axis * kDegree;
 
@@ -148,16 +148,16 @@ TEST_P(SimulationGeometry, NothingElseIsBright) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, SimulationGeometry,
-                         testing::Values(Geometry{0, 1, host::RotationMode::Continuous},
-                                         Geometry{35, -1, host::RotationMode::Continuous},
-                                         Geometry{-110, 1, host::RotationMode::Precession},
-                                         Geometry{10, -1, host::RotationMode::Stepwise}));
+                         testing::Values(Geometry{0, 1, vrk::RotationMode::Continuous},
+                                         Geometry{35, -1, vrk::RotationMode::Continuous},
+                                         Geometry{-110, 1, vrk::RotationMode::Precession},
+                                         Geometry{10, -1, vrk::RotationMode::Stepwise}));
 
 TEST(Simulation, HandednessMovesReflectionsToAnotherTilt) {
     SimulationSettings settings = reflectionsAlone();
     settings.tilts = tiltRange(-30, 30, 0.25);
-    const host::SimulationTruth truth = host::simulateSeries(settings).truth;
-    host::SimulationTruth mirrored = truth;
+    const vrk::SimulationTruth truth = vrk::simulateSeries(settings).truth;
+    vrk::SimulationTruth mirrored = truth;
     mirrored.handedness = -1;
     int compared = 0;
     for (const SimulatedReflection& one : truth.reflections) {
@@ -173,17 +173,17 @@ TEST(Simulation, HandednessMovesReflectionsToAnotherTilt) {
     EXPECT_GT(compared, 50);
 }
 
-double determinant(const host::Matrix3& m) {
+double determinant(const vrk::Matrix3& m) {
     return m[0][0] * (m[1][1] * m[2][2] - m[1][2] * m[2][1]) -
            m[0][1] * (m[1][0] * m[2][2] - m[1][2] * m[2][0]) +
            m[0][2] * (m[1][0] * m[2][1] - m[1][1] * m[2][0]);
 }
 
 /// Coordinates of a position in a basis given as rows.
-host::Vector3 indicesIn(const host::Matrix3& basis, const host::Vector3& position) {
-    host::Vector3 indices{};
+vrk::Vector3 indicesIn(const vrk::Matrix3& basis, const vrk::Vector3& position) {
+    vrk::Vector3 indices{};
     for (std::size_t i = 0; i < 3; ++i) {
-        host::Matrix3 replaced = basis;
+        vrk::Matrix3 replaced = basis;
         replaced[i] = position;
         indices[i] = determinant(replaced) / determinant(basis);
     }
@@ -199,7 +199,7 @@ TEST(Simulation, CentringExtinguishesAndThePrimitiveVectorsSpanTheRest) {
                                         : std::array<double, 6>{8, 9, 10, 88, 97, 93};
         settings.centring = centring;
         settings.tilts = {-5, 0, 5};
-        const host::SimulationTruth truth = host::simulateSeries(settings).truth;
+        const vrk::SimulationTruth truth = vrk::simulateSeries(settings).truth;
         SCOPED_TRACE(centring);
         EXPECT_NEAR(determinant(truth.primitiveVectors) / determinant(truth.conventionalVectors),
                     multiplicity, 1e-6);
@@ -223,7 +223,7 @@ TEST(Simulation, IntensitiesOfAStructureFollowItsStructureFactors) {
                                 "loop_\n_atom_site_label\n_atom_site_type_symbol\n_atom_site_fract_x\n"
                                 "_atom_site_fract_y\n_atom_site_fract_z\n_atom_site_U_iso_or_equiv\n"
                                 "Na1 Na 0 0 0 0.02\nCl1 Cl 0.5 0.5 0.5 0.02\n");
-    const host::SimulationTruth truth = host::simulateSeries(settings).truth;
+    const vrk::SimulationTruth truth = vrk::simulateSeries(settings).truth;
     EXPECT_EQ(truth.centring, 'F');
     EXPECT_NEAR(truth.primitiveCell[0], 5.64 / std::numbers::sqrt2, 1e-6);
     const auto intensity = [&](int h, int k, int l) {
@@ -249,17 +249,17 @@ TEST(Simulation, SeedsDecideEverythingRandomOneByOne) {
     settings.detector = {};
     settings.detector.size = 64;
     settings.tilts = {-1, 0, 1};
-    const SimulatedSeries first = host::simulateSeries(settings);
-    EXPECT_TRUE(*first.series == *host::simulateSeries(settings).series);
+    const SimulatedSeries first = vrk::simulateSeries(settings);
+    EXPECT_TRUE(*first.series == *vrk::simulateSeries(settings).series);
     settings.drift = 2;
-    EXPECT_EQ(host::simulateSeries(settings).truth.orientation, first.truth.orientation);
+    EXPECT_EQ(vrk::simulateSeries(settings).truth.orientation, first.truth.orientation);
     settings.seed = 2;
-    EXPECT_NE(host::simulateSeries(settings).truth.orientation, first.truth.orientation);
+    EXPECT_NE(vrk::simulateSeries(settings).truth.orientation, first.truth.orientation);
 }
 
 TEST(Simulation, CountsArePoissonDistributed) {
     for (const double expected : {0.3, 4.0, 15.9, 16.1, 900.0}) {
-        host::SimulationRandom random(7);
+        vrk::SimulationRandom random(7);
         constexpr int count = 200000;
         double sum = 0;
         double squares = 0;
@@ -289,7 +289,7 @@ TEST(Simulation, DefectsAreWhereTheyBelong) {
     settings.blank = 1;
     settings.drift = 4;
     settings.jump = 6;
-    const SimulatedSeries simulated = host::simulateSeries(settings);
+    const SimulatedSeries simulated = vrk::simulateSeries(settings);
     EXPECT_EQ(simulated.truth.tilts.size(), 17U);
     EXPECT_EQ(simulated.truth.tilts.front(), -10);
     EXPECT_EQ(simulated.truth.tilts.back(), 10);
@@ -325,7 +325,7 @@ TEST(Simulation, ImpossibleSettingsAreRefused) {
     for (std::size_t i = 0; i < spoilers.size(); ++i) {
         SimulationSettings settings = reflectionsAlone();
         spoilers[i](settings);
-        EXPECT_THROW(host::simulateSeries(settings), host::Failure) << "case " << i;
+        EXPECT_THROW(vrk::simulateSeries(settings), vrk::Failure) << "case " << i;
     }
 }
 

@@ -5,7 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "RunVrk.h"
-#include "TiltAxisSearch.h"
+#include "pipeline/geometry/TiltAxisSearch.h"
 #include "support/TemporaryFolder.h"
 
 namespace {
@@ -80,13 +80,13 @@ TEST(TiltAxisCommandTest, LaysAParabolaThroughTheScores) {
     std::vector<std::pair<double, double>> values;
     for (int i = -10; i <= 10; ++i)
         values.emplace_back(20 + i * 0.1, 50 - 3 * std::pow(20 + i * 0.1 - 20.13, 2) + (i % 2) * 1e-3);
-    const host::TiltAxisFit fit = host::fitTiltAxis(scoresOf(values), 20.1);
+    const vrk::TiltAxisFit fit = vrk::fitTiltAxis(scoresOf(values), 20.1);
     EXPECT_NEAR(fit.angle, 20.13, 2e-3);
     EXPECT_GT(fit.uncertainty, 0.0);
     EXPECT_LT(fit.uncertainty, 2e-3);
     // Nothing to fit: the angle stays, uncertain by half a step.
-    const host::TiltAxisFit flat = host::fitTiltAxis(scoresOf({{1, 5}, {2, 4}, {3, 5}, {4, 6}, {5, 9}}), 5);
+    const vrk::TiltAxisFit flat = vrk::fitTiltAxis(scoresOf({{1, 5}, {2, 4}, {3, 5}, {4, 6}, {5, 9}}), 5);
     EXPECT_EQ(flat.angle, 5.0);
     EXPECT_EQ(flat.uncertainty, 0.5);
-    EXPECT_EQ(host::fitTiltAxis(scoresOf({{7, 5}}), 7).angle, 7.0);
+    EXPECT_EQ(vrk::fitTiltAxis(scoresOf({{7, 5}}), 7).angle, 7.0);
 }

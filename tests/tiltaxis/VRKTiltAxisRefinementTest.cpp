@@ -9,9 +9,9 @@
 #include <map>
 #include <memory>
 
-#include "Simulation.h"
-#include "TiltAxisSearch.h"
 #include "VoxCore/DataModel/VoxMRCData.h"
+#include "pipeline/geometry/TiltAxisSearch.h"
+#include "pipeline/simulation/Simulation.h"
 #include "processing/SeriesFactory.h"
 #include "support/RecordingLogObserver.h"
 #include "support/RecordingProgressObserver.h"
@@ -21,7 +21,7 @@ namespace {
 
 /// A series of a small crystal with counting noise, without halo and background.
 std::unique_ptr<VoxMRCData> crystalSeries(double axis) {
-    host::SimulationSettings settings;
+    vrk::SimulationSettings settings;
     settings.cell = {3.7, 4.4, 5.1, 90, 97, 90};
     settings.axis = axis;
     settings.peakCounts = 5000;
@@ -30,7 +30,7 @@ std::unique_ptr<VoxMRCData> crystalSeries(double axis) {
     settings.seed = 11;
     for (int tilt = -60; tilt <= 60; tilt += 2)
         settings.tilts.push_back(tilt);
-    return host::simulateSeries(settings).series;
+    return vrk::simulateSeries(settings).series;
 }
 
 /// Distance of two lines.
@@ -95,7 +95,7 @@ TEST(VRKTiltAxisRefinementTest, FindsTheAxisInPatternsFinely) {
         const float angle =
             search.searchTiltAxisManual2D(series.get(), "s", folder / "", axis - 1.23, axis + 1.27, 0.1);
         EXPECT_LE(betweenAxes(static_cast<double>(angle), axis), 0.2) << axis;
-        const host::TiltAxisFit fit = host::fitTiltAxis(search.scores(), static_cast<double>(angle));
+        const vrk::TiltAxisFit fit = vrk::fitTiltAxis(search.scores(), static_cast<double>(angle));
         EXPECT_LE(betweenAxes(fit.angle, axis), 0.08) << axis;
         EXPECT_LT(fit.uncertainty, 0.05) << axis;
     }

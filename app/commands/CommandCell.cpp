@@ -1,0 +1,373 @@
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "cellfinding/CalculateCellAlgorithm.h"
+#include "commands/Commands.h"
+#include "console/ParameterOptions.h"
+#include "crystallography/CellFileImportExport.h"
+#include "crystallography/LatticeSymmetry.h"
+#include "pipeline/base/Failure.h"
+#include "pipeline/base/OutputFile.h"
+#include "pipeline/formats/PeakList.h"
+#include "pipeline/latticesearch/CellSearch.h"
+#include "pipeline/latticesearch/LatticeScore.h"
+#include "pipeline/latticesearch/ReducedCell.h"
+
+namespace vrk::app {
+namespace {
+
+using Eigen::Matrix3d;
+using Eigen::Vector3d;
+using Json = nlohmann::ordered_json;
+
+/// The six steps with parameters of the user's form no more difference vectors than this.
+constexpr double kMostVectors = 3e7;
+/// Evidence, in nats, that thousands of candidate cells do not reach on random points.
+constexpr double kLeastEvidence = 60.0;
+constexpr double kLeastFraction = 0.15;
+
+struct Options {
+    std::string peaks;
+    std::string output;
+    std::string log;
+    double pixelSize = 0.0;
+    CellOptions cell;
+    bool json = false;
+};
+
+struct Result {
+    Lattice lattice;
+    LatticeScore score;
+    Parameter parameter;
+    bool automatic = false;
+    double rivalEvidence = 0.0;  ///< of the second best lattice
+    std::size_t reflections = 0;
+    double pixelSize = 0.0;  ///< 0 is unknown
+    UnitCell reciprocal;     ///< reduced; of pixel size 1 when that is unknown
+    LatticeCharacter symmetry;
+
+    bool hasScale() const { return pixelSize > 0.0; }
+};
+
+bool isConvincing(const LatticeScore& score) {
+    return score.evidence >= kLeastEvidence && score.fraction() >= kLeastFraction;
+}
+
+const char* confidenceOf(const Result& result) {
+    const LatticeScore& score = result.score;
+    const bool rivalled = result.rivalEvidence > 0.8 * score.evidence;
+    if (score.fraction() > 0.6 && score.evidence > 300.0 && !rivalled) return "high";
+    return score.fraction() > 0.4 && score.evidence > 120.0 ? "fair" : "low";
+}
+
+template <typename... Values>
+std::string formatted(const char* format, Values... values) {
+    char text[300];
+    std::snprintf(text, sizeof text, format, values...);
+    return text;
+}
+
+Points pointsOf(const PeakList& peaks, std::vector<double>& weights) {
+    Points points;
+    points.reserve(peaks.reflections->size());
+    for (Reflex* reflex : *peaks.reflections) {
+        points.emplace_back(reflex->getCenter(0) - peaks.origin[0], reflex->getCenter(1) - peaks.origin[1],
+                            reflex->getCenter(2) - peaks.origin[2]);
+        weights.push_back(reflex->getIntensity());
+    }
+    return points;
+}
+
+/// How far the list reaches; lists in other units than voxels show here.
+std::string extentText(const Points& points) {
+    double farthest = 0.0;
+    for (const Vector3d& point : points)
+        farthest = std::max(farthest, point.norm());
+    std::string text =
+        formatted("%zu reflections, the farthest %.4g voxels from the origin", points.size(), farthest);
+    if (farthest < 20.0) text += " (is the list in other units? Lengths are in voxels: scale it up)";
+    return text;
+}
+
+/// Estimates the number of difference vectors from a sample of the points.
+double expectedVectors(const Points& points, const Parameter& parameter) {
+    const std::size_t step = std::max<std::size_t>(1, points.size() / 200);
+    double count = 0.0;
+    double sampled = 0.0;
+    for (std::size_t i = 0; i < points.size(); i += step, sampled += 1.0)
+        for (const Vector3d& other : points) {
+            const double length = (other - points[i]).norm();
+            count += length > parameter.getMinLength() && length < parameter.getMaxLength();
+        }
+    const double pairs = 0.5 * count / std::max(sampled, 1.0) * static_cast<double>(points.size());
+    return parameter.useHalfDiffVectorSpace() ? pairs : 2.0 * pairs;
+}
+
+/// The intermediate results of the steps.
+struct StepResults {
+    StepResults() = default;
+    ~StepResults() {
+        for (auto* cluster : clusters)
+            delete cluster;
+        for (auto* vector : noise)
+            delete vector;
+    }
+    StepResults(const StepResults&) = delete;
+    StepResults& operator=(const StepResults&) = delete;
+
+    std::unique_ptr<CubicGrid<ClusterPoint<double>>> grid;
+    std::vector<Cluster<Point<double>>*> clusters;
+    std::vector<ClusterPoint<double>*> noise;
+    ClusterPoint<double> a{3, -1}, b{3, -1}, c{3, -1};
+};
+
+[[noreturn]] void refuse(const std::string& found, const std::string& advice) {
+    throw Failure("no cell was found with these parameters: " + found + "; " + advice +
+                      ", or leave the parameters out and have them found",
+                  FailureKind::NothingFound);
+}
+
+/// The six steps with the parameters as they are. The peak file has been cut off around the beam when it was
+/// written; difference vectors need no origin.
+Lattice latticeByParameters(const PeakList& peaks, const Points& points, Parameter& parameter, Host& host) {
+    // What the steps complain about is either one trial of many or part of the message below.
+    const QuietLog quiet(host.session(), QuietLog::Keep::UntilReleased);
+    const double expected = expectedVectors(points, parameter);
+    if (expected > kMostVectors)
+        throw Failure(formatted("about %.2g difference vectors are shorter than --max-length %g, too many to "
+                                "cluster; use a smaller --max-length",
+                                expected, parameter.getMaxLength()),
+                      FailureKind::Usage);
+    StepResults run;
+    CalculateCellAlgorithm algorithm;
+    run.grid.reset(algorithm.StepTwo_CalcDiffVectors(&parameter, peaks.reflections.get(), nullptr));
+    if (!run.grid)
+        refuse(extentText(points) + formatted("; no difference vector is longer than %g and shorter than %g",
+                                              parameter.getMinLength(), parameter.getMaxLength()),
+               "use a smaller --min-length or a larger --max-length");
+    const std::string vectors =
+        formatted("%zu reflections, %d difference vectors", points.size(), run.grid->getNumberOfPoints());
+    if (algorithm.StepThree_Clustering(&parameter, run.grid.get(), &run.clusters, &run.noise) < 0.0)
+        refuse(vectors + ", no clusters", "use a smaller --min-points or a larger --eps");
+    const std::string found = vectors + formatted(", %zu clusters", run.clusters.size());
+    UnitCell cell;
+    if (algorithm.StepFour_FindLinearIndependentVectors(&parameter, &cell, &run.clusters, &run.a, &run.b,
+                                                        &run.c) < 0.0)
+        refuse(found + ", no three of them that span a cell",
+               "use a smaller --min-points, --eps, --angle-a or --angle-b, or a larger --max-length");
+    if (algorithm.StepFive_CalculateNiggliCell(&parameter, &run.a, &run.b, &run.c, &run.a, &run.b, &run.c) <
+        0.0)
+        refuse(found + ", whose lattice has no three vectors within the limits",
+               "use a smaller --angle-a, --angle-b or --det-limit");
+    bool refined[3] = {};
+    algorithm.StepSix_Refinement(&run.clusters, &run.a, &run.b, &run.c, &run.a, &run.b, &run.c, &refined[0],
+                                 &refined[1], &refined[2]);
+    Lattice lattice;
+    for (int row = 0; row < 3; ++row)
+        lattice.basis.row(row) << run.a.getData(row), run.b.getData(row), run.c.getData(row);
+    return lattice;
+}
+
+Result searchFreely(const Points& points, const std::vector<double>& weights, Host& host) {
+    // What the steps complain about is either one trial of many or part of the message below.
+    const QuietLog quiet(host.session(), QuietLog::Keep::UntilReleased);
+    CellSearchOptions options;
+    options.canceled = [&host] {
+        host.session().checkCanceled();
+        return false;
+    };
+    const std::vector<LatticeCandidate> candidates = CellSearch(options).search(points, weights);
+    const std::string advice =
+        "; try parameters (--max-length about three times the distance of neighbours, --eps, --min-points), "
+        "or "
+        "another --threshold in 'vrk peaks'";
+    if (candidates.empty())
+        throw Failure("no cell was found: " + extentText(points) + advice, FailureKind::NothingFound);
+    Result result;
+    const LatticeCandidate& best = candidates.front();
+    if (!isConvincing(best.score))
+        throw Failure(formatted("no cell was found: the best one explains %d of %d reflections, hardly more "
+                                "than chance",
+                                best.score.indexed, best.score.points) +
+                          advice,
+                      FailureKind::NothingFound);
+    result.automatic = true;
+    result.lattice = best.lattice;
+    result.score = best.score;
+    if (candidates.size() > 1) result.rivalEvidence = candidates[1].score.evidence;
+    result.parameter.setMinLength(best.trial.minLength);
+    result.parameter.setMaxLength(best.trial.maxLength);
+    result.parameter.setDBSCANEps(best.trial.eps);
+    result.parameter.setDBSCANMinPts(best.trial.minPts);
+    return result;
+}
+
+/// Reduces the lattice and looks for its symmetry.
+void describe(Result& result) {
+    const Matrix3d& basis = result.lattice.basis;
+    const double pixelSize = result.hasScale() ? result.pixelSize : 1.0;
+    const UnitCell cell(basis.col(0).data(), basis.col(1).data(), basis.col(2).data(), pixelSize, false, true,
+                        LATTICE::aP);
+    if (cell.isDegenerate())
+        throw Failure("the vectors found span no cell; use a larger --det-limit", FailureKind::NothingFound);
+    result.reciprocal = niggliReduced(cell);
+    result.symmetry = LatticeSymmetry::best(result.reciprocal);
+}
+
+Result findCell(const Options& options, Host& host) {
+    const PeakList peaks = readPeaks(options.peaks);
+    std::vector<double> weights;
+    const Points points = pointsOf(peaks, weights);
+    Result result;
+    if (options.cell.isGiven()) {
+        options.cell.applyTo(result.parameter);
+        result.lattice = latticeByParameters(peaks, points, result.parameter, host);
+        result.score = scoreLattice(points, result.lattice);
+        if (!isConvincing(result.score))
+            host.warn(
+                formatted("the cell explains %d of %d reflections, hardly more than chance; do not trust "
+                          "it before another look at the parameters",
+                          result.score.indexed, result.score.points));
+    } else {
+        result = searchFreely(points, weights, host);
+    }
+    result.reflections = points.size();
+    result.pixelSize = options.pixelSize > 0.0 ? options.pixelSize : peaks.head ? peaks.head->pixelSize : 0.0;
+    if (!result.hasScale())
+        host.warn("the pixel size is not known, so the cell has no scale; give it with --pixel-size");
+    describe(result);
+    return result;
+}
+
+void writeCell(const Options& options, const Result& result, Host& host) {
+    OutputFile file(options.output);
+    UnitCell cell(result.reciprocal);
+    if (!CellFileImportExport::writeCellFile_version_2(file.path().string(), &cell))
+        throw Failure("cannot write " + options.output + ": " + host.session().lastError());
+    file.commit();
+}
+
+Json toJson(const CellParameters& p) {
+    return {{"a", p.a}, {"b", p.b}, {"c", p.c}, {"alpha", p.alpha}, {"beta", p.beta}, {"gamma", p.gamma}};
+}
+
+CellParameters parametersOf(const UnitCell& cell) {
+    return {cell.getLengthOfA(), cell.getLengthOfB(), cell.getLengthOfC(),
+            cell.getAlpha(),     cell.getBeta(),      cell.getGamma()};
+}
+
+Json toJson(const Options& options, const Result& result) {
+    Json json = {{"peaks", options.peaks}, {"cell_file", options.output}, {"cell", nullptr}};
+    if (result.hasScale()) {
+        const std::unique_ptr<UnitCell> direct(result.reciprocal.getReciprocalCell());
+        json["cell"] = toJson(parametersOf(*direct));
+        json["cell"]["volume"] = direct->getExactVolume();
+    }
+    json["lattice"] = {{"bravais", LATTICE::shortName(result.symmetry.bravaisType)},
+                       {"centring", std::string(1, result.symmetry.centring)},
+                       {"misfit_deg", result.symmetry.qualityIndex},
+                       {"conventional", nullptr}};
+    if (result.hasScale()) json["lattice"]["conventional"] = toJson(result.symmetry.measured);
+    std::array<std::array<double, 3>, 3> vectors{};
+    result.reciprocal.getBase(vectors[0].data(), vectors[1].data(), vectors[2].data());
+    json["reciprocal_vectors_px"] = vectors;
+    const Vector3d& origin = result.lattice.origin;
+    json["origin_px"] = {origin[0], origin[1], origin[2]};
+    json["pixel_size"] = result.hasScale() ? Json(result.pixelSize) : Json(nullptr);
+    json["reflections"] = {{"found", result.reflections},
+                           {"indexed", result.score.indexed},
+                           {"fraction_indexed", result.score.fraction()},
+                           {"radius_px", result.score.radius}};
+    json["confidence"] = {{"level", confidenceOf(result)},
+                          {"evidence", result.score.evidence},
+                          {"fraction_by_chance", result.score.chance},
+                          {"runner_up_evidence", result.rivalEvidence}};
+    json["search"] = result.automatic ? "automatic" : "parameters";
+    json["parameters"] = cellSettings(result.parameter);
+    return json;
+}
+
+std::string cellText(const CellParameters& p, const char* edge) {
+    std::string text;
+    for (const double length : {p.a, p.b, p.c})
+        text += formatted(edge, length);
+    return text + formatted(" %8.3f %8.3f %8.3f", p.alpha, p.beta, p.gamma);
+}
+
+void report(std::ostream& out, const Options& options, const Result& result) {
+    out << "                          a         b         c     alpha     beta    gamma      volume\n";
+    if (result.hasScale()) {
+        const std::unique_ptr<UnitCell> direct(result.reciprocal.getReciprocalCell());
+        out << "reduced cell, A    " << cellText(parametersOf(*direct), " %9.4f")
+            << formatted(" %11.2f\n", direct->getExactVolume());
+        if (result.symmetry.number > 0 && result.symmetry.bravaisType != LATTICE::aP)
+            out << formatted("%-19s", (std::string("lattice ") +
+                                       LATTICE::shortName(result.symmetry.bravaisType) + ", A")
+                                          .c_str())
+                << cellText(result.symmetry.measured, " %9.4f") << '\n';
+    }
+    out << "reciprocal, voxels " << cellText(parametersOf(result.reciprocal), " %9.4f")
+        << formatted(" %11.2f\n", result.reciprocal.getExactVolume());
+    const LatticeScore& score = result.score;
+    out << formatted("lattice             %s, misfit %.2f degrees\n",
+                     LATTICE::shortName(result.symmetry.bravaisType), result.symmetry.qualityIndex)
+        << formatted(
+               "indexed             %d of %d reflections (%.1f %%; %.1f %% by chance) within %g voxels\n",
+               score.indexed, score.points, 100.0 * score.fraction(), 100.0 * score.chance, score.radius)
+        << "confidence          " << confidenceOf(result) << '\n'
+        << formatted("parameters          --min-length %g --max-length %g --eps %g --min-points %d (%s)\n",
+                     result.parameter.getMinLength(), result.parameter.getMaxLength(),
+                     result.parameter.getDBSCANEps(), result.parameter.getDBSCANMinPts(),
+                     result.automatic ? "found" : "given")
+        << "written             " << options.output << '\n';
+}
+
+void run(const Options& options, Host& host) {
+    if (!options.log.empty()) host.openLog(options.log);
+    if (std::error_code error; std::filesystem::equivalent(options.peaks, options.output, error))
+        throw Failure(
+            "the cell file would replace the reflections " + options.peaks + "; give -o another name",
+            FailureKind::Usage);
+    const Result result = findCell(options, host);
+    writeCell(options, result, host);
+    if (options.json)
+        host.out() << toJson(options, result).dump(1) << '\n';
+    else
+        report(host.out(), options, result);
+}
+
+}  // namespace
+
+void addCellCommand(CLI::App& app, Host& host) {
+    auto options = std::make_shared<Options>();
+    CLI::App* command = app.add_subcommand("cell", "Find the cell of a list of reflections");
+    command
+        ->add_option("peaks", options->peaks,
+                     "Peak file, or a list of x y z [intensity] in voxels about 0, 0, 0")
+        ->required()
+        ->type_name("PEAKS");
+    command->add_option("-o,--output", options->output, "Cell file to write")->required()->type_name("CELL");
+    command->add_option("--pixel-size", options->pixelSize, "1/m per voxel [that of the peak file]")
+        ->check(CLI::PositiveNumber);
+    addCellOptions(*command, options->cell, true);
+    command->add_option("--log", options->log, "Write all messages here")->type_name("FILE");
+    command->add_flag("--json", options->json, "Print the result as JSON");
+    command->footer(
+        "Without options of the cell finding they are found: difference vectors are clustered with several\n"
+        "sets of parameters and the lattice that explains the reflections best wins. With any of them the\n"
+        "cell is found in one pass with exactly these parameters and the defaults of the others.\n\n"
+        "Example:\n"
+        "  vrk cell peaks.txt -o cell.txt");
+    command->callback([options, &host] { run(*options, host); });
+}
+
+}  // namespace vrk::app

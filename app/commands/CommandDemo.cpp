@@ -1,0 +1,320 @@
+#include <Eigen/Dense>
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <memory>
+#include <numbers>
+
+#include "commands/Commands.h"
+#include "pictures/Pictures.h"
+#include "pictures/RunPictures.h"
+#include "pipeline/base/Failure.h"
+#include "pipeline/base/NumberList.h"
+#include "pipeline/base/OutputFile.h"
+#include "pipeline/frames/DataFiles.h"
+#include "pipeline/run/RunPipeline.h"
+#include "pipeline/run/RunSummary.h"
+#include "pipeline/simulation/Simulation.h"
+
+namespace vrk::app {
+namespace {
+
+using Eigen::Matrix3d;
+using Json = nlohmann::ordered_json;
+
+// What counts as found again; 256 pixels and coarse steps of the tilt must do.
+constexpr double kLengthLimit = 0.1;       // percent
+constexpr double kAngleLimit = 0.06;       // degrees
+constexpr double kAxisLimit = 0.2;         // degrees
+constexpr double kIndexedLimit = 95.0;     // percent
+constexpr double kBaseVectorLimit = 0.02;  // of a true base vector
+
+struct Options {
+    std::filesystem::path folder = "vrk-demo";
+    std::string cell = "15.1,8.9,9.8,90,104.2,90";
+    std::string centring = "C";
+    std::string tiltAxis;
+    double step = 1.0;
+    bool json = false;
+    SimulationSettings settings;
+};
+
+/// One line of the comparison.
+struct Check {
+    std::string name;
+    std::string truth;
+    std::string found;
+    std::string difference;
+    bool ok = true;
+};
+
+/// What is compared, of truth or result: the primitive cell in the true setting and its Bravais type.
+struct LatticeFacts {
+    std::array<double, 6> cell{};
+    double volume = 0.0;
+    std::string bravais;
+};
+
+struct Comparison {
+    LatticeFacts truth;
+    LatticeFacts found;
+    Eigen::Matrix3i transformation;  ///< true reciprocal base = found base * this
+    bool sameLattice = false;
+    double axisError = 0.0;  ///< degrees, of the axis as a line
+    int expectedSense = 0;
+    double percentIndexed = 0.0;
+    std::vector<Check> checks;
+
+    bool ok() const {
+        return std::all_of(checks.begin(), checks.end(), [](const Check& check) { return check.ok; });
+    }
+};
+
+template <class... Values>
+std::string formatted(const char* format, Values... values) {
+    char text[256];
+    std::snprintf(text, sizeof text, format, values...);
+    return text;
+}
+
+SimulationSettings settingsOf(const Options& options) {
+    SimulationSettings settings = options.settings;
+    const std::vector<double> cell = numbersOf(options.cell, ',', "--cell");
+    if (cell.size() != 6)
+        throw Failure("--cell takes six numbers, a,b,c,alpha,beta,gamma, not " + options.cell,
+                      FailureKind::Usage);
+    std::copy(cell.begin(), cell.end(), settings.cell.begin());
+    settings.centring = options.centring[0];
+    const int half = static_cast<int>(std::floor(60.0 / options.step + 1e-9));
+    for (int i = -half; i <= half; ++i)
+        settings.tilts.push_back(i * options.step);
+    settings.writeAxis = options.tiltAxis.empty();
+    return settings;
+}
+
+SimulationTruth writeSimulation(const Options& options, const std::filesystem::path& series, Host& host) {
+    const SimulatedSeries simulated = [&] {
+        const Stage stage(host.session(), "simulate");
+        return simulateSeries(settingsOf(options), &host.session().progress());
+    }();
+    host.session().checkCanceled();
+    writeData(*simulated.series, series, host.session());
+    OutputFile truth(options.folder / "series.truth.json");
+    std::ofstream stream(truth.path());
+    stream << simulated.truth.toJson().dump(1) << '\n';
+    stream.close();
+    if (!stream) throw Failure("cannot write into " + options.folder.string() + "; check the free space");
+    truth.commit();
+    return simulated.truth;
+}
+
+/// Reciprocal base vectors, given one after the other, as columns.
+template <class Rows>
+Matrix3d columns(const Rows& rows) {
+    Matrix3d matrix;
+    for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 3; ++j)
+            matrix(j, i) = rows[static_cast<std::size_t>(i)][static_cast<std::size_t>(j)];
+    return matrix;
+}
+
+/// The direct cell of a reciprocal base in voxels.
+std::array<double, 6> directCell(const Matrix3d& reciprocal, double pixelSize) {
+    const Matrix3d direct = reciprocal.inverse().transpose() * (1e10 / pixelSize);
+    const auto angle = [&](int i, int j) {
+        return std::acos(direct.col(i).normalized().dot(direct.col(j).normalized())) * 180.0 /
+               std::numbers::pi;
+    };
+    return {direct.col(0).norm(), direct.col(1).norm(), direct.col(2).norm(),
+            angle(1, 2),          angle(0, 2),          angle(0, 1)};
+}
+
+std::string trueBravaisType(const SimulationTruth& truth) {
+    double vectors[3][3];
+    for (std::size_t i = 0; i < 3; ++i)
+        std::copy(truth.primitiveVectors[i].begin(), truth.primitiveVectors[i].end(), vectors[i]);
+    const UnitCell cell(vectors[0], vectors[1], vectors[2], truth.pixelSize, false, true, LATTICE::aP);
+    return LATTICE::shortName(LatticeSymmetry::best(cell, {1e-4, 1e-6}).bravaisType);
+}
+
+/// Both bases span the same lattice when a matrix of integers with determinant 1 or -1 connects them.
+void compareLattices(const SimulationTruth& truth, const RunResult& result, Comparison& comparison) {
+    const Matrix3d known = columns(truth.primitiveVectors);
+    const Matrix3d found = columns(result.refinement.lattice.basis);
+    const Matrix3d connection = found.inverse() * known;
+    const Matrix3d rounded = connection.array().round().matrix();
+    comparison.transformation = rounded.cast<int>();
+    const Matrix3d difference = found * rounded - known;
+    double largest = 0.0;
+    for (int i = 0; i < 3; ++i)
+        largest = std::max(largest, difference.col(i).norm() / known.col(i).norm());
+    comparison.sameLattice =
+        std::abs(std::abs(rounded.determinant()) - 1.0) < 0.5 && largest < kBaseVectorLimit;
+
+    comparison.truth.cell = directCell(known, truth.pixelSize);
+    comparison.truth.volume = std::pow(1e10 / truth.pixelSize, 3) / std::abs(known.determinant());
+    comparison.truth.bravais = trueBravaisType(truth);
+    comparison.found.cell = directCell(comparison.sameLattice ? found * rounded : found, result.pixelSize);
+    comparison.found.volume = result.refinement.lattice.volume;
+    comparison.found.bravais = LATTICE::shortName(result.characters.front().bravaisType);
+}
+
+Comparison compare(const SimulationTruth& truth, const RunResult& result) {
+    Comparison comparison;
+    compareLattices(truth, result, comparison);
+    std::vector<Check>& checks = comparison.checks;
+    const LatticeFacts& known = comparison.truth;
+    const LatticeFacts& found = comparison.found;
+    constexpr std::array<const char*, 6> names = {"a", "b", "c", "alpha", "beta", "gamma"};
+    for (std::size_t i = 0; i < 6; ++i) {
+        const bool length = i < 3;
+        const double error =
+            length ? 100.0 * (found.cell[i] / known.cell[i] - 1.0) : found.cell[i] - known.cell[i];
+        checks.push_back({names[i], formatted(length ? "%.4f A" : "%.3f deg", known.cell[i]),
+                          formatted(length ? "%.4f A" : "%.3f deg", found.cell[i]),
+                          formatted(length ? "%+.3f %%" : "%+.3f deg", error),
+                          std::abs(error) <= (length ? kLengthLimit : kAngleLimit)});
+    }
+    checks.push_back({"volume", formatted("%.2f A^3", known.volume), formatted("%.2f A^3", found.volume),
+                      formatted("%+.3f %%", 100.0 * (found.volume / known.volume - 1.0)),
+                      std::abs(found.volume / known.volume - 1.0) <= 3.0 * kLengthLimit / 100.0});
+    checks.push_back(
+        {"lattice", "", comparison.sameLattice ? "the same" : "another", "", comparison.sameLattice});
+    checks.push_back({"Bravais type", known.bravais, found.bravais, "", known.bravais == found.bravais});
+
+    // Angles that differ by a half turn name the same line, seen with the other sense of tilt.
+    const double turn = result.axisAngle - truth.axis;
+    comparison.axisError = std::remainder(turn, 180.0);
+    checks.push_back({"tilt axis", formatted("%.2f deg", truth.axis), formatted("%.2f deg", result.axisAngle),
+                      formatted("%+.2f deg", comparison.axisError),
+                      std::abs(comparison.axisError) <= kAxisLimit});
+    const bool opposite = std::abs(std::remainder(turn, 360.0)) > 90.0;
+    // The simulated sphere lies at g n = +|g|^2 lambda / 2 for handedness +1. A reflection is found below
+    // it, which the refinement calls the sense -1.
+    comparison.expectedSense = opposite ? truth.handedness : -truth.handedness;
+    const bool decided = result.refinement.decided;
+    checks.push_back({"handedness", formatted("%+d", comparison.expectedSense),
+                      decided ? formatted("%+d", result.refinement.sense) : "undecided", "",
+                      decided && result.refinement.sense == comparison.expectedSense});
+    comparison.percentIndexed = 100.0 * result.refinement.lattice.indexed /
+                                static_cast<double>(std::max<std::size_t>(result.indexed->size(), 1));
+    checks.push_back({"reflections", std::to_string(truth.reflectionsRecorded) + " recorded",
+                      std::to_string(result.indexed->size()) + " found",
+                      formatted("%.1f %% indexed", comparison.percentIndexed),
+                      comparison.percentIndexed >= kIndexedLimit});
+    return comparison;
+}
+
+void print(std::ostream& out, const Options& options, const SimulationTruth& truth, const RunResult& result,
+           const Comparison& comparison) {
+    const std::array<double, 6>& cell = truth.conventionalCell;
+    out << formatted("simulated: %d frames of %d x %d, cell %g %g %g %g %g %g, centring %c",
+                     result.seriesSize[2], result.seriesSize[0], result.seriesSize[1], cell[0], cell[1],
+                     cell[2], cell[3], cell[4], cell[5], truth.centring)
+        << formatted("\nanalysed in %.1f s; the primitive cell against the truth:\n\n", result.seconds.total)
+        << formatted("%-14s%16s%16s%18s\n", "", "truth", "found", "difference");
+    for (const Check& check : comparison.checks)
+        out << formatted("%-14s%16s%16s%18s%s\n", check.name.c_str(), check.truth.c_str(),
+                         check.found.c_str(), check.difference.c_str(), check.ok ? "" : "   !");
+    out << "\nresults and pictures (hk0.png, projection_z.png, ...): " << options.folder.string() << '\n';
+    if (comparison.ok()) out << "ok\n";
+}
+
+Json toJson(const LatticeFacts& facts, double axis, int sense) {
+    const std::array<double, 6>& c = facts.cell;
+    return {{"a", c[0]},
+            {"b", c[1]},
+            {"c", c[2]},
+            {"alpha", c[3]},
+            {"beta", c[4]},
+            {"gamma", c[5]},
+            {"volume", facts.volume},
+            {"bravais", facts.bravais},
+            {"tilt_axis_deg", axis},
+            {"handedness", sense}};
+}
+
+Json toJson(const Options& options, const SimulationTruth& truth, const RunResult& result,
+            const Comparison& comparison) {
+    Json failed = Json::array();
+    for (const Check& check : comparison.checks)
+        if (!check.ok) failed.push_back(check.name);
+    return {{"folder", options.folder.string()},
+            {"truth", toJson(comparison.truth, truth.axis, comparison.expectedSense)},
+            {"found", toJson(comparison.found, result.axisAngle, result.refinement.sense)},
+            {"same_lattice", comparison.sameLattice},
+            {"percent_indexed", comparison.percentIndexed},
+            {"seconds", result.seconds.total},
+            {"failed", failed},
+            {"ok", comparison.ok()}};
+}
+
+void demo(const Options& options, Host& host) {
+    makeFolder(options.folder);
+    RunOptions run;
+    run.series = options.folder / "series.mrc";
+    run.folder = options.folder;
+    run.tiltAxis = options.tiltAxis;
+    host.openLog(options.folder / "vrk.log",
+                 {"demo: cell " + options.cell + ", centring " + options.centring});
+    const SimulationTruth truth = writeSimulation(options, run.series, host);
+    const RunResult result = RunPipeline(run, host.session()).run();
+    drawRunPictures(result, options.folder);
+    writeSummary(options.folder / "summary.json", summaryJson(run, result, host.warnings()));
+    const Comparison comparison = compare(truth, result);
+    if (options.json)
+        host.out() << toJson(options, truth, result, comparison).dump(2) << '\n';
+    else
+        print(host.out(), options, truth, result, comparison);
+    host.out().flush();
+    if (comparison.ok()) return;
+    std::string names;
+    for (const Check& check : comparison.checks)
+        if (!check.ok) names += (names.empty() ? "" : ", ") + check.name;
+    throw Failure("the result differs from the truth (" + names + "); its log is " +
+                  (options.folder / "vrk.log").string());
+}
+
+}  // namespace
+
+void addDemoCommand(CLI::App& app, Host& host) {
+    auto options = std::make_shared<Options>();
+    SimulationSettings& settings = options->settings;
+    settings.axis = 37.0;
+    CLI::App* command =
+        app.add_subcommand("demo", "Simulate a tilt series, run it and compare the result with the truth");
+    command->add_option("-o,--output", options->folder, "Folder for series, results and pictures")
+        ->capture_default_str()
+        ->type_name("FOLDER");
+    command->add_option("--cell", options->cell, "a,b,c,alpha,beta,gamma in Angstrom and degrees")
+        ->capture_default_str()
+        ->type_name("CELL");
+    command->add_option("--centring", options->centring, "Centring of the cell; R in hexagonal axes")
+        ->check(CLI::IsMember({"P", "A", "B", "C", "I", "F", "R"}))
+        ->capture_default_str();
+    command->add_option("--size", settings.detector.size, "Pixels along each edge of a frame")
+        ->check(CLI::Range(64, 2048))
+        ->capture_default_str()
+        ->type_name("INT");
+    command->add_option("--step", options->step, "Step of the tilts from -60 to 60 degrees")
+        ->check(CLI::Range(0.5, 5.0))
+        ->capture_default_str()
+        ->type_name("DEG");
+    command->add_option("--axis", settings.axis, "True angle of the tilt axis from y, degrees")
+        ->check(CLI::Range(-180.0, 180.0))
+        ->capture_default_str()
+        ->type_name("DEG");
+    command
+        ->add_option("--tilt-axis", options->tiltAxis,
+                     "As in 'vrk run', for instance 'search' [the series states the true one]")
+        ->type_name("DEG|search|none");
+    command->add_option("--seed", settings.seed, "Seed of everything random")
+        ->capture_default_str()
+        ->type_name("INT");
+    command->add_flag("--json", options->json, "Print the comparison as JSON");
+    command->footer("Example:\n  vrk demo -o vrk-demo --cell 12.02,12.02,12.02,90,90,90 --centring I");
+    command->callback([options, &host] { demo(*options, host); });
+}
+
+}  // namespace vrk::app

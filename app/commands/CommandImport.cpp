@@ -1,0 +1,125 @@
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "commands/Commands.h"
+#include "pipeline/base/Failure.h"
+#include "pipeline/frames/DataFiles.h"
+#include "pipeline/frames/SeriesImport.h"
+
+namespace vrk::app {
+namespace {
+
+struct Options {
+    ImportSettings settings;
+    std::vector<std::string> frames;
+    std::string output;
+    std::string log;
+    bool json = false;
+};
+
+nlohmann::json reportJson(const Options& options, const ImportResult& result, const Host& host) {
+    const mrcH& header = result.series->m_Header;
+    return {{"output", options.output},
+            {"nx", header.nx},
+            {"ny", header.ny},
+            {"nz", header.nz},
+            {"tilt_first", header.tilt(0)},
+            {"tilt_last", header.tilt(header.nz - 1)},
+            {"pixel_size", header.m_pixelsize},
+            {"kilovolts", header.value(SliceValue::HighTension, 0)},
+            {"tilt_axis", header.value(SliceValue::TiltAxis, 0)},
+            {"frames_found", result.framesFound},
+            {"frames_used", result.framesUsed},
+            {"duplicates", result.duplicates},
+            {"empty", result.empty},
+            {"sum", result.sum},
+            {"bin", options.settings.bin},
+            {"clipped", result.clipped},
+            {"warnings", host.warnings()}};
+}
+
+void report(Host& host, const Options& options, const ImportResult& result) {
+    if (options.json) {
+        host.out() << reportJson(options, result, host).dump(1) << '\n';
+        return;
+    }
+    const mrcH& header = result.series->m_Header;
+    const auto orUnknown = [](float value, const std::string& unit) {
+        char text[60];
+        std::snprintf(text, sizeof text, "%.6g", static_cast<double>(value));
+        return value != 0 ? text + unit : std::string("not known");
+    };
+    host.out() << options.output << ": " << header.nz << " slices of " << header.nx << " x " << header.ny
+               << " pixels from " << result.framesUsed << " of " << result.framesFound << " frames";
+    if (result.sum > 1) host.out() << ", " << result.sum << " added up at a time";
+    host.out() << "\ntilts " << header.tilt(0) << " to " << header.tilt(header.nz - 1)
+               << " degrees\npixel size " << orUnknown(header.m_pixelsize, " 1/m") << ", voltage "
+               << orUnknown(header.value(SliceValue::HighTension, 0), " kV") << ", tilt axis "
+               << orUnknown(header.value(SliceValue::TiltAxis, 0), " degrees") << '\n';
+}
+
+void runImport(Host& host, const Options& options) {
+    if (!options.log.empty()) host.openLog(options.log);
+    ImportSettings settings = options.settings;
+    settings.files.assign(options.frames.begin(), options.frames.end());
+    const ImportResult result = [&] {
+        const Stage stage(host.session(), "import");
+        return importSeries(settings, &host.session().progress(),
+                            [&host](const std::string& text) { host.warn(text); });
+    }();
+    host.session().checkCanceled();
+
+    writeData(*result.series, options.output, host.session());
+    report(host, options, result);
+}
+
+}  // namespace
+
+void addImportCommand(CLI::App& app, Host& host) {
+    auto options = std::make_shared<Options>();
+    ImportSettings& settings = options->settings;
+    CLI::App* command =
+        app.add_subcommand("import", "Make a tilt series from frames of SMV, TIFF and MRC files");
+    command->add_option("FRAMES", options->frames, "SMV, TIFF and MRC files, or .ed3d lists of them")
+        ->required()
+        ->type_name("");
+    command->add_option("-o,--output", options->output, "Series to write")
+        ->required()
+        ->type_name("SERIES.mrc");
+    command->add_option(
+        "--tilts", settings.tilts,
+        "Tilts of the frames: a file (.tlt, .rawtlt, .mdoc) or START:STEP in degrees [from the frames]");
+    command->add_option("--sum", settings.sum,
+                        "Neighbouring frames to add up [as few as fit into 300 slices]");
+    command->add_option("--bin", settings.bin, "Pixels along each edge to add up into one")
+        ->capture_default_str();
+    command->add_option("--scale", settings.scale, "Factor on the counts, which become 16-bit integers")
+        ->capture_default_str();
+    command->add_option("--pixel-size", settings.pixelSize,
+                        "Pixel size of the frames as they are in the files, 1/m per pixel [from the frames]");
+    command->add_option(
+        "--axis", settings.axis,
+        "Direction of the tilt axis, degrees: along (-sin t, cos t), x to the right, y down [from an "
+        ".ed3d list, otherwise not stated]");
+    command->add_option("--voltage", settings.kilovolts, "High tension in kV [from the frames]");
+    command->add_option("--log", options->log, "Write the library's messages to this file");
+    command->add_flag("--json", options->json, "Print the summary as JSON");
+    command->footer(
+        "Frames are sorted by tilt; empty ones and those whose tilt has been seen before are left out. At "
+        "most 300\n"
+        "slices are written, more frames are added up. Frames need not be square.\n"
+        "Memory: the series to be written and one frame.\n\n"
+        "Examples:\n"
+        "  vrk import frames/*.img -o series.mrc --sum 2                   SMV: tilts and pixel size from "
+        "the headers\n"
+        "  vrk import frames/*.tif -o series.mrc --tilts -60:0.5 --pixel-size 4.9e7    TIFF, single pages\n"
+        "  vrk import movie.tif -o series.mrc --tilts movie.rawtlt --pixel-size 4.9e7  TIFF, many pages\n"
+        "  vrk import frames/1.ed3d -o series.mrc                          MRC frames with their .ed3d list\n"
+        "  vrk import stack.mrc -o series.mrc                              MRC stack with FEI extended "
+        "header\n"
+        "  vrk import stack.mrc -o series.mrc --tilts stack.mrc.mdoc       MRC stack with .mdoc, .tlt or "
+        ".rawtlt");
+    command->callback([options, &host] { runImport(host, *options); });
+}
+
+}  // namespace vrk::app

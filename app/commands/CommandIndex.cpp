@@ -1,0 +1,436 @@
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <sstream>
+
+#include "commands/Commands.h"
+#include "crystallography/CellFileImportExport.h"
+#include "crystallography/LatticeSymmetry.h"
+#include "crystallography/UnitCell.h"
+#include "indexing/EwaldCurvature.h"
+#include "indexing/HKLfileImportExport.h"
+#include "indexing/IndicateWithHKL.h"
+#include "indexing/PositionRefinement.h"
+#include "indexing/ReflectionPositions.h"
+#include "pipeline/base/Failure.h"
+#include "pipeline/base/NumberText.h"
+#include "pipeline/base/OutputFile.h"
+#include "pipeline/formats/CellInput.h"
+#include "pipeline/formats/PeakList.h"
+#include "pipeline/formats/ReflectionFormats.h"
+#include "pipeline/frames/DataFiles.h"
+#include "pipeline/integration/PeakIntensities.h"
+#include "processing/SamplingGeometry.h"
+
+namespace vrk::app {
+namespace {
+
+struct Options {
+    std::string peaks;
+    std::string cell;
+    std::string output;
+    std::string format;
+    std::string lattice = "primitive";
+    std::string positions;
+    std::string volume;
+    std::string cellOutput;
+    std::string plots;
+    std::string formula;
+    std::string log;
+    double pixelSize = 0.0;
+    double tolerance = 0.25;
+    double voltage = 0.0;
+    double radius = 3.0;
+    bool keepCell = false;
+    bool json = false;
+};
+
+/// The basis in which indices are written, and what is known of its cell.
+struct Setting {
+    LATTICE::BravaisTypes type = LATTICE::aP;
+    char centring = 'P';
+    std::array<std::array<int, 3>, 3> fromPrimitive = {{{1, 0, 0}, {0, 1, 0}, {0, 0, 1}}};
+    std::array<double, 6> cell{};
+    std::array<double, 6> cellSigma{};
+    double volume = 0.0;
+    double volumeSigma = 0.0;
+};
+
+/// What the command found.
+struct Indexing {
+    ReflexVectorPtr reflections;
+    UnitCell cell;
+    std::array<double, 3> origin{};
+    Setting setting;
+    std::optional<PositionRefinement::Result> refinement;
+    int indexed = 0;
+    std::array<double, IndicateWithHKL::kResultSize> displacements{};
+};
+
+std::string formatOf(const Options& options) {
+    if (!options.format.empty()) return options.format;
+    std::string extension = std::filesystem::path(options.output).extension().string();
+    if (extension == ".mtz" || extension == ".cif") return extension.substr(1);
+    return "hkl";
+}
+
+/// The cell of the file as a primitive reciprocal cell with the pixel size asked for, that of the peaks, or
+/// that of the file itself.
+UnitCell readCell(const Options& options, const PeakList& peaks) {
+    const double pixelSize = options.pixelSize > 0.0 ? options.pixelSize
+                             : peaks.head            ? peaks.head->pixelSize
+                                                     : 0.0;
+    const CellInput input = cellFromFile(options.cell, pixelSize);
+    const std::unique_ptr<UnitCell> reciprocal(UnitCell(input.primitive).getReciprocalCell());
+    return *reciprocal;
+}
+
+/// The lattice that the user asks for, of those that fit the cell.
+Setting settingOf(const UnitCell& cell, const std::string& lattice) {
+    Setting setting;
+    if (lattice == "primitive") return setting;
+    const std::vector<LatticeCharacter> fits = LatticeSymmetry::analyse(cell);
+    const auto chosen = std::find_if(fits.begin(), fits.end(), [&](const LatticeCharacter& one) {
+        return lattice == "auto" || lattice == LATTICE::shortName(one.bravaisType);
+    });
+    if (chosen == fits.end()) {
+        std::string names;
+        for (const LatticeCharacter& one : fits) {
+            const std::string name = LATTICE::shortName(one.bravaisType);
+            if (names.find(name) == std::string::npos) names += " " + name;
+        }
+        throw Failure("the cell is not " + lattice + " within 2 degrees and 3 %; it fits" + names,
+                      FailureKind::Usage);
+    }
+    setting.type = chosen->bravaisType;
+    setting.centring = chosen->centring;
+    for (std::size_t i = 0; i < 3; ++i)
+        std::copy(chosen->toConventional[i], chosen->toConventional[i] + 3, setting.fromPrimitive[i].begin());
+    return setting;
+}
+
+/// The cell parameters of the setting when nothing was refined.
+void takeCell(const UnitCell& reciprocal, Setting& setting) {
+    const std::unique_ptr<UnitCell> direct(UnitCell(reciprocal).getReciprocalCell());
+    int matrix[3][3];
+    for (std::size_t i = 0; i < 3; ++i)
+        std::copy(setting.fromPrimitive[i].begin(), setting.fromPrimitive[i].end(), matrix[i]);
+    direct->transform(matrix);
+    setting.cell = {direct->getLengthOfA(), direct->getLengthOfB(), direct->getLengthOfC(),
+                    direct->getAlpha(),     direct->getBeta(),      direct->getGamma()};
+    setting.volume = direct->getExactVolume();
+}
+
+/// The reflections where the patterns showed them, and the tilts at which they did.
+ReflexVectorPtr samplePositions(const Options& options, const PeakList& peaks, std::vector<double>& tilts) {
+    const bool exact = options.positions == "exact" || (options.positions.empty() && !peaks.head);
+    if (exact)
+        return ReflexVectorPtr(
+            ReflectionPositions::copies(peaks.reflections.get(), 0, peaks.origin.data(), &tilts));
+    if (!peaks.head)
+        throw Failure(
+            "a plain list does not tell the volume that its positions lie in; --positions voxel needs a "
+            "peak file",
+            FailureKind::Usage);
+    // The file names two tilts at most. Where those between them lie hardly matters to the mean place of a
+    // voxel's samples, so they are taken as dense.
+    constexpr int kTilts = 4000;
+    const bool known = peaks.head->firstTilt < peaks.head->lastTilt;
+    const double first = known ? peaks.head->firstTilt : -90.0;
+    const double last = known ? peaks.head->lastTilt : 90.0;
+    std::vector<float> dense;
+    for (int i = 0; i <= kTilts; ++i)
+        dense.push_back(static_cast<float>(first + (last - first) * i / kTilts));
+    const SamplingGeometry geometry(static_cast<unsigned>(peaks.head->size[0]), dense,
+                                    static_cast<unsigned>(peaks.head->size[2]));
+    return ReflexVectorPtr(ReflectionPositions::fromCenters(peaks.reflections.get(), 0, geometry, &tilts));
+}
+
+void refine(const Options& options, const std::vector<double>& tilts, Indexing& result) {
+    double toConventional[3][3];
+    for (std::size_t i = 0; i < 3; ++i)
+        std::copy(result.setting.fromPrimitive[i].begin(), result.setting.fromPrimitive[i].end(),
+                  toConventional[i]);
+    PositionRefinement refinement;
+    refinement.setWavelength(EwaldCurvature::wavelength(options.voltage));
+    refinement.setTolerance(options.tolerance);
+    refinement.setConstraint(result.setting.type, toConventional);
+    ReflexVectorPtr corrected(
+        refinement.refine(result.reflections.get(), tilts, &result.cell, result.origin.data()));
+    if (!corrected)
+        throw Failure(
+            "too few reflections lie near the nodes of the cell's lattice to refine it; check that the "
+            "cell belongs to these peaks, allow a larger --tolerance, or use --keep-cell",
+            FailureKind::NothingFound);
+    result.reflections = std::move(corrected);
+    result.refinement = refinement.result();
+    const CellRefinement::Result& lattice = result.refinement->lattice;
+    std::copy(lattice.cell, lattice.cell + 6, result.setting.cell.begin());
+    std::copy(lattice.cellSigma, lattice.cellSigma + 6, result.setting.cellSigma.begin());
+    result.setting.volume = lattice.volume;
+    result.setting.volumeSigma = lattice.volumeSigma;
+}
+
+Indexing indexPeaks(const Options& options, Host& host) {
+    const PeakList peaks = readPeaks(options.peaks);
+    if (!options.volume.empty()) {
+        if (!peaks.head)
+            throw Failure(
+                "--volume needs a peak file; a plain list does not tell where its positions lie in it",
+                FailureKind::Usage);
+        const std::unique_ptr<VoxMRCData> volume = readVolume(options.volume, host.session());
+        integrateIntensities(*volume, *peaks.reflections, options.radius);
+    }
+    Indexing result;
+    result.cell = readCell(options, peaks);
+    result.setting = settingOf(result.cell, options.lattice);
+    result.origin = peaks.origin;
+    std::vector<double> tilts;
+    result.reflections = samplePositions(options, peaks, tilts);
+    if (options.keepCell)
+        takeCell(result.cell, result.setting);
+    else
+        refine(options, tilts, result);
+
+    result.indexed = IndicateWithHKL::indicate(
+        nullptr, &result.cell, result.reflections.get(), result.origin.data(), 2, options.tolerance,
+        result.displacements.data(), nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
+    if (result.indexed <= 0)
+        throw Failure(
+            "none of the " + std::to_string(result.reflections->size()) +
+                " reflections lies near a node of the cell's lattice; check that the cell belongs to these "
+                "peaks, or allow a larger --tolerance",
+            FailureKind::NothingFound);
+    return result;
+}
+
+/// Gives the list the indices of the setting; 000 becomes "not indexed".
+void changeSetting(ReflexVector& list, const Setting& setting) {
+    const auto& m = setting.fromPrimitive;
+    for (Reflex* reflex : list) {
+        if (!reflex || !reflex->isIndicated()) continue;
+        const std::array<long long, 3> old = {reflex->getH(), reflex->getK(), reflex->getL()};
+        std::array<long long, 3> hkl{};
+        for (std::size_t j = 0; j < 3; ++j)
+            hkl[j] = old[0] * m[0][j] + old[1] * m[1][j] + old[2] * m[2][j];
+        const bool fits =
+            std::all_of(hkl.begin(), hkl.end(), [](long long n) { return std::abs(n) < 1LL << 30; });
+        const bool beam = hkl == std::array<long long, 3>{0, 0, 0};
+        if (fits && !beam)
+            reflex->setHKL(static_cast<int>(hkl[0]), static_cast<int>(hkl[1]), static_cast<int>(hkl[2]));
+        else
+            reflex->setHKL(Reflex::kNotIndexed, Reflex::kNotIndexed, Reflex::kNotIndexed);
+    }
+}
+
+/// Writes the result and names the files.
+std::vector<std::string> writeFiles(const Options& options, Indexing& result, Host& host) {
+    std::vector<std::string> files = {options.output};
+    const std::string format = formatOf(options);
+    OutputFile file(options.output);
+    ReflectionSet set;
+    set.reflections = indexedReflections(*result.reflections);
+    set.cell = result.setting.cell;
+    set.cellSigma = result.setting.cellSigma;
+    set.wavelength = EwaldCurvature::wavelength(options.voltage);
+    set.centring = result.setting.centring;
+    set.formula = options.formula;
+    set.title = std::filesystem::path(options.output).stem().string();
+    if (format == "mtz") {
+        writeMtz(set, file.path());
+    } else if (format == "cif") {
+        writeCif(set, file.path());
+    } else if (format == "shelx") {
+        if (!(set.wavelength > 0.0))
+            throw Failure("--format shelx needs the wavelength; give the voltage with --voltage",
+                          FailureKind::Usage);
+        const auto instructions = std::filesystem::path(options.output).replace_extension(".ins");
+        OutputFile instructionFile(instructions);
+        writeShelx(set, file.path());
+        writeShelxInstructions(set, instructionFile.path());
+        instructionFile.commit();
+        files.push_back(instructions.string());
+    } else if (!HKLfileImportExport::exportHKLFile(result.reflections.get(), file.path().string())) {
+        throw Failure("cannot write " + options.output + ": " + host.session().lastError());
+    }
+    file.commit();
+    if (!options.cellOutput.empty()) {
+        OutputFile cellFile(options.cellOutput);
+        if (!CellFileImportExport::writeCellFile_version_2(cellFile.path().string(), &result.cell))
+            throw Failure("cannot write " + options.cellOutput + ": " + host.session().lastError());
+        cellFile.commit();
+        files.push_back(options.cellOutput);
+    }
+    return files;
+}
+
+void plot(const Options& options, Indexing& result, std::vector<std::string>& files) {
+    if (options.plots.empty()) return;
+    std::error_code error;
+    std::filesystem::create_directories(options.plots, error);
+    if (!std::filesystem::is_directory(options.plots))
+        throw Failure("cannot make the folder " + options.plots + " for the plots: " + error.message());
+    IndicateWithHKL::generateEvaluationPlot(result.reflections.get(), options.plots);
+    IndicateWithHKL::generateHKLplot(result.reflections.get(), options.plots);
+    files.push_back(options.plots);
+}
+
+nlohmann::json toJson(const Indexing& result, const std::vector<std::string>& files) {
+    const Setting& setting = result.setting;
+    const double total = static_cast<double>(result.reflections->size());
+    nlohmann::json json = {{"reflections",
+                            {{"found", result.reflections->size()},
+                             {"indexed", result.indexed},
+                             {"fraction_indexed", result.indexed / total},
+                             {"mean_displacement", result.displacements[0]},
+                             {"rms_displacement", result.displacements[4]}}},
+                           {"cell",
+                            {{"bravais", LATTICE::shortName(setting.type)},
+                             {"centring", std::string(1, setting.centring)},
+                             {"parameters", setting.cell},
+                             {"esd", setting.cellSigma},
+                             {"volume", setting.volume},
+                             {"volume_esd", setting.volumeSigma},
+                             {"primitive_to_cell", setting.fromPrimitive}}},
+                           {"origin_px", result.origin},
+                           {"files", files}};
+    std::array<std::array<double, 3>, 3> vectors{};
+    result.cell.getBase(vectors[0].data(), vectors[1].data(), vectors[2].data());
+    json["cell"]["reciprocal_vectors_px"] = vectors;
+    if (result.refinement) {
+        const PositionRefinement::Result& refined = *result.refinement;
+        json["refinement"] = {
+            {"sigma", refined.lattice.sigma},        {"rounds", refined.lattice.rounds},
+            {"stable", refined.lattice.stable},      {"sense", refined.sense},
+            {"sense_decided", refined.decided},      {"residual_plus", refined.residual[0]},
+            {"residual_minus", refined.residual[1]}, {"significance", refined.significance}};
+    }
+    return json;
+}
+
+std::string senseText(const PositionRefinement::Result& refined) {
+    if (refined.sense == 0)
+        return "no correction for the curvature of the Ewald sphere (give --voltage); handedness undecided";
+    std::ostringstream text;
+    text.precision(3);
+    text << "residual " << refined.residual[0] << " voxels for sense +1, " << refined.residual[1]
+         << " for sense -1: ";
+    if (refined.decided)
+        text << "sense " << (refined.sense > 0 ? "+1" : "-1") << " of the tilt";
+    else
+        text << "handedness undecided";
+    return text.str();
+}
+
+void report(Host& host, const Indexing& result, const std::vector<std::string>& files) {
+    const Setting& s = result.setting;
+    std::ostream& out = host.out();
+    const double percent = 100.0 * result.indexed / static_cast<double>(result.reflections->size());
+    out << result.indexed << " of " << result.reflections->size() << " reflections indexed ("
+        << std::round(10.0 * percent) / 10.0 << " %), displacement "
+        << std::round(1000.0 * result.displacements[0]) / 1000.0 << " voxels in the mean, "
+        << std::round(1000.0 * result.displacements[4]) / 1000.0 << " rms\n";
+    out << "cell " << LATTICE::shortName(s.type) << ":";
+    for (std::size_t i = 0; i < 6; ++i)
+        out << (i == 3 ? "   " : " ") << withUncertainty(s.cell[i], s.cellSigma[i]);
+    out << "   volume " << withUncertainty(s.volume, s.volumeSigma) << '\n';
+    if (result.refinement) out << senseText(*result.refinement) << '\n';
+    out << "written:";
+    for (const std::string& file : files)
+        out << ' ' << file;
+    out << '\n';
+}
+
+void index(Host& host, const Options& options) {
+    if (!options.log.empty()) host.openLog(options.log);
+    if (!options.formula.empty()) parseFormula(options.formula);
+    Indexing result = indexPeaks(options, host);
+    changeSetting(*result.reflections, result.setting);
+    std::vector<std::string> files = writeFiles(options, result, host);
+    plot(options, result, files);
+    if (options.json)
+        host.out() << toJson(result, files).dump(1) << '\n';
+    else
+        report(host, result, files);
+}
+
+}  // namespace
+
+void addIndexCommand(CLI::App& app, Host& host) {
+    auto options = std::make_shared<Options>();
+    CLI::App* command = app.add_subcommand(
+        "index",
+        "Refine a cell against the reflections, give them h, k, l and write them for structure solution");
+    command->add_option("peaks", options->peaks, "Peak file, or a list of x y z [intensity] about 0, 0, 0")
+        ->required()
+        ->type_name("PEAKS");
+    command->add_option("cell", options->cell, "Cell file")->required()->type_name("CELL");
+    command->add_option("-o,--output", options->output, "Reflections to write")->required()->type_name("HKL");
+    command
+        ->add_option("--format", options->format,
+                     "Format. hkl: fixed columns 3I4,2F8.2; shelx: HKLF 4, scaled as a whole, with an .ins "
+                     "file beside it; "
+                     "mtz; cif [by the output's extension, else hkl]. All but hkl add up the pieces of a "
+                     "reflection that broke up")
+        ->check(CLI::IsMember({"hkl", "shelx", "mtz", "cif"}));
+    command
+        ->add_option(
+            "--lattice", options->lattice,
+            "Setting of cell and indices: primitive (the cell of the file), auto (the conventional cell of "
+            "the highest symmetry that fits) or a Bravais type, cP to aP; its symmetry ties the "
+            "refinement")
+        ->capture_default_str()
+        ->check(CLI::IsMember({"primitive", "auto", "cP", "cI", "cF", "tP", "tI", "hP", "hR", "oP", "oI",
+                               "oC", "oF", "mP", "mC", "aP"}));
+    command
+        ->add_option("--tolerance", options->tolerance,
+                     "Greatest distance of a fractional index from an integer")
+        ->capture_default_str()
+        ->check(CLI::Range(0.001, 0.5));
+    command->add_flag("--keep-cell", options->keepCell, "Index with the cell as it is, without refining it");
+    command
+        ->add_option("--voltage", options->voltage,
+                     "High tension in kV; corrects for the curvature of the Ewald sphere and "
+                     "finds the sense of the tilt")
+        ->check(CLI::Range(1.0, 10000.0));
+    command
+        ->add_option("--pixel-size", options->pixelSize,
+                     "Pixel size in 1/m per voxel [that of the peak file, else of the cell file]")
+        ->check(CLI::PositiveNumber);
+    command
+        ->add_option("--positions", options->positions,
+                     "What the positions are. voxel: places in the volume, corrected for its sampling; "
+                     "exact: taken as they are [voxel for "
+                     "a peak file, exact for a list]")
+        ->check(CLI::IsMember({"voxel", "exact"}));
+    command
+        ->add_option("--volume", options->volume,
+                     "Integrate intensities from this volume; a peak file has none "
+                     "and all are 1 without it")
+        ->type_name("VOLUME.mrc");
+    command->add_option("--radius", options->radius, "Radius of the integration with --volume, voxels")
+        ->capture_default_str()
+        ->check(CLI::Range(0.5, 50.0));
+    command->add_option("--formula", options->formula,
+                        "Content for the files, for instance \"Ca3 Al2 Si3 O12\"");
+    command->add_option("--cell-out", options->cellOutput, "Write the refined primitive cell here")
+        ->type_name("CELL");
+    command
+        ->add_option("--plots", options->plots, "Write plots of displacements and indices into this folder")
+        ->type_name("DIR");
+    command->add_option("--log", options->log, "Write the library's messages to this file")
+        ->type_name("FILE");
+    command->add_flag("--json", options->json, "Print the result as JSON");
+    command->footer(
+        "Example:\n  vrk index peaks.txt cell.txt -o garnet.hkl --format shelx --lattice cI --voltage 200 "
+        "--volume volume.mrc\nwrites garnet.hkl and garnet.ins.");
+    command->callback([options, &host] { index(host, *options); });
+}
+
+}  // namespace vrk::app

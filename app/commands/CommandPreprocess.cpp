@@ -1,0 +1,182 @@
+#include <chrono>
+#include <filesystem>
+#include <iomanip>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "commands/Commands.h"
+#include "pipeline/base/Failure.h"
+#include "pipeline/base/LibraryStage.h"
+#include "pipeline/base/NumberList.h"
+#include "pipeline/frames/DataFiles.h"
+#include "processing/VoxMRCstemProcessing.h"
+
+namespace vrk::app {
+namespace {
+
+struct Options {
+    std::string series;
+    std::string output;
+    std::string log;
+    std::string rotate;
+    double smooth = 0;
+    int bin = 1;
+    bool rebin = false;
+    bool crop = false;
+    bool noHotSpot = false;
+    bool noCentre = false;
+    bool noBackground = false;
+    bool json = false;
+};
+
+struct Step {
+    std::string name;
+    double seconds;
+};
+
+/// Runs one operation after the other and keeps only the latest result.
+class Preprocessing {
+public:
+    Preprocessing(Host& host, std::unique_ptr<VoxMRCData> series)
+        : m_host(host), m_series(std::move(series)) {
+        m_processing.registerObserver(&host.session().progress());
+    }
+
+    template <typename Operation>
+    void apply(const std::string& name, Operation operation) {
+        const auto start = std::chrono::steady_clock::now();
+        m_series = runStage(m_host.session(), name, [&] { return operation(m_processing, m_series.get()); });
+        const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;
+        m_steps.push_back({name, seconds.count()});
+    }
+
+    VoxMRCData& series() { return *m_series; }
+    const std::vector<Step>& steps() const { return m_steps; }
+
+private:
+    Host& m_host;
+    VoxMRCstemProcessing m_processing;
+    std::unique_ptr<VoxMRCData> m_series;
+    std::vector<Step> m_steps;
+};
+
+/// The angle of --rotate: a number, or that of the series' records.
+std::optional<double> axisAngle(const std::string& text, const VoxMRCData& series) {
+    if (text.empty()) return std::nullopt;
+    if (text == "header") {
+        const double angle = static_cast<double>(series.m_Header.value(SliceValue::TiltAxis, 0));
+        if (angle == 0)
+            throw Failure("the series' records carry no tilt axis; give --rotate its angle in degrees");
+        return angle;
+    }
+    double angle = 0;
+    if (!parseNumber(text, angle))
+        throw Failure("--rotate takes an angle in degrees or 'header', not '" + text + "'",
+                      FailureKind::Usage);
+    return angle;
+}
+
+void process(const Options& options, Preprocessing& work) {
+    using Processing = VoxMRCstemProcessing;
+    if (work.series().GetWidth() != work.series().GetHeight()) {
+        const bool crop = options.crop;
+        work.apply(crop ? "crop to square" : "pad to square", [crop](Processing& p, VoxMRCData* s) {
+            return crop ? p.CropToSquare(s) : p.PadToSquare(s);
+        });
+    }
+    if (!options.noHotSpot)
+        work.apply("hot spots", [](Processing& p, VoxMRCData* s) { return p.HotSpotFilterImageStack(s); });
+    if (!options.noCentre)
+        work.apply("centre", [](Processing& p, VoxMRCData* s) { return p.step2_CenterShift(s); });
+    if (!options.noBackground)
+        work.apply("background",
+                   [](Processing& p, VoxMRCData* s) { return p.step1_BackgroundSubstraction(s); });
+    if (options.smooth > 0)
+        work.apply("smooth", [&](Processing& p, VoxMRCData* s) { return p.smooth(s, options.smooth); });
+    if (const std::optional<double> angle = axisAngle(options.rotate, work.series()))
+        work.apply("rotation", [&](Processing& p, VoxMRCData* s) {
+            return p.step3_Rotation2TiltAxis(s, false, *angle, 0);
+        });
+    for (int factor = options.bin; factor > 1; factor /= 2)
+        work.apply("binning", [&](Processing& p, VoxMRCData* s) {
+            return options.rebin ? p.RebinImageStack(s, false, 0) : p.DownsampleImageStack(s, false, 0);
+        });
+}
+
+void printTable(std::ostream& out, const Options& options, const Preprocessing& work,
+                const VoxMRCData& result) {
+    out << result.GetDepth() << " patterns of " << result.GetWidth() << " x " << result.GetHeight()
+        << " pixels, written to " << options.output << "\n\n";
+    for (const Step& step : work.steps())
+        out << std::left << std::setw(16) << step.name << std::right << std::fixed << std::setprecision(2)
+            << std::setw(8) << step.seconds << " s\n";
+}
+
+void printJson(std::ostream& out, const Options& options, const Preprocessing& work,
+               const VoxMRCData& result) {
+    nlohmann::ordered_json steps = nlohmann::ordered_json::array();
+    for (const Step& step : work.steps())
+        steps.push_back({{"name", step.name}, {"seconds", step.seconds}});
+    const mrcH& header = result.m_Header;
+    const nlohmann::ordered_json json = {
+        {"input", options.series},
+        {"output", options.output},
+        {"dims", {result.GetWidth(), result.GetHeight(), result.GetDepth()}},
+        {"pixel_size", header.value(SliceValue::PixelSize, 0)},
+        {"density", {{"min", header.amin}, {"max", header.amax}, {"mean", header.amean}}},
+        {"steps", steps},
+    };
+    out << json.dump(2) << '\n';
+}
+
+void run(const Options& options, Host& host) {
+    if (!options.log.empty()) host.openLog(options.log);
+    if (std::error_code error; std::filesystem::equivalent(options.series, options.output, error))
+        throw Failure("the result would replace the series " + options.series + "; give -o another name",
+                      FailureKind::Usage);
+    Preprocessing work(host, readSeries(options.series, host.session()));
+    process(options, work);
+    writeData(work.series(), options.output, host.session());
+    if (options.json)
+        printJson(host.out(), options, work, work.series());
+    else
+        printTable(host.out(), options, work, work.series());
+}
+
+}  // namespace
+
+void addPreprocessCommand(CLI::App& app, Host& host) {
+    auto options = std::make_shared<Options>();
+    CLI::App* command = app.add_subcommand(
+        "preprocess",
+        "Prepare a tilt series for the reconstruction: hot spots, centre, background, rotation, binning");
+    command->add_option("series", options->series, "Tilt series (.mrc)")->required()->type_name("SERIES.mrc");
+    command->add_option("-o,--output", options->output, "Series to write")->required()->type_name("OUT.mrc");
+    command->add_flag("--no-hotspot", options->noHotSpot, "Leave hot spots and dead pixels");
+    command->add_flag("--no-center,--no-centre", options->noCentre, "Leave the direct beam where it is");
+    command->add_flag("--no-background", options->noBackground, "Leave the background");
+    command
+        ->add_option("--smooth", options->smooth, "Smooth with a Gaussian of this standard deviation, pixels")
+        ->check(CLI::Range(0.0, 64.0));
+    command
+        ->add_option("--rotate", options->rotate,
+                     "Turn the tilt axis at this angle from y to y (degrees; the axis lies along (-sin, cos) "
+                     "with x to "
+                     "the right and y down), or 'header' for that of the series' records")
+        ->type_name("DEG|header");
+    command->add_option("--bin", options->bin, "Reduce the size by this factor, averaging")
+        ->check(CLI::IsMember({1, 2, 4, 8}));
+    command->add_flag("--rebin", options->rebin, "With --bin: sum instead of averaging");
+    command->add_flag("--crop", options->crop, "Crop frames that are not square instead of padding them");
+    command->add_flag("--json", options->json, "Print the result as JSON");
+    command->add_option("--log", options->log, "Write the library's messages to this file")
+        ->type_name("FILE");
+    command->footer("Example:\n  vrk preprocess series.mrc -o clean.mrc --rotate 49.0 --log preprocess.log");
+    command->callback([options, &host] { run(*options, host); });
+}
+
+}  // namespace vrk::app

@@ -1,0 +1,80 @@
+#include "pictures/Pictures.h"
+
+#include <array>
+#include <system_error>
+
+#include "pipeline/base/Failure.h"
+#include "pipeline/base/OutputFile.h"
+#include "visualisation/ReciprocalSection.h"
+#include "visualisation/VolumeProjection.h"
+#include "visualisation/VoxOpenCV.h"
+
+namespace vrk::app {
+namespace {
+
+namespace fs = std::filesystem;
+
+void save(const PlaneImage& image, const ImageOverlay& overlay, bool tga, fs::path path,
+          std::vector<fs::path>& written) {
+    const auto finish = [&](bool saved, OutputFile& file) {
+        if (!saved)
+            throw Failure("cannot write the picture " + path.string() +
+                          "; check the folder and the free space");
+        file.commit();
+        written.push_back(path);
+    };
+    path.replace_extension(".png");
+    OutputFile png(path);
+    finish(VoxOpenCV::SaveImage(image, png.path().string(), overlay), png);
+    if (!tga) return;
+    path.replace_extension(".tga");
+    OutputFile plain(path);
+    finish(VoxOpenCV::SaveTGA(image, plain.path().string()), plain);
+}
+
+ReciprocalSection::Settings planeSettings(const std::string& plane) {
+    ReciprocalSection::Settings settings;
+    if (!ReciprocalSection::parsePlane(plane, settings))
+        throw Failure("\"" + plane +
+                          "\" is no plane; write h, k, l with a number or a letter again in one place, for "
+                          "instance hk0, h1l or hhl",
+                      FailureKind::Usage);
+    return settings;
+}
+
+}  // namespace
+
+void checkPlanes(const std::vector<std::string>& planes) {
+    for (const std::string& plane : planes)
+        planeSettings(plane);
+}
+
+std::vector<fs::path> writeSections(const VoxMRCData& volume, const UnitCell& cell,
+                                    const SectionOptions& options, const fs::path& folder) {
+    const std::array<double, 3> origin = {0.5 * (volume.GetWidth() - 1.0), 0.5 * (volume.GetHeight() - 1.0),
+                                          0.5 * (volume.GetDepth() - 1.0)};
+    const ReciprocalSection section(volume, cell, origin);
+    std::vector<fs::path> written;
+    for (const std::string& plane : options.planes) {
+        ReciprocalSection::Settings settings = planeSettings(plane);
+        settings.thickness = options.thickness;
+        settings.size = options.size;
+        ImageOverlay overlay = section.overlay(settings, options.nodes);
+        overlay.title = plane;
+        save(section.sample(settings), overlay, options.tga, folder / plane, written);
+    }
+    return written;
+}
+
+std::vector<fs::path> writeProjections(const VoxMRCData& volume, bool tga, const fs::path& folder) {
+    static constexpr std::array<const char*, 3> kNames = {"projection_x", "projection_y", "projection_z"};
+    std::vector<fs::path> written;
+    for (int axis = 0; axis < 3; ++axis) {
+        const PlaneImage image = VolumeProjection::maximumAlong(volume, axis);
+        save(image, VolumeProjection::axesOf(image, axis), tga,
+             folder / kNames[static_cast<std::size_t>(axis)], written);
+    }
+    return written;
+}
+
+}  // namespace vrk::app

@@ -1,0 +1,40 @@
+/// \file
+/// The pictures that a run leaves behind: projections of the volume and sections of the lattice.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "VoxCore/DataModel/VoxMRCData.h"
+#include "crystallography/UnitCell.h"
+
+namespace vrk::app {
+
+struct SectionOptions {
+    /// Names such as "hk0" or "h-1l".
+    std::vector<std::string> planes = {"hk0", "h0l", "0kl"};
+    /// Thickness in voxels.
+    double thickness = 2.0;
+    /// Edge of the pictures in pixels.
+    int size = 1024;
+    /// Rings round the lattice nodes.
+    bool nodes = false;
+    /// Also write TGA files.
+    bool tga = false;
+};
+
+/// Throws Failure on the first name that is no plane.
+void checkPlanes(const std::vector<std::string>& planes);
+
+/// Writes `<plane>.png` for every plane. Returns the paths; throws Failure on a name that is no plane and
+/// when a picture cannot be written.
+std::vector<std::filesystem::path> writeSections(const VoxMRCData& volume, const UnitCell& cell,
+                                                 const SectionOptions& options,
+                                                 const std::filesystem::path& folder);
+
+/// Writes `projection_x.png`, `projection_y.png` and `projection_z.png`. Returns the paths.
+std::vector<std::filesystem::path> writeProjections(const VoxMRCData& volume, bool tga,
+                                                    const std::filesystem::path& folder);
+
+}  // namespace vrk::app

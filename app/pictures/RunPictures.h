@@ -1,0 +1,15 @@
+/// \file
+/// The pictures that a run leaves behind.
+#pragma once
+
+#include <filesystem>
+
+#include "pipeline/run/RunPipeline.h"
+
+namespace vrk::app {
+
+/// Writes the difference vectors, three sections of the lattice and three projections of the volume as PNG.
+/// Throws Failure when one cannot be written.
+void drawRunPictures(const RunResult& result, const std::filesystem::path& folder);
+
+}  // namespace vrk::app

@@ -1,0 +1,33 @@
+/// \file
+/// Results are written beside their final name and renamed when complete, so that an interrupted run
+/// never leaves a half file under a good name.
+#pragma once
+
+#include <filesystem>
+
+namespace vrk {
+
+/// A file in the making. Removed on destruction unless commit() was called.
+class OutputFile {
+public:
+    /// Throws Failure when the folder does not exist or the final name is a folder.
+    explicit OutputFile(std::filesystem::path finalPath);
+    ~OutputFile();
+    OutputFile(const OutputFile&) = delete;
+    OutputFile& operator=(const OutputFile&) = delete;
+
+    /// Where to write: the final name with ".part" before its extension, in the same folder.
+    const std::filesystem::path& path() const { return m_temporary; }
+    /// Gives the file its final name. Throws Failure when that is not possible.
+    void commit();
+
+private:
+    std::filesystem::path m_final;
+    std::filesystem::path m_temporary;
+    bool m_committed = false;
+};
+
+/// Makes the folder if it is not there. Throws Failure when that is not possible.
+void makeFolder(const std::filesystem::path& folder);
+
+}  // namespace vrk

@@ -1,0 +1,87 @@
+#include "pipeline/base/Session.h"
+
+#include <algorithm>
+
+#include "pipeline/base/Failure.h"
+
+namespace vrk {
+namespace {
+
+std::string trimmed(std::string text) {
+    const char* blanks = " \t\r\n";
+    text.erase(0, std::min(text.find_first_not_of(blanks), text.size()));
+    text.erase(text.find_last_not_of(blanks) + 1);
+    return text;
+}
+
+}  // namespace
+
+void Session::Log::notifyLog(const char* message, VRK::MessageType type, VRK::DebugMessageType) {
+    observer.logged(message, type);
+    if (type != VRK::Warning && type != VRK::Error && type != VRK::Critical) return;
+
+    const std::string text = trimmed(message);
+    if (text.empty()) return;
+    if (type != VRK::Warning) lastError = text;
+    if (hearing == Hearing::Forget && type == VRK::Warning) return;
+    if (std::find(warnings.begin(), warnings.end(), text) != warnings.end()) return;
+    warnings.push_back(text);
+    isError.push_back(type != VRK::Warning);
+    if (hearing == Hearing::Tell) observer.warned(text, type != VRK::Warning);
+}
+
+void Session::Progress::updateStep(int step) {
+    if (observer.canceled()) cancel();
+    observer.progressed(step, steps());
+}
+
+void Session::Progress::logMessage(const char* message, Vox::MessageType) {
+    observer.logged(message, VRK::Normal);
+}
+
+Session::Session(Observer& observer) : m_observer(observer), m_log(observer), m_progress(observer) {
+    VRKLogger::getInstance()->registerObserver(&m_log);
+}
+
+Session::~Session() {
+    VRKLogger::getInstance()->registerObserver(nullptr);
+}
+
+void Session::warn(const std::string& text) {
+    m_log.notifyLog(text.c_str(), VRK::Warning, VRK::Information);
+}
+
+bool Session::canceled() const {
+    return m_progress.canceled() || m_observer.canceled();
+}
+
+void Session::checkCanceled() const {
+    if (canceled()) throw Failure("stopped on request; nothing was written", FailureKind::Canceled);
+}
+
+Stage::Stage(Session& session, const std::string& name) : m_session(session) {
+    m_session.m_observer.stageBegan(name);
+}
+
+Stage::~Stage() {
+    m_session.m_observer.stageEnded();
+}
+
+QuietLog::QuietLog(Session& session, Keep keep)
+    : m_log(session.m_log), m_before(m_log.hearing), m_first(m_log.warnings.size()) {
+    m_log.hearing = keep == Keep::InLogAlone ? Session::Hearing::Forget : Session::Hearing::Hold;
+}
+
+QuietLog::~QuietLog() {
+    m_log.hearing = m_before;
+}
+
+void QuietLog::release() {
+    m_log.hearing = m_before;
+    if (m_before != Session::Hearing::Tell) return;
+    for (std::size_t i = m_first; i < m_log.warnings.size(); ++i)
+        m_log.observer.warned(m_log.warnings[i], m_log.isError[i]);
+    m_first = m_log.warnings.size();
+}
+
+}  // namespace vrk

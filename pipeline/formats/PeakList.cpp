@@ -1,0 +1,115 @@
+#include "pipeline/formats/PeakList.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "pipeline/base/Failure.h"
+#include "reflections/PeakFileImportExport.h"
+#include "reflections/Reflex.h"
+
+namespace vrk {
+namespace {
+
+constexpr const char* kPeakFileMark = "#VRKPEAKSVERSION";
+/// No line of a list is longer; a longer one is no list of numbers.
+constexpr std::size_t kLongestLine = 4096;
+
+/// Reads at most kLongestLine characters of a line. \returns false at the end of the file.
+bool readLine(std::istream& file, std::string& line) {
+    line.clear();
+    for (int c = file.get(); c != std::istream::traits_type::eof(); c = file.get()) {
+        if (c == '\n') return true;
+        if (line.size() == kLongestLine) return true;
+        line += static_cast<char>(c);
+    }
+    return !line.empty();
+}
+
+PeakFileHead readHead(const std::filesystem::path& path) {
+    std::ifstream file(path);
+    std::string line;
+    std::vector<std::string> lines;
+    while (lines.size() < 5 && readLine(file, line))
+        lines.push_back(line);
+    PeakFileHead head;
+    std::array<double, 3> size{};
+    if (lines.size() == 5) {
+        std::istringstream(lines[2]) >> size[0] >> size[1] >> size[2] >> head.firstTilt >> head.lastTilt;
+        std::istringstream(lines[4]) >> head.pixelSize;
+    }
+    for (std::size_t i = 0; i < 3; ++i) {
+        if (!(size[i] >= 1.0 && size[i] <= 1e6))
+            throw Failure(path.string() + ", line 3: the size of the volume is missing or impossible");
+        head.size[i] = static_cast<int>(size[i]);
+    }
+    if (!(std::isfinite(head.pixelSize) && head.pixelSize > 0.0)) head.pixelSize = 0.0;
+    return head;
+}
+
+/// The numbers at the start of a line, at most four.
+std::vector<double> numbersAtStart(const std::string& line) {
+    std::vector<double> numbers;
+    const char* at = line.data();
+    const char* const end = at + line.size();
+    while (numbers.size() < 4) {
+        at = std::find_if(
+            at, end, [](char c) { return std::string_view(" \t,;\r").find(c) == std::string_view::npos; });
+        if (at != end && *at == '+') ++at;
+        double value = 0.0;
+        const auto [next, error] = std::from_chars(at, end, value);
+        if (error != std::errc() || !std::isfinite(value)) break;
+        numbers.push_back(value);
+        at = next;
+    }
+    return numbers;
+}
+
+void readPlainList(const std::filesystem::path& path, ReflexVector& list) {
+    std::ifstream file(path);
+    std::string line;
+    for (std::size_t number = 1; readLine(file, line); ++number) {
+        const std::size_t first = line.find_first_not_of(" \t\r");
+        if (first == std::string::npos || line[first] == '#') continue;
+        const std::vector<double> values = numbersAtStart(line);
+        if (values.size() < 3)
+            throw Failure(path.string() + ", line " + std::to_string(number) +
+                          ": no three numbers x y z; a list of positions or a peak file is expected");
+        auto reflex = std::make_unique<Reflex>(values[0], values[1], values[2]);
+        if (values.size() > 3) reflex->setIntensity(std::max(values[3], 0.0));
+        list.push_back(reflex.release());
+    }
+}
+
+}  // namespace
+
+PeakList readPeaks(const std::filesystem::path& path) {
+    std::ifstream file(path);
+    if (!file || std::filesystem::is_directory(path))
+        throw Failure("cannot read " + path.string() + "; check the name and the permissions");
+    std::string first;
+    readLine(file, first);
+    file.close();
+
+    PeakList peaks;
+    peaks.reflections.reset(new ReflexVector);
+    if (first.starts_with(kPeakFileMark)) {
+        peaks.head = readHead(path);
+        for (std::size_t i = 0; i < 3; ++i)
+            peaks.origin[i] = 0.5 * (peaks.head->size[i] - 1.0);
+        if (!PeakFileImportExport::loadPeakFile(path.string(), peaks.reflections.get()))
+            throw Failure(path.string() + " is no complete peak file; run 'vrk peaks' again");
+    } else {
+        readPlainList(path, *peaks.reflections);
+    }
+    if (peaks.reflections->empty())
+        throw Failure(path.string() + " holds no reflections", FailureKind::NothingFound);
+    return peaks;
+}
+
+}  // namespace vrk

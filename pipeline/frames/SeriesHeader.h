@@ -1,0 +1,23 @@
+/// \file
+/// Headers of the tilt series that the host makes.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "VoxCore/DataModel/VoxMRCData.h"
+
+namespace vrk {
+
+/// The header of a tilt series of 16-bit frames with one extended-header record a slice.
+/// \param tilts degrees, one a slice, at most mrcH::kMaxSlices
+/// \param pixelSize 1/metre per pixel; also stored as the frame's edge in units of it, where readers of
+///        files without records look
+/// \param label the first label, cut at 80 characters
+mrcH tiltSeriesHeader(int width, int height, const std::vector<double>& tilts, double pixelSize,
+                      const std::string& label);
+
+/// Fills the mean intensity of every slice and the minimum, maximum and mean density from the data.
+void setDensities(VoxMRCData& series);
+
+}  // namespace vrk

@@ -1,0 +1,30 @@
+#include "pipeline/run/CellOptions.h"
+
+#include "cellfinding/Parameter.h"
+#include "pipeline/base/Failure.h"
+
+namespace vrk {
+
+bool CellOptions::isGiven() const {
+    return minLength || maxLength || eps || minPoints || refineClusters || angleA || angleB || detLimit ||
+           gridSize || fullSpace;
+}
+
+void CellOptions::applyTo(Parameter& parameter) const {
+    if (minLength) parameter.setMinLength(*minLength);
+    if (maxLength) parameter.setMaxLength(*maxLength);
+    if (eps) parameter.setDBSCANEps(*eps);
+    if (minPoints) parameter.setDBSCANMinPts(*minPoints);
+    if (refineClusters) {
+        parameter.setRefineCluster(*refineClusters > 0.0);
+        parameter.setClusterRefinementPercent(*refineClusters);
+    }
+    if (angleA) parameter.setAngleA(*angleA);
+    if (angleB) parameter.setAngleB(*angleB);
+    if (detLimit) parameter.setDetLimit(*detLimit);
+    if (gridSize) parameter.setGridSizeNiggliCell(*gridSize);
+    if (fullSpace) parameter.setUseHaldDiffVectorSpace(false);
+    refuseUnlessAscending("length", parameter.getMinLength(), parameter.getMaxLength());
+}
+
+}  // namespace vrk

@@ -1,0 +1,31 @@
+/// \file
+/// The settings of the cell finding that a user may give.
+#pragma once
+
+#include <optional>
+
+class Parameter;
+
+namespace vrk {
+
+/// What a user may set of the cell finding. Values that were not given are empty.
+struct CellOptions {
+    std::optional<double> minLength;
+    std::optional<double> maxLength;
+    std::optional<double> eps;
+    std::optional<int> minPoints;
+    std::optional<double> refineClusters;  ///< percent; 0 switches the refinement off
+    std::optional<double> angleA;
+    std::optional<double> angleB;
+    std::optional<double> detLimit;
+    std::optional<int> gridSize;
+    bool fullSpace = false;
+
+    /// Whether the user gave any of them.
+    bool isGiven() const;
+    /// Sets the values that were given; the others stay as they are. Throws Failure when a lower limit is
+    /// then above its upper one.
+    void applyTo(Parameter& parameter) const;
+};
+
+}  // namespace vrk

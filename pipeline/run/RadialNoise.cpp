@@ -1,0 +1,61 @@
+#include "pipeline/run/RadialNoise.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace vrk {
+namespace {
+
+/// So many patterns tell the noise.
+constexpr unsigned kSamples = 16;
+/// Averaging four pixels, two of them neighbours and all interpolated before, leaves about this much.
+constexpr double kAverage = 0.55;
+/// A count of whole numbers is never sharper than that.
+constexpr double kLeast = 0.4;
+
+double medianOf(std::vector<short>& values) {
+    if (values.empty()) return 0.0;
+    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+    std::nth_element(values.begin(), middle, values.end());
+    return *middle;
+}
+
+}  // namespace
+
+RadialNoise::RadialNoise(const VoxMRCData& series) {
+    const unsigned width = series.GetWidth();
+    const unsigned height = series.GetHeight();
+    const unsigned depth = series.GetDepth();
+    const double centreX = 0.5 * (width - 1.0);
+    const double centreY = 0.5 * (height - 1.0);
+    const auto rings = static_cast<std::size_t>(std::min(centreX, centreY)) + 1;
+    std::vector<std::vector<short>> deviations(rings);
+    const unsigned step = std::max(1u, depth / kSamples);
+    for (unsigned z = step / 2; z < depth; z += step) {
+        const short* pixel = series.GetChunkPointer(z);
+        for (unsigned y = 0; y < height; ++y)
+            for (unsigned x = 0; x < width; ++x, ++pixel) {
+                const auto ring = static_cast<std::size_t>(std::hypot(x - centreX, y - centreY));
+                if (ring < rings) deviations[ring].push_back(static_cast<short>(std::abs(*pixel)));
+            }
+    }
+    m_sigma.reserve(rings);
+    // The median deviation of a normal distribution is 0.6745 standard deviations.
+    for (std::vector<short>& ring : deviations)
+        m_sigma.push_back(std::max(kLeast, kAverage * medianOf(ring) / 0.6745));
+    if (m_sigma.empty()) return;
+    std::vector<double> outer(m_sigma.begin() + static_cast<std::ptrdiff_t>(m_sigma.size() / 4),
+                              m_sigma.end());
+    const auto middle = outer.begin() + static_cast<std::ptrdiff_t>(outer.size() / 2);
+    std::nth_element(outer.begin(), middle, outer.end());
+    m_typical = *middle;
+}
+
+double RadialNoise::haloRadius(double threshold, double deviations) const {
+    // Beyond half the frame it is not the halo that is noisy.
+    for (std::size_t ring = m_sigma.size() / 2; ring-- > 0;)
+        if (deviations * m_sigma[ring] > threshold) return static_cast<double>(ring) + 1.0;
+    return 0.0;
+}
+
+}  // namespace vrk
