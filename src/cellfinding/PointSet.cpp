@@ -7,7 +7,7 @@
 #include "cellfinding/Line.h"
 #include "cellfinding/detail/PointText.h"
 #include "cellfinding/detail/Trace.h"
-#include "visualisation/VoxVTKMath.h"
+#include "crystallography/VoxVTKMath.h"
 
 namespace {
 

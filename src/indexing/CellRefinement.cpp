@@ -4,16 +4,18 @@
 #include <vector>
 
 #include "crystallography/UnitCell.h"
-#include "foundation/VRKLogger.h"
+#include "foundation/detail/Log.h"
 #include "indexing/detail/FitPoints.h"
 #include "indexing/detail/LatticeFit.h"
 #include "reflections/ReflexVector.h"
 
 namespace {
 
+/// Of Reflex::getCenter(): the intensity-weighted mean.
+constexpr int kCenterType = 3;
+
 bool fail(const char* reason) {
-    VRKLogger::getInstance()->log(std::string("The cell could not be refined: ") + reason, VRK::Error,
-                                  VRK::Information);
+    VRK::detail::log(std::string("The cell could not be refined: ") + reason, VRK::Error);
     return false;
 }
 
@@ -30,7 +32,7 @@ bool CellRefinement::refine(ReflexVector* reflections, UnitCell* cell, double or
     const CellTies ties = tiesOf(m_type, m_toConventional);
     if (const char* reason = obstacle(cell, origin, m_tolerance, ties)) return fail(reason);
 
-    const std::vector<FitPoint> points = gatherPoints(*reflections, m_centerType);
+    const std::vector<FitPoint> points = gatherPoints(*reflections, kCenterType);
     const LatticeFit fit = fitLattice(points, latticeFrom(*cell, origin), m_tolerance, ties);
     if (!fit.valid) return fail(kNoFit);
 

@@ -45,10 +45,6 @@ public:
     /// Greatest distance of each fractional index from an integer; 0.25 at first.
     void setTolerance(double tolerance) { m_tolerance = tolerance; }
 
-    /// Which centre of a reflection is its position, as in Reflex::getCenter(): 1 brightest voxel, 2 mean of
-    /// the voxels, 3 (at first) intensity-weighted mean. A plain Reflex has only one.
-    void setCenterType(int type) { m_centerType = type; }
-
     /// Ties the parameters of the conventional direct cell to those of a Bravais type (monoclinic: b unique;
     /// hP and hR: hexagonal axes). NoBravaisType and aP, the state at first, tie nothing.
     /// \param toConventional  conventional direct cell = refined direct cell * this matrix, the conventional
@@ -74,7 +70,6 @@ public:
 
 private:
     double m_tolerance = 0.25;
-    int m_centerType = 3;
     LATTICE::BravaisTypes m_type = LATTICE::NoBravaisType;
     double m_toConventional[3][3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
     Result m_result{};

@@ -6,20 +6,16 @@
 
 #include "crystallography/BasicMath.h"
 #include "crystallography/UnitCell.h"
-#include "foundation/VRKLogger.h"
+#include "foundation/detail/Log.h"
 #include "indexing/detail/IndexingPlots.h"
 #include "reflections/Reflex.h"
 #include "reflections/ReflexVector.h"
 
 namespace {
 
+using VRK::detail::log;
 using Vector3 = std::array<double, 3>;
 using Outputs = std::array<std::vector<double>*, 8>;
-
-void log(const std::string& text, VRK::MessageType type = VRK::Normal,
-         VRK::DebugMessageType debugType = VRK::Information) {
-    VRKLogger::getInstance()->log(text, type, debugType);
-}
 
 /// Sums of a length and three components and of their squares.
 struct Sums {
@@ -96,6 +92,85 @@ void prepareCell(UnitCell& cell) {
     cell.transformIntoPrimitivCell();
 }
 
+/// A position between the nodes of a lattice.
+struct Placement {
+    Vector3 fractional;
+    Vector3 nearest;       ///< the nearest integers: the indices of the node
+    Vector3 displacement;  ///< from the node, absolute x, y, z
+    double length;         ///< of the displacement
+};
+
+class Nodes {
+public:
+    explicit Nodes(const UnitCell& cell)
+        : m_edge{cell.getLengthOfA(), cell.getLengthOfB(), cell.getLengthOfC()} {
+        cell.getOrientationMatrix(m_matrix);
+        m_spanSpace = BasicMath::Invert(m_matrix, m_inverse);
+    }
+    bool spanSpace() const { return m_spanSpace; }
+
+    Placement placementOf(const Vector3& position) const {
+        Placement at;
+        Vector3 node;
+        BasicMath::MatrixProduct(m_inverse, position.data(), at.fractional.data());
+        for (std::size_t i = 0; i < 3; ++i)
+            at.nearest[i] = BasicMath::round(at.fractional[i]);
+        BasicMath::MatrixProduct(m_matrix, at.nearest.data(), node.data());
+        for (std::size_t i = 0; i < 3; ++i)
+            at.displacement[i] = std::abs(position[i] - node[i]);
+        at.length = BasicMath::Norm(at.displacement.data());
+        return at;
+    }
+
+    /// Components above half an edge as their distance to the next node.
+    Vector3 folded(Vector3 displacement) const {
+        for (std::size_t i = 0; i < 3; ++i)
+            if (displacement[i] > 0.5 * m_edge[i]) displacement[i] = std::abs(displacement[i] - m_edge[i]);
+        return displacement;
+    }
+
+private:
+    Vector3 m_edge;
+    double m_matrix[3][3];
+    double m_inverse[3][3];
+    bool m_spanSpace;
+};
+
+void forgetIndices(ReflexVector& reflections) {
+    for (Reflex* reflex : reflections)
+        if (reflex) reflex->setHKL(Reflex::kNotIndexed, Reflex::kNotIndexed, Reflex::kNotIndexed);
+}
+
+/// Indexes one reflection after the other; returns the sums over the indexed ones.
+Sums assignNodes(ReflexVector& reflections, const Nodes& nodes, const Vector3& origin, int mode,
+                 double tolerance, const Outputs& outputs) {
+    Sums all;
+    Sums indexed;
+    for (Reflex* reflex : reflections) {
+        if (!reflex) continue;
+        const Vector3 position = positionOf(*reflex, mode);
+        const Vector3 relative = {position[0] - origin[0], position[1] - origin[1], position[2] - origin[2]};
+        if (!isFinite(relative)) continue;
+        const Placement at = nodes.placementOf(relative);
+        all.add(at.length, nodes.folded(at.displacement));
+        if (!nearNode(at.fractional, at.nearest, tolerance)) {
+            append(outputs, 4, at.length, at.displacement);
+            continue;
+        }
+        reflex->setHKL(static_cast<int>(at.nearest[0]), static_cast<int>(at.nearest[1]),
+                       static_cast<int>(at.nearest[2]));
+        indexed.add(at.length, at.displacement);
+        append(outputs, 0, at.length, at.displacement);
+    }
+    logStatistics(all, indexed.count, reflections.size());
+    return indexed;
+}
+
+int refuse(const char* reason) {
+    log(std::string("Error during indication. ") + reason, VRK::Error);
+    return -1;
+}
+
 }  // namespace
 
 int IndicateWithHKL::indicate(VoxMRCData* /*volume*/, UnitCell* cell, ReflexVector* reflections,
@@ -104,62 +179,22 @@ int IndicateWithHKL::indicate(VoxMRCData* /*volume*/, UnitCell* cell, ReflexVect
                               std::vector<double>* out4, std::vector<double>* out5, std::vector<double>* out6,
                               std::vector<double>* out7, std::vector<double>* out8) {
     log(">> IndicateWithHKL::indicate", VRK::Debug, VRK::MethodControl);
-    const auto refuse = [](const std::string& text) {
-        log(text, VRK::Error);
-        return -1;
-    };
-    if (!reflections) return refuse("Error during indication. No reflections available");
-    if (!cell) return refuse("Error during indication. No cell available");
-    if (!origin) return refuse("Error during indication. No origin available");
+    if (!reflections) return refuse("No reflections available");
+    if (!cell) return refuse("No cell available");
+    if (!origin) return refuse("No origin available");
     prepareCell(*cell);
 
     const Outputs outputs = {out1, out2, out3, out4, out5, out6, out7, out8};
     for (std::vector<double>* output : outputs)
         if (output) output->clear();
-    for (Reflex* reflex : *reflections)
-        if (reflex) reflex->setHKL(Reflex::kNotIndexed, Reflex::kNotIndexed, Reflex::kNotIndexed);
+    forgetIndices(*reflections);
     store(Sums(), result);
 
-    double matrix[3][3];
-    double inverse[3][3];
-    cell->getOrientationMatrix(matrix);
-    if (!BasicMath::Invert(matrix, inverse))
-        return refuse("Error during indication. The vectors of the cell lie in a plane or are not finite");
-    const Vector3 edge = {cell->getLengthOfA(), cell->getLengthOfB(), cell->getLengthOfC()};
-
-    Sums all;
-    Sums indexed;
-    for (Reflex* reflex : *reflections) {
-        if (!reflex) continue;
-        const Vector3 position = positionOf(*reflex, mode);
-        const Vector3 relative = {position[0] - origin[0], position[1] - origin[1], position[2] - origin[2]};
-        if (!isFinite(relative)) continue;
-        Vector3 fractional;
-        Vector3 node;
-        BasicMath::MatrixProduct(inverse, relative.data(), fractional.data());
-        const Vector3 nearest = {BasicMath::round(fractional[0]), BasicMath::round(fractional[1]),
-                                 BasicMath::round(fractional[2])};
-        BasicMath::MatrixProduct(matrix, nearest.data(), node.data());
-        const Vector3 displacement = {std::abs(relative[0] - node[0]), std::abs(relative[1] - node[1]),
-                                      std::abs(relative[2] - node[2])};
-        const double length = BasicMath::Norm(displacement.data());
-
-        Vector3 folded = displacement;
-        for (std::size_t i = 0; i < 3; ++i)
-            if (folded[i] > 0.5 * edge[i]) folded[i] = std::abs(folded[i] - edge[i]);
-        all.add(length, folded);
-
-        if (!nearNode(fractional, nearest, tolerance)) {
-            append(outputs, 4, length, displacement);
-            continue;
-        }
-        reflex->setHKL(static_cast<int>(nearest[0]), static_cast<int>(nearest[1]),
-                       static_cast<int>(nearest[2]));
-        indexed.add(length, displacement);
-        append(outputs, 0, length, displacement);
-    }
+    const Nodes nodes(*cell);
+    if (!nodes.spanSpace()) return refuse("The vectors of the cell lie in a plane or are not finite");
+    const Sums indexed =
+        assignNodes(*reflections, nodes, {origin[0], origin[1], origin[2]}, mode, tolerance, outputs);
     store(indexed, result);
-    logStatistics(all, indexed.count, reflections->size());
     log("<< IndicateWithHKL::indicate", VRK::Debug, VRK::MethodControl);
     return indexed.count;
 }

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "foundation/detail/Log.h"
+#include "foundation/detail/SingleThreadedOpenCV.h"
 #include "processing/SamplingGeometry.h"
 #include "processing/detail/BeamCentre.h"
 #include "processing/detail/Frame.h"
@@ -20,7 +21,6 @@
 #include "processing/detail/RadialBackground.h"
 #include "processing/detail/ReciprocalVolume.h"
 #include "processing/detail/Resampling.h"
-#include "visualisation/detail/SingleThreadedOpenCV.h"
 
 namespace {
 

@@ -10,9 +10,9 @@
 
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "foundation/VRKLogger.h"
+#include "foundation/detail/SingleThreadedOpenCV.h"
 #include "processing/detail/Frame.h"
 #include "tiltaxis/Reflex2d.h"
-#include "visualisation/detail/SingleThreadedOpenCV.h"
 
 namespace {
 

@@ -26,7 +26,6 @@ public:
     /// Height that a spot had to reach here, counts.
     double getThreshold() const { return m_threshold; }
 
-    void setTilt(double tiltDegrees) { m_tilt = tiltDegrees; }
     void setInPlane(double u, double v);
     void setPosition(double x, double y, double z);
     void setPeakHeight(double height) { m_peakHeight = height; }

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
+#include "VoxCore/DataModel/VoxVolumeData.h"
 #include "crystallography/UnitCell.h"
 
 namespace {
@@ -53,9 +54,30 @@ ReciprocalSection::ReciprocalSection(const VoxMRCData& volume, const UnitCell& c
     : m_width(static_cast<int>(volume.GetWidth())),
       m_height(static_cast<int>(volume.GetHeight())),
       m_depth(static_cast<int>(volume.GetDepth())),
+      m_stepX(m_height),
+      m_stepY(1),
+      m_halfExtent(0.5 * std::max({m_width, m_height, m_depth})),
       m_origin(origin) {
     for (unsigned z = 0; z < volume.GetDepth(); ++z)
         m_slices.push_back(volume.GetChunkPointer(z));
+    setBase(cell);
+}
+
+ReciprocalSection::ReciprocalSection(const VoxVolumeData& view, const UnitCell& cell)
+    : m_width(static_cast<int>(view.width())),
+      m_height(static_cast<int>(view.height())),
+      m_depth(static_cast<int>(view.depth())),
+      m_stepX(1),
+      m_stepY(m_width),
+      m_halfExtent(0.5 + *std::max_element(view.middle().begin(), view.middle().end())),
+      m_origin(view.middle()) {
+    const std::size_t area = std::size_t{view.width()} * view.height();
+    for (std::size_t z = 0; z < view.depth(); ++z)
+        m_slices.push_back(view.voxels().data() + z * area);
+    setBase(cell);
+}
+
+void ReciprocalSection::setBase(const UnitCell& cell) {
     UnitCell copy(cell);
     const std::unique_ptr<UnitCell> reciprocal(copy.isRealCell() ? copy.getReciprocalCell() : nullptr);
     (reciprocal ? *reciprocal : copy).getBase(m_base[0].data(), m_base[1].data(), m_base[2].data());
@@ -80,8 +102,7 @@ ReciprocalSection::Frame ReciprocalSection::frameOf(const Settings& settings) co
     frame.up = cross(frame.normal, frame.right);
     // The foot of the origin's perpendicular on the plane is the middle of the picture.
     frame.centre = m_origin + (settings.level * dot(frame.normal, w)) * frame.normal;
-    const double radius =
-        settings.radius > 0.0 ? settings.radius : 0.5 * std::max({m_width, m_height, m_depth});
+    const double radius = settings.radius > 0.0 ? settings.radius : m_halfExtent;
     frame.voxelsPerPixel = 2.0 * radius / settings.size;
     frame.valid = true;
     return frame;
@@ -99,9 +120,9 @@ float ReciprocalSection::interpolate(float x, float y, float z) const {
     const float fy = y - static_cast<float>(y0);
     const float fz = z - static_cast<float>(z0);
     // On the last voxel of an axis its weight is one, so that the next one may be any.
-    const std::ptrdiff_t stepX = x0 + 1 < m_width ? m_height : 0;
-    const std::ptrdiff_t stepY = y0 + 1 < m_height ? 1 : 0;
-    const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(x0) * m_height + y0;
+    const std::ptrdiff_t stepX = x0 + 1 < m_width ? m_stepX : 0;
+    const std::ptrdiff_t stepY = y0 + 1 < m_height ? m_stepY : 0;
+    const std::ptrdiff_t at = x0 * m_stepX + y0 * m_stepY;
     const short* const lower = m_slices[static_cast<std::size_t>(z0)] + at;
     const short* const upper = m_slices[static_cast<std::size_t>(std::min(z0 + 1, m_depth - 1))] + at;
     const auto between = [](float a, float b, float f) { return a + f * (b - a); };

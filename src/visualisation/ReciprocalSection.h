@@ -3,6 +3,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -11,6 +12,7 @@
 
 class UnitCell;
 class VoxMRCData;
+class VoxVolumeData;
 
 /// Cuts planes such as hk0 or h1l out of a volume. Angles and lengths in the picture are true: it is a view
 /// along the normal of the plane, with the first in-plane axis to the right.
@@ -33,8 +35,13 @@ public:
 
     /// \param volume  a reconstructed volume (y fastest inside a slice); must outlive this object
     /// \param cell    the reciprocal cell in voxels of the volume; a direct cell is converted by its pixel
-    /// size \param origin  the voxel coordinates of the reciprocal origin
+    ///                size
+    /// \param origin  the voxel coordinates of the reciprocal origin
     ReciprocalSection(const VoxMRCData& volume, const UnitCell& cell, const std::array<double, 3>& origin);
+    /// The same of a view. Its origin is the view's middle, and lengths of the settings count its voxels.
+    /// \param cell  the reciprocal cell in voxels of the view; a direct cell with the view's pixel size is
+    ///              converted
+    ReciprocalSection(const VoxVolumeData& view, const UnitCell& cell);
 
     /// The picture; voxels outside the volume are not measured (NaN).
     /// Empty when u and v are parallel, the level's w lies in their plane, or the size is below 1.
@@ -60,11 +67,14 @@ private:
         bool valid;
     };
 
+    void setBase(const UnitCell& cell);
     Frame frameOf(const Settings& settings) const;
     Vector node(const std::array<int, 3>& hkl) const;
     float interpolate(float x, float y, float z) const;
 
     int m_width, m_height, m_depth;
+    std::ptrdiff_t m_stepX, m_stepY;  ///< from voxel to voxel inside a slice
+    double m_halfExtent;              ///< half the largest edge of the data, voxels
     std::vector<const short*> m_slices;
     std::array<Vector, 3> m_base;
     Vector m_origin;

@@ -4,14 +4,41 @@
 #include <array>
 #include <cstddef>
 #include <limits>
+#include <numeric>
 #include <string>
 #include <vector>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
+#include "VoxCore/DataModel/VoxVolumeData.h"
 
 namespace {
 
 constexpr short kLowest = std::numeric_limits<short>::lowest();
+
+/// The slices of a volume, of rows * columns voxels each, columns fastest: x or y.
+struct Slices {
+    std::vector<const short*> data;
+    std::size_t rows;
+    std::size_t columns;
+    bool xFastest;
+
+    std::size_t width() const { return xFastest ? columns : rows; }
+    std::size_t height() const { return xFastest ? rows : columns; }
+};
+
+Slices slicesOf(const VoxMRCData& volume) {
+    Slices slices{{}, volume.GetWidth(), volume.GetHeight(), false};
+    for (unsigned z = 0; z < volume.GetDepth(); ++z)
+        slices.data.push_back(volume.GetChunkPointer(z));
+    return slices;
+}
+
+Slices slicesOf(const VoxVolumeData& view) {
+    Slices slices{{}, view.height(), view.width(), true};
+    for (std::size_t z = 0; z < view.depth(); ++z)
+        slices.data.push_back(view.voxels().data() + z * slices.rows * slices.columns);
+    return slices;
+}
 
 /// Raises each of the accumulated values to the one at its place.
 void raise(std::vector<short>& accumulated, const short* values) {
@@ -19,59 +46,87 @@ void raise(std::vector<short>& accumulated, const short* values) {
         accumulated[i] = std::max(accumulated[i], values[i]);
 }
 
-PlaneImage blank(unsigned width, unsigned height) {
+/// The largest value of every row of a slice.
+std::vector<short> alongColumns(const Slices& slices, const short* slice) {
+    std::vector<short> highest;
+    for (std::size_t row = 0; row < slices.rows; ++row, slice += slices.columns)
+        highest.push_back(std::accumulate(slice, slice + slices.columns, kLowest,
+                                          [](short a, short b) { return std::max(a, b); }));
+    return highest;
+}
+
+std::vector<short> alongRows(const Slices& slices, const short* slice) {
+    std::vector<short> highest(slices.columns, kLowest);
+    for (std::size_t row = 0; row < slices.rows; ++row, slice += slices.columns)
+        raise(highest, slice);
+    return highest;
+}
+
+PlaneImage blank(std::size_t width, std::size_t height) {
     return {static_cast<int>(width), static_cast<int>(height)};
 }
 
-PlaneImage alongX(const VoxMRCData& volume) {
-    PlaneImage image = blank(volume.GetDepth(), volume.GetHeight());
-    for (unsigned z = 0; z < volume.GetDepth(); ++z) {
-        std::vector<short> column(volume.GetHeight(), kLowest);
-        for (unsigned x = 0; x < volume.GetWidth(); ++x)
-            raise(column, volume.GetChunkPointer(z) + std::size_t{x} * volume.GetHeight());
+/// z to the right, y downwards.
+PlaneImage alongX(const Slices& slices) {
+    PlaneImage image = blank(slices.data.size(), slices.height());
+    for (int z = 0; z < image.width; ++z) {
+        const short* slice = slices.data[static_cast<std::size_t>(z)];
+        const std::vector<short> column =
+            slices.xFastest ? alongColumns(slices, slice) : alongRows(slices, slice);
         for (int y = 0; y < image.height; ++y)
-            image.at(static_cast<int>(z), y) = column[static_cast<std::size_t>(y)];
+            image.at(z, y) = column[static_cast<std::size_t>(y)];
     }
     return image;
 }
 
-PlaneImage alongY(const VoxMRCData& volume) {
-    PlaneImage image = blank(volume.GetWidth(), volume.GetDepth());
-    for (unsigned z = 0; z < volume.GetDepth(); ++z)
-        for (unsigned x = 0; x < volume.GetWidth(); ++x) {
-            const short* column = volume.GetChunkPointer(z) + std::size_t{x} * volume.GetHeight();
-            image.at(static_cast<int>(x), static_cast<int>(z)) =
-                *std::max_element(column, column + volume.GetHeight());
-        }
+/// x to the right, z downwards.
+PlaneImage alongY(const Slices& slices) {
+    PlaneImage image = blank(slices.width(), slices.data.size());
+    for (int z = 0; z < image.height; ++z) {
+        const short* slice = slices.data[static_cast<std::size_t>(z)];
+        const std::vector<short> row =
+            slices.xFastest ? alongRows(slices, slice) : alongColumns(slices, slice);
+        std::copy(row.begin(), row.end(), &image.at(0, z));
+    }
     return image;
 }
 
-PlaneImage alongZ(const VoxMRCData& volume) {
-    std::vector<short> layer(volume.GetChunkSize(), kLowest);
-    for (unsigned z = 0; z < volume.GetDepth(); ++z)
-        raise(layer, volume.GetChunkPointer(z));
-    PlaneImage image = blank(volume.GetWidth(), volume.GetHeight());
-    const short* value = layer.data();
-    for (int x = 0; x < image.width; ++x)
-        for (int y = 0; y < image.height; ++y)
-            image.at(x, y) = *value++;
+/// x to the right, y downwards.
+PlaneImage alongZ(const Slices& slices) {
+    std::vector<short> layer(slices.rows * slices.columns, kLowest);
+    for (const short* slice : slices.data)
+        raise(layer, slice);
+    PlaneImage image = blank(slices.width(), slices.height());
+    if (slices.xFastest)
+        std::copy(layer.begin(), layer.end(), image.values.begin());
+    else
+        for (std::size_t i = 0; i < layer.size(); ++i)
+            image.at(static_cast<int>(i / slices.columns), static_cast<int>(i % slices.columns)) = layer[i];
     return image;
+}
+
+PlaneImage project(const Slices& slices, int axis) {
+    switch (axis) {
+        case 0:
+            return alongX(slices);
+        case 1:
+            return alongY(slices);
+        case 2:
+            return alongZ(slices);
+        default:
+            return {};
+    }
 }
 
 }  // namespace
 
 PlaneImage VolumeProjection::maximumAlong(const VoxMRCData& volume, int axis) {
     if (volume.GetDimCount() != 3 || volume.GetDataSize() == 0) return {};
-    switch (axis) {
-        case 0:
-            return alongX(volume);
-        case 1:
-            return alongY(volume);
-        case 2:
-            return alongZ(volume);
-        default:
-            return {};
-    }
+    return project(slicesOf(volume), axis);
+}
+
+PlaneImage VolumeProjection::maximumAlong(const VoxVolumeData& view, int axis) {
+    return project(slicesOf(view), axis);
 }
 
 ImageOverlay VolumeProjection::axesOf(const PlaneImage& image, int axis) {

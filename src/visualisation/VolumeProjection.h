@@ -6,6 +6,7 @@
 #include "visualisation/PlaneImage.h"
 
 class VoxMRCData;
+class VoxVolumeData;
 
 class VRKCORE_EXPORT VolumeProjection {
 public:
@@ -20,6 +21,8 @@ public:
     /// \param volume  a reconstructed volume (y fastest inside a slice)
     /// \returns an empty image for another axis or a volume without three dimensions
     static PlaneImage maximumAlong(const VoxMRCData& volume, int axis);
+    /// The same of a view.
+    static PlaneImage maximumAlong(const VoxVolumeData& view, int axis);
 
     /// Arrows with the names of the two axes, for a picture of maximumAlong().
     static ImageOverlay axesOf(const PlaneImage& image, int axis);

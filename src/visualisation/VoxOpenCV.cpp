@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "foundation/VRKLogger.h"
-#include "visualisation/detail/SingleThreadedOpenCV.h"
+#include "foundation/detail/SingleThreadedOpenCV.h"
 
 namespace {
 

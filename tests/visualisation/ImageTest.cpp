@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
+#include "VoxCore/DataModel/VoxVolumeData.h"
 #include "crystallography/UnitCell.h"
 #include "support/RecordingLogObserver.h"
 #include "visualisation/ReciprocalSection.h"
@@ -84,17 +85,23 @@ TEST(Image, FailuresNameTheFile) {
 TEST(VolumeProjection, KeepsEachAxisInItsPlace) {
     const auto volume = volumeOf(7, 5, 3);
     set(*volume, 6, 1, 2, 9);
-    const PlaneImage alongX = VolumeProjection::maximumAlong(*volume, 0);
-    const PlaneImage alongY = VolumeProjection::maximumAlong(*volume, 1);
-    const PlaneImage alongZ = VolumeProjection::maximumAlong(*volume, 2);
-    EXPECT_EQ(alongX.width, 3);
-    EXPECT_EQ(alongX.height, 5);
-    EXPECT_EQ(alongY.height, 3);
-    EXPECT_EQ(alongX.at(2, 1), 9.0F);
-    EXPECT_EQ(alongY.at(6, 2), 9.0F);
-    EXPECT_EQ(alongZ.at(6, 1), 9.0F);
-    EXPECT_EQ(alongZ.at(5, 1), 0.0F);
-    EXPECT_TRUE(VolumeProjection::maximumAlong(*volume, 3).values.empty());
+    volume->m_Header.type = MRCType::MRCVOLUME;
+    const VoxVolumeData view = VoxVolumeData::fromData(*volume);
+    const auto check = [](const auto& data) {
+        const PlaneImage alongX = VolumeProjection::maximumAlong(data, 0);
+        const PlaneImage alongY = VolumeProjection::maximumAlong(data, 1);
+        const PlaneImage alongZ = VolumeProjection::maximumAlong(data, 2);
+        EXPECT_EQ(alongX.width, 3);
+        EXPECT_EQ(alongX.height, 5);
+        EXPECT_EQ(alongY.height, 3);
+        EXPECT_EQ(alongX.at(2, 1), 9.0F);
+        EXPECT_EQ(alongY.at(6, 2), 9.0F);
+        EXPECT_EQ(alongZ.at(6, 1), 9.0F);
+        EXPECT_EQ(alongZ.at(5, 1), 0.0F);
+        EXPECT_TRUE(VolumeProjection::maximumAlong(data, 3).values.empty());
+    };
+    check(*volume);
+    check(view);
     EXPECT_TRUE(VolumeProjection::maximumAlong(VoxMRCData(), 0).values.empty());
 }
 
@@ -145,6 +152,48 @@ TEST(ReciprocalSection, ShowsTheNodesOfThePlaneWhereItMarksThem) {
         for (float value : black.values)
             ASSERT_FALSE(value > 0.0F) << test.plane;
     }
+}
+
+/// The same plane out of views: as it is at full size, and at half size with the node where it was.
+TEST(ReciprocalSection, CutsViewsLikeTheirVolume) {
+    const double a[3] = {9.0, 2.0, 1.0}, b[3] = {-1.0, 8.0, 3.0}, c[3] = {1.0, -2.0, 10.0};
+    const auto volume = volumeOf(81, 65, 63);
+    volume->m_Header.type = MRCType::MRCVOLUME;
+    for (unsigned z = 0; z < 63; ++z)
+        for (unsigned i = 0; i < 81 * 65; ++i)
+            volume->GetChunkPointer(z)[i] = static_cast<short>((z * 5266 + i) * 7919 % 100);
+    for (const int step : {-1, 1})  // nodes 1 2 0 and -1 -2 0
+        set(*volume, static_cast<unsigned>(40 + 7 * step), static_cast<unsigned>(32 + 18 * step),
+            static_cast<unsigned>(31 + 7 * step), 3000);
+    ReciprocalSection::Settings settings;
+    settings.size = 81;
+    const UnitCell cell(a, b, c, 1.0, false, true, LATTICE::aP);
+    const PlaneImage whole = ReciprocalSection(*volume, cell, {40.0, 32.0, 31.0}).sample(settings);
+
+    const VoxVolumeData full = VoxVolumeData::fromData(*volume);
+    const PlaneImage same = ReciprocalSection(full, cell).sample(settings);
+    for (std::size_t i = 0; i < whole.values.size(); ++i)
+        ASSERT_TRUE(same.values[i] == whole.values[i] ||
+                    (std::isnan(same.values[i]) && std::isnan(whole.values[i])));
+
+    const VoxVolumeData half = full.reduced(2, VoxVolumeData::Block::Maximum);
+    EXPECT_EQ(half.reduction(), 2);
+    EXPECT_EQ(half.reduced(2).middle(), VoxVolumeData::fromData(*volume, 4).middle());
+    const double halfA[3] = {4.5, 1.0, 0.5}, halfB[3] = {-0.5, 4.0, 1.5}, halfC[3] = {0.5, -1.0, 5.0};
+    settings.thickness /= 2;
+    const ReciprocalSection section(half, UnitCell(halfA, halfB, halfC, 1.0, false, true, LATTICE::aP));
+    const PlaneImage coarse = section.sample(settings);
+    int marked = 0;
+    for (const ImageOverlay::Node& node : section.overlay(settings, true).nodes) {
+        if (node.x < 1 || node.y < 1 || node.x > 79 || node.y > 79) continue;
+        const int x = static_cast<int>(std::lround(node.x));
+        const int y = static_cast<int>(std::lround(node.y));
+        if (whole.at(x, y) > 1000.0F) {
+            EXPECT_GT(coarse.at(x, y), 500.0F);
+            ++marked;
+        }
+    }
+    EXPECT_EQ(marked, 2);
 }
 
 TEST(ReciprocalSection, MarksWhatWasNotMeasuredAndRefusesWhatIsNoPlane) {

@@ -18,6 +18,9 @@
 
 #include "VoxCore/DataModel/VoxHistogram.h"
 #include "VoxCore/DataModel/VoxMRCData.h"
+#include "VoxCore/DataModel/VoxVolumeData.h"
+#include "VoxCore/DataModel/detail/SliceReduction.h"
+#include "VoxCore/DataModel/detail/Transposed.h"
 #include "VoxCore/DataModel/detail/ValueCounts.h"
 #include "VoxCore/IO/detail/MRCRecords.h"
 #include "foundation/detail/Log.h"
@@ -25,6 +28,7 @@
 using VRK::detail::kMainHeaderBytes;
 using VRK::detail::kSliceRecordBytes;
 using VRK::detail::line;
+using VRK::detail::SliceReduction;
 
 namespace {
 
@@ -451,6 +455,59 @@ bool VoxMRCFileHandler::writeMRCHeader(mrcH* header, std::ofstream* file) {
     }
     log("... MRC header written.");
     return file->good();
+}
+
+// ---- volume views ------------------------------------------------------------------------------------
+
+VoxVolumeData* VoxMRCFileHandler::readMRCFile_asVolumeData(const std::string& path, int reduction) {
+    return readMRCFile_asVolumeData(path, reduction, VoxVolumeData::Block::Mean);
+}
+
+VoxVolumeData* VoxMRCFileHandler::readMRCFile_asVolumeData(const std::string& path, int reduction,
+                                                           VoxVolumeData::Block block) {
+    std::unique_ptr<std::ifstream> file;
+    const std::unique_ptr<mrcH> header = openSeries(path, file);
+    if (!header) return nullptr;
+    log("Read data ...");
+    try {
+        SliceReduction view(*header, reduction, block, SliceReduction::orderOf(*header));
+        std::vector<short> slice(static_cast<std::size_t>(header->nx) * static_cast<std::size_t>(header->ny));
+        const auto target = [&slice](int) { return std::span<short>(slice); };
+        const auto add = [&view](int z, std::span<const short> values) { view.add(z, values); };
+        if (!readSlices(*file, *header, target, add)) return nullptr;
+        reportByteCount(*header);
+        return std::make_unique<VoxVolumeData>(view.take()).release();
+    } catch (const std::bad_alloc&) {
+        failAllocation();
+    }
+}
+
+bool VoxMRCFileHandler::writeMRCFile(VoxVolumeData* volume, const std::string& path, int reduction) {
+    m_path = path;
+    if (!volume) {
+        refuse("there are no data to write");
+        return false;
+    }
+    if (reduction > 1) {
+        VoxVolumeData coarser = volume->reduced(reduction);
+        return writeMRCFile(&coarser, path, 1);
+    }
+    const std::size_t width = volume->width();
+    const std::size_t height = volume->height();
+    const bool turn = SliceReduction::orderOf(volume->header()) == SliceReduction::Order::YFastest;
+    std::vector<short> turned(turn ? width * height : 0);
+    return writeSlices(path, volume->header(), [&](int z) -> std::span<const short> {
+        const auto slice =
+            volume->voxels().subspan(static_cast<std::size_t>(z) * width * height, width * height);
+        if (!turn) return slice;
+        VRK::detail::transpose(slice.data(), height, width, turned.data());
+        return turned;
+    });
+}
+
+VoxVolumeData* VoxMRCFileHandler::createTestDummyMRCFile_asVolumeData(int reduction) {
+    const std::unique_ptr<VoxMRCData> series(createTestDummyMRCFile());
+    return std::make_unique<VoxVolumeData>(VoxVolumeData::fromData(*series, reduction)).release();
 }
 
 // ---- messages ---------------------------------------------------------------------------------------

@@ -10,11 +10,11 @@
 #include <string>
 
 #include "VRKCoreExport.h"
+#include "VoxCore/DataModel/VoxVolumeData.h"
 #include "foundation/VoxProgressObserver.h"
 
 class VRKLogger;
 class VoxMRCData;
-class VoxVolumeData;
 struct mrcH;
 
 /// Reads and writes MRC files: a 1024-byte main header, `next` bytes of extended header, then nz slices of
@@ -81,11 +81,14 @@ public:
     /// owned by the caller. With histogram and extended header. Throws std::bad_alloc like readMRCFile().
     VoxMRCData* createTestDummyMRCFile();
 
-    /// Reads a file for display. Blocks of \p reduction voxels along each axis are averaged into one;
-    /// of a series only along x and y, as slices are patterns of different tilts. 1 (and anything
-    /// below) keeps the full size. Only the reduced view is held in memory. The result is owned by the
-    /// caller. Failures as in readMRCFile().
+    /// Reads a file for display, averaged over blocks of \p reduction voxels along each axis; of a series
+    /// only along x and y, as slices are patterns of different tilts. 1 (and anything below) keeps the full
+    /// size. Only the reduced view is held in memory. The result is owned by the caller. Failures as in
+    /// readMRCFile().
     VoxVolumeData* readMRCFile_asVolumeData(const std::string& path, int reduction);
+    /// The same with the blocks' means or maxima.
+    VoxVolumeData* readMRCFile_asVolumeData(const std::string& path, int reduction,
+                                            VoxVolumeData::Block block);
 
     /// Writes a view, reduced like in reading, in the in-slice order that its type has in files. Failures as
     /// in writing of MRC data.

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <utility>
 
-#include "foundation/VRKLogger.h"
+#include "foundation/detail/Log.h"
 #include "indexing/detail/FitPoints.h"
 #include "reflections/Reflex.h"
 #include "reflections/ReflexVector.h"
@@ -54,7 +54,7 @@ std::string labels(std::string_view x, std::string_view y) {
 
 std::optional<IndexingPlots> IndexingPlots::of(ReflexVector* reflections) {
     const auto refuse = [](const char* text) {
-        VRKLogger::getInstance()->log(text, VRK::Error, VRK::Information);
+        log(text, VRK::Error);
         return std::nullopt;
     };
     if (!reflections) return refuse("Error during plotting. No reflections available");
@@ -90,68 +90,83 @@ std::optional<IndexingPlots> IndexingPlots::of(ReflexVector* reflections) {
     return plots;
 }
 
-bool IndexingPlots::evaluation(const std::string& folder) const {
-    std::vector<double> lengths;
-    std::vector<double> indexedRows, otherRows;
-    std::array<std::vector<double>, 3> components;
-    double farthest = 0.0;
-    for (const Spot& spot : m_spots) {
-        const double length = spot.displacement.norm();
-        farthest = std::max(farthest, spot.distance);
-        std::vector<double>& rows = spot.indexed ? indexedRows : otherRows;
-        rows.insert(rows.end(), {spot.distance, length});
-        if (!spot.indexed) continue;
-        lengths.push_back(length);
-        for (std::size_t axis = 0; axis < 3; ++axis)
-            components[axis].push_back(spot.displacement(static_cast<Eigen::Index>(axis)));
-    }
-    const double range = std::max(1.1 * quantile(lengths, 0.99), 1e-6);
-
+std::vector<double> IndexingPlots::sharesByDistance() const {
     constexpr std::size_t kShells = 20;
-    std::vector<double> allDistances, indexedDistances, shares;
+    std::vector<double> allDistances, indexedDistances;
     for (const Spot& spot : m_spots) {
         allDistances.push_back(spot.distance);
         if (spot.indexed) indexedDistances.push_back(spot.distance);
     }
+    const double farthest = *std::max_element(allDistances.begin(), allDistances.end());
     const double end = std::max(farthest * 1.0001, 1e-6);
     const std::vector<double> all = histogram(allDistances, 0.0, end, kShells);
-    const std::vector<double> some = histogram(indexedDistances, 0.0, end, kShells);
+    const std::vector<double> indexed = histogram(indexedDistances, 0.0, end, kShells);
+    std::vector<double> rows;
     for (std::size_t i = 0; i < all.size(); i += 2)
-        shares.insert(shares.end(), {all[i], all[i + 1], 100.0 * some[i + 1] / all[i + 1]});
+        rows.insert(rows.end(), {all[i], all[i + 1], 100.0 * indexed[i + 1] / all[i + 1]});
+    return rows;
+}
+
+void IndexingPlots::plotDistances(GnuplotScript& plot) const {
+    std::vector<double> indexed, others;
+    for (const Spot& spot : m_spots) {
+        std::vector<double>& rows = spot.indexed ? indexed : others;
+        rows.insert(rows.end(), {spot.distance, spot.displacement.norm()});
+    }
+    const char* const columns = "distance(voxels) displacement(voxels)";
+    std::string command =
+        "plot " + plot.addData(columns, indexed, 2) + " using 1:2 with points pt 7 ps 0.4 title 'indexed'";
+    if (!others.empty())
+        command += ", " + plot.addData(columns, others, 2) +
+                   " using 1:2 with points pt 7 ps 0.4 lc rgb '#cc4444' title 'not indexed'";
+    plot.addCommand(title("displacement and distance from the origin"));
+    plot.addCommand(labels("distance from the origin (voxels)", "displacement (voxels)"));
+    plot.addCommand(command);
+}
+
+void IndexingPlots::plotComponents(GnuplotScript& plot, double range) const {
+    std::string command = "plot ";
+    for (std::size_t axis = 0; axis < 3; ++axis) {
+        std::vector<double> values;
+        for (const Spot& spot : m_spots)
+            if (spot.indexed) values.push_back(spot.displacement(static_cast<Eigen::Index>(axis)));
+        const std::string data =
+            plot.addData("displacement(voxels) reflections", histogram(values, -range, range, 41), 2);
+        command += std::string(axis > 0 ? ", " : "") + data + " using 1:2 with histeps lw 2 title '" +
+                   kAxisNames[axis] + "'";
+    }
+    plot.addCommand(title("displacement along the axes of the volume"));
+    plot.addCommand(labels("displacement (voxels)", "reflections") + "; set yrange [0:*]");
+    plot.addCommand(command);
+}
+
+bool IndexingPlots::evaluation(const std::string& folder) const {
+    std::vector<double> lengths;
+    for (const Spot& spot : m_spots)
+        if (spot.indexed) lengths.push_back(spot.displacement.norm());
+    const double range = std::max(1.1 * quantile(lengths, 0.99), 1e-6);
 
     GnuplotScript plot(folder, "indicateEvaluation", 1200, 900);
-    const std::string lengthData =
-        plot.addData("displacement(voxels) reflections", histogram(lengths, 0.0, range, 40), 2);
-    const std::string indexedData = plot.addData("distance(voxels) displacement(voxels)", indexedRows, 2);
-    const std::string otherData = plot.addData("distance(voxels) displacement(voxels)", otherRows, 2);
-    const std::string shareData = plot.addData("distance(voxels) reflections indexed(%)", shares, 3);
     const std::string summary =
         std::to_string(lengths.size()) + " of " + std::to_string(m_spots.size()) + " reflections indexed";
     plot.addCommand("set multiplot layout 2,2 title " + GnuplotScript::quoted(summary));
     plot.addCommand("set style fill solid 0.6; set boxwidth 0.95 relative; set grid; set key top right");
+
+    const std::string lengthData =
+        plot.addData("displacement(voxels) reflections", histogram(lengths, 0.0, range, 40), 2);
     plot.addCommand(title("displacement of indexed reflections from their nodes"));
     plot.addCommand(labels("displacement (voxels)", "reflections") + "; set yrange [0:*]");
     plot.addCommand("plot " + lengthData + " using 1:2 with boxes notitle");
-    plot.addCommand(title("displacement and distance from the origin"));
-    plot.addCommand(labels("distance from the origin (voxels)", "displacement (voxels)"));
-    std::string scatter = "plot " + indexedData + " using 1:2 with points pt 7 ps 0.4 title 'indexed'";
-    if (!otherRows.empty())
-        scatter +=
-            ", " + otherData + " using 1:2 with points pt 7 ps 0.4 lc rgb '#cc4444' title 'not indexed'";
-    plot.addCommand(scatter);
+
+    plotDistances(plot);
+
+    const std::string shareData =
+        plot.addData("distance(voxels) reflections indexed(%)", sharesByDistance(), 3);
     plot.addCommand(title("indexed share in shells"));
     plot.addCommand(labels("distance from the origin (voxels)", "indexed (%)") + "; set yrange [0:105]");
     plot.addCommand("plot " + shareData + " using 1:3 with boxes notitle");
-    plot.addCommand(title("displacement along the axes of the volume"));
-    plot.addCommand(labels("displacement (voxels)", "reflections") + "; set yrange [0:*]");
-    std::string axes = "plot ";
-    for (std::size_t axis = 0; axis < 3; ++axis) {
-        const std::string data = plot.addData("displacement(voxels) reflections",
-                                              histogram(components[axis], -range, range, 41), 2);
-        axes += std::string(axis > 0 ? ", " : "") + data + " using 1:2 with histeps lw 2 title '" +
-                kAxisNames[axis] + "'";
-    }
-    plot.addCommand(axes);
+
+    plotComponents(plot, range);
     plot.addCommand("unset multiplot");
     return plot.render();
 }

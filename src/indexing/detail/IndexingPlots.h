@@ -9,6 +9,7 @@
 
 #include "indexing/detail/LatticeFit.h"
 
+class GnuplotScript;
 class ReflexVector;
 
 namespace VRK::detail {
@@ -36,7 +37,13 @@ private:
         Eigen::Vector3d deviation;     ///< of the fractional indices from the nearest integers
     };
 
-    std::vector<Spot> m_spots;
+    /// Rows of a shell's middle, its reflections and the share in percent of those that are indexed.
+    std::vector<double> sharesByDistance() const;
+    void plotDistances(GnuplotScript& plot) const;
+    /// \param range  largest displacement that is shown, voxels
+    void plotComponents(GnuplotScript& plot, double range) const;
+
+    std::vector<Spot> m_spots;  ///< at least the six that determine the lattice
 };
 
 }  // namespace VRK::detail

@@ -9,9 +9,9 @@
 #include <opencv2/imgproc.hpp>
 #include <vector>
 
+#include "foundation/detail/SingleThreadedOpenCV.h"
 #include "processing/detail/Frame.h"
 #include "tiltaxis/Reflex2d.h"
-#include "visualisation/detail/SingleThreadedOpenCV.h"
 
 namespace VRK::detail {
 namespace {

@@ -9,12 +9,12 @@
 #include <new>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
+#include "VoxCore/DataModel/VoxVolumeData.h"
 #include "VoxCore/IO/VoxMRCFileHandler.h"
 #include "support/MRCBytes.h"
 #include "support/RecordingLogObserver.h"
 #include "support/RecordingProgressObserver.h"
 #include "support/TemporaryFolder.h"
-#include "visualisation/VoxVolumeData.h"
 
 namespace {
 

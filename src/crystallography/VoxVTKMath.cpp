@@ -1,4 +1,4 @@
-#include "visualisation/VoxVTKMath.h"
+#include "crystallography/VoxVTKMath.h"
 
 #include <Eigen/Dense>
 

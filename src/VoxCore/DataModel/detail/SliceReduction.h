@@ -6,18 +6,18 @@
 #include <span>
 #include <vector>
 
+#include "VoxCore/DataModel/VoxVolumeData.h"
 #include "VoxCore/DataModel/mrcH.h"
-#include "visualisation/VoxVolumeData.h"
 
 namespace VRK::detail {
 
-/// Keeps the view and one layer of sums, not the source.
+/// Keeps the view and one layer of blocks, not the source.
 class SliceReduction {
 public:
     enum class Order { XFastest, YFastest };
 
     /// \param source  header of the data, whose type tells whether slices may be mixed
-    SliceReduction(const mrcH& source, int reduction, Order order);
+    SliceReduction(const mrcH& source, int reduction, VoxVolumeData::Block block, Order order);
 
     /// The order in which data of this type lie in files and in VoxMRCData.
     static Order orderOf(const mrcH& header);
@@ -27,16 +27,21 @@ public:
     VoxVolumeData take() { return std::move(m_view); }
 
 private:
+    void startLayer();
+    template <typename Combine>
+    void addRows(std::span<const short> slice, Combine combine);
     void finishLayer(int viewZ, int slices);
 
-    int m_width;
-    int m_height;
     int m_depth;
-    int m_block;  ///< edge of a block along x and y
+    int m_edge;  ///< of a block along x and y
     int m_blockDepth;
+    int m_columns;  ///< voxels of the source along the fastest axis
+    int m_rows;
+    VoxVolumeData::Block m_block;
     Order m_order;
     VoxVolumeData m_view;
-    std::vector<std::int64_t> m_sums;
+    std::vector<std::int64_t> m_layer;  ///< sums or maxima of the blocks, in the order of the source
+    std::vector<short> m_values;        ///< the layer when it is complete, in the same order
 };
 
 }  // namespace VRK::detail
