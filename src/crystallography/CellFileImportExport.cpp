@@ -135,21 +135,29 @@ bool isComment(const std::string& text) {
     return !text.empty() && text.front() == '#';
 }
 
+/// The number that the text [from, end) begins with, and where it stops: 0 and `from` when there is none. Too
+/// small a number is 0, too large a one infinite.
+double parseNumber(const char*& from, const char* end) {
+    const char* start =
+        std::find_if_not(from, end, [](char c) { return c == ' ' || (c >= '\t' && c <= '\r'); });
+    if (end - start > 1 && *start == '+' && start[1] != '-') ++start;
+    double value = 0.0;
+    const auto [stop, error] = std::from_chars(start, end, value);
+    if (error == std::errc::invalid_argument || !std::isfinite(value)) return 0.0;
+    from = stop;
+    if (error != std::errc::result_out_of_range) return value;
+    // A line is too short for as many digits, so it is the exponent that leads out of range.
+    const std::string_view number(start, static_cast<std::size_t>(stop - start));
+    const bool isTiny = number.find("e-") != number.npos || number.find("E-") != number.npos;
+    return std::copysign(isTiny ? 0.0 : std::numeric_limits<double>::infinity(), *start == '-' ? -1.0 : 1.0);
+}
+
 /// Three numbers; each conversion starts where the one before it stopped.
 Vector parseNumbers(const std::string& text) {
-    Vector v = {};
+    Vector v;
     const char* from = text.data();
-    const char* const end = from + text.size();
-    for (double& x : v) {
-        const char* start =
-            std::find_if_not(from, end, [](char c) { return c == ' ' || (c >= '\t' && c <= '\r'); });
-        if (start != end && *start == '+') ++start;
-        double value = 0.0;
-        const auto [stop, error] = std::from_chars(start, end, value);
-        if (error != std::errc() || !std::isfinite(value)) return v;
-        x = value;
-        from = stop;
-    }
+    for (double& x : v)
+        x = parseNumber(from, text.data() + text.size());
     return v;
 }
 

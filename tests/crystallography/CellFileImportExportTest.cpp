@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -96,6 +97,7 @@ TEST_F(CellFileTest, ReadsWhatIsThere) {
         {"lines before the comment", head + "words\n\n# v\n 1\t+2 3\n4 5 6\n7 8 1e1\n", 1, 2, 10},
         {"garbage", head + "# v\nx 2 3\n4 5 6\n7 8 10junk\n", 0, 0, 10},
         {"not a number", head + "# v\n1 nan 3\n4 5 6\n7 8 inf\n", 1, 0, 0},
+        {"out of range", head + "# v\n-1e-400 2 3\n4 5 6\n7 1e-400 -2E+400\n", 0, 2, -HUGE_VAL},
         {"short", head + "# v\n1 2 3\n4 5 6\n", 1, 2, 0},
         {"nothing after the first line", head, 0, 0, 0},
         {"as long as version 1", head + "# v\n1 2 3\n4 5 6\n7\n", 1, 2, 0},
@@ -103,7 +105,7 @@ TEST_F(CellFileTest, ReadsWhatIsThere) {
          head + "# " + std::string(5000, 'x') + "\n1 2 3" + std::string(5000, ' ') + "\n4 5 6\n7 8 10\n", 1,
          2, 10},
     };
-    EXPECT_EQ(cases[6].text.size(), 36U);
+    EXPECT_EQ(cases[7].text.size(), 36U);
     for (const Case& c : cases) {
         write(c.text);
         UnitCell cell;
