@@ -12,22 +12,21 @@
 #include "crystallography/UnitCellTest.h"
 #include "crystallography/detail/Centring.h"
 #include "crystallography/detail/LatticeCharacterTable.h"
+#include "crystallography/detail/ShortestBase.h"
 #include "foundation/VRKLogger.h"
 
 namespace {
 
+using VRK::detail::Axes;
 using VRK::detail::CharacterRow;
 using VRK::detail::DotCondition;
 using VRK::detail::Edges;
 using VRK::detail::Form;
 using VRK::detail::kLatticeCharacters;
 using VRK::detail::Metric;
+using VRK::detail::ShortestBase;
 using VRK::detail::SumCondition;
-
-/// A lattice vector or axis in integer coordinates of some base.
-using Vector = std::array<int, 3>;
-/// Three vectors.
-using Axes = std::array<Vector, 3>;
+using VRK::detail::Vector;
 
 Vector plus(const Vector& u, int factor, const Vector& v) {
     return {u[0] + factor * v[0], u[1] + factor * v[1], u[2] + factor * v[2]};
@@ -65,6 +64,12 @@ Axes inBaseOf(const Axes& axes, const Axes& base) {
 double angleInDegrees(double dotProduct, double squared1, double squared2) {
     return std::acos(std::clamp(dotProduct / std::sqrt(squared1 * squared2), -1.0, 1.0)) *
            BasicMath::kDegreePerRadian;
+}
+
+Metric metricOf(const double (&vectors)[3][3]) {
+    const auto& [a, b, c] = vectors;
+    return {BasicMath::Dot(a, a), BasicMath::Dot(b, b), BasicMath::Dot(c, c),
+            BasicMath::Dot(b, c), BasicMath::Dot(a, c), BasicMath::Dot(a, b)};
 }
 
 CellParameters parametersOf(const Metric& m) {
@@ -198,119 +203,6 @@ Misfit misfitOf(LATTICE::BravaisTypes type, const Metric& m) {
     }
     return misfit;
 }
-
-/// The three shortest vectors that span the lattice, and how they follow from the base given.
-class ShortestBase {
-public:
-    explicit ShortestBase(const double base[3][3]) {
-        for (int i = 0; i < 3; ++i)
-            for (int j = 0; j < 3; ++j)
-                m_vectors[i][j] = base[j][i];
-        m_isReduced = reduce();
-        if (determinant(m_axes) < 0) turnRound();
-    }
-
-    /// False when the vectors are too skew for the reduction to be finished in whole numbers.
-    bool isReduced() const { return m_isReduced; }
-    const Axes& axes() const { return m_axes; }
-    Metric metric() const {
-        const auto& [a, b, c] = m_vectors;
-        return {BasicMath::Dot(a, a), BasicMath::Dot(b, b), BasicMath::Dot(c, c),
-                BasicMath::Dot(b, c), BasicMath::Dot(a, c), BasicMath::Dot(a, b)};
-    }
-
-private:
-    /// Semaev (2001), doi:10.1007/3-540-44670-2_13: the third vector is shortened by the lattice of the other
-    /// two until nothing becomes shorter. Works on the vectors, not on the metric, so that skew bases lose no
-    /// accuracy.
-    bool reduce() {
-        constexpr int mostRounds = 1000;
-        constexpr double largestMultiple = 1e8;
-        for (int round = 0; round < mostRounds; ++round) {
-            sort();
-            const double multiple = nearestMultiple(m_vectors[1], m_vectors[0]);
-            if (!(std::abs(multiple) < largestMultiple)) return false;
-            if (shorten(1, 0, static_cast<int>(multiple))) continue;
-            if (!shortenThird()) return true;
-        }
-        return false;
-    }
-
-    /// Keeps the handedness of the input after an odd number of exchanges.
-    void turnRound() {
-        for (int i = 0; i < 3; ++i) {
-            m_axes[i] = negated(m_axes[i]);
-            for (double& x : m_vectors[i])
-                x = -x;
-        }
-    }
-
-    static double nearestMultiple(const double v[3], const double u[3]) {
-        return BasicMath::round(BasicMath::Dot(v, u) / BasicMath::Dot(u, u));
-    }
-
-    void sort() {
-        const auto swapIfLonger = [this](int i, int j) {
-            if (BasicMath::Dot(m_vectors[i], m_vectors[i]) <= BasicMath::Dot(m_vectors[j], m_vectors[j]))
-                return;
-            std::swap(m_vectors[i], m_vectors[j]);
-            std::swap(m_axes[i], m_axes[j]);
-        };
-        swapIfLonger(0, 1);
-        swapIfLonger(1, 2);
-        swapIfLonger(0, 1);
-    }
-
-    /// Takes `multiple` times vector `by` from vector `i` when that makes it shorter by more than rounding.
-    bool shorten(int i, int by, int multiple) {
-        double candidate[3];
-        for (int k = 0; k < 3; ++k)
-            candidate[k] = m_vectors[i][k] - multiple * m_vectors[by][k];
-        if (!isShorter(candidate, m_vectors[i])) return false;
-        std::copy_n(candidate, 3, m_vectors[i]);
-        m_axes[i] = plus(m_axes[i], -multiple, m_axes[by]);
-        return true;
-    }
-
-    bool shortenThird() {
-        const auto& [a, b, c] = m_vectors;
-        const double aa = BasicMath::Dot(a, a);
-        const double ab = BasicMath::Dot(a, b);
-        const double bb = BasicMath::Dot(b, b);
-        const double ac = BasicMath::Dot(a, c);
-        const double bc = BasicMath::Dot(b, c);
-        const double det = aa * bb - ab * ab;
-        const double x = std::floor((ac * bb - bc * ab) / det);
-        const double y = std::floor((bc * aa - ac * ab) / det);
-        constexpr double largestMultiple = 1e8;
-        if (!(std::abs(x) < largestMultiple && std::abs(y) < largestMultiple)) return false;
-        double shortest[3] = {c[0], c[1], c[2]};
-        int best[2] = {0, 0};
-        for (int i = -1; i <= 2; ++i)
-            for (int j = -1; j <= 2; ++j) {
-                double candidate[3];
-                for (int k = 0; k < 3; ++k)
-                    candidate[k] = c[k] - (x + i) * a[k] - (y + j) * b[k];
-                if (!isShorter(candidate, shortest)) continue;
-                std::copy_n(candidate, 3, shortest);
-                best[0] = static_cast<int>(x) + i;
-                best[1] = static_cast<int>(y) + j;
-            }
-        if (best[0] == 0 && best[1] == 0) return false;
-        std::copy_n(shortest, 3, m_vectors[2]);
-        m_axes[2] = plus(plus(m_axes[2], -best[0], m_axes[0]), -best[1], m_axes[1]);
-        return true;
-    }
-
-    static bool isShorter(const double u[3], const double v[3]) {
-        constexpr double rounding = 1e-12;
-        return BasicMath::Dot(u, u) < BasicMath::Dot(v, v) * (1.0 - rounding);
-    }
-
-    double m_vectors[3][3];
-    Axes m_axes = {{{1, 0, 0}, {0, 1, 0}, {0, 0, 1}}};
-    bool m_isReduced = false;
-};
 
 /// The looseness within which a base still counts as nearly reduced: what the tolerances can do to a metric
 /// value relative to the product of its edges.
@@ -682,7 +574,7 @@ std::vector<LatticeCharacter> LatticeSymmetry::analyse(const UnitCell& cell,
     cell.getOrientationMatrix(base);
     const ShortestBase shortest(base);
     if (!shortest.isReduced()) return {};
-    const NearForms near(shortest.metric(), looseness(tolerances));
+    const NearForms near(metricOf(shortest.vectors()), looseness(tolerances));
 
     std::vector<LatticeCharacter> characters;
     for (const Fit& fit : fitAll(near.forms(), tolerances))

@@ -2,9 +2,7 @@
 
 #include <algorithm>
 #include <array>
-#include <bit>
 #include <cmath>
-#include <cstdint>
 #include <initializer_list>
 #include <iostream>
 #include <limits>
@@ -14,10 +12,12 @@
 #include "crystallography/UnitCell.h"
 #include "crystallography/UnitCellTest.h"
 #include "crystallography/detail/NumberText.h"
+#include "crystallography/detail/ShortestBase.h"
 #include "crystallography/detail/Tolerance.h"
 
 NiggliReduction::State NiggliReduction::m_state = {};
 double NiggliReduction::m_eps = 1e-5;
+double NiggliReduction::m_smallestA = 0.0;
 int NiggliReduction::m_count = 0;
 int NiggliReduction::m_limit = 1000;
 bool NiggliReduction::m_verbose = true;
@@ -26,7 +26,8 @@ std::ostream* NiggliReduction::m_narration = &std::cout;
 
 namespace {
 
-constexpr int kMostStepsOfDegenerateCell = 1'000'000;
+constexpr int kMostSteps = 1'000'000;
+constexpr int kMostStepsFromShortestVectors = 1'000;
 
 /// The sign that an action takes its multiple with: zero counts as negative.
 int sgn(double x) {
@@ -49,40 +50,11 @@ void appendEdgesAndAngles(std::string& text, double A, double B, double C, doubl
     text += '\n';
 }
 
-/// The text of the numbers narrated last. Most steps change two or three of the six values, and turning a
-/// number into text costs more than the step itself.
-class RecentNumbers {
-public:
-    void append(std::string& text, double x) {
-        const auto bits = std::bit_cast<std::uint64_t>(x);
-        for (const Entry& entry : m_entries)
-            if (entry.bits == bits && !entry.text.empty()) {
-                text += entry.text;
-                return;
-            }
-        Entry& oldest = m_entries[m_next++ % m_entries.size()];
-        oldest.bits = bits;
-        oldest.text.clear();
-        VRK::detail::appendNumber(oldest.text, x);
-        text += oldest.text;
-    }
-
-private:
-    struct Entry {
-        std::uint64_t bits = 0;
-        std::string text;
-    };
-    std::array<Entry, 12> m_entries;
-    std::size_t m_next = 0;
-};
-
-RecentNumbers recentNumbers;
-
 void appendSix(std::string& text, std::initializer_list<double> values) {
     const char* separator = "";
     for (const double x : values) {
         text += separator;
-        recentNumbers.append(text, x);
+        VRK::detail::appendNumber(text, x);
         separator = "  ";
     }
 }
@@ -91,8 +63,10 @@ void appendSix(std::string& text, std::initializer_list<double> values) {
 
 /// Remembers where the steps have been and notices when they come back.
 ///
-/// States are compared within the tolerance with the latest ones (circles have a few states) and, for long
-/// circles, with one older state that moves on after 1, 2, 4, 8 ... passes (Brent's method).
+/// As long as A + B + C keeps falling the steps lead nowhere they have been, so it begins to look a few
+/// passes after the last fall. States are compared within the tolerance with the latest ones (circles have a
+/// few states) and, for long circles, with one older state that moves on after 1, 2, 4, 8 ... passes (Brent's
+/// method).
 class NiggliReduction::Circle {
 public:
     enum Place { StartOfPass, SignsSettled };
@@ -100,7 +74,7 @@ public:
     /// True when the working values have been here before and the steps do not end by themselves. The
     /// working state is then the best of the circle.
     bool closes(Place place) {
-        if (m_harmless) return false;
+        if (m_harmless || !isWorthLooking(place)) return false;
         const std::size_t first = findEarlier(place);
         if (first == kNotFound) {
             remember(place);
@@ -120,6 +94,17 @@ private:
 
     static constexpr std::size_t kNotFound = static_cast<std::size_t>(-1);
     static constexpr std::size_t kMostVisits = 64;
+
+    bool isWorthLooking(Place place) {
+        constexpr int passesThatSort = 4;
+        if (place == SignsSettled) return m_passesSinceFall > passesThatSort;
+        const double trace = m_state.A + m_state.B + m_state.C;
+        if (trace < m_lowestTrace - m_eps) {
+            m_lowestTrace = trace;
+            m_passesSinceFall = 0;
+        }
+        return ++m_passesSinceFall > passesThatSort;
+    }
 
     static bool isSame(const State& x, const State& y) {
         return eq(x.A, y.A) && eq(x.B, y.B) && eq(x.C, y.C) && eq(x.xi, y.xi) && eq(x.eta, y.eta) &&
@@ -161,6 +146,8 @@ private:
     State m_milestone = {};
     long m_passes = 0;
     long m_nextMilestone = 1;
+    double m_lowestTrace = std::numeric_limits<double>::infinity();
+    int m_passesSinceFall = 0;
     bool m_harmless = false;
 };
 
@@ -184,6 +171,7 @@ void NiggliReduction::init(UnitCell* cell, int limit) {
     m_verbose = hasReader(m_narration);
     m_overflow = false;
     m_eps = cell->getEps();
+    m_smallestA = 100.0 * m_eps;
     m_state = {cell->getA(),
                cell->getB(),
                cell->getC(),
@@ -194,41 +182,87 @@ void NiggliReduction::init(UnitCell* cell, int limit) {
 }
 
 void NiggliReduction::reduce(const UnitCell& cell) {
-    constexpr int mostRounds = 100;
-    for (int round = 0; round < mostRounds; ++round) {
-        Circle circle;
-        run(cell, &circle);
-        if (m_overflow || !takeMetricFrom(cell)) return;
+    if (run(kMostSteps) && isConfirmedBy(cell)) return;
+    if (!startFromShortestVectors(cell)) return;
+    const State shortest = m_state;
+    constexpr double rounding = 1e-9;
+    const auto trace = [](const State& s) { return s.A + s.B + s.C; };
+    if (run(kMostStepsFromShortestVectors) && trace(transformed(cell)) <= trace(shortest) * (1.0 + rounding))
+        return;
+    m_state = shortest;
+    constexpr int mostSorts = 10;
+    for (int i = 0; i < mostSorts && normalize(); ++i) {
     }
 }
 
-void NiggliReduction::run(const UnitCell& cell, Circle* circle) {
-    const bool degenerate = cell.isDegenerate();
-    while (isSound() && !m_overflow && step(circle))
-        if (degenerate && m_count > kMostStepsOfDegenerateCell) return;
+/// True when the steps ended, or were found in a circle, on values that can be relied on.
+bool NiggliReduction::run(int mostSteps) {
+    Circle circle;
+    const int last = m_count + mostSteps;
+    while (isUsable() && m_count < last)
+        if (!step(&circle)) return isUsable();
+    return false;
 }
 
-bool NiggliReduction::isSound() {
-    // Rounding can leave a metric that no cell has; on such values the steps would go on for ever.
-    return m_state.A >= -m_eps && m_state.B >= -m_eps && m_state.C >= -m_eps &&
-           std::isfinite(m_state.A + m_state.B + m_state.C);
+bool NiggliReduction::isUsable() {
+    return m_state.A >= m_smallestA && !m_overflow;
 }
 
-bool NiggliReduction::takeMetricFrom(const UnitCell& cell) {
-    State& s = m_state;
-    UnitCell transformed(cell);
-    transformed.transform(s.T);
-    const double fresh[6] = {transformed.getA(),       transformed.getB(),       transformed.getC(),
-                             2.0 * transformed.getD(), 2.0 * transformed.getE(), 2.0 * transformed.getF()};
-    double* const working[6] = {&s.A, &s.B, &s.C, &s.xi, &s.eta, &s.zeta};
-    const double rounding = 1e-12 * (fresh[0] + fresh[1] + fresh[2]);
-    double drift = 0.0;
-    for (int i = 0; i < 6; ++i)
-        drift = std::max(drift, std::abs(*working[i] - fresh[i]));
-    if (!(drift > std::max(m_eps, rounding))) return false;
-    for (int i = 0; i < 6; ++i)
-        *working[i] = fresh[i];
-    return true;
+/// The six values of the transformed vectors.
+NiggliReduction::State NiggliReduction::transformed(const UnitCell& cell) {
+    State out = m_state;
+    UnitCell copy(cell);
+    copy.transform(out.T);
+    out.A = copy.getA();
+    out.B = copy.getB();
+    out.C = copy.getC();
+    out.xi = 2.0 * copy.getD();
+    out.eta = 2.0 * copy.getE();
+    out.zeta = 2.0 * copy.getF();
+    return out;
+}
+
+/// Whether the transformed vectors are reduced as the working values say.
+bool NiggliReduction::isConfirmedBy(const UnitCell& cell) {
+    const State& s = m_state;
+    const State fresh = transformed(cell);
+    if (roundingOf(cell) > m_eps) {
+        const double drift =
+            std::max({std::abs(fresh.A - s.A), std::abs(fresh.B - s.B), std::abs(fresh.C - s.C),
+                      std::abs(fresh.xi - s.xi), std::abs(fresh.eta - s.eta), std::abs(fresh.zeta - s.zeta)});
+        return drift <= m_eps;
+    }
+    const double tolerance = std::clamp(0.01 * fresh.A, m_eps, 100.0 * m_eps);
+    return UnitCellTest::fulfillPrimaryConditions(fresh.A, fresh.B, fresh.C, fresh.xi, fresh.eta, fresh.zeta,
+                                                  tolerance) &&
+           fresh.A + fresh.B + fresh.xi + fresh.eta + fresh.zeta >= -tolerance;
+}
+
+/// What the digits lost since the first of the working values can amount to.
+double NiggliReduction::roundingOf(const UnitCell& cell) {
+    const auto& T = m_state.T;
+    const double a = std::sqrt(cell.getA());
+    const double b = std::sqrt(cell.getB());
+    const double c = std::sqrt(cell.getC());
+    double longest = 0.0;
+    for (int j = 0; j < 3; ++j)
+        longest = std::max(longest, std::abs(T[0][j]) * a + std::abs(T[1][j]) * b + std::abs(T[2][j]) * c);
+    return 4.0 * std::numeric_limits<double>::epsilon() * longest * longest;
+}
+
+/// False when they cannot be told; the working state is then that of some base of the lattice.
+bool NiggliReduction::startFromShortestVectors(const UnitCell& cell) {
+    double base[3][3];
+    cell.getOrientationMatrix(base);
+    const VRK::detail::ShortestBase shortest(base);
+    for (std::size_t i = 0; i < 3; ++i)
+        for (std::size_t j = 0; j < 3; ++j)
+            m_state.T[i][j] = shortest.axes()[j][i];
+    m_state = transformed(cell);
+    m_eps = std::min(m_eps, 1e-5 * m_state.A);
+    m_smallestA = 0.0;
+    m_overflow = false;
+    return shortest.isReduced();
 }
 
 bool NiggliReduction::endsByItself() {
@@ -243,7 +277,7 @@ bool NiggliReduction::endsByItself() {
     };
     State milestone = start;
     bool ends = false;
-    for (long pass = 1; pass < mostPasses && isSound() && !m_overflow; ++pass) {
+    for (long pass = 1; pass < mostPasses && isUsable(); ++pass) {
         ends = !step(nullptr);
         if (ends || isExactly(m_state, milestone)) break;
         if ((pass & (pass - 1)) == 0) milestone = m_state;

@@ -12,19 +12,25 @@ class UnitCell;
 /// values (A, B, C, xi, eta, zeta) = (a.a, b.b, c.c, 2 b.c, 2 a.c, 2 a.b), every comparison tolerant by
 /// UnitCell::getEps(). The accumulated integer matrix T is applied to the cell once at the end.
 ///
-/// Two things differ from the paper. The middle condition of A6 tests zeta = A, so a cell with eta = A and
+/// The middle condition of A6 tests zeta = A where the paper tests eta = A, so a cell with eta = A and
 /// zeta > 2 xi stays a Buerger cell that is not the Niggli cell; and on some cells that condition makes the
-/// steps run in a circle. Therefore:
-/// - When the six values come back, within eps, to a state they had before, and the steps do not end by
-///   themselves from there either, the reduction stops at the first state of the circle that passes the
-///   Niggli test, else at the first that passes the Buerger test, else where it is. T belongs to that state.
-/// - Where rounding has moved the six values by more than eps away from the transformed vectors (input
-///   vectors many thousand times longer than the reduced ones), the values are taken anew from the vectors
-///   and the steps go on.
+/// steps run in a circle. When the six values come back, within eps, to a state they had before, and the
+/// steps do not end by themselves from there either, the reduction stops at the first state of the circle
+/// that passes the Niggli test, else at the first that passes the Buerger test, else where it is.
 ///
-/// Every cell that is not UnitCell::isDegenerate() is reduced in a finite number of steps, about as many as
-/// its longest vector is longer than the reduced one. A host asks isDegenerate() first; a degenerate cell
-/// comes back in some equivalent form, at the latest after a million steps.
+/// A value within eps of zero takes the sign that the others ask for, which moves it by up to twice eps; the
+/// six values then differ from those of the transformed vectors by a few eps. That belongs to the steps and
+/// is left alone. In three cases the values say too little about the lattice:
+/// - rounding may have moved them by more than eps, and they differ from those of the vectors by more than
+///   that (input vectors many thousand times longer than the reduced ones);
+/// - an edge is shorter than ten times the square root of eps, so that eps is not small beside its square;
+/// - the steps end, or have gone on a million times, and the transformed vectors are not reduced.
+/// Then the three shortest lattice vectors are looked for on the vectors themselves, and the steps go on from
+/// these with a tolerance of at most 1e-5 of the square of the shortest.
+///
+/// So every cell that is not UnitCell::isDegenerate(), and whose T fits into whole numbers of 32 bits, is
+/// reduced in a finite number of steps, about as many as its longest vector is longer than the reduced one.
+/// A host asks isDegenerate() first; a degenerate cell comes back in some equivalent form.
 ///
 /// Not reentrant: the working state is shared by all reductions of the process.
 class VRKCORE_EXPORT NiggliReduction {
@@ -49,7 +55,7 @@ private:
 
     static void init(UnitCell* cell, int limit);
     static void reduce(const UnitCell& cell);
-    static void run(const UnitCell& cell, Circle* circle);
+    static bool run(int mostSteps);
     static bool step(Circle* circle);
     static bool normalize();
     static bool normalizeStep();
@@ -70,9 +76,12 @@ private:
     static bool lt(double x, double y);
     static bool gt(double x, double y);
 
-    static bool isSound();
+    static bool isUsable();
     static bool endsByItself();
-    static bool takeMetricFrom(const UnitCell& cell);
+    static bool isConfirmedBy(const UnitCell& cell);
+    static double roundingOf(const UnitCell& cell);
+    static State transformed(const UnitCell& cell);
+    static bool startFromShortestVectors(const UnitCell& cell);
 
     static void narrateStart(const UnitCell& cell);
     static void narrateValues();
@@ -81,6 +90,7 @@ private:
 
     static State m_state;
     static double m_eps;
+    static double m_smallestA;
     static int m_count;
     static int m_limit;
     static bool m_verbose;

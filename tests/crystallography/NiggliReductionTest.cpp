@@ -44,6 +44,15 @@ public:
         return std::nullopt;
     }
 
+    /// What is said about the values from the first pass to the verdict.
+    std::string narration() {
+        const bool isNiggli = UnitCellTest::isNiggliCell(s[0], s[1], s[2], s[3], s[4], s[5], e);
+        m_text << "Niggli reduction beendet\n";
+        writeValues();
+        m_text << (isNiggli ? "Ja ist Niggli-Zelle\n" : "Nein ist leider keine Niggli-Zelle\n");
+        return m_text.str();
+    }
+
 private:
     bool eq(double x, double y) const { return !(x < y - e || y < x - e); }
     bool lt(double x, double y) const { return x < y - e; }
@@ -60,6 +69,7 @@ private:
 
     bool pass() {
         auto& [A, B, C, x, y, z] = s;
+        narrate();
         if (gt(A, B) || (eq(A, B) && gt(std::abs(x), std::abs(y)))) {
             times({{{0, -1, 0}, {-1, 0, 0}, {0, 0, -1}}});
             std::swap(A, B);
@@ -73,6 +83,7 @@ private:
             return true;
         }
         settleSigns();
+        narrate();
         const auto sgn = [](double v) { return v > 0.0 ? 1 : -1; };
         if (gt(std::abs(x), B) || (eq(x, B) && lt(2 * y, z)) || (eq(x, -B) && lt(z, 0))) {
             const int g = sgn(x);
@@ -129,7 +140,18 @@ private:
         times({{{sign[0], 0, 0}, {0, sign[1], 0}, {0, 0, sign[2]}}});
     }
 
+    void narrate() {
+        if (UnitCellTest::isBurgerCell(s[0], s[1], s[2], s[3], s[4], s[5], e)) m_text << "Burger-Zelle:\n";
+        writeValues();
+    }
+
+    void writeValues() {
+        for (std::size_t i = 0; i < 6; ++i)
+            m_text << s[i] << (i < 5 ? "  " : "\n");
+    }
+
     Six s;
+    std::ostringstream m_text;
     IntMatrix T = {{{1, 0, 0}, {0, 1, 0}, {0, 0, 1}}};
     static constexpr double e = 1e-5;
 };
@@ -223,6 +245,49 @@ TEST_F(NiggliReductionTest, FollowsTheStatedStepsWhereTheyEnd) {
     EXPECT_GT(ended, count * 9 / 10);
 }
 
+/// A cell with several of its values within a few tolerances of where the steps decide: round edges and right
+/// or special angles, each value moved a little, in a random base.
+UnitCell nearTolerance(RandomLattice& random, int n) {
+    constexpr double edges[] = {3.0, 4.0, 4.0, 5.0, 5.0, 7.0};
+    Six s;
+    for (std::size_t i = 0; i < 3; ++i) {
+        const double edge = edges[random.integer(0, 5)];
+        s[i] = edge * edge;
+    }
+    const double limits[3] = {std::min(s[1], s[2]), std::min(s[0], s[2]), std::min(s[0], s[1])};
+    constexpr double fractions[] = {0.0, 0.0, 0.0, 0.0, 1.0, -1.0, 0.5, -2.0 / 3.0};
+    do
+        for (std::size_t i = 0; i < 3; ++i)
+            s[i + 3] = limits[i] * fractions[random.integer(0, 7)];
+    while (cellOfMetric(s).isDegenerate());
+    for (double& value : s)
+        if (random.integer(0, 2) > 0) value += 1e-5 * random.uniform(-3.0, 3.0);
+    UnitCell cell = cellOfMetric(s);
+    cell.transform(raw(random.unimodular(n % 7)));
+    return cell;
+}
+
+TEST_F(NiggliReductionTest, FollowsTheStatedStepsNearTheTolerance) {
+    RandomLattice random(14);
+    int ended = 0;
+    constexpr int count = 10'000;
+    for (int n = 0; n < count; ++n) {
+        const UnitCell input = nearTolerance(random, n);
+        UnitCell cell(input);
+        m_narration.str("");
+        NiggliReduction::niggliReduction(&cell, 0);
+        PlainSteps plain(input);
+        const auto result = plain.run(1000);
+        if (!result) continue;
+        ++ended;
+        ASSERT_EQ(matrixBetween(input, cell), result->second) << "draw " << n;
+        const std::string text = m_narration.str();
+        const std::size_t begin = text.find("gestartet\n") + 10;
+        ASSERT_EQ(text.substr(begin, text.find("Matrix") - begin), plain.narration()) << "draw " << n;
+    }
+    EXPECT_GT(ended, count * 9 / 10);
+}
+
 TEST_F(NiggliReductionTest, AgreesWithSpglib) {
     RandomLattice random(12);
     int compared = 0;
@@ -288,6 +353,48 @@ TEST_F(NiggliReductionTest, SkewBasesLoseNoAccuracy) {
         cell.transform(matrix);
         NiggliReduction::niggliReduction(&cell, 0);
         expectNear(sixOf(cell), sixOf(reduced), 1e-7);
+    }
+}
+
+/// How much shorter, relatively, an edge could be: 0 for a reduced cell.
+double excessOf(const UnitCell& cell) {
+    const Matrix base = baseOf(cell);
+    double excess = 0.0;
+    for (int n = 0; n < 125; ++n) {
+        const int hkl[3] = {n / 25 - 2, n / 5 % 5 - 2, n % 5 - 2};
+        double squared = 0.0;
+        for (const auto& row : base)
+            squared += std::pow(row[0] * hkl[0] + row[1] * hkl[1] + row[2] * hkl[2], 2);
+        const double edges[3] = {cell.getA(), cell.getB(), cell.getC()};
+        for (int i = 0; i < 3; ++i)
+            if (std::abs(hkl[i]) == 1) excess = std::max(excess, edges[i] / squared - 1.0);
+    }
+    return excess;
+}
+
+TEST_F(NiggliReductionTest, ReducesThinLattices) {
+    NiggliReduction::setNarration(nullptr);
+    UnitCell nearlyFlat = cellOf(Parameters{28.569498258037, 39.056075439509, 17.319829675837,
+                                            21.282650465091, 82.951500929849, 61.668850544794});
+    NiggliReduction::niggliReduction(&nearlyFlat, 0);
+    EXPECT_LT(excessOf(nearlyFlat), 1e-5);
+    RandomLattice random(15);
+    for (int n = 0; n < 2000; ++n) {
+        Parameters p = parametersOf(random.primitive(kAllBravaisTypes[static_cast<std::size_t>(n) % 14]));
+        p.a = std::pow(10.0, random.uniform(-4.0, -1.7));
+        if (n % 3 == 0) p.b = p.a * random.integer(1, 3);
+        UnitCell cell = cellOf(p);
+        const int far = n % 2 == 0 ? 3 : 3000;
+        const int matrix[3][3] = {{1, random.integer(-far, far), random.integer(-far, far)},
+                                  {0, 1, random.integer(-far, far)},
+                                  {0, 0, 1}};
+        cell.transform(matrix);
+        cell.transform(raw(random.unimodular(4)));
+        const double volume = cell.getExactVolume();
+        if (cell.isDegenerate()) continue;
+        NiggliReduction::niggliReduction(&cell, 0);
+        ASSERT_LT(excessOf(cell), 1e-5) << "draw " << n;
+        ASSERT_NEAR(cell.getExactVolume(), volume, 1e-6 * volume);
     }
 }
 
