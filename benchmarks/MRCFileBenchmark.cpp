@@ -136,6 +136,28 @@ void readMRCFileMemory(benchmark::State& state) {
     state.counters["memory_over_data"] = ratio;
 }
 
+/// A volume of 512 x 512 x 121 voxels as a view of the given reduction. Counter memory_over_data as above.
+void readView(benchmark::State& state, VoxVolumeData::Block block) {
+    const std::string path = seriesFile().path() + ".volume";
+    const SilentOutput silent;
+    {
+        const std::unique_ptr<VoxMRCData> data(VoxMRCFileHandler().readMRCFile(seriesFile().path()));
+        data->m_Header.type = MRCType::MRCVOLUME;
+        data->m_Header.next = 0;
+        VoxMRCFileHandler().writeMRCFile(data.get(), path);
+    }
+    double ratio = 0;
+    for (auto _ : state) {
+        const double before = memory("VmRSS");
+        std::ofstream("/proc/self/clear_refs") << "5";
+        const std::unique_ptr<VoxVolumeData> view(
+            VoxMRCFileHandler().readMRCFile_asVolumeData(path, static_cast<int>(state.range(0)), block));
+        ratio = (memory("VmHWM") - before) / static_cast<double>(kDataBytes);
+    }
+    state.counters["memory_over_data"] = ratio;
+    std::filesystem::remove(path);
+}
+
 void plainWrite(benchmark::State& state) {
     const std::vector<short> values(kDataBytes / 2, 7);
     const std::string path = seriesFile().path() + ".out";
@@ -161,5 +183,13 @@ void writeMRCFile(benchmark::State& state) {
 BENCHMARK(plainRead)->Unit(benchmark::kMillisecond);
 BENCHMARK(readMRCFile)->Unit(benchmark::kMillisecond);
 BENCHMARK(readMRCFileMemory)->Iterations(3)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(readView, means, VoxVolumeData::Block::Mean)
+    ->RangeMultiplier(2)
+    ->Range(1, 8)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(readView, maxima, VoxVolumeData::Block::Maximum)
+    ->RangeMultiplier(2)
+    ->Range(1, 8)
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK(plainWrite)->Unit(benchmark::kMillisecond);
 BENCHMARK(writeMRCFile)->Unit(benchmark::kMillisecond);

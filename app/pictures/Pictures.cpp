@@ -42,18 +42,8 @@ ReciprocalSection::Settings planeSettings(const std::string& plane) {
     return settings;
 }
 
-}  // namespace
-
-void checkPlanes(const std::vector<std::string>& planes) {
-    for (const std::string& plane : planes)
-        planeSettings(plane);
-}
-
-std::vector<fs::path> writeSections(const VoxMRCData& volume, const UnitCell& cell,
-                                    const SectionOptions& options, const fs::path& folder) {
-    const std::array<double, 3> origin = {0.5 * (volume.GetWidth() - 1.0), 0.5 * (volume.GetHeight() - 1.0),
-                                          0.5 * (volume.GetDepth() - 1.0)};
-    const ReciprocalSection section(volume, cell, origin);
+std::vector<fs::path> draw(const ReciprocalSection& section, const SectionOptions& options,
+                           const fs::path& folder) {
     std::vector<fs::path> written;
     for (const std::string& plane : options.planes) {
         ReciprocalSection::Settings settings = planeSettings(plane);
@@ -66,15 +56,43 @@ std::vector<fs::path> writeSections(const VoxMRCData& volume, const UnitCell& ce
     return written;
 }
 
-std::vector<fs::path> writeProjections(const VoxMRCData& volume, bool tga, const fs::path& folder) {
+template <typename Data>
+std::vector<fs::path> project(const Data& data, bool tga, const fs::path& folder) {
     static constexpr std::array<const char*, 3> kNames = {"projection_x", "projection_y", "projection_z"};
     std::vector<fs::path> written;
     for (int axis = 0; axis < 3; ++axis) {
-        const PlaneImage image = VolumeProjection::maximumAlong(volume, axis);
+        const PlaneImage image = VolumeProjection::maximumAlong(data, axis);
         save(image, VolumeProjection::axesOf(image, axis), tga,
              folder / kNames[static_cast<std::size_t>(axis)], written);
     }
     return written;
+}
+
+}  // namespace
+
+void checkPlanes(const std::vector<std::string>& planes) {
+    for (const std::string& plane : planes)
+        planeSettings(plane);
+}
+
+std::vector<fs::path> writeSections(const VoxMRCData& volume, const UnitCell& cell,
+                                    const SectionOptions& options, const fs::path& folder) {
+    const std::array<double, 3> origin = {0.5 * (volume.GetWidth() - 1.0), 0.5 * (volume.GetHeight() - 1.0),
+                                          0.5 * (volume.GetDepth() - 1.0)};
+    return draw(ReciprocalSection(volume, cell, origin), options, folder);
+}
+
+std::vector<fs::path> writeSections(const VoxVolumeData& view, const UnitCell& cell,
+                                    const SectionOptions& options, const fs::path& folder) {
+    return draw(ReciprocalSection(view, cell), options, folder);
+}
+
+std::vector<fs::path> writeProjections(const VoxMRCData& volume, bool tga, const fs::path& folder) {
+    return project(volume, tga, folder);
+}
+
+std::vector<fs::path> writeProjections(const VoxVolumeData& view, bool tga, const fs::path& folder) {
+    return project(view, tga, folder);
 }
 
 }  // namespace vrk::app

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
+#include "VoxCore/DataModel/VoxVolumeData.h"
 #include "crystallography/UnitCell.h"
 
 namespace vrk::app {
@@ -32,9 +33,15 @@ void checkPlanes(const std::vector<std::string>& planes);
 std::vector<std::filesystem::path> writeSections(const VoxMRCData& volume, const UnitCell& cell,
                                                  const SectionOptions& options,
                                                  const std::filesystem::path& folder);
+/// \param cell  in voxels of the volume that the view shows
+std::vector<std::filesystem::path> writeSections(const VoxVolumeData& view, const UnitCell& cell,
+                                                 const SectionOptions& options,
+                                                 const std::filesystem::path& folder);
 
 /// Writes `projection_x.png`, `projection_y.png` and `projection_z.png`. Returns the paths.
 std::vector<std::filesystem::path> writeProjections(const VoxMRCData& volume, bool tga,
+                                                    const std::filesystem::path& folder);
+std::vector<std::filesystem::path> writeProjections(const VoxVolumeData& view, bool tga,
                                                     const std::filesystem::path& folder);
 
 }  // namespace vrk::app

@@ -1,5 +1,7 @@
 #include "pipeline/frames/DataFiles.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <sstream>
 #include <string>
 
@@ -9,6 +11,18 @@
 #include "pipeline/base/OutputFile.h"
 
 namespace vrk {
+namespace {
+
+void checkVolume(const mrcH& header, const std::filesystem::path& path) {
+    if (header.type == MRCType::MRCVOLUME) return;
+    std::ostringstream text;
+    text << path.string() << " holds a tilt series (" << header.nz << " patterns from " << header.tilt(0)
+         << " to " << header.tilt(header.nz - 1)
+         << " degrees), not a volume; run 'vrk reconstruct' on it first";
+    throw Failure(text.str());
+}
+
+}  // namespace
 
 std::unique_ptr<VoxMRCData> readMRC(const std::filesystem::path& path, Session& session) {
     VoxMRCFileHandler handler;
@@ -28,13 +42,22 @@ std::unique_ptr<VoxMRCData> readSeries(const std::filesystem::path& path, Sessio
 
 std::unique_ptr<VoxMRCData> readVolume(const std::filesystem::path& path, Session& session) {
     std::unique_ptr<VoxMRCData> volume = readMRC(path, session);
-    const mrcH& header = volume->m_Header;
-    if (header.type == MRCType::MRCVOLUME) return volume;
-    std::ostringstream text;
-    text << path.string() << " holds a tilt series (" << header.nz << " patterns from " << header.tilt(0)
-         << " to " << header.tilt(header.nz - 1)
-         << " degrees), not a volume; run 'vrk reconstruct' on it first";
-    throw Failure(text.str());
+    checkVolume(volume->m_Header, path);
+    return volume;
+}
+
+std::unique_ptr<VoxVolumeData> readVolumeView(const std::filesystem::path& path, int edge, Session& session) {
+    VoxMRCFileHandler handler;
+    handler.registerObserver(&session.progress());
+    const std::unique_ptr<mrcH> header =
+        runStage(session, "header", [&] { return handler.readMRCFile_onlyHeader(path.string()); });
+    checkVolume(*header, path);
+    int reduction = 8;
+    while (reduction > 1 && std::max({header->nx, header->ny, header->nz}) < std::int64_t{edge} * reduction)
+        reduction /= 2;
+    return runStage(session, "read", [&] {
+        return handler.readMRCFile_asVolumeData(path.string(), reduction, VoxVolumeData::Block::Maximum);
+    });
 }
 
 void writeData(VoxMRCData& data, const std::filesystem::path& path, Session& session) {

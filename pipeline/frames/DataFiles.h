@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
+#include "VoxCore/DataModel/VoxVolumeData.h"
 #include "pipeline/base/Session.h"
 
 namespace vrk {
@@ -19,6 +20,12 @@ std::unique_ptr<VoxMRCData> readSeries(const std::filesystem::path& path, Sessio
 
 /// A reciprocal volume. Throws Failure when the file cannot be read or holds a tilt series.
 std::unique_ptr<VoxMRCData> readVolume(const std::filesystem::path& path, Session& session);
+
+/// A view of a reciprocal volume, made of the largest values of blocks; the volume itself is never held.
+/// \param edge  largest edge that the view has to have, voxels: the reduction is the largest of 1, 2, 4 and 8
+///              that leaves at least so many, where the volume has them
+/// Throws Failure as readVolume() does.
+std::unique_ptr<VoxVolumeData> readVolumeView(const std::filesystem::path& path, int edge, Session& session);
 
 /// Writes aside and renames when complete. Throws Failure when that is not possible.
 void writeData(VoxMRCData& data, const std::filesystem::path& path, Session& session);

@@ -47,6 +47,13 @@ std::string axisName(const std::array<int, 3>& hkl) {
     return nameOf(hkl);
 }
 
+std::array<Vector, 3> reciprocalBase(UnitCell cell) {
+    const std::unique_ptr<UnitCell> reciprocal(cell.isRealCell() ? cell.getReciprocalCell() : nullptr);
+    std::array<Vector, 3> base;
+    (reciprocal ? *reciprocal : cell).getBase(base[0].data(), base[1].data(), base[2].data());
+    return base;
+}
+
 }  // namespace
 
 ReciprocalSection::ReciprocalSection(const VoxMRCData& volume, const UnitCell& cell,
@@ -56,11 +63,12 @@ ReciprocalSection::ReciprocalSection(const VoxMRCData& volume, const UnitCell& c
       m_depth(static_cast<int>(volume.GetDepth())),
       m_stepX(m_height),
       m_stepY(1),
+      m_reduction(1.0),
       m_halfExtent(0.5 * std::max({m_width, m_height, m_depth})),
+      m_base(reciprocalBase(cell)),
       m_origin(origin) {
     for (unsigned z = 0; z < volume.GetDepth(); ++z)
         m_slices.push_back(volume.GetChunkPointer(z));
-    setBase(cell);
 }
 
 ReciprocalSection::ReciprocalSection(const VoxVolumeData& view, const UnitCell& cell)
@@ -69,18 +77,15 @@ ReciprocalSection::ReciprocalSection(const VoxVolumeData& view, const UnitCell& 
       m_depth(static_cast<int>(view.depth())),
       m_stepX(1),
       m_stepY(m_width),
+      m_reduction(view.reduction()),
       m_halfExtent(0.5 + *std::max_element(view.middle().begin(), view.middle().end())),
+      m_base(reciprocalBase(cell)),
       m_origin(view.middle()) {
+    for (Vector& vector : m_base)
+        vector = (1.0 / m_reduction) * vector;
     const std::size_t area = std::size_t{view.width()} * view.height();
     for (std::size_t z = 0; z < view.depth(); ++z)
         m_slices.push_back(view.voxels().data() + z * area);
-    setBase(cell);
-}
-
-void ReciprocalSection::setBase(const UnitCell& cell) {
-    UnitCell copy(cell);
-    const std::unique_ptr<UnitCell> reciprocal(copy.isRealCell() ? copy.getReciprocalCell() : nullptr);
-    (reciprocal ? *reciprocal : copy).getBase(m_base[0].data(), m_base[1].data(), m_base[2].data());
 }
 
 Vector ReciprocalSection::node(const std::array<int, 3>& hkl) const {
@@ -102,7 +107,7 @@ ReciprocalSection::Frame ReciprocalSection::frameOf(const Settings& settings) co
     frame.up = cross(frame.normal, frame.right);
     // The foot of the origin's perpendicular on the plane is the middle of the picture.
     frame.centre = m_origin + (settings.level * dot(frame.normal, w)) * frame.normal;
-    const double radius = settings.radius > 0.0 ? settings.radius : m_halfExtent;
+    const double radius = settings.radius > 0.0 ? settings.radius / m_reduction : m_halfExtent;
     frame.voxelsPerPixel = 2.0 * radius / settings.size;
     frame.valid = true;
     return frame;
@@ -136,8 +141,9 @@ PlaneImage ReciprocalSection::sample(const Settings& settings) const {
     const Frame frame = frameOf(settings);
     if (!frame.valid) return {};
     PlaneImage image(settings.size, settings.size);
-    const int layers = settings.thickness > 0.0 ? 1 + static_cast<int>(std::ceil(settings.thickness)) : 1;
-    const double spacing = layers > 1 ? settings.thickness / (layers - 1) : 0.0;
+    const double thickness = settings.thickness / m_reduction;
+    const int layers = thickness > 0.0 ? 1 + static_cast<int>(std::ceil(thickness)) : 1;
+    const double spacing = layers > 1 ? thickness / (layers - 1) : 0.0;
     const double middle = 0.5 * (settings.size - 1);
     const Vector step = frame.voxelsPerPixel * frame.right;
     for (int row = 0; row < settings.size; ++row) {

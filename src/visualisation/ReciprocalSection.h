@@ -38,9 +38,8 @@ public:
     ///                size
     /// \param origin  the voxel coordinates of the reciprocal origin
     ReciprocalSection(const VoxMRCData& volume, const UnitCell& cell, const std::array<double, 3>& origin);
-    /// The same of a view. Its origin is the view's middle, and lengths of the settings count its voxels.
-    /// \param cell  the reciprocal cell in voxels of the view; a direct cell with the view's pixel size is
-    ///              converted
+    /// The same of a view of a volume, whose middle is the origin. Cell and settings count voxels of the
+    /// volume, so that the same ones give the same picture at every reduction.
     ReciprocalSection(const VoxVolumeData& view, const UnitCell& cell);
 
     /// The picture; voxels outside the volume are not measured (NaN).
@@ -67,14 +66,14 @@ private:
         bool valid;
     };
 
-    void setBase(const UnitCell& cell);
     Frame frameOf(const Settings& settings) const;
     Vector node(const std::array<int, 3>& hkl) const;
     float interpolate(float x, float y, float z) const;
 
     int m_width, m_height, m_depth;
     std::ptrdiff_t m_stepX, m_stepY;  ///< from voxel to voxel inside a slice
-    double m_halfExtent;              ///< half the largest edge of the data, voxels
+    double m_reduction;               ///< voxels of the volume along the edge of one that is looked at
+    double m_halfExtent;              ///< half the largest edge, in voxels that are looked at
     std::vector<const short*> m_slices;
     std::array<Vector, 3> m_base;
     Vector m_origin;

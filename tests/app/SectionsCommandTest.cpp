@@ -1,12 +1,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
 #include <sstream>
+#include <tuple>
 
 #include "RunVrk.h"
 #include "VoxCore/DataModel/VoxMRCData.h"
@@ -73,30 +75,36 @@ TEST_F(SectionsCommand, DrawsThePlanesAndTheProjections) {
         EXPECT_TRUE(exists("the pictures/" + std::string(name) + ".png")) << name;
 }
 
+/// Also in small pictures, for which the volume is read reduced.
 TEST_F(SectionsCommand, PutsNodesWhereTheirIndicesSay) {
-    const VrkResult run = sections("volume.mrc", {"--primitive", "--plane", "hk0", "--plane", "hk1", "--size",
-                                                  "200", "--tga", "--json"});
-    ASSERT_EQ(run.exitCode, 0) << run.err;
-    EXPECT_FALSE(exists("the pictures/h0l.png"));
-    const auto files = nlohmann::json::parse(run.out)["files"];
-    EXPECT_EQ(files.size(), 10U);
-    for (const std::string file : files)
-        EXPECT_TRUE(exists(file)) << file;
     constexpr std::size_t kHeader = 18;
-    const std::string hk0 = m_folder.read("the pictures/hk0.tga");
-    const std::string hk1 = m_folder.read("the pictures/hk1.tga");
-    ASSERT_EQ(hk0.size(), kHeader + 200 * 200);
-    ASSERT_EQ(hk1.size(), hk0.size());
-    const auto grey = [](const std::string& picture, double right, double up) {
-        const double pixelsPerVoxel = 200.0 / kEdge;
-        const auto x = static_cast<std::size_t>(99.5 + pixelsPerVoxel * right);
-        const auto y = static_cast<std::size_t>(99.5 - pixelsPerVoxel * up);
-        return static_cast<unsigned char>(picture[kHeader + y * 200 + x]);
-    };
-    EXPECT_GT(grey(hk0, 16.5, 10.5), 200);
-    for (const auto& [right, up] : {std::pair(16.5, -10.5), {-16.5, 10.5}, {10.5, 16.5}})
-        EXPECT_LT(grey(hk0, right, up), 100);
-    EXPECT_LT(grey(hk1, 16.5, 10.5), 100);
+    for (const auto& [size, reduction, projection] : {std::tuple(200U, 1, kEdge), {24U, 2, 25U}}) {
+        SCOPED_TRACE(size);
+        const VrkResult run = sections("volume.mrc", {"--primitive", "--plane", "hk0", "--plane", "hk1",
+                                                      "--size", std::to_string(size), "--tga", "--json"});
+        ASSERT_EQ(run.exitCode, 0) << run.err;
+        EXPECT_FALSE(exists("the pictures/h0l.png"));
+        const auto json = nlohmann::json::parse(run.out);
+        EXPECT_EQ(json["reduction"], reduction);
+        EXPECT_EQ(json["files"].size(), 10U);
+        for (const std::string file : json["files"])
+            EXPECT_TRUE(exists(file)) << file;
+        const std::string hk0 = m_folder.read("the pictures/hk0.tga");
+        const std::string hk1 = m_folder.read("the pictures/hk1.tga");
+        ASSERT_EQ(hk0.size(), kHeader + size * size);
+        ASSERT_EQ(hk1.size(), hk0.size());
+        EXPECT_EQ(m_folder.read("the pictures/projection_x.tga").size(), kHeader + projection * projection);
+        const auto grey = [&](const std::string& picture, double right, double up) {
+            const double pixelsPerVoxel = size / double{kEdge};
+            const auto x = static_cast<std::size_t>(std::lround(0.5 * (size - 1) + pixelsPerVoxel * right));
+            const auto y = static_cast<std::size_t>(std::lround(0.5 * (size - 1) - pixelsPerVoxel * up));
+            return static_cast<unsigned char>(picture[kHeader + y * size + x]);
+        };
+        EXPECT_GT(grey(hk0, 16.5, 10.5), 200);
+        for (const auto& [right, up] : {std::pair(16.5, -10.5), {-16.5, 10.5}, {10.5, 16.5}})
+            EXPECT_LT(grey(hk0, right, up), 100);
+        EXPECT_LT(grey(hk1, 16.5, 10.5), 100);
+    }
 }
 
 TEST_F(SectionsCommand, RefusesWhatItCannotDraw) {

@@ -179,9 +179,7 @@ TEST(ReciprocalSection, CutsViewsLikeTheirVolume) {
     const VoxVolumeData half = full.reduced(2, VoxVolumeData::Block::Maximum);
     EXPECT_EQ(half.reduction(), 2);
     EXPECT_EQ(half.reduced(2).middle(), VoxVolumeData::fromData(*volume, 4).middle());
-    const double halfA[3] = {4.5, 1.0, 0.5}, halfB[3] = {-0.5, 4.0, 1.5}, halfC[3] = {0.5, -1.0, 5.0};
-    settings.thickness /= 2;
-    const ReciprocalSection section(half, UnitCell(halfA, halfB, halfC, 1.0, false, true, LATTICE::aP));
+    const ReciprocalSection section(half, cell);
     const PlaneImage coarse = section.sample(settings);
     int marked = 0;
     for (const ImageOverlay::Node& node : section.overlay(settings, true).nodes) {

@@ -68,6 +68,10 @@ void SliceReduction::addRows(std::span<const short> slice, Combine combine) {
 }
 
 void SliceReduction::add(int z, std::span<const short> slice) {
+    if (m_edge == 1 && m_blockDepth == 1) {
+        store(z, slice.data());
+        return;
+    }
     if (m_block == VoxVolumeData::Block::Mean)
         addRows(slice, [](std::int64_t sum, short value) { return sum + value; });
     else
@@ -88,12 +92,18 @@ void SliceReduction::finishLayer(int viewZ, int slices) {
                               ? roundedMean(m_layer[i], length * blockLength(column, m_edge, m_columns))
                               : static_cast<short>(m_layer[i]);
     }
-    short* const out = m_view.m_voxels.data() + static_cast<std::size_t>(viewZ) * m_values.size();
-    if (m_order == Order::XFastest)
-        std::copy(m_values.begin(), m_values.end(), out);
-    else
-        transpose(m_values.data(), static_cast<std::size_t>(rows), static_cast<std::size_t>(columns), out);
+    store(viewZ, m_values.data());
     startLayer();
+}
+
+void SliceReduction::store(int viewZ, const short* values) {
+    const auto columns = static_cast<std::size_t>(blocksAlong(m_columns, m_edge));
+    const auto rows = static_cast<std::size_t>(blocksAlong(m_rows, m_edge));
+    short* const out = m_view.m_voxels.data() + static_cast<std::size_t>(viewZ) * rows * columns;
+    if (m_order == Order::XFastest)
+        std::copy(values, values + rows * columns, out);
+    else
+        transpose(values, rows, columns, out);
 }
 
 }  // namespace VRK::detail

@@ -31,6 +31,8 @@ private:
     template <typename Combine>
     void addRows(std::span<const short> slice, Combine combine);
     void finishLayer(int viewZ, int slices);
+    /// Puts the values of a layer, in the order of the source, into the view.
+    void store(int viewZ, const short* values);
 
     int m_depth;
     int m_edge;  ///< of a block along x and y
