@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "crystallography/UnitCell.h"
-#include "indexing/CellRefinement.h"
 #include "indexing/HKLfileImportExport.h"
 #include "indexing/IndicateWithHKL.h"
+#include "pipeline/latticesearch/LatticeFit.h"
 #include "reflections/Reflex.h"
 #include "reflections/ReflexVector.h"
 
@@ -54,12 +54,12 @@ BENCHMARK(Indicate)->Arg(3000)->Arg(100000)->Unit(benchmark::kMillisecond);
 
 void RefineCell(benchmark::State& state) {
     const ReflexVectorPtr list = reflectionsOf(static_cast<int>(state.range(0)));
-    for (auto _ : state) {
-        UnitCell cell = cellOf();
-        double origin[3] = {256.0, 255.0, 255.5};
-        CellRefinement refinement;
-        benchmark::DoNotOptimize(refinement.refine(list.get(), &cell, origin));
-    }
+    std::vector<vrk::FitPoint> points;
+    for (Reflex* reflex : *list)
+        points.push_back({{reflex->getCenterInX(), reflex->getCenterInY(), reflex->getCenterInZ()}});
+    const vrk::Lattice start = vrk::Lattice::of(cellOf(), Eigen::Vector3d(256.0, 255.0, 255.5));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(vrk::fitLattice(points, start, 0.25, {}));
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 BENCHMARK(RefineCell)->Arg(3000)->Arg(100000)->Unit(benchmark::kMillisecond);

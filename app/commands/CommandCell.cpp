@@ -19,21 +19,16 @@
 #include "pipeline/base/OutputFile.h"
 #include "pipeline/formats/PeakList.h"
 #include "pipeline/latticesearch/CellSearch.h"
-#include "pipeline/latticesearch/LatticeScore.h"
-#include "pipeline/latticesearch/ReducedCell.h"
+#include "pipeline/latticesearch/Confidence.h"
 
 namespace vrk::app {
 namespace {
 
-using Eigen::Matrix3d;
 using Eigen::Vector3d;
 using Json = nlohmann::ordered_json;
 
 /// The six steps with parameters of the user's form no more difference vectors than this.
 constexpr double kMostVectors = 3e7;
-/// Evidence, in nats, that thousands of candidate cells do not reach on random points.
-constexpr double kLeastEvidence = 60.0;
-constexpr double kLeastFraction = 0.15;
 
 struct Options {
     std::string peaks;
@@ -58,15 +53,8 @@ struct Result {
     bool hasScale() const { return pixelSize > 0.0; }
 };
 
-bool isConvincing(const LatticeScore& score) {
-    return score.evidence >= kLeastEvidence && score.fraction() >= kLeastFraction;
-}
-
 const char* confidenceOf(const Result& result) {
-    const LatticeScore& score = result.score;
-    const bool rivalled = result.rivalEvidence > 0.8 * score.evidence;
-    if (score.fraction() > 0.6 && score.evidence > 300.0 && !rivalled) return "high";
-    return score.fraction() > 0.4 && score.evidence > 120.0 ? "fair" : "low";
+    return nameOf(vrk::confidenceOf({result.score, result.rivalEvidence, std::nullopt}));
 }
 
 template <typename... Values>
@@ -213,13 +201,10 @@ Result searchFreely(const Points& points, const std::vector<double>& weights, Ho
 
 /// Reduces the lattice and looks for its symmetry.
 void describe(Result& result) {
-    const Matrix3d& basis = result.lattice.basis;
-    const double pixelSize = result.hasScale() ? result.pixelSize : 1.0;
-    const UnitCell cell(basis.col(0).data(), basis.col(1).data(), basis.col(2).data(), pixelSize, false, true,
-                        LATTICE::aP);
-    if (cell.isDegenerate())
+    result.lattice.pixelSize = result.pixelSize;
+    if (result.lattice.toUnitCell().isDegenerate())
         throw Failure("the vectors found span no cell; use a larger --det-limit", FailureKind::NothingFound);
-    result.reciprocal = niggliReduced(cell);
+    result.reciprocal = niggliReduced(result.lattice).toUnitCell();
     result.symmetry = LatticeSymmetry::best(result.reciprocal);
 }
 

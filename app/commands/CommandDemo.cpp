@@ -7,13 +7,15 @@
 #include <numbers>
 
 #include "commands/Commands.h"
+#include "console/AxisOption.h"
 #include "pictures/Pictures.h"
 #include "pictures/RunPictures.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/NumberList.h"
 #include "pipeline/base/OutputFile.h"
 #include "pipeline/frames/DataFiles.h"
-#include "pipeline/run/RunPipeline.h"
+#include "pipeline/run/ResultFiles.h"
+#include "pipeline/run/Run.h"
 #include "pipeline/run/RunSummary.h"
 #include "pipeline/simulation/Simulation.h"
 
@@ -141,7 +143,7 @@ std::string trueBravaisType(const SimulationTruth& truth) {
 /// Both bases span the same lattice when a matrix of integers with determinant 1 or -1 connects them.
 void compareLattices(const SimulationTruth& truth, const RunResult& result, Comparison& comparison) {
     const Matrix3d known = columns(truth.primitiveVectors);
-    const Matrix3d found = columns(result.refinement.lattice.basis);
+    const Matrix3d& found = result.indexed.lattice().basis;
     const Matrix3d connection = found.inverse() * known;
     const Matrix3d rounded = connection.array().round().matrix();
     comparison.transformation = rounded.cast<int>();
@@ -155,9 +157,10 @@ void compareLattices(const SimulationTruth& truth, const RunResult& result, Comp
     comparison.truth.cell = directCell(known, truth.pixelSize);
     comparison.truth.volume = std::pow(1e10 / truth.pixelSize, 3) / std::abs(known.determinant());
     comparison.truth.bravais = trueBravaisType(truth);
-    comparison.found.cell = directCell(comparison.sameLattice ? found * rounded : found, result.pixelSize);
-    comparison.found.volume = result.refinement.lattice.volume;
-    comparison.found.bravais = LATTICE::shortName(result.characters.front().bravaisType);
+    comparison.found.cell =
+        directCell(comparison.sameLattice ? found * rounded : found, result.facts().pixelSize);
+    comparison.found.volume = result.indexed.refined.lattice.volume;
+    comparison.found.bravais = LATTICE::shortName(result.indexed.symmetry().bravaisType);
 }
 
 Comparison compare(const SimulationTruth& truth, const RunResult& result) {
@@ -184,23 +187,24 @@ Comparison compare(const SimulationTruth& truth, const RunResult& result) {
     checks.push_back({"Bravais type", known.bravais, found.bravais, "", known.bravais == found.bravais});
 
     // Angles that differ by a half turn name the same line, seen with the other sense of tilt.
-    const double turn = result.axisAngle - truth.axis;
+    const double turn = result.axis.angle - truth.axis;
     comparison.axisError = std::remainder(turn, 180.0);
-    checks.push_back({"tilt axis", formatted("%.2f deg", truth.axis), formatted("%.2f deg", result.axisAngle),
-                      formatted("%+.2f deg", comparison.axisError),
+    checks.push_back({"tilt axis", formatted("%.2f deg", truth.axis),
+                      formatted("%.2f deg", result.axis.angle), formatted("%+.2f deg", comparison.axisError),
                       std::abs(comparison.axisError) <= kAxisLimit});
     const bool opposite = std::abs(std::remainder(turn, 360.0)) > 90.0;
     // The simulated sphere lies at g n = +|g|^2 lambda / 2 for handedness +1. A reflection is found below
     // it, which the refinement calls the sense -1.
     comparison.expectedSense = opposite ? truth.handedness : -truth.handedness;
-    const bool decided = result.refinement.decided;
+    const bool decided = result.indexed.refined.decided;
     checks.push_back({"handedness", formatted("%+d", comparison.expectedSense),
-                      decided ? formatted("%+d", result.refinement.sense) : "undecided", "",
-                      decided && result.refinement.sense == comparison.expectedSense});
-    comparison.percentIndexed = 100.0 * result.refinement.lattice.indexed /
-                                static_cast<double>(std::max<std::size_t>(result.indexed->size(), 1));
+                      decided ? formatted("%+d", result.indexed.refined.sense) : "undecided", "",
+                      decided && result.indexed.refined.sense == comparison.expectedSense});
+    comparison.percentIndexed =
+        100.0 * result.indexed.refined.lattice.indexed /
+        static_cast<double>(std::max<std::size_t>(result.indexed.level.reflections.size(), 1));
     checks.push_back({"reflections", std::to_string(truth.reflectionsRecorded) + " recorded",
-                      std::to_string(result.indexed->size()) + " found",
+                      std::to_string(result.indexed.level.reflections.size()) + " found",
                       formatted("%.1f %% indexed", comparison.percentIndexed),
                       comparison.percentIndexed >= kIndexedLimit});
     return comparison;
@@ -210,7 +214,7 @@ void print(std::ostream& out, const Options& options, const SimulationTruth& tru
            const Comparison& comparison) {
     const std::array<double, 6>& cell = truth.conventionalCell;
     out << formatted("simulated: %d frames of %d x %d, cell %g %g %g %g %g %g, centring %c",
-                     result.seriesSize[2], result.seriesSize[0], result.seriesSize[1], cell[0], cell[1],
+                     result.facts().size[2], result.facts().size[0], result.facts().size[1], cell[0], cell[1],
                      cell[2], cell[3], cell[4], cell[5], truth.centring)
         << formatted("\nanalysed in %.1f s; the primitive cell against the truth:\n\n", result.seconds.total)
         << formatted("%-14s%16s%16s%18s\n", "", "truth", "found", "difference");
@@ -242,7 +246,7 @@ Json toJson(const Options& options, const SimulationTruth& truth, const RunResul
         if (!check.ok) failed.push_back(check.name);
     return {{"folder", options.folder.string()},
             {"truth", toJson(comparison.truth, truth.axis, comparison.expectedSense)},
-            {"found", toJson(comparison.found, result.axisAngle, result.refinement.sense)},
+            {"found", toJson(comparison.found, result.axis.angle, result.indexed.refined.sense)},
             {"same_lattice", comparison.sameLattice},
             {"percent_indexed", comparison.percentIndexed},
             {"seconds", result.seconds.total},
@@ -252,16 +256,17 @@ Json toJson(const Options& options, const SimulationTruth& truth, const RunResul
 
 void demo(const Options& options, Host& host) {
     makeFolder(options.folder);
-    RunOptions run;
-    run.series = options.folder / "series.mrc";
-    run.folder = options.folder;
-    run.tiltAxis = options.tiltAxis;
+    const std::filesystem::path series = options.folder / "series.mrc";
     host.openLog(options.folder / "vrk.log",
                  {"demo: cell " + options.cell + ", centring " + options.centring});
-    const SimulationTruth truth = writeSimulation(options, run.series, host);
-    const RunResult result = RunPipeline(run, host.session()).run();
+    const SimulationTruth truth = writeSimulation(options, series, host);
+    RunOptions choices;
+    choices.axis.folder = options.folder / "axis";
+    setAxis(choices.axis, options.tiltAxis);
+    const RunResult result = run(series, choices, host.session());
+    writeResultFiles(result, options.folder, host.session());
     drawRunPictures(result, options.folder);
-    writeSummary(options.folder / "summary.json", summaryJson(run, result, host.warnings()));
+    writeSummary(options.folder / "summary.json", summaryJson(series, result, host.warnings()));
     const Comparison comparison = compare(truth, result);
     if (options.json)
         host.out() << toJson(options, truth, result, comparison).dump(2) << '\n';

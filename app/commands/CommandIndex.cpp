@@ -16,7 +16,6 @@
 #include "indexing/EwaldCurvature.h"
 #include "indexing/HKLfileImportExport.h"
 #include "indexing/IndicateWithHKL.h"
-#include "indexing/PositionRefinement.h"
 #include "indexing/ReflectionPositions.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/NumberText.h"
@@ -26,6 +25,7 @@
 #include "pipeline/formats/ReflectionFormats.h"
 #include "pipeline/frames/DataFiles.h"
 #include "pipeline/integration/PeakIntensities.h"
+#include "pipeline/latticesearch/PositionRefinement.h"
 #include "processing/SamplingGeometry.h"
 
 namespace vrk::app {
@@ -68,7 +68,7 @@ struct Indexing {
     UnitCell cell;
     std::array<double, 3> origin{};
     Setting setting;
-    std::optional<PositionRefinement::Result> refinement;
+    std::optional<RefinedPositions> refinement;
     int indexed = 0;
     std::array<double, IndicateWithHKL::kResultSize> displacements{};
 };
@@ -153,28 +153,39 @@ ReflexVectorPtr samplePositions(const Options& options, const PeakList& peaks, s
 }
 
 void refine(const Options& options, const std::vector<double>& tilts, Indexing& result) {
-    double toConventional[3][3];
-    for (std::size_t i = 0; i < 3; ++i)
-        std::copy(result.setting.fromPrimitive[i].begin(), result.setting.fromPrimitive[i].end(),
-                  toConventional[i]);
-    PositionRefinement refinement;
-    refinement.setWavelength(EwaldCurvature::wavelength(options.voltage));
-    refinement.setTolerance(options.tolerance);
-    refinement.setConstraint(result.setting.type, toConventional);
-    ReflexVectorPtr corrected(
-        refinement.refine(result.reflections.get(), tilts, &result.cell, result.origin.data()));
-    if (!corrected)
+    Eigen::Matrix3d toConventional;
+    for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 3; ++j)
+            toConventional(i, j) =
+                result.setting.fromPrimitive[static_cast<std::size_t>(i)][static_cast<std::size_t>(j)];
+    RefinementSettings settings;
+    settings.wavelength = EwaldCurvature::wavelength(options.voltage);
+    settings.tolerance = options.tolerance;
+    settings.ties = CellTies::of(result.setting.type, toConventional);
+    std::vector<Eigen::Vector3d> positions;
+    for (Reflex* reflex : *result.reflections)
+        positions.emplace_back(reflex->getCenterInX(), reflex->getCenterInY(), reflex->getCenterInZ());
+    const Lattice start = Lattice::of(result.cell, Eigen::Vector3d(result.origin.data()));
+    result.refinement = refinePositions(positions, tilts, start, settings);
+    if (!result.refinement)
         throw Failure(
             "too few reflections lie near the nodes of the cell's lattice to refine it; check that the "
             "cell belongs to these peaks, allow a larger --tolerance, or use --keep-cell",
             FailureKind::NothingFound);
-    result.reflections = std::move(corrected);
-    result.refinement = refinement.result();
-    const CellRefinement::Result& lattice = result.refinement->lattice;
-    std::copy(lattice.cell, lattice.cell + 6, result.setting.cell.begin());
-    std::copy(lattice.cellSigma, lattice.cellSigma + 6, result.setting.cellSigma.begin());
-    result.setting.volume = lattice.volume;
-    result.setting.volumeSigma = lattice.volumeSigma;
+    const RefinedLattice& refined = result.refinement->lattice;
+    for (std::size_t i = 0; i < positions.size(); ++i) {
+        Reflex*& reflex = (*result.reflections)[i];
+        const Eigen::Vector3d& p = result.refinement->positions[i];
+        Reflex moved(p.x(), p.y(), p.z());
+        moved.setIntensity(reflex->getIntensity());
+        *reflex = moved;
+    }
+    result.cell = refined.lattice.toUnitCell();
+    Eigen::Map<Eigen::Vector3d>(result.origin.data()) = refined.lattice.origin;
+    result.setting.cell = refined.cell;
+    result.setting.cellSigma = refined.cellSigma;
+    result.setting.volume = refined.volume;
+    result.setting.volumeSigma = refined.volumeSigma;
 }
 
 Indexing indexPeaks(const Options& options, Host& host) {
@@ -304,7 +315,7 @@ nlohmann::json toJson(const Indexing& result, const std::vector<std::string>& fi
     result.cell.getBase(vectors[0].data(), vectors[1].data(), vectors[2].data());
     json["cell"]["reciprocal_vectors_px"] = vectors;
     if (result.refinement) {
-        const PositionRefinement::Result& refined = *result.refinement;
+        const RefinedPositions& refined = *result.refinement;
         json["refinement"] = {
             {"sigma", refined.lattice.sigma},        {"rounds", refined.lattice.rounds},
             {"stable", refined.lattice.stable},      {"sense", refined.sense},
@@ -314,7 +325,7 @@ nlohmann::json toJson(const Indexing& result, const std::vector<std::string>& fi
     return json;
 }
 
-std::string senseText(const PositionRefinement::Result& refined) {
+std::string senseText(const RefinedPositions& refined) {
     if (refined.sense == 0)
         return "no correction for the curvature of the Ewald sphere (give --voltage); handedness undecided";
     std::ostringstream text;

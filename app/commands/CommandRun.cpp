@@ -1,24 +1,44 @@
+#include <filesystem>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "commands/Commands.h"
+#include "console/AxisOption.h"
 #include "console/ParameterOptions.h"
+#include "console/RunReport.h"
 #include "pictures/RunPictures.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/OutputFile.h"
-#include "pipeline/run/RunPipeline.h"
+#include "pipeline/frames/DataFiles.h"
+#include "pipeline/run/ResultFiles.h"
+#include "pipeline/run/Run.h"
 #include "pipeline/run/RunSummary.h"
 
 namespace vrk::app {
 namespace {
 
-void run(const RunOptions& options, const std::string& given, Host& host) {
+struct Options {
+    std::filesystem::path series;
+    std::filesystem::path folder;
+    std::string tiltAxis;
+    RunOptions run;
+    bool keepVolume = false;
+    bool pictures = true;
+    bool json = false;
+};
+
+void runSeries(const Options& options, const std::string& given, Host& host) {
     makeFolder(options.folder);
     host.openLog(options.folder / "vrk.log", {"series: " + options.series.string(), "options: " + given});
-    RunPipeline pipeline(options, host.session());
-    const RunResult result = pipeline.run();
+    RunOptions choices = options.run;
+    setAxis(choices.axis, options.tiltAxis);
+    choices.axis.folder = options.folder / "axis";
+    const RunResult result = run(options.series, choices, host.session());
+    if (options.keepVolume) writeData(*result.volume.voxels, options.folder / "volume.mrc", host.session());
+    writeResultFiles(result, options.folder, host.session());
     if (options.pictures) drawRunPictures(result, options.folder);
-    const nlohmann::ordered_json summary = summaryJson(options, result, host.warnings());
+    const nlohmann::ordered_json summary = summaryJson(options.series, result, host.warnings());
     writeSummary(options.folder / "summary.json", summary);
     if (options.json)
         host.out() << summary.dump(2) << '\n';
@@ -39,18 +59,10 @@ std::string givenOptions(const CLI::App& command) {
     return text.str();
 }
 
-std::string checkAxis(const std::string& text) {
-    if (text == "search" || text == "none") return {};
-    char* end = nullptr;
-    const double value = std::strtod(text.c_str(), &end);
-    if (!text.empty() && *end == '\0' && std::abs(value) <= 360.0) return {};
-    return "the tilt axis is an angle in degrees, 'search' or 'none', not '" + text + "'";
-}
-
 }  // namespace
 
 void addRunCommand(CLI::App& app, Host& host) {
-    auto options = std::make_shared<RunOptions>();
+    auto options = std::make_shared<Options>();
     CLI::App* command =
         app.add_subcommand("run", "Find the unit cell of a raw tilt series and index its reflections");
     command->add_option("series", options->series, "Tilt series (.mrc); 'vrk import' makes one")
@@ -63,22 +75,24 @@ void addRunCommand(CLI::App& app, Host& host) {
         ->add_option("--tilt-axis", options->tiltAxis,
                      "Angle of the tilt axis from y in degrees, 'search', or 'none' for an axis along y "
                      "[what the series says, otherwise along y]")
-        ->check(CLI::Validator(checkAxis, ""))
+        ->check(CLI::Validator(axisProblem, ""))
         ->type_name("DEG|search|none");
-    command->add_option("--pixel-size", options->pixelSize, "Pixel size in 1/m per pixel [the series']")
+    command->add_option("--pixel-size", options->run.pixelSize, "Pixel size in 1/m per pixel [the series']")
         ->check(CLI::PositiveNumber);
-    command->add_option("--voltage", options->kiloVolts, "High tension in kV [the series']")
+    command->add_option("--voltage", options->run.kiloVolts, "High tension in kV [the series']")
         ->check(CLI::Range(10.0, 3000.0));
-    command->add_option("--fine-calibration", options->fineCalibration, "File with calibrated pixel sizes")
+    command
+        ->add_option("--fine-calibration", options->run.fineCalibration, "File with calibrated pixel sizes")
         ->type_name("FILE");
-    addSearchOptions(*command, options->search, false);
-    addCellOptions(*command, options->cell, false);
-    command->add_option("--jobs", options->jobs, "Processes for the axis search")->check(CLI::Range(1, 256));
+    addSearchOptions(*command, options->run.search, false);
+    addCellOptions(*command, options->run.cell, false);
+    command->add_option("--jobs", options->run.axis.jobs, "Processes for the axis search")
+        ->check(CLI::Range(1, 256));
     command->add_flag("--keep-volume", options->keepVolume, "Keep the reciprocal volume as volume.mrc");
     command->add_flag("!--no-pictures", options->pictures, "Draw no pictures");
     command->add_flag("--json", options->json, "Print the summary as JSON");
     command->footer("Example:\n  vrk run series.mrc -o result --tilt-axis search");
-    command->callback([options, command, &host] { run(*options, givenOptions(*command), host); });
+    command->callback([options, command, &host] { runSeries(*options, givenOptions(*command), host); });
 }
 
 }  // namespace vrk::app

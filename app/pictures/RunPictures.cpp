@@ -6,12 +6,11 @@
 namespace vrk::app {
 
 void drawRunPictures(const RunResult& result, const std::filesystem::path& folder) {
-    writeDifferenceVectorPicture(result.points, result.lattice.lattice, result.trial.maxLength,
+    writeDifferenceVectorPicture(flatPoints(result.indexed.level, result.volume, nullptr),
+                                 result.lattice.best.lattice, result.lattice.best.trial.maxLength,
                                  folder / "difference_vectors.png");
-    const UnitCell conventional =
-        LatticeSymmetry::conventionalCell(result.reciprocal, result.characters.front());
-    writeSections(*result.volume, conventional, SectionOptions(), folder);
-    writeProjections(*result.volume, false, folder);
+    writeSections(*result.volume.voxels, result.indexed.conventionalCell(), SectionOptions(), folder);
+    writeProjections(*result.volume.voxels, false, folder);
 }
 
 }  // namespace vrk::app

@@ -4,7 +4,7 @@
 
 #include <filesystem>
 
-#include "pipeline/run/RunPipeline.h"
+#include "pipeline/run/RunResult.h"
 
 namespace vrk::app {
 

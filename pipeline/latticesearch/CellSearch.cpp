@@ -9,6 +9,7 @@
 #include "cellfinding/CalculateCellAlgorithm.h"
 #include "cellfinding/Parameter.h"
 #include "crystallography/UnitCell.h"
+#include "pipeline/latticesearch/LatticeFit.h"
 #include "pipeline/latticesearch/LayerSearch.h"
 #include "reflections/ReflexVector.h"
 
@@ -188,7 +189,7 @@ void keepDistinct(std::vector<LatticeCandidate>& candidates, std::size_t most) {
 LatticeCandidate judged(const Matrix3d& basis, const Points& judges, const CellSearchTrial& trial) {
     LatticeCandidate candidate{{basis, Vector3d::Zero()}, {}, trial};
     candidate.score = scoreLattice(judges, candidate.lattice);
-    const Lattice fitted = fitLattice(judges, candidate.lattice, std::max(1.0, 1.5 * candidate.score.radius));
+    const Lattice fitted = fitWithin(judges, candidate.lattice, std::max(1.0, 1.5 * candidate.score.radius));
     const LatticeScore score = scoreLattice(judges, fitted);
     if (score.evidence > candidate.score.evidence) {
         candidate.lattice = fitted;
@@ -293,7 +294,7 @@ std::vector<LatticeCandidate> CellSearch::search(const Points& points,
     keepDistinct(candidates, kKeptCandidates);
     for (LatticeCandidate& candidate : candidates) {
         candidate.lattice = settleMultiples(judges, candidate.lattice);
-        candidate.lattice = fitLattice(points, candidate.lattice, std::max(1.0, candidate.score.radius));
+        candidate.lattice = fitWithin(points, candidate.lattice, std::max(1.0, candidate.score.radius));
         candidate.lattice.basis = reduced(candidate.lattice.basis);
         candidate.score = scoreLattice(points, candidate.lattice);
     }

@@ -1,11 +1,15 @@
 #include "pipeline/latticesearch/LatticeScore.h"
 
+#include <Eigen/LU>
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstddef>
 #include <numbers>
 #include <optional>
+#include <vector>
+
+#include "pipeline/latticesearch/LatticeFit.h"
 
 namespace vrk {
 namespace {
@@ -17,29 +21,6 @@ constexpr std::array<double, 7> kRadii = {0.5, 0.75, 1.1, 1.6, 2.3, 3.2, 4.5};
 
 double sphereVolume(double radius) {
     return 4.0 / 3.0 * std::numbers::pi * radius * radius * radius;
-}
-
-Vector3d nearestIndices(const Vector3d& point, const Lattice& lattice, const Matrix3d& inverse) {
-    return (inverse * (point - lattice.origin)).array().round();
-}
-
-/// Least squares of basis and origin on points with given indices; nothing when they lie in a plane.
-std::optional<Lattice> solve(const std::vector<std::pair<Vector3d, Vector3d>>& indexed) {
-    using Matrix4 = Eigen::Matrix4d;
-    Matrix4 normal = Matrix4::Zero();
-    Eigen::Matrix<double, 4, 3> side = Eigen::Matrix<double, 4, 3>::Zero();
-    for (const auto& [indices, place] : indexed) {
-        const Eigen::Vector4d row(indices[0], indices[1], indices[2], 1.0);
-        normal.noalias() += row * row.transpose();
-        side.noalias() += row * place.transpose();
-    }
-    const Eigen::LDLT<Matrix4> factors(normal);
-    if (factors.info() != Eigen::Success || factors.vectorD().minCoeff() < 1e-6) return std::nullopt;
-    const Eigen::Matrix<double, 4, 3> solution = factors.solve(side);
-    Lattice lattice;
-    lattice.basis = solution.topRows<3>().transpose();
-    lattice.origin = solution.row(3).transpose();
-    return lattice;
 }
 
 /// Integer matrices F of a determinant, one for each class under multiplication from the left: the lattices
@@ -94,10 +75,6 @@ double evidenceOf(int successes, int trials, double chance) {
     return trials * (f * std::log(f / chance) + rest);
 }
 
-double distanceToNode(const Vector3d& point, const Lattice& lattice, const Matrix3d& inverse) {
-    return (point - lattice.origin - lattice.basis * nearestIndices(point, lattice, inverse)).norm();
-}
-
 LatticeScore scoreLattice(std::span<const Vector3d> points, const Lattice& lattice) {
     LatticeScore best;
     best.points = static_cast<int>(points.size());
@@ -122,81 +99,6 @@ LatticeScore scoreLattice(std::span<const Vector3d> points, const Lattice& latti
         best.chance = chance;
     }
     return best;
-}
-
-Lattice fitLattice(std::span<const Vector3d> points, const Lattice& start, double radius) {
-    std::vector<std::pair<double, Vector3d>> sorted;
-    sorted.reserve(points.size());
-    for (const Vector3d& point : points)
-        sorted.emplace_back((point - start.origin).norm(), point);
-    std::sort(sorted.begin(), sorted.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
-    if (sorted.empty()) return start;
-
-    Lattice lattice = start;
-    const double reach = std::min(radius, 0.4 * start.shortestEdge());
-    double limit = 2.5 * start.basis.colwise().norm().maxCoeff();
-    for (int rounds = 0; rounds < 60; ++rounds) {
-        const Matrix3d inverse = lattice.basis.inverse();
-        std::vector<std::pair<Vector3d, Vector3d>> indexed;
-        for (const auto& [distance, point] : sorted) {
-            if (distance > limit) break;
-            const Vector3d indices = nearestIndices(point, lattice, inverse);
-            if ((point - lattice.origin - lattice.basis * indices).norm() <= reach)
-                indexed.emplace_back(indices, point);
-        }
-        if (indexed.size() >= 8) {
-            const std::optional<Lattice> fitted = solve(indexed);
-            // A fit that runs away has lost the lattice.
-            if (fitted && (fitted->origin - start.origin).norm() < 0.3 * start.shortestEdge())
-                lattice = *fitted;
-        }
-        if (limit > sorted.back().first && rounds >= 3) break;
-        limit = std::max(limit * 1.25, limit + 2.0);
-    }
-    const double change = lattice.cellVolume() / start.cellVolume();
-    return change > 0.8 && change < 1.25 ? lattice : start;
-}
-
-Matrix3d reduced(Matrix3d basis) {
-    // Pairwise reduction, then the sums of all three: short enough for every use here.
-    for (int rounds = 0; rounds < 200; ++rounds) {
-        bool changed = false;
-        for (int i = 0; i < 3; ++i)
-            for (int j = 0; j < 3; ++j) {
-                if (i == j) continue;
-                const double steps = std::round(basis.col(i).dot(basis.col(j)) / basis.col(j).squaredNorm());
-                if (steps == 0.0 || !std::isfinite(steps)) continue;
-                const Vector3d shorter = basis.col(i) - steps * basis.col(j);
-                if (shorter.squaredNorm() < basis.col(i).squaredNorm() * (1.0 - 1e-9)) {
-                    basis.col(i) = shorter;
-                    changed = true;
-                }
-            }
-        for (int signs = 0; signs < 4 && !changed; ++signs) {
-            const Vector3d sum = basis.col(0) + (signs & 1 ? -1.0 : 1.0) * basis.col(1) +
-                                 (signs & 2 ? -1.0 : 1.0) * basis.col(2);
-            Eigen::Index longest = 0;
-            basis.colwise().squaredNorm().maxCoeff(&longest);
-            if (sum.squaredNorm() < basis.col(longest).squaredNorm() * (1.0 - 1e-9)) {
-                basis.col(longest) = sum;
-                changed = true;
-            }
-        }
-        if (!changed) break;
-    }
-    std::array<Vector3d, 3> vectors = {basis.col(0), basis.col(1), basis.col(2)};
-    std::sort(vectors.begin(), vectors.end(),
-              [](const Vector3d& a, const Vector3d& b) { return a.squaredNorm() < b.squaredNorm(); });
-    for (int i = 0; i < 3; ++i)
-        basis.col(i) = vectors[static_cast<std::size_t>(i)];
-    if (basis.determinant() < 0.0) basis = -basis;
-    return basis;
-}
-
-bool sameLattice(const Matrix3d& a, const Matrix3d& b, double tolerance) {
-    if (std::abs(std::abs(a.determinant() / b.determinant()) - 1.0) > 3.0 * tolerance) return false;
-    const Matrix3d map = b.inverse() * a;
-    return (map - Matrix3d(map.array().round())).cwiseAbs().maxCoeff() < tolerance;
 }
 
 Lattice settleMultiples(std::span<const Vector3d> points, Lattice lattice) {
@@ -227,7 +129,7 @@ Lattice settleMultiples(std::span<const Vector3d> points, Lattice lattice) {
             better = fine;
         }
         if (!better) break;
-        lattice = fitLattice(points, *better, scoreLattice(points, *better).radius);
+        lattice = fitWithin(points, *better, scoreLattice(points, *better).radius);
     }
     // Coarser ones: the nodes in between must be earned.
     for (int rounds = 0; rounds < 6; ++rounds) {
@@ -243,7 +145,7 @@ Lattice settleMultiples(std::span<const Vector3d> points, Lattice lattice) {
             better = coarse;
         }
         if (!better) break;
-        lattice = fitLattice(points, *better, scoreLattice(points, *better).radius);
+        lattice = fitWithin(points, *better, scoreLattice(points, *better).radius);
     }
     return lattice;
 }

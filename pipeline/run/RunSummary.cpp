@@ -2,13 +2,13 @@
 
 #include <sys/resource.h>
 
-#include <cmath>
-#include <cstdio>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <string>
 
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/OutputFile.h"
+#include "pipeline/run/ResultFiles.h"
 
 namespace vrk {
 namespace {
@@ -17,27 +17,12 @@ using Json = nlohmann::ordered_json;
 
 constexpr std::array<const char*, 6> kNames = {"a", "b", "c", "alpha", "beta", "gamma"};
 
-/// A number with its standard uncertainty in units of the last digit: 12.0213(14).
-std::string withUncertainty(double value, double sigma) {
-    char text[64];
-    if (!(sigma > 0.0) || !std::isfinite(sigma)) {
-        std::snprintf(text, sizeof text, "%.4f", value);
-        return text;
-    }
-    const int exponent = static_cast<int>(std::floor(std::log10(sigma)));
-    int digits = std::clamp(1 - exponent, 0, 6);
-    long last = std::lround(sigma * std::pow(10.0, digits));
-    if (last > 19 && digits > 0) last = std::lround(sigma * std::pow(10.0, --digits));
-    std::snprintf(text, sizeof text, "%.*f(%ld)", digits, value, last);
-    return text;
-}
-
 Json parametersJson(const CellParameters& cell) {
     return {{"a", cell.a},         {"b", cell.b},       {"c", cell.c},
             {"alpha", cell.alpha}, {"beta", cell.beta}, {"gamma", cell.gamma}};
 }
 
-Json parametersJson(const double cell[6]) {
+Json parametersJson(const std::array<double, 6>& cell) {
     Json json;
     for (std::size_t i = 0; i < 6; ++i)
         json[kNames[i]] = cell[i];
@@ -60,19 +45,19 @@ Json characterJson(const LatticeCharacter& character) {
 
 Json cellJson(const RunResult& result) {
     Json cell;
-    const CellRefinement::Result& free = result.refinement.lattice;
+    const RefinedLattice& free = result.indexed.refined.lattice;
     cell["reduced"] = parametersJson(free.cell);
     cell["reduced"]["volume"] = free.volume;
-    const CellRefinement::Result& tied = result.constrained.lattice;
+    const RefinedLattice& tied = result.indexed.conventional;
     cell["conventional"] = parametersJson(tied.cell);
     cell["conventional"]["volume"] = tied.volume;
-    cell["conventional"]["bravais"] = LATTICE::shortName(result.characters.front().bravaisType);
-    cell["conventional"]["misfit_deg"] = result.characters.front().qualityIndex;
+    cell["conventional"]["bravais"] = LATTICE::shortName(result.indexed.symmetry().bravaisType);
+    cell["conventional"]["misfit_deg"] = result.indexed.symmetry().qualityIndex;
     cell["candidates"] = Json::array();
-    for (const LatticeCharacter& character : result.characters)
+    for (const LatticeCharacter& character : result.indexed.characters)
         cell["candidates"].push_back(characterJson(character));
     cell["reciprocal_vectors_px"] = Json::array();
-    for (const auto& vector : free.basis)
+    for (const Eigen::Vector3d& vector : free.lattice.basis.colwise())
         cell["reciprocal_vectors_px"].push_back({vector[0], vector[1], vector[2]});
     cell["esd"] = {{"reduced", parametersJson(free.cellSigma)},
                    {"conventional", parametersJson(tied.cellSigma)}};
@@ -88,10 +73,46 @@ Json secondsJson(const RunSeconds& seconds) {
             {"index", seconds.index},        {"total", seconds.total}};
 }
 
-std::string senseText(const PositionRefinement::Result& refinement) {
-    if (refinement.sense == 0) return "not looked at";
-    if (!refinement.decided) return "undecided";
-    return refinement.sense > 0 ? "+1" : "-1";
+Json inputJson(const std::filesystem::path& series, const SeriesFacts& facts) {
+    return {{"path", series.string()},      {"nx", facts.size[0]},           {"ny", facts.size[1]},
+            {"nz", facts.size[2]},          {"tilt_first", facts.tiltFirst}, {"tilt_last", facts.tiltLast},
+            {"pixel_size", facts.pixelSize}};
+}
+
+Json reflectionsJson(const Indexed& indexed) {
+    const RefinedLattice& lattice = indexed.refined.lattice;
+    return {{"found", lattice.reflections},
+            {"indexed", lattice.indexed},
+            {"fraction_indexed", lattice.fraction()},
+            {"different_indices", conventionalReflections(indexed).size()},
+            {"resolution", indexed.resolution},
+            {"residual_px", lattice.rms}};
+}
+
+Json confidenceJson(const RunResult& result) {
+    const LatticeCandidate& best = result.lattice.best;
+    Json json = {{"level", nameOf(result.indexed.confidence)},
+                 {"evidence", best.score.evidence},
+                 {"fraction_by_chance", best.score.chance},
+                 {"runner_up", nullptr}};
+    if (const auto& other = result.lattice.runnerUp)
+        json["runner_up"] = {{"evidence", other->score.evidence},
+                             {"volume_ratio", best.lattice.cellVolume() / other->lattice.cellVolume()}};
+    return json;
+}
+
+Json parametersJson(const RunResult& result) {
+    const Level& level = result.indexed.level;
+    const CellSearchTrial& trial = result.lattice.best.trial;
+    return {{"threshold", level.threshold},
+            {"cell_threshold", result.indexed.cellThreshold},
+            {"zero_beam", level.zeroBeam},
+            {"min_voxels", level.minVoxels},
+            {"min_length", trial.minLength},
+            {"max_length", trial.maxLength},
+            {"eps", trial.eps},
+            {"min_points", trial.minPts},
+            {"voltage_kv", result.facts().kiloVolts}};
 }
 
 }  // namespace
@@ -102,47 +123,23 @@ double peakMemory() {
     return static_cast<double>(usage.ru_maxrss) / 1024.0;
 }
 
-Json summaryJson(const RunOptions& options, const RunResult& result,
+Json summaryJson(const std::filesystem::path& series, const RunResult& result,
                  const std::vector<std::string>& warnings) {
+    const RefinedPositions& refined = result.indexed.refined;
+    const VoxMRCData& voxels = *result.volume.voxels;
     Json json;
-    json["input"] = {{"path", options.series.string()}, {"nx", result.seriesSize[0]},
-                     {"ny", result.seriesSize[1]},      {"nz", result.seriesSize[2]},
-                     {"tilt_first", result.tiltFirst},  {"tilt_last", result.tiltLast},
-                     {"pixel_size", result.pixelSize}};
-    json["tilt_axis"] = {{"angle_deg", result.axisAngle}, {"source", result.axisSource}};
-    if (result.axisUncertainty > 0.0) json["tilt_axis"]["uncertainty_deg"] = result.axisUncertainty;
-    json["volume"] = {{"dims", result.volumeSize}};
-    const auto found = result.indexed->size();
-    const int indexed = result.refinement.lattice.indexed;
-    json["reflections"] = {
-        {"found", found},
-        {"indexed", indexed},
-        {"fraction_indexed", found > 0 ? static_cast<double>(indexed) / static_cast<double>(found) : 0.0},
-        {"different_indices", result.uniqueIndices},
-        {"resolution", result.resolution},
-        {"residual_px", result.refinement.lattice.rms}};
+    json["input"] = inputJson(series, result.facts());
+    json["tilt_axis"] = {{"angle_deg", result.axis.angle}, {"source", result.axis.source}};
+    if (result.axis.uncertainty > 0.0) json["tilt_axis"]["uncertainty_deg"] = result.axis.uncertainty;
+    json["volume"] = {{"dims", {voxels.GetWidth(), voxels.GetHeight(), voxels.GetDepth()}}};
+    json["reflections"] = reflectionsJson(result.indexed);
     json["cell"] = cellJson(result);
-    json["confidence"] = {{"level", nameOf(result.confidence)},
-                          {"evidence", result.lattice.score.evidence},
-                          {"fraction_by_chance", result.lattice.score.chance}};
-    json["confidence"]["runner_up"] = nullptr;
-    if (result.runnerUp)
-        json["confidence"]["runner_up"] = {
-            {"evidence", result.runnerUp->score.evidence},
-            {"volume_ratio", result.lattice.lattice.cellVolume() / result.runnerUp->lattice.cellVolume()}};
-    json["handedness"] = {{"sense", result.refinement.sense},
-                          {"decided", result.refinement.decided},
-                          {"residual_plus_px", result.refinement.residual[0]},
-                          {"residual_minus_px", result.refinement.residual[1]}};
-    json["parameters"] = {{"threshold", result.level.threshold},
-                          {"cell_threshold", result.cellThreshold},
-                          {"zero_beam", result.level.zeroBeam},
-                          {"min_voxels", result.level.minVoxels},
-                          {"min_length", result.trial.minLength},
-                          {"max_length", result.trial.maxLength},
-                          {"eps", result.trial.eps},
-                          {"min_points", result.trial.minPts},
-                          {"voltage_kv", result.kiloVolts}};
+    json["confidence"] = confidenceJson(result);
+    json["handedness"] = {{"sense", refined.sense},
+                          {"decided", refined.decided},
+                          {"residual_plus_px", refined.residual[0]},
+                          {"residual_minus_px", refined.residual[1]}};
+    json["parameters"] = parametersJson(result);
     json["seconds"] = secondsJson(result.seconds);
     json["peak_memory_mib"] = peakMemory();
     json["warnings"] = warnings;
@@ -156,54 +153,6 @@ void writeSummary(const std::filesystem::path& path, const Json& summary) {
     stream.close();
     if (!stream) throw Failure("cannot write " + path.string() + "; check the free space");
     file.commit();
-}
-
-void printSummary(std::ostream& out, const RunResult& result) {
-    char line[256];
-    const auto print = [&](auto... values) {
-        std::snprintf(line, sizeof line, values...);
-        out << line << '\n';
-    };
-    const auto printCell = [&](const char* name, const CellRefinement::Result& fit) {
-        std::string text;
-        for (std::size_t i = 0; i < 6; ++i)
-            text += "  " + withUncertainty(fit.cell[i], fit.cellSigma[i]);
-        out << name << text << '\n';
-    };
-    const LatticeCharacter& answer = result.characters.front();
-    print("series        %d frames of %d x %d, tilts %.2f to %.2f degrees", result.seriesSize[2],
-          result.seriesSize[0], result.seriesSize[1], result.tiltFirst, result.tiltLast);
-    print("tilt axis     %.2f degrees (%s)", result.axisAngle, result.axisSource.c_str());
-    printCell("reduced     ", result.refinement.lattice);
-    printCell("conventional", result.constrained.lattice);
-    print("lattice       %s, misfit %.2f degrees, volume %.1f A^3, confidence %s",
-          LATTICE::shortName(answer.bravaisType), answer.qualityIndex, result.constrained.lattice.volume,
-          nameOf(result.confidence));
-    for (std::size_t i = 1; i < std::min<std::size_t>(result.characters.size(), 4); ++i) {
-        const LatticeCharacter& other = result.characters[i];
-        const CellParameters& m = other.measured;
-        print("  or          %s, misfit %.2f degrees:  %.3f  %.3f  %.3f  %.2f  %.2f  %.2f",
-              LATTICE::shortName(other.bravaisType), other.qualityIndex, m.a, m.b, m.c, m.alpha, m.beta,
-              m.gamma);
-    }
-    const auto found = result.indexed->size();
-    print("reflections   %zu found, %d indexed (%.1f %%), %zu different, to %.2f A", found,
-          result.refinement.lattice.indexed,
-          100.0 * result.refinement.lattice.indexed / static_cast<double>(found), result.uniqueIndices,
-          result.resolution);
-    print("residual      %.2f voxels", result.refinement.lattice.rms);
-    out << "handedness    " << senseText(result.refinement) << '\n';
-    print(
-        "parameters    threshold %g (lattice at %g), zero beam %.0f, vectors %.1f to %.1f, eps %.1f, %d "
-        "points",
-        result.level.threshold, result.cellThreshold, result.level.zeroBeam, result.trial.minLength,
-        result.trial.maxLength, result.trial.eps, result.trial.minPts);
-    const RunSeconds& s = result.seconds;
-    print(
-        "seconds       read %.1f, preprocess %.1f, axis %.1f, reconstruct %.1f, search %.1f, cell %.1f, "
-        "index "
-        "%.1f, total %.1f; %.0f MiB",
-        s.read, s.preprocess, s.tiltAxis, s.reconstruct, s.search, s.cell, s.index, s.total, peakMemory());
 }
 
 }  // namespace vrk

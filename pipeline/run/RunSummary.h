@@ -1,24 +1,22 @@
 /// \file
-/// What a run found, for people and for programs. The keys of the JSON are an interface
-/// (docs/summary-json.md).
+/// What a run found, for programs. The keys of the JSON are an interface (docs/summary-json.md).
 #pragma once
 
 #include <filesystem>
-#include <nlohmann/json.hpp>
-#include <ostream>
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+#include <vector>
 
-#include "pipeline/run/RunPipeline.h"
+#include "pipeline/run/RunResult.h"
 
 namespace vrk {
 
-nlohmann::ordered_json summaryJson(const RunOptions& options, const RunResult& result,
+/// \param series  as the caller named it
+nlohmann::ordered_json summaryJson(const std::filesystem::path& series, const RunResult& result,
                                    const std::vector<std::string>& warnings);
 
 /// Throws Failure when the file cannot be written.
 void writeSummary(const std::filesystem::path& path, const nlohmann::ordered_json& summary);
-
-/// The short table on the standard output.
-void printSummary(std::ostream& out, const RunResult& result);
 
 /// Largest resident size of the process so far, in MiB.
 double peakMemory();

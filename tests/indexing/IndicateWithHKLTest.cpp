@@ -5,8 +5,8 @@
 #include <filesystem>
 #include <limits>
 
-#include "indexing/SimulatedReflections.h"
 #include "support/RecordingLogObserver.h"
+#include "support/SimulatedReflections.h"
 
 namespace {
 

@@ -4,12 +4,13 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <limits>
 #include <map>
 #include <string_view>
 #include <utility>
 
 #include "foundation/detail/Log.h"
-#include "indexing/detail/FitPoints.h"
+#include "indexing/detail/IndexedFit.h"
 #include "reflections/Reflex.h"
 #include "reflections/ReflexVector.h"
 #include "visualisation/GnuplotScript.h"
@@ -17,6 +18,7 @@
 namespace VRK::detail {
 namespace {
 
+constexpr std::array<int, 3> kNoIndices = {Reflex::kNotIndexed, Reflex::kNotIndexed, Reflex::kNotIndexed};
 constexpr std::array<const char*, 3> kIndexNames = {"h", "k", "l"};
 constexpr std::array<const char*, 3> kAxisNames = {"x", "y", "z"};
 
@@ -58,32 +60,38 @@ std::optional<IndexingPlots> IndexingPlots::of(ReflexVector* reflections) {
         return std::nullopt;
     };
     if (!reflections) return refuse("Error during plotting. No reflections available");
-    const std::vector<FitPoint> points = gatherPoints(*reflections, 3);
-    std::vector<Indices> indices(points.size(), Indices{kNotIndexed, kNotIndexed, kNotIndexed});
-    for (std::size_t i = 0; i < points.size(); ++i) {
-        const Reflex* reflex = (*reflections)[i];
-        if (reflex && reflex->isIndicated() && points[i].position.allFinite())
-            indices[i] = {reflex->getH(), reflex->getK(), reflex->getL()};
+    std::vector<IndexedPosition> places;
+    std::vector<IndexedPosition> indexed;
+    for (Reflex* reflex : *reflections) {
+        IndexedPosition place{};
+        place.position.setConstant(std::numeric_limits<double>::quiet_NaN());
+        for (int axis = 0; reflex && axis < 3; ++axis)
+            place.position(axis) = reflex->getCenter(axis, 3);
+        const bool isIndexed = reflex && reflex->isIndicated() && place.position.allFinite();
+        place.hkl =
+            isIndexed ? std::array<int, 3>{reflex->getH(), reflex->getK(), reflex->getL()} : kNoIndices;
+        if (isIndexed) indexed.push_back(place);
+        places.push_back(place);
     }
-    Lattice lattice;
-    if (!fitIndexed(points, indices, lattice))
+    const std::optional<IndexedFit> lattice = fitIndexed(indexed);
+    if (!lattice)
         return refuse(
             "Error during plotting. Fewer than six reflections are indexed, or their indices lie in a plane");
 
     IndexingPlots plots;
-    const Eigen::Matrix3d inverse = lattice.basis.inverse();
-    for (std::size_t i = 0; i < points.size(); ++i) {
-        if (!points[i].position.allFinite()) continue;
-        const Eigen::Vector3d relative = points[i].position - lattice.origin;
+    const Eigen::Matrix3d inverse = lattice->basis.inverse();
+    for (std::size_t i = 0; i < places.size(); ++i) {
+        if (!places[i].position.allFinite()) continue;
+        const Eigen::Vector3d relative = places[i].position - lattice->origin;
         const Eigen::Vector3d fractional = inverse * relative;
         Spot spot;
-        spot.hkl = indices[i];
-        spot.indexed = indices[i][0] != kNotIndexed;
+        spot.hkl = places[i].hkl;
+        spot.indexed = spot.hkl != kNoIndices;
         spot.intensity = (*reflections)[i]->getIntensity();
         spot.distance = relative.norm();
         const Eigen::Vector3d node = spot.indexed ? Eigen::Vector3d(spot.hkl[0], spot.hkl[1], spot.hkl[2])
                                                   : Eigen::Vector3d(fractional.array().round());
-        spot.displacement = relative - lattice.basis * node;
+        spot.displacement = relative - lattice->basis * node;
         spot.deviation = fractional - node;
         plots.m_spots.push_back(spot);
     }

@@ -3,11 +3,10 @@
 #pragma once
 
 #include <Eigen/Core>
+#include <array>
 #include <optional>
 #include <string>
 #include <vector>
-
-#include "indexing/detail/LatticeFit.h"
 
 class GnuplotScript;
 class ReflexVector;
@@ -29,7 +28,7 @@ public:
 
 private:
     struct Spot {
-        Indices hkl;
+        std::array<int, 3> hkl;
         bool indexed;
         double intensity;
         double distance;               ///< from the origin, voxels

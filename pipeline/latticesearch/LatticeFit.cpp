@@ -1,4 +1,4 @@
-#include "indexing/detail/LatticeFit.h"
+#include "pipeline/latticesearch/LatticeFit.h"
 
 #include <Eigen/Cholesky>
 #include <Eigen/Eigenvalues>
@@ -10,7 +10,7 @@
 #include <limits>
 #include <numbers>
 
-namespace VRK::detail {
+namespace vrk {
 namespace {
 
 using Matrix4 = Eigen::Matrix4d;
@@ -19,6 +19,37 @@ using Vector12 = Eigen::Matrix<double, 12, 1>;
 using Vector7 = Eigen::Matrix<double, 7, 1>;
 
 constexpr double kDegree = std::numbers::pi / 180.0;
+
+/// a, b, c, alpha, beta, gamma (degrees) and volume of the direct cell of a reciprocal basis, lengths in the
+/// inverse of the basis' unit.
+Vector7 directCell(const Eigen::Matrix3d& reciprocalBasis) {
+    const Eigen::Matrix3d g = (reciprocalBasis.transpose() * reciprocalBasis).inverse();
+    const Eigen::Vector3d length = g.diagonal().cwiseSqrt();
+    const auto angle = [&](int i, int j) {
+        return std::acos(std::clamp(g(i, j) / (length(i) * length(j)), -1.0, 1.0)) / kDegree;
+    };
+    Vector7 cell;
+    cell << length, angle(1, 2), angle(0, 2), angle(0, 1), 1.0 / std::abs(reciprocalBasis.determinant());
+    return cell;
+}
+
+/// Standard deviations of directCell(basis * toReciprocalConventional) from the covariance of the basis.
+Vector7 directCellDeviations(const Eigen::Matrix3d& basis, const Eigen::Matrix3d& toReciprocalConventional,
+                             const Matrix12& covariance) {
+    Eigen::Matrix<double, 7, 9> derivatives;
+    const double step = 1e-6 * basis.cwiseAbs().maxCoeff();
+    for (Eigen::Index i = 0; i < 9; ++i) {
+        Eigen::Matrix3d up = basis, down = basis;
+        up(i % 3, i / 3) += step;
+        down(i % 3, i / 3) -= step;
+        derivatives.col(i) =
+            (directCell(up * toReciprocalConventional) - directCell(down * toReciprocalConventional)) /
+            (2.0 * step);
+    }
+    const Eigen::Matrix<double, 7, 7> cell =
+        derivatives * covariance.topLeftCorner<9, 9>() * derivatives.transpose();
+    return cell.diagonal().cwiseMax(0.0).cwiseSqrt();
+}
 
 /// Median length of a vector of three independent standard normal numbers.
 constexpr double kMedianOfChi3 = 1.5381722544550522;
@@ -30,6 +61,8 @@ constexpr double kTukeyLimit = 6.3;
 constexpr double kSmallestSigma = 1e-7;
 /// Points needed to begin a fit of twelve numbers.
 constexpr int kFewestPoints = 6;
+/// In the search, where some of the points are indexed by chance, a few more.
+constexpr int kFewestInSearch = 8;
 
 enum class Weighting { Huber, Tukey };
 
@@ -61,8 +94,8 @@ Matrix34 asMatrix(const Lattice& lattice) {
     return m;
 }
 
-Lattice asLattice(const Matrix34& m) {
-    return {m.leftCols<3>(), m.col(3)};
+Lattice asLattice(const Matrix34& m, double pixelSize) {
+    return {m.leftCols<3>(), m.col(3), pixelSize};
 }
 
 double median(std::vector<double> values) {
@@ -95,15 +128,23 @@ double weightOf(double length, double sigma, Weighting weighting) {
 struct NormalSums {
     Matrix4 nodes = Matrix4::Zero();
     Matrix34 mixed = Matrix34::Zero();
+
+    void add(const Eigen::Vector3d& position, const Eigen::Vector4d& node, double weight) {
+        const Eigen::Vector4d weighted = weight * node;
+        nodes.noalias() += weighted * node.transpose();
+        mixed.noalias() += position * weighted.transpose();
+    }
 };
+
+/// The model without ties that has the least sum of squares.
+Matrix34 solved(const NormalSums& sums) {
+    return sums.nodes.ldlt().solve(sums.mixed.transpose()).transpose();
+}
 
 NormalSums normalSums(const Selection& chosen, const std::vector<double>& weights) {
     NormalSums sums;
-    for (std::size_t i = 0; i < weights.size(); ++i) {
-        const Eigen::Vector4d weighted = weights[i] * chosen.node[i];
-        sums.nodes += weighted * chosen.node[i].transpose();
-        sums.mixed += chosen.position[i] * weighted.transpose();
-    }
+    for (std::size_t i = 0; i < weights.size(); ++i)
+        sums.add(chosen.position[i], chosen.node[i], weights[i]);
     return sums;
 }
 
@@ -263,10 +304,10 @@ bool solveOnce(const Selection& chosen, const std::vector<double>& weights, cons
                Matrix34& model) {
     const NormalSums sums = normalSums(chosen, weights);
     if (!determined(sums.nodes)) return false;
-    Matrix34 solved = sums.nodes.ldlt().solve(sums.mixed.transpose()).transpose();
-    if (ties.any) solved = applyTies(ties, solved, sums.nodes);
-    if (!solved.allFinite()) return false;
-    model = solved;
+    Matrix34 fitted = solved(sums);
+    if (ties.any) fitted = applyTies(ties, fitted, sums.nodes);
+    if (!fitted.allFinite()) return false;
+    model = fitted;
     return true;
 }
 
@@ -318,7 +359,7 @@ Rounds refineWithin(std::span<const FitPoint> points, double radius, int most, d
             break;
         }
         rounds.solved = true;
-        lattice = asLattice(model);
+        lattice = asLattice(model, lattice.pixelSize);
     }
     return rounds;
 }
@@ -340,10 +381,8 @@ int countIndexed(const std::vector<Indices>& indices) {
 double rmsDisplacement(std::span<const FitPoint> points, const LatticeFit& fit) {
     double sum = 0.0;
     for (std::size_t i = 0; i < points.size(); ++i) {
-        const auto [h, k, l] = fit.indices[i];
-        if (h == kNotIndexed) continue;
-        sum += (points[i].position - fit.lattice.origin - fit.lattice.basis * Eigen::Vector3d(h, k, l))
-                   .squaredNorm();
+        if (fit.indices[i][0] == kNotIndexed) continue;
+        sum += (points[i].position - fit.lattice.node(fit.indices[i])).squaredNorm();
     }
     return fit.indexed > 0 ? std::sqrt(sum / fit.indexed) : 0.0;
 }
@@ -448,42 +487,106 @@ LatticeFit fitLattice(std::span<const FitPoint> points, const Lattice& start, do
     return std::move(best);
 }
 
-bool fitIndexed(std::span<const FitPoint> points, const std::vector<Indices>& indices, Lattice& lattice) {
-    const Selection chosen = select(points, indices, std::vector<bool>(points.size(), true));
-    Matrix34 model;
-    if (chosen.position.size() < kFewestPoints || !solveOnce(chosen, chosen.prior, {}, model) ||
-        !solveRobust(chosen, {}, model))
-        return false;
-    lattice = asLattice(model);
-    return true;
-}
+Lattice fitWithin(std::span<const Eigen::Vector3d> points, const Lattice& start, double radius) {
+    std::vector<std::pair<double, Eigen::Vector3d>> sorted;
+    sorted.reserve(points.size());
+    for (const Eigen::Vector3d& point : points)
+        sorted.emplace_back((point - start.origin).norm(), point);
+    std::sort(sorted.begin(), sorted.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+    if (sorted.empty()) return start;
 
-Vector7 directCell(const Eigen::Matrix3d& reciprocalBasis) {
-    const Eigen::Matrix3d g = (reciprocalBasis.transpose() * reciprocalBasis).inverse();
-    const Eigen::Vector3d length = g.diagonal().cwiseSqrt();
-    const auto angle = [&](int i, int j) {
-        return std::acos(std::clamp(g(i, j) / (length(i) * length(j)), -1.0, 1.0)) / kDegree;
-    };
-    Vector7 cell;
-    cell << length, angle(1, 2), angle(0, 2), angle(0, 1), 1.0 / std::abs(reciprocalBasis.determinant());
-    return cell;
-}
-
-Vector7 directCellDeviations(const Eigen::Matrix3d& basis, const Eigen::Matrix3d& toReciprocalConventional,
-                             const Matrix12& covariance) {
-    Eigen::Matrix<double, 7, 9> derivatives;
-    const double step = 1e-6 * basis.cwiseAbs().maxCoeff();
-    for (Eigen::Index i = 0; i < 9; ++i) {
-        Eigen::Matrix3d up = basis, down = basis;
-        up(i % 3, i / 3) += step;
-        down(i % 3, i / 3) -= step;
-        derivatives.col(i) =
-            (directCell(up * toReciprocalConventional) - directCell(down * toReciprocalConventional)) /
-            (2.0 * step);
+    Lattice lattice = start;
+    const double reach = std::min(radius, 0.4 * start.shortestEdge());
+    double limit = 2.5 * start.basis.colwise().norm().maxCoeff();
+    for (int rounds = 0; rounds < 60; ++rounds) {
+        const Eigen::Matrix3d inverse = lattice.basis.inverse();
+        NormalSums sums;
+        int count = 0;
+        for (const auto& [distance, point] : sorted) {
+            if (distance > limit) break;
+            const Eigen::Vector3d hkl = (inverse * (point - lattice.origin)).array().round();
+            if ((point - lattice.origin - lattice.basis * hkl).norm() > reach) continue;
+            sums.add(point, hkl.homogeneous(), 1.0);
+            ++count;
+        }
+        if (count >= kFewestInSearch && determined(sums.nodes)) {
+            const Matrix34 model = solved(sums);
+            // A fit that runs away has lost the lattice.
+            if (model.allFinite() && (model.col(3) - start.origin).norm() < 0.3 * start.shortestEdge())
+                lattice = asLattice(model, start.pixelSize);
+        }
+        if (limit > sorted.back().first && rounds >= 3) break;
+        limit = std::max(limit * 1.25, limit + 2.0);
     }
-    const Eigen::Matrix<double, 7, 7> cell =
-        derivatives * covariance.topLeftCorner<9, 9>() * derivatives.transpose();
-    return cell.diagonal().cwiseMax(0.0).cwiseSqrt();
+    const double change = lattice.cellVolume() / start.cellVolume();
+    return change > 0.8 && change < 1.25 ? lattice : start;
 }
 
-}  // namespace VRK::detail
+CellTies CellTies::of(LATTICE::BravaisTypes type, const Eigen::Matrix3d& toConventional) {
+    CellTies ties;
+    ties.toConventional = toConventional;
+    ties.any = true;
+    switch (type) {
+        case LATTICE::cP:
+        case LATTICE::cI:
+        case LATTICE::cF:
+            ties.length = {0, 0, 0};
+            ties.angle = {90.0, 90.0, 90.0};
+            break;
+        case LATTICE::tP:
+        case LATTICE::tI:
+            ties.length = {0, 0, 1};
+            ties.angle = {90.0, 90.0, 90.0};
+            break;
+        case LATTICE::hP:
+        case LATTICE::hR:
+            ties.length = {0, 0, 1};
+            ties.angle = {90.0, 90.0, 120.0};
+            break;
+        case LATTICE::oP:
+        case LATTICE::oI:
+        case LATTICE::oC:
+        case LATTICE::oF:
+            ties.angle = {90.0, 90.0, 90.0};
+            break;
+        case LATTICE::mP:
+        case LATTICE::mC:
+            ties.angle = {90.0, 0.0, 90.0};
+            break;
+        default:
+            ties.any = false;
+    }
+    return ties;
+}
+
+RefinedLattice describe(const LatticeFit& fit, const CellTies& ties) {
+    RefinedLattice result;
+    result.lattice = fit.lattice;
+    const double pixelSize = fit.lattice.pixelSize;
+    const double perVoxel = pixelSize > 0.0 ? pixelSize * 1e-10 : 1.0;
+    const Eigen::Matrix3d toConventional = ties.toConventional.inverse().transpose();
+    const Vector7 cell = directCell(fit.lattice.basis * toConventional);
+    const Vector7 cellSigma = directCellDeviations(fit.lattice.basis, toConventional, fit.covariance);
+    result.originSigma = fit.covariance.diagonal().tail<3>().cwiseMax(0.0).cwiseSqrt();
+    for (std::size_t i = 0; i < 3; ++i) {
+        const auto row = static_cast<Eigen::Index>(i);
+        result.cell[i] = cell(row) / perVoxel;
+        result.cellSigma[i] = cellSigma(row) / perVoxel;
+        // A fixed angle is free of the rounding of the way through the vectors.
+        const bool fixed = ties.any && ties.angle[i] != 0.0;
+        result.cell[i + 3] = fixed ? ties.angle[i] : cell(row + 3);
+        result.cellSigma[i + 3] = fixed ? 0.0 : cellSigma(row + 3);
+    }
+    const double cube = perVoxel * perVoxel * perVoxel;
+    result.volume = cell(6) / cube;
+    result.volumeSigma = cellSigma(6) / cube;
+    result.sigma = fit.sigma;
+    result.rms = fit.rms;
+    result.reflections = static_cast<int>(fit.indices.size());
+    result.indexed = fit.indexed;
+    result.rounds = fit.rounds;
+    result.stable = fit.stable;
+    return result;
+}
+
+}  // namespace vrk

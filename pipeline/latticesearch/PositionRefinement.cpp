@@ -1,35 +1,17 @@
-#include "indexing/PositionRefinement.h"
+#include "pipeline/latticesearch/PositionRefinement.h"
 
 #include <Eigen/LU>
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <limits>
-#include <string>
-#include <vector>
 
-#include "crystallography/UnitCell.h"
-#include "foundation/VRKLogger.h"
 #include "indexing/EwaldCurvature.h"
-#include "indexing/ReflectionPositions.h"
-#include "indexing/detail/FitPoints.h"
-#include "indexing/detail/LatticeFit.h"
-#include "reflections/ReflexVector.h"
 
+namespace vrk {
 namespace {
 
-using VRK::detail::CellTies;
-using VRK::detail::FitPoint;
-using VRK::detail::Lattice;
-using VRK::detail::LatticeFit;
-
 constexpr double kDecisive = 4.0;
-
-std::nullptr_t fail(const char* reason) {
-    VRKLogger::getInstance()->log(std::string("The positions could not be refined: ") + reason, VRK::Error,
-                                  VRK::Information);
-    return nullptr;
-}
 
 /// The reflections corrected with one sense, and the lattice that fits them.
 struct Attempt {
@@ -62,7 +44,7 @@ Attempt attempt(std::span<const FitPoint> found, std::span<const double> tilts, 
     // The step depends on the origin, though weakly: a second round with the refined one is exact enough.
     for (int round = 0; round < 2; ++round) {
         result.points = corrected(found, tilts, result.fit.lattice.origin, curvature, sense);
-        LatticeFit fit = VRK::detail::fitLattice(result.points, result.fit.lattice, tolerance, ties);
+        LatticeFit fit = fitLattice(result.points, result.fit.lattice, tolerance, ties);
         if (!fit.valid) break;
         result.fit = std::move(fit);
     }
@@ -82,11 +64,11 @@ std::vector<double> squaredDistances(const Attempt& attempt) {
 }
 
 bool isIndexed(const Attempt& attempt, std::size_t i) {
-    return attempt.fit.valid && attempt.fit.indices[i][0] != VRK::detail::kNotIndexed;
+    return attempt.fit.valid && attempt.fit.indices[i][0] != kNotIndexed;
 }
 
 /// Fills residuals and significance. \returns the index of the better attempt.
-std::size_t compare(const std::array<Attempt, 2>& attempts, PositionRefinement::Result& result) {
+std::size_t compare(const std::array<Attempt, 2>& attempts, RefinedPositions& result) {
     double sigma = std::numeric_limits<double>::infinity();
     for (const Attempt& one : attempts)
         if (one.fit.valid) sigma = std::min(sigma, one.fit.sigma);
@@ -115,58 +97,41 @@ std::size_t compare(const std::array<Attempt, 2>& attempts, PositionRefinement::
     return sum[1] < sum[0] ? 1 : 0;
 }
 
-void place(ReflexVector& list, const std::vector<FitPoint>& points) {
-    for (std::size_t i = 0; i < points.size(); ++i) {
-        if (!list[i]) continue;
-        const Eigen::Vector3d& p = points[i].position;
-        Reflex moved(p.x(), p.y(), p.z());
-        moved.setIntensity(list[i]->getIntensity());
-        *list[i] = moved;
-    }
+bool canStart(std::span<const Eigen::Vector3d> positions, std::span<const double> tilts, const Lattice& start,
+              const RefinementSettings& settings) {
+    return positions.size() == tilts.size() && start.basis.allFinite() && start.origin.allFinite() &&
+           !start.toUnitCell().isDegenerate() && settings.tolerance > 0.0 && settings.tolerance <= 0.5 &&
+           std::abs(settings.ties.toConventional.determinant()) > 1e-6;
 }
 
 }  // namespace
 
-void PositionRefinement::setConstraint(LATTICE::BravaisTypes type, const double toConventional[3][3]) {
-    m_type = type;
-    VRK::detail::copyMatrix(toConventional, m_toConventional);
-}
-
-ReflexVector* PositionRefinement::refine(const ReflexVector* found, const SamplingGeometry& geometry,
-                                         UnitCell* cell, double origin[3]) {
-    std::vector<double> tilts;
-    const ReflexVectorPtr positions(ReflectionPositions::fromSamples(found, geometry, &tilts));
-    return positions ? refine(positions.get(), tilts, cell, origin) : nullptr;
-}
-
-ReflexVector* PositionRefinement::refine(const ReflexVector* positions, std::span<const double> tilts,
-                                         UnitCell* cell, double origin[3]) {
-    using namespace VRK::detail;
-    if (!positions) return fail("there is no list of reflections.");
-    if (tilts.size() != positions->size()) return fail("there has to be one tilt for each reflection.");
-    const CellTies ties = tiesOf(m_type, m_toConventional);
-    if (const char* reason = obstacle(cell, origin, m_tolerance, ties)) return fail(reason);
-
-    const Lattice start = latticeFrom(*cell, origin);
-    const double pixelSize = cell->getPixelsize();
-    const bool curved = m_wavelength > 0.0 && pixelSize > 0.0;
-    const EwaldCurvature curvature(curved ? m_wavelength : 0.0, curved ? pixelSize : 0.0);
-    const std::vector<FitPoint> found = gatherPoints(*positions, 0);
+std::optional<RefinedPositions> refinePositions(std::span<const Eigen::Vector3d> positions,
+                                                std::span<const double> tilts, const Lattice& start,
+                                                const RefinementSettings& settings) {
+    if (!canStart(positions, tilts, start, settings)) return std::nullopt;
+    const bool curved = settings.wavelength > 0.0 && start.pixelSize > 0.0;
+    const EwaldCurvature curvature(curved ? settings.wavelength : 0.0, curved ? start.pixelSize : 0.0);
+    std::vector<FitPoint> found;
+    found.reserve(positions.size());
+    for (const Eigen::Vector3d& position : positions)
+        found.push_back({position});
 
     std::array<Attempt, 2> attempts;
-    attempts[0] = attempt(found, tilts, start, curvature, +1, m_tolerance, ties);
-    attempts[1] = curved ? attempt(found, tilts, start, curvature, -1, m_tolerance, ties) : attempts[0];
-    if (!attempts[0].fit.valid && !attempts[1].fit.valid) return fail(kNoFit);
-    Result result{};
+    attempts[0] = attempt(found, tilts, start, curvature, +1, settings.tolerance, settings.ties);
+    attempts[1] =
+        curved ? attempt(found, tilts, start, curvature, -1, settings.tolerance, settings.ties) : attempts[0];
+    if (!attempts[0].fit.valid && !attempts[1].fit.valid) return std::nullopt;
+    RefinedPositions result;
     std::size_t best = compare(attempts, result);
     if (!attempts[best].fit.valid) best = 1 - best;
 
-    ReflexVectorPtr list(ReflectionPositions::copies(positions, 0, origin, nullptr));
-    place(*list, attempts[best].points);
-    assignIndices(*list, attempts[best].fit.indices);
+    for (const FitPoint& point : attempts[best].points)
+        result.positions.push_back(point.position);
+    result.indices = attempts[best].fit.indices;
     result.sense = curved ? attempts[best].sense : 0;
-    result.lattice = describe(attempts[best].fit, ties, pixelSize);
-    m_result = result;
-    storeLattice(result.lattice, *cell, origin);
-    return list.release();
+    result.lattice = describe(attempts[best].fit, settings.ties);
+    return result;
 }
+
+}  // namespace vrk

@@ -5,6 +5,8 @@
 #include <cmath>
 #include <random>
 
+#include "pipeline/latticesearch/LatticeFit.h"
+
 namespace {
 
 using Eigen::Matrix3d;
@@ -178,13 +180,13 @@ TEST(LatticeScore, FittingFindsTheLatticeFromACoarseStart) {
     Matrix3d change;
     change << 1.02, 0.01, 0.0, -0.01, 0.98, 0.02, 0.0, 0.01, 1.01;
     const Lattice start{change * crystal.basis, Vector3d::Zero()};
-    const Lattice fitted = vrk::fitLattice(points, start, 1.5);
+    const Lattice fitted = vrk::fitWithin(points, start, 1.5);
     EXPECT_LT((fitted.basis - crystal.basis).cwiseAbs().maxCoeff(), 0.02);
     EXPECT_LT((fitted.origin - shift).norm(), 0.15);
     // Points in a plane determine no lattice.
     for (Vector3d& point : points)
         point[2] = 0.0;
-    EXPECT_EQ(vrk::fitLattice(points, start, 1.5).basis, start.basis);
+    EXPECT_EQ(vrk::fitWithin(points, start, 1.5).basis, start.basis);
 }
 
 }  // namespace

@@ -9,8 +9,8 @@
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "cellfinding/Parameter.h"
 #include "crystallography/UnitCell.h"
-#include "indexing/PositionRefinement.h"
 #include "indexing/ReflectionPositions.h"
+#include "pipeline/latticesearch/PositionRefinement.h"
 #include "pipeline/simulation/Simulation.h"
 #include "processing/SamplingGeometry.h"
 #include "processing/VoxMRCstemProcessing.h"
@@ -42,7 +42,7 @@ struct FoundReflections {
     }
 
     /// The true cell with vectors that are wrong by some 0.4 %.
-    UnitCell start() const {
+    vrk::Lattice start(const Eigen::Vector3d& centre) const {
         std::mt19937 random(1);
         std::normal_distribution<double> error(0.0, 0.004);
         vrk::Matrix3 vectors = truth.primitiveVectors;
@@ -51,8 +51,9 @@ struct FoundReflections {
             for (double& component : v)
                 component += length * error(random);
         }
-        return UnitCell(vectors[0].data(), vectors[1].data(), vectors[2].data(), truth.pixelSize, false, true,
-                        LATTICE::aP);
+        const UnitCell cell(vectors[0].data(), vectors[1].data(), vectors[2].data(), truth.pixelSize, false,
+                            true, LATTICE::aP);
+        return vrk::Lattice::of(cell, centre);
     }
 
     vrk::SimulationTruth truth;
@@ -61,12 +62,12 @@ struct FoundReflections {
     ReflexVectorPtr list;
 };
 
-void expectTruth(const PositionRefinement::Result& result, const vrk::SimulationTruth& truth, double length,
+void expectTruth(const vrk::RefinedPositions& result, const vrk::SimulationTruth& truth, double length,
                  double angle) {
     // The sphere lies at g . n = +|g|^2 lambda / 2 for handedness +1, which a found position is below.
     EXPECT_EQ(result.sense, -truth.handedness);
     EXPECT_TRUE(result.decided);
-    EXPECT_GT(result.lattice.indexed, 0.98 * result.lattice.reflections);
+    EXPECT_GT(result.lattice.fraction(), 0.98);
     for (std::size_t i = 0; i < 3; ++i) {
         EXPECT_NEAR(result.lattice.cell[i] / truth.primitiveCell[i], 1.0, length);
         EXPECT_NEAR(result.lattice.cell[i + 3], truth.primitiveCell[i + 3], angle);
@@ -79,43 +80,45 @@ TEST(IndexingEndToEndTest, ExactPositionsGiveTheTrueCellAndTheSense) {
         ASSERT_TRUE(found.list);
         ASSERT_GT(found.list->size(), 1500u);
         const SamplingGeometry geometry(256, found.tilts, SamplingGeometry::depthOf(256, found.tilts));
-        const double centre[3] = {127.5, 127.5, 0.5 * (geometry.depth() - 1.0)};
-        PositionRefinement refinement;
-        refinement.setWavelength(found.truth.wavelength);
-        UnitCell cell = found.start();
-        double origin[3] = {centre[0], centre[1], centre[2]};
-        const ReflexVectorPtr corrected(refinement.refine(found.list.get(), geometry, &cell, origin));
-        ASSERT_TRUE(corrected);
-        expectTruth(refinement.result(), found.truth, 5e-4, 0.03);
+        const Eigen::Vector3d centre(127.5, 127.5, 0.5 * (geometry.depth() - 1.0));
+        std::vector<double> seen;
+        const auto refined = [&](const ReflexVectorPtr& list) {
+            std::vector<Eigen::Vector3d> places;
+            for (Reflex* reflex : *list)
+                places.emplace_back(reflex->getCenterInX(), reflex->getCenterInY(), reflex->getCenterInZ());
+            vrk::RefinementSettings settings;
+            settings.wavelength = found.truth.wavelength;
+            return vrk::refinePositions(places, seen, found.start(centre), settings);
+        };
+        const auto result =
+            refined(ReflexVectorPtr(ReflectionPositions::fromSamples(found.list.get(), geometry, &seen)));
+        ASSERT_TRUE(result);
+        expectTruth(*result, found.truth, 5e-4, 0.03);
 
         // At 1.2 per Angstrom, against the true lattice.
-        const auto& basis = found.truth.primitiveVectors;
+        vrk::Lattice truth;
+        for (int i = 0; i < 3; ++i)
+            truth.basis.col(i) =
+                Eigen::Vector3d(found.truth.primitiveVectors[static_cast<std::size_t>(i)].data());
         double along = 0.0;
         int count = 0;
-        for (Reflex* reflex : *corrected) {
-            if (!reflex->isIndicated()) continue;
-            vrk::Vector3 g{};
-            for (std::size_t i = 0; i < 3; ++i)
-                g[i] = reflex->getH() * basis[0][i] + reflex->getK() * basis[1][i] +
-                       reflex->getL() * basis[2][i];
-            const double inverseSpacing = std::hypot(g[0], g[1], g[2]) * found.truth.pixelSize * 1e-10;
-            if (std::abs(inverseSpacing - 1.2) > 0.05) continue;
-            const double tilt = std::atan(g[2] / g[0]);
-            along += (reflex->getCenterInZ() - centre[2] - g[2]) * std::cos(tilt) -
-                     (reflex->getCenterInX() - centre[0] - g[0]) * std::sin(tilt);
+        for (std::size_t i = 0; i < result->positions.size(); ++i) {
+            if (result->indices[i][0] == vrk::kNotIndexed) continue;
+            const Eigen::Vector3d g = truth.node(result->indices[i]);
+            if (std::abs(g.norm() * found.truth.pixelSize * 1e-10 - 1.2) > 0.05) continue;
+            const double tilt = std::atan(g.z() / g.x());
+            const Eigen::Vector3d off = result->positions[i] - centre - g;
+            along += off.z() * std::cos(tilt) - off.x() * std::sin(tilt);
             ++count;
         }
         ASSERT_GT(count, 30);
         EXPECT_LT(std::abs(along / count), 0.3) << "of 1.8 voxels without the correction";
 
         // The positions of the peaks alone, as a peak file has them, are nearly as good.
-        std::vector<double> seen;
-        const ReflexVectorPtr places(ReflectionPositions::fromCenters(found.list.get(), 3, geometry, &seen));
-        cell = found.start();
-        std::copy(centre, centre + 3, origin);
-        const ReflexVectorPtr fromPlaces(refinement.refine(places.get(), seen, &cell, origin));
+        const auto fromPlaces =
+            refined(ReflexVectorPtr(ReflectionPositions::fromCenters(found.list.get(), 3, geometry, &seen)));
         ASSERT_TRUE(fromPlaces);
-        expectTruth(refinement.result(), found.truth, 1e-3, 0.06);
+        expectTruth(*fromPlaces, found.truth, 1e-3, 0.06);
     }
 }
 

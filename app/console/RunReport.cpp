@@ -1,0 +1,72 @@
+#include "console/RunReport.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <string>
+
+#include "pipeline/base/NumberText.h"
+#include "pipeline/run/ResultFiles.h"
+#include "pipeline/run/RunSummary.h"
+
+namespace vrk::app {
+namespace {
+
+std::string senseText(const RefinedPositions& refinement) {
+    if (refinement.sense == 0) return "not looked at";
+    if (!refinement.decided) return "undecided";
+    return refinement.sense > 0 ? "+1" : "-1";
+}
+
+}  // namespace
+
+void printSummary(std::ostream& out, const RunResult& result) {
+    char line[256];
+    const auto print = [&](auto... values) {
+        std::snprintf(line, sizeof line, values...);
+        out << line << '\n';
+    };
+    const auto printCell = [&](const char* name, const RefinedLattice& fit) {
+        std::string text;
+        for (std::size_t i = 0; i < 6; ++i)
+            text += "  " + withUncertainty(fit.cell[i], fit.cellSigma[i]);
+        out << name << text << '\n';
+    };
+    const SeriesFacts& facts = result.facts();
+    const Indexed& indexed = result.indexed;
+    const RefinedLattice& refined = indexed.refined.lattice;
+    const LatticeCharacter& answer = indexed.symmetry();
+    print("series        %d frames of %d x %d, tilts %.2f to %.2f degrees", facts.size[2], facts.size[0],
+          facts.size[1], facts.tiltFirst, facts.tiltLast);
+    print("tilt axis     %.2f degrees (%s)", result.axis.angle, result.axis.source.c_str());
+    printCell("reduced     ", refined);
+    printCell("conventional", indexed.conventional);
+    print("lattice       %s, misfit %.2f degrees, volume %.1f A^3, confidence %s",
+          LATTICE::shortName(answer.bravaisType), answer.qualityIndex, indexed.conventional.volume,
+          nameOf(indexed.confidence));
+    for (std::size_t i = 1; i < std::min<std::size_t>(indexed.characters.size(), 4); ++i) {
+        const LatticeCharacter& other = indexed.characters[i];
+        const CellParameters& m = other.measured;
+        print("  or          %s, misfit %.2f degrees:  %.3f  %.3f  %.3f  %.2f  %.2f  %.2f",
+              LATTICE::shortName(other.bravaisType), other.qualityIndex, m.a, m.b, m.c, m.alpha, m.beta,
+              m.gamma);
+    }
+    print("reflections   %d found, %d indexed (%.1f %%), %zu different, to %.2f A", refined.reflections,
+          refined.indexed, 100.0 * refined.fraction(), conventionalReflections(indexed).size(),
+          indexed.resolution);
+    print("residual      %.2f voxels", refined.rms);
+    out << "handedness    " << senseText(indexed.refined) << '\n';
+    const CellSearchTrial& trial = result.lattice.best.trial;
+    print(
+        "parameters    threshold %g (lattice at %g), zero beam %.0f, vectors %.1f to %.1f, eps %.1f, %d "
+        "points",
+        indexed.level.threshold, indexed.cellThreshold, indexed.level.zeroBeam, trial.minLength,
+        trial.maxLength, trial.eps, trial.minPts);
+    const RunSeconds& s = result.seconds;
+    print(
+        "seconds       read %.1f, preprocess %.1f, axis %.1f, reconstruct %.1f, search %.1f, cell %.1f, "
+        "index "
+        "%.1f, total %.1f; %.0f MiB",
+        s.read, s.preprocess, s.tiltAxis, s.reconstruct, s.search, s.cell, s.index, s.total, peakMemory());
+}
+
+}  // namespace vrk::app

@@ -1,0 +1,67 @@
+/// \file
+/// From a lattice to indexed reflections, the refined cell and its symmetry.
+#pragma once
+
+#include <Eigen/Core>
+#include <functional>
+#include <optional>
+#include <vector>
+
+#include "crystallography/LatticeSymmetry.h"
+#include "crystallography/UnitCell.h"
+#include "pipeline/base/Session.h"
+#include "pipeline/latticesearch/Confidence.h"
+#include "pipeline/latticesearch/PositionRefinement.h"
+#include "pipeline/run/LatticeChoice.h"
+
+namespace vrk {
+
+struct Indexed {
+    Level level;                               ///< whose reflections were indexed
+    double cellThreshold = 0.0;                ///< of the level that gave the lattice
+    RefinedPositions refined;                  ///< free, of the reduced cell
+    RefinedLattice conventional;               ///< under the ties of its type
+    std::vector<LatticeCharacter> characters;  ///< the answer first
+    Confidence confidence = Confidence::Low;
+    double resolution = 0.0;  ///< smallest spacing of an indexed reflection, Angstrom
+
+    const Lattice& lattice() const { return refined.lattice.lattice; }
+    const LatticeCharacter& symmetry() const { return characters.front(); }
+    /// Conventional direct base = reduced direct base times this matrix.
+    Eigen::Matrix3d toConventional() const;
+    /// The conventional reciprocal cell in the volume, with the free metric.
+    UnitCell conventionalCell() const;
+};
+
+/// Refines the lattice on the level that gave it, goes to the level that adds most reflections without
+/// leaving the lattice, indexes its reflections and finds the symmetry. Throws Failure (NothingFound) when
+/// the lattice cannot be refined.
+Indexed indexReflections(std::vector<Level> levels, const LatticeChoice& choice,
+                         const ReciprocalVolume& volume, Session& session);
+
+/// \name Its choices
+/// @{
+
+/// The level to index, of those whose share on the lattice \p indexed gives (by rising threshold). Going down
+/// from the one that gave the lattice, reflections are added as long as nearly all lie on the lattice, or,
+/// where distortions never let them, most of those that come. When that level is the lowest that serves, a
+/// higher one is taken as long as it is clearly cleaner.
+struct LevelShare {
+    std::size_t reflections = 0;
+    int indexed = 0;
+    double fraction() const {
+        return reflections > 0 ? static_cast<double>(indexed) / static_cast<double>(reflections) : 0.0;
+    }
+};
+/// \param share  asked once for each level that is looked at; nothing when it cannot be indexed
+std::size_t chooseLevel(std::size_t found, std::size_t levels,
+                        const std::function<std::optional<LevelShare>(std::size_t)>& share);
+
+/// The wide tolerances let a cell pass for one of higher symmetry. Distortions of the lens spoil every
+/// symmetry alike; where a lower one, that still ties something, fits ten times better than the highest and
+/// the difference is significant, it is the answer and moves to the front.
+/// \param noise  standard uncertainty of the angles, degrees
+void preferExactFit(std::vector<LatticeCharacter>& characters, double noise);
+/// @}
+
+}  // namespace vrk

@@ -1,0 +1,36 @@
+/// \file
+/// A series that is ready for the reconstruction.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "VoxCore/DataModel/VoxMRCData.h"
+#include "pipeline/base/Session.h"
+#include "pipeline/run/RadialNoise.h"
+#include "pipeline/run/Series.h"
+
+namespace vrk {
+
+/// Direction of the tilt axis in the frames, degrees; along (-sin t, cos t).
+struct TiltAxis {
+    double angle = 0.0;
+    double uncertainty = 0.0;        ///< standard uncertainty of a search; 0 otherwise
+    std::string source = "assumed";  ///< "option", "header", "search", "assumed"
+};
+
+/// Square frames without hot spots, the direct beam in the middle, the background taken off.
+struct CentredSeries {
+    std::unique_ptr<VoxMRCData> frames;
+    SeriesFacts facts;
+    RadialNoise noise;
+};
+CentredSeries centre(Series series, Session& session);
+
+/// The axis by choice. Throws Failure when a search finds none.
+TiltAxis findAxis(const CentredSeries& series, const AxisChoice& choice, Session& session);
+
+/// The same frames rotated so that the tilt axis lies along y.
+CentredSeries rotate(CentredSeries series, const TiltAxis& axis, Session& session);
+
+}  // namespace vrk

@@ -1,0 +1,83 @@
+#include "pipeline/run/ResultFiles.h"
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "crystallography/CellFileImportExport.h"
+#include "indexing/HKLfileImportExport.h"
+#include "pipeline/base/Failure.h"
+#include "pipeline/base/OutputFile.h"
+#include "reflections/PeakFileImportExport.h"
+#include "reflections/ReflexVector.h"
+
+namespace vrk {
+namespace {
+
+ReflexVectorPtr voxelCentres(const Level& level) {
+    ReflexVectorPtr list(new ReflexVector);
+    for (const FoundReflection& reflection : level.reflections) {
+        const Eigen::Vector3d& p = reflection.voxelCentre;
+        list->push_back(new Reflex(p.x(), p.y(), p.z()));
+        list->back()->setIntensity(reflection.intensity);
+    }
+    return list;
+}
+
+ReflexVectorPtr listOf(const std::vector<IndexedReflection>& reflections) {
+    ReflexVectorPtr list(new ReflexVector);
+    for (const IndexedReflection& reflection : reflections) {
+        list->push_back(new Reflex(0.0, 0.0, 0.0));
+        list->back()->setHKL(reflection.h, reflection.k, reflection.l);
+        list->back()->setIntensity(reflection.intensity);
+    }
+    return list;
+}
+
+bool writePeaks(const RunResult& result, const std::string& path) {
+    const VoxMRCData& voxels = *result.volume.voxels;
+    const SeriesFacts& facts = result.facts();
+    const ReflexVectorPtr list = voxelCentres(result.indexed.level);
+    return PeakFileImportExport::writePeakFile_version_2(
+        path, list.get(), 3, static_cast<int>(voxels.GetWidth()), static_cast<int>(voxels.GetHeight()),
+        static_cast<int>(voxels.GetDepth()), facts.tiltFirst, facts.tiltLast, facts.pixelSize, 0.0, 0.0,
+        false);
+}
+
+}  // namespace
+
+std::vector<IndexedReflection> conventionalReflections(const Indexed& indexed) {
+    ReflexVectorPtr list(new ReflexVector);
+    for (std::size_t i = 0; i < indexed.level.reflections.size(); ++i) {
+        const Indices& hkl = indexed.refined.indices[i];
+        list->push_back(new Reflex(0.0, 0.0, 0.0));
+        list->back()->setHKL(hkl[0], hkl[1], hkl[2]);
+        list->back()->setIntensity(indexed.level.reflections[i].intensity);
+    }
+    return indexedReflections(*list, indexed.symmetry().toConventional);
+}
+
+std::vector<std::filesystem::path> writeResultFiles(const RunResult& result,
+                                                    const std::filesystem::path& folder, Session& session) {
+    std::vector<std::filesystem::path> files;
+    const auto write = [&](const char* name, const std::function<bool(const std::string&)>& writer) {
+        OutputFile file(folder / name);
+        if (!writer(file.path().string()))
+            throw Failure("cannot write " + (folder / name).string() + ": " + session.lastError());
+        file.commit();
+        files.push_back(folder / name);
+    };
+    write("peaks.txt", [&](const std::string& path) { return writePeaks(result, path); });
+    write("cell.txt", [&](const std::string& path) {
+        UnitCell cell = result.indexed.lattice().toUnitCell();
+        return CellFileImportExport::writeCellFile_version_2(path, &cell);
+    });
+    const ReflexVectorPtr list = listOf(conventionalReflections(result.indexed));
+    // The change of the number format is no news for the reader of the summary.
+    const QuietLog quiet(session, QuietLog::Keep::InLogAlone);
+    write("reflections.hkl",
+          [&](const std::string& path) { return HKLfileImportExport::exportHKLFile(list.get(), path); });
+    return files;
+}
+
+}  // namespace vrk

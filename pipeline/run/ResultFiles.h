@@ -1,0 +1,22 @@
+/// \file
+/// The files of a run that other programs read.
+#pragma once
+
+#include <filesystem>
+#include <vector>
+
+#include "pipeline/base/Session.h"
+#include "pipeline/formats/ReflectionFormats.h"
+#include "pipeline/run/RunResult.h"
+
+namespace vrk {
+
+/// The reflections with the indices of the conventional cell, pieces of one added up.
+std::vector<IndexedReflection> conventionalReflections(const Indexed& indexed);
+
+/// Writes peaks.txt, cell.txt and reflections.hkl. \returns their paths. Throws Failure when one cannot be
+/// written.
+std::vector<std::filesystem::path> writeResultFiles(const RunResult& result,
+                                                    const std::filesystem::path& folder, Session& session);
+
+}  // namespace vrk

@@ -1,0 +1,38 @@
+/// \file
+/// What a caller may decide of a run. Everything has a value that lets the run find out by itself.
+#pragma once
+
+#include <filesystem>
+#include <optional>
+
+#include "pipeline/run/CellOptions.h"
+#include "pipeline/run/SearchOptions.h"
+
+namespace vrk {
+
+/// Where the direction of the tilt axis comes from.
+struct AxisChoice {
+    enum class Source {
+        Series,  ///< what the series states; along y when it states nothing
+        Given,
+        AlongY,
+        Search
+    };
+    Source source = Source::Series;
+    double angle = 0.0;     ///< degrees, of Given
+    double accuracy = 0.1;  ///< finest step of the search, degrees
+    int jobs = 1;           ///< processes of the search
+    /// Receives the plots of the search.
+    std::filesystem::path folder;
+};
+
+struct RunOptions {
+    AxisChoice axis;
+    std::optional<double> pixelSize;        ///< 1/m per pixel, instead of the series'
+    std::optional<double> kiloVolts;        ///< instead of the series'
+    std::filesystem::path fineCalibration;  ///< file with calibrated pixel sizes; empty: none
+    SearchOptions search;
+    CellOptions cell;
+};
+
+}  // namespace vrk

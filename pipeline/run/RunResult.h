@@ -1,0 +1,28 @@
+/// \file
+/// Everything that a run found.
+#pragma once
+
+#include "pipeline/run/Indexing.h"
+#include "pipeline/run/LatticeChoice.h"
+#include "pipeline/run/PreparedSeries.h"
+#include "pipeline/run/ReciprocalVolume.h"
+
+namespace vrk {
+
+/// Seconds of wall-clock time spent in each stage.
+struct RunSeconds {
+    double read = 0.0, preprocess = 0.0, tiltAxis = 0.0, reconstruct = 0.0, search = 0.0, cell = 0.0,
+           index = 0.0, total = 0.0;
+};
+
+struct RunResult {
+    TiltAxis axis;
+    ReciprocalVolume volume;  ///< with the facts of the series
+    LatticeChoice lattice;    ///< as found, relative to the centre of the volume
+    Indexed indexed;
+    RunSeconds seconds;
+
+    const SeriesFacts& facts() const { return volume.facts; }
+};
+
+}  // namespace vrk

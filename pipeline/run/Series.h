@@ -1,0 +1,42 @@
+/// \file
+/// A tilt series with the facts that everything after it builds on.
+#pragma once
+
+#include <array>
+#include <filesystem>
+#include <memory>
+#include <optional>
+
+#include "VoxCore/DataModel/VoxMRCData.h"
+#include "pipeline/base/Session.h"
+#include "pipeline/run/RunOptions.h"
+
+namespace vrk {
+
+/// What is known of a series beside its pixels.
+struct SeriesFacts {
+    std::array<int, 3> size{};  ///< columns, rows, frames
+    double tiltFirst = 0.0;     ///< degrees
+    double tiltLast = 0.0;      ///< degrees
+    double pixelSize = 0.0;     ///< 1/m per pixel
+    double kiloVolts = 0.0;
+    std::optional<double> axis;     ///< as the series states it, degrees
+    bool kiloVoltsAssumed = false;  ///< neither the series nor the caller gave it
+
+    double wavelength() const;  ///< Angstrom
+};
+
+/// Frames in ascending order of tilt, none empty, no tilt twice.
+struct Series {
+    std::unique_ptr<VoxMRCData> frames;
+    SeriesFacts facts;
+};
+
+/// Checks a series (checkedSeries()) and settles pixel size and voltage. Throws Failure when it cannot be
+/// processed or no pixel size is known.
+Series makeSeries(std::unique_ptr<VoxMRCData> frames, const RunOptions& options, Session& session);
+
+/// Reads the series first.
+Series loadSeries(const std::filesystem::path& path, const RunOptions& options, Session& session);
+
+}  // namespace vrk
