@@ -34,15 +34,29 @@ void log(const std::ostringstream& text) {
 
 }  // namespace
 
+VoxMRCData::VoxMRCData(const VoxMRCData& other) : VoxArray<short>(other), m_Header(other.m_Header) {
+    shareHistogramOf(other);
+}
+
 VoxMRCData::~VoxMRCData() {
-    delete m_Histogram;
+    if (m_SharedHistogram.get() != m_Histogram) delete m_Histogram;
+}
+
+void VoxMRCData::holdHistogram() const {
+    if (m_SharedHistogram.get() != m_Histogram) m_SharedHistogram.reset(m_Histogram);
+}
+
+void VoxMRCData::shareHistogramOf(const VoxMRCData& other) {
+    other.holdHistogram();
+    m_SharedHistogram = other.m_SharedHistogram;
+    m_Histogram = other.m_Histogram;
 }
 
 VoxMRCData& VoxMRCData::operator=(const VoxMRCData& other) {
     if (this == &other) return *this;
     VoxArray<short>::operator=(other);
-    if (m_Histogram != other.m_Histogram) delete m_Histogram;
-    m_Histogram = other.m_Histogram;
+    if (m_Histogram != other.m_Histogram) holdHistogram();
+    shareHistogramOf(other);
     m_Header = other.m_Header;
     return *this;
 }

@@ -2,6 +2,8 @@
 /// The object that every processing step takes and returns: a tilt series or a reciprocal volume.
 #pragma once
 
+#include <memory>
+
 #include "VRKCoreExport.h"
 #include "VoxCore/DataModel/VoxArray/VoxArray.h"
 #include "VoxCore/DataModel/VoxHistogram.h"
@@ -11,20 +13,21 @@
 /// one, their histogram. docs/conventions.md has the in-slice orders of series and volumes.
 ///
 /// Ownership: the histogram belongs to the object. A copy (construction or assignment) takes over the
-/// pointer, as the copy constructor takes over the pointers of the elements (see VoxArray). Before both
-/// sides of a copy are destroyed, one of them has to give up what they share: m_Histogram = nullptr, and
-/// after copy construction SetShallow(true). For independent data use Create3D(), assign, and give the
-/// copy a histogram of its own.
+/// pointer, and both own the histogram from then on: it is deleted with the last of them, and each may put
+/// another one, or null, in its place. It still counts the elements of the object that it was made for,
+/// which therefore has to exist when it is updated. The elements are shared by copy construction alone
+/// (see VoxArray): before both sides are destroyed, one of them has to be marked with SetShallow(true). For
+/// independent data use Create3D(), assign, and give the copy a histogram of its own.
 class VRKCORE_EXPORT VoxMRCData : public VoxArray<short> {
 public:
     /// Empty: no elements, no histogram.
     VoxMRCData() = default;
     /// Shares elements and histogram with the source, see the class; the header is copied.
-    VoxMRCData(const VoxMRCData& other) = default;
+    VoxMRCData(const VoxMRCData& other);
     ~VoxMRCData() override;
 
     /// Copies the elements into the existing slices (the shapes have to agree) and the header, and takes
-    /// over the pointer to the histogram, see the class. A histogram that this object had is deleted.
+    /// over the pointer to the histogram, see the class. A histogram that this object alone had is deleted.
     VoxMRCData& operator=(const VoxMRCData& other);
     using VoxArray<short>::operator=;
 
@@ -44,4 +47,11 @@ public:
 
     VoxHistogram<short>* m_Histogram = nullptr;  ///< owned; null until somebody makes one
     mrcH m_Header;
+
+private:
+    void shareHistogramOf(const VoxMRCData& other);
+    void holdHistogram() const;
+
+    /// The histogram, once copies share it: whoever sets m_Histogram hands over a plain pointer.
+    mutable std::shared_ptr<VoxHistogram<short>> m_SharedHistogram;
 };

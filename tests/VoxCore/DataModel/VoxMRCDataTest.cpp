@@ -35,26 +35,42 @@ TEST(VoxMRCData, IsCreatedSlicedOrNotAtAll) {
     EXPECT_EQ(log.messages, (std::vector{enter, leave}));
 }
 
-TEST(VoxMRCData, AssignmentCopiesValuesAndHandsOnTheHistogram) {
-    const Data source(VoxMRCData::Create3D(2, 2, 2));
-    *source = short{4};
-    source->m_Header.nx = 2;
-    source->m_Histogram = new VoxHistogram<short>(source.get(), 8, {});
+// Run with the sanitizers, this also tells leaks and what is freed twice.
+TEST(VoxMRCData, CopiesShareTheHistogramWhateverIsDestroyedFirst) {
+    const auto filled = [](short value) {
+        Data data(VoxMRCData::Create3D(2, 2, 2));
+        *data = value;
+        data->m_Histogram = new VoxHistogram<short>(data.get(), 8, {});
+        return data;
+    };
+    for (const bool sourceFirst : {true, false}) {
+        Data source = filled(4), target = filled(5);
+        source->m_Header.nx = 2;
+        *target = *source;
+        *target = *source;
+        EXPECT_EQ(target->m_Histogram, source->m_Histogram);
+        EXPECT_EQ(target->m_Header.nx, 2);
+        *source = short{1};
+        EXPECT_EQ(target->Sum(), 32);
 
-    const Data target(VoxMRCData::Create3D(2, 2, 2));
-    target->m_Histogram = new VoxHistogram<short>(target.get(), 8, {});
-    *target = *source;
-    EXPECT_EQ(target->m_Histogram, source->m_Histogram);
-    EXPECT_EQ(target->m_Header.nx, 2);
-    target->m_Histogram = nullptr;
-    *source = short{1};
-    EXPECT_EQ(target->Sum(), 32);
+        auto view = std::make_unique<VoxMRCData>(*source);
+        EXPECT_EQ(view->GetChunkPointer(0), source->GetChunkPointer(0));
+        EXPECT_EQ(view->m_Histogram, source->m_Histogram);
+        view->SetShallow(true);
+        view.reset();
 
-    VoxMRCData view(*source);
-    EXPECT_EQ(view.GetChunkPointer(0), source->GetChunkPointer(0));
-    EXPECT_EQ(view.m_Histogram, source->m_Histogram);
-    view.SetShallow(true);
-    view.m_Histogram = nullptr;
+        VoxHistogram<short>* const shared = source->m_Histogram;
+        (sourceFirst ? source : target).reset();
+        EXPECT_EQ((sourceFirst ? target : source)->m_Histogram->m_Bins, shared->m_Bins);
+    }
+    const Data source = filled(1), replaced = filled(2), emptied = filled(3);
+    *replaced = *source;
+    replaced->m_Histogram = new VoxHistogram<short>(replaced.get(), 4, {});
+    *emptied = *source;
+    emptied->m_Histogram = nullptr;
+    *emptied = *replaced;
+    EXPECT_EQ(emptied->m_Histogram->m_BinCount, 4);
+    EXPECT_EQ(source->m_Histogram->m_BinCount, 8);
 }
 
 TEST(VoxMRCData, PrintsItsMainHeader) {

@@ -1,8 +1,5 @@
 #include "VoxCore/DataModel/VoxArray/VoxArray.h"
 
-#include <sys/mman.h>
-#include <sys/sysinfo.h>
-
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -16,6 +13,11 @@
 #include "VoxCore/DataModel/VoxArray/detail/ElementArithmetic.h"
 #include "foundation/detail/LargePages.h"
 
+#ifdef __linux__
+#include <sys/mman.h>
+#include <sys/sysinfo.h>
+#endif
+
 namespace {
 
 using VRK::detail::Element;
@@ -26,34 +28,44 @@ constexpr const char* kMaxWarning = "\nWARNING: __FILE__(__LINE__)\n";
 
 /// The system grants more memory than there is and kills the process that touches it; an array larger
 /// than the machine must therefore be refused here.
-bool fitsIntoMachine(double bytes) {
+bool fitsIntoMachine([[maybe_unused]] double bytes) {
+#ifdef __linux__
     struct sysinfo machine {};
     if (sysinfo(&machine) != 0) return true;
     const double total = static_cast<double>(machine.totalram) + static_cast<double>(machine.totalswap);
     return bytes <= total * machine.mem_unit;
+#else
+    return true;
+#endif
 }
 
 // Arrays of some size get their chunks side by side in one region of the address space that is backed by
 // large pages: touching hundreds of megabytes for the first time in pages of 4 KiB takes longer than what is
 // usually computed into them. A sanitizer sees an overrun of a chunk only when each has its own block.
-#if defined(__SANITIZE_ADDRESS__) || !defined(__linux__)
-constexpr bool kSystemHasRegions = false;
+#ifdef __SANITIZE_ADDRESS__
+constexpr bool kUseRegions = false;
 #else
-constexpr bool kSystemHasRegions = true;
+constexpr bool kUseRegions = true;
 #endif
 constexpr std::size_t kLeastRegion = std::size_t{4} << 20;
 constexpr std::size_t kCacheLine = 64;
 
 /// Zeros, or null.
-std::byte* mapRegion(std::size_t bytes) {
+std::byte* mapRegion([[maybe_unused]] std::size_t bytes) {
+#ifdef __linux__
     void* region = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (region == MAP_FAILED) return nullptr;
     VRK::detail::preferLargePages(region, bytes);
     return static_cast<std::byte*>(region);
+#else
+    return nullptr;
+#endif
 }
 
-void unmapRegion(std::byte* region, std::size_t bytes) {
+void unmapRegion([[maybe_unused]] std::byte* region, [[maybe_unused]] std::size_t bytes) {
+#ifdef __linux__
     munmap(region, bytes);
+#endif
 }
 
 unsigned logOfInterleavedChunks(double bytes) {
@@ -230,7 +242,7 @@ bool VoxArray<T>::InitMemory() {
 
 template <typename T>
 bool VoxArray<T>::InitRegion(std::size_t places) {
-    if (!kSystemHasRegions) return false;
+    if (!kUseRegions) return false;
     // A line more than needed: slices of a power of two would otherwise share their places in the cache.
     const std::size_t stride = (places * sizeof(T) / kCacheLine + 1) * kCacheLine;
     const std::size_t bytes = m_ChunkCount * stride;
