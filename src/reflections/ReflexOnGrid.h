@@ -31,8 +31,9 @@ public:
     /// A start voxel outside the volume gives a region without voxels at position 0 and the log line
     /// "Startvoxel not correct.", a start voxel in the background one without voxels at that voxel.
     ReflexOnGrid(int x, int y, int z, const VoxMRCData* volume, bool markVisited, bool* visited);
-    /// A region without voxels at the position \p xyz, of which getPoints() is empty and every measure 0; but
-    /// the flags are set as the region that starts there would set them.
+    /// A region without voxels: getPoints() is empty and every measure of voxels 0, while position and
+    /// intensity are those of a Reflex at \p xyz (the intensity is 1). The flags are set as the region that
+    /// starts there would set them.
     ReflexOnGrid(const int* xyz, const VoxMRCData* volume, bool markVisited, bool* visited);
     ReflexOnGrid(const ReflexOnGrid&) = default;
     ReflexOnGrid& operator=(const ReflexOnGrid&) = default;
