@@ -166,8 +166,11 @@ std::unique_ptr<VoxMRCData> createVolume(unsigned width, unsigned height, unsign
     std::unique_ptr<VoxMRCData> volume(VoxMRCData::Create3D(width, height, depth));
     if (!volume) {
         const std::string text =
-            line("The volume of ", width, " x ", height, " x ", depth,
-                 " voxels could not be allocated; bin the series or use a larger machine.");
+            depth == 0
+                ? "All tilt angles are 0, which makes a volume without layers; give the series its tilt "
+                  "angles."
+                : line("The volume of ", width, " x ", height, " x ", depth,
+                       " voxels could not be allocated; bin the series or use a larger machine.");
         log(text, VRK::Error);
         throw std::runtime_error(text);
     }
@@ -409,9 +412,7 @@ VoxMRCData* VoxMRCstemProcessing::recoByAngle(VoxMRCData* input, double fineCali
     if (!problem && input->GetDepth() > mrcH::kMaxSlices)
         problem = line("the series has ", input->GetDepth(), " patterns, its header has tilt angles of ",
                        mrcH::kMaxSlices, "; sum neighbouring patterns");
-    if (problem) {
-        return refuse("recoByAngle", *problem);
-    }
+    if (problem) return refuse("recoByAngle", *problem);
     const unsigned width = input->GetWidth();
     const unsigned height = input->GetHeight();
     std::vector<float> tilts(input->GetDepth());
@@ -423,12 +424,9 @@ VoxMRCData* VoxMRCstemProcessing::recoByAngle(VoxMRCData* input, double fineCali
     log(kRule);
     log(line(" input tilts from ", tilts.front(), " to  ", tilts.back()));
     problem = problemOf(tilts);
-    const unsigned depth = problem ? 0 : SamplingGeometry::depthOf(width, tilts);
-    if (!problem && depth == 0) problem = "all tilt angles are 0; give the series its tilt angles";
-    if (problem) {
-        return refuse("recoByAngle", *problem);
-    }
+    if (problem) return refuse("recoByAngle", *problem);
     warnOfUselessTilts(tilts);
+    const unsigned depth = SamplingGeometry::depthOf(width, tilts);
     const float maxTilt = std::max(std::abs(tilts.back()), std::abs(tilts.front()));
     log(line(" max_tilt ", maxTilt));
     log(line(" max_tilt_rad ", maxTilt / 180.0F * 3.1415927F));

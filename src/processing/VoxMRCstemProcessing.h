@@ -137,8 +137,9 @@ public:
     /// \return W x H x D voxels, y fastest, D from SamplingGeometry::depthOf(); header of type MRCVOLUME,
     ///         without extended header, the pixel size in m_pixelsize; with a histogram of 256 bins. Null,
     ///         with an error in the log, for no input, for more patterns than a header has records, for tilts
-    ///         that do not ascend or are not finite, for tilts that are all 0, and after cancellation.
-    /// \throw std::runtime_error when the volume cannot be allocated
+    ///         that do not ascend or are not finite, and after cancellation.
+    /// \throw std::runtime_error when the volume cannot be created, after an error in the log: no memory, or
+    ///        no layers, as the tilts are all 0
     ///
     /// Beside the input and the volume it needs about as much memory as three patterns.
     VoxMRCData* recoByAngle(VoxMRCData* input, double fineCalibratedPixelSize, int verbosity, bool quiet);
