@@ -24,10 +24,31 @@ void checkVolume(const mrcH& header, const std::filesystem::path& path) {
 
 }  // namespace
 
+namespace {
+
+/// Throws Failure for a file that lacks more than fifteen sixteenths of its data: the library reads what is
+/// there, and most of it would be made up.
+void refuseHeaderWithoutData(const std::filesystem::path& path, const mrcH& header) {
+    const auto length = static_cast<std::int64_t>(std::filesystem::file_size(path));
+    const std::int64_t start = 1024 + std::int64_t{std::max(header.next, 0)};
+    const std::int64_t announced = std::int64_t{2} * header.nx * header.ny * header.nz;
+    const std::int64_t present = std::max<std::int64_t>(length - start, 0);
+    if (16 * present >= announced) return;
+    throw Failure(path.string() + ": its header announces " + std::to_string(announced) +
+                  " bytes of data, but only " + std::to_string(present) +
+                  " follow; the file was cut, is packed or belongs to another format");
+}
+
+}  // namespace
+
 std::unique_ptr<VoxMRCData> readMRC(const std::filesystem::path& path, Session& session) {
     VoxMRCFileHandler handler;
     handler.registerObserver(&session.progress());
-    return runStage(session, "read", [&] { return handler.readMRCFile(path.string()); });
+    return runStage(session, "read", [&] {
+        std::unique_ptr<VoxMRCData> data(handler.readMRCFile(path.string()));
+        if (data) refuseHeaderWithoutData(path, data->m_Header);
+        return data.release();
+    });
 }
 
 std::unique_ptr<VoxMRCData> readSeries(const std::filesystem::path& path, Session& session) {

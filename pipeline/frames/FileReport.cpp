@@ -83,7 +83,7 @@ TiltReport inspectTilts(const mrcH& header) {
 }
 
 void warnOfSize(const mrcH& h, std::uint64_t fileBytes, Warnings& warn) {
-    const std::uint64_t expected = 1024 + static_cast<std::uint64_t>(h.next) +
+    const std::uint64_t expected = 1024 + static_cast<std::uint64_t>(std::max(h.next, 0)) +
                                    2 * static_cast<std::uint64_t>(h.nx) * static_cast<std::uint64_t>(h.ny) *
                                        static_cast<std::uint64_t>(h.nz);
     if (fileBytes < expected)
@@ -94,7 +94,9 @@ void warnOfSize(const mrcH& h, std::uint64_t fileBytes, Warnings& warn) {
     if (h.mode != 1)
         warn("mode: the header says ", h.mode,
              ", the data are read as 16-bit signed integers (mode 1); vrk import converts others");
-    if (h.next % 144 != 0)
+    if (h.next < 0)
+        warn("extended header: its size is negative (", h.next, "), so none is read");
+    else if (h.next % 144 != 0)
         warn("extended header: ", h.next,
              " bytes are no whole number of 144-byte slice records; check the tilts");
     if (h.nsymbt != 0) warn("nsymbt: ", h.nsymbt, " bytes of symmetry records are announced but not read");

@@ -127,7 +127,8 @@ TEST(InfoCommand, SaysInOneLineWhyAFileIsRefused) {
     const TemporaryFolder folder;
     for (const auto& [path, part] :
          {std::pair{folder.write("empty.mrc", ""), "0 bytes"},
-          {folder.write("cut.mrc", plainSeries().bytes().substr(0, 1100)), "beyond the end"},
+          {folder.write("cut.mrc", plainSeries().bytes().substr(0, 1100)), "640 bytes of data, but only 0"},
+          {folder.write("no.mrc", MRCBytes(0, 8, 5).bytes()), "announces 0 x 8 x 5 voxels"},
           {folder / "missing.mrc", "cannot be opened"},
           {folder / "", "cannot be opened"}}) {
         const VrkResult result = runVrk({"info", path, "--json"});

@@ -61,6 +61,15 @@ TEST_F(ProcessingCommands, LeadFromSeriesToVolume) {
     EXPECT_NE(fine.out.find("3e+08"), std::string::npos);
 }
 
+TEST_F(ProcessingCommands, KeepAnUnknownPixelSizeUnknown) {
+    const auto series = makeSeries(16, 16, {-40, 0, 40}, 0);
+    series->m_Header.xlen = 64;  // what the frame's edge was to whoever wrote the file
+    write(*series, "unscaled.mrc");
+    const VrkResult volume = run({"reconstruct", "unscaled.mrc", "-o", "volume.mrc"});
+    EXPECT_EQ(volume.exitCode, 0) << volume.err;
+    EXPECT_EQ(Json::parse(run({"info", "volume.mrc", "--json"}).out)["pixel_size"], 0.0);
+}
+
 TEST_F(ProcessingCommands, ExplainThemselvesWhenTheyCannotGoOn) {
     const auto wide = makeSeries(20, 10, {-10, 10});
     write(*wide, "wide.mrc");

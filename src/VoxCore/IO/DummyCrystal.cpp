@@ -135,7 +135,7 @@ VoxMRCData* VoxMRCFileHandler::createTestDummyMRCFile() {
     const std::unique_ptr<mrcH> header(createDummyMRCTiltHeader());
     std::unique_ptr<VoxMRCData> data(
         VoxMRCData::Create3D(DummyCrystal::kWidth, DummyCrystal::kHeight, DummyCrystal::kSlices));
-    if (!data) failAllocation();
+    if (!data) failAllocation(*header);
     const std::vector<Spot> spots = spotsOfCrystal();
     double sum = 0;
     for (int z = 0; z < header->nz; ++z) {

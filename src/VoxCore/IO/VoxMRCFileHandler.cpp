@@ -13,7 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <limits>
-#include <new>
+#include <stdexcept>
 #include <vector>
 
 #include "VoxCore/DataModel/VoxHistogram.h"
@@ -32,8 +32,9 @@ using VRK::detail::SliceReduction;
 
 namespace {
 
-/// A header may announce at most this many times the data that its file holds.
-constexpr std::uint64_t kMostDataPerByte = 16;
+/// A file may lack this many bytes, or all but this share of what its header announces, and is still read.
+constexpr std::uint64_t kMostMissing = std::uint64_t{256} << 20;
+constexpr std::uint64_t kLeastShare = 16;
 constexpr unsigned short kHistogramBins = 256;
 
 std::uint64_t sliceBytes(const mrcH& header) {
@@ -50,7 +51,7 @@ std::uint64_t dataEnd(const mrcH& header) {
 }
 
 std::uint64_t recordBytes(const mrcH& header) {
-    return kSliceRecordBytes * static_cast<std::uint64_t>(header.nz);
+    return kSliceRecordBytes * static_cast<std::uint64_t>(std::max(header.nz, 0));
 }
 
 /// Empty when the sizes of the data are possible.
@@ -67,12 +68,8 @@ std::string wrongWithSizes(const mrcH& h) {
 }
 
 /// Empty when the extended header can be read.
-std::string wrongWithExtendedHeader(const mrcH& h, std::uint64_t fileLength) {
-    if (h.next < 0) return line("the size of its extended header is negative (next = ", h.next, ")");
-    if (h.next == 0) return {};
-    if (dataStart(h) > fileLength)
-        return line("its extended header of ", h.next, " bytes reaches beyond the end of the file (",
-                    fileLength, " bytes); the file was cut or the header is damaged");
+std::string wrongWithExtendedHeader(const mrcH& h) {
+    if (h.next <= 0) return {};
     if (h.nz > mrcH::kMaxSlices)
         return line("it has ", h.nz, " slices; a series may have ", mrcH::kMaxSlices,
                     ": sum neighbouring patterns to stay within that");
@@ -80,6 +77,18 @@ std::string wrongWithExtendedHeader(const mrcH& h, std::uint64_t fileLength) {
         return line("its extended header of ", h.next, " bytes has no room for ", h.nz, " slice records of ",
                     kSliceRecordBytes, " bytes; convert the file first");
     return {};
+}
+
+/// Empty when the file holds enough of what its header announces. What is announced is also what reading
+/// allocates.
+std::string wrongWithLength(const mrcH& h, std::uint64_t fileLength) {
+    const std::uint64_t announced = dataEnd(h);
+    if (fileLength >= announced || announced - fileLength <= kMostMissing ||
+        fileLength >= announced / kLeastShare)
+        return {};
+    return line("its header announces ", h.nx, " x ", h.ny, " x ", h.nz, " voxels, a file of ", announced,
+                " bytes, but it has only ", fileLength,
+                "; it was cut, is packed or belongs to another format");
 }
 
 /// Whether the twelfth value, the pixel size, is the same in all records of that length, and set.
@@ -113,6 +122,12 @@ void providePages([[maybe_unused]] std::span<short> values) {
 #endif
 }
 
+/// Sets bytes to 0. Fresh memory stays untouched, so that what a cut file lacks takes none.
+void clear(std::span<char> bytes) {
+    if (std::any_of(bytes.begin(), bytes.end(), [](char c) { return c != 0; }))
+        std::fill(bytes.begin(), bytes.end(), '\0');
+}
+
 bool writeZeros(std::ofstream& file, std::uint64_t count) {
     const std::vector<char> zeros(std::min<std::uint64_t>(count, 65536), '\0');
     while (count > 0 && file) {
@@ -131,9 +146,10 @@ void completeForDisk(mrcH& header) {
     }
     header.next = 0;
     const float width = static_cast<float>(header.nx);
-    if (header.m_pixelsize > 0 && std::isfinite(header.m_pixelsize) &&
-        header.xlen / width != header.m_pixelsize)
-        header.xlen = header.m_pixelsize * width;
+    const float stated = header.xlen / width;
+    if (stated == header.m_pixelsize || (std::isnan(stated) && std::isnan(header.m_pixelsize))) return;
+    const bool known = header.m_pixelsize > 0 && std::isfinite(header.m_pixelsize);
+    header.xlen = known ? header.m_pixelsize * width : 0.0F;
 }
 
 bool hasTilts(const mrcH& header) {
@@ -156,11 +172,10 @@ VoxMRCData* VoxMRCFileHandler::readMRCFile(const std::string& path) {
     const std::unique_ptr<mrcH> header = openSeries(path, file);
     if (!header) return nullptr;
 
-    log("Read data ...");
-    std::unique_ptr<VoxMRCData> data(VoxMRCData::Create3D(static_cast<unsigned>(header->nx),
-                                                          static_cast<unsigned>(header->ny),
-                                                          static_cast<unsigned>(header->nz)));
-    if (!data) failAllocation();
+    const auto size = [](std::int32_t n) { return static_cast<unsigned>(std::max(n, 0)); };
+    std::unique_ptr<VoxMRCData> data(
+        VoxMRCData::Create3D(size(header->nx), size(header->ny), size(header->nz)));
+    if (!data) failAllocation(*header);
     data->m_Header = *header;
     data->print_MRCHeader();
     trace("### DEBUG VoxArray infos: ### ");
@@ -175,7 +190,8 @@ VoxMRCData* VoxMRCFileHandler::readMRCFile(const std::string& path) {
     VRK::detail::ValueCounts counts;
     const auto chunk = [&](int z) {
         const std::span<short> values(data->GetChunkPointer(static_cast<unsigned>(z)), data->GetChunkSize());
-        providePages(values);
+        if (dataStart(*header) + sliceBytes(*header) * (static_cast<std::uint64_t>(z) + 1) <= m_fileLength)
+            providePages(values);
         return values;
     };
     const auto count = [&](int, std::span<const short> values) { counts.add(values); };
@@ -196,7 +212,7 @@ VoxMRCData* VoxMRCFileHandler::readMRCFile(const std::string& path) {
 mrcH* VoxMRCFileHandler::readMRCFile_onlyHeader(const std::string& path) {
     const std::unique_ptr<std::ifstream> file = openToRead(path);
     if (!file) return nullptr;
-    trace(line(" actual stream pos:", file->tellg()));
+    trace(line(" actual stream pos: ", file->tellg()));
     return readMRCHeader(file.get());
 }
 
@@ -228,19 +244,13 @@ std::unique_ptr<mrcH> VoxMRCFileHandler::openSeries(const std::string& path,
     if (!file) return nullptr;
     std::unique_ptr<mrcH> header(readMRCHeader(file.get()));
     if (!header) return nullptr;
-    const std::uint64_t present = m_fileLength - dataStart(*header);
-    const std::uint64_t announced = dataEnd(*header) - dataStart(*header);
-    if (present == 0) {
-        refuse(line("it has a header but no data (", announced, " bytes announced); the file was cut"));
-        return nullptr;
-    }
-    if (announced / kMostDataPerByte > present) {
-        refuse(line("its header announces ", header->nx, " x ", header->ny, " x ", header->nz, " voxels, ",
-                    announced, " bytes, but only ", present,
-                    " follow; the file was cut, is packed or belongs to another format"));
-        return nullptr;
-    }
-    return header;
+    log("Read data ...");
+    // Sizes that no data set can have end where it is created.
+    const std::string wrong =
+        wrongWithSizes(*header).empty() ? wrongWithLength(*header, m_fileLength) : std::string();
+    if (wrong.empty()) return header;
+    refuse(wrong);
+    return nullptr;
 }
 
 mrcH* VoxMRCFileHandler::readMRCHeader(std::ifstream* file) {
@@ -256,12 +266,14 @@ mrcH* VoxMRCFileHandler::readMRCHeader(std::ifstream* file) {
     }
     VRK::detail::decodeMainHeader(bytes, *header);
     trace(line(" actual stream pos:", file->tellg()));
-    std::string wrong = wrongWithSizes(*header);
-    if (wrong.empty()) wrong = wrongWithExtendedHeader(*header, m_fileLength);
-    if (!wrong.empty()) {
+    if (const std::string wrong = wrongWithExtendedHeader(*header); !wrong.empty()) {
         refuse(wrong);
         return nullptr;
     }
+    if (header->next < 0)
+        m_logger->log(line(m_path, ": the size of the extended header is negative (", header->next,
+                           "); the file is read as one without"),
+                      VRK::Warning);
 
     if (header->next > 0) {
         if (!readExtendedHeader(*file, *header)) return nullptr;
@@ -271,7 +283,7 @@ mrcH* VoxMRCFileHandler::readMRCHeader(std::ifstream* file) {
     log(line("MRCHeader->m_pixelsize was set to", header->m_pixelsize));
     log("... MRC header read into.");
     const float first = header->tilt(0);
-    const float last = header->tilt(header->nz - 1);
+    const float last = header->tilt(std::max(header->nz, 1) - 1);
     log(line(" tilting from", first, " to", last));
     header->type = first == 0 && last == 0 ? MRCType::MRCVOLUME : MRCType::TILT_SERIES;
     log(line("###### MRC file TYPE:", static_cast<int>(header->type)));
@@ -285,10 +297,8 @@ bool VoxMRCFileHandler::readExtendedHeader(std::ifstream& file, mrcH& header) {
     const std::size_t records = recordBytes(header);
     const std::uint64_t rest = static_cast<std::uint64_t>(header.next) - records;
     std::vector<char> bytes(records);
-    if (!file.read(bytes.data(), static_cast<std::streamsize>(records))) {
-        refuse("its extended header cannot be read; the medium or the file is damaged");
-        return false;
-    }
+    file.read(bytes.data(), static_cast<std::streamsize>(records));
+    file.clear();  // of a cut file, what is missing is 0 like the data behind it
     if (header.next % static_cast<int>(kSliceRecordBytes) != 0) {
         if (has128ByteRecords(bytes, header)) {
             refuse(line("the slice records of its extended header have 128 bytes, not ", kSliceRecordBytes,
@@ -331,10 +341,9 @@ bool VoxMRCFileHandler::readSlices(std::ifstream& file, const mrcH& header, cons
     for (int z = 0; z < header.nz; ++z) {
         updateStep(z);
         const std::span<short> values = target(z);
-        file.read(reinterpret_cast<char*>(values.data()), static_cast<std::streamsize>(values.size_bytes()));
-        const auto got = static_cast<std::size_t>(file.gcount());
-        if (got < values.size_bytes())
-            std::memset(reinterpret_cast<char*>(values.data()) + got, 0, values.size_bytes() - got);
+        const std::span<char> bytes(reinterpret_cast<char*>(values.data()), values.size_bytes());
+        file.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+        clear(bytes.subspan(static_cast<std::size_t>(file.gcount())));
         VRK::detail::swapLittleEndian(values);
         visitor(z, values);
         if (canceled()) {
@@ -356,6 +365,9 @@ void VoxMRCFileHandler::reportByteCount(const mrcH& header) {
     error(" ERROR: Byte count incorrekt!!!");
     if (end < m_fileLength)
         m_logger->log(line(m_path, ": ", m_fileLength - end, " bytes behind the data were not read"),
+                      VRK::Warning);
+    else if (m_fileLength <= dataStart(header))
+        m_logger->log(line(m_path, ": the file is cut before its data; all voxels were set to 0"),
                       VRK::Warning);
     else
         m_logger->log(line(m_path, ": the file is cut in slice ",
@@ -468,7 +480,7 @@ VoxVolumeData* VoxMRCFileHandler::readMRCFile_asVolumeData(const std::string& pa
     std::unique_ptr<std::ifstream> file;
     const std::unique_ptr<mrcH> header = openSeries(path, file);
     if (!header) return nullptr;
-    log("Read data ...");
+    if (!wrongWithSizes(*header).empty()) failAllocation(*header);
     try {
         SliceReduction view(*header, reduction, block, SliceReduction::orderOf(*header));
         std::vector<short> slice(static_cast<std::size_t>(header->nx) * static_cast<std::size_t>(header->ny));
@@ -478,7 +490,7 @@ VoxVolumeData* VoxMRCFileHandler::readMRCFile_asVolumeData(const std::string& pa
         reportByteCount(*header);
         return std::make_unique<VoxVolumeData>(view.take()).release();
     } catch (const std::bad_alloc&) {
-        failAllocation();
+        failAllocation(*header);
     }
 }
 
@@ -512,9 +524,13 @@ VoxVolumeData* VoxMRCFileHandler::createTestDummyMRCFile_asVolumeData(int reduct
 
 // ---- messages ---------------------------------------------------------------------------------------
 
-void VoxMRCFileHandler::failAllocation() {
+void VoxMRCFileHandler::failAllocation(const mrcH& header) {
     error("ERROR: Could not creat data set. Maybe the mrc-file is corrupted!");
-    throw std::bad_alloc();
+    std::string reason = wrongWithSizes(header);
+    if (reason.empty())
+        reason = line("no memory for the ", header.nx, " x ", header.ny, " x ", header.nz,
+                      " voxels that its header announces; bin the series or use a larger machine");
+    throw std::runtime_error(m_path + ": " + reason);
 }
 
 void VoxMRCFileHandler::log(const std::string& text) {

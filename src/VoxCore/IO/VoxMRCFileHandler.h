@@ -32,17 +32,20 @@ struct mrcH;
 /// path and what is wrong and returns null:
 /// - a path that cannot be opened or is no regular file: "ERROR: Error while opening file " + path ahead of
 ///   the line with the reason, and "Error while opening file" on the progress channel with type 3;
-/// - a file shorter than its 1024-byte header; nx, ny or nz below 1; more than 2^32 - 1 voxels;
-/// - next negative, smaller than nz records, or reaching beyond the end of the file; more than 300 slices
-///   with an extended header (volumes have none and may have more layers than that);
+/// - a file shorter than its 1024-byte header;
+/// - next above 0 but smaller than nz records; more than 300 slices with an extended header (volumes have
+///   none and may have more layers than that);
 /// - an extended header whose records evidently have 128 bytes instead of 144: read in steps of 144
 ///   its tilts would be other quantities;
-/// - a file without data, or with less than a sixteenth of the data that its header announces. So the
-///   memory that a header can ask for is at most 16 times the file. With more than that the
-///   reading goes on: missing voxels are 0 and the byte count is reported as an error.
+/// - more than 256 MiB, and more than fifteen sixteenths of what the header announces, missing from the end
+///   of the file: that is another format, or memory asked for nothing.
 ///
-/// Accepted with a warning: next that is no multiple of 144 bytes, slices with unequal pixel sizes.
-/// Values that are not finite are carried like any other.
+/// A file cut less than that is read: what is missing is 0, and the byte count is reported as an error.
+/// Sizes that no data set can have (below 1, more than 2^32 - 1 voxels) and those that memory does not
+/// suffice for end in an exception where the data are read; the header alone can still be.
+///
+/// Accepted with a warning: a negative next, which counts as 0; next that is no multiple of 144 bytes;
+/// slices with unequal pixel sizes. Values that are not finite are carried like any other.
 ///
 /// Long operations report one step per slice and poll for cancellation. A file whose writing failed or
 /// was cancelled is left as it is; its byte count gives it away. One caller at a time.
@@ -59,26 +62,28 @@ public:
     ///
     /// Null: refused (above) or cancelled (" readMRCFile() canceled ...").
     /// The logged extrema start at 10000 and 0: data that lie above or below both are reported with these.
-    /// \throw std::bad_alloc when the data set cannot be allocated, after an Error line
+    /// \throw std::runtime_error when the data set cannot be allocated, after an Error line; what() tells the
+    ///        path and the sizes
     VoxMRCData* readMRCFile(const std::string& path);
 
     /// Reads main and extended header (owned by the caller). The data are not looked at and may be
-    /// missing. Null: refused.
+    /// missing, the sizes may be impossible. Null: refused.
     mrcH* readMRCFile_onlyHeader(const std::string& path);
 
     /// Writes data with their header. The extended header is written for a TILT_SERIES with next > 0 only.
     ///
     /// On disk the header tells what the file holds: nx, ny, nz are the sizes of the data; next is 0
     /// when no extended header is written, and at least nz records when one is. Without one, xlen is
-    /// set so that xlen/nx gives m_pixelsize back, else a volume would lose its pixel size. The caller's
-    /// header stays as it is. Tilts that are lost because next is 0 are warned of.
+    /// set so that xlen/nx gives m_pixelsize back, 0 where that is not known: a volume neither loses its
+    /// pixel size nor takes over that of another file. The caller's header stays as it is. Tilts that are
+    /// lost because next is 0 are warned of.
     ///
     /// False, each with one Error line: no data, more than 300 slices with an extended header, a file that
     /// cannot be opened or not be written to the end. False with " writeMRCFile() canceled ...": cancelled.
     bool writeMRCFile(VoxMRCData* data, const std::string& path);
 
     /// A synthetic tilt series with known lattice (DummyCrystal.h) and no noise, the same on every call;
-    /// owned by the caller. With histogram and extended header. Throws std::bad_alloc like readMRCFile().
+    /// owned by the caller. With histogram and extended header. Throws like readMRCFile().
     VoxMRCData* createTestDummyMRCFile();
 
     /// Reads a file for display, averaged over blocks of \p reduction voxels along each axis; of a series
@@ -110,7 +115,7 @@ private:
 
     /// Opens a file for one of the reading operations and logs its length; null on failure.
     std::unique_ptr<std::ifstream> openToRead(const std::string& path);
-    /// The frame of the reading operations: open, header, check of the data's length. Null on failure.
+    /// The frame of the reading operations: open, header, check of the file's length. Null on failure.
     std::unique_ptr<mrcH> openSeries(const std::string& path, std::unique_ptr<std::ifstream>& file);
     bool readExtendedHeader(std::ifstream& file, mrcH& header);
     /// Reads every slice into its target and shows it to the visitor; false when cancelled.
@@ -119,7 +124,7 @@ private:
     void reportByteCount(const mrcH& header);
     /// The header is changed into what belongs on disk.
     bool writeSlices(const std::string& path, mrcH header, const SliceSource& source);
-    [[noreturn]] void failAllocation();
+    [[noreturn]] void failAllocation(const mrcH& header);
 
     void log(const std::string& text);
     void trace(const std::string& text);

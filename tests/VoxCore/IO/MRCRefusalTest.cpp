@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <limits>
 #include <memory>
-#include <new>
+#include <stdexcept>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "VoxCore/DataModel/VoxVolumeData.h"
@@ -32,9 +32,10 @@ std::string withSizes(std::int32_t nx, std::int32_t ny, std::int32_t nz) {
     return file.bytes();
 }
 
-std::string withNext(std::int32_t next) {
+std::string withNext(std::int32_t next, std::int32_t nz = 3) {
     MRCBytes file = series();
     file.next = next;
+    file.nz = nz;
     return file.bytes();
 }
 
@@ -58,20 +59,20 @@ TEST(MRCRefusal, OfFilesThatCannotBeRead) {
         std::string bytes;
         const char* message;
         bool headerIsGood = false;
+        bool throws = false;  ///< and the message is that of the exception
     };
     const Case cases[] = {
         {"empty", "", "has 0 bytes"},
         {"a byte short of a header", std::string(1023, '\0'), "has 1023 bytes"},
-        {"nothing but zeros", std::string(4096, '\0'), "announces 0 x 0 x 0"},
-        {"header only", series().bytes().substr(0, 1024 + 3 * 144), "no data", true},
-        {"nx zero", withSizes(0, 3, 3), "announces 0 x 3 x 3"},
-        {"ny negative", withSizes(4, -3, 3), "announces 4 x -3 x 3"},
-        {"nz negative", withSizes(4, 3, -1), "announces 4 x 3 x -1"},
-        {"product beyond 64 bits", withSizes(most, most, most), "more than a data set holds"},
-        {"product beyond 32 bits", withSizes(65536, 65536, 1), "more than a data set holds"},
-        {"far more voxels than the file has", withSizes(1000, 1000, 1000), "but only 72 follow", true},
-        {"next negative", withNext(-1), "negative"},
-        {"next beyond the end", withNext(most), "beyond the end"},
+        {"nothing but zeros", std::string(4096, '\0'), "announces 0 x 0 x 0", true, true},
+        {"nx zero", withSizes(0, 3, 3), "announces 0 x 3 x 3", true, true},
+        {"ny negative", withSizes(4, -3, 3), "announces 4 x -3 x 3", true, true},
+        {"nz as low as can be", withSizes(4, 3, -most - 1), "announces 4 x 3 x -2147483648", true, true},
+        {"nz negative, with records", withNext(144, -1), "announces 4 x 3 x -1", true, true},
+        {"product beyond 64 bits", withSizes(most, most, most), "more than a data set holds", true, true},
+        {"product beyond 32 bits", withSizes(65536, 65536, 1), "more than a data set holds", true, true},
+        {"far more voxels than the file has", withSizes(1000, 1000, 1000), "but it has only 1096", true},
+        {"next far beyond the end", withNext(most), "a file of 2147484743 bytes", true},
         {"next smaller than the records", withNext(2 * 144), "no room"},
         {"records of another size", with128ByteRecords(), "128 bytes"},
         {"more slices than records", series(301).bytes(), "301 slices"},
@@ -82,11 +83,23 @@ TEST(MRCRefusal, OfFilesThatCannotBeRead) {
         SCOPED_TRACE(c.name);
         const std::string path = folder.write("bad.mrc", c.bytes);
         RecordingLogObserver log;
-        EXPECT_EQ(handler.readMRCFile(path), nullptr);
-        EXPECT_EQ(log.count("", VRK::Error), 1);
-        EXPECT_TRUE(log.has(path + ": ", VRK::Error) && log.has(c.message, VRK::Error));
-        EXPECT_EQ(handler.readMRCFile_asVolumeData(path, 2), nullptr);
-        EXPECT_EQ(log.count(c.message, VRK::Error), 2);
+        const auto expectFailure = [&](auto read, int nth) {
+            try {
+                EXPECT_EQ(read(), nullptr);
+                EXPECT_FALSE(c.throws);
+                EXPECT_TRUE(log.has(path + ": ", VRK::Error) && log.has(c.message, VRK::Error));
+            } catch (const std::exception& error) {
+                EXPECT_TRUE(c.throws);
+                EXPECT_NE(std::string(error.what()).find(c.message), std::string::npos) << error.what();
+                EXPECT_EQ(log.count("Read data ...", VRK::Normal), nth);
+                EXPECT_EQ(log.count("ERROR: Could not creat data set. Maybe the mrc-file is corrupted!",
+                                    VRK::Error),
+                          nth);
+            }
+            EXPECT_EQ(log.count("", VRK::Error), nth);
+        };
+        expectFailure([&] { return handler.readMRCFile(path); }, 1);
+        expectFailure([&] { return handler.readMRCFile_asVolumeData(path, 2); }, 2);
         const std::unique_ptr<mrcH> header(handler.readMRCFile_onlyHeader(path));
         EXPECT_EQ(header != nullptr, c.headerIsGood);
     }
@@ -124,7 +137,9 @@ TEST(MRCRefusal, StopsWhereTheDataCanBeSaved) {
                           {whole.size() - 1, 36, "cut in slice 2 of 0 ... 2"},
                           {start + 2 * 18, 18, "cut in slice 1 of 0 ... 2"},
                           {start + 2 * 12, 12, "cut in slice 1 of 0 ... 2"},
-                          {start + 2 * 3, 3, "cut in slice 0 of 0 ... 2"}};
+                          {start + 2 * 3, 3, "cut in slice 0 of 0 ... 2"},
+                          {start, 0, "cut before its data"},
+                          {1024 + 150, 0, "cut before its data"}};
     const TemporaryFolder folder;
     for (const Case& c : cases) {
         SCOPED_TRACE(c.length);
@@ -136,6 +151,7 @@ TEST(MRCRefusal, StopsWhereTheDataCanBeSaved) {
         ASSERT_TRUE(data);
         EXPECT_TRUE(log.has(" ERROR: Byte count incorrekt!!!", VRK::Error));
         EXPECT_TRUE(log.has(c.message, VRK::Warning));
+        EXPECT_EQ(data->m_Header.tilt(0), -1.0F);
         for (int i = 0; i < 36; ++i)
             EXPECT_EQ(data->GetValueByChunk(static_cast<unsigned>(i / 12), static_cast<unsigned>(i % 12)),
                       i < c.voxelsThere ? 7 : 0);
@@ -190,10 +206,11 @@ TEST(MRCRefusalDeathTest, ThrowsWhenTheDataSetDoesNotFitIntoMemory) {
         int code = 1;
         try {
             VoxMRCFileHandler().readMRCFile(path);
-        } catch (const std::bad_alloc&) {
-            code = log.has("ERROR: Could not creat data set. Maybe the mrc-file is corrupted!", VRK::Error)
-                       ? 0
-                       : 2;
+        } catch (const std::runtime_error& error) {
+            const bool logged =
+                log.has("ERROR: Could not creat data set. Maybe the mrc-file is corrupted!", VRK::Error);
+            const bool told = std::string(error.what()).find("32768 x 1024 x 30") != std::string::npos;
+            code = logged && told ? 0 : 2;
         }
         std::_Exit(code);
     };

@@ -92,6 +92,9 @@ TEST(VoxMRCFileHandler, TypeAndPixelSizeFollowFromTheSliceValues) {
     std::vector<Case> cases;
     cases.push_back({"no extended header", MRCBytes(4, 3, 5, 0), MRCType::MRCVOLUME, 0.25F});
     MRCBytes::put(cases.back().file.header, 40, 1.0F);
+    cases.push_back({"a negative extended header", MRCBytes(4, 3, 5, 0), MRCType::MRCVOLUME, 0.25F});
+    MRCBytes::put(cases.back().file.header, 40, 1.0F);
+    cases.back().file.next = -144;
     cases.push_back({"more layers than records", MRCBytes(2, 2, 400, 0), MRCType::MRCVOLUME, 0.0F});
     cases.push_back({"tilted in the middle only", MRCBytes(4, 3, 3), MRCType::MRCVOLUME, 0.0F});
     cases.back().file.putSliceValue(1, 1, 10.0F);
@@ -119,6 +122,7 @@ TEST(VoxMRCFileHandler, TypeAndPixelSizeFollowFromTheSliceValues) {
         EXPECT_TRUE(log.has(" Byte count correkt.", VRK::Normal));
         EXPECT_EQ(log.has("ERROR: Pixelsize in the Extended MRC Header is not the same!!", VRK::Warning),
                   std::string(c.name) == "two pixel sizes");
+        EXPECT_EQ(log.has("is negative (-144)", VRK::Warning), c.file.next < 0);
 
         const std::unique_ptr<mrcH> header(VoxMRCFileHandler().readMRCFile_onlyHeader(folder / "a.mrc"));
         ASSERT_TRUE(header);
@@ -145,6 +149,8 @@ TEST(VoxMRCFileHandler, ReportsWhatItReads) {
         EXPECT_TRUE(log.has(text, VRK::Normal)) << text;
     EXPECT_TRUE(log.has("   emtyExHeader size is0", VRK::Debug));
     EXPECT_EQ(log.count("   stream pos:", VRK::Debug), 2);
+    EXPECT_TRUE(std::unique_ptr<mrcH>(VoxMRCFileHandler().readMRCFile_onlyHeader(path)));
+    EXPECT_EQ(log.count(" actual stream pos: 0", VRK::Debug), 1);
 
     file.data.assign(8, -5);
     folder.write("a.mrc", file.bytes());
@@ -209,6 +215,14 @@ TEST(VoxMRCFileHandler, HeaderOnDiskAgreesWithWhatFollowsIt) {
     EXPECT_EQ(volume->m_Header.next, 0);
     EXPECT_EQ(volume->m_Header.m_pixelsize, 7e7F);
     EXPECT_EQ(voxels(*volume), file.data);
+
+    // An unknown one does not become that of the frames' edge, as it was before.
+    data->m_Header.m_pixelsize = 0;
+    data->m_Header.xlen = 512;
+    ASSERT_TRUE(VoxMRCFileHandler().writeMRCFile(data.get(), path));
+    EXPECT_EQ(readFile(path)->m_Header.m_pixelsize, 0.0F);
+    EXPECT_EQ(data->m_Header.xlen, 512);
+    data->m_Header.xlen = 0;
 
     // Sizes that the data do not have, and too small an extended header.
     data->m_Header.type = MRCType::TILT_SERIES;
