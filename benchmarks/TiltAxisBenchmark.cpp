@@ -20,7 +20,7 @@ std::unique_ptr<VoxMRCData> makeSeries(double cellFactor) {
     settings.cell = {cellFactor * 5.0, cellFactor * 6.0, cellFactor * 7.5, 90, 95, 90};
     settings.axis = 37.4;
     settings.detector.size = 256;
-    settings.detector.background = 0;
+    settings.background.halo = 0;
     for (int tilt = -60; tilt <= 60; ++tilt)
         settings.tilts.push_back(tilt);
     return vrk::simulateSeries(settings).series;

@@ -91,7 +91,7 @@ SimulationSettings settingsOf(const Options& options) {
     const int half = static_cast<int>(std::floor(60.0 / options.step + 1e-9));
     for (int i = -half; i <= half; ++i)
         settings.tilts.push_back(i * options.step);
-    settings.writeAxis = options.tiltAxis.empty();
+    settings.stated.axis = options.tiltAxis.empty();
     return settings;
 }
 

@@ -1,9 +1,9 @@
 #include <algorithm>
 #include <cmath>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <memory>
-#include <numbers>
 
 #include "commands/Commands.h"
 #include "pipeline/base/Failure.h"
@@ -21,37 +21,17 @@ struct Options {
     std::string centring = "P";
     std::string tilts = "-60:60:1";
     std::string orientation = "random";
+    BeamStopSettings beamStop;
+    bool hasBeamStop = false;
     bool json = false;
     SimulationSettings settings;
 };
 
-Matrix3 product(const Matrix3& a, const Matrix3& b) {
-    Matrix3 result{};
-    for (std::size_t i = 0; i < 3; ++i)
-        for (std::size_t j = 0; j < 3; ++j)
-            for (std::size_t k = 0; k < 3; ++k)
-                result[i][j] += a[i][k] * b[k][j];
-    return result;
-}
-
-/// Rz(first) Rx(second) Rz(third), degrees.
-Matrix3 eulerRotation(const std::vector<double>& angles) {
-    const auto aboutZ = [](double degrees) {
-        const double angle = degrees * std::numbers::pi / 180;
-        return Matrix3{
-            {{std::cos(angle), -std::sin(angle), 0}, {std::sin(angle), std::cos(angle), 0}, {0, 0, 1}}};
-    };
-    const double angle = angles[1] * std::numbers::pi / 180;
-    const Matrix3 aboutX{
-        {{1, 0, 0}, {0, std::cos(angle), -std::sin(angle)}, {0, std::sin(angle), std::cos(angle)}}};
-    return product(product(aboutZ(angles[0]), aboutX), aboutZ(angles[2]));
-}
-
 /// "random", three Euler angles or the nine elements of a rotation matrix.
-std::optional<Matrix3> orientationOf(const std::string& text) {
+std::optional<Matrix3> matrixOf(const std::string& text) {
     if (text == "random") return std::nullopt;
     const std::vector<double> numbers = numbersOf(text, ',', "--orientation");
-    if (numbers.size() == 3) return eulerRotation(numbers);
+    if (numbers.size() == 3) return eulerRotation({numbers[0], numbers[1], numbers[2]});
     if (numbers.size() != 9)
         throw Failure(
             "--orientation takes \"random\", three Euler angles or nine matrix elements, not " + text,
@@ -60,14 +40,10 @@ std::optional<Matrix3> orientationOf(const std::string& text) {
     for (std::size_t i = 0; i < 9; ++i)
         matrix[i / 3][i % 3] = numbers[i];
     for (std::size_t i = 0; i < 3; ++i)
-        for (std::size_t j = 0; j <= i; ++j) {
-            double dot = 0;
-            for (std::size_t k = 0; k < 3; ++k)
-                dot += matrix[i][k] * matrix[j][k];
-            if (std::abs(dot - (i == j ? 1 : 0)) > 1e-3)
+        for (std::size_t j = 0; j <= i; ++j)
+            if (std::abs(dot(matrix[i], matrix[j]) - (i == j ? 1 : 0)) > 1e-3)
                 throw Failure("--orientation: the rows of the matrix are not perpendicular unit vectors",
                               FailureKind::Usage);
-        }
     return matrix;
 }
 
@@ -102,8 +78,9 @@ SimulationSettings settingsOf(const Options& options) {
     if (options.centring.size() != 1)
         throw Failure("--centring is one of P A B C I F R, not " + options.centring, FailureKind::Usage);
     settings.centring = options.centring[0];
-    settings.orientation = orientationOf(options.orientation);
+    settings.orientation.matrix = matrixOf(options.orientation);
     settings.tilts = tiltsOf(options.tilts);
+    if (options.hasBeamStop) settings.beamStop = options.beamStop;
     return settings;
 }
 
@@ -152,116 +129,182 @@ void simulate(Host& host, const Options& options) {
     report(host, options, result);
 }
 
+/// Options of one heading of the help text.
+class OptionGroup {
+public:
+    OptionGroup(CLI::App& command, const char* title) : m_command(command), m_title(title) {}
+
+    template <class Value>
+    CLI::Option* add(const std::string& name, Value& target, const std::string& text) {
+        return m_command.add_option(name, target, text)->capture_default_str()->group(m_title);
+    }
+    /// Without a fixed default; the text tells it.
+    template <class Value>
+    CLI::Option* addFree(const std::string& name, Value& target, const std::string& text) {
+        return m_command.add_option(name, target, text)->group(m_title);
+    }
+    void addFlag(const std::string& name, bool& target, const std::string& text) {
+        m_command.add_flag(name, target, text)->group(m_title);
+    }
+    /// Numbers with commas between them, for an array or an optional array.
+    template <std::size_t N>
+    CLI::Option* addNumbers(const std::string& name, const std::string& type, const std::string& text,
+                            std::function<void(const std::array<double, N>&)> set) {
+        const auto parse = [name, type, set = std::move(set)](const std::string& value) {
+            const std::vector<double> numbers = numbersOf(value, ',', name);
+            if (numbers.size() != N)
+                throw Failure(name + " takes " + type + ", not " + value, FailureKind::Usage);
+            std::array<double, N> result{};
+            std::copy(numbers.begin(), numbers.end(), result.begin());
+            set(result);
+        };
+        return m_command.add_option_function<std::string>(name, parse, text)->type_name(type)->group(m_title);
+    }
+    /// One of several names.
+    template <class Value>
+    void addChoice(const std::string& name, Value& target, const std::map<std::string, Value>& choices,
+                   const std::string& type, const std::string& text) {
+        m_command.add_option(name, target, text)
+            ->transform(CLI::CheckedTransformer(choices).description(""))
+            ->type_name(type)
+            ->group(m_title);
+    }
+
+private:
+    CLI::App& m_command;
+    const char* m_title;
+};
+
 void addCrystalOptions(CLI::App& command, Options& options) {
     SimulationSettings& settings = options.settings;
-    const char* group = "Crystal";
-    command.add_option("--cell", options.cell, "Cell a,b,c,alpha,beta,gamma in Angstrom and degrees")
-        ->group(group);
-    command.add_option("--centring", options.centring, "Centring, one of P A B C I F R; R in hexagonal axes")
-        ->capture_default_str()
-        ->group(group);
-    command.add_option("--cif", settings.cif, "Take cell, centring and intensities from a structure")
-        ->group(group);
-    command
-        .add_option(
-            "--orientation", options.orientation,
-            "Orientation: random, three Euler angles (z x z, degrees) or nine elements of the matrix from "
-            "the crystal's frame (a along x, b in the plane of x and y) to the volume's")
-        ->capture_default_str()
-        ->group(group);
-    command.add_option("--dmin", settings.dmin, "Resolution at the frame's edge, Angstrom")
-        ->capture_default_str()
-        ->group(group);
-    command.add_option("--b-factor", settings.bFactor, "Isotropic displacement B, square Angstrom")
-        ->capture_default_str()
-        ->group(group);
-    command.add_option("--rocking", settings.rockingWidth, "Rocking width (standard deviation), 1/Angstrom")
-        ->capture_default_str()
-        ->group(group);
-    command
-        .add_option("--second-crystal", settings.secondCrystal,
-                    "Intensity of a second crystal in random orientation, relative to the first")
-        ->capture_default_str()
-        ->group(group);
+    OrientationSettings& orientation = settings.orientation;
+    OptionGroup group(command, "Crystal");
+    group.add("--cell", options.cell, "Cell a,b,c,alpha,beta,gamma in Angstrom and degrees");
+    group.add("--centring", options.centring, "Centring, one of P A B C I F R; R in hexagonal axes");
+    group.add("--cif", settings.cif, "Take cell, centring and intensities from a structure");
+    group.add("--orientation", options.orientation,
+              "Orientation: random, three Euler angles (z x z, degrees) or nine elements of the matrix from "
+              "the crystal's frame (a along x, b in the plane of x and y) to the volume's");
+    group.addNumbers<3>("--beam-along", "U,V,W", "Zone axis along the beam at zero tilt, direct lattice",
+                        [&orientation](const Vector3& uvw) { orientation.beamAlong = uvw; });
+    group.addNumbers<3>("--axis-along", "H,K,L",
+                        "Reciprocal vector along the tilt axis, as near as --beam-along lets it [random]",
+                        [&orientation](const Vector3& hkl) { orientation.axisAlong = hkl; });
+    group.add("--off-zone", orientation.offZone, "Degrees that the crystal is turned from --beam-along");
+    group.add("--dmin", settings.dmin, "Resolution at the frame's edge, Angstrom");
+    group.add("--b-factor", settings.bFactor, "Isotropic displacement B, square Angstrom");
+    group.add("--rocking", settings.rockingWidth, "Rocking width (standard deviation), 1/Angstrom");
+    group.add("--asymmetry", settings.asymmetry,
+              "Standard deviation of ln(intensity), drawn for each of two opposite spots");
+    group.add("--second-crystal", settings.secondCrystal,
+              "Intensity of a second crystal in random orientation, relative to the first");
+    group.add("--handedness", settings.handedness, "Side of the Ewald sphere, 1 or -1");
 }
 
 void addSeriesOptions(CLI::App& command, Options& options) {
     SimulationSettings& settings = options.settings;
-    const char* group = "Series";
-    const std::map<std::string, RotationMode> modes = {{"continuous", RotationMode::Continuous},
-                                                       {"stepwise", RotationMode::Stepwise},
-                                                       {"precession", RotationMode::Precession}};
-    command.add_option("--tilts", options.tilts, "Tilts as FIRST:LAST:STEP in degrees")
-        ->capture_default_str()
-        ->group(group);
-    command.add_option("--mode", settings.mode, "Rotation: continuous, stepwise or precession [continuous]")
-        ->transform(CLI::CheckedTransformer(modes).description(""))
-        ->type_name("MODE")
-        ->group(group);
-    command
-        .add_option("--frame-rotation", settings.frameRotation,
-                    "Degrees that a continuous frame covers [the step of the tilts]")
-        ->group(group);
-    command.add_option("--precession-angle", settings.precessionAngle, "Precession angle, degrees")
-        ->capture_default_str()
-        ->group(group);
-    command.add_option("--axis", settings.axis, "Direction of the tilt axis in the frame, degrees from y")
-        ->capture_default_str()
-        ->group(group);
-    command.add_flag("--write-axis", settings.writeAxis, "State the tilt axis in the file")->group(group);
-    command.add_option("--kv", settings.kilovolts, "High tension in kV")->capture_default_str()->group(group);
-    command.add_option("--handedness", settings.handedness, "Side of the Ewald sphere, 1 or -1")
-        ->capture_default_str()
-        ->group(group);
-    command.add_option("--drift", settings.drift, "Pixels that the centre wanders")
-        ->capture_default_str()
-        ->group(group);
-    command.add_option("--jump", settings.jump, "Step of the centre at a random frame, pixels")
-        ->capture_default_str()
-        ->group(group);
-    command.add_option("--missing", settings.missing, "Frames left out at random")
-        ->capture_default_str()
-        ->group(group);
-    command.add_option("--blank", settings.blank, "Empty frames at random")
-        ->capture_default_str()
-        ->group(group);
-    command.add_option("--seed", settings.seed, "Seed of everything random")
-        ->capture_default_str()
-        ->group(group);
+    TiltErrors& errors = settings.tiltErrors;
+    OptionGroup group(command, "Series");
+    group.add("--tilts", options.tilts, "Tilts as FIRST:LAST:STEP in degrees");
+    group.add("--tilt-offset", errors.offset, "Degrees by which the true tilts are off");
+    group.add("--tilt-scale", errors.scale, "Factor by which the true tilts are off");
+    group.add("--tilt-jitter", errors.jitter, "Standard deviation of the true tilts, degrees");
+    group.addChoice<RotationMode>("--mode", settings.mode,
+                                  {{"continuous", RotationMode::Continuous},
+                                   {"stepwise", RotationMode::Stepwise},
+                                   {"precession", RotationMode::Precession}},
+                                  "MODE", "Rotation: continuous, stepwise or precession [continuous]");
+    group.addFree("--frame-rotation", settings.frameRotation,
+                  "Degrees that a continuous frame covers [the step of the tilts]");
+    group.add("--precession-angle", settings.precessionAngle, "Precession angle, degrees");
+    group.add("--axis", settings.axis, "Direction of the tilt axis in the frame, degrees from y");
+    group.add("--axis-tilt", settings.axisTilt,
+              "Degrees by which the tilt axis leaves the plane of the frame");
+    group.add("--kv", settings.kilovolts, "High tension in kV");
+    group.add("--missing", settings.missing, "Frames left out at random");
+    group.add("--blank", settings.blank, "Empty frames at random");
+    group.add("--seed", settings.seed, "Seed of everything random");
+}
+
+void addHeaderOptions(CLI::App& command, Options& options) {
+    StatedValues& stated = options.settings.stated;
+    OptionGroup group(command, "What the file states");
+    group.addFlag("--write-axis", stated.axis, "State the tilt axis");
+    group.addFree("--state-axis", stated.axisAngle, "State this tilt axis, degrees");
+    group.addFree("--state-step", stated.tiltStep, "State tilts with this step from the first one on");
+    group.add("--state-pixel", stated.pixelFactor, "Stated over true pixel size, 0 for none");
+    group.addFree("--state-kv", stated.kilovolts, "State this high tension, 0 for none");
+}
+
+void addCentreOptions(CLI::App& command, Options& options) {
+    CentreSettings& centre = options.settings.centre;
+    OptionGroup group(command, "Centre of the patterns");
+    group.addNumbers<2>("--centre-offset", "X,Y", "Pixels from the middle of the frame",
+                        [&centre](const std::array<double, 2>& offset) { centre.offset = offset; });
+    group.add("--drift", centre.drift, "Pixels that the centre wanders");
+    group.add("--jump", centre.jump, "Length of the steps of the centre, pixels");
+    group.add("--jumps", centre.jumps, "Number of such steps, at random frames");
+    group.add("--centre-jitter", centre.jitter, "Standard deviation from frame to frame, pixels");
+}
+
+void addBeamStopOptions(CLI::App& command, Options& options) {
+    BeamStopSettings& stop = options.beamStop;
+    OptionGroup group(command, "Beam stop (any of these puts one in)");
+    group.addFlag("--beam-stop", options.hasBeamStop, "A bar from the left edge and a disc over the centre");
+    const auto present = [&options](const std::string&) {
+        options.hasBeamStop = true;
+        return std::string();
+    };
+    group.add("--stop-direction", stop.direction, "In which the bar leaves, degrees from x towards y")
+        ->check(present, "");
+    group
+        .addFree("--stop-width", stop.width, "Width of the bar, pixels; 0 for none [a fiftieth of the size]")
+        ->check(present, "");
+    group
+        .addFree("--stop-disc", stop.disc, "Radius of the disc, pixels; 0 for none [a fiftieth of the size]")
+        ->check(present, "");
+    group
+        .addNumbers<2>("--stop-offset", "X,Y", "Of the disc from the middle of the frame, pixels",
+                       [&stop](const std::array<double, 2>& offset) { stop.offset = offset; })
+        ->check(present, "");
+    group.add("--stop-transmission", stop.transmission, "Part of the counts that passes")->check(present, "");
+    group.add("--stop-pedestal", stop.pedestal, "Counts that are recorded behind it all the same")
+        ->check(present, "");
+}
+
+void addRecordingOptions(CLI::App& command, Options& options) {
+    SimulationSettings& settings = options.settings;
+    BackgroundSettings& background = settings.background;
+    DistortionSettings& distortion = settings.distortion;
+    OptionGroup group(command, "What is recorded");
+    group.addChoice<CountModel>("--counts", settings.counts,
+                                {{"time", CountModel::Time}, {"sphere", CountModel::Sphere}}, "MODEL",
+                                "Counts follow the time in the diffracting condition (time), or strong "
+                                "reflections on the sphere reach --peak in any frame (sphere) [time]");
+    group.add("--dose", settings.dose, "Factor on the exposure of every frame");
+    group.add("--peak", settings.peakCounts, "Height of strong reflections, counts per exposure");
+    group.add("--spot", settings.spotWidth, "Width of a spot (standard deviation), pixels");
+    group.add("--direct-beam", background.directBeam, "Height of the direct beam, counts per exposure");
+    group.add("--background", background.halo, "Factor on halo and diffuse background");
+    group.add("--halo-gradient", background.gradient, "Change of the halo at half a width, 0.3 for 30 %");
+    group.add("--halo-azimuth", background.gradientAzimuth,
+              "Direction in which the halo grows, degrees from x towards y");
+    group.add("--ice", background.ice, "Height of the strongest ring of ice, counts per exposure");
+    group.add("--ellipse", distortion.ellipse, "Elliptical distortion, 0.01 for 1 %");
+    group.add("--ellipse-azimuth", distortion.ellipseAzimuth,
+              "Direction that the ellipse stretches, degrees from x towards y");
+    group.add("--radial", distortion.radial, "Radial distortion at half a width, 0.01 for 1 %");
 }
 
 void addCameraOptions(CLI::App& command, Options& options) {
     DetectorSettings& detector = options.settings.detector;
-    const char* group = "Camera";
-    command.add_option("--size", detector.size, "Pixels along each edge")
-        ->capture_default_str()
-        ->group(group);
-    command.add_option("--peak", options.settings.peakCounts, "Peak counts of strong reflections")
-        ->capture_default_str()
-        ->group(group);
-    command.add_option("--spot", options.settings.spotWidth, "Width of a spot (standard deviation), pixels")
-        ->capture_default_str()
-        ->group(group);
-    command
-        .add_option("--noise", detector.noise,
-                    "Noise: 0 none, 1 counting statistics, n times their deviation")
-        ->capture_default_str()
-        ->group(group);
-    command.add_option("--background", detector.background, "Factor on halo and diffuse background")
-        ->capture_default_str()
-        ->group(group);
-    command.add_option("--saturation", detector.saturation, "Highest count")
-        ->capture_default_str()
-        ->group(group);
-    command.add_option("--hot-pixels", detector.hotPixels, "Pixels bright in every frame")
-        ->capture_default_str()
-        ->group(group);
-    command.add_option("--zingers", detector.zingers, "Pixels per frame bright in that frame alone")
-        ->capture_default_str()
-        ->group(group);
-    command.add_flag("--beam-stop", detector.beamStop, "A bar from the left edge over the centre")
-        ->group(group);
-    command.add_flag("--cross", detector.cross, "Dead rows and columns in the middle")->group(group);
+    OptionGroup group(command, "Camera");
+    group.add("--size", detector.size, "Pixels along each edge");
+    group.add("--noise", detector.noise, "Noise: 0 none, 1 counting statistics, n times their deviation");
+    group.add("--saturation", detector.saturation, "Highest count");
+    group.add("--hot-pixels", detector.hotPixels, "Pixels bright in every frame");
+    group.add("--zingers", detector.zingers, "Pixels per frame bright in that frame alone");
+    group.addFlag("--cross", detector.cross, "Dead rows and columns in the middle");
 }
 
 }  // namespace
@@ -278,6 +321,10 @@ void addSimulateCommand(CLI::App& app, Host& host) {
                       "List every reflection with its position in the truth");
     addCrystalOptions(*command, *options);
     addSeriesOptions(*command, *options);
+    addHeaderOptions(*command, *options);
+    addCentreOptions(*command, *options);
+    addRecordingOptions(*command, *options);
+    addBeamStopOptions(*command, *options);
     addCameraOptions(*command, *options);
     command->footer(
         "Example:\n  vrk simulate -o garnet.mrc --cell 11.9,11.9,11.9,90,90,90 --centring I --tilts "

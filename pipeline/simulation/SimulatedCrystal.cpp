@@ -13,7 +13,6 @@
 #include <string_view>
 
 #include "pipeline/base/Failure.h"
-#include "pipeline/simulation/SimulationRandom.h"
 
 namespace vrk {
 namespace {
@@ -51,6 +50,15 @@ void checkCell(const std::array<double, 6>& cell) {
             "no lattice has the given cell; edges are in Angstrom (1 to 1000), angles in degrees, and three "
             "angles must be able to meet in a corner",
             FailureKind::Usage);
+}
+
+/// Seeded by the indices, so that an intensity does not depend on the resolution limit.
+SimulationRandom randomOf(const CrystalReflection& one, std::uint64_t seed) {
+    const auto key =
+        static_cast<std::uint64_t>(((one.h + 1024LL) * 2048 + one.k + 1024) * 2048 + one.l + 1024);
+    SimulationRandom random(seed ^ (key * 0xd1342543de82ef95ULL));
+    random.next();
+    return random;
 }
 
 gemmi::SmallStructure readStructure(const std::string& path, double bFactor) {
@@ -131,6 +139,20 @@ SimulatedCrystal SimulatedCrystal::fromCif(const std::string& path, double bFact
     return crystal;
 }
 
+void SimulatedCrystal::setAsymmetry(double asymmetry, std::uint64_t seed) {
+    m_asymmetry = asymmetry;
+    m_asymmetrySeed = seed;
+}
+
+Matrix3 SimulatedCrystal::direct() const {
+    const Matrix3 columns = rowsOf(unitCell(m_cell).orth.mat);
+    Matrix3 rows{};
+    for (std::size_t i = 0; i < 3; ++i)
+        for (std::size_t j = 0; j < 3; ++j)
+            rows[i][j] = columns[j][i];
+    return rows;
+}
+
 Matrix3 SimulatedCrystal::reciprocal() const {
     return rowsOf(unitCell(m_cell).frac.mat);
 }
@@ -163,6 +185,7 @@ std::vector<CrystalReflection> SimulatedCrystal::reflections(double dmin) const 
         const CrystalReflection& one = result[i];
         result.push_back({-one.h, -one.k, -one.l, {-one.g[0], -one.g[1], -one.g[2]}, one.intensity});
     }
+    if (m_asymmetry > 0) disturb(result);
     return result;
 }
 
@@ -198,13 +221,14 @@ void SimulatedCrystal::setWilsonIntensities(std::vector<CrystalReflection>& refl
     for (CrystalReflection& one : reflections) {
         const double stol2 = (one.g[0] * one.g[0] + one.g[1] * one.g[1] + one.g[2] * one.g[2]) / 4;
         const double factor = carbon.calculate_sf(stol2) * std::exp(-m_bFactor * stol2);
-        // Seeded by the indices, so that an intensity does not depend on the resolution limit.
-        const auto key =
-            static_cast<std::uint64_t>(((one.h + 1024LL) * 2048 + one.k + 1024) * 2048 + one.l + 1024);
-        SimulationRandom random(m_seed ^ (key * 0xd1342543de82ef95ULL));
-        random.next();
+        SimulationRandom random = randomOf(one, m_seed);
         one.intensity = -std::log(1 - random.uniform()) * factor * factor;
     }
+}
+
+void SimulatedCrystal::disturb(std::vector<CrystalReflection>& reflections) const {
+    for (CrystalReflection& one : reflections)
+        one.intensity *= std::exp(m_asymmetry * randomOf(one, m_asymmetrySeed).normal());
 }
 
 void SimulatedCrystal::setStructureIntensities(std::vector<CrystalReflection>& reflections) const {

@@ -9,14 +9,13 @@
 #include <string>
 #include <vector>
 
+#include "pipeline/simulation/SimulationRotation.h"
+
 namespace gemmi {
 struct SmallStructure;
 }
 
 namespace vrk {
-
-using Vector3 = std::array<double, 3>;
-using Matrix3 = std::array<Vector3, 3>;  ///< rows
 
 /// A reflection of the lattice in the frame of the crystal.
 struct CrystalReflection {
@@ -45,12 +44,19 @@ public:
     /// has none. Throws Failure when the file has no structure that intensities can be calculated from.
     static SimulatedCrystal fromCif(const std::string& path, double bFactor);
 
+    /// Multiplies the intensity of every reflection by exp(asymmetry * normal), drawn for each of two Friedel
+    /// mates: opposite spots of one pattern differ by the square root of two times that, as multiple
+    /// scattering makes them.
+    void setAsymmetry(double asymmetry, std::uint64_t seed);
+
     /// All reflections but 000 that the centring allows with 1/d up to 1/dmin, both Friedel mates.
     /// Throws Failure when there are too many of them to simulate.
     std::vector<CrystalReflection> reflections(double dmin) const;
 
     const std::array<double, 6>& cell() const { return m_cell; }
     char centring() const { return m_centring; }
+    /// Rows a, b, c of the conventional cell, Angstrom.
+    Matrix3 direct() const;
     /// Rows a*, b*, c* of the conventional cell, 1/Angstrom.
     Matrix3 reciprocal() const;
     /// Rows a*, b*, c* of the Niggli-reduced primitive cell, 1/Angstrom, right-handed.
@@ -63,11 +69,14 @@ private:
     std::vector<CrystalReflection> latticeHalf(double dmin) const;
     void setWilsonIntensities(std::vector<CrystalReflection>& reflections) const;
     void setStructureIntensities(std::vector<CrystalReflection>& reflections) const;
+    void disturb(std::vector<CrystalReflection>& reflections) const;
 
     std::array<double, 6> m_cell;
     char m_centring;
     double m_bFactor = 0;
     std::uint64_t m_seed = 0;
+    double m_asymmetry = 0;
+    std::uint64_t m_asymmetrySeed = 0;
     std::shared_ptr<const gemmi::SmallStructure> m_structure;  ///< null for random intensities
 };
 

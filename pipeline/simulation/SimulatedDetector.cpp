@@ -17,34 +17,13 @@ SimulatedDetector::SimulatedDetector(const DetectorSettings& settings, std::uint
 }
 
 void SimulatedDetector::markDeadPixels() {
+    if (!m_settings.cross) return;
     const int size = m_settings.size;
     const double middle = (size - 1) * 0.5;
-    const double stopRadius = 0.02 * size;
     for (int y = 0; y < size; ++y)
-        for (int x = 0; x < size; ++x) {
-            const double dx = x - middle;
-            const double dy = y - middle;
-            const bool inCross = m_settings.cross && (std::abs(dx) < 1.6 || std::abs(dy) < 1.6);
-            const bool inStop = m_settings.beamStop && (std::hypot(dx, dy) < stopRadius ||
-                                                        (dx < 0 && std::abs(dy) < 0.5 * stopRadius));
-            if (inCross || inStop) m_deadPixels.push_back(static_cast<std::size_t>(y * size + x));
-        }
-}
-
-void SimulatedDetector::addBackground(std::span<float> frame, double centreX, double centreY) const {
-    const int size = m_settings.size;
-    const double core = 1.8 * size / 512;
-    const double halo = size / 64.0;
-    for (int y = 0; y < size; ++y) {
-        float* row = frame.data() + static_cast<std::ptrdiff_t>(y) * size;
-        const double dy2 = (y - centreY) * (y - centreY);
-        for (int x = 0; x < size; ++x) {
-            const double r2 = (x - centreX) * (x - centreX) + dy2;
-            row[x] += static_cast<float>(m_settings.background * 6000 / (1 + r2 / (halo * halo)));
-            if (r2 < 60 * core * core)
-                row[x] += static_cast<float>(m_settings.directBeam * std::exp(-r2 / (2 * core * core)));
-        }
-    }
+        for (int x = 0; x < size; ++x)
+            if (std::abs(x - middle) < 1.6 || std::abs(y - middle) < 1.6)
+                m_deadPixels.push_back(static_cast<std::size_t>(y * size + x));
 }
 
 double SimulatedDetector::noisy(double expected, SimulationRandom& random) const {

@@ -68,4 +68,25 @@ private:
     bool m_hasSpare = false;
 };
 
+/// One stream per purpose, so that another setting does not change the rest of the series.
+enum class RandomPurpose : std::uint64_t {
+    Orientation = 1,
+    Intensities,
+    SecondOrientation,
+    Drift,
+    Frames,
+    Detector,
+    Noise,
+    Tilts,
+    CentreJitter,
+    MoreJumps,
+    OffZone,
+    Asymmetry
+};
+
+inline SimulationRandom randomFor(std::uint64_t seed, RandomPurpose purpose) {
+    SimulationRandom mix(seed * 0x2545f4914f6cdd1dULL + static_cast<std::uint64_t>(purpose));
+    return SimulationRandom(mix.next());
+}
+
 }  // namespace vrk

@@ -25,8 +25,8 @@ struct FoundReflections {
         vrk::SimulationSettings settings;
         settings.cell = {7.1, 9.2, 12.3, 88.0, 95.0, 103.0};
         settings.detector.size = 256;
-        settings.detector.background = 0.0;
-        settings.detector.directBeam = 0.0;
+        settings.background.halo = 0.0;
+        settings.background.directBeam = 0.0;
         settings.handedness = handedness;
         for (int tilt = -60; tilt <= 60; ++tilt)
             settings.tilts.push_back(tilt);

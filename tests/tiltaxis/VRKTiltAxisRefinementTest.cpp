@@ -26,7 +26,7 @@ std::unique_ptr<VoxMRCData> crystalSeries(double axis) {
     settings.axis = axis;
     settings.peakCounts = 5000;
     settings.detector.size = 128;
-    settings.detector.background = 0;
+    settings.background.halo = 0;
     settings.seed = 11;
     for (int tilt = -60; tilt <= 60; tilt += 2)
         settings.tilts.push_back(tilt);

@@ -1,0 +1,57 @@
+#include "pipeline/simulation/SimulationTruth.h"
+
+#include <string>
+
+namespace vrk {
+namespace {
+
+using nlohmann::json;
+
+json cellJson(const std::array<double, 6>& cell) {
+    return {{"a", cell[0]},     {"b", cell[1]},    {"c", cell[2]},
+            {"alpha", cell[3]}, {"beta", cell[4]}, {"gamma", cell[5]}};
+}
+
+template <class Value>
+json orNull(const std::optional<Value>& value) {
+    return value ? json(*value) : json(nullptr);
+}
+
+}  // namespace
+
+json SimulationTruth::toJson() const {
+    json conventional = cellJson(conventionalCell);
+    conventional["centring"] = std::string(1, centring);
+    json truth = {
+        {"cell", {{"conventional", conventional}, {"primitive", cellJson(primitiveCell)}}},
+        {"orientation_matrix", orientation},
+        {"second_orientation_matrix", orNull(secondOrientation)},
+        {"reciprocal_vectors_px", {{"conventional", conventionalVectors}, {"primitive", primitiveVectors}}},
+        {"tilt_axis_deg", axis},
+        {"axis_tilt_deg", axisTilt},
+        {"pixel_size", pixelSize},
+        {"voltage_kv", kilovolts},
+        {"wavelength", wavelength},
+        {"handedness", handedness},
+        {"tilts", tilts},
+        {"centres", centres},
+        {"blank_frames", blankFrames},
+        {"reflections_in_sphere", reflectionsInSphere},
+        {"reflections_recorded", reflectionsRecorded},
+        {"stated",
+         {{"tilts", statedTilts},
+          {"tilt_axis_deg", orNull(statedAxis)},
+          {"pixel_size", statedPixelSize},
+          {"voltage_kv", statedKilovolts}}},
+        {"settings", vrk::toJson(settings)}};
+    for (const SimulatedReflection& one : reflections)
+        truth["reflections"].push_back({{"hkl", {one.h, one.k, one.l}},
+                                        {"position", one.position},
+                                        {"intensity", one.intensity},
+                                        {"time", one.time},
+                                        {"counts", one.intensity * one.time},
+                                        {"peak_counts", one.peakCounts}});
+    return truth;
+}
+
+}  // namespace vrk
