@@ -75,8 +75,10 @@ struct ParallelTiltAxisRefinement::Worker {
     int pipe = -1;
 };
 
-ParallelTiltAxisRefinement::ParallelTiltAxisRefinement(int jobs)
-    : m_jobs(static_cast<std::size_t>(std::max(jobs, 1))) {}
+ParallelTiltAxisRefinement::ParallelTiltAxisRefinement(int jobs, Session& session)
+    : m_jobs(static_cast<std::size_t>(std::max(jobs, 1))), m_session(session) {
+    registerObserver(&session.progress());
+}
 
 ParallelTiltAxisRefinement::Worker ParallelTiltAxisRefinement::startWorker(const std::vector<float>& angles,
                                                                            std::size_t first,

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "pipeline/base/Session.h"
 #include "tiltaxis/VRKTiltAxisRefinement.h"
 
 namespace vrk {
@@ -16,9 +17,11 @@ namespace vrk {
 /// process. Angles whose process failed are evaluated by the process of the search.
 class ParallelTiltAxisRefinement : public VRKTiltAxisRefinement {
 public:
-    explicit ParallelTiltAxisRefinement(int jobs);
+    /// Reports to the session, which must live as long, and stops when it is canceled.
+    ParallelTiltAxisRefinement(int jobs, Session& session);
 
 protected:
+    bool stopRequested() const override { return m_session.canceled(); }
     void evaluateAngles(const std::vector<float>& angles, const std::string& name, bool mode3D) override;
 
 private:
@@ -30,6 +33,7 @@ private:
     static bool collect(std::vector<Worker>& workers, Scores& scores);
 
     std::size_t m_jobs;
+    const Session& m_session;
 };
 
 }  // namespace vrk

@@ -102,8 +102,7 @@ template <typename Search>
 TiltAxisResult search(const VoxMRCData& series, int jobs, const std::filesystem::path& folder,
                       Session& session, Search run) {
     makeFolder(folder);
-    ParallelTiltAxisRefinement refinement(jobs);
-    refinement.registerObserver(&session.progress());
+    ParallelTiltAxisRefinement refinement(jobs, session);
     float angle = VRKTiltAxisRefinement::kNoAngle;
     {
         const Stage stage(session, "tilt axis");

@@ -129,7 +129,10 @@ ReflexVector* FindReflexes2d::findAllReflexes(const VoxMRCData* series) {
     setSteps(count, "Reflections in patterns");
     for (int pattern = 0; pattern < count; ++pattern) {
         updateStep(pattern);
-        if (canceled()) return nullptr;
+        if (canceled()) {
+            VRKLogger::getInstance()->log("FindReflexes2d::findAllReflexes() canceled ...");
+            return nullptr;
+        }
         const VRK::detail::Frame frame = VRK::detail::readOnly(
             series->GetChunkPointer(static_cast<unsigned>(pattern)), static_cast<int>(series->GetWidth()),
             static_cast<int>(series->GetHeight()));

@@ -6,6 +6,7 @@
 #include <numbers>
 #include <span>
 #include <string>
+#include <utility>
 
 #include "cellfinding/ClusterPoint.h"
 #include "foundation/detail/Log.h"
@@ -15,11 +16,13 @@ namespace {
 using VRK::detail::line;
 using VRK::detail::log;
 
-/// Number of an interval, -1 for an angle that lies in none.
-int binOf(double angle, double width, int bins) {
-    const double address = angle / width;
-    if (!(address >= 0.0 && address <= bins)) return -1;
-    return std::min(static_cast<int>(address), bins - 1);
+/// Number of an interval, truncated; -1 for what is not finite.
+int addressOf(double angle, double width) {
+    return std::isfinite(angle) ? static_cast<int>(angle / width) : -1;
+}
+
+bool isInRange(int address, int bins) {
+    return address >= 0 && address <= bins;
 }
 
 void logAddressError(double phi, double theta, int phiAddress, int thetaAddress, int nPhi, int nTheta) {
@@ -48,13 +51,17 @@ void scaleTo8Bit(std::span<int> counts, int largest) {
 
 }  // namespace
 
-void VRKSphericalProjection::rotatePoint(double& x, double& y, double& z) {
-    const bool invert = x < 0.0 || (x == 0.0 && z < 0.0);
-    const double sign = invert ? -1.0 : 1.0;
-    const double alongAxis = y;
-    x = std::abs(x);
-    y = sign * z;
-    z = sign * alongAxis;
+void VRKSphericalProjection::rotatePoint(double& /*x*/, double& y, double& z) {
+    std::swap(y, z);
+}
+
+void VRKSphericalProjection::foldToHalfSpace(std::vector<ClusterPoint<double>*>* diffVectors) {
+    if (!diffVectors) return;
+    for (ClusterPoint<double>* vector : *diffVectors) {
+        double* const v = vector->getData();
+        if (v[0] < 0.0 || (v[0] == 0.0 && v[2] < 0.0))
+            std::for_each(v, v + 3, [](double& coordinate) { coordinate = -coordinate; });
+    }
 }
 
 float VRKSphericalProjection::getSphericalHistoImage(std::vector<ClusterPoint<double>*>* diffVectors,
@@ -76,14 +83,15 @@ float VRKSphericalProjection::getSphericalHistoImage(std::vector<ClusterPoint<do
         if (u == 0.0 && v == 0.0) continue;
         const double phi = std::atan2(v, u) + std::numbers::pi / 2.0;
         const double theta = std::atan2(std::sqrt(u * u + v * v), pole);
-        const int phiAddress = binOf(phi, phiWidth, nPhi);
-        const int thetaAddress = binOf(theta, thetaWidth, nTheta);
-        if (phiAddress < 0 || thetaAddress < 0) {
+        const int phiAddress = addressOf(phi, phiWidth);
+        const int thetaAddress = addressOf(theta, thetaWidth);
+        if (!isInRange(phiAddress, nPhi) || !isInRange(thetaAddress, nTheta)) {
             logAddressError(phi, theta, phiAddress, thetaAddress, nPhi, nTheta);
             return 0.0F;
         }
-        ++counts[static_cast<std::size_t>(thetaAddress) * static_cast<std::size_t>(nPhi) +
-                 static_cast<std::size_t>(phiAddress)];
+        ++counts[static_cast<std::size_t>(std::min(thetaAddress, nTheta - 1)) *
+                     static_cast<std::size_t>(nPhi) +
+                 static_cast<std::size_t>(std::min(phiAddress, nPhi - 1))];
     }
     const double variance = varianceOf(counts);
     const int largest = *std::max_element(counts.begin(), counts.end());

@@ -11,33 +11,37 @@ class ClusterPoint;
 
 /// Counts the directions of vectors in equal intervals of azimuth and polar angle.
 ///
-/// The pole of the histogram is the tilt axis, the volume's y. A vector and its opposite are one direction:
-/// of the two the one with x > 0 is taken, or z > 0 where x is 0. With r = sqrt(x^2 + z^2),
+/// The pole of the histogram is the tilt axis, the volume's y. With r = sqrt(x^2 + z^2),
 ///
-///     azimuth = atan2(z, x) + pi / 2   in (0, pi], 0 along -z, pi / 2 along x, pi along z
-///     polar   = atan2(r, y)            in (0, pi), 0 along y, pi along -y
+///     azimuth = atan2(z, x) + pi / 2   0 along -z, pi / 2 along x, pi along z
+///     polar   = atan2(r, y)            0 along y, pi along -y
 ///
-/// so vectors of either half space fill all bins and no others.
+/// and bins from 0 to pi for both, vectors of the half space x > 0 fill all bins and others have none. A
+/// vector and its opposite are one direction: foldToHalfSpace() takes the one of the two that has a bin.
 class VRKCORE_EXPORT VRKSphericalProjection {
 public:
     /// Fills the histogram, then scales it to 0 ... 255 for an image.
     ///
-    /// \param diffVectors  vectors of three coordinates, of which the caller stays the owner. Vectors along
-    ///                     the pole (x = z = 0) have no azimuth and are left out.
+    /// \param diffVectors  vectors of three coordinates in the half space (foldToHalfSpace()), of which the
+    ///                     caller stays the owner. Vectors along the pole (x = z = 0) have no azimuth and are
+    ///                     left out.
     /// \param image        nPhi x nTheta bins, azimuth fastest, cleared by the caller: counts are added to
-    ///                     what it holds. Bins are pi / nPhi by pi / nTheta wide; an angle of exactly pi
-    ///                     counts in the last one. Afterwards every bin holds
-    ///                     trunc(count / largest count * 255).
+    ///                     what it holds. Bins are pi / nPhi by pi / nTheta wide; an angle out of
+    ///                     range by less than a bin counts in the last one of its side, so that rounding
+    ///                     drops none. Afterwards every bin holds trunc(count / largest count * 255).
     /// \param maxValue     receives the largest count
     /// \param quiet        keeps the remarks on number and largest count out of the log
     /// \return variance of the counts over all bins. 0 with an error in the log when there is no list or no
-    ///         image, or when a vector falls into no bin because it is not finite; the image then stays as
-    ///         it had become and *maxValue is not written.
+    ///         image, or when a vector has no bin or is not finite; neither this one nor those after it
+    ///         are counted then, and *maxValue is not written.
     static float getSphericalHistoImage(std::vector<ClusterPoint<double>*>* diffVectors, int* image, int nPhi,
                                         int nTheta, int* maxValue, bool quiet);
 
+    /// Inverts vectors of three coordinates where needed: afterwards x > 0, or x is 0 and z not below 0. Null
+    /// is taken.
+    static void foldToHalfSpace(std::vector<ClusterPoint<double>*>* diffVectors);
+
 private:
-    /// Turns a vector by 90 degrees about x, which brings the tilt axis to the third coordinate, and inverts
-    /// it where needed so that its azimuth is in the range of the bins.
+    /// Brings the tilt axis to the third coordinate: y and z change places.
     static void rotatePoint(double& x, double& y, double& z);
 };

@@ -229,6 +229,20 @@ void plot(const Statistic& statistic, std::vector<TiltAxisScore> scores, double 
 
 }  // namespace
 
+/// Stops the operations that the search consists of when it shall stop. Their steps are not those of the
+/// search.
+class VRKTiltAxisRefinement::StopRelay : public VoxProgressObserver {
+public:
+    explicit StopRelay(const VRKTiltAxisRefinement& search) : m_search(search) {}
+    void updateStep(int) override {
+        if (m_search.stopRequested()) cancel();
+    }
+    void logMessage(const char*, Vox::MessageType) override {}
+
+private:
+    const VRKTiltAxisRefinement& m_search;
+};
+
 VRKTiltAxisRefinement::VRKTiltAxisRefinement() : m_logger(VRKLogger::getInstance()) {
     m_logger->log(">> Constructor VRKTiltAxisRefinement", VRK::Debug, VRK::ObjectControl);
     m_logger->log("<< Constructor VRKTiltAxisRefinement", VRK::Debug, VRK::ObjectControl);
@@ -336,39 +350,64 @@ bool VRKTiltAxisRefinement::prepare(VoxMRCData* tiltSeries, const std::string& n
     m_accepted = true;
     m_folder = folder;
     m_workingVolume = tiltSeries;
-    const bool ready = (!mode3D || limitSize()) && [&] {
-        FindReflexes2d search;
-        m_spots.reset(search.findAllReflexes(m_workingVolume));
-        if (m_spots && !m_spots->empty()) return true;
-        log(line("VRKTiltAxisRefinement: no reflections were found in the patterns; check the preprocessing "
-                 "of the series"),
-            VRK::Error);
-        return false;
-    }() && (!mode3D || prepareVolumeRoute());
-    if (ready) return true;
-    m_rebinned.reset();
-    m_spots.reset();
-    m_workingVolume = nullptr;
+    if (prepareRoute(mode3D)) return true;
+    if (m_stopped) log("Tilt axis search canceled in its preparation.", VRK::Warning);
+    releasePrepared();
     return false;
 }
 
+bool VRKTiltAxisRefinement::prepareRoute(bool mode3D) {
+    if (mode3D && !limitSize()) return false;
+    StopRelay relay(*this);
+    FindReflexes2d search;
+    search.registerObserver(&relay);
+    m_spots.reset(search.findAllReflexes(m_workingVolume));
+    if (stopNow() || !m_spots) return false;
+    if (mode3D) {
+        const ReflexVectorPtr spots = std::move(m_spots);
+        return prepareVolumeRoute(*spots);
+    }
+    if (m_spots->empty())
+        log("VRKTiltAxisRefinement: no reflections were found in the patterns; check the preprocessing of "
+            "the "
+            "series",
+            VRK::Error);
+    return !m_spots->empty();
+}
+
+bool VRKTiltAxisRefinement::stopNow() {
+    m_stopped = m_stopped || stopRequested();
+    return m_stopped;
+}
+
+void VRKTiltAxisRefinement::releasePrepared() {
+    m_evaluatedSeries.reset();
+    m_spots.reset();
+    if (m_rebinned) {
+        m_rebinned.reset();
+        log("rebinned volume deleted");
+    }
+    m_workingVolume = nullptr;
+}
+
 bool VRKTiltAxisRefinement::limitSize() {
+    StopRelay relay(*this);
     VoxMRCstemProcessing processing;
-    const auto replaceBy = [&](VoxMRCData* copy) {
+    processing.registerObserver(&relay);
+    const auto replaceBy = [&](VoxMRCData* copy, const char* what) {
         if (m_rebinned) log("delete temporary dataset");
         m_rebinned.reset(copy);
         m_workingVolume = copy;
+        if (!copy && !stopNow())
+            log(line("VRKTiltAxisRefinement: the series could not be ", what), VRK::Error);
         return copy != nullptr;
     };
-    const auto fail = [](const char* what) {
-        log(line("VRKTiltAxisRefinement: the series could not be ", what), VRK::Error);
-        return false;
-    };
     if (m_workingVolume->GetWidth() != m_workingVolume->GetHeight() &&
-        !replaceBy(processing.PadToSquare(m_workingVolume)))
-        return fail("padded to squares");
+        !replaceBy(processing.PadToSquare(m_workingVolume), "padded to squares"))
+        return false;
     while (m_workingVolume->GetWidth() > kLargestSize) {
-        if (!replaceBy(processing.DownsampleImageStack(m_workingVolume, true, 0))) return fail("downsampled");
+        if (!replaceBy(processing.DownsampleImageStack(m_workingVolume, true, 0), "downsampled"))
+            return false;
         log(line("input volume rebinned to ", m_workingVolume->GetWidth(), " x ",
                  m_workingVolume->GetHeight(), " x ", m_workingVolume->GetDepth()));
     }
@@ -387,29 +426,38 @@ std::size_t VRKTiltAxisRefinement::countReflexes(float angle) {
     return reflexes ? reflexes->size() : 0;
 }
 
-bool VRKTiltAxisRefinement::prepareVolumeRoute() {
-    const ReflexVectorPtr merged(ReflexMerger2d::mergeReflexes(m_spots.get()));
-    m_spots.reset();
-    double best = 0.0;
-    std::size_t most = 0;
-    // Lower levels give more reflections, until neighbours grow together.
-    for (const double level :
-         VRK::detail::evaluationLevels(*merged, evaluationParameter().getMinDistToZeroBeam())) {
+/// Lower levels give more reflections, until neighbours grow together. False when stopped or out of memory.
+bool VRKTiltAxisRefinement::findLevel(const std::vector<double>& levels, double& best, std::size_t& count) {
+    for (const double level : levels) {
         if (!scaleSeries(level)) return false;
-        const std::size_t count = countReflexes(kProbeAngles.front());
-        if (static_cast<double>(count) < kWorthwhileGain * static_cast<double>(most)) break;
-        most = std::max(most, count);
+        const std::size_t found = countReflexes(kProbeAngles.front());
+        if (stopNow()) return false;
+        if (static_cast<double>(found) < kWorthwhileGain * static_cast<double>(count)) break;
+        count = std::max(count, found);
         best = level;
-        if (most >= kEnoughReflexes) break;
+        if (count >= kEnoughReflexes) break;
     }
-    if (most == 0) {
-        log("VRKTiltAxisRefinement: the patterns show no reflections beyond the direct beam", VRK::Error);
+    return true;
+}
+
+bool VRKTiltAxisRefinement::prepareVolumeRoute(const ReflexVector& spots) {
+    const double beamRadius = evaluationParameter().getMinDistToZeroBeam();
+    const ReflexVectorPtr merged(ReflexMerger2d::mergeReflexes(&spots));
+    std::vector<double> levels = VRK::detail::evaluationLevels(*merged, beamRadius);
+    // The volume, where several patterns add up, may show what none of them does.
+    if (levels.empty()) levels = VRK::detail::brightPixelLevels(*m_workingVolume, beamRadius);
+    double best = 0.0;
+    std::size_t least = 0;
+    if (!findLevel(levels, best, least)) return false;
+    if (least == 0) {
+        log("VRKTiltAxisRefinement: the series shows no reflections beyond the direct beam", VRK::Error);
         return false;
     }
     if (!scaleSeries(best)) return false;
-    std::size_t least = most;
-    for (const float angle : kProbeAngles)
+    for (const float angle : kProbeAngles) {
         least = std::min(least, countReflexes(angle));
+        if (stopNow()) return false;
+    }
     m_reflexLimit = std::clamp<std::size_t>(least * 4 / 5, kFewestReflexes, kMostReflexes);
     log(line("the series is scaled by ", kThreshold / best, " for the evaluation: a value of ", best,
              " reaches the threshold of ", kThreshold, "; the ", m_reflexLimit,
@@ -418,23 +466,17 @@ bool VRKTiltAxisRefinement::prepareVolumeRoute() {
 }
 
 float VRKTiltAxisRefinement::finish(const std::string& name, double startSeconds) {
-    m_evaluatedSeries.reset();
-    m_spots.reset();
-    if (m_rebinned) {
-        m_rebinned.reset();
-        log("rebinned volume deleted");
-    }
-    m_workingVolume = nullptr;
-    const double seconds = std::round((processSeconds() - startSeconds) * 1000.0) / 1000.0;
-    if (m_stopped)
+    releasePrepared();
+    if (m_stopped) {
         log(line("Tilt axis search canceled after ", m_scores.size(), " angles."), VRK::Warning);
-    else
-        log(line("Automated tilt axis search completed in ", seconds, " seconds."));
+        return kNoAngle;
+    }
+    const double seconds = std::round((processSeconds() - startSeconds) * 1000.0) / 1000.0;
+    log(line("Automated tilt axis search completed in ", seconds, " seconds."));
     if (!(m_bestVariance > 0.0)) {
-        if (!m_stopped)
-            log("VRKTiltAxisRefinement: no angle gave difference vectors; the series shows too few "
-                "reflections, or its tilts are not known",
-                VRK::Error);
+        log("VRKTiltAxisRefinement: no angle gave difference vectors; the series shows too few "
+            "reflections, or its tilts are not known",
+            VRK::Error);
         return kNoAngle;
     }
     result_logging();
@@ -455,10 +497,7 @@ void VRKTiltAxisRefinement::evaluateAngles(const std::vector<float>& angles, con
 
 bool VRKTiltAxisRefinement::beginAngle(float angle) {
     updateStep(++m_progress);
-    if (canceled()) {
-        m_stopped = true;
-        return false;
-    }
+    if (stopNow()) return false;
     log(line("========== angle: ", angle, "  =============="));
     return true;
 }
@@ -476,6 +515,7 @@ TiltAxisScore VRKTiltAxisRefinement::scoreAngle(float angle, bool mode3D) {
     Parameter parameter = evaluationParameter();
     const DiffVectors vectors(reflexes.get(), &parameter);
     std::vector<int> image(static_cast<std::size_t>(kBins) * kBins);
+    VRKSphericalProjection::foldToHalfSpace(vectors.get());
     if (vectors.get())
         score.variance = VRKSphericalProjection::getSphericalHistoImage(vectors.get(), image.data(), kBins,
                                                                         kBins, &score.maxValue, false);
@@ -488,11 +528,14 @@ TiltAxisScore VRKTiltAxisRefinement::scoreAngle(float angle, bool mode3D) {
 }
 
 ReflexVectorPtr VRKTiltAxisRefinement::reflexesFromVolume(float angle, TiltAxisScore& score) {
+    StopRelay relay(*this);
     VoxMRCstemProcessing processing;
+    processing.registerObserver(&relay);
     std::unique_ptr<VoxMRCData> volume;
     try {
         std::unique_ptr<VoxMRCData> rotated(
             processing.step3_Rotation2TiltAxis(m_evaluatedSeries.get(), true, angle, 0));
+        if (relay.canceled()) return nullptr;
         if (!rotated) {
             log("ERRORRRRRRR rotated == 0 \n", VRK::Error);
             return nullptr;
@@ -501,12 +544,14 @@ ReflexVectorPtr VRKTiltAxisRefinement::reflexesFromVolume(float angle, TiltAxisS
     } catch (const std::exception& error) {
         log(error.what(), VRK::Error);
     }
+    if (relay.canceled()) return nullptr;
     if (!volume) {
         log("ERRORRRRRRRRRR vol == 0 \n", VRK::Error);
         return nullptr;
     }
     Parameter parameter = evaluationParameter();
     FindReflexes search;
+    search.registerObserver(&relay);
     ReflexVectorPtr reflexes(search.findAllReflexes(volume.get(), &parameter, true, nullptr));
     if (!reflexes) return nullptr;
     for (Reflex* reflex : *reflexes)

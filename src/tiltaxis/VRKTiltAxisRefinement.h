@@ -39,7 +39,8 @@ class VoxMRCData;
 /// - the reflection search has the fixed threshold of 125, so the series that is evaluated is smoothed and
 ///   multiplied by a factor that brings a level above its noise to that threshold, however weak or bright
 ///   it is: the level, among some that follow from the heights of the spots, at which trial volumes show
-///   about a thousand reflections, or as many as there are before neighbours grow together;
+///   about a thousand reflections, or as many as there are before neighbours grow together (where single
+///   patterns show no spots, the level follows from their brightest pixels instead);
 /// - the plain variance also grows with the number of reflections, which the angle changes, so the same
 ///   number of the most intense ones takes part at every angle: four fifths of what trial volumes show.
 ///
@@ -55,8 +56,8 @@ class VoxMRCData;
 ///
 /// What a search returns is kNoAngle, with an error in the log, when there is nothing to evaluate (no
 /// series, one pattern, an empty one, tilts that do not ascend), when the folder is missing or cannot be
-/// written, and when no candidate gave a score. When the progress observer asks to stop, it is the best
-/// angle so far, or kNoAngle when there is none.
+/// written, and when no candidate gave a score. So it is when the progress observer asks to stop, which is
+/// looked at in the preparation, too, and before every angle; scores() then still tells what was tried.
 ///
 /// Into the folder go "diffVectorHistogramm_RotAngle_" + angle + ".png", the equalised histogram of each
 /// candidate, and into its subfolder name + "_searchTiltAxis_plots" the scores of all candidates as data,
@@ -113,8 +114,11 @@ protected:
     /// in the process of the search. The outcome is then the same.
     virtual void evaluateAngles(const std::vector<float>& angles, const std::string& name, bool mode3D);
 
-    /// Counts the angle in the progress and names it in the log. False when the observer asked to stop.
+    /// Counts the angle in the progress and names it in the log. False when the search shall stop.
     bool beginAngle(float angle);
+    /// Whether the search shall stop: what the progress observer says. A host that learns of it elsewhere
+    /// than in updateStep(), which the preparation does not call, overrides it.
+    virtual bool stopRequested() const { return canceled(); }
     /// Scores one angle and writes its histogram image.
     TiltAxisScore scoreAngle(float angle, bool mode3D);
     /// Adds a score to the statistics, and makes its angle the best one when the variance is above the best
@@ -122,15 +126,21 @@ protected:
     void recordScore(const TiltAxisScore& score);
 
 private:
+    class StopRelay;
+
     float searchAutomated(VoxMRCData* tiltSeries, const std::string& name, const std::string& folder,
                           double angularAccuracy, bool mode3D);
     float searchManual(VoxMRCData* tiltSeries, const std::string& name, const std::string& folder,
                        double start, double end, double stepsize, bool mode3D);
     bool prepare(VoxMRCData* tiltSeries, const std::string& name, const std::string& folder, bool mode3D);
-    bool prepareVolumeRoute();
+    bool prepareRoute(bool mode3D);
+    bool prepareVolumeRoute(const ReflexVector& spots);
+    bool findLevel(const std::vector<double>& levels, double& best, std::size_t& count);
     bool limitSize();
     bool scaleSeries(double level);
     std::size_t countReflexes(float angle);
+    bool stopNow();
+    void releasePrepared();
     float finish(const std::string& name, double startSeconds);
     void evaluateTiltAxis(float angle, std::string name, bool mode3D);
     ReflexVectorPtr reflexesFromVolume(float angle, TiltAxisScore& score);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <rapidcheck.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <limits>
@@ -19,7 +20,7 @@ namespace {
 using Vector = std::array<double, 3>;
 
 struct Histogram {
-    Histogram(const std::vector<Vector>& vectors, int phi, int theta)
+    Histogram(const std::vector<Vector>& vectors, int phi, int theta, bool fold = true)
         : nPhi(phi), image(static_cast<std::size_t>(phi) * static_cast<std::size_t>(theta)) {
         std::vector<std::unique_ptr<ClusterPoint<double>>> owned;
         std::vector<ClusterPoint<double>*> list;
@@ -27,6 +28,7 @@ struct Histogram {
             owned.push_back(std::make_unique<ClusterPoint<double>>(vector.data(), 3, -1));
             list.push_back(owned.back().get());
         }
+        if (fold) VRKSphericalProjection::foldToHalfSpace(&list);
         variance =
             VRKSphericalProjection::getSphericalHistoImage(&list, image.data(), phi, theta, &largest, false);
     }
@@ -98,15 +100,27 @@ TEST(VRKSphericalProjectionTest, GivesTheVarianceOfAPlainCount) {
         const Histogram histogram(vectors, nPhi, nTheta);
         RC_ASSERT(std::abs(histogram.variance - squares / (nPhi * nTheta)) < 1e-5 * (1 + squares));
         RC_ASSERT(Histogram(opposite, nPhi, nTheta).image == histogram.image);
+        const bool inRange = std::all_of(vectors.begin(), vectors.end(), [](const Vector& v) {
+            return v[0] > 0 || std::abs(std::atan2(v[2], v[0])) < std::numbers::pi * (0.5 + 1.0 / nPhi);
+        });
+        const Histogram unfolded(vectors, nPhi, nTheta, false);
+        RC_ASSERT((unfolded.largest >= 0) == inRange);
     });
 }
 
 TEST(VRKSphericalProjectionTest, RefusesWhatHasNoBin) {
     RecordingLogObserver log;
     const double nan = std::numeric_limits<double>::quiet_NaN();
-    EXPECT_EQ(Histogram({{1, 2, 3}, {nan, 1, 1}}, 8, 4).variance, 0);
-    EXPECT_TRUE(log.has("(image address range 0-7, 0-3)", VRK::Error));
+    const Vector noBin[] = {{nan, 1, 1}, {-1, 0, 0}, {-1, 5, 1}, {-1, 5, -1}};
+    for (const Vector& vector : noBin) {
+        log.messages.clear();
+        const Histogram histogram({vector, {1, 2, 3}}, 8, 4, false);
+        EXPECT_EQ(histogram.variance, 0);
+        EXPECT_EQ(std::accumulate(histogram.image.begin(), histogram.image.end(), 0), 0);
+        EXPECT_EQ(histogram.largest, -1);
+        EXPECT_EQ(log.count("(image address range 0-7, 0-3)", VRK::Error), 1);
+    }
     int image = 0, largest = 0;
     EXPECT_EQ(VRKSphericalProjection::getSphericalHistoImage(nullptr, &image, 1, 1, &largest, true), 0);
-    EXPECT_EQ(log.count("", VRK::Error), 2);
+    EXPECT_TRUE(log.has("no difference vectors", VRK::Error));
 }

@@ -16,6 +16,7 @@
 #include "support/RecordingLogObserver.h"
 #include "support/RecordingProgressObserver.h"
 #include "support/TemporaryFolder.h"
+#include "tiltaxis/FindReflexes2d.h"
 
 namespace {
 
@@ -62,15 +63,28 @@ private:
     std::function<double(float)> m_variance;
 };
 
+/// Wants to stop when it has been asked that often.
+class Stopping : public Rehearsal {
+public:
+    explicit Stopping(int polls) : Rehearsal([](float) { return 1.0; }), m_polls(polls) {}
+
+protected:
+    bool stopRequested() const override { return m_asked++ >= m_polls || !scores().empty(); }
+
+private:
+    int m_polls;
+    mutable int m_asked = 0;
+};
+
 /// Patterns with some spots, enough to be searched.
-std::unique_ptr<VoxMRCData> spotSeries(unsigned width, unsigned height = 0) {
+std::unique_ptr<VoxMRCData> spotSeries(unsigned width, unsigned height = 0, unsigned edge = 5) {
     if (height == 0) height = width;
     auto series = makeSeries(width, height, {-40, -20, 0, 20, 40});
     for (unsigned i = 0; i < 5; ++i)
         for (unsigned spot = 0; spot < 8; ++spot) {
             const unsigned x = width / 10 * (spot % 4 * 2 + 1), y = height / 8 * (spot / 4 * 4 + 1 + i / 3);
-            for (unsigned d = 0; d < 25; ++d)
-                series->GetChunkPointer(i)[(y + d / 5) * width + x + d % 5] = 1000;
+            for (unsigned d = 0; d < edge * edge; ++d)
+                series->GetChunkPointer(i)[(y + d / edge) * width + x + d % edge] = 1000;
         }
     return series;
 }
@@ -196,6 +210,15 @@ TEST(VRKTiltAxisRefinementTest, HalvesSeriesOfMoreThan256Pixels) {
     }
 }
 
+// What is no spot in a pattern may be a reflection in the volume.
+TEST(VRKTiltAxisRefinementTest, SearchesVolumesOfPatternsWithoutSpots) {
+    const TemporaryFolder folder;
+    const auto series = spotSeries(250, 250, 22);
+    ASSERT_TRUE(ReflexVectorPtr(FindReflexes2d().findAllReflexes(series.get()))->empty());
+    Rehearsal search([](float angle) { return 3.0 - std::abs(angle); });
+    EXPECT_EQ(search.searchTiltAxisManual3D(series.get(), "", folder / "", -2, 2, 1), 0.0F);
+}
+
 TEST(VRKTiltAxisRefinementTest, SaysWhyThereIsNoAngle) {
     const TemporaryFolder folder;
     const auto good = spotSeries(64);
@@ -231,16 +254,27 @@ TEST(VRKTiltAxisRefinementTest, SaysWhyThereIsNoAngle) {
         EXPECT_EQ(search.searchTiltAxisManual3D(good.get(), "", folder / "", 0, 10, step), 777777.75F);
 }
 
-TEST(VRKTiltAxisRefinementTest, ReturnsTheBestSoFarWhenStopped) {
+TEST(VRKTiltAxisRefinementTest, ReturnsNoAngleWhenStopped) {
     const TemporaryFolder folder;
     const auto series = crystalSeries(-85);
     RecordingProgressObserver progress(5);  // the announcement and four angles
     VRKTiltAxisRefinement search;
     search.registerObserver(&progress);
-    EXPECT_EQ(search.searchTiltAxis2dBruteForce(series.get(), "", folder / "", 0.1), -85.0F);
+    RecordingLogObserver log;
+    EXPECT_EQ(search.searchTiltAxis2dBruteForce(series.get(), "", folder / "", 0.1), 777777.75F);
     EXPECT_EQ(search.scores().size(), 3u);
+    EXPECT_TRUE(log.has("canceled after 3 angles", VRK::Warning));
+    EXPECT_FALSE(std::filesystem::exists(folder / "_searchTiltAxis_plots"));
 
-    RecordingProgressObserver atOnce(2);
-    search.registerObserver(&atOnce);
-    EXPECT_EQ(search.searchTiltAxisAutomated3D(series.get(), "", folder / "", 0.1), 777777.75F);
+    // Whenever it is stopped in its preparation, it tries no angle.
+    const auto wide = spotSeries(280, 260);
+    for (int polls = 0; polls < 100000; polls += 1 + polls / 2) {
+        Stopping stopping(polls);
+        EXPECT_EQ(stopping.searchTiltAxisManual3D(wide.get(), "", folder / "", 0, 1, 1), 777777.75F);
+        if (!stopping.scores().empty()) break;
+        EXPECT_EQ(log.count("canceled in its preparation", VRK::Warning), 1) << polls;
+        EXPECT_EQ(log.count("", VRK::Error), 0) << polls;
+        log.messages.clear();
+    }
+    EXPECT_TRUE(log.has("canceled after 1 angles", VRK::Warning));
 }

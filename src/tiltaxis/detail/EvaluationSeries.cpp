@@ -23,6 +23,17 @@ constexpr double kShareOfHeight = 0.35;
 /// A voxel of noise alone reaches this share of the height that spots need over the noise once in 1e5.
 constexpr double kShareOfThreshold = 0.65;
 constexpr double kSmoothing = 0.7;
+/// From where noise reaches a value in no voxel, which averages four pixels, to where it does in one of 1e3.
+constexpr std::array<double, 6> kBrightShares = {1e-5, 1e-4, 1e-3, 3e-3, 1e-2, 3e-2};
+
+cv::Mat_<float> smoothed(const VoxMRCData& series, unsigned pattern, double factor) {
+    cv::Mat_<float> result;
+    readOnly(series.GetChunkPointer(pattern), static_cast<int>(series.GetWidth()),
+             static_cast<int>(series.GetHeight()))
+        .convertTo(result, CV_32F, factor);
+    cv::GaussianBlur(result, result, cv::Size(), kSmoothing, kSmoothing, cv::BORDER_REPLICATE);
+    return result;
+}
 
 }  // namespace
 
@@ -46,6 +57,30 @@ std::vector<double> evaluationLevels(const ReflexVector& mergedSpots, double bea
     return levels;
 }
 
+std::vector<double> brightPixelLevels(const VoxMRCData& series, double beamRadius) {
+    const SingleThreadedOpenCV singleThreaded;
+    const cv::Point2d centre =
+        centreOf(static_cast<int>(series.GetWidth()), static_cast<int>(series.GetHeight()));
+    std::vector<float> values;
+    for (unsigned i = 0; i < series.GetDepth(); ++i) {
+        const cv::Mat_<float> pattern = smoothed(series, i, 1.0);
+        for (int row = 0; row < pattern.rows; ++row)
+            for (int column = 0; column < pattern.cols; ++column)
+                if (pattern(row, column) > 0.0F &&
+                    std::hypot(column - centre.x, row - centre.y) >= beamRadius)
+                    values.push_back(pattern(row, column));
+    }
+    std::vector<double> levels;
+    for (const double share : kBrightShares) {
+        const auto rank = static_cast<std::size_t>(share * series.GetDataSize());
+        if (rank >= values.size()) break;
+        const auto nth = values.begin() + static_cast<std::ptrdiff_t>(rank);
+        std::nth_element(values.begin(), nth, values.end(), std::greater<>());
+        levels.push_back(static_cast<double>(*nth));
+    }
+    return levels;
+}
+
 std::unique_ptr<VoxMRCData> scaledSeries(const VoxMRCData& series, double factor) {
     std::unique_ptr<VoxMRCData> result(
         VoxMRCData::Create3D(series.GetWidth(), series.GetHeight(), series.GetDepth()));
@@ -54,12 +89,8 @@ std::unique_ptr<VoxMRCData> scaledSeries(const VoxMRCData& series, double factor
     const SingleThreadedOpenCV singleThreaded;
     const int width = static_cast<int>(series.GetWidth());
     const int height = static_cast<int>(series.GetHeight());
-    cv::Mat_<float> pattern;
-    for (unsigned i = 0; i < series.GetDepth(); ++i) {
-        readOnly(series.GetChunkPointer(i), width, height).convertTo(pattern, CV_32F, factor);
-        cv::GaussianBlur(pattern, pattern, cv::Size(), kSmoothing, kSmoothing, cv::BORDER_REPLICATE);
-        pattern.convertTo(Frame(height, width, result->GetChunkPointer(i)), CV_16S);
-    }
+    for (unsigned i = 0; i < series.GetDepth(); ++i)
+        smoothed(series, i, factor).convertTo(Frame(height, width, result->GetChunkPointer(i)), CV_16S);
     return result;
 }
 

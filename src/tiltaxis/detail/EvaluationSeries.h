@@ -16,6 +16,11 @@ namespace VRK::detail {
 /// search drops, are not counted. Empty without spots.
 std::vector<double> evaluationLevels(const ReflexVector& mergedSpots, double beamRadius);
 
+/// The same from the values that shares of all pixels outside of the radius reach, once the patterns are
+/// smoothed like those of scaledSeries(): for series whose spots do not stand out of the noise of single
+/// patterns. Empty for a series without values above 0.
+std::vector<double> brightPixelLevels(const VoxMRCData& series, double beamRadius);
+
 /// A copy of the series, smoothed by a Gaussian of 0.7 pixel and multiplied by factor, limited to 16 bits.
 /// Smoothing before the rounding keeps the faint counts of weak series apart; it also takes the difference in
 /// sharpness between patterns that were turned by a multiple of 90 degrees, which are not interpolated, and
