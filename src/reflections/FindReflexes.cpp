@@ -5,6 +5,7 @@
 #include <ctime>
 #include <limits>
 #include <memory>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -23,18 +24,15 @@ using VRK::detail::VoxelGrid;
 
 namespace {
 
-/// Says in the log why a volume cannot be searched.
-bool searchable(const VoxMRCData& volume, const VoxelGrid& grid) {
-    if (grid.voxelCount() > std::numeric_limits<int>::max()) {
-        log("FindReflexes: the volume has more voxels than a reflection can number (2147483647); bin it.",
-            VRK::Error);
-        return false;
-    }
-    if (grid.voxelCount() == 0 && volume.GetDataSize() != 0) {
-        log("FindReflexes: the volume is not stored by slice in three dimensions.", VRK::Error);
-        return false;
-    }
-    return true;
+/// Why a volume cannot be searched; empty when it can.
+std::string problemOf(const VoxMRCData* volume, const Parameter* parameter) {
+    if (!volume || !parameter) return "no volume or no parameters to search with.";
+    const VoxelGrid grid(volume);
+    if (grid.voxelCount() > std::numeric_limits<int>::max())
+        return "the volume has more voxels than a reflection can number (2147483647); bin it.";
+    if (grid.voxelCount() == 0 && volume->GetDataSize() != 0)
+        return "the volume is not stored by slice in three dimensions.";
+    return {};
 }
 
 /// Finding the largest value is a loop that the compiler turns into vector code.
@@ -120,21 +118,27 @@ ReflexVector* FindReflexes::findAllReflexes(VoxMRCData* volume, Parameter* param
                                             double* seconds) {
     if (!quiet) log(">> FindReflexes::findAllReflexes", VRK::Debug, VRK::MethodControl);
     const std::time_t start = std::time(nullptr);
-    ReflexVector* reflexes = findAllReflexes(volume, parameter);
+    ReflexVector* reflexes = nullptr;
+    const auto fail = [quiet](const std::string& reason) {
+        if (!quiet) log("FindReflexes: " + reason, VRK::Error);
+    };
+    if (const std::string problem = problemOf(volume, parameter); !problem.empty()) {
+        fail(problem);
+    } else {
+        try {
+            reflexes = findAllReflexes(volume, parameter);
+        } catch (const std::bad_alloc&) {
+            fail("no memory for the reflections of the volume; raise the threshold or bin the volume.");
+            throw;
+        }
+    }
     if (seconds) *seconds = std::difftime(std::time(nullptr), start);
     if (!quiet) log("<< FindReflexes::findAllReflexes", VRK::Debug, VRK::MethodControl);
     return reflexes;
 }
 
 ReflexVector* FindReflexes::findAllReflexes(VoxMRCData* volume, Parameter* parameter) {
-    if (!volume || !parameter) {
-        log("FindReflexes: no volume or no parameters to search with.", VRK::Error);
-        return nullptr;
-    }
-    const VoxelGrid grid(volume);
-    if (!searchable(*volume, grid)) return nullptr;
-
-    const int steps = grid.extentX() / 2 * 2 + 2;
+    const int steps = VoxelGrid(volume).extentX() / 2 * 2 + 2;
     setSteps(steps, " ");
     VolumeMath::setZeroCompareValue(parameter->getThreshold());
     ReflexVectorPtr found(new ReflexVector);

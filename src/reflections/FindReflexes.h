@@ -27,13 +27,14 @@ class VRKCORE_EXPORT FindReflexes : public VoxProgressObservable {
 public:
     FindReflexes() = default;
 
-    /// \param quiet    no traces to the log
+    /// \param quiet    nothing to the log, errors included, but for the line that tells of a cancellation
     /// \param seconds  receives the elapsed time in whole seconds; may be null
     /// \return a new list of ReflexOnGrid in the volume; the caller owns it (ReflexVectorPtr frees it whole)
     ///         and keeps the volume while using it. Empty when nothing was found or the volume has no voxels.
-    ///         Null, with an error in the log, when the volume or the parameters are missing, when the volume
-    ///         is not stored by slice in three dimensions or has more voxels than int can count; and null
-    ///         when the progress observer asks to stop.
+    ///         Null, with an error in the log unless quiet, when the volume or the parameters are missing,
+    ///         when the volume is not stored by slice in three dimensions or has more voxels than int can
+    ///         count; and null when the progress observer asks to stop.
+    /// \throw std::bad_alloc when memory does not suffice, after an error in the log unless quiet
     ///
     /// The observer sees the steps announced once, an update after each x of the even and then of the odd
     /// seeds (1 to D1), and a last one with the number announced. Sets the process-wide zero-compare value of

@@ -30,6 +30,7 @@ public:
     ///
     /// A start voxel outside the volume gives a region without voxels at position 0 and the log line
     /// "Startvoxel not correct.", a start voxel in the background one without voxels at that voxel.
+    /// \throw std::bad_alloc when memory does not suffice: growing takes a bit for every voxel of the volume
     ReflexOnGrid(int x, int y, int z, const VoxMRCData* volume, bool markVisited, bool* visited);
     /// A region without voxels: getPoints() is empty and every measure of voxels 0, while position and
     /// intensity are those of a Reflex at \p xyz (the intensity is 1). The flags are set as the region that

@@ -1,8 +1,11 @@
 #include "reflections/FindReflexes.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
+#include <cstdlib>
 #include <limits>
+#include <new>
 #include <numeric>
 #include <random>
 
@@ -120,9 +123,33 @@ TEST(FindReflexes, RefusesWhatItCannotSearch) {
     VoxMRCData empty;
     EXPECT_TRUE(search(empty, parameter)->empty());
     EXPECT_TRUE(log.messages.empty());
-    EXPECT_EQ(FindReflexes().findAllReflexes(nullptr, &parameter, true, nullptr), nullptr);
-    EXPECT_EQ(FindReflexes().findAllReflexes(&empty, nullptr, true, nullptr), nullptr);
+    for (const bool quiet : {true, false}) {
+        EXPECT_EQ(FindReflexes().findAllReflexes(nullptr, &parameter, quiet, nullptr), nullptr);
+        EXPECT_EQ(FindReflexes().findAllReflexes(&empty, nullptr, quiet, nullptr), nullptr);
+        EXPECT_EQ(log.messages.size(), quiet ? 0U : 6U);
+    }
     EXPECT_EQ(log.count("no volume or no parameters", VRK::Error), 2);
 }
+
+// The sanitizers' own memory does not fit under the limit.
+#if !defined(__SANITIZE_ADDRESS__)
+TEST(FindReflexesDeathTest, PassesOnThatMemoryDoesNotSuffice) {
+    const auto search = [](bool quiet) {
+        const auto volume = makeVolume({256, 256, 128});
+        Parameter parameter;
+        RecordingLogObserver log;
+        const rlimit limit = {1, 1};  // what is there stays, nothing large can be added
+        setrlimit(RLIMIT_AS, &limit);
+        try {
+            FindReflexes().findAllReflexes(volume.get(), &parameter, quiet, nullptr);
+        } catch (const std::bad_alloc&) {
+            std::_Exit(log.has("no memory", VRK::Error) == quiet ? 1 : 0);
+        }
+        std::_Exit(2);
+    };
+    EXPECT_EXIT(search(true), testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(search(false), testing::ExitedWithCode(0), "");
+}
+#endif
 
 }  // namespace

@@ -50,7 +50,8 @@ struct Region {
 /// enters at most one of the regions.
 class RegionGrower {
 public:
-    /// The grid is the volume's and has at least one voxel and not more than int can count.
+    /// The grid is the volume's and has not more voxels than int can count. Throws std::bad_alloc, as
+    /// growing does, when memory does not suffice.
     RegionGrower(const VoxMRCData& volume, const VoxelGrid& grid);
 
     /// The smallest value that is not background; 32768 when every value is.
