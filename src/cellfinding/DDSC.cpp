@@ -37,28 +37,27 @@ struct DensityStep {
     bool contains(int other) const { return !isThinner(other) && !isDenser(other); }
 };
 
-/// Lets points tell the cluster's density instead of their own, if it is alike, while this object lives.
-class RecordedSteps {
+/// Lets points tell another neighbourhood than their own while this object lives.
+class RecordedSizes {
 public:
-    RecordedSteps(const DensityStep& step, PointType* point, const std::vector<PointType*>& neighbours) {
-        record(step, point);
-        for (PointType* neighbour : neighbours)
-            if (neighbour != point) record(step, neighbour);
+    RecordedSizes() = default;
+    ~RecordedSizes() {
+        for (auto it = m_sizes.rbegin(); it != m_sizes.rend(); ++it)
+            it->first->setSizeOfNeighbourhood(it->second);
     }
-    ~RecordedSteps() {
-        for (const auto& [point, size] : m_sizes)
-            point->setSizeOfNeighbourhood(size);
+    RecordedSizes(const RecordedSizes&) = delete;
+    RecordedSizes& operator=(const RecordedSizes&) = delete;
+
+    void record(PointType* point, int size) {
+        m_sizes.emplace_back(point, point->getSizeOfNeighbourhood());
+        point->setSizeOfNeighbourhood(size);
     }
-    RecordedSteps(const RecordedSteps&) = delete;
-    RecordedSteps& operator=(const RecordedSteps&) = delete;
+    /// The cluster's size for points of its density.
+    void recordAlike(const DensityStep& step, PointType* point) {
+        if (step.contains(point->getSizeOfNeighbourhood())) record(point, step.size);
+    }
 
 private:
-    void record(const DensityStep& step, PointType* point) {
-        const int size = point->getSizeOfNeighbourhood();
-        m_sizes.emplace_back(point, size);
-        if (step.contains(size)) point->setSizeOfNeighbourhood(step.size);
-    }
-
     std::vector<std::pair<PointType*, int>> m_sizes;
 };
 
@@ -68,28 +67,6 @@ void neighboursByDistance(Grid& grid, const PointType& point, double eps, std::v
     for (PointType* neighbour : out)
         neighbour->setDistToCurrentPoint(&point);
     std::stable_sort(out.begin(), out.end(), PointType::sortFunction);
-}
-
-/// Takes in the candidates (sorted, each once) that have less than the share \p most of their neighbours
-/// beyond the reach of the cluster. Neighbours of earlier clusters do not count.
-void takeRimPoints(Grid& grid, const std::vector<PointType*>& candidates, double eps, short clusterID,
-                   double most) {
-    std::vector<PointType*> neighbours;
-    std::vector<PointType*> taken;
-    for (PointType* point : candidates) {
-        grid.getNeighborhood(point, eps, &neighbours);
-        int counted = 0;
-        int beyond = 0;
-        for (PointType* neighbour : neighbours) {
-            const short label = neighbour->getClusterID();
-            if (label > 0 && label != clusterID) continue;
-            ++counted;
-            beyond += label <= 0 && !std::binary_search(candidates.begin(), candidates.end(), neighbour);
-        }
-        if (beyond < most * counted) taken.push_back(point);
-    }
-    for (PointType* point : taken)
-        point->setClusterID(clusterID);
 }
 
 }  // namespace
@@ -153,6 +130,29 @@ bool DDSC::isHomogeneous(const PointType* point, const std::vector<PointType*>* 
     return least <= counted && counted <= most;
 }
 
+void DDSC::takeRimPoints(CubicGrid<PointType>& grid, const std::vector<PointType*>& candidates, double eps,
+                         short label, int size, double k1, double k2, double k3) {
+    std::vector<PointType*> neighbours;
+    std::vector<PointType*> taken;
+    for (PointType* point : candidates) {
+        grid.getNeighborhood(point, eps, &neighbours);
+        std::erase_if(neighbours, [&](const PointType* neighbour) {
+            return neighbour->getClusterID() > 0 && neighbour->getClusterID() != label;
+        });
+        RecordedSizes sizes;
+        for (PointType* neighbour : neighbours) {
+            const bool within = neighbour->getClusterID() == label ||
+                                std::binary_search(candidates.begin(), candidates.end(), neighbour);
+            sizes.record(neighbour, within ? size : 0);
+        }
+        const auto counted = static_cast<double>(neighbours.size());
+        if (isHomogeneous(point, &neighbours, k1, k2, counted - k3 * counted, counted))
+            taken.push_back(point);
+    }
+    for (PointType* point : taken)
+        point->setClusterID(label);
+}
+
 bool DDSC::expand(CubicGrid<PointType>* grid, int pointIndex, double eps, int minPts, int clusterID,
                   double k1, double k2, double k3, double k4, bool takeRim) {
     PointType* start = grid->getPoint(pointIndex);
@@ -172,7 +172,10 @@ bool DDSC::expand(CubicGrid<PointType>* grid, int pointIndex, double eps, int mi
             const bool ofOthers = neighbour->getClusterID() > 0 && neighbour->getClusterID() != label;
             if (step.isDenser(other) || (step.contains(other) && !ofOthers)) tested.push_back(neighbour);
         }
-        const RecordedSteps steps(step, point, tested);
+        RecordedSizes sizes;
+        sizes.recordAlike(step, point);
+        for (PointType* neighbour : tested)
+            sizes.recordAlike(step, neighbour);
         return isHomogeneous(point, &tested, k1, k2, k3 * size, k4 * size);
     };
 
@@ -189,9 +192,15 @@ bool DDSC::expand(CubicGrid<PointType>* grid, int pointIndex, double eps, int mi
     std::vector<PointType*> rim;
     for (std::deque<PointType*> seeds{start}; !seeds.empty(); seeds.pop_front()) {
         if (!isCore(seeds.front())) continue;
+        std::erase_if(neighbours, [](const PointType* point) { return point->getClusterID() > 0; });
+        for (PointType* neighbour : neighbours)
+            sizeOf(*grid, *neighbour, eps);
+        const std::vector<PointType*> core{seeds.front()};
+        RecordedSizes sizes;
+        sizes.recordAlike(step, core.front());
         for (PointType* neighbour : neighbours) {
-            if (neighbour->getClusterID() > 0) continue;
-            if (step.contains(sizeOf(*grid, *neighbour, eps))) {
+            sizes.recordAlike(step, neighbour);
+            if (isHomogeneous(neighbour, &core, k1, k2, 1.0, 1.0)) {
                 neighbour->setClusterID(label);
                 seeds.push_back(neighbour);
             } else {
@@ -202,6 +211,6 @@ bool DDSC::expand(CubicGrid<PointType>* grid, int pointIndex, double eps, int mi
     std::sort(rim.begin(), rim.end());  // one block of memory: the order of the list
     rim.erase(std::unique(rim.begin(), rim.end()), rim.end());
     std::erase_if(rim, [](const PointType* point) { return point->getClusterID() > 0; });
-    if (takeRim) takeRimPoints(*grid, rim, eps, label, k3);
+    if (takeRim) takeRimPoints(*grid, rim, eps, label, step.size, k1, k2, k3);
     return true;
 }

@@ -21,7 +21,7 @@
 /// of s points is homogeneous when among the nearest k4 s, k4 = alpha / (1 + alpha), none is denser and at
 /// least k3 s, k3 = 2 / ((d + 1)(1 + alpha)) in d dimensions, have the cluster's step. Thinner points are not
 /// counted: they are what the surface of every group looks like. Neither are points that belong to earlier
-/// clusters.
+/// clusters. isHomogeneous() decides about every point that a cluster takes in.
 class VRKCORE_EXPORT DDSC {
 public:
     /// Labels the points of the grid as DBSCAN does, and replaces the lists in the same way (owned by the
@@ -38,12 +38,16 @@ private:
     using PointType = ClusterPointDDSC<double>;
 
     /// Grows a cluster from a point; false, with the point as noise, when it cannot start one. Core points
-    /// (at least minPts neighbours, homogeneous) take in their neighbours of the cluster's density. With
-    /// \p takeRim the cluster then takes in, of the other neighbours of its core points, those that have
-    /// less than k3 of their neighbours out of its reach: its surface, and single points that happen to lie
-    /// dense or thin. A touching group of another density reaches on, so its points stay free.
+    /// (at least minPts neighbours, homogeneous) take in the neighbours that are homogeneous with them, which
+    /// are those of the cluster's density. With \p takeRim the cluster then takes its rim in.
     static bool expand(CubicGrid<PointType>* grid, int pointIndex, double eps, int minPts, int clusterID,
                        double k1, double k2, double k3, double k4, bool takeRim);
+    /// Labels those of the candidates (sorted, each once; the other neighbours of the cluster's core points)
+    /// that have no more than the share \p k3 of their neighbours out of the cluster's reach: its surface,
+    /// and single points that happen to lie dense or thin. A touching group of another density reaches on, so
+    /// its points stay free. Within reach, points count with the cluster's \p size, beyond not at all.
+    static void takeRimPoints(CubicGrid<PointType>& grid, const std::vector<PointType*>& candidates,
+                              double eps, short label, int size, double k1, double k2, double k3);
     /// Compares the recorded sizes t of the neighbours' neighbourhoods with s, that of \p point; those below
     /// 1 do not count. False when the quotient of smaller and larger size, whole numbers divided without
     /// remainder (1 for equal sizes, 0 otherwise), is at or below \p thinner for t < s, or \p denser for the

@@ -82,6 +82,28 @@ TEST(DDSCTest, KeepsALatticeWholeAndGivesEveryPointALabel) {
     EXPECT_GT(c.clusters[0]->getNumberOfPoints(), 900);
 }
 
+// A point that sees the cluster's end only is rim as long as no more than a sixth of its neighbours, those
+// being in three dimensions, lies beyond.
+TEST(DDSCTest, TakesRimPointsThatDoNotReachOn) {
+    for (const int beyond : {0, 1, 2}) {
+        SCOPED_TRACE(beyond);
+        Clustering c;
+        const auto add = [&c](double x) {
+            const double data[] = {x, 0.0, 0.0};
+            c.points.push_back(
+                std::make_unique<TestPoint>(data, static_cast<unsigned char>(3), short(-1), -1));
+        };
+        for (int i = 0; i <= 20; ++i)
+            add(1.0 + 0.1 * i);
+        add(-1.15);  // sees four of them
+        for (int i = 0; i < beyond; ++i)
+            add(-3.6 - 0.01 * i);
+        c.run(2.5, 5, 2.0);
+        ASSERT_EQ(c.clusters.size(), 1U);
+        EXPECT_EQ(c.clusters[0]->getNumberOfPoints(), beyond < 2 ? 22 : 21);
+    }
+}
+
 TEST(DDSCTest, RepairsParametersAndReportsWhatItCannotRepair) {
     RecordingLogObserver log;
     Clustering c;
