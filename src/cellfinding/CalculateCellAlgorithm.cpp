@@ -39,6 +39,7 @@ using Clusters = std::vector<Cluster<Point<double>>*>;
 
 constexpr double kFailed = -1.0;
 constexpr int kMostLatticeSteps = 50;
+constexpr int kLeastPointsOfRow = 10;
 
 class Stopwatch {
 public:
@@ -130,6 +131,40 @@ std::vector<Centre> placesOf(const ReflexVector& reflections, const double* orig
         return BasicMath::Norm(first.place.data()) < BasicMath::Norm(second.place.data());
     });
     return places;
+}
+
+/// Points of clusters with their uncertainties.
+struct UncertainPoints {
+    std::vector<Point<double>*> points;  // the clusters' own
+    std::vector<double> uncertainties;
+    int step = 1;  // every step-th point of all takes part
+};
+
+/// How thick a cluster is across its longest axis.
+double thicknessOf(const Cluster<Point<double>>& cluster) {
+    constexpr double kLeast = 0.2;  // of a voxel
+    const double moment = cluster.getDimension() > 1 ? cluster.getMomentsOfInertia(1) : 0.0;
+    return moment > kLeast * kLeast ? std::sqrt(moment) : kLeast;
+}
+
+UncertainPoints pointsOf(const Clusters& clusters) {
+    constexpr int kMostPoints = 4000;
+    int total = 0;
+    for (const auto* cluster : clusters)
+        total += cluster ? cluster->getNumberOfPoints() : 0;
+    UncertainPoints result;
+    result.step = total / kMostPoints + 1;
+    int number = 0;
+    for (const auto* cluster : clusters) {
+        if (!cluster) continue;
+        const double thickness = thicknessOf(*cluster);
+        for (int i = 0; i < cluster->getNumberOfPoints(); ++i) {
+            if (number++ % result.step != 0) continue;
+            result.points.push_back(cluster->getPointAt(i));
+            result.uncertainties.push_back(thickness);
+        }
+    }
+    return result;
 }
 
 /// The base that explains the judges best, fitted to them.
@@ -544,6 +579,36 @@ bool CalculateCellAlgorithm::refineBaseVector(std::vector<Cluster<Point<double>>
         }
         logText("No cluster center is near the base vector.", VRK::Warning);
         return false;
+    });
+}
+
+double CalculateCellAlgorithm::testRANSAC(const std::vector<Cluster<Point<double>>*>* clusters, int count,
+                                          std::vector<RANSAC::FittedLine>* rows) {
+    return withMemoryReport([&] {
+        const Stopwatch watch;
+        if (!clusters || !rows || count < 1) {
+            logText("Clusters, a list and a number of rows are needed to find rows.", VRK::Error);
+            return kFailed;
+        }
+        const UncertainPoints points = pointsOf(*clusters);
+        RANSAC::Settings settings;
+        settings.throughOrigin = true;
+        settings.mostLines = count;
+        settings.leastInliers = kLeastPointsOfRow;
+        std::vector<RANSAC::FittedLine> found;
+        if (!RANSAC::fitLines(&points.points, &points.uncertainties, settings, &found)) return kFailed;
+        if (found.empty()) {
+            logText("No rows among the points of " + std::to_string(clusters->size()) + " clusters.",
+                    VRK::Warning);
+            return kFailed;
+        }
+        for (RANSAC::FittedLine& row : found)
+            for (int& inlier : row.inliers)
+                inlier *= points.step;
+        *rows = std::move(found);
+        const double seconds = watch.seconds();
+        logTime("Find rows in", seconds, " Number of rows: " + std::to_string(rows->size()));
+        return seconds;
     });
 }
 

@@ -11,6 +11,7 @@
 #include "cellfinding/ClusteringMethod.h"
 #include "cellfinding/CubicGrid.h"
 #include "cellfinding/Parameter.h"
+#include "cellfinding/RANSAC.h"
 #include "crystallography/UnitCell.h"
 #include "reflections/ReflexVector.h"
 
@@ -178,6 +179,13 @@ public:
     /// Puts a vector onto the cluster centre (or the opposite of one) that is nearest to it, when that is
     /// within 0.3 of the vector's length.
     bool refineBaseVector(std::vector<Cluster<Point<double>>*>* clusters, Point<double>* vector);
+    /// The rows through the origin on which the points of the clusters lie, the one with most points first,
+    /// at most \p count (RANSAC). Where clusters merge along a long axis of the crystal, a row is all that is
+    /// left of them, and its direction is that of the axis. Points are as uncertain as their cluster is
+    /// thick. \p rows is replaced; the inliers in it are counted through the points of all clusters, of which
+    /// a regular selection takes part when there are more than 4000.
+    double testRANSAC(const std::vector<Cluster<Point<double>>*>* clusters, int count,
+                      std::vector<RANSAC::FittedLine>* rows);
     /// @}
 
 private:
