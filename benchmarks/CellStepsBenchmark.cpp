@@ -1,60 +1,19 @@
 /// Steps one to six of the cell finding on 3,000 reflections: the time of all six, and the memory that they
 /// need at most, as bytes per difference vector.
 #include <benchmark/benchmark.h>
-#include <malloc.h>
 
 #include <array>
-#include <atomic>
 #include <cmath>
-#include <cstdlib>
 #include <memory>
-#include <new>
 #include <random>
 #include <set>
 
+#include "CountedMemory.h"
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "cellfinding/CalculateCellAlgorithm.h"
 #include "cellfinding/Parameter.h"
 #include "crystallography/UnitCell.h"
 #include "reflections/ReflexVector.h"
-
-namespace {
-
-std::atomic<std::size_t> g_used{0};
-std::atomic<std::size_t> g_peak{0};
-
-void* counted(void* block) {
-    if (!block) throw std::bad_alloc();
-    const std::size_t used = g_used += malloc_usable_size(block);
-    if (used > g_peak) g_peak = used;
-    return block;
-}
-
-void uncounted(void* block) {
-    if (block) g_used -= malloc_usable_size(block);
-    std::free(block);
-}
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-    return counted(std::malloc(size > 0 ? size : 1));
-}
-void* operator new[](std::size_t size) {
-    return counted(std::malloc(size > 0 ? size : 1));
-}
-void operator delete(void* block) noexcept {
-    uncounted(block);
-}
-void operator delete[](void* block) noexcept {
-    uncounted(block);
-}
-void operator delete(void* block, std::size_t) noexcept {
-    uncounted(block);
-}
-void operator delete[](void* block, std::size_t) noexcept {
-    uncounted(block);
-}
 
 namespace {
 
@@ -91,8 +50,7 @@ void allSteps(benchmark::State& state) {
         Parameter parameter;
         parameter.setDBSCANEps(static_cast<double>(state.range(1)) / 10.0);
         parameter.setMinDistToZeroBeam(3.0);
-        const std::size_t before = g_used;
-        g_peak = before;
+        const counted_memory::Peak memory;
         CalculateCellAlgorithm algorithm;
         double seconds = algorithm.StepOne_CutOfZeroBeam(&list, volume.get(), &parameter);
         const std::unique_ptr<CubicGrid<ClusterPoint<double>>> grid(
@@ -109,7 +67,7 @@ void allSteps(benchmark::State& state) {
                                                &refined[2]);
         if (seconds < 0.0) state.SkipWithError("no cell");
         vectors = grid->getNumberOfPoints();
-        peak = g_peak - before;
+        peak = memory.bytes();
         for (auto* cluster : clusters)
             delete cluster;
         for (auto* vector : noise)

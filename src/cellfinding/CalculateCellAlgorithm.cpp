@@ -18,6 +18,7 @@
 #include "cellfinding/DBSCAN.h"
 #include "cellfinding/DDSC.h"
 #include "cellfinding/DiffVector3D.h"
+#include "cellfinding/FSC.h"
 #include "cellfinding/detail/BaseChoice.h"
 #include "cellfinding/detail/BaseRefinement.h"
 #include "cellfinding/detail/ClusterCentres.h"
@@ -393,15 +394,22 @@ double CalculateCellAlgorithm::StepSix_Refinement(std::vector<Cluster<Point<doub
 double CalculateCellAlgorithm::clusteringStep(Parameter* parameter, CubicGrid<ClusterPoint<double>>* grid,
                                               std::vector<Cluster<Point<double>>*>* clusters,
                                               std::vector<ClusterPoint<double>*>* noise,
-                                              ClusteringMethod method) {
+                                              ClusteringMethod method, VoxProgressObserver* observer) {
     if (method == ClusteringMethod::DBSCAN) return clusteringWithDBSCAN(parameter, grid, clusters, noise);
-    const auto group = [&] {
+    const auto withDDSC = [&] {
         m_logger->log("use DDSC clustering.", VRK::Debug, VRK::Information);
         clusterWithDDSC(*grid, *parameter, *clusters, *noise);
         postprocessingDDSCclustering(clusters, parameter->getDBSCANEps());
         VRK::detail::labelGrid(*grid, *clusters);
     };
-    return clusterBy(group, parameter, grid, clusters, noise);
+    const auto withFSC = [&] {
+        m_logger->log("use FSC clustering.", VRK::Debug, VRK::Information);
+        FSC fsc;
+        fsc.registerObserver(observer);
+        if (!fsc.cluster(grid, 0.0, clusters, noise)) clusters->clear();
+    };
+    if (method == ClusteringMethod::FSC) return clusterBy(withFSC, parameter, grid, clusters, noise);
+    return clusterBy(withDDSC, parameter, grid, clusters, noise);
 }
 
 double CalculateCellAlgorithm::clusteringWithDBSCAN(Parameter* parameter,

@@ -17,6 +17,7 @@
 
 class DiffVector3D;
 class VoxMRCData;
+class VoxProgressObserver;
 class VRKLogger;
 
 /// Difference vectors of the reflections pile up at the vectors of the reciprocal lattice; the centres of
@@ -129,12 +130,14 @@ public:
     /// points.
     /// @{
 
-    /// Step three by a method of choice. Radius and least density of all methods are those of DBSCAN in the
-    /// parameters. DDSC joins what it parts of one cluster (postprocessingDDSCclustering()). The labels in
-    /// the grid are those of the clusters, 0 for noise.
+    /// Step three by a method of choice. DDSC takes radius and least density from the parameters, as DBSCAN
+    /// does, and its clusters are joined where it parts one (postprocessingDDSCclustering()); FSC finds its
+    /// radius itself, reports progress to \p observer (may be null) and can be canceled there, which counts
+    /// as no clusters. The labels in the grid are those of the clusters, 0 for noise.
     double clusteringStep(Parameter* parameter, CubicGrid<ClusterPoint<double>>* grid,
                           std::vector<Cluster<Point<double>>*>* clusters,
-                          std::vector<ClusterPoint<double>*>* noise, ClusteringMethod method);
+                          std::vector<ClusterPoint<double>*>* noise, ClusteringMethod method,
+                          VoxProgressObserver* observer = nullptr);
     /// Step three.
     double clusteringWithDBSCAN(Parameter* parameter, CubicGrid<ClusterPoint<double>>* grid,
                                 std::vector<Cluster<Point<double>>*>* clusters,

@@ -5,4 +5,5 @@
 enum class ClusteringMethod {
     DBSCAN,  ///< one radius, one least density
     DDSC,    ///< the same, and clusters of even density
+    FSC,     ///< centres by falling density; finds its radius
 };

@@ -248,6 +248,7 @@ TEST(CalculateCellAlgorithm, OtherClusteringsFindOneClusterANode) {
     const Case cases[] = {
         {"DBSCAN", apart, 1.5, by(ClusteringMethod::DBSCAN), 4},
         {"DDSC", apart, 1.5, by(ClusteringMethod::DDSC), 4},
+        {"FSC", apart, 1.5, by(ClusteringMethod::FSC), 4},
         {"one pass over a row", row, 1.6, recursively(0), 1},
         {"smaller and smaller radii over a row", row, 1.6, recursively(1000), 8},
         {"compact clusters stay", apart, 1.5, recursively(8), 4},

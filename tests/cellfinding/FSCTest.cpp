@@ -1,0 +1,224 @@
+#include "cellfinding/FSC.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <memory>
+#include <random>
+
+#include "cellfinding/CalculateCellAlgorithm.h"
+#include "support/RecordingLogObserver.h"
+#include "support/RecordingProgressObserver.h"
+
+namespace {
+
+using Coordinates = std::vector<double>;
+
+/// Blobs on an even background, and what a clustering makes of them.
+struct Clustering {
+    std::vector<ClusterPoint<double>> points;
+    std::unique_ptr<CubicGrid<ClusterPoint<double>>> grid;
+    std::vector<Cluster<Point<double>>*> clusters;
+    std::vector<ClusterPoint<double>*> noise;
+    std::mt19937 random{5};
+
+    Clustering() = default;
+    Clustering(const Clustering&) = delete;
+    Clustering& operator=(const Clustering&) = delete;
+    ~Clustering() {
+        for (auto* cluster : clusters)
+            delete cluster;
+        for (auto* point : noise)
+            delete point;
+    }
+    void add(const Coordinates& c) {
+        points.emplace_back(c.data(), static_cast<unsigned char>(c.size()), short(-1));
+    }
+    void addBlob(const Coordinates& centre, int count, double sigma) {
+        std::normal_distribution<> normal(0.0, sigma);
+        for (int i = 0; i < count; ++i) {
+            Coordinates c = centre;
+            for (double& x : c)
+                x += normal(random);
+            add(c);
+        }
+    }
+    void addBackground(int count, std::size_t dimension, double extent) {
+        std::uniform_real_distribution<> anywhere(-extent, extent);
+        for (int i = 0; i < count; ++i) {
+            Coordinates c(dimension);
+            for (double& x : c)
+                x = anywhere(random);
+            add(c);
+        }
+    }
+    void makeGrid() {
+        std::vector<ClusterPoint<double>*> pointers;
+        for (auto& point : points)
+            pointers.push_back(&point);
+        const Coordinates min(4, -40.0), max(4, 40.0);
+        grid = std::make_unique<CubicGrid<ClusterPoint<double>>>(&pointers, min.data(), max.data(), 3);
+    }
+    bool run(double radius, std::vector<double>* memberships = nullptr,
+             VoxProgressObserver* observer = nullptr) {
+        FSC fsc;
+        fsc.registerObserver(observer);
+        return fsc.cluster(grid.get(), radius, &clusters, &noise, memberships);
+    }
+};
+
+TEST(FSCTest, FindsBlobsAndTheirRadiusOnABackground) {
+    struct Case {
+        const char* name;
+        double sigma;
+        double distance;  // between blobs
+        std::size_t dimension;
+        int background;
+        double radius;
+    };
+    const Case cases[] = {
+        {"sharp", 0.4, 9.0, 3, 8000, 0.0}, {"blurred", 1.0, 12.0, 3, 3000, 0.0},
+        {"close", 0.5, 4.0, 3, 3000, 0.0}, {"without background", 0.6, 9.0, 3, 0, 0.0},
+        {"plane", 0.7, 9.0, 2, 1000, 0.0}, {"radius too large", 0.5, 9.0, 3, 3000, 3.0},
+    };
+    for (const Case& one : cases) {
+        SCOPED_TRACE(one.name);
+        Clustering c;
+        std::vector<Coordinates> centres;
+        for (int i = 0; i < 12; ++i) {
+            Coordinates centre(one.dimension);
+            centre[0] = one.distance * (i % 3 - 1) + 0.3;
+            centre[1] = one.distance * (i / 3 % 2);
+            if (one.dimension == 3) centre[2] = one.distance * (i / 6) - 2.1;
+            if (one.dimension == 2 && i >= 6) break;
+            centres.push_back(centre);
+            c.addBlob(centre, 400 - 20 * i, one.sigma);
+        }
+        c.addBackground(one.background, one.dimension, 24.0);
+        c.makeGrid();
+        const double found = FSC::findRadius(c.grid.get());
+        EXPECT_NEAR(found / (4.0 * one.sigma), 1.0, 0.3);
+        std::vector<double> memberships;
+        ASSERT_TRUE(c.run(one.radius, &memberships));
+        ASSERT_EQ(c.clusters.size(), centres.size());
+        for (std::size_t i = 0; i < centres.size(); ++i) {
+            double nearest = 100.0;
+            for (const auto* cluster : c.clusters) {
+                double square = 0.0;
+                for (std::size_t k = 0; k < one.dimension; ++k)
+                    square += std::pow(cluster->getCenterOfGrafity(static_cast<int>(k)) - centres[i][k], 2);
+                nearest = std::min(nearest, std::sqrt(square));
+            }
+            EXPECT_LT(nearest, 0.3 * one.sigma) << i;
+            EXPECT_EQ(c.clusters[i]->getClusterID(), static_cast<int>(i) + 1);
+        }
+        // The strongest first, the weakest last.
+        EXPECT_GT(c.clusters.front()->getNumberOfPoints(), c.clusters.back()->getNumberOfPoints());
+
+        ASSERT_EQ(memberships.size(), c.points.size());
+        std::vector<int> counts(centres.size() + 1, 0);
+        for (std::size_t i = 0; i < memberships.size(); ++i) {
+            const auto* point = c.grid->getPoint(static_cast<int>(i));
+            ASSERT_GE(point->getClusterID(), 0);
+            const auto label = static_cast<std::size_t>(point->getClusterID());
+            ++counts[label];
+            ASSERT_GT(memberships[i], 0.0);
+            ASSERT_LE(memberships[i], 1.0);
+            if (label == 0) continue;
+            double square = 0.0;
+            for (int k = 0; k < point->getDimension(); ++k)
+                square += std::pow(point->getData(k) - c.clusters[label - 1]->getCenterOfGrafity(k), 2);
+            if (square < one.sigma * one.sigma) {
+                EXPECT_GT(memberships[i], 0.6);
+            }
+        }
+        EXPECT_EQ(counts[0], static_cast<int>(c.noise.size()));
+        for (std::size_t i = 0; i < centres.size(); ++i)
+            EXPECT_EQ(counts[i + 1], c.clusters[i]->getNumberOfPoints());
+    }
+}
+
+TEST(FSCTest, FindsNothingInAnEvenCloud) {
+    for (const int count : {2, 300, 6000}) {
+        Clustering c;
+        c.addBackground(count, 3, 20.0);
+        c.makeGrid();
+        EXPECT_TRUE(c.run(0.0));
+        EXPECT_TRUE(c.clusters.empty());
+        EXPECT_EQ(c.noise.size(), static_cast<std::size_t>(count));
+    }
+}
+
+TEST(FSCTest, ReportsProgressAndStops) {
+    Clustering c;
+    for (const double x : {-10.0, 0.0, 10.0})
+        c.addBlob({x, 1, 1}, 200, 0.5);
+    c.makeGrid();
+    RecordingProgressObserver whole;
+    ASSERT_TRUE(c.run(0.0, nullptr, &whole));
+    EXPECT_EQ(whole.titles, std::vector<std::string>{"FSC clustering"});
+    EXPECT_EQ(whole.steps(), 100);
+    EXPECT_EQ(whole.updates.back(), 100);
+    EXPECT_TRUE(std::is_sorted(whole.updates.begin(), whole.updates.end()));
+    ASSERT_GE(whole.updates.size(), 4u);
+    const auto before = c.clusters;
+    for (std::size_t at = 1; at < whole.updates.size(); ++at) {
+        RecordingProgressObserver stop(at);
+        RecordingLogObserver log;
+        EXPECT_FALSE(c.run(0.0, nullptr, &stop));
+        EXPECT_EQ(log.count("FSC clustering canceled.", VRK::Warning), 1);
+        EXPECT_EQ(c.clusters, before);
+    }
+    // As a step of the cell finding.
+    Parameter parameter;
+    RecordingProgressObserver stop(1);
+    std::vector<Cluster<Point<double>>*> clusters;
+    std::vector<ClusterPoint<double>*> noise;
+    EXPECT_EQ(CalculateCellAlgorithm().clusteringStep(&parameter, c.grid.get(), &clusters, &noise,
+                                                      ClusteringMethod::FSC, &stop),
+              -1.0);
+}
+
+TEST(FSCTest, RefusesWhatItCannotCluster) {
+    Clustering good, one, line, strange, wide;
+    good.addBlob({0, 0, 0}, 20, 1.0);
+    one.add({1, 2, 3});
+    line.add({1});
+    line.add({2});
+    strange.add({1, 2, 3});
+    strange.add({1, -INFINITY, 3});
+    wide.add({-1e9, 0, 0});
+    wide.add({0, 1e9, -1e9});
+    for (Clustering* c : {&good, &one, &line, &strange, &wide})
+        c->makeGrid();
+    // The limits of a grid do not let points outside in.
+    std::vector<ClusterPoint<double>*> pointers{&wide.points[0], &wide.points[1]};
+    wide.grid = std::make_unique<CubicGrid<ClusterPoint<double>>>(&pointers, 8);
+    const struct {
+        const char* message;
+        Clustering* clustering;
+        double radius;
+    } cases[] = {
+        {"fewer than two points", &one, 0.0},
+        {"two or three coordinates", &line, 0.0},
+        {"no number", &strange, 0.0},
+        {"must be 0 or above", &good, -1.0},
+        {"must be 0 or above", &good, std::nan("")},
+        {"too small for the extent", &wide, 2.0},
+    };
+    for (const auto& bad : cases) {
+        SCOPED_TRACE(bad.message);
+        RecordingLogObserver log;
+        EXPECT_FALSE(bad.clustering->run(bad.radius));
+        EXPECT_EQ(log.count(bad.message, VRK::Error), 1);
+        EXPECT_TRUE(bad.clustering->clusters.empty() && bad.clustering->noise.empty());
+    }
+    RecordingLogObserver log;
+    EXPECT_FALSE(FSC().cluster(nullptr, 0.0, &good.clusters, &good.noise));
+    EXPECT_FALSE(FSC().cluster(good.grid.get(), 0.0, nullptr, &good.noise));
+    EXPECT_EQ(log.count("no grid or no list", VRK::Error), 2);
+    EXPECT_TRUE(wide.run(0.0));
+    EXPECT_EQ(FSC::findRadius(one.grid.get()), 0.0);
+}
+
+}  // namespace
