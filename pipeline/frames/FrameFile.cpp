@@ -1,32 +1,48 @@
 #include "pipeline/frames/FrameFile.h"
 
+#include <algorithm>
 #include <array>
-#include <fstream>
-#include <system_error>
 
 #include "pipeline/base/Failure.h"
-#include "pipeline/frames/MrcStack.h"
-#include "pipeline/frames/SmvFile.h"
-#include "pipeline/frames/TiffFile.h"
+#include "pipeline/frames/FrameFormat.h"
 
 namespace vrk {
+namespace {
+
+FrameSource sourceOf(const std::filesystem::path& path) {
+    std::error_code error;
+    if (std::filesystem::exists(path, error)) return FrameSource(path);
+    const std::string text = path.string();
+    const std::size_t colon = text.rfind(":/");
+    if (colon != std::string::npos && std::filesystem::is_regular_file(text.substr(0, colon), error))
+        return FrameSource(text.substr(0, colon), text.substr(colon + 1));
+    return FrameSource(path);
+}
+
+}  // namespace
 
 std::unique_ptr<FrameFile> FrameFile::open(const std::filesystem::path& path) {
-    std::error_code error;
-    if (!std::filesystem::is_regular_file(path, error))
-        throw Failure("cannot import " + path.string() + ": there is no such file");
-    std::ifstream file(path, std::ios::binary);
-    std::array<char, 512> start{};
-    file.read(start.data(), start.size());
-    if (!file && !file.eof()) throw Failure("cannot import " + path.string() + ": it cannot be read");
-    const std::string head(start.data(), static_cast<std::size_t>(file.gcount()));
-    if (SmvFile::recognises(head)) return std::make_unique<SmvFile>(path);
-    if (TiffFile::recognises(head)) return std::make_unique<TiffFile>(path);
-    return std::make_unique<MrcStack>(path);
+    return open(sourceOf(path));
+}
+
+std::unique_ptr<FrameFile> FrameFile::open(FrameSource source) {
+    const FrameFormat* format = FrameFormat::of(source);
+    if (!format)
+        throw Failure("cannot import " + source.path().string() +
+                      ": it is of none of the kinds that are read (" + FrameFormat::names() + ")");
+    std::unique_ptr<FrameFile> file = format->open(std::move(source));
+    if (file->count() == 1) file->m_source.forget();
+    return file;
+}
+
+Frame FrameFile::read(int frame) const {
+    Frame pixels = readFrame(frame);
+    if (count() == 1) m_source.forget();
+    return pixels;
 }
 
 void FrameFile::refuse(const std::string& reason) const {
-    throw Failure("cannot import " + m_path.string() + ": " + reason);
+    throw Failure("cannot import " + path().string() + ": " + reason);
 }
 
 void FrameFile::checkSize(long long width, long long height) const {
@@ -34,6 +50,20 @@ void FrameFile::checkSize(long long width, long long height) const {
     if (width < 1 || height < 1 || width > largest || height > largest)
         refuse("its header gives frames of " + std::to_string(width) + " x " + std::to_string(height) +
                " pixels; the file is damaged or of another kind");
+}
+
+void FrameFile::setFrames(long long count, long long complete, long long width, long long height) {
+    checkSize(width, height);
+    if (complete < count) {
+        m_damage = "it is truncated: the header announces " + std::to_string(count) + " frames of " +
+                   std::to_string(width) + " x " + std::to_string(height) + " pixels, " +
+                   std::to_string(std::max(0LL, complete)) + " are there";
+        if (complete < 1) refuse(m_damage);
+    }
+    FrameInfo info;
+    info.width = static_cast<int>(width);
+    info.height = static_cast<int>(height);
+    m_infos.assign(static_cast<std::size_t>(std::min(count, complete)), info);
 }
 
 }  // namespace vrk

@@ -8,9 +8,12 @@
 #include <string>
 #include <vector>
 
+#include "pipeline/frames/FrameSource.h"
+
 namespace vrk {
 
-/// One frame's counts, x fastest, rows in the order of the file.
+/// One frame's counts, x fastest, rows in the order of the file. Pixels that the detector or its program
+/// marked as dead are no numbers (NaN).
 struct Frame {
     int width = 0;
     int height = 0;
@@ -37,25 +40,44 @@ public:
     FrameFile(const FrameFile&) = delete;
     FrameFile& operator=(const FrameFile&) = delete;
 
-    /// Recognises SMV, TIFF and MRC files by their content. Headers are checked against the length of the
-    /// file; throws Failure that names the file and what is wrong with it.
+    /// Asks every FrameFormat whether it understands the contents. Headers are checked against the length of
+    /// the file, before memory is taken.
+    /// \param path  a file, or FILE:/PLACE for a data set within a file of such
+    /// Throws Failure that names the file and what is wrong with it.
     static std::unique_ptr<FrameFile> open(const std::filesystem::path& path);
+    static std::unique_ptr<FrameFile> open(FrameSource source);
 
-    const std::filesystem::path& path() const { return m_path; }
+    const std::filesystem::path& path() const { return m_source.path(); }
     int count() const { return static_cast<int>(m_infos.size()); }
     const FrameInfo& info(int frame) const { return m_infos.at(static_cast<std::size_t>(frame)); }
     /// Throws Failure when the frame cannot be read in full.
-    virtual Frame read(int frame) const = 0;
+    Frame read(int frame) const;
+
+    /// Which of the frames that the file announces are not there and why; empty when all are. The others can
+    /// be read.
+    const std::string& damage() const { return m_damage; }
+    /// Files that hold frames of this one: they are no frames for themselves.
+    virtual std::vector<std::filesystem::path> parts() const { return {}; }
 
 protected:
-    explicit FrameFile(std::filesystem::path path) : m_path(std::move(path)) {}
+    explicit FrameFile(FrameSource source) : m_source(std::move(source)) {}
+    virtual Frame readFrame(int frame) const = 0;
+
+    const FrameSource& source() const { return m_source; }
     /// Throws Failure: "cannot import PATH: REASON".
     [[noreturn]] void refuse(const std::string& reason) const;
     /// Refuses sizes that no camera has (1 to 16384 pixels).
     void checkSize(long long width, long long height) const;
+    /// Checks the size and makes infos of it.
+    /// \param complete  frames that the file is long enough for; when there are fewer than \p count, but
+    ///                  some, the rest is damage
+    void setFrames(long long count, long long complete, long long width, long long height);
 
-    std::filesystem::path m_path;
-    std::vector<FrameInfo> m_infos;  ///< one per frame
+    std::vector<FrameInfo> m_infos;  ///< one per frame that is there
+    std::string m_damage;
+
+private:
+    FrameSource m_source;
 };
 
 }  // namespace vrk

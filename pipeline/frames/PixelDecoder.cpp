@@ -3,11 +3,65 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 
 namespace vrk {
 namespace {
+
+constexpr bool kHostIsBig = std::endian::native == std::endian::big;
+
+/// The bits of a number of two bytes.
+struct Half {
+    std::uint16_t bits;
+
+    explicit operator float() const {
+        const int exponent = (bits >> 10) & 31;
+        const int mantissa = bits & 1023;
+        float value = 0;
+        if (exponent == 31)
+            value = mantissa == 0 ? std::numeric_limits<float>::infinity()
+                                  : std::numeric_limits<float>::quiet_NaN();
+        else if (exponent == 0)
+            value = std::ldexp(static_cast<float>(mantissa), -24);
+        else
+            value = std::ldexp(static_cast<float>(mantissa + 1024), exponent - 25);
+        return (bits & 0x8000) != 0 ? -value : value;
+    }
+    explicit operator double() const { return static_cast<double>(static_cast<float>(*this)); }
+};
+
+/// Calls the function with a value of the type that the file has.
+template <class Function>
+auto withType(PixelType type, Function function) {
+    switch (type) {
+        case PixelType::Int8:
+            return function(std::int8_t{});
+        case PixelType::UInt8:
+            return function(std::uint8_t{});
+        case PixelType::Int16:
+            return function(std::int16_t{});
+        case PixelType::UInt16:
+            return function(std::uint16_t{});
+        case PixelType::Int32:
+            return function(std::int32_t{});
+        case PixelType::UInt32:
+            return function(std::uint32_t{});
+        case PixelType::Int64:
+            return function(std::int64_t{});
+        case PixelType::UInt64:
+            return function(std::uint64_t{});
+        case PixelType::Float16:
+            return function(Half{});
+        case PixelType::Float64:
+            return function(double{});
+        case PixelType::Float32:
+            break;
+    }
+    return function(float{});
+}
 
 template <class Number>
 Number numberAt(const char* bytes, bool swap) {
@@ -17,81 +71,28 @@ Number numberAt(const char* bytes, bool swap) {
     return std::bit_cast<Number>(raw);
 }
 
-template <class Number>
-void decodeAll(std::span<const char> bytes, bool swap, std::vector<float>& pixels) {
-    for (std::size_t i = 0; i < pixels.size(); ++i)
-        pixels[i] = static_cast<float>(numberAt<Number>(bytes.data() + i * sizeof(Number), swap));
-}
-
-constexpr bool kHostIsBig = std::endian::native == std::endian::big;
-
 }  // namespace
 
 std::size_t bytesOf(PixelType type) {
-    switch (type) {
-        case PixelType::Int8:
-        case PixelType::UInt8:
-            return 1;
-        case PixelType::Int16:
-        case PixelType::UInt16:
-            return 2;
-        default:
-            return 4;
-    }
+    return withType(type, [](auto number) { return sizeof number; });
 }
 
 std::vector<float> decodePixels(std::span<const char> bytes, PixelType type, bool bigEndian) {
     const bool swap = bigEndian != kHostIsBig;
-    std::vector<float> pixels(bytes.size() / bytesOf(type));
-    switch (type) {
-        case PixelType::Int8:
-            decodeAll<std::int8_t>(bytes, swap, pixels);
-            break;
-        case PixelType::UInt8:
-            decodeAll<std::uint8_t>(bytes, swap, pixels);
-            break;
-        case PixelType::Int16:
-            decodeAll<std::int16_t>(bytes, swap, pixels);
-            break;
-        case PixelType::UInt16:
-            decodeAll<std::uint16_t>(bytes, swap, pixels);
-            break;
-        case PixelType::Int32:
-            decodeAll<std::int32_t>(bytes, swap, pixels);
-            break;
-        case PixelType::UInt32:
-            decodeAll<std::uint32_t>(bytes, swap, pixels);
-            break;
-        case PixelType::Float32:
-            decodeAll<float>(bytes, swap, pixels);
-            break;
-    }
-    return pixels;
+    return withType(type, [&](auto number) {
+        using Number = decltype(number);
+        std::vector<float> pixels(bytes.size() / sizeof(Number));
+        for (std::size_t i = 0; i < pixels.size(); ++i)
+            pixels[i] = static_cast<float>(numberAt<Number>(bytes.data() + i * sizeof(Number), swap));
+        return pixels;
+    });
 }
 
 double decodeNumber(std::span<const char> bytes, std::size_t position, PixelType type, bool bigEndian) {
-    const bool swap = bigEndian != kHostIsBig;
-    const char* at = bytes.data() + position;
-    switch (type) {
-        case PixelType::Int8:
-            return numberAt<std::int8_t>(at, swap);
-        case PixelType::UInt8:
-            return numberAt<std::uint8_t>(at, swap);
-        case PixelType::Int16:
-            return numberAt<std::int16_t>(at, swap);
-        case PixelType::UInt16:
-            return numberAt<std::uint16_t>(at, swap);
-        case PixelType::Int32:
-            return numberAt<std::int32_t>(at, swap);
-        case PixelType::UInt32:
-            return numberAt<std::uint32_t>(at, swap);
-        default:
-            return numberAt<float>(at, swap);
-    }
-}
-
-double decodeDouble(std::span<const char> bytes, std::size_t position, bool bigEndian) {
-    return numberAt<double>(bytes.data() + position, bigEndian != kHostIsBig);
+    return withType(type, [&](auto number) {
+        return static_cast<double>(
+            numberAt<decltype(number)>(bytes.data() + position, bigEndian != kHostIsBig));
+    });
 }
 
 }  // namespace vrk

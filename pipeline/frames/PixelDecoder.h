@@ -4,12 +4,23 @@
 
 #include <cstddef>
 #include <span>
-#include <string>
 #include <vector>
 
 namespace vrk {
 
-enum class PixelType { Int8, UInt8, Int16, UInt16, Int32, UInt32, Float32 };
+enum class PixelType {
+    Int8,
+    UInt8,
+    Int16,
+    UInt16,
+    Int32,
+    UInt32,
+    Int64,
+    UInt64,
+    Float16,  ///< IEEE 754 binary16
+    Float32,
+    Float64
+};
 
 std::size_t bytesOf(PixelType type);
 
@@ -18,6 +29,5 @@ std::vector<float> decodePixels(std::span<const char> bytes, PixelType type, boo
 
 /// One number at a byte position; the position must lie inside.
 double decodeNumber(std::span<const char> bytes, std::size_t position, PixelType type, bool bigEndian);
-double decodeDouble(std::span<const char> bytes, std::size_t position, bool bigEndian);
 
 }  // namespace vrk

@@ -103,6 +103,7 @@ void Importer::openFiles() {
             continue;
         }
         const std::shared_ptr<FrameFile> file = FrameFile::open(path);
+        if (!file->damage().empty()) throw Failure("cannot import " + path.string() + ": " + file->damage());
         for (int i = 0; i < file->count(); ++i)
             m_frames.push_back({file, i, file->info(i)});
         if (m_progress && m_progress->canceled()) {

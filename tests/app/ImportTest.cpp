@@ -388,7 +388,7 @@ TEST(Import, DamagedInputIsRefusedWithAReason) {
         std::string reason;
     };
     const std::vector<Case> cases = {
-        {"empty.img", "", "", "neither"},
+        {"empty.img", "", "", "none of the kinds"},
         {"truncated.img", good.substr(0, good.size() - 1), "", "truncated"},
         {"header.img", good.substr(0, 40), "", "does not end"},
         {"keys.img", "{\nHEADER_BYTES=512;\n}", "", "SIZE1"},
@@ -397,7 +397,7 @@ TEST(Import, DamagedInputIsRefusedWithAReason) {
         {"words.img", "{\nHEADER_BYTES=many;\nSIZE1=5;\nSIZE2=4;\n}", "", "not a number"},
         {"type.img", smvHeader("TYPE=complex;\n"), "", "TYPE"},
         {"garbage.tif", std::string("II*\0", 4) + std::string(500, 'x'), "-1:1", "TIFF"},
-        {"text.mrc", std::string(4000, 'x'), "", "neither"},
+        {"text.mrc", std::string(4000, 'x'), "", "none of the kinds"},
         {"short.mrc", stack.substr(0, stack.size() - 1), "-1:1", "2 are there"},
         {"mode.mrc", garbled(stack, 12, 4), "-1:1", "mode 4"},
         {"size.mrc", garbled(stack, 0, 1 << 30), "-1:1", "pixels"},

@@ -1,11 +1,14 @@
-#include "pipeline/frames/SmvFile.h"
-
+/// \file
+/// SMV frames (.img).
+#include <algorithm>
 #include <cmath>
-#include <fstream>
+#include <map>
 #include <sstream>
 
 #include "indexing/EwaldCurvature.h"
 #include "pipeline/base/NumberList.h"
+#include "pipeline/frames/FrameFormat.h"
+#include "pipeline/frames/PixelDecoder.h"
 
 namespace vrk {
 namespace {
@@ -17,13 +20,40 @@ std::string trimmed(const std::string& text) {
     return text.substr(first, text.find_last_not_of(blanks) - first + 1);
 }
 
-}  // namespace
+/// A text header between braces, HEADER_BYTES long, of lines KEY=VALUE; and the pixels of one frame.
+///
+/// The tilt is the middle of the rotation, OSC_START + OSC_RANGE / 2, or PHI where there is no OSC_START. The
+/// pixel size is PIXEL_SIZE / (DISTANCE WAVELENGTH), millimetres and Angstrom. SIZE1 is the width. TYPE may
+/// be unsigned_char, unsigned_short, short, unsigned_long, long or float; BYTE_ORDER is little_endian unless
+/// stated. BEAM_CENTER_X and _Y are not used: the centre of every pattern is found in the frames themselves.
+class SmvFile : public FrameFile {
+public:
+    explicit SmvFile(FrameSource source);
 
-bool SmvFile::recognises(const std::string& firstBytes) {
-    return firstBytes.starts_with("{") && firstBytes.find("HEADER_BYTES") != std::string::npos;
+private:
+    using Keys = std::map<std::string, std::string>;
+    Frame readFrame(int frame) const override;
+    Keys readHeader();
+    void readLayout(const Keys& keys);
+    void readGeometry(const Keys& keys);
+    std::optional<double> number(const Keys& keys, const std::string& key) const;
+    long long requiredInteger(const Keys& keys, const std::string& key) const;
+
+    long long m_headerBytes = 0;
+    long long m_length = 0;  ///< of the file
+    PixelType m_type = PixelType::UInt16;
+    bool m_bigEndian = false;
+};
+
+FrameFormat::Match recognise(const FileStart& start) {
+    return start.bytes.starts_with("{") && start.bytes.find("HEADER_BYTES") != std::string_view::npos
+               ? FrameFormat::Match::Yes
+               : FrameFormat::Match::No;
 }
 
-SmvFile::SmvFile(const std::filesystem::path& path) : FrameFile(path) {
+const FrameFormat::Registration kSmv({"SMV", recognise, FrameFormat::openAs<SmvFile>});
+
+SmvFile::SmvFile(FrameSource source) : FrameFile(std::move(source)) {
     m_infos.resize(1);
     const Keys keys = readHeader();
     readLayout(keys);
@@ -31,11 +61,11 @@ SmvFile::SmvFile(const std::filesystem::path& path) : FrameFile(path) {
 }
 
 SmvFile::Keys SmvFile::readHeader() {
-    constexpr std::size_t longest = 1 << 16;
-    std::ifstream file(m_path, std::ios::binary);
-    std::string text(longest, '\0');
-    file.read(text.data(), static_cast<std::streamsize>(text.size()));
-    text.resize(static_cast<std::size_t>(file.gcount()));
+    constexpr std::uint64_t longest = 1 << 16;
+    const std::unique_ptr<FrameBytes> bytes = source().open();
+    m_length = static_cast<long long>(bytes->size());
+    std::string text(std::min(longest, bytes->size()), '\0');
+    if (!bytes->read(0, text)) refuse("it cannot be read");
     const std::size_t end = text.find('}');
     if (end == std::string::npos) refuse("its header does not end; the file is damaged");
 
@@ -90,12 +120,11 @@ void SmvFile::readLayout(const Keys& keys) {
     m_bigEndian = order == "big_endian";
 
     const long long needed = width * height * static_cast<long long>(bytesOf(m_type));
-    const auto length = static_cast<long long>(std::filesystem::file_size(m_path));
-    if (m_headerBytes < 1 || m_headerBytes > length) refuse("HEADER_BYTES does not fit the file");
-    if (length - m_headerBytes < needed)
+    if (m_headerBytes < 1 || m_headerBytes > m_length) refuse("HEADER_BYTES does not fit the file");
+    if (m_length - m_headerBytes < needed)
         refuse("it is truncated: " + std::to_string(width) + " x " + std::to_string(height) +
                " pixels need " + std::to_string(needed) + " bytes after the header, " +
-               std::to_string(length - m_headerBytes) + " are there");
+               std::to_string(m_length - m_headerBytes) + " are there");
     m_infos[0].width = static_cast<int>(width);
     m_infos[0].height = static_cast<int>(height);
 }
@@ -116,15 +145,14 @@ void SmvFile::readGeometry(const Keys& keys) {
     if (wavelength > 0) info.kilovolts = EwaldCurvature::kiloVolts(wavelength);
 }
 
-Frame SmvFile::read(int) const {
+Frame SmvFile::readFrame(int) const {
     const FrameInfo& info = m_infos[0];
     std::vector<char> bytes(static_cast<std::size_t>(info.width) * static_cast<std::size_t>(info.height) *
                             bytesOf(m_type));
-    std::ifstream file(m_path, std::ios::binary);
-    file.seekg(m_headerBytes);
-    file.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    if (!file) refuse("it ends before its pixels do");
+    if (!source().open()->read(static_cast<std::uint64_t>(m_headerBytes), bytes))
+        refuse("it ends before its pixels do");
     return {info.width, info.height, decodePixels(bytes, m_type, m_bigEndian)};
 }
 
+}  // namespace
 }  // namespace vrk

@@ -1,0 +1,58 @@
+#include "pipeline/frames/FrameFormat.h"
+
+#include <algorithm>
+#include <cctype>
+#include <vector>
+
+namespace vrk {
+namespace {
+
+/// Readers register while the library is loaded, in any order.
+std::vector<FrameFormat>& formats() {
+    static std::vector<FrameFormat> all;
+    return all;
+}
+
+std::string lowerExtension(std::filesystem::path path) {
+    const auto lower = [](std::string text) {
+        std::transform(text.begin(), text.end(), text.begin(),
+                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+        return text;
+    };
+    std::string extension = lower(path.extension().string());
+    if (extension == ".gz" || extension == ".bz2") extension = lower(path.stem().extension().string());
+    return extension;
+}
+
+}  // namespace
+
+FrameFormat::Registration::Registration(FrameFormat format) {
+    std::vector<FrameFormat>& all = formats();
+    const auto before = [](const FrameFormat& a, const FrameFormat& b) { return a.name < b.name; };
+    all.insert(std::upper_bound(all.begin(), all.end(), format, before), std::move(format));
+}
+
+const FrameFormat* FrameFormat::of(const FrameSource& source) {
+    constexpr std::uint64_t most = 4096;
+    const std::unique_ptr<FrameBytes> bytes = source.open();
+    std::string head(std::min(most, bytes->size()), '\0');
+    if (!bytes->read(0, head)) head.clear();
+    const FileStart start{head, lowerExtension(source.path()), bytes->size()};
+    const FrameFormat* best = nullptr;
+    Match surest = Match::No;
+    for (const FrameFormat& format : formats())
+        if (const Match match = format.recognise(start); match > surest) {
+            surest = match;
+            best = &format;
+        }
+    return best;
+}
+
+std::string FrameFormat::names() {
+    std::string names;
+    for (const FrameFormat& format : formats())
+        names += (names.empty() ? "" : ", ") + format.name;
+    return names;
+}
+
+}  // namespace vrk

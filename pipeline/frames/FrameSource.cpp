@@ -1,0 +1,119 @@
+#include "pipeline/frames/FrameSource.h"
+
+#include <algorithm>
+#include <array>
+#include <fstream>
+#include <system_error>
+
+#include "pipeline/base/Failure.h"
+#include "pipeline/frames/detail/Unpacking.h"
+
+namespace vrk {
+namespace {
+
+class FileBytes : public FrameBytes {
+public:
+    explicit FileBytes(const std::filesystem::path& path) : m_file(path, std::ios::binary) {
+        std::error_code error;
+        m_size = std::filesystem::file_size(path, error);
+        m_good = m_file && !error;
+    }
+
+    bool good() const { return m_good; }
+    std::uint64_t size() const override { return m_size; }
+    bool read(std::uint64_t position, std::span<char> target) override {
+        if (position > m_size || target.size() > m_size - position) return false;
+        m_file.clear();
+        m_file.seekg(static_cast<std::streamoff>(position));
+        m_file.read(target.data(), static_cast<std::streamsize>(target.size()));
+        return static_cast<bool>(m_file);
+    }
+
+private:
+    std::ifstream m_file;
+    std::uint64_t m_size = 0;
+    bool m_good = false;
+};
+
+class MemoryBytes : public FrameBytes {
+public:
+    explicit MemoryBytes(std::shared_ptr<const std::string> bytes) : m_bytes(std::move(bytes)) {}
+
+    std::uint64_t size() const override { return m_bytes->size(); }
+    bool read(std::uint64_t position, std::span<char> target) override {
+        if (position > size() || target.size() > size() - position) return false;
+        std::copy_n(m_bytes->data() + position, target.size(), target.data());
+        return true;
+    }
+
+private:
+    std::shared_ptr<const std::string> m_bytes;
+};
+
+constexpr std::uint64_t kMostUnpacked = std::uint64_t{1} << 31;
+
+}  // namespace
+
+FrameSource::FrameSource(std::filesystem::path path, std::string inside)
+    : m_path(std::move(path)), m_inside(std::move(inside)) {}
+
+FrameSource::FrameSource(std::filesystem::path name, std::shared_ptr<const std::string> bytes)
+    : m_path(std::move(name)), m_bytes(std::move(bytes)) {}
+
+void FrameSource::refuse(const std::string& reason) const {
+    throw Failure("cannot import " + m_path.string() + ": " + reason);
+}
+
+FrameSource::Packing FrameSource::packing() const {
+    std::string start;
+    if (m_bytes) {
+        start = m_bytes->substr(0, 3);
+    } else {
+        std::array<char, 3> bytes{};
+        std::ifstream file(m_path, std::ios::binary);
+        file.read(bytes.data(), bytes.size());
+        start.assign(bytes.data(), static_cast<std::size_t>(file.gcount()));
+    }
+    if (start.starts_with("\x1f\x8b")) return Packing::Gzip;
+    if (start.starts_with("BZh")) return Packing::Bzip2;
+    return Packing::None;
+}
+
+bool FrameSource::isPlainFile() const {
+    return !m_bytes && packing() == Packing::None;
+}
+
+std::unique_ptr<FrameBytes> FrameSource::open() const {
+    if (m_unpacked) return std::make_unique<MemoryBytes>(m_unpacked);
+    std::error_code error;
+    if (!m_bytes && !std::filesystem::is_regular_file(m_path, error)) refuse("there is no such file");
+    const Packing packed = packing();
+    if (packed == Packing::None && m_bytes) return std::make_unique<MemoryBytes>(m_bytes);
+
+    if (packed == Packing::None) {
+        auto file = std::make_unique<FileBytes>(m_path);
+        if (!file->good()) refuse("it cannot be read; check its permissions");
+        return file;
+    }
+    const detail::ChunkReader next = [&]() -> detail::ChunkReader {
+        if (m_bytes) return detail::chunksOf(*m_bytes);
+        return detail::chunksOf(std::make_shared<std::ifstream>(m_path, std::ios::binary));
+    }();
+    std::string error_text;
+    auto unpacked = std::make_shared<std::string>();
+    const bool good = packed == Packing::Gzip ? detail::gunzip(next, kMostUnpacked, *unpacked, error_text)
+                                              : detail::bunzip2(next, kMostUnpacked, *unpacked, error_text);
+    if (!good) refuse(error_text);
+    m_unpacked = unpacked;
+    return std::make_unique<MemoryBytes>(m_unpacked);
+}
+
+std::string FrameSource::everything(std::uint64_t most) const {
+    const std::unique_ptr<FrameBytes> bytes = open();
+    if (bytes->size() > most) refuse("it is too long for a file of its kind");
+    std::string all(bytes->size(), '\0');
+    if (!bytes->read(0, all)) refuse("it cannot be read in full");
+    return all;
+}
+
+}  // namespace vrk

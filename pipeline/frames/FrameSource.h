@@ -1,0 +1,56 @@
+/// \file
+/// Where the bytes of frame files come from: a file, memory, or either of them packed.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <span>
+#include <string>
+
+namespace vrk {
+
+/// Bytes that are open for reading at any position.
+class FrameBytes {
+public:
+    virtual ~FrameBytes() = default;
+
+    virtual std::uint64_t size() const = 0;
+    /// Fills \p target with the bytes from \p position on. False when they are not all there.
+    virtual bool read(std::uint64_t position, std::span<char> target) = 0;
+};
+
+/// A file or a piece of memory that is read as if it were one. What gzip or bzip2 packed appears unpacked.
+class FrameSource {
+public:
+    /// A file on disk, which is not opened yet.
+    /// \param inside  a place within the file, for kinds that have such; empty: the whole
+    explicit FrameSource(std::filesystem::path path, std::string inside = "");
+    /// Bytes in memory. The name serves messages and files that are named relative to this one.
+    FrameSource(std::filesystem::path name, std::shared_ptr<const std::string> bytes);
+
+    const std::filesystem::path& path() const { return m_path; }
+    const std::string& inside() const { return m_inside; }
+    /// Whether another program that is given the path reads the same bytes.
+    bool isPlainFile() const;
+
+    /// Throws Failure when the file cannot be read, or unpacks to more than 2 GiB.
+    std::unique_ptr<FrameBytes> open() const;
+    /// All bytes. Throws Failure for sources of more than \p most bytes.
+    std::string everything(std::uint64_t most) const;
+
+    /// Unpacked bytes stay in memory until they are forgotten.
+    void forget() const { m_unpacked.reset(); }
+
+private:
+    enum class Packing { None, Gzip, Bzip2 };
+    Packing packing() const;
+    [[noreturn]] void refuse(const std::string& reason) const;
+
+    std::filesystem::path m_path;
+    std::string m_inside;
+    std::shared_ptr<const std::string> m_bytes;             ///< null for files
+    mutable std::shared_ptr<const std::string> m_unpacked;  ///< null when not packed or not opened yet
+};
+
+}  // namespace vrk

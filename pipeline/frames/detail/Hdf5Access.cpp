@@ -1,0 +1,253 @@
+#include "pipeline/frames/detail/Hdf5Access.h"
+
+#include <algorithm>
+#include <array>
+#include <functional>
+
+namespace vrk::detail {
+namespace {
+
+constexpr hsize_t kMostTextBytes = 1 << 20;
+
+bool isNumber(hid_t type) {
+    const H5T_class_t kind = H5Tget_class(type);
+    return kind == H5T_INTEGER || kind == H5T_FLOAT;
+}
+
+/// A text of fixed or variable length from a data set or an attribute.
+std::string readText(hid_t type, hid_t space, const std::function<bool(hid_t, void*)>& read) {
+    if (H5Tget_class(type) != H5T_STRING || H5Sget_simple_extent_npoints(space) != 1) return "";
+    const Hdf5Id memory(H5Tcopy(H5T_C_S1));
+    H5Tset_cset(memory.get(), H5Tget_cset(type));
+    if (H5Tis_variable_str(type) > 0) {
+        H5Tset_size(memory.get(), H5T_VARIABLE);
+        char* text = nullptr;
+        if (!read(memory.get(), &text) || !text) return "";
+        std::string result(text);
+        H5free_memory(text);
+        return result;
+    }
+    const std::size_t size = H5Tget_size(type);
+    if (size == 0 || size > kMostTextBytes) return "";
+    H5Tset_size(memory.get(), size);
+    std::string result(size, '\0');
+    if (!read(memory.get(), result.data())) return "";
+    result.erase(std::min(result.find('\0'), result.size()));
+    result.erase(result.find_last_not_of(' ') + 1);
+    return result;
+}
+
+std::vector<double> readNumbers(hid_t type, hid_t space, std::size_t most,
+                                const std::function<bool(void*)>& read) {
+    const hssize_t count = H5Sget_simple_extent_npoints(space);
+    if (!isNumber(type) || count < 1 || static_cast<std::size_t>(count) > most) return {};
+    std::vector<double> numbers(static_cast<std::size_t>(count));
+    if (!read(numbers.data())) return {};
+    return numbers;
+}
+
+}  // namespace
+
+Hdf5Id openHdf5(const FrameSource& source) {
+    const Hdf5Id access(H5Pcreate(H5P_FILE_ACCESS));
+    H5Pset_file_locking(access.get(), false, true);
+    if (source.isPlainFile()) return Hdf5Id(H5Fopen(source.path().c_str(), H5F_ACC_RDONLY, access.get()));
+    std::string bytes = source.everything(std::uint64_t{1} << 31);
+    H5Pset_fapl_core(access.get(), 1 << 20, false);
+    // The library keeps a copy of its own.
+    H5Pset_file_image(access.get(), bytes.data(), bytes.size());
+    // The name tells where linked files are looked for; there must not be a file of that name.
+    std::string name = source.path().string();
+    do
+        name += ".memory";
+    while (std::filesystem::exists(name));
+    return Hdf5Id(H5Fopen(name.c_str(), H5F_ACC_RDONLY, access.get()));
+}
+
+Hdf5Id objectAt(hid_t place, const std::string& path) {
+    // Files that links lead to lie on disk, also when this one was unpacked in memory.
+    const Hdf5Id linked(H5Pcreate(H5P_LINK_ACCESS));
+    const Hdf5Id access(H5Pcreate(H5P_FILE_ACCESS));
+    H5Pset_file_locking(access.get(), false, true);
+    H5Pset_elink_fapl(linked.get(), access.get());
+    return Hdf5Id(H5Oopen(place, path.c_str(), linked.get()));
+}
+
+bool isDataset(const Hdf5Id& object) {
+    return object && H5Iget_type(object.get()) == H5I_DATASET;
+}
+
+std::vector<long long> shapeOf(const Hdf5Id& dataset) {
+    if (!isDataset(dataset)) return {};
+    const Hdf5Id type(H5Dget_type(dataset.get()));
+    const Hdf5Id space(H5Dget_space(dataset.get()));
+    const int rank = H5Sget_simple_extent_ndims(space.get());
+    if (!isNumber(type.get()) || rank < 1 || rank > H5S_MAX_RANK) return {};
+    std::array<hsize_t, H5S_MAX_RANK> sizes{};
+    H5Sget_simple_extent_dims(space.get(), sizes.data(), nullptr);
+    return {sizes.begin(), sizes.begin() + rank};
+}
+
+std::vector<double> numbersAt(hid_t place, const std::string& path, std::size_t most) {
+    const Hdf5Id dataset = objectAt(place, path);
+    if (!isDataset(dataset)) return {};
+    const Hdf5Id type(H5Dget_type(dataset.get()));
+    const Hdf5Id space(H5Dget_space(dataset.get()));
+    return readNumbers(type.get(), space.get(), most, [&](void* target) {
+        return H5Dread(dataset.get(), H5T_NATIVE_DOUBLE, H5S_ALL, H5S_ALL, H5P_DEFAULT, target) >= 0;
+    });
+}
+
+std::vector<double> attributeNumbers(hid_t object, const std::string& name) {
+    const Hdf5Id attribute(H5Aopen(object, name.c_str(), H5P_DEFAULT));
+    if (!attribute) return {};
+    const Hdf5Id type(H5Aget_type(attribute.get()));
+    const Hdf5Id space(H5Aget_space(attribute.get()));
+    return readNumbers(type.get(), space.get(), 100, [&](void* target) {
+        return H5Aread(attribute.get(), H5T_NATIVE_DOUBLE, target) >= 0;
+    });
+}
+
+std::optional<double> numberAt(hid_t place, const std::string& path) {
+    const std::vector<double> numbers = numbersAt(place, path);
+    return numbers.empty() ? std::nullopt : std::optional(numbers.front());
+}
+
+std::string textAt(hid_t place, const std::string& path) {
+    const Hdf5Id dataset = objectAt(place, path);
+    if (!isDataset(dataset)) return "";
+    const Hdf5Id type(H5Dget_type(dataset.get()));
+    const Hdf5Id space(H5Dget_space(dataset.get()));
+    return readText(type.get(), space.get(), [&](hid_t memory, void* target) {
+        return H5Dread(dataset.get(), memory, H5S_ALL, H5S_ALL, H5P_DEFAULT, target) >= 0;
+    });
+}
+
+std::string attributeText(hid_t object, const std::string& name) {
+    const Hdf5Id attribute(H5Aopen(object, name.c_str(), H5P_DEFAULT));
+    if (!attribute) return "";
+    const Hdf5Id type(H5Aget_type(attribute.get()));
+    const Hdf5Id space(H5Aget_space(attribute.get()));
+    return readText(type.get(), space.get(), [&](hid_t memory, void* target) {
+        return H5Aread(attribute.get(), memory, target) >= 0;
+    });
+}
+
+std::vector<std::string> namesIn(hid_t group) {
+    std::vector<std::string> names;
+    const auto add = [](hid_t, const char* name, const H5L_info_t*, void* list) -> herr_t {
+        constexpr std::size_t most = 10000;
+        auto& all = *static_cast<std::vector<std::string>*>(list);
+        all.emplace_back(name);
+        return all.size() < most ? 0 : 1;
+    };
+    hsize_t position = 0;
+    H5Literate(group, H5_INDEX_NAME, H5_ITER_INC, &position, add, &names);
+    return names;
+}
+
+std::pair<std::string, std::string> externalTarget(hid_t group, const std::string& name) {
+    H5L_info_t info{};
+    if (H5Lget_info(group, name.c_str(), &info, H5P_DEFAULT) < 0 || info.type != H5L_TYPE_EXTERNAL ||
+        info.u.val_size > kMostTextBytes)
+        return {};
+    std::vector<char> value(info.u.val_size);
+    const char* file = nullptr;
+    const char* object = nullptr;
+    if (H5Lget_val(group, name.c_str(), value.data(), value.size(), H5P_DEFAULT) < 0 ||
+        H5Lunpack_elink_val(value.data(), value.size(), nullptr, &file, &object) < 0)
+        return {};
+    return {file, object};
+}
+
+std::vector<std::pair<std::string, std::string>> gatheredArrays(const Hdf5Id& dataset) {
+    const Hdf5Id created(H5Dget_create_plist(dataset.get()));
+    std::size_t count = 0;
+    if (H5Pget_layout(created.get()) != H5D_VIRTUAL || H5Pget_virtual_count(created.get(), &count) < 0)
+        return {};
+    const auto nameFrom = [&](auto function, std::size_t i) {
+        const ssize_t length = function(created.get(), i, nullptr, 0);
+        if (length < 1 || length > static_cast<ssize_t>(kMostTextBytes)) return std::string();
+        std::string name(static_cast<std::size_t>(length) + 1, '\0');
+        function(created.get(), i, name.data(), name.size());
+        name.pop_back();
+        return name;
+    };
+    std::vector<std::pair<std::string, std::string>> arrays;
+    for (std::size_t i = 0; i < std::min<std::size_t>(count, 10000); ++i) {
+        std::pair<std::string, std::string> from{nameFrom(H5Pget_virtual_filename, i),
+                                                 nameFrom(H5Pget_virtual_dsetname, i)};
+        if (arrays.empty() || arrays.back() != from) arrays.push_back(std::move(from));
+    }
+    return arrays;
+}
+
+bool readSlice(const Hdf5Id& dataset, int axis, long long slice, std::vector<float>& pixels) {
+    const std::vector<long long> shape = shapeOf(dataset);
+    if (shape.size() != 2 && shape.size() != 3) return false;
+    std::array<hsize_t, 3> start{};
+    std::array<hsize_t, 3> count{};
+    std::copy(shape.begin(), shape.end(), count.begin());
+    if (shape.size() == 3) {
+        start[static_cast<std::size_t>(axis)] = static_cast<hsize_t>(slice);
+        count[static_cast<std::size_t>(axis)] = 1;
+    }
+    const Hdf5Id space(H5Dget_space(dataset.get()));
+    H5Sselect_hyperslab(space.get(), H5S_SELECT_SET, start.data(), nullptr, count.data(), nullptr);
+    const hsize_t total = pixels.size();
+    const Hdf5Id memory(H5Screate_simple(1, &total, nullptr));
+    if (H5Sget_select_npoints(space.get()) != static_cast<hssize_t>(total)) return false;
+    return H5Dread(dataset.get(), H5T_NATIVE_FLOAT, memory.get(), space.get(), H5P_DEFAULT, pixels.data()) >=
+           0;
+}
+
+std::string readColumn(const Hdf5Id& dataset, long long column) {
+    const std::vector<long long> shape = shapeOf(dataset);
+    if (shape.size() != 2 || column >= shape[1] || shape[0] > static_cast<long long>(kMostTextBytes))
+        return "";
+    const std::array<hsize_t, 2> start = {0, static_cast<hsize_t>(column)};
+    const std::array<hsize_t, 2> count = {static_cast<hsize_t>(shape[0]), 1};
+    const Hdf5Id space(H5Dget_space(dataset.get()));
+    H5Sselect_hyperslab(space.get(), H5S_SELECT_SET, start.data(), nullptr, count.data(), nullptr);
+    const Hdf5Id memory(H5Screate_simple(1, count.data(), nullptr));
+    std::string text(static_cast<std::size_t>(shape[0]), '\0');
+    if (H5Dread(dataset.get(), H5T_NATIVE_CHAR, memory.get(), space.get(), H5P_DEFAULT, text.data()) < 0)
+        return "";
+    return text.substr(0, text.find('\0'));
+}
+
+std::string obstacleIn(const Hdf5Id& dataset) {
+    const Hdf5Id created(H5Dget_create_plist(dataset.get()));
+    const Hdf5Id type(H5Dget_type(dataset.get()));
+    if (H5Pget_layout(created.get()) == H5D_CHUNKED) {
+        constexpr double most = 2e9;
+        std::array<hsize_t, H5S_MAX_RANK> sizes{};
+        const int rank = H5Pget_chunk(created.get(), H5S_MAX_RANK, sizes.data());
+        auto bytes = static_cast<double>(H5Tget_size(type.get()));
+        for (int i = 0; i < rank; ++i)
+            bytes *= static_cast<double>(sizes[static_cast<std::size_t>(i)]);
+        if (bytes > most) return "its pixels lie in pieces of more than 2 GB; the file is damaged";
+    }
+    for (unsigned i = 0; i < static_cast<unsigned>(std::max(0, H5Pget_nfilters(created.get()))); ++i) {
+        unsigned flags = 0;
+        std::size_t values = 0;
+        std::array<char, 80> name{};
+        const H5Z_filter_t filter =
+            H5Pget_filter2(created.get(), i, &flags, &values, nullptr, name.size(), name.data(), nullptr);
+        if (filter < 0 || H5Zfilter_avail(filter) > 0) continue;
+        const std::string stated(name.data());
+        const std::string title = filter == 32008   ? "bitshuffle"
+                                  : filter == 32004 ? "LZ4"
+                                  : filter == 32001 ? "Blosc"
+                                  : filter == 307   ? "bzip2"
+                                  : filter == 32015 ? "Zstandard"
+                                                    : stated;
+        return "its pixels are packed by the HDF5 filter " + std::to_string(filter) +
+               (title.empty() ? "" : " (" + title + ")") +
+               ", for which no plugin is installed; install one (on Debian the packages bitshuffle and "
+               "hdf5-filter-plugin hold some) or set HDF5_PLUGIN_PATH to its folder";
+    }
+    return "";
+}
+
+}  // namespace vrk::detail

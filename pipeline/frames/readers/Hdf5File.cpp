@@ -1,0 +1,175 @@
+/// \file
+/// Frames in HDF5 files: NeXus masters, EMD, plain arrays.
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "pipeline/frames/FrameFormat.h"
+#include "pipeline/frames/detail/Hdf5Contents.h"
+#include "pipeline/frames/detail/SeparateProcess.h"
+
+namespace vrk {
+namespace {
+
+using detail::Hdf5Contents;
+using detail::Hdf5Id;
+
+/// What the process that reads the file does. The library trusts the files it reads; damaged ones crash it.
+class Hdf5Server {
+public:
+    explicit Hdf5Server(const FrameSource& source) : m_source(source) {
+        H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
+    }
+
+    /// "contents", or "frame STACK AXIS SLICE SIZE" once that was asked.
+    std::string answer(const std::string& request) {
+        if (!m_file) m_file = detail::openHdf5(m_source);
+        if (request == "contents") return describe();
+        std::istringstream words(request);
+        std::string word;
+        std::size_t stack = 0;
+        int axis = 0;
+        long long slice = 0;
+        std::size_t size = 0;
+        words >> word >> stack >> axis >> slice >> size;
+        return frame(stack, axis, slice, size);
+    }
+
+private:
+    std::string describe() {
+        if (!m_file) return "";
+        m_contents = detail::contentsOf(m_file, m_source);
+        nlohmann::json infos = nlohmann::json::array();
+        for (const FrameInfo& info : m_contents.infos) {
+            nlohmann::json values = {info.width, info.height};
+            for (const auto value :
+                 {info.tilt, info.rotation, info.pixelSize, info.kilovolts, info.axis, info.exposure})
+                values.push_back(value ? nlohmann::json(*value) : nlohmann::json());
+            infos.push_back(std::move(values));
+        }
+        nlohmann::json stacks = nlohmann::json::array();
+        for (const detail::Hdf5Stack& stack : m_contents.stacks)
+            stacks.push_back({stack.axis, stack.count});
+        const nlohmann::json all = {{"infos", infos},
+                                    {"stacks", stacks},
+                                    {"parts", m_contents.parts},
+                                    {"problem", m_contents.problem}};
+        const std::vector<std::uint8_t> bytes = nlohmann::json::to_cbor(all);
+        return {bytes.begin(), bytes.end()};
+    }
+
+    /// The frame's floats, none when they cannot be read.
+    std::string frame(std::size_t stack, int axis, long long slice, std::size_t size) {
+        // The array stays open, so that pieces of the file that hold several frames are unpacked once.
+        if (!m_array || m_openStack != stack)
+            m_array = detail::objectAt(m_file.get(), m_contents.stacks.at(stack).path);
+        m_openStack = stack;
+        std::vector<float> pixels(size);
+        if (!m_array || !detail::readSlice(m_array, axis, slice, pixels)) return "";
+        markDead(pixels);
+        std::string bytes(size * sizeof(float), '\0');
+        std::memcpy(bytes.data(), pixels.data(), bytes.size());
+        return bytes;
+    }
+
+    void markDead(std::vector<float>& pixels) const {
+        const Hdf5Id type(H5Dget_type(m_array.get()));
+        const bool isUnsigned =
+            H5Tget_class(type.get()) == H5T_INTEGER && H5Tget_sign(type.get()) == H5T_SGN_NONE;
+        const float allBitsSet = std::ldexp(1.0F, static_cast<int>(8 * H5Tget_size(type.get()))) - 1;
+        constexpr float dead = std::numeric_limits<float>::quiet_NaN();
+        for (std::size_t i = 0; i < pixels.size(); ++i) {
+            const bool masked = i < m_contents.mask.size() && m_contents.mask[i] != 0;
+            if (masked || (m_contents.largestIsDead && isUnsigned && pixels[i] == allBitsSet))
+                pixels[i] = dead;
+        }
+    }
+
+    FrameSource m_source;
+    Hdf5Id m_file;
+    Hdf5Contents m_contents;
+    Hdf5Id m_array;
+    std::size_t m_openStack = 0;
+};
+
+class Hdf5File : public FrameFile {
+public:
+    explicit Hdf5File(FrameSource source);
+
+    std::vector<std::filesystem::path> parts() const override { return m_parts; }
+
+private:
+    Frame readFrame(int frame) const override;
+    /// Starts the process that reads the file. Files of one frame keep none between two readings.
+    nlohmann::json start() const;
+
+    std::vector<std::array<int, 2>> m_stacks;  ///< of each the axis that counts frames, and their number
+    std::vector<std::filesystem::path> m_parts;
+    mutable std::unique_ptr<detail::SeparateProcess> m_process;
+};
+
+FrameFormat::Match recognise(const FileStart& start) {
+    return start.bytes.starts_with("\x89HDF\r\n\x1a\n") ? FrameFormat::Match::Yes : FrameFormat::Match::No;
+}
+
+const FrameFormat::Registration kHdf5({"HDF5", recognise, FrameFormat::openAs<Hdf5File>});
+
+nlohmann::json Hdf5File::start() const {
+    const auto server = std::make_shared<std::unique_ptr<Hdf5Server>>();
+    m_process = std::make_unique<detail::SeparateProcess>([this, server](const std::string& request) {
+        if (!*server) *server = std::make_unique<Hdf5Server>(source());
+        return (*server)->answer(request);
+    });
+    const std::optional<std::string> answer = m_process->ask("contents");
+    const nlohmann::json contents = nlohmann::json::from_cbor(answer.value_or(""), true, false);
+    if (!contents.is_object()) refuse("the HDF5 file is damaged or truncated");
+    return contents;
+}
+
+Hdf5File::Hdf5File(FrameSource source) : FrameFile(std::move(source)) {
+    const nlohmann::json contents = start();
+    const std::string problem = contents.at("problem");
+    if (!problem.empty()) refuse(problem);
+    if (contents.at("infos").empty()) refuse("it holds no frames");
+    for (const nlohmann::json& values : contents.at("infos")) {
+        FrameInfo info;
+        info.width = values.at(0);
+        info.height = values.at(1);
+        checkSize(info.width, info.height);
+        std::size_t i = 2;
+        for (auto* value :
+             {&info.tilt, &info.rotation, &info.pixelSize, &info.kilovolts, &info.axis, &info.exposure}) {
+            if (values.at(i).is_number()) *value = values.at(i).get<double>();
+            ++i;
+        }
+        m_infos.push_back(info);
+    }
+    m_stacks = contents.at("stacks").get<std::vector<std::array<int, 2>>>();
+    m_parts = contents.at("parts").get<std::vector<std::filesystem::path>>();
+    if (count() == 1) m_process.reset();
+}
+
+Frame Hdf5File::readFrame(int frame) const {
+    if (!m_process) start();
+    std::size_t stack = 0;
+    int slice = frame;
+    while (slice >= m_stacks.at(stack)[1])
+        slice -= m_stacks[stack++][1];
+    const FrameInfo& info = m_infos[static_cast<std::size_t>(frame)];
+    Frame result{info.width, info.height, {}};
+    result.pixels.resize(static_cast<std::size_t>(info.width) * static_cast<std::size_t>(info.height));
+    std::ostringstream request;
+    request << "frame " << stack << ' ' << m_stacks[stack][0] << ' ' << slice << ' ' << result.pixels.size();
+    const std::optional<std::string> bytes = m_process->ask(request.str());
+    if (!bytes) m_process.reset();
+    if (!bytes || bytes->size() != result.pixels.size() * sizeof(float))
+        refuse("frame " + std::to_string(frame + 1) + " cannot be read; the file is damaged or truncated");
+    std::memcpy(result.pixels.data(), bytes->data(), bytes->size());
+    if (count() == 1) m_process.reset();
+    return result;
+}
+
+}  // namespace
+}  // namespace vrk

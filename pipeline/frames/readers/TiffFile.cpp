@@ -1,0 +1,243 @@
+/// \file
+/// TIFF frames, one or several pages.
+#include <tiffio.h>
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "pipeline/frames/FrameFormat.h"
+#include "pipeline/frames/PixelDecoder.h"
+
+namespace vrk {
+namespace {
+
+/// A TIFF that is open, with the library's last complaint.
+class OpenTiff {
+public:
+    explicit OpenTiff(std::unique_ptr<FrameBytes> bytes) : m_bytes(std::move(bytes)) {
+        TIFFOpenOptions* options = TIFFOpenOptionsAlloc();
+        TIFFOpenOptionsSetErrorHandlerExtR(options, keepComplaint, this);
+        TIFFOpenOptionsSetWarningHandlerExtR(options, ignore, nullptr);
+        constexpr tmsize_t oneFrame = tmsize_t{1} << 31;
+        TIFFOpenOptionsSetMaxSingleMemAlloc(options, oneFrame);
+        // Mapping is off (m): the file may shrink under us.
+        m_tiff = TIFFClientOpenExt("", "rm", this, read, write, seek, close, size, nullptr, nullptr, options);
+        TIFFOpenOptionsFree(options);
+    }
+    ~OpenTiff() {
+        if (m_tiff) TIFFClose(m_tiff);
+    }
+    OpenTiff(const OpenTiff&) = delete;
+    OpenTiff& operator=(const OpenTiff&) = delete;
+
+    TIFF* get() const { return m_tiff; }
+    std::uint64_t fileSize() const { return m_bytes->size(); }
+    /// ": what the library says", or nothing.
+    std::string complaint() const { return m_complaint.empty() ? "" : ": " + m_complaint; }
+
+private:
+    static OpenTiff& self(thandle_t handle) { return *static_cast<OpenTiff*>(handle); }
+    static tmsize_t read(thandle_t handle, void* target, tmsize_t count) {
+        OpenTiff& file = self(handle);
+        const std::uint64_t there = file.m_position < file.fileSize() ? file.fileSize() - file.m_position : 0;
+        const auto wanted = std::min(static_cast<std::uint64_t>(std::max<tmsize_t>(count, 0)), there);
+        if (!file.m_bytes->read(file.m_position, {static_cast<char*>(target), wanted})) return -1;
+        file.m_position += wanted;
+        return static_cast<tmsize_t>(wanted);
+    }
+    static tmsize_t write(thandle_t, void*, tmsize_t) { return -1; }
+    static toff_t seek(thandle_t handle, toff_t offset, int whence) {
+        OpenTiff& file = self(handle);
+        const std::uint64_t base = whence == SEEK_CUR   ? file.m_position
+                                   : whence == SEEK_END ? file.fileSize()
+                                                        : 0;
+        return file.m_position = base + offset;
+    }
+    static int close(thandle_t) { return 0; }
+    static toff_t size(thandle_t handle) { return self(handle).fileSize(); }
+
+    static int keepComplaint(TIFF*, void* file, const char* /*module*/, const char* format,
+                             std::va_list arguments) {
+        char text[200];
+        std::vsnprintf(text, sizeof text, format, arguments);
+        std::string& complaint = static_cast<OpenTiff*>(file)->m_complaint;
+        if (complaint.empty()) complaint = text;
+        return 1;
+    }
+    static int ignore(TIFF*, void*, const char*, const char*, std::va_list) { return 1; }
+
+    std::unique_ptr<FrameBytes> m_bytes;
+    std::uint64_t m_position = 0;
+    std::string m_complaint;
+    TIFF* m_tiff = nullptr;
+};
+
+/// What a directory says about its pixels.
+struct Layout {
+    std::uint32_t width = 0;
+    std::uint32_t height = 0;
+    std::uint16_t bits = 1;
+    std::uint16_t samples = 1;
+    std::uint16_t format = SAMPLEFORMAT_UINT;
+    std::uint16_t photometric = PHOTOMETRIC_MINISBLACK;
+    std::uint16_t compression = COMPRESSION_NONE;
+
+    explicit Layout(TIFF* tiff) {
+        TIFFGetField(tiff, TIFFTAG_IMAGEWIDTH, &width);
+        TIFFGetField(tiff, TIFFTAG_IMAGELENGTH, &height);
+        TIFFGetFieldDefaulted(tiff, TIFFTAG_BITSPERSAMPLE, &bits);
+        TIFFGetFieldDefaulted(tiff, TIFFTAG_SAMPLESPERPIXEL, &samples);
+        TIFFGetFieldDefaulted(tiff, TIFFTAG_SAMPLEFORMAT, &format);
+        TIFFGetField(tiff, TIFFTAG_PHOTOMETRIC, &photometric);
+        TIFFGetFieldDefaulted(tiff, TIFFTAG_COMPRESSION, &compression);
+    }
+
+    bool coloured() const {
+        return samples != 1 || photometric == PHOTOMETRIC_PALETTE || photometric == PHOTOMETRIC_RGB;
+    }
+    std::optional<PixelType> type() const {
+        using enum PixelType;
+        if (format == SAMPLEFORMAT_IEEEFP)
+            return bits == 16   ? std::optional(Float16)
+                   : bits == 32 ? std::optional(Float32)
+                   : bits == 64 ? std::optional(Float64)
+                                : std::nullopt;
+        if (format != SAMPLEFORMAT_INT && format != SAMPLEFORMAT_UINT && format != SAMPLEFORMAT_VOID)
+            return std::nullopt;
+        const bool isSigned = format == SAMPLEFORMAT_INT;
+        switch (bits) {
+            case 8:
+                return isSigned ? Int8 : UInt8;
+            case 16:
+                return isSigned ? Int16 : UInt16;
+            case 32:
+                return isSigned ? Int32 : UInt32;
+            case 64:
+                return isSigned ? Int64 : UInt64;
+            default:
+                return std::nullopt;
+        }
+    }
+};
+
+/// Grey pages of 8 to 64 bits, integers signed or not and floating-point numbers, in every compression that
+/// libtiff knows, in strips or tiles. TIFF says nothing about tilt or pixel size.
+class TiffFile : public FrameFile {
+public:
+    explicit TiffFile(FrameSource source);
+
+private:
+    Frame readFrame(int frame) const override;
+    void readPixels(OpenTiff& tiff, const Layout& layout, std::span<char> target) const;
+    [[noreturn]] void refusePage(std::size_t page, const std::string& reason) const {
+        refuse("page " + std::to_string(page) + " of the TIFF " + reason);
+    }
+
+    std::vector<toff_t> m_directories;
+};
+
+FrameFormat::Match recognise(const FileStart& start) {
+    using namespace std::string_view_literals;
+    for (const std::string_view mark : {"II*\0"sv, "MM\0*"sv, "II+\0"sv, "MM\0+"sv})
+        if (start.bytes.starts_with(mark)) return FrameFormat::Match::Yes;
+    return FrameFormat::Match::No;
+}
+
+const FrameFormat::Registration kTiff({"TIFF", recognise, FrameFormat::openAs<TiffFile>});
+
+TiffFile::TiffFile(FrameSource source) : FrameFile(std::move(source)) {
+    OpenTiff tiff(this->source().open());
+    if (!tiff.get()) refuse("the TIFF is damaged: it has no pages that can be read" + tiff.complaint());
+    constexpr std::size_t most = 100000;
+    do {
+        const Layout layout(tiff.get());
+        const std::size_t page = m_infos.size() + 1;
+        checkSize(layout.width, layout.height);
+        if (layout.coloured()) refusePage(page, "has colours; export the frames as grey values");
+        const std::optional<PixelType> type = layout.type();
+        if (!type)
+            refusePage(page,
+                       "has pixels of " + std::to_string(layout.bits) +
+                           " bits in a form that is not read; integers and floating-point numbers of 8, "
+                           "16, 32 and 64 bits are");
+        const std::uint64_t bytes = std::uint64_t{layout.width} * layout.height * bytesOf(*type);
+        if (layout.compression == COMPRESSION_NONE && bytes > tiff.fileSize())
+            refusePage(page, "is truncated: its pixels need " + std::to_string(bytes) +
+                                 " bytes, the whole file has " + std::to_string(tiff.fileSize()));
+        FrameInfo info;
+        info.width = static_cast<int>(layout.width);
+        info.height = static_cast<int>(layout.height);
+        m_infos.push_back(info);
+        m_directories.push_back(TIFFCurrentDirOffset(tiff.get()));
+    } while (m_infos.size() < most && TIFFReadDirectory(tiff.get()));
+    if (!tiff.complaint().empty())
+        m_damage = "only the first " + std::to_string(m_infos.size()) +
+                   " pages of the TIFF can be read; the rest is damaged or truncated" + tiff.complaint();
+}
+
+/// Copies what strips or tiles have in common with the page. Their rows are longer than the page's where they
+/// stick out of it.
+void TiffFile::readPixels(OpenTiff& tiff, const Layout& layout, std::span<char> target) const {
+    TIFF* const file = tiff.get();
+    const bool tiled = TIFFIsTiled(file) != 0;
+    std::uint32_t blockWidth = layout.width;
+    std::uint32_t blockHeight = layout.height;
+    TIFFGetFieldDefaulted(file, tiled ? TIFFTAG_TILELENGTH : TIFFTAG_ROWSPERSTRIP, &blockHeight);
+    if (tiled) TIFFGetField(file, TIFFTAG_TILEWIDTH, &blockWidth);
+    if (!tiled) blockHeight = std::min(blockHeight, layout.height);
+    const std::size_t pixel = layout.bits / 8;
+    const tmsize_t blockBytes = tiled ? TIFFTileSize(file) : TIFFStripSize(file);
+    const std::uint64_t expected = std::uint64_t{blockWidth} * blockHeight * pixel;
+    constexpr std::uint64_t largest = std::uint64_t{1} << 31;
+    if (blockBytes <= 0 || static_cast<std::uint64_t>(blockBytes) != expected || expected > largest)
+        refuse("its strips or tiles do not fit its pages; the TIFF is damaged");
+    std::vector<char> block(expected);
+    const std::size_t rowBytes = layout.width * pixel;
+    for (std::uint32_t y = 0; y < layout.height; y += blockHeight)
+        for (std::uint32_t x = 0; x < layout.width; x += blockWidth) {
+            const std::uint32_t rows = std::min(blockHeight, layout.height - y);
+            const std::size_t bytes = std::min(blockWidth, layout.width - x) * pixel;
+            const auto needed =
+                static_cast<tmsize_t>(tiled ? block.size() : std::size_t{rows} * blockWidth * pixel);
+            const tmsize_t got =
+                tiled ? TIFFReadTile(file, block.data(), x, y, 0, 0)
+                      : TIFFReadEncodedStrip(file, TIFFComputeStrip(file, y, 0), block.data(), needed);
+            if (got < needed)
+                refuse("the pixels of a page cannot be read; the TIFF is damaged or truncated" +
+                       tiff.complaint());
+            for (std::uint32_t row = 0; row < rows; ++row)
+                std::memcpy(target.data() + (std::size_t{y} + row) * rowBytes + x * pixel,
+                            block.data() + std::size_t{row} * blockWidth * pixel, bytes);
+        }
+}
+
+Frame TiffFile::readFrame(int frame) const {
+    const auto page = static_cast<std::size_t>(frame);
+    OpenTiff tiff(source().open());
+    if (!tiff.get() || !TIFFSetSubDirectory(tiff.get(), m_directories.at(page)))
+        refusePage(page + 1, "cannot be read" + tiff.complaint());
+    const Layout layout(tiff.get());
+    const std::optional<PixelType> type = layout.type();
+    const FrameInfo& info = m_infos[page];
+    if (!type || layout.coloured() || static_cast<int>(layout.width) != info.width ||
+        static_cast<int>(layout.height) != info.height)
+        refusePage(page + 1, "changed while the file was read");
+    std::vector<char> bytes(std::size_t{layout.width} * layout.height * bytesOf(*type));
+    readPixels(tiff, layout, bytes);
+    // libtiff has brought the pixels into the byte order of this machine.
+    constexpr bool bigEndianHost = std::endian::native == std::endian::big;
+    Frame result{info.width, info.height, decodePixels(bytes, *type, bigEndianHost)};
+    if (layout.photometric == PHOTOMETRIC_MINISWHITE && layout.format != SAMPLEFORMAT_IEEEFP) {
+        const float white = std::ldexp(1.0F, layout.bits) - 1;
+        for (float& value : result.pixels)
+            value = white - value;
+    }
+    return result;
+}
+
+}  // namespace
+}  // namespace vrk

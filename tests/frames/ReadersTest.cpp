@@ -1,0 +1,154 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "pipeline/base/Failure.h"
+#include "pipeline/frames/FrameFile.h"
+#include "pipeline/frames/detail/Unpacking.h"
+#include "pipeline/simulation/SimulationRandom.h"
+
+namespace {
+
+using vrk::FrameFile;
+using vrk::FrameSource;
+
+const std::filesystem::path kFolder = VRK_FRAMES;  // written by write_files.py
+
+constexpr int kPixels = 5 * 4;
+
+float pixel(int frame, int i) {
+    return static_cast<float>(100 * frame + 3 * i + 1);
+}
+
+std::shared_ptr<const std::string> contents(const std::filesystem::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    return std::make_shared<const std::string>(std::istreambuf_iterator<char>(file),
+                                               std::istreambuf_iterator<char>());
+}
+
+/// What a reader must find in a file of three frames.
+struct Expected {
+    const char* name;
+    double firstTilt = 99;  ///< the others follow in steps of one degree; 99: not stated
+    double pixelSize = 0;
+    double kilovolts = 0;
+    double axis = 0;
+    double rotation = 0;
+    float white = 0;  ///< not 0: this minus the usual pixels
+};
+
+void expectThreeFrames(const FrameFile& file, const Expected& expected) {
+    ASSERT_EQ(file.count(), 3);
+    EXPECT_EQ(file.damage(), "");
+    for (int frame = 2; frame >= 0; --frame) {
+        const vrk::FrameInfo& info = file.info(frame);
+        EXPECT_NEAR(info.tilt.value_or(99 + frame), expected.firstTilt + frame, 1e-9);
+        EXPECT_NEAR(info.pixelSize.value_or(0), expected.pixelSize, 1e-6 * expected.pixelSize);
+        EXPECT_NEAR(info.kilovolts.value_or(0), expected.kilovolts, 0.01);
+        EXPECT_NEAR(info.axis.value_or(0), expected.axis, 1e-9);
+        EXPECT_NEAR(info.rotation.value_or(0), expected.rotation, 1e-9);
+        const vrk::Frame read = file.read(frame);
+        ASSERT_EQ(read.width, 5);
+        ASSERT_EQ(read.pixels.size(), static_cast<std::size_t>(kPixels));
+        for (int i = 0; i < kPixels; ++i) {
+            const float found = read.pixels[static_cast<std::size_t>(i)];
+            const float usual = pixel(frame, i);
+            if (std::string(expected.name) == "nexus_master.h5" && (i == 2 || (frame == 0 && i == 6)))
+                EXPECT_TRUE(std::isnan(found));  // masked in the master, marked in the data
+            else
+                EXPECT_EQ(found, expected.white > 0 ? expected.white - usual : usual) << frame << ' ' << i;
+        }
+    }
+}
+
+TEST(Readers, FilesOfOtherProgramsFromDiskAndFromMemory) {
+    for (const Expected& expected :
+         {Expected{"uint32.tif"}, Expected{"float64_big_endian.tif"}, Expected{"deflate_bigtiff.tif"},
+          Expected{"tiled.tif"}, Expected{.name = "strips.tif", .white = 65535}, Expected{"half.mrc"},
+          Expected{"half.mrc.bz2"}, Expected{"uint16.mrc"},
+          Expected{"nexus_master.h5", -0.75, 75e-6 / (0.8 * 0.0251e-10), 199.717, 30, 0.5},
+          Expected{"angles_last.emd", -1, 5e7}, Expected{"velox.emd", -1, 5e7, 200}, Expected{"plain.h5"},
+          Expected{"plain.h5:/scan/counts"}}) {
+        SCOPED_TRACE(expected.name);
+        expectThreeFrames(*FrameFile::open(kFolder / expected.name), expected);
+        if (std::string(expected.name).find(':') == std::string::npos)
+            expectThreeFrames(
+                *FrameFile::open(FrameSource(kFolder / expected.name, contents(kFolder / expected.name))),
+                expected);
+    }
+    EXPECT_EQ(FrameFile::open(kFolder / "nexus_master.h5")->parts().size(), 2U);
+    EXPECT_THROW(FrameFile::open(kFolder / "plain.h5:/nothing"), vrk::Failure);
+}
+
+TEST(Readers, CbfOfACountingDetector) {
+    for (const char* name : {"frame.cbf", "frame.cbf.gz"}) {
+        const std::unique_ptr<FrameFile> file = FrameFile::open(kFolder / name);
+        ASSERT_EQ(file->count(), 1);
+        EXPECT_DOUBLE_EQ(file->info(0).tilt.value(), -0.75);
+        EXPECT_DOUBLE_EQ(file->info(0).rotation.value(), 0.5);
+        EXPECT_NEAR(file->info(0).pixelSize.value(), 75e-6 / (0.8 * 0.0251e-10), 1);
+        const std::vector<float> pixels = file->read(0).pixels;
+        EXPECT_TRUE(std::isnan(pixels[1]));  // marked as dead
+        for (int i = 0; i < kPixels; ++i) {
+            const float expected = i == 5 ? 70000 : i == 12 ? 1000 : pixel(1, i);
+            if (i != 1) {
+                EXPECT_EQ(pixels[static_cast<std::size_t>(i)], expected) << i;
+            }
+        }
+    }
+}
+
+TEST(Readers, UnpackingStopsAtItsLimitAndTellsDamage) {
+    using namespace vrk::detail;
+    const std::string packed = *contents(kFolder / "frame.cbf.gz");
+    const std::string plain = *contents(kFolder / "frame.cbf");
+    const auto unpack = [](const std::string& bytes, std::uint64_t most, std::string& reason) {
+        std::string unpacked;
+        return gunzip(chunksOf(bytes), most, unpacked, reason) ? unpacked : "";
+    };
+    std::string reason;
+    EXPECT_EQ(unpack(packed, plain.size(), reason), plain);
+    EXPECT_EQ(unpack(packed + packed + std::string(7, '\0'), 1 << 20, reason), plain + plain);
+    EXPECT_EQ(reason, "");
+    EXPECT_EQ(unpack(packed, plain.size() - 1, reason), "");
+    EXPECT_NE(reason.find("unpacks to more"), std::string::npos);
+    EXPECT_EQ(unpack(packed.substr(0, packed.size() - 9), 1 << 20, reason), "");
+    EXPECT_NE(reason.find("truncated"), std::string::npos);
+}
+
+TEST(Readers, DamagedFilesAreReadOrRefused) {
+    vrk::SimulationRandom random(5);
+    int refused = 0;
+    int rounds = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(kFolder)) {
+        const std::string good = *contents(entry.path());
+        // A process is started for each of these.
+        const bool slow = entry.path().extension() == ".h5" || entry.path().extension() == ".emd";
+        for (int round = 0; round < (slow ? 25 : 150); ++round, ++rounds) {
+            std::string bytes = good;
+            const auto place = [&] {
+                return static_cast<std::size_t>(random.uniform() * static_cast<double>(bytes.size()));
+            };
+            for (int i = random.index(6); i >= 0; --i)
+                bytes[place()] = static_cast<char>(random.index(2) == 0 ? random.index(256) : 255);
+            if (random.index(6) == 0) bytes.resize(place());
+            try {
+                const auto memory = std::make_shared<const std::string>(std::move(bytes));
+                const std::unique_ptr<FrameFile> file = FrameFile::open(FrameSource(entry.path(), memory));
+                for (int frame = 0; frame < std::min(5, file->count()); ++frame)
+                    file->read(frame);
+            } catch (const vrk::Failure& failure) {
+                EXPECT_NE(std::string(failure.what()).find(entry.path().string()), std::string::npos);
+                ++refused;
+            }
+        }
+    }
+    EXPECT_GT(refused, rounds / 20);
+    EXPECT_LT(refused, rounds);
+}
+
+}  // namespace
