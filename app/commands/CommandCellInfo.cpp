@@ -85,6 +85,7 @@ CellReport examine(const CellInput& input, const LatticeTolerances& tolerances) 
     report.reciprocal = space.getReciprocalDimensions();
     report.reciprocalVolume = space.getReciprocalVolume();
     report.lattices = LatticeSymmetry::analyse(input.primitive, tolerances);
+    LatticeSymmetry::preferExactFit(report.lattices);
     if (report.lattices.empty())
         throw Failure("this cell is too flat for an analysis of its symmetry", FailureKind::NothingFound);
     return report;
@@ -179,8 +180,8 @@ std::string combinationOf(const double (&m)[3][3], int column) {
 }
 
 void printLattices(std::ostream& out, const CellReport& report, const LatticeTolerances& tolerances) {
-    out << formatted("\nLattices within %g degrees and %g %%, highest symmetry first\n", tolerances.angle,
-                     100.0 * tolerances.length)
+    out << formatted("\nLattices within %g degrees and %g %%, the answer first, then by symmetry\n",
+                     tolerances.angle, 100.0 * tolerances.length)
         << "     no type   misfit           conventional cell                                          "
            "volume\n"
         << "               deg     %           a         b         c    alpha    beta   gamma\n";

@@ -95,7 +95,8 @@ UnitCell readCell(const Options& options, const PeakList& peaks) {
 Setting settingOf(const UnitCell& cell, const std::string& lattice) {
     Setting setting;
     if (lattice == "primitive") return setting;
-    const std::vector<LatticeCharacter> fits = LatticeSymmetry::analyse(cell);
+    std::vector<LatticeCharacter> fits = LatticeSymmetry::analyse(cell);
+    LatticeSymmetry::preferExactFit(fits);
     const auto chosen = std::find_if(fits.begin(), fits.end(), [&](const LatticeCharacter& one) {
         return lattice == "auto" || lattice == LATTICE::shortName(one.bravaisType);
     });
@@ -394,7 +395,7 @@ void addIndexCommand(CLI::App& app, Host& host) {
         ->add_option(
             "--lattice", options->lattice,
             "Setting of cell and indices: primitive (the cell of the file), auto (the conventional cell of "
-            "the highest symmetry that fits) or a Bravais type, cP to aP; its symmetry ties the "
+            "the answer of cell-info) or a Bravais type, cP to aP; its symmetry ties the "
             "refinement")
         ->capture_default_str()
         ->check(CLI::IsMember({"primitive", "auto", "cP", "cI", "cF", "tP", "tI", "hP", "hR", "oP", "oI",

@@ -23,7 +23,10 @@ struct CellParameters {
 
 /// One lattice symmetry that fits.
 struct LatticeCharacter {
-    int number = 0;  ///< 1 ... 44
+    /// 1 ... 44, the character of the reduced form of the lattice once it is symmetrised. Where that form is
+    /// on a border between characters of the type, or has a higher symmetry, the one whose base fits the
+    /// cell.
+    int number = 0;
     LATTICE::BravaisTypes bravaisType = LATTICE::NoBravaisType;
     char centring = 'P';         ///< P, I, F, C or R (hexagonal axes, obverse setting)
     double qualityIndex = -1.0;  ///< largest angular misfit, in degrees, of the conventional cell
@@ -42,7 +45,8 @@ struct LatticeCharacter {
 /// bases that are nearly as short are tried as well (matrices with entries -1, 0, 1). For each character the
 /// conventional cell is formed by the integer matrix of the table and compared with its own symmetrised form,
 /// the metric averaged over the point group of the Bravais type. The misfits are those of the conventional
-/// cell's angles (against 90 or 120 degrees) and edges (against their mean).
+/// cell's angles (against 90 or 120 degrees) and edges (against their mean); of the bases of one character
+/// the one with the smallest misfits counts, their squares added in units of the tolerances.
 ///
 /// Conventional settings: c is the unique axis of tetragonal, hexagonal and rhombohedral cells; a <= b <= c
 /// in oP, oI, oF; a <= b with the centred face between them in oC; b is unique in mP and mC, a and c are the
@@ -52,10 +56,9 @@ struct LatticeCharacter {
 /// The analysis does not depend on the unit of the cell: all comparisons are relative.
 class VRKCORE_EXPORT LatticeSymmetry {
 public:
-    /// Every character that fits, the highest symmetry first (by the order of the point group of the
-    /// lattice) and within one symmetry the smallest misfit first; front() is the answer. Each character
-    /// comes once, with the base that fits it best, and characters that lead to the same conventional axes
-    /// come once. A triclinic character is always among them; empty for a degenerate cell.
+    /// Every symmetry that fits, the highest first (by the order of the point group of the lattice) and
+    /// within one symmetry the smallest misfit first. Fits that lead to the same conventional axes come once,
+    /// as the best of them. A triclinic character is always among them; empty for a degenerate cell.
     ///
     /// The vectors count as a primitive base whatever isPrimitiv() says. It is the crystal's direct lattice
     /// that is analysed: for a reciprocal cell the analysis is that of getReciprocalCell(), with parameters
@@ -64,8 +67,19 @@ public:
     static std::vector<LatticeCharacter> analyse(const UnitCell& cell,
                                                  const LatticeTolerances& tolerances = {});
 
+    /// Puts the answer to the front of what analyse() found; the others stay in their order.
+    ///
+    /// The answer is the highest symmetry. Tolerances for measured cells let a cell pass for one of higher
+    /// symmetry, though; distortions of the lens spoil every symmetry alike. So a lower symmetry that still
+    /// ties something is the answer where it fits ten times better and the higher one is off by more than
+    /// 0.06 degrees and six times the uncertainty. The misfit of an edge counts as the angle by which it
+    /// turns the diagonals.
+    /// @param angleSigma standard uncertainty of the angles of the cell in degrees, 0 when it is not known
+    static void preferExactFit(std::vector<LatticeCharacter>& characters, double angleSigma = 0.0);
+
     /// The answer alone; number 0 and NoBravaisType for a degenerate cell.
-    static LatticeCharacter best(const UnitCell& cell, const LatticeTolerances& tolerances = {});
+    static LatticeCharacter best(const UnitCell& cell, const LatticeTolerances& tolerances = {},
+                                 double angleSigma = 0.0);
 
     /// The conventional cell that belongs to a result of analyse() for this cell: direct or reciprocal as
     /// the cell is, with type, character and quality index set.

@@ -128,10 +128,10 @@ public:
     /// conventional reciprocal cell is the reciprocal base of the conventional direct cell (the base in which
     /// reflections of a centred lattice are absent), and its type is that of the reciprocal lattice.
     /// @{
-    /// Stores type, lattice character and quality index of the highest symmetry that fits. A cell that is
+    /// Stores type, lattice character and quality index of LatticeSymmetry::best(). A cell that is
     /// not primitive is judged by the lattice that its type says. A degenerate cell gets type 0.
     void determineBravaisType();
-    /// Turns a primitive cell into the conventional cell of the highest symmetry that fits and stores type,
+    /// Turns a primitive cell into the conventional cell of LatticeSymmetry::best() and stores type,
     /// lattice character and quality index with it; primitiv stays set for a lattice without centring. A
     /// cell that is not primitive, or is degenerate, stays as it is.
     void transformIntoConventionalCell();

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <set>
@@ -12,15 +13,15 @@ extern "C" {
 }
 
 #include "RandomLattice.h"
+#include "crystallography/UnitCellTest.h"
 #include "crystallography/detail/Centring.h"
-#include "crystallography/detail/LatticeCharacterTable.h"
+#include "crystallography/detail/LatticeMetric.h"
 #include "support/RecordingLogObserver.h"
 
 namespace {
 
 using namespace testing_support;
-using VRK::detail::centringOf;
-using VRK::detail::kLatticeCharacters;
+using namespace VRK::detail;
 
 int determinantOf(const int (&m)[3][3]) {
     return m[0][0] * (m[1][1] * m[2][2] - m[1][2] * m[2][1]) -
@@ -128,6 +129,114 @@ TEST(LatticeSymmetryTest, AgreesWithSpglibOnExactLattices) {
         }
 }
 
+bool isEqual(double x, double y, const Metric& m) {
+    return std::abs(x - y) < 1e-9 * m.C;
+}
+
+bool meets(const CharacterRow& row, const Metric& m) {
+    const auto holds = [&m](const DotCondition& condition, double value) {
+        return condition.isFree || isEqual(value, condition.wanted(m), m);
+    };
+    const bool needsAB = row.edges == Edges::AllEqual || row.edges == Edges::ABEqual;
+    const bool needsBC = row.edges == Edges::AllEqual || row.edges == Edges::BCEqual;
+    const bool isFormI = std::min({m.D, m.E, m.F}) > 1e-9 * m.C;
+    return (row.form == Form::I) == isFormI && (!needsAB || isEqual(m.A, m.B, m)) &&
+           (!needsBC || isEqual(m.B, m.C, m)) && holds(row.D, m.D) && holds(row.E, m.E) &&
+           holds(row.F, m.F) &&
+           (row.sum == SumCondition::None || isEqual(2.0 * std::abs(m.D + m.E + m.F), m.A + m.B, m)) &&
+           (row.sum != SumCondition::Dagger || isEqual(std::abs(2.0 * m.D + m.F), m.B, m));
+}
+
+/// A cell in its Niggli-reduced base that meets the conditions of a row and of no row of a higher symmetry.
+UnitCell reducedCellOf(RandomLattice& random, const CharacterRow& row) {
+    for (;;) {
+        UnitCell cell = random.conventional(row.bravais);
+        const double conventional[3][3] = {
+            {double(row.toConventional[0][0]), double(row.toConventional[1][0]),
+             double(row.toConventional[2][0])},
+            {double(row.toConventional[0][1]), double(row.toConventional[1][1]),
+             double(row.toConventional[2][1])},
+            {double(row.toConventional[0][2]), double(row.toConventional[1][2]),
+             double(row.toConventional[2][2])}};
+        double back[3][3];
+        EXPECT_TRUE(BasicMath::Invert(conventional, back));
+        cell.transform(back);
+        const Metric m = {cell.getA(), cell.getB(), cell.getC(), cell.getD(), cell.getE(), cell.getF()};
+        if (meets(row, m) &&
+            UnitCellTest::isNiggliCell(m.A, m.B, m.C, 2.0 * m.D, 2.0 * m.E, 2.0 * m.F, 1e-9 * m.C) &&
+            std::none_of(
+                kLatticeCharacters.begin(), kLatticeCharacters.end(), [&](const CharacterRow& other) {
+                    return symmetryOrder(other.bravais) > symmetryOrder(row.bravais) && meets(other, m);
+                }))
+            return cell;
+    }
+}
+
+TEST(LatticeSymmetryTest, NamesTheCharacterOfTheReducedForm) {
+    RandomLattice random(25);
+    constexpr LatticeTolerances tight = {0.001, 1e-5};
+    for (const CharacterRow& row : kLatticeCharacters)
+        for (int n = 0; n < 10; ++n) {
+            UnitCell cell = reducedCellOf(random, row);
+            cell.transform(raw(random.unimodular(6)));
+            EXPECT_EQ(LatticeSymmetry::best(cell, tight).number, row.number);
+            const auto all = LatticeSymmetry::analyse(cell);
+            EXPECT_TRUE(std::any_of(all.begin(), all.end(), [&](const LatticeCharacter& one) {
+                return one.number == row.number && one.qualityIndex < 1e-6 && one.lengthMisfit < 1e-6;
+            })) << row.number;
+        }
+}
+
+TEST(LatticeSymmetryTest, AnswersWithTheExactFit) {
+    RandomLattice random(26);
+    int right = 0, draws = 0;
+    for (const auto type : kAllBravaisTypes)
+        for (int n = 0; n < 60 && type != LATTICE::aP; ++n, ++draws) {
+            UnitCell cell = random.primitive(type);
+            cell.transform(raw(random.unimodular(6)));
+            right += LatticeSymmetry::best(cell).bravaisType == type;
+        }
+    EXPECT_GE(right, draws * 99 / 100);
+
+    const auto character = [](LATTICE::BravaisTypes type, double angle, double length = 0.0) {
+        LatticeCharacter out;
+        out.bravaisType = type;
+        out.qualityIndex = angle;
+        out.lengthMisfit = length;
+        return out;
+    };
+    struct Case {
+        const char* name;
+        std::vector<LatticeCharacter> characters;
+        double sigma;
+        std::size_t answer;
+    };
+    const Case cases[] = {
+        {"not ten times better", {character(LATTICE::oP, 1.0), character(LATTICE::mP, 0.11)}, 0.0, 0},
+        {"ten times better", {character(LATTICE::oP, 1.0), character(LATTICE::mP, 0.09)}, 0.0, 1},
+        {"by its edges", {character(LATTICE::tP, 0.0, 0.01), character(LATTICE::oP, 0.0)}, 0.0, 1},
+        {"within the smallest misfit", {character(LATTICE::oP, 0.05), character(LATTICE::mP, 0.0)}, 0.0, 0},
+        {"within the uncertainty", {character(LATTICE::oP, 0.5), character(LATTICE::mP, 0.0)}, 0.1, 0},
+        {"beyond the uncertainty", {character(LATTICE::oP, 0.7), character(LATTICE::mP, 0.0)}, 0.1, 1},
+        {"triclinic ties nothing", {character(LATTICE::mP, 1.0), character(LATTICE::aP, 0.0)}, 0.0, 0},
+        {"no further than ten times better asks",
+         {character(LATTICE::tP, 1.5), character(LATTICE::oP, 0.5), character(LATTICE::mP, 0.1),
+          character(LATTICE::mP, 0.02)},
+         0.0,
+         2},
+        {"none", {}, 0.0, 0},
+    };
+    for (Case c : cases) {
+        const auto before = c.characters;
+        LatticeSymmetry::preferExactFit(c.characters, c.sigma);
+        ASSERT_EQ(c.characters.size(), before.size());
+        for (std::size_t i = 0; i < before.size(); ++i) {
+            const std::size_t from = i == 0 ? c.answer : i <= c.answer ? i - 1 : i;
+            EXPECT_EQ(c.characters[i].qualityIndex, before[from].qualityIndex) << c.name;
+        }
+    }
+}
+
 TEST(LatticeSymmetryTest, FindsTheTypeInSpiteOfNoise) {
     RandomLattice random(22);
     for (const auto type : kAllBravaisTypes) {
@@ -136,7 +245,7 @@ TEST(LatticeSymmetryTest, FindsTheTypeInSpiteOfNoise) {
         for (int n = 0; n < draws;) {
             UnitCell cell = random.primitive(type);
             // A lattice within twice the tolerances of a higher symmetry may become the higher one.
-            if (LatticeSymmetry::best(cell, {4.0, 0.06}).bravaisType != type) continue;
+            if (LatticeSymmetry::analyse(cell, {4.0, 0.06}).front().bravaisType != type) continue;
             ++n;
             int reduced[3][3];
             std::memcpy(reduced, LatticeSymmetry::analyse(cell, {0.0, 0.0}).back().toConventional,

@@ -17,24 +17,25 @@ struct Metric {
 enum class Form { I, II };  ///< D, E, F all positive, or none positive
 enum class Edges { AllEqual, ABEqual, BCEqual, Any };
 
-/// What a dot product must be: a sum of multiples of A, B, D, E, or anything.
+/// What a dot product must be: a multiple of another metric value, or anything.
 struct DotCondition {
-    double A, B, D, E;
+    double factor = 0.0;
+    double Metric::*of = &Metric::A;
     bool isFree = false;
-    constexpr double wanted(const Metric& m) const { return A * m.A + B * m.B + D * m.D + E * m.E; }
+    constexpr double wanted(const Metric& m) const { return factor * (m.*of); }
 };
-inline constexpr DotCondition any = {0, 0, 0, 0, true};
-inline constexpr DotCondition zero = {0, 0, 0, 0};
-inline constexpr DotCondition halfA = {0.5, 0, 0, 0};
-inline constexpr DotCondition quarterA = {0.25, 0, 0, 0};
-inline constexpr DotCondition halfB = {0, 0.5, 0, 0};
-inline constexpr DotCondition minusHalfA = {-0.5, 0, 0, 0};
-inline constexpr DotCondition minusHalfB = {0, -0.5, 0, 0};
-inline constexpr DotCondition minusThirdA = {-1.0 / 3.0, 0, 0, 0};
-inline constexpr DotCondition sameAsD = {0, 0, 1, 0};
-inline constexpr DotCondition sameAsE = {0, 0, 0, 1};
-inline constexpr DotCondition twiceD = {0, 0, 2, 0};
-inline constexpr DotCondition twiceE = {0, 0, 0, 2};
+inline constexpr DotCondition any = {.isFree = true};
+inline constexpr DotCondition zero = {0.0, &Metric::A};
+inline constexpr DotCondition halfA = {0.5, &Metric::A};
+inline constexpr DotCondition quarterA = {0.25, &Metric::A};
+inline constexpr DotCondition halfB = {0.5, &Metric::B};
+inline constexpr DotCondition minusHalfA = {-0.5, &Metric::A};
+inline constexpr DotCondition minusHalfB = {-0.5, &Metric::B};
+inline constexpr DotCondition minusThirdA = {-1.0 / 3.0, &Metric::A};
+inline constexpr DotCondition sameAsD = {1.0, &Metric::D};
+inline constexpr DotCondition sameAsE = {1.0, &Metric::E};
+inline constexpr DotCondition twiceD = {2.0, &Metric::D};
+inline constexpr DotCondition twiceE = {2.0, &Metric::E};
 
 /// A condition on a sum of dot products beside those on the single ones.
 enum class SumCondition {

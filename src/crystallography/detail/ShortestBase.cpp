@@ -108,7 +108,7 @@ bool ShortestBase::shortenThird() {
 /// Lets the axes follow the vectors.
 void ShortestBase::subtract(std::size_t i, std::size_t by, double multiple) {
     constexpr double lossless = 1000.0;
-    constexpr double largest = std::numeric_limits<int>::max();
+    constexpr double largest = std::numeric_limits<int>::max() / 16;  // room for what is done with the axes
     m_hasLostDigits = m_hasLostDigits || std::abs(multiple) > lossless;
     Vector out;
     for (std::size_t k = 0; k < 3; ++k) {

@@ -20,8 +20,8 @@ public:
     /// @param base vectors as columns
     explicit ShortestBase(const double base[3][3]);
 
-    /// False when the vectors span nothing, are not finite, or are too skew for axes in whole numbers of 32
-    /// bits; the axes are then some base of the lattice.
+    /// False when the vectors span nothing, are not finite, or are so skew that an axis needs entries above
+    /// 1e8 (where the digits of the vectors end, too); the axes are then some base of the lattice.
     bool isReduced() const { return m_isReduced; }
     /// The shortest first, in the base given and of its handedness.
     const Axes& axes() const { return m_axes; }
