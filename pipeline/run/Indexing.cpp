@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <numbers>
 #include <optional>
 #include <utility>
 
@@ -31,11 +30,6 @@ std::optional<RefinedPositions> refine(const Level& level, const Lattice& start,
     return refinePositions(positions, level.tilts(), start, settings);
 }
 
-/// How far a cell is from a symmetry, in degrees; an error of an edge turns the diagonals by as much.
-double misfitOf(const LatticeCharacter& character) {
-    return std::max(character.qualityIndex, character.lengthMisfit * 180.0 / std::numbers::pi);
-}
-
 double finestSpacing(const RefinedPositions& refined) {
     const Lattice& lattice = refined.lattice.lattice;
     double longest = 0.0;
@@ -59,7 +53,7 @@ void analyseSymmetry(Indexed& result, const SeriesFacts& facts, const Lattice& s
     if (result.characters.empty())
         throw Failure("the refined cell spans no lattice; " + whatToTry(), FailureKind::NothingFound);
     const std::array<double, 6>& sigma = result.refined.lattice.cellSigma;
-    preferExactFit(result.characters, *std::max_element(sigma.begin() + 3, sigma.end()));
+    LatticeSymmetry::preferExactFit(result.characters, *std::max_element(sigma.begin() + 3, sigma.end()));
     const CellTies ties = CellTies::of(result.symmetry().bravaisType, result.toConventional());
     Lattice from = result.lattice();
     from.origin = start.origin;
@@ -104,17 +98,6 @@ std::size_t chooseLevel(std::size_t found, std::size_t levels,
         answer = i;
     }
     return answer;
-}
-
-void preferExactFit(std::vector<LatticeCharacter>& characters, double noise) {
-    std::size_t answer = 0;
-    for (std::size_t i = 1; i < characters.size(); ++i) {
-        if (characters[i].bravaisType == LATTICE::aP) continue;
-        const double highest = misfitOf(characters[answer]);
-        if (highest > std::max(0.06, 6.0 * noise) && misfitOf(characters[i]) < 0.1 * highest) answer = i;
-    }
-    std::rotate(characters.begin(), characters.begin() + static_cast<std::ptrdiff_t>(answer),
-                characters.begin() + static_cast<std::ptrdiff_t>(answer) + 1);
 }
 
 Indexed indexReflections(std::vector<Level> levels, const LatticeChoice& choice,

@@ -56,12 +56,6 @@ struct LevelShare {
 /// \param share  asked once for each level that is looked at; nothing when it cannot be indexed
 std::size_t chooseLevel(std::size_t found, std::size_t levels,
                         const std::function<std::optional<LevelShare>(std::size_t)>& share);
-
-/// The wide tolerances let a cell pass for one of higher symmetry. Distortions of the lens spoil every
-/// symmetry alike; where a lower one, that still ties something, fits ten times better than the highest and
-/// the difference is significant, it is the answer and moves to the front.
-/// \param noise  standard uncertainty of the angles, degrees
-void preferExactFit(std::vector<LatticeCharacter>& characters, double noise);
 /// @}
 
 }  // namespace vrk
