@@ -247,8 +247,44 @@ void RadialBackground::subtractLocalRemainder() {
             cells(row, column) = sample.empty() ? 0.0F : medianOf(sample);
         }
     cv::medianBlur(cells, cells, 3);
-    cv::resize(cells, m_local, m_remainder.size(), 0, 0, cv::INTER_LINEAR);
-    m_remainder -= m_local;
+    subtractBetween(cells);
+}
+
+/// Linear between the middles of the cells, level beyond the outermost ones. In the order in which it is
+/// written, so that every machine rounds alike.
+void RadialBackground::subtractBetween(const cv::Mat_<float>& cells) {
+    struct Place {
+        int cell;
+        float share;  ///< of the way to the next cell
+    };
+    const auto placeOf = [](int pixel, int size, int count) {
+        const double place = std::clamp((pixel + 0.5) * count / size - 0.5, 0.0, count - 1.0);
+        return Place{static_cast<int>(place), static_cast<float>(place - std::floor(place))};
+    };
+    std::vector<float> share(static_cast<std::size_t>(m_width));
+    std::vector<int> end(static_cast<std::size_t>(cells.cols),
+                         0);  // of the pixels between a cell and the next
+    for (int x = 0; x < m_width; ++x) {
+        const Place place = placeOf(x, m_width, cells.cols);
+        share[static_cast<std::size_t>(x)] = place.share;
+        end[static_cast<std::size_t>(place.cell)] = x + 1;
+    }
+    for (int y = 0; y < m_height; ++y) {
+        const Place down = placeOf(y, m_height, cells.rows);
+        const float* above = cells[down.cell];
+        const float* below = cells[std::min(down.cell + 1, cells.rows - 1)];
+        const auto levelAt = [&](int column) {
+            return above[column] + down.share * (below[column] - above[column]);
+        };
+        float* remainder = m_remainder[y];
+        int x = 0;
+        for (int cell = 0; cell < cells.cols; ++cell) {
+            const float level = levelAt(cell);
+            const float slope = levelAt(std::min(cell + 1, cells.cols - 1)) - level;
+            for (const int last = end[static_cast<std::size_t>(cell)]; x < last; ++x)
+                remainder[x] -= level + share[static_cast<std::size_t>(x)] * slope;
+        }
+    }
 }
 
 void RadialBackground::subtractRingMedians(Frame out) {

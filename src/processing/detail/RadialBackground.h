@@ -26,6 +26,7 @@ private:
     void estimateProfile();
     void subtractProfile(const Frame& in);
     void subtractLocalRemainder();
+    void subtractBetween(const cv::Mat_<float>& cells);
     void subtractRingMedians(Frame out);
 
     std::size_t rings() const { return m_ringBegin.size() - 1; }
@@ -45,7 +46,6 @@ private:
     bool m_hasDead = false;
     cv::Mat_<float> m_remainder;
     cv::Mat_<int> m_units;
-    cv::Mat_<float> m_local;
     std::vector<int> m_twiceRingMedian;
     std::vector<int> m_ringValues;
     std::vector<std::uint32_t> m_counts;

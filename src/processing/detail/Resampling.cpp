@@ -62,6 +62,34 @@ Halving halvingOf(int size) {
 
 }  // namespace
 
+/// The sums are formed in the order in which they are written, so that every machine rounds alike.
+void FrameShift::interpolate(const Frame& in, const std::array<float, 4>& wx,
+                             const std::array<float, 4>& wy) {
+    const auto weighted = [](const std::array<float, 4>& w, float a, float b, float c, float d) {
+        return w[0] * a + w[1] * b + w[2] * c + w[3] * d;
+    };
+    const int last = in.cols - 1;
+    std::vector<float> line(static_cast<std::size_t>(in.cols) + 3);
+    m_across.create(in.size());
+    for (int row = 0; row < in.rows; ++row) {
+        std::copy(in[row], in[row] + in.cols, line.begin() + 1);
+        line[0] = in(row, 0);
+        line[static_cast<std::size_t>(last) + 2] = line[static_cast<std::size_t>(last) + 3] = in(row, last);
+        float* across = m_across[row];
+        const float* l = line.data();
+        for (int x = 0; x < in.cols; ++x)
+            across[x] = weighted(wx, l[x], l[x + 1], l[x + 2], l[x + 3]);
+    }
+    m_moved.create(in.size());
+    for (int row = 0; row < in.rows; ++row) {
+        const auto near = [&](int offset) { return m_across[std::clamp(row + offset, 0, in.rows - 1)]; };
+        const float *a = near(-1), *b = near(0), *c = near(1), *d = near(2);
+        float* moved = m_moved[row];
+        for (int x = 0; x < in.cols; ++x)
+            moved[x] = weighted(wy, a[x], b[x], c[x], d[x]);
+    }
+}
+
 void FrameShift::apply(const Frame& in, double dx, double dy, Frame out) {
     const Displacement x = split(dx);
     const Displacement y = split(dy);
@@ -69,11 +97,7 @@ void FrameShift::apply(const Frame& in, double dx, double dy, Frame out) {
         copyMoved(in, -x.whole, -y.whole, out);
         return;
     }
-    const std::array<float, 4> wx = cubicWeights(x.fraction);
-    const std::array<float, 4> wy = cubicWeights(y.fraction);
-    cv::sepFilter2D(in, m_moved, CV_32F, cv::Mat(1, 4, CV_32F, const_cast<float*>(wx.data())),
-                    cv::Mat(1, 4, CV_32F, const_cast<float*>(wy.data())), cv::Point(1, 1), 0,
-                    cv::BORDER_REPLICATE);
+    interpolate(in, cubicWeights(x.fraction), cubicWeights(y.fraction));
     m_moved.convertTo(m_rounded, CV_16S);
     // The surroundings of the nearest pixel limit the undershoot. A source position beyond the middle of the
     // last pixel is outside of the frame.

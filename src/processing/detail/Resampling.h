@@ -16,7 +16,10 @@ public:
     void apply(const Frame& in, double dx, double dy, Frame out);
 
 private:
-    cv::Mat m_moved;
+    void interpolate(const Frame& in, const std::array<float, 4>& wx, const std::array<float, 4>& wy);
+
+    cv::Mat_<float> m_across;  ///< interpolated along the rows
+    cv::Mat_<float> m_moved;
     cv::Mat m_rounded;
     cv::Mat m_bound;
 };
