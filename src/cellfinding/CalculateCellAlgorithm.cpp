@@ -33,8 +33,6 @@ using VRK::detail::Centre;
 using VRK::detail::centresOf;
 using VRK::detail::componentsOf;
 using VRK::detail::coordinatesOf;
-using VRK::detail::isAngleBetween;
-using VRK::detail::isOutOfPlane;
 using VRK::detail::Vector;
 using Clusters = std::vector<Cluster<Point<double>>*>;
 
@@ -638,23 +636,10 @@ bool CalculateCellAlgorithm::findLinearIndependentDiffVectors(std::vector<DiffVe
     std::stable_sort(candidates->begin(), candidates->end(), [](DiffVector3D* first, DiffVector3D* second) {
         return !DiffVector::compareLength(second, first);
     });
-    if (candidates->empty()) return false;
-    const DiffVector3D& shortest = *candidates->front();
-
-    std::vector<const DiffVector3D*> aside;
-    for (std::size_t i = 1; i < candidates->size(); ++i)
-        if (isAngleBetween(componentsOf(shortest), componentsOf(*(*candidates)[i]), parameter->getAngleA()))
-            aside.push_back((*candidates)[i]);
-    if (aside.empty()) return false;
-    const DiffVector3D& second = *aside.front();
-
-    const auto third = std::find_if(aside.begin() + 1, aside.end(), [&](const DiffVector3D* vector) {
-        const Vector v = componentsOf(*vector);
-        return isAngleBetween(componentsOf(second), v, parameter->getAngleB()) &&
-               isOutOfPlane(componentsOf(shortest), componentsOf(second), v, parameter->getDetLimit());
-    });
-    if (third == aside.end()) return false;
-    const DiffVector3D chosen[3] = {shortest, second, **third};
+    const auto places = VRK::detail::chooseShortest(*candidates, *parameter, nullptr);
+    if (!places) return false;
+    const DiffVector3D chosen[3] = {*(*candidates)[(*places)[0]], *(*candidates)[(*places)[1]],
+                                    *(*candidates)[(*places)[2]]};
     *a = chosen[0];
     *b = chosen[1];
     *c = chosen[2];

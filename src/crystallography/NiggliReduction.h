@@ -45,6 +45,7 @@ public:
     /// a null stream (std::ostream(nullptr)) costs nothing. Numbers have six significant digits whatever
     /// the stream's own settings are.
     static void setNarration(std::ostream* out);
+    static std::ostream* getNarration() { return m_narration; }
 
 private:
     struct State {

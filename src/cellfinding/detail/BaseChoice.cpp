@@ -12,6 +12,52 @@ namespace {
 constexpr double kLargestAngle = 3.0;
 constexpr double kLeastRelativeVolume = 0.1;
 
+double productOfLengths(const Vector& a, const Vector& b, const Vector& c) {
+    return BasicMath::Norm(a.data()) * BasicMath::Norm(b.data()) * BasicMath::Norm(c.data());
+}
+
+/// The three vectors found so far.
+class Choice {
+public:
+    Choice(std::span<DiffVector3D* const> sorted, const Parameter& parameter)
+        : m_sorted(sorted), m_parameter(parameter) {}
+
+    bool isComplete() const { return m_count == 3; }
+    std::optional<std::array<std::size_t, 3>> places() const {
+        return isComplete() ? std::optional(m_places) : std::nullopt;
+    }
+
+    /// Vectors must come in their order.
+    Judgement judge(std::size_t place) {
+        using enum BaseVectorVerdict;
+        if (isComplete()) return {LongerThanNeeded, 0.0};
+        const Vector vector = componentsOf(*m_sorted[place]);
+        const double limits[2] = {m_parameter.getAngleA(), m_parameter.getAngleB()};
+        for (std::size_t i = 0; i < m_count; ++i) {
+            const double angle =
+                std::abs(BasicMath::CalcAngleBetweenAandB(m_vectors[i].data(), vector.data()));
+            if (!(angle >= limits[i])) return {i == 0 ? NearA : NearB, angle};
+            if (!(angle <= kLargestAngle)) return {i == 0 ? OppositeToA : OppositeToB, angle};
+        }
+        if (m_count == 2 && !isOutOfPlane(m_vectors[0], m_vectors[1], vector, m_parameter.getDetLimit())) {
+            const double volume =
+                BasicMath::Determinant(m_vectors[0].data(), m_vectors[1].data(), vector.data());
+            return {InPlane, std::abs(volume) / productOfLengths(m_vectors[0], m_vectors[1], vector)};
+        }
+        constexpr BaseVectorVerdict kNames[3] = {A, B, C};
+        m_places[m_count] = place;
+        m_vectors[m_count] = vector;
+        return {kNames[m_count++], 0.0};
+    }
+
+private:
+    std::span<DiffVector3D* const> m_sorted;
+    const Parameter& m_parameter;
+    std::size_t m_count = 0;
+    std::array<std::size_t, 3> m_places{};
+    std::array<Vector, 3> m_vectors{};
+};
+
 /// The share of the judges' weight that lies within the radius of a node.
 double explainedShare(const std::array<Vector, 3>& base, std::span<const Centre> judges, double radius) {
     double columns[3][3];
@@ -43,15 +89,21 @@ double evidenceOf(double share, double chance) {
 
 }  // namespace
 
-bool isAngleBetween(const Vector& a, const Vector& b, double least) {
-    const double angle = BasicMath::CalcAngleBetweenAandB(a.data(), b.data());
-    return std::abs(angle) >= least && std::abs(angle) <= kLargestAngle;
-}
-
 bool isOutOfPlane(const Vector& a, const Vector& b, const Vector& c, double detLimit) {
     const double volume = std::abs(BasicMath::Determinant(a.data(), b.data(), c.data()));
-    return volume > detLimit && volume > kLeastRelativeVolume * BasicMath::Norm(a.data()) *
-                                             BasicMath::Norm(b.data()) * BasicMath::Norm(c.data());
+    return volume > detLimit && volume > kLeastRelativeVolume * productOfLengths(a, b, c);
+}
+
+std::optional<std::array<std::size_t, 3>> chooseShortest(std::span<DiffVector3D* const> sorted,
+                                                         const Parameter& parameter,
+                                                         std::vector<Judgement>* judgements) {
+    Choice choice(sorted, parameter);
+    if (judgements) judgements->clear();
+    for (std::size_t i = 0; i < sorted.size() && (judgements || !choice.isComplete()); ++i) {
+        const Judgement judgement = choice.judge(i);
+        if (judgements) judgements->push_back(judgement);
+    }
+    return choice.places();
 }
 
 std::vector<RankedBase> rankBases(std::span<const Vector> vectors, std::span<const Centre> judges,

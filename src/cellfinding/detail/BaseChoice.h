@@ -3,20 +3,34 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
+#include <optional>
 #include <span>
 #include <vector>
 
+#include "cellfinding/BaseVectorVerdict.h"
 #include "cellfinding/Parameter.h"
 #include "cellfinding/detail/ClusterCentres.h"
 
 namespace VRK::detail {
 
-/// Whether the angle of the two vectors is at least \p least and they are not nearly opposite.
-bool isAngleBetween(const Vector& a, const Vector& b, double least);
+/// Why a candidate is, or is not, one of the three.
+struct Judgement {
+    BaseVectorVerdict verdict;
+    /// The angle in radians, or the volume as a share of the product of the lengths, that decided; else 0.
+    double value;
+};
 
-/// Whether the absolute determinant exceeds \p detLimit and a tenth of the product of the lengths: noise
-/// never leaves the determinant of coplanar vectors at 0. With 20 degrees between all three axes it is 0.103
-/// of the product.
+/// The shortest three vectors that satisfy the limits of CalculateCellAlgorithm, step four.
+/// \param sorted      shortest first
+/// \param judgements  may be null; replaced by one for each vector
+/// \returns the places of a, b, c; nothing when there are no three
+std::optional<std::array<std::size_t, 3>> chooseShortest(std::span<DiffVector3D* const> sorted,
+                                                         const Parameter& parameter,
+                                                         std::vector<Judgement>* judgements);
+
+/// Whether three vectors span a cell: noise never leaves the determinant of coplanar vectors at 0. With 20
+/// degrees between all three axes it is 0.103 of the product of the lengths, so that even these cells pass.
 bool isOutOfPlane(const Vector& a, const Vector& b, const Vector& c, double detLimit);
 
 /// Three vectors and how well their lattice explains others.
