@@ -110,8 +110,11 @@ TiltAxisResult search(const VoxMRCData& series, int jobs, const std::filesystem:
         angle = run(refinement, const_cast<VoxMRCData*>(&series));
     }
     if (session.canceled())
-        throw Failure("stopped on request; the images of the angles tried so far are in " + folder.string(),
-                      FailureKind::Canceled);
+        throw Failure(
+            refinement.scores().empty()
+                ? "stopped on request before the first angle was tried"
+                : "stopped on request; the images of the angles tried so far are in " + folder.string(),
+            FailureKind::Canceled);
     if (angle == VRKTiltAxisRefinement::kNoAngle)
         throw Failure(session.lastError(),
                       refinement.accepted() ? FailureKind::NothingFound : FailureKind::Failed);

@@ -355,7 +355,7 @@ VoxMRCData* VoxMRCstemProcessing::step3_Rotation2TiltAxis(VoxMRCData* series, bo
     return result;
 }
 
-VoxMRCData* VoxMRCstemProcessing::halve(VoxMRCData* series, const char* name, bool sum, bool quiet,
+VoxMRCData* VoxMRCstemProcessing::halve(const VoxMRCData* series, const char* name, bool sum, bool quiet,
                                         int verbosity) {
     if (const auto problem = problemOfImages(series)) return refuse(name, *problem);
     if (std::min(series->GetWidth(), series->GetHeight()) < 2)
@@ -389,21 +389,21 @@ VoxMRCData* VoxMRCstemProcessing::RebinImageStack(VoxMRCData* series, bool quiet
     return halve(series, "RebinImageStack", true, quiet, verbosity);
 }
 
-VoxMRCData* VoxMRCstemProcessing::makeSquare(VoxMRCData* series, const char* name, unsigned size) {
+VoxMRCData* VoxMRCstemProcessing::makeSquare(const VoxMRCData& series, const char* name, unsigned size) {
     const VRK::detail::SingleThreadedOpenCV singleThreaded;
-    setSteps(static_cast<int>(series->GetDepth()), "Square frames");
-    return eachPattern(*series, name, size, size, 0,
+    setSteps(static_cast<int>(series.GetDepth()), "Square frames");
+    return eachPattern(series, name, size, size, 0,
                        [](const Frame& in, Frame& out, unsigned) { VRK::detail::reframe(in, out); });
 }
 
 VoxMRCData* VoxMRCstemProcessing::PadToSquare(VoxMRCData* series) {
     if (const auto problem = problemOfImages(series)) return refuse("PadToSquare", *problem);
-    return makeSquare(series, "PadToSquare", std::max(series->GetWidth(), series->GetHeight()));
+    return makeSquare(*series, "PadToSquare", std::max(series->GetWidth(), series->GetHeight()));
 }
 
 VoxMRCData* VoxMRCstemProcessing::CropToSquare(VoxMRCData* series) {
     if (const auto problem = problemOfImages(series)) return refuse("CropToSquare", *problem);
-    return makeSquare(series, "CropToSquare", std::min(series->GetWidth(), series->GetHeight()));
+    return makeSquare(*series, "CropToSquare", std::min(series->GetWidth(), series->GetHeight()));
 }
 
 VoxMRCData* VoxMRCstemProcessing::recoByAngle(VoxMRCData* input, double fineCalibratedPixelSize,

@@ -157,8 +157,8 @@ private:
     template <typename Operation>
     VoxMRCData* eachPattern(const VoxMRCData& series, const char* name, unsigned width, unsigned height,
                             unsigned stepsBefore, Operation operation);
-    VoxMRCData* halve(VoxMRCData* series, const char* name, bool sum, bool quiet, int verbosity);
-    VoxMRCData* makeSquare(VoxMRCData* series, const char* name, unsigned size);
+    VoxMRCData* halve(const VoxMRCData* series, const char* name, bool sum, bool quiet, int verbosity);
+    VoxMRCData* makeSquare(const VoxMRCData& series, const char* name, unsigned size);
     bool fillVolume(const VoxMRCData& input, const SamplingGeometry& geometry, int verbosity,
                     VoxMRCData& volume);
 };

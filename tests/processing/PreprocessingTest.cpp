@@ -301,7 +301,7 @@ TEST(Preprocessing, HalvesAboutTheCentre) {
 
 TEST(Preprocessing, PadsAndCropsAboutTheCentre) {
     for (const auto& [width, height] :
-         {std::pair{30U, 20U}, {20U, 30U}, {31U, 20U}, {20U, 31U}, {31U, 21U}}) {
+         {std::pair{30U, 20U}, {20U, 30U}, {29U, 20U}, {20U, 31U}, {31U, 21U}}) {
         const auto centred = [&, w = width, h = height](double x, double y) {
             return 1000 * spot(x, y, (w - 1) / 2.0, (h - 1) / 2.0, 2);
         };

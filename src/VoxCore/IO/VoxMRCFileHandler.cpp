@@ -494,14 +494,14 @@ VoxVolumeData* VoxMRCFileHandler::readMRCFile_asVolumeData(const std::string& pa
     }
 }
 
-bool VoxMRCFileHandler::writeMRCFile(VoxVolumeData* volume, const std::string& path, int reduction) {
+bool VoxMRCFileHandler::writeMRCFile(const VoxVolumeData* volume, const std::string& path, int reduction) {
     m_path = path;
     if (!volume) {
         refuse("there are no data to write");
         return false;
     }
     if (reduction > 1) {
-        VoxVolumeData coarser = volume->reduced(reduction);
+        const VoxVolumeData coarser = volume->reduced(reduction);
         return writeMRCFile(&coarser, path, 1);
     }
     const std::size_t width = volume->width();

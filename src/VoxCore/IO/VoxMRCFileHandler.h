@@ -97,7 +97,7 @@ public:
 
     /// Writes a view, reduced like in reading, in the in-slice order that its type has in files. Failures as
     /// in writing of MRC data.
-    bool writeMRCFile(VoxVolumeData* volume, const std::string& path, int reduction);
+    bool writeMRCFile(const VoxVolumeData* volume, const std::string& path, int reduction);
 
     /// The series of createTestDummyMRCFile() as a view, reduced like in reading; owned by the caller.
     VoxVolumeData* createTestDummyMRCFile_asVolumeData(int reduction);
