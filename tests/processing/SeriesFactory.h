@@ -28,6 +28,14 @@ inline std::unique_ptr<VoxMRCData> makeSeries(unsigned width, unsigned height,
     return series;
 }
 
+/// Tilts from first to last.
+inline std::vector<float> range(float first, float last, float step) {
+    std::vector<float> tilts;
+    for (float tilt = first; tilt <= last; tilt += step)
+        tilts.push_back(tilt);
+    return tilts;
+}
+
 inline std::vector<short> pixelsOf(const VoxMRCData& data, unsigned slice) {
     const short* pixels = data.GetChunkPointer(slice);
     return {pixels, pixels + data.GetChunkSize()};
