@@ -9,11 +9,10 @@
 #include <string>
 #include <vector>
 
+#include "pipeline/geometry/RotationMode.h"
 #include "pipeline/simulation/SimulationRotation.h"
 
 namespace vrk {
-
-enum class RotationMode { Continuous, Stepwise, Precession };
 
 /// What a spot's counts are proportional to; Simulation.h gives the formulas.
 enum class CountModel {

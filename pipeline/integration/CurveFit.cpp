@@ -1,0 +1,84 @@
+#include "pipeline/integration/CurveFit.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace vrk {
+namespace {
+
+constexpr int kRounds = 3;
+
+}  // namespace
+
+std::vector<CurveFit> fitCurves(const SpotPrediction& prediction, const SeriesGeometry& geometry,
+                                const RockingModel& rocking, std::span<const FrameCounts> counts, double gain,
+                                const CurveErrors& errors) {
+    std::vector<CurveFit> fits(prediction.reflections.size());
+    std::vector<double> known;  // variance of the share of each frame relative to the square of the intensity
+    for (std::size_t r = 0; r < fits.size(); ++r) {
+        const PredictedReflection& reflection = prediction.reflections[r];
+        CurveFit& fit = fits[r];
+        known.assign(reflection.spotCount, 0);
+        for (std::uint32_t n = 0; n < reflection.spotCount; ++n) {
+            const PredictedSpot& spot = prediction.spots[reflection.firstSpot + n];
+            known[n] = std::pow(errors.relative * spot.share, 2);
+            if (errors.tilts.empty()) continue;
+            const double slope = rocking
+                                     .share(spot.excitation, spot.rate, reflection.length,
+                                            geometry.frames[spot.frame].rotation)
+                                     .byShift;
+            known[n] += std::pow(slope * spot.rate * errors.tilts[spot.frame], 2);
+        }
+        for (int round = 0; round < kRounds; ++round) {
+            double top = 0, bottom = 0, square = 0, coverage = 0, best = 0;
+            int frames = 0;
+            for (std::uint32_t n = 0; n < reflection.spotCount; ++n) {
+                const PredictedSpot& spot = prediction.spots[reflection.firstSpot + n];
+                const FrameCounts& one = counts[reflection.firstSpot + n];
+                if (!one.known) continue;
+                const double expected = std::max(fit.intensity, 0.0) * spot.share;
+                const double variance =
+                    one.ground + gain * expected + std::pow(std::max(fit.intensity, 0.0), 2) * known[n];
+                top += spot.share * one.counts / variance;
+                bottom += static_cast<double>(spot.share) * spot.share / variance;
+                square += std::pow(one.counts - fit.intensity * spot.share, 2) / variance;
+                coverage += rocking.coverage(spot.share, spot.rate, geometry.frames[spot.frame].rotation);
+                best = std::max<double>(best, spot.share);
+                ++frames;
+            }
+            if (!(bottom > 0)) break;
+            fit = {top / bottom, std::sqrt(1 / bottom), square, frames, best, coverage};
+        }
+    }
+    return fits;
+}
+
+std::vector<FrameCounts> frameCounts(std::span<const MeasuredSpot> measured) {
+    constexpr int kDisturbed =
+        kSpotMasked | kSpotSaturated | kSpotOverlapped | kSpotNoBackground | kSpotAtEdge;
+    std::vector<FrameCounts> counts(measured.size());
+    std::transform(measured.begin(), measured.end(), counts.begin(), [](const MeasuredSpot& spot) {
+        return FrameCounts{spot.sum, spot.ground, (spot.flags & kDisturbed) == 0};
+    });
+    return counts;
+}
+
+std::vector<FrameCounts> frameCounts(std::span<const FittedSpot> fitted) {
+    std::vector<FrameCounts> counts(fitted.size());
+    std::transform(fitted.begin(), fitted.end(), counts.begin(), [](const FittedSpot& spot) {
+        return FrameCounts{spot.counts, spot.variance, spot.variance > 0};
+    });
+    return counts;
+}
+
+std::vector<float> expectedCounts(const SpotPrediction& prediction, std::span<const CurveFit> fits) {
+    std::vector<float> expected(prediction.spots.size());
+    std::transform(
+        prediction.spots.begin(), prediction.spots.end(), expected.begin(), [&](const PredictedSpot& spot) {
+            const CurveFit& fit = fits[spot.reflection];
+            return fit.sigma > 0 ? static_cast<float>(std::max(fit.intensity, 0.0)) * spot.share : 0.0F;
+        });
+    return expected;
+}
+
+}  // namespace vrk

@@ -1,0 +1,445 @@
+#include "pipeline/integration/Integration.h"
+
+#include <Eigen/LU>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <numbers>
+#include <tuple>
+
+#include "pipeline/base/Failure.h"
+#include "pipeline/integration/DetectorModel.h"
+#include "pipeline/integration/ResolutionLimit.h"
+
+namespace vrk {
+namespace {
+
+constexpr double kDegree = std::numbers::pi / 180;
+/// Spots that tell the geometry stand out by so many standard deviations; fewer when it is known where they
+/// are.
+constexpr double kStrongSpot = 8;
+constexpr double kExpectedSpot = 5;
+/// So many reflections refine a geometry.
+constexpr std::size_t kFirstReflections = 5000;
+constexpr std::size_t kRefinedReflections = 4000;
+constexpr std::size_t kFewestStrongSpots = 12;
+constexpr int kRefinements = 4;
+/// Curves are looked at wider than they are known to be at first.
+constexpr double kWideAtFirst = 2.0;
+constexpr double kWide = 1.3;
+/// The refinement has settled when spots move and curves broaden by less than this.
+constexpr double kSettledPixels = 0.03;
+constexpr double kSettledWidth = 0.02;
+constexpr double kFirstWidth = 0.003;
+/// Another kind of curves must lower the misfit to this share of it; a precession is thought of when nothing
+/// else fits.
+constexpr double kClearlyBetter = 0.7;
+constexpr double kPoorCurves = 4;
+/// Less of a curve says too little about all of it.
+constexpr double kLeastCoverage = 0.1;
+
+double medianOf(std::vector<double> values) {
+    if (values.empty()) return 0;
+    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+    std::nth_element(values.begin(), middle, values.end());
+    return *middle;
+}
+
+void check(const IntegrationInput& input) {
+    const FrameStack& stack = input.frames;
+    const SeriesGeometry& geometry = input.geometry;
+    const auto refuse = [](bool bad, const char* text) {
+        if (bad) throw Failure(std::string("intensities cannot be integrated: ") + text);
+    };
+    refuse(stack.frames.size() < 3, "the series has fewer than three frames");
+    refuse(stack.frames.size() != geometry.frames.size(), "frames and tilts differ in number");
+    refuse(std::any_of(stack.frames.begin(), stack.frames.end(),
+                       [&](const auto& frame) { return frame.size() != stack.pixels(); }),
+           "the frames differ in size");
+    refuse(!(geometry.wavelength > 0), "the wavelength is not known; give the high tension (--voltage)");
+    refuse(!(geometry.pixelSize > 0), "the pixel size is not known (--pixel-size)");
+    refuse(!(std::abs(geometry.reciprocal.determinant()) > 0) || !geometry.reciprocal.allFinite(),
+           "the cell has no volume");
+    refuse(!std::is_sorted(geometry.frames.begin(), geometry.frames.end(),
+                           [](const FramePose& a, const FramePose& b) { return a.tilt < b.tilt; }),
+           "the tilts do not ascend");
+}
+
+/// The most significant reflections, sorted by their indices.
+std::vector<std::array<int, 3>> strongReflections(const SpotPrediction& prediction,
+                                                  std::span<const MeasuredSpot> measured) {
+    std::vector<std::pair<double, std::array<int, 3>>> found;
+    for (const PredictedReflection& reflection : prediction.reflections) {
+        double sum = 0, variance = 0;
+        for (std::uint32_t n = 0; n < reflection.spotCount; ++n) {
+            const MeasuredSpot& spot = measured[reflection.firstSpot + n];
+            if (!spot.usable()) continue;
+            sum += spot.sum;
+            variance += spot.variance;
+        }
+        if (sum > kExpectedSpot * std::sqrt(variance))
+            found.push_back({sum / std::sqrt(variance), {reflection.h, reflection.k, reflection.l}});
+    }
+    std::sort(found.begin(), found.end(), std::greater<>());
+    found.resize(std::min(found.size(), kRefinedReflections));
+    std::vector<std::array<int, 3>> strong;
+    for (const auto& [significance, hkl] : found)
+        strong.push_back(hkl);
+    std::sort(strong.begin(), strong.end());
+    return strong;
+}
+
+/// Which reflections to measure for the refinement: the strong ones, or an even choice when none are known
+/// yet.
+std::vector<std::uint8_t> wantedReflections(const SpotPrediction& prediction,
+                                            const std::vector<std::array<int, 3>>& strong) {
+    const std::size_t count = prediction.reflections.size();
+    std::vector<std::uint8_t> wanted(count, 0);
+    const std::size_t step = count / kFirstReflections + 1;
+    for (std::size_t i = 0; i < count; ++i) {
+        const PredictedReflection& r = prediction.reflections[i];
+        const bool take = strong.empty() ? i % step == 0
+                                         : std::binary_search(strong.begin(), strong.end(),
+                                                              std::array<int, 3>{r.h, r.k, r.l});
+        wanted[i] = take ? 1 : 0;
+    }
+    return wanted;
+}
+
+class Integrator {
+public:
+    Integrator(IntegrationInput input, const IntegrationOptions& options);
+    IntegrationResult run();
+
+private:
+    void checkpoint() const {
+        if (m_options.checkpoint) m_options.checkpoint();
+    }
+    PredictionLimits limits(double dMin) const;
+    double edgeSpacing() const;
+    double firstSearch() const;
+    void prepareDetector();
+    void refine();
+    void chooseMode(const SpotPrediction& prediction, std::span<const MeasuredSpot> measured,
+                    std::span<const SpotCentroid> centroids);
+    RockingModel bestPrecession(double least, const SpotPrediction& prediction,
+                                std::span<const MeasuredSpot> measured);
+    double settle(const GeometryFit& fit, const SpotPrediction& prediction);
+    void measure(double dMin);
+    void keepWithin(double dMin);
+    void assemble();
+    IntegratedReflection assembled(std::uint32_t number, std::span<const CurveFit> sums) const;
+
+    IntegrationInput m_input;
+    const IntegrationOptions& m_options;
+    IntegrationResult m_result;
+    SeriesGeometry m_geometry;
+    RockingModel m_rocking;
+    NoiseModel m_noise;
+    std::vector<CurveFit> m_sums;
+};
+
+Integrator::Integrator(IntegrationInput input, const IntegrationOptions& options)
+    : m_input(std::move(input)), m_options(options), m_geometry(m_input.geometry) {
+    m_geometry.reciprocal = tiedVectors(m_geometry.reciprocal, m_geometry.ties);
+    m_rocking.width = kFirstWidth;
+    m_rocking.mode = options.mode.value_or(RotationMode::Continuous);
+    m_rocking.precession = options.precession;
+    m_result.start = m_input.geometry;
+}
+
+PredictionLimits Integrator::limits(double dMin) const {
+    PredictionLimits limits;
+    limits.dMin = dMin;
+    limits.centring = m_input.centring;
+    limits.width = m_input.frames.width;
+    limits.height = m_input.frames.height;
+    // Nearer to the beam its saturated core lies in the ring of the background.
+    const int saturation = m_input.frames.saturation;
+    limits.beamRadius = m_result.extent.outer;
+    if (saturation > 0)
+        limits.beamRadius = std::max(
+            limits.beamRadius, m_result.shape.radiusAbove(0.5 * saturation) + m_result.extent.radius + 1);
+    return limits;
+}
+
+/// The finest spacing that the corners of the frames show.
+double Integrator::edgeSpacing() const {
+    double farthest = 0;
+    for (const FramePose& pose : m_geometry.frames) {
+        const double x = std::max(pose.centreX, m_input.frames.width - 1 - pose.centreX);
+        const double y = std::max(pose.centreY, m_input.frames.height - 1 - pose.centreY);
+        farthest = std::max(farthest, std::hypot(x, y));
+    }
+    return 1 / (farthest * m_geometry.pixelSize);
+}
+
+/// How far a spot is looked for at first: less than halfway to its neighbours.
+double Integrator::firstSearch() const {
+    const double shortest = m_geometry.reciprocal.colwise().norm().minCoeff() / m_geometry.pixelSize;
+    return std::clamp(0.3 * shortest, 1.5, 6.0);
+}
+
+void Integrator::prepareDetector() {
+    FrameStack& stack = m_input.frames;
+    if (stack.saturation == 0) stack.saturation = saturationOf(stack);
+    m_result.shape = RadialShape(stack, m_geometry.frames);
+    if (stack.dead.empty()) stack.dead = deadPixels(stack, m_geometry.frames, m_result.shape);
+    m_result.saturation = stack.saturation;
+    m_result.deadPixels = static_cast<std::size_t>(
+        std::count_if(stack.dead.begin(), stack.dead.end(), [](std::uint8_t value) { return value != 0; }));
+    m_noise.gain = m_options.gain.value_or(roughGain(stack));
+    m_result.extent = SpotExtent::of(1.5);
+}
+
+/// Takes over what a refinement found. Returns the largest movement of a spot, pixels.
+double Integrator::settle(const GeometryFit& fit, const SpotPrediction& prediction) {
+    double farthest = 0;
+    for (const PredictedSpot& spot : prediction.spots) {
+        if (spot.share < 0.1F) continue;
+        const PredictedReflection& r = prediction.reflections[spot.reflection];
+        const FrameView view(fit.geometry, fit.geometry.frames[spot.frame]);
+        const SpotPlace place = view.place(fit.geometry.reciprocal * Eigen::Vector3d(r.h, r.k, r.l));
+        farthest = std::max(farthest, std::hypot(place.x - spot.x, place.y - spot.y));
+    }
+    m_geometry = fit.geometry;
+    m_rocking = fit.rocking;
+    return farthest;
+}
+
+/// Tries what else the frames may have done, and keeps what fits the curves best.
+void Integrator::chooseMode(const SpotPrediction& prediction, std::span<const MeasuredSpot> measured,
+                            std::span<const SpotCentroid> centroids) {
+    RockingModel best = m_rocking;
+    double least = 0;
+    const auto compare = [&](const RockingModel& trial, double misfit) {
+        // The simplest explanation that is not clearly worse.
+        if (!m_result.modeMisfits.empty() && misfit > kClearlyBetter * least) return;
+        least = misfit;
+        best = trial;
+    };
+    for (const RotationMode mode : {RotationMode::Continuous, RotationMode::Stepwise}) {
+        GeometryOptions options;
+        options.optional = options.tilts = false;
+        RockingModel trial = m_rocking;
+        trial.mode = mode;
+        const GeometryFit fit = refineGeometry(m_geometry, trial, prediction, measured, centroids, options);
+        const double misfit = curveMisfit(fit.geometry, fit.rocking, prediction, measured);
+        compare(fit.rocking, misfit);
+        m_result.modeMisfits.emplace_back(mode, misfit);
+    }
+    m_rocking = best;
+    if (least > kPoorCurves) m_rocking = bestPrecession(least, prediction, measured);
+    m_result.modeFound = true;
+}
+
+/// The precession that fits the curves best, if it does so clearly. The middle of a curve does not depend on
+/// it, so the geometry stays.
+RockingModel Integrator::bestPrecession(double least, const SpotPrediction& prediction,
+                                        std::span<const MeasuredSpot> measured) {
+    RockingModel best = m_rocking;
+    double found = kClearlyBetter * least;
+    double lowest = std::numeric_limits<double>::infinity();
+    const auto attempt = [&](double precession, double width) {
+        RockingModel trial = m_rocking;
+        trial.mode = RotationMode::Precession;
+        trial.precession = precession;
+        trial.width = width;
+        const double misfit = curveMisfit(m_geometry, trial, prediction, measured);
+        lowest = std::min(lowest, misfit);
+        if (misfit > found) return;
+        found = misfit;
+        best = trial;
+    };
+    const double width = m_rocking.width;
+    for (const double degrees : {0.4, 0.55, 0.75, 1.0, 1.3, 1.7, 2.2})
+        for (const double factor : {0.35, 0.6, 1.0})
+            attempt(degrees * kDegree, factor * width);
+    m_result.modeMisfits.emplace_back(RotationMode::Precession, lowest);
+    if (best.mode != RotationMode::Precession) return best;
+    for (const double fineness : {0.1, 0.04, 0.015}) {
+        const RockingModel middle = best;
+        for (const double angle : {1 - fineness, 1.0, 1 + fineness})
+            for (const double factor : {1 - 2 * fineness, 1.0, 1 + 2 * fineness})
+                attempt(angle * middle.precession, factor * middle.width);
+    }
+    return best;
+}
+
+void Integrator::refine() {
+    const double dMin = std::max(m_options.dMin.value_or(edgeSpacing()),
+                                 m_input.resolution > 0 ? 0.98 * m_input.resolution : 0.0);
+    double search = firstSearch();
+    std::vector<std::array<int, 3>> strong;
+    for (int round = 0; round < kRefinements; ++round) {
+        checkpoint();
+        RockingModel wide = m_rocking;
+        wide.width *= round == 0 ? kWideAtFirst : kWide;
+        const SpotPrediction prediction = predictSpots(m_geometry, wide, limits(dMin));
+        const SpotMeasurement measurement(m_input.frames, m_geometry, m_result.shape, m_noise,
+                                          m_result.extent);
+        const std::vector<std::uint8_t> wanted = wantedReflections(prediction, strong);
+        const std::vector<MeasuredSpot> measured = measurement.sums(prediction, wanted);
+        const std::vector<SpotCentroid> centroids =
+            measurement.centroids(prediction, measured, round == 0 ? kStrongSpot : kExpectedSpot, search);
+        strong = strongReflections(prediction, measured);
+        if (centroids.size() < kFewestStrongSpots) {
+            if (round > 0) break;
+            throw Failure(
+                "no intensities: hardly a spot stands out from the background where the cell and "
+                "the axis put the reflections; check the tilt axis and the pattern centres",
+                FailureKind::NothingFound);
+        }
+        std::vector<double> widths;
+        for (const SpotCentroid& centroid : centroids)
+            if (centroid.width > 0) widths.push_back(centroid.width);
+        if (widths.size() >= kFewestStrongSpots)
+            m_result.extent = SpotExtent::of(std::clamp(medianOf(std::move(widths)), 0.4, 10.0));
+        if (!m_options.gain) m_noise = noiseOfRings(measured, m_noise);
+        if (round == 1 && !m_options.mode) chooseMode(prediction, measured, centroids);
+
+        GeometryOptions options;
+        options.terms = m_result.fit.terms;
+        options.optional = round > 0 && m_options.refine;
+        options.tilts = round > 1 && m_options.refine;
+        const double widthBefore = m_rocking.width;
+        m_result.fit = refineGeometry(m_geometry, m_rocking, prediction, measured, centroids, options);
+        const double farthest = settle(m_result.fit, prediction);
+        search = std::clamp(4 * m_result.fit.residual, 2.0, search);
+        if (round > 1 && farthest < kSettledPixels &&
+            std::abs(m_rocking.width / widthBefore - 1) < kSettledWidth)
+            break;
+    }
+}
+
+/// Counts and curves of all reflections up to a spacing.
+void Integrator::measure(double dMin) {
+    checkpoint();
+    FrameStack& stack = m_input.frames;
+    m_result.prediction = predictSpots(m_geometry, m_rocking, limits(dMin));
+    const SpotPrediction& prediction = m_result.prediction;
+    const SpotMeasurement measurement(stack, m_geometry, m_result.shape, m_noise, m_result.extent);
+    m_result.measured = measurement.sums(prediction);
+    checkpoint();
+    const CurveErrors errors{m_result.fit.curveError, m_result.fit.tiltSigma};
+    m_sums =
+        fitCurves(prediction, m_geometry, m_rocking, frameCounts(m_result.measured), m_noise.gain, errors);
+    const ProfileSet profiles = learnProfiles(stack, m_geometry, m_result.shape, m_noise, m_result.extent,
+                                              prediction, m_result.measured);
+    m_result.profileSpots = profiles.spots();
+    std::vector<float> expected = expectedCounts(prediction, m_sums);
+    // Overlapped spots have no sums; the second round knows what to expect of them.
+    for (int round = 0; round < 2; ++round) {
+        checkpoint();
+        m_result.fitted = fitProfiles(stack, m_geometry, m_result.shape, m_noise, profiles, prediction,
+                                      m_result.measured, expected);
+        m_result.curves =
+            fitCurves(prediction, m_geometry, m_rocking, frameCounts(m_result.fitted), 0.0, errors);
+        expected = expectedCounts(prediction, m_result.curves);
+    }
+}
+
+IntegratedReflection Integrator::assembled(std::uint32_t number, std::span<const CurveFit> sums) const {
+    const PredictedReflection& predicted = m_result.prediction.reflections[number];
+    const CurveFit& curve = m_result.curves[number];
+    IntegratedReflection result;
+    result.h = predicted.h;
+    result.k = predicted.k;
+    result.l = predicted.l;
+    result.predicted = number;
+    result.intensity = curve.intensity;
+    result.sigma = curve.sigma;
+    result.sumIntensity = sums[number].intensity;
+    result.sumSigma = sums[number].sigma;
+    result.spacing = 1 / predicted.length;
+    result.lorentz = predicted.lorentz;
+    result.coverage = std::min(curve.coverage, 1.0);
+    result.curveChi = curve.frames > 1 ? std::sqrt(curve.chiSquare / (curve.frames - 1)) : 0;
+    result.tilt = predicted.tilt / kDegree;
+    if (predicted.blind) result.flags |= kReflectionBlind;
+    if (!(curve.sigma > 0) || curve.coverage < kLeastCoverage) result.flags |= kReflectionUnfitted;
+    if (curve.coverage < kCutCoverage) result.flags |= kReflectionCut;
+
+    const auto& frames = m_geometry.frames;
+    const auto after = std::lower_bound(frames.begin(), frames.end(), predicted.tilt,
+                                        [](const FramePose& f, double t) { return f.tilt < t; });
+    const auto next =
+        std::clamp<std::ptrdiff_t>(after - frames.begin(), 1, static_cast<std::ptrdiff_t>(frames.size()) - 1);
+    const FramePose& low = frames[static_cast<std::size_t>(next - 1)];
+    const FramePose& high = frames[static_cast<std::size_t>(next)];
+    const double part = std::clamp((predicted.tilt - low.tilt) / (high.tilt - low.tilt), -0.5, 1.5);
+    result.frame = static_cast<double>(next - 1) + part;
+    FramePose crossing = low;
+    crossing.tilt = predicted.tilt;
+    crossing.centreX += part * (high.centreX - low.centreX);
+    crossing.centreY += part * (high.centreY - low.centreY);
+    const SpotPlace place = FrameView(m_geometry, crossing).place(predicted.g);
+    result.x = place.x;
+    result.y = place.y;
+
+    double sum = 0, moment = 0, variance = 0;
+    for (std::uint32_t n = 0; n < predicted.spotCount; ++n) {
+        const std::uint32_t spot = predicted.firstSpot + n;
+        const std::uint8_t flags = m_result.measured[spot].flags;
+        if (flags & kSpotSaturated) result.flags |= kReflectionSaturated;
+        if (flags & (kSpotMasked | kSpotAtEdge)) result.flags |= kReflectionMasked;
+        if (flags & kSpotOverlapped) result.flags |= kReflectionOverlapped;
+        const FittedSpot& fitted = m_result.fitted[spot];
+        sum += fitted.counts;
+        moment += fitted.counts * frames[m_result.prediction.spots[spot].frame].tilt;
+    }
+    result.observedTilt = result.tilt;
+    if (sum > 3 * std::sqrt(std::max(variance, 1e-9)) && sum > 0) {
+        const double mean = moment / sum;
+        for (std::uint32_t n = 0; n < predicted.spotCount; ++n) {
+            const std::uint32_t spot = predicted.firstSpot + n;
+            const FramePose& pose = frames[m_result.prediction.spots[spot].frame];
+            const double offset = pose.tilt - mean;
+            // Within a frame the counts may lie anywhere.
+            const double within = m_rocking.mode == RotationMode::Continuous ? pose.rotation : 0;
+            variance += m_result.fitted[spot].variance * offset * offset +
+                        std::pow(m_result.fitted[spot].counts * within, 2) / 12;
+        }
+        result.observedTilt = mean / kDegree;
+        result.observedTiltSigma = std::sqrt(variance) / sum / kDegree;
+    }
+    return result;
+}
+
+void Integrator::assemble() {
+    m_result.reflections.clear();
+    for (std::uint32_t i = 0; i < m_result.prediction.reflections.size(); ++i)
+        if (1 / m_result.prediction.reflections[i].length >= m_result.dMin)
+            m_result.reflections.push_back(assembled(i, m_sums));
+    std::sort(m_result.reflections.begin(), m_result.reflections.end(),
+              [](const IntegratedReflection& a, const IntegratedReflection& b) {
+                  return std::tie(a.h, a.k, a.l) < std::tie(b.h, b.k, b.l);
+              });
+}
+
+IntegrationResult Integrator::run() {
+    check(m_input);
+    prepareDetector();
+    refine();
+    const double edge = edgeSpacing();
+    measure(m_options.dMin.value_or(edge));
+    m_result.dMin = m_options.dMin.value_or(edge);
+    m_result.noise = m_noise;
+    assemble();
+    if (!m_options.dMin) {
+        const double limit = resolutionOf(m_result.reflections);
+        m_result.resolutionFound = limit > m_result.dMin;
+        m_result.dMin = std::max(limit, m_result.dMin);
+        assemble();
+    }
+    return std::move(m_result);
+}
+
+}  // namespace
+
+IntegrationResult integrate(IntegrationInput input, const IntegrationOptions& options) {
+    return Integrator(std::move(input), options).run();
+}
+
+}  // namespace vrk

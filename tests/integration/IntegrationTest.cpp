@@ -1,0 +1,205 @@
+#include "pipeline/integration/Integration.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+
+#include "SimulatedInput.h"
+#include "pipeline/base/Failure.h"
+
+namespace {
+
+using namespace vrk;
+using test::simulatedInput;
+using test::SimulatedInput;
+using test::tiltRange;
+
+SimulationSettings smallCrystal() {
+    SimulationSettings settings;
+    settings.cell = {6.3, 7.1, 8.4, 90, 103, 90};
+    settings.detector.size = 256;
+    settings.spotWidth = 1.0;
+    settings.tilts = tiltRange(-50, 50, 1);
+    settings.axis = -35;
+    settings.centre.drift = 1.5;
+    settings.seed = 12;
+    return settings;
+}
+
+struct Agreement {
+    int reflections = 0;
+    double rFactor = 0;  ///< of the amplitudes
+    double worstMeanPull = 0;
+    double leastWidth = 10;
+    double largestWidth = 0;
+};
+
+/// Intensities against the truth; pulls in fifths by true intensity.
+Agreement agreementOf(const IntegrationResult& result, const SimulatedInput& simulated) {
+    struct Pair {
+        double truth, value, sigma;
+    };
+    // The curve's height goes down as its width goes up.
+    const SimulationSettings& settings = simulated.simulated.truth.settings;
+    const double scale = frameExposure(settings) * 0.0025 / settings.rockingWidth;
+    std::vector<Pair> pairs;
+    for (const IntegratedReflection& r : result.reflections) {
+        const auto truth = simulated.intensities.find({r.h, r.k, r.l});
+        if (r.good() && truth != simulated.intensities.end())
+            pairs.push_back({scale * truth->second, r.intensity, r.sigma});
+    }
+    Agreement agreement;
+    agreement.reflections = static_cast<int>(pairs.size());
+    std::sort(pairs.begin(), pairs.end(), [](const Pair& a, const Pair& b) { return a.truth < b.truth; });
+    double difference = 0, total = 0;
+    for (std::size_t fifth = 0; fifth < 5; ++fifth) {
+        double sum = 0, squares = 0, count = 0;
+        for (std::size_t i = pairs.size() * fifth / 5; i < pairs.size() * (fifth + 1) / 5; ++i) {
+            const double pull = (pairs[i].value - pairs[i].truth) / pairs[i].sigma;
+            sum += pull;
+            squares += pull * pull;
+            count += 1;
+            difference += std::abs(std::sqrt(std::max(pairs[i].value, 0.0)) - std::sqrt(pairs[i].truth));
+            total += std::sqrt(pairs[i].truth);
+        }
+        const double mean = sum / count;
+        const double width = std::sqrt(squares / count - mean * mean);
+        agreement.worstMeanPull = std::max(agreement.worstMeanPull, std::abs(mean));
+        agreement.leastWidth = std::min(agreement.leastWidth, width);
+        agreement.largestWidth = std::max(agreement.largestWidth, width);
+    }
+    agreement.rFactor = difference / total;
+    return agreement;
+}
+
+TEST(IntegrationTest, measuresTheTrueIntensities) {
+    struct Row {
+        const char* name;
+        void (*change)(SimulationSettings&);
+        double rFactor;
+        RotationMode mode;
+        bool corrected;  ///< the tilts
+    };
+    const auto nothing = [](SimulationSettings&) {};
+    const std::array<Row, 6> rows = {
+        {{"continuous", nothing, 0.035, RotationMode::Continuous, false},
+         {"wrong tilts", [](SimulationSettings& s) { s.tiltErrors.jitter = 0.12; }, 0.037,
+          RotationMode::Continuous, true},
+         {"stepwise", [](SimulationSettings& s) { s.mode = RotationMode::Stepwise; }, 0.04,
+          RotationMode::Stepwise, false},
+         {"precessed",
+          [](SimulationSettings& s) {
+              s.mode = RotationMode::Precession;
+              s.precessionAngle = 0.9;
+          },
+          0.045, RotationMode::Precession, false},
+         {"lost frames",
+          [](SimulationSettings& s) {
+              s.rockingWidth = 0.005;
+              s.missing = 12;
+          },
+          0.04, RotationMode::Continuous, false},
+         {"noisy camera",
+          [](SimulationSettings& s) {
+              s.detector.noise = 2;
+              s.background.halo = 4;
+          },
+          0.12, RotationMode::Continuous, false}}};
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        SimulationSettings settings = smallCrystal();
+        row.change(settings);
+        const SimulatedInput simulated = simulatedInput(settings, LATTICE::mP);
+        const IntegrationResult result = integrate(simulated.input);
+        EXPECT_EQ(result.fit.rocking.mode, row.mode);
+        if (row.corrected) {
+            EXPECT_EQ(result.fit.terms.empty() ? "" : result.fit.terms.back(), "tilts");
+        } else {
+            EXPECT_EQ(result.fit.terms, std::vector<std::string>{});
+        }
+        EXPECT_NEAR(result.dMin, settings.dmin, 0.015);
+        EXPECT_NEAR(result.extent.sigma, settings.spotWidth, 0.03);
+        EXPECT_NEAR(result.noise.gain, settings.detector.noise * settings.detector.noise,
+                    0.05 * settings.detector.noise * settings.detector.noise);
+        const std::array<double, 6> cell = simulated.truth.cell();
+        for (std::size_t i = 0; i < 6; ++i)
+            EXPECT_NEAR(result.fit.cell[i], cell[i], 3.5 * result.fit.cellSigma[i] + 1e-9);
+        const Agreement agreement = agreementOf(result, simulated);
+        EXPECT_GT(agreement.reflections, 1000);
+        EXPECT_LT(agreement.rFactor, row.rFactor);
+        EXPECT_LT(agreement.worstMeanPull, 0.2);
+        EXPECT_GT(agreement.leastWidth, 0.85);
+        EXPECT_LT(agreement.largestWidth, 1.15);
+    }
+}
+
+TEST(IntegrationTest, flagsWhatTheDetectorDidNotMeasure) {
+    SimulationSettings settings = smallCrystal();
+    settings.detector.cross = true;
+    settings.detector.saturation = 4000;
+    const SimulatedInput simulated = simulatedInput(settings, LATTICE::mP);
+    const IntegrationResult result = integrate(simulated.input);
+    EXPECT_EQ(result.saturation, 4000);
+    EXPECT_GT(result.deadPixels, 3U * 2 * 240);
+    int saturated = 0, masked = 0;
+    for (const IntegratedReflection& r : result.reflections) {
+        saturated += (r.flags & kReflectionSaturated) != 0 ? 1 : 0;
+        masked += (r.flags & kReflectionMasked) != 0 ? 1 : 0;
+        EXPECT_FALSE((r.flags & kReflectionSaturated) != 0 && r.good());
+    }
+    EXPECT_GT(saturated, 3);
+    EXPECT_GT(masked, 20);
+    const Agreement agreement = agreementOf(result, simulated);
+    EXPECT_LT(agreement.rFactor, 0.04);
+    EXPECT_LT(agreement.largestWidth, 1.2);
+}
+
+TEST(IntegrationTest, keepsToTheLimitsThatAreGiven) {
+    const SimulatedInput simulated = simulatedInput(smallCrystal(), LATTICE::mP);
+    IntegrationOptions options;
+    options.dMin = 1.1;
+    options.gain = 2.0;
+    options.mode = RotationMode::Stepwise;
+    const IntegrationResult result = integrate(simulated.input, options);
+    EXPECT_EQ(result.dMin, 1.1);
+    EXPECT_EQ(result.noise.gain, 2.0);
+    EXPECT_EQ(result.fit.rocking.mode, RotationMode::Stepwise);
+    EXPECT_FALSE(result.modeFound);
+    for (const IntegratedReflection& r : result.reflections)
+        EXPECT_GE(r.spacing, 1.1);
+}
+
+TEST(IntegrationTest, refusesWhatCannotBeIntegrated) {
+    struct Row {
+        const char* words;
+        void (*spoil)(IntegrationInput&);
+    };
+    const std::array<Row, 6> rows = {
+        {{"fewer than three frames",
+          [](IntegrationInput& in) {
+              in.frames.frames.resize(2);
+              in.geometry.frames.resize(2);
+          }},
+         {"wavelength", [](IntegrationInput& in) { in.geometry.wavelength = 0; }},
+         {"tilts do not ascend", [](IntegrationInput& in) { in.geometry.frames[4].tilt = 1; }},
+         {"differ in size", [](IntegrationInput& in) { in.frames.width = 200; }},
+         {"no volume", [](IntegrationInput& in) { in.geometry.reciprocal.setZero(); }},
+         {"check the tilt axis", [](IntegrationInput& in) {
+              static const std::vector<short> dark(256 * 256, 0);
+              std::fill(in.frames.frames.begin(), in.frames.frames.end(), std::span<const short>(dark));
+          }}}};
+    const SimulatedInput simulated = simulatedInput(smallCrystal(), LATTICE::mP);
+    for (const Row& row : rows) {
+        IntegrationInput input = simulated.input;
+        row.spoil(input);
+        try {
+            integrate(input);
+            ADD_FAILURE() << row.words;
+        } catch (const Failure& failure) {
+            EXPECT_NE(std::string(failure.what()).find(row.words), std::string::npos) << failure.what();
+        }
+    }
+}
+
+}  // namespace
