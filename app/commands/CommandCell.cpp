@@ -1,9 +1,11 @@
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <numbers>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -44,7 +46,8 @@ struct Result {
     LatticeScore score;
     Parameter parameter;
     bool automatic = false;
-    double rivalEvidence = 0.0;  ///< of the second best lattice
+    double rivalEvidence = 0.0;                ///< of the second best lattice
+    std::optional<Completeness> completeness;  ///< of a peak file, which tells what was recorded
     std::size_t reflections = 0;
     double pixelSize = 0.0;  ///< 0 is unknown
     UnitCell reciprocal;     ///< reduced; of pixel size 1 when that is unknown
@@ -53,8 +56,12 @@ struct Result {
     bool hasScale() const { return pixelSize > 0.0; }
 };
 
-const char* confidenceOf(const Result& result) {
-    return nameOf(vrk::confidenceOf({result.score, result.rivalEvidence, std::nullopt}));
+Verdict verdictOn(const Result& result) {
+    LatticeEvidence evidence;
+    evidence.score = result.score;
+    evidence.rivalEvidence = result.rivalEvidence;
+    evidence.completeness = result.completeness;
+    return vrk::verdictOn(evidence);
 }
 
 template <typename... Values>
@@ -208,6 +215,27 @@ void describe(Result& result) {
     result.symmetry = LatticeSymmetry::best(result.reciprocal);
 }
 
+/// The nodes of the lattice that have a point within the radius of the score. The curvature of the Ewald
+/// sphere is not known here; it matters at the rim of the recorded space alone.
+Completeness completenessOf(const Result& result, const Points& points, const PeakFileHead& head) {
+    constexpr double kDegree = std::numbers::pi / 180.0;
+    RecordedSpace space;
+    space.tiltFirst = head.firstTilt * kDegree;
+    space.tiltLast = head.lastTilt * kDegree;
+    space.halfWidth = 0.5 * head.size[0];
+    double nearest = space.halfWidth;
+    std::vector<Indices> indices;
+    const Eigen::Matrix3d inverse = result.lattice.basis.inverse();
+    for (const Vector3d& point : points) {
+        nearest = std::min(nearest, point.norm());
+        const Vector3d hkl = (inverse * (point - result.lattice.origin)).array().round();
+        if (distanceToNode(point, result.lattice, inverse) <= result.score.radius)
+            indices.push_back({static_cast<int>(hkl[0]), static_cast<int>(hkl[1]), static_cast<int>(hkl[2])});
+    }
+    space.zeroBeam = nearest;
+    return vrk::completenessOf(result.lattice, indices, space);
+}
+
 Result findCell(const Options& options, Host& host) {
     const PeakList peaks = readPeaks(options.peaks);
     std::vector<double> weights;
@@ -225,6 +253,8 @@ Result findCell(const Options& options, Host& host) {
     } else {
         result = searchFreely(points, weights, host);
     }
+    if (peaks.head && peaks.head->firstTilt < peaks.head->lastTilt)
+        result.completeness = completenessOf(result, points, *peaks.head);
     result.reflections = points.size();
     result.pixelSize = options.pixelSize > 0.0 ? options.pixelSize : peaks.head ? peaks.head->pixelSize : 0.0;
     if (!result.hasScale())
@@ -272,7 +302,9 @@ Json toJson(const Options& options, const Result& result) {
                            {"indexed", result.score.indexed},
                            {"fraction_indexed", result.score.fraction()},
                            {"radius_px", result.score.radius}};
-    json["confidence"] = {{"level", confidenceOf(result)},
+    const Verdict verdict = verdictOn(result);
+    json["confidence"] = {{"level", nameOf(verdict.level)},
+                          {"reasons", verdict.reasons},
                           {"evidence", result.score.evidence},
                           {"fraction_by_chance", result.score.chance},
                           {"runner_up_evidence", result.rivalEvidence}};
@@ -303,13 +335,16 @@ void report(std::ostream& out, const Options& options, const Result& result) {
     out << "reciprocal, voxels " << cellText(parametersOf(result.reciprocal), " %9.4f")
         << formatted(" %11.2f\n", result.reciprocal.getExactVolume());
     const LatticeScore& score = result.score;
+    const Verdict verdict = verdictOn(result);
     out << formatted("lattice             %s, misfit %.2f degrees\n",
                      LATTICE::shortName(result.symmetry.bravaisType), result.symmetry.qualityIndex)
         << formatted(
                "indexed             %d of %d reflections (%.1f %%; %.1f %% by chance) within %g voxels\n",
                score.indexed, score.points, 100.0 * score.fraction(), 100.0 * score.chance, score.radius)
-        << "confidence          " << confidenceOf(result) << '\n'
-        << formatted("parameters          --min-length %g --max-length %g --eps %g --min-points %d (%s)\n",
+        << "confidence          " << nameOf(verdict.level) << '\n';
+    for (const std::string& reason : verdict.reasons)
+        out << "  because           " << reason << '\n';
+    out << formatted("parameters          --min-length %g --max-length %g --eps %g --min-points %d (%s)\n",
                      result.parameter.getMinLength(), result.parameter.getMaxLength(),
                      result.parameter.getDBSCANEps(), result.parameter.getDBSCANMinPts(),
                      result.automatic ? "found" : "given")

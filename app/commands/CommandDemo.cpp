@@ -187,11 +187,11 @@ Comparison compare(const SimulationTruth& truth, const RunResult& result) {
     checks.push_back({"Bravais type", known.bravais, found.bravais, "", known.bravais == found.bravais});
 
     // Angles that differ by a half turn name the same line, seen with the other sense of tilt.
-    const double turn = result.axis.angle - truth.axis;
+    const double turn = result.refinedAxis() - truth.axis;
     comparison.axisError = std::remainder(turn, 180.0);
-    checks.push_back({"tilt axis", formatted("%.2f deg", truth.axis),
-                      formatted("%.2f deg", result.axis.angle), formatted("%+.2f deg", comparison.axisError),
-                      std::abs(comparison.axisError) <= kAxisLimit});
+    checks.push_back(
+        {"tilt axis", formatted("%.2f deg", truth.axis), formatted("%.2f deg", result.refinedAxis()),
+         formatted("%+.2f deg", comparison.axisError), std::abs(comparison.axisError) <= kAxisLimit});
     const bool opposite = std::abs(std::remainder(turn, 360.0)) > 90.0;
     // The simulated sphere lies at g n = +|g|^2 lambda / 2 for handedness +1. A reflection is found below
     // it, which the refinement calls the sense -1.
@@ -246,7 +246,7 @@ Json toJson(const Options& options, const SimulationTruth& truth, const RunResul
         if (!check.ok) failed.push_back(check.name);
     return {{"folder", options.folder.string()},
             {"truth", toJson(comparison.truth, truth.axis, comparison.expectedSense)},
-            {"found", toJson(comparison.found, result.axis.angle, result.indexed.refined.sense)},
+            {"found", toJson(comparison.found, result.refinedAxis(), result.indexed.refined.sense)},
             {"same_lattice", comparison.sameLattice},
             {"percent_indexed", comparison.percentIndexed},
             {"seconds", result.seconds.total},

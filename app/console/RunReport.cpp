@@ -1,8 +1,11 @@
 #include "console/RunReport.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
+#include <numbers>
 #include <string>
+#include <vector>
 
 #include "pipeline/base/NumberText.h"
 #include "pipeline/run/ResultFiles.h"
@@ -15,6 +18,36 @@ std::string senseText(const RefinedPositions& refinement) {
     if (refinement.sense == 0) return "not looked at";
     if (!refinement.decided) return "undecided";
     return refinement.sense > 0 ? "+1" : "-1";
+}
+
+/// What the instrument was found to do, in a line; empty when nothing.
+std::string instrumentText(const RefinedInstrument& instrument, double axis) {
+    using enum InstrumentTerm;
+    constexpr double kDegree = std::numbers::pi / 180.0;
+    const auto value = [&](InstrumentTerm term, double unit) {
+        return withUncertainty(instrument.model[term] / unit,
+                               instrument.sigma[static_cast<std::size_t>(term)] / unit);
+    };
+    std::vector<std::string> parts;
+    if (instrument.uses(EllipseCosine)) {
+        char azimuth[32];
+        std::snprintf(azimuth, sizeof azimuth, "%.1f",
+                      std::remainder(instrument.ellipseAzimuth() + axis, 180.0));
+        parts.push_back("ellipse " +
+                        withUncertainty(100.0 * instrument.ellipse(),
+                                        100.0 * instrument.sigma[static_cast<std::size_t>(EllipseCosine)]) +
+                        " % along " + azimuth + " degrees");
+    }
+    if (instrument.uses(Radial)) parts.push_back("radial " + value(Radial, 0.01) + " %");
+    if (instrument.uses(TiltScale))
+        parts.push_back("tilts " + value(TiltScale, 0.01) + " % larger than stated");
+    if (instrument.uses(AxisTurn)) parts.push_back("axis turned by " + value(AxisTurn, kDegree) + " degrees");
+    if (instrument.uses(AxisTilt))
+        parts.push_back("axis out of the frame by " + value(AxisTilt, kDegree) + " degrees");
+    std::string text;
+    for (const std::string& part : parts)
+        text += (text.empty() ? "" : ", ") + part;
+    return text;
 }
 
 }  // namespace
@@ -37,12 +70,15 @@ void printSummary(std::ostream& out, const RunResult& result) {
     const LatticeCharacter& answer = indexed.symmetry();
     print("series        %d frames of %d x %d, tilts %.2f to %.2f degrees", facts.size[2], facts.size[0],
           facts.size[1], facts.tiltFirst, facts.tiltLast);
-    print("tilt axis     %.2f degrees (%s)", result.axis.angle, result.axis.source.c_str());
+    print("tilt axis     %.2f degrees (%s), refined %.2f", result.axis.angle, result.axis.source.c_str(),
+          result.refinedAxis());
     printCell("reduced     ", refined);
     printCell("conventional", indexed.conventional);
     print("lattice       %s, misfit %.2f degrees, volume %.1f A^3, confidence %s",
           LATTICE::shortName(answer.bravaisType), answer.qualityIndex, indexed.conventional.volume,
-          nameOf(indexed.confidence));
+          nameOf(indexed.verdict.level));
+    for (const std::string& reason : indexed.verdict.reasons)
+        out << "  because     " << reason << '\n';
     for (std::size_t i = 1; i < std::min<std::size_t>(indexed.characters.size(), 4); ++i) {
         const LatticeCharacter& other = indexed.characters[i];
         const CellParameters& m = other.measured;
@@ -54,6 +90,8 @@ void printSummary(std::ostream& out, const RunResult& result) {
           refined.indexed, 100.0 * refined.fraction(), conventionalReflections(indexed).size(),
           indexed.resolution);
     print("residual      %.2f voxels", refined.rms);
+    if (const std::string text = instrumentText(indexed.instrument, result.axis.angle); !text.empty())
+        out << "instrument    " << text << '\n';
     out << "handedness    " << senseText(indexed.refined) << '\n';
     const CellSearchTrial& trial = result.lattice.best.trial;
     print(

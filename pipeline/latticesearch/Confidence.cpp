@@ -1,5 +1,7 @@
 #include "pipeline/latticesearch/Confidence.h"
 
+#include <cmath>
+
 namespace vrk {
 namespace {
 
@@ -7,7 +9,41 @@ namespace {
 constexpr double kLeastEvidence = 60.0;
 constexpr double kLeastFraction = 0.15;
 /// A rival with this share of the evidence leaves the choice open.
-constexpr double kRival = 0.8;
+constexpr double kRival = 0.9;
+
+/// What one level of confidence asks for.
+struct Demands {
+    double evidence;
+    double fraction;      ///< of the points of the search
+    double indexedShare;  ///< of all reflections
+    double bestShell;     ///< completeness of the most complete shell
+    double evenness;
+};
+constexpr Demands kHigh{300.0, 0.6, 0.8, 0.45, 0.55};
+constexpr Demands kFair{120.0, 0.4, 0.5, 0.25, 0.2};
+
+std::string percent(double share) {
+    return std::to_string(std::lround(100.0 * share)) + " %";
+}
+
+std::vector<std::string> shortcomings(const LatticeEvidence& known, const Demands& demands) {
+    std::vector<std::string> reasons;
+    const LatticeScore& score = known.score;
+    if (score.evidence < demands.evidence) reasons.push_back("few reflections support it");
+    if (known.indexedShare.value_or(1.0) < demands.indexedShare)
+        reasons.push_back("only " + percent(*known.indexedShare) + " of the reflections are indexed");
+    else if (score.fraction() < demands.fraction)
+        reasons.push_back("only " + percent(score.fraction()) + " of the reflections lie near its nodes");
+    if (!known.completeness) return reasons;
+    const Completeness& nodes = *known.completeness;
+    if (nodes.bestShell() < demands.bestShell)
+        reasons.push_back("only " + percent(nodes.bestShell()) +
+                          " of the nodes that the series recorded were found where most were");
+    if (nodes.evenness() < demands.evenness)
+        reasons.push_back(
+            "some classes of nodes are nearly empty: the cell may be a multiple of the true one");
+    return reasons;
+}
 
 }  // namespace
 
@@ -27,13 +63,20 @@ bool isConvincing(const LatticeScore& score) {
     return score.evidence >= kLeastEvidence && score.fraction() >= kLeastFraction;
 }
 
-Confidence confidenceOf(const LatticeEvidence& known) {
-    const LatticeScore& score = known.score;
-    const bool rivalled = known.rivalEvidence > kRival * score.evidence;
-    const bool mostIndexed = score.fraction() > 0.6 && known.indexedShare.value_or(1.0) > 0.75;
-    const bool halfIndexed = score.fraction() > 0.4 && known.indexedShare.value_or(1.0) > 0.5;
-    if (mostIndexed && score.evidence > 300.0 && !rivalled) return Confidence::High;
-    return halfIndexed && score.evidence > 120.0 ? Confidence::Fair : Confidence::Low;
+Verdict verdictOn(const LatticeEvidence& known) {
+    Verdict verdict;
+    verdict.reasons = shortcomings(known, kFair);
+    if (!verdict.reasons.empty()) return verdict;
+    verdict.level = Confidence::Fair;
+    verdict.reasons = shortcomings(known, kHigh);
+    if (known.rivalEvidence > kRival * known.score.evidence)
+        verdict.reasons.push_back("another lattice has " +
+                                  percent(known.rivalEvidence / known.score.evidence) + " of its evidence");
+    if (known.axisAssumed) verdict.reasons.push_back("the direction of the tilt axis was assumed");
+    if (!known.completeness)
+        verdict.reasons.push_back("it is not known which part of reciprocal space was recorded");
+    if (verdict.reasons.empty()) verdict.level = Confidence::High;
+    return verdict;
 }
 
 }  // namespace vrk

@@ -2,36 +2,15 @@
 
 #include <Eigen/Cholesky>
 #include <Eigen/Eigenvalues>
-#include <Eigen/Geometry>
 #include <Eigen/LU>
-#include <Eigen/SVD>
 #include <algorithm>
 #include <cmath>
 #include <limits>
-#include <numbers>
 
 namespace vrk {
 namespace {
 
 using Matrix4 = Eigen::Matrix4d;
-using Matrix34 = Eigen::Matrix<double, 3, 4>;
-using Vector12 = Eigen::Matrix<double, 12, 1>;
-using Vector7 = Eigen::Matrix<double, 7, 1>;
-
-constexpr double kDegree = std::numbers::pi / 180.0;
-
-/// a, b, c, alpha, beta, gamma (degrees) and volume of the direct cell of a reciprocal basis, lengths in the
-/// inverse of the basis' unit.
-Vector7 directCell(const Eigen::Matrix3d& reciprocalBasis) {
-    const Eigen::Matrix3d g = (reciprocalBasis.transpose() * reciprocalBasis).inverse();
-    const Eigen::Vector3d length = g.diagonal().cwiseSqrt();
-    const auto angle = [&](int i, int j) {
-        return std::acos(std::clamp(g(i, j) / (length(i) * length(j)), -1.0, 1.0)) / kDegree;
-    };
-    Vector7 cell;
-    cell << length, angle(1, 2), angle(0, 2), angle(0, 1), 1.0 / std::abs(reciprocalBasis.determinant());
-    return cell;
-}
 
 /// Standard deviations of directCell(basis * toReciprocalConventional) from the covariance of the basis.
 Vector7 directCellDeviations(const Eigen::Matrix3d& basis, const Eigen::Matrix3d& toReciprocalConventional,
@@ -166,113 +145,6 @@ Matrix12 expand(const Matrix4& nodes) {
     return full;
 }
 
-Vector12 flattened(const Matrix34& m) {
-    return Eigen::Map<const Vector12>(m.data());
-}
-
-/// Base vectors of the direct cell as columns: a along x, b in the xy plane.
-Eigen::Matrix3d directBasis(const std::array<double, 6>& cell) {
-    const auto& [a, b, c, alpha, beta, gamma] = cell;
-    const double ca = std::cos(alpha * kDegree), cb = std::cos(beta * kDegree),
-                 cg = std::cos(gamma * kDegree);
-    const double sg = std::sin(gamma * kDegree);
-    const double cy = (ca - cb * cg) / sg;
-    Eigen::Matrix3d basis;
-    basis << a, b * cg, c * cb, 0, b * sg, c * cy, 0, 0,
-        c * std::sqrt(std::max(1.0 - cb * cb - cy * cy, 0.0));
-    return basis;
-}
-
-/// A lattice whose conventional direct cell obeys ties, as a function of few numbers: the free lengths, the
-/// free angles (degrees), a rotation vector and the origin.
-class TiedLattice {
-public:
-    TiedLattice(const CellTies& ties, const Matrix34& start) : m_ties(ties) {
-        const Eigen::Matrix3d conventional = start.leftCols<3>() * ties.toConventional.inverse().transpose();
-        setCell(directCell(conventional));
-        // The rotation (or rotoinversion) that brings the tied cell closest to the start.
-        const Eigen::Matrix3d tied = reciprocalOf(m_values);
-        const Eigen::JacobiSVD<Eigen::Matrix3d> svd(conventional * tied.inverse(),
-                                                    Eigen::ComputeFullU | Eigen::ComputeFullV);
-        m_rotation = svd.matrixU() * svd.matrixV().transpose();
-        m_values.tail<3>() = start.col(3);
-    }
-
-    Eigen::Index size() const { return m_values.size(); }
-
-    Matrix34 model() const { return modelAt(m_values); }
-
-    /// Derivatives of the twelve numbers of the lattice by those of this class.
-    Eigen::Matrix<double, 12, Eigen::Dynamic> derivatives() const {
-        Eigen::Matrix<double, 12, Eigen::Dynamic> result(12, size());
-        for (Eigen::Index i = 0; i < size(); ++i) {
-            const double step = 1e-5 * std::max(std::abs(m_values(i)), i < m_lengths ? 1e-12 : 1.0);
-            Eigen::VectorXd up = m_values, down = m_values;
-            up(i) += step;
-            down(i) -= step;
-            result.col(i) = (flattened(modelAt(up)) - flattened(modelAt(down))) / (2.0 * step);
-        }
-        return result;
-    }
-
-    /// Moves by a step and makes the new orientation the reference of the next.
-    void move(const Eigen::VectorXd& step) {
-        m_values += step;
-        const Eigen::Vector3d turn = m_values.segment<3>(m_lengths + m_angles);
-        m_rotation = rotation(turn) * m_rotation;
-        m_values.segment<3>(m_lengths + m_angles).setZero();
-    }
-
-private:
-    void setCell(const Vector7& cell) {
-        m_lengths = *std::max_element(m_ties.length.begin(), m_ties.length.end()) + 1;
-        m_angles = static_cast<int>(std::count(m_ties.angle.begin(), m_ties.angle.end(), 0.0));
-        m_values = Eigen::VectorXd::Zero(m_lengths + m_angles + 6);
-        std::array<double, 3> count = {0, 0, 0};
-        for (std::size_t i = 0; i < 3; ++i) {
-            const int group = m_ties.length[i];
-            m_values(group) += cell(static_cast<Eigen::Index>(i));
-            count[static_cast<std::size_t>(group)] += 1.0;
-        }
-        for (int group = 0; group < m_lengths; ++group)
-            m_values(group) /= count[static_cast<std::size_t>(group)];
-        int next = m_lengths;
-        for (std::size_t i = 0; i < 3; ++i)
-            if (m_ties.angle[i] == 0.0) m_values(next++) = cell(static_cast<Eigen::Index>(i) + 3);
-    }
-
-    Eigen::Matrix3d reciprocalOf(const Eigen::VectorXd& values) const {
-        std::array<double, 6> cell{};
-        int next = m_lengths;
-        for (std::size_t i = 0; i < 3; ++i) {
-            cell[i] = values(m_ties.length[i]);
-            cell[i + 3] = m_ties.angle[i] == 0.0 ? values(next++) : m_ties.angle[i];
-        }
-        return directBasis(cell).inverse().transpose();
-    }
-
-    Matrix34 modelAt(const Eigen::VectorXd& values) const {
-        const Eigen::Vector3d turn = values.segment<3>(m_lengths + m_angles);
-        Matrix34 m;
-        m.leftCols<3>() =
-            rotation(turn) * m_rotation * reciprocalOf(values) * m_ties.toConventional.transpose();
-        m.col(3) = values.tail<3>();
-        return m;
-    }
-
-    static Eigen::Matrix3d rotation(const Eigen::Vector3d& turn) {
-        const double angle = turn.norm();
-        if (angle == 0.0) return Eigen::Matrix3d::Identity();
-        return Eigen::AngleAxisd(angle, turn / angle).toRotationMatrix();
-    }
-
-    CellTies m_ties;
-    int m_lengths = 0;
-    int m_angles = 0;
-    Eigen::VectorXd m_values;
-    Eigen::Matrix3d m_rotation = Eigen::Matrix3d::Identity();
-};
-
 /// The inverse of DᵀWD with its rows and columns brought to one scale first.
 Eigen::MatrixXd scaledInverse(const Eigen::MatrixXd& matrix) {
     const Eigen::VectorXd scale = matrix.diagonal().cwiseMax(1e-300).cwiseSqrt().cwiseInverse();
@@ -289,7 +161,7 @@ Matrix34 applyTies(const CellTies& ties, const Matrix34& freeModel, const Matrix
     const Matrix12 weight = expand(nodes);
     for (int round = 0; round < 25; ++round) {
         const auto d = tied.derivatives();
-        const Vector12 off = flattened(freeModel) - flattened(tied.model());
+        const Eigen::Matrix<double, 12, 1> off = flattened(freeModel) - flattened(tied.model());
         const Eigen::VectorXd step =
             scaledInverse(d.transpose() * weight * d) * (d.transpose() * weight * off);
         if (!step.allFinite()) break;
@@ -520,43 +392,6 @@ Lattice fitWithin(std::span<const Eigen::Vector3d> points, const Lattice& start,
     }
     const double change = lattice.cellVolume() / start.cellVolume();
     return change > 0.8 && change < 1.25 ? lattice : start;
-}
-
-CellTies CellTies::of(LATTICE::BravaisTypes type, const Eigen::Matrix3d& toConventional) {
-    CellTies ties;
-    ties.toConventional = toConventional;
-    ties.any = true;
-    switch (type) {
-        case LATTICE::cP:
-        case LATTICE::cI:
-        case LATTICE::cF:
-            ties.length = {0, 0, 0};
-            ties.angle = {90.0, 90.0, 90.0};
-            break;
-        case LATTICE::tP:
-        case LATTICE::tI:
-            ties.length = {0, 0, 1};
-            ties.angle = {90.0, 90.0, 90.0};
-            break;
-        case LATTICE::hP:
-        case LATTICE::hR:
-            ties.length = {0, 0, 1};
-            ties.angle = {90.0, 90.0, 120.0};
-            break;
-        case LATTICE::oP:
-        case LATTICE::oI:
-        case LATTICE::oC:
-        case LATTICE::oF:
-            ties.angle = {90.0, 90.0, 90.0};
-            break;
-        case LATTICE::mP:
-        case LATTICE::mC:
-            ties.angle = {90.0, 0.0, 90.0};
-            break;
-        default:
-            ties.any = false;
-    }
-    return ties;
 }
 
 RefinedLattice describe(const LatticeFit& fit, const CellTies& ties) {

@@ -7,32 +7,16 @@
 #include <span>
 #include <vector>
 
-#include "crystallography/BravaisTypes.h"
 #include "pipeline/latticesearch/Lattice.h"
+#include "pipeline/latticesearch/TiedLattice.h"
 
 namespace vrk {
-
-using Matrix12 = Eigen::Matrix<double, 12, 12>;
 
 /// A reflection's place and its weight, the inverse of its variance relative to an ordinary reflection's.
 /// A weight of 0 takes a reflection out of the fit; it is indexed all the same.
 struct FitPoint {
     Eigen::Vector3d position;
     double weight = 1.0;
-};
-
-/// Which of the six parameters of the direct cell are tied. Equal numbers in `length` mean equal lengths;
-/// an angle of 0 is free, any other value fixed in degrees.
-struct CellTies {
-    std::array<int, 3> length = {0, 1, 2};
-    std::array<double, 3> angle = {0.0, 0.0, 0.0};
-    /// The conventional direct cell, to which the ties apply, is the fitted direct cell times this matrix.
-    Eigen::Matrix3d toConventional = Eigen::Matrix3d::Identity();
-    bool any = false;
-
-    /// The ties of a Bravais type (monoclinic: b unique; hP and hR: hexagonal axes). NoBravaisType and aP tie
-    /// nothing.
-    static CellTies of(LATTICE::BravaisTypes type, const Eigen::Matrix3d& toConventional);
 };
 
 struct LatticeFit {

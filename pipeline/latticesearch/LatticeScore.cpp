@@ -42,6 +42,30 @@ std::vector<Matrix3d> hermiteForms(int index) {
     return forms;
 }
 
+/// The tilt at which a place relative to the origin was recorded, radians in half a turn.
+double tiltOf(const Vector3d& place) {
+    return std::atan2(place.z(), place.x()) -
+           (place.x() < 0.0 ? std::copysign(std::numbers::pi, place.z()) : 0.0);
+}
+
+/// Whether points come from few patterns: most of them lie within a narrow range of tilts that holds few of
+/// the others. Patterns whose centre is wrong put the reflections of a whole zone between the nodes, and only
+/// there; what belongs to the crystal is seen at all tilts.
+bool comeFromFewPatterns(std::vector<double> tilts, std::vector<double> otherTilts) {
+    constexpr double kWindow = 0.12;  // of the others
+    constexpr double kMost = 0.6;
+    std::sort(tilts.begin(), tilts.end());
+    std::sort(otherTilts.begin(), otherTilts.end());
+    const auto window = static_cast<std::size_t>(kWindow * static_cast<double>(otherTilts.size()));
+    if (window < 2) return false;
+    for (std::size_t i = 0; i + window < otherTilts.size(); i += std::max<std::size_t>(1, window / 8)) {
+        const auto from = std::lower_bound(tilts.begin(), tilts.end(), otherTilts[i]);
+        const auto to = std::upper_bound(tilts.begin(), tilts.end(), otherTilts[i + window]);
+        if (static_cast<double>(to - from) > kMost * static_cast<double>(tilts.size())) return true;
+    }
+    return false;
+}
+
 /// Whether the nodes that `fine` has and `coarse` has not are there for a reason: judged on the points that
 /// the coarse lattice leaves over.
 bool needsFineNodes(std::span<const Vector3d> points, const Lattice& coarse, const Lattice& fine,
@@ -49,20 +73,24 @@ bool needsFineNodes(std::span<const Vector3d> points, const Lattice& coarse, con
     const Matrix3d coarseInverse = coarse.basis.inverse();
     const Matrix3d fineInverse = fine.basis.inverse();
     int left = 0;
-    int explained = 0;
-    int kept = 0;
+    std::vector<double> keptTilts;
+    std::vector<double> explainedTilts;
     for (const Vector3d& point : points) {
         if (distanceToNode(point, coarse, coarseInverse) <= radius) {
-            ++kept;
+            keptTilts.push_back(tiltOf(point - coarse.origin));
             continue;
         }
         ++left;
-        if (distanceToNode(point, fine, fineInverse) <= radius) ++explained;
+        if (distanceToNode(point, fine, fineInverse) <= radius)
+            explainedTilts.push_back(tiltOf(point - coarse.origin));
     }
+    const int kept = static_cast<int>(keptTilts.size());
+    const int explained = static_cast<int>(explainedTilts.size());
     const double chance =
         std::min(0.5, sphereVolume(radius) * (1.0 / fine.cellVolume() - 1.0 / coarse.cellVolume()));
     return explained >= 8 && explained >= 0.04 * kept && explained >= 0.12 * left &&
-           evidenceOf(explained, left, chance) > 20.0;
+           evidenceOf(explained, left, chance) > 20.0 &&
+           !comeFromFewPatterns(std::move(explainedTilts), std::move(keptTilts));
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numbers>
 #include <optional>
 #include <utility>
 
@@ -19,6 +20,11 @@ constexpr LatticeTolerances kSymmetryTolerances{2.5, 0.03};
 constexpr double kWellIndexed = 0.95;
 /// A higher level must have this many reflections to be taken for its cleanness.
 constexpr std::size_t kEnoughReflections = 150;
+/// Ties that let the spread of the reflections about the nodes grow by no more than this, and lose no more of
+/// their indices, are those of the lattice.
+constexpr double kSameSpread = 1.04;
+constexpr double kSmallSpread = 0.01;  // voxels
+constexpr double kSameIndexed = 0.98;
 
 std::optional<RefinedPositions> refine(const Level& level, const Lattice& start, const SeriesFacts& facts,
                                        const CellTies& ties = {}) {
@@ -39,6 +45,19 @@ double finestSpacing(const RefinedPositions& refined) {
     return longest > 0.0 ? 1e10 / (longest * lattice.pixelSize) : 0.0;
 }
 
+RecordedSpace recordedSpace(const ReciprocalVolume& volume, const Level& level, int sense) {
+    constexpr double kDegree = std::numbers::pi / 180.0;
+    const SeriesFacts& facts = volume.facts;
+    RecordedSpace space;
+    space.tiltFirst = facts.tiltFirst * kDegree;
+    space.tiltLast = facts.tiltLast * kDegree;
+    space.halfWidth = 0.5 * volume.voxels->GetWidth();
+    space.zeroBeam = level.zeroBeam;
+    space.wavelength = facts.wavelength();
+    space.sense = sense;
+    return space;
+}
+
 Eigen::Matrix3d matrixOf(const LatticeCharacter& character) {
     Eigen::Matrix3d matrix;
     for (int i = 0; i < 3; ++i)
@@ -47,17 +66,72 @@ Eigen::Matrix3d matrixOf(const LatticeCharacter& character) {
     return matrix;
 }
 
-void analyseSymmetry(Indexed& result, const SeriesFacts& facts, const Lattice& start) {
-    const UnitCell cell = result.lattice().toUnitCell();
-    result.characters = LatticeSymmetry::analyse(cell, kSymmetryTolerances);
+InstrumentSettings instrumentSettings(const ReciprocalVolume& volume, int sense, const CellTies& ties) {
+    InstrumentSettings settings;
+    settings.halfWidth = 0.5 * volume.voxels->GetWidth();
+    settings.wavelength = volume.facts.wavelength();
+    settings.sense = sense;
+    settings.tolerance = kIndexTolerance;
+    settings.ties = ties;
+    return settings;
+}
+
+/// Whether the reflections determine the direction of the axis and find it where it was taken to be.
+bool confirmsAxis(const RefinedInstrument& instrument) {
+    constexpr double kMostTurn = 0.25 * std::numbers::pi / 180.0;
+    return instrument.valid && std::abs(instrument.model[InstrumentTerm::AxisTurn]) < kMostTurn &&
+           instrument.axisTurnSigma < 0.2 * kMostTurn;
+}
+
+/// Takes over positions that an instrument gives, with the free lattice on them.
+void takeInstrument(Indexed& result) {
+    std::vector<FitPoint> points;
+    for (const Eigen::Vector3d& position : result.instrument.positions)
+        points.push_back({position});
+    const LatticeFit fit = fitLattice(points, result.instrument.lattice.lattice, kIndexTolerance, {});
+    if (!fit.valid) return;
+    result.refined.positions = result.instrument.positions;
+    result.refined.indices = fit.indices;
+    result.refined.lattice = describe(fit, {});
+}
+
+/// The symmetry of the lattice, with the instrument's distortion taken into account: of the types that the
+/// cell nearly has, the highest whose ties leave the reflections as close to the nodes as no ties at all do.
+void analyseSymmetry(Indexed& result, const ReciprocalVolume& volume, const Lattice& start) {
+    const std::vector<Eigen::Vector3d> positions = result.level.positions();
+    const std::vector<double> tilts = result.level.tilts();
+    Lattice from = result.lattice();
+    const auto instrument = [&](const CellTies& ties) {
+        return refineInstrument(positions, tilts, from, volume.centre(),
+                                instrumentSettings(volume, result.refined.sense, ties));
+    };
+    result.instrument = instrument({});
+    if (result.instrument.valid) from.basis = result.instrument.lattice.lattice.basis;
+    result.characters = LatticeSymmetry::analyse(from.toUnitCell(), kSymmetryTolerances);
     if (result.characters.empty())
         throw Failure("the refined cell spans no lattice; " + whatToTry(), FailureKind::NothingFound);
     const std::array<double, 6>& sigma = result.refined.lattice.cellSigma;
     LatticeSymmetry::preferExactFit(result.characters, *std::max_element(sigma.begin() + 3, sigma.end()));
+
+    const RefinedInstrument free = result.instrument;
+    for (std::size_t i = 0; free.valid && i < result.characters.size(); ++i) {
+        const CellTies ties = CellTies::of(result.characters[i].bravaisType, matrixOf(result.characters[i]));
+        if (!ties.any) continue;
+        RefinedInstrument tied = instrument(ties);
+        if (!tied.valid || tied.lattice.sigma > kSameSpread * free.lattice.sigma + kSmallSpread ||
+            tied.lattice.indexed < kSameIndexed * free.lattice.indexed)
+            continue;
+        std::rotate(result.characters.begin(), result.characters.begin() + static_cast<std::ptrdiff_t>(i),
+                    result.characters.begin() + static_cast<std::ptrdiff_t>(i) + 1);
+        result.instrument = std::move(tied);
+        takeInstrument(result);
+        result.conventional = result.instrument.lattice;
+        return;
+    }
     const CellTies ties = CellTies::of(result.symmetry().bravaisType, result.toConventional());
-    Lattice from = result.lattice();
     from.origin = start.origin;
-    const std::optional<RefinedPositions> tied = refine(result.level, from, facts, ties);
+    const std::optional<RefinedPositions> tied = refine(result.level, from, volume.facts, ties);
+    if (result.instrument.valid) takeInstrument(result);
     result.conventional = tied ? tied->lattice : result.refined.lattice;
 }
 
@@ -101,7 +175,7 @@ std::size_t chooseLevel(std::size_t found, std::size_t levels,
 }
 
 Indexed indexReflections(std::vector<Level> levels, const LatticeChoice& choice,
-                         const ReciprocalVolume& volume, Session& session) {
+                         const ReciprocalVolume& volume, const TiltAxis& axis, Session& session) {
     const SeriesFacts& facts = volume.facts;
     Lattice start = choice.best.lattice;
     start.origin = volume.centre();
@@ -128,11 +202,18 @@ Indexed indexReflections(std::vector<Level> levels, const LatticeChoice& choice,
     if (!refined)
         throw Failure("the reflections could not be indexed; " + whatToTry(), FailureKind::NothingFound);
     result.refined = std::move(*refined);
+    analyseSymmetry(result, volume, start);
     result.resolution = finestSpacing(result.refined);
-    result.confidence =
-        confidenceOf({choice.best.score, choice.runnerUp ? choice.runnerUp->score.evidence : 0.0,
-                      result.refined.lattice.fraction()});
-    analyseSymmetry(result, facts, start);
+    result.completeness = completenessOf(result.lattice(), result.refined.indices,
+                                         recordedSpace(volume, result.level, result.refined.sense));
+    LatticeEvidence evidence;
+    evidence.score = choice.best.score;
+    if (choice.runnerUp) evidence.rivalEvidence = choice.runnerUp->score.evidence;
+    evidence.indexedShare = result.refined.lattice.fraction();
+    evidence.completeness = result.completeness;
+    // The instrument's refinement confirms or moves an axis that nobody stated; without it it stays a guess.
+    evidence.axisAssumed = axis.source == "assumed" && !confirmsAxis(result.instrument);
+    result.verdict = verdictOn(evidence);
     return result;
 }
 

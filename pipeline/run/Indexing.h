@@ -10,6 +10,8 @@
 #include "crystallography/LatticeSymmetry.h"
 #include "crystallography/UnitCell.h"
 #include "pipeline/base/Session.h"
+#include "pipeline/geometry/InstrumentRefinement.h"
+#include "pipeline/latticesearch/Completeness.h"
 #include "pipeline/latticesearch/Confidence.h"
 #include "pipeline/latticesearch/PositionRefinement.h"
 #include "pipeline/run/LatticeChoice.h"
@@ -21,9 +23,11 @@ struct Indexed {
     double cellThreshold = 0.0;                ///< of the level that gave the lattice
     RefinedPositions refined;                  ///< free, of the reduced cell
     RefinedLattice conventional;               ///< under the ties of its type
+    RefinedInstrument instrument;              ///< under the same ties; not valid where it was not refined
     std::vector<LatticeCharacter> characters;  ///< the answer first
-    Confidence confidence = Confidence::Low;
-    double resolution = 0.0;  ///< smallest spacing of an indexed reflection, Angstrom
+    Verdict verdict;
+    double resolution = 0.0;    ///< smallest spacing of an indexed reflection, Angstrom
+    Completeness completeness;  ///< of the nodes of the reduced cell
 
     const Lattice& lattice() const { return refined.lattice.lattice; }
     const LatticeCharacter& symmetry() const { return characters.front(); }
@@ -37,7 +41,7 @@ struct Indexed {
 /// leaving the lattice, indexes its reflections and finds the symmetry. Throws Failure (NothingFound) when
 /// the lattice cannot be refined.
 Indexed indexReflections(std::vector<Level> levels, const LatticeChoice& choice,
-                         const ReciprocalVolume& volume, Session& session);
+                         const ReciprocalVolume& volume, const TiltAxis& axis, Session& session);
 
 /// \name Its choices
 /// @{

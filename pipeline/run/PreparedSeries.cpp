@@ -18,29 +18,29 @@ CentredSeries centre(Series series, Session& session) {
 TiltAxis findAxis(const CentredSeries& series, const AxisChoice& choice, Session& session) {
     switch (choice.source) {
         case AxisChoice::Source::Given:
-            return {choice.angle, 0.0, "option"};
+            return {choice.angle, 0.0, "option", {}};
         case AxisChoice::Source::AlongY:
-            return {0.0, 0.0, "option"};
+            return {0.0, 0.0, "option", {}};
         case AxisChoice::Source::Search: {
             const TiltAxisResult found = findTiltAxis(*series.frames, TiltAxisMethod::TwoD, choice.accuracy,
                                                       choice.jobs, choice.folder, session);
-            return {found.angle, found.uncertainty, "search"};
+            return {found.angle, found.uncertainty, "search", {}};
         }
         case AxisChoice::Source::Series:
             break;
     }
-    if (series.facts.axis) return {*series.facts.axis, 0.0, "header"};
+    if (series.facts.axis) return {*series.facts.axis, 0.0, "header", {}};
     return {};
 }
 
-CentredSeries rotate(CentredSeries series, const TiltAxis& axis, Session& session) {
-    if (axis.angle == 0.0) return series;
+CentredSeries rotate(const CentredSeries& series, const TiltAxis& axis, Session& session) {
     VoxMRCstemProcessing processing;
     processing.registerObserver(&session.progress());
-    series.frames = runStage(session, "rotation", [&] {
-        return processing.step3_Rotation2TiltAxis(series.frames.get(), false, axis.angle, 0);
-    });
-    return series;
+    return {runStage(session, "rotation",
+                     [&] {
+                         return processing.step3_Rotation2TiltAxis(series.frames.get(), false, axis.angle, 0);
+                     }),
+            series.facts, series.noise};
 }
 
 }  // namespace vrk

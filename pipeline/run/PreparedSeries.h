@@ -3,6 +3,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
@@ -16,7 +17,8 @@ namespace vrk {
 struct TiltAxis {
     double angle = 0.0;
     double uncertainty = 0.0;        ///< standard uncertainty of a search; 0 otherwise
-    std::string source = "assumed";  ///< "option", "header", "search", "assumed"
+    std::string source = "assumed";  ///< "option", "header", "search", "assumed", "refined"
+    std::optional<double> stated;    ///< what an axis refined since was before, degrees
 };
 
 /// Square frames without hot spots, the direct beam in the middle, the background taken off.
@@ -31,6 +33,6 @@ CentredSeries centre(Series series, Session& session);
 TiltAxis findAxis(const CentredSeries& series, const AxisChoice& choice, Session& session);
 
 /// The same frames rotated so that the tilt axis lies along y.
-CentredSeries rotate(CentredSeries series, const TiltAxis& axis, Session& session);
+CentredSeries rotate(const CentredSeries& series, const TiltAxis& axis, Session& session);
 
 }  // namespace vrk

@@ -13,7 +13,7 @@ Eigen::Vector3d ReciprocalVolume::centre() const {
            Eigen::Vector3d(voxels->GetWidth() - 1.0, voxels->GetHeight() - 1.0, voxels->GetDepth() - 1.0);
 }
 
-ReciprocalVolume reconstruct(CentredSeries series, Session& session) {
+ReciprocalVolume reconstruct(const CentredSeries& series, Session& session) {
     VoxMRCstemProcessing processing;
     processing.registerObserver(&session.progress());
     std::unique_ptr<VoxMRCData> voxels = runStage(session, "reconstruction", [&] {
@@ -24,7 +24,7 @@ ReciprocalVolume reconstruct(CentredSeries series, Session& session) {
         header.sliceValues[static_cast<std::size_t>(SliceValue::TiltAngle)].data(),
         static_cast<std::size_t>(header.nz));
     SamplingGeometry sampling(voxels->GetWidth(), tilts, voxels->GetDepth());
-    return {std::move(voxels), std::move(sampling), std::move(series.noise), series.facts};
+    return {std::move(voxels), std::move(sampling), series.noise, series.facts};
 }
 
 }  // namespace vrk

@@ -21,7 +21,8 @@ struct ReciprocalVolume {
     Eigen::Vector3d centre() const;  ///< voxels
 };
 
-/// The frames are given back to the system when the volume is there. Throws Failure when there is no memory.
-ReciprocalVolume reconstruct(CentredSeries series, Session& session);
+/// \param series  its axis along y; not changed
+/// Throws Failure when there is no memory.
+ReciprocalVolume reconstruct(const CentredSeries& series, Session& session);
 
 }  // namespace vrk

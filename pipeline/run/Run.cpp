@@ -1,10 +1,21 @@
 #include "pipeline/run/Run.h"
 
 #include <chrono>
+#include <cmath>
+#include <numbers>
+#include <optional>
+#include <sstream>
 #include <utility>
+
+#include "pipeline/base/Failure.h"
 
 namespace vrk {
 namespace {
+
+/// The volume is built again when the refined axis is off by more than this, degrees: reflections break up
+/// then, and those far out are missed.
+constexpr double kAxisMoved = 0.25;
+constexpr int kMostRebuilds = 3;
 
 /// The result of a function; its time is added to the seconds.
 template <typename Function>
@@ -15,23 +26,142 @@ auto timed(double& seconds, Function function) {
     return result;
 }
 
+/// What one direction of the axis gives.
+struct Attempt {
+    TiltAxis axis;
+    ReciprocalVolume volume;
+    LatticeChoice lattice;
+    Indexed indexed;
+};
+
+/// One run after another over the same centred frames.
+class Attempts {
+public:
+    Attempts(const CentredSeries& series, const RunOptions& options, RunSeconds& seconds, Session& session)
+        : m_series(series), m_options(options), m_seconds(seconds), m_session(session) {}
+
+    /// Throws Failure when nothing is found.
+    Attempt at(const TiltAxis& axis) {
+        ReciprocalVolume volume = volumeAt(axis);
+        std::vector<Level> levels =
+            timed(m_seconds.search, [&] { return searchLevels(volume, m_options.search, m_session); });
+        LatticeChoice lattice =
+            timed(m_seconds.cell, [&] { return findLattice(levels, volume, m_options.cell, m_session); });
+        Indexed indexed = timed(m_seconds.index, [&] {
+            return indexReflections(std::move(levels), lattice, volume, axis, m_session);
+        });
+        return {axis, std::move(volume), std::move(lattice), std::move(indexed)};
+    }
+
+    /// The same; nothing, and the failure kept, where nothing is found.
+    std::optional<Attempt> tryAt(const TiltAxis& axis) {
+        try {
+            return at(axis);
+        } catch (const Failure& failure) {
+            if (failure.kind() != FailureKind::NothingFound) throw;
+            if (!m_failure) m_failure = failure;
+            return std::nullopt;
+        }
+    }
+
+    const Failure& firstFailure() const { return *m_failure; }
+
+private:
+    ReciprocalVolume volumeAt(const TiltAxis& axis) {
+        std::optional<CentredSeries> rotated;
+        if (axis.angle != 0.0)
+            rotated = timed(m_seconds.preprocess, [&] { return rotate(m_series, axis, m_session); });
+        return timed(m_seconds.reconstruct,
+                     [&] { return reconstruct(rotated ? *rotated : m_series, m_session); });
+    }
+
+    const CentredSeries& m_series;
+    const RunOptions& m_options;
+    RunSeconds& m_seconds;
+    Session& m_session;
+    std::optional<Failure> m_failure;
+};
+
+double turnOf(const Indexed& indexed) {
+    return indexed.instrument.valid
+               ? indexed.instrument.model[InstrumentTerm::AxisTurn] * 180.0 / std::numbers::pi
+               : 0.0;
+}
+
+/// How much of the volume an answer explains.
+double meritOf(const Attempt& attempt) {
+    const RefinedLattice& lattice = attempt.indexed.refined.lattice;
+    return lattice.indexed * lattice.fraction() * lattice.fraction();
+}
+
+/// Follows the axis that the reflections ask for as long as that explains more of them.
+void followAxis(Attempts& attempts, Attempt& best, Session& session) {
+    for (int rebuild = 0; rebuild < kMostRebuilds; ++rebuild) {
+        const double turn = turnOf(best.indexed);
+        if (std::abs(turn) < kAxisMoved) break;
+        TiltAxis axis = best.axis;
+        if (!axis.stated && axis.source != "assumed") axis.stated = axis.angle;
+        axis.angle = std::remainder(axis.angle + turn, 360.0);
+        axis.source = "refined";
+        std::optional<Attempt> next = attempts.tryAt(axis);
+        if (!next || meritOf(*next) <= meritOf(best)) break;
+        best = std::move(*next);
+    }
+    if (!best.axis.stated) return;
+    std::ostringstream text;
+    text.precision(4);
+    text << "the tilt axis was given as " << *best.axis.stated << " degrees; the reflections say "
+         << best.axis.angle << ", which was used";
+    session.warn(text.str());
+}
+
+bool isDoubtful(const std::optional<Attempt>& attempt) {
+    return !attempt || attempt->indexed.verdict.level == Confidence::Low ||
+           attempt->indexed.refined.lattice.fraction() < 0.7;
+}
+
+/// The axis of the search; nothing where that finds none either.
+std::optional<TiltAxis> searchedAxis(const CentredSeries& series, AxisChoice choice, Session& session) {
+    choice.source = AxisChoice::Source::Search;
+    const QuietLog quiet(session, QuietLog::Keep::InLogAlone);
+    try {
+        return findAxis(series, choice, session);
+    } catch (const Failure& failure) {
+        if (failure.kind() == FailureKind::Canceled) throw;
+        return std::nullopt;
+    }
+}
+
 }  // namespace
 
 RunResult run(const std::filesystem::path& path, const RunOptions& options, Session& session) {
     const auto start = std::chrono::steady_clock::now();
     RunSeconds s;
     Series series = timed(s.read, [&] { return loadSeries(path, options, session); });
-    CentredSeries centred = timed(s.preprocess, [&] { return centre(std::move(series), session); });
+    const CentredSeries centred = timed(s.preprocess, [&] { return centre(std::move(series), session); });
     TiltAxis axis = timed(s.tiltAxis, [&] { return findAxis(centred, options.axis, session); });
-    CentredSeries rotated = timed(s.preprocess, [&] { return rotate(std::move(centred), axis, session); });
-    ReciprocalVolume volume = timed(s.reconstruct, [&] { return reconstruct(std::move(rotated), session); });
-    std::vector<Level> levels =
-        timed(s.search, [&] { return searchLevels(volume, options.search, session); });
-    LatticeChoice lattice = timed(s.cell, [&] { return findLattice(levels, volume, options.cell, session); });
-    Indexed indexed =
-        timed(s.index, [&] { return indexReflections(std::move(levels), lattice, volume, session); });
+
+    Attempts attempts(centred, options, s, session);
+    const bool mayChoose = options.axis.source == AxisChoice::Source::Series;
+    std::optional<Attempt> best = mayChoose ? attempts.tryAt(axis) : attempts.at(axis);
+    if (best) followAxis(attempts, *best, session);
+    if (mayChoose && isDoubtful(best)) {
+        session.warn(
+            axis.source == "header"
+                ? "the tilt axis that the series states gives no convincing lattice; it is searched"
+                : "the series does not state its tilt axis, and along y gives no convincing lattice; "
+                  "it is searched");
+        const std::optional<TiltAxis> found =
+            timed(s.tiltAxis, [&] { return searchedAxis(centred, options.axis, session); });
+        std::optional<Attempt> searched;
+        if (found) searched = attempts.tryAt(*found);
+        if (searched) followAxis(attempts, *searched, session);
+        if (searched && (!best || meritOf(*searched) > meritOf(*best))) best = std::move(searched);
+    }
+    if (!best) throw attempts.firstFailure();
     s.total = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    return {std::move(axis), std::move(volume), std::move(lattice), std::move(indexed), s};
+    return {std::move(best->axis), std::move(best->volume), std::move(best->lattice),
+            std::move(best->indexed), s};
 }
 
 }  // namespace vrk

@@ -23,6 +23,8 @@ struct RunResult {
     RunSeconds seconds;
 
     const SeriesFacts& facts() const { return volume.facts; }
+    /// Direction of the axis as the reflections have it, degrees; that of the volume where they do not say.
+    double refinedAxis() const;
 };
 
 }  // namespace vrk

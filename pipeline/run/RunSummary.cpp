@@ -2,8 +2,10 @@
 
 #include <sys/resource.h>
 
+#include <cmath>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <numbers>
 #include <string>
 
 #include "pipeline/base/Failure.h"
@@ -89,11 +91,54 @@ Json reflectionsJson(const Indexed& indexed) {
             {"residual_px", lattice.rms}};
 }
 
+Json completenessJson(const Completeness& completeness, double pixelSize) {
+    const auto spacing = [&](double radius) {
+        return radius > 0.0 ? Json(1e10 / (radius * pixelSize)) : Json();
+    };
+    Json json = {{"nodes", completeness.all.nodes},
+                 {"found", completeness.all.found},
+                 {"share", completeness.all.share()},
+                 {"core_share", completeness.core.share()},
+                 {"evenness", completeness.evenness()},
+                 {"limit", spacing(completeness.limit)},
+                 {"half_limit", spacing(completeness.halfRadius)}};
+    json["shells"] = Json::array();
+    for (std::size_t i = 0; i < Completeness::kShells; ++i) {
+        const double outer =
+            completeness.limit * std::cbrt(static_cast<double>(i + 1) / Completeness::kShells);
+        const NodeCount& shell = completeness.shells[i];
+        json["shells"].push_back(
+            {{"spacing", spacing(outer)}, {"nodes", shell.nodes}, {"found", shell.found}});
+    }
+    json["parities"] = Json::array();
+    for (const NodeCount& parity : completeness.parities)
+        json["parities"].push_back({{"nodes", parity.nodes}, {"found", parity.found}});
+    return json;
+}
+
+Json instrumentJson(const RefinedInstrument& instrument) {
+    static constexpr std::array<const char*, kInstrumentTerms> kTerms = {
+        "axis_turn_deg", "ellipse_cos", "ellipse_sin", "radial", "tilt_scale", "axis_tilt_deg"};
+    static constexpr std::array<double, kInstrumentTerms> kUnits = {
+        180.0 / std::numbers::pi, 1.0, 1.0, 1.0, 1.0, 180.0 / std::numbers::pi};
+    Json json = {{"refined", instrument.valid}, {"residual_before_px", instrument.rmsBefore}};
+    json["terms"] = Json::array();
+    for (std::size_t t = 0; t < kInstrumentTerms; ++t) {
+        if (!instrument.used[t]) continue;
+        json["terms"].push_back({{"name", kTerms[t]},
+                                 {"value", kUnits[t] * instrument.model[static_cast<InstrumentTerm>(t)]},
+                                 {"esd", kUnits[t] * instrument.sigma[t]},
+                                 {"correlation", instrument.correlation[t]}});
+    }
+    return json;
+}
+
 Json confidenceJson(const RunResult& result) {
     const LatticeCandidate& best = result.lattice.best;
-    Json json = {{"level", nameOf(result.indexed.confidence)},
+    Json json = {{"level", nameOf(result.indexed.verdict.level)},
                  {"evidence", best.score.evidence},
                  {"fraction_by_chance", best.score.chance},
+                 {"reasons", result.indexed.verdict.reasons},
                  {"runner_up", nullptr}};
     if (const auto& other = result.lattice.runnerUp)
         json["runner_up"] = {{"evidence", other->score.evidence},
@@ -131,8 +176,12 @@ Json summaryJson(const std::filesystem::path& series, const RunResult& result,
     json["input"] = inputJson(series, result.facts());
     json["tilt_axis"] = {{"angle_deg", result.axis.angle}, {"source", result.axis.source}};
     if (result.axis.uncertainty > 0.0) json["tilt_axis"]["uncertainty_deg"] = result.axis.uncertainty;
+    json["tilt_axis"]["refined_deg"] = result.refinedAxis();
+    if (result.axis.stated) json["tilt_axis"]["stated_deg"] = *result.axis.stated;
+    json["instrument"] = instrumentJson(result.indexed.instrument);
     json["volume"] = {{"dims", {voxels.GetWidth(), voxels.GetHeight(), voxels.GetDepth()}}};
     json["reflections"] = reflectionsJson(result.indexed);
+    json["completeness"] = completenessJson(result.indexed.completeness, result.facts().pixelSize);
     json["cell"] = cellJson(result);
     json["confidence"] = confidenceJson(result);
     json["handedness"] = {{"sense", refined.sense},

@@ -1,0 +1,56 @@
+/// \file
+/// How an instrument maps reciprocal space onto patterns, beyond the ideal.
+#pragma once
+
+#include <Eigen/Core>
+#include <array>
+#include <cstddef>
+
+namespace vrk {
+
+/// What may be off in the geometry of an instrument, as small numbers.
+enum class InstrumentTerm : std::size_t {
+    AxisTurn,       ///< true minus assumed direction of the tilt axis in the frame, radians
+    EllipseCosine,  ///< e cos 2p: along the azimuth p lengths grow by 1 + e, across it they shrink by 1 - e
+    EllipseSine,    ///< e sin 2p; p from the assumed radial direction x towards the axis y
+    Radial,         ///< relative displacement outwards at half a frame's width from the centre
+    TiltScale,      ///< true over stated tilt, less 1
+    AxisTilt        ///< by which the axis leaves the plane of the frame towards z, radians
+};
+inline constexpr std::size_t kInstrumentTerms = 6;
+
+/// A reflection where a pattern showed it: u across the assumed axis, v along it, w above the plane of the
+/// pattern, voxels from the centre of the pattern; and the stated tilt, radians.
+struct PatternPlace {
+    double u = 0.0;
+    double v = 0.0;
+    double w = 0.0;
+    double tilt = 0.0;
+
+    /// Of a place in the volume, in voxels from its centre: x = u cos t - w sin t, y = v, z = u sin t + w cos
+    /// t.
+    static PatternPlace of(const Eigen::Vector3d& relative, double tilt);
+};
+
+/// The terms applied, from recorded places to reciprocal space: the ellipse is taken out, then the radial
+/// term p1 = p (1 + k |p|^2 / R^2), the pattern is turned to the true axis, lifted onto the Ewald sphere and
+/// turned back by the true tilt about the true axis.
+class InstrumentModel {
+public:
+    /// \param halfWidth  R, voxels
+    /// \param curvature  s lambda / 2 in 1/voxel, s as in EwaldCurvature; 0 for a flat sphere
+    InstrumentModel(double halfWidth, double curvature) : m_halfWidth(halfWidth), m_curvature(curvature) {}
+
+    double& operator[](InstrumentTerm term) { return m_terms[static_cast<std::size_t>(term)]; }
+    double operator[](InstrumentTerm term) const { return m_terms[static_cast<std::size_t>(term)]; }
+
+    /// Relative to the place of 000, voxels.
+    Eigen::Vector3d toReciprocal(const PatternPlace& place) const;
+
+private:
+    double m_halfWidth;
+    double m_curvature;
+    std::array<double, kInstrumentTerms> m_terms{};
+};
+
+}  // namespace vrk

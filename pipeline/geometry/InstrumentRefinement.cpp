@@ -1,0 +1,341 @@
+#include "pipeline/geometry/InstrumentRefinement.h"
+
+#include <Eigen/Cholesky>
+#include <Eigen/Geometry>
+#include <Eigen/LU>
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <numbers>
+
+namespace vrk {
+namespace {
+
+using Eigen::MatrixXd;
+using Eigen::Vector3d;
+using Eigen::VectorXd;
+using Terms = std::array<bool, kInstrumentTerms>;
+
+constexpr double kTukeyLimit = 6.3;  // standard deviations of one coordinate
+constexpr double kMedianOfChi3 = 1.5381722544550522;
+constexpr double kSmallestSigma = 1e-4;    // voxels
+constexpr std::size_t kFewestPoints = 60;  // for a term to be tried
+constexpr std::size_t kEnoughPoints = 2500;
+constexpr double kLeastShift = 0.05;  // voxels that a term must move reflections
+/// Steps of the numerical derivatives: far below what matters, far above rounding.
+constexpr double kStep = 1e-6;
+
+InstrumentTerm termOf(std::size_t i) {
+    return static_cast<InstrumentTerm>(i);
+}
+
+/// The state of the fit: an instrument and the lattice of the places that it gives.
+struct State {
+    InstrumentModel model;
+    TiedLattice lattice;
+    double cost = std::numeric_limits<double>::infinity();  ///< robust, in squared voxels per coordinate
+    double sigma = 0.0;
+    std::size_t count = 0;
+};
+
+/// The points of one refinement.
+class Fit {
+public:
+    Fit(std::span<const Vector3d> positions, std::span<const double> tilts, const Vector3d& centre,
+        const InstrumentSettings& settings)
+        : m_centre(centre), m_settings(settings) {
+        for (std::size_t i = 0; i < positions.size(); ++i)
+            m_places.push_back(PatternPlace::of(positions[i] - centre, tilts[i]));
+        for (const PatternPlace& place : m_places)
+            if (const double distance = std::hypot(place.u, place.v); std::isfinite(distance))
+                m_farthest = std::max(m_farthest, distance);
+        m_indices.resize(m_places.size());
+    }
+
+    /// Refines from the inside out with a choice of terms.
+    State refined(const State& start, const Terms& used) {
+        State state = start;
+        for (const double share : {0.35, 0.5, 0.7, 0.85, 1.0})
+            for (int round = 0; round < (share < 1.0 ? 2 : 5); ++round) {
+                State trial = state;
+                if (improve(trial, used, share * m_farthest))
+                    state = trial;
+                else if (share == 1.0)
+                    return start;
+            }
+        assess(state);
+        return state;
+    }
+
+    /// Robust cost of a state over all points that it indexes.
+    void assess(State& state) {
+        index(state, m_farthest);
+        std::vector<double> lengths = residuals(state);
+        state.count = lengths.size();
+        state.sigma = sigmaOf(lengths);
+        // Points that lose their node pay the full price, so that fewer indices are no gain.
+        const double limit = kTukeyLimit * referenceSigma(state);
+        double sum = limit * limit * static_cast<double>(m_places.size() - lengths.size());
+        for (const double length : lengths)
+            sum += std::min(length * length, limit * limit);
+        state.cost = sum;
+    }
+
+    /// Fixes the spread that costs are compared in.
+    void setReference(double sigma) { m_reference = sigma; }
+    double reference() const { return m_reference; }
+    std::size_t size() const { return m_places.size(); }
+
+    /// How far a term moves the indexed points, root mean square in voxels.
+    double shiftOf(const State& state, InstrumentTerm term) const {
+        InstrumentModel without = state.model;
+        without[term] = 0.0;
+        double sum = 0.0;
+        for (std::size_t i : m_used)
+            sum += (state.model.toReciprocal(m_places[i]) - without.toReciprocal(m_places[i])).squaredNorm();
+        return m_used.empty() ? 0.0 : std::sqrt(sum / static_cast<double>(m_used.size()));
+    }
+
+    /// Normal matrix of terms and lattice, terms first, at the state; weights of its residuals.
+    MatrixXd normalMatrix(const State& state, const Terms& used) {
+        VectorXd right;
+        return normal(state, used, right);
+    }
+
+    Vector3d place(const State& state, std::size_t i) const {
+        return state.model.toReciprocal(m_places[i]) + m_centre;
+    }
+
+private:
+    double referenceSigma(const State& state) const { return m_reference > 0.0 ? m_reference : state.sigma; }
+
+    void index(const State& state, double radius) {
+        const Matrix34 model = state.lattice.model();
+        const Eigen::Matrix3d inverse = model.leftCols<3>().inverse();
+        m_used.clear();
+        for (std::size_t i = 0; i < m_places.size(); ++i) {
+            if (!(std::hypot(m_places[i].u, m_places[i].v) <= radius)) continue;
+            const Vector3d q = inverse * (place(state, i) - model.col(3));
+            m_indices[i] = indexPosition(q, m_settings.tolerance);
+            if (m_indices[i][0] != kNotIndexed && m_indices[i] != Indices{0, 0, 0}) m_used.push_back(i);
+        }
+    }
+
+    Eigen::Vector4d node(std::size_t i) const {
+        return Vector3d(m_indices[i][0], m_indices[i][1], m_indices[i][2]).homogeneous();
+    }
+
+    std::vector<double> residuals(const State& state) const {
+        const Matrix34 model = state.lattice.model();
+        std::vector<double> lengths;
+        lengths.reserve(m_used.size());
+        for (std::size_t i : m_used)
+            lengths.push_back((place(state, i) - model * node(i)).norm());
+        return lengths;
+    }
+
+    static double sigmaOf(std::vector<double> lengths) {
+        if (lengths.empty()) return kSmallestSigma;
+        const auto middle = lengths.begin() + static_cast<std::ptrdiff_t>(lengths.size() / 2);
+        std::nth_element(lengths.begin(), middle, lengths.end());
+        return std::max(*middle / kMedianOfChi3, kSmallestSigma);
+    }
+
+    MatrixXd normal(const State& state, const Terms& used, VectorXd& right) {
+        const Matrix34 model = state.lattice.model();
+        const auto chain = state.lattice.derivatives();
+        const double limit = kTukeyLimit * sigmaOf(residuals(state));
+        const auto terms = static_cast<Eigen::Index>(std::count(used.begin(), used.end(), true));
+        const Eigen::Index size = terms + state.lattice.size();
+        MatrixXd matrix = MatrixXd::Zero(size, size);
+        right = VectorXd::Zero(size);
+        Eigen::Matrix<double, 3, Eigen::Dynamic> rows(3, size);
+        for (std::size_t i : m_used) {
+            const Vector3d off = place(state, i) - model * node(i);
+            const double ratio = off.norm() / limit;
+            if (ratio >= 1.0) continue;
+            const double weight = (1.0 - ratio * ratio) * (1.0 - ratio * ratio);
+            Eigen::Index column = 0;
+            for (std::size_t t = 0; t < kInstrumentTerms; ++t) {
+                if (!used[t]) continue;
+                InstrumentModel moved = state.model;
+                moved[termOf(t)] += kStep;
+                rows.col(column++) = (moved.toReciprocal(m_places[i]) + m_centre - place(state, i)) / kStep;
+            }
+            const Eigen::Vector4d hkl = node(i);
+            rows.rightCols(state.lattice.size()).setZero();
+            for (Eigen::Index part = 0; part < 4; ++part)
+                rows.rightCols(state.lattice.size()) -= hkl(part) * chain.middleRows(3 * part, 3);
+            matrix.noalias() += weight * rows.transpose() * rows;
+            right.noalias() -= weight * rows.transpose() * off;
+        }
+        return matrix;
+    }
+
+    /// One step over the points within a radius. False when they do not determine one.
+    bool improve(State& state, const Terms& used, double radius) {
+        index(state, radius);
+        VectorXd right;
+        const MatrixXd matrix = normal(state, used, right);
+        if (m_used.size() < kFewestPoints || !(matrix.diagonal().minCoeff() > 0.0)) return false;
+        const VectorXd scale = matrix.diagonal().cwiseSqrt().cwiseInverse();
+        const Eigen::LDLT<MatrixXd> factors(scale.asDiagonal() * matrix * scale.asDiagonal());
+        if (factors.info() != Eigen::Success || !(factors.vectorD().minCoeff() > 1e-7)) return false;
+        const VectorXd step = scale.asDiagonal() * factors.solve(scale.asDiagonal() * right);
+        if (!step.allFinite()) return false;
+        Eigen::Index column = 0;
+        for (std::size_t t = 0; t < kInstrumentTerms; ++t)
+            if (used[t]) state.model[termOf(t)] += step(column++);
+        state.lattice.move(step.tail(state.lattice.size()));
+        return isSane(state.model);
+    }
+
+    /// Instruments that a fit ran away with.
+    static bool isSane(const InstrumentModel& model) {
+        return std::abs(model[InstrumentTerm::AxisTurn]) < 0.5 &&
+               std::abs(model[InstrumentTerm::AxisTilt]) < 0.5 &&
+               std::abs(model[InstrumentTerm::TiltScale]) < 0.3 &&
+               std::abs(model[InstrumentTerm::Radial]) < 0.2 &&
+               std::hypot(model[InstrumentTerm::EllipseCosine], model[InstrumentTerm::EllipseSine]) < 0.1;
+    }
+
+    Vector3d m_centre;
+    const InstrumentSettings& m_settings;
+    std::vector<PatternPlace> m_places;
+    std::vector<Indices> m_indices;
+    std::vector<std::size_t> m_used;
+    double m_farthest = 0.0;
+    double m_reference = 0.0;
+};
+
+/// Terms that stand or fall together.
+std::vector<std::vector<InstrumentTerm>> candidates(const CellTies& ties) {
+    using enum InstrumentTerm;
+    std::vector<std::vector<InstrumentTerm>> groups = {{AxisTurn}, {Radial}, {TiltScale}, {AxisTilt}};
+    if (ties.any) groups.push_back({EllipseCosine, EllipseSine});
+    return groups;
+}
+
+/// Half of the information criterion's gain of a trial over a state, with as many more numbers.
+double gainOf(const Fit& fit, const State& state, const State& trial, std::size_t numbers) {
+    const double count = 3.0 * static_cast<double>(fit.size());
+    return 0.5 * count * std::log(state.cost / trial.cost) -
+           0.5 * static_cast<double>(numbers) * std::log(count);
+}
+
+/// Takes in the terms that earn it, the best first.
+State select(Fit& fit, State state, const CellTies& ties, Terms& used) {
+    std::vector<std::vector<InstrumentTerm>> left = candidates(ties);
+    while (!left.empty()) {
+        State best = state;
+        double bestGain = 0.0;
+        std::size_t chosen = left.size();
+        for (std::size_t i = 0; i < left.size(); ++i) {
+            Terms trialTerms = used;
+            for (InstrumentTerm term : left[i])
+                trialTerms[static_cast<std::size_t>(term)] = true;
+            const State trial = fit.refined(state, trialTerms);
+            const double gain = gainOf(fit, state, trial, left[i].size());
+            const bool matters = std::any_of(left[i].begin(), left[i].end(), [&](InstrumentTerm term) {
+                return fit.shiftOf(trial, term) > kLeastShift;
+            });
+            if (!matters || !(gain > bestGain)) continue;
+            best = trial;
+            bestGain = gain;
+            chosen = i;
+        }
+        if (chosen == left.size()) break;
+        for (InstrumentTerm term : left[chosen])
+            used[static_cast<std::size_t>(term)] = true;
+        left.erase(left.begin() + static_cast<std::ptrdiff_t>(chosen));
+        state = best;
+    }
+    return state;
+}
+
+/// Covariance of terms and lattice, terms first.
+MatrixXd covarianceOf(Fit& fit, State& state, const Terms& used) {
+    fit.assess(state);
+    const MatrixXd matrix = fit.normalMatrix(state, used);
+    const VectorXd scale = matrix.diagonal().cwiseMax(1e-300).cwiseSqrt().cwiseInverse();
+    const MatrixXd scaled = scale.asDiagonal() * matrix * scale.asDiagonal();
+    const MatrixXd inverse = scaled.ldlt().solve(MatrixXd::Identity(matrix.rows(), matrix.cols()));
+    return state.sigma * state.sigma * (scale.asDiagonal() * inverse * scale.asDiagonal());
+}
+
+void addUncertainties(Fit& fit, State& state, RefinedInstrument& result) {
+    const MatrixXd covariance = covarianceOf(fit, state, result.used);
+    const auto deviation = [&](Eigen::Index i) { return std::sqrt(std::max(covariance(i, i), 0.0)); };
+    Eigen::Index row = 0;
+    for (std::size_t t = 0; t < kInstrumentTerms; ++t) {
+        if (!result.used[t]) continue;
+        result.sigma[t] = deviation(row);
+        for (Eigen::Index other = 0; other < covariance.rows(); ++other)
+            if (other != row)
+                result.correlation[t] =
+                    std::max(result.correlation[t],
+                             std::abs(covariance(row, other)) / (deviation(row) * deviation(other)));
+        ++row;
+    }
+    Terms withAxis = result.used;
+    withAxis[static_cast<std::size_t>(InstrumentTerm::AxisTurn)] = true;
+    result.axisTurnSigma = std::sqrt(std::max(covarianceOf(fit, state, withAxis)(0, 0), 0.0));
+}
+
+}  // namespace
+
+double RefinedInstrument::ellipse() const {
+    return std::hypot(model[InstrumentTerm::EllipseCosine], model[InstrumentTerm::EllipseSine]);
+}
+
+double RefinedInstrument::ellipseAzimuth() const {
+    return 0.5 * std::atan2(model[InstrumentTerm::EllipseSine], model[InstrumentTerm::EllipseCosine]) *
+           180.0 / std::numbers::pi;
+}
+
+RefinedInstrument refineInstrument(std::span<const Vector3d> positions, std::span<const double> tilts,
+                                   const Lattice& start, const Vector3d& centre,
+                                   const InstrumentSettings& settings) {
+    RefinedInstrument result;
+    if (positions.size() != tilts.size() || positions.size() < kFewestPoints || !start.basis.allFinite())
+        return result;
+    const double curvature = settings.sense * 0.5 * settings.wavelength * start.pixelSize * 1e-10;
+    // A part of a long list determines a handful of numbers as well.
+    const std::size_t stride = 1 + positions.size() / kEnoughPoints;
+    std::vector<Vector3d> part;
+    std::vector<double> partTilts;
+    for (std::size_t i = 0; i < positions.size(); i += stride) {
+        part.push_back(positions[i]);
+        partTilts.push_back(tilts[i]);
+    }
+    Fit fit(part, partTilts, centre, settings);
+    Matrix34 from;
+    from << start.basis, start.origin;
+    State plain{InstrumentModel(settings.halfWidth, curvature), TiedLattice(settings.ties, from)};
+    plain = fit.refined(plain, {});
+    if (!std::isfinite(plain.cost)) return result;
+    fit.setReference(plain.sigma);
+    fit.assess(plain);
+    State state = select(fit, plain, settings.ties, result.used);
+    // The spread of the better model decides what is an outlier.
+    addUncertainties(fit, state, result);
+
+    std::vector<FitPoint> points;
+    for (std::size_t i = 0; i < positions.size(); ++i)
+        points.push_back(
+            {state.model.toReciprocal(PatternPlace::of(positions[i] - centre, tilts[i])) + centre});
+    const Matrix34 model = state.lattice.model();
+    const LatticeFit final = fitLattice(points, {model.leftCols<3>(), model.col(3), start.pixelSize},
+                                        settings.tolerance, settings.ties);
+    if (!final.valid) return result;
+    result.valid = true;
+    result.model = state.model;
+    result.lattice = describe(final, settings.ties);
+    result.indices = final.indices;
+    for (const FitPoint& point : points)
+        result.positions.push_back(point.position);
+    result.rmsBefore = std::sqrt(plain.cost / static_cast<double>(std::max<std::size_t>(fit.size(), 1)));
+    return result;
+}
+
+}  // namespace vrk

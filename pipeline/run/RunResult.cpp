@@ -1,0 +1,13 @@
+#include "pipeline/run/RunResult.h"
+
+#include <numbers>
+
+namespace vrk {
+
+double RunResult::refinedAxis() const {
+    const RefinedInstrument& instrument = indexed.instrument;
+    if (!instrument.valid || !instrument.uses(InstrumentTerm::AxisTurn)) return axis.angle;
+    return axis.angle + instrument.model[InstrumentTerm::AxisTurn] * 180.0 / std::numbers::pi;
+}
+
+}  // namespace vrk
