@@ -4,6 +4,7 @@
 #include "commands/Commands.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/frames/DataFiles.h"
+#include "pipeline/frames/FrameFormat.h"
 #include "pipeline/frames/SeriesImport.h"
 
 namespace vrk::app {
@@ -32,8 +33,10 @@ nlohmann::json reportJson(const Options& options, const ImportResult& result, co
             {"frames_used", result.framesUsed},
             {"duplicates", result.duplicates},
             {"empty", result.empty},
+            {"bad", result.bad},
             {"sum", result.sum},
             {"bin", options.settings.bin},
+            {"scale", result.scale},
             {"clipped", result.clipped},
             {"warnings", host.warnings()}};
 }
@@ -52,6 +55,7 @@ void report(Host& host, const Options& options, const ImportResult& result) {
     host.out() << options.output << ": " << header.nz << " slices of " << header.nx << " x " << header.ny
                << " pixels from " << result.framesUsed << " of " << result.framesFound << " frames";
     if (result.sum > 1) host.out() << ", " << result.sum << " added up at a time";
+    if (result.scale != 1) host.out() << ", counts x " << result.scale;
     host.out() << "\ntilts " << header.tilt(0) << " to " << header.tilt(header.nz - 1)
                << " degrees\npixel size " << orUnknown(header.m_pixelsize, " 1/m") << ", voltage "
                << orUnknown(header.value(SliceValue::HighTension, 0), " kV") << ", tilt axis "
@@ -78,9 +82,14 @@ void runImport(Host& host, const Options& options) {
 void addImportCommand(CLI::App& app, Host& host) {
     auto options = std::make_shared<Options>();
     ImportSettings& settings = options->settings;
-    CLI::App* command =
-        app.add_subcommand("import", "Make a tilt series from frames of SMV, TIFF and MRC files");
-    command->add_option("FRAMES", options->frames, "SMV, TIFF and MRC files, or .ed3d lists of them")
+    CLI::App* command = app.add_subcommand(
+        "import", "Make a tilt series from the frames of microscopes and collection programs");
+    command
+        ->add_option(
+            "FRAMES", options->frames,
+            "Files of frames (" + FrameFormat::names() +
+                ", also packed as .gz or .bz2), FILE.h5:/ARRAY, folders of frames, or lists that name "
+                "them (.ed3d, .pts, .mdoc, XDS.INP)")
         ->required()
         ->type_name("");
     command->add_option("-o,--output", options->output, "Series to write")
@@ -88,19 +97,24 @@ void addImportCommand(CLI::App& app, Host& host) {
         ->type_name("SERIES.mrc");
     command->add_option(
         "--tilts", settings.tilts,
-        "Tilts of the frames: a file (.tlt, .rawtlt, .mdoc) or START:STEP in degrees [from the frames]");
+        "Tilts of the frames: a list (.tlt, .rawtlt, .mdoc, .ed3d, .pts, XDS.INP, cRED_log.txt), which may "
+        "also state axis, voltage and pixel size, or START:STEP in degrees [from the frames]");
+    command->add_flag("--skip-bad", settings.skipBad,
+                      "Leave out frames that cannot be read, with a warning that names them");
     command->add_option("--sum", settings.sum,
                         "Neighbouring frames to add up [as few as fit into 300 slices]");
     command->add_option("--bin", settings.bin, "Pixels along each edge to add up into one")
         ->capture_default_str();
-    command->add_option("--scale", settings.scale, "Factor on the counts, which become 16-bit integers")
-        ->capture_default_str();
+    command->add_option(
+        "--scale", settings.scale,
+        "Factor on the counts, which become 16-bit integers [1 where counts fit, otherwise chosen "
+        "so that neither weak nor bright reflections are lost]");
     command->add_option("--pixel-size", settings.pixelSize,
                         "Pixel size of the frames as they are in the files, 1/m per pixel [from the frames]");
     command->add_option(
         "--axis", settings.axis,
-        "Direction of the tilt axis, degrees: along (-sin t, cos t), x to the right, y down [from an "
-        ".ed3d list, otherwise not stated]");
+        "Direction of the tilt axis, degrees: along (-sin t, cos t), x to the right, y down [from "
+        "the frames or the list, where they state it for patterns]");
     command->add_option("--voltage", settings.kilovolts, "High tension in kV [from the frames]");
     command->add_option("--log", options->log, "Write the library's messages to this file");
     command->add_flag("--json", options->json, "Print the summary as JSON");
@@ -110,13 +124,15 @@ void addImportCommand(CLI::App& app, Host& host) {
         "slices are written, more frames are added up. Frames need not be square.\n"
         "Memory: the series to be written and one frame.\n\n"
         "Examples:\n"
+        "  vrk import frames -o series.mrc                                 all frames of a folder\n"
         "  vrk import frames/*.img -o series.mrc --sum 2                   SMV: tilts and pixel size from "
         "the headers\n"
+        "  vrk import frames/*.img -o series.mrc --tilts XDS.INP           tilts, pixel size and axis from "
+        "XDS.INP\n"
         "  vrk import frames/*.tif -o series.mrc --tilts -60:0.5 --pixel-size 4.9e7    TIFF, single pages\n"
         "  vrk import movie.tif -o series.mrc --tilts movie.rawtlt --pixel-size 4.9e7  TIFF, many pages\n"
+        "  vrk import x_master.h5 -o series.mrc                            HDF5 with its data files\n"
         "  vrk import frames/1.ed3d -o series.mrc                          MRC frames with their .ed3d list\n"
-        "  vrk import stack.mrc -o series.mrc                              MRC stack with FEI extended "
-        "header\n"
         "  vrk import stack.mrc -o series.mrc --tilts stack.mrc.mdoc       MRC stack with .mdoc, .tlt or "
         ".rawtlt");
     command->callback([options, &host] { runImport(host, *options); });

@@ -5,12 +5,15 @@
 #include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "VoxCore/DataModel/VoxHistogram.h"
 #include "commands/Commands.h"
+#include "pictures/Pictures.h"
+#include "pipeline/base/Failure.h"
 #include "pipeline/frames/DataFiles.h"
 #include "pipeline/frames/FileReport.h"
 
@@ -23,6 +26,8 @@ struct Options {
     std::string file;
     bool json = false;
     bool slices = false;
+    std::string picture;
+    std::optional<double> axis;
 };
 
 struct Column {
@@ -266,12 +271,27 @@ void printText(Host& host, const Options& options, const VoxMRCData& data, std::
         host.out() << "  " << warning << '\n';
 }
 
+/// The pattern next to 0 degrees, with the axis that was given or that the series states.
+void drawPattern(const Options& options, const VoxMRCData& data) {
+    const mrcH& header = data.m_Header;
+    if (!isSeries(header))
+        throw Failure(options.file + " is a volume, which has no patterns; 'vrk sections' draws it");
+    int flattest = 0;
+    for (int z = 1; z < header.nz; ++z)
+        if (std::abs(header.tilt(z)) < std::abs(header.tilt(flattest))) flattest = z;
+    std::optional<double> axis = options.axis;
+    const double stated = header.value(SliceValue::TiltAxis, 0);
+    if (!axis && stated != 0) axis = stated;
+    writePattern(data, flattest, axis, options.picture);
+}
+
 void runInfo(Host& host, const Options& options) {
     // The report names every oddity itself.
     const QuietLog quiet(host.session(), QuietLog::Keep::UntilReleased);
     const std::unique_ptr<VoxMRCData> data = readMRC(options.file, host.session());
     const std::uintmax_t bytes = std::filesystem::file_size(options.file);
     const FileReport report = inspect(*data, bytes);
+    if (!options.picture.empty()) drawPattern(options, *data);
     if (options.json)
         printJson(host, options, *data, bytes, report);
     else
@@ -286,7 +306,12 @@ void addInfoCommand(CLI::App& app, Host& host) {
     command->add_option("file", options->file, "Tilt series or volume (MRC)")->required();
     command->add_flag("--json", options->json, "Print JSON and nothing else");
     command->add_flag("--slices", options->slices, "Add a table with the values of every slice");
-    command->footer("Example:\n  vrk info series.mrc --slices");
+    command
+        ->add_option("--picture", options->picture,
+                     "Draw the pattern next to 0 degrees, with the tilt axis where one is known")
+        ->type_name("FILE.png");
+    command->add_option("--axis", options->axis, "Axis to draw, degrees [as the series states]");
+    command->footer("Example:\n  vrk info series.mrc --slices --picture pattern.png");
     command->callback([&host, options] { runInfo(host, *options); });
 }
 

@@ -1,6 +1,10 @@
 #include "pictures/Pictures.h"
 
+#include <algorithm>
 #include <array>
+#include <cmath>
+#include <cstdio>
+#include <numbers>
 #include <system_error>
 
 #include "pipeline/base/Failure.h"
@@ -93,6 +97,37 @@ std::vector<fs::path> writeProjections(const VoxMRCData& volume, bool tga, const
 
 std::vector<fs::path> writeProjections(const VoxVolumeData& view, bool tga, const fs::path& folder) {
     return project(view, tga, folder);
+}
+
+void writePattern(const VoxMRCData& series, int slice, std::optional<double> axis, const fs::path& path) {
+    const mrcH& header = series.m_Header;
+    PlaneImage image(header.nx, header.ny);
+    const short* pixels = series.GetChunkPointer(static_cast<unsigned>(slice));
+    for (int y = 0; y < header.ny; ++y)
+        for (int x = 0; x < header.nx; ++x)
+            image.at(x, y) = pixels[static_cast<std::ptrdiff_t>(y) * header.nx + x];
+
+    ImageOverlay overlay;
+    std::array<char, 60> title{};
+    std::snprintf(title.data(), title.size(), "tilt %.2f", static_cast<double>(header.tilt(slice)));
+    overlay.title = title.data();
+    const double edge = std::min(header.nx, header.ny);
+    const double corner = 0.06 * edge;
+    overlay.lines.push_back({corner, header.ny - 3 * corner, 3 * corner, header.ny - 3 * corner, "x"});
+    overlay.lines.push_back({corner, header.ny - 3 * corner, corner, header.ny - corner, "y"});
+    if (axis) {
+        const double t = *axis * std::numbers::pi / 180;
+        const double x = 0.4 * edge * -std::sin(t);
+        const double y = 0.4 * edge * std::cos(t);
+        const double middleX = 0.5 * (header.nx - 1);
+        const double middleY = 0.5 * (header.ny - 1);
+        std::snprintf(title.data(), title.size(), "axis %.1f", *axis);
+        overlay.lines.push_back({middleX - x, middleY - y, middleX + x, middleY + y, title.data()});
+    }
+    OutputFile file(path);
+    if (!VoxOpenCV::SaveImage(image, file.path().string(), overlay))
+        throw Failure("cannot write the picture " + path.string() + "; check the folder and the free space");
+    file.commit();
 }
 
 }  // namespace vrk::app

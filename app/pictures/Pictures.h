@@ -3,6 +3,7 @@
 #pragma once
 
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -43,5 +44,11 @@ std::vector<std::filesystem::path> writeProjections(const VoxMRCData& volume, bo
                                                     const std::filesystem::path& folder);
 std::vector<std::filesystem::path> writeProjections(const VoxVolumeData& view, bool tga,
                                                     const std::filesystem::path& folder);
+
+/// Draws one pattern of a series with the pixel frame's x and y in a corner and an arrow along the tilt axis
+/// through the middle. Throws Failure when the picture cannot be written.
+/// \param axis  degrees, along (-sin t, cos t); not drawn when absent
+void writePattern(const VoxMRCData& series, int slice, std::optional<double> axis,
+                  const std::filesystem::path& path);
 
 }  // namespace vrk::app

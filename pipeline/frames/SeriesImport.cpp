@@ -1,17 +1,17 @@
 #include "pipeline/frames/SeriesImport.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cmath>
+#include <cstdio>
 #include <new>
 #include <span>
 
 #include "foundation/Version.h"
-#include "indexing/EwaldCurvature.h"
 #include "pipeline/base/Failure.h"
-#include "pipeline/frames/FrameFile.h"
+#include "pipeline/base/NumberList.h"
+#include "pipeline/frames/CountScale.h"
+#include "pipeline/frames/FrameCollection.h"
 #include "pipeline/frames/SeriesHeader.h"
-#include "pipeline/frames/TiltList.h"
 
 namespace vrk {
 namespace {
@@ -25,12 +25,19 @@ std::string textOf(double value) {
     return text;
 }
 
-/// A frame to be imported. Files are opened again for reading, so that not all of them are open at a time.
-struct Candidate {
-    std::shared_ptr<FrameFile> file;
-    int index = 0;
-    FrameInfo info;
-};
+/// The tilts of START:STEP.
+std::vector<double> regularTilts(const std::string& text, std::size_t count) {
+    if (text.find(':') == std::string::npos)
+        throw Failure("--tilts " + text + " is neither a file nor START:STEP, for instance -30:0.5");
+    const std::vector<double> range = numbersOf(text, ':', "--tilts");
+    if (range.size() != 2 || range[1] == 0)
+        throw Failure("--tilts takes START:STEP in degrees, for instance -30:0.5, not " + text,
+                      FailureKind::Usage);
+    std::vector<double> tilts;
+    for (std::size_t i = 0; i < count; ++i)
+        tilts.push_back(range[0] + static_cast<double>(i) * range[1]);
+    return tilts;
+}
 
 /// Frames that become one slice: candidates first ... first + count - 1.
 struct Group {
@@ -49,36 +56,42 @@ public:
 private:
     void checkSettings() const;
     void openFiles();
-    void openList(const std::filesystem::path& path);
-    void orderNames(std::vector<std::filesystem::path>& files) const;
     void assignTilts();
+    void countFromMiddle();
+    void dropBad();
     void checkSizes() const;
     void sortByTilt();
     void dropDuplicates();
     std::vector<Group> groupsOf(std::size_t sum) const;
     std::vector<Group> planGroups();
+    void refuseSingleSlice(const std::vector<Group>& groups) const;
     double typicalStep() const;
+    std::optional<Frame> readFrame(FrameReference& reference);
     bool addGroup(const Group& group, std::vector<float>& total, double& tilt, double& exposure);
     void addFrame(const Frame& frame, std::vector<float>& total) const;
     void store(const std::vector<float>& total, std::span<short> slice);
-    std::unique_ptr<VoxMRCData> readSlices(const std::vector<Group>& groups, std::vector<double>& tilts,
-                                           std::vector<double>& exposures);
-    void fillHeader(VoxMRCData& series, const std::vector<double>& tilts,
-                    const std::vector<double>& exposures);
+    bool readSlices(const std::vector<Group>& groups);
+    bool readScaled(const std::vector<Group>& groups);
+    void shortenSeries();
+    void fillHeader();
     template <class Member>
     std::optional<double> firstStated(Member member) const;
     void warnAboutLosses();
+    bool canceled() const { return m_progress && m_progress->canceled(); }
 
     const ImportSettings& m_settings;
     VoxProgressObserver* m_progress;
     const std::function<void(const std::string&)>& m_warn;
-    std::vector<Candidate> m_frames;
+    std::vector<FrameReference> m_frames;
+    std::vector<std::filesystem::path> m_listsNear;
+    std::vector<std::string> m_bad;
     ImportResult m_result;
+    std::vector<double> m_tilts;      ///< of the slices
+    std::vector<double> m_exposures;  ///< of the slices, seconds
+    CountScale m_counts;
     int m_width = 0;  ///< of a slice
     int m_height = 0;
-    bool m_cancelled = false;
-    bool m_fractions = false;  ///< some pixel was no integer
-    double m_largest = 0;      ///< largest pixel before rounding
+    int m_clippedSlices = 0;
     long long m_invalid = 0;   ///< pixels that were no finite numbers
     std::string m_emptyTilts;  ///< for the warning
 };
@@ -89,80 +102,75 @@ void Importer::checkSettings() const {
     };
     require(m_settings.sum >= 0, "--sum takes the number of frames to add up, 1 or more");
     require(m_settings.bin >= 1 && m_settings.bin <= 64, "--bin takes 1 to 64");
-    require(m_settings.scale > 0, "--scale takes a positive factor");
+    require(!m_settings.scale || *m_settings.scale > 0, "--scale takes a positive factor");
     require(!m_settings.pixelSize || *m_settings.pixelSize > 0,
             "--pixel-size takes a positive number of 1/metre");
 }
 
 void Importer::openFiles() {
-    std::vector<std::filesystem::path> files = m_settings.files;
-    orderNames(files);
-    for (const std::filesystem::path& path : files) {
-        if (path.extension() == ".ed3d") {
-            openList(path);
-            continue;
-        }
-        const std::shared_ptr<FrameFile> file = FrameFile::open(path);
-        if (!file->damage().empty()) throw Failure("cannot import " + path.string() + ": " + file->damage());
-        for (int i = 0; i < file->count(); ++i)
-            m_frames.push_back({file, i, file->info(i)});
-        if (m_progress && m_progress->canceled()) {
-            return;
-        }
-    }
+    FrameCollection collection =
+        collectFrames({m_settings.files, m_settings.skipBad}, m_warn, [this] { return canceled(); });
+    m_frames = std::move(collection.frames);
+    m_listsNear = std::move(collection.listsNear);
+    m_bad = std::move(collection.bad);
     m_result.framesFound = static_cast<int>(m_frames.size());
 }
 
-/// A shell's alphabetical order puts frame_10 before frame_2.
-void Importer::orderNames(std::vector<std::filesystem::path>& files) const {
-    const auto before = [](const auto& a, const auto& b) { return naturallyBefore(a.string(), b.string()); };
-    if (!std::is_sorted(files.begin(), files.end()) || std::is_sorted(files.begin(), files.end(), before))
-        return;
-    std::stable_sort(files.begin(), files.end(), before);
-    m_warn(
-        "the frames are taken in the order of the numbers in their names (2 before 10), not alphabetically");
-}
-
-void Importer::openList(const std::filesystem::path& path) {
-    const FrameList list = readFrameList(path);
-    for (const FrameList::Entry& entry : list.frames) {
-        const std::shared_ptr<FrameFile> file = FrameFile::open(entry.path);
-        if (file->count() != 1)
-            throw Failure("cannot import " + path.string() + ": " + entry.path.string() +
-                          " holds more than one frame");
-        FrameInfo info = file->info(0);
-        info.tilt = entry.tilt;
-        if (list.rotation) info.rotation = list.rotation;
-        if (list.pixelSize) info.pixelSize = list.pixelSize;
-        if (list.wavelength) info.kilovolts = EwaldCurvature::kiloVolts(*list.wavelength);
-        if (list.axis) info.axis = list.axis;
-        m_frames.push_back({file, 0, info});
-    }
-}
-
 void Importer::assignTilts() {
-    if (!m_settings.tilts.empty()) {
-        const TiltList list = readTilts(m_settings.tilts, m_frames.size());
-        for (std::size_t i = 0; i < m_frames.size(); ++i) {
-            m_frames[i].info.tilt = list.tilts[i];
-            if (!m_frames[i].info.kilovolts) m_frames[i].info.kilovolts = list.kilovolts;
+    std::vector<double> tilts;
+    std::error_code error;
+    if (std::filesystem::is_regular_file(m_settings.tilts, error)) {
+        const FrameList list = readFrameList(m_settings.tilts);
+        std::vector<std::filesystem::path> files;
+        for (FrameReference& frame : m_frames) {
+            files.push_back(frame.path);
+            describeBy(list, frame.info, true);
         }
+        tilts = list.tiltsFor(files);
+    } else if (!m_settings.tilts.empty()) {
+        tilts = regularTilts(m_settings.tilts, m_frames.size());
     }
-    for (const Candidate& frame : m_frames)
-        if (!frame.info.tilt)
-            throw Failure(
-                frame.file->path().string() +
-                " does not say at which tilt it was taken; give --tilts with a list (.tlt, .rawtlt, .mdoc) "
-                "or START:STEP");
+    for (std::size_t i = 0; i < tilts.size(); ++i)
+        m_frames[i].info.tilt = tilts[i];
+}
+
+/// Series that are counted from one end, as some programs do for falling angles, lie beyond the 90 degrees
+/// that a stage reaches. A constant angle turns the crystal's frame and nothing else.
+void Importer::countFromMiddle() {
+    const auto [least, most] =
+        std::minmax_element(m_frames.begin(), m_frames.end(),
+                            [](const auto& a, const auto& b) { return *a.info.tilt < *b.info.tilt; });
+    const double first = *least->info.tilt;
+    const double last = *most->info.tilt;
+    if ((first >= -90 && last <= 90) || last - first >= 180) return;
+    const double middle = (first + last) / 2;
+    m_warn("the tilts run from " + textOf(first) + " to " + textOf(last) + " degrees, beyond 90; " +
+           textOf(middle) + " is subtracted from all");
+    for (FrameReference& frame : m_frames)
+        *frame.info.tilt -= middle;
+}
+
+void Importer::dropBad() {
+    std::erase_if(m_frames, [](const FrameReference& frame) { return !frame.file; });
+    for (const FrameReference& frame : m_frames) {
+        if (frame.info.tilt) continue;
+        std::string lists;
+        for (const std::filesystem::path& list : m_listsNear)
+            lists += (lists.empty() ? "; lists lie beside it: " : ", ") + list.string();
+        throw Failure(frame.path.string() +
+                      " does not say at which tilt it was taken; give --tilts with a list (.tlt, .rawtlt, "
+                      ".mdoc, .ed3d, .pts, XDS.INP, cRED_log.txt) or START:STEP" +
+                      lists);
+    }
 }
 
 void Importer::checkSizes() const {
     const FrameInfo& first = m_frames.front().info;
-    for (const Candidate& frame : m_frames)
+    for (const FrameReference& frame : m_frames)
         if (frame.info.width != first.width || frame.info.height != first.height)
-            throw Failure("the frames have different sizes: " + m_frames.front().file->path().string() + " " +
+            throw Failure("the frames have different sizes: " + m_frames.front().path.string() + " " +
                           std::to_string(first.width) + " x " + std::to_string(first.height) + ", " +
-                          frame.file->path().string() + " " + std::to_string(frame.info.width) + " x " +
+                          frame.path.string() + " " + std::to_string(frame.info.width) + " x " +
                           std::to_string(frame.info.height) + "; import them separately");
     if (first.width < m_settings.bin || first.height < m_settings.bin)
         throw Failure("--bin " + std::to_string(m_settings.bin) + " leaves nothing of frames of " +
@@ -171,17 +179,18 @@ void Importer::checkSizes() const {
 }
 
 void Importer::sortByTilt() {
-    std::stable_sort(m_frames.begin(), m_frames.end(),
-                     [](const Candidate& a, const Candidate& b) { return *a.info.tilt < *b.info.tilt; });
+    std::stable_sort(m_frames.begin(), m_frames.end(), [](const FrameReference& a, const FrameReference& b) {
+        return *a.info.tilt < *b.info.tilt;
+    });
 }
 
 void Importer::dropDuplicates() {
-    std::vector<Candidate> kept;
+    std::vector<FrameReference> kept;
     std::string example;
-    for (Candidate& frame : m_frames) {
+    for (FrameReference& frame : m_frames) {
         if (!kept.empty() && *frame.info.tilt - *kept.back().info.tilt < kSameTilt) {
             if (example.empty())
-                example = frame.file->path().string() + " at " + textOf(*frame.info.tilt) + " degrees";
+                example = frame.path.string() + " at " + textOf(*frame.info.tilt) + " degrees";
             ++m_result.duplicates;
             continue;
         }
@@ -244,6 +253,18 @@ std::vector<Group> Importer::planGroups() {
     return groups;
 }
 
+/// A single slice is no series, and readers would take it for a volume.
+void Importer::refuseSingleSlice(const std::vector<Group>& groups) const {
+    if (groups.size() > 1) return;
+    if (m_frames.size() > 1)
+        throw Failure("--sum " + std::to_string(m_settings.sum) + " adds up all " +
+                          std::to_string(m_frames.size()) +
+                          " frames to one slice, which is no series; use a smaller --sum or leave it out",
+                      FailureKind::Usage);
+    throw Failure("there is only one frame that can be used, " + m_frames.front().path.string() +
+                  "; a tilt series needs frames at different tilts. Give all of them, or their folder");
+}
+
 void Importer::addFrame(const Frame& frame, std::vector<float>& total) const {
     const int bin = m_settings.bin;
     const int left = (frame.width - m_width * bin) / 2;
@@ -261,27 +282,41 @@ void Importer::addFrame(const Frame& frame, std::vector<float>& total) const {
     }
 }
 
+/// None when the frame cannot be read and such frames are to be skipped.
+std::optional<Frame> Importer::readFrame(FrameReference& reference) {
+    try {
+        return reference.file->read(reference.index);
+    } catch (const Failure& failure) {
+        const std::string reason = failure.what();
+        if (!m_settings.skipBad) throw Failure(reason + "; --skip-bad leaves out what cannot be read");
+        m_bad.push_back(reason);
+        reference.file.reset();
+        return std::nullopt;
+    }
+}
+
 /// Sums the frames of a slice that are not empty; false when all are.
 bool Importer::addGroup(const Group& group, std::vector<float>& total, double& tilt, double& exposure) {
     std::fill(total.begin(), total.end(), 0.0F);
     int added = 0;
     tilt = exposure = 0;
     for (std::size_t i = group.first; i < group.first + group.count; ++i) {
-        const Candidate& candidate = m_frames[i];
-        Frame frame = candidate.file->read(candidate.index);
-        for (float& pixel : frame.pixels)
+        FrameReference& reference = m_frames[i];
+        std::optional<Frame> frame = reference.file ? readFrame(reference) : std::nullopt;
+        if (!frame) continue;
+        for (float& pixel : frame->pixels)
             if (!std::isfinite(pixel)) {
                 pixel = 0;
                 ++m_invalid;
             }
-        if (std::all_of(frame.pixels.begin(), frame.pixels.end(), [](float pixel) { return pixel == 0; })) {
+        if (std::all_of(frame->pixels.begin(), frame->pixels.end(), [](float pixel) { return pixel == 0; })) {
             if (++m_result.empty <= 5)
-                m_emptyTilts += (m_result.empty > 1 ? ", " : "") + textOf(*candidate.info.tilt);
+                m_emptyTilts += (m_result.empty > 1 ? ", " : "") + textOf(*reference.info.tilt);
             continue;
         }
-        addFrame(frame, total);
-        tilt += *candidate.info.tilt;
-        exposure += candidate.info.exposure.value_or(0);
+        addFrame(*frame, total);
+        tilt += *reference.info.tilt;
+        exposure += reference.info.exposure.value_or(0);
         ++added;
     }
     m_result.framesUsed += added;
@@ -290,14 +325,13 @@ bool Importer::addGroup(const Group& group, std::vector<float>& total, double& t
 }
 
 void Importer::store(const std::vector<float>& total, std::span<short> slice) {
+    const long long before = m_result.clipped;
     for (std::size_t i = 0; i < total.size(); ++i) {
-        const double value = total[i] * m_settings.scale;
-        const double rounded = std::floor(value + 0.5);
-        m_fractions = m_fractions || value != rounded;
-        m_largest = std::max(m_largest, value);
+        const double rounded = std::floor(total[i] * m_result.scale + 0.5);
         if (rounded < -32768 || rounded > 32767) ++m_result.clipped;
         slice[i] = static_cast<short>(std::clamp(rounded, -32768.0, 32767.0));
     }
+    m_clippedSlices += m_result.clipped > before ? 1 : 0;
 }
 
 std::unique_ptr<VoxMRCData> create(int width, int height, std::size_t slices) {
@@ -307,44 +341,68 @@ std::unique_ptr<VoxMRCData> create(int width, int height, std::size_t slices) {
     return series;
 }
 
-std::unique_ptr<VoxMRCData> Importer::readSlices(const std::vector<Group>& groups, std::vector<double>& tilts,
-                                                 std::vector<double>& exposures) {
-    std::unique_ptr<VoxMRCData> series = create(m_width, m_height, groups.size());
-    const std::size_t pixels = series->GetChunkSize();
+/// Fills the series with the scale as it stands; false when cancelled.
+bool Importer::readSlices(const std::vector<Group>& groups) {
+    const std::size_t pixels = m_result.series->GetChunkSize();
     std::vector<float> total(pixels);
+    m_tilts.clear();
+    m_exposures.clear();
+    m_emptyTilts.clear();
+    m_result.framesUsed = m_result.empty = m_clippedSlices = 0;
+    m_result.clipped = m_invalid = 0;
+    m_counts = CountScale();
     if (m_progress) m_progress->setSteps(static_cast<int>(groups.size()), "import");
     for (std::size_t i = 0; i < groups.size(); ++i) {
         if (m_progress) m_progress->updateStep(static_cast<int>(i));
-        if (m_progress && m_progress->canceled()) return nullptr;
+        if (canceled()) return false;
         double tilt = 0;
         double exposure = 0;
         if (!addGroup(groups[i], total, tilt, exposure)) continue;
-        store(total, {series->GetChunkPointer(static_cast<unsigned>(tilts.size())), pixels});
-        tilts.push_back(tilt);
-        exposures.push_back(exposure);
+        m_counts.add(total);
+        store(total, {m_result.series->GetChunkPointer(static_cast<unsigned>(m_tilts.size())), pixels});
+        m_tilts.push_back(tilt);
+        m_exposures.push_back(exposure);
     }
-    if (tilts.empty()) throw Failure("all frames are empty: every pixel is zero");
-    if (tilts.size() == groups.size()) return series;
+    if (m_tilts.empty()) throw Failure("all frames are empty: every pixel is zero");
+    return true;
+}
 
-    std::unique_ptr<VoxMRCData> shorter = create(m_width, m_height, tilts.size());
+/// What the best scale is, is known when all frames have been seen.
+bool Importer::readScaled(const std::vector<Group>& groups) {
+    m_result.scale = m_settings.scale.value_or(1);
+    if (!readSlices(groups)) return false;
+    if (m_settings.scale || m_counts.choice() == 1) return true;
+    m_result.scale = m_counts.choice();
+    m_warn("the counts are multiplied by " + textOf(m_result.scale) + " to " +
+           (m_result.scale > 1 ? "keep their fractions in" : "fit into") + " 16-bit integers (" +
+           textOf(m_counts.smallest()) + " to " + textOf(m_counts.largest()) +
+           "); --scale sets another factor");
+    return readSlices(groups);
+}
+
+/// Leaves out the room of slices of which all frames were empty.
+void Importer::shortenSeries() {
+    if (m_tilts.size() == m_result.series->GetChunkCount()) return;
+    std::unique_ptr<VoxMRCData> shorter = create(m_width, m_height, m_tilts.size());
     for (unsigned z = 0; z < shorter->GetChunkCount(); ++z)
-        std::copy_n(series->GetChunkPointer(z), pixels, shorter->GetChunkPointer(z));
-    return shorter;
+        std::copy_n(m_result.series->GetChunkPointer(z), shorter->GetChunkSize(),
+                    shorter->GetChunkPointer(z));
+    m_result.series = std::move(shorter);
 }
 
 /// The first frame's value of a quantity that all frames ought to agree on.
 template <class Member>
 std::optional<double> Importer::firstStated(Member member) const {
-    for (const Candidate& frame : m_frames)
+    for (const FrameReference& frame : m_frames)
         if (frame.info.*member) return frame.info.*member;
     return std::nullopt;
 }
 
-void Importer::fillHeader(VoxMRCData& series, const std::vector<double>& tilts,
-                          const std::vector<double>& exposures) {
+void Importer::fillHeader() {
+    VoxMRCData& series = *m_result.series;
     const std::optional<double> stated = firstStated(&FrameInfo::pixelSize);
     if (!m_settings.pixelSize && stated)
-        for (const Candidate& frame : m_frames)
+        for (const FrameReference& frame : m_frames)
             if (frame.info.pixelSize && std::abs(*frame.info.pixelSize / *stated - 1) > 1e-3) {
                 m_warn("the frames state different pixel sizes, " + textOf(*stated) + " and " +
                        textOf(*frame.info.pixelSize) + " 1/m; the first is used, --pixel-size sets another");
@@ -357,12 +415,14 @@ void Importer::fillHeader(VoxMRCData& series, const std::vector<double>& tilts,
     const double axis = m_settings.axis.value_or(firstStated(&FrameInfo::axis).value_or(0));
 
     series.m_Header =
-        tiltSeriesHeader(m_width, m_height, tilts, pixelSize, std::string("vrk import ") + VRK::kVersion);
+        tiltSeriesHeader(m_width, m_height, m_tilts, pixelSize,
+                         std::string("vrk import ") + VRK::kVersion +
+                             (m_result.scale != 1 ? ", counts x " + textOf(m_result.scale) : ""));
     for (int z = 0; z < series.m_Header.nz; ++z) {
         series.m_Header.setValue(SliceValue::HighTension, z, static_cast<float>(kilovolts));
         series.m_Header.setValue(SliceValue::TiltAxis, z, static_cast<float>(axis));
         series.m_Header.setValue(SliceValue::ExposureTime, z,
-                                 static_cast<float>(exposures[static_cast<std::size_t>(z)]));
+                                 static_cast<float>(m_exposures[static_cast<std::size_t>(z)]));
     }
     setDensities(series);
 }
@@ -371,71 +431,50 @@ void Importer::warnAboutLosses() {
     if (m_result.empty > 0)
         m_warn(std::to_string(m_result.empty) + " empty frames left out, at tilts " + m_emptyTilts +
                (m_result.empty > 5 ? ", ..." : ""));
-    if (m_invalid > 0) m_warn(std::to_string(m_invalid) + " pixels that were no numbers were set to 0");
+    if (m_invalid > 0)
+        m_warn(std::to_string(m_invalid) + " pixels that are marked as dead or are no numbers were set to 0");
     if (m_result.clipped > 0)
-        m_warn(std::to_string(m_result.clipped) +
-               " pixels did not fit into 16 bits and were clipped; the largest was " + textOf(m_largest) +
-               (m_largest > 32767
-                    ? "; --scale " + textOf(std::floor(32767e3 / m_largest) / 1e3) + " keeps all"
-                    : ""));
-    if (m_fractions && m_largest < 100)
-        m_warn("the largest pixel is " + textOf(m_largest) +
-               " and pixels are rounded to integers: with --scale more of the intensities is kept");
+        m_warn(std::to_string(m_result.clipped) + " pixels in " + std::to_string(m_clippedSlices) +
+               " slices did not fit into 16 bits and were clipped; the largest was " +
+               textOf(m_counts.largest()) + "; --scale " + textOf(m_counts.keepingAll()) +
+               " keeps all, at the cost of weak reflections");
+    if (m_settings.scale && !m_counts.whole() && m_counts.largest() * *m_settings.scale < 100)
+        m_warn("the largest pixel becomes " + textOf(m_counts.largest() * *m_settings.scale) +
+               ": with a larger --scale, or without it, more of the intensities is kept");
+    if (m_bad.empty()) return;
+    constexpr std::size_t named = 10;
+    std::string text;
+    for (std::size_t i = 0; i < std::min(named, m_bad.size()); ++i)
+        text += (i > 0 ? "; " : "") + m_bad[i];
+    m_warn(std::to_string(m_bad.size()) + " files or frames left out, wholly or in part: " + text +
+           (m_bad.size() > named ? "; ..." : ""));
+    m_result.bad = static_cast<int>(m_bad.size());
 }
 
 ImportResult Importer::run() {
     checkSettings();
     openFiles();
-    if (m_progress && m_progress->canceled()) return {};
-    if (m_frames.empty()) throw Failure("there are no frames to import", FailureKind::Usage);
+    if (canceled()) return {};
     assignTilts();
+    dropBad();
+    countFromMiddle();
     checkSizes();
     sortByTilt();
     dropDuplicates();
     const std::vector<Group> groups = planGroups();
+    refuseSingleSlice(groups);
     m_width = m_frames.front().info.width / m_settings.bin;
     m_height = m_frames.front().info.height / m_settings.bin;
 
-    std::vector<double> tilts;
-    std::vector<double> exposures;
-    m_result.series = readSlices(groups, tilts, exposures);
-    if (!m_result.series) return {};
-    fillHeader(*m_result.series, tilts, exposures);
+    m_result.series = create(m_width, m_height, groups.size());
+    if (!readScaled(groups)) return {};
+    shortenSeries();
+    fillHeader();
     warnAboutLosses();
     return std::move(m_result);
 }
 
 }  // namespace
-
-bool naturallyBefore(const std::string& left, const std::string& right) {
-    const auto isDigit = [](char c) { return std::isdigit(static_cast<unsigned char>(c)) != 0; };
-    std::size_t i = 0;
-    std::size_t j = 0;
-    while (i < left.size() && j < right.size()) {
-        if (isDigit(left[i]) && isDigit(right[j])) {
-            while (i < left.size() && left[i] == '0')
-                ++i;
-            while (j < right.size() && right[j] == '0')
-                ++j;
-            std::size_t endLeft = i;
-            std::size_t endRight = j;
-            while (endLeft < left.size() && isDigit(left[endLeft]))
-                ++endLeft;
-            while (endRight < right.size() && isDigit(right[endRight]))
-                ++endRight;
-            if (endLeft - i != endRight - j) return endLeft - i < endRight - j;
-            const int order = left.compare(i, endLeft - i, right, j, endRight - j);
-            if (order != 0) return order < 0;
-            i = endLeft;
-            j = endRight;
-            continue;
-        }
-        if (left[i] != right[j]) return left[i] < right[j];
-        ++i;
-        ++j;
-    }
-    return left.size() - i < right.size() - j;
-}
 
 ImportResult importSeries(const ImportSettings& settings, VoxProgressObserver* progress,
                           const std::function<void(const std::string&)>& warn) {

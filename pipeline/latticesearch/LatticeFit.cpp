@@ -12,7 +12,8 @@ namespace {
 
 using Matrix4 = Eigen::Matrix4d;
 
-/// Standard deviations of directCell(basis * toReciprocalConventional) from the covariance of the basis.
+/// Standard deviations of directCellAndVolume(basis * toReciprocalConventional) from the covariance of the
+/// basis.
 Vector7 directCellDeviations(const Eigen::Matrix3d& basis, const Eigen::Matrix3d& toReciprocalConventional,
                              const Matrix12& covariance) {
     Eigen::Matrix<double, 7, 9> derivatives;
@@ -21,9 +22,9 @@ Vector7 directCellDeviations(const Eigen::Matrix3d& basis, const Eigen::Matrix3d
         Eigen::Matrix3d up = basis, down = basis;
         up(i % 3, i / 3) += step;
         down(i % 3, i / 3) -= step;
-        derivatives.col(i) =
-            (directCell(up * toReciprocalConventional) - directCell(down * toReciprocalConventional)) /
-            (2.0 * step);
+        derivatives.col(i) = (directCellAndVolume(up * toReciprocalConventional) -
+                              directCellAndVolume(down * toReciprocalConventional)) /
+                             (2.0 * step);
     }
     const Eigen::Matrix<double, 7, 7> cell =
         derivatives * covariance.topLeftCorner<9, 9>() * derivatives.transpose();
@@ -400,7 +401,7 @@ RefinedLattice describe(const LatticeFit& fit, const CellTies& ties) {
     const double pixelSize = fit.lattice.pixelSize;
     const double perVoxel = pixelSize > 0.0 ? pixelSize * 1e-10 : 1.0;
     const Eigen::Matrix3d toConventional = ties.toConventional.inverse().transpose();
-    const Vector7 cell = directCell(fit.lattice.basis * toConventional);
+    const Vector7 cell = directCellAndVolume(fit.lattice.basis * toConventional);
     const Vector7 cellSigma = directCellDeviations(fit.lattice.basis, toConventional, fit.covariance);
     result.originSigma = fit.covariance.diagonal().tail<3>().cwiseMax(0.0).cwiseSqrt();
     for (std::size_t i = 0; i < 3; ++i) {

@@ -33,7 +33,7 @@ Eigen::Matrix3d rotation(const Eigen::Vector3d& turn) {
 
 }  // namespace
 
-Vector7 directCell(const Eigen::Matrix3d& reciprocalBasis) {
+Vector7 directCellAndVolume(const Eigen::Matrix3d& reciprocalBasis) {
     const Eigen::Matrix3d g = (reciprocalBasis.transpose() * reciprocalBasis).inverse();
     const Eigen::Vector3d length = g.diagonal().cwiseSqrt();
     const auto angle = [&](int i, int j) {
@@ -87,7 +87,7 @@ CellTies CellTies::of(LATTICE::BravaisTypes type, const Eigen::Matrix3d& toConve
 
 TiedLattice::TiedLattice(const CellTies& ties, const Matrix34& start) : m_ties(ties) {
     const Eigen::Matrix3d conventional = start.leftCols<3>() * ties.toConventional.inverse().transpose();
-    setCell(directCell(conventional));
+    setCell(directCellAndVolume(conventional));
     // The rotation (or rotoinversion) that brings the tied cell closest to the start.
     const Eigen::Matrix3d tied = reciprocalOf(m_values);
     const Eigen::JacobiSVD<Eigen::Matrix3d> svd(conventional * tied.inverse(),

@@ -56,7 +56,7 @@ private:
 
 /// a, b, c, alpha, beta, gamma (degrees) and volume of the direct cell of a reciprocal basis, lengths in the
 /// inverse of the basis' unit.
-Vector7 directCell(const Eigen::Matrix3d& reciprocalBasis);
+Vector7 directCellAndVolume(const Eigen::Matrix3d& reciprocalBasis);
 
 /// The twelve numbers of a model, column after column.
 Eigen::Matrix<double, 12, 1> flattened(const Matrix34& model);

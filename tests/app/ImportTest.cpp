@@ -9,9 +9,9 @@
 #include "VoxCore/IO/VoxMRCFileHandler.h"
 #include "app/RunVrk.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/frames/FrameCollection.h"
 #include "pipeline/frames/FrameFile.h"
 #include "pipeline/frames/SeriesImport.h"
-#include "pipeline/frames/TiltList.h"
 #include "pipeline/simulation/Simulation.h"
 #include "support/MRCBytes.h"
 #include "support/TemporaryFolder.h"
@@ -371,6 +371,108 @@ TEST(Import, MoreFramesThanSlicesAreSummed) {
     EXPECT_NE(imported.warnings.front().find("--sum 2"), std::string::npos);
     settings.sum = 1;
     EXPECT_NE(failure(settings).find("--sum 2"), std::string::npos);
+    settings.sum = 600;
+    EXPECT_NE(failure(settings).find("to one slice"), std::string::npos);
+    settings.files = {folder.write("a.tlt", "1\n2\n")};
+    EXPECT_NE(failure(settings).find("none of the kinds"), std::string::npos);
+    std::filesystem::create_directory(folder / "empty");
+    settings.files = {folder / "empty"};
+    EXPECT_NE(failure(settings).find("holds no frames"), std::string::npos);
+}
+
+TEST(Import, AFolderStandsForItsFrames) {
+    const TemporaryFolder folder;
+    for (const int frame : {0, 1, 2})
+        folder.write(numbered("f", frame + 9, ".img"), smv(frame, frame - 1.25));
+    folder.write("preview.mrc", MRCBytes(8, 8, 1).bytes());
+    folder.write("notes.txt", "nothing");
+    ImportSettings settings;
+    settings.files = {folder / ""};
+    Imported imported = import(settings);
+    ASSERT_EQ(imported.warnings.size(), 1U);  // the preview
+    imported.warnings.clear();
+    expectThreeFrames(imported);
+
+    // What the headers do not say comes from the one list beside the frames.
+    folder.write("XDS.INP",
+                 "OSCILLATION_RANGE= 1\nROTATION_AXIS= 1 0 0\nX-RAY_WAVELENGTH= 0.0370\nDATA_RANGE= 9 11\n"
+                 "NAME_TEMPLATE_OF_DATA_FRAMES= f??.img\n");
+    imported = import(settings);
+    EXPECT_EQ(imported.header().value(SliceValue::TiltAxis, 1), -90);
+    EXPECT_NEAR(imported.header().value(SliceValue::HighTension, 1), 199.7, 0.1);
+    EXPECT_EQ(imported.header().tilt(0), -1);
+
+    // A list that is given with --tilts holds before the headers. Frame 10 is named f10, frame 9 is not
+    // there.
+    settings.tilts = folder / "XDS.INP";
+    imported = import(settings);
+    EXPECT_NEAR(imported.header().value(SliceValue::HighTension, 1), 100, 1);
+    EXPECT_EQ(imported.header().tilt(0), 0.5);
+}
+
+TEST(Import, TiltsBeyondAQuarterTurnAreCountedFromTheirMiddle) {
+    const TemporaryFolder folder;
+    ImportSettings settings;
+    for (const int frame : {0, 1, 2})
+        settings.files.push_back(folder.write(numbered("f", frame, ".img"), smv(frame, frame + 149.75)));
+    Imported imported = import(settings);
+    ASSERT_EQ(imported.warnings.size(), 1U);
+    EXPECT_NE(imported.warnings[0].find("151 is subtracted"), std::string::npos);
+    imported.warnings.clear();
+    expectThreeFrames(imported);
+}
+
+TEST(Import, FramesThatCannotBeReadAreNamedOrSkipped) {
+    const TemporaryFolder folder;
+    const std::string stack = mrc<std::int16_t>(4, 1, "");
+    ImportSettings frames;
+    for (const int frame : {0, 1, 2})
+        frames.files.push_back(folder.write(numbered("a", 2 * frame, ".img"), smv(frame, 0)));
+    frames.files.push_back(folder.write("a1.img", "{\nHEADER_BYTES=512;\n"));
+    frames.files.push_back(folder.write("a3.img", smv(0, 0).substr(0, 530)));
+    std::sort(frames.files.begin(), frames.files.end());
+    frames.tilts = "-1:0.5";  // bad frames keep their place
+    ImportSettings cut;
+    cut.files = {folder.write("cut.mrc", stack.substr(0, stack.size() - 3))};
+    cut.tilts = folder.write("cut.tlt", "-1\n0\n1\n");
+    for (const auto& [settings, name, bad] :
+         {std::tuple{&frames, "a1.img", 2}, std::tuple{&cut, "cut.mrc", 1}}) {
+        settings->pixelSize = 5e7;
+        EXPECT_NE(failure(*settings).find(name), std::string::npos) << failure(*settings);
+        EXPECT_NE(failure(*settings).find("--skip-bad"), std::string::npos);
+        settings->skipBad = true;
+        Imported imported = import(*settings);
+        EXPECT_EQ(imported.result.bad, bad);
+        ASSERT_FALSE(imported.warnings.empty());
+        EXPECT_NE(imported.warnings.back().find(name), std::string::npos) << imported.warnings.back();
+        imported.warnings.clear();
+        expectThreeFrames(imported);
+    }
+    frames.files = {folder / "a1.img", folder / "a3.img"};
+    EXPECT_NE(failure(frames).find("none of the 2 frames"), std::string::npos);
+}
+
+TEST(Import, CountsBeyondSixteenBitsGetAFactorThatIsTold) {
+    const TemporaryFolder folder;
+    ImportSettings settings;
+    for (const int frame : {0, 1, 2}) {
+        std::string bytes =
+            smvHeader("TYPE=float;\nPIXEL_SIZE=0.05;\nDISTANCE=200;\nWAVELENGTH=0.0251;\nPHI=" +
+                      std::to_string(frame - 1) + ";\n");
+        for (int i = 0; i < kWidth * kHeight; ++i) {
+            const auto value = static_cast<float>(0.01 * pixel(frame, i));
+            bytes.append(reinterpret_cast<const char*>(&value), 4);
+        }
+        settings.files.push_back(folder.write(numbered("f", frame, ".img"), bytes));
+    }
+    const Imported imported = import(settings);
+    ASSERT_EQ(imported.warnings.size(), 1U);
+    EXPECT_NE(imported.warnings[0].find("multiplied by"), std::string::npos);
+    EXPECT_GT(imported.result.scale, 100);
+    EXPECT_EQ(imported.result.clipped, 0);
+    for (const int i : {0, 7, 19})
+        EXPECT_NEAR(imported.at(2, i), 0.01 * pixel(2, i) * imported.result.scale, 0.51);
+    EXPECT_NE(std::string(imported.header().labl.data(), 80).find("counts x"), std::string::npos);
 }
 
 TEST(Import, DamagedInputIsRefusedWithAReason) {
@@ -408,6 +510,7 @@ TEST(Import, DamagedInputIsRefusedWithAReason) {
                            [](std::string& header) { std::memcpy(header.data() + 104, "FEI1", 4); }),
          "", "record of frame 1"},
         {"untilted.mrc", stack, "", "--tilts"},
+        {"single.mrc", mrc<std::int16_t>(1, 1, ""), "1:1", "only one frame"},
         {"constant.mrc", stack, "constant.tlt", "the tilt"},
         {"count.mrc", stack, "two.tlt", "2 tilts"},
         {"words.mrc", stack, "words.tlt", "line 2"},

@@ -3,6 +3,7 @@
 #include <limits>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <opencv2/imgcodecs.hpp>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "VoxCore/IO/VoxMRCFileHandler.h"
@@ -121,6 +122,30 @@ TEST(InfoCommand, ShowsVolumesWithMoreLayersThanASeriesMayHave) {
     EXPECT_EQ(info["header"]["labels"][0], "??[2");
     EXPECT_EQ(info["warnings"], nlohmann::json({"values: all are 0"}));
     EXPECT_EQ(runVrk({"info", path}).exitCode, 0);
+}
+
+TEST(InfoCommand, DrawsTheAxisOnAPattern) {
+    const TemporaryFolder folder;
+    MRCBytes file(200, 200, 5);
+    file.putTilts(-2, 1);
+    std::fill(file.data.begin(), file.data.end(), std::int16_t{0});
+    const std::string path = folder.write("a.mrc", file.bytes());
+    const auto coloured = [&](double x, double y) {
+        const cv::Mat picture = cv::imread(folder / "p.png");
+        const cv::Vec3b pixel = picture.at<cv::Vec3b>(static_cast<int>(y), static_cast<int>(x));
+        return pixel[2] > pixel[0] + 50;
+    };
+    ASSERT_EQ(runVrk({"info", path, "--picture", folder / "p.png", "--axis", "30"}).exitCode, 0);
+    // Along (-1/2, sqrt(3)/2) from the middle, the arrow's head at the end; not along its mirror image.
+    EXPECT_TRUE(coloured(99.5 - 30, 99.5 + 52));
+    EXPECT_TRUE(coloured(99.5 + 30, 99.5 - 52));
+    EXPECT_FALSE(coloured(99.5 + 30, 99.5 + 52));
+    ASSERT_EQ(runVrk({"info", path, "--picture", folder / "p.png"}).exitCode, 0);
+    EXPECT_FALSE(coloured(99.5 - 30, 99.5 + 52));
+    const VrkResult volume =
+        runVrk({"info", folder.write("v.mrc", MRCBytes(4, 4, 4).bytes()), "--picture", folder / "v.png"});
+    EXPECT_EQ(volume.exitCode, 1);
+    EXPECT_NE(volume.err.find("is a volume"), std::string::npos) << volume.err;
 }
 
 TEST(InfoCommand, SaysInOneLineWhyAFileIsRefused) {
