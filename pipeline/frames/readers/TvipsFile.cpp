@@ -75,7 +75,7 @@ TvipsFile::TvipsFile(FrameSource source) : FrameFile(std::move(source)) {
     const std::string name = path().string();
     const std::string end = "_000.tvips";
     for (int number = 1; name.ends_with(end) && number < 1000; ++number) {
-        std::array<char, 8> digits{};
+        std::array<char, 16> digits{};
         std::snprintf(digits.data(), digits.size(), "_%03d", number);
         const std::filesystem::path next =
             name.substr(0, name.size() - end.size()) + digits.data() + ".tvips";
