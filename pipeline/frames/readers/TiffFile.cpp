@@ -41,11 +41,13 @@ public:
 
 private:
     static OpenTiff& self(thandle_t handle) { return *static_cast<OpenTiff*>(handle); }
+    /// What cannot be read is told as the end of the file: libtiff counts a result of -1 as bytes that it
+    /// has, and writes before its buffer.
     static tmsize_t read(thandle_t handle, void* target, tmsize_t count) {
         OpenTiff& file = self(handle);
         const std::uint64_t there = file.m_position < file.fileSize() ? file.fileSize() - file.m_position : 0;
         const auto wanted = std::min(static_cast<std::uint64_t>(std::max<tmsize_t>(count, 0)), there);
-        if (!file.m_bytes->read(file.m_position, {static_cast<char*>(target), wanted})) return -1;
+        if (!file.m_bytes->read(file.m_position, {static_cast<char*>(target), wanted})) return 0;
         file.m_position += wanted;
         return static_cast<tmsize_t>(wanted);
     }
