@@ -111,9 +111,7 @@ void Collector::add(const fs::path& path) {
     std::error_code error;
     if (fs::is_directory(path, error)) return addFolder(path);
     if (isPart(path)) return;
-    const bool frames = path.string().find(":/") != std::string::npos || !fs::exists(path, error) ||
-                        FrameFormat::of(FrameSource(path));
-    if (!frames && isFrameList(path)) return addList(path);
+    if (isFrameList(path)) return addList(path);
     addFile(path);
 }
 

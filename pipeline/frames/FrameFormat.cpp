@@ -33,11 +33,8 @@ FrameFormat::Registration::Registration(FrameFormat format) {
 }
 
 const FrameFormat* FrameFormat::of(const FrameSource& source) {
-    constexpr std::uint64_t most = 4096;
-    const std::unique_ptr<FrameBytes> bytes = source.open();
-    std::string head(std::min(most, bytes->size()), '\0');
-    if (!bytes->read(0, head)) head.clear();
-    const FileStart start{head, lowerExtension(source.path()), bytes->size()};
+    const std::string head = source.beginning(4096);
+    const FileStart start{head, lowerExtension(source.path())};
     const FrameFormat* best = nullptr;
     Match surest = Match::No;
     for (const FrameFormat& format : formats())

@@ -14,7 +14,6 @@ namespace vrk {
 struct FileStart {
     std::string_view bytes;  ///< up to 4096
     std::string extension;   ///< of the name, in lower case, with the dot, without .gz and .bz2
-    std::uint64_t size = 0;  ///< of the whole file
 };
 
 /// A kind of frame file.

@@ -1,6 +1,7 @@
 #include "pipeline/frames/FrameList.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <fstream>
@@ -125,6 +126,11 @@ bool isFrameList(const std::filesystem::path& path) {
     std::error_code error;
     if (!std::filesystem::is_regular_file(path, error) || std::filesystem::file_size(path, error) > longest)
         return false;
+    std::array<char, 4096> start{};
+    std::ifstream file(path, std::ios::binary);
+    file.read(start.data(), start.size());
+    const auto read = start.begin() + file.gcount();
+    if (std::find(start.begin(), read, '\0') != read) return false;
     return formatOf(ListText(path)) != nullptr;
 }
 

@@ -95,17 +95,32 @@ std::unique_ptr<FrameBytes> FrameSource::open() const {
         if (!file->good()) refuse("it cannot be read; check its permissions");
         return file;
     }
-    const detail::ChunkReader next = [&]() -> detail::ChunkReader {
-        if (m_bytes) return detail::chunksOf(*m_bytes);
-        return detail::chunksOf(std::make_shared<std::ifstream>(m_path, std::ios::binary));
-    }();
-    std::string error_text;
-    auto unpacked = std::make_shared<std::string>();
-    const bool good = packed == Packing::Gzip ? detail::gunzip(next, kMostUnpacked, *unpacked, error_text)
-                                              : detail::bunzip2(next, kMostUnpacked, *unpacked, error_text);
-    if (!good) refuse(error_text);
-    m_unpacked = unpacked;
+    m_unpacked = std::make_shared<const std::string>(unpack(packed, kMostUnpacked, true));
     return std::make_unique<MemoryBytes>(m_unpacked);
+}
+
+std::string FrameSource::unpack(Packing packing, std::uint64_t most, bool whole) const {
+    const detail::ChunkReader next =
+        m_bytes ? detail::chunksOf(*m_bytes)
+                : detail::chunksOf(std::make_shared<std::ifstream>(m_path, std::ios::binary));
+    const auto beyond = whole ? detail::BeyondLimit::Refuse : detail::BeyondLimit::Stop;
+    std::string unpacked;
+    std::string reason;
+    const bool good = packing == Packing::Gzip ? detail::gunzip(next, most, beyond, unpacked, reason)
+                                               : detail::bunzip2(next, most, beyond, unpacked, reason);
+    if (!good) refuse(reason);
+    return unpacked;
+}
+
+std::string FrameSource::beginning(std::size_t most) const {
+    std::error_code error;
+    const Packing packed = m_unpacked ? Packing::None : packing();
+    if (packed != Packing::None && (m_bytes || std::filesystem::is_regular_file(m_path, error)))
+        return unpack(packed, most, false);
+    const std::unique_ptr<FrameBytes> bytes = open();
+    std::string start(std::min<std::uint64_t>(most, bytes->size()), '\0');
+    if (!bytes->read(0, start)) refuse("it cannot be read");
+    return start;
 }
 
 std::string FrameSource::everything(std::uint64_t most) const {

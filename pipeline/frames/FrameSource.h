@@ -36,6 +36,8 @@ public:
 
     /// Throws Failure when the file cannot be read, or unpacks to more than 2 GiB.
     std::unique_ptr<FrameBytes> open() const;
+    /// The first bytes, at most \p most; of packed files no more is unpacked. Throws as open() does.
+    std::string beginning(std::size_t most) const;
     /// All bytes. Throws Failure for sources of more than \p most bytes.
     std::string everything(std::uint64_t most) const;
 
@@ -45,6 +47,7 @@ public:
 private:
     enum class Packing { None, Gzip, Bzip2 };
     Packing packing() const;
+    std::string unpack(Packing packing, std::uint64_t most, bool whole) const;
     [[noreturn]] void refuse(const std::string& reason) const;
 
     std::filesystem::path m_path;

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <type_traits>
 
 namespace vrk {
 namespace {
@@ -71,6 +72,14 @@ Number numberAt(const char* bytes, bool swap) {
     return std::bit_cast<Number>(raw);
 }
 
+/// No detector counts to the end of 32 bits; counting ones mark dead pixels so.
+template <class Number>
+bool isDead(Number value) {
+    if constexpr (std::is_same_v<Number, std::uint32_t> || std::is_same_v<Number, std::uint64_t>)
+        return value == std::numeric_limits<Number>::max();
+    return false;
+}
+
 }  // namespace
 
 std::size_t bytesOf(PixelType type) {
@@ -82,8 +91,10 @@ std::vector<float> decodePixels(std::span<const char> bytes, PixelType type, boo
     return withType(type, [&](auto number) {
         using Number = decltype(number);
         std::vector<float> pixels(bytes.size() / sizeof(Number));
-        for (std::size_t i = 0; i < pixels.size(); ++i)
-            pixels[i] = static_cast<float>(numberAt<Number>(bytes.data() + i * sizeof(Number), swap));
+        for (std::size_t i = 0; i < pixels.size(); ++i) {
+            const Number value = numberAt<Number>(bytes.data() + i * sizeof(Number), swap);
+            pixels[i] = isDead(value) ? std::numeric_limits<float>::quiet_NaN() : static_cast<float>(value);
+        }
         return pixels;
     });
 }

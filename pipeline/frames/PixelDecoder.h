@@ -24,7 +24,8 @@ enum class PixelType {
 
 std::size_t bytesOf(PixelType type);
 
-/// Numbers of a file's bytes. \p bigEndian: how the file stores them.
+/// Numbers of a file's bytes; unsigned ones of 32 or 64 bits that are all set stand for dead pixels and
+/// become no numbers (NaN). \p bigEndian: how the file stores them.
 std::vector<float> decodePixels(std::span<const char> bytes, PixelType type, bool bigEndian);
 
 /// One number at a byte position; the position must lie inside.

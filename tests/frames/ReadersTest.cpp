@@ -108,7 +108,7 @@ TEST(Readers, UnpackingStopsAtItsLimitAndTellsDamage) {
     const std::string plain = *contents(kFolder / "frame.cbf");
     const auto unpack = [](const std::string& bytes, std::uint64_t most, std::string& reason) {
         std::string unpacked;
-        return gunzip(chunksOf(bytes), most, unpacked, reason) ? unpacked : "";
+        return gunzip(chunksOf(bytes), most, BeyondLimit::Refuse, unpacked, reason) ? unpacked : "";
     };
     std::string reason;
     EXPECT_EQ(unpack(packed, plain.size(), reason), plain);
@@ -118,6 +118,7 @@ TEST(Readers, UnpackingStopsAtItsLimitAndTellsDamage) {
     EXPECT_NE(reason.find("unpacks to more"), std::string::npos);
     EXPECT_EQ(unpack(packed.substr(0, packed.size() - 9), 1 << 20, reason), "");
     EXPECT_NE(reason.find("truncated"), std::string::npos);
+    EXPECT_EQ(FrameSource(kFolder / "frame.cbf.gz").beginning(77), plain.substr(0, 77));
 }
 
 TEST(Readers, DamagedFilesAreReadOrRefused) {

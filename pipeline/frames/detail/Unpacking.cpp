@@ -74,7 +74,8 @@ private:
 };
 
 template <class Method>
-bool unpack(const ChunkReader& next, std::uint64_t most, std::string& unpacked, std::string& reason) {
+bool unpack(const ChunkReader& next, std::uint64_t most, BeyondLimit beyond, std::string& unpacked,
+            std::string& reason) {
     const std::string name = Method::kName;
     const auto fail = [&](const std::string& text) {
         reason = text;
@@ -103,6 +104,10 @@ bool unpack(const ChunkReader& next, std::uint64_t most, std::string& unpacked, 
             // Some programs pad the end of the file.
             if (members > 0 && ofThisMember == 0) return true;
             return fail("it is packed by " + name + " and damaged; fetch it anew");
+        }
+        if (unpacked.size() + got > most && beyond == BeyondLimit::Stop) {
+            unpacked.append(block.data(), most - unpacked.size());
+            return true;
         }
         if (unpacked.size() + got > most)
             return fail("it unpacks to more than " + std::to_string(most >> 20) +
@@ -138,12 +143,14 @@ ChunkReader chunksOf(std::shared_ptr<std::istream> stream) {
     };
 }
 
-bool gunzip(const ChunkReader& next, std::uint64_t most, std::string& unpacked, std::string& reason) {
-    return unpack<Gunzip>(next, most, unpacked, reason);
+bool gunzip(const ChunkReader& next, std::uint64_t most, BeyondLimit beyond, std::string& unpacked,
+            std::string& reason) {
+    return unpack<Gunzip>(next, most, beyond, unpacked, reason);
 }
 
-bool bunzip2(const ChunkReader& next, std::uint64_t most, std::string& unpacked, std::string& reason) {
-    return unpack<Bunzip2>(next, most, unpacked, reason);
+bool bunzip2(const ChunkReader& next, std::uint64_t most, BeyondLimit beyond, std::string& unpacked,
+             std::string& reason) {
+    return unpack<Bunzip2>(next, most, beyond, unpacked, reason);
 }
 
 }  // namespace vrk::detail
