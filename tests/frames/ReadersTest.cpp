@@ -8,6 +8,7 @@
 
 #include "pipeline/base/Failure.h"
 #include "pipeline/frames/FrameFile.h"
+#include "pipeline/frames/PixelDecoder.h"
 #include "pipeline/frames/detail/Unpacking.h"
 #include "pipeline/simulation/SimulationRandom.h"
 
@@ -100,6 +101,13 @@ TEST(Readers, CbfOfACountingDetector) {
             }
         }
     }
+}
+
+TEST(Readers, AllBitsOfThirtyTwoSetMarkADeadPixel) {
+    const std::string bytes(4, '\xff');
+    EXPECT_TRUE(std::isnan(vrk::decodePixels(bytes, vrk::PixelType::UInt32, false)[0]));
+    EXPECT_EQ(vrk::decodePixels(bytes, vrk::PixelType::UInt16, false)[0], 65535);
+    EXPECT_EQ(vrk::decodePixels(bytes, vrk::PixelType::Int32, true)[0], -1);
 }
 
 TEST(Readers, UnpackingStopsAtItsLimitAndTellsDamage) {
