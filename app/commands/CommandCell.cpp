@@ -12,13 +12,14 @@
 #include <system_error>
 #include <vector>
 
-#include "cellfinding/CalculateCellAlgorithm.h"
+#include "cellfinding/CalculateCellIOstuff.h"
 #include "commands/Commands.h"
 #include "console/ParameterOptions.h"
 #include "crystallography/CellFileImportExport.h"
 #include "crystallography/LatticeSymmetry.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/OutputFile.h"
+#include "pipeline/formats/CellEvaluationFiles.h"
 #include "pipeline/formats/PeakList.h"
 #include "pipeline/latticesearch/CellSearch.h"
 #include "pipeline/latticesearch/Confidence.h"
@@ -36,6 +37,8 @@ struct Options {
     std::string peaks;
     std::string output;
     std::string log;
+    std::string dump;
+    std::string report;
     double pixelSize = 0.0;
     CellOptions cell;
     bool json = false;
@@ -52,6 +55,7 @@ struct Result {
     double pixelSize = 0.0;  ///< 0 is unknown
     UnitCell reciprocal;     ///< reduced; of pixel size 1 when that is unknown
     LatticeCharacter symmetry;
+    std::unique_ptr<CellSteps> steps;  ///< that led to the lattice; for a report
 
     bool hasScale() const { return pixelSize > 0.0; }
 };
@@ -107,22 +111,33 @@ double expectedVectors(const Points& points, const Parameter& parameter) {
     return parameter.useHalfDiffVectorSpace() ? pairs : 2.0 * pairs;
 }
 
-/// The intermediate results of the steps.
-struct StepResults {
-    StepResults() = default;
-    ~StepResults() {
-        for (auto* cluster : clusters)
-            delete cluster;
-        for (auto* vector : noise)
-            delete vector;
+/// Lets the steps write what they see into a folder while it lives.
+class DebugDump {
+public:
+    explicit DebugDump(const std::string& folder) : m_active(!folder.empty()) {
+        if (!m_active) return;
+        makeFolder(folder);
+        CalculateCellIOstuff::setFolder(folder);
+        CalculateCellIOstuff::setWriteData(true);
+        CalculateCellIOstuff::setWriteLines(true);
     }
-    StepResults(const StepResults&) = delete;
-    StepResults& operator=(const StepResults&) = delete;
+    ~DebugDump() {
+        if (!m_active) return;
+        CalculateCellIOstuff::setWriteData(false);
+        CalculateCellIOstuff::setWriteLines(false);
+        CalculateCellIOstuff::setFolder("");
+    }
+    DebugDump(const DebugDump&) = delete;
+    DebugDump& operator=(const DebugDump&) = delete;
 
-    std::unique_ptr<CubicGrid<ClusterPoint<double>>> grid;
-    std::vector<Cluster<Point<double>>*> clusters;
-    std::vector<ClusterPoint<double>*> noise;
-    ClusterPoint<double> a{3, -1}, b{3, -1}, c{3, -1};
+    /// Adds the script that shows the files.
+    void finish(Host& host) const {
+        if (m_active && !CalculateCellIOstuff::writeGnuplotScript())
+            throw Failure("the debug dump is not complete: " + host.session().lastError());
+    }
+
+private:
+    bool m_active;
 };
 
 [[noreturn]] void refuse(const std::string& found, const std::string& advice) {
@@ -132,8 +147,10 @@ struct StepResults {
 }
 
 /// The six steps with the parameters as they are. The peak file has been cut off around the beam when it was
-/// written; difference vectors need no origin.
-Lattice latticeByParameters(const PeakList& peaks, const Points& points, Parameter& parameter, Host& host) {
+/// written.
+void searchByParameters(const Options& options, const Points& points, Result& result, Host& host) {
+    Parameter& parameter = result.parameter;
+    options.cell.applyTo(parameter);
     // What the steps complain about is either one trial of many or part of the message below.
     const QuietLog quiet(host.session(), QuietLog::Keep::UntilReleased);
     const double expected = expectedVectors(points, parameter);
@@ -142,45 +159,46 @@ Lattice latticeByParameters(const PeakList& peaks, const Points& points, Paramet
                                 "cluster; use a smaller --max-length",
                                 expected, parameter.getMaxLength()),
                       FailureKind::Usage);
-    StepResults run;
-    CalculateCellAlgorithm algorithm;
-    run.grid.reset(algorithm.StepTwo_CalcDiffVectors(&parameter, peaks.reflections.get(), nullptr));
-    if (!run.grid)
+    const DebugDump dump(options.dump);
+    auto steps =
+        std::make_unique<CellSteps>(points, parameter, options.cell.clustering, &host.session().progress());
+    dump.finish(host);
+    host.session().checkCanceled();
+    if (steps->vectors() == 0)
         refuse(extentText(points) + formatted("; no difference vector is longer than %g and shorter than %g",
                                               parameter.getMinLength(), parameter.getMaxLength()),
                "use a smaller --min-length or a larger --max-length");
     const std::string vectors =
-        formatted("%zu reflections, %d difference vectors", points.size(), run.grid->getNumberOfPoints());
-    if (algorithm.StepThree_Clustering(&parameter, run.grid.get(), &run.clusters, &run.noise) < 0.0)
-        refuse(vectors + ", no clusters", "use a smaller --min-points or a larger --eps");
-    const std::string found = vectors + formatted(", %zu clusters", run.clusters.size());
-    UnitCell cell;
-    if (algorithm.StepFour_FindLinearIndependentVectors(&parameter, &cell, &run.clusters, &run.a, &run.b,
-                                                        &run.c) < 0.0)
+        formatted("%zu reflections, %d difference vectors", points.size(), steps->vectors());
+    if (steps->clusters().empty())
+        refuse(vectors + ", no clusters", options.cell.clustering == ClusteringMethod::FSC
+                                              ? "use a larger --max-length"
+                                              : "use a smaller --min-points or a larger --eps");
+    const std::string found = vectors + formatted(", %zu clusters", steps->clusters().size());
+    const auto chosen = steps->chosen();
+    if (!chosen)
         refuse(found + ", no three of them that span a cell",
                "use a smaller --min-points, --eps, --angle-a or --angle-b, or a larger --max-length");
-    if (algorithm.StepFive_CalculateNiggliCell(&parameter, &run.a, &run.b, &run.c, &run.a, &run.b, &run.c) <
-        0.0)
+    const auto shortened = steps->shortened(*chosen);
+    if (!shortened)
         refuse(found + ", whose lattice has no three vectors within the limits",
                "use a smaller --angle-a, --angle-b or --det-limit");
-    bool refined[3] = {};
-    algorithm.StepSix_Refinement(&run.clusters, &run.a, &run.b, &run.c, &run.a, &run.b, &run.c, &refined[0],
-                                 &refined[1], &refined[2]);
-    Lattice lattice;
-    for (int row = 0; row < 3; ++row)
-        lattice.basis.row(row) << run.a.getData(row), run.b.getData(row), run.c.getData(row);
-    return lattice;
+    result.lattice.basis = steps->refined(*shortened);
+    result.steps = std::move(steps);
 }
 
-Result searchFreely(const Points& points, const std::vector<double>& weights, Host& host) {
+Result searchFreely(const Options& given, const Points& points, const std::vector<double>& weights,
+                    Host& host) {
     // What the steps complain about is either one trial of many or part of the message below.
     const QuietLog quiet(host.session(), QuietLog::Keep::UntilReleased);
     CellSearchOptions options;
+    options.clustering = given.cell.clustering;
     options.canceled = [&host] {
         host.session().checkCanceled();
         return false;
     };
-    const std::vector<LatticeCandidate> candidates = CellSearch(options).search(points, weights);
+    const CellSearch search(options);
+    const std::vector<LatticeCandidate> candidates = search.search(points, weights);
     const std::string advice =
         "; try parameters (--max-length about three times the distance of neighbours, --eps, --min-points), "
         "or "
@@ -199,10 +217,11 @@ Result searchFreely(const Points& points, const std::vector<double>& weights, Ho
     result.lattice = best.lattice;
     result.score = best.score;
     if (candidates.size() > 1) result.rivalEvidence = candidates[1].score.evidence;
-    result.parameter.setMinLength(best.trial.minLength);
-    result.parameter.setMaxLength(best.trial.maxLength);
-    result.parameter.setDBSCANEps(best.trial.eps);
-    result.parameter.setDBSCANMinPts(best.trial.minPts);
+    result.parameter = search.parameterOf(best.trial);
+    if (given.dump.empty() && given.report.empty()) return result;
+    const DebugDump dump(given.dump);
+    result.steps = search.stepsOf(best, points, weights);
+    dump.finish(host);
     return result;
 }
 
@@ -242,8 +261,7 @@ Result findCell(const Options& options, Host& host) {
     const Points points = pointsOf(peaks, weights);
     Result result;
     if (options.cell.isGiven()) {
-        options.cell.applyTo(result.parameter);
-        result.lattice = latticeByParameters(peaks, points, result.parameter, host);
+        searchByParameters(options, points, result, host);
         result.score = scoreLattice(points, result.lattice);
         if (!isConvincing(result.score))
             host.warn(
@@ -251,7 +269,7 @@ Result findCell(const Options& options, Host& host) {
                           "it before another look at the parameters",
                           result.score.indexed, result.score.points));
     } else {
-        result = searchFreely(points, weights, host);
+        result = searchFreely(options, points, weights, host);
     }
     if (peaks.head && peaks.head->firstTilt < peaks.head->lastTilt)
         result.completeness = completenessOf(result, points, *peaks.head);
@@ -260,6 +278,11 @@ Result findCell(const Options& options, Host& host) {
     if (!result.hasScale())
         host.warn("the pixel size is not known, so the cell has no scale; give it with --pixel-size");
     describe(result);
+    if (!options.report.empty()) {
+        Lattice lattice = Lattice::of(result.reciprocal, result.lattice.origin);
+        lattice.pixelSize = result.pixelSize;
+        writeEvaluation(result.steps->evaluate(lattice, result.score, points), options.report);
+    }
     return result;
 }
 
@@ -309,7 +332,7 @@ Json toJson(const Options& options, const Result& result) {
                           {"fraction_by_chance", result.score.chance},
                           {"runner_up_evidence", result.rivalEvidence}};
     json["search"] = result.automatic ? "automatic" : "parameters";
-    json["parameters"] = cellSettings(result.parameter);
+    json["parameters"] = cellSettings(result.parameter, options.cell.clustering);
     return json;
 }
 
@@ -344,19 +367,37 @@ void report(std::ostream& out, const Options& options, const Result& result) {
         << "confidence          " << nameOf(verdict.level) << '\n';
     for (const std::string& reason : verdict.reasons)
         out << "  because           " << reason << '\n';
-    out << formatted("parameters          --min-length %g --max-length %g --eps %g --min-points %d (%s)\n",
-                     result.parameter.getMinLength(), result.parameter.getMaxLength(),
-                     result.parameter.getDBSCANEps(), result.parameter.getDBSCANMinPts(),
-                     result.automatic ? "found" : "given")
-        << "written             " << options.output << '\n';
+    out << formatted("parameters          --min-length %g --max-length %g", result.parameter.getMinLength(),
+                     result.parameter.getMaxLength())
+        << formatted(" --clustering %s", nameOf(options.cell.clustering));
+    if (options.cell.clustering != ClusteringMethod::FSC)
+        out << formatted(" --eps %g --min-points %d", result.parameter.getDBSCANEps(),
+                         result.parameter.getDBSCANMinPts());
+    out << (result.automatic ? " (found)\n" : " (given)\n") << "written             " << options.output
+        << '\n';
+}
+
+/// Refuses names for results that are the reflections' or each other's.
+void checkNames(const Options& options) {
+    const auto same = [](const std::string& a, const std::string& b) {
+        std::error_code error;
+        return !a.empty() && !b.empty() &&
+               (std::filesystem::path(a).lexically_normal() == std::filesystem::path(b).lexically_normal() ||
+                std::filesystem::equivalent(a, b, error));
+    };
+    if (same(options.peaks, options.output))
+        throw Failure(
+            "the cell file would replace the reflections " + options.peaks + "; give -o another name",
+            FailureKind::Usage);
+    for (const std::string& other : {options.peaks, options.output})
+        if (same(options.report, other))
+            throw Failure("the report would replace " + other + "; give --report another name",
+                          FailureKind::Usage);
 }
 
 void run(const Options& options, Host& host) {
     if (!options.log.empty()) host.openLog(options.log);
-    if (std::error_code error; std::filesystem::equivalent(options.peaks, options.output, error))
-        throw Failure(
-            "the cell file would replace the reflections " + options.peaks + "; give -o another name",
-            FailureKind::Usage);
+    checkNames(options);
     const Result result = findCell(options, host);
     writeCell(options, result, host);
     if (options.json)
@@ -379,12 +420,24 @@ void addCellCommand(CLI::App& app, Host& host) {
     command->add_option("--pixel-size", options->pixelSize, "1/m per voxel [that of the peak file]")
         ->check(CLI::PositiveNumber);
     addCellOptions(*command, options->cell, true);
+    command
+        ->add_option("--report", options->report,
+                     "Write what the cell rests on here, and as JSON beside it: clusters, choice, reduction, "
+                     "symmetry, displacements")
+        ->type_name("FILE.txt");
+    command
+        ->add_option(
+            "--debug-dump", options->dump,
+            "Write difference vectors, clusters and their lines into this folder, with a gnuplot script "
+            "that shows them")
+        ->type_name("FOLDER");
     command->add_option("--log", options->log, "Write all messages here")->type_name("FILE");
     command->add_flag("--json", options->json, "Print the result as JSON");
     command->footer(
         "Without options of the cell finding they are found: difference vectors are clustered with several\n"
-        "sets of parameters and the lattice that explains the reflections best wins. With any of them the\n"
-        "cell is found in one pass with exactly these parameters and the defaults of the others.\n\n"
+        "sets of parameters and the lattice that explains the reflections best wins. With any of them but\n"
+        "--clustering the cell is found in one pass with exactly these parameters and the defaults of the\n"
+        "others.\n\n"
         "Example:\n"
         "  vrk cell peaks.txt -o cell.txt");
     command->callback([options, &host] { run(*options, host); });

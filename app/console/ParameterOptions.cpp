@@ -1,12 +1,14 @@
 #include "console/ParameterOptions.h"
 
 #include <limits>
+#include <map>
 #include <sstream>
 #include <string>
 #include <type_traits>
 #include <utility>
 
 #include "pipeline/base/Failure.h"
+#include "pipeline/latticesearch/CellSteps.h"
 
 namespace vrk::app {
 namespace {
@@ -102,6 +104,17 @@ void addCellOptions(CLI::App& command, CellOptions& options, bool showDefaults) 
     command
         .add_flag("--full-space", options.fullSpace, "Use both of each pair of opposite difference vectors")
         ->group("Cell finding");
+    const std::map<std::string, ClusteringMethod> methods = {{"dbscan", ClusteringMethod::DBSCAN},
+                                                             {"ddsc", ClusteringMethod::DDSC},
+                                                             {"fsc", ClusteringMethod::FSC}};
+    command
+        .add_option(
+            "--clustering", options.clustering,
+            "Clusters of difference vectors by one density (dbscan), by even density (ddsc), or by fuzzy "
+            "subtraction, which needs no radius (fsc) [dbscan]")
+        ->transform(CLI::CheckedTransformer(methods).description(""))
+        ->type_name("METHOD")
+        ->group("Cell finding");
 }
 
 nlohmann::ordered_json searchSettings(const Parameter& p) {
@@ -113,11 +126,13 @@ nlohmann::ordered_json searchSettings(const Parameter& p) {
             {"centre", p.getWhichReflectionMiddleShouldUsed()}};
 }
 
-nlohmann::ordered_json cellSettings(const Parameter& p) {
+nlohmann::ordered_json cellSettings(const Parameter& p, ClusteringMethod clustering) {
+    const bool hasRadius = clustering != ClusteringMethod::FSC;
     return {{"min_length", p.getMinLength()},
             {"max_length", p.getMaxLength()},
-            {"eps", p.getDBSCANEps()},
-            {"min_points", p.getDBSCANMinPts()},
+            {"clustering", nameOf(clustering)},
+            {"eps", valueOrNull(hasRadius, p.getDBSCANEps())},
+            {"min_points", hasRadius ? nlohmann::ordered_json(p.getDBSCANMinPts()) : nullptr},
             {"refine_clusters", valueOrNull(p.getRefineCluster(), p.getClusterRefinementPercent())},
             {"angle_a", p.getAngleA()},
             {"angle_b", p.getAngleB()},

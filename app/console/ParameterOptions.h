@@ -19,6 +19,6 @@ void addCellOptions(CLI::App& command, CellOptions& options, bool showDefaults);
 
 /// The settings in use, under the names of the options with underscores. What is switched off is null.
 nlohmann::ordered_json searchSettings(const Parameter& parameter);
-nlohmann::ordered_json cellSettings(const Parameter& parameter);
+nlohmann::ordered_json cellSettings(const Parameter& parameter, ClusteringMethod clustering);
 
 }  // namespace vrk::app

@@ -50,6 +50,14 @@ std::string instrumentText(const RefinedInstrument& instrument, double axis) {
     return text;
 }
 
+std::string clusteringText(const CellSearchTrial& trial) {
+    if (trial.clustering == ClusteringMethod::FSC) return nameOf(trial.clustering);
+    char text[80];
+    std::snprintf(text, sizeof text, "%s, eps %.1f, %d points", nameOf(trial.clustering), trial.eps,
+                  trial.minPts);
+    return text;
+}
+
 }  // namespace
 
 void printSummary(std::ostream& out, const RunResult& result) {
@@ -94,11 +102,9 @@ void printSummary(std::ostream& out, const RunResult& result) {
         out << "instrument    " << text << '\n';
     out << "handedness    " << senseText(indexed.refined) << '\n';
     const CellSearchTrial& trial = result.lattice.best.trial;
-    print(
-        "parameters    threshold %g (lattice at %g), zero beam %.0f, vectors %.1f to %.1f, eps %.1f, %d "
-        "points",
-        indexed.level.threshold, indexed.cellThreshold, indexed.level.zeroBeam, trial.minLength,
-        trial.maxLength, trial.eps, trial.minPts);
+    print("parameters    threshold %g (lattice at %g), zero beam %.0f, vectors %.1f to %.1f, %s",
+          indexed.level.threshold, indexed.cellThreshold, indexed.level.zeroBeam, trial.minLength,
+          trial.maxLength, clusteringText(trial).c_str());
     const RunSeconds& s = result.seconds;
     print(
         "seconds       read %.1f, preprocess %.1f, axis %.1f, reconstruct %.1f, search %.1f, cell %.1f, "

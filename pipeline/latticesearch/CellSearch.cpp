@@ -6,12 +6,8 @@
 #include <numbers>
 #include <numeric>
 
-#include "cellfinding/CalculateCellAlgorithm.h"
-#include "cellfinding/Parameter.h"
-#include "crystallography/UnitCell.h"
 #include "pipeline/latticesearch/LatticeFit.h"
 #include "pipeline/latticesearch/LayerSearch.h"
-#include "reflections/ReflexVector.h"
 
 namespace vrk {
 namespace {
@@ -58,68 +54,24 @@ double pairsWithin(const Points& points, double distance) {
     return 0.5 * (count / std::max(sampled, 1.0) - 1.0) * static_cast<double>(points.size());
 }
 
-/// The steps of the cell finding on one parameter set.
-class Steps {
-public:
-    Steps(const Points& points, const CellSearchTrial& trial, const std::function<void(Parameter&)>& adjust) {
-        m_parameter.setWhichReflectionMiddleShouldUsed(2);
-        m_parameter.setMinLength(trial.minLength);
-        m_parameter.setMaxLength(trial.maxLength);
-        m_parameter.setDBSCANEps(trial.eps);
-        m_parameter.setDBSCANMinPts(trial.minPts);
-        if (adjust) adjust(m_parameter);
-        ReflexVectorPtr reflections(new ReflexVector);
-        for (const Vector3d& p : points)
-            reflections->push_back(new Reflex(p[0], p[1], p[2]));
-        double seconds = 0.0;
-        m_grid.reset(m_algorithm.StepTwo_CalcDiffVectors(&m_parameter, reflections.get(), &seconds));
-        if (m_grid) m_algorithm.StepThree_Clustering(&m_parameter, m_grid.get(), &m_clusters, &m_noise);
-    }
-    ~Steps() {
-        for (auto* cluster : m_clusters)
-            delete cluster;
-        for (auto* vector : m_noise)
-            delete vector;
-    }
-    Steps(const Steps&) = delete;
-    Steps& operator=(const Steps&) = delete;
+std::vector<Centre> centresOf(const CellSteps& steps) {
+    std::vector<Centre> centres;
+    for (auto* cluster : steps.clusters())
+        centres.push_back(
+            {{cluster->getCenterOfGrafity(0), cluster->getCenterOfGrafity(1), cluster->getCenterOfGrafity(2)},
+             static_cast<double>(cluster->getNumberOfPoints())});
+    std::stable_sort(centres.begin(), centres.end(),
+                     [](const Centre& a, const Centre& b) { return a.count > b.count; });
+    return centres;
+}
 
-    std::vector<Centre> centres() const {
-        std::vector<Centre> centres;
-        for (auto* cluster : m_clusters)
-            centres.push_back({{cluster->getCenterOfGrafity(0), cluster->getCenterOfGrafity(1),
-                                cluster->getCenterOfGrafity(2)},
-                               static_cast<double>(cluster->getNumberOfPoints())});
-        std::stable_sort(centres.begin(), centres.end(),
-                         [](const Centre& a, const Centre& b) { return a.count > b.count; });
-        return centres;
-    }
-
-    /// The base that steps four to six select and refine; nothing when they find none.
-    std::optional<Matrix3d> selected() {
-        if (m_clusters.size() < 3) return std::nullopt;
-        ClusterPoint<double> found[3] = {{3, -1}, {3, -1}, {3, -1}};
-        ClusterPoint<double> shortened[3] = {{3, -1}, {3, -1}, {3, -1}};
-        UnitCell cell;
-        if (m_algorithm.StepFour_FindLinearIndependentVectors(&m_parameter, &cell, &m_clusters, &found[0],
-                                                              &found[1], &found[2]) < 0.0 ||
-            m_algorithm.StepFive_CalculateNiggliCell(&m_parameter, &found[0], &found[1], &found[2],
-                                                     &shortened[0], &shortened[1], &shortened[2]) < 0.0)
-            return std::nullopt;
-        Matrix3d basis;
-        for (int column = 0; column < 3; ++column)
-            for (int row = 0; row < 3; ++row)
-                basis(row, column) = shortened[column].getData(row);
-        return std::abs(basis.determinant()) > 1.0 ? std::optional(basis) : std::nullopt;
-    }
-
-private:
-    Parameter m_parameter;
-    CalculateCellAlgorithm m_algorithm;
-    std::unique_ptr<CubicGrid<ClusterPoint<double>>> m_grid;
-    std::vector<Cluster<Point<double>>*> m_clusters;
-    std::vector<ClusterPoint<double>*> m_noise;
-};
+/// The base that steps four and five select; nothing when they find none.
+std::optional<Matrix3d> selectedBase(CellSteps& steps) {
+    if (steps.clusters().size() < 3) return std::nullopt;
+    std::optional<Matrix3d> basis = steps.chosen();
+    if (basis) basis = steps.shortened(*basis);
+    return basis && std::abs(basis->determinant()) > 1.0 ? basis : std::nullopt;
+}
 
 /// The bases that three of the strongest cluster centres form, the best explanation of all centres first.
 std::vector<Matrix3d> tripletBases(const std::vector<Centre>& centres, double radius) {
@@ -242,11 +194,15 @@ std::vector<CellSearchTrial> CellSearch::trials(const Points& points) const {
     std::vector<CellSearchTrial> trials;
     for (const double multiple : {1.6, 2.6, 4.5})
         for (const double eps : {0.7, 1.2, 2.0}) {
+            // FSC finds its radius itself.
+            if (m_options.clustering == ClusteringMethod::FSC && eps != 1.2) continue;
             CellSearchTrial trial;
+            trial.clustering = m_options.clustering;
             trial.maxLength = m_options.maxLength.value_or(multiple * spacing);
             trial.minLength = m_options.minLength.value_or(std::clamp(0.2 * spacing, 1.8, 3.5));
             trial.eps = m_options.eps.value_or(eps);
-            if (!m_options.eps && eps > 0.35 * spacing) continue;
+            if (!m_options.eps && m_options.clustering != ClusteringMethod::FSC && eps > 0.35 * spacing)
+                continue;
             const double vectors = pairsWithin(points, trial.maxLength);
             const double sphere = std::pow(trial.eps, 3) / (0.5 * std::pow(trial.maxLength, 3));
             const double expected = vectors * sphere;
@@ -260,23 +216,41 @@ std::vector<CellSearchTrial> CellSearch::trials(const Points& points) const {
     return trials;
 }
 
+Parameter CellSearch::parameterOf(const CellSearchTrial& trial) const {
+    Parameter parameter;
+    parameter.setWhichReflectionMiddleShouldUsed(2);
+    parameter.setMinLength(trial.minLength);
+    parameter.setMaxLength(trial.maxLength);
+    parameter.setDBSCANEps(trial.eps);
+    parameter.setDBSCANMinPts(trial.minPts);
+    if (m_options.adjust) m_options.adjust(parameter);
+    return parameter;
+}
+
+std::unique_ptr<CellSteps> CellSearch::stepsOf(const LatticeCandidate& candidate, const Points& points,
+                                               const std::vector<double>& weights) const {
+    return std::make_unique<CellSteps>(strongest(points, weights, candidate.trial.reflections),
+                                       parameterOf(candidate.trial), candidate.trial.clustering);
+}
+
 std::vector<LatticeCandidate> CellSearch::search(const Points& points,
                                                  const std::vector<double>& weights) const {
     std::vector<LatticeCandidate> candidates;
     if (points.size() < 12) return candidates;
     const Points judges = strongest(points, weights, kJudges);
     int agreements = 0;
-    for (const CellSearchTrial& trial : trials(judges)) {
+    for (CellSearchTrial trial : trials(judges)) {
         if (m_options.canceled && m_options.canceled()) return {};
         Points used = judges;
         for (double vectors = pairsWithin(used, trial.maxLength); vectors > kMostVectors && used.size() > 200;
              vectors = pairsWithin(used, trial.maxLength))
             used.resize(used.size() * 3 / 4);
         const double before = candidates.empty() ? 0.0 : candidates.front().score.evidence;
-        Steps steps(used, trial, m_options.adjust);
-        for (const Matrix3d& basis : tripletBases(steps.centres(), std::max(0.6, 0.6 * trial.eps)))
+        trial.reflections = used.size();
+        CellSteps steps(used, parameterOf(trial), trial.clustering);
+        for (const Matrix3d& basis : tripletBases(centresOf(steps), std::max(0.6, 0.6 * trial.eps)))
             candidates.push_back(judged(basis, judges, trial));
-        if (const std::optional<Matrix3d> basis = steps.selected())
+        if (const std::optional<Matrix3d> basis = selectedBase(steps))
             candidates.push_back(judged(reduced(*basis), judges, trial));
         keepDistinct(candidates, 2 * kKeptCandidates);
         // Parameter sets that find nothing better than what explains most points already need no further

@@ -4,22 +4,23 @@
 
 #include <Eigen/Dense>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "pipeline/latticesearch/CellSteps.h"
 #include "pipeline/latticesearch/LatticeScore.h"
-
-class Parameter;
 
 namespace vrk {
 
 /// What a user may fix; everything else is found.
 struct CellSearchOptions {
-    std::optional<double> minLength;  ///< shortest difference vector, voxels
-    std::optional<double> maxLength;  ///< longest difference vector, voxels
-    std::optional<double> eps;        ///< radius of the clustering, voxels
-    std::optional<int> minPts;        ///< density of the clustering
+    std::optional<double> minLength;                         ///< shortest difference vector, voxels
+    std::optional<double> maxLength;                         ///< longest difference vector, voxels
+    std::optional<double> eps;                               ///< radius of the clustering, voxels
+    std::optional<int> minPts;                               ///< density of the clustering
+    ClusteringMethod clustering = ClusteringMethod::DBSCAN;  ///< FSC finds its radius and density itself
     /// Changes further settings of the cell finding before its steps run; may be empty.
     std::function<void(Parameter&)> adjust;
     /// Called between the parameter sets; returning true stops the search.
@@ -32,6 +33,8 @@ struct CellSearchTrial {
     double maxLength = 0.0;
     double eps = 0.0;
     int minPts = 0;
+    ClusteringMethod clustering = ClusteringMethod::DBSCAN;
+    std::size_t reflections = 0;  ///< so many of the strongest took part
 };
 
 /// A lattice with its evidence.
@@ -57,6 +60,12 @@ public:
     /// \param weights  intensities in the same order; the strongest points decide where there are many
     /// \returns the candidates by falling evidence, every lattice once; empty when nothing beats chance
     std::vector<LatticeCandidate> search(const Points& points, const std::vector<double>& weights) const;
+
+    /// The settings of a trial.
+    Parameter parameterOf(const CellSearchTrial& trial) const;
+    /// The steps that led to a candidate, once more, for a look at the evidence.
+    std::unique_ptr<CellSteps> stepsOf(const LatticeCandidate& candidate, const Points& points,
+                                       const std::vector<double>& weights) const;
 
 private:
     std::vector<CellSearchTrial> trials(const Points& points) const;

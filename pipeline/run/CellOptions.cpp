@@ -11,6 +11,11 @@ bool CellOptions::isGiven() const {
 }
 
 void CellOptions::applyTo(Parameter& parameter) const {
+    if (clustering == ClusteringMethod::FSC && (eps || minPoints))
+        throw Failure(
+            "--eps and --min-points have no meaning for --clustering fsc, which finds its radius "
+            "itself; leave them out",
+            FailureKind::Usage);
     if (minLength) parameter.setMinLength(*minLength);
     if (maxLength) parameter.setMaxLength(*maxLength);
     if (eps) parameter.setDBSCANEps(*eps);

@@ -4,6 +4,8 @@
 
 #include <optional>
 
+#include "cellfinding/ClusteringMethod.h"
+
 class Parameter;
 
 namespace vrk {
@@ -20,11 +22,12 @@ struct CellOptions {
     std::optional<double> detLimit;
     std::optional<int> gridSize;
     bool fullSpace = false;
+    ClusteringMethod clustering = ClusteringMethod::DBSCAN;
 
-    /// Whether the user gave any of them.
+    /// Whether the user gave any of them; the method of the clustering leaves everything else to be found.
     bool isGiven() const;
     /// Sets the values that were given; the others stay as they are. Throws Failure when a lower limit is
-    /// then above its upper one.
+    /// then above its upper one, and for a radius or density that the clustering has no use for.
     void applyTo(Parameter& parameter) const;
 };
 

@@ -23,6 +23,7 @@ CellSearchOptions searchOptions(const CellOptions& options, Session& session) {
     search.maxLength = options.maxLength;
     search.eps = options.eps;
     search.minPts = options.minPoints;
+    search.clustering = options.clustering;
     search.adjust = [&options](Parameter& parameter) { options.applyTo(parameter); };
     search.canceled = [&session] {
         session.checkCanceled();
@@ -76,6 +77,8 @@ LatticeChoice findLattice(const std::vector<Level>& levels, const ReciprocalVolu
     // Parameter sets that find no cluster are part of the search, not news.
     const QuietLog quiet(session, QuietLog::Keep::InLogAlone);
     LatticeChoice choice;
+    Points bestPoints;
+    std::vector<double> bestWeights;
     double merit = 0.0;
     for (std::size_t i = levels.size(); i-- > 0;) {
         std::vector<double> weights;
@@ -89,8 +92,14 @@ LatticeChoice findLattice(const std::vector<Level>& levels, const ReciprocalVolu
         choice.runnerUp.reset();
         if (candidates.size() > 1) choice.runnerUp = candidates[1];
         choice.best = std::move(candidates.front());
+        bestPoints = points;
+        bestWeights = std::move(weights);
     }
     if (!isConvincing(choice.best.score)) throw noLattice(levels, choice.best.score);
+    Lattice lattice = choice.best.lattice;
+    lattice.pixelSize = volume.facts.pixelSize;
+    choice.evidence = search.stepsOf(choice.best, bestPoints, bestWeights)
+                          ->evaluate(lattice, choice.best.score, bestPoints);
     return choice;
 }
 

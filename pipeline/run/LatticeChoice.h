@@ -16,7 +16,8 @@ namespace vrk {
 struct LatticeChoice {
     LatticeCandidate best;
     std::optional<LatticeCandidate> runnerUp;
-    std::size_t level = 0;  ///< at which it was found
+    std::size_t level = 0;    ///< at which it was found
+    CellEvaluation evidence;  ///< of the best, among the reflections that found it
 };
 
 /// The reflections of a level that lie so close to the axis or to the origin that the curvature of the Ewald

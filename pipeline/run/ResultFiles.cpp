@@ -8,6 +8,7 @@
 #include "indexing/HKLfileImportExport.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/OutputFile.h"
+#include "pipeline/formats/CellEvaluationFiles.h"
 #include "reflections/PeakFileImportExport.h"
 #include "reflections/ReflexVector.h"
 
@@ -77,6 +78,9 @@ std::vector<std::filesystem::path> writeResultFiles(const RunResult& result,
     const QuietLog quiet(session, QuietLog::Keep::InLogAlone);
     write("reflections.hkl",
           [&](const std::string& path) { return HKLfileImportExport::exportHKLFile(list.get(), path); });
+    for (const std::filesystem::path& path :
+         writeEvaluation(result.lattice.evidence, folder / "cell-report.txt"))
+        files.push_back(path);
     return files;
 }
 

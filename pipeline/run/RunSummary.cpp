@@ -149,14 +149,16 @@ Json confidenceJson(const RunResult& result) {
 Json parametersJson(const RunResult& result) {
     const Level& level = result.indexed.level;
     const CellSearchTrial& trial = result.lattice.best.trial;
+    const bool hasRadius = trial.clustering != ClusteringMethod::FSC;  // which finds its own
     return {{"threshold", level.threshold},
             {"cell_threshold", result.indexed.cellThreshold},
             {"zero_beam", level.zeroBeam},
             {"min_voxels", level.minVoxels},
             {"min_length", trial.minLength},
             {"max_length", trial.maxLength},
-            {"eps", trial.eps},
-            {"min_points", trial.minPts},
+            {"clustering", nameOf(trial.clustering)},
+            {"eps", hasRadius ? Json(trial.eps) : Json(nullptr)},
+            {"min_points", hasRadius ? Json(trial.minPts) : Json(nullptr)},
             {"voltage_kv", result.facts().kiloVolts}};
 }
 

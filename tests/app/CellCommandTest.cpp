@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <random>
@@ -63,9 +65,12 @@ TEST_F(CellCommandTest, FindsTheCellOfPeakFileAndList) {
         {"peaks.txt", "-o", "cell.txt", "--json", "--log", "log.txt"},
         {"list.txt", "-o", "cell.txt", "--json", "--pixel-size", "5e7"},
         {"peaks.txt", "-o", "cell.txt", "--json", "--eps", "1", "--min-points", "10", "--max-length", "40"},
+        {"peaks.txt", "-o", "cell.txt", "--json", "--clustering", "fsc"},
+        {"peaks.txt", "-o", "cell.txt", "--json", "--clustering", "fsc", "--max-length", "40"},
+        {"peaks.txt", "-o", "cell.txt", "--json", "--clustering", "ddsc"},
     };
     for (const auto& arguments : cases) {
-        SCOPED_TRACE(arguments.size());
+        SCOPED_TRACE(arguments.back());
         const VrkResult run = cell(arguments);
         ASSERT_EQ(run.exitCode, 0) << run.err;
         EXPECT_EQ(run.err, "");
@@ -78,9 +83,13 @@ TEST_F(CellCommandTest, FindsTheCellOfPeakFileAndList) {
         EXPECT_NEAR(json["reflections"]["fraction_indexed"], 0.78, 0.06);
         // A plain list does not tell what was recorded, so nobody knows which nodes are missing.
         EXPECT_EQ(json["confidence"]["level"], arguments[0] == "list.txt" ? "fair" : "high");
-        const bool given = arguments.size() > 6 && arguments[4] == "--eps";
-        EXPECT_EQ(json["search"], given ? "parameters" : "automatic");
-        if (given) {
+        const auto has = [&](const char* option) {
+            return std::find(arguments.begin(), arguments.end(), option) != arguments.end();
+        };
+        EXPECT_EQ(json["search"], has("--max-length") ? "parameters" : "automatic");
+        EXPECT_EQ(json["parameters"]["clustering"], has("fsc") ? "fsc" : has("ddsc") ? "ddsc" : "dbscan");
+        EXPECT_EQ(json["parameters"]["min_points"].is_null(), has("fsc"));
+        if (has("--eps")) {
             EXPECT_EQ(json["parameters"]["min_points"], 10);
         }
         for (const double component : json["origin_px"])
@@ -93,6 +102,47 @@ TEST_F(CellCommandTest, FindsTheCellOfPeakFileAndList) {
         EXPECT_TRUE(direct->isRightHanded());
     }
     EXPECT_NE(m_folder.read("log.txt").find("Clustering started..."), std::string::npos);
+}
+
+TEST_F(CellCommandTest, ReportsWhatTheCellRestsOn) {
+    const std::vector<std::vector<std::string>> cases = {
+        {}, {"--eps", "1", "--min-points", "10", "--max-length", "40"}, {"--clustering", "fsc"}};
+    for (const auto& given : cases) {
+        SCOPED_TRACE(given.size());
+        std::vector<std::string> arguments = {"peaks.txt", "-o",         "cell.txt",     "--json",
+                                              "--report",  "report.txt", "--debug-dump", "dump"};
+        arguments.insert(arguments.end(), given.begin(), given.end());
+        const VrkResult run = cell(arguments);
+        ASSERT_EQ(run.exitCode, 0) << run.err;
+        EXPECT_EQ(run.err, "");
+        const auto printed = nlohmann::json::parse(run.out);
+        const auto json = nlohmann::json::parse(m_folder.read("report.json"));
+        EXPECT_EQ(json["reflections"], m_count);
+        EXPECT_EQ(json["symmetries"][0]["bravais"], "tI");
+        EXPECT_EQ(json["parameters"]["max_length"], printed["parameters"]["max_length"]);
+        EXPECT_EQ(json["reciprocal_vectors_px"], printed["reciprocal_vectors_px"]);
+        EXPECT_EQ(json["displacements"]["all"]["indexed"], printed["reflections"]["indexed"]);
+        EXPECT_TRUE(json["reduction"]["is_niggli_cell"]);
+        EXPECT_EQ(json["clustering"].get<std::string>().substr(0, 3),
+                  printed["parameters"]["clustering"] == "fsc" ? "FSC" : "DBS");
+        EXPECT_GE(json["clusters"].size(), 8u);
+        int onNodes = 0;
+        for (const auto& cluster : json["clusters"])
+            onNodes += cluster["distance"] < 1.0;
+        EXPECT_GT(onNodes, 7);
+        EXPECT_EQ(json["choice"]["candidates"][0]["verdict"], "a");
+        EXPECT_NE(m_folder.read("report.txt").find("chosen as a: the shortest"), std::string::npos);
+
+        // The header and one line a vector.
+        const std::string dumped = m_folder.read("dump/DiffVectors.dat");
+        EXPECT_EQ(std::count(dumped.begin(), dumped.end(), '\n'), json["difference_vectors"].get<long>() + 1);
+        EXPECT_FALSE(m_folder.read("dump/BeginPoint.dat").empty());
+        EXPECT_NE(m_folder.read("dump/CellFinding.plt").find("splot 'DiffVectors.dat'"), std::string::npos);
+        std::filesystem::remove_all(m_folder / "dump");
+    }
+    // What a search without result saw is of most use.
+    EXPECT_EQ(cell({"noise.txt", "-o", "x.txt", "--eps", "1", "--debug-dump", "dump"}).exitCode, 3);
+    EXPECT_FALSE(m_folder.read("dump/DiffVectors.dat").empty());
 }
 
 TEST_F(CellCommandTest, TellsACellWithoutScale) {
@@ -132,6 +182,13 @@ TEST_F(CellCommandTest, SaysWhatIsWrongAndWritesNothing) {
          "smaller --min-points, --eps, --angle-a"},
         {{"far.txt", "-o", "x.txt"}, 3, "other units"},
         {{"crowd.txt", "-o", "x.txt", "--max-length", "1000"}, 2, "smaller --max-length"},
+        {{"list.txt", "-o", "x.txt", "--clustering", "fsc", "--eps", "1"}, 2, "finds its radius itself"},
+        {{"noise.txt", "-o", "x.txt", "--clustering", "fsc", "--max-length", "8"}, 3, "larger --max-length"},
+        {{"list.txt", "-o", "x.txt", "--clustering", "kmeans"}, 2, "--clustering"},
+        {{"list.txt", "-o", "x.txt", "--report", "./x.txt"}, 2, "the report would replace x.txt"},
+        {{"list.txt", "-o", "x.txt", "--report", "x.json"}, 2, "another extension"},
+        {{"list.txt", "-o", "x.txt", "--report", "none/x.txt"}, 1, "none"},
+        {{"list.txt", "-o", "x.txt", "--debug-dump", "list.txt"}, 1, "list.txt"},
     };
     for (const auto& one : cases) {
         SCOPED_TRACE(one.message);
