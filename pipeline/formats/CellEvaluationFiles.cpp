@@ -100,7 +100,8 @@ Json toJson(const CellEvaluation& e) {
     json["clustering"] = e.method;
     json["noise_vectors"] = e.noiseVectors;
     json["clusters"] = listOf(e.clusters);
-    json["choice"] = {{"complete", e.hasChoice}, {"candidates", listOf(e.candidates)}};
+    json["choice"] = {
+        {"complete", e.hasChoice}, {"index", e.choiceIndex}, {"candidates", listOf(e.candidates)}};
     json["reciprocal_vectors_px"] = e.base;
     json["pixel_size"] = e.pixelSize > 0.0 ? Json(e.pixelSize) : Json(nullptr);
     json["reduction"] = {

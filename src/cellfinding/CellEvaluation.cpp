@@ -83,6 +83,24 @@ void describeClusters(const Evaluation::Input& input, const Nodes& nodes, Evalua
             evaluation.clusters.push_back(entryOf(*cluster, nodes));
 }
 
+double shortestOf(const std::array<Vector, 3>& base) {
+    return std::min({norm(base[0]), norm(base[1]), norm(base[2])});
+}
+
+/// The determinant of the indices of three clusters that are nodes, else 0.
+int indexOf(const Evaluation::ClusterEntry& a, const Evaluation::ClusterEntry& b,
+            const Evaluation::ClusterEntry& c, double shortest) {
+    constexpr double kNear = 0.3;  // of the shortest base vector
+    double rows[3][3];
+    for (std::size_t i = 0; const Evaluation::ClusterEntry* entry : {&a, &b, &c}) {
+        if (entry->distance > kNear * shortest) return 0;
+        for (std::size_t k = 0; k < 3; ++k)
+            rows[i][k] = entry->hkl[k];
+        ++i;
+    }
+    return static_cast<int>(std::lround(std::min(1e9, std::abs(BasicMath::Determinant(rows)))));
+}
+
 /// The choice of step four, made again among the clusters.
 void describeChoice(const Parameter& parameter, Evaluation& evaluation) {
     std::vector<DiffVector3D> vectors;
@@ -98,7 +116,12 @@ void describeChoice(const Parameter& parameter, Evaluation& evaluation) {
     for (const std::size_t i : order)
         sorted.push_back(&vectors[i]);
     std::vector<VRK::detail::Judgement> judgements;
-    evaluation.hasChoice = VRK::detail::chooseShortest(sorted, parameter, &judgements).has_value();
+    const auto chosen = VRK::detail::chooseShortest(sorted, parameter, &judgements);
+    evaluation.hasChoice = chosen.has_value();
+    if (chosen)
+        evaluation.choiceIndex =
+            indexOf(evaluation.clusters[order[(*chosen)[0]]], evaluation.clusters[order[(*chosen)[1]]],
+                    evaluation.clusters[order[(*chosen)[2]]], shortestOf(evaluation.base));
     for (std::size_t i = 0; i < order.size(); ++i) {
         const auto& [verdict, value] = judgements[i];
         const bool isAngle = verdict == BaseVectorVerdict::NearA ||
@@ -318,7 +341,10 @@ void appendClusters(std::string& text, const Evaluation& e) {
 
 void appendChoice(std::string& text, const Evaluation& e) {
     append(text, "\nChoice of three base vectors among the clusters, shortest first%s\n\n",
-           e.hasChoice ? "" : ": there are no three");
+           !e.hasChoice         ? ": there are no three"
+           : e.choiceIndex == 0 ? ". The answer is another lattice: they are not all nodes of it"
+           : e.choiceIndex == 1 ? ". They span the lattice of the answer"
+                                : ". The answer has nodes between those of their lattice");
     append(text, "label    length\n");
     for (const Evaluation::Candidate& candidate : e.candidates) {
         if (candidate.verdict == BaseVectorVerdict::LongerThanNeeded) {
@@ -399,8 +425,7 @@ bool CellEvaluation::evaluate(const Input& input, CellEvaluation* evaluation) {
     result.pixelSize = input.pixelSize;
     input.cell->getBase(result.base[0].data(), result.base[1].data(), result.base[2].data());
     result.radius = input.radius;
-    if (!(result.radius > 0.0))
-        result.radius = 0.25 * std::min({norm(result.base[0]), norm(result.base[1]), norm(result.base[2])});
+    if (!(result.radius > 0.0)) result.radius = 0.25 * shortestOf(result.base);
     describeClusters(input, nodes, result);
     describeChoice(parameter, result);
     describeReduction(input, result);

@@ -109,6 +109,9 @@ public:
     std::vector<ClusterEntry> clusters;
     std::vector<Candidate> candidates;
     bool hasChoice = false;  ///< whether step four finds three
+    /// How many times the reciprocal cell of those three is larger than that of the answer; 1: they span the
+    /// same lattice. 0 without a choice, or when one of the three is no node of the answer.
+    int choiceIndex = 0;
 
     std::array<Vector, 3> base{};  ///< of the answer
     double pixelSize = 0.0;

@@ -159,7 +159,7 @@ public:
         return farthest;
     }
 
-    std::size_t size() const { return m_centres.size(); }
+    const Positions& centres() const { return m_centres; }
 
     /// The place of the largest membership of every point in the list of centres, counted from 1, or 0 for
     /// the noise; and that membership.
@@ -213,27 +213,31 @@ private:
     double m_radius;
 };
 
-/// Numbers the classes that have points from 1, in their order, as far as labels go.
-int numberClasses(std::vector<int>& classes, std::size_t count) {
+/// Numbers the classes that have points from 1, in their order, as far as labels go; the places of those
+/// classes in the list of centres.
+std::vector<std::size_t> numberClasses(std::vector<int>& classes, std::size_t count) {
     std::vector<int> labels(count + 1, 0);
     for (const int c : classes)
         labels[static_cast<std::size_t>(c)] = 1;
+    std::vector<std::size_t> places;
     labels[0] = 0;
-    int next = 0;
-    for (int& label : labels)
-        if (label) label = ++next;
+    for (std::size_t c = 1; c < labels.size(); ++c) {
+        if (!labels[c]) continue;
+        places.push_back(c - 1);
+        labels[c] = static_cast<int>(places.size());
+    }
     for (int& c : classes) {
         const int label = labels[static_cast<std::size_t>(c)];
         c = label <= VRK::detail::kMostClusters ? label : 0;
     }
-    return next;
+    return places;
 }
 
 }  // namespace
 
 bool FSC::cluster(CubicGrid<ClusterPoint<double>>* grid, double radius,
                   std::vector<Cluster<Point<double>>*>* clusters, std::vector<ClusterPoint<double>*>* noise,
-                  std::vector<double>* memberships) {
+                  std::vector<double>* memberships, std::vector<DiffVector3D>* centres) {
     const VRK::detail::Trace trace(">> FSC::cluster", "<< FSC::cluster");
     if (!grid || !clusters || !noise) return refuse("there is no grid or no list for the result.");
     if (grid->getNumberOfPoints() < 2) return refuse("there are fewer than two points.");
@@ -264,18 +268,18 @@ bool FSC::cluster(CubicGrid<ClusterPoint<double>>* grid, double radius,
     PotentialGrid potentials(points, radius, flat);
     updateStep(kPotentials);
 
-    Positions centres;
+    Positions peaks;
     int step = kPotentials;
     for (PotentialGrid::Peak peak; potentials.nextPeak(peak);) {
         if (isCanceled()) return false;
-        centres.push_back(peak.place);
+        peaks.push_back(peak.place);
         // Their number is not known before; the steps come closer and closer to the last of this part.
-        const auto share = static_cast<double>(centres.size()) / (static_cast<double>(centres.size()) + 50.0);
+        const auto share = static_cast<double>(peaks.size()) / (static_cast<double>(peaks.size()) + 50.0);
         const int reached = kPotentials + static_cast<int>(share * (kCentres - kPotentials));
         while (step < reached)
             updateStep(++step);
     }
-    Memberships fuzzy(points, std::move(centres), radius);
+    Memberships fuzzy(points, std::move(peaks), radius);
     constexpr int kRounds = 10;
     for (int round = 1; round <= kRounds; ++round) {
         if (isCanceled()) return false;
@@ -287,12 +291,20 @@ bool FSC::cluster(CubicGrid<ClusterPoint<double>>* grid, double radius,
     std::vector<int> classes;
     std::vector<double> shares;
     fuzzy.classify(classes, shares);
-    const int count = numberClasses(classes, fuzzy.size());
+    const std::vector<std::size_t> numbered = numberClasses(classes, fuzzy.centres().size());
+    const int count = static_cast<int>(numbered.size());
     VRK::detail::warnOfClusterLimit(count);
     for (std::size_t i = 0; i < classes.size(); ++i)
         (*grid->getPoints())[i]->setClusterID(static_cast<short>(classes[i]));
     VRK::detail::fillClusters(*grid, std::min(count, VRK::detail::kMostClusters), *clusters, *noise);
     if (memberships) *memberships = std::move(shares);
+    if (centres) {
+        centres->clear();
+        for (std::size_t label = 0; label < clusters->size(); ++label) {
+            const Position& centre = fuzzy.centres()[numbered[label]];
+            centres->emplace_back(centre[0], centre[1], centre[2]);
+        }
+    }
     updateStep(kSteps);
     return true;
 }

@@ -7,6 +7,7 @@
 #include "VRKCoreExport.h"
 #include "cellfinding/Cluster.h"
 #include "cellfinding/CubicGrid.h"
+#include "cellfinding/DiffVector3D.h"
 #include "foundation/VoxProgressObserver.h"
 
 /// Clusters around the places where most vectors lie, found one after the other (S. L. Chiu: Fuzzy model
@@ -36,6 +37,8 @@ public:
     /// \param radius       r in voxels; 0: found from the vectors, between 1.5 and 16
     /// \param memberships  may be null; receives for every point of the grid its membership, 0 to 1, in its
     ///                     cluster, or in the noise
+    /// \param centres      may be null; receives the fuzzy centre of every cluster, weighted with the squares
+    ///                     of the memberships, in the order of the labels (z is 0 for two coordinates)
     /// \returns false, with one line in the log and nothing changed, for null arguments, fewer than two
     ///          points, another number of coordinates than two or three, coordinates that are no numbers, a
     ///          radius that is negative or no number, or so small against the extent of the vectors that the
@@ -45,7 +48,7 @@ public:
     /// says so.
     bool cluster(CubicGrid<ClusterPoint<double>>* grid, double radius,
                  std::vector<Cluster<Point<double>>*>* clusters, std::vector<ClusterPoint<double>*>* noise,
-                 std::vector<double>* memberships = nullptr);
+                 std::vector<double>* memberships = nullptr, std::vector<DiffVector3D>* centres = nullptr);
 
     /// The radius that cluster() finds when none is given; 0 when the points are too few or have other than
     /// two or three coordinates.

@@ -9,6 +9,7 @@
 #include <memory>
 #include <random>
 
+#include "Clustered.h"
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "cellfinding/Parameter.h"
 #include "crystallography/BasicMath.h"
@@ -19,6 +20,7 @@
 
 namespace {
 
+using testing_support::Clustered;
 using Vector = std::array<double, 3>;
 using Basis = std::array<Vector, 3>;  // a, b, c
 
@@ -202,24 +204,6 @@ TEST(CalculateCellAlgorithm, FindsTheCellsOfNoisyReflections) {
         }
 }
 
-/// Blobs of difference vectors around nodes, each of \p count.
-std::unique_ptr<CubicGrid<ClusterPoint<double>>> blobs(const std::vector<Vector>& nodes, int count,
-                                                       double sigma) {
-    std::mt19937 random(3);
-    std::normal_distribution<double> noise(0.0, sigma);
-    std::vector<ClusterPoint<double>> points;
-    for (const Vector& node : nodes)
-        for (int i = 0; i < count; ++i)
-            points.emplace_back(
-                Vector{node[0] + noise(random), node[1] + noise(random), node[2] + noise(random)}.data(),
-                static_cast<unsigned char>(3), short(-1));
-    std::vector<ClusterPoint<double>*> pointers;
-    for (auto& point : points)
-        pointers.push_back(&point);
-    const Vector min = {-50, -50, -50}, max = {50, 50, 50};
-    return std::make_unique<CubicGrid<ClusterPoint<double>>>(&pointers, min.data(), max.data(), 3);
-}
-
 TEST(CalculateCellAlgorithm, OtherClusteringsFindOneClusterANode) {
     using Algorithm = CalculateCellAlgorithm;
     const std::vector<Vector> apart = {{12, 0, 0}, {0, 13, 0}, {0, 0, 14}, {12, 13, 0}};
@@ -256,7 +240,11 @@ TEST(CalculateCellAlgorithm, OtherClusteringsFindOneClusterANode) {
     for (const Case& one : cases) {
         SCOPED_TRACE(one.name);
         Results run;
-        run.grid = blobs(one.nodes, 300, 0.4);
+        Clustered<ClusterPoint<double>> blobs;
+        for (const Vector& node : one.nodes)
+            blobs.addBlob({node[0], node[1], node[2]}, 300, 0.4);
+        blobs.makeGrid();
+        run.grid = std::move(blobs.grid);
         run.parameter.setDBSCANEps(one.eps);
         run.parameter.setDBSCANMinPts(20);
         Algorithm algorithm;
@@ -375,6 +363,36 @@ TEST(CalculateCellAlgorithm, RefusesMissingInputWithOneLine) {
     double seconds = 0.0;
     const ClusterPoint<double> untouched = run.a;
     const double zero[3] = {};
+    const auto two = [&](ReflexVector* list) {
+        EXPECT_EQ(algorithm.StepTwo_CalcDiffVectors(&run.parameter, list, &seconds), nullptr);
+        return seconds;
+    };
+    const auto four = [&](ClusterPoint<double>* b) {
+        return algorithm.StepFour_FindLinearIndependentVectors(&run.parameter, nullptr, &run.clusters, &run.a,
+                                                               b, &run.c);
+    };
+    const auto five = [&](Parameter* parameter) {
+        return algorithm.StepFive_CalculateNiggliCell(parameter, &run.a, &run.b, &run.c, &run.a, &run.b,
+                                                      &run.c);
+    };
+    const auto six = [&] {
+        return algorithm.StepSix_Refinement(&run.clusters, &run.a, &run.b, &run.c, &run.a, &run.b, &run.c,
+                                            &run.refined[0], &run.refined[1], &run.refined[2]);
+    };
+    const auto basis = [&](std::vector<Cluster<Point<double>>*>* clusters) {
+        return algorithm.findBasis(&run.parameter, clusters, &run.a, &run.b, &run.c);
+    };
+    const auto reflections = [&](const double* origin) {
+        return algorithm.testCellDetectionWithReflections(&run.parameter, &one, origin, &run.a, &run.b,
+                                                          &run.c);
+    };
+    const auto niggli = [&](ClusterPoint<double>* b) {
+        return algorithm.calculateNiggliCell2(&run.a, b, &run.c, &run.a, &run.b, &run.c);
+    };
+    const auto all = [&](std::vector<Cluster<Point<double>>*>* clusters) {
+        return algorithm.refineCell(clusters, &run.a, &run.b, &run.c, &run.a, &run.b, &run.c);
+    };
+    const auto answer = [](bool done) { return done ? 0.0 : -1.0; };
     struct Case {
         const char* message;
         VRK::MessageType type;
@@ -385,74 +403,33 @@ TEST(CalculateCellAlgorithm, RefusesMissingInputWithOneLine) {
          [&] { return algorithm.StepOne_CutOfZeroBeam(nullptr, volume.get(), &run.parameter); }},
         {"The cut off needs a volume", VRK::Error,
          [&] { return algorithm.StepOne_CutOfZeroBeam(&one, nullptr, &run.parameter); }},
-        {"Calculate diff vectors failed.", VRK::Error,
-         [&] {
-             EXPECT_EQ(algorithm.StepTwo_CalcDiffVectors(&run.parameter, nullptr, &seconds), nullptr);
-             return seconds;
-         }},
-        {"Calculate diff vectors failed.", VRK::Error,
-         [&] {
-             EXPECT_EQ(algorithm.StepTwo_CalcDiffVectors(&run.parameter, &one, &seconds), nullptr);
-             return seconds;
-         }},
+        {"Calculate diff vectors failed.", VRK::Error, [&] { return two(nullptr); }},
+        {"Calculate diff vectors failed.", VRK::Error, [&] { return two(&one); }},
         {"No cluster centers found.", VRK::Warning,
          [&] { return algorithm.StepThree_Clustering(&run.parameter, nullptr, &run.clusters, &run.noise); }},
-        {"No three linear independent vectors among 0", VRK::Warning,
-         [&] {
-             return algorithm.StepFour_FindLinearIndependentVectors(&run.parameter, nullptr, &run.clusters,
-                                                                    &run.a, &run.b, &run.c);
-         }},
-        {"three points are needed", VRK::Error,
-         [&] {
-             return algorithm.StepFour_FindLinearIndependentVectors(&run.parameter, nullptr, &run.clusters,
-                                                                    &run.a, nullptr, &run.c);
-         }},
-        {"six points are needed", VRK::Error,
-         [&] {
-             return algorithm.StepFive_CalculateNiggliCell(nullptr, &run.a, &run.b, &run.c, &run.a, &run.b,
-                                                           &run.c);
-         }},
-        {"No three linear independent vectors in the lattice", VRK::Warning,
-         [&] {
-             return algorithm.StepFive_CalculateNiggliCell(&run.parameter, &run.a, &run.b, &run.c, &run.a,
-                                                           &run.b, &run.c);
-         }},
-        {"No clusters to join.", VRK::Warning,
-         [&] { return algorithm.postprocessingDDSCclustering(&run.clusters, 3.0) ? 0.0 : -1.0; }},
-        {"No three of 0 cluster centers form a basis.", VRK::Warning,
-         [&] { return algorithm.findBasis(&run.parameter, &run.clusters, &run.a, &run.b, &run.c); }},
-        {"three points are needed to find a basis.", VRK::Error,
-         [&] { return algorithm.findBasis(&run.parameter, nullptr, &run.a, &run.b, &run.c); }},
-        {"No three of 1 reflections form a basis.", VRK::Warning,
-         [&] {
-             return algorithm.testCellDetectionWithReflections(&run.parameter, &one, zero, &run.a, &run.b,
-                                                               &run.c);
-         }},
-        {"an origin and three points are needed", VRK::Error,
-         [&] {
-             return algorithm.testCellDetectionWithReflections(&run.parameter, &one, nullptr, &run.a, &run.b,
-                                                               &run.c);
-         }},
-        {"span no cell that could be reduced", VRK::Warning,
-         [&] { return algorithm.calculateNiggliCell2(&run.a, &run.b, &run.c, &run.a, &run.b, &run.c); }},
-        {"Six points are needed", VRK::Error,
-         [&] { return algorithm.calculateNiggliCell2(&run.a, nullptr, &run.c, &run.a, &run.b, &run.c); }},
-        {"do not determine all three", VRK::Warning,
-         [&] { return algorithm.refineCell(&run.clusters, &run.a, &run.b, &run.c, &run.a, &run.b, &run.c); }},
-        {"six points are needed to refine", VRK::Error,
-         [&] { return algorithm.refineCell(nullptr, &run.a, &run.b, &run.c, &run.a, &run.b, &run.c); }},
-        {"No cluster center is near the base vector.", VRK::Warning,
-         [&] { return algorithm.refineBaseVector(&run.clusters, nullptr) ? 0.0 : -1.0; }},
         {"No cluster centers found.", VRK::Warning,
          [&] {
              return algorithm.clusteringStep(nullptr, nullptr, &run.clusters, &run.noise,
                                              ClusteringMethod::DDSC);
          }},
-        {"No clusters loaded during the refinement of the cell.", VRK::Error,
-         [&] {
-             return algorithm.StepSix_Refinement(&run.clusters, &run.a, &run.b, &run.c, &run.a, &run.b,
-                                                 &run.c, &run.refined[0], &run.refined[1], &run.refined[2]);
-         }},
+        {"No three linear independent vectors among 0", VRK::Warning, [&] { return four(&run.b); }},
+        {"three points are needed", VRK::Error, [&] { return four(nullptr); }},
+        {"six points are needed", VRK::Error, [&] { return five(nullptr); }},
+        {"No three linear independent vectors in the lattice", VRK::Warning,
+         [&] { return five(&run.parameter); }},
+        {"No clusters loaded during the refinement of the cell.", VRK::Error, six},
+        {"No clusters to join.", VRK::Warning,
+         [&] { return answer(algorithm.postprocessingDDSCclustering(&run.clusters, 3.0)); }},
+        {"No three of 0 cluster centers form a basis.", VRK::Warning, [&] { return basis(&run.clusters); }},
+        {"three points are needed to find a basis.", VRK::Error, [&] { return basis(nullptr); }},
+        {"No three of 1 reflections form a basis.", VRK::Warning, [&] { return reflections(zero); }},
+        {"an origin and three points are needed", VRK::Error, [&] { return reflections(nullptr); }},
+        {"span no cell that could be reduced", VRK::Warning, [&] { return niggli(&run.b); }},
+        {"Six points are needed", VRK::Error, [&] { return niggli(nullptr); }},
+        {"do not determine all three", VRK::Warning, [&] { return all(&run.clusters); }},
+        {"six points are needed to refine", VRK::Error, [&] { return all(nullptr); }},
+        {"No cluster center is near the base vector.", VRK::Warning,
+         [&] { return answer(algorithm.refineBaseVector(&run.clusters, nullptr)); }},
     };
     for (const Case& refusal : cases) {
         SCOPED_TRACE(refusal.message);

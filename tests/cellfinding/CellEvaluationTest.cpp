@@ -89,6 +89,7 @@ protected:
 TEST_F(CellEvaluationTest, SaysWhyClustersWereChosenOrPassedOver) {
     const CellEvaluation e = evaluate();
     EXPECT_TRUE(e.hasChoice);
+    EXPECT_EQ(e.choiceIndex, 1);
     const struct {
         int label;
         BaseVectorVerdict verdict;
@@ -105,6 +106,14 @@ TEST_F(CellEvaluationTest, SaysWhyClustersWereChosenOrPassedOver) {
         EXPECT_EQ(e.candidates[i].verdict, expected[i].verdict);
         EXPECT_NEAR(e.candidates[i].value, expected[i].value, 0.1);
     }
+    const UnitCell halved(Vector{10, 0, 0}.data(), Vector{0, 12, 0}.data(), Vector{0, 0, 7.5}.data(), 1.0,
+                          false, true, LATTICE::aP);
+    m_input.cell = &halved;
+    EXPECT_EQ(evaluate().choiceIndex, 2);
+    const UnitCell other(Vector{7, 0, 0}.data(), Vector{0, 12, 0}.data(), Vector{0, 0, 15}.data(), 1.0, false,
+                         true, LATTICE::aP);
+    m_input.cell = &other;
+    EXPECT_EQ(evaluate().choiceIndex, 0);
     // A plane: everything else is judged.
     m_clusters = {m_clusters[0], m_clusters[1], m_clusters[4]};
     m_parameter.setAngleA(0.5);

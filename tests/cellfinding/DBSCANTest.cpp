@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
+#include <cmath>
 
 #include "PlainGrid.h"
 #include "support/RecordingLogObserver.h"
@@ -12,37 +12,17 @@ namespace {
 using namespace testing_support;
 using TestPoint = ClusterPoint<double>;
 
-/// Grid, lists and their ownership for one clustering.
-struct Clustering {
-    std::vector<std::unique_ptr<TestPoint>> points;
-    std::unique_ptr<CubicGrid<TestPoint>> grid;
-    std::vector<Cluster<Point<double>>*> clusters;
-    std::vector<TestPoint*> noise;
-
+struct Clustering : Clustered<TestPoint> {
     explicit Clustering(const Cloud& cloud) {
-        std::vector<TestPoint*> pointers;
-        for (const Coordinates& c : cloud.points) {
-            points.push_back(
-                std::make_unique<TestPoint>(c.data(), static_cast<unsigned char>(c.size()), short(-1)));
-            pointers.push_back(points.back().get());
-        }
+        for (const Coordinates& c : cloud.points)
+            add(c);
         testing::internal::CaptureStdout();
-        grid =
-            std::make_unique<CubicGrid<TestPoint>>(&pointers, cloud.min.data(), cloud.max.data(), cloud.edge);
+        makeGrid(cloud.min, cloud.max, cloud.edge);
         testing::internal::GetCapturedStdout();
-    }
-    ~Clustering() {
-        for (auto* cluster : clusters)
-            delete cluster;
-        for (auto* point : noise)
-            delete point;
     }
     std::vector<int> run(double eps, int minPts) {
         DBSCAN::cluster(grid.get(), eps, minPts, &clusters, &noise);
-        std::vector<int> labels;
-        for (const TestPoint* point : *grid->getPoints())
-            labels.push_back(point->getClusterID());
-        return labels;
+        return labels();
     }
 };
 
@@ -59,14 +39,12 @@ TEST(DBSCANTest, LabelsAsGrowingOneNeighbourhoodAfterTheOther) {
             ASSERT_EQ(labels, plain.cluster(cloud.eps, static_cast<std::size_t>(minPts)));
             atOnce += clustering.grid->coversRadius(cloud.eps);
 
-            std::vector<int> sizes;
             for (int i = 0; i < static_cast<int>(clustering.clusters.size()); ++i) {
                 const auto* cluster = clustering.clusters[static_cast<std::size_t>(i)];
                 ASSERT_EQ(cluster->getClusterID(), i + 1);
-                ASSERT_EQ(cluster->getNumberOfPoints(), std::count(labels.begin(), labels.end(), i + 1));
+                ASSERT_EQ(cluster->getNumberOfPoints(), clustering.count(i + 1));
             }
-            ASSERT_EQ(static_cast<long>(clustering.noise.size()),
-                      std::count(labels.begin(), labels.end(), 0));
+            ASSERT_EQ(static_cast<long>(clustering.noise.size()), clustering.count(0));
             clusters += static_cast<int>(clustering.clusters.size());
         }
     }
@@ -94,13 +72,18 @@ TEST(DBSCANTest, RefusesBadParameters) {
     auto* const noise = &c.noise;
     c.run(1.0, 2);
     ASSERT_EQ(noise->size(), 1U);
-    DBSCAN::cluster(nullptr, 1.0, 1, clusters, noise);
-    DBSCAN::cluster(c.grid.get(), 0.0, 1, clusters, noise);
-    DBSCAN::cluster(c.grid.get(), std::nan(""), 1, clusters, noise);
-    DBSCAN::cluster(c.grid.get(), 1.0, 0, clusters, noise);
-    DBSCAN::cluster(c.grid.get(), 1.0, 1, nullptr, noise);
-    DBSCAN::cluster(c.grid.get(), 1.0, 1, clusters, nullptr);
-    DBSCAN::cluster(&empty, 1.0, 1, clusters, noise);
+    const struct {
+        CubicGrid<TestPoint>* grid;
+        double eps;
+        int minPts;
+        std::vector<Cluster<Point<double>>*>* clusters;
+        std::vector<TestPoint*>* noise;
+    } cases[] = {{nullptr, 1.0, 1, clusters, noise},      {c.grid.get(), 0.0, 1, clusters, noise},
+                 {c.grid.get(), NAN, 1, clusters, noise}, {c.grid.get(), 1.0, 0, clusters, noise},
+                 {c.grid.get(), 1.0, 1, nullptr, noise},  {c.grid.get(), 1.0, 1, clusters, nullptr},
+                 {&empty, 1.0, 1, clusters, noise}};
+    for (const auto& bad : cases)
+        DBSCAN::cluster(bad.grid, bad.eps, bad.minPts, bad.clusters, bad.noise);
     EXPECT_EQ(log.count("Parameter for DBSCAN are not correct.", VRK::Error), 7);
     EXPECT_EQ(noise->size(), 1U);
 }

@@ -3,67 +3,24 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <memory>
-#include <random>
 
+#include "Clustered.h"
 #include "cellfinding/CalculateCellAlgorithm.h"
 #include "support/RecordingLogObserver.h"
 #include "support/RecordingProgressObserver.h"
 
 namespace {
 
-using Coordinates = std::vector<double>;
+using namespace testing_support;
 
-/// Blobs on an even background, and what a clustering makes of them.
-struct Clustering {
-    std::vector<ClusterPoint<double>> points;
-    std::unique_ptr<CubicGrid<ClusterPoint<double>>> grid;
-    std::vector<Cluster<Point<double>>*> clusters;
-    std::vector<ClusterPoint<double>*> noise;
-    std::mt19937 random{5};
-
-    Clustering() = default;
-    Clustering(const Clustering&) = delete;
-    Clustering& operator=(const Clustering&) = delete;
-    ~Clustering() {
-        for (auto* cluster : clusters)
-            delete cluster;
-        for (auto* point : noise)
-            delete point;
-    }
-    void add(const Coordinates& c) {
-        points.emplace_back(c.data(), static_cast<unsigned char>(c.size()), short(-1));
-    }
-    void addBlob(const Coordinates& centre, int count, double sigma) {
-        std::normal_distribution<> normal(0.0, sigma);
-        for (int i = 0; i < count; ++i) {
-            Coordinates c = centre;
-            for (double& x : c)
-                x += normal(random);
-            add(c);
-        }
-    }
+struct Clustering : Clustered<ClusterPoint<double>> {
     void addBackground(int count, std::size_t dimension, double extent) {
-        std::uniform_real_distribution<> anywhere(-extent, extent);
-        for (int i = 0; i < count; ++i) {
-            Coordinates c(dimension);
-            for (double& x : c)
-                x = anywhere(random);
-            add(c);
-        }
+        addBox(count, Coordinates(dimension, -extent), Coordinates(dimension, extent));
     }
-    void makeGrid() {
-        std::vector<ClusterPoint<double>*> pointers;
-        for (auto& point : points)
-            pointers.push_back(&point);
-        const Coordinates min(4, -40.0), max(4, 40.0);
-        grid = std::make_unique<CubicGrid<ClusterPoint<double>>>(&pointers, min.data(), max.data(), 3);
-    }
-    bool run(double radius, std::vector<double>* memberships = nullptr,
-             VoxProgressObserver* observer = nullptr) {
+    bool run(double radius, VoxProgressObserver* observer = nullptr) {
         FSC fsc;
         fsc.registerObserver(observer);
-        return fsc.cluster(grid.get(), radius, &clusters, &noise, memberships);
+        return fsc.cluster(grid.get(), radius, &clusters, &noise);
     }
 };
 
@@ -99,8 +56,10 @@ TEST(FSCTest, FindsBlobsAndTheirRadiusOnABackground) {
         const double found = FSC::findRadius(c.grid.get());
         EXPECT_NEAR(found / (4.0 * one.sigma), 1.0, 0.3);
         std::vector<double> memberships;
-        ASSERT_TRUE(c.run(one.radius, &memberships));
+        std::vector<DiffVector3D> fuzzy;
+        ASSERT_TRUE(FSC().cluster(c.grid.get(), one.radius, &c.clusters, &c.noise, &memberships, &fuzzy));
         ASSERT_EQ(c.clusters.size(), centres.size());
+        ASSERT_EQ(fuzzy.size(), centres.size());
         for (std::size_t i = 0; i < centres.size(); ++i) {
             double nearest = 100.0;
             for (const auto* cluster : c.clusters) {
@@ -110,6 +69,9 @@ TEST(FSCTest, FindsBlobsAndTheirRadiusOnABackground) {
                 nearest = std::min(nearest, std::sqrt(square));
             }
             EXPECT_LT(nearest, 0.3 * one.sigma) << i;
+            for (std::size_t k = 0; k < one.dimension; ++k)
+                EXPECT_NEAR(fuzzy[i].getValue(static_cast<int>(k)),
+                            c.clusters[i]->getCenterOfGrafity(static_cast<int>(k)), 0.3 * one.sigma);
             EXPECT_EQ(c.clusters[i]->getClusterID(), static_cast<int>(i) + 1);
         }
         // The strongest first, the weakest last.
@@ -155,7 +117,7 @@ TEST(FSCTest, ReportsProgressAndStops) {
         c.addBlob({x, 1, 1}, 200, 0.5);
     c.makeGrid();
     RecordingProgressObserver whole;
-    ASSERT_TRUE(c.run(0.0, nullptr, &whole));
+    ASSERT_TRUE(c.run(0.0, &whole));
     EXPECT_EQ(whole.titles, std::vector<std::string>{"FSC clustering"});
     EXPECT_EQ(whole.steps(), 100);
     EXPECT_EQ(whole.updates.back(), 100);
@@ -165,7 +127,7 @@ TEST(FSCTest, ReportsProgressAndStops) {
     for (std::size_t at = 1; at < whole.updates.size(); ++at) {
         RecordingProgressObserver stop(at);
         RecordingLogObserver log;
-        EXPECT_FALSE(c.run(0.0, nullptr, &stop));
+        EXPECT_FALSE(c.run(0.0, &stop));
         EXPECT_EQ(log.count("FSC clustering canceled.", VRK::Warning), 1);
         EXPECT_EQ(c.clusters, before);
     }

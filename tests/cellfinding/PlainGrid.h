@@ -8,9 +8,9 @@
 #include <random>
 #include <vector>
 
-namespace testing_support {
+#include "Clustered.h"
 
-using Coordinates = std::vector<double>;
+namespace testing_support {
 
 /// Neighbourhoods from a walk over all cubes near the one of a point.
 class PlainGrid {

@@ -1,0 +1,83 @@
+/// \file
+/// Points, their grid and what a clustering makes of them.
+#pragma once
+
+#include <algorithm>
+#include <memory>
+#include <random>
+#include <type_traits>
+#include <vector>
+
+#include "cellfinding/Cluster.h"
+#include "cellfinding/CubicGrid.h"
+
+namespace testing_support {
+
+using Coordinates = std::vector<double>;
+
+/// P = ClusterPoint<double>, ClusterPointDDSC<double>.
+template <typename P>
+struct Clustered {
+    std::vector<P> points;
+    std::unique_ptr<CubicGrid<P>> grid;
+    std::vector<Cluster<Point<double>>*> clusters;
+    std::vector<ClusterPoint<double>*> noise;
+    std::mt19937 random{5};
+
+    Clustered() = default;
+    Clustered(const Clustered&) = delete;
+    Clustered& operator=(const Clustered&) = delete;
+    ~Clustered() {
+        for (auto* cluster : clusters)
+            delete cluster;
+        for (auto* point : noise)
+            delete point;
+    }
+
+    void add(const Coordinates& c) {
+        const auto dimension = static_cast<unsigned char>(c.size());
+        if constexpr (std::is_same_v<P, ClusterPointDDSC<double>>)
+            points.emplace_back(c.data(), dimension, short(5), 4);
+        else
+            points.emplace_back(c.data(), dimension, short(7));
+    }
+    void addBlob(const Coordinates& centre, int count, double sigma) {
+        std::normal_distribution<> normal(0.0, sigma);
+        for (int i = 0; i < count; ++i) {
+            Coordinates c = centre;
+            for (double& x : c)
+                x += normal(random);
+            add(c);
+        }
+    }
+    /// Scattered evenly over a box.
+    void addBox(int count, const Coordinates& from, const Coordinates& to) {
+        for (int i = 0; i < count; ++i) {
+            Coordinates c;
+            for (std::size_t k = 0; k < from.size(); ++k)
+                c.push_back(std::uniform_real_distribution<>(from[k], to[k])(random));
+            add(c);
+        }
+    }
+    void makeGrid(double min = -50.0, double max = 50.0, int edge = 3) {
+        makeGrid(Coordinates(4, min), Coordinates(4, max), edge);
+    }
+    void makeGrid(const Coordinates& min, const Coordinates& max, int edge) {
+        std::vector<P*> pointers;
+        for (P& point : points)
+            pointers.push_back(&point);
+        grid = std::make_unique<CubicGrid<P>>(&pointers, min.data(), max.data(), edge);
+    }
+    std::vector<int> labels() const {
+        std::vector<int> result;
+        for (const P* point : *grid->getPoints())
+            result.push_back(point->getClusterID());
+        return result;
+    }
+    long count(int label) const {
+        const std::vector<int> all = labels();
+        return std::count(all.begin(), all.end(), label);
+    }
+};
+
+}  // namespace testing_support
