@@ -194,6 +194,7 @@ void addCrystalOptions(CLI::App& command, Options& options) {
     group.add("--dmin", settings.dmin, "Resolution at the frame's edge, Angstrom");
     group.add("--b-factor", settings.bFactor, "Isotropic displacement B, square Angstrom");
     group.add("--rocking", settings.rockingWidth, "Rocking width (standard deviation), 1/Angstrom");
+    group.addFlag("--even", settings.evenIntensities, "All reflections as bright as the mean, without --cif");
     group.add("--asymmetry", settings.asymmetry,
               "Standard deviation of ln(intensity), drawn for each of two opposite spots");
     group.add("--second-crystal", settings.secondCrystal,

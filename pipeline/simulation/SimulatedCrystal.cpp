@@ -222,7 +222,8 @@ void SimulatedCrystal::setWilsonIntensities(std::vector<CrystalReflection>& refl
         const double stol2 = (one.g[0] * one.g[0] + one.g[1] * one.g[1] + one.g[2] * one.g[2]) / 4;
         const double factor = carbon.calculate_sf(stol2) * std::exp(-m_bFactor * stol2);
         SimulationRandom random = randomOf(one, m_seed);
-        one.intensity = -std::log(1 - random.uniform()) * factor * factor;
+        const double relative = m_even ? 1 : -std::log(1 - random.uniform());
+        one.intensity = relative * factor * factor;
     }
 }
 

@@ -44,6 +44,8 @@ public:
     /// has none. Throws Failure when the file has no structure that intensities can be calculated from.
     static SimulatedCrystal fromCif(const std::string& path, double bFactor);
 
+    /// Gives the reflections of a lattice the mean intensity of the Wilson distribution, all of them.
+    void setEven(bool even) { m_even = even; }
     /// Multiplies the intensity of every reflection by exp(asymmetry * normal), drawn for each of two Friedel
     /// mates: opposite spots of one pattern differ by the square root of two times that, as multiple
     /// scattering makes them.
@@ -75,6 +77,7 @@ private:
     char m_centring;
     double m_bFactor = 0;
     std::uint64_t m_seed = 0;
+    bool m_even = false;
     double m_asymmetry = 0;
     std::uint64_t m_asymmetrySeed = 0;
     std::shared_ptr<const gemmi::SmallStructure> m_structure;  ///< null for random intensities

@@ -75,6 +75,7 @@ SimulatedCrystal crystalOf(const SimulationSettings& settings) {
             ? SimulatedCrystal::fromCell(settings.cell, settings.centring, settings.bFactor,
                                          randomFor(settings.seed, RandomPurpose::Intensities).next())
             : SimulatedCrystal::fromCif(settings.cif, settings.bFactor);
+    crystal.setEven(settings.evenIntensities);
     crystal.setAsymmetry(settings.asymmetry, randomFor(settings.seed, RandomPurpose::Asymmetry).next());
     return crystal;
 }

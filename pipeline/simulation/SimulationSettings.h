@@ -96,6 +96,7 @@ struct SimulationSettings {
     double bFactor = 2;  ///< isotropic displacement B in square Angstrom
     double dmin = 0.8;   ///< resolution at the frame's edge, Angstrom
     OrientationSettings orientation;
+    bool evenIntensities = false;  ///< all as bright as the mean; for a cell without structure
     double asymmetry = 0;          ///< standard deviation of ln(intensity), for each of two Friedel mates
     double secondCrystal = 0;      ///< intensity of a second crystal in random orientation
     double rockingWidth = 0.0025;  ///< standard deviation about the sphere, 1/Angstrom

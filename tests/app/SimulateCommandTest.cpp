@@ -100,6 +100,7 @@ TEST(SimulateCommand, EveryOptionChangesTheSeriesAndIsInTheTruth) {
         {"--dmin 3", "/settings/dmin", 3},
         {"--b-factor 20", "/settings/b_factor", 20},
         {"--rocking 0.004", "/settings/rocking_width", 0.004},
+        {"--even", "/settings/even", true},
         {"--asymmetry 1", "/settings/asymmetry", 1},
         {"--second-crystal 0.5", "/settings/second_crystal", 0.5},
         {"--handedness -1", "/handedness", -1},

@@ -1,0 +1,328 @@
+// vrk run against the truth: every number of its summary, on simulated series of all kinds.
+#include <gtest/gtest.h>
+
+#include <Eigen/Dense>
+#include <cmath>
+#include <iterator>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <sstream>
+
+#include "app/RunVrk.h"
+#include "support/TemporaryFolder.h"
+
+namespace {
+
+using Eigen::Matrix3d;
+using Eigen::Vector3d;
+using nlohmann::json;
+
+struct Case {
+    const char* simulate;
+    const char* run;
+    const char* bravais;
+    int multiplicity;  ///< of the conventional cell
+    double axis;       ///< degrees
+    const char* axisSource;
+    double kiloVolts;
+    int frames = 61;
+    double scale = 1.0;  ///< of the pixel size that the run is told
+    const char* warning = "";
+
+    friend void PrintTo(const Case& one, std::ostream* out) { *out << one.bravais; }
+};
+
+constexpr const char* kEdges[] = {"a", "b", "c"};
+constexpr const char* kAngles[] = {"alpha", "beta", "gamma"};
+
+std::vector<std::string> words(const std::string& text) {
+    std::istringstream stream(text);
+    return {std::istream_iterator<std::string>(stream), {}};
+}
+
+Matrix3d rows(const json& vectors) {
+    Matrix3d matrix;
+    for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 3; ++j)
+            matrix(i, j) = vectors[static_cast<std::size_t>(i)][static_cast<std::size_t>(j)];
+    return matrix;
+}
+
+class RunTruthTest : public testing::TestWithParam<Case> {
+protected:
+    void SetUp() override {
+        const Case& one = GetParam();
+        std::string line = std::string("simulate --list-reflections --dmin 1 ") + one.simulate;
+        for (const char* usual : {"--size 256", "--tilts -60:60:2"})
+            if (line.find(words(usual)[0]) == std::string::npos) line += std::string(" ") + usual;
+        const VrkResult simulated = runVrk(words(line + " -o " + (folder / "s.mrc")));
+        ASSERT_EQ(simulated.exitCode, 0) << simulated.err;
+        truth = json::parse(folder.read("s.truth.json"));
+        const VrkResult result = runVrk(words("run " + (folder / "s.mrc") + " -o " + (folder / "out") +
+                                              " --json --no-pictures " + one.run));
+        ASSERT_EQ(result.exitCode, 0) << result.err;
+        found = json::parse(result.out);
+    }
+
+    double number(const std::string& place) const { return found.at(json::json_pointer(place)); }
+
+    void expectInput() const;
+    void expectReflections() const;
+    void expectCells() const;
+    void expectLattice() const;
+    void expectIndices() const;
+    void expectConfidence() const;
+    void expectTheRest() const;
+
+    TemporaryFolder folder;
+    json truth;
+    json found;
+};
+
+void RunTruthTest::expectInput() const {
+    const Case& one = GetParam();
+    const double size = truth["settings"]["detector"]["size"];
+    EXPECT_EQ(number("/input/nx"), size);
+    EXPECT_EQ(number("/input/ny"), size);
+    EXPECT_EQ(number("/input/nz"), one.frames);
+    const auto [first, last] =
+        std::minmax({truth["tilts"].front().get<double>(), truth["tilts"].back().get<double>()});
+    EXPECT_EQ(number("/input/tilt_first"), first);
+    EXPECT_EQ(number("/input/tilt_last"), last);
+    EXPECT_NEAR(number("/input/pixel_size") / truth["pixel_size"].get<double>(), one.scale, 1e-6);
+    EXPECT_EQ(found["tilt_axis"]["source"], one.axisSource);
+    const double uncertainty = found["tilt_axis"].value("uncertainty_deg", 0.0);
+    EXPECT_EQ(uncertainty > 0, std::string(one.axisSource) == "search");
+    EXPECT_NEAR(std::remainder(number("/tilt_axis/angle_deg") - one.axis, 180), 0,
+                uncertainty > 0 ? 0.3 : 1e-5);
+    const double depth = size * std::sin(std::max(std::abs(first), std::abs(last)) * M_PI / 180);
+    EXPECT_EQ(number("/volume/dims/0"), size);
+    EXPECT_EQ(number("/volume/dims/1"), size);
+    EXPECT_NEAR(number("/volume/dims/2"), depth, 2);
+}
+
+/// Found is what rises above the threshold outside of the zero beam; a spot of some voxels needs a little
+/// more.
+void RunTruthTest::expectReflections() const {
+    const double threshold = number("/parameters/threshold");
+    const auto brighterThan = [&](double counts) {
+        double count = 0;
+        for (const json& one : truth["reflections"]) {
+            const auto p = one["position"].get<std::array<double, 3>>();
+            if (std::hypot(p[0], p[1], p[2]) > number("/parameters/zero_beam") && one["peak_counts"] > counts)
+                ++count;
+        }
+        return count;
+    };
+    EXPECT_GT(number("/reflections/found"), 0.9 * brighterThan(2 * threshold));
+    EXPECT_LT(number("/reflections/found"), 1.1 * brighterThan(threshold));
+    EXPECT_NEAR(number("/reflections/fraction_indexed"),
+                number("/reflections/indexed") / number("/reflections/found"), 1e-9);
+    EXPECT_GT(number("/reflections/fraction_indexed"), 0.93);
+    EXPECT_LE(number("/reflections/fraction_indexed"), 1);
+    EXPECT_NEAR(number("/reflections/resolution") * GetParam().scale, truth["settings"]["dmin"].get<double>(),
+                0.02);
+    EXPECT_GT(number("/reflections/residual_px"), 0.2);
+    EXPECT_LT(number("/reflections/residual_px"), 1.0);
+}
+
+void RunTruthTest::expectCells() const {
+    const double scale = GetParam().scale;
+    for (const char* kind : {"reduced", "conventional"}) {
+        SCOPED_TRACE(kind);
+        const json& cell = found["cell"][kind];
+        const json& sigma = found["cell"]["esd"][kind];
+        // Of the found base itself, so that it does not matter which of two equal edges comes first.
+        const Matrix3d base =
+            rows(found["cell"]["reciprocal_vectors_px"]).inverse() * 1e10 / number("/input/pixel_size") *
+            (std::string(kind) == "reduced" ? Matrix3d::Identity()
+                                            : rows(found["cell"]["candidates"][0]["transformation"]));
+        for (int i = 0; i < 3; ++i) {
+            const double edge = cell[kEdges[i]];
+            EXPECT_NEAR(edge, base.col(i).norm(), 0.002 * edge);
+            const Vector3d p = base.col((i + 1) % 3).normalized();
+            const Vector3d q = base.col((i + 2) % 3).normalized();
+            EXPECT_NEAR(cell[kAngles[i]].get<double>(), std::acos(p.dot(q)) * 180 / M_PI, 0.1);
+            EXPECT_GT(sigma[kEdges[i]].get<double>(), 1e-5 * edge);
+            EXPECT_LT(sigma[kEdges[i]].get<double>(), 1e-3 * edge);
+            EXPECT_LT(sigma[kAngles[i]].get<double>(), 0.1);
+        }
+        EXPECT_NEAR(cell["volume"].get<double>(), std::abs(base.determinant()),
+                    0.003 * std::abs(base.determinant()));
+        EXPECT_GT(sigma["volume"].get<double>(), 0);
+    }
+    const double volume = found["cell"]["conventional"]["volume"];
+    EXPECT_NEAR(volume / number("/cell/reduced/volume"), GetParam().multiplicity, 0.01);
+    EXPECT_EQ(found["cell"]["conventional"]["bravais"], GetParam().bravais);
+    EXPECT_LT(number("/cell/conventional/misfit_deg"), 0.1);
+
+    // The tied cell is the true one, edge by edge and angle by angle, to the uncertainty of the fit.
+    const json& known = truth["cell"]["conventional"];
+    std::multiset<double> edges;
+    std::multiset<double> trueEdges;
+    double worst = 0;
+    for (int i = 0; i < 3; ++i) {
+        edges.insert(found["cell"]["conventional"][kEdges[i]].get<double>() * scale);
+        trueEdges.insert(known[kEdges[i]].get<double>());
+        const bool fixed = known[kAngles[i]] == 90 || known[kAngles[i]] == 120;
+        if (GetParam().bravais[0] == 'a') continue;
+        EXPECT_EQ(found["cell"]["esd"]["conventional"][kAngles[i]] == 0, fixed);
+        const double apart =
+            found["cell"]["conventional"][kAngles[i]].get<double>() - known[kAngles[i]].get<double>();
+        EXPECT_NEAR(apart, 0, fixed ? 0 : 0.05) << "degrees";
+    }
+    for (auto a = edges.begin(), b = trueEdges.begin(); a != edges.end(); ++a, ++b)
+        worst = std::max(worst, std::abs(*a / *b - 1));
+    EXPECT_LT(worst, 0.001);
+}
+
+/// The reciprocal vectors span the true lattice where it lies, and with it the reduced cell is the true one.
+void RunTruthTest::expectLattice() const {
+    const Matrix3d base = rows(found["cell"]["reciprocal_vectors_px"]);
+    Matrix3d known = rows(truth["reciprocal_vectors_px"]["primitive"]);
+    // Two ways round the axis show the crystal turned by half a turn.
+    if (std::abs(std::remainder(number("/tilt_axis/angle_deg") - truth["tilt_axis_deg"].get<double>(), 360)) >
+        90)
+        known = -known;
+    const Matrix3d connection = known * base.inverse();
+    const Matrix3d whole = connection.array().round();
+    EXPECT_NEAR(std::abs(whole.determinant()), 1, 1e-9) << connection;
+    EXPECT_LT((whole * base - known).rowwise().norm().cwiseQuotient(known.rowwise().norm()).maxCoeff(), 0.006)
+        << connection;
+    const json& candidates = found["cell"]["candidates"];
+    EXPECT_EQ(candidates[0]["bravais"], GetParam().bravais);
+    EXPECT_EQ(candidates[0]["centring"], std::string(1, GetParam().bravais[1]));
+    std::set<int> numbers;
+    for (const json& one : candidates) {
+        EXPECT_LT(one["misfit_deg"], 2.5);
+        EXPECT_LT(one["misfit_length"], 0.03);
+        EXPECT_TRUE(numbers.insert(one["character"].get<int>()).second);
+        // Its edges are those that the transformation makes.
+        const Matrix3d direct =
+            base.inverse() * 1e10 / number("/input/pixel_size") * rows(one["transformation"]);
+        for (int i = 0; i < 3; ++i)
+            EXPECT_NEAR(one[kEdges[i]].get<double>(), direct.col(i).norm(), 1e-3 * direct.col(i).norm());
+    }
+    EXPECT_GE(*numbers.begin(), 1);
+    EXPECT_LE(*numbers.rbegin(), 44);
+}
+
+/// The lines of the HKL file are true reflections, once each, with intensities that follow the true counts.
+void RunTruthTest::expectIndices() const {
+    const Matrix3d conventional = rows(found["cell"]["candidates"][0]["transformation"]).inverse() *
+                                  rows(found["cell"]["reciprocal_vectors_px"]);
+    const Matrix3d known = rows(truth["reciprocal_vectors_px"]["conventional"]);
+    std::map<std::array<int, 3>, double> counts;
+    for (const json& one : truth["reflections"])
+        counts[one["hkl"].get<std::array<int, 3>>()] = one["counts"];
+    const Matrix3d toTrue = conventional * known.inverse();
+    const Matrix3d whole = toTrue.array().round();
+    ASSERT_LT((toTrue - whole).cwiseAbs().maxCoeff(), 0.02);
+
+    std::set<std::array<int, 3>> seen;
+    double n = 0, sumX = 0, sumY = 0, sumXX = 0, sumYY = 0, sumXY = 0;
+    std::istringstream lines(folder.read("out/reflections.hkl"));
+    for (std::string line; std::getline(lines, line);) {
+        const Eigen::RowVector3d hkl(std::stoi(line.substr(0, 4)), std::stoi(line.substr(4, 4)),
+                                     std::stoi(line.substr(8, 4)));
+        const Eigen::RowVector3d h = hkl * whole;
+        const std::array<int, 3> key = {int(std::lround(h[0])), int(std::lround(h[1])),
+                                        int(std::lround(h[2]))};
+        EXPECT_TRUE(seen.insert(key).second) << line;
+        const auto entry = counts.find(key);
+        ASSERT_NE(entry, counts.end()) << line;
+        const double x = std::log(std::max(1.0, entry->second));
+        const double y = std::log(std::max(1.0, std::stod(line.substr(12, 8))));
+        ++n;
+        sumX += x, sumY += y, sumXX += x * x, sumYY += y * y, sumXY += x * y;
+    }
+    EXPECT_EQ(number("/reflections/different_indices"), n);
+    EXPECT_LE(n, number("/reflections/indexed"));
+    EXPECT_GT(n, 0.9 * number("/reflections/indexed"));
+    const double correlation =
+        (n * sumXY - sumX * sumY) / std::sqrt((n * sumXX - sumX * sumX) * (n * sumYY - sumY * sumY));
+    EXPECT_GT(correlation, 0.8);
+}
+
+void RunTruthTest::expectConfidence() const {
+    EXPECT_EQ(found["confidence"]["level"], "high");
+    const double chance = number("/confidence/fraction_by_chance");
+    EXPECT_GT(chance, 1e-4);
+    EXPECT_LT(chance, 0.1);
+    // No list can tell more than that none of its points lies there by chance.
+    const double most = number("/reflections/found") * std::log(1 / chance);
+    EXPECT_GT(number("/confidence/evidence"), 0.25 * most);
+    EXPECT_LT(number("/confidence/evidence"), 1.2 * most);
+    const json& other = found["confidence"]["runner_up"];
+    if (!other.is_null()) {
+        EXPECT_LT(other["evidence"], number("/confidence/evidence"));
+    }
+    // The sense that the refinement finds is the side on which reflections seem to lie.
+    const bool turned = std::abs(std::remainder(
+                            number("/tilt_axis/angle_deg") - truth["tilt_axis_deg"].get<double>(), 360)) > 90;
+    EXPECT_TRUE(found["handedness"]["decided"].get<bool>());
+    EXPECT_EQ(number("/handedness/sense"), (turned ? 1 : -1) * truth["handedness"].get<int>());
+    const double plus = number("/handedness/residual_plus_px");
+    const double minus = number("/handedness/residual_minus_px");
+    EXPECT_EQ(number("/handedness/sense") > 0, plus < minus);
+    EXPECT_NEAR(std::min(plus, minus), number("/reflections/residual_px"), 0.25);
+}
+
+void RunTruthTest::expectTheRest() const {
+    const json& used = found["parameters"];
+    EXPECT_GE(used["cell_threshold"], used["threshold"]);
+    EXPECT_EQ(used["min_voxels"], 3);
+    EXPECT_GE(used["zero_beam"], 4);
+    EXPECT_LE(used["zero_beam"].get<double>(), truth["settings"]["detector"]["size"].get<double>() / 10);
+    EXPECT_LT(used["min_length"].get<double>(),
+              rows(found["cell"]["reciprocal_vectors_px"]).rowwise().norm().minCoeff());
+    EXPECT_GT(used["max_length"].get<double>(),
+              rows(found["cell"]["reciprocal_vectors_px"]).rowwise().norm().minCoeff());
+    EXPECT_GE(used["min_points"], 5);
+    EXPECT_NEAR(used["voltage_kv"].get<double>(), GetParam().kiloVolts, 1e-3);
+    double sum = 0;
+    for (const auto& [stage, seconds] : found["seconds"].items()) {
+        EXPECT_GE(seconds, 0) << stage;
+        if (stage != "total") sum += seconds.get<double>();
+    }
+    EXPECT_GT(number("/seconds/preprocess"), 0);
+    EXPECT_LE(sum, number("/seconds/total") * 1.001);
+    EXPECT_GT(sum, number("/seconds/total") * 0.5);
+    EXPECT_GT(number("/peak_memory_mib"), 10);
+    EXPECT_LT(number("/peak_memory_mib"), 1000);
+    const std::string warning = GetParam().warning;
+    EXPECT_EQ(found["warnings"].size(), warning.empty() ? 0U : 1U) << found["warnings"];
+    if (!warning.empty()) {
+        EXPECT_NE(found["warnings"].dump().find(warning), std::string::npos) << found["warnings"];
+    }
+}
+
+TEST_P(RunTruthTest, EveryNumberOfTheSummaryIsRight) {
+    expectInput();
+    expectReflections();
+    expectCells();
+    expectLattice();
+    expectIndices();
+    expectConfidence();
+    expectTheRest();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Series, RunTruthTest,
+    testing::Values(
+        Case{"--cell 7.4,9.1,11.3,75,82,68 --drift 2 --jump 4", "", "aP", 1, 0, "assumed", 200},
+        Case{"--cell 15.1,8.9,9.8,90,104.2,90 --centring C --axis 35 --write-axis --handedness -1 --kv 300",
+             "", "mC", 2, 35, "header", 300},
+        Case{"--cell 12,12,12,90,90,90 --centring I --kv 80 --state-kv 0 --axis -20 --mode precession "
+             "--missing 5 --blank 2",
+             "--tilt-axis -20 --voltage 80", "cI", 2, -20, "option", 80, 54, 1.0, "nothing but zeros"},
+        Case{"--cell 9,9,14,90,90,120 --centring R --tilts 40:-50:-1.5 --mode stepwise --asymmetry 0.8", "",
+             "hR", 3, 0, "assumed", 200, 61, 1.0, "descend"},
+        Case{"--cell 13.1,16.2,19.4,90,90,90 --centring F --state-pixel 0 --state-kv 0 --state-axis 30",
+             "--pixel-size 8.225806e7 --tilt-axis none", "oF", 4, 0, "option", 200, 61, 1.02,
+             "200 kV are assumed"},
+        Case{"--cell 4.1,4.1,5.6,90,90,120 --size 128 --axis 64", "--tilt-axis search", "hP", 1, 64, "search",
+             200}));
+
+}  // namespace
