@@ -132,7 +132,7 @@ json toJson(const SimulationSettings& s) {
             {"dmin", s.dmin},
             {"rocking_width", s.rockingWidth},
             {"even", s.evenIntensities},
-        {"asymmetry", s.asymmetry},
+            {"asymmetry", s.asymmetry},
             {"second_crystal", s.secondCrystal},
             {"beam_along", vectorOrNull(s.orientation.beamAlong)},
             {"axis_along", vectorOrNull(s.orientation.axisAlong)},

@@ -3,7 +3,6 @@
 
 #include <Eigen/Dense>
 #include <cmath>
-#include <iterator>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <set>
@@ -36,11 +35,6 @@ struct Case {
 constexpr const char* kEdges[] = {"a", "b", "c"};
 constexpr const char* kAngles[] = {"alpha", "beta", "gamma"};
 
-std::vector<std::string> words(const std::string& text) {
-    std::istringstream stream(text);
-    return {std::istream_iterator<std::string>(stream), {}};
-}
-
 Matrix3d rows(const json& vectors) {
     Matrix3d matrix;
     for (int i = 0; i < 3; ++i)
@@ -56,7 +50,7 @@ protected:
         std::string line = std::string("simulate --list-reflections --dmin 1 ") + one.simulate;
         for (const char* usual : {"--size 256", "--tilts -60:60:2"})
             if (line.find(words(usual)[0]) == std::string::npos) line += std::string(" ") + usual;
-        const VrkResult simulated = runVrk(words(line + " -o " + (folder / "s.mrc")));
+        const VrkResult simulated = runVrkLine(line + " -o " + (folder / "s.mrc"));
         ASSERT_EQ(simulated.exitCode, 0) << simulated.err;
         truth = json::parse(folder.read("s.truth.json"));
         const VrkResult result = runVrk(words("run " + (folder / "s.mrc") + " -o " + (folder / "out") +
@@ -322,7 +316,7 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"--cell 13.1,16.2,19.4,90,90,90 --centring F --state-pixel 0 --state-kv 0 --state-axis 30",
              "--pixel-size 8.225806e7 --tilt-axis none", "oF", 4, 0, "option", 200, 61, 1.02,
              "200 kV are assumed"},
-        Case{"--cell 4.1,4.1,5.6,90,90,120 --size 128 --axis 64", "--tilt-axis search", "hP", 1, 64, "search",
-             200}));
+        Case{"--cell 4.1,4.1,5.6,90,90,120 --size 128 --axis 64", "--tilt-axis search --jobs 2", "hP", 1, 64,
+             "search", 200}));
 
 }  // namespace

@@ -6,7 +6,9 @@
 
 #include <array>
 #include <cstdio>
+#include <iterator>
 #include <memory>
+#include <sstream>
 #include <stdexcept>
 
 namespace {
@@ -57,4 +59,9 @@ VrkResult runVrk(const std::vector<std::string>& arguments, const std::string& f
     result.out = contents(out.get());
     result.err = contents(err.get());
     return result;
+}
+
+std::vector<std::string> words(const std::string& text) {
+    std::istringstream stream(text);
+    return {std::istream_iterator<std::string>(stream), {}};
 }

@@ -14,3 +14,11 @@ struct VrkResult {
 /// Runs `vrk arguments...` in the given folder and waits for it. Arguments reach the program as they are,
 /// no shell is involved. Throws std::runtime_error when the program cannot be started.
 VrkResult runVrk(const std::vector<std::string>& arguments, const std::string& folder = ".");
+
+/// The words of a text.
+std::vector<std::string> words(const std::string& text);
+
+/// Runs vrk with the words of a line.
+inline VrkResult runVrkLine(const std::string& line, const std::string& folder = ".") {
+    return runVrk(words(line), folder);
+}

@@ -1,0 +1,385 @@
+// Every option of every command does what it is there for.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "app/RunVrk.h"
+#include "support/TemporaryFolder.h"
+
+namespace {
+
+using nlohmann::json;
+
+/// A command line with the options of a case behind it, and what to look at:
+///   /path=VALUE          the JSON that the command prints, or file.json:/path=VALUE
+///   /path< > !           less, more or other than without the options
+///   file? file! file~    it is there; other than without the options; other than in all cases before, too
+///   exit=N               how the command ends, when not with 0
+struct Case {
+    const char* options;
+    const char* checks;
+};
+
+struct Command {
+    const char* line;
+    std::vector<Case> cases;
+    /// Options that the tests of the command look at, or that its help names.
+    const char* elsewhere;
+    /// Options with values that a case has unless it names them itself.
+    const char* usual = "";
+
+    friend void PrintTo(const Command& command, std::ostream* out) { *out << command.line; }
+};
+
+const std::vector<Command> kCommands = {
+    {"run series.mrc -o out --json --no-pictures",
+     {{"--tilt-axis 3", "/tilt_axis/angle_deg=3 /reflections/residual_px!"},
+      {"--tilt-axis none", "/tilt_axis/angle_deg=0 /tilt_axis/source=option"},
+      {"--pixel-size 5e7", "/input/pixel_size=5e7 /cell/reduced/a>"},
+      {"--voltage 60", "/parameters/voltage_kv=60 /handedness/residual_plus_px!"},
+      {"--fine-calibration cal.txt", "/input/pixel_size=1.7e8"},
+      {"--keep-volume", "out/volume.mrc?"},
+      {"--threshold 60", "/parameters/threshold=60 /reflections/found<"},
+      {"--min-voxels 20", "/parameters/min_voxels=20 /reflections/found<"},
+      {"--max-voxels 30", "/reflections/found<"},
+      {"--zero-beam 30", "/parameters/zero_beam=30 /reflections/found<"},
+      {"--resolution 40", "/reflections/resolution> /reflections/found<"},
+      {"--centre 1", "out/peaks.txt~"},
+      {"--min-length 5", "/parameters/min_length=5"},
+      {"--max-length 40", "/parameters/max_length=40 out/vrk.log~"},
+      {"--eps 1.1", "/parameters/eps=1.1 out/vrk.log~"},
+      {"--min-points 7", "/parameters/min_points=7 out/vrk.log~"},
+      {"--refine-clusters 20", "out/vrk.log~"},
+      {"--angle-a 3", "out/vrk.log~"},
+      {"--angle-b 2", "out/vrk.log~"},
+      {"--det-limit 1e7", "out/vrk.log!"},
+      {"--full-space", "out/vrk.log~"}},
+     "--jobs --grid-size"},
+    {"cell peaks.txt -o c.txt --json",
+     {{"--pixel-size 1e8", "/pixel_size=1e8 /cell/a>"},
+      {"--min-length 8", "/parameters/min_length=8 /search=parameters"},
+      {"--max-length 35", "/parameters/max_length=35 c.txt~"},
+      {"--eps 1", "/parameters/eps=1 c.txt~"},
+      {"--min-points 9", "/parameters/min_points=9 c.txt~"},
+      {"--refine-clusters 20", "/parameters/refine_clusters=20 c.txt~"},
+      {"--angle-a 3", "exit=3"},
+      {"--angle-a 0.9", "/parameters/angle_a=0.9"},
+      {"--angle-b 3", "exit=3"},
+      {"--angle-b 0.6", "/parameters/angle_b=0.6"},
+      {"--det-limit 1e7", "exit=3"},
+      {"--det-limit 1", "/parameters/det_limit=1"},
+      {"--grid-size 1", "/parameters/grid_size=1"},
+      {"--full-space", "/parameters/full_space=true"},
+      {"--log l.txt", "l.txt?"}},
+     ""},
+    {"peaks volume.mrc -o p.txt --json",
+     {{"--threshold 60", "/parameters/threshold=60 /reflections< /foreground_voxels<"},
+      {"--min-voxels 20", "/parameters/min_voxels=20 /voxels/min>"},
+      {"--max-voxels 30", "/parameters/max_voxels=30 /voxels/max<"},
+      {"--zero-beam 40", "/parameters/zero_beam=40 /reflections<"},
+      {"--resolution 40", "/parameters/resolution=40 /reflections<"},
+      {"--centre 1", "/parameters/centre=1 p.txt~"},
+      {"--log l.txt", "l.txt?"}},
+     ""},
+    {"preprocess series.mrc -o pre.mrc --json",
+     {{"--no-hotspot", "/steps/0/name=centre pre.mrc~"},
+      {"--no-centre", "/steps/1/name=background pre.mrc~"},
+      {"--no-background", "/steps/1/name=centre /density/mean>"},
+      {"--smooth 1", "/density/max<"},
+      {"--rotate 20", "pre.mrc~"},
+      {"--rotate header", "pre.mrc~"},
+      {"--bin 2", "/dims/0=64 /pixel_size>"},
+      {"--bin 2 --rebin", "/dims/0=64 /density/mean>"},
+      {"--log l.txt", "l.txt?"}},
+     "--no-center --crop"},
+    {"reconstruct clean.mrc -o v.mrc --json",
+     {{"--fine-calibration cal.txt", "/pixel_size=1.7e8"},
+      {"--fine-pixel-size 3e8", "/pixel_size=3e8"},
+      {"--log l.txt", "l.txt?"}},
+     ""},
+    {"index peaks.txt cell.txt -o x.hkl --json",
+     {{"--format shelx --voltage 200", "x.ins?"},
+      {"--format shelx --voltage 200 --formula CaF2", "x.ins~"},
+      {"--lattice auto", "/cell/bravais=mC /cell/volume>"},
+      {"--tolerance 0.05", "/reflections/indexed<"},
+      {"--keep-cell", "/cell/reciprocal_vectors_px!"},
+      {"--voltage 200", "/refinement/sense=-1 /refinement/sense_decided=true"},
+      {"--pixel-size 1e8", "/cell/volume>"},
+      {"--positions exact", "/reflections/rms_displacement!"},
+      {"--volume volume.mrc", "x.hkl~"},
+      {"--volume volume.mrc --radius 1", "x.hkl~"},
+      {"--cell-out r.txt", "r.txt?"},
+      {"--plots pl", "pl/hPlot.plt?"},
+      {"--log l.txt", "l.txt?"}},
+     ""},
+    {"sections volume.mrc cell.txt -o pics --json",
+     {{"--plane hk1", "/files/0=pics/hk1.png"},
+      {"--thickness 12", "pics/hk0.png~"},
+      {"--size 50", "/reduction=2 pics/hk0.png~"},
+      {"--nodes", "pics/hk0.png~"},
+      {"--primitive", "pics/hk0.png~"},
+      {"--tga", "pics/hk0.tga?"},
+      {"--log l.txt", "l.txt?"}},
+     ""},
+    {"import series.mrc -o i.mrc --json",
+     {{"--tilts -30:0.5", "/tilt_first=-30 /tilt_last=0"},
+      {"--sum 2", "/nz=31 /sum=2"},
+      {"--bin 2", "/nx=64 /pixel_size>"},
+      {"--scale 0.5", "i.mrc~"},
+      {"--pixel-size 1e8", "/pixel_size=1e8"},
+      {"--axis 5", "/tilt_axis=5"},
+      {"--voltage 100", "/kilovolts=100"},
+      {"--log l.txt", "l.txt?"}},
+     ""},
+    {"tilt-axis series.mrc -o ax --json",
+     {{"--range 5 15 5", "/scores/0/angle_deg=5 /scores/2/angle_deg=15 /angle_deg!"},
+      {"--range 5 15 5 --method 3d", "/method=3d"},
+      {"--range 5 15 5 --preprocessed", "/scores!"},
+      {"--range 5 15 5 --log l.txt", "l.txt?"}},
+     "--accuracy --jobs --rotate --tilt-axis"},
+    {"cell-info --json",
+     {{"5 5.1 7 90.3 90.4 90.2", "/lattices/0/bravais=tP"},
+      {"5 5.1 7 90.3 90.4 90.2 --angle 0.1", "/lattices/0/bravais=aP"},
+      {"5 5.1 7 90.3 90.4 90.2 --length 0.5", "/lattices/0/bravais=oP"},
+      {"5 5.1 7 90.3 90.4 90.2 --centring I", "/lattices/0/bravais=cF"},
+      {"known.txt --pixel-size 2e7", "/cell/a=2.5"},
+      {"known.txt --log l.txt", "l.txt? /cell/a=5"}},
+     ""},
+    {"info series.mrc --json", {{"--slices", "/slices/0/a_tilt=-60"}}, ""},
+    {"simulate -o s.mrc --json",
+     {{"--centring I", "/cell/conventional/centring=I s.mrc~"},
+      {"--orientation 0,0,90", "/orientation_matrix/1/0=1.0 s.mrc~"},
+      {"--beam-along 0,0,1", "/settings/beam_along=[0,0,1] s.mrc~"},
+      {"--axis-along 0,1,0", "/settings/axis_along=[0,1,0] s.mrc~"},
+      {"--beam-along 0,0,1 --off-zone 2", "/settings/off_zone_deg=2 s.mrc~"},
+      {"--dmin 3", "/settings/dmin=3 s.mrc~"},
+      {"--b-factor 20", "/settings/b_factor=20 s.mrc~"},
+      {"--rocking 0.004", "/settings/rocking_width=0.004 s.mrc~"},
+      {"--even", "/settings/even=true s.mrc~"},
+      {"--asymmetry 1", "/settings/asymmetry=1 s.mrc~"},
+      {"--second-crystal 0.5", "/settings/second_crystal=0.5 s.mrc~"},
+      {"--handedness -1", "/handedness=-1 s.mrc~"},
+      {"--tilts -10:10:2", "/tilts/0=-10 s.mrc~"},
+      {"--tilt-offset 1", "/tilts/0=11.0 s.mrc~"},
+      {"--tilt-scale 1.1", "/tilts/0=11.0 s.mrc~"},
+      {"--tilt-jitter 0.5", "/settings/tilt_errors/jitter_deg=0.5 s.mrc~"},
+      {"--mode stepwise", "/settings/mode=stepwise s.mrc~"},
+      {"--frame-rotation 1", "/settings/frame_rotation_deg=1 s.mrc~"},
+      {"--mode precession --precession-angle 2", "/settings/precession_angle_deg=2 s.mrc~"},
+      {"--axis 20", "/tilt_axis_deg=20 s.mrc~"},
+      {"--axis-tilt 4", "/axis_tilt_deg=4 s.mrc~"},
+      {"--kv 60", "/voltage_kv=60 s.mrc~"},
+      {"--missing 2", "/tilts/8=-10 s.mrc~"},
+      {"--blank 1", "/blank_frames/0=10 s.mrc~"},
+      {"--seed 2", "/settings/seed=2 s.mrc~"},
+      {"--write-axis --axis 5", "/stated/tilt_axis_deg=5 s.mrc~"},
+      {"--state-axis 7", "/stated/tilt_axis_deg=7 s.mrc~"},
+      {"--state-step -1", "/stated/tilts/10=0 s.mrc~"},
+      {"--state-pixel 0", "/stated/pixel_size=0 s.mrc~"},
+      {"--state-kv 0", "/stated/voltage_kv=0 s.mrc~"},
+      {"--centre-offset -3,4.5", "/centres/0=[28.5,36] s.mrc~"},
+      {"--drift 3", "/settings/centre/drift_px=3 s.mrc~"},
+      {"--jump 3", "/settings/centre/jump_px=3 s.mrc~"},
+      {"--jump 3 --jumps 2", "/settings/centre/jumps=2 s.mrc~"},
+      {"--centre-jitter 1", "/settings/centre/jitter_px=1 s.mrc~"},
+      {"--counts sphere", "/settings/exposure=1 s.mrc~"},
+      {"--dose 0.25", "/settings/exposure=0.5 s.mrc~"},
+      {"--peak 500", "/settings/peak_counts=500 s.mrc~"},
+      {"--spot 2", "/settings/spot_width_px=2 s.mrc~"},
+      {"--direct-beam 100", "/settings/background/direct_beam=100 s.mrc~"},
+      {"--background 0.5", "/settings/background/halo=0.5 s.mrc~"},
+      {"--halo-gradient 0.3", "/settings/background/halo_gradient=0.3 s.mrc~"},
+      {"--halo-gradient 0.3 --halo-azimuth 40", "/settings/background/halo_azimuth_deg=40 s.mrc~"},
+      {"--ice 50", "/settings/background/ice=50 s.mrc~"},
+      {"--ellipse 0.05", "/settings/distortion/ellipse=0.05 s.mrc~"},
+      {"--ellipse 0.05 --ellipse-azimuth 40", "/settings/distortion/ellipse_azimuth_deg=40 s.mrc~"},
+      {"--radial 0.05", "/settings/distortion/radial=0.05 s.mrc~"},
+      {"--beam-stop", "/settings/beam_stop/width_px=1.28 s.mrc~"},
+      {"--stop-direction 40", "/settings/beam_stop/direction_deg=40 s.mrc~"},
+      {"--stop-width 8", "/settings/beam_stop/width_px=8 s.mrc~"},
+      {"--stop-disc 8", "/settings/beam_stop/disc_radius_px=8 s.mrc~"},
+      {"--stop-offset 2,-3", "/settings/beam_stop/offset_px=[2,-3] s.mrc~"},
+      {"--stop-transmission 0.2", "/settings/beam_stop/transmission=0.2 s.mrc~"},
+      {"--stop-pedestal 20", "/settings/beam_stop/pedestal=20 s.mrc~"},
+      {"--size 80", "/settings/detector/size=80 s.mrc~"},
+      {"--noise 0", "/settings/detector/noise=0 s.mrc~"},
+      {"--saturation 300", "/settings/detector/saturation=300 s.mrc~"},
+      {"--hot-pixels 4", "/settings/detector/hot_pixels=4 s.mrc~"},
+      {"--zingers 4", "/settings/detector/zingers=4 s.mrc~"},
+      {"--cross", "/settings/detector/cross=true s.mrc~"},
+      {"--cif salt.cif", "/cell/conventional/a=5.64 s.mrc~"},
+      {"--list-reflections", "/reflections/0/hkl!"}},
+     "",
+     "--size 64 --dmin 2 --tilts 10:-10:-2 --cell 10,11,12,90,95,90"},
+    {"demo -o demo --json",
+     {{"--size 96 --step 5 --cell 4,5,6,90,95,90 --centring C --axis 7 --seed 3 --tilt-axis 8",
+       "demo/series.truth.json:/settings/detector/size=96 demo/series.truth.json:/tilts/1=-55 "
+       "demo/series.truth.json:/cell/conventional/a=4 demo/series.truth.json:/cell/conventional/centring=C "
+       "demo/series.truth.json:/tilt_axis_deg=7 demo/series.truth.json:/settings/seed=3 "
+       "demo/series.truth.json:/stated/tilt_axis_deg=null exit=1"}},
+     ""}};
+
+class OptionsTest : public testing::TestWithParam<Command> {
+protected:
+    /// A C-centred crystal in a series whose axis is stated, and all that the stages make of it.
+    static void SetUpTestSuite() {
+        folder = std::make_unique<TemporaryFolder>();
+        folder->write("cal.txt", "166666672 1.7e8\n");
+        folder->write("salt.cif",
+                      "data_salt\n_cell_length_a 5.64\n_cell_length_b 5.64\n_cell_length_c 5.64\n"
+                      "_cell_angle_alpha 90\n_cell_angle_beta 90\n_cell_angle_gamma 90\n"
+                      "loop_\n_atom_site_label\n_atom_site_type_symbol\n_atom_site_fract_x\n"
+                      "_atom_site_fract_y\n_atom_site_fract_z\nNa1 Na 0 0 0\n");
+        folder->write("known.txt",
+                      "#VRKCELLVERSION 2\n# v\n200 0 0\n0 100 0\n0 0 50\n# r\n200 100 50\n90 90 90 \n"
+                      "# d\n5 10 20\n90 90 90 \n");
+        for (const char* line :
+             {"simulate -o series.mrc --cell 5.2,6.1,4.6,90,105,90 --centring C --size 128 --dmin 1 --seed 4 "
+              "--tilts -60:60:2 --axis 10 --write-axis --hot-pixels 9 --drift 2",
+              "preprocess series.mrc -o clean.mrc --rotate header", "reconstruct clean.mrc -o volume.mrc",
+              "peaks volume.mrc -o peaks.txt --threshold 30 --zero-beam 8", "cell peaks.txt -o cell.txt"})
+            ASSERT_EQ(vrk(line).exitCode, 0) << line;
+    }
+    static void TearDownTestSuite() { folder.reset(); }
+
+    static VrkResult vrk(const std::string& line) { return runVrkLine(line, *folder / "."); }
+
+    /// The contents of a file, without what differs from run to run.
+    static std::string contents(const std::string& name) {
+        std::string text = folder->read(name);
+        if (!name.ends_with(".log")) return text;
+        std::istringstream lines(text);
+        text.clear();
+        for (std::string line; std::getline(lines, line);)
+            if (line.find("seconds") == std::string::npos && line.rfind("options:", 0) != 0)
+                text += line + '\n';
+        return text;
+    }
+
+    static json at(const json& document, const std::string& place) {
+        const json::json_pointer pointer(place);
+        return document.contains(pointer) ? document.at(pointer) : json("nothing at " + place);
+    }
+
+    json plainRun();
+    VrkResult with(const std::string& options) const;
+    void check(const std::string& text, const json& printed, const json& plain);
+
+    static std::unique_ptr<TemporaryFolder> folder;
+    std::map<std::string, std::vector<std::string>> seen;  ///< contents of files, those without options first
+};
+
+std::unique_ptr<TemporaryFolder> OptionsTest::folder;
+
+VrkResult OptionsTest::with(const std::string& options) const {
+    std::vector<std::string> line = words(GetParam().line + (' ' + options));
+    const std::vector<std::string> usual = words(GetParam().usual);
+    for (std::size_t i = 0; i + 1 < usual.size(); i += 2) {
+        const bool structure = usual[i] == "--cell" && options.find("--cif") != std::string::npos;
+        if (!structure && (options + ' ').find(usual[i] + ' ') == std::string::npos)
+            line.insert(line.end(), {usual[i], usual[i + 1]});
+    }
+    return runVrk(line, *folder / ".");
+}
+
+void OptionsTest::check(const std::string& text, const json& printed, const json& plain) {
+    SCOPED_TRACE(text);
+    const std::string place = text.substr(0, text.size() - 1);
+    if (const std::size_t equals = text.find('='); equals != std::string::npos) {
+        std::string path = text.substr(0, equals);
+        json document = printed;
+        if (const std::size_t colon = path.find(':'); colon != std::string::npos) {
+            document = json::parse(folder->read(path.substr(0, colon)));
+            path = path.substr(colon + 1);
+        }
+        const std::string value = text.substr(equals + 1);
+        const json parsed = json::parse(value, nullptr, false);
+        const json expected = parsed.is_discarded() ? json(value) : parsed;
+        const json found = at(document, path);
+        if (expected.is_number() && found.is_number())
+            EXPECT_NEAR(found.get<double>(), expected.get<double>(), 1e-6 * std::abs(expected.get<double>()));
+        else
+            EXPECT_EQ(found, expected);
+    } else if (text.back() == '?') {
+        EXPECT_FALSE(folder->read(place).empty());
+    } else if (text.back() == '~') {
+        std::vector<std::string>& before = seen[place];
+        before.push_back(contents(place));
+        EXPECT_EQ(std::count(before.begin(), before.end(), before.back()), 1);
+    } else if (place[0] != '/') {
+        EXPECT_NE(contents(place), seen[place].front());
+    } else {
+        const json now = at(printed, place);
+        const json before = at(plain, place);
+        if (text.back() == '!') {
+            EXPECT_NE(now, before);
+        } else {
+            ASSERT_TRUE(now.is_number() && before.is_number()) << now << before;
+            const double factor = text.back() == '<' ? -1 : 1;
+            EXPECT_GT(factor * now.get<double>(), factor * before.get<double>());
+        }
+    }
+}
+
+/// What the command prints without options, when any case compares with it; keeps its files.
+json OptionsTest::plainRun() {
+    std::set<std::string> compared;
+    bool needed = false;
+    for (const Case& one : GetParam().cases)
+        for (const std::string& text : words(one.checks)) {
+            if (std::string("<>!~").find(text.back()) == std::string::npos) continue;
+            needed = true;
+            if (text[0] != '/') compared.insert(text.substr(0, text.size() - 1));
+        }
+    if (!needed) return {};
+    const json printed = json::parse(with("").out);
+    for (const std::string& name : compared)
+        seen[name] = {contents(name)};
+    return printed;
+}
+
+TEST_P(OptionsTest, EachHasItsEffect) {
+    const Command& command = GetParam();
+    const json plain = plainRun();
+    for (const Case& one : command.cases) {
+        SCOPED_TRACE(one.options);
+        int exitCode = 0;
+        std::vector<std::string> checks = words(one.checks);
+        for (const std::string& text : checks) {
+            if (text.rfind("exit=", 0) == 0) exitCode = std::stoi(text.substr(5));
+            if (text.back() == '?') std::filesystem::remove(*folder / text.substr(0, text.size() - 1));
+        }
+        std::erase_if(checks, [](const std::string& text) { return text.rfind("exit=", 0) == 0; });
+        const VrkResult result = with(one.options);
+        ASSERT_EQ(result.exitCode, exitCode) << result.err;
+        const json printed = json::parse(result.out, nullptr, false);
+        for (const std::string& text : checks)
+            check(text, printed, plain);
+    }
+    // None is forgotten.
+    std::string known =
+        std::string(" ") + command.line + ' ' + command.usual + ' ' + command.elsewhere + " --help --output ";
+    for (const Case& one : command.cases)
+        known += one.options + std::string(" ");
+    std::string help = vrk(words(command.line)[0] + " --help").out;
+    std::replace_if(
+        help.begin(), help.end(),
+        [](char c) { return std::string(",:;.()[]'").find(c) != std::string::npos; }, ' ');
+    for (const std::string& word : words(help))
+        if (word.rfind("--", 0) == 0) {
+            EXPECT_NE(known.find(' ' + word + ' '), std::string::npos) << word;
+        }
+}
+
+INSTANTIATE_TEST_SUITE_P(Commands, OptionsTest, testing::ValuesIn(kCommands));
+
+}  // namespace
