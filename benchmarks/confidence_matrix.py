@@ -210,7 +210,7 @@ def main():
     parser.add_argument("--cases", type=int, default=400)
     parser.add_argument("--seed", default="1")
     parser.add_argument("--jobs", type=int, default=1)
-    parser.add_argument("--size", type=int, default=512)
+    parser.add_argument("--size", type=int, default=256)
     parser.add_argument("--only", default="", help="only classes whose name contains this")
     parser.add_argument("--verbose", action="store_true", help="a line for every case")
     options = parser.parse_args()
