@@ -20,6 +20,7 @@
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/NumberText.h"
 #include "pipeline/base/OutputFile.h"
+#include "pipeline/base/UnitCheck.h"
 #include "pipeline/formats/CellInput.h"
 #include "pipeline/formats/PeakList.h"
 #include "pipeline/formats/ReflectionFormats.h"
@@ -362,6 +363,7 @@ void report(Host& host, const Indexing& result, const std::vector<std::string>& 
 void index(Host& host, const Options& options) {
     if (!options.log.empty()) host.openLog(options.log);
     if (!options.formula.empty()) parseFormula(options.formula);
+    if (options.voltage > 0.0) refuseImpossibleVoltage(options.voltage);
     Indexing result = indexPeaks(options, host);
     changeSetting(*result.reflections, result.setting);
     std::vector<std::string> files = writeFiles(options, result, host);
@@ -410,7 +412,7 @@ void addIndexCommand(CLI::App& app, Host& host) {
         ->add_option("--voltage", options->voltage,
                      "High tension in kV; corrects for the curvature of the Ewald sphere and "
                      "finds the sense of the tilt")
-        ->check(CLI::Range(1.0, 10000.0));
+        ->check(CLI::PositiveNumber);
     command
         ->add_option("--pixel-size", options->pixelSize,
                      "Pixel size in 1/m per voxel [that of the peak file, else of the cell file]")

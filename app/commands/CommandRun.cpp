@@ -80,7 +80,7 @@ void addRunCommand(CLI::App& app, Host& host) {
     command->add_option("--pixel-size", options->run.pixelSize, "Pixel size in 1/m per pixel [the series']")
         ->check(CLI::PositiveNumber);
     command->add_option("--voltage", options->run.kiloVolts, "High tension in kV [the series']")
-        ->check(CLI::Range(10.0, 3000.0));
+        ->check(CLI::PositiveNumber);
     command
         ->add_option("--fine-calibration", options->run.fineCalibration, "File with calibrated pixel sizes")
         ->type_name("FILE");

@@ -92,10 +92,10 @@ void addCellOptions(CLI::App& command, CellOptions& options, bool showDefaults) 
               p.getDBSCANMinPts());
     group.add("--refine-clusters", options.refineClusters, "Percent of each cluster to go on with; 0: all",
               0.0, 100.0, 0.0);
-    group.add("--angle-a", options.angleA, "Smallest angle of the first two base vectors, radians", 0.0, 3.0,
-              p.getAngleA());
+    group.add("--angle-a", options.angleA, "Smallest angle of the first two base vectors, radians", 0.0,
+              180.0, p.getAngleA());
     group.add("--angle-b", options.angleB, "Smallest angle of the second and third base vector, radians", 0.0,
-              3.0, p.getAngleB());
+              180.0, p.getAngleB());
     group.add("--det-limit", options.detLimit, "Smallest determinant of three base vectors", -kLargest,
               kLargest, p.getDetLimit());
     group.add("--grid-size", options.gridSize,

@@ -10,6 +10,7 @@
 #include "crystallography/CellFileImportExport.h"
 #include "crystallography/SpaceMath.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/UnitCheck.h"
 
 namespace vrk {
 namespace {
@@ -66,6 +67,7 @@ CellInput cellFromNumbers(const std::vector<double>& numbers, char centring) {
     if (!primitiveAxes().contains(centring))
         throw Failure(std::string("there is no centring ") + centring + "; use P, A, B, C, I, F or R",
                       FailureKind::Usage);
+    refuseRadians({numbers.at(3), numbers.at(4), numbers.at(5)});
     double base[3][3];
     const SpaceDimensions dimensions = {numbers.at(0), numbers.at(1), numbers.at(2),
                                         numbers.at(3), numbers.at(4), numbers.at(5)};

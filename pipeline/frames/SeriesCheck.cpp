@@ -67,15 +67,21 @@ void refuseTooLittle(const std::vector<Frame>& frames) {
     if (frames.empty())
         throw Failure("every frame of the series holds nothing but zeros; check how the file was made");
     const float range = frames.back().tilt - frames.front().tilt;
+    // Twenty degrees to half a turn.
+    const bool mayBeRadians = range > 0.35F && range <= 3.15F;
     std::ostringstream text;
     if (frames.size() < 3)
         text << "the series has " << frames.size()
              << (frames.size() == 1 ? " frame that can be used or one tilt angle for all frames"
                                     : " frames that can be used")
              << "; a volume needs three different tilts at least, a cell some twenty degrees";
-    else if (range < 2.0F)
+    else if (range < 2.0F || mayBeRadians) {
         text << "the tilts cover " << range
              << " degrees; that is no volume. Check the angles with 'vrk info --slices'";
+        if (mayBeRadians)
+            text << "; they may be radians, which would be " << range * 57.29578F
+                 << " degrees: give them anew with 'vrk import --tilts'";
+    }
     if (!text.str().empty()) throw Failure(text.str());
 }
 

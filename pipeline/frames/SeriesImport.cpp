@@ -9,6 +9,7 @@
 #include "foundation/Version.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/NumberList.h"
+#include "pipeline/base/UnitCheck.h"
 #include "pipeline/frames/CountScale.h"
 #include "pipeline/frames/FrameCollection.h"
 #include "pipeline/frames/SeriesHeader.h"
@@ -411,6 +412,7 @@ void Importer::fillHeader() {
     const double pixelSize = m_settings.pixelSize.value_or(stated.value_or(0)) * m_settings.bin;
     if (pixelSize == 0)
         m_warn("the files do not state the pixel size: without --pixel-size (1/m) a cell has no scale");
+    if (m_settings.kilovolts && *m_settings.kilovolts != 0) refuseImpossibleVoltage(*m_settings.kilovolts);
     const double kilovolts = m_settings.kilovolts.value_or(firstStated(&FrameInfo::kilovolts).value_or(0));
     const double axis = m_settings.axis.value_or(firstStated(&FrameInfo::axis).value_or(0));
 

@@ -138,6 +138,17 @@ void keepDistinct(std::vector<LatticeCandidate>& candidates, std::size_t most) {
     candidates = std::move(kept);
 }
 
+/// A length as it is printed.
+double rounded(double length) {
+    return std::round(100.0 * length) / 100.0;
+}
+
+/// As many of the strongest as give a number of difference vectors that can be clustered.
+void thinOut(Points& points, double maxLength) {
+    while (points.size() > 200 && pairsWithin(points, maxLength) > kMostVectors)
+        points.resize(points.size() * 3 / 4);
+}
+
 LatticeCandidate judged(const Matrix3d& basis, const Points& judges, const CellSearchTrial& trial) {
     LatticeCandidate candidate{{basis, Vector3d::Zero()}, {}, trial};
     candidate.score = scoreLattice(judges, candidate.lattice);
@@ -198,8 +209,10 @@ std::vector<CellSearchTrial> CellSearch::trials(const Points& points) const {
             if (m_options.clustering == ClusteringMethod::FSC && eps != 1.2) continue;
             CellSearchTrial trial;
             trial.clustering = m_options.clustering;
-            trial.maxLength = m_options.maxLength.value_or(multiple * spacing);
-            trial.minLength = m_options.minLength.value_or(std::clamp(0.2 * spacing, 1.8, 3.5));
+            const double longest = std::max(multiple * spacing, 2.0 * m_options.minLength.value_or(0.0));
+            trial.maxLength = m_options.maxLength.value_or(rounded(longest));
+            const double shortest = std::min(std::clamp(0.2 * spacing, 1.8, 3.5), 0.5 * trial.maxLength);
+            trial.minLength = m_options.minLength.value_or(rounded(shortest));
             trial.eps = m_options.eps.value_or(eps);
             if (!m_options.eps && m_options.clustering != ClusteringMethod::FSC && eps > 0.35 * spacing)
                 continue;
@@ -214,6 +227,34 @@ std::vector<CellSearchTrial> CellSearch::trials(const Points& points) const {
             if (std::none_of(trials.begin(), trials.end(), same)) trials.push_back(trial);
         }
     return trials;
+}
+
+CellSearchTrial CellSearch::firstTrial(const Points& points, const std::vector<double>& weights) const {
+    Points used = strongest(points, weights, kJudges);
+    CellSearchTrial trial = trials(used).front();
+    thinOut(used, trial.maxLength);
+    trial.reflections = used.size();
+    return trial;
+}
+
+bool CellSearch::fixesEverything() const {
+    const bool isDense = m_options.clustering == ClusteringMethod::FSC || (m_options.eps && m_options.minPts);
+    return m_options.minLength && m_options.maxLength && isDense;
+}
+
+std::optional<LatticeCandidate> CellSearch::repeat(const LatticeCandidate& candidate, const Points& points,
+                                                   const std::vector<double>& weights) const {
+    if (fixesEverything()) return candidate;
+    constexpr double same = 0.02;  // of the edges
+    CellSearchOptions fixed = m_options;
+    fixed.minLength = candidate.trial.minLength;
+    fixed.maxLength = candidate.trial.maxLength;
+    fixed.eps = candidate.trial.eps;
+    fixed.minPts = candidate.trial.minPts;
+    const std::vector<LatticeCandidate> found = CellSearch(fixed).search(points, weights);
+    if (found.empty() || !sameLattice(found[0].lattice.basis, candidate.lattice.basis, same))
+        return std::nullopt;
+    return found[0];
 }
 
 Parameter CellSearch::parameterOf(const CellSearchTrial& trial) const {
@@ -242,9 +283,7 @@ std::vector<LatticeCandidate> CellSearch::search(const Points& points,
     for (CellSearchTrial trial : trials(judges)) {
         if (m_options.canceled && m_options.canceled()) return {};
         Points used = judges;
-        for (double vectors = pairsWithin(used, trial.maxLength); vectors > kMostVectors && used.size() > 200;
-             vectors = pairsWithin(used, trial.maxLength))
-            used.resize(used.size() * 3 / 4);
+        thinOut(used, trial.maxLength);
         const double before = candidates.empty() ? 0.0 : candidates.front().score.evidence;
         trial.reflections = used.size();
         CellSteps steps(used, parameterOf(trial), trial.clustering);

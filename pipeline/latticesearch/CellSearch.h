@@ -61,6 +61,13 @@ public:
     /// \returns the candidates by falling evidence, every lattice once; empty when nothing beats chance
     std::vector<LatticeCandidate> search(const Points& points, const std::vector<double>& weights) const;
 
+    /// The first set of parameters that the search tries.
+    CellSearchTrial firstTrial(const Points& points, const std::vector<double>& weights) const;
+    /// The answer of a search with all values fixed at those of a candidate; nothing when it is another
+    /// lattice.
+    std::optional<LatticeCandidate> repeat(const LatticeCandidate& candidate, const Points& points,
+                                           const std::vector<double>& weights) const;
+
     /// The settings of a trial.
     Parameter parameterOf(const CellSearchTrial& trial) const;
     /// The steps that led to a candidate, once more, for a look at the evidence.
@@ -69,6 +76,7 @@ public:
 
 private:
     std::vector<CellSearchTrial> trials(const Points& points) const;
+    bool fixesEverything() const;
 
     CellSearchOptions m_options;
 };

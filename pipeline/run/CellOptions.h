@@ -5,6 +5,8 @@
 #include <optional>
 
 #include "cellfinding/ClusteringMethod.h"
+#include "pipeline/base/Session.h"
+#include "pipeline/latticesearch/CellSearch.h"
 
 class Parameter;
 
@@ -27,8 +29,13 @@ struct CellOptions {
     /// Whether the user gave any of them; the method of the clustering leaves everything else to be found.
     bool isGiven() const;
     /// Sets the values that were given; the others stay as they are. Throws Failure when a lower limit is
-    /// then above its upper one, and for a radius or density that the clustering has no use for.
+    /// then above its upper one, for a radius or density that the clustering has no use for, and for angles
+    /// in degrees.
     void applyTo(Parameter& parameter) const;
 };
+
+/// A search with the values fixed that were given.
+/// \param session  stops it; must live as long as the search
+CellSearchOptions searchOptions(const CellOptions& options, Session& session);
 
 }  // namespace vrk

@@ -1,11 +1,13 @@
 #include "pipeline/run/LatticeChoice.h"
 
 #include <algorithm>
+#include <memory>
 #include <sstream>
 #include <utility>
 
 #include "indexing/EwaldCurvature.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/UnitCheck.h"
 #include "pipeline/latticesearch/Confidence.h"
 #include "pipeline/run/Advice.h"
 
@@ -16,21 +18,6 @@ namespace {
 /// find the lattice; the others follow when it is corrected.
 constexpr double kFlatEnough = 1.5;
 constexpr double kFlatShare = 0.05;
-
-CellSearchOptions searchOptions(const CellOptions& options, Session& session) {
-    CellSearchOptions search;
-    search.minLength = options.minLength;
-    search.maxLength = options.maxLength;
-    search.eps = options.eps;
-    search.minPts = options.minPoints;
-    search.clustering = options.clustering;
-    search.adjust = [&options](Parameter& parameter) { options.applyTo(parameter); };
-    search.canceled = [&session] {
-        session.checkCanceled();
-        return false;
-    };
-    return search;
-}
 
 template <typename Value>
 void list(std::ostream& text, const std::vector<Level>& levels, Value value) {
@@ -98,6 +85,9 @@ LatticeChoice findLattice(const std::vector<Level>& levels, const ReciprocalVolu
     if (!isConvincing(choice.best.score)) throw noLattice(levels, choice.best.score);
     Lattice lattice = choice.best.lattice;
     lattice.pixelSize = volume.facts.pixelSize;
+    const std::unique_ptr<UnitCell> direct(niggliReduced(lattice).toUnitCell().getReciprocalCell());
+    refuseImpossibleScale({direct->getLengthOfA(), direct->getLengthOfB(), direct->getLengthOfC()},
+                          lattice.pixelSize);
     choice.evidence = search.stepsOf(choice.best, bestPoints, bestWeights)
                           ->evaluate(lattice, choice.best.score, bestPoints);
     return choice;

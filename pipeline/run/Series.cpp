@@ -2,6 +2,7 @@
 
 #include "indexing/EwaldCurvature.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/UnitCheck.h"
 #include "pipeline/frames/DataFiles.h"
 #include "pipeline/frames/SeriesCheck.h"
 #include "pipeline/run/Preprocessing.h"
@@ -23,7 +24,9 @@ double settledPixelSize(const mrcH& header, const RunOptions& options, Session& 
 }
 
 void settleVoltage(const mrcH& header, const RunOptions& options, SeriesFacts& facts, Session& session) {
-    facts.kiloVolts = options.kiloVolts.value_or(header.value(SliceValue::HighTension, 0));
+    const double stated = header.value(SliceValue::HighTension, 0);
+    if (options.kiloVolts) refuseImpossibleVoltage(*options.kiloVolts, stated);
+    facts.kiloVolts = options.kiloVolts.value_or(stated);
     facts.kiloVoltsAssumed = !(facts.kiloVolts >= 10.0 && facts.kiloVolts <= 3000.0);
     if (!facts.kiloVoltsAssumed) return;
     facts.kiloVolts = kAssumedKiloVolts;

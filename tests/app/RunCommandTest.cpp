@@ -241,6 +241,11 @@ TEST_F(RunCommandTest, SeriesThatCannotBeSolvedEndWithAMessage) {
     cases.push_back({"all equal",
                      changed(*series, 64, 64, 9, [](unsigned, unsigned, unsigned) { return short{7}; }), 3,
                      "no pattern"});
+    cases.push_back({"tilts in radians", changed(*series, width(), width(), frames(), same), 1,
+                     "they may be radians, which would be 120 degrees"});
+    for (auto& value :
+         cases.back().series->m_Header.sliceValues[static_cast<std::size_t>(SliceValue::TiltAngle)])
+        value *= 0.0174532925F;
     // Background without reflections.
     cases.push_back({"no reflections",
                      changed(*series, 64, 64, 31,
@@ -258,6 +263,14 @@ TEST_F(RunCommandTest, SeriesThatCannotBeSolvedEndWithAMessage) {
         EXPECT_EQ(result.out, "");
         EXPECT_FALSE(anyHalfWritten(folder / "result"));
         EXPECT_FALSE(filesIn(folder / "result").contains("summary.json"));
+    }
+    write(*series, folder / "series.mrc");
+    for (const auto& [option, value, message] : {std::tuple("--voltage", "200000", "give --voltage 200"),
+                                                 {"--voltage", "20", "states 200 kV"},
+                                                 {"--pixel-size", "0.005", "1/Angstrom per pixel"}}) {
+        const VrkResult result = run({option, value});
+        EXPECT_EQ(result.exitCode, 2) << result.err;
+        EXPECT_NE(result.err.find(message), std::string::npos) << result.err;
     }
 }
 

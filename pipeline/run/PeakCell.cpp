@@ -1,0 +1,248 @@
+#include "pipeline/run/PeakCell.h"
+
+#include <Eigen/Eigenvalues>
+#include <Eigen/Geometry>
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <numbers>
+#include <string>
+
+#include "cellfinding/CalculateCellIOstuff.h"
+#include "pipeline/base/Failure.h"
+#include "pipeline/base/OutputFile.h"
+#include "pipeline/base/UnitCheck.h"
+#include "pipeline/latticesearch/PeakMerging.h"
+
+namespace vrk {
+namespace {
+
+using Eigen::Matrix3d;
+using Eigen::Vector3d;
+
+template <typename... Values>
+std::string formatted(const char* format, Values... values) {
+    char text[300];
+    std::snprintf(text, sizeof text, format, values...);
+    return text;
+}
+
+/// Lets the steps write what they see into a folder while it lives.
+class DebugDump {
+public:
+    explicit DebugDump(const std::filesystem::path& folder) : m_active(!folder.empty()) {
+        if (!m_active) return;
+        makeFolder(folder);
+        CalculateCellIOstuff::setFolder(folder.string());
+        CalculateCellIOstuff::setWriteData(true);
+        CalculateCellIOstuff::setWriteLines(true);
+    }
+    ~DebugDump() {
+        if (!m_active) return;
+        CalculateCellIOstuff::setWriteData(false);
+        CalculateCellIOstuff::setWriteLines(false);
+        CalculateCellIOstuff::setFolder("");
+    }
+    DebugDump(const DebugDump&) = delete;
+    DebugDump& operator=(const DebugDump&) = delete;
+
+    /// Adds the script that shows the files.
+    void finish(const Session& session) const {
+        if (m_active && !CalculateCellIOstuff::writeGnuplotScript())
+            throw Failure("the debug dump is not complete: " + session.lastError());
+    }
+
+private:
+    bool m_active;
+};
+
+void takePoints(const PeakList& peaks, const PeakCellOptions& options, PeakCell& cell) {
+    cell.peaks = peaks.reflections->size();
+    for (Reflex* reflex : *peaks.reflections) {
+        cell.points.emplace_back(reflex->getCenter(0) - peaks.origin[0],
+                                 reflex->getCenter(1) - peaks.origin[1],
+                                 reflex->getCenter(2) - peaks.origin[2]);
+        cell.weights.push_back(reflex->getIntensity());
+    }
+    cell.mergeDistance = options.mergeDistance ? *options.mergeDistance : mergingDistance(cell.points);
+    if (cell.mergeDistance > 0.0) mergePeaks(cell.points, cell.weights, cell.mergeDistance);
+}
+
+/// How far the list reaches; lists in other units than voxels show here.
+std::string extentText(const Points& points) {
+    double farthest = 0.0;
+    for (const Vector3d& point : points)
+        farthest = std::max(farthest, point.norm());
+    std::string text =
+        formatted("%zu reflections, the farthest %.4g voxels from the origin", points.size(), farthest);
+    if (farthest < 20.0) text += " (is the list in other units? Lengths are in voxels: scale it up)";
+    return text;
+}
+
+void refuseFlatLists(const Points& points) {
+    constexpr std::size_t fewest = 12;
+    if (points.size() < fewest)
+        throw Failure(formatted("%zu reflections are too few for a cell; at least %zu are needed, and some "
+                                "hundred to be sure of it",
+                                points.size(), fewest),
+                      FailureKind::NothingFound);
+    Vector3d mean = Vector3d::Zero();
+    for (const Vector3d& point : points)
+        mean += point / static_cast<double>(points.size());
+    Matrix3d moments = Matrix3d::Zero();
+    for (const Vector3d& point : points)
+        moments += (point - mean) * (point - mean).transpose() / static_cast<double>(points.size());
+    const Vector3d spread =
+        Eigen::SelfAdjointEigenSolver<Matrix3d>(moments).eigenvalues().cwiseMax(0.0).cwiseSqrt();
+    constexpr double flat = 0.02;
+    if (spread[0] > flat * spread[1] && spread[1] > flat * spread[2]) return;
+    throw Failure(
+        formatted("the %zu reflections lie %s (standard deviations along the principal axes %.3g, "
+                  "%.3g and %.3g voxels); a cell needs reflections from three dimensions, as a tilt "
+                  "series gives them",
+                  points.size(), spread[1] > flat * spread[2] ? "in one plane" : "on one line", spread[2],
+                  spread[1], spread[0]),
+        FailureKind::NothingFound);
+}
+
+/// Why the steps find no lattice, with the values that were given and the first choice of the others.
+[[noreturn]] void throwNothingFound(const CellSearch& search, const PeakCell& cell,
+                                    const std::vector<LatticeCandidate>& candidates,
+                                    const PeakCellOptions& options, Session& session) {
+    LatticeCandidate first;
+    first.trial = candidates.empty() ? search.firstTrial(cell.points, cell.weights) : candidates[0].trial;
+    const DebugDump dump(options.dump);
+    const std::unique_ptr<CellSteps> steps = search.stepsOf(first, cell.points, cell.weights);
+    dump.finish(session);
+
+    const Parameter parameter = search.parameterOf(first.trial);
+    std::string text = extentText(cell.points);
+    std::string advice;
+    if (!candidates.empty()) {
+        const LatticeScore& score = candidates[0].score;
+        text = formatted("the best one explains %d of %d reflections, hardly more than chance", score.indexed,
+                         score.points);
+    } else if (steps->vectors() == 0) {
+        text += formatted("; no difference vector is longer than %g and shorter than %g",
+                          parameter.getMinLength(), parameter.getMaxLength());
+        advice = "use a smaller --min-length or a larger --max-length";
+    } else if (steps->clusters().empty()) {
+        text += formatted(", %d difference vectors, no clusters", steps->vectors());
+        advice = first.trial.clustering == ClusteringMethod::FSC
+                     ? "use a larger --max-length"
+                     : "use a smaller --min-points or a larger --eps";
+    } else {
+        text += formatted(", %d difference vectors, %zu clusters, no lattice that beats chance",
+                          steps->vectors(), steps->clusters().size());
+    }
+    const bool isFree = !options.cell.isGiven();
+    if (isFree)
+        advice =
+            "try parameters (--max-length about three times the distance of neighbours, --eps, "
+            "--min-points), or another --threshold in 'vrk peaks'";
+    else
+        advice += std::string(advice.empty() ? "" : ", or ") + "leave parameters out and have them found";
+    throw Failure("no cell was found: " + text + "; " + advice, FailureKind::NothingFound);
+}
+
+/// The nodes of the lattice that have a point within the radius of the score. The curvature of the Ewald
+/// sphere is not known here; it matters at the rim of the recorded space alone.
+Completeness completenessOf(const PeakCell& cell, const PeakFileHead& head) {
+    constexpr double kDegree = std::numbers::pi / 180.0;
+    RecordedSpace space;
+    space.tiltFirst = head.firstTilt * kDegree;
+    space.tiltLast = head.lastTilt * kDegree;
+    space.halfWidth = 0.5 * head.size[0];
+    double nearest = space.halfWidth;
+    std::vector<Indices> indices;
+    const Lattice& lattice = cell.answer.lattice;
+    const Matrix3d inverse = lattice.basis.inverse();
+    for (const Vector3d& point : cell.points) {
+        nearest = std::min(nearest, point.norm());
+        const Vector3d hkl = (inverse * (point - lattice.origin)).array().round();
+        if (distanceToNode(point, lattice, inverse) <= cell.answer.score.radius)
+            indices.push_back({static_cast<int>(hkl[0]), static_cast<int>(hkl[1]), static_cast<int>(hkl[2])});
+    }
+    space.zeroBeam = nearest;
+    return vrk::completenessOf(lattice, indices, space);
+}
+
+/// Refuses a lattice that has its nodes in one layer in some direction, or edges that the list does not
+/// reach.
+void refuseUndetermined(const PeakCell& cell) {
+    const Lattice& lattice = cell.answer.lattice;
+    const Matrix3d inverse = lattice.basis.inverse();
+    Eigen::AlignedBox3d box, indices;
+    for (const Vector3d& point : cell.points) {
+        box.extend(point);
+        if (distanceToNode(point, lattice, inverse) <= cell.answer.score.radius)
+            indices.extend(Vector3d((inverse * (point - lattice.origin)).array().round()));
+    }
+    const double longest = lattice.basis.colwise().norm().maxCoeff();
+    const double extent = box.diagonal().norm();
+    if (longest <= extent && (indices.sizes().array() > 0.5).all()) return;
+    throw Failure(
+        formatted("no cell was found: the best one has a reciprocal edge of %.4g voxels along which "
+                  "the list, %.4g voxels across, holds one layer of nodes; a wider tilt range or "
+                  "weaker reflections are needed",
+                  longest, extent),
+        FailureKind::NothingFound);
+}
+
+/// Reduces the lattice and looks for its symmetry.
+void describe(PeakCell& cell) {
+    cell.reciprocal = niggliReduced(cell.answer.lattice).toUnitCell();
+    cell.symmetry = LatticeSymmetry::best(cell.reciprocal);
+    if (!cell.hasScale()) return;
+    const std::unique_ptr<UnitCell> direct(cell.reciprocal.getReciprocalCell());
+    refuseImpossibleScale({direct->getLengthOfA(), direct->getLengthOfB(), direct->getLengthOfC()},
+                          cell.pixelSize());
+}
+
+}  // namespace
+
+PeakCell findCell(const PeakList& peaks, const PeakCellOptions& options, Session& session) {
+    PeakCell cell;
+    takePoints(peaks, options, cell);
+    refuseFlatLists(cell.points);
+    const CellSearch search(searchOptions(options.cell, session));
+    {
+        // What the steps complain about is one trial of many, or part of the message.
+        const QuietLog quiet(session, QuietLog::Keep::InLogAlone);
+        const std::vector<LatticeCandidate> candidates = search.search(cell.points, cell.weights);
+        if (candidates.empty() || !isConvincing(candidates.front().score))
+            throwNothingFound(search, cell, candidates, options, session);
+        cell.answer = candidates.front();
+        if (candidates.size() > 1) cell.rivalEvidence = candidates[1].score.evidence;
+        cell.parameter = search.parameterOf(cell.answer.trial);
+        const std::optional<LatticeCandidate> again = search.repeat(cell.answer, cell.points, cell.weights);
+        cell.isReproducible = again.has_value();
+        if (again) cell.answer = *again;
+    }
+    cell.answer.lattice.pixelSize = options.pixelSize > 0.0 ? options.pixelSize
+                                    : peaks.head            ? peaks.head->pixelSize
+                                                            : 0.0;
+    refuseUndetermined(cell);
+    describe(cell);
+    LatticeEvidence evidence;
+    evidence.score = cell.answer.score;
+    evidence.rivalEvidence = cell.rivalEvidence;
+    if (peaks.head && peaks.head->firstTilt < peaks.head->lastTilt)
+        cell.completeness = completenessOf(cell, *peaks.head);
+    evidence.completeness = cell.completeness;
+    cell.verdict = verdictOn(evidence);
+    return cell;
+}
+
+CellEvaluation evaluate(const PeakCell& cell, const PeakCellOptions& options, Session& session) {
+    const QuietLog quiet(session, QuietLog::Keep::InLogAlone);
+    const DebugDump dump(options.dump);
+    const std::unique_ptr<CellSteps> steps =
+        CellSearch(searchOptions(options.cell, session)).stepsOf(cell.answer, cell.points, cell.weights);
+    dump.finish(session);
+    Lattice lattice = Lattice::of(cell.reciprocal, cell.answer.lattice.origin);
+    lattice.pixelSize = cell.pixelSize();
+    return steps->evaluate(lattice, cell.answer.score, cell.points);
+}
+
+}  // namespace vrk

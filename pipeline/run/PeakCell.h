@@ -1,0 +1,58 @@
+/// \file
+/// From a list of reflections to the cell of their lattice.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "cellfinding/CellEvaluation.h"
+#include "crystallography/LatticeSymmetry.h"
+#include "pipeline/base/Session.h"
+#include "pipeline/formats/PeakList.h"
+#include "pipeline/latticesearch/CellSearch.h"
+#include "pipeline/latticesearch/Confidence.h"
+#include "pipeline/run/CellOptions.h"
+
+namespace vrk {
+
+/// What a user may say about a list and about the search in it.
+struct PeakCellOptions {
+    CellOptions cell;
+    double pixelSize = 0.0;               ///< 1/m per voxel; 0 takes that of the peak file
+    std::optional<double> mergeDistance;  ///< voxels, 0: merge nothing; nothing: found (mergingDistance)
+    std::filesystem::path dump;           ///< folder for what the steps see; empty: none
+};
+
+/// A cell and what it rests on.
+struct PeakCell {
+    std::size_t peaks = 0;        ///< in the list
+    double mergeDistance = 0.0;   ///< within which they were put together, voxels; 0: they were not
+    Points points;                ///< relative to the origin
+    std::vector<double> weights;  ///< intensities
+    LatticeCandidate answer;      ///< the lattice has the pixel size
+    double rivalEvidence = 0.0;   ///< of the second best lattice
+    Parameter parameter;          ///< of the answer's trial
+    bool isReproducible = false;  ///< the trial alone leads to the answer
+    std::optional<Completeness> completeness;  ///< of a peak file, which tells what was recorded
+    UnitCell reciprocal;                       ///< reduced; of pixel size 1 when that is unknown
+    LatticeCharacter symmetry;
+    Verdict verdict;
+
+    double pixelSize() const { return answer.lattice.pixelSize; }
+    bool hasScale() const { return pixelSize() > 0.0; }
+};
+
+/// Merges the peaks, searches with the values that were given fixed, and takes the winner once more from its
+/// own values alone, so that giving them all finds the same lattice again.
+///
+/// Throws Failure (NothingFound) for too few reflections, reflections in one plane, and when no lattice
+/// beats chance or the one that does is not determined in all directions; (Usage) for a pixel size that no
+/// crystal agrees with.
+PeakCell findCell(const PeakList& peaks, const PeakCellOptions& options, Session& session);
+
+/// The evidence for an answer; writes the dump where one is wanted.
+CellEvaluation evaluate(const PeakCell& cell, const PeakCellOptions& options, Session& session);
+
+}  // namespace vrk

@@ -1,0 +1,106 @@
+#include "pipeline/latticesearch/PeakMerging.h"
+
+#include <gtest/gtest.h>
+
+#include <Eigen/Geometry>
+#include <algorithm>
+#include <cmath>
+#include <random>
+
+namespace {
+
+using Eigen::Vector3d;
+using vrk::Points;
+
+constexpr double kReach = 90.0;
+
+/// Nodes of an orthogonal lattice about the origin, some of them missing, each with a small error.
+Points nodesOf(const Vector3d& edges, std::mt19937& random) {
+    std::normal_distribution<double> error(0.0, 0.1);
+    std::uniform_real_distribution<double> unit(0.0, 1.0);
+    const Eigen::Quaterniond turn(0.9, 0.2, -0.3, 0.1);
+    Points nodes;
+    const Eigen::Array3i most = (kReach / edges.array()).cast<int>();
+    for (int h = -most[0]; h <= most[0]; ++h)
+        for (int k = -most[1]; k <= most[1]; ++k)
+            for (int l = -most[2]; l <= most[2]; ++l) {
+                const Vector3d p = turn.normalized() * Vector3d(edges[0] * h, edges[1] * k, edges[2] * l);
+                if (p.norm() > kReach || p.norm() < 8.0 || unit(random) < 0.4) continue;
+                nodes.push_back(p + Vector3d(error(random), error(random), error(random)));
+            }
+    return nodes;
+}
+
+/// Every node as some frames show it: turned about y, each with an error of its own.
+Points onFrames(const Points& nodes, double step, int most, std::mt19937& random) {
+    std::uniform_int_distribution<int> times(1, most);
+    std::normal_distribution<double> error(0.0, 0.08);
+    Points peaks;
+    for (const Vector3d& node : nodes) {
+        const int count = times(random);
+        for (int i = 0; i < count; ++i) {
+            const double angle = (i - 0.5 * (count - 1)) * step * std::acos(-1.0) / 180.0;
+            peaks.push_back(Eigen::AngleAxisd(angle, Vector3d::UnitY()) * node +
+                            Vector3d(error(random), error(random), error(random)));
+        }
+    }
+    return peaks;
+}
+
+TEST(PeakMerging, PutsThePeaksOfAReflectionTogether) {
+    const struct {
+        double step;  // degrees
+        int most;
+    } cases[] = {{0.1, 12}, {0.25, 6}, {0.5, 5}, {1.0, 3}};
+    for (const auto& one : cases) {
+        SCOPED_TRACE(one.step);
+        std::mt19937 random(3);
+        const Points nodes = nodesOf({11.0, 13.0, 16.0}, random);
+        Points points = onFrames(nodes, one.step, one.most, random);
+        const double distance = vrk::mergingDistance(points);
+        ASSERT_GT(distance, 0.0);
+        std::vector<double> weights;
+        vrk::mergePeaks(points, weights, distance);
+        EXPECT_EQ(weights.size(), points.size());
+        EXPECT_NEAR(static_cast<double>(points.size()), static_cast<double>(nodes.size()),
+                    0.03 * static_cast<double>(nodes.size()));
+        int near = 0;
+        for (const Vector3d& node : nodes)
+            near += std::any_of(points.begin(), points.end(),
+                                [&](const Vector3d& p) { return (p - node).norm() < 0.6; });
+        EXPECT_GT(near, 0.95 * static_cast<double>(nodes.size()));
+    }
+}
+
+TEST(PeakMerging, LeavesListsAloneThatAreMerged) {
+    const Vector3d cells[] = {{11, 13, 16}, {20, 18, 3.5}, {25, 4, 4}, {14, 14, 14}};
+    for (const Vector3d& edges : cells) {
+        std::mt19937 random(5);
+        Points points = nodesOf(edges, random);
+        EXPECT_EQ(vrk::mergingDistance(points), 0.0) << edges.transpose();
+        std::uniform_real_distribution<double> place(-kReach, kReach);
+        for (std::size_t i = points.size() / 3; i > 0; --i)
+            points.emplace_back(place(random), place(random), place(random));
+        EXPECT_EQ(vrk::mergingDistance(points), 0.0) << edges.transpose();
+    }
+    // Nothing to go by, and what must not take for ever.
+    Points crowd(20000, Vector3d(1.0, 2.0, 3.0));
+    EXPECT_EQ(vrk::mergingDistance(Points(crowd.begin(), crowd.begin() + 40)), 0.0);
+    EXPECT_EQ(vrk::mergingDistance(crowd), 0.0);
+    for (std::size_t i = 0; i < 9000; ++i)
+        crowd[i] = Vector3d(10.0 * static_cast<double>(i % 30), 10.0 * static_cast<double>(i / 30 % 30),
+                            10.0 * static_cast<double>(i / 900));
+    EXPECT_EQ(vrk::mergingDistance(crowd), 0.0);
+}
+
+TEST(PeakMerging, WeighsWithTheIntensities) {
+    Points points = {{0, 0, 0}, {9, 0, 0}, {1, 0, 0}, {1.9, 0, 0}, {9, 0.5, 0}};
+    std::vector<double> weights = {3.0, 0.0, 1.0, 0.0, 0.0};
+    vrk::mergePeaks(points, weights, 1.0);
+    ASSERT_EQ(points.size(), 2U);
+    EXPECT_EQ(points[0], Vector3d(0.25, 0, 0));
+    EXPECT_EQ(points[1], Vector3d(9, 0.25, 0));
+    EXPECT_EQ(weights, (std::vector<double>{4.0, 0.0}));
+}
+
+}  // namespace
