@@ -15,6 +15,7 @@
 #include "foundation/detail/Log.h"
 #include "foundation/detail/SingleThreadedOpenCV.h"
 #include "processing/SamplingGeometry.h"
+#include "processing/ShadowMask.h"
 #include "processing/detail/BeamCentre.h"
 #include "processing/detail/Frame.h"
 #include "processing/detail/HotSpots.h"
@@ -115,6 +116,22 @@ const char* nameOf(BeamCentre::Source source) {
             break;
     }
     return "not found";
+}
+
+void logShadows(const ShadowMask& shadows) {
+    for (const ShadowMask::Bar& bar : shadows.bars())
+        log(line("Shadow of a bar of ", bar.width, " pixels from ", bar.x0, " ", bar.y0, " to ", bar.x1, " ",
+                 bar.y1, "."));
+    for (const ShadowMask::Disc& disc : shadows.discs())
+        log(line("Shadow of a disc of ", disc.radius, " pixels radius at ", disc.x, " ", disc.y, "."));
+    if (!shadows.rows().empty() || !shadows.columns().empty())
+        log(line("The detector has a cross of ", shadows.rows().size(), " rows and ",
+                 shadows.columns().size(), " columns."));
+    if (!shadows.empty())
+        log(line("Pixels in the shadow of the beam stop or on the cross: ",
+                 std::count(shadows.pixels(),
+                            shadows.pixels() + std::size_t(shadows.width()) * std::size_t(shadows.height()),
+                            255)));
 }
 
 /// What keeps tilts from being reconstructed.
@@ -292,21 +309,30 @@ VoxMRCData* VoxMRCstemProcessing::step2_CenterShift(VoxMRCData* series) {
     const unsigned count = series->GetDepth();
     const int width = static_cast<int>(series->GetWidth());
     const int height = static_cast<int>(series->GetHeight());
-    VRK::detail::BeamCentreFinder finder(width, height);
+    const VRK::detail::SeriesMean mean(*series);
+    const ShadowMask shadows = ShadowMask::of(mean);
+    logShadows(shadows);
+    VRK::detail::BeamCentreFinder finder(width, height, shadows);
+    finder.learnHalo(mean);
     std::vector<BeamCentre> centres(count);
-    setSteps(static_cast<int>(3 * count), "Centre");
+    setSteps(static_cast<int>(4 * count), "Centre");
     const auto findBeam = [&](unsigned i) { centres[i] = finder.findBeam(patternOf(*series, i)); };
     if (!forEachPattern(count, 0, kName, findBeam)) return nullptr;
     VRK::detail::discardContradicted(centres);
-    constexpr double kPrecise = 0.035;
     const auto findPattern = [&](unsigned i) {
         const Frame pattern = patternOf(*series, i);
         if (!centres[i].found())
-            centres[i] = finder.findPattern(pattern, VRK::detail::interpolatedCentre(centres, i));
-        else if (centres[i].error > kPrecise || centres[i].shadowed)
+            centres[i] = finder.findPattern(pattern);
+        else if (centres[i].error > VRK::detail::kPreciseCentre)
             centres[i] = finder.improveWithPattern(pattern, centres[i]);
     };
     if (!forEachPattern(count, count, kName, findPattern)) return nullptr;
+    const auto findNearOthers = [&](unsigned i) {
+        if (!centres[i].found())
+            centres[i] =
+                finder.findPatternNear(patternOf(*series, i), VRK::detail::interpolatedCentre(centres, i));
+    };
+    if (!forEachPattern(count, 2 * count, kName, findNearOthers)) return nullptr;
     const bool known = VRK::detail::completeFromNeighbours(centres);
     if (!known)
         log("The direct beam was found in no pattern: the series is left where it is. Centre it before, or "
@@ -319,7 +345,7 @@ VoxMRCData* VoxMRCstemProcessing::step2_CenterShift(VoxMRCData* series) {
     VRK::detail::FrameShift shift;
     constexpr double kCentred = 0.05;
     const cv::Point2d target = VRK::detail::centreOf(width, height);
-    return eachPattern(*series, kName, series->GetWidth(), series->GetHeight(), 2 * count,
+    return eachPattern(*series, kName, series->GetWidth(), series->GetHeight(), 3 * count,
                        [&](const Frame& in, Frame& out, unsigned i) {
                            const double dx = target.x - centres[i].x;
                            const double dy = target.y - centres[i].y;

@@ -3,11 +3,14 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <limits>
 #include <numbers>
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 #include <optional>
 #include <vector>
+
+#include "processing/ImageOperations.h"
 
 namespace VRK::detail {
 namespace {
@@ -22,13 +25,15 @@ constexpr double kConverged = 0.005;
 /// Near the minimum the weights may keep the last steps from getting smaller.
 constexpr double kNearlyConverged = 0.03;
 constexpr double kLargestError = 0.1;
+constexpr double kLargestBeamError = 0.3;
+/// By which the surroundings of a beam are brighter than what lies further out, in roots of counts; and those
+/// of a beam whose place is not well defined.
+constexpr double kLeastRise = 0.2;
+constexpr double kClearRise = 1.0;
+/// Two measurements of one centre differ by less, in standard uncertainties of the worse one.
+constexpr double kConsistent = 4.0;
 constexpr double kRoughError = 1.0;
 constexpr double kFewestInliers = 0.35;
-
-struct Symmetry {
-    double correlation = -1;
-    cv::Point2d centre;
-};
 
 /// Correlation of the opposite pixels of a disc about (sx / 2, sy / 2); -1 when too few of them exist.
 double inversionCorrelation(const cv::Mat_<float>& image, const cv::Mat_<uchar>& live, cv::Point s,
@@ -55,6 +60,26 @@ double inversionCorrelation(const cv::Mat_<float>& image, const cv::Mat_<uchar>&
     const double mean = sum / n;
     const double variance = squares / n - mean * mean;
     return variance > 1e-9 ? (products / n - mean * mean) / variance : -1;
+}
+
+using Symmetry = BeamCentreFinder::Symmetry;
+
+/// Response of a phase correlation from which its peak is the centre. Of simulated patterns, those without a
+/// halo and on zone axes included, none was wrong above 0.4.
+constexpr double kCertainPhase = 0.5;
+/// A centre has no rival when no other one has so much of its symmetry.
+constexpr double kUnrivalled = 0.9;
+/// Distance of two centres that are one, pixels of the reduced pattern.
+constexpr double kSameCentre = 1.5;
+
+double apart(const Symmetry& a, const Symmetry& b) {
+    return std::hypot(a.centre.x - b.centre.x, a.centre.y - b.centre.y);
+}
+
+/// Of centres in descending order.
+bool isUnique(const std::vector<Symmetry>& centres) {
+    return centres.size() == 1 ||
+           (centres.size() > 1 && centres[1].correlation < kUnrivalled * centres[0].correlation);
 }
 
 /// Climbs from a candidate to the most symmetric point around.
@@ -107,14 +132,22 @@ cv::Mat_<float> displaced(const cv::Mat& image, cv::Point2d by) {
 /// Normal equations of the displacement that makes pairs of opposite pixels equal.
 struct NormalEquations {
     double xx = 0, xy = 0, yy = 0, bx = 0, by = 0;
+    double weights = 0;  ///< their sum
     double scale = 0;    ///< robust standard deviation of the differences
     double inliers = 0;  ///< part of the pairs that have weight
 
     double determinant() const { return xx * yy - xy * xy; }
-    /// Standard uncertainty of a coordinate. The neighbouring pixels of a smoothed image share their noise.
+    /// Standard uncertainty of a coordinate. The neighbouring pixels of a smoothed image share their noise,
+    /// and the gradients of the noise tell nothing.
     double error(double smoothing) const {
         const double shared = std::max(1.0, 4 * std::numbers::pi * smoothing * smoothing);
-        return scale * std::sqrt(shared * (xx + yy) / determinant() / 2);
+        const double noise =
+            0.5 * weights * scale * scale * (1 - std::exp(-1 / std::max(smoothing * smoothing, 0.25)));
+        const double signalX = xx - noise;
+        const double signalY = yy - noise;
+        const double signal = signalX * signalY - xy * xy;
+        if (!(signalX > 0) || !(signal > 0)) return std::numeric_limits<double>::infinity();
+        return scale * std::sqrt(shared * (signalX + signalY) / signal / 2);
     }
     cv::Point2d step() const {
         const double d = determinant();
@@ -124,23 +157,34 @@ struct NormalEquations {
 
 struct Pair {
     float difference, gradientX, gradientY;
+    float deviation;  ///< of the difference's noise, on an arbitrary scale
 };
+
+/// Standard deviation of a root of counting noise, relative to that at high counts: the offset makes roots of
+/// few counts differ less.
+float deviationOfRoot(float root) {
+    constexpr float kLowest = 0.02F;
+    const float shifted = std::max(root, 0.0F) + 4.0F;
+    return std::sqrt(std::max(1.0F - kRootOffset / (shifted * shifted), kLowest));
+}
 
 NormalEquations solve(const std::vector<Pair>& pairs, std::vector<float>& scratch) {
     NormalEquations e;
     scratch.clear();
     for (const Pair& p : pairs)
-        scratch.push_back(std::abs(p.difference));
+        scratch.push_back(std::abs(p.difference) / p.deviation);
     const auto middle = scratch.begin() + static_cast<std::ptrdiff_t>(scratch.size() / 2);
     std::nth_element(scratch.begin(), middle, scratch.end());
     e.scale = std::max(1.4826 * *middle, 1e-3);
     const double limit = 4.685 * e.scale;
     std::size_t inliers = 0;
     for (const Pair& p : pairs) {
-        const double r = p.difference / limit;
+        const double r = p.difference / (limit * p.deviation);
         if (std::abs(r) >= 1) continue;
-        const double weight = (1 - r * r) * (1 - r * r);
+        const double robust = (1 - r * r) * (1 - r * r);
+        const double weight = robust / (p.deviation * p.deviation);
         const double gx = p.gradientX, gy = p.gradientY;
+        e.weights += robust;
         e.xx += weight * gx * gx;
         e.xy += weight * gx * gy;
         e.yy += weight * gy * gy;
@@ -155,7 +199,7 @@ NormalEquations solve(const std::vector<Pair>& pairs, std::vector<float>& scratc
 /// The pairs of opposite pixels of a disc about the whole pixel (cx, cy) of images that were displaced by the
 /// rest.
 void collectPairs(const cv::Mat_<float>& image, const cv::Mat_<float>& gx, const cv::Mat_<float>& gy,
-                  const cv::Mat& dead, cv::Point c, int radius, std::vector<Pair>& pairs) {
+                  const cv::Mat& dead, cv::Point c, int radius, bool roots, std::vector<Pair>& pairs) {
     pairs.clear();
     for (int v = 0; v <= radius; ++v) {
         const int up = c.y - v;
@@ -166,8 +210,10 @@ void collectPairs(const cv::Mat_<float>& image, const cv::Mat_<float>& gx, const
         const int to = std::min({reach, image.cols - 1 - c.x, c.x});
         for (int u = from; u <= to; ++u) {
             if (!dead.empty() && (dead.at<uchar>(down, c.x + u) || dead.at<uchar>(up, c.x - u))) continue;
-            pairs.push_back({image(down, c.x + u) - image(up, c.x - u), gx(down, c.x + u) - gx(up, c.x - u),
-                             gy(down, c.x + u) - gy(up, c.x - u)});
+            const float a = image(down, c.x + u);
+            const float b = image(up, c.x - u);
+            pairs.push_back({a - b, gx(down, c.x + u) - gx(up, c.x - u), gy(down, c.x + u) - gy(up, c.x - u),
+                             roots ? deviationOfRoot(0.5F * (a + b)) : 1.0F});
         }
     }
 }
@@ -180,57 +226,142 @@ float medianOf(std::vector<float>& values) {
 
 }  // namespace
 
-BeamCentreFinder::BeamCentreFinder(int width, int height)
-    : m_width(width), m_height(height), m_step(std::max(1, std::min(width, height) / kCoarseSize)) {}
+BeamCentreFinder::BeamCentreFinder(int width, int height, const ShadowMask& shadows)
+    : m_width(width), m_height(height), m_step(std::max(1, std::min(width, height) / kCoarseSize)) {
+    if (shadows.empty()) return;
+    m_shadow = cv::Mat(height, width, CV_8U, const_cast<unsigned char*>(shadows.pixels())).clone();
+    cv::distanceTransform(m_shadow, m_intoShadow, cv::DIST_L2, cv::DIST_MASK_PRECISE);
+}
 
 BeamCentre BeamCentreFinder::findBeam(const Frame& frame) {
-    prepare(frame);
+    prepare(frame, m_shadow);
+    const BeamCentre centre = searchBeam();
+    if (m_shadow.empty() || (centre.found() && centre.error < kPreciseCentre)) return centre;
+    prepare(frame, cv::Mat());
+    return throughStop(centre);
+}
+
+void BeamCentreFinder::learnHalo(const SeriesMean& mean) {
+    m_halo.release();
+    prepare(cv::Mat(m_height, m_width, CV_32F, const_cast<float*>(mean.values.data())), m_shadow);
+    const BeamCentre centre = searchBeam();
+    if (!centre.found()) return;
+    const cv::Point2d place = toCoarse({centre.x, centre.y});
+    const cv::Point nearest(cvRound(place.x), cvRound(place.y));
+    const int reach = std::min({std::min(m_coarse.cols, m_coarse.rows) / 4, nearest.x, nearest.y,
+                                m_coarse.cols - 1 - nearest.x, m_coarse.rows - 1 - nearest.y});
+    constexpr int kLeastReach = 6;
+    if (reach < kLeastReach) return;
+    const cv::Rect box(nearest.x - reach, nearest.y - reach, 2 * reach + 1, 2 * reach + 1);
+    m_halo = coarseWithoutGaps()(box).clone();
+    m_inHalo = place - cv::Point2d(nearest);
+}
+
+std::optional<cv::Point2d> BeamCentreFinder::haloPlace() const {
+    if (m_halo.empty()) return std::nullopt;
+    constexpr double kAlike = 0.3;  // also between bright reflections
+    const cv::Mat_<float> image = coarseWithoutGaps();
+    const ImageOperations::Match match =
+        ImageOperations::matchTemplate(ImageView<float>{image[0], image.cols, image.rows},
+                                       ImageView<float>{m_halo[0], m_halo.cols, m_halo.rows});
+    if (match.score < kAlike) return std::nullopt;
+    return fromCoarse(cv::Point2d(match.x, match.y) + m_inHalo);
+}
+
+BeamCentre BeamCentreFinder::searchBeam() {
     prepareCoarse();
-    double symmetry = -1;
-    const cv::Point2d coarse = coarseCentre(symmetry);
-    if (symmetry <= 0) return {};
-    const double shorter = std::min(m_width, m_height);
-    BeamCentre centre = refine(m_roots, coarse, {std::max(shorter / 8, 8.0), 3.0, 0.1, kRoughError});
-    const double radius = std::max(shorter / 12, 6.0);
-    if (centre.found())
-        centre = refine(m_roots, {centre.x, centre.y}, {radius, 1.0, kConverged, kLargestError});
-    if (centre.found() && !isBright(centre, radius)) return {};
-    const cv::Rect disc(cvRound(centre.x - radius), cvRound(centre.y - radius), cvRound(2 * radius),
-                        cvRound(2 * radius));
-    centre.shadowed = m_hasDead && cv::countNonZero(m_dead(disc & cv::Rect(0, 0, m_width, m_height))) > 0;
-    centre.symmetry = symmetry;
+    if (const std::optional<cv::Point2d> place = haloPlace()) {
+        BeamCentre centre = refineCoarse(*place);
+        centre.symmetry = symmetryAt(*place);
+        if (centre.found()) return centre;
+    }
+    const Symmetry coarse = coarseCentre();
+    if (coarse.correlation <= 0) return {};
+    BeamCentre centre = refineCoarse(fromCoarse(coarse.centre));
+    centre.symmetry = coarse.correlation;
     return centre;
 }
 
-BeamCentre BeamCentreFinder::findPattern(const Frame& frame, std::optional<cv::Point2d> expected) {
-    prepare(frame);
+BeamCentre BeamCentreFinder::refineCoarse(cv::Point2d coarse) const {
+    const double shorter = std::min(m_width, m_height);
+    const double wide = radiusAround(coarse, std::max(shorter / 8, 8.0));
+    BeamCentre centre = refine(m_roots, coarse, {wide, 3.0, 0.1, kRoughError, true});
+    if (!centre.found()) return {};
+    const double radius = radiusAround({centre.x, centre.y}, std::max(shorter / 12, 6.0));
+    centre = refineBeam(centre, radius);
+    // Over a small disc a reflection would pass for the beam.
+    const double least = m_halo.empty() && centre.error > kLargestError ? kClearRise : kLeastRise;
+    return centre.found() && riseAt(centre, radius) > least ? centre : BeamCentre();
+}
+
+BeamCentre BeamCentreFinder::refineBeam(const BeamCentre& start, double radius) const {
+    // A halo that is not the same on all sides leads large discs astray.
+    constexpr double kSmall = 0.25;
+    constexpr double kGrowth = 2.0;
+    const double smallest = kSmall * radius;
+    const double largest = 0.4 * std::min(m_width, m_height);
+    BeamCentre best;
+    for (const double smoothing : {1.0, 2.5})
+        for (double r = smoothing * smallest; r <= largest; r *= kGrowth) {
+            const BeamCentre& from = best.found() ? best : start;
+            const BeamCentre centre =
+                refine(m_roots, {from.x, from.y}, {r, smoothing, kConverged, kLargestBeamError, true});
+            if (!centre.found() || (best.found() && centre.error > best.error)) continue;
+            best = centre;
+            if (best.error < kPreciseCentre) return best;
+        }
+    return best;
+}
+
+BeamCentre BeamCentreFinder::throughStop(const BeamCentre& beside) const {
+    constexpr double kMargin = 4.0;  // penumbra, and that of the mask
+    constexpr double kSmallest = 3.5;
+    cv::Point start(cvRound(beside.x), cvRound(beside.y));
+    if (!beside.found()) {
+        cv::Mat blurred;
+        cv::GaussianBlur(m_roots, blurred, cv::Size(), 1.5);
+        cv::minMaxLoc(blurred, nullptr, nullptr, nullptr, &start, m_intoShadow > kMargin + kSmallest);
+    }
+    if (!cv::Rect(0, 0, m_width, m_height).contains(start)) return beside;
+    const double radius = std::min(m_intoShadow(start) - kMargin, std::min(m_width, m_height) / 12.0);
+    if (radius < kSmallest) return beside;
+    BeamCentre centre = refine(m_roots, start, {radius, 1.0, kConverged, kLargestError, true});
+    if (!centre.found() || riseAt(centre, radius) < kLeastRise) return beside;
+    const double apart = std::hypot(centre.x - beside.x, centre.y - beside.y);
+    if (beside.found() && (centre.error > beside.error || apart > kConsistent * beside.error + 0.1))
+        return beside;
+    centre.symmetry = beside.symmetry;
+    return centre;
+}
+
+BeamCentre BeamCentreFinder::findPattern(const Frame& frame) {
+    prepare(frame, m_shadow);
     const cv::Mat_<float> pattern = withoutBackground();
     const Reduced reduced = reduce(pattern);
-    std::vector<cv::Point> starts = friedelCentres(reduced);
-    if (expected)
-        starts.emplace_back(cvRound(reduced.fromFrame(*expected).x), cvRound(reduced.fromFrame(*expected).y));
-    const int radius = std::min(reduced.pattern.cols, reduced.pattern.rows) * 2 / 5;
-    std::vector<Symmetry> centres;
-    for (const cv::Point& start : starts) {
-        const Symmetry here = bestSymmetry(reduced.pattern, reduced.live, start, radius);
-        const bool known = std::any_of(centres.begin(), centres.end(), [&](const Symmetry& other) {
-            return std::hypot(other.centre.x - here.centre.x, other.centre.y - here.centre.y) < 1.5;
-        });
-        if (here.correlation > 0 && !known) centres.push_back(here);
+    const Symmetry phase = phaseCentre(reduced);
+    if (phase.correlation < kCertainPhase) {
+        // Two methods that agree are as good.
+        const std::vector<Symmetry> centres = symmetryCentres(reduced, std::nullopt);
+        if (!isUnique(centres) || apart(centres[0], phase) > kSameCentre) return {};
     }
-    if (centres.empty()) return {};
-    std::sort(centres.begin(), centres.end(),
-              [](const Symmetry& a, const Symmetry& b) { return a.correlation > b.correlation; });
+    BeamCentre centre = refinePattern(pattern, reduced.toFrame(phase.centre));
+    const cv::Point twice(cvRound(2 * phase.centre.x), cvRound(2 * phase.centre.y));
+    centre.symmetry = inversionCorrelation(reduced.pattern, reduced.live, twice, reduced.radius());
+    return centre;
+}
 
-    constexpr double kUnrivalled = 0.9;  // of the symmetry
-    const bool unique = centres.size() == 1 || centres[1].correlation < kUnrivalled * centres[0].correlation;
-    if (!unique && !expected) return {};
+BeamCentre BeamCentreFinder::findPatternNear(const Frame& frame, std::optional<cv::Point2d> expected) {
+    prepare(frame, m_shadow);
+    const cv::Mat_<float> pattern = withoutBackground();
+    const Reduced reduced = reduce(pattern);
+    const std::vector<Symmetry> centres = symmetryCentres(reduced, expected);
+    if (!expected && !isUnique(centres)) return {};
     // Of equals the one where the beam is thought to be.
     constexpr double kLargestDistance = 4.0;  // pixels
     for (const Symmetry& candidate : centres) {
         const cv::Point2d start = reduced.toFrame(candidate.centre);
         if (candidate.correlation < kUnrivalled * centres[0].correlation) break;
-        if (!unique && std::hypot(start.x - expected->x, start.y - expected->y) > kLargestDistance) continue;
+        if (expected && std::hypot(start.x - expected->x, start.y - expected->y) > kLargestDistance) continue;
         BeamCentre centre = refinePattern(pattern, start);
         centre.symmetry = candidate.correlation;
         return centre;
@@ -238,12 +369,30 @@ BeamCentre BeamCentreFinder::findPattern(const Frame& frame, std::optional<cv::P
     return {};
 }
 
+std::vector<BeamCentreFinder::Symmetry> BeamCentreFinder::symmetryCentres(
+    const Reduced& reduced, std::optional<cv::Point2d> expected) const {
+    std::vector<cv::Point> starts = friedelCentres(reduced);
+    if (expected)
+        starts.emplace_back(cvRound(reduced.fromFrame(*expected).x), cvRound(reduced.fromFrame(*expected).y));
+    std::vector<Symmetry> centres;
+    for (const cv::Point& start : starts) {
+        const Symmetry here = bestSymmetry(reduced.pattern, reduced.live, start, reduced.radius());
+        const bool known = std::any_of(centres.begin(), centres.end(), [&](const Symmetry& other) {
+            return apart(here, other) < kSameCentre;
+        });
+        if (here.correlation > 0 && !known) centres.push_back(here);
+    }
+    std::sort(centres.begin(), centres.end(),
+              [](const Symmetry& a, const Symmetry& b) { return a.correlation > b.correlation; });
+    return centres;
+}
+
 BeamCentre BeamCentreFinder::improveWithPattern(const Frame& frame, const BeamCentre& beam) {
-    prepare(frame);
+    prepare(frame, m_shadow);
     BeamCentre centre = refinePattern(withoutBackground(), {beam.x, beam.y});
-    constexpr double kLargestDistance = 2.0;  // pixels
+    const double largestDistance = kConsistent * beam.error + 0.1;  // pixels
     const bool better = centre.found() && centre.error < beam.error &&
-                        std::hypot(centre.x - beam.x, centre.y - beam.y) < kLargestDistance;
+                        std::hypot(centre.x - beam.x, centre.y - beam.y) < largestDistance;
     if (!better) return beam;
     centre.symmetry = beam.symmetry;
     return centre;
@@ -258,21 +407,29 @@ BeamCentre BeamCentreFinder::refinePattern(const cv::Mat& pattern, cv::Point2d s
     return centre;
 }
 
-void BeamCentreFinder::prepare(const Frame& frame) {
+void BeamCentreFinder::prepare(const cv::Mat& frame, const cv::Mat& shadow) {
     frame.convertTo(m_roots, CV_32F);
     cv::max(m_roots, 0.0F, m_roots);
     m_roots += kRootOffset;
     cv::sqrt(m_roots, m_roots);
     m_roots -= std::sqrt(kRootOffset);
 
-    // Patches without a count: even a weak background would have left some.
+    // Patches without a count: even a weak background would have left some. Where most of a pattern is like
+    // that, it has no background.
     constexpr int kPatch = 5;
+    constexpr double kNoBackground = 0.6;
     const cv::Mat patch = cv::Mat::ones(kPatch, kPatch, CV_8U);
     cv::dilate(frame, m_highest, patch, cv::Point(-1, -1), 1, cv::BORDER_REPLICATE);
     cv::compare(m_highest, 0, m_dead, cv::CMP_LE);
-    m_hasDead = cv::countNonZero(m_dead) > 0;
+    const int dead = cv::countNonZero(m_dead);
+    m_hasDead = dead > 0 && dead < kNoBackground * static_cast<double>(m_dead.total());
+    if (m_hasDead)
+        cv::dilate(m_dead, m_dead, patch);
+    else
+        m_dead.setTo(0);
+    if (!shadow.empty()) cv::bitwise_or(m_dead, shadow, m_dead);
+    m_hasDead = m_hasDead || !shadow.empty();
     if (!m_hasDead) return;
-    cv::dilate(m_dead, m_dead, patch);
     m_live.create(m_dead.size(), CV_32F);
     m_live.setTo(1.0F);
     m_live.setTo(0.0F, m_dead);
@@ -287,7 +444,7 @@ void BeamCentreFinder::prepareCoarse() {
     if (m_hasDead) {
         cv::Mat_<float> live;
         cv::resize(m_live, live, size, 0, 0, cv::INTER_AREA);
-        m_coarseLive = live > 0.4F;
+        m_coarseLive = live > 0.4F;  // 255
         cv::divide(m_coarse, live + 1e-6F, m_coarse);
         m_coarse.setTo(0.0F, live <= 0.4F);
     }
@@ -297,34 +454,94 @@ void BeamCentreFinder::prepareCoarse() {
     cv::min(m_coarse, clipped * 1.5 + 1.0, m_coarse);
 }
 
-cv::Point2d BeamCentreFinder::coarseCentre(double& symmetry) const {
-    cv::Mat_<float> blurred;
-    cv::GaussianBlur(m_coarse, blurred, cv::Size(), 1.5);
-    const int radius = std::min(m_coarse.cols, m_coarse.rows) / 4;
-    Symmetry best;
-    for (const cv::Point& place : brightest(blurred, kCandidates, 5)) {
-        const Symmetry here = bestSymmetry(m_coarse, m_coarseLive, place, radius);
-        if (here.correlation > best.correlation) best = here;
-    }
-    symmetry = best.correlation;
-    // From the middle of a coarse pixel to the frame.
-    return {(best.centre.x + 0.5) * m_width / m_coarse.cols - 0.5,
-            (best.centre.y + 0.5) * m_height / m_coarse.rows - 0.5};
+cv::Mat_<float> BeamCentreFinder::coarseWithoutGaps() const {
+    constexpr double kReach = 2.0;  // coarse pixels
+    if (!m_hasDead) return m_coarse;
+    cv::Mat_<float> live, weights, filled;
+    m_coarseLive.convertTo(live, CV_32F);
+    cv::GaussianBlur(live, weights, cv::Size(), kReach);
+    cv::GaussianBlur(m_coarse, filled, cv::Size(), kReach);
+    cv::divide(filled, weights + 1e-3F, filled);
+    m_coarse.copyTo(filled, m_coarseLive);
+    return filled;
 }
 
-bool BeamCentreFinder::isBright(const BeamCentre& centre, double radius) const {
-    std::vector<float> inside, outside;
+BeamCentreFinder::Symmetry BeamCentreFinder::coarseCentre() const {
+    cv::Mat_<float> blurred;
+    cv::GaussianBlur(m_coarse, blurred, cv::Size(), 1.5);
+    Symmetry best;
+    for (const cv::Point& place : brightest(blurred, kCandidates, 5)) {
+        const Symmetry here = bestSymmetry(m_coarse, m_coarseLive, place, coarseRadius());
+        if (here.correlation > best.correlation) best = here;
+    }
+    return best;
+}
+
+double BeamCentreFinder::symmetryAt(cv::Point2d place) const {
+    const cv::Point2d coarse = toCoarse(place);
+    const cv::Point twice(cvRound(2 * coarse.x), cvRound(2 * coarse.y));
+    return inversionCorrelation(m_coarse, m_coarseLive, twice, coarseRadius());
+}
+
+// From middles of pixels to middles of coarse pixels, and back.
+
+cv::Point2d BeamCentreFinder::toCoarse(cv::Point2d p) const {
+    return {(p.x + 0.5) * m_coarse.cols / m_width - 0.5, (p.y + 0.5) * m_coarse.rows / m_height - 0.5};
+}
+
+cv::Point2d BeamCentreFinder::fromCoarse(cv::Point2d p) const {
+    return {(p.x + 0.5) * m_width / m_coarse.cols - 0.5, (p.y + 0.5) * m_height / m_coarse.rows - 0.5};
+}
+
+int BeamCentreFinder::coarseRadius() const {
+    return std::min(m_coarse.cols, m_coarse.rows) / 4;
+}
+
+double BeamCentreFinder::radiusAround(cv::Point2d centre, double least) const {
+    if (!m_hasDead) return least;
+    constexpr double kEnough = 0.5;  // of the pairs of the smallest disc
+    const double needed = kEnough * 0.5 * std::numbers::pi * least * least;
+    const double largest = std::max(least, 0.35 * std::min(m_width, m_height));
+    const cv::Point c(cvRound(centre.x), cvRound(centre.y));
+    const cv::Rect frame(0, 0, m_width, m_height);
+    const auto live = [&](int x, int y) { return frame.contains({x, y}) && !m_dead.at<uchar>(y, x); };
+    double pairs = 0;
+    double inner = 0;
+    for (double radius = least; radius < largest; inner = radius, radius *= 1.15) {
+        const int reach = static_cast<int>(radius);
+        for (int v = 0; v <= reach; ++v)
+            for (int u = v == 0 ? 1 : -reach; u <= reach; ++u) {
+                const double r = std::hypot(u, v);
+                if (r > inner && r <= radius && live(c.x + u, c.y + v) && live(c.x - u, c.y - v)) ++pairs;
+            }
+        if (pairs >= needed) return radius;
+    }
+    return largest;
+}
+
+double BeamCentreFinder::riseAt(const BeamCentre& centre, double radius) const {
+    struct Pixel {
+        double r;
+        float root;
+    };
+    std::vector<Pixel> pixels;
     const int reach = static_cast<int>(radius);
     const cv::Point c(cvRound(centre.x), cvRound(centre.y));
     for (int y = std::max(c.y - reach, 0); y <= std::min(c.y + reach, m_height - 1); ++y)
         for (int x = std::max(c.x - reach, 0); x <= std::min(c.x + reach, m_width - 1); ++x) {
-            if (m_hasDead && m_dead.at<uchar>(y, x)) continue;
             const double r = std::hypot(x - centre.x, y - centre.y);
-            if (r < radius / 3) inside.push_back(m_roots(y, x));
-            if (r > radius / 2 && r < radius) outside.push_back(m_roots(y, x));
+            if (r < radius && !(m_hasDead && m_dead.at<uchar>(y, x))) pixels.push_back({r, m_roots(y, x)});
         }
-    constexpr float kLeastRise = 0.2F;
-    return inside.size() > 5 && outside.size() > 5 && medianOf(inside) > medianOf(outside) + kLeastRise;
+    // The ninth that lies nearest to the beam, and the farther half.
+    constexpr std::size_t kFewest = 54;
+    if (pixels.size() < kFewest) return 0;
+    std::sort(pixels.begin(), pixels.end(), [](const Pixel& a, const Pixel& b) { return a.r < b.r; });
+    std::vector<float> inside, outside;
+    for (std::size_t i = 0; i < pixels.size() / 9; ++i)
+        inside.push_back(pixels[i].root);
+    for (std::size_t i = pixels.size() / 2; i < pixels.size(); ++i)
+        outside.push_back(pixels[i].root);
+    return double{medianOf(inside)} - double{medianOf(outside)};
 }
 
 cv::Mat_<float> BeamCentreFinder::smoothed(const cv::Mat& image, const cv::Mat& live, double sigma) const {
@@ -365,6 +582,17 @@ BeamCentreFinder::Reduced BeamCentreFinder::reduce(const cv::Mat_<float>& patter
         reduced.live.setTo(0, dead);
     }
     return reduced;
+}
+
+BeamCentreFinder::Symmetry BeamCentreFinder::phaseCentre(const Reduced& reduced) const {
+    constexpr double kSmoothing = 0.8;
+    cv::Mat_<float> pattern, inverted;
+    cv::GaussianBlur(reduced.pattern, pattern, cv::Size(), kSmoothing);
+    cv::flip(pattern, inverted, -1);
+    const ImageOperations::Shift shift =
+        ImageOperations::phaseCorrelation(ImageView<float>{inverted[0], inverted.cols, inverted.rows},
+                                          ImageView<float>{pattern[0], pattern.cols, pattern.rows});
+    return {shift.response, {0.5 * (pattern.cols - 1 + shift.x), 0.5 * (pattern.rows - 1 + shift.y)}};
 }
 
 std::vector<cv::Point> BeamCentreFinder::friedelCentres(const Reduced& reduced) const {
@@ -434,7 +662,7 @@ BeamCentre BeamCentreFinder::refine(const cv::Mat& image, cv::Point2d start, con
         const cv::Point2d rest = c - cv::Point2d(whole);
         collectPairs(displaced(around.image, rest), displaced(around.gradientX, rest),
                      displaced(around.gradientY, rest), around.dead, whole, static_cast<int>(disc.radius),
-                     pairs);
+                     disc.roots, pairs);
         constexpr std::size_t kFewestPairs = 30;
         if (pairs.size() < kFewestPairs) return {};
         const NormalEquations equations = solve(pairs, scratch);

@@ -1,0 +1,92 @@
+#include "processing/detail/SeriesMean.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <numeric>
+#include <span>
+
+#include "VoxCore/DataModel/VoxMRCData.h"
+
+namespace VRK::detail {
+namespace {
+
+constexpr std::size_t kMostPatterns = 32;
+constexpr std::size_t kGroup = 4;
+
+/// Evenly spread over those that are not blank; a whole number of groups where there are enough.
+std::vector<const short*> patternsOf(const VoxMRCData& series) {
+    const std::size_t area = series.GetChunkSize();
+    std::vector<std::int64_t> sums;
+    for (unsigned z = 0; z < series.GetDepth(); ++z) {
+        const short* pixels = series.GetChunkPointer(z);
+        sums.push_back(std::accumulate(pixels, pixels + area, std::int64_t{0}));
+    }
+    std::vector<std::int64_t> sorted = sums;
+    const auto middle = sorted.begin() + static_cast<std::ptrdiff_t>(sorted.size() / 2);
+    std::nth_element(sorted.begin(), middle, sorted.end());
+    std::vector<const short*> shown;
+    for (unsigned z = 0; z < series.GetDepth(); ++z)
+        if (sums[z] > *middle / 10) shown.push_back(series.GetChunkPointer(z));
+    std::size_t count = std::min(shown.size(), kMostPatterns);
+    if (count > kGroup) count -= count % kGroup;
+    std::vector<const short*> chosen;
+    for (std::size_t i = 0; i < count; ++i)
+        chosen.push_back(shown[(2 * i + 1) * shown.size() / (2 * count)]);
+    return chosen;
+}
+
+/// Adds the values of some patterns but for the highest of each pixel.
+void addWithoutHighest(std::span<const short* const> patterns, std::vector<int>& sums) {
+    const bool all = patterns.size() < kGroup;
+    for (std::size_t i = 0; i < sums.size(); ++i) {
+        int sum = 0;
+        int highest = 0;
+        for (const short* pattern : patterns) {
+            const int value = std::max<int>(pattern[i], 0);
+            sum += value;
+            highest = std::max(highest, value);
+        }
+        sums[i] += all ? sum : sum - highest;
+    }
+}
+
+double countsOf(const std::vector<float>& values, int width) {
+    std::vector<float> deviations;
+    for (std::size_t i = 0; i + 1 < values.size(); ++i) {
+        if ((i + 1) % static_cast<std::size_t>(width) == 0) continue;
+        const float sum = values[i] + values[i + 1];
+        if (sum > 0) deviations.push_back(std::abs(values[i] - values[i + 1]) / std::sqrt(sum));
+    }
+    if (deviations.empty()) return 0;
+    const auto middle = deviations.begin() + static_cast<std::ptrdiff_t>(deviations.size() / 2);
+    std::nth_element(deviations.begin(), middle, deviations.end());
+    const double sigma = std::max(1.4826 * *middle, 1e-3);
+    return 1 / (sigma * sigma);
+}
+
+}  // namespace
+
+SeriesMean::SeriesMean(const VoxMRCData& series)
+    : width(static_cast<int>(series.GetWidth())),
+      height(static_cast<int>(series.GetHeight())),
+      values(series.GetChunkSize()) {
+    const std::vector<const short*> patterns = patternsOf(series);
+    if (patterns.empty()) return;
+    // Neighbouring patterns share reflections: the patterns of a group lie far apart.
+    const std::size_t groups = std::max<std::size_t>(patterns.size() / kGroup, 1);
+    std::vector<int> sums(values.size());
+    std::size_t added = 0;
+    for (std::size_t group = 0; group < groups; ++group) {
+        std::vector<const short*> members;
+        for (std::size_t i = group; i < patterns.size(); i += groups)
+            members.push_back(patterns[i]);
+        addWithoutHighest(members, sums);
+        added += members.size() < kGroup ? members.size() : members.size() - 1;
+    }
+    std::transform(sums.begin(), sums.end(), values.begin(),
+                   [added](int sum) { return static_cast<float>(sum) / static_cast<float>(added); });
+    counts = countsOf(values, width);
+}
+
+}  // namespace VRK::detail
