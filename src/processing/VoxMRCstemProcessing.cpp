@@ -104,18 +104,32 @@ void turnAxis(mrcH& header, double angleDegrees) {
             axis = static_cast<float>(std::remainder(static_cast<double>(axis) - angleDegrees, 360.0));
 }
 
-const char* nameOf(BeamCentre::Source source) {
+const char* nameOf(PatternCentre::Source source) {
     switch (source) {
-        case BeamCentre::Source::Beam:
+        case PatternCentre::Source::Beam:
             return "direct beam and halo";
-        case BeamCentre::Source::Pattern:
+        case PatternCentre::Source::Pattern:
             return "symmetry of the pattern";
-        case BeamCentre::Source::Neighbours:
+        case PatternCentre::Source::Neighbours:
             return "taken from the neighbouring patterns";
-        case BeamCentre::Source::None:
+        case PatternCentre::Source::Given:
+            return "given";
+        case PatternCentre::Source::None:
             break;
     }
     return "not found";
+}
+
+/// How often the search for the centres looks at every pattern.
+constexpr unsigned kSearches = 3;
+
+void logCentres(const std::vector<PatternCentre>& centres) {
+    for (std::size_t i = 0; i < centres.size(); ++i) {
+        const PatternCentre& c = centres[i];
+        if (c.source == PatternCentre::Source::None) continue;
+        log(line("Centre of pattern ", i, ": ", c.x, " ", c.y, " (", nameOf(c.source), ", +- ", c.error,
+                 c.jumped ? ", after a jump)" : ")"));
+    }
 }
 
 void logShadows(const ShadowMask& shadows) {
@@ -132,6 +146,19 @@ void logShadows(const ShadowMask& shadows) {
                  std::count(shadows.pixels(),
                             shadows.pixels() + std::size_t(shadows.width()) * std::size_t(shadows.height()),
                             255)));
+}
+
+/// What keeps patterns from being moved to the middle.
+std::optional<std::string> problemOf(const std::vector<PatternCentre>& centres, const VoxMRCData& series) {
+    const double width = series.GetWidth();
+    const double height = series.GetHeight();
+    for (std::size_t i = 0; i < centres.size(); ++i) {
+        const PatternCentre& c = centres[i];
+        if (c.source == PatternCentre::Source::None) continue;
+        const bool near = c.x > -width && c.x < 2 * width && c.y > -height && c.y < 2 * height;
+        if (!near) return line("the centre ", c.x, " ", c.y, " of pattern ", i, " lies far outside of it");
+    }
+    return std::nullopt;
 }
 
 /// What keeps tilts from being reconstructed.
@@ -305,50 +332,84 @@ VoxMRCData* VoxMRCstemProcessing::smooth(VoxMRCData* series, double sigma) {
 VoxMRCData* VoxMRCstemProcessing::step2_CenterShift(VoxMRCData* series) {
     static constexpr const char* kName = "step2_CenterShift";
     if (const auto problem = problemOfImages(series)) return refuse(kName, *problem);
-    const VRK::detail::SingleThreadedOpenCV singleThreaded;
     const unsigned count = series->GetDepth();
-    const int width = static_cast<int>(series->GetWidth());
-    const int height = static_cast<int>(series->GetHeight());
-    const VRK::detail::SeriesMean mean(*series);
+    setSteps(static_cast<int>((kSearches + 1) * count), "Centre");
+    std::vector<PatternCentre> centres;
+    if (!searchCentres(*series, kName, centres)) return nullptr;
+    return move(*series, centres, kName, kSearches * count);
+}
+
+bool VoxMRCstemProcessing::findCentres(const VoxMRCData* series, std::vector<PatternCentre>& centres) {
+    static constexpr const char* kName = "findCentres";
+    if (const auto problem = problemOfImages(series)) {
+        refuse(kName, *problem);
+        return false;
+    }
+    setSteps(static_cast<int>(kSearches * series->GetDepth()), "Centre");
+    return searchCentres(*series, kName, centres);
+}
+
+VoxMRCData* VoxMRCstemProcessing::moveToCentre(const VoxMRCData* series,
+                                               const std::vector<PatternCentre>& centres) {
+    static constexpr const char* kName = "moveToCentre";
+    if (const auto problem = problemOfImages(series)) return refuse(kName, *problem);
+    if (centres.size() != series->GetDepth())
+        return refuse(kName, line(centres.size(), " centres for ", series->GetDepth(), " patterns"));
+    if (const auto problem = problemOf(centres, *series)) return refuse(kName, *problem);
+    setSteps(static_cast<int>(series->GetDepth()), "Centre");
+    return move(*series, centres, kName, 0);
+}
+
+bool VoxMRCstemProcessing::searchCentres(const VoxMRCData& series, const char* name,
+                                         std::vector<PatternCentre>& result) {
+    const VRK::detail::SingleThreadedOpenCV singleThreaded;
+    const unsigned count = series.GetDepth();
+    const int width = static_cast<int>(series.GetWidth());
+    const int height = static_cast<int>(series.GetHeight());
+    const VRK::detail::SeriesMean mean(series);
     const ShadowMask shadows = ShadowMask::of(mean);
     logShadows(shadows);
     VRK::detail::BeamCentreFinder finder(width, height, shadows);
     finder.learnHalo(mean);
     std::vector<BeamCentre> centres(count);
-    setSteps(static_cast<int>(4 * count), "Centre");
-    const auto findBeam = [&](unsigned i) { centres[i] = finder.findBeam(patternOf(*series, i)); };
-    if (!forEachPattern(count, 0, kName, findBeam)) return nullptr;
+    const auto findBeam = [&](unsigned i) { centres[i] = finder.findBeam(patternOf(series, i)); };
+    if (!forEachPattern(count, 0, name, findBeam)) return false;
     VRK::detail::discardContradicted(centres);
     const auto findPattern = [&](unsigned i) {
-        const Frame pattern = patternOf(*series, i);
+        const Frame pattern = patternOf(series, i);
         if (!centres[i].found())
             centres[i] = finder.findPattern(pattern);
         else if (centres[i].error > VRK::detail::kPreciseCentre)
             centres[i] = finder.improveWithPattern(pattern, centres[i]);
     };
-    if (!forEachPattern(count, count, kName, findPattern)) return nullptr;
+    if (!forEachPattern(count, count, name, findPattern)) return false;
     const auto findNearOthers = [&](unsigned i) {
         if (!centres[i].found())
             centres[i] =
-                finder.findPatternNear(patternOf(*series, i), VRK::detail::interpolatedCentre(centres, i));
+                finder.findPatternNear(patternOf(series, i), VRK::detail::interpolatedCentre(centres, i));
     };
-    if (!forEachPattern(count, 2 * count, kName, findNearOthers)) return nullptr;
-    const bool known = VRK::detail::completeFromNeighbours(centres);
-    if (!known)
+    if (!forEachPattern(count, 2 * count, name, findNearOthers)) return false;
+    if (!VRK::detail::completeFromNeighbours(centres))
         log("The direct beam was found in no pattern: the series is left where it is. Centre it before, or "
             "check that the patterns show the beam or Friedel pairs.",
             VRK::Warning);
-    for (unsigned i = 0; i < count && known; ++i)
-        log(line("Centre of pattern ", i, ": ", centres[i].x, " ", centres[i].y, " (",
-                 nameOf(centres[i].source), ", +- ", centres[i].error, ")"));
+    result.assign(centres.begin(), centres.end());
+    return true;
+}
 
+VoxMRCData* VoxMRCstemProcessing::move(const VoxMRCData& series, const std::vector<PatternCentre>& centres,
+                                       const char* name, unsigned stepsBefore) {
+    const VRK::detail::SingleThreadedOpenCV singleThreaded;
+    logCentres(centres);
     VRK::detail::FrameShift shift;
     constexpr double kCentred = 0.05;
-    const cv::Point2d target = VRK::detail::centreOf(width, height);
-    return eachPattern(*series, kName, series->GetWidth(), series->GetHeight(), 3 * count,
+    const cv::Point2d target =
+        VRK::detail::centreOf(static_cast<int>(series.GetWidth()), static_cast<int>(series.GetHeight()));
+    return eachPattern(series, name, series.GetWidth(), series.GetHeight(), stepsBefore,
                        [&](const Frame& in, Frame& out, unsigned i) {
                            const double dx = target.x - centres[i].x;
                            const double dy = target.y - centres[i].y;
+                           const bool known = centres[i].source != PatternCentre::Source::None;
                            if (!known || (std::abs(dx) < kCentred && std::abs(dy) < kCentred))
                                in.copyTo(out);
                            else

@@ -2,9 +2,12 @@
 /// From the raw tilt series to the reciprocal volume: preprocessing of the patterns and reconstruction.
 #pragma once
 
+#include <vector>
+
 #include "VRKCoreExport.h"
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "foundation/VoxProgressObserver.h"
+#include "processing/PatternCentre.h"
 
 class SamplingGeometry;
 
@@ -88,6 +91,22 @@ public:
     /// from beyond the frame are 0.
     VoxMRCData* step2_CenterShift(VoxMRCData* series);
 
+    /// \name Its two halves
+    /// @{
+
+    /// Finds the centre of every pattern.
+    /// \param centres  one for each pattern; of source None, all of them, when no pattern shows anything,
+    /// after
+    ///                 a warning. Untouched on failure.
+    /// \returns false when the series is refused or the observer canceled
+    bool findCentres(const VoxMRCData* series, std::vector<PatternCentre>& centres);
+
+    /// Moves the patterns so that these centres come to lie in the middle; patterns with a centre of source
+    /// None stay.
+    /// \param centres  as many as there are patterns
+    VoxMRCData* moveToCentre(const VoxMRCData* series, const std::vector<PatternCentre>& centres);
+    /// @}
+
     /// Turns every pattern about its centre so that the tilt axis lies along y.
     ///
     /// \param quiet         no remark on the rotation in the log
@@ -157,6 +176,9 @@ private:
     template <typename Operation>
     VoxMRCData* eachPattern(const VoxMRCData& series, const char* name, unsigned width, unsigned height,
                             unsigned stepsBefore, Operation operation);
+    bool searchCentres(const VoxMRCData& series, const char* name, std::vector<PatternCentre>& centres);
+    VoxMRCData* move(const VoxMRCData& series, const std::vector<PatternCentre>& centres, const char* name,
+                     unsigned stepsBefore);
     VoxMRCData* halve(const VoxMRCData* series, const char* name, bool sum, bool quiet, int verbosity);
     VoxMRCData* makeSquare(const VoxMRCData& series, const char* name, unsigned size);
     bool fillVolume(const VoxMRCData& input, const SamplingGeometry& geometry, int verbosity,

@@ -721,8 +721,11 @@ bool completeFromNeighbours(std::span<BeamCentre> centres) {
     for (std::size_t i = 0; i < centres.size(); ++i) {
         known = known || centres[i].found();
         if (centres[i].found()) continue;
-        if (const auto expected = interpolatedCentre(centres, i))
-            centres[i] = {.x = expected->x, .y = expected->y, .source = BeamCentre::Source::Neighbours};
+        const auto expected = interpolatedCentre(centres, i);
+        if (!expected) continue;
+        centres[i].x = expected->x;
+        centres[i].y = expected->y;
+        centres[i].source = BeamCentre::Source::Neighbours;
     }
     return known;
 }

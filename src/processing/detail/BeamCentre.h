@@ -8,6 +8,7 @@
 #include <span>
 #include <vector>
 
+#include "processing/PatternCentre.h"
 #include "processing/ShadowMask.h"
 #include "processing/detail/Frame.h"
 #include "processing/detail/SeriesMean.h"
@@ -17,22 +18,7 @@ namespace VRK::detail {
 /// Standard uncertainty that needs no improvement, pixels.
 inline constexpr double kPreciseCentre = 0.035;
 
-struct BeamCentre {
-    enum class Source {
-        None,       ///< nothing found, nothing known
-        Beam,       ///< the beam and its halo
-        Pattern,    ///< inversion symmetry of the whole pattern
-        Neighbours  ///< interpolated between other patterns
-    };
-
-    double x = 0;
-    double y = 0;
-    double error = 0;     ///< standard uncertainty, pixels
-    double symmetry = 0;  ///< correlation of the pattern with its inversion about the centre
-    Source source = Source::None;
-
-    bool found() const { return source == Source::Beam || source == Source::Pattern; }
-};
+using BeamCentre = PatternCentre;
 
 /// Finds the point about which a pattern is symmetric under inversion.
 ///

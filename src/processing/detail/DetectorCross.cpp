@@ -39,15 +39,16 @@ std::vector<std::vector<double>> segmentsOf(const std::vector<float>& values, in
     return rows;
 }
 
-/// How a row differs from both sides, the smaller of the two differences; 0 when they contradict each other.
+/// How a row differs from two others, the smaller of the two differences; 0 when they contradict each other.
 /// Unlike a row of reflections, a gap does so in about the same measure all along.
-double stepOf(const std::vector<std::vector<double>>& rows, std::size_t y) {
+double stepOf(const std::vector<std::vector<double>>& rows, std::size_t y, std::size_t before,
+              std::size_t after) {
     constexpr double kAlike = 0.75;
     std::vector<double> steps;
     for (std::size_t segment = 0; segment < rows[y].size(); ++segment) {
-        const double before = rows[y][segment] - rows[y - kWidest][segment];
-        const double after = rows[y][segment] - rows[y + kWidest][segment];
-        steps.push_back(before * after <= 0 ? 0 : std::abs(before) < std::abs(after) ? before : after);
+        const double up = rows[y][segment] - rows[before][segment];
+        const double down = rows[y][segment] - rows[after][segment];
+        steps.push_back(up * down <= 0 ? 0 : std::abs(up) < std::abs(down) ? up : down);
     }
     const double middle = medianOf(steps);
     const auto alike = std::count_if(steps.begin(), steps.end(), [middle](double step) {
@@ -63,12 +64,27 @@ std::vector<int> outstandingRows(const std::vector<float>& values, int width, in
     std::vector<double> steps(rows.size());
     std::vector<double> sizes;
     for (std::size_t y = kWidest; y + kWidest < rows.size(); ++y) {
-        steps[y] = stepOf(rows, y);
+        steps[y] = stepOf(rows, y, y - kWidest, y + kWidest);
         sizes.push_back(std::abs(steps[y]));
     }
     const double limit = std::max(kLeastStep, kSignificant * 1.4826 * medianOf(sizes));
     for (std::size_t y = 0; y < steps.size(); ++y)
         if (std::abs(steps[y]) > limit) found.push_back(static_cast<int>(y));
+    // Where the row to compare with was in a gap itself, one next to it tells.
+    const auto isFound = [&](std::size_t y) {
+        return std::binary_search(found.begin(), found.end(), static_cast<int>(y));
+    };
+    std::vector<int> confirmed;
+    for (const int row : found) {
+        std::size_t before = static_cast<std::size_t>(row), after = before;
+        while (before > 0 && isFound(before))
+            --before;
+        while (after + 1 < rows.size() && isFound(after))
+            ++after;
+        if (std::abs(stepOf(rows, static_cast<std::size_t>(row), before, after)) > limit)
+            confirmed.push_back(row);
+    }
+    found = std::move(confirmed);
     // More than the gaps of a detector of many chips: the pattern itself is striped.
     if (found.size() > rows.size() / 16) found.clear();
     return found;

@@ -1,0 +1,266 @@
+#include "processing/ImageOperations.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <functional>
+#include <limits>
+#include <random>
+#include <utility>
+#include <vector>
+
+#include "support/RecordingLogObserver.h"
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+using Floats = std::vector<float>;
+using Morphology = ImageOperations::Morphology;
+
+constexpr int kWidth = 61;
+constexpr int kHeight = 43;
+constexpr auto kSize = std::size_t{kWidth} * kHeight;
+
+std::size_t at(int x, int y) {
+    return static_cast<std::size_t>(y) * kWidth + static_cast<std::size_t>(x);
+}
+
+template <typename T>
+ImageView<T> view(const std::vector<T>& pixels) {
+    return {pixels.data(), kWidth, kHeight};
+}
+
+template <typename T>
+std::vector<T> noise(unsigned seed, int lowest, int highest) {
+    std::mt19937 random(seed);
+    std::uniform_int_distribution<int> value(lowest, highest);
+    std::vector<T> pixels(kSize);
+    for (T& pixel : pixels)
+        pixel = static_cast<T>(value(random));
+    return pixels;
+}
+
+/// Extreme of the disc about every pixel; the outermost pixels go on beyond the image.
+template <typename T>
+std::vector<T> plainExtreme(const std::vector<T>& image, int radius, bool largest) {
+    std::vector<T> result(kSize);
+    for (int y = 0; y < kHeight; ++y)
+        for (int x = 0; x < kWidth; ++x) {
+            T extreme = image[at(x, y)];
+            for (int dy = -radius; dy <= radius; ++dy) {
+                const int reach = static_cast<int>(std::lrint(std::sqrt(radius * radius - dy * dy)));
+                for (int dx = -reach; dx <= reach; ++dx) {
+                    const T value =
+                        image[at(std::clamp(x + dx, 0, kWidth - 1), std::clamp(y + dy, 0, kHeight - 1))];
+                    extreme = largest ? std::max(extreme, value) : std::min(extreme, value);
+                }
+            }
+            result[at(x, y)] = extreme;
+        }
+    return result;
+}
+
+template <typename T>
+void compareWithPlain(unsigned seed) {
+    const std::vector<T> image = noise<T>(seed, 0, 255);
+    Bytes mask(kSize), expected(kSize);
+    ASSERT_TRUE(ImageOperations::threshold(view(image), T{100}, mask.data()));
+    std::transform(image.begin(), image.end(), expected.begin(), [](T v) { return v > 100 ? 255 : 0; });
+    EXPECT_EQ(mask, expected);
+
+    for (const int radius : {0, 1, 3}) {
+        const std::vector<T> eroded = plainExtreme(image, radius, false);
+        const std::vector<T> dilated = plainExtreme(image, radius, true);
+        const std::vector<std::pair<Morphology, std::vector<T>>> cases = {
+            {Morphology::Erode, eroded},
+            {Morphology::Dilate, dilated},
+            {Morphology::Open, plainExtreme(eroded, radius, true)},
+            {Morphology::Close, plainExtreme(dilated, radius, false)}};
+        for (const auto& [operation, plain] : cases) {
+            std::vector<T> inPlace = image;
+            ASSERT_TRUE(ImageOperations::morphology(view(inPlace), operation, radius, inPlace.data()));
+            EXPECT_EQ(inPlace, plain) << "operation " << static_cast<int>(operation) << ", radius " << radius;
+        }
+    }
+}
+
+/// 1 inside a circle, falling to 0 within a pixel.
+Bytes ring(double x, double y, double radius) {
+    Bytes image(kSize);
+    for (int py = 0; py < kHeight; ++py)
+        for (int px = 0; px < kWidth; ++px)
+            image[at(px, py)] = static_cast<unsigned char>(
+                200 * std::clamp(radius + 0.5 - std::hypot(px - x, py - y), 0.0, 1.0));
+    return image;
+}
+
+Floats blob(double x, double y, double sigma) {
+    Floats image(kSize);
+    for (int py = 0; py < kHeight; ++py)
+        for (int px = 0; px < kWidth; ++px)
+            image[at(px, py)] = static_cast<float>(
+                std::exp(-((px - x) * (px - x) + 1.5 * (py - y) * (py - y)) / (2 * sigma * sigma)));
+    return image;
+}
+
+}  // namespace
+
+TEST(ImageOperations, ThresholdAndMorphologyDoWhatThePlainOnesDo) {
+    compareWithPlain<unsigned char>(1);
+    compareWithPlain<short>(2);
+    compareWithPlain<float>(3);
+}
+
+TEST(ImageOperations, FindsTheGroupsThatAFloodFillFinds) {
+    Bytes mask = noise<unsigned char>(4, 0, 9);
+    for (unsigned char& pixel : mask)
+        pixel = pixel < 3 ? pixel + 1 : 0;
+    std::vector<int> labels(kSize);
+    const auto regions = ImageOperations::connectedComponents(view(mask), labels.data());
+    std::vector<int> flooded(kSize);
+    int count = 0;
+    for (int start = 0; start < kWidth * kHeight; ++start) {
+        if (!mask[static_cast<std::size_t>(start)] || flooded[static_cast<std::size_t>(start)]) continue;
+        ++count;
+        std::vector<int> todo{start};
+        flooded[static_cast<std::size_t>(start)] = count;
+        int area = 0, right = 0;
+        double sum = 0;
+        const int label = labels[static_cast<std::size_t>(start)];
+        while (!todo.empty()) {
+            const int x = todo.back() % kWidth, y = todo.back() / kWidth;
+            todo.pop_back();
+            ++area;
+            sum += x;
+            right = std::max(right, x + 1);
+            EXPECT_EQ(labels[at(x, y)], label);
+            for (int i = 0; i < 9; ++i) {
+                const int nx = x + i % 3 - 1, ny = y + i / 3 - 1;
+                if (nx < 0 || ny < 0 || nx >= kWidth || ny >= kHeight) continue;
+                if (!mask[at(nx, ny)] || flooded[at(nx, ny)]) continue;
+                flooded[at(nx, ny)] = count;
+                todo.push_back(ny * kWidth + nx);
+            }
+        }
+        ASSERT_TRUE(label >= 1 && label <= static_cast<int>(regions.size()));
+        const ImageOperations::Region& region = regions[static_cast<std::size_t>(label - 1)];
+        EXPECT_EQ(region.label, label);
+        EXPECT_EQ(region.area, area);
+        EXPECT_EQ(region.left + region.width, right);
+        EXPECT_NEAR(region.x, sum / area, 1e-9);
+    }
+    EXPECT_EQ(static_cast<int>(regions.size()), count);
+}
+
+TEST(ImageOperations, FindsEdgesLinesAndCirclesWhereTheyAre) {
+    // A step of 10 per pixel at x = 20 whatever the direction of the image's axes.
+    Floats step(kSize);
+    for (int y = 0; y < kHeight; ++y)
+        for (int x = 0; x < kWidth; ++x)
+            step[at(x, y)] = x < 20 ? 0.0F : x == 20 ? 10.0F : 20.0F;
+    Bytes edges(kSize);
+    ASSERT_TRUE(ImageOperations::edges(view(step), 0, 5, 9, edges.data()));
+    for (int y = 2; y < kHeight - 2; ++y)
+        for (int x = 2; x < kWidth - 2; ++x)
+            EXPECT_EQ(edges[at(x, y)], x == 20 ? 255 : 0) << x << ' ' << y;
+    const auto lines = ImageOperations::lines(view(edges), {});
+    ASSERT_EQ(lines.size(), 1U);
+    EXPECT_EQ(lines[0].x0, 20);
+    EXPECT_EQ(lines[0].x1, 20);
+    EXPECT_GE(lines[0].length(), kHeight - 3);
+    // The gradient stays below the threshold.
+    ASSERT_TRUE(ImageOperations::edges(view(step), 0, 10.5, 11, edges.data()));
+    EXPECT_EQ(std::count(edges.begin(), edges.end(), 255), 0);
+
+    for (const auto& [x, y, radius] : {std::array{30.0, 21.0, 12.0}, std::array{17.4, 25.6, 9.0}}) {
+        ImageOperations::CircleSearch search;
+        search.largest = 20;
+        const auto circles = ImageOperations::circles(view(ring(x, y, radius)), search);
+        ASSERT_EQ(circles.size(), 1U);
+        EXPECT_NEAR(circles[0].x, x, 0.7);
+        EXPECT_NEAR(circles[0].y, y, 0.7);
+        EXPECT_NEAR(circles[0].radius, radius, 0.8);
+    }
+}
+
+TEST(ImageOperations, FindsTemplatesAndShiftsToAFractionOfAPixel) {
+    const Floats sample = blob(30, 21, 3);
+    const int size = 15;
+    Floats cut;
+    for (int y = 0; y < size; ++y)
+        for (int x = 0; x < size; ++x)
+            cut.push_back(sample[at(30 - size / 2 + x, 21 - size / 2 + y)]);
+    for (const auto& [x, y] : {std::pair{40.0, 11.0}, std::pair{22.3, 25.7}}) {
+        const Floats image = blob(x, y, 3);
+        const ImageOperations::Match match =
+            ImageOperations::matchTemplate(view(image), {cut.data(), size, size});
+        EXPECT_NEAR(match.x, x, 0.1);
+        EXPECT_NEAR(match.y, y, 0.1);
+        EXPECT_GT(match.score, 0.98);
+    }
+    constexpr int kLarge = 160;
+    std::mt19937 random(5);
+    Floats grains(kLarge * kLarge), moved(grains.size());
+    for (float& grain : grains)
+        grain = static_cast<float>(random() % 100);
+    for (int y = 0; y < kLarge; ++y)
+        for (int x = 0; x < kLarge; ++x)
+            moved[static_cast<std::size_t>((y + kLarge - 2) % kLarge * kLarge + (x + 3) % kLarge)] =
+                grains[static_cast<std::size_t>(y * kLarge + x)];
+    const ImageOperations::Shift shift =
+        ImageOperations::phaseCorrelation({grains.data(), kLarge, kLarge}, {moved.data(), kLarge, kLarge});
+    EXPECT_NEAR(shift.x, 3, 0.2);
+    EXPECT_NEAR(shift.y, -2, 0.2);
+    EXPECT_GT(shift.response, 0.2);
+}
+
+TEST(ImageOperations, LooksAtTheImagesOfAList) {
+    std::vector<short> pixels(3 * kSize);
+    pixels[kSize + at(5, 7)] = 9;
+    const VoxImageList<short> images(kWidth, kHeight, 3, pixels.data());
+    Bytes mask(kSize);
+    ASSERT_TRUE(ImageOperations::threshold(ImageView<short>::of(images, 1), short{8}, mask.data()));
+    EXPECT_EQ(std::count(mask.begin(), mask.end(), 255), 1);
+    EXPECT_EQ(mask[at(5, 7)], 255);
+    for (const int image : {-1, 3})
+        EXPECT_TRUE(ImageView<short>::of(images, image).empty());
+}
+
+TEST(ImageOperations, RefusesWhatItCannotDo) {
+    const Floats image(kSize);
+    const Bytes bytes(kSize);
+    Bytes mask(kSize, 7);
+    Floats values(kSize, 7);
+    const ImageView<float> none;
+    const ImageView<float> flat{image.data(), 0, 5};
+    constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
+    const std::vector<std::function<bool()>> cases = {
+        [&] { return ImageOperations::threshold(none, 1.0F, mask.data()); },
+        [&] { return ImageOperations::threshold(flat, 1.0F, mask.data()); },
+        [&] { return ImageOperations::threshold(view(image), 1.0F, nullptr); },
+        [&] { return ImageOperations::morphology(view(image), Morphology::Open, -1, values.data()); },
+        [&] { return ImageOperations::edges(view(image), -1, 1, 2, mask.data()); },
+        [&] { return ImageOperations::edges(view(image), 1, 0, 2, mask.data()); },
+        [&] { return ImageOperations::edges(view(image), 1, kNan, 2, mask.data()); },
+        [&] { return ImageOperations::edges(view(image), 1, 3, 2, mask.data()); },
+        [&] { return !ImageOperations::connectedComponents({}, nullptr).empty(); },
+        [&] { return !ImageOperations::lines(view(bytes), {.shortest = 0}).empty(); },
+        [&] { return !ImageOperations::circles(view(bytes), {.smallest = 9, .largest = 5}).empty(); },
+        [&] { return !ImageOperations::circles(view(bytes), {.roundness = kNan}).empty(); },
+        [&] {
+            return ImageOperations::matchTemplate({image.data(), 4, 4}, view(image)).score > -1;
+        },
+        [&] {
+            return ImageOperations::phaseCorrelation(view(image), {image.data(), 4, 4}).response > 0;
+        },
+    };
+    RecordingLogObserver log;
+    for (std::size_t i = 0; i < cases.size(); ++i) {
+        EXPECT_FALSE(cases[i]()) << i;
+        EXPECT_EQ(log.count("ImageOperations::", VRK::Error), static_cast<int>(i + 1)) << i;
+    }
+    EXPECT_TRUE(std::all_of(mask.begin(), mask.end(), [](unsigned char v) { return v == 7; }));
+    EXPECT_TRUE(std::all_of(values.begin(), values.end(), [](float v) { return v == 7; }));
+}

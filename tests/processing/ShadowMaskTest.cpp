@@ -1,0 +1,121 @@
+#include "processing/ShadowMask.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <functional>
+#include <memory>
+#include <random>
+#include <vector>
+
+#include "processing/SeriesFactory.h"
+
+namespace {
+
+constexpr int kSize = 224;
+constexpr unsigned kPatterns = 6;
+
+struct Scene {
+    double barWidth = 0;        ///< pixels
+    double barDirection = 0.3;  ///< radians from x towards y, from the middle to the border
+    double discRadius = 0;      ///< pixels, about the middle
+    double transmission = 0;
+    double pedestal = 0;             ///< counts
+    double gradient = 0;             ///< of the halo, relative at half a width
+    double ice = 0;                  ///< counts of a ring
+    std::vector<int> deadRows = {};  ///< also columns
+    bool shadow(double x, double y) const {
+        const double dx = x - kSize / 2.0, dy = y - kSize / 2.0;
+        const double along = dx * std::cos(barDirection) + dy * std::sin(barDirection);
+        const double across = dy * std::cos(barDirection) - dx * std::sin(barDirection);
+        return std::hypot(dx, dy) < discRadius || (along > -25 && std::abs(across) < 0.5 * barWidth);
+    }
+    bool dead(int x, int y) const {
+        const auto has = [this](int i) {
+            return std::find(deadRows.begin(), deadRows.end(), i) != deadRows.end();
+        };
+        return has(x) || has(y);
+    }
+};
+
+std::unique_ptr<VoxMRCData> seriesOf(const Scene& scene) {
+    auto series = makeSeries(kSize, kSize, std::vector<float>(kPatterns, 1.0F));
+    for (unsigned i = 0; i < kPatterns; ++i) {
+        std::mt19937 random(i + 1);
+        const double cx = kSize / 2.0 + 2 + 0.2 * i, cy = kSize / 2.0 - 1;
+        std::vector<short> pixels;
+        for (int y = 0; y < kSize; ++y)
+            for (int x = 0; x < kSize; ++x) {
+                const double r = std::hypot(x - cx, y - cy);
+                const double spot = std::hypot(std::remainder(x - cx - 7.0 * i, 31.0),
+                                               std::remainder(y - cy + 3.0 * i, 27.0));
+                double value = 8 + 500 * (1 + scene.gradient * 2 * (x - cx) / kSize) * std::exp(-r / 20) +
+                               scene.ice * std::exp(-(r - 60) * (r - 60) / 8) +
+                               300 * std::exp(-spot * spot / 3) + 20000 * std::exp(-r * r / 20);
+                if (scene.shadow(x, y)) value = scene.transmission * value + scene.pedestal;
+                if (scene.dead(x, y)) value = 0;
+                const short counts = static_cast<short>(std::min(
+                    value > 50 ? std::round(std::normal_distribution<double>(value, std::sqrt(value))(random))
+                               : std::poisson_distribution<int>(value)(random),
+                    30000.0));
+                pixels.push_back(counts);
+            }
+        setPixels(*series, i, pixels);
+    }
+    return series;
+}
+
+}  // namespace
+
+TEST(ShadowMask, CoversTheStopAndTheCrossAndLeavesTheRest) {
+    struct Case {
+        const char* name;
+        Scene scene;
+        std::size_t bars, discs;
+    };
+    const std::vector<Case> cases = {
+        {"nothing", {}, 0, 0},
+        {"halo to one side", {.gradient = 0.5}, 0, 0},
+        {"ring of ice", {.ice = 60}, 0, 0},
+        {"bar", {.barWidth = 14}, 1, 0},
+        {"bar that lets a fifth through", {.barWidth = 14, .transmission = 0.2}, 1, 0},
+        {"bar on a pedestal", {.barWidth = 14, .barDirection = 2.0, .pedestal = 20}, 1, 0},
+        {"bar and halo to one side", {.barWidth = 14, .barDirection = 3.0, .gradient = 0.4}, 1, 0},
+        {"disc", {.discRadius = 15}, 0, 1},
+        {"cross", {.deadRows = {95, 96, 97}}, 0, 0},
+    };
+    for (const Case& c : cases) {
+        const ShadowMask mask(seriesOf(c.scene).get());
+        EXPECT_EQ(mask.bars().size(), c.bars) << c.name;
+        EXPECT_EQ(mask.discs().size(), c.discs) << c.name;
+        EXPECT_EQ(mask.rows(), c.scene.deadRows) << c.name;
+        EXPECT_EQ(mask.columns(), c.scene.deadRows) << c.name;
+        int missed = 0, wrong = 0, shadowed = 0;
+        for (int y = 0; y < kSize; ++y)
+            for (int x = 0; x < kSize; ++x) {
+                const bool covered = mask.pixels() && mask.pixels()[y * kSize + x];
+                const bool dark = c.scene.shadow(x, y) || c.scene.dead(x, y);
+                // Far from the beam, a shadow that is as bright as the pattern is none.
+                const bool deep = std::hypot(x - kSize / 2, y - kSize / 2) < 45 || c.scene.dead(x, y);
+                shadowed += dark && deep;
+                missed += dark && deep && !covered;
+                bool near = false;
+                for (int dy = -5; dy <= 5 && !near; dy += 5)
+                    for (int dx = -5; dx <= 5 && !near; dx += 5)
+                        near = c.scene.shadow(x + dx, y + dy) || c.scene.dead(x + dx, y + dy);
+                wrong += covered && !near && !dark;
+            }
+        EXPECT_LE(missed, shadowed / 10) << c.name;
+        EXPECT_LE(wrong, shadowed / 20) << c.name;
+    }
+}
+
+TEST(ShadowMask, FindsNothingWhereThereIsNothing) {
+    EXPECT_TRUE(ShadowMask(nullptr).empty());
+    EXPECT_EQ(ShadowMask().pixels(), nullptr);
+    for (const unsigned size : {1U, 3U, 20U}) {
+        const auto series = makeSeries(size, size + 1, {0, 1, 2});
+        EXPECT_EQ(ShadowMask(series.get()).pixels(), nullptr) << size;
+    }
+}
