@@ -16,7 +16,7 @@
 #include "foundation/detail/SingleThreadedOpenCV.h"
 #include "processing/SamplingGeometry.h"
 #include "processing/ShadowMask.h"
-#include "processing/detail/BeamCentre.h"
+#include "processing/detail/CentreSearch.h"
 #include "processing/detail/Frame.h"
 #include "processing/detail/HotSpots.h"
 #include "processing/detail/RadialBackground.h"
@@ -25,7 +25,7 @@
 
 namespace {
 
-using VRK::detail::BeamCentre;
+using VRK::detail::CentreSearch;
 using VRK::detail::Frame;
 using VRK::detail::line;
 using VRK::detail::log;
@@ -119,9 +119,6 @@ const char* nameOf(PatternCentre::Source source) {
     }
     return "not found";
 }
-
-/// How often the search for the centres looks at every pattern.
-constexpr unsigned kSearches = 3;
 
 void logCentres(const std::vector<PatternCentre>& centres) {
     for (std::size_t i = 0; i < centres.size(); ++i) {
@@ -333,10 +330,10 @@ VoxMRCData* VoxMRCstemProcessing::step2_CenterShift(VoxMRCData* series) {
     static constexpr const char* kName = "step2_CenterShift";
     if (const auto problem = problemOfImages(series)) return refuse(kName, *problem);
     const unsigned count = series->GetDepth();
-    setSteps(static_cast<int>((kSearches + 1) * count), "Centre");
+    setSteps(static_cast<int>((CentreSearch::kLooks + 1) * count), "Centre");
     std::vector<PatternCentre> centres;
     if (!searchCentres(*series, kName, centres)) return nullptr;
-    return move(*series, centres, kName, kSearches * count);
+    return move(*series, centres, kName, CentreSearch::kLooks * count);
 }
 
 bool VoxMRCstemProcessing::findCentres(const VoxMRCData* series, std::vector<PatternCentre>& centres) {
@@ -345,7 +342,7 @@ bool VoxMRCstemProcessing::findCentres(const VoxMRCData* series, std::vector<Pat
         refuse(kName, *problem);
         return false;
     }
-    setSteps(static_cast<int>(kSearches * series->GetDepth()), "Centre");
+    setSteps(static_cast<int>(CentreSearch::kLooks * series->GetDepth()), "Centre");
     return searchCentres(*series, kName, centres);
 }
 
@@ -369,31 +366,20 @@ bool VoxMRCstemProcessing::searchCentres(const VoxMRCData& series, const char* n
     const VRK::detail::SeriesMean mean(series);
     const ShadowMask shadows = ShadowMask::of(mean);
     logShadows(shadows);
-    VRK::detail::BeamCentreFinder finder(width, height, shadows);
-    finder.learnHalo(mean);
-    std::vector<BeamCentre> centres(count);
-    const auto findBeam = [&](unsigned i) { centres[i] = finder.findBeam(patternOf(series, i)); };
-    if (!forEachPattern(count, 0, name, findBeam)) return false;
-    VRK::detail::discardContradicted(centres);
-    const auto findPattern = [&](unsigned i) {
-        const Frame pattern = patternOf(series, i);
-        if (!centres[i].found())
-            centres[i] = finder.findPattern(pattern);
-        else if (centres[i].error > VRK::detail::kPreciseCentre)
-            centres[i] = finder.improveWithPattern(pattern, centres[i]);
-    };
-    if (!forEachPattern(count, count, name, findPattern)) return false;
-    const auto findNearOthers = [&](unsigned i) {
-        if (!centres[i].found())
-            centres[i] =
-                finder.findPatternNear(patternOf(series, i), VRK::detail::interpolatedCentre(centres, i));
-    };
-    if (!forEachPattern(count, 2 * count, name, findNearOthers)) return false;
-    if (!VRK::detail::completeFromNeighbours(centres))
+    VRK::detail::CentreSearch search(width, height, count, mean, shadows);
+    for (unsigned look = 0; look < CentreSearch::kLooks; ++look)
+        if (!forEachPattern(count, look * count, name,
+                            [&](unsigned i) { search.look(look, i, patternOf(series, i)); }))
+            return false;
+    result = search.finish();
+    if (std::none_of(result.begin(), result.end(), [](const PatternCentre& c) { return c.found(); }))
         log("The direct beam was found in no pattern: the series is left where it is. Centre it before, or "
             "check that the patterns show the beam or Friedel pairs.",
             VRK::Warning);
-    result.assign(centres.begin(), centres.end());
+    else if (search.isAmbiguous())
+        log("The patterns are as symmetric about other places as about the centre that was taken: nothing of "
+            "the direct beam shows. Give the centre when it is known.",
+            VRK::Warning);
     return true;
 }
 

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <functional>
 #include <memory>
 
 #include "processing/SeriesFactory.h"
@@ -151,15 +152,15 @@ TEST(CentreShift, DoesNotDependOnHowThePatternLies) {
             const Found& f = found[0][i];
             const Truth places[] = {{f.x, f.y}, {kWide - 1 - f.x, f.y}, {f.x, kHigh - 1 - f.y}, {f.y, f.x}};
             for (std::size_t way = 1; way < 4; ++way) {
-                EXPECT_NEAR(found[way][i].x, places[way].x, 0.01) << beam << ' ' << stop << ' ' << way;
-                EXPECT_NEAR(found[way][i].y, places[way].y, 0.01) << beam << ' ' << stop << ' ' << way;
+                EXPECT_NEAR(found[way][i].x, places[way].x, 0.02) << beam << ' ' << stop << ' ' << way;
+                EXPECT_NEAR(found[way][i].y, places[way].y, 0.02) << beam << ' ' << stop << ' ' << way;
                 EXPECT_NEAR(found[way][i].error, f.error, 0.03 * f.error);
             }
         }
     }
 }
 
-TEST(CentreShift, FillsGapsBetweenPatternsAndDropsWhatTheyContradict) {
+TEST(CentreShift, FillsGapsBetweenPatterns) {
     using VRK::detail::BeamCentre;
     constexpr auto kNone = BeamCentre::Source::None;
     const auto at = [](double x, double symmetry = 0.9) {
@@ -168,18 +169,13 @@ TEST(CentreShift, FillsGapsBetweenPatternsAndDropsWhatTheyContradict) {
     const BeamCentre gap;
     const struct {
         std::vector<BeamCentre> centres;
-        std::vector<double> x;  ///< after contradictions were dropped and gaps filled
+        std::vector<double> x;  ///< after gaps were filled
     } cases[] = {
         {{gap, at(1), gap, gap, at(4), gap}, {1, 1, 2, 3, 4, 4}},
-        {{at(1), at(9, 0.3), at(3)}, {1, 2, 3}},      // away from its neighbours and hardly symmetric
-        {{at(1), at(9, 0.5), at(3)}, {1, 9, 3}},      // symmetric enough
-        {{at(1), at(3.2, 0.3), at(3)}, {1, 3.2, 3}},  // not far away
-        {{at(1), at(3.4, 0.3), at(3)}, {1, 2, 3}},
         {{at(7, 0.1)}, {7}},
     };
     for (const auto& test : cases) {
         std::vector<BeamCentre> centres = test.centres;
-        VRK::detail::discardContradicted(centres);
         EXPECT_TRUE(VRK::detail::completeFromNeighbours(centres));
         for (std::size_t i = 0; i < centres.size(); ++i) {
             EXPECT_DOUBLE_EQ(centres[i].x, test.x[i]);
@@ -190,6 +186,59 @@ TEST(CentreShift, FillsGapsBetweenPatternsAndDropsWhatTheyContradict) {
     std::vector<BeamCentre> nothing(3);
     EXPECT_FALSE(VRK::detail::completeFromNeighbours(nothing));
     EXPECT_EQ(nothing[1].source, kNone);
+}
+
+TEST(CentreTrack, TakesTheTrackThatAllPatternsTogetherMakeMostLikely) {
+    using VRK::detail::CentreCandidate;
+    constexpr int kPatterns = 20;
+    const auto at = [](double x, double evidence) {
+        return CentreCandidate{{.x = x, .y = 50 - x, .source = PatternCentre::Source::Pattern}, evidence};
+    };
+    struct Case {
+        const char* name;
+        std::function<std::vector<CentreCandidate>(int)> candidates;
+        std::function<double(int)> expected;  ///< x; below 0: left out
+        bool ambiguous;
+    };
+    const auto drift = [](int i) { return 100 + 0.2 * i; };
+    const std::vector<Case> cases = {
+        {"one candidate each", [&](int i) { return std::vector{at(drift(i), 0.5)}; }, drift, false},
+        {"two neighbouring patterns more symmetric between their reflections",
+         [&](int i) {
+             std::vector found{at(drift(i), 0.5)};
+             if (i == 9 || i == 10) found.insert(found.begin(), at(drift(i) + 9, 0.9));
+             return found;
+         },
+         drift, false},
+        {"one pattern far away", [&](int i) { return std::vector{at(i == 4 ? 60 : drift(i), 0.9)}; },
+         [&](int i) { return i == 4 ? -1.0 : drift(i); }, false},
+        {"a step that stays",
+         [&](int i) {
+             return std::vector{at(drift(i) + (i > 7 ? 8 : 0), 0.6), at(30 + 7 * (i % 3), 0.5)};
+         },
+         [&](int i) { return drift(i) + (i > 7 ? 8 : 0); }, false},
+        {"patterns that show nothing",
+         [&](int i) { return i % 3 == 1 ? std::vector<CentreCandidate>{} : std::vector{at(drift(i), 0.3)}; },
+         [&](int i) { return i % 3 == 1 ? -1.0 : drift(i); }, false},
+        {"the same everywhere one vector aside",
+         [&](int i) {
+             return std::vector{at(drift(i), 0.50), at(drift(i) + 12, 0.49)};
+         },
+         drift, true},
+    };
+    for (const Case& c : cases) {
+        std::vector<std::vector<CentreCandidate>> patterns;
+        for (int i = 0; i < kPatterns; ++i)
+            patterns.push_back(c.candidates(i));
+        const VRK::detail::CentreTrack track(patterns);
+        for (std::size_t i = 0; i < kPatterns; ++i) {
+            const int chosen = track.chosen()[i];
+            const double x = chosen < 0 ? -1 : patterns[i][static_cast<std::size_t>(chosen)].centre.x;
+            EXPECT_DOUBLE_EQ(x, c.expected(static_cast<int>(i))) << c.name << ", pattern " << i;
+        }
+        EXPECT_EQ(track.rivalry() > 0.9, c.ambiguous) << c.name;
+    }
+    EXPECT_EQ(VRK::detail::CentreTrack(std::vector<std::vector<CentreCandidate>>(3)).count(), 0);
 }
 
 TEST(CentreShift, MovesTheBeamToTheMiddleAndLeavesACentredSeriesAlone) {

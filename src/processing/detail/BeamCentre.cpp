@@ -22,6 +22,7 @@ constexpr int kFriedelCandidates = 5;
 constexpr float kRootOffset = 16.0F;
 constexpr int kMostIterations = 25;
 constexpr double kConverged = 0.005;
+constexpr double kWellConverged = 0.001;
 /// Near the minimum the weights may keep the last steps from getting smaller.
 constexpr double kNearlyConverged = 0.03;
 constexpr double kLargestError = 0.1;
@@ -64,11 +65,8 @@ double inversionCorrelation(const cv::Mat_<float>& image, const cv::Mat_<uchar>&
 
 using Symmetry = BeamCentreFinder::Symmetry;
 
-/// Response of a phase correlation from which its peak is the centre. Of simulated patterns, those without a
-/// halo and on zone axes included, none was wrong above 0.4.
-constexpr double kCertainPhase = 0.5;
-/// A centre has no rival when no other one has so much of its symmetry.
-constexpr double kUnrivalled = 0.9;
+/// Response of a phase correlation below which its peak is that of noise.
+constexpr double kLeastPhase = 0.1;
 /// Distance of two centres that are one, pixels of the reduced pattern.
 constexpr double kSameCentre = 1.5;
 
@@ -76,10 +74,14 @@ double apart(const Symmetry& a, const Symmetry& b) {
     return std::hypot(a.centre.x - b.centre.x, a.centre.y - b.centre.y);
 }
 
-/// Of centres in descending order.
-bool isUnique(const std::vector<Symmetry>& centres) {
-    return centres.size() == 1 ||
-           (centres.size() > 1 && centres[1].correlation < kUnrivalled * centres[0].correlation);
+/// Share of the disc's pixels that lie in the frame together with their opposites.
+double shareInside(cv::Size size, cv::Point2d centre, int radius) {
+    const double across = std::min({centre.x, size.width - 1 - centre.x, double(radius)});
+    const double down = std::min({centre.y, size.height - 1 - centre.y, double(radius)});
+    double pixels = 0;
+    for (int y = 0; y <= radius; ++y)
+        if (y <= down) pixels += std::min(across, std::sqrt(double(radius * radius - y * y)));
+    return 4 * pixels / (std::numbers::pi * radius * radius);
 }
 
 /// Climbs from a candidate to the most symmetric point around.
@@ -155,6 +157,16 @@ struct NormalEquations {
     }
 };
 
+/// What a halo that is not the same on all sides may do to a centre from a disc, pixels: little where the
+/// disc is no larger than the beam, more where a shadow makes it large.
+double errorOfHalo(double radius) {
+    constexpr double kBeam = 12.0;  // pixels
+    return 0.001 * radius + 0.008 * std::max(0.0, radius - kBeam);
+}
+
+/// What distortion and the curvature of the sphere do to a centre from spots, pixels.
+constexpr double kErrorOfSpots = 0.01;
+
 struct Pair {
     float difference, gradientX, gradientY;
     float deviation;  ///< of the difference's noise, on an arbitrary scale
@@ -216,6 +228,28 @@ void collectPairs(const cv::Mat_<float>& image, const cv::Mat_<float>& gx, const
                              roots ? deviationOfRoot(0.5F * (a + b)) : 1.0F});
         }
     }
+}
+
+/// The middles of pairs of spots that lie opposite to each other; \p spots by rising y.
+std::vector<cv::Point2d> middlesOfPairs(const std::vector<cv::Point2f>& spots, cv::Point2d centre,
+                                        double reach) {
+    std::vector<cv::Point2d> middles;
+    for (const cv::Point2f& spot : spots) {
+        const cv::Point2d opposite = 2 * centre - cv::Point2d(spot);
+        if (spot.y > opposite.y) continue;  // once
+        auto other = std::lower_bound(spots.begin(), spots.end(), opposite.y - reach - 1,
+                                      [](const cv::Point2f& a, double y) { return a.y < y; });
+        const cv::Point2f* nearest = nullptr;
+        double least = reach;
+        for (; other != spots.end() && other->y < opposite.y + reach + 1; ++other) {
+            const double distance = cv::norm(cv::Point2d(*other) - opposite);
+            if (distance >= least || &*other == &spot) continue;
+            least = distance;
+            nearest = &*other;
+        }
+        if (nearest) middles.push_back(0.5 * (cv::Point2d(spot) + cv::Point2d(*nearest)));
+    }
+    return middles;
 }
 
 float medianOf(std::vector<float>& values) {
@@ -334,39 +368,56 @@ BeamCentre BeamCentreFinder::throughStop(const BeamCentre& beside) const {
     return centre;
 }
 
-BeamCentre BeamCentreFinder::findPattern(const Frame& frame) {
+std::vector<CentreCandidate> BeamCentreFinder::patternCandidates(const Frame& frame) {
     prepare(frame, m_shadow);
-    const cv::Mat_<float> pattern = withoutBackground();
-    const Reduced reduced = reduce(pattern);
+    const Reduced reduced = reduce(withoutBackground());
+    std::vector<Symmetry> centres = symmetryCentres(reduced, std::nullopt);
+    // Two methods that agree are better than one.
+    constexpr double kBonus = 0.5;
     const Symmetry phase = phaseCentre(reduced);
-    if (phase.correlation < kCertainPhase) {
-        // Two methods that agree are as good.
-        const std::vector<Symmetry> centres = symmetryCentres(reduced, std::nullopt);
-        if (!isUnique(centres) || apart(centres[0], phase) > kSameCentre) return {};
+    if (phase.correlation > kLeastPhase) {
+        auto same = std::find_if(centres.begin(), centres.end(),
+                                 [&](const Symmetry& other) { return apart(phase, other) < kSameCentre; });
+        if (same == centres.end()) same = centres.insert(centres.end(), symmetryOf(reduced, phase.centre));
+        same->evidence += kBonus * phase.correlation;
     }
-    BeamCentre centre = refinePattern(pattern, reduced.toFrame(phase.centre));
-    const cv::Point twice(cvRound(2 * phase.centre.x), cvRound(2 * phase.centre.y));
-    centre.symmetry = inversionCorrelation(reduced.pattern, reduced.live, twice, reduced.radius());
-    return centre;
+    std::vector<CentreCandidate> candidates;
+    for (const Symmetry& symmetry : centres) {
+        if (symmetry.evidence <= 0) continue;
+        const cv::Point2d place = reduced.toFrame(symmetry.centre);
+        CentreCandidate candidate;
+        candidate.centre.x = place.x;
+        candidate.centre.y = place.y;
+        candidate.centre.error = 0.5 * reduced.step;
+        candidate.centre.symmetry = symmetry.correlation;
+        candidate.centre.source = BeamCentre::Source::Pattern;
+        candidate.evidence = std::min(symmetry.evidence, 1.0);
+        candidates.push_back(candidate);
+    }
+    return candidates;
 }
 
-BeamCentre BeamCentreFinder::findPatternNear(const Frame& frame, std::optional<cv::Point2d> expected) {
+BeamCentre BeamCentreFinder::findPatternNear(const Frame& frame, cv::Point2d expected) {
     prepare(frame, m_shadow);
     const cv::Mat_<float> pattern = withoutBackground();
     const Reduced reduced = reduce(pattern);
-    const std::vector<Symmetry> centres = symmetryCentres(reduced, expected);
-    if (!expected && !isUnique(centres)) return {};
-    // Of equals the one where the beam is thought to be.
     constexpr double kLargestDistance = 4.0;  // pixels
-    for (const Symmetry& candidate : centres) {
+    for (const Symmetry& candidate : symmetryCentres(reduced, expected)) {
         const cv::Point2d start = reduced.toFrame(candidate.centre);
-        if (candidate.correlation < kUnrivalled * centres[0].correlation) break;
-        if (expected && std::hypot(start.x - expected->x, start.y - expected->y) > kLargestDistance) continue;
+        if (std::hypot(start.x - expected.x, start.y - expected.y) > kLargestDistance) continue;
         BeamCentre centre = refinePattern(pattern, start);
         centre.symmetry = candidate.correlation;
-        return centre;
+        if (std::hypot(centre.x - expected.x, centre.y - expected.y) < kLargestDistance) return centre;
     }
     return {};
+}
+
+BeamCentreFinder::Symmetry BeamCentreFinder::symmetryOf(const Reduced& reduced, cv::Point2d place) const {
+    const cv::Point twice(cvRound(2 * place.x), cvRound(2 * place.y));
+    Symmetry symmetry{inversionCorrelation(reduced.pattern, reduced.live, twice, reduced.radius()), place};
+    symmetry.evidence =
+        symmetry.correlation * shareInside(reduced.pattern.size(), symmetry.centre, reduced.radius());
+    return symmetry;
 }
 
 std::vector<BeamCentreFinder::Symmetry> BeamCentreFinder::symmetryCentres(
@@ -376,35 +427,116 @@ std::vector<BeamCentreFinder::Symmetry> BeamCentreFinder::symmetryCentres(
         starts.emplace_back(cvRound(reduced.fromFrame(*expected).x), cvRound(reduced.fromFrame(*expected).y));
     std::vector<Symmetry> centres;
     for (const cv::Point& start : starts) {
-        const Symmetry here = bestSymmetry(reduced.pattern, reduced.live, start, reduced.radius());
+        const Symmetry here =
+            symmetryOf(reduced, bestSymmetry(reduced.pattern, reduced.live, start, reduced.radius()).centre);
         const bool known = std::any_of(centres.begin(), centres.end(), [&](const Symmetry& other) {
             return apart(here, other) < kSameCentre;
         });
         if (here.correlation > 0 && !known) centres.push_back(here);
     }
     std::sort(centres.begin(), centres.end(),
-              [](const Symmetry& a, const Symmetry& b) { return a.correlation > b.correlation; });
+              [](const Symmetry& a, const Symmetry& b) { return a.evidence > b.evidence; });
     return centres;
 }
 
 BeamCentre BeamCentreFinder::improveWithPattern(const Frame& frame, const BeamCentre& beam) {
     prepare(frame, m_shadow);
-    BeamCentre centre = refinePattern(withoutBackground(), {beam.x, beam.y});
+    std::optional<BeamCentre> centre = refinePairs(withoutBackground(), {beam.x, beam.y});
     const double largestDistance = kConsistent * beam.error + 0.1;  // pixels
-    const bool better = centre.found() && centre.error < beam.error &&
-                        std::hypot(centre.x - beam.x, centre.y - beam.y) < largestDistance;
+    const bool better = centre && centre->error < beam.error &&
+                        std::hypot(centre->x - beam.x, centre->y - beam.y) < largestDistance;
     if (!better) return beam;
-    centre.symmetry = beam.symmetry;
+    centre->symmetry = beam.symmetry;
+    return *centre;
+}
+
+BeamCentre BeamCentreFinder::refinePattern(const cv::Mat_<float>& pattern, cv::Point2d start) const {
+    const double radius = 0.45 * std::min(m_width, m_height);
+    BeamCentre centre = refine(pattern, start, {radius, 2.0, 0.1, kRoughError});
+    if (!centre.found()) return centre;
+    if (const std::optional<BeamCentre> paired = refinePairs(pattern, {centre.x, centre.y})) return *paired;
+    centre = refine(pattern, {centre.x, centre.y}, {radius, 1.0, kWellConverged, kLargestError});
+    if (!centre.found()) return centre;
+    // Spots without a partner are not noise.
+    constexpr double kUnpaired = 3.0;
+    constexpr double kErrorOfUnpaired = 0.12;
+    centre.error = std::hypot(kUnpaired * centre.error, kErrorOfUnpaired);
+    centre.source = BeamCentre::Source::Pattern;
     return centre;
 }
 
-BeamCentre BeamCentreFinder::refinePattern(const cv::Mat& pattern, cv::Point2d start) const {
-    const double radius = 0.45 * std::min(m_width, m_height);
-    BeamCentre centre = refine(pattern, start, {radius, 2.0, 0.1, kRoughError});
-    if (centre.found())
-        centre = refine(pattern, {centre.x, centre.y}, {radius, 1.0, kConverged, kLargestError});
-    if (centre.found()) centre.source = BeamCentre::Source::Pattern;
-    return centre;
+std::optional<BeamCentre> BeamCentreFinder::refinePairs(const cv::Mat_<float>& pattern,
+                                                        cv::Point2d start) const {
+    constexpr std::size_t kFewestPairs = 12;
+    constexpr int kIterations = 8;
+    constexpr double kLeastPaired = 0.2;
+    const std::vector<cv::Point2f> spots = spotsOf(pattern);
+    cv::Point2d centre = start;
+    double reach = 2.0;  // pixels by which a spot may miss the place opposite to another one
+    for (int iteration = 0; iteration < kIterations; ++iteration) {
+        const std::vector<cv::Point2d> middles = middlesOfPairs(spots, centre, reach);
+        if (middles.size() < kFewestPairs) return std::nullopt;
+        std::vector<float> deviations;
+        for (const cv::Point2d& middle : middles)
+            for (const double d : {middle.x - centre.x, middle.y - centre.y})
+                deviations.push_back(static_cast<float>(std::abs(d)));
+        const double scale = std::max(1.4826 * double{medianOf(deviations)}, 0.02);
+        cv::Point2d sum;
+        double weights = 0, squares = 0, paired = 0;
+        for (const cv::Point2d& middle : middles) {
+            const cv::Point2d d = middle - centre;
+            const double r = (d.x * d.x + d.y * d.y) / (9 * scale * scale);
+            if (r >= 1) continue;
+            const double weight = (1 - r) * (1 - r);
+            sum += weight * d;
+            weights += weight;
+            squares += weight * weight;
+            paired += 2;
+        }
+        // Where few spots have a partner, those that seem to are chance neighbours of a lattice.
+        const double share = paired / static_cast<double>(spots.size());
+        if (share < kLeastPaired) return std::nullopt;
+        centre += sum / weights;
+        reach = std::clamp(6 * scale, 1.0, 2.0);
+        if (iteration + 1 < kIterations && cv::norm(sum / weights) > 0.001) continue;
+        BeamCentre result;
+        result.x = centre.x;
+        result.y = centre.y;
+        const double scatter = scale * std::sqrt(squares) / (weights * share * share);
+        result.error = std::hypot(scatter, kErrorOfSpots);
+        if (std::hypot(result.x - start.x, result.y - start.y) > 2.0) return std::nullopt;
+        result.source = BeamCentre::Source::Pattern;
+        return result;
+    }
+    return std::nullopt;
+}
+
+std::vector<cv::Point2f> BeamCentreFinder::spotsOf(const cv::Mat_<float>& pattern) const {
+    constexpr double kSignificant = 7.0;  // standard deviations
+    cv::Mat_<float> smooth = smoothed(pattern, m_live, 1.0);
+    cv::Mat highest, dead;
+    cv::dilate(smooth, highest, cv::Mat::ones(3, 3, CV_8U));
+    if (m_hasDead) cv::dilate(m_dead, dead, cv::Mat::ones(7, 7, CV_8U));
+    std::vector<float> sizes;
+    for (int y = 0; y < smooth.rows; y += 3)
+        for (int x = 0; x < smooth.cols; x += 3)
+            sizes.push_back(std::abs(smooth(y, x)));
+    const double level = kSignificant * 1.4826 * double{medianOf(sizes)};
+    std::vector<cv::Point2f> spots;
+    constexpr int kBorder = 3;
+    for (int y = kBorder; y < smooth.rows - kBorder; ++y)
+        for (int x = kBorder; x < smooth.cols - kBorder; ++x) {
+            const float value = smooth(y, x);
+            if (value < level || value < highest.at<float>(y, x)) continue;
+            if (!dead.empty() && dead.at<uchar>(y, x)) continue;
+            const auto vertex = [value](float before, float after) {
+                const float curvature = before - 2 * value + after;
+                return curvature < 0 ? 0.5F * (before - after) / curvature : 0.0F;
+            };
+            spots.emplace_back(static_cast<float>(x) + vertex(smooth(y, x - 1), smooth(y, x + 1)),
+                               static_cast<float>(y) + vertex(smooth(y - 1, x), smooth(y + 1, x)));
+        }
+    return spots;
 }
 
 void BeamCentreFinder::prepare(const cv::Mat& frame, const cv::Mat& shadow) {
@@ -681,6 +813,7 @@ BeamCentre BeamCentreFinder::refine(const cv::Mat& image, cv::Point2d start, con
         centre.error = equations.error(disc.smoothing);
         if (centre.error < disc.largestError && equations.inliers > kFewestInliers)
             centre.source = BeamCentre::Source::Beam;
+        if (disc.roots) centre.error = std::hypot(centre.error, errorOfHalo(disc.radius));
         return centre;
     }
     return {};
@@ -699,21 +832,6 @@ std::optional<cv::Point2d> interpolatedCentre(std::span<const BeamCentre> centre
                             ? static_cast<double>(pattern - *before) / static_cast<double>(*after - *before)
                             : 0.0;
     return cv::Point2d(a.x + part * (b.x - a.x), a.y + part * (b.y - a.y));
-}
-
-void discardContradicted(std::span<BeamCentre> centres) {
-    std::vector<float> symmetries;
-    for (const BeamCentre& c : centres)
-        if (c.found()) symmetries.push_back(static_cast<float>(c.symmetry));
-    if (symmetries.empty()) return;
-    const double usual = medianOf(symmetries);
-    constexpr double kContradiction = 3.0;  // pixels; a beam that really jumps keeps its symmetry
-    for (std::size_t i = 0; i < centres.size(); ++i) {
-        if (!centres[i].found() || centres[i].symmetry > 0.5 * usual) continue;
-        const auto expected = interpolatedCentre(centres, i);
-        if (expected && std::hypot(centres[i].x - expected->x, centres[i].y - expected->y) > kContradiction)
-            centres[i].source = BeamCentre::Source::None;
-    }
 }
 
 bool completeFromNeighbours(std::span<BeamCentre> centres) {

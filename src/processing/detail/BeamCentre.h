@@ -10,6 +10,7 @@
 
 #include "processing/PatternCentre.h"
 #include "processing/ShadowMask.h"
+#include "processing/detail/CentreTrack.h"
 #include "processing/detail/Frame.h"
 #include "processing/detail/SeriesMean.h"
 
@@ -33,9 +34,9 @@ using BeamCentre = PatternCentre;
 /// A pattern that shows no beam is taken as a whole, without its background: a disc of nearly the whole frame
 /// is refined from the neighbouring patterns' centre and from the maxima of the correlation of the pattern
 /// with its own inversion (by Fourier transformation). Every node of a lattice, and every point between two
-/// of them, is a centre of inversion but for the intensities; a maximum that others nearly reach is therefore
-/// not taken. The phase correlation of the pattern with its inversion, which gives every spatial frequency
-/// the same weight, tells them apart: where most of it lies in one peak, that is the centre.
+/// of them, is a centre of inversion but for the intensities; which of these maxima is the centre is left to
+/// the series (CentreTrack). The phase correlation of the pattern with its inversion, which gives every
+/// spatial frequency the same weight, offers another one.
 class BeamCentreFinder {
 public:
     /// \param shadows  of patterns of this size, or empty
@@ -47,10 +48,10 @@ public:
 
     /// The direct beam.
     BeamCentre findBeam(const Frame& frame);
-    /// The centre of the pattern where there is no doubt about it.
-    BeamCentre findPattern(const Frame& frame);
-    /// The best of the centres close to \p expected; without expectation, the one that has no rival.
-    BeamCentre findPatternNear(const Frame& frame, std::optional<cv::Point2d> expected);
+    /// Places about which the whole pattern is symmetric, to a pixel or two.
+    std::vector<CentreCandidate> patternCandidates(const Frame& frame);
+    /// The most symmetric of the places close to \p expected.
+    BeamCentre findPatternNear(const Frame& frame, cv::Point2d expected);
     /// The beam's centre, or that of the pattern around it when that one is better defined.
     BeamCentre improveWithPattern(const Frame& frame, const BeamCentre& beam);
 
@@ -58,6 +59,7 @@ public:
     struct Symmetry {
         double correlation = -1;
         cv::Point2d centre;
+        double evidence = 0;  ///< correlation times the share of the disc that has opposite pixels
     };
 
 private:
@@ -113,6 +115,7 @@ private:
     Reduced reduce(const cv::Mat_<float>& pattern) const;
     /// By phase correlation; its response takes the place of the correlation.
     Symmetry phaseCentre(const Reduced& reduced) const;
+    Symmetry symmetryOf(const Reduced& reduced, cv::Point2d place) const;
     std::vector<Symmetry> symmetryCentres(const Reduced& reduced, std::optional<cv::Point2d> expected) const;
     std::vector<cv::Point> friedelCentres(const Reduced& reduced) const;
     cv::Mat_<float> smoothed(const cv::Mat& image, const cv::Mat& live, double sigma) const;
@@ -121,7 +124,11 @@ private:
     BeamCentre refine(const cv::Mat& image, cv::Point2d start, const Disc& disc) const;
     BeamCentre refineCoarse(cv::Point2d coarse) const;
     BeamCentre refineBeam(const BeamCentre& start, double radius) const;
-    BeamCentre refinePattern(const cv::Mat& pattern, cv::Point2d start) const;
+    BeamCentre refinePattern(const cv::Mat_<float>& pattern, cv::Point2d start) const;
+    /// From spots that lie opposite to each other, however bright they are; nothing when there are few.
+    std::optional<BeamCentre> refinePairs(const cv::Mat_<float>& pattern, cv::Point2d start) const;
+    /// Places of the spots, row after row.
+    std::vector<cv::Point2f> spotsOf(const cv::Mat_<float>& pattern) const;
     double radiusAround(cv::Point2d centre, double least) const;
     double riseAt(const BeamCentre& centre, double radius) const;
 
@@ -144,9 +151,6 @@ private:
 /// The centre between the nearest patterns that have one; before the first and after the last of them that of
 /// the nearest. Nothing when no pattern has one.
 std::optional<cv::Point2d> interpolatedCentre(std::span<const BeamCentre> centres, std::size_t pattern);
-
-/// Discards centres that their neighbours contradict and that show far less symmetry than the others.
-void discardContradicted(std::span<BeamCentre> centres);
 
 /// Gives patterns without a centre of their own that of their neighbours. False when no pattern has one.
 bool completeFromNeighbours(std::span<BeamCentre> centres);

@@ -1,0 +1,120 @@
+#include "processing/detail/CentreSearch.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace VRK::detail {
+namespace {
+
+/// The beams decide when so many patterns show theirs on one track.
+constexpr double kBeamsThatDecide = 0.7;
+/// A beam off the track has really moved when it is about as symmetric as those on it.
+constexpr double kAsSymmetric = 0.8;
+/// The series does not tell two tracks apart when one has so much of the other's evidence.
+constexpr double kAmbiguous = 0.9;
+
+}  // namespace
+
+CentreSearch::CentreSearch(int width, int height, unsigned patterns, const SeriesMean& mean,
+                           const ShadowMask& shadows)
+    : m_finder(width, height, shadows), m_candidates(patterns), m_centres(patterns) {
+    m_finder.learnHalo(mean);
+}
+
+void CentreSearch::look(unsigned look, unsigned pattern, const Frame& frame) {
+    const bool last = pattern + 1 == m_centres.size();
+    if (look == 0) {
+        findBeam(pattern, frame);
+        if (last) decideByBeams();
+    } else if (look == 1) {
+        if (!m_beamsDecide) addPattern(pattern, frame);
+        if (last && !m_beamsDecide) decideByAll();
+    } else {
+        refine(pattern, frame);
+    }
+}
+
+void CentreSearch::findBeam(unsigned pattern, const Frame& frame) {
+    const BeamCentre beam = m_finder.findBeam(frame);
+    if (beam.found() && beam.symmetry > 0) m_candidates[pattern].push_back({beam, beam.symmetry});
+}
+
+void CentreSearch::addPattern(unsigned pattern, const Frame& frame) {
+    constexpr double kSame = 3.0;  // pixels
+    std::vector<CentreCandidate>& known = m_candidates[pattern];
+    for (const CentreCandidate& candidate : m_finder.patternCandidates(frame)) {
+        const auto same = std::find_if(known.begin(), known.end(), [&](const CentreCandidate& other) {
+            return std::hypot(other.centre.x - candidate.centre.x, other.centre.y - candidate.centre.y) <
+                   kSame;
+        });
+        if (same == known.end())
+            known.push_back(candidate);
+        else
+            same->evidence += candidate.evidence;
+    }
+}
+
+void CentreSearch::decideByBeams() {
+    const CentreTrack track(m_candidates);
+    m_beamsDecide = track.count() > kBeamsThatDecide * static_cast<double>(m_centres.size());
+    if (!m_beamsDecide) return;
+    std::vector<double> symmetries;
+    for (std::size_t i = 0; i < m_centres.size(); ++i) {
+        if (track.chosen()[i] < 0) continue;
+        m_centres[i] = m_candidates[i].front().centre;
+        symmetries.push_back(m_centres[i].symmetry);
+    }
+    const auto middle = symmetries.begin() + static_cast<std::ptrdiff_t>(symmetries.size() / 2);
+    std::nth_element(symmetries.begin(), middle, symmetries.end());
+    for (std::size_t i = 0; i < m_centres.size(); ++i) {
+        if (m_centres[i].found() || m_candidates[i].empty()) continue;
+        const PatternCentre& beam = m_candidates[i].front().centre;
+        if (beam.symmetry > kAsSymmetric * *middle) m_centres[i] = beam;
+    }
+}
+
+void CentreSearch::decideByAll() {
+    const CentreTrack track(m_candidates);
+    for (std::size_t i = 0; i < m_centres.size(); ++i)
+        if (const int chosen = track.chosen()[i]; chosen >= 0)
+            m_centres[i] = m_candidates[i][static_cast<std::size_t>(chosen)].centre;
+    m_ambiguous = track.rivalry() > kAmbiguous;
+}
+
+void CentreSearch::refine(unsigned pattern, const Frame& frame) {
+    PatternCentre& centre = m_centres[pattern];
+    if (centre.source == PatternCentre::Source::Beam) {
+        constexpr double kGood = 0.06;  // pixels
+        if (centre.error > kGood) centre = m_finder.improveWithPattern(frame, centre);
+        return;
+    }
+    const auto expected = centre.found() ? std::optional<cv::Point2d>({centre.x, centre.y})
+                                         : interpolatedCentre(m_centres, pattern);
+    if (expected) centre = m_finder.findPatternNear(frame, *expected);
+}
+
+std::vector<PatternCentre> CentreSearch::finish() {
+    if (completeFromNeighbours(m_centres)) mark();
+    return m_centres;
+}
+
+void CentreSearch::mark() {
+    constexpr double kSure = 0.5;  // pixels
+    constexpr std::size_t kFarNeighbour = 3;
+    std::optional<std::size_t> before;
+    for (std::size_t i = 0; i < m_centres.size(); ++i) {
+        PatternCentre& centre = m_centres[i];
+        centre.doubtful = m_ambiguous || centre.error > kSure;
+        if (!centre.found()) continue;
+        const bool far = before ? i - *before > kFarNeighbour : i > kFarNeighbour;
+        const bool step = before && isStep(m_centres[*before], centre, i - *before);
+        centre.jumped = step;
+        for (std::size_t k = before ? *before + 1 : 0; k < i; ++k)
+            m_centres[k].doubtful = m_centres[k].doubtful || far || step;
+        before = i;
+    }
+    for (std::size_t k = before ? *before + 1 : 0; k < m_centres.size(); ++k)
+        if (k - before.value_or(0) > kFarNeighbour) m_centres[k].doubtful = true;
+}
+
+}  // namespace VRK::detail

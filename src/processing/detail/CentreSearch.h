@@ -1,0 +1,47 @@
+/// \file
+/// The search for the centres of a series.
+#pragma once
+
+#include <vector>
+
+#include "processing/ShadowMask.h"
+#include "processing/detail/BeamCentre.h"
+#include "processing/detail/CentreTrack.h"
+#include "processing/detail/Frame.h"
+#include "processing/detail/SeriesMean.h"
+
+namespace VRK::detail {
+
+/// Looks at every pattern three times: for its direct beam; where the beams of the series do not make a
+/// track, for every place about which the pattern is symmetric; and, when the series has decided, closely at
+/// the place where the centre has to be.
+class CentreSearch {
+public:
+    CentreSearch(int width, int height, unsigned patterns, const SeriesMean& mean, const ShadowMask& shadows);
+
+    static constexpr unsigned kLooks = 3;
+    /// \param look     0 to kLooks - 1, in this order, each for all patterns
+    /// \param pattern  its number
+    void look(unsigned look, unsigned pattern, const Frame& frame);
+
+    /// The centres, when all is done; of source None, all of them, when nothing was found.
+    std::vector<PatternCentre> finish();
+    /// Whether the series shows enough to tell its centre from others.
+    bool isAmbiguous() const { return m_ambiguous; }
+
+private:
+    void findBeam(unsigned pattern, const Frame& frame);
+    void addPattern(unsigned pattern, const Frame& frame);
+    void refine(unsigned pattern, const Frame& frame);
+    void decideByBeams();
+    void decideByAll();
+    void mark();
+
+    BeamCentreFinder m_finder;
+    std::vector<std::vector<CentreCandidate>> m_candidates;
+    std::vector<PatternCentre> m_centres;
+    bool m_beamsDecide = false;
+    bool m_ambiguous = false;
+};
+
+}  // namespace VRK::detail
