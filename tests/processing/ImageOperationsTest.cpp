@@ -124,14 +124,14 @@ TEST(ImageOperations, FindsTheGroupsThatAFloodFillFinds) {
     for (int start = 0; start < kWidth * kHeight; ++start) {
         if (!mask[static_cast<std::size_t>(start)] || flooded[static_cast<std::size_t>(start)]) continue;
         ++count;
-        std::vector<int> todo{start};
+        std::vector<int> waiting{start};
         flooded[static_cast<std::size_t>(start)] = count;
         int area = 0, right = 0;
         double sum = 0;
         const int label = labels[static_cast<std::size_t>(start)];
-        while (!todo.empty()) {
-            const int x = todo.back() % kWidth, y = todo.back() / kWidth;
-            todo.pop_back();
+        while (!waiting.empty()) {
+            const int x = waiting.back() % kWidth, y = waiting.back() / kWidth;
+            waiting.pop_back();
             ++area;
             sum += x;
             right = std::max(right, x + 1);
@@ -141,7 +141,7 @@ TEST(ImageOperations, FindsTheGroupsThatAFloodFillFinds) {
                 if (nx < 0 || ny < 0 || nx >= kWidth || ny >= kHeight) continue;
                 if (!mask[at(nx, ny)] || flooded[at(nx, ny)]) continue;
                 flooded[at(nx, ny)] = count;
-                todo.push_back(ny * kWidth + nx);
+                waiting.push_back(ny * kWidth + nx);
             }
         }
         ASSERT_TRUE(label >= 1 && label <= static_cast<int>(regions.size()));
