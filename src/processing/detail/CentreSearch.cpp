@@ -84,7 +84,7 @@ void CentreSearch::decideByAll() {
 void CentreSearch::refine(unsigned pattern, const Frame& frame) {
     PatternCentre& centre = m_centres[pattern];
     if (centre.source == PatternCentre::Source::Beam) {
-        constexpr double kGood = 0.06;  // pixels
+        constexpr double kGood = 0.045;  // pixels
         if (centre.error > kGood) centre = m_finder.improveWithPattern(frame, centre);
         return;
     }
