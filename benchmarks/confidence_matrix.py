@@ -3,6 +3,7 @@
 against the truth: which share of the answers is right at each level?
 
 Usage: confidence_matrix.py VRK [--cases N] [--seed S] [--jobs J] [--size PIXELS] [--only CLASS] [--verbose]
+                                 [--save FILE]
 
 Every other series is spoiled. All settings are drawn at random from the seed and the number of the case, so that the
 first cases of a longer run are those of a shorter one. An answer is right when it is the true lattice: edges of the
@@ -108,14 +109,17 @@ class Case:
             "halo-gradient": rng.uniform(-0.2, 0.2), "hot-pixels": rng.choice([0, 0, 40]),
             "missing": rng.choice([0, 0, 0, 3])}
         self.flags = ["--write-axis"] + rng.choice([[], [], [], ["--cross"]])
-        self.spoil(rng, scale)
+        self.spoil(rng, scale, reach)
+        self.summary = None
 
-    def spoil(self, rng, scale):
+    def spoil(self, rng, scale, reach):
         options = self.options
         if self.kind == "wrong axis":
             options["state-axis"] = self.axis + rng.choice([-1, 1]) * 2 * 20 ** rng.random()
         elif self.kind == "wrong step":
-            options["state-step"] = self.step * rng.choice([rng.uniform(0.7, 0.93), rng.uniform(1.07, 1.35)])
+            wrong = self.step * rng.choice([rng.uniform(0.7, 0.93), rng.uniform(1.07, 1.35)])
+            # Tilts beyond 90 degrees are refused.
+            options["state-step"] = min(wrong, 1.3 * self.step, (reach + 88) / (2 * reach) * self.step)
         elif self.kind == "two crystals":
             options["second-crystal"] = rng.uniform(0.8, 1.0)
         elif self.kind == "noise only":
@@ -165,7 +169,7 @@ class Case:
                 return "none", False, done.stderr.strip().splitlines()[-1]
             if done.returncode != 0:
                 return "failed", False, f"exit {done.returncode}: {done.stderr.strip()[-200:]}"
-            summary = json.loads(done.stdout)
+            summary = self.summary = json.loads(done.stdout)
         found = [summary["cell"]["reduced"][key] for key in ("a", "b", "c", "alpha", "beta", "gamma")]
         word = (" ".join(f"{x:.2f}" for x in found) + " for " + " ".join(f"{x:.2f}" for x in truth)
                 + f", {100 * summary['reflections']['fraction_indexed']:.0f} % of {summary['reflections']['found']}")
@@ -212,6 +216,7 @@ def main():
     parser.add_argument("--jobs", type=int, default=1)
     parser.add_argument("--size", type=int, default=256)
     parser.add_argument("--only", default="", help="only classes whose name contains this")
+    parser.add_argument("--save", help="file that gets a line of JSON for every case, with the summary of the run")
     parser.add_argument("--verbose", action="store_true", help="a line for every case")
     options = parser.parse_args()
     cases = [Case(i, options.seed, options.size) for i in range(options.cases)]
@@ -221,6 +226,11 @@ def main():
         for case, result in zip(cases, pool.map(lambda case: case.run(options.vrk), cases)):
             results.append((case, result))
             level, right, word = result
+            if options.save:
+                with open(options.save, "a", encoding="utf-8") as file:
+                    print(json.dumps({"number": case.number, "kind": case.kind, "bravais": case.bravais,
+                                      "simulation": shlex.join(case.simulation()), "level": level, "right": right,
+                                      "word": word, "summary": case.summary}), file=file)
             misleading = level in GOALS and not right
             if misleading or level == "failed" or options.verbose:
                 print(f"{case.number:3} {case.kind:16} {case.bravais} {level:6} {'right' if right else 'WRONG'}  {word}",

@@ -22,6 +22,8 @@ constexpr double kSmallestSigma = 1e-4;    // voxels
 constexpr std::size_t kFewestPoints = 60;  // for a term to be tried
 constexpr std::size_t kEnoughPoints = 2500;
 constexpr double kLeastShift = 0.05;  // voxels that a term must move reflections
+/// By which the variance of a term may grow since the cell and other terms are refined with it.
+constexpr double kMostInflation = 30.0;
 /// Steps of the numerical derivatives: far below what matters, far above rounding.
 constexpr double kStep = 1e-6;
 
@@ -216,6 +218,19 @@ std::vector<std::vector<InstrumentTerm>> candidates(const CellTies& ties) {
     return groups;
 }
 
+/// Whether the reflections tell the terms from all else that is refined, the cell above all. In a narrow
+/// wedge a scale of the tilts is nearly a change of the cell: what little tells them apart then is the error
+/// of the positions, and the cell is bent to it.
+bool areDistinct(Fit& fit, State state, const Terms& used) {
+    fit.assess(state);
+    const MatrixXd matrix = fit.normalMatrix(state, used);
+    const VectorXd scale = matrix.diagonal().cwiseMax(1e-300).cwiseSqrt().cwiseInverse();
+    const MatrixXd scaled = scale.asDiagonal() * matrix * scale.asDiagonal();
+    const auto terms = static_cast<Eigen::Index>(std::count(used.begin(), used.end(), true));
+    const MatrixXd inverse = scaled.ldlt().solve(MatrixXd::Identity(matrix.rows(), terms));
+    return inverse.allFinite() && inverse.diagonal().maxCoeff() < kMostInflation;
+}
+
 /// Half of the information criterion's gain of a trial over a state, with as many more numbers.
 double gainOf(const Fit& fit, const State& state, const State& trial, std::size_t numbers) {
     const double count = 3.0 * static_cast<double>(fit.size());
@@ -239,7 +254,7 @@ State select(Fit& fit, State state, const CellTies& ties, Terms& used) {
             const bool matters = std::any_of(left[i].begin(), left[i].end(), [&](InstrumentTerm term) {
                 return fit.shiftOf(trial, term) > kLeastShift;
             });
-            if (!matters || !(gain > bestGain)) continue;
+            if (!matters || !(gain > bestGain) || !areDistinct(fit, trial, trialTerms)) continue;
             best = trial;
             bestGain = gain;
             chosen = i;

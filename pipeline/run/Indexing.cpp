@@ -25,6 +25,10 @@ constexpr std::size_t kEnoughReflections = 150;
 constexpr double kSameSpread = 1.04;
 constexpr double kSmallSpread = 0.01;  // voxels
 constexpr double kSameIndexed = 0.98;
+/// What ties may add to the mean distance: this share, which errors that reflections have in common may cost,
+/// or where they are few what this loss of likelihood, in nats, comes to.
+constexpr double kSameDistance = 1.01;
+constexpr double kSameLikelihood = 10.0;
 
 std::optional<RefinedPositions> refine(const Level& level, const Lattice& start, const SeriesFacts& facts,
                                        const CellTies& ties = {}) {
@@ -95,6 +99,25 @@ void takeInstrument(Indexed& result) {
     result.refined.lattice = describe(fit, {});
 }
 
+/// Whether reflections lie as close to the nodes with ties as without.
+bool areAsClose(const RefinedLattice& tied, const RefinedLattice& free) {
+    const double fewCost = std::exp(kSameLikelihood / (3.0 * std::max(free.indexed, 1)));
+    return tied.sigma <= kSameSpread * free.sigma + kSmallSpread &&
+           tied.rms <= std::hypot(std::max(kSameDistance, fewCost) * free.rms, kSmallSpread) &&
+           tied.indexed >= kSameIndexed * free.indexed;
+}
+
+/// The answer to the front where no ties were accepted: the triclinic one when the reflections refuse all
+/// others, the most exact when they were too few to be asked.
+void preferExactFit(std::vector<LatticeCharacter>& characters, const RefinedLattice& lattice, bool refused) {
+    const std::array<double, 6>& sigma = lattice.cellSigma;
+    LatticeSymmetry::preferExactFit(characters, *std::max_element(sigma.begin() + 3, sigma.end()));
+    if (!refused) return;
+    std::stable_partition(characters.begin(), characters.end(), [](const LatticeCharacter& character) {
+        return character.bravaisType == LATTICE::aP;
+    });
+}
+
 /// The symmetry of the lattice, with the instrument's distortion taken into account: of the types that the
 /// cell nearly has, the highest whose ties leave the reflections as close to the nodes as no ties at all do.
 void analyseSymmetry(Indexed& result, const ReciprocalVolume& volume, const Lattice& start) {
@@ -110,17 +133,12 @@ void analyseSymmetry(Indexed& result, const ReciprocalVolume& volume, const Latt
     result.characters = LatticeSymmetry::analyse(from.toUnitCell(), kSymmetryTolerances);
     if (result.characters.empty())
         throw Failure("the refined cell spans no lattice; " + whatToTry(), FailureKind::NothingFound);
-    const std::array<double, 6>& sigma = result.refined.lattice.cellSigma;
-    LatticeSymmetry::preferExactFit(result.characters, *std::max_element(sigma.begin() + 3, sigma.end()));
-
     const RefinedInstrument free = result.instrument;
     for (std::size_t i = 0; free.valid && i < result.characters.size(); ++i) {
         const CellTies ties = CellTies::of(result.characters[i].bravaisType, matrixOf(result.characters[i]));
         if (!ties.any) continue;
         RefinedInstrument tied = instrument(ties);
-        if (!tied.valid || tied.lattice.sigma > kSameSpread * free.lattice.sigma + kSmallSpread ||
-            tied.lattice.indexed < kSameIndexed * free.lattice.indexed)
-            continue;
+        if (!tied.valid || !areAsClose(tied.lattice, free.lattice)) continue;
         std::rotate(result.characters.begin(), result.characters.begin() + static_cast<std::ptrdiff_t>(i),
                     result.characters.begin() + static_cast<std::ptrdiff_t>(i) + 1);
         result.instrument = std::move(tied);
@@ -128,6 +146,7 @@ void analyseSymmetry(Indexed& result, const ReciprocalVolume& volume, const Latt
         result.conventional = result.instrument.lattice;
         return;
     }
+    preferExactFit(result.characters, result.refined.lattice, free.valid);
     const CellTies ties = CellTies::of(result.symmetry().bravaisType, result.toConventional());
     from.origin = start.origin;
     const std::optional<RefinedPositions> tied = refine(result.level, from, volume.facts, ties);
