@@ -46,7 +46,7 @@ constexpr const char* kSmallSeries = "--size 64 --dmin 2 --tilts 10:-10:-2 --cel
 const std::vector<Command> kCommands = {
     {"run series.mrc -o out --json --no-pictures",
      {{"--tilt-axis 5.9", "/tilt_axis/angle_deg=5.9 /tilt_axis/source=option"},
-      {"--tilt-axis none", "/tilt_axis/stated_deg=0 /tilt_axis/source=refined"},
+      {"--tilt-axis none", "/tilt_axis/angle_deg!"},
       {"--pixel-size 5e7", "/input/pixel_size=5e7 /cell/reduced/a>"},
       {"--voltage 60", "/parameters/voltage_kv=60 /handedness/residual_plus_px!"},
       {"--fine-calibration cal.txt", "/input/pixel_size=1.7e8"},

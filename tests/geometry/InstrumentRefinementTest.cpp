@@ -2,91 +2,30 @@
 
 #include <gtest/gtest.h>
 
-#include <Eigen/Geometry>
-
 #include <cmath>
-#include <numbers>
-#include <random>
 
-#include "indexing/EwaldCurvature.h"
-#include "support/SimulatedReflections.h"
+#include "support/RecordedReflections.h"
 
 namespace {
 
-constexpr double kPixelSize = 5.0e7;
-constexpr double kDegree = std::numbers::pi / 180.0;
-constexpr double kHalfWidth = 256.0;
+using vrk::test::Distortion;
+using vrk::test::kDegree;
 
-struct Distortion {
-    double axisTurn = 0.0;  // degrees
-    double ellipse = 0.0;
-    double azimuth = 0.0;  // degrees
-    double radial = 0.0;
-    double tiltScale = 1.0;
-    double axisTilt = 0.0;  // degrees
-};
-
-/// Places of the volume at which an instrument with distortions shows the reflections of a cell.
-struct Recorded {
+struct Recorded : vrk::test::Recorded {
+    using vrk::test::Recorded::Recorded;
     Recorded(const std::array<double, 6>& cell, const Distortion& distortion, double noise, unsigned seed)
-        : truth(reciprocalVectors(directCellOf(cell, seed, kPixelSize))) {
-        std::mt19937 random(seed);
-        std::normal_distribution<double> normal(0.0, noise);
-        std::uniform_real_distribution<double> uniform(0.0, 1.0);
-        const double wavelength = EwaldCurvature::wavelength(200.0) * kPixelSize * 1e-10;
-        const Eigen::Vector3d axis(0.0, std::cos(distortion.axisTilt * kDegree),
-                                   std::sin(distortion.axisTilt * kDegree));
-        forEachNode(truth, 220.0, [&](int, int, int, const Vec3& node) {
-            if (uniform(random) > 0.25) return;
-            const Eigen::Vector3d g(node.data());
-            // Where the node crosses the sphere, height = -|g|^2 lambda / 2 for the sense +1.
-            const auto heightAt = [&](double tilt) {
-                return (Eigen::AngleAxisd(tilt, axis) * g).z() + 0.5 * g.squaredNorm() * wavelength;
-            };
-            for (double tilt = -60.0; tilt < 60.0; tilt += 1.0) {
-                double low = tilt * kDegree, high = (tilt + 1.0) * kDegree;
-                if (heightAt(low) * heightAt(high) > 0.0) continue;
-                for (int i = 0; i < 30; ++i) {
-                    const double middle = 0.5 * (low + high);
-                    (heightAt(low) * heightAt(middle) <= 0.0 ? high : low) = middle;
-                }
-                record(Eigen::AngleAxisd(low, axis) * g, low / distortion.tiltScale, distortion);
-                for (double& coordinate : positions.back())
-                    coordinate += normal(random);
-                break;
-            }
-        });
-    }
-
-    void record(const Eigen::Vector3d& q, double tilt, const Distortion& d) {
-        // From the true axis to the assumed one, then the lenses.
-        const double turn = d.axisTurn * kDegree;
-        Eigen::Vector2d p(q.x() * std::cos(turn) - q.y() * std::sin(turn),
-                          q.x() * std::sin(turn) + q.y() * std::cos(turn));
-        p *= 1.0 + d.radial * p.squaredNorm() / (kHalfWidth * kHalfWidth);
-        Eigen::Matrix2d stretch;
-        const double c = d.ellipse * std::cos(2.0 * d.azimuth * kDegree);
-        const double s = d.ellipse * std::sin(2.0 * d.azimuth * kDegree);
-        stretch << 1.0 + c, s, s, 1.0 - c;
-        p = stretch * p;
-        positions.push_back(centre + Eigen::Vector3d(p.x() * std::cos(tilt), p.y(), p.x() * std::sin(tilt)));
-        tilts.push_back(tilt);
-    }
+        : Recorded(cell, distortion, {.noise = noise, .seed = seed}) {}
 
     vrk::RefinedInstrument refined(const vrk::CellTies& ties) const {
         vrk::InstrumentSettings settings;
-        settings.halfWidth = kHalfWidth;
+        settings.halfWidth = vrk::test::kHalfWidth;
         settings.wavelength = EwaldCurvature::wavelength(200.0);
         settings.sense = 1;
         settings.ties = ties;
-        return vrk::refineInstrument(
-            positions, tilts, vrk::Lattice::of(reciprocalCell(truth, kPixelSize), centre), centre, settings);
+        return vrk::refineInstrument(positions, tilts,
+                                     vrk::Lattice::of(reciprocalCell(truth, vrk::test::kPixelSize), centre),
+                                     centre, settings);
     }
-
-    Mat3 truth;
-    Eigen::Vector3d centre = {255.5, 255.5, 221.5};
-    std::vector<Eigen::Vector3d> positions;
-    std::vector<double> tilts;
 };
 
 const std::array<double, 6> kTriclinic = {6.3, 8.1, 9.9, 82.0, 97.0, 104.0};
@@ -144,6 +83,21 @@ TEST(InstrumentRefinement, AllTermsAtOnce) {
     EXPECT_NEAR(found.model[vrk::InstrumentTerm::TiltScale], 1.0 / 1.0 * (0.985 - 1.0), 1e-3);
     EXPECT_NEAR(found.lattice.cell[0], 8.2, 0.004);
     EXPECT_GT(found.rmsBefore, 1.5 * found.lattice.rms);
+}
+
+TEST(InstrumentRefinement, LeavesOutWhatANarrowWedgeCannotTellFromTheCell) {
+    for (unsigned seed = 1; seed <= 8; ++seed) {
+        const Recorded data(
+            kTriclinic, {},
+            {.noise = 0.15, .seed = seed, .tiltFirst = -17, .tiltLast = 3, .share = 0.8, .step = 1});
+        const vrk::RefinedInstrument found = data.refined({});
+        ASSERT_TRUE(found.valid);
+        EXPECT_FALSE(found.uses(vrk::InstrumentTerm::TiltScale)) << seed;
+        for (std::size_t i = 0; i < 3; ++i) {
+            EXPECT_NEAR(found.lattice.cell[i], kTriclinic[i], 0.01 * kTriclinic[i]) << seed;
+            EXPECT_NEAR(found.lattice.cell[i + 3], kTriclinic[i + 3], 1) << seed;
+        }
+    }
 }
 
 TEST(InstrumentRefinement, InventsNothing) {

@@ -1,0 +1,145 @@
+#include "pipeline/latticesearch/Confidence.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+
+namespace {
+
+using vrk::Completeness;
+using vrk::Confidence;
+using vrk::LatticeEvidence;
+
+/// Evidence that leaves no doubt.
+LatticeEvidence sound() {
+    LatticeEvidence known;
+    known.score = {.points = 100, .indexed = 90, .radius = 1, .chance = 0.02, .evidence = 400};
+    known.rivalEvidence = 100;
+    known.indexedShare = 0.95;
+    Completeness nodes;
+    nodes.shells.fill({40, 32});
+    nodes.parities.fill({50, 40});
+    nodes.all = nodes.core = {400, 320};
+    known.completeness = nodes;
+    return known;
+}
+
+TEST(Confidence, EachDoubtLowersItAndIsNamed) {
+    const struct {
+        const char* reason;
+        std::function<void(LatticeEvidence&)> change;
+        Confidence level;
+    } cases[] = {
+        {"", [](LatticeEvidence&) {}, Confidence::High},
+        {"few reflections", [](LatticeEvidence& e) { e.score.evidence = 299; }, Confidence::Fair},
+        {"few reflections", [](LatticeEvidence& e) { e.score.evidence = 119; }, Confidence::Low},
+        {"59 % of the reflections lie near", [](LatticeEvidence& e) { e.score.indexed = 59; },
+         Confidence::Fair},
+        {"39 % of the reflections lie near", [](LatticeEvidence& e) { e.score.indexed = 39; },
+         Confidence::Low},
+        {"79 % of the reflections are indexed", [](LatticeEvidence& e) { e.indexedShare = 0.79; },
+         Confidence::Fair},
+        {"49 % of the reflections are indexed", [](LatticeEvidence& e) { e.indexedShare = 0.49; },
+         Confidence::Low},
+        {"were found where most were",
+         [](LatticeEvidence& e) {
+             e.completeness->shells.fill({40, 17});
+         },
+         Confidence::Fair},
+        {"were found where most were",
+         [](LatticeEvidence& e) {
+             e.completeness->shells.fill({40, 9});
+         },
+         Confidence::Low},
+        {"classes of nodes",
+         [](LatticeEvidence& e) {
+             e.completeness->parities[3] = {50, 20};
+         },
+         Confidence::Fair},
+        {"classes of nodes",
+         [](LatticeEvidence& e) {
+             e.completeness->parities[3] = {50, 7};
+         },
+         Confidence::Low},
+        {"",
+         [](LatticeEvidence& e) {
+             e.completeness->parities[3] = {24, 0};
+         },
+         Confidence::High},
+        {"another lattice has 91 %", [](LatticeEvidence& e) { e.rivalEvidence = 0.91 * e.score.evidence; },
+         Confidence::Fair},
+        {"assumed", [](LatticeEvidence& e) { e.axisAssumed = true; }, Confidence::Fair},
+        {"not known which part", [](LatticeEvidence& e) { e.completeness.reset(); }, Confidence::Fair},
+        {"", [](LatticeEvidence& e) { e.indexedShare.reset(); }, Confidence::High},
+    };
+    for (const auto& one : cases) {
+        LatticeEvidence known = sound();
+        one.change(known);
+        const vrk::Verdict verdict = vrk::verdictOn(known);
+        EXPECT_EQ(verdict.level, one.level) << one.reason;
+        ASSERT_EQ(verdict.reasons.size(), *one.reason ? 1U : 0U) << one.reason;
+        if (*one.reason) {
+            EXPECT_NE(verdict.reasons[0].find(one.reason), std::string::npos) << verdict.reasons[0];
+        }
+    }
+}
+
+TEST(Confidence, ChanceConvincesNobody) {
+    EXPECT_TRUE(vrk::isConvincing({.points = 100, .indexed = 16, .evidence = 61}));
+    EXPECT_FALSE(vrk::isConvincing({.points = 100, .indexed = 14, .evidence = 61}));
+    EXPECT_FALSE(vrk::isConvincing({.points = 100, .indexed = 90, .evidence = 59}));
+}
+
+/// Of a simple cubic lattice of ten voxels, in which the indices that are asked for were found.
+Completeness completeness(const std::function<bool(const vrk::Indices&)>& isFound, int tiltLast = 60) {
+    vrk::Lattice lattice;
+    lattice.basis = 10 * Eigen::Matrix3d::Identity();
+    lattice.pixelSize = 5e7;
+    std::vector<vrk::Indices> found = {{vrk::kNotIndexed, vrk::kNotIndexed, vrk::kNotIndexed}};
+    vrk::RecordedSpace space{
+        .tiltFirst = -60 * M_PI / 180, .tiltLast = tiltLast * M_PI / 180, .halfWidth = 128, .zeroBeam = 15};
+    for (int h = -9; h <= 9; ++h)
+        for (int k = -9; k <= 9; ++k)
+            for (int l = -9; l <= 9; ++l) {
+                const Eigen::Vector3d place(10 * h, 10 * k, 10 * l);
+                if (place.norm() > 90 || std::isnan(space.tiltOf(place, 5e7)) || !isFound({h, k, l}))
+                    continue;
+                found.insert(found.end(), 2, {h, k, l});
+            }
+    return vrk::completenessOf(lattice, found, space);
+}
+
+TEST(Completeness, CountsTheNodesThatWereRecorded) {
+    const Completeness whole = completeness([](const vrk::Indices&) { return true; });
+    EXPECT_GT(whole.all.nodes, 1500) << "two thirds of 3053 nodes in the sphere";
+    EXPECT_EQ(whole.all.share(), 1);
+    EXPECT_EQ(whole.bestShell(), 1);
+    EXPECT_EQ(whole.evenness(), 1);
+    EXPECT_NEAR(whole.limit, 90, 3);
+    EXPECT_NEAR(whole.halfRadius, whole.limit, 1e-9);
+    // A third of the wedge has a third of the nodes: those outside are not missing.
+    const Completeness narrow = completeness([](const vrk::Indices&) { return true; }, -20);
+    EXPECT_NEAR(narrow.all.nodes, whole.all.nodes / 3.0, 0.1 * whole.all.nodes);
+    EXPECT_EQ(narrow.all.share(), 1);
+}
+
+TEST(Completeness, KnowsEmptyClassesAndShells) {
+    const Completeness doubled = completeness([](const vrk::Indices& hkl) { return hkl[2] % 2 == 0; });
+    EXPECT_NEAR(doubled.all.share(), 0.5, 0.05);
+    EXPECT_EQ(doubled.evenness(), 0);
+    const Completeness weak = completeness([](const vrk::Indices& hkl) {
+        return hkl[2] % 2 == 0 || (std::abs(hkl[0]) / 2 + std::abs(hkl[1]) / 2) % 2 == 0;
+    });
+    EXPECT_NEAR(weak.evenness(), 0.5, 0.1);
+    // Beyond half the radius one in seven is found: that is no lack of the core's.
+    const Completeness fading = completeness([](const vrk::Indices& hkl) {
+        return hkl[0] * hkl[0] + hkl[1] * hkl[1] + hkl[2] * hkl[2] < 36 || (hkl[0] + 2 * hkl[1]) % 7 == 0;
+    });
+    EXPECT_LT(fading.all.share(), 0.5);
+    EXPECT_EQ(fading.bestShell(), 1);
+    EXPECT_GT(fading.core.share(), 0.9);
+    EXPECT_GT(fading.evenness(), 0.9);
+    EXPECT_NEAR(fading.halfRadius, 60, 6);
+}
+
+}  // namespace

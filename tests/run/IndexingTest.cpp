@@ -1,0 +1,145 @@
+// The choices on the way from a lattice to indexed reflections.
+#include "pipeline/run/Indexing.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+
+#include "pipeline/base/Failure.h"
+#include "support/RecordedReflections.h"
+
+namespace {
+
+using vrk::test::Recorded;
+
+TEST(ChooseLevel, GoesDownWhileTheLatticeHoldsAndUpWhereThatIsCleaner) {
+    using Shares =
+        std::vector<vrk::LevelShare>;  // by rising threshold; without reflections: not to be indexed
+    const struct {
+        const char* name;
+        std::size_t found;
+        Shares shares;
+        std::size_t chosen;
+    } cases[] = {
+        {"all clean", 2, {{900, 890}, {500, 495}, {200, 199}}, 0},
+        {"the lowest is noise", 2, {{5000, 1500}, {500, 490}, {200, 199}}, 1},
+        {"stops at the first that is dirty", 2, {{900, 890}, {500, 400}, {200, 199}}, 2},
+        {"never clean, most of what comes is indexed", 2, {{900, 790}, {500, 450}, {200, 180}}, 0},
+        {"never clean, little of what comes is indexed", 2, {{900, 700}, {500, 450}, {200, 180}}, 1},
+        {"one that cannot be indexed ends it", 2, {{900, 890}, {0, 0}, {200, 199}}, 2},
+        {"clearly cleaner above", 0, {{900, 700}, {400, 350}, {200, 199}}, 2},
+        {"hardly cleaner above", 0, {{900, 700}, {400, 316}, {200, 199}}, 0},
+        {"cleaner, but too few", 0, {{900, 700}, {150, 149}, {100, 100}}, 0},
+        {"clean enough", 0, {{900, 815}, {400, 399}}, 0},
+        {"not even the first", 1, {{900, 815}, {0, 0}, {400, 399}}, 1},
+    };
+    for (const auto& one : cases) {
+        std::map<std::size_t, int> asked;
+        const auto share = [&](std::size_t i) -> std::optional<vrk::LevelShare> {
+            ++asked[i];
+            return one.shares[i].reflections ? std::optional(one.shares[i]) : std::nullopt;
+        };
+        EXPECT_EQ(vrk::chooseLevel(one.found, one.shares.size(), share), one.chosen) << one.name;
+        for (const auto& [level, times] : asked)
+            EXPECT_EQ(times, 1) << one.name << ", level " << level;
+    }
+}
+
+std::unique_ptr<VoxMRCData> blankVolume() {
+    const auto size = static_cast<unsigned>(2 * vrk::test::kHalfWidth);
+    return std::unique_ptr<VoxMRCData>(VoxMRCData::Create3D(size, size, 2));
+}
+
+/// The reflections of a crystal as one level, with the lattice that the search would hand on.
+struct Found {
+    Found(const std::array<double, 6>& cell, const vrk::test::Distortion& distortion,
+          const vrk::test::Recording& recording)
+        : data(cell, distortion, recording) {
+        volume.facts.tiltFirst = recording.tiltFirst;
+        volume.facts.tiltLast = recording.tiltLast;
+        volume.facts.pixelSize = vrk::test::kPixelSize;
+        volume.facts.kiloVolts = 200;
+        level.threshold = 20;
+        level.zeroBeam = 5;
+        for (std::size_t i = 0; i < data.positions.size(); ++i) {
+            const Eigen::Vector3d position = data.positions[i] - data.centre + volume.centre();
+            level.reflections.push_back({position, position, data.tilts[i], 100});
+        }
+        choice.best.lattice =
+            vrk::Lattice::of(reciprocalCell(data.truth, vrk::test::kPixelSize), volume.centre());
+        choice.best.score = {.points = 100, .indexed = 98, .radius = 1, .chance = 0.01, .evidence = 500};
+    }
+
+    vrk::Indexed indexed(const char* axisSource = "header") {
+        vrk::Observer silent;
+        vrk::Session session(silent);
+        vrk::TiltAxis axis;
+        axis.source = axisSource;
+        return vrk::indexReflections({level}, choice, volume, axis, session);
+    }
+
+    Recorded data;
+    vrk::ReciprocalVolume volume = {blankVolume(),
+                                    SamplingGeometry(8, std::vector<float>{-60, 60}, 8),
+                                    vrk::RadialNoise(*blankVolume()),
+                                    {}};
+    vrk::Level level;
+    vrk::LatticeChoice choice;
+};
+
+TEST(IndexReflections, TheTypeIsTheHighestThatTheReflectionsBear) {
+    const struct {
+        const char* name;
+        std::array<double, 6> cell;
+        double ellipse;
+        double noise;
+        LATTICE::BravaisTypes type;
+    } cases[] = {
+        {"cubic", {7, 7, 7, 90, 90, 90}, 0, 0.3, LATTICE::cP},
+        {"cubic behind an ellipse", {7, 7, 7, 90, 90, 90}, 0.012, 0.3, LATTICE::cP},
+        {"cubic, blurred", {7, 7, 7, 90, 90, 90}, 0.004, 0.9, LATTICE::cP},
+        {"tetragonal behind an ellipse", {5.5, 5.5, 9, 90, 90, 90}, 0.012, 0.3, LATTICE::tP},
+        {"hexagonal behind an ellipse", {6, 6, 9, 90, 90, 120}, 0.012, 0.3, LATTICE::hP},
+        {"edges of an orthorhombic cell 1.5 % apart", {6, 6.09, 9, 90, 90, 90}, 0, 0.3, LATTICE::oP},
+        {"blurred edges of an orthorhombic cell 1.5 % apart", {6, 6.09, 9, 90, 90, 90}, 0, 0.9, LATTICE::oP},
+        {"an angle a degree from 90", {5, 6.5, 9, 90, 91, 90}, 0, 0.3, LATTICE::mP},
+        {"a blurred angle a degree from 90", {5, 6.5, 9, 90, 91, 90}, 0, 0.9, LATTICE::mP},
+        {"edges and angles of a triclinic cell nearly alike",
+         {4.535, 11.79, 12.0, 77.07, 82.27, 82.59},
+         0,
+         0.8,
+         LATTICE::aP},
+    };
+    unsigned seed = 1;
+    for (const auto& one : cases) {
+        SCOPED_TRACE(one.name);
+        Found found(one.cell, {.ellipse = one.ellipse, .azimuth = 35}, {.noise = one.noise, .seed = seed++});
+        const vrk::Indexed indexed = found.indexed();
+        EXPECT_STREQ(LATTICE::shortName(indexed.symmetry().bravaisType), LATTICE::shortName(one.type));
+        std::array<double, 6> cell = indexed.conventional.cell;
+        for (std::size_t i = 0; i < 3; ++i)
+            EXPECT_NEAR(cell[i], one.cell[i], 0.003 * one.cell[i]);
+        EXPECT_EQ(indexed.refined.sense, 1);
+        EXPECT_EQ(indexed.instrument.uses(vrk::InstrumentTerm::EllipseCosine), one.ellipse > 0);
+        EXPECT_GT(indexed.completeness.core.share(), 0.2);
+        EXPECT_LT(indexed.completeness.core.share(), 0.3) << "a quarter of the nodes was recorded";
+    }
+}
+
+TEST(IndexReflections, AnAxisThatNobodyStatedMustBeConfirmed) {
+    const auto level = [](const vrk::test::Distortion& distortion, double share, const char* source) {
+        Found found({5.2, 6.3, 8.1, 82, 97, 104}, distortion, {.noise = 0.3, .seed = 4, .share = share});
+        return found.indexed(source).verdict.level;
+    };
+    EXPECT_EQ(level({}, 0.8, "assumed"), vrk::Confidence::High);
+    EXPECT_EQ(level({.axisTurn = 1}, 0.8, "assumed"), vrk::Confidence::Fair);
+    EXPECT_EQ(level({.axisTurn = 1}, 0.8, "header"), vrk::Confidence::High);
+}
+
+TEST(IndexReflections, RefusesWhatDeterminesNoCell) {
+    Found found({5.2, 6.3, 8.1, 82, 97, 104}, {}, {});
+    found.level.reflections.resize(5);
+    EXPECT_THROW(found.indexed(), vrk::Failure);
+}
+
+}  // namespace

@@ -1,0 +1,204 @@
+// Noise, levels and the level that gives the lattice.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <random>
+
+#include "pipeline/base/Failure.h"
+#include "pipeline/run/LatticeChoice.h"
+
+namespace {
+
+using Eigen::Vector3d;
+
+std::unique_ptr<VoxMRCData> blank(unsigned width, unsigned height, unsigned depth) {
+    return std::unique_ptr<VoxMRCData>(VoxMRCData::Create3D(width, height, depth));
+}
+
+/// Frames of noise, stronger within a radius.
+vrk::RadialNoise noiseOf(double outside, double inside, double radius, unsigned size = 128) {
+    const auto frames = blank(size, size, 20);
+    std::mt19937 random(3);
+    std::normal_distribution<double> normal;
+    const double middle = 0.5 * (size - 1.0);
+    for (unsigned z = 0; z < 20; ++z)
+        for (unsigned y = 0; y < size; ++y)
+            for (unsigned x = 0; x < size; ++x) {
+                const double sigma = std::hypot(x - middle, y - middle) < radius ? inside : outside;
+                frames->GetChunkPointer(z)[y * size + x] =
+                    static_cast<short>(std::lround(sigma * normal(random)));
+            }
+    return vrk::RadialNoise(*frames);
+}
+
+TEST(RadialNoise, TellsTheHaloFromTheRest) {
+    const vrk::RadialNoise noise = noiseOf(20, 80, 20);
+    const double voxel = 0.55 * 20;  // four pixels, two of them neighbours, make a voxel
+    EXPECT_NEAR(noise.typicalVoxelSigma(), voxel, 0.05 * voxel);
+    EXPECT_NEAR(noise.haloRadius(5 * voxel * 2, 5), 20, 1);
+    EXPECT_EQ(noise.haloRadius(5 * voxel * 5, 5), 0) << "above the halo's noise, too";
+    EXPECT_EQ(noise.haloRadius(voxel * 0.9, 1), 32) << "beyond half the frame it is no halo";
+    EXPECT_EQ(noiseOf(0, 0, 0).typicalVoxelSigma(), 0.4) << "whole numbers are no sharper";
+}
+
+vrk::SeriesFacts facts() {
+    vrk::SeriesFacts facts;
+    facts.tiltFirst = -60;
+    facts.tiltLast = 60;
+    facts.pixelSize = 5e7;
+    facts.kiloVolts = 200;
+    return facts;
+}
+
+/// A volume of bars of three voxels: 60 of 100 counts, of them 50 of 300, 45 of 1000 and 8 of 5000, and three
+/// more of 5000 counts at 2, 6 and 11 voxels from the middle.
+vrk::ReciprocalVolume volumeOfBars(double noise, double halo) {
+    std::vector<float> tilts;
+    for (float tilt = -60; tilt <= 60; tilt += 2)
+        tilts.push_back(tilt);
+    auto voxels = blank(128, 128, 111);
+    const auto put = [&](unsigned x, unsigned y, short counts) {
+        for (unsigned i = 0; i < 3; ++i)
+            voxels->GetChunkPointer(55)[y * 128 + x + i] = counts;
+    };
+    for (unsigned i = 0; i < 60; ++i)
+        put(8 + 12 * (i % 4) + (i % 4 > 1 ? 60 : 0), 5 + 8 * (i / 4),
+            static_cast<short>(i < 8    ? 5000
+                               : i < 45 ? 1000
+                               : i < 50 ? 300
+                                        : 100));
+    for (unsigned distance : {2, 6, 11})
+        put(63 + distance, 63, 5000);
+    return {std::move(voxels), SamplingGeometry(128, tilts, 111), noiseOf(noise, halo, 9), facts()};
+}
+
+TEST(SearchLevels, DoubleFromFiveDeviationsToTheLastWithEnough) {
+    vrk::Observer silent;
+    vrk::Session session(silent);
+    const vrk::ReciprocalVolume volume = volumeOfBars(10, 10);
+    const double lowest = std::round(5 * volume.noise.typicalVoxelSigma());
+    const std::vector<vrk::Level> levels = vrk::searchLevels(volume, {}, session);
+    const std::vector<std::size_t> counts = {62, 62, 52, 52, 47, 47};
+    ASSERT_EQ(levels.size(), counts.size());
+    for (std::size_t i = 0; i < levels.size(); ++i) {
+        EXPECT_EQ(levels[i].threshold, lowest * std::pow(2, i));
+        EXPECT_EQ(levels[i].reflections.size(), counts[i]) << levels[i].threshold;
+        EXPECT_EQ(levels[i].zeroBeam, 4) << "no halo, but the direct beam all the same";
+    }
+    // A halo is cut off as far as it reaches beyond a threshold, up to a tenth of the width.
+    const vrk::ReciprocalVolume haloed = volumeOfBars(10, 100);
+    EXPECT_NEAR(vrk::searchLevel(haloed, lowest, {}, session).zeroBeam, 9.5, 1);
+    EXPECT_EQ(vrk::searchLevel(haloed, lowest, {}, session).reflections.size(), 61U);
+    EXPECT_EQ(vrk::searchLevel(haloed, 10 * lowest, {}, session).zeroBeam, 4);
+    EXPECT_EQ(vrk::searchLevel(volumeOfBars(100, 100), lowest, {}, session).zeroBeam, 12.8);
+}
+
+TEST(SearchLevels, WhatTheUserFixesHolds) {
+    vrk::Observer silent;
+    vrk::Session session(silent);
+    const vrk::ReciprocalVolume volume = volumeOfBars(10, 10);
+    const struct {
+        double threshold;
+        std::function<void(vrk::SearchOptions&)> change;
+        std::size_t reflections;
+    } cases[] = {{400, [](vrk::SearchOptions&) {}, 47},
+                 {50, [](vrk::SearchOptions& o) { o.zeroBeam = 0; }, 63},
+                 {50, [](vrk::SearchOptions& o) { o.zeroBeam = 9; }, 61},
+                 {50, [](vrk::SearchOptions& o) { o.maxVoxels = 2; }, 0},
+                 {50, [](vrk::SearchOptions& o) { o.minVoxels = 4; }, 0},
+                 {50, [](vrk::SearchOptions& o) { o.resolution = 15; }, 2}};
+    for (const auto& one : cases) {
+        vrk::SearchOptions options;
+        options.threshold = one.threshold;
+        one.change(options);
+        if (one.reflections == 0) {
+            EXPECT_THROW(vrk::searchLevels(volume, options, session), vrk::Failure);
+            continue;
+        }
+        const std::vector<vrk::Level> levels = vrk::searchLevels(volume, options, session);
+        ASSERT_EQ(levels.size(), 1U);
+        EXPECT_EQ(levels[0].threshold, one.threshold);
+        EXPECT_EQ(levels[0].reflections.size(), one.reflections);
+    }
+}
+
+vrk::ReciprocalVolume emptyVolume() {
+    return {blank(401, 401, 3), SamplingGeometry(8, std::vector<float>{-60, 60}, 8), noiseOf(0, 0, 0, 16),
+            facts()};
+}
+
+vrk::Level levelOf(const std::vector<Vector3d>& points, const vrk::ReciprocalVolume& volume) {
+    vrk::Level level;
+    for (const Vector3d& point : points)
+        level.reflections.push_back({point + volume.centre(), point + volume.centre(), 0, point.norm()});
+    return level;
+}
+
+TEST(FlatPoints, LeaveOutWhatTheSphereMovesBetweenTheNodes) {
+    const vrk::ReciprocalVolume volume = emptyVolume();
+    // |g|^2 lambda / 2 is 1.5 voxels at 154.7 voxels from the origin.
+    const auto kept = [&](double spacing) {
+        std::vector<Vector3d> points;
+        for (double x = spacing; x < 200; x += 0.25 * spacing)
+            points.push_back({x, 0, 0});
+        std::vector<double> weights;
+        const vrk::Points flat = vrk::flatPoints(levelOf(points, volume), volume, &weights);
+        EXPECT_EQ(weights.size(), flat.size());
+        for (std::size_t i = 0; i < flat.size(); ++i)
+            EXPECT_NEAR(weights[i], flat[i].norm(), 1e-9);
+        return flat.back().x();
+    };
+    EXPECT_NEAR(kept(4), 154.7, 1);
+    // Two voxels, a twentieth of the distance between neighbours, at 178.6.
+    EXPECT_NEAR(kept(80), 178.6, 20);
+    EXPECT_GT(kept(80), 160);
+}
+
+std::vector<Vector3d> latticePoints(double reach, unsigned seed) {
+    std::mt19937 random(seed);
+    std::normal_distribution<double> normal(0, 0.3);
+    std::vector<Vector3d> points;
+    for (int h = -9; h <= 9; ++h)
+        for (int k = -9; k <= 9; ++k)
+            for (int l = -9; l <= 9; ++l) {
+                const Vector3d node =
+                    h * Vector3d(17, 3, 1) + k * Vector3d(-2, 19, 4) + l * Vector3d(1, -5, 23);
+                if (node.norm() > reach || node.norm() < 5) continue;
+                points.push_back(node + Vector3d(normal(random), normal(random), normal(random)));
+            }
+    return points;
+}
+
+TEST(FindLattice, TakesTheLevelThatExplainsMostOfItself) {
+    vrk::Observer silent;
+    vrk::Session session(silent);
+    const vrk::ReciprocalVolume volume = emptyVolume();
+    const std::vector<Vector3d> strong = latticePoints(45, 1);
+    const std::vector<Vector3d> all = latticePoints(60, 1);
+    std::vector<Vector3d> noisy = all;
+    std::mt19937 random(2);
+    std::uniform_real_distribution<double> uniform(-65, 65);
+    std::vector<Vector3d> noise;
+    for (std::size_t i = 0; i < 2 * all.size(); ++i)
+        noise.push_back({uniform(random), uniform(random), uniform(random)});
+    noisy.insert(noisy.end(), noise.begin(), noise.end());
+
+    const auto choice = [&](const std::vector<std::vector<Vector3d>>& lists) {
+        std::vector<vrk::Level> levels;
+        for (const auto& list : lists)
+            levels.push_back(levelOf(list, volume));
+        return vrk::findLattice(levels, volume, {}, session);
+    };
+    EXPECT_EQ(choice({all, strong}).level, 0U) << "more evidence, all of it on the lattice";
+    const vrk::LatticeChoice clean = choice({noisy, strong});
+    EXPECT_EQ(clean.level, 1U) << "more evidence, but mostly noise";
+    EXPECT_NEAR(clean.best.lattice.cellVolume(), 17 * (19 * 23 + 20) - 3 * (-46 - 4) + (10 - 19), 60);
+    try {
+        choice({noise});
+        FAIL() << "a lattice of noise";
+    } catch (const vrk::Failure& failure) {
+        EXPECT_EQ(failure.kind(), vrk::FailureKind::NothingFound);
+    }
+}
+
+}  // namespace
