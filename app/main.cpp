@@ -1,11 +1,9 @@
-#include <CLI/CLI.hpp>
 #include <exception>
 #include <iostream>
-#include <memory>
 #include <new>
 
 #include "commands/Commands.h"
-#include "console/HelpFormatter.h"
+#include "console/CommandLine.h"
 #include "console/Host.h"
 #include "foundation/Version.h"
 #include "pipeline/base/Failure.h"
@@ -31,31 +29,24 @@ int exitCodeOf(vrk::FailureKind kind) {
 }
 
 int parseAndRun(vrk::app::Host& host, int argc, char** argv) {
-    CLI::App app("vrk: from a tilt series of electron diffraction patterns to unit cell and HKL file", "vrk");
-    app.set_version_flag("--version", std::string("vrk ") + VRK::kVersion);
-    app.require_subcommand(1);
-    app.formatter(std::make_shared<vrk::app::HelpFormatter>());
-    vrk::app::addRunCommand(app, host);
-    vrk::app::addImportCommand(app, host);
-    vrk::app::addInfoCommand(app, host);
-    vrk::app::addPreprocessCommand(app, host);
-    vrk::app::addTiltAxisCommand(app, host);
-    vrk::app::addReconstructCommand(app, host);
-    vrk::app::addPeaksCommand(app, host);
-    vrk::app::addCellCommand(app, host);
-    vrk::app::addIndexCommand(app, host);
-    vrk::app::addSectionsCommand(app, host);
-    vrk::app::addCellInfoCommand(app, host);
-    vrk::app::addSimulateCommand(app, host);
-    vrk::app::addDemoCommand(app, host);
-    vrk::app::addCompletionCommand(app, host);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        const int code = app.exit(error, host.out(), std::cerr);
-        return code == 0 ? 0 : kUsage;
-    }
-    return kDone;
+    vrk::app::CommandLine line(
+        "vrk", "vrk: from a tilt series of electron diffraction patterns to unit cell and HKL file",
+        VRK::kVersion);
+    vrk::app::addRunCommand(line, host);
+    vrk::app::addImportCommand(line, host);
+    vrk::app::addInfoCommand(line, host);
+    vrk::app::addPreprocessCommand(line, host);
+    vrk::app::addTiltAxisCommand(line, host);
+    vrk::app::addReconstructCommand(line, host);
+    vrk::app::addPeaksCommand(line, host);
+    vrk::app::addCellCommand(line, host);
+    vrk::app::addIndexCommand(line, host);
+    vrk::app::addSectionsCommand(line, host);
+    vrk::app::addCellInfoCommand(line, host);
+    vrk::app::addSimulateCommand(line, host);
+    vrk::app::addDemoCommand(line, host);
+    vrk::app::addCompletionCommand(line, host);
+    return line.run(argc, argv, host.out(), std::cerr) ? kDone : kUsage;
 }
 
 }  // namespace

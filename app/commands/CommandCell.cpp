@@ -215,44 +215,42 @@ void run(const Options& options, Host& host) {
 
 }  // namespace
 
-void addCellCommand(CLI::App& app, Host& host) {
+void addCellCommand(CommandLine& line, Host& host) {
     auto options = std::make_shared<Options>();
-    CLI::App* command = app.add_subcommand("cell", "Find the cell of a list of reflections");
+    Command command = line.command("cell", "Find the cell of a list of reflections");
     command
-        ->add_option("peaks", options->peaks,
-                     "Peak file, or a list of x y z [intensity] in voxels about 0, 0, 0")
-        ->required()
-        ->type_name("PEAKS");
-    command->add_option("-o,--output", options->output, "Cell file to write")->required()->type_name("CELL");
-    command->add_option("--pixel-size", options->search.pixelSize, "1/m per voxel [that of the peak file]")
-        ->check(CLI::PositiveNumber);
-    addCellOptions(*command, options->search.cell, false);
+        .option("peaks", options->peaks, "Peak file, or a list of x y z [intensity] in voxels about 0, 0, 0")
+        .required()
+        .typeName("PEAKS");
+    command.option("-o,--output", options->output, "Cell file to write").required().typeName("CELL");
+    command.option("--pixel-size", options->search.pixelSize, "1/m per voxel [that of the peak file]")
+        .positive();
+    addCellOptions(command, options->search.cell, false);
     command
-        ->add_option("--merge", options->merge,
-                     "Peaks this many voxels apart are one reflection that several frames show; auto: found "
-                     "where the list looks like that; none [auto]")
-        ->type_name("auto|none|VOXELS");
+        .option("--merge", options->merge,
+                "Peaks this many voxels apart are one reflection that several frames show; auto: found "
+                "where the list looks like that; none [auto]")
+        .typeName("auto|none|VOXELS");
     command
-        ->add_option("--report", options->report,
-                     "Write what the cell rests on here, and as JSON beside it: clusters, choice, reduction, "
-                     "symmetry, displacements")
-        ->type_name("FILE.txt");
+        .option("--report", options->report,
+                "Write what the cell rests on here, and as JSON beside it: clusters, choice, reduction, "
+                "symmetry, displacements")
+        .typeName("FILE.txt");
     command
-        ->add_option(
-            "--debug-dump", options->dump,
-            "Write difference vectors, clusters and their lines into this folder, with a gnuplot script "
-            "that shows them")
-        ->type_name("FOLDER");
-    command->add_option("--log", options->log, "Write all messages here")->type_name("FILE");
-    command->add_flag("--json", options->json, "Print the result as JSON");
-    command->footer(
+        .option("--debug-dump", options->dump,
+                "Write difference vectors, clusters and their lines into this folder, with a gnuplot script "
+                "that shows them")
+        .typeName("FOLDER");
+    command.option("--log", options->log, "Write all messages here").typeName("FILE");
+    command.flag("--json", options->json, "Print the result as JSON");
+    command.footer(
         "Difference vectors are clustered with several sets of parameters, and the lattice that explains "
         "the\n"
         "reflections best wins. An option fixes one value; the others are found. The parameters that are\n"
         "printed lead to the same cell when they are given.\n\n"
         "Example:\n"
         "  vrk cell peaks.txt -o cell.txt");
-    command->callback([options, &host] { run(*options, host); });
+    command.action([options, &host] { run(*options, host); });
 }
 
 }  // namespace vrk::app

@@ -233,36 +233,34 @@ void runCellInfo(Host& host, const Options& options) {
 
 }  // namespace
 
-void addCellInfoCommand(CLI::App& app, Host& host) {
+void addCellInfoCommand(CommandLine& line, Host& host) {
     auto options = std::make_shared<Options>();
-    CLI::App* command =
-        app.add_subcommand("cell-info", "Show metric, reduced cell and possible lattices of a unit cell");
+    Command command =
+        line.command("cell-info", "Show metric, reduced cell and possible lattices of a unit cell");
+    command.option("CELL", options->cell, "A B C ALPHA BETA GAMMA in Angstrom and degrees, or a cell file")
+        .required()
+        .typeName("");
     command
-        ->add_option("CELL", options->cell, "A B C ALPHA BETA GAMMA in Angstrom and degrees, or a cell file")
-        ->required()
-        ->type_name("");
-    command
-        ->add_option(
-            "--centring", options->centring,
-            "Centring of the six numbers: P, A, B, C, I, F or R; R with gamma 120 means hexagonal axes, "
-            "otherwise rhombohedral ones")
-        ->capture_default_str();
-    command->add_option("--pixel-size", options->pixelSize,
-                        "Pixel size in 1/m per pixel, for a cell file that does not tell [from the file]");
-    command->add_option("--angle", options->tolerances.angle, "Largest angular misfit, degrees")
-        ->check(CLI::Range(0.0, 10.0))
-        ->capture_default_str();
-    command->add_option("--length", options->lengthPercent, "Largest misfit of an edge, percent")
-        ->check(CLI::Range(0.0, 15.0))
-        ->capture_default_str();
-    command->add_option("--log", options->log, "Write the library's messages to this file");
-    command->add_flag("--json", options->json, "Print the result as JSON");
-    command->footer(
+        .option("--centring", options->centring,
+                "Centring of the six numbers: P, A, B, C, I, F or R; R with gamma 120 means hexagonal axes, "
+                "otherwise rhombohedral ones")
+        .showDefault();
+    command.option("--pixel-size", options->pixelSize,
+                   "Pixel size in 1/m per pixel, for a cell file that does not tell [from the file]");
+    command.option("--angle", options->tolerances.angle, "Largest angular misfit, degrees")
+        .range(0.0, 10.0)
+        .showDefault();
+    command.option("--length", options->lengthPercent, "Largest misfit of an edge, percent")
+        .range(0.0, 15.0)
+        .showDefault();
+    command.option("--log", options->log, "Write the library's messages to this file");
+    command.flag("--json", options->json, "Print the result as JSON");
+    command.footer(
         "The misfit of a lattice is the largest deviation of its conventional cell from the symmetric one.\n"
         "The first lattice of the table is the answer; narrow the tolerances when it is too symmetric.\n\n"
         "Example:\n"
         "  vrk cell-info 10.41 10.41 10.41 109.4 109.6 109.3");
-    command->callback([options, &host] { runCellInfo(host, *options); });
+    command.action([options, &host] { runCellInfo(host, *options); });
 }
 
 }  // namespace vrk::app

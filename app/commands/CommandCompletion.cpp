@@ -1,6 +1,4 @@
-#include <algorithm>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -9,37 +7,6 @@
 namespace vrk::app {
 namespace {
 
-/// Subcommands in the order of the help text.
-std::vector<const CLI::App*> commandsOf(const CLI::App& app) {
-    return app.get_subcommands([](const CLI::App*) { return true; });
-}
-
-std::vector<std::string> namesOf(const CLI::Option& option) {
-    std::vector<std::string> names;
-    for (const std::string& name : option.get_snames())
-        names.push_back("-" + name);
-    for (const std::string& name : option.get_lnames())
-        names.push_back("--" + name);
-    return names;
-}
-
-bool takesValue(const CLI::Option& option) {
-    return option.get_items_expected_max() > 0;
-}
-
-/// The values of an option that takes one of a list: the type reads "TEXT:{P,A,B}" then.
-std::vector<std::string> choicesOf(const CLI::Option& option) {
-    const std::string type = option.get_type_name();
-    const std::size_t open = type.find('{');
-    const std::size_t close = type.find('}', open);
-    std::vector<std::string> choices;
-    if (open == std::string::npos || close == std::string::npos) return choices;
-    std::istringstream list(type.substr(open + 1, close - open - 1));
-    for (std::string choice; std::getline(list, choice, ',');)
-        choices.push_back(choice);
-    return choices;
-}
-
 std::string joined(const std::vector<std::string>& words, const char* separator = " ") {
     std::string text;
     for (const std::string& word : words)
@@ -47,44 +14,41 @@ std::string joined(const std::vector<std::string>& words, const char* separator 
     return text;
 }
 
-std::string allOptions(const CLI::App& app) {
+std::string allOptions(const CommandDescription& command) {
     std::vector<std::string> all;
-    for (const CLI::Option* option : app.get_options())
-        for (std::string& name : namesOf(*option))
-            all.push_back(std::move(name));
+    for (const OptionDescription& option : command.options)
+        all.insert(all.end(), option.names.begin(), option.names.end());
     return joined(all);
 }
 
-void printBash(std::ostream& out, const CLI::App& app) {
-    std::vector<std::string> commands;
-    for (const CLI::App* command : commandsOf(app))
-        commands.push_back(command->get_name());
+void printBash(std::ostream& out, const CommandDescription& program,
+               const std::vector<CommandDescription>& commands) {
+    std::vector<std::string> names;
+    for (const CommandDescription& command : commands)
+        names.push_back(command.name);
     out << "# bash completion of vrk, made by 'vrk completion bash'\n"
            "_vrk() {\n"
            "    local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]} words=\n"
            "    if [[ $COMP_CWORD -eq 1 ]]; then\n"
-        << "        words='" << joined(commands) << ' ' << allOptions(app)
+        << "        words='" << joined(names) << ' ' << allOptions(program)
         << "'\n"
            "    else\n"
            "        case \"${COMP_WORDS[1]} $previous\" in\n";
-    for (const CLI::App* command : commandsOf(app)) {
-        for (const CLI::Option* option : command->get_options()) {
-            const std::vector<std::string> choices = choicesOf(*option);
-            if (choices.empty()) continue;
-            if (!option->nonpositional()) {
-                out << "            '" << command->get_name() << ' ' << command->get_name() << "') words='"
-                    << joined(choices) << "' ;;\n";
-                continue;
-            }
-            for (const std::string& name : namesOf(*option))
-                out << "            '" << command->get_name() << ' ' << name << "') words='"
-                    << joined(choices) << "' ;;\n";
+    for (const CommandDescription& command : commands) {
+        for (const OptionDescription& option : command.options) {
+            if (option.choices.empty()) continue;
+            // A positional argument follows the command itself.
+            const std::vector<std::string> before =
+                option.names.empty() ? std::vector<std::string>{command.name} : option.names;
+            for (const std::string& word : before)
+                out << "            '" << command.name << ' ' << word << "') words='"
+                    << joined(option.choices) << "' ;;\n";
         }
     }
     out << "        esac\n"
            "        [[ $current == -* ]] && case ${COMP_WORDS[1]} in\n";
-    for (const CLI::App* command : commandsOf(app))
-        out << "            " << command->get_name() << ") words='" << allOptions(*command) << "' ;;\n";
+    for (const CommandDescription& command : commands)
+        out << "            " << command.name << ") words='" << allOptions(command) << "' ;;\n";
     out << "        esac\n"
            "    fi\n"
            "    COMPREPLY=($(compgen -W \"$words\" -- \"$current\"))\n"
@@ -106,25 +70,23 @@ std::string zshText(const std::string& text) {
     return result;
 }
 
-std::string zshOption(const CLI::Option& option) {
-    const std::vector<std::string> choices = choicesOf(option);
+std::string zshOption(const OptionDescription& option) {
     const std::string values =
-        choices.empty() ? std::string(":value:_files") : ":value:(" + joined(choices) + ")";
-    if (!option.nonpositional()) return " '*" + values + "'";
+        option.choices.empty() ? std::string(":value:_files") : ":value:(" + joined(option.choices) + ")";
+    if (option.names.empty()) return " '*" + values + "'";
     std::string text;
-    for (const std::string& name : namesOf(option))
-        text += " '" + name + "[" + zshText(option.get_description()) + "]" +
-                (takesValue(option) ? values : "") + "'";
+    for (const std::string& name : option.names)
+        text += " '" + name + "[" + zshText(option.text) + "]" + (option.takesValue ? values : "") + "'";
     return text;
 }
 
-void printZsh(std::ostream& out, const CLI::App& app) {
+void printZsh(std::ostream& out, const std::vector<CommandDescription>& commands) {
     out << "#compdef vrk\n"
            "# zsh completion of vrk, made by 'vrk completion zsh'\n"
            "_vrk() {\n"
            "    local -a commands=(\n";
-    for (const CLI::App* command : commandsOf(app))
-        out << "        '" << command->get_name() << ':' << zshText(command->get_description()) << "'\n";
+    for (const CommandDescription& command : commands)
+        out << "        '" << command.name << ':' << zshText(command.text) << "'\n";
     out << "    )\n"
            "    if (( CURRENT == 2 )); then\n"
            "        _describe command commands\n"
@@ -133,10 +95,10 @@ void printZsh(std::ostream& out, const CLI::App& app) {
            "    shift words\n"
            "    (( CURRENT-- ))\n"
            "    case $words[1] in\n";
-    for (const CLI::App* command : commandsOf(app)) {
-        out << "        " << command->get_name() << ") _arguments";
-        for (const CLI::Option* option : command->get_options())
-            out << " \\\n            " << zshOption(*option);
+    for (const CommandDescription& command : commands) {
+        out << "        " << command.name << ") _arguments";
+        for (const OptionDescription& option : command.options)
+            out << " \\\n            " << zshOption(option);
         out << " ;;\n";
     }
     out << "    esac\n"
@@ -146,23 +108,24 @@ void printZsh(std::ostream& out, const CLI::App& app) {
 
 }  // namespace
 
-void addCompletionCommand(CLI::App& app, Host& host) {
+void addCompletionCommand(CommandLine& line, Host& host) {
     auto shell = std::make_shared<std::string>();
-    CLI::App* command =
-        app.add_subcommand("completion", "Print a script that completes commands and options in a shell");
-    command->add_option("shell", *shell, "Shell that the script is for")
-        ->required()
-        ->check(CLI::IsMember({"bash", "zsh"}));
-    command->footer(
+    Command command =
+        line.command("completion", "Print a script that completes commands and options in a shell");
+    command.option("shell", *shell, "Shell that the script is for").required().oneOf({"bash", "zsh"});
+    command.footer(
         "Examples:\n"
         "  vrk completion bash > ~/.local/share/bash-completion/completions/vrk\n"
         "  vrk completion zsh > DIRECTORY_IN_FPATH/_vrk\n"
         "A new shell knows the completion.");
-    command->callback([shell, &app, &host] {
+    command.action([shell, &line, &host] {
+        std::vector<CommandDescription> commands = line.describe();
+        const CommandDescription program = commands.front();
+        commands.erase(commands.begin());
         if (*shell == "bash")
-            printBash(host.out(), app);
+            printBash(host.out(), program, commands);
         else
-            printZsh(host.out(), app);
+            printZsh(host.out(), commands);
     });
 }
 

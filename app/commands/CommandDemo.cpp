@@ -104,7 +104,7 @@ SimulationTruth writeSimulation(const Options& options, const std::filesystem::p
     writeData(*simulated.series, series, host.session());
     OutputFile truth(options.folder / "series.truth.json");
     std::ofstream stream(truth.path());
-    stream << simulated.truth.toJson().dump(1) << '\n';
+    stream << simulated.truth.toJson() << '\n';
     stream.close();
     if (!stream) throw Failure("cannot write into " + options.folder.string() + "; check the free space");
     truth.commit();
@@ -283,43 +283,41 @@ void demo(const Options& options, Host& host) {
 
 }  // namespace
 
-void addDemoCommand(CLI::App& app, Host& host) {
+void addDemoCommand(CommandLine& line, Host& host) {
     auto options = std::make_shared<Options>();
     SimulationSettings& settings = options->settings;
     settings.axis = 37.0;
-    CLI::App* command =
-        app.add_subcommand("demo", "Simulate a tilt series, run it and compare the result with the truth");
-    command->add_option("-o,--output", options->folder, "Folder for series, results and pictures")
-        ->capture_default_str()
-        ->type_name("FOLDER");
-    command->add_option("--cell", options->cell, "a,b,c,alpha,beta,gamma in Angstrom and degrees")
-        ->capture_default_str()
-        ->type_name("CELL");
-    command->add_option("--centring", options->centring, "Centring of the cell; R in hexagonal axes")
-        ->check(CLI::IsMember({"P", "A", "B", "C", "I", "F", "R"}))
-        ->capture_default_str();
-    command->add_option("--size", settings.detector.size, "Pixels along each edge of a frame")
-        ->check(CLI::Range(64, 2048))
-        ->capture_default_str()
-        ->type_name("INT");
-    command->add_option("--step", options->step, "Step of the tilts from -60 to 60 degrees")
-        ->check(CLI::Range(0.5, 5.0))
-        ->capture_default_str()
-        ->type_name("DEG");
-    command->add_option("--axis", settings.axis, "True angle of the tilt axis from y, degrees")
-        ->check(CLI::Range(-180.0, 180.0))
-        ->capture_default_str()
-        ->type_name("DEG");
+    Command command =
+        line.command("demo", "Simulate a tilt series, run it and compare the result with the truth");
+    command.option("-o,--output", options->folder, "Folder for series, results and pictures")
+        .showDefault()
+        .typeName("FOLDER");
+    command.option("--cell", options->cell, "a,b,c,alpha,beta,gamma in Angstrom and degrees")
+        .showDefault()
+        .typeName("CELL");
+    command.option("--centring", options->centring, "Centring of the cell; R in hexagonal axes")
+        .oneOf({"P", "A", "B", "C", "I", "F", "R"})
+        .showDefault();
+    command.option("--size", settings.detector.size, "Pixels along each edge of a frame")
+        .range(64, 2048)
+        .showDefault()
+        .typeName("INT");
+    command.option("--step", options->step, "Step of the tilts from -60 to 60 degrees")
+        .range(0.5, 5.0)
+        .showDefault()
+        .typeName("DEG");
+    command.option("--axis", settings.axis, "True angle of the tilt axis from y, degrees")
+        .range(-180.0, 180.0)
+        .showDefault()
+        .typeName("DEG");
     command
-        ->add_option("--tilt-axis", options->tiltAxis,
-                     "As in 'vrk run', for instance 'search' [the series states the true one]")
-        ->type_name("DEG|search|none");
-    command->add_option("--seed", settings.seed, "Seed of everything random")
-        ->capture_default_str()
-        ->type_name("INT");
-    command->add_flag("--json", options->json, "Print the comparison as JSON");
-    command->footer("Example:\n  vrk demo -o vrk-demo --cell 12.02,12.02,12.02,90,90,90 --centring I");
-    command->callback([options, &host] { demo(*options, host); });
+        .option("--tilt-axis", options->tiltAxis,
+                "As in 'vrk run', for instance 'search' [the series states the true one]")
+        .typeName("DEG|search|none");
+    command.option("--seed", settings.seed, "Seed of everything random").showDefault().typeName("INT");
+    command.flag("--json", options->json, "Print the comparison as JSON");
+    command.footer("Example:\n  vrk demo -o vrk-demo --cell 12.02,12.02,12.02,90,90,90 --centring I");
+    command.action([options, &host] { demo(*options, host); });
 }
 
 }  // namespace vrk::app

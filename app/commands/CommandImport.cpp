@@ -79,46 +79,39 @@ void runImport(Host& host, const Options& options) {
 
 }  // namespace
 
-void addImportCommand(CLI::App& app, Host& host) {
+void addImportCommand(CommandLine& line, Host& host) {
     auto options = std::make_shared<Options>();
     ImportSettings& settings = options->settings;
-    CLI::App* command = app.add_subcommand(
-        "import", "Make a tilt series from the frames of microscopes and collection programs");
+    Command command =
+        line.command("import", "Make a tilt series from the frames of microscopes and collection programs");
     command
-        ->add_option(
-            "FRAMES", options->frames,
-            "Files of frames (" + FrameFormat::names() +
-                ", also packed as .gz or .bz2), FILE.h5:/ARRAY, folders of frames, or lists that name "
-                "them (.ed3d, .pts, .mdoc, XDS.INP)")
-        ->required()
-        ->type_name("");
-    command->add_option("-o,--output", options->output, "Series to write")
-        ->required()
-        ->type_name("SERIES.mrc");
-    command->add_option(
+        .option("FRAMES", options->frames,
+                "Files of frames (" + FrameFormat::names() +
+                    ", also packed as .gz or .bz2), FILE.h5:/ARRAY, folders of frames, or lists that name "
+                    "them (.ed3d, .pts, .mdoc, XDS.INP)")
+        .required()
+        .typeName("");
+    command.option("-o,--output", options->output, "Series to write").required().typeName("SERIES.mrc");
+    command.option(
         "--tilts", settings.tilts,
         "Tilts of the frames: a list (.tlt, .rawtlt, .mdoc, .ed3d, .pts, XDS.INP, cRED_log.txt), which may "
         "also state axis, voltage and pixel size, or START:STEP in degrees [from the frames]");
-    command->add_flag("--skip-bad", settings.skipBad,
-                      "Leave out frames that cannot be read, with a warning that names them");
-    command->add_option("--sum", settings.sum,
-                        "Neighbouring frames to add up [as few as fit into 300 slices]");
-    command->add_option("--bin", settings.bin, "Pixels along each edge to add up into one")
-        ->capture_default_str();
-    command->add_option(
-        "--scale", settings.scale,
-        "Factor on the counts, which become 16-bit integers [1 where counts fit, otherwise chosen "
-        "so that neither weak nor bright reflections are lost]");
-    command->add_option("--pixel-size", settings.pixelSize,
-                        "Pixel size of the frames as they are in the files, 1/m per pixel [from the frames]");
-    command->add_option(
-        "--axis", settings.axis,
-        "Direction of the tilt axis, degrees: along (-sin t, cos t), x to the right, y down [from "
-        "the frames or the list, where they state it for patterns]");
-    command->add_option("--voltage", settings.kilovolts, "High tension in kV [from the frames]");
-    command->add_option("--log", options->log, "Write the library's messages to this file");
-    command->add_flag("--json", options->json, "Print the summary as JSON");
-    command->footer(
+    command.flag("--skip-bad", settings.skipBad,
+                 "Leave out frames that cannot be read, with a warning that names them");
+    command.option("--sum", settings.sum, "Neighbouring frames to add up [as few as fit into 300 slices]");
+    command.option("--bin", settings.bin, "Pixels along each edge to add up into one").showDefault();
+    command.option("--scale", settings.scale,
+                   "Factor on the counts, which become 16-bit integers [1 where counts fit, otherwise chosen "
+                   "so that neither weak nor bright reflections are lost]");
+    command.option("--pixel-size", settings.pixelSize,
+                   "Pixel size of the frames as they are in the files, 1/m per pixel [from the frames]");
+    command.option("--axis", settings.axis,
+                   "Direction of the tilt axis, degrees: along (-sin t, cos t), x to the right, y down [from "
+                   "the frames or the list, where they state it for patterns]");
+    command.option("--voltage", settings.kilovolts, "High tension in kV [from the frames]");
+    command.option("--log", options->log, "Write the library's messages to this file");
+    command.flag("--json", options->json, "Print the summary as JSON");
+    command.footer(
         "Frames are sorted by tilt; empty ones and those whose tilt has been seen before are left out. At "
         "most 300\n"
         "slices are written, more frames are added up. Frames need not be square.\n"
@@ -135,7 +128,7 @@ void addImportCommand(CLI::App& app, Host& host) {
         "  vrk import frames/1.ed3d -o series.mrc                          MRC frames with their .ed3d list\n"
         "  vrk import stack.mrc -o series.mrc --tilts stack.mrc.mdoc       MRC stack with .mdoc, .tlt or "
         ".rawtlt");
-    command->callback([options, &host] { runImport(host, *options); });
+    command.action([options, &host] { runImport(host, *options); });
 }
 
 }  // namespace vrk::app

@@ -376,75 +376,71 @@ void index(Host& host, const Options& options) {
 
 }  // namespace
 
-void addIndexCommand(CLI::App& app, Host& host) {
+void addIndexCommand(CommandLine& line, Host& host) {
     auto options = std::make_shared<Options>();
-    CLI::App* command = app.add_subcommand(
+    Command command = line.command(
         "index",
         "Refine a cell against the reflections, give them h, k, l and write them for structure solution");
-    command->add_option("peaks", options->peaks, "Peak file, or a list of x y z [intensity] about 0, 0, 0")
-        ->required()
-        ->type_name("PEAKS");
-    command->add_option("cell", options->cell, "Cell file")->required()->type_name("CELL");
-    command->add_option("-o,--output", options->output, "Reflections to write")->required()->type_name("HKL");
+    command.option("peaks", options->peaks, "Peak file, or a list of x y z [intensity] about 0, 0, 0")
+        .required()
+        .typeName("PEAKS");
+    command.option("cell", options->cell, "Cell file").required().typeName("CELL");
+    command.option("-o,--output", options->output, "Reflections to write").required().typeName("HKL");
     command
-        ->add_option("--format", options->format,
-                     "Format. hkl: fixed columns 3I4,2F8.2; shelx: HKLF 4, scaled as a whole, with an .ins "
-                     "file beside it; "
-                     "mtz; cif [by the output's extension, else hkl]. All but hkl add up the pieces of a "
-                     "reflection that broke up")
-        ->check(CLI::IsMember({"hkl", "shelx", "mtz", "cif"}));
+        .option("--format", options->format,
+                "Format. hkl: fixed columns 3I4,2F8.2; shelx: HKLF 4, scaled as a whole, with an .ins "
+                "file beside it; "
+                "mtz; cif [by the output's extension, else hkl]. All but hkl add up the pieces of a "
+                "reflection that broke up")
+        .oneOf({"hkl", "shelx", "mtz", "cif"});
     command
-        ->add_option(
+        .option(
             "--lattice", options->lattice,
             "Setting of cell and indices: primitive (the cell of the file), auto (the conventional cell of "
             "the answer of cell-info) or a Bravais type, cP to aP; its symmetry ties the "
             "refinement")
-        ->capture_default_str()
-        ->check(CLI::IsMember({"primitive", "auto", "cP", "cI", "cF", "tP", "tI", "hP", "hR", "oP", "oI",
-                               "oC", "oF", "mP", "mC", "aP"}));
+        .showDefault()
+        .oneOf({"primitive", "auto", "cP", "cI", "cF", "tP", "tI", "hP", "hR", "oP", "oI", "oC", "oF", "mP",
+                "mC", "aP"});
     command
-        ->add_option("--tolerance", options->tolerance,
-                     "Greatest distance of a fractional index from an integer")
-        ->capture_default_str()
-        ->check(CLI::Range(0.001, 0.5));
-    command->add_flag("--keep-cell", options->keepCell, "Index with the cell as it is, without refining it");
+        .option("--tolerance", options->tolerance, "Greatest distance of a fractional index from an integer")
+        .showDefault()
+        .range(0.001, 0.5);
+    command.flag("--keep-cell", options->keepCell, "Index with the cell as it is, without refining it");
     command
-        ->add_option("--voltage", options->voltage,
-                     "High tension in kV; corrects for the curvature of the Ewald sphere and "
-                     "finds the sense of the tilt")
-        ->check(CLI::PositiveNumber);
+        .option("--voltage", options->voltage,
+                "High tension in kV; corrects for the curvature of the Ewald sphere and "
+                "finds the sense of the tilt")
+        .positive();
     command
-        ->add_option("--pixel-size", options->pixelSize,
-                     "Pixel size in 1/m per voxel [that of the peak file, else of the cell file]")
-        ->check(CLI::PositiveNumber);
+        .option("--pixel-size", options->pixelSize,
+                "Pixel size in 1/m per voxel [that of the peak file, else of the cell file]")
+        .positive();
     command
-        ->add_option("--positions", options->positions,
-                     "What the positions are. voxel: places in the volume, corrected for its sampling; "
-                     "exact: taken as they are [voxel for "
-                     "a peak file, exact for a list]")
-        ->check(CLI::IsMember({"voxel", "exact"}));
+        .option("--positions", options->positions,
+                "What the positions are. voxel: places in the volume, corrected for its sampling; "
+                "exact: taken as they are [voxel for "
+                "a peak file, exact for a list]")
+        .oneOf({"voxel", "exact"});
     command
-        ->add_option("--volume", options->volume,
-                     "Integrate intensities from this volume; a peak file has none "
-                     "and all are 1 without it")
-        ->type_name("VOLUME.mrc");
-    command->add_option("--radius", options->radius, "Radius of the integration with --volume, voxels")
-        ->capture_default_str()
-        ->check(CLI::Range(0.5, 50.0));
-    command->add_option("--formula", options->formula,
-                        "Content for the files, for instance \"Ca3 Al2 Si3 O12\"");
-    command->add_option("--cell-out", options->cellOutput, "Write the refined primitive cell here")
-        ->type_name("CELL");
-    command
-        ->add_option("--plots", options->plots, "Write plots of displacements and indices into this folder")
-        ->type_name("DIR");
-    command->add_option("--log", options->log, "Write the library's messages to this file")
-        ->type_name("FILE");
-    command->add_flag("--json", options->json, "Print the result as JSON");
-    command->footer(
+        .option("--volume", options->volume,
+                "Integrate intensities from this volume; a peak file has none "
+                "and all are 1 without it")
+        .typeName("VOLUME.mrc");
+    command.option("--radius", options->radius, "Radius of the integration with --volume, voxels")
+        .showDefault()
+        .range(0.5, 50.0);
+    command.option("--formula", options->formula, "Content for the files, for instance \"Ca3 Al2 Si3 O12\"");
+    command.option("--cell-out", options->cellOutput, "Write the refined primitive cell here")
+        .typeName("CELL");
+    command.option("--plots", options->plots, "Write plots of displacements and indices into this folder")
+        .typeName("DIR");
+    command.option("--log", options->log, "Write the library's messages to this file").typeName("FILE");
+    command.flag("--json", options->json, "Print the result as JSON");
+    command.footer(
         "Example:\n  vrk index peaks.txt cell.txt -o garnet.hkl --format shelx --lattice cI --voltage 200 "
         "--volume volume.mrc\nwrites garnet.hkl and garnet.ins.");
-    command->callback([options, &host] { index(host, *options); });
+    command.action([options, &host] { index(host, *options); });
 }
 
 }  // namespace vrk::app

@@ -143,7 +143,7 @@ void printLine(Host& host, const char* name, const std::string& text) {
 template <class... Numbers>
 std::string row(const Numbers&... numbers) {
     std::string text;
-    ((text += (text.empty() ? "" : " ") + shortNumber(static_cast<double>(numbers))), ...);
+    ((text += text.empty() ? "" : " ", text += shortNumber(static_cast<double>(numbers))), ...);
     return text;
 }
 
@@ -300,19 +300,19 @@ void runInfo(Host& host, const Options& options) {
 
 }  // namespace
 
-void addInfoCommand(CLI::App& app, Host& host) {
+void addInfoCommand(CommandLine& line, Host& host) {
     const auto options = std::make_shared<Options>();
-    CLI::App* command = app.add_subcommand("info", "Show what an MRC file holds and what is odd about it");
-    command->add_option("file", options->file, "Tilt series or volume (MRC)")->required();
-    command->add_flag("--json", options->json, "Print JSON and nothing else");
-    command->add_flag("--slices", options->slices, "Add a table with the values of every slice");
+    Command command = line.command("info", "Show what an MRC file holds and what is odd about it");
+    command.option("file", options->file, "Tilt series or volume (MRC)").required();
+    command.flag("--json", options->json, "Print JSON and nothing else");
+    command.flag("--slices", options->slices, "Add a table with the values of every slice");
     command
-        ->add_option("--picture", options->picture,
-                     "Draw the pattern next to 0 degrees, with the tilt axis where one is known")
-        ->type_name("FILE.png");
-    command->add_option("--axis", options->axis, "Axis to draw, degrees [as the series states]");
-    command->footer("Example:\n  vrk info series.mrc --slices --picture pattern.png");
-    command->callback([&host, options] { runInfo(host, *options); });
+        .option("--picture", options->picture,
+                "Draw the pattern next to 0 degrees, with the tilt axis where one is known")
+        .typeName("FILE.png");
+    command.option("--axis", options->axis, "Axis to draw, degrees [as the series states]");
+    command.footer("Example:\n  vrk info series.mrc --slices --picture pattern.png");
+    command.action([&host, options] { runInfo(host, *options); });
 }
 
 }  // namespace vrk::app

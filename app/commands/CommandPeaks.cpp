@@ -227,17 +227,16 @@ void run(const Options& options, Host& host) {
 
 }  // namespace
 
-void addPeaksCommand(CLI::App& app, Host& host) {
+void addPeaksCommand(CommandLine& line, Host& host) {
     auto options = std::make_shared<Options>();
-    CLI::App* command = app.add_subcommand("peaks", "Find the reflections of a reciprocal volume");
-    command->add_option("volume", options->volume, "Volume file (.mrc)")->required()->type_name("VOLUME.mrc");
-    command->add_option("-o,--output", options->output, "Peak file to write")->required()->type_name("PEAKS");
-    addSearchOptions(*command, options->search, true);
-    command->add_flag("--json", options->json, "Print the result as JSON");
-    command->add_option("--log", options->log, "Write the library's messages to this file")
-        ->type_name("FILE");
-    command->footer("Example:\n  vrk peaks volume.mrc -o peaks.txt --threshold 40 --min-voxels 5");
-    command->callback([options, &host] { run(*options, host); });
+    Command command = line.command("peaks", "Find the reflections of a reciprocal volume");
+    command.option("volume", options->volume, "Volume file (.mrc)").required().typeName("VOLUME.mrc");
+    command.option("-o,--output", options->output, "Peak file to write").required().typeName("PEAKS");
+    addSearchOptions(command, options->search, true);
+    command.flag("--json", options->json, "Print the result as JSON");
+    command.option("--log", options->log, "Write the library's messages to this file").typeName("FILE");
+    command.footer("Example:\n  vrk peaks volume.mrc -o peaks.txt --threshold 40 --min-voxels 5");
+    command.action([options, &host] { run(*options, host); });
 }
 
 }  // namespace vrk::app

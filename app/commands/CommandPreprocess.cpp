@@ -149,34 +149,32 @@ void run(const Options& options, Host& host) {
 
 }  // namespace
 
-void addPreprocessCommand(CLI::App& app, Host& host) {
+void addPreprocessCommand(CommandLine& line, Host& host) {
     auto options = std::make_shared<Options>();
-    CLI::App* command = app.add_subcommand(
+    Command command = line.command(
         "preprocess",
         "Prepare a tilt series for the reconstruction: hot spots, centre, background, rotation, binning");
-    command->add_option("series", options->series, "Tilt series (.mrc)")->required()->type_name("SERIES.mrc");
-    command->add_option("-o,--output", options->output, "Series to write")->required()->type_name("OUT.mrc");
-    command->add_flag("--no-hotspot", options->noHotSpot, "Leave hot spots and dead pixels");
-    command->add_flag("--no-center,--no-centre", options->noCentre, "Leave the direct beam where it is");
-    command->add_flag("--no-background", options->noBackground, "Leave the background");
+    command.option("series", options->series, "Tilt series (.mrc)").required().typeName("SERIES.mrc");
+    command.option("-o,--output", options->output, "Series to write").required().typeName("OUT.mrc");
+    command.flag("--no-hotspot", options->noHotSpot, "Leave hot spots and dead pixels");
+    command.flag("--no-center,--no-centre", options->noCentre, "Leave the direct beam where it is");
+    command.flag("--no-background", options->noBackground, "Leave the background");
+    command.option("--smooth", options->smooth, "Smooth with a Gaussian of this standard deviation, pixels")
+        .range(0.0, 64.0);
     command
-        ->add_option("--smooth", options->smooth, "Smooth with a Gaussian of this standard deviation, pixels")
-        ->check(CLI::Range(0.0, 64.0));
-    command
-        ->add_option("--rotate", options->rotate,
-                     "Turn the tilt axis at this angle from y to y (degrees; the axis lies along (-sin, cos) "
-                     "with x to "
-                     "the right and y down), or 'header' for that of the series' records")
-        ->type_name("DEG|header");
-    command->add_option("--bin", options->bin, "Reduce the size by this factor, averaging")
-        ->check(CLI::IsMember({1, 2, 4, 8}));
-    command->add_flag("--rebin", options->rebin, "With --bin: sum instead of averaging");
-    command->add_flag("--crop", options->crop, "Crop frames that are not square instead of padding them");
-    command->add_flag("--json", options->json, "Print the result as JSON");
-    command->add_option("--log", options->log, "Write the library's messages to this file")
-        ->type_name("FILE");
-    command->footer("Example:\n  vrk preprocess series.mrc -o clean.mrc --rotate 49.0 --log preprocess.log");
-    command->callback([options, &host] { run(*options, host); });
+        .option("--rotate", options->rotate,
+                "Turn the tilt axis at this angle from y to y (degrees; the axis lies along (-sin, cos) "
+                "with x to "
+                "the right and y down), or 'header' for that of the series' records")
+        .typeName("DEG|header");
+    command.option("--bin", options->bin, "Reduce the size by this factor, averaging")
+        .oneOf({"1", "2", "4", "8"});
+    command.flag("--rebin", options->rebin, "With --bin: sum instead of averaging");
+    command.flag("--crop", options->crop, "Crop frames that are not square instead of padding them");
+    command.flag("--json", options->json, "Print the result as JSON");
+    command.option("--log", options->log, "Write the library's messages to this file").typeName("FILE");
+    command.footer("Example:\n  vrk preprocess series.mrc -o clean.mrc --rotate 49.0 --log preprocess.log");
+    command.action([options, &host] { run(*options, host); });
 }
 
 }  // namespace vrk::app

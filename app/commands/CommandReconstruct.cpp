@@ -80,28 +80,24 @@ void run(const Options& options, Host& host) {
 
 }  // namespace
 
-void addReconstructCommand(CLI::App& app, Host& host) {
+void addReconstructCommand(CommandLine& line, Host& host) {
     auto options = std::make_shared<Options>();
-    CLI::App* command =
-        app.add_subcommand("reconstruct", "Build the reciprocal volume from a preprocessed tilt series");
-    command->add_option("series", options->series, "Preprocessed tilt series (.mrc)")
-        ->required()
-        ->type_name("SERIES.mrc");
-    command->add_option("-o,--output", options->output, "Volume to write")
-        ->required()
-        ->type_name("VOLUME.mrc");
-    CLI::Option* calibration =
-        command
-            ->add_option("--fine-calibration", options->fineCalibration, "File with calibrated pixel sizes")
-            ->type_name("FILE");
-    command->add_option("--fine-pixel-size", options->finePixelSize, "Calibrated pixel size, 1/m per pixel")
-        ->check(CLI::PositiveNumber)
-        ->excludes(calibration);
-    command->add_flag("--json", options->json, "Print the result as JSON");
-    command->add_option("--log", options->log, "Write the library's messages to this file")
-        ->type_name("FILE");
-    command->footer("Example:\n  vrk reconstruct clean.mrc -o volume.mrc --fine-calibration calibration.txt");
-    command->callback([options, &host] { run(*options, host); });
+    Command command =
+        line.command("reconstruct", "Build the reciprocal volume from a preprocessed tilt series");
+    command.option("series", options->series, "Preprocessed tilt series (.mrc)")
+        .required()
+        .typeName("SERIES.mrc");
+    command.option("-o,--output", options->output, "Volume to write").required().typeName("VOLUME.mrc");
+    CommandOption calibration =
+        command.option("--fine-calibration", options->fineCalibration, "File with calibrated pixel sizes")
+            .typeName("FILE");
+    command.option("--fine-pixel-size", options->finePixelSize, "Calibrated pixel size, 1/m per pixel")
+        .positive()
+        .excludes(calibration);
+    command.flag("--json", options->json, "Print the result as JSON");
+    command.option("--log", options->log, "Write the library's messages to this file").typeName("FILE");
+    command.footer("Example:\n  vrk reconstruct clean.mrc -o volume.mrc --fine-calibration calibration.txt");
+    command.action([options, &host] { run(*options, host); });
 }
 
 }  // namespace vrk::app

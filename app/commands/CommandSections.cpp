@@ -56,39 +56,34 @@ void run(const Options& options, Host& host) {
 
 }  // namespace
 
-void addSectionsCommand(CLI::App& app, Host& host) {
+void addSectionsCommand(CommandLine& line, Host& host) {
     auto options = std::make_shared<Options>();
-    CLI::App* command =
-        app.add_subcommand("sections", "Draw sections of a volume along lattice planes, and its projections");
-    command->add_option("volume", options->volume, "Volume file (.mrc)")->required()->type_name("VOLUME.mrc");
-    command->add_option("cell", options->cell, "Cell file, as 'vrk cell' and 'vrk run' write it")
-        ->required()
-        ->type_name("CELL");
-    command->add_option("-o,--output", options->folder, "Folder for the pictures")
-        ->required()
-        ->type_name("FOLDER");
+    Command command =
+        line.command("sections", "Draw sections of a volume along lattice planes, and its projections");
+    command.option("volume", options->volume, "Volume file (.mrc)").required().typeName("VOLUME.mrc");
+    command.option("cell", options->cell, "Cell file, as 'vrk cell' and 'vrk run' write it")
+        .required()
+        .typeName("CELL");
+    command.option("-o,--output", options->folder, "Folder for the pictures").required().typeName("FOLDER");
+    command.option("--plane", options->sections.planes, "Planes, for instance hk0 h1l hhl h-hl [hk0 h0l 0kl]")
+        .typeName("PLANE");
+    command.option("--thickness", options->sections.thickness, "Thickness in voxels")
+        .range(0.0, 100.0)
+        .showDefault();
     command
-        ->add_option("--plane", options->sections.planes,
-                     "Planes, for instance hk0 h1l hhl h-hl [hk0 h0l 0kl]")
-        ->type_name("PLANE");
-    command->add_option("--thickness", options->sections.thickness, "Thickness in voxels")
-        ->check(CLI::Range(0.0, 100.0))
-        ->capture_default_str();
-    command
-        ->add_option("--size", options->sections.size,
-                     "Edge of the pictures in pixels; volumes that are 2, 4 or 8 times as large are read "
-                     "reduced, by the brightest voxels")
-        ->check(CLI::Range(16, 8192))
-        ->capture_default_str();
-    command->add_flag("--nodes", options->sections.nodes, "Draw a ring round every lattice node");
-    command->add_flag(
-        "--primitive", options->primitive,
-        "Index the planes by the cell of the file, not by the conventional cell of its lattice");
-    command->add_flag("--tga", options->sections.tga, "Write TGA files, too");
-    command->add_flag("--json", options->json, "Print the names of the pictures and the reduction as JSON");
-    command->add_option("--log", options->log, "Write the library's messages to this file");
-    command->footer("Example:\n  vrk sections volume.mrc cell.txt -o pictures --plane hk0 hk1 --nodes");
-    command->callback([options, &host] { run(*options, host); });
+        .option("--size", options->sections.size,
+                "Edge of the pictures in pixels; volumes that are 2, 4 or 8 times as large are read "
+                "reduced, by the brightest voxels")
+        .range(16, 8192)
+        .showDefault();
+    command.flag("--nodes", options->sections.nodes, "Draw a ring round every lattice node");
+    command.flag("--primitive", options->primitive,
+                 "Index the planes by the cell of the file, not by the conventional cell of its lattice");
+    command.flag("--tga", options->sections.tga, "Write TGA files, too");
+    command.flag("--json", options->json, "Print the names of the pictures and the reduction as JSON");
+    command.option("--log", options->log, "Write the library's messages to this file");
+    command.footer("Example:\n  vrk sections volume.mrc cell.txt -o pictures --plane hk0 hk1 --nodes");
+    command.action([options, &host] { run(*options, host); });
 }
 
 }  // namespace vrk::app

@@ -91,7 +91,7 @@ std::filesystem::path truthPath(std::filesystem::path series) {
 void report(Host& host, const Options& options, const SimulatedSeries& result) {
     const SimulationTruth& truth = result.truth;
     if (options.json) {
-        host.out() << truth.toJson().dump(1) << '\n';
+        host.out() << truth.toJson() << '\n';
         return;
     }
     const auto cellText = [](const std::array<double, 6>& cell) {
@@ -120,7 +120,7 @@ void simulate(Host& host, const Options& options) {
     host.session().checkCanceled();
 
     std::ofstream truth(truthFile.path());
-    truth << result.truth.toJson().dump(1) << '\n';
+    truth << result.truth.toJson() << '\n';
     truth.close();
     if (!truth)
         throw Failure("cannot write " + truthPath(options.output).string() + "; check the free space");
@@ -132,24 +132,24 @@ void simulate(Host& host, const Options& options) {
 /// Options of one heading of the help text.
 class OptionGroup {
 public:
-    OptionGroup(CLI::App& command, const char* title) : m_command(command), m_title(title) {}
+    OptionGroup(Command& command, const char* title) : m_command(command), m_title(title) {}
 
     template <class Value>
-    CLI::Option* add(const std::string& name, Value& target, const std::string& text) {
-        return m_command.add_option(name, target, text)->capture_default_str()->group(m_title);
+    CommandOption add(const std::string& name, Value& target, const std::string& text) {
+        return m_command.option(name, target, text).showDefault().group(m_title);
     }
     /// Without a fixed default; the text tells it.
     template <class Value>
-    CLI::Option* addFree(const std::string& name, Value& target, const std::string& text) {
-        return m_command.add_option(name, target, text)->group(m_title);
+    CommandOption addFree(const std::string& name, Value& target, const std::string& text) {
+        return m_command.option(name, target, text).group(m_title);
     }
     void addFlag(const std::string& name, bool& target, const std::string& text) {
-        m_command.add_flag(name, target, text)->group(m_title);
+        m_command.flag(name, target, text).group(m_title);
     }
     /// Numbers with commas between them, for an array or an optional array.
     template <std::size_t N>
-    CLI::Option* addNumbers(const std::string& name, const std::string& type, const std::string& text,
-                            std::function<void(const std::array<double, N>&)> set) {
+    CommandOption addNumbers(const std::string& name, const std::string& type, const std::string& text,
+                             std::function<void(const std::array<double, N>&)> set) {
         const auto parse = [name, type, set = std::move(set)](const std::string& value) {
             const std::vector<double> numbers = numbersOf(value, ',', name);
             if (numbers.size() != N)
@@ -158,24 +158,31 @@ public:
             std::copy(numbers.begin(), numbers.end(), result.begin());
             set(result);
         };
-        return m_command.add_option_function<std::string>(name, parse, text)->type_name(type)->group(m_title);
+        return m_command.parsedOption(name, parse, text).typeName(type).group(m_title);
     }
     /// One of several names.
     template <class Value>
     void addChoice(const std::string& name, Value& target, const std::map<std::string, Value>& choices,
                    const std::string& type, const std::string& text) {
-        m_command.add_option(name, target, text)
-            ->transform(CLI::CheckedTransformer(choices).description(""))
-            ->type_name(type)
-            ->group(m_title);
+        const auto take = [name, &target, choices](const std::string& value) {
+            const auto choice = choices.find(value);
+            if (choice == choices.end()) {
+                std::string names;
+                for (const auto& [one, _] : choices)
+                    names += (names.empty() ? "" : ", ") + one;
+                throw Failure(name + " takes one of " + names + ", not " + value, FailureKind::Usage);
+            }
+            target = choice->second;
+        };
+        m_command.parsedOption(name, take, text).typeName(type).group(m_title);
     }
 
 private:
-    CLI::App& m_command;
+    Command& m_command;
     const char* m_title;
 };
 
-void addCrystalOptions(CLI::App& command, Options& options) {
+void addCrystalOptions(Command& command, Options& options) {
     SimulationSettings& settings = options.settings;
     OrientationSettings& orientation = settings.orientation;
     OptionGroup group(command, "Crystal");
@@ -202,7 +209,7 @@ void addCrystalOptions(CLI::App& command, Options& options) {
     group.add("--handedness", settings.handedness, "Side of the Ewald sphere, 1 or -1");
 }
 
-void addSeriesOptions(CLI::App& command, Options& options) {
+void addSeriesOptions(Command& command, Options& options) {
     SimulationSettings& settings = options.settings;
     TiltErrors& errors = settings.tiltErrors;
     OptionGroup group(command, "Series");
@@ -227,7 +234,7 @@ void addSeriesOptions(CLI::App& command, Options& options) {
     group.add("--seed", settings.seed, "Seed of everything random");
 }
 
-void addHeaderOptions(CLI::App& command, Options& options) {
+void addHeaderOptions(Command& command, Options& options) {
     StatedValues& stated = options.settings.stated;
     OptionGroup group(command, "What the file states");
     group.addFlag("--write-axis", stated.axis, "State the tilt axis");
@@ -237,7 +244,7 @@ void addHeaderOptions(CLI::App& command, Options& options) {
     group.addFree("--state-kv", stated.kilovolts, "State this high tension, 0 for none");
 }
 
-void addCentreOptions(CLI::App& command, Options& options) {
+void addCentreOptions(Command& command, Options& options) {
     CentreSettings& centre = options.settings.centre;
     OptionGroup group(command, "Centre of the patterns");
     group.addNumbers<2>("--centre-offset", "X,Y", "Pixels from the middle of the frame",
@@ -248,7 +255,7 @@ void addCentreOptions(CLI::App& command, Options& options) {
     group.add("--centre-jitter", centre.jitter, "Standard deviation from frame to frame, pixels");
 }
 
-void addBeamStopOptions(CLI::App& command, Options& options) {
+void addBeamStopOptions(Command& command, Options& options) {
     BeamStopSettings& stop = options.beamStop;
     OptionGroup group(command, "Beam stop (any of these puts one in)");
     group.addFlag("--beam-stop", options.hasBeamStop, "A bar from the left edge and a disc over the centre");
@@ -257,23 +264,21 @@ void addBeamStopOptions(CLI::App& command, Options& options) {
         return std::string();
     };
     group.add("--stop-direction", stop.direction, "In which the bar leaves, degrees from x towards y")
-        ->check(present, "");
-    group
-        .addFree("--stop-width", stop.width, "Width of the bar, pixels; 0 for none [a fiftieth of the size]")
-        ->check(present, "");
-    group
-        .addFree("--stop-disc", stop.disc, "Radius of the disc, pixels; 0 for none [a fiftieth of the size]")
-        ->check(present, "");
+        .check(present);
+    group.addFree("--stop-width", stop.width, "Width of the bar, pixels; 0 for none [a fiftieth of the size]")
+        .check(present);
+    group.addFree("--stop-disc", stop.disc, "Radius of the disc, pixels; 0 for none [a fiftieth of the size]")
+        .check(present);
     group
         .addNumbers<2>("--stop-offset", "X,Y", "Of the disc from the middle of the frame, pixels",
                        [&stop](const std::array<double, 2>& offset) { stop.offset = offset; })
-        ->check(present, "");
-    group.add("--stop-transmission", stop.transmission, "Part of the counts that passes")->check(present, "");
+        .check(present);
+    group.add("--stop-transmission", stop.transmission, "Part of the counts that passes").check(present);
     group.add("--stop-pedestal", stop.pedestal, "Counts that are recorded behind it all the same")
-        ->check(present, "");
+        .check(present);
 }
 
-void addRecordingOptions(CLI::App& command, Options& options) {
+void addRecordingOptions(Command& command, Options& options) {
     SimulationSettings& settings = options.settings;
     BackgroundSettings& background = settings.background;
     DistortionSettings& distortion = settings.distortion;
@@ -297,7 +302,7 @@ void addRecordingOptions(CLI::App& command, Options& options) {
     group.add("--radial", distortion.radial, "Radial distortion at half a width, 0.01 for 1 %");
 }
 
-void addCameraOptions(CLI::App& command, Options& options) {
+void addCameraOptions(Command& command, Options& options) {
     DetectorSettings& detector = options.settings.detector;
     OptionGroup group(command, "Camera");
     group.add("--size", detector.size, "Pixels along each edge");
@@ -310,28 +315,28 @@ void addCameraOptions(CLI::App& command, Options& options) {
 
 }  // namespace
 
-void addSimulateCommand(CLI::App& app, Host& host) {
+void addSimulateCommand(CommandLine& line, Host& host) {
     auto options = std::make_shared<Options>();
-    CLI::App* command =
-        app.add_subcommand("simulate", "Make a tilt series of a known crystal, with its truth as JSON");
-    command->add_option("-o,--output", options->output, "Series to write; the truth goes beside it")
-        ->required()
-        ->type_name("SERIES.mrc");
-    command->add_flag("--json", options->json, "Print the truth as JSON");
-    command->add_flag("--list-reflections", options->settings.keepReflections,
-                      "List every reflection with its position in the truth");
-    addCrystalOptions(*command, *options);
-    addSeriesOptions(*command, *options);
-    addHeaderOptions(*command, *options);
-    addCentreOptions(*command, *options);
-    addRecordingOptions(*command, *options);
-    addBeamStopOptions(*command, *options);
-    addCameraOptions(*command, *options);
-    command->footer(
+    Command command =
+        line.command("simulate", "Make a tilt series of a known crystal, with its truth as JSON");
+    command.option("-o,--output", options->output, "Series to write; the truth goes beside it")
+        .required()
+        .typeName("SERIES.mrc");
+    command.flag("--json", options->json, "Print the truth as JSON");
+    command.flag("--list-reflections", options->settings.keepReflections,
+                 "List every reflection with its position in the truth");
+    addCrystalOptions(command, *options);
+    addSeriesOptions(command, *options);
+    addHeaderOptions(command, *options);
+    addCentreOptions(command, *options);
+    addRecordingOptions(command, *options);
+    addBeamStopOptions(command, *options);
+    addCameraOptions(command, *options);
+    command.footer(
         "Example:\n  vrk simulate -o garnet.mrc --cell 11.9,11.9,11.9,90,90,90 --centring I --tilts "
         "-50:50:0.5\n"
         "makes garnet.mrc and garnet.truth.json.");
-    command->callback([options, &host] { simulate(host, *options); });
+    command.action([options, &host] { simulate(host, *options); });
 }
 
 }  // namespace vrk::app

@@ -103,40 +103,36 @@ void run(const Options& options, Host& host) {
 
 }  // namespace
 
-void addTiltAxisCommand(CLI::App& app, Host& host) {
+void addTiltAxisCommand(CommandLine& line, Host& host) {
     auto options = std::make_shared<Options>();
-    CLI::App* command = app.add_subcommand(
+    Command command = line.command(
         "tilt-axis",
         "Find the angle of the tilt axis, for 'vrk preprocess --rotate' and 'vrk run --tilt-axis'");
-    command->add_option("series", options->series, "Tilt series (.mrc), not rotated")
-        ->required()
-        ->type_name("SERIES.mrc");
-    command->add_option("-o,--output", options->folder, "Folder for histogram images and plots")
-        ->required()
-        ->type_name("DIR");
-    command->add_option("--accuracy", options->accuracy, "Finest step between angles, degrees")
-        ->check(CLI::Range(1e-4, 90.0))
-        ->capture_default_str();
+    command.option("series", options->series, "Tilt series (.mrc), not rotated")
+        .required()
+        .typeName("SERIES.mrc");
+    command.option("-o,--output", options->folder, "Folder for histogram images and plots")
+        .required()
+        .typeName("DIR");
+    command.option("--accuracy", options->accuracy, "Finest step between angles, degrees")
+        .range(1e-4, 90.0)
+        .showDefault();
     command
-        ->add_option(
-            "--method", options->method,
-            "2d: place the spots of the patterns in space for every angle; 3d: reconstruct a volume for "
-            "every angle, which is slower")
-        ->check(CLI::IsMember({"2d", "3d"}))
-        ->capture_default_str();
-    command->add_option("--range", options->range, "Try these angles instead of the automatic schedule")
-        ->expected(3)
-        ->type_name("START END STEP");
-    command->add_option("--jobs", options->jobs, "Processes that share the work")
-        ->check(CLI::Range(1, 256))
-        ->capture_default_str();
-    command->add_flag("--preprocessed", options->preprocessed,
-                      "The series comes from 'vrk preprocess'; take it as it is");
-    command->add_flag("--json", options->json, "Print the result as JSON");
-    command->add_option("--log", options->log, "Write the library's messages to this file")
-        ->type_name("FILE");
-    command->footer("Example:\n  vrk tilt-axis series.mrc -o axis --accuracy 0.1 --jobs 4");
-    command->callback([options, &host] { run(*options, host); });
+        .option("--method", options->method,
+                "2d: place the spots of the patterns in space for every angle; 3d: reconstruct a volume for "
+                "every angle, which is slower")
+        .oneOf({"2d", "3d"})
+        .showDefault();
+    command.option("--range", options->range, "Try these angles instead of the automatic schedule")
+        .values(3)
+        .typeName("START END STEP");
+    command.option("--jobs", options->jobs, "Processes that share the work").range(1, 256).showDefault();
+    command.flag("--preprocessed", options->preprocessed,
+                 "The series comes from 'vrk preprocess'; take it as it is");
+    command.flag("--json", options->json, "Print the result as JSON");
+    command.option("--log", options->log, "Write the library's messages to this file").typeName("FILE");
+    command.footer("Example:\n  vrk tilt-axis series.mrc -o axis --accuracy 0.1 --jobs 4");
+    command.action([options, &host] { run(*options, host); });
 }
 
 }  // namespace vrk::app

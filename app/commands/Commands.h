@@ -1,27 +1,26 @@
 /// \file
-/// The subcommands of vrk. Each function adds one to the parser; its action runs when the command line
+/// The subcommands of vrk. Each function adds one to the command line; its action runs when the command line
 /// has been read, reports to the Host and throws Failure when it cannot go on.
 #pragma once
 
-#include <CLI/CLI.hpp>
-
+#include "console/CommandLine.h"
 #include "console/Host.h"
 
 namespace vrk::app {
 
-void addRunCommand(CLI::App& app, Host& host);
-void addImportCommand(CLI::App& app, Host& host);
-void addInfoCommand(CLI::App& app, Host& host);
-void addPreprocessCommand(CLI::App& app, Host& host);
-void addTiltAxisCommand(CLI::App& app, Host& host);
-void addReconstructCommand(CLI::App& app, Host& host);
-void addPeaksCommand(CLI::App& app, Host& host);
-void addCellCommand(CLI::App& app, Host& host);
-void addIndexCommand(CLI::App& app, Host& host);
-void addSectionsCommand(CLI::App& app, Host& host);
-void addCellInfoCommand(CLI::App& app, Host& host);
-void addSimulateCommand(CLI::App& app, Host& host);
-void addDemoCommand(CLI::App& app, Host& host);
-void addCompletionCommand(CLI::App& app, Host& host);
+void addRunCommand(CommandLine& line, Host& host);
+void addImportCommand(CommandLine& line, Host& host);
+void addInfoCommand(CommandLine& line, Host& host);
+void addPreprocessCommand(CommandLine& line, Host& host);
+void addTiltAxisCommand(CommandLine& line, Host& host);
+void addReconstructCommand(CommandLine& line, Host& host);
+void addPeaksCommand(CommandLine& line, Host& host);
+void addCellCommand(CommandLine& line, Host& host);
+void addIndexCommand(CommandLine& line, Host& host);
+void addSectionsCommand(CommandLine& line, Host& host);
+void addCellInfoCommand(CommandLine& line, Host& host);
+void addSimulateCommand(CommandLine& line, Host& host);
+void addDemoCommand(CommandLine& line, Host& host);
+void addCompletionCommand(CommandLine& line, Host& host);
 
 }  // namespace vrk::app

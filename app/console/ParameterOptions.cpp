@@ -1,5 +1,8 @@
 #include "console/ParameterOptions.h"
 
+#include <cmath>
+#include <cstdlib>
+#include <functional>
 #include <limits>
 #include <map>
 #include <sstream>
@@ -16,25 +19,26 @@ namespace {
 constexpr double kLargest = 1e9;
 constexpr int kLargestCount = std::numeric_limits<int>::max();
 
-/// Refuses NaN as well as what lies outside.
+/// What is wrong with a value that has to lie between two numbers. NaN does not.
 template <typename Number>
-CLI::Validator between(Number lowest, Number highest) {
-    return CLI::Validator(
-        [=](std::string& text) {
-            Number value{};
-            if (CLI::detail::lexical_cast(text, value) && value >= lowest && value <= highest)
-                return std::string();
-            std::ostringstream message;
-            message << text << " is not a number from " << lowest << " to " << highest;
-            return message.str();
-        },
-        "");
+std::function<std::string(const std::string&)> between(Number lowest, Number highest) {
+    return [=](const std::string& text) {
+        char* end = nullptr;
+        const double value = std::strtod(text.c_str(), &end);
+        const bool number = !text.empty() && *end == '\0';
+        const bool whole = !std::is_integral_v<Number> || value == std::floor(value);
+        if (number && whole && value >= static_cast<double>(lowest) && value <= static_cast<double>(highest))
+            return std::string();
+        std::ostringstream message;
+        message << text << " is not a number from " << lowest << " to " << highest;
+        return message.str();
+    };
 }
 
 /// Adds options to one group, with the default value behind the description.
 class Group {
 public:
-    Group(CLI::App& command, std::string name, bool showDefaults)
+    Group(Command& command, std::string name, bool showDefaults)
         : m_command(command), m_name(std::move(name)), m_showDefaults(showDefaults) {}
 
     template <typename Number>
@@ -43,14 +47,14 @@ public:
         std::ostringstream description;
         description << text;
         if (m_showDefaults) description << " [" << standard << "]";
-        m_command.add_option(option, target, description.str())
-            ->check(between<Number>(lowest, highest))
-            ->type_name(std::is_integral_v<Number> ? "INT" : "NUMBER")
-            ->group(m_name);
+        m_command.option(option, target, description.str())
+            .check(between<Number>(lowest, highest))
+            .typeName(std::is_integral_v<Number> ? "INT" : "NUMBER")
+            .group(m_name);
     }
 
 private:
-    CLI::App& m_command;
+    Command& m_command;
     std::string m_name;
     bool m_showDefaults;
 };
@@ -61,7 +65,7 @@ nlohmann::ordered_json valueOrNull(bool used, double value) {
 
 }  // namespace
 
-void addSearchOptions(CLI::App& command, SearchOptions& options, bool showDefaults) {
+void addSearchOptions(Command& command, SearchOptions& options, bool showDefaults) {
     const Parameter p;
     Group group(command, "Reflection search", showDefaults);
     group.add("--threshold", options.threshold, "Voxels at or above this value belong to reflections",
@@ -79,7 +83,7 @@ void addSearchOptions(CLI::App& command, SearchOptions& options, bool showDefaul
               3, p.getWhichReflectionMiddleShouldUsed());
 }
 
-void addCellOptions(CLI::App& command, CellOptions& options, bool showDefaults) {
+void addCellOptions(Command& command, CellOptions& options, bool showDefaults) {
     const Parameter p;
     Group group(command, "Cell finding", showDefaults);
     group.add("--min-length", options.minLength, "Shortest difference vector, voxels", 0.0, kLargest,
@@ -101,20 +105,19 @@ void addCellOptions(CLI::App& command, CellOptions& options, bool showDefaults) 
     group.add("--grid-size", options.gridSize,
               "Steps along each base vector in the search for the reduced cell", 1, 50,
               p.getGridSizeNiggliCell());
-    command
-        .add_flag("--full-space", options.fullSpace, "Use both of each pair of opposite difference vectors")
-        ->group("Cell finding");
+    command.flag("--full-space", options.fullSpace, "Use both of each pair of opposite difference vectors")
+        .group("Cell finding");
     const std::map<std::string, ClusteringMethod> methods = {{"dbscan", ClusteringMethod::DBSCAN},
                                                              {"ddsc", ClusteringMethod::DDSC},
                                                              {"fsc", ClusteringMethod::FSC}};
     command
-        .add_option(
-            "--clustering", options.clustering,
+        .parsedOption(
+            "--clustering",
+            [&options, methods](const std::string& name) { options.clustering = methods.at(name); },
             "Clusters of difference vectors by one density (dbscan), by even density (ddsc), or by fuzzy "
             "subtraction, which needs no radius (fsc) [dbscan]")
-        ->transform(CLI::CheckedTransformer(methods).description(""))
-        ->type_name("METHOD")
-        ->group("Cell finding");
+        .oneOf({"dbscan", "ddsc", "fsc"})
+        .group("Cell finding");
 }
 
 nlohmann::ordered_json searchSettings(const Parameter& p) {

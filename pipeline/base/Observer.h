@@ -16,7 +16,7 @@ public:
 
     /// A stage begins. Stages do not nest.
     virtual void stageBegan(const std::string& /*name*/) {}
-    /// \param step  how many of \p steps of the stage are done
+    /// So many of the steps of the stage are done.
     virtual void progressed(int /*step*/, int /*steps*/) {}
     virtual void stageEnded() {}
 

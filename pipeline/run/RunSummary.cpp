@@ -170,8 +170,8 @@ double peakMemory() {
     return static_cast<double>(usage.ru_maxrss) / 1024.0;
 }
 
-Json summaryJson(const std::filesystem::path& series, const RunResult& result,
-                 const std::vector<std::string>& warnings) {
+std::string summaryJson(const std::filesystem::path& series, const RunResult& result,
+                        const std::vector<std::string>& warnings) {
     const RefinedPositions& refined = result.indexed.refined;
     const VoxMRCData& voxels = *result.volume.voxels;
     Json json;
@@ -194,13 +194,13 @@ Json summaryJson(const std::filesystem::path& series, const RunResult& result,
     json["seconds"] = secondsJson(result.seconds);
     json["peak_memory_mib"] = peakMemory();
     json["warnings"] = warnings;
-    return json;
+    return json.dump(2);
 }
 
-void writeSummary(const std::filesystem::path& path, const Json& summary) {
+void writeSummary(const std::filesystem::path& path, const std::string& summary) {
     OutputFile file(path);
     std::ofstream stream(file.path());
-    stream << summary.dump(2) << '\n';
+    stream << summary << '\n';
     stream.close();
     if (!stream) throw Failure("cannot write " + path.string() + "; check the free space");
     file.commit();

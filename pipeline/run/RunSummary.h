@@ -3,7 +3,6 @@
 #pragma once
 
 #include <filesystem>
-#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <vector>
 
@@ -11,12 +10,13 @@
 
 namespace vrk {
 
+/// The text of summary.json.
 /// \param series  as the caller named it
-nlohmann::ordered_json summaryJson(const std::filesystem::path& series, const RunResult& result,
-                                   const std::vector<std::string>& warnings);
+std::string summaryJson(const std::filesystem::path& series, const RunResult& result,
+                        const std::vector<std::string>& warnings);
 
 /// Throws Failure when the file cannot be written.
-void writeSummary(const std::filesystem::path& path, const nlohmann::ordered_json& summary);
+void writeSummary(const std::filesystem::path& path, const std::string& summary);
 
 /// Largest resident size of the process so far, in MiB.
 double peakMemory();

@@ -4,7 +4,6 @@
 
 #include <array>
 #include <cstdint>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
@@ -140,8 +139,5 @@ double frameRotation(const SimulationSettings& settings);
 /// frame is exposed in proportion to its rotation, 1 for a degree. All other frames are exposed alike. The
 /// dose multiplies it.
 double frameExposure(const SimulationSettings& settings);
-
-/// All settings but the list of tilts, under the names that the truth file explains.
-nlohmann::json toJson(const SimulationSettings& settings);
 
 }  // namespace vrk

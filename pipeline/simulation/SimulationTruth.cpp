@@ -1,6 +1,9 @@
 #include "pipeline/simulation/SimulationTruth.h"
 
+#include <nlohmann/json.hpp>
 #include <string>
+
+#include "pipeline/simulation/detail/SettingsJson.h"
 
 namespace vrk {
 namespace {
@@ -19,7 +22,7 @@ json orNull(const std::optional<Value>& value) {
 
 }  // namespace
 
-json SimulationTruth::toJson() const {
+std::string SimulationTruth::toJson() const {
     json conventional = cellJson(conventionalCell);
     conventional["centring"] = std::string(1, centring);
     json truth = {
@@ -43,7 +46,7 @@ json SimulationTruth::toJson() const {
           {"tilt_axis_deg", orNull(statedAxis)},
           {"pixel_size", statedPixelSize},
           {"voltage_kv", statedKilovolts}}},
-        {"settings", vrk::toJson(settings)}};
+        {"settings", detail::settingsJson(settings)}};
     for (const SimulatedReflection& one : reflections)
         truth["reflections"].push_back({{"hkl", {one.h, one.k, one.l}},
                                         {"position", one.position},
@@ -51,7 +54,7 @@ json SimulationTruth::toJson() const {
                                         {"time", one.time},
                                         {"counts", one.intensity * one.time},
                                         {"peak_counts", one.peakCounts}});
-    return truth;
+    return truth.dump(1);
 }
 
 }  // namespace vrk

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <array>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -54,7 +53,8 @@ struct SimulationTruth {
 
     SimulationSettings settings;
 
-    nlohmann::json toJson() const;
+    /// The text of the truth file.
+    std::string toJson() const;
 };
 
 }  // namespace vrk

@@ -1,7 +1,6 @@
 #include "indexing/detail/IndexedFit.h"
 
 #include <Eigen/Cholesky>
-#include <Eigen/Eigenvalues>
 #include <algorithm>
 #include <limits>
 
@@ -29,9 +28,10 @@ std::optional<IndexedFit> fitOnce(const std::vector<IndexedPosition>& reflection
         side += nodeOf(reflection) * reflection.position.transpose();
     }
     const Eigen::Vector4d scale = normal.diagonal().cwiseMax(1e-300).cwiseSqrt().cwiseInverse();
-    const Eigen::SelfAdjointEigenSolver<Eigen::Matrix4d> spread(
-        scale.asDiagonal() * normal * scale.asDiagonal(), Eigen::EigenvaluesOnly);
-    if (!(spread.eigenvalues()(0) > 1e-9)) return std::nullopt;
+    const Eigen::Matrix4d scaled = scale.asDiagonal() * normal * scale.asDiagonal();
+    // All eigenvalues are above a limit when the matrix less the limit is positive definite.
+    const Eigen::LDLT<Eigen::Matrix4d> less(scaled - 1e-9 * Eigen::Matrix4d::Identity());
+    if (!scaled.allFinite() || !(less.vectorD().minCoeff() > 0.0)) return std::nullopt;
     const Eigen::Matrix<double, 4, 3> solution = normal.ldlt().solve(side);
     return IndexedFit{solution.topRows<3>().transpose(), solution.row(3).transpose()};
 }
