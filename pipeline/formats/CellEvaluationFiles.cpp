@@ -1,6 +1,7 @@
 #include "pipeline/formats/CellEvaluationFiles.h"
 
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <string>
 
 #include "pipeline/base/Failure.h"
@@ -88,8 +89,6 @@ Json listOf(const Entries& entries) {
     return list;
 }
 
-}  // namespace
-
 Json toJson(const CellEvaluation& e) {
     Json json;
     json["parameters"] = {{"min_length", e.minLength}, {"max_length", e.maxLength}, {"eps", e.eps},
@@ -110,6 +109,8 @@ Json toJson(const CellEvaluation& e) {
     json["displacements"] = {{"radius_px", e.radius}, {"shells", listOf(e.shells)}, {"all", toJson(e.all)}};
     return json;
 }
+
+}  // namespace
 
 std::vector<std::filesystem::path> writeEvaluation(const CellEvaluation& evaluation,
                                                    const std::filesystem::path& path) {
