@@ -39,7 +39,7 @@ std::vector<std::pair<double, double>> signals(std::span<const IntegratedReflect
 }  // namespace
 
 double resolutionOf(std::span<const IntegratedReflection> reflections) {
-    constexpr double kLeast = 0.1;
+    constexpr double kLeast = 0.25;
     double sum = 0, highest = 0, limit = 0;
     for (const auto& [spacing, signal] : signals(reflections)) {
         sum += signal - kLeast;

@@ -1,0 +1,266 @@
+#include "pipeline/integration/DataReduction.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <gemmi/symmetry.hpp>
+#include <map>
+#include <random>
+
+#include "RandomGeometry.h"
+#include "pipeline/base/Failure.h"
+#include "pipeline/simulation/SimulatedCrystal.h"
+
+namespace {
+
+using namespace vrk;
+
+Eigen::Matrix3d reciprocalOf(const std::array<double, 6>& cell) {
+    const Matrix3 rows = SimulatedCrystal::fromCell(cell, 'P', 0, 1).reciprocal();
+    Eigen::Matrix3d columns;
+    for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 3; ++j)
+            columns(j, i) = rows[static_cast<std::size_t>(i)][static_cast<std::size_t>(j)];
+    return columns;
+}
+
+/// A data set with the symmetry of a space group, of a wedge that lacks a cone.
+struct DataSet {
+    std::array<double, 6> cell;
+    char centring = 'P';
+    std::string group = "P 1";
+    double noise = 0.03;     ///< relative, beside a constant part
+    double understated = 1;  ///< true over stated uncertainty
+    double wave = 0;         ///< amplitude of ln(scale) over the frames
+    unsigned seed = 3;
+
+    std::vector<IntegratedReflection> reflections() const {
+        const Eigen::Matrix3d reciprocal = reciprocalOf(cell);
+        const gemmi::SpaceGroup* space = gemmi::find_spacegroup_by_name(group);
+        const gemmi::GroupOps operations = space->operations();
+        const gemmi::ReciprocalAsu unique(space);
+        std::mt19937 random(seed);
+        std::normal_distribution<double> normal;
+        std::exponential_distribution<double> wilson(1.0 / 1000);
+        std::map<gemmi::Op::Miller, double> truth;
+        std::vector<IntegratedReflection> list;
+        for (int h = -9; h <= 9; ++h)
+            for (int k = -9; k <= 9; ++k)
+                for (int l = -9; l <= 9; ++l) {
+                    const Eigen::Vector3d g = reciprocal * Eigen::Vector3d(h, k, l);
+                    const double length = g.norm();
+                    if (length == 0 || length > 0.9 || isExtinct(centring, h, k, l)) continue;
+                    if (std::abs(g.normalized().dot(Eigen::Vector3d(0.36, 0.48, 0.8))) > 0.85) continue;
+                    const gemmi::Op::Miller hkl = {h, k, l};
+                    const auto [entry, isNew] = truth.try_emplace(unique.to_asu(hkl, operations).first, 0.0);
+                    if (isNew) entry->second = wilson(random) * std::exp(-3 * length * length);
+                    const double value = operations.is_systematically_absent(hkl) ? 0 : entry->second;
+                    IntegratedReflection r;
+                    r.h = h;
+                    r.k = k;
+                    r.l = l;
+                    r.spacing = 1 / length;
+                    r.frame = 60 + 55 * g.normalized().dot(Eigen::Vector3d(0.8, -0.6, 0));
+                    const double scale = std::exp(wave * std::sin(r.frame / 18));
+                    r.sigma = std::hypot(10, noise * value * scale);
+                    r.intensity = value * scale + understated * r.sigma * normal(random);
+                    list.push_back(r);
+                }
+        return list;
+    }
+    DataReduction reduced() const {
+        return reduceData(reflections(), 121, reciprocalOf(cell), centring, 1 / 0.9);
+    }
+};
+
+TEST(LaueGroupTest, isFoundBelowAndAtTheSymmetryOfTheLattice) {
+    const std::array<double, 6> cubic = {7.5, 7.5, 7.5, 90, 90, 90};
+    const std::array<double, 6> tetragonal = {7.5, 7.5, 9.3, 90, 90, 90};
+    const std::array<double, 6> hexagonal = {7.5, 7.5, 9.3, 90, 90, 120};
+    struct Row {
+        std::array<double, 6> cell;
+        char centring;
+        const char* group;
+        const char* symbol;
+    };
+    const std::array<Row, 14> rows = {{{{7.1, 8.3, 9.4, 82, 75, 68}, 'P', "P 1", "P -1"},
+                                       {{7.1, 8.3, 9.4, 90, 103, 90}, 'P', "P 1 2 1", "P 1 2/m 1"},
+                                       {{7.1, 8.3, 9.4, 90, 90, 90}, 'P', "P 1 2 1", "P 1 2/m 1"},
+                                       {{7.1, 8.3, 9.4, 90, 90, 90}, 'P', "P 1 1 2", "P 1 1 2/m"},
+                                       {{7.1, 8.3, 9.4, 90, 90, 90}, 'C', "C 2 2 2", "C m m m"},
+                                       {tetragonal, 'I', "I 4", "I 4/m"},
+                                       {tetragonal, 'P', "P 4 2 2", "P 4/m m m"},
+                                       {hexagonal, 'P', "P 3", "P -3"},
+                                       {hexagonal, 'P', "P 3 2 1", "P -3 m 1"},
+                                       {hexagonal, 'P', "P 3 1 2", "P -3 1 m"},
+                                       {hexagonal, 'P', "P 6", "P 6/m"},
+                                       {{7.5, 7.5, 11.3, 90, 90, 120}, 'R', "R 3:H", "R -3:H"},
+                                       {{12, 12, 12, 90, 90, 90}, 'F', "F 2 3", "F m -3"},
+                                       {cubic, 'P', "P 4 3 2", "P m -3 m"}}};
+    for (const Row& row : rows) {
+        const DataReduction data = DataSet{row.cell, row.centring, row.group}.reduced();
+        EXPECT_EQ(data.laue.best().symbol, row.symbol);
+        EXPECT_LT(data.laue.best().rMeas, 0.1);
+    }
+}
+
+TEST(ScalingTest, findsTheScaleThatIsThereAndNoOther) {
+    DataSet set{{7.5, 7.5, 9.3, 90, 90, 90}, 'P', "P 4 2 2"};
+    const DataReduction flat = set.reduced();
+    for (const double k : flat.scales.k)
+        EXPECT_EQ(k, 0);
+    set.wave = 0.4;
+    const DataReduction waved = set.reduced();
+    double offset = 0;
+    for (int frame = 10; frame <= 110; frame += 10)
+        offset += (std::log(waved.scales.factor(frame, 2)) - 0.4 * std::sin(frame / 18.0)) / 11;
+    for (int frame = 10; frame <= 110; frame += 5)
+        EXPECT_NEAR(std::log(waved.scales.factor(frame, 2)) - offset, 0.4 * std::sin(frame / 18.0), 0.03)
+            << frame;
+    EXPECT_LT(waved.statistics.overall.rInt, 1.3 * flat.statistics.overall.rInt);
+}
+
+TEST(ErrorModelTest, findsWhatCountingDoesNotExplain) {
+    DataSet set{{7.1, 8.3, 9.4, 90, 103, 90}, 'P', "P 1 2 1"};
+    set.noise = 0.08;
+    set.understated = 1.6;
+    std::vector<IntegratedReflection> list = set.reflections();
+    for (IntegratedReflection& r : list)
+        r.sigma = 10;
+    const DataReduction data = reduceData(list, 121, reciprocalOf(set.cell), 'P', 1 / 0.9);
+    EXPECT_NEAR(data.errors.a, 1.6 * 1.6, 0.5);
+    EXPECT_NEAR(data.errors.b * 10, 0.08 * 10, 0.12);
+    const DataReduction honest = DataSet{set.cell, 'P', "P 1 2 1"}.reduced();
+    EXPECT_NEAR(honest.errors.a, 1, 0.1);
+    EXPECT_LT(honest.errors.b, 0.012);
+}
+
+TEST(ScalingTest, marksOutliersWithTheirSource) {
+    const DataSet set{{7.5, 7.5, 9.3, 90, 90, 90}, 'P', "P 4 2 2"};
+    std::vector<IntegratedReflection> list = set.reflections();
+    list[300].intensity += 4000;
+    list[700].flags = kReflectionSaturated;
+    const DataReduction data = reduceData(list, 121, reciprocalOf(set.cell), 'P', 1 / 0.9);
+    EXPECT_EQ(data.outliers, 1);
+    EXPECT_EQ(data.observations.size(), list.size() - 1);
+    for (const Observation& one : data.observations)
+        EXPECT_EQ(one.outlier, one.source == 300);
+}
+
+TEST(MergingTest, numbersAreThoseOfTheirDefinitions) {
+    // Two pairs of Friedel mates and one single reflection.
+    const auto one = [](Indices hkl, double intensity, double sigma) {
+        Observation o;
+        o.hkl = hkl;
+        o.intensity = intensity;
+        o.sigma = sigma;
+        o.spacing = 10 / std::sqrt(hkl[0] * hkl[0] + hkl[1] * hkl[1] + hkl[2] * hkl[2]);
+        return o;
+    };
+    const std::vector<Observation> list = {one({1, 2, 0}, 100, 10), one({-1, -2, 0}, 130, 20),
+                                           one({2, 0, 1}, 40, 10), one({-2, 0, -1}, 20, 10),
+                                           one({0, 1, 2}, 70, 7)};
+    const LaueRotations none = {IndexRotation()};
+    const std::vector<MergedReflection> merged = merge(list, none);
+    ASSERT_EQ(merged.size(), 3U);
+    EXPECT_EQ(merged[1].hkl, (Indices{1, 2, 0}));
+    EXPECT_NEAR(merged[1].intensity, (100 / 100.0 + 130 / 400.0) / (1 / 100.0 + 1 / 400.0), 1e-9);
+    EXPECT_NEAR(merged[1].sigma, std::sqrt(1 / (1 / 100.0 + 1 / 400.0)), 1e-9);
+    const MergingStatistics statistics =
+        mergingStatistics(list, none, reciprocalOf({10, 10, 10, 90, 90, 90}), 'P', 10 / std::sqrt(5.0));
+    const ShellStatistics& all = statistics.overall;
+    EXPECT_EQ(all.observations, 5);
+    EXPECT_EQ(all.unique, 3);
+    // 100: 3, 110: 6, 111: 4, 200: 3, 210: 12 pairs of mates.
+    EXPECT_EQ(all.possible, 28);
+    EXPECT_NEAR(all.rInt, (15 + 15 + 10 + 10) / 290.0, 1e-9);
+    EXPECT_NEAR(all.rMeas, std::sqrt(2.0) * all.rInt, 1e-9);
+}
+
+TEST(MergingTest, ccHalfIsThatOfRandomHalves) {
+    std::mt19937 random(6);
+    std::normal_distribution<double> normal;
+    std::exponential_distribution<double> wilson(1.0 / 100);
+    std::vector<Observation> list;
+    double x = 0, y = 0, xx = 0, yy = 0, xy = 0;
+    constexpr int kCount = 4000;
+    for (int i = 1; i <= kCount; ++i) {
+        const double truth = wilson(random);
+        std::array<double, 2> values{};
+        for (const int sign : {1, -1}) {
+            Observation one;
+            one.hkl = {sign * i, 0, 0};
+            one.intensity = truth + 80 * normal(random);
+            one.sigma = 80;
+            one.spacing = 2;
+            values[sign > 0 ? 0 : 1] = one.intensity;
+            list.push_back(one);
+        }
+        x += values[0] / kCount;
+        y += values[1] / kCount;
+        xx += values[0] * values[0] / kCount;
+        yy += values[1] * values[1] / kCount;
+        xy += values[0] * values[1] / kCount;
+    }
+    const double halves = (xy - x * y) / std::sqrt((xx - x * x) * (yy - y * y));
+    const MergingStatistics statistics =
+        mergingStatistics(list, {IndexRotation()}, reciprocalOf({10, 10, 10, 90, 90, 90}), 'P', 2);
+    EXPECT_NEAR(statistics.overall.ccHalf, halves, 0.02);
+}
+
+TEST(SpaceGroupsTest, areRankedByWhatIsAbsent) {
+    struct Row {
+        std::array<double, 6> cell;
+        char centring;
+        const char* group;
+    };
+    const std::array<Row, 8> rows = {{{{7.1, 8.3, 9.4, 90, 103, 90}, 'P', "P 1 21/c 1"},
+                                      {{12.1, 8.3, 9.4, 90, 103, 90}, 'C', "C 1 2/c 1"},
+                                      {{7.1, 8.3, 9.4, 90, 90, 90}, 'P', "P n m a"},
+                                      {{7.1, 8.3, 9.4, 90, 90, 90}, 'P', "P b c n"},
+                                      {{9.1, 11.3, 13.4, 90, 90, 90}, 'F', "F d d d:2"},
+                                      {{9.5, 9.5, 9.3, 90, 90, 90}, 'I', "I 41/a:2"},
+                                      {{7.5, 7.5, 11.3, 90, 90, 120}, 'R', "R -3 c:H"},
+                                      {{9.5, 9.5, 9.5, 90, 90, 90}, 'I', "I a -3 d"}}};
+    for (const Row& row : rows) {
+        const DataReduction data = DataSet{row.cell, row.centring, row.group}.reduced();
+        // Groups that differ by a centre of inversion alone forbid the same.
+        const gemmi::SpaceGroup* truth = gemmi::find_spacegroup_by_name(row.group);
+        const auto& candidates = data.spaceGroups.candidates;
+        const auto found = std::find_if(candidates.begin(), candidates.end(), [&](const auto& candidate) {
+            return candidate.symbol == truth->xhm();
+        });
+        ASSERT_NE(found, candidates.end()) << row.group;
+        EXPECT_NEAR(found->evidence, candidates.front().evidence, 1e-9) << candidates.front().symbol;
+        EXPECT_GT(found->evidence, 10);
+    }
+}
+
+TEST(SpaceGroupsTest, conditionsTellTheirEvidence) {
+    const DataReduction data = DataSet{{7.1, 8.3, 9.4, 90, 103, 90}, 'P', "P 1 21/c 1"}.reduced();
+    int holding = 0;
+    for (const ReflectionCondition& condition : data.spaceGroups.conditions) {
+        const bool holds = (condition.reflections != "h00" && condition.condition == "l = 2n") ||
+                           (condition.reflections == "0k0" && condition.condition == "k = 2n");
+        EXPECT_EQ(condition.evidence > 0, holds) << condition.reflections << ' ' << condition.condition;
+        EXPECT_GT(condition.violating, 2);
+        if (!holds) continue;
+        ++holding;
+        EXPECT_LT(condition.ratio, 0.05);
+        EXPECT_GT(condition.obeyingISigma, 5);
+    }
+    EXPECT_EQ(holding, 3);  // of the glide plane, the 00l in it, and of the screw axis
+}
+
+TEST(DataReductionTest, saysWhenNothingIsLeft) {
+    std::vector<IntegratedReflection> blind(5);
+    for (IntegratedReflection& r : blind) {
+        r.h = 1;
+        r.sigma = 1;
+        r.spacing = 2;
+        r.flags = kReflectionBlind;
+    }
+    EXPECT_THROW(reduceData(blind, 10, reciprocalOf({10, 10, 10, 90, 90, 90}), 'P', 1), Failure);
+}
+
+}  // namespace
