@@ -53,6 +53,41 @@ const gemmi::SpaceGroup* lowestSpaceGroup(char centring) {
     return group;
 }
 
+const gemmi::SpaceGroup* spaceGroupOf(const ReflectionSet& set) {
+    if (set.spaceGroup.empty()) return lowestSpaceGroup(set.centring);
+    const gemmi::SpaceGroup* group = gemmi::find_spacegroup_by_name(set.spaceGroup);
+    if (!group) throw Failure("there is no space group \"" + set.spaceGroup + '"', FailureKind::Usage);
+    return group;
+}
+
+bool hasCentreAtOrigin(const gemmi::GroupOps& operations) {
+    const gemmi::Op* inversion = operations.find_by_rotation(gemmi::Op::identity().negated_rot());
+    return inversion && inversion->tran == gemmi::Op::Tran{0, 0, 0};
+}
+
+/// LATT and SYMM of a space group. Where its inversion centre lies elsewhere, the other origin is taken.
+std::string symmetryInstructions(const gemmi::SpaceGroup* group, char centring) {
+    static const std::map<char, int> kLattices = {{'P', 1}, {'I', 2}, {'R', 3}, {'F', 4},
+                                                  {'A', 5}, {'B', 6}, {'C', 7}};
+    gemmi::GroupOps operations = group->operations();
+    if (operations.is_centrosymmetric() && !hasCentreAtOrigin(operations))
+        if (const auto* other = gemmi::find_spacegroup_by_name(std::string(group->hm) + ":2"))
+            operations = other->operations();
+    const bool centred = hasCentreAtOrigin(operations);
+    std::string text = format("LATT %d\n", (centred ? 1 : -1) * kLattices.at(centring));
+    std::vector<gemmi::Op::Rot> written = {gemmi::Op::identity().rot};
+    for (const gemmi::Op& operation : operations.sym_ops) {
+        const gemmi::Op::Rot opposite = operation.negated_rot();
+        const bool known = std::any_of(written.begin(), written.end(), [&](const gemmi::Op::Rot& one) {
+            return one == operation.rot || (centred && one == opposite);
+        });
+        if (known) continue;
+        written.push_back(operation.rot);
+        text += "SYMM " + operation.triplet('X') + "\n";
+    }
+    return text;
+}
+
 gemmi::El elementOf(const std::string& symbol) {
     const gemmi::El element = gemmi::find_element(symbol.c_str());
     if (element == gemmi::El::X || !gemmi::C4322<double>::has(element))
@@ -140,6 +175,23 @@ std::vector<std::pair<std::string, double>> cellContent(const ReflectionSet& set
     for (auto& [symbol, count] : content)
         count *= units;
     return content;
+}
+
+void describe(const ElectronExperiment& experiment, gemmi::cif::Block& block) {
+    const bool precessed = experiment.precession > 0.0;
+    block.set_pair("_diffrn_radiation_type", "electron");
+    if (experiment.kiloVolts > 0.0)
+        block.set_pair("_diffrn_source_details",
+                       gemmi::cif::quote(format("%g kV electron microscope", experiment.kiloVolts)));
+    block.set_pair("_diffrn_measurement_device", gemmi::cif::quote("transmission electron microscope"));
+    block.set_pair("_diffrn_measurement_method",
+                   gemmi::cif::quote(format("3D electron diffraction, tilts from %.2f to %.2f degrees",
+                                            experiment.tiltFirst, experiment.tiltLast)));
+    block.set_pair("_diffrn_measurement_rotation_mode", experiment.continuous ? "rotation" : "stepwise");
+    block.set_pair("_diffrn_measurement_method_precession", precessed ? "yes" : "no");
+    if (precessed) block.set_pair("_diffrn_precession_semi_angle", format("%.3f", experiment.precession));
+    if (experiment.mosaicity > 0.0)
+        block.set_pair("_exptl_crystal_mosaicity", format("%.3f", experiment.mosaicity));
 }
 
 void addScatteringFactor(std::string& text, const std::string& symbol) {
@@ -241,8 +293,6 @@ void writeShelx(const ReflectionSet& set, const std::filesystem::path& path) {
 }
 
 void writeShelxInstructions(const ReflectionSet& set, const std::filesystem::path& path) {
-    static const std::map<char, int> kLattices = {{'P', 1}, {'I', 2}, {'R', 3}, {'F', 4},
-                                                  {'A', 5}, {'B', 6}, {'C', 7}};
     const auto& c = set.cell;
     const auto& e = set.cellSigma;
     int units = 1;
@@ -258,7 +308,7 @@ void writeShelxInstructions(const ReflectionSet& set, const std::filesystem::pat
     text += format("CELL %.6f %.5f %.5f %.5f %.4f %.4f %.4f\n", set.wavelength, c[0], c[1], c[2], c[3], c[4],
                    c[5]);
     text += format("ZERR %d %.5f %.5f %.5f %.4f %.4f %.4f\n", units, e[0], e[1], e[2], e[3], e[4], e[5]);
-    text += format("LATT -%d\n", kLattices.at(set.centring));
+    text += symmetryInstructions(spaceGroupOf(set), set.centring);
     for (const auto& [symbol, count] : content)
         addScatteringFactor(text, symbol);
     text += "UNIT";
@@ -273,7 +323,7 @@ void writeMtz(const ReflectionSet& set, const std::filesystem::path& path) {
         throw Failure("there are no reflections to write", FailureKind::NothingFound);
     gemmi::Mtz mtz(/*with_base=*/true);
     mtz.title = set.title.substr(0, 70);
-    mtz.spacegroup = lowestSpaceGroup(set.centring);
+    mtz.spacegroup = spaceGroupOf(set);
     mtz.add_dataset("electrons").wavelength = set.wavelength;
     const auto& c = set.cell;
     mtz.set_cell_for_all(gemmi::UnitCell(c[0], c[1], c[2], c[3], c[4], c[5]));
@@ -289,6 +339,10 @@ void writeMtz(const ReflectionSet& set, const std::filesystem::path& path) {
                                  static_cast<float>(r.intensity), static_cast<float>(r.sigma)});
     }
     mtz.set_data(rows.data(), rows.size());
+    if (!set.spaceGroup.empty()) {
+        mtz.ensure_asu();
+        mtz.sort();
+    }
     std::string bytes;
     mtz.write_to_string(bytes);
     writeText(bytes, path);
@@ -304,11 +358,11 @@ void writeCif(const ReflectionSet& set, const std::filesystem::path& path) {
     for (std::size_t i = 0; i < kCellTags.size(); ++i)
         block.set_pair(kCellTags[i], withUncertainty(set.cell[i], set.cellSigma[i]));
     block.set_pair("_cell_volume", format("%.6g", cellVolume(set.cell)));
-    block.set_pair("_symmetry_space_group_name_H-M",
-                   gemmi::cif::quote(lowestSpaceGroup(set.centring)->xhm()));
+    block.set_pair("_symmetry_space_group_name_H-M", gemmi::cif::quote(spaceGroupOf(set)->xhm()));
     block.set_pair("_diffrn_radiation_probe", "electron");
     block.set_pair("_diffrn_radiation_wavelength",
                    set.wavelength > 0.0 ? format("%.6f", set.wavelength) : std::string("?"));
+    if (set.experiment) describe(*set.experiment, block);
     if (!set.formula.empty()) block.set_pair("_chemical_formula_sum", gemmi::cif::quote(set.formula));
     gemmi::cif::Loop& loop =
         block.init_loop("_refln_", {"index_h", "index_k", "index_l", "F_squared_meas", "F_squared_sigma"});

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,16 @@ struct IndexedReflection {
     bool operator==(const IndexedReflection&) const = default;
 };
 
+/// How the patterns were recorded, as the electron-diffraction items of CIF have it.
+struct ElectronExperiment {
+    double kiloVolts = 0.0;
+    double tiltFirst = 0.0;   ///< degrees
+    double tiltLast = 0.0;    ///< degrees
+    bool continuous = true;   ///< the crystal turned during the exposures
+    double precession = 0.0;  ///< half angle of the cone, degrees; 0: none
+    double mosaicity = 0.0;   ///< degrees; 0: not known
+};
+
 /// Reflections with what the files say about the crystal.
 struct ReflectionSet {
     std::vector<IndexedReflection> reflections;
@@ -29,8 +40,10 @@ struct ReflectionSet {
     std::array<double, 6> cellSigma{};  ///< standard uncertainties
     double wavelength = 0.0;            ///< Angstrom; 0 is unknown
     char centring = 'P';                ///< P A B C I F, or R with hexagonal axes
-    std::string formula;                ///< of one formula unit, as "Ca3 Al2 Si3 O12"; may be empty
+    std::string spaceGroup;  ///< extended Hermann-Mauguin symbol; empty: the lowest of the centring
+    std::string formula;     ///< of one formula unit, as "Ca3 Al2 Si3 O12"; may be empty
     std::string title;
+    std::optional<ElectronExperiment> experiment;
 };
 
 /// The indexed reflections but 000, sorted by h, k, l. Several reflections with the same indices are pieces
@@ -54,16 +67,19 @@ double shelxScale(const std::vector<IndexedReflection>& reflections);
 /// HKLF 4: 3I4, 2F8.2 and the closing line of zeros. All numbers are multiplied by shelxScale().
 void writeShelx(const ReflectionSet& set, const std::filesystem::path& path);
 
-/// The instruction file of writeShelx(): CELL with the electrons' wavelength, ZERR, LATT without assuming an
-/// inversion centre, scattering factors of the formula's elements for electrons, UNIT, HKLF 4. The factors
-/// are those of International Tables C, table 4.3.2.2, as four Gaussians and a constant fitted to its five up
-/// to sin(theta)/lambda = 1 per Angstrom. Without a formula carbon alone stands for the content.
+/// The instruction file of writeShelx(): CELL with the electrons' wavelength, ZERR, LATT and SYMM of the
+/// space group (of a centrosymmetric one in the setting that has the centre at the origin), scattering
+/// factors of the formula's elements for electrons, UNIT, HKLF 4. The factors are those of International
+/// Tables C, table 4.3.2.2, as four Gaussians and a constant fitted to its five up to sin(theta)/lambda = 1
+/// per Angstrom. Without a formula carbon alone stands for the content.
 void writeShelxInstructions(const ReflectionSet& set, const std::filesystem::path& path);
 
-/// Columns H K L I SIGI, one dataset with the wavelength, the lowest space group of the centring.
+/// Columns H K L I SIGI, one dataset with the wavelength. With a space group the indices go to its asymmetric
+/// unit: for merged reflections.
 void writeMtz(const ReflectionSet& set, const std::filesystem::path& path);
 
-/// Core dictionary: cell with uncertainties, wavelength, one loop of _refln_ items.
+/// Core dictionary: cell with uncertainties, wavelength, one loop of _refln_ items; of the experiment the
+/// items of the electron diffraction dictionary.
 void writeCif(const ReflectionSet& set, const std::filesystem::path& path);
 /// @}
 

@@ -4,15 +4,16 @@
 
 #include "pipeline/base/LibraryStage.h"
 #include "pipeline/geometry/TiltAxisSearch.h"
-#include "pipeline/run/Preprocessing.h"
 #include "processing/VoxMRCstemProcessing.h"
 
 namespace vrk {
 
-CentredSeries centre(Series series, Session& session) {
-    std::unique_ptr<VoxMRCData> frames = preprocessed(std::move(series.frames), session);
+CentredSeries centre(Series series, bool keepRecorded, Session& session) {
+    RecordedFrames recorded;
+    std::unique_ptr<VoxMRCData> frames =
+        preprocessed(std::move(series.frames), session, keepRecorded ? &recorded : nullptr);
     RadialNoise noise(*frames);
-    return {std::move(frames), series.facts, std::move(noise)};
+    return {std::move(frames), series.facts, std::move(noise), std::move(recorded)};
 }
 
 TiltAxis findAxis(const CentredSeries& series, const AxisChoice& choice, Session& session) {
@@ -40,7 +41,9 @@ CentredSeries rotate(const CentredSeries& series, const TiltAxis& axis, Session&
                      [&] {
                          return processing.step3_Rotation2TiltAxis(series.frames.get(), false, axis.angle, 0);
                      }),
-            series.facts, series.noise};
+            series.facts,
+            series.noise,
+            {}};
 }
 
 }  // namespace vrk

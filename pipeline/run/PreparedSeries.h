@@ -8,6 +8,7 @@
 
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "pipeline/base/Session.h"
+#include "pipeline/run/Preprocessing.h"
 #include "pipeline/run/RadialNoise.h"
 #include "pipeline/run/Series.h"
 
@@ -26,8 +27,10 @@ struct CentredSeries {
     std::unique_ptr<VoxMRCData> frames;
     SeriesFacts facts;
     RadialNoise noise;
+    RecordedFrames recorded;  ///< without frames where they were not asked for
 };
-CentredSeries centre(Series series, Session& session);
+/// \param keepRecorded  the frames before they were centred are needed later
+CentredSeries centre(Series series, bool keepRecorded, Session& session);
 
 /// The axis by choice. Throws Failure when a search finds none.
 TiltAxis findAxis(const CentredSeries& series, const AxisChoice& choice, Session& session);

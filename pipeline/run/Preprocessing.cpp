@@ -1,6 +1,7 @@
 #include "pipeline/run/Preprocessing.h"
 
 #include <string>
+#include <utility>
 
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/LibraryStage.h"
@@ -9,7 +10,8 @@
 
 namespace vrk {
 
-std::unique_ptr<VoxMRCData> preprocessed(std::unique_ptr<VoxMRCData> series, Session& session) {
+std::unique_ptr<VoxMRCData> preprocessed(std::unique_ptr<VoxMRCData> series, Session& session,
+                                         RecordedFrames* recorded) {
     VoxMRCstemProcessing processing;
     processing.registerObserver(&session.progress());
     using Operation = VoxMRCData* (VoxMRCstemProcessing::*)(VoxMRCData*);
@@ -21,7 +23,13 @@ std::unique_ptr<VoxMRCData> preprocessed(std::unique_ptr<VoxMRCData> series, Ses
         apply("pad to square", &VoxMRCstemProcessing::PadToSquare);
     }
     apply("hot spots", &VoxMRCstemProcessing::HotSpotFilterImageStack);
-    apply("centre", &VoxMRCstemProcessing::step2_CenterShift);
+    std::vector<PatternCentre> centres;
+    std::unique_ptr<VoxMRCData> centred = runStage(session, "centre", [&]() -> VoxMRCData* {
+        if (!processing.findCentres(series.get(), centres)) return nullptr;
+        return processing.moveToCentre(series.get(), centres);
+    });
+    if (recorded) *recorded = {std::move(series), std::move(centres)};
+    series = std::move(centred);
     apply("background", &VoxMRCstemProcessing::step1_BackgroundSubstraction);
     return series;
 }

@@ -5,7 +5,6 @@
 #include <string>
 
 #include "crystallography/CellFileImportExport.h"
-#include "indexing/HKLfileImportExport.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/OutputFile.h"
 #include "pipeline/formats/CellEvaluationFiles.h"
@@ -20,16 +19,6 @@ ReflexVectorPtr voxelCentres(const Level& level) {
     for (const FoundReflection& reflection : level.reflections) {
         const Eigen::Vector3d& p = reflection.voxelCentre;
         list->push_back(new Reflex(p.x(), p.y(), p.z()));
-        list->back()->setIntensity(reflection.intensity);
-    }
-    return list;
-}
-
-ReflexVectorPtr listOf(const std::vector<IndexedReflection>& reflections) {
-    ReflexVectorPtr list(new ReflexVector);
-    for (const IndexedReflection& reflection : reflections) {
-        list->push_back(new Reflex(0.0, 0.0, 0.0));
-        list->back()->setHKL(reflection.h, reflection.k, reflection.l);
         list->back()->setIntensity(reflection.intensity);
     }
     return list;
@@ -73,11 +62,6 @@ std::vector<std::filesystem::path> writeResultFiles(const RunResult& result,
         UnitCell cell = result.indexed.lattice().toUnitCell();
         return CellFileImportExport::writeCellFile_version_2(path, &cell);
     });
-    const ReflexVectorPtr list = listOf(conventionalReflections(result.indexed));
-    // The change of the number format is no news for the reader of the summary.
-    const QuietLog quiet(session, QuietLog::Keep::InLogAlone);
-    write("reflections.hkl",
-          [&](const std::string& path) { return HKLfileImportExport::exportHKLFile(list.get(), path); });
     for (const std::filesystem::path& path :
          writeEvaluation(result.lattice.evidence, folder / "cell-report.txt"))
         files.push_back(path);

@@ -14,8 +14,8 @@ namespace vrk {
 /// The reflections with the indices of the conventional cell, pieces of one added up.
 std::vector<IndexedReflection> conventionalReflections(const Indexed& indexed);
 
-/// Writes peaks.txt, cell.txt, reflections.hkl, cell-report.txt and cell-report.json. \returns their paths.
-/// Throws Failure when one cannot be written.
+/// Writes peaks.txt, cell.txt, cell-report.txt and cell-report.json. \returns their paths. Throws Failure
+/// when one cannot be written.
 std::vector<std::filesystem::path> writeResultFiles(const RunResult& result,
                                                     const std::filesystem::path& folder, Session& session);
 

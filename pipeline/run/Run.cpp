@@ -132,13 +132,27 @@ std::optional<TiltAxis> searchedAxis(const CentredSeries& series, AxisChoice cho
     }
 }
 
+/// Nothing, and a warning, where they cannot be measured: the lattice stands without them.
+std::optional<Intensities> intensitiesOf(const Attempt& best, const CentredSeries& series,
+                                         const RunOptions& options, Session& session) {
+    try {
+        return measureIntensities(best.indexed, series.facts, best.axis, series.recorded, options.intensities,
+                                  session);
+    } catch (const Failure& failure) {
+        if (failure.kind() == FailureKind::Canceled) throw;
+        session.warn(std::string(failure.what()) + "; the files hold sums over the volume instead");
+        return std::nullopt;
+    }
+}
+
 }  // namespace
 
 RunResult run(const std::filesystem::path& path, const RunOptions& options, Session& session) {
     const auto start = std::chrono::steady_clock::now();
     RunSeconds s;
     Series series = timed(s.read, [&] { return loadSeries(path, options, session); });
-    const CentredSeries centred = timed(s.preprocess, [&] { return centre(std::move(series), session); });
+    const CentredSeries centred =
+        timed(s.preprocess, [&] { return centre(std::move(series), options.intensities.wanted, session); });
     TiltAxis axis = timed(s.tiltAxis, [&] { return findAxis(centred, options.axis, session); });
 
     Attempts attempts(centred, options, s, session);
@@ -159,9 +173,12 @@ RunResult run(const std::filesystem::path& path, const RunOptions& options, Sess
         if (searched && (!best || meritOf(*searched) > meritOf(*best))) best = std::move(searched);
     }
     if (!best) throw attempts.firstFailure();
+    std::optional<Intensities> intensities;
+    if (options.intensities.wanted)
+        intensities = timed(s.integrate, [&] { return intensitiesOf(*best, centred, options, session); });
     s.total = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    return {std::move(best->axis), std::move(best->volume), std::move(best->lattice),
-            std::move(best->indexed), s};
+    return {std::move(best->axis),    std::move(best->volume), std::move(best->lattice),
+            std::move(best->indexed), std::move(intensities),  s};
 }
 
 }  // namespace vrk

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <optional>
 
+#include "pipeline/geometry/RotationMode.h"
 #include "pipeline/run/CellOptions.h"
 #include "pipeline/run/SearchOptions.h"
 
@@ -26,6 +27,14 @@ struct AxisChoice {
     std::filesystem::path folder;
 };
 
+/// What a caller may decide of the intensities.
+struct IntensityChoice {
+    bool wanted = true;
+    std::optional<double> dMin;        ///< Angstrom; found from the data otherwise
+    std::optional<double> gain;        ///< counts that one electron makes
+    std::optional<RotationMode> mode;  ///< found from the rocking curves otherwise
+};
+
 struct RunOptions {
     AxisChoice axis;
     std::optional<double> pixelSize;        ///< 1/m per pixel, instead of the series'
@@ -33,6 +42,7 @@ struct RunOptions {
     std::filesystem::path fineCalibration;  ///< file with calibrated pixel sizes; empty: none
     SearchOptions search;
     CellOptions cell;
+    IntensityChoice intensities;
 };
 
 }  // namespace vrk

@@ -2,7 +2,10 @@
 /// Everything that a run found.
 #pragma once
 
+#include <optional>
+
 #include "pipeline/run/Indexing.h"
+#include "pipeline/run/Intensities.h"
 #include "pipeline/run/LatticeChoice.h"
 #include "pipeline/run/PreparedSeries.h"
 #include "pipeline/run/ReciprocalVolume.h"
@@ -12,7 +15,7 @@ namespace vrk {
 /// Seconds of wall-clock time spent in each stage.
 struct RunSeconds {
     double read = 0.0, preprocess = 0.0, tiltAxis = 0.0, reconstruct = 0.0, search = 0.0, cell = 0.0,
-           index = 0.0, total = 0.0;
+           index = 0.0, integrate = 0.0, total = 0.0;
 };
 
 struct RunResult {
@@ -20,6 +23,7 @@ struct RunResult {
     ReciprocalVolume volume;  ///< with the facts of the series
     LatticeChoice lattice;    ///< as found, relative to the centre of the volume
     Indexed indexed;
+    std::optional<Intensities> intensities;  ///< measured on the frames, where wanted and possible
     RunSeconds seconds;
 
     const SeriesFacts& facts() const { return volume.facts; }

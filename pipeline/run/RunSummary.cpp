@@ -72,7 +72,8 @@ Json secondsJson(const RunSeconds& seconds) {
     return {{"read", seconds.read},          {"preprocess", seconds.preprocess},
             {"tilt_axis", seconds.tiltAxis}, {"reconstruct", seconds.reconstruct},
             {"search", seconds.search},      {"cell", seconds.cell},
-            {"index", seconds.index},        {"total", seconds.total}};
+            {"index", seconds.index},        {"integrate", seconds.integrate},
+            {"total", seconds.total}};
 }
 
 Json inputJson(const std::filesystem::path& series, const SeriesFacts& facts) {
@@ -146,6 +147,106 @@ Json confidenceJson(const RunResult& result) {
     return json;
 }
 
+Json shellJson(const ShellStatistics& shell) {
+    return {{"d_max", shell.dMax},
+            {"d_min", shell.dMin},
+            {"observations", shell.observations},
+            {"unique", shell.unique},
+            {"possible", shell.possible},
+            {"completeness", shell.completeness()},
+            {"redundancy", shell.redundancy()},
+            {"i_over_sigma", shell.iOverSigma},
+            {"r_int", shell.rInt},
+            {"r_meas", shell.rMeas},
+            {"cc_half", shell.ccHalf}};
+}
+
+Json laueJson(const LaueChoice& laue) {
+    Json candidates = Json::array();
+    for (const LaueCandidate& candidate : laue.candidates)
+        candidates.push_back({{"group", candidate.symbol},
+                              {"class", candidate.laueClass},
+                              {"evidence", candidate.evidence},
+                              {"correlation", candidate.correlation},
+                              {"r_meas", candidate.rMeas}});
+    return {{"class", laue.best().laueClass}, {"candidates", candidates}};
+}
+
+Json spaceGroupsJson(const SpaceGroupAnalysis& analysis) {
+    constexpr std::size_t kMost = 12;
+    Json json = {{"e_square_minus_one", analysis.eSquareMinusOne},
+                 {"centrosymmetric_by_statistics", analysis.centricByStatistics}};
+    json["conditions"] = Json::array();
+    for (const ReflectionCondition& one : analysis.conditions)
+        json["conditions"].push_back({{"reflections", one.reflections},
+                                      {"condition", one.condition},
+                                      {"forbidden", one.violating},
+                                      {"forbidden_i_over_sigma", one.violatingISigma},
+                                      {"allowed", one.obeying},
+                                      {"allowed_i_over_sigma", one.obeyingISigma},
+                                      {"ratio", one.ratio},
+                                      {"evidence", one.evidence}});
+    json["candidates"] = Json::array();
+    for (const SpaceGroupCandidate& one : analysis.candidates) {
+        if (json["candidates"].size() == kMost) break;
+        json["candidates"].push_back({{"number", one.number},
+                                      {"symbol", one.symbol},
+                                      {"centrosymmetric", one.centrosymmetric},
+                                      {"evidence", one.evidence}});
+    }
+    return json;
+}
+
+const char* nameOf(RotationMode mode) {
+    return mode == RotationMode::Continuous ? "continuous"
+           : mode == RotationMode::Stepwise ? "stepwise"
+                                            : "precession";
+}
+
+Json intensitiesJson(const Intensities& intensities) {
+    constexpr double kDegree = std::numbers::pi / 180.0;
+    const IntegrationResult& integration = intensities.integration;
+    const GeometryFit& fit = integration.fit;
+    const DataReduction& reduction = intensities.reduction;
+    Json json;
+    json["mode"] = {{"name", nameOf(fit.rocking.mode)}, {"found", integration.modeFound}};
+    if (fit.rocking.precession > 0.0) json["mode"]["precession_deg"] = fit.rocking.precession / kDegree;
+    json["cell"] = parametersJson(fit.cell);
+    json["esd"] = parametersJson(fit.cellSigma);
+    json["geometry"] = {{"axis_deg", fit.geometry.axisAngle / kDegree},
+                        {"axis_pitch_deg", fit.geometry.axisPitch / kDegree},
+                        {"terms", fit.terms},
+                        {"residual_px", fit.residual},
+                        {"spots", fit.spots},
+                        {"curves", fit.curves},
+                        {"outliers", fit.outliers.size()}};
+    json["rocking"] = {{"width", fit.rocking.width},
+                       {"width_esd", fit.widthSigma},
+                       {"mosaicity_deg", fit.rocking.mosaicity / kDegree},
+                       {"mosaicity_esd_deg", fit.mosaicitySigma / kDegree}};
+    json["detector"] = {{"gain", integration.noise.gain},
+                        {"saturation", integration.saturation},
+                        {"dead_pixels", integration.deadPixels},
+                        {"spot_sigma_px", integration.extent.sigma}};
+    json["resolution"] = {{"d_min", integration.dMin},
+                          {"found", integration.resolutionFound},
+                          {"by_cc_half", reduction.statistics.limitByCcHalf},
+                          {"by_i_over_sigma", reduction.statistics.limitByISigma}};
+    json["reflections"] = {{"predicted", integration.reflections.size()},
+                           {"observations", reduction.observations.size()},
+                           {"outliers", reduction.outliers},
+                           {"unique", reduction.merged.size()}};
+    json["error_model"] = {{"a", reduction.errors.a}, {"b", reduction.errors.b}};
+    json["laue"] = laueJson(reduction.laue);
+    json["space_groups"] = spaceGroupsJson(reduction.spaceGroups);
+    json["overall"] = shellJson(reduction.statistics.overall);
+    json["shells"] = Json::array();
+    for (const ShellStatistics& shell : reduction.statistics.shells)
+        json["shells"].push_back(shellJson(shell));
+    json["friedel_r_int"] = reduction.friedelStatistics.overall.rInt;
+    return json;
+}
+
 Json parametersJson(const RunResult& result) {
     const Level& level = result.indexed.level;
     const CellSearchTrial& trial = result.lattice.best.trial;
@@ -190,6 +291,7 @@ std::string summaryJson(const std::filesystem::path& series, const RunResult& re
                           {"decided", refined.decided},
                           {"residual_plus_px", refined.residual[0]},
                           {"residual_minus_px", refined.residual[1]}};
+    json["intensities"] = result.intensities ? intensitiesJson(*result.intensities) : Json();
     json["parameters"] = parametersJson(result);
     json["seconds"] = secondsJson(result.seconds);
     json["peak_memory_mib"] = peakMemory();

@@ -1,0 +1,101 @@
+#include "pipeline/run/Intensities.h"
+
+#include <Eigen/Geometry>
+#include <Eigen/LU>
+#include <algorithm>
+#include <cmath>
+#include <numbers>
+#include <utility>
+#include <vector>
+
+namespace vrk {
+namespace {
+
+constexpr double kDegree = std::numbers::pi / 180.0;
+
+/// What a frame stands for: half the way to both its neighbours, the typical step at gaps.
+double typicalStep(const std::vector<double>& tilts) {
+    std::vector<double> steps;
+    for (std::size_t i = 1; i < tilts.size(); ++i)
+        steps.push_back(tilts[i] - tilts[i - 1]);
+    if (steps.empty()) return 0.0;
+    const auto middle = steps.begin() + static_cast<std::ptrdiff_t>(steps.size() / 2);
+    std::nth_element(steps.begin(), middle, steps.end());
+    return *middle;
+}
+
+FrameStack stackOf(const VoxMRCData& counts) {
+    FrameStack stack;
+    stack.width = static_cast<int>(counts.GetWidth());
+    stack.height = static_cast<int>(counts.GetHeight());
+    for (unsigned z = 0; z < counts.GetDepth(); ++z)
+        stack.frames.emplace_back(counts.GetChunkPointer(z), stack.pixels());
+    return stack;
+}
+
+}  // namespace
+
+SeriesGeometry geometryOf(const Indexed& indexed, const SeriesFacts& facts, const TiltAxis& axis,
+                          const RecordedFrames& recorded) {
+    const InstrumentModel& model = indexed.instrument.model;
+    const auto term = [&](InstrumentTerm one) { return indexed.instrument.valid ? model[one] : 0.0; };
+    SeriesGeometry geometry;
+    geometry.pixelSize = facts.pixelSize * 1e-10;
+    geometry.wavelength = facts.wavelength();
+    geometry.handedness = indexed.refined.sense == 0 ? 1 : -indexed.refined.sense;
+    geometry.ties = indexed.symmetry().bravaisType;
+
+    // The instrument has its axis within the plane of y and z; here it is y.
+    const double pitch = term(InstrumentTerm::AxisTilt);
+    const Eigen::Matrix3d toAxis = Eigen::AngleAxisd(-pitch, Eigen::Vector3d::UnitX()).toRotationMatrix();
+    const Eigen::Matrix3d reduced = indexed.conventional.lattice.basis * geometry.pixelSize;
+    geometry.reciprocal = toAxis * reduced * indexed.toConventional().inverse().transpose();
+    geometry.axisPitch = pitch;
+    geometry.axisAngle = axis.angle * kDegree + term(InstrumentTerm::AxisTurn);
+    geometry.distortion.stretch = term(InstrumentTerm::EllipseCosine);
+    geometry.distortion.shear = term(InstrumentTerm::EllipseSine);
+    const double halfWidth = 0.5 * recorded.counts->GetWidth() * geometry.pixelSize;
+    geometry.distortion.radial = term(InstrumentTerm::Radial) / (halfWidth * halfWidth);
+
+    const mrcH& header = recorded.counts->m_Header;
+    std::vector<double> tilts;
+    for (int i = 0; i < header.nz; ++i)
+        tilts.push_back(header.tilt(i) * kDegree * (1.0 + term(InstrumentTerm::TiltScale)));
+    const double step = typicalStep(tilts);
+    const double middleX = (recorded.counts->GetWidth() - 1.0) / 2.0;
+    const double middleY = (recorded.counts->GetHeight() - 1.0) / 2.0;
+    for (std::size_t i = 0; i < tilts.size(); ++i) {
+        const PatternCentre& centre = recorded.centres[i];
+        const bool moved = centre.source != PatternCentre::Source::None;
+        geometry.frames.push_back(
+            {tilts[i], step, moved ? centre.x : middleX, moved ? centre.y : middleY});
+    }
+    return geometry;
+}
+
+Intensities measureIntensities(const Indexed& indexed, const SeriesFacts& facts, const TiltAxis& axis,
+                               const RecordedFrames& recorded, const IntensityChoice& choice,
+                               Session& session) {
+    const Stage stage(session, "intensities");
+    IntegrationInput input;
+    input.frames = stackOf(*recorded.counts);
+    input.geometry = geometryOf(indexed, facts, axis, recorded);
+    input.centring = indexed.symmetry().centring;
+    input.resolution = indexed.resolution;
+    IntegrationOptions options;
+    options.dMin = choice.dMin;
+    options.gain = choice.gain;
+    options.mode = choice.mode;
+    options.checkpoint = [&] { session.checkCanceled(); };
+
+    Intensities result;
+    result.integration = integrate(std::move(input), options);
+    result.reduction = reduceData(result.integration.reflections, recorded.centres.size(),
+                                  result.integration.fit.geometry.reciprocal, indexed.symmetry().centring,
+                                  result.integration.dMin);
+    for (const std::string& remark : result.integration.remarks)
+        session.warn(remark);
+    return result;
+}
+
+}  // namespace vrk

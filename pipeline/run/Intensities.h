@@ -1,0 +1,28 @@
+/// \file
+/// The intensities of a run: measured on the frames, scaled and merged.
+#pragma once
+
+#include "pipeline/base/Session.h"
+#include "pipeline/integration/DataReduction.h"
+#include "pipeline/integration/Integration.h"
+#include "pipeline/run/Indexing.h"
+#include "pipeline/run/PreparedSeries.h"
+
+namespace vrk {
+
+struct Intensities {
+    IntegrationResult integration;
+    DataReduction reduction;
+};
+
+/// The geometry of the recorded frames as the indexed reflections have it: the conventional cell under the
+/// ties of its type, axis, distortion and tilts by the refined instrument, centres by the preprocessing.
+SeriesGeometry geometryOf(const Indexed& indexed, const SeriesFacts& facts, const TiltAxis& axis,
+                          const RecordedFrames& recorded);
+
+/// Integrates and reduces. Throws Failure as integrate() and reduceData() do.
+Intensities measureIntensities(const Indexed& indexed, const SeriesFacts& facts, const TiltAxis& axis,
+                               const RecordedFrames& recorded, const IntensityChoice& choice,
+                               Session& session);
+
+}  // namespace vrk
