@@ -10,6 +10,7 @@
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/OutputFile.h"
 #include "pipeline/frames/DataFiles.h"
+#include "pipeline/run/IntensityFiles.h"
 #include "pipeline/run/ResultFiles.h"
 #include "pipeline/run/Run.h"
 #include "pipeline/run/RunSummary.h"
@@ -22,6 +23,7 @@ struct Options {
     std::filesystem::path folder;
     std::string tiltAxis;
     RunOptions run;
+    std::string formula;
     bool keepVolume = false;
     bool pictures = true;
     bool json = false;
@@ -36,6 +38,7 @@ void runSeries(const Options& options, const std::string& given, Host& host) {
     const RunResult result = run(options.series, choices, host.session());
     if (options.keepVolume) writeData(*result.volume.voxels, options.folder / "volume.mrc", host.session());
     writeResultFiles(result, options.folder, host.session());
+    writeIntensityFiles(result, {options.series.stem().string(), options.formula}, options.folder);
     if (options.pictures) drawRunPictures(result, options.folder);
     const std::string summary = summaryJson(options.series, result, host.warnings());
     writeSummary(options.folder / "summary.json", summary);

@@ -18,6 +18,11 @@ namespace {
 constexpr double kMetricTolerance = 1e-4;
 /// So far the correlation of true equivalents may be from that of Friedel mates though nothing is wrong.
 constexpr double kCorrelationWidth = 0.12;
+/// Multiple scattering and absorption spoil true equivalents, which cross the sphere on other paths, more
+/// than Friedel mates, which share theirs: the true rotations may be correlated down to this part of Friedel
+/// mates, at a price of so much of the logarithm for all of that.
+constexpr double kLeastOfFriedel = 0.3;
+constexpr double kPriceOfSpoiling = 1.5;
 /// Decay of the correlations of rotations that are none.
 constexpr double kFalseDecay = 3;
 constexpr std::size_t kShellSize = 100;
@@ -161,14 +166,36 @@ std::pair<double, int> rMeasOf(std::span<const Observation> observations, const 
 }
 
 double lnTrue(double value, double expected, int pairs) {
-    const double width =
-        std::sqrt(4 * std::pow(1 - expected, 2) + kCorrelationWidth * kCorrelationWidth + 1.0 / pairs);
+    const double width = std::sqrt(kCorrelationWidth * kCorrelationWidth + 1.0 / pairs);
     return -std::log(std::numbers::pi * width * (1 + std::pow((value - expected) / width, 2)));
 }
 
 double lnFalse(double value, int pairs) {
     const double blur = 1 / std::sqrt(static_cast<double>(pairs));
     return std::log(kFalseDecay) - kFalseDecay * std::max(std::abs(value) - blur, 0.0);
+}
+
+/// Mean correlation of the rotations of a group, and its evidence with that as what true ones have.
+void judge(const LaueChoice& choice, LaueCandidate& candidate) {
+    const auto inside = [&](const RotationEvidence& one) {
+        return std::find(candidate.rotations.begin(), candidate.rotations.end(), one.rotation) !=
+               candidate.rotations.end();
+    };
+    double sum = 0;
+    int counted = 0;
+    for (const RotationEvidence& one : choice.rotations)
+        if (one.pairs >= 3 && inside(one)) {
+            sum += one.correlation;
+            ++counted;
+        }
+    candidate.correlation = counted > 0 ? sum / counted : 0;
+    const double friedel = choice.friedelCorrelation;
+    const double expected = std::clamp(candidate.correlation, kLeastOfFriedel * friedel, friedel);
+    if (counted > 0) candidate.evidence -= kPriceOfSpoiling * (1 - expected / friedel);
+    for (const RotationEvidence& one : choice.rotations)
+        if (one.pairs >= 3)
+            candidate.evidence += inside(one) ? lnTrue(one.correlation, expected, one.pairs)
+                                              : lnFalse(one.correlation, one.pairs);
 }
 
 }  // namespace
@@ -241,22 +268,12 @@ LaueChoice chooseLaueGroup(std::span<const Observation> observations, const Eige
     for (const LaueRotations& group : groups) {
         LaueCandidate candidate;
         const gemmi::SpaceGroup* named = symmorphicGroup(group, centring);
-        if (!named) continue;
-        candidate.symbol = named->xhm();
-        candidate.laueClass = named->laue_str();
+        // A lattice may be more symmetric than the crystal: no symmetry at all is possible in all axes.
+        if (!named && group.size() > 1) continue;
+        candidate.symbol = named ? named->xhm() : std::string(1, centring) + " -1";
+        candidate.laueClass = named ? named->laue_str() : "-1";
         candidate.rotations = group;
-        double sum = 0;
-        int counted = 0;
-        for (const RotationEvidence& one : choice.rotations) {
-            const bool inside = std::find(group.begin(), group.end(), one.rotation) != group.end();
-            if (one.pairs < 3) continue;
-            candidate.evidence += inside ? lnTrue(one.correlation, choice.friedelCorrelation, one.pairs)
-                                         : lnFalse(one.correlation, one.pairs);
-            if (!inside) continue;
-            sum += one.correlation;
-            ++counted;
-        }
-        candidate.correlation = counted > 0 ? sum / counted : 0;
+        judge(choice, candidate);
         std::tie(candidate.rMeas, candidate.unique) = rMeasOf(observations, group);
         choice.candidates.push_back(std::move(candidate));
     }

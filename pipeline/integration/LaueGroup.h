@@ -57,13 +57,13 @@ struct LaueChoice {
     const LaueCandidate& best() const { return candidates.front(); }
 };
 
-/// Judges every subgroup of the lattice's rotations that has a name in these axes.
+/// Judges every subgroup of the lattice's rotations that has a name in these axes, and the trivial one.
 ///
 /// As in P. R. Evans, Acta Cryst. D 62 (2006) 72, doi:10.1107/S0907444905036693: the correlation of each
-/// rotation is either about that of Friedel mates (a Lorentzian, wider where they agree less) or, when the
-/// rotation is not one of the crystal, low (an exponential); a group has the first likelihood for its own
-/// rotations and the second for all others.
-/// \param observations  unmerged; outliers are left out
+/// rotation is either about that of the crystal's other rotations (a Lorentzian) or, when the rotation is not
+/// one of the crystal, low (an exponential); a group has the first likelihood for its own rotations and the
+/// second for all others. The crystal's rotations may be correlated less than Friedel mates are, which costs
+/// evidence. \param observations  unmerged; outliers are left out
 LaueChoice chooseLaueGroup(std::span<const Observation> observations, const Eigen::Matrix3d& reciprocal,
                            char centring);
 

@@ -12,8 +12,13 @@
 namespace vrk {
 namespace {
 
-/// Share of an ordinary intensity that multiple scattering may give a forbidden reflection.
-constexpr double kLeak = 0.03;
+/// Shares of an ordinary intensity that multiple scattering may give forbidden reflections, and what each
+/// costs: thick crystals reach a quarter.
+struct Leak {
+    double share;
+    double price;
+};
+constexpr std::array<Leak, 5> kLeaks = {{{0.03, 0}, {0.06, 0.5}, {0.12, 1}, {0.2, 1.5}, {0.3, 2}}};
 constexpr double kMostEvidence = 4;
 constexpr std::size_t kShellSize = 60;
 /// Between the means of |E^2 - 1| of the two kinds of crystals.
@@ -151,16 +156,40 @@ double lnWilson(double intensity, double sigma, double mean) {
     return lnScaled - std::log(2 * mean) - intensity * intensity / (2 * sigma * sigma);
 }
 
-double evidenceOf(const MergedReflection& one, double mean) {
-    if (!(one.sigma > 0) || !(mean > 0)) return 0;
-    const double difference =
-        lnWilson(one.intensity, one.sigma, kLeak * mean) - lnWilson(one.intensity, one.sigma, mean);
-    return std::isfinite(difference) ? std::clamp(difference, -kMostEvidence, kMostEvidence) : -kMostEvidence;
-}
+/// Evidence for being absent, by the share that leaks into it. Adds up over reflections.
+class Absence {
+public:
+    Absence() = default;
+    Absence(const MergedReflection& one, double mean) {
+        if (!(one.sigma > 0) || !(mean > 0)) return;
+        const double ordinary = lnWilson(one.intensity, one.sigma, mean);
+        for (std::size_t i = 0; i < kLeaks.size(); ++i) {
+            const double difference = lnWilson(one.intensity, one.sigma, kLeaks[i].share * mean) - ordinary;
+            m_evidence[i] = std::isfinite(difference) ? std::clamp(difference, -kMostEvidence, kMostEvidence)
+                                                      : -kMostEvidence;
+        }
+    }
+    Absence& operator+=(const Absence& other) {
+        for (std::size_t i = 0; i < kLeaks.size(); ++i)
+            m_evidence[i] += other.m_evidence[i];
+        return *this;
+    }
+    /// With the share that explains most.
+    double evidence() const {
+        double best = m_evidence[0];
+        for (std::size_t i = 1; i < kLeaks.size(); ++i)
+            best = std::max(best, m_evidence[i] - kLeaks[i].price);
+        return best;
+    }
+
+private:
+    std::array<double, kLeaks.size()> m_evidence{};
+};
 
 ReflectionCondition judged(const Condition& condition, std::span<const MergedReflection> merged,
-                           const MeanIntensity& means, const std::vector<double>& evidence) {
+                           const MeanIntensity& means, const std::vector<Absence>& absences) {
     ReflectionCondition result;
+    Absence absence;
     result.reflections = condition.reflections;
     result.condition = condition.text;
     for (std::size_t i = 0; i < merged.size(); ++i) {
@@ -175,11 +204,12 @@ ReflectionCondition judged(const Condition& condition, std::span<const MergedRef
             ++result.violating;
             result.violatingISigma += significance;
             result.ratio += one.intensity / means.at(one.spacing);
-            result.evidence += evidence[i];
+            absence += absences[i];
         }
     }
     if (result.obeying > 0) result.obeyingISigma /= result.obeying;
     if (result.violating > 0) {
+        result.evidence = absence.evidence();
         result.violatingISigma /= result.violating;
         result.ratio /= result.violating;
     }
@@ -219,9 +249,9 @@ SpaceGroupAnalysis analyseSpaceGroups(std::span<const MergedReflection> merged,
                                       const LaueRotations& rotations, char centring) {
     SpaceGroupAnalysis result;
     const MeanIntensity means(merged);
-    std::vector<double> evidence;
+    std::vector<Absence> absences;
     for (const MergedReflection& one : merged)
-        evidence.push_back(evidenceOf(one, means.at(one.spacing)));
+        absences.emplace_back(one, means.at(one.spacing));
     result.eSquareMinusOne = meanESquareMinusOne(merged, means);
     result.centricByStatistics = result.eSquareMinusOne > kCentricLimit;
 
@@ -233,6 +263,7 @@ SpaceGroupAnalysis analyseSpaceGroups(std::span<const MergedReflection> merged,
     for (const gemmi::SpaceGroup* group : groups) {
         const gemmi::GroupOps operations = group->operations();
         SpaceGroupCandidate candidate;
+        Absence absence;
         candidate.number = group->number;
         candidate.symbol = group->xhm();
         candidate.hall = group->hall;
@@ -241,8 +272,9 @@ SpaceGroupAnalysis analyseSpaceGroups(std::span<const MergedReflection> merged,
             const gemmi::Op::Miller hkl = {merged[i].hkl[0], merged[i].hkl[1], merged[i].hkl[2]};
             if (!operations.is_systematically_absent(hkl)) continue;
             ++candidate.extinguished;
-            candidate.evidence += evidence[i];
+            absence += absences[i];
         }
+        if (candidate.extinguished > 0) candidate.evidence = absence.evidence();
         for (std::size_t c = 0; c < imposed.size(); ++c)
             if (!imposed[c]) imposed[c] = imposes(operations, lattice, conditions()[c]);
         // Other origins of the same group forbid the same.
@@ -254,7 +286,7 @@ SpaceGroupAnalysis analyseSpaceGroups(std::span<const MergedReflection> merged,
         if (!known) result.candidates.push_back(candidate);
     }
     for (std::size_t c = 0; c < imposed.size(); ++c)
-        if (imposed[c]) result.conditions.push_back(judged(conditions()[c], merged, means, evidence));
+        if (imposed[c]) result.conditions.push_back(judged(conditions()[c], merged, means, absences));
     const bool centric = result.centricByStatistics;
     std::sort(result.candidates.begin(), result.candidates.end(),
               [centric](const SpaceGroupCandidate& a, const SpaceGroupCandidate& b) {

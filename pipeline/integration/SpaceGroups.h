@@ -45,11 +45,11 @@ struct SpaceGroupAnalysis {
 };
 
 /// Ranks the space groups with the Laue group and centring by what they forbid. A forbidden reflection is
-/// taken to have, by multiple scattering, up to some per cent of an ordinary intensity; an ordinary one
-/// follows the acentric distribution of A. J. C. Wilson, Acta Cryst. 2 (1949) 318,
-/// doi:10.1107/S0365110X49000813. No single reflection counts for more than four nats. Of groups that forbid
-/// the same measured reflections those come first that fit the distribution of the intensities, and of these
-/// the ones that are common. Space groups and their operations are those of the gemmi library.
+/// taken to have, by multiple scattering, some per cent of an ordinary intensity, up to a third in thick
+/// crystals at a price; an ordinary one follows the acentric distribution of A. J. C. Wilson, Acta Cryst. 2
+/// (1949) 318, doi:10.1107/S0365110X49000813. No single reflection counts for more than four nats. Of groups
+/// that forbid the same measured reflections those come first that fit the distribution of the intensities,
+/// and of these the ones that are common. Space groups and their operations are those of the gemmi library.
 SpaceGroupAnalysis analyseSpaceGroups(std::span<const MergedReflection> merged,
                                       const LaueRotations& rotations, char centring);
 

@@ -83,7 +83,7 @@ TEST(LaueGroupTest, isFoundBelowAndAtTheSymmetryOfTheLattice) {
         const char* group;
         const char* symbol;
     };
-    const std::array<Row, 14> rows = {{{{7.1, 8.3, 9.4, 82, 75, 68}, 'P', "P 1", "P -1"},
+    const std::array<Row, 15> rows = {{{{7.1, 8.3, 9.4, 82, 75, 68}, 'P', "P 1", "P -1"},
                                        {{7.1, 8.3, 9.4, 90, 103, 90}, 'P', "P 1 2 1", "P 1 2/m 1"},
                                        {{7.1, 8.3, 9.4, 90, 90, 90}, 'P', "P 1 2 1", "P 1 2/m 1"},
                                        {{7.1, 8.3, 9.4, 90, 90, 90}, 'P', "P 1 1 2", "P 1 1 2/m"},
@@ -95,6 +95,7 @@ TEST(LaueGroupTest, isFoundBelowAndAtTheSymmetryOfTheLattice) {
                                        {hexagonal, 'P', "P 3 1 2", "P -3 1 m"},
                                        {hexagonal, 'P', "P 6", "P 6/m"},
                                        {{7.5, 7.5, 11.3, 90, 90, 120}, 'R', "R 3:H", "R -3:H"},
+                                       {{7.5, 7.5, 11.3, 90, 90, 120}, 'R', "P 1", "R -1"},
                                        {{12, 12, 12, 90, 90, 90}, 'F', "F 2 3", "F m -3"},
                                        {cubic, 'P', "P 4 3 2", "P m -3 m"}}};
     for (const Row& row : rows) {
