@@ -1,5 +1,6 @@
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <sstream>
 
 #include "commands/Commands.h"
@@ -9,6 +10,7 @@
 #include "pictures/RunPictures.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/OutputFile.h"
+#include "pipeline/formats/ReflectionFormats.h"
 #include "pipeline/frames/DataFiles.h"
 #include "pipeline/run/IntensityFiles.h"
 #include "pipeline/run/ResultFiles.h"
@@ -23,17 +25,28 @@ struct Options {
     std::filesystem::path folder;
     std::string tiltAxis;
     RunOptions run;
+    std::string mode;
     std::string formula;
     bool keepVolume = false;
     bool pictures = true;
     bool json = false;
 };
 
+std::optional<RotationMode> modeOf(const std::string& name) {
+    for (const RotationMode mode :
+         {RotationMode::Continuous, RotationMode::Stepwise, RotationMode::Precession})
+        if (name == nameOf(mode)) return mode;
+    return std::nullopt;
+}
+
 void runSeries(const Options& options, const std::string& given, Host& host) {
     makeFolder(options.folder);
     host.openLog(options.folder / "vrk.log", {"series: " + options.series.string(), "options: " + given});
     RunOptions choices = options.run;
     setAxis(choices.axis, options.tiltAxis);
+    choices.intensities.mode = modeOf(options.mode);
+    // A slip in it would be a pity after the run.
+    if (!options.formula.empty()) parseFormula(options.formula);
     choices.axis.folder = options.folder / "axis";
     const RunResult result = run(options.series, choices, host.session());
     if (options.keepVolume) writeData(*result.volume.voxels, options.folder / "volume.mrc", host.session());
@@ -71,6 +84,23 @@ void addRunCommand(CommandLine& line, Host& host) {
         .typeName("FILE");
     addSearchOptions(command, options->run.search, false);
     addCellOptions(command, options->run.cell, false);
+    const char* intensities = "Intensities";
+    command
+        .flag("!--no-integration", options->run.intensities.wanted,
+              "Sum intensities over the volume instead of measuring them on the frames")
+        .group(intensities);
+    command.option("--d-min", options->run.intensities.dMin, "Finest spacing in Angstrom [found]")
+        .positive()
+        .group(intensities);
+    command.option("--gain", options->run.intensities.gain, "Counts that one electron makes [found]")
+        .positive()
+        .group(intensities);
+    command.option("--mode", options->mode, "How the crystal turned [found]")
+        .oneOf({"continuous", "stepwise", "precession"})
+        .typeName("continuous|stepwise|precession")
+        .group(intensities);
+    command.option("--formula", options->formula, "Formula unit for crystal.ins, as \"Ca3 Al2 Si3 O12\"")
+        .group(intensities);
     command.option("--jobs", options->run.axis.jobs, "Processes for the axis search").range(1, 256);
     command.flag("--keep-volume", options->keepVolume, "Keep the reciprocal volume as volume.mrc");
     command.flag("!--no-pictures", options->pictures, "Draw no pictures");

@@ -58,6 +58,40 @@ std::string clusteringText(const CellSearchTrial& trial) {
     return text;
 }
 
+/// Laue and space group with their rivals.
+std::string symmetryText(const DataReduction& reduction) {
+    char text[64];
+    std::string line = reduction.laue.best().laueClass;
+    if (reduction.laue.candidates.size() > 1) {
+        const LaueCandidate& second = reduction.laue.candidates[1];
+        std::snprintf(text, sizeof text, " (then %s, by %.0f nats)", second.laueClass.c_str(),
+                      -second.evidence);
+        line += text;
+    }
+    const auto& groups = reduction.spaceGroups.candidates;
+    if (!groups.empty()) line += ", space group " + groups.front().symbol;
+    for (std::size_t i = 1; i < std::min<std::size_t>(groups.size(), 3); ++i)
+        line += (i == 1 ? " or " : ", ") + groups[i].symbol;
+    return line;
+}
+
+void printIntensities(std::ostream& out, const Intensities& intensities) {
+    char line[256];
+    const auto print = [&](auto... values) {
+        std::snprintf(line, sizeof line, values...);
+        out << line << '\n';
+    };
+    const IntegrationResult& integration = intensities.integration;
+    const DataReduction& reduction = intensities.reduction;
+    const ShellStatistics& all = reduction.statistics.overall;
+    print("intensities   %zu of %zu reflections, %d unique, %.0f %% complete to %.2f A, %s",
+          reduction.observations.size(), integration.reflections.size(), all.unique,
+          100.0 * all.completeness(), integration.dMin, nameOf(integration.fit.rocking.mode));
+    print("quality       I/sigma %.1f, R_int %.3f, R_meas %.3f, CC1/2 %.3f", all.iOverSigma, all.rInt,
+          all.rMeas, all.ccHalf);
+    out << "symmetry      " << symmetryText(reduction) << '\n';
+}
+
 }  // namespace
 
 void printSummary(std::ostream& out, const RunResult& result) {
@@ -101,6 +135,7 @@ void printSummary(std::ostream& out, const RunResult& result) {
     if (const std::string text = instrumentText(indexed.instrument, result.axis.angle); !text.empty())
         out << "instrument    " << text << '\n';
     out << "handedness    " << senseText(indexed.refined) << '\n';
+    if (result.intensities) printIntensities(out, *result.intensities);
     const CellSearchTrial& trial = result.lattice.best.trial;
     print("parameters    threshold %g (lattice at %g), zero beam %.0f, vectors %.1f to %.1f, %s",
           indexed.level.threshold, indexed.cellThreshold, indexed.level.zeroBeam, trial.minLength,
@@ -108,9 +143,10 @@ void printSummary(std::ostream& out, const RunResult& result) {
     const RunSeconds& s = result.seconds;
     print(
         "seconds       read %.1f, preprocess %.1f, axis %.1f, reconstruct %.1f, search %.1f, cell %.1f, "
-        "index "
-        "%.1f, total %.1f; %.0f MiB",
-        s.read, s.preprocess, s.tiltAxis, s.reconstruct, s.search, s.cell, s.index, s.total, peakMemory());
+        "index %.1f, "
+        "integrate %.1f, total %.1f; %.0f MiB",
+        s.read, s.preprocess, s.tiltAxis, s.reconstruct, s.search, s.cell, s.index, s.integrate, s.total,
+        peakMemory());
 }
 
 }  // namespace vrk::app

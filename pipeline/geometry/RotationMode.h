@@ -10,4 +10,10 @@ enum class RotationMode {
     Precession   ///< the tilt stands still and the beam runs round a cone
 };
 
+constexpr const char* nameOf(RotationMode mode) {
+    return mode == RotationMode::Continuous ? "continuous"
+           : mode == RotationMode::Stepwise ? "stepwise"
+                                            : "precession";
+}
+
 }  // namespace vrk

@@ -298,6 +298,8 @@ void Integrator::refine() {
             m_result.extent = SpotExtent::of(std::clamp(medianOf(std::move(widths)), 0.4, 10.0));
         if (!m_options.gain) m_noise = noiseOfRings(measured, m_noise);
         if (round == 1 && !m_options.mode) chooseMode(prediction, measured, centroids);
+        if (round == 1 && m_options.mode == RotationMode::Precession && !(m_options.precession > 0))
+            m_rocking = bestPrecession(std::numeric_limits<double>::max(), prediction, measured);
 
         GeometryOptions options;
         options.terms = m_result.fit.terms;

@@ -67,8 +67,7 @@ SeriesGeometry geometryOf(const Indexed& indexed, const SeriesFacts& facts, cons
     for (std::size_t i = 0; i < tilts.size(); ++i) {
         const PatternCentre& centre = recorded.centres[i];
         const bool moved = centre.source != PatternCentre::Source::None;
-        geometry.frames.push_back(
-            {tilts[i], step, moved ? centre.x : middleX, moved ? centre.y : middleY});
+        geometry.frames.push_back({tilts[i], step, moved ? centre.x : middleX, moved ? centre.y : middleY});
     }
     return geometry;
 }

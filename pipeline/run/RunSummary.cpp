@@ -197,12 +197,6 @@ Json spaceGroupsJson(const SpaceGroupAnalysis& analysis) {
     return json;
 }
 
-const char* nameOf(RotationMode mode) {
-    return mode == RotationMode::Continuous ? "continuous"
-           : mode == RotationMode::Stepwise ? "stepwise"
-                                            : "precession";
-}
-
 Json intensitiesJson(const Intensities& intensities) {
     constexpr double kDegree = std::numbers::pi / 180.0;
     const IntegrationResult& integration = intensities.integration;
