@@ -73,6 +73,12 @@ const std::vector<Command> kCommands = {
       {"--full-space", "out/vrk.log~"},
       {"--clustering ddsc", "out/vrk.log~"}},
      "--grid-size"},
+    {"run series.mrc -o out --json --no-pictures",
+     {{"--d-min 1.1 --gain 2 --mode stepwise --formula CaF2",
+       "/intensities/resolution/d_min=1.1 /intensities/detector/gain=2 /intensities/mode/name=stepwise "
+       "out/crystal.ins~"},
+      {"--no-integration", "/intensities=null out/reflections.hkl~"}},
+     ""},
     {"cell peaks.txt -o c.txt --json",
      {{"--pixel-size 1e8", "/pixel_size=1e8 /cell/a>"},
       {"--min-length 8", "/parameters/min_length=8 /search=parameters"},
