@@ -231,7 +231,8 @@ Indexed indexReflections(std::vector<Level> levels, const LatticeChoice& choice,
     evidence.indexedShare = result.refined.lattice.fraction();
     evidence.completeness = result.completeness;
     // The instrument's refinement confirms or moves an axis that nobody stated; without it it stays a guess.
-    evidence.axisAssumed = axis.source == "assumed" && !confirmsAxis(result.instrument);
+    result.axisConfirmed = confirmsAxis(result.instrument);
+    evidence.axisAssumed = axis.source == "assumed" && !result.axisConfirmed;
     result.verdict = verdictOn(evidence);
     return result;
 }

@@ -28,6 +28,8 @@ struct Indexed {
     Verdict verdict;
     double resolution = 0.0;    ///< smallest spacing of an indexed reflection, Angstrom
     Completeness completeness;  ///< of the nodes of the reduced cell
+    /// The reflections determine the direction of the axis and find it where it was taken to be.
+    bool axisConfirmed = false;
 
     const Lattice& lattice() const { return refined.lattice.lattice; }
     const LatticeCharacter& symmetry() const { return characters.front(); }

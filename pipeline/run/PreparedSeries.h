@@ -17,9 +17,11 @@ namespace vrk {
 /// Direction of the tilt axis in the frames, degrees; along (-sin t, cos t).
 struct TiltAxis {
     double angle = 0.0;
-    double uncertainty = 0.0;        ///< standard uncertainty of a search; 0 otherwise
-    std::string source = "assumed";  ///< "option", "header", "search", "assumed", "refined"
-    std::optional<double> stated;    ///< what an axis refined since was before, degrees
+    double uncertainty = 0.0;  ///< standard uncertainty of a search; 0 otherwise
+    /// "option", "header", "search", "assumed", or "refined": moved or, where nobody stated it, confirmed by
+    /// the reflections.
+    std::string source = "assumed";
+    std::optional<double> stated;  ///< what an axis refined since was before, degrees
 };
 
 /// Square frames without hot spots, the direct beam in the middle, the background taken off.

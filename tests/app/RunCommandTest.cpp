@@ -130,7 +130,7 @@ TEST_F(RunCommandTest, JsonIsAllThatStandsOnTheStandardOutput) {
     EXPECT_EQ(result.out.substr(result.out.size() - 2), "}\n");
     const json summary = json::parse(result.out);
     expectTrueCell(summary);
-    EXPECT_EQ(summary["tilt_axis"]["source"], "assumed");
+    EXPECT_EQ(summary["tilt_axis"]["source"], "refined");
     EXPECT_EQ(summary["input"]["nz"], 61);
     EXPECT_FALSE(filesIn(folder / "result").contains("hk0.png"));
 }

@@ -318,14 +318,14 @@ TEST_P(RunTruthTest, EveryNumberOfTheSummaryIsRight) {
 INSTANTIATE_TEST_SUITE_P(
     Series, RunTruthTest,
     testing::Values(
-        Case{"--cell 7.4,9.1,11.3,75,82,68 --drift 2 --jump 4", "", "aP", 1, 0, "assumed", 200},
+        Case{"--cell 7.4,9.1,11.3,75,82,68 --drift 2 --jump 4", "", "aP", 1, 0, "refined", 200},
         Case{"--cell 15.1,8.9,9.8,90,104.2,90 --centring C --axis 35 --write-axis --handedness -1 --kv 300",
              "", "mC", 2, 35, "header", 300},
         Case{"--cell 12,12,12,90,90,90 --centring I --kv 80 --state-kv 0 --axis -20 --mode precession "
              "--missing 5 --blank 2",
              "--tilt-axis -20 --voltage 80", "cI", 2, -20, "option", 80, 54, 1.0, "nothing but zeros"},
         Case{"--cell 9,9,14,90,90,120 --centring R --tilts 40:-50:-1.5 --mode stepwise --asymmetry 0.8", "",
-             "hR", 3, 0, "assumed", 200, 61, 1.0, "descend"},
+             "hR", 3, 0, "refined", 200, 61, 1.0, "descend"},
         Case{"--cell 13.1,16.2,19.4,90,90,90 --centring F --state-pixel 0 --state-kv 0 --state-axis 30",
              "--pixel-size 8.225806e7 --tilt-axis none", "oF", 4, 0, "option", 200, 61, 1.02,
              "200 kV are assumed"},
