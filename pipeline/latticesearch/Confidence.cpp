@@ -1,5 +1,7 @@
 #include "pipeline/latticesearch/Confidence.h"
 
+#include <Eigen/Eigenvalues>
+#include <algorithm>
 #include <cmath>
 
 namespace vrk {
@@ -10,6 +12,9 @@ constexpr double kLeastEvidence = 60.0;
 constexpr double kLeastFraction = 0.15;
 /// A rival with this share of the evidence leaves the choice open.
 constexpr double kRival = 0.9;
+/// Below this an error of the tilts, the centres or the lens becomes one of a percent or more across the
+/// patterns; 40 degrees of tilt have it.
+constexpr double kThin = 0.2;
 
 /// What one level of confidence asks for.
 struct Demands {
@@ -59,6 +64,15 @@ const char* nameOf(Confidence confidence) {
     return "low";
 }
 
+double thinnessOf(std::span<const Eigen::Vector3d> places, const Eigen::Vector3d& origin) {
+    if (places.size() < 3) return 1.0;
+    Eigen::Matrix3d moments = Eigen::Matrix3d::Zero();
+    for (const Eigen::Vector3d& place : places)
+        moments += (place - origin) * (place - origin).transpose();
+    const Eigen::Vector3d squares = Eigen::SelfAdjointEigenSolver<Eigen::Matrix3d>(moments).eigenvalues();
+    return squares[2] > 0.0 ? std::sqrt(std::max(squares[0], 0.0) / squares[2]) : 1.0;
+}
+
 bool isConvincing(const LatticeScore& score) {
     return score.evidence >= kLeastEvidence && score.fraction() >= kLeastFraction;
 }
@@ -73,6 +87,8 @@ Verdict verdictOn(const LatticeEvidence& known) {
         verdict.reasons.push_back("another lattice has " +
                                   percent(known.rivalEvidence / known.score.evidence) + " of its evidence");
     if (known.axisAssumed) verdict.reasons.push_back("the direction of the tilt axis was assumed");
+    if (known.thinness.value_or(1.0) < kThin)
+        verdict.reasons.push_back("so narrow a range of tilts leaves the cell uncertain across the patterns");
     if (!known.completeness)
         verdict.reasons.push_back("it is not known which part of reciprocal space was recorded");
     if (verdict.reasons.empty()) verdict.level = Confidence::High;

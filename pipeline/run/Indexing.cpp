@@ -49,6 +49,13 @@ double finestSpacing(const RefinedPositions& refined) {
     return longest > 0.0 ? 1e10 / (longest * lattice.pixelSize) : 0.0;
 }
 
+std::vector<Eigen::Vector3d> indexedPositions(const RefinedPositions& refined) {
+    std::vector<Eigen::Vector3d> places;
+    for (std::size_t i = 0; i < refined.positions.size(); ++i)
+        if (refined.indices[i][0] != kNotIndexed) places.push_back(refined.positions[i]);
+    return places;
+}
+
 RecordedSpace recordedSpace(const ReciprocalVolume& volume, const Level& level, int sense) {
     constexpr double kDegree = std::numbers::pi / 180.0;
     const SeriesFacts& facts = volume.facts;
@@ -230,6 +237,7 @@ Indexed indexReflections(std::vector<Level> levels, const LatticeChoice& choice,
     if (choice.runnerUp) evidence.rivalEvidence = choice.runnerUp->score.evidence;
     evidence.indexedShare = result.refined.lattice.fraction();
     evidence.completeness = result.completeness;
+    evidence.thinness = thinnessOf(indexedPositions(result.refined), result.lattice().origin);
     // The instrument's refinement confirms or moves an axis that nobody stated; without it it stays a guess.
     result.axisConfirmed = confirmsAxis(result.instrument);
     evidence.axisAssumed = axis.source == "assumed" && !result.axisConfirmed;

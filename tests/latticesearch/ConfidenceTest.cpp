@@ -69,6 +69,8 @@ TEST(Confidence, EachDoubtLowersItAndIsNamed) {
         {"another lattice has 91 %", [](LatticeEvidence& e) { e.rivalEvidence = 0.91 * e.score.evidence; },
          Confidence::Fair},
         {"assumed", [](LatticeEvidence& e) { e.axisAssumed = true; }, Confidence::Fair},
+        {"narrow a range", [](LatticeEvidence& e) { e.thinness = 0.19; }, Confidence::Fair},
+        {"", [](LatticeEvidence& e) { e.thinness = 0.21; }, Confidence::High},
         {"not known which part", [](LatticeEvidence& e) { e.completeness.reset(); }, Confidence::Fair},
         {"", [](LatticeEvidence& e) { e.indexedShare.reset(); }, Confidence::High},
     };
@@ -82,6 +84,18 @@ TEST(Confidence, EachDoubtLowersItAndIsNamed) {
             EXPECT_NE(verdict.reasons[0].find(one.reason), std::string::npos) << verdict.reasons[0];
         }
     }
+}
+
+TEST(Confidence, ThinnessFollowsTheTilts) {
+    std::vector<Eigen::Vector3d> places;
+    for (int tilt = -10; tilt <= 10; ++tilt)
+        for (double u : {-100.0, 50.0})
+            for (double v : {-60.0, 60.0})
+                places.push_back(
+                    {u * std::cos(tilt * M_PI / 180) + 7, v + 8, u * std::sin(tilt * M_PI / 180) + 9});
+    EXPECT_NEAR(vrk::thinnessOf(places, {7, 8, 9}), 0.105, 0.003);
+    places.resize(2);
+    EXPECT_EQ(vrk::thinnessOf(places, {7, 8, 9}), 1);
 }
 
 TEST(Confidence, ChanceConvincesNobody) {
