@@ -27,6 +27,7 @@
 #include "pipeline/frames/DataFiles.h"
 #include "pipeline/integration/PeakIntensities.h"
 #include "pipeline/latticesearch/PositionRefinement.h"
+#include "pipeline/run/SymmetryChoice.h"
 #include "processing/SamplingGeometry.h"
 
 namespace vrk::app {
@@ -92,34 +93,28 @@ UnitCell readCell(const Options& options, const PeakList& peaks) {
     return *reciprocal;
 }
 
-/// The lattice that the user asks for, of those that fit the cell.
-Setting settingOf(const UnitCell& cell, const std::string& lattice) {
-    Setting setting;
-    if (lattice == "primitive") return setting;
-    std::vector<LatticeCharacter> fits = LatticeSymmetry::analyse(cell);
-    LatticeSymmetry::preferExactFit(fits);
-    const auto chosen = std::find_if(fits.begin(), fits.end(), [&](const LatticeCharacter& one) {
-        return lattice == "auto" || lattice == LATTICE::shortName(one.bravaisType);
-    });
-    if (chosen == fits.end()) {
-        std::string names;
-        for (const LatticeCharacter& one : fits) {
-            const std::string name = LATTICE::shortName(one.bravaisType);
-            if (names.find(name) == std::string::npos) names += " " + name;
-        }
-        throw Failure("the cell is not " + lattice + " within 2 degrees and 3 %; it fits" + names,
-                      FailureKind::Usage);
-    }
-    setting.type = chosen->bravaisType;
-    setting.centring = chosen->centring;
+void takeSetting(const LatticeCharacter& character, Setting& setting) {
+    setting.type = character.bravaisType;
+    setting.centring = character.centring;
     for (std::size_t i = 0; i < 3; ++i)
-        std::copy(chosen->toConventional[i], chosen->toConventional[i] + 3, setting.fromPrimitive[i].begin());
-    return setting;
+        std::copy(character.toConventional[i], character.toConventional[i] + 3,
+                  setting.fromPrimitive[i].begin());
 }
 
-/// The cell parameters of the setting when nothing was refined.
-void takeCell(const UnitCell& reciprocal, Setting& setting) {
-    const std::unique_ptr<UnitCell> direct(UnitCell(reciprocal).getReciprocalCell());
+/// The type of that name; nothing for "auto".
+std::optional<LATTICE::BravaisTypes> wantedType(const std::string& lattice) {
+    using enum LATTICE::BravaisTypes;
+    for (const auto type : {cP, cI, cF, tP, tI, hP, hR, oP, oI, oC, oF, mP, mC, aP})
+        if (lattice == LATTICE::shortName(type)) return type;
+    return std::nullopt;
+}
+
+/// The setting that is asked for, and its cell, when nothing is refined.
+void keepCell(const Options& options, Indexing& result) {
+    Setting& setting = result.setting;
+    if (options.lattice != "primitive")
+        takeSetting(likelyCharacters(result.cell, wantedType(options.lattice)).front(), setting);
+    const std::unique_ptr<UnitCell> direct(UnitCell(result.cell).getReciprocalCell());
     int matrix[3][3];
     for (std::size_t i = 0; i < 3; ++i)
         std::copy(setting.fromPrimitive[i].begin(), setting.fromPrimitive[i].end(), matrix[i]);
@@ -127,6 +122,13 @@ void takeCell(const UnitCell& reciprocal, Setting& setting) {
     setting.cell = {direct->getLengthOfA(), direct->getLengthOfB(), direct->getLengthOfC(),
                     direct->getAlpha(),     direct->getBeta(),      direct->getGamma()};
     setting.volume = direct->getExactVolume();
+}
+
+double farthestOf(const std::vector<Eigen::Vector3d>& positions, const Eigen::Vector3d& centre) {
+    double farthest = 1.0;
+    for (const Eigen::Vector3d& position : positions)
+        if (position.allFinite()) farthest = std::max(farthest, (position - centre).norm());
+    return farthest;
 }
 
 /// The reflections where the patterns showed them, and the tilts at which they did.
@@ -154,19 +156,24 @@ ReflexVectorPtr samplePositions(const Options& options, const PeakList& peaks, s
     return ReflexVectorPtr(ReflectionPositions::fromCenters(peaks.reflections.get(), 0, geometry, &tilts));
 }
 
-void refine(const Options& options, const std::vector<double>& tilts, Indexing& result) {
-    Eigen::Matrix3d toConventional;
-    for (int i = 0; i < 3; ++i)
-        for (int j = 0; j < 3; ++j)
-            toConventional(i, j) =
-                result.setting.fromPrimitive[static_cast<std::size_t>(i)][static_cast<std::size_t>(j)];
-    RefinementSettings settings;
-    settings.wavelength = EwaldCurvature::wavelength(options.voltage);
-    settings.tolerance = options.tolerance;
-    settings.ties = CellTies::of(result.setting.type, toConventional);
+void moveTo(const std::vector<Eigen::Vector3d>& positions, ReflexVector& reflections) {
+    for (std::size_t i = 0; i < positions.size(); ++i) {
+        Reflex moved(positions[i].x(), positions[i].y(), positions[i].z());
+        moved.setIntensity(reflections[i]->getIntensity());
+        *reflections[i] = moved;
+    }
+}
+
+/// Refines the cell without ties, which gives the indices, and under those of the lattice type, which is what
+/// is reported.
+void refine(const Options& options, const PeakList& peaks, const std::vector<double>& tilts, Host& host,
+            Indexing& result) {
     std::vector<Eigen::Vector3d> positions;
     for (Reflex* reflex : *result.reflections)
         positions.emplace_back(reflex->getCenterInX(), reflex->getCenterInY(), reflex->getCenterInZ());
+    RefinementSettings settings;
+    settings.wavelength = EwaldCurvature::wavelength(options.voltage);
+    settings.tolerance = options.tolerance;
     const Lattice start = Lattice::of(result.cell, Eigen::Vector3d(result.origin.data()));
     result.refinement = refinePositions(positions, tilts, start, settings);
     if (!result.refinement)
@@ -174,20 +181,31 @@ void refine(const Options& options, const std::vector<double>& tilts, Indexing& 
             "too few reflections lie near the nodes of the cell's lattice to refine it; check that the "
             "cell belongs to these peaks, allow a larger --tolerance, or use --keep-cell",
             FailureKind::NothingFound);
-    const RefinedLattice& refined = result.refinement->lattice;
-    for (std::size_t i = 0; i < positions.size(); ++i) {
-        Reflex*& reflex = (*result.reflections)[i];
-        const Eigen::Vector3d& p = result.refinement->positions[i];
-        Reflex moved(p.x(), p.y(), p.z());
-        moved.setIntensity(reflex->getIntensity());
-        *reflex = moved;
+    RefinedLattice reported = result.refinement->lattice;
+    if (options.lattice != "primitive") {
+        SymmetryInput input;
+        input.positions = positions;
+        input.tilts = tilts;
+        input.centre = Eigen::Vector3d(result.origin.data());
+        input.halfWidth = peaks.head ? 0.5 * peaks.head->size[0] : farthestOf(positions, input.centre);
+        input.wavelength = settings.wavelength;
+        input.tolerance = options.tolerance;
+        input.wanted = wantedType(options.lattice);
+        SymmetryChoice choice = chooseSymmetry(input, std::move(*result.refinement));
+        takeSetting(choice.characters.front(), result.setting);
+        const std::string strain = strainText(choice.conventional, choice.untied, result.setting.type);
+        if (!strain.empty()) host.warn(strain);
+        result.refinement = std::move(choice.refined);
+        reported = choice.conventional;
     }
-    result.cell = refined.lattice.toUnitCell();
-    Eigen::Map<Eigen::Vector3d>(result.origin.data()) = refined.lattice.origin;
-    result.setting.cell = refined.cell;
-    result.setting.cellSigma = refined.cellSigma;
-    result.setting.volume = refined.volume;
-    result.setting.volumeSigma = refined.volumeSigma;
+    moveTo(result.refinement->positions, *result.reflections);
+    const Lattice& free = result.refinement->lattice.lattice;
+    result.cell = free.toUnitCell();
+    Eigen::Map<Eigen::Vector3d>(result.origin.data()) = free.origin;
+    result.setting.cell = reported.cell;
+    result.setting.cellSigma = reported.cellSigma;
+    result.setting.volume = reported.volume;
+    result.setting.volumeSigma = reported.volumeSigma;
 }
 
 Indexing indexPeaks(const Options& options, Host& host) {
@@ -199,17 +217,23 @@ Indexing indexPeaks(const Options& options, Host& host) {
                 FailureKind::Usage);
         const std::unique_ptr<VoxMRCData> volume = readVolume(options.volume, host.session());
         integrateIntensities(*volume, *peaks.reflections, options.radius);
+    } else if (!options.output.empty() && !peaks.hasIntensities) {
+        throw Failure(
+            options.peaks +
+                " holds no intensities, so there are none to write; give --volume to measure them, find "
+                "the peaks anew with 'vrk peaks', or add a fourth column. Without -o the cell alone is "
+                "refined",
+            FailureKind::Usage);
     }
     Indexing result;
     result.cell = readCell(options, peaks);
-    result.setting = settingOf(result.cell, options.lattice);
     result.origin = peaks.origin;
     std::vector<double> tilts;
     result.reflections = samplePositions(options, peaks, tilts);
     if (options.keepCell)
-        takeCell(result.cell, result.setting);
+        keepCell(options, result);
     else
-        refine(options, tilts, result);
+        refine(options, peaks, tilts, host, result);
 
     result.indexed = IndicateWithHKL::indicate(
         nullptr, &result.cell, result.reflections.get(), result.origin.data(), 2, options.tolerance,
@@ -242,9 +266,9 @@ void changeSetting(ReflexVector& list, const Setting& setting) {
     }
 }
 
-/// Writes the result and names the files.
-std::vector<std::string> writeFiles(const Options& options, Indexing& result, Host& host) {
-    std::vector<std::string> files = {options.output};
+void writeReflections(const Options& options, Indexing& result, Host& host, std::vector<std::string>& files) {
+    if (options.output.empty()) return;
+    files.push_back(options.output);
     const std::string format = formatOf(options);
     OutputFile file(options.output);
     ReflectionSet set;
@@ -273,6 +297,9 @@ std::vector<std::string> writeFiles(const Options& options, Indexing& result, Ho
         throw Failure("cannot write " + options.output + ": " + host.session().lastError());
     }
     file.commit();
+}
+
+void writeCell(const Options& options, Indexing& result, Host& host, std::vector<std::string>& files) {
     if (!options.cellOutput.empty()) {
         OutputFile cellFile(options.cellOutput);
         if (!CellFileImportExport::writeCellFile_version_2(cellFile.path().string(), &result.cell))
@@ -280,7 +307,6 @@ std::vector<std::string> writeFiles(const Options& options, Indexing& result, Ho
         cellFile.commit();
         files.push_back(options.cellOutput);
     }
-    return files;
 }
 
 void plot(const Options& options, Indexing& result, std::vector<std::string>& files) {
@@ -354,6 +380,7 @@ void report(Host& host, const Indexing& result, const std::vector<std::string>& 
         out << (i == 3 ? "   " : " ") << withUncertainty(s.cell[i], s.cellSigma[i]);
     out << "   volume " << withUncertainty(s.volume, s.volumeSigma) << '\n';
     if (result.refinement) out << senseText(*result.refinement) << '\n';
+    if (files.empty()) return;
     out << "written:";
     for (const std::string& file : files)
         out << ' ' << file;
@@ -366,7 +393,9 @@ void index(Host& host, const Options& options) {
     if (options.voltage > 0.0) refuseImpossibleVoltage(options.voltage);
     Indexing result = indexPeaks(options, host);
     changeSetting(*result.reflections, result.setting);
-    std::vector<std::string> files = writeFiles(options, result, host);
+    std::vector<std::string> files;
+    writeReflections(options, result, host, files);
+    writeCell(options, result, host, files);
     plot(options, result, files);
     if (options.json)
         host.out() << toJson(result, files).dump(1) << '\n';
@@ -385,7 +414,9 @@ void addIndexCommand(CommandLine& line, Host& host) {
         .required()
         .typeName("PEAKS");
     command.option("cell", options->cell, "Cell file").required().typeName("CELL");
-    command.option("-o,--output", options->output, "Reflections to write").required().typeName("HKL");
+    command
+        .option("-o,--output", options->output, "Reflections to write; without it the cell alone is refined")
+        .typeName("HKL");
     command
         .option("--format", options->format,
                 "Format. hkl: fixed columns 3I4,2F8.2; shelx: HKLF 4, scaled as a whole, with an .ins "
@@ -396,9 +427,9 @@ void addIndexCommand(CommandLine& line, Host& host) {
     command
         .option(
             "--lattice", options->lattice,
-            "Setting of cell and indices: primitive (the cell of the file), auto (the conventional cell of "
-            "the answer of cell-info) or a Bravais type, cP to aP; its symmetry ties the "
-            "refinement")
+            "Setting of cell and indices: primitive (the cell of the file), auto (the conventional cell that "
+            "'vrk run' would choose) or a Bravais type, cP to aP; its symmetry ties the cell that is "
+            "reported, not the indices")
         .showDefault()
         .oneOf({"primitive", "auto", "cP", "cI", "cF", "tP", "tI", "hP", "hR", "oP", "oI", "oC", "oF", "mP",
                 "mC", "aP"});
@@ -422,10 +453,7 @@ void addIndexCommand(CommandLine& line, Host& host) {
                 "exact: taken as they are [voxel for "
                 "a peak file, exact for a list]")
         .oneOf({"voxel", "exact"});
-    command
-        .option("--volume", options->volume,
-                "Integrate intensities from this volume; a peak file has none "
-                "and all are 1 without it")
+    command.option("--volume", options->volume, "Integrate intensities from this volume [those of the list]")
         .typeName("VOLUME.mrc");
     command.option("--radius", options->radius, "Radius of the integration with --volume, voxels")
         .showDefault()

@@ -196,7 +196,7 @@ void printJson(std::ostream& out, const Report& report, const Parameter& paramet
 void writePeaks(Host& host, OutputFile& file, const ReflexVector& list, const VoxMRCData& volume,
                 const Parameter& parameter) {
     const auto extent = [&](unsigned d) { return static_cast<int>(volume.GetDimSize(d)); };
-    if (!PeakFileImportExport::writePeakFile_version_2(
+    if (!PeakFileImportExport::writePeakFileWithIntensities(
             file.path().string(), &list, parameter.getWhichReflectionMiddleShouldUsed(), extent(0), extent(1),
             extent(2), 0.0, 0.0, static_cast<double>(volume.m_Header.m_pixelsize), 0.0, 0.0, false))
         throw Failure(host.session().lastError());

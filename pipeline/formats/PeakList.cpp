@@ -70,9 +70,11 @@ std::vector<double> numbersAtStart(const std::string& line) {
     return numbers;
 }
 
-void readPlainList(const std::filesystem::path& path, ReflexVector& list) {
+/// \returns whether every line has an intensity
+bool readPlainList(const std::filesystem::path& path, ReflexVector& list) {
     std::ifstream file(path);
     std::string line;
+    bool hasIntensities = true;
     for (std::size_t number = 1; readLine(file, line); ++number) {
         const std::size_t first = line.find_first_not_of(" \t\r");
         if (first == std::string::npos || line[first] == '#') continue;
@@ -81,9 +83,13 @@ void readPlainList(const std::filesystem::path& path, ReflexVector& list) {
             throw Failure(path.string() + ", line " + std::to_string(number) +
                           ": no three numbers x y z; a list of positions or a peak file is expected");
         auto reflex = std::make_unique<Reflex>(values[0], values[1], values[2]);
-        if (values.size() > 3) reflex->setIntensity(std::max(values[3], 0.0));
+        if (values.size() > 3)
+            reflex->setIntensity(std::max(values[3], 0.0));
+        else
+            hasIntensities = false;
         list.push_back(reflex.release());
     }
+    return hasIntensities;
 }
 
 }  // namespace
@@ -104,8 +110,9 @@ PeakList readPeaks(const std::filesystem::path& path) {
             peaks.origin[i] = 0.5 * (peaks.head->size[i] - 1.0);
         if (!PeakFileImportExport::loadPeakFile(path.string(), peaks.reflections.get()))
             throw Failure(path.string() + " is no complete peak file; run 'vrk peaks' again");
+        peaks.hasIntensities = PeakFileImportExport::loadIntensities(path.string(), peaks.reflections.get());
     } else {
-        readPlainList(path, *peaks.reflections);
+        peaks.hasIntensities = readPlainList(path, *peaks.reflections);
     }
     if (peaks.reflections->empty())
         throw Failure(path.string() + " holds no reflections", FailureKind::NothingFound);

@@ -25,6 +25,8 @@ struct PeakList {
     /// The place of 000 in the reflections' coordinates: the centre of the volume for a peak file (voxel
     /// coordinates), 0, 0, 0 for a plain list.
     std::array<double, 3> origin{};
+    /// Every reflection has an intensity of its own; without, all have 1.
+    bool hasIntensities = false;
 };
 
 /// Reads a peak file or, when the first line is none of a peak file, a plain list: x y z and perhaps an

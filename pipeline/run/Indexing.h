@@ -5,6 +5,7 @@
 #include <Eigen/Core>
 #include <functional>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "crystallography/LatticeSymmetry.h"
@@ -25,6 +26,7 @@ struct Indexed {
     RefinedLattice conventional;               ///< under the ties of its type
     RefinedInstrument instrument;              ///< under the same ties; not valid where it was not refined
     std::vector<LatticeCharacter> characters;  ///< the answer first
+    std::string strain;                        ///< edges that the ties move; empty for none
     Verdict verdict;
     double resolution = 0.0;    ///< smallest spacing of an indexed reflection, Angstrom
     Completeness completeness;  ///< of the nodes of the reduced cell

@@ -28,7 +28,7 @@ bool writePeaks(const RunResult& result, const std::string& path) {
     const VoxMRCData& voxels = *result.volume.voxels;
     const SeriesFacts& facts = result.facts();
     const ReflexVectorPtr list = voxelCentres(result.indexed.level);
-    return PeakFileImportExport::writePeakFile_version_2(
+    return PeakFileImportExport::writePeakFileWithIntensities(
         path, list.get(), 3, static_cast<int>(voxels.GetWidth()), static_cast<int>(voxels.GetHeight()),
         static_cast<int>(voxels.GetDepth()), facts.tiltFirst, facts.tiltLast, facts.pixelSize, 0.0, 0.0,
         false);

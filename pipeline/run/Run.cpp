@@ -173,6 +173,7 @@ RunResult run(const std::filesystem::path& path, const RunOptions& options, Sess
         if (searched && (!best || meritOf(*searched) > meritOf(*best))) best = std::move(searched);
     }
     if (!best) throw attempts.firstFailure();
+    if (!best->indexed.strain.empty()) session.warn(best->indexed.strain);
     if (best->axis.source == "assumed" && best->indexed.axisConfirmed) best->axis.source = "refined";
     std::optional<Intensities> intensities;
     if (options.intensities.wanted)

@@ -9,6 +9,7 @@
 #include <limits>
 #include <locale>
 #include <string_view>
+#include <vector>
 
 #include "foundation/Version.h"
 #include "foundation/detail/Log.h"
@@ -19,6 +20,8 @@ namespace {
 using VRK::detail::log;
 
 constexpr std::string_view kVersionMark = "#VRKPEAKSVERSION 2";
+constexpr std::string_view kColumns = "\n#x y z";
+constexpr std::string_view kColumnsWithIntensity = "\n#x y z intensity";
 
 /// Reads lines of at most 255 characters. Once a line was longer or missing, all that follow are empty.
 class LineReader {
@@ -96,22 +99,24 @@ bool readHeadLines(LineReader& lines, std::array<double, 3>& halves, std::int64_
     return lines.startsWithHash();
 }
 
-void writeHeadLines(std::ostream& file, int nx, int ny, int nz, double tiltPosition1, double tiltPositionN,
-                    double pixelSize, double cameraLength, double diffLens) {
+/// What stands in the first five lines.
+struct Head {
+    int nx, ny, nz;
+    double tiltPosition1, tiltPositionN;
+    double pixelSize, cameraLength, diffLens;
+};
+
+void writeHeadLines(std::ostream& file, const Head& head) {
     file << kVersionMark << " (written by VRKCore library " << VRK::kVersion << ")\n"
          << "#nx ny nz tilt_position_1 tilt_position_N\n"
-         << nx << ' ' << ny << ' ' << nz << ' ' << tiltPosition1 << ' ' << tiltPositionN << '\n'
+         << head.nx << ' ' << head.ny << ' ' << head.nz << ' ' << head.tiltPosition1 << ' '
+         << head.tiltPositionN << '\n'
          << "#pix_size(m) CL(camera length, mm) DiffLens(%)\n"
-         << pixelSize << ' ' << cameraLength << ' ' << diffLens << '\n';
+         << head.pixelSize << ' ' << head.cameraLength << ' ' << head.diffLens << '\n';
 }
 
-}  // namespace
-
-bool PeakFileImportExport::writePeakFile_version_2(const std::string& path, const ReflexVector* reflexes,
-                                                   int centerType, int nx, int ny, int nz,
-                                                   double tiltPosition1, double tiltPositionN,
-                                                   double pixelSize, double cameraLength, double diffLens,
-                                                   bool onlyIndicated) {
+bool write(const std::string& path, const ReflexVector* reflexes, int centerType, const Head& head,
+           bool onlyIndicated, bool withIntensities) {
     log("peak file to save: " + path + "\n", VRK::Normal);
     std::ofstream file(path, std::ios::trunc);
     if (!file) {
@@ -123,24 +128,48 @@ bool PeakFileImportExport::writePeakFile_version_2(const std::string& path, cons
         return false;
     }
     file.imbue(std::locale::classic());
-    writeHeadLines(file, nx, ny, nz, tiltPosition1, tiltPositionN, pixelSize, cameraLength, diffLens);
+    writeHeadLines(file, head);
 
     const auto selected = [&](const Reflex* reflex) {
         return reflex && (!onlyIndicated || reflex->isIndicated());
     };
     const auto count = std::count_if(reflexes->begin(), reflexes->end(), selected);
     if (onlyIndicated && count == 0) log("There are no indicated reflections to save.", VRK::Warning);
-    file << "#N_peaks\n" << count << "\n#x y z\n";
-    const int halves[3] = {nx / 2, ny / 2, nz / 2};
+    file << "#N_peaks\n" << count << (withIntensities ? kColumnsWithIntensity : kColumns) << '\n';
+    const int halves[3] = {head.nx / 2, head.ny / 2, head.nz / 2};
     for (Reflex* reflex : *reflexes) {
         if (!selected(reflex)) continue;
         for (int axis = 0; axis < 3; ++axis)
-            file << reflex->getCenter(axis, centerType) - halves[axis] << (axis < 2 ? ' ' : '\n');
+            file << (axis > 0 ? " " : "") << reflex->getCenter(axis, centerType) - halves[axis];
+        if (withIntensities) file << ' ' << reflex->getIntensity();
+        file << '\n';
     }
     file.close();
     if (file) return true;
     log("ERROR: Error while writing the file " + path + "; is the disk full?\n", VRK::Error);
     return false;
+}
+
+}  // namespace
+
+bool PeakFileImportExport::writePeakFile_version_2(const std::string& path, const ReflexVector* reflexes,
+                                                   int centerType, int nx, int ny, int nz,
+                                                   double tiltPosition1, double tiltPositionN,
+                                                   double pixelSize, double cameraLength, double diffLens,
+                                                   bool onlyIndicated) {
+    return write(path, reflexes, centerType,
+                 {nx, ny, nz, tiltPosition1, tiltPositionN, pixelSize, cameraLength, diffLens}, onlyIndicated,
+                 false);
+}
+
+bool PeakFileImportExport::writePeakFileWithIntensities(const std::string& path, const ReflexVector* reflexes,
+                                                        int centerType, int nx, int ny, int nz,
+                                                        double tiltPosition1, double tiltPositionN,
+                                                        double pixelSize, double cameraLength,
+                                                        double diffLens, bool onlyIndicated) {
+    return write(path, reflexes, centerType,
+                 {nx, ny, nz, tiltPosition1, tiltPositionN, pixelSize, cameraLength, diffLens}, onlyIndicated,
+                 true);
 }
 
 bool PeakFileImportExport::loadPeakFile(const std::string& path, ReflexVector* reflexes) {
@@ -187,5 +216,25 @@ bool PeakFileImportExport::loadPeakFile_version_2(const std::string& path, Refle
         reflexes->append(ReflexPtr(new Reflex(x, y, z)));
     }
     log(announcement + std::to_string(reflexes->size()) + " reflections loaded.\n", VRK::Normal);
+    return true;
+}
+
+bool PeakFileImportExport::loadIntensities(const std::string& path, ReflexVector* reflexes) {
+    std::ifstream file(path);
+    if (!file || !reflexes) return false;
+    LineReader lines(file);
+    for (int skipped = 0; skipped < 7; ++skipped)
+        lines.next();
+    if (!lines.next().starts_with(kColumnsWithIntensity.substr(1))) return false;
+    std::vector<double> intensities;
+    for (std::size_t i = 0; i < reflexes->size(); ++i) {
+        NumberReader numbers(lines.next());
+        if (!lines.complete()) return false;
+        for (int skipped = 0; skipped < 3; ++skipped)
+            numbers.real();
+        intensities.push_back(std::max(numbers.real(), 0.0));
+    }
+    for (std::size_t i = 0; i < intensities.size(); ++i)
+        if (Reflex* reflex = (*reflexes)[i]) reflex->setIntensity(intensities[i]);
     return true;
 }

@@ -21,8 +21,9 @@ class ReflexVector;
 ///     #x y z
 ///     x - nx / 2, y - ny / 2, z - nz / 2 (integer divisions) of one reflection a line
 ///
-/// Positions only: Miller indices and intensities are not stored. Every failure gives false and an error in
-/// the log, but a file whose lines 1, 6 and 8 do not begin with "#" gives false without a message.
+/// Positions only: Miller indices are not stored, intensities on request, as a fourth column "#x y z
+/// intensity", which loadPeakFile() passes over. Every failure gives false and an error in the log, but a
+/// file whose lines 1, 6 and 8 do not begin with "#" gives false without a message.
 class VRKCORE_EXPORT PeakFileImportExport {
 public:
     /// \param centerType     which centre of a reflection is written, see Reflex::getCenter()
@@ -38,6 +39,12 @@ public:
                                         double pixelSize, double cameraLength, double diffLens,
                                         bool onlyIndicated);
 
+    /// The same with the intensity of each reflection in a fourth column.
+    static bool writePeakFileWithIntensities(const std::string& path, const ReflexVector* reflexes,
+                                             int centerType, int nx, int ny, int nz, double tiltPosition1,
+                                             double tiltPositionN, double pixelSize, double cameraLength,
+                                             double diffLens, bool onlyIndicated);
+
     /// Checks that the first line begins with "#VRKPEAKSVERSION 2" and loads the file.
     static bool loadPeakFile(const std::string& path, ReflexVector* reflexes);
 
@@ -49,4 +56,9 @@ public:
     /// of the file unreadable. A field that is no finite number reads as 0, and so do those after it in its
     /// line.
     static bool loadPeakFile_version_2(const std::string& path, ReflexVector* reflexes);
+
+    /// Gives the reflections that were loaded from a file the intensities in its fourth column; what is no
+    /// intensity there becomes 0. False, without a message and with nothing changed, when the file has no
+    /// such column or fewer lines than the list has reflections.
+    static bool loadIntensities(const std::string& path, ReflexVector* reflexes);
 };

@@ -65,6 +65,18 @@ TEST_F(IndexCommandTest, WritesTheConventionalSettingOnRequest) {
     EXPECT_EQ(count, json["reflections"]["indexed"]);
 }
 
+TEST_F(IndexCommandTest, RefinesTheCellOfAListWithoutIntensities) {
+    std::string bare;
+    std::istringstream lines(m_folder.read("peaks.txt"));
+    for (std::string line; std::getline(lines, line);)
+        bare += line.substr(0, line.find(' ')) + '\n';
+    m_folder.write("peaks.txt", "#" + bare);
+    const VrkResult run = index({"--pixel-size", "5e7", "--lattice", "cF", "--cell-out", "refined.txt"});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_NE(run.out.find("cell cF: 1"), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find("written: refined.txt\n"), std::string::npos) << run.out;
+}
+
 TEST_F(IndexCommandTest, ChoosesTheFormat) {
     EXPECT_EQ(index({"-o", "x.mtz", "--pixel-size", "5e7"}).exitCode, 0);
     EXPECT_EQ(m_folder.read("x.mtz").substr(0, 4), "MTZ ");
@@ -90,6 +102,7 @@ TEST_F(IndexCommandTest, PlotsIntoAFolder) {
 
 TEST_F(IndexCommandTest, SaysWhatIsWrong) {
     m_folder.write("other.txt", "1 2 3\nabc\n");
+    m_folder.write("bare.txt", "1 2 3 4\n1 2 3\n");
     m_folder.write("empty.txt", "# nothing\n");
     m_folder.write("head.txt", "#VRKPEAKSVERSION 2\n#\n0 0 0 1 2\n#\n1e8 0 0\n#\n1\n#\n1 2 3\n");
     UnitCell flat;
@@ -102,7 +115,8 @@ TEST_F(IndexCommandTest, SaysWhatIsWrong) {
         int exitCode;
         std::string message;
     } cases[] = {
-        {{"index", "peaks.txt", "cell.txt"}, 2, "output"},
+        {{"index", "bare.txt", "cell.txt", "-o", "x.hkl", "--pixel-size", "5e7"}, 2, "holds no intensities"},
+        {{"index", "peaks.txt", "cell.txt", "-o", "x.hkl", "--voltage", "200000"}, 2, "looks like volts"},
         {{"index", "peaks.txt", "old.cell", "-o", "x.hkl"}, 2, "--pixel-size"},
         {{"index", "none.txt", "cell.txt", "-o", "x.hkl"}, 1, "none.txt"},
         {{"index", "other.txt", "cell.txt", "-o", "x.hkl"}, 1, "line 2"},

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <Eigen/Dense>
+#include <algorithm>
 #include <cmath>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -66,6 +67,7 @@ protected:
     void expectCells() const;
     void expectLattice() const;
     void expectIndices() const;
+    void expectSameFromIndex() const;
     void expectConfidence() const;
     void expectTheRest() const;
 
@@ -202,6 +204,35 @@ void RunTruthTest::expectLattice() const {
     EXPECT_LE(*numbers.rbegin(), 44);
 }
 
+/// Indexing the peaks of the run with its cell finds type, cell and indices of the run again.
+void RunTruthTest::expectSameFromIndex() const {
+    const VrkResult result =
+        runVrkLine("index " + (folder / "out/peaks.txt") + " " + (folder / "out/cell.txt") + " -o " +
+                   (folder / "again.hkl") + " --lattice auto --json --voltage " +
+                   std::to_string(number("/parameters/voltage_kv")));
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    const json again = json::parse(result.out);
+    EXPECT_EQ(again["cell"]["bravais"], found["cell"]["conventional"]["bravais"]);
+    for (std::size_t i = 0; i < 3; ++i) {
+        const double edge = number(std::string("/cell/conventional/") + kEdges[i]);
+        EXPECT_NEAR(again["cell"]["parameters"][i], edge, 2e-3 * edge);
+        EXPECT_NEAR(again["cell"]["parameters"][i + 3],
+                    number(std::string("/cell/conventional/") + kAngles[i]), 0.1);
+    }
+    EXPECT_NEAR(again["reflections"]["fraction_indexed"], number("/reflections/fraction_indexed"), 0.02);
+    const auto indicesOf = [this](const char* name) {
+        std::set<std::string> indices;
+        std::istringstream lines(folder.read(name));
+        for (std::string line; std::getline(lines, line);)
+            indices.insert(line.substr(0, 12));
+        return indices;
+    };
+    const std::set<std::string> first = indicesOf("out/reflections.hkl"), second = indicesOf("again.hkl");
+    const auto common = std::count_if(second.begin(), second.end(),
+                                      [&](const std::string& hkl) { return first.contains(hkl); });
+    EXPECT_GT(static_cast<double>(common), 0.97 * static_cast<double>(second.size()));
+}
+
 /// The lines of the HKL file are true reflections, once each, with their true intensities.
 void RunTruthTest::expectIndices() const {
     const Matrix3d conventional = rows(found["cell"]["candidates"][0]["transformation"]).inverse() *
@@ -311,6 +342,7 @@ TEST_P(RunTruthTest, EveryNumberOfTheSummaryIsRight) {
     expectCells();
     expectLattice();
     expectIndices();
+    expectSameFromIndex();
     expectConfidence();
     expectTheRest();
 }

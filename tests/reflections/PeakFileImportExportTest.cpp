@@ -60,6 +60,47 @@ TEST_F(PeakFile, IsWrittenRelativeToTheTruncatedHalvesAndReadBack) {
     EXPECT_TRUE(log.has("peak file has format version 2", VRK::Debug));
 }
 
+TEST_F(PeakFile, CarriesIntensitiesInAColumnOfTheirOwn) {
+    for (const double intensity : {12.5, 0.0, 1234567.0}) {
+        list->push_back(new Reflex(50, 32, intensity));
+        list->back()->setIntensity(intensity);
+    }
+    ASSERT_TRUE(PeakFileImportExport::writePeakFileWithIntensities(path, list.get(), 1, 101, 64, 7, -60.5, 60,
+                                                                   0.00123456789, 250, 37.5, false));
+    EXPECT_EQ(content(),
+              kHead + "3\n#x y z intensity\n0 0 9.5 12.5\n0 0 -3 0\n0 0 1.23456e+06 1.23457e+06\n");
+    list->destroyElements();
+    ASSERT_TRUE(load());
+    EXPECT_EQ(list->at(0)->getIntensity(), 1.0);
+    ASSERT_TRUE(PeakFileImportExport::loadIntensities(path, list.get()));
+    EXPECT_EQ(list->at(0)->getIntensity(), 12.5);
+    EXPECT_EQ(list->at(1)->getIntensity(), 0.0);
+    EXPECT_EQ(list->at(2)->getIntensity(), 1.23457e6);
+
+    const std::string lines = "2\n#x y z intensity\n1 2 3 -4\n1 2 3 much\n";
+    const struct {
+        const char* name;
+        std::string text;
+        bool loads;
+        double second;
+    } cases[] = {{"what is no intensity", kHead + lines, true, 0.0},
+                 {"no column", kHead + "2\n#x y z\n1 2 3 4\n1 2 3 5\n", false, 7.0},
+                 {"fewer lines", kHead + "2\n#x y z intensity\n1 2 3 4\n", false, 7.0},
+                 {"nothing", "", false, 7.0}};
+    for (const auto& one : cases) {
+        put(one.text);
+        list->destroyElements();
+        for (int i = 0; i < 2; ++i) {
+            list->push_back(new Reflex(1, 2, 3));
+            list->back()->setIntensity(7.0);
+        }
+        EXPECT_EQ(PeakFileImportExport::loadIntensities(path, list.get()), one.loads) << one.name;
+        EXPECT_EQ(list->at(1)->getIntensity(), one.second) << one.name;
+    }
+    EXPECT_FALSE(PeakFileImportExport::loadIntensities(path, nullptr));
+    EXPECT_FALSE(PeakFileImportExport::loadIntensities(path + ".missing", list.get()));
+}
+
 TEST_F(PeakFile, HoldsOnlyIndexedReflectionsOnRequest) {
     list->push_back(new Reflex(50, 32, 3));
     ASSERT_TRUE(write(101, 64, 7, true));

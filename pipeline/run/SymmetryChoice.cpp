@@ -1,0 +1,191 @@
+#include "pipeline/run/SymmetryChoice.h"
+
+#include <algorithm>
+#include <cmath>
+#include <utility>
+
+#include "pipeline/base/Failure.h"
+#include "pipeline/base/NumberText.h"
+#include "pipeline/latticesearch/EquivalentAxes.h"
+#include "pipeline/run/Advice.h"
+
+namespace vrk {
+namespace {
+
+/// What lens distortion does to the angles and edges of a cell.
+constexpr LatticeTolerances kSymmetryTolerances{2.5, 0.03};
+/// Ties that let the spread of the reflections about the nodes grow by no more than this, and lose no more of
+/// their indices, are those of the lattice.
+constexpr double kSameSpread = 1.04;
+constexpr double kSmallSpread = 0.01;  // voxels
+constexpr double kSameIndexed = 0.98;
+/// What ties may add to the mean distance: this share, which errors that reflections have in common may cost,
+/// or where they are few what this loss of likelihood, in nats, comes to.
+constexpr double kSameDistance = 1.01;
+constexpr double kSameLikelihood = 10.0;
+
+CellTies tiesOf(const LatticeCharacter& character) {
+    return CellTies::of(character.bravaisType, matrixOf(character));
+}
+
+/// The conventional cell of a character with nothing tied.
+CellTies untied(const LatticeCharacter& character) {
+    CellTies ties;
+    ties.toConventional = matrixOf(character);
+    return ties;
+}
+
+RefinedInstrument refinedInstrument(const SymmetryInput& input, const Lattice& from, int sense,
+                                    const CellTies& ties) {
+    InstrumentSettings settings;
+    settings.halfWidth = input.halfWidth;
+    settings.wavelength = input.wavelength;
+    settings.sense = sense;
+    settings.tolerance = input.tolerance;
+    settings.ties = ties;
+    return refineInstrument(input.positions, input.tilts, from, input.centre, settings);
+}
+
+std::optional<RefinedPositions> refined(const SymmetryInput& input, const Lattice& from,
+                                        const CellTies& ties) {
+    RefinementSettings settings;
+    settings.wavelength = input.wavelength;
+    settings.tolerance = input.tolerance;
+    settings.ties = ties;
+    return refinePositions(input.positions, input.tilts, from, settings);
+}
+
+/// Takes over the positions that the instrument gives, with the free lattice on them.
+void takeInstrument(SymmetryChoice& choice, double tolerance) {
+    std::vector<FitPoint> points;
+    for (const Eigen::Vector3d& position : choice.instrument.positions)
+        points.push_back({position});
+    const LatticeFit fit = fitLattice(points, choice.instrument.lattice.lattice, tolerance, {});
+    if (!fit.valid) return;
+    choice.refined.positions = choice.instrument.positions;
+    choice.refined.indices = fit.indices;
+    choice.refined.lattice = describe(fit, {});
+    choice.untied = describe(fit, untied(choice.characters.front()));
+}
+
+/// Whether reflections lie as close to the nodes with ties as without.
+bool areAsClose(const RefinedLattice& tied, const RefinedLattice& free) {
+    const double fewCost = std::exp(kSameLikelihood / (3.0 * std::max(free.indexed, 1)));
+    return tied.sigma <= kSameSpread * free.sigma + kSmallSpread &&
+           tied.rms <= std::hypot(std::max(kSameDistance, fewCost) * free.rms, kSmallSpread) &&
+           tied.indexed >= kSameIndexed * free.indexed;
+}
+
+/// The answer to the front where no ties were accepted: the triclinic one when the reflections refuse all
+/// others, the most exact when they were too few to be asked.
+void preferExactFit(std::vector<LatticeCharacter>& characters, const RefinedLattice& lattice, bool refused) {
+    const std::array<double, 6>& sigma = lattice.cellSigma;
+    LatticeSymmetry::preferExactFit(characters, *std::max_element(sigma.begin() + 3, sigma.end()));
+    if (!refused) return;
+    std::stable_partition(characters.begin(), characters.end(), [](const LatticeCharacter& character) {
+        return character.bravaisType == LATTICE::aP;
+    });
+}
+
+void bringToFront(std::vector<LatticeCharacter>& characters, std::size_t i) {
+    const auto first = characters.begin();
+    std::rotate(first, first + static_cast<std::ptrdiff_t>(i), first + static_cast<std::ptrdiff_t>(i) + 1);
+}
+
+/// What the cell nearly has, the highest symmetry first.
+std::vector<LatticeCharacter> charactersOf(const UnitCell& cell) {
+    std::vector<LatticeCharacter> characters = LatticeSymmetry::analyse(cell, kSymmetryTolerances);
+    if (characters.empty())
+        throw Failure("the cell spans no lattice; " + whatToTry(), FailureKind::NothingFound);
+    for (LatticeCharacter& character : characters)
+        settleAxes(character, cell);
+    return characters;
+}
+
+/// Throws Failure when the type is not among them.
+void bringToFront(std::vector<LatticeCharacter>& characters, LATTICE::BravaisTypes wanted) {
+    const auto chosen = std::find_if(characters.begin(), characters.end(),
+                                     [&](const LatticeCharacter& one) { return one.bravaisType == wanted; });
+    if (chosen != characters.end()) {
+        bringToFront(characters, static_cast<std::size_t>(chosen - characters.begin()));
+        return;
+    }
+    std::string names;
+    for (const LatticeCharacter& one : characters) {
+        const std::string name = LATTICE::shortName(one.bravaisType);
+        if (names.find(name) == std::string::npos) names += " " + name;
+    }
+    throw Failure(std::string("the cell is not ") + LATTICE::shortName(wanted) +
+                      " within 2.5 degrees and 3 %; it fits" + names,
+                  FailureKind::Usage);
+}
+
+}  // namespace
+
+Eigen::Matrix3d matrixOf(const LatticeCharacter& character) {
+    Eigen::Matrix3d matrix;
+    for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 3; ++j)
+            matrix(i, j) = character.toConventional[i][j];
+    return matrix;
+}
+
+std::vector<LatticeCharacter> likelyCharacters(const UnitCell& cell,
+                                               const std::optional<LATTICE::BravaisTypes>& wanted) {
+    std::vector<LatticeCharacter> characters = charactersOf(cell);
+    LatticeSymmetry::preferExactFit(characters);
+    if (wanted) bringToFront(characters, *wanted);
+    return characters;
+}
+
+SymmetryChoice chooseSymmetry(const SymmetryInput& input, RefinedPositions free) {
+    SymmetryChoice result;
+    result.refined = std::move(free);
+    const int sense = result.refined.sense;
+    Lattice from = result.refined.lattice.lattice;
+    result.instrument = refinedInstrument(input, from, sense, {});
+    if (result.instrument.valid) from.basis = result.instrument.lattice.lattice.basis;
+    result.characters = charactersOf(from.toUnitCell());
+    if (input.wanted) bringToFront(result.characters, *input.wanted);
+
+    const RefinedInstrument untiedInstrument = result.instrument;
+    const std::size_t candidates = input.wanted ? 1 : result.characters.size();
+    for (std::size_t i = 0; untiedInstrument.valid && i < candidates; ++i) {
+        const CellTies ties = tiesOf(result.characters[i]);
+        if (!ties.any) continue;
+        RefinedInstrument tied = refinedInstrument(input, from, sense, ties);
+        if (!tied.valid || !areAsClose(tied.lattice, untiedInstrument.lattice)) continue;
+        bringToFront(result.characters, i);
+        result.instrument = std::move(tied);
+        takeInstrument(result, input.tolerance);
+        result.conventional = result.instrument.lattice;
+        return result;
+    }
+    if (!input.wanted) preferExactFit(result.characters, result.refined.lattice, untiedInstrument.valid);
+    from.origin = input.centre;
+    const LatticeCharacter& answer = result.characters.front();
+    const std::optional<RefinedPositions> tied = refined(input, from, tiesOf(answer));
+    const std::optional<RefinedPositions> loose = refined(input, from, untied(answer));
+    result.untied = loose ? loose->lattice : result.refined.lattice;
+    if (result.instrument.valid) takeInstrument(result, input.tolerance);
+    result.conventional = tied ? tied->lattice : result.refined.lattice;
+    return result;
+}
+
+std::string strainText(const RefinedLattice& tied, const RefinedLattice& untied, LATTICE::BravaisTypes type) {
+    constexpr double most = 3.0;  // standard uncertainties
+    std::string edges;
+    for (std::size_t i = 0; i < 3; ++i) {
+        const double difference = std::abs(tied.cell[i] - untied.cell[i]);
+        if (!(difference > most * std::hypot(tied.cellSigma[i], untied.cellSigma[i]))) continue;
+        edges += (edges.empty() ? "" : ", ") + std::string(1, static_cast<char>('a' + i)) + " " +
+                 withUncertainty(tied.cell[i], tied.cellSigma[i]) + " instead of " +
+                 withUncertainty(untied.cell[i], untied.cellSigma[i]);
+    }
+    if (edges.empty()) return edges;
+    return std::string("the ties of ") + LATTICE::shortName(type) +
+           " move edges by more than three standard uncertainties (" + edges +
+           "): the frames are distorted, or the symmetry is lower";
+}
+
+}  // namespace vrk
