@@ -94,7 +94,10 @@ double meritOf(const Attempt& attempt) {
     return lattice.indexed * lattice.fraction() * lattice.fraction();
 }
 
-/// Follows the axis that the reflections ask for as long as that explains more of them.
+/// A sharper volume shows fewer pieces of reflections, so that fewer of them are explained.
+constexpr double kMuchWorse = 0.9;
+
+/// Follows the axis that the reflections ask for unless that explains fewer of them by far.
 void followAxis(Attempts& attempts, Attempt& best, Session& session) {
     for (int rebuild = 0; rebuild < kMostRebuilds; ++rebuild) {
         const double turn = turnOf(best.indexed);
@@ -104,7 +107,7 @@ void followAxis(Attempts& attempts, Attempt& best, Session& session) {
         axis.angle = std::remainder(axis.angle + turn, 360.0);
         axis.source = "refined";
         std::optional<Attempt> next = attempts.tryAt(axis);
-        if (!next || meritOf(*next) <= meritOf(best)) break;
+        if (!next || meritOf(*next) < kMuchWorse * meritOf(best)) break;
         best = std::move(*next);
     }
     if (!best.axis.stated) return;
