@@ -23,9 +23,8 @@ struct CellParameters {
 
 /// One lattice symmetry that fits.
 struct LatticeCharacter {
-    /// 1 ... 44, the character of the reduced form of the lattice once it is symmetrised. Where that form is
-    /// on a border between characters of the type, or has a higher symmetry, the one whose base fits the
-    /// cell.
+    /// 1 ... 44, the character of the reduced form of the lattice once it is symmetrised: on a border between
+    /// characters of the type the lowest; where the form has a higher symmetry, one whose base fits the cell.
     int number = 0;
     LATTICE::BravaisTypes bravaisType = LATTICE::NoBravaisType;
     char centring = 'P';         ///< P, I, F, C or R (hexagonal axes, obverse setting)

@@ -183,16 +183,7 @@ void NiggliReduction::init(UnitCell* cell, int limit) {
 
 void NiggliReduction::reduce(const UnitCell& cell) {
     if (run(kMostSteps) && isConfirmedBy(cell)) return;
-    if (!startFromShortestVectors(cell)) return;
-    const State shortest = m_state;
-    constexpr double rounding = 1e-9;
-    const auto trace = [](const State& s) { return s.A + s.B + s.C; };
-    if (run(kMostStepsFromShortestVectors) && trace(transformed(cell)) <= trace(shortest) * (1.0 + rounding))
-        return;
-    m_state = shortest;
-    constexpr int mostSorts = 10;
-    for (int i = 0; i < mostSorts && normalize(); ++i) {
-    }
+    if (startFromShortestVectors(cell)) run(kMostStepsFromShortestVectors);
 }
 
 /// True when the steps ended, or were found in a circle, on values that can be relied on.

@@ -176,13 +176,19 @@ TEST(LatticeSymmetryTest, NamesTheCharacterOfTheReducedForm) {
     RandomLattice random(25);
     constexpr LatticeTolerances tight = {0.001, 1e-5};
     for (const CharacterRow& row : kLatticeCharacters)
-        for (int n = 0; n < 10; ++n) {
+        for (int n = 0; n < 20; ++n) {
             UnitCell cell = reducedCellOf(random, row);
+            const double error = n % 2 == 0 ? 0.0 : 0.01;
+            cell = random.disturbed(cell, 0.01 * error, error);
             cell.transform(raw(random.unimodular(6)));
-            EXPECT_EQ(LatticeSymmetry::best(cell, tight).number, row.number);
-            const auto all = LatticeSymmetry::analyse(cell);
+            const LatticeTolerances tolerances = error == 0.0 ? tight : LatticeTolerances{};
+            const auto all = LatticeSymmetry::analyse(cell, tolerances);
+            if (error == 0.0) {
+                EXPECT_EQ(all.front().number, row.number);
+            }
             EXPECT_TRUE(std::any_of(all.begin(), all.end(), [&](const LatticeCharacter& one) {
-                return one.number == row.number && one.qualityIndex < 1e-6 && one.lengthMisfit < 1e-6;
+                const double misfit = std::max(one.qualityIndex, 100.0 * one.lengthMisfit);
+                return one.number == row.number && misfit < 3.0 * error + 1e-6;
             })) << row.number;
         }
 }
@@ -257,6 +263,10 @@ TEST(LatticeSymmetryTest, FindsTheTypeInSpiteOfNoise) {
             ASSERT_FALSE(lattices.empty());
             right += lattices.front().bravaisType == type;
             EXPECT_EQ(lattices.back().bravaisType, LATTICE::aP);
+            UnitCell triclinic(cell);
+            triclinic.transform(lattices.back().toConventional);
+            EXPECT_TRUE(UnitCellTest::isNiggliCell(&triclinic));
+            EXPECT_EQ(lattices.back().number, triclinic.getType() == 1 ? 31 : 44);
             for (const LatticeCharacter& lattice : lattices) {
                 EXPECT_TRUE(isSameLattice(lattice)) << LATTICE::shortName(type) << " as " << lattice.number;
                 EXPECT_LE(lattice.qualityIndex, 2.0 + 1e-5);
@@ -280,6 +290,13 @@ TEST(LatticeSymmetryTest, FollowsTheTolerances) {
     const auto all = LatticeSymmetry::analyse(garnet);
     EXPECT_GT(all.size(), 5U);
     EXPECT_NEAR(all.front().symmetrised.a, 12.02, 0.05);
+
+    // Of three directions for the unique axis the one that fits best.
+    const auto nearlyRight = LatticeSymmetry::analyse(cellOf({7.0, 9.0, 12.0, 91.5, 90.2, 90.1}));
+    ASSERT_GE(nearlyRight.size(), 2U);
+    EXPECT_EQ(nearlyRight[1].bravaisType, LATTICE::mP);
+    EXPECT_NEAR(nearlyRight[1].qualityIndex, 0.2, 1e-6);
+    EXPECT_EQ(nearlyRight[1].number, 35);
 
     const double a[3] = {1, 0, 0}, b[3] = {0, 1, 0}, c[3] = {1, 1, 1e-8};
     EXPECT_TRUE(LatticeSymmetry::analyse(UnitCell(a, b, c, 1.0, true, true, LATTICE::aP)).empty());

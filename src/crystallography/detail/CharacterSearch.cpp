@@ -162,10 +162,8 @@ CharacterFit CharacterSearch::triclinicFit() const {
     const auto forms = m_near.forms();
     const auto reduced =
         std::find_if(forms.begin(), forms.end(), [](const NearForm& form) { return isReduced(form.metric); });
-    const NearForm& form = reduced != forms.end() ? *reduced : forms.front();
-    const Metric& m = form.metric;
-    const bool isFormI = m.D > 0.0 && m.E > 0.0 && m.F > 0.0;
-    return {&kLatticeCharacters[isFormI ? 30 : 43], form, 0.0};
+    // Which of the two triclinic rows it is follows from the form.
+    return {&kLatticeCharacters.back(), reduced != forms.end() ? *reduced : forms.front(), 0.0};
 }
 
 std::vector<CharacterFit> CharacterSearch::fits() const {

@@ -129,12 +129,11 @@ bool holds(const CharacterRow& row, const Metric& m) {
 
 int exactCharacter(const CharacterRow& row, const Metric& form) {
     const Metric reduced = Reduction(symmetricForm(row, form)).metric();
-    if (holds(row, reduced)) return row.number;
-    const auto other = std::find_if(kLatticeCharacters.begin(), kLatticeCharacters.end(),
+    const auto named = std::find_if(kLatticeCharacters.begin(), kLatticeCharacters.end(),
                                     [&](const CharacterRow& candidate) {
                                         return candidate.bravais == row.bravais && holds(candidate, reduced);
                                     });
-    return other != kLatticeCharacters.end() ? other->number : row.number;
+    return named != kLatticeCharacters.end() ? named->number : row.number;
 }
 
 }  // namespace VRK::detail

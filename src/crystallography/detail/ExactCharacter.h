@@ -11,8 +11,8 @@ namespace VRK::detail {
 /// that has one number.
 /// @param row a row that fits
 /// @param form metric of the nearly reduced base that it fits
-/// @return the number of the row itself where several hold for the symmetric lattice, or none of its type
-/// because the symmetry is higher
+/// @return the lowest number of those of the type that hold for the symmetric lattice (several do on a border
+/// between them); that of the row where none does because the symmetry is higher
 int exactCharacter(const CharacterRow& row, const Metric& form);
 
 }  // namespace VRK::detail

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <limits>
 
 #include "crystallography/BasicMath.h"
 
@@ -17,26 +16,16 @@ bool isShorter(const double u[3], const double v[3]) {
 }  // namespace
 
 ShortestBase::ShortestBase(const double base[3][3]) {
-    constexpr int mostRounds = 5;
-    for (int round = 0; round < mostRounds; ++round) {
-        takeVectorsFrom(base);
-        m_hasLostDigits = false;
-        m_isReduced = reduce();
-        if (!m_isReduced || !m_hasLostDigits) break;
-    }
+    for (std::size_t i = 0; i < 3; ++i)
+        for (std::size_t k = 0; k < 3; ++k)
+            m_vectors[i][k] = base[k][i];
+    m_isReduced = reduce();
     if (!m_isTurned) return;
     for (std::size_t i = 0; i < 3; ++i)
         for (std::size_t k = 0; k < 3; ++k) {
             m_axes[i][k] = -m_axes[i][k];
             m_vectors[i][k] = -m_vectors[i][k];
         }
-}
-
-void ShortestBase::takeVectorsFrom(const double base[3][3]) {
-    for (std::size_t i = 0; i < 3; ++i)
-        for (std::size_t k = 0; k < 3; ++k)
-            m_vectors[i][k] =
-                base[k][0] * m_axes[i][0] + base[k][1] * m_axes[i][1] + base[k][2] * m_axes[i][2];
 }
 
 bool ShortestBase::reduce() {
@@ -88,8 +77,9 @@ bool ShortestBase::shortenThird() {
     if (!std::isfinite(x + y)) m_isTooSkew = true;
     double shortest[3] = {c[0], c[1], c[2]};
     double best[2] = {0.0, 0.0};
-    for (int i = -1; i <= 2; ++i)
-        for (int j = -1; j <= 2; ++j) {
+    // Of the lattice points around the foot of the third vector one of these four is the nearest.
+    for (int i = 0; i <= 1; ++i)
+        for (int j = 0; j <= 1; ++j) {
             double candidate[3];
             for (int k = 0; k < 3; ++k)
                 candidate[k] = c[k] - (x + i) * a[k] - (y + j) * b[k];
@@ -107,9 +97,7 @@ bool ShortestBase::shortenThird() {
 
 /// Lets the axes follow the vectors.
 void ShortestBase::subtract(std::size_t i, std::size_t by, double multiple) {
-    constexpr double lossless = 1000.0;
-    constexpr double largest = std::numeric_limits<int>::max() / 16;  // room for what is done with the axes
-    m_hasLostDigits = m_hasLostDigits || std::abs(multiple) > lossless;
+    constexpr double largest = 0x1p27;  // leaves room for what is done with the axes
     Vector out;
     for (std::size_t k = 0; k < 3; ++k) {
         const double entry = m_axes[i][k] - multiple * m_axes[by][k];

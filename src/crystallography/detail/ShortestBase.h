@@ -34,14 +34,12 @@ private:
     bool shortenSecond();
     bool shortenThird();
     void subtract(std::size_t i, std::size_t by, double multiple);
-    void takeVectorsFrom(const double base[3][3]);
 
     double m_vectors[3][3];
     Axes m_axes = {{{1, 0, 0}, {0, 1, 0}, {0, 0, 1}}};
     bool m_isReduced = false;
     bool m_isTurned = false;
     bool m_isTooSkew = false;
-    bool m_hasLostDigits = false;
 };
 
 }  // namespace VRK::detail
