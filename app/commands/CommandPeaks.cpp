@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <iomanip>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 #include <system_error>

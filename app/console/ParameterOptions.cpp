@@ -5,6 +5,7 @@
 #include <functional>
 #include <limits>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 #include <type_traits>
