@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <iomanip>
@@ -9,10 +10,12 @@
 #include <vector>
 
 #include "commands/Commands.h"
+#include "console/CentreOption.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/LibraryStage.h"
 #include "pipeline/base/NumberList.h"
 #include "pipeline/frames/DataFiles.h"
+#include "pipeline/run/Preprocessing.h"
 #include "processing/VoxMRCstemProcessing.h"
 
 namespace vrk::app {
@@ -29,6 +32,7 @@ struct Options {
     bool crop = false;
     bool noHotSpot = false;
     bool noCentre = false;
+    std::string centre;
     bool noBackground = false;
     bool json = false;
 };
@@ -42,7 +46,7 @@ struct Step {
 class Preprocessing {
 public:
     Preprocessing(Host& host, std::unique_ptr<VoxMRCData> series)
-        : m_host(host), m_series(std::move(series)) {
+        : m_host(host), m_series(std::move(series)), m_before(*m_series) {
         m_processing.registerObserver(&host.session().progress());
     }
 
@@ -54,6 +58,22 @@ public:
         m_steps.push_back({name, seconds.count()});
     }
 
+    void makeSquare(bool crop) {
+        apply(crop ? "crop to square" : "pad to square", [crop](VoxMRCstemProcessing& p, VoxMRCData* s) {
+            return crop ? p.CropToSquare(s) : p.PadToSquare(s);
+        });
+    }
+
+    void centre(const CentreChoice& choice) {
+        const auto start = std::chrono::steady_clock::now();
+        MovedSeries moved = movedToCentre(*m_series, m_before, choice, m_host.session());
+        m_series = std::move(moved.frames);
+        m_recorded = std::move(moved.recorded);
+        const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;
+        m_steps.push_back({"centre", seconds.count()});
+    }
+
+    const RecordedPixels& recorded() const { return m_recorded; }
     VoxMRCData& series() { return *m_series; }
     const std::vector<Step>& steps() const { return m_steps; }
 
@@ -61,6 +81,8 @@ private:
     Host& m_host;
     VoxMRCstemProcessing m_processing;
     std::unique_ptr<VoxMRCData> m_series;
+    FrameSize m_before;
+    RecordedPixels m_recorded;
     std::vector<Step> m_steps;
 };
 
@@ -82,19 +104,18 @@ std::optional<double> axisAngle(const std::string& text, const VoxMRCData& serie
 
 void process(const Options& options, Preprocessing& work) {
     using Processing = VoxMRCstemProcessing;
-    if (work.series().GetWidth() != work.series().GetHeight()) {
-        const bool crop = options.crop;
-        work.apply(crop ? "crop to square" : "pad to square", [crop](Processing& p, VoxMRCData* s) {
-            return crop ? p.CropToSquare(s) : p.PadToSquare(s);
-        });
-    }
+    if (work.series().GetWidth() != work.series().GetHeight()) work.makeSquare(options.crop);
     if (!options.noHotSpot)
         work.apply("hot spots", [](Processing& p, VoxMRCData* s) { return p.HotSpotFilterImageStack(s); });
-    if (!options.noCentre)
-        work.apply("centre", [](Processing& p, VoxMRCData* s) { return p.step2_CenterShift(s); });
+    if (!options.noCentre) {
+        CentreChoice choice;
+        setCentre(choice, options.centre);
+        work.centre(choice);
+    }
     if (!options.noBackground)
-        work.apply("background",
-                   [](Processing& p, VoxMRCData* s) { return p.step1_BackgroundSubstraction(s); });
+        work.apply("background", [&](Processing& p, VoxMRCData* s) {
+            return p.step1_BackgroundSubstraction(s, work.recorded());
+        });
     if (options.smooth > 0)
         work.apply("smooth", [&](Processing& p, VoxMRCData* s) { return p.smooth(s, options.smooth); });
     if (const std::optional<double> angle = axisAngle(options.rotate, work.series()))
@@ -157,6 +178,7 @@ void addPreprocessCommand(CommandLine& line, Host& host) {
     command.option("series", options->series, "Tilt series (.mrc)").required().typeName("SERIES.mrc");
     command.option("-o,--output", options->output, "Series to write").required().typeName("OUT.mrc");
     command.flag("--no-hotspot", options->noHotSpot, "Leave hot spots and dead pixels");
+    addCentreOption(command, options->centre);
     command.flag("--no-center,--no-centre", options->noCentre, "Leave the direct beam where it is");
     command.flag("--no-background", options->noBackground, "Leave the background");
     command.option("--smooth", options->smooth, "Smooth with a Gaussian of this standard deviation, pixels")

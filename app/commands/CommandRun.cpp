@@ -5,6 +5,7 @@
 
 #include "commands/Commands.h"
 #include "console/AxisOption.h"
+#include "console/CentreOption.h"
 #include "console/ParameterOptions.h"
 #include "console/RunReport.h"
 #include "pictures/RunPictures.h"
@@ -24,6 +25,7 @@ struct Options {
     std::filesystem::path series;
     std::filesystem::path folder;
     std::string tiltAxis;
+    std::string centre;
     RunOptions run;
     std::string mode;
     std::string formula;
@@ -47,6 +49,7 @@ void runSeries(const Options& options, const std::string& given, Host& host) {
     choices.intensities.mode = modeOf(options.mode);
     // A slip in it would be a pity after the run.
     if (!options.formula.empty()) parseFormula(options.formula);
+    setCentre(choices.centre, options.centre);
     choices.axis.folder = options.folder / "axis";
     const RunResult result = run(options.series, choices, host.session());
     if (options.keepVolume) writeData(*result.volume.voxels, options.folder / "volume.mrc", host.session());
@@ -77,6 +80,7 @@ void addRunCommand(CommandLine& line, Host& host) {
                 "[what the series says, otherwise along y]")
         .check(axisProblem)
         .typeName("DEG|search|none");
+    addCentreOption(command, options->centre);
     command.option("--pixel-size", options->run.pixelSize, "Pixel size in 1/m per pixel [the series']")
         .positive();
     command.option("--voltage", options->run.kiloVolts, "High tension in kV [the series']").positive();

@@ -93,7 +93,7 @@ void run(const Options& options, Host& host) {
     checkRange(options.range);
     if (!options.log.empty()) host.openLog(options.log);
     std::unique_ptr<VoxMRCData> series = readSeries(options.series, host.session());
-    if (!options.preprocessed) series = preprocessed(std::move(series), host.session());
+    if (!options.preprocessed) series = preprocessed(std::move(series), {}, host.session()).frames;
     const TiltAxisResult result = search(options, *series, host);
     if (options.json)
         printJson(host.out(), options, result);

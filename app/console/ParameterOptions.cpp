@@ -79,7 +79,8 @@ void addSearchOptions(Command& command, SearchOptions& options, bool showDefault
               0.0, kLargest, p.getMinDistToZeroBeam());
     group.add("--resolution", options.resolution,
               "Drop reflections farther from the centre, voxels; 0: keep all", 0.0, kLargest, 0.0);
-    group.add("--centre", options.centre,
+    // A run takes --centre for that of the patterns.
+    group.add(showDefaults ? "--centre" : "--reflection-centre", options.centre,
               "Position of a reflection: 1 brightest voxel, 2 mean of its voxels, 3 their weighted mean", 1,
               3, p.getWhichReflectionMiddleShouldUsed());
 }

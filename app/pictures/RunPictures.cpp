@@ -1,5 +1,6 @@
 #include "pictures/RunPictures.h"
 
+#include "pictures/CentrePicture.h"
 #include "pictures/DifferenceVectorPicture.h"
 #include "pictures/Pictures.h"
 
@@ -9,6 +10,7 @@ void drawRunPictures(const RunResult& result, const std::filesystem::path& folde
     writeDifferenceVectorPicture(flatPoints(result.indexed.level, result.volume, nullptr),
                                  result.lattice.best.lattice, result.lattice.best.trial.maxLength,
                                  folder / "difference_vectors.png");
+    writeCentrePicture(result.volume.tilts, result.volume.centres, folder / "centres.png");
     writeSections(*result.volume.voxels, result.indexed.conventionalCell(), SectionOptions(), folder);
     writeProjections(*result.volume.voxels, false, folder);
 }

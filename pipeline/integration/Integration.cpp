@@ -185,7 +185,10 @@ void Integrator::prepareDetector() {
     FrameStack& stack = m_input.frames;
     if (stack.saturation == 0) stack.saturation = saturationOf(stack);
     m_result.shape = RadialShape(stack, m_geometry.frames);
-    if (stack.dead.empty()) stack.dead = deadPixels(stack, m_geometry.frames, m_result.shape);
+    const std::vector<std::uint8_t> found = deadPixels(stack, m_geometry.frames, m_result.shape);
+    stack.dead.resize(found.empty() ? stack.dead.size() : found.size(), 0);
+    for (std::size_t i = 0; i < found.size(); ++i)
+        stack.dead[i] |= found[i];
     m_result.saturation = stack.saturation;
     m_result.deadPixels = static_cast<std::size_t>(
         std::count_if(stack.dead.begin(), stack.dead.end(), [](std::uint8_t value) { return value != 0; }));

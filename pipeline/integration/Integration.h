@@ -21,8 +21,8 @@ namespace vrk {
 
 /// What the integration starts from.
 struct IntegrationInput {
-    /// Frames without hot spots, before any background was taken away. Dead pixels and the saturation are
-    /// found when they are not given.
+    /// Frames without hot spots, before any background was taken away. Dead pixels are found beside those
+    /// that are given, the saturation when it is not given.
     FrameStack frames;
     /// Conventional cell, axis, tilts (ascending) and centres as far as they are known; the spots must be
     /// within a few pixels of where it puts them.

@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "processing/ShadowMask.h"
+
 namespace vrk {
 namespace {
 
@@ -35,8 +37,9 @@ FrameStack stackOf(const VoxMRCData& counts) {
 
 }  // namespace
 
-SeriesGeometry geometryOf(const Indexed& indexed, const SeriesFacts& facts, const TiltAxis& axis,
-                          const RecordedFrames& recorded) {
+SeriesGeometry geometryOf(const Indexed& indexed, const ReciprocalVolume& volume, const TiltAxis& axis,
+                          const VoxMRCData& counts) {
+    const SeriesFacts& facts = volume.facts;
     const InstrumentModel& model = indexed.instrument.model;
     const auto term = [&](InstrumentTerm one) { return indexed.instrument.valid ? model[one] : 0.0; };
     SeriesGeometry geometry;
@@ -54,31 +57,36 @@ SeriesGeometry geometryOf(const Indexed& indexed, const SeriesFacts& facts, cons
     geometry.axisAngle = axis.angle * kDegree + term(InstrumentTerm::AxisTurn);
     geometry.distortion.stretch = term(InstrumentTerm::EllipseCosine);
     geometry.distortion.shear = term(InstrumentTerm::EllipseSine);
-    const double halfWidth = 0.5 * recorded.counts->GetWidth() * geometry.pixelSize;
+    const double halfWidth = 0.5 * counts.GetWidth() * geometry.pixelSize;
     geometry.distortion.radial = term(InstrumentTerm::Radial) / (halfWidth * halfWidth);
 
-    const mrcH& header = recorded.counts->m_Header;
+    const mrcH& header = counts.m_Header;
     std::vector<double> tilts;
     for (int i = 0; i < header.nz; ++i)
         tilts.push_back(header.tilt(i) * kDegree * (1.0 + term(InstrumentTerm::TiltScale)));
     const double step = typicalStep(tilts);
-    const double middleX = (recorded.counts->GetWidth() - 1.0) / 2.0;
-    const double middleY = (recorded.counts->GetHeight() - 1.0) / 2.0;
+    // Centres count in the frames as they came, before they were padded.
+    const double left = 0.5 * (counts.GetWidth() - facts.size[0]);
+    const double top = 0.5 * (counts.GetHeight() - facts.size[1]);
+    const double middleX = 0.5 * (counts.GetWidth() - 1.0);
+    const double middleY = 0.5 * (counts.GetHeight() - 1.0);
     for (std::size_t i = 0; i < tilts.size(); ++i) {
-        const PatternCentre& centre = recorded.centres[i];
+        const PatternCentre& centre = volume.centres[i];
         const bool moved = centre.source != PatternCentre::Source::None;
-        geometry.frames.push_back({tilts[i], step, moved ? centre.x : middleX, moved ? centre.y : middleY});
+        geometry.frames.push_back(
+            {tilts[i], step, moved ? centre.x + left : middleX, moved ? centre.y + top : middleY});
     }
     return geometry;
 }
 
-Intensities measureIntensities(const Indexed& indexed, const SeriesFacts& facts, const TiltAxis& axis,
-                               const RecordedFrames& recorded, const IntensityChoice& choice,
-                               Session& session) {
+Intensities measureIntensities(const Indexed& indexed, const ReciprocalVolume& volume, const TiltAxis& axis,
+                               const VoxMRCData& counts, const IntensityChoice& choice, Session& session) {
     const Stage stage(session, "intensities");
     IntegrationInput input;
-    input.frames = stackOf(*recorded.counts);
-    input.geometry = geometryOf(indexed, facts, axis, recorded);
+    input.frames = stackOf(counts);
+    if (const ShadowMask shadows(&counts); !shadows.empty())
+        input.frames.dead.assign(shadows.pixels(), shadows.pixels() + input.frames.pixels());
+    input.geometry = geometryOf(indexed, volume, axis, counts);
     input.centring = indexed.symmetry().centring;
     input.resolution = indexed.resolution;
     IntegrationOptions options;
@@ -89,7 +97,7 @@ Intensities measureIntensities(const Indexed& indexed, const SeriesFacts& facts,
 
     Intensities result;
     result.integration = integrate(std::move(input), options);
-    result.reduction = reduceData(result.integration.reflections, recorded.centres.size(),
+    result.reduction = reduceData(result.integration.reflections, counts.GetDepth(),
                                   result.integration.fit.geometry.reciprocal, indexed.symmetry().centring,
                                   result.integration.dMin);
     for (const std::string& remark : result.integration.remarks)

@@ -7,6 +7,7 @@
 #include "pipeline/integration/Integration.h"
 #include "pipeline/run/Indexing.h"
 #include "pipeline/run/PreparedSeries.h"
+#include "pipeline/run/ReciprocalVolume.h"
 
 namespace vrk {
 
@@ -15,14 +16,14 @@ struct Intensities {
     DataReduction reduction;
 };
 
-/// The geometry of the recorded frames as the indexed reflections have it: the conventional cell under the
-/// ties of its type, axis, distortion and tilts by the refined instrument, centres by the preprocessing.
-SeriesGeometry geometryOf(const Indexed& indexed, const SeriesFacts& facts, const TiltAxis& axis,
-                          const RecordedFrames& recorded);
+/// The geometry of the frames as the indexed reflections have it: the conventional cell under the ties of its
+/// type, axis, distortion and tilts by the refined instrument, centres as the volume was made with. \param
+/// counts  square frames as they were recorded, without hot spots
+SeriesGeometry geometryOf(const Indexed& indexed, const ReciprocalVolume& volume, const TiltAxis& axis,
+                          const VoxMRCData& counts);
 
 /// Integrates and reduces. Throws Failure as integrate() and reduceData() do.
-Intensities measureIntensities(const Indexed& indexed, const SeriesFacts& facts, const TiltAxis& axis,
-                               const RecordedFrames& recorded, const IntensityChoice& choice,
-                               Session& session);
+Intensities measureIntensities(const Indexed& indexed, const ReciprocalVolume& volume, const TiltAxis& axis,
+                               const VoxMRCData& counts, const IntensityChoice& choice, Session& session);
 
 }  // namespace vrk

@@ -24,9 +24,9 @@ constexpr std::size_t kFewReflections = 40;
 constexpr std::size_t kManyReflections = 30000;
 
 std::vector<FoundReflection> valuesOf(const ReflexVector& found, int centreType,
-                                      const SamplingGeometry& sampling) {
+                                      const ReciprocalVolume& volume) {
     std::vector<double> tilts;
-    const ReflexVectorPtr positions(ReflectionPositions::fromSamples(&found, sampling, &tilts));
+    const ReflexVectorPtr positions(ReflectionPositions::fromSamples(&found, volume.sampling, &tilts));
     std::vector<FoundReflection> values(found.size());
     for (std::size_t i = 0; i < values.size(); ++i) {
         for (int axis = 0; axis < 3; ++axis) {
@@ -35,6 +35,7 @@ std::vector<FoundReflection> valuesOf(const ReflexVector& found, int centreType,
         }
         values[i].tilt = tilts[i];
         values[i].intensity = found[i]->getIntensity();
+        values[i].cut = volume.isCut(values[i].position, values[i].tilt);
     }
     return values;
 }
@@ -89,7 +90,7 @@ Level searchLevel(const ReciprocalVolume& volume, double threshold, const Search
     }
     session.checkCanceled();
     if (!found) throw Failure("the reflection search failed: " + session.lastError());
-    level.reflections = valuesOf(*found, parameter.getWhichReflectionMiddleShouldUsed(), volume.sampling);
+    level.reflections = valuesOf(*found, parameter.getWhichReflectionMiddleShouldUsed(), volume);
     return level;
 }
 

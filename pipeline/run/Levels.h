@@ -16,6 +16,7 @@ struct FoundReflection {
     Eigen::Vector3d position;     ///< place of its samples (ReflectionPositions), voxels
     double tilt = 0.0;            ///< at which it was seen, radians
     double intensity = 0.0;       ///< sum of its voxels
+    bool cut = false;  ///< its spots touched what was not recorded: frame border, stop, detector cross
 };
 
 /// The reflections that one threshold gives.

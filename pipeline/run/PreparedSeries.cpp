@@ -1,5 +1,7 @@
 #include "pipeline/run/PreparedSeries.h"
 
+#include <cmath>
+#include <numbers>
 #include <utility>
 
 #include "pipeline/base/LibraryStage.h"
@@ -8,12 +10,13 @@
 
 namespace vrk {
 
-CentredSeries centre(Series series, bool keepRecorded, Session& session) {
-    RecordedFrames recorded;
-    std::unique_ptr<VoxMRCData> frames =
-        preprocessed(std::move(series.frames), session, keepRecorded ? &recorded : nullptr);
-    RadialNoise noise(*frames);
-    return {std::move(frames), series.facts, std::move(noise), std::move(recorded)};
+CentredSeries centre(Series series, const CentreChoice& choice, bool keepCounts, Session& session) {
+    std::unique_ptr<VoxMRCData> counts;
+    MovedSeries moved =
+        preprocessed(std::move(series.frames), choice, session, keepCounts ? &counts : nullptr);
+    RadialNoise noise(*moved.frames);
+    return {std::move(moved.frames),   series.facts, std::move(noise), std::move(moved.centres),
+            std::move(moved.recorded), 0.0,          std::move(counts)};
 }
 
 TiltAxis findAxis(const CentredSeries& series, const AxisChoice& choice, Session& session) {
@@ -34,6 +37,37 @@ TiltAxis findAxis(const CentredSeries& series, const AxisChoice& choice, Session
     return {};
 }
 
+CentredSeries recentred(const CentredSeries& series, const std::vector<CentreShift>& shifts, double axis,
+                        Session& session) {
+    CentredSeries result{nullptr, series.facts, series.noise, series.centres, series.recorded, 0.0, {}};
+    const double c = std::cos(axis * std::numbers::pi / 180.0);
+    const double s = std::sin(axis * std::numbers::pi / 180.0);
+    PatternCentre middle;
+    middle.x = 0.5 * (series.frames->GetWidth() - 1.0);
+    middle.y = 0.5 * (series.frames->GetHeight() - 1.0);
+    middle.source = PatternCentre::Source::Lattice;
+    std::vector<PatternCentre> moves(shifts.size(), middle);
+    for (std::size_t i = 0; i < shifts.size(); ++i) {
+        if (!shifts[i].applies) continue;
+        const double x = c * shifts[i].across - s * shifts[i].along;
+        const double y = s * shifts[i].across + c * shifts[i].along;
+        moves[i].x += x;
+        moves[i].y += y;
+        result.recorded.recentre(static_cast<unsigned>(i), x, y);
+        PatternCentre& centre = result.centres[i];
+        centre.x += x;
+        centre.y += y;
+        centre.error = shifts[i].sigma;
+        centre.source = PatternCentre::Source::Lattice;
+        centre.doubtful = false;
+    }
+    VoxMRCstemProcessing processing;
+    processing.registerObserver(&session.progress());
+    result.frames =
+        runStage(session, "centre", [&] { return processing.moveToCentre(series.frames.get(), moves); });
+    return result;
+}
+
 CentredSeries rotate(const CentredSeries& series, const TiltAxis& axis, Session& session) {
     VoxMRCstemProcessing processing;
     processing.registerObserver(&session.progress());
@@ -43,6 +77,9 @@ CentredSeries rotate(const CentredSeries& series, const TiltAxis& axis, Session&
                      }),
             series.facts,
             series.noise,
+            series.centres,
+            series.recorded,
+            axis.angle,
             {}};
 }
 

@@ -5,12 +5,15 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "pipeline/base/Session.h"
-#include "pipeline/run/Preprocessing.h"
+#include "pipeline/geometry/CentreRefinement.h"
 #include "pipeline/run/RadialNoise.h"
 #include "pipeline/run/Series.h"
+#include "processing/PatternCentre.h"
+#include "processing/RecordedPixels.h"
 
 namespace vrk {
 
@@ -29,13 +32,21 @@ struct CentredSeries {
     std::unique_ptr<VoxMRCData> frames;
     SeriesFacts facts;
     RadialNoise noise;
-    RecordedFrames recorded;  ///< without frames where they were not asked for
+    std::vector<PatternCentre> centres = {};  ///< where the beam was in the frames as they came, pixels
+    RecordedPixels recorded = {};             ///< before any rotation
+    double rotation = 0.0;                    ///< by which the frames were turned since, degrees
+    std::unique_ptr<VoxMRCData> counts = {};  ///< before they were centred, without hot spots; null: not kept
 };
-/// \param keepRecorded  the frames before they were centred are needed later
-CentredSeries centre(Series series, bool keepRecorded, Session& session);
+/// \param keepCounts  the frames before they were centred are needed later
+CentredSeries centre(Series series, const CentreChoice& choice, bool keepCounts, Session& session);
 
 /// The axis by choice. Throws Failure when a search finds none.
 TiltAxis findAxis(const CentredSeries& series, const AxisChoice& choice, Session& session);
+
+/// The same frames with the centres of the patterns put right.
+/// \param shifts  one for each pattern, in frames with the tilt axis at \p axis degrees
+CentredSeries recentred(const CentredSeries& series, const std::vector<CentreShift>& shifts, double axis,
+                        Session& session);
 
 /// The same frames rotated so that the tilt axis lies along y.
 CentredSeries rotate(const CentredSeries& series, const TiltAxis& axis, Session& session);

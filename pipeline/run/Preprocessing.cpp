@@ -1,37 +1,118 @@
 #include "pipeline/run/Preprocessing.h"
 
+#include <algorithm>
+#include <sstream>
 #include <string>
 #include <utility>
 
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/LibraryStage.h"
+#include "pipeline/formats/CentreFile.h"
 #include "processing/FineCalibrationImport.h"
+#include "processing/ShadowMask.h"
 #include "processing/VoxMRCstemProcessing.h"
 
 namespace vrk {
 
-std::unique_ptr<VoxMRCData> preprocessed(std::unique_ptr<VoxMRCData> series, Session& session,
-                                         RecordedFrames* recorded) {
+namespace {
+
+/// "3, 4, 5 and 8 more"
+std::string listOf(const std::vector<std::size_t>& numbers) {
+    constexpr std::size_t kMost = 6;
+    std::ostringstream text;
+    for (std::size_t i = 0; i < std::min(numbers.size(), kMost); ++i)
+        text << (i > 0 ? ", " : "") << numbers[i];
+    if (numbers.size() > kMost) text << " and " << numbers.size() - kMost << " more";
+    return text.str();
+}
+
+void tellOf(const std::vector<PatternCentre>& centres, Session& session) {
+    std::vector<std::size_t> jumped, doubtful;
+    for (std::size_t i = 0; i < centres.size(); ++i) {
+        if (centres[i].jumped) jumped.push_back(i);
+        if (centres[i].doubtful) doubtful.push_back(i);
+    }
+    if (!jumped.empty())
+        session.warn("the direct beam jumped before pattern " + listOf(jumped) +
+                     " (counted from 0); the patterns were centred with it");
+    if (!doubtful.empty())
+        session.warn("the centre of pattern " + listOf(doubtful) +
+                     " (counted from 0) is doubtful: too little of the direct beam shows; --centre gives it");
+}
+
+std::vector<PatternCentre> givenCentres(const mrcH& header, const CentreChoice& choice) {
+    if (choice.source == CentreChoice::Source::File) return readCentreFile(choice.file, header);
+    PatternCentre centre;
+    if (choice.source == CentreChoice::Source::Given) {
+        centre.x = choice.x;
+        centre.y = choice.y;
+        centre.source = PatternCentre::Source::Given;
+    }
+    return std::vector<PatternCentre>(static_cast<std::size_t>(header.nz), centre);
+}
+
+/// The part of square frames that frames of another shape fill about their centre. Where the sides differ by
+/// an odd number, half a pixel of each end is mixed with the padding.
+RecordedPixels::Area areaOf(const FrameSize& frames, int size) {
+    const auto begin = [size](int edge) { return edge < size ? (size - edge + 1) / 2 : 0; };
+    const int left = begin(frames.width);
+    const int top = begin(frames.height);
+    return {left, top, size - 2 * left, size - 2 * top};
+}
+
+}  // namespace
+
+MovedSeries movedToCentre(const VoxMRCData& frames, const FrameSize& before, const CentreChoice& choice,
+                          Session& session) {
     VoxMRCstemProcessing processing;
     processing.registerObserver(&session.progress());
-    using Operation = VoxMRCData* (VoxMRCstemProcessing::*)(VoxMRCData*);
-    const auto apply = [&](const char* name, Operation operation) {
-        series = runStage(session, name, [&] { return (processing.*operation)(series.get()); });
-    };
+    const int size = static_cast<int>(frames.GetWidth());
+    // Option, file and results count in the frames as they came.
+    const double left = 0.5 * (size - before.width);
+    const double top = 0.5 * (size - before.height);
+    MovedSeries result;
+    ShadowMask shadows;
+    if (choice.source == CentreChoice::Source::Search) {
+        const Stage stage(session, "centre");
+        const bool found = processing.findCentres(&frames, result.centres, &shadows);
+        session.checkCanceled();
+        if (!found) throw Failure("the centres could not be searched: " + session.lastError());
+        tellOf(result.centres, session);
+    } else {
+        result.centres = givenCentres(frames.m_Header, choice);
+        for (PatternCentre& centre : result.centres) {
+            centre.x += left;
+            centre.y += top;
+        }
+        shadows = ShadowMask(&frames);
+    }
+    result.recorded = RecordedPixels(size, size, areaOf(before, size), shadows, result.centres);
+    result.frames =
+        runStage(session, "centre", [&] { return processing.moveToCentre(&frames, result.centres); });
+    for (PatternCentre& centre : result.centres) {
+        centre.x -= left;
+        centre.y -= top;
+    }
+    return result;
+}
+
+MovedSeries preprocessed(std::unique_ptr<VoxMRCData> series, const CentreChoice& choice, Session& session,
+                         std::unique_ptr<VoxMRCData>* counts) {
+    VoxMRCstemProcessing processing;
+    processing.registerObserver(&session.progress());
+    const FrameSize before(*series);
     if (series->GetWidth() != series->GetHeight()) {
         session.warn("the frames are not square; they were padded about their centre");
-        apply("pad to square", &VoxMRCstemProcessing::PadToSquare);
+        series = runStage(session, "pad to square", [&] { return processing.PadToSquare(series.get()); });
     }
-    apply("hot spots", &VoxMRCstemProcessing::HotSpotFilterImageStack);
-    std::vector<PatternCentre> centres;
-    std::unique_ptr<VoxMRCData> centred = runStage(session, "centre", [&]() -> VoxMRCData* {
-        if (!processing.findCentres(series.get(), centres)) return nullptr;
-        return processing.moveToCentre(series.get(), centres);
+    series = runStage(session, "hot spots", [&] { return processing.HotSpotFilterImageStack(series.get()); });
+    MovedSeries moved = movedToCentre(*series, before, choice, session);
+    if (counts) *counts = std::move(series);
+    series.reset();
+    moved.frames = runStage(session, "background", [&] {
+        return processing.step1_BackgroundSubstraction(moved.frames.get(), moved.recorded);
     });
-    if (recorded) *recorded = {std::move(series), std::move(centres)};
-    series = std::move(centred);
-    apply("background", &VoxMRCstemProcessing::step1_BackgroundSubstraction);
-    return series;
+    return moved;
 }
 
 double fineCalibratedPixelSize(const std::filesystem::path& path, double stated, Session& session) {

@@ -8,21 +8,40 @@
 
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "pipeline/base/Session.h"
+#include "pipeline/run/RunOptions.h"
 #include "processing/PatternCentre.h"
+#include "processing/RecordedPixels.h"
 
 namespace vrk {
 
-/// Square frames as they were recorded, without hot spots: what intensities are measured on.
-struct RecordedFrames {
-    std::unique_ptr<VoxMRCData> counts;
-    std::vector<PatternCentre> centres;  ///< of the frames
+/// A series moved to its centres, with what the moving brought in.
+struct MovedSeries {
+    std::unique_ptr<VoxMRCData> frames;
+    std::vector<PatternCentre> centres;  ///< in the frames before they were moved
+    RecordedPixels recorded;
 };
+
+/// Width and height of frames before they were made square, pixels.
+struct FrameSize {
+    int width = 0;
+    int height = 0;
+
+    explicit FrameSize(const VoxMRCData& frames)
+        : width(static_cast<int>(frames.GetWidth())), height(static_cast<int>(frames.GetHeight())) {}
+};
+
+/// Moves the patterns so that their direct beams come to lie in the middle. Jumps of the beam, doubtful
+/// centres and patterns without one are told.
+/// \param frames  square; before they were made so, they had this size
+/// Throws Failure when the centres are given and make no sense, or the user stopped it.
+MovedSeries movedToCentre(const VoxMRCData& frames, const FrameSize& before, const CentreChoice& choice,
+                          Session& session);
 
 /// Square frames, without hot spots, with the direct beam in the middle and the background taken off.
 /// The axis is where it was. Throws Failure when a step fails or the user stopped it.
-/// \param recorded  receives the frames before they were centred; may be null
-std::unique_ptr<VoxMRCData> preprocessed(std::unique_ptr<VoxMRCData> series, Session& session,
-                                         RecordedFrames* recorded = nullptr);
+/// \param counts  receives the square frames before they were centred; may be null
+MovedSeries preprocessed(std::unique_ptr<VoxMRCData> series, const CentreChoice& choice, Session& session,
+                         std::unique_ptr<VoxMRCData>* counts = nullptr);
 
 /// The calibrated pixel size (1/m) that a fine-calibration file gives for a stated one; 0, with a warning,
 /// when it has no line for it. Throws Failure when the file cannot be used.

@@ -1,5 +1,8 @@
 #include "pipeline/run/ReciprocalVolume.h"
 
+#include <algorithm>
+#include <cmath>
+#include <numbers>
 #include <span>
 #include <utility>
 
@@ -13,6 +16,21 @@ Eigen::Vector3d ReciprocalVolume::centre() const {
            Eigen::Vector3d(voxels->GetWidth() - 1.0, voxels->GetHeight() - 1.0, voxels->GetDepth() - 1.0);
 }
 
+bool ReciprocalVolume::isCut(const Eigen::Vector3d& position, double tilt) const {
+    constexpr double kReach = 2.5;  // pixels, of a spot
+    if (recorded.empty() || tilts.empty()) return false;
+    const Eigen::Vector3d d = position - centre();
+    const double u = d.x() * std::cos(tilt) + d.z() * std::sin(tilt);
+    const double angle = rotation * std::numbers::pi / 180.0;
+    const double middle = 0.5 * (voxels->GetWidth() - 1.0);
+    const double x = middle + std::cos(angle) * u - std::sin(angle) * d.y();
+    const double y = middle + std::sin(angle) * u + std::cos(angle) * d.y();
+    const auto next = std::lower_bound(tilts.begin(), tilts.end(), tilt * 180.0 / std::numbers::pi);
+    const auto upper = static_cast<unsigned>(next == tilts.end() ? tilts.size() - 1 : next - tilts.begin());
+    const unsigned lower = upper > 0 ? upper - 1 : 0;
+    return recorded.isCut(lower, x, y, kReach) || recorded.isCut(upper, x, y, kReach);
+}
+
 ReciprocalVolume reconstruct(const CentredSeries& series, Session& session) {
     VoxMRCstemProcessing processing;
     processing.registerObserver(&session.progress());
@@ -24,7 +42,9 @@ ReciprocalVolume reconstruct(const CentredSeries& series, Session& session) {
         header.sliceValues[static_cast<std::size_t>(SliceValue::TiltAngle)].data(),
         static_cast<std::size_t>(header.nz));
     SamplingGeometry sampling(voxels->GetWidth(), tilts, voxels->GetDepth());
-    return {std::move(voxels), std::move(sampling), series.noise, series.facts};
+    return {
+        std::move(voxels), std::move(sampling), series.noise,   series.facts, {tilts.begin(), tilts.end()},
+        series.centres,    series.recorded,     series.rotation};
 }
 
 }  // namespace vrk

@@ -8,6 +8,7 @@
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/OutputFile.h"
 #include "pipeline/formats/CellEvaluationFiles.h"
+#include "pipeline/formats/CentreFile.h"
 #include "reflections/PeakFileImportExport.h"
 #include "reflections/ReflexVector.h"
 
@@ -62,6 +63,8 @@ std::vector<std::filesystem::path> writeResultFiles(const RunResult& result,
         UnitCell cell = result.indexed.lattice().toUnitCell();
         return CellFileImportExport::writeCellFile_version_2(path, &cell);
     });
+    writeCentreFile(folder / "centres.txt", result.volume.tilts, result.volume.centres);
+    files.push_back(folder / "centres.txt");
     for (const std::filesystem::path& path :
          writeEvaluation(result.lattice.evidence, folder / "cell-report.txt"))
         files.push_back(path);

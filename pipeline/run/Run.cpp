@@ -1,11 +1,14 @@
 #include "pipeline/run/Run.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <numbers>
 #include <optional>
 #include <sstream>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "pipeline/base/Failure.h"
 
@@ -94,8 +97,17 @@ double meritOf(const Attempt& attempt) {
     return lattice.indexed * lattice.fraction() * lattice.fraction();
 }
 
-/// A sharper volume shows fewer pieces of reflections, so that fewer of them are explained.
-constexpr double kMuchWorse = 0.9;
+/// Whether a volume about a refined axis gives the better answer. A wrong axis breaks reflections into
+/// pieces, which count more than once but lie far from their nodes.
+bool isBetter(const Attempt& next, const Attempt& best) {
+    constexpr double kMuchWorse = 0.9;
+    constexpr double kAboutAsMany = 0.85;
+    constexpr double kMuchCloser = 0.7;
+    if (meritOf(next) >= kMuchWorse * meritOf(best)) return true;
+    return next.indexed.instrument.valid && best.indexed.instrument.valid &&
+           meritOf(next) > kAboutAsMany * meritOf(best) &&
+           next.indexed.instrument.rmsBefore < kMuchCloser * best.indexed.instrument.rmsBefore;
+}
 
 /// Follows the axis that the reflections ask for unless that explains fewer of them by far.
 void followAxis(Attempts& attempts, Attempt& best, Session& session) {
@@ -107,7 +119,7 @@ void followAxis(Attempts& attempts, Attempt& best, Session& session) {
         axis.angle = std::remainder(axis.angle + turn, 360.0);
         axis.source = "refined";
         std::optional<Attempt> next = attempts.tryAt(axis);
-        if (!next || meritOf(*next) < kMuchWorse * meritOf(best)) break;
+        if (!next || !isBetter(*next, best)) break;
         best = std::move(*next);
     }
     if (!best.axis.stated) return;
@@ -116,6 +128,37 @@ void followAxis(Attempts& attempts, Attempt& best, Session& session) {
     text << "the tilt axis was given as " << *best.axis.stated << " degrees; the reflections say "
          << best.axis.angle << ", which was used";
     session.warn(text.str());
+}
+
+/// The attempt on patterns whose centres the spots put right; nothing where no pattern needs it, or nothing
+/// gets better.
+std::optional<Attempt> withRefinedCentres(const CentredSeries& series, const Attempt& best,
+                                          const RunOptions& options, RunSeconds& seconds, Session& session) {
+    const bool found = options.centre.source == CentreChoice::Source::Search;
+    if (!found || best.indexed.verdict.level == Confidence::Low || series.centres.empty())
+        return std::nullopt;
+    const std::vector<CentreShift> shifts =
+        refineCentres(best.indexed.refined.positions, best.indexed.level.tilts(), best.indexed.lattice(),
+                      best.volume.centre(), best.volume.tilts);
+    const auto moved =
+        std::count_if(shifts.begin(), shifts.end(), [](const CentreShift& s) { return s.applies; });
+    const auto aside = std::count_if(shifts.begin(), shifts.end(),
+                                     [](const CentreShift& s) { return s.applies && s.isFraction; });
+    constexpr double kFewPatterns = 0.05;
+    if (aside == 0 && static_cast<double>(moved) <= kFewPatterns * static_cast<double>(shifts.size()))
+        return std::nullopt;
+    const CentredSeries better =
+        timed(seconds.preprocess, [&] { return recentred(series, shifts, best.axis.angle, session); });
+    std::optional<Attempt> next = Attempts(better, options, seconds, session).tryAt(best.axis);
+    const bool helps = next && (meritOf(*next) > meritOf(best) ||
+                                (meritOf(*next) > 0.95 * meritOf(best) &&
+                                 next->indexed.refined.lattice.rms < 0.9 * best.indexed.refined.lattice.rms));
+    if (!helps) return std::nullopt;
+    session.warn(
+        "the spots of " + std::to_string(moved) + " patterns lie off the nodes of the lattice together" +
+        (aside > 0 ? ", those of " + std::to_string(aside) + " by a fraction of a base vector" : "") +
+        "; their centres were put right");
+    return next;
 }
 
 bool isDoubtful(const std::optional<Attempt>& attempt) {
@@ -136,11 +179,10 @@ std::optional<TiltAxis> searchedAxis(const CentredSeries& series, AxisChoice cho
 }
 
 /// Nothing, and a warning, where they cannot be measured: the lattice stands without them.
-std::optional<Intensities> intensitiesOf(const Attempt& best, const CentredSeries& series,
-                                         const RunOptions& options, Session& session) {
+std::optional<Intensities> intensitiesOf(const Attempt& best, const VoxMRCData& counts,
+                                         const IntensityChoice& choice, Session& session) {
     try {
-        return measureIntensities(best.indexed, series.facts, best.axis, series.recorded, options.intensities,
-                                  session);
+        return measureIntensities(best.indexed, best.volume, best.axis, counts, choice, session);
     } catch (const Failure& failure) {
         if (failure.kind() == FailureKind::Canceled) throw;
         session.warn(std::string(failure.what()) + "; the files hold sums over the volume instead");
@@ -154,8 +196,9 @@ RunResult run(const std::filesystem::path& path, const RunOptions& options, Sess
     const auto start = std::chrono::steady_clock::now();
     RunSeconds s;
     Series series = timed(s.read, [&] { return loadSeries(path, options, session); });
-    const CentredSeries centred =
-        timed(s.preprocess, [&] { return centre(std::move(series), options.intensities.wanted, session); });
+    const CentredSeries centred = timed(s.preprocess, [&] {
+        return centre(std::move(series), options.centre, options.intensities.wanted, session);
+    });
     TiltAxis axis = timed(s.tiltAxis, [&] { return findAxis(centred, options.axis, session); });
 
     Attempts attempts(centred, options, s, session);
@@ -176,11 +219,13 @@ RunResult run(const std::filesystem::path& path, const RunOptions& options, Sess
         if (searched && (!best || meritOf(*searched) > meritOf(*best))) best = std::move(searched);
     }
     if (!best) throw attempts.firstFailure();
+    if (auto refined = withRefinedCentres(centred, *best, options, s, session)) best = std::move(refined);
     if (!best->indexed.strain.empty()) session.warn(best->indexed.strain);
     if (best->axis.source == "assumed" && best->indexed.axisConfirmed) best->axis.source = "refined";
     std::optional<Intensities> intensities;
     if (options.intensities.wanted)
-        intensities = timed(s.integrate, [&] { return intensitiesOf(*best, centred, options, session); });
+        intensities = timed(
+            s.integrate, [&] { return intensitiesOf(*best, *centred.counts, options.intensities, session); });
     s.total = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     return {std::move(best->axis),    std::move(best->volume), std::move(best->lattice),
             std::move(best->indexed), std::move(intensities),  s};

@@ -35,7 +35,21 @@ struct IntensityChoice {
     std::optional<RotationMode> mode;  ///< found from the rocking curves otherwise
 };
 
+/// Where the centres of the patterns come from.
+struct CentreChoice {
+    enum class Source {
+        Search,
+        Given,  ///< one for all patterns
+        File,   ///< CentreFile.h
+        Middle  ///< the middle of the frames: the patterns stay where they are
+    };
+    Source source = Source::Search;
+    double x = 0.0, y = 0.0;     ///< of Given, pixels from the middle of the first one
+    std::filesystem::path file;  ///< of File
+};
+
 struct RunOptions {
+    CentreChoice centre;
     AxisChoice axis;
     std::optional<double> pixelSize;        ///< 1/m per pixel, instead of the series'
     std::optional<double> kiloVolts;        ///< instead of the series'

@@ -2,6 +2,7 @@
 
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <cmath>
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -10,6 +11,7 @@
 
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/OutputFile.h"
+#include "pipeline/formats/CentreFile.h"
 #include "pipeline/run/ResultFiles.h"
 
 namespace vrk {
@@ -84,7 +86,11 @@ Json inputJson(const std::filesystem::path& series, const SeriesFacts& facts) {
 
 Json reflectionsJson(const Indexed& indexed) {
     const RefinedLattice& lattice = indexed.refined.lattice;
+    const std::vector<FoundReflection>& found = indexed.level.reflections;
+    const auto cut =
+        std::count_if(found.begin(), found.end(), [](const FoundReflection& r) { return r.cut; });
     return {{"found", lattice.reflections},
+            {"cut", cut},
             {"indexed", lattice.indexed},
             {"fraction_indexed", lattice.fraction()},
             {"different_indices", conventionalReflections(indexed).size()},
@@ -130,6 +136,21 @@ Json instrumentJson(const RefinedInstrument& instrument) {
                                  {"value", kUnits[t] * instrument.model[static_cast<InstrumentTerm>(t)]},
                                  {"esd", kUnits[t] * instrument.sigma[t]},
                                  {"correlation", instrument.correlation[t]}});
+    }
+    return json;
+}
+
+Json centresJson(const ReciprocalVolume& volume) {
+    Json json = Json::array();
+    for (std::size_t i = 0; i < volume.centres.size(); ++i) {
+        const PatternCentre& centre = volume.centres[i];
+        json.push_back({{"tilt", volume.tilts[i]},
+                        {"x", centre.x},
+                        {"y", centre.y},
+                        {"esd", centre.error},
+                        {"from", nameOf(centre.source)},
+                        {"jump", centre.jumped},
+                        {"doubtful", centre.doubtful}});
     }
     return json;
 }
@@ -276,6 +297,7 @@ std::string summaryJson(const std::filesystem::path& series, const RunResult& re
     json["tilt_axis"]["refined_deg"] = result.refinedAxis();
     if (result.axis.stated) json["tilt_axis"]["stated_deg"] = *result.axis.stated;
     json["instrument"] = instrumentJson(result.indexed.instrument);
+    json["centres"] = centresJson(result.volume);
     json["volume"] = {{"dims", {voxels.GetWidth(), voxels.GetHeight(), voxels.GetDepth()}}};
     json["reflections"] = reflectionsJson(result.indexed);
     json["completeness"] = completenessJson(result.indexed.completeness, result.facts().pixelSize);

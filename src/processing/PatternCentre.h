@@ -9,7 +9,8 @@ struct PatternCentre {
         Beam,        ///< the beam and its halo
         Pattern,     ///< inversion symmetry of the whole pattern
         Neighbours,  ///< interpolated between other patterns
-        Given        ///< by the caller
+        Given,       ///< by the caller
+        Lattice      ///< from the places of its spots in the lattice
     };
 
     double x = 0;

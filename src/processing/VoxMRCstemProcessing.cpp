@@ -14,6 +14,7 @@
 
 #include "foundation/detail/Log.h"
 #include "foundation/detail/SingleThreadedOpenCV.h"
+#include "processing/RecordedPixels.h"
 #include "processing/SamplingGeometry.h"
 #include "processing/ShadowMask.h"
 #include "processing/detail/CentreSearch.h"
@@ -114,6 +115,8 @@ const char* nameOf(PatternCentre::Source source) {
             return "taken from the neighbouring patterns";
         case PatternCentre::Source::Given:
             return "given";
+        case PatternCentre::Source::Lattice:
+            return "spots and lattice";
         case PatternCentre::Source::None:
             break;
     }
@@ -300,14 +303,25 @@ VoxMRCData* VoxMRCstemProcessing::HotSpotFilterImageStack(VoxMRCData* series) {
 }
 
 VoxMRCData* VoxMRCstemProcessing::step1_BackgroundSubstraction(VoxMRCData* series) {
+    return step1_BackgroundSubstraction(series, RecordedPixels());
+}
+
+VoxMRCData* VoxMRCstemProcessing::step1_BackgroundSubstraction(VoxMRCData* series,
+                                                               const RecordedPixels& recorded) {
     static constexpr const char* kName = "step1_BackgroundSubstraction";
     if (const auto problem = problemOfImages(series)) return refuse(kName, *problem);
     const VRK::detail::SingleThreadedOpenCV singleThreaded;
     VRK::detail::RadialBackground background(static_cast<int>(series->GetWidth()),
                                              static_cast<int>(series->GetHeight()));
+    if (!recorded.empty() && !recorded.fits(*series))
+        return refuse(kName, "the recorded pixels are those of another series");
+    std::vector<unsigned char> lost(recorded.empty() ? 0 : series->GetChunkSize());
     setSteps(static_cast<int>(series->GetDepth()), "Background");
     return eachPattern(*series, kName, series->GetWidth(), series->GetHeight(), 0,
-                       [&](const Frame& in, Frame& out, unsigned) { background.subtract(in, out); });
+                       [&](const Frame& in, Frame& out, unsigned i) {
+                           if (!recorded.empty()) recorded.notRecorded(i, lost.data());
+                           background.subtract(in, lost, out);
+                       });
 }
 
 VoxMRCData* VoxMRCstemProcessing::smooth(VoxMRCData* series, double sigma) {
@@ -332,18 +346,19 @@ VoxMRCData* VoxMRCstemProcessing::step2_CenterShift(VoxMRCData* series) {
     const unsigned count = series->GetDepth();
     setSteps(static_cast<int>((CentreSearch::kLooks + 1) * count), "Centre");
     std::vector<PatternCentre> centres;
-    if (!searchCentres(*series, kName, centres)) return nullptr;
+    if (!searchCentres(*series, kName, centres, nullptr)) return nullptr;
     return move(*series, centres, kName, CentreSearch::kLooks * count);
 }
 
-bool VoxMRCstemProcessing::findCentres(const VoxMRCData* series, std::vector<PatternCentre>& centres) {
+bool VoxMRCstemProcessing::findCentres(const VoxMRCData* series, std::vector<PatternCentre>& centres,
+                                       ShadowMask* shadows) {
     static constexpr const char* kName = "findCentres";
     if (const auto problem = problemOfImages(series)) {
         refuse(kName, *problem);
         return false;
     }
     setSteps(static_cast<int>(CentreSearch::kLooks * series->GetDepth()), "Centre");
-    return searchCentres(*series, kName, centres);
+    return searchCentres(*series, kName, centres, shadows);
 }
 
 VoxMRCData* VoxMRCstemProcessing::moveToCentre(const VoxMRCData* series,
@@ -358,7 +373,7 @@ VoxMRCData* VoxMRCstemProcessing::moveToCentre(const VoxMRCData* series,
 }
 
 bool VoxMRCstemProcessing::searchCentres(const VoxMRCData& series, const char* name,
-                                         std::vector<PatternCentre>& result) {
+                                         std::vector<PatternCentre>& result, ShadowMask* found) {
     const VRK::detail::SingleThreadedOpenCV singleThreaded;
     const unsigned count = series.GetDepth();
     const int width = static_cast<int>(series.GetWidth());
@@ -372,6 +387,7 @@ bool VoxMRCstemProcessing::searchCentres(const VoxMRCData& series, const char* n
                             [&](unsigned i) { search.look(look, i, patternOf(series, i)); }))
             return false;
     result = search.finish();
+    if (found) *found = shadows;
     if (std::none_of(result.begin(), result.end(), [](const PatternCentre& c) { return c.found(); }))
         log("The direct beam was found in no pattern: the series is left where it is. Centre it before, or "
             "check that the patterns show the beam or Friedel pairs.",
@@ -388,7 +404,6 @@ VoxMRCData* VoxMRCstemProcessing::move(const VoxMRCData& series, const std::vect
     const VRK::detail::SingleThreadedOpenCV singleThreaded;
     logCentres(centres);
     VRK::detail::FrameShift shift;
-    constexpr double kCentred = 0.05;
     const cv::Point2d target =
         VRK::detail::centreOf(static_cast<int>(series.GetWidth()), static_cast<int>(series.GetHeight()));
     return eachPattern(series, name, series.GetWidth(), series.GetHeight(), stepsBefore,
@@ -396,7 +411,7 @@ VoxMRCData* VoxMRCstemProcessing::move(const VoxMRCData& series, const std::vect
                            const double dx = target.x - centres[i].x;
                            const double dy = target.y - centres[i].y;
                            const bool known = centres[i].source != PatternCentre::Source::None;
-                           if (!known || (std::abs(dx) < kCentred && std::abs(dy) < kCentred))
+                           if (!known || VRK::detail::isCentred(dx, dy))
                                in.copyTo(out);
                            else
                                shift.apply(in, dx, dy, out);

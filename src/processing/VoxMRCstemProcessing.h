@@ -9,7 +9,9 @@
 #include "foundation/VoxProgressObserver.h"
 #include "processing/PatternCentre.h"
 
+class RecordedPixels;
 class SamplingGeometry;
+class ShadowMask;
 
 /// The operations on a tilt series.
 ///
@@ -67,6 +69,10 @@ public:
     /// The centre does not have to lie in the frame's centre for this to work, the local part takes up some
     /// of the difference; a steep halo is only removed well after step2_CenterShift().
     VoxMRCData* step1_BackgroundSubstraction(VoxMRCData* series);
+    /// The same of a series part of which was not recorded: the border that the centring brought in, shadows.
+    /// Such pixels do not take part, whatever they hold, and are 0 in the result. Null also when \p recorded
+    /// belongs to a series of another shape.
+    VoxMRCData* step1_BackgroundSubstraction(VoxMRCData* series, const RecordedPixels& recorded);
 
     /// Gaussian smoothing.
     /// \param sigma in pixels; 0 copies. Negative, not finite, or larger than a quarter of the frame: null.
@@ -98,8 +104,10 @@ public:
     /// \param centres  one for each pattern; of source None, all of them, when no pattern shows anything,
     /// after
     ///                 a warning. Untouched on failure.
+    /// \param shadows  receives the shadows of beam stop and detector cross; may be null
     /// \returns false when the series is refused or the observer canceled
-    bool findCentres(const VoxMRCData* series, std::vector<PatternCentre>& centres);
+    bool findCentres(const VoxMRCData* series, std::vector<PatternCentre>& centres,
+                     ShadowMask* shadows = nullptr);
 
     /// Moves the patterns so that these centres come to lie in the middle; patterns with a centre of source
     /// None stay.
@@ -176,7 +184,8 @@ private:
     template <typename Operation>
     VoxMRCData* eachPattern(const VoxMRCData& series, const char* name, unsigned width, unsigned height,
                             unsigned stepsBefore, Operation operation);
-    bool searchCentres(const VoxMRCData& series, const char* name, std::vector<PatternCentre>& centres);
+    bool searchCentres(const VoxMRCData& series, const char* name, std::vector<PatternCentre>& centres,
+                       ShadowMask* shadows);
     VoxMRCData* move(const VoxMRCData& series, const std::vector<PatternCentre>& centres, const char* name,
                      unsigned stepsBefore);
     VoxMRCData* halve(const VoxMRCData* series, const char* name, bool sum, bool quiet, int verbosity);

@@ -175,6 +175,44 @@ TEST_F(RunCommandTest, TheDocumentedKeysAreThoseOfTheSummary) {
         EXPECT_TRUE(written.contains(key)) << key << " is documented and not written";
 }
 
+TEST_F(RunCommandTest, TakesTheCentresThatItWroteAndNoOthers) {
+    write(*series, folder / "series.mrc");
+    ASSERT_EQ(run({"--no-pictures"}).exitCode, 0);
+    const json found = json::parse(folder.read("result/summary.json"))["centres"];
+    ASSERT_EQ(found.size(), frames());
+    EXPECT_EQ(found[0]["from"], "beam");
+    // Without the first pattern and the tenth, in the other order.
+    std::istringstream lines(folder.read("result/centres.txt"));
+    std::vector<std::string> kept;
+    for (std::string line; std::getline(lines, line);)
+        kept.insert(kept.begin(), line);
+    ASSERT_EQ(kept.size(), frames() + 1);
+    kept.erase(kept.end() - 11);
+    kept.erase(kept.end() - 2);
+    std::ofstream file(folder / "given.txt");
+    for (const std::string& line : kept)
+        file << line << '\n';
+    file.close();
+    const VrkResult again = run({"--json", "--no-pictures", "--centre", folder / "given.txt"});
+    ASSERT_EQ(again.exitCode, 0) << again.err;
+    const json given = json::parse(again.out)["centres"];
+    for (std::size_t i = 0; i < given.size(); ++i) {
+        const bool gap = i == 0 || i == 9;
+        EXPECT_EQ(given[i]["from"], gap ? "neighbours" : "given") << i;
+        EXPECT_NEAR(given[i]["x"].get<double>(), found[i]["x"].get<double>(), gap ? 0.1 : 0.001) << i;
+    }
+
+    for (const auto& [text, message] : {std::pair{"# tilt\n-60 63 here\n", "line 2"},
+                                        {"", "no centre for any tilt"},
+                                        {"77 60 60\n", "no centre for any tilt"},
+                                        {"-60 1e9 60\n", "far outside"}}) {
+        std::ofstream(folder / "given.txt") << text;
+        const VrkResult bad = run({"--no-pictures", "--centre", folder / "given.txt"});
+        EXPECT_EQ(bad.exitCode, 1) << text;
+        EXPECT_NE(bad.err.find(message), std::string::npos) << bad.err;
+    }
+}
+
 TEST_F(RunCommandTest, OddSeriesWorkWithAWarning) {
     struct Case {
         const char* name;

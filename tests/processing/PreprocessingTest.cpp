@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <limits>
 #include <memory>
@@ -8,6 +9,7 @@
 #include <random>
 
 #include "processing/PlainPreprocessing.h"
+#include "processing/RecordedPixels.h"
 #include "processing/SeriesFactory.h"
 #include "processing/SimulatedPatterns.h"
 #include "processing/VoxMRCstemProcessing.h"
@@ -332,4 +334,68 @@ TEST(Preprocessing, SmoothsByAGaussian) {
     EXPECT_TRUE(*Data(processing.smooth(series.get(), 0)) == *series);
     for (const double sigma : {-1.0, 50.0, std::numeric_limits<double>::quiet_NaN()})
         EXPECT_EQ(processing.smooth(series.get(), sigma), nullptr);
+}
+
+TEST(RecordedPixels, AreThoseThatAMovedPatternTakesFromTheFrame) {
+    constexpr int kSize = 40;
+    ShadowMask none;
+    const auto centreAt = [](double x, double y) {
+        return PatternCentre{.x = x, .y = y, .source = PatternCentre::Source::Beam};
+    };
+    // Moved by (+4, -2), by (-0.5, +3.25), not worth moving, without a centre.
+    const std::vector<PatternCentre> centres = {centreAt(15.5, 21.5), centreAt(20, 16.25),
+                                                centreAt(19.52, 19.5), PatternCentre{}};
+    const RecordedPixels recorded(kSize, kSize, {3, 0, kSize - 6, kSize}, none, centres);
+    const std::vector<std::array<int, 4>> kept = {// first and last column, first and last row
+                                                  {7, 40, 0, 37},
+                                                  {3, 35, 4, 39},
+                                                  {3, 36, 0, 39},
+                                                  {3, 36, 0, 39}};
+    std::vector<unsigned char> mask(kSize * kSize);
+    for (unsigned i = 0; i < kept.size(); ++i) {
+        recorded.notRecorded(i, mask.data());
+        for (int y = 0; y < kSize; ++y)
+            for (int x = 0; x < kSize; ++x) {
+                const bool inside = x >= kept[i][0] && x <= kept[i][1] && y >= kept[i][2] && y <= kept[i][3];
+                ASSERT_EQ(mask[static_cast<std::size_t>(y * kSize + x)], inside ? 0 : 1)
+                    << i << ": " << x << ' ' << y;
+            }
+        EXPECT_FALSE(recorded.isCut(i, 20, 20, 3));
+        EXPECT_FALSE(recorded.isCut(i, kept[i][0] + 3.0, 20, 2.5)) << i;
+        EXPECT_TRUE(recorded.isCut(i, kept[i][0] + 2.0, 20, 3.0)) << i;
+        EXPECT_TRUE(recorded.isCut(i, std::nan(""), 20, 1)) << i;
+    }
+    EXPECT_FALSE(RecordedPixels().isCut(0, -5, 9e99, 3));
+}
+
+TEST(RecordedPixels, BackgroundLeavesTheBorderOut) {
+    // 8 counts, and 25 columns that the centring brought in.
+    constexpr unsigned kSize = 128;
+    const Data series = makeSeries(kSize, kSize, {0});
+    std::mt19937 random(3);
+    std::poisson_distribution<int> counts(8);
+    std::vector<short> pixels(kSize * kSize);
+    for (std::size_t i = 0; i < pixels.size(); ++i)
+        pixels[i] = i % kSize < 25 ? short{0} : static_cast<short>(counts(random));
+    setPixels(*series, 0, pixels);
+    const PatternCentre centre{.x = 38.5, .y = 63.5, .source = PatternCentre::Source::Beam};
+    const RecordedPixels recorded(kSize, kSize, {0, 0, kSize, kSize}, {}, {centre});
+    VoxMRCstemProcessing processing;
+    const Data flat(processing.step1_BackgroundSubstraction(series.get(), recorded));
+    ASSERT_NE(flat, nullptr);
+    const std::vector<short> result = pixelsOf(*flat, 0);
+    for (std::size_t cell = 0; cell < kSize / 16; ++cell) {  // strips of 16 columns beside the border
+        double sum = 0;
+        for (std::size_t i = 0; i < result.size(); ++i) {
+            const std::size_t x = i % kSize;
+            EXPECT_TRUE(x >= 25 || result[i] == 0);
+            EXPECT_LT(result[i], 18);
+            if (x >= 25 && x < 41 && i / kSize / 16 == cell) sum += result[i];
+        }
+        EXPECT_NEAR(sum / 256, 0, 0.8) << cell;
+    }
+    RecordingLogObserver log;
+    const Data other = makeSeries(64, 64, {0});
+    EXPECT_EQ(processing.step1_BackgroundSubstraction(other.get(), recorded), nullptr);
+    EXPECT_TRUE(log.has("another series", VRK::Error));
 }

@@ -172,10 +172,10 @@ RadialBackground::RadialBackground(int width, int height) : m_width(width), m_he
     m_remainder.create(height, width);
 }
 
-void RadialBackground::subtract(const Frame& in, Frame out) {
+void RadialBackground::subtract(const Frame& in, std::span<const unsigned char> lost, Frame out) {
     collectRings(in);
-    estimateProfile();
-    subtractProfile(in);
+    estimateProfile(lost);
+    subtractProfile(in, lost);
     subtractLocalRemainder();
     subtractRingMedians(out);
 }
@@ -186,11 +186,21 @@ void RadialBackground::collectRings(const Frame& in) {
         m_values[i] = pixels[m_pixelsByRing[i]];
 }
 
-void RadialBackground::estimateProfile() {
+std::span<const short> RadialBackground::recordedValues(std::size_t ring,
+                                                        std::span<const unsigned char> lost) {
+    const std::size_t begin = m_ringBegin[ring];
+    const std::size_t end = m_ringBegin[ring + 1];
+    if (lost.empty()) return {m_values.data() + begin, m_values.data() + end};
+    m_recorded.clear();
+    for (std::size_t i = begin; i < end; ++i)
+        if (!lost[m_pixelsByRing[i]]) m_recorded.push_back(m_values[i]);
+    return m_recorded;
+}
+
+void RadialBackground::estimateProfile(std::span<const unsigned char> lost) {
     Counter counter;
     for (std::size_t ring = 0; ring < rings(); ++ring) {
-        const std::span<const short> values(m_values.data() + m_ringBegin[ring],
-                                            m_values.data() + m_ringBegin[ring + 1]);
+        const std::span<const short> values = recordedValues(ring, lost);
         m_zeroIsDead[ring] = false;
         m_profile[ring] = ring > 0 ? m_profile[ring - 1] : 0.0F;
         if (values.empty()) continue;
@@ -209,7 +219,7 @@ void RadialBackground::estimateProfile() {
     m_profile[rings()] = m_profile[rings() - 1];
 }
 
-void RadialBackground::subtractProfile(const Frame& in) {
+void RadialBackground::subtractProfile(const Frame& in, std::span<const unsigned char> lost) {
     const short* pixels = in[0];
     float* remainder = m_remainder[0];
     for (std::size_t i = 0; i < m_values.size(); ++i) {
@@ -218,7 +228,8 @@ void RadialBackground::subtractProfile(const Frame& in) {
             static_cast<float>(pixels[i]) - (profile[0] + m_fraction[i] * (profile[1] - profile[0]));
     }
     if (m_hasDead) std::fill(m_dead.begin(), m_dead.end(), std::uint8_t{0});
-    m_hasDead = false;
+    m_hasDead = !lost.empty();
+    std::copy(lost.begin(), lost.end(), m_dead.begin());
     for (std::size_t ring = 0; ring < rings(); ++ring) {
         if (!m_zeroIsDead[ring]) continue;
         for (std::size_t i = m_ringBegin[ring]; i < m_ringBegin[ring + 1]; ++i) {

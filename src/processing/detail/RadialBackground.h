@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <vector>
 
 #include "processing/detail/Frame.h"
@@ -15,7 +16,8 @@ class RadialBackground {
 public:
     RadialBackground(int width, int height);
 
-    void subtract(const Frame& in, Frame out);
+    /// \param lost  1 for pixels that were not recorded, which do not take part and become 0; may be empty
+    void subtract(const Frame& in, std::span<const unsigned char> lost, Frame out);
 
 private:
     /// Counts in sixteenths: fine enough for every median, and whole numbers are counted faster than sorted.
@@ -23,8 +25,9 @@ private:
     static constexpr int kUnit = 1 << kUnitBits;
 
     void collectRings(const Frame& in);
-    void estimateProfile();
-    void subtractProfile(const Frame& in);
+    void estimateProfile(std::span<const unsigned char> lost);
+    std::span<const short> recordedValues(std::size_t ring, std::span<const unsigned char> lost);
+    void subtractProfile(const Frame& in, std::span<const unsigned char> lost);
     void subtractLocalRemainder();
     void subtractBetween(const cv::Mat_<float>& cells);
     void subtractRingMedians(Frame out);
@@ -40,6 +43,7 @@ private:
     std::vector<float> m_fraction;              ///< of every pixel, how far it is on the way to the next ring
 
     std::vector<short> m_values;       ///< ring after ring
+    std::vector<short> m_recorded;     ///< of one ring
     std::vector<float> m_profile;      ///< background of every ring
     std::vector<bool> m_zeroIsDead;    ///< whether a ring's background makes a 0 impossible
     std::vector<std::uint8_t> m_dead;  ///< of every pixel
