@@ -31,8 +31,20 @@ run("${CMAKE_COMMAND}" --build "${WORK_DIR}/host")
 run("${WORK_DIR}/host/host")
 expect("${expected}")
 
-# pkg-config, and every public header on its own feet: those of the dependencies are not in reach.
+# One version: that of the header, in the packages and on top of the changes.
+file(STRINGS "${SOURCE_DIR}/src/foundation/Version.h" version REGEX kVersion)
+string(REGEX MATCH "[0-9]+\\.[0-9]+\\.[0-9]+" version "${version}")
+string(REPLACE "." "\\." version_pattern "${version}")
+file(STRINGS "${SOURCE_DIR}/CHANGELOG.md" released REGEX "^## [0-9]")
+list(GET released 0 output)
+expect("^## ${version_pattern} ")
+file(READ "${prefix}/${LIBDIR}/cmake/VRKCore/VRKCoreConfigVersion.cmake" output)
+expect("PACKAGE_VERSION \"${version_pattern}\"")
 set(ENV{PKG_CONFIG_PATH} "${prefix}/${LIBDIR}/pkgconfig")
+run(pkg-config --modversion VRKCore)
+expect("^${version_pattern}\n")
+
+# pkg-config, and every public header on its own feet: those of the dependencies are not in reach.
 run(pkg-config --cflags --libs VRKCore)
 separate_arguments(package_flags UNIX_COMMAND "${output}")
 run("${COMPILER}" -std=c++20 ${FLAGS} "${host_source}/main.cpp" -o "${WORK_DIR}/pkg_config_host" ${package_flags})
@@ -68,5 +80,5 @@ endif()
 if(EXISTS "${prefix}/bin/vrk")
   unset(ENV{LD_LIBRARY_PATH})
   run("${prefix}/bin/vrk" --version)
-  expect("^vrk [0-9]")
+  expect("^vrk ${version_pattern}\n")
 endif()
