@@ -11,8 +11,8 @@ packages=(
   libgtest-dev librapidcheck-dev libsymspg-dev libbenchmark-dev
   gnuplot-nox
 )
-# CI also checks the formatting.
-if [[ "${1:-}" == --with-checks ]]; then packages+=(clang-format git); fi
+# What .ci/run and scripts/check.sh use beyond building and testing.
+if [[ "${1:-}" == --with-checks ]]; then packages+=(clang clang-format clang-tidy doxygen gcovr git python3); fi
 
 missing=()
 for package in "${packages[@]}"; do
