@@ -13,6 +13,7 @@
 #include "console/ParameterOptions.h"
 #include "crystallography/CellFileImportExport.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/NumberText.h"
 #include "pipeline/base/OutputFile.h"
 #include "pipeline/formats/CellEvaluationFiles.h"
 #include "pipeline/run/PeakCell.h"
@@ -33,13 +34,6 @@ struct Options {
     PeakCellOptions search;
     bool json = false;
 };
-
-template <typename... Values>
-std::string formatted(const char* format, Values... values) {
-    char text[300];
-    std::snprintf(text, sizeof text, format, values...);
-    return text;
-}
 
 /// "auto", "none" or a distance in voxels.
 std::optional<double> mergeDistanceOf(const std::string& text) {

@@ -11,6 +11,7 @@
 #include "crystallography/Space.h"
 #include "crystallography/UnitCellTest.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/NumberText.h"
 #include "pipeline/formats/CellInput.h"
 
 namespace vrk::app {
@@ -36,13 +37,6 @@ struct CellReport {
     double reciprocalVolume = 0.0;
     std::vector<LatticeCharacter> lattices;
 };
-
-template <typename... Values>
-std::string formatted(const char* format, Values... values) {
-    char text[200];
-    std::snprintf(text, sizeof text, format, values...);
-    return text;
-}
 
 CellInput readCell(const Options& options) {
     if (options.centring.size() != 1)

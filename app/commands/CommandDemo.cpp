@@ -13,6 +13,7 @@
 #include "pictures/RunPictures.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/NumberList.h"
+#include "pipeline/base/NumberText.h"
 #include "pipeline/base/OutputFile.h"
 #include "pipeline/frames/DataFiles.h"
 #include "pipeline/run/ResultFiles.h"
@@ -73,13 +74,6 @@ struct Comparison {
         return std::all_of(checks.begin(), checks.end(), [](const Check& check) { return check.ok; });
     }
 };
-
-template <class... Values>
-std::string formatted(const char* format, Values... values) {
-    char text[256];
-    std::snprintf(text, sizeof text, format, values...);
-    return text;
-}
 
 SimulationSettings settingsOf(const Options& options) {
     SimulationSettings settings = options.settings;

@@ -11,7 +11,7 @@
 namespace vrk {
 namespace {
 
-struct Frame {
+struct RecordedFrame {
     int slice;
     float tilt;
 };
@@ -27,8 +27,8 @@ bool isFlat(const VoxMRCData& series, int slice) {
                        [&](short value) { return value == pixels[0]; });
 }
 
-std::vector<Frame> usableFrames(const VoxMRCData& series, Session& session) {
-    std::vector<Frame> frames;
+std::vector<RecordedFrame> usableFrames(const VoxMRCData& series, Session& session) {
+    std::vector<RecordedFrame> frames;
     int empty = 0;
     for (int slice = 0; slice < series.m_Header.nz; ++slice) {
         const float tilt = series.m_Header.tilt(slice);
@@ -47,23 +47,24 @@ std::vector<Frame> usableFrames(const VoxMRCData& series, Session& session) {
     return frames;
 }
 
-void sortByTilt(std::vector<Frame>& frames, Session& session) {
-    const auto byTilt = [](const Frame& a, const Frame& b) { return a.tilt < b.tilt; };
+void sortByTilt(std::vector<RecordedFrame>& frames, Session& session) {
+    const auto byTilt = [](const RecordedFrame& a, const RecordedFrame& b) { return a.tilt < b.tilt; };
     if (!std::is_sorted(frames.begin(), frames.end(), byTilt)) {
         const bool descending = std::is_sorted(frames.rbegin(), frames.rend(), byTilt);
         session.warn(descending ? "the tilt angles descend; the frames were put into ascending order"
                                 : "the tilt angles are not in order; the frames were sorted by them");
         std::stable_sort(frames.begin(), frames.end(), byTilt);
     }
-    const auto last = std::unique(frames.begin(), frames.end(),
-                                  [](const Frame& a, const Frame& b) { return a.tilt == b.tilt; });
+    const auto last =
+        std::unique(frames.begin(), frames.end(),
+                    [](const RecordedFrame& a, const RecordedFrame& b) { return a.tilt == b.tilt; });
     const auto repeated = frames.end() - last;
     frames.erase(last, frames.end());
     if (repeated > 0 && frames.size() > 1)
         session.warn(std::to_string(repeated) + " frames repeat the tilt angle of another and are left out");
 }
 
-void refuseTooLittle(const std::vector<Frame>& frames) {
+void refuseTooLittle(const std::vector<RecordedFrame>& frames) {
     if (frames.empty())
         throw Failure("every frame of the series holds nothing but zeros; check how the file was made");
     const float range = frames.back().tilt - frames.front().tilt;
@@ -85,7 +86,7 @@ void refuseTooLittle(const std::vector<Frame>& frames) {
     if (!text.str().empty()) throw Failure(text.str());
 }
 
-std::unique_ptr<VoxMRCData> select(const VoxMRCData& series, const std::vector<Frame>& frames) {
+std::unique_ptr<VoxMRCData> select(const VoxMRCData& series, const std::vector<RecordedFrame>& frames) {
     const unsigned count = static_cast<unsigned>(frames.size());
     std::unique_ptr<VoxMRCData> result(VoxMRCData::Create3D(series.GetWidth(), series.GetHeight(), count));
     if (!result) throw Failure("not enough memory for the series");
@@ -102,8 +103,8 @@ std::unique_ptr<VoxMRCData> select(const VoxMRCData& series, const std::vector<F
     return result;
 }
 
-void warnOfOddities(const VoxMRCData& series, const std::vector<Frame>& frames, Session& session) {
-    const auto saturated = std::count_if(frames.begin(), frames.end(), [&](const Frame& frame) {
+void warnOfOddities(const VoxMRCData& series, const std::vector<RecordedFrame>& frames, Session& session) {
+    const auto saturated = std::count_if(frames.begin(), frames.end(), [&](const RecordedFrame& frame) {
         const short* pixels = series.GetChunkPointer(static_cast<unsigned>(frame.slice));
         // A saturated direct beam is usual, a saturated pattern is not.
         return std::count(pixels, pixels + series.GetChunkSize(), short{32767}) >
@@ -124,10 +125,11 @@ void warnOfOddities(const VoxMRCData& series, const std::vector<Frame>& frames, 
 }  // namespace
 
 std::unique_ptr<VoxMRCData> checkedSeries(std::unique_ptr<VoxMRCData> series, Session& session) {
-    std::vector<Frame> frames = usableFrames(*series, session);
+    std::vector<RecordedFrame> frames = usableFrames(*series, session);
     sortByTilt(frames, session);
     refuseTooLittle(frames);
-    if (std::all_of(frames.begin(), frames.end(), [&](const Frame& f) { return isFlat(*series, f.slice); }))
+    if (std::all_of(frames.begin(), frames.end(),
+                    [&](const RecordedFrame& f) { return isFlat(*series, f.slice); }))
         throw Failure("every frame has the same value in all its pixels: there is no pattern in the series",
                       FailureKind::NothingFound);
     warnOfOddities(*series, frames, session);

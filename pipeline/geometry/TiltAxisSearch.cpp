@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/Median.h"
 #include "pipeline/base/OutputFile.h"
 #include "pipeline/geometry/ParallelTiltAxisRefinement.h"
 
@@ -67,12 +68,6 @@ double finestStep(const std::vector<TiltAxisScore>& scores) {
         if (const double distance = angles[i] - angles[i - 1]; distance > 1e-5)
             step = std::min(step, distance);
     return step;
-}
-
-double medianOf(std::vector<double> values) {
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
 }
 
 /// How the best of the first scores stands out of them.

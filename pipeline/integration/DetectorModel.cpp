@@ -7,6 +7,8 @@
 #include <cmath>
 #include <limits>
 
+#include "pipeline/base/Median.h"
+
 namespace vrk {
 namespace {
 
@@ -57,12 +59,6 @@ BlockStatistics statisticsOf(const FrameStack& stack, const short* frame, int le
         variance = (squares - step.dot(right)) / (used - 3);
     }
     return {plane(0), variance};
-}
-
-double medianOf(std::vector<double> values) {
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
 }
 
 }  // namespace

@@ -31,13 +31,6 @@ WeightedMean weightedMean(std::span<const Observation> observations, std::span<c
     return {top / bottom, std::sqrt(1 / bottom)};
 }
 
-double median(std::vector<double> values) {
-    if (values.empty()) return 0;
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
-
 double trimmedMeanSquare(std::vector<double> squares) {
     if (squares.empty()) return 0;
     // The mean of the smaller 95 % of the squares of normal deviates.

@@ -22,9 +22,6 @@ struct WeightedMean {
 };
 WeightedMean weightedMean(std::span<const Observation> observations, std::span<const std::uint32_t> group);
 
-/// The median; 0 of nothing.
-double median(std::vector<double> values);
-
 /// The mean of squared deviates that would be 1 for normal ones, without the largest twentieth.
 double trimmedMeanSquare(std::vector<double> squares);
 

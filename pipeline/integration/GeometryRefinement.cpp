@@ -7,6 +7,8 @@
 #include <cmath>
 #include <numbers>
 
+#include "pipeline/base/Median.h"
+
 namespace vrk {
 namespace {
 
@@ -64,13 +66,6 @@ VectorXd priorDeviations(double longest) {
 double tukey(double square) {
     const double part = 1 - square / (kTukey * kTukey);
     return part > 0 ? part * part : 0;
-}
-
-double medianOf(std::vector<double>& values) {
-    if (values.empty()) return 0;
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
 }
 
 /// The variance that must be added to the known ones to bring the median square of the deviates to that of

@@ -9,6 +9,7 @@
 #include <tuple>
 
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/Median.h"
 #include "pipeline/integration/DetectorModel.h"
 #include "pipeline/integration/ResolutionLimit.h"
 
@@ -38,13 +39,6 @@ constexpr double kClearlyBetter = 0.7;
 constexpr double kPoorCurves = 4;
 /// Less of a curve says too little about all of it.
 constexpr double kLeastCoverage = 0.1;
-
-double medianOf(std::vector<double> values) {
-    if (values.empty()) return 0;
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
 
 void check(const IntegrationInput& input) {
     const FrameStack& stack = input.frames;

@@ -33,8 +33,9 @@ struct ShellStatistics {
     int unique = 0;
     int possible = 0;       ///< unique reflections that the lattice has there
     double iOverSigma = 0;  ///< mean over the unique reflections
-    double rInt = 0;   ///< sum |I - <I>| / sum I over observations with equivalents; 0 when there are none
-    double rMeas = 0;  ///< the same with each deviation times sqrt(n / (n - 1))
+    double rInt = 0;        ///< sum of the deviations from the mean by the sum of all, over observations with
+                            ///< equivalents; 0 when there are none
+    double rMeas = 0;       ///< the same with each deviation times sqrt(n / (n - 1))
     /// Correlation of half data sets, by the variances of the means (G. Assmann, W. Brehm and K. Diederichs,
     /// J. Appl. Cryst. 49 (2016) 1021, doi:10.1107/S1600576716005471), which needs no random halves; 0
     /// without equivalents.

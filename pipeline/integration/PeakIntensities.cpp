@@ -5,15 +5,10 @@
 #include <cmath>
 #include <vector>
 
+#include "pipeline/base/Median.h"
+
 namespace vrk {
 namespace {
-
-double medianOf(std::vector<short>& values) {
-    if (values.empty()) return 0.0;
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
 
 double integrate(const VoxMRCData& volume, const std::array<double, 3>& at, double radius) {
     constexpr double kShell = 2.0;

@@ -7,6 +7,7 @@
 #include <array>
 #include <cmath>
 
+#include "pipeline/base/Median.h"
 #include "pipeline/integration/Equivalents.h"
 
 namespace vrk {
@@ -286,7 +287,7 @@ ErrorModel fitErrors(std::span<const Observation> observations, const LaueRotati
         }
         // Between the median, which is blind for tails, and the mean, which single outliers spoil.
         const double ratio = trimmedMeanSquare(ratios);
-        const Eigen::Vector2d basis(1, median(strengths));
+        const Eigen::Vector2d basis(1, medianOf(strengths));
         const double weight = static_cast<double>(ratios.size()) / (ratio * ratio);
         normal += weight * basis * basis.transpose();
         right += weight * ratio * basis;

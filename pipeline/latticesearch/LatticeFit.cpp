@@ -7,6 +7,8 @@
 #include <cmath>
 #include <limits>
 
+#include "pipeline/base/Median.h"
+
 namespace vrk {
 namespace {
 
@@ -78,13 +80,6 @@ Lattice asLattice(const Matrix34& m, double pixelSize) {
     return {m.leftCols<3>(), m.col(3), pixelSize};
 }
 
-double median(std::vector<double> values) {
-    if (values.empty()) return 0.0;
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
-
 /// Lengths of the residuals in units of their expected spread (the prior weights' square roots applied).
 std::vector<double> residualLengths(const Selection& chosen, const Matrix34& model) {
     std::vector<double> lengths(chosen.position.size());
@@ -94,7 +89,7 @@ std::vector<double> residualLengths(const Selection& chosen, const Matrix34& mod
 }
 
 double robustSigma(const std::vector<double>& lengths) {
-    return std::max(median(lengths) / kMedianOfChi3, kSmallestSigma);
+    return std::max(medianOf(lengths) / kMedianOfChi3, kSmallestSigma);
 }
 
 double weightOf(double length, double sigma, Weighting weighting) {

@@ -10,6 +10,7 @@
 
 #include "cellfinding/CalculateCellIOstuff.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/NumberText.h"
 #include "pipeline/base/OutputFile.h"
 #include "pipeline/base/UnitCheck.h"
 #include "pipeline/latticesearch/PeakMerging.h"
@@ -19,13 +20,6 @@ namespace {
 
 using Eigen::Matrix3d;
 using Eigen::Vector3d;
-
-template <typename... Values>
-std::string formatted(const char* format, Values... values) {
-    char text[300];
-    std::snprintf(text, sizeof text, format, values...);
-    return text;
-}
 
 /// Lets the steps write what they see into a folder while it lives.
 class DebugDump {

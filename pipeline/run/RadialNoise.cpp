@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "pipeline/base/Median.h"
+
 namespace vrk {
 namespace {
 
@@ -12,13 +14,6 @@ constexpr unsigned kSamples = 16;
 constexpr double kAverage = 0.55;
 /// A count of whole numbers is never sharper than that.
 constexpr double kLeast = 0.4;
-
-double medianOf(std::vector<short>& values) {
-    if (values.empty()) return 0.0;
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
 
 }  // namespace
 
@@ -46,9 +41,7 @@ RadialNoise::RadialNoise(const VoxMRCData& series) {
     if (m_sigma.empty()) return;
     std::vector<double> outer(m_sigma.begin() + static_cast<std::ptrdiff_t>(m_sigma.size() / 4),
                               m_sigma.end());
-    const auto middle = outer.begin() + static_cast<std::ptrdiff_t>(outer.size() / 2);
-    std::nth_element(outer.begin(), middle, outer.end());
-    m_typical = *middle;
+    m_typical = medianOf(outer);
 }
 
 double RadialNoise::haloRadius(double threshold, double deviations) const {

@@ -34,7 +34,7 @@ public:
         : Point(other ? other->m_data : nullptr, other ? other->m_dimension : 0) {}
     Point(const Point<T>& other) : Point(&other) {}
     Point<T>& operator=(const Point<T>& other) {
-        setDataAndDimension(other.m_data, other.m_dimension);
+        if (this != &other) setDataAndDimension(other.m_data, other.m_dimension);
         return *this;
     }
     ~Point() { release(); }
