@@ -6,6 +6,7 @@
 
 #include "pipeline/base/LibraryStage.h"
 #include "pipeline/geometry/TiltAxisSearch.h"
+#include "pipeline/run/Preprocessing.h"
 #include "processing/VoxMRCstemProcessing.h"
 
 namespace vrk {

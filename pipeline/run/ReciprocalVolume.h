@@ -17,10 +17,10 @@ struct ReciprocalVolume {
     SamplingGeometry sampling;  ///< which pixels each voxel was made of
     RadialNoise noise;          ///< of the frames
     SeriesFacts facts;
-    std::vector<double> tilts;           ///< of the patterns, degrees
-    std::vector<PatternCentre> centres;  ///< of the patterns in the frames as they came, pixels
-    RecordedPixels recorded;             ///< of the patterns before they were rotated
-    double rotation = 0.0;               ///< by which they were turned, degrees
+    std::vector<double> tilts = {};           ///< of the patterns, degrees
+    std::vector<PatternCentre> centres = {};  ///< of the patterns in the frames as they came, pixels
+    RecordedPixels recorded = {};             ///< of the patterns before they were rotated
+    double rotation = 0.0;                    ///< by which they were turned, degrees
 
     /// Whether the spots of a reflection touched the border of the recorded part of their patterns.
     /// \param position  of its samples, voxels; \p tilt at which it was seen, radians
