@@ -350,7 +350,8 @@ TEST_P(RunTruthTest, EveryNumberOfTheSummaryIsRight) {
 INSTANTIATE_TEST_SUITE_P(
     Series, RunTruthTest,
     testing::Values(
-        Case{"--cell 7.4,9.1,11.3,75,82,68 --drift 2 --jump 4", "", "aP", 1, 0, "refined", 200},
+        Case{"--cell 7.4,9.1,11.3,75,82,68 --drift 2 --jump 4", "", "aP", 1, 0, "refined", 200, 61, 1.0,
+             "jumped before pattern 32 (counted from 0)"},
         Case{"--cell 15.1,8.9,9.8,90,104.2,90 --centring C --axis 35 --write-axis --handedness -1 --kv 300",
              "", "mC", 2, 35, "header", 300},
         Case{"--cell 12,12,12,90,90,90 --centring I --kv 80 --state-kv 0 --axis -20 --mode precession "
