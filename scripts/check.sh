@@ -50,7 +50,7 @@ for argument in "$@"; do
 done
 [[ ${#checks[@]} -gt 0 ]] || usage 2 >&2
 
-scripts/setup.sh --with-checks
+scripts/setup.sh --with-all-checks
 for check in "${checks[@]}"; do
   echo "check: $check"
   "$check"

@@ -11,8 +11,9 @@ packages=(
   libgtest-dev librapidcheck-dev libsymspg-dev libbenchmark-dev
   gnuplot-nox
 )
-# What .ci/run and scripts/check.sh use beyond building and testing.
-if [[ "${1:-}" == --with-checks ]]; then packages+=(clang clang-format clang-tidy doxygen gcovr git python3); fi
+# What .ci/run uses beyond building and testing, and what scripts/check.sh and scripts/tidy.sh use.
+if [[ "${1:-}" == --with-checks || "${1:-}" == --with-all-checks ]]; then packages+=(clang-format doxygen git); fi
+if [[ "${1:-}" == --with-all-checks ]]; then packages+=(clang clang-tidy gcovr python3); fi
 
 missing=()
 for package in "${packages[@]}"; do

@@ -5,7 +5,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/setup.sh --with-checks
+scripts/setup.sh --with-all-checks
 cmake --preset tidy >/dev/null
 mapfile -t sources < <(git ls-files 'src/*.cpp' 'pipeline/*.cpp' 'app/*.cpp')
 if [[ "${1:-}" == --since ]]; then
