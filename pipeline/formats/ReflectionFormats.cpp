@@ -157,21 +157,30 @@ std::array<double, 9> fitGaussians(std::array<double, 9> p, const std::vector<do
     return p;
 }
 
-/// Content of the cell: element symbols with the number of atoms, from the formula or by 18 cubic Angstrom an
-/// atom.
+/// The atoms of a formula that fill space, 18 cubic Angstrom each: all but hydrogen in organic matter; in
+/// oxides and fluorides the anions, between which the small cations fit.
+double fillingAtoms(const std::vector<std::pair<std::string, double>>& content) {
+    double heavy = 0.0, anions = 0.0;
+    bool organic = false;
+    for (const auto& [symbol, count] : content) {
+        if (symbol != "H" && symbol != "D") heavy += count;
+        if (symbol == "O" || symbol == "F") anions += count;
+        organic = organic || symbol == "C";
+    }
+    return std::max(!organic && anions > 0.0 ? anions : heavy, 1.0);
+}
+
+/// Content of the cell: element symbols with the number of atoms, from the formula and the volume.
 std::vector<std::pair<std::string, double>> cellContent(const ReflectionSet& set, int& units) {
     const double atoms = std::max(cellVolume(set.cell) / 18.0, 1.0);
     units = 1;
     if (set.formula.empty()) return {{"C", std::round(atoms)}};
     auto content = parseFormula(set.formula);
-    double heavy = 0.0;
-    for (const auto& [symbol, count] : content)
-        if (symbol != "H" && symbol != "D") heavy += count;
     // Every lattice point carries the same content.
     static const std::map<char, int> kPoints = {{'P', 1}, {'F', 4}, {'R', 3}};
     const auto entry = kPoints.find(set.centring);
     const int points = entry != kPoints.end() ? entry->second : 2;
-    units = points * std::max(1, static_cast<int>(std::lround(atoms / (std::max(heavy, 1.0) * points))));
+    units = points * std::max(1, static_cast<int>(std::lround(atoms / (fillingAtoms(content) * points))));
     for (auto& [symbol, count] : content)
         count *= units;
     return content;

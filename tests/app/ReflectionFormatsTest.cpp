@@ -109,12 +109,52 @@ TEST_F(ReflectionFormatsTest, InstructionsSayWhatTheyShould) {
         if (keyword == "SFAC") elements.push_back(rest.substr(1, 2));
     }
     EXPECT_EQ(first["CELL"], " 0.025079 7.12340 9.20000 12.34568 90.0000 101.5000 90.0000");
-    EXPECT_EQ(first["ZERR"], " 2 0.00120 0.00300 0.00056 0.0000 0.0200 0.0000");
+    EXPECT_EQ(first["ZERR"], " 4 0.00120 0.00300 0.00056 0.0000 0.0200 0.0000");
     EXPECT_EQ(first["LATT"], " -7");
     EXPECT_EQ(first["HKLF"], " 4");
-    EXPECT_EQ(first["UNIT"], " 6 4 6 24");
+    EXPECT_EQ(first["UNIT"], " 12 8 12 48");
     EXPECT_EQ(elements, (std::vector<std::string>{"Ca", "Al", "Si", "O "}));
     EXPECT_EQ(text.back(), "END");
+}
+
+TEST_F(ReflectionFormatsTest, InstructionsFollowFormulaAndSpaceGroup) {
+    struct Row {
+        std::array<double, 6> cell;
+        char centring;
+        const char* formula;
+        const char* group;
+        const char* unit;
+        const char* latt;
+        std::size_t operations;  ///< SYMM lines
+    };
+    const std::vector<Row> rows = {
+        {{11.95, 11.95, 11.95, 90, 90, 90}, 'I', "Ca3 Al2 Si3 O12", "I a -3 d", " 24 16 24 96", " 2", 23},
+        {{4.91, 4.91, 5.40, 90, 90, 120}, 'P', "SiO2", "P 31 2 1", " 3 6", " -1", 5},
+        {{5.46, 5.46, 5.46, 90, 90, 90}, 'F', "CaF2", "F m -3 m", " 4 8", " 4", 23},
+        {{7.1, 8.3, 9.4, 90, 103, 90}, 'P', "C10 H12 N2 O3", "P 1 21/c 1", " 20 24 4 6", " 1", 1},
+        // Its inversion centre is not at the origin in this setting.
+        {{8.3, 8.3, 8.3, 90, 90, 90}, 'F', "C", "F d -3 m:1", " 32", " 4", 23},
+        {{7.1, 8.3, 9.4, 82, 93, 105}, 'P', "C", "", " 29", " -1", 0}};
+    for (const Row& row : rows) {
+        m_set.cell = row.cell;
+        m_set.centring = row.centring;
+        m_set.formula = row.formula;
+        m_set.spaceGroup = row.group;
+        vrk::writeShelxInstructions(m_set, m_folder / "x.ins");
+        std::size_t operations = 0;
+        for (const std::string& line : lines(m_folder / "x.ins")) {
+            if (line.starts_with("UNIT")) {
+                EXPECT_EQ(line.substr(4), row.unit) << row.formula;
+            }
+            if (line.starts_with("LATT")) {
+                EXPECT_EQ(line.substr(4), row.latt) << row.group;
+            }
+            operations += line.starts_with("SYMM");
+        }
+        EXPECT_EQ(operations, row.operations) << row.group;
+    }
+    m_set.spaceGroup = "P 7";
+    EXPECT_THROW(vrk::writeShelxInstructions(m_set, m_folder / "x.ins"), vrk::Failure);
 }
 
 TEST_F(ReflectionFormatsTest, FourGaussiansFollowTheTable) {

@@ -1,0 +1,186 @@
+#include "pipeline/formats/MeasuredIntensities.h"
+
+#include <gtest/gtest.h>
+
+#include <Eigen/Geometry>
+#include <Eigen/LU>
+#include <cmath>
+#include <fstream>
+#include <gemmi/cif.hpp>
+#include <gemmi/mtz.hpp>
+#include <gemmi/xds_ascii.hpp>
+#include <numbers>
+#include <sstream>
+
+#include "pipeline/integration/SeriesGeometry.h"
+#include "support/TemporaryFolder.h"
+
+namespace {
+
+using namespace vrk;
+
+constexpr double kDegree = std::numbers::pi / 180;
+
+/// A monoclinic crystal on 31 frames; the intensity of h k l is 100 h + 10 k + l + 1000.
+class MeasuredIntensitiesTest : public testing::Test {
+protected:
+    MeasuredIntensitiesTest() {
+        Eigen::Matrix3d direct;
+        direct << 7, 0, 11 * std::cos(103 * kDegree), 0, 9, 0, 0, 0, 11 * std::sin(103 * kDegree);
+        const Eigen::Matrix3d turn =
+            (Eigen::AngleAxisd(0.7, Eigen::Vector3d(1, 2, -1).normalized())).toRotationMatrix();
+        m_geometry.reciprocal = turn * direct.inverse().transpose();
+        m_geometry.axisAngle = 40 * kDegree;
+        m_geometry.handedness = -1;
+        experiment.cell = {7, 9, 11, 90, 103, 90};
+        experiment.spaceGroup = "P 1 21/c 1";
+        experiment.reciprocal = m_geometry.reciprocal;
+        experiment.wavelength = m_geometry.wavelength;
+        experiment.handedness = m_geometry.handedness;
+        experiment.pixelSize = m_geometry.pixelSize;
+        experiment.size = {256, 256};
+        experiment.axisAngle = 40;
+        experiment.rotation = 2;
+        experiment.dMin = 1.8;
+        for (int f = 0; f < 31; ++f) {
+            experiment.tilts.push_back(-30 + 2 * f);
+            experiment.centres.push_back({127.5, 127.5});
+            measureFrame(f);
+        }
+    }
+
+    void measureFrame(int frame) {
+        const FramePose pose{experiment.tilts.back() * kDegree, 2 * kDegree, 127.5, 127.5};
+        const FrameView view(m_geometry, pose);
+        for (int h = -3; h <= 3; ++h)
+            for (int k = -4; k <= 4; ++k)
+                for (int l = -5; l <= 5; ++l) {
+                    const SpotPlace place = view.place(m_geometry.reciprocal * Eigen::Vector3d(h, k, l));
+                    if ((h == 0 && k == 0 && l == 0) || std::abs(place.excitation) > 0.01) continue;
+                    const double value = 1000 + 100 * h + 10 * k + l;
+                    frames.push_back(
+                        {h, k, l, frame, value, 5, place.excitation, place.rate, place.x, place.y});
+                    if (std::abs(place.excitation) < std::abs(place.rate) * kDegree)
+                        whole.push_back({h, k, l, value, 7, place.x, place.y,
+                                         frame - place.excitation / place.rate / (2 * kDegree),
+                                         experiment.tilts.back(), 0.9, whole.size() % 10 == 3});
+                }
+    }
+
+    SeriesGeometry m_geometry;
+    ExperimentDescription experiment;
+    std::vector<MeasuredIntensity> whole;
+    std::vector<FrameIntensity> frames;
+    TemporaryFolder folder;
+};
+
+TEST_F(MeasuredIntensitiesTest, GemmiReadsUnmergedMtzBack) {
+    writeUnmergedMtz(experiment, whole, folder / "x.mtz");
+    gemmi::Mtz mtz = gemmi::read_mtz_file(folder / "x.mtz");
+    EXPECT_EQ(mtz.spacegroup->xhm(), "P 1 21/c 1");
+    EXPECT_EQ(mtz.batches.size(), 31U);
+    EXPECT_FLOAT_EQ(mtz.batches[3].floats[36], -25);
+    ASSERT_TRUE(mtz.switch_to_original_hkl());
+    const auto rejected =
+        std::count_if(whole.begin(), whole.end(), [](const auto& one) { return one.rejected; });
+    EXPECT_EQ(static_cast<std::size_t>(mtz.nreflections), whole.size() - static_cast<std::size_t>(rejected));
+    const std::size_t value = mtz.column_with_label("I")->idx, batch = mtz.column_with_label("BATCH")->idx;
+    for (std::size_t i = 0; i < mtz.data.size(); i += mtz.columns.size()) {
+        const auto hkl = mtz.get_hkl(i);
+        EXPECT_EQ(mtz.data[i + value], 1000 + 100 * hkl[0] + 10 * hkl[1] + hkl[2]);
+        const bool known = std::any_of(whole.begin(), whole.end(), [&](const MeasuredIntensity& one) {
+            return one.h == hkl[0] && one.k == hkl[1] && one.l == hkl[2] &&
+                   std::abs(one.frame + 1 - mtz.data[i + batch]) <= 0.51;
+        });
+        EXPECT_TRUE(known);
+    }
+}
+
+TEST_F(MeasuredIntensitiesTest, GemmiReadsXdsAsciiBack) {
+    writeXdsAscii(experiment, whole, folder / "x.hkl");
+    gemmi::XdsAscii xds;
+    std::ifstream file(folder / "x.hkl");
+    std::stringstream text;
+    text << file.rdbuf();
+    xds.read_stream(gemmi::MemoryStream(text.str().data(), text.str().size()), "x.hkl");
+    EXPECT_EQ(xds.spacegroup_number, 14);
+    EXPECT_NEAR(xds.unit_cell.beta, 103, 1e-9);
+    EXPECT_NEAR(xds.wavelength, experiment.wavelength, 1e-6);
+    EXPECT_NEAR(xds.oscillation_range, 2, 1e-6);
+    EXPECT_NEAR(xds.starting_angle, -31, 1e-6);
+    ASSERT_EQ(xds.data.size(), whole.size());
+    for (std::size_t i = 0; i < whole.size(); ++i) {
+        EXPECT_EQ(xds.data[i].hkl, (gemmi::Miller{whole[i].h, whole[i].k, whole[i].l}));
+        EXPECT_NEAR(xds.data[i].iobs, whole[i].intensity, 1e-3 * whole[i].intensity);
+        EXPECT_NEAR(xds.data[i].sigma, whole[i].rejected ? -7 : 7, 1e-3);
+        EXPECT_NEAR(xds.data[i].xd, whole[i].x + 1, 0.051);
+        EXPECT_NEAR(xds.data[i].zd, whole[i].frame + 0.5, 0.051);
+    }
+}
+
+TEST_F(MeasuredIntensitiesTest, TheTableOfFramesHasALineASpot) {
+    writeFrameTable(frames, folder / "f.csv");
+    std::ifstream file(folder / "f.csv");
+    std::string line;
+    std::getline(file, line);
+    EXPECT_EQ(line, "h,k,l,frame,intensity,sigma,excitation_error,x,y");
+    std::size_t n = 0;
+    for (; std::getline(file, line); ++n) {
+        int h = 0, k = 0, l = 0, frame = 0;
+        double intensity = 0, sigma = 0, excitation = 0;
+        ASSERT_EQ(std::sscanf(line.c_str(), "%d,%d,%d,%d,%lf,%lf,%lf", &h, &k, &l, &frame, &intensity, &sigma,
+                              &excitation),
+                  7);
+        EXPECT_EQ(frame, frames[n].frame + 1);
+        EXPECT_EQ(intensity, 1000 + 100 * h + 10 * k + l);
+        EXPECT_NEAR(excitation, frames[n].excitation, 1e-6);
+    }
+    EXPECT_EQ(n, frames.size());
+}
+
+/// The angles of the virtual frames and their zone axes are two ways to the same direction of the beam, and
+/// the reflections that are listed cross the sphere within the frame.
+TEST_F(MeasuredIntensitiesTest, VirtualFramesAgreeWithThemselves) {
+    writeDynamicalCif(experiment, frames, 3, 2, folder / "d.cif_pets");
+    gemmi::cif::Document document = gemmi::cif::read_file(folder / "d.cif_pets");
+    gemmi::cif::Block& block = document.blocks.at(0);
+    Eigen::Matrix3d ub;
+    for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 3; ++j)
+            ub(i, j) = std::stod(*block.find_value("_diffrn_orient_matrix_UB_" + std::to_string(i + 1) +
+                                                   std::to_string(j + 1)));
+    struct Zone {
+        Eigen::Vector3d axis;
+        double half;
+        Eigen::Matrix3d turn;
+    };
+    std::vector<Zone> zones;
+    for (const auto row :
+         block.find("_diffrn_zone_axis_", {"u", "v", "w", "precession_angle", "alpha", "beta", "omega"})) {
+        std::array<double, 7> value{};
+        for (std::size_t i = 0; i < 7; ++i)
+            value[i] = std::stod(row[i]);
+        const Eigen::Matrix3d turn = (Eigen::AngleAxisd(value[6] * kDegree, Eigen::Vector3d::UnitZ()) *
+                                      Eigen::AngleAxisd(value[4] * kDegree, Eigen::Vector3d::UnitX()) *
+                                      Eigen::AngleAxisd(value[5] * kDegree, Eigen::Vector3d::UnitY()))
+                                         .toRotationMatrix();
+        zones.push_back({{value[0], value[1], value[2]}, value[3] * kDegree, turn});
+    }
+    EXPECT_EQ(zones.size(), 15U);
+    const Eigen::Matrix3d direct = ub.inverse().transpose();
+    int listed = 0;
+    for (const auto row : block.find("_refln_", {"index_h", "index_k", "index_l", "zone_axis_id"})) {
+        const Zone& zone = zones.at(std::stoul(row[3]) - 1);
+        const Eigen::Vector3d hkl(std::stod(row[0]), std::stod(row[1]), std::stod(row[2]));
+        const double along = hkl.dot(zone.axis) / (direct * zone.axis).norm();
+        const Eigen::Vector3d g = zone.turn * ub * hkl;
+        EXPECT_NEAR(g.z(), along, 1e-4);
+        // Its rate is its distance from the axis, x.
+        const double excitation = g.z() - experiment.wavelength * g.squaredNorm() / 2;
+        EXPECT_LT(std::abs(excitation), g.norm() * zone.half + 1e-3);
+        ++listed;
+    }
+    EXPECT_GT(listed, 100);
+}
+
+}  // namespace
