@@ -100,7 +100,8 @@ void addRunCommand(CommandLine& line, Host& host) {
         .positive()
         .group(intensities);
     command.option("--mode", options->mode, "How the crystal turned [found]")
-        .oneOf({"continuous", "stepwise", "precession"})
+        .oneOf({nameOf(RotationMode::Continuous), nameOf(RotationMode::Stepwise),
+                nameOf(RotationMode::Precession)})
         .typeName("continuous|stepwise|precession")
         .group(intensities);
     command.option("--formula", options->formula, "Formula unit for crystal.ins, as \"Ca3 Al2 Si3 O12\"")

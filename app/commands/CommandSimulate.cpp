@@ -218,9 +218,9 @@ void addSeriesOptions(Command& command, Options& options) {
     group.add("--tilt-scale", errors.scale, "Factor by which the true tilts are off");
     group.add("--tilt-jitter", errors.jitter, "Standard deviation of the true tilts, degrees");
     group.addChoice<RotationMode>("--mode", settings.mode,
-                                  {{"continuous", RotationMode::Continuous},
-                                   {"stepwise", RotationMode::Stepwise},
-                                   {"precession", RotationMode::Precession}},
+                                  {{nameOf(RotationMode::Continuous), RotationMode::Continuous},
+                                   {nameOf(RotationMode::Stepwise), RotationMode::Stepwise},
+                                   {nameOf(RotationMode::Precession), RotationMode::Precession}},
                                   "MODE", "Rotation: continuous, stepwise or precession [continuous]");
     group.addFree("--frame-rotation", settings.frameRotation,
                   "Degrees that a continuous frame covers [the step of the tilts]");

@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <numbers>
 #include <string>
 #include <vector>
 
+#include "pipeline/base/Angle.h"
 #include "pipeline/base/NumberText.h"
 #include "pipeline/run/ResultFiles.h"
 #include "pipeline/run/RunSummary.h"
@@ -23,7 +23,6 @@ std::string senseText(const RefinedPositions& refinement) {
 /// What the instrument was found to do, in a line; empty when nothing.
 std::string instrumentText(const RefinedInstrument& instrument, double axis) {
     using enum InstrumentTerm;
-    constexpr double kDegree = std::numbers::pi / 180.0;
     const auto value = [&](InstrumentTerm term, double unit) {
         return withUncertainty(instrument.model[term] / unit,
                                instrument.sigma[static_cast<std::size_t>(term)] / unit);

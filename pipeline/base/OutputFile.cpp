@@ -1,5 +1,6 @@
 #include "pipeline/base/OutputFile.h"
 
+#include <fstream>
 #include <system_error>
 #include <utility>
 
@@ -35,6 +36,14 @@ void OutputFile::commit() {
     if (error)
         throw Failure("cannot write " + m_final.string() + ": " + error.message() +
                       "; check the folder's permissions and the free space");
+}
+
+void writeText(const std::string& text, const std::filesystem::path& path) {
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    if (file) file.write(text.data(), static_cast<std::streamsize>(text.size()));
+    file.close();
+    if (!file)
+        throw Failure("cannot write " + path.string() + " completely; check the folder and the free space");
 }
 
 void makeFolder(const std::filesystem::path& folder) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <filesystem>
+#include <string>
 
 namespace vrk {
 
@@ -26,6 +27,9 @@ private:
     std::filesystem::path m_temporary;
     bool m_committed = false;
 };
+
+/// Replaces the content of a file. Throws Failure when it cannot be written completely.
+void writeText(const std::string& text, const std::filesystem::path& path);
 
 /// Makes the folder if it is not there. Throws Failure when that is not possible.
 void makeFolder(const std::filesystem::path& folder);

@@ -9,10 +9,13 @@
 #include <gemmi/mtz.hpp>
 #include <gemmi/symmetry.hpp>
 #include <map>
-#include <numbers>
 
 #include "foundation/Version.h"
+#include "pipeline/base/Angle.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/NumberText.h"
+#include "pipeline/base/OutputFile.h"
+#include "pipeline/formats/detail/NamedSpaceGroup.h"
 
 namespace vrk {
 namespace {
@@ -20,29 +23,12 @@ namespace {
 using Eigen::Matrix3d;
 using Eigen::Vector3d;
 
-constexpr double kDegree = std::numbers::pi / 180;
 /// Pixels of the detector that XDS_ASCII describes, millimetres.
 constexpr double kPixel = 0.05;
 
 template <typename... Values>
 void append(std::string& text, const char* pattern, Values... values) {
-    char line[256];
-    const int length = std::snprintf(line, sizeof line, pattern, values...);
-    text.append(line, static_cast<std::size_t>(std::clamp(length, 0, 255)));
-}
-
-void writeText(const std::string& text, const std::filesystem::path& path) {
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
-    if (file) file.write(text.data(), static_cast<std::streamsize>(text.size()));
-    file.close();
-    if (!file)
-        throw Failure("cannot write " + path.string() + " completely; check the folder and the free space");
-}
-
-const gemmi::SpaceGroup& groupOf(const ExperimentDescription& experiment) {
-    const gemmi::SpaceGroup* group = gemmi::find_spacegroup_by_name(experiment.spaceGroup);
-    if (!group) throw Failure("there is no space group \"" + experiment.spaceGroup + '"', FailureKind::Usage);
-    return *group;
+    text += formatted(pattern, values...);
 }
 
 double firstTilt(const ExperimentDescription& experiment) {
@@ -99,7 +85,7 @@ void writeUnmergedMtz(const ExperimentDescription& experiment, std::span<const M
     const auto& c = experiment.cell;
     gemmi::Mtz mtz(/*with_base=*/false);
     mtz.title = experiment.title.substr(0, 70);
-    mtz.spacegroup = &groupOf(experiment);
+    mtz.spacegroup = &detail::spaceGroupNamed(experiment.spaceGroup);
     mtz.add_dataset("electrons").wavelength = experiment.wavelength;
     mtz.datasets.back().id = 1;
     mtz.set_cell_for_all(gemmi::UnitCell(c[0], c[1], c[2], c[3], c[4], c[5]));
@@ -139,7 +125,7 @@ void writeUnmergedMtz(const ExperimentDescription& experiment, std::span<const M
 
 void writeXdsAscii(const ExperimentDescription& e, std::span<const MeasuredIntensity> intensities,
                    const std::filesystem::path& path) {
-    const gemmi::SpaceGroup& group = groupOf(e);
+    const gemmi::SpaceGroup& group = detail::spaceGroupNamed(e.spaceGroup);
     // The format knows numbers of groups alone, in their reference settings.
     const int number = group.is_reference_setting() ? group.number : 1;
     // x and y along the rows and columns of the frames; the beam may come from either side.

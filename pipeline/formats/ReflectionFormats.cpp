@@ -21,6 +21,8 @@
 #include "foundation/Version.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/NumberText.h"
+#include "pipeline/base/OutputFile.h"
+#include "pipeline/formats/detail/NamedSpaceGroup.h"
 #include "reflections/Reflex.h"
 #include "reflections/ReflexVector.h"
 
@@ -29,21 +31,6 @@ namespace {
 
 /// Largest number in eight columns with two decimals.
 constexpr double kLargestField = 99999.99;
-
-template <typename... Values>
-std::string format(const char* pattern, Values... values) {
-    char text[256];
-    const int length = std::snprintf(text, sizeof text, pattern, values...);
-    return {text, static_cast<std::size_t>(std::clamp(length, 0, 255))};
-}
-
-void writeText(const std::string& text, const std::filesystem::path& path) {
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
-    if (file) file.write(text.data(), static_cast<std::streamsize>(text.size()));
-    file.close();
-    if (!file)
-        throw Failure("cannot write " + path.string() + " completely; check the folder and the free space");
-}
 
 /// The space group that has the centring and no other symmetry than (where one is needed) its lattice's.
 const gemmi::SpaceGroup* lowestSpaceGroup(char centring) {
@@ -55,9 +42,7 @@ const gemmi::SpaceGroup* lowestSpaceGroup(char centring) {
 
 const gemmi::SpaceGroup* spaceGroupOf(const ReflectionSet& set) {
     if (set.spaceGroup.empty()) return lowestSpaceGroup(set.centring);
-    const gemmi::SpaceGroup* group = gemmi::find_spacegroup_by_name(set.spaceGroup);
-    if (!group) throw Failure("there is no space group \"" + set.spaceGroup + '"', FailureKind::Usage);
-    return group;
+    return &detail::spaceGroupNamed(set.spaceGroup);
 }
 
 bool hasCentreAtOrigin(const gemmi::GroupOps& operations) {
@@ -74,7 +59,7 @@ std::string symmetryInstructions(const gemmi::SpaceGroup* group, char centring) 
         if (const auto* other = gemmi::find_spacegroup_by_name(std::string(group->hm) + ":2"))
             operations = other->operations();
     const bool centred = hasCentreAtOrigin(operations);
-    std::string text = format("LATT %d\n", (centred ? 1 : -1) * kLattices.at(centring));
+    std::string text = formatted("LATT %d\n", (centred ? 1 : -1) * kLattices.at(centring));
     std::vector<gemmi::Op::Rot> written = {gemmi::Op::identity().rot};
     for (const gemmi::Op& operation : operations.sym_ops) {
         const gemmi::Op::Rot opposite = operation.negated_rot();
@@ -191,25 +176,25 @@ void describe(const ElectronExperiment& experiment, gemmi::cif::Block& block) {
     block.set_pair("_diffrn_radiation_type", "electron");
     if (experiment.kiloVolts > 0.0)
         block.set_pair("_diffrn_source_details",
-                       gemmi::cif::quote(format("%g kV electron microscope", experiment.kiloVolts)));
+                       gemmi::cif::quote(formatted("%g kV electron microscope", experiment.kiloVolts)));
     block.set_pair("_diffrn_measurement_device", gemmi::cif::quote("transmission electron microscope"));
     block.set_pair("_diffrn_measurement_method",
-                   gemmi::cif::quote(format("3D electron diffraction, tilts from %.2f to %.2f degrees",
-                                            experiment.tiltFirst, experiment.tiltLast)));
+                   gemmi::cif::quote(formatted("3D electron diffraction, tilts from %.2f to %.2f degrees",
+                                               experiment.tiltFirst, experiment.tiltLast)));
     block.set_pair("_diffrn_measurement_rotation_mode", experiment.continuous ? "rotation" : "stepwise");
     block.set_pair("_diffrn_measurement_method_precession", precessed ? "yes" : "no");
-    if (precessed) block.set_pair("_diffrn_precession_semi_angle", format("%.3f", experiment.precession));
+    if (precessed) block.set_pair("_diffrn_precession_semi_angle", formatted("%.3f", experiment.precession));
     if (experiment.mosaicity > 0.0)
-        block.set_pair("_exptl_crystal_mosaicity", format("%.3f", experiment.mosaicity));
+        block.set_pair("_exptl_crystal_mosaicity", formatted("%.3f", experiment.mosaicity));
 }
 
 void addScatteringFactor(std::string& text, const std::string& symbol) {
     const gemmi::El element = elementOf(symbol);
     const std::array<double, 9> f = electronScatteringFactor(symbol);
-    text += format("SFAC %-2s %.5f %.5f %.5f %.5f =\n", symbol.c_str(), f[0], f[1], f[2], f[3]);
-    text += format("     %.5f %.5f %.5f %.5f %.5f =\n", f[4], f[5], f[6], f[7], f[8]);
-    text += format("     0 0 0 %.2f %.4f\n", static_cast<double>(gemmi::covalent_radius(element)),
-                   gemmi::molecular_weight(element));
+    text += formatted("SFAC %-2s %.5f %.5f %.5f %.5f =\n", symbol.c_str(), f[0], f[1], f[2], f[3]);
+    text += formatted("     %.5f %.5f %.5f %.5f %.5f =\n", f[4], f[5], f[6], f[7], f[8]);
+    text += formatted("     0 0 0 %.2f %.4f\n", static_cast<double>(gemmi::covalent_radius(element)),
+                      gemmi::molecular_weight(element));
 }
 
 }  // namespace
@@ -289,15 +274,15 @@ void writeShelx(const ReflectionSet& set, const std::filesystem::path& path) {
         const auto [least, most] = std::minmax({r.h, r.k, r.l});
         if (least < -999 || most > 9999)
             throw Failure(
-                format("the reflection %d %d %d does not fit four columns an index; use --format mtz "
-                       "or cif",
-                       r.h, r.k, r.l));
+                formatted("the reflection %d %d %d does not fit four columns an index; use --format mtz "
+                          "or cif",
+                          r.h, r.k, r.l));
         if (!std::isfinite(r.intensity))
-            throw Failure(format("the reflection %d %d %d has no finite intensity", r.h, r.k, r.l));
-        text += format("%4d%4d%4d%8.2f%8.2f\n", r.h, r.k, r.l, r.intensity * scale,
-                       std::max(r.sigma * scale, 0.01));
+            throw Failure(formatted("the reflection %d %d %d has no finite intensity", r.h, r.k, r.l));
+        text += formatted("%4d%4d%4d%8.2f%8.2f\n", r.h, r.k, r.l, r.intensity * scale,
+                          std::max(r.sigma * scale, 0.01));
     }
-    text += format("%4d%4d%4d%8.2f%8.2f\n", 0, 0, 0, 0.0, 0.0);
+    text += formatted("%4d%4d%4d%8.2f%8.2f\n", 0, 0, 0, 0.0, 0.0);
     writeText(text, path);
 }
 
@@ -310,19 +295,19 @@ void writeShelxInstructions(const ReflectionSet& set, const std::filesystem::pat
     std::replace_if(
         title.begin(), title.end(), [](unsigned char ch) { return std::iscntrl(ch) != 0; }, ' ');
     std::string text = "TITL " + title.substr(0, 70) + "\n";
-    text += format("REM  written by vrk %s; intensities are multiplied by %g\n", VRK::kVersion,
-                   shelxScale(set.reflections));
+    text += formatted("REM  written by vrk %s; intensities are multiplied by %g\n", VRK::kVersion,
+                      shelxScale(set.reflections));
     if (set.formula.empty())
         text += "REM  content unknown: carbon stands for all atoms, replace SFAC and UNIT\n";
-    text += format("CELL %.6f %.5f %.5f %.5f %.4f %.4f %.4f\n", set.wavelength, c[0], c[1], c[2], c[3], c[4],
-                   c[5]);
-    text += format("ZERR %d %.5f %.5f %.5f %.4f %.4f %.4f\n", units, e[0], e[1], e[2], e[3], e[4], e[5]);
+    text += formatted("CELL %.6f %.5f %.5f %.5f %.4f %.4f %.4f\n", set.wavelength, c[0], c[1], c[2], c[3],
+                      c[4], c[5]);
+    text += formatted("ZERR %d %.5f %.5f %.5f %.4f %.4f %.4f\n", units, e[0], e[1], e[2], e[3], e[4], e[5]);
     text += symmetryInstructions(spaceGroupOf(set), set.centring);
     for (const auto& [symbol, count] : content)
         addScatteringFactor(text, symbol);
     text += "UNIT";
     for (const auto& [symbol, count] : content)
-        text += format(" %g", count);
+        text += formatted(" %g", count);
     text += "\nHKLF 4\nEND\n";
     writeText(text, path);
 }
@@ -343,7 +328,7 @@ void writeMtz(const ReflectionSet& set, const std::filesystem::path& path) {
     for (const IndexedReflection& r : set.reflections) {
         // Indices are floats in this format.
         if (std::max({std::abs(r.h), std::abs(r.k), std::abs(r.l)}) > (1 << 24))
-            throw Failure(format("the reflection %d %d %d does not fit the MTZ format", r.h, r.k, r.l));
+            throw Failure(formatted("the reflection %d %d %d does not fit the MTZ format", r.h, r.k, r.l));
         rows.insert(rows.end(), {static_cast<float>(r.h), static_cast<float>(r.k), static_cast<float>(r.l),
                                  static_cast<float>(r.intensity), static_cast<float>(r.sigma)});
     }
@@ -366,18 +351,18 @@ void writeCif(const ReflectionSet& set, const std::filesystem::path& path) {
     block.set_pair("_audit_creation_method", gemmi::cif::quote(std::string("vrk ") + VRK::kVersion));
     for (std::size_t i = 0; i < kCellTags.size(); ++i)
         block.set_pair(kCellTags[i], withUncertainty(set.cell[i], set.cellSigma[i]));
-    block.set_pair("_cell_volume", format("%.6g", cellVolume(set.cell)));
+    block.set_pair("_cell_volume", formatted("%.6g", cellVolume(set.cell)));
     block.set_pair("_symmetry_space_group_name_H-M", gemmi::cif::quote(spaceGroupOf(set)->xhm()));
     block.set_pair("_diffrn_radiation_probe", "electron");
     block.set_pair("_diffrn_radiation_wavelength",
-                   set.wavelength > 0.0 ? format("%.6f", set.wavelength) : std::string("?"));
+                   set.wavelength > 0.0 ? formatted("%.6f", set.wavelength) : std::string("?"));
     if (set.experiment) describe(*set.experiment, block);
     if (!set.formula.empty()) block.set_pair("_chemical_formula_sum", gemmi::cif::quote(set.formula));
     gemmi::cif::Loop& loop =
         block.init_loop("_refln_", {"index_h", "index_k", "index_l", "F_squared_meas", "F_squared_sigma"});
     for (const IndexedReflection& r : set.reflections)
         loop.add_row({std::to_string(r.h), std::to_string(r.k), std::to_string(r.l),
-                      format("%.9g", r.intensity), format("%.6g", r.sigma)});
+                      formatted("%.9g", r.intensity), formatted("%.6g", r.sigma)});
     std::ofstream file(path, std::ios::binary | std::ios::trunc);
     gemmi::cif::write_cif_to_stream(file, document, gemmi::cif::Style::Simple);
     file.close();

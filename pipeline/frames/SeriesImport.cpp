@@ -8,6 +8,7 @@
 
 #include "foundation/Version.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/Median.h"
 #include "pipeline/base/NumberList.h"
 #include "pipeline/base/UnitCheck.h"
 #include "pipeline/frames/CountScale.h"
@@ -211,10 +212,7 @@ double Importer::typicalStep() const {
     std::vector<double> steps;
     for (std::size_t i = 1; i < m_frames.size(); ++i)
         steps.push_back(*m_frames[i].info.tilt - *m_frames[i - 1].info.tilt);
-    if (steps.empty()) return 0;
-    const auto middle = steps.begin() + static_cast<std::ptrdiff_t>(steps.size() / 2);
-    std::nth_element(steps.begin(), middle, steps.end());
-    return *middle;
+    return medianOf(std::move(steps));
 }
 
 /// Every \p sum neighbours, starting anew after a gap in the tilts.

@@ -4,12 +4,13 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <numbers>
+
+#include "pipeline/base/Angle.h"
+#include "pipeline/base/Median.h"
 
 namespace vrk {
 namespace {
 
-constexpr double kDegree = std::numbers::pi / 180.0;
 /// A reflection lies on a node within this part of a base vector.
 constexpr double kOnNode = 0.2;
 constexpr std::size_t kFewest = 6;
@@ -85,11 +86,6 @@ private:
         return spot.place - shift.x() * spot.across - Eigen::Vector3d(0.0, shift.y(), 0.0);
     }
 
-    static double medianOf(std::vector<double>& values) {
-        const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-        std::nth_element(values.begin(), middle, values.end());
-        return *middle;
-    }
     static std::pair<double, double> medianAndSigma(std::vector<double>& values) {
         constexpr double kSigmaOfMedian = 1.25;  // over that of the mean
         const double median = medianOf(values);

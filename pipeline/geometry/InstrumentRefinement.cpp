@@ -8,6 +8,8 @@
 #include <limits>
 #include <numbers>
 
+#include "pipeline/base/Median.h"
+
 namespace vrk {
 namespace {
 
@@ -137,10 +139,7 @@ private:
     }
 
     static double sigmaOf(std::vector<double> lengths) {
-        if (lengths.empty()) return kSmallestSigma;
-        const auto middle = lengths.begin() + static_cast<std::ptrdiff_t>(lengths.size() / 2);
-        std::nth_element(lengths.begin(), middle, lengths.end());
-        return std::max(*middle / kMedianOfChi3, kSmallestSigma);
+        return std::max(medianOf(std::move(lengths)) / kMedianOfChi3, kSmallestSigma);
     }
 
     MatrixXd normal(const State& state, const Terms& used, VectorXd& right) {

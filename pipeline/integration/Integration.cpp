@@ -5,9 +5,9 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
-#include <numbers>
 #include <tuple>
 
+#include "pipeline/base/Angle.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/Median.h"
 #include "pipeline/integration/DetectorModel.h"
@@ -16,7 +16,6 @@
 namespace vrk {
 namespace {
 
-constexpr double kDegree = std::numbers::pi / 180;
 /// Spots that tell the geometry stand out by so many standard deviations; fewer when it is known where they
 /// are.
 constexpr double kStrongSpot = 8;

@@ -4,15 +4,14 @@
 #include <Eigen/LU>
 #include <Eigen/SVD>
 #include <cmath>
-#include <numbers>
+
+#include "pipeline/base/Angle.h"
 
 namespace vrk {
 namespace {
 
 using Eigen::Matrix3d;
 using Eigen::Vector3d;
-
-constexpr double kDegree = std::numbers::pi / 180;
 
 Matrix3d inverseTransposed(const Matrix3d& matrix) {
     return matrix.inverse().transpose();

@@ -5,12 +5,11 @@
 #include <Eigen/SVD>
 #include <algorithm>
 #include <cmath>
-#include <numbers>
+
+#include "pipeline/base/Angle.h"
 
 namespace vrk {
 namespace {
-
-constexpr double kDegree = std::numbers::pi / 180.0;
 
 /// Base vectors of the direct cell as columns: a along x, b in the xy plane.
 Eigen::Matrix3d directBasis(const std::array<double, 6>& cell) {

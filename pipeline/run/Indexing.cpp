@@ -6,6 +6,7 @@
 #include <optional>
 #include <utility>
 
+#include "pipeline/base/Angle.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/run/Advice.h"
 #include "pipeline/run/SymmetryChoice.h"
@@ -45,7 +46,6 @@ std::vector<Eigen::Vector3d> indexedPositions(const RefinedPositions& refined) {
 }
 
 RecordedSpace recordedSpace(const ReciprocalVolume& volume, const Level& level, int sense) {
-    constexpr double kDegree = std::numbers::pi / 180.0;
     const SeriesFacts& facts = volume.facts;
     RecordedSpace space;
     space.tiltFirst = facts.tiltFirst * kDegree;

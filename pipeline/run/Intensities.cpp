@@ -4,26 +4,21 @@
 #include <Eigen/LU>
 #include <algorithm>
 #include <cmath>
-#include <numbers>
 #include <utility>
 #include <vector>
 
-#include "processing/ShadowMask.h"
+#include "pipeline/base/Angle.h"
+#include "pipeline/base/Median.h"
 
 namespace vrk {
 namespace {
 
-constexpr double kDegree = std::numbers::pi / 180.0;
-
-/// What a frame stands for: half the way to both its neighbours, the typical step at gaps.
+/// The median difference of neighbouring tilts: gaps do not count.
 double typicalStep(const std::vector<double>& tilts) {
     std::vector<double> steps;
     for (std::size_t i = 1; i < tilts.size(); ++i)
         steps.push_back(tilts[i] - tilts[i - 1]);
-    if (steps.empty()) return 0.0;
-    const auto middle = steps.begin() + static_cast<std::ptrdiff_t>(steps.size() / 2);
-    std::nth_element(steps.begin(), middle, steps.end());
-    return *middle;
+    return medianOf(std::move(steps));
 }
 
 FrameStack stackOf(const VoxMRCData& counts) {
@@ -80,13 +75,14 @@ SeriesGeometry geometryOf(const Indexed& indexed, const ReciprocalVolume& volume
 }
 
 Intensities measureIntensities(const Indexed& indexed, const ReciprocalVolume& volume, const TiltAxis& axis,
-                               const VoxMRCData& counts, const IntensityChoice& choice, Session& session) {
+                               const RecordedCounts& counts, const IntensityChoice& choice,
+                               Session& session) {
     const Stage stage(session, "intensities");
     IntegrationInput input;
-    input.frames = stackOf(counts);
-    if (const ShadowMask shadows(&counts); !shadows.empty())
-        input.frames.dead.assign(shadows.pixels(), shadows.pixels() + input.frames.pixels());
-    input.geometry = geometryOf(indexed, volume, axis, counts);
+    input.frames = stackOf(*counts.frames);
+    if (const unsigned char* shadows = counts.shadows.pixels())
+        input.frames.dead.assign(shadows, shadows + input.frames.pixels());
+    input.geometry = geometryOf(indexed, volume, axis, *counts.frames);
     input.centring = indexed.symmetry().centring;
     input.resolution = indexed.resolution;
     IntegrationOptions options;
@@ -97,7 +93,7 @@ Intensities measureIntensities(const Indexed& indexed, const ReciprocalVolume& v
 
     Intensities result;
     result.integration = integrate(std::move(input), options);
-    result.reduction = reduceData(result.integration.reflections, counts.GetDepth(),
+    result.reduction = reduceData(result.integration.reflections, counts.frames->GetDepth(),
                                   result.integration.fit.geometry.reciprocal, indexed.symmetry().centring,
                                   result.integration.dMin);
     for (const std::string& remark : result.integration.remarks)

@@ -24,6 +24,6 @@ SeriesGeometry geometryOf(const Indexed& indexed, const ReciprocalVolume& volume
 
 /// Integrates and reduces. Throws Failure as integrate() and reduceData() do.
 Intensities measureIntensities(const Indexed& indexed, const ReciprocalVolume& volume, const TiltAxis& axis,
-                               const VoxMRCData& counts, const IntensityChoice& choice, Session& session);
+                               const RecordedCounts& counts, const IntensityChoice& choice, Session& session);
 
 }  // namespace vrk

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <cmath>
 #include <functional>
-#include <numbers>
 #include <utility>
 
+#include "pipeline/base/Angle.h"
 #include "pipeline/base/OutputFile.h"
 #include "pipeline/formats/MeasuredIntensities.h"
 #include "pipeline/formats/ReflectionFormats.h"
@@ -14,7 +14,6 @@
 namespace vrk {
 namespace {
 
-constexpr double kDegree = std::numbers::pi / 180.0;
 /// A virtual frame covers this, degrees: more than the rocking curves of most reflections.
 constexpr double kVirtualFrame = 4.0;
 

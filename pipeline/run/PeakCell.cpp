@@ -5,10 +5,10 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <numbers>
 #include <string>
 
 #include "cellfinding/CalculateCellIOstuff.h"
+#include "pipeline/base/Angle.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/NumberText.h"
 #include "pipeline/base/OutputFile.h"
@@ -142,7 +142,6 @@ void refuseFlatLists(const Points& points) {
 /// The nodes of the lattice that have a point within the radius of the score. The curvature of the Ewald
 /// sphere is not known here; it matters at the rim of the recorded space alone.
 Completeness completenessOf(const PeakCell& cell, const PeakFileHead& head) {
-    constexpr double kDegree = std::numbers::pi / 180.0;
     RecordedSpace space;
     space.tiltFirst = head.firstTilt * kDegree;
     space.tiltLast = head.lastTilt * kDegree;

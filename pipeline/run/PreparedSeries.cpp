@@ -6,13 +6,12 @@
 
 #include "pipeline/base/LibraryStage.h"
 #include "pipeline/geometry/TiltAxisSearch.h"
-#include "pipeline/run/Preprocessing.h"
 #include "processing/VoxMRCstemProcessing.h"
 
 namespace vrk {
 
 CentredSeries centre(Series series, const CentreChoice& choice, bool keepCounts, Session& session) {
-    std::unique_ptr<VoxMRCData> counts;
+    RecordedCounts counts;
     MovedSeries moved =
         preprocessed(std::move(series.frames), choice, session, keepCounts ? &counts : nullptr);
     RadialNoise noise(*moved.frames);

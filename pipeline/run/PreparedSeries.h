@@ -10,6 +10,7 @@
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "pipeline/base/Session.h"
 #include "pipeline/geometry/CentreRefinement.h"
+#include "pipeline/run/Preprocessing.h"
 #include "pipeline/run/RadialNoise.h"
 #include "pipeline/run/Series.h"
 #include "processing/PatternCentre.h"
@@ -35,7 +36,7 @@ struct CentredSeries {
     std::vector<PatternCentre> centres = {};  ///< where the beam was in the frames as they came, pixels
     RecordedPixels recorded = {};             ///< before any rotation
     double rotation = 0.0;                    ///< by which the frames were turned since, degrees
-    std::unique_ptr<VoxMRCData> counts = {};  ///< before they were centred, without hot spots; null: not kept
+    RecordedCounts counts = {};               ///< before they were centred; without frames: not kept
 };
 /// \param keepCounts  the frames before they were centred are needed later
 CentredSeries centre(Series series, const CentreChoice& choice, bool keepCounts, Session& session);

@@ -71,7 +71,7 @@ MovedSeries movedToCentre(const VoxMRCData& frames, const FrameSize& before, con
     const double left = 0.5 * (size - before.width);
     const double top = 0.5 * (size - before.height);
     MovedSeries result;
-    ShadowMask shadows;
+    ShadowMask& shadows = result.shadows;
     if (choice.source == CentreChoice::Source::Search) {
         const Stage stage(session, "centre");
         const bool found = processing.findCentres(&frames, result.centres, &shadows);
@@ -97,7 +97,7 @@ MovedSeries movedToCentre(const VoxMRCData& frames, const FrameSize& before, con
 }
 
 MovedSeries preprocessed(std::unique_ptr<VoxMRCData> series, const CentreChoice& choice, Session& session,
-                         std::unique_ptr<VoxMRCData>* counts) {
+                         RecordedCounts* counts) {
     VoxMRCstemProcessing processing;
     processing.registerObserver(&session.progress());
     const FrameSize before(*series);
@@ -107,7 +107,7 @@ MovedSeries preprocessed(std::unique_ptr<VoxMRCData> series, const CentreChoice&
     }
     series = runStage(session, "hot spots", [&] { return processing.HotSpotFilterImageStack(series.get()); });
     MovedSeries moved = movedToCentre(*series, before, choice, session);
-    if (counts) *counts = std::move(series);
+    if (counts) *counts = {std::move(series), std::move(moved.shadows)};
     series.reset();
     moved.frames = runStage(session, "background", [&] {
         return processing.step1_BackgroundSubstraction(moved.frames.get(), moved.recorded);

@@ -11,6 +11,7 @@
 #include "pipeline/run/RunOptions.h"
 #include "processing/PatternCentre.h"
 #include "processing/RecordedPixels.h"
+#include "processing/ShadowMask.h"
 
 namespace vrk {
 
@@ -19,6 +20,13 @@ struct MovedSeries {
     std::unique_ptr<VoxMRCData> frames;
     std::vector<PatternCentre> centres;  ///< in the frames before they were moved
     RecordedPixels recorded;
+    ShadowMask shadows;  ///< of the frames before they were moved
+};
+
+/// Square frames as they were recorded, without hot spots: what intensities are measured on.
+struct RecordedCounts {
+    std::unique_ptr<VoxMRCData> frames;
+    ShadowMask shadows;
 };
 
 /// Width and height of frames before they were made square, pixels.
@@ -39,9 +47,9 @@ MovedSeries movedToCentre(const VoxMRCData& frames, const FrameSize& before, con
 
 /// Square frames, without hot spots, with the direct beam in the middle and the background taken off.
 /// The axis is where it was. Throws Failure when a step fails or the user stopped it.
-/// \param counts  receives the square frames before they were centred; may be null
+/// \param counts  receives the frames before they were centred; may be null
 MovedSeries preprocessed(std::unique_ptr<VoxMRCData> series, const CentreChoice& choice, Session& session,
-                         std::unique_ptr<VoxMRCData>* counts = nullptr);
+                         RecordedCounts* counts = nullptr);
 
 /// The calibrated pixel size (1/m) that a fine-calibration file gives for a stated one; 0, with a warning,
 /// when it has no line for it. Throws Failure when the file cannot be used.

@@ -179,7 +179,7 @@ std::optional<TiltAxis> searchedAxis(const CentredSeries& series, AxisChoice cho
 }
 
 /// Nothing, and a warning, where they cannot be measured: the lattice stands without them.
-std::optional<Intensities> intensitiesOf(const Attempt& best, const VoxMRCData& counts,
+std::optional<Intensities> intensitiesOf(const Attempt& best, const RecordedCounts& counts,
                                          const IntensityChoice& choice, Session& session) {
     try {
         return measureIntensities(best.indexed, best.volume, best.axis, counts, choice, session);
@@ -225,7 +225,7 @@ RunResult run(const std::filesystem::path& path, const RunOptions& options, Sess
     std::optional<Intensities> intensities;
     if (options.intensities.wanted)
         intensities = timed(
-            s.integrate, [&] { return intensitiesOf(*best, *centred.counts, options.intensities, session); });
+            s.integrate, [&] { return intensitiesOf(*best, centred.counts, options.intensities, session); });
     s.total = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     return {std::move(best->axis),    std::move(best->volume), std::move(best->lattice),
             std::move(best->indexed), std::move(intensities),  s};

@@ -9,6 +9,7 @@
 #include <numbers>
 #include <string>
 
+#include "pipeline/base/Angle.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/OutputFile.h"
 #include "pipeline/formats/CentreFile.h"
@@ -219,7 +220,6 @@ Json spaceGroupsJson(const SpaceGroupAnalysis& analysis) {
 }
 
 Json intensitiesJson(const Intensities& intensities) {
-    constexpr double kDegree = std::numbers::pi / 180.0;
     const IntegrationResult& integration = intensities.integration;
     const GeometryFit& fit = integration.fit;
     const DataReduction& reduction = intensities.reduction;

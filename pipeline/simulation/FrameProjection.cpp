@@ -1,14 +1,11 @@
 #include "pipeline/simulation/FrameProjection.h"
 
 #include <cmath>
-#include <numbers>
+
+#include "pipeline/base/Angle.h"
 
 namespace vrk {
-namespace {
-
-constexpr double kDegree = std::numbers::pi / 180;
-
-}  // namespace
+namespace {}  // namespace
 
 FrameProjection::FrameProjection(const SimulationSettings& settings, const SimulatedFrame& frame,
                                  double pixelSize)

@@ -3,10 +3,11 @@
 #include <cmath>
 #include <numbers>
 
+#include "pipeline/base/Angle.h"
+
 namespace vrk {
 namespace {
 
-constexpr double kDegree = std::numbers::pi / 180;
 /// Reflections farther than this many widths from the sphere are not recorded.
 constexpr double kReach = 4.5;
 /// Rocking width at which the given peak height is that of a reflection on the sphere, 1/Angstrom.

@@ -10,11 +10,14 @@
 
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "foundation/VRKLogger.h"
+#include "foundation/detail/Median.h"
 #include "foundation/detail/SingleThreadedOpenCV.h"
 #include "processing/detail/Frame.h"
 #include "tiltaxis/Reflex2d.h"
 
 namespace {
+
+using VRK::detail::medianOf;
 
 constexpr double kSmoothing = 1.0;
 constexpr int kCellSize = 32;
@@ -23,12 +26,6 @@ constexpr float kMinimumHeight = 1.0F;
 constexpr int kSmallestSpot = 3;
 constexpr int kLargestSpot = 400;
 constexpr double kBeamRadius = 0.05;  // of the frame's width
-
-float medianOf(std::vector<float>& values) {
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
 
 /// What a pattern looks like without its spots.
 class LocalBackground {

@@ -5,16 +5,14 @@
 #include <cmath>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <numbers>
 #include <tuple>
 
 #include "indexing/EwaldCurvature.h"
+#include "pipeline/base/Angle.h"
 #include "pipeline/base/NumberList.h"
 
 namespace vrk::detail {
 namespace {
-
-constexpr double kDegree = std::numbers::pi / 180;
 
 bool looksLikeFrames(const std::vector<long long>& shape) {
     constexpr long long mostFrames = 1000000;

@@ -25,7 +25,6 @@ json beamStopJson(const SimulationSettings& s) {
 }  // namespace
 
 json settingsJson(const SimulationSettings& s) {
-    constexpr std::array<const char*, 3> modes = {"continuous", "stepwise", "precession"};
     return {{"seed", s.seed},
             {"b_factor", s.bFactor},
             {"dmin", s.dmin},
@@ -36,7 +35,7 @@ json settingsJson(const SimulationSettings& s) {
             {"beam_along", vectorOrNull(s.orientation.beamAlong)},
             {"axis_along", vectorOrNull(s.orientation.axisAlong)},
             {"off_zone_deg", s.orientation.offZone},
-            {"mode", modes[static_cast<std::size_t>(s.mode)]},
+            {"mode", nameOf(s.mode)},
             {"frame_rotation_deg", frameRotation(s)},
             {"precession_angle_deg", s.precessionAngle},
             {"tilt_errors",

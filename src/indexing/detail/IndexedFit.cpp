@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <limits>
 
+#include "foundation/detail/Median.h"
+
 namespace VRK::detail {
 namespace {
 
@@ -49,9 +51,7 @@ std::optional<IndexedFit> fitIndexed(const std::vector<IndexedPosition>& reflect
     std::vector<double> distances;
     for (const IndexedPosition& one : used)
         distances.push_back(distance(one, *all));
-    const auto middle = distances.begin() + static_cast<std::ptrdiff_t>(distances.size() / 2);
-    std::nth_element(distances.begin(), middle, distances.end());
-    const double limit = kOutlier * *middle;
+    const double limit = kOutlier * medianOf(distances);
     used.erase(std::remove_if(used.begin(), used.end(),
                               [&](const IndexedPosition& one) { return distance(one, *all) > limit; }),
                used.end());

@@ -10,6 +10,7 @@
 #include <optional>
 #include <vector>
 
+#include "foundation/detail/Median.h"
 #include "processing/ImageOperations.h"
 
 namespace VRK::detail {
@@ -185,9 +186,7 @@ NormalEquations solve(const std::vector<Pair>& pairs, std::vector<float>& scratc
     scratch.clear();
     for (const Pair& p : pairs)
         scratch.push_back(std::abs(p.difference) / p.deviation);
-    const auto middle = scratch.begin() + static_cast<std::ptrdiff_t>(scratch.size() / 2);
-    std::nth_element(scratch.begin(), middle, scratch.end());
-    e.scale = std::max(1.4826 * *middle, 1e-3);
+    e.scale = std::max(1.4826 * medianOf(scratch), 1e-3);
     const double limit = 4.685 * e.scale;
     std::size_t inliers = 0;
     for (const Pair& p : pairs) {
@@ -250,12 +249,6 @@ std::vector<cv::Point2d> middlesOfPairs(const std::vector<cv::Point2f>& spots, c
         if (nearest) middles.push_back(0.5 * (cv::Point2d(spot) + cv::Point2d(*nearest)));
     }
     return middles;
-}
-
-float medianOf(std::vector<float>& values) {
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
 }
 
 }  // namespace

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "foundation/detail/Median.h"
+
 namespace VRK::detail {
 namespace {
 
@@ -64,12 +66,11 @@ void CentreSearch::decideByBeams() {
         m_centres[i] = m_candidates[i].front().centre;
         symmetries.push_back(m_centres[i].symmetry);
     }
-    const auto middle = symmetries.begin() + static_cast<std::ptrdiff_t>(symmetries.size() / 2);
-    std::nth_element(symmetries.begin(), middle, symmetries.end());
+    const double typical = symmetries.empty() ? 0.0 : medianOf(symmetries);
     for (std::size_t i = 0; i < m_centres.size(); ++i) {
         if (m_centres[i].found() || m_candidates[i].empty()) continue;
         const PatternCentre& beam = m_candidates[i].front().centre;
-        if (beam.symmetry > kAsSymmetric * *middle) m_centres[i] = beam;
+        if (beam.symmetry > kAsSymmetric * typical) m_centres[i] = beam;
     }
 }
 

@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "VoxCore/DataModel/detail/Transposed.h"
+#include "foundation/detail/Median.h"
 
 namespace VRK::detail {
 namespace {
@@ -15,12 +16,6 @@ constexpr int kWidest = 6;
 /// Natural logarithm of a row's counts over those of its neighbours.
 constexpr double kLeastStep = 0.1;
 constexpr double kSignificant = 8.0;  // standard deviations
-
-double medianOf(std::vector<double> values) {
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
 
 /// Natural logarithms of the counts in the segments of each row.
 std::vector<std::vector<double>> segmentsOf(const std::vector<float>& values, int width, int height,

@@ -7,6 +7,7 @@
 #include <span>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
+#include "foundation/detail/Median.h"
 
 namespace VRK::detail {
 namespace {
@@ -23,11 +24,10 @@ std::vector<const short*> patternsOf(const VoxMRCData& series) {
         sums.push_back(std::accumulate(pixels, pixels + area, std::int64_t{0}));
     }
     std::vector<std::int64_t> sorted = sums;
-    const auto middle = sorted.begin() + static_cast<std::ptrdiff_t>(sorted.size() / 2);
-    std::nth_element(sorted.begin(), middle, sorted.end());
+    const std::int64_t typical = medianOf(sorted);
     std::vector<const short*> shown;
     for (unsigned z = 0; z < series.GetDepth(); ++z)
-        if (sums[z] > *middle / 10) shown.push_back(series.GetChunkPointer(z));
+        if (sums[z] > typical / 10) shown.push_back(series.GetChunkPointer(z));
     std::size_t count = std::min(shown.size(), kMostPatterns);
     if (count > kGroup) count -= count % kGroup;
     std::vector<const short*> chosen;
@@ -59,9 +59,7 @@ double countsOf(const std::vector<float>& values, int width) {
         if (sum > 0) deviations.push_back(std::abs(values[i] - values[i + 1]) / std::sqrt(sum));
     }
     if (deviations.empty()) return 0;
-    const auto middle = deviations.begin() + static_cast<std::ptrdiff_t>(deviations.size() / 2);
-    std::nth_element(deviations.begin(), middle, deviations.end());
-    const double sigma = std::max(1.4826 * *middle, 1e-3);
+    const double sigma = std::max(1.4826 * medianOf(deviations), 1e-3);
     return 1 / (sigma * sigma);
 }
 
