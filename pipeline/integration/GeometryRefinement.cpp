@@ -1,13 +1,12 @@
 #include "pipeline/integration/GeometryRefinement.h"
 
-#include <Eigen/Cholesky>
-#include <Eigen/Eigenvalues>
 #include <Eigen/LU>
 #include <algorithm>
 #include <cmath>
 #include <numbers>
 
 #include "pipeline/base/Median.h"
+#include "pipeline/base/SymmetricSystem.h"
 
 namespace vrk {
 namespace {
@@ -413,8 +412,7 @@ double Refiner::iterate() {
     const std::vector<Index> columns = activeColumns();
     const MatrixXd matrix = normal.matrix(columns, columns);
     const VectorXd right = normal.right(columns);
-    const Eigen::LDLT<MatrixXd> solver(matrix);
-    const VectorXd solution = solver.solve(right);
+    const VectorXd solution = SymmetricSystem(matrix).solve(right);
     if (!solution.allFinite()) return 0;
     VectorXd step = VectorXd::Zero(size());
     double largest = 0;
@@ -501,8 +499,9 @@ bool Refiner::determined(int column) const {
     for (std::size_t i = 0; i < m_strains.size(); ++i)
         basis.col(static_cast<Index>(i)) = m_strains[i].reshaped();
     const VectorXd target = along.reshaped();
-    const VectorXd left =
-        target - basis * (basis.transpose() * basis).ldlt().solve(basis.transpose() * target);
+    const VectorXd share = SymmetricSystem(propagated(basis.transpose(), MatrixXd::Identity(9, 9)))
+                               .solve(basis.transpose() * target);
+    const VectorXd left = target - basis * share;
     return left.norm() > 0.4 * target.norm();
 }
 
@@ -518,7 +517,7 @@ void Refiner::takeUp(const std::string& name) {
 bool Refiner::takeUpTerm() {
     const Normal normal = linearise();
     const std::vector<Index> columns = activeColumns();
-    const Eigen::LDLT<MatrixXd> solver(MatrixXd(normal.matrix(columns, columns)));
+    const SymmetricSystem solver(normal.matrix(columns, columns));
     const VectorXd right = normal.right(columns);
     double best = std::max(kSignificantTerm, kWorthwhileTerm * normal.squares);
     const Term* chosen = nullptr;
@@ -545,8 +544,7 @@ void Refiner::takeUpTilts() {
     m_tiltsActive = true;
     const std::vector<Index> columns = activeColumns();
     m_tiltsActive = false;
-    const VectorXd solution = Eigen::LDLT<MatrixXd>(MatrixXd(normal.matrix(columns, columns)))
-                                  .solve(VectorXd(normal.right(columns)));
+    const VectorXd solution = SymmetricSystem(normal.matrix(columns, columns)).solve(normal.right(columns));
     const auto count = static_cast<double>(m_frames);
     const double gain = solution.dot(VectorXd(normal.right(columns)));
     // As many as there are frames are free; what they gain by chance scatters by the root of twice that.
@@ -555,9 +553,7 @@ void Refiner::takeUpTilts() {
     for (int round = 0; round < 6; ++round) {
         iterate();
         normal = linearise();
-        const MatrixXd inverse = Eigen::LDLT<MatrixXd>(MatrixXd(normal.matrix(columns, columns)))
-                                     .solve(MatrixXd::Identity(static_cast<Index>(columns.size()),
-                                                               static_cast<Index>(columns.size())));
+        const MatrixXd inverse = SymmetricSystem(normal.matrix(columns, columns)).inverse();
         const double spread =
             (m_tiltShift.squaredNorm() + inverse.diagonal().tail(static_cast<Index>(m_frames)).sum()) / count;
         m_tiltPrior = std::clamp(std::sqrt(spread), 1e-5, 0.02);
@@ -592,8 +588,7 @@ GeometryFit Refiner::result() {
     const Normal normal = linearise();
     const std::vector<Index> columns = activeColumns();
     const auto count = static_cast<Index>(columns.size());
-    const MatrixXd covariance = Eigen::LDLT<MatrixXd>(MatrixXd(normal.matrix(columns, columns)))
-                                    .solve(MatrixXd::Identity(count, count));
+    const MatrixXd covariance = SymmetricSystem(normal.matrix(columns, columns)).inverse();
     fit.geometry = m_geometry;
     fit.rocking = m_rocking;
     fit.cell = m_geometry.cell();
@@ -625,10 +620,8 @@ GeometryFit Refiner::result() {
         for (std::size_t c = 0; c < 6; ++c)
             cellByStrain(static_cast<Index>(c), static_cast<Index>(i)) = (up[c] - down[c]) / (2 * kStep);
     }
-    const Eigen::Matrix<double, 6, 6> strainCovariance =
-        full.block<6, 6>(FrameView::Strain, FrameView::Strain);
-    const Eigen::Matrix<double, 6, 6> cellCovariance =
-        cellByStrain * strainCovariance * cellByStrain.transpose();
+    const MatrixXd cellCovariance =
+        propagated(cellByStrain, full.block<6, 6>(FrameView::Strain, FrameView::Strain));
     for (std::size_t c = 0; c < 6; ++c) {
         const double variance = cellCovariance(static_cast<Index>(c), static_cast<Index>(c));
         fit.cellSigma[c] = variance > 1e-20 ? std::sqrt(variance) : 0;

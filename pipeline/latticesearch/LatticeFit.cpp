@@ -1,13 +1,12 @@
 #include "pipeline/latticesearch/LatticeFit.h"
 
-#include <Eigen/Cholesky>
-#include <Eigen/Eigenvalues>
 #include <Eigen/LU>
 #include <algorithm>
 #include <cmath>
 #include <limits>
 
 #include "pipeline/base/Median.h"
+#include "pipeline/base/SymmetricSystem.h"
 
 namespace vrk {
 namespace {
@@ -18,7 +17,7 @@ using Matrix4 = Eigen::Matrix4d;
 /// basis.
 Vector7 directCellDeviations(const Eigen::Matrix3d& basis, const Eigen::Matrix3d& toReciprocalConventional,
                              const Matrix12& covariance) {
-    Eigen::Matrix<double, 7, 9> derivatives;
+    Eigen::MatrixXd derivatives(7, 9);
     const double step = 1e-6 * basis.cwiseAbs().maxCoeff();
     for (Eigen::Index i = 0; i < 9; ++i) {
         Eigen::Matrix3d up = basis, down = basis;
@@ -28,9 +27,7 @@ Vector7 directCellDeviations(const Eigen::Matrix3d& basis, const Eigen::Matrix3d
                               directCellAndVolume(down * toReciprocalConventional)) /
                              (2.0 * step);
     }
-    const Eigen::Matrix<double, 7, 7> cell =
-        derivatives * covariance.topLeftCorner<9, 9>() * derivatives.transpose();
-    return cell.diagonal().cwiseMax(0.0).cwiseSqrt();
+    return propagated(derivatives, covariance.topLeftCorner<9, 9>()).diagonal().cwiseMax(0.0).cwiseSqrt();
 }
 
 /// Median length of a vector of three independent standard normal numbers.
@@ -113,7 +110,11 @@ struct NormalSums {
 
 /// The model without ties that has the least sum of squares.
 Matrix34 solved(const NormalSums& sums) {
-    return sums.nodes.ldlt().solve(sums.mixed.transpose()).transpose();
+    const SymmetricSystem system(sums.nodes);
+    Matrix34 model;
+    for (Eigen::Index i = 0; i < 3; ++i)
+        model.row(i) = system.solve(sums.mixed.row(i));
+    return model;
 }
 
 NormalSums normalSums(const Selection& chosen, const std::vector<double>& weights) {
@@ -129,37 +130,29 @@ bool determined(const Matrix4& nodes) {
     if (!(diagonal.minCoeff() > 0.0)) return false;
     const Eigen::Vector4d scale = diagonal.cwiseSqrt().cwiseInverse();
     const Matrix4 scaled = scale.asDiagonal() * nodes * scale.asDiagonal();
-    return Eigen::SelfAdjointEigenSolver<Matrix4>(scaled, Eigen::EigenvaluesOnly).eigenvalues()(0) > 1e-9;
+    return smallestEigenvalue(scaled) > 1e-9;
 }
 
 /// The weight matrix of the twelve numbers that goes with the sums over the nodes.
-Matrix12 expand(const Matrix4& nodes) {
-    Matrix12 full = Matrix12::Zero();
-    for (int i = 0; i < 4; ++i)
-        for (int j = 0; j < 4; ++j)
-            full.block<3, 3>(3 * i, 3 * j) = nodes(i, j) * Eigen::Matrix3d::Identity();
+Eigen::MatrixXd expand(const Matrix4& nodes) {
+    Eigen::MatrixXd full = Eigen::MatrixXd::Zero(12, 12);
+    for (Eigen::Index i = 0; i < 4; ++i)
+        for (Eigen::Index j = 0; j < 4; ++j)
+            full.block<3, 3>(3 * i, 3 * j).diagonal().setConstant(nodes(i, j));
     return full;
-}
-
-/// The inverse of DᵀWD with its rows and columns brought to one scale first.
-Eigen::MatrixXd scaledInverse(const Eigen::MatrixXd& matrix) {
-    const Eigen::VectorXd scale = matrix.diagonal().cwiseMax(1e-300).cwiseSqrt().cwiseInverse();
-    const Eigen::MatrixXd scaled = scale.asDiagonal() * matrix * scale.asDiagonal();
-    const Eigen::MatrixXd inverse =
-        scaled.ldlt().solve(Eigen::MatrixXd::Identity(matrix.rows(), matrix.cols()));
-    return scale.asDiagonal() * inverse * scale.asDiagonal();
 }
 
 /// The lattice under the ties that is nearest to the free solution in the metric of the fit: the same as
 /// least squares under the ties, since the fit is linear in the free lattice.
 Matrix34 applyTies(const CellTies& ties, const Matrix34& freeModel, const Matrix4& nodes) {
     TiedLattice tied(ties, freeModel);
-    const Matrix12 weight = expand(nodes);
+    const Eigen::MatrixXd weight = expand(nodes);
     for (int round = 0; round < 25; ++round) {
-        const auto d = tied.derivatives();
-        const Eigen::Matrix<double, 12, 1> off = flattened(freeModel) - flattened(tied.model());
+        const Eigen::MatrixXd d = tied.derivatives();
+        const Eigen::VectorXd off = flattened(freeModel) - flattened(tied.model());
+        const Eigen::VectorXd pull = weight * off;
         const Eigen::VectorXd step =
-            scaledInverse(d.transpose() * weight * d) * (d.transpose() * weight * off);
+            scaledInverse(propagated(d.transpose(), weight)) * Eigen::VectorXd(d.transpose() * pull);
         if (!step.allFinite()) break;
         tied.move(step);
         if ((d * step).cwiseAbs().maxCoeff() < 1e-12 * freeModel.cwiseAbs().maxCoeff()) break;
@@ -270,8 +263,8 @@ void addCovariance(std::span<const FitPoint> points, const CellTies& ties, Latti
         psi2 += w * w * length * length / 3.0;
         divergence += w - 4.0 / 3.0 * u2 * (1.0 - u2);
     }
-    const Matrix12 weight = expand(normalSums(chosen, chosen.prior).nodes);
-    Eigen::MatrixXd derivatives = Matrix12::Identity();
+    const Eigen::MatrixXd weight = expand(normalSums(chosen, chosen.prior).nodes);
+    Eigen::MatrixXd derivatives = Eigen::MatrixXd::Identity(12, 12);
     if (ties.any) derivatives = TiedLattice(ties, model).derivatives();
     const double count = static_cast<double>(lengths.size());
     const double freedom = 3.0 * count - static_cast<double>(derivatives.cols());
@@ -280,8 +273,8 @@ void addCovariance(std::span<const FitPoint> points, const CellTies& ties, Latti
         return;
     }
     const double variance = (psi2 / count) / std::pow(divergence / count, 2) * (3.0 * count / freedom);
-    fit.covariance = variance * derivatives * scaledInverse(derivatives.transpose() * weight * derivatives) *
-                     derivatives.transpose();
+    fit.covariance =
+        variance * propagated(derivatives, scaledInverse(propagated(derivatives.transpose(), weight)));
 }
 
 LatticeFit fitFrom(std::span<const FitPoint> points, Lattice lattice, std::span<const double> radii,

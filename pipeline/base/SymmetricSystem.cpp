@@ -1,0 +1,31 @@
+#include "pipeline/base/SymmetricSystem.h"
+
+#include <Eigen/Eigenvalues>
+
+namespace vrk {
+
+SymmetricSystem::SymmetricSystem(const Eigen::MatrixXd& matrix) : m_factors(matrix) {}
+
+Eigen::VectorXd SymmetricSystem::solve(const Eigen::VectorXd& right) const {
+    return m_factors.solve(right);
+}
+
+Eigen::MatrixXd SymmetricSystem::inverse() const {
+    return m_factors.solve(Eigen::MatrixXd::Identity(m_factors.rows(), m_factors.cols()));
+}
+
+Eigen::MatrixXd scaledInverse(const Eigen::MatrixXd& matrix) {
+    const Eigen::VectorXd scale = matrix.diagonal().cwiseMax(1e-300).cwiseSqrt().cwiseInverse();
+    const Eigen::MatrixXd scaled = scale.asDiagonal() * matrix * scale.asDiagonal();
+    return scale.asDiagonal() * SymmetricSystem(scaled).inverse() * scale.asDiagonal();
+}
+
+double smallestEigenvalue(const Eigen::MatrixXd& matrix) {
+    return Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd>(matrix, Eigen::EigenvaluesOnly).eigenvalues()(0);
+}
+
+Eigen::MatrixXd propagated(const Eigen::MatrixXd& derivatives, const Eigen::MatrixXd& covariance) {
+    return derivatives * covariance * derivatives.transpose();
+}
+
+}  // namespace vrk
