@@ -2,7 +2,9 @@
 
 #include "pictures/CentrePicture.h"
 #include "pictures/DifferenceVectorPicture.h"
+#include "pictures/IntensityPlots.h"
 #include "pictures/Pictures.h"
+#include "pictures/SpotPictures.h"
 
 namespace vrk::app {
 
@@ -13,6 +15,11 @@ void drawRunPictures(const RunResult& result, const std::filesystem::path& folde
     writeCentrePicture(result.volume.tilts, result.volume.centres, folder / "centres.png");
     writeSections(*result.volume.voxels, result.indexed.conventionalCell(), SectionOptions(), folder);
     writeProjections(*result.volume.voxels, false, folder);
+    if (!result.intensities || !result.counts.frames) return;
+    writeSpotPictures(result, folder);
+    const std::filesystem::path plots = folder / "plots";
+    std::filesystem::create_directories(plots);
+    writeIntensityPlots(*result.intensities, plots);
 }
 
 }  // namespace vrk::app

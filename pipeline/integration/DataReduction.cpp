@@ -77,6 +77,7 @@ DataReduction reduceData(std::span<const IntegratedReflection> reflections, std:
     data.statistics = mergingStatistics(data.observations, rotations, reciprocal, centring, dMin);
     data.friedelStatistics =
         mergingStatistics(data.observations, {IndexRotation()}, reciprocal, centring, dMin);
+    data.wilson = wilsonPlot(data.merged);
     data.spaceGroups = analyseSpaceGroups(data.merged, rotations, centring);
     return data;
 }

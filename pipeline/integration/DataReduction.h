@@ -10,6 +10,7 @@
 #include "pipeline/integration/Merging.h"
 #include "pipeline/integration/Scaling.h"
 #include "pipeline/integration/SpaceGroups.h"
+#include "pipeline/integration/WilsonPlot.h"
 
 namespace vrk {
 
@@ -24,6 +25,7 @@ struct DataReduction {
     std::vector<MergedReflection> merged;
     MergingStatistics statistics;
     MergingStatistics friedelStatistics;  ///< of the same observations merged in -1
+    WilsonPlot wilson;
     SpaceGroupAnalysis spaceGroups;
 };
 

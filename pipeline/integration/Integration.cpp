@@ -303,6 +303,9 @@ void Integrator::refine() {
         options.tilts = round > 1 && m_options.refine;
         const double widthBefore = m_rocking.width;
         m_result.fit = refineGeometry(m_geometry, m_rocking, prediction, measured, centroids, options);
+        m_result.places.clear();
+        for (const SpotCentroid& centroid : centroids)
+            m_result.places.push_back({prediction.spots[centroid.spot].frame, centroid.x, centroid.y});
         const double farthest = settle(m_result.fit, prediction);
         search = std::clamp(4 * m_result.fit.residual, 2.0, search);
         if (round > 1 && farthest < kSettledPixels &&

@@ -68,9 +68,17 @@ struct IntegratedReflection {
     }
 };
 
+/// Where a frame shows a spot.
+struct ObservedPlace {
+    std::uint32_t frame = 0;
+    float x = 0;  ///< pixels
+    float y = 0;
+};
+
 struct IntegrationResult {
     GeometryFit fit;
-    SeriesGeometry start;  ///< as it was given
+    std::vector<ObservedPlace> places;  ///< of the spots that the geometry was refined on
+    SeriesGeometry start;               ///< as it was given
     NoiseModel noise;
     SpotExtent extent;
     RadialShape shape;

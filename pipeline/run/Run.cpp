@@ -196,7 +196,7 @@ RunResult run(const std::filesystem::path& path, const RunOptions& options, Sess
     const auto start = std::chrono::steady_clock::now();
     RunSeconds s;
     Series series = timed(s.read, [&] { return loadSeries(path, options, session); });
-    const CentredSeries centred = timed(s.preprocess, [&] {
+    CentredSeries centred = timed(s.preprocess, [&] {
         return centre(std::move(series), options.centre, options.intensities.wanted, session);
     });
     TiltAxis axis = timed(s.tiltAxis, [&] { return findAxis(centred, options.axis, session); });
@@ -227,8 +227,8 @@ RunResult run(const std::filesystem::path& path, const RunOptions& options, Sess
         intensities = timed(
             s.integrate, [&] { return intensitiesOf(*best, centred.counts, options.intensities, session); });
     s.total = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    return {std::move(best->axis),    std::move(best->volume), std::move(best->lattice),
-            std::move(best->indexed), std::move(intensities),  s};
+    return {std::move(best->axis),    std::move(best->volume),   std::move(best->lattice),
+            std::move(best->indexed), std::move(centred.counts), std::move(intensities), s};
 }
 
 }  // namespace vrk

@@ -23,6 +23,7 @@ struct RunResult {
     ReciprocalVolume volume;  ///< with the facts of the series
     LatticeChoice lattice;    ///< as found, relative to the centre of the volume
     Indexed indexed;
+    RecordedCounts counts;                   ///< the frames that they were measured on; otherwise none
     std::optional<Intensities> intensities;  ///< measured on the frames, where wanted and possible
     RunSeconds seconds;
 

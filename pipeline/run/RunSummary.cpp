@@ -258,6 +258,10 @@ Json intensitiesJson(const Intensities& intensities) {
     json["shells"] = Json::array();
     for (const ShellStatistics& shell : reduction.statistics.shells)
         json["shells"].push_back(shellJson(shell));
+    json["wilson"] = {{"b", reduction.wilson.b}, {"bins", Json::array()}};
+    for (const WilsonBin& bin : reduction.wilson.bins)
+        json["wilson"]["bins"].push_back(
+            {{"s2", bin.s2}, {"ln_i", bin.lnIntensity}, {"reflections", bin.reflections}});
     json["friedel_r_int"] = reduction.friedelStatistics.overall.rInt;
     return json;
 }

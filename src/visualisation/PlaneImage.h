@@ -35,12 +35,18 @@ struct ImageOverlay {
         std::string label;
         bool arrow = true;
     };
-    /// A small ring.
+    /// A ring.
     struct Node {
+        double x, y;
+        double radius = 5.0;
+    };
+    /// A small cross, in a colour of its own.
+    struct Cross {
         double x, y;
     };
 
     std::string title;
     std::vector<Line> lines;
     std::vector<Node> nodes;
+    std::vector<Cross> crosses;
 };

@@ -89,8 +89,17 @@ void drawArrowHead(cv::Mat& canvas, const ImageOverlay::Line& line, const cv::Sc
 void draw(cv::Mat& canvas, const ImageOverlay& overlay) {
     const cv::Scalar nodeColour(90, 200, 90);
     const cv::Scalar lineColour(80, 170, 255);
+    const cv::Scalar crossColour(200, 110, 240);
     for (const ImageOverlay::Node& node : overlay.nodes)
-        cv::circle(canvas, fine(node.x, node.y), 5 * 16, nodeColour, 1, cv::LINE_AA, kFineBits);
+        cv::circle(canvas, fine(node.x, node.y), cvRound(node.radius * 16.0), nodeColour, 1, cv::LINE_AA,
+                   kFineBits);
+    for (const ImageOverlay::Cross& cross : overlay.crosses) {
+        constexpr double kArm = 3.0;
+        cv::line(canvas, fine(cross.x - kArm, cross.y), fine(cross.x + kArm, cross.y), crossColour, 1,
+                 cv::LINE_AA, kFineBits);
+        cv::line(canvas, fine(cross.x, cross.y - kArm), fine(cross.x, cross.y + kArm), crossColour, 1,
+                 cv::LINE_AA, kFineBits);
+    }
     for (const ImageOverlay::Line& line : overlay.lines) {
         cv::line(canvas, fine(line.x0, line.y0), fine(line.x1, line.y1), lineColour, 1, cv::LINE_AA,
                  kFineBits);
@@ -117,7 +126,8 @@ bool VoxOpenCV::SaveImage(const PlaneImage& image, const std::string& path, cons
     if (isEmpty(image)) return fail(path, "the image is empty");
     const VRK::detail::SingleThreadedOpenCV singleThreaded;
     const cv::Mat grey = greyScaled(image);
-    if (overlay.title.empty() && overlay.lines.empty() && overlay.nodes.empty()) return save(grey, path);
+    if (overlay.title.empty() && overlay.lines.empty() && overlay.nodes.empty() && overlay.crosses.empty())
+        return save(grey, path);
     cv::Mat canvas;
     cv::cvtColor(grey, canvas, cv::COLOR_GRAY2BGR);
     draw(canvas, overlay);

@@ -11,12 +11,14 @@
 #include <fstream>
 #include <functional>
 #include <nlohmann/json.hpp>
+#include <opencv2/imgcodecs.hpp>
 #include <set>
 #include <sstream>
 #include <thread>
 
 #include "VoxCore/IO/VoxMRCFileHandler.h"
 #include "app/RunVrk.h"
+#include "pipeline/base/NumberText.h"
 #include "pipeline/simulation/Simulation.h"
 #include "support/TemporaryFolder.h"
 
@@ -96,11 +98,51 @@ protected:
         return runVrk(arguments);
     }
 
+    void expectRingsRoundTheSpots(int frame) const;
+
     static std::unique_ptr<VoxMRCData> series;
     TemporaryFolder folder;
 };
 
 std::unique_ptr<VoxMRCData> RunCommandTest::series;
+
+/// The picture of a frame has a green ring about every bright spot that frames.csv lists for it, none of them
+/// filled.
+void RunCommandTest::expectRingsRoundTheSpots(int frame) const {
+    const cv::Mat picture = cv::imread(folder / vrk::formatted("result/frame_%03d.png", frame));
+    ASSERT_FALSE(picture.empty());
+    const int zoom = picture.cols / static_cast<int>(width());
+    const auto isRing = [&](double x, double y) {
+        const auto colour =
+            picture.at<cv::Vec3b>(static_cast<int>(std::lround(y)), static_cast<int>(std::lround(x)));
+        return colour[1] > colour[0] + 40 && colour[1] > colour[2] + 40;
+    };
+    std::istringstream rows(folder.read("result/frames.csv"));
+    std::string row;
+    std::getline(rows, row);
+    int spots = 0, ringed = 0, filled = 0;
+    while (std::getline(rows, row)) {
+        std::array<double, 9> v{};
+        std::replace(row.begin(), row.end(), ',', ' ');
+        std::istringstream words(row);
+        for (double& value : v)
+            words >> value;
+        const double x = (v[7] + 0.5) * zoom - 0.5, y = (v[8] + 0.5) * zoom - 0.5;
+        if (static_cast<int>(v[3]) != frame || v[4] < 10 * v[5] || x < 30 || y < 30 ||
+            x > picture.cols - 30 || y > picture.rows - 80)
+            continue;
+        ++spots;
+        bool found = false;
+        for (double radius = 4; radius < 80 && !found; radius += 0.5)
+            found = isRing(x + radius, y) && isRing(x - radius, y) && isRing(x, y + radius) &&
+                    isRing(x, y - radius);
+        ringed += found;
+        filled += isRing(x, y);
+    }
+    EXPECT_GT(spots, 5);
+    EXPECT_GE(ringed, spots * 9 / 10) << "of " << spots;
+    EXPECT_LE(filled, spots / 5);
+}
 
 TEST_F(RunCommandTest, FindsTheCellAndWritesEveryFile) {
     write(*series, folder / "series.mrc");
@@ -114,6 +156,9 @@ TEST_F(RunCommandTest, FindsTheCellAndWritesEveryFile) {
          {"volume.mrc", "peaks.txt", "cell.txt", "reflections.hkl", "summary.json", "vrk.log", "hk0.png",
           "h0l.png", "0kl.png", "projection_x.png", "projection_y.png", "projection_z.png"})
         EXPECT_TRUE(names.contains(name)) << name;
+    for (const char* plot : {"intensities.plt", "rocking_curves.plt"})
+        EXPECT_TRUE(names.contains("plots") && filesIn(folder / "result/plots").contains(plot)) << plot;
+    expectRingsRoundTheSpots(31);
 
     const std::string log = folder.read("result/vrk.log");
     EXPECT_EQ(log.rfind("vrk ", 0), 0U) << "the version comes first";

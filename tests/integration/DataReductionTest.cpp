@@ -178,6 +178,25 @@ TEST(MergingTest, numbersAreThoseOfTheirDefinitions) {
     EXPECT_NEAR(all.rMeas, std::sqrt(2.0) * all.rInt, 1e-9);
 }
 
+TEST(WilsonPlotTest, FindsTheFallOffOfTheIntensities) {
+    std::mt19937 random(3);
+    std::uniform_real_distribution<double> s(0.05, 0.6);
+    std::exponential_distribution<double> intensity(1.0);
+    std::vector<MergedReflection> list(4000);
+    for (MergedReflection& one : list) {
+        const double half = s(random);
+        one.spacing = 1 / (2 * half);
+        one.intensity = 500 * intensity(random) * std::exp(-2 * 3.5 * half * half);
+    }
+    const WilsonPlot plot = wilsonPlot(list);
+    EXPECT_NEAR(plot.b, 3.5, 0.35);
+    EXPECT_NEAR(plot.lnScale, std::log(500.0), 0.1);
+    ASSERT_EQ(plot.bins.size(), 20U);
+    EXPECT_EQ(plot.bins.front().reflections, 200);
+    EXPECT_LT(plot.bins.front().s2, plot.bins.back().s2);
+    EXPECT_EQ(wilsonPlot(std::span(list).first(30)).b, 0) << "one bin makes no line";
+}
+
 TEST(MergingTest, ccHalfIsThatOfRandomHalves) {
     std::mt19937 random(6);
     std::normal_distribution<double> normal;
