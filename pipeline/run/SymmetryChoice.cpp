@@ -43,6 +43,7 @@ RefinedInstrument refinedInstrument(const SymmetryInput& input, const Lattice& f
     settings.sense = sense;
     settings.tolerance = input.tolerance;
     settings.ties = ties;
+    settings.known = input.known;
     return refineInstrument(input.positions, input.tilts, from, input.centre, settings);
 }
 
