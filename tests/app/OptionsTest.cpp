@@ -131,7 +131,7 @@ const std::vector<Command> kCommands = {
       {"--pixel-size 1.5e8", "/frame/pixel_size=1.5e8"},
       {"--voltage 60", "/series/0/residual_px!"},
       {"--log l.txt", "l.txt?"}},
-     ""},
+     "--distortion"},
     {"reconstruct clean.mrc -o v.mrc --json",
      {{"--fine-calibration cal.txt", "/pixel_size=1.7e8"},
       {"--fine-pixel-size 3e8", "/pixel_size=3e8"},
@@ -272,24 +272,19 @@ const std::vector<Command> kCommands = {
      "",
      false}};
 
-class OptionsTest : public testing::TestWithParam<Command>{
-    protected :
-        /// A C-centred crystal in a series whose axis is stated, and all that the stages make of it.
-        static void SetUpTestSuite(){folder = std::make_unique<TemporaryFolder>();
-folder->write("cal.txt", "166666672 1.7e8\n");
+class OptionsTest : public testing::TestWithParam<Command> {
+protected:
+    /// A C-centred crystal in a series whose axis is stated, and all that the stages make of it.
+    static void SetUpTestSuite() {
+        folder = std::make_unique<TemporaryFolder>();
+        folder->write("cal.txt", "166666672 1.7e8\n");
         folder->write("d.json",
-                      R"({"format": "vrk instrument geometry", "version": 1, "frame": {"x": "right",
-                          "y": "down", "azimuth": "from x towards y", "axis": "along (-sin t, cos t)",
-                          "width_px": 128, "pixel_size": 166666672
-        }
-        , "ellipse" : {"value" : 0.02, "su" : 0},
-                      "ellipse_azimuth_deg" : {"value" : 30, "su" : 0},
-                                              "tilt_scale" : {"value" : 1, "su" : 0},
-                                                             "axis_angle_deg" : {"value" : 6, "su" : 0},
-                                                                                "pixel_scale" : {
-            "value" : 1.01, "su" : 0
-        }
-        })");
+                      R"json({"format": "vrk instrument geometry", "version": 1,
+                      "frame": {"x": "right", "y": "down", "azimuth": "from x towards y",
+                                "axis": "along (-sin t, cos t)", "width_px": 128, "pixel_size": 166666672},
+                      "ellipse": {"value": 0.004, "su": 0}, "ellipse_azimuth_deg": {"value": 30, "su": 0},
+                      "tilt_scale": {"value": 1, "su": 0}, "axis_angle_deg": {"value": 6, "su": 0},
+                      "pixel_scale": {"value": 1.01, "su": 0}})json");
         folder->write("salt.cif",
                       "data_salt\n_cell_length_a 5.64\n_cell_length_b 5.64\n_cell_length_c 5.64\n"
                       "_cell_angle_alpha 90\n_cell_angle_beta 90\n_cell_angle_gamma 90\n"
@@ -298,159 +293,151 @@ folder->write("cal.txt", "166666672 1.7e8\n");
         folder->write("known.txt",
                       "#VRKCELLVERSION 2\n# v\n200 0 0\n0 100 0\n0 0 50\n# r\n200 100 50\n90 90 90 \n"
                       "# d\n5 10 20\n90 90 90 \n");
+    }
+    void SetUp() override {
+        if (!GetParam().ofCrystal || std::filesystem::exists(*folder / "cell.txt")) return;
+        for (const char* line :
+             {"simulate -o series.mrc --cell 5.2,6.1,4.6,90,105,90 --centring C --size 128 --dmin 1 "
+              "--seed 4 "
+              "--tilts -60:60:3 --axis 6 --write-axis --hot-pixels 9 --drift 2",
+              "preprocess series.mrc -o clean.mrc --rotate header", "reconstruct clean.mrc -o volume.mrc",
+              "peaks volume.mrc -o peaks.txt --threshold 30 --zero-beam 8", "cell peaks.txt -o cell.txt"})
+            ASSERT_EQ(vrk(line).exitCode, 0) << line;
+    }
+    static void TearDownTestSuite() { folder.reset(); }
+
+    static VrkResult vrk(const std::string& line) { return runVrkLine(line, *folder / "."); }
+
+    /// The contents of a file, without what differs from run to run.
+    static std::string contents(const std::string& name) {
+        std::string text = folder->read(name);
+        if (!name.ends_with(".log")) return text;
+        std::istringstream lines(text);
+        text.clear();
+        for (std::string line; std::getline(lines, line);)
+            if (line.find("seconds") == std::string::npos && line.rfind("options:", 0) != 0)
+                text += line + '\n';
+        return text;
+    }
+
+    static json at(const json& document, const std::string& place) {
+        const json::json_pointer pointer(place);
+        return document.contains(pointer) ? document.at(pointer) : json("nothing at " + place);
+    }
+
+    json plainRun();
+    VrkResult with(const std::string& options) const;
+    void check(const std::string& text, const json& printed, const json& plain);
+
+    static std::unique_ptr<TemporaryFolder> folder;
+    std::map<std::string, std::vector<std::string>> seen;  ///< contents of files, those without options first
+};
+
+std::unique_ptr<TemporaryFolder> OptionsTest::folder;
+
+VrkResult OptionsTest::with(const std::string& options) const {
+    std::vector<std::string> line = words(GetParam().line + (' ' + options));
+    const std::vector<std::string> usual = words(GetParam().usual);
+    for (std::size_t i = 0; i + 1 < usual.size(); i += 2) {
+        const bool structure = usual[i] == "--cell" && options.find("--cif") != std::string::npos;
+        if (!structure && (options + ' ').find(usual[i] + ' ') == std::string::npos)
+            line.insert(line.end(), {usual[i], usual[i + 1]});
+    }
+    return runVrk(line, *folder / ".");
+}
+
+void OptionsTest::check(const std::string& text, const json& printed, const json& plain) {
+    SCOPED_TRACE(text);
+    const std::string place = text.substr(0, text.size() - 1);
+    if (const std::size_t equals = text.find('='); equals != std::string::npos) {
+        std::string path = text.substr(0, equals);
+        json document = printed;
+        if (const std::size_t colon = path.find(':'); colon != std::string::npos) {
+            document = json::parse(folder->read(path.substr(0, colon)));
+            path = path.substr(colon + 1);
         }
-        void SetUp() override {
-            if (!GetParam().ofCrystal || std::filesystem::exists(*folder / "cell.txt")) return;
-            for (const char* line :
-                 {"simulate -o series.mrc --cell 5.2,6.1,4.6,90,105,90 --centring C --size 128 --dmin 1 "
-                  "--seed 4 "
-                  "--tilts -60:60:3 --axis 6 --write-axis --hot-pixels 9 --drift 2",
-                  "preprocess series.mrc -o clean.mrc --rotate header", "reconstruct clean.mrc -o volume.mrc",
-                  "peaks volume.mrc -o peaks.txt --threshold 30 --zero-beam 8", "cell peaks.txt -o cell.txt"})
-                ASSERT_EQ(vrk(line).exitCode, 0) << line;
+        const std::string value = text.substr(equals + 1);
+        const json parsed = json::parse(value, nullptr, false);
+        const json expected = parsed.is_discarded() ? json(value) : parsed;
+        const json found = at(document, path);
+        if (expected.is_number() && found.is_number())
+            EXPECT_NEAR(found.get<double>(), expected.get<double>(), 1e-6 * std::abs(expected.get<double>()));
+        else
+            EXPECT_EQ(found, expected);
+    } else if (text.back() == '?') {
+        EXPECT_FALSE(folder->read(place).empty());
+    } else if (text.back() == '~') {
+        std::vector<std::string>& before = seen[place];
+        before.push_back(contents(place));
+        EXPECT_EQ(std::count(before.begin(), before.end(), before.back()), 1);
+    } else if (place[0] != '/') {
+        EXPECT_NE(contents(place), seen[place].front());
+    } else {
+        const json now = at(printed, place);
+        const json before = at(plain, place);
+        if (text.back() == '!') {
+            EXPECT_NE(now, before);
+        } else {
+            ASSERT_TRUE(now.is_number() && before.is_number()) << now << before;
+            const double factor = text.back() == '<' ? -1 : 1;
+            EXPECT_GT(factor * now.get<double>(), factor * before.get<double>());
         }
-        static void TearDownTestSuite() {
-            folder.reset();
+    }
+}
+
+/// What the command prints without options, when any case compares with it; keeps its files.
+json OptionsTest::plainRun() {
+    std::set<std::string> compared;
+    bool needed = false;
+    for (const Case& one : GetParam().cases)
+        for (const std::string& text : words(one.checks)) {
+            if (std::string("<>!~").find(text.back()) == std::string::npos) continue;
+            needed = true;
+            if (text[0] != '/') compared.insert(text.substr(0, text.size() - 1));
         }
+    if (!needed) return {};
+    const json printed = json::parse(with("").out);
+    for (const std::string& name : compared)
+        seen[name] = {contents(name)};
+    return printed;
+}
 
-        static VrkResult vrk(const std::string& line) {
-            return runVrkLine(line, *folder / ".");
+TEST_P(OptionsTest, EachHasItsEffect) {
+    const Command& command = GetParam();
+    const json plain = plainRun();
+    for (const Case& one : command.cases) {
+        SCOPED_TRACE(one.options);
+        int exitCode = 0;
+        std::vector<std::string> checks = words(one.checks);
+        for (const std::string& text : checks) {
+            if (text.rfind("exit=", 0) == 0) exitCode = std::stoi(text.substr(5));
+            if (text.back() == '?') std::filesystem::remove(*folder / text.substr(0, text.size() - 1));
         }
-
-        /// The contents of a file, without what differs from run to run.
-        static std::string contents(const std::string& name) {
-            std::string text = folder->read(name);
-            if (!name.ends_with(".log")) return text;
-            std::istringstream lines(text);
-            text.clear();
-            for (std::string line; std::getline(lines, line);)
-                if (line.find("seconds") == std::string::npos && line.rfind("options:", 0) != 0)
-                    text += line + '\n';
-            return text;
+        std::erase_if(checks, [](const std::string& text) { return text.rfind("exit=", 0) == 0; });
+        const VrkResult result = with(one.options);
+        ASSERT_EQ(result.exitCode, exitCode) << result.err;
+        const json printed = json::parse(result.out, nullptr, false);
+        for (const std::string& text : checks)
+            check(text, printed, plain);
+    }
+    // None is forgotten.
+    std::string known = std::string(" ") + command.line + ' ' + command.usual + " --help --output ";
+    for (const Command& other : kCommands)
+        if (words(other.line)[0] == words(command.line)[0]) {
+            known += other.elsewhere + std::string(" ");
+            for (const Case& one : other.cases)
+                known += one.options + std::string(" ");
         }
-
-        static json at(const json& document, const std::string& place) {
-            const json::json_pointer pointer(place);
-            return document.contains(pointer) ? document.at(pointer) : json("nothing at " + place);
+    std::string help = vrk(words(command.line)[0] + " --help").out;
+    std::replace_if(
+        help.begin(), help.end(),
+        [](char c) { return std::string(",:;.()[]'").find(c) != std::string::npos; }, ' ');
+    for (const std::string& word : words(help))
+        if (word.rfind("--", 0) == 0) {
+            EXPECT_NE(known.find(' ' + word + ' '), std::string::npos) << word;
         }
+}
 
-        json plainRun();
-        VrkResult with(const std::string& options) const;
-        void check(const std::string& text, const json& printed, const json& plain);
+INSTANTIATE_TEST_SUITE_P(Commands, OptionsTest, testing::ValuesIn(kCommands));
 
-        static std::unique_ptr<TemporaryFolder> folder;
-        std::map<std::string, std::vector<std::string>>
-            seen;  ///< contents of files, those without options first
-        }
-        ;
-
-        std::unique_ptr<TemporaryFolder> OptionsTest::folder;
-
-        VrkResult OptionsTest::with(const std::string& options) const {
-            std::vector<std::string> line = words(GetParam().line + (' ' + options));
-            const std::vector<std::string> usual = words(GetParam().usual);
-            for (std::size_t i = 0; i + 1 < usual.size(); i += 2) {
-                const bool structure = usual[i] == "--cell" && options.find("--cif") != std::string::npos;
-                if (!structure && (options + ' ').find(usual[i] + ' ') == std::string::npos)
-                    line.insert(line.end(), {usual[i], usual[i + 1]});
-            }
-            return runVrk(line, *folder / ".");
-        }
-
-        void OptionsTest::check(const std::string& text, const json& printed, const json& plain) {
-            SCOPED_TRACE(text);
-            const std::string place = text.substr(0, text.size() - 1);
-            if (const std::size_t equals = text.find('='); equals != std::string::npos) {
-                std::string path = text.substr(0, equals);
-                json document = printed;
-                if (const std::size_t colon = path.find(':'); colon != std::string::npos) {
-                    document = json::parse(folder->read(path.substr(0, colon)));
-                    path = path.substr(colon + 1);
-                }
-                const std::string value = text.substr(equals + 1);
-                const json parsed = json::parse(value, nullptr, false);
-                const json expected = parsed.is_discarded() ? json(value) : parsed;
-                const json found = at(document, path);
-                if (expected.is_number() && found.is_number())
-                    EXPECT_NEAR(found.get<double>(), expected.get<double>(),
-                                1e-6 * std::abs(expected.get<double>()));
-                else
-                    EXPECT_EQ(found, expected);
-            } else if (text.back() == '?') {
-                EXPECT_FALSE(folder->read(place).empty());
-            } else if (text.back() == '~') {
-                std::vector<std::string>& before = seen[place];
-                before.push_back(contents(place));
-                EXPECT_EQ(std::count(before.begin(), before.end(), before.back()), 1);
-            } else if (place[0] != '/') {
-                EXPECT_NE(contents(place), seen[place].front());
-            } else {
-                const json now = at(printed, place);
-                const json before = at(plain, place);
-                if (text.back() == '!') {
-                    EXPECT_NE(now, before);
-                } else {
-                    ASSERT_TRUE(now.is_number() && before.is_number()) << now << before;
-                    const double factor = text.back() == '<' ? -1 : 1;
-                    EXPECT_GT(factor * now.get<double>(), factor * before.get<double>());
-                }
-            }
-        }
-
-        /// What the command prints without options, when any case compares with it; keeps its files.
-        json OptionsTest::plainRun() {
-            std::set<std::string> compared;
-            bool needed = false;
-            for (const Case& one : GetParam().cases)
-                for (const std::string& text : words(one.checks)) {
-                    if (std::string("<>!~").find(text.back()) == std::string::npos) continue;
-                    needed = true;
-                    if (text[0] != '/') compared.insert(text.substr(0, text.size() - 1));
-                }
-            if (!needed) return {};
-            const json printed = json::parse(with("").out);
-            for (const std::string& name : compared)
-                seen[name] = {contents(name)};
-            return printed;
-        }
-
-        TEST_P(OptionsTest, EachHasItsEffect) {
-            const Command& command = GetParam();
-            const json plain = plainRun();
-            for (const Case& one : command.cases) {
-                SCOPED_TRACE(one.options);
-                int exitCode = 0;
-                std::vector<std::string> checks = words(one.checks);
-                for (const std::string& text : checks) {
-                    if (text.rfind("exit=", 0) == 0) exitCode = std::stoi(text.substr(5));
-                    if (text.back() == '?')
-                        std::filesystem::remove(*folder / text.substr(0, text.size() - 1));
-                }
-                std::erase_if(checks, [](const std::string& text) { return text.rfind("exit=", 0) == 0; });
-                const VrkResult result = with(one.options);
-                ASSERT_EQ(result.exitCode, exitCode) << result.err;
-                const json printed = json::parse(result.out, nullptr, false);
-                for (const std::string& text : checks)
-                    check(text, printed, plain);
-            }
-            // None is forgotten.
-            std::string known = std::string(" ") + command.line + ' ' + command.usual + " --help --output ";
-            for (const Command& other : kCommands)
-                if (words(other.line)[0] == words(command.line)[0]) {
-                    known += other.elsewhere + std::string(" ");
-                    for (const Case& one : other.cases)
-                        known += one.options + std::string(" ");
-                }
-            std::string help = vrk(words(command.line)[0] + " --help").out;
-            std::replace_if(
-                help.begin(), help.end(),
-                [](char c) { return std::string(",:;.()[]'").find(c) != std::string::npos; }, ' ');
-            for (const std::string& word : words(help))
-                if (word.rfind("--", 0) == 0) {
-                    EXPECT_NE(known.find(' ' + word + ' '), std::string::npos) << word;
-                }
-        }
-
-        INSTANTIATE_TEST_SUITE_P(Commands, OptionsTest, testing::ValuesIn(kCommands));
-
-        }  // namespace
+}  // namespace
