@@ -44,6 +44,7 @@ int parseAndRun(vrk::app::Host& host, int argc, char** argv) {
     vrk::app::addSectionsCommand(line, host);
     vrk::app::addCellInfoCommand(line, host);
     vrk::app::addSimulateCommand(line, host);
+    vrk::app::addCalibrateCommand(line, host);
     vrk::app::addDemoCommand(line, host);
     vrk::app::addCompletionCommand(line, host);
     return line.run(argc, argv, host.out(), std::cerr) ? kDone : kUsage;

@@ -14,6 +14,7 @@
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/LibraryStage.h"
 #include "pipeline/base/NumberList.h"
+#include "pipeline/formats/InstrumentFile.h"
 #include "pipeline/frames/DataFiles.h"
 #include "pipeline/run/Preprocessing.h"
 #include "processing/VoxMRCstemProcessing.h"
@@ -26,6 +27,7 @@ struct Options {
     std::string output;
     std::string log;
     std::string rotate;
+    std::filesystem::path distortion;
     double smooth = 0;
     int bin = 1;
     bool rebin = false;
@@ -102,7 +104,7 @@ std::optional<double> axisAngle(const std::string& text, const VoxMRCData& serie
     return angle;
 }
 
-void process(const Options& options, Preprocessing& work) {
+void process(const Options& options, Preprocessing& work, Session& session) {
     using Processing = VoxMRCstemProcessing;
     if (work.series().GetWidth() != work.series().GetHeight()) work.makeSquare(options.crop);
     if (!options.noHotSpot)
@@ -118,9 +120,13 @@ void process(const Options& options, Preprocessing& work) {
         });
     if (options.smooth > 0)
         work.apply("smooth", [&](Processing& p, VoxMRCData* s) { return p.smooth(s, options.smooth); });
-    if (const std::optional<double> angle = axisAngle(options.rotate, work.series()))
-        work.apply("rotation", [&](Processing& p, VoxMRCData* s) {
-            return p.step3_Rotation2TiltAxis(s, false, *angle, 0);
+    const std::optional<double> angle = axisAngle(options.rotate, work.series());
+    FrameDistortion distortion;
+    if (!options.distortion.empty())
+        distortion = applyInstrument(readInstrumentFile(options.distortion), work.series().m_Header, session);
+    if (angle || !distortion.isNone())
+        work.apply(angle ? "rotation" : "distortion", [&](Processing& p, VoxMRCData* s) {
+            return p.turnUndistorted(s, angle.value_or(0.0), distortion);
         });
     for (int factor = options.bin; factor > 1; factor /= 2)
         work.apply("binning", [&](Processing& p, VoxMRCData* s) {
@@ -160,7 +166,7 @@ void run(const Options& options, Host& host) {
         throw Failure("the result would replace the series " + options.series + "; give -o another name",
                       FailureKind::Usage);
     Preprocessing work(host, readSeries(options.series, host.session()));
-    process(options, work);
+    process(options, work, host.session());
     writeData(work.series(), options.output, host.session());
     if (options.json)
         printJson(host.out(), options, work, work.series());
@@ -189,6 +195,12 @@ void addPreprocessCommand(CommandLine& line, Host& host) {
                 "with x to "
                 "the right and y down), or 'header' for that of the series' records")
         .typeName("DEG|header");
+    command
+        .option(
+            "--distortion", options->distortion,
+            "Take out the distortion in this file of 'vrk calibrate', with the rotation, and put pixel size "
+            "and tilts right")
+        .typeName("FILE");
     command.option("--bin", options->bin, "Reduce the size by this factor, averaging")
         .oneOf({"1", "2", "4", "8"});
     command.flag("--rebin", options->rebin, "With --bin: sum instead of averaging");

@@ -27,6 +27,7 @@ struct Options {
     std::string tiltAxis;
     std::string centre;
     RunOptions run;
+    std::filesystem::path distortion;
     std::string mode;
     std::string formula;
     bool keepVolume = false;
@@ -50,6 +51,7 @@ void runSeries(const Options& options, const std::string& given, Host& host) {
     // A slip in it would be a pity after the run.
     if (!options.formula.empty()) parseFormula(options.formula);
     setCentre(choices.centre, options.centre);
+    if (!options.distortion.empty()) choices.instrument = readInstrumentFile(options.distortion);
     choices.axis.folder = options.folder / "axis";
     const RunResult result = run(options.series, choices, host.session());
     if (options.keepVolume) writeData(*result.volume.voxels, options.folder / "volume.mrc", host.session());
@@ -85,6 +87,8 @@ void addRunCommand(CommandLine& line, Host& host) {
         .positive();
     command.option("--voltage", options->run.kiloVolts, "High tension in kV [the series']").positive();
     command.option("--fine-calibration", options->run.fineCalibration, "File with calibrated pixel sizes")
+        .typeName("FILE");
+    command.option("--distortion", options->distortion, "Geometry of the instrument, of 'vrk calibrate'")
         .typeName("FILE");
     addSearchOptions(command, options->run.search, false);
     addCellOptions(command, options->run.cell, false);

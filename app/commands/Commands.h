@@ -20,6 +20,7 @@ void addIndexCommand(CommandLine& line, Host& host);
 void addSectionsCommand(CommandLine& line, Host& host);
 void addCellInfoCommand(CommandLine& line, Host& host);
 void addSimulateCommand(CommandLine& line, Host& host);
+void addCalibrateCommand(CommandLine& line, Host& host);
 void addDemoCommand(CommandLine& line, Host& host);
 void addCompletionCommand(CommandLine& line, Host& host);
 

@@ -49,6 +49,21 @@ std::string instrumentText(const RefinedInstrument& instrument, double axis) {
     return text;
 }
 
+/// The axis as the reflections have it.
+std::string axisText(const RunResult& result) {
+    const double sigma = result.refinedAxisSigma();
+    return std::isfinite(sigma) ? withUncertainty(result.refinedAxis(), sigma)
+                                : formatted("%.2f", result.refinedAxis());
+}
+
+/// What was known of the instrument, in a line.
+std::string knownText(const InstrumentCalibration& known) {
+    std::string text;
+    for (const auto& [name, term] : valuesOf(known))
+        text += name + ' ' + withUncertainty(term.value, term.sigma) + ", ";
+    return text + "from " + known.file.string();
+}
+
 std::string clusteringText(const CellSearchTrial& trial) {
     if (trial.clustering == ClusteringMethod::FSC) return nameOf(trial.clustering);
     char text[80];
@@ -111,8 +126,9 @@ void printSummary(std::ostream& out, const RunResult& result) {
     const LatticeCharacter& answer = indexed.symmetry();
     print("series        %d frames of %d x %d, tilts %.2f to %.2f degrees", facts.size[2], facts.size[0],
           facts.size[1], facts.tiltFirst, facts.tiltLast);
-    print("tilt axis     %.2f degrees (%s), refined %.2f", result.axis.angle, result.axis.source.c_str(),
-          result.refinedAxis());
+    out << formatted("tilt axis     %.2f degrees (%s), refined ", result.axis.angle,
+                     result.axis.source.c_str())
+        << axisText(result) << '\n';
     printCell("reduced     ", refined);
     printCell("conventional", indexed.conventional);
     print("lattice       %s, misfit %.2f degrees, volume %.1f A^3, confidence %s",
@@ -131,6 +147,7 @@ void printSummary(std::ostream& out, const RunResult& result) {
           refined.indexed, 100.0 * refined.fraction(), conventionalReflections(indexed).size(),
           indexed.resolution);
     print("residual      %.2f voxels", refined.rms);
+    if (facts.instrument) out << "known         " << knownText(*facts.instrument) << '\n';
     if (const std::string text = instrumentText(indexed.instrument, result.axis.angle); !text.empty())
         out << "instrument    " << text << '\n';
     out << "handedness    " << senseText(indexed.refined) << '\n';

@@ -5,6 +5,7 @@
 #include <Eigen/Core>
 #include <array>
 #include <cstddef>
+#include <optional>
 
 namespace vrk {
 
@@ -18,6 +19,9 @@ enum class InstrumentTerm : std::size_t {
     AxisTilt        ///< by which the axis leaves the plane of the frame towards z, radians
 };
 inline constexpr std::size_t kInstrumentTerms = 6;
+
+/// Terms that are known from elsewhere and are not refined.
+using KnownTerms = std::array<std::optional<double>, kInstrumentTerms>;
 
 /// A reflection where a pattern showed it: u across the assumed axis, v along it, w above the plane of the
 /// pattern, voxels from the centre of the pattern; and the stated tilt, radians.
@@ -39,7 +43,12 @@ class InstrumentModel {
 public:
     /// \param halfWidth  R, voxels
     /// \param curvature  s lambda / 2 in 1/voxel, s as in EwaldCurvature; 0 for a flat sphere
-    InstrumentModel(double halfWidth, double curvature) : m_halfWidth(halfWidth), m_curvature(curvature) {}
+    /// \param known      has these values; what is not known is 0
+    InstrumentModel(double halfWidth, double curvature, const KnownTerms& known = {})
+        : m_halfWidth(halfWidth), m_curvature(curvature) {
+        for (std::size_t i = 0; i < kInstrumentTerms; ++i)
+            m_terms[i] = known[i].value_or(0.0);
+    }
 
     double& operator[](InstrumentTerm term) { return m_terms[static_cast<std::size_t>(term)]; }
     double operator[](InstrumentTerm term) const { return m_terms[static_cast<std::size_t>(term)]; }

@@ -26,6 +26,8 @@ constexpr std::size_t kEnoughPoints = 2500;
 constexpr double kLeastShift = 0.05;  // voxels that a term must move reflections
 /// By which the variance of a term may grow since the cell and other terms are refined with it.
 constexpr double kMostInflation = 30.0;
+/// Standard deviation of a component of the ellipses that instruments have.
+constexpr double kUsualEllipse = 0.01;
 /// Steps of the numerical derivatives: far below what matters, far above rounding.
 constexpr double kStep = 1e-6;
 
@@ -209,12 +211,21 @@ private:
     double m_reference = 0.0;
 };
 
-/// Terms that stand or fall together.
-std::vector<std::vector<InstrumentTerm>> candidates(const CellTies& ties) {
+/// Terms that stand or fall together, without those that are known.
+std::vector<std::vector<InstrumentTerm>> candidates(const InstrumentSettings& settings) {
     using enum InstrumentTerm;
     std::vector<std::vector<InstrumentTerm>> groups = {{AxisTurn}, {Radial}, {TiltScale}, {AxisTilt}};
-    if (ties.any) groups.push_back({EllipseCosine, EllipseSine});
+    if (settings.ties.any) groups.push_back({EllipseCosine, EllipseSine});
+    std::erase_if(groups, [&](const std::vector<InstrumentTerm>& group) {
+        return settings.known[static_cast<std::size_t>(group.front())].has_value();
+    });
     return groups;
+}
+
+Terms withTerms(Terms terms, const std::vector<InstrumentTerm>& more) {
+    for (const InstrumentTerm term : more)
+        terms[static_cast<std::size_t>(term)] = true;
+    return terms;
 }
 
 /// Whether the reflections tell the terms from all else that is refined, the cell above all. In a narrow
@@ -237,17 +248,16 @@ double gainOf(const Fit& fit, const State& state, const State& trial, std::size_
            0.5 * static_cast<double>(numbers) * std::log(count);
 }
 
-/// Takes in the terms that earn it, the best first.
-State select(Fit& fit, State state, const CellTies& ties, Terms& used) {
-    std::vector<std::vector<InstrumentTerm>> left = candidates(ties);
+/// Takes in the terms that earn it, the best first; then, where all are wanted, the others that can be told
+/// from the rest.
+State select(Fit& fit, State state, const InstrumentSettings& settings, Terms& used) {
+    std::vector<std::vector<InstrumentTerm>> left = candidates(settings);
     while (!left.empty()) {
         State best = state;
         double bestGain = 0.0;
         std::size_t chosen = left.size();
         for (std::size_t i = 0; i < left.size(); ++i) {
-            Terms trialTerms = used;
-            for (InstrumentTerm term : left[i])
-                trialTerms[static_cast<std::size_t>(term)] = true;
+            const Terms trialTerms = withTerms(used, left[i]);
             const State trial = fit.refined(state, trialTerms);
             const double gain = gainOf(fit, state, trial, left[i].size());
             const bool matters = std::any_of(left[i].begin(), left[i].end(), [&](InstrumentTerm term) {
@@ -259,30 +269,60 @@ State select(Fit& fit, State state, const CellTies& ties, Terms& used) {
             chosen = i;
         }
         if (chosen == left.size()) break;
-        for (InstrumentTerm term : left[chosen])
-            used[static_cast<std::size_t>(term)] = true;
+        used = withTerms(used, left[chosen]);
         left.erase(left.begin() + static_cast<std::ptrdiff_t>(chosen));
         state = best;
+    }
+    for (const std::vector<InstrumentTerm>& group : left) {
+        if (!settings.allTerms) break;
+        const Terms trialTerms = withTerms(used, group);
+        const State trial = fit.refined(state, trialTerms);
+        if (!areDistinct(fit, trial, trialTerms)) continue;
+        used = trialTerms;
+        state = trial;
     }
     return state;
 }
 
 /// Covariance of terms and lattice, terms first.
-MatrixXd covarianceOf(Fit& fit, State& state, const Terms& used) {
+/// \param prior  standard deviations that terms have beforehand; 0: nothing is known
+MatrixXd covarianceOf(Fit& fit, State& state, const Terms& used,
+                      const std::array<double, kInstrumentTerms>& prior = {}) {
     fit.assess(state);
-    const MatrixXd matrix = fit.normalMatrix(state, used);
+    MatrixXd matrix = fit.normalMatrix(state, used);
+    Eigen::Index row = 0;
+    for (std::size_t t = 0; t < kInstrumentTerms; ++t) {
+        if (!used[t]) continue;
+        if (prior[t] > 0.0) matrix(row, row) += std::pow(state.sigma / prior[t], 2);
+        ++row;
+    }
     const VectorXd scale = matrix.diagonal().cwiseMax(1e-300).cwiseSqrt().cwiseInverse();
     const MatrixXd scaled = scale.asDiagonal() * matrix * scale.asDiagonal();
     const MatrixXd inverse = scaled.ldlt().solve(MatrixXd::Identity(matrix.rows(), matrix.cols()));
     return state.sigma * state.sigma * (scale.asDiagonal() * inverse * scale.asDiagonal());
 }
 
-void addUncertainties(Fit& fit, State& state, RefinedInstrument& result) {
+/// Uncertainty of the direction of the axis with an ellipse beside it.
+double axisSigma(Fit& fit, State& state, const Terms& used, const KnownTerms& known) {
+    Terms terms = withTerms(used, {InstrumentTerm::AxisTurn});
+    std::array<double, kInstrumentTerms> prior{};
+    for (const InstrumentTerm term : {InstrumentTerm::EllipseCosine, InstrumentTerm::EllipseSine}) {
+        const auto t = static_cast<std::size_t>(term);
+        if (terms[t] || known[t]) continue;
+        terms[t] = true;
+        prior[t] = kUsualEllipse;
+    }
+    return std::sqrt(std::max(covarianceOf(fit, state, terms, prior)(0, 0), 0.0));
+}
+
+void addUncertainties(Fit& fit, State& state, const KnownTerms& known, RefinedInstrument& result) {
     const MatrixXd covariance = covarianceOf(fit, state, result.used);
     const auto deviation = [&](Eigen::Index i) { return std::sqrt(std::max(covariance(i, i), 0.0)); };
     Eigen::Index row = 0;
+    std::vector<std::size_t> terms;
     for (std::size_t t = 0; t < kInstrumentTerms; ++t) {
         if (!result.used[t]) continue;
+        terms.push_back(t);
         result.sigma[t] = deviation(row);
         for (Eigen::Index other = 0; other < covariance.rows(); ++other)
             if (other != row)
@@ -291,9 +331,11 @@ void addUncertainties(Fit& fit, State& state, RefinedInstrument& result) {
                              std::abs(covariance(row, other)) / (deviation(row) * deviation(other)));
         ++row;
     }
-    Terms withAxis = result.used;
-    withAxis[static_cast<std::size_t>(InstrumentTerm::AxisTurn)] = true;
-    result.axisTurnSigma = std::sqrt(std::max(covarianceOf(fit, state, withAxis)(0, 0), 0.0));
+    for (std::size_t i = 0; i < terms.size(); ++i)
+        for (std::size_t j = 0; j < terms.size(); ++j)
+            result.covariance(static_cast<Eigen::Index>(terms[i]), static_cast<Eigen::Index>(terms[j])) =
+                covariance(static_cast<Eigen::Index>(i), static_cast<Eigen::Index>(j));
+    result.axisTurnSigma = axisSigma(fit, state, result.used, known);
 }
 
 }  // namespace
@@ -310,10 +352,11 @@ double RefinedInstrument::ellipseAzimuth() const {
 RefinedInstrument refineInstrument(std::span<const Vector3d> positions, std::span<const double> tilts,
                                    const Lattice& start, const Vector3d& centre,
                                    const InstrumentSettings& settings) {
+    const double curvature = settings.sense * 0.5 * settings.wavelength * start.pixelSize * 1e-10;
     RefinedInstrument result;
+    result.model = InstrumentModel(settings.halfWidth, curvature, settings.known);
     if (positions.size() != tilts.size() || positions.size() < kFewestPoints || !start.basis.allFinite())
         return result;
-    const double curvature = settings.sense * 0.5 * settings.wavelength * start.pixelSize * 1e-10;
     // A part of a long list determines a handful of numbers as well.
     const std::size_t stride = 1 + positions.size() / kEnoughPoints;
     std::vector<Vector3d> part;
@@ -325,14 +368,14 @@ RefinedInstrument refineInstrument(std::span<const Vector3d> positions, std::spa
     Fit fit(part, partTilts, centre, settings);
     Matrix34 from;
     from << start.basis, start.origin;
-    State plain{InstrumentModel(settings.halfWidth, curvature), TiedLattice(settings.ties, from)};
+    State plain{result.model, TiedLattice(settings.ties, from)};
     plain = fit.refined(plain, {});
     if (!std::isfinite(plain.cost)) return result;
     fit.setReference(plain.sigma);
     fit.assess(plain);
-    State state = select(fit, plain, settings.ties, result.used);
+    State state = select(fit, plain, settings, result.used);
     // The spread of the better model decides what is an outlier.
-    addUncertainties(fit, state, result);
+    addUncertainties(fit, state, settings.known, result);
 
     std::vector<FitPoint> points;
     for (std::size_t i = 0; i < positions.size(); ++i)

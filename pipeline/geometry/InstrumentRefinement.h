@@ -18,6 +18,10 @@ struct InstrumentSettings {
     int sense = 0;            ///< of the tilt, as in EwaldCurvature
     double tolerance = 0.25;  ///< of the fractional indices
     CellTies ties;
+    KnownTerms known = {};  ///< terms that are not refined
+    /// Every term that the reflections determine is refined, however small: for a calibration, which is to
+    /// say that a term is 0 as well.
+    bool allTerms = false;
 };
 
 struct RefinedInstrument {
@@ -27,10 +31,14 @@ struct RefinedInstrument {
     std::array<double, kInstrumentTerms> sigma{};  ///< standard uncertainties of those used
     /// Of the terms and the lattice together: largest correlation of each used term with any other number.
     std::array<double, kInstrumentTerms> correlation{};
+    /// Of the used terms; 0 elsewhere.
+    Eigen::Matrix<double, kInstrumentTerms, kInstrumentTerms> covariance =
+        Eigen::Matrix<double, kInstrumentTerms, kInstrumentTerms>::Zero();
     RefinedLattice lattice;                  ///< on the corrected positions
     std::vector<Eigen::Vector3d> positions;  ///< corrected, in the order of the input, voxels of the volume
     std::vector<Indices> indices;
-    /// Standard uncertainty of the direction of the axis, whether it was used or not, radians.
+    /// Standard uncertainty of the direction of the axis, whether it was used or not, radians. An ellipse
+    /// that neither is known nor was refined counts as one of the usual strength: it turns the axis along.
     double axisTurnSigma = std::numeric_limits<double>::infinity();
     double rmsBefore = 0.0;  ///< of the indexed reflections without any term, voxels
 

@@ -522,7 +522,9 @@ bool Refiner::takeUpTerm() {
     double best = std::max(kSignificantTerm, kWorthwhileTerm * normal.squares);
     const Term* chosen = nullptr;
     for (const Term& term : kOptional) {
-        if (m_active[static_cast<std::size_t>(term.column)] || !determined(term.column)) continue;
+        const bool kept =
+            std::find(m_options.kept.begin(), m_options.kept.end(), term.name) != m_options.kept.end();
+        if (kept || m_active[static_cast<std::size_t>(term.column)] || !determined(term.column)) continue;
         const VectorXd mixed = normal.matrix(columns, term.column);
         const VectorXd solved = solver.solve(mixed);
         const double curvature = normal.matrix(term.column, term.column) - mixed.dot(solved);

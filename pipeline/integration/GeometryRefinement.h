@@ -53,6 +53,7 @@ struct GeometryOptions {
     bool optional = true;            ///< try distortion, tilt scale, pitch of the axis, mosaicity
     bool tilts = true;               ///< try a correction of every frame's tilt
     std::vector<std::string> terms;  ///< optional parameters that are refined from the beginning
+    std::vector<std::string> kept;   ///< optional parameters that stay as they are
 };
 
 /// Refines orientation and cell under the ties of its type, axis, centres, distortion, tilts and the width of

@@ -299,6 +299,7 @@ void Integrator::refine() {
 
         GeometryOptions options;
         options.terms = m_result.fit.terms;
+        options.kept = m_options.keptTerms;
         options.optional = round > 0 && m_options.refine;
         options.tilts = round > 1 && m_options.refine;
         const double widthBefore = m_rocking.width;

@@ -32,11 +32,12 @@ struct IntegrationInput {
 };
 
 struct IntegrationOptions {
-    std::optional<double> dMin;        ///< Angstrom; found from the data otherwise
-    std::optional<double> gain;        ///< counts that one electron makes
-    std::optional<RotationMode> mode;  ///< found from the curves otherwise
-    double precession = 0;             ///< half angle of the precession cone, radians; 0: found
-    bool refine = true;                ///< the geometry; otherwise only the rocking width
+    std::optional<double> dMin;          ///< Angstrom; found from the data otherwise
+    std::optional<double> gain;          ///< counts that one electron makes
+    std::optional<RotationMode> mode;    ///< found from the curves otherwise
+    double precession = 0;               ///< half angle of the precession cone, radians; 0: found
+    bool refine = true;                  ///< the geometry; otherwise only the rocking width
+    std::vector<std::string> keptTerms;  ///< GeometryOptions::kept
     /// Called now and then; may throw to stop.
     std::function<void()> checkpoint;
 };

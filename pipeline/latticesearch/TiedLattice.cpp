@@ -84,6 +84,16 @@ CellTies CellTies::of(LATTICE::BravaisTypes type, const Eigen::Matrix3d& toConve
     return ties;
 }
 
+CellTies CellTies::ofShape(const std::array<double, 6>& cell, const Eigen::Matrix3d& toConventional) {
+    CellTies ties;
+    ties.length = {0, 0, 0};
+    ties.ratio = {1.0, cell[1] / cell[0], cell[2] / cell[0]};
+    ties.angle = {cell[3], cell[4], cell[5]};
+    ties.toConventional = toConventional;
+    ties.any = true;
+    return ties;
+}
+
 TiedLattice::TiedLattice(const CellTies& ties, const Matrix34& start) : m_ties(ties) {
     const Eigen::Matrix3d conventional = start.leftCols<3>() * ties.toConventional.inverse().transpose();
     setCell(directCellAndVolume(conventional));
@@ -121,7 +131,7 @@ void TiedLattice::setCell(const Vector7& cell) {
     std::array<double, 3> count = {0, 0, 0};
     for (std::size_t i = 0; i < 3; ++i) {
         const int group = m_ties.length[i];
-        m_values(group) += cell(static_cast<Eigen::Index>(i));
+        m_values(group) += cell(static_cast<Eigen::Index>(i)) / m_ties.ratio[i];
         count[static_cast<std::size_t>(group)] += 1.0;
     }
     for (int group = 0; group < m_lengths; ++group)
@@ -135,7 +145,7 @@ Eigen::Matrix3d TiedLattice::reciprocalOf(const Eigen::VectorXd& values) const {
     std::array<double, 6> cell{};
     int next = m_lengths;
     for (std::size_t i = 0; i < 3; ++i) {
-        cell[i] = values(m_ties.length[i]);
+        cell[i] = values(m_ties.length[i]) * m_ties.ratio[i];
         cell[i + 3] = m_ties.angle[i] == 0.0 ? values(next++) : m_ties.angle[i];
     }
     return directBasis(cell).inverse().transpose();

@@ -14,10 +14,11 @@ using Matrix34 = Eigen::Matrix<double, 3, 4>;
 using Matrix12 = Eigen::Matrix<double, 12, 12>;
 using Vector7 = Eigen::Matrix<double, 7, 1>;
 
-/// Which of the six parameters of the direct cell are tied. Equal numbers in `length` mean equal lengths;
-/// an angle of 0 is free, any other value fixed in degrees.
+/// Which of the six parameters of the direct cell are tied. Lengths with equal numbers in `length` are to
+/// each other as their `ratio`; an angle of 0 is free, any other value fixed in degrees.
 struct CellTies {
     std::array<int, 3> length = {0, 1, 2};
+    std::array<double, 3> ratio = {1.0, 1.0, 1.0};
     std::array<double, 3> angle = {0.0, 0.0, 0.0};
     /// The conventional direct cell, to which the ties apply, is the fitted direct cell times this matrix.
     Eigen::Matrix3d toConventional = Eigen::Matrix3d::Identity();
@@ -26,6 +27,8 @@ struct CellTies {
     /// The ties of a Bravais type (monoclinic: b unique; hP and hR: hexagonal axes). NoBravaisType and aP tie
     /// nothing.
     static CellTies of(LATTICE::BravaisTypes type, const Eigen::Matrix3d& toConventional);
+    /// Those of a cell that is known but for its scale: a, b, c in any unit, angles in degrees.
+    static CellTies ofShape(const std::array<double, 6>& cell, const Eigen::Matrix3d& toConventional);
 };
 
 /// A lattice as a function of few numbers: the free lengths, the free angles (degrees), a rotation vector and

@@ -75,6 +75,7 @@ void takeSymmetry(Indexed& result, const ReciprocalVolume& volume) {
     input.halfWidth = 0.5 * volume.voxels->GetWidth();
     input.wavelength = volume.facts.wavelength();
     input.tolerance = kIndexTolerance;
+    input.known = knownTerms(volume.facts);
     SymmetryChoice choice = chooseSymmetry(input, std::move(result.refined));
     result.strain = strainText(choice.conventional, choice.untied, choice.characters.front().bravaisType);
     result.refined = std::move(choice.refined);

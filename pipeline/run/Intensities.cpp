@@ -30,13 +30,36 @@ FrameStack stackOf(const VoxMRCData& counts) {
     return stack;
 }
 
+/// Of the frames as they were recorded, which the reflections of the volume do not show any more.
+void addDistortion(const FrameDistortion& known, SeriesGeometry& geometry) {
+    const double c = std::cos(2.0 * geometry.axisAngle);
+    const double s = std::sin(2.0 * geometry.axisAngle);
+    geometry.distortion.stretch += c * known.ellipseCosine + s * known.ellipseSine;
+    geometry.distortion.shear += c * known.ellipseSine - s * known.ellipseCosine;
+    geometry.distortion.radial += known.radial / (geometry.pixelSize * geometry.pixelSize);
+}
+
+/// Names that the refinement on the frames has for what is known.
+std::vector<std::string> keptTerms(const KnownTerms& known) {
+    static constexpr std::array<std::pair<InstrumentTerm, const char*>, 5> kNames = {
+        {{InstrumentTerm::EllipseCosine, "stretch"},
+         {InstrumentTerm::EllipseSine, "shear"},
+         {InstrumentTerm::Radial, "radial"},
+         {InstrumentTerm::TiltScale, "tilt scale"},
+         {InstrumentTerm::AxisTilt, "axis pitch"}}};
+    std::vector<std::string> kept;
+    for (const auto& [term, name] : kNames)
+        if (known[static_cast<std::size_t>(term)]) kept.emplace_back(name);
+    return kept;
+}
+
 }  // namespace
 
 SeriesGeometry geometryOf(const Indexed& indexed, const ReciprocalVolume& volume, const TiltAxis& axis,
                           const VoxMRCData& counts) {
     const SeriesFacts& facts = volume.facts;
     const InstrumentModel& model = indexed.instrument.model;
-    const auto term = [&](InstrumentTerm one) { return indexed.instrument.valid ? model[one] : 0.0; };
+    const auto term = [&](InstrumentTerm one) { return model[one]; };
     SeriesGeometry geometry;
     geometry.pixelSize = facts.pixelSize * 1e-10;
     geometry.wavelength = facts.wavelength();
@@ -50,10 +73,10 @@ SeriesGeometry geometryOf(const Indexed& indexed, const ReciprocalVolume& volume
     geometry.reciprocal = toAxis * reduced * indexed.toConventional().inverse().transpose();
     geometry.axisPitch = pitch;
     geometry.axisAngle = axis.angle * kDegree + term(InstrumentTerm::AxisTurn);
-    geometry.distortion.stretch = term(InstrumentTerm::EllipseCosine);
-    geometry.distortion.shear = term(InstrumentTerm::EllipseSine);
     const double halfWidth = 0.5 * counts.GetWidth() * geometry.pixelSize;
-    geometry.distortion.radial = term(InstrumentTerm::Radial) / (halfWidth * halfWidth);
+    geometry.distortion = {term(InstrumentTerm::EllipseCosine), term(InstrumentTerm::EllipseSine),
+                           term(InstrumentTerm::Radial) / (halfWidth * halfWidth)};
+    addDistortion(facts.distortion, geometry);
 
     const mrcH& header = counts.m_Header;
     std::vector<double> tilts;
@@ -89,6 +112,7 @@ Intensities measureIntensities(const Indexed& indexed, const ReciprocalVolume& v
     options.dMin = choice.dMin;
     options.gain = choice.gain;
     options.mode = choice.mode;
+    options.keptTerms = keptTerms(knownTerms(volume.facts));
     options.checkpoint = [&] { session.checkCanceled(); };
 
     Intensities result;

@@ -26,12 +26,19 @@ TiltAxis findAxis(const CentredSeries& series, const AxisChoice& choice, Session
         case AxisChoice::Source::AlongY:
             return {0.0, 0.0, "option", {}};
         case AxisChoice::Source::Search: {
-            const TiltAxisResult found = findTiltAxis(*series.frames, TiltAxisMethod::TwoD, choice.accuracy,
-                                                      choice.jobs, choice.folder, session);
+            std::optional<CentredSeries> corrected;
+            if (!series.facts.distortion.isNone()) corrected = rotate(series, {}, session);
+            const TiltAxisResult found =
+                findTiltAxis(corrected ? *corrected->frames : *series.frames, TiltAxisMethod::TwoD,
+                             choice.accuracy, choice.jobs, choice.folder, session);
             return {found.angle, found.uncertainty, "search", {}};
         }
         case AxisChoice::Source::Series:
             break;
+    }
+    if (series.facts.instrument && series.facts.instrument->axisAngle) {
+        const CalibratedValue& axis = *series.facts.instrument->axisAngle;
+        return {axis.value, axis.sigma, "calibration", {}};
     }
     if (series.facts.axis) return {*series.facts.axis, 0.0, "header", {}};
     return {};
@@ -49,8 +56,9 @@ CentredSeries recentred(const CentredSeries& series, const std::vector<CentreShi
     std::vector<PatternCentre> moves(shifts.size(), middle);
     for (std::size_t i = 0; i < shifts.size(); ++i) {
         if (!shifts[i].applies) continue;
-        const double x = c * shifts[i].across - s * shifts[i].along;
-        const double y = s * shifts[i].across + c * shifts[i].along;
+        // The frames still have the distortion that the reflections are free of.
+        const auto [x, y] = series.facts.distortion.recorded(c * shifts[i].across - s * shifts[i].along,
+                                                             s * shifts[i].across + c * shifts[i].along);
         moves[i].x += x;
         moves[i].y += y;
         result.recorded.recentre(static_cast<unsigned>(i), x, y);
@@ -73,7 +81,8 @@ CentredSeries rotate(const CentredSeries& series, const TiltAxis& axis, Session&
     processing.registerObserver(&session.progress());
     return {runStage(session, "rotation",
                      [&] {
-                         return processing.step3_Rotation2TiltAxis(series.frames.get(), false, axis.angle, 0);
+                         return processing.turnUndistorted(series.frames.get(), axis.angle,
+                                                           series.facts.distortion);
                      }),
             series.facts,
             series.noise,

@@ -21,9 +21,9 @@ namespace vrk {
 /// Direction of the tilt axis in the frames, degrees; along (-sin t, cos t).
 struct TiltAxis {
     double angle = 0.0;
-    double uncertainty = 0.0;  ///< standard uncertainty of a search; 0 otherwise
-    /// "option", "header", "search", "assumed", or "refined": moved or, where nobody stated it, confirmed by
-    /// the reflections.
+    double uncertainty = 0.0;  ///< standard uncertainty of a search or a calibration; 0 otherwise
+    /// "option", "calibration", "header", "search", "assumed", or "refined": moved or, where nobody stated
+    /// it, confirmed by the reflections.
     std::string source = "assumed";
     std::optional<double> stated;  ///< what an axis refined since was before, degrees
 };
@@ -41,7 +41,8 @@ struct CentredSeries {
 /// \param keepCounts  the frames before they were centred are needed later
 CentredSeries centre(Series series, const CentreChoice& choice, bool keepCounts, Session& session);
 
-/// The axis by choice. Throws Failure when a search finds none.
+/// The axis by choice, in frames without the distortion that is known of them. Throws Failure when a search
+/// finds none.
 TiltAxis findAxis(const CentredSeries& series, const AxisChoice& choice, Session& session);
 
 /// The same frames with the centres of the patterns put right.
@@ -49,7 +50,7 @@ TiltAxis findAxis(const CentredSeries& series, const AxisChoice& choice, Session
 CentredSeries recentred(const CentredSeries& series, const std::vector<CentreShift>& shifts, double axis,
                         Session& session);
 
-/// The same frames rotated so that the tilt axis lies along y.
+/// The same frames rotated so that the tilt axis lies along y, without the distortion that is known of them.
 CentredSeries rotate(const CentredSeries& series, const TiltAxis& axis, Session& session);
 
 }  // namespace vrk

@@ -7,6 +7,7 @@
 
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/LibraryStage.h"
+#include "pipeline/base/NumberText.h"
 #include "pipeline/formats/CentreFile.h"
 #include "processing/FineCalibrationImport.h"
 #include "processing/ShadowMask.h"
@@ -113,6 +114,37 @@ MovedSeries preprocessed(std::unique_ptr<VoxMRCData> series, const CentreChoice&
         return processing.step1_BackgroundSubstraction(moved.frames.get(), moved.recorded);
     });
     return moved;
+}
+
+bool hasCameraLength(const InstrumentCalibration& known, double statedPixelSize, Session& session) {
+    if (known.hasCameraLengthOf(statedPixelSize)) return true;
+    session.warn(
+        known.file.string() +
+        formatted(" was made at %.4g 1/m per pixel, the series states %.4g: at another camera length "
+                  "lenses distort otherwise, and the scale of the pixel size was not applied",
+                  known.pixelSize, statedPixelSize));
+    return false;
+}
+
+FrameDistortion applyInstrument(const InstrumentCalibration& known, mrcH& header, Session& session) {
+    if (known.tiltScale)
+        for (int i = 0; i < header.nz; ++i)
+            header.setValue(SliceValue::TiltAngle, i,
+                            static_cast<float>(header.tilt(i) * known.tiltScale->value));
+    const float ofSlice = header.value(SliceValue::PixelSize, 0);
+    const auto stated = static_cast<double>(ofSlice > 0 ? ofSlice : header.m_pixelsize);
+    if (!(stated > 0)) {
+        session.warn("the series does not state its pixel size; it is taken for that of " +
+                     known.file.string());
+        return known.distortionAt(known.pixelSize);
+    }
+    if (hasCameraLength(known, stated, session) && known.pixelScale) {
+        const auto scale = static_cast<float>(known.pixelScale->value);
+        header.m_pixelsize *= scale;
+        for (int i = 0; i < header.nz; ++i)
+            header.setValue(SliceValue::PixelSize, i, header.value(SliceValue::PixelSize, i) * scale);
+    }
+    return known.distortionAt(stated);
 }
 
 double fineCalibratedPixelSize(const std::filesystem::path& path, double stated, Session& session) {

@@ -51,6 +51,13 @@ MovedSeries movedToCentre(const VoxMRCData& frames, const FrameSize& before, con
 MovedSeries preprocessed(std::unique_ptr<VoxMRCData> series, const CentreChoice& choice, Session& session,
                          RecordedCounts* counts = nullptr);
 
+/// Puts pixel sizes and tilts in the header of a series right, as far as they are known, and tells when the
+/// series was recorded at another camera length. \returns the distortion of its frames
+FrameDistortion applyInstrument(const InstrumentCalibration& known, mrcH& header, Session& session);
+
+/// Warns when what is known of an instrument comes from another camera length. \returns whether it does not
+bool hasCameraLength(const InstrumentCalibration& known, double statedPixelSize, Session& session);
+
 /// The calibrated pixel size (1/m) that a fine-calibration file gives for a stated one; 0, with a warning,
 /// when it has no line for it. Throws Failure when the file cannot be used.
 double fineCalibratedPixelSize(const std::filesystem::path& path, double stated, Session& session);

@@ -23,8 +23,10 @@ bool ReciprocalVolume::isCut(const Eigen::Vector3d& position, double tilt) const
     const double u = d.x() * std::cos(tilt) + d.z() * std::sin(tilt);
     const double angle = rotation * std::numbers::pi / 180.0;
     const double middle = 0.5 * (voxels->GetWidth() - 1.0);
-    const double x = middle + std::cos(angle) * u - std::sin(angle) * d.y();
-    const double y = middle + std::sin(angle) * u + std::cos(angle) * d.y();
+    const auto [fromX, fromY] = facts.distortion.recorded(std::cos(angle) * u - std::sin(angle) * d.y(),
+                                                          std::sin(angle) * u + std::cos(angle) * d.y());
+    const double x = middle + fromX;
+    const double y = middle + fromY;
     const auto next = std::lower_bound(tilts.begin(), tilts.end(), tilt * 180.0 / std::numbers::pi);
     const auto upper = static_cast<unsigned>(next == tilts.end() ? tilts.size() - 1 : next - tilts.begin());
     const unsigned lower = upper > 0 ? upper - 1 : 0;

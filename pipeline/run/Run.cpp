@@ -72,7 +72,7 @@ public:
 private:
     ReciprocalVolume volumeAt(const TiltAxis& axis) {
         std::optional<CentredSeries> rotated;
-        if (axis.angle != 0.0)
+        if (axis.angle != 0.0 || !m_series.facts.distortion.isNone())
             rotated = timed(m_seconds.preprocess, [&] { return rotate(m_series, axis, m_session); });
         return timed(m_seconds.reconstruct,
                      [&] { return reconstruct(rotated ? *rotated : m_series, m_session); });
@@ -207,8 +207,9 @@ RunResult run(const std::filesystem::path& path, const RunOptions& options, Sess
     if (best) followAxis(attempts, *best, session);
     if (mayChoose && isDoubtful(best)) {
         session.warn(
-            axis.source == "header"
-                ? "the tilt axis that the series states gives no convincing lattice; it is searched"
+            axis.source == "header" || axis.source == "calibration"
+                ? "the tilt axis that the " + (axis.source == "header" ? "series" : axis.source) +
+                      " states gives no convincing lattice; it is searched"
                 : "the series does not state its tilt axis, and along y gives no convincing lattice; "
                   "it is searched");
         const std::optional<TiltAxis> found =

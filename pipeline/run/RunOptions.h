@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <optional>
 
+#include "pipeline/formats/InstrumentFile.h"
 #include "pipeline/geometry/RotationMode.h"
 #include "pipeline/run/CellOptions.h"
 #include "pipeline/run/SearchOptions.h"
@@ -51,9 +52,10 @@ struct CentreChoice {
 struct RunOptions {
     CentreChoice centre;
     AxisChoice axis;
-    std::optional<double> pixelSize;        ///< 1/m per pixel, instead of the series'
-    std::optional<double> kiloVolts;        ///< instead of the series'
-    std::filesystem::path fineCalibration;  ///< file with calibrated pixel sizes; empty: none
+    std::optional<double> pixelSize;                  ///< 1/m per pixel, instead of the series'
+    std::optional<double> kiloVolts;                  ///< instead of the series'
+    std::filesystem::path fineCalibration;            ///< file with calibrated pixel sizes; empty: none
+    std::optional<InstrumentCalibration> instrument;  ///< geometry that is known of the instrument
     SearchOptions search;
     CellOptions cell;
     IntensityChoice intensities;

@@ -30,6 +30,9 @@ struct RunResult {
     const SeriesFacts& facts() const { return volume.facts; }
     /// Direction of the axis as the reflections have it, degrees; that of the volume where they do not say.
     double refinedAxis() const;
+    /// Its standard uncertainty, degrees, the correlation with cell and distortion included; infinite where
+    /// the reflections do not say.
+    double refinedAxisSigma() const;
 };
 
 }  // namespace vrk

@@ -124,12 +124,23 @@ Json completenessJson(const Completeness& completeness, double pixelSize) {
     return json;
 }
 
-Json instrumentJson(const RefinedInstrument& instrument) {
+/// What was known of the instrument and applied.
+Json knownJson(const std::optional<InstrumentCalibration>& known) {
+    if (!known) return nullptr;
+    Json json = {{"file", known->file.string()}, {"terms", Json::array()}};
+    for (const auto& [name, term] : valuesOf(*known))
+        json["terms"].push_back({{"name", name}, {"value", term.value}, {"esd", term.sigma}});
+    return json;
+}
+
+Json instrumentJson(const RefinedInstrument& instrument, const SeriesFacts& facts) {
     static constexpr std::array<const char*, kInstrumentTerms> kTerms = {
         "axis_turn_deg", "ellipse_cos", "ellipse_sin", "radial", "tilt_scale", "axis_tilt_deg"};
     static constexpr std::array<double, kInstrumentTerms> kUnits = {
         180.0 / std::numbers::pi, 1.0, 1.0, 1.0, 1.0, 180.0 / std::numbers::pi};
-    Json json = {{"refined", instrument.valid}, {"residual_before_px", instrument.rmsBefore}};
+    Json json = {{"refined", instrument.valid},
+                 {"residual_before_px", instrument.rmsBefore},
+                 {"known", knownJson(facts.instrument)}};
     json["terms"] = Json::array();
     for (std::size_t t = 0; t < kInstrumentTerms; ++t) {
         if (!instrument.used[t]) continue;
@@ -299,8 +310,10 @@ std::string summaryJson(const std::filesystem::path& series, const RunResult& re
     json["tilt_axis"] = {{"angle_deg", result.axis.angle}, {"source", result.axis.source}};
     if (result.axis.uncertainty > 0.0) json["tilt_axis"]["uncertainty_deg"] = result.axis.uncertainty;
     json["tilt_axis"]["refined_deg"] = result.refinedAxis();
+    const double axisSigma = result.refinedAxisSigma();
+    json["tilt_axis"]["refined_esd_deg"] = std::isfinite(axisSigma) ? Json(axisSigma) : Json();
     if (result.axis.stated) json["tilt_axis"]["stated_deg"] = *result.axis.stated;
-    json["instrument"] = instrumentJson(result.indexed.instrument);
+    json["instrument"] = instrumentJson(result.indexed.instrument, result.facts());
     json["centres"] = centresJson(result.volume);
     json["volume"] = {{"dims", {voxels.GetWidth(), voxels.GetHeight(), voxels.GetDepth()}}};
     json["reflections"] = reflectionsJson(result.indexed);

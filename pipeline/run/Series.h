@@ -9,6 +9,7 @@
 
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "pipeline/base/Session.h"
+#include "pipeline/geometry/InstrumentModel.h"
 #include "pipeline/run/RunOptions.h"
 
 namespace vrk {
@@ -22,9 +23,16 @@ struct SeriesFacts {
     double kiloVolts = 0.0;
     std::optional<double> axis;     ///< as the series states it, degrees
     bool kiloVoltsAssumed = false;  ///< neither the series nor the caller gave it
+    /// What is known of the instrument, without what does not hold for this series.
+    std::optional<InstrumentCalibration> instrument;
+    FrameDistortion distortion;  ///< of the frames, as far as it is known
 
     double wavelength() const;  ///< Angstrom
 };
+
+/// What is known of the instrument, of frames that are rid of the distortion that is. The direction of the
+/// axis changes with the focus of the diffraction pattern: it stays for the reflections to confirm.
+KnownTerms knownTerms(const SeriesFacts& facts);
 
 /// Frames in ascending order of tilt, none empty, no tilt twice.
 struct Series {

@@ -43,6 +43,7 @@ RefinedInstrument refinedInstrument(const SymmetryInput& input, const Lattice& f
     settings.sense = sense;
     settings.tolerance = input.tolerance;
     settings.ties = ties;
+    settings.known = input.known;
     return refineInstrument(input.positions, input.tilts, from, input.centre, settings);
 }
 
@@ -150,13 +151,21 @@ SymmetryChoice chooseSymmetry(const SymmetryInput& input, RefinedPositions free)
 
     const RefinedInstrument untiedInstrument = result.instrument;
     const std::size_t candidates = input.wanted ? 1 : result.characters.size();
+    std::optional<std::size_t> chosen;
     for (std::size_t i = 0; untiedInstrument.valid && i < candidates; ++i) {
-        const CellTies ties = tiesOf(result.characters[i]);
+        const LatticeCharacter& character = result.characters[i];
+        // A lattice that nearly has a higher type has the lower one several times, with other axes.
+        if (chosen && character.bravaisType != result.characters[*chosen].bravaisType) continue;
+        const CellTies ties = tiesOf(character);
         if (!ties.any) continue;
         RefinedInstrument tied = refinedInstrument(input, from, sense, ties);
         if (!tied.valid || !areAsClose(tied.lattice, untiedInstrument.lattice)) continue;
-        bringToFront(result.characters, i);
+        if (chosen && tied.lattice.rms >= result.instrument.lattice.rms) continue;
+        chosen = i;
         result.instrument = std::move(tied);
+    }
+    if (chosen) {
+        bringToFront(result.characters, *chosen);
         takeInstrument(result, input.tolerance);
         result.conventional = result.instrument.lattice;
         return result;
@@ -169,6 +178,14 @@ SymmetryChoice chooseSymmetry(const SymmetryInput& input, RefinedPositions free)
     result.untied = loose ? loose->lattice : result.refined.lattice;
     if (result.instrument.valid) takeInstrument(result, input.tolerance);
     result.conventional = tied ? tied->lattice : result.refined.lattice;
+    if (!result.instrument.valid) return result;
+    // Under the ties of the answer, on the positions that the instrument gives.
+    std::vector<FitPoint> points;
+    for (const Eigen::Vector3d& position : result.instrument.positions)
+        points.push_back({position});
+    const CellTies ties = tiesOf(answer);
+    const LatticeFit fit = fitLattice(points, result.refined.lattice.lattice, input.tolerance, ties);
+    if (fit.valid) result.conventional = describe(fit, ties);
     return result;
 }
 

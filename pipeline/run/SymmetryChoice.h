@@ -22,6 +22,7 @@ struct SymmetryInput {
     double halfWidth = 0.0;                       ///< of the frames, voxels
     double wavelength = 0.0;                      ///< Angstrom; 0 is unknown
     double tolerance = 0.25;                      ///< of the fractional indices
+    KnownTerms known = {};                        ///< of the instrument, which are not refined
     std::optional<LATTICE::BravaisTypes> wanted;  ///< the type, where it is given
 };
 

@@ -3,31 +3,27 @@
 #pragma once
 
 #include <array>
-#include <utility>
 
 #include "pipeline/simulation/SimulationSettings.h"
+#include "processing/FrameDistortion.h"
 
 namespace vrk {
 
 /// Takes ideal places of a pattern to recorded ones, both in pixels from the pattern's centre.
 ///
-/// The radial term comes first, p1 = p (1 + radial |p|^2 / R^2) with half the frame's width R, then the
-/// ellipse: along the azimuth lengths grow by 1 + e, across it they shrink by 1 - e. In polar coordinates a
-/// point moves by r e cos 2(phi - azimuth) outwards. Microscopes have ellipses of some tenths to two per
-/// cent.
+/// The radial term of the settings is that at half the frame's width. In polar coordinates the ellipse moves
+/// a point by r e cos 2(phi - azimuth) outwards.
 class PatternDistortion {
 public:
     PatternDistortion(const DistortionSettings& settings, int size);
 
-    bool isNone() const { return m_none; }
-    std::pair<double, double> recorded(double x, double y) const;
+    bool isNone() const { return m_lens.isNone(); }
+    std::array<double, 2> recorded(double x, double y) const { return m_lens.recorded(x, y); }
     /// Square of the ideal distance from the centre of what is recorded at (x, y).
     double idealSquare(double x, double y) const;
 
 private:
-    bool m_none;
-    double m_radial;  ///< 1/pixel^2
-    std::array<std::array<double, 2>, 2> m_ellipse{};
+    FrameDistortion m_lens;
     std::array<std::array<double, 2>, 2> m_inverse{};
 };
 

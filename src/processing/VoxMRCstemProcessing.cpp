@@ -425,13 +425,34 @@ VoxMRCData* VoxMRCstemProcessing::step3_Rotation2TiltAxis(VoxMRCData* series, bo
     if (!std::isfinite(angleDegrees))
         return refuse(kName, line("the angle ", angleDegrees, " is not a number"));
     if (!quiet) log(line("Rotation of the tilt axis at ", angleDegrees, " degrees to the y axis."));
+    return turn(*series, kName, angleDegrees, {}, verbosity);
+}
+
+VoxMRCData* VoxMRCstemProcessing::turnUndistorted(const VoxMRCData* series, double angleDegrees,
+                                                  const FrameDistortion& distortion) {
+    static constexpr const char* kName = "turnUndistorted";
+    if (const auto problem = problemOfImages(series)) return refuse(kName, *problem);
+    if (!std::isfinite(angleDegrees))
+        return refuse(kName, line("the angle ", angleDegrees, " is not a number"));
+    // At the corner, where the radial term is largest.
+    const double square = 0.25 * (std::pow(series->GetWidth(), 2.0) + std::pow(series->GetHeight(), 2.0));
+    const double strength = std::hypot(distortion.ellipseCosine, distortion.ellipseSine);
+    if (!(strength < 0.5 && std::abs(distortion.radial) * square < 0.5))
+        return refuse(kName, line("an ellipse of ", strength, " and a radial term of ",
+                                  distortion.radial * square, " at the corner are no distortion by lenses"));
+    log(line("Distortion taken out and tilt axis at ", angleDegrees, " degrees turned to the y axis."));
+    return turn(*series, kName, angleDegrees, distortion, 0);
+}
+
+VoxMRCData* VoxMRCstemProcessing::turn(const VoxMRCData& series, const char* name, double angleDegrees,
+                                       const FrameDistortion& distortion, int verbosity) {
     const VRK::detail::SingleThreadedOpenCV singleThreaded;
     std::optional<VRK::detail::FrameRotation> rotation;
-    if (angleDegrees != 0)
-        rotation.emplace(static_cast<int>(series->GetWidth()), static_cast<int>(series->GetHeight()),
-                         angleDegrees);
-    setSteps(static_cast<int>(series->GetDepth()), "Rotation");
-    VoxMRCData* result = eachPattern(*series, kName, series->GetWidth(), series->GetHeight(), 0,
+    if (angleDegrees != 0 || !distortion.isNone())
+        rotation.emplace(static_cast<int>(series.GetWidth()), static_cast<int>(series.GetHeight()),
+                         angleDegrees, distortion);
+    setSteps(static_cast<int>(series.GetDepth()), "Rotation");
+    VoxMRCData* result = eachPattern(series, name, series.GetWidth(), series.GetHeight(), 0,
                                      [&](const Frame& in, Frame& out, unsigned i) {
                                          if (verbosity > 0) log(line("rotating pattern ", i));
                                          if (rotation)

@@ -7,6 +7,7 @@
 #include "VRKCoreExport.h"
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "foundation/VoxProgressObserver.h"
+#include "processing/FrameDistortion.h"
 #include "processing/PatternCentre.h"
 
 class RecordedPixels;
@@ -127,6 +128,14 @@ public:
     /// step2_CenterShift(), positions to 1/32 pixel. Corners that come from beyond the frame are 0.
     VoxMRCData* step3_Rotation2TiltAxis(VoxMRCData* series, bool quiet, double angleDegrees, int verbosity);
 
+    /// The same, and takes the distortion by the lenses out in the same interpolation. The beam has to be in
+    /// the middle. Counts per pixel stay as they are: a pixel keeps its height while its area changes.
+    /// \param distortion  about the centre, in the frames before they are turned. Not finite, or so large
+    /// that
+    ///                    it folds the frame over: null.
+    VoxMRCData* turnUndistorted(const VoxMRCData* series, double angleDegrees,
+                                const FrameDistortion& distortion);
+
     /// Halves the size of every pattern by averaging 2 x 2 pixels, rounded to the nearest count. The
     /// pixel sizes double. Along an axis of odd size, (size - 1) / 2 pixels are left, each of the weights
     /// 1/4, 1/2, 1/4 of three, so that the middle pixel stays the centre. Frames below 2 x 2 pixels: null.
@@ -188,6 +197,8 @@ private:
                        ShadowMask* shadows);
     VoxMRCData* move(const VoxMRCData& series, const std::vector<PatternCentre>& centres, const char* name,
                      unsigned stepsBefore);
+    VoxMRCData* turn(const VoxMRCData& series, const char* name, double angleDegrees,
+                     const FrameDistortion& distortion, int verbosity);
     VoxMRCData* halve(const VoxMRCData* series, const char* name, bool sum, bool quiet, int verbosity);
     VoxMRCData* makeSquare(const VoxMRCData& series, const char* name, unsigned size);
     bool fillVolume(const VoxMRCData& input, const SamplingGeometry& geometry, int verbosity,

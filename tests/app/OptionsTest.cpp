@@ -50,6 +50,9 @@ const std::vector<Command> kCommands = {
       {"--pixel-size 5e7", "/input/pixel_size=5e7 /cell/reduced/a>"},
       {"--voltage 60", "/parameters/voltage_kv=60 /handedness/residual_plus_px!"},
       {"--fine-calibration cal.txt", "/input/pixel_size=1.7e8"},
+      {"--distortion d.json",
+       "/instrument/known/file=d.json /tilt_axis/source=calibration /input/pixel_size> "
+       "/reflections/residual_px!"},
       {"--keep-volume", "out/volume.mrc?"},
       {"--threshold 60", "/parameters/threshold=60 /reflections/found<"},
       {"--min-voxels 20", "/parameters/min_voxels=20 /reflections/found<"},
@@ -117,10 +120,18 @@ const std::vector<Command> kCommands = {
       {"--rotate 20", "pre.mrc~"},
       {"--rotate header", "pre.mrc~"},
       {"--centre 63,64.5", "pre.mrc~"},
+      {"--distortion d.json", "/pixel_size> /steps/3/name=distortion pre.mrc~"},
       {"--bin 2", "/dims/0=64 /pixel_size>"},
       {"--bin 2 --rebin", "/dims/0=64 /density/mean>"},
       {"--log l.txt", "l.txt?"}},
      "--no-center --crop"},
+    {"calibrate series.mrc -o c.json --json",
+     {{"--cell 5.2,6.1,4.6,90,105,90", "/pixel_scale! /series/0/bravais=mC c.json~"},
+      {"--tilt-axis 5.5", "/axis_angle_deg/value! c.json~"},
+      {"--pixel-size 1.5e8", "/frame/pixel_size=1.5e8"},
+      {"--voltage 60", "/series/0/residual_px!"},
+      {"--log l.txt", "l.txt?"}},
+     "--distortion"},
     {"reconstruct clean.mrc -o v.mrc --json",
      {{"--fine-calibration cal.txt", "/pixel_size=1.7e8"},
       {"--fine-pixel-size 3e8", "/pixel_size=3e8"},
@@ -267,6 +278,13 @@ protected:
     static void SetUpTestSuite() {
         folder = std::make_unique<TemporaryFolder>();
         folder->write("cal.txt", "166666672 1.7e8\n");
+        folder->write("d.json",
+                      R"json({"format": "vrk instrument geometry", "version": 1,
+                      "frame": {"x": "right", "y": "down", "azimuth": "from x towards y",
+                                "axis": "along (-sin t, cos t)", "width_px": 128, "pixel_size": 166666672},
+                      "ellipse": {"value": 0.004, "su": 0}, "ellipse_azimuth_deg": {"value": 30, "su": 0},
+                      "tilt_scale": {"value": 1, "su": 0}, "axis_angle_deg": {"value": 6, "su": 0},
+                      "pixel_scale": {"value": 1.01, "su": 0}})json");
         folder->write("salt.cif",
                       "data_salt\n_cell_length_a 5.64\n_cell_length_b 5.64\n_cell_length_c 5.64\n"
                       "_cell_angle_alpha 90\n_cell_angle_beta 90\n_cell_angle_gamma 90\n"
@@ -279,7 +297,8 @@ protected:
     void SetUp() override {
         if (!GetParam().ofCrystal || std::filesystem::exists(*folder / "cell.txt")) return;
         for (const char* line :
-             {"simulate -o series.mrc --cell 5.2,6.1,4.6,90,105,90 --centring C --size 128 --dmin 1 --seed 4 "
+             {"simulate -o series.mrc --cell 5.2,6.1,4.6,90,105,90 --centring C --size 128 --dmin 1 "
+              "--seed 4 "
               "--tilts -60:60:3 --axis 6 --write-axis --hot-pixels 9 --drift 2",
               "preprocess series.mrc -o clean.mrc --rotate header", "reconstruct clean.mrc -o volume.mrc",
               "peaks volume.mrc -o peaks.txt --threshold 30 --zero-beam 8", "cell peaks.txt -o cell.txt"})

@@ -16,12 +16,15 @@ struct Recorded : vrk::test::Recorded {
     Recorded(const std::array<double, 6>& cell, const Distortion& distortion, double noise, unsigned seed)
         : Recorded(cell, distortion, {.noise = noise, .seed = seed}) {}
 
-    vrk::RefinedInstrument refined(const vrk::CellTies& ties) const {
+    vrk::RefinedInstrument refined(const vrk::CellTies& ties, const vrk::KnownTerms& known = {},
+                                   bool allTerms = false) const {
         vrk::InstrumentSettings settings;
         settings.halfWidth = vrk::test::kHalfWidth;
         settings.wavelength = EwaldCurvature::wavelength(200.0);
         settings.sense = 1;
         settings.ties = ties;
+        settings.known = known;
+        settings.allTerms = allTerms;
         return vrk::refineInstrument(positions, tilts,
                                      vrk::Lattice::of(reciprocalCell(truth, vrk::test::kPixelSize), centre),
                                      centre, settings);
@@ -83,6 +86,43 @@ TEST(InstrumentRefinement, AllTermsAtOnce) {
     EXPECT_NEAR(found.model[vrk::InstrumentTerm::TiltScale], 1.0 / 1.0 * (0.985 - 1.0), 1e-3);
     EXPECT_NEAR(found.lattice.cell[0], 8.2, 0.004);
     EXPECT_GT(found.rmsBefore, 1.5 * found.lattice.rms);
+}
+
+TEST(InstrumentRefinement, KnownShapesTellAnEllipseOfAnyCrystalAndKnownTermsStay) {
+    using enum vrk::InstrumentTerm;
+    const Recorded stretched(kTriclinic, {.ellipse = 0.014, .azimuth = 20.0, .tiltScale = 1.01}, 0.4, 8);
+    // Whatever the scale of the cell is called.
+    std::array<double, 6> cell = kTriclinic;
+    for (std::size_t i = 0; i < 3; ++i)
+        cell[i] *= 1.1;
+    const vrk::CellTies shape = vrk::CellTies::ofShape(cell, Eigen::Matrix3d::Identity());
+    const vrk::RefinedInstrument found = stretched.refined(shape, {}, true);
+    EXPECT_NEAR(found.ellipse(), 0.014, 3e-4);
+    EXPECT_NEAR(found.ellipseAzimuth(), 20.0, 1.0);
+    EXPECT_NEAR(found.model[TiltScale], 0.01, 5e-4);
+    EXPECT_NEAR(found.lattice.cell[1], kTriclinic[1], 1e-3 * kTriclinic[1]);
+    EXPECT_TRUE(found.uses(Radial)) << "nothing there, but determined";
+    EXPECT_NEAR(found.model[Radial], 0.0, 4.0 * found.sigma[3]);
+    for (std::size_t i = 0; i < vrk::kInstrumentTerms; ++i) {
+        const auto n = static_cast<Eigen::Index>(i);
+        EXPECT_NEAR(std::sqrt(found.covariance(n, n)), found.sigma[i], 1e-9) << i;
+    }
+
+    vrk::KnownTerms known;
+    for (const vrk::InstrumentTerm term : {EllipseCosine, EllipseSine, TiltScale})
+        known[static_cast<std::size_t>(term)] = found.model[term];
+    const vrk::RefinedInstrument kept = stretched.refined({}, known);
+    for (const vrk::InstrumentTerm term : {EllipseCosine, EllipseSine, TiltScale}) {
+        EXPECT_EQ(kept.model[term], found.model[term]);
+        EXPECT_FALSE(kept.uses(term));
+    }
+    const vrk::RefinedInstrument unaware = stretched.refined({});
+    for (std::size_t i = 0; i < 3; ++i) {
+        EXPECT_NEAR(kept.lattice.cell[i], kTriclinic[i], 5e-4 * kTriclinic[i]);
+        EXPECT_NEAR(kept.lattice.cell[i + 3], kTriclinic[i + 3], 0.05);
+    }
+    // An ellipse that nobody knows may have turned the axis.
+    EXPECT_GT(unaware.axisTurnSigma, 1.2 * kept.axisTurnSigma);
 }
 
 TEST(InstrumentRefinement, LeavesOutWhatANarrowWedgeCannotTellFromTheCell) {

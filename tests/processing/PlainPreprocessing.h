@@ -292,15 +292,31 @@ inline Pattern moved(const Pattern& p, double dx, double dy) {
     return result;
 }
 
-inline Pattern turned(const Pattern& p, double degrees) {
+/// What lenses do: places move outwards by `radial` of themselves at a distance of one pixel, with its
+/// square, then along the azimuth by the strength of the ellipse, and inwards across it.
+struct Lenses {
+    double strength = 0, azimuth = 0, radial = 0;  // azimuth in degrees from x towards y
+
+    std::array<double, 2> recorded(double x, double y) const {
+        const double a = azimuth * std::numbers::pi / 180;
+        const double outwards = 1 + radial * (x * x + y * y);
+        const double along = (x * std::cos(a) + y * std::sin(a)) * outwards * (1 + strength);
+        const double across = (y * std::cos(a) - x * std::sin(a)) * outwards * (1 - strength);
+        return {along * std::cos(a) - across * std::sin(a), along * std::sin(a) + across * std::cos(a)};
+    }
+};
+
+inline Pattern turned(const Pattern& p, double degrees, const Lenses& lenses = {}) {
     const double t = std::remainder(degrees, 360.0) * std::numbers::pi / 180;
     const double cx = (p.width - 1) * 0.5, cy = (p.height - 1) * 0.5;
     Pattern result(p.width, p.height);
     for (int y = 0; y < p.height; ++y)
         for (int x = 0; x < p.width; ++x) {
             // Places are told to 1/32 pixel.
-            const double u = std::nearbyint(32 * (cx + std::cos(t) * (x - cx) - std::sin(t) * (y - cy)));
-            const double v = std::nearbyint(32 * (cy + std::sin(t) * (x - cx) + std::cos(t) * (y - cy)));
+            const auto [fromX, fromY] = lenses.recorded(std::cos(t) * (x - cx) - std::sin(t) * (y - cy),
+                                                        std::sin(t) * (x - cx) + std::cos(t) * (y - cy));
+            const double u = std::nearbyint(32 * (cx + fromX));
+            const double v = std::nearbyint(32 * (cy + fromY));
             if (u < 0 || v < 0 || u > 32 * (p.width - 1) || v > 32 * (p.height - 1)) continue;
             const int column = static_cast<int>(u / 32), row = static_cast<int>(v / 32);
             const std::array<float, 4> wx = weightsAt(u / 32 - column), wy = weightsAt(v / 32 - row);

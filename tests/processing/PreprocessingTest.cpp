@@ -165,15 +165,21 @@ TEST(Preprocessing, EqualsThePlainStepsBitForBit) {
         const auto series = anySeries(large + edge(60), large + edge(60), edge(7), random);
         const Data data = toData(series);
         const double angle = std::uniform_real_distribution<>(-400, 400)(random);
-        std::vector<plain::Pattern> flat, turned;
+        const plain::Lenses lenses{0.03, 0.7 * angle, run % 2 == 0 ? 2e-5 : -2e-5};
+        const double doubled = 2 * lenses.azimuth * std::numbers::pi / 180;
+        const FrameDistortion distortion{lenses.strength * std::cos(doubled),
+                                         lenses.strength * std::sin(doubled), lenses.radial};
+        std::vector<plain::Pattern> flat, turned, straight;
         for (const plain::Pattern& pattern : series) {
             flat.push_back(plain::withoutBackground(pattern));
             turned.push_back(plain::turned(pattern, angle));
+            straight.push_back(plain::turned(pattern, angle, lenses));
         }
         VoxMRCstemProcessing processing;
         expectEqual(*Data(processing.HotSpotFilterImageStack(data.get())), plain::withoutHotSpots(series));
         expectEqual(*Data(processing.step1_BackgroundSubstraction(data.get())), flat);
         expectEqual(*Data(processing.step3_Rotation2TiltAxis(data.get(), true, angle, 0)), turned);
+        expectEqual(*Data(processing.turnUndistorted(data.get(), angle, distortion)), straight);
         if (HasFatalFailure()) return;
     }
 }
@@ -256,6 +262,9 @@ TEST(Preprocessing, TurnsTheAxisToY) {
         for (unsigned x = 0; x < 121; ++x)
             ASSERT_EQ(pixel(*quarter, x, y), pixel(*series, 120 - y, x));
     EXPECT_TRUE(*Data(processing.step3_Rotation2TiltAxis(series.get(), true, 0, 0)) == *series);
+    EXPECT_TRUE(*Data(processing.turnUndistorted(series.get(), 0, {})) == *series);
+    for (const FrameDistortion& nonsense : {FrameDistortion{0.6, 0, 0}, FrameDistortion{0, 0, 1}})
+        EXPECT_EQ(processing.turnUndistorted(series.get(), 10, nonsense), nullptr);
     EXPECT_EQ(
         processing.step3_Rotation2TiltAxis(series.get(), true, std::numeric_limits<double>::quiet_NaN(), 0),
         nullptr);

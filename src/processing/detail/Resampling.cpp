@@ -113,7 +113,7 @@ void FrameShift::apply(const Frame& in, double dx, double dy, Frame out) {
     cv::max(cv::InputArray(m_rounded(source)), m_bound(source + nearest), moved);
 }
 
-FrameRotation::FrameRotation(int width, int height, double angleDegrees)
+FrameRotation::FrameRotation(int width, int height, double angleDegrees, const FrameDistortion& distortion)
     : m_padded(cv::Mat_<float>::zeros(height + 2 * kBorder, width + 2 * kBorder)) {
     for (int step = 0; step < kSteps; ++step)
         m_weights[static_cast<std::size_t>(step)] = cubicWeights(static_cast<double>(step) / kSteps);
@@ -126,7 +126,13 @@ FrameRotation::FrameRotation(int width, int height, double angleDegrees)
         for (int column = 0; column < width; ++column) {
             const double u = column - centre.x;
             const double v = row - centre.y;
-            m_sources.push_back(sourceOf(centre.x + c * u - s * v, centre.y + s * u + c * v, width, height));
+            if (distortion.isNone()) {
+                m_sources.push_back(
+                    sourceOf(centre.x + c * u - s * v, centre.y + s * u + c * v, width, height));
+            } else {
+                const auto [x, y] = distortion.recorded(c * u - s * v, s * u + c * v);
+                m_sources.push_back(sourceOf(centre.x + x, centre.y + y, width, height));
+            }
         }
 }
 

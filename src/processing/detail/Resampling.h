@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "processing/FrameDistortion.h"
 #include "processing/detail/Frame.h"
 
 namespace VRK::detail {
@@ -24,10 +25,11 @@ private:
     cv::Mat m_bound;
 };
 
-/// Turns patterns of one size about their centre, so that an axis along (-sin t, cos t) comes to lie along y.
+/// Turns patterns of one size about their centre, so that an axis along (-sin t, cos t) comes to lie along y,
+/// and takes a distortion out, in one interpolation.
 class FrameRotation {
 public:
-    FrameRotation(int width, int height, double angleDegrees);
+    FrameRotation(int width, int height, double angleDegrees, const FrameDistortion& distortion = {});
     void apply(const Frame& in, Frame out);
 
 private:

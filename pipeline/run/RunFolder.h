@@ -1,0 +1,16 @@
+/// \file
+/// The results of a run, read back.
+#pragma once
+
+#include <filesystem>
+
+#include "pipeline/run/Calibration.h"
+
+namespace vrk {
+
+/// The reflections in a folder of `vrk run`: peaks.txt and summary.json. Throws Failure that names the file
+/// and what it lacks, and when the run had a known geometry: its reflections do not show the instrument any
+/// more.
+CalibrationInput readRunFolder(const std::filesystem::path& folder);
+
+}  // namespace vrk

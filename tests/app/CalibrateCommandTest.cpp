@@ -1,0 +1,89 @@
+// vrk calibrate, and what its file does for other crystals.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <nlohmann/json.hpp>
+
+#include "app/RunVrk.h"
+#include "support/TemporaryFolder.h"
+
+namespace {
+
+using nlohmann::json;
+
+class CalibrateCommandTest : public testing::Test {
+protected:
+    VrkResult vrk(const std::string& line) const { return runVrkLine(line, folder / "."); }
+    json answer(const std::string& line) const {
+        const VrkResult result = vrk(line + " --json");
+        EXPECT_EQ(result.exitCode, 0) << line << '\n' << result.err;
+        return result.exitCode == 0 ? json::parse(result.out) : json();
+    }
+    /// A crystal in the microscope of the test, which states a pixel size 2 % too large.
+    void simulate(const std::string& name, const std::string& crystal) const {
+        answer("simulate -o " + name + " --size 192 --dmin 1.2 --tilts -60:60:3 --write-axis --axis 33 " +
+               "--ellipse 0.014 --ellipse-azimuth 64 --radial 0.006 --tilt-scale 1.008 --state-pixel 1.02 " +
+               crystal);
+    }
+
+    TemporaryFolder folder;
+};
+
+TEST_F(CalibrateCommandTest, PutsAnotherCrystalRightThatCouldNotTell) {
+    simulate("a.mrc", "--cell 8.1,8.1,8.1,90,90,90 --centring I --seed 3");
+    simulate("b.mrc", "--cell 6.3,7.4,8.2,75,82,68 --seed 5");
+    // The files of a run tell nearly the same as the series.
+    ASSERT_EQ(vrk("run a.mrc -o a --no-pictures --no-integration").exitCode, 0);
+    const json found = answer("calibrate a.mrc a -o d.json --cell 8.1,8.1,8.1,90,90,90");
+    EXPECT_NEAR(found["ellipse"]["value"], 0.014, 5e-4);
+    EXPECT_NEAR(found["ellipse_azimuth_deg"]["value"], 64, 2);
+    EXPECT_NEAR(found["radial"]["value"], 0.006, 0.0015);
+    EXPECT_NEAR(found["tilt_scale"]["value"], 1.008, 0.001);
+    EXPECT_NEAR(found["axis_angle_deg"]["value"], 33, 0.1);
+    EXPECT_NEAR(found["pixel_scale"]["value"], 1 / 1.02, 0.001);
+    EXPECT_EQ(found["scatter"]["ellipse"]["series"], 2);
+    EXPECT_LT(found["scatter"]["ellipse"]["deviation"], 3e-4);
+
+    const json plain = answer("run b.mrc -o plain --no-pictures --no-integration");
+    const json right = answer("run b.mrc -o right --no-pictures --distortion d.json");
+    const json truth = json::parse(folder.read("b.truth.json"));
+    const auto error = [&](const json& cells) {
+        double most = 0;
+        for (const char* edge : {"a", "b", "c"})
+            most = std::max(
+                most,
+                std::abs(cells[edge].get<double>() / truth["cell"]["primitive"][edge].get<double>() - 1));
+        return most;
+    };
+    EXPECT_GT(error(plain["cell"]["reduced"]), 0.01);
+    EXPECT_LT(error(right["cell"]["reduced"]), 0.001);
+    EXPECT_LT(error(right["cell"]["conventional"]), 0.001);
+    EXPECT_LT(error(right["intensities"]["cell"]), 0.001);
+    EXPECT_LT(right["intensities"]["geometry"]["residual_px"], 0.25);
+    for (const auto& term : right["intensities"]["geometry"]["terms"])
+        EXPECT_TRUE(term == "spiral" || term == "mosaicity" || term == "tilts") << term;
+    EXPECT_EQ(right["instrument"]["known"]["terms"].size(), 7U);
+    EXPECT_NEAR(right["tilt_axis"]["refined_deg"], 33, 0.1);
+    EXPECT_LT(right["tilt_axis"]["refined_esd_deg"], 0.05);
+}
+
+TEST_F(CalibrateCommandTest, RefusesWhatTellsNothing) {
+    simulate("a.mrc", "--cell 8.1,8.1,8.1,90,90,90 --centring I --seed 3");
+    const struct {
+        const char* line;
+        int exitCode;
+        const char* message;
+    } cases[] = {{"calibrate a.mrc -o d.json --cell 8,8,8", 2, "--cell takes a,b,c"},
+                 {"calibrate a.mrc -o d.json --cell 8.1,8.1,9.9,90,90,90", 3, "which is not that of 8.10"},
+                 {"calibrate . -o d.json", 1, "holds no summary.json"},
+                 {"run a.mrc -o r --distortion a.truth.json", 1, "vrk calibrate"},
+                 {"run a.mrc -o r --distortion none.json", 1, "none.json"}};
+    for (const auto& one : cases) {
+        const VrkResult result = vrk(one.line);
+        EXPECT_EQ(result.exitCode, one.exitCode) << one.line;
+        EXPECT_NE(result.err.find(one.message), std::string::npos) << result.err;
+    }
+    EXPECT_FALSE(std::filesystem::exists(folder / "d.json"));
+}
+
+}  // namespace
