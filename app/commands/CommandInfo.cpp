@@ -14,6 +14,7 @@
 #include "commands/Commands.h"
 #include "pictures/Pictures.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/JsonText.h"
 #include "pipeline/frames/DataFiles.h"
 #include "pipeline/frames/FileReport.h"
 
@@ -131,7 +132,7 @@ void printJson(Host& host, const Options& options, const VoxMRCData& data, std::
                       {"negative", report.negative}, {"histogram", histogram.m_Bins}};
     if (options.slices) json["slices"] = slicesAsJson(header, report);
     json["warnings"] = report.warnings;
-    host.out() << json.dump(1, ' ', false, Json::error_handler_t::replace) << '\n';
+    host.out() << jsonText(json, 1) << '\n';
 }
 
 void printLine(Host& host, const char* name, const std::string& text) {
