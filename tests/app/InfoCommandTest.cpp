@@ -155,7 +155,7 @@ TEST(InfoCommand, SaysInOneLineWhyAFileIsRefused) {
           {folder.write("cut.mrc", plainSeries().bytes().substr(0, 1100)), "640 bytes of data, but only 0"},
           {folder.write("no.mrc", MRCBytes(0, 8, 5).bytes()), "announces 0 x 8 x 5 voxels"},
           {folder / "missing.mrc", "cannot be opened"},
-          {folder / "", "cannot be opened"}}) {
+          {folder / "", "is a folder"}}) {
         const VrkResult result = runVrk({"info", path, "--json"});
         EXPECT_EQ(result.exitCode, 1);
         EXPECT_EQ(result.out, "");
