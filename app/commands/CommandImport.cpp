@@ -6,6 +6,7 @@
 #include "commands/Commands.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/JsonText.h"
+#include "pipeline/base/NumberText.h"
 #include "pipeline/frames/DataFiles.h"
 #include "pipeline/frames/FrameFormat.h"
 #include "pipeline/frames/SeriesImport.h"
@@ -60,7 +61,8 @@ void report(Host& host, const Options& options, const ImportResult& result) {
     if (result.sum > 1) host.out() << ", " << result.sum << " added up at a time";
     if (result.scale != 1) host.out() << ", counts x " << result.scale;
     host.out() << "\ntilts " << header.tilt(0) << " to " << header.tilt(header.nz - 1)
-               << " degrees\npixel size " << orUnknown(header.m_pixelsize, " 1/m") << ", voltage "
+               << " degrees\npixel size "
+               << (header.m_pixelsize > 0 ? pixelSizeText(header.m_pixelsize) : "not known") << ", voltage "
                << orUnknown(header.value(SliceValue::HighTension, 0), " kV") << ", tilt axis "
                << orUnknown(header.value(SliceValue::TiltAxis, 0), " degrees") << '\n';
 }

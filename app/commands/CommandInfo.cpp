@@ -15,6 +15,7 @@
 #include "pictures/Pictures.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/JsonText.h"
+#include "pipeline/base/NumberText.h"
 #include "pipeline/frames/DataFiles.h"
 #include "pipeline/frames/FileReport.h"
 
@@ -171,8 +172,8 @@ void printPixelSize(Host& host, const mrcH& header) {
     }
     const double perAngstrom = static_cast<double>(header.m_pixelsize) * 1e-10;
     printLine(host, "pixel size",
-              shortNumber(header.m_pixelsize) + " 1/m per pixel; d = " +
-                  shortNumber(2 / (perAngstrom * std::min(header.nx, header.ny)), 3) +
+              pixelSizeText(header.m_pixelsize) +
+                  " per pixel; d = " + shortNumber(2 / (perAngstrom * std::min(header.nx, header.ny)), 3) +
                   " Angstrom at the edge");
 }
 

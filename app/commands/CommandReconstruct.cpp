@@ -9,6 +9,7 @@
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/JsonText.h"
 #include "pipeline/base/LibraryStage.h"
+#include "pipeline/base/NumberText.h"
 #include "pipeline/frames/DataFiles.h"
 #include "pipeline/run/Preprocessing.h"
 #include "processing/VoxMRCstemProcessing.h"
@@ -75,8 +76,8 @@ void run(const Options& options, Host& host) {
     }
     host.out() << "volume of " << volume->GetWidth() << " x " << volume->GetHeight() << " x "
                << volume->GetDepth() << " voxels, written to " << options.output << "\npixel size "
-               << header.m_pixelsize << " 1/m, largest value " << volume->m_Histogram->m_MaxValue << ", "
-               << seconds.count() << " s\n";
+               << pixelSizeText(header.m_pixelsize) << ", largest value " << volume->m_Histogram->m_MaxValue
+               << formatted(", %.1f s\n", seconds.count());
 }
 
 }  // namespace

@@ -135,8 +135,8 @@ void printSummary(std::ostream& out, const RunResult& result) {
     const LatticeCharacter& answer = indexed.symmetry();
     print("series        %d frames of %d x %d, tilts %.2f to %.2f degrees", facts.size[2], facts.size[0],
           facts.size[1], facts.tiltFirst, facts.tiltLast);
-    print("pixel size    %.6g 1/Angstrom (%.6g 1/m), %.6g kV%s", 1e-10 * facts.pixelSize, facts.pixelSize,
-          facts.kiloVolts, facts.kiloVoltsAssumed ? ", assumed" : "");
+    out << "pixel size    " << pixelSizeText(facts.pixelSize)
+        << formatted(", %.6g kV%s", facts.kiloVolts, facts.kiloVoltsAssumed ? ", assumed" : "") << '\n';
     out << "tilt axis     " << axisText(result) << '\n';
     printCell("reduced     ", refined);
     printCell("conventional", indexed.conventional);

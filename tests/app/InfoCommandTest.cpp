@@ -104,7 +104,7 @@ TEST(InfoCommand, ShowsTheSyntheticSeries) {
     EXPECT_EQ(text.err, "");
     for (const char* part :
          {"tilt series, 61 patterns of 128 x 128", "-60 to 60 degrees, regular steps of 2", "200 kV",
-          "1e+08 1/m per pixel", "label         VRKCore: synthetic", "no warnings"})
+          "0.01 1/Angstrom (1e+08 1/m) per pixel", "label         VRKCore: synthetic", "no warnings"})
         EXPECT_NE(text.out.find(part), std::string::npos) << part << text.out;
 }
 
