@@ -14,6 +14,7 @@ constexpr int kDone = 0;
 constexpr int kFailed = 1;
 constexpr int kUsage = 2;
 constexpr int kNothingFound = 3;
+constexpr int kStopped = 128;  ///< and the number of the signal, as shells have it
 
 int exitCodeOf(vrk::FailureKind kind) {
     switch (kind) {
@@ -21,8 +22,9 @@ int exitCodeOf(vrk::FailureKind kind) {
             return kUsage;
         case vrk::FailureKind::NothingFound:
             return kNothingFound;
-        case vrk::FailureKind::Failed:
         case vrk::FailureKind::Canceled:
+            return kStopped + vrk::app::Host::stopSignal();
+        case vrk::FailureKind::Failed:
             break;
     }
     return kFailed;
@@ -47,7 +49,9 @@ int parseAndRun(vrk::app::Host& host, int argc, char** argv) {
     vrk::app::addCalibrateCommand(line, host);
     vrk::app::addDemoCommand(line, host);
     vrk::app::addCompletionCommand(line, host);
-    return line.run(argc, argv, host.out(), std::cerr) ? kDone : kUsage;
+    if (!line.run(argc, argv, host.out(), std::cerr)) return kUsage;
+    host.done();
+    return kDone;
 }
 
 }  // namespace
@@ -61,8 +65,10 @@ int main(int argc, char** argv) {
         std::cerr << "vrk: " << failure.what() << '\n';
         return exitCodeOf(failure.kind());
     } catch (const std::bad_alloc&) {
+        host.wipeProgress();
         std::cerr << "vrk: out of memory; bin the series or run on a larger machine\n";
     } catch (const std::exception& error) {
+        host.wipeProgress();
         std::cerr << "vrk: " << error.what() << '\n';
     }
     return kFailed;

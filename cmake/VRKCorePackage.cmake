@@ -19,6 +19,11 @@ if(TARGET VRKPipeline)
 endif()
 if(TARGET vrk)
   install(TARGETS vrk RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  # The program writes its manual itself, from what its help is made of.
+  set(_manual "${PROJECT_BINARY_DIR}/man")
+  install(CODE "execute_process(COMMAND \"${CMAKE_COMMAND}\" -D \"PROGRAM=$<TARGET_FILE:vrk>\"
+    -D \"FOLDER=${_manual}\" -P \"${PROJECT_SOURCE_DIR}/cmake/ManPages.cmake\" COMMAND_ERROR_IS_FATAL ANY)")
+  install(DIRECTORY "${_manual}/" DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 endif()
 
 configure_package_config_file(cmake/VRKCoreConfig.cmake.in

@@ -13,6 +13,7 @@
 #include "console/ParameterOptions.h"
 #include "crystallography/CellFileImportExport.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/JsonText.h"
 #include "pipeline/base/NumberText.h"
 #include "pipeline/base/OutputFile.h"
 #include "pipeline/formats/CellEvaluationFiles.h"
@@ -27,7 +28,7 @@ using Json = nlohmann::ordered_json;
 struct Options {
     std::string peaks;
     std::string output;
-    std::string log;
+    LogOptions log;
     std::string dump;
     std::string report;
     std::string merge = "auto";
@@ -188,7 +189,7 @@ void checkNames(const Options& options) {
 }
 
 void run(const Options& options, Host& host) {
-    if (!options.log.empty()) host.openLog(options.log);
+    host.openLog(options.log);
     checkNames(options);
     PeakCellOptions search = options.search;
     search.mergeDistance = mergeDistanceOf(options.merge);
@@ -202,7 +203,7 @@ void run(const Options& options, Host& host) {
     }
     writeCell(options, result, host);
     if (options.json)
-        host.out() << toJson(options, result).dump(1) << '\n';
+        host.out() << jsonText(toJson(options, result), 1) << '\n';
     else
         report(host.out(), options, result);
 }
@@ -235,7 +236,7 @@ void addCellCommand(CommandLine& line, Host& host) {
                 "Write difference vectors, clusters and their lines into this folder, with a gnuplot script "
                 "that shows them")
         .typeName("FOLDER");
-    command.option("--log", options->log, "Write all messages here").typeName("FILE");
+    addLogOptions(command, options->log);
     command.flag("--json", options->json, "Print the result as JSON");
     command.footer(
         "Difference vectors are clustered with several sets of parameters, and the lattice that explains "

@@ -11,6 +11,7 @@
 #include "crystallography/Space.h"
 #include "crystallography/UnitCellTest.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/JsonText.h"
 #include "pipeline/base/NumberText.h"
 #include "pipeline/formats/CellInput.h"
 
@@ -23,7 +24,7 @@ struct Options {
     double pixelSize = 0.0;
     LatticeTolerances tolerances;
     double lengthPercent = 3.0;
-    std::string log;
+    LogOptions log;
     bool json = false;
 };
 
@@ -215,12 +216,12 @@ void print(std::ostream& out, const CellReport& report, const LatticeTolerances&
 }
 
 void runCellInfo(Host& host, const Options& options) {
-    if (!options.log.empty()) host.openLog(options.log);
+    host.openLog(options.log);
     LatticeTolerances tolerances = options.tolerances;
     tolerances.length = options.lengthPercent / 100.0;
     const CellReport report = examine(readCell(options), tolerances);
     if (options.json)
-        host.out() << toJson(report).dump(1) << '\n';
+        host.out() << jsonText(toJson(report), 1) << '\n';
     else
         print(host.out(), report, tolerances);
 }
@@ -247,7 +248,7 @@ void addCellInfoCommand(CommandLine& line, Host& host) {
     command.option("--length", options->lengthPercent, "Largest misfit of an edge, percent")
         .range(0.0, 15.0)
         .showDefault();
-    command.option("--log", options->log, "Write the library's messages to this file");
+    addLogOptions(command, options->log);
     command.flag("--json", options->json, "Print the result as JSON");
     command.footer(
         "The misfit of a lattice is the largest deviation of its conventional cell from the symmetric one.\n"

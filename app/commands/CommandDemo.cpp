@@ -12,9 +12,11 @@
 #include "pictures/Pictures.h"
 #include "pictures/RunPictures.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/JsonText.h"
 #include "pipeline/base/NumberList.h"
 #include "pipeline/base/NumberText.h"
 #include "pipeline/base/OutputFile.h"
+#include "pipeline/base/ResultFolder.h"
 #include "pipeline/frames/DataFiles.h"
 #include "pipeline/run/ResultFiles.h"
 #include "pipeline/run/Run.h"
@@ -66,7 +68,7 @@ struct Comparison {
     Eigen::Matrix3i transformation;  ///< true reciprocal base = found base * this
     bool sameLattice = false;
     double axisError = 0.0;  ///< degrees, of the axis as a line
-    int expectedSense = 0;
+    int expectedHandedness = 0;
     double percentIndexed = 0.0;
     std::vector<Check> checks;
 
@@ -188,13 +190,11 @@ Comparison compare(const SimulationTruth& truth, const RunResult& result) {
         {"tilt axis", formatted("%.2f deg", truth.axis), formatted("%.2f deg", result.refinedAxis()),
          formatted("%+.2f deg", comparison.axisError), std::abs(comparison.axisError) <= kAxisLimit});
     const bool opposite = std::abs(std::remainder(turn, 360.0)) > 90.0;
-    // The simulated sphere lies at g n = +|g|^2 lambda / 2 for handedness +1. A reflection is found below
-    // it, which the refinement calls the sense -1.
-    comparison.expectedSense = opposite ? truth.handedness : -truth.handedness;
+    comparison.expectedHandedness = opposite ? -truth.handedness : truth.handedness;
     const bool decided = result.indexed.refined.decided;
-    checks.push_back({"handedness", formatted("%+d", comparison.expectedSense),
-                      decided ? formatted("%+d", result.indexed.refined.sense) : "undecided", "",
-                      decided && result.indexed.refined.sense == comparison.expectedSense});
+    checks.push_back({"handedness", formatted("%+d", comparison.expectedHandedness),
+                      decided ? formatted("%+d", result.indexed.refined.handedness()) : "undecided", "",
+                      decided && result.indexed.refined.handedness() == comparison.expectedHandedness});
     comparison.percentIndexed =
         100.0 * result.indexed.refined.lattice.indexed /
         static_cast<double>(std::max<std::size_t>(result.indexed.level.reflections.size(), 1));
@@ -220,7 +220,7 @@ void print(std::ostream& out, const Options& options, const SimulationTruth& tru
     if (comparison.ok()) out << "ok\n";
 }
 
-Json toJson(const LatticeFacts& facts, double axis, int sense) {
+Json toJson(const LatticeFacts& facts, double axis, int handedness) {
     const std::array<double, 6>& c = facts.cell;
     return {{"a", c[0]},
             {"b", c[1]},
@@ -231,7 +231,7 @@ Json toJson(const LatticeFacts& facts, double axis, int sense) {
             {"volume", facts.volume},
             {"bravais", facts.bravais},
             {"tilt_axis_deg", axis},
-            {"handedness", sense}};
+            {"handedness", handedness}};
 }
 
 Json toJson(const Options& options, const SimulationTruth& truth, const RunResult& result,
@@ -240,8 +240,8 @@ Json toJson(const Options& options, const SimulationTruth& truth, const RunResul
     for (const Check& check : comparison.checks)
         if (!check.ok) failed.push_back(check.name);
     return {{"folder", options.folder.string()},
-            {"truth", toJson(comparison.truth, truth.axis, comparison.expectedSense)},
-            {"found", toJson(comparison.found, result.refinedAxis(), result.indexed.refined.sense)},
+            {"truth", toJson(comparison.truth, truth.axis, comparison.expectedHandedness)},
+            {"found", toJson(comparison.found, result.refinedAxis(), result.indexed.refined.handedness())},
             {"same_lattice", comparison.sameLattice},
             {"percent_indexed", comparison.percentIndexed},
             {"seconds", result.seconds.total},
@@ -250,21 +250,26 @@ Json toJson(const Options& options, const SimulationTruth& truth, const RunResul
 }
 
 void demo(const Options& options, Host& host) {
-    makeFolder(options.folder);
+    ResultFolder results(options.folder);
+    const std::filesystem::path& folder = results.path();
     const std::filesystem::path series = options.folder / "series.mrc";
-    host.openLog(options.folder / "vrk.log",
+    host.openLog(folder / "vrk.log", "info",
                  {"demo: cell " + options.cell + ", centring " + options.centring});
     const SimulationTruth truth = writeSimulation(options, series, host);
     RunOptions choices;
-    choices.axis.folder = options.folder / "axis";
+    choices.axis.folder = folder / "axis";
     setAxis(choices.axis, options.tiltAxis);
     const RunResult result = run(series, choices, host.session());
-    writeResultFiles(result, options.folder, host.session());
-    drawRunPictures(result, options.folder);
-    writeSummary(options.folder / "summary.json", summaryJson(series, result, host.warnings()));
+    host.session().beginPart(kRunParts, kRunParts, "write the results");
+    writeResultFiles(result, folder, host.session());
+    drawRunPictures(result, folder);
+    writeSummary(folder / ResultFolder::kSummary,
+                 summaryJson(series, result, host.warnings(), results.written()));
+    results.commit();
+    host.session().endParts();
     const Comparison comparison = compare(truth, result);
     if (options.json)
-        host.out() << toJson(options, truth, result, comparison).dump(2) << '\n';
+        host.out() << jsonText(toJson(options, truth, result, comparison), 2) << '\n';
     else
         print(host.out(), options, truth, result, comparison);
     host.out().flush();

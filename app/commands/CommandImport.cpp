@@ -1,8 +1,12 @@
+#include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <system_error>
 
 #include "commands/Commands.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/JsonText.h"
+#include "pipeline/base/NumberText.h"
 #include "pipeline/frames/DataFiles.h"
 #include "pipeline/frames/FrameFormat.h"
 #include "pipeline/frames/SeriesImport.h"
@@ -14,7 +18,7 @@ struct Options {
     ImportSettings settings;
     std::vector<std::string> frames;
     std::string output;
-    std::string log;
+    LogOptions log;
     bool json = false;
 };
 
@@ -43,7 +47,7 @@ nlohmann::json reportJson(const Options& options, const ImportResult& result, co
 
 void report(Host& host, const Options& options, const ImportResult& result) {
     if (options.json) {
-        host.out() << reportJson(options, result, host).dump(1) << '\n';
+        host.out() << jsonText(reportJson(options, result, host), 1) << '\n';
         return;
     }
     const mrcH& header = result.series->m_Header;
@@ -57,15 +61,20 @@ void report(Host& host, const Options& options, const ImportResult& result) {
     if (result.sum > 1) host.out() << ", " << result.sum << " added up at a time";
     if (result.scale != 1) host.out() << ", counts x " << result.scale;
     host.out() << "\ntilts " << header.tilt(0) << " to " << header.tilt(header.nz - 1)
-               << " degrees\npixel size " << orUnknown(header.m_pixelsize, " 1/m") << ", voltage "
+               << " degrees\npixel size "
+               << (header.m_pixelsize > 0 ? pixelSizeText(header.m_pixelsize) : "not known") << ", voltage "
                << orUnknown(header.value(SliceValue::HighTension, 0), " kV") << ", tilt axis "
                << orUnknown(header.value(SliceValue::TiltAxis, 0), " degrees") << '\n';
 }
 
 void runImport(Host& host, const Options& options) {
-    if (!options.log.empty()) host.openLog(options.log);
+    host.openLog(options.log);
     ImportSettings settings = options.settings;
     settings.files.assign(options.frames.begin(), options.frames.end());
+    for (const std::filesystem::path& frames : settings.files)
+        if (std::error_code error; std::filesystem::equivalent(frames, options.output, error))
+            throw Failure("the series would replace its frames " + frames.string() + "; give -o another name",
+                          FailureKind::Usage);
     const ImportResult result = [&] {
         const Stage stage(host.session(), "import");
         return importSeries(settings, &host.session().progress(),
@@ -109,7 +118,7 @@ void addImportCommand(CommandLine& line, Host& host) {
                    "Direction of the tilt axis, degrees: along (-sin t, cos t), x to the right, y down [from "
                    "the frames or the list, where they state it for patterns]");
     command.option("--voltage", settings.kilovolts, "High tension in kV [from the frames]");
-    command.option("--log", options->log, "Write the library's messages to this file");
+    addLogOptions(command, options->log);
     command.flag("--json", options->json, "Print the summary as JSON");
     command.footer(
         "Frames are sorted by tilt; empty ones and those whose tilt has been seen before are left out. At "

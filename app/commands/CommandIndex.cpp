@@ -18,6 +18,7 @@
 #include "indexing/IndicateWithHKL.h"
 #include "indexing/ReflectionPositions.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/JsonText.h"
 #include "pipeline/base/NumberText.h"
 #include "pipeline/base/OutputFile.h"
 #include "pipeline/base/UnitCheck.h"
@@ -44,7 +45,7 @@ struct Options {
     std::string cellOutput;
     std::string plots;
     std::string formula;
-    std::string log;
+    LogOptions log;
     double pixelSize = 0.0;
     double tolerance = 0.25;
     double voltage = 0.0;
@@ -346,25 +347,19 @@ nlohmann::json toJson(const Indexing& result, const std::vector<std::string>& fi
         const RefinedPositions& refined = *result.refinement;
         json["refinement"] = {
             {"sigma", refined.lattice.sigma},        {"rounds", refined.lattice.rounds},
-            {"stable", refined.lattice.stable},      {"sense", refined.sense},
-            {"sense_decided", refined.decided},      {"residual_plus", refined.residual[0]},
-            {"residual_minus", refined.residual[1]}, {"significance", refined.significance}};
+            {"stable", refined.lattice.stable},      {"sense", refined.handedness()},
+            {"sense_decided", refined.decided},      {"residual_plus", refined.residual[1]},
+            {"residual_minus", refined.residual[0]}, {"significance", refined.significance}};
     }
     return json;
 }
 
-std::string senseText(const RefinedPositions& refined) {
+std::string handednessText(const RefinedPositions& refined) {
     if (refined.sense == 0)
-        return "no correction for the curvature of the Ewald sphere (give --voltage); handedness undecided";
-    std::ostringstream text;
-    text.precision(3);
-    text << "residual " << refined.residual[0] << " voxels for sense +1, " << refined.residual[1]
-         << " for sense -1: ";
-    if (refined.decided)
-        text << "sense " << (refined.sense > 0 ? "+1" : "-1") << " of the tilt";
-    else
-        text << "handedness undecided";
-    return text.str();
+        return "not looked at; give --voltage, without which the curvature of the Ewald sphere is not known";
+    const std::string residuals =
+        formatted(", residual %.2f voxels with +1, %.2f with -1", refined.residual[1], refined.residual[0]);
+    return (refined.decided ? formatted("%+d", refined.handedness()) : std::string("undecided")) + residuals;
 }
 
 void report(Host& host, const Indexing& result, const std::vector<std::string>& files) {
@@ -379,7 +374,7 @@ void report(Host& host, const Indexing& result, const std::vector<std::string>& 
     for (std::size_t i = 0; i < 6; ++i)
         out << (i == 3 ? "   " : " ") << withUncertainty(s.cell[i], s.cellSigma[i]);
     out << "   volume " << withUncertainty(s.volume, s.volumeSigma) << '\n';
-    if (result.refinement) out << senseText(*result.refinement) << '\n';
+    if (result.refinement) out << "handedness " << handednessText(*result.refinement) << '\n';
     if (files.empty()) return;
     out << "written:";
     for (const std::string& file : files)
@@ -388,17 +383,21 @@ void report(Host& host, const Indexing& result, const std::vector<std::string>& 
 }
 
 void index(Host& host, const Options& options) {
-    if (!options.log.empty()) host.openLog(options.log);
+    host.openLog(options.log);
     if (!options.formula.empty()) parseFormula(options.formula);
     if (options.voltage > 0.0) refuseImpossibleVoltage(options.voltage);
     Indexing result = indexPeaks(options, host);
     changeSetting(*result.reflections, result.setting);
+    // The direct beam has lost its indices; text, plots and files count alike.
+    result.indexed =
+        static_cast<int>(std::count_if(result.reflections->begin(), result.reflections->end(),
+                                       [](const Reflex* reflex) { return reflex && reflex->isIndicated(); }));
     std::vector<std::string> files;
     writeReflections(options, result, host, files);
     writeCell(options, result, host, files);
     plot(options, result, files);
     if (options.json)
-        host.out() << toJson(result, files).dump(1) << '\n';
+        host.out() << jsonText(toJson(result, files), 1) << '\n';
     else
         report(host, result, files);
 }
@@ -463,7 +462,7 @@ void addIndexCommand(CommandLine& line, Host& host) {
         .typeName("CELL");
     command.option("--plots", options->plots, "Write plots of displacements and indices into this folder")
         .typeName("DIR");
-    command.option("--log", options->log, "Write the library's messages to this file").typeName("FILE");
+    addLogOptions(command, options->log);
     command.flag("--json", options->json, "Print the result as JSON");
     command.footer(
         "Example:\n  vrk index peaks.txt cell.txt -o garnet.hkl --format shelx --lattice cI --voltage 200 "

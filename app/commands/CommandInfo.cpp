@@ -14,6 +14,8 @@
 #include "commands/Commands.h"
 #include "pictures/Pictures.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/JsonText.h"
+#include "pipeline/base/NumberText.h"
 #include "pipeline/frames/DataFiles.h"
 #include "pipeline/frames/FileReport.h"
 
@@ -131,7 +133,7 @@ void printJson(Host& host, const Options& options, const VoxMRCData& data, std::
                       {"negative", report.negative}, {"histogram", histogram.m_Bins}};
     if (options.slices) json["slices"] = slicesAsJson(header, report);
     json["warnings"] = report.warnings;
-    host.out() << json.dump(1, ' ', false, Json::error_handler_t::replace) << '\n';
+    host.out() << jsonText(json, 1) << '\n';
 }
 
 void printLine(Host& host, const char* name, const std::string& text) {
@@ -170,8 +172,8 @@ void printPixelSize(Host& host, const mrcH& header) {
     }
     const double perAngstrom = static_cast<double>(header.m_pixelsize) * 1e-10;
     printLine(host, "pixel size",
-              shortNumber(header.m_pixelsize) + " 1/m per pixel; d = " +
-                  shortNumber(2 / (perAngstrom * std::min(header.nx, header.ny)), 3) +
+              pixelSizeText(header.m_pixelsize) +
+                  " per pixel; d = " + shortNumber(2 / (perAngstrom * std::min(header.nx, header.ny)), 3) +
                   " Angstrom at the edge");
 }
 

@@ -15,6 +15,7 @@
 #include "commands/Commands.h"
 #include "console/ParameterOptions.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/JsonText.h"
 #include "pipeline/base/OutputFile.h"
 #include "pipeline/frames/DataFiles.h"
 #include "reflections/FindReflexes.h"
@@ -26,7 +27,7 @@ namespace {
 struct Options {
     std::string volume;
     std::string output;
-    std::string log;
+    LogOptions log;
     SearchOptions search;
     bool json = false;
 };
@@ -191,7 +192,7 @@ void printJson(std::ostream& out, const Report& report, const Parameter& paramet
         {"intensity", report.intensity.json()},
         {"parameters", searchSettings(parameter)},
     };
-    out << json.dump(2) << '\n';
+    out << jsonText(json, 2) << '\n';
 }
 
 void writePeaks(Host& host, OutputFile& file, const ReflexVector& list, const VoxMRCData& volume,
@@ -205,7 +206,7 @@ void writePeaks(Host& host, OutputFile& file, const ReflexVector& list, const Vo
 }
 
 void run(const Options& options, Host& host) {
-    if (!options.log.empty()) host.openLog(options.log);
+    host.openLog(options.log);
     Parameter parameter;
     options.search.applyTo(parameter);
     if (std::error_code error; std::filesystem::equivalent(options.volume, options.output, error))
@@ -235,7 +236,7 @@ void addPeaksCommand(CommandLine& line, Host& host) {
     command.option("-o,--output", options->output, "Peak file to write").required().typeName("PEAKS");
     addSearchOptions(command, options->search, true);
     command.flag("--json", options->json, "Print the result as JSON");
-    command.option("--log", options->log, "Write the library's messages to this file").typeName("FILE");
+    addLogOptions(command, options->log);
     command.footer("Example:\n  vrk peaks volume.mrc -o peaks.txt --threshold 40 --min-voxels 5");
     command.action([options, &host] { run(*options, host); });
 }

@@ -12,6 +12,7 @@
 #include "commands/Commands.h"
 #include "console/CentreOption.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/JsonText.h"
 #include "pipeline/base/LibraryStage.h"
 #include "pipeline/base/NumberList.h"
 #include "pipeline/formats/InstrumentFile.h"
@@ -25,7 +26,7 @@ namespace {
 struct Options {
     std::string series;
     std::string output;
-    std::string log;
+    LogOptions log;
     std::string rotate;
     std::filesystem::path distortion;
     double smooth = 0;
@@ -157,11 +158,11 @@ void printJson(std::ostream& out, const Options& options, const Preprocessing& w
         {"density", {{"min", header.amin}, {"max", header.amax}, {"mean", header.amean}}},
         {"steps", steps},
     };
-    out << json.dump(2) << '\n';
+    out << jsonText(json, 2) << '\n';
 }
 
 void run(const Options& options, Host& host) {
-    if (!options.log.empty()) host.openLog(options.log);
+    host.openLog(options.log);
     if (std::error_code error; std::filesystem::equivalent(options.series, options.output, error))
         throw Failure("the result would replace the series " + options.series + "; give -o another name",
                       FailureKind::Usage);
@@ -206,7 +207,7 @@ void addPreprocessCommand(CommandLine& line, Host& host) {
     command.flag("--rebin", options->rebin, "With --bin: sum instead of averaging");
     command.flag("--crop", options->crop, "Crop frames that are not square instead of padding them");
     command.flag("--json", options->json, "Print the result as JSON");
-    command.option("--log", options->log, "Write the library's messages to this file").typeName("FILE");
+    addLogOptions(command, options->log);
     command.footer("Example:\n  vrk preprocess series.mrc -o clean.mrc --rotate 49.0 --log preprocess.log");
     command.action([options, &host] { run(*options, host); });
 }

@@ -7,7 +7,9 @@
 
 #include "commands/Commands.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/JsonText.h"
 #include "pipeline/base/LibraryStage.h"
+#include "pipeline/base/NumberText.h"
 #include "pipeline/frames/DataFiles.h"
 #include "pipeline/run/Preprocessing.h"
 #include "processing/VoxMRCstemProcessing.h"
@@ -18,7 +20,7 @@ namespace {
 struct Options {
     std::string series;
     std::string output;
-    std::string log;
+    LogOptions log;
     std::string fineCalibration;
     double finePixelSize = 0;
     bool json = false;
@@ -39,7 +41,7 @@ double calibratedPixelSize(const Options& options, const VoxMRCData& series, Hos
 }
 
 void run(const Options& options, Host& host) {
-    if (!options.log.empty()) host.openLog(options.log);
+    host.openLog(options.log);
     if (std::error_code error; std::filesystem::equivalent(options.series, options.output, error))
         throw Failure("the volume would replace the series " + options.series + "; give -o another name",
                       FailureKind::Usage);
@@ -69,13 +71,13 @@ void run(const Options& options, Host& host) {
             {"max", volume->m_Histogram->m_MaxValue},
             {"seconds", seconds.count()},
         };
-        host.out() << json.dump(2) << '\n';
+        host.out() << jsonText(json, 2) << '\n';
         return;
     }
     host.out() << "volume of " << volume->GetWidth() << " x " << volume->GetHeight() << " x "
                << volume->GetDepth() << " voxels, written to " << options.output << "\npixel size "
-               << header.m_pixelsize << " 1/m, largest value " << volume->m_Histogram->m_MaxValue << ", "
-               << seconds.count() << " s\n";
+               << pixelSizeText(header.m_pixelsize) << ", largest value " << volume->m_Histogram->m_MaxValue
+               << formatted(", %.1f s\n", seconds.count());
 }
 
 }  // namespace
@@ -95,7 +97,7 @@ void addReconstructCommand(CommandLine& line, Host& host) {
         .positive()
         .excludes(calibration);
     command.flag("--json", options->json, "Print the result as JSON");
-    command.option("--log", options->log, "Write the library's messages to this file").typeName("FILE");
+    addLogOptions(command, options->log);
     command.footer("Example:\n  vrk reconstruct clean.mrc -o volume.mrc --fine-calibration calibration.txt");
     command.action([options, &host] { run(*options, host); });
 }

@@ -1,18 +1,22 @@
+#include <exception>
 #include <filesystem>
 #include <memory>
 #include <optional>
-#include <sstream>
+#include <string>
+#include <vector>
 
 #include "commands/Commands.h"
 #include "console/AxisOption.h"
 #include "console/CentreOption.h"
 #include "console/ParameterOptions.h"
 #include "console/RunReport.h"
+#include "pictures/Pictures.h"
 #include "pictures/RunPictures.h"
 #include "pipeline/base/Failure.h"
-#include "pipeline/base/OutputFile.h"
+#include "pipeline/base/ResultFolder.h"
 #include "pipeline/formats/ReflectionFormats.h"
 #include "pipeline/frames/DataFiles.h"
+#include "pipeline/frames/FileContent.h"
 #include "pipeline/run/IntensityFiles.h"
 #include "pipeline/run/ResultFiles.h"
 #include "pipeline/run/Run.h"
@@ -30,6 +34,7 @@ struct Options {
     std::filesystem::path distortion;
     std::string mode;
     std::string formula;
+    LogOptions log;
     bool keepVolume = false;
     bool pictures = true;
     bool json = false;
@@ -42,28 +47,80 @@ std::optional<RotationMode> modeOf(const std::string& name) {
     return std::nullopt;
 }
 
+/// "the log, peaks.txt and projections"
+std::string listOf(const std::vector<std::string>& names) {
+    std::string text;
+    for (std::size_t i = 0; i < names.size(); ++i)
+        text += (i == 0 ? "" : i + 1 == names.size() ? " and " : ", ") + names[i];
+    return text;
+}
+
+/// Writes what the run had, and says in one sentence what is where.
+Failure failureOf(const Failure& failure, const Options& options, const RunRemains& remains,
+                  ResultFolder& results) {
+    const bool isCanceled = failure.kind() == FailureKind::Canceled;
+    std::string text = failure.what();
+    try {
+        if (!isCanceled) writeRemains(remains, results.path());
+        if (!isCanceled && options.pictures && remains.volume)
+            writeProjections(*remains.volume->voxels, false, results.path());
+    } catch (const Failure& other) {
+        text += std::string("; ") + other.what();
+    }
+    text += (isCanceled ? ": " : "\n") + results.path().string() + " holds " + listOf(results.written());
+    if (isCanceled && std::filesystem::exists(options.folder / ResultFolder::kSummary))
+        text += "; the results of an earlier run in " + options.folder.string() + " are as they were";
+    if (!isCanceled && results.setEarlierAside())
+        text += "; the results of an earlier run are in " +
+                (options.folder / ResultFolder::kEarlier).string() + " now";
+    return Failure(text, failure.kind());
+}
+
+/// Writes all files, the summary last. \returns its text
+std::string writeResults(const Options& options, const RunResult& result, ResultFolder& results, Host& host) {
+    const std::filesystem::path& folder = results.path();
+    host.session().beginPart(kRunParts, kRunParts, "write the results", 2);
+    if (options.keepVolume) writeData(*result.volume.voxels, folder / "volume.mrc", host.session());
+    writeResultFiles(result, folder, host.session());
+    host.session().checkCanceled();
+    writeIntensityFiles(result, {options.series.stem().string(), options.formula}, folder);
+    host.session().checkCanceled();
+    if (options.pictures) drawRunPictures(result, folder);
+    host.session().checkCanceled();
+    const std::string summary = summaryJson(options.series, result, host.warnings(), results.written());
+    writeSummary(folder / ResultFolder::kSummary, summary);
+    results.commit();
+    host.session().endParts();
+    return summary;
+}
+
 void runSeries(const Options& options, const std::string& given, Host& host) {
-    makeFolder(options.folder);
-    host.openLog(options.folder / "vrk.log", {"series: " + options.series.string(), "options: " + given});
     RunOptions choices = options.run;
     setAxis(choices.axis, options.tiltAxis);
-    choices.intensities.mode = modeOf(options.mode);
-    // A slip in it would be a pity after the run.
-    if (!options.formula.empty()) parseFormula(options.formula);
     setCentre(choices.centre, options.centre);
     if (!options.distortion.empty()) choices.instrument = readInstrumentFile(options.distortion);
-    choices.axis.folder = options.folder / "axis";
-    const RunResult result = run(options.series, choices, host.session());
-    if (options.keepVolume) writeData(*result.volume.voxels, options.folder / "volume.mrc", host.session());
-    writeResultFiles(result, options.folder, host.session());
-    writeIntensityFiles(result, {options.series.stem().string(), options.formula}, options.folder);
-    if (options.pictures) drawRunPictures(result, options.folder);
-    const std::string summary = summaryJson(options.series, result, host.warnings());
-    writeSummary(options.folder / "summary.json", summary);
-    if (options.json)
-        host.out() << summary << '\n';
-    else
-        printSummary(host.out(), result);
+    choices.intensities.mode = modeOf(options.mode);
+    // What is wrong from the start leaves the folder as it is.
+    if (!options.formula.empty()) parseFormula(options.formula);
+    refuseUnlessMrc(options.series);
+    ResultFolder results(options.folder);
+    host.openLog(results.path() / "vrk.log", options.log.level,
+                 {"series: " + options.series.string(), "options: " + given});
+    choices.axis.folder = results.path() / "axis";
+    RunRemains remains;
+    try {
+        const RunResult result = run(options.series, choices, host.session(), &remains);
+        const std::string summary = writeResults(options, result, results, host);
+        if (options.json)
+            host.out() << summary << '\n';
+        else
+            printSummary(host.out(), result);
+    } catch (const Failure& failure) {
+        throw failureOf(failure, options, remains, results);
+    } catch (const std::exception&) {
+        results.setEarlierAside();
+        throw;
+    }
 }
 
 }  // namespace
@@ -113,6 +170,7 @@ void addRunCommand(CommandLine& line, Host& host) {
     command.option("--jobs", options->run.axis.jobs, "Processes for the axis search").range(1, 256);
     command.flag("--keep-volume", options->keepVolume, "Keep the reciprocal volume as volume.mrc");
     command.flag("!--no-pictures", options->pictures, "Draw no pictures");
+    addLogLevelOption(command, options->log);
     command.flag("--json", options->json, "Print the summary as JSON");
     command.footer("Example:\n  vrk run series.mrc -o result --tilt-axis search");
     command.action([options, command, &host] { runSeries(*options, command.givenOptions(), host); });

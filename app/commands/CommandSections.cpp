@@ -7,8 +7,10 @@
 #include "crystallography/CellFileImportExport.h"
 #include "pictures/Pictures.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/JsonText.h"
 #include "pipeline/base/OutputFile.h"
 #include "pipeline/frames/DataFiles.h"
+#include "pipeline/frames/FileContent.h"
 
 namespace vrk::app {
 namespace {
@@ -17,13 +19,14 @@ struct Options {
     std::string volume;
     std::string cell;
     std::string folder;
-    std::string log;
+    LogOptions log;
     SectionOptions sections;
     bool primitive = false;
     bool json = false;
 };
 
 UnitCell readCell(const Options& options, double pixelSize, Host& host) {
+    refuseUnlessCell(options.cell);
     UnitCell cell;
     if (!CellFileImportExport::loadCellFile(options.cell, &cell, pixelSize))
         throw Failure("cannot read the cell file " + options.cell + ": " + host.session().lastError());
@@ -35,7 +38,7 @@ UnitCell readCell(const Options& options, double pixelSize, Host& host) {
 
 void run(const Options& options, Host& host) {
     checkPlanes(options.sections.planes);
-    if (!options.log.empty()) host.openLog(options.log);
+    host.openLog(options.log);
     // Finer voxels than the pictures' pixels would not be seen.
     const std::unique_ptr<VoxVolumeData> view =
         readVolumeView(options.volume, options.sections.size, host.session());
@@ -48,7 +51,8 @@ void run(const Options& options, Host& host) {
         for (const auto& path : paths)
             files.push_back(path.string());
     if (options.json)
-        host.out() << nlohmann::json({{"files", files}, {"reduction", view->reduction()}}).dump(1) << '\n';
+        host.out() << jsonText(nlohmann::json({{"files", files}, {"reduction", view->reduction()}}), 1)
+                   << '\n';
     else
         for (const std::string& file : files)
             host.out() << file << '\n';
@@ -81,7 +85,7 @@ void addSectionsCommand(CommandLine& line, Host& host) {
                  "Index the planes by the cell of the file, not by the conventional cell of its lattice");
     command.flag("--tga", options->sections.tga, "Write TGA files, too");
     command.flag("--json", options->json, "Print the names of the pictures and the reduction as JSON");
-    command.option("--log", options->log, "Write the library's messages to this file");
+    addLogOptions(command, options->log);
     command.footer("Example:\n  vrk sections volume.mrc cell.txt -o pictures --plane hk0 hk1 --nodes");
     command.action([options, &host] { run(*options, host); });
 }

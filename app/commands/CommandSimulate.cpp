@@ -8,6 +8,7 @@
 #include "commands/Commands.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/NumberList.h"
+#include "pipeline/base/NumberText.h"
 #include "pipeline/base/OutputFile.h"
 #include "pipeline/frames/DataFiles.h"
 #include "pipeline/simulation/Simulation.h"
@@ -105,7 +106,7 @@ void report(Host& host, const Options& options, const SimulatedSeries& result) {
                << truth.tilts.back() << " degrees\n"
                << "cell " << truth.centring << ": " << cellText(truth.conventionalCell) << '\n'
                << "reduced: " << cellText(truth.primitiveCell) << '\n'
-               << "tilt axis " << truth.axis << " degrees, pixel " << truth.pixelSize << " 1/m\n"
+               << "tilt axis " << truth.axis << " degrees, pixel " << pixelSizeText(truth.pixelSize) << "\n"
                << truth.reflectionsRecorded << " of " << truth.reflectionsInSphere
                << " reflections recorded; the truth is in " << truthPath(options.output).string() << '\n';
 }

@@ -9,6 +9,7 @@
 
 #include "commands/Commands.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/JsonText.h"
 #include "pipeline/frames/DataFiles.h"
 #include "pipeline/geometry/TiltAxisSearch.h"
 #include "pipeline/run/Preprocessing.h"
@@ -19,7 +20,7 @@ namespace {
 struct Options {
     std::string series;
     std::string folder;
-    std::string log;
+    LogOptions log;
     std::string method = "2d";
     std::vector<double> range;
     double accuracy = 0.1;
@@ -63,7 +64,7 @@ void printJson(std::ostream& out, const Options& options, const TiltAxisResult& 
                                          {"reliable", result.reliable},
                                          {"plots", result.plots.string()},
                                          {"scores", scores}};
-    out << json.dump(2) << '\n';
+    out << jsonText(json, 2) << '\n';
 }
 
 void printTable(std::ostream& out, const TiltAxisResult& result) {
@@ -91,7 +92,7 @@ void printTable(std::ostream& out, const TiltAxisResult& result) {
 
 void run(const Options& options, Host& host) {
     checkRange(options.range);
-    if (!options.log.empty()) host.openLog(options.log);
+    host.openLog(options.log);
     std::unique_ptr<VoxMRCData> series = readSeries(options.series, host.session());
     if (!options.preprocessed) series = preprocessed(std::move(series), {}, host.session()).frames;
     const TiltAxisResult result = search(options, *series, host);
@@ -130,7 +131,7 @@ void addTiltAxisCommand(CommandLine& line, Host& host) {
     command.flag("--preprocessed", options->preprocessed,
                  "The series comes from 'vrk preprocess'; take it as it is");
     command.flag("--json", options->json, "Print the result as JSON");
-    command.option("--log", options->log, "Write the library's messages to this file").typeName("FILE");
+    addLogOptions(command, options->log);
     command.footer("Example:\n  vrk tilt-axis series.mrc -o axis --accuracy 0.1 --jobs 4");
     command.action([options, &host] { run(*options, host); });
 }

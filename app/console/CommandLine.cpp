@@ -1,12 +1,18 @@
 #include "console/CommandLine.h"
 
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <sstream>
 
 #include "console/HelpFormatter.h"
+#include "console/Suggestion.h"
+#include "console/Terminal.h"
+#include "pipeline/base/NumberList.h"
 
 namespace vrk::app {
 namespace {
@@ -43,6 +49,111 @@ CommandDescription descriptionOf(const CLI::App& command) {
     return description;
 }
 
+/// A check that a value lies between two numbers, both of which it may be.
+template <typename Number>
+CLI::Validator between(Number lowest, Number highest) {
+    const auto complaint = [=](const std::string& text) {
+        double value = 0.0;
+        const bool fits = parseNumber(text, value) && value >= static_cast<double>(lowest) &&
+                          value <= static_cast<double>(highest);
+        if (fits) return std::string();
+        std::ostringstream message;
+        message << text << " is not a number from " << lowest << " to " << highest;
+        return message.str();
+    };
+    return CLI::Validator(complaint, "");
+}
+
+std::vector<const CLI::App*> commandsOf(const CLI::App& program) {
+    return program.get_subcommands([](const CLI::App*) { return true; });
+}
+
+/// Null where there is none.
+const CLI::App* commandNamed(const std::string& name, const CLI::App& program) {
+    for (const CLI::App* command : commandsOf(program))
+        if (command->get_name() == name) return command;
+    return nullptr;
+}
+
+std::vector<std::string> namesOf(const std::vector<const CLI::App*>& commands) {
+    std::vector<std::string> names;
+    for (const CLI::App* command : commands)
+        names.push_back(command->get_name());
+    return names;
+}
+
+std::vector<std::string> optionsOf(const CLI::App& command) {
+    std::vector<std::string> names;
+    for (const CLI::Option* option : command.get_options())
+        for (const std::string& name : descriptionOf(*option).names)
+            names.push_back(name);
+    return names;
+}
+
+bool looksLikeOption(const std::string& word) {
+    double number = 0.0;
+    return word.size() > 1 && word[0] == '-' && word != "--" && !parseNumber(word, number);
+}
+
+/// "SERIES.mrc", "-o FOLDER"
+std::string asTyped(const CLI::Option& option) {
+    const std::string value = valueNameOf(option);
+    if (option.get_positional()) return value.empty() || value[0] == '{' ? option.get_name(true) : value;
+    return (option.get_snames().empty() ? "--" + option.get_lnames().front()
+                                        : "-" + option.get_snames().front()) +
+           ' ' + value;
+}
+
+std::string unknownCommand(const std::string& word, const CLI::App& program) {
+    return "there is no command '" + word + "'" + didYouMean(word, namesOf(commandsOf(program)));
+}
+
+/// What is wrong with the first word that nobody takes; empty when all are taken.
+std::string unexpectedWord(const CLI::App& program, const CLI::App& command) {
+    const bool isProgram = &program == &command;
+    for (const std::string& word : program.remaining())
+        if (looksLikeOption(word))
+            return "there is no option " + word + " before a command; those of a command follow it";
+    if (isProgram) return {};
+    const std::vector<std::string> words = command.remaining();
+    for (const std::string& word : words) {
+        if (!looksLikeOption(word)) continue;
+        const std::string name = word.substr(0, word.find('='));
+        return command.get_name() + " has no option " + name + didYouMean(name, optionsOf(command));
+    }
+    for (const std::string& word : words)
+        if (word != "--") return "'" + word + "' is one argument more than " + command.get_name() + " takes";
+    return {};
+}
+
+/// The arguments that must be there and are not, as they would be typed; empty when none lacks.
+std::string missingArguments(const CLI::App& command) {
+    std::vector<std::string> missing;
+    for (const CLI::Option* option : command.get_options())
+        if (option->get_required() && option->count() == 0) missing.push_back(asTyped(*option));
+    std::string text;
+    for (std::size_t i = 0; i < missing.size(); ++i)
+        text += (i == 0 ? "" : i + 1 == missing.size() ? " and " : ", ") + missing[i];
+    return text.empty() ? text : command.get_name() + " needs " + text;
+}
+
+/// One sentence for what the parser met, which blames one word.
+std::string complaintOf(const CLI::ParseError& problem, const CLI::App& program, const CLI::App& command) {
+    if (std::string text = unexpectedWord(program, command); !text.empty()) return text;
+    const std::string text = problem.what();
+    const std::string name = text.substr(0, text.find(':'));
+    if (dynamic_cast<const CLI::ArgumentMismatch*>(&problem))
+        for (const CLI::Option* option : command.get_options())
+            if (option->get_name() == name) return name + " needs a value: " + valueNameOf(*option);
+    if (dynamic_cast<const CLI::RequiredError*>(&problem))
+        if (std::string missing = missingArguments(command); !missing.empty()) return missing;
+    if (dynamic_cast<const CLI::ConversionError*>(&problem))
+        if (const std::size_t equals = text.find(" = "); equals != std::string::npos)
+            return text.substr(text.find(": ") + 2, equals - text.find(": ") - 2) + ": '" +
+                   text.substr(equals + 3) + "' is not a number that it takes";
+    return text;
+}
+
 }  // namespace
 
 CommandOption CommandOption::required() {
@@ -71,22 +182,28 @@ CommandOption CommandOption::values(int count) {
 }
 
 CommandOption CommandOption::positive() {
-    m_option->check(CLI::PositiveNumber);
-    return *this;
+    return check([](const std::string& text) {
+        double value = 0.0;
+        return parseNumber(text, value) && value > 0.0 ? std::string() : text + " is not a number above 0";
+    });
 }
 
 CommandOption CommandOption::range(double lowest, double highest) {
-    m_option->check(CLI::Range(lowest, highest));
+    m_option->check(between(lowest, highest));
     return *this;
 }
 
 CommandOption CommandOption::range(int lowest, int highest) {
-    m_option->check(CLI::Range(lowest, highest));
+    m_option->check(between(lowest, highest));
     return *this;
 }
 
 CommandOption CommandOption::oneOf(const std::vector<std::string>& words) {
-    m_option->check(CLI::IsMember(words));
+    const auto complaint = [words](const std::string& text) {
+        if (std::find(words.begin(), words.end(), text) != words.end()) return std::string();
+        return "'" + text + "' is none of " + CLI::detail::join(words, ", ") + didYouMean(text, words);
+    };
+    m_option->check(CLI::Validator(complaint, "{" + CLI::detail::join(words) + "}"));
     return *this;
 }
 
@@ -147,10 +264,12 @@ std::string Command::givenOptions() const {
 
 CommandLine::CommandLine(const std::string& program, const std::string& description,
                          const std::string& version)
-    : m_parser(std::make_unique<CLI::App>(description, program)) {
-    m_parser->set_version_flag("--version", program + " " + version);
+    : m_parser(std::make_unique<CLI::App>(description, program)), m_name(program + " " + version) {
+    m_parser->set_version_flag("-v,-V,--version", m_name, "Print the version");
+    m_parser->set_help_flag("-h,--help", "Print this text");
     m_parser->require_subcommand(1);
-    m_parser->formatter(std::make_shared<HelpFormatter>());
+    m_parser->formatter(std::make_shared<HelpFormatter>(columnsOf(STDOUT_FILENO)));
+    m_parser->footer("'" + program + " help COMMAND' explains a command.");
 }
 
 CommandLine::~CommandLine() = default;
@@ -159,11 +278,45 @@ Command CommandLine::command(const std::string& name, const std::string& descrip
     return Command(m_parser->add_subcommand(name, description));
 }
 
+bool CommandLine::help(std::vector<std::string> words, std::ostream& out, std::ostream& error) const {
+    const auto manual = std::find(words.begin(), words.end(), "--man");
+    const bool isManual = manual != words.end();
+    if (isManual) words.erase(manual);
+    const CLI::App* subject = m_parser.get();
+    if (!words.empty()) {
+        subject = commandNamed(words.front(), *m_parser);
+        if (!subject) {
+            error << m_parser->get_name() << ": " << unknownCommand(words.front(), *m_parser) << '\n';
+            return false;
+        }
+    }
+    out << (isManual ? manualPage(*subject, m_name) : subject->help());
+    return true;
+}
+
 bool CommandLine::run(int argc, char** argv, std::ostream& out, std::ostream& error) {
+    const std::string& program = m_parser->get_name();
+    const std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
+    if (words.empty()) {
+        error << m_parser->help();
+        return false;
+    }
+    if (words[0] == "help") return help({words.begin() + 1, words.end()}, out, error);
+    if (!words[0].starts_with('-') && !commandNamed(words[0], *m_parser)) {
+        error << program << ": " << unknownCommand(words[0], *m_parser) << "\n'" << program
+              << " help' lists all commands.\n";
+        return false;
+    }
     try {
         m_parser->parse(argc, argv);
+    } catch (const CLI::Success& answer) {
+        return m_parser->exit(answer, out, error) == 0;
     } catch (const CLI::ParseError& problem) {
-        return m_parser->exit(problem, out, error) == 0;
+        const std::vector<CLI::App*> chosen = m_parser->get_subcommands();
+        const CLI::App& command = chosen.empty() ? *m_parser : *chosen.front();
+        error << program << ": " << complaintOf(problem, *m_parser, command) << "\n'" << program << " help"
+              << (chosen.empty() ? "" : ' ' + command.get_name()) << "' shows what there is.\n";
+        return false;
     }
     return true;
 }
@@ -171,7 +324,7 @@ bool CommandLine::run(int argc, char** argv, std::ostream& out, std::ostream& er
 std::vector<CommandDescription> CommandLine::describe() const {
     std::vector<CommandDescription> all = {descriptionOf(*m_parser)};
     all.front().name.clear();
-    for (const CLI::App* command : m_parser->get_subcommands([](const CLI::App*) { return true; }))
+    for (const CLI::App* command : commandsOf(*m_parser))
         all.push_back(descriptionOf(*command));
     return all;
 }

@@ -99,14 +99,18 @@ public:
     Command command(const std::string& name, const std::string& description);
 
     /// Reads the arguments and runs the command that they name. What the command throws passes through.
-    /// \returns false when the arguments are wrong; the error stream says why
+    /// "help [COMMAND]" explains, with "--man" in the language of man(1).
+    /// \returns false when the arguments are wrong; the error stream says why and what may have been meant
     bool run(int argc, char** argv, std::ostream& out, std::ostream& error);
 
     /// The options of the program itself, without a name, and the commands in the order of the help text.
     std::vector<CommandDescription> describe() const;
 
 private:
+    bool help(std::vector<std::string> words, std::ostream& out, std::ostream& error) const;
+
     std::unique_ptr<CLI::App> m_parser;
+    std::string m_name;  ///< with the version
 };
 
 }  // namespace vrk::app

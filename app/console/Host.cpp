@@ -3,32 +3,43 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <iostream>
+#include <map>
 #include <streambuf>
+#include <system_error>
 
 #include "foundation/Version.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/OutputFile.h"
 
 namespace vrk::app {
 namespace {
 
-volatile std::sig_atomic_t interrupted = 0;
+volatile std::sig_atomic_t stopRequest = 0;
 
-void onInterrupt(int) {
-    interrupted = 1;
+/// The first signal asks the running operation to stop, a second one ends the program at once.
+void onStop(int signal) {
+    if (stopRequest != 0) {
+        OutputFile::removeAll();
+        _exit(128 + signal);
+    }
+    stopRequest = signal;
 }
 
-/// The first Ctrl-C asks the running operation to stop, a second one kills.
-void catchInterrupts() {
+void catchStopSignals() {
     struct sigaction action = {};
-    action.sa_handler = onInterrupt;
-    action.sa_flags = static_cast<int>(SA_RESETHAND | SA_RESTART);
-    sigaction(SIGINT, &action, nullptr);
+    action.sa_handler = onStop;
+    action.sa_flags = static_cast<int>(SA_RESTART);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        // What the caller told the program to ignore, as nohup does, stays ignored.
+        struct sigaction before = {};
+        sigaction(signal, nullptr, &before);
+        if (before.sa_handler != SIG_IGN || signal != SIGHUP) sigaction(signal, &action, nullptr);
+    }
 }
 
 /// Buffered output to a file descriptor.
@@ -78,54 +89,79 @@ int standardOutputAside() {
 
 }  // namespace
 
-ConsoleObserver::ConsoleObserver() : m_terminal(isatty(STDERR_FILENO) != 0) {}
+void ConsoleObserver::partBegan(int number, int count, const std::string& name, int stages) {
+    m_progress.partBegan(number, count, name, stages);
+}
+
+void ConsoleObserver::partsEnded() {
+    m_progress.partsEnded();
+}
 
 void ConsoleObserver::stageBegan(const std::string& name) {
-    m_stage = name;
-    m_lastPercent = -1;
+    m_progress.stageBegan(name);
 }
 
 void ConsoleObserver::progressed(int step, int steps) {
-    if (!m_terminal || steps <= 0) return;
-    const int percent = static_cast<int>(std::clamp(100LL * step / steps, 0LL, 100LL));
-    if (percent == m_lastPercent) return;
-    m_lastPercent = percent;
-    constexpr int width = 30;
-    const int filled = percent * width / 100;
-    std::cerr << '\r' << m_stage << " [" << std::string(static_cast<std::size_t>(filled), '#')
-              << std::string(static_cast<std::size_t>(width - filled), '.') << "] " << percent << " %\x1b[K"
-              << std::flush;
+    m_progress.progressed(step, steps);
 }
 
 void ConsoleObserver::stageEnded() {
-    wipe();
-}
-
-void ConsoleObserver::wipe() {
-    if (m_terminal && m_lastPercent >= 0) std::cerr << "\r\x1b[K" << std::flush;
-    m_lastPercent = -1;
+    m_progress.stageEnded();
 }
 
 void ConsoleObserver::warned(const std::string& text, bool isError) {
+    // The sentence with which a command ends says what an error of the library comes to.
+    if (isError) {
+        m_errors.push_back(text);
+        return;
+    }
     wipe();
-    std::cerr << "vrk: " << (isError ? "" : "warning: ") << text << '\n';
+    std::cerr << "vrk: warning: " << text << '\n';
+}
+
+void ConsoleObserver::tellErrors() {
+    wipe();
+    for (const std::string& text : m_errors)
+        std::cerr << "vrk: warning: " << text << '\n';
+    m_errors.clear();
+}
+
+void ConsoleObserver::openLog(const std::filesystem::path& path, LogLevel level) {
+    m_level = level;
+    // Appending, because the narration may go to the same file.
+    m_log.open(path, std::ios::app);
+    if (!m_log)
+        throw Failure("cannot write the log file " + path.string() + ": " + std::strerror(errno) +
+                      "; check that the folder exists and may be written to");
 }
 
 void ConsoleObserver::logged(const char* message, VRK::MessageType type) {
-    static constexpr std::array<const char*, 6> kNames = {"", "! ", "!! ", "ERROR ", "debug ", "WARNING "};
+    struct Kind {
+        const char* mark;
+        LogLevel level;
+    };
+    static constexpr std::array<Kind, 6> kKinds = {{{"", LogLevel::Info},
+                                                    {"! ", LogLevel::Info},
+                                                    {"!! ", LogLevel::Error},
+                                                    {"ERROR ", LogLevel::Error},
+                                                    {"debug ", LogLevel::Debug},
+                                                    {"WARNING ", LogLevel::Warning}}};
     const auto index = static_cast<std::size_t>(type);
-    // The standard output is the log, so that messages and narration keep their order.
-    std::cout << (index < kNames.size() ? kNames[index] : "") << message << '\n';
+    if (!m_log.is_open() || index >= kKinds.size() || kKinds[index].level > m_level) return;
+    // Messages and narration keep their order.
+    if (m_level == LogLevel::Debug) std::cout.flush();
+    m_log << kKinds[index].mark << message << std::endl;
 }
 
 bool ConsoleObserver::canceled() {
-    return interrupted != 0;
+    m_progress.tick();
+    return stopRequest != 0;
 }
 
 Host::Host() : m_stdout(standardOutputAside()), m_session(m_observer) {
     m_buffer = std::make_unique<DescriptorBuffer>(m_stdout);
     m_out = std::make_unique<std::ostream>(m_buffer.get());
-    catchInterrupts();
+    catchStopSignals();
 }
 
 Host::~Host() {
@@ -134,15 +170,30 @@ Host::~Host() {
     close(m_stdout);
 }
 
-void Host::openLog(const std::filesystem::path& path, const std::vector<std::string>& headLines) {
-    const int log = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0666);
-    if (log < 0)
-        throw Failure("cannot write the log file " + path.string() + ": " + std::strerror(errno) +
-                      "; check that the folder exists and may be written to");
-    redirectStandardOutput(log);
-    std::cout << "vrk " << VRK::kVersion << '\n';
+int Host::stopSignal() {
+    return stopRequest;
+}
+
+void Host::openLog(const std::filesystem::path& path, const std::string& level,
+                   const std::vector<std::string>& headLines) {
+    const std::map<std::string, LogLevel> levels = {{"error", LogLevel::Error},
+                                                    {"warning", LogLevel::Warning},
+                                                    {"info", LogLevel::Info},
+                                                    {"debug", LogLevel::Debug}};
+    std::error_code ignored;
+    if (std::filesystem::is_regular_file(path, ignored)) std::filesystem::resize_file(path, 0, ignored);
+    m_observer.openLog(path, levels.at(level));
+    if (levels.at(level) == LogLevel::Debug) {
+        const int narration = open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+        if (narration >= 0) redirectStandardOutput(narration);
+    }
+    m_observer.writeHead(std::string("vrk ") + VRK::kVersion);
     for (const std::string& line : headLines)
-        std::cout << line << '\n';
+        m_observer.writeHead(line);
+}
+
+void Host::openLog(const LogOptions& options) {
+    if (!options.file.empty()) openLog(options.file, options.level);
 }
 
 }  // namespace vrk::app

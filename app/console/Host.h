@@ -1,23 +1,30 @@
 /// \file
-/// What all commands share: the standard output, the log, the warnings and the progress bar.
+/// What all commands share: the standard output, the log, the warnings and the progress.
 #pragma once
 
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <ostream>
 #include <string>
 #include <vector>
 
+#include "console/LogOption.h"
+#include "console/ProgressLine.h"
 #include "pipeline/base/Session.h"
 
 namespace vrk::app {
 
-/// What a user sees of the work: a bar on a terminal and nothing elsewhere, warnings and errors on the
-/// standard error stream, everything in the log. Ctrl-C stops it.
+/// What the log holds: each level all that stands before it, too.
+enum class LogLevel { Error, Warning, Info, Debug };
+
+/// What a user sees of the work: how far it is, warnings and errors, all on the standard error stream, and
+/// messages in the log. Ctrl-C and SIGTERM stop it.
 class ConsoleObserver : public Observer {
 public:
-    ConsoleObserver();
+    void partBegan(int number, int count, const std::string& name, int stages) override;
+    void partsEnded() override;
     void stageBegan(const std::string& name) override;
     void progressed(int step, int steps) override;
     void stageEnded() override;
@@ -25,20 +32,28 @@ public:
     void logged(const char* message, VRK::MessageType type) override;
     bool canceled() override;
 
-    /// Wipes the bar.
-    void wipe();
+    /// Wipes the line that shows the progress.
+    void wipe() { m_progress.wipe(); }
+    /// Tells the library's errors in spite of which the work went on.
+    void tellErrors();
+
+    /// Messages go to this file. Throws Failure when it cannot be written.
+    void openLog(const std::filesystem::path& path, LogLevel level);
+    /// A line at the beginning of the log, whatever its level.
+    void writeHead(const std::string& line) { m_log << line << std::endl; }
 
 private:
-    bool m_terminal;
-    std::string m_stage;
-    int m_lastPercent = -1;
+    ProgressLine m_progress;
+    std::ofstream m_log;
+    LogLevel m_level = LogLevel::Info;
+    std::vector<std::string> m_errors;
 };
 
 /// Exists once, from the first line of main() to the last.
 ///
 /// Library classes narrate on the standard output. The host keeps that stream for its results: it moves
 /// the real standard output aside at once and lets everything else that is written there, up to the last
-/// destructor of the process, go to the log file (or nowhere, while no log is open).
+/// destructor of the process, go to a log with every step, and nowhere otherwise.
 class Host {
 public:
     Host();
@@ -50,17 +65,25 @@ public:
     std::ostream& out() { return *m_out; }
     Session& session() { return m_session; }
 
-    /// From here on the library's messages and narration go to this file. The first lines name the
-    /// version and the command line. Throws Failure when the file cannot be written.
-    void openLog(const std::filesystem::path& path, const std::vector<std::string>& headLines = {});
+    /// From here on messages of this level go to this file. The first lines name the version and what else
+    /// is given. Throws Failure when the file cannot be written.
+    /// \param level  "error", "warning", "info" or "debug"
+    void openLog(const std::filesystem::path& path, const std::string& level,
+                 const std::vector<std::string>& headLines = {});
+    /// The same for the log that was asked for, if any.
+    void openLog(const LogOptions& options);
 
     /// A warning of the host's own: standard error stream, log and summary.
     void warn(const std::string& text) { m_session.warn(text); }
     /// The host's own and the library's warnings in the order of their arrival.
     const std::vector<std::string>& warnings() const { return m_session.warnings(); }
 
-    /// Wipes the progress bar, so that a message has the line for itself.
+    /// Wipes the progress, so that a message has the line for itself.
     void wipeProgress() { m_observer.wipe(); }
+    /// The signal that asked to stop: SIGINT, SIGTERM or SIGHUP; 0: none.
+    static int stopSignal();
+    /// Called when the command has done its work.
+    void done() { m_observer.tellErrors(); }
 
 private:
     int m_stdout = -1;

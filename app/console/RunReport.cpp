@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "pipeline/base/Angle.h"
@@ -14,10 +15,33 @@
 namespace vrk::app {
 namespace {
 
-std::string senseText(const RefinedPositions& refinement) {
+std::string handednessText(const RefinedPositions& refinement) {
     if (refinement.sense == 0) return "not looked at";
     if (!refinement.decided) return "undecided";
-    return refinement.sense > 0 ? "+1" : "-1";
+    return refinement.handedness() > 0 ? "+1" : "-1";
+}
+
+/// "49.93(1) degrees (search 49.91(2), refined)"
+std::string axisText(const RunResult& result) {
+    const TiltAxis& axis = result.axis;
+    const RefinedInstrument& instrument = result.indexed.instrument;
+    const double sigma = result.refinedAxisSigma();
+    const auto degrees = [](double value, double sigma) {
+        return sigma > 0.0 && std::isfinite(sigma) ? withUncertainty(value, sigma) : formatted("%.2f", value);
+    };
+    std::string from = axis.source;
+    if (axis.source == "refined") {
+        if (axis.stated) from += formatted(", stated as %.2f", *axis.stated);
+    } else if (instrument.valid && instrument.uses(InstrumentTerm::AxisTurn)) {
+        from += ' ' + degrees(axis.angle, axis.uncertainty) + ", refined";
+    }
+    return degrees(result.refinedAxis(), std::isfinite(sigma) ? sigma : axis.uncertainty) + " degrees (" + from +
+           ")";
+}
+
+/// Tenths where they say something.
+std::string secondsText(double seconds) {
+    return formatted(seconds < 10.0 ? "%.1f" : "%.0f", seconds);
 }
 
 /// What the instrument was found to do, in a line; empty when nothing.
@@ -47,13 +71,6 @@ std::string instrumentText(const RefinedInstrument& instrument, double axis) {
     for (const std::string& part : parts)
         text += (text.empty() ? "" : ", ") + part;
     return text;
-}
-
-/// The axis as the reflections have it.
-std::string axisText(const RunResult& result) {
-    const double sigma = result.refinedAxisSigma();
-    return std::isfinite(sigma) ? withUncertainty(result.refinedAxis(), sigma)
-                                : formatted("%.2f", result.refinedAxis());
 }
 
 /// What was known of the instrument, in a line.
@@ -126,9 +143,9 @@ void printSummary(std::ostream& out, const RunResult& result) {
     const LatticeCharacter& answer = indexed.symmetry();
     print("series        %d frames of %d x %d, tilts %.2f to %.2f degrees", facts.size[2], facts.size[0],
           facts.size[1], facts.tiltFirst, facts.tiltLast);
-    out << formatted("tilt axis     %.2f degrees (%s), refined ", result.axis.angle,
-                     result.axis.source.c_str())
-        << axisText(result) << '\n';
+    out << "pixel size    " << pixelSizeText(facts.pixelSize)
+        << formatted(", %.6g kV%s", facts.kiloVolts, facts.kiloVoltsAssumed ? ", assumed" : "") << '\n';
+    out << "tilt axis     " << axisText(result) << '\n';
     printCell("reduced     ", refined);
     printCell("conventional", indexed.conventional);
     print("lattice       %s, misfit %.2f degrees, volume %.1f A^3, confidence %s",
@@ -143,26 +160,32 @@ void printSummary(std::ostream& out, const RunResult& result) {
               LATTICE::shortName(other.bravaisType), other.qualityIndex, m.a, m.b, m.c, m.alpha, m.beta,
               m.gamma);
     }
-    print("reflections   %d found, %d indexed (%.1f %%), %zu different, to %.2f A", refined.reflections,
+    std::string reach;
+    if (const double radius = indexed.completeness.halfRadius; radius > 0.0)
+        reach = formatted(", to %.2f A", 1e10 / (radius * facts.pixelSize));
+    print("reflections   %d found, %d indexed (%.1f %%), %zu different%s", refined.reflections,
           refined.indexed, 100.0 * refined.fraction(), conventionalReflections(indexed).size(),
-          indexed.resolution);
+          reach.c_str());
     print("residual      %.2f voxels", refined.rms);
     if (facts.instrument) out << "known         " << knownText(*facts.instrument) << '\n';
     if (const std::string text = instrumentText(indexed.instrument, result.axis.angle); !text.empty())
         out << "instrument    " << text << '\n';
-    out << "handedness    " << senseText(indexed.refined) << '\n';
+    out << "handedness    " << handednessText(indexed.refined) << '\n';
     if (result.intensities) printIntensities(out, *result.intensities);
     const CellSearchTrial& trial = result.lattice.best.trial;
     print("parameters    threshold %g (lattice at %g), zero beam %.0f, vectors %.1f to %.1f, %s",
           indexed.level.threshold, indexed.cellThreshold, indexed.level.zeroBeam, trial.minLength,
           trial.maxLength, clusteringText(trial).c_str());
     const RunSeconds& s = result.seconds;
-    print(
-        "seconds       read %.1f, preprocess %.1f, axis %.1f, reconstruct %.1f, search %.1f, cell %.1f, "
-        "index %.1f, "
-        "integrate %.1f, total %.1f; %.0f MiB",
-        s.read, s.preprocess, s.tiltAxis, s.reconstruct, s.search, s.cell, s.index, s.integrate, s.total,
-        peakMemory());
+    out << "seconds      ";
+    const std::pair<const char*, double> stages[] = {{"read", s.read},     {"preprocess", s.preprocess},
+                                                     {"axis", s.tiltAxis}, {"reconstruct", s.reconstruct},
+                                                     {"search", s.search}, {"cell", s.cell},
+                                                     {"index", s.index},   {"integrate", s.integrate},
+                                                     {"total", s.total}};
+    for (const auto& [name, seconds] : stages)
+        out << (name == stages[0].first ? " " : ", ") << name << ' ' << secondsText(seconds);
+    print("; %.0f MiB", peakMemory());
 }
 
 }  // namespace vrk::app

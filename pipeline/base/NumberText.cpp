@@ -18,4 +18,8 @@ std::string withUncertainty(double value, double sigma) {
     return text;
 }
 
+std::string pixelSizeText(double perMetre) {
+    return formatted("%.5g 1/Angstrom (%.6g 1/m)", 1e-10 * perMetre, perMetre);
+}
+
 }  // namespace vrk

@@ -12,6 +12,9 @@ namespace vrk {
 /// digit, or two up to 19. Without a positive, finite uncertainty six significant digits.
 std::string withUncertainty(double value, double sigma);
 
+/// A pixel size in the unit of the field and in that of the files: "0.00838 1/Angstrom (8.38e+07 1/m)".
+std::string pixelSizeText(double perMetre);
+
 /// A text of printf(), as long as it comes. The format is the caller's own, never a user's.
 template <typename... Values>
 std::string formatted(const char* format, Values... values) {

@@ -14,6 +14,11 @@ class Observer {
 public:
     virtual ~Observer() = default;
 
+    /// A part of the work begins, one of \p count; the one before has ended. Parts that are done again, or
+    /// again and again, come with the number that they had. \p stages is how many stages it usually has.
+    virtual void partBegan(int /*number*/, int /*count*/, const std::string& /*name*/, int /*stages*/) {}
+    /// All parts are done.
+    virtual void partsEnded() {}
     /// A stage begins. Stages do not nest.
     virtual void stageBegan(const std::string& /*name*/) {}
     /// So many of the steps of the stage are done.

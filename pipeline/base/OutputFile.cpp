@@ -1,5 +1,11 @@
 #include "pipeline/base/OutputFile.h"
 
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <system_error>
 #include <utility>
@@ -7,8 +13,30 @@
 #include "pipeline/base/Failure.h"
 
 namespace vrk {
+namespace {
 
-OutputFile::OutputFile(std::filesystem::path finalPath) : m_final(std::move(finalPath)) {
+/// The names of the files in the making, where a signal handler finds them.
+std::array<std::atomic<const char*>, 64> inTheMaking;
+
+/// \returns its place; one past the last when all are taken
+std::size_t announce(const std::filesystem::path& path) {
+    const char* name = strdup(path.c_str());
+    for (std::size_t i = 0; i < inTheMaking.size(); ++i) {
+        const char* none = nullptr;
+        if (inTheMaking[i].compare_exchange_strong(none, name)) return i;
+    }
+    std::free(const_cast<char*>(name));
+    return inTheMaking.size();
+}
+
+void forget(std::size_t place) {
+    if (place < inTheMaking.size()) std::free(const_cast<char*>(inTheMaking[place].exchange(nullptr)));
+}
+
+}  // namespace
+
+OutputFile::OutputFile(std::filesystem::path finalPath)
+    : m_final(std::move(finalPath)), m_place(inTheMaking.size()) {
     std::error_code ignored;
     const std::filesystem::path folder = m_final.has_parent_path() ? m_final.parent_path() : ".";
     if (!std::filesystem::is_directory(folder, ignored))
@@ -21,11 +49,19 @@ OutputFile::OutputFile(std::filesystem::path finalPath) : m_final(std::move(fina
     // Devices such as /dev/stdout are written to as they are.
     if (std::filesystem::exists(m_final, ignored) && !std::filesystem::is_regular_file(m_final, ignored))
         m_temporary = m_final;
+    else
+        m_place = announce(m_temporary);
+}
+
+void OutputFile::removeAll() noexcept {
+    for (const std::atomic<const char*>& name : inTheMaking)
+        if (const char* path = name.load()) unlink(path);
 }
 
 OutputFile::~OutputFile() {
     std::error_code ignored;
     if (!m_committed && m_temporary != m_final) std::filesystem::remove(m_temporary, ignored);
+    forget(m_place);
 }
 
 void OutputFile::commit() {

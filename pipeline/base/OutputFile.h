@@ -3,6 +3,7 @@
 /// never leaves a half file under a good name.
 #pragma once
 
+#include <cstddef>
 #include <filesystem>
 #include <string>
 
@@ -22,10 +23,15 @@ public:
     /// Gives the file its final name. Throws Failure when that is not possible.
     void commit();
 
+    /// Removes all files in the making. For signal handlers that end the process: calls nothing that they
+    /// must not.
+    static void removeAll() noexcept;
+
 private:
     std::filesystem::path m_final;
     std::filesystem::path m_temporary;
     bool m_committed = false;
+    std::size_t m_place;  ///< among the files in the making
 };
 
 /// Replaces the content of a file. Throws Failure when it cannot be written completely.

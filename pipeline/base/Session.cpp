@@ -20,7 +20,9 @@ void Session::Log::notifyLog(const char* message, VRK::MessageType type, VRK::De
     observer.logged(message, type);
     if (type != VRK::Warning && type != VRK::Error && type != VRK::Critical) return;
 
-    const std::string text = trimmed(message);
+    std::string text = trimmed(message);
+    // The kind of a message is told by its type.
+    if (text.starts_with("ERROR:")) text = trimmed(text.substr(6));
     if (text.empty()) return;
     if (type != VRK::Warning) lastError = text;
     if (hearing == Hearing::Forget && type == VRK::Warning) return;
@@ -51,12 +53,25 @@ void Session::warn(const std::string& text) {
     m_log.notifyLog(text.c_str(), VRK::Warning, VRK::Information);
 }
 
+void Session::beginPart(int number, int count, const std::string& name, int stages) {
+    m_observer.partBegan(number, count, name, stages);
+}
+
+void Session::endParts() {
+    m_observer.partsEnded();
+}
+
+void Session::advance(double share) {
+    constexpr int steps = 1000;
+    m_observer.progressed(static_cast<int>(share * steps), steps);
+}
+
 bool Session::canceled() const {
     return m_progress.canceled() || m_observer.canceled();
 }
 
 void Session::checkCanceled() const {
-    if (canceled()) throw Failure("stopped on request; nothing was written", FailureKind::Canceled);
+    if (canceled()) throw Failure("stopped on request; no result was written", FailureKind::Canceled);
 }
 
 Stage::Stage(Session& session, const std::string& name) : m_session(session) {

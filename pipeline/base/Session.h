@@ -32,6 +32,12 @@ public:
     /// The core's latest error, empty when there was none.
     const std::string& lastError() const { return m_log.lastError; }
 
+    /// Tells the observer of the parts of the work (Observer::partBegan()).
+    void beginPart(int number, int count, const std::string& name, int stages = 1);
+    void endParts();
+    /// Tells the observer how much of a stage is done that no operation of the core reports, 0 to 1.
+    void advance(double share);
+
     bool canceled() const;
     /// Throws Failure (Canceled) when the observer has asked to stop.
     void checkCanceled() const;

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/JsonText.h"
 #include "pipeline/base/OutputFile.h"
 
 namespace vrk {
@@ -123,7 +124,7 @@ std::vector<std::filesystem::path> writeEvaluation(const CellEvaluation& evaluat
     OutputFile text(path);
     OutputFile json(jsonPath);
     std::ofstream file(json.path());
-    file << toJson(evaluation).dump(1) << '\n';
+    file << jsonText(toJson(evaluation), 1) << '\n';
     file.close();
     if (!file || !evaluation.writeText(text.path().string()))
         throw Failure("cannot write the report " + path.string() + "; check the folder and the free space");

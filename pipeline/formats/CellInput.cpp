@@ -11,6 +11,7 @@
 #include "crystallography/SpaceMath.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/UnitCheck.h"
+#include "pipeline/frames/FileContent.h"
 
 namespace vrk {
 namespace {
@@ -84,10 +85,11 @@ CellInput cellFromNumbers(const std::vector<double>& numbers, char centring) {
 }
 
 CellInput cellFromFile(const std::filesystem::path& path, double pixelSize) {
+    refuseUnlessCell(path);
     UnitCell reciprocal;
     if (!CellFileImportExport::loadCellFile(path.string(), &reciprocal, pixelSize))
         throw Failure("cannot read a cell from " + path.string() +
-                      "; it must exist and be a cell file of version 1 or 2");
+                      "; it must be a cell file of version 1 or 2");
     if (reciprocal.isDegenerate())
         throw Failure(path.string() + " holds no cell: numbers are missing or its vectors lie in one plane");
     if (pixelSize == 0.0) pixelSize = pixelSizeOf(path, reciprocal);

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "pipeline/base/Failure.h"
+#include "pipeline/frames/FileContent.h"
 #include "reflections/PeakFileImportExport.h"
 #include "reflections/Reflex.h"
 
@@ -95,9 +96,8 @@ bool readPlainList(const std::filesystem::path& path, ReflexVector& list) {
 }  // namespace
 
 PeakList readPeaks(const std::filesystem::path& path) {
+    refuseUnlessPeaks(path);
     std::ifstream file(path);
-    if (!file || std::filesystem::is_directory(path))
-        throw Failure("cannot read " + path.string() + "; check the name and the permissions");
     std::string first;
     readLine(file, first);
     file.close();

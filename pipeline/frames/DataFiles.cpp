@@ -9,6 +9,7 @@
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/LibraryStage.h"
 #include "pipeline/base/OutputFile.h"
+#include "pipeline/frames/FileContent.h"
 
 namespace vrk {
 namespace {
@@ -42,6 +43,7 @@ void refuseHeaderWithoutData(const std::filesystem::path& path, const mrcH& head
 }  // namespace
 
 std::unique_ptr<VoxMRCData> readMRC(const std::filesystem::path& path, Session& session) {
+    refuseUnlessMrc(path);
     VoxMRCFileHandler handler;
     handler.registerObserver(&session.progress());
     return runStage(session, "read", [&] {
@@ -68,6 +70,7 @@ std::unique_ptr<VoxMRCData> readVolume(const std::filesystem::path& path, Sessio
 }
 
 std::unique_ptr<VoxVolumeData> readVolumeView(const std::filesystem::path& path, int edge, Session& session) {
+    refuseUnlessMrc(path);
     VoxMRCFileHandler handler;
     handler.registerObserver(&session.progress());
     const std::unique_ptr<mrcH> header =

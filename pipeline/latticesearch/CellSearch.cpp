@@ -280,8 +280,12 @@ std::vector<LatticeCandidate> CellSearch::search(const Points& points,
     if (points.size() < 12) return candidates;
     const Points judges = strongest(points, weights, kJudges);
     int agreements = 0;
-    for (CellSearchTrial trial : trials(judges)) {
+    const std::vector<CellSearchTrial> all = trials(judges);
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        CellSearchTrial trial = all[i];
         if (m_options.canceled && m_options.canceled()) return {};
+        if (m_options.progressed)
+            m_options.progressed(static_cast<double>(i) / static_cast<double>(all.size()));
         Points used = judges;
         thinOut(used, trial.maxLength);
         const double before = candidates.empty() ? 0.0 : candidates.front().score.evidence;

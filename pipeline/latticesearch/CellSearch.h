@@ -25,6 +25,8 @@ struct CellSearchOptions {
     std::function<void(Parameter&)> adjust;
     /// Called between the parameter sets; returning true stops the search.
     std::function<bool()> canceled;
+    /// Told at the same places which share of the sets is done, 0 to 1; may be empty.
+    std::function<void(double)> progressed;
 };
 
 /// One set of parameters of the cell finding.

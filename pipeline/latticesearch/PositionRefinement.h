@@ -23,6 +23,9 @@ struct RefinedPositions {
     std::vector<Eigen::Vector3d> positions;
     std::vector<Indices> indices;
     int sense = 0;  ///< +1 or -1, s of EwaldCurvature; 0 when there was no wavelength
+    /// The side of the Ewald sphere on which the reflections lie, +1 or -1 as in SeriesGeometry and the
+    /// simulation: that of the sphere and not, as the sense, of the positions seen from it. 0 when unknown.
+    int handedness() const { return -sense; }
     /// Whether the two senses differ beyond noise. When not, the handedness of h, k, l is undecided.
     bool decided = false;
     /// Residuals for sense +1 and -1: root mean square distance (voxels) from the nearest node over the

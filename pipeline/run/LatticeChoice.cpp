@@ -60,14 +60,20 @@ Points flatPoints(const Level& level, const ReciprocalVolume& volume, std::vecto
 
 LatticeChoice findLattice(const std::vector<Level>& levels, const ReciprocalVolume& volume,
                           const CellOptions& options, Session& session) {
-    const CellSearch search(searchOptions(options, session));
+    const Stage stage(session, "cell");
+    std::size_t done = 0;
+    CellSearchOptions settings = searchOptions(options, session);
+    settings.progressed = [&](double share) {
+        session.advance((static_cast<double>(done) + share) / static_cast<double>(levels.size()));
+    };
+    const CellSearch search(std::move(settings));
     // Parameter sets that find no cluster are part of the search, not news.
     const QuietLog quiet(session, QuietLog::Keep::InLogAlone);
     LatticeChoice choice;
     Points bestPoints;
     std::vector<double> bestWeights;
     double merit = 0.0;
-    for (std::size_t i = levels.size(); i-- > 0;) {
+    for (std::size_t i = levels.size(); i-- > 0; ++done) {
         std::vector<double> weights;
         const Points points = flatPoints(levels[i], volume, &weights);
         std::vector<LatticeCandidate> candidates = search.search(points, weights);

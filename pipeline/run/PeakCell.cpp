@@ -198,8 +198,11 @@ PeakCell findCell(const PeakList& peaks, const PeakCellOptions& options, Session
     PeakCell cell;
     takePoints(peaks, options, cell);
     refuseFlatLists(cell.points);
-    const CellSearch search(searchOptions(options.cell, session));
+    CellSearchOptions settings = searchOptions(options.cell, session);
+    settings.progressed = [&session](double share) { session.advance(share); };
+    const CellSearch search(std::move(settings));
     {
+        const Stage stage(session, "search the cell");
         // What the steps complain about is one trial of many, or part of the message.
         const QuietLog quiet(session, QuietLog::Keep::InLogAlone);
         const std::vector<LatticeCandidate> candidates = search.search(cell.points, cell.weights);

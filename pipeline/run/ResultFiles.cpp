@@ -25,10 +25,10 @@ ReflexVectorPtr voxelCentres(const Level& level) {
     return list;
 }
 
-bool writePeaks(const RunResult& result, const std::string& path) {
-    const VoxMRCData& voxels = *result.volume.voxels;
-    const SeriesFacts& facts = result.facts();
-    const ReflexVectorPtr list = voxelCentres(result.indexed.level);
+bool writePeaks(const ReciprocalVolume& volume, const Level& level, const std::string& path) {
+    const VoxMRCData& voxels = *volume.voxels;
+    const SeriesFacts& facts = volume.facts;
+    const ReflexVectorPtr list = voxelCentres(level);
     return PeakFileImportExport::writePeakFileWithIntensities(
         path, list.get(), 3, static_cast<int>(voxels.GetWidth()), static_cast<int>(voxels.GetHeight()),
         static_cast<int>(voxels.GetDepth()), facts.tiltFirst, facts.tiltLast, facts.pixelSize, 0.0, 0.0,
@@ -58,7 +58,8 @@ std::vector<std::filesystem::path> writeResultFiles(const RunResult& result,
         file.commit();
         files.push_back(folder / name);
     };
-    write("peaks.txt", [&](const std::string& path) { return writePeaks(result, path); });
+    write("peaks.txt",
+          [&](const std::string& path) { return writePeaks(result.volume, result.indexed.level, path); });
     write("cell.txt", [&](const std::string& path) {
         UnitCell cell = result.indexed.lattice().toUnitCell();
         return CellFileImportExport::writeCellFile_version_2(path, &cell);
@@ -69,6 +70,15 @@ std::vector<std::filesystem::path> writeResultFiles(const RunResult& result,
          writeEvaluation(result.lattice.evidence, folder / "cell-report.txt"))
         files.push_back(path);
     return files;
+}
+
+void writeRemains(const RunRemains& remains, const std::filesystem::path& folder) {
+    if (!remains.volume) return;
+    if (!remains.volume->centres.empty())
+        writeCentreFile(folder / "centres.txt", remains.volume->tilts, remains.volume->centres);
+    if (!remains.level) return;
+    OutputFile file(folder / "peaks.txt");
+    if (writePeaks(*remains.volume, *remains.level, file.path().string())) file.commit();
 }
 
 }  // namespace vrk

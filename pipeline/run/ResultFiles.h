@@ -7,7 +7,7 @@
 
 #include "pipeline/base/Session.h"
 #include "pipeline/formats/ReflectionFormats.h"
-#include "pipeline/run/RunResult.h"
+#include "pipeline/run/Run.h"
 
 namespace vrk {
 
@@ -18,5 +18,9 @@ std::vector<IndexedReflection> conventionalReflections(const Indexed& indexed);
 /// when one cannot be written.
 std::vector<std::filesystem::path> writeResultFiles(const RunResult& result,
                                                     const std::filesystem::path& folder, Session& session);
+
+/// Writes the centres and the peaks that a run had when it failed, as far as there are any. Throws Failure
+/// when a file cannot be written.
+void writeRemains(const RunRemains& remains, const std::filesystem::path& folder);
 
 }  // namespace vrk

@@ -40,20 +40,35 @@ struct Attempt {
 /// One run after another over the same centred frames.
 class Attempts {
 public:
-    Attempts(const CentredSeries& series, const RunOptions& options, RunSeconds& seconds, Session& session)
-        : m_series(series), m_options(options), m_seconds(seconds), m_session(session) {}
+    Attempts(const CentredSeries& series, const RunOptions& options, RunSeconds& seconds, Session& session,
+             RunRemains& remains)
+        : m_series(series), m_options(options), m_seconds(seconds), m_session(session), m_remains(remains) {}
 
     /// Throws Failure when nothing is found.
     Attempt at(const TiltAxis& axis) {
+        m_remains.volume.reset();
+        m_remains.level.reset();
         ReciprocalVolume volume = volumeAt(axis);
-        std::vector<Level> levels =
-            timed(m_seconds.search, [&] { return searchLevels(volume, m_options.search, m_session); });
-        LatticeChoice lattice =
-            timed(m_seconds.cell, [&] { return findLattice(levels, volume, m_options.cell, m_session); });
-        Indexed indexed = timed(m_seconds.index, [&] {
-            return indexReflections(std::move(levels), lattice, volume, axis, m_session);
-        });
-        return {axis, std::move(volume), std::move(lattice), std::move(indexed)};
+        std::vector<Level> levels;
+        try {
+            part(5, "find reflections", 6);
+            levels =
+                timed(m_seconds.search, [&] { return searchLevels(volume, m_options.search, m_session); });
+            part(6, "search the cell");
+            LatticeChoice lattice =
+                timed(m_seconds.cell, [&] { return findLattice(levels, volume, m_options.cell, m_session); });
+            keepForFailure(levels);
+            part(7, "index and refine");
+            Indexed indexed = timed(m_seconds.index, [&] {
+                return indexReflections(std::move(levels), lattice, volume, axis, m_session);
+            });
+            m_remains.level.reset();
+            return {axis, std::move(volume), std::move(lattice), std::move(indexed)};
+        } catch (const Failure&) {
+            if (!m_remains.level) keepForFailure(levels);
+            m_remains.volume = std::move(volume);
+            throw;
+        }
     }
 
     /// The same; nothing, and the failure kept, where nothing is found.
@@ -70,7 +85,19 @@ public:
     const Failure& firstFailure() const { return *m_failure; }
 
 private:
+    void part(int number, const char* name, int stages = 1) {
+        m_session.beginPart(number, kRunParts, name, stages);
+    }
+
+    /// The list of the highest threshold that has enough reflections for a cell.
+    void keepForFailure(const std::vector<Level>& levels) {
+        constexpr std::size_t kEnough = 200;
+        for (const Level& level : levels)
+            if (!m_remains.level || level.reflections.size() >= kEnough) m_remains.level = level;
+    }
+
     ReciprocalVolume volumeAt(const TiltAxis& axis) {
+        part(4, "reconstruct", axis.angle != 0.0 ? 2 : 1);
         std::optional<CentredSeries> rotated;
         if (axis.angle != 0.0 || !m_series.facts.distortion.isNone())
             rotated = timed(m_seconds.preprocess, [&] { return rotate(m_series, axis, m_session); });
@@ -82,6 +109,7 @@ private:
     const RunOptions& m_options;
     RunSeconds& m_seconds;
     Session& m_session;
+    RunRemains& m_remains;
     std::optional<Failure> m_failure;
 };
 
@@ -133,7 +161,8 @@ void followAxis(Attempts& attempts, Attempt& best, Session& session) {
 /// The attempt on patterns whose centres the spots put right; nothing where no pattern needs it, or nothing
 /// gets better.
 std::optional<Attempt> withRefinedCentres(const CentredSeries& series, const Attempt& best,
-                                          const RunOptions& options, RunSeconds& seconds, Session& session) {
+                                          const RunOptions& options, RunSeconds& seconds, Session& session,
+                                          RunRemains& remains) {
     const bool found = options.centre.source == CentreChoice::Source::Search;
     if (!found || best.indexed.verdict.level == Confidence::Low || series.centres.empty())
         return std::nullopt;
@@ -149,7 +178,7 @@ std::optional<Attempt> withRefinedCentres(const CentredSeries& series, const Att
         return std::nullopt;
     const CentredSeries better =
         timed(seconds.preprocess, [&] { return recentred(series, shifts, best.axis.angle, session); });
-    std::optional<Attempt> next = Attempts(better, options, seconds, session).tryAt(best.axis);
+    std::optional<Attempt> next = Attempts(better, options, seconds, session, remains).tryAt(best.axis);
     const bool helps = next && (meritOf(*next) > meritOf(best) ||
                                 (meritOf(*next) > 0.95 * meritOf(best) &&
                                  next->indexed.refined.lattice.rms < 0.9 * best.indexed.refined.lattice.rms));
@@ -190,18 +219,29 @@ std::optional<Intensities> intensitiesOf(const Attempt& best, const RecordedCoun
     }
 }
 
-}  // namespace
+/// What neither the series nor the caller states.
+std::vector<std::string> assumptions(const SeriesFacts& facts, const TiltAxis& axis) {
+    std::vector<std::string> assumed;
+    if (axis.source == "assumed") assumed.push_back("a tilt axis along y (--tilt-axis DEG or search)");
+    if (facts.kiloVoltsAssumed) assumed.push_back("200 kV (--voltage)");
+    return assumed;
+}
 
-RunResult run(const std::filesystem::path& path, const RunOptions& options, Session& session) {
+RunResult runStages(const std::filesystem::path& path, const RunOptions& options, Session& session,
+                    RunRemains& remains) {
     const auto start = std::chrono::steady_clock::now();
     RunSeconds s;
+    session.beginPart(1, kRunParts, "read");
     Series series = timed(s.read, [&] { return loadSeries(path, options, session); });
+    session.beginPart(2, kRunParts, "preprocess", 4);
     CentredSeries centred = timed(s.preprocess, [&] {
         return centre(std::move(series), options.centre, options.intensities.wanted, session);
     });
+    session.beginPart(3, kRunParts, "tilt axis");
     TiltAxis axis = timed(s.tiltAxis, [&] { return findAxis(centred, options.axis, session); });
+    remains.assumed = assumptions(centred.facts, axis);
 
-    Attempts attempts(centred, options, s, session);
+    Attempts attempts(centred, options, s, session, remains);
     const bool mayChoose = options.axis.source == AxisChoice::Source::Series;
     std::optional<Attempt> best = mayChoose ? attempts.tryAt(axis) : attempts.at(axis);
     if (best) followAxis(attempts, *best, session);
@@ -220,16 +260,38 @@ RunResult run(const std::filesystem::path& path, const RunOptions& options, Sess
         if (searched && (!best || meritOf(*searched) > meritOf(*best))) best = std::move(searched);
     }
     if (!best) throw attempts.firstFailure();
-    if (auto refined = withRefinedCentres(centred, *best, options, s, session)) best = std::move(refined);
+    // A volume is large.
+    remains.volume.reset();
+    if (auto refined = withRefinedCentres(centred, *best, options, s, session, remains))
+        best = std::move(refined);
     if (!best->indexed.strain.empty()) session.warn(best->indexed.strain);
     if (best->axis.source == "assumed" && best->indexed.axisConfirmed) best->axis.source = "refined";
     std::optional<Intensities> intensities;
-    if (options.intensities.wanted)
+    if (options.intensities.wanted) {
+        session.beginPart(8, kRunParts, "measure intensities");
         intensities = timed(
             s.integrate, [&] { return intensitiesOf(*best, centred.counts, options.intensities, session); });
+    }
     s.total = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     return {std::move(best->axis),    std::move(best->volume),   std::move(best->lattice),
             std::move(best->indexed), std::move(centred.counts), std::move(intensities), s};
+}
+
+}  // namespace
+
+RunResult run(const std::filesystem::path& path, const RunOptions& options, Session& session,
+              RunRemains* remains) {
+    RunRemains unwanted;
+    RunRemains& kept = remains ? *remains : unwanted;
+    try {
+        return runStages(path, options, session, kept);
+    } catch (const Failure& failure) {
+        if (failure.kind() != FailureKind::NothingFound || kept.assumed.empty()) throw;
+        std::string text = "assumed, because the series does not state it: ";
+        for (std::size_t i = 0; i < kept.assumed.size(); ++i)
+            text += (i > 0 ? " and " : "") + kept.assumed[i];
+        throw Failure(text + "; " + failure.what(), FailureKind::NothingFound);
+    }
 }
 
 }  // namespace vrk

@@ -11,6 +11,7 @@
 
 #include "pipeline/base/Angle.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/JsonText.h"
 #include "pipeline/base/OutputFile.h"
 #include "pipeline/formats/CentreFile.h"
 #include "pipeline/run/ResultFiles.h"
@@ -302,7 +303,7 @@ double peakMemory() {
 }
 
 std::string summaryJson(const std::filesystem::path& series, const RunResult& result,
-                        const std::vector<std::string>& warnings) {
+                        const std::vector<std::string>& warnings, const std::vector<std::string>& files) {
     const RefinedPositions& refined = result.indexed.refined;
     const VoxMRCData& voxels = *result.volume.voxels;
     Json json;
@@ -320,16 +321,18 @@ std::string summaryJson(const std::filesystem::path& series, const RunResult& re
     json["completeness"] = completenessJson(result.indexed.completeness, result.facts().pixelSize);
     json["cell"] = cellJson(result);
     json["confidence"] = confidenceJson(result);
-    json["handedness"] = {{"sense", refined.sense},
+    // The residuals stand in the order of the sense, which is the other way round.
+    json["handedness"] = {{"sense", refined.handedness()},
                           {"decided", refined.decided},
-                          {"residual_plus_px", refined.residual[0]},
-                          {"residual_minus_px", refined.residual[1]}};
+                          {"residual_plus_px", refined.residual[1]},
+                          {"residual_minus_px", refined.residual[0]}};
     json["intensities"] = result.intensities ? intensitiesJson(*result.intensities) : Json();
     json["parameters"] = parametersJson(result);
     json["seconds"] = secondsJson(result.seconds);
     json["peak_memory_mib"] = peakMemory();
     json["warnings"] = warnings;
-    return json.dump(2);
+    json["files"] = files;
+    return jsonText(json, 2);
 }
 
 void writeSummary(const std::filesystem::path& path, const std::string& summary) {

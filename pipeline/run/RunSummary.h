@@ -12,8 +12,9 @@ namespace vrk {
 
 /// The text of summary.json.
 /// \param series  as the caller named it
+/// \param files   names of the result's files in their folder, but the summary
 std::string summaryJson(const std::filesystem::path& series, const RunResult& result,
-                        const std::vector<std::string>& warnings);
+                        const std::vector<std::string>& warnings, const std::vector<std::string>& files);
 
 /// Throws Failure when the file cannot be written.
 void writeSummary(const std::filesystem::path& path, const std::string& summary);

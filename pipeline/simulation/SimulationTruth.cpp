@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "pipeline/base/JsonText.h"
 #include "pipeline/simulation/detail/SettingsJson.h"
 
 namespace vrk {
@@ -54,7 +55,7 @@ std::string SimulationTruth::toJson() const {
                                         {"time", one.time},
                                         {"counts", one.intensity * one.time},
                                         {"peak_counts", one.peakCounts}});
-    return truth.dump(1);
+    return jsonText(truth, 1);
 }
 
 }  // namespace vrk

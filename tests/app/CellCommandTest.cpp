@@ -234,7 +234,7 @@ TEST_F(CellCommandTest, SaysWhatIsWrongAndWritesNothing) {
         int exitCode;
         std::string message;
     } cases[] = {
-        {{"peaks.txt"}, 2, "output"},
+        {{"peaks.txt"}, 2, "needs -o CELL"},
         {{"none.txt", "-o", "x.txt"}, 1, "none.txt"},
         {{"list.txt", "-o", "list.txt"}, 2, "replace"},
         {{"list.txt", "-o", "x.txt", "--min-length", "30", "--max-length", "20"}, 2, "--max-length"},

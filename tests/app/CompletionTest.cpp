@@ -46,7 +46,8 @@ TEST(CompletionTest, BothScriptsKnowEveryCommandOfTheHelpText) {
     int commands = 0;
     bool listed = false;
     for (std::string line; std::getline(help, line);) {
-        if (line == "Subcommands:") listed = true;
+        if (line == "Commands:") listed = true;
+        if (line == "Options:") break;
         if (!listed || line.rfind("  ", 0) != 0 || line[2] == ' ') continue;
         const std::string name = line.substr(2, line.find(' ', 2) - 2);
         ++commands;

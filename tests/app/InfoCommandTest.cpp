@@ -104,7 +104,7 @@ TEST(InfoCommand, ShowsTheSyntheticSeries) {
     EXPECT_EQ(text.err, "");
     for (const char* part :
          {"tilt series, 61 patterns of 128 x 128", "-60 to 60 degrees, regular steps of 2", "200 kV",
-          "1e+08 1/m per pixel", "label         VRKCore: synthetic", "no warnings"})
+          "0.01 1/Angstrom (1e+08 1/m) per pixel", "label         VRKCore: synthetic", "no warnings"})
         EXPECT_NE(text.out.find(part), std::string::npos) << part << text.out;
 }
 
@@ -155,7 +155,7 @@ TEST(InfoCommand, SaysInOneLineWhyAFileIsRefused) {
           {folder.write("cut.mrc", plainSeries().bytes().substr(0, 1100)), "640 bytes of data, but only 0"},
           {folder.write("no.mrc", MRCBytes(0, 8, 5).bytes()), "announces 0 x 8 x 5 voxels"},
           {folder / "missing.mrc", "cannot be opened"},
-          {folder / "", "cannot be opened"}}) {
+          {folder / "", "is a folder"}}) {
         const VrkResult result = runVrk({"info", path, "--json"});
         EXPECT_EQ(result.exitCode, 1);
         EXPECT_EQ(result.out, "");

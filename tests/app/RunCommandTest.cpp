@@ -336,7 +336,7 @@ TEST_F(RunCommandTest, SeriesThatCannotBeSolvedEndWithAMessage) {
                                  return static_cast<short>(100 +
                                                            (x * 7919U + y * 104729U + z * 1299709U) % 11U);
                              }),
-                     3, "try"});
+                     3, "assumed, because the series does not state it: a tilt axis along y"});
     for (Case& one : cases) {
         SCOPED_TRACE(one.name);
         write(*one.series, folder / "series.mrc");
@@ -371,29 +371,93 @@ TEST_F(RunCommandTest, GarbageBehindAValidHeaderIsNoCell) {
     EXPECT_FALSE(anyHalfWritten(folder / "result"));
 }
 
-TEST_F(RunCommandTest, InterruptionLeavesNoResultAndNoHalfFile) {
+std::set<std::string> allFilesIn(const std::string& folder) {
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder))
+        if (entry.is_regular_file()) names.insert(std::filesystem::relative(entry.path(), folder).string());
+    return names;
+}
+
+TEST_F(RunCommandTest, StoppedRunsLeaveEarlierResultsWholeAndNothingHalf) {
     write(*smallSeries(256), folder / "series.mrc");
-    std::filesystem::create_directories(folder / "result");
-    const std::string path = folder / "series.mrc";
     const std::string result = folder / "result";
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        std::freopen("/dev/null", "w", stdout);
-        std::freopen("/dev/null", "w", stderr);
-        execl(VRK_PROGRAM, VRK_PROGRAM, "run", path.c_str(), "-o", result.c_str(),
-              static_cast<char*>(nullptr));
-        _exit(127);
+    std::filesystem::create_directories(result);
+    folder.write("result/summary.json", "{\"files\": [\"cell.txt\", \"../series.mrc\"]}");
+    folder.write("result/cell.txt", "old");
+    struct Stop {
+        int signal;
+        int times;
+        const char* when;  ///< this file is there
+    };
+    for (const Stop& stop : {Stop{SIGINT, 1, "unfinished/vrk.log"}, Stop{SIGTERM, 1, "unfinished/vrk.log"},
+                             Stop{SIGTERM, 2, "unfinished/vrk.log"}, Stop{SIGKILL, 1, "unfinished/vrk.log"},
+                             Stop{SIGINT, 1, "cell.txt"}, Stop{SIGTERM, 1, "cell.txt"}}) {
+        SCOPED_TRACE(std::to_string(stop.signal) + " when " + stop.when);
+        std::filesystem::remove_all(result + "/unfinished");
+        StartedVrk vrk({"run", folder / "series.mrc", "-o", result, "--no-pictures"});
+        for (int i = 0; i < 5000 && !std::filesystem::exists(result + "/" + stop.when); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        for (int i = 0; i < stop.times; ++i)
+            vrk.signal(stop.signal);
+        const VrkResult stopped = vrk.wait();
+        EXPECT_EQ(stopped.exitCode, 128 + stop.signal);
+        std::set<std::string> files = allFilesIn(result);
+        EXPECT_EQ(std::count_if(files.begin(), files.end(),
+                                [](const auto& name) { return name.find(".part") != std::string::npos; }),
+                  0);
+        EXPECT_EQ(folder.read("result/cell.txt"), "old");
+        EXPECT_TRUE(files.contains("summary.json"));
+        if (stop.signal == SIGKILL || stop.times > 1 || !files.contains("unfinished/vrk.log")) continue;
+        EXPECT_NE(stopped.err.find("unfinished holds vrk.log"), std::string::npos) << stopped.err;
+        EXPECT_NE(stopped.err.find("are as they were"), std::string::npos) << stopped.err;
     }
-    // The log appears after the signal handler is in place.
-    for (int i = 0; i < 2000 && !std::filesystem::exists(result + "/vrk.log"); ++i)
+}
+
+TEST_F(RunCommandTest, ResultsReplaceEarlierOnesTogetherAndFailuresSetThemAside) {
+    write(*series, folder / "series.mrc");
+    const std::string result = folder / "result";
+    std::filesystem::create_directories(result + "/unfinished");
+    // What a run leaves that is killed while its results take the places of earlier ones.
+    folder.write("result/unfinished/replaced.json", "{\"files\": [\"old.txt\", \"../series.mrc\"]}");
+    folder.write("result/unfinished/summary.json", "{\"files\": [\"new.txt\"]}");
+    for (const char* name : {"result/old.txt", "result/new.txt", "result/mine.txt"})
+        folder.write(name, "text");
+    const std::vector<std::string> quick = {"--no-pictures", "--no-integration", "--tilt-axis", "none"};
+    ASSERT_EQ(run(quick).exitCode, 0);
+    json listed = json::parse(folder.read("result/summary.json"))["files"];
+    EXPECT_GT(listed.size(), 6U);
+    listed.push_back("summary.json");
+    listed.push_back("mine.txt");
+    EXPECT_EQ(std::set<std::string>(listed.begin(), listed.end()), filesIn(result));
+
+    // Too few reflections for a lattice, in a series that does not say its voltage.
+    std::unique_ptr<VoxMRCData> silent = changed(*series, width(), width(), frames(), pixel);
+    for (float& tension : silent->m_Header.sliceValues[static_cast<std::size_t>(SliceValue::HighTension)])
+        tension = 0.0F;
+    write(*silent, folder / "series.mrc");
+    const VrkResult failed = run({"--tilt-axis", "none", "--threshold", "2500"});
+    EXPECT_EQ(failed.exitCode, 3) << failed.err;
+    EXPECT_NE(failed.err.find("vrk: assumed, because the series does not state it: 200 kV (--voltage); no "),
+              std::string::npos)
+        << failed.err;
+    EXPECT_NE(failed.err.find("peaks.txt, projection_x.png"), std::string::npos) << failed.err;
+    EXPECT_EQ(filesIn(result), (std::set<std::string>{"mine.txt", "earlier", "unfinished"}));
+    EXPECT_TRUE(filesIn(result + "/earlier").contains("reflections.hkl"));
+    const std::set<std::string> names = filesIn(result + "/unfinished");
+    for (const char* name : {"vrk.log", "peaks.txt", "centres.txt", "projection_y.png"})
+        EXPECT_TRUE(names.contains(name)) << name;
+}
+
+TEST_F(RunCommandTest, TwoRunsIntoOneFolderDoNotMix) {
+    write(*smallSeries(256), folder / "series.mrc");
+    StartedVrk first({"run", folder / "series.mrc", "-o", folder / "result", "--no-pictures"});
+    for (int i = 0; i < 5000 && !std::filesystem::exists(folder / "result/unfinished/vrk.log"); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    kill(child, SIGINT);
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 1);
-    EXPECT_EQ(filesIn(result), std::set<std::string>{"vrk.log"});
+    const VrkResult second = run();
+    EXPECT_EQ(second.exitCode, 1);
+    EXPECT_NE(second.err.find("is writing into"), std::string::npos) << second.err;
+    first.signal(SIGTERM);
+    EXPECT_EQ(first.wait().exitCode, 143);
 }
 
 TEST(DemoCommandTest, FindsTheTruthAgain) {

@@ -296,11 +296,10 @@ void RunTruthTest::expectConfidence() const {
     if (!other.is_null()) {
         EXPECT_LT(other["evidence"], number("/confidence/evidence"));
     }
-    // The sense that the refinement finds is the side on which reflections seem to lie.
     const bool turned = std::abs(std::remainder(
                             number("/tilt_axis/angle_deg") - truth["tilt_axis_deg"].get<double>(), 360)) > 90;
     EXPECT_TRUE(found["handedness"]["decided"].get<bool>());
-    EXPECT_EQ(number("/handedness/sense"), (turned ? 1 : -1) * truth["handedness"].get<int>());
+    EXPECT_EQ(number("/handedness/sense"), (turned ? -1 : 1) * truth["handedness"].get<int>());
     const double plus = number("/handedness/residual_plus_px");
     const double minus = number("/handedness/residual_minus_px");
     EXPECT_EQ(number("/handedness/sense") > 0, plus < minus);

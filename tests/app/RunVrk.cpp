@@ -1,6 +1,7 @@
 #include "app/RunVrk.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -33,32 +34,48 @@ std::string contents(std::FILE* file) {
 
 }  // namespace
 
-VrkResult runVrk(const std::vector<std::string>& arguments, const std::string& folder) {
+StartedVrk::StartedVrk(const std::vector<std::string>& arguments, const std::string& folder)
+    : m_out(scratchFile()), m_err(scratchFile()), m_folder(folder) {
     std::vector<char*> argv = {const_cast<char*>(VRK_PROGRAM)};
     for (const std::string& argument : arguments)
         argv.push_back(const_cast<char*>(argument.c_str()));
     argv.push_back(nullptr);
-
-    const File out = scratchFile();
-    const File err = scratchFile();
-    const pid_t child = fork();
-    if (child < 0) throw std::runtime_error("cannot fork");
-    if (child == 0) {
+    m_child = fork();
+    if (m_child < 0) throw std::runtime_error("cannot fork");
+    if (m_child == 0) {
         const int input = open("/dev/null", O_RDONLY);
         dup2(input, STDIN_FILENO);
-        dup2(fileno(out.get()), STDOUT_FILENO);
-        dup2(fileno(err.get()), STDERR_FILENO);
+        dup2(fileno(m_out.get()), STDOUT_FILENO);
+        dup2(fileno(m_err.get()), STDERR_FILENO);
         if (chdir(folder.c_str()) == 0) execv(VRK_PROGRAM, argv.data());
         _exit(127);
     }
+}
+
+StartedVrk::~StartedVrk() {
+    if (m_child < 0) return;
+    signal(SIGKILL);
+    waitpid(m_child, nullptr, 0);
+}
+
+void StartedVrk::signal(int number) const {
+    kill(m_child, number);
+}
+
+VrkResult StartedVrk::wait() {
     int status = 0;
-    if (waitpid(child, &status, 0) != child) throw std::runtime_error("lost the program");
+    if (waitpid(m_child, &status, 0) != m_child) throw std::runtime_error("lost the program");
+    m_child = -1;
     VrkResult result;
     result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    if (result.exitCode == 127) throw std::runtime_error("cannot start " VRK_PROGRAM " in " + folder);
-    result.out = contents(out.get());
-    result.err = contents(err.get());
+    if (result.exitCode == 127) throw std::runtime_error("cannot start " VRK_PROGRAM " in " + m_folder);
+    result.out = contents(m_out.get());
+    result.err = contents(m_err.get());
     return result;
+}
+
+VrkResult runVrk(const std::vector<std::string>& arguments, const std::string& folder) {
+    return StartedVrk(arguments, folder).wait();
 }
 
 std::vector<std::string> words(const std::string& text) {

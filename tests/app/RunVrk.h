@@ -2,6 +2,10 @@
 /// Runs the built vrk as a user would.
 #pragma once
 
+#include <sys/types.h>
+
+#include <cstdio>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -14,6 +18,27 @@ struct VrkResult {
 /// Runs `vrk arguments...` in the given folder and waits for it. Arguments reach the program as they are,
 /// no shell is involved. Throws std::runtime_error when the program cannot be started.
 VrkResult runVrk(const std::vector<std::string>& arguments, const std::string& folder = ".");
+
+/// A vrk that runs beside the test.
+class StartedVrk {
+public:
+    explicit StartedVrk(const std::vector<std::string>& arguments, const std::string& folder = ".");
+    /// Kills it where wait() was not called.
+    ~StartedVrk();
+    StartedVrk(const StartedVrk&) = delete;
+    StartedVrk& operator=(const StartedVrk&) = delete;
+
+    void signal(int number) const;
+    VrkResult wait();
+
+private:
+    using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
+
+    File m_out;
+    File m_err;
+    std::string m_folder;
+    pid_t m_child = -1;
+};
 
 /// The words of a text.
 std::vector<std::string> words(const std::string& text);

@@ -118,7 +118,7 @@ TEST_F(SectionsCommand, RefusesWhatItCannotDraw) {
          2,
          "\"hkl\" is no plane"},
         {{"sections", "volume.mrc", "cell.txt", "-o", "out", "--size", "0"}, 2, "--size"},
-        {{"sections", "volume.mrc", "cell.txt"}, 2, "output"},
+        {{"sections", "volume.mrc", "cell.txt"}, 2, "needs -o FOLDER"},
         {{"sections", "series.mrc", "cell.txt", "-o", "out"}, 1, "holds a tilt series"},
         {{"sections", "volume.mrc", "none.txt", "-o", "out"}, 1, "none.txt"},
         {{"sections", "volume.mrc", "flat.txt", "-o", "out"}, 1, "flat.txt"},

@@ -1,0 +1,18 @@
+# Writes the manual pages of PROGRAM, one for it and one for each command, into FOLDER.
+cmake_minimum_required(VERSION 3.25)
+function(write_page name)
+  execute_process(COMMAND "${PROGRAM}" help --man ${ARGN} OUTPUT_VARIABLE page RESULT_VARIABLE result)
+  if(NOT result EQUAL 0)
+    message(FATAL_ERROR "${PROGRAM} help --man ${ARGN} ended with ${result}")
+  endif()
+  file(WRITE "${FOLDER}/${name}.1" "${page}")
+  set(page "${page}" PARENT_SCOPE)
+endfunction()
+
+write_page(vrk)
+string(REGEX MATCHALL "\n\\.BR vrk[^ \n]* " commands "${page}")
+foreach(command IN LISTS commands)
+  string(REGEX REPLACE "\n\\.BR vrk.-([^ ]*) " "\\1" command "${command}")
+  string(REPLACE "\\-" "-" command "${command}")
+  write_page(vrk-${command} ${command})
+endforeach()

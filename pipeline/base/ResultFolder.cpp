@@ -1,0 +1,169 @@
+#include "pipeline/base/ResultFolder.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <system_error>
+#include <utility>
+
+#include "pipeline/base/Failure.h"
+#include "pipeline/base/OutputFile.h"
+
+namespace vrk {
+namespace {
+
+/// The summary of the run that is being replaced, while it is.
+constexpr const char* kReplaced = "replaced.json";
+
+/// Results of runs whose summary does not name its files.
+constexpr std::array kUsualResults = {"axis",
+                                      "cell-report.json",
+                                      "cell-report.txt",
+                                      "cell.txt",
+                                      "centres.png",
+                                      "centres.txt",
+                                      "crystal.ins",
+                                      "difference_vectors.png",
+                                      "hk0.png",
+                                      "h0l.png",
+                                      "0kl.png",
+                                      "peaks.txt",
+                                      "projection_x.png",
+                                      "projection_y.png",
+                                      "projection_z.png",
+                                      "reflections.hkl",
+                                      "vrk.log"};
+
+/// A name from a file must not lead out of the folder.
+bool isPlainName(const std::string& name) {
+    return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
+}
+
+void replace(const std::filesystem::path& from, const std::filesystem::path& to) {
+    std::error_code error;
+    // A folder is not renamed onto one that holds something.
+    if (std::filesystem::is_directory(to, error)) std::filesystem::remove_all(to, error);
+    std::filesystem::rename(from, to, error);
+    if (error) throw Failure("cannot write " + to.string() + ": " + error.message());
+}
+
+}  // namespace
+
+ResultFolder::ResultFolder(std::filesystem::path folder)
+    : m_folder(std::move(folder)), m_unfinished(m_folder / kUnfinished), m_lockFile(m_folder / ".vrk-lock") {
+    makeFolder(m_folder);
+    lock();
+    std::error_code ignored;
+    // A run that was killed while its results took their places left some of them, and some of the earlier.
+    if (!std::filesystem::exists(m_folder / kSummary, ignored))
+        for (const char* summary : {kSummary, kReplaced})
+            for (const std::string& name : resultsOf(m_unfinished / summary))
+                std::filesystem::remove_all(m_folder / name, ignored);
+    std::filesystem::remove_all(m_unfinished, ignored);
+    makeFolder(m_unfinished);
+}
+
+ResultFolder::~ResultFolder() {
+    std::error_code ignored;
+    if (std::filesystem::is_empty(m_unfinished, ignored)) std::filesystem::remove(m_unfinished, ignored);
+    if (m_lock < 0) return;
+    std::filesystem::remove(m_lockFile, ignored);
+    close(m_lock);
+}
+
+void ResultFolder::lock() {
+    // A file that its owner removed between opening and locking locks nothing: once more then.
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        m_lock = open(m_lockFile.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+        if (m_lock < 0)
+            throw Failure("cannot write into the folder " + m_folder.string() + ": " + std::strerror(errno));
+        if (flock(m_lock, LOCK_EX | LOCK_NB) != 0) {
+            const bool isTaken = errno == EWOULDBLOCK;
+            close(m_lock);
+            m_lock = -1;
+            // File systems without locks are written to without one.
+            if (!isTaken) return;
+            std::string process;
+            std::ifstream(m_lockFile) >> process;
+            throw Failure("another run" + (process.empty() ? "" : " (process " + process + ")") +
+                          " is writing into " + m_folder.string() +
+                          "; wait for it, or name another folder with -o");
+        }
+        struct stat mine = {}, there = {};
+        if (fstat(m_lock, &mine) == 0 && stat(m_lockFile.c_str(), &there) == 0 &&
+            mine.st_ino == there.st_ino) {
+            std::ofstream(m_lockFile) << getpid() << '\n';
+            return;
+        }
+        close(m_lock);
+        m_lock = -1;
+    }
+}
+
+std::vector<std::string> ResultFolder::written() const {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(m_unfinished))
+        names.push_back(entry.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+/// The names of the results, but the summary itself, that a summary speaks of and that are in the folder.
+std::vector<std::string> ResultFolder::resultsOf(const std::filesystem::path& summaryFile) const {
+    std::error_code error;
+    if (!std::filesystem::exists(summaryFile, error)) return {};
+    std::vector<std::string> names;
+    const nlohmann::json summary = nlohmann::json::parse(std::ifstream(summaryFile), nullptr, false);
+    if (summary.is_object() && summary.contains("files") && summary["files"].is_array()) {
+        for (const nlohmann::json& name : summary["files"])
+            if (name.is_string()) names.push_back(name.get<std::string>());
+    } else {
+        names.assign(kUsualResults.begin(), kUsualResults.end());
+    }
+    std::erase_if(names, [&](const std::string& name) {
+        return !isPlainName(name) || name == kSummary || name == kUnfinished || name == kEarlier ||
+               !std::filesystem::exists(m_folder / name, error);
+    });
+    return names;
+}
+
+void ResultFolder::commit() {
+    const std::filesystem::path summary = m_folder / kSummary;
+    const std::filesystem::path replaced = m_unfinished / kReplaced;
+    const std::vector<std::string> names = written();
+    std::error_code error;
+    // The summary goes first, so that no mixture of both runs has one at any moment.
+    if (std::filesystem::exists(summary, error)) replace(summary, replaced);
+    for (const std::string& name : resultsOf(replaced)) {
+        std::filesystem::remove_all(m_folder / name, error);
+        if (error) throw Failure("cannot replace " + (m_folder / name).string() + ": " + error.message());
+    }
+    for (const std::string& name : names)
+        if (name != kSummary) replace(m_unfinished / name, m_folder / name);
+    if (std::filesystem::exists(m_unfinished / kSummary, error)) replace(m_unfinished / kSummary, summary);
+    std::filesystem::remove(replaced, error);
+}
+
+bool ResultFolder::setEarlierAside() {
+    const std::filesystem::path summary = m_folder / kSummary;
+    std::error_code error;
+    if (!std::filesystem::exists(summary, error)) return false;
+    const std::filesystem::path aside = m_folder / kEarlier;
+    const std::vector<std::string> names = resultsOf(summary);
+    std::filesystem::remove_all(aside, error);
+    makeFolder(aside);
+    replace(summary, aside / kSummary);
+    for (const std::string& name : names)
+        replace(m_folder / name, aside / name);
+    return true;
+}
+
+}  // namespace vrk

@@ -1,0 +1,206 @@
+// What vrk says to those who ask it the wrong way, and how it ends.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "app/RunVrk.h"
+#include "foundation/Version.h"
+#include "support/TemporaryFolder.h"
+
+namespace {
+
+struct Case {
+    const char* line;
+    int exitCode;
+    const char* message;  ///< stands on the standard error stream
+};
+
+struct Group {
+    const char* name;
+    std::vector<Case> cases;
+
+    friend void PrintTo(const Group& group, std::ostream* out) { *out << group.name; }
+};
+
+/// Every command line is wrong in one way; the message blames that and nothing else.
+const std::vector<Group> kGroups = {
+    {"commands_and_options",
+     {
+         {"", 2, "Usage: vrk COMMAND"},
+         {"rum", 2, "there is no command 'rum'; did you mean run?"},
+         {"help rum", 2, "did you mean run?"},
+         {"tilt_axis series.mrc", 2, "did you mean tilt-axis?"},
+         {"frobnicate", 2, "there is no command 'frobnicate'\n"},
+         {"--json run series.mrc", 2, "no option --json before a command"},
+         {"run series.mrc -o r --thresh 5", 2, "run has no option --thresh; did you mean --threshold?"},
+         {"run --thresh 5 series.mrc -o r", 2, "run has no option --thresh; did you mean --threshold?"},
+         {"run series.mrc -o r --tilt_axis 5", 2, "no option --tilt_axis; did you mean --tilt-axis?"},
+         {"run series.mrc -o r -tilt-axis 5", 2, "no option -tilt-axis; did you mean --tilt-axis?"},
+         {"run series.mrc -o r --min 5", 2, "did you mean --min-voxels, --min-length or --min-points?"},
+         {"run series.mrc -o r --Voltage=200", 2, "no option --Voltage; did you mean --voltage?"},
+         {"run --what", 2, "run has no option --what\n"},
+         {"run", 2, "run needs SERIES.mrc and -o FOLDER"},
+         {"run series.mrc", 2, "run needs -o FOLDER"},
+         {"import -o x.mrc", 2, "import needs FRAMES"},
+         {"run series.mrc -o r more.mrc", 2, "'more.mrc' is one argument more than run takes"},
+     }},
+    {"values",
+     {
+         {"run series.mrc -o r --threshold", 2, "--threshold needs a value: NUMBER"},
+         {"run series.mrc -o r --threshold high", 2, "--threshold: high is not a number from"},
+         {"run series.mrc -o r --voltage 0", 2, "--voltage: 0 is not a number above 0"},
+         {"run series.mrc -o r --jobs 0", 2, "--jobs: 0 is not a number from 1 to 256"},
+         {"run series.mrc -o r --mode stepwize", 2, "did you mean stepwise?"},
+         {"run series.mrc -o r --tilt-axis left", 2, "'search' or 'none', not 'left'"},
+         {"run series.mrc -o r --centre 5", 2, "X,Y in pixels"},
+         {"run series.mrc -o r --formula Xx2", 2, "\"Xx\""},
+         {"run series.mrc -o r --log-level loud", 2, "'loud' is none of error, warning, info, debug"},
+         {"import series.mrc -o x.mrc --sum two", 2, "--sum: 'two' is not a number"},
+         {"preprocess series.mrc -o x.mrc --rotate left", 2, "'header', not 'left'"},
+         {"sections volume.mrc cell.txt -o pics --plane xyz", 2, "xyz"},
+         {"cell-info 1 2 3", 2, "not 3 values"},
+         {"cell-info 5 5 5 1.5 1.5 1.5", 2, "look like radians"},
+         {"completion fish", 2, "'fish' is none of bash, zsh"},
+     }},
+    {"files_that_are_something_else",
+     {
+         {"run none.mrc -o r", 1, "none.mrc cannot be opened for reading (No such file or directory)"},
+         {"run frames -o r", 1, "frames is a folder; name a file in it, or make a series"},
+         {"run frame.img -o r", 1,
+          "frame.img is an SMV file as microscopes write it, not a series; 'vrk import'"},
+         {"info frame.img", 1, "an SMV file as microscopes write it"},
+         {"run series.mrc.gz -o r", 1, "is an MRC file that is packed"},
+         {"run picture.png -o r", 1, "picture.png is a PNG picture"},
+         {"run peaks.txt -o r", 1, "peaks.txt is a peak file, not an MRC file; 'vrk cell'"},
+         {"run notes.txt -o r", 1, "notes.txt is a text, not an MRC file"},
+         {"run volume.mrc -o r", 1, "volume.mrc holds no tilt series"},
+         {"peaks series.mrc -o p.txt", 1, "not a volume; run 'vrk reconstruct'"},
+         {"reconstruct volume.mrc -o v.mrc", 1, "holds no tilt series"},
+         {"cell volume.mrc -o c.txt", 1, "an MRC file, not a list of peaks; 'vrk peaks'"},
+         {"cell cell.txt -o c.txt", 1, "is a cell file, not a list of peaks"},
+         {"index cell.txt peaks.txt -o x.hkl", 1,
+          "a cell file, not a list of peaks; are the two names swapped?"},
+         {"index peaks.txt peaks.txt", 1, "a peak file, not a cell file"},
+         {"sections cell.txt volume.mrc -o pics", 1, "is a cell file, not an MRC file"},
+         {"sections volume.mrc peaks.txt -o pics", 1, "is a peak file, not a cell file"},
+         {"cell-info none.txt", 1, "none.txt cannot be opened"},
+         {"cell-info notes.txt", 1, "cannot read a cell from notes.txt"},
+         {"run ser\xff\xc3\xb6.mrc -o r", 1, "ser\xff\xc3\xb6.mrc cannot be opened"},
+         {"info ser\xff\xc3\xb6.mrc", 1, "ser\xff\xc3\xb6.mrc cannot be opened"},
+     }},
+    {"places_to_write_and_nothing_found",
+     {
+         {"run series.mrc -o series.mrc", 1, "cannot make the folder series.mrc"},
+         {"preprocess series.mrc -o none/x.mrc", 1, "the folder none does not exist"},
+         {"preprocess series.mrc -o series.mrc", 2, "would replace the series"},
+         {"import series.mrc -o series.mrc", 2, "would replace"},
+         {"peaks volume.mrc -o volume.mrc", 2, "would replace the volume"},
+         {"peaks volume.mrc -o p.txt --threshold 32000", 3, "try --threshold"},
+         {"cell few.txt -o c.txt", 3, "too few for a cell"},
+     }},
+};
+
+class MessagesTest : public testing::TestWithParam<Group> {
+protected:
+    static void SetUpTestSuite() {
+        folder = std::make_unique<TemporaryFolder>();
+        for (const char* line :
+             {"simulate -o series.mrc --cell 5,6,7,90,90,90 --size 64 --dmin 2 --tilts -30:30:3",
+              "preprocess series.mrc -o clean.mrc", "reconstruct clean.mrc -o volume.mrc"})
+            ASSERT_EQ(runVrkLine(line, *folder / ".").exitCode, 0) << line;
+        folder->write("few.txt", "1 2 3\n4 5 6\n7 8 10\n");
+        folder->write("notes.txt", "what to do tomorrow\n");
+        folder->write("picture.png", "\x89PNG\r\n\x1a\n and more");
+        folder->write("peaks.txt",
+                      "#VRKPEAKSVERSION 2\n# n\n9 9 9 0 0\n# p\n1e8 0 0\n# N\n1\n# x\n1 2 3 4\n");
+        folder->write("cell.txt", "#VRKCELLVERSION 2\n");
+        folder->write("frame.img", "{\nHEADER_BYTES=512;\nSIZE1=4;\nSIZE2=4;\nTYPE=unsigned_short;\n}\n");
+        std::filesystem::create_directory(*folder / "frames");
+        const std::string pack =
+            "gzip -c '" + (*folder / "series.mrc") + "' > '" + (*folder / "series.mrc.gz'");
+        ASSERT_EQ(std::system(pack.c_str()), 0);
+    }
+    static void TearDownTestSuite() { folder.reset(); }
+
+    static std::unique_ptr<TemporaryFolder> folder;
+};
+
+std::unique_ptr<TemporaryFolder> MessagesTest::folder;
+
+TEST_P(MessagesTest, BlameOneThingAndNameTheWayOut) {
+    std::vector<std::unique_ptr<StartedVrk>> started;
+    for (std::size_t i = 0; i < GetParam().cases.size(); ++i) {
+        // A few at a time: a program spends most of this test on being loaded.
+        constexpr std::size_t together = 4;
+        for (; started.size() < std::min(i + together, GetParam().cases.size());)
+            started.push_back(
+                std::make_unique<StartedVrk>(words(GetParam().cases[started.size()].line), *folder / "."));
+        const Case& one = GetParam().cases[i];
+        SCOPED_TRACE(one.line);
+        const VrkResult result = started[i]->wait();
+        EXPECT_EQ(result.exitCode, one.exitCode);
+        EXPECT_NE(result.err.find(one.message), std::string::npos) << result.err;
+        EXPECT_EQ(result.out, "");
+        // The library's own words do not stand beside the message.
+        std::istringstream lines(result.err);
+        int messages = 0;
+        for (std::string line; std::getline(lines, line);)
+            messages += line.starts_with("vrk: ") ? 1 : 0;
+        EXPECT_EQ(messages, 1) << result.err;
+    }
+    EXPECT_FALSE(std::filesystem::exists(*folder / "r/summary.json"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Vrk, MessagesTest, testing::ValuesIn(kGroups),
+                         [](const auto& group) { return group.param.name; });
+
+TEST(Main, VersionAndHelpGoToTheStandardOutputAlone) {
+    for (const char* line : {"-v", "-V", "--version"}) {
+        const VrkResult result = runVrkLine(line);
+        EXPECT_EQ(result.exitCode, 0);
+        EXPECT_EQ(result.out, std::string("vrk ") + VRK::kVersion + "\n");
+        EXPECT_EQ(result.err, "");
+    }
+    const VrkResult asked = runVrkLine("run --help");
+    EXPECT_EQ(asked.exitCode, 0);
+    EXPECT_EQ(asked.out.rfind("Find the unit cell", 0), 0U);
+    EXPECT_EQ(runVrkLine("help run").out, asked.out);
+    EXPECT_EQ(runVrkLine("help").out, runVrkLine("--help").out);
+}
+
+TEST(Main, HelpFitsTheWindowAndHoldsAllWords) {
+    const auto wordsOf = [](const std::string& text) {
+        std::multiset<std::string> all;
+        for (const std::string& word : words(text))
+            if (word != "\\" && word != "#") all.insert(word);
+        return all;
+    };
+    for (const std::string command : {"run", "import", ""}) {
+        setenv("COLUMNS", "100", 1);
+        const std::string wide = runVrkLine("help " + command).out;
+        for (const int columns : {30, 80, 300}) {
+            setenv("COLUMNS", std::to_string(columns).c_str(), 1);
+            const std::string text = runVrkLine("help " + command).out;
+            EXPECT_EQ(wordsOf(text), wordsOf(wide));
+            std::istringstream lines(text);
+            for (std::string line; std::getline(lines, line);) {
+                const bool oneWord = words(line).size() == 1;
+                EXPECT_TRUE(line.size() <= static_cast<std::size_t>(std::min(columns, 100)) || oneWord)
+                    << columns << ": " << line;
+            }
+        }
+        unsetenv("COLUMNS");
+        const std::string page = runVrkLine("help --man " + command).out;
+        EXPECT_EQ(page.rfind(".TH VRK", 0), 0U);
+        EXPECT_NE(page.find("\n.SH SYNOPSIS\n"), std::string::npos);
+    }
+}
+
+}  // namespace
