@@ -4,6 +4,7 @@
 
 #include <optional>
 
+#include "pipeline/run/FurtherCrystals.h"
 #include "pipeline/run/Indexing.h"
 #include "pipeline/run/Intensities.h"
 #include "pipeline/run/LatticeChoice.h"
@@ -24,6 +25,7 @@ struct RunResult {
     LatticeChoice lattice;    ///< as found, relative to the centre of the volume
     Indexed indexed;
     std::optional<Intensities> intensities;  ///< measured on the frames, where wanted and possible
+    Crystals crystals;                       ///< the others
     RunSeconds seconds;
 
     const SeriesFacts& facts() const { return volume.facts; }
