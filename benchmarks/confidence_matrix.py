@@ -161,7 +161,8 @@ class Case:
             primitive = json.loads(made.stdout)["cell"]["primitive"]
             truth = [primitive[key] for key in ("a", "b", "c", "alpha", "beta", "gamma")]
             try:
-                done = subprocess.run([vrk, "run", series, "-o", folder / "out", "--no-pictures", "--json"],
+                done = subprocess.run([vrk, "run", series, "-o", folder / "out", "--no-pictures", "--no-integration",
+                                       "--json"],
                                       stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, timeout=900)
             except subprocess.TimeoutExpired:
                 return "failed", False, "longer than 900 s"
@@ -190,6 +191,16 @@ def print_table(results):
         print(f"{kind:16} {len(rows):5} {sum(row[1][1] for row in rows):5}   "
               + "   ".join(f"{share:>11}" for share in shares)
               + "".join(f"   {sum(row[1][0] == level for row in rows):4}" for level in ("none", "failed")))
+
+
+def print_crystals(results):
+    """How often a second crystal was reported."""
+    for title, is_meant in (("two crystals, both reported", lambda kind: kind == "two crystals"),
+                            ("one crystal, a second one reported",
+                             lambda kind: kind not in ("two crystals", "noise only"))):
+        rows = [case.summary for case, _ in results if is_meant(case.kind) and case.summary]
+        if rows:
+            print(f"{title}: {sum(len(row.get('crystals', [])) > 1 for row in rows)} of {len(rows)}")
 
 
 def print_levels(results):
@@ -238,6 +249,8 @@ def main():
             if (misleading and level == "high") or level == "failed":
                 print("      vrk simulate -o series.mrc", shlex.join(case.simulation()), flush=True)
     print_table(results)
+    print()
+    print_crystals(results)
     return 0 if print_levels(results) else 1
 
 

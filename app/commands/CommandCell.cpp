@@ -50,11 +50,10 @@ std::optional<double> mergeDistanceOf(const std::string& text) {
     return distance;
 }
 
-void writeCell(const Options& options, const PeakCell& result, Host& host) {
-    OutputFile file(options.output);
-    UnitCell cell(result.reciprocal);
+void writeCell(const std::filesystem::path& path, UnitCell cell, Host& host) {
+    OutputFile file(path);
     if (!CellFileImportExport::writeCellFile_version_2(file.path().string(), &cell))
-        throw Failure("cannot write " + options.output + ": " + host.session().lastError());
+        throw Failure("cannot write " + path.string() + ": " + host.session().lastError());
     file.commit();
 }
 
@@ -65,6 +64,35 @@ Json toJson(const CellParameters& p) {
 CellParameters parametersOf(const UnitCell& cell) {
     return {cell.getLengthOfA(), cell.getLengthOfB(), cell.getLengthOfC(),
             cell.getAlpha(),     cell.getBeta(),      cell.getGamma()};
+}
+
+/// The cell of a further crystal; in 1/voxel where there is no scale.
+CellParameters directCell(const UnitCell& reciprocal) {
+    return parametersOf(*std::unique_ptr<UnitCell>(reciprocal.getReciprocalCell()));
+}
+
+Json toJson(const FurtherPeakCell& other, bool hasScale) {
+    Json json = {{"bravais", LATTICE::shortName(other.symmetry.bravaisType)},
+                 {"cell", nullptr},
+                 {"share", other.share},
+                 {"confidence", nameOf(other.verdict.level)},
+                 {"reasons", other.verdict.reasons},
+                 {"same_cell", other.found.sameCell},
+                 {"turn_deg", nullptr}};
+    if (hasScale) json["cell"] = toJson(directCell(other.reciprocal));
+    if (other.turn) json["turn_deg"] = *other.turn;
+    std::array<std::array<double, 3>, 3> vectors{};
+    UnitCell(other.reciprocal).getBase(vectors[0].data(), vectors[1].data(), vectors[2].data());
+    json["reciprocal_vectors_px"] = vectors;
+    return json;
+}
+
+/// cell.txt becomes cell.crystal2.txt for the second crystal.
+std::filesystem::path nameOfCrystal(const std::filesystem::path& output, std::size_t number) {
+    std::filesystem::path name = output.stem();
+    name += ".crystal" + std::to_string(number);
+    name += output.extension();
+    return output.parent_path() / name;
 }
 
 /// The options that lead to the same answer; empty when no one set of them does.
@@ -124,6 +152,9 @@ Json toJson(const Options& options, const PeakCell& result) {
                           {"evidence", result.answer.score.evidence},
                           {"fraction_by_chance", result.answer.score.chance},
                           {"runner_up_evidence", result.rivalEvidence}};
+    json["crystals"] = Json::array();
+    for (const FurtherPeakCell& other : result.others)
+        json["crystals"].push_back(toJson(other, result.hasScale()));
     json["search"] = options.search.cell.isGiven() ? "parameters" : "automatic";
     json["parameters"] = cellSettings(result.parameter, options.search.cell.clustering);
     json["command"] = reproducingOptions(options, result);
@@ -135,6 +166,16 @@ std::string cellText(const CellParameters& p, const char* edge) {
     for (const double length : {p.a, p.b, p.c})
         text += formatted(edge, length);
     return text + formatted(" %8.3f %8.3f %8.3f", p.alpha, p.beta, p.gamma);
+}
+
+void report(std::ostream& out, const FurtherPeakCell& other, std::size_t number, bool hasScale) {
+    const std::string cell = hasScale ? cellText(directCell(other.reciprocal), " %9.4f")
+                                      : cellText(parametersOf(other.reciprocal), " %9.4f");
+    out << formatted("%-19s", ("crystal " + std::to_string(number) + (hasScale ? ", A" : ", voxels")).c_str())
+        << cell << '\n'
+        << formatted("                    %.1f %% of the reflections, %s, confidence %s", 100.0 * other.share,
+                     LATTICE::shortName(other.symmetry.bravaisType), nameOf(other.verdict.level))
+        << (other.turn ? formatted(", turned by %.1f degrees", *other.turn) : "") << '\n';
 }
 
 void report(std::ostream& out, const Options& options, const PeakCell& result) {
@@ -161,6 +202,8 @@ void report(std::ostream& out, const Options& options, const PeakCell& result) {
         << "confidence          " << nameOf(verdict.level) << '\n';
     for (const std::string& reason : verdict.reasons)
         out << "  because           " << reason << '\n';
+    for (std::size_t i = 0; i < result.others.size(); ++i)
+        report(out, result.others[i], i + 2, result.hasScale());
     const std::string parameters = reproducingOptions(options, result);
     if (result.mergeDistance > 0.0)
         out << formatted("merged              %zu peaks to %zu reflections, within %g voxels\n", result.peaks,
@@ -201,7 +244,9 @@ void run(const Options& options, Host& host) {
         const CellEvaluation evidence = evaluate(result, search, host.session());
         if (!options.report.empty()) writeEvaluation(evidence, options.report);
     }
-    writeCell(options, result, host);
+    writeCell(options.output, result.reciprocal, host);
+    for (std::size_t i = 0; i < result.others.size(); ++i)
+        writeCell(nameOfCrystal(options.output, i + 2), result.others[i].reciprocal, host);
     if (options.json)
         host.out() << jsonText(toJson(options, result), 1) << '\n';
     else
@@ -226,6 +271,11 @@ void addCellCommand(CommandLine& line, Host& host) {
                 "Peaks this many voxels apart are one reflection that several frames show; auto: found "
                 "where the list looks like that; none [auto]")
         .typeName("auto|none|VOXELS");
+    command
+        .option("--crystals", options->search.crystals,
+                "Crystals that are looked for at most, where over a tenth of the reflections lies on none; "
+                "cell files of others are named as the first, with .crystal2 in the name")
+        .range(1, 9);
     command
         .option("--report", options->report,
                 "Write what the cell rests on here, and as JSON beside it: clusters, choice, reduction, "

@@ -167,6 +167,10 @@ void addRunCommand(CommandLine& line, Host& host) {
         .group(intensities);
     command.option("--formula", options->formula, "Formula unit for crystal.ins, as \"Ca3 Al2 Si3 O12\"")
         .group(intensities);
+    command
+        .option("--crystals", options->run.crystals,
+                "Crystals that are looked for at most, where over a tenth of the reflections lies on none")
+        .range(1, 9);
     command.option("--jobs", options->run.axis.jobs, "Processes for the axis search").range(1, 256);
     command.flag("--keep-volume", options->keepVolume, "Keep the reciprocal volume as volume.mrc");
     command.flag("!--no-pictures", options->pictures, "Draw no pictures");

@@ -207,6 +207,11 @@ void addCrystalOptions(Command& command, Options& options) {
               "Standard deviation of ln(intensity), drawn for each of two opposite spots");
     group.add("--second-crystal", settings.secondCrystal,
               "Intensity of a second crystal in random orientation, relative to the first");
+    group.addFree("--second-turn", settings.secondTurn,
+                  "Degrees that the second crystal is turned from the first, about a random axis [random]");
+    group.addNumbers<6>("--second-cell", "A,B,C,ALPHA,BETA,GAMMA",
+                        "Primitive cell of the second crystal [that of the first]",
+                        [&settings](const std::array<double, 6>& cell) { settings.secondCell = cell; });
     group.add("--handedness", settings.handedness, "Side of the Ewald sphere, 1 or -1");
 }
 

@@ -123,6 +123,25 @@ void printIntensities(std::ostream& out, const Intensities& intensities) {
     out << "symmetry      " << symmetryText(reduction) << '\n';
 }
 
+/// A line for each crystal where there are several.
+void printCrystals(std::ostream& out, const RunResult& result) {
+    if (result.crystals.others.empty()) return;
+    const auto print = [&](std::size_t number, const Indexed& indexed, double share,
+                           const std::string& turn) {
+        const std::array<double, 6>& c = indexed.conventional.cell;
+        out << formatted("%-14s%zu: %3.0f %% of the strong reflections, %s", number == 1 ? "crystals" : "",
+                         number, 100.0 * share, LATTICE::shortName(indexed.symmetry().bravaisType))
+            << formatted("  %.3f  %.3f  %.3f  %.2f  %.2f  %.2f", c[0], c[1], c[2], c[3], c[4], c[5])
+            << ", confidence " << nameOf(indexed.verdict.level) << turn << '\n';
+    };
+    print(1, result.indexed, result.crystals.firstShare, "");
+    for (std::size_t i = 0; i < result.crystals.others.size(); ++i) {
+        const FurtherCrystal& other = result.crystals.others[i];
+        print(i + 2, other.indexed, other.strongShare,
+              other.turn ? formatted(", turned by %.1f degrees", *other.turn) : "");
+    }
+}
+
 }  // namespace
 
 void printSummary(std::ostream& out, const RunResult& result) {
@@ -170,6 +189,7 @@ void printSummary(std::ostream& out, const RunResult& result) {
     if (facts.instrument) out << "known         " << knownText(*facts.instrument) << '\n';
     if (const std::string text = instrumentText(indexed.instrument, result.axis.angle); !text.empty())
         out << "instrument    " << text << '\n';
+    printCrystals(out, result);
     out << "handedness    " << handednessText(indexed.refined) << '\n';
     if (result.intensities) printIntensities(out, *result.intensities);
     const CellSearchTrial& trial = result.lattice.best.trial;

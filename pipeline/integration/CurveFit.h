@@ -19,7 +19,8 @@ enum ReflectionFlag : std::uint8_t {
     kReflectionMasked = 8,     ///< pixels without measurement in it; the profile completes it
     kReflectionOverlapped = 16,  ///< shares pixels with another one
     kReflectionOutlier = 32,     ///< disagrees with its equivalents
-    kReflectionUnfitted = 64     ///< no intensity
+    kReflectionUnfitted = 64,    ///< no intensity
+    kReflectionShared = 128      ///< a spot of another crystal covers it
 };
 inline constexpr double kCutCoverage = 0.7;
 

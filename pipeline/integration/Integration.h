@@ -62,10 +62,10 @@ struct IntegratedReflection {
     double coverage = 0;           ///< share of its curve that was recorded
     double curveChi = 0;  ///< root mean square deviation of the frames from the curve, standard deviations
     std::uint32_t predicted = 0;  ///< in IntegrationResult::prediction
-    /// An intensity that can be used: fitted, not blind, not saturated, no outlier.
+    /// An intensity that can be used: fitted, not blind, not saturated, no outlier, of one crystal.
     bool good() const {
         return sigma > 0 && (flags & (kReflectionBlind | kReflectionSaturated | kReflectionOutlier |
-                                      kReflectionUnfitted)) == 0;
+                                      kReflectionUnfitted | kReflectionShared)) == 0;
     }
 };
 

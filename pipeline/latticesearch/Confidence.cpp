@@ -16,6 +16,14 @@ constexpr double kRival = 0.9;
 /// patterns; 40 degrees of tilt have it.
 constexpr double kThin = 0.2;
 
+/// Residuals above both are those of a lattice that does not fit: reflections at random places that are
+/// indexed with a tolerance of a quarter have a quarter of the edge.
+constexpr double kLargeResidual = 1.5;  // voxels
+constexpr double kLargeShare = 0.12;
+/// Lenses stretch by one or two percent; stages turn by what they say.
+constexpr double kMostEllipse = 0.025;
+constexpr double kMostTiltScale = 0.05;
+
 /// What one level of confidence asks for.
 struct Demands {
     double evidence;
@@ -23,9 +31,12 @@ struct Demands {
     double indexedShare;  ///< of all reflections
     double bestShell;     ///< completeness of the most complete shell
     double evenness;
+    double edgeUncertainty;  ///< at most
 };
-constexpr Demands kHigh{300.0, 0.6, 0.8, 0.45, 0.55};
-constexpr Demands kFair{120.0, 0.4, 0.5, 0.25, 0.2};
+constexpr Demands kHigh{300.0, 0.6, 0.8, 0.45, 0.55, 0.002};
+constexpr Demands kFair{120.0, 0.4, 0.5, 0.25, 0.2, 0.002};
+/// So many doubts at once, none of which decides alone, leave little.
+constexpr std::size_t kManyDoubts = 3;
 
 std::string percent(double share) {
     return std::to_string(std::lround(100.0 * share)) + " %";
@@ -35,10 +46,20 @@ std::vector<std::string> shortcomings(const LatticeEvidence& known, const Demand
     std::vector<std::string> reasons;
     const LatticeScore& score = known.score;
     if (score.evidence < demands.evidence) reasons.push_back("few reflections support it");
-    if (known.indexedShare.value_or(1.0) < demands.indexedShare)
-        reasons.push_back("only " + percent(*known.indexedShare) + " of the reflections are indexed");
-    else if (score.fraction() < demands.fraction)
-        reasons.push_back("only " + percent(score.fraction()) + " of the reflections lie near its nodes");
+    // Of what does not belong to other crystals.
+    const double own = std::max(1.0 - known.elsewhere, 1e-9);
+    const double indexed = std::min(known.indexedShare.value_or(1.0) / own, 1.0);
+    const double near = std::min(score.fraction() / own, 1.0);
+    if (indexed < demands.indexedShare)
+        reasons.push_back("only " + percent(indexed) + " of the reflections are indexed");
+    else if (near < demands.fraction)
+        reasons.push_back("only " + percent(near) + " of the reflections lie near its nodes");
+    // Reflections of other crystals that are indexed by chance lie far off.
+    if (known.elsewhere == 0.0 && known.residual.value_or(0.0) > kLargeResidual &&
+        known.relativeResidual.value_or(0.0) > kLargeShare)
+        reasons.push_back("the reflections lie far off its nodes, as with wrong tilts or a wrong axis");
+    if (known.edgeUncertainty.value_or(0.0) > demands.edgeUncertainty)
+        reasons.push_back("too few reflections, or too scattered ones, determine its edges");
     if (!known.completeness) return reasons;
     const Completeness& nodes = *known.completeness;
     if (nodes.bestShell() < demands.bestShell)
@@ -84,14 +105,21 @@ Verdict verdictOn(const LatticeEvidence& known) {
     verdict.level = Confidence::Fair;
     verdict.reasons = shortcomings(known, kHigh);
     if (known.rivalEvidence > kRival * known.score.evidence)
-        verdict.reasons.push_back("another lattice has " +
-                                  percent(known.rivalEvidence / known.score.evidence) + " of its evidence");
+        verdict.reasons.push_back("another lattice" + (known.rival.empty() ? "" : " (" + known.rival + ")") +
+                                  " has " + percent(known.rivalEvidence / known.score.evidence) +
+                                  " of its evidence");
+    if (known.ellipse > kMostEllipse)
+        verdict.reasons.push_back("the frames would have to be distorted by " + percent(known.ellipse));
+    if (std::abs(known.tiltScale) > kMostTiltScale)
+        verdict.reasons.push_back("the tilts would have to be " + percent(std::abs(known.tiltScale)) +
+                                  (known.tiltScale > 0.0 ? " larger" : " smaller") + " than stated");
     if (known.axisAssumed) verdict.reasons.push_back("the direction of the tilt axis was assumed");
     if (known.thinness.value_or(1.0) < kThin)
         verdict.reasons.push_back("so narrow a range of tilts leaves the cell uncertain across the patterns");
     if (!known.completeness)
         verdict.reasons.push_back("it is not known which part of reciprocal space was recorded");
     if (verdict.reasons.empty()) verdict.level = Confidence::High;
+    if (verdict.reasons.size() >= kManyDoubts) verdict.level = Confidence::Low;
     return verdict;
 }
 

@@ -20,13 +20,26 @@ const char* nameOf(Confidence confidence);
 struct LatticeEvidence {
     LatticeScore score;          ///< of the search
     double rivalEvidence = 0.0;  ///< of the second best lattice; 0 when there is none
+    std::string rival;           ///< that lattice in words; may be empty
     /// Share of all reflections, curved ones included, on the refined lattice; nothing when none was refined.
     std::optional<double> indexedShare;
+    /// Share of all reflections that other crystals explain: it does not speak against this one.
+    double elsewhere = 0.0;
     /// Of the nodes in the recorded part of reciprocal space; nothing when that is not known.
     std::optional<Completeness> completeness;
     /// Extent of the reflections in the direction in which they reach least over that in which they reach
     /// most (thinnessOf()); nothing when it is not known.
     std::optional<double> thinness;
+    /// Root mean square distance of the indexed reflections from their nodes, voxels, and over the shortest
+    /// reciprocal edge; nothing when no lattice was refined.
+    std::optional<double> residual;
+    std::optional<double> relativeResidual;
+    /// Largest standard uncertainty of an edge of the freely refined cell over the edge; nothing when no
+    /// lattice was refined.
+    std::optional<double> edgeUncertainty;
+    /// What the refined instrument asks for: strength of the ellipse and scale of the tilts less 1.
+    double ellipse = 0.0;
+    double tiltScale = 0.0;
     /// The axis was neither stated nor found: the volume may be sheared.
     bool axisAssumed = false;
 };
@@ -48,8 +61,10 @@ bool isConvincing(const LatticeScore& score);
 /// High: nearly all reflections lie on the lattice, far beyond chance, no other lattice comes near, and the
 /// nodes that the series recorded are there, those of every parity class alike. A wrong axis, a doubled cell
 /// and noise index reflections too, but leave nodes empty, or whole classes of them. Fair: half of all that.
-/// An axis that was assumed, tilts that hardly tell the cell across the patterns, an unknown completeness or
-/// a rival within a tenth of the evidence keep the answer from being more than fair.
+/// Reflections that lie far off their nodes, as with tilts or an axis that are wrong, make the lattice a
+/// guess. An axis that was assumed, a distortion or a scale of the tilts that no sound instrument has, tilts
+/// that hardly tell the cell across the patterns, an unknown completeness or a rival within a tenth of the
+/// evidence keep the answer from being more than fair; three doubts at once make it low.
 Verdict verdictOn(const LatticeEvidence& evidence);
 
 }  // namespace vrk

@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "crystallography/NiggliReduction.h"
+#include "pipeline/base/NumberText.h"
 
 namespace vrk {
 
@@ -95,6 +96,14 @@ Lattice niggliReduced(const Lattice& lattice) {
     Lattice result = Lattice::of(*back, lattice.origin);
     result.pixelSize = lattice.pixelSize;
     return result;
+}
+
+std::string cellText(Lattice lattice, double pixelSize) {
+    if (!(pixelSize > 0.0) || !(lattice.cellVolume() > 0.0)) return "";
+    lattice.pixelSize = pixelSize;
+    const std::unique_ptr<UnitCell> cell(niggliReduced(lattice).toUnitCell().getReciprocalCell());
+    return formatted("%.2f %.2f %.2f  %.1f %.1f %.1f", cell->getLengthOfA(), cell->getLengthOfB(),
+                     cell->getLengthOfC(), cell->getAlpha(), cell->getBeta(), cell->getGamma());
 }
 
 bool sameLattice(const Matrix3d& a, const Matrix3d& b, double tolerance) {

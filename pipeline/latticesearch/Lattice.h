@@ -4,6 +4,7 @@
 
 #include <Eigen/Core>
 #include <array>
+#include <string>
 #include <vector>
 
 #include "crystallography/UnitCell.h"
@@ -46,6 +47,10 @@ Eigen::Matrix3d reduced(Eigen::Matrix3d basis);
 /// The same lattice in the reciprocal base of the Niggli cell of its direct lattice, right-handed. Does not
 /// depend on the pixel size.
 Lattice niggliReduced(const Lattice& lattice);
+
+/// The edges (Angstrom) and angles of the direct cell, reduced, as a reader wants them; empty without a pixel
+/// size.
+std::string cellText(Lattice lattice, double pixelSize);
 
 /// Whether both bases, reduced, describe the same lattice within a share of the edge lengths.
 bool sameLattice(const Eigen::Matrix3d& a, const Eigen::Matrix3d& b, double tolerance);

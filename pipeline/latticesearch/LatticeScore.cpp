@@ -9,6 +9,7 @@
 #include <optional>
 #include <vector>
 
+#include "pipeline/latticesearch/GhostNodes.h"
 #include "pipeline/latticesearch/LatticeFit.h"
 
 namespace vrk {
@@ -42,30 +43,6 @@ std::vector<Matrix3d> hermiteForms(int index) {
     return forms;
 }
 
-/// The tilt at which a place relative to the origin was recorded, radians in half a turn.
-double tiltOf(const Vector3d& place) {
-    return std::atan2(place.z(), place.x()) -
-           (place.x() < 0.0 ? std::copysign(std::numbers::pi, place.z()) : 0.0);
-}
-
-/// Whether points come from few patterns: most of them lie within a narrow range of tilts that holds few of
-/// the others. Patterns whose centre is wrong put the reflections of a whole zone between the nodes, and only
-/// there; what belongs to the crystal is seen at all tilts.
-bool comeFromFewPatterns(std::vector<double> tilts, std::vector<double> otherTilts) {
-    constexpr double kWindow = 0.12;  // of the others
-    constexpr double kMost = 0.6;
-    std::sort(tilts.begin(), tilts.end());
-    std::sort(otherTilts.begin(), otherTilts.end());
-    const auto window = static_cast<std::size_t>(kWindow * static_cast<double>(otherTilts.size()));
-    if (window < 2) return false;
-    for (std::size_t i = 0; i + window < otherTilts.size(); i += std::max<std::size_t>(1, window / 8)) {
-        const auto from = std::lower_bound(tilts.begin(), tilts.end(), otherTilts[i]);
-        const auto to = std::upper_bound(tilts.begin(), tilts.end(), otherTilts[i + window]);
-        if (static_cast<double>(to - from) > kMost * static_cast<double>(tilts.size())) return true;
-    }
-    return false;
-}
-
 /// Whether the nodes that `fine` has and `coarse` has not are there for a reason: judged on the points that
 /// the coarse lattice leaves over.
 bool needsFineNodes(std::span<const Vector3d> points, const Lattice& coarse, const Lattice& fine,
@@ -73,24 +50,22 @@ bool needsFineNodes(std::span<const Vector3d> points, const Lattice& coarse, con
     const Matrix3d coarseInverse = coarse.basis.inverse();
     const Matrix3d fineInverse = fine.basis.inverse();
     int left = 0;
-    std::vector<double> keptTilts;
-    std::vector<double> explainedTilts;
+    Points keptPoints;
+    Points explainedPoints;
     for (const Vector3d& point : points) {
         if (distanceToNode(point, coarse, coarseInverse) <= radius) {
-            keptTilts.push_back(tiltOf(point - coarse.origin));
+            keptPoints.push_back(point);
             continue;
         }
         ++left;
-        if (distanceToNode(point, fine, fineInverse) <= radius)
-            explainedTilts.push_back(tiltOf(point - coarse.origin));
+        if (distanceToNode(point, fine, fineInverse) <= radius) explainedPoints.push_back(point);
     }
-    const int kept = static_cast<int>(keptTilts.size());
-    const int explained = static_cast<int>(explainedTilts.size());
+    const int kept = static_cast<int>(keptPoints.size());
+    const int explained = static_cast<int>(explainedPoints.size());
     const double chance =
         std::min(0.5, sphereVolume(radius) * (1.0 / fine.cellVolume() - 1.0 / coarse.cellVolume()));
     return explained >= 8 && explained >= 0.04 * kept && explained >= 0.12 * left &&
-           evidenceOf(explained, left, chance) > 20.0 &&
-           !comeFromFewPatterns(std::move(explainedTilts), std::move(keptTilts));
+           evidenceOf(explained, left, chance) > 20.0 && !areGhosts(explainedPoints, keptPoints, coarse);
 }
 
 }  // namespace
@@ -159,17 +134,19 @@ Lattice settleMultiples(std::span<const Vector3d> points, Lattice lattice) {
         if (!better) break;
         lattice = fitWithin(points, *better, scoreLattice(points, *better).radius);
     }
-    // Coarser ones: the nodes in between must be earned.
+    // Coarser ones: the nodes in between must be earned. A lattice that loses most of the points is none.
+    constexpr double kMostOfThem = 0.5;
     for (int rounds = 0; rounds < 6; ++rounds) {
         std::optional<Lattice> better;
         double evidence = 0.0;
+        const double enough = kMostOfThem * scoreLattice(points, lattice).indexed;
         for (const Matrix3d& form : kForms) {
             Lattice coarse = lattice;
             coarse.basis = reduced(lattice.basis * form.transpose());
             if (needsFineNodes(points, coarse, lattice, radiusFor(lattice))) continue;
-            const double gained = scoreLattice(points, coarse).evidence;
-            if (gained <= evidence) continue;
-            evidence = gained;
+            const LatticeScore score = scoreLattice(points, coarse);
+            if (score.evidence <= evidence || score.indexed < enough) continue;
+            evidence = score.evidence;
             better = coarse;
         }
         if (!better) break;

@@ -124,6 +124,7 @@ std::optional<RefinedPositions> refinePositions(std::span<const Eigen::Vector3d>
     if (!attempts[0].fit.valid && !attempts[1].fit.valid) return std::nullopt;
     RefinedPositions result;
     std::size_t best = compare(attempts, result);
+    if (curved && settings.sense != 0) best = settings.sense > 0 ? 0 : 1;
     if (!attempts[best].fit.valid) best = 1 - best;
 
     for (const FitPoint& point : attempts[best].points)

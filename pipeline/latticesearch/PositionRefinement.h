@@ -14,6 +14,7 @@ namespace vrk {
 struct RefinementSettings {
     double wavelength = 0.0;  ///< Angstrom; 0 is unknown: positions are not corrected for curvature then
     double tolerance = 0.25;  ///< greatest distance of each fractional index from an integer, up to 0.5
+    int sense = 0;            ///< of the tilt, +1 or -1, where it is known; 0: found
     CellTies ties;            ///< between the parameters of the conventional cell
 };
 

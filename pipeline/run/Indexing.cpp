@@ -21,8 +21,10 @@ constexpr double kWellIndexed = 0.95;
 /// A higher level must have this many reflections to be taken for its cleanness.
 constexpr std::size_t kEnoughReflections = 150;
 
-std::optional<RefinedPositions> refine(const Level& level, const Lattice& start, const SeriesFacts& facts) {
+std::optional<RefinedPositions> refine(const Level& level, const Lattice& start, const SeriesFacts& facts,
+                                       int sense) {
     RefinementSettings settings;
+    settings.sense = sense;
     settings.wavelength = facts.wavelength();
     settings.tolerance = kIndexTolerance;
     const std::vector<Eigen::Vector3d> positions = level.positions();
@@ -130,7 +132,7 @@ Indexed indexReflections(std::vector<Level> levels, const LatticeChoice& choice,
     start.origin = volume.centre();
     start.pixelSize = facts.pixelSize;
     start = niggliReduced(start);
-    const std::optional<RefinedPositions> first = refine(levels[choice.level], start, facts);
+    const std::optional<RefinedPositions> first = refine(levels[choice.level], start, facts, choice.sense);
     if (!first)
         throw Failure("a lattice was found, but its cell could not be refined; " + whatToTry(),
                       FailureKind::NothingFound);
@@ -138,7 +140,7 @@ Indexed indexReflections(std::vector<Level> levels, const LatticeChoice& choice,
 
     const auto share = [&](std::size_t i) -> std::optional<LevelShare> {
         session.checkCanceled();
-        const std::optional<RefinedPositions> trial = refine(levels[i], start, facts);
+        const std::optional<RefinedPositions> trial = refine(levels[i], start, facts, choice.sense);
         if (!trial) return std::nullopt;
         return LevelShare{levels[i].reflections.size(), trial->lattice.indexed};
     };
@@ -147,7 +149,7 @@ Indexed indexReflections(std::vector<Level> levels, const LatticeChoice& choice,
     Indexed result;
     result.cellThreshold = levels[choice.level].threshold;
     result.level = std::move(levels[chosen]);
-    std::optional<RefinedPositions> refined = refine(result.level, start, facts);
+    std::optional<RefinedPositions> refined = refine(result.level, start, facts, choice.sense);
     if (!refined)
         throw Failure("the reflections could not be indexed; " + whatToTry(), FailureKind::NothingFound);
     result.refined = std::move(*refined);
@@ -157,14 +159,28 @@ Indexed indexReflections(std::vector<Level> levels, const LatticeChoice& choice,
                                          recordedSpace(volume, result.level, result.refined.sense));
     LatticeEvidence evidence;
     evidence.score = choice.best.score;
-    if (choice.runnerUp) evidence.rivalEvidence = choice.runnerUp->score.evidence;
+    if (choice.runnerUp) {
+        evidence.rivalEvidence = choice.runnerUp->score.evidence;
+        evidence.rival = cellText(choice.runnerUp->lattice, facts.pixelSize);
+    }
     evidence.indexedShare = result.refined.lattice.fraction();
     evidence.completeness = result.completeness;
+    const RefinedLattice& free = result.refined.lattice;
+    for (std::size_t i = 0; i < 3; ++i)
+        evidence.edgeUncertainty =
+            std::max(evidence.edgeUncertainty.value_or(0.0), free.cellSigma[i] / free.cell[i]);
+    evidence.residual = result.refined.lattice.rms;
+    evidence.relativeResidual = result.refined.lattice.rms / result.lattice().shortestEdge();
+    if (result.instrument.valid) {
+        evidence.ellipse = result.instrument.ellipse();
+        evidence.tiltScale = result.instrument.model[InstrumentTerm::TiltScale];
+    }
     evidence.thinness = thinnessOf(indexedPositions(result.refined), result.lattice().origin);
     // The instrument's refinement confirms or moves an axis that nobody stated; without it it stays a guess.
     result.axisConfirmed = confirmsAxis(result.instrument);
     evidence.axisAssumed = axis.source == "assumed" && !result.axisConfirmed;
-    result.verdict = verdictOn(evidence);
+    result.evidence = std::move(evidence);
+    result.verdict = verdictOn(result.evidence);
     return result;
 }
 

@@ -17,28 +17,30 @@ namespace {
 /// A virtual frame covers this, degrees: more than the rocking curves of most reflections.
 constexpr double kVirtualFrame = 4.0;
 
-ReflectionSet describedSet(const RunResult& result, const CrystalText& text) {
+ReflectionSet describedSet(const Indexed& indexed, const SeriesFacts& facts, const CrystalText& text) {
     ReflectionSet set;
-    set.cell = result.indexed.conventional.cell;
-    set.cellSigma = result.indexed.conventional.cellSigma;
-    set.centring = result.indexed.symmetry().centring;
-    set.wavelength = result.facts().wavelength();
+    set.cell = indexed.conventional.cell;
+    set.cellSigma = indexed.conventional.cellSigma;
+    set.centring = indexed.symmetry().centring;
+    set.wavelength = facts.wavelength();
     set.formula = text.formula;
     set.title = text.title;
     return set;
 }
 
 /// The cell of the refinement on the spots, the group, and how the frames were recorded.
-void describe(const RunResult& result, ReflectionSet& set) {
-    const Intensities& intensities = *result.intensities;
+void describe(const Intensities& intensities, const SeriesFacts& facts, ReflectionSet& set) {
     const GeometryFit& fit = intensities.integration.fit;
     set.cell = fit.cell;
     set.cellSigma = fit.cellSigma;
     if (!intensities.reduction.spaceGroups.candidates.empty())
         set.spaceGroup = intensities.reduction.spaceGroups.candidates.front().symbol;
-    set.experiment = {result.facts().kiloVolts,         result.facts().tiltFirst,
-                      result.facts().tiltLast,          fit.rocking.mode == RotationMode::Continuous,
-                      fit.rocking.precession / kDegree, fit.rocking.mosaicity / kDegree};
+    set.experiment = {facts.kiloVolts,
+                      facts.tiltFirst,
+                      facts.tiltLast,
+                      fit.rocking.mode == RotationMode::Continuous,
+                      fit.rocking.precession / kDegree,
+                      fit.rocking.mosaicity / kDegree};
 }
 
 std::vector<IndexedReflection> scaled(const DataReduction& reduction) {
@@ -119,27 +121,40 @@ std::vector<FrameIntensity> onFrames(const IntegrationResult& integration) {
     return list;
 }
 
+/// What a structure is solved with: intensities from the frames, otherwise sums over the volume.
+ReflectionSet solutionSet(const Indexed& indexed, const std::optional<Intensities>& intensities,
+                          const SeriesFacts& facts, const CrystalText& text) {
+    ReflectionSet set = describedSet(indexed, facts, text);
+    if (intensities) {
+        describe(*intensities, facts, set);
+        set.reflections = scaled(intensities->reduction);
+    } else {
+        set.reflections = conventionalReflections(indexed);
+    }
+    return set;
+}
+
 }  // namespace
 
 std::vector<std::filesystem::path> writeIntensityFiles(const RunResult& result, const CrystalText& text,
                                                        const std::filesystem::path& folder) {
     std::vector<std::filesystem::path> files;
-    const auto write = [&](const char* name,
+    const auto write = [&](const std::string& name,
                            const std::function<void(const std::filesystem::path&)>& writer) {
         OutputFile file(folder / name);
         writer(file.path());
         file.commit();
         files.push_back(folder / name);
     };
-    ReflectionSet set = describedSet(result, text);
-    if (result.intensities) {
-        describe(result, set);
-        set.reflections = scaled(result.intensities->reduction);
-    } else {
-        set.reflections = conventionalReflections(result.indexed);
-    }
+    ReflectionSet set = solutionSet(result.indexed, result.intensities, result.facts(), text);
     write("reflections.hkl", [&](const auto& path) { writeShelx(set, path); });
     write("crystal.ins", [&](const auto& path) { writeShelxInstructions(set, path); });
+    for (std::size_t i = 0; i < result.crystals.others.size(); ++i) {
+        const FurtherCrystal& other = result.crystals.others[i];
+        const ReflectionSet more = solutionSet(other.indexed, other.intensities, result.facts(), text);
+        write(nameOfCrystal(i + 2, ".hkl"), [&](const auto& path) { writeShelx(more, path); });
+        write(nameOfCrystal(i + 2, ".ins"), [&](const auto& path) { writeShelxInstructions(more, path); });
+    }
     if (!result.intensities) return files;
 
     set.reflections = merged(result.intensities->reduction);

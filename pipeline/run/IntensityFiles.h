@@ -20,6 +20,7 @@ struct CrystalText {
 /// Writes the reflections for structure solution, \returns their paths:
 ///
 /// - reflections.hkl and crystal.ins: HKLF 4, scaled, not merged, and the instructions;
+/// - crystal2.hkl, crystal2.ins, crystal3.hkl ...: the same of further crystals;
 ///
 /// and, of intensities measured on the frames,
 ///

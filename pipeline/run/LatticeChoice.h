@@ -17,6 +17,7 @@ struct LatticeChoice {
     LatticeCandidate best;
     std::optional<LatticeCandidate> runnerUp;
     std::size_t level = 0;    ///< at which it was found
+    int sense = 0;            ///< of the tilt, where another crystal tells it; 0: to be found
     CellEvaluation evidence;  ///< of the best, among the reflections that found it
 };
 

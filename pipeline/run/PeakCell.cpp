@@ -139,25 +139,84 @@ void refuseFlatLists(const Points& points) {
     throw Failure("no cell was found: " + text + "; " + advice, FailureKind::NothingFound);
 }
 
-/// The nodes of the lattice that have a point within the radius of the score. The curvature of the Ewald
-/// sphere is not known here; it matters at the rim of the recorded space alone.
-Completeness completenessOf(const PeakCell& cell, const PeakFileHead& head) {
+/// The part of reciprocal space that a list was taken from, by the head of its file.
+std::optional<RecordedSpace> recordedSpace(const PeakList& peaks, const Points& points) {
+    if (!peaks.head || !(peaks.head->firstTilt < peaks.head->lastTilt)) return std::nullopt;
     RecordedSpace space;
-    space.tiltFirst = head.firstTilt * kDegree;
-    space.tiltLast = head.lastTilt * kDegree;
-    space.halfWidth = 0.5 * head.size[0];
-    double nearest = space.halfWidth;
-    std::vector<Indices> indices;
-    const Lattice& lattice = cell.answer.lattice;
+    space.tiltFirst = peaks.head->firstTilt * kDegree;
+    space.tiltLast = peaks.head->lastTilt * kDegree;
+    space.halfWidth = 0.5 * peaks.head->size[0];
+    space.zeroBeam = space.halfWidth;
+    for (const Vector3d& point : points)
+        space.zeroBeam = std::min(space.zeroBeam, point.norm());
+    return space;
+}
+
+/// What is known of a candidate for points. Nodes count as found that have a point within the radius of the
+/// score. The curvature of the Ewald sphere is not known here; it matters at the rim of the recorded space
+/// alone.
+LatticeEvidence evidenceFor(const LatticeCandidate& candidate, const Points& points,
+                            const std::optional<RecordedSpace>& space) {
+    const Lattice& lattice = candidate.lattice;
     const Matrix3d inverse = lattice.basis.inverse();
-    for (const Vector3d& point : cell.points) {
-        nearest = std::min(nearest, point.norm());
+    std::vector<Indices> indices;
+    Points near;
+    for (const Vector3d& point : points) {
+        if (distanceToNode(point, lattice, inverse) > candidate.score.radius) continue;
         const Vector3d hkl = (inverse * (point - lattice.origin)).array().round();
-        if (distanceToNode(point, lattice, inverse) <= cell.answer.score.radius)
-            indices.push_back({static_cast<int>(hkl[0]), static_cast<int>(hkl[1]), static_cast<int>(hkl[2])});
+        indices.push_back({static_cast<int>(hkl[0]), static_cast<int>(hkl[1]), static_cast<int>(hkl[2])});
+        near.push_back(point);
     }
-    space.zeroBeam = nearest;
-    return vrk::completenessOf(lattice, indices, space);
+    LatticeEvidence evidence;
+    evidence.score = candidate.score;
+    evidence.thinness = thinnessOf(near, lattice.origin);
+    if (space) evidence.completeness = completenessOf(lattice, indices, *space);
+    return evidence;
+}
+
+/// Takes the points of a lattice out of a list. \returns how many they were
+std::size_t takeOut(const LatticeCandidate& candidate, Points& points, std::vector<double>& weights) {
+    const Matrix3d inverse = candidate.lattice.basis.inverse();
+    std::size_t kept = 0;
+    for (std::size_t i = 0; i < points.size(); ++i) {
+        if (distanceToNode(points[i], candidate.lattice, inverse) <= candidate.score.radius) continue;
+        points[kept] = points[i];
+        weights[kept++] = weights[i];
+    }
+    const std::size_t taken = points.size() - kept;
+    points.resize(kept);
+    weights.resize(kept);
+    return taken;
+}
+
+/// Looks for crystals in what the first one leaves over, where that is more than a tenth. \returns the share
+/// of the points that belongs to them
+double findOthers(PeakCell& cell, const std::optional<RecordedSpace>& space, const CellSearch& search,
+                  int most) {
+    constexpr double kUnexplained = 0.1;
+    const auto all = static_cast<double>(cell.points.size());
+    Points points = cell.points;
+    std::vector<double> weights = cell.weights;
+    std::vector<Lattice> known = {cell.answer.lattice};
+    takeOut(cell.answer, points, weights);
+    double elsewhere = 0.0;
+    while (static_cast<int>(known.size()) < most && static_cast<double>(points.size()) > kUnexplained * all) {
+        std::optional<FurtherLattice> found = findFurtherLattice(points, weights, known, &search);
+        if (!found) break;
+        FurtherPeakCell other;
+        other.found = std::move(*found);
+        const LatticeCandidate& candidate = other.found.candidate;
+        other.verdict = verdictOn(evidenceFor(candidate, points, space));
+        if (other.verdict.level == Confidence::Low) break;
+        other.turn = turnBetween(cell.answer.lattice.basis, candidate.lattice.basis);
+        other.reciprocal = niggliReduced(candidate.lattice).toUnitCell();
+        other.symmetry = LatticeSymmetry::best(other.reciprocal);
+        other.share = static_cast<double>(takeOut(candidate, points, weights)) / all;
+        elsewhere += other.share;
+        known.push_back(candidate.lattice);
+        cell.others.push_back(std::move(other));
+    }
+    return elsewhere;
 }
 
 /// Refuses a lattice that has its nodes in one layer in some direction, or edges that the list does not
@@ -209,7 +268,10 @@ PeakCell findCell(const PeakList& peaks, const PeakCellOptions& options, Session
         if (candidates.empty() || !isConvincing(candidates.front().score))
             throwNothingFound(search, cell, candidates, options, session);
         cell.answer = candidates.front();
-        if (candidates.size() > 1) cell.rivalEvidence = candidates[1].score.evidence;
+        if (candidates.size() > 1) {
+            cell.rivalEvidence = candidates[1].score.evidence;
+            cell.rival = candidates[1].lattice;
+        }
         cell.parameter = search.parameterOf(cell.answer.trial);
         const std::optional<LatticeCandidate> again = search.repeat(cell.answer, cell.points, cell.weights);
         cell.isReproducible = again.has_value();
@@ -220,12 +282,21 @@ PeakCell findCell(const PeakList& peaks, const PeakCellOptions& options, Session
                                                             : 0.0;
     refuseUndetermined(cell);
     describe(cell);
-    LatticeEvidence evidence;
-    evidence.score = cell.answer.score;
-    evidence.rivalEvidence = cell.rivalEvidence;
-    if (peaks.head && peaks.head->firstTilt < peaks.head->lastTilt)
-        cell.completeness = completenessOf(cell, *peaks.head);
-    evidence.completeness = cell.completeness;
+    const std::optional<RecordedSpace> space = recordedSpace(peaks, cell.points);
+    LatticeEvidence evidence = evidenceFor(cell.answer, cell.points, space);
+    cell.completeness = evidence.completeness;
+    {
+        const QuietLog quiet(session, QuietLog::Keep::InLogAlone);
+        evidence.elsewhere = findOthers(cell, space, search, options.crystals);
+    }
+    const bool isCrystal =
+        cell.rival && std::any_of(cell.others.begin(), cell.others.end(), [&](const auto& o) {
+            return areAlike(cell.rival->basis, o.found.candidate.lattice.basis);
+        });
+    if (cell.rival && !isCrystal) {
+        evidence.rivalEvidence = cell.rivalEvidence;
+        evidence.rival = cellText(*cell.rival, cell.pixelSize());
+    }
     cell.verdict = verdictOn(evidence);
     return cell;
 }

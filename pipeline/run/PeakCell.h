@@ -13,6 +13,7 @@
 #include "pipeline/formats/PeakList.h"
 #include "pipeline/latticesearch/CellSearch.h"
 #include "pipeline/latticesearch/Confidence.h"
+#include "pipeline/latticesearch/FurtherLattice.h"
 #include "pipeline/run/CellOptions.h"
 
 namespace vrk {
@@ -22,7 +23,18 @@ struct PeakCellOptions {
     CellOptions cell;
     double pixelSize = 0.0;               ///< 1/m per voxel; 0 takes that of the peak file
     std::optional<double> mergeDistance;  ///< voxels, 0: merge nothing; nothing: found (mergingDistance)
+    int crystals = 2;                     ///< that are looked for, at most; 1: the first alone
     std::filesystem::path dump;           ///< folder for what the steps see; empty: none
+};
+
+/// The cell of a crystal beside the first one.
+struct FurtherPeakCell {
+    FurtherLattice found;
+    UnitCell reciprocal;  ///< reduced; of pixel size 1 when that is unknown
+    LatticeCharacter symmetry;
+    Verdict verdict;
+    std::optional<double> turn;  ///< from the first crystal, where the cells are alike, degrees
+    double share = 0.0;          ///< of all reflections that lie on it and on no crystal before
 };
 
 /// A cell and what it rests on.
@@ -33,12 +45,14 @@ struct PeakCell {
     std::vector<double> weights;  ///< intensities
     LatticeCandidate answer;      ///< the lattice has the pixel size
     double rivalEvidence = 0.0;   ///< of the second best lattice
-    Parameter parameter;          ///< of the answer's trial
-    bool isReproducible = false;  ///< the trial alone leads to the answer
+    std::optional<Lattice> rival;
+    Parameter parameter;                       ///< of the answer's trial
+    bool isReproducible = false;               ///< the trial alone leads to the answer
     std::optional<Completeness> completeness;  ///< of a peak file, which tells what was recorded
     UnitCell reciprocal;                       ///< reduced; of pixel size 1 when that is unknown
     LatticeCharacter symmetry;
     Verdict verdict;
+    std::vector<FurtherPeakCell> others;
 
     double pixelSize() const { return answer.lattice.pixelSize; }
     bool hasScale() const { return pixelSize() > 0.0; }

@@ -48,10 +48,14 @@ std::vector<IndexedReflection> conventionalReflections(const Indexed& indexed) {
     return indexedReflections(*list, indexed.symmetry().toConventional);
 }
 
+std::string nameOfCrystal(std::size_t number, const std::string& end) {
+    return "crystal" + std::to_string(number) + end;
+}
+
 std::vector<std::filesystem::path> writeResultFiles(const RunResult& result,
                                                     const std::filesystem::path& folder, Session& session) {
     std::vector<std::filesystem::path> files;
-    const auto write = [&](const char* name, const std::function<bool(const std::string&)>& writer) {
+    const auto write = [&](const std::string& name, const std::function<bool(const std::string&)>& writer) {
         OutputFile file(folder / name);
         if (!writer(file.path().string()))
             throw Failure("cannot write " + (folder / name).string() + ": " + session.lastError());
@@ -60,10 +64,15 @@ std::vector<std::filesystem::path> writeResultFiles(const RunResult& result,
     };
     write("peaks.txt",
           [&](const std::string& path) { return writePeaks(result.volume, result.indexed.level, path); });
-    write("cell.txt", [&](const std::string& path) {
-        UnitCell cell = result.indexed.lattice().toUnitCell();
-        return CellFileImportExport::writeCellFile_version_2(path, &cell);
-    });
+    const auto writeCell = [&](const std::string& name, const Lattice& lattice) {
+        write(name, [&](const std::string& path) {
+            UnitCell cell = lattice.toUnitCell();
+            return CellFileImportExport::writeCellFile_version_2(path, &cell);
+        });
+    };
+    writeCell("cell.txt", result.indexed.lattice());
+    for (std::size_t i = 0; i < result.crystals.others.size(); ++i)
+        writeCell(nameOfCrystal(i + 2, ".cell.txt"), result.crystals.others[i].indexed.lattice());
     writeCentreFile(folder / "centres.txt", result.volume.tilts, result.volume.centres);
     files.push_back(folder / "centres.txt");
     for (const std::filesystem::path& path :

@@ -14,8 +14,11 @@ namespace vrk {
 /// The reflections with the indices of the conventional cell, pieces of one added up.
 std::vector<IndexedReflection> conventionalReflections(const Indexed& indexed);
 
-/// Writes peaks.txt, cell.txt, cell-report.txt and cell-report.json. \returns their paths. Throws Failure
-/// when one cannot be written.
+/// The name of a file of a further crystal: 2 and ".hkl" give crystal2.hkl.
+std::string nameOfCrystal(std::size_t number, const std::string& end);
+
+/// Writes peaks.txt, cell.txt, crystal2.cell.txt ... of further crystals, cell-report.txt and
+/// cell-report.json. \returns their paths. Throws Failure when one cannot be written.
 std::vector<std::filesystem::path> writeResultFiles(const RunResult& result,
                                                     const std::filesystem::path& folder, Session& session);
 

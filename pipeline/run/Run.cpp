@@ -35,6 +35,7 @@ struct Attempt {
     ReciprocalVolume volume;
     LatticeChoice lattice;
     Indexed indexed;
+    Crystals crystals = {};
 };
 
 /// One run after another over the same centred frames.
@@ -190,9 +191,19 @@ std::optional<Attempt> withRefinedCentres(const CentredSeries& series, const Att
     return next;
 }
 
+void findCrystals(Attempt& attempt, const RunOptions& options, bool anyCell, RunSeconds& seconds,
+                  Session& session) {
+    attempt.crystals = timed(seconds.cell, [&] {
+        return findFurtherCrystals(
+            attempt.indexed, attempt.lattice.runnerUp ? &*attempt.lattice.runnerUp : nullptr, attempt.volume,
+            attempt.axis, {options.crystals, anyCell, options.cell}, session);
+    });
+}
+
 bool isDoubtful(const std::optional<Attempt>& attempt) {
-    return !attempt || attempt->indexed.verdict.level == Confidence::Low ||
-           attempt->indexed.refined.lattice.fraction() < 0.7;
+    if (!attempt || attempt->indexed.verdict.level == Confidence::Low) return true;
+    const double own = 1.0 - attempt->indexed.evidence.elsewhere;
+    return attempt->indexed.refined.lattice.fraction() < 0.7 * own;
 }
 
 /// The axis of the search; nothing where that finds none either.
@@ -208,15 +219,31 @@ std::optional<TiltAxis> searchedAxis(const CentredSeries& series, AxisChoice cho
 }
 
 /// Nothing, and a warning, where they cannot be measured: the lattice stands without them.
-std::optional<Intensities> intensitiesOf(const Attempt& best, const RecordedCounts& counts,
-                                         const IntensityChoice& choice, Session& session) {
+std::optional<Intensities> intensitiesOf(const Indexed& indexed, const Attempt& best,
+                                         const RecordedCounts& counts, const IntensityChoice& choice,
+                                         Session& session) {
     try {
-        return measureIntensities(best.indexed, best.volume, best.axis, counts, choice, session);
+        return measureIntensities(indexed, best.volume, best.axis, counts, choice, session);
     } catch (const Failure& failure) {
         if (failure.kind() == FailureKind::Canceled) throw;
         session.warn(std::string(failure.what()) + "; the files hold sums over the volume instead");
         return std::nullopt;
     }
+}
+
+/// The intensities of the other crystals, and of all without the spots that they share.
+void measureOthers(Attempt& best, Intensities& first, const RecordedCounts& counts,
+                   const IntensityChoice& choice, RunSeconds& seconds, Session& session) {
+    std::vector<Intensities*> all = {&first};
+    std::vector<char> centrings = {best.indexed.symmetry().centring};
+    for (FurtherCrystal& crystal : best.crystals.others) {
+        crystal.intensities = timed(
+            seconds.integrate, [&] { return intensitiesOf(crystal.indexed, best, counts, choice, session); });
+        if (!crystal.intensities) continue;
+        all.push_back(&*crystal.intensities);
+        centrings.push_back(crystal.indexed.symmetry().centring);
+    }
+    if (all.size() > 1) separateCrystals(all, centrings, counts.frames->GetDepth());
 }
 
 /// What neither the series nor the caller states.
@@ -245,6 +272,8 @@ RunResult runStages(const std::filesystem::path& path, const RunOptions& options
     const bool mayChoose = options.axis.source == AxisChoice::Source::Series;
     std::optional<Attempt> best = mayChoose ? attempts.tryAt(axis) : attempts.at(axis);
     if (best) followAxis(attempts, *best, session);
+    // A second crystal may be why the first one leaves much over.
+    if (best && mayChoose && isDoubtful(best)) findCrystals(*best, options, false, s, session);
     if (mayChoose && isDoubtful(best)) {
         session.warn(
             axis.source == "header" || axis.source == "calibration"
@@ -264,17 +293,27 @@ RunResult runStages(const std::filesystem::path& path, const RunOptions& options
     remains.volume.reset();
     if (auto refined = withRefinedCentres(centred, *best, options, s, session, remains))
         best = std::move(refined);
+    if (best->crystals.others.empty()) findCrystals(*best, options, true, s, session);
     if (!best->indexed.strain.empty()) session.warn(best->indexed.strain);
     if (best->axis.source == "assumed" && best->indexed.axisConfirmed) best->axis.source = "refined";
     std::optional<Intensities> intensities;
     if (options.intensities.wanted) {
         session.beginPart(8, kRunParts, "measure intensities");
-        intensities = timed(
-            s.integrate, [&] { return intensitiesOf(*best, centred.counts, options.intensities, session); });
+        intensities = timed(s.integrate, [&] {
+            return intensitiesOf(best->indexed, *best, centred.counts, options.intensities, session);
+        });
+        if (intensities)
+            measureOthers(*best, *intensities, centred.counts, options.intensities, s, session);
     }
     s.total = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    return {std::move(best->axis),    std::move(best->volume),   std::move(best->lattice),
-            std::move(best->indexed), std::move(centred.counts), std::move(intensities), s};
+    return {std::move(best->axis),
+            std::move(best->volume),
+            std::move(best->lattice),
+            std::move(best->indexed),
+            std::move(centred.counts),
+            std::move(intensities),
+            std::move(best->crystals),
+            s};
 }
 
 }  // namespace

@@ -59,6 +59,7 @@ struct RunOptions {
     SearchOptions search;
     CellOptions cell;
     IntensityChoice intensities;
+    int crystals = 2;  ///< that are looked for, at most; 1: the first alone
 };
 
 }  // namespace vrk

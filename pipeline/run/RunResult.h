@@ -4,6 +4,7 @@
 
 #include <optional>
 
+#include "pipeline/run/FurtherCrystals.h"
 #include "pipeline/run/Indexing.h"
 #include "pipeline/run/Intensities.h"
 #include "pipeline/run/LatticeChoice.h"
@@ -25,6 +26,7 @@ struct RunResult {
     Indexed indexed;
     RecordedCounts counts;                   ///< the frames that they were measured on; otherwise none
     std::optional<Intensities> intensities;  ///< measured on the frames, where wanted and possible
+    Crystals crystals;                       ///< the others
     RunSeconds seconds;
 
     const SeriesFacts& facts() const { return volume.facts; }

@@ -181,6 +181,37 @@ Json confidenceJson(const RunResult& result) {
     return json;
 }
 
+Json crystalJson(const Indexed& indexed, const std::optional<Intensities>& intensities, double share) {
+    const RefinedLattice& lattice = indexed.refined.lattice;
+    Json json = {{"strong_share", share},
+                 {"bravais", LATTICE::shortName(indexed.symmetry().bravaisType)},
+                 {"cell", parametersJson(indexed.conventional.cell)},
+                 {"reduced", parametersJson(lattice.cell)},
+                 {"confidence", nameOf(indexed.verdict.level)},
+                 {"reasons", indexed.verdict.reasons},
+                 {"reflections", {{"found", lattice.reflections}, {"indexed", lattice.indexed}}},
+                 {"residual_px", lattice.rms}};
+    json["reciprocal_vectors_px"] = Json::array();
+    for (const Eigen::Vector3d& vector : lattice.lattice.basis.colwise())
+        json["reciprocal_vectors_px"].push_back({vector[0], vector[1], vector[2]});
+    json["same_cell"] = true;
+    json["turn_deg"] = 0.0;
+    json["observations"] = nullptr;
+    if (intensities) json["observations"] = intensities->reduction.observations.size();
+    return json;
+}
+
+Json crystalsJson(const RunResult& result) {
+    Json json = Json::array();
+    json.push_back(crystalJson(result.indexed, result.intensities, result.crystals.firstShare));
+    for (const FurtherCrystal& other : result.crystals.others) {
+        json.push_back(crystalJson(other.indexed, other.intensities, other.strongShare));
+        json.back()["same_cell"] = other.sameCell;
+        json.back()["turn_deg"] = other.turn ? Json(*other.turn) : Json(nullptr);
+    }
+    return json;
+}
+
 Json shellJson(const ShellStatistics& shell) {
     return {{"d_max", shell.dMax},
             {"d_min", shell.dMin},
@@ -321,6 +352,7 @@ std::string summaryJson(const std::filesystem::path& series, const RunResult& re
     json["completeness"] = completenessJson(result.indexed.completeness, result.facts().pixelSize);
     json["cell"] = cellJson(result);
     json["confidence"] = confidenceJson(result);
+    json["crystals"] = crystalsJson(result);
     // The residuals stand in the order of the sense, which is the other way round.
     json["handedness"] = {{"sense", refined.handedness()},
                           {"decided", refined.decided},

@@ -23,6 +23,8 @@ constexpr double kSameIndexed = 0.98;
 /// or where they are few what this loss of likelihood, in nats, comes to.
 constexpr double kSameDistance = 1.01;
 constexpr double kSameLikelihood = 10.0;
+/// An ellipse beyond what lenses do, which would stretch a cell of lower symmetry to a higher one.
+constexpr double kMostEllipse = 0.025;
 
 CellTies tiesOf(const LatticeCharacter& character) {
     return CellTies::of(character.bravaisType, matrixOf(character));
@@ -160,6 +162,7 @@ SymmetryChoice chooseSymmetry(const SymmetryInput& input, RefinedPositions free)
         if (!ties.any) continue;
         RefinedInstrument tied = refinedInstrument(input, from, sense, ties);
         if (!tied.valid || !areAsClose(tied.lattice, untiedInstrument.lattice)) continue;
+        if (tied.ellipse() > kMostEllipse && !input.wanted) continue;
         if (chosen && tied.lattice.rms >= result.instrument.lattice.rms) continue;
         chosen = i;
         result.instrument = std::move(tied);

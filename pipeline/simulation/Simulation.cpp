@@ -98,6 +98,8 @@ public:
 
 private:
     void placeCrystals();
+    Matrix3 secondOrientation() const;
+    std::vector<CrystalReflection> secondReflections() const;
     void draw(const SimulatedFrame& frame, std::span<float> image);
     void drawSpots(ReflectionTable& table, const SimulatedFrame& frame, std::span<float> image) const;
     void drawSpot(std::span<float> image, double x, double y, double peak) const;
@@ -131,10 +133,25 @@ void Simulator::placeCrystals() {
     const double signedWavelength = m_settings.handedness * EwaldCurvature::wavelength(m_settings.kilovolts);
     m_tables.push_back(tableOf(m_reflections, m_orientation, signedWavelength, scale));
     if (m_settings.secondCrystal > 0) {
-        m_secondOrientation = randomRotation(randomFor(m_settings.seed, RandomPurpose::SecondOrientation));
-        m_tables.push_back(
-            tableOf(m_reflections, *m_secondOrientation, signedWavelength, scale * m_settings.secondCrystal));
+        m_secondOrientation = secondOrientation();
+        const std::vector<CrystalReflection> others = secondReflections();
+        const double secondScale = m_settings.secondCrystal * m_settings.peakCounts / strongIntensity(others);
+        m_tables.push_back(tableOf(others, *m_secondOrientation, signedWavelength, secondScale));
     }
+}
+
+Matrix3 Simulator::secondOrientation() const {
+    SimulationRandom random = randomFor(m_settings.seed, RandomPurpose::SecondOrientation);
+    if (!m_settings.secondTurn) return randomRotation(random);
+    const Vector3 axis = randomRotation(random)[0];
+    return rotationAbout(axis, *m_settings.secondTurn) * m_orientation;
+}
+
+std::vector<CrystalReflection> Simulator::secondReflections() const {
+    if (!m_settings.secondCell) return m_reflections;
+    const std::uint64_t intensities = randomFor(m_settings.seed, RandomPurpose::SecondIntensities).next();
+    return SimulatedCrystal::fromCell(*m_settings.secondCell, 'P', m_settings.bFactor, intensities)
+        .reflections(m_settings.dmin);
 }
 
 /// Expected counts of a frame.

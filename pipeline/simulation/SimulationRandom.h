@@ -81,7 +81,8 @@ enum class RandomPurpose : std::uint64_t {
     CentreJitter,
     MoreJumps,
     OffZone,
-    Asymmetry
+    Asymmetry,
+    SecondIntensities
 };
 
 inline SimulationRandom randomFor(std::uint64_t seed, RandomPurpose purpose) {

@@ -38,6 +38,8 @@ void checkRanges(const SimulationSettings& s) {
              {"the tilt jitter", s.tiltErrors.jitter, 0, 10, "0 to 10 degrees"},
              {"the tilt of the axis", s.axisTilt, -45, 45, "-45 to 45 degrees"},
              {"the angle from the zone axis", s.orientation.offZone, 0, 90, "0 to 90 degrees"},
+             {"the turn of the second crystal", s.secondTurn.value_or(none), -180, 180,
+              "-180 to 180 degrees"},
              {"the precession angle", s.precessionAngle, 0, 10, "0 to 10 degrees"},
              {"the ellipse", s.distortion.ellipse, -0.2, 0.2, "-0.2 to 0.2"},
              {"the radial term", s.distortion.radial, -0.2, 0.2, "-0.2 to 0.2"},
@@ -92,6 +94,8 @@ void checkSettings(const SimulationSettings& settings) {
           "give either an orientation or the directions along beam and axis");
     check(orientation.offZone == 0 || orientation.beamAlong,
           "an angle from the zone axis needs the zone axis along the beam");
+    check(settings.secondCrystal > 0 || (!settings.secondTurn && !settings.secondCell),
+          "the turn and the cell of a second crystal need its intensity");
     checkRanges(settings);
     checkSizes(settings);
 }

@@ -95,11 +95,13 @@ struct SimulationSettings {
     double bFactor = 2;  ///< isotropic displacement B in square Angstrom
     double dmin = 0.8;   ///< resolution at the frame's edge, Angstrom
     OrientationSettings orientation;
-    bool evenIntensities = false;  ///< all as bright as the mean; for a cell without structure
-    double asymmetry = 0;          ///< standard deviation of ln(intensity), for each of two Friedel mates
-    double secondCrystal = 0;      ///< intensity of a second crystal in random orientation
-    double rockingWidth = 0.0025;  ///< standard deviation about the sphere, 1/Angstrom
-    int handedness = 1;            ///< side of the Ewald sphere, 1 or -1
+    bool evenIntensities = false;      ///< all as bright as the mean; for a cell without structure
+    double asymmetry = 0;              ///< standard deviation of ln(intensity), for each of two Friedel mates
+    double secondCrystal = 0;          ///< intensity of a second crystal in random orientation
+    std::optional<double> secondTurn;  ///< degrees by which it is turned from the first, about a random axis
+    std::optional<std::array<double, 6>> secondCell;  ///< its primitive cell, where it is another crystal
+    double rockingWidth = 0.0025;                     ///< standard deviation about the sphere, 1/Angstrom
+    int handedness = 1;                               ///< side of the Ewald sphere, 1 or -1
 
     // Series
     std::vector<double> tilts;  ///< degrees, in the order of the slices; at most 300

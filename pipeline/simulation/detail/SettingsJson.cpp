@@ -32,6 +32,8 @@ json settingsJson(const SimulationSettings& s) {
             {"even", s.evenIntensities},
             {"asymmetry", s.asymmetry},
             {"second_crystal", s.secondCrystal},
+            {"second_turn_deg", s.secondTurn ? json(*s.secondTurn) : json(nullptr)},
+            {"second_cell", s.secondCell ? json(*s.secondCell) : json(nullptr)},
             {"beam_along", vectorOrNull(s.orientation.beamAlong)},
             {"axis_along", vectorOrNull(s.orientation.axisAlong)},
             {"off_zone_deg", s.orientation.offZone},

@@ -1,0 +1,297 @@
+#include "pipeline/latticesearch/FurtherLattice.h"
+
+#include <Eigen/Geometry>
+#include <Eigen/LU>
+#include <Eigen/SVD>
+#include <algorithm>
+#include <cmath>
+#include <numbers>
+#include <numeric>
+#include <utility>
+
+#include "pipeline/base/Angle.h"
+#include "pipeline/latticesearch/LatticeFit.h"
+
+namespace vrk {
+namespace {
+
+using Eigen::Matrix3d;
+using Eigen::Vector3d;
+
+/// Points near the origin that are paired, and points that judge a rotation.
+constexpr std::size_t kAnchors = 24;
+constexpr std::size_t kJudges = 240;
+constexpr std::size_t kQuickJudges = 40;
+constexpr std::size_t kKeptRotations = 12;
+/// Errors of a place that a pair may have, voxels.
+constexpr double kPlaceError = 1.5;
+/// Turns between the parts of a split crystal, degrees.
+constexpr double kMostSplit = 8.0;
+constexpr double kSplitStep = 1.0;
+/// A lattice of another crystal explains this share of what is left over, and so many points.
+constexpr double kLeastShare = 0.3;
+constexpr int kFewestPoints = 25;
+/// Thousands of rotations of one lattice do not reach this evidence on random points, nats.
+constexpr double kLeastEvidence = 60.0;
+/// A free search must explain this much more than the first crystal's cell.
+constexpr double kMuchMore = 1.25;
+
+struct Node {
+    Vector3d place;
+    double length;
+};
+
+std::vector<Node> nodesWithin(const Matrix3d& basis, double radius) {
+    const Matrix3d inverse = basis.inverse();
+    Eigen::Array3i most;
+    for (int i = 0; i < 3; ++i)
+        most[i] = static_cast<int>(radius * inverse.row(i).norm());
+    std::vector<Node> nodes;
+    for (int h = -most[0]; h <= most[0]; ++h)
+        for (int k = -most[1]; k <= most[1]; ++k)
+            for (int l = -most[2]; l <= most[2]; ++l) {
+                const Vector3d place = basis * Vector3d(h, k, l);
+                if ((h || k || l) && place.norm() <= radius) nodes.push_back({place, place.norm()});
+            }
+    std::sort(nodes.begin(), nodes.end(), [](const Node& a, const Node& b) { return a.length < b.length; });
+    return nodes;
+}
+
+/// The nodes whose length differs from one by no more than the error of a place.
+std::span<const Node> ofLength(const std::vector<Node>& nodes, double length) {
+    const auto from = std::lower_bound(nodes.begin(), nodes.end(), length - kPlaceError,
+                                       [](const Node& node, double value) { return node.length < value; });
+    const auto to = std::upper_bound(from, nodes.end(), length + kPlaceError,
+                                     [](double value, const Node& node) { return value < node.length; });
+    return {from, to};
+}
+
+Matrix3d frameOf(const Vector3d& a, const Vector3d& b) {
+    Matrix3d frame;
+    frame.col(0) = a.normalized();
+    frame.col(2) = a.cross(b).normalized();
+    frame.col(1) = frame.col(2).cross(frame.col(0));
+    return frame;
+}
+
+/// Rotations by the number of judges that they put onto nodes, the best few.
+class RotationContest {
+public:
+    RotationContest(const Lattice& lattice, std::vector<Vector3d> judges, double radius)
+        : m_inverse(lattice.basis.inverse()),
+          m_basis(lattice.basis),
+          m_judges(std::move(judges)),
+          m_square(radius * radius) {}
+
+    void enter(const Matrix3d& rotation) {
+        const Matrix3d back = rotation.transpose();
+        const std::size_t quick = std::min(kQuickJudges, m_judges.size());
+        const int atFirst = count(back, 0, quick);
+        const double scale =
+            static_cast<double>(m_judges.size()) / static_cast<double>(std::max<std::size_t>(quick, 1));
+        if (m_best.size() == kKeptRotations && 1.5 * (atFirst + 3) * scale < m_best.back().first) return;
+        const int all = atFirst + count(back, quick, m_judges.size());
+        if (m_best.size() == kKeptRotations && all <= m_best.back().first) return;
+        for (auto& [score, other] : m_best)
+            if (Eigen::AngleAxisd(other.transpose() * rotation).angle() < kSameTurn) {
+                if (all > score) {
+                    score = all;
+                    other = rotation;
+                }
+                sort();
+                return;
+            }
+        m_best.emplace_back(all, rotation);
+        sort();
+        if (m_best.size() > kKeptRotations) m_best.pop_back();
+    }
+
+    const std::vector<std::pair<int, Matrix3d>>& best() const { return m_best; }
+
+private:
+    static constexpr double kSameTurn = 0.01;
+
+    void sort() {
+        std::stable_sort(m_best.begin(), m_best.end(),
+                         [](const auto& a, const auto& b) { return a.first > b.first; });
+    }
+    int count(const Matrix3d& back, std::size_t from, std::size_t to) const {
+        const Matrix3d toIndices = m_inverse * back;
+        int within = 0;
+        for (std::size_t i = from; i < to; ++i) {
+            const Vector3d q = toIndices * m_judges[i];
+            const Vector3d off = q - Vector3d(q.array().round());
+            within += (m_basis * off).squaredNorm() <= m_square;
+        }
+        return within;
+    }
+
+    Matrix3d m_inverse;
+    Matrix3d m_basis;
+    std::vector<Vector3d> m_judges;
+    double m_square;
+    std::vector<std::pair<int, Matrix3d>> m_best;
+};
+
+/// Enters the rotations that bring two nodes to two of the innermost points.
+void enterPairs(const Matrix3d& basis, std::span<const Vector3d> innermost, RotationContest& contest) {
+    if (innermost.empty()) return;
+    const std::vector<Node> nodes = nodesWithin(basis, innermost.back().norm() + kPlaceError);
+    for (std::size_t i = 0; i < innermost.size(); ++i)
+        for (std::size_t j = i + 1; j < innermost.size(); ++j) {
+            const Vector3d& p = innermost[i];
+            const Vector3d& q = innermost[j];
+            const double cosine = p.dot(q) / (p.norm() * q.norm());
+            if (std::abs(cosine) > 0.94) continue;
+            const double angle = std::acos(cosine);
+            const double error = kPlaceError * (1.0 / p.norm() + 1.0 / q.norm());
+            const Matrix3d to = frameOf(p, q);
+            for (const Node& a : ofLength(nodes, p.norm()))
+                for (const Node& b : ofLength(nodes, q.norm())) {
+                    const double between =
+                        std::acos(std::clamp(a.place.dot(b.place) / (a.length * b.length), -1.0, 1.0));
+                    if (std::abs(between - angle) > error) continue;
+                    contest.enter(to * frameOf(a.place, b.place).transpose());
+                }
+        }
+}
+
+/// Enters the small turns.
+void enterTurns(RotationContest& contest) {
+    const int most = static_cast<int>(kMostSplit / kSplitStep);
+    for (int x = -most; x <= most; ++x)
+        for (int y = -most; y <= most; ++y)
+            for (int z = -most; z <= most; ++z) {
+                const Vector3d turn = kSplitStep * kDegree * Vector3d(x, y, z);
+                const double angle = turn.norm();
+                if (angle == 0.0 || angle > kMostSplit * kDegree) continue;
+                contest.enter(Eigen::AngleAxisd(angle, turn / angle).toRotationMatrix());
+            }
+}
+
+std::vector<Vector3d> chosen(std::span<const Vector3d> points, std::size_t most) {
+    const std::size_t step = 1 + points.size() / std::max<std::size_t>(most, 1);
+    std::vector<Vector3d> result;
+    for (std::size_t i = 0; i < points.size(); i += step)
+        result.push_back(points[i]);
+    return result;
+}
+
+bool explains(const LatticeScore& score) {
+    return score.evidence >= kLeastEvidence && score.fraction() >= kLeastShare &&
+           score.indexed >= kFewestPoints;
+}
+
+}  // namespace
+
+std::optional<double> turnBetween(const Matrix3d& from, const Matrix3d& to) {
+    constexpr double kSameMetric = 0.03;
+    const Matrix3d a = reduced(from);
+    const std::vector<Node> nodes = nodesWithin(reduced(to), 1.1 * a.colwise().norm().maxCoeff());
+    const auto fits = [&](const Node& node, Eigen::Index column) {
+        return std::abs(node.length / a.col(column).norm() - 1.0) < kSameMetric;
+    };
+    std::optional<double> smallest;
+    for (const Node& x : nodes) {
+        if (!fits(x, 0)) continue;
+        for (const Node& y : nodes) {
+            if (!fits(y, 1)) continue;
+            for (const Node& z : nodes) {
+                if (!fits(z, 2)) continue;
+                Matrix3d b;
+                b << x.place, y.place, z.place;
+                if (std::abs(b.determinant() / a.determinant() - 1.0) > 3.0 * kSameMetric) continue;
+                const Matrix3d map = b * a.inverse();
+                const Matrix3d strain = map.transpose() * map - Matrix3d::Identity();
+                if (strain.cwiseAbs().maxCoeff() > 2.0 * kSameMetric) continue;
+                const Eigen::JacobiSVD<Matrix3d> svd(map, Eigen::ComputeFullU | Eigen::ComputeFullV);
+                const Matrix3d rotation = svd.matrixU() * svd.matrixV().transpose();
+                const double angle = Eigen::AngleAxisd(rotation).angle() / kDegree;
+                if (!smallest || angle < *smallest) smallest = angle;
+            }
+        }
+    }
+    return smallest;
+}
+
+bool areCommensurate(const Matrix3d& a, const Matrix3d& b) {
+    constexpr double kSamePlace = 0.02;
+    const Matrix3d shortA = reduced(a), shortB = reduced(b);
+    for (const Matrix3d& map : {Matrix3d(shortA.inverse() * shortB), Matrix3d(shortB.inverse() * shortA)})
+        for (int multiple = 1; multiple <= 3; ++multiple) {
+            const Matrix3d scaled = multiple * map;
+            if ((scaled - Matrix3d(scaled.array().round())).cwiseAbs().maxCoeff() < multiple * kSamePlace)
+                return true;
+        }
+    return false;
+}
+
+bool areAlike(const Matrix3d& rough, const Matrix3d& refined) {
+    constexpr double kAbout = 0.1;
+    return sameLattice(reduced(rough), reduced(refined), kAbout);
+}
+
+std::vector<Lattice> orientationsOf(const Lattice& lattice, std::span<const Vector3d> points) {
+    std::vector<Vector3d> sorted(points.begin(), points.end());
+    std::sort(sorted.begin(), sorted.end(),
+              [](const Vector3d& a, const Vector3d& b) { return a.squaredNorm() < b.squaredNorm(); });
+    // The inner half: an error of the rotation moves them least.
+    const std::span<const Vector3d> inner(sorted.data(),
+                                          std::max(sorted.size() / 2, std::min(sorted.size(), kJudges)));
+    const double radius = std::clamp(0.15 * lattice.shortestEdge(), 1.0, 2.5);
+    RotationContest contest(lattice, chosen(inner, kJudges), radius);
+    enterPairs(lattice.basis, inner.first(std::min(inner.size(), kAnchors)), contest);
+    RotationContest splits(lattice, chosen(inner, kJudges), radius);
+    enterTurns(splits);
+
+    std::vector<std::pair<double, Lattice>> fitted;
+    for (const RotationContest* one : {&contest, &splits})
+        for (const auto& [count, rotation] : one->best()) {
+            Lattice turned = lattice;
+            turned.basis = rotation * lattice.basis;
+            turned.origin = Vector3d::Zero();
+            for (const double reach : {radius, 0.7 * radius})
+                turned = fitWithin(points, turned, reach);
+            // A fit to chance points bends the cell.
+            const std::optional<double> turn = turnBetween(lattice.basis, turned.basis);
+            if (turn) fitted.emplace_back(scoreLattice(points, turned).evidence, turned);
+        }
+    std::stable_sort(fitted.begin(), fitted.end(),
+                     [](const auto& a, const auto& b) { return a.first > b.first; });
+    std::vector<Lattice> result;
+    for (auto& [evidence, one] : fitted)
+        result.push_back(std::move(one));
+    return result;
+}
+
+std::optional<FurtherLattice> findFurtherLattice(const Points& points, const std::vector<double>& weights,
+                                                 std::span<const Lattice> known, const CellSearch* search) {
+    if (known.empty() || points.size() < static_cast<std::size_t>(kFewestPoints)) return std::nullopt;
+    const auto isNew = [&](const Lattice& lattice) {
+        return std::none_of(known.begin(), known.end(), [&](const Lattice& other) {
+            return areCommensurate(other.basis, lattice.basis);
+        });
+    };
+    std::optional<FurtherLattice> best;
+    for (const Lattice& lattice : orientationsOf(known.front(), points)) {
+        const LatticeScore score = scoreLattice(points, lattice);
+        if (!explains(score) || !isNew(lattice)) continue;
+        best = FurtherLattice{{lattice, score, {}}, true};
+        break;
+    }
+    // What the same cell explains nearly wholly needs no other one.
+    constexpr double kNearlyAll = 0.75;
+    if (search && (!best || best->candidate.score.fraction() < kNearlyAll))
+        for (LatticeCandidate& candidate : search->search(points, weights)) {
+            if (!explains(candidate.score) || !isNew(candidate.lattice)) continue;
+            if (!best || candidate.score.evidence > kMuchMore * best->candidate.score.evidence) {
+                const bool same = turnBetween(known.front().basis, candidate.lattice.basis).has_value();
+                best = FurtherLattice{std::move(candidate), same};
+            }
+            break;
+        }
+    if (best) best->candidate.lattice.pixelSize = known.front().pixelSize;
+    return best;
+}
+
+}  // namespace vrk
