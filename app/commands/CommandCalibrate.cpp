@@ -8,6 +8,7 @@
 
 #include "commands/Commands.h"
 #include "console/AxisOption.h"
+#include "console/LogOption.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/NumberList.h"
 #include "pipeline/base/NumberText.h"
@@ -23,7 +24,7 @@ struct Options {
     std::filesystem::path output;
     std::string cell;
     std::string tiltAxis;
-    std::string log;
+    LogOptions log;
     RunOptions run;
     bool json = false;
 };
@@ -113,7 +114,7 @@ void printJson(Host& host, const std::vector<SeriesCalibration>& series, const C
 }
 
 void calibrateSeries(const Options& options, Host& host) {
-    if (!options.log.empty()) host.openLog(options.log);
+    host.openLog(options.log);
     const std::vector<SeriesCalibration> series = calibrations(options, host);
     const CombinedCalibration result = combined(series);
     if (valuesOf(result.calibration).empty())
@@ -155,7 +156,7 @@ void addCalibrateCommand(CommandLine& line, Host& host) {
         .positive();
     command.option("--voltage", options->run.kiloVolts, "High tension in kV [the series']").positive();
     command.flag("--json", options->json, "Print the result as JSON");
-    command.option("--log", options->log, "Write the library's messages to this file").typeName("FILE");
+    addLogOptions(command, options->log);
     command.footer(
         "Example:\n  vrk calibrate garnet.mrc --cell 11.95,11.95,11.95,90,90,90 -o distortion.json\n"
         "  vrk run unknown.mrc -o result --distortion distortion.json");

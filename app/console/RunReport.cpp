@@ -26,8 +26,8 @@ std::string axisText(const RunResult& result) {
     const TiltAxis& axis = result.axis;
     const RefinedInstrument& instrument = result.indexed.instrument;
     const double sigma = result.refinedAxisSigma();
-    const auto degrees = [](double value, double sigma) {
-        return sigma > 0.0 && std::isfinite(sigma) ? withUncertainty(value, sigma) : formatted("%.2f", value);
+    const auto degrees = [](double value, double esd) {
+        return esd > 0.0 && std::isfinite(esd) ? withUncertainty(value, esd) : formatted("%.2f", value);
     };
     std::string from = axis.source;
     if (axis.source == "refined") {
@@ -35,8 +35,8 @@ std::string axisText(const RunResult& result) {
     } else if (instrument.valid && instrument.uses(InstrumentTerm::AxisTurn)) {
         from += ' ' + degrees(axis.angle, axis.uncertainty) + ", refined";
     }
-    return degrees(result.refinedAxis(), std::isfinite(sigma) ? sigma : axis.uncertainty) + " degrees (" + from +
-           ")";
+    return degrees(result.refinedAxis(), std::isfinite(sigma) ? sigma : axis.uncertainty) + " degrees (" +
+           from + ")";
 }
 
 /// Tenths where they say something.
