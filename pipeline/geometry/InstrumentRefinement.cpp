@@ -284,38 +284,50 @@ State select(Fit& fit, State state, const InstrumentSettings& settings, Terms& u
     return state;
 }
 
+MatrixXd inverseOf(const MatrixXd& normal) {
+    const VectorXd scale = normal.diagonal().cwiseMax(1e-300).cwiseSqrt().cwiseInverse();
+    const MatrixXd scaled = scale.asDiagonal() * normal * scale.asDiagonal();
+    const MatrixXd inverse = scaled.ldlt().solve(MatrixXd::Identity(normal.rows(), normal.cols()));
+    return scale.asDiagonal() * inverse * scale.asDiagonal();
+}
+
 /// Covariance of terms and lattice, terms first.
-/// \param prior  standard deviations that terms have beforehand; 0: nothing is known
-MatrixXd covarianceOf(Fit& fit, State& state, const Terms& used,
-                      const std::array<double, kInstrumentTerms>& prior = {}) {
+MatrixXd covarianceOf(Fit& fit, State& state, const Terms& used) {
     fit.assess(state);
-    MatrixXd matrix = fit.normalMatrix(state, used);
-    Eigen::Index row = 0;
-    for (std::size_t t = 0; t < kInstrumentTerms; ++t) {
-        if (!used[t]) continue;
-        if (prior[t] > 0.0) matrix(row, row) += std::pow(state.sigma / prior[t], 2);
-        ++row;
-    }
-    const VectorXd scale = matrix.diagonal().cwiseMax(1e-300).cwiseSqrt().cwiseInverse();
-    const MatrixXd scaled = scale.asDiagonal() * matrix * scale.asDiagonal();
-    const MatrixXd inverse = scaled.ldlt().solve(MatrixXd::Identity(matrix.rows(), matrix.cols()));
-    return state.sigma * state.sigma * (scale.asDiagonal() * inverse * scale.asDiagonal());
+    return state.sigma * state.sigma * inverseOf(fit.normalMatrix(state, used));
 }
 
-/// Uncertainty of the direction of the axis with an ellipse beside it.
-double axisSigma(Fit& fit, State& state, const Terms& used, const KnownTerms& known) {
-    Terms terms = withTerms(used, {InstrumentTerm::AxisTurn});
-    std::array<double, kInstrumentTerms> prior{};
-    for (const InstrumentTerm term : {InstrumentTerm::EllipseCosine, InstrumentTerm::EllipseSine}) {
-        const auto t = static_cast<std::size_t>(term);
-        if (terms[t] || known[t]) continue;
-        terms[t] = true;
-        prior[t] = kUsualEllipse;
-    }
-    return std::sqrt(std::max(covarianceOf(fit, state, terms, prior)(0, 0), 0.0));
+/// By how much the axis of a fit that left out a component of an ellipse is turned, over the component.
+double turnByEllipse(Fit& fit, const State& state, const Terms& terms, InstrumentTerm component) {
+    const Terms all = withTerms(terms, {component});
+    const MatrixXd normal = fit.normalMatrix(state, all);
+    const auto before = all.begin() + static_cast<std::ptrdiff_t>(component);
+    const auto column = static_cast<Eigen::Index>(std::count(all.begin(), before, true));
+    std::vector<Eigen::Index> fitted;
+    for (Eigen::Index i = 0; i < normal.rows(); ++i)
+        if (i != column) fitted.push_back(i);
+    return inverseOf(normal(fitted, fitted)).row(0).dot(VectorXd(normal(fitted, column)));
 }
 
-void addUncertainties(Fit& fit, State& state, const KnownTerms& known, RefinedInstrument& result) {
+/// Uncertainties of the direction of the axis, which is the first term.
+void addAxisSigma(Fit& fit, State& state, const InstrumentSettings& settings, RefinedInstrument& result) {
+    using enum InstrumentTerm;
+    const Terms terms = withTerms(result.used, {AxisTurn});
+    result.axisTurnSigma = std::sqrt(std::max(covarianceOf(fit, state, terms)(0, 0), 0.0));
+    result.axisSigma = result.axisTurnSigma;
+    if (result.uses(EllipseCosine) || settings.known[static_cast<std::size_t>(EllipseCosine)]) return;
+    if (settings.ties.any) {
+        // It was looked for, and is not larger than its uncertainty.
+        const MatrixXd covariance = covarianceOf(fit, state, withTerms(terms, {EllipseCosine, EllipseSine}));
+        result.axisSigma = std::sqrt(std::max(covariance(0, 0), 0.0));
+        return;
+    }
+    for (const InstrumentTerm component : {EllipseCosine, EllipseSine})
+        result.axisSigma =
+            std::hypot(result.axisSigma, kUsualEllipse * turnByEllipse(fit, state, terms, component));
+}
+
+void addUncertainties(Fit& fit, State& state, const InstrumentSettings& settings, RefinedInstrument& result) {
     const MatrixXd covariance = covarianceOf(fit, state, result.used);
     const auto deviation = [&](Eigen::Index i) { return std::sqrt(std::max(covariance(i, i), 0.0)); };
     Eigen::Index row = 0;
@@ -335,7 +347,7 @@ void addUncertainties(Fit& fit, State& state, const KnownTerms& known, RefinedIn
         for (std::size_t j = 0; j < terms.size(); ++j)
             result.covariance(static_cast<Eigen::Index>(terms[i]), static_cast<Eigen::Index>(terms[j])) =
                 covariance(static_cast<Eigen::Index>(i), static_cast<Eigen::Index>(j));
-    result.axisTurnSigma = axisSigma(fit, state, result.used, known);
+    addAxisSigma(fit, state, settings, result);
 }
 
 }  // namespace
@@ -375,7 +387,7 @@ RefinedInstrument refineInstrument(std::span<const Vector3d> positions, std::spa
     fit.assess(plain);
     State state = select(fit, plain, settings, result.used);
     // The spread of the better model decides what is an outlier.
-    addUncertainties(fit, state, settings.known, result);
+    addUncertainties(fit, state, settings, result);
 
     std::vector<FitPoint> points;
     for (std::size_t i = 0; i < positions.size(); ++i)

@@ -37,9 +37,11 @@ struct RefinedInstrument {
     RefinedLattice lattice;                  ///< on the corrected positions
     std::vector<Eigen::Vector3d> positions;  ///< corrected, in the order of the input, voxels of the volume
     std::vector<Indices> indices;
-    /// Standard uncertainty of the direction of the axis, whether it was used or not, radians. An ellipse
-    /// that neither is known nor was refined counts as one of the usual strength: it turns the axis along.
+    /// Standard uncertainty of the direction of the axis, whether it was used or not, radians.
     double axisTurnSigma = std::numeric_limits<double>::infinity();
+    /// The same with what an ellipse does to it, where that is neither known nor refined: one of the usual
+    /// strength turns the axis of a crystal without ties by some tenths of a degree.
+    double axisSigma = std::numeric_limits<double>::infinity();
     double rmsBefore = 0.0;  ///< of the indexed reflections without any term, voxels
 
     double ellipse() const;         ///< strength e

@@ -2,6 +2,8 @@
 /// The same axes from metrics that differ by noise.
 #pragma once
 
+#include <vector>
+
 #include "crystallography/LatticeSymmetry.h"
 #include "crystallography/UnitCell.h"
 
@@ -13,5 +15,12 @@ namespace vrk {
 /// so that two refinements of one cell index alike. The measured cell changes with them. \param cell  that
 /// was analysed
 void settleAxes(LatticeCharacter& character, const UnitCell& cell);
+
+/// The other axes that a lattice may have as one of this type when it nearly has a higher one: rotations of
+/// the higher type take the axes to them. A tetragonal lattice that is nearly cubic has three axes that may
+/// be the fourfold one, and which it is an ellipse can hide. Settled, each once, without those given; misfits
+/// are of the measured cells.
+std::vector<LatticeCharacter> otherAxes(const LatticeCharacter& character, const LatticeCharacter& higher,
+                                        const UnitCell& cell);
 
 }  // namespace vrk

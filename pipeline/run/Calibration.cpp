@@ -193,10 +193,10 @@ private:
     /// t and t + 180 are the same line.
     std::optional<Estimate> axisOf(const SeriesCalibration& one) const {
         const RefinedInstrument& instrument = one.instrument;
-        if (!std::isfinite(instrument.axisTurnSigma)) return std::nullopt;
+        if (!std::isfinite(instrument.axisSigma)) return std::nullopt;
         const double first = m_series.front().axisAngle;
         const double angle = one.axisAngle + instrument.model[InstrumentTerm::AxisTurn] / kDegree;
-        return scalar(first + std::remainder(angle - first, 180.0), instrument.axisTurnSigma / kDegree,
+        return scalar(first + std::remainder(angle - first, 180.0), instrument.axisSigma / kDegree,
                       instrument.correlation[indexOf(InstrumentTerm::AxisTurn)]);
     }
 

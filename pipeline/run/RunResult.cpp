@@ -14,7 +14,7 @@ double RunResult::refinedAxis() const {
 double RunResult::refinedAxisSigma() const {
     const RefinedInstrument& instrument = indexed.instrument;
     if (!instrument.valid) return std::numeric_limits<double>::infinity();
-    return instrument.axisTurnSigma * 180.0 / std::numbers::pi;
+    return instrument.axisSigma * 180.0 / std::numbers::pi;
 }
 
 }  // namespace vrk

@@ -79,6 +79,38 @@ bool areAsClose(const RefinedLattice& tied, const RefinedLattice& free) {
            tied.indexed >= kSameIndexed * free.indexed;
 }
 
+/// The metric of a lattice with the ties of a character: the same for axes that only bear other names.
+Eigen::Matrix3d tiedMetric(const LatticeCharacter& character, const Lattice& lattice) {
+    Matrix34 model;
+    model << lattice.basis, lattice.origin;
+    const Eigen::Matrix3d tied = TiedLattice(tiesOf(character), model).model().leftCols<3>();
+    return tied.transpose() * tied;
+}
+
+/// Of the axes that a character may have where the lattice nearly has a higher type, those that leave the
+/// reflections closest to the nodes.
+RefinedInstrument underTiesOf(LatticeCharacter& character, const LatticeCharacter& higher,
+                              const SymmetryInput& input, const Lattice& from, int sense) {
+    constexpr std::size_t kMost = 6;
+    RefinedInstrument best = refinedInstrument(input, from, sense, tiesOf(character));
+    std::vector<Eigen::Matrix3d> metrics = {tiedMetric(character, from)};
+    for (LatticeCharacter& other : otherAxes(character, higher, from.toUnitCell())) {
+        const Eigen::Matrix3d metric = tiedMetric(other, from);
+        const bool isNew = std::none_of(metrics.begin(), metrics.end(), [&](const Eigen::Matrix3d& one) {
+            return (one - metric).norm() < 1e-6 * metric.norm();
+        });
+        if (!isNew || metrics.size() == kMost) continue;
+        metrics.push_back(metric);
+        RefinedInstrument trial = refinedInstrument(input, from, sense, tiesOf(other));
+        const bool better = trial.valid && (!best.valid || trial.lattice.rms < best.lattice.rms) &&
+                            trial.lattice.indexed >= kSameIndexed * best.lattice.indexed;
+        if (!better) continue;
+        best = std::move(trial);
+        character = other;
+    }
+    return best;
+}
+
 /// The answer to the front where no ties were accepted: the triclinic one when the reflections refuse all
 /// others, the most exact when they were too few to be asked.
 void preferExactFit(std::vector<LatticeCharacter>& characters, const RefinedLattice& lattice, bool refused) {
@@ -153,22 +185,15 @@ SymmetryChoice chooseSymmetry(const SymmetryInput& input, RefinedPositions free)
 
     const RefinedInstrument untiedInstrument = result.instrument;
     const std::size_t candidates = input.wanted ? 1 : result.characters.size();
-    std::optional<std::size_t> chosen;
     for (std::size_t i = 0; untiedInstrument.valid && i < candidates; ++i) {
-        const LatticeCharacter& character = result.characters[i];
-        // A lattice that nearly has a higher type has the lower one several times, with other axes.
-        if (chosen && character.bravaisType != result.characters[*chosen].bravaisType) continue;
-        const CellTies ties = tiesOf(character);
-        if (!ties.any) continue;
-        RefinedInstrument tied = refinedInstrument(input, from, sense, ties);
+        LatticeCharacter character = result.characters[i];
+        if (!tiesOf(character).any) continue;
+        RefinedInstrument tied = underTiesOf(character, result.characters.front(), input, from, sense);
         if (!tied.valid || !areAsClose(tied.lattice, untiedInstrument.lattice)) continue;
         if (tied.ellipse() > kMostEllipse && !input.wanted) continue;
-        if (chosen && tied.lattice.rms >= result.instrument.lattice.rms) continue;
-        chosen = i;
+        result.characters[i] = character;
+        bringToFront(result.characters, i);
         result.instrument = std::move(tied);
-    }
-    if (chosen) {
-        bringToFront(result.characters, *chosen);
         takeInstrument(result, input.tolerance);
         result.conventional = result.instrument.lattice;
         return result;

@@ -121,8 +121,11 @@ TEST(InstrumentRefinement, KnownShapesTellAnEllipseOfAnyCrystalAndKnownTermsStay
         EXPECT_NEAR(kept.lattice.cell[i], kTriclinic[i], 5e-4 * kTriclinic[i]);
         EXPECT_NEAR(kept.lattice.cell[i + 3], kTriclinic[i + 3], 0.05);
     }
-    // An ellipse that nobody knows may have turned the axis.
-    EXPECT_GT(unaware.axisTurnSigma, 1.2 * kept.axisTurnSigma);
+    // An ellipse that nobody knows turns the axis.
+    EXPECT_GT(std::abs(unaware.model[AxisTurn]), 10.0 * unaware.axisTurnSigma);
+    EXPECT_LT(std::abs(unaware.model[AxisTurn]), 2.0 * unaware.axisSigma);
+    EXPECT_LT(std::abs(kept.model[AxisTurn]), 4.0 * kept.axisSigma);
+    EXPECT_LT(kept.axisSigma, 0.02 * kDegree);
 }
 
 TEST(InstrumentRefinement, LeavesOutWhatANarrowWedgeCannotTellFromTheCell) {

@@ -82,7 +82,7 @@ vrk::SeriesCalibration saying(double tiltScale, double sigma, double axis) {
     one.instrument.used[static_cast<std::size_t>(InstrumentTerm::TiltScale)] = true;
     one.instrument.model[InstrumentTerm::TiltScale] = tiltScale - 1.0;
     one.instrument.sigma[static_cast<std::size_t>(InstrumentTerm::TiltScale)] = sigma;
-    one.instrument.axisTurnSigma = 0.01 * kDegree;
+    one.instrument.axisSigma = 0.01 * kDegree;
     return one;
 }
 

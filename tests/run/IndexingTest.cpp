@@ -109,6 +109,9 @@ TEST(IndexReflections, TheTypeIsTheHighestThatTheReflectionsBear) {
          0,
          0.8,
          LATTICE::aP},
+        {"one axis longer, as an ellipse makes another", {7, 7, 7.14, 90, 90, 90}, 0.012, 0.3, LATTICE::tP},
+        {"the same, turned otherwise", {7, 7, 7.14, 90, 90, 90}, 0.012, 0.3, LATTICE::tP},
+        {"one axis shorter", {7, 7, 6.86, 90, 90, 90}, 0.012, 0.3, LATTICE::tP},
     };
     unsigned seed = 1;
     for (const auto& one : cases) {
