@@ -1,5 +1,6 @@
 #include "pipeline/latticesearch/LatticeFit.h"
 
+#include <Eigen/Geometry>
 #include <Eigen/LU>
 #include <algorithm>
 #include <cmath>
