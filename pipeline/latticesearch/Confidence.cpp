@@ -21,7 +21,7 @@ constexpr double kThin = 0.2;
 constexpr double kLargeResidual = 1.5;  // voxels
 constexpr double kLargeShare = 0.12;
 /// Lenses stretch by one or two percent; stages turn by what they say.
-constexpr double kMostEllipse = 0.025;
+constexpr double kMostEllipse = 0.018;
 constexpr double kMostTiltScale = 0.05;
 
 /// What one level of confidence asks for.

@@ -177,6 +177,18 @@ std::vector<Vector3d> chosen(std::span<const Vector3d> points, std::size_t most)
     return result;
 }
 
+/// The evidence for points at halves and thirds of a lattice: those of a superlattice, or ghosts.
+double evidenceBetweenNodes(const Points& points, Lattice lattice) {
+    double most = 0.0;
+    const Matrix3d basis = lattice.basis;
+    lattice.origin = Vector3d::Zero();
+    for (const double part : {2.0, 3.0}) {
+        lattice.basis = basis / part;
+        most = std::max(most, scoreLattice(points, lattice).evidence);
+    }
+    return most;
+}
+
 bool explains(const LatticeScore& score) {
     return score.evidence >= kLeastEvidence && score.fraction() >= kLeastShare &&
            score.indexed >= kFewestPoints;
@@ -216,11 +228,13 @@ std::optional<double> turnBetween(const Matrix3d& from, const Matrix3d& to) {
 
 bool areCommensurate(const Matrix3d& a, const Matrix3d& b) {
     constexpr double kSamePlace = 0.02;
+    constexpr double kMostOff = 0.08;
     const Matrix3d shortA = reduced(a), shortB = reduced(b);
     for (const Matrix3d& map : {Matrix3d(shortA.inverse() * shortB), Matrix3d(shortB.inverse() * shortA)})
-        for (int multiple = 1; multiple <= 3; ++multiple) {
+        for (int multiple = 1; multiple <= 6; ++multiple) {
             const Matrix3d scaled = multiple * map;
-            if ((scaled - Matrix3d(scaled.array().round())).cwiseAbs().maxCoeff() < multiple * kSamePlace)
+            if ((scaled - Matrix3d(scaled.array().round())).cwiseAbs().maxCoeff() <
+                std::min(multiple * kSamePlace, kMostOff))
                 return true;
         }
     return false;
@@ -290,6 +304,11 @@ std::optional<FurtherLattice> findFurtherLattice(const Points& points, const std
             }
             break;
         }
+    constexpr double kAsMuch = 0.6;
+    if (best && std::any_of(known.begin(), known.end(), [&](const Lattice& lattice) {
+            return evidenceBetweenNodes(points, lattice) > kAsMuch * best->candidate.score.evidence;
+        }))
+        return std::nullopt;
     if (best) best->candidate.lattice.pixelSize = known.front().pixelSize;
     return best;
 }

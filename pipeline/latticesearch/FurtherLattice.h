@@ -28,7 +28,7 @@ std::vector<Lattice> orientationsOf(const Lattice& lattice, std::span<const Eige
 /// degrees; nothing when the metrics differ.
 std::optional<double> turnBetween(const Eigen::Matrix3d& from, const Eigen::Matrix3d& to);
 
-/// Whether two lattices, or one and a multiple of the other up to threefold, lie on each other: what looks
+/// Whether two lattices, or one and a part of the other down to a sixth, lie on each other: what looks
 /// like another crystal is then a superlattice or a fault of the centring.
 bool areCommensurate(const Eigen::Matrix3d& a, const Eigen::Matrix3d& b);
 

@@ -24,7 +24,7 @@ constexpr double kSameIndexed = 0.98;
 constexpr double kSameDistance = 1.01;
 constexpr double kSameLikelihood = 10.0;
 /// An ellipse beyond what lenses do, which would stretch a cell of lower symmetry to a higher one.
-constexpr double kMostEllipse = 0.025;
+constexpr double kMostEllipse = 0.018;
 
 CellTies tiesOf(const LatticeCharacter& character) {
     return CellTies::of(character.bravaisType, matrixOf(character));

@@ -73,6 +73,35 @@ TEST(Confidence, EachDoubtLowersItAndIsNamed) {
         {"", [](LatticeEvidence& e) { e.thinness = 0.21; }, Confidence::High},
         {"not known which part", [](LatticeEvidence& e) { e.completeness.reset(); }, Confidence::Fair},
         {"", [](LatticeEvidence& e) { e.indexedShare.reset(); }, Confidence::High},
+        {"another lattice (4 5 6) has 95 %",
+         [](LatticeEvidence& e) {
+             e.rivalEvidence = 0.95 * e.score.evidence;
+             e.rival = "4 5 6";
+         },
+         Confidence::Fair},
+        {"far off its nodes",
+         [](LatticeEvidence& e) {
+             e.residual = 1.6;
+             e.relativeResidual = 0.13;
+         },
+         Confidence::Low},
+        {"",
+         [](LatticeEvidence& e) {
+             e.residual = 1.6;
+             e.relativeResidual = 0.11;
+         },
+         Confidence::High},
+        {"determine its edges", [](LatticeEvidence& e) { e.edgeUncertainty = 0.0021; }, Confidence::Low},
+        {"distorted by 3 %", [](LatticeEvidence& e) { e.ellipse = 0.026; }, Confidence::Fair},
+        {"10 % smaller than stated", [](LatticeEvidence& e) { e.tiltScale = -0.1; }, Confidence::Fair},
+        // Half of the reflections are another crystal's.
+        {"",
+         [](LatticeEvidence& e) {
+             e.score.indexed = 45;
+             e.indexedShare = 0.5;
+             e.elsewhere = 0.5;
+         },
+         Confidence::High},
     };
     for (const auto& one : cases) {
         LatticeEvidence known = sound();
@@ -84,6 +113,17 @@ TEST(Confidence, EachDoubtLowersItAndIsNamed) {
             EXPECT_NE(verdict.reasons[0].find(one.reason), std::string::npos) << verdict.reasons[0];
         }
     }
+}
+
+TEST(Confidence, ThreeDoubtsAreTooMany) {
+    LatticeEvidence known = sound();
+    known.axisAssumed = true;
+    known.thinness = 0.1;
+    EXPECT_EQ(vrk::verdictOn(known).level, Confidence::Fair);
+    known.rivalEvidence = known.score.evidence;
+    const vrk::Verdict verdict = vrk::verdictOn(known);
+    EXPECT_EQ(verdict.level, Confidence::Low);
+    EXPECT_EQ(verdict.reasons.size(), 3U);
 }
 
 TEST(Confidence, ThinnessFollowsTheTilts) {

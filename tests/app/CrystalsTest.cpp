@@ -1,0 +1,87 @@
+// Two crystals in one series: both are found, each with its files, and one is where only one is asked for.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "app/RunVrk.h"
+#include "support/TemporaryFolder.h"
+
+namespace {
+
+using nlohmann::json;
+
+class CrystalsTest : public testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        folder = std::make_unique<TemporaryFolder>();
+        const std::string common =
+            "simulate --cell 5.2,6.1,7.3,90,104,90 --size 160 --dmin 1 --seed 4 --tilts -60:60:2 --axis 6 "
+            "--write-axis --json -o ";
+        truth = json::parse(vrk(common + "two.mrc --second-crystal 0.8").out);
+        ASSERT_EQ(vrk(common + "one.mrc").exitCode, 0);
+    }
+    static void TearDownTestSuite() { folder.reset(); }
+    static VrkResult vrk(const std::string& line) { return runVrkLine(line, *folder / "."); }
+    static bool exists(const std::string& name) { return std::filesystem::exists(*folder / name); }
+
+    static void expectCell(const json& cell, const std::string& what) {
+        const json& expected = truth["cell"]["primitive"];
+        for (const char* key : {"a", "b", "c"})
+            EXPECT_NEAR(cell[key].get<double>(), expected[key].get<double>(), 0.03) << what << key;
+    }
+
+    static std::unique_ptr<TemporaryFolder> folder;
+    static json truth;
+};
+std::unique_ptr<TemporaryFolder> CrystalsTest::folder;
+json CrystalsTest::truth;
+
+TEST_F(CrystalsTest, BothAreFoundAndMeasured) {
+    const json found = json::parse(vrk("run two.mrc -o two --no-pictures --json").out);
+    const json& crystals = found["crystals"];
+    ASSERT_EQ(crystals.size(), 2U);
+    double share = 0;
+    for (const json& crystal : crystals) {
+        expectCell(crystal["reduced"], "run ");
+        EXPECT_EQ(crystal["confidence"], "high") << crystal["reasons"];
+        EXPECT_EQ(crystal["bravais"], "mP");
+        EXPECT_GT(crystal["strong_share"], 0.3);
+        EXPECT_GT(crystal["observations"], 200);
+        share += crystal["strong_share"].get<double>();
+    }
+    EXPECT_GT(share, 0.9);
+    EXPECT_LE(share, 1.0);
+    EXPECT_TRUE(crystals[1]["same_cell"].get<bool>());
+    EXPECT_GT(crystals[1]["turn_deg"], 5);
+    // Equivalents agree since the spots of the other crystal are left out.
+    EXPECT_LT(found["intensities"]["overall"]["r_int"], 0.1);
+    EXPECT_TRUE(exists("two/crystal2.hkl") && exists("two/crystal2.ins"));
+
+    ASSERT_EQ(vrk("index two/peaks.txt two/crystal2.cell.txt -o x.hkl --json").exitCode, 0);
+    const VrkResult table = vrk("cell two/peaks.txt -o c.txt");
+    EXPECT_NE(table.out.find("crystal 2, A"), std::string::npos) << table.out;
+    const json cell = json::parse(vrk("cell two/peaks.txt -o c.txt --json").out);
+    ASSERT_EQ(cell["crystals"].size(), 1U);
+    expectCell(cell["crystals"][0]["cell"], "cell ");
+    EXPECT_TRUE(exists("c.crystal2.txt"));
+}
+
+TEST_F(CrystalsTest, OneIsWhereOneIsAskedForOrThere) {
+    const auto crystals = [](const std::string& line) {
+        return json::parse(vrk("run " + line + " -o out --no-pictures --no-integration --json").out);
+    };
+    const json asked = crystals("two.mrc --crystals 1");
+    EXPECT_EQ(asked["crystals"].size(), 1U);
+    EXPECT_NE(asked["confidence"]["level"], "high") << "half of the reflections are not explained";
+    EXPECT_FALSE(exists("out/crystal2.cell.txt"));
+    EXPECT_EQ(json::parse(vrk("cell out/peaks.txt -o d.txt --crystals 1 --json").out)["crystals"].size(), 0U);
+    const json alone = crystals("one.mrc --crystals 9");
+    EXPECT_EQ(alone["crystals"].size(), 1U);
+    EXPECT_EQ(alone["confidence"]["level"], "high");
+    EXPECT_GT(alone["crystals"][0]["strong_share"], 0.95);
+}
+
+}  // namespace

@@ -1,0 +1,99 @@
+// The lattice of a second crystal in the reflections that a first one leaves over.
+#include "pipeline/latticesearch/FurtherLattice.h"
+
+#include <gtest/gtest.h>
+
+#include <Eigen/Geometry>
+#include <random>
+
+namespace {
+
+using Eigen::Matrix3d;
+using Eigen::Vector3d;
+using vrk::Lattice;
+using vrk::Points;
+
+constexpr double kDegree = M_PI / 180;
+
+Matrix3d triclinic() {
+    Matrix3d basis;
+    basis << 11, 2, -1, 0, 13, 3, 0, 0, 15;
+    return basis;
+}
+
+Matrix3d turned(const Matrix3d& basis, double degrees) {
+    return Eigen::AngleAxisd(degrees * kDegree, Vector3d(1, 2, -1).normalized()).toRotationMatrix() * basis;
+}
+
+/// A share of the nodes within 75 voxels, blurred, outside of a wedge.
+void add(Points& points, const Matrix3d& basis, double share, std::mt19937& random) {
+    std::uniform_real_distribution<double> unit(0, 1);
+    std::normal_distribution<double> noise(0, 0.3);
+    for (int h = -9; h <= 9; ++h)
+        for (int k = -9; k <= 9; ++k)
+            for (int l = -9; l <= 9; ++l) {
+                const Vector3d p = basis * Vector3d(h, k, l);
+                if (p.norm() > 75 || p.norm() < 6 || std::abs(p.z()) > 1.7 * std::abs(p.x())) continue;
+                if (unit(random) < share)
+                    points.push_back(p + Vector3d(noise(random), noise(random), noise(random)));
+            }
+}
+
+TEST(FurtherLattice, FindsAnotherCrystalAndNothingElse) {
+    const Matrix3d first = triclinic();
+    Matrix3d other;
+    other << 9, 0, 1, 1, 16, 0, 0, 2, 12;
+    Matrix3d finer = first;
+    finer.col(0) /= 2;
+    const struct {
+        const char* name;
+        Matrix3d second;
+        double share;
+        int strays;
+        bool found;
+        bool sameCell;
+    } cases[] = {
+        {"the same cell, turned", turned(first, 70), 0.6, 60, true, true},
+        {"few of its reflections", turned(first, 70), 0.1, 20, true, true},
+        {"split", turned(first, 4), 0.6, 60, true, true},
+        {"another cell", other, 0.6, 60, true, false},
+        {"one among many strays", turned(first, 70), 0.03, 400, false, false},
+        {"nodes of a superlattice", finer, 0.6, 0, false, false},
+        {"strays alone", first, 0, 300, false, false},
+    };
+    for (const auto& one : cases) {
+        SCOPED_TRACE(one.name);
+        std::mt19937 random(8);
+        std::uniform_real_distribution<double> anywhere(-60, 60);
+        Points all, left;
+        add(all, one.second, one.share, random);
+        const Lattice known{first, Vector3d::Zero(), 5e7};
+        const Matrix3d inverse = first.inverse();
+        for (const Vector3d& point : all)
+            if (vrk::distanceToNode(point, known, inverse) > 1.3) left.push_back(point);
+        for (int i = 0; i < one.strays; ++i)
+            left.emplace_back(anywhere(random), anywhere(random), anywhere(random));
+        const vrk::CellSearch search;
+        const auto found =
+            vrk::findFurtherLattice(left, std::vector<double>(left.size(), 1), {{known}}, &search);
+        ASSERT_EQ(found.has_value(), one.found);
+        if (!found) continue;
+        EXPECT_EQ(found->sameCell, one.sameCell);
+        EXPECT_TRUE(vrk::sameLattice(found->candidate.lattice.basis, vrk::reduced(one.second), 0.03));
+        EXPECT_EQ(found->candidate.lattice.pixelSize, 5e7);
+        const bool alone = !vrk::findFurtherLattice(left, {}, {{known}}, nullptr);
+        EXPECT_EQ(alone, !one.sameCell) << "the cell of the first alone";
+    }
+}
+
+TEST(FurtherLattice, TurnsAreTheSmallestOfAllEquivalents) {
+    const Matrix3d cubic = 10 * Matrix3d::Identity();
+    const auto about = [](double degrees) {
+        return Eigen::AngleAxisd(degrees * kDegree, Vector3d::UnitZ()).toRotationMatrix();
+    };
+    EXPECT_NEAR(*vrk::turnBetween(cubic, about(87) * cubic), 3, 1e-6);
+    EXPECT_NEAR(*vrk::turnBetween(triclinic(), turned(triclinic(), 70)), 70, 1e-6);
+    EXPECT_FALSE(vrk::turnBetween(cubic, triclinic()));
+}
+
+}  // namespace
