@@ -302,18 +302,13 @@ RunResult runStages(const std::filesystem::path& path, const RunOptions& options
         intensities = timed(s.integrate, [&] {
             return intensitiesOf(best->indexed, *best, centred.counts, options.intensities, session);
         });
-        if (intensities)
-            measureOthers(*best, *intensities, centred.counts, options.intensities, s, session);
+        if (intensities) measureOthers(*best, *intensities, centred.counts, options.intensities, s, session);
     }
     s.total = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    return {std::move(best->axis),
-            std::move(best->volume),
-            std::move(best->lattice),
-            std::move(best->indexed),
-            std::move(centred.counts),
-            std::move(intensities),
-            std::move(best->crystals),
-            s};
+    return {std::move(best->axis),     std::move(best->volume),
+            std::move(best->lattice),  std::move(best->indexed),
+            std::move(centred.counts), std::move(intensities),
+            std::move(best->crystals), s};
 }
 
 }  // namespace
