@@ -440,7 +440,8 @@ VoxMRCData* VoxMRCstemProcessing::turnUndistorted(const VoxMRCData* series, doub
     if (!(strength < 0.5 && std::abs(distortion.radial) * square < 0.5))
         return refuse(kName, line("an ellipse of ", strength, " and a radial term of ",
                                   distortion.radial * square, " at the corner are no distortion by lenses"));
-    log(line("Distortion taken out and tilt axis at ", angleDegrees, " degrees turned to the y axis."));
+    if (!distortion.isNone()) log(line("An ellipse of ", strength, " is taken out."));
+    log(line("Rotation of the tilt axis at ", angleDegrees, " degrees to the y axis."));
     return turn(*series, kName, angleDegrees, distortion, 0);
 }
 

@@ -117,6 +117,9 @@ const std::vector<Operation> kAll = {
     [](VoxMRCstemProcessing& p, VoxMRCData* s) { return p.RebinImageStack(s); },
     [](VoxMRCstemProcessing& p, VoxMRCData* s) { return p.PadToSquare(s); },
     [](VoxMRCstemProcessing& p, VoxMRCData* s) { return p.CropToSquare(s); },
+    [](VoxMRCstemProcessing& p, VoxMRCData* s) {
+        return p.turnUndistorted(s, 30, {0.01, 0.01, 0});
+    },
 };
 
 }  // namespace
