@@ -156,15 +156,15 @@ void enterPairs(const Matrix3d& basis, std::span<const Vector3d> innermost, Rota
         }
 }
 
-/// Enters the small turns.
-void enterTurns(RotationContest& contest) {
-    const int most = static_cast<int>(kMostSplit / kSplitStep);
+/// Enters the small turns, in degrees.
+void enterTurns(RotationContest& contest, double largest, double step) {
+    const int most = static_cast<int>(largest / step);
     for (int x = -most; x <= most; ++x)
         for (int y = -most; y <= most; ++y)
             for (int z = -most; z <= most; ++z) {
-                const Vector3d turn = kSplitStep * kDegree * Vector3d(x, y, z);
+                const Vector3d turn = step * kDegree * Vector3d(x, y, z);
                 const double angle = turn.norm();
-                if (angle == 0.0 || angle > kMostSplit * kDegree) continue;
+                if (angle == 0.0 || angle > largest * kDegree) continue;
                 contest.enter(Eigen::AngleAxisd(angle, turn / angle).toRotationMatrix());
             }
 }
@@ -256,7 +256,7 @@ std::vector<Lattice> orientationsOf(const Lattice& lattice, std::span<const Vect
     RotationContest contest(lattice, chosen(inner, kJudges), radius);
     enterPairs(lattice.basis, inner.first(std::min(inner.size(), kAnchors)), contest);
     RotationContest splits(lattice, chosen(inner, kJudges), radius);
-    enterTurns(splits);
+    enterTurns(splits, kMostSplit, kSplitStep);
 
     std::vector<std::pair<double, Lattice>> fitted;
     for (const RotationContest* one : {&contest, &splits})
@@ -276,6 +276,33 @@ std::vector<Lattice> orientationsOf(const Lattice& lattice, std::span<const Vect
     for (auto& [evidence, one] : fitted)
         result.push_back(std::move(one));
     return result;
+}
+
+std::optional<Lattice> partOfSplit(const Lattice& average, std::span<const Vector3d> points) {
+    constexpr double kTight = 1.2;  // voxels
+    constexpr double kMostTurn = 4.0, kStep = 0.5;
+    constexpr double kManyMore = 1.15;
+    const auto within = [&](const Lattice& lattice) {
+        const Matrix3d inverse = lattice.basis.inverse();
+        return static_cast<double>(std::count_if(points.begin(), points.end(), [&](const Vector3d& point) {
+            return distanceToNode(point, lattice, inverse) <= kTight;
+        }));
+    };
+    RotationContest contest(average, chosen(points, kJudges), kTight);
+    enterTurns(contest, kMostTurn, kStep);
+    std::optional<Lattice> best;
+    double most = kManyMore * within(average);
+    for (const auto& [count, rotation] : contest.best()) {
+        Lattice part = average;
+        part.basis = rotation * average.basis;
+        part.origin = Vector3d::Zero();
+        part = fitWithin(points, part, kTight);
+        const double found = within(part);
+        if (found <= most || !turnBetween(average.basis, part.basis)) continue;
+        most = found;
+        best = part;
+    }
+    return best;
 }
 
 std::optional<FurtherLattice> findFurtherLattice(const Points& points, const std::vector<double>& weights,

@@ -32,6 +32,11 @@ std::optional<double> turnBetween(const Eigen::Matrix3d& from, const Eigen::Matr
 /// like another crystal is then a superlattice or a fault of the centring.
 bool areCommensurate(const Eigen::Matrix3d& a, const Eigen::Matrix3d& b);
 
+/// Of a crystal in two parts that are turned by few degrees against each other, a lattice fits something in
+/// between. \returns the lattice of one part, where that has far more points close to its nodes
+/// \param points  relative to the origin of reciprocal space
+std::optional<Lattice> partOfSplit(const Lattice& average, std::span<const Eigen::Vector3d> points);
+
 /// Whether a rough lattice is about a refined one.
 bool areAlike(const Eigen::Matrix3d& rough, const Eigen::Matrix3d& refined);
 

@@ -195,10 +195,40 @@ void flagCovered(IntegrationResult& integration, const std::vector<SeenSpot>& ot
     }
 }
 
-}  // namespace
+/// The first crystal anew, as one part of a split one; nothing where its reflections lie close to its nodes
+/// or no part stands out.
+std::optional<Indexed> partOf(const Indexed& first, const ReciprocalVolume& volume, const TiltAxis& axis,
+                              Session& session) {
+    constexpr double kScattered = 0.8;  // voxels
+    constexpr double kReach = 2.0;      // voxels
+    constexpr double kCloser = 0.75;
+    const RefinedLattice& average = first.refined.lattice;
+    if (average.rms < kScattered) return std::nullopt;
+    Points points;
+    for (const Eigen::Vector3d& position : first.refined.positions)
+        points.emplace_back(position - first.lattice().origin);
+    const std::optional<Lattice> part = partOfSplit(first.lattice(), points);
+    if (!part) return std::nullopt;
+    LatticeChoice choice;
+    choice.best.lattice = *part;
+    choice.best.score = scoreLattice(points, *part);
+    choice.sense = first.refined.decided ? first.refined.sense : 0;
+    choice.tolerance = std::clamp(kReach / part->shortestEdge(), 0.06, choice.tolerance);
+    std::vector<Level> levels = {first.level};
+    const QuietLog quiet(session, QuietLog::Keep::InLogAlone);
+    try {
+        Indexed indexed = indexReflections(std::move(levels), choice, volume, axis, session);
+        if (indexed.refined.lattice.sigma > kCloser * average.sigma) return std::nullopt;
+        indexed.cellThreshold = first.cellThreshold;
+        return indexed;
+    } catch (const Failure& failure) {
+        if (failure.kind() != FailureKind::NothingFound) throw;
+        return std::nullopt;
+    }
+}
 
-Crystals findFurtherCrystals(Indexed& first, const LatticeCandidate* rival, const ReciprocalVolume& volume,
-                             const TiltAxis& axis, const CrystalSearch& how, Session& session) {
+Crystals searchedFrom(Indexed& first, const LatticeCandidate* rival, const ReciprocalVolume& volume,
+                      const TiltAxis& axis, const CrystalSearch& how, Session& session) {
     Remainder left(first);
     Crystals crystals;
     crystals.firstShare = left.firstShare();
@@ -222,6 +252,20 @@ Crystals findFurtherCrystals(Indexed& first, const LatticeCandidate* rival, cons
     if (std::any_of(known.begin() + 1, known.end(), isRival)) first.evidence.rivalEvidence = 0.0;
     first.verdict = verdictOn(first.evidence);
     return crystals;
+}
+
+}  // namespace
+
+Crystals findFurtherCrystals(Indexed& first, const LatticeCandidate* rival, const ReciprocalVolume& volume,
+                             const TiltAxis& axis, const CrystalSearch& how, Session& session) {
+    Crystals crystals = searchedFrom(first, rival, volume, axis, how, session);
+    if (!crystals.others.empty() || how.most < 2) return crystals;
+    std::optional<Indexed> part = partOf(first, volume, axis, session);
+    if (!part) return crystals;
+    Crystals parts = searchedFrom(*part, nullptr, volume, axis, how, session);
+    if (parts.others.empty()) return crystals;
+    first = std::move(*part);
+    return parts;
 }
 
 void separateCrystals(std::vector<Intensities*> crystals, const std::vector<char>& centrings,

@@ -36,6 +36,9 @@ struct CrystalSearch {
 /// half, or of all of them lie on none. What lies on nodes of two crystals counts to the first of them. With
 /// others found, the confidence in the first crystal no longer suffers from their reflections.
 ///
+/// Where reflections scatter widely about the nodes of the first lattice, it may lie between the parts of a
+/// split crystal; it becomes the lattice of one part when the other part is found then.
+///
 /// A first lattice that is itself hardly more than a guess is followed by no other.
 /// \param rival  runner-up of the first lattice; may be null. That of another crystal is none.
 Crystals findFurtherCrystals(Indexed& first, const LatticeCandidate* rival, const ReciprocalVolume& volume,

@@ -14,19 +14,17 @@
 namespace vrk {
 namespace {
 
-/// Tolerance of the fractional indices.
-constexpr double kIndexTolerance = 0.25;
 /// A list of which this share lies on the lattice is clean.
 constexpr double kWellIndexed = 0.95;
 /// A higher level must have this many reflections to be taken for its cleanness.
 constexpr std::size_t kEnoughReflections = 150;
 
 std::optional<RefinedPositions> refine(const Level& level, const Lattice& start, const SeriesFacts& facts,
-                                       int sense) {
+                                       const LatticeChoice& choice) {
     RefinementSettings settings;
-    settings.sense = sense;
+    settings.sense = choice.sense;
     settings.wavelength = facts.wavelength();
-    settings.tolerance = kIndexTolerance;
+    settings.tolerance = choice.tolerance;
     const std::vector<Eigen::Vector3d> positions = level.positions();
     return refinePositions(positions, level.tilts(), start, settings);
 }
@@ -67,7 +65,7 @@ bool confirmsAxis(const RefinedInstrument& instrument) {
 }
 
 /// Goes on with what the reflections say under the ties of their lattice type.
-void takeSymmetry(Indexed& result, const ReciprocalVolume& volume) {
+void takeSymmetry(Indexed& result, const ReciprocalVolume& volume, double tolerance) {
     const std::vector<Eigen::Vector3d> positions = result.level.positions();
     const std::vector<double> tilts = result.level.tilts();
     SymmetryInput input;
@@ -76,7 +74,7 @@ void takeSymmetry(Indexed& result, const ReciprocalVolume& volume) {
     input.centre = volume.centre();
     input.halfWidth = 0.5 * volume.voxels->GetWidth();
     input.wavelength = volume.facts.wavelength();
-    input.tolerance = kIndexTolerance;
+    input.tolerance = tolerance;
     input.known = knownTerms(volume.facts);
     SymmetryChoice choice = chooseSymmetry(input, std::move(result.refined));
     result.strain = strainText(choice.conventional, choice.untied, choice.characters.front().bravaisType);
@@ -132,7 +130,7 @@ Indexed indexReflections(std::vector<Level> levels, const LatticeChoice& choice,
     start.origin = volume.centre();
     start.pixelSize = facts.pixelSize;
     start = niggliReduced(start);
-    const std::optional<RefinedPositions> first = refine(levels[choice.level], start, facts, choice.sense);
+    const std::optional<RefinedPositions> first = refine(levels[choice.level], start, facts, choice);
     if (!first)
         throw Failure("a lattice was found, but its cell could not be refined; " + whatToTry(),
                       FailureKind::NothingFound);
@@ -140,7 +138,7 @@ Indexed indexReflections(std::vector<Level> levels, const LatticeChoice& choice,
 
     const auto share = [&](std::size_t i) -> std::optional<LevelShare> {
         session.checkCanceled();
-        const std::optional<RefinedPositions> trial = refine(levels[i], start, facts, choice.sense);
+        const std::optional<RefinedPositions> trial = refine(levels[i], start, facts, choice);
         if (!trial) return std::nullopt;
         return LevelShare{levels[i].reflections.size(), trial->lattice.indexed};
     };
@@ -149,11 +147,11 @@ Indexed indexReflections(std::vector<Level> levels, const LatticeChoice& choice,
     Indexed result;
     result.cellThreshold = levels[choice.level].threshold;
     result.level = std::move(levels[chosen]);
-    std::optional<RefinedPositions> refined = refine(result.level, start, facts, choice.sense);
+    std::optional<RefinedPositions> refined = refine(result.level, start, facts, choice);
     if (!refined)
         throw Failure("the reflections could not be indexed; " + whatToTry(), FailureKind::NothingFound);
     result.refined = std::move(*refined);
-    takeSymmetry(result, volume);
+    takeSymmetry(result, volume, choice.tolerance);
     result.resolution = finestSpacing(result.refined);
     result.completeness = completenessOf(result.lattice(), result.refined.indices,
                                          recordedSpace(volume, result.level, result.refined.sense));

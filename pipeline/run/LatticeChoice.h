@@ -18,6 +18,7 @@ struct LatticeChoice {
     std::optional<LatticeCandidate> runnerUp;
     std::size_t level = 0;    ///< at which it was found
     int sense = 0;            ///< of the tilt, where another crystal tells it; 0: to be found
+    double tolerance = 0.25;  ///< of the fractional indices; less for a part of a split crystal
     CellEvaluation evidence;  ///< of the best, among the reflections that found it
 };
 

