@@ -6,6 +6,8 @@
 #include <map>
 
 #include "pipeline/base/Failure.h"
+#include "pipeline/run/PeakCell.h"
+#include "reflections/ReflexVector.h"
 #include "support/RecordedReflections.h"
 
 namespace {
@@ -137,6 +139,29 @@ TEST(IndexReflections, AnAxisThatNobodyStatedMustBeConfirmed) {
     EXPECT_EQ(level({}, 0.8, "assumed"), vrk::Confidence::High);
     EXPECT_EQ(level({.axisTurn = 1}, 0.8, "assumed"), vrk::Confidence::Fair);
     EXPECT_EQ(level({.axisTurn = 1}, 0.8, "header"), vrk::Confidence::High);
+}
+
+TEST(FindCell, TrustsNoNarrowRangeOfTiltsHighly) {
+    const auto reasonsAt = [](double most) {
+        const Recorded data({9, 11, 14, 90, 98, 90}, {},
+                            {.noise = 0.3, .seed = 5, .tiltFirst = -most, .tiltLast = most, .share = 0.9});
+        vrk::PeakList peaks;
+        peaks.reflections.reset(new ReflexVector);
+        for (const Eigen::Vector3d& position : data.positions) {
+            const Eigen::Vector3d p = position - data.centre;
+            if (p.norm() < 110) peaks.reflections->push_back(new Reflex(p.x(), p.y(), p.z()));
+        }
+        vrk::Observer silent;
+        vrk::Session session(silent);
+        const vrk::PeakCell cell = vrk::findCell(peaks, {.pixelSize = vrk::test::kPixelSize}, session);
+        EXPECT_NE(cell.verdict.level, vrk::Confidence::High);
+        std::string reasons;
+        for (const std::string& reason : cell.verdict.reasons)
+            reasons += reason + "; ";
+        return reasons;
+    };
+    EXPECT_NE(reasonsAt(10).find("narrow"), std::string::npos) << reasonsAt(10);
+    EXPECT_EQ(reasonsAt(60).find("narrow"), std::string::npos) << reasonsAt(60);
 }
 
 TEST(IndexReflections, RefusesWhatDeterminesNoCell) {
