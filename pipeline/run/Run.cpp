@@ -281,6 +281,7 @@ RunResult runStages(const std::filesystem::path& path, const RunOptions& options
                       " states gives no convincing lattice; it is searched"
                 : "the series does not state its tilt axis, and along y gives no convincing lattice; "
                   "it is searched");
+        session.beginPart(3, kRunParts, "search the tilt axis");
         const std::optional<TiltAxis> found =
             timed(s.tiltAxis, [&] { return searchedAxis(centred, options.axis, session); });
         std::optional<Attempt> searched;
