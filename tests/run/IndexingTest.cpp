@@ -153,7 +153,9 @@ TEST(FindCell, TrustsNoNarrowRangeOfTiltsHighly) {
         }
         vrk::Observer silent;
         vrk::Session session(silent);
-        const vrk::PeakCell cell = vrk::findCell(peaks, {.pixelSize = vrk::test::kPixelSize}, session);
+        vrk::PeakCellOptions options;
+        options.pixelSize = vrk::test::kPixelSize;
+        const vrk::PeakCell cell = vrk::findCell(peaks, options, session);
         EXPECT_NE(cell.verdict.level, vrk::Confidence::High);
         std::string reasons;
         for (const std::string& reason : cell.verdict.reasons)
