@@ -19,12 +19,13 @@ constexpr LatticeTolerances kSymmetryTolerances{2.5, 0.03};
 constexpr double kSameSpread = 1.04;
 constexpr double kSmallSpread = 0.01;  // voxels
 constexpr double kSameIndexed = 0.98;
+/// Microscopes have ellipses of one to one and a half per cent. A larger one makes a lattice of a type that
+/// it is not.
+constexpr double kMostEllipse = 0.018;
 /// What ties may add to the mean distance: this share, which errors that reflections have in common may cost,
 /// or where they are few what this loss of likelihood, in nats, comes to.
 constexpr double kSameDistance = 1.01;
 constexpr double kSameLikelihood = 10.0;
-/// An ellipse beyond what lenses do, which would stretch a cell of lower symmetry to a higher one.
-constexpr double kMostEllipse = 0.018;
 
 CellTies tiesOf(const LatticeCharacter& character) {
     return CellTies::of(character.bravaisType, matrixOf(character));
@@ -79,6 +80,10 @@ bool areAsClose(const RefinedLattice& tied, const RefinedLattice& free) {
            tied.indexed >= kSameIndexed * free.indexed;
 }
 
+bool isPossible(const RefinedInstrument& instrument) {
+    return instrument.valid && instrument.ellipse() <= kMostEllipse;
+}
+
 /// The metric of a lattice with the ties of a character: the same for axes that only bear other names.
 Eigen::Matrix3d tiedMetric(const LatticeCharacter& character, const Lattice& lattice) {
     Matrix34 model;
@@ -102,8 +107,10 @@ RefinedInstrument underTiesOf(LatticeCharacter& character, const LatticeCharacte
         if (!isNew || metrics.size() == kMost) continue;
         metrics.push_back(metric);
         RefinedInstrument trial = refinedInstrument(input, from, sense, tiesOf(other));
-        const bool better = trial.valid && (!best.valid || trial.lattice.rms < best.lattice.rms) &&
-                            trial.lattice.indexed >= kSameIndexed * best.lattice.indexed;
+        if (!isPossible(trial)) continue;
+        const bool better =
+            !isPossible(best) || (trial.lattice.rms < best.lattice.rms &&
+                                  trial.lattice.indexed >= kSameIndexed * best.lattice.indexed);
         if (!better) continue;
         best = std::move(trial);
         character = other;
@@ -189,8 +196,9 @@ SymmetryChoice chooseSymmetry(const SymmetryInput& input, RefinedPositions free)
         LatticeCharacter character = result.characters[i];
         if (!tiesOf(character).any) continue;
         RefinedInstrument tied = underTiesOf(character, result.characters.front(), input, from, sense);
-        if (!tied.valid || !areAsClose(tied.lattice, untiedInstrument.lattice)) continue;
-        if (tied.ellipse() > kMostEllipse && !input.wanted) continue;
+        if (!(input.wanted ? tied.valid : isPossible(tied)) ||
+            !areAsClose(tied.lattice, untiedInstrument.lattice))
+            continue;
         result.characters[i] = character;
         bringToFront(result.characters, i);
         result.instrument = std::move(tied);
