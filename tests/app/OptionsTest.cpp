@@ -131,7 +131,7 @@ const std::vector<Command> kCommands = {
       {"--tilt-axis 5.5", "/axis_angle_deg/value! c.json~"},
       {"--pixel-size 1.5e8", "/frame/pixel_size=1.5e8"},
       {"--voltage 60", "/series/0/residual_px!"},
-      {"--log l.txt", "l.txt?"}},
+      {"--log l.txt --log-level debug", "l.txt?"}},
      "--distortion"},
     {"reconstruct clean.mrc -o v.mrc --json",
      {{"--fine-calibration cal.txt", "/pixel_size=1.7e8"},

@@ -25,13 +25,16 @@ chmod +x bin/vrk
 ln -s "$work/bin/vrk" build/release/app/vrk
 export PATH=$work/bin:$PATH
 
-# A series of 41 frames that finds its cell in no time; files are recognised by their content, not by their names.
-"$vrk" simulate -o series.mrc --cell 6.1,6.1,6.1,90,90,90 --centring I --size 80 --dmin 0.95 --tilts -60:60:3 --axis 49 --write-axis --peak 20000 >log.txt
+# A series of 81 frames that finds its cell in no time; files are recognised by their content, not by their names.
+"$vrk" simulate -o series.mrc --cell 6.1,6.1,6.1,90,90,90 --centring I --size 80 --dmin 0.95 --tilts -60:60:1.5 --axis 49 --write-axis --peak 20000 >log.txt
+"$vrk" simulate -o garnet.mrc --cell 11.95,11.95,11.95,90,90,90 --centring I --size 112 --dmin 1.7 --tilts -60:60:3 --peak 20000 >log.txt
+"$vrk" run series.mrc -o result3 --no-pictures --no-integration >log.txt
+for name in one two unknown; do cp series.mrc $name.mrc; done
 mkdir frames vrk-demo
 cp series.mrc frames/Frame_0001.img
 cp series.mrc vrk-demo/series.mrc
 for name in stack.mrc movie.tif; do cp series.mrc "$name"; done
-for tilt in $(seq -60 3 60); do echo "$tilt"; done >stack.rawtlt
+for tilt in $(seq -60 1.5 60); do echo "$tilt"; done >stack.rawtlt
 cp stack.rawtlt movie.rawtlt
 echo "1.6e8 1.61e8" >calibration.txt
 
