@@ -139,23 +139,26 @@ bool isBetter(const Attempt& next, const Attempt& best) {
 }
 
 /// Follows the axis that the reflections ask for unless that explains fewer of them by far.
-void followAxis(Attempts& attempts, Attempt& best, Session& session) {
+void followAxis(Attempts& attempts, Attempt& best) {
     for (int rebuild = 0; rebuild < kMostRebuilds; ++rebuild) {
         const double turn = turnOf(best.indexed);
         if (std::abs(turn) < kAxisMoved) break;
         TiltAxis axis = best.axis;
-        if (!axis.stated && axis.source != "assumed") axis.stated = axis.angle;
+        if (!axis.stated && axis.source != "assumed" && axis.source != "search") axis.stated = axis.angle;
         axis.angle = std::remainder(axis.angle + turn, 360.0);
         axis.source = "refined";
         std::optional<Attempt> next = attempts.tryAt(axis);
         if (!next || !isBetter(*next, best)) break;
         best = std::move(*next);
     }
-    if (!best.axis.stated) return;
+}
+
+void tellMovedAxis(const TiltAxis& axis, Session& session) {
+    if (!axis.stated) return;
     std::ostringstream text;
     text.precision(4);
-    text << "the tilt axis was given as " << *best.axis.stated << " degrees; the reflections say "
-         << best.axis.angle << ", which was used";
+    text << "the tilt axis was given as " << *axis.stated << " degrees; the reflections say " << axis.angle
+         << ", which was used";
     session.warn(text.str());
 }
 
@@ -179,7 +182,8 @@ std::optional<Attempt> withRefinedCentres(const CentredSeries& series, const Att
         return std::nullopt;
     const CentredSeries better =
         timed(seconds.preprocess, [&] { return recentred(series, shifts, best.axis.angle, session); });
-    std::optional<Attempt> next = Attempts(better, options, seconds, session, remains).tryAt(best.axis);
+    Attempts attempts(better, options, seconds, session, remains);
+    std::optional<Attempt> next = attempts.tryAt(best.axis);
     const bool helps = next && (meritOf(*next) > meritOf(best) ||
                                 (meritOf(*next) > 0.95 * meritOf(best) &&
                                  next->indexed.refined.lattice.rms < 0.9 * best.indexed.refined.lattice.rms));
@@ -188,6 +192,8 @@ std::optional<Attempt> withRefinedCentres(const CentredSeries& series, const Att
         "the spots of " + std::to_string(moved) + " patterns lie off the nodes of the lattice together" +
         (aside > 0 ? ", those of " + std::to_string(aside) + " by a fraction of a base vector" : "") +
         "; their centres were put right");
+    // Patterns off their places hide where the axis is.
+    followAxis(attempts, *next);
     return next;
 }
 
@@ -271,7 +277,7 @@ RunResult runStages(const std::filesystem::path& path, const RunOptions& options
     Attempts attempts(centred, options, s, session, remains);
     const bool mayChoose = options.axis.source == AxisChoice::Source::Series;
     std::optional<Attempt> best = mayChoose ? attempts.tryAt(axis) : attempts.at(axis);
-    if (best) followAxis(attempts, *best, session);
+    if (best) followAxis(attempts, *best);
     // A second crystal may be why the first one leaves much over.
     if (best && mayChoose && isDoubtful(best)) findCrystals(*best, options, false, s, session);
     if (mayChoose && isDoubtful(best)) {
@@ -286,7 +292,7 @@ RunResult runStages(const std::filesystem::path& path, const RunOptions& options
             timed(s.tiltAxis, [&] { return searchedAxis(centred, options.axis, session); });
         std::optional<Attempt> searched;
         if (found) searched = attempts.tryAt(*found);
-        if (searched) followAxis(attempts, *searched, session);
+        if (searched) followAxis(attempts, *searched);
         if (searched && (!best || meritOf(*searched) > meritOf(*best))) best = std::move(searched);
     }
     if (!best) throw attempts.firstFailure();
@@ -295,6 +301,7 @@ RunResult runStages(const std::filesystem::path& path, const RunOptions& options
     if (auto refined = withRefinedCentres(centred, *best, options, s, session, remains))
         best = std::move(refined);
     if (best->crystals.others.empty()) findCrystals(*best, options, true, s, session);
+    tellMovedAxis(best->axis, session);
     if (!best->indexed.strain.empty()) session.warn(best->indexed.strain);
     if (best->axis.source == "assumed" && best->indexed.axisConfirmed) best->axis.source = "refined";
     std::optional<Intensities> intensities;
