@@ -20,8 +20,7 @@ constexpr double kThin = 0.2;
 /// indexed with a tolerance of a quarter have a quarter of the edge.
 constexpr double kLargeResidual = 1.5;  // voxels
 constexpr double kLargeShare = 0.12;
-/// Lenses stretch by one or two percent; stages turn by what they say.
-constexpr double kMostEllipse = 0.018;
+/// Stages turn by what they say.
 constexpr double kMostTiltScale = 0.05;
 
 /// What one level of confidence asks for.

@@ -13,6 +13,10 @@
 
 namespace vrk {
 
+/// Microscopes have ellipses of one to one and a half per cent. A larger one makes a lattice of a type that
+/// it is not.
+inline constexpr double kMostEllipse = 0.018;
+
 enum class Confidence { High, Fair, Low };
 const char* nameOf(Confidence confidence);
 

@@ -6,6 +6,7 @@
 
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/NumberText.h"
+#include "pipeline/latticesearch/Confidence.h"
 #include "pipeline/latticesearch/EquivalentAxes.h"
 #include "pipeline/run/Advice.h"
 
@@ -19,9 +20,6 @@ constexpr LatticeTolerances kSymmetryTolerances{2.5, 0.03};
 constexpr double kSameSpread = 1.04;
 constexpr double kSmallSpread = 0.01;  // voxels
 constexpr double kSameIndexed = 0.98;
-/// Microscopes have ellipses of one to one and a half per cent. A larger one makes a lattice of a type that
-/// it is not.
-constexpr double kMostEllipse = 0.018;
 /// What ties may add to the mean distance: this share, which errors that reflections have in common may cost,
 /// or where they are few what this loss of likelihood, in nats, comes to.
 constexpr double kSameDistance = 1.01;
