@@ -35,7 +35,8 @@ Eigen::Matrix3d matrixOf(const Json& rows) {
 /// Takes over what the summary says. \returns the tilts of the patterns, degrees
 std::vector<float> takeSummary(const Json& json, CalibrationInput& input) {
     input.axisAngle = json.at("tilt_axis").at("angle_deg").get<double>();
-    input.sense = json.at("handedness").at("sense").get<int>();
+    // The side of the sphere, which the summary states, is opposite to the sense of the positions.
+    input.sense = -json.at("handedness").at("sense").get<int>();
     input.wavelength = EwaldCurvature::wavelength(json.at("parameters").at("voltage_kv").get<double>());
     input.lattice.pixelSize = json.at("input").at("pixel_size").get<double>();
     const Json& cell = json.at("cell");
