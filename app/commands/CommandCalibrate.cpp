@@ -146,12 +146,7 @@ void addCalibrateCommand(CommandLine& line, Host& host) {
             "Conventional cell of the crystal, a,b,c in Angstrom and alpha,beta,gamma in degrees: gives the "
             "scale of the pixel size, and lets a crystal of any symmetry tell the distortion")
         .typeName("A,B,C,AL,BE,GA");
-    command
-        .option("--tilt-axis", options->tiltAxis,
-                "Angle of the tilt axis from y in degrees, 'search', or 'none' for an axis along y "
-                "[what the series says, otherwise along y]")
-        .check(axisProblem)
-        .typeName("DEG|search|none");
+    addAxisOption(command, options->tiltAxis);
     command.option("--pixel-size", options->run.pixelSize, "Pixel size in 1/m per pixel [the series']")
         .positive();
     command.option("--voltage", options->run.kiloVolts, "High tension in kV [the series']").positive();

@@ -133,12 +133,7 @@ void addRunCommand(CommandLine& line, Host& host) {
         .required()
         .typeName("SERIES.mrc");
     command.option("-o,--output", options->folder, "Folder for the results").required().typeName("FOLDER");
-    command
-        .option("--tilt-axis", options->tiltAxis,
-                "Angle of the tilt axis from y in degrees, 'search', or 'none' for an axis along y "
-                "[what the series says, otherwise along y]")
-        .check(axisProblem)
-        .typeName("DEG|search|none");
+    addAxisOption(command, options->tiltAxis);
     addCentreOption(command, options->centre);
     command.option("--pixel-size", options->run.pixelSize, "Pixel size in 1/m per pixel [the series']")
         .positive();

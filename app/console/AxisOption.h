@@ -4,12 +4,13 @@
 
 #include <string>
 
+#include "console/CommandLine.h"
 #include "pipeline/run/RunOptions.h"
 
 namespace vrk::app {
 
-/// What is wrong with the value of the option; empty when nothing is.
-std::string axisProblem(const std::string& text);
+/// Adds the option to a command.
+void addAxisOption(Command& command, std::string& text);
 
 /// Sets source and angle. An empty text leaves both as they are.
 void setAxis(AxisChoice& choice, const std::string& text);

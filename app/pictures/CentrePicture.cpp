@@ -4,9 +4,7 @@
 #include <cmath>
 #include <sstream>
 
-#include "pipeline/base/Failure.h"
-#include "pipeline/base/OutputFile.h"
-#include "visualisation/VoxOpenCV.h"
+#include "pictures/Pictures.h"
 
 namespace vrk::app {
 namespace {
@@ -81,10 +79,7 @@ void writeCentrePicture(const std::vector<double>& tilts, const std::vector<Patt
         }
     }
     picture.overlay.title = "direct beam";
-    OutputFile file(path);
-    if (!VoxOpenCV::SaveImage(picture.image, file.path().string(), picture.overlay))
-        throw Failure("cannot write the picture " + path.string() + "; check the folder and the free space");
-    file.commit();
+    savePicture(picture.image, picture.overlay, path);
 }
 
 }  // namespace vrk::app

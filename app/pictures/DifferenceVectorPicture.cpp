@@ -3,9 +3,7 @@
 #include <array>
 #include <cmath>
 
-#include "pipeline/base/Failure.h"
-#include "pipeline/base/OutputFile.h"
-#include "visualisation/VoxOpenCV.h"
+#include "pictures/Pictures.h"
 
 namespace vrk::app {
 namespace {
@@ -83,10 +81,7 @@ void writeDifferenceVectorPicture(const Points& points, const Lattice& lattice, 
             }
     picture.labelAxes();
     picture.overlay.title = "difference vectors";
-    OutputFile file(path);
-    if (!VoxOpenCV::SaveImage(picture.image, file.path().string(), picture.overlay))
-        throw Failure("cannot write the picture " + path.string() + "; check the folder and the free space");
-    file.commit();
+    savePicture(picture.image, picture.overlay, path);
 }
 
 }  // namespace vrk::app

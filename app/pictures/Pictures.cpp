@@ -18,22 +18,22 @@ namespace {
 
 namespace fs = std::filesystem;
 
+void commitIf(bool saved, OutputFile& file, const fs::path& path) {
+    if (!saved)
+        throw Failure("cannot write the picture " + path.string() + "; check the folder and the free space");
+    file.commit();
+}
+
 void save(const PlaneImage& image, const ImageOverlay& overlay, bool tga, fs::path path,
           std::vector<fs::path>& written) {
-    const auto finish = [&](bool saved, OutputFile& file) {
-        if (!saved)
-            throw Failure("cannot write the picture " + path.string() +
-                          "; check the folder and the free space");
-        file.commit();
-        written.push_back(path);
-    };
     path.replace_extension(".png");
-    OutputFile png(path);
-    finish(VoxOpenCV::SaveImage(image, png.path().string(), overlay), png);
+    savePicture(image, overlay, path);
+    written.push_back(path);
     if (!tga) return;
     path.replace_extension(".tga");
     OutputFile plain(path);
-    finish(VoxOpenCV::SaveTGA(image, plain.path().string()), plain);
+    commitIf(VoxOpenCV::SaveTGA(image, plain.path().string()), plain, path);
+    written.push_back(path);
 }
 
 ReciprocalSection::Settings planeSettings(const std::string& plane) {
@@ -73,6 +73,11 @@ std::vector<fs::path> project(const Data& data, bool tga, const fs::path& folder
 }
 
 }  // namespace
+
+void savePicture(const PlaneImage& image, const ImageOverlay& overlay, const fs::path& path) {
+    OutputFile file(path);
+    commitIf(VoxOpenCV::SaveImage(image, file.path().string(), overlay), file, path);
+}
 
 void checkPlanes(const std::vector<std::string>& planes) {
     for (const std::string& plane : planes)
@@ -124,10 +129,7 @@ void writePattern(const VoxMRCData& series, int slice, std::optional<double> axi
         std::snprintf(title.data(), title.size(), "axis %.1f", *axis);
         overlay.lines.push_back({middleX - x, middleY - y, middleX + x, middleY + y, title.data()});
     }
-    OutputFile file(path);
-    if (!VoxOpenCV::SaveImage(image, file.path().string(), overlay))
-        throw Failure("cannot write the picture " + path.string() + "; check the folder and the free space");
-    file.commit();
+    savePicture(image, overlay, path);
 }
 
 }  // namespace vrk::app

@@ -10,6 +10,7 @@
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "VoxCore/DataModel/VoxVolumeData.h"
 #include "crystallography/UnitCell.h"
+#include "visualisation/PlaneImage.h"
 
 namespace vrk::app {
 
@@ -25,6 +26,9 @@ struct SectionOptions {
     /// Also write TGA files.
     bool tga = false;
 };
+
+/// Writes a picture. Throws Failure when it cannot be written.
+void savePicture(const PlaneImage& image, const ImageOverlay& overlay, const std::filesystem::path& path);
 
 /// Throws Failure on the first name that is no plane.
 void checkPlanes(const std::vector<std::string>& planes);

@@ -3,11 +3,9 @@
 #include <algorithm>
 #include <cmath>
 
+#include "pictures/Pictures.h"
 #include "pipeline/base/Angle.h"
-#include "pipeline/base/Failure.h"
 #include "pipeline/base/NumberText.h"
-#include "pipeline/base/OutputFile.h"
-#include "visualisation/VoxOpenCV.h"
 
 namespace vrk::app {
 namespace {
@@ -48,11 +46,7 @@ public:
     }
     void save(const std::string& title, const std::filesystem::path& path) {
         m_overlay.title = title;
-        OutputFile file(path);
-        if (!VoxOpenCV::SaveImage(m_image, file.path().string(), m_overlay))
-            throw Failure("cannot write the picture " + path.string() +
-                          "; check the folder and the free space");
-        file.commit();
+        savePicture(m_image, m_overlay, path);
     }
 
 private:

@@ -34,11 +34,16 @@ std::vector<bool> claimedBy(const RefinedPositions& refined) {
     return claimed;
 }
 
+std::vector<double> intensitiesOf(const Level& level) {
+    std::vector<double> result;
+    for (const FoundReflection& reflection : level.reflections)
+        result.push_back(reflection.intensity);
+    return result;
+}
+
 /// The stronger half of a list.
 std::vector<bool> strongOnes(const Level& level) {
-    std::vector<double> intensities;
-    for (const FoundReflection& reflection : level.reflections)
-        intensities.push_back(reflection.intensity);
+    const std::vector<double> intensities = intensitiesOf(level);
     const double middle = intensities.empty() ? 0.0 : medianOf(intensities);
     std::vector<bool> strong;
     for (const double intensity : intensities)
@@ -110,13 +115,6 @@ private:
     std::vector<bool> m_strong;
     double m_firstShare = 0.0;
 };
-
-std::vector<double> intensitiesOf(const Level& level) {
-    std::vector<double> result;
-    for (const FoundReflection& reflection : level.reflections)
-        result.push_back(reflection.intensity);
-    return result;
-}
 
 /// The next crystal; nothing where there is none.
 std::optional<FurtherCrystal> nextCrystal(const Indexed& first, const Remainder& left,
