@@ -24,6 +24,7 @@ std::string allOptions(const CommandDescription& command) {
 void printBash(std::ostream& out, const CommandDescription& program,
                const std::vector<CommandDescription>& commands) {
     std::vector<std::string> names;
+    names.reserve(commands.size());
     for (const CommandDescription& command : commands)
         names.push_back(command.name);
     out << "# bash completion of vrk, made by 'vrk completion bash'\n"

@@ -402,6 +402,62 @@ void index(Host& host, const Options& options) {
         report(host, result, files);
 }
 
+/// What the indices are of, and what the positions are.
+void addModelOptions(Command& command, Options& options) {
+    command
+        .option(
+            "--lattice", options.lattice,
+            "Setting of cell and indices: primitive (the cell of the file), auto (the conventional cell that "
+            "'vrk run' would choose) or a Bravais type, cP to aP; its symmetry ties the cell that is "
+            "reported, not the indices")
+        .showDefault()
+        .oneOf({"primitive", "auto", "cP", "cI", "cF", "tP", "tI", "hP", "hR", "oP", "oI", "oC", "oF", "mP",
+                "mC", "aP"});
+    command
+        .option("--tolerance", options.tolerance, "Greatest distance of a fractional index from an integer")
+        .showDefault()
+        .range(0.001, 0.5);
+    command.flag("--keep-cell", options.keepCell, "Index with the cell as it is, without refining it");
+    command
+        .option("--voltage", options.voltage,
+                "High tension in kV; corrects for the curvature of the Ewald sphere and "
+                "finds the sense of the tilt")
+        .positive();
+    command
+        .option("--pixel-size", options.pixelSize,
+                "Pixel size in 1/m per voxel [that of the peak file, else of the cell file]")
+        .positive();
+    command
+        .option("--positions", options.positions,
+                "What the positions are. voxel: places in the volume, corrected for its sampling; "
+                "exact: taken as they are [voxel for "
+                "a peak file, exact for a list]")
+        .oneOf({"voxel", "exact"});
+}
+
+void addResultOptions(Command& command, Options& options) {
+    command
+        .option("-o,--output", options.output, "Reflections to write; without it the cell alone is refined")
+        .typeName("HKL");
+    command
+        .option("--format", options.format,
+                "Format. hkl: fixed columns 3I4,2F8.2; shelx: HKLF 4, scaled as a whole, with an .ins "
+                "file beside it; "
+                "mtz; cif [by the output's extension, else hkl]. All but hkl add up the pieces of a "
+                "reflection that broke up")
+        .oneOf({"hkl", "shelx", "mtz", "cif"});
+    command.option("--volume", options.volume, "Integrate intensities from this volume [those of the list]")
+        .typeName("VOLUME.mrc");
+    command.option("--radius", options.radius, "Radius of the integration with --volume, voxels")
+        .showDefault()
+        .range(0.5, 50.0);
+    command.option("--formula", options.formula, "Content for the files, for instance \"Ca3 Al2 Si3 O12\"");
+    command.option("--cell-out", options.cellOutput, "Write the refined primitive cell here")
+        .typeName("CELL");
+    command.option("--plots", options.plots, "Write plots of displacements and indices into this folder")
+        .typeName("DIR");
+}
+
 }  // namespace
 
 void addIndexCommand(CommandLine& line, Host& host) {
@@ -413,55 +469,8 @@ void addIndexCommand(CommandLine& line, Host& host) {
         .required()
         .typeName("PEAKS");
     command.option("cell", options->cell, "Cell file").required().typeName("CELL");
-    command
-        .option("-o,--output", options->output, "Reflections to write; without it the cell alone is refined")
-        .typeName("HKL");
-    command
-        .option("--format", options->format,
-                "Format. hkl: fixed columns 3I4,2F8.2; shelx: HKLF 4, scaled as a whole, with an .ins "
-                "file beside it; "
-                "mtz; cif [by the output's extension, else hkl]. All but hkl add up the pieces of a "
-                "reflection that broke up")
-        .oneOf({"hkl", "shelx", "mtz", "cif"});
-    command
-        .option(
-            "--lattice", options->lattice,
-            "Setting of cell and indices: primitive (the cell of the file), auto (the conventional cell that "
-            "'vrk run' would choose) or a Bravais type, cP to aP; its symmetry ties the cell that is "
-            "reported, not the indices")
-        .showDefault()
-        .oneOf({"primitive", "auto", "cP", "cI", "cF", "tP", "tI", "hP", "hR", "oP", "oI", "oC", "oF", "mP",
-                "mC", "aP"});
-    command
-        .option("--tolerance", options->tolerance, "Greatest distance of a fractional index from an integer")
-        .showDefault()
-        .range(0.001, 0.5);
-    command.flag("--keep-cell", options->keepCell, "Index with the cell as it is, without refining it");
-    command
-        .option("--voltage", options->voltage,
-                "High tension in kV; corrects for the curvature of the Ewald sphere and "
-                "finds the sense of the tilt")
-        .positive();
-    command
-        .option("--pixel-size", options->pixelSize,
-                "Pixel size in 1/m per voxel [that of the peak file, else of the cell file]")
-        .positive();
-    command
-        .option("--positions", options->positions,
-                "What the positions are. voxel: places in the volume, corrected for its sampling; "
-                "exact: taken as they are [voxel for "
-                "a peak file, exact for a list]")
-        .oneOf({"voxel", "exact"});
-    command.option("--volume", options->volume, "Integrate intensities from this volume [those of the list]")
-        .typeName("VOLUME.mrc");
-    command.option("--radius", options->radius, "Radius of the integration with --volume, voxels")
-        .showDefault()
-        .range(0.5, 50.0);
-    command.option("--formula", options->formula, "Content for the files, for instance \"Ca3 Al2 Si3 O12\"");
-    command.option("--cell-out", options->cellOutput, "Write the refined primitive cell here")
-        .typeName("CELL");
-    command.option("--plots", options->plots, "Write plots of displacements and indices into this folder")
-        .typeName("DIR");
+    addResultOptions(command, *options);
+    addModelOptions(command, *options);
     addLogOptions(command, options->log);
     command.flag("--json", options->json, "Print the result as JSON");
     command.footer(

@@ -87,7 +87,7 @@ std::string writeResults(const Options& options, const RunResult& result, Result
     host.session().checkCanceled();
     if (options.pictures) drawRunPictures(result, folder);
     host.session().checkCanceled();
-    const std::string summary = summaryJson(options.series, result, host.warnings(), results.written());
+    std::string summary = summaryJson(options.series, result, host.warnings(), results.written());
     writeSummary(folder / ResultFolder::kSummary, summary);
     results.commit();
     host.session().endParts();

@@ -77,6 +77,7 @@ const CLI::App* commandNamed(const std::string& name, const CLI::App& program) {
 
 std::vector<std::string> namesOf(const std::vector<const CLI::App*>& commands) {
     std::vector<std::string> names;
+    names.reserve(commands.size());
     for (const CLI::App* command : commands)
         names.push_back(command->get_name());
     return names;
@@ -140,7 +141,7 @@ std::string missingArguments(const CLI::App& command) {
 /// One sentence for what the parser met, which blames one word.
 std::string complaintOf(const CLI::ParseError& problem, const CLI::App& program, const CLI::App& command) {
     if (std::string text = unexpectedWord(program, command); !text.empty()) return text;
-    const std::string text = problem.what();
+    std::string text = problem.what();
     const std::string name = text.substr(0, text.find(':'));
     if (dynamic_cast<const CLI::ArgumentMismatch*>(&problem))
         for (const CLI::Option* option : command.get_options())

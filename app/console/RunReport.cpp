@@ -142,50 +142,64 @@ void printCrystals(std::ostream& out, const RunResult& result) {
     }
 }
 
-}  // namespace
+void printCell(std::ostream& out, const char* name, const RefinedLattice& fit) {
+    out << name;
+    for (std::size_t i = 0; i < 6; ++i)
+        out << "  " << withUncertainty(fit.cell[i], fit.cellSigma[i]);
+    out << '\n';
+}
 
-void printSummary(std::ostream& out, const RunResult& result) {
-    char line[256];
-    const auto print = [&](auto... values) {
-        std::snprintf(line, sizeof line, values...);
-        out << line << '\n';
-    };
-    const auto printCell = [&](const char* name, const RefinedLattice& fit) {
-        std::string text;
-        for (std::size_t i = 0; i < 6; ++i)
-            text += "  " + withUncertainty(fit.cell[i], fit.cellSigma[i]);
-        out << name << text << '\n';
-    };
-    const SeriesFacts& facts = result.facts();
-    const Indexed& indexed = result.indexed;
-    const RefinedLattice& refined = indexed.refined.lattice;
+void printLattice(std::ostream& out, const Indexed& indexed) {
     const LatticeCharacter& answer = indexed.symmetry();
-    print("series        %d frames of %d x %d, tilts %.2f to %.2f degrees", facts.size[2], facts.size[0],
-          facts.size[1], facts.tiltFirst, facts.tiltLast);
-    out << "pixel size    " << pixelSizeText(facts.pixelSize)
-        << formatted(", %.6g kV%s", facts.kiloVolts, facts.kiloVoltsAssumed ? ", assumed" : "") << '\n';
-    out << "tilt axis     " << axisText(result) << '\n';
-    printCell("reduced     ", refined);
-    printCell("conventional", indexed.conventional);
-    print("lattice       %s, misfit %.2f degrees, volume %.1f A^3, confidence %s",
-          LATTICE::shortName(answer.bravaisType), answer.qualityIndex, indexed.conventional.volume,
-          nameOf(indexed.verdict.level));
+    printCell(out, "reduced     ", indexed.refined.lattice);
+    printCell(out, "conventional", indexed.conventional);
+    out << formatted("lattice       %s, misfit %.2f degrees, volume %.1f A^3, confidence %s\n",
+                     LATTICE::shortName(answer.bravaisType), answer.qualityIndex, indexed.conventional.volume,
+                     nameOf(indexed.verdict.level));
     for (const std::string& reason : indexed.verdict.reasons)
         out << "  because     " << reason << '\n';
     for (std::size_t i = 1; i < std::min<std::size_t>(indexed.characters.size(), 4); ++i) {
         const LatticeCharacter& other = indexed.characters[i];
         const CellParameters& m = other.measured;
-        print("  or          %s, misfit %.2f degrees:  %.3f  %.3f  %.3f  %.2f  %.2f  %.2f",
-              LATTICE::shortName(other.bravaisType), other.qualityIndex, m.a, m.b, m.c, m.alpha, m.beta,
-              m.gamma);
+        out << formatted("  or          %s, misfit %.2f degrees:  %.3f  %.3f  %.3f  %.2f  %.2f  %.2f\n",
+                         LATTICE::shortName(other.bravaisType), other.qualityIndex, m.a, m.b, m.c, m.alpha,
+                         m.beta, m.gamma);
     }
-    std::string reach;
+}
+
+void printReflections(std::ostream& out, const Indexed& indexed, double pixelSize) {
+    const RefinedLattice& refined = indexed.refined.lattice;
+    out << formatted("reflections   %d found, %d indexed (%.1f %%), %zu different", refined.reflections,
+                     refined.indexed, 100.0 * refined.fraction(), conventionalReflections(indexed).size());
     if (const double radius = indexed.completeness.halfRadius; radius > 0.0)
-        reach = formatted(", to %.2f A", 1e10 / (radius * facts.pixelSize));
-    print("reflections   %d found, %d indexed (%.1f %%), %zu different%s", refined.reflections,
-          refined.indexed, 100.0 * refined.fraction(), conventionalReflections(indexed).size(),
-          reach.c_str());
-    print("residual      %.2f voxels", refined.rms);
+        out << formatted(", to %.2f A", 1e10 / (radius * pixelSize));
+    out << formatted("\nresidual      %.2f voxels\n", refined.rms);
+}
+
+void printSeconds(std::ostream& out, const RunSeconds& s) {
+    const std::pair<const char*, double> stages[] = {{"read", s.read},     {"preprocess", s.preprocess},
+                                                     {"axis", s.tiltAxis}, {"reconstruct", s.reconstruct},
+                                                     {"search", s.search}, {"cell", s.cell},
+                                                     {"index", s.index},   {"integrate", s.integrate},
+                                                     {"total", s.total}};
+    out << "seconds      ";
+    for (const auto& [name, seconds] : stages)
+        out << (name == stages[0].first ? " " : ", ") << name << ' ' << secondsText(seconds);
+    out << formatted("; %.0f MiB\n", peakMemory());
+}
+
+}  // namespace
+
+void printSummary(std::ostream& out, const RunResult& result) {
+    const SeriesFacts& facts = result.facts();
+    const Indexed& indexed = result.indexed;
+    out << formatted("series        %d frames of %d x %d, tilts %.2f to %.2f degrees\n", facts.size[2],
+                     facts.size[0], facts.size[1], facts.tiltFirst, facts.tiltLast);
+    out << "pixel size    " << pixelSizeText(facts.pixelSize)
+        << formatted(", %.6g kV%s\n", facts.kiloVolts, facts.kiloVoltsAssumed ? ", assumed" : "");
+    out << "tilt axis     " << axisText(result) << '\n';
+    printLattice(out, indexed);
+    printReflections(out, indexed, facts.pixelSize);
     if (facts.instrument) out << "known         " << knownText(*facts.instrument) << '\n';
     if (const std::string text = instrumentText(indexed.instrument, result.axis.angle); !text.empty())
         out << "instrument    " << text << '\n';
@@ -193,19 +207,10 @@ void printSummary(std::ostream& out, const RunResult& result) {
     out << "handedness    " << handednessText(indexed.refined) << '\n';
     if (result.intensities) printIntensities(out, *result.intensities);
     const CellSearchTrial& trial = result.lattice.best.trial;
-    print("parameters    threshold %g (lattice at %g), zero beam %.0f, vectors %.1f to %.1f, %s",
-          indexed.level.threshold, indexed.cellThreshold, indexed.level.zeroBeam, trial.minLength,
-          trial.maxLength, clusteringText(trial).c_str());
-    const RunSeconds& s = result.seconds;
-    out << "seconds      ";
-    const std::pair<const char*, double> stages[] = {{"read", s.read},     {"preprocess", s.preprocess},
-                                                     {"axis", s.tiltAxis}, {"reconstruct", s.reconstruct},
-                                                     {"search", s.search}, {"cell", s.cell},
-                                                     {"index", s.index},   {"integrate", s.integrate},
-                                                     {"total", s.total}};
-    for (const auto& [name, seconds] : stages)
-        out << (name == stages[0].first ? " " : ", ") << name << ' ' << secondsText(seconds);
-    print("; %.0f MiB", peakMemory());
+    out << formatted("parameters    threshold %g (lattice at %g), zero beam %.0f, vectors %.1f to %.1f, %s\n",
+                     indexed.level.threshold, indexed.cellThreshold, indexed.level.zeroBeam, trial.minLength,
+                     trial.maxLength, clusteringText(trial).c_str());
+    printSeconds(out, result.seconds);
 }
 
 }  // namespace vrk::app

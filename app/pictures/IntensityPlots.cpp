@@ -99,11 +99,11 @@ void addConditions(GnuplotScript& plot, const SpaceGroupAnalysis& analysis) {
     std::string ticks;
     for (const ReflectionCondition& one : analysis.conditions) {
         if (one.violating == 0 || ticks.size() > 2000 || rows.size() >= 3 * kConditions) continue;
-        const auto place = static_cast<double>(rows.size() / 3);
-        rows.insert(rows.end(), {place, one.evidence > 0 ? one.ratio : std::nan(""),
+        const std::size_t place = rows.size() / 3;
+        rows.insert(rows.end(), {static_cast<double>(place), one.evidence > 0 ? one.ratio : std::nan(""),
                                  one.evidence > 0 ? std::nan("") : one.ratio});
         ticks += (ticks.empty() ? "" : ", ") + GnuplotScript::quoted(one.reflections + ": " + one.condition) +
-                 formatted(" %g", place);
+                 formatted(" %zu", place);
     }
     plot.addCommand(title("Reflections that a condition forbids"));
     plot.addCommand(labels("", "mean intensity / ordinary one"));
@@ -114,8 +114,8 @@ void addConditions(GnuplotScript& plot, const SpaceGroupAnalysis& analysis) {
     }
     plot.addCommand("set xtics (" + ticks +
                     ") rotate by -45 font ',9'; set style fill solid 0.7; set boxwidth 0.7");
-    plot.addCommand(
-        formatted("set xrange [-0.7:%g]; set yrange [0:*]", static_cast<double>(rows.size() / 3) - 0.3));
+    const std::size_t bars = rows.size() / 3;
+    plot.addCommand(formatted("set xrange [-0.7:%g]; set yrange [0:*]", static_cast<double>(bars) - 0.3));
     const std::string data = plot.addData("number holds fails", rows, 3);
     plot.addCommand("plot " + data + " using 1:2 with boxes lc rgb " + kFirstColour + " title 'holds', " +
                     data + " using 1:3 with boxes lc rgb " + kSecondColour +

@@ -68,6 +68,88 @@ Matrix3d turnAt(const ExperimentDescription& experiment, double tilt) {
     return pitched * Eigen::AngleAxisd(tilt * kDegree, Vector3d::UnitX()).toRotationMatrix() * toLaboratory;
 }
 
+/// What stands before the list of virtual frames: cell, orientation and how the frames were taken.
+std::string dynamicalHead(const ExperimentDescription& e, int merged, int step) {
+    const auto& c = e.cell;
+    const Matrix3d start = e.laboratory().transpose() * e.reciprocal;
+    std::string text = "data_vrk\n";
+    const std::array<const char*, 6> names = {"length_a",    "length_b",   "length_c",
+                                              "angle_alpha", "angle_beta", "angle_gamma"};
+    for (std::size_t i = 0; i < 6; ++i)
+        append(text, "_cell_%s %.5f\n", names[i], c[i]);
+    append(text, "_cell_volume %.4f\n", gemmi::UnitCell(c[0], c[1], c[2], c[3], c[4], c[5]).volume);
+    append(text, "_diffrn_radiation_wavelength %.6f\n", e.wavelength);
+    for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 3; ++j)
+            append(text, "_diffrn_orient_matrix_UB_%d%d %.7f\n", i + 1, j + 1, start(i, j));
+    // From the horizontal of the frames, rows upwards.
+    const double omega = std::remainder(-90 - e.axisAngle, 360);
+    append(text, "_diffrn_pets_omega %.3f\n", omega);
+    append(text,
+           "_diffrn_measurement_details\n;\ndata collection geometry: %s\ndstarmax: %.3f\nRC width: %.5f\n"
+           "mosaicity: %.3f\nrotation axis position: %.3f\n",
+           e.precession > 0 ? "precession" : (e.continuous ? "continuous rotation" : "static"),
+           e.dMin > 0 ? 1 / e.dMin : 0.0, e.rockingWidth, e.mosaicity, omega);
+    append(text,
+           "Virtual frame settings: number of merged frames: %d\n"
+           "                        step between frames: %d\n"
+           "                        sum all intensities: 1\n;\n",
+           merged, step);
+    return text +
+           "loop_\n_diffrn_zone_axis_id\n_diffrn_zone_axis_u\n_diffrn_zone_axis_v\n_diffrn_zone_axis_w\n"
+           "_diffrn_zone_axis_precession_angle\n_diffrn_zone_axis_alpha\n_diffrn_zone_axis_beta\n"
+           "_diffrn_zone_axis_omega\n_diffrn_zone_axis_scale\n";
+}
+
+/// Neighbouring frames that are added up: [first, end), their middle and half of what they turn, in degrees.
+struct VirtualFrame {
+    int first, end;
+    double tilt, half;
+
+    VirtualFrame(const ExperimentDescription& e, int from, int to)
+        : first(from),
+          end(to),
+          tilt((e.tilts[static_cast<std::size_t>(from)] + e.tilts[static_cast<std::size_t>(to - 1)]) / 2),
+          half(e.precession > 0 ? e.precession : (to - from) * e.rotation / 2) {}
+};
+
+void appendZoneAxis(std::string& text, const ExperimentDescription& e, const VirtualFrame& frame, int id) {
+    const Matrix3d toLaboratory = turnAt(e, frame.tilt);
+    const GoniometerAngles angles = anglesOf(toLaboratory * e.laboratory());
+    // Components along a, b, c of a direction are its products with a*, b*, c*.
+    Vector3d beam = e.reciprocal.transpose() * (toLaboratory.transpose() * Vector3d::UnitZ());
+    beam.normalize();
+    const int frames = frame.end - frame.first;
+    double scale = 0;
+    for (int f = frame.first; f < frame.end; ++f)
+        scale += e.scales.empty() ? 1.0 / frames : e.scales[static_cast<std::size_t>(f)] / frames;
+    append(text, "%d %.5f %.5f %.5f %.4f %.4f %.4f %.4f %.4f\n", id, beam.x(), beam.y(), beam.z(), frame.half,
+           angles.alpha, angles.beta, angles.omega, scale);
+}
+
+struct VirtualIntensity {
+    double intensity = 0, variance = 0;
+    bool passes = false;  ///< is on the sphere within the frames
+};
+
+std::map<std::array<int, 3>, VirtualIntensity> virtualIntensities(
+    const ExperimentDescription& e, const VirtualFrame& frame,
+    std::span<const std::vector<std::uint32_t>> byFrame, std::span<const FrameIntensity> intensities) {
+    std::map<std::array<int, 3>, VirtualIntensity> sums;
+    for (int f = frame.first; f < frame.end; ++f)
+        for (const std::uint32_t i : byFrame[static_cast<std::size_t>(f)]) {
+            const FrameIntensity& one = intensities[i];
+            VirtualIntensity& sum = sums[{one.h, one.k, one.l}];
+            sum.intensity += one.intensity;
+            sum.variance += one.sigma * one.sigma;
+            const double offset =
+                (frame.tilt - e.tilts[static_cast<std::size_t>(one.frame)]) * kDegree * one.rate;
+            sum.passes =
+                sum.passes || std::abs(one.excitation + offset) < std::abs(one.rate) * frame.half * kDegree;
+        }
+    return sums;
+}
+
 }  // namespace
 
 Matrix3d ExperimentDescription::laboratory() const {
@@ -191,79 +273,19 @@ void writeFrameTable(std::span<const FrameIntensity> intensities, const std::fil
 
 void writeDynamicalCif(const ExperimentDescription& e, std::span<const FrameIntensity> intensities,
                        int merged, int step, const std::filesystem::path& path) {
-    const auto& c = e.cell;
-    const Matrix3d start = e.laboratory().transpose() * e.reciprocal;
-    std::string text = "data_vrk\n";
-    const std::array<const char*, 6> names = {"length_a",    "length_b",   "length_c",
-                                              "angle_alpha", "angle_beta", "angle_gamma"};
-    for (std::size_t i = 0; i < 6; ++i)
-        append(text, "_cell_%s %.5f\n", names[i], c[i]);
-    append(text, "_cell_volume %.4f\n", gemmi::UnitCell(c[0], c[1], c[2], c[3], c[4], c[5]).volume);
-    append(text, "_diffrn_radiation_wavelength %.6f\n", e.wavelength);
-    for (int i = 0; i < 3; ++i)
-        for (int j = 0; j < 3; ++j)
-            append(text, "_diffrn_orient_matrix_UB_%d%d %.7f\n", i + 1, j + 1, start(i, j));
-    // From the horizontal of the frames, rows upwards.
-    append(text, "_diffrn_pets_omega %.3f\n", std::remainder(-90 - e.axisAngle, 360));
-    append(text,
-           "_diffrn_measurement_details\n;\ndata collection geometry: %s\ndstarmax: %.3f\nRC width: %.5f\n"
-           "mosaicity: %.3f\nrotation axis position: %.3f\n",
-           e.precession > 0 ? "precession" : (e.continuous ? "continuous rotation" : "static"),
-           e.dMin > 0 ? 1 / e.dMin : 0.0, e.rockingWidth, e.mosaicity,
-           std::remainder(-90 - e.axisAngle, 360));
-    append(text,
-           "Virtual frame settings: number of merged frames: %d\n"
-           "                        step between frames: %d\n"
-           "                        sum all intensities: 1\n;\n",
-           merged, step);
-    text +=
-        "loop_\n_diffrn_zone_axis_id\n_diffrn_zone_axis_u\n_diffrn_zone_axis_v\n_diffrn_zone_axis_w\n"
-        "_diffrn_zone_axis_precession_angle\n_diffrn_zone_axis_alpha\n_diffrn_zone_axis_beta\n"
-        "_diffrn_zone_axis_omega\n_diffrn_zone_axis_scale\n";
-    std::string reflections =
-        "loop_\n_refln_index_h\n_refln_index_k\n_refln_index_l\n_refln_intensity_meas\n"
-        "_refln_intensity_sigma\n_refln_zone_axis_id\n";
-
     std::vector<std::vector<std::uint32_t>> byFrame(e.tilts.size());
     for (std::uint32_t i = 0; i < intensities.size(); ++i)
         byFrame[static_cast<std::size_t>(intensities[i].frame)].push_back(i);
+    std::string text = dynamicalHead(e, merged, step);
+    std::string reflections =
+        "loop_\n_refln_index_h\n_refln_index_k\n_refln_index_l\n_refln_intensity_meas\n"
+        "_refln_intensity_sigma\n_refln_zone_axis_id\n";
     const int frames = static_cast<int>(e.tilts.size());
     int id = 0;
     for (int first = 0; first < frames && (first == 0 || first + merged <= frames); first += step) {
-        const int end = std::min(first + merged, frames);
-        const double tilt =
-            (e.tilts[static_cast<std::size_t>(first)] + e.tilts[static_cast<std::size_t>(end - 1)]) / 2;
-        const double half = e.precession > 0 ? e.precession : (end - first) * e.rotation / 2;
-        const Matrix3d toLaboratory = turnAt(e, tilt);
-        const GoniometerAngles angles = anglesOf(toLaboratory * e.laboratory());
-        // Components along a, b, c of a direction are its products with a*, b*, c*.
-        Vector3d beam = e.reciprocal.transpose() * (toLaboratory.transpose() * Vector3d::UnitZ());
-        beam.normalize();
-        double scale = 0;
-        for (int f = first; f < end; ++f)
-            scale += e.scales.empty() ? 1.0 / (end - first)
-                                      : e.scales[static_cast<std::size_t>(f)] / (end - first);
-        append(text, "%d %.5f %.5f %.5f %.4f %.4f %.4f %.4f %.4f\n", ++id, beam.x(), beam.y(), beam.z(), half,
-               angles.alpha, angles.beta, angles.omega, scale);
-
-        struct Sum {
-            double intensity = 0, variance = 0;
-            bool passes = false;
-        };
-        std::map<std::array<int, 3>, Sum> sums;
-        for (int f = first; f < end; ++f)
-            for (const std::uint32_t i : byFrame[static_cast<std::size_t>(f)]) {
-                const FrameIntensity& one = intensities[i];
-                Sum& sum = sums[{one.h, one.k, one.l}];
-                sum.intensity += one.intensity;
-                sum.variance += one.sigma * one.sigma;
-                // On the sphere within the frames.
-                const double offset =
-                    (tilt - e.tilts[static_cast<std::size_t>(one.frame)]) * kDegree * one.rate;
-                sum.passes =
-                    sum.passes || std::abs(one.excitation + offset) < std::abs(one.rate) * half * kDegree;
-            }
-        for (const auto& [hkl, sum] : sums)
+        const VirtualFrame frame(e, first, std::min(first + merged, frames));
+        appendZoneAxis(text, e, frame, ++id);
+        for (const auto& [hkl, sum] : virtualIntensities(e, frame, byFrame, intensities))
             if (sum.passes)
                 append(reflections, "%d %d %d %.2f %.2f %d\n", hkl[0], hkl[1], hkl[2], sum.intensity,
                        std::sqrt(sum.variance), id);

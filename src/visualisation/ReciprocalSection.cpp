@@ -93,8 +93,8 @@ Vector ReciprocalSection::node(const std::array<int, 3>& hkl) const {
            static_cast<double>(hkl[2]) * m_base[2];
 }
 
-ReciprocalSection::Frame ReciprocalSection::frameOf(const Settings& settings) const {
-    Frame frame{};
+ReciprocalSection::PictureFrame ReciprocalSection::frameOf(const Settings& settings) const {
+    PictureFrame frame{};
     const Vector u = node(settings.u);
     const Vector v = node(settings.v);
     const Vector w = node(settings.w);
@@ -138,7 +138,7 @@ float ReciprocalSection::interpolate(float x, float y, float z) const {
 }
 
 PlaneImage ReciprocalSection::sample(const Settings& settings) const {
-    const Frame frame = frameOf(settings);
+    const PictureFrame frame = frameOf(settings);
     if (!frame.valid) return {};
     PlaneImage image(settings.size, settings.size);
     const double thickness = settings.thickness / m_reduction;
@@ -168,7 +168,7 @@ PlaneImage ReciprocalSection::sample(const Settings& settings) const {
 
 ImageOverlay ReciprocalSection::overlay(const Settings& settings, bool nodes) const {
     ImageOverlay result;
-    const Frame frame = frameOf(settings);
+    const PictureFrame frame = frameOf(settings);
     if (!frame.valid) return result;
     const double middle = 0.5 * (settings.size - 1);
     const auto place = [&](const Vector& g) {

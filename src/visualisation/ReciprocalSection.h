@@ -60,13 +60,13 @@ public:
 private:
     using Vector = std::array<double, 3>;
     /// Centre, unit axes and scale of the picture in the volume.
-    struct Frame {
+    struct PictureFrame {
         Vector centre, right, up, normal;
         double voxelsPerPixel;
         bool valid;
     };
 
-    Frame frameOf(const Settings& settings) const;
+    PictureFrame frameOf(const Settings& settings) const;
     Vector node(const std::array<int, 3>& hkl) const;
     float interpolate(float x, float y, float z) const;
 
