@@ -13,7 +13,7 @@ std::vector<FrameFormat>& formats() {
     return all;
 }
 
-std::string lowerExtension(std::filesystem::path path) {
+std::string lowerExtension(const std::filesystem::path& path) {
     const auto lower = [](std::string text) {
         std::transform(text.begin(), text.end(), text.begin(),
                        [](unsigned char c) { return static_cast<char>(std::tolower(c)); });

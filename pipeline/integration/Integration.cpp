@@ -77,6 +77,7 @@ std::vector<std::array<int, 3>> strongReflections(const SpotPrediction& predicti
     std::sort(found.begin(), found.end(), std::greater<>());
     found.resize(std::min(found.size(), kRefinedReflections));
     std::vector<std::array<int, 3>> strong;
+    strong.reserve(found.size());
     for (const auto& [significance, hkl] : found)
         strong.push_back(hkl);
     std::sort(strong.begin(), strong.end());

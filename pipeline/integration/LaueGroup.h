@@ -18,7 +18,7 @@ struct IndexRotation {
 
     Indices operator()(const Indices& hkl) const;
     bool operator==(const IndexRotation&) const = default;
-    auto operator<=>(const IndexRotation&) const = default;
+    auto operator<=>(const IndexRotation&) const = default;  // NOLINT(modernize-use-nullptr)
 };
 
 /// The rotations of a Laue group; the inversion belongs to all of them and is not listed.

@@ -4,6 +4,7 @@
 #include <zlib.h>
 
 #include <array>
+#include <utility>
 #include <vector>
 
 namespace vrk::detail {
@@ -137,7 +138,7 @@ ChunkReader chunksOf(const std::string& bytes) {
 
 ChunkReader chunksOf(std::shared_ptr<std::istream> stream) {
     const auto block = std::make_shared<std::vector<char>>(1 << 18);
-    return [stream, block] {
+    return [stream = std::move(stream), block] {
         stream->read(block->data(), static_cast<std::streamsize>(block->size()));
         return std::span<const char>(block->data(), static_cast<std::size_t>(stream->gcount()));
     };

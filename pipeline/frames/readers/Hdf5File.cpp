@@ -123,7 +123,7 @@ nlohmann::json Hdf5File::start() const {
         return (*server)->answer(request);
     });
     const std::optional<std::string> answer = m_process->ask("contents");
-    const nlohmann::json contents = nlohmann::json::from_cbor(answer.value_or(""), true, false);
+    nlohmann::json contents = nlohmann::json::from_cbor(answer.value_or(""), true, false);
     if (!contents.is_object()) refuse("the HDF5 file is damaged or truncated");
     return contents;
 }
