@@ -17,6 +17,7 @@ endif()
 if(VRKCORE_SANITIZE)
   add_compile_options(-fsanitize=${VRKCORE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${VRKCORE_SANITIZE})
+  add_compile_definitions(_GLIBCXX_ASSERTIONS)
 endif()
 
 set(CMAKE_CXX_EXTENSIONS OFF)

@@ -1,0 +1,28 @@
+#include "processing/detail/SeriesMean.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <vector>
+
+#include "processing/SeriesFactory.h"
+
+namespace {
+
+// A reflection passes through neighbouring patterns and may not look like something that stands still.
+TEST(SeriesMean, KeepsWhatStandsStillAndForgetsReflections) {
+    constexpr unsigned kSize = 8, kPatterns = 40;
+    const auto series = makeSeries(kSize, kSize, std::vector<float>(kPatterns, 1.0F));
+    for (unsigned z = 0; z < kPatterns; ++z) {
+        std::vector<short> pixels(kSize * kSize, z == 5 ? 0 : 100);  // one pattern is blank
+        if (z != 5) pixels[3] = 20;
+        if (z >= 17 && z < 24) pixels[30] = 5000;
+        setPixels(*series, z, pixels);
+    }
+    const VRK::detail::SeriesMean mean(*series);
+    EXPECT_EQ(mean.values[0], 100);
+    EXPECT_EQ(mean.values[3], 20);
+    EXPECT_EQ(mean.values[30], 100);
+}
+
+}  // namespace
