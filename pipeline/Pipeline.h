@@ -36,10 +36,6 @@
 
 namespace vrk {
 
-/// \defgroup library Pipeline as a library
-/// Functions for programs that link VRKCore::Pipeline.
-/// @{
-
 /// A series of frames in files: of any format, folders, lists that name frames.
 /// \param settings  its files are ignored
 /// \param report    receives what became of the frames, without the series; may be null
@@ -79,6 +75,4 @@ Result<std::vector<std::filesystem::path>> writeResults(const RunResult& result,
 /// frames where there are none.
 Result<void> writeReflections(const RunResult& result, ReflectionFile kind, const std::filesystem::path& path,
                               const CrystalText& text = {}, Observer& observer = silence());
-/// @}
-
 }  // namespace vrk
