@@ -28,7 +28,7 @@ endif()
 
 configure_package_config_file(cmake/VRKCoreConfig.cmake.in
   "${PROJECT_BINARY_DIR}/VRKCoreConfig.cmake"
-  INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/VRKCore)
+  INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/VRKCore PATH_VARS CMAKE_INSTALL_LIBDIR)
 write_basic_package_version_file("${PROJECT_BINARY_DIR}/VRKCoreConfigVersion.cmake"
   COMPATIBILITY SameMajorVersion)
 install(FILES "${PROJECT_BINARY_DIR}/VRKCoreConfig.cmake"
@@ -38,5 +38,11 @@ install(FILES "${PROJECT_BINARY_DIR}/VRKCoreConfig.cmake"
 # The installation may be moved: pkg-config finds the prefix from where its file lies.
 file(RELATIVE_PATH VRKCORE_PC_TO_PREFIX
   "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
-configure_file(cmake/VRKCore.pc.in "${PROJECT_BINARY_DIR}/VRKCore.pc" @ONLY)
-install(FILES "${PROJECT_BINARY_DIR}/VRKCore.pc" DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+set(_pc_files VRKCore)
+if(TARGET VRKPipeline)
+  list(APPEND _pc_files VRKPipeline)
+endif()
+foreach(_pc IN LISTS _pc_files)
+  configure_file(cmake/${_pc}.pc.in "${PROJECT_BINARY_DIR}/${_pc}.pc" @ONLY)
+  install(FILES "${PROJECT_BINARY_DIR}/${_pc}.pc" DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endforeach()

@@ -11,9 +11,19 @@ packages=(
   libgtest-dev librapidcheck-dev libsymspg-dev libbenchmark-dev
   gnuplot-nox
 )
-# What .ci/run uses beyond building and testing, and what scripts/check.sh and scripts/tidy.sh use.
-if [[ "${1:-}" == --with-checks || "${1:-}" == --with-all-checks ]]; then packages+=(clang-format doxygen git); fi
-if [[ "${1:-}" == --with-all-checks ]]; then packages+=(clang clang-tidy gcovr python3); fi
+for argument in "$@"; do
+  case "$argument" in
+    # What .ci/run uses beyond building and testing.
+    --with-checks) packages+=(clang-format doxygen git) ;;
+    # What scripts/check.sh and scripts/tidy.sh use.
+    --with-all-checks) packages+=(clang-format doxygen git clang clang-tidy gcovr python3) ;;
+    # What the Python module is built and tested with.
+    --with-python)
+      packages+=(python3 python3-dev python3-pip python3-venv pybind11-dev python3-numpy python3-gemmi
+        python3-pytest python3-hypothesis python3-tqdm python3-pandas) ;;
+    *) echo "setup: unknown argument $argument" >&2; exit 2 ;;
+  esac
+done
 
 missing=()
 for package in "${packages[@]}"; do

@@ -1,6 +1,7 @@
 #include "pipeline/base/Session.h"
 
 #include <algorithm>
+#include <mutex>
 
 #include "pipeline/base/Failure.h"
 
@@ -12,6 +13,42 @@ std::string trimmed(std::string text) {
     text.erase(0, std::min(text.find_first_not_of(blanks), text.size()));
     text.erase(text.find_last_not_of(blanks) + 1);
     return text;
+}
+
+/// The sessions of a thread, the latest first.
+struct Listener {
+    VRKLogObserver* log;
+    Listener* before;
+};
+thread_local Listener* latest = nullptr;
+
+/// The core has one observer for the process: this one hands every message to the session of the thread in
+/// which it arises.
+struct ThreadObserver : VRKLogObserver {
+    void notifyLog(const char* message, VRK::MessageType type, VRK::DebugMessageType debugType) override {
+        if (latest) latest->log->notifyLog(message, type, debugType);
+    }
+} threadObserver;
+
+std::mutex registration;
+int sessions = 0;
+
+void beginListening(VRKLogObserver& log) {
+    latest = new Listener{&log, latest};
+    const std::lock_guard lock(registration);
+    if (sessions++ == 0) VRKLogger::getInstance()->registerObserver(&threadObserver);
+}
+
+void endListening(VRKLogObserver& log) {
+    for (Listener** place = &latest; *place; place = &(*place)->before) {
+        if ((*place)->log != &log) continue;
+        const Listener* ended = *place;
+        *place = ended->before;
+        delete ended;
+        break;
+    }
+    const std::lock_guard lock(registration);
+    if (--sessions == 0) VRKLogger::getInstance()->registerObserver(nullptr);
 }
 
 }  // namespace
@@ -42,11 +79,11 @@ void Session::Progress::logMessage(const char* message, Vox::MessageType) {
 }
 
 Session::Session(Observer& observer) : m_observer(observer), m_log(observer), m_progress(observer) {
-    VRKLogger::getInstance()->registerObserver(&m_log);
+    beginListening(m_log);
 }
 
 Session::~Session() {
-    VRKLogger::getInstance()->registerObserver(nullptr);
+    endListening(m_log);
 }
 
 void Session::warn(const std::string& text) {

@@ -12,8 +12,8 @@
 
 namespace vrk {
 
-/// Attaches an observer to the core library while it lives. The core has one logger for the whole process, so
-/// there is one session at a time.
+/// Attaches an observer to the core library while it lives. A session belongs to the thread that makes it and
+/// hears what the core says in it; while any session lives, messages reach sessions alone.
 class Session {
 public:
     /// \param observer  must live as long as the session

@@ -3,6 +3,7 @@
 #include <Eigen/Dense>
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <limits>
 #include <optional>
 #include <string>
@@ -11,6 +12,7 @@
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/Median.h"
 #include "pipeline/base/OutputFile.h"
+#include "pipeline/base/SearchLock.h"
 #include "pipeline/geometry/ParallelTiltAxisRefinement.h"
 
 namespace vrk {
@@ -93,16 +95,47 @@ void judge(TiltAxisResult& result, Session& session) {
             "other --method, or a series with more reflections");
 }
 
+/// For plots that nobody asked for; goes with them.
+class ScratchFolder {
+public:
+    ScratchFolder() {
+        std::string name = (std::filesystem::temp_directory_path() / "vrk-axis-XXXXXX").string();
+        if (!mkdtemp(name.data()))
+            throw Failure("cannot make a folder for the images of the axis search in " +
+                          std::filesystem::temp_directory_path().string() + "; name one");
+        m_path = name;
+    }
+    ~ScratchFolder() {
+        std::error_code ignored;
+        std::filesystem::remove_all(m_path, ignored);
+    }
+    ScratchFolder(const ScratchFolder&) = delete;
+    ScratchFolder& operator=(const ScratchFolder&) = delete;
+
+    const std::filesystem::path& path() const { return m_path; }
+
+private:
+    std::filesystem::path m_path;
+};
+
+/// Volumes are searched for reflections by the one method, not by the other.
+std::unique_lock<std::mutex> lockIf(bool searchesVolumes) {
+    return searchesVolumes ? lockSearch() : std::unique_lock<std::mutex>();
+}
+
 template <typename Search>
-TiltAxisResult search(const VoxMRCData& series, int jobs, const std::filesystem::path& folder,
+TiltAxisResult search(const VoxMRCData& series, int jobs, const std::filesystem::path& wanted,
                       Session& session, Search run) {
+    std::optional<ScratchFolder> scratch;
+    if (wanted.empty()) scratch.emplace();
+    const std::filesystem::path folder = scratch ? scratch->path() : wanted;
     makeFolder(folder);
     ParallelTiltAxisRefinement refinement(jobs, session);
     float angle = VRKTiltAxisRefinement::kNoAngle;
     {
         const Stage stage(session, "tilt axis");
         // The library takes its series as one that it may change, and does not change it.
-        angle = run(refinement, const_cast<VoxMRCData*>(&series));
+        angle = run(refinement, const_cast<VoxMRCData*>(&series), folder.string());
     }
     if (session.canceled())
         throw Failure(
@@ -119,7 +152,7 @@ TiltAxisResult search(const VoxMRCData& series, int jobs, const std::filesystem:
     const TiltAxisFit fit = fitTiltAxis(result.scores, result.gridAngle);
     result.angle = fit.angle;
     result.uncertainty = fit.uncertainty;
-    result.plots = folder / (std::string(kName) + "_searchTiltAxis_plots");
+    if (!scratch) result.plots = folder / (std::string(kName) + "_searchTiltAxis_plots");
     return result;
 }
 
@@ -143,12 +176,14 @@ TiltAxisFit fitTiltAxis(const std::vector<TiltAxisScore>& scores, double gridAng
 
 TiltAxisResult findTiltAxis(const VoxMRCData& preprocessed, TiltAxisMethod method, double accuracy, int jobs,
                             const std::filesystem::path& folder, Session& session) {
-    TiltAxisResult result = search(
-        preprocessed, jobs, folder, session, [&](VRKTiltAxisRefinement& refinement, VoxMRCData* series) {
-            return method == TiltAxisMethod::ThreeD
-                       ? refinement.searchTiltAxisAutomated3D(series, kName, folder.string(), accuracy)
-                       : refinement.searchTiltAxis2dBruteForce(series, kName, folder.string(), accuracy);
-        });
+    TiltAxisResult result =
+        search(preprocessed, jobs, folder, session,
+               [&](VRKTiltAxisRefinement& refinement, VoxMRCData* series, const std::string& images) {
+                   const auto lock = lockIf(method == TiltAxisMethod::ThreeD);
+                   return method == TiltAxisMethod::ThreeD
+                              ? refinement.searchTiltAxisAutomated3D(series, kName, images, accuracy)
+                              : refinement.searchTiltAxis2dBruteForce(series, kName, images, accuracy);
+               });
     judge(result, session);
     return result;
 }
@@ -156,12 +191,13 @@ TiltAxisResult findTiltAxis(const VoxMRCData& preprocessed, TiltAxisMethod metho
 TiltAxisResult findTiltAxis(const VoxMRCData& preprocessed, TiltAxisMethod method, const TiltAxisRange& range,
                             int jobs, const std::filesystem::path& folder, Session& session) {
     return search(preprocessed, jobs, folder, session,
-                  [&](VRKTiltAxisRefinement& refinement, VoxMRCData* series) {
+                  [&](VRKTiltAxisRefinement& refinement, VoxMRCData* series, const std::string& images) {
+                      const auto lock = lockIf(method == TiltAxisMethod::ThreeD);
                       return method == TiltAxisMethod::ThreeD
-                                 ? refinement.searchTiltAxisManual3D(series, kName, folder.string(),
-                                                                     range.start, range.end, range.step)
-                                 : refinement.searchTiltAxisManual2D(series, kName, folder.string(),
-                                                                     range.start, range.end, range.step);
+                                 ? refinement.searchTiltAxisManual3D(series, kName, images, range.start,
+                                                                     range.end, range.step)
+                                 : refinement.searchTiltAxisManual2D(series, kName, images, range.start,
+                                                                     range.end, range.step);
                   });
 }
 

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "pipeline/base/Angle.h"
+#include "pipeline/base/Failure.h"
 #include "pipeline/base/OutputFile.h"
 #include "pipeline/formats/MeasuredIntensities.h"
 #include "pipeline/formats/ReflectionFormats.h"
@@ -134,21 +135,88 @@ ReflectionSet solutionSet(const Indexed& indexed, const std::optional<Intensitie
     return set;
 }
 
+/// How many frames make a virtual one.
+int framesTogether(const ExperimentDescription& experiment) {
+    const double rotation = std::max(experiment.rotation, 0.01);
+    const int most = std::max(1, static_cast<int>(experiment.tilts.size()) / 2);
+    return std::clamp(static_cast<int>(std::lround(kVirtualFrame / rotation)), 1, most);
+}
+
+/// What the files of the first crystal are made of.
+class FirstCrystal {
+public:
+    FirstCrystal(const RunResult& result, const CrystalText& text)
+        : m_result(result), m_set(solutionSet(result.indexed, result.intensities, result.facts(), text)) {
+        if (!result.intensities) return;
+        m_merged = m_set;
+        m_merged.reflections = merged(result.intensities->reduction);
+        m_experiment = experimentOf(result, m_set);
+    }
+
+    void write(ReflectionFile kind, const std::filesystem::path& path) const {
+        const ReflectionSet& unique = m_result.intensities ? m_merged : m_set;
+        switch (kind) {
+            case ReflectionFile::Shelx:
+                return writeShelx(m_set, path);
+            case ReflectionFile::ShelxInstructions:
+                return writeShelxInstructions(m_set, path);
+            case ReflectionFile::Mtz:
+                return writeMtz(unique, path);
+            case ReflectionFile::Cif:
+                return writeCif(unique, path);
+            default:
+                break;
+        }
+        if (!m_result.intensities)
+            throw Failure("the run measured no intensities on the frames, which this file holds",
+                          FailureKind::Usage);
+        const Intensities& intensities = *m_result.intensities;
+        if (kind == ReflectionFile::UnmergedMtz)
+            writeUnmergedMtz(m_experiment, measured(intensities), path);
+        else if (kind == ReflectionFile::XdsAscii)
+            writeXdsAscii(m_experiment, measured(intensities), path);
+        else if (kind == ReflectionFile::FrameTable)
+            writeFrameTable(onFrames(intensities.integration), path);
+        else
+            writeDynamicalCif(m_experiment, onFrames(intensities.integration), framesTogether(m_experiment),
+                              std::max(1, framesTogether(m_experiment) / 2), path);
+    }
+
+private:
+    const RunResult& m_result;
+    ReflectionSet m_set;
+    ReflectionSet m_merged;
+    ExperimentDescription m_experiment;
+};
+
+void writeFile(const std::filesystem::path& path,
+               const std::function<void(const std::filesystem::path&)>& writer) {
+    OutputFile file(path);
+    writer(file.path());
+    file.commit();
+}
+
 }  // namespace
+
+void writeReflectionFile(const RunResult& result, ReflectionFile kind, const std::filesystem::path& path,
+                         const CrystalText& text) {
+    writeFile(path, [&](const auto& temporary) { FirstCrystal(result, text).write(kind, temporary); });
+}
 
 std::vector<std::filesystem::path> writeIntensityFiles(const RunResult& result, const CrystalText& text,
                                                        const std::filesystem::path& folder) {
     std::vector<std::filesystem::path> files;
     const auto write = [&](const std::string& name,
                            const std::function<void(const std::filesystem::path&)>& writer) {
-        OutputFile file(folder / name);
-        writer(file.path());
-        file.commit();
+        writeFile(folder / name, writer);
         files.push_back(folder / name);
     };
-    ReflectionSet set = solutionSet(result.indexed, result.intensities, result.facts(), text);
-    write("reflections.hkl", [&](const auto& path) { writeShelx(set, path); });
-    write("crystal.ins", [&](const auto& path) { writeShelxInstructions(set, path); });
+    const FirstCrystal first(result, text);
+    const auto writeFirst = [&](const std::string& name, ReflectionFile kind) {
+        write(name, [&](const auto& path) { first.write(kind, path); });
+    };
+    writeFirst("reflections.hkl", ReflectionFile::Shelx);
+    writeFirst("crystal.ins", ReflectionFile::ShelxInstructions);
     for (std::size_t i = 0; i < result.crystals.others.size(); ++i) {
         const FurtherCrystal& other = result.crystals.others[i];
         const ReflectionSet more = solutionSet(other.indexed, other.intensities, result.facts(), text);
@@ -157,21 +225,12 @@ std::vector<std::filesystem::path> writeIntensityFiles(const RunResult& result, 
     }
     if (!result.intensities) return files;
 
-    set.reflections = merged(result.intensities->reduction);
-    write("merged.mtz", [&](const auto& path) { writeMtz(set, path); });
-    write("merged.cif", [&](const auto& path) { writeCif(set, path); });
-    const ExperimentDescription experiment = experimentOf(result, set);
-    const std::vector<MeasuredIntensity> all = measured(*result.intensities);
-    write("unmerged.mtz", [&](const auto& path) { writeUnmergedMtz(experiment, all, path); });
-    write("XDS_ASCII.HKL", [&](const auto& path) { writeXdsAscii(experiment, all, path); });
-    const std::vector<FrameIntensity> frames = onFrames(result.intensities->integration);
-    write("frames.csv", [&](const auto& path) { writeFrameTable(frames, path); });
-    const double rotation = std::max(experiment.rotation, 0.01);
-    const int most = std::max(1, static_cast<int>(experiment.tilts.size()) / 2);
-    const int together = std::clamp(static_cast<int>(std::lround(kVirtualFrame / rotation)), 1, most);
-    const int step = std::max(1, together / 2);
-    write("dynamical.cif_pets",
-          [&](const auto& path) { writeDynamicalCif(experiment, frames, together, step, path); });
+    writeFirst("merged.mtz", ReflectionFile::Mtz);
+    writeFirst("merged.cif", ReflectionFile::Cif);
+    writeFirst("unmerged.mtz", ReflectionFile::UnmergedMtz);
+    writeFirst("XDS_ASCII.HKL", ReflectionFile::XdsAscii);
+    writeFirst("frames.csv", ReflectionFile::FrameTable);
+    writeFirst("dynamical.cif_pets", ReflectionFile::DynamicalCif);
     return files;
 }
 

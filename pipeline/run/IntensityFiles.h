@@ -17,6 +17,25 @@ struct CrystalText {
     std::string formula;  ///< of one formula unit; may be empty
 };
 
+/// The kinds of files for structure solution and refinement. Those after Cif need intensities measured on the
+/// frames.
+enum class ReflectionFile {
+    Shelx,              ///< HKLF 4, scaled, not merged
+    ShelxInstructions,  ///< that belong to it
+    Mtz,                ///< merged in the space group that the absences leave first
+    Cif,                ///< the same
+    UnmergedMtz,        ///< every reflection with its place, not scaled
+    XdsAscii,           ///< the same
+    FrameTable,         ///< every reflection on every frame
+    DynamicalCif        ///< sums over virtual frames
+};
+
+/// Writes one file of the first crystal. Without intensities measured on the frames the first four hold the
+/// sums over the volume, not merged. Throws Failure when the file cannot be written and (Usage) for a kind
+/// that there are no data for.
+void writeReflectionFile(const RunResult& result, ReflectionFile kind, const std::filesystem::path& path,
+                         const CrystalText& text);
+
 /// Writes the reflections for structure solution, \returns their paths:
 ///
 /// - reflections.hkl and crystal.ins: HKLF 4, scaled, not merged, and the instructions;

@@ -7,6 +7,7 @@
 #include "cellfinding/Parameter.h"
 #include "indexing/ReflectionPositions.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/SearchLock.h"
 #include "pipeline/run/Advice.h"
 #include "reflections/FindReflexes.h"
 #include "reflections/ReflexVector.h"
@@ -86,6 +87,7 @@ Level searchLevel(const ReciprocalVolume& volume, double threshold, const Search
     ReflexVectorPtr found;
     {
         const Stage stage(session, "reflections");
+        const auto lock = lockSearch();
         found.reset(finder.findAllReflexes(volume.voxels.get(), &parameter, false, nullptr));
     }
     session.checkCanceled();

@@ -41,9 +41,14 @@ struct Attempt {
 /// One run after another over the same centred frames.
 class Attempts {
 public:
-    Attempts(const CentredSeries& series, const RunOptions& options, RunSeconds& seconds, Session& session,
-             RunRemains& remains)
-        : m_series(series), m_options(options), m_seconds(seconds), m_session(session), m_remains(remains) {}
+    Attempts(const CentredSeries& series, const RunOptions& options, const RunStages& stages,
+             RunSeconds& seconds, Session& session, RunRemains& remains)
+        : m_series(series),
+          m_options(options),
+          m_stages(stages),
+          m_seconds(seconds),
+          m_session(session),
+          m_remains(remains) {}
 
     /// Throws Failure when nothing is found.
     Attempt at(const TiltAxis& axis) {
@@ -53,15 +58,16 @@ public:
         std::vector<Level> levels;
         try {
             part(5, "find reflections", 6);
-            levels =
-                timed(m_seconds.search, [&] { return searchLevels(volume, m_options.search, m_session); });
+            levels = timed(m_seconds.search,
+                           [&] { return m_stages.searchLevels(volume, m_options.search, m_session); });
             part(6, "search the cell");
-            LatticeChoice lattice =
-                timed(m_seconds.cell, [&] { return findLattice(levels, volume, m_options.cell, m_session); });
+            LatticeChoice lattice = timed(m_seconds.cell, [&] {
+                return m_stages.findLattice(levels, volume, m_options.cell, m_session);
+            });
             keepForFailure(levels);
             part(7, "index and refine");
             Indexed indexed = timed(m_seconds.index, [&] {
-                return indexReflections(std::move(levels), lattice, volume, axis, m_session);
+                return m_stages.indexReflections(std::move(levels), lattice, volume, axis, m_session);
             });
             m_remains.level.reset();
             return {axis, std::move(volume), std::move(lattice), std::move(indexed)};
@@ -103,11 +109,12 @@ private:
         if (axis.angle != 0.0 || !m_series.facts.distortion.isNone())
             rotated = timed(m_seconds.preprocess, [&] { return rotate(m_series, axis, m_session); });
         return timed(m_seconds.reconstruct,
-                     [&] { return reconstruct(rotated ? *rotated : m_series, m_session); });
+                     [&] { return m_stages.reconstruct(rotated ? *rotated : m_series, m_session); });
     }
 
     const CentredSeries& m_series;
     const RunOptions& m_options;
+    const RunStages& m_stages;
     RunSeconds& m_seconds;
     Session& m_session;
     RunRemains& m_remains;
@@ -165,8 +172,8 @@ void tellMovedAxis(const TiltAxis& axis, Session& session) {
 /// The attempt on patterns whose centres the spots put right; nothing where no pattern needs it, or nothing
 /// gets better.
 std::optional<Attempt> withRefinedCentres(const CentredSeries& series, const Attempt& best,
-                                          const RunOptions& options, RunSeconds& seconds, Session& session,
-                                          RunRemains& remains) {
+                                          const RunOptions& options, const RunStages& stages,
+                                          RunSeconds& seconds, Session& session, RunRemains& remains) {
     const bool found = options.centre.source == CentreChoice::Source::Search;
     if (!found || best.indexed.verdict.level == Confidence::Low || series.centres.empty())
         return std::nullopt;
@@ -182,7 +189,7 @@ std::optional<Attempt> withRefinedCentres(const CentredSeries& series, const Att
         return std::nullopt;
     const CentredSeries better =
         timed(seconds.preprocess, [&] { return recentred(series, shifts, best.axis.angle, session); });
-    Attempts attempts(better, options, seconds, session, remains);
+    Attempts attempts(better, options, stages, seconds, session, remains);
     std::optional<Attempt> next = attempts.tryAt(best.axis);
     const bool helps = next && (meritOf(*next) > meritOf(best) ||
                                 (meritOf(*next) > 0.95 * meritOf(best) &&
@@ -213,11 +220,12 @@ bool isDoubtful(const std::optional<Attempt>& attempt) {
 }
 
 /// The axis of the search; nothing where that finds none either.
-std::optional<TiltAxis> searchedAxis(const CentredSeries& series, AxisChoice choice, Session& session) {
+std::optional<TiltAxis> searchedAxis(const CentredSeries& series, AxisChoice choice, const RunStages& stages,
+                                     Session& session) {
     choice.source = AxisChoice::Source::Search;
     const QuietLog quiet(session, QuietLog::Keep::InLogAlone);
     try {
-        return findAxis(series, choice, session);
+        return stages.findAxis(series, choice, session);
     } catch (const Failure& failure) {
         if (failure.kind() == FailureKind::Canceled) throw;
         return std::nullopt;
@@ -227,9 +235,9 @@ std::optional<TiltAxis> searchedAxis(const CentredSeries& series, AxisChoice cho
 /// Nothing, and a warning, where they cannot be measured: the lattice stands without them.
 std::optional<Intensities> intensitiesOf(const Indexed& indexed, const Attempt& best,
                                          const RecordedCounts& counts, const IntensityChoice& choice,
-                                         Session& session) {
+                                         const RunStages& stages, Session& session) {
     try {
-        return measureIntensities(indexed, best.volume, best.axis, counts, choice, session);
+        return stages.measureIntensities(indexed, best.volume, best.axis, counts, choice, session);
     } catch (const Failure& failure) {
         if (failure.kind() == FailureKind::Canceled) throw;
         session.warn(std::string(failure.what()) + "; the files hold sums over the volume instead");
@@ -239,12 +247,14 @@ std::optional<Intensities> intensitiesOf(const Indexed& indexed, const Attempt& 
 
 /// The intensities of the other crystals, and of all without the spots that they share.
 void measureOthers(Attempt& best, Intensities& first, const RecordedCounts& counts,
-                   const IntensityChoice& choice, RunSeconds& seconds, Session& session) {
+                   const IntensityChoice& choice, const RunStages& stages, RunSeconds& seconds,
+                   Session& session) {
     std::vector<Intensities*> all = {&first};
     std::vector<char> centrings = {best.indexed.symmetry().centring};
     for (FurtherCrystal& crystal : best.crystals.others) {
-        crystal.intensities = timed(
-            seconds.integrate, [&] { return intensitiesOf(crystal.indexed, best, counts, choice, session); });
+        crystal.intensities = timed(seconds.integrate, [&] {
+            return intensitiesOf(crystal.indexed, best, counts, choice, stages, session);
+        });
         if (!crystal.intensities) continue;
         all.push_back(&*crystal.intensities);
         centrings.push_back(crystal.indexed.symmetry().centring);
@@ -260,21 +270,14 @@ std::vector<std::string> assumptions(const SeriesFacts& facts, const TiltAxis& a
     return assumed;
 }
 
-RunResult runStages(const std::filesystem::path& path, const RunOptions& options, Session& session,
-                    RunRemains& remains) {
+RunResult runCentred(CentredSeries centred, const RunOptions& options, const RunStages& stages, RunSeconds s,
+                     Session& session, RunRemains& remains) {
     const auto start = std::chrono::steady_clock::now();
-    RunSeconds s;
-    session.beginPart(1, kRunParts, "read");
-    Series series = timed(s.read, [&] { return loadSeries(path, options, session); });
-    session.beginPart(2, kRunParts, "preprocess", 4);
-    CentredSeries centred = timed(s.preprocess, [&] {
-        return centre(std::move(series), options.centre, options.intensities.wanted, session);
-    });
     session.beginPart(3, kRunParts, "tilt axis");
-    TiltAxis axis = timed(s.tiltAxis, [&] { return findAxis(centred, options.axis, session); });
+    TiltAxis axis = timed(s.tiltAxis, [&] { return stages.findAxis(centred, options.axis, session); });
     remains.assumed = assumptions(centred.facts, axis);
 
-    Attempts attempts(centred, options, s, session, remains);
+    Attempts attempts(centred, options, stages, s, session, remains);
     const bool mayChoose = options.axis.source == AxisChoice::Source::Series;
     std::optional<Attempt> best = mayChoose ? attempts.tryAt(axis) : attempts.at(axis);
     if (best) followAxis(attempts, *best);
@@ -289,7 +292,7 @@ RunResult runStages(const std::filesystem::path& path, const RunOptions& options
                   "it is searched");
         session.beginPart(3, kRunParts, "search the tilt axis");
         const std::optional<TiltAxis> found =
-            timed(s.tiltAxis, [&] { return searchedAxis(centred, options.axis, session); });
+            timed(s.tiltAxis, [&] { return searchedAxis(centred, options.axis, stages, session); });
         std::optional<Attempt> searched;
         if (found) searched = attempts.tryAt(*found);
         if (searched) followAxis(attempts, *searched);
@@ -298,35 +301,51 @@ RunResult runStages(const std::filesystem::path& path, const RunOptions& options
     if (!best) throw attempts.firstFailure();
     // A volume is large.
     remains.volume.reset();
-    if (auto refined = withRefinedCentres(centred, *best, options, s, session, remains))
+    if (auto refined = withRefinedCentres(centred, *best, options, stages, s, session, remains))
         best = std::move(refined);
     if (best->crystals.others.empty()) findCrystals(*best, options, true, s, session);
     tellMovedAxis(best->axis, session);
     if (!best->indexed.strain.empty()) session.warn(best->indexed.strain);
     if (best->axis.source == "assumed" && best->indexed.axisConfirmed) best->axis.source = "refined";
     std::optional<Intensities> intensities;
-    if (options.intensities.wanted) {
+    if (options.intensities.wanted && centred.counts.frames) {
         session.beginPart(8, kRunParts, "measure intensities");
         intensities = timed(s.integrate, [&] {
-            return intensitiesOf(best->indexed, *best, centred.counts, options.intensities, session);
+            return intensitiesOf(best->indexed, *best, centred.counts, options.intensities, stages, session);
         });
-        if (intensities) measureOthers(*best, *intensities, centred.counts, options.intensities, s, session);
+        if (intensities)
+            measureOthers(*best, *intensities, centred.counts, options.intensities, stages, s, session);
     }
-    s.total = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    s.total += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     return {std::move(best->axis),     std::move(best->volume),
             std::move(best->lattice),  std::move(best->indexed),
             std::move(centred.counts), std::move(intensities),
-            std::move(best->crystals), s};
+            std::move(best->crystals), s,
+            session.warnings()};
 }
 
-}  // namespace
+/// \param load  gives the Series
+template <typename Load>
+RunResult runAll(Load load, const RunOptions& options, const RunStages& stages, Session& session,
+                 RunRemains& remains) {
+    RunSeconds s;
+    session.beginPart(1, kRunParts, "read");
+    Series series = timed(s.read, load);
+    session.beginPart(2, kRunParts, "preprocess", 4);
+    CentredSeries centred = timed(s.preprocess, [&] {
+        return stages.centre(std::move(series), options.centre, options.intensities.wanted, session);
+    });
+    s.total = s.read + s.preprocess;
+    return runCentred(std::move(centred), options, stages, s, session, remains);
+}
 
-RunResult run(const std::filesystem::path& path, const RunOptions& options, Session& session,
-              RunRemains* remains) {
+/// What the run returns; a failure to find anything tells what had to be assumed.
+template <typename Run>
+RunResult explained(RunRemains* remains, Run run) {
     RunRemains unwanted;
     RunRemains& kept = remains ? *remains : unwanted;
     try {
-        return runStages(path, options, session, kept);
+        return run(kept);
     } catch (const Failure& failure) {
         if (failure.kind() != FailureKind::NothingFound || kept.assumed.empty()) throw;
         std::string text = "assumed, because the series does not state it: ";
@@ -334,6 +353,30 @@ RunResult run(const std::filesystem::path& path, const RunOptions& options, Sess
             text += (i > 0 ? " and " : "") + kept.assumed[i];
         throw Failure(text + "; " + failure.what(), FailureKind::NothingFound);
     }
+}
+
+}  // namespace
+
+RunResult run(const std::filesystem::path& path, const RunOptions& options, Session& session,
+              RunRemains* remains, const RunStages& stages) {
+    return explained(remains, [&](RunRemains& kept) {
+        return runAll([&] { return loadSeries(path, options, session); }, options, stages, session, kept);
+    });
+}
+
+RunResult run(std::unique_ptr<VoxMRCData> series, const RunOptions& options, Session& session,
+              RunRemains* remains, const RunStages& stages) {
+    return explained(remains, [&](RunRemains& kept) {
+        return runAll([&] { return makeSeries(std::move(series), options, session); }, options, stages,
+                      session, kept);
+    });
+}
+
+RunResult run(CentredSeries series, const RunOptions& options, Session& session, RunRemains* remains,
+              const RunStages& stages) {
+    return explained(remains, [&](RunRemains& kept) {
+        return runCentred(std::move(series), options, stages, {}, session, kept);
+    });
 }
 
 }  // namespace vrk

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <optional>
+#include <string>
+#include <vector>
 
 #include "pipeline/run/FurtherCrystals.h"
 #include "pipeline/run/Indexing.h"
@@ -28,6 +30,7 @@ struct RunResult {
     std::optional<Intensities> intensities;  ///< measured on the frames, where wanted and possible
     Crystals crystals;                       ///< the others
     RunSeconds seconds;
+    std::vector<std::string> warnings = {};  ///< of the session so far, each text once
 
     const SeriesFacts& facts() const { return volume.facts; }
     /// Direction of the axis as the reflections have it, degrees; that of the volume where they do not say.

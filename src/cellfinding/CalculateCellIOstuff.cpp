@@ -10,9 +10,9 @@
 #include "foundation/VRKLogger.h"
 #include "visualisation/GnuplotScript.h"
 
-bool CalculateCellIOstuff::m_writeData = false;
-bool CalculateCellIOstuff::m_writeLines = false;
-std::string CalculateCellIOstuff::m_folder;
+thread_local bool CalculateCellIOstuff::m_writeData = false;
+thread_local bool CalculateCellIOstuff::m_writeLines = false;
+thread_local std::string CalculateCellIOstuff::m_folder;
 
 namespace {
 
@@ -111,6 +111,30 @@ private:
 };
 
 }  // namespace
+
+void CalculateCellIOstuff::setWriteData(bool write) {
+    m_writeData = write;
+}
+
+bool CalculateCellIOstuff::getWriteData() {
+    return m_writeData;
+}
+
+void CalculateCellIOstuff::setWriteLines(bool write) {
+    m_writeLines = write;
+}
+
+bool CalculateCellIOstuff::getWriteLines() {
+    return m_writeLines;
+}
+
+void CalculateCellIOstuff::setFolder(const std::string& folder) {
+    m_folder = folder;
+}
+
+const std::string& CalculateCellIOstuff::getFolder() {
+    return m_folder;
+}
 
 bool CalculateCellIOstuff::writeDiffData(CubicGrid<ClusterPoint<double>>* grid) {
     return writeGrid(grid, kDiffVectors, true);

@@ -11,7 +11,7 @@
 #include "cellfinding/CubicGrid.h"
 
 /// Writes the files and holds the two switches that make CalculateCellAlgorithm write them. The switches and
-/// the folder are the process' own; set them before the steps run, not while they do. Both are off at first.
+/// the folder are the thread's own; set them before the steps run, not while they do. Both are off at first.
 ///
 /// One row a point, blanks between x, y, z in voxels and the label; two empty lines between clusters, so
 /// that gnuplot takes each for an index of its own. Earlier files of the same name are replaced.
@@ -24,14 +24,14 @@ public:
     static constexpr int kMostClusters = 500;
 
     /// Steps two and three write the difference vectors and the clusters.
-    static void setWriteData(bool write) { m_writeData = write; }
-    static bool getWriteData() { return m_writeData; }
+    static void setWriteData(bool write);
+    static bool getWriteData();
     /// Step three writes the clusters projected onto their lines.
-    static void setWriteLines(bool write) { m_writeLines = write; }
-    static bool getWriteLines() { return m_writeLines; }
+    static void setWriteLines(bool write);
+    static bool getWriteLines();
     /// An existing folder; "", as at first, is the current one.
-    static void setFolder(const std::string& folder) { m_folder = folder; }
-    static const std::string& getFolder() { return m_folder; }
+    static void setFolder(const std::string& folder);
+    static const std::string& getFolder();
 
     /// "DiffVectors.dat": the vectors of the grid in its order.
     static bool writeDiffData(CubicGrid<ClusterPoint<double>>* grid);
@@ -50,7 +50,7 @@ public:
     static bool writeGnuplotScript();
 
 private:
-    static bool m_writeData;
-    static bool m_writeLines;
-    static std::string m_folder;
+    static thread_local bool m_writeData;
+    static thread_local bool m_writeLines;
+    static thread_local std::string m_folder;
 };

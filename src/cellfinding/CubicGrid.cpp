@@ -2,13 +2,14 @@
 
 #include <algorithm>
 #include <cmath>
-#include <iostream>
 #include <limits>
+#include <ostream>
 #include <sstream>
 #include <type_traits>
 
 #include "cellfinding/detail/CellList.h"
 #include "cellfinding/detail/Trace.h"
+#include "foundation/Narration.h"
 
 namespace {
 
@@ -157,7 +158,7 @@ void CubicGrid<P>::place(const std::vector<P*>& points) {
     for (std::size_t i = 0; i < points.size(); ++i) {
         const int cube = getCubeIndex(points[i]);
         if (cube < 0)
-            std::cout << "== -1\n";
+            VRK::narration() << "== -1\n";
         else
             order.push_back(static_cast<std::uint64_t>(cube) << 32 | i);
         if (cube < 0 || isBeyondAnAxis(points[i])) m_regular = false;

@@ -14,15 +14,16 @@
 #include "crystallography/detail/NumberText.h"
 #include "crystallography/detail/ShortestBase.h"
 #include "crystallography/detail/Tolerance.h"
+#include "foundation/Narration.h"
 
-NiggliReduction::State NiggliReduction::m_state = {};
-double NiggliReduction::m_eps = 1e-5;
-double NiggliReduction::m_smallestA = 0.0;
-int NiggliReduction::m_count = 0;
-int NiggliReduction::m_limit = 1000;
-bool NiggliReduction::m_verbose = true;
-bool NiggliReduction::m_overflow = false;
-std::ostream* NiggliReduction::m_narration = &std::cout;
+thread_local NiggliReduction::State NiggliReduction::m_state = {};
+thread_local double NiggliReduction::m_eps = 1e-5;
+thread_local double NiggliReduction::m_smallestA = 0.0;
+thread_local int NiggliReduction::m_count = 0;
+thread_local int NiggliReduction::m_limit = 1000;
+thread_local bool NiggliReduction::m_verbose = true;
+thread_local bool NiggliReduction::m_overflow = false;
+thread_local std::ostream* NiggliReduction::m_narration = &std::cout;
 
 namespace {
 
@@ -35,6 +36,7 @@ int sgn(double x) {
 }
 
 bool hasReader(const std::ostream* stream) {
+    if (stream == &std::cout) stream = &VRK::narration();
     return stream && stream->good() && stream->rdbuf();
 }
 
@@ -163,6 +165,10 @@ bool NiggliReduction::niggliReduction(UnitCell* cell, int limit) {
 
 void NiggliReduction::setNarration(std::ostream* out) {
     m_narration = out;
+}
+
+std::ostream* NiggliReduction::getNarration() {
+    return m_narration;
 }
 
 void NiggliReduction::init(UnitCell* cell, int limit) {

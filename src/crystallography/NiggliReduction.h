@@ -32,7 +32,7 @@ class UnitCell;
 /// reduced in a finite number of steps, about as many as its longest vector is longer than the reduced one.
 /// A host asks isDegenerate() first; a degenerate cell comes back in some equivalent form.
 ///
-/// Not reentrant: the working state is shared by all reductions of the process.
+/// Not reentrant: the working state and the narration are shared by all reductions of a thread.
 class VRKCORE_EXPORT NiggliReduction {
 public:
     /// Reduces the cell in place. The cell is touched once, at the end, by UnitCell::transform(T).
@@ -40,12 +40,12 @@ public:
     /// @return true; false only for a null cell
     static bool niggliReduction(UnitCell* cell, int limit);
 
-    /// Where the narration goes: a stream that outlives the reductions, or null for none. The standard
-    /// output unless changed. Nothing is formatted for a stream that has no buffer or has failed, so that
-    /// a null stream (std::ostream(nullptr)) costs nothing. Numbers have six significant digits whatever
+    /// Where the narration of this thread goes: a stream that outlives the reductions, or null for none. The
+    /// standard output unless changed. Nothing is formatted for a stream that has no buffer or has failed, so
+    /// that a null stream (std::ostream(nullptr)) costs nothing. Numbers have six significant digits whatever
     /// the stream's own settings are.
     static void setNarration(std::ostream* out);
-    static std::ostream* getNarration() { return m_narration; }
+    static std::ostream* getNarration();
 
 private:
     struct State {
@@ -89,12 +89,12 @@ private:
     static void narrateEnd(const UnitCell& cell);
     static void narrate(const char* text);
 
-    static State m_state;
-    static double m_eps;
-    static double m_smallestA;
-    static int m_count;
-    static int m_limit;
-    static bool m_verbose;
-    static bool m_overflow;
-    static std::ostream* m_narration;
+    static thread_local State m_state;
+    static thread_local double m_eps;
+    static thread_local double m_smallestA;
+    static thread_local int m_count;
+    static thread_local int m_limit;
+    static thread_local bool m_verbose;
+    static thread_local bool m_overflow;
+    static thread_local std::ostream* m_narration;
 };

@@ -2,8 +2,17 @@
 
 #include <iostream>
 
+#include "foundation/Narration.h"
+
 VRKLogger* VRKLogger::m_LoggerInstance = nullptr;
 VRKLoggerDestroyer VRKLogger::m_destroyer;
+
+namespace {
+
+/// Whether the logger was made aloud; it ends as it began.
+bool isAloud = true;
+
+}  // namespace
 
 VRKLogObserver::~VRKLogObserver() = default;
 
@@ -17,13 +26,15 @@ VRKLoggerDestroyer::~VRKLoggerDestroyer() {
 }
 
 VRKLogger::VRKLogger() {
-    std::cout << "  >> constructor VRKLogger\n"
-              << "  << constructor VRKLogger\n"
-              << std::flush;
+    isAloud = &VRK::narration() == &std::cout;
+    VRK::narration() << "  >> constructor VRKLogger\n"
+                     << "  << constructor VRKLogger\n"
+                     << std::flush;
 }
 
 VRKLogger::~VRKLogger() {
     m_LoggerInstance = nullptr;
+    if (!isAloud) return;
     std::cout << "  >> destructor VRKLogger\n"
               << "  << destructor VRKLogger\n"
               << std::flush;

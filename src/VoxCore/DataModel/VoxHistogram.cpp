@@ -2,11 +2,12 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <iostream>
 #include <limits>
+#include <ostream>
 #include <span>
 
 #include "VoxCore/DataModel/detail/ValueCounts.h"
+#include "foundation/Narration.h"
 
 namespace {
 
@@ -49,9 +50,10 @@ void VoxHistogram<T>::Update() {
 
 template <typename T>
 void VoxHistogram<T>::UpdateFromCounts(const VRK::detail::ValueCounts& counts) {
-    std::cout << "  VoxHistogram Update\n    Excluded values:\n";
+    std::ostream& narration = VRK::narration();
+    narration << "  VoxHistogram Update\n    Excluded values:\n";
     for (const T v : m_ExcludedValues)
-        std::cout << "    " << v << '\n';
+        narration << "    " << v << '\n';
     m_Bins.assign(m_BinCount, 0);
 
     const std::vector<CountedValue> values = valuesThatCount(counts, m_ExcludedValues);
@@ -66,14 +68,14 @@ void VoxHistogram<T>::UpdateFromCounts(const VRK::detail::ValueCounts& counts) {
         m_MaxValue = data.GetMaxValue(m_ExcludedValues);
     }
 
-    std::cout << "    Calculating Histogram\n";
+    narration << "    Calculating Histogram\n";
     const std::int64_t range = std::max(m_MaxValue - m_MinValue, 1);
     for (const auto& [value, count] : values) {
         if (m_Bins.empty()) break;
         const std::int64_t bin = std::int64_t{value - m_MinValue} * (m_BinCount - 1) / range;
         m_Bins[static_cast<std::size_t>(bin)] += count;
     }
-    std::cout << "  VoxHistogram Update complete\n";
+    narration << "  VoxHistogram Update complete\n";
 }
 
 template class VoxHistogram<short>;

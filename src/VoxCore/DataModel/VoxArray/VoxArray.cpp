@@ -11,6 +11,7 @@
 #include <optional>
 
 #include "VoxCore/DataModel/VoxArray/detail/ElementArithmetic.h"
+#include "foundation/Narration.h"
 #include "foundation/detail/LargePages.h"
 
 #ifdef __linux__
@@ -445,7 +446,7 @@ T VoxArray<T>::FindExtreme(const std::vector<T>& excluded, const char* warning, 
                                       ? ExtremeOfValuesSeen(excluded, better)
                                       : ExtremeByComparison(excluded, better);
     if (best) return *best;
-    std::cout << warning;
+    VRK::narration() << warning;
     return excluded.empty() ? T{} : T{excluded.front()};
 }
 

@@ -1,0 +1,160 @@
+#include "pipeline/frames/TiltSeries.h"
+
+#include <algorithm>
+#include <cmath>
+#include <string>
+
+#include "foundation/Version.h"
+#include "pipeline/base/NumberText.h"
+#include "pipeline/base/UnitCheck.h"
+#include "pipeline/frames/CountScale.h"
+#include "pipeline/frames/DataFiles.h"
+#include "pipeline/frames/SeriesHeader.h"
+
+namespace vrk {
+namespace {
+
+void checkShape(int columns, int rows, std::span<const double> tilts, const SeriesStatement& statement) {
+    constexpr int kMostPixels = 16384;
+    if (columns < 1 || rows < 1 || columns > kMostPixels || rows > kMostPixels)
+        throw Failure(formatted("frames of %d x %d pixels cannot be used; edges are 1 to %d", columns, rows,
+                                kMostPixels),
+                      FailureKind::Usage);
+    if (tilts.empty() || tilts.size() > mrcH::kMaxSlices)
+        throw Failure(formatted("%zu frames cannot be used: a series has 1 to %d; add up neighbouring ones",
+                                tilts.size(), mrcH::kMaxSlices),
+                      FailureKind::Usage);
+    for (std::size_t i = 0; i < tilts.size(); ++i)
+        if (!std::isfinite(tilts[i]))
+            throw Failure(formatted("the tilt of frame %zu is no number", i), FailureKind::Usage);
+    if (!std::isfinite(statement.pixelSize) || statement.pixelSize < 0.0)
+        throw Failure(formatted("the pixel size %g is none; give it in 1/m per pixel", statement.pixelSize),
+                      FailureKind::Usage);
+    if (statement.kiloVolts != 0.0) refuseImpossibleVoltage(statement.kiloVolts);
+}
+
+/// Frames as 16-bit integers.
+class FrameStore {
+public:
+    FrameStore(VoxMRCData& data, const TiltSeries::FrameSource& read)
+        : m_data(data), m_read(read), m_counts(data.GetChunkSize()) {}
+
+    void fill(Session& session) {
+        pass(1.0, session);
+        const double scale = m_range.choice();
+        if (m_invalid > 0)
+            session.warn(formatted("%lld pixels that are no numbers were set to 0", m_invalid));
+        if (scale == 1.0) return;
+        session.warn(formatted("the counts are multiplied by %g to %s 16-bit integers (%g to %g)", scale,
+                               scale > 1.0 ? "keep their fractions in" : "fit into", m_range.smallest(),
+                               m_range.largest()));
+        m_clipped = 0;
+        pass(scale, session);
+        if (m_clipped > 0)
+            session.warn(formatted("%lld pixels did not fit into 16 bits and were clipped", m_clipped));
+    }
+
+private:
+    void pass(double scale, Session& session) {
+        const bool looks = scale == 1.0;
+        for (unsigned z = 0; z < m_data.GetChunkCount(); ++z) {
+            session.checkCanceled();
+            m_read(z, m_counts);
+            if (looks)
+                m_invalid += removeInvalid();
+            else
+                removeInvalid();
+            if (looks) m_range.add(m_counts);
+            store(scale, m_data.GetChunkPointer(z));
+        }
+    }
+
+    long long removeInvalid() {
+        long long count = 0;
+        for (float& value : m_counts)
+            if (!std::isfinite(value)) {
+                value = 0.0F;
+                ++count;
+            }
+        return count;
+    }
+
+    void store(double scale, short* slice) {
+        for (std::size_t i = 0; i < m_counts.size(); ++i) {
+            const double rounded = std::floor(m_counts[i] * scale + 0.5);
+            if (rounded < -32768.0 || rounded > 32767.0) ++m_clipped;
+            slice[i] = static_cast<short>(std::clamp(rounded, -32768.0, 32767.0));
+        }
+    }
+
+    VoxMRCData& m_data;
+    const TiltSeries::FrameSource& m_read;
+    std::vector<float> m_counts;
+    CountScale m_range;
+    long long m_invalid = 0;
+    long long m_clipped = 0;
+};
+
+std::unique_ptr<VoxMRCData> emptyLike(int columns, int rows, int frames) {
+    std::unique_ptr<VoxMRCData> data(VoxMRCData::Create3D(
+        static_cast<unsigned>(columns), static_cast<unsigned>(rows), static_cast<unsigned>(frames)));
+    if (!data) throw std::bad_alloc();
+    return data;
+}
+
+}  // namespace
+
+Result<TiltSeries> TiltSeries::read(const std::filesystem::path& path, Observer& observer) {
+    return attempt(observer, [&](Session& session) { return TiltSeries(readSeries(path, session)); });
+}
+
+Result<TiltSeries> TiltSeries::make(int columns, int rows, std::span<const double> tilts,
+                                    const SeriesStatement& statement, const FrameSource& read,
+                                    Observer& observer) {
+    return attempt(observer, [&](Session& session) {
+        checkShape(columns, rows, tilts, statement);
+        std::unique_ptr<VoxMRCData> data = emptyLike(columns, rows, static_cast<int>(tilts.size()));
+        data->m_Header = tiltSeriesHeader(columns, rows, {tilts.begin(), tilts.end()}, statement.pixelSize,
+                                          std::string("VRKCore ") + VRK::kVersion);
+        for (int z = 0; z < data->m_Header.nz; ++z) {
+            data->m_Header.setValue(SliceValue::HighTension, z, static_cast<float>(statement.kiloVolts));
+            data->m_Header.setValue(SliceValue::TiltAxis, z,
+                                    static_cast<float>(statement.axis.value_or(0.0)));
+        }
+        FrameStore(*data, read).fill(session);
+        setDensities(*data);
+        return TiltSeries(std::move(data));
+    });
+}
+
+std::vector<double> TiltSeries::tilts() const {
+    std::vector<double> list;
+    for (int z = 0; z < frames(); ++z)
+        list.push_back(m_data->m_Header.tilt(z));
+    return list;
+}
+
+SeriesStatement TiltSeries::statement() const {
+    const mrcH& header = m_data->m_Header;
+    SeriesStatement statement{header.m_pixelsize, header.value(SliceValue::HighTension, 0), {}};
+    if (const float axis = header.value(SliceValue::TiltAxis, 0); axis != 0.0F) statement.axis = axis;
+    return statement;
+}
+
+std::span<const std::int16_t> TiltSeries::frame(int index) const {
+    return {m_data->GetChunkPointer(static_cast<unsigned>(index)), m_data->GetChunkSize()};
+}
+
+std::unique_ptr<VoxMRCData> TiltSeries::copy() const {
+    std::unique_ptr<VoxMRCData> data = emptyLike(columns(), rows(), frames());
+    data->m_Header = m_data->m_Header;
+    for (unsigned z = 0; z < data->GetChunkCount(); ++z)
+        std::copy_n(m_data->GetChunkPointer(z), data->GetChunkSize(), data->GetChunkPointer(z));
+    return data;
+}
+
+Result<void> TiltSeries::write(const std::filesystem::path& path, Observer& observer) const {
+    return attempt(observer, [&](Session& session) { writeData(*copy(), path, session); });
+}
+
+}  // namespace vrk

@@ -1,0 +1,241 @@
+// The pipeline as a library: values in, values out, nothing on the standard output.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <thread>
+
+#include "pipeline/Pipeline.h"
+#include "pipeline/run/RunSummary.h"
+#include "support/TemporaryFolder.h"
+
+namespace {
+
+/// A small crystal about an axis at 20 degrees.
+vrk::SimulationSettings settingsOf(std::array<double, 6> cell, char centring) {
+    vrk::SimulationSettings settings;
+    settings.cell = cell;
+    settings.centring = centring;
+    settings.dmin = 1.0;
+    settings.axis = 20;
+    settings.stated.axis = true;
+    settings.detector.size = 128;
+    for (double tilt = -40; tilt <= 40; tilt += 4)
+        settings.tilts.push_back(tilt);
+    return settings;
+}
+
+const vrk::TiltSeries& simple() {
+    static const vrk::TiltSeries series =
+        vrk::simulate(settingsOf({4, 5, 6, 90, 90, 90}, 'P')).value().series;
+    return series;
+}
+
+const vrk::TiltSeries& centred() {
+    static const vrk::TiltSeries series =
+        vrk::simulate(settingsOf({6, 7, 8, 90, 90, 90}, 'C')).value().series;
+    return series;
+}
+
+vrk::RunOptions quick() {
+    vrk::RunOptions options;
+    options.intensities.wanted = false;
+    return options;
+}
+
+/// The summary up to what differs from run to run.
+std::string summaryOf(const vrk::RunResult& result) {
+    const std::string text = vrk::summaryJson("series", result, {}, {});
+    return text.substr(0, text.find("\"seconds\""));
+}
+
+TEST(Library, FindsWhatTheStagesFindAndNarratesNothing) {
+    const TemporaryFolder folder;
+    ASSERT_TRUE(simple().write(folder / "series.mrc"));
+    testing::internal::CaptureStdout();
+    const auto series = vrk::TiltSeries::read(folder / "series.mrc");
+    const vrk::RunResult result = vrk::run(*series).value();
+    const vrk::RunResult again =
+        vrk::attempt(vrk::silence(), [&](vrk::Session& session) {
+            return vrk::run(std::filesystem::path(folder / "series.mrc"), vrk::RunOptions(), session);
+        }).value();
+    const auto centredFirst = vrk::attempt(vrk::silence(), [&](vrk::Session& session) {
+        vrk::CentredSeries frames =
+            vrk::centre(vrk::makeSeries(series->copy(), {}, session), {}, true, session);
+        return vrk::run(std::move(frames), {}, session);
+    });
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    EXPECT_EQ(summaryOf(result), summaryOf(again));
+    EXPECT_EQ(summaryOf(result), summaryOf(centredFirst.value())) << "begun at the second stage";
+
+    const vrk::CellRow cell = vrk::conventionalCell(result);
+    EXPECT_EQ(cell.bravais, "oP");
+    const std::array<double, 6> truth = {4, 5, 6, 90, 90, 90};
+    for (std::size_t i = 0; i < 6; ++i)
+        EXPECT_NEAR(cell.cell[i], truth[i], 0.01 * truth[i]);
+
+    const auto frames = vrk::frameRows(result);
+    ASSERT_EQ(frames.size(), 21U);
+    EXPECT_EQ(frames.front().tilt, -40);
+    EXPECT_NEAR(frames[3].x, 63.5, 0.5);
+    EXPECT_EQ(vrk::mergedRows(result).size(), result.intensities->reduction.merged.size());
+    EXPECT_EQ(vrk::observationRows(result).size(), result.intensities->reduction.observations.size());
+    const auto intensities = vrk::intensityRows(result);
+    const vrk::IntegratedReflection& third = result.intensities->integration.reflections.at(2);
+    EXPECT_EQ(intensities.at(2).sigma, third.sigma);
+    EXPECT_EQ(intensities.at(2).spacing, third.spacing);
+
+    const auto files = vrk::writeResults(result, folder / "result", "series.mrc");
+    for (const auto& file : files.value())
+        EXPECT_TRUE(std::filesystem::exists(file)) << file;
+    EXPECT_NE(folder.read("result/summary.json").find("\"path\": \"series.mrc\""), std::string::npos);
+    for (const auto& [kind, name] : {std::pair{vrk::ReflectionFile::Shelx, "reflections.hkl"},
+                                     {vrk::ReflectionFile::Cif, "merged.cif"},
+                                     {vrk::ReflectionFile::FrameTable, "frames.csv"},
+                                     {vrk::ReflectionFile::DynamicalCif, "dynamical.cif_pets"}}) {
+        vrk::writeReflections(result, kind, folder / "one").value();
+        EXPECT_EQ(folder.read("one"), folder.read(std::string("result/") + name)) << name;
+    }
+}
+
+TEST(Library, RunsInTwoThreadsAsAlone) {
+    const vrk::TiltSeries* series[] = {&simple(), &centred()};
+    std::string alone[2];
+    for (int i = 0; i < 2; ++i)
+        alone[i] = summaryOf(vrk::run(*series[i], quick()).value());
+    std::string together[2];
+    std::vector<std::string> warnings[2];
+    const auto work = [&](int i) {
+        vrk::Callbacks observer;
+        observer.warning = [&, i](const std::string& text) { warnings[i].push_back(text); };
+        const vrk::RunResult result = vrk::run(*series[i], quick(), observer).value();
+        together[i] = summaryOf(result);
+        EXPECT_EQ(result.warnings, warnings[i]);
+    };
+    testing::internal::CaptureStdout();
+    std::thread second(work, 1);
+    work(0);
+    second.join();
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(together[i], alone[i]);
+}
+
+TEST(Library, TakesStagesOfTheCaller) {
+    vrk::RunStages stages;
+    int searches = 0;
+    stages.searchLevels = [&](const auto& volume, const auto& options, auto& session) {
+        std::vector<vrk::Level> levels = vrk::searchLevels(volume, options, session);
+        ++searches;
+        for (vrk::Level& level : levels)
+            std::erase_if(level.reflections, [](const auto& one) { return one.tilt < -0.5; });
+        return levels;
+    };
+    const vrk::RunResult result = vrk::run(centred(), quick(), vrk::silence(), stages).value();
+    EXPECT_GT(searches, 0);
+    const auto rows = vrk::reflectionRows(result);
+    ASSERT_GT(rows.size(), 40U);
+    EXPECT_EQ(vrk::conventionalCell(result).bravais, "oC");
+    const double pixel = result.facts().pixelSize;
+    for (const vrk::ReflectionRow& row : rows) {
+        EXPECT_GE(row.tilt, -29);
+        if (!row.indexed) continue;
+        EXPECT_EQ((row.h + row.k) % 2, 0) << "indices of the conventional cell";
+        const auto& cell = result.indexed.conventional.cell;
+        const double byCell = std::hypot(row.h / cell[0], row.k / cell[1], row.l / cell[2]);
+        EXPECT_NEAR(row.spacing * byCell, 1, 0.1);
+        EXPECT_NEAR(std::hypot(row.x, row.y, row.z) * pixel * row.spacing, 1e10, 1e4);
+    }
+    const auto none = vrk::writeReflections(result, vrk::ReflectionFile::XdsAscii, "/tmp/none");
+    EXPECT_EQ(none.error().kind, vrk::FailureKind::Usage) << none.error().text;
+}
+
+TEST(Library, StopsWhenItIsAskedTo) {
+    vrk::Callbacks observer;
+    double farthest = 0;
+    observer.progress = [&](const vrk::Callbacks::Progress& now) {
+        farthest = std::max(farthest, now.part + now.share);
+    };
+    observer.stop = [&] { return farthest > 4; };
+    const auto result = vrk::run(simple(), quick(), observer);
+    ASSERT_FALSE(result);
+    EXPECT_EQ(result.error().kind, vrk::FailureKind::Canceled);
+    EXPECT_LT(farthest, 7);
+    EXPECT_THROW(result.value(), vrk::Failure);
+}
+
+TEST(Library, FindsTheCellOfReflections) {
+    std::vector<Eigen::Vector3d> places;
+    for (int h = -5; h <= 5; ++h)
+        for (int k = -4; k <= 4; ++k)
+            for (int l = -3; l <= 3; ++l)
+                if (h != 0 || k != 0 || l != 0) places.emplace_back(10.0 * h, 13.0 * k, 17.0 * l);
+    vrk::PeakCellOptions options;
+    options.pixelSize = 1e8;
+    const vrk::PeakCell cell = vrk::findCell(places, {}, options).value();
+    EXPECT_NEAR(cell.symmetry.symmetrised.a, 1e10 / (17 * 1e8), 0.01);
+    const std::vector<double> few(3, 1.0);
+    EXPECT_EQ(vrk::findCell(places, few).error().kind, vrk::FailureKind::Usage);
+    places[7].y() = std::numeric_limits<double>::quiet_NaN();
+    EXPECT_NE(vrk::findCell(places, {}).error().text.find("reflection 7"), std::string::npos);
+}
+
+TEST(TiltSeries, TakesFramesFromMemory) {
+    const std::vector<double> tilts = {10, -10};
+    std::vector<float> pixels(2 * 3 * 5);
+    for (std::size_t i = 0; i < pixels.size(); ++i)
+        pixels[i] = static_cast<float>(i);
+    pixels[4] = std::numeric_limits<float>::infinity();
+    std::vector<std::string> warnings;
+    vrk::Callbacks observer;
+    observer.warning = [&](const std::string& text) { warnings.push_back(text); };
+    const auto series =
+        vrk::TiltSeries::of(std::span<const float>(pixels), 5, 3, tilts, {5e7, 300, 31.5}, observer).value();
+    EXPECT_EQ(series.columns(), 5);
+    EXPECT_EQ(series.rows(), 3);
+    EXPECT_EQ(series.tilts(), tilts);
+    EXPECT_EQ(series.statement().pixelSize, 5e7);
+    EXPECT_EQ(series.statement().kiloVolts, 300);
+    EXPECT_EQ(series.statement().axis, 31.5);
+    EXPECT_EQ(series.frame(1)[7], 22) << "column 2 of row 1";
+    EXPECT_EQ(series.frame(0)[4], 0);
+    ASSERT_EQ(warnings.size(), 1U);
+    EXPECT_EQ(warnings[0], "1 pixels that are no numbers were set to 0");
+
+    std::transform(pixels.begin(), pixels.end(), pixels.begin(), [](float p) { return p * 1e-3F; });
+    const auto faint = vrk::TiltSeries::of(std::span<const float>(pixels), 5, 3, tilts, {}, observer).value();
+    EXPECT_GT(faint.frame(1)[7], 100) << "fractions are kept";
+    EXPECT_NE(warnings.back().find("multiplied"), std::string::npos);
+}
+
+TEST(TiltSeries, RefusesWhatIsNoSeries) {
+    const double none = std::numeric_limits<double>::quiet_NaN();
+    struct Case {
+        int columns, rows;
+        std::vector<double> tilts;
+        vrk::SeriesStatement statement;
+        std::size_t pixels;
+        const char* reason;
+    };
+    const std::vector<Case> cases = {
+        {0, 3, {1}, {}, 0, "0 x 3"},
+        {2, -1, {1}, {}, 0, "2 x -1"},
+        {2, 3, {}, {}, 0, "0 frames"},
+        {1, 1, std::vector<double>(301, 1.0), {}, 301, "301 frames"},
+        {2, 3, {1, none}, {}, 12, "tilt of frame 1"},
+        {2, 3, {1, 2}, {}, 11, "11 pixels are not 2 frames of 2 x 3"},
+        {2, 3, {1}, {-1, 0, {}}, 6, "pixel size"},
+        {2, 3, {1}, {none, 0, {}}, 6, "pixel size"},
+        {2, 3, {1}, {0, 2e5, {}}, 6, "kV"},
+    };
+    for (const Case& one : cases) {
+        const std::vector<short> pixels(one.pixels, 1);
+        const auto series = vrk::TiltSeries::of(std::span<const short>(pixels), one.columns, one.rows,
+                                                one.tilts, one.statement);
+        ASSERT_FALSE(series) << one.reason;
+        EXPECT_NE(series.error().text.find(one.reason), std::string::npos) << series.error().text;
+    }
+}
+
+}  // namespace
