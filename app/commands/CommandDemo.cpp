@@ -18,9 +18,9 @@
 #include "pipeline/base/OutputFile.h"
 #include "pipeline/base/ResultFolder.h"
 #include "pipeline/frames/DataFiles.h"
+#include "pipeline/report/Report.h"
 #include "pipeline/run/ResultFiles.h"
 #include "pipeline/run/Run.h"
-#include "pipeline/run/RunSummary.h"
 #include "pipeline/simulation/Simulation.h"
 
 namespace vrk::app {
@@ -249,7 +249,7 @@ Json toJson(const Options& options, const SimulationTruth& truth, const RunResul
             {"ok", comparison.ok()}};
 }
 
-void demo(const Options& options, Host& host) {
+void demo(const Options& options, const std::string& commandText, Host& host) {
     ResultFolder results(options.folder);
     const std::filesystem::path& folder = results.path();
     const std::filesystem::path series = options.folder / "series.mrc";
@@ -263,8 +263,8 @@ void demo(const Options& options, Host& host) {
     host.session().beginPart(kRunParts, kRunParts, "write the results");
     writeResultFiles(result, folder, host.session());
     drawRunPictures(result, folder);
-    writeSummary(folder / ResultFolder::kSummary,
-                 summaryJson(series, result, host.warnings(), results.written()));
+    writeSummaryAndReport({commandText, series, {}}, result, host.warnings(), results.written(), true,
+                          folder);
     results.commit();
     host.session().endParts();
     const Comparison comparison = compare(truth, result);
@@ -317,7 +317,7 @@ void addDemoCommand(CommandLine& line, Host& host) {
     command.option("--seed", settings.seed, "Seed of everything random").showDefault().typeName("INT");
     command.flag("--json", options->json, "Print the comparison as JSON");
     command.footer("Example:\n  vrk demo -o vrk-demo --cell 12.02,12.02,12.02,90,90,90 --centring I");
-    command.action([options, &host] { demo(*options, host); });
+    command.action([options, &line, &host] { demo(*options, line.text(), host); });
 }
 
 }  // namespace vrk::app

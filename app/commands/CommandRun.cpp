@@ -17,10 +17,10 @@
 #include "pipeline/formats/ReflectionFormats.h"
 #include "pipeline/frames/DataFiles.h"
 #include "pipeline/frames/FileContent.h"
+#include "pipeline/report/Report.h"
 #include "pipeline/run/IntensityFiles.h"
 #include "pipeline/run/ResultFiles.h"
 #include "pipeline/run/Run.h"
-#include "pipeline/run/RunSummary.h"
 
 namespace vrk::app {
 namespace {
@@ -77,7 +77,8 @@ Failure failureOf(const Failure& failure, const Options& options, const RunRemai
 }
 
 /// Writes all files, the summary last. \returns its text
-std::string writeResults(const Options& options, const RunResult& result, ResultFolder& results, Host& host) {
+std::string writeResults(const Options& options, const RunRecord& record, const RunResult& result,
+                         ResultFolder& results, Host& host) {
     const std::filesystem::path& folder = results.path();
     host.session().beginPart(kRunParts, kRunParts, "write the results", 2);
     if (options.keepVolume) writeData(*result.volume.voxels, folder / "volume.mrc", host.session());
@@ -87,14 +88,14 @@ std::string writeResults(const Options& options, const RunResult& result, Result
     host.session().checkCanceled();
     if (options.pictures) drawRunPictures(result, folder);
     host.session().checkCanceled();
-    std::string summary = summaryJson(options.series, result, host.warnings(), results.written());
-    writeSummary(folder / ResultFolder::kSummary, summary);
+    std::string summary =
+        writeSummaryAndReport(record, result, host.warnings(), results.written(), options.pictures, folder);
     results.commit();
     host.session().endParts();
     return summary;
 }
 
-void runSeries(const Options& options, const std::string& given, Host& host) {
+void runSeries(const Options& options, const std::string& given, const std::string& commandText, Host& host) {
     RunOptions choices = options.run;
     setAxis(choices.axis, options.tiltAxis);
     setCentre(choices.centre, options.centre);
@@ -110,7 +111,9 @@ void runSeries(const Options& options, const std::string& given, Host& host) {
     RunRemains remains;
     try {
         const RunResult result = run(options.series, choices, host.session(), &remains);
-        const std::string summary = writeResults(options, result, results, host);
+        const RunRecord record = {
+            commandText, options.series, {options.distortion, choices.fineCalibration, choices.centre.file}};
+        const std::string summary = writeResults(options, record, result, results, host);
         if (options.json)
             host.out() << summary << '\n';
         else
@@ -172,7 +175,8 @@ void addRunCommand(CommandLine& line, Host& host) {
     addLogLevelOption(command, options->log);
     command.flag("--json", options->json, "Print the summary as JSON");
     command.footer("Example:\n  vrk run series.mrc -o result --tilt-axis search");
-    command.action([options, command, &host] { runSeries(*options, command.givenOptions(), host); });
+    command.action(
+        [options, command, &line, &host] { runSeries(*options, command.givenOptions(), line.text(), host); });
 }
 
 }  // namespace vrk::app

@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <filesystem>
 #include <optional>
 #include <sstream>
@@ -155,6 +156,18 @@ std::string complaintOf(const CLI::ParseError& problem, const CLI::App& program,
     return text;
 }
 
+/// A word as a shell takes it.
+std::string quoted(const std::string& word) {
+    const bool isPlain = !word.empty() && std::all_of(word.begin(), word.end(), [](unsigned char c) {
+        return std::isalnum(c) || std::strchr("-_./,:=+@%", c);
+    });
+    if (isPlain) return word;
+    std::string text = "'";
+    for (const char c : word)
+        text += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return text + "'";
+}
+
 }  // namespace
 
 CommandOption CommandOption::required() {
@@ -298,6 +311,9 @@ bool CommandLine::help(std::vector<std::string> words, std::ostream& out, std::o
 bool CommandLine::run(int argc, char** argv, std::ostream& out, std::ostream& error) {
     const std::string& program = m_parser->get_name();
     const std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
+    m_text = program;
+    for (const std::string& word : words)
+        m_text += ' ' + quoted(word);
     if (words.empty()) {
         error << m_parser->help();
         return false;

@@ -103,6 +103,9 @@ public:
     /// \returns false when the arguments are wrong; the error stream says why and what may have been meant
     bool run(int argc, char** argv, std::ostream& out, std::ostream& error);
 
+    /// The whole command line of run(), as a shell would take it again.
+    const std::string& text() const { return m_text; }
+
     /// The options of the program itself, without a name, and the commands in the order of the help text.
     std::vector<CommandDescription> describe() const;
 
@@ -111,6 +114,7 @@ private:
 
     std::unique_ptr<CLI::App> m_parser;
     std::string m_name;  ///< with the version
+    std::string m_text;
 };
 
 }  // namespace vrk::app

@@ -31,7 +31,7 @@ TiltAxis findAxis(const CentredSeries& series, const AxisChoice& choice, Session
             const TiltAxisResult found =
                 findTiltAxis(corrected ? *corrected->frames : *series.frames, TiltAxisMethod::TwoD,
                              choice.accuracy, choice.jobs, choice.folder, session);
-            return {found.angle, found.uncertainty, "search", {}};
+            return {found.angle, found.uncertainty, "search", {}, found.scores};
         }
         case AxisChoice::Source::Series:
             break;

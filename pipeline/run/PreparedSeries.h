@@ -15,6 +15,7 @@
 #include "pipeline/run/Series.h"
 #include "processing/PatternCentre.h"
 #include "processing/RecordedPixels.h"
+#include "tiltaxis/TiltAxisScore.h"
 
 namespace vrk {
 
@@ -25,7 +26,8 @@ struct TiltAxis {
     /// "option", "calibration", "header", "search", "assumed", or "refined": moved or, where nobody stated
     /// it, confirmed by the reflections.
     std::string source = "assumed";
-    std::optional<double> stated;  ///< what an axis refined since was before, degrees
+    std::optional<double> stated;            ///< what an axis refined since was before, degrees
+    std::vector<TiltAxisScore> scores = {};  ///< of the angles that a search tried
 };
 
 /// Square frames without hot spots, the direct beam in the middle, the background taken off.

@@ -9,6 +9,8 @@
 #include "pipeline/base/OutputFile.h"
 #include "pipeline/formats/CellEvaluationFiles.h"
 #include "pipeline/formats/CentreFile.h"
+#include "pipeline/formats/ReflectionTable.h"
+#include "pipeline/run/SeenReflections.h"
 #include "reflections/PeakFileImportExport.h"
 #include "reflections/ReflexVector.h"
 
@@ -75,6 +77,10 @@ std::vector<std::filesystem::path> writeResultFiles(const RunResult& result,
         writeCell(nameOfCrystal(i + 2, ".cell.txt"), result.crystals.others[i].indexed.lattice());
     writeCentreFile(folder / "centres.txt", result.volume.tilts, result.volume.centres);
     files.push_back(folder / "centres.txt");
+    write("reflections.csv", [&](const std::string& path) {
+        writeReflectionTable(listedReflections(result), path);
+        return true;
+    });
     for (const std::filesystem::path& path :
          writeEvaluation(result.lattice.evidence, folder / "cell-report.txt"))
         files.push_back(path);

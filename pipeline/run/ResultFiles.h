@@ -17,8 +17,8 @@ std::vector<IndexedReflection> conventionalReflections(const Indexed& indexed);
 /// The name of a file of a further crystal: 2 and ".hkl" give crystal2.hkl.
 std::string nameOfCrystal(std::size_t number, const std::string& end);
 
-/// Writes peaks.txt, cell.txt, crystal2.cell.txt ... of further crystals, cell-report.txt and
-/// cell-report.json. \returns their paths. Throws Failure when one cannot be written.
+/// Writes peaks.txt, cell.txt, crystal2.cell.txt ... of further crystals, centres.txt, reflections.csv,
+/// cell-report.txt and cell-report.json. \returns their paths. Throws Failure when one cannot be written.
 std::vector<std::filesystem::path> writeResultFiles(const RunResult& result,
                                                     const std::filesystem::path& folder, Session& session);
 

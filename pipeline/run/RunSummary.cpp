@@ -9,12 +9,16 @@
 #include <numbers>
 #include <string>
 
+#include "foundation/Version.h"
 #include "pipeline/base/Angle.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/FileChecksum.h"
 #include "pipeline/base/JsonText.h"
+#include "pipeline/base/NumberText.h"
 #include "pipeline/base/OutputFile.h"
 #include "pipeline/formats/CentreFile.h"
 #include "pipeline/run/ResultFiles.h"
+#include "pipeline/run/SeenReflections.h"
 
 namespace vrk {
 namespace {
@@ -84,6 +88,29 @@ Json inputJson(const std::filesystem::path& series, const SeriesFacts& facts) {
     return {{"path", series.string()},      {"nx", facts.size[0]},           {"ny", facts.size[1]},
             {"nz", facts.size[2]},          {"tilt_first", facts.tiltFirst}, {"tilt_last", facts.tiltLast},
             {"pixel_size", facts.pixelSize}};
+}
+
+/// Files that were read, so that they are known again.
+Json inputsJson(const RunRecord& record) {
+    Json json = Json::array();
+    std::vector<std::filesystem::path> paths = {record.series};
+    paths.insert(paths.end(), record.others.begin(), record.others.end());
+    for (const std::filesystem::path& path : paths) {
+        if (path.empty()) continue;
+        const FileChecksum checksum = checksumOf(path);
+        json.push_back({{"path", path.string()},
+                        {"bytes", checksum.bytes},
+                        {"crc32", formatted("%08x", static_cast<unsigned>(checksum.crc32))}});
+    }
+    return json;
+}
+
+Json scoresJson(const std::vector<TiltAxisScore>& scores) {
+    Json json = Json::array();
+    for (const TiltAxisScore& score : scores)
+        if (score.evaluated)
+            json.push_back({{"angle_deg", static_cast<double>(score.angle)}, {"score", score.variance}});
+    return json;
 }
 
 Json reflectionsJson(const Indexed& indexed) {
@@ -194,6 +221,10 @@ Json crystalJson(const Indexed& indexed, const std::optional<Intensities>& inten
     json["reciprocal_vectors_px"] = Json::array();
     for (const Eigen::Vector3d& vector : lattice.lattice.basis.colwise())
         json["reciprocal_vectors_px"].push_back({vector[0], vector[1], vector[2]});
+    json["reciprocal_vectors"] = Json::array();
+    const Eigen::Matrix3d base = reciprocalBase(indexed);
+    for (const Eigen::Vector3d& vector : base.colwise())
+        json["reciprocal_vectors"].push_back({vector[0], vector[1], vector[2]});
     json["same_cell"] = true;
     json["turn_deg"] = 0.0;
     json["observations"] = nullptr;
@@ -262,6 +293,36 @@ Json spaceGroupsJson(const SpaceGroupAnalysis& analysis) {
     return json;
 }
 
+/// What each frame shows of the first crystal.
+Json framesJson(const Intensities& intensities) {
+    const IntegrationResult& integration = intensities.integration;
+    const std::vector<FramePose>& poses = integration.fit.geometry.frames;
+    std::vector<int> seen(poses.size(), 0);
+    for (const ObservedPlace& place : integration.places)
+        ++seen[place.frame];
+    std::vector<int> spots(poses.size(), 0);
+    std::vector<double> counts(poses.size(), 0.0);
+    for (std::size_t i = 0; i < integration.fitted.size(); ++i) {
+        if (!(integration.fitted[i].variance > 0)) continue;
+        const std::uint32_t frame = integration.prediction.spots[i].frame;
+        ++spots[frame];
+        counts[frame] += static_cast<double>(integration.fitted[i].counts);
+    }
+    const double dMin = std::max(integration.dMin, 0.01);
+    constexpr double kLowResolution = 1e4;
+    Json json = Json::array();
+    for (std::size_t i = 0; i < poses.size(); ++i) {
+        const auto frame = static_cast<double>(i);
+        json.push_back({{"tilt", poses[i].tilt / kDegree},
+                        {"predicted", spots[i]},
+                        {"observed", seen[i]},
+                        {"counts", counts[i]},
+                        {"scale", intensities.reduction.scales.factor(frame, kLowResolution)},
+                        {"scale_at_d_min", intensities.reduction.scales.factor(frame, dMin)}});
+    }
+    return json;
+}
+
 Json intensitiesJson(const Intensities& intensities) {
     const IntegrationResult& integration = intensities.integration;
     const GeometryFit& fit = integration.fit;
@@ -301,7 +362,9 @@ Json intensitiesJson(const Intensities& intensities) {
     json["shells"] = Json::array();
     for (const ShellStatistics& shell : reduction.statistics.shells)
         json["shells"].push_back(shellJson(shell));
-    json["wilson"] = {{"b", reduction.wilson.b}, {"bins", Json::array()}};
+    json["frames"] = framesJson(intensities);
+    json["wilson"] = {
+        {"b", reduction.wilson.b}, {"ln_scale", reduction.wilson.lnScale}, {"bins", Json::array()}};
     for (const WilsonBin& bin : reduction.wilson.bins)
         json["wilson"]["bins"].push_back(
             {{"s2", bin.s2}, {"ln_i", bin.lnIntensity}, {"reflections", bin.reflections}});
@@ -333,18 +396,21 @@ double peakMemory() {
     return static_cast<double>(usage.ru_maxrss) / 1024.0;
 }
 
-std::string summaryJson(const std::filesystem::path& series, const RunResult& result,
+std::string summaryJson(const RunRecord& record, const RunResult& result,
                         const std::vector<std::string>& warnings, const std::vector<std::string>& files) {
     const RefinedPositions& refined = result.indexed.refined;
     const VoxMRCData& voxels = *result.volume.voxels;
     Json json;
-    json["input"] = inputJson(series, result.facts());
+    json["program"] = {{"version", VRK::kVersion}, {"command", record.command}};
+    json["input"] = inputJson(record.series, result.facts());
+    json["inputs"] = inputsJson(record);
     json["tilt_axis"] = {{"angle_deg", result.axis.angle}, {"source", result.axis.source}};
     if (result.axis.uncertainty > 0.0) json["tilt_axis"]["uncertainty_deg"] = result.axis.uncertainty;
     json["tilt_axis"]["refined_deg"] = result.refinedAxis();
     const double axisSigma = result.refinedAxisSigma();
     json["tilt_axis"]["refined_esd_deg"] = std::isfinite(axisSigma) ? Json(axisSigma) : Json();
     if (result.axis.stated) json["tilt_axis"]["stated_deg"] = *result.axis.stated;
+    if (!result.axis.scores.empty()) json["tilt_axis"]["scores"] = scoresJson(result.axis.scores);
     json["instrument"] = instrumentJson(result.indexed.instrument, result.facts());
     json["centres"] = centresJson(result.volume);
     json["volume"] = {{"dims", {voxels.GetWidth(), voxels.GetHeight(), voxels.GetDepth()}}};

@@ -10,10 +10,16 @@
 
 namespace vrk {
 
-/// The text of summary.json.
-/// \param series  as the caller named it
+/// What a run was given.
+struct RunRecord {
+    std::string command;                        ///< as it was typed
+    std::filesystem::path series;               ///< as the caller named it
+    std::vector<std::filesystem::path> others;  ///< further files that were read; empty names are left out
+};
+
+/// The text of summary.json. The files of the record are read for their checksums.
 /// \param files   names of the result's files in their folder, but the summary
-std::string summaryJson(const std::filesystem::path& series, const RunResult& result,
+std::string summaryJson(const RunRecord& record, const RunResult& result,
                         const std::vector<std::string>& warnings, const std::vector<std::string>& files);
 
 /// Throws Failure when the file cannot be written.

@@ -1,0 +1,48 @@
+#include "pipeline/report/ReportPage.h"
+
+namespace vrk {
+namespace {
+
+constexpr std::string_view kElement = "<script type=\"application/json\" data-result=\"";
+constexpr std::string_view kName = "\" data-block=\"";
+constexpr std::string_view kEnd = "</script>";
+
+/// In JSON this sign stands in strings alone, where it may be written otherwise.
+std::string withoutTags(const std::string& json) {
+    std::string text;
+    text.reserve(json.size());
+    for (const char sign : json)
+        if (sign == '<')
+            text += "\\u003c";
+        else
+            text += sign;
+    return text;
+}
+
+}  // namespace
+
+std::string reportPage(std::span<const ReportBlocks> results) {
+    const ReportTemplate page = reportTemplate();
+    std::string text;
+    for (const std::string_view part : page.before)
+        text += part;
+    for (std::size_t i = 0; i < results.size(); ++i)
+        for (const ReportBlock& block : results[i]) {
+            text.append(kElement).append(std::to_string(i)).append(kName).append(block.name).append("\">");
+            text.append(withoutTags(block.json)).append(kEnd).append("\n");
+        }
+    for (const std::string_view part : page.after)
+        text += part;
+    return text;
+}
+
+std::optional<std::string> blockOf(std::string_view page, std::string_view name) {
+    const std::string start = std::string(kElement).append("0").append(kName).append(name).append("\">");
+    const std::size_t at = page.find(start);
+    if (at == std::string_view::npos) return std::nullopt;
+    const std::size_t end = page.find(kEnd, at);
+    if (end == std::string_view::npos) return std::nullopt;
+    return std::string(page.substr(at + start.size(), end - at - start.size()));
+}
+
+}  // namespace vrk
