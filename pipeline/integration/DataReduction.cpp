@@ -79,6 +79,7 @@ DataReduction reduceData(std::span<const IntegratedReflection> reflections, std:
         mergingStatistics(data.observations, {IndexRotation()}, reciprocal, centring, dMin);
     data.wilson = wilsonPlot(data.merged);
     data.spaceGroups = analyseSpaceGroups(data.merged, rotations, centring);
+    estimateAmplitudes(data.merged, data.spaceGroups);
     return data;
 }
 

@@ -50,11 +50,12 @@ std::vector<IndexedReflection> scaled(const DataReduction& reduction) {
     return list;
 }
 
-std::vector<IndexedReflection> merged(const DataReduction& reduction) {
-    std::vector<IndexedReflection> list;
-    for (const MergedReflection& one : reduction.merged)
-        list.push_back({one.hkl[0], one.hkl[1], one.hkl[2], one.intensity, one.sigma});
-    return list;
+void setMerged(const DataReduction& reduction, ReflectionSet& set) {
+    set.reflections.clear();
+    for (const MergedReflection& one : reduction.merged) {
+        set.reflections.push_back({one.hkl[0], one.hkl[1], one.hkl[2], one.intensity, one.sigma});
+        set.amplitudes.push_back({one.amplitude.value, one.amplitude.sigma});
+    }
 }
 
 ExperimentDescription experimentOf(const RunResult& result, const ReflectionSet& set) {
@@ -157,7 +158,7 @@ std::vector<std::filesystem::path> writeIntensityFiles(const RunResult& result, 
     }
     if (!result.intensities) return files;
 
-    set.reflections = merged(result.intensities->reduction);
+    setMerged(result.intensities->reduction, set);
     write("merged.mtz", [&](const auto& path) { writeMtz(set, path); });
     write("merged.cif", [&](const auto& path) { writeCif(set, path); });
     const ExperimentDescription experiment = experimentOf(result, set);
