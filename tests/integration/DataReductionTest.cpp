@@ -334,7 +334,16 @@ TEST(DataReductionTest, saysWhenNothingIsLeft) {
         r.spacing = 2;
         r.flags = kReflectionBlind;
     }
-    EXPECT_THROW(reduceData(blind, 10, reciprocalOf({10, 10, 10, 90, 90, 90}), 'P', 1), Failure);
+    blind[4].flags = kReflectionSaturated;
+    try {
+        reduceData(blind, 10, reciprocalOf({10, 10, 10, 90, 90, 90}), 'P', 1);
+        ADD_FAILURE();
+    } catch (const Failure& failure) {
+        EXPECT_EQ(failure.kind(), FailureKind::NothingFound);
+        EXPECT_NE(std::string(failure.what()).find("of 5, 4 lie along the tilt axis, 1 are saturated, 0"),
+                  std::string::npos)
+            << failure.what();
+    }
 }
 
 }  // namespace

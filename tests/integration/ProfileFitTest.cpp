@@ -155,6 +155,7 @@ TEST(ExpectedCountsTest, joinFriedelMatesThatAgreeAndAreNeverNegative) {
     std::vector<CurveFit> fits;
     const auto add = [&](int h, double intensity, double sigma) {
         PredictedReflection one;
+        one.g.setZero();
         one.h = h;
         one.length = 0.5;
         prediction.reflections.push_back(one);
