@@ -5,7 +5,8 @@ Needs numpy. Counts follow the time that a reflection takes through the Ewald sp
 random. For each kind of series: reflections; R of the amplitudes of single observations; the R that counting
 statistics leave to a measurement that knows everything but the intensities (Cramer-Rao bound of the simulated frames:
 profiles, curves and background exact, no neighbours); R of the merged amplitudes in merged.cif; correlation; width and
-mean of (I - true) / sigma, over all and in the worst tenth by true intensity. The mean of a tenth scatters by one over the
+mean of (I - true) / sigma, over all and in the worst tenth by true intensity; the largest errors of the ratios of edges
+(per cent) and of angles (degrees), and how many of the free edges and angles lie within two standard uncertainties. The mean of a tenth scatters by one over the
 root of its reflections: several seeds (--seeds) tell chance from bias.
 """
 
@@ -60,6 +61,22 @@ def index_changes(found, true):
         change = np.array(matrix)
         if round(np.linalg.det(change)) == 1 and np.all(abs(change @ start @ change.T - target) < 0.03 * scale):
             yield change
+
+
+def cell_errors(found, deviations, true, change):
+    """Largest relative error of a ratio of edges and of an angle, free parameters, and those within two uncertainties.
+    The scale of all edges is that of the pixel size, which a series takes as stated."""
+    start = change @ metric(found) @ change.T
+    edges = np.sqrt(np.diag(start))
+    angles = [math.degrees(math.acos(start[i, j] / edges[i] / edges[j])) for i, j in ((1, 2), (0, 2), (0, 1))]
+    relative = edges / np.array(true[:3])
+    ratio = max(abs(relative[i] / relative[j] - 1) for i in range(3) for j in range(3))
+    angle = max(abs(a - b) for a, b in zip(angles, true[3:]))
+    order = [int(np.flatnonzero(row)[0]) for row in change] if np.all(np.sum(abs(change), axis=1) == 1) else []
+    inside = [abs(value - goal) < 2 * deviations[offset + axis]
+              for offset, values, goals in ((0, edges, true[:3]), (3, angles, true[3:]))
+              for axis, value, goal in zip(order, values, goals) if deviations[offset + axis] > 0]
+    return ratio, angle, len(inside), sum(inside)
 
 
 def read_hkl(path):
@@ -204,8 +221,11 @@ def measure(vrk, crystal, seed, size, folder):
     most = max(one[0] for one in rated)
     _, _, change, table = max(rated, key=lambda one: (one[0] > 0.9 * most, one[1]))
     one = {"table": table, "recorded": sum(1 for one in truth["reflections"] if one["counts"] > 0),
-           "measured": summary["intensities"] is not None, "seconds": summary["seconds"], "merged": float("nan")}
+           "measured": summary["intensities"] is not None, "seconds": summary["seconds"], "merged": float("nan"),
+           "cell": (float("nan"), float("nan"), 0, 0)}
     if one["measured"]:
+        deviations = [summary["intensities"]["esd"][key] for key in ("a", "b", "c", "alpha", "beta", "gamma")]
+        one["cell"] = cell_errors(found, deviations, [float(x) for x in cell.split(",")], change)
         unique, amplitudes = read_merged(result / "merged.cif")
         one["merged"] = merged_r(unique @ change.T, amplitudes, rows, true)
     return name, one, ""
@@ -219,9 +239,9 @@ def main():
     parser.add_argument("--seeds", type=int, default=1, help="series of each kind, taken together [1]")
     parser.add_argument("--only", help="series whose name has this in it")
     options = parser.parse_args()
-    print("%-18s %6s %6s %6s %6s %6s %8s %6s %6s %6s %6s  %s" %
-          ("series", "refl", "of", "R(F)", "ideal", "merged", "CC", "width", "mean", "worst", "worst",
-           "s integrate / total"))
+    print("%-18s %6s %6s %6s %6s %6s %8s %6s %6s %6s %6s %7s %7s %8s  %s" %
+          ("series", "refl", "of", "R(F)", "ideal", "merged", "CC", "width", "mean", "worst", "worst", "ratio %",
+           "angle", "in 2 su", "s integrate / total"))
     for number, crystal in enumerate(CRYSTALS):
         if options.only and options.only not in crystal[0]:
             continue
@@ -238,10 +258,12 @@ def main():
             continue
         all_of = statistics(np.concatenate([one["table"] for one in series], axis=1))
         seconds = [np.mean([one["seconds"][step] for one in series]) for step in ("integrate", "total")]
-        print("%-18s %6d %6d %6.2f %6.2f %6.2f %8.5f %6.2f %6.2f %6.2f %6.2f  %.1f / %.1f%s" %
+        cells = np.array([one["cell"] for one in series])
+        print("%-18s %6d %6d %6.2f %6.2f %6.2f %8.5f %6.2f %6.2f %6.2f %6.2f %7.4f %7.4f %3d / %2d  %.1f / %.1f%s" %
               (name, all_of["reflections"], sum(one["recorded"] for one in series), 100 * all_of["r"],
                100 * all_of["ideal"], 100 * np.mean([one["merged"] for one in series]), all_of["cc"],
-               all_of["width"], all_of["mean"], all_of["worst_width"], all_of["worst_mean"], *seconds,
+               all_of["width"], all_of["mean"], all_of["worst_width"], all_of["worst_mean"],
+               100 * np.max(cells[:, 0]), np.max(cells[:, 1]), np.sum(cells[:, 3]), np.sum(cells[:, 2]), *seconds,
                "" if all(one["measured"] for one in series) else "  (sums over the volume)"), flush=True)
 
 

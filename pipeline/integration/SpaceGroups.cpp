@@ -276,8 +276,8 @@ SpaceGroupAnalysis analyseSpaceGroups(std::span<const MergedReflection> merged,
 }
 
 void estimateAmplitudes(std::span<MergedReflection> merged, const SpaceGroupAnalysis& analysis) {
-    if (analysis.candidates.empty()) return;
-    const gemmi::GroupOps operations = gemmi::symops_from_hall(analysis.candidates.front().hall.c_str());
+    const gemmi::GroupOps operations = gemmi::symops_from_hall(
+        analysis.candidates.empty() ? "P 1" : analysis.candidates.front().hall.c_str());
     const auto indices = [](const MergedReflection& one) {
         return gemmi::Op::Miller{one.hkl[0], one.hkl[1], one.hkl[2]};
     };

@@ -230,6 +230,8 @@ TEST(AmplitudesTest, knowCentricReflectionsAndThoseThatOperationsDouble) {
     EXPECT_NEAR(list[0].amplitude.value, expectedAmplitude(100, 40, 99.8, false).value, 0.01);
     EXPECT_NEAR(list[210].amplitude.value, expectedAmplitude(100, 40, 99.8, true).value, 0.01);
     EXPECT_NEAR(list[211].amplitude.value, expectedAmplitude(100, 40, 199.5, false).value, 0.01);
+    estimateAmplitudes(list, {});
+    EXPECT_NEAR(list[210].amplitude.value, expectedAmplitude(100, 40, 100, false).value, 0.01);
 }
 
 TEST(WilsonPlotTest, FindsTheFallOffOfTheIntensities) {
