@@ -45,6 +45,10 @@ const gemmi::SpaceGroup* spaceGroupOf(const ReflectionSet& set) {
     return &detail::spaceGroupNamed(set.spaceGroup);
 }
 
+bool hasAmplitudes(const ReflectionSet& set) {
+    return !set.amplitudes.empty() && set.amplitudes.size() == set.reflections.size();
+}
+
 bool hasCentreAtOrigin(const gemmi::GroupOps& operations) {
     const gemmi::Op* inversion = operations.find_by_rotation(gemmi::Op::identity().negated_rot());
     return inversion && inversion->tran == gemmi::Op::Tran{0, 0, 0};
@@ -323,14 +327,23 @@ void writeMtz(const ReflectionSet& set, const std::filesystem::path& path) {
     mtz.set_cell_for_all(gemmi::UnitCell(c[0], c[1], c[2], c[3], c[4], c[5]));
     mtz.add_column("I", 'J', -1, -1, false);
     mtz.add_column("SIGI", 'Q', -1, -1, false);
+    const bool amplitudes = hasAmplitudes(set);
+    if (amplitudes) {
+        mtz.add_column("F", 'F', -1, -1, false);
+        mtz.add_column("SIGF", 'Q', -1, -1, false);
+    }
     std::vector<float> rows;
-    rows.reserve(5 * set.reflections.size());
-    for (const IndexedReflection& r : set.reflections) {
+    rows.reserve(mtz.columns.size() * set.reflections.size());
+    for (std::size_t i = 0; i < set.reflections.size(); ++i) {
+        const IndexedReflection& r = set.reflections[i];
         // Indices are floats in this format.
         if (std::max({std::abs(r.h), std::abs(r.k), std::abs(r.l)}) > (1 << 24))
             throw Failure(formatted("the reflection %d %d %d does not fit the MTZ format", r.h, r.k, r.l));
         rows.insert(rows.end(), {static_cast<float>(r.h), static_cast<float>(r.k), static_cast<float>(r.l),
                                  static_cast<float>(r.intensity), static_cast<float>(r.sigma)});
+        if (amplitudes)
+            rows.insert(rows.end(), {static_cast<float>(set.amplitudes[i].value),
+                                     static_cast<float>(set.amplitudes[i].sigma)});
     }
     mtz.set_data(rows.data(), rows.size());
     if (!set.spaceGroup.empty()) {
@@ -358,11 +371,20 @@ void writeCif(const ReflectionSet& set, const std::filesystem::path& path) {
                    set.wavelength > 0.0 ? formatted("%.6f", set.wavelength) : std::string("?"));
     if (set.experiment) describe(*set.experiment, block);
     if (!set.formula.empty()) block.set_pair("_chemical_formula_sum", gemmi::cif::quote(set.formula));
-    gemmi::cif::Loop& loop =
-        block.init_loop("_refln_", {"index_h", "index_k", "index_l", "F_squared_meas", "F_squared_sigma"});
-    for (const IndexedReflection& r : set.reflections)
-        loop.add_row({std::to_string(r.h), std::to_string(r.k), std::to_string(r.l),
-                      formatted("%.9g", r.intensity), formatted("%.6g", r.sigma)});
+    std::vector<std::string> tags = {"index_h", "index_k", "index_l", "F_squared_meas", "F_squared_sigma"};
+    const bool amplitudes = hasAmplitudes(set);
+    if (amplitudes) tags.insert(tags.end(), {"F_meas", "F_sigma"});
+    gemmi::cif::Loop& loop = block.init_loop("_refln_", tags);
+    for (std::size_t i = 0; i < set.reflections.size(); ++i) {
+        const IndexedReflection& r = set.reflections[i];
+        std::vector<std::string> row = {std::to_string(r.h), std::to_string(r.k), std::to_string(r.l),
+                                        formatted("%.9g", r.intensity), formatted("%.6g", r.sigma)};
+        if (amplitudes) {
+            row.push_back(formatted("%.6g", set.amplitudes[i].value));
+            row.push_back(formatted("%.6g", set.amplitudes[i].sigma));
+        }
+        loop.add_row(row);
+    }
     std::ofstream file(path, std::ios::binary | std::ios::trunc);
     gemmi::cif::write_cif_to_stream(file, document, gemmi::cif::Style::Simple);
     file.close();

@@ -23,6 +23,12 @@ struct IndexedReflection {
     bool operator==(const IndexedReflection&) const = default;
 };
 
+/// The amplitude of a reflection, estimated from its intensity.
+struct ReflectionAmplitude {
+    double value = 0.0;
+    double sigma = 0.0;
+};
+
 /// How the patterns were recorded, as the electron-diffraction items of CIF have it.
 struct ElectronExperiment {
     double kiloVolts = 0.0;
@@ -36,10 +42,11 @@ struct ElectronExperiment {
 /// Reflections with what the files say about the crystal.
 struct ReflectionSet {
     std::vector<IndexedReflection> reflections;
-    std::array<double, 6> cell{};       ///< Angstrom, degrees
-    std::array<double, 6> cellSigma{};  ///< standard uncertainties
-    double wavelength = 0.0;            ///< Angstrom; 0 is unknown
-    char centring = 'P';                ///< P A B C I F, or R with hexagonal axes
+    std::vector<ReflectionAmplitude> amplitudes;  ///< as the reflections, or none; for MTZ and CIF
+    std::array<double, 6> cell{};                 ///< Angstrom, degrees
+    std::array<double, 6> cellSigma{};            ///< standard uncertainties
+    double wavelength = 0.0;                      ///< Angstrom; 0 is unknown
+    char centring = 'P';                          ///< P A B C I F, or R with hexagonal axes
     std::string spaceGroup;  ///< extended Hermann-Mauguin symbol; empty: the lowest of the centring
     std::string formula;     ///< of one formula unit, as "Ca3 Al2 Si3 O12"; may be empty
     std::string title;
@@ -74,12 +81,12 @@ void writeShelx(const ReflectionSet& set, const std::filesystem::path& path);
 /// per Angstrom. Without a formula carbon alone stands for the content.
 void writeShelxInstructions(const ReflectionSet& set, const std::filesystem::path& path);
 
-/// Columns H K L I SIGI, one dataset with the wavelength. With a space group the indices go to its asymmetric
-/// unit: for merged reflections.
+/// Columns H K L I SIGI, F SIGF where there are amplitudes, one dataset with the wavelength. With a space
+/// group the indices go to its asymmetric unit: for merged reflections.
 void writeMtz(const ReflectionSet& set, const std::filesystem::path& path);
 
-/// Core dictionary: cell with uncertainties, wavelength, one loop of _refln_ items; of the experiment the
-/// items of the electron diffraction dictionary.
+/// Core dictionary: cell with uncertainties, wavelength, one loop of _refln_ items, amplitudes among them
+/// where there are any; of the experiment the items of the electron diffraction dictionary.
 void writeCif(const ReflectionSet& set, const std::filesystem::path& path);
 /// @}
 

@@ -1,12 +1,43 @@
 #include "pipeline/integration/CurveFit.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <map>
+
+#include "pipeline/integration/MeanIntensity.h"
+#include "pipeline/integration/WilsonPosterior.h"
 
 namespace vrk {
 namespace {
 
 constexpr int kRounds = 3;
+/// Friedel mates farther apart than this differ by more than noise: standard deviations of the difference.
+constexpr double kAgreement = 3;
+
+/// What the fits know of every intensity, each taken together with its Friedel mate where the two agree.
+std::vector<Estimate> withMates(const SpotPrediction& prediction, std::span<const CurveFit> fits) {
+    std::vector<Estimate> known(fits.size());
+    std::map<std::array<int, 3>, std::size_t> earlier;
+    for (std::size_t r = 0; r < fits.size(); ++r) {
+        known[r] = {fits[r].intensity, fits[r].sigma};
+        if (!(fits[r].sigma > 0)) continue;
+        const PredictedReflection& one = prediction.reflections[r];
+        earlier[{one.h, one.k, one.l}] = r;
+        const auto mate = earlier.find({-one.h, -one.k, -one.l});
+        if (mate == earlier.end()) continue;
+        const CurveFit& other = fits[mate->second];
+        if (std::abs(fits[r].intensity - other.intensity) >
+            kAgreement * std::hypot(fits[r].sigma, other.sigma))
+            continue;
+        const double weight = 1 / (fits[r].sigma * fits[r].sigma);
+        const double otherWeight = 1 / (other.sigma * other.sigma);
+        const double sum = weight + otherWeight;
+        known[r] = {(weight * fits[r].intensity + otherWeight * other.intensity) / sum, 1 / std::sqrt(sum)};
+        known[mate->second] = known[r];
+    }
+    return known;
+}
 
 }  // namespace
 
@@ -72,12 +103,22 @@ std::vector<FrameCounts> frameCounts(std::span<const FittedSpot> fitted) {
 }
 
 std::vector<float> expectedCounts(const SpotPrediction& prediction, std::span<const CurveFit> fits) {
+    const std::vector<Estimate> known = withMates(prediction, fits);
+    std::vector<MeanIntensity::Sample> samples;
+    for (std::size_t r = 0; r < known.size(); ++r)
+        if (known[r].sigma > 0)
+            samples.push_back({1 / prediction.reflections[r].length, known[r].value, known[r].sigma});
+    const MeanIntensity means(std::move(samples));
+    std::vector<double> intensities(known.size(), 0);
+    for (std::size_t r = 0; r < known.size(); ++r)
+        if (known[r].sigma > 0)
+            intensities[r] = expectedIntensity(known[r].value, known[r].sigma,
+                                               means.at(1 / prediction.reflections[r].length));
     std::vector<float> expected(prediction.spots.size());
-    std::transform(
-        prediction.spots.begin(), prediction.spots.end(), expected.begin(), [&](const PredictedSpot& spot) {
-            const CurveFit& fit = fits[spot.reflection];
-            return fit.sigma > 0 ? static_cast<float>(std::max(fit.intensity, 0.0)) * spot.share : 0.0F;
-        });
+    std::transform(prediction.spots.begin(), prediction.spots.end(), expected.begin(),
+                   [&](const PredictedSpot& spot) {
+                       return static_cast<float>(intensities[spot.reflection]) * spot.share;
+                   });
     return expected;
 }
 

@@ -62,7 +62,8 @@ std::vector<FrameCounts> frameCounts(std::span<const MeasuredSpot> measured);
 /// Fitted counts, which know their own variance: fitCurves() takes them with a gain of 0.
 std::vector<FrameCounts> frameCounts(std::span<const FittedSpot> fitted);
 
-/// Expected counts of every spot by the fits; 0 for reflections that were not fitted or came out negative.
+/// Expected counts of every spot by the fits, with expectedIntensity(): variances that follow the noise of
+/// the measurement would favour what came out too low. 0 for reflections that were not fitted.
 std::vector<float> expectedCounts(const SpotPrediction& prediction, std::span<const CurveFit> fits);
 
 }  // namespace vrk

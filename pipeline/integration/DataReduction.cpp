@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/NumberText.h"
 
 namespace vrk {
 namespace {
@@ -27,6 +28,25 @@ std::vector<Observation> goodObservations(std::span<const IntegratedReflection> 
         observations.push_back(one);
     }
     return observations;
+}
+
+/// Why reflections are no good, each counted with the first reason that it has.
+std::string reasons(std::span<const IntegratedReflection> reflections) {
+    std::size_t blind = 0, saturated = 0, shared = 0, unfitted = 0;
+    for (const IntegratedReflection& r : reflections) {
+        if ((r.flags & kReflectionBlind) != 0)
+            ++blind;
+        else if ((r.flags & kReflectionSaturated) != 0)
+            ++saturated;
+        else if ((r.flags & kReflectionShared) != 0)
+            ++shared;
+        else
+            ++unfitted;
+    }
+    return formatted(
+        "of %zu, %zu lie along the tilt axis, %zu are saturated, %zu are covered by another crystal and "
+        "%zu have too little of their curve or no background",
+        reflections.size(), blind, saturated, shared, unfitted);
 }
 
 void scaleAndReject(DataReduction& data, const std::vector<Observation>& start, std::size_t frameCount) {
@@ -62,10 +82,8 @@ DataReduction reduceData(std::span<const IntegratedReflection> reflections, std:
     DataReduction data;
     const std::vector<Observation> start = goodObservations(reflections);
     if (start.empty())
-        throw Failure(
-            "no reflection has an intensity that can be used; look at the flags in the list of "
-            "reflections",
-            FailureKind::NothingFound);
+        throw Failure("no reflection has an intensity that can be used: " + reasons(reflections),
+                      FailureKind::NothingFound);
     data.laue = chooseLaueGroup(start, reciprocal, centring);
     scaleAndReject(data, start, frameCount);
     const LaueRotations before = data.laue.best().rotations;
@@ -79,6 +97,7 @@ DataReduction reduceData(std::span<const IntegratedReflection> reflections, std:
         mergingStatistics(data.observations, {IndexRotation()}, reciprocal, centring, dMin);
     data.wilson = wilsonPlot(data.merged);
     data.spaceGroups = analyseSpaceGroups(data.merged, rotations, centring);
+    estimateAmplitudes(data.merged, data.spaceGroups);
     return data;
 }
 

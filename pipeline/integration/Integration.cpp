@@ -10,6 +10,7 @@
 #include "pipeline/base/Angle.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/Median.h"
+#include "pipeline/base/NumberText.h"
 #include "pipeline/integration/DetectorModel.h"
 #include "pipeline/integration/ResolutionLimit.h"
 
@@ -36,6 +37,11 @@ constexpr double kFirstWidth = 0.003;
 /// else fits.
 constexpr double kClearlyBetter = 0.7;
 constexpr double kPoorCurves = 4;
+/// A gain that is told must explain the noise of the background within this factor: electrons that spread
+/// over pixels and noise of the electronics take and add less.
+constexpr double kWrongGain = 100;
+/// So many saturated reflections are told, as a share of all.
+constexpr double kSaturatedShare = 0.01;
 /// Less of a curve says too little about all of it.
 constexpr double kLeastCoverage = 0.1;
 
@@ -101,6 +107,15 @@ std::vector<std::uint8_t> wantedReflections(const SpotPrediction& prediction,
     return wanted;
 }
 
+/// A gain in another unit makes every uncertainty wrong.
+void checkGain(double told, double seen) {
+    if (told < kWrongGain * seen && seen < kWrongGain * told) return;
+    throw Failure(
+        formatted("no intensities: the background scatters as if an electron made %.3g counts, which no "
+                  "gain of %g explains; leave --gain out or correct it",
+                  seen, told));
+}
+
 class Integrator {
 public:
     Integrator(IntegrationInput input, const IntegrationOptions& options);
@@ -123,6 +138,7 @@ private:
     void measure(double dMin);
     void keepWithin(double dMin);
     void assemble();
+    void tellSaturated();
     IntegratedReflection assembled(std::uint32_t number, std::span<const CurveFit> sums) const;
 
     IntegrationInput m_input;
@@ -187,6 +203,7 @@ void Integrator::prepareDetector() {
     m_result.deadPixels = static_cast<std::size_t>(
         std::count_if(stack.dead.begin(), stack.dead.end(), [](std::uint8_t value) { return value != 0; }));
     m_noise.gain = m_options.gain.value_or(roughGain(stack));
+    if (m_options.gain) checkGain(*m_options.gain, roughGain(stack));
     m_result.extent = SpotExtent::of(1.5);
 }
 
@@ -274,6 +291,12 @@ void Integrator::refine() {
         RockingModel wide = m_rocking;
         wide.width *= round == 0 ? kWideAtFirst : kWide;
         const SpotPrediction prediction = predictSpots(m_geometry, wide, limits(dMin));
+        if (m_options.dMin && prediction.reflections.size() < kFewestStrongSpots)
+            throw Failure(
+                formatted("no intensities: only %zu reflections of the cell are recorded to %g Angstrom; "
+                          "choose a smaller --d-min",
+                          prediction.reflections.size(), *m_options.dMin),
+                FailureKind::NothingFound);
         const SpotMeasurement measurement(m_input.frames, m_geometry, m_result.shape, m_noise,
                                           m_result.extent);
         const std::vector<std::uint8_t> wanted = wantedReflections(prediction, strong);
@@ -421,6 +444,17 @@ void Integrator::assemble() {
               });
 }
 
+void Integrator::tellSaturated() {
+    const auto count = std::count_if(m_result.reflections.begin(), m_result.reflections.end(),
+                                     [](const auto& r) { return (r.flags & kReflectionSaturated) != 0; });
+    const auto all = static_cast<double>(m_result.reflections.size());
+    if (static_cast<double>(count) > kSaturatedShare * all)
+        m_result.remarks.push_back(formatted(
+            "%td of %zu reflections have pixels at the saturation of %d counts and are left out; the "
+            "strongest are among them: expose less",
+            count, m_result.reflections.size(), m_result.saturation));
+}
+
 IntegrationResult Integrator::run() {
     check(m_input);
     prepareDetector();
@@ -436,6 +470,7 @@ IntegrationResult Integrator::run() {
         m_result.dMin = std::max(limit, m_result.dMin);
         assemble();
     }
+    tellSaturated();
     return std::move(m_result);
 }
 

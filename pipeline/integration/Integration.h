@@ -99,7 +99,8 @@ struct IntegrationResult {
 };
 
 /// Throws Failure (Failed) when the input cannot be integrated: fewer than three frames, no wavelength,
-/// tilts that do not ascend, frames of another size; and (NothingFound) when no spot stands out from the
+/// tilts that do not ascend, frames of another size, a gain that contradicts the
+/// background; and (NothingFound) when no spot stands out from the
 /// background where the geometry puts it.
 IntegrationResult integrate(IntegrationInput input, const IntegrationOptions& options = {});
 

@@ -91,8 +91,12 @@ std::vector<MergedReflection> merge(std::span<const Observation> observations,
     for (const auto& group : equivalents(observations, rotations)) {
         const WeightedMean mean = weightedMean(observations, group);
         const Observation& first = observations[group.front()];
-        merged.push_back({representative(first.hkl, rotations), mean.intensity, mean.sigma, first.spacing,
-                          static_cast<int>(group.size())});
+        merged.push_back({representative(first.hkl, rotations),
+                          mean.intensity,
+                          mean.sigma,
+                          first.spacing,
+                          static_cast<int>(group.size()),
+                          {}});
     }
     return merged;
 }

@@ -8,6 +8,7 @@
 
 #include "pipeline/integration/LaueGroup.h"
 #include "pipeline/integration/Observation.h"
+#include "pipeline/integration/WilsonPosterior.h"
 
 namespace vrk {
 
@@ -18,6 +19,7 @@ struct MergedReflection {
     double sigma = 0;
     double spacing = 0;  ///< Angstrom
     int observations = 0;
+    Estimate amplitude;  ///< estimateAmplitudes()
 };
 
 /// Weighted means of equivalents, outliers left out, sorted by h, k, l.

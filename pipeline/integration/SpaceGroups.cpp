@@ -7,7 +7,9 @@
 #include <numbers>
 #include <tuple>
 
+#include "pipeline/integration/MeanIntensity.h"
 #include "pipeline/integration/SpaceGroupTable.h"
+#include "pipeline/integration/WilsonPosterior.h"
 
 namespace vrk {
 namespace {
@@ -20,7 +22,6 @@ struct Leak {
 };
 constexpr std::array<Leak, 5> kLeaks = {{{0.03, 0}, {0.06, 0.5}, {0.12, 1}, {0.2, 1.5}, {0.3, 2}}};
 constexpr double kMostEvidence = 4;
-constexpr std::size_t kShellSize = 60;
 /// Between the means of |E^2 - 1| of the two kinds of crystals.
 constexpr double kCentricLimit = 0.855;
 /// Evidence that passes for the same.
@@ -109,38 +110,12 @@ const std::vector<Condition>& conditions() {
     return list;
 }
 
-/// The mean intensity of all reflections around a spacing.
-class MeanIntensity {
-public:
-    explicit MeanIntensity(std::span<const MergedReflection> merged) {
-        std::vector<const MergedReflection*> sorted;
-        for (const MergedReflection& one : merged)
-            sorted.push_back(&one);
-        std::sort(sorted.begin(), sorted.end(),
-                  [](const auto* a, const auto* b) { return a->spacing > b->spacing; });
-        const std::size_t shells = std::max<std::size_t>(1, sorted.size() / kShellSize);
-        for (std::size_t shell = 0; shell < shells; ++shell) {
-            double mean = 0, error = 0;
-            const std::size_t first = sorted.size() * shell / shells;
-            const std::size_t last = sorted.size() * (shell + 1) / shells;
-            for (std::size_t i = first; i < last; ++i) {
-                mean += sorted[i]->intensity / static_cast<double>(last - first);
-                error += sorted[i]->sigma / static_cast<double>(last - first);
-            }
-            m_end.push_back(last > first ? sorted[last - 1]->spacing : 0);
-            m_mean.push_back(std::max(mean, 0.1 * error));
-        }
-    }
-    double at(double spacing) const {
-        for (std::size_t i = 0; i < m_end.size(); ++i)
-            if (spacing >= m_end[i]) return m_mean[i];
-        return m_mean.empty() ? 1 : m_mean.back();
-    }
-
-private:
-    std::vector<double> m_end;
-    std::vector<double> m_mean;
-};
+MeanIntensity meansOf(std::span<const MergedReflection> merged) {
+    std::vector<MeanIntensity::Sample> samples;
+    for (const MergedReflection& one : merged)
+        samples.push_back({one.spacing, one.intensity, one.sigma});
+    return MeanIntensity(std::move(samples));
+}
 
 /// Logarithm of the density of a measured intensity whose true value is exponentially distributed.
 double lnWilson(double intensity, double sigma, double mean) {
@@ -248,7 +223,7 @@ double meanESquareMinusOne(std::span<const MergedReflection> merged, const MeanI
 SpaceGroupAnalysis analyseSpaceGroups(std::span<const MergedReflection> merged,
                                       const LaueRotations& rotations, char centring) {
     SpaceGroupAnalysis result;
-    const MeanIntensity means(merged);
+    const MeanIntensity means = meansOf(merged);
     std::vector<Absence> absences;
     for (const MergedReflection& one : merged)
         absences.emplace_back(one, means.at(one.spacing));
@@ -298,6 +273,27 @@ SpaceGroupAnalysis analyseSpaceGroups(std::span<const MergedReflection> merged,
                          std::make_tuple(-stepB, !fitsB, rarity(b.number), b.number);
               });
     return result;
+}
+
+void estimateAmplitudes(std::span<MergedReflection> merged, const SpaceGroupAnalysis& analysis) {
+    const gemmi::GroupOps operations = gemmi::symops_from_hall(
+        analysis.candidates.empty() ? "P 1" : analysis.candidates.front().hall.c_str());
+    const auto indices = [](const MergedReflection& one) {
+        return gemmi::Op::Miller{one.hkl[0], one.hkl[1], one.hkl[2]};
+    };
+    std::vector<MeanIntensity::Sample> samples;
+    for (const MergedReflection& one : merged) {
+        if (operations.is_systematically_absent(indices(one))) continue;
+        const int multiple = operations.epsilon_factor_without_centering(indices(one));
+        samples.push_back({one.spacing, one.intensity / multiple, one.sigma / multiple});
+    }
+    const MeanIntensity means(std::move(samples));
+    for (MergedReflection& one : merged) {
+        const gemmi::Op::Miller hkl = indices(one);
+        const double mean = operations.epsilon_factor_without_centering(hkl) * means.at(one.spacing);
+        one.amplitude =
+            expectedAmplitude(one.intensity, one.sigma, mean, operations.is_reflection_centric(hkl));
+    }
 }
 
 }  // namespace vrk

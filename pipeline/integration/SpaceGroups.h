@@ -53,4 +53,9 @@ struct SpaceGroupAnalysis {
 SpaceGroupAnalysis analyseSpaceGroups(std::span<const MergedReflection> merged,
                                       const LaueRotations& rotations, char centring);
 
+/// Amplitudes by the distribution that the most likely space group has: centric or acentric, about a mean
+/// that is a multiple of the ordinary one where operations keep the indices. Forbidden reflections are taken
+/// for ordinary ones. Without candidates all are acentric.
+void estimateAmplitudes(std::span<MergedReflection> merged, const SpaceGroupAnalysis& analysis);
+
 }  // namespace vrk

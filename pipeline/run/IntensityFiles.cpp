@@ -51,11 +51,12 @@ std::vector<IndexedReflection> scaled(const DataReduction& reduction) {
     return list;
 }
 
-std::vector<IndexedReflection> merged(const DataReduction& reduction) {
-    std::vector<IndexedReflection> list;
-    for (const MergedReflection& one : reduction.merged)
-        list.push_back({one.hkl[0], one.hkl[1], one.hkl[2], one.intensity, one.sigma});
-    return list;
+void setMerged(const DataReduction& reduction, ReflectionSet& set) {
+    set.reflections.clear();
+    for (const MergedReflection& one : reduction.merged) {
+        set.reflections.push_back({one.hkl[0], one.hkl[1], one.hkl[2], one.intensity, one.sigma});
+        set.amplitudes.push_back({one.amplitude.value, one.amplitude.sigma});
+    }
 }
 
 ExperimentDescription experimentOf(const RunResult& result, const ReflectionSet& set) {
@@ -149,7 +150,7 @@ public:
         : m_result(result), m_set(solutionSet(result.indexed, result.intensities, result.facts(), text)) {
         if (!result.intensities) return;
         m_merged = m_set;
-        m_merged.reflections = merged(result.intensities->reduction);
+        setMerged(result.intensities->reduction, m_merged);
         m_experiment = experimentOf(result, m_set);
     }
 

@@ -53,6 +53,11 @@ protected:
         return result;
     }
 
+    void addAmplitudes() {
+        for (std::size_t i = 0; i < m_set.reflections.size(); ++i)
+            m_set.amplitudes.push_back({20.0 + static_cast<double>(i), 0.5 * static_cast<double>(i)});
+    }
+
     fs::path m_folder = fs::path(testing::TempDir()) / "reflection formats";
     vrk::ReflectionSet m_set;
 };
@@ -173,6 +178,7 @@ TEST_F(ReflectionFormatsTest, FourGaussiansFollowTheTable) {
 }
 
 TEST_F(ReflectionFormatsTest, GemmiReadsMtzBack) {
+    addAmplitudes();
     vrk::writeMtz(m_set, m_folder / "x.mtz");
     const gemmi::Mtz mtz = gemmi::read_mtz_file((m_folder / "x.mtz").string());
     EXPECT_EQ(mtz.spacegroup->xhm(), "C 1");
@@ -181,7 +187,11 @@ TEST_F(ReflectionFormatsTest, GemmiReadsMtzBack) {
     std::vector<IndexedReflection> found;
     const auto* intensity = mtz.column_with_label("I");
     const auto* sigma = mtz.column_with_label("SIGI");
-    ASSERT_TRUE(intensity && sigma);
+    const auto* amplitude = mtz.column_with_label("F");
+    ASSERT_TRUE(intensity && sigma && amplitude && mtz.column_with_label("SIGF"));
+    EXPECT_EQ(amplitude->type, 'F');
+    EXPECT_FLOAT_EQ(mtz.data[mtz.columns.size() + amplitude->idx], 21);
+    EXPECT_FLOAT_EQ(mtz.data[mtz.columns.size() + amplitude->idx + 1], 0.5);
     for (std::size_t i = 0; i < mtz.data.size(); i += mtz.columns.size()) {
         const auto hkl = mtz.get_hkl(i);
         found.push_back({hkl[0], hkl[1], hkl[2], mtz.data[i + intensity->idx], mtz.data[i + sigma->idx]});
@@ -190,6 +200,7 @@ TEST_F(ReflectionFormatsTest, GemmiReadsMtzBack) {
 }
 
 TEST_F(ReflectionFormatsTest, GemmiReadsCifBack) {
+    addAmplitudes();
     vrk::writeCif(m_set, m_folder / "x.cif");
     gemmi::cif::Document document = gemmi::cif::read_file((m_folder / "x.cif").string());
     const gemmi::ReflnBlock block = gemmi::hkl_cif_as_refln_block(document.sole_block());
@@ -206,6 +217,9 @@ TEST_F(ReflectionFormatsTest, GemmiReadsCifBack) {
         found.push_back({static_cast<int>(number(0)), static_cast<int>(number(1)),
                          static_cast<int>(number(2)), number(3), number(4)});
     }
+    ASSERT_EQ(block.refln_loop->tags.back(), "_refln_F_sigma");
+    EXPECT_EQ(block.refln_loop->val(1, 5), "21");
+    EXPECT_EQ(block.refln_loop->val(1, 6), "0.5");
     expectSame(found, m_set.reflections, 1.0, 1e-3);
 }
 

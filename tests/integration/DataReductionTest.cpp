@@ -178,6 +178,62 @@ TEST(MergingTest, numbersAreThoseOfTheirDefinitions) {
     EXPECT_NEAR(all.rMeas, std::sqrt(2.0) * all.rInt, 1e-9);
 }
 
+TEST(WilsonPosteriorTest, isTheMeanOverAllTrueIntensities) {
+    struct Row {
+        double intensity, sigma, mean;
+    };
+    const std::array<Row, 9> rows = {{{0, 1, 1},
+                                      {-3, 1, 5},
+                                      {-40, 2, 50},
+                                      {5, 1, 0.1},
+                                      {5, 2, 1000},
+                                      {90, 3, 40},
+                                      {1e4, 20, 300},
+                                      {-900, 100, 0.5},
+                                      {0.3, 0.5, 2}}};
+    for (const Row& row : rows)
+        for (const bool centric : {false, true}) {
+            // Every true amplitude, with its density times the likelihood of the measurement.
+            const double end = std::sqrt(std::max(row.intensity, 0.0) + 10 * row.sigma);
+            double sum = 0, amplitude = 0, intensity = 0;
+            for (int i = 0; i < 100000; ++i) {
+                const double f = end * (i + 0.5) / 100000;
+                const double off = (row.intensity - f * f) / row.sigma;
+                const double least = std::min(row.intensity, 0.0) / row.sigma;
+                const double weight = (centric ? 1 : f) * std::exp(-f * f / row.mean / (centric ? 2 : 1) -
+                                                                   (off * off - least * least) / 2);
+                sum += weight;
+                amplitude += weight * f;
+                intensity += weight * f * f;
+            }
+            const Estimate found = expectedAmplitude(row.intensity, row.sigma, row.mean, centric);
+            const double mean = amplitude / sum;
+            EXPECT_NEAR(found.value / mean, 1, 2e-3) << row.intensity << " " << row.sigma << " " << centric;
+            EXPECT_NEAR(found.sigma / std::sqrt(intensity / sum - mean * mean), 1, 5e-3) << row.intensity;
+            if (centric) continue;
+            EXPECT_NEAR(expectedIntensity(row.intensity, row.sigma, row.mean) / (intensity / sum), 1, 5e-3)
+                << row.intensity << " " << row.sigma;
+        }
+}
+
+TEST(AmplitudesTest, knowCentricReflectionsAndThoseThatOperationsDouble) {
+    std::vector<MergedReflection> list;
+    for (int h = 1; h <= 10; ++h)
+        for (int l = -10; l <= 10; ++l)
+            list.push_back({{h, 3, l}, 100, 40, 2, 1, {}});
+    list.push_back({{3, 0, 4}, 100, 40, 2, 1, {}});
+    list.push_back({{0, 3, 0}, 100, 40, 2, 1, {}});
+    SpaceGroupAnalysis analysis;
+    analysis.candidates.push_back({3, "P 1 2 1", "P 2y", false, 0, 0});
+    estimateAmplitudes(list, analysis);
+    // The mean is that of the general ones; 0k0 are twice as bright on average, h0l are centric.
+    EXPECT_NEAR(list[0].amplitude.value, expectedAmplitude(100, 40, 99.8, false).value, 0.01);
+    EXPECT_NEAR(list[210].amplitude.value, expectedAmplitude(100, 40, 99.8, true).value, 0.01);
+    EXPECT_NEAR(list[211].amplitude.value, expectedAmplitude(100, 40, 199.5, false).value, 0.01);
+    estimateAmplitudes(list, {});
+    EXPECT_NEAR(list[210].amplitude.value, expectedAmplitude(100, 40, 100, false).value, 0.01);
+}
+
 TEST(WilsonPlotTest, FindsTheFallOffOfTheIntensities) {
     std::mt19937 random(3);
     std::uniform_real_distribution<double> s(0.05, 0.6);
@@ -280,7 +336,16 @@ TEST(DataReductionTest, saysWhenNothingIsLeft) {
         r.spacing = 2;
         r.flags = kReflectionBlind;
     }
-    EXPECT_THROW(reduceData(blind, 10, reciprocalOf({10, 10, 10, 90, 90, 90}), 'P', 1), Failure);
+    blind[4].flags = kReflectionSaturated;
+    try {
+        reduceData(blind, 10, reciprocalOf({10, 10, 10, 90, 90, 90}), 'P', 1);
+        ADD_FAILURE();
+    } catch (const Failure& failure) {
+        EXPECT_EQ(failure.kind(), FailureKind::NothingFound);
+        EXPECT_NE(std::string(failure.what()).find("of 5, 4 lie along the tilt axis, 1 are saturated, 0"),
+                  std::string::npos)
+            << failure.what();
+    }
 }
 
 }  // namespace

@@ -149,6 +149,8 @@ TEST(IntegrationTest, flagsWhatTheDetectorDidNotMeasure) {
         EXPECT_FALSE((r.flags & kReflectionSaturated) != 0 && r.good());
     }
     EXPECT_GT(saturated, 3);
+    ASSERT_EQ(result.remarks.size(), 1U);
+    EXPECT_EQ(result.remarks[0].find(std::to_string(saturated) + " of "), 0U) << result.remarks[0];
     EXPECT_GT(masked, 20);
     const Agreement agreement = agreementOf(result, simulated);
     EXPECT_LT(agreement.rFactor, 0.04);
@@ -174,8 +176,13 @@ TEST(IntegrationTest, refusesWhatCannotBeIntegrated) {
     struct Row {
         const char* words;
         void (*spoil)(IntegrationInput&);
+        IntegrationOptions options = {};
     };
-    const std::array<Row, 6> rows = {
+    IntegrationOptions coarse, wrongGain;
+    coarse.dMin = 30;
+    wrongGain.gain = 1e6;
+    const auto nothing = [](IntegrationInput&) {};
+    const std::array<Row, 8> rows = {
         {{"fewer than three frames",
           [](IntegrationInput& in) {
               in.frames.frames.resize(2);
@@ -185,16 +192,19 @@ TEST(IntegrationTest, refusesWhatCannotBeIntegrated) {
          {"tilts do not ascend", [](IntegrationInput& in) { in.geometry.frames[4].tilt = 1; }},
          {"differ in size", [](IntegrationInput& in) { in.frames.width = 200; }},
          {"no volume", [](IntegrationInput& in) { in.geometry.reciprocal.setZero(); }},
-         {"check the tilt axis", [](IntegrationInput& in) {
+         {"check the tilt axis",
+          [](IntegrationInput& in) {
               static const std::vector<short> dark(256 * 256, 0);
               std::fill(in.frames.frames.begin(), in.frames.frames.end(), std::span<const short>(dark));
-          }}}};
+          }},
+         {"smaller --d-min", nothing, coarse},
+         {"no gain of 1e+06 explains", nothing, wrongGain}}};
     const SimulatedInput simulated = simulatedInput(smallCrystal(), LATTICE::mP);
     for (const Row& row : rows) {
         IntegrationInput input = simulated.input;
         row.spoil(input);
         try {
-            integrate(input);
+            integrate(input, row.options);
             ADD_FAILURE() << row.words;
         } catch (const Failure& failure) {
             EXPECT_NE(std::string(failure.what()).find(row.words), std::string::npos) << failure.what();

@@ -5,6 +5,8 @@
 #include <cmath>
 #include <random>
 
+#include "pipeline/integration/CurveFit.h"
+
 namespace {
 
 using namespace vrk;
@@ -146,6 +148,34 @@ TEST(ProfileFitTest, leavesOutPixelsWithoutMeasurement) {
     EXPECT_NEAR(fitted[0].counts, 5000, 5 * std::sqrt(fitted[0].variance));
     EXPECT_LT(fitted[0].seen, 0.95);
     EXPECT_EQ(fitted[1].variance, 0);
+}
+
+TEST(ExpectedCountsTest, joinFriedelMatesThatAgreeAndAreNeverNegative) {
+    SpotPrediction prediction;
+    std::vector<CurveFit> fits;
+    const auto add = [&](int h, double intensity, double sigma) {
+        PredictedReflection one;
+        one.g.setZero();
+        one.h = h;
+        one.length = 0.5;
+        prediction.reflections.push_back(one);
+        prediction.spots.push_back({static_cast<std::uint32_t>(fits.size()), 0, 0, 0, 0, 0, 0.5F});
+        fits.push_back({intensity, sigma, 0, 1, 0, 1});
+    };
+    add(1, 1000, 20);
+    add(-1, 1040, 20);
+    add(2, 400, 20);
+    add(-2, 1200, 20);
+    add(3, -15, 10);
+    add(4, 900, 0);
+    const std::vector<float> expected = expectedCounts(prediction, fits);
+    EXPECT_NEAR(expected[0], 510, 1);
+    EXPECT_EQ(expected[1], expected[0]);
+    EXPECT_NEAR(expected[2], 200, 1);
+    EXPECT_NEAR(expected[3], 600, 1);
+    EXPECT_GT(expected[4], 1);
+    EXPECT_LT(expected[4], 4);
+    EXPECT_EQ(expected[5], 0);
 }
 
 }  // namespace

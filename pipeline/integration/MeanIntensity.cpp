@@ -1,0 +1,38 @@
+#include "pipeline/integration/MeanIntensity.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <functional>
+
+namespace vrk {
+namespace {
+
+constexpr std::size_t kShellSize = 60;
+
+}  // namespace
+
+MeanIntensity::MeanIntensity(std::vector<Sample> samples) {
+    std::sort(samples.begin(), samples.end(),
+              [](const Sample& a, const Sample& b) { return a.spacing > b.spacing; });
+    const std::size_t shells = std::max<std::size_t>(1, samples.size() / kShellSize);
+    for (std::size_t shell = 0; shell < shells; ++shell) {
+        const std::size_t first = samples.size() * shell / shells;
+        const std::size_t last = samples.size() * (shell + 1) / shells;
+        if (first == last) continue;
+        double mean = 0, error = 0;
+        for (std::size_t i = first; i < last; ++i) {
+            mean += samples[i].intensity / static_cast<double>(last - first);
+            error += samples[i].sigma / static_cast<double>(last - first);
+        }
+        m_end.push_back(samples[last - 1].spacing);
+        m_mean.push_back(std::max(mean, 0.1 * error));
+    }
+}
+
+double MeanIntensity::at(double spacing) const {
+    if (m_mean.empty()) return 1;
+    const auto shell = std::lower_bound(m_end.begin(), m_end.end(), spacing, std::greater<>());
+    return shell == m_end.end() ? m_mean.back() : m_mean[static_cast<std::size_t>(shell - m_end.begin())];
+}
+
+}  // namespace vrk
