@@ -96,19 +96,21 @@ void judge(TiltAxisResult& result, Session& session) {
 template <typename Search>
 TiltAxisResult search(const VoxMRCData& series, int jobs, const std::filesystem::path& folder,
                       Session& session, Search run) {
-    makeFolder(folder);
+    // An image for each angle and few plots: they do not belong into one folder.
+    const std::filesystem::path histograms = folder / "histograms";
+    makeFolder(histograms);
     ParallelTiltAxisRefinement refinement(jobs, session);
     float angle = VRKTiltAxisRefinement::kNoAngle;
     {
         const Stage stage(session, "tilt axis");
         // The library takes its series as one that it may change, and does not change it.
-        angle = run(refinement, const_cast<VoxMRCData*>(&series));
+        angle = run(refinement, const_cast<VoxMRCData*>(&series), histograms.string());
     }
     if (session.canceled())
         throw Failure(
             refinement.scores().empty()
                 ? "stopped on request before the first angle was tried"
-                : "stopped on request; the images of the angles tried so far are in " + folder.string(),
+                : "stopped on request; the images of the angles tried so far are in " + histograms.string(),
             FailureKind::Canceled);
     if (angle == VRKTiltAxisRefinement::kNoAngle)
         throw Failure(session.lastError(),
@@ -119,7 +121,11 @@ TiltAxisResult search(const VoxMRCData& series, int jobs, const std::filesystem:
     const TiltAxisFit fit = fitTiltAxis(result.scores, result.gridAngle);
     result.angle = fit.angle;
     result.uncertainty = fit.uncertainty;
-    result.plots = folder / (std::string(kName) + "_searchTiltAxis_plots");
+    const std::string plots = std::string(kName) + "_searchTiltAxis_plots";
+    result.plots = folder / plots;
+    std::error_code ignored;
+    std::filesystem::remove_all(result.plots, ignored);
+    std::filesystem::rename(histograms / plots, result.plots, ignored);
     return result;
 }
 
@@ -143,12 +149,13 @@ TiltAxisFit fitTiltAxis(const std::vector<TiltAxisScore>& scores, double gridAng
 
 TiltAxisResult findTiltAxis(const VoxMRCData& preprocessed, TiltAxisMethod method, double accuracy, int jobs,
                             const std::filesystem::path& folder, Session& session) {
-    TiltAxisResult result = search(
-        preprocessed, jobs, folder, session, [&](VRKTiltAxisRefinement& refinement, VoxMRCData* series) {
-            return method == TiltAxisMethod::ThreeD
-                       ? refinement.searchTiltAxisAutomated3D(series, kName, folder.string(), accuracy)
-                       : refinement.searchTiltAxis2dBruteForce(series, kName, folder.string(), accuracy);
-        });
+    TiltAxisResult result =
+        search(preprocessed, jobs, folder, session,
+               [&](VRKTiltAxisRefinement& refinement, VoxMRCData* series, const std::string& images) {
+                   return method == TiltAxisMethod::ThreeD
+                              ? refinement.searchTiltAxisAutomated3D(series, kName, images, accuracy)
+                              : refinement.searchTiltAxis2dBruteForce(series, kName, images, accuracy);
+               });
     judge(result, session);
     return result;
 }
@@ -156,12 +163,12 @@ TiltAxisResult findTiltAxis(const VoxMRCData& preprocessed, TiltAxisMethod metho
 TiltAxisResult findTiltAxis(const VoxMRCData& preprocessed, TiltAxisMethod method, const TiltAxisRange& range,
                             int jobs, const std::filesystem::path& folder, Session& session) {
     return search(preprocessed, jobs, folder, session,
-                  [&](VRKTiltAxisRefinement& refinement, VoxMRCData* series) {
+                  [&](VRKTiltAxisRefinement& refinement, VoxMRCData* series, const std::string& images) {
                       return method == TiltAxisMethod::ThreeD
-                                 ? refinement.searchTiltAxisManual3D(series, kName, folder.string(),
-                                                                     range.start, range.end, range.step)
-                                 : refinement.searchTiltAxisManual2D(series, kName, folder.string(),
-                                                                     range.start, range.end, range.step);
+                                 ? refinement.searchTiltAxisManual3D(series, kName, images, range.start,
+                                                                     range.end, range.step)
+                                 : refinement.searchTiltAxisManual2D(series, kName, images, range.start,
+                                                                     range.end, range.step);
                   });
 }
 
