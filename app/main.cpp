@@ -33,7 +33,7 @@ int exitCodeOf(vrk::FailureKind kind) {
 int parseAndRun(vrk::app::Host& host, int argc, char** argv) {
     vrk::app::CommandLine line(
         "vrk", "vrk: from a tilt series of electron diffraction patterns to unit cell and HKL file",
-        VRK::kVersion);
+        VRK::kVersion, host.columns());
     vrk::app::addRunCommand(line, host);
     vrk::app::addImportCommand(line, host);
     vrk::app::addInfoCommand(line, host);

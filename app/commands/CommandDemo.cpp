@@ -262,7 +262,7 @@ void demo(const Options& options, const std::string& commandText, Host& host) {
     const RunResult result = run(series, choices, host.session());
     host.session().beginPart(kRunParts, kRunParts, "write the results");
     writeResultFiles(result, folder, host.session());
-    drawRunPictures(result, folder);
+    drawRunPictures(result, series.filename().string(), folder);
     writeSummaryAndReport({commandText, series, {}}, result, host.warnings(), results.written(), true,
                           folder);
     results.commit();

@@ -284,7 +284,8 @@ void drawPattern(const Options& options, const VoxMRCData& data) {
     std::optional<double> axis = options.axis;
     const double stated = header.value(SliceValue::TiltAxis, 0);
     if (!axis && stated != 0) axis = stated;
-    writePattern(data, flattest, axis, options.picture);
+    writePattern(data, flattest, axis, std::filesystem::path(options.file).filename().string(),
+                 options.picture);
 }
 
 void runInfo(Host& host, const Options& options) {

@@ -63,7 +63,9 @@ Failure failureOf(const Failure& failure, const Options& options, const RunRemai
     try {
         if (!isCanceled) writeRemains(remains, results.path());
         if (!isCanceled && options.pictures && remains.volume)
-            writeProjections(*remains.volume->voxels, false, results.path());
+            writeProjections(*remains.volume->voxels, SectionOptions(),
+                             {options.series.filename().string(), "", remains.volume->facts.pixelSize},
+                             results.path());
     } catch (const Failure& other) {
         text += std::string("; ") + other.what();
     }
@@ -86,7 +88,7 @@ std::string writeResults(const Options& options, const RunRecord& record, const 
     host.session().checkCanceled();
     writeIntensityFiles(result, {options.series.stem().string(), options.formula}, folder);
     host.session().checkCanceled();
-    if (options.pictures) drawRunPictures(result, folder);
+    if (options.pictures) drawRunPictures(result, options.series.filename().string(), folder);
     host.session().checkCanceled();
     std::string summary =
         writeSummaryAndReport(record, result, host.warnings(), results.written(), options.pictures, folder);

@@ -1,3 +1,4 @@
+#include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -36,6 +37,18 @@ UnitCell readCell(const Options& options, double pixelSize, Host& host) {
     return cell;
 }
 
+/// Edges need a pixel size.
+PictureNotes notesOf(const std::string& volume, const UnitCell& cell, double pixelSize) {
+    PictureNotes notes{std::filesystem::path(volume).filename().string(), "", pixelSize};
+    if (!(pixelSize > 0.0)) return notes;
+    const std::unique_ptr<UnitCell> other(cell.isRealCell() ? nullptr : cell.getReciprocalCell());
+    const UnitCell& direct = other ? *other : cell;
+    notes.cell = cellText(LATTICE::shortName(direct.getBravaisType()),
+                          {direct.getLengthOfA(), direct.getLengthOfB(), direct.getLengthOfC(),
+                           direct.getAlpha(), direct.getBeta(), direct.getGamma()});
+    return notes;
+}
+
 void run(const Options& options, Host& host) {
     checkPlanes(options.sections.planes);
     host.openLog(options.log);
@@ -46,8 +59,9 @@ void run(const Options& options, Host& host) {
     const UnitCell cell = readCell(options, pixelSize > 0.0 ? pixelSize : 1.0, host);
     makeFolder(options.folder);
     std::vector<std::string> files;
-    for (const auto& paths : {writeSections(*view, cell, options.sections, options.folder),
-                              writeProjections(*view, options.sections.tga, options.folder)})
+    const PictureNotes notes = notesOf(options.volume, cell, pixelSize);
+    for (const auto& paths : {writeSections(*view, cell, options.sections, notes, options.folder),
+                              writeProjections(*view, options.sections, notes, options.folder)})
         for (const auto& path : paths)
             files.push_back(path.string());
     if (options.json)

@@ -1,7 +1,5 @@
 #include "console/CommandLine.h"
 
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdint>
@@ -12,7 +10,6 @@
 
 #include "console/HelpFormatter.h"
 #include "console/Suggestion.h"
-#include "console/Terminal.h"
 #include "pipeline/base/NumberList.h"
 
 namespace vrk::app {
@@ -277,12 +274,12 @@ std::string Command::givenOptions() const {
 }
 
 CommandLine::CommandLine(const std::string& program, const std::string& description,
-                         const std::string& version)
+                         const std::string& version, int columns)
     : m_parser(std::make_unique<CLI::App>(description, program)), m_name(program + " " + version) {
     m_parser->set_version_flag("-v,-V,--version", m_name, "Print the version");
     m_parser->set_help_flag("-h,--help", "Print this text");
     m_parser->require_subcommand(1);
-    m_parser->formatter(std::make_shared<HelpFormatter>(columnsOf(STDOUT_FILENO)));
+    m_parser->formatter(std::make_shared<HelpFormatter>(columns));
     m_parser->footer("'" + program + " help COMMAND' explains a command.");
 }
 

@@ -91,7 +91,9 @@ struct CommandDescription {
 /// The program's command line.
 class CommandLine {
 public:
-    CommandLine(const std::string& program, const std::string& description, const std::string& version);
+    /// \param columns  of the window in which help is read; 0: not known
+    CommandLine(const std::string& program, const std::string& description, const std::string& version,
+                int columns);
     ~CommandLine();
     CommandLine(const CommandLine&) = delete;
     CommandLine& operator=(const CommandLine&) = delete;

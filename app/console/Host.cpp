@@ -12,6 +12,7 @@
 #include <streambuf>
 #include <system_error>
 
+#include "console/Terminal.h"
 #include "foundation/Version.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/OutputFile.h"
@@ -168,6 +169,10 @@ Host::~Host() {
     m_observer.wipe();
     m_out->flush();
     close(m_stdout);
+}
+
+int Host::columns() const {
+    return columnsOf(m_stdout);
 }
 
 int Host::stopSignal() {

@@ -63,6 +63,8 @@ public:
 
     /// The user's standard output.
     std::ostream& out() { return *m_out; }
+    /// The width of the window that it goes to; 0: not known.
+    int columns() const;
     Session& session() { return m_session; }
 
     /// From here on messages of this level go to this file. The first lines name the version and what else

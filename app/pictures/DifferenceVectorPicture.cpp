@@ -2,26 +2,29 @@
 
 #include <array>
 #include <cmath>
+#include <string>
 
-#include "pictures/Pictures.h"
+#include "pictures/PictureSheet.h"
+#include "pipeline/base/NumberText.h"
 
 namespace vrk::app {
 namespace {
 
 using Eigen::Vector3d;
 
-constexpr int kPanel = 420;
+constexpr int kPanel = PictureSheet::kEdge / 2;
 /// So many points make a clear picture and no long wait.
 constexpr std::size_t kMostPoints = 4000;
 
 /// The axes that run to the right and downwards in each panel.
 constexpr std::array<std::array<int, 2>, 3> kPanels = {{{0, 1}, {0, 2}, {2, 1}}};
 constexpr std::array<const char*, 3> kAxes = {"x", "y", "z"};
+constexpr std::array<const char*, 3> kEdges = {"a*", "b*", "c*"};
 
+/// Three panels, and a text in the place of a fourth.
 class Picture {
 public:
-    explicit Picture(double maxLength)
-        : image(kPanel * static_cast<int>(kPanels.size()), kPanel), m_scale(0.48 * kPanel / maxLength) {}
+    explicit Picture(double maxLength) : image(2 * kPanel, 2 * kPanel), m_scale(0.48 * kPanel / maxLength) {}
 
     void add(const Vector3d& vector) {
         for (std::size_t panel = 0; panel < kPanels.size(); ++panel) {
@@ -34,35 +37,66 @@ public:
         for (std::size_t panel = 0; panel < kPanels.size(); ++panel)
             overlay.nodes.push_back({placeX(panel, vector), placeY(panel, vector)});
     }
+    void arrow(const Vector3d& vector, const char* name) {
+        for (std::size_t panel = 0; panel < kPanels.size(); ++panel)
+            overlay.lines.push_back({placeX(panel, Vector3d::Zero()), placeY(panel, Vector3d::Zero()),
+                                     placeX(panel, vector), placeY(panel, vector), name});
+    }
     void labelAxes() {
         for (std::size_t panel = 0; panel < kPanels.size(); ++panel) {
-            const double left = kPanel * static_cast<double>(panel) + 12.0;
-            const double top = kPanel - 62.0;
+            const double left = leftOf(panel) + 12.0;
+            const double top = topOf(panel) + kPanel - 62.0;
             overlay.lines.push_back(
                 {left, top, left + 40.0, top, kAxes[static_cast<std::size_t>(kPanels[panel][0])]});
             overlay.lines.push_back(
                 {left, top, left, top + 40.0, kAxes[static_cast<std::size_t>(kPanels[panel][1])]});
         }
+        overlay.lines.push_back({kPanel, 0.0, kPanel, 2.0 * kPanel, "", false, true});
+        overlay.lines.push_back({0.0, kPanel, 2.0 * kPanel, kPanel, "", false, true});
     }
+    /// \param line  counted from the middle of the picture downwards
+    void write(int line, const std::string& text) {
+        overlay.texts.push_back({kPanel + 24.0, kPanel + 40.0 + 28.0 * line, text});
+    }
+    double voxelsPerPixel() const { return 1.0 / m_scale; }
 
     PlaneImage image;
     ImageOverlay overlay;
 
 private:
+    static double leftOf(std::size_t panel) { return panel == 1 ? kPanel : 0.0; }
+    static double topOf(std::size_t panel) { return panel == 2 ? kPanel : 0.0; }
     double placeX(std::size_t panel, const Vector3d& v) const {
-        return kPanel * (static_cast<double>(panel) + 0.5) + m_scale * v[kPanels[panel][0]];
+        return leftOf(panel) + 0.5 * kPanel + m_scale * v[kPanels[panel][0]];
     }
     double placeY(std::size_t panel, const Vector3d& v) const {
-        return 0.5 * kPanel + m_scale * v[kPanels[panel][1]];
+        return topOf(panel) + 0.5 * kPanel + m_scale * v[kPanels[panel][1]];
     }
 
     double m_scale;
 };
 
+void describe(Picture& picture, const Lattice& lattice, double pixelSize) {
+    int line = 0;
+    picture.write(line++, "base vectors of the lattice as found:");
+    for (std::size_t i = 0; i < 3; ++i) {
+        const Vector3d edge = lattice.basis.col(static_cast<Eigen::Index>(i));
+        picture.arrow(edge, kEdges[i]);
+        picture.write(
+            line++,
+            std::string(kEdges[i]) + formatted("   %.2f voxels", edge.norm()) +
+                (pixelSize > 0.0 ? formatted("   %.4f 1/\u00c5", edge.norm() * pixelSize * 1e-10) : ""));
+    }
+    picture.write(++line, "spots: where differences of reflections pile up");
+    picture.write(++line, "rings: vectors of the lattice that was found");
+    picture.write(++line, "spots without rings: another lattice, or a larger cell");
+    picture.write(++line, "rings without spots: a smaller cell, or a centring");
+}
+
 }  // namespace
 
 void writeDifferenceVectorPicture(const Points& points, const Lattice& lattice, double maxLength,
-                                  const std::filesystem::path& path) {
+                                  const PictureNotes& notes, const std::filesystem::path& path) {
     Picture picture(maxLength);
     const std::size_t count = std::min(points.size(), kMostPoints);
     for (std::size_t i = 0; i < count; ++i)
@@ -80,8 +114,13 @@ void writeDifferenceVectorPicture(const Points& points, const Lattice& lattice, 
                 if (node.norm() < maxLength && (h || k || l)) picture.mark(node);
             }
     picture.labelAxes();
-    picture.overlay.title = "difference vectors";
-    savePicture(picture.image, picture.overlay, path);
+    describe(picture, lattice, notes.pixelSize);
+    PictureSheet sheet(picture.image);
+    sheet.overlay() = picture.overlay;
+    sheet.setScale({0.0, 0.0, picture.voxelsPerPixel()}, notes.pixelSize, false);
+    sheet.overlay().border.reset();
+    sheet.describe("difference vectors", notes, "seen along z, along y (the tilt axis) and along x");
+    sheet.save(path);
 }
 
 }  // namespace vrk::app

@@ -4,14 +4,15 @@
 
 #include <filesystem>
 
+#include "pictures/PictureSheet.h"
 #include "pipeline/latticesearch/LatticeScore.h"
 
 namespace vrk::app {
 
-/// Three views side by side, along z, y and x: the density of the difference vectors up to a length, with a
-/// ring round every vector of the lattice. Vectors of the lattice show as bright spots inside the rings.
-/// Throws Failure when the picture cannot be written.
+/// Three views, along z, y and x: the density of the difference vectors up to a length, with a ring round
+/// every vector of the lattice and its base vectors as arrows. Vectors of the lattice show as bright spots
+/// inside the rings. Throws Failure when the picture cannot be written.
 void writeDifferenceVectorPicture(const Points& points, const Lattice& lattice, double maxLength,
-                                  const std::filesystem::path& path);
+                                  const PictureNotes& notes, const std::filesystem::path& path);
 
 }  // namespace vrk::app

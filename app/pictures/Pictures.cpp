@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstdio>
 #include <numbers>
 #include <system_error>
 
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/NumberText.h"
 #include "pipeline/base/OutputFile.h"
 #include "visualisation/ReciprocalSection.h"
 #include "visualisation/VolumeProjection.h"
@@ -24,12 +24,8 @@ void commitIf(bool saved, OutputFile& file, const fs::path& path) {
     file.commit();
 }
 
-void save(const PlaneImage& image, const ImageOverlay& overlay, bool tga, fs::path path,
-          std::vector<fs::path>& written) {
-    path.replace_extension(".png");
-    savePicture(image, overlay, path);
-    written.push_back(path);
-    if (!tga) return;
+/// The bare image for programs, where it is wanted.
+void saveTga(const PlaneImage& image, fs::path path, std::vector<fs::path>& written) {
     path.replace_extension(".tga");
     OutputFile plain(path);
     commitIf(VoxOpenCV::SaveTGA(image, plain.path().string()), plain, path);
@@ -46,28 +42,55 @@ ReciprocalSection::Settings planeSettings(const std::string& plane) {
     return settings;
 }
 
+/// "h-1l" with the bar over the 1.
+std::string planeText(const std::string& plane) {
+    std::string text;
+    for (std::size_t i = 0; i < plane.size(); ++i)
+        if (plane[i] != '-')
+            text += plane[i];
+        else if (++i < plane.size())
+            text += plane[i] + std::string("\u0304");
+    return text;
+}
+
 std::vector<fs::path> draw(const ReciprocalSection& section, const SectionOptions& options,
-                           const fs::path& folder) {
+                           const PictureNotes& notes, const fs::path& folder) {
     std::vector<fs::path> written;
     for (const std::string& plane : options.planes) {
         ReciprocalSection::Settings settings = planeSettings(plane);
         settings.thickness = options.thickness;
         settings.size = options.size;
-        ImageOverlay overlay = section.overlay(settings, options.nodes);
-        overlay.title = plane;
-        save(section.sample(settings), overlay, options.tga, folder / plane, written);
+        const PlaneImage image = section.sample(settings);
+        PictureSheet sheet(image, options.size);
+        sheet.overlay() = section.overlay(settings, options.nodes);
+        const std::string directions = sheet.overlay().title;
+        if (sheet.overlay().scale) sheet.setScale(*sheet.overlay().scale, notes.pixelSize);
+        sheet.describe(planeText(plane), notes, directions);
+        written.push_back(folder / (plane + ".png"));
+        sheet.save(written.back());
+        if (options.tga) saveTga(image, folder / plane, written);
     }
     return written;
 }
 
+/// \param perPixel  voxels of the volume along the edge of one of the image
 template <typename Data>
-std::vector<fs::path> project(const Data& data, bool tga, const fs::path& folder) {
+std::vector<fs::path> project(const Data& data, double perPixel, const SectionOptions& options,
+                              const PictureNotes& notes, const fs::path& folder) {
     static constexpr std::array<const char*, 3> kNames = {"projection_x", "projection_y", "projection_z"};
     std::vector<fs::path> written;
     for (int axis = 0; axis < 3; ++axis) {
         const PlaneImage image = VolumeProjection::maximumAlong(data, axis);
-        save(image, VolumeProjection::axesOf(image, axis), tga,
-             folder / kNames[static_cast<std::size_t>(axis)], written);
+        PictureSheet sheet(image, options.size);
+        sheet.setScale(
+            {sheet.x(0.5 * (image.width - 1)), sheet.y(0.5 * (image.height - 1)), perPixel / sheet.zoom()},
+            notes.pixelSize);
+        const ImageOverlay axes = VolumeProjection::axesOf(sheet.panel(), axis, 0.5 * sheet.barLength());
+        sheet.overlay().lines = axes.lines;
+        sheet.describe(axes.title, notes);
+        written.push_back(folder / (std::string(kNames[static_cast<std::size_t>(axis)]) + ".png"));
+        sheet.save(written.back());
+        if (options.tga) saveTga(image, written.back(), written);
     }
     return written;
 }
@@ -85,26 +108,31 @@ void checkPlanes(const std::vector<std::string>& planes) {
 }
 
 std::vector<fs::path> writeSections(const VoxMRCData& volume, const UnitCell& cell,
-                                    const SectionOptions& options, const fs::path& folder) {
+                                    const SectionOptions& options, const PictureNotes& notes,
+                                    const fs::path& folder) {
     const std::array<double, 3> origin = {0.5 * (volume.GetWidth() - 1.0), 0.5 * (volume.GetHeight() - 1.0),
                                           0.5 * (volume.GetDepth() - 1.0)};
-    return draw(ReciprocalSection(volume, cell, origin), options, folder);
+    return draw(ReciprocalSection(volume, cell, origin), options, notes, folder);
 }
 
 std::vector<fs::path> writeSections(const VoxVolumeData& view, const UnitCell& cell,
-                                    const SectionOptions& options, const fs::path& folder) {
-    return draw(ReciprocalSection(view, cell), options, folder);
+                                    const SectionOptions& options, const PictureNotes& notes,
+                                    const fs::path& folder) {
+    return draw(ReciprocalSection(view, cell), options, notes, folder);
 }
 
-std::vector<fs::path> writeProjections(const VoxMRCData& volume, bool tga, const fs::path& folder) {
-    return project(volume, tga, folder);
+std::vector<fs::path> writeProjections(const VoxMRCData& volume, const SectionOptions& options,
+                                       const PictureNotes& notes, const fs::path& folder) {
+    return project(volume, 1.0, options, notes, folder);
 }
 
-std::vector<fs::path> writeProjections(const VoxVolumeData& view, bool tga, const fs::path& folder) {
-    return project(view, tga, folder);
+std::vector<fs::path> writeProjections(const VoxVolumeData& view, const SectionOptions& options,
+                                       const PictureNotes& notes, const fs::path& folder) {
+    return project(view, view.reduction(), options, notes, folder);
 }
 
-void writePattern(const VoxMRCData& series, int slice, std::optional<double> axis, const fs::path& path) {
+void writePattern(const VoxMRCData& series, int slice, std::optional<double> axis, const std::string& source,
+                  const fs::path& path) {
     const mrcH& header = series.m_Header;
     PlaneImage image(header.nx, header.ny);
     const short* pixels = series.GetChunkPointer(static_cast<unsigned>(slice));
@@ -112,24 +140,27 @@ void writePattern(const VoxMRCData& series, int slice, std::optional<double> axi
         for (int x = 0; x < header.nx; ++x)
             image.at(x, y) = pixels[static_cast<std::ptrdiff_t>(y) * header.nx + x];
 
-    ImageOverlay overlay;
-    std::array<char, 60> title{};
-    std::snprintf(title.data(), title.size(), "tilt %.2f", static_cast<double>(header.tilt(slice)));
-    overlay.title = title.data();
-    const double edge = std::min(header.nx, header.ny);
-    const double corner = 0.06 * edge;
-    overlay.lines.push_back({corner, header.ny - 3 * corner, 3 * corner, header.ny - 3 * corner, "x"});
-    overlay.lines.push_back({corner, header.ny - 3 * corner, corner, header.ny - corner, "y"});
+    PictureSheet sheet(image);
+    const double middleX = sheet.x(0.5 * (header.nx - 1));
+    const double middleY = sheet.y(0.5 * (header.ny - 1));
+    // Where the direct beam is, and with it the origin, is not known here.
+    sheet.setScale({middleX, middleY, 1.0 / sheet.zoom()}, header.m_pixelsize, false);
+    sheet.describe(
+        formatted("pattern %d, tilt %.2f\u00b0", slice + 1, static_cast<double>(header.tilt(slice))),
+        {source, "", 0.0}, axis ? "" : "no tilt axis is stated");
+    std::vector<ImageOverlay::Line>& lines = sheet.overlay().lines;
+    constexpr double kEdge = PictureSheet::kEdge;
+    constexpr double kCorner = 0.04 * kEdge;
+    lines.push_back({kCorner, kEdge - 3 * kCorner, 3 * kCorner, kEdge - 3 * kCorner, "x"});
+    lines.push_back({kCorner, kEdge - 3 * kCorner, kCorner, kEdge - kCorner, "y"});
     if (axis) {
         const double t = *axis * std::numbers::pi / 180;
-        const double x = 0.4 * edge * -std::sin(t);
-        const double y = 0.4 * edge * std::cos(t);
-        const double middleX = 0.5 * (header.nx - 1);
-        const double middleY = 0.5 * (header.ny - 1);
-        std::snprintf(title.data(), title.size(), "axis %.1f", *axis);
-        overlay.lines.push_back({middleX - x, middleY - y, middleX + x, middleY + y, title.data()});
+        const double x = 0.4 * kEdge * -std::sin(t);
+        const double y = 0.4 * kEdge * std::cos(t);
+        lines.push_back(
+            {middleX - x, middleY - y, middleX + x, middleY + y, formatted("tilt axis %.1f\u00b0", *axis)});
     }
-    savePicture(image, overlay, path);
+    sheet.save(path);
 }
 
 }  // namespace vrk::app

@@ -1,24 +1,62 @@
 #include "pictures/RunPictures.h"
 
+#include <array>
+
+#include "indexing/IndicateWithHKL.h"
 #include "pictures/CentrePicture.h"
 #include "pictures/DifferenceVectorPicture.h"
 #include "pictures/IntensityPlots.h"
 #include "pictures/Pictures.h"
 #include "pictures/SpotPictures.h"
+#include "pipeline/base/OutputFile.h"
+#include "reflections/ReflexVector.h"
 
 namespace vrk::app {
+namespace {
 
-void drawRunPictures(const RunResult& result, const std::filesystem::path& folder) {
+/// The reflections at their corrected places, with the indices of the conventional cell.
+ReflexVectorPtr conventionallyIndexed(const Indexed& indexed) {
+    ReflexVectorPtr list(new ReflexVector);
+    const auto& m = indexed.symmetry().toConventional;
+    for (std::size_t i = 0; i < indexed.level.reflections.size(); ++i) {
+        const Eigen::Vector3d& p = indexed.refined.positions[i];
+        list->push_back(new Reflex(p.x(), p.y(), p.z()));
+        list->back()->setIntensity(indexed.level.reflections[i].intensity);
+        const Indices& old = indexed.refined.indices[i];
+        if (old[0] == Reflex::kNotIndexed) continue;
+        std::array<int, 3> hkl{};
+        for (std::size_t j = 0; j < 3; ++j)
+            hkl[j] = old[0] * m[0][j] + old[1] * m[1][j] + old[2] * m[2][j];
+        list->back()->setHKL(hkl[0], hkl[1], hkl[2]);
+    }
+    return list;
+}
+
+}  // namespace
+
+PictureNotes notesOf(const RunResult& result, const std::string& source) {
+    return {
+        source,
+        cellText(LATTICE::shortName(result.indexed.symmetry().bravaisType), result.indexed.conventional.cell),
+        result.facts().pixelSize};
+}
+
+void drawRunPictures(const RunResult& result, const std::string& source,
+                     const std::filesystem::path& folder) {
+    const PictureNotes notes = notesOf(result, source);
     writeDifferenceVectorPicture(flatPoints(result.indexed.level, result.volume, nullptr),
-                                 result.lattice.best.lattice, result.lattice.best.trial.maxLength,
+                                 result.lattice.best.lattice, result.lattice.best.trial.maxLength, notes,
                                  folder / "difference_vectors.png");
-    writeCentrePicture(result.volume.tilts, result.volume.centres, folder / "centres.png");
-    writeSections(*result.volume.voxels, result.indexed.conventionalCell(), SectionOptions(), folder);
-    writeProjections(*result.volume.voxels, false, folder);
-    if (!result.intensities || !result.counts.frames) return;
-    writeSpotPictures(result, folder);
+    writeCentrePicture(result.volume.tilts, result.volume.centres, source, folder / "centres.png");
+    writeSections(*result.volume.voxels, result.indexed.conventionalCell(), SectionOptions(), notes, folder);
+    writeProjections(*result.volume.voxels, SectionOptions(), notes, folder);
     const std::filesystem::path plots = folder / "plots";
-    std::filesystem::create_directories(plots);
+    makeFolder(plots);
+    const ReflexVectorPtr list = conventionallyIndexed(result.indexed);
+    IndicateWithHKL::generateEvaluationPlot(list.get(), plots.string());
+    IndicateWithHKL::generateHKLplot(list.get(), plots.string());
+    if (!result.intensities || !result.counts.frames) return;
+    writeSpotPictures(result, notes, folder);
     writeIntensityPlots(*result.intensities, plots);
 }
 

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <vector>
 
+#include "pictures/PictureSheet.h"
 #include "pipeline/run/RunResult.h"
 
 namespace vrk::app {
@@ -13,7 +14,7 @@ namespace vrk::app {
 /// geometry predicts a spot, crosses where spots were observed, and an arrow along the tilt axis from the
 /// direct beam. \param result  with intensities and the frames they were measured on \returns the paths.
 /// Throws Failure when one cannot be written.
-std::vector<std::filesystem::path> writeSpotPictures(const RunResult& result,
+std::vector<std::filesystem::path> writeSpotPictures(const RunResult& result, const PictureNotes& notes,
                                                      const std::filesystem::path& folder);
 
 }  // namespace vrk::app

@@ -129,19 +129,21 @@ TiltAxisResult search(const VoxMRCData& series, int jobs, const std::filesystem:
     std::optional<ScratchFolder> scratch;
     if (wanted.empty()) scratch.emplace();
     const std::filesystem::path folder = scratch ? scratch->path() : wanted;
-    makeFolder(folder);
+    // An image for each angle and few plots: they do not belong into one folder.
+    const std::filesystem::path histograms = folder / "histograms";
+    makeFolder(histograms);
     ParallelTiltAxisRefinement refinement(jobs, session);
     float angle = VRKTiltAxisRefinement::kNoAngle;
     {
         const Stage stage(session, "tilt axis");
         // The library takes its series as one that it may change, and does not change it.
-        angle = run(refinement, const_cast<VoxMRCData*>(&series), folder.string());
+        angle = run(refinement, const_cast<VoxMRCData*>(&series), histograms.string());
     }
     if (session.canceled())
         throw Failure(
             refinement.scores().empty()
                 ? "stopped on request before the first angle was tried"
-                : "stopped on request; the images of the angles tried so far are in " + folder.string(),
+                : "stopped on request; the images of the angles tried so far are in " + histograms.string(),
             FailureKind::Canceled);
     if (angle == VRKTiltAxisRefinement::kNoAngle)
         throw Failure(session.lastError(),
@@ -152,7 +154,12 @@ TiltAxisResult search(const VoxMRCData& series, int jobs, const std::filesystem:
     const TiltAxisFit fit = fitTiltAxis(result.scores, result.gridAngle);
     result.angle = fit.angle;
     result.uncertainty = fit.uncertainty;
-    if (!scratch) result.plots = folder / (std::string(kName) + "_searchTiltAxis_plots");
+    if (scratch) return result;
+    const std::string plots = std::string(kName) + "_searchTiltAxis_plots";
+    result.plots = folder / plots;
+    std::error_code ignored;
+    std::filesystem::remove_all(result.plots, ignored);
+    std::filesystem::rename(histograms / plots, result.plots, ignored);
     return result;
 }
 

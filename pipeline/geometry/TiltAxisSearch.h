@@ -39,9 +39,9 @@ struct TiltAxisResult {
 /// \param preprocessed  hot spots removed, centred, background subtracted, not rotated; not changed
 /// \param accuracy      finest step of the grid of angles, degrees
 /// \param jobs          processes that share the angles; the answer does not depend on their number
-/// \param folder        made when it is not there; receives histogram images and plots, empty: they are not
-/// kept \throw Failure with exit code 1 when the series cannot be searched, 3 when it gives no angle, and
-/// when the
+/// \param folder        made when it is not there; receives the plots, and the images of the angles in the
+/// folder histograms; empty: nothing is kept \throw Failure with exit code 1 when the series cannot be
+/// searched, 3 when it gives no angle, and when the
 ///        user has asked to stop
 ///
 /// Warns when the scores show no clear peak.

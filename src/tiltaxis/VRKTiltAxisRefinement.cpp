@@ -206,6 +206,16 @@ bool isMeasured(const Statistic& statistic, const std::vector<TiltAxisScore>& sc
                        [&](const TiltAxisScore& score) { return statistic.value(score) != 0.0; });
 }
 
+/// Half the width of a view of the peak, degrees: some of the finest steps.
+double peakWidth(const std::vector<TiltAxisScore>& sorted) {
+    constexpr double kSteps = 20.0;
+    double finest = kFirstStep;
+    for (std::size_t i = 1; i < sorted.size(); ++i)
+        if (const double step = sorted[i].angle - sorted[i - 1].angle; step > 1e-5)
+            finest = std::min(finest, step);
+    return kSteps * finest;
+}
+
 void plot(const Statistic& statistic, std::vector<TiltAxisScore> scores, double bestAngle,
           const std::string& folder) {
     std::stable_sort(scores.begin(), scores.end(),
@@ -217,13 +227,20 @@ void plot(const Statistic& statistic, std::vector<TiltAxisScore> scores, double 
     GnuplotScript script(folder, fileNameOf(statistic.name));
     const std::string data = script.addData(line("angle ", fileNameOf(statistic.name)), rows, 2);
     script.addCommand("set xlabel " + GnuplotScript::quoted("angle of the tilt axis (degrees)"));
-    script.addCommand("set ylabel " + GnuplotScript::quoted(statistic.name) + " noenhanced");
-    script.addCommand("set title " + GnuplotScript::quoted(line("best angle ", bestAngle, " degrees")));
     script.addCommand("set grid");
     script.addCommand("set key off");
     script.addCommand(
         line("set arrow from ", bestAngle, ", graph 0 to ", bestAngle, ", graph 1 nohead dashtype 2"));
-    script.addCommand("plot " + data + " using 1:2 with linespoints pointtype 7 pointsize 0.6");
+    const std::string curve = "plot " + data + " using 1:2 with linespoints pointtype 7 pointsize 0.6";
+    script.addCommand("set multiplot layout 2,1 title " +
+                      GnuplotScript::quoted(line(statistic.name, ", best angle ", bestAngle, " degrees")) +
+                      " noenhanced");
+    script.addCommand(curve);
+    // The scale follows what is in the view.
+    const double width = peakWidth(scores);
+    script.addCommand(line("set xrange [", bestAngle - width, ":", bestAngle + width, "]"));
+    script.addCommand("set autoscale y; " + curve);
+    script.addCommand("unset multiplot");
     script.render();
 }
 

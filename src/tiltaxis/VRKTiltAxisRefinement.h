@@ -61,7 +61,7 @@ class VoxMRCData;
 ///
 /// Into the folder go "diffVectorHistogramm_RotAngle_" + angle + ".png", the equalised histogram of each
 /// candidate, and into its subfolder name + "_searchTiltAxis_plots" the scores of all candidates as data,
-/// gnuplot script and picture, one for each series of the statistics.
+/// gnuplot script and picture, one for each series of the statistics: all angles above those about the peak.
 ///
 /// \code
 /// VRKTiltAxisRefinement search;

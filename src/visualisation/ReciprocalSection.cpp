@@ -32,8 +32,15 @@ Vector cross(const Vector& a, const Vector& b) {
     return {a[1] * b[2] - a[2] * b[1], a[2] * b[0] - a[0] * b[2], a[0] * b[1] - a[1] * b[0]};
 }
 
+/// Indices as in print, those below zero with a bar: "1 1\u0304 0".
 std::string nameOf(const std::array<int, 3>& hkl) {
-    return std::to_string(hkl[0]) + " " + std::to_string(hkl[1]) + " " + std::to_string(hkl[2]);
+    std::string name;
+    for (const int index : hkl) {
+        name += name.empty() ? "" : " ";
+        for (const char digit : std::to_string(std::abs(index)))
+            name += std::string(1, digit) + (index < 0 ? "\u0304" : "");
+    }
+    return name;
 }
 
 /// The name of an axis of the picture: a*, b*, c* or the indices of its first node.
@@ -176,15 +183,23 @@ ImageOverlay ReciprocalSection::overlay(const Settings& settings, bool nodes) co
         return std::array<double, 2>{middle + dot(fromCentre, frame.right) / frame.voxelsPerPixel,
                                      middle - dot(fromCentre, frame.up) / frame.voxelsPerPixel};
     };
-    result.title = nameOf(settings.u) + " right, " + nameOf(settings.v) + " up, level " +
-                   std::to_string(settings.level) + " of " + nameOf(settings.w);
+    result.title = axisName(settings.u) + " right, " + axisName(settings.v) + " up, level " +
+                   std::to_string(settings.level) + " of " + axisName(settings.w);
     const Vector level = static_cast<double>(settings.level) * node(settings.w);
+    result.scale = {middle, middle, frame.voxelsPerPixel * m_reduction,
+                    std::abs(dot(frame.normal, level)) * m_reduction};
     const auto zero = place(level);
     const double reach = 0.42 * settings.size * frame.voxelsPerPixel;
     for (const std::array<int, 3>& axis : {settings.u, settings.v}) {
         const Vector g = node(axis);
-        const auto tip = place(level + (reach / norm(g)) * g);
-        result.lines.push_back({zero[0], zero[1], tip[0], tip[1], axisName(axis)});
+        const auto end = place(level + (reach / norm(g)) * g);
+        result.lines.push_back({zero[0], zero[1], end[0], end[1], "", false, true});
+        // The arrow has the length of the vector, or of the least multiple that can be seen.
+        constexpr double kVisible = 24.0;
+        const int times = static_cast<int>(std::ceil(kVisible * frame.voxelsPerPixel / norm(g)));
+        const auto tip = place(level + static_cast<double>(std::max(times, 1)) * g);
+        result.lines.push_back({zero[0], zero[1], tip[0], tip[1],
+                                (times > 1 ? std::to_string(times) + " " : "") + axisName(axis)});
     }
     if (!nodes) return result;
 

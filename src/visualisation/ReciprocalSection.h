@@ -46,7 +46,8 @@ public:
     /// Empty when u and v are parallel, the level's w lies in their plane, or the size is below 1.
     PlaneImage sample(const Settings& settings) const;
 
-    /// Axes, title and, if asked for, a ring round every lattice node of the plane.
+    /// Arrows as long as the base vectors of the plane on lines along them, the scale in voxels of the
+    /// volume, title and, if asked for, a ring round every lattice node of the plane.
     ImageOverlay overlay(const Settings& settings, bool nodes) const;
 
     /// Settings of the plane through the origin or at a level, by its name: "hk0", "h0l", "0kl", "hk1",

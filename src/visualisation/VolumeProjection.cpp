@@ -129,16 +129,16 @@ PlaneImage VolumeProjection::maximumAlong(const VoxVolumeData& view, int axis) {
     return project(slicesOf(view), axis);
 }
 
-ImageOverlay VolumeProjection::axesOf(const PlaneImage& image, int axis) {
+ImageOverlay VolumeProjection::axesOf(const PlaneImage& image, int axis, double length) {
     static constexpr std::array<std::array<const char*, 3>, 3> kNames = {
         {{"along x", "z", "y"}, {"along y (tilt axis)", "x", "z"}, {"along z", "x", "y"}}};
     if (axis < 0 || axis > 2) return {};
     const std::array<const char*, 3>& names = kNames[static_cast<std::size_t>(axis)];
     const double left = 12.0;
-    const double top = image.height - 62.0;
+    const double top = image.height - length - 22.0;
     ImageOverlay overlay;
     overlay.title = std::string("maximum ") + names[0];
-    overlay.lines.push_back({left, top, left + 40.0, top, names[1]});
-    overlay.lines.push_back({left, top, left, top + 40.0, names[2]});
+    overlay.lines.push_back({left, top, left + length, top, names[1]});
+    overlay.lines.push_back({left, top, left, top + length, names[2]});
     return overlay;
 }

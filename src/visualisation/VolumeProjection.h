@@ -25,5 +25,6 @@ public:
     static PlaneImage maximumAlong(const VoxVolumeData& view, int axis);
 
     /// Arrows with the names of the two axes, for a picture of maximumAlong().
-    static ImageOverlay axesOf(const PlaneImage& image, int axis);
+    /// \param length  of the arrows in pixels
+    static ImageOverlay axesOf(const PlaneImage& image, int axis, double length = 40.0);
 };

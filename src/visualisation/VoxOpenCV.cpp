@@ -7,10 +7,12 @@
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
+#include <utility>
 #include <vector>
 
 #include "foundation/VRKLogger.h"
 #include "foundation/detail/SingleThreadedOpenCV.h"
+#include "visualisation/detail/PictureText.h"
 
 namespace {
 
@@ -65,13 +67,14 @@ cv::Point fine(double x, double y) {
 }
 constexpr int kFineBits = 4;
 
+const cv::Scalar kRingColour(115, 95, 85);
+const cv::Scalar kRingTextColour(190, 170, 160);
+
 void putLabel(cv::Mat& canvas, const std::string& text, double x, double y, const cv::Scalar& colour) {
-    int baseline = 0;
-    const cv::Size size = cv::getTextSize(text, cv::FONT_HERSHEY_SIMPLEX, 0.5, 1, &baseline);
-    const cv::Point at(std::clamp(cvRound(x), 2, std::max(2, canvas.cols - size.width - 2)),
-                       std::clamp(cvRound(y), size.height + 2, std::max(size.height + 2, canvas.rows - 4)));
-    cv::putText(canvas, text, at, cv::FONT_HERSHEY_SIMPLEX, 0.5, cv::Scalar(0, 0, 0), 3, cv::LINE_AA);
-    cv::putText(canvas, text, at, cv::FONT_HERSHEY_SIMPLEX, 0.5, colour, 1, cv::LINE_AA);
+    const VRK::detail::PictureText label(text);
+    label.draw(canvas, std::clamp(x, 2.0, std::max(2.0, canvas.cols - label.width() - 2.0)),
+               std::clamp(y, label.height() + 4.0, std::max(label.height() + 4.0, canvas.rows - 4.0)),
+               colour);
 }
 
 void drawArrowHead(cv::Mat& canvas, const ImageOverlay::Line& line, const cv::Scalar& colour) {
@@ -86,10 +89,69 @@ void drawArrowHead(cv::Mat& canvas, const ImageOverlay::Line& line, const cv::Sc
     }
 }
 
+/// The name stands on the ring, where that is far enough inside.
+void drawRing(cv::Mat& canvas, const ImageOverlay::Ring& ring) {
+    cv::circle(canvas, fine(ring.x, ring.y), cvRound(ring.radius * 16.0), kRingColour, 1, cv::LINE_AA,
+               kFineBits);
+    const VRK::detail::PictureText label(ring.label, 0.45);
+    for (const double degrees : {52.0, 128.0, 232.0, 308.0, 20.0, 160.0}) {
+        const double angle = degrees * CV_PI / 180.0;
+        const double x = ring.x + ring.radius * std::cos(angle) - 0.5 * label.width();
+        const double y = ring.y - ring.radius * std::sin(angle) + 0.5 * label.height();
+        if (x < 4.0 || y < 4.0 + label.height() || x + label.width() > canvas.cols - 4.0 ||
+            y > canvas.rows - 4.0)
+            continue;
+        label.draw(canvas, x, y, kRingTextColour);
+        return;
+    }
+}
+
+void drawBar(cv::Mat& canvas, const ImageOverlay::Bar& bar) {
+    const VRK::detail::PictureText label(bar.label);
+    const double right = canvas.cols - 16.0;
+    const double left = right - bar.length;
+    const double y = canvas.rows - 16.0;
+    const cv::Scalar white(255, 255, 255);
+    for (const auto& [colour, thickness] : {std::pair(cv::Scalar(0, 0, 0), 5), std::pair(white, 2)})
+        cv::line(canvas, fine(left, y), fine(right, y), colour, thickness, cv::LINE_AA, kFineBits);
+    label.draw(canvas, std::min(0.5 * (left + right - label.width()), right - label.width()), y - 8.0, white);
+}
+
+void drawBorder(cv::Mat& canvas, const cv::Rect& picture, const ImageOverlay::Border& border) {
+    using VRK::detail::PictureText;
+    const cv::Scalar white(230, 230, 230);
+    double baseline = 20.0;
+    for (const std::string& caption : border.captions) {
+        const PictureText text(caption);
+        text.draw(canvas, picture.x, baseline, white);
+        baseline += 23.0;
+    }
+    cv::rectangle(canvas, {picture.x - 1, picture.y - 1, picture.width + 2, picture.height + 2}, kRingColour);
+    const double below = picture.y + picture.height;
+    const double before = picture.x;
+    for (const ImageOverlay::Tick& tick : border.bottom) {
+        const double x = picture.x + tick.position;
+        const PictureText label(tick.label, 0.45);
+        cv::line(canvas, fine(x, below), fine(x, below + 5.0), white, 1, cv::LINE_AA, kFineBits);
+        label.draw(canvas, x - 0.5 * label.width(), below + 10.0 + label.height(), white);
+    }
+    for (const ImageOverlay::Tick& tick : border.left) {
+        const double y = picture.y + tick.position;
+        const PictureText label(tick.label, 0.45);
+        cv::line(canvas, fine(before - 6.0, y), fine(before - 1.0, y), white, 1, cv::LINE_AA, kFineBits);
+        label.draw(canvas, before - 9.0 - label.width(), y + 0.5 * label.height(), white);
+    }
+    const PictureText bottom(border.bottomName), left(border.leftName);
+    bottom.draw(canvas, picture.x + 0.5 * (picture.width - bottom.width()), canvas.rows - 12.0, white);
+    left.drawUpwards(canvas, 16.0, picture.y + 0.5 * (picture.height + left.width()), white);
+}
+
 void draw(cv::Mat& canvas, const ImageOverlay& overlay) {
     const cv::Scalar nodeColour(90, 200, 90);
     const cv::Scalar lineColour(80, 170, 255);
     const cv::Scalar crossColour(200, 110, 240);
+    for (const ImageOverlay::Ring& ring : overlay.rings)
+        drawRing(canvas, ring);
     for (const ImageOverlay::Node& node : overlay.nodes)
         cv::circle(canvas, fine(node.x, node.y), cvRound(node.radius * 16.0), nodeColour, 1, cv::LINE_AA,
                    kFineBits);
@@ -101,12 +163,21 @@ void draw(cv::Mat& canvas, const ImageOverlay& overlay) {
                  cv::LINE_AA, kFineBits);
     }
     for (const ImageOverlay::Line& line : overlay.lines) {
-        cv::line(canvas, fine(line.x0, line.y0), fine(line.x1, line.y1), lineColour, 1, cv::LINE_AA,
-                 kFineBits);
+        cv::line(canvas, fine(line.x0, line.y0), fine(line.x1, line.y1),
+                 line.faint ? kRingTextColour : lineColour, 1, cv::LINE_AA, kFineBits);
         if (line.arrow) drawArrowHead(canvas, line, lineColour);
         if (!line.label.empty()) putLabel(canvas, line.label, line.x1 + 6.0, line.y1 - 4.0, lineColour);
     }
+    for (const ImageOverlay::Text& text : overlay.texts)
+        putLabel(canvas, text.text, text.x, text.y, cv::Scalar(255, 255, 255));
     if (!overlay.title.empty()) putLabel(canvas, overlay.title, 8.0, 20.0, cv::Scalar(255, 255, 255));
+    if (overlay.bar) drawBar(canvas, *overlay.bar);
+}
+
+bool isPlain(const ImageOverlay& overlay) {
+    return overlay.title.empty() && overlay.lines.empty() && overlay.nodes.empty() &&
+           overlay.crosses.empty() && overlay.rings.empty() && overlay.texts.empty() && !overlay.bar &&
+           !overlay.border;
 }
 
 }  // namespace
@@ -126,11 +197,16 @@ bool VoxOpenCV::SaveImage(const PlaneImage& image, const std::string& path, cons
     if (isEmpty(image)) return fail(path, "the image is empty");
     const VRK::detail::SingleThreadedOpenCV singleThreaded;
     const cv::Mat grey = greyScaled(image);
-    if (overlay.title.empty() && overlay.lines.empty() && overlay.nodes.empty() && overlay.crosses.empty())
-        return save(grey, path);
+    if (isPlain(overlay)) return save(grey, path);
+    cv::Mat picture;
+    cv::cvtColor(grey, picture, cv::COLOR_GRAY2BGR);
+    draw(picture, overlay);
+    if (!overlay.border) return save(picture, path);
+    using Border = ImageOverlay::Border;
     cv::Mat canvas;
-    cv::cvtColor(grey, canvas, cv::COLOR_GRAY2BGR);
-    draw(canvas, overlay);
+    cv::copyMakeBorder(picture, canvas, Border::kTop, Border::kBottom, Border::kLeft, Border::kRight,
+                       cv::BORDER_CONSTANT, cv::Scalar(28, 28, 28));
+    drawBorder(canvas, {Border::kLeft, Border::kTop, picture.cols, picture.rows}, *overlay.border);
     return save(canvas, path);
 }
 

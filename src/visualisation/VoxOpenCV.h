@@ -17,7 +17,8 @@ public:
     static bool SaveImageWithEqualizeHist(const int* pixels, int width, int height, const std::string& path);
 
     /// Saves with a scale that shows weak spots beside strong ones: grey = asinh(value / s) with s the median
-    /// of the positive values and the 99.98th percentile white. Values of zero and below are black.
+    /// of the positive values and the 99.98th percentile white. Values of zero and below are black. A border
+    /// makes the file's picture larger than the image by its margins.
     static bool SaveImage(const PlaneImage& image, const std::string& path, const ImageOverlay& overlay = {});
 
     /// Uncompressed 8-bit grey TGA file, rows stored from the top.

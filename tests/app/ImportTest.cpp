@@ -106,6 +106,21 @@ std::string feiRecords(int frames, std::int32_t size, double pixelSize) {
     return extended;
 }
 
+/// Records that count their numbers in the header, or say with flags what they hold: the tilt is a 16-bit
+/// integer in hundredths of a degree at the front, or the first real number behind the integers.
+std::string shortRecords(int frames, int recordBytes, int integers) {
+    std::string extended(static_cast<std::size_t>(frames * recordBytes), '\x07');
+    for (int i = 0; i < frames; ++i) {
+        const auto start = static_cast<std::size_t>(i * recordBytes);
+        if (integers < 0)
+            MRCBytes::put(extended, start, static_cast<std::int16_t>(100 * (i - 1)));
+        else
+            MRCBytes::put(extended, start + 4 * static_cast<std::size_t>(integers),
+                          static_cast<float>(i - 1));
+    }
+    return extended;
+}
+
 struct Imported {
     ImportResult result;
     std::vector<std::string> warnings;
@@ -223,6 +238,13 @@ TEST(Import, MrcModesAndExtendedHeaders) {
     const auto kind = [](const char* text) {
         return [text](std::string& header) { std::memcpy(header.data() + 104, text, 4); };
     };
+    const auto counted = [](const std::string& text, int first, int second) {
+        return [=](std::string& header) {
+            std::memcpy(header.data() + 104, text.data(), text.size());
+            MRCBytes::put(header, 128, static_cast<std::int16_t>(first));
+            MRCBytes::put(header, 130, static_cast<std::int16_t>(second));
+        };
+    };
     const auto oldRecords = floatRecords(3, 128, {{11, 5e7F}, {13, 300e3F}, {10, 84.5F}}, 1024 * 128);
     const std::vector<Case> cases = {
         {"128-byte records", mrc<std::int16_t>(3, 1, oldRecords), 5e7, 300, 0},
@@ -230,6 +252,11 @@ TEST(Import, MrcModesAndExtendedHeaders) {
          0},
         {"144-byte records", mrc<float>(3, 2, floatRecords(3, 144, {{11, 5e7F}, {15, 120}, {8, 33}})), 5e7,
          120, 33},
+        {"SerialEM", mrc<std::int16_t>(3, 1, shortRecords(3, 8, -1), counted("SERI", 8, 1)), 0, 0, 0},
+        {"SerialEM, not marked", mrc<std::int16_t>(3, 1, shortRecords(3, 12, -1), counted("", 12, 7)), 0, 0,
+         0},
+        {"integers and reals", mrc<std::int16_t>(3, 1, shortRecords(3, 20, 2), counted("AGAR", 2, 3)), 0, 0,
+         0},
         {"FEI1", mrc<std::uint16_t>(3, 6, feiRecords(3, 768, 4e7), kind("FEI1")), 4e7, 300, 0},
         {"FEI2", mrc<std::int16_t>(3, 1, feiRecords(3, 888, 2e-10), kind("FEI2")), 0, 300, 0},
     };

@@ -3,13 +3,13 @@
 #include <limits>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <opencv2/imgcodecs.hpp>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "VoxCore/IO/VoxMRCFileHandler.h"
 #include "app/RunVrk.h"
 #include "pipeline/frames/FileReport.h"
 #include "support/MRCBytes.h"
+#include "support/PicturePanel.h"
 #include "support/TemporaryFolder.h"
 
 namespace {
@@ -131,8 +131,10 @@ TEST(InfoCommand, DrawsTheAxisOnAPattern) {
     std::fill(file.data.begin(), file.data.end(), std::int16_t{0});
     const std::string path = folder.write("a.mrc", file.bytes());
     const auto coloured = [&](double x, double y) {
-        const cv::Mat picture = cv::imread(folder / "p.png");
-        const cv::Vec3b pixel = picture.at<cv::Vec3b>(static_cast<int>(y), static_cast<int>(x));
+        const cv::Mat picture = panelOf(folder / "p.png");
+        const double zoom = picture.cols / 200.0;
+        const cv::Vec3b pixel = picture.at<cv::Vec3b>(static_cast<int>((y + 0.5) * zoom - 0.5),
+                                                      static_cast<int>((x + 0.5) * zoom - 0.5));
         return pixel[2] > pixel[0] + 50;
     };
     ASSERT_EQ(runVrk({"info", path, "--picture", folder / "p.png", "--axis", "30"}).exitCode, 0);

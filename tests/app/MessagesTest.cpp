@@ -175,6 +175,54 @@ TEST(Main, VersionAndHelpGoToTheStandardOutputAlone) {
     EXPECT_EQ(runVrkLine("help").out, runVrkLine("--help").out);
 }
 
+/// What a terminal gets: lines that it shows, and how long the longest is without its control sequences.
+struct Shown {
+    std::size_t longest = 0;
+    int lines = 0;
+    int rewritten = 0;  ///< that stand where another stood
+    bool controlled = false;
+
+    explicit Shown(const std::string& bytes) : controlled(bytes.find('\x1b') != std::string::npos) {
+        std::string text;
+        for (std::size_t i = 0; i < bytes.size(); ++i)
+            if (bytes[i] == '\x1b')
+                i += 2;  // wipes the rest of the line
+            else if (bytes[i] == '\r' || bytes[i] == '\n') {
+                if (words(text).size() > 1) longest = std::max(longest, text.size());
+                lines += bytes[i] == '\n';
+                rewritten += bytes[i] == '\r' && i + 1 < bytes.size() && bytes[i + 1] != '\n';
+                text.clear();
+            } else {
+                text += bytes[i];
+            }
+    }
+};
+
+TEST(Main, TerminalsGetWhatTheyCanShow) {
+    const TemporaryFolder folder;
+    for (const int columns : {30, 60}) {
+        const Shown help(runVrkInTerminal("help run", folder / ".", columns).out);
+        EXPECT_LE(help.longest, static_cast<std::size_t>(columns));
+        EXPECT_GT(help.lines, 30);
+        const std::string work = "simulate -o s.mrc --cell 5,6,7,90,90,90 --size 128 --tilts -60:60:2 --json";
+        const Shown bar(runVrkInTerminal(work, folder / ".", columns).out.substr(0, 4000));
+        EXPECT_TRUE(bar.controlled);
+        EXPECT_GT(bar.rewritten, 5);
+        const Shown plain(runVrkInTerminal(work, folder / ".", columns, "dumb").out);
+        EXPECT_FALSE(plain.controlled);
+        EXPECT_EQ(plain.rewritten, 0);
+    }
+    ASSERT_EQ(runVrkLine("simulate -o s.mrc --cell 5,6,7,90,90,90 --size 64 --dmin 2 --tilts -30:30:3",
+                         folder / ".")
+                  .exitCode,
+              0);
+    const std::string run = "run s.mrc -o r --no-pictures --no-integration --voltage 200 --json";
+    const std::string bar = runVrkInTerminal(run, folder / ".", 30).out;
+    EXPECT_LT(Shown(bar.substr(0, bar.find("vrk: "))).longest, 30U);
+    EXPECT_NE(bar.find("1/9 read"), std::string::npos);
+    EXPECT_NE(runVrkInTerminal(run, folder / ".", 30, "dumb").out.find("1/9 read, 0."), std::string::npos);
+}
+
 TEST(Main, HelpFitsTheWindowAndHoldsAllWords) {
     const auto wordsOf = [](const std::string& text) {
         std::multiset<std::string> all;

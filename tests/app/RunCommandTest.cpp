@@ -11,7 +11,6 @@
 #include <fstream>
 #include <functional>
 #include <nlohmann/json.hpp>
-#include <opencv2/imgcodecs.hpp>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -20,6 +19,7 @@
 #include "app/RunVrk.h"
 #include "pipeline/base/NumberText.h"
 #include "pipeline/simulation/Simulation.h"
+#include "support/PicturePanel.h"
 #include "support/TemporaryFolder.h"
 
 namespace {
@@ -109,9 +109,9 @@ std::unique_ptr<VoxMRCData> RunCommandTest::series;
 /// The picture of a frame has a green ring about every bright spot that frames.csv lists for it, none of them
 /// filled.
 void RunCommandTest::expectRingsRoundTheSpots(int frame) const {
-    const cv::Mat picture = cv::imread(folder / vrk::formatted("result/frame_%03d.png", frame));
+    const cv::Mat picture = panelOf(folder / vrk::formatted("result/frame_%03d.png", frame));
     ASSERT_FALSE(picture.empty());
-    const int zoom = picture.cols / static_cast<int>(width());
+    const double zoom = picture.cols / static_cast<double>(width());
     const auto isRing = [&](double x, double y) {
         const auto colour =
             picture.at<cv::Vec3b>(static_cast<int>(std::lround(y)), static_cast<int>(std::lround(x)));

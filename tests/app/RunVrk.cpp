@@ -1,12 +1,14 @@
 #include "app/RunVrk.h"
 
 #include <fcntl.h>
+#include <pty.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <cstdio>
+#include <cstdlib>
 #include <iterator>
 #include <memory>
 #include <sstream>
@@ -71,6 +73,37 @@ VrkResult StartedVrk::wait() {
     if (result.exitCode == 127) throw std::runtime_error("cannot start " VRK_PROGRAM " in " + m_folder);
     result.out = contents(m_out.get());
     result.err = contents(m_err.get());
+    return result;
+}
+
+VrkResult runVrkInTerminal(const std::string& line, const std::string& folder, int columns,
+                           const char* term) {
+    std::vector<std::string> arguments = words(line);
+    std::vector<char*> argv = {const_cast<char*>(VRK_PROGRAM)};
+    for (std::string& argument : arguments)
+        argv.push_back(argument.data());
+    argv.push_back(nullptr);
+    winsize size = {};
+    size.ws_row = 24;
+    size.ws_col = static_cast<unsigned short>(columns);
+    int terminal = -1;
+    const pid_t child = forkpty(&terminal, nullptr, nullptr, &size);
+    if (child < 0) throw std::runtime_error("no terminal");
+    if (child == 0) {
+        setenv("TERM", term, 1);
+        unsetenv("COLUMNS");
+        if (chdir(folder.c_str()) == 0) execv(VRK_PROGRAM, argv.data());
+        _exit(127);
+    }
+    VrkResult result;
+    std::array<char, 65536> block{};
+    // Reading fails when nobody writes any more.
+    for (ssize_t got = 0; (got = read(terminal, block.data(), block.size())) > 0;)
+        result.out.append(block.data(), static_cast<std::size_t>(got));
+    close(terminal);
+    int status = 0;
+    waitpid(child, &status, 0);
+    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     return result;
 }
 

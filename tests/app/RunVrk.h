@@ -40,6 +40,11 @@ private:
     pid_t m_child = -1;
 };
 
+/// Runs vrk in a terminal of so many columns, in the folder; all that appears there.
+/// \param term  kind of the terminal, as the variable TERM has it
+VrkResult runVrkInTerminal(const std::string& line, const std::string& folder, int columns,
+                           const char* term = "xterm");
+
 /// The words of a text.
 std::vector<std::string> words(const std::string& text);
 

@@ -5,8 +5,7 @@
 #include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <opencv2/core.hpp>
-#include <opencv2/imgcodecs.hpp>
+#include <numbers>
 #include <sstream>
 #include <tuple>
 
@@ -15,6 +14,7 @@
 #include "VoxCore/IO/VoxMRCFileHandler.h"
 #include "crystallography/CellFileImportExport.h"
 #include "crystallography/UnitCell.h"
+#include "support/PicturePanel.h"
 #include "support/TemporaryFolder.h"
 
 namespace {
@@ -32,6 +32,7 @@ protected:
         header.nx = header.ny = header.nz = header.mx = header.my = header.mz = kEdge;
         header.mode = 1;
         header.type = MRCType::MRCVOLUME;
+        header.m_pixelsize = 2e8F;
         for (unsigned z = 0; z < kEdge; ++z)
             std::fill_n(volume->GetChunkPointer(z), kEdge * kEdge, short{0});
         const auto centre = static_cast<unsigned>(kCentre);
@@ -66,13 +67,53 @@ TEST_F(SectionsCommand, DrawsThePlanesAndTheProjections) {
     std::istringstream printed(run.out);
     int count = 0;
     for (std::string path; std::getline(printed, path); ++count) {
-        const cv::Mat picture = cv::imread(m_folder / path);
-        const int edge = path.find("projection") == std::string::npos ? 300 : static_cast<int>(kEdge);
-        EXPECT_EQ(picture.size(), cv::Size(edge, edge)) << path;
+        EXPECT_EQ(panelOf(m_folder / path).size(), cv::Size(300, 300)) << path;
     }
     EXPECT_EQ(count, 6);
     for (const char* name : {"hk0", "h0l", "0kl", "projection_x", "projection_y", "projection_z"})
         EXPECT_TRUE(exists("the pictures/" + std::string(name) + ".png")) << name;
+}
+
+/// Rings of resolution, bar and arrows are as long as they say.
+TEST_F(SectionsCommand, LengthsCanBeReadOffThePictures) {
+    for (const int size : {294, 588}) {
+        ASSERT_EQ(sections("volume.mrc", {"--plane", "hk0", "--size", std::to_string(size)}).exitCode, 0);
+        const double pixelsPerVoxel = size / double{kEdge};
+        const double perPixel = 0.02 / pixelsPerVoxel;  // 1/Angstrom
+        for (const char* name : {"hk0", "projection_z"}) {
+            SCOPED_TRACE(name + std::to_string(size));
+            const cv::Mat picture = panelOf(m_folder / ("the pictures/" + std::string(name) + ".png"));
+            ASSERT_EQ(picture.size(), cv::Size(size, size));
+            const auto colour = [&](double right, double up) {
+                return picture.at<cv::Vec3b>(static_cast<int>(std::lround(0.5 * (size - 1) - up)),
+                                             static_cast<int>(std::lround(0.5 * (size - 1) + right)));
+            };
+            const auto isDrawn = [&](double radius, double degrees) {
+                const double angle = degrees * std::numbers::pi / 180;
+                int brightest = 0;  // lines are a pixel wide
+                for (const double r : {radius - 1, radius, radius + 1})
+                    brightest = std::max<int>(brightest, colour(r * std::cos(angle), r * std::sin(angle))[0]);
+                return brightest > 50;
+            };
+            const double ring = 1 / (3 * perPixel);  // 3 Angstrom
+            for (const double degrees : {160.0, 200.0, 250.0, 290.0}) {
+                EXPECT_TRUE(isDrawn(ring, degrees));
+                EXPECT_FALSE(isDrawn(0.85 * ring, degrees));
+            }
+            int bar = 0;
+            for (double x = -0.5 * size; x < 0.5 * size; ++x)
+                bar += colour(x, -0.5 * size + 15.5)[2] > 250 ? 1 : 0;
+            EXPECT_NEAR(bar, 0.2 / perPixel, 3);
+        }
+        const cv::Mat picture = panelOf(m_folder / "the pictures/hk0.png");
+        const auto isOrange = [&](double right) {
+            const auto colour =
+                picture.at<cv::Vec3b>(size / 2, static_cast<int>(std::lround(0.5 * (size - 1) + right)));
+            return colour[2] > colour[0] + 50;
+        };
+        EXPECT_TRUE(isOrange(7 * pixelsPerVoxel));
+        EXPECT_FALSE(isOrange(15 * pixelsPerVoxel));
+    }
 }
 
 /// Also in small pictures, for which the volume is read reduced.

@@ -45,7 +45,9 @@ TEST(TiltAxisCommandTest, FindsTheAxisOfARawSeriesWithAnyNumberOfProcesses) {
     EXPECT_NEAR(one["angle_deg"].get<double>(), -12.3, 0.5);
     EXPECT_TRUE(one["reliable"].get<bool>());
     EXPECT_EQ(one["scores"].size(), 58u);
-    EXPECT_TRUE(std::filesystem::exists(folder / "axis1/diffVectorHistogramm_RotAngle_-90.png"));
+    EXPECT_TRUE(std::filesystem::exists(folder / "axis1/histograms/diffVectorHistogramm_RotAngle_-90.png"));
+    EXPECT_TRUE(std::filesystem::exists(one["plots"].get<std::string>() +
+                                        "/differenceVectorSpace_histogram_variance.png"));
     const nlohmann::json three = search("3");
     EXPECT_EQ(three["scores"], one["scores"]);
     EXPECT_EQ(three["angle_deg"], one["angle_deg"]);
