@@ -186,7 +186,7 @@ double Scaler::misfit() const {
 
 ScaleModel Scaler::fit() {
     std::erase_if(m_groups, [](const auto& group) { return group.size() < 2; });
-    const ScaleModel none = m_model;
+    ScaleModel none = m_model;
     const double before = misfit();
     double spread = kFirstSpread;
     double decaySpread = kFirstDecaySpread;

@@ -36,7 +36,8 @@ SpotProfile::SpotProfile(const SpotExtent& extent)
         for (int i = 0; i < m_knots; ++i) {
             const double x = (i - 0.5 * (m_knots - 1)) * m_spacing;
             const double y = (j - 0.5 * (m_knots - 1)) * m_spacing;
-            m_coefficients[static_cast<std::size_t>(j * m_knots + i)] =
+            const int knot = j * m_knots + i;
+            m_coefficients[static_cast<std::size_t>(knot)] =
                 static_cast<float>(std::exp(-(x * x + y * y) / (2 * square)));
         }
     normalise();
@@ -192,7 +193,8 @@ void ProfileLearner::add(std::uint32_t number, Equations& equations) const {
             const double counts = m_stack.frames[spot.frame][static_cast<std::size_t>(top + j) *
                                                                  static_cast<std::size_t>(m_stack.width) +
                                                              static_cast<std::size_t>(left + i)];
-            const double expected = measured.sum * guess[static_cast<std::size_t>(j * edge + i)];
+            const int place = j * edge + i;
+            const double expected = measured.sum * guess[static_cast<std::size_t>(place)];
             const double variance = m_noise.variance(under + expected) + std::pow(kShapeError * expected, 2);
             const double weight = measured.sum * measured.sum / variance;
             const double value = (counts - under) / measured.sum;

@@ -19,6 +19,7 @@ constexpr double kBlindSine = 0.5;
 
 double limitOf(const Lattice& lattice, const std::set<Indices>& found) {
     std::vector<double> lengths;
+    lengths.reserve(found.size());
     for (const Indices& hkl : found)
         lengths.push_back((lattice.node(hkl) - lattice.origin).norm());
     if (lengths.empty()) return 0.0;

@@ -273,6 +273,7 @@ std::vector<Lattice> orientationsOf(const Lattice& lattice, std::span<const Vect
     std::stable_sort(fitted.begin(), fitted.end(),
                      [](const auto& a, const auto& b) { return a.first > b.first; });
     std::vector<Lattice> result;
+    result.reserve(fitted.size());
     for (auto& [evidence, one] : fitted)
         result.push_back(std::move(one));
     return result;

@@ -64,7 +64,8 @@ bool areInOneLayer(std::span<const Vector3d> between, std::span<const Vector3d> 
     for (int n = 1; n < 14; ++n) {
         // One of each pair of opposite directions with indices of -1, 0 and 1.
         const int code = n + 13;  // in the base of three
-        const Vector3d direction(code / 9 - 1.0, code / 3 % 3 - 1.0, code % 3 - 1.0);
+        const Vector3d direction =
+            Eigen::Vector3i(code / 9 - 1, code / 3 % 3 - 1, code % 3 - 1).cast<double>();
         if (shareIn(between, direction) > kNearly && shareIn(on, direction) < kFew) return true;
     }
     return false;

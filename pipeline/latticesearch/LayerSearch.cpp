@@ -110,6 +110,7 @@ std::vector<Row> rowsOf(const Points& points, const Vector3d& origin, const Vect
         row.places.push_back(direction.dot(p));
     }
     std::vector<Row> result;
+    result.reserve(rows.size());
     for (auto& [indices, row] : rows)
         result.push_back(std::move(row));
     return result;
