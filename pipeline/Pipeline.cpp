@@ -6,7 +6,7 @@
 #include "pipeline/base/NumberText.h"
 #include "pipeline/base/ResultFolder.h"
 #include "pipeline/run/ResultFiles.h"
-#include "pipeline/run/RunSummary.h"
+#include "pipeline/report/Report.h"
 #include "pipeline/simulation/Simulation.h"
 
 namespace vrk {
@@ -83,8 +83,7 @@ Result<std::vector<std::filesystem::path>> writeResults(const RunResult& result,
         session.checkCanceled();
         writeIntensityFiles(result, text, results.path());
         session.checkCanceled();
-        writeSummary(results.path() / ResultFolder::kSummary,
-                     summaryJson(name, result, result.warnings, results.written()));
+        writeSummaryAndReport({"", name, {}}, result, result.warnings, results.written(), true, results.path());
         std::vector<std::filesystem::path> paths;
         for (const std::string& file : results.written())
             paths.push_back(folder / file);

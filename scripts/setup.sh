@@ -25,6 +25,13 @@ for argument in "$@"; do
   esac
 done
 
+# What scripts/report.sh uses: Node.js, which may come from elsewhere, and a browser for its tests.
+if [[ "${1:-}" == --with-report || "${1:-}" == --with-browser ]]; then
+  packages=()
+  command -v node >/dev/null && command -v npm >/dev/null || packages+=(nodejs npm)
+  [[ "$1" == --with-report ]] || packages+=(chromium fonts-dejavu-core)
+fi
+
 missing=()
 for package in "${packages[@]}"; do
   status=$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null || true)

@@ -2,6 +2,7 @@
 
 #include <zlib.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstring>
@@ -14,15 +15,16 @@ namespace {
 
 std::string base64(std::span<const unsigned char> bytes) {
     static constexpr char kDigits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string text;
-    text.reserve((bytes.size() + 2) / 3 * 4);
+    std::string text((bytes.size() + 2) / 3 * 4, '=');
+    auto next = text.begin();
     for (std::size_t i = 0; i < bytes.size(); i += 3) {
-        const std::size_t count = bytes.size() - i < 3 ? bytes.size() - i : 3;
+        const std::size_t count = std::min<std::size_t>(bytes.size() - i, 3);
         std::uint32_t three = 0;
         for (std::size_t j = 0; j < 3; ++j)
             three = three << 8 | (j < count ? bytes[i + j] : 0U);
-        for (std::size_t j = 0; j < 4; ++j)
-            text += j <= count ? kDigits[three >> (18 - 6 * j) & 63U] : '=';
+        for (std::size_t j = 0; j <= count; ++j)
+            *(next + static_cast<std::ptrdiff_t>(j)) = kDigits[three >> (18 - 6 * j) & 63U];
+        next += 4;
     }
     return text;
 }

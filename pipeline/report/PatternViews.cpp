@@ -193,8 +193,10 @@ SpotColumns observedSpots(const RunResult& result) {
 template <typename Values, typename Text>
 std::string listOf(const Values& values, Text text) {
     std::string list = "[";
-    for (const auto& value : values)
-        list += (list.size() > 1 ? "," : "") + text(value);
+    for (const auto& value : values) {
+        if (list.size() > 1) list += ',';
+        list.append(text(value));
+    }
     return list + "]";
 }
 

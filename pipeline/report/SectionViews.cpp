@@ -4,8 +4,10 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <iterator>
 #include <vector>
 
+#include "pipeline/base/Angle.h"
 #include "pipeline/base/NumberText.h"
 #include "pipeline/report/PackedArray.h"
 #include "visualisation/ReciprocalSection.h"
@@ -15,8 +17,11 @@ namespace {
 
 using Eigen::Vector3d;
 
-constexpr int kSize = 400;
-constexpr int kMostLevel = 12;
+constexpr int kSize = 360;
+constexpr int kMostLevel = 7;
+constexpr int kReach = 1;  ///< voxels on either side of a layer, of which the brightest counts
+/// Pixels between those of which it is asked whether they were recorded; where neighbours differ, all are.
+constexpr int kMaskStep = 4;
 /// Of the packed pictures together: with reflections and program the page stays below 3 MB.
 constexpr std::size_t kMostBytes = 1'700'000;
 constexpr double kBrightest = 62.0;
@@ -41,16 +46,31 @@ struct PlaneFrame {
 /// Counts as the grey values of a byte.
 class GreyScale {
 public:
-    GreyScale(double noise, double top) : m_noise(noise), m_factor(kBrightest / std::log1p(top / noise)) {}
+    GreyScale(double noise, double top) {
+        const double factor = kBrightest / std::log1p(top / noise);
+        for (std::size_t grey = 0; grey < m_from.size(); ++grey)
+            m_from[grey] = static_cast<float>(noise * std::expm1((static_cast<double>(grey) + 0.5) / factor));
+    }
 
-    unsigned char of(float counts) const {
-        const double value = m_factor * std::log1p(std::max(static_cast<double>(counts), 0.0) / m_noise);
-        return static_cast<unsigned char>(1 + std::lround(std::min(value, kBrightest)));
+    unsigned char of(short counts) const {
+        return static_cast<unsigned char>(
+            1 +
+            (std::upper_bound(m_from.begin(), m_from.end(), static_cast<float>(counts)) - m_from.begin()));
     }
 
 private:
-    double m_noise;
-    double m_factor;
+    std::array<float, static_cast<std::size_t>(kBrightest)>
+        m_from{};  ///< counts from which the next grey begins
+};
+
+struct VolumeSlices {
+    std::vector<const short*> voxels;
+    unsigned width, height;
+
+    explicit VolumeSlices(const VoxMRCData& volume) : width(volume.GetWidth()), height(volume.GetHeight()) {
+        for (unsigned z = 0; z < volume.GetDepth(); ++z)
+            voxels.push_back(volume.GetChunkPointer(z));
+    }
 };
 
 class SectionWriter {
@@ -62,7 +82,7 @@ public:
           m_noise(std::max(result.volume.noise.typicalVoxelSigma(), 0.5)),
           m_top(topOf(result.indexed.level)),
           m_grey(m_noise, m_top),
-          m_section(*m_volume.voxels, result.indexed.conventionalCell(), originOf(m_volume)) {
+          m_slices(*m_volume.voxels) {
         for (std::size_t i = 0; i < kPlanes.size(); ++i)
             ReciprocalSection::parsePlane(kPlanes[i], m_planes[i]);
     }
@@ -95,55 +115,91 @@ private:
     }
     /// Brighter than all but few reflections.
     static double topOf(const Level& level) { return std::max(40.0 * level.threshold, 100.0); }
-    static std::array<double, 3> originOf(const ReciprocalVolume& volume) {
-        const Vector3d centre = volume.centre();
-        return {centre.x(), centre.y(), centre.z()};
-    }
 
     /// The layers on either side.
-    void addLayers(ReciprocalSection::Settings plane, int level, std::string& layers) {
+    void addLayers(const ReciprocalSection::Settings& plane, int level, std::string& layers) {
         const PlaneFrame frame(m_base, plane);
         if (level * std::abs(frame.layer) > 0.9 * m_radius) return;
         for (const int side : {1, -1}) {
             if ((level == 0 && side < 0) || m_bytes > kMostBytes) continue;
-            plane.level = side * level;
-            plane.size = kSize;
-            plane.radius = m_radius;
-            const std::string data = packedBytes(greyValues(plane, frame), PackedContent::Picture);
+            const std::string data = packedBytes(greyValues(side * level, frame), PackedContent::Picture);
             m_bytes += data.size();
-            layers += formatted("%s{\"level\":%d,\"data\":\"", layers.empty() ? "" : ",", plane.level) +
+            layers += formatted("%s{\"level\":%d,\"data\":\"", layers.empty() ? "" : ",", side * level) +
                       data + "\"}";
         }
     }
 
-    std::vector<unsigned char> greyValues(const ReciprocalSection::Settings& plane,
-                                          const PlaneFrame& frame) const {
-        const PlaneImage image = m_section.sample(plane);
+    std::vector<unsigned char> greyValues(int level, const PlaneFrame& frame) const {
         std::vector<unsigned char> grey(static_cast<std::size_t>(kSize) * kSize, 0);
-        if (image.width != kSize) return grey;
         const double step = 2.0 * m_radius / kSize;
         const double middle = 0.5 * (kSize - 1);
-        const Vector3d centre = m_volume.centre() + plane.level * frame.layer * frame.normal;
-        for (int row = 0; row < kSize; ++row)
-            for (int column = 0; column < kSize; ++column) {
-                const float counts = image.at(column, row);
-                const Vector3d place =
-                    centre + step * ((column - middle) * frame.right + (middle - row) * frame.up);
-                if (std::isfinite(counts) && isRecorded(place))
-                    grey[static_cast<std::size_t>(row) * kSize + static_cast<std::size_t>(column)] =
-                        m_grey.of(counts);
+        const Vector3d centre = level * frame.layer * frame.normal;
+        const auto placeOf = [&](int column, int row) -> Vector3d {
+            return centre + step * ((column - middle) * frame.right + (middle - row) * frame.up);
+        };
+        const auto recorded = [&](int column, int row) { return isRecorded(placeOf(column, row)); };
+        const auto fill = [&](int left, int top, auto isKnown) {
+            for (int row = top; row < top + kMaskStep; ++row)
+                for (int column = left; column < left + kMaskStep; ++column)
+                    if (isKnown(column, row))
+                        grey[static_cast<std::size_t>(row) * kSize + static_cast<std::size_t>(column)] =
+                            m_grey.of(brightestAt(placeOf(column, row), frame.normal));
+        };
+        constexpr int kCells = kSize / kMaskStep;
+        std::vector<char> above(kCells + 1), below(kCells + 1);
+        const auto corners = [&](int cell, std::vector<char>& line) {
+            for (int i = 0; i <= kCells; ++i)
+                line[static_cast<std::size_t>(i)] = recorded(i * kMaskStep, cell * kMaskStep);
+        };
+        corners(0, above);
+        for (int row = 0; row < kCells; ++row, std::swap(above, below)) {
+            corners(row + 1, below);
+            for (std::size_t i = 0; i < kCells; ++i) {
+                const int known = above[i] + above[i + 1] + below[i] + below[i + 1];
+                const int left = static_cast<int>(i) * kMaskStep;
+                if (known == 4)
+                    fill(left, row * kMaskStep, [](int, int) { return true; });
+                else if (known > 0)
+                    fill(left, row * kMaskStep, recorded);
             }
+        }
         return grey;
     }
 
-    bool isRecorded(const Vector3d& place) const {
-        const double x = place.x() - m_volume.centre().x();
-        const double z = place.z() - m_volume.centre().z();
-        if (std::hypot(x, z) > 0.5 * m_volume.voxels->GetWidth()) return false;
-        // Close to the axis every tilt is.
-        if (std::hypot(x, z) < 1.5) return true;
-        const double tilt = std::atan(z / x) * 180.0 / 3.14159265358979;
-        return tilt >= m_volume.facts.tiltFirst && tilt <= m_volume.facts.tiltLast;
+    /// The brightest of the voxels that a short line along the normal passes.
+    short brightestAt(const Vector3d& fromOrigin, const Vector3d& normal) const {
+        const Vector3d start = fromOrigin + m_volume.centre() + Vector3d::Constant(0.5) - kReach * normal;
+        const auto width = static_cast<int>(m_slices.width), height = static_cast<int>(m_slices.height);
+        short brightest = 0;
+        for (int i = 0; i <= 2 * kReach; ++i) {
+            const Vector3d place = start + i * normal;
+            const int x = static_cast<int>(place.x()), y = static_cast<int>(place.y()),
+                      z = static_cast<int>(place.z());
+            if (place.minCoeff() < 0.0 || x >= width || y >= height ||
+                z >= static_cast<int>(m_slices.voxels.size()))
+                continue;
+            // y runs fastest.
+            const short value =
+                m_slices.voxels[static_cast<std::size_t>(z)][static_cast<std::ptrdiff_t>(x) * height + y];
+            brightest = std::max(brightest, value);
+        }
+        return brightest;
+    }
+
+    bool isRecorded(const Vector3d& fromOrigin) const {
+        const double radius = std::hypot(fromOrigin.x(), fromOrigin.z());
+        const double half = 0.5 * m_volume.voxels->GetWidth();
+        if (radius > half || std::abs(fromOrigin.y()) > half) return false;
+        // The axis itself every pattern shows.
+        const double tilt = radius < 1.5 ? 0.0 : std::atan(fromOrigin.z() / fromOrigin.x());
+        const std::vector<double>& tilts = m_volume.tilts;
+        const auto upper = std::lower_bound(tilts.begin(), tilts.end(), tilt / kDegree);
+        if (radius >= 1.5 && (upper == tilts.end() || tilt / kDegree < m_volume.facts.tiltFirst))
+            return false;
+        const Eigen::Vector2d place = m_volume.onFrame(fromOrigin, tilt);
+        if (std::max(std::abs(place.x()), std::abs(place.y())) > half) return false;
+        const auto pattern = static_cast<unsigned>(std::min(upper, std::prev(tilts.end())) - tilts.begin());
+        return !m_volume.recorded.isCut(pattern, place.x() + half - 0.5, place.y() + half - 0.5, 0.0);
     }
 
     const ReciprocalVolume& m_volume;
@@ -152,7 +208,7 @@ private:
     double m_noise;
     double m_top;
     GreyScale m_grey;
-    ReciprocalSection m_section;
+    VolumeSlices m_slices;
     std::array<ReciprocalSection::Settings, kPlanes.size()> m_planes;
     std::size_t m_bytes = 0;
 };

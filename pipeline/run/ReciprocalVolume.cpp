@@ -19,18 +19,23 @@ Eigen::Vector3d ReciprocalVolume::centre() const {
 bool ReciprocalVolume::isCut(const Eigen::Vector3d& position, double tilt) const {
     constexpr double kReach = 2.5;  // pixels, of a spot
     if (recorded.empty() || tilts.empty()) return false;
-    const Eigen::Vector3d d = position - centre();
-    const double u = d.x() * std::cos(tilt) + d.z() * std::sin(tilt);
-    const double angle = rotation * std::numbers::pi / 180.0;
     const double middle = 0.5 * (voxels->GetWidth() - 1.0);
-    const auto [fromX, fromY] = facts.distortion.recorded(std::cos(angle) * u - std::sin(angle) * d.y(),
-                                                          std::sin(angle) * u + std::cos(angle) * d.y());
-    const double x = middle + fromX;
-    const double y = middle + fromY;
+    const Eigen::Vector2d place = onFrame(position - centre(), tilt);
+    const double x = middle + place.x();
+    const double y = middle + place.y();
     const auto next = std::lower_bound(tilts.begin(), tilts.end(), tilt * 180.0 / std::numbers::pi);
     const auto upper = static_cast<unsigned>(next == tilts.end() ? tilts.size() - 1 : next - tilts.begin());
     const unsigned lower = upper > 0 ? upper - 1 : 0;
     return recorded.isCut(lower, x, y, kReach) || recorded.isCut(upper, x, y, kReach);
+}
+
+Eigen::Vector2d ReciprocalVolume::onFrame(const Eigen::Vector3d& fromOrigin, double tilt) const {
+    const double u = fromOrigin.x() * std::cos(tilt) + fromOrigin.z() * std::sin(tilt);
+    const double v = fromOrigin.y();
+    const double angle = rotation * std::numbers::pi / 180.0;
+    const auto [x, y] = facts.distortion.recorded(std::cos(angle) * u - std::sin(angle) * v,
+                                                  std::sin(angle) * u + std::cos(angle) * v);
+    return {x, y};
 }
 
 ReciprocalVolume reconstruct(const CentredSeries& series, Session& session) {

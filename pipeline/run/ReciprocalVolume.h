@@ -26,6 +26,9 @@ struct ReciprocalVolume {
     /// \param position  of its samples, voxels; \p tilt at which it was seen, radians
     bool isCut(const Eigen::Vector3d& position, double tilt) const;
     Eigen::Vector3d centre() const;  ///< voxels
+    /// Where the frames show a place of the volume, from the direct beam, pixels: x to the right, y down.
+    /// \param fromOrigin  voxels \param tilt  radians
+    Eigen::Vector2d onFrame(const Eigen::Vector3d& fromOrigin, double tilt) const;
 };
 
 /// \param series  its axis along y; not changed

@@ -23,8 +23,7 @@ Indices conventionalIndices(const Indexed& indexed, const Indices& hkl) {
 /// Where the frames show what lies in the volume.
 class FramePlaces {
 public:
-    explicit FramePlaces(const ReciprocalVolume& volume)
-        : m_volume(volume), m_angle(volume.rotation * kDegree) {}
+    explicit FramePlaces(const ReciprocalVolume& volume) : m_volume(volume) {}
 
     /// Sets frame, column and row. \param fromOrigin  not corrected, voxels \param tilt  radians
     void set(ListedReflection& one, const Vector3d& fromOrigin, double tilt) const {
@@ -35,11 +34,9 @@ public:
             [&](double a, double b) { return std::abs(a - one.tilt) < std::abs(b - one.tilt); });
         const auto frame = static_cast<std::size_t>(nearest - m_volume.tilts.begin());
         one.frame = static_cast<int>(frame) + 1;
-        const double u = fromOrigin.x() * std::cos(tilt) + fromOrigin.z() * std::sin(tilt);
-        const double v = fromOrigin.y();
-        const Eigen::Vector2d centre = centreOf(frame);
-        one.column = centre.x() + u * std::cos(m_angle) - v * std::sin(m_angle);
-        one.row = centre.y() + u * std::sin(m_angle) + v * std::cos(m_angle);
+        const Eigen::Vector2d place = centreOf(frame) + m_volume.onFrame(fromOrigin, tilt);
+        one.column = place.x();
+        one.row = place.y();
     }
 
 private:
@@ -50,7 +47,6 @@ private:
     }
 
     const ReciprocalVolume& m_volume;
-    double m_angle;
 };
 
 /// One crystal's measured intensities by their indices.

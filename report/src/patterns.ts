@@ -10,6 +10,8 @@ import { isDark, palette } from './theme';
 
 const kPlaceUnit = 16;
 const kKept = 12;
+/** Grey value of the background when the halo is taken off. */
+const kGround = 12;
 
 interface SpotList {
     start: Column;
@@ -65,15 +67,17 @@ export class PatternStore {
             for (let value = 1; value < 256; ++value) total += counts[256 * ring + value];
             let sum = 0;
             for (let value = 1; value < 256; ++value) {
-                sum += counts[256 * ring + value];
-                if (sum > 0.5 * total) return value;
+                const count = counts[256 * ring + value];
+                // Between whole values, or rings of the halo would show as steps.
+                if (sum + count > 0.5 * total) return value - 0.5 + (0.5 * total - sum) / count;
+                sum += count;
             }
             return 1;
         });
         for (let y = 0, i = 0; y < height; ++y)
             for (let x = 0; x < width; ++x, ++i)
                 if (values[i] > 0)
-                    values[i] = Math.min(255, Math.max(1, values[i] - medians[Math.min(rings - 1, ringOf(x, y))] + 12));
+                    values[i] = Math.min(255, Math.max(1, Math.round(values[i] - medians[Math.min(rings - 1, ringOf(x, y))] + kGround)));
         return values;
     }
 
@@ -91,7 +95,7 @@ export class PatternStore {
             }
             return 255;
         };
-        return [level(0.3), Math.max(level(0.3) + 10, level(0.997))];
+        return [level(0.7), Math.max(level(0.7) + 10, level(0.997))];
     }
 
     /** Pixels of the frame in pixels of the picture. */
@@ -202,15 +206,16 @@ export function patternsGroup(store: PatternStore): HTMLElement {
         if (event.key === 'p') setSlider(frames, number);
     });
     show();
-    return make('div', {},
-        make('div', { class: 'controls' }, frames,
+    picture.canvas.style.aspectRatio = `${data.width} / ${data.height}`;
+    return make('div', { class: 'pattern-row' }, make('div', {}, picture.element, text),
+        make('div', { class: 'controls column' }, frames,
             slider('Contrast', -10, 10, 1, 0, (v) => fixed(1.25 ** v, 1), (v) => {
                 contrast = 1.25 ** v;
                 show();
             }),
             checkbox('predicted (rings)', true, (on) => { withPredicted = on; show(); }),
             checkbox('observed (crosses)', true, (on) => { withObserved = on; show(); }),
-            checkbox('axis and centre', true, (on) => { withAxis = on; show(); })),
-        picture.element, text,
-        data.bin > 1 ? make('p', { class: 'faint' }, `${data.bin} \u00d7 ${data.bin} pixels of the frame are one here.`) : null);
+            checkbox('axis and centre', true, (on) => { withAxis = on; show(); }),
+            make('p', { class: 'faint' }, 'The halo of the direct beam is taken off. Point at a ring to read its indices; with the picture in focus, n and p go to the next and the previous frame, wheel or + \u2212 zoom.',
+                data.bin > 1 ? ` ${data.bin} \u00d7 ${data.bin} pixels of the frame are one here.` : '')));
 }

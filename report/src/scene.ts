@@ -23,6 +23,8 @@ export interface Lines {
 export interface Scene {
     points: Points[];
     lines: Lines[];
+    /** Triangles; drawn with WebGL alone. */
+    surfaces: Lines[];
     paper: Rgb;
 }
 
@@ -123,16 +125,8 @@ export class WebGlPainter implements Painter {
         const { gl } = this.renderer;
         for (const mesh of this.meshes) mesh.geometry.remove();
         this.scene = scene;
-        this.meshes = scene.lines.map((lines) => new Mesh(gl, {
-            mode: gl.LINES, frustumCulled: false,
-            geometry: new Geometry(gl, { position: { size: 3, data: lines.place } }),
-            program: new Program(gl, {
-                vertex: kLineVertex, fragment: kLineFragment, transparent: true, depthWrite: false,
-                uniforms: { view: this.pointProgram.uniforms.view, reach: this.pointProgram.uniforms.reach,
-                            depth: this.pointProgram.uniforms.depth, colour: { value: lines.colour },
-                            opacity: { value: lines.opacity } },
-            }),
-        }));
+        this.meshes = [...scene.surfaces.map((surface) => this.plain(surface, gl.TRIANGLES)),
+            ...scene.lines.map((lines) => this.plain(lines, gl.LINES))];
         for (const points of scene.points)
             this.meshes.push(new Mesh(gl, {
                 mode: gl.POINTS, frustumCulled: false, program: this.pointProgram,
@@ -141,6 +135,20 @@ export class WebGlPainter implements Painter {
                     size: { size: 1, data: points.size }, hollow: { size: 1, data: points.hollow },
                 }),
             }));
+    }
+
+    /** A mesh of one colour. */
+    private plain(shape: Lines, mode: number): Mesh {
+        const { gl } = this.renderer;
+        const { view, reach, depth } = this.pointProgram.uniforms;
+        return new Mesh(gl, {
+            mode, frustumCulled: false,
+            geometry: new Geometry(gl, { position: { size: 3, data: shape.place } }),
+            program: new Program(gl, {
+                vertex: kLineVertex, fragment: kLineFragment, transparent: true, depthWrite: false, cullFace: false,
+                uniforms: { view, reach, depth, colour: { value: shape.colour }, opacity: { value: shape.opacity } },
+            }),
+        });
     }
 
     draw(camera: Camera, width: number, height: number): void {

@@ -226,7 +226,7 @@ export class SpaceView {
             addLines([...circle([1, 0, 0], [0, 1, 0], radius), ...circle([1, 0, 0], [0, 0, 1], radius),
                 ...circle([0, 1, 0], [0, 0, 1], radius)], colours.faint, 0.35);
         }
-        if (this.withWedge) addLines(this.wedge(), colours.categories[3], 0.5);
+        if (this.withWedge) addLines(this.wedge(), colours.categories[3], 0.75);
         return lines;
     }
 
@@ -245,6 +245,18 @@ export class SpaceView {
                 places.push(...arc);
             }
         return places;
+    }
+
+    /** The planes of the first and the last tilt, between which nothing was recorded. */
+    private surfaces(): Lines[] {
+        if (!this.withWedge) return [];
+        const { tilt_first: first, tilt_last: last } = this.result.summary.input;
+        const places: number[] = [];
+        for (const tilt of [first, last]) {
+            const rim = circle([Math.cos(tilt * kDegree), 0, Math.sin(tilt * kDegree)], [0, 1, 0], this.limit);
+            for (let i = 0; i < rim.length; i += 6) places.push(0, 0, 0, ...rim.slice(i, i + 6));
+        }
+        return [{ place: new Float32Array(places), colour: rgbOf(palette().categories[3]), opacity: 0.09 }];
     }
 
     private nodes(): Points {
@@ -278,7 +290,7 @@ export class SpaceView {
     private reload(): void {
         this.paint();
         const points = this.withNodes ? [this.nodes(), this.points] : [this.points];
-        this.painter.load({ points, lines: this.lines(), paper: rgbOf(palette().paper) });
+        this.painter.load({ points, lines: this.lines(), surfaces: this.surfaces(), paper: rgbOf(palette().paper) });
         this.redraw();
     }
 

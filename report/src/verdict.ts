@@ -140,7 +140,7 @@ export function verdict(result: Result): HTMLElement {
             make('span', { class: 'lamp', 'aria-hidden': 'true' }, make('b', {}, light.state === 'right' ? '\u2713' : light.state === 'check' ? '!' : '\u2715')),
             make('div', {}, make('strong', {}, light.word), make('div', {}, light.sentence))),
         make('div', { class: 'cell' },
-            make('span', { class: 'bravais' }, summary.cell.conventional.bravais),
+            make('span', { class: 'bravais', title: 'Lattice type' }, summary.cell.conventional.bravais),
             make('dl', {}, kSigns.map((sign, i) => make('div', {}, make('dt', {}, sign),
                 make('dd', {}, cell[i], make('small', {}, i < 3 ? '\u00a0\u00c5' : '\u00b0')))),
             make('div', {}, make('dt', {}, 'V'), make('dd', {}, fixed(volume, volume < 1000 ? 1 : 0), make('small', {}, '\u00a0\u00c5\u00b3')))),

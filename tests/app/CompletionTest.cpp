@@ -33,7 +33,7 @@ TEST(CompletionTest, BashCompletesCommandsOptionsAndChoices) {
         const char* expected;
     };
     for (const Case& one :
-         {Case{"vrk re", 2, " reconstruct \n"}, Case{"vrk run --keep", 3, " --keep-volume \n"},
+         {Case{"vrk re", 2, " reconstruct report \n"}, Case{"vrk run --keep", 3, " --keep-volume \n"},
           Case{"vrk index --format sh", 4, " shelx \n"}, Case{"vrk completion z", 3, " zsh \n"},
           Case{"vrk run ser", 3, "  \n"}})
         EXPECT_EQ(offered(script, one.line, one.words), one.expected) << one.line;

@@ -152,9 +152,9 @@ TEST_F(RunCommandTest, FindsTheCellAndWritesEveryFile) {
     expectTrueCell(json::parse(folder.read("result/summary.json")));
     EXPECT_FALSE(anyHalfWritten(folder / "result"));
     const std::set<std::string> names = filesIn(folder / "result");
-    for (const char* name :
-         {"volume.mrc", "peaks.txt", "cell.txt", "reflections.hkl", "summary.json", "vrk.log", "hk0.png",
-          "h0l.png", "0kl.png", "projection_x.png", "projection_y.png", "projection_z.png"})
+    for (const char* name : {"volume.mrc", "peaks.txt", "cell.txt", "reflections.hkl", "summary.json",
+                             "report.html", "reflections.csv", "vrk.log", "hk0.png", "h0l.png", "0kl.png",
+                             "projection_x.png", "projection_y.png", "projection_z.png"})
         EXPECT_TRUE(names.contains(name)) << name;
     for (const char* plot : {"intensities.plt", "rocking_curves.plt"})
         EXPECT_TRUE(names.contains("plots") && filesIn(folder / "result/plots").contains(plot)) << plot;

@@ -1,0 +1,253 @@
+// The page that a run leaves shows what the run found, and vrk report makes it again.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <memory>
+
+#include "VoxCore/IO/VoxMRCFileHandler.h"
+#include "app/RunVrk.h"
+#include "pipeline/simulation/Simulation.h"
+#include "support/ReportedData.h"
+#include "support/TemporaryFolder.h"
+
+namespace {
+
+using nlohmann::json;
+using Columns = std::map<std::string, std::vector<double>>;
+
+constexpr const char* kName = "\"><script>alert(1)<'script>.mrc";
+constexpr int kWidth = 128, kHeight = 112;
+
+/// A C-centred crystal on frames that are wider than high, its axis oblique and its beam aside.
+void writeSeries(const std::string& path) {
+    vrk::SimulationSettings settings;
+    settings.cell = {7.1, 8.4, 6.2, 90, 104, 90};
+    settings.centring = 'C';
+    settings.dmin = 1.0;
+    settings.detector.size = kWidth;
+    settings.axis = 25;
+    settings.stated.axis = true;
+    settings.centre.offset = {5, -3};
+    for (int tilt = -60; tilt <= 50; tilt += 2)
+        settings.tilts.push_back(tilt);
+    const auto whole = vrk::simulateSeries(settings).series;
+    const std::unique_ptr<VoxMRCData> series(VoxMRCData::Create3D(kWidth, kHeight, whole->GetDepth()));
+    series->m_Header = whole->m_Header;
+    series->m_Header.ny = series->m_Header.my = kHeight;
+    constexpr int top = (kWidth - kHeight) / 2;
+    for (unsigned z = 0; z < whole->GetDepth(); ++z)
+        std::copy_n(whole->GetChunkPointer(z) + top * kWidth, kWidth * kHeight, series->GetChunkPointer(z));
+    ASSERT_TRUE(VoxMRCFileHandler().writeMRCFile(series.get(), path));
+}
+
+/// One run for all tests.
+class ReportCommandTest : public testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        folder = std::make_unique<TemporaryFolder>();
+        writeSeries(*folder / kName);
+        const VrkResult run = runVrk({"run", kName, "-o", "result"}, *folder / ".");
+        ASSERT_EQ(run.exitCode, 0) << run.err;
+        blocks = blocksOf(folder->read("result/report.html"));
+        for (const auto& [name, column] : blocks["reflections"].items())
+            if (column.is_object()) columns[name] = unpacked(column);
+    }
+    static void TearDownTestSuite() { folder.reset(); }
+
+    static json& summary() { return blocks["summary"]; }
+
+    static std::unique_ptr<TemporaryFolder> folder;
+    static std::map<std::string, json> blocks;
+    static Columns columns;
+};
+
+std::unique_ptr<TemporaryFolder> ReportCommandTest::folder;
+std::map<std::string, json> ReportCommandTest::blocks;
+Columns ReportCommandTest::columns;
+
+TEST_F(ReportCommandTest, ShowsTheSummaryAndTheReflectionsOnTheirNodes) {
+    EXPECT_EQ(summary(), json::parse(folder->read("result/summary.json")));
+    EXPECT_EQ(summary()["input"]["path"], kName);
+    EXPECT_EQ(summary()["inputs"][0]["bytes"], std::filesystem::file_size(*folder / kName));
+    EXPECT_EQ(summary()["program"]["command"], "vrk run '\"><script>alert(1)<'\\''script>.mrc' -o result");
+    EXPECT_EQ(folder->read("result/report.html").find("<script>alert"), std::string::npos);
+
+    const std::size_t count = columns["h"].size();
+    const json& base = summary()["crystals"][0]["reciprocal_vectors"];
+    const double voxel = summary()["input"]["pixel_size"].get<double>() * 1e-10;
+    int seen = 0, indexed = 0, measured = 0, far = 0, extinct = 0;
+    for (std::size_t i = 0; i < count; ++i) {
+        const std::array<double, 3> place = {columns["x"][i], columns["y"][i], columns["z"][i]};
+        EXPECT_NEAR(columns["d"][i] * std::hypot(place[0], place[1], place[2]), 1, 0.01);
+        seen += columns["counts"][i] > 0;
+        measured += columns["sigma"][i] > 0 && columns["counts"][i] == 0;
+        if (columns["crystal"][i] < 1) continue;
+        indexed += columns["counts"][i] > 0;
+        extinct += std::lround(columns["h"][i] + columns["k"][i]) % 2 != 0;
+        double square = 0;
+        for (std::size_t axis = 0; axis < 3; ++axis)
+            square += std::pow(place[axis] - columns["h"][i] * base[0][axis].get<double>() -
+                                   columns["k"][i] * base[1][axis].get<double>() -
+                                   columns["l"][i] * base[2][axis].get<double>(),
+                               2);
+        far += std::sqrt(square) > 3 * voxel;
+    }
+    EXPECT_EQ(seen, summary()["reflections"]["found"]);
+    EXPECT_EQ(indexed, summary()["reflections"]["indexed"]);
+    EXPECT_GT(measured, 0) << "weak ones are on the frames alone";
+    EXPECT_EQ(extinct, 0) << "the indices are those of the centred cell";
+    EXPECT_LE(far, indexed / 50);
+}
+
+TEST_F(ReportCommandTest, ReflectionsStandWhereTheFramesShowThem) {
+    const json& patterns = blocks["patterns"];
+    ASSERT_EQ(patterns["frames"].size(), summary()["input"]["nz"]);
+    ASSERT_EQ(patterns["bin"], 1);
+    ASSERT_EQ(patterns["width"], kWidth);
+    ASSERT_EQ(patterns["height"], kHeight);
+    std::vector<std::vector<unsigned char>> frames;
+    for (const json& frame : patterns["frames"]) {
+        frames.push_back(inflated(frame));
+        ASSERT_EQ(frames.back().size(), std::size_t{kWidth} * kHeight);
+    }
+    const auto isBright = [&](std::size_t frame, double column, double row) {
+        const auto at = [&](double x, double y) {
+            const long i = std::lround(y) * kWidth + std::lround(x);
+            return static_cast<int>(frames[frame][static_cast<std::size_t>(i)]);
+        };
+        if (column < 8 || row < 8 || column > kWidth - 9 || row > kHeight - 9) return -1;
+        int near = 0, around = 0;
+        for (int dy = -2; dy <= 2; ++dy)
+            for (int dx = -2; dx <= 2; ++dx)
+                near = std::max(near, at(column + dx, row + dy));
+        for (const auto& [x, y] : {std::pair{7, 0}, {-7, 0}, {0, 7}, {0, -7}})
+            around += at(column + x, row + y);
+        return 4 * near > around + 12 ? 1 : 0;
+    };
+    int strong = 0, bright = 0;
+    std::vector<double> sorted = columns["counts"];
+    std::sort(sorted.rbegin(), sorted.rend());
+    for (std::size_t i = 0; i < columns["h"].size(); ++i) {
+        if (columns["counts"][i] < sorted[60]) continue;
+        const int answer = isBright(static_cast<std::size_t>(columns["frame"][i]) - 1, columns["column"][i],
+                                    columns["row"][i]);
+        strong += answer >= 0;
+        bright += answer > 0;
+    }
+    EXPECT_GT(strong, 20);
+    EXPECT_GE(bright, strong * 9 / 10) << "of " << strong;
+
+    // So do the spots that were observed.
+    const std::vector<double> start = unpacked(patterns["observed"]["start"]);
+    const std::vector<double> x = unpacked(patterns["observed"]["x"]),
+                              y = unpacked(patterns["observed"]["y"]);
+    int observed = 0, shown = 0;
+    for (std::size_t frame = 0; frame + 1 < start.size(); ++frame)
+        for (auto i = static_cast<std::size_t>(start[frame]); i < static_cast<std::size_t>(start[frame + 1]);
+             ++i) {
+            const int answer = isBright(frame, x[i] / 16, y[i] / 16);
+            observed += answer >= 0;
+            shown += answer > 0;
+        }
+    EXPECT_GT(observed, 100);
+    EXPECT_GE(shown, observed * 9 / 10) << "of " << observed;
+    EXPECT_NEAR(patterns["axis"].get<double>(), 25, 0.5);
+}
+
+TEST_F(ReportCommandTest, SectionsShowSpotsOnNodesAndNothingWhereNothingWasRecorded) {
+    const json& sections = blocks["sections"];
+    const int size = sections["size"];
+    const double perPixel = 2 * sections["radius"].get<double>() / size;
+    const json& base = summary()["crystals"][0]["reciprocal_vectors"];
+    ASSERT_EQ(sections["planes"].size(), 3U);
+    using Vector = std::array<double, 3>;
+    const auto node = [&](const json& hkl) {
+        Vector g{};
+        for (std::size_t axis = 0; axis < 3; ++axis)
+            for (std::size_t i = 0; i < 3; ++i)
+                g[axis] += hkl[i].get<double>() * base[i][axis].get<double>();
+        return g;
+    };
+    const auto dot = [](const Vector& a, const Vector& b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; };
+    const auto cross = [](const Vector& a, const Vector& b) {
+        return Vector{a[1] * b[2] - a[2] * b[1], a[2] * b[0] - a[0] * b[2], a[0] * b[1] - a[1] * b[0]};
+    };
+    const auto unit = [&](const Vector& a) {
+        const double length = std::sqrt(dot(a, a));
+        return Vector{a[0] / length, a[1] / length, a[2] / length};
+    };
+    // Inside of the frames, what no tilt reached is dark, and nothing else.
+    const auto expectWedge = [&](const std::vector<unsigned char>& grey, const Vector& right,
+                                 const Vector& up) {
+        int wrong = 0, looked = 0;
+        for (int row = 0; row < size; row += 3)
+            for (int column = 0; column < size; column += 3) {
+                const double u = (column - 0.5 * (size - 1)) * perPixel;
+                const double v = (0.5 * (size - 1) - row) * perPixel;
+                const double x = u * right[0] + v * up[0], z = u * right[2] + v * up[2];
+                const double tilt = std::atan(z / x) * 180 / 3.14159265;
+                const bool atLimit =
+                    std::abs(tilt + 60) < 4 || std::abs(tilt - 50) < 4 || std::abs(tilt) > 86;
+                if (std::hypot(u, v) > 0.55 || std::hypot(x, z) < 0.05 || atLimit) continue;
+                const bool isRecorded = tilt > -60 && tilt < 50;
+                ++looked;
+                wrong += (grey[static_cast<std::size_t>(row * size + column)] > 0) != isRecorded;
+            }
+        EXPECT_GT(looked, 500);
+        EXPECT_EQ(wrong, 0) << "of " << looked;
+    };
+    int onNodes = 0, spots = 0;
+    for (const json& plane : sections["planes"]) {
+        const Vector right = unit(node(plane["u"]));
+        const Vector normal = unit(cross(node(plane["u"]), node(plane["v"])));
+        const Vector up = cross(normal, right);
+        for (const json& layer : plane["layers"]) {
+            const std::vector<unsigned char> grey = inflated(layer["data"]);
+            ASSERT_EQ(grey.size(), static_cast<std::size_t>(size) * static_cast<std::size_t>(size));
+            if (layer["level"] == 0) expectWedge(grey, right, up);
+            for (std::size_t i = 0; i < columns["h"].size(); ++i) {
+                const std::array<double, 3> hkl = {columns["h"][i], columns["k"][i], columns["l"][i]};
+                double level = 0;
+                for (std::size_t axis = 0; axis < 3; ++axis)
+                    level += hkl[axis] * plane["w"][axis].get<double>();
+                if (columns["crystal"][i] != 1 || level != layer["level"].get<double>()) continue;
+                if (columns["counts"][i] < 2000 || columns["d"][i] < 1.6) continue;
+                const Vector g = node(json(hkl));
+                const long column = std::lround(0.5 * (size - 1) + dot(g, right) / perPixel);
+                const long row = std::lround(0.5 * (size - 1) - dot(g, up) / perPixel);
+                int brightest = 0;
+                for (long dy = -4; dy <= 4; ++dy)
+                    for (long dx = -4; dx <= 4; ++dx)
+                        brightest = std::max<int>(
+                            brightest, grey[static_cast<std::size_t>((row + dy) * size + column + dx)]);
+                ++spots;
+                onNodes += brightest > 25;
+            }
+        }
+    }
+    EXPECT_GT(spots, 50);
+    EXPECT_GE(onNodes, spots * 9 / 10) << "of " << spots;
+}
+
+TEST_F(ReportCommandTest, MakesThePageAgainAndComparesResults) {
+    const VrkResult again = runVrk({"report", "result", "-o", "again.html"}, *folder / ".");
+    ASSERT_EQ(again.exitCode, 0) << again.err;
+    EXPECT_EQ(again.out, "again.html\n");
+    std::map<std::string, json> same = blocksOf(folder->read("again.html"));
+    EXPECT_EQ(same["folder"], "result");
+    same.erase("folder");
+    EXPECT_EQ(same, blocks);
+
+    ASSERT_EQ(runVrk({"report", "result", "result"}, *folder / ".").exitCode, 0);
+    const std::string two = folder->read("comparison.html");
+    EXPECT_EQ(blocksOf(two, 1)["summary"], summary());
+    EXPECT_FALSE(blocksOf(two, 1).contains("patterns"));
+
+    const VrkResult none = runVrk({"report", "."}, *folder / ".");
+    EXPECT_EQ(none.exitCode, 1);
+    EXPECT_NE(none.err.find("holds no result"), std::string::npos) << none.err;
+}
+
+}  // namespace
