@@ -113,6 +113,8 @@ Verdict verdictOn(const LatticeEvidence& known) {
         verdict.reasons.push_back("the tilts would have to be " + percent(std::abs(known.tiltScale)) +
                                   (known.tiltScale > 0.0 ? " larger" : " smaller") + " than stated");
     if (known.axisAssumed) verdict.reasons.push_back("the direction of the tilt axis was assumed");
+    if (known.instrumentContradicted)
+        verdict.reasons.push_back("the reflections contradict the calibration that was given");
     if (known.thinness.value_or(1.0) < kThin)
         verdict.reasons.push_back("so narrow a range of tilts leaves the cell uncertain across the patterns");
     if (!known.completeness)

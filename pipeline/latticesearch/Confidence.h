@@ -46,6 +46,8 @@ struct LatticeEvidence {
     double tiltScale = 0.0;
     /// The axis was neither stated nor found: the volume may be sheared.
     bool axisAssumed = false;
+    /// The reflections contradict what was told of the instrument.
+    bool instrumentContradicted = false;
 };
 
 struct Verdict {
@@ -66,9 +68,10 @@ bool isConvincing(const LatticeScore& score);
 /// nodes that the series recorded are there, those of every parity class alike. A wrong axis, a doubled cell
 /// and noise index reflections too, but leave nodes empty, or whole classes of them. Fair: half of all that.
 /// Reflections that lie far off their nodes, as with tilts or an axis that are wrong, make the lattice a
-/// guess. An axis that was assumed, a distortion or a scale of the tilts that no sound instrument has, tilts
-/// that hardly tell the cell across the patterns, an unknown completeness or a rival within a tenth of the
-/// evidence keep the answer from being more than fair; three doubts at once make it low.
+/// guess. An axis that was assumed, a calibration that the reflections contradict, a distortion or a scale of
+/// the tilts that no sound instrument has, tilts that hardly tell the cell across the patterns, an unknown
+/// completeness or a rival within a tenth of the evidence keep the answer from being more than fair; three
+/// doubts at once make it low.
 Verdict verdictOn(const LatticeEvidence& evidence);
 
 }  // namespace vrk

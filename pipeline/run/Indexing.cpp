@@ -78,6 +78,7 @@ void takeSymmetry(Indexed& result, const ReciprocalVolume& volume, double tolera
     input.known = knownTerms(volume.facts);
     SymmetryChoice choice = chooseSymmetry(input, std::move(result.refined));
     result.strain = strainText(choice.conventional, choice.untied, choice.characters.front().bravaisType);
+    result.contradiction = contradictionText(input, choice);
     result.refined = std::move(choice.refined);
     result.conventional = choice.conventional;
     result.instrument = std::move(choice.instrument);
@@ -177,6 +178,7 @@ Indexed indexReflections(std::vector<Level> levels, const LatticeChoice& choice,
     // The instrument's refinement confirms or moves an axis that nobody stated; without it it stays a guess.
     result.axisConfirmed = confirmsAxis(result.instrument);
     evidence.axisAssumed = axis.source == "assumed" && !result.axisConfirmed;
+    evidence.instrumentContradicted = !result.contradiction.empty();
     result.evidence = std::move(evidence);
     result.verdict = verdictOn(result.evidence);
     return result;

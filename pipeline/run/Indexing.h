@@ -27,6 +27,7 @@ struct Indexed {
     RefinedInstrument instrument;              ///< under the same ties; not valid where it was not refined
     std::vector<LatticeCharacter> characters;  ///< the answer first
     std::string strain;                        ///< edges that the ties move; empty for none
+    std::string contradiction;                 ///< of what is known of the instrument; empty for none
     LatticeEvidence evidence;                  ///< on which the verdict rests
     Verdict verdict;
     double resolution = 0.0;    ///< smallest spacing of an indexed reflection, Angstrom

@@ -306,6 +306,9 @@ RunResult runCentred(CentredSeries centred, const RunOptions& options, const Run
     if (best->crystals.others.empty()) findCrystals(*best, options, true, s, session);
     tellMovedAxis(best->axis, session);
     if (!best->indexed.strain.empty()) session.warn(best->indexed.strain);
+    if (!best->indexed.contradiction.empty())
+        session.warn("the reflections contradict the calibration that was given (--distortion): " +
+                     best->indexed.contradiction + "; was it made at this camera length and focus?");
     if (best->axis.source == "assumed" && best->indexed.axisConfirmed) best->axis.source = "refined";
     std::optional<Intensities> intensities;
     if (options.intensities.wanted && centred.counts.frames) {

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <utility>
 
+#include "pipeline/base/Angle.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/NumberText.h"
 #include "pipeline/latticesearch/Confidence.h"
@@ -142,6 +143,36 @@ std::vector<LatticeCharacter> charactersOf(const UnitCell& cell) {
     return characters;
 }
 
+/// Whether a type binds a cell by more than the two numbers of an ellipse.
+bool bindsMoreThanAnEllipse(LATTICE::BravaisTypes type) {
+    return type != LATTICE::aP && type != LATTICE::mP && type != LATTICE::mC;
+}
+
+/// The terms that differ from what is known, as text.
+std::string differences(const RefinedInstrument& instrument, const KnownTerms& known) {
+    using enum InstrumentTerm;
+    constexpr double kSignificant = 5.0;
+    constexpr double kLeastEllipse = 0.001, kLeastRadial = 0.003, kLeastScale = 0.003;
+    constexpr double kLeastTilt = 0.2 * kDegree;
+    const auto off = [&](InstrumentTerm term) {
+        const std::optional<double>& value = known[static_cast<std::size_t>(term)];
+        return value && instrument.uses(term) ? instrument.model[term] - *value : 0.0;
+    };
+    const auto sigma = [&](InstrumentTerm term) { return instrument.sigma[static_cast<std::size_t>(term)]; };
+    std::string text;
+    const auto add = [&](const char* format, double value, double least, double deviation, double unit) {
+        if (std::abs(value) < std::max(least, kSignificant * deviation)) return;
+        text += (text.empty() ? "" : ", ") + formatted(format, value / unit);
+    };
+    add("another ellipse by %.2f %%", std::hypot(off(EllipseCosine), off(EllipseSine)), kLeastEllipse,
+        std::hypot(sigma(EllipseCosine), sigma(EllipseSine)), 0.01);
+    add("a radial term by %+.2f %% different", off(Radial), kLeastRadial, sigma(Radial), 0.01);
+    add("tilts by %+.2f %% larger", off(TiltScale), kLeastScale, sigma(TiltScale), 0.01);
+    add("an axis by %+.2f degrees farther out of the frame", off(AxisTilt), kLeastTilt, sigma(AxisTilt),
+        kDegree);
+    return text;
+}
+
 /// Throws Failure when the type is not among them.
 void bringToFront(std::vector<LatticeCharacter>& characters, LATTICE::BravaisTypes wanted) {
     const auto chosen = std::find_if(characters.begin(), characters.end(),
@@ -221,6 +252,31 @@ SymmetryChoice chooseSymmetry(const SymmetryInput& input, RefinedPositions free)
     const LatticeFit fit = fitLattice(points, result.refined.lattice.lattice, input.tolerance, ties);
     if (fit.valid) result.conventional = describe(fit, ties);
     return result;
+}
+
+std::string contradictionText(const SymmetryInput& input, const SymmetryChoice& choice) {
+    if (std::none_of(input.known.begin(), input.known.end(),
+                     [](const auto& term) { return term.has_value(); }))
+        return "";
+    SymmetryInput open = input;
+    open.known = {};
+    const int sense = choice.refined.sense;
+    const Lattice& from = choice.refined.lattice.lattice;
+    const RefinedInstrument free = refinedInstrument(open, from, sense, {});
+    if (!free.valid) return "";
+    const bool isBound = bindsMoreThanAnEllipse(choice.characters.front().bravaisType);
+    for (const LatticeCharacter& character : choice.characters) {
+        if (!bindsMoreThanAnEllipse(character.bravaisType)) continue;
+        const RefinedInstrument other = refinedInstrument(open, from, sense, tiesOf(character));
+        const std::string text = isPossible(other) && areAsClose(other.lattice, free.lattice)
+                                     ? differences(other, input.known)
+                                     : "";
+        if (!text.empty())
+            return std::string("as ") + LATTICE::shortName(character.bravaisType) + " they ask for " + text;
+        if (isBound) return "";
+    }
+    const std::string text = differences(free, input.known);
+    return text.empty() ? "" : "they ask for " + text;
 }
 
 std::string strainText(const RefinedLattice& tied, const RefinedLattice& untied, LATTICE::BravaisTypes type) {

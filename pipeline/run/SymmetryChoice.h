@@ -52,6 +52,12 @@ std::vector<LatticeCharacter> likelyCharacters(
 /// \param refined  without ties
 SymmetryChoice chooseSymmetry(const SymmetryInput& input, RefinedPositions refined);
 
+/// In what the reflections contradict the known terms of the instrument, as a part of a sentence; empty for
+/// nothing. Asked are the ties of the answer, or where it has none those types that bind a cell by more
+/// numbers than an ellipse has. Differences of less than a tenth of a per cent, or of five standard
+/// uncertainties, are none.
+std::string contradictionText(const SymmetryInput& input, const SymmetryChoice& choice);
+
 /// Which edges the ties move by more than three standard uncertainties, as a sentence; empty for none.
 std::string strainText(const RefinedLattice& tied, const RefinedLattice& untied, LATTICE::BravaisTypes type);
 

@@ -32,14 +32,29 @@ struct Crystal {
                     tilts.push_back(std::atan(p.z() / p.x()));
                 }
     }
+    vrk::SymmetryInput input() const {
+        vrk::SymmetryInput result;
+        result.positions = positions;
+        result.tilts = tilts;
+        result.centre = Vector3d::Zero();
+        result.halfWidth = 80.0;
+        return result;
+    }
+    SymmetryChoice choose(const vrk::SymmetryInput& how) const {
+        return chooseSymmetry(how, refinePositions(positions, tilts, lattice, {}).value());
+    }
     SymmetryChoice choose(std::optional<LATTICE::BravaisTypes> wanted) const {
-        vrk::SymmetryInput input;
-        input.positions = positions;
-        input.tilts = tilts;
-        input.centre = Vector3d::Zero();
-        input.halfWidth = 80.0;
-        input.wanted = wanted;
-        return chooseSymmetry(input, refinePositions(positions, tilts, lattice, {}).value());
+        vrk::SymmetryInput how = input();
+        how.wanted = wanted;
+        return choose(how);
+    }
+    /// As frames with an ellipse along the axis show it.
+    void stretch(double ellipse) {
+        for (std::size_t i = 0; i < positions.size(); ++i) {
+            const double u = positions[i].x() * std::cos(tilts[i]) + positions[i].z() * std::sin(tilts[i]);
+            positions[i] = {u * (1 - ellipse) * std::cos(tilts[i]), positions[i].y() * (1 + ellipse),
+                            u * (1 - ellipse) * std::sin(tilts[i])};
+        }
     }
 
     vrk::Lattice lattice;
@@ -86,6 +101,28 @@ TEST(SymmetryChoice, IndexesFreelyUnderTiesThatAreWanted) {
     } catch (const vrk::Failure& failure) {
         EXPECT_EQ(failure.kind(), vrk::FailureKind::Usage);
         EXPECT_NE(std::string(failure.what()).find("it fits tP oP"), std::string::npos) << failure.what();
+    }
+}
+
+TEST(SymmetryChoice, TellsWhereReflectionsContradictWhatIsKnown) {
+    const struct {
+        Vector3d edges;
+        double ellipse;
+        const char* text;
+    } cases[] = {{{9, 9, 9}, 0.01, "as cP they ask for another ellipse by 0.9"},
+                 {{8, 9, 12}, 0.008, "as oP they ask for another ellipse by 0.7"},
+                 {{8, 9, 12}, 0.0, ""}};
+    for (const auto& one : cases) {
+        Crystal crystal(one.edges);
+        crystal.stretch(one.ellipse);
+        vrk::SymmetryInput input = crystal.input();
+        input.known = {std::nullopt, 0.0, 0.0, 0.0, 0.0, 0.0};
+        const SymmetryChoice choice = crystal.choose(input);
+        const std::string text = contradictionText(input, choice);
+        EXPECT_EQ(text.substr(0, std::string(one.text).size()), one.text) << one.edges.transpose();
+        EXPECT_EQ(text.empty(), std::string(one.text).empty()) << text;
+        input.known = {};
+        EXPECT_EQ(contradictionText(input, choice), "");
     }
 }
 
