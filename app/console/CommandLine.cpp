@@ -321,6 +321,11 @@ bool CommandLine::run(int argc, char** argv, std::ostream& out, std::ostream& er
               << " help' lists all commands.\n";
         return false;
     }
+    // What a script's variable leaves that was never set.
+    if (std::find(words.begin(), words.end(), "") != words.end()) {
+        error << program << ": one of the arguments is empty ('')\n";
+        return false;
+    }
     try {
         m_parser->parse(argc, argv);
     } catch (const CLI::Success& answer) {

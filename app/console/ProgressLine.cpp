@@ -24,23 +24,23 @@ long secondsSince(std::chrono::steady_clock::time_point start) {
 ProgressLine::ProgressLine() : m_rewrites(canRewriteLines(STDERR_FILENO)) {}
 
 void ProgressLine::startOver() {
-    m_again.clear();
     m_stage = 0;
     m_share = 0.0;
     m_partStart = Clock::now();
 }
 
 void ProgressLine::partBegan(int number, int count, const std::string& name, int stages) {
+    leavePlainLine();
     if (number <= m_number) {
         m_again = name;
     } else {
-        leavePlainLine();
         m_number = number;
         m_count = count;
         m_name = name;
-        m_stages = std::max(stages, 1);
-        startOver();
+        m_again.clear();
     }
+    m_stages = std::max(stages, 1);
+    startOver();
     draw();
 }
 
@@ -49,6 +49,7 @@ void ProgressLine::partsEnded() {
     wipe();
     m_number = 0;
     m_name.clear();
+    m_again.clear();
     startOver();
 }
 
@@ -65,10 +66,7 @@ void ProgressLine::stageBegan(const std::string& name) {
 void ProgressLine::progressed(int step, int steps) {
     if (steps <= 0) return;
     const double ofStage = std::clamp(static_cast<double>(step) / steps, 0.0, 1.0);
-    if (m_again.empty()) {
-        const double share = std::min(1.0, (std::max(m_stage, 1) - 1 + ofStage) / m_stages);
-        m_share = std::max(m_share, share);
-    }
+    m_share = std::max(m_share, std::min(1.0, (std::max(m_stage, 1) - 1 + ofStage) / m_stages));
     draw();
 }
 
@@ -104,11 +102,11 @@ std::string ProgressLine::text(int columns) const {
     head += m_name;
     if (!m_again.empty()) head += ", again: " + m_again;
     std::string tail = formatted(" %ld:%02ld", m_shownSecond / 60, m_shownSecond % 60);
-    // Work that does not tell how far it is has no bar.
-    const bool isMeasured = m_again.empty() && m_share > 0.0;
+    // Work that does not tell how far it is has no share, and what is done again no bar.
+    const bool isMeasured = m_share > 0.0;
     if (isMeasured) tail = formatted(" %d %%", m_shownPercent) + tail;
     const int room = columns - static_cast<int>(head.size() + tail.size()) - 3;
-    if (isMeasured && room >= kShortestBar) {
+    if (isMeasured && m_again.empty() && room >= kShortestBar) {
         const int width = std::min(room, kLongestBar);
         const auto filled = static_cast<std::size_t>(m_share * width);
         tail = " [" + std::string(filled, '#') + std::string(static_cast<std::size_t>(width) - filled, '.') +
@@ -119,8 +117,11 @@ std::string ProgressLine::text(int columns) const {
 
 void ProgressLine::leavePlainLine() const {
     if (m_rewrites || m_number == 0) return;
+    constexpr double kShort = 1.0;
     const std::chrono::duration<double> seconds = Clock::now() - m_partStart;
-    std::cerr << formatted("%d/%d ", m_number, m_count) << m_name << formatted(", %.1f s\n", seconds.count());
+    if (!m_again.empty() && seconds.count() < kShort) return;
+    std::cerr << formatted("%d/%d ", m_number, m_count) << (m_again.empty() ? m_name : "again: " + m_again)
+              << formatted(", %.1f s\n", seconds.count());
 }
 
 }  // namespace vrk::app

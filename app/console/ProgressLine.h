@@ -12,8 +12,9 @@ namespace vrk::app {
 ///     6/9 search the cell [##########..........] 52 % 0:14
 ///
 /// with the part of the work, its share and the time since the start of the program. The bar never goes back:
-/// what is done again, in parts that came before, is named behind the part. Where lines cannot be written
-/// over, each part leaves one plain line with its time when it is done, and stages without parts nothing.
+/// what is done again, in parts that came before, is named behind the part, with its share. Where lines
+/// cannot be written over, each part leaves one plain line with its time when it is done (of what is done
+/// again, what takes longer than a second), and stages without parts nothing.
 class ProgressLine {
 public:
     ProgressLine();

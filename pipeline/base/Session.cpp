@@ -1,7 +1,9 @@
 #include "pipeline/base/Session.h"
 
 #include <algorithm>
+#include <array>
 #include <mutex>
+#include <string_view>
 
 #include "pipeline/base/Failure.h"
 
@@ -51,6 +53,29 @@ void endListening(VRKLogObserver& log) {
     if (--sessions == 0) VRKLogger::getInstance()->registerObserver(nullptr);
 }
 
+/// Fixed texts of the core's messages, and what users read in their place.
+struct PlainWords {
+    std::string_view beginning;
+    std::string_view instead;  ///< nothing where another message says it
+    bool goesOn = false;       ///< what stood behind the beginning stands there still
+};
+constexpr std::array<PlainWords, 5> kPlainWords = {{
+    {"Byte count incorrekt!!!", ""},
+    {"No fine calibration useable.", ""},
+    {"Pixelsize in the Extended MRC Header is not the same!!",
+     "the pixel sizes of the patterns differ, so that none of them is used; --pixel-size gives one"},
+    {"The cell is not primitiv.", "the cell is centred; a primitive cell of its lattice is used"},
+    {"HKL Format changed to ",
+     "some intensities are too large for two decimals; the HKL file has the format ", true},
+}};
+
+std::string inPlainWords(const std::string& text) {
+    for (const PlainWords& words : kPlainWords)
+        if (text.starts_with(words.beginning))
+            return std::string(words.instead) + (words.goesOn ? text.substr(words.beginning.size()) : "");
+    return text;
+}
+
 }  // namespace
 
 void Session::Log::notifyLog(const char* message, VRK::MessageType type, VRK::DebugMessageType) {
@@ -60,6 +85,7 @@ void Session::Log::notifyLog(const char* message, VRK::MessageType type, VRK::De
     std::string text = trimmed(message);
     // The kind of a message is told by its type.
     if (text.starts_with("ERROR:")) text = trimmed(text.substr(6));
+    text = inPlainWords(text);
     if (text.empty()) return;
     if (type != VRK::Warning) lastError = text;
     if (hearing == Hearing::Forget && type == VRK::Warning) return;

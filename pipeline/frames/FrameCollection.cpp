@@ -21,9 +21,41 @@ bool naturalPaths(const fs::path& left, const fs::path& right) {
 struct FolderContents {
     std::map<std::string, std::vector<fs::path>> frames;  ///< by the name of their format
     std::vector<fs::path> lists;
-    std::size_t others = 0;
+    std::vector<fs::path> others;
     std::size_t folders = 0;
 };
+
+/// ".img", of packed files ".img.gz".
+std::string endingOf(const fs::path& file) {
+    const std::string last = file.extension().string();
+    return last == ".gz" || last == ".bz2" ? file.stem().extension().string() + last : last;
+}
+
+/// Files that are called frames, as those are called that were recognised, and are none: they are empty, cut,
+/// or may not be read. Without them the frames that follow would get the wrong places.
+void addNamesakes(std::vector<fs::path>& frames, const std::vector<fs::path>& others) {
+    std::set<std::string> endings;
+    for (const fs::path& frame : frames)
+        endings.insert(endingOf(frame));
+    endings.erase("");
+    for (const fs::path& file : others)
+        if (endings.contains(endingOf(file))) frames.push_back(file);
+    std::stable_sort(frames.begin(), frames.end(), naturalPaths);
+}
+
+/// "2 lists, 1 other file", "nothing"
+std::string textOf(const FolderContents& contents) {
+    std::string text;
+    const auto add = [&](std::size_t count, const std::string& one, const std::string& many) {
+        if (count > 0)
+            text += (text.empty() ? "" : ", ") + std::to_string(count) + ' ' + (count == 1 ? one : many);
+    };
+    add(contents.lists.size(), "list", "lists");
+    add(contents.others.size(), "file of another kind or that cannot be read",
+        "files of other kinds or that cannot be read");
+    add(contents.folders, "folder", "folders");
+    return text.empty() ? "nothing" : text;
+}
 
 FolderContents contentsOf(const fs::path& folder) {
     FolderContents contents;
@@ -42,14 +74,14 @@ FolderContents contentsOf(const fs::path& folder) {
         const FrameFormat* format = nullptr;
         try {
             format = FrameFormat::of(FrameSource(file));
-        } catch (const Failure&) {  // counted among the others
+        } catch (const Failure&) {  // one of the others
         }
         if (format)
             contents.frames[format->name].push_back(file);
         else if (isFrameList(file))
             contents.lists.push_back(file);
         else
-            ++contents.others;
+            contents.others.push_back(file);
     }
     return contents;
 }
@@ -116,17 +148,14 @@ void Collector::add(const fs::path& path) {
 }
 
 void Collector::addFolder(const fs::path& folder) {
-    const FolderContents contents = contentsOf(folder);
+    FolderContents contents = contentsOf(folder);
     if (contents.frames.empty()) {
         if (contents.lists.size() == 1 && readFrameList(contents.lists[0]).namesFiles()) {
             m_warn("the frames are those that " + contents.lists[0].string() + " names");
             return addList(contents.lists[0]);
         }
         throw Failure("the folder " + folder.string() + " holds no frames (" + FrameFormat::names() +
-                      "), but " + std::to_string(contents.lists.size()) + " lists, " +
-                      std::to_string(contents.others) + " files of other kinds and " +
-                      std::to_string(contents.folders) +
-                      " folders; give the folder in which the frames themselves lie");
+                      "), but " + textOf(contents) + "; give the folder in which the frames themselves lie");
     }
     const auto most =
         std::max_element(contents.frames.begin(), contents.frames.end(),
@@ -138,6 +167,7 @@ void Collector::addFolder(const fs::path& folder) {
         m_warn("of the frames in " + folder.string() + " the " + std::to_string(most->second.size()) + " " +
                most->first + " files are taken; left out are" + others.substr(1));
     const std::size_t first = m_result.frames.size();
+    addNamesakes(most->second, contents.others);
     for (const fs::path& file : most->second) {
         if (!isPart(file)) addFile(file);
         if (m_canceled()) return;

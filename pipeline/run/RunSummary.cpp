@@ -96,7 +96,8 @@ Json inputsJson(const RunRecord& record) {
     std::vector<std::filesystem::path> paths = {record.series};
     paths.insert(paths.end(), record.others.begin(), record.others.end());
     for (const std::filesystem::path& path : paths) {
-        if (path.empty()) continue;
+        // A series that a program made in memory has a name, but no file.
+        if (!std::filesystem::is_regular_file(path)) continue;
         const FileChecksum checksum = checksumOf(path);
         json.push_back({{"path", path.string()},
                         {"bytes", checksum.bytes},

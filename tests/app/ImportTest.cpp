@@ -420,6 +420,11 @@ TEST(Import, AFolderStandsForItsFrames) {
     imported.warnings.clear();
     expectThreeFrames(imported);
 
+    // One that is called a frame and is none is not left out in silence.
+    folder.write("f10.img", "");
+    EXPECT_NE(failure(settings).find("f10.img"), std::string::npos) << failure(settings);
+    folder.write("f10.img", smv(1, -0.25));
+
     // What the headers do not say comes from the one list beside the frames.
     folder.write("XDS.INP",
                  "OSCILLATION_RANGE= 1\nROTATION_AXIS= 1 0 0\nX-RAY_WAVELENGTH= 0.0370\nDATA_RANGE= 9 11\n"

@@ -133,9 +133,12 @@ TEST(InfoCommand, DrawsTheAxisOnAPattern) {
     const auto coloured = [&](double x, double y) {
         const cv::Mat picture = panelOf(folder / "p.png");
         const double zoom = picture.cols / 200.0;
-        const cv::Vec3b pixel = picture.at<cv::Vec3b>(static_cast<int>((y + 0.5) * zoom - 0.5),
-                                                      static_cast<int>((x + 0.5) * zoom - 0.5));
-        return pixel[2] > pixel[0] + 50;
+        for (int i = -2; i <= 2; ++i) {  // lines are a pixel wide
+            const cv::Vec3b pixel = picture.at<cv::Vec3b>(static_cast<int>((y + 0.5) * zoom - 0.5),
+                                                          static_cast<int>((x + 0.5) * zoom - 0.5) + i);
+            if (pixel[2] > pixel[0] + 50) return true;
+        }
+        return false;
     };
     ASSERT_EQ(runVrk({"info", path, "--picture", folder / "p.png", "--axis", "30"}).exitCode, 0);
     // Along (-1/2, sqrt(3)/2) from the middle, the arrow's head at the end; not along its mirror image.

@@ -98,6 +98,13 @@ const std::vector<Group> kGroups = {
     {"places_to_write_and_nothing_found",
      {
          {"run series.mrc -o series.mrc", 1, "cannot make the folder series.mrc"},
+         {"import locked -o x.mrc", 1, "cannot read the folder locked: Permission denied"},
+         {"import frames -o x.mrc", 1, "frames holds no frames"},
+         {"run locked.mrc -o r", 1, "locked.mrc cannot be opened for reading (Permission denied)"},
+         {"cell locked/peaks.txt -o c.txt", 1, "locked/peaks.txt cannot be opened"},
+         {"run series.mrc -o locked", 1, "cannot write into the folder locked: Permission denied"},
+         {"run series.mrc -o locked/r", 1, "cannot make the folder locked/r"},
+         {"import series.mrc -o locked/x.mrc", 1, "cannot write locked/x.mrc"},
          {"preprocess series.mrc -o none/x.mrc", 1, "the folder none does not exist"},
          {"preprocess series.mrc -o series.mrc", 2, "would replace the series"},
          {"import series.mrc -o series.mrc", 2, "would replace"},
@@ -122,12 +129,19 @@ protected:
                       "#VRKPEAKSVERSION 2\n# n\n9 9 9 0 0\n# p\n1e8 0 0\n# N\n1\n# x\n1 2 3 4\n");
         folder->write("cell.txt", "#VRKCELLVERSION 2\n");
         folder->write("frame.img", "{\nHEADER_BYTES=512;\nSIZE1=4;\nSIZE2=4;\nTYPE=unsigned_short;\n}\n");
-        std::filesystem::create_directory(*folder / "frames");
+        for (const char* name : {"frames", "locked"})
+            std::filesystem::create_directory(*folder / name);
+        folder->write("locked.mrc", "text");
+        for (const char* name : {"locked", "locked.mrc"})
+            std::filesystem::permissions(*folder / name, std::filesystem::perms::none);
         const std::string pack =
             "gzip -c '" + (*folder / "series.mrc") + "' > '" + (*folder / "series.mrc.gz'");
         ASSERT_EQ(std::system(pack.c_str()), 0);
     }
-    static void TearDownTestSuite() { folder.reset(); }
+    static void TearDownTestSuite() {
+        std::filesystem::permissions(*folder / "locked", std::filesystem::perms::owner_all);
+        folder.reset();
+    }
 
     static std::unique_ptr<TemporaryFolder> folder;
 };
@@ -160,6 +174,32 @@ TEST_P(MessagesTest, BlameOneThingAndNameTheWayOut) {
 
 INSTANTIATE_TEST_SUITE_P(Vrk, MessagesTest, testing::ValuesIn(kGroups),
                          [](const auto& group) { return group.param.name; });
+
+/// The library's own texts are told in plain words, or stay in the log where another message says it.
+TEST_F(MessagesTest, WarningsAreInPlainWords) {
+    std::filesystem::copy_file(*folder / "volume.mrc", *folder / "cut.mrc");
+    std::filesystem::resize_file(*folder / "cut.mrc", std::filesystem::file_size(*folder / "cut.mrc") - 9999);
+    folder->write("known.txt",
+                  "#VRKCELLVERSION 2\n# v\n20 0 0\n0 10 0\n0 0 5\n# r\n20 10 5\n90 90 90 \n"
+                  "# d\n5 10 20\n90 90 90 \n");
+    folder->write("bright.txt", "20 0 0 9\n0 10 0 8\n0 0 5 3e5\n20 10 0 5\n20 0 5 4\n0 10 5 3\n20 10 5 2\n");
+    for (const auto& [line, start] :
+         {std::pair("peaks cut.mrc -o p.txt", "vrk: warning: cut.mrc: the file is cut in slice"),
+          std::pair("index bright.txt known.txt -o x.hkl --keep-cell --pixel-size 1e8",
+                    "vrk: warning: some intensities are too large for two decimals; the HKL file has the "
+                    "format (3I4 2F8.1)\n")}) {
+        const VrkResult result = runVrkLine(line, *folder / ".");
+        EXPECT_EQ(result.exitCode, 0) << result.err;
+        EXPECT_EQ(result.err.rfind(start, 0), 0U) << result.err;
+        EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+    }
+}
+
+TEST(Main, EmptyArgumentsAreNamed) {
+    const VrkResult result = runVrk({"run", "", "-o", "r"});
+    EXPECT_EQ(result.exitCode, 2);
+    EXPECT_EQ(result.err, "vrk: one of the arguments is empty ('')\n");
+}
 
 TEST(Main, VersionAndHelpGoToTheStandardOutputAlone) {
     for (const char* line : {"-v", "-V", "--version"}) {

@@ -1,8 +1,10 @@
 #include "app/RunVrk.h"
 
 #include <fcntl.h>
+#include <linux/capability.h>
 #include <pty.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -45,6 +47,9 @@ StartedVrk::StartedVrk(const std::vector<std::string>& arguments, const std::str
     m_child = fork();
     if (m_child < 0) throw std::runtime_error("cannot fork");
     if (m_child == 0) {
+        // The superuser may read and write everything; users may not.
+        for (const unsigned long right : {CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH})
+            prctl(PR_CAPBSET_DROP, right, 0, 0, 0);
         const int input = open("/dev/null", O_RDONLY);
         dup2(input, STDIN_FILENO);
         dup2(fileno(m_out.get()), STDOUT_FILENO);

@@ -19,7 +19,7 @@ struct VrkResult {
 /// no shell is involved. Throws std::runtime_error when the program cannot be started.
 VrkResult runVrk(const std::vector<std::string>& arguments, const std::string& folder = ".");
 
-/// A vrk that runs beside the test.
+/// A vrk that runs beside the test, with the rights of an ordinary user in the file system.
 class StartedVrk {
 public:
     explicit StartedVrk(const std::vector<std::string>& arguments, const std::string& folder = ".");
