@@ -198,11 +198,12 @@ void printSummary(std::ostream& out, const RunResult& result) {
           trial.maxLength, clusteringText(trial).c_str());
     const RunSeconds& s = result.seconds;
     out << "seconds      ";
-    const std::pair<const char*, double> stages[] = {{"read", s.read},     {"preprocess", s.preprocess},
-                                                     {"axis", s.tiltAxis}, {"reconstruct", s.reconstruct},
-                                                     {"search", s.search}, {"cell", s.cell},
-                                                     {"index", s.index},   {"integrate", s.integrate},
-                                                     {"total", s.total}};
+    const std::pair<const char*, double> stages[] = {
+        {"read", s.read.seconds},     {"preprocess", s.preprocess.seconds},
+        {"axis", s.tiltAxis.seconds}, {"reconstruct", s.reconstruct.seconds},
+        {"search", s.search.seconds}, {"cell", s.cell.seconds},
+        {"index", s.index.seconds},   {"integrate", s.integrate.seconds},
+        {"total", s.total.seconds}};
     for (const auto& [name, seconds] : stages)
         out << (name == stages[0].first ? " " : ", ") << name << ' ' << secondsText(seconds);
     print("; %.0f MiB", peakMemory());

@@ -118,7 +118,7 @@ export class Picture {
         context.scale(density, density);
         context.fillStyle = palette().paper;
         context.fillRect(0, 0, place.width, place.height);
-        context.imageSmoothingEnabled = place.scale < 4;
+        context.imageSmoothingEnabled = place.scale < 10;
         context.imageSmoothingQuality = 'high';
         context.drawImage(this.raster, place.x(-0.5), place.y(-0.5), this.image.width * place.scale, this.image.height * place.scale);
         context.font = '13px system-ui, sans-serif';

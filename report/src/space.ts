@@ -65,7 +65,7 @@ export class SpaceView {
     private readonly card = make('div', { class: 'card', 'aria-live': 'polite' });
     private readonly mark = make('div', { class: 'mark', hidden: true });
     private readonly limit: number;  ///< of the reflections, 1/Angstrom
-    private colouring: Colouring = 'indexed';
+    private colouring: Colouring;
     private crystal = 0;
     private finest = 0;
     private coarsest = Infinity;
@@ -84,6 +84,7 @@ export class SpaceView {
         let farthest = 0.1;
         for (let i = 0; i < count; ++i) if (this.isSeen(i)) farthest = Math.max(farthest, 1 / this.list.d[i]);
         this.limit = Math.min(farthest, 20);
+        this.colouring = this.crystals > 1 ? 'crystal' : 'indexed';
         this.camera = new Camera(1.08 * this.limit);
         this.points = {
             place: new Float32Array(3 * count), colour: new Float32Array(3 * count),
@@ -340,7 +341,7 @@ export class SpaceView {
         const crystals: [string, string][] = [['0', 'all'], ...Array.from({ length: this.crystals },
             (_, i): [string, string] => [String(i + 1), `crystal ${i + 1}`])];
         return make('div', { class: 'controls' },
-            choice('Colour', kColourings, 'indexed', (value) => {
+            choice('Colour', kColourings, this.colouring, (value) => {
                 this.colouring = value as Colouring;
                 this.reload();
             }),

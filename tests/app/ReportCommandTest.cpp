@@ -182,8 +182,8 @@ TEST_F(ReportCommandTest, SectionsShowSpotsOnNodesAndNothingWhereNothingWasRecor
     const auto expectWedge = [&](const std::vector<unsigned char>& grey, const Vector& right,
                                  const Vector& up) {
         int wrong = 0, looked = 0;
-        for (int row = 0; row < size; row += 3)
-            for (int column = 0; column < size; column += 3) {
+        for (int row = 0; row < size; row += 2)
+            for (int column = 0; column < size; column += 2) {
                 const double u = (column - 0.5 * (size - 1)) * perPixel;
                 const double v = (0.5 * (size - 1) - row) * perPixel;
                 const double x = u * right[0] + v * up[0], z = u * right[2] + v * up[2];
