@@ -40,7 +40,7 @@ public:
         // Noise has the standard deviation 1 on this scale before pixels are averaged.
         constexpr double kNoiseStep = 2.0;
         constexpr double kLargest = 253.0;
-        m_step = std::max(coarseness * kNoiseStep / bin, 2.0 * std::sqrt(brightest() / m_gain) / kLargest);
+        m_step = coarseness * std::max(kNoiseStep / bin, 2.0 * std::sqrt(brightest() / m_gain) / kLargest);
         for (int sum = 0; sum < static_cast<int>(kTable); ++sum)
             m_grey[static_cast<std::size_t>(sum)] = greyOf(static_cast<double>(sum));
     }
@@ -230,7 +230,7 @@ std::vector<std::string> packedFrames(const ReducedFrames& frames, unsigned coun
 std::pair<ReducedFrames, std::vector<std::string>> fittingFrames(const RunResult& result, std::size_t most) {
     constexpr int kFewest = 64;  // pixels
     for (int bin = firstBin(result);; ++bin)
-        for (const double coarseness : {1.0, 1.7}) {
+        for (const double coarseness : {1.0, 1.5, 2.2}) {
             ReducedFrames frames(result, bin, coarseness);
             std::vector<std::string> packed = packedFrames(frames, result.counts.frames->GetDepth(), most);
             if (!packed.empty() || frames.pixels() < kFewest) return {std::move(frames), std::move(packed)};

@@ -1,7 +1,7 @@
 // A grey picture with drawings over it, which can be enlarged and moved.
 
 import { make } from './dom';
-import { isDark, onTheme, palette } from './theme';
+import { isDark, isPrinting, onTheme, palette } from './theme';
 
 export interface GreyImage {
     width: number;
@@ -60,6 +60,10 @@ export class Picture {
     }
 
     redraw(): void {
+        if (isPrinting()) {
+            this.drawNow();
+            return;
+        }
         if (this.pending) return;
         this.pending = true;
         requestAnimationFrame(() => {

@@ -8,7 +8,7 @@ import { counted, fixed, significant } from './format';
 import type { PatternStore } from './patterns';
 import { CanvasPainter, WebGlPainter } from './scene';
 import type { Lines, Painter, Points } from './scene';
-import { cssColour, onTheme, palette, rgbOf, valueColour } from './theme';
+import { cssColour, isPrinting, onTheme, palette, rgbOf, valueColour } from './theme';
 import type { Rgb } from './theme';
 import { add, length, node, scale } from './vector';
 import type { Vector } from './vector';
@@ -46,6 +46,12 @@ function circle(u: Vector, v: Vector, radius: number, from = 0, to = 360, steps 
     for (let i = 0; i < steps; ++i)
         places.push(...at(from + ((to - from) * i) / steps), ...at(from + ((to - from) * (i + 1)) / steps));
     return places;
+}
+
+/** Puts an element on a place of the picture; in shares, so that it stays there when the picture is printed smaller. */
+function stand(element: HTMLElement, at: Vector, width: number, height: number): void {
+    element.style.left = `${(100 * at[0]) / width}%`;
+    element.style.top = `${(100 * at[1]) / height}%`;
 }
 
 export class SpaceView {
@@ -296,6 +302,10 @@ export class SpaceView {
     }
 
     private redraw(): void {
+        if (isPrinting()) {
+            this.drawNow();
+            return;
+        }
         if (this.pending) return;
         this.pending = true;
         requestAnimationFrame(() => {
@@ -312,12 +322,12 @@ export class SpaceView {
             const at = this.camera.project(place, width, height);
             const inside = at[0] > 8 && at[1] > 8 && at[0] < width - 8 && at[1] < height - 8;
             element.hidden = !inside;
-            element.style.transform = `translate(${at[0]}px,${at[1]}px)`;
+            stand(element, at, width, height);
         }
         this.mark.hidden = this.chosen < 0 || this.points.size[this.chosen] <= 0;
         if (this.chosen >= 0) {
             const at = this.camera.project(this.placeOf(this.chosen), width, height);
-            this.mark.style.transform = `translate(${at[0]}px,${at[1]}px)`;
+            stand(this.mark, at, width, height);
         }
     }
 
