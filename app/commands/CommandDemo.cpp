@@ -211,7 +211,8 @@ void print(std::ostream& out, const Options& options, const SimulationTruth& tru
     out << formatted("simulated: %d frames of %d x %d, cell %g %g %g %g %g %g, centring %c",
                      result.facts().size[2], result.facts().size[0], result.facts().size[1], cell[0], cell[1],
                      cell[2], cell[3], cell[4], cell[5], truth.centring)
-        << formatted("\nanalysed in %.1f s; the primitive cell against the truth:\n\n", result.seconds.total)
+        << formatted("\nanalysed in %.1f s; the primitive cell against the truth:\n\n",
+                     result.seconds.total.seconds)
         << formatted("%-14s%16s%16s%18s\n", "", "truth", "found", "difference");
     for (const Check& check : comparison.checks)
         out << formatted("%-14s%16s%16s%18s%s\n", check.name.c_str(), check.truth.c_str(),
@@ -244,7 +245,7 @@ Json toJson(const Options& options, const SimulationTruth& truth, const RunResul
             {"found", toJson(comparison.found, result.refinedAxis(), result.indexed.refined.handedness())},
             {"same_lattice", comparison.sameLattice},
             {"percent_indexed", comparison.percentIndexed},
-            {"seconds", result.seconds.total},
+            {"seconds", result.seconds.total.seconds},
             {"failed", failed},
             {"ok", comparison.ok()}};
 }

@@ -177,11 +177,12 @@ void printReflections(std::ostream& out, const Indexed& indexed, double pixelSiz
 }
 
 void printSeconds(std::ostream& out, const RunSeconds& s) {
-    const std::pair<const char*, double> stages[] = {{"read", s.read},     {"preprocess", s.preprocess},
-                                                     {"axis", s.tiltAxis}, {"reconstruct", s.reconstruct},
-                                                     {"search", s.search}, {"cell", s.cell},
-                                                     {"index", s.index},   {"integrate", s.integrate},
-                                                     {"total", s.total}};
+    const std::pair<const char*, double> stages[] = {
+        {"read", s.read.seconds},     {"preprocess", s.preprocess.seconds},
+        {"axis", s.tiltAxis.seconds}, {"reconstruct", s.reconstruct.seconds},
+        {"search", s.search.seconds}, {"cell", s.cell.seconds},
+        {"index", s.index.seconds},   {"integrate", s.integrate.seconds},
+        {"total", s.total.seconds}};
     out << "seconds      ";
     for (const auto& [name, seconds] : stages)
         out << (name == stages[0].first ? " " : ", ") << name << ' ' << secondsText(seconds);

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <iterator>
 #include <random>
+#include <utility>
 #include <vector>
 
 #include "pipeline/base/Angle.h"
@@ -17,7 +18,7 @@ namespace {
 
 /// Of all pictures together, before and after they are packed.
 constexpr std::size_t kMostPixels = 9'000'000;
-constexpr std::size_t kMostBytes = 5'800'000;
+constexpr std::size_t kMostBytes = 5'900'000;  ///< with the spots
 /// Predicted spots with less than this share of their full brightness are left out.
 constexpr float kDrawnShare = 0.05F;
 constexpr double kPlaceUnit = 16.0;  ///< of the places, in a pixel
@@ -26,7 +27,8 @@ constexpr std::size_t kCurves = 8;   ///< of each kind
 /// Pictures of the frames at one reduction.
 class ReducedFrames {
 public:
-    ReducedFrames(const RunResult& result, int bin)
+    /// \param coarseness  of the grey values
+    ReducedFrames(const RunResult& result, int bin, double coarseness)
         : m_frames(*result.counts.frames),
           m_edge(static_cast<int>(m_frames.GetWidth())),
           m_bin(bin),
@@ -38,11 +40,12 @@ public:
         // Noise has the standard deviation 1 on this scale before pixels are averaged.
         constexpr double kNoiseStep = 2.0;
         constexpr double kLargest = 253.0;
-        m_step = std::max(kNoiseStep / bin, 2.0 * std::sqrt(brightest() / m_gain) / kLargest);
+        m_step = coarseness * std::max(kNoiseStep / bin, 2.0 * std::sqrt(brightest() / m_gain) / kLargest);
         for (int sum = 0; sum < static_cast<int>(kTable); ++sum)
             m_grey[static_cast<std::size_t>(sum)] = greyOf(static_cast<double>(sum));
     }
 
+    int bin() const { return m_bin; }
     int width() const { return m_width; }
     int height() const { return m_height; }
     double step() const { return m_step; }
@@ -212,15 +215,26 @@ int firstBin(const RunResult& result) {
 }
 
 /// The packed pictures; empty when they are too large.
-std::vector<std::string> packedFrames(const ReducedFrames& frames, unsigned count) {
+std::vector<std::string> packedFrames(const ReducedFrames& frames, unsigned count, std::size_t most) {
     std::vector<std::string> packed;
     std::size_t bytes = 0;
     for (unsigned frame = 0; frame < count; ++frame) {
         packed.push_back(packedBytes(frames.picture(frame), PackedContent::Picture));
         bytes += packed.back().size();
-        if (bytes > kMostBytes) return {};
+        if (bytes > most) return {};
     }
     return packed;
+}
+
+/// The frames as fine as they fit: with coarser steps of grey first, then with larger pixels.
+std::pair<ReducedFrames, std::vector<std::string>> fittingFrames(const RunResult& result, std::size_t most) {
+    constexpr int kFewest = 64;  // pixels
+    for (int bin = firstBin(result);; ++bin)
+        for (const double coarseness : {1.0, 1.5, 2.2}) {
+            ReducedFrames frames(result, bin, coarseness);
+            std::vector<std::string> packed = packedFrames(frames, result.counts.frames->GetDepth(), most);
+            if (!packed.empty() || frames.pixels() < kFewest) return {std::move(frames), std::move(packed)};
+        }
 }
 
 std::vector<const IntegratedReflection*> chosenReflections(const IntegrationResult& integration) {
@@ -269,18 +283,15 @@ std::string curveText(const IntegrationResult& integration, const IntegratedRefl
 
 std::string patternViews(const RunResult& result) {
     if (!result.intensities || !result.counts.frames) return "null";
-    int bin = firstBin(result);
-    std::optional<ReducedFrames> frames;
-    std::vector<std::string> packed;
-    do {
-        frames.emplace(result, bin++);
-        packed = packedFrames(*frames, result.counts.frames->GetDepth());
-    } while (packed.empty() && frames->pixels() > 64);
+    const std::string predicted = predictedSpots(result).text();
+    const std::string observed = observedSpots(result).text();
+    const std::size_t most = kMostBytes - std::min(predicted.size() + observed.size(), kMostBytes / 2);
+    const auto [frames, packed] = fittingFrames(result, most);
     const SeriesGeometry& geometry = result.intensities->integration.fit.geometry;
     const Padding padding(result);
     return formatted("{\"bin\":%d,\"width\":%d,\"height\":%d,\"axis\":%.4f,\"step\":%.5g,\"radius\":%.3f",
-                     bin - 1, frames->width(), frames->height(), geometry.axisAngle / kDegree, frames->step(),
-                     result.intensities->integration.extent.radius) +
+                     frames.bin(), frames.width(), frames.height(), geometry.axisAngle / kDegree,
+                     frames.step(), result.intensities->integration.extent.radius) +
            ",\"tilts\":" +
            listOf(geometry.frames,
                   [](const FramePose& pose) { return formatted("%.3f", pose.tilt / kDegree); }) +
@@ -291,8 +302,7 @@ std::string patternViews(const RunResult& result) {
                                        pose.centreY - padding.top);
                   }) +
            ",\"frames\":" + listOf(packed, [](const std::string& one) { return '"' + one + '"'; }) +
-           ",\"predicted\":" + predictedSpots(result).text() +
-           ",\"observed\":" + observedSpots(result).text() + "}";
+           ",\"predicted\":" + predicted + ",\"observed\":" + observed + "}";
 }
 
 std::string rockingCurves(const RunResult& result) {

@@ -5,6 +5,7 @@
 #include <array>
 #include <cmath>
 #include <iterator>
+#include <utility>
 #include <vector>
 
 #include "pipeline/base/Angle.h"
@@ -17,7 +18,7 @@ namespace {
 
 using Eigen::Vector3d;
 
-constexpr int kSize = 360;
+constexpr int kMostSize = 360;
 constexpr int kMostLevel = 7;
 constexpr int kReach = 1;  ///< voxels on either side of a layer, of which the brightest counts
 /// Pixels between those of which it is asked whether they were recorded; where neighbours differ, all are.
@@ -79,6 +80,7 @@ public:
         : m_volume(result.volume),
           m_base(result.indexed.lattice().basis * result.indexed.toConventional().inverse().transpose()),
           m_radius(radiusOf(result)),
+          m_size(sizeOf(m_radius)),
           m_noise(std::max(result.volume.noise.typicalVoxelSigma(), 0.5)),
           m_top(topOf(result.indexed.level)),
           m_grey(m_noise, m_top),
@@ -93,7 +95,7 @@ public:
             for (std::size_t i = 0; i < kPlanes.size(); ++i)
                 addLayers(m_planes[i], level, layers[i]);
         std::string text = formatted("{\"size\":%d,\"radius\":%.6g,\"top\":%.6g,\"noise\":%.6g,\"planes\":[",
-                                     kSize, m_radius * m_volume.facts.pixelSize * 1e-10, m_top, m_noise);
+                                     m_size, m_radius * m_volume.facts.pixelSize * 1e-10, m_top, m_noise);
         for (std::size_t i = 0; i < kPlanes.size(); ++i) {
             const ReciprocalSection::Settings& plane = m_planes[i];
             const auto indices = [](const std::array<int, 3>& hkl) {
@@ -113,6 +115,11 @@ private:
         if (!(result.indexed.resolution > 0.0)) return edge;
         return std::min(edge, 1.06 * 1e10 / (result.indexed.resolution * result.facts().pixelSize));
     }
+    /// No finer than the voxels.
+    static int sizeOf(double radius) {
+        const int voxels = static_cast<int>(2.0 * radius);
+        return std::clamp(voxels - voxels % kMaskStep, 16 * kMaskStep, kMostSize);
+    }
     /// Brighter than all but few reflections.
     static double topOf(const Level& level) { return std::max(40.0 * level.threshold, 100.0); }
 
@@ -129,41 +136,52 @@ private:
         }
     }
 
-    std::vector<unsigned char> greyValues(int level, const PlaneFrame& frame) const {
-        std::vector<unsigned char> grey(static_cast<std::size_t>(kSize) * kSize, 0);
-        const double step = 2.0 * m_radius / kSize;
-        const double middle = 0.5 * (kSize - 1);
-        const Vector3d centre = level * frame.layer * frame.normal;
-        const auto placeOf = [&](int column, int row) -> Vector3d {
+    /// The places of the pixels of a layer.
+    struct Layer {
+        const PlaneFrame& frame;
+        Vector3d centre;
+        double step;
+        double middle;
+
+        Vector3d at(int column, int row) const {
             return centre + step * ((column - middle) * frame.right + (middle - row) * frame.up);
-        };
-        const auto recorded = [&](int column, int row) { return isRecorded(placeOf(column, row)); };
-        const auto fill = [&](int left, int top, auto isKnown) {
-            for (int row = top; row < top + kMaskStep; ++row)
-                for (int column = left; column < left + kMaskStep; ++column)
-                    if (isKnown(column, row))
-                        grey[static_cast<std::size_t>(row) * kSize + static_cast<std::size_t>(column)] =
-                            m_grey.of(brightestAt(placeOf(column, row), frame.normal));
-        };
-        constexpr int kCells = kSize / kMaskStep;
-        std::vector<char> above(kCells + 1), below(kCells + 1);
-        const auto corners = [&](int cell, std::vector<char>& line) {
-            for (int i = 0; i <= kCells; ++i)
-                line[static_cast<std::size_t>(i)] = recorded(i * kMaskStep, cell * kMaskStep);
-        };
-        corners(0, above);
-        for (int row = 0; row < kCells; ++row, std::swap(above, below)) {
-            corners(row + 1, below);
-            for (std::size_t i = 0; i < kCells; ++i) {
-                const int known = above[i] + above[i + 1] + below[i] + below[i + 1];
-                const int left = static_cast<int>(i) * kMaskStep;
-                if (known == 4)
-                    fill(left, row * kMaskStep, [](int, int) { return true; });
-                else if (known > 0)
-                    fill(left, row * kMaskStep, recorded);
+        }
+    };
+
+    std::vector<unsigned char> greyValues(int level, const PlaneFrame& frame) const {
+        const Layer layer = {frame, level * frame.layer * frame.normal, 2.0 * m_radius / m_size,
+                             0.5 * (m_size - 1)};
+        std::vector<unsigned char> grey(static_cast<std::size_t>(m_size * m_size), 0);
+        const int cells = m_size / kMaskStep;
+        std::vector<bool> above = cornersOf(layer, 0), below;
+        for (int row = 0; row < cells; ++row, above = std::move(below)) {
+            below = cornersOf(layer, row + 1);
+            for (std::size_t i = 0; i + 1 < above.size(); ++i) {
+                const int recorded = above[i] + above[i + 1] + below[i] + below[i + 1];
+                if (recorded > 0)
+                    fillCell(layer, static_cast<int>(i) * kMaskStep, row * kMaskStep, recorded < 4, grey);
             }
         }
         return grey;
+    }
+
+    /// Whether the corners of the cells along a row were recorded.
+    std::vector<bool> cornersOf(const Layer& layer, int row) const {
+        std::vector<bool> corners;
+        for (int column = 0; column <= m_size; column += kMaskStep)
+            corners.push_back(isRecorded(layer.at(column, row * kMaskStep)));
+        return corners;
+    }
+
+    void fillCell(const Layer& layer, int left, int top, bool askEach,
+                  std::vector<unsigned char>& grey) const {
+        for (int row = top; row < top + kMaskStep; ++row)
+            for (int column = left; column < left + kMaskStep; ++column) {
+                const Vector3d place = layer.at(column, row);
+                if (askEach && !isRecorded(place)) continue;
+                grey[static_cast<std::size_t>(row * m_size + column)] =
+                    m_grey.of(brightestAt(place, layer.frame.normal));
+            }
     }
 
     /// The brightest of the voxels that a short line along the normal passes.
@@ -205,6 +223,7 @@ private:
     const ReciprocalVolume& m_volume;
     Eigen::Matrix3d m_base;  ///< conventional, voxels
     double m_radius;         ///< voxels
+    int m_size;              ///< pixels of an edge
     double m_noise;
     double m_top;
     GreyScale m_grey;

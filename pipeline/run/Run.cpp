@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "pipeline/base/Failure.h"
+#include "pipeline/run/RunSummary.h"
 
 namespace vrk {
 namespace {
@@ -20,12 +21,13 @@ namespace {
 constexpr double kAxisMoved = 0.25;
 constexpr int kMostRebuilds = 3;
 
-/// The result of a function; its time is added to the seconds.
+/// The result of a function; what it took is added to the cost.
 template <typename Function>
-auto timed(double& seconds, Function function) {
+auto timed(StageCost& cost, Function function) {
     const auto start = std::chrono::steady_clock::now();
     auto result = function();
-    seconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    cost += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    cost.memory = peakMemory();
     return result;
 }
 

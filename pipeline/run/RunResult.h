@@ -15,10 +15,20 @@
 
 namespace vrk {
 
-/// Seconds of wall-clock time spent in each stage.
+/// What a stage cost.
+struct StageCost {
+    double seconds = 0.0;  ///< of wall-clock time
+    double memory = 0.0;   ///< largest resident size of the process up to its end, MiB
+
+    StageCost& operator+=(double more) {
+        seconds += more;
+        return *this;
+    }
+};
+
+/// The cost of each stage.
 struct RunSeconds {
-    double read = 0.0, preprocess = 0.0, tiltAxis = 0.0, reconstruct = 0.0, search = 0.0, cell = 0.0,
-           index = 0.0, integrate = 0.0, total = 0.0;
+    StageCost read, preprocess, tiltAxis, reconstruct, search, cell, index, integrate, total;
 };
 
 struct RunResult {

@@ -76,12 +76,12 @@ Json cellJson(const RunResult& result) {
     return cell;
 }
 
-Json secondsJson(const RunSeconds& seconds) {
-    return {{"read", seconds.read},          {"preprocess", seconds.preprocess},
-            {"tilt_axis", seconds.tiltAxis}, {"reconstruct", seconds.reconstruct},
-            {"search", seconds.search},      {"cell", seconds.cell},
-            {"index", seconds.index},        {"integrate", seconds.integrate},
-            {"total", seconds.total}};
+/// One number of the cost of every stage.
+Json costJson(const RunSeconds& cost, double StageCost::*number) {
+    return {{"read", cost.read.*number},          {"preprocess", cost.preprocess.*number},
+            {"tilt_axis", cost.tiltAxis.*number}, {"reconstruct", cost.reconstruct.*number},
+            {"search", cost.search.*number},      {"cell", cost.cell.*number},
+            {"index", cost.index.*number},        {"integrate", cost.integrate.*number}};
 }
 
 Json inputJson(const std::filesystem::path& series, const SeriesFacts& facts) {
@@ -427,7 +427,9 @@ std::string summaryJson(const RunRecord& record, const RunResult& result,
                           {"residual_minus_px", refined.residual[0]}};
     json["intensities"] = result.intensities ? intensitiesJson(*result.intensities) : Json();
     json["parameters"] = parametersJson(result);
-    json["seconds"] = secondsJson(result.seconds);
+    json["seconds"] = costJson(result.seconds, &StageCost::seconds);
+    json["seconds"]["total"] = result.seconds.total.seconds;
+    json["memory_mib"] = costJson(result.seconds, &StageCost::memory);
     json["peak_memory_mib"] = peakMemory();
     json["warnings"] = warnings;
     json["files"] = files;

@@ -203,7 +203,7 @@ void addRun(py::module_& module) {
         .def_property_readonly("merged", [](const RunResult& result) { return arrayOf(mergedRows(result)); })
         .def("summary",
              [](const RunResult& result, const std::string& name) {
-                 return textOf(summaryJson(name, result, result.warnings, {}));
+                 return textOf(summaryJson({"", name, {}}, result, result.warnings, {}));
              })
         .def("write",
              [](const RunResult& result, const std::filesystem::path& folder,

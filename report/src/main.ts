@@ -50,7 +50,7 @@ function sectionOf(group: Group): HTMLElement {
 }
 
 function header(title: string, groups: Group[]): HTMLElement {
-    return make('header', {}, make('h1', {}, title),
+    return make('header', {}, make('h1', { title }, title),
         make('nav', { 'aria-label': 'Parts of the page' }, groups.map((group) => make('a', { href: `#${group.id}` }, group.name))),
         button('\u25d0', 'Light or dark', toggleTheme));
 }

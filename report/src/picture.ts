@@ -1,7 +1,7 @@
 // A grey picture with drawings over it, which can be enlarged and moved.
 
 import { make } from './dom';
-import { isDark, onTheme, palette } from './theme';
+import { isDark, isPrinting, onTheme, palette } from './theme';
 
 export interface GreyImage {
     width: number;
@@ -60,6 +60,10 @@ export class Picture {
     }
 
     redraw(): void {
+        if (isPrinting()) {
+            this.drawNow();
+            return;
+        }
         if (this.pending) return;
         this.pending = true;
         requestAnimationFrame(() => {
@@ -118,7 +122,7 @@ export class Picture {
         context.scale(density, density);
         context.fillStyle = palette().paper;
         context.fillRect(0, 0, place.width, place.height);
-        context.imageSmoothingEnabled = place.scale < 4;
+        context.imageSmoothingEnabled = place.scale < 10;
         context.imageSmoothingQuality = 'high';
         context.drawImage(this.raster, place.x(-0.5), place.y(-0.5), this.image.width * place.scale, this.image.height * place.scale);
         context.font = '13px system-ui, sans-serif';

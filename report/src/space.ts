@@ -8,7 +8,7 @@ import { counted, fixed, significant } from './format';
 import type { PatternStore } from './patterns';
 import { CanvasPainter, WebGlPainter } from './scene';
 import type { Lines, Painter, Points } from './scene';
-import { cssColour, onTheme, palette, rgbOf, valueColour } from './theme';
+import { cssColour, isPrinting, onTheme, palette, rgbOf, valueColour } from './theme';
 import type { Rgb } from './theme';
 import { add, length, node, scale } from './vector';
 import type { Vector } from './vector';
@@ -48,6 +48,12 @@ function circle(u: Vector, v: Vector, radius: number, from = 0, to = 360, steps 
     return places;
 }
 
+/** Puts an element on a place of the picture; in shares, so that it stays there when the picture is printed smaller. */
+function stand(element: HTMLElement, at: Vector, width: number, height: number): void {
+    element.style.left = `${(100 * at[0]) / width}%`;
+    element.style.top = `${(100 * at[1]) / height}%`;
+}
+
 export class SpaceView {
     readonly element: HTMLElement;
     readonly hasWebGl: boolean;
@@ -65,7 +71,7 @@ export class SpaceView {
     private readonly card = make('div', { class: 'card', 'aria-live': 'polite' });
     private readonly mark = make('div', { class: 'mark', hidden: true });
     private readonly limit: number;  ///< of the reflections, 1/Angstrom
-    private colouring: Colouring = 'indexed';
+    private colouring: Colouring;
     private crystal = 0;
     private finest = 0;
     private coarsest = Infinity;
@@ -84,6 +90,7 @@ export class SpaceView {
         let farthest = 0.1;
         for (let i = 0; i < count; ++i) if (this.isSeen(i)) farthest = Math.max(farthest, 1 / this.list.d[i]);
         this.limit = Math.min(farthest, 20);
+        this.colouring = this.crystals > 1 ? 'crystal' : 'indexed';
         this.camera = new Camera(1.08 * this.limit);
         this.points = {
             place: new Float32Array(3 * count), colour: new Float32Array(3 * count),
@@ -295,6 +302,10 @@ export class SpaceView {
     }
 
     private redraw(): void {
+        if (isPrinting()) {
+            this.drawNow();
+            return;
+        }
         if (this.pending) return;
         this.pending = true;
         requestAnimationFrame(() => {
@@ -311,12 +322,12 @@ export class SpaceView {
             const at = this.camera.project(place, width, height);
             const inside = at[0] > 8 && at[1] > 8 && at[0] < width - 8 && at[1] < height - 8;
             element.hidden = !inside;
-            element.style.transform = `translate(${at[0]}px,${at[1]}px)`;
+            stand(element, at, width, height);
         }
         this.mark.hidden = this.chosen < 0 || this.points.size[this.chosen] <= 0;
         if (this.chosen >= 0) {
             const at = this.camera.project(this.placeOf(this.chosen), width, height);
-            this.mark.style.transform = `translate(${at[0]}px,${at[1]}px)`;
+            stand(this.mark, at, width, height);
         }
     }
 
@@ -340,7 +351,7 @@ export class SpaceView {
         const crystals: [string, string][] = [['0', 'all'], ...Array.from({ length: this.crystals },
             (_, i): [string, string] => [String(i + 1), `crystal ${i + 1}`])];
         return make('div', { class: 'controls' },
-            choice('Colour', kColourings, 'indexed', (value) => {
+            choice('Colour', kColourings, this.colouring, (value) => {
                 this.colouring = value as Colouring;
                 this.reload();
             }),

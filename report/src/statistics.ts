@@ -71,7 +71,7 @@ function shellPlots(result: Result): HTMLElement[] {
                 { name: 'indexed', values: displaced.map((shell) => (shell.reflections > 0 ? (100 * shell.indexed) / shell.reflections : null)), colour: 0, points: true }] }),
             plot({ title: 'Displacement from the nodes (voxels)', xLabel, x, xText: spacingText, yLow: 0, curves: [
                 { name: 'root mean square', values: displaced.map((shell) => (shell.indexed > 0 ? shell.rms : null)), colour: 0, points: true },
-                { name: 'mean, outwards', values: displaced.map((shell) => (shell.indexed > 0 ? shell.along : null)), colour: 1, points: true }] }));
+                { name: 'mean, outwards', values: displaced.map((shell) => (shell.indexed > 0 ? shell.outward : null)), colour: 1, points: true }] }));
     }
     const wilson = summary.intensities?.wilson;
     if (wilson?.bins?.length) {

@@ -26,6 +26,8 @@ let chosen: 'light' | 'dark' | null = null;
 let printing = false;
 
 export const isDark = (): boolean => !printing && (chosen === null ? system.matches : chosen === 'dark');
+/** While the page is printed; what is drawn then has to be drawn at once. */
+export const isPrinting = (): boolean => printing;
 export const palette = (): Palette => (isDark() ? kDark : kLight);
 
 function apply(): void {

@@ -46,12 +46,18 @@ const kSources: Record<string, string> = {
     refined: 'by the reflections themselves',
 };
 
+/** The reflections put the axis somewhere else than the volume was built with. */
+const axisIsElsewhere = ({ tilt_axis: axis }: Summary): boolean => Math.abs(axis.refined_deg - axis.angle_deg) > 0.25;
+
 function axisSentence(summary: Summary): string {
     const axis = summary.tilt_axis;
     const sigma = axis.refined_esd_deg ?? axis.uncertainty_deg ?? 0;
     const stated = axis.stated_deg === undefined ? '' : `; the series said ${fixed(axis.stated_deg, 2)}\u00b0`;
-    return `${sigma > 0 ? withUncertainty(axis.refined_deg, sigma) : fixed(axis.refined_deg, 2)}\u00b0 from y, ${
-        kSources[axis.source] ?? axis.source}${stated}`;
+    const source = kSources[axis.source] ?? axis.source;
+    const value = sigma > 0 ? withUncertainty(axis.refined_deg, sigma) : fixed(axis.refined_deg, 2);
+    return axisIsElsewhere(summary)
+        ? `${value}\u00b0 from y by the reflections; the volume was built with ${fixed(axis.angle_deg, 2)}\u00b0, ${source}`
+        : `${value}\u00b0 from y, ${source}${stated}`;
 }
 
 function distortionSentence(summary: Summary): string {
@@ -65,7 +71,7 @@ function distortionSentence(summary: Summary): string {
     const radial = termOf('radial');
     if (radial !== undefined) texts.push(`radial ${percent(radial, 2)} at half a frame`);
     const tilts = termOf('tilt_scale');
-    if (tilts !== undefined) texts.push(`tilts ${percent(tilts, 2)} larger than stated`);
+    if (tilts !== undefined) texts.push(`tilts ${percent(Math.abs(tilts), 2)} ${tilts > 0 ? 'larger' : 'smaller'} than stated`);
     if (known) texts.push(`known from ${known.file ?? 'a calibration'}`);
     if (texts.length > 0) return texts.join(', ');
     return refined ? 'none that the reflections ask for' : 'not looked at: too few reflections';
@@ -119,7 +125,10 @@ export function nextStep(summary: Summary): [string, string] {
     const folder = folderOf(summary);
     const source = summary.tilt_axis.source;
     const level = summary.confidence.level;
-    if (level !== 'high' && source !== 'search' && source !== 'refined')
+    if (axisIsElsewhere(summary))
+        return ['Run again with the axis that the reflections say.', `vrk run ${series} -o ${folder} --tilt-axis ${fixed(summary.tilt_axis.refined_deg, 2)}`];
+    const isKnown = (summary.tilt_axis.refined_esd_deg ?? 9) < 0.5;
+    if (level !== 'high' && source !== 'search' && source !== 'refined' && !isKnown)
         return ['Look for the tilt axis: a wrong one is the usual reason for doubts.', `vrk run ${series} -o ${folder} --tilt-axis search`];
     if (level === 'low')
         return ['Look at a pattern, its centre and the axis.', `vrk info ${series} --picture pattern.png`];

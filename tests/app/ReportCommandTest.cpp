@@ -42,37 +42,34 @@ void writeSeries(const std::string& path) {
     ASSERT_TRUE(VoxMRCFileHandler().writeMRCFile(series.get(), path));
 }
 
-/// One run for all tests.
+/// A run and the data of its page.
 class ReportCommandTest : public testing::Test {
 protected:
-    static void SetUpTestSuite() {
-        folder = std::make_unique<TemporaryFolder>();
-        writeSeries(*folder / kName);
-        const VrkResult run = runVrk({"run", kName, "-o", "result"}, *folder / ".");
+    void SetUp() override {
+        writeSeries(folder / kName);
+        const VrkResult run = runVrk({"run", kName, "-o", "result"}, folder / ".");
         ASSERT_EQ(run.exitCode, 0) << run.err;
-        blocks = blocksOf(folder->read("result/report.html"));
+        blocks = blocksOf(folder.read("result/report.html"));
         for (const auto& [name, column] : blocks["reflections"].items())
             if (column.is_object()) columns[name] = unpacked(column);
     }
-    static void TearDownTestSuite() { folder.reset(); }
 
-    static json& summary() { return blocks["summary"]; }
+    json& summary() { return blocks["summary"]; }
+    void expectReflectionsOnTheirNodes();
+    void expectSpotsWhereTheyAreSaidToBe();
+    void expectSpotsInTheSections();
 
-    static std::unique_ptr<TemporaryFolder> folder;
-    static std::map<std::string, json> blocks;
-    static Columns columns;
+    TemporaryFolder folder;
+    std::map<std::string, json> blocks;
+    Columns columns;
 };
 
-std::unique_ptr<TemporaryFolder> ReportCommandTest::folder;
-std::map<std::string, json> ReportCommandTest::blocks;
-Columns ReportCommandTest::columns;
-
-TEST_F(ReportCommandTest, ShowsTheSummaryAndTheReflectionsOnTheirNodes) {
-    EXPECT_EQ(summary(), json::parse(folder->read("result/summary.json")));
+void ReportCommandTest::expectReflectionsOnTheirNodes() {
+    EXPECT_EQ(summary(), json::parse(folder.read("result/summary.json")));
     EXPECT_EQ(summary()["input"]["path"], kName);
-    EXPECT_EQ(summary()["inputs"][0]["bytes"], std::filesystem::file_size(*folder / kName));
+    EXPECT_EQ(summary()["inputs"][0]["bytes"], std::filesystem::file_size(folder / kName));
     EXPECT_EQ(summary()["program"]["command"], "vrk run '\"><script>alert(1)<'\\''script>.mrc' -o result");
-    EXPECT_EQ(folder->read("result/report.html").find("<script>alert"), std::string::npos);
+    EXPECT_EQ(folder.read("result/report.html").find("<script>alert"), std::string::npos);
 
     const std::size_t count = columns["h"].size();
     const json& base = summary()["crystals"][0]["reciprocal_vectors"];
@@ -101,7 +98,7 @@ TEST_F(ReportCommandTest, ShowsTheSummaryAndTheReflectionsOnTheirNodes) {
     EXPECT_LE(far, indexed / 50);
 }
 
-TEST_F(ReportCommandTest, ReflectionsStandWhereTheFramesShowThem) {
+void ReportCommandTest::expectSpotsWhereTheyAreSaidToBe() {
     const json& patterns = blocks["patterns"];
     ASSERT_EQ(patterns["frames"].size(), summary()["input"]["nz"]);
     ASSERT_EQ(patterns["bin"], 1);
@@ -156,7 +153,7 @@ TEST_F(ReportCommandTest, ReflectionsStandWhereTheFramesShowThem) {
     EXPECT_NEAR(patterns["axis"].get<double>(), 25, 0.5);
 }
 
-TEST_F(ReportCommandTest, SectionsShowSpotsOnNodesAndNothingWhereNothingWasRecorded) {
+void ReportCommandTest::expectSpotsInTheSections() {
     const json& sections = blocks["sections"];
     const int size = sections["size"];
     const double perPixel = 2 * sections["radius"].get<double>() / size;
@@ -182,8 +179,8 @@ TEST_F(ReportCommandTest, SectionsShowSpotsOnNodesAndNothingWhereNothingWasRecor
     const auto expectWedge = [&](const std::vector<unsigned char>& grey, const Vector& right,
                                  const Vector& up) {
         int wrong = 0, looked = 0;
-        for (int row = 0; row < size; row += 3)
-            for (int column = 0; column < size; column += 3) {
+        for (int row = 0; row < size; row += 2)
+            for (int column = 0; column < size; column += 2) {
                 const double u = (column - 0.5 * (size - 1)) * perPixel;
                 const double v = (0.5 * (size - 1) - row) * perPixel;
                 const double x = u * right[0] + v * up[0], z = u * right[2] + v * up[2];
@@ -231,21 +228,25 @@ TEST_F(ReportCommandTest, SectionsShowSpotsOnNodesAndNothingWhereNothingWasRecor
     EXPECT_GE(onNodes, spots * 9 / 10) << "of " << spots;
 }
 
-TEST_F(ReportCommandTest, MakesThePageAgainAndComparesResults) {
-    const VrkResult again = runVrk({"report", "result", "-o", "again.html"}, *folder / ".");
+TEST_F(ReportCommandTest, ShowsWhatTheRunFoundAndMakesThePageAgain) {
+    expectReflectionsOnTheirNodes();
+    expectSpotsWhereTheyAreSaidToBe();
+    expectSpotsInTheSections();
+
+    const VrkResult again = runVrk({"report", "result", "-o", "again.html"}, folder / ".");
     ASSERT_EQ(again.exitCode, 0) << again.err;
     EXPECT_EQ(again.out, "again.html\n");
-    std::map<std::string, json> same = blocksOf(folder->read("again.html"));
+    std::map<std::string, json> same = blocksOf(folder.read("again.html"));
     EXPECT_EQ(same["folder"], "result");
     same.erase("folder");
     EXPECT_EQ(same, blocks);
 
-    ASSERT_EQ(runVrk({"report", "result", "result"}, *folder / ".").exitCode, 0);
-    const std::string two = folder->read("comparison.html");
+    ASSERT_EQ(runVrk({"report", "result", "result"}, folder / ".").exitCode, 0);
+    const std::string two = folder.read("comparison.html");
     EXPECT_EQ(blocksOf(two, 1)["summary"], summary());
     EXPECT_FALSE(blocksOf(two, 1).contains("patterns"));
 
-    const VrkResult none = runVrk({"report", "."}, *folder / ".");
+    const VrkResult none = runVrk({"report", "."}, folder / ".");
     EXPECT_EQ(none.exitCode, 1);
     EXPECT_NE(none.err.find("holds no result"), std::string::npos) << none.err;
 }

@@ -46,7 +46,7 @@ vrk::RunOptions quick() {
 
 /// The summary up to what differs from run to run.
 std::string summaryOf(const vrk::RunResult& result) {
-    const std::string text = vrk::summaryJson("series", result, {}, {});
+    const std::string text = vrk::summaryJson({"", "series", {}}, result, {}, {});
     return text.substr(0, text.find("\"seconds\""));
 }
 
