@@ -1,6 +1,7 @@
 #include "pipeline/geometry/InstrumentRefinement.h"
 
 #include <Eigen/Cholesky>
+#include <Eigen/Eigenvalues>
 #include <Eigen/Geometry>
 #include <Eigen/LU>
 #include <algorithm>
@@ -28,11 +29,18 @@ constexpr double kLeastShift = 0.05;  // voxels that a term must move reflection
 constexpr double kMostInflation = 30.0;
 /// Standard deviation of a component of the ellipses that instruments have.
 constexpr double kUsualEllipse = 0.01;
+/// Weight that keeps a direction in place, over that of the reflections.
+constexpr double kFirm = 1e3;
 /// Steps of the numerical derivatives: far below what matters, far above rounding.
 constexpr double kStep = 1e-6;
 
 InstrumentTerm termOf(std::size_t i) {
     return static_cast<InstrumentTerm>(i);
+}
+
+/// Which of the used terms one is.
+std::ptrdiff_t columnOf(const Terms& used, InstrumentTerm term) {
+    return std::count(used.begin(), used.begin() + static_cast<std::ptrdiff_t>(term), true);
 }
 
 /// The state of the fit: an instrument and the lattice of the places that it gives.
@@ -42,6 +50,9 @@ struct State {
     double cost = std::numeric_limits<double>::infinity();  ///< robust, in squared voxels per coordinate
     double sigma = 0.0;
     std::size_t count = 0;
+    /// Direction in the plane of the ellipse's two numbers that is not refined, since the cell can take it
+    /// over; 0 for none.
+    Eigen::Vector2d held = Eigen::Vector2d::Zero();
 };
 
 /// The points of one refinement.
@@ -172,7 +183,19 @@ private:
             matrix.noalias() += weight * rows.transpose() * rows;
             right.noalias() -= weight * rows.transpose() * off;
         }
+        if (!state.held.isZero()) hold(state, used, matrix, right);
         return matrix;
+    }
+
+    static void hold(const State& state, const Terms& used, MatrixXd& matrix, VectorXd& right) {
+        using enum InstrumentTerm;
+        if (!used[static_cast<std::size_t>(EllipseCosine)]) return;
+        const auto column = static_cast<Eigen::Index>(columnOf(used, EllipseCosine));
+        const Eigen::Vector2d direction = state.held;
+        const Eigen::Vector2d value(state.model[EllipseCosine], state.model[EllipseSine]);
+        const double weight = kFirm * matrix.diagonal().segment<2>(column).sum();
+        matrix.block<2, 2>(column, column) += weight * direction * direction.transpose();
+        right.segment<2>(column) -= weight * direction.dot(value) * direction;
     }
 
     /// One step over the points within a radius. False when they do not determine one.
@@ -234,11 +257,28 @@ Terms withTerms(Terms terms, const std::vector<InstrumentTerm>& more) {
 bool areDistinct(Fit& fit, State state, const Terms& used) {
     fit.assess(state);
     const MatrixXd matrix = fit.normalMatrix(state, used);
-    const VectorXd scale = matrix.diagonal().cwiseMax(1e-300).cwiseSqrt().cwiseInverse();
+    state.held.setZero();
+    const VectorXd scale =
+        fit.normalMatrix(state, used).diagonal().cwiseMax(1e-300).cwiseSqrt().cwiseInverse();
     const MatrixXd scaled = scale.asDiagonal() * matrix * scale.asDiagonal();
     const auto terms = static_cast<Eigen::Index>(std::count(used.begin(), used.end(), true));
     const MatrixXd inverse = scaled.ldlt().solve(MatrixXd::Identity(matrix.rows(), terms));
     return inverse.allFinite() && inverse.diagonal().maxCoeff() < kMostInflation;
+}
+
+MatrixXd inverseOf(const MatrixXd& normal) {
+    const VectorXd scale = normal.diagonal().cwiseMax(1e-300).cwiseSqrt().cwiseInverse();
+    const MatrixXd scaled = scale.asDiagonal() * normal * scale.asDiagonal();
+    const MatrixXd inverse = scaled.ldlt().solve(MatrixXd::Identity(normal.rows(), normal.cols()));
+    return scale.asDiagonal() * inverse * scale.asDiagonal();
+}
+
+/// The direction of the ellipse's two numbers that reflections determine least.
+Eigen::Vector2d leastDetermined(Fit& fit, State state, const Terms& used) {
+    fit.assess(state);
+    const auto column = static_cast<Eigen::Index>(columnOf(used, InstrumentTerm::EllipseCosine));
+    const Eigen::Matrix2d covariance = inverseOf(fit.normalMatrix(state, used)).block<2, 2>(column, column);
+    return Eigen::SelfAdjointEigenSolver<Eigen::Matrix2d>(covariance).eigenvectors().col(1);
 }
 
 /// Half of the information criterion's gain of a trial over a state, with as many more numbers.
@@ -258,8 +298,16 @@ State select(Fit& fit, State state, const InstrumentSettings& settings, Terms& u
         std::size_t chosen = left.size();
         for (std::size_t i = 0; i < left.size(); ++i) {
             const Terms trialTerms = withTerms(used, left[i]);
-            const State trial = fit.refined(state, trialTerms);
-            const double gain = gainOf(fit, state, trial, left[i].size());
+            State trial = fit.refined(state, trialTerms);
+            std::size_t numbers = left[i].size();
+            if (left[i].front() == InstrumentTerm::EllipseCosine && !areDistinct(fit, trial, trialTerms)) {
+                // An ellipse along a direction of the crystal stretches the cell within its ties.
+                State held = state;
+                held.held = leastDetermined(fit, trial, trialTerms);
+                trial = fit.refined(held, trialTerms);
+                numbers = 1;
+            }
+            const double gain = gainOf(fit, state, trial, numbers);
             const bool matters = std::any_of(left[i].begin(), left[i].end(), [&](InstrumentTerm term) {
                 return fit.shiftOf(trial, term) > kLeastShift;
             });
@@ -284,17 +332,31 @@ State select(Fit& fit, State state, const InstrumentSettings& settings, Terms& u
     return state;
 }
 
-MatrixXd inverseOf(const MatrixXd& normal) {
-    const VectorXd scale = normal.diagonal().cwiseMax(1e-300).cwiseSqrt().cwiseInverse();
-    const MatrixXd scaled = scale.asDiagonal() * normal * scale.asDiagonal();
-    const MatrixXd inverse = scaled.ldlt().solve(MatrixXd::Identity(normal.rows(), normal.cols()));
-    return scale.asDiagonal() * inverse * scale.asDiagonal();
-}
-
 /// Covariance of terms and lattice, terms first.
 MatrixXd covarianceOf(Fit& fit, State& state, const Terms& used) {
     fit.assess(state);
-    return state.sigma * state.sigma * inverseOf(fit.normalMatrix(state, used));
+    const MatrixXd normal = fit.normalMatrix(state, used);
+    const MatrixXd inverse = inverseOf(normal);
+    MatrixXd covariance = state.sigma * state.sigma * inverse;
+    if (state.held.isZero() || !used[static_cast<std::size_t>(InstrumentTerm::EllipseCosine)])
+        return covariance;
+    // What an ellipse of the usual strength in the held direction would do to all that is refined.
+    State open = state;
+    open.held.setZero();
+    VectorXd direction = VectorXd::Zero(normal.rows());
+    direction.segment<2>(columnOf(used, InstrumentTerm::EllipseCosine)) = state.held;
+    const VectorXd response =
+        kUsualEllipse * (inverse * ((normal - fit.normalMatrix(open, used)) * direction));
+    covariance += response * response.transpose();
+    return covariance;
+}
+
+/// Covariance of the twelve numbers of the lattice with what the terms may do to them.
+Eigen::Matrix<double, 12, 12> latticeCovariance(Fit& fit, State& state, const Terms& used) {
+    const MatrixXd covariance = covarianceOf(fit, state, used);
+    const Eigen::Index size = state.lattice.size();
+    const auto chain = state.lattice.derivatives();
+    return chain * covariance.bottomRightCorner(size, size) * chain.transpose();
 }
 
 /// By how much the axis of a fit that left out a component of an ellipse is turned, over the component.
@@ -394,9 +456,11 @@ RefinedInstrument refineInstrument(std::span<const Vector3d> positions, std::spa
         points.push_back(
             {state.model.toReciprocal(PatternPlace::of(positions[i] - centre, tilts[i])) + centre});
     const Matrix34 model = state.lattice.model();
-    const LatticeFit final = fitLattice(points, {model.leftCols<3>(), model.col(3), start.pixelSize},
-                                        settings.tolerance, settings.ties);
+    LatticeFit final = fitLattice(points, {model.leftCols<3>(), model.col(3), start.pixelSize},
+                                  settings.tolerance, settings.ties);
     if (!final.valid) return result;
+    if (std::count(result.used.begin(), result.used.end(), true) > 0)
+        final.covariance = latticeCovariance(fit, state, result.used);
     result.valid = true;
     result.model = state.model;
     result.lattice = describe(final, settings.ties);

@@ -34,7 +34,7 @@ struct RefinedInstrument {
     /// Of the used terms; 0 elsewhere.
     Eigen::Matrix<double, kInstrumentTerms, kInstrumentTerms> covariance =
         Eigen::Matrix<double, kInstrumentTerms, kInstrumentTerms>::Zero();
-    RefinedLattice lattice;                  ///< on the corrected positions
+    RefinedLattice lattice;  ///< on the corrected positions; uncertainties hold those of the used terms
     std::vector<Eigen::Vector3d> positions;  ///< corrected, in the order of the input, voxels of the volume
     std::vector<Indices> indices;
     /// Standard uncertainty of the direction of the axis, whether it was used or not, radians.
@@ -54,8 +54,10 @@ struct RefinedInstrument {
 /// which takes most from the sum of squares, as long as the Bayesian information criterion (G. Schwarz, Ann.
 /// Stat. 6, 461 (1978), doi:10.1214/aos/1176344136) asks for it and the term moves the reflections by more
 /// than a twentieth of a voxel. An ellipse stretches all reciprocal space alike and cannot be told from the
-/// cell where that has no ties: its terms are tried with ties alone. An offset of all tilts turns the crystal
-/// and is not looked for.
+/// cell where that has no ties: its terms are tried with ties alone. Of an ellipse along a direction that the
+/// ties leave free, only what the reflections tell is refined; its uncertainty and those of the cell then
+/// hold what an ellipse of the usual strength, one per cent, would do beside. An offset of all tilts turns
+/// the crystal and is not looked for.
 ///
 /// \param positions  in the volume, voxels; not corrected for curvature
 /// \param tilts      at which each was seen, radians

@@ -116,32 +116,37 @@ private:
     double m_firstShare = 0.0;
 };
 
+/// A lattice indexed; nothing where it is none after all.
+std::optional<Indexed> indexed(Level level, const LatticeChoice& choice, const ReciprocalVolume& volume,
+                               const TiltAxis& axis, Session& session) {
+    std::vector<Level> levels;
+    levels.push_back(std::move(level));
+    try {
+        return indexReflections(std::move(levels), choice, volume, axis, session);
+    } catch (const Failure& failure) {
+        if (failure.kind() != FailureKind::NothingFound) throw;
+        return std::nullopt;
+    }
+}
+
 /// The next crystal; nothing where there is none.
 std::optional<FurtherCrystal> nextCrystal(const Indexed& first, const Remainder& left,
                                           const std::vector<Lattice>& known, const ReciprocalVolume& volume,
                                           const TiltAxis& axis, const CrystalSearch& how, Session& session) {
     const QuietLog quiet(session, QuietLog::Keep::InLogAlone);
-    Level level = left.level();
     const CellSearch search(searchOptions(how.cell, session));
-    const std::optional<FurtherLattice> found =
-        findFurtherLattice(left.points(), intensitiesOf(level), known, how.anyCell ? &search : nullptr);
+    const std::optional<FurtherLattice> found = findFurtherLattice(left.points(), intensitiesOf(left.level()),
+                                                                   known, how.anyCell ? &search : nullptr);
     if (!found) return std::nullopt;
     LatticeChoice choice;
     choice.best = found->candidate;
     choice.sense = first.refined.decided ? first.refined.sense : 0;
-    try {
-        std::vector<Level> levels;
-        levels.push_back(std::move(level));
-        FurtherCrystal crystal{
-            indexReflections(std::move(levels), choice, volume, axis, session), false, {}, 0.0, {}};
-        if (crystal.indexed.verdict.level == Confidence::Low) return std::nullopt;
-        crystal.turn = turnBetween(first.lattice().basis, crystal.indexed.lattice().basis);
-        crystal.sameCell = crystal.turn.has_value();
-        return crystal;
-    } catch (const Failure& failure) {
-        if (failure.kind() != FailureKind::NothingFound) throw;
-        return std::nullopt;
-    }
+    std::optional<Indexed> answer = indexed(left.level(), choice, volume, axis, session);
+    if (!answer || answer->verdict.level == Confidence::Low) return std::nullopt;
+    FurtherCrystal crystal{std::move(*answer), false, {}, 0.0, {}};
+    crystal.turn = turnBetween(first.lattice().basis, crystal.indexed.lattice().basis);
+    crystal.sameCell = crystal.turn.has_value();
+    return crystal;
 }
 
 /// Whether the lattice would be worth something if all that it leaves over belonged to others.
@@ -212,17 +217,11 @@ std::optional<Indexed> partOf(const Indexed& first, const ReciprocalVolume& volu
     choice.best.score = scoreLattice(points, *part);
     choice.sense = first.refined.decided ? first.refined.sense : 0;
     choice.tolerance = std::clamp(kReach / part->shortestEdge(), 0.06, choice.tolerance);
-    std::vector<Level> levels = {first.level};
     const QuietLog quiet(session, QuietLog::Keep::InLogAlone);
-    try {
-        Indexed indexed = indexReflections(std::move(levels), choice, volume, axis, session);
-        if (indexed.refined.lattice.sigma > kCloser * average.sigma) return std::nullopt;
-        indexed.cellThreshold = first.cellThreshold;
-        return indexed;
-    } catch (const Failure& failure) {
-        if (failure.kind() != FailureKind::NothingFound) throw;
-        return std::nullopt;
-    }
+    std::optional<Indexed> answer = indexed(first.level, choice, volume, axis, session);
+    if (!answer || answer->refined.lattice.sigma > kCloser * average.sigma) return std::nullopt;
+    answer->cellThreshold = first.cellThreshold;
+    return answer;
 }
 
 Crystals searchedFrom(Indexed& first, const LatticeCandidate* rival, const ReciprocalVolume& volume,

@@ -128,6 +128,30 @@ TEST(InstrumentRefinement, KnownShapesTellAnEllipseOfAnyCrystalAndKnownTermsStay
     EXPECT_LT(kept.axisSigma, 0.02 * kDegree);
 }
 
+TEST(InstrumentRefinement, RefinesOfAnEllipseWhatTheTiesTell) {
+    // Along or across the twofold axis of a monoclinic crystal an ellipse stretches the cell within its ties.
+    const std::array<double, 6> cell = {9.7, 6.4, 11.9, 90.0, 104.5, 90.0};
+    int told = 0, open = 0;
+    for (unsigned seed = 1; seed <= 6; ++seed) {
+        SCOPED_TRACE(seed);
+        const Recorded data(cell, {.ellipse = 0.014, .azimuth = 15.0 * seed}, 0.3, seed);
+        const vrk::RefinedInstrument found =
+            data.refined(vrk::CellTies::of(LATTICE::mP, Eigen::Matrix3d::Identity()));
+        ASSERT_TRUE(found.valid);
+        EXPECT_LT(found.ellipse(), 0.016);
+        EXPECT_LT(found.lattice.rms, 0.65);
+        for (const std::size_t i : {0U, 1U, 2U, 4U})
+            EXPECT_LT(std::abs(found.lattice.cell[i] - cell[i]), 3.0 * found.lattice.cellSigma[i]) << i;
+        const double uncertainty = found.lattice.cellSigma[1] / cell[1];
+        (uncertainty < 5e-4 ? told : open) += 1;
+        if (uncertainty >= 5e-4) {
+            EXPECT_LT(uncertainty, 0.015);
+        }
+    }
+    EXPECT_GE(told, 3);
+    EXPECT_GE(open, 1);
+}
+
 TEST(InstrumentRefinement, LeavesOutWhatANarrowWedgeCannotTellFromTheCell) {
     for (unsigned seed = 1; seed <= 8; ++seed) {
         const Recorded data(
