@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <memory>
 #include <nlohmann/json.hpp>
 #include <regex>
 #include <sstream>
@@ -26,11 +25,9 @@ struct Printed {
     const char* line;
     const char* file;  ///< empty: --json
     std::vector<const char*> lines;
-
-    friend void PrintTo(const Printed& printed, std::ostream* out) { *out << printed.line; }
 };
 
-const std::vector<Printed> kPrinted = {
+const std::vector<Printed> kRun = {
     {"run series.mrc -o out --no-pictures",
      "out/summary.json",
      {"series {/input/nz} frames of {/input/nx} x {/input/ny}, tilts {/input/tilt_first} to "
@@ -59,19 +56,39 @@ const std::vector<Printed> kPrinted = {
       "to {/intensities/overall/d_min} A, {/intensities/mode/name}",
       "quality I/sigma {/intensities/overall/i_over_sigma}, R_int {/intensities/overall/r_int}, R_meas "
       "{/intensities/overall/r_meas}, CC1/2 {/intensities/overall/cc_half}",
+      "symmetry {/intensities/laue/class} (then {/intensities/laue/candidates/1/class}, by "
+      "{/intensities/laue/candidates/1/evidence*-1} nats), space group "
+      "{/intensities/space_groups/candidates/0/symbol} or {/intensities/space_groups/candidates/1/symbol}, "
+      "{/intensities/space_groups/candidates/2/symbol}",
       "parameters threshold {/parameters/threshold} (lattice at {/parameters/cell_threshold}), zero beam "
       "{/parameters/zero_beam}, vectors {/parameters/min_length} to {/parameters/max_length}, dbscan, eps "
       "{/parameters/eps}, {/parameters/min_points} points",
       "seconds read {/seconds/read}, preprocess {/seconds/preprocess}, axis {/seconds/tilt_axis}, "
       "reconstruct {/seconds/reconstruct}, search {/seconds/search}, cell {/seconds/cell}, index "
       "{/seconds/index}, integrate {/seconds/integrate}, total {/seconds/total}; {/peak_memory_mib} MiB"}},
+};
+
+const std::vector<Printed> kBent = {
     {"run bent.mrc -o bent --no-pictures --no-integration",
      "bent/summary.json",
      {"tilt axis {/tilt_axis/refined_deg~/tilt_axis/refined_esd_deg} degrees (refined, stated as "
       "{/tilt_axis/stated_deg})",
       "instrument ellipse {=1.2,0.2}({?}) % along {=40,8} degrees, tilts {=1,0.4}({?}) % larger than stated",
+      "2: {/crystals/1/strong_share*100} % of the strong reflections, {/crystals/1/bravais} "
+      "{/crystals/1/cell/a} {/crystals/1/cell/b} {/crystals/1/cell/c} {/crystals/1/cell/alpha} "
+      "{/crystals/1/cell/beta} {/crystals/1/cell/gamma}, confidence {/crystals/1/confidence}, turned by "
+      "{/crystals/1/turn_deg} degrees",
       "crystals 1: {/crystals/0/strong_share*100} % of the strong reflections, cI {/crystals/0/cell/a} "
       "{/crystals/0/cell/b} {/crystals/0/cell/c} 90.00 90.00 90.00, confidence {/crystals/0/confidence}"}},
+    {"calibrate bent -o c.json",
+     "",
+     {"bent: cI, {/series/0/indexed} reflections indexed, residual {/series/0/residual_before_px} -> "
+      "{/series/0/residual_px} voxels",
+      "axis_angle_deg {/axis_angle_deg/value~/axis_angle_deg/su} correlation up to "
+      "{/axis_angle_deg/correlation}"}},
+};
+
+const std::vector<Printed> kStages = {
     {"import series.mrc -o i.mrc --sum 2",
      "",
      {"i.mrc: {/nz} slices of {/nx} x {/ny} pixels from {/frames_used} of {/frames_found} frames, {/sum} "
@@ -87,7 +104,7 @@ const std::vector<Printed> kPrinted = {
       "pixel size {/pixel_size*1e-10} 1/Angstrom ({/pixel_size} 1/m) per pixel; d = {=0.9375,0.001} Angstrom "
       "at the edge",
       "values {/values/min} to {/values/max}, mean {/values/mean}"}},
-    {"preprocess series.mrc -o clean.mrc",
+    {"preprocess series.mrc -o clean.mrc --rotate header",
      "",
      {"{/dims/2} patterns of {/dims/0} x {/dims/1} pixels, written to clean.mrc"}},
     {"reconstruct clean.mrc -o volume.mrc",
@@ -100,7 +117,7 @@ const std::vector<Printed> kPrinted = {
       "reach it), written to p.txt",
       "voxels {/voxels/min} {/voxels/p10} {/voxels/median} {/voxels/p90} {/voxels/max}",
       "intensity {/intensity/min} {/intensity/p10} {/intensity/median} {/intensity/p90} {/intensity/max}"}},
-    {"cell out/peaks.txt -o c.txt",
+    {"cell p.txt -o c.txt",
      "",
      {"reduced cell, A {/cell/a} {/cell/b} {/cell/c} {/cell/alpha} {/cell/beta} {/cell/gamma} {/cell/volume}",
       "lattice {/lattice/bravais}, A {/lattice/conventional/a} {/lattice/conventional/b} "
@@ -111,7 +128,7 @@ const std::vector<Printed> kPrinted = {
       "({/reflections/fraction_indexed*100} %; {/confidence/fraction_by_chance*100} % by chance) within "
       "{/reflections/radius_px} voxels",
       "confidence {/confidence/level}"}},
-    {"index out/peaks.txt out/cell.txt -o x.hkl --voltage 200 --lattice auto",
+    {"index p.txt c.txt -o x.hkl --voltage 200 --lattice auto",
      "",
      {"{/reflections/indexed} of {/reflections/found} reflections indexed "
       "({/reflections/fraction_indexed*100} %), displacement {/reflections/mean_displacement} voxels in the "
@@ -141,26 +158,25 @@ const std::vector<Printed> kPrinted = {
       "tilt axis {/tilt_axis_deg} degrees, pixel {/pixel_size*1e-10} 1/Angstrom ({/pixel_size} 1/m)"}},
 };
 
-class PrintedTest : public testing::TestWithParam<Printed> {
+class PrintedTest : public testing::Test {
 protected:
-    static void SetUpTestSuite() {
-        folder = std::make_unique<TemporaryFolder>();
-        for (const char* line :
-             {"simulate -o series.mrc --cell 5.2,6.1,4.6,90,105,90 --centring C --size 128 --dmin 1 --seed 4 "
-              "--tilts -60:60:3 --axis 6 --write-axis",
-              "simulate -o bent.mrc --cell 6.1,6.1,6.1,90,90,90 --centring I --size 128 --dmin 0.9 --tilts "
-              "-60:60:2 --axis 29 --state-axis 30 --ellipse 0.012 --ellipse-azimuth 40 --tilt-scale 1.01 "
-              "--peak 20000 --second-crystal 0.4",
-              "preprocess series.mrc -o clean.mrc --rotate header", "reconstruct clean.mrc -o volume.mrc",
-              "run series.mrc -o out --no-pictures"})
-            ASSERT_EQ(runVrkLine(line, *folder / ".").exitCode, 0) << line;
+    /// A crystal with a centring; or two, seen with distortion, wrong tilts and a wrong axis.
+    void simulate(const std::string& options) const {
+        ASSERT_EQ(runVrkLine("simulate -o " + options, m_folder / ".").exitCode, 0);
     }
-    static void TearDownTestSuite() { folder.reset(); }
+    void expectWhatTheJsonSays(const std::vector<Printed>& all) const;
 
-    static std::unique_ptr<TemporaryFolder> folder;
+    TemporaryFolder m_folder;
 };
 
-std::unique_ptr<TemporaryFolder> PrintedTest::folder;
+constexpr const char* kSeries =
+    "series.mrc --cell 5.2,6.1,4.6,90,105,90 --centring C --size 128 --dmin 1 --seed 4 --tilts -60:60:3 "
+    "--axis 6 "
+    "--write-axis";
+constexpr const char* kBentSeries =
+    "bent.mrc --cell 6.1,6.1,6.1,90,90,90 --centring I --size 128 --dmin 0.9 --tilts -60:60:2 --axis 29 "
+    "--state-axis 30 --ellipse 0.012 --ellipse-azimuth 40 --tilt-scale 1.01 --peak 20000 --second-crystal "
+    "0.4";
 
 /// A number in front of a text, which loses it, and half a unit of its last digit.
 struct Number {
@@ -224,26 +240,40 @@ bool says(std::string text, const std::string& form, const json& document) {
     return text.empty();
 }
 
-TEST_P(PrintedTest, SaysWhatTheJsonSays) {
-    const Printed& one = GetParam();
-    const VrkResult printed = runVrkLine(one.line, *folder / ".");
-    ASSERT_EQ(printed.exitCode, 0) << printed.err;
-    const json document =
-        json::parse(*one.file ? folder->read(one.file)
-                              : runVrkLine(one.line + std::string(" --json"), *folder / ".").out);
-    for (const char* form : one.lines) {
-        bool isThere = false;
-        std::istringstream lines(printed.out);
-        for (std::string line; !isThere && std::getline(lines, line);) {
-            std::string plain;
-            for (const std::string& word : words(line))
-                plain += (plain.empty() ? "" : " ") + word;
-            isThere = says(plain, form, document);
+void PrintedTest::expectWhatTheJsonSays(const std::vector<Printed>& all) const {
+    for (const Printed& one : all) {
+        const VrkResult printed = runVrkLine(one.line, m_folder / ".");
+        ASSERT_EQ(printed.exitCode, 0) << printed.err;
+        const json document =
+            json::parse(*one.file ? m_folder.read(one.file)
+                                  : runVrkLine(one.line + std::string(" --json"), m_folder / ".").out);
+        for (const char* form : one.lines) {
+            bool isThere = false;
+            std::istringstream lines(printed.out);
+            for (std::string line; !isThere && std::getline(lines, line);) {
+                std::string plain;
+                for (const std::string& word : words(line))
+                    plain += (plain.empty() ? "" : " ") + word;
+                isThere = says(plain, form, document);
+            }
+            EXPECT_TRUE(isThere) << form << '\n' << printed.out;
         }
-        EXPECT_TRUE(isThere) << form << '\n' << printed.out;
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Commands, PrintedTest, testing::ValuesIn(kPrinted));
+TEST_F(PrintedTest, RunSaysWhatItsSummarySays) {
+    simulate(kSeries);
+    expectWhatTheJsonSays(kRun);
+}
+
+TEST_F(PrintedTest, RunAndCalibrationTellTheInstrument) {
+    simulate(kBentSeries);
+    expectWhatTheJsonSays(kBent);
+}
+
+TEST_F(PrintedTest, StagesSayWhatTheirJsonSays) {
+    simulate(kSeries);
+    expectWhatTheJsonSays(kStages);
+}
 
 }  // namespace
