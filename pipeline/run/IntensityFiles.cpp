@@ -137,40 +137,43 @@ ReflectionSet solutionSet(const Indexed& indexed, const std::optional<Intensitie
 }  // namespace
 
 std::vector<std::filesystem::path> writeIntensityFiles(const RunResult& result, const CrystalText& text,
+                                                       const std::string& format,
                                                        const std::filesystem::path& folder) {
     std::vector<std::filesystem::path> files;
-    const auto write = [&](const std::string& name,
+    const auto write = [&](const char* kind, const std::string& name,
                            const std::function<void(const std::filesystem::path&)>& writer) {
+        if (!format.empty() && format != kind) return;
         OutputFile file(folder / name);
         writer(file.path());
         file.commit();
         files.push_back(folder / name);
     };
     ReflectionSet set = solutionSet(result.indexed, result.intensities, result.facts(), text);
-    write("reflections.hkl", [&](const auto& path) { writeShelx(set, path); });
-    write("crystal.ins", [&](const auto& path) { writeShelxInstructions(set, path); });
+    write("shelx", "reflections.hkl", [&](const auto& path) { writeShelx(set, path); });
+    write("shelx", "crystal.ins", [&](const auto& path) { writeShelxInstructions(set, path); });
     for (std::size_t i = 0; i < result.crystals.others.size(); ++i) {
         const FurtherCrystal& other = result.crystals.others[i];
         const ReflectionSet more = solutionSet(other.indexed, other.intensities, result.facts(), text);
-        write(nameOfCrystal(i + 2, ".hkl"), [&](const auto& path) { writeShelx(more, path); });
-        write(nameOfCrystal(i + 2, ".ins"), [&](const auto& path) { writeShelxInstructions(more, path); });
+        write("shelx", nameOfCrystal(i + 2, ".hkl"), [&](const auto& path) { writeShelx(more, path); });
+        write("shelx", nameOfCrystal(i + 2, ".ins"),
+              [&](const auto& path) { writeShelxInstructions(more, path); });
     }
     if (!result.intensities) return files;
 
     set.reflections = merged(result.intensities->reduction);
-    write("merged.mtz", [&](const auto& path) { writeMtz(set, path); });
-    write("merged.cif", [&](const auto& path) { writeCif(set, path); });
+    write("mtz", "merged.mtz", [&](const auto& path) { writeMtz(set, path); });
+    write("cif", "merged.cif", [&](const auto& path) { writeCif(set, path); });
     const ExperimentDescription experiment = experimentOf(result, set);
     const std::vector<MeasuredIntensity> all = measured(*result.intensities);
-    write("unmerged.mtz", [&](const auto& path) { writeUnmergedMtz(experiment, all, path); });
-    write("XDS_ASCII.HKL", [&](const auto& path) { writeXdsAscii(experiment, all, path); });
+    write("mtz", "unmerged.mtz", [&](const auto& path) { writeUnmergedMtz(experiment, all, path); });
+    write("xds", "XDS_ASCII.HKL", [&](const auto& path) { writeXdsAscii(experiment, all, path); });
     const std::vector<FrameIntensity> frames = onFrames(result.intensities->integration);
-    write("frames.csv", [&](const auto& path) { writeFrameTable(frames, path); });
+    write("frames", "frames.csv", [&](const auto& path) { writeFrameTable(frames, path); });
     const double rotation = std::max(experiment.rotation, 0.01);
     const int most = std::max(1, static_cast<int>(experiment.tilts.size()) / 2);
     const int together = std::clamp(static_cast<int>(std::lround(kVirtualFrame / rotation)), 1, most);
     const int step = std::max(1, together / 2);
-    write("dynamical.cif_pets",
+    write("pets", "dynamical.cif_pets",
           [&](const auto& path) { writeDynamicalCif(experiment, frames, together, step, path); });
     return files;
 }
