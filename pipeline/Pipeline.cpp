@@ -81,7 +81,7 @@ Result<std::vector<std::filesystem::path>> writeResults(const RunResult& result,
         ResultFolder results(folder);
         writeResultFiles(result, results.path(), session);
         session.checkCanceled();
-        writeIntensityFiles(result, text, results.path());
+        writeIntensityFiles(result, text, "", results.path());
         session.checkCanceled();
         writeSummaryAndReport({"", name, {}}, result, result.warnings, results.written(), true, results.path());
         std::vector<std::filesystem::path> paths;

@@ -19,7 +19,7 @@ draw() {
     "$vrk" peaks "$1.volume.mrc" -o peaks.txt --threshold 60 --zero-beam 12 >peaks-table.txt
     "$vrk" cell peaks.txt -o cell.txt >cell-table.txt
   fi
-  "$vrk" sections "$1.volume.mrc" cell.txt -o "$1" --plane hk0 --size 256 --nodes >sections.txt
+  "$vrk" sections "$1.volume.mrc" cell.txt -o "$1" --plane hk0 --size 384 --nodes >sections.txt
 }
 
 simulate right

@@ -18,6 +18,7 @@
 #include "pipeline/base/OutputFile.h"
 #include "pipeline/formats/CellEvaluationFiles.h"
 #include "pipeline/run/PeakCell.h"
+#include "pipeline/run/ResultFiles.h"
 
 namespace vrk::app {
 namespace {
@@ -85,14 +86,6 @@ Json toJson(const FurtherPeakCell& other, bool hasScale) {
     UnitCell(other.reciprocal).getBase(vectors[0].data(), vectors[1].data(), vectors[2].data());
     json["reciprocal_vectors_px"] = vectors;
     return json;
-}
-
-/// cell.txt becomes cell.crystal2.txt for the second crystal.
-std::filesystem::path nameOfCrystal(const std::filesystem::path& output, std::size_t number) {
-    std::filesystem::path name = output.stem();
-    name += ".crystal" + std::to_string(number);
-    name += output.extension();
-    return output.parent_path() / name;
 }
 
 /// The options that lead to the same answer; empty when no one set of them does.

@@ -311,10 +311,7 @@ void addDemoCommand(CommandLine& line, Host& host) {
         .range(-180.0, 180.0)
         .showDefault()
         .typeName("DEG");
-    command
-        .option("--tilt-axis", options->tiltAxis,
-                "As in 'vrk run', for instance 'search' [the series states the true one]")
-        .typeName("DEG|search|none");
+    addAxisOption(command, options->tiltAxis);
     command.option("--seed", settings.seed, "Seed of everything random").showDefault().typeName("INT");
     command.flag("--json", options->json, "Print the comparison as JSON");
     command.footer("Example:\n  vrk demo -o vrk-demo --cell 12.02,12.02,12.02,90,90,90 --centring I");

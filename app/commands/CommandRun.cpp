@@ -34,6 +34,7 @@ struct Options {
     std::filesystem::path distortion;
     std::string mode;
     std::string formula;
+    std::string format;
     LogOptions log;
     bool keepVolume = false;
     bool pictures = true;
@@ -86,7 +87,7 @@ std::string writeResults(const Options& options, const RunRecord& record, const 
     if (options.keepVolume) writeData(*result.volume.voxels, folder / "volume.mrc", host.session());
     writeResultFiles(result, folder, host.session());
     host.session().checkCanceled();
-    writeIntensityFiles(result, {options.series.stem().string(), options.formula}, folder);
+    writeIntensityFiles(result, {options.series.stem().string(), options.formula}, options.format, folder);
     host.session().checkCanceled();
     if (options.pictures) drawRunPictures(result, options.series.filename().string(), folder);
     host.session().checkCanceled();
@@ -164,6 +165,13 @@ void addRunCommand(CommandLine& line, Host& host) {
         .oneOf({nameOf(RotationMode::Continuous), nameOf(RotationMode::Stepwise),
                 nameOf(RotationMode::Precession)})
         .typeName("continuous|stepwise|precession")
+        .group(intensities);
+    command
+        .option(
+            "--format", options->format,
+            "Write the reflections in this format alone: shelx (.hkl and .ins), mtz, cif, xds, frames (.csv) "
+            "or pets [all]")
+        .oneOf({"shelx", "mtz", "cif", "xds", "frames", "pets"})
         .group(intensities);
     command.option("--formula", options->formula, "Formula unit for crystal.ins, as \"Ca3 Al2 Si3 O12\"")
         .group(intensities);

@@ -145,6 +145,8 @@ void writePattern(const VoxMRCData& series, int slice, std::optional<double> axi
     const double middleY = sheet.y(0.5 * (header.ny - 1));
     // Where the direct beam is, and with it the origin, is not known here.
     sheet.setScale({middleX, middleY, 1.0 / sheet.zoom()}, header.m_pixelsize, false);
+    for (std::string* name : {&sheet.overlay().border->bottomName, &sheet.overlay().border->leftName})
+        *name += " from the middle";
     sheet.describe(
         formatted("pattern %d, tilt %.2f\u00b0", slice + 1, static_cast<double>(header.tilt(slice))),
         {source, "", 0.0}, axis ? "" : "no tilt axis is stated");

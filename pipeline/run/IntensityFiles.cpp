@@ -205,33 +205,36 @@ void writeReflectionFile(const RunResult& result, ReflectionFile kind, const std
 }
 
 std::vector<std::filesystem::path> writeIntensityFiles(const RunResult& result, const CrystalText& text,
+                                                       const std::string& format,
                                                        const std::filesystem::path& folder) {
     std::vector<std::filesystem::path> files;
-    const auto write = [&](const std::string& name,
+    const auto write = [&](const char* kind, const std::string& name,
                            const std::function<void(const std::filesystem::path&)>& writer) {
+        if (!format.empty() && format != kind) return;
         writeFile(folder / name, writer);
         files.push_back(folder / name);
     };
     const FirstCrystal first(result, text);
-    const auto writeFirst = [&](const std::string& name, ReflectionFile kind) {
-        write(name, [&](const auto& path) { first.write(kind, path); });
+    const auto writeFirst = [&](const char* kind, const std::string& name, ReflectionFile file) {
+        write(kind, name, [&](const auto& path) { first.write(file, path); });
     };
-    writeFirst("reflections.hkl", ReflectionFile::Shelx);
-    writeFirst("crystal.ins", ReflectionFile::ShelxInstructions);
+    writeFirst("shelx", "reflections.hkl", ReflectionFile::Shelx);
+    writeFirst("shelx", "crystal.ins", ReflectionFile::ShelxInstructions);
     for (std::size_t i = 0; i < result.crystals.others.size(); ++i) {
         const FurtherCrystal& other = result.crystals.others[i];
         const ReflectionSet more = solutionSet(other.indexed, other.intensities, result.facts(), text);
-        write(nameOfCrystal(i + 2, ".hkl"), [&](const auto& path) { writeShelx(more, path); });
-        write(nameOfCrystal(i + 2, ".ins"), [&](const auto& path) { writeShelxInstructions(more, path); });
+        write("shelx", nameOfCrystal(i + 2, ".hkl"), [&](const auto& path) { writeShelx(more, path); });
+        write("shelx", nameOfCrystal(i + 2, ".ins"),
+              [&](const auto& path) { writeShelxInstructions(more, path); });
     }
     if (!result.intensities) return files;
 
-    writeFirst("merged.mtz", ReflectionFile::Mtz);
-    writeFirst("merged.cif", ReflectionFile::Cif);
-    writeFirst("unmerged.mtz", ReflectionFile::UnmergedMtz);
-    writeFirst("XDS_ASCII.HKL", ReflectionFile::XdsAscii);
-    writeFirst("frames.csv", ReflectionFile::FrameTable);
-    writeFirst("dynamical.cif_pets", ReflectionFile::DynamicalCif);
+    writeFirst("mtz", "merged.mtz", ReflectionFile::Mtz);
+    writeFirst("cif", "merged.cif", ReflectionFile::Cif);
+    writeFirst("mtz", "unmerged.mtz", ReflectionFile::UnmergedMtz);
+    writeFirst("xds", "XDS_ASCII.HKL", ReflectionFile::XdsAscii);
+    writeFirst("frames", "frames.csv", ReflectionFile::FrameTable);
+    writeFirst("pets", "dynamical.cif_pets", ReflectionFile::DynamicalCif);
     return files;
 }
 

@@ -49,7 +49,9 @@ void writeReflectionFile(const RunResult& result, ReflectionFile kind, const std
 /// - dynamical.cif_pets: sums over virtual frames, for dynamical refinement.
 ///
 /// Without them the HKL file has the sums over the volume. Throws Failure when one cannot be written.
+/// \param format  "shelx", "mtz", "cif", "xds", "frames" or "pets" alone; empty: all
 std::vector<std::filesystem::path> writeIntensityFiles(const RunResult& result, const CrystalText& text,
+                                                       const std::string& format,
                                                        const std::filesystem::path& folder);
 
 }  // namespace vrk

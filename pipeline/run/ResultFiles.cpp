@@ -54,6 +54,11 @@ std::string nameOfCrystal(std::size_t number, const std::string& end) {
     return "crystal" + std::to_string(number) + end;
 }
 
+std::filesystem::path nameOfCrystal(const std::filesystem::path& first, std::size_t number) {
+    return first.parent_path() /
+           (first.stem().string() + '.' + nameOfCrystal(number, first.extension().string()));
+}
+
 std::vector<std::filesystem::path> writeResultFiles(const RunResult& result,
                                                     const std::filesystem::path& folder, Session& session) {
     std::vector<std::filesystem::path> files;

@@ -16,6 +16,8 @@ std::vector<IndexedReflection> conventionalReflections(const Indexed& indexed);
 
 /// The name of a file of a further crystal: 2 and ".hkl" give crystal2.hkl.
 std::string nameOfCrystal(std::size_t number, const std::string& end);
+/// The same beside a file of the first: out/cell.txt and 2 give out/cell.crystal2.txt.
+std::filesystem::path nameOfCrystal(const std::filesystem::path& first, std::size_t number);
 
 /// Writes peaks.txt, cell.txt, crystal2.cell.txt ... of further crystals, centres.txt, reflections.csv,
 /// cell-report.txt and cell-report.json. \returns their paths. Throws Failure when one cannot be written.

@@ -122,8 +122,9 @@ void drawBorder(cv::Mat& canvas, const cv::Rect& picture, const ImageOverlay::Bo
     const cv::Scalar white(230, 230, 230);
     double baseline = 20.0;
     for (const std::string& caption : border.captions) {
-        const PictureText text(caption);
-        text.draw(canvas, picture.x, baseline, white);
+        // Small pictures get small letters.
+        const double fits = (picture.width + ImageOverlay::Border::kRight) / PictureText(caption).width();
+        PictureText(caption, 0.5 * std::clamp(fits, 0.6, 1.0)).draw(canvas, picture.x, baseline, white);
         baseline += 23.0;
     }
     cv::rectangle(canvas, {picture.x - 1, picture.y - 1, picture.width + 2, picture.height + 2}, kRingColour);

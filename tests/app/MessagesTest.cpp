@@ -221,6 +221,9 @@ struct Shown {
     int lines = 0;
     int rewritten = 0;  ///< that stand where another stood
     bool controlled = false;
+    int lastShare = 0;    ///< percent
+    bool ascends = true;  ///< within a part of the work
+    std::string part;
 
     explicit Shown(const std::string& bytes) : controlled(bytes.find('\x1b') != std::string::npos) {
         std::string text;
@@ -229,6 +232,12 @@ struct Shown {
                 i += 2;  // wipes the rest of the line
             else if (bytes[i] == '\r' || bytes[i] == '\n') {
                 if (words(text).size() > 1) longest = std::max(longest, text.size());
+                if (const std::size_t percent = text.find(" %"); percent != std::string::npos) {
+                    const int share = std::stoi(text.substr(text.rfind(' ', percent - 1)));
+                    ascends = ascends && (share >= lastShare || words(text)[0] != part);
+                    lastShare = share;
+                    part = words(text)[0];
+                }
                 lines += bytes[i] == '\n';
                 rewritten += bytes[i] == '\r' && i + 1 < bytes.size() && bytes[i + 1] != '\n';
                 text.clear();
@@ -245,9 +254,11 @@ TEST(Main, TerminalsGetWhatTheyCanShow) {
         EXPECT_LE(help.longest, static_cast<std::size_t>(columns));
         EXPECT_GT(help.lines, 30);
         const std::string work = "simulate -o s.mrc --cell 5,6,7,90,90,90 --size 128 --tilts -60:60:2 --json";
-        const Shown bar(runVrkInTerminal(work, folder / ".", columns).out.substr(0, 4000));
+        const Shown bar(runVrkInTerminal(work, folder / ".", columns).out);
         EXPECT_TRUE(bar.controlled);
         EXPECT_GT(bar.rewritten, 5);
+        EXPECT_GT(bar.lastShare, 80);
+        EXPECT_TRUE(bar.ascends);
         const Shown plain(runVrkInTerminal(work, folder / ".", columns, "dumb").out);
         EXPECT_FALSE(plain.controlled);
         EXPECT_EQ(plain.rewritten, 0);
@@ -258,7 +269,9 @@ TEST(Main, TerminalsGetWhatTheyCanShow) {
               0);
     const std::string run = "run s.mrc -o r --no-pictures --no-integration --voltage 200 --json";
     const std::string bar = runVrkInTerminal(run, folder / ".", 30).out;
-    EXPECT_LT(Shown(bar.substr(0, bar.find("vrk: "))).longest, 30U);
+    const Shown parts(bar.substr(0, bar.find("vrk: ")));
+    EXPECT_LT(parts.longest, 30U);
+    EXPECT_TRUE(parts.ascends);
     EXPECT_NE(bar.find("1/9 read"), std::string::npos);
     EXPECT_NE(runVrkInTerminal(run, folder / ".", 30, "dumb").out.find("1/9 read, 0."), std::string::npos);
 }

@@ -1,0 +1,279 @@
+// What a command prints says the same as its JSON.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <nlohmann/json.hpp>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "app/RunVrk.h"
+#include "support/TemporaryFolder.h"
+
+namespace {
+
+using nlohmann::json;
+
+/// A command line and lines that it prints, blanks counting as one. In braces:
+///   /path          the value there in the JSON that the command prints with --json, or in the file
+///   /path*1e-10    so many times that value
+///   /path~/other   the value with its uncertainty in brackets, where there is one
+///   =40,8          a number within 8 of 40
+///   ?              any number
+struct Printed {
+    const char* line;
+    const char* file;  ///< empty: --json
+    std::vector<const char*> lines;
+};
+
+const std::vector<Printed> kRun = {
+    {"run series.mrc -o out --no-pictures",
+     "out/summary.json",
+     {"series {/input/nz} frames of {/input/nx} x {/input/ny}, tilts {/input/tilt_first} to "
+      "{/input/tilt_last} degrees",
+      "pixel size {/input/pixel_size*1e-10} 1/Angstrom ({/input/pixel_size} 1/m), "
+      "{/parameters/voltage_kv} kV",
+      "tilt axis {/tilt_axis/refined_deg~/tilt_axis/refined_esd_deg} degrees (header)",
+      "reduced {/cell/reduced/a~/cell/esd/reduced/a} {/cell/reduced/b~/cell/esd/reduced/b} "
+      "{/cell/reduced/c~/cell/esd/reduced/c} {/cell/reduced/alpha~/cell/esd/reduced/alpha} "
+      "{/cell/reduced/beta~/cell/esd/reduced/beta} {/cell/reduced/gamma~/cell/esd/reduced/gamma}",
+      "conventional {/cell/conventional/a~/cell/esd/conventional/a} "
+      "{/cell/conventional/b~/cell/esd/conventional/b} {/cell/conventional/c~/cell/esd/conventional/c} "
+      "{/cell/conventional/alpha} {/cell/conventional/beta~/cell/esd/conventional/beta} "
+      "{/cell/conventional/gamma}",
+      "lattice {/cell/conventional/bravais}, misfit {/cell/conventional/misfit_deg} degrees, volume "
+      "{/cell/conventional/volume} A^3, confidence {/confidence/level}",
+      "or {/cell/candidates/1/bravais}, misfit {/cell/candidates/1/misfit_deg} degrees: "
+      "{/cell/candidates/1/a} {/cell/candidates/1/b} {/cell/candidates/1/c} {/cell/candidates/1/alpha} "
+      "{/cell/candidates/1/beta} {/cell/candidates/1/gamma}",
+      "reflections {/reflections/found} found, {/reflections/indexed} indexed "
+      "({/reflections/fraction_indexed*100} %), {/reflections/different_indices} different, to "
+      "{/completeness/half_limit} A",
+      "residual {/reflections/residual_px} voxels", "handedness +{/handedness/sense}",
+      "intensities {/intensities/reflections/observations} of {/intensities/reflections/predicted} "
+      "reflections, {/intensities/overall/unique} unique, {/intensities/overall/completeness*100} % complete "
+      "to {/intensities/overall/d_min} A, {/intensities/mode/name}",
+      "quality I/sigma {/intensities/overall/i_over_sigma}, R_int {/intensities/overall/r_int}, R_meas "
+      "{/intensities/overall/r_meas}, CC1/2 {/intensities/overall/cc_half}",
+      "symmetry {/intensities/laue/class} (then {/intensities/laue/candidates/1/class}, by "
+      "{/intensities/laue/candidates/1/evidence*-1} nats), space group "
+      "{/intensities/space_groups/candidates/0/symbol} or {/intensities/space_groups/candidates/1/symbol}, "
+      "{/intensities/space_groups/candidates/2/symbol}",
+      "parameters threshold {/parameters/threshold} (lattice at {/parameters/cell_threshold}), zero beam "
+      "{/parameters/zero_beam}, vectors {/parameters/min_length} to {/parameters/max_length}, dbscan, eps "
+      "{/parameters/eps}, {/parameters/min_points} points",
+      "seconds read {/seconds/read}, preprocess {/seconds/preprocess}, axis {/seconds/tilt_axis}, "
+      "reconstruct {/seconds/reconstruct}, search {/seconds/search}, cell {/seconds/cell}, index "
+      "{/seconds/index}, integrate {/seconds/integrate}, total {/seconds/total}; {/peak_memory_mib} MiB"}},
+};
+
+const std::vector<Printed> kBent = {
+    {"run bent.mrc -o bent --no-pictures --no-integration",
+     "bent/summary.json",
+     {"tilt axis {/tilt_axis/refined_deg~/tilt_axis/refined_esd_deg} degrees (refined, stated as "
+      "{/tilt_axis/stated_deg})",
+      "instrument ellipse {=1.2,0.2}({?}) % along {=40,8} degrees, tilts {=1,0.4}({?}) % larger than stated",
+      "2: {/crystals/1/strong_share*100} % of the strong reflections, {/crystals/1/bravais} "
+      "{/crystals/1/cell/a} {/crystals/1/cell/b} {/crystals/1/cell/c} {/crystals/1/cell/alpha} "
+      "{/crystals/1/cell/beta} {/crystals/1/cell/gamma}, confidence {/crystals/1/confidence}, turned by "
+      "{/crystals/1/turn_deg} degrees",
+      "crystals 1: {/crystals/0/strong_share*100} % of the strong reflections, cI {/crystals/0/cell/a} "
+      "{/crystals/0/cell/b} {/crystals/0/cell/c} 90.00 90.00 90.00, confidence {/crystals/0/confidence}"}},
+    {"calibrate bent -o c.json",
+     "",
+     {"bent: cI, {/series/0/indexed} reflections indexed, residual {/series/0/residual_before_px} -> "
+      "{/series/0/residual_px} voxels",
+      "axis_angle_deg {/axis_angle_deg/value~/axis_angle_deg/su} correlation up to "
+      "{/axis_angle_deg/correlation}"}},
+};
+
+const std::vector<Printed> kStages = {
+    {"import series.mrc -o i.mrc --sum 2",
+     "",
+     {"i.mrc: {/nz} slices of {/nx} x {/ny} pixels from {/frames_used} of {/frames_found} frames, {/sum} "
+      "added up at a time, counts x {/scale}",
+      "tilts {/tilt_first} to {/tilt_last} degrees",
+      "pixel size {/pixel_size*1e-10} 1/Angstrom ({/pixel_size} 1/m), voltage {/kilovolts} kV, tilt axis "
+      "{/tilt_axis} degrees"}},
+    {"info series.mrc",
+     "",
+     {"series.mrc: tilt series, {/header/nz} patterns of {/header/nx} x {/header/ny}",
+      "tilts {/tilt/first} to {/tilt/last} degrees, regular steps of {/tilt/step}",
+      "tilt axis {/tilt/axis} degrees from the image's y axis", "high tension {/tilt/high_tension_kv} kV",
+      "pixel size {/pixel_size*1e-10} 1/Angstrom ({/pixel_size} 1/m) per pixel; d = {=0.9375,0.001} Angstrom "
+      "at the edge",
+      "values {/values/min} to {/values/max}, mean {/values/mean}"}},
+    {"preprocess series.mrc -o clean.mrc --rotate header",
+     "",
+     {"{/dims/2} patterns of {/dims/0} x {/dims/1} pixels, written to clean.mrc"}},
+    {"reconstruct clean.mrc -o volume.mrc",
+     "",
+     {"volume of {/dims/0} x {/dims/1} x {/dims/2} voxels, written to volume.mrc",
+      "pixel size {/pixel_size*1e-10} 1/Angstrom ({/pixel_size} 1/m), largest value {/max}, {?} s"}},
+    {"peaks volume.mrc -o p.txt",
+     "",
+     {"{/reflections} reflections at threshold {/parameters/threshold} ({/foreground_voxels} of {?} voxels "
+      "reach it), written to p.txt",
+      "voxels {/voxels/min} {/voxels/p10} {/voxels/median} {/voxels/p90} {/voxels/max}",
+      "intensity {/intensity/min} {/intensity/p10} {/intensity/median} {/intensity/p90} {/intensity/max}"}},
+    {"cell p.txt -o c.txt",
+     "",
+     {"reduced cell, A {/cell/a} {/cell/b} {/cell/c} {/cell/alpha} {/cell/beta} {/cell/gamma} {/cell/volume}",
+      "lattice {/lattice/bravais}, A {/lattice/conventional/a} {/lattice/conventional/b} "
+      "{/lattice/conventional/c} {/lattice/conventional/alpha} {/lattice/conventional/beta} "
+      "{/lattice/conventional/gamma}",
+      "lattice {/lattice/bravais}, misfit {/lattice/misfit_deg} degrees",
+      "indexed {/reflections/indexed} of {/reflections/found} reflections "
+      "({/reflections/fraction_indexed*100} %; {/confidence/fraction_by_chance*100} % by chance) within "
+      "{/reflections/radius_px} voxels",
+      "confidence {/confidence/level}"}},
+    {"index p.txt c.txt -o x.hkl --voltage 200 --lattice auto",
+     "",
+     {"{/reflections/indexed} of {/reflections/found} reflections indexed "
+      "({/reflections/fraction_indexed*100} %), displacement {/reflections/mean_displacement} voxels in the "
+      "mean, {/reflections/rms_displacement} rms",
+      "cell {/cell/bravais}: {/cell/parameters/0~/cell/esd/0} {/cell/parameters/1~/cell/esd/1} "
+      "{/cell/parameters/2~/cell/esd/2} 90 {/cell/parameters/4~/cell/esd/4} 90 volume "
+      "{/cell/volume~/cell/volume_esd}",
+      "handedness +{/refinement/sense}, residual {/refinement/residual_plus} voxels with +1, "
+      "{/refinement/residual_minus} with -1"}},
+    {"tilt-axis series.mrc -o ax --range 4 8 2",
+     "",
+     {"tilt axis {/angle_deg} +- {/uncertainty_deg} degrees (best angle tried: {/grid_angle_deg})",
+      "{/scores/1/angle_deg} {/scores/1/variance} {/scores/1/max} {/scores/1/reflections}"}},
+    {"cell-info 5 5.1 7 90.3 90.4 90.2",
+     "",
+     {"Reduced (Niggli) A {/reduced/a} {/reduced/b} {/reduced/c} {/reduced/alpha} {/reduced/beta} "
+      "{/reduced/gamma} {/reduced/volume}",
+      "Reciprocal cell 1/A {/reciprocal/a} {/reciprocal/b} {/reciprocal/c} {/reciprocal/alpha} "
+      "{/reciprocal/beta} {/reciprocal/gamma} {/reciprocal/volume}",
+      "* {/lattices/0/character} tP {/lattices/0/misfit_deg} {/lattices/0/misfit_length*100} "
+      "{/lattices/0/conventional/a} {/lattices/0/conventional/b} {/lattices/0/conventional/c} "
+      "{/lattices/0/conventional/alpha} {/lattices/0/conventional/beta} {/lattices/0/conventional/gamma} "
+      "{=178.49,0.01}"}},
+    {"simulate -o s.mrc --cell 4,5,6,80,95,100 --size 64 --dmin 2 --tilts -9:9:3 --axis 20",
+     "s.truth.json",
+     {"s.mrc: 7 frames of 64 x 64 pixels, tilts {/tilts/0} to {/tilts/6} degrees",
+      "tilt axis {/tilt_axis_deg} degrees, pixel {/pixel_size*1e-10} 1/Angstrom ({/pixel_size} 1/m)"}},
+};
+
+class PrintedTest : public testing::Test {
+protected:
+    /// A crystal with a centring; or two, seen with distortion, wrong tilts and a wrong axis.
+    void simulate(const std::string& options) const {
+        ASSERT_EQ(runVrkLine("simulate -o " + options, m_folder / ".").exitCode, 0);
+    }
+    void expectWhatTheJsonSays(const std::vector<Printed>& all) const;
+
+    TemporaryFolder m_folder;
+};
+
+constexpr const char* kSeries =
+    "series.mrc --cell 5.2,6.1,4.6,90,105,90 --centring C --size 128 --dmin 1 --seed 4 --tilts -60:60:3 "
+    "--axis 6 "
+    "--write-axis";
+constexpr const char* kBentSeries =
+    "bent.mrc --cell 6.1,6.1,6.1,90,90,90 --centring I --size 128 --dmin 0.9 --tilts -60:60:2 --axis 29 "
+    "--state-axis 30 --ellipse 0.012 --ellipse-azimuth 40 --tilt-scale 1.01 --peak 20000 --second-crystal "
+    "0.4";
+
+/// A number in front of a text, which loses it, and half a unit of its last digit.
+struct Number {
+    double value = std::nan("");
+    double half = 0;
+    int decimals = 0;
+
+    explicit Number(std::string& text) {
+        static const std::regex form(R"(^-?\d+(\.(\d+))?(e([+-]\d+))?)");
+        std::smatch found;
+        if (!std::regex_search(text, found, form)) return;
+        value = std::stod(found.str());
+        decimals = static_cast<int>(found[2].length()) - (found[4].matched ? std::stoi(found[4]) : 0);
+        half = 0.501 * std::pow(10, -decimals);
+        text = found.suffix();
+    }
+};
+
+/// Takes what an item in braces stands for from the front of a text.
+bool take(const std::string& item, std::string& text, const json& document) {
+    const auto at = [&](const std::string& path) { return document.at(json::json_pointer(path)); };
+    const std::size_t tilde = item.find('~');
+    const std::size_t star = item.find('*');
+    if (item[0] == '/' && at(item.substr(0, std::min(tilde, star))).is_string()) {
+        const std::string expected = at(item);
+        if (!text.starts_with(expected)) return false;
+        text.erase(0, expected.size());
+        return true;
+    }
+    const Number printed(text);
+    if (std::isnan(printed.value)) return false;
+    if (item == "?") return true;
+    if (item[0] == '=') {
+        const double expected = std::stod(item.substr(1));
+        return std::abs(printed.value - expected) <= std::stod(item.substr(item.find(',') + 1));
+    }
+    const double factor = star == std::string::npos ? 1 : std::stod(item.substr(star + 1));
+    const double value = factor * at(item.substr(0, std::min(tilde, star))).get<double>();
+    // Pixel sizes are floats.
+    if (std::abs(printed.value - value) > printed.half + 1e-7 * std::abs(value)) return false;
+    if (tilde == std::string::npos || text[0] != '(') return true;
+    text.erase(0, 1);
+    const Number uncertainty(text);
+    const double sigma = at(item.substr(tilde + 1)).get<double>() * std::pow(10, printed.decimals);
+    const bool fits = std::abs(uncertainty.value - sigma) <= 0.501 && text[0] == ')';
+    text.erase(0, 1);
+    return fits;
+}
+
+bool says(std::string text, const std::string& form, const json& document) {
+    for (std::size_t i = 0; i < form.size(); ++i) {
+        if (form[i] == '{') {
+            const std::size_t end = form.find('}', i);
+            if (!take(form.substr(i + 1, end - i - 1), text, document)) return false;
+            i = end;
+        } else {
+            if (text.empty() || text[0] != form[i]) return false;
+            text.erase(0, 1);
+        }
+    }
+    return text.empty();
+}
+
+void PrintedTest::expectWhatTheJsonSays(const std::vector<Printed>& all) const {
+    for (const Printed& one : all) {
+        const VrkResult printed = runVrkLine(one.line, m_folder / ".");
+        ASSERT_EQ(printed.exitCode, 0) << printed.err;
+        const json document =
+            json::parse(*one.file ? m_folder.read(one.file)
+                                  : runVrkLine(one.line + std::string(" --json"), m_folder / ".").out);
+        for (const char* form : one.lines) {
+            bool isThere = false;
+            std::istringstream lines(printed.out);
+            for (std::string line; !isThere && std::getline(lines, line);) {
+                std::string plain;
+                for (const std::string& word : words(line))
+                    plain += (plain.empty() ? "" : " ") + word;
+                isThere = says(plain, form, document);
+            }
+            EXPECT_TRUE(isThere) << form << '\n' << printed.out;
+        }
+    }
+}
+
+TEST_F(PrintedTest, RunSaysWhatItsSummarySays) {
+    simulate(kSeries);
+    expectWhatTheJsonSays(kRun);
+}
+
+TEST_F(PrintedTest, RunAndCalibrationTellTheInstrument) {
+    simulate(kBentSeries);
+    expectWhatTheJsonSays(kBent);
+}
+
+TEST_F(PrintedTest, StagesSayWhatTheirJsonSays) {
+    simulate(kSeries);
+    expectWhatTheJsonSays(kStages);
+}
+
+}  // namespace
