@@ -165,6 +165,25 @@ TEST(Library, StopsWhenItIsAskedTo) {
     EXPECT_THROW(result.value(), vrk::Failure);
 }
 
+TEST(Library, RefusesOptionsThatNoCommandLineChecked) {
+    const double none = std::numeric_limits<double>::quiet_NaN();
+    const std::vector<std::function<void(vrk::RunOptions&)>> wrong = {
+        [&](auto& o) { o.pixelSize = none; },      [&](auto& o) { o.kiloVolts = -200; },
+        [&](auto& o) { o.axis.angle = none; },     [&](auto& o) { o.search.threshold = none; },
+        [&](auto& o) { o.search.maxVoxels = 0; },  [&](auto& o) { o.cell.eps = 0; },
+        [&](auto& o) { o.cell.minPoints = 0; },    [&](auto& o) { o.cell.refineClusters = 101; },
+        [&](auto& o) { o.intensities.dMin = -1; }, [&](auto& o) { o.intensities.gain = 0; },
+        [&](auto& o) { o.crystals = 0; },
+    };
+    for (std::size_t i = 0; i < wrong.size(); ++i) {
+        vrk::RunOptions options = quick();
+        wrong[i](options);
+        const auto result = vrk::run(simple(), options);
+        ASSERT_FALSE(result) << i;
+        EXPECT_EQ(result.error().kind, vrk::FailureKind::Usage) << i;
+    }
+}
+
 TEST(Library, FindsTheCellOfReflections) {
     std::vector<Eigen::Vector3d> places;
     for (int h = -5; h <= 5; ++h)
