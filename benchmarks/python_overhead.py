@@ -13,6 +13,7 @@ import vrkcore
 series = vrkcore.simulate([7, 9, 12, 90, 90, 90], size=512, write_axis=True, axis=20)
 shares = []
 for _ in range(3):
+    result = tables = None  # freeing them is not part of it
     start = time.perf_counter()
     result = vrkcore.run(series, progress=lambda share, name: None)
     tables = result.reflections, result.frames, result.intensities, result.merged, result.volume, result.summary

@@ -158,8 +158,11 @@ TEST(Library, StopsWhenItIsAskedTo) {
         farthest = std::max(farthest, now.part + now.share);
     };
     observer.stop = [&] { return farthest > 4; };
+    int lines = 0;
+    observer.log = [&](const char*, VRK::MessageType) { ++lines; };
     const auto result = vrk::run(simple(), quick(), observer);
     ASSERT_FALSE(result);
+    EXPECT_GT(lines, 10);
     EXPECT_EQ(result.error().kind, vrk::FailureKind::Canceled);
     EXPECT_LT(farthest, 7);
     EXPECT_THROW(result.value(), vrk::Failure);
