@@ -129,9 +129,9 @@ Result<TiltSeries> TiltSeries::make(int columns, int rows, std::span<const doubl
 }
 
 std::vector<double> TiltSeries::tilts() const {
-    std::vector<double> list;
+    std::vector<double> list(static_cast<std::size_t>(frames()));
     for (int z = 0; z < frames(); ++z)
-        list.push_back(m_data->m_Header.tilt(z));
+        list[static_cast<std::size_t>(z)] = m_data->m_Header.tilt(z);
     return list;
 }
 
