@@ -5,6 +5,7 @@
 
 #include "pipeline/base/NumberText.h"
 #include "pipeline/base/ResultFolder.h"
+#include "pipeline/run/OptionCheck.h"
 #include "pipeline/run/ResultFiles.h"
 #include "pipeline/report/Report.h"
 #include "pipeline/simulation/Simulation.h"
@@ -51,6 +52,7 @@ Result<TiltSeries> importSeries(const std::vector<std::filesystem::path>& files,
 Result<RunResult> run(const TiltSeries& series, const RunOptions& options, Observer& observer,
                       const RunStages& stages) {
     return attempt(observer, [&](Session& session) {
+        checkOptions(options);
         RunResult result = run(series.copy(), options, session, nullptr, stages);
         session.endParts();
         return result;
@@ -60,6 +62,7 @@ Result<RunResult> run(const TiltSeries& series, const RunOptions& options, Obser
 Result<PeakCell> findCell(std::span<const Eigen::Vector3d> places, std::span<const double> intensities,
                           const PeakCellOptions& options, Observer& observer) {
     return attempt(observer, [&](Session& session) {
+        checkOptions(options.cell);
         return findCell(peakList(places, intensities), options, session);
     });
 }

@@ -23,6 +23,8 @@ public:
     std::function<void(const Progress&)> progress;
     std::function<void(const std::string&)> warning;  ///< what a user should know, each text once
     std::function<bool()> stop;                       ///< true stops the work
+    /// Every line of the log, traces included.
+    std::function<void(const char*, VRK::MessageType)> log;
 
     void partBegan(int number, int count, const std::string& name, int /*stages*/) override {
         m_now = {number, count, name, 0.0};
@@ -37,6 +39,9 @@ public:
     }
     void warned(const std::string& text, bool /*isError*/) override {
         if (warning) warning(text);
+    }
+    void logged(const char* message, VRK::MessageType type) override {
+        if (log) log(message, type);
     }
     bool canceled() override { return stop && stop(); }
 

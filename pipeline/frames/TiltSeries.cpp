@@ -44,12 +44,13 @@ public:
         const double scale = m_range.choice();
         if (m_invalid > 0)
             session.warn(formatted("%lld pixels that are no numbers were set to 0", m_invalid));
-        if (scale == 1.0) return;
-        session.warn(formatted("the counts are multiplied by %g to %s 16-bit integers (%g to %g)", scale,
-                               scale > 1.0 ? "keep their fractions in" : "fit into", m_range.smallest(),
-                               m_range.largest()));
-        m_clipped = 0;
-        pass(scale, session);
+        if (scale != 1.0) {
+            session.warn(formatted("the counts are multiplied by %g to %s 16-bit integers (%g to %g)", scale,
+                                   scale > 1.0 ? "keep their fractions in" : "fit into", m_range.smallest(),
+                                   m_range.largest()));
+            m_clipped = 0;
+            pass(scale, session);
+        }
         if (m_clipped > 0)
             session.warn(formatted("%lld pixels did not fit into 16 bits and were clipped", m_clipped));
     }
@@ -60,11 +61,11 @@ private:
         for (unsigned z = 0; z < m_data.GetChunkCount(); ++z) {
             session.checkCanceled();
             m_read(z, m_counts);
-            if (looks)
-                m_invalid += removeInvalid();
-            else
-                removeInvalid();
-            if (looks) m_range.add(m_counts);
+            const long long invalid = removeInvalid();
+            if (looks) {
+                m_invalid += invalid;
+                m_range.add(m_counts);
+            }
             store(scale, m_data.GetChunkPointer(z));
         }
     }
@@ -128,9 +129,9 @@ Result<TiltSeries> TiltSeries::make(int columns, int rows, std::span<const doubl
 }
 
 std::vector<double> TiltSeries::tilts() const {
-    std::vector<double> list;
+    std::vector<double> list(static_cast<std::size_t>(frames()));
     for (int z = 0; z < frames(); ++z)
-        list.push_back(m_data->m_Header.tilt(z));
+        list[static_cast<std::size_t>(z)] = m_data->m_Header.tilt(z);
     return list;
 }
 

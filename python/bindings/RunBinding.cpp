@@ -88,8 +88,6 @@ RunOptions optionsOf(const py::dict& values) {
         .add("crystals", options.crystals);
     addCellSettings(table, options.cell);
     table.apply(values);
-    if (options.crystals < 1)
-        raise({FailureKind::Usage, "crystals is the number that is looked for at most, from 1 on"});
     if (distortion)
         options.instrument = call(py::object(), py::object(), [&](Observer& observer) {
             return attempt(observer, [&](Session&) { return readInstrumentFile(*distortion); });

@@ -71,6 +71,12 @@ separate_arguments(libraries UNIX_COMMAND "${output}")
 run("" "${COMPILER}" ${FLAGS} "${build}/CMakeFiles/file_to_cell.dir/file_to_cell.cpp.o" -o "${WORK_DIR}/linked" ${libraries})
 run("${cell}" "${WORK_DIR}/linked" series/a.mrc)
 
+# The module that was installed, where it is built.
+if(PYTHON)
+  set(ENV{PYTHONPATH} "${prefix}/${LIBDIR}/python3/dist-packages")
+  run("^oP [0-9]" "${PYTHON}" "${SOURCE_DIR}/examples/file_to_cell.py" series/a.mrc)
+endif()
+
 # What the README shows is the first of them.
 file(READ "${SOURCE_DIR}/README.md" readme)
 file(READ "${SOURCE_DIR}/examples/file_to_cell.cpp" program)

@@ -1,7 +1,7 @@
 # Run by CTest: every function, class and file that the developers' pages name stands in the sources.
 cmake_minimum_required(VERSION 3.25)
 file(GLOB_RECURSE sources "${SOURCE_DIR}/src/*.h" "${SOURCE_DIR}/src/*.cpp" "${SOURCE_DIR}/pipeline/*.h"
-  "${SOURCE_DIR}/pipeline/*.cpp" "${SOURCE_DIR}/app/*.h" "${SOURCE_DIR}/app/*.cpp")
+  "${SOURCE_DIR}/pipeline/*.cpp" "${SOURCE_DIR}/python/*.h" "${SOURCE_DIR}/app/*.h" "${SOURCE_DIR}/app/*.cpp")
 set(code "")
 foreach(source IN LISTS sources)
   file(READ "${source}" text)

@@ -158,11 +158,33 @@ TEST(Library, StopsWhenItIsAskedTo) {
         farthest = std::max(farthest, now.part + now.share);
     };
     observer.stop = [&] { return farthest > 4; };
+    int lines = 0;
+    observer.log = [&](const char*, VRK::MessageType) { ++lines; };
     const auto result = vrk::run(simple(), quick(), observer);
     ASSERT_FALSE(result);
+    EXPECT_GT(lines, 10);
     EXPECT_EQ(result.error().kind, vrk::FailureKind::Canceled);
     EXPECT_LT(farthest, 7);
     EXPECT_THROW(result.value(), vrk::Failure);
+}
+
+TEST(Library, RefusesOptionsThatNoCommandLineChecked) {
+    const double none = std::numeric_limits<double>::quiet_NaN();
+    const std::vector<std::function<void(vrk::RunOptions&)>> wrong = {
+        [&](auto& o) { o.pixelSize = none; },      [&](auto& o) { o.kiloVolts = -200; },
+        [&](auto& o) { o.axis.angle = none; },     [&](auto& o) { o.search.threshold = none; },
+        [&](auto& o) { o.search.maxVoxels = 0; },  [&](auto& o) { o.cell.eps = 0; },
+        [&](auto& o) { o.cell.minPoints = 0; },    [&](auto& o) { o.cell.refineClusters = 101; },
+        [&](auto& o) { o.intensities.dMin = -1; }, [&](auto& o) { o.intensities.gain = 0; },
+        [&](auto& o) { o.crystals = 0; },
+    };
+    for (std::size_t i = 0; i < wrong.size(); ++i) {
+        vrk::RunOptions options = quick();
+        wrong[i](options);
+        const auto result = vrk::run(simple(), options);
+        ASSERT_FALSE(result) << i;
+        EXPECT_EQ(result.error().kind, vrk::FailureKind::Usage) << i;
+    }
 }
 
 TEST(Library, FindsTheCellOfReflections) {
