@@ -340,7 +340,7 @@ RunResult runAll(Load load, const RunOptions& options, const RunStages& stages, 
     CentredSeries centred = timed(s.preprocess, [&] {
         return stages.centre(std::move(series), options.centre, options.intensities.wanted, session);
     });
-    s.total = s.read + s.preprocess;
+    s.total.seconds = s.read.seconds + s.preprocess.seconds;
     return runCentred(std::move(centred), options, stages, s, session, remains);
 }
 
