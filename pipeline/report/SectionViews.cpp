@@ -166,7 +166,7 @@ private:
     std::vector<unsigned char> greyValues(int level, const PlaneFrame& frame) const {
         const Layer layer = {frame, level * frame.layer * frame.normal, 2.0 * m_radius / m_size,
                              0.5 * (m_size - 1)};
-        std::vector<unsigned char> grey(static_cast<std::size_t>(m_size * m_size), 0);
+        std::vector<unsigned char> grey(pixels(m_size), 0);
         const int cells = m_size / kMaskStep;
         std::vector<bool> above = cornersOf(layer, 0), below;
         for (int row = 0; row < cells; ++row, above = std::move(below)) {
@@ -178,6 +178,11 @@ private:
             }
         }
         return grey;
+    }
+
+    /// Of so many rows.
+    std::size_t pixels(int rows) const {
+        return static_cast<std::size_t>(rows) * static_cast<std::size_t>(m_size);
     }
 
     /// Whether the corners of the cells along a row were recorded.
@@ -194,7 +199,7 @@ private:
             for (int column = left; column < left + kMaskStep; ++column) {
                 const Vector3d place = layer.at(column, row);
                 if (askEach && !isRecorded(place)) continue;
-                grey[static_cast<std::size_t>(row * m_size + column)] =
+                grey[pixels(row) + static_cast<std::size_t>(column)] =
                     m_grey.of(brightestAt(place, layer.frame.normal));
             }
     }
