@@ -233,7 +233,7 @@ std::pair<ReducedFrames, std::vector<std::string>> fittingFrames(const RunResult
         for (const double coarseness : {1.0, 1.5, 2.2}) {
             ReducedFrames frames(result, bin, coarseness);
             std::vector<std::string> packed = packedFrames(frames, result.counts.frames->GetDepth(), most);
-            if (!packed.empty() || frames.pixels() < kFewest) return {std::move(frames), std::move(packed)};
+            if (!packed.empty() || frames.pixels() < kFewest) return {frames, std::move(packed)};
         }
 }
 

@@ -101,7 +101,7 @@ std::string writeSummaryAndReport(const RunRecord& record, const RunResult& resu
                                   const std::vector<std::string>& warnings, std::vector<std::string> files,
                                   bool withViews, const fs::path& folder) {
     files.insert(std::upper_bound(files.begin(), files.end(), kReportFile), kReportFile);
-    const std::string summary = summaryJson(record, result, warnings, files);
+    std::string summary = summaryJson(record, result, warnings, files);
     const std::vector<ReportBlocks> page = {
         reportBlocks(folder, summary, withViews ? reportViews(result) : ReportBlocks())};
     writeReport(page, folder / kReportFile);

@@ -19,7 +19,7 @@ namespace {
 using Eigen::Vector3d;
 
 constexpr int kMostSize = 360;
-constexpr int kMostLevel = 7;
+constexpr int kMostLevel = 6;
 constexpr int kReach = 1;  ///< voxels on either side of a layer, of which the brightest counts
 /// Pixels between those of which it is asked whether they were recorded; where neighbours differ, all are.
 constexpr int kMaskStep = 4;
@@ -64,13 +64,28 @@ private:
         m_from{};  ///< counts from which the next grey begins
 };
 
+/// The voxels of a volume, slice by slice, y fastest.
 struct VolumeSlices {
     std::vector<const short*> voxels;
     unsigned width, height;
+    Vector3d origin;  ///< half a voxel on, so that the whole part of a place is that of the nearest voxel
 
-    explicit VolumeSlices(const VoxMRCData& volume) : width(volume.GetWidth()), height(volume.GetHeight()) {
-        for (unsigned z = 0; z < volume.GetDepth(); ++z)
-            voxels.push_back(volume.GetChunkPointer(z));
+    explicit VolumeSlices(const ReciprocalVolume& volume)
+        : width(volume.voxels->GetWidth()),
+          height(volume.voxels->GetHeight()),
+          origin(volume.centre() + Vector3d::Constant(0.5)) {
+        for (unsigned z = 0; z < volume.voxels->GetDepth(); ++z)
+            voxels.push_back(volume.voxels->GetChunkPointer(z));
+    }
+
+    /// The nearest voxel; 0 outside.
+    short nearest(const Vector3d& place) const {
+        // What is negative becomes too large.
+        const auto x = static_cast<unsigned>(static_cast<int>(place.x()));
+        const auto y = static_cast<unsigned>(static_cast<int>(place.y()));
+        const auto z = static_cast<unsigned>(static_cast<int>(place.z()));
+        if (x >= width || y >= height || z >= voxels.size()) return 0;
+        return voxels[z][static_cast<std::size_t>(x) * height + y];
     }
 };
 
@@ -84,7 +99,7 @@ public:
           m_noise(std::max(result.volume.noise.typicalVoxelSigma(), 0.5)),
           m_top(topOf(result.indexed.level)),
           m_grey(m_noise, m_top),
-          m_slices(*m_volume.voxels) {
+          m_slices(m_volume) {
         for (std::size_t i = 0; i < kPlanes.size(); ++i)
             ReciprocalSection::parsePlane(kPlanes[i], m_planes[i]);
     }
@@ -151,7 +166,7 @@ private:
     std::vector<unsigned char> greyValues(int level, const PlaneFrame& frame) const {
         const Layer layer = {frame, level * frame.layer * frame.normal, 2.0 * m_radius / m_size,
                              0.5 * (m_size - 1)};
-        std::vector<unsigned char> grey(static_cast<std::size_t>(m_size * m_size), 0);
+        std::vector<unsigned char> grey(pixels(m_size), 0);
         const int cells = m_size / kMaskStep;
         std::vector<bool> above = cornersOf(layer, 0), below;
         for (int row = 0; row < cells; ++row, above = std::move(below)) {
@@ -163,6 +178,11 @@ private:
             }
         }
         return grey;
+    }
+
+    /// Of so many rows.
+    std::size_t pixels(int rows) const {
+        return static_cast<std::size_t>(rows) * static_cast<std::size_t>(m_size);
     }
 
     /// Whether the corners of the cells along a row were recorded.
@@ -179,34 +199,23 @@ private:
             for (int column = left; column < left + kMaskStep; ++column) {
                 const Vector3d place = layer.at(column, row);
                 if (askEach && !isRecorded(place)) continue;
-                grey[static_cast<std::size_t>(row * m_size + column)] =
+                grey[pixels(row) + static_cast<std::size_t>(column)] =
                     m_grey.of(brightestAt(place, layer.frame.normal));
             }
     }
 
     /// The brightest of the voxels that a short line along the normal passes.
     short brightestAt(const Vector3d& fromOrigin, const Vector3d& normal) const {
-        const Vector3d start = fromOrigin + m_volume.centre() + Vector3d::Constant(0.5) - kReach * normal;
-        const auto width = static_cast<int>(m_slices.width), height = static_cast<int>(m_slices.height);
+        const Vector3d start = m_slices.origin + fromOrigin - kReach * normal;
         short brightest = 0;
-        for (int i = 0; i <= 2 * kReach; ++i) {
-            const Vector3d place = start + i * normal;
-            const int x = static_cast<int>(place.x()), y = static_cast<int>(place.y()),
-                      z = static_cast<int>(place.z());
-            if (place.minCoeff() < 0.0 || x >= width || y >= height ||
-                z >= static_cast<int>(m_slices.voxels.size()))
-                continue;
-            // y runs fastest.
-            const short value =
-                m_slices.voxels[static_cast<std::size_t>(z)][static_cast<std::ptrdiff_t>(x) * height + y];
-            brightest = std::max(brightest, value);
-        }
+        for (int i = 0; i <= 2 * kReach; ++i)
+            brightest = std::max(brightest, m_slices.nearest(start + i * normal));
         return brightest;
     }
 
     bool isRecorded(const Vector3d& fromOrigin) const {
         const double radius = std::hypot(fromOrigin.x(), fromOrigin.z());
-        const double half = 0.5 * m_volume.voxels->GetWidth();
+        const double half = 0.5 * m_slices.width;
         if (radius > half || std::abs(fromOrigin.y()) > half) return false;
         // The axis itself every pattern shows.
         const double tilt = radius < 1.5 ? 0.0 : std::atan(fromOrigin.z() / fromOrigin.x());

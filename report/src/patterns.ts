@@ -6,7 +6,7 @@ import { checkbox, make, setSlider, slider } from './dom';
 import { counted, fixed, hklText } from './format';
 import { Picture, line, ring } from './picture';
 import type { Placement } from './picture';
-import { isDark, palette } from './theme';
+import { crystalCategory, isDark, palette } from './theme';
 
 const kPlaceUnit = 16;
 const kKept = 12;
@@ -153,7 +153,7 @@ export function patternsGroup(store: PatternStore): HTMLElement {
         if (withPredicted)
             spots(store.predicted, (x, y, i) => {
                 const crystal = store.predicted.crystal?.[i] ?? 1;
-                context.strokeStyle = categories[crystal === 1 ? 2 : 2 + (crystal % 4)];
+                context.strokeStyle = categories[crystalCategory(crystal)];
                 ring(context, place.x(x), place.y(y), radius);
             });
         if (withObserved) {
@@ -184,7 +184,7 @@ export function patternsGroup(store: PatternStore): HTMLElement {
         const predicted = store.predicted.start[number + 1] - store.predicted.start[number];
         const observed = store.observed.start[number + 1] - store.observed.start[number];
         text.textContent = `Frame ${number + 1} of ${store.count}, tilt ${fixed(data.tilts[number], 2)}\u00b0: ${
-            counted(predicted, 'predicted spot')}, ${observed} of them found and used for the geometry`;
+            counted(predicted, 'predicted spot')}; ${counted(observed, 'observed one')} gave the geometry`;
     };
     picture.hover = (at) => {
         if (!at || !store.predicted.h) return;

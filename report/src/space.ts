@@ -8,7 +8,7 @@ import { counted, fixed, significant } from './format';
 import type { PatternStore } from './patterns';
 import { CanvasPainter, WebGlPainter } from './scene';
 import type { Lines, Painter, Points } from './scene';
-import { cssColour, isPrinting, onTheme, palette, rgbOf, valueColour } from './theme';
+import { crystalCategory, cssColour, isPrinting, kNone, onTheme, palette, rgbOf, valueColour } from './theme';
 import type { Rgb } from './theme';
 import { add, length, node, scale } from './vector';
 import type { Vector } from './vector';
@@ -170,8 +170,9 @@ export class SpaceView {
     }
 
     private category(i: number): number {
-        if (this.colouring === 'indexed') return this.list.crystal[i] > 0 ? 0 : 1;
-        return this.list.crystal[i] > 0 ? (this.list.crystal[i] === 1 ? 0 : this.list.crystal[i]) : 1;
+        const crystal = this.list.crystal[i];
+        if (crystal === 0) return kNone;
+        return this.colouring === 'indexed' ? 0 : crystalCategory(crystal);
     }
 
     private paint(): void {
@@ -212,12 +213,12 @@ export class SpaceView {
                 make('span', {}, scaleOfValues.text(high)));
         } else {
             const names: [string, number][] = this.colouring === 'indexed'
-                ? [['indexed', 0], ['not indexed', 1]]
-                : [...Array.from({ length: this.crystals }, (_, i): [string, number] => [`crystal ${i + 1}`, i === 0 ? 0 : i + 1]),
-                    ['none', 1]];
+                ? [['indexed', 0], ['not indexed', kNone]]
+                : [...Array.from({ length: this.crystals }, (_, i): [string, number] => [`crystal ${i + 1}`, crystalCategory(i + 1)]),
+                    ['none', kNone]];
             for (const [name, category] of names)
                 entries.push(make('span', { class: 'key' },
-                    make('i', { class: category === 1 ? 'hollow' : '', style: `color:${palette().categories[category % 6]}` }), name));
+                    make('i', { class: category === kNone ? 'hollow' : '', style: `color:${palette().categories[category % 6]}` }), name));
         }
         this.legend.replaceChildren(...entries, make('span', { class: 'faint' }, counted(shown, 'reflection')));
     }
@@ -283,7 +284,7 @@ export class SpaceView {
                         const g = node(base, h, k, l);
                         if (length(g) > radius || places.length > 3 * kMostNodes) continue;
                         places.push(...g);
-                        colours.push(...(this.crystals > 1 ? strong[crystal === 0 ? 0 : (crystal + 1) % 6] : faint));
+                        colours.push(...(this.crystals > 1 ? strong[crystalCategory(crystal + 1)] : faint));
                     }
         }
         const count = places.length / 3;

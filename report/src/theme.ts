@@ -19,6 +19,10 @@ const kDark: Palette = {
     categories: ['#56b4e9', '#e69f00', '#2cc295', '#e59cc4', '#f0e442', '#7f9fe0'],
 };
 
+/** The category of what belongs to a crystal, from 1; that of what belongs to none. */
+export const crystalCategory = (crystal: number): number => (crystal === 1 ? 0 : crystal % 6);
+export const kNone = 1;
+
 type Listener = () => void;
 const listeners: Listener[] = [];
 const system = window.matchMedia('(prefers-color-scheme: dark)');
