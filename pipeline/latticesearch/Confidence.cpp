@@ -23,6 +23,9 @@ constexpr double kLargeShare = 0.12;
 /// Stages turn by what they say.
 constexpr double kMostTiltScale = 0.05;
 
+/// Edges that an instrument leaves this uncertain are those of an ellipse that is there and half known.
+constexpr double kMostTiedUncertainty = 0.004;
+
 /// What one level of confidence asks for.
 struct Demands {
     double evidence;
@@ -113,6 +116,8 @@ Verdict verdictOn(const LatticeEvidence& known) {
         verdict.reasons.push_back("the tilts would have to be " + percent(std::abs(known.tiltScale)) +
                                   (known.tiltScale > 0.0 ? " larger" : " smaller") + " than stated");
     if (known.axisAssumed) verdict.reasons.push_back("the direction of the tilt axis was assumed");
+    if (known.tiedUncertainty > kMostTiedUncertainty)
+        verdict.reasons.push_back("a distortion that is determined only in part leaves its edges uncertain");
     if (known.instrumentContradicted)
         verdict.reasons.push_back("the reflections contradict the calibration that was given");
     if (known.thinness.value_or(1.0) < kThin)

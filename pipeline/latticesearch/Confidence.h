@@ -44,6 +44,9 @@ struct LatticeEvidence {
     /// What the refined instrument asks for: strength of the ellipse and scale of the tilts less 1.
     double ellipse = 0.0;
     double tiltScale = 0.0;
+    /// Largest standard uncertainty of an edge under the ties over the edge, with what the instrument does to
+    /// it.
+    double tiedUncertainty = 0.0;
     /// The axis was neither stated nor found: the volume may be sheared.
     bool axisAssumed = false;
     /// The reflections contradict what was told of the instrument.
@@ -68,7 +71,8 @@ bool isConvincing(const LatticeScore& score);
 /// nodes that the series recorded are there, those of every parity class alike. A wrong axis, a doubled cell
 /// and noise index reflections too, but leave nodes empty, or whole classes of them. Fair: half of all that.
 /// Reflections that lie far off their nodes, as with tilts or an axis that are wrong, make the lattice a
-/// guess. An axis that was assumed, a calibration that the reflections contradict, a distortion or a scale of
+/// guess. An axis that was assumed, a calibration that the reflections contradict, a distortion that they
+/// determine only in part, a distortion or a scale of
 /// the tilts that no sound instrument has, tilts that hardly tell the cell across the patterns, an unknown
 /// completeness or a rival within a tenth of the evidence keep the answer from being more than fair; three
 /// doubts at once make it low.

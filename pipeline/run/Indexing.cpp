@@ -173,6 +173,9 @@ Indexed indexReflections(std::vector<Level> levels, const LatticeChoice& choice,
     if (result.instrument.valid) {
         evidence.ellipse = result.instrument.ellipse();
         evidence.tiltScale = result.instrument.model[InstrumentTerm::TiltScale];
+        const RefinedLattice& tied = result.instrument.lattice;
+        for (std::size_t i = 0; i < 3; ++i)
+            evidence.tiedUncertainty = std::max(evidence.tiedUncertainty, tied.cellSigma[i] / tied.cell[i]);
     }
     evidence.thinness = thinnessOf(indexedPositions(result.refined), result.lattice().origin);
     // The instrument's refinement confirms or moves an axis that nobody stated; without it it stays a guess.

@@ -69,6 +69,7 @@ TEST(Confidence, EachDoubtLowersItAndIsNamed) {
         {"another lattice has 91 %", [](LatticeEvidence& e) { e.rivalEvidence = 0.91 * e.score.evidence; },
          Confidence::Fair},
         {"assumed", [](LatticeEvidence& e) { e.axisAssumed = true; }, Confidence::Fair},
+        {"in part", [](LatticeEvidence& e) { e.tiedUncertainty = 0.006; }, Confidence::Fair},
         {"contradict", [](LatticeEvidence& e) { e.instrumentContradicted = true; }, Confidence::Fair},
         {"narrow a range", [](LatticeEvidence& e) { e.thinness = 0.19; }, Confidence::Fair},
         {"", [](LatticeEvidence& e) { e.thinness = 0.21; }, Confidence::High},
