@@ -8,13 +8,11 @@ import { counted, fixed, significant } from './format';
 import type { PatternStore } from './patterns';
 import { CanvasPainter, WebGlPainter } from './scene';
 import type { Lines, Painter, Points } from './scene';
+import { nodes, sphere, wedge, wedgePlanes } from './shapes';
 import { crystalCategory, cssColour, isPrinting, kNone, onTheme, palette, rgbOf, valueColour } from './theme';
 import type { Rgb } from './theme';
-import { add, length, node, scale } from './vector';
+import { add, length, scale } from './vector';
 import type { Vector } from './vector';
-
-const kDegree = Math.PI / 180;
-const kMostNodes = 40000;
 
 type Colouring = 'indexed' | 'intensity' | 'significance' | 'tilt' | 'frame' | 'crystal' | 'resolution';
 
@@ -36,16 +34,6 @@ function painterFor(canvas: HTMLCanvasElement): Painter {
     } catch {
         return new CanvasPainter(canvas);
     }
-}
-
-/** Circles about the origin in the plane of two unit vectors, as pairs of places. */
-function circle(u: Vector, v: Vector, radius: number, from = 0, to = 360, steps = 72): number[] {
-    const at = (angle: number) =>
-        add(scale(radius * Math.cos(angle * kDegree), u), scale(radius * Math.sin(angle * kDegree), v));
-    const places: number[] = [];
-    for (let i = 0; i < steps; ++i)
-        places.push(...at(from + ((to - from) * i) / steps), ...at(from + ((to - from) * (i + 1)) / steps));
-    return places;
 }
 
 /** Puts an element on a place of the picture; in shares, so that it stays there when the picture is printed smaller. */
@@ -231,73 +219,38 @@ export class SpaceView {
         for (const [, tip] of this.axes()) addLines([0, 0, 0, ...tip], colours.ink, 0.9);
         if (this.withSphere) {
             const radius = this.finest > 0 ? 1 / this.finest : this.limit;
-            addLines([...circle([1, 0, 0], [0, 1, 0], radius), ...circle([1, 0, 0], [0, 0, 1], radius),
-                ...circle([0, 1, 0], [0, 0, 1], radius)], colours.faint, 0.35);
+            addLines(sphere(radius), colours.faint, 0.35);
         }
-        if (this.withWedge) addLines(this.wedge(), colours.categories[3], 0.75);
+        const { tilt_first: first, tilt_last: last } = this.result.summary.input;
+        if (this.withWedge) addLines(wedge(first, last, this.limit), colours.categories[3], 0.75);
         return lines;
     }
 
-    /** What no tilt reached: the limits of the recorded part, and arcs from one to the other. */
-    private wedge(): number[] {
-        const { tilt_first: first, tilt_last: last } = this.result.summary.input;
-        const across = (tilt: number): Vector => [Math.cos(tilt * kDegree), 0, Math.sin(tilt * kDegree)];
-        const along: Vector = [0, 1, 0];
-        const places: number[] = [];
-        for (const tilt of [first, last]) places.push(...circle(across(tilt), along, this.limit));
-        for (const start of [last, last + 180])
-            for (const height of [-0.8, -0.4, 0, 0.4, 0.8]) {
-                const radius = this.limit * Math.sqrt(1 - height * height);
-                const arc = circle([1, 0, 0], [0, 0, 1], radius, start, start + 180 - (last - first), 24);
-                for (let i = 1; i < arc.length; i += 3) arc[i] += height * this.limit;
-                places.push(...arc);
-            }
-        return places;
-    }
-
-    /** The planes of the first and the last tilt, between which nothing was recorded. */
     private surfaces(): Lines[] {
         if (!this.withWedge) return [];
         const { tilt_first: first, tilt_last: last } = this.result.summary.input;
-        const places: number[] = [];
-        for (const tilt of [first, last]) {
-            const rim = circle([Math.cos(tilt * kDegree), 0, Math.sin(tilt * kDegree)], [0, 1, 0], this.limit);
-            for (let i = 0; i < rim.length; i += 6) places.push(0, 0, 0, ...rim.slice(i, i + 6));
-        }
-        return [{ place: new Float32Array(places), colour: rgbOf(palette().categories[3]), opacity: 0.09 }];
+        return [{ place: new Float32Array(wedgePlanes(first, last, this.limit)), colour: rgbOf(palette().categories[3]), opacity: 0.09 }];
     }
 
-    private nodes(): Points {
-        const places: number[] = [];
-        const colours: number[] = [];
-        const faint = rgbOf(palette().faint);
-        const strong = palette().categories.map(rgbOf);
-        for (let crystal = 0; crystal < this.crystals; ++crystal) {
-            if (this.crystal > 0 && crystal + 1 !== this.crystal) continue;
-            const base = baseOf(this.result.summary, crystal);
-            if (!base) continue;
-            const radius = this.finest > 0 ? Math.min(this.limit, 1 / this.finest) : this.limit;
-            const most = base.map((vector) => Math.min(60, Math.ceil((2 * radius) / length(vector))));
-            for (let h = -most[0]; h <= most[0]; ++h)
-                for (let k = -most[1]; k <= most[1]; ++k)
-                    for (let l = -most[2]; l <= most[2]; ++l) {
-                        const g = node(base, h, k, l);
-                        if (length(g) > radius || places.length > 3 * kMostNodes) continue;
-                        places.push(...g);
-                        colours.push(...(this.crystals > 1 ? strong[crystalCategory(crystal + 1)] : faint));
-                    }
-        }
-        const count = places.length / 3;
-        return {
-            place: new Float32Array(places), colour: new Float32Array(colours),
-            size: new Float32Array(count).fill(1.8), hollow: new Float32Array(count),
-        };
+    /** The nodes of the crystals that are shown. */
+    private nodePoints(): Points[] {
+        const { faint, categories } = palette();
+        const radius = this.finest > 0 ? Math.min(this.limit, 1 / this.finest) : this.limit;
+        const numbers = Array.from({ length: this.crystals }, (_, i) => i + 1).filter((i) => this.crystal === 0 || i === this.crystal);
+        return numbers.map((number) => {
+            const place = new Float32Array(nodes(this.result.summary, number - 1, radius));
+            const colour = rgbOf(this.crystals > 1 ? categories[crystalCategory(number)] : faint);
+            return {
+                place, colour: place.map((_, i) => colour[i % 3]),
+                size: new Float32Array(place.length / 3).fill(1.8), hollow: new Float32Array(place.length / 3),
+            };
+        });
     }
 
     /** After anything but the view has changed. */
     private reload(): void {
         this.paint();
-        const points = this.withNodes ? [this.nodes(), this.points] : [this.points];
+        const points = this.withNodes ? [...this.nodePoints(), this.points] : [this.points];
         this.painter.load({ points, lines: this.lines(), surfaces: this.surfaces(), paper: rgbOf(palette().paper) });
         this.redraw();
     }
@@ -496,11 +449,4 @@ export class SpaceView {
             make('dl', {}, rows.filter(([, value]) => value !== '').map(([key, value]) => [make('dt', {}, key), make('dd', {}, value)]).flat()),
             this.patterns?.cutOut(list.frame[i] - 1, list.column[i], list.row[i]) ?? '');
     }
-
-    /** For tests: where a reflection stands in the picture. */
-    placeOnScreen(i: number): [number, number] {
-        const at = this.camera.project(this.placeOf(i), this.canvas.clientWidth, this.canvas.clientHeight);
-        return [at[0], at[1]];
-    }
 }
-
