@@ -90,7 +90,8 @@ void addSectionsCommand(CommandLine& line, Host& host) {
         .showDefault();
     command
         .option("--size", options->sections.size,
-                "Edge of the pictures in pixels; volumes that are 2, 4 or 8 times as large are read "
+                "Edge of the pictures in pixels, without their margins; volumes that are 2, 4 or 8 times as "
+                "large are read "
                 "reduced, by the brightest voxels")
         .range(16, 8192)
         .showDefault();

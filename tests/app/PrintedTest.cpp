@@ -1,9 +1,11 @@
 // What a command prints says the same as its JSON.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cmath>
+#include <cstdlib>
 #include <nlohmann/json.hpp>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -185,13 +187,16 @@ struct Number {
     int decimals = 0;
 
     explicit Number(std::string& text) {
-        static const std::regex form(R"(^-?\d+(\.(\d+))?(e([+-]\d+))?)");
-        std::smatch found;
-        if (!std::regex_search(text, found, form)) return;
-        value = std::stod(found.str());
-        decimals = static_cast<int>(found[2].length()) - (found[4].matched ? std::stoi(found[4]) : 0);
+        if (text.empty() || (text[0] != '-' && !std::isdigit(static_cast<unsigned char>(text[0])))) return;
+        char* end = nullptr;
+        value = std::strtod(text.c_str(), &end);
+        const std::string token = text.substr(0, static_cast<std::size_t>(end - text.c_str()));
+        const std::size_t exponent = std::min(token.find('e'), token.size());
+        const std::size_t point = token.find('.');
+        if (point != std::string::npos) decimals = static_cast<int>(exponent - point) - 1;
+        if (exponent < token.size()) decimals -= std::stoi(token.substr(exponent + 1));
         half = 0.501 * std::pow(10, -decimals);
-        text = found.suffix();
+        text.erase(0, token.size());
     }
 };
 

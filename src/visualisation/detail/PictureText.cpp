@@ -1,6 +1,5 @@
 #include "visualisation/detail/PictureText.h"
 
-#include <cstdint>
 #include <opencv2/imgproc.hpp>
 
 namespace VRK::detail {

@@ -2,6 +2,7 @@
 /// Text in pictures, with what the stroke font of the image library lacks.
 #pragma once
 
+#include <cstdint>
 #include <opencv2/core.hpp>
 #include <string>
 #include <string_view>
