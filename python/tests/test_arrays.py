@@ -10,8 +10,8 @@ from hypothesis.extra import numpy as hnp
 
 import vrkcore
 
-quick = settings(max_examples=25, deadline=None)
-TYPES = ["?", "i1", "u1", "<i2", ">i2", "<u2", ">u2", "i4", ">i4", "u4", "i8", "u8", "f2", "f4", ">f4", "f8", ">f8", "g"]
+quick = settings(max_examples=25, deadline=None, database=None)
+TYPES = "? i1 u1 <i2 >i2 <u2 >u2 i4 >i4 u4 i8 u8 f2 f4 >f4 f8 >f8 g".split()
 
 
 def make(frames, tilts=None, pixel_size=1e8, **more):

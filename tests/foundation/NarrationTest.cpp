@@ -28,9 +28,7 @@ TEST(Narration, IsSilentInTheThreadThatAsksForIt) {
     testing::internal::CaptureStdout();
     {
         const VRK::QuietNarration quiet;
-        {
-            const VRK::QuietNarration again;
-        }
+        { const VRK::QuietNarration again; }
         reduce();
         VRK::narration() << "lost";
         NiggliReduction::setNarration(&own);
