@@ -5,9 +5,9 @@
 
 #include "pipeline/base/NumberText.h"
 #include "pipeline/base/ResultFolder.h"
+#include "pipeline/report/Report.h"
 #include "pipeline/run/OptionCheck.h"
 #include "pipeline/run/ResultFiles.h"
-#include "pipeline/report/Report.h"
 #include "pipeline/simulation/Simulation.h"
 
 namespace vrk {
@@ -86,7 +86,8 @@ Result<std::vector<std::filesystem::path>> writeResults(const RunResult& result,
         session.checkCanceled();
         writeIntensityFiles(result, text, "", results.path());
         session.checkCanceled();
-        writeSummaryAndReport({"", name, {}}, result, result.warnings, results.written(), true, results.path());
+        writeSummaryAndReport({"", name, {}}, result, result.warnings, results.written(), true,
+                              results.path());
         std::vector<std::filesystem::path> paths;
         for (const std::string& file : results.written())
             paths.push_back(folder / file);
