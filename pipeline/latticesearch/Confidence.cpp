@@ -118,6 +118,9 @@ Verdict verdictOn(const LatticeEvidence& known) {
     if (known.axisAssumed) verdict.reasons.push_back("the direction of the tilt axis was assumed");
     if (known.tiedUncertainty > kMostTiedUncertainty)
         verdict.reasons.push_back("a distortion that is determined only in part leaves its edges uncertain");
+    if (known.ellipseUnknown)
+        verdict.reasons.push_back(
+            "a triclinic lattice does not show whether the frames are distorted; a calibration does");
     if (known.instrumentContradicted)
         verdict.reasons.push_back("the reflections contradict the calibration that was given");
     if (known.thinness.value_or(1.0) < kThin)

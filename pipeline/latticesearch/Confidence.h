@@ -47,6 +47,9 @@ struct LatticeEvidence {
     /// Largest standard uncertainty of an edge under the ties over the edge, with what the instrument does to
     /// it.
     double tiedUncertainty = 0.0;
+    /// The lattice is triclinic, which an ellipse turns into another one that fits as well, and no
+    /// calibration tells of the ellipse.
+    bool ellipseUnknown = false;
     /// The axis was neither stated nor found: the volume may be sheared.
     bool axisAssumed = false;
     /// The reflections contradict what was told of the instrument.
@@ -72,10 +75,10 @@ bool isConvincing(const LatticeScore& score);
 /// and noise index reflections too, but leave nodes empty, or whole classes of them. Fair: half of all that.
 /// Reflections that lie far off their nodes, as with tilts or an axis that are wrong, make the lattice a
 /// guess. An axis that was assumed, a calibration that the reflections contradict, a distortion that they
-/// determine only in part, a distortion or a scale of
-/// the tilts that no sound instrument has, tilts that hardly tell the cell across the patterns, an unknown
-/// completeness or a rival within a tenth of the evidence keep the answer from being more than fair; three
-/// doubts at once make it low.
+/// determine only in part or, of a triclinic lattice, not at all, a distortion or a scale of the tilts that
+/// no sound instrument has, tilts that hardly tell the cell across the patterns, an unknown completeness or a
+/// rival within a tenth of the evidence keep the answer from being more than fair; three doubts at once make
+/// it low.
 Verdict verdictOn(const LatticeEvidence& evidence);
 
 }  // namespace vrk

@@ -181,6 +181,8 @@ Indexed indexReflections(std::vector<Level> levels, const LatticeChoice& choice,
     // The instrument's refinement confirms or moves an axis that nobody stated; without it it stays a guess.
     result.axisConfirmed = confirmsAxis(result.instrument);
     evidence.axisAssumed = axis.source == "assumed" && !result.axisConfirmed;
+    evidence.ellipseUnknown =
+        result.symmetry().bravaisType == LATTICE::aP && !(facts.instrument && facts.instrument->ellipse);
     evidence.instrumentContradicted = !result.contradiction.empty();
     result.evidence = std::move(evidence);
     result.verdict = verdictOn(result.evidence);

@@ -284,7 +284,8 @@ void RunTruthTest::expectIndices() const {
 }
 
 void RunTruthTest::expectConfidence() const {
-    EXPECT_EQ(found["confidence"]["level"], "high");
+    // No triclinic lattice tells how the frames are distorted.
+    EXPECT_EQ(found["confidence"]["level"], GetParam().bravais == std::string("aP") ? "fair" : "high");
     const double chance = number("/confidence/fraction_by_chance");
     EXPECT_GT(chance, 1e-4);
     EXPECT_LT(chance, 0.1);

@@ -70,6 +70,7 @@ TEST(Confidence, EachDoubtLowersItAndIsNamed) {
          Confidence::Fair},
         {"assumed", [](LatticeEvidence& e) { e.axisAssumed = true; }, Confidence::Fair},
         {"in part", [](LatticeEvidence& e) { e.tiedUncertainty = 0.006; }, Confidence::Fair},
+        {"triclinic", [](LatticeEvidence& e) { e.ellipseUnknown = true; }, Confidence::Fair},
         {"contradict", [](LatticeEvidence& e) { e.instrumentContradicted = true; }, Confidence::Fair},
         {"narrow a range", [](LatticeEvidence& e) { e.thinness = 0.19; }, Confidence::Fair},
         {"", [](LatticeEvidence& e) { e.thinness = 0.21; }, Confidence::High},
