@@ -11,6 +11,10 @@ packages=(
   libgtest-dev librapidcheck-dev libsymspg-dev libbenchmark-dev
   gnuplot-nox
 )
+# Node.js may come from elsewhere.
+node=()
+command -v node >/dev/null && command -v npm >/dev/null || node=(nodejs npm)
+
 for argument in "$@"; do
   case "$argument" in
     # What .ci/run uses beyond building and testing.
@@ -21,16 +25,12 @@ for argument in "$@"; do
     --with-python)
       packages+=(python3 python3-dev python3-pip python3-venv pybind11-dev python3-numpy python3-gemmi
         python3-pytest python3-hypothesis python3-tqdm python3-pandas) ;;
+    # What scripts/report.sh builds the page with, alone, and the browser that it is tried in.
+    --with-report) packages=("${node[@]}") ;;
+    --with-browser) packages=("${node[@]}" chromium fonts-dejavu-core) ;;
     *) echo "setup: unknown argument $argument" >&2; exit 2 ;;
   esac
 done
-
-# What scripts/report.sh uses: Node.js, which may come from elsewhere, and a browser for its tests.
-if [[ "${1:-}" == --with-report || "${1:-}" == --with-browser ]]; then
-  packages=()
-  command -v node >/dev/null && command -v npm >/dev/null || packages+=(nodejs npm)
-  [[ "$1" == --with-report ]] || packages+=(chromium fonts-dejavu-core)
-fi
 
 missing=()
 for package in "${packages[@]}"; do
