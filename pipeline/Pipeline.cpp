@@ -101,4 +101,14 @@ Result<void> writeReflections(const RunResult& result, ReflectionFile kind, cons
     return attempt(observer, [&](Session&) { writeReflectionFile(result, kind, path, text); });
 }
 
+Result<void> writeReportPage(std::span<const std::filesystem::path> folders,
+                             const std::filesystem::path& page, Observer& observer) {
+    return attempt(observer, [&](Session&) {
+        std::vector<ReportBlocks> results;
+        for (const std::filesystem::path& folder : folders)
+            results.push_back(readReport(folder));
+        writeReport(results, page);
+    });
+}
+
 }  // namespace vrk

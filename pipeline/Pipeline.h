@@ -63,8 +63,10 @@ struct SimulatedTiltSeries {
 Result<SimulatedTiltSeries> simulate(const SimulationSettings& settings, Observer& observer = silence());
 
 /// All files that `vrk run` writes, but pictures and log: reflections for solution and refinement, peaks,
-/// cells, centres and summary.json. They replace those of an earlier run together. \param folder  made when
-/// it is not there \param name    of the series, for the summary \returns the paths
+/// cells, centres, the page and summary.json. They replace those of an earlier run together.
+/// \param folder  made when it is not there
+/// \param name    of the series, for the summary
+/// \returns the paths
 Result<std::vector<std::filesystem::path>> writeResults(const RunResult& result,
                                                         const std::filesystem::path& folder,
                                                         const std::filesystem::path& name = {},
@@ -75,4 +77,11 @@ Result<std::vector<std::filesystem::path>> writeResults(const RunResult& result,
 /// frames where there are none.
 Result<void> writeReflections(const RunResult& result, ReflectionFile kind, const std::filesystem::path& path,
                               const CrystalText& text = {}, Observer& observer = silence());
+
+/// The page of a result again, or one that compares several, as `vrk report` makes it.
+/// \param folders  of writeResults() or `vrk run`
+/// \param page     the file to write
+Result<void> writeReportPage(std::span<const std::filesystem::path> folders,
+                             const std::filesystem::path& page, Observer& observer = silence());
+
 }  // namespace vrk

@@ -224,6 +224,11 @@ void addRun(py::module_& module) {
                    return call(std::move(progress), std::move(log),
                                [&](Observer& observer) { return run(series, options, observer); });
                });
+    module.def("write_report",
+               [](const std::vector<std::filesystem::path>& folders, const std::filesystem::path& page) {
+                   call(py::object(), py::object(),
+                        [&](Observer& observer) { return writeReportPage(folders, page, observer); });
+               });
     module.def("find_cell", findCellOf);
 }
 

@@ -42,6 +42,7 @@ __all__ = [
     "niggli",
     "run",
     "simulate",
+    "write_report",
 ]
 
 
@@ -620,3 +621,12 @@ def simulate(cell=None, centring="P", *, cif=None, tilts=None, progress=None, lo
     )
     series, truth = _vrkcore.simulate(settings, _progress_of(progress), log)
     return Series(series, _json.loads(truth))
+
+
+def write_report(folders, page):
+    """The page of a result again, or one that compares several, as ``vrk report`` makes it.
+
+    :param folders: of :meth:`RunResult.write` or ``vrk run``
+    :param page: the file to write
+    """
+    _vrkcore.write_report([_path(folder) for folder in folders], _path(page))

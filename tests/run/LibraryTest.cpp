@@ -90,6 +90,9 @@ TEST(Library, FindsWhatTheStagesFindAndNarratesNothing) {
     for (const auto& file : files.value())
         EXPECT_TRUE(std::filesystem::exists(file)) << file;
     EXPECT_NE(folder.read("result/summary.json").find("\"path\": \"series.mrc\""), std::string::npos);
+    const std::filesystem::path results[] = {folder / "result"};
+    vrk::writeReportPage(results, folder / "page.html").value();
+    EXPECT_EQ(folder.read("page.html"), folder.read("result/report.html"));
     for (const auto& [kind, name] : {std::pair{vrk::ReflectionFile::Shelx, "reflections.hkl"},
                                      {vrk::ReflectionFile::Cif, "merged.cif"},
                                      {vrk::ReflectionFile::FrameTable, "frames.csv"},
