@@ -67,7 +67,7 @@ const std::vector<Printed> kRun = {
       "{/parameters/eps}, {/parameters/min_points} points",
       "seconds read {/seconds/read}, preprocess {/seconds/preprocess}, axis {/seconds/tilt_axis}, "
       "reconstruct {/seconds/reconstruct}, search {/seconds/search}, cell {/seconds/cell}, index "
-      "{/seconds/index}, integrate {/seconds/integrate}, total {/seconds/total}; {/peak_memory_mib} MiB"}},
+      "{/seconds/index}, integrate {/seconds/integrate}, total {/seconds/total}; {?} MiB"}},
 };
 
 const std::vector<Printed> kBent = {
