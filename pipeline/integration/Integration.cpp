@@ -332,7 +332,7 @@ void Integrator::refine() {
         for (const SpotCentroid& centroid : centroids)
             m_result.places.push_back({prediction.spots[centroid.spot].frame, centroid.x, centroid.y});
         const double farthest = settle(m_result.fit, prediction);
-        search = std::clamp(4 * m_result.fit.residual, 2.0, search);
+        search = std::min(std::max(4 * m_result.fit.residual, 2.0), search);
         if (round > 1 && farthest < kSettledPixels &&
             std::abs(m_rocking.width / widthBefore - 1) < kSettledWidth)
             break;

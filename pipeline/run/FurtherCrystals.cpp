@@ -216,7 +216,7 @@ std::optional<Indexed> partOf(const Indexed& first, const ReciprocalVolume& volu
     choice.best.lattice = *part;
     choice.best.score = scoreLattice(points, *part);
     choice.sense = first.refined.decided ? first.refined.sense : 0;
-    choice.tolerance = std::clamp(kReach / part->shortestEdge(), 0.06, choice.tolerance);
+    choice.tolerance = std::min(std::max(kReach / part->shortestEdge(), 0.06), choice.tolerance);
     const QuietLog quiet(session, QuietLog::Keep::InLogAlone);
     std::optional<Indexed> answer = indexed(first.level, choice, volume, axis, session);
     if (!answer || answer->refined.lattice.sigma > kCloser * average.sigma) return std::nullopt;

@@ -73,7 +73,7 @@ Level searchLevel(const ReciprocalVolume& volume, double threshold, const Search
     level.threshold = threshold;
     // Five deviations of the halo's noise stay below the threshold.
     level.zeroBeam =
-        std::clamp(volume.noise.haloRadius(threshold, 5.0), 4.0, volume.voxels->GetWidth() / 10.0);
+        std::max(4.0, std::min(volume.noise.haloRadius(threshold, 5.0), volume.voxels->GetWidth() / 10.0));
     Parameter parameter;
     parameter.setThreshold(threshold);
     parameter.setMinDistToZeroBeam(level.zeroBeam);
