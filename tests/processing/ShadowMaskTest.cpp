@@ -54,7 +54,8 @@ std::unique_ptr<VoxMRCData> seriesOf(const Scene& scene) {
                                scene.ice * std::exp(-(r - 60) * (r - 60) / 8) +
                                300 * std::exp(-spot * spot / 3) + 20000 * std::exp(-r * r / 20);
                 if (scene.shadow(x, y)) value = scene.transmission * value + scene.pedestal;
-                if (scene.dead(x, y)) value = 0;
+                value = std::max(value, 1e-9);  // no distribution has a mean of nothing
+                if (scene.dead(x, y)) value = 1e-9;
                 const short counts = static_cast<short>(std::min(
                     value > 50 ? std::round(std::normal_distribution<double>(value, std::sqrt(value))(random))
                                : std::poisson_distribution<int>(value)(random),
