@@ -74,4 +74,16 @@ double CountScale::choice() const {
     return twoDigits(std::max(std::min(10 / deviation, limit()), 1 / deviation));
 }
 
+long long storeScaled(std::span<const float> counts, double scale, std::span<short> slice) {
+    constexpr double kLowest = -32768.0;
+    constexpr double kHighest = 32767.0;
+    long long clipped = 0;
+    for (std::size_t i = 0; i < counts.size(); ++i) {
+        const double rounded = std::floor(counts[i] * scale + 0.5);
+        if (rounded < kLowest || rounded > kHighest) ++clipped;
+        slice[i] = static_cast<short>(std::clamp(rounded, kLowest, kHighest));
+    }
+    return clipped;
+}
+
 }  // namespace vrk

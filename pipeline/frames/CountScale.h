@@ -37,4 +37,9 @@ private:
     std::vector<float> m_noises;  ///< of short rows of pixels
 };
 
+/// Counts times a scale as whole numbers of 16 bits, of which what does not fit is clipped.
+/// \param slice  as long as the counts
+/// \returns how many were clipped
+long long storeScaled(std::span<const float> counts, double scale, std::span<short> slice);
+
 }  // namespace vrk

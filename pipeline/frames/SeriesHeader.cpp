@@ -1,6 +1,7 @@
 #include "pipeline/frames/SeriesHeader.h"
 
 #include <algorithm>
+#include <new>
 #include <span>
 
 namespace vrk {
@@ -33,6 +34,13 @@ mrcH tiltSeriesHeader(int width, int height, const std::vector<double>& tilts, d
         header.setValue(SliceValue::PixelSize, i, static_cast<float>(pixelSize));
     }
     return header;
+}
+
+std::unique_ptr<VoxMRCData> emptySeries(int width, int height, std::size_t slices) {
+    std::unique_ptr<VoxMRCData> series(VoxMRCData::Create3D(
+        static_cast<unsigned>(width), static_cast<unsigned>(height), static_cast<unsigned>(slices)));
+    if (!series) throw std::bad_alloc();
+    return series;
 }
 
 void setDensities(VoxMRCData& series) {

@@ -2,6 +2,8 @@
 /// Headers of the tilt series that the host makes.
 #pragma once
 
+#include <cstddef>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -16,6 +18,9 @@ namespace vrk {
 /// \param label the first label, cut at 80 characters
 mrcH tiltSeriesHeader(int width, int height, const std::vector<double>& tilts, double pixelSize,
                       const std::string& label);
+
+/// A series without contents. Throws std::bad_alloc.
+std::unique_ptr<VoxMRCData> emptySeries(int width, int height, std::size_t slices);
 
 /// Fills the mean intensity of every slice and the minimum, maximum and mean density from the data.
 void setDensities(VoxMRCData& series);

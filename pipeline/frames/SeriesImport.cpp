@@ -324,20 +324,9 @@ bool Importer::addGroup(const Group& group, std::vector<float>& total, double& t
 }
 
 void Importer::store(const std::vector<float>& total, std::span<short> slice) {
-    const long long before = m_result.clipped;
-    for (std::size_t i = 0; i < total.size(); ++i) {
-        const double rounded = std::floor(total[i] * m_result.scale + 0.5);
-        if (rounded < -32768 || rounded > 32767) ++m_result.clipped;
-        slice[i] = static_cast<short>(std::clamp(rounded, -32768.0, 32767.0));
-    }
-    m_clippedSlices += m_result.clipped > before ? 1 : 0;
-}
-
-std::unique_ptr<VoxMRCData> create(int width, int height, std::size_t slices) {
-    std::unique_ptr<VoxMRCData> series(VoxMRCData::Create3D(
-        static_cast<unsigned>(width), static_cast<unsigned>(height), static_cast<unsigned>(slices)));
-    if (!series) throw std::bad_alloc();
-    return series;
+    const long long clipped = storeScaled(total, m_result.scale, slice);
+    m_result.clipped += clipped;
+    m_clippedSlices += clipped > 0 ? 1 : 0;
 }
 
 /// Fills the series with the scale as it stands; false when cancelled.
@@ -382,7 +371,7 @@ bool Importer::readScaled(const std::vector<Group>& groups) {
 /// Leaves out the room of slices of which all frames were empty.
 void Importer::shortenSeries() {
     if (m_tilts.size() == m_result.series->GetChunkCount()) return;
-    std::unique_ptr<VoxMRCData> shorter = create(m_width, m_height, m_tilts.size());
+    std::unique_ptr<VoxMRCData> shorter = emptySeries(m_width, m_height, m_tilts.size());
     for (unsigned z = 0; z < shorter->GetChunkCount(); ++z)
         std::copy_n(m_result.series->GetChunkPointer(z), shorter->GetChunkSize(),
                     shorter->GetChunkPointer(z));
@@ -466,7 +455,7 @@ ImportResult Importer::run() {
     m_width = m_frames.front().info.width / m_settings.bin;
     m_height = m_frames.front().info.height / m_settings.bin;
 
-    m_result.series = create(m_width, m_height, groups.size());
+    m_result.series = emptySeries(m_width, m_height, groups.size());
     if (!readScaled(groups)) return {};
     shortenSeries();
     fillHeader();

@@ -66,7 +66,7 @@ private:
                 m_invalid += invalid;
                 m_range.add(m_counts);
             }
-            store(scale, m_data.GetChunkPointer(z));
+            m_clipped += storeScaled(m_counts, scale, {m_data.GetChunkPointer(z), m_counts.size()});
         }
     }
 
@@ -80,14 +80,6 @@ private:
         return count;
     }
 
-    void store(double scale, short* slice) {
-        for (std::size_t i = 0; i < m_counts.size(); ++i) {
-            const double rounded = std::floor(m_counts[i] * scale + 0.5);
-            if (rounded < -32768.0 || rounded > 32767.0) ++m_clipped;
-            slice[i] = static_cast<short>(std::clamp(rounded, -32768.0, 32767.0));
-        }
-    }
-
     VoxMRCData& m_data;
     const TiltSeries::FrameSource& m_read;
     std::vector<float> m_counts;
@@ -95,13 +87,6 @@ private:
     long long m_invalid = 0;
     long long m_clipped = 0;
 };
-
-std::unique_ptr<VoxMRCData> emptyLike(int columns, int rows, int frames) {
-    std::unique_ptr<VoxMRCData> data(VoxMRCData::Create3D(
-        static_cast<unsigned>(columns), static_cast<unsigned>(rows), static_cast<unsigned>(frames)));
-    if (!data) throw std::bad_alloc();
-    return data;
-}
 
 }  // namespace
 
@@ -114,7 +99,7 @@ Result<TiltSeries> TiltSeries::make(int columns, int rows, std::span<const doubl
                                     Observer& observer) {
     return attempt(observer, [&](Session& session) {
         checkShape(columns, rows, tilts, statement);
-        std::unique_ptr<VoxMRCData> data = emptyLike(columns, rows, static_cast<int>(tilts.size()));
+        std::unique_ptr<VoxMRCData> data = emptySeries(columns, rows, tilts.size());
         data->m_Header = tiltSeriesHeader(columns, rows, {tilts.begin(), tilts.end()}, statement.pixelSize,
                                           std::string("VRKCore ") + VRK::kVersion);
         for (int z = 0; z < data->m_Header.nz; ++z) {
@@ -147,7 +132,7 @@ std::span<const std::int16_t> TiltSeries::frame(int index) const {
 }
 
 std::unique_ptr<VoxMRCData> TiltSeries::copy() const {
-    std::unique_ptr<VoxMRCData> data = emptyLike(columns(), rows(), frames());
+    std::unique_ptr<VoxMRCData> data = emptySeries(columns(), rows(), static_cast<std::size_t>(frames()));
     data->m_Header = m_data->m_Header;
     for (unsigned z = 0; z < data->GetChunkCount(); ++z)
         std::copy_n(m_data->GetChunkPointer(z), data->GetChunkSize(), data->GetChunkPointer(z));

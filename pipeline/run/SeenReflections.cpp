@@ -6,6 +6,7 @@
 #include <cmath>
 #include <limits>
 #include <map>
+#include <set>
 
 #include "pipeline/base/Angle.h"
 
@@ -62,7 +63,7 @@ public:
     const Observation* use(const Indices& hkl) {
         const auto found = m_observations.find(hkl);
         if (found == m_observations.end()) return nullptr;
-        m_used.emplace(hkl, true);
+        m_used.insert(hkl);
         return found->second;
     }
     std::vector<const Observation*> unused() const {
@@ -74,7 +75,7 @@ public:
 
 private:
     std::map<Indices, const Observation*> m_observations;
-    std::map<Indices, bool> m_used;
+    std::set<Indices> m_used;
 };
 
 struct Crystal {
