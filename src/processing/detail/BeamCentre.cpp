@@ -138,6 +138,11 @@ struct NormalEquations {
     double weights = 0;  ///< their sum
     double scale = 0;    ///< robust standard deviation of the differences
     double inliers = 0;  ///< part of the pairs that have weight
+    /// Derivatives with respect to the slope of the halo: with the centre's, with one another, with the
+    /// differences.
+    cv::Matx22d crossed = cv::Matx22d::zeros();
+    cv::Matx22d slopes = cv::Matx22d::zeros();
+    cv::Vec2d sloped;
 
     double determinant() const { return xx * yy - xy * xy; }
     /// Standard uncertainty of a coordinate. The neighbouring pixels of a smoothed image share their noise,
@@ -152,17 +157,35 @@ struct NormalEquations {
         if (!(signalX > 0) || !(signal > 0)) return std::numeric_limits<double>::infinity();
         return scale * std::sqrt(shared * (signalX + signalY) / signal / 2);
     }
+    /// Leaves the equations of the centre alone, whatever the slope of the halo is: one of \p deviation (1 /
+    /// pixel) is as likely as that.
+    void removeSlope(double deviation, double smoothing) {
+        const double shared = std::max(1.0, 4 * std::numbers::pi * smoothing * smoothing);
+        const double known = shared * scale * scale / (deviation * deviation);
+        const cv::Matx22d part = crossed * (slopes + known * cv::Matx22d::eye()).inv();
+        const cv::Matx22d taken = part * crossed.t();
+        const cv::Vec2d side = part * sloped;
+        xx -= taken(0, 0);
+        xy -= taken(0, 1);
+        yy -= taken(1, 1);
+        bx -= side[0];
+        by -= side[1];
+    }
     cv::Point2d step() const {
         const double d = determinant();
         return {-(yy * bx - xy * by) / d, -(xx * by - xy * bx) / d};
     }
 };
 
+/// Radius of a disc that holds little but the direct beam, pixels.
+constexpr double kBeamRadius = 12.0;
+/// Standard deviation of the relative slope of a halo, times half the width of the pattern.
+constexpr double kSlopeOfHalo = 0.15;
+
 /// What a halo that is not the same on all sides may do to a centre from a disc, pixels: little where the
 /// disc is no larger than the beam, more where a shadow makes it large.
 double errorOfHalo(double radius) {
-    constexpr double kBeam = 12.0;  // pixels
-    return 0.001 * radius + 0.008 * std::max(0.0, radius - kBeam);
+    return 0.001 * radius + 0.008 * std::max(0.0, radius - kBeamRadius);
 }
 
 /// What distortion and the curvature of the sphere do to a centre from spots, pixels.
@@ -170,8 +193,15 @@ constexpr double kErrorOfSpots = 0.01;
 
 struct Pair {
     float difference, gradientX, gradientY;
-    float deviation;  ///< of the difference's noise, on an arbitrary scale
+    float deviation;               ///< of the difference's noise, on an arbitrary scale
+    float slopeX = 0, slopeY = 0;  ///< by which the difference grows with the relative slope of the halo
 };
+
+/// What a relative change of the counts does to their root.
+float changeOfRoot(float root) {
+    const float shifted = std::max(root, 0.0F) + std::sqrt(kRootOffset);
+    return 0.5F * (shifted - kRootOffset / shifted);
+}
 
 /// Standard deviation of a root of counting noise, relative to that at high counts: the offset makes roots of
 /// few counts differ less.
@@ -181,7 +211,8 @@ float deviationOfRoot(float root) {
     return std::sqrt(std::max(1.0F - kRootOffset / (shifted * shifted), kLowest));
 }
 
-NormalEquations solve(const std::vector<Pair>& pairs, std::vector<float>& scratch) {
+/// \param halo  whether its slope is an unknown, too
+NormalEquations solve(const std::vector<Pair>& pairs, bool halo, std::vector<float>& scratch) {
     NormalEquations e;
     scratch.clear();
     for (const Pair& p : pairs)
@@ -195,13 +226,18 @@ NormalEquations solve(const std::vector<Pair>& pairs, std::vector<float>& scratc
         const double robust = (1 - r * r) * (1 - r * r);
         const double weight = robust / (p.deviation * p.deviation);
         const double gx = p.gradientX, gy = p.gradientY;
+        ++inliers;
         e.weights += robust;
         e.xx += weight * gx * gx;
         e.xy += weight * gx * gy;
         e.yy += weight * gy * gy;
         e.bx += weight * gx * p.difference;
         e.by += weight * gy * p.difference;
-        ++inliers;
+        if (!halo) continue;
+        const double hx = p.slopeX, hy = p.slopeY;
+        e.crossed += weight * cv::Matx22d(gx * hx, gx * hy, gy * hx, gy * hy);
+        e.slopes += weight * cv::Matx22d(hx * hx, hx * hy, hx * hy, hy * hy);
+        e.sloped += weight * p.difference * cv::Vec2d(hx, hy);
     }
     e.inliers = static_cast<double>(inliers) / static_cast<double>(pairs.size());
     return e;
@@ -225,6 +261,10 @@ void collectPairs(const cv::Mat_<float>& image, const cv::Mat_<float>& gx, const
             const float b = image(up, c.x - u);
             pairs.push_back({a - b, gx(down, c.x + u) - gx(up, c.x - u), gy(down, c.x + u) - gy(up, c.x - u),
                              roots ? deviationOfRoot(0.5F * (a + b)) : 1.0F});
+            if (!roots) continue;
+            const float change = 2 * changeOfRoot(0.5F * (a + b));
+            pairs.back().slopeX = change * static_cast<float>(u);
+            pairs.back().slopeY = change * static_cast<float>(v);
         }
     }
 }
@@ -797,6 +837,7 @@ BeamCentre BeamCentreFinder::refine(const cv::Mat& image, cv::Point2d start, con
     cv::Point2d c = start - cv::Point2d(around.box.tl());
     std::vector<Pair> pairs;
     std::vector<float> scratch;
+    const bool sloping = disc.roots && disc.radius > kBeamRadius;
     for (int iteration = 0; iteration < kMostIterations; ++iteration) {
         const cv::Point whole(cvFloor(c.x), cvFloor(c.y));
         if (!inside.contains(whole)) return {};
@@ -806,7 +847,9 @@ BeamCentre BeamCentreFinder::refine(const cv::Mat& image, cv::Point2d start, con
                      disc.roots, pairs);
         constexpr std::size_t kFewestPairs = 30;
         if (pairs.size() < kFewestPairs) return {};
-        const NormalEquations equations = solve(pairs, scratch);
+        NormalEquations equations = solve(pairs, sloping, scratch);
+        if (sloping)
+            equations.removeSlope(kSlopeOfHalo / (0.5 * std::min(m_width, m_height)), disc.smoothing);
         if (!(equations.determinant() > 1e-9)) return {};
         cv::Point2d step = equations.step();
         const double length = std::hypot(step.x, step.y);
