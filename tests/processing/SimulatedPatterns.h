@@ -14,6 +14,7 @@ struct PatternSettings {
     double background = 6;   ///< counts far from the beam
     double halo = 900;       ///< counts of the halo at the beam
     double haloWidth = 9;    ///< pixels in which it falls to 1/e
+    double slope = 0;        ///< of halo and background along x: what it adds at the edge, relative
     double beam = 20000;     ///< counts of the beam's maximum
     double beamSigma = 3.5;  ///< pixels
     double saturation = 30000;
@@ -31,7 +32,8 @@ inline std::vector<short> pattern(const PatternSettings& s, double cx, double cy
     for (std::size_t y = 0; y < size; ++y)
         for (std::size_t x = 0; x < size; ++x) {
             const double r = std::hypot(static_cast<double>(x) - cx, static_cast<double>(y) - cy);
-            expected[y * size + x] = s.background * (1.5 - r / s.size) + s.halo * std::exp(-r / s.haloWidth) +
+            const double halo = s.background * (1.5 - r / s.size) + s.halo * std::exp(-r / s.haloWidth);
+            expected[y * size + x] = halo * (1 + s.slope * (static_cast<double>(x) - cx) / (s.size / 2.0)) +
                                      s.beam * std::exp(-r * r / (2 * s.beamSigma * s.beamSigma));
         }
     std::uniform_real_distribution<double> uniform(0, 1);
