@@ -1,6 +1,7 @@
 #include "pipeline/base/SymmetricSystem.h"
 
 #include <Eigen/Eigenvalues>
+#include <limits>
 
 namespace vrk {
 
@@ -14,10 +15,21 @@ Eigen::MatrixXd SymmetricSystem::inverse() const {
     return m_factors.solve(Eigen::MatrixXd::Identity(m_factors.rows(), m_factors.cols()));
 }
 
+double SymmetricSystem::smallestPivot() const {
+    if (m_factors.info() != Eigen::Success) return std::numeric_limits<double>::quiet_NaN();
+    return m_factors.vectorD().minCoeff();
+}
+
 Eigen::MatrixXd scaledInverse(const Eigen::MatrixXd& matrix) {
     const Eigen::VectorXd scale = matrix.diagonal().cwiseMax(1e-300).cwiseSqrt().cwiseInverse();
     const Eigen::MatrixXd scaled = scale.asDiagonal() * matrix * scale.asDiagonal();
     return scale.asDiagonal() * SymmetricSystem(scaled).inverse() * scale.asDiagonal();
+}
+
+void addObservation(Eigen::MatrixXd& matrix, Eigen::VectorXd& right, const Eigen::MatrixXd& rows,
+                    const Eigen::VectorXd& deviation, double weight) {
+    matrix.noalias() += weight * rows.transpose() * rows;
+    right.noalias() += weight * rows.transpose() * deviation;
 }
 
 double smallestEigenvalue(const Eigen::MatrixXd& matrix) {

@@ -17,6 +17,9 @@ public:
     Eigen::VectorXd solve(const Eigen::VectorXd& right) const;
     /// The covariance that belongs to a normal matrix.
     Eigen::MatrixXd inverse() const;
+    /// The smallest of the pivots of the elimination: near 0 where the equations determine less than n
+    /// numbers; not a number when there is no elimination.
+    double smallestPivot() const;
 
 private:
     Eigen::LDLT<Eigen::MatrixXd> m_factors;
@@ -25,6 +28,12 @@ private:
 /// The inverse of a symmetric matrix whose rows and columns are brought to one scale first, so that
 /// parameters in different units do not cost digits.
 Eigen::MatrixXd scaledInverse(const Eigen::MatrixXd& matrix);
+
+/// Adds an observation of some components to normal equations: matrix += w RᵀR, right += w Rᵀd.
+/// \param rows  R, the derivatives: one row a component, one column a parameter
+/// \param deviation  d, observed less expected
+void addObservation(Eigen::MatrixXd& matrix, Eigen::VectorXd& right, const Eigen::MatrixXd& rows,
+                    const Eigen::VectorXd& deviation, double weight);
 
 /// \param matrix  symmetric
 double smallestEigenvalue(const Eigen::MatrixXd& matrix);

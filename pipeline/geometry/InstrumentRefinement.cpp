@@ -1,7 +1,5 @@
 #include "pipeline/geometry/InstrumentRefinement.h"
 
-#include <Eigen/Cholesky>
-#include <Eigen/Eigenvalues>
 #include <Eigen/Geometry>
 #include <Eigen/LU>
 #include <algorithm>
@@ -10,6 +8,7 @@
 #include <numbers>
 
 #include "pipeline/base/Median.h"
+#include "pipeline/base/SymmetricSystem.h"
 
 namespace vrk {
 namespace {
@@ -163,7 +162,7 @@ private:
         const Eigen::Index size = terms + state.lattice.size();
         MatrixXd matrix = MatrixXd::Zero(size, size);
         right = VectorXd::Zero(size);
-        Eigen::Matrix<double, 3, Eigen::Dynamic> rows(3, size);
+        MatrixXd rows(3, size);
         for (std::size_t i : m_used) {
             const Vector3d off = place(state, i) - model * node(i);
             const double ratio = off.norm() / limit;
@@ -180,8 +179,7 @@ private:
             rows.rightCols(state.lattice.size()).setZero();
             for (Eigen::Index part = 0; part < 4; ++part)
                 rows.rightCols(state.lattice.size()) -= hkl(part) * chain.middleRows(3 * part, 3);
-            matrix.noalias() += weight * rows.transpose() * rows;
-            right.noalias() -= weight * rows.transpose() * off;
+            addObservation(matrix, right, rows, -off, weight);
         }
         if (!state.held.isZero()) hold(state, used, matrix, right);
         return matrix;
@@ -205,9 +203,9 @@ private:
         const MatrixXd matrix = normal(state, used, right);
         if (m_used.size() < kFewestPoints || !(matrix.diagonal().minCoeff() > 0.0)) return false;
         const VectorXd scale = matrix.diagonal().cwiseSqrt().cwiseInverse();
-        const Eigen::LDLT<MatrixXd> factors(scale.asDiagonal() * matrix * scale.asDiagonal());
-        if (factors.info() != Eigen::Success || !(factors.vectorD().minCoeff() > 1e-7)) return false;
-        const VectorXd step = scale.asDiagonal() * factors.solve(scale.asDiagonal() * right);
+        const SymmetricSystem system(scale.asDiagonal() * matrix * scale.asDiagonal());
+        if (!(system.smallestPivot() > 1e-7)) return false;
+        const VectorXd step = scale.asDiagonal() * system.solve(scale.asDiagonal() * right);
         if (!step.allFinite()) return false;
         Eigen::Index column = 0;
         for (std::size_t t = 0; t < kInstrumentTerms; ++t)
@@ -262,23 +260,18 @@ bool areDistinct(Fit& fit, State state, const Terms& used) {
         fit.normalMatrix(state, used).diagonal().cwiseMax(1e-300).cwiseSqrt().cwiseInverse();
     const MatrixXd scaled = scale.asDiagonal() * matrix * scale.asDiagonal();
     const auto terms = static_cast<Eigen::Index>(std::count(used.begin(), used.end(), true));
-    const MatrixXd inverse = scaled.ldlt().solve(MatrixXd::Identity(matrix.rows(), terms));
-    return inverse.allFinite() && inverse.diagonal().maxCoeff() < kMostInflation;
-}
-
-MatrixXd inverseOf(const MatrixXd& normal) {
-    const VectorXd scale = normal.diagonal().cwiseMax(1e-300).cwiseSqrt().cwiseInverse();
-    const MatrixXd scaled = scale.asDiagonal() * normal * scale.asDiagonal();
-    const MatrixXd inverse = scaled.ldlt().solve(MatrixXd::Identity(normal.rows(), normal.cols()));
-    return scale.asDiagonal() * inverse * scale.asDiagonal();
+    const MatrixXd inverse = SymmetricSystem(scaled).inverse();
+    return inverse.allFinite() && inverse.diagonal().head(terms).maxCoeff() < kMostInflation;
 }
 
 /// The direction of the ellipse's two numbers that reflections determine least.
 Eigen::Vector2d leastDetermined(Fit& fit, State state, const Terms& used) {
     fit.assess(state);
     const auto column = static_cast<Eigen::Index>(columnOf(used, InstrumentTerm::EllipseCosine));
-    const Eigen::Matrix2d covariance = inverseOf(fit.normalMatrix(state, used)).block<2, 2>(column, column);
-    return Eigen::SelfAdjointEigenSolver<Eigen::Matrix2d>(covariance).eigenvectors().col(1);
+    const Eigen::Matrix2d covariance =
+        scaledInverse(fit.normalMatrix(state, used)).block<2, 2>(column, column);
+    const double angle = 0.5 * std::atan2(2 * covariance(0, 1), covariance(0, 0) - covariance(1, 1));
+    return {std::cos(angle), std::sin(angle)};
 }
 
 /// Half of the information criterion's gain of a trial over a state, with as many more numbers.
@@ -336,7 +329,7 @@ State select(Fit& fit, State state, const InstrumentSettings& settings, Terms& u
 MatrixXd covarianceOf(Fit& fit, State& state, const Terms& used) {
     fit.assess(state);
     const MatrixXd normal = fit.normalMatrix(state, used);
-    const MatrixXd inverse = inverseOf(normal);
+    const MatrixXd inverse = scaledInverse(normal);
     MatrixXd covariance = state.sigma * state.sigma * inverse;
     if (state.held.isZero() || !used[static_cast<std::size_t>(InstrumentTerm::EllipseCosine)])
         return covariance;
@@ -356,7 +349,7 @@ Eigen::Matrix<double, 12, 12> latticeCovariance(Fit& fit, State& state, const Te
     const MatrixXd covariance = covarianceOf(fit, state, used);
     const Eigen::Index size = state.lattice.size();
     const auto chain = state.lattice.derivatives();
-    return chain * covariance.bottomRightCorner(size, size) * chain.transpose();
+    return propagated(chain, covariance.bottomRightCorner(size, size));
 }
 
 /// By how much the axis of a fit that left out a component of an ellipse is turned, over the component.
@@ -368,7 +361,7 @@ double turnByEllipse(Fit& fit, const State& state, const Terms& terms, Instrumen
     std::vector<Eigen::Index> fitted;
     for (Eigen::Index i = 0; i < normal.rows(); ++i)
         if (i != column) fitted.push_back(i);
-    return inverseOf(normal(fitted, fitted)).row(0).dot(VectorXd(normal(fitted, column)));
+    return scaledInverse(normal(fitted, fitted)).row(0).dot(VectorXd(normal(fitted, column)));
 }
 
 /// Uncertainties of the direction of the axis, which is the first term.

@@ -1,11 +1,12 @@
 #include "pipeline/integration/ProfileFit.h"
 
-#include <Eigen/Cholesky>
 #include <Eigen/LU>
 #include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <numeric>
+
+#include "pipeline/base/SymmetricSystem.h"
 
 namespace vrk {
 namespace {
@@ -203,7 +204,7 @@ void FrameFit::solve(std::span<const std::size_t> group, std::size_t stored,
     // Spots that lie on each other cannot be told apart; a trace of a prior keeps their sum.
     for (Eigen::Index a = 0; a < count; ++a)
         matrix(a, a) *= 1 + 1e-6;
-    const Eigen::MatrixXd inverse = matrix.ldlt().solve(Eigen::MatrixXd::Identity(count, count));
+    const Eigen::MatrixXd inverse = SymmetricSystem(matrix).inverse();
     const Eigen::VectorXd counts = inverse * right;
     for (std::size_t a = 0; a < stored; ++a) {
         const Window& window = m_windows[group[a]];

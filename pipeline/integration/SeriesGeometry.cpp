@@ -2,10 +2,10 @@
 
 #include <Eigen/Geometry>
 #include <Eigen/LU>
-#include <Eigen/SVD>
 #include <cmath>
 
 #include "pipeline/base/Angle.h"
+#include "pipeline/base/SmallMatrices.h"
 
 namespace vrk {
 namespace {
@@ -171,12 +171,7 @@ std::vector<Matrix3d> latticeStrains(const Matrix3d& reciprocal, LATTICE::Bravai
 Matrix3d tiedVectors(const Matrix3d& reciprocal, LATTICE::BravaisTypes type) {
     const std::array<double, 6> cell = tiedCell(directCell(reciprocal), type);
     const Matrix3d standard = inverseTransposed(standardVectors(cell));
-    // The rotation that brings one set of vectors nearest to the other.
-    const Eigen::JacobiSVD<Matrix3d> svd(reciprocal * standard.transpose(),
-                                         Eigen::ComputeFullU | Eigen::ComputeFullV);
-    Matrix3d signs = Matrix3d::Identity();
-    signs(2, 2) = (svd.matrixU() * svd.matrixV().transpose()).determinant() < 0 ? -1 : 1;
-    return svd.matrixU() * signs * svd.matrixV().transpose() * standard;
+    return nearestRotation(reciprocal * standard.transpose()) * standard;
 }
 
 SeriesGeometry moved(const SeriesGeometry& geometry, const GeometryStep& step) {

@@ -1,9 +1,10 @@
 #include "pipeline/integration/SpotProfile.h"
 
-#include <Eigen/Cholesky>
 #include <algorithm>
 #include <cmath>
 #include <numbers>
+
+#include "pipeline/base/SymmetricSystem.h"
 
 namespace vrk {
 namespace {
@@ -225,7 +226,7 @@ SpotProfile ProfileLearner::solve(const Equations& equations, const SpotProfile&
         matrix(i, i) += weight;
         right(i) += weight * static_cast<double>(prior.m_coefficients[static_cast<std::size_t>(i)]);
     }
-    const Eigen::VectorXd solution = matrix.selfadjointView<Eigen::Lower>().ldlt().solve(right);
+    const Eigen::VectorXd solution = SymmetricSystem(matrix).solve(right);
     SpotProfile profile = prior;
     if (!solution.allFinite()) return profile;
     for (Eigen::Index i = 0; i < count; ++i)

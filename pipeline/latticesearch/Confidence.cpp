@@ -1,8 +1,9 @@
 #include "pipeline/latticesearch/Confidence.h"
 
-#include <Eigen/Eigenvalues>
 #include <algorithm>
 #include <cmath>
+
+#include "pipeline/base/SmallMatrices.h"
 
 namespace vrk {
 namespace {
@@ -92,7 +93,7 @@ double thinnessOf(std::span<const Eigen::Vector3d> places, const Eigen::Vector3d
     Eigen::Matrix3d moments = Eigen::Matrix3d::Zero();
     for (const Eigen::Vector3d& place : places)
         moments += (place - origin) * (place - origin).transpose();
-    const Eigen::Vector3d squares = Eigen::SelfAdjointEigenSolver<Eigen::Matrix3d>(moments).eigenvalues();
+    const Eigen::Vector3d squares = principalAxes(moments).moments;
     return squares[2] > 0.0 ? std::sqrt(std::max(squares[0], 0.0) / squares[2]) : 1.0;
 }
 

@@ -2,7 +2,6 @@
 
 #include <Eigen/Geometry>
 #include <Eigen/LU>
-#include <Eigen/SVD>
 #include <algorithm>
 #include <cmath>
 #include <numbers>
@@ -10,6 +9,7 @@
 #include <utility>
 
 #include "pipeline/base/Angle.h"
+#include "pipeline/base/SmallMatrices.h"
 #include "pipeline/latticesearch/LatticeFit.h"
 
 namespace vrk {
@@ -216,9 +216,7 @@ std::optional<double> turnBetween(const Matrix3d& from, const Matrix3d& to) {
                 const Matrix3d map = b * a.inverse();
                 const Matrix3d strain = map.transpose() * map - Matrix3d::Identity();
                 if (strain.cwiseAbs().maxCoeff() > 2.0 * kSameMetric) continue;
-                const Eigen::JacobiSVD<Matrix3d> svd(map, Eigen::ComputeFullU | Eigen::ComputeFullV);
-                const Matrix3d rotation = svd.matrixU() * svd.matrixV().transpose();
-                const double angle = Eigen::AngleAxisd(rotation).angle() / kDegree;
+                const double angle = Eigen::AngleAxisd(nearestOrthogonal(map)).angle() / kDegree;
                 if (!smallest || angle < *smallest) smallest = angle;
             }
         }

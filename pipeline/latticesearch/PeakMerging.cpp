@@ -1,6 +1,5 @@
 #include "pipeline/latticesearch/PeakMerging.h"
 
-#include <Eigen/Eigenvalues>
 #include <Eigen/Geometry>
 #include <algorithm>
 #include <cmath>
@@ -8,6 +7,7 @@
 #include <numeric>
 #include <unordered_map>
 
+#include "pipeline/base/SmallMatrices.h"
 #include "pipeline/latticesearch/CellSearch.h"
 
 namespace vrk {
@@ -120,7 +120,7 @@ std::vector<Group> groupsOf(const Points& points, const std::vector<Pair>& conne
             moments += off * off.transpose();
             group.extent = std::max(group.extent, 2.0 * off.norm());
         }
-        group.direction = Eigen::SelfAdjointEigenSolver<Eigen::Matrix3d>(moments).eigenvectors().col(2);
+        group.direction = principalAxes(moments).axes.col(2);
         result.push_back(group);
     }
     return result;
@@ -142,7 +142,7 @@ bool areArcs(const std::vector<Group>& groups, double beyond) {
     }
     const double extent = quantileOf(extents, 0.9);
     if (extent <= smallExtent * beyond || extent > mostExtent * beyond) return extent <= smallExtent * beyond;
-    const Vector3d shares = Eigen::SelfAdjointEigenSolver<Eigen::Matrix3d>(directions).eigenvalues();
+    const Vector3d shares = principalAxes(directions).moments;
     return quantileOf(radial, 0.5) < mostRadial && shares[2] < mostParallel;
 }
 

@@ -2,11 +2,11 @@
 
 #include <Eigen/Geometry>
 #include <Eigen/LU>
-#include <Eigen/SVD>
 #include <algorithm>
 #include <cmath>
 
 #include "pipeline/base/Angle.h"
+#include "pipeline/base/SmallMatrices.h"
 
 namespace vrk {
 namespace {
@@ -99,9 +99,7 @@ TiedLattice::TiedLattice(const CellTies& ties, const Matrix34& start) : m_ties(t
     setCell(directCellAndVolume(conventional));
     // The rotation (or rotoinversion) that brings the tied cell closest to the start.
     const Eigen::Matrix3d tied = reciprocalOf(m_values);
-    const Eigen::JacobiSVD<Eigen::Matrix3d> svd(conventional * tied.inverse(),
-                                                Eigen::ComputeFullU | Eigen::ComputeFullV);
-    m_rotation = svd.matrixU() * svd.matrixV().transpose();
+    m_rotation = nearestOrthogonal(conventional * tied.inverse());
     m_values.tail<3>() = start.col(3);
 }
 

@@ -1,6 +1,5 @@
 #include "pipeline/run/PeakCell.h"
 
-#include <Eigen/Eigenvalues>
 #include <Eigen/Geometry>
 #include <algorithm>
 #include <cmath>
@@ -12,6 +11,7 @@
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/NumberText.h"
 #include "pipeline/base/OutputFile.h"
+#include "pipeline/base/SmallMatrices.h"
 #include "pipeline/base/UnitCheck.h"
 #include "pipeline/latticesearch/PeakMerging.h"
 
@@ -86,8 +86,7 @@ void refuseFlatLists(const Points& points) {
     Matrix3d moments = Matrix3d::Zero();
     for (const Vector3d& point : points)
         moments += (point - mean) * (point - mean).transpose() / static_cast<double>(points.size());
-    const Vector3d spread =
-        Eigen::SelfAdjointEigenSolver<Matrix3d>(moments).eigenvalues().cwiseMax(0.0).cwiseSqrt();
+    const Vector3d spread = principalAxes(moments).moments.cwiseMax(0.0).cwiseSqrt();
     constexpr double flat = 0.02;
     if (spread[0] > flat * spread[1] && spread[1] > flat * spread[2]) return;
     throw Failure(

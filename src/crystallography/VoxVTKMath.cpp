@@ -1,36 +1,68 @@
 #include "crystallography/VoxVTKMath.h"
 
-#include <Eigen/Dense>
+#include <Eigen/Eigenvalues>
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <opencv2/core.hpp>
 
 namespace {
 
-Eigen::MatrixXd matrixOf(const double* const* rows, int m, int n) {
-    Eigen::MatrixXd matrix(m, n);
+using Matrix = cv::Mat_<double>;
+
+Matrix matrixOf(const double* const* rows, int m, int n) {
+    Matrix matrix(m, n);
     for (int i = 0; i < m; ++i)
-        for (int j = 0; j < n; ++j)
-            matrix(i, j) = rows[i][j];
+        std::copy_n(rows[i], n, matrix[i]);
     return matrix;
 }
 
-Eigen::Matrix3d matrixOf(const double a[3][3]) {
-    Eigen::Matrix3d matrix;
-    for (int i = 0; i < 3; ++i)
-        for (int j = 0; j < 3; ++j)
-            matrix(i, j) = a[i][j];
-    return matrix;
+Matrix matrixOf(const double a[3][3]) {
+    const double* rows[3] = {a[0], a[1], a[2]};
+    return matrixOf(rows, 3, 3);
 }
 
-void copyOut(const Eigen::Matrix3d& matrix, double out[3][3]) {
-    for (int i = 0; i < 3; ++i)
-        for (int j = 0; j < 3; ++j)
-            out[i][j] = matrix(i, j);
+bool allFinite(const double* values, int count) {
+    return std::all_of(values, values + count, [](double value) { return std::isfinite(value); });
 }
+
+bool allFinite(const Matrix& matrix) {
+    return std::all_of(matrix.begin(), matrix.end(), [](double value) { return std::isfinite(value); });
+}
+
+/// A = U diag(w) V^T of m >= n rows, the values largest first.
+struct SingularValues {
+    Matrix w, u, vt;
+
+    explicit SingularValues(const Matrix& a) { cv::SVD::compute(a, w, u, vt); }
+
+    /// Values that are more than rounding.
+    int rank(int m) const {
+        const double least = m * std::numeric_limits<double>::epsilon() * w(0);
+        return static_cast<int>(
+            std::count_if(w.begin(), w.end(), [=](double value) { return value > least; }));
+    }
+    /// The shortest x of least |A x - b|.
+    Matrix solve(const Matrix& b) const {
+        Matrix along, x = Matrix(cv::Size(b.cols, vt.cols), 0.0);
+        const int used = rank(b.rows);
+        if (used == 0) return x;
+        cv::gemm(u.colRange(0, used), b, 1.0, cv::noArray(), 0.0, along, cv::GEMM_1_T);
+        for (int i = 0; i < used; ++i)
+            along.row(i) *= 1.0 / w(i);
+        cv::gemm(vt.rowRange(0, used), along, 1.0, cv::noArray(), 0.0, x, cv::GEMM_1_T);
+        return x;
+    }
+};
 
 }  // namespace
 
 bool VoxVTKMath::JacobiN(const double* const* a, int n, double* w, double* const* v) {
     if (n < 1) return false;
-    const Eigen::MatrixXd matrix = matrixOf(a, n, n);
+    Eigen::MatrixXd matrix(n, n);
+    for (int i = 0; i < n; ++i)
+        for (int j = 0; j < n; ++j)
+            matrix(i, j) = a[i][j];
     if (!matrix.allFinite()) return false;
     const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver(matrix);
     if (solver.info() != Eigen::Success) return false;
@@ -53,58 +85,63 @@ bool VoxVTKMath::Jacobi(const double* const* a, double* w, double* const* v) {
 
 bool VoxVTKMath::SingularValueDecomposition3x3(const double a[3][3], double u[3][3], double w[3],
                                                double vTransposed[3][3]) {
-    const Eigen::Matrix3d matrix = matrixOf(a);
-    if (!matrix.allFinite()) return false;
-    const Eigen::JacobiSVD<Eigen::MatrixXd> svd(matrix, Eigen::ComputeFullU | Eigen::ComputeFullV);
-    Eigen::Matrix3d left = svd.matrixU();
-    Eigen::Matrix3d right = svd.matrixV();
-    Eigen::Vector3d values = svd.singularValues();
-    for (Eigen::Matrix3d* rotation : {&left, &right}) {
-        if (rotation->determinant() > 0.0) continue;
-        rotation->col(2) = -rotation->col(2);
-        values[2] = -values[2];
+    const Matrix matrix = matrixOf(a);
+    if (!allFinite(matrix)) return false;
+    SingularValues values(matrix);
+    if (cv::determinant(values.u) < 0) {
+        values.u.col(2) *= -1;
+        values.w(2) *= -1;
     }
-    copyOut(left, u);
-    copyOut(right.transpose(), vTransposed);
-    for (int k = 0; k < 3; ++k)
-        w[k] = values[k];
+    if (cv::determinant(values.vt) < 0) {
+        values.vt.row(2) *= -1;
+        values.w(2) *= -1;
+    }
+    for (int i = 0; i < 3; ++i) {
+        std::copy_n(values.u[i], 3, u[i]);
+        std::copy_n(values.vt[i], 3, vTransposed[i]);
+        w[i] = values.w(i);
+    }
     return true;
 }
 
 bool VoxVTKMath::SolveLinearSystem(const double* const* a, double* x, int n) {
     if (n < 1) return false;
-    const Eigen::MatrixXd matrix = matrixOf(a, n, n);
-    const Eigen::Map<Eigen::VectorXd> side(x, n);
-    if (!matrix.allFinite() || !side.allFinite()) return false;
-    const Eigen::FullPivLU<Eigen::MatrixXd> lu(matrix);
-    if (!lu.isInvertible()) return false;
-    const Eigen::VectorXd solution = lu.solve(side);
-    Eigen::Map<Eigen::VectorXd>(x, n) = solution;
+    const Matrix matrix = matrixOf(a, n, n);
+    if (!allFinite(matrix) || !allFinite(x, n)) return false;
+    const SingularValues values(matrix);
+    if (values.rank(n) < n) return false;
+    const Matrix solution = values.solve(Matrix(n, 1, x).clone());
+    std::copy(solution.begin(), solution.end(), x);
     return true;
 }
 
 bool VoxVTKMath::SolveLeastSquares(int m, int n, const double* const* a, const double* b, double* x) {
     if (n < 1 || m < n) return false;
-    const Eigen::MatrixXd matrix = matrixOf(a, m, n);
-    const Eigen::Map<const Eigen::VectorXd> side(b, m);
-    if (!matrix.allFinite() || !side.allFinite()) return false;
-    Eigen::Map<Eigen::VectorXd>(x, n) = matrix.completeOrthogonalDecomposition().solve(side);
+    const Matrix matrix = matrixOf(a, m, n);
+    if (!allFinite(matrix) || !allFinite(b, m)) return false;
+    Matrix side(m, 1);
+    std::copy_n(b, m, side.begin());
+    const Matrix solution = SingularValues(matrix).solve(side);
+    std::copy(solution.begin(), solution.end(), x);
     return true;
 }
 
 bool VoxVTKMath::InvertMatrix(const double* const* a, double* const* inverse, int n) {
     if (n < 1) return false;
-    const Eigen::MatrixXd matrix = matrixOf(a, n, n);
-    if (!matrix.allFinite()) return false;
-    const Eigen::FullPivLU<Eigen::MatrixXd> lu(matrix);
-    if (!lu.isInvertible()) return false;
-    const Eigen::MatrixXd result = lu.inverse();
+    const Matrix matrix = matrixOf(a, n, n);
+    if (!allFinite(matrix)) return false;
+    const SingularValues values(matrix);
+    if (values.rank(n) < n) return false;
+    Matrix unit(cv::Size(n, n), 0.0);
+    cv::setIdentity(unit);
+    const Matrix result = values.solve(unit);
     for (int i = 0; i < n; ++i)
-        for (int j = 0; j < n; ++j)
-            inverse[i][j] = result(i, j);
+        std::copy_n(result[i], n, inverse[i]);
     return true;
 }
 
 double VoxVTKMath::Determinant3x3(const double a[3][3]) {
-    return matrixOf(a).determinant();
+    return a[0][0] * (a[1][1] * a[2][2] - a[1][2] * a[2][1]) -
+           a[0][1] * (a[1][0] * a[2][2] - a[1][2] * a[2][0]) +
+           a[0][2] * (a[1][0] * a[2][1] - a[1][1] * a[2][0]);
 }

@@ -1,6 +1,6 @@
 /// \file
-/// Small numerical routines on plain arrays: eigenvalues, singular values, linear systems. The work is
-/// Eigen's; these functions only fix shapes, orders and failure results.
+/// Small numerical routines on plain arrays: eigenvalues, singular values, linear systems. The work is done
+/// by Eigen and OpenCV; these functions only fix shapes, orders and failure results.
 #pragma once
 
 #include "VRKCoreExport.h"

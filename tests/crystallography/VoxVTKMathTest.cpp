@@ -123,4 +123,11 @@ TEST(VoxVTKMath, LeastSquaresFitsALine) {
     EXPECT_NEAR(x[0], 0.2, 1e-12);
     EXPECT_NEAR(x[1], 3.2, 1e-12);
     EXPECT_FALSE(VoxVTKMath::SolveLeastSquares(1, 2, pointers, b, x));
+
+    // Equal columns share what either of them could do.
+    const double same[2] = {1, 1};
+    const double* const equal[4] = {same, same, same, same};
+    ASSERT_TRUE(VoxVTKMath::SolveLeastSquares(4, 2, equal, b, x));
+    EXPECT_NEAR(x[0], 2.5, 1e-12);
+    EXPECT_NEAR(x[1], 2.5, 1e-12);
 }
