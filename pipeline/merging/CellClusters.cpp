@@ -14,6 +14,14 @@ namespace {
 /// The first radius, as a part of the cut, within which cells are taken for one.
 constexpr double kFirstRadius = 0.05;
 
+/// Lattices that differ by such a strain have nothing in common, however much more it is.
+constexpr double kFarthest = 0.5;
+
+double boundedDistance(const ReducedCell& a, const ReducedCell& b, CellMetric metric) {
+    if (metric == CellMetric::S6) return a.distance(b, metric);
+    return a.leastStrain(b) > kFarthest ? kFarthest : std::min(a.distance(b, metric), kFarthest);
+}
+
 /// A step between two crystals that stand for what they are in.
 struct Link {
     std::size_t first, second;
@@ -74,7 +82,7 @@ public:
         for (std::size_t i = 0; i < m_count; ++i) {
             m_crystals.push_back(leaders[i].crystals);
             for (std::size_t j = 0; j < i; ++j)
-                at(i, j) = at(j, i) = leaders[i].cell.distance(leaders[j].cell, metric);
+                at(i, j) = at(j, i) = boundedDistance(leaders[i].cell, leaders[j].cell, metric);
         }
     }
 

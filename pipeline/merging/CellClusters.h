@@ -18,7 +18,7 @@ struct CellClusterOptions {
     double cut = 0.03;
     /// More different cells than this are not told apart in the dendrogram: those nearest to one another come
     /// together first. It bounds time and memory, which grow with its square.
-    std::size_t mostDifferent = 1000;
+    std::size_t mostDifferent = 2000;
 };
 
 /// A step of the dendrogram, numbered as usual: crystals are 0 ... n - 1 in the order given, what the i-th
@@ -50,11 +50,11 @@ struct CellClustering {
 
 /// Clusters the reduced primitive cells hierarchically by average linkage (UPGMA): the distance of two
 /// clusters is the mean over their pairs, so that a few bad cells between two phases do not chain them
-/// together as single linkage does. The tree is made by nearest-neighbour chains (F. Murtagh, The Computer
-/// Journal 26 (1983) 354, doi:10.1093/comjnl/26.4.354) from a matrix of distances between different cells;
-/// when these are more than CellClusterOptions::mostDifferent, each crystal first joins the first one in the
-/// list that is nearer than a radius, which grows until they are not. The result does not depend on anything
-/// but the list.
+/// together as single linkage does; strains above 0.5 count as 0.5. The tree is made by nearest-neighbour
+/// chains (F. Murtagh, The Computer Journal 26 (1983) 354, doi:10.1093/comjnl/26.4.354) from a matrix of
+/// distances between different cells; when these are more than CellClusterOptions::mostDifferent, each
+/// crystal first joins the first one in the list that is nearer than a radius, which grows until they are
+/// not. The result does not depend on anything but the list.
 CellClustering clusterCells(std::span<const CrystalCell> crystals, const CellClusterOptions& options = {});
 
 }  // namespace vrk

@@ -148,7 +148,8 @@ std::vector<double> plainHeights(const std::vector<vrk::CrystalCell>& crystals) 
                 double sum = 0;
                 for (const std::size_t i : sets[a])
                     for (const std::size_t j : sets[b])
-                        sum += vrk::ReducedCell(crystals[i]).distance(vrk::ReducedCell(crystals[j]));
+                        sum += std::min(
+                            0.5, vrk::ReducedCell(crystals[i]).distance(vrk::ReducedCell(crystals[j])));
                 sum /= static_cast<double>(sets[a].size() * sets[b].size());
                 if (sum >= least) continue;
                 least = sum;
