@@ -2,7 +2,9 @@
 
 #include <cmath>
 #include <fstream>
+#include <iterator>
 #include <nlohmann/json.hpp>
+#include <set>
 
 #include "pipeline/base/Failure.h"
 #include "pipeline/formats/ReflectionTable.h"
@@ -49,7 +51,11 @@ std::vector<CrystalData> readCrystals(const std::filesystem::path& folder) {
                       FailureKind::Usage);
     std::vector<CrystalData> crystals;
     try {
-        crystals = crystalsOf(Json::parse(stream), folder);
+        const Json summary = Json::parse(stream);
+        if (summary.contains("merge"))
+            throw Failure(folder.string() + " holds merged crystals; give the folders of the crystals",
+                          FailureKind::Usage);
+        crystals = crystalsOf(summary, folder);
     } catch (const Json::exception&) {
         throw Failure(file.string() + " is not complete; run the series again");
     }
@@ -63,6 +69,27 @@ std::vector<CrystalData> readCrystals(const std::filesystem::path& folder) {
         crystals[static_cast<std::size_t>(one.crystal) - 1].observations.push_back(observation);
     }
     std::erase_if(crystals, [](const CrystalData& crystal) { return crystal.observations.empty(); });
+    return crystals;
+}
+
+std::vector<CrystalData> readCrystals(std::span<const std::filesystem::path> folders, Session& session) {
+    const Stage stage(session, "read");
+    std::vector<CrystalData> crystals;
+    std::set<std::filesystem::path> known;
+    for (const std::filesystem::path& folder : folders) {
+        session.checkCanceled();
+        if (!known.insert(std::filesystem::weakly_canonical(folder)).second)
+            throw Failure(folder.string() + " is given twice; its crystals would count twice",
+                          FailureKind::Usage);
+        std::vector<CrystalData> more = readCrystals(folder);
+        if (more.empty())
+            session.warn(folder.string() +
+                         " has no intensities measured on the frames and is left out; run its series again "
+                         "without --no-integration");
+        crystals.insert(crystals.end(), std::make_move_iterator(more.begin()),
+                        std::make_move_iterator(more.end()));
+        session.advance(static_cast<double>(known.size()) / static_cast<double>(folders.size()));
+    }
     return crystals;
 }
 

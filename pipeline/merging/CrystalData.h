@@ -4,9 +4,11 @@
 
 #include <Eigen/Core>
 #include <filesystem>
+#include <span>
 #include <string>
 #include <vector>
 
+#include "pipeline/base/Session.h"
 #include "pipeline/integration/Observation.h"
 #include "pipeline/merging/ReducedCell.h"
 
@@ -26,6 +28,9 @@ struct CrystalData {
 /// The crystals in a folder of `vrk run` that have intensities measured on the frames: summary.json for cells
 /// and reflections.csv for intensities. Throws Failure that names the file and what it lacks.
 std::vector<CrystalData> readCrystals(const std::filesystem::path& folder);
+
+/// The crystals of several folders. A warning names the folders that have no such intensities.
+std::vector<CrystalData> readCrystals(std::span<const std::filesystem::path> folders, Session& session);
 
 /// A crystal's observations with the indices of another base; spacings stay. Reflections that the other base
 /// has no whole indices for are left out.
