@@ -53,7 +53,7 @@ void printMerge(std::ostream& out, const CrystalMerge& merge) {
     const DataReduction& data = merge.data;
     const ShellStatistics& all = data.statistics.overall;
     out << formatted("crystals      %zu of %zu merged", merge.growth.size(), merge.crystals.size())
-        << formatted(", cells within %.1f %%\n",
+        << formatted(", cells within %.2f %%\n",
                      100 * std::max_element(merge.crystals.begin(), merge.crystals.end(),
                                             [](const MergedCrystal& a, const MergedCrystal& b) {
                                                 return a.used && b.used ? a.fromMiddle < b.fromMiddle

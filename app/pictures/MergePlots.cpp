@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "pictures/IntensityPlots.h"
+#include "pipeline/base/NumberText.h"
 #include "pipeline/base/OutputFile.h"
 
 namespace vrk::app {
@@ -39,13 +40,14 @@ void addCrystals(GnuplotScript& plot, const CrystalMerge& merge) {
                                  scaled ? std::exp(one.scale.k) : gap, scaled ? one.scale.b : gap});
     }
     const std::string data = plot.addData("crystal delta_of_used delta_of_others scale b", rows, 5);
+    plot.addCommand(formatted("set xrange [0.5:%g]", static_cast<double>(merge.crystals.size()) + 0.5));
     plot.addCommand("set title 'delta CC1/2'; set xlabel 'crystal'; set ylabel ''");
     plot.addCommand("plot 0 lc rgb 'grey' notitle, " + data +
                     " using 1:2 with points pt 7 lc rgb '#0072B2' title 'used', " + data +
                     " using 1:3 with points pt 7 lc rgb '#D55E00' title 'left out'");
     plot.addCommand(
         "set title 'Scale and relative B'; set ylabel 'scale'; set y2label 'B (square Angstrom)'");
-    plot.addCommand("set y2tics; set ytics nomirror; set y2range [*:*]; set yrange [0:*]");
+    plot.addCommand("set y2tics; set ytics nomirror; set y2range [*<-1:1<*]; set yrange [0:*]");
     plot.addCommand("plot " + data + " using 1:4 with points pt 7 lc rgb '#0072B2' title 'scale', " + data +
                     " using 1:5 axes x1y2 with points pt 5 lc rgb '#D55E00' title 'B'");
 }

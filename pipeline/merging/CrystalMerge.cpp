@@ -104,8 +104,12 @@ public:
         takeReference();
         LaueRotations laue = jointLaueGroup();
         for (int cycle = 0; cycle < kLaueCycles; ++cycle) {
-            index(laue);
-            scaleAndJudge(laue);
+            // What was left out no longer has a say in how the others are indexed.
+            for (std::size_t before = 0; before != used().size();) {
+                before = used().size();
+                index(laue);
+                scaleAndJudge(laue);
+            }
             m_result.data.laue = laueGroupOfAll();
             if (m_result.data.laue.best().rotations == laue) break;
             laue = m_result.data.laue.best().rotations;
@@ -125,7 +129,8 @@ private:
     void collect();
     void scaleAndJudge(const LaueRotations& laue);
     bool leaveOutStrangers();
-    bool leaveOutWorst(const CrystalAgreement& agreement);
+    std::vector<std::size_t> worst(const CrystalAgreement& agreement, const LaueRotations& laue) const;
+    bool leaveOutWorst(const CrystalAgreement& agreement, const LaueRotations& laue);
     LaueChoice laueGroupOfAll() const;
     void rejectOutliers(const LaueRotations& laue);
     void takeMeanCell();
@@ -352,30 +357,43 @@ bool Merger::leaveOutStrangers() {
     return any;
 }
 
-/// \returns whether crystals spoil the data and were left out
-bool Merger::leaveOutWorst(const CrystalAgreement& agreement) {
+/// Crystals that spoil the data, the worst first. What the others scatter by is seen without them.
+std::vector<std::size_t> Merger::worst(const CrystalAgreement& agreement, const LaueRotations& laue) const {
     const std::vector<std::size_t> all = used();
-    std::vector<double> deltas, deviations;
-    for (const std::size_t i : all) {
-        m_result.crystals[i].deltaCcHalf = agreement.delta[i];
-        deltas.push_back(agreement.delta[i]);
-    }
+    const auto count = static_cast<double>(all.size());
     // Of two crystals nobody can say which one is wrong.
-    if (all.size() < 3) return false;
+    if (all.size() < 3) return {};
+    std::vector<std::size_t> suspects;
+    for (const std::size_t i : all)
+        if (agreement.delta[i] < -kLeastHarm / count) suspects.push_back(i);
+    std::stable_sort(suspects.begin(), suspects.end(),
+                     [&](std::size_t a, std::size_t b) { return agreement.delta[a] < agreement.delta[b]; });
+    const auto most = 1 + static_cast<std::size_t>(kLeftOutAtOnce * count);
+    if (suspects.size() > most) suspects.resize(most);
+    const auto isSuspect = [&](std::size_t crystal) {
+        return std::find(suspects.begin(), suspects.end(), crystal) != suspects.end();
+    };
+    std::vector<Observation> rest;
+    for (const Observation& one : m_result.data.observations)
+        if (!isSuspect(one.source)) rest.push_back(one);
+    const CrystalAgreement without = crystalAgreement(rest, m_result.crystals.size(), laue);
+    std::vector<double> deltas, deviations;
+    for (const std::size_t i : all)
+        if (!isSuspect(i)) deltas.push_back(without.delta[i]);
     const double middle = medianOf(deltas);
     for (const double delta : deltas)
         deviations.push_back(std::abs(delta - middle));
-    const double limit =
-        std::min(-kLeastHarm / static_cast<double>(all.size()),
-                 middle - kHarmInScatters * kNormalScatter * medianOf(std::move(deviations)));
-    std::vector<std::size_t> worst;
-    for (const std::size_t i : all)
-        if (agreement.delta[i] < limit) worst.push_back(i);
-    std::stable_sort(worst.begin(), worst.end(),
-                     [&](std::size_t a, std::size_t b) { return agreement.delta[a] < agreement.delta[b]; });
-    const auto most = 1 + static_cast<std::size_t>(kLeftOutAtOnce * static_cast<double>(all.size()));
-    if (worst.size() > most) worst.resize(most);
-    for (const std::size_t i : worst) {
+    const double limit = middle - kHarmInScatters * kNormalScatter * medianOf(std::move(deviations));
+    std::erase_if(suspects, [&](std::size_t crystal) { return agreement.delta[crystal] > limit; });
+    return suspects;
+}
+
+/// \returns whether crystals spoil the data and were left out
+bool Merger::leaveOutWorst(const CrystalAgreement& agreement, const LaueRotations& laue) {
+    for (const std::size_t i : used())
+        m_result.crystals[i].deltaCcHalf = agreement.delta[i];
+    const std::vector<std::size_t> list = worst(agreement, laue);
+    for (const std::size_t i : list) {
         const std::string reason = formatted("without it CC1/2 is %.3f instead of %.3f",
                                              agreement.ccHalf - agreement.delta[i], agreement.ccHalf);
         if (m_options.keepAll)
@@ -383,7 +401,7 @@ bool Merger::leaveOutWorst(const CrystalAgreement& agreement) {
         else
             leaveOut(i, reason);
     }
-    return !worst.empty() && !m_options.keepAll;
+    return !list.empty() && !m_options.keepAll;
 }
 
 void Merger::scaleAndJudge(const LaueRotations& laue) {
@@ -402,7 +420,7 @@ void Merger::scaleAndJudge(const LaueRotations& laue) {
         const CrystalAgreement agreement =
             crystalAgreement(m_result.data.observations, m_result.crystals.size(), laue);
         m_result.ccHalf = agreement.ccHalf;
-        changed = leaveOutWorst(agreement);
+        changed = leaveOutWorst(agreement, laue);
     }
 }
 

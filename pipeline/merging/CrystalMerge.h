@@ -76,8 +76,8 @@ struct CrystalMerge {
 /// - indices are made consistent (indexConsistently());
 /// - each crystal has a scale and a relative B (scaleCrystals()), all have one error model;
 /// - crystals without whose data the halves agree better are left out one after the other: those whose delta
-///   CC1/2 is negative by more than 0.03 over the number of crystals and lower than that of most by more than
-///   four times the scatter;
+///   CC1/2 is negative by more than 0.03 over the number of crystals and lower than those of the others,
+///   seen without it, by more than four times their scatter;
 /// - the rest is merged and judged as the data of a single crystal are.
 ///
 /// Everything follows from the list and the options alone.

@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
-#include <numeric>
 #include <set>
+#include <utility>
 
 #include "pipeline/base/Angle.h"
 #include "pipeline/base/Failure.h"
@@ -279,8 +279,12 @@ std::vector<ReducedCell::Match> ReducedCell::matches(const ReducedCell& other, d
             found.push_back({base, std::sqrt(strains[o])});
         }
     }
+    // Strains that differ by rounding are equal.
+    const auto key = [](const Match& match) {
+        return std::pair(std::lround(1e5 * match.strain), -match.base.trace());
+    };
     std::stable_sort(found.begin(), found.end(),
-                     [](const Match& a, const Match& b) { return a.strain < b.strain; });
+                     [&](const Match& a, const Match& b) { return key(a) < key(b); });
     return found;
 }
 

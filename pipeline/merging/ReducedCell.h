@@ -57,8 +57,9 @@ public:
         Eigen::Matrix3d base;
         double strain = 0;
     };
-    /// All such bases with a strain of at most \p most (0.07 or less), the closest first. They are as many as
-    /// the lattice has rotations, more precisely those that hold within the tolerance.
+    /// All such bases with a strain of at most \p most (0.07 or less), the closest first, of equally close
+    /// ones that with the largest trace: the identity for the same cell. They are as many as the lattice has
+    /// rotations, more precisely those that hold within the tolerance.
     std::vector<Match> matches(const ReducedCell& other, double most) const;
 
 private:
