@@ -44,6 +44,7 @@ int parseAndRun(vrk::app::Host& host, int argc, char** argv) {
     vrk::app::addCellCommand(line, host);
     vrk::app::addIndexCommand(line, host);
     vrk::app::addSectionsCommand(line, host);
+    vrk::app::addMergeCommand(line, host);
     vrk::app::addReportCommand(line, host);
     vrk::app::addCellInfoCommand(line, host);
     vrk::app::addSimulateCommand(line, host);

@@ -5,6 +5,7 @@
 
 #include "pipeline/base/NumberText.h"
 #include "pipeline/base/ResultFolder.h"
+#include "pipeline/merging/MergeFiles.h"
 #include "pipeline/report/Report.h"
 #include "pipeline/run/OptionCheck.h"
 #include "pipeline/run/ResultFiles.h"
@@ -99,6 +100,29 @@ Result<std::vector<std::filesystem::path>> writeResults(const RunResult& result,
 Result<void> writeReflections(const RunResult& result, ReflectionFile kind, const std::filesystem::path& path,
                               const CrystalText& text, Observer& observer) {
     return attempt(observer, [&](Session&) { writeReflectionFile(result, kind, path, text); });
+}
+
+Result<CrystalMerge> mergeCrystals(std::span<const std::filesystem::path> folders,
+                                   const MergeOptions& options, Observer& observer) {
+    return attempt(observer, [&](Session& session) {
+        return mergeCrystals(readCrystals(folders, session), options, session);
+    });
+}
+
+Result<std::vector<std::filesystem::path>> writeMergedCrystals(const CrystalMerge& merge,
+                                                               const std::filesystem::path& folder,
+                                                               const CrystalText& text, Observer& observer) {
+    return attempt(observer, [&](Session&) {
+        refuseFolderOfRun(folder);
+        ResultFolder results(folder);
+        writeMergedFiles(merge, text, results.path());
+        writeMergeSummary(mergeJson(merge, "", {}), "", results.written(), results.path());
+        std::vector<std::filesystem::path> paths;
+        for (const std::string& file : results.written())
+            paths.push_back(folder / file);
+        results.commit();
+        return paths;
+    });
 }
 
 Result<void> writeReportPage(std::span<const std::filesystem::path> folders,

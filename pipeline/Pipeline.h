@@ -28,6 +28,7 @@
 #include "pipeline/base/Callbacks.h"
 #include "pipeline/frames/SeriesImport.h"
 #include "pipeline/frames/TiltSeries.h"
+#include "pipeline/merging/CrystalMerge.h"
 #include "pipeline/run/IntensityFiles.h"
 #include "pipeline/run/PeakCell.h"
 #include "pipeline/run/ResultTables.h"
@@ -77,6 +78,18 @@ Result<std::vector<std::filesystem::path>> writeResults(const RunResult& result,
 /// frames where there are none.
 Result<void> writeReflections(const RunResult& result, ReflectionFile kind, const std::filesystem::path& path,
                               const CrystalText& text = {}, Observer& observer = silence());
+
+/// The crystals of several results in one data set, as `vrk merge` makes it.
+/// \param folders  of writeResults() or `vrk run`, with intensities measured on the frames
+Result<CrystalMerge> mergeCrystals(std::span<const std::filesystem::path> folders,
+                                   const MergeOptions& options = {}, Observer& observer = silence());
+
+/// All files that `vrk merge` writes, but pictures and log. They replace those of an earlier one together.
+/// \returns the paths
+Result<std::vector<std::filesystem::path>> writeMergedCrystals(const CrystalMerge& merge,
+                                                               const std::filesystem::path& folder,
+                                                               const CrystalText& text = {},
+                                                               Observer& observer = silence());
 
 /// The page of a result again, or one that compares several, as `vrk report` makes it.
 /// \param folders  of writeResults() or `vrk run`

@@ -18,6 +18,7 @@ void addPeaksCommand(CommandLine& line, Host& host);
 void addCellCommand(CommandLine& line, Host& host);
 void addIndexCommand(CommandLine& line, Host& host);
 void addSectionsCommand(CommandLine& line, Host& host);
+void addMergeCommand(CommandLine& line, Host& host);
 void addReportCommand(CommandLine& line, Host& host);
 void addCellInfoCommand(CommandLine& line, Host& host);
 void addSimulateCommand(CommandLine& line, Host& host);

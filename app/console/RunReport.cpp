@@ -89,7 +89,8 @@ std::string clusteringText(const CellSearchTrial& trial) {
     return text;
 }
 
-/// Laue and space group with their rivals.
+}  // namespace
+
 std::string symmetryText(const DataReduction& reduction) {
     char text[64];
     std::string line = reduction.laue.best().laueClass;
@@ -105,6 +106,8 @@ std::string symmetryText(const DataReduction& reduction) {
         line += (i == 1 ? " or " : ", ") + groups[i].symbol;
     return line;
 }
+
+namespace {
 
 void printIntensities(std::ostream& out, const Intensities& intensities) {
     char line[256];

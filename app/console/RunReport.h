@@ -3,6 +3,7 @@
 #pragma once
 
 #include <ostream>
+#include <string>
 
 #include "pipeline/run/RunResult.h"
 
@@ -10,5 +11,8 @@ namespace vrk::app {
 
 /// The short table on the standard output.
 void printSummary(std::ostream& out, const RunResult& result);
+
+/// Laue and space group with their rivals.
+std::string symmetryText(const DataReduction& reduction);
 
 }  // namespace vrk::app

@@ -8,7 +8,6 @@
 
 #include "pipeline/base/Angle.h"
 #include "pipeline/base/NumberText.h"
-#include "visualisation/GnuplotScript.h"
 
 namespace vrk::app {
 namespace {
@@ -31,6 +30,8 @@ std::string curve(const std::string& data, const char* columns, const char* colo
     return data + " using " + columns + " with linespoints pt 7 ps 0.7 lc rgb " + colour + " title " +
            GnuplotScript::quoted(name);
 }
+
+}  // namespace
 
 void addShells(GnuplotScript& plot, const MergingStatistics& statistics) {
     std::vector<double> rows;
@@ -72,6 +73,8 @@ void addWilson(GnuplotScript& plot, const WilsonPlot& wilson) {
                     formatted(", %.8g - 2 * (%.8g) * x lc rgb ", wilson.lnScale, wilson.b) + kSecondColour +
                     " title 'line'");
 }
+
+namespace {
 
 void addScales(GnuplotScript& plot, const Intensities& intensities) {
     const ScaleModel& scales = intensities.reduction.scales;

@@ -5,6 +5,7 @@
 #include <filesystem>
 
 #include "pipeline/run/Intensities.h"
+#include "visualisation/GnuplotScript.h"
 
 namespace vrk::app {
 
@@ -20,5 +21,13 @@ namespace vrk::app {
 /// \param folder  an existing one
 /// \returns false when gnuplot is missing or failed; the log says so, scripts and data are there then.
 bool writeIntensityPlots(const Intensities& intensities, const std::filesystem::path& folder);
+
+/// \name Panels of a plot
+/// @{
+
+/// Three: completeness, mean I/sigma, agreement of equivalents by resolution.
+void addShells(GnuplotScript& plot, const MergingStatistics& statistics);
+void addWilson(GnuplotScript& plot, const WilsonPlot& wilson);
+/// @}
 
 }  // namespace vrk::app

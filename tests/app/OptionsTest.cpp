@@ -192,6 +192,12 @@ const std::vector<Command> kCommands = {
      "",
      "",
      false},
+    {"merge one two -o out",
+     {},
+     "--output --cell-tolerance --leave-out --keep-all --d-min --reference --formula --no-pictures "
+     "--log-level --json",
+     "",
+     false},
     {"info series.mrc --json", {{"--slices", "/slices/0/a_tilt=-60"}}, "--picture --axis"},
     {"simulate -o s.mrc --json",
      {{"--centring I", "/cell/conventional/centring=I s.mrc~"},

@@ -1,0 +1,159 @@
+// vrk merge on results of crystals whose intensities, scales and bases are known.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <gemmi/mtz.hpp>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+
+#include "app/RunVrk.h"
+#include "merging/SimulatedCrystals.h"
+#include "pipeline/formats/ReflectionTable.h"
+#include "support/TemporaryFolder.h"
+
+namespace {
+
+using nlohmann::json;
+
+/// The files of a run that merging reads.
+void writeResult(const vrk::CrystalData& crystal, const std::filesystem::path& folder) {
+    std::filesystem::create_directory(folder);
+    json cell;
+    for (std::size_t i = 0; i < 6; ++i)
+        cell[std::vector<const char*>{"a", "b", "c", "alpha", "beta", "gamma"}[i]] = crystal.cell.cell[i];
+    const json summary = {{"parameters", {{"voltage_kv", crystal.kiloVolts}}},
+                          {"intensities", {{"cell", cell}, {"resolution", {{"d_min", crystal.dMin}}}}},
+                          {"crystals", {{{"bravais", crystal.bravais}, {"cell", cell}}}}};
+    std::ofstream(folder / "summary.json") << summary;
+    // One that was seen and not measured, and one of a crystal that is not there.
+    std::vector<vrk::ListedReflection> list(2);
+    list[0].counts = 70;
+    list[1].crystal = 2;
+    list[1].sigma = 1;
+    for (const vrk::Observation& one : crystal.observations) {
+        list.emplace_back();
+        list.back().hkl = one.hkl;
+        list.back().crystal = 1;
+        list.back().spacing = one.spacing;
+        list.back().intensity = one.intensity;
+        list.back().sigma = one.sigma;
+    }
+    vrk::writeReflectionTable(list, folder / "reflections.csv");
+}
+
+class MergeCommandTest : public testing::Test {
+protected:
+    /// Crystals of a polar tetragonal structure, every second in swapped axes; bad has intensities of its
+    /// own, other another cell.
+    static void SetUpTestSuite() {
+        folder = std::make_unique<TemporaryFolder>();
+        testing_support::SimulatedCrystals simulated{{6.5, 6.5, 8.3, 90, 90, 90}, 'P', "tP", "P 4"};
+        Eigen::Matrix3d swap;
+        swap << 0, 1, 0, 1, 0, 0, 0, 0, -1;
+        simulated.bases = {Eigen::Matrix3d::Identity(), swap};
+        simulated.random = 4;
+        auto crystals = simulated.make(6);
+        crystals[5].cell.cell[2] *= 1.05;
+        const std::vector<const char*> names = {"r0", "r1", "r2", "r3", "bad", "other"};
+        for (std::size_t i = 0; i < names.size(); ++i)
+            writeResult(crystals[i], *folder / names[i]);
+        crystals[5].observations.clear();
+        writeResult(crystals[5], *folder / "empty");
+    }
+    static void TearDownTestSuite() { folder.reset(); }
+
+    static VrkResult merge(const std::string& arguments) {
+        return runVrkLine("merge -o out --no-pictures --json " + arguments, *folder / ".");
+    }
+    static json merged(const std::string& arguments) {
+        const VrkResult result = merge(arguments);
+        EXPECT_EQ(result.exitCode, 0) << result.err;
+        return json::parse(result.out);
+    }
+
+    static std::unique_ptr<TemporaryFolder> folder;
+};
+
+std::unique_ptr<TemporaryFolder> MergeCommandTest::folder;
+
+TEST_F(MergeCommandTest, WritesOneDataSet) {
+    const VrkResult result =
+        runVrkLine("merge r0 r1 r2 r3 empty -o first --formula SiO2 --log-level debug", *folder / ".");
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_NE(result.err.find("empty has no intensities"), std::string::npos) << result.err;
+    EXPECT_NE(result.out.find("crystals      4 of 4 merged"), std::string::npos) << result.out;
+    const json summary = json::parse(folder->read("first/merge.json"));
+    const json& all = summary["/intensities/overall"_json_pointer];
+    EXPECT_EQ(summary["/intensities/laue/class"_json_pointer], "4/m");
+    EXPECT_GT(summary["/intensities/cc_half_of_crystals"_json_pointer], 0.99);
+    EXPECT_NEAR(summary["/cell/c"_json_pointer].get<double>(), 8.3, 1e-3);
+    for (const json& crystal : summary["crystals"]) {
+        EXPECT_EQ(crystal["ways"], 2);
+        EXPECT_GT(crystal["correlation"], 0.9);
+    }
+    EXPECT_EQ(summary["growth"].back()["completeness"], all["completeness"]);
+    EXPECT_EQ(json::parse(folder->read("first/summary.json"))["files"].size(), 9U);
+    // Every file has the same reflections, and the scale of the first is that of the others.
+    const auto lines = [](const std::string& text) { return std::count(text.begin(), text.end(), '\n'); };
+    EXPECT_EQ(lines(folder->read("first/merged.hkl")), all["unique"].get<int>() + 1);
+    EXPECT_EQ(lines(folder->read("first/reflections.hkl")), all["observations"].get<int>() + 1);
+    EXPECT_EQ(lines(folder->read("first/crystals.csv")), 5);
+    const gemmi::Mtz mtz = gemmi::read_mtz_file(*folder / "first/merged.mtz");
+    EXPECT_EQ(mtz.nreflections, all["unique"]);
+    EXPECT_NEAR(mtz.cell.c, 8.3, 1e-3);
+    EXPECT_EQ(mtz.spacegroup->laue_str(), std::string("4/m"));
+    const std::string instructions = folder->read("first/crystal.ins");
+    EXPECT_NE(instructions.find("SYMM -Y,X,Z"), std::string::npos) << instructions;
+    EXPECT_NE(instructions.find("SFAC Si"), std::string::npos) << instructions;
+    EXPECT_FALSE(folder->read("first/plots/merging.plt").empty());
+    EXPECT_NE(folder->read("first/vrk.log").find("options:"), std::string::npos);
+}
+
+TEST_F(MergeCommandTest, OptionsDecideWhichCrystalsTakePart) {
+    const VrkResult refused = merge("r0 r1 r2 other");
+    EXPECT_EQ(refused.exitCode, 2);
+    EXPECT_NE(refused.err.find("\n  other: tP 6.500 6.500 8.715"), std::string::npos) << refused.err;
+    EXPECT_FALSE(std::filesystem::exists(*folder / "out/merge.json"));
+    const auto used = [](const json& summary) {
+        std::string text;
+        for (const json& crystal : summary["crystals"])
+            text += crystal["used"].get<bool>() ? '1' : '0';
+        return text;
+    };
+    EXPECT_EQ(used(merged("r0 r1 r2 other --leave-out")), "1110");
+    EXPECT_EQ(used(merged("r0 r1 r2 other --cell-tolerance 6")), "1111");
+    EXPECT_EQ(used(merged("r0 bad r1 r2 r3")), "10111");
+    EXPECT_EQ(used(merged("r0 bad r1 r2 r3 --keep-all")), "11111");
+    const json coarse = merged("r0 r1 --d-min 1.6");
+    EXPECT_NEAR(coarse["/intensities/overall/d_min"_json_pointer].get<double>(), 1.6, 1e-9);
+}
+
+TEST_F(MergeCommandTest, ReferenceDecidesTheIndices) {
+    // r0 and r2 have the axes of the structure, r1 and r3 have a and b exchanged and c turned round.
+    for (const auto& [reference, sign] : {std::pair("r0", 1.0), std::pair("r3", -1.0)}) {
+        const json crystals = merged(std::string("r0 r1 r2 --reference ") + reference)["crystals"];
+        ASSERT_EQ(crystals.size(), 3U);
+        for (std::size_t i = 0; i < 3; ++i)
+            EXPECT_EQ(crystals[i]["base"][2][2], i == 1 ? -sign : sign) << reference;
+    }
+}
+
+TEST_F(MergeCommandTest, RefusesWhatItCannotMerge) {
+    const auto refusal = [](const std::string& arguments) {
+        const VrkResult result = merge(arguments);
+        EXPECT_NE(result.exitCode, 0);
+        return result.err;
+    };
+    EXPECT_NE(refusal("r0 r0").find("given twice"), std::string::npos);
+    EXPECT_NE(refusal("r0 empty").find("two crystals at least"), std::string::npos);
+    EXPECT_NE(refusal("r0 nothing").find("holds no summary.json"), std::string::npos);
+    EXPECT_NE(refusal("r0 r1 --reference other").find("is not that of the crystals"), std::string::npos);
+    EXPECT_NE(runVrkLine("merge r0 r1 -o r2", *folder / ".").err.find("give another folder"),
+              std::string::npos);
+    EXPECT_FALSE(folder->read("r2/reflections.csv").empty());
+}
+
+}  // namespace

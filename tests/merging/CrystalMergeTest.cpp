@@ -1,0 +1,205 @@
+#include "pipeline/merging/CrystalMerge.h"
+
+#include <gtest/gtest.h>
+
+#include "SimulatedCrystals.h"
+#include "pipeline/base/Attempt.h"
+#include "pipeline/base/Failure.h"
+#include "pipeline/merging/CrystalAgreement.h"
+
+namespace {
+
+using Eigen::Matrix3d;
+using testing_support::SimulatedCrystals;
+using vrk::CrystalMerge;
+using vrk::MergeOptions;
+
+Matrix3d matrix(std::array<double, 9> rows) {
+    return Eigen::Map<Eigen::Matrix<double, 3, 3, Eigen::RowMajor>>(rows.data());
+}
+
+const Matrix3d kSame = Matrix3d::Identity();
+const Matrix3d kSwap = matrix({0, 1, 0, 1, 0, 0, 0, 0, -1});
+const Matrix3d kSixfold = matrix({1, 1, 0, -1, 0, 0, 0, 0, 1});
+const Matrix3d kAlongC = matrix({-1, 0, 0, 0, -1, 0, 0, 0, 1});
+
+CrystalMerge mergedOf(const std::vector<vrk::CrystalData>& crystals, const MergeOptions& options = {}) {
+    return vrk::attempt(vrk::silence(),
+                        [&](vrk::Session& session) { return vrk::mergeCrystals(crystals, options, session); })
+        .value();
+}
+
+/// R of the square roots of merged and true intensities, on the scale that fits best.
+double rOfAmplitudes(const CrystalMerge& result, const SimulatedCrystals& truth) {
+    double top = 0, bottom = 0, deviations = 0;
+    std::vector<std::pair<double, double>> pairs;
+    for (const vrk::MergedReflection& one : result.data.merged) {
+        pairs.emplace_back(std::sqrt(std::max(one.intensity, 0.0)), std::sqrt(truth.truth.at(one.hkl)));
+        top += pairs.back().first * pairs.back().second;
+        bottom += pairs.back().first * pairs.back().first;
+    }
+    double sum = 0;
+    for (const auto& [found, right] : pairs) {
+        deviations += std::abs(top / bottom * found - right);
+        sum += right;
+    }
+    return deviations / sum;
+}
+
+TEST(CrystalMergeTest, indexesAllCrystalsTheSameWay) {
+    struct Row {
+        SimulatedCrystals crystals;
+        const char* laueClass;
+        int ways;
+    };
+    const std::vector<Row> rows = {{{{7.5, 7.5, 9.3, 90, 90, 90}, 'P', "tP", "P 4"}, "4/m", 2},
+                                   {{{7.5, 7.5, 9.3, 90, 90, 90}, 'I', "tI", "I 4/m m m"}, "4/mmm", 1},
+                                   {{{9, 9, 9, 90, 90, 90}, 'P', "cP", "P 2 3"}, "m-3", 2},
+                                   {{{7.5, 7.5, 9.3, 90, 90, 120}, 'P', "hP", "P 3"}, "-3", 4},
+                                   {{{9.5, 9.5, 11.3, 90, 90, 120}, 'R', "hR", "R 3:H"}, "-3", 2},
+                                   {{{7.1, 7.15, 9.4, 82, 82.5, 75}, 'P', "aP", "P 1"}, "-1", 2},
+                                   {{{7.1, 8.3, 9.4, 90, 90.4, 90}, 'P', "mP", "P 1 2 1"}, "2/m", 2}};
+    for (Row row : rows) {
+        const bool hexagonal = row.crystals.bravais == "hP", triclinic = row.crystals.bravais == "aP";
+        row.crystals.bases = {kSame, kSwap, kSwap, kSame, kSwap};
+        if (hexagonal) row.crystals.bases = {kSame, kSwap, kSixfold, kSixfold * kSwap, kSame};
+        if (row.crystals.bravais == "mP") row.crystals.bases = {kSame, kAlongC, kSame, kAlongC, kAlongC};
+        if (triclinic) row.crystals.bases = {kSame, kSwap, kSame, kSame, kSwap};
+        const auto crystals = row.crystals.make(8);
+        const CrystalMerge result = mergedOf(crystals);
+        EXPECT_EQ(result.data.laue.best().laueClass, row.laueClass) << row.crystals.group;
+        EXPECT_EQ(result.bravais, row.crystals.bravais);
+        for (const vrk::MergedCrystal& one : result.crystals) {
+            EXPECT_TRUE(one.used) << one.reason;
+            EXPECT_EQ(one.indexing.ways, row.ways) << row.crystals.group;
+            EXPECT_GT(one.indexing.correlation, 0.9) << row.crystals.group << one.name;
+            EXPECT_LT(one.indexing.runnerUp, 0.5) << row.crystals.group << one.name;
+        }
+        // Merged in the wrong way CC1/2 would be about a half.
+        EXPECT_GT(result.ccHalf, 0.99) << row.crystals.group;
+        EXPECT_LT(result.data.statistics.overall.rMeas, 0.08) << row.crystals.group;
+    }
+}
+
+TEST(CrystalMergeTest, agreesWithTheTruthTheBetterTheMoreCrystals) {
+    SimulatedCrystals simulated{{7.1, 8.3, 9.4, 90, 103, 90}, 'P', "mP", "P 1 2 1"};
+    simulated.wedge = 50;
+    simulated.noise = 0.15;
+    const auto crystals = simulated.make(12);
+    const CrystalMerge few = mergedOf({crystals.begin(), crystals.begin() + 3});
+    const CrystalMerge all = mergedOf(crystals);
+    const double rOfFew = rOfAmplitudes(few, simulated), rOfAll = rOfAmplitudes(all, simulated);
+    // Noise falls with the root of the observations, of which there are about four times as many.
+    EXPECT_NEAR(
+        rOfAll / rOfFew,
+        std::sqrt(few.data.statistics.overall.redundancy() / all.data.statistics.overall.redundancy()), 0.2);
+    EXPECT_LT(rOfAll, 0.06);
+    double k = 0, b = 0;
+    for (std::size_t i = 0; i < crystals.size(); ++i) {
+        k += simulated.k[i] / 12;
+        b += simulated.b[i] / 12;
+    }
+    for (std::size_t i = 0; i < crystals.size(); ++i) {
+        const vrk::CrystalScale& scale = all.crystals[i].scale;
+        EXPECT_NEAR(scale.k, simulated.k[i] - k, 0.08) << i;
+        EXPECT_NEAR(scale.b, simulated.b[i] - b, 0.25) << i;
+        EXPECT_LT(std::abs(scale.k - simulated.k[i] + k), 5 * scale.sigmaOfK + 0.01) << i;
+    }
+    // Thin wedges in all directions fill reciprocal space.
+    ASSERT_EQ(all.growth.size(), 12U);
+    EXPECT_LT(all.growth.front().completeness, 0.6);
+    EXPECT_GT(all.growth.back().completeness, 0.97);
+    EXPECT_DOUBLE_EQ(all.growth.back().completeness, all.data.statistics.overall.completeness());
+    EXPECT_NEAR(all.growth.back().redundancy, all.data.statistics.overall.redundancy(), 1e-9);
+    EXPECT_EQ(all.growth.back().ccHalf, all.ccHalf);
+    for (std::size_t i = 1; i < 12; ++i)
+        EXPECT_LE(all.growth[i].completeness - all.growth[i - 1].completeness,
+                  i > 1 ? all.growth[i - 1].completeness - all.growth[i - 2].completeness + 1e-9 : 1);
+    EXPECT_EQ(all.growth[0].ccHalf, 0);
+    // The same crystals give the same data.
+    EXPECT_EQ(mergedOf(crystals).data.merged[50].intensity, all.data.merged[50].intensity);
+}
+
+TEST(CrystalMergeTest, leavesOutCrystalsThatSpoilTheData) {
+    for (const std::size_t count : {3U, 6U, 20U}) {
+        SimulatedCrystals simulated{{7.5, 7.5, 9.3, 90, 90, 90}, 'P', "tP", "P 4"};
+        simulated.bases = {kSame, kSwap, kSwap};
+        simulated.random = 1;
+        simulated.noise = 0.1;
+        const auto crystals = simulated.make(count);
+        const CrystalMerge result = mergedOf(crystals);
+        for (std::size_t i = 0; i < count; ++i)
+            EXPECT_EQ(result.crystals[i].used, i != 1) << result.crystals[i].reason;
+        EXPECT_LT(result.crystals[1].deltaCcHalf, -0.03 / static_cast<double>(count));
+        EXPECT_NE(result.crystals[1].reason.find("CC1/2"), std::string::npos);
+        EXPECT_GT(result.ccHalf, 0.95);
+        for (const vrk::Observation& one : result.data.observations)
+            ASSERT_NE(one.source, 1U);
+        MergeOptions keep;
+        keep.keepAll = true;
+        const CrystalMerge kept = mergedOf(crystals, keep);
+        EXPECT_TRUE(kept.crystals[1].used);
+        EXPECT_FALSE(kept.crystals[1].reason.empty());
+        EXPECT_LT(kept.ccHalf, result.ccHalf);
+    }
+}
+
+TEST(CrystalMergeTest, refusesOtherCellsByName) {
+    SimulatedCrystals simulated{{7.1, 8.3, 9.4, 90, 103, 90}, 'P', "mP", "P 1 2 1"};
+    auto crystals = simulated.make(4);
+    crystals[2].cell.cell[1] *= 1.05;
+    try {
+        mergedOf(crystals);
+        FAIL();
+    } catch (const vrk::Failure& failure) {
+        const std::string text = failure.what();
+        EXPECT_EQ(failure.kind(), vrk::FailureKind::Usage);
+        EXPECT_NE(text.find("crystal2: mP 7.100 8.715"), std::string::npos) << text;
+        EXPECT_EQ(text.find("crystal1:"), std::string::npos) << text;
+    }
+    MergeOptions options;
+    options.leaveOut = true;
+    const CrystalMerge without = mergedOf(crystals, options);
+    EXPECT_FALSE(without.crystals[2].used);
+    EXPECT_NEAR(without.cell.cell[1], 8.3, 1e-9);
+    options = {};
+    options.cellTolerance = 0.06;
+    const CrystalMerge with = mergedOf(crystals, options);
+    EXPECT_TRUE(with.crystals[2].used);
+    EXPECT_GT(with.cell.cell[1], 8.35);
+    EXPECT_GT(with.cellSigma[1], 0.01);
+    EXPECT_EQ(with.cellSigma[0], 0);
+    options.dMin = 1.5;
+    EXPECT_NEAR(mergedOf(crystals, options).data.statistics.overall.dMin, 1.5, 1e-9);
+    EXPECT_THROW(mergedOf({crystals[0]}), vrk::Failure);
+    options.cellTolerance = 0.2;
+    EXPECT_THROW(mergedOf(crystals, options), vrk::Failure);
+}
+
+TEST(CrystalAgreementTest, isThatOfHalvesOfTheCrystals) {
+    // Many crystals with the same noise: two halves have the noise of half of them.
+    std::mt19937 engine(2);
+    std::normal_distribution<double> normal;
+    std::vector<vrk::Observation> list;
+    for (int h = 1; h <= 600; ++h) {
+        const double truth = normal(engine);
+        for (std::uint32_t crystal = 0; crystal < 8; ++crystal) {
+            vrk::Observation one;
+            one.hkl = {h, 0, 0};
+            one.intensity = truth + normal(engine);
+            one.sigma = 1;
+            one.spacing = 2 + 1.0 / h;
+            one.source = crystal;
+            list.push_back(one);
+            // An equivalent that shares the noise counts for nothing.
+            one.hkl = {-h, 0, 0};
+            list.push_back(one);
+        }
+    }
+    const vrk::CrystalAgreement found = vrk::crystalAgreement(list, 8, {vrk::IndexRotation()});
+    EXPECT_NEAR(found.ccHalf, 1 / (1 + 1 / 4.0), 0.03);
+    for (const double delta : found.delta)
+        EXPECT_NEAR(delta, 1 / (1 + 1 / 4.0) - 1 / (1 + 1 / 3.5), 0.02);
+}
+
+}  // namespace
