@@ -36,6 +36,7 @@ int parseAndRun(vrk::app::Host& host, int argc, char** argv) {
         VRK::kVersion, host.columns());
     vrk::app::addRunCommand(line, host);
     vrk::app::addImportCommand(line, host);
+    vrk::app::addBatchCommand(line, host);
     vrk::app::addInfoCommand(line, host);
     vrk::app::addPreprocessCommand(line, host);
     vrk::app::addTiltAxisCommand(line, host);

@@ -25,6 +25,8 @@ for argument in "$@"; do
     --with-python)
       packages+=(python3 python3-dev python3-pip python3-venv pybind11-dev python3-numpy python3-gemmi
         python3-pytest python3-hypothesis python3-tqdm python3-pandas) ;;
+    # What runs batches: the local engine, and Slurm for scripts/check.sh --engines.
+    --with-engines) packages+=(snakemake slurm-wlm munge python3) ;;
     # What scripts/report.sh builds the page with, alone, and the browser that it is tried in.
     --with-report) packages=("${node[@]}") ;;
     --with-browser) packages=("${node[@]}" chromium fonts-dejavu-core) ;;

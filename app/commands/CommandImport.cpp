@@ -86,10 +86,7 @@ void runImport(Host& host, const Options& options) {
     report(host, options, result);
 }
 
-}  // namespace
-
-void addImportCommand(CommandLine& line, Host& host) {
-    auto options = std::make_shared<Options>();
+Command describeImport(CommandLine& line, const std::shared_ptr<Options>& options) {
     ImportSettings& settings = options->settings;
     Command command =
         line.command("import", "Make a tilt series from the frames of microscopes and collection programs");
@@ -137,7 +134,19 @@ void addImportCommand(CommandLine& line, Host& host) {
         "  vrk import frames/1.ed3d -o series.mrc                          MRC frames with their .ed3d list\n"
         "  vrk import stack.mrc -o series.mrc --tilts stack.mrc.mdoc       MRC stack with .mdoc, .tlt or "
         ".rawtlt");
-    command.action([options, &host] { runImport(host, *options); });
+    return command;
+}
+
+}  // namespace
+
+void addImportOptions(CommandLine& line) {
+    const auto options = std::make_shared<Options>();
+    describeImport(line, options).action([options] {});
+}
+
+void addImportCommand(CommandLine& line, Host& host) {
+    const auto options = std::make_shared<Options>();
+    describeImport(line, options).action([options, &host] { runImport(host, *options); });
 }
 
 }  // namespace vrk::app

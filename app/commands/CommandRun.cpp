@@ -129,10 +129,7 @@ void runSeries(const Options& options, const std::string& given, const std::stri
     }
 }
 
-}  // namespace
-
-void addRunCommand(CommandLine& line, Host& host) {
-    auto options = std::make_shared<Options>();
+Command describeRun(CommandLine& line, const std::shared_ptr<Options>& options) {
     Command command =
         line.command("run", "Find the unit cell of a raw tilt series and index its reflections");
     command.option("series", options->series, "Tilt series (.mrc); 'vrk import' makes one")
@@ -185,6 +182,19 @@ void addRunCommand(CommandLine& line, Host& host) {
     addLogLevelOption(command, options->log);
     command.flag("--json", options->json, "Print the summary as JSON");
     command.footer("Example:\n  vrk run series.mrc -o result --tilt-axis search");
+    return command;
+}
+
+}  // namespace
+
+void addRunOptions(CommandLine& line) {
+    const auto options = std::make_shared<Options>();
+    describeRun(line, options).action([options] {});
+}
+
+void addRunCommand(CommandLine& line, Host& host) {
+    const auto options = std::make_shared<Options>();
+    Command command = describeRun(line, options);
     command.action(
         [options, command, &line, &host] { runSeries(*options, command.givenOptions(), line.text(), host); });
 }

@@ -10,6 +10,7 @@ namespace vrk::app {
 
 void addRunCommand(CommandLine& line, Host& host);
 void addImportCommand(CommandLine& line, Host& host);
+void addBatchCommand(CommandLine& line, Host& host);
 void addInfoCommand(CommandLine& line, Host& host);
 void addPreprocessCommand(CommandLine& line, Host& host);
 void addTiltAxisCommand(CommandLine& line, Host& host);
@@ -25,5 +26,12 @@ void addSimulateCommand(CommandLine& line, Host& host);
 void addCalibrateCommand(CommandLine& line, Host& host);
 void addDemoCommand(CommandLine& line, Host& host);
 void addCompletionCommand(CommandLine& line, Host& host);
+
+/// \name The options of a command without its work
+/// For commands that hand words to it: they are checked as it would.
+/// @{
+void addRunOptions(CommandLine& line);
+void addImportOptions(CommandLine& line);
+/// @}
 
 }  // namespace vrk::app

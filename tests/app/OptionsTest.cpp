@@ -86,6 +86,15 @@ const std::vector<Command> kCommands = {
       {"--format mtz", "/files! out/merged.mtz?"},
       {"--no-integration", "/intensities=null out/reflections.hkl~"}},
      ""},
+    {"batch batch.csv -o b --plan-only",
+     {{"", "b/batch.json:/jobs/1/frames=41 b/jobs.txt? b/workflow/settings.json:/units/000001/cores=1"},
+      {"--memory 200", "b/workflow/settings.json:/units/000000/memory=200"},
+      {"--slurm --partition p --account a --jobs 3",
+       "b/workflow/settings.json:/slurm/0=--partition=p b/workflow/settings.json:/slurm/1=--account=a "
+       "b/workflow/settings.json:/units/000000/tasks=0-1%3"},
+      {"--slurm --array-size 1", "b/workflow/settings.json:/units/000001/tasks=0-0"}},
+     // Tests of the command run jobs.
+     "--dry-run --collect --again --job --cut -- --tilt-axis "},
     {"cell peaks.txt -o c.txt --json",
      {{"--pixel-size 1e8", "/pixel_size=1e8 /cell/a>"},
       {"--min-length 8", "/parameters/min_length=8 /search=parameters"},
@@ -291,6 +300,7 @@ protected:
     static void SetUpTestSuite() {
         folder = std::make_unique<TemporaryFolder>();
         folder->write("cal.txt", "166666672 1.7e8\n");
+        folder->write("batch.csv", "series,name\nseries.mrc,one\nseries.mrc,two\n");
         folder->write("d.json",
                       R"json({"format": "vrk instrument geometry", "version": 1,
                       "frame": {"x": "right", "y": "down", "azimuth": "from x towards y",

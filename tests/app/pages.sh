@@ -34,7 +34,8 @@ if grep -q garnet "$page"; then
 fi
 if grep -q result3 "$page"; then "$vrk" run series.mrc -o result3 --no-pictures --no-integration >log.txt; fi
 for name in one two unknown; do cp series.mrc $name.mrc; done
-mkdir frames vrk-demo
+mkdir frames vrk-demo session
+cp series.mrc session
 cp series.mrc frames/Frame_0001.img
 cp series.mrc vrk-demo/series.mrc
 for name in stack.mrc movie.tif; do cp series.mrc "$name"; done

@@ -1,0 +1,180 @@
+// Results of a batch in one table: from summaries to rows, clusters, the instrument and the page.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "pipeline/base/Failure.h"
+#include "pipeline/batch/BatchPage.h"
+#include "pipeline/batch/Collection.h"
+#include "pipeline/batch/CsvTable.h"
+#include "support/TemporaryFolder.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+json cellOf(const std::array<double, 6>& c) {
+    return {{"a", c[0]}, {"b", c[1]}, {"c", c[2]}, {"alpha", c[3]}, {"beta", c[4]}, {"gamma", c[5]}};
+}
+
+/// What the collection reads of a summary.
+json summaryOf(const std::array<double, 6>& cell, double axis, double ellipse) {
+    json conventional = cellOf(cell);
+    conventional["bravais"] = "oP";
+    conventional["volume"] = cell[0] * cell[1] * cell[2];
+    json terms = json::array();
+    for (const char* name : {"ellipse_cos", "ellipse_sin"})
+        terms.push_back({{"name", name},
+                         {"value", std::string(name) == "ellipse_cos" ? ellipse : 0.0},
+                         {"esd", 0.0005},
+                         {"correlation", 0.1}});
+    return {{"input", {{"nx", 100}, {"ny", 128}, {"pixel_size", 1e8}}},
+            {"tilt_axis", {{"angle_deg", 30.0}, {"refined_deg", axis}, {"refined_esd_deg", 0.05}}},
+            {"cell",
+             {{"conventional", conventional},
+              {"esd", {{"conventional", cellOf({0.01, 0.01, 0.01, 0, 0, 0})}}},
+              {"candidates", {{{"centring", "P"}}}}}},
+            {"confidence", {{"level", "high"}, {"reasons", json::array()}}},
+            {"reflections", {{"found", 400}, {"indexed", 390}, {"residual_px", 0.5}, {"resolution", 0.9}}},
+            {"completeness", {{"share", 0.71}}},
+            {"handedness", {{"sense", -1}}},
+            {"instrument", {{"refined", true}, {"known", nullptr}, {"terms", terms}}},
+            {"intensities", nullptr},
+            {"seconds", {{"total", 3.5}}},
+            {"peak_memory_mib", 70.0}};
+}
+
+class Collecting : public testing::Test {
+protected:
+    Collecting() { fs::create_directories(batch.record("x").parent_path()); }
+
+    void add(const std::string& name, vrk::JobOutcome outcome, const json& summary = {},
+             const std::string& cause = "") {
+        vrk::JobRecord record;
+        record.outcome = outcome;
+        record.cause = cause;
+        record.stamp.modified = static_cast<std::int64_t>(states.size()) * 3'600'000'000'000;
+        record.seconds = 1.0 + static_cast<double>(states.size());
+        states.push_back(
+            {{name, {fs::path("/data") / (name + " <i>.mrc"), false, {}, 1, 2, 2, 2}, {}}, record, {}});
+        fs::create_directories(batch.result(name));
+        if (!summary.is_null()) std::ofstream(batch.result(name) / "summary.json") << summary;
+    }
+
+    vrk::Collection collect() {
+        vrk::Observer observer;
+        vrk::Session session(observer);
+        const vrk::Collection collection = vrk::collect(states, batch, {}, session);
+        vrk::writeCollection(collection, states, batch);
+        return collection;
+    }
+
+    std::map<std::string, std::string> row(const std::string& name) const {
+        const vrk::CsvTable table = vrk::readCsv(folder / "crystals.csv");
+        for (const vrk::CsvTable::Row& one : table.rows) {
+            std::map<std::string, std::string> fields;
+            for (std::size_t i = 0; i < table.columns.size(); ++i)
+                fields[table.columns[i]] = one.fields[i];
+            if (fields["name"] == name) return fields;
+        }
+        return {};
+    }
+
+    TemporaryFolder folder;
+    vrk::BatchFolder batch{folder / "."};
+    std::vector<vrk::JobState> states;
+};
+
+TEST_F(Collecting, MakesTableClustersInstrumentAndPage) {
+    using enum vrk::JobOutcome;
+    for (int i = 0; i < 4; ++i)
+        add(std::string("one").append(std::to_string(i)), Done,
+            summaryOf({5 + 0.01 * i, 6, 7, 90, 90, 90}, i == 3 ? -149.8 : 30.0 + 0.1 * i, 0.01 + 0.001 * i));
+    // The same lattice in other axes, at another tilt axis; one of another phase.
+    add("turned", Done, summaryOf({7, 5, 6, 90, 90, 90}, 75, 0.2));
+    add("other", Done, summaryOf({9, 10, 11, 90, 95, 90}, 30.1, 0.01));
+    json broken = summaryOf({5, 6, 7, 90, 90, 90}, 30, 0.01);
+    broken.erase("handedness");
+    add("broken", Done, broken);
+    add("nothing", NothingFound, {}, "no lattice");
+    add("bad", Failed, {}, "cannot read <script>alert('1')</script> & \"more\"\nsecond line");
+    const vrk::Collection collection = collect();
+
+    ASSERT_EQ(collection.clustering.clusters.size(), 2U);
+    EXPECT_EQ(collection.clustering.clusters[0].crystals.size(), 5U);
+    auto one = row("one2"), turned = row("turned"), other = row("other"), bad = row("bad");
+    EXPECT_EQ(one["a"], "5.02");
+    EXPECT_EQ(one["series"], "/data/one2 <i>.mrc");
+    EXPECT_EQ(one["axis_deg"], "30.2");
+    EXPECT_EQ(one["completeness"], "0.71");
+    EXPECT_EQ(one["handedness"], "-1");
+    EXPECT_EQ(one["recorded"], "1970-01-01T02:00:00Z");
+    EXPECT_EQ(one["cluster"] + turned["cluster"] + other["cluster"], "112");
+    EXPECT_EQ(one["outlier"] + other["outlier"] + bad["outlier"], "noyes");
+    EXPECT_EQ(bad["cause"], states.back().record.cause);
+    EXPECT_EQ(bad["a"], "");
+    EXPECT_NE(row("broken")["cause"].find("is damaged"), std::string::npos);
+    EXPECT_EQ(row("nothing")["outcome"], "nothing found");
+
+    // The axis of the others is 30.1 in the mean, one of them counted from the other end.
+    ASSERT_TRUE(collection.trend.common);
+    EXPECT_EQ(collection.trend.rows.size(), 5U);
+    EXPECT_EQ(collection.trend.elsewhere.size(), 1U);
+    const vrk::InstrumentCalibration known = vrk::readInstrumentFile(batch.instrument());
+    EXPECT_NEAR(known.axisAngle->value, (30.0 + 30.1 + 30.2 + 30.2 + 30.1) / 5, 1e-3);
+    EXPECT_NEAR(known.ellipse->value, (0.010 + 0.011 + 0.012 + 0.013 + 0.010) / 5, 1e-5);
+    EXPECT_NEAR(known.ellipseAzimuth->value, 30, 0.01);
+    EXPECT_EQ(known.width, 128);
+
+    const std::string page = folder.read("batch.html");
+    EXPECT_EQ(page.find("<script>alert"), std::string::npos);
+    EXPECT_NE(page.find("&lt;script&gt;alert(&#39;1&#39;)&lt;/script&gt; &amp; &quot;more&quot;"),
+              std::string::npos);
+    for (const char* expected :
+         {"default-src 'none'", "results/one0/report.html", ">oP<", "<svg", "--tilt-axis 30.1"})
+        EXPECT_NE(page.find(expected), std::string::npos) << expected;
+    for (const char* loaded : {"http:", "https:", " src=\"/", "@import"})
+        EXPECT_EQ(page.find(loaded), std::string::npos) << loaded;
+    const json crystals = json::parse(folder.read("crystals.json"));
+    EXPECT_EQ(crystals["clusters"][0]["crystals"].size(), 5U);
+    EXPECT_EQ(crystals["clusters"][1]["middle"], "other");
+    EXPECT_EQ(crystals["dendrogram"]["joins"].size(), 5U);
+}
+
+TEST_F(Collecting, GivesTheSameBytesWhateverItTook) {
+    for (int i = 0; i < 4; ++i)
+        add(std::string("c").append(std::to_string(i)), vrk::JobOutcome::Done,
+            summaryOf({5, 6, 7 + 0.02 * i, 90, 90, 90}, 30, 0.01));
+    collect();
+    const std::string csv = folder.read("crystals.csv"), text = folder.read("crystals.json"),
+                      geometry = folder.read("instrument.json"), cost = folder.read("cost.csv");
+    for (vrk::JobState& state : states) {
+        state.record.seconds *= 2;
+        ++state.record.attempts;
+        json summary = json::parse(folder.read("results/" + state.job.name + "/summary.json"));
+        summary["seconds"]["total"] = 99;
+        summary["peak_memory_mib"] = 1;
+        std::ofstream(batch.result(state.job.name) / "summary.json") << summary;
+    }
+    collect();
+    EXPECT_EQ(folder.read("crystals.csv"), csv);
+    EXPECT_EQ(folder.read("crystals.json"), text);
+    EXPECT_EQ(folder.read("instrument.json"), geometry);
+    EXPECT_NE(folder.read("cost.csv"), cost);
+
+    // A geometry that jobs are run with is part of their key: it stays.
+    states[0].job.options = {{"distortion", folder / "instrument.json"}};
+    json summary = summaryOf({5, 6, 7, 90, 90, 90}, 31, 0.01);
+    std::ofstream(batch.result("c1") / "summary.json") << summary;
+    collect();
+    EXPECT_EQ(folder.read("instrument.json"), geometry);
+    states[0].job.options.clear();
+    collect();
+    EXPECT_NE(folder.read("instrument.json"), geometry);
+}
+
+}  // namespace

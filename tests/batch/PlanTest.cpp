@@ -1,0 +1,259 @@
+// From a folder, a list or a table to jobs, and which of them have to be run.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+
+#include "pipeline/base/Failure.h"
+#include "pipeline/batch/BatchPlan.h"
+#include "pipeline/batch/CsvTable.h"
+#include "pipeline/batch/Workflow.h"
+#include "support/MRCBytes.h"
+#include "support/TemporaryFolder.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::vector<vrk::OptionKind> kKinds = {
+    {"tilt-axis", true, true, false}, {"distortion", true, true, false}, {"no-pictures", false, true, false},
+    {"jobs", true, true, false},      {"pixel-size", true, true, true},  {"tilts", true, false, true}};
+
+std::string seriesBytes(int frames = 5, int width = 16) {
+    MRCBytes file(width, width, frames);
+    file.putTilts(-40, 20);
+    return file.bytes();
+}
+
+/// A folder with series in all the shapes that they come in.
+class Plan : public testing::Test {
+protected:
+    Plan() {
+        for (const char* inner : {"grid 1", "frames", "stack", "done", ".hidden"})
+            fs::create_directories(folder / inner);
+        folder.write("grid 1/a'\"{x}\n$(b).mrc", seriesBytes());
+        folder.write("plain.mrc", seriesBytes(7));
+        folder.write("bytes\xff.mrc", seriesBytes());
+        for (const char* frame : {"frames/f_1.mrc", "frames/f_2.mrc", "frames/f_10.mrc"})
+            folder.write(frame, MRCBytes(16, 16, 1, 0).bytes());
+        folder.write("stack/s.mrc", MRCBytes(16, 16, 4, 0).bytes());
+        folder.write("stack/s.rawtlt", "-2\n-1\n1\n2\n");
+        folder.write("volume.mrc", MRCBytes(16, 16, 16, 0).bytes());
+        folder.write("done/summary.json", "{}");
+        folder.write("done/old.mrc", seriesBytes());
+        folder.write(".hidden/h.mrc", seriesBytes());
+        folder.write("notes.txt", "nothing");
+    }
+
+    std::vector<vrk::BatchJob> jobsOf(const std::string& source, const vrk::JobOptions& common = {}) {
+        warnings.clear();
+        return vrk::planBatch({source, common, kKinds},
+                              [this](const std::string& text) { warnings.push_back(text); });
+    }
+    std::string refusalOf(const std::string& table) {
+        try {
+            jobsOf(folder.write("t.csv", table));
+        } catch (const vrk::Failure& failure) {
+            return failure.what();
+        }
+        return "";
+    }
+
+    TemporaryFolder folder;
+    std::vector<std::string> warnings;
+};
+
+TEST(Csv, ReadsWhatSpreadsheetsWrite) {
+    struct Case {
+        const char* text;
+        std::vector<std::string> fields;  ///< of the only row
+    };
+    for (const Case& one :
+         {Case{"a,b\n1,2\n", {"1", "2"}},
+          Case{"\xef\xbb\xbf"
+               "a;b\r\n1,5;\"x\"\r\n",
+               {"1,5", "x"}},
+          Case{"\na\tb\n\n\"q\"\"\t\n\"\t2", {"q\"\t\n", "2"}}, Case{"a,b\n,\n5'\" ,\n", {"5'\" ", ""}}}) {
+        const vrk::CsvTable table = vrk::csvTable(one.text, "t");
+        EXPECT_EQ(table.columns, (std::vector<std::string>{"a", "b"})) << one.text;
+        ASSERT_EQ(table.rows.size(), 1U) << one.text;
+        EXPECT_EQ(table.rows[0].fields, one.fields) << one.text;
+    }
+    for (const char* bad : {"a,b\n1\n", "a,b\n1,2,3\n", "a,b\n1,\"2\n"})
+        EXPECT_THROW(vrk::csvTable(bad, "t"), vrk::Failure) << bad;
+    for (const char* field : {"plain", "a,b", "q\"q", "two\nlines", ""})
+        EXPECT_EQ(vrk::csvTable("a,b\n" + vrk::csvField(field) + ",1\n", "t").rows.at(0).fields.at(0), field);
+}
+
+TEST_F(Plan, FindsSeriesInAllShapesAndKeepsTheirNames) {
+    const std::vector<vrk::BatchJob> jobs = jobsOf(folder / ".", {{"tilt-axis", "5"}});
+    std::map<std::string, const vrk::BatchJob*> byFile;
+    for (const vrk::BatchJob& job : jobs) {
+        byFile[job.series.input.lexically_normal().filename().string()] = &job;
+        EXPECT_EQ(
+            job.name.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._-"),
+            std::string::npos)
+            << job.name;
+    }
+    ASSERT_EQ(jobs.size(), 5U);
+    EXPECT_EQ(byFile.at("plain.mrc")->name, "plain");
+    EXPECT_EQ(byFile.at("plain.mrc")->series.frames, 7);
+    EXPECT_FALSE(byFile.at("plain.mrc")->series.needsImport);
+    const vrk::BatchJob& frames = *byFile.at("frames");
+    EXPECT_TRUE(frames.series.needsImport);
+    EXPECT_EQ(frames.series.frames, 3);
+    EXPECT_EQ(frames.series.columns, 16);
+    const vrk::BatchJob& stack = *byFile.at("s.mrc");
+    EXPECT_EQ(vrk::importWords(stack, kKinds),
+              (std::vector<std::string>{"--tilts=" +
+                                        fs::path(folder / "stack/s.rawtlt").lexically_normal().string()}));
+    EXPECT_EQ(vrk::runWords(stack, kKinds), (std::vector<std::string>{"--tilt-axis=5"}));
+    ASSERT_EQ(warnings.size(), 1U);
+    EXPECT_NE(warnings[0].find("volume.mrc states no tilts"), std::string::npos);
+
+    // The plan holds every byte of a name, and a job is found in it alone.
+    const vrk::BatchFolder batch(folder / "out");
+    fs::create_directories(batch.path());
+    vrk::writePlan(jobs, batch);
+    const std::vector<vrk::BatchJob> read = vrk::readPlan(batch);
+    ASSERT_EQ(read.size(), jobs.size());
+    for (std::size_t i = 0; i < jobs.size(); ++i)
+        for (const vrk::BatchJob& other : {read[i], vrk::readJob(batch, jobs[i].name)}) {
+            EXPECT_EQ(other.series.input, jobs[i].series.input);
+            EXPECT_EQ(other.series.bytes, jobs[i].series.bytes);
+            EXPECT_EQ(other.series.needsImport, jobs[i].series.needsImport);
+            EXPECT_EQ(other.options, jobs[i].options);
+        }
+    EXPECT_THROW(vrk::readJob(batch, "plai"), vrk::Failure);
+
+    // A list names the same files, with line ends in their names by zero bytes.
+    const std::string listed =
+        "plain.mrc" + std::string(1, '\0') + "grid 1/a'\"{x}\n$(b).mrc" + std::string(1, '\0');
+    const std::vector<vrk::BatchJob> ofList = jobsOf(folder.write("list", listed));
+    ASSERT_EQ(ofList.size(), 2U);
+    EXPECT_EQ(ofList[1].name, "plain");
+    EXPECT_EQ(ofList[0].name, byFile.at("a'\"{x}\n$(b).mrc")->name);
+}
+
+TEST_F(Plan, TakesOptionsFromTables) {
+    folder.write("d.json", "1");
+    const std::string table =
+        "series,name,tilt-axis,distortion,no-pictures,pixel-size\n"
+        "plain.mrc,one,7,d.json,yes,\nplain.mrc,two,,,no,\nframes,three,,,,5e7\n";
+    const std::vector<vrk::BatchJob> jobs =
+        jobsOf(folder.write("t.csv", table), {{"tilt-axis", "1"}, {"jobs", "3"}});
+    ASSERT_EQ(jobs.size(), 3U);
+    EXPECT_EQ(
+        vrk::runWords(jobs[0], kKinds),
+        (std::vector<std::string>{"--distortion=" + fs::path(folder / "d.json").lexically_normal().string(),
+                                  "--jobs=3", "--no-pictures", "--tilt-axis=7"}));
+    EXPECT_EQ(vrk::importWords(jobs[1], kKinds), (std::vector<std::string>{"--pixel-size=5e7"}));
+    EXPECT_EQ(vrk::runWords(jobs[2], kKinds), (std::vector<std::string>{"--jobs=3", "--tilt-axis=1"}));
+    for (const auto& [bad, expected] : std::map<std::string, std::string>{
+             {"path\nplain.mrc\n", "no column \"series\""},
+             {"series\nplain.mrc\nplain.mrc\n", "occurs twice"},
+             {"series,name\nplain.mrc,x\nframes,x\n", "occurs twice"},
+             {"series,colour\nplain.mrc,red\n", "line 2: --colour is no option"},
+             {"series,no-pictures\nplain.mrc,perhaps\n", "neither yes nor no"},
+             {"series,tilts\nplain.mrc,1:2\n", "needs none"},
+             {"series\nnowhere.mrc\n", "line 2: there is no series"}})
+        EXPECT_NE(refusalOf(bad).find(expected), std::string::npos) << bad << refusalOf(bad);
+    EXPECT_THROW(vrk::readOptions({"--tilt-axis"}, kKinds, "."), vrk::Failure);
+    EXPECT_THROW(vrk::readOptions({"5"}, kKinds, "."), vrk::Failure);
+    EXPECT_EQ(vrk::readOptions({"--tilt-axis", "-5", "--pixel-size=2", "--no-pictures"}, kKinds, "."),
+              (vrk::JobOptions{{"tilt-axis", "-5"}, {"pixel-size", "2"}, {"no-pictures", std::nullopt}}));
+}
+
+TEST_F(Plan, RunsAgainWhatChangedAndNothingElse) {
+    const std::string calibration = folder.write("d.json", "1");
+    const vrk::BatchFolder batch(folder / "out");
+    fs::create_directories(batch.record("plain").parent_path());
+    fs::create_directories(batch.result("plain"));
+    std::ofstream(batch.result("plain") / "summary.json") << "{}";
+    const fs::path input = folder / "plain.mrc";
+    std::vector<vrk::BatchJob> jobs = {
+        {"plain", vrk::seriesAt(input), {{"distortion", calibration}, {"tilt-axis", "5"}}}};
+    vrk::JobRecord done;
+    done.settings = vrk::settingsKey(jobs[0].options, "1.0");
+    done.content = vrk::contentKey(input);
+    done.stamp = vrk::stampOf(input);
+    const auto outcome = [&](vrk::JobOutcome recorded, const std::string& version = "1.0") {
+        done.outcome = recorded;
+        vrk::writeRecord(done, batch.record("plain"));
+        const std::vector<vrk::JobState> states = vrk::statesOf(jobs, batch, version);
+        return std::pair(states[0].record.outcome, vrk::openJobs(states, false).size());
+    };
+    using enum vrk::JobOutcome;
+    EXPECT_EQ(outcome(Done), std::pair(Done, std::size_t{0}));
+    EXPECT_EQ(outcome(NothingFound), std::pair(NothingFound, std::size_t{0}));
+    EXPECT_EQ(vrk::openJobs(vrk::statesOf(jobs, batch, "1.0"), true).size(), 1U);
+    EXPECT_EQ(outcome(Failed), std::pair(Failed, std::size_t{1}));
+    EXPECT_EQ(outcome(Started), std::pair(Started, std::size_t{1}));
+    EXPECT_EQ(outcome(Done, "1.1"), std::pair(Open, std::size_t{1}));
+
+    // Time alone is no change; bytes are, and so are those of a file that an option names.
+    fs::last_write_time(input, fs::last_write_time(input) + std::chrono::hours(1));
+    EXPECT_EQ(outcome(Done).first, Done);
+    EXPECT_EQ(vrk::readRecord(batch.record("plain")).stamp, vrk::stampOf(input));
+    jobs[0].options[1].value = "6";
+    EXPECT_EQ(outcome(Done).first, Open);
+    jobs[0].options[1].value = "5";
+    folder.write("d.json", "2");
+    EXPECT_EQ(outcome(Done).first, Open);
+    folder.write("d.json", "1");
+    std::string bytes = seriesBytes(7);
+    bytes.back() ^= 1;
+    folder.write("plain.mrc", bytes);
+    EXPECT_EQ(outcome(Done).first, Open);
+    folder.write("plain.mrc", seriesBytes(7));
+    EXPECT_EQ(outcome(Done).first, Done);
+    fs::remove(batch.result("plain") / "summary.json");
+    EXPECT_EQ(outcome(Done).first, Open);
+    // Frames of a folder count with their names.
+    const std::string frames = vrk::contentKey(folder / "frames");
+    fs::rename(folder / "frames/f_2.mrc", folder / "frames/f_3.mrc");
+    EXPECT_NE(vrk::contentKey(folder / "frames"), frames);
+}
+
+TEST(Needs, GrowWithTheSeriesAndWithAttemptsThatEndWithoutAWord) {
+    const auto needs = [](int width, int frames, int doublings) {
+        return vrk::needsOf({"s", false, {}, 0, width, width, frames}, 1, doublings);
+    };
+    // Of measured runs: 435 MiB for 121 frames of 512 pixels, 543 MiB for 241.
+    EXPECT_GT(needs(512, 121, 0).memory, 435);
+    EXPECT_GT(needs(512, 241, 0).memory, 543);
+    EXPECT_LT(needs(512, 241, 0).memory, 1200);
+    EXPECT_EQ(needs(512, 121, 2).memory, 4 * needs(512, 121, 0).memory);
+    EXPECT_EQ(needs(512, 121, 1).minutes, 2 * needs(512, 121, 0).minutes);
+    EXPECT_EQ(needs(512, 900, 0), needs(512, 300, 0));
+    EXPECT_EQ(needs(0, 0, 0), needs(1024, 300, 0));
+}
+
+TEST(Units, AreJobsAloneAndArraysOfEqualOnes) {
+    std::vector<vrk::JobState> open;
+    for (int i = 0; i < 4500; ++i) {
+        const int width = i % 3 == 0 ? 256 : 64;
+        const vrk::FoundSeries series = {"s", false, {}, 0, width, width, 30};
+        open.push_back(
+            {{std::string("j").append(std::to_string(i)), series, {}}, {}, vrk::needsOf(series, 1, 0)});
+    }
+    const auto sizes = [&](std::size_t count, const vrk::EngineSettings& settings) {
+        std::map<std::size_t, int> result;
+        for (const vrk::WorkUnit& unit :
+             vrk::unitsOf({open.begin(), open.begin() + static_cast<long>(count)}, settings))
+            ++result[unit.jobs.size()];
+        return result;
+    };
+    vrk::EngineSettings settings;
+    EXPECT_EQ(sizes(2000, settings), (std::map<std::size_t, int>{{1, 2000}}));
+    EXPECT_EQ(sizes(4500, settings), (std::map<std::size_t, int>{{3, 1500}}));
+    settings.slurm = true;
+    EXPECT_EQ(sizes(4500, settings), (std::map<std::size_t, int>{{1000, 4}, {500, 1}}));
+    const std::vector<vrk::WorkUnit> units = vrk::unitsOf(open, settings);
+    EXPECT_EQ(units.front().jobs.front(), "j0");
+    EXPECT_GT(units.front().needs.memory, units.back().needs.memory);
+    EXPECT_EQ(units.front().needs, open[0].needs);
+}
+
+}  // namespace
