@@ -45,6 +45,7 @@ int parseAndRun(vrk::app::Host& host, int argc, char** argv) {
     vrk::app::addIndexCommand(line, host);
     vrk::app::addSectionsCommand(line, host);
     vrk::app::addReportCommand(line, host);
+    vrk::app::addVerifyCommand(line, host);
     vrk::app::addCellInfoCommand(line, host);
     vrk::app::addSimulateCommand(line, host);
     vrk::app::addCalibrateCommand(line, host);

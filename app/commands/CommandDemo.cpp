@@ -260,12 +260,13 @@ void demo(const Options& options, const std::string& commandText, Host& host) {
     RunOptions choices;
     choices.axis.folder = folder / "axis";
     setAxis(choices.axis, options.tiltAxis);
+    const RunRecord record = {commandText, series, recordFiles({series})};
     const RunResult result = run(series, choices, host.session());
     host.session().beginPart(kRunParts, kRunParts, "write the results");
     writeResultFiles(result, folder, host.session());
     drawRunPictures(result, series.filename().string(), folder);
-    writeSummaryAndReport({commandText, series, {}}, result, host.warnings(), results.written(), true,
-                          folder);
+    writeSummaryAndReport(record, result, host.warnings(), results.written(), true, folder);
+    host.closeLog();
     results.commit();
     host.session().endParts();
     const Comparison comparison = compare(truth, result);

@@ -91,8 +91,10 @@ std::string writeResults(const Options& options, const RunRecord& record, const 
     host.session().checkCanceled();
     if (options.pictures) drawRunPictures(result, options.series.filename().string(), folder);
     host.session().checkCanceled();
+    refuseChanged(record.inputs);
     std::string summary =
         writeSummaryAndReport(record, result, host.warnings(), results.written(), options.pictures, folder);
+    host.closeLog();
     results.commit();
     host.session().endParts();
     return summary;
@@ -113,9 +115,10 @@ void runSeries(const Options& options, const std::string& given, const std::stri
     choices.axis.folder = results.path() / "axis";
     RunRemains remains;
     try {
-        const RunResult result = run(options.series, choices, host.session(), &remains);
         const RunRecord record = {
-            commandText, options.series, {options.distortion, choices.fineCalibration, choices.centre.file}};
+            commandText, options.series,
+            recordFiles({options.series, options.distortion, choices.fineCalibration, choices.centre.file})};
+        const RunResult result = run(options.series, choices, host.session(), &remains);
         const std::string summary = writeResults(options, record, result, results, host);
         if (options.json)
             host.out() << summary << '\n';

@@ -197,6 +197,11 @@ void Host::openLog(const std::filesystem::path& path, const std::string& level,
         m_observer.writeHead(line);
 }
 
+void Host::closeLog() {
+    redirectStandardOutput(open("/dev/null", O_WRONLY | O_CLOEXEC));
+    m_observer.closeLog();
+}
+
 void Host::openLog(const LogOptions& options) {
     if (!options.file.empty()) openLog(options.file, options.level);
 }

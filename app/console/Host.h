@@ -39,6 +39,7 @@ public:
 
     /// Messages go to this file. Throws Failure when it cannot be written.
     void openLog(const std::filesystem::path& path, LogLevel level);
+    void closeLog() { m_log.close(); }
     /// A line at the beginning of the log, whatever its level.
     void writeHead(const std::string& line) { m_log << line << std::endl; }
 
@@ -74,6 +75,8 @@ public:
                  const std::vector<std::string>& headLines = {});
     /// The same for the log that was asked for, if any.
     void openLog(const LogOptions& options);
+    /// Nothing is written to the log any more.
+    void closeLog();
 
     /// A warning of the host's own: standard error stream, log and summary.
     void warn(const std::string& text) { m_session.warn(text); }

@@ -326,7 +326,7 @@ RunResult runCentred(CentredSeries centred, const RunOptions& options, const Run
             std::move(best->lattice),  std::move(best->indexed),
             std::move(centred.counts), std::move(intensities),
             std::move(best->crystals), s,
-            session.warnings()};
+            session.warnings(),        options};
 }
 
 /// \param load  gives the Series

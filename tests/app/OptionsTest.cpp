@@ -54,7 +54,7 @@ const std::vector<Command> kCommands = {
        "/instrument/known/file=d.json /tilt_axis/source=calibration /input/pixel_size> "
        "/reflections/residual_px!"},
       {"--keep-volume", "out/volume.mrc?"},
-      {"--threshold 60", "/parameters/threshold=60 /reflections/found<"},
+      {"--threshold 60", "/program/options/search/threshold=60 /parameters/threshold=60 /reflections/found<"},
       {"--min-voxels 20", "/parameters/min_voxels=20 /reflections/found<"},
       {"--max-voxels 30", "/reflections/found<"},
       {"--zero-beam 30", "/parameters/zero_beam=30 /reflections/found<"},
@@ -192,6 +192,7 @@ const std::vector<Command> kCommands = {
      "",
      "",
      false},
+    {"verify result --json", {}, "--input"},
     {"info series.mrc --json", {{"--slices", "/slices/0/a_tilt=-60"}}, "--picture --axis"},
     {"simulate -o s.mrc --json",
      {{"--centring I", "/cell/conventional/centring=I s.mrc~"},
