@@ -1,3 +1,4 @@
+#include <cstring>
 #include <exception>
 #include <iostream>
 #include <new>
@@ -68,10 +69,12 @@ int main(int argc, char** argv) {
         return exitCodeOf(failure.kind());
     } catch (const std::bad_alloc&) {
         host.wipeProgress();
-        std::cerr << "vrk: out of memory; bin the series or run on a larger machine\n";
+        std::cerr << "vrk: " << host.outOfMemory() << '\n';
     } catch (const std::exception& error) {
         host.wipeProgress();
-        std::cerr << "vrk: " << error.what() << '\n';
+        // The image library has an exception of its own for this.
+        const bool isMemory = std::strstr(error.what(), "Insufficient memory") != nullptr;
+        std::cerr << "vrk: " << (isMemory ? host.outOfMemory() : error.what()) << '\n';
     }
     return kFailed;
 }

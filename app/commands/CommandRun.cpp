@@ -8,6 +8,7 @@
 #include "commands/Commands.h"
 #include "console/AxisOption.h"
 #include "console/CentreOption.h"
+#include "console/MemoryOption.h"
 #include "console/ParameterOptions.h"
 #include "console/RunReport.h"
 #include "pictures/Pictures.h"
@@ -187,6 +188,7 @@ void addRunCommand(CommandLine& line, Host& host) {
     command.flag("!--no-pictures", options->pictures, "Draw no pictures");
     addLogLevelOption(command, options->log);
     command.flag("--json", options->json, "Print the summary as JSON");
+    addMemoryOption(command, host);
     command.footer("Example:\n  vrk run series.mrc -o result --tilt-axis search");
     command.action(
         [options, command, &line, &host] { runSeries(*options, command.givenOptions(), line.text(), host); });

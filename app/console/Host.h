@@ -2,16 +2,19 @@
 /// What all commands share: the standard output, the log, the warnings and the progress.
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
 
 #include "console/LogOption.h"
 #include "console/ProgressLine.h"
+#include "pipeline/base/MemoryLimit.h"
 #include "pipeline/base/Session.h"
 
 namespace vrk::app {
@@ -78,6 +81,12 @@ public:
     /// Nothing is written to the log any more.
     void closeLog();
 
+    /// Memory that the process may take: input that needs more is refused, and what asks for more all the
+    /// same gets std::bad_alloc. Four fifths of what is free when the host is made.
+    void limitMemory(std::uint64_t bytes);
+    /// What to tell when it was not enough.
+    std::string outOfMemory() const;
+
     /// A warning of the host's own: standard error stream, log and summary.
     void warn(const std::string& text) { m_session.warn(text); }
     /// The host's own and the library's warnings in the order of their arrival.
@@ -94,6 +103,8 @@ private:
     int m_stdout = -1;
     std::unique_ptr<std::streambuf> m_buffer;
     std::unique_ptr<std::ostream> m_out;
+    std::optional<MemoryLimit> m_memory;
+    std::uint64_t m_mostMemory = 0;
     ConsoleObserver m_observer;
     Session m_session;
 };
