@@ -175,7 +175,7 @@ const std::vector<Command> kCommands = {
       {"--sum 2 --log l.txt --log-level warning", "l.txt~"},
       {"--sum 2 --log l.txt --log-level info", "l.txt~"},
       {"--sum 2 --log l.txt --log-level debug", "l.txt~"}},
-     "--skip-bad"},
+     "--skip-bad --allow-outside"},
     {"tilt-axis series.mrc -o ax --json",
      {{"--range 5 15 5", "/scores/0/angle_deg=5 /scores/2/angle_deg=15 /angle_deg!"},
       {"--range 5 15 5 --method 3d", "/method=3d"},
@@ -429,7 +429,8 @@ TEST_P(OptionsTest, EachHasItsEffect) {
             check(text, printed, plain);
     }
     // None is forgotten.
-    std::string known = std::string(" ") + command.line + ' ' + command.usual + " --help --output ";
+    std::string known =
+        std::string(" ") + command.line + ' ' + command.usual + " --help --output --max-memory ";
     for (const Command& other : kCommands)
         if (words(other.line)[0] == words(command.line)[0]) {
             known += other.elsewhere + std::string(" ");
