@@ -1,3 +1,4 @@
+#include <cstring>
 #include <exception>
 #include <iostream>
 #include <new>
@@ -47,6 +48,7 @@ int parseAndRun(vrk::app::Host& host, int argc, char** argv) {
     vrk::app::addSectionsCommand(line, host);
     vrk::app::addMergeCommand(line, host);
     vrk::app::addReportCommand(line, host);
+    vrk::app::addVerifyCommand(line, host);
     vrk::app::addCellInfoCommand(line, host);
     vrk::app::addSimulateCommand(line, host);
     vrk::app::addCalibrateCommand(line, host);
@@ -69,10 +71,12 @@ int main(int argc, char** argv) {
         return exitCodeOf(failure.kind());
     } catch (const std::bad_alloc&) {
         host.wipeProgress();
-        std::cerr << "vrk: out of memory; bin the series or run on a larger machine\n";
+        std::cerr << "vrk: " << host.outOfMemory() << '\n';
     } catch (const std::exception& error) {
         host.wipeProgress();
-        std::cerr << "vrk: " << error.what() << '\n';
+        // The image library has an exception of its own for this.
+        const bool isMemory = std::strstr(error.what(), "Insufficient memory") != nullptr;
+        std::cerr << "vrk: " << (isMemory ? host.outOfMemory() : error.what()) << '\n';
     }
     return kFailed;
 }

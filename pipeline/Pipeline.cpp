@@ -87,8 +87,8 @@ Result<std::vector<std::filesystem::path>> writeResults(const RunResult& result,
         session.checkCanceled();
         writeIntensityFiles(result, text, "", results.path());
         session.checkCanceled();
-        writeSummaryAndReport({"", name, {}}, result, result.warnings, results.written(), true,
-                              results.path());
+        writeSummaryAndReport({"", name, recordFiles({name})}, result, result.warnings, results.written(),
+                              true, results.path());
         std::vector<std::filesystem::path> paths;
         for (const std::string& file : results.written())
             paths.push_back(folder / file);

@@ -9,6 +9,7 @@
 #include "commands/Commands.h"
 #include "console/AxisOption.h"
 #include "console/LogOption.h"
+#include "console/MemoryOption.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/NumberList.h"
 #include "pipeline/base/NumberText.h"
@@ -152,6 +153,7 @@ void addCalibrateCommand(CommandLine& line, Host& host) {
     command.option("--voltage", options->run.kiloVolts, "High tension in kV [the series']").positive();
     command.flag("--json", options->json, "Print the result as JSON");
     addLogOptions(command, options->log);
+    addMemoryOption(command, host);
     command.footer(
         "Example:\n  vrk calibrate garnet.mrc --cell 11.95,11.95,11.95,90,90,90 -o distortion.json\n"
         "  vrk run unknown.mrc -o result --distortion distortion.json");

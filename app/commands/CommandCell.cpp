@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "commands/Commands.h"
+#include "console/MemoryOption.h"
 #include "console/ParameterOptions.h"
 #include "crystallography/CellFileImportExport.h"
 #include "pipeline/base/Failure.h"
@@ -281,6 +282,7 @@ void addCellCommand(CommandLine& line, Host& host) {
         .typeName("FOLDER");
     addLogOptions(command, options->log);
     command.flag("--json", options->json, "Print the result as JSON");
+    addMemoryOption(command, host);
     command.footer(
         "Difference vectors are clustered with several sets of parameters, and the lattice that explains "
         "the\n"

@@ -9,6 +9,7 @@
 
 #include "commands/Commands.h"
 #include "console/AxisOption.h"
+#include "console/MemoryOption.h"
 #include "pictures/Pictures.h"
 #include "pictures/RunPictures.h"
 #include "pipeline/base/Failure.h"
@@ -260,12 +261,13 @@ void demo(const Options& options, const std::string& commandText, Host& host) {
     RunOptions choices;
     choices.axis.folder = folder / "axis";
     setAxis(choices.axis, options.tiltAxis);
+    const RunRecord record = {commandText, series, recordFiles({series})};
     const RunResult result = run(series, choices, host.session());
     host.session().beginPart(kRunParts, kRunParts, "write the results");
     writeResultFiles(result, folder, host.session());
     drawRunPictures(result, series.filename().string(), folder);
-    writeSummaryAndReport({commandText, series, {}}, result, host.warnings(), results.written(), true,
-                          folder);
+    writeSummaryAndReport(record, result, host.warnings(), results.written(), true, folder);
+    host.closeLog();
     results.commit();
     host.session().endParts();
     const Comparison comparison = compare(truth, result);
@@ -314,6 +316,7 @@ void addDemoCommand(CommandLine& line, Host& host) {
     addAxisOption(command, options->tiltAxis);
     command.option("--seed", settings.seed, "Seed of everything random").showDefault().typeName("INT");
     command.flag("--json", options->json, "Print the comparison as JSON");
+    addMemoryOption(command, host);
     command.footer("Example:\n  vrk demo -o vrk-demo --cell 12.02,12.02,12.02,90,90,90 --centring I");
     command.action([options, &line, &host] { demo(*options, line.text(), host); });
 }

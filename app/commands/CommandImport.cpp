@@ -4,6 +4,7 @@
 #include <system_error>
 
 #include "commands/Commands.h"
+#include "console/MemoryOption.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/JsonText.h"
 #include "pipeline/base/NumberText.h"
@@ -117,6 +118,7 @@ Command describeImport(CommandLine& line, const std::shared_ptr<Options>& option
     command.option("--voltage", settings.kilovolts, "High tension in kV [from the frames]");
     addLogOptions(command, options->log);
     command.flag("--json", options->json, "Print the summary as JSON");
+    addMemoryOption(command, host);
     command.footer(
         "Frames are sorted by tilt; empty ones and those whose tilt has been seen before are left out. At "
         "most 300\n"

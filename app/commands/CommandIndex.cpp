@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "commands/Commands.h"
+#include "console/MemoryOption.h"
 #include "crystallography/CellFileImportExport.h"
 #include "crystallography/LatticeSymmetry.h"
 #include "crystallography/UnitCell.h"
@@ -473,6 +474,7 @@ void addIndexCommand(CommandLine& line, Host& host) {
     addModelOptions(command, *options);
     addLogOptions(command, options->log);
     command.flag("--json", options->json, "Print the result as JSON");
+    addMemoryOption(command, host);
     command.footer(
         "Example:\n  vrk index peaks.txt cell.txt -o garnet.hkl --format shelx --lattice cI --voltage 200 "
         "--volume volume.mrc\nwrites garnet.hkl and garnet.ins.");

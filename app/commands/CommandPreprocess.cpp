@@ -11,12 +11,14 @@
 
 #include "commands/Commands.h"
 #include "console/CentreOption.h"
+#include "console/MemoryOption.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/JsonText.h"
 #include "pipeline/base/LibraryStage.h"
 #include "pipeline/base/NumberList.h"
 #include "pipeline/formats/InstrumentFile.h"
 #include "pipeline/frames/DataFiles.h"
+#include "pipeline/run/MemoryNeed.h"
 #include "pipeline/run/Preprocessing.h"
 #include "processing/VoxMRCstemProcessing.h"
 
@@ -166,7 +168,9 @@ void run(const Options& options, Host& host) {
     if (std::error_code error; std::filesystem::equivalent(options.series, options.output, error))
         throw Failure("the result would replace the series " + options.series + "; give -o another name",
                       FailureKind::Usage);
-    Preprocessing work(host, readSeries(options.series, host.session()));
+    std::unique_ptr<VoxMRCData> series = readSeries(options.series, host.session());
+    requireMemoryForSeries(series->m_Header, 1);
+    Preprocessing work(host, std::move(series));
     process(options, work, host.session());
     writeData(work.series(), options.output, host.session());
     if (options.json)
@@ -208,6 +212,7 @@ void addPreprocessCommand(CommandLine& line, Host& host) {
     command.flag("--crop", options->crop, "Crop frames that are not square instead of padding them");
     command.flag("--json", options->json, "Print the result as JSON");
     addLogOptions(command, options->log);
+    addMemoryOption(command, host);
     command.footer("Example:\n  vrk preprocess series.mrc -o clean.mrc --rotate 49.0 --log preprocess.log");
     command.action([options, &host] { run(*options, host); });
 }

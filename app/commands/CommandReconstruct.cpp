@@ -6,11 +6,13 @@
 #include <system_error>
 
 #include "commands/Commands.h"
+#include "console/MemoryOption.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/JsonText.h"
 #include "pipeline/base/LibraryStage.h"
 #include "pipeline/base/NumberText.h"
 #include "pipeline/frames/DataFiles.h"
+#include "pipeline/run/MemoryNeed.h"
 #include "pipeline/run/Preprocessing.h"
 #include "processing/VoxMRCstemProcessing.h"
 
@@ -50,6 +52,7 @@ void run(const Options& options, Host& host) {
         throw Failure(options.series + " has patterns of " + std::to_string(series->GetWidth()) + " x " +
                       std::to_string(series->GetHeight()) +
                       " pixels, a volume is made of square ones; 'vrk preprocess' makes them square");
+    requireMemoryForVolume(series->m_Header, 0);
     const double pixelSize = calibratedPixelSize(options, *series, host);
 
     VoxMRCstemProcessing processing;
@@ -98,6 +101,7 @@ void addReconstructCommand(CommandLine& line, Host& host) {
         .excludes(calibration);
     command.flag("--json", options->json, "Print the result as JSON");
     addLogOptions(command, options->log);
+    addMemoryOption(command, host);
     command.footer("Example:\n  vrk reconstruct clean.mrc -o volume.mrc --fine-calibration calibration.txt");
     command.action([options, &host] { run(*options, host); });
 }

@@ -8,6 +8,7 @@
 #include "commands/Commands.h"
 #include "console/AxisOption.h"
 #include "console/CentreOption.h"
+#include "console/MemoryOption.h"
 #include "console/ParameterOptions.h"
 #include "console/RunReport.h"
 #include "pictures/Pictures.h"
@@ -91,8 +92,10 @@ std::string writeResults(const Options& options, const RunRecord& record, const 
     host.session().checkCanceled();
     if (options.pictures) drawRunPictures(result, options.series.filename().string(), folder);
     host.session().checkCanceled();
+    refuseChanged(record.inputs);
     std::string summary =
         writeSummaryAndReport(record, result, host.warnings(), results.written(), options.pictures, folder);
+    host.closeLog();
     results.commit();
     host.session().endParts();
     return summary;
@@ -113,9 +116,10 @@ void runSeries(const Options& options, const std::string& given, const std::stri
     choices.axis.folder = results.path() / "axis";
     RunRemains remains;
     try {
-        const RunResult result = run(options.series, choices, host.session(), &remains);
         const RunRecord record = {
-            commandText, options.series, {options.distortion, choices.fineCalibration, choices.centre.file}};
+            commandText, options.series,
+            recordFiles({options.series, options.distortion, choices.fineCalibration, choices.centre.file})};
+        const RunResult result = run(options.series, choices, host.session(), &remains);
         const std::string summary = writeResults(options, record, result, results, host);
         if (options.json)
             host.out() << summary << '\n';
@@ -181,6 +185,7 @@ Command describeRun(CommandLine& line, const std::shared_ptr<Options>& options) 
     command.flag("!--no-pictures", options->pictures, "Draw no pictures");
     addLogLevelOption(command, options->log);
     command.flag("--json", options->json, "Print the summary as JSON");
+    addMemoryOption(command, host);
     command.footer("Example:\n  vrk run series.mrc -o result --tilt-axis search");
     return command;
 }

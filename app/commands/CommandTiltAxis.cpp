@@ -8,10 +8,12 @@
 #include <vector>
 
 #include "commands/Commands.h"
+#include "console/MemoryOption.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/JsonText.h"
 #include "pipeline/frames/DataFiles.h"
 #include "pipeline/geometry/TiltAxisSearch.h"
+#include "pipeline/run/MemoryNeed.h"
 #include "pipeline/run/Preprocessing.h"
 
 namespace vrk::app {
@@ -94,6 +96,7 @@ void run(const Options& options, Host& host) {
     checkRange(options.range);
     host.openLog(options.log);
     std::unique_ptr<VoxMRCData> series = readSeries(options.series, host.session());
+    requireMemoryForSeries(series->m_Header, 2);
     if (!options.preprocessed) series = preprocessed(std::move(series), {}, host.session()).frames;
     const TiltAxisResult result = search(options, *series, host);
     if (options.json)
@@ -132,6 +135,7 @@ void addTiltAxisCommand(CommandLine& line, Host& host) {
                  "The series comes from 'vrk preprocess'; take it as it is");
     command.flag("--json", options->json, "Print the result as JSON");
     addLogOptions(command, options->log);
+    addMemoryOption(command, host);
     command.footer("Example:\n  vrk tilt-axis series.mrc -o axis --accuracy 0.1 --jobs 4");
     command.action([options, &host] { run(*options, host); });
 }

@@ -21,6 +21,7 @@ void addIndexCommand(CommandLine& line, Host& host);
 void addSectionsCommand(CommandLine& line, Host& host);
 void addMergeCommand(CommandLine& line, Host& host);
 void addReportCommand(CommandLine& line, Host& host);
+void addVerifyCommand(CommandLine& line, Host& host);
 void addCellInfoCommand(CommandLine& line, Host& host);
 void addSimulateCommand(CommandLine& line, Host& host);
 void addCalibrateCommand(CommandLine& line, Host& host);

@@ -1,8 +1,10 @@
 #include "console/Host.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -163,6 +165,7 @@ Host::Host() : m_stdout(standardOutputAside()), m_session(m_observer) {
     m_buffer = std::make_unique<DescriptorBuffer>(m_stdout);
     m_out = std::make_unique<std::ostream>(m_buffer.get());
     catchStopSignals();
+    limitMemory(memoryFromText("80%", freeMemory()) + residentMemory());
 }
 
 Host::~Host() {
@@ -173,6 +176,24 @@ Host::~Host() {
 
 int Host::columns() const {
     return columnsOf(m_stdout);
+}
+
+void Host::limitMemory(std::uint64_t bytes) {
+    m_memory.reset();
+    m_memory.emplace(bytes);
+    m_mostMemory = bytes;
+#ifndef __SANITIZE_ADDRESS__  // its shadow takes terabytes
+    rlimit limit{};
+    if (getrlimit(RLIMIT_DATA, &limit) != 0) return;
+    limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, bytes);
+    setrlimit(RLIMIT_DATA, &limit);
+#endif
+}
+
+std::string Host::outOfMemory() const {
+    return "more memory is needed than the " + memoryText(m_mostMemory) +
+           " that may be taken (--max-memory); bin or sum the frames ('vrk import --bin 2'), or use a "
+           "machine with more";
 }
 
 int Host::stopSignal() {
@@ -195,6 +216,11 @@ void Host::openLog(const std::filesystem::path& path, const std::string& level,
     m_observer.writeHead(std::string("vrk ") + VRK::kVersion);
     for (const std::string& line : headLines)
         m_observer.writeHead(line);
+}
+
+void Host::closeLog() {
+    redirectStandardOutput(open("/dev/null", O_WRONLY | O_CLOEXEC));
+    m_observer.closeLog();
 }
 
 void Host::openLog(const LogOptions& options) {

@@ -2,16 +2,19 @@
 /// What all commands share: the standard output, the log, the warnings and the progress.
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
 
 #include "console/LogOption.h"
 #include "console/ProgressLine.h"
+#include "pipeline/base/MemoryLimit.h"
 #include "pipeline/base/Session.h"
 
 namespace vrk::app {
@@ -39,6 +42,7 @@ public:
 
     /// Messages go to this file. Throws Failure when it cannot be written.
     void openLog(const std::filesystem::path& path, LogLevel level);
+    void closeLog() { m_log.close(); }
     /// A line at the beginning of the log, whatever its level.
     void writeHead(const std::string& line) { m_log << line << std::endl; }
 
@@ -74,6 +78,14 @@ public:
                  const std::vector<std::string>& headLines = {});
     /// The same for the log that was asked for, if any.
     void openLog(const LogOptions& options);
+    /// Nothing is written to the log any more.
+    void closeLog();
+
+    /// Memory that the process may take: input that needs more is refused, and what asks for more all the
+    /// same gets std::bad_alloc. Four fifths of what is free when the host is made.
+    void limitMemory(std::uint64_t bytes);
+    /// What to tell when it was not enough.
+    std::string outOfMemory() const;
 
     /// A warning of the host's own: standard error stream, log and summary.
     void warn(const std::string& text) { m_session.warn(text); }
@@ -91,6 +103,8 @@ private:
     int m_stdout = -1;
     std::unique_ptr<std::streambuf> m_buffer;
     std::unique_ptr<std::ostream> m_out;
+    std::optional<MemoryLimit> m_memory;
+    std::uint64_t m_mostMemory = 0;
     ConsoleObserver m_observer;
     Session m_session;
 };

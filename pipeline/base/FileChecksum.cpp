@@ -1,29 +1,129 @@
 #include "pipeline/base/FileChecksum.h"
 
+#include <openssl/evp.h>
+#include <sys/stat.h>
 #include <zlib.h>
 
+#include <algorithm>
+#include <array>
 #include <fstream>
-#include <vector>
+#include <memory>
+#include <span>
 
+#include "pipeline/base/ChecksumList.h"
 #include "pipeline/base/Failure.h"
 
 namespace vrk {
+namespace {
 
-FileChecksum checksumOf(const std::filesystem::path& path) {
-    constexpr std::size_t kPiece = std::size_t{1} << 20;
+class Sha256 {
+public:
+    Sha256() : m_context(EVP_MD_CTX_new(), &EVP_MD_CTX_free) {
+        check(m_context && EVP_DigestInit_ex(m_context.get(), EVP_sha256(), nullptr) == 1);
+    }
+    void add(std::span<const char> bytes) {
+        check(EVP_DigestUpdate(m_context.get(), bytes.data(), bytes.size()) == 1);
+    }
+    std::string hex() {
+        std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+        unsigned length = 0;
+        check(EVP_DigestFinal_ex(m_context.get(), digest.data(), &length) == 1);
+        std::string text;
+        for (const unsigned char byte : std::span(digest).first(length)) {
+            text += "0123456789abcdef"[byte >> 4];
+            text += "0123456789abcdef"[byte & 15];
+        }
+        return text;
+    }
+
+private:
+    static void check(bool good) {
+        if (!good) throw Failure("no SHA-256 checksums can be calculated on this machine");
+    }
+
+    std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> m_context;
+};
+
+/// Takes bytes in pieces.
+class Sums {
+public:
+    void add(std::span<const char> bytes) {
+        m_sum.bytes += bytes.size();
+        m_sum.crc32 = static_cast<std::uint32_t>(crc32(
+            m_sum.crc32, reinterpret_cast<const Bytef*>(bytes.data()), static_cast<uInt>(bytes.size())));
+        m_sha256.add(bytes);
+    }
+    FileChecksum result() {
+        m_sum.sha256 = m_sha256.hex();
+        return m_sum;
+    }
+
+private:
+    FileChecksum m_sum;
+    Sha256 m_sha256;
+};
+
+FileChecksum checksumOfFile(const std::filesystem::path& path) {
+    constexpr std::size_t kPiece = std::size_t{1} << 18;
     std::ifstream file(path, std::ios::binary);
     if (!file) throw Failure("cannot read " + path.string());
     std::vector<char> piece(kPiece);
-    FileChecksum checksum;
+    Sums sums;
     while (file) {
         file.read(piece.data(), static_cast<std::streamsize>(piece.size()));
-        const auto count = static_cast<std::size_t>(file.gcount());
-        checksum.bytes += count;
-        checksum.crc32 = static_cast<std::uint32_t>(
-            crc32(checksum.crc32, reinterpret_cast<const Bytef*>(piece.data()), static_cast<uInt>(count)));
+        sums.add({piece.data(), static_cast<std::size_t>(file.gcount())});
     }
     if (file.bad()) throw Failure("cannot read " + path.string() + " to its end");
-    return checksum;
+    return sums.result();
+}
+
+struct stat stateOf(const std::filesystem::path& path) {
+    struct stat state = {};
+    if (stat(path.c_str(), &state) != 0) throw Failure(path.string() + " is not there any more");
+    return state;
+}
+
+void refuseChanged(const RecordedFile& file) {
+    const struct stat now = stateOf(file.path);
+    const bool isSame = now.st_ino == file.inode && now.st_mtim.tv_sec == file.modified.tv_sec &&
+                        now.st_mtim.tv_nsec == file.modified.tv_nsec;
+    if (!isSame)
+        throw Failure(file.path.string() +
+                      " was changed while it was in use; nobody knows which of its states the result would "
+                      "be of: run again when it is complete");
+}
+
+}  // namespace
+
+FileChecksum checksumOf(const std::filesystem::path& path) {
+    if (!std::filesystem::is_directory(path)) return checksumOfFile(path);
+    Sums sums;
+    std::uint64_t bytes = 0;
+    for (const ChecksumLine& line : checksumsIn(path)) {
+        sums.add(line.text());
+        bytes += line.bytes;
+    }
+    FileChecksum whole = sums.result();
+    whole.bytes = bytes;
+    return whole;
+}
+
+std::vector<RecordedFile> recordFiles(const std::vector<std::filesystem::path>& paths) {
+    std::vector<RecordedFile> files;
+    for (const std::filesystem::path& path : paths) {
+        std::error_code none;
+        if (path.empty() || !std::filesystem::exists(path, none)) continue;
+        const struct stat state = stateOf(path);
+        if (!S_ISREG(state.st_mode) && !S_ISDIR(state.st_mode)) continue;
+        files.push_back({path, checksumOf(path), state.st_mtim, state.st_ino});
+        refuseChanged(files.back());
+    }
+    return files;
+}
+
+void refuseChanged(const std::vector<RecordedFile>& files) {
+    for (const RecordedFile& file : files)
+        refuseChanged(file);
 }
 
 }  // namespace vrk

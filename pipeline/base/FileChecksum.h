@@ -1,18 +1,39 @@
 /// \file
-/// By what a file is known again.
+/// By what files are known again.
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 #include <filesystem>
+#include <string>
+#include <vector>
 
 namespace vrk {
 
 struct FileChecksum {
     std::uint64_t bytes = 0;
     std::uint32_t crc32 = 0;  ///< as zip, gzip and crc32(1) have it
+    std::string sha256;       ///< as sha256sum(1) prints it
 };
 
-/// Throws Failure when the file cannot be read.
+/// Of a file, or of a folder as a whole: that of the text with which sha256sum(1) lists its files, ordered by
+/// the bytes of their names, which are relative to the folder and may lead into folders within; the size is
+/// that of all. Throws Failure when something cannot be read.
 FileChecksum checksumOf(const std::filesystem::path& path);
+
+/// An input as it was when it was recorded.
+struct RecordedFile {
+    std::filesystem::path path;
+    FileChecksum checksum;
+    timespec modified{};
+    std::uint64_t inode = 0;
+};
+
+/// Checksums of what is there; names without a file, and empty ones, are left out. Throws Failure when one
+/// cannot be read, or changes meanwhile.
+std::vector<RecordedFile> recordFiles(const std::vector<std::filesystem::path>& paths);
+
+/// Throws Failure when one of the files was written, replaced or removed since it was recorded.
+void refuseChanged(const std::vector<RecordedFile>& files);
 
 }  // namespace vrk

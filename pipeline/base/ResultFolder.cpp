@@ -1,19 +1,13 @@
 #include "pipeline/base/ResultFolder.h"
 
-#include <fcntl.h>
-#include <sys/file.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
-#include <cerrno>
-#include <cstring>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <system_error>
 #include <utility>
 
+#include "pipeline/base/ChecksumList.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/OutputFile.h"
 
@@ -47,6 +41,11 @@ bool isPlainName(const std::string& name) {
     return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
 }
 
+std::filesystem::path made(std::filesystem::path folder) {
+    makeFolder(folder);
+    return folder;
+}
+
 void replace(const std::filesystem::path& from, const std::filesystem::path& to) {
     std::error_code error;
     // A folder is not renamed onto one that holds something.
@@ -58,9 +57,7 @@ void replace(const std::filesystem::path& from, const std::filesystem::path& to)
 }  // namespace
 
 ResultFolder::ResultFolder(std::filesystem::path folder)
-    : m_folder(std::move(folder)), m_unfinished(m_folder / kUnfinished), m_lockFile(m_folder / ".vrk-lock") {
-    makeFolder(m_folder);
-    lock();
+    : m_folder(made(std::move(folder))), m_unfinished(m_folder / kUnfinished), m_lock(m_folder) {
     std::error_code ignored;
     // A run that was killed while its results took their places left some of them, and some of the earlier.
     if (!std::filesystem::exists(m_folder / kSummary, ignored))
@@ -74,38 +71,6 @@ ResultFolder::ResultFolder(std::filesystem::path folder)
 ResultFolder::~ResultFolder() {
     std::error_code ignored;
     if (std::filesystem::is_empty(m_unfinished, ignored)) std::filesystem::remove(m_unfinished, ignored);
-    if (m_lock < 0) return;
-    std::filesystem::remove(m_lockFile, ignored);
-    close(m_lock);
-}
-
-void ResultFolder::lock() {
-    // A file that its owner removed between opening and locking locks nothing: once more then.
-    for (int attempt = 0; attempt < 100; ++attempt) {
-        m_lock = open(m_lockFile.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
-        if (m_lock < 0)
-            throw Failure("cannot write into the folder " + m_folder.string() + ": " + std::strerror(errno));
-        if (flock(m_lock, LOCK_EX | LOCK_NB) != 0) {
-            const bool isTaken = errno == EWOULDBLOCK;
-            close(m_lock);
-            m_lock = -1;
-            // File systems without locks are written to without one.
-            if (!isTaken) return;
-            std::string process;
-            std::ifstream(m_lockFile) >> process;
-            throw Failure("another run" + (process.empty() ? "" : " (process " + process + ")") +
-                          " is writing into " + m_folder.string() +
-                          "; wait for it, or name another folder with -o");
-        }
-        struct stat mine = {}, there = {};
-        if (fstat(m_lock, &mine) == 0 && stat(m_lockFile.c_str(), &there) == 0 &&
-            mine.st_ino == there.st_ino) {
-            std::ofstream(m_lockFile) << getpid() << '\n';
-            return;
-        }
-        close(m_lock);
-        m_lock = -1;
-    }
 }
 
 std::vector<std::string> ResultFolder::written() const {
@@ -136,6 +101,7 @@ std::vector<std::string> ResultFolder::resultsOf(const std::filesystem::path& su
 }
 
 void ResultFolder::commit() {
+    writeChecksums(m_unfinished);
     const std::filesystem::path summary = m_folder / kSummary;
     const std::filesystem::path replaced = m_unfinished / kReplaced;
     const std::vector<std::string> names = written();

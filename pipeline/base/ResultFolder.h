@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "pipeline/base/FolderLock.h"
+
 namespace vrk {
 
 /// Results are written into the folder "unfinished" within the folder and take their places together, the
@@ -31,7 +33,8 @@ public:
     /// The names of what was written so far, in alphabetical order.
     std::vector<std::string> written() const;
 
-    /// Removes the results of an earlier run and puts what was written in their place. Throws Failure when
+    /// Lists the checksums of what was written (ChecksumList.h), removes the results of an earlier run and
+    /// puts what was written in their place. Nothing may write to the files any more. Throws Failure when
     /// that is not possible; the folder has no summary then.
     void commit();
     /// Moves the results of an earlier run into the folder "earlier", so that nobody takes them for those of
@@ -39,13 +42,11 @@ public:
     bool setEarlierAside();
 
 private:
-    void lock();
     std::vector<std::string> resultsOf(const std::filesystem::path& summaryFile) const;
 
     std::filesystem::path m_folder;
     std::filesystem::path m_unfinished;
-    std::filesystem::path m_lockFile;
-    int m_lock = -1;
+    FolderLock m_lock;
 };
 
 }  // namespace vrk

@@ -1,13 +1,17 @@
 #include "pipeline/frames/DataFiles.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
+#include <fstream>
+#include <limits>
 #include <sstream>
 #include <string>
 
 #include "VoxCore/IO/VoxMRCFileHandler.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/LibraryStage.h"
+#include "pipeline/base/MemoryLimit.h"
 #include "pipeline/base/OutputFile.h"
 #include "pipeline/frames/FileContent.h"
 
@@ -40,10 +44,25 @@ void refuseHeaderWithoutData(const std::filesystem::path& path, const mrcH& head
                   " follow; the file was cut, is packed or belongs to another format");
 }
 
+/// What the data of a file will take, by the first numbers of its header; those that no file has are left for
+/// the library to refuse.
+void requireMemoryFor(const std::filesystem::path& path) {
+    std::array<std::uint32_t, 3> sizes{};
+    std::ifstream file(path, std::ios::binary);
+    if (!file.read(reinterpret_cast<char*>(sizes.data()), sizeof sizes)) return;
+    const std::uint64_t area = std::uint64_t{sizes[0]} * sizes[1];
+    const std::uint64_t most = std::numeric_limits<std::uint32_t>::max();
+    if (area == 0 || sizes[2] == 0 || area > most || sizes[2] > most / area) return;
+    requireMemory(2 * area * sizes[2], path.string() + ": " + std::to_string(sizes[2]) + " slices of " +
+                                           std::to_string(sizes[0]) + " x " + std::to_string(sizes[1]) +
+                                           " pixels");
+}
+
 }  // namespace
 
 std::unique_ptr<VoxMRCData> readMRC(const std::filesystem::path& path, Session& session) {
     refuseUnlessMrc(path);
+    requireMemoryFor(path);
     VoxMRCFileHandler handler;
     handler.registerObserver(&session.progress());
     return runStage(session, "read", [&] {

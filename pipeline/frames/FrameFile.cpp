@@ -4,6 +4,8 @@
 #include <array>
 
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/MemoryLimit.h"
+#include "pipeline/base/NumberText.h"
 #include "pipeline/frames/FrameFormat.h"
 
 namespace vrk {
@@ -36,6 +38,11 @@ std::unique_ptr<FrameFile> FrameFile::open(FrameSource source) {
 }
 
 Frame FrameFile::read(int frame) const {
+    const FrameInfo& info = m_infos.at(static_cast<std::size_t>(frame));
+    // As they lie in the file, and as numbers.
+    requireMemory(
+        2 * sizeof(float) * static_cast<std::uint64_t>(info.width) * static_cast<std::uint64_t>(info.height),
+        formatted("%s: frames of %d x %d pixels", path().c_str(), info.width, info.height));
     Frame pixels = readFrame(frame);
     if (count() == 1) m_source.forget();
     return pixels;
@@ -60,6 +67,10 @@ void FrameFile::setFrames(long long count, long long complete, long long width, 
                    std::to_string(std::max(0LL, complete)) + " are there";
         if (complete < 1) refuse(m_damage);
     }
+    constexpr long long most = 100'000;
+    if (std::min(count, complete) > most)
+        refuse("its header announces " + std::to_string(count) + " frames, more than the " +
+               std::to_string(most) + " that a series can be made of; import a part of them");
     FrameInfo info;
     info.width = static_cast<int>(width);
     info.height = static_cast<int>(height);

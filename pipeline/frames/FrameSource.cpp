@@ -6,6 +6,7 @@
 #include <system_error>
 
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/MemoryLimit.h"
 #include "pipeline/frames/detail/Unpacking.h"
 
 namespace vrk {
@@ -50,7 +51,11 @@ private:
     std::shared_ptr<const std::string> m_bytes;
 };
 
-constexpr std::uint64_t kMostUnpacked = std::uint64_t{1} << 31;
+/// A text that grows is there twice for moments.
+std::uint64_t mostUnpacked() {
+    constexpr std::uint64_t kMost = std::uint64_t{1} << 31;
+    return std::min(kMost, memoryLeft() / 3);
+}
 
 }  // namespace
 
@@ -95,7 +100,7 @@ std::unique_ptr<FrameBytes> FrameSource::open() const {
         if (!file->good()) refuse("it cannot be read; check its permissions");
         return file;
     }
-    m_unpacked = std::make_shared<const std::string>(unpack(packed, kMostUnpacked, true));
+    m_unpacked = std::make_shared<const std::string>(unpack(packed, mostUnpacked(), true));
     return std::make_unique<MemoryBytes>(m_unpacked);
 }
 
@@ -126,6 +131,7 @@ std::string FrameSource::beginning(std::size_t most) const {
 std::string FrameSource::everything(std::uint64_t most) const {
     const std::unique_ptr<FrameBytes> bytes = open();
     if (bytes->size() > most) refuse("it is too long for a file of its kind");
+    requireMemory(2 * bytes->size(), m_path.string() + ": the contents");
     std::string all(bytes->size(), '\0');
     if (!bytes->read(0, all)) refuse("it cannot be read in full");
     return all;

@@ -4,6 +4,9 @@
 #include <new>
 #include <span>
 
+#include "pipeline/base/MemoryLimit.h"
+#include "pipeline/base/NumberText.h"
+
 namespace vrk {
 
 mrcH tiltSeriesHeader(int width, int height, const std::vector<double>& tilts, double pixelSize,
@@ -37,6 +40,8 @@ mrcH tiltSeriesHeader(int width, int height, const std::vector<double>& tilts, d
 }
 
 std::unique_ptr<VoxMRCData> emptySeries(int width, int height, std::size_t slices) {
+    requireMemory(2 * static_cast<std::uint64_t>(width) * static_cast<std::uint64_t>(height) * slices,
+                  formatted("%zu slices of %d x %d pixels", slices, width, height));
     std::unique_ptr<VoxMRCData> series(VoxMRCData::Create3D(
         static_cast<unsigned>(width), static_cast<unsigned>(height), static_cast<unsigned>(slices)));
     if (!series) throw std::bad_alloc();

@@ -5,9 +5,12 @@
 #include <fstream>
 #include <iterator>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <vector>
 
+#include "pipeline/base/ChecksumList.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/FolderLock.h"
 #include "pipeline/base/JsonText.h"
 #include "pipeline/base/OutputFile.h"
 #include "pipeline/base/ResultFolder.h"
@@ -100,7 +103,8 @@ ReportBlocks reportBlocks(const fs::path& folder, const std::string& summary, Re
 std::string writeSummaryAndReport(const RunRecord& record, const RunResult& result,
                                   const std::vector<std::string>& warnings, std::vector<std::string> files,
                                   bool withViews, const fs::path& folder) {
-    files.insert(std::upper_bound(files.begin(), files.end(), kReportFile), kReportFile);
+    for (const char* later : {kReportFile, kChecksumFile})
+        files.insert(std::upper_bound(files.begin(), files.end(), later), later);
     std::string summary = summaryJson(record, result, warnings, files);
     const std::vector<ReportBlocks> page = {
         reportBlocks(folder, summary, withViews ? reportViews(result) : ReportBlocks())};
@@ -135,7 +139,15 @@ void writeReport(std::span<const ReportBlocks> results, const fs::path& path) {
     if (shown.size() > 1)
         for (ReportBlocks& blocks : shown)
             std::erase_if(blocks, [](const ReportBlock& block) { return block.name == "patterns"; });
-    writeText(reportPage(shown), path);
+    const std::string page = reportPage(shown);
+    const fs::path folder = path.has_parent_path() ? path.parent_path() : ".";
+    std::optional<FolderLock> lock;
+    if (fs::exists(folder / ResultFolder::kSummary)) lock.emplace(folder);
+    OutputFile file(path);
+    writeText(page, file.path());
+    file.commit();
+    // A page that is made again belongs to the result like the first one.
+    updateChecksum(folder, path.filename().string());
 }
 
 }  // namespace vrk

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "pipeline/base/Failure.h"
+#include "pipeline/run/MemoryNeed.h"
 #include "pipeline/run/RunSummary.h"
 
 namespace vrk {
@@ -326,7 +327,7 @@ RunResult runCentred(CentredSeries centred, const RunOptions& options, const Run
             std::move(best->lattice),  std::move(best->indexed),
             std::move(centred.counts), std::move(intensities),
             std::move(best->crystals), s,
-            session.warnings()};
+            session.warnings(),        options};
 }
 
 /// \param load  gives the Series
@@ -336,6 +337,7 @@ RunResult runAll(Load load, const RunOptions& options, const RunStages& stages, 
     RunSeconds s;
     session.beginPart(1, kRunParts, "read");
     Series series = timed(s.read, load);
+    requireMemoryForVolume(series.frames->m_Header, 2);
     session.beginPart(2, kRunParts, "preprocess", 4);
     CentredSeries centred = timed(s.preprocess, [&] {
         return stages.centre(std::move(series), options.centre, options.intensities.wanted, session);

@@ -41,6 +41,7 @@ struct RunResult {
     Crystals crystals;                       ///< the others
     RunSeconds seconds;
     std::vector<std::string> warnings = {};  ///< of the session so far, each text once
+    RunOptions options = {};                 ///< that the run was given
 
     const SeriesFacts& facts() const { return volume.facts; }
     /// Direction of the axis as the reflections have it, degrees; that of the volume where they do not say.

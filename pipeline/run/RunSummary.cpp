@@ -12,11 +12,11 @@
 #include "foundation/Version.h"
 #include "pipeline/base/Angle.h"
 #include "pipeline/base/Failure.h"
-#include "pipeline/base/FileChecksum.h"
 #include "pipeline/base/JsonText.h"
 #include "pipeline/base/NumberText.h"
 #include "pipeline/base/OutputFile.h"
 #include "pipeline/formats/CentreFile.h"
+#include "pipeline/run/OptionsJson.h"
 #include "pipeline/run/ResultFiles.h"
 #include "pipeline/run/SeenReflections.h"
 #include "pipeline/run/detail/ReductionJson.h"
@@ -92,18 +92,13 @@ Json inputJson(const std::filesystem::path& series, const SeriesFacts& facts) {
 }
 
 /// Files that were read, so that they are known again.
-Json inputsJson(const RunRecord& record) {
+Json inputsJson(const std::vector<RecordedFile>& inputs) {
     Json json = Json::array();
-    std::vector<std::filesystem::path> paths = {record.series};
-    paths.insert(paths.end(), record.others.begin(), record.others.end());
-    for (const std::filesystem::path& path : paths) {
-        // A series that a program made in memory has a name, but no file.
-        if (!std::filesystem::is_regular_file(path)) continue;
-        const FileChecksum checksum = checksumOf(path);
+    for (const auto& [path, checksum, modified, inode] : inputs)
         json.push_back({{"path", path.string()},
                         {"bytes", checksum.bytes},
-                        {"crc32", formatted("%08x", static_cast<unsigned>(checksum.crc32))}});
-    }
+                        {"crc32", formatted("%08x", static_cast<unsigned>(checksum.crc32))},
+                        {"sha256", checksum.sha256}});
     return json;
 }
 
@@ -346,9 +341,11 @@ std::string summaryJson(const RunRecord& record, const RunResult& result,
     const RefinedPositions& refined = result.indexed.refined;
     const VoxMRCData& voxels = *result.volume.voxels;
     Json json;
-    json["program"] = {{"version", VRK::kVersion}, {"command", record.command}};
+    json["program"] = {{"version", VRK::kVersion},
+                       {"command", record.command},
+                       {"options", Json::parse(optionsJson(result.options))}};
     json["input"] = inputJson(record.series, result.facts());
-    json["inputs"] = inputsJson(record);
+    json["inputs"] = inputsJson(record.inputs);
     json["tilt_axis"] = {{"angle_deg", result.axis.angle}, {"source", result.axis.source}};
     if (result.axis.uncertainty > 0.0) json["tilt_axis"]["uncertainty_deg"] = result.axis.uncertainty;
     json["tilt_axis"]["refined_deg"] = result.refinedAxis();

@@ -6,18 +6,19 @@
 #include <string>
 #include <vector>
 
+#include "pipeline/base/FileChecksum.h"
 #include "pipeline/run/RunResult.h"
 
 namespace vrk {
 
 /// What a run was given.
 struct RunRecord {
-    std::string command;                        ///< as it was typed
-    std::filesystem::path series;               ///< as the caller named it
-    std::vector<std::filesystem::path> others;  ///< further files that were read; empty names are left out
+    std::string command;               ///< as it was typed
+    std::filesystem::path series;      ///< as the caller named it
+    std::vector<RecordedFile> inputs;  ///< the series first, then further files, before they were read
 };
 
-/// The text of summary.json. The files of the record are read for their checksums.
+/// The text of summary.json.
 /// \param files   names of the result's files in their folder, but the summary
 std::string summaryJson(const RunRecord& record, const RunResult& result,
                         const std::vector<std::string>& warnings, const std::vector<std::string>& files);

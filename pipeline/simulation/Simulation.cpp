@@ -214,10 +214,7 @@ std::optional<double> Simulator::statedAxis() const {
 }
 
 std::unique_ptr<VoxMRCData> Simulator::emptySeries() const {
-    const auto size = static_cast<unsigned>(m_size);
-    std::unique_ptr<VoxMRCData> series(
-        VoxMRCData::Create3D(size, size, static_cast<unsigned>(m_frames.size())));
-    if (!series) throw std::bad_alloc();
+    std::unique_ptr<VoxMRCData> series = vrk::emptySeries(m_size, m_size, m_frames.size());
     std::vector<double> tilts;
     for (const SimulatedFrame& frame : m_frames)
         tilts.push_back(frame.statedTilt);

@@ -54,7 +54,7 @@ const std::vector<Command> kCommands = {
        "/instrument/known/file=d.json /tilt_axis/source=calibration /input/pixel_size> "
        "/reflections/residual_px!"},
       {"--keep-volume", "out/volume.mrc?"},
-      {"--threshold 60", "/parameters/threshold=60 /reflections/found<"},
+      {"--threshold 60", "/program/options/search/threshold=60 /parameters/threshold=60 /reflections/found<"},
       {"--min-voxels 20", "/parameters/min_voxels=20 /reflections/found<"},
       {"--max-voxels 30", "/reflections/found<"},
       {"--zero-beam 30", "/parameters/zero_beam=30 /reflections/found<"},
@@ -184,7 +184,7 @@ const std::vector<Command> kCommands = {
       {"--sum 2 --log l.txt --log-level warning", "l.txt~"},
       {"--sum 2 --log l.txt --log-level info", "l.txt~"},
       {"--sum 2 --log l.txt --log-level debug", "l.txt~"}},
-     "--skip-bad"},
+     "--skip-bad --allow-outside"},
     {"tilt-axis series.mrc -o ax --json",
      {{"--range 5 15 5", "/scores/0/angle_deg=5 /scores/2/angle_deg=15 /angle_deg!"},
       {"--range 5 15 5 --method 3d", "/method=3d"},
@@ -207,6 +207,7 @@ const std::vector<Command> kCommands = {
      "--log-level --json",
      "",
      false},
+    {"verify result --json", {}, "--input"},
     {"info series.mrc --json", {{"--slices", "/slices/0/a_tilt=-60"}}, "--picture --axis"},
     {"simulate -o s.mrc --json",
      {{"--centring I", "/cell/conventional/centring=I s.mrc~"},
@@ -444,7 +445,8 @@ TEST_P(OptionsTest, EachHasItsEffect) {
             check(text, printed, plain);
     }
     // None is forgotten.
-    std::string known = std::string(" ") + command.line + ' ' + command.usual + " --help --output ";
+    std::string known =
+        std::string(" ") + command.line + ' ' + command.usual + " --help --output --max-memory ";
     for (const Command& other : kCommands)
         if (words(other.line)[0] == words(command.line)[0]) {
             known += other.elsewhere + std::string(" ");

@@ -124,6 +124,12 @@ TEST(FileChecksum, IsThatOfOtherPrograms) {
     const vrk::FileChecksum checksum = vrk::checksumOf(folder.write("nine", "123456789"));
     EXPECT_EQ(checksum.crc32, 0xcbf43926U);
     EXPECT_EQ(checksum.bytes, 9U);
+    EXPECT_EQ(checksum.sha256, "15e2b0d3c33891ebb0f1ef609ec419420c20e320ce94c65fbc8c3312448eb225");
+    // cd folder; sha256sum nine within/'a\nb' | sha256sum
+    std::filesystem::create_directory(folder / "within");
+    folder.write("within/a\nb", "");
+    EXPECT_EQ(vrk::checksumOf(folder / ".").sha256,
+              "69215676034b405fa5c339ccfe45286202a796257c18efc7ae7b03e9aa6f0557");
     EXPECT_THROW(vrk::checksumOf(folder / "none"), vrk::Failure);
 }
 
