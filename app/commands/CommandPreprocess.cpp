@@ -11,10 +11,12 @@
 
 #include "commands/Commands.h"
 #include "console/CentreOption.h"
+#include "console/JobsOption.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/JsonText.h"
 #include "pipeline/base/LibraryStage.h"
 #include "pipeline/base/NumberList.h"
+#include "pipeline/base/Workers.h"
 #include "pipeline/formats/InstrumentFile.h"
 #include "pipeline/frames/DataFiles.h"
 #include "pipeline/run/Preprocessing.h"
@@ -33,6 +35,7 @@ struct Options {
     int bin = 1;
     bool rebin = false;
     bool crop = false;
+    int jobs = 0;
     bool noHotSpot = false;
     bool noCentre = false;
     std::string centre;
@@ -166,6 +169,7 @@ void run(const Options& options, Host& host) {
     if (std::error_code error; std::filesystem::equivalent(options.series, options.output, error))
         throw Failure("the result would replace the series " + options.series + "; give -o another name",
                       FailureKind::Usage);
+    const Workers workers(options.jobs);
     Preprocessing work(host, readSeries(options.series, host.session()));
     process(options, work, host.session());
     writeData(work.series(), options.output, host.session());
@@ -206,6 +210,7 @@ void addPreprocessCommand(CommandLine& line, Host& host) {
         .oneOf({"1", "2", "4", "8"});
     command.flag("--rebin", options->rebin, "With --bin: sum instead of averaging");
     command.flag("--crop", options->crop, "Crop frames that are not square instead of padding them");
+    addJobsOption(command, options->jobs);
     command.flag("--json", options->json, "Print the result as JSON");
     addLogOptions(command, options->log);
     command.footer("Example:\n  vrk preprocess series.mrc -o clean.mrc --rotate 49.0 --log preprocess.log");

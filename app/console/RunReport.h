@@ -4,11 +4,15 @@
 
 #include <ostream>
 
+#include "pipeline/run/RunProfile.h"
 #include "pipeline/run/RunResult.h"
 
 namespace vrk::app {
 
 /// The short table on the standard output.
 void printSummary(std::ostream& out, const RunResult& result);
+
+/// The steps of the run against the memory of the machine.
+void printProfile(std::ostream& out, const RunProfile& profile);
 
 }  // namespace vrk::app

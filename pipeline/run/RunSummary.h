@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "pipeline/run/RunProfile.h"
 #include "pipeline/run/RunResult.h"
 
 namespace vrk {
@@ -15,6 +16,7 @@ struct RunRecord {
     std::string command;                        ///< as it was typed
     std::filesystem::path series;               ///< as the caller named it
     std::vector<std::filesystem::path> others;  ///< further files that were read; empty names are left out
+    std::optional<RunProfile> profile = {};     ///< where it is wanted
 };
 
 /// The text of summary.json. The files of the record are read for their checksums.
@@ -27,5 +29,7 @@ void writeSummary(const std::filesystem::path& path, const std::string& summary)
 
 /// Largest resident size of the process so far, in MiB.
 double peakMemory();
+/// The resident size of the process now, MiB; 0 where the system does not tell.
+double residentMemory();
 
 }  // namespace vrk

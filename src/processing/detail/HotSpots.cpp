@@ -103,6 +103,12 @@ void HotSpotFilter::finishObservation() {
     }
 }
 
+HotSpotFilter HotSpotFilter::another() const {
+    HotSpotFilter result(0, 0);
+    result.m_stuck = m_stuck;
+    return result;
+}
+
 void HotSpotFilter::measureNoise(const Frame& in) {
     for (std::vector<int>& level : m_deviations)
         level.clear();

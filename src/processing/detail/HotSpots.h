@@ -25,6 +25,8 @@ public:
     void observe(const Frame& frame);
     void finishObservation();
 
+    /// One for the second pass of the same series, with scratch memory of its own.
+    HotSpotFilter another() const;
     /// Second pass. Returns how many pixels were replaced.
     int apply(const Frame& in, Frame out);
 

@@ -180,6 +180,14 @@ void RadialBackground::subtract(const Frame& in, std::span<const unsigned char> 
     subtractRingMedians(out);
 }
 
+RadialBackground RadialBackground::another() const {
+    RadialBackground result = *this;
+    // Copies of matrices share their memory.
+    result.m_remainder = m_remainder.clone();
+    result.m_units = m_units.clone();
+    return result;
+}
+
 void RadialBackground::collectRings(const Frame& in) {
     const short* pixels = in[0];
     for (std::size_t i = 0; i < m_values.size(); ++i)

@@ -15,6 +15,8 @@ namespace VRK::detail {
 class RadialBackground {
 public:
     RadialBackground(int width, int height);
+    /// One for patterns of the same size, with scratch memory of its own.
+    RadialBackground another() const;
 
     /// \param lost  1 for pixels that were not recorded, which do not take part and become 0; may be empty
     void subtract(const Frame& in, std::span<const unsigned char> lost, Frame out);
