@@ -2,6 +2,7 @@
 /// Single pixels that do not show the pattern: hot spots, zingers, dead and stuck pixels.
 #pragma once
 
+#include <cstdint>
 #include <vector>
 
 #include "processing/detail/Frame.h"
@@ -32,6 +33,7 @@ public:
 
 private:
     void measureNoise(const Frame& in);
+    int medianDeviation(const Frame& in, std::size_t level);
 
     int m_observed = 0;
     cv::Mat m_lowest;
@@ -40,7 +42,7 @@ private:
     cv::Mat m_scratch;
     Frame m_median;
     std::vector<cv::Point> m_stuck;
-    std::vector<std::vector<int>> m_deviations;
+    std::vector<std::vector<std::uint32_t>> m_deviations;  ///< by level, how often each of them occurs
     std::vector<int> m_limits;
 };
 
