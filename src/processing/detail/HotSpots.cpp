@@ -4,6 +4,7 @@
 #include <array>
 #include <bit>
 #include <cmath>
+#include <limits>
 #include <numeric>
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
@@ -51,7 +52,10 @@ Neighbours neighboursOf(const Frame& frame, int x, int y) {
                 ++result.directCount;
             }
         }
-    std::sort(result.sorted.begin(), result.sorted.begin() + static_cast<std::ptrdiff_t>(result.count));
+    // What is not there sorts behind.
+    std::fill(result.sorted.begin() + static_cast<std::ptrdiff_t>(result.count), result.sorted.end(),
+              std::numeric_limits<int>::max());
+    std::sort(result.sorted.begin(), result.sorted.end());
     return result;
 }
 
