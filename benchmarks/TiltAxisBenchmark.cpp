@@ -7,10 +7,16 @@
 #include <filesystem>
 #include <iostream>
 #include <memory>
+#include <random>
 #include <string>
+#include <vector>
 
+#include "cellfinding/CalculateDiffVectors.h"
+#include "cellfinding/ClusterPoint.h"
+#include "cellfinding/Parameter.h"
 #include "pipeline/simulation/Simulation.h"
 #include "tiltaxis/FindReflexes2d.h"
+#include "tiltaxis/VRKSphericalProjection.h"
 #include "tiltaxis/VRKTiltAxisRefinement.h"
 
 namespace {
@@ -71,7 +77,39 @@ void evaluatePatterns(benchmark::State& state) {
     std::filesystem::remove_all(folder);
 }
 
+/// The histogram of the directions between points that lie anywhere: from a list of all vectors, and from the
+/// pairs.
+void directions(benchmark::State& state) {
+    std::mt19937 random(1);
+    std::uniform_real_distribution<double> anywhere(0.0, 256.0);
+    ReflexVector points;
+    for (int i = 0; i < 1500; ++i)
+        points.append(ReflexPtr(new Reflex(anywhere(random), anywhere(random), anywhere(random))));
+    Parameter parameter;
+    parameter.setMinLength(30.5);
+    parameter.setMaxLength(1000.0);
+    std::vector<int> image(512 * 512);
+    int largest = 0;
+    std::int64_t vectors = 0;
+    for (auto _ : state) {
+        std::fill(image.begin(), image.end(), 0);
+        if (state.range(0) == 1) {
+            benchmark::DoNotOptimize(VRKSphericalProjection::getSphericalHistoImageOfPairs(
+                &points, &parameter, image.data(), 512, 512, &largest, &vectors, true));
+            continue;
+        }
+        const std::unique_ptr<std::vector<ClusterPoint<double>*>> list(
+            CalculateDiffVectors::calculateDiffVectors(&points, &parameter, nullptr, nullptr, true));
+        VRKSphericalProjection::foldToHalfSpace(list.get());
+        benchmark::DoNotOptimize(VRKSphericalProjection::getSphericalHistoImage(list.get(), image.data(), 512,
+                                                                                512, &largest, true));
+        for (auto* vector : *list)
+            delete vector;
+    }
+}
+
 }  // namespace
 
+BENCHMARK(directions)->ArgName("pairs")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(evaluateVolume)->Unit(benchmark::kMillisecond);
 BENCHMARK(evaluatePatterns)->Arg(0)->Arg(60)->Unit(benchmark::kMillisecond);

@@ -3,6 +3,7 @@
 #   --clang      a build by Clang without warnings, and all tests
 #   --coverage   the tests reach at least 90 % of the lines of src and pipeline; the report is build/coverage/lines.html
 #   --tidy       clang-tidy over every source
+#   --threads    ThreadSanitizer finds nothing in loops that threads share
 #   --page       the page of the report works in a browser; its pictures are in build/report
 #   --faults     of 200 planted one-line faults the tests notice at least 85 %
 set -euo pipefail
@@ -38,6 +39,8 @@ coverage() {
 
 tidy() { scripts/tidy.sh; }
 
+threads() { scripts/threads.sh; }
+
 page() {
   cmake --preset release >/dev/null
   cmake --build --preset release --target vrk -- --quiet
@@ -49,8 +52,8 @@ faults() { scripts/mutate.sh --count 200 --seed "${VRKCORE_SEED:-1}" --at-least 
 checks=()
 for argument in "$@"; do
   case "$argument" in
-    --clang | --coverage | --tidy | --page | --faults) checks+=("${argument#--}") ;;
-    --all) checks=(clang coverage tidy page faults) ;;
+    --clang | --coverage | --tidy | --threads | --page | --faults) checks+=("${argument#--}") ;;
+    --all) checks=(clang coverage tidy threads page faults) ;;
     -h | --help) usage 0 ;;
     *) usage 2 >&2 ;;
   esac

@@ -11,11 +11,13 @@
 
 #include "commands/Commands.h"
 #include "console/CentreOption.h"
+#include "console/JobsOption.h"
 #include "console/MemoryOption.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/JsonText.h"
 #include "pipeline/base/LibraryStage.h"
 #include "pipeline/base/NumberList.h"
+#include "pipeline/base/Workers.h"
 #include "pipeline/formats/InstrumentFile.h"
 #include "pipeline/frames/DataFiles.h"
 #include "pipeline/run/MemoryNeed.h"
@@ -35,6 +37,7 @@ struct Options {
     int bin = 1;
     bool rebin = false;
     bool crop = false;
+    int jobs = 0;
     bool noHotSpot = false;
     bool noCentre = false;
     std::string centre;
@@ -170,6 +173,7 @@ void run(const Options& options, Host& host) {
                       FailureKind::Usage);
     std::unique_ptr<VoxMRCData> series = readSeries(options.series, host.session());
     requireMemoryForSeries(series->m_Header, 1);
+    const Workers workers(options.jobs);
     Preprocessing work(host, std::move(series));
     process(options, work, host.session());
     writeData(work.series(), options.output, host.session());
@@ -210,6 +214,7 @@ void addPreprocessCommand(CommandLine& line, Host& host) {
         .oneOf({"1", "2", "4", "8"});
     command.flag("--rebin", options->rebin, "With --bin: sum instead of averaging");
     command.flag("--crop", options->crop, "Crop frames that are not square instead of padding them");
+    addJobsOption(command, options->jobs);
     command.flag("--json", options->json, "Print the result as JSON");
     addLogOptions(command, options->log);
     addMemoryOption(command, host);

@@ -8,6 +8,7 @@
 #include "commands/Commands.h"
 #include "console/AxisOption.h"
 #include "console/CentreOption.h"
+#include "console/JobsOption.h"
 #include "console/MemoryOption.h"
 #include "console/ParameterOptions.h"
 #include "console/RunReport.h"
@@ -15,6 +16,7 @@
 #include "pictures/RunPictures.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/ResultFolder.h"
+#include "pipeline/base/Workers.h"
 #include "pipeline/formats/ReflectionFormats.h"
 #include "pipeline/frames/DataFiles.h"
 #include "pipeline/frames/FileContent.h"
@@ -40,6 +42,7 @@ struct Options {
     bool keepVolume = false;
     bool pictures = true;
     bool json = false;
+    bool profile = false;
 };
 
 std::optional<RotationMode> modeOf(const std::string& name) {
@@ -80,9 +83,15 @@ Failure failureOf(const Failure& failure, const Options& options, const RunRemai
     return Failure(text, failure.kind());
 }
 
+/// What a profile is made of beside the result.
+struct Measured {
+    const Workers& workers;
+    double copyRate;  ///< 0 when nobody asks
+};
+
 /// Writes all files, the summary last. \returns its text
-std::string writeResults(const Options& options, const RunRecord& record, const RunResult& result,
-                         ResultFolder& results, Host& host) {
+std::string writeResults(const Options& options, RunRecord& record, const RunResult& result,
+                         const Measured& measured, ResultFolder& results, Host& host) {
     const std::filesystem::path& folder = results.path();
     host.session().beginPart(kRunParts, kRunParts, "write the results", 2);
     if (options.keepVolume) writeData(*result.volume.voxels, folder / "volume.mrc", host.session());
@@ -93,6 +102,7 @@ std::string writeResults(const Options& options, const RunRecord& record, const 
     if (options.pictures) drawRunPictures(result, options.series.filename().string(), folder);
     host.session().checkCanceled();
     refuseChanged(record.inputs);
+    if (options.profile) record.profile = profileOf(result, measured.workers, measured.copyRate);
     std::string summary =
         writeSummaryAndReport(record, result, host.warnings(), results.written(), options.pictures, folder);
     host.closeLog();
@@ -110,21 +120,24 @@ void runSeries(const Options& options, const std::string& given, const std::stri
     // What is wrong from the start leaves the folder as it is.
     if (!options.formula.empty()) parseFormula(options.formula);
     refuseUnlessMrc(options.series);
+    const Workers workers(choices.jobs);
     ResultFolder results(options.folder);
     host.openLog(results.path() / "vrk.log", options.log.level,
                  {"series: " + options.series.string(), "options: " + given});
     choices.axis.folder = results.path() / "axis";
     RunRemains remains;
+    const double copyRate = options.profile ? measuredCopyRate() : 0.0;
     try {
-        const RunRecord record = {
+        RunRecord record = {
             commandText, options.series,
             recordFiles({options.series, options.distortion, choices.fineCalibration, choices.centre.file})};
         const RunResult result = run(options.series, choices, host.session(), &remains);
-        const std::string summary = writeResults(options, record, result, results, host);
+        const std::string summary = writeResults(options, record, result, {workers, copyRate}, results, host);
         if (options.json)
             host.out() << summary << '\n';
         else
             printSummary(host.out(), result);
+        if (record.profile && !options.json) printProfile(host.out(), *record.profile);
     } catch (const Failure& failure) {
         throw failureOf(failure, options, remains, results);
     } catch (const std::exception&) {
@@ -180,10 +193,17 @@ Command describeRun(CommandLine& line, const std::shared_ptr<Options>& options) 
         .option("--crystals", options->run.crystals,
                 "Crystals that are looked for at most, where over a tenth of the reflections lies on none")
         .range(1, 9);
-    command.option("--jobs", options->run.axis.jobs, "Processes for the axis search").range(1, 256);
+    addJobsOption(command, options->run.jobs);
+    command
+        .option("--volume-size", options->run.volumeSize,
+                "Longest edge of the reciprocal volume, voxels; the middle of larger frames is used [that of "
+                "the frames; of very large ones the part with spots]")
+        .range(64, 16384);
     command.flag("--keep-volume", options->keepVolume, "Keep the reciprocal volume as volume.mrc");
     command.flag("!--no-pictures", options->pictures, "Draw no pictures");
     addLogLevelOption(command, options->log);
+    command.flag("--profile", options->profile,
+                 "Print what every step took and moved, against a plain copy of memory");
     command.flag("--json", options->json, "Print the summary as JSON");
     addMemoryOption(command, host);
     command.footer("Example:\n  vrk run series.mrc -o result --tilt-axis search");

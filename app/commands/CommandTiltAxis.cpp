@@ -8,9 +8,11 @@
 #include <vector>
 
 #include "commands/Commands.h"
+#include "console/JobsOption.h"
 #include "console/MemoryOption.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/JsonText.h"
+#include "pipeline/base/Workers.h"
 #include "pipeline/frames/DataFiles.h"
 #include "pipeline/geometry/TiltAxisSearch.h"
 #include "pipeline/run/MemoryNeed.h"
@@ -26,7 +28,7 @@ struct Options {
     std::string method = "2d";
     std::vector<double> range;
     double accuracy = 0.1;
-    int jobs = 1;
+    int jobs = 0;
     bool preprocessed = false;
     bool json = false;
 };
@@ -34,9 +36,9 @@ struct Options {
 TiltAxisResult search(const Options& options, const VoxMRCData& series, Host& host) {
     const TiltAxisMethod method = options.method == "2d" ? TiltAxisMethod::TwoD : TiltAxisMethod::ThreeD;
     if (options.range.empty())
-        return findTiltAxis(series, method, options.accuracy, options.jobs, options.folder, host.session());
+        return findTiltAxis(series, method, options.accuracy, options.folder, host.session());
     const TiltAxisRange range{options.range[0], options.range[1], options.range[2]};
-    return findTiltAxis(series, method, range, options.jobs, options.folder, host.session());
+    return findTiltAxis(series, method, range, options.folder, host.session());
 }
 
 void checkRange(const std::vector<double>& range) {
@@ -95,6 +97,7 @@ void printTable(std::ostream& out, const TiltAxisResult& result) {
 void run(const Options& options, Host& host) {
     checkRange(options.range);
     host.openLog(options.log);
+    const Workers workers(options.jobs);
     std::unique_ptr<VoxMRCData> series = readSeries(options.series, host.session());
     requireMemoryForSeries(series->m_Header, 2);
     if (!options.preprocessed) series = preprocessed(std::move(series), {}, host.session()).frames;
@@ -130,13 +133,13 @@ void addTiltAxisCommand(CommandLine& line, Host& host) {
     command.option("--range", options->range, "Try these angles instead of the automatic schedule")
         .values(3)
         .typeName("START END STEP");
-    command.option("--jobs", options->jobs, "Processes that share the work").range(1, 256).showDefault();
+    addJobsOption(command, options->jobs);
     command.flag("--preprocessed", options->preprocessed,
                  "The series comes from 'vrk preprocess'; take it as it is");
     command.flag("--json", options->json, "Print the result as JSON");
     addLogOptions(command, options->log);
     addMemoryOption(command, host);
-    command.footer("Example:\n  vrk tilt-axis series.mrc -o axis --accuracy 0.1 --jobs 4");
+    command.footer("Example:\n  vrk tilt-axis series.mrc -o axis --accuracy 0.1");
     command.action([options, &host] { run(*options, host); });
 }
 

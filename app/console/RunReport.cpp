@@ -217,4 +217,19 @@ void printSummary(std::ostream& out, const RunResult& result) {
     printSeconds(out, result.seconds);
 }
 
+void printProfile(std::ostream& out, const RunProfile& profile) {
+    constexpr double kMiB = 1 << 20;
+    out << formatted("\nmemcpy reads and writes %.1f GB/s here, in one thread\n", 1e-9 * profile.copyRate)
+        << "step          times   seconds     moved    had to   of memcpy  resident\n";
+    for (const StepProfile& step : profile.steps) {
+        out << formatted("%-14s%5d%10.3f", step.name.c_str(), step.times, step.seconds);
+        if (step.neededBytes > 0.0)
+            out << formatted("%6.0f MiB%6.0f MiB%10.1f %%", step.movedBytes / kMiB, step.neededBytes / kMiB,
+                             100.0 * step.shareOfCopying);
+        else
+            out << formatted("%10s%10s%12s", "-", "-", "-");
+        out << formatted("%6.0f MiB\n", step.residentBytes / kMiB);
+    }
+}
+
 }  // namespace vrk::app

@@ -6,6 +6,7 @@
 #include <numbers>
 #include <system_error>
 
+#include "foundation/SharedLoop.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/NumberText.h"
 #include "pipeline/base/OutputFile.h"
@@ -53,10 +54,20 @@ std::string planeText(const std::string& plane) {
     return text;
 }
 
+template <typename Lists>
+std::vector<fs::path> joined(const Lists& lists) {
+    std::vector<fs::path> all;
+    for (const std::vector<fs::path>& list : lists)
+        all.insert(all.end(), list.begin(), list.end());
+    return all;
+}
+
 std::vector<fs::path> draw(const ReciprocalSection& section, const SectionOptions& options,
                            const PictureNotes& notes, const fs::path& folder) {
-    std::vector<fs::path> written;
-    for (const std::string& plane : options.planes) {
+    std::vector<std::vector<fs::path>> files(options.planes.size());
+    VRK::shareItems(files.size(), [&](std::size_t number, std::size_t) {
+        const std::string& plane = options.planes[number];
+        std::vector<fs::path>& written = files[number];
         ReciprocalSection::Settings settings = planeSettings(plane);
         settings.thickness = options.thickness;
         settings.size = options.size;
@@ -69,8 +80,8 @@ std::vector<fs::path> draw(const ReciprocalSection& section, const SectionOption
         written.push_back(folder / (plane + ".png"));
         sheet.save(written.back());
         if (options.tga) saveTga(image, folder / plane, written);
-    }
-    return written;
+    });
+    return joined(files);
 }
 
 /// \param perPixel  voxels of the volume along the edge of one of the image
@@ -78,8 +89,10 @@ template <typename Data>
 std::vector<fs::path> project(const Data& data, double perPixel, const SectionOptions& options,
                               const PictureNotes& notes, const fs::path& folder) {
     static constexpr std::array<const char*, 3> kNames = {"projection_x", "projection_y", "projection_z"};
-    std::vector<fs::path> written;
-    for (int axis = 0; axis < 3; ++axis) {
+    std::array<std::vector<fs::path>, kNames.size()> files;
+    VRK::shareItems(kNames.size(), [&](std::size_t number, std::size_t) {
+        const auto axis = static_cast<int>(number);
+        std::vector<fs::path>& written = files[number];
         const PlaneImage image = VolumeProjection::maximumAlong(data, axis);
         PictureSheet sheet(image, options.size);
         sheet.setScale(
@@ -88,11 +101,11 @@ std::vector<fs::path> project(const Data& data, double perPixel, const SectionOp
         const ImageOverlay axes = VolumeProjection::axesOf(sheet.panel(), axis, 0.5 * sheet.barLength());
         sheet.overlay().lines = axes.lines;
         sheet.describe(axes.title, notes);
-        written.push_back(folder / (std::string(kNames[static_cast<std::size_t>(axis)]) + ".png"));
+        written.push_back(folder / (std::string(kNames[number]) + ".png"));
         sheet.save(written.back());
         if (options.tga) saveTga(image, written.back(), written);
-    }
-    return written;
+    });
+    return joined(files);
 }
 
 }  // namespace

@@ -1,7 +1,10 @@
 #include "pictures/RunPictures.h"
 
 #include <array>
+#include <functional>
+#include <vector>
 
+#include "foundation/SharedLoop.h"
 #include "indexing/IndicateWithHKL.h"
 #include "pictures/CentrePicture.h"
 #include "pictures/DifferenceVectorPicture.h"
@@ -44,20 +47,30 @@ PictureNotes notesOf(const RunResult& result, const std::string& source) {
 void drawRunPictures(const RunResult& result, const std::string& source,
                      const std::filesystem::path& folder) {
     const PictureNotes notes = notesOf(result, source);
-    writeDifferenceVectorPicture(flatPoints(result.indexed.level, result.volume, nullptr),
-                                 result.lattice.best.lattice, result.lattice.best.trial.maxLength, notes,
-                                 folder / "difference_vectors.png");
-    writeCentrePicture(result.volume.tilts, result.volume.centres, source, folder / "centres.png");
     writeSections(*result.volume.voxels, result.indexed.conventionalCell(), SectionOptions(), notes, folder);
     writeProjections(*result.volume.voxels, SectionOptions(), notes, folder);
     const std::filesystem::path plots = folder / "plots";
     makeFolder(plots);
-    const ReflexVectorPtr list = conventionallyIndexed(result.indexed);
-    IndicateWithHKL::generateEvaluationPlot(list.get(), plots.string());
-    IndicateWithHKL::generateHKLplot(list.get(), plots.string());
-    if (!result.intensities || !result.counts.frames) return;
-    writeSpotPictures(result, notes, folder);
-    writeIntensityPlots(*result.intensities, plots);
+    const bool hasIntensities = result.intensities && result.counts.frames;
+    if (hasIntensities) writeSpotPictures(result, notes, folder);
+    std::vector<std::function<void()>> pictures = {
+        [&] {
+            writeDifferenceVectorPicture(flatPoints(result.indexed.level, result.volume, nullptr),
+                                         result.lattice.best.lattice, result.lattice.best.trial.maxLength,
+                                         notes, folder / "difference_vectors.png");
+        },
+        [&] {
+            writeCentrePicture(result.volume.tilts, result.volume.centres, source, folder / "centres.png");
+        },
+        [&] {
+            IndicateWithHKL::generateEvaluationPlot(conventionallyIndexed(result.indexed).get(),
+                                                    plots.string());
+        },
+        [&] {
+            IndicateWithHKL::generateHKLplot(conventionallyIndexed(result.indexed).get(), plots.string());
+        }};
+    if (hasIntensities) pictures.emplace_back([&] { writeIntensityPlots(*result.intensities, plots); });
+    VRK::shareItems(pictures.size(), [&](std::size_t i, std::size_t) { pictures[i](); });
 }
 
 }  // namespace vrk::app

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "foundation/SharedLoop.h"
 #include "pipeline/base/Angle.h"
 #include "pipeline/base/NumberText.h"
 
@@ -58,14 +59,14 @@ void drawFrame(const RunResult& result, const PictureNotes& notes, std::size_t f
 
 std::vector<std::filesystem::path> writeSpotPictures(const RunResult& result, const PictureNotes& notes,
                                                      const std::filesystem::path& folder) {
-    std::vector<std::filesystem::path> written;
     const std::size_t count = result.intensities->integration.fit.geometry.frames.size();
     const std::size_t drawn = std::min(kFrames, count);
-    for (std::size_t i = 0; i < drawn; ++i) {
+    std::vector<std::filesystem::path> written(drawn);
+    VRK::shareItems(drawn, [&](std::size_t i, std::size_t) {
         const std::size_t frame = (2 * i + 1) * count / (2 * drawn);
-        written.push_back(folder / formatted("frame_%03zu.png", frame + 1));
-        drawFrame(result, notes, frame, written.back());
-    }
+        written[i] = folder / formatted("frame_%03zu.png", frame + 1);
+        drawFrame(result, notes, frame, written[i]);
+    });
     return written;
 }
 

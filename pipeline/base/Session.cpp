@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/RecordedMessages.h"
 
 namespace vrk {
 namespace {
@@ -77,6 +78,25 @@ std::string inPlainWords(const std::string& text) {
 }
 
 }  // namespace
+
+void RecordedMessages::begin() {
+    beginListening(*this);
+}
+
+void RecordedMessages::end() {
+    endListening(*this);
+}
+
+void RecordedMessages::tell() {
+    for (const Message& message : m_messages)
+        threadObserver.notifyLog(message.text.c_str(), message.type, message.debugType);
+    m_messages.clear();
+}
+
+void RecordedMessages::notifyLog(const char* message, VRK::MessageType type,
+                                 VRK::DebugMessageType debugType) {
+    m_messages.push_back({message, type, debugType});
+}
 
 void Session::Log::notifyLog(const char* message, VRK::MessageType type, VRK::DebugMessageType) {
     observer.logged(message, type);

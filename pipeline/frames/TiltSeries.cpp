@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
+#include <numeric>
 #include <string>
 
 #include "foundation/Version.h"
@@ -20,10 +22,7 @@ void checkShape(int columns, int rows, std::span<const double> tilts, const Seri
         throw Failure(formatted("frames of %d x %d pixels cannot be used; edges are 1 to %d", columns, rows,
                                 kMostPixels),
                       FailureKind::Usage);
-    if (tilts.empty() || tilts.size() > mrcH::kMaxSlices)
-        throw Failure(formatted("%zu frames cannot be used: a series has 1 to %d; add up neighbouring ones",
-                                tilts.size(), mrcH::kMaxSlices),
-                      FailureKind::Usage);
+    if (tilts.empty()) throw Failure("there are no frames; a series has 1 at least", FailureKind::Usage);
     for (std::size_t i = 0; i < tilts.size(); ++i)
         if (!std::isfinite(tilts[i]))
             throw Failure(formatted("the tilt of frame %zu is no number", i), FailureKind::Usage);
@@ -33,11 +32,42 @@ void checkShape(int columns, int rows, std::span<const double> tilts, const Seri
     if (statement.kiloVolts != 0.0) refuseImpossibleVoltage(statement.kiloVolts);
 }
 
+/// Frames that become one slice of a series, and its tilt.
+struct Slice {
+    std::vector<std::size_t> frames;
+    double tilt = 0.0;
+};
+
+/// A slice a frame; where headers have no room for so many, neighbours in tilt are added up.
+std::vector<Slice> slicesOf(std::span<const double> tilts, Session& session) {
+    constexpr std::size_t kMost = mrcH::kMaxSlices;
+    const std::size_t together = (tilts.size() + kMost - 1) / kMost;
+    std::vector<std::size_t> order(tilts.size());
+    std::iota(order.begin(), order.end(), std::size_t{0});
+    if (together > 1) {
+        session.warn(
+            formatted("a series holds %zu slices: of the %zu frames every %zu neighbours are added up", kMost,
+                      tilts.size(), together));
+        std::stable_sort(order.begin(), order.end(),
+                         [tilts](std::size_t a, std::size_t b) { return tilts[a] < tilts[b]; });
+    }
+    std::vector<Slice> slices;
+    for (std::size_t begin = 0; begin < order.size(); begin += together) {
+        const auto end = std::min(begin + together, order.size());
+        Slice& slice = slices.emplace_back();
+        for (std::size_t i = begin; i < end; ++i) {
+            slice.frames.push_back(order[i]);
+            slice.tilt += tilts[order[i]] / static_cast<double>(end - begin);
+        }
+    }
+    return slices;
+}
+
 /// Frames as 16-bit integers.
 class FrameStore {
 public:
-    FrameStore(VoxMRCData& data, const TiltSeries::FrameSource& read)
-        : m_data(data), m_read(read), m_counts(data.GetChunkSize()) {}
+    FrameStore(VoxMRCData& data, const std::vector<Slice>& slices, const TiltSeries::FrameSource& read)
+        : m_data(data), m_slices(slices), m_read(read), m_counts(data.GetChunkSize()) {}
 
     void fill(Session& session) {
         pass(1.0, session);
@@ -60,8 +90,7 @@ private:
         const bool looks = scale == 1.0;
         for (unsigned z = 0; z < m_data.GetChunkCount(); ++z) {
             session.checkCanceled();
-            m_read(z, m_counts);
-            const long long invalid = removeInvalid();
+            const long long invalid = readSlice(m_slices[z]);
             if (looks) {
                 m_invalid += invalid;
                 m_range.add(m_counts);
@@ -70,9 +99,22 @@ private:
         }
     }
 
-    long long removeInvalid() {
+    /// \returns how many pixels were no numbers
+    long long readSlice(const Slice& slice) {
+        m_read(slice.frames.front(), m_counts);
+        long long invalid = removeInvalid(m_counts);
+        for (std::size_t i = 1; i < slice.frames.size(); ++i) {
+            m_more.resize(m_counts.size());
+            m_read(slice.frames[i], m_more);
+            invalid += removeInvalid(m_more);
+            std::transform(m_counts.begin(), m_counts.end(), m_more.begin(), m_counts.begin(), std::plus<>());
+        }
+        return invalid;
+    }
+
+    static long long removeInvalid(std::vector<float>& counts) {
         long long count = 0;
-        for (float& value : m_counts)
+        for (float& value : counts)
             if (!std::isfinite(value)) {
                 value = 0.0F;
                 ++count;
@@ -81,8 +123,10 @@ private:
     }
 
     VoxMRCData& m_data;
+    const std::vector<Slice>& m_slices;
     const TiltSeries::FrameSource& m_read;
     std::vector<float> m_counts;
+    std::vector<float> m_more;  ///< of a frame that is added
     CountScale m_range;
     long long m_invalid = 0;
     long long m_clipped = 0;
@@ -99,15 +143,19 @@ Result<TiltSeries> TiltSeries::make(int columns, int rows, std::span<const doubl
                                     Observer& observer) {
     return attempt(observer, [&](Session& session) {
         checkShape(columns, rows, tilts, statement);
-        std::unique_ptr<VoxMRCData> data = emptySeries(columns, rows, tilts.size());
-        data->m_Header = tiltSeriesHeader(columns, rows, {tilts.begin(), tilts.end()}, statement.pixelSize,
+        const std::vector<Slice> slices = slicesOf(tilts, session);
+        std::vector<double> means;
+        for (const Slice& slice : slices)
+            means.push_back(slice.tilt);
+        std::unique_ptr<VoxMRCData> data = emptySeries(columns, rows, slices.size());
+        data->m_Header = tiltSeriesHeader(columns, rows, means, statement.pixelSize,
                                           std::string("VRKCore ") + VRK::kVersion);
         for (int z = 0; z < data->m_Header.nz; ++z) {
             data->m_Header.setValue(SliceValue::HighTension, z, static_cast<float>(statement.kiloVolts));
             data->m_Header.setValue(SliceValue::TiltAxis, z,
                                     static_cast<float>(statement.axis.value_or(0.0)));
         }
-        FrameStore(*data, read).fill(session);
+        FrameStore(*data, slices, read).fill(session);
         setDensities(*data);
         return TiltSeries(std::move(data));
     });

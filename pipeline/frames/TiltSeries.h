@@ -37,9 +37,9 @@ public:
 
     /// Frames from memory. They are kept as 16-bit integers: whole numbers that fit as they are, others
     /// multiplied by the factor that `vrk import` would choose, which is told as a warning, as are pixels
-    /// that are no numbers, which become 0. An error for sizes of 0, more than 300 frames, and tilts that are
-    /// not finite. \param tilts  degrees, one a frame, in any order \param read   called once or twice for
-    /// each frame
+    /// that are no numbers, which become 0, and that of more than 300 frames every two (three, ...)
+    /// neighbours in tilt were added up. An error for sizes of 0, no frames, and tilts that are not finite.
+    /// \param tilts  degrees, one a frame, in any order \param read   called once or twice for each frame
     static Result<TiltSeries> make(int columns, int rows, std::span<const double> tilts,
                                    const SeriesStatement& statement, const FrameSource& read,
                                    Observer& observer = silence());

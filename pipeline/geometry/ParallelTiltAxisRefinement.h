@@ -1,9 +1,8 @@
 /// \file
-/// The tilt-axis search with the candidates of a range shared by processes.
+/// The tilt-axis search with the candidates of a range shared by threads.
 #pragma once
 
-#include <cstddef>
-#include <optional>
+#include <atomic>
 #include <string>
 #include <vector>
 
@@ -12,28 +11,21 @@
 
 namespace vrk {
 
-/// Forks for every range of angles: the prepared series is shared memory then, and the processes send the
-/// scores back through pipes. Scores are recorded in the order of the angles, so the answer is that of one
-/// process. Angles whose process failed are evaluated by the process of the search.
+/// Scores the angles of a range in the lanes of the calling thread (Workers.h). Scores are recorded in the
+/// order of the angles, so the answer is that of one lane.
 class ParallelTiltAxisRefinement : public VRKTiltAxisRefinement {
 public:
     /// Reports to the session, which must live as long, and stops when it is canceled.
-    ParallelTiltAxisRefinement(int jobs, Session& session);
+    explicit ParallelTiltAxisRefinement(Session& session);
 
 protected:
-    bool stopRequested() const override { return m_session.canceled(); }
+    bool stopRequested() const override;
     void evaluateAngles(const std::vector<float>& angles, const std::string& name, bool mode3D) override;
 
 private:
-    struct Worker;
-    using Scores = std::vector<std::optional<TiltAxisScore>>;
-
-    Worker startWorker(const std::vector<float>& angles, std::size_t first, std::size_t stride, bool mode3D);
-    /// Waits for the next scores. False when all processes have ended.
-    static bool collect(std::vector<Worker>& workers, Scores& scores);
-
-    std::size_t m_jobs;
     const Session& m_session;
+    std::atomic<bool> m_shares = false;  ///< angles are shared by threads, which must not ask the session
+    std::atomic<bool> m_stops = false;
 };
 
 }  // namespace vrk

@@ -124,15 +124,15 @@ std::unique_lock<std::mutex> lockIf(bool searchesVolumes) {
 }
 
 template <typename Search>
-TiltAxisResult search(const VoxMRCData& series, int jobs, const std::filesystem::path& wanted,
-                      Session& session, Search run) {
+TiltAxisResult search(const VoxMRCData& series, const std::filesystem::path& wanted, Session& session,
+                      Search run) {
     std::optional<ScratchFolder> scratch;
     if (wanted.empty()) scratch.emplace();
     const std::filesystem::path folder = scratch ? scratch->path() : wanted;
     // An image for each angle and few plots: they do not belong into one folder.
     const std::filesystem::path histograms = folder / "histograms";
     makeFolder(histograms);
-    ParallelTiltAxisRefinement refinement(jobs, session);
+    ParallelTiltAxisRefinement refinement(session);
     float angle = VRKTiltAxisRefinement::kNoAngle;
     {
         const Stage stage(session, "tilt axis");
@@ -181,10 +181,10 @@ TiltAxisFit fitTiltAxis(const std::vector<TiltAxisScore>& scores, double gridAng
     return fit;
 }
 
-TiltAxisResult findTiltAxis(const VoxMRCData& preprocessed, TiltAxisMethod method, double accuracy, int jobs,
+TiltAxisResult findTiltAxis(const VoxMRCData& preprocessed, TiltAxisMethod method, double accuracy,
                             const std::filesystem::path& folder, Session& session) {
     TiltAxisResult result =
-        search(preprocessed, jobs, folder, session,
+        search(preprocessed, folder, session,
                [&](VRKTiltAxisRefinement& refinement, VoxMRCData* series, const std::string& images) {
                    const auto lock = lockIf(method == TiltAxisMethod::ThreeD);
                    return method == TiltAxisMethod::ThreeD
@@ -196,8 +196,8 @@ TiltAxisResult findTiltAxis(const VoxMRCData& preprocessed, TiltAxisMethod metho
 }
 
 TiltAxisResult findTiltAxis(const VoxMRCData& preprocessed, TiltAxisMethod method, const TiltAxisRange& range,
-                            int jobs, const std::filesystem::path& folder, Session& session) {
-    return search(preprocessed, jobs, folder, session,
+                            const std::filesystem::path& folder, Session& session) {
+    return search(preprocessed, folder, session,
                   [&](VRKTiltAxisRefinement& refinement, VoxMRCData* series, const std::string& images) {
                       const auto lock = lockIf(method == TiltAxisMethod::ThreeD);
                       return method == TiltAxisMethod::ThreeD

@@ -1,5 +1,6 @@
 /// \file
-/// The search for the tilt axis as commands use it: in several processes, and finer than its grid of angles.
+/// The search for the tilt axis as commands use it: in several threads (Workers.h), and finer than its grid
+/// of angles.
 #pragma once
 
 #include <filesystem>
@@ -38,19 +39,18 @@ struct TiltAxisResult {
 ///
 /// \param preprocessed  hot spots removed, centred, background subtracted, not rotated; not changed
 /// \param accuracy      finest step of the grid of angles, degrees
-/// \param jobs          processes that share the angles; the answer does not depend on their number
 /// \param folder        made when it is not there; receives the plots, and the images of the angles in the
 /// folder histograms; empty: nothing is kept \throw Failure with exit code 1 when the series cannot be
 /// searched, 3 when it gives no angle, and when the
 ///        user has asked to stop
 ///
 /// Warns when the scores show no clear peak.
-TiltAxisResult findTiltAxis(const VoxMRCData& preprocessed, TiltAxisMethod method, double accuracy, int jobs,
+TiltAxisResult findTiltAxis(const VoxMRCData& preprocessed, TiltAxisMethod method, double accuracy,
                             const std::filesystem::path& folder, Session& session);
 
 /// The same over the given range of angles.
 TiltAxisResult findTiltAxis(const VoxMRCData& preprocessed, TiltAxisMethod method, const TiltAxisRange& range,
-                            int jobs, const std::filesystem::path& folder, Session& session);
+                            const std::filesystem::path& folder, Session& session);
 
 /// Angle and standard uncertainty from the scores around the best one.
 struct TiltAxisFit {

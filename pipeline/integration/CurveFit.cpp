@@ -5,6 +5,7 @@
 #include <cmath>
 #include <map>
 
+#include "foundation/SharedLoop.h"
 #include "pipeline/integration/MeanIntensity.h"
 #include "pipeline/integration/WilsonPosterior.h"
 
@@ -39,48 +40,57 @@ std::vector<Estimate> withMates(const SpotPrediction& prediction, std::span<cons
     return known;
 }
 
+CurveFit fitCurve(const PredictedReflection& reflection, const SpotPrediction& prediction,
+                  const SeriesGeometry& geometry, const RockingModel& rocking,
+                  std::span<const FrameCounts> counts, double gain, const CurveErrors& errors) {
+    CurveFit fit;
+    // Variance of the share of each frame relative to the square of the intensity.
+    std::vector<double> known(reflection.spotCount, 0);
+    for (std::uint32_t n = 0; n < reflection.spotCount; ++n) {
+        const PredictedSpot& spot = prediction.spots[reflection.firstSpot + n];
+        known[n] = std::pow(errors.relative * spot.share, 2);
+        if (errors.tilts.empty()) continue;
+        const double slope =
+            rocking.share(spot.excitation, spot.rate, reflection.length, geometry.frames[spot.frame].rotation)
+                .byShift;
+        known[n] += std::pow(slope * spot.rate * errors.tilts[spot.frame], 2);
+    }
+    for (int round = 0; round < kRounds; ++round) {
+        double top = 0, bottom = 0, square = 0, coverage = 0, best = 0;
+        int frames = 0;
+        for (std::uint32_t n = 0; n < reflection.spotCount; ++n) {
+            const PredictedSpot& spot = prediction.spots[reflection.firstSpot + n];
+            const FrameCounts& one = counts[reflection.firstSpot + n];
+            if (!one.known) continue;
+            const double expected = std::max(fit.intensity, 0.0) * spot.share;
+            const double variance =
+                one.ground + gain * expected + std::pow(std::max(fit.intensity, 0.0), 2) * known[n];
+            top += spot.share * one.counts / variance;
+            bottom += static_cast<double>(spot.share) * spot.share / variance;
+            square += std::pow(one.counts - fit.intensity * spot.share, 2) / variance;
+            coverage += rocking.coverage(spot.share, spot.rate, geometry.frames[spot.frame].rotation);
+            best = std::max<double>(best, spot.share);
+            ++frames;
+        }
+        if (!(bottom > 0)) break;
+        fit = {top / bottom, std::sqrt(1 / bottom), square, frames, best, coverage};
+    }
+    return fit;
+}
+
 }  // namespace
 
 std::vector<CurveFit> fitCurves(const SpotPrediction& prediction, const SeriesGeometry& geometry,
                                 const RockingModel& rocking, std::span<const FrameCounts> counts, double gain,
                                 const CurveErrors& errors) {
     std::vector<CurveFit> fits(prediction.reflections.size());
-    std::vector<double> known;  // variance of the share of each frame relative to the square of the intensity
-    for (std::size_t r = 0; r < fits.size(); ++r) {
-        const PredictedReflection& reflection = prediction.reflections[r];
-        CurveFit& fit = fits[r];
-        known.assign(reflection.spotCount, 0);
-        for (std::uint32_t n = 0; n < reflection.spotCount; ++n) {
-            const PredictedSpot& spot = prediction.spots[reflection.firstSpot + n];
-            known[n] = std::pow(errors.relative * spot.share, 2);
-            if (errors.tilts.empty()) continue;
-            const double slope = rocking
-                                     .share(spot.excitation, spot.rate, reflection.length,
-                                            geometry.frames[spot.frame].rotation)
-                                     .byShift;
-            known[n] += std::pow(slope * spot.rate * errors.tilts[spot.frame], 2);
-        }
-        for (int round = 0; round < kRounds; ++round) {
-            double top = 0, bottom = 0, square = 0, coverage = 0, best = 0;
-            int frames = 0;
-            for (std::uint32_t n = 0; n < reflection.spotCount; ++n) {
-                const PredictedSpot& spot = prediction.spots[reflection.firstSpot + n];
-                const FrameCounts& one = counts[reflection.firstSpot + n];
-                if (!one.known) continue;
-                const double expected = std::max(fit.intensity, 0.0) * spot.share;
-                const double variance =
-                    one.ground + gain * expected + std::pow(std::max(fit.intensity, 0.0), 2) * known[n];
-                top += spot.share * one.counts / variance;
-                bottom += static_cast<double>(spot.share) * spot.share / variance;
-                square += std::pow(one.counts - fit.intensity * spot.share, 2) / variance;
-                coverage += rocking.coverage(spot.share, spot.rate, geometry.frames[spot.frame].rotation);
-                best = std::max<double>(best, spot.share);
-                ++frames;
-            }
-            if (!(bottom > 0)) break;
-            fit = {top / bottom, std::sqrt(1 / bottom), square, frames, best, coverage};
-        }
-    }
+    // A reflection alone is too little to hand to a thread.
+    constexpr std::size_t kBlock = 256;
+    VRK::shareItems((fits.size() + kBlock - 1) / kBlock, [&](std::size_t block, std::size_t) {
+        for (std::size_t r = block * kBlock; r < std::min((block + 1) * kBlock, fits.size()); ++r)
+            fits[r] =
+                fitCurve(prediction.reflections[r], prediction, geometry, rocking, counts, gain, errors);
+    });
     return fits;
 }
 

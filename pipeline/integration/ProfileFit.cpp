@@ -6,6 +6,7 @@
 #include <cstring>
 #include <numeric>
 
+#include "foundation/SharedLoop.h"
 #include "pipeline/base/SymmetricSystem.h"
 
 namespace vrk {
@@ -269,9 +270,11 @@ std::vector<FittedSpot> fitProfiles(const FrameStack& stack, const SeriesGeometr
                                     const ProfileSet& profiles, const SpotPrediction& prediction,
                                     std::span<const MeasuredSpot> measured, std::span<const float> expected) {
     std::vector<FittedSpot> result(prediction.spots.size());
-    FrameFit fit(stack, shape, noise, profiles, prediction, measured, expected);
-    for (std::size_t frame = 0; frame < stack.frames.size(); ++frame)
-        fit.fit(frame, geometry.frames[frame], result);
+    VRK::PerLane<FrameFit> lanes(
+        [&] { return FrameFit(stack, shape, noise, profiles, prediction, measured, expected); });
+    VRK::shareItems(stack.frames.size(), [&](std::size_t frame, std::size_t lane) {
+        lanes[lane].fit(frame, geometry.frames[frame], result);
+    });
     return result;
 }
 

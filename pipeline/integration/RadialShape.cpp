@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "foundation/SharedLoop.h"
+
 namespace vrk {
 namespace {
 
@@ -46,14 +48,17 @@ RadialShape::RadialShape(const FrameStack& stack, std::span<const FramePose> pos
     const auto rings = static_cast<std::size_t>(std::hypot(stack.width, stack.height)) + 2;
     std::vector<double> sum(rings, 0), weight(rings, 0);
     const std::size_t step = std::max<std::size_t>(1, stack.frames.size() / kSamples);
-    for (std::size_t f = step / 2; f < stack.frames.size(); f += step) {
-        const std::vector<double> medians = ringMedians(stack, f, poses[f], rings);
+    std::vector<std::vector<double>> samples((stack.frames.size() - step / 2 + step - 1) / step);
+    VRK::shareItems(samples.size(), [&](std::size_t i, std::size_t) {
+        const std::size_t f = step / 2 + i * step;
+        samples[i] = ringMedians(stack, f, poses[f], rings);
+    });
+    for (const std::vector<double>& medians : samples)
         for (std::size_t ring = 0; ring < rings; ++ring)
             if (medians[ring] >= 0) {
                 sum[ring] += medians[ring];
                 weight[ring] += 1;
             }
-    }
     double last = 0;
     std::vector<double> profile(rings, 0);
     for (std::size_t ring = 0; ring < rings; ++ring)

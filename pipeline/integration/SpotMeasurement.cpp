@@ -5,6 +5,7 @@
 #include <numbers>
 #include <optional>
 
+#include "foundation/SharedLoop.h"
 #include "pipeline/integration/LocalBackground.h"
 
 namespace vrk {
@@ -246,24 +247,28 @@ std::vector<MeasuredSpot> SpotMeasurement::sums(const SpotPrediction& prediction
     MeasuredSpot nothing;
     nothing.flags = kSpotNoBackground;
     std::vector<MeasuredSpot> result(prediction.spots.size(), nothing);
-    FrameMeasurement frame(m_stack, m_shape, m_noise, m_extent);
-    for (std::size_t f = 0; f < m_stack.frames.size(); ++f) {
+    VRK::PerLane<FrameMeasurement> lanes(
+        [this] { return FrameMeasurement(m_stack, m_shape, m_noise, m_extent); });
+    VRK::shareItems(m_stack.frames.size(), [&](std::size_t f, std::size_t lane) {
+        FrameMeasurement& frame = lanes[lane];
         frame.select(prediction, f, m_geometry.frames[f]);
         for (std::uint32_t n = prediction.frameStart[f]; n < prediction.frameStart[f + 1]; ++n) {
             const std::uint32_t spot = prediction.byFrame[n];
             if (wanted.empty() || wanted[prediction.spots[spot].reflection] != 0)
                 result[spot] = frame.measure(prediction.spots[spot]);
         }
-    }
+    });
     return result;
 }
 
 std::vector<SpotCentroid> SpotMeasurement::centroids(const SpotPrediction& prediction,
                                                      std::span<const MeasuredSpot> measured,
                                                      double significance, double search) const {
-    std::vector<SpotCentroid> result;
-    FrameMeasurement frame(m_stack, m_shape, m_noise, m_extent);
-    for (std::size_t f = 0; f < m_stack.frames.size(); ++f) {
+    std::vector<std::vector<SpotCentroid>> ofFrame(m_stack.frames.size());
+    VRK::PerLane<FrameMeasurement> lanes(
+        [this] { return FrameMeasurement(m_stack, m_shape, m_noise, m_extent); });
+    VRK::shareItems(m_stack.frames.size(), [&](std::size_t f, std::size_t lane) {
+        FrameMeasurement& frame = lanes[lane];
         frame.select(prediction, f, m_geometry.frames[f]);
         for (std::uint32_t n = prediction.frameStart[f]; n < prediction.frameStart[f + 1]; ++n) {
             const std::uint32_t spot = prediction.byFrame[n];
@@ -272,9 +277,12 @@ std::vector<SpotCentroid> SpotMeasurement::centroids(const SpotPrediction& predi
             std::optional<SpotCentroid> place = frame.centroid(prediction.spots[spot], sum, search);
             if (!place) continue;
             place->spot = spot;
-            result.push_back(*place);
+            ofFrame[f].push_back(*place);
         }
-    }
+    });
+    std::vector<SpotCentroid> result;
+    for (const std::vector<SpotCentroid>& found : ofFrame)
+        result.insert(result.end(), found.begin(), found.end());
     return result;
 }
 

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <numbers>
 
+#include "foundation/SharedLoop.h"
 #include "pipeline/base/SymmetricSystem.h"
 
 namespace vrk {
@@ -243,12 +244,13 @@ ProfileSet ProfileLearner::learn(const SpotExtent& extent) {
     const auto count = static_cast<Eigen::Index>(m_start.m_coefficients.size());
     std::vector<Equations> regions(ProfileSet::kRegions,
                                    {Eigen::MatrixXd::Zero(count, count), Eigen::VectorXd::Zero(count)});
-    std::array<double, ProfileSet::kRegions> spots{};
-    for (const std::uint32_t number : strong) {
-        const std::size_t region = regionOf(m_prediction.spots[number]);
-        add(number, regions[region]);
-        spots[region] += 1;
-    }
+    std::array<std::vector<std::uint32_t>, ProfileSet::kRegions> spots;
+    for (const std::uint32_t number : strong)
+        spots[regionOf(m_prediction.spots[number])].push_back(number);
+    VRK::shareItems(spots.size(), [&](std::size_t region, std::size_t) {
+        for (const std::uint32_t number : spots[region])
+            add(number, regions[region]);
+    });
     Equations all{Eigen::MatrixXd::Zero(count, count), Eigen::VectorXd::Zero(count)};
     for (const Equations& region : regions) {
         all.matrix += region.matrix;
@@ -258,7 +260,8 @@ ProfileSet ProfileLearner::learn(const SpotExtent& extent) {
         all.matrix.trace() / (static_cast<double>(count) * static_cast<double>(strong.size()));
     const SpotProfile common = solve(all, m_start, perSpot);
     for (std::size_t region = 0; region < ProfileSet::kRegions; ++region)
-        set.set(region, spots[region] > 0 ? solve(regions[region], common, kPriorSpots * perSpot) : common);
+        set.set(region,
+                !spots[region].empty() ? solve(regions[region], common, kPriorSpots * perSpot) : common);
     return set;
 }
 

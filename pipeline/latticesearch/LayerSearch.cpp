@@ -3,9 +3,12 @@
 #include <algorithm>
 #include <cmath>
 #include <complex>
+#include <functional>
 #include <map>
 #include <numbers>
 #include <utility>
+
+#include "pipeline/latticesearch/PhasorSums.h"
 
 namespace vrk {
 namespace {
@@ -34,31 +37,98 @@ Complex fourierSum(std::size_t count, Phase phase) {
     return sum;
 }
 
+// A sum over all points at each of many frequencies or shifts is mostly sines and cosines. So all of them are
+// formed nearly exactly by turning phasors, and exactly where that leaves open which one is the largest: what
+// is found is what exact sums everywhere would find.
+
+/// 0, step, 2 step, ... below an end, added up.
+std::vector<double> stepsBelow(double end, double step) {
+    std::vector<double> values;
+    for (double value = 0.0; value < end; value += step)
+        values.push_back(value);
+    return values;
+}
+
+/// By how much a sum of unit phasors exp(2 pi i value place) divided by their number may be off, when the
+/// values are taken for multiples of the step.
+double errorOf(const std::vector<double>& values, double step, double largestPlace) {
+    double off = 0.0;
+    for (std::size_t k = 0; k < values.size(); ++k)
+        off = std::max(off, std::abs(values[k] - static_cast<double>(k) * step));
+    return 1e-9 + 2.0 * std::numbers::pi * off * largestPlace +
+           1e-13 * (static_cast<double>(values.size()) + largestPlace);
+}
+
+/// The first of the largest values. Of the exact ones, those are asked for that may be the largest.
+template <typename Exact>
+std::size_t firstLargest(const std::vector<double>& near, double error, Exact exact) {
+    const double least = *std::max_element(near.begin(), near.end()) - 2.0 * error;
+    std::size_t best = 0;
+    double strongest = -1.0;
+    for (std::size_t k = 0; k < near.size(); ++k) {
+        if (near[k] < least) continue;
+        const double magnitude = exact(k);
+        if (magnitude <= strongest) continue;
+        strongest = magnitude;
+        best = k;
+    }
+    return best;
+}
+
+/// What tells how far the points share a period.
+struct Spectrum {
+    /// Of a frequency: 1 when all points share the period, near 0 when they are random.
+    std::function<double(double)> exact;
+    /// Of as many multiples of a frequency, nearly.
+    std::function<std::vector<double>(std::size_t, double)> near;
+    double sensitivity;  ///< by how much it changes when every phasor does by 1
+};
+
+/// The strongest maxima of the spectrum as magnitude and frequency, the strongest first; of equal ones, as
+/// exact multiples of a period are, that of the lowest frequency.
+/// \param first  maxima at lower multiples of the step do not count
+std::vector<std::pair<double, double>> strongestMaxima(const Spectrum& spectrum, std::size_t most,
+                                                       const std::vector<double>& frequencies, double step,
+                                                       std::size_t first, double error) {
+    const std::vector<double> near = spectrum.near(frequencies.size(), step);
+    std::vector<std::size_t> places;
+    for (std::size_t i = first; i + 1 < near.size(); ++i)
+        if (near[i] >= std::max(near[i - 1], near[i + 1]) - 2.0 * error && near[i] >= kLeastShare - error)
+            places.push_back(i);
+    std::stable_sort(places.begin(), places.end(),
+                     [&](std::size_t a, std::size_t b) { return near[a] > near[b]; });
+    std::vector<std::pair<double, double>> maxima;
+    for (const std::size_t i : places) {
+        if (maxima.size() >= most && near[i] < maxima[most - 1].first - error) break;
+        const double here = spectrum.exact(frequencies[i]);
+        const double before = spectrum.exact(frequencies[i - 1]);
+        const double after = spectrum.exact(frequencies[i + 1]);
+        if (here < before || here < after || here < kLeastShare) continue;
+        const double curvature = before - 2.0 * here + after;
+        const double shift = curvature < 0.0 ? 0.5 * (before - after) / curvature : 0.0;
+        maxima.emplace_back(here, (static_cast<double>(i) + shift) * step);
+        std::sort(maxima.begin(), maxima.end(), [](const auto& x, const auto& y) {
+            return x.first != y.first ? x.first > y.first : x.second < y.second;
+        });
+    }
+    maxima.resize(std::min(most, maxima.size()));
+    return maxima;
+}
+
 /// The frequencies (1/voxel) of the strongest maxima of a spectrum, strongest first.
-/// \param reach     largest distance from the origin that takes part
-/// \param spectrum  of a frequency: 1 when all points share the period, near 0 when they are random
-template <typename Spectrum>
-std::vector<double> strongestFrequencies(double reach, std::size_t most, Spectrum spectrum) {
+/// \param reach  largest distance from the origin that takes part
+std::vector<double> strongestFrequencies(double reach, std::size_t most, const Spectrum& spectrum) {
     if (reach < 2.0 * kLeastSpacing) return {};
     const double step = 1.0 / (8.0 * reach);
-    std::vector<double> magnitudes;
+    std::vector<double> steps;
     for (double f = 0.0; f <= 1.0 / kLeastSpacing + step; f += step)
-        magnitudes.push_back(spectrum(f));
+        steps.push_back(f);
     // Below one and a half periods it is the extent of the cloud that shows.
     const auto first = static_cast<std::size_t>(std::ceil(1.5 / (reach * step)));
-    std::vector<std::pair<double, double>> maxima;
-    for (std::size_t i = first; i + 1 < magnitudes.size(); ++i) {
-        if (magnitudes[i] < magnitudes[i - 1] || magnitudes[i] < magnitudes[i + 1]) continue;
-        if (magnitudes[i] < kLeastShare) continue;
-        const double curvature = magnitudes[i - 1] - 2.0 * magnitudes[i] + magnitudes[i + 1];
-        const double shift =
-            curvature < 0.0 ? 0.5 * (magnitudes[i - 1] - magnitudes[i + 1]) / curvature : 0.0;
-        maxima.emplace_back(magnitudes[i], (static_cast<double>(i) + shift) * step);
-    }
-    std::sort(maxima.begin(), maxima.end(), [](const auto& x, const auto& y) { return x.first > y.first; });
+    const double error = spectrum.sensitivity * errorOf(steps, step, reach);
     std::vector<double> frequencies;
-    for (std::size_t i = 0; i < std::min(most, maxima.size()); ++i)
-        frequencies.push_back(maxima[i].second);
+    for (const auto& [magnitude, frequency] : strongestMaxima(spectrum, most, steps, step, first, error))
+        frequencies.push_back(frequency);
     return frequencies;
 }
 
@@ -76,16 +146,19 @@ double shiftPerLayer(const std::vector<double>& fractions, const std::vector<dou
     for (double layer : layers)
         most = std::max(most, std::abs(layer));
     const double step = 1.0 / (6.0 * most);
-    double best = 0.0;
-    double strongest = -1.0;
-    for (double shift = 0.0; shift < 1.0; shift += step) {
-        const double magnitude = std::abs(
-            fourierSum(fractions.size(), [&](std::size_t i) { return fractions[i] - shift * layers[i]; }));
-        if (magnitude <= strongest) continue;
-        strongest = magnitude;
-        best = shift;
-    }
-    return best;
+    const std::vector<double> shifts = stepsBelow(1.0, step);
+    PhasorSums sums(shifts.size());
+    for (std::size_t i = 0; i < fractions.size(); ++i)
+        sums.add(std::polar(1.0, 2.0 * std::numbers::pi * fractions[i]), -step * layers[i]);
+    std::vector<double> near;
+    for (std::size_t k = 0; k < shifts.size(); ++k)
+        near.push_back(std::abs(sums[k]));
+    const double error =
+        static_cast<double>(fractions.size()) * errorOf(shifts, step, std::max(most, largest(fractions)));
+    return shifts[firstLargest(near, error, [&](std::size_t k) {
+        return std::abs(fourierSum(fractions.size(),
+                                   [&](std::size_t i) { return fractions[i] - shifts[k] * layers[i]; }));
+    })];
 }
 
 /// The places along one row of nodes, and the row's indices.
@@ -130,29 +203,70 @@ double coherence(const std::vector<Row>& rows, double frequency) {
     return pairs > 0.0 ? sum / pairs : 0.0;
 }
 
+double sensitivityOf(const std::vector<Row>& rows) {
+    double squares = 0.0;
+    double pairs = 0.0;
+    for (const Row& row : rows) {
+        const auto n = static_cast<double>(row.places.size());
+        squares += 3.0 * n * n;
+        pairs += n * (n - 1.0);
+    }
+    return pairs > 0.0 ? squares / pairs : 0.0;
+}
+
+/// The same at multiples of a frequency, nearly.
+std::vector<double> nearCoherence(const std::vector<Row>& rows, std::size_t count, double step) {
+    std::vector<double> sum(count);
+    double pairs = 0.0;
+    PhasorSums sums(count);
+    for (const Row& row : rows) {
+        const auto n = static_cast<double>(row.places.size());
+        sums.clear();
+        for (const double place : row.places)
+            sums.add(1.0, step * place);
+        for (std::size_t k = 0; k < count; ++k)
+            sum[k] += std::norm(sums[k]) - n;
+        pairs += n * (n - 1.0);
+    }
+    for (double& value : sum)
+        value = pairs > 0.0 ? value / pairs : 0.0;
+    return sum;
+}
+
 /// The parts of both vectors along the rows, in periods, that bring the phases of all rows together.
 std::pair<double, double> phasesOf(const std::vector<Row>& rows, double frequency) {
     std::vector<Complex> amplitudes;
     double most = 1.0;
+    double all = 0.0;
     for (const Row& row : rows) {
         amplitudes.push_back(
             fourierSum(row.places.size(), [&](std::size_t i) { return frequency * row.places[i]; }));
         most = std::max({most, std::abs(row.h), std::abs(row.k)});
+        all += std::abs(amplitudes.back());
     }
     const double step = 1.0 / (6.0 * most);
-    std::pair<double, double> best{0.0, 0.0};
-    double strongest = -1.0;
-    for (double alpha = 0.0; alpha < 1.0; alpha += step)
-        for (double beta = 0.0; beta < 1.0; beta += step) {
-            Complex sum = 0.0;
-            for (std::size_t i = 0; i < rows.size(); ++i)
-                sum += amplitudes[i] *
-                       std::polar(1.0, -2.0 * std::numbers::pi * (alpha * rows[i].h + beta * rows[i].k));
-            if (std::abs(sum) <= strongest) continue;
-            strongest = std::abs(sum);
-            best = {alpha, beta};
-        }
-    return best;
+    const std::vector<double> parts = stepsBelow(1.0, step);
+    std::vector<double> near;
+    PhasorSums sums(parts.size());
+    for (const double alpha : parts) {
+        sums.clear();
+        for (std::size_t i = 0; i < rows.size(); ++i)
+            sums.add(amplitudes[i] * std::polar(1.0, -2.0 * std::numbers::pi * alpha * rows[i].h),
+                     -step * rows[i].k);
+        for (std::size_t k = 0; k < parts.size(); ++k)
+            near.push_back(std::abs(sums[k]));
+    }
+    const auto pairAt = [&](std::size_t k) {
+        return std::pair(parts[k / parts.size()], parts[k % parts.size()]);
+    };
+    return pairAt(firstLargest(near, all * errorOf(parts, step, 2.0 * most), [&](std::size_t k) {
+        const auto [alpha, beta] = pairAt(k);
+        Complex sum = 0.0;
+        for (std::size_t i = 0; i < rows.size(); ++i)
+            sum += amplitudes[i] *
+                   std::polar(1.0, -2.0 * std::numbers::pi * (alpha * rows[i].h + beta * rows[i].k));
+        return std::abs(sum);
+    }));
 }
 
 }  // namespace
@@ -169,10 +283,22 @@ std::vector<Matrix3d> basesFromLayers(const Points& points, const Vector3d& a, c
         heights.push_back(point.dot(normal));
 
     std::vector<Matrix3d> bases;
-    const auto spectrum = [&](double f) {
-        return std::abs(fourierSum(heights.size(), [&](std::size_t i) { return f * heights[i]; })) /
-               static_cast<double>(heights.size());
-    };
+    const auto count = static_cast<double>(heights.size());
+    const Spectrum spectrum = {
+        [&](double f) {
+            return std::abs(fourierSum(heights.size(), [&](std::size_t i) { return f * heights[i]; })) /
+                   count;
+        },
+        [&](std::size_t multiples, double step) {
+            PhasorSums sums(multiples);
+            for (const double height : heights)
+                sums.add(1.0, step * height);
+            std::vector<double> values;
+            for (std::size_t k = 0; k < multiples; ++k)
+                values.push_back(std::abs(sums[k]) / count);
+            return values;
+        },
+        1.0};
     for (const double frequency : strongestFrequencies(largest(heights), kPeriods, spectrum)) {
         const Complex sum = fourierSum(heights.size(), [&](std::size_t i) { return frequency * heights[i]; });
         const double offset = std::arg(sum) / (2.0 * std::numbers::pi);
@@ -208,7 +334,10 @@ std::vector<Matrix3d> basesFromRows(const Points& points, const Lattice& lattice
     frame << directA.transpose(), directB.transpose(), direction.transpose();
     const Matrix3d across = frame.inverse();
     std::vector<Matrix3d> bases;
-    const auto spectrum = [&](double f) { return coherence(rows, f); };
+    const Spectrum spectrum = {
+        [&](double f) { return coherence(rows, f); },
+        [&](std::size_t multiples, double step) { return nearCoherence(rows, multiples, step); },
+        sensitivityOf(rows)};
     for (const double frequency : strongestFrequencies(reach, kRowPeriods, spectrum)) {
         const auto [alpha, beta] = phasesOf(rows, frequency);
         Matrix3d basis;

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "foundation/SharedLoop.h"
 #include "pipeline/base/Angle.h"
 #include "pipeline/base/NumberText.h"
 #include "pipeline/report/PackedArray.h"
@@ -216,14 +217,21 @@ int firstBin(const RunResult& result) {
 
 /// The packed pictures; empty when they are too large.
 std::vector<std::string> packedFrames(const ReducedFrames& frames, unsigned count, std::size_t most) {
-    std::vector<std::string> packed;
+    std::vector<std::string> packed(count);
     std::size_t bytes = 0;
-    for (unsigned frame = 0; frame < count; ++frame) {
-        packed.push_back(packedBytes(frames.picture(frame), PackedContent::Picture));
-        bytes += packed.back().size();
-        if (bytes > most) return {};
-    }
-    return packed;
+    std::size_t added = 0;
+    const auto fit = [&](std::size_t done) {
+        for (; added < done; ++added)
+            bytes += packed[added].size();
+        return bytes <= most;
+    };
+    const bool complete = VRK::shareItems(
+        count,
+        [&](std::size_t frame, std::size_t) {
+            packed[frame] = packedBytes(frames.picture(static_cast<unsigned>(frame)), PackedContent::Picture);
+        },
+        fit);
+    return complete && fit(count) ? packed : std::vector<std::string>();
 }
 
 /// The frames as fine as they fit: with coarser steps of grey first, then with larger pixels.

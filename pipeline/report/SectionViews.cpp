@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "foundation/SharedLoop.h"
 #include "pipeline/base/Angle.h"
 #include "pipeline/base/NumberText.h"
 #include "pipeline/report/PackedArray.h"
@@ -106,9 +107,8 @@ public:
 
     std::string text() {
         std::array<std::string, kPlanes.size()> layers;
-        for (int level = 0; level <= kMostLevel; ++level)
-            for (std::size_t i = 0; i < kPlanes.size(); ++i)
-                addLayers(m_planes[i], level, layers[i]);
+        for (int level = 0; level <= kMostLevel && m_bytes <= kMostBytes; ++level)
+            addLayers(level, layers);
         std::string text = formatted("{\"size\":%d,\"radius\":%.6g,\"top\":%.6g,\"noise\":%.6g,\"planes\":[",
                                      m_size, m_radius * m_volume.facts.pixelSize * 1e-10, m_top, m_noise);
         for (std::size_t i = 0; i < kPlanes.size(); ++i) {
@@ -138,16 +138,31 @@ private:
     /// Brighter than all but few reflections.
     static double topOf(const Level& level) { return std::max(40.0 * level.threshold, 100.0); }
 
-    /// The layers on either side.
-    void addLayers(const ReciprocalSection::Settings& plane, int level, std::string& layers) {
-        const PlaneFrame frame(m_base, plane);
-        if (level * std::abs(frame.layer) > 0.9 * m_radius) return;
-        for (const int side : {1, -1}) {
-            if ((level == 0 && side < 0) || m_bytes > kMostBytes) continue;
-            const std::string data = packedBytes(greyValues(side * level, frame), PackedContent::Picture);
-            m_bytes += data.size();
-            layers += formatted("%s{\"level\":%d,\"data\":\"", layers.empty() ? "" : ",", side * level) +
-                      data + "\"}";
+    /// The layers on either side, of every plane that has them.
+    void addLayers(int level, std::array<std::string, kPlanes.size()>& layers) {
+        struct Picture {
+            std::size_t plane;
+            int level;
+            std::string data;
+        };
+        std::vector<Picture> pictures;
+        for (std::size_t i = 0; i < kPlanes.size(); ++i) {
+            const PlaneFrame frame(m_base, m_planes[i]);
+            if (level * std::abs(frame.layer) > 0.9 * m_radius) continue;
+            pictures.push_back({i, level, {}});
+            if (level > 0) pictures.push_back({i, -level, {}});
+        }
+        VRK::shareItems(pictures.size(), [&](std::size_t i, std::size_t) {
+            Picture& picture = pictures[i];
+            picture.data = packedBytes(greyValues(picture.level, PlaneFrame(m_base, m_planes[picture.plane])),
+                                       PackedContent::Picture);
+        });
+        for (const Picture& picture : pictures) {
+            if (m_bytes > kMostBytes) return;
+            m_bytes += picture.data.size();
+            std::string& text = layers[picture.plane];
+            text += formatted("%s{\"level\":%d,\"data\":\"", text.empty() ? "" : ",", picture.level) +
+                    picture.data + "\"}";
         }
     }
 
@@ -226,7 +241,8 @@ private:
         const Eigen::Vector2d place = m_volume.onFrame(fromOrigin, tilt);
         if (std::max(std::abs(place.x()), std::abs(place.y())) > half) return false;
         const auto pattern = static_cast<unsigned>(std::min(upper, std::prev(tilts.end())) - tilts.begin());
-        return !m_volume.recorded.isCut(pattern, place.x() + half - 0.5, place.y() + half - 0.5, 0.0);
+        const double middle = 0.5 * (m_volume.recorded.width() - 1.0);
+        return !m_volume.recorded.isCut(pattern, place.x() + middle, place.y() + middle, 0.0);
     }
 
     const ReciprocalVolume& m_volume;

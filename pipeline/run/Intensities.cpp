@@ -73,7 +73,7 @@ SeriesGeometry geometryOf(const Indexed& indexed, const ReciprocalVolume& volume
     geometry.reciprocal = toAxis * reduced * indexed.toConventional().inverse().transpose();
     geometry.axisPitch = pitch;
     geometry.axisAngle = axis.angle * kDegree + term(InstrumentTerm::AxisTurn);
-    const double halfWidth = 0.5 * counts.GetWidth() * geometry.pixelSize;
+    const double halfWidth = 0.5 * volume.voxels->GetWidth() * geometry.pixelSize;
     geometry.distortion = {term(InstrumentTerm::EllipseCosine), term(InstrumentTerm::EllipseSine),
                            term(InstrumentTerm::Radial) / (halfWidth * halfWidth)};
     addDistortion(facts.distortion, geometry);

@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <cmath>
 #include <functional>
+#include <memory>
 #include <utility>
 
+#include "foundation/SharedLoop.h"
 #include "pipeline/base/Angle.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/OutputFile.h"
@@ -208,26 +210,32 @@ std::vector<std::filesystem::path> writeIntensityFiles(const RunResult& result, 
                                                        const std::string& format,
                                                        const std::filesystem::path& folder) {
     std::vector<std::filesystem::path> files;
+    std::vector<std::function<void(const std::filesystem::path&)>> writers;
     const auto write = [&](const char* kind, const std::string& name,
-                           const std::function<void(const std::filesystem::path&)>& writer) {
+                           std::function<void(const std::filesystem::path&)> writer) {
         if (!format.empty() && format != kind) return;
-        writeFile(folder / name, writer);
+        writers.push_back(std::move(writer));
         files.push_back(folder / name);
+    };
+    const auto writeAll = [&] {
+        VRK::shareItems(files.size(), [&](std::size_t i, std::size_t) { writeFile(files[i], writers[i]); });
+        return files;
     };
     const FirstCrystal first(result, text);
     const auto writeFirst = [&](const char* kind, const std::string& name, ReflectionFile file) {
-        write(kind, name, [&](const auto& path) { first.write(file, path); });
+        write(kind, name, [&first, file](const auto& path) { first.write(file, path); });
     };
     writeFirst("shelx", "reflections.hkl", ReflectionFile::Shelx);
     writeFirst("shelx", "crystal.ins", ReflectionFile::ShelxInstructions);
     for (std::size_t i = 0; i < result.crystals.others.size(); ++i) {
         const FurtherCrystal& other = result.crystals.others[i];
-        const ReflectionSet more = solutionSet(other.indexed, other.intensities, result.facts(), text);
-        write("shelx", nameOfCrystal(i + 2, ".hkl"), [&](const auto& path) { writeShelx(more, path); });
+        const auto more = std::make_shared<const ReflectionSet>(
+            solutionSet(other.indexed, other.intensities, result.facts(), text));
+        write("shelx", nameOfCrystal(i + 2, ".hkl"), [more](const auto& path) { writeShelx(*more, path); });
         write("shelx", nameOfCrystal(i + 2, ".ins"),
-              [&](const auto& path) { writeShelxInstructions(more, path); });
+              [more](const auto& path) { writeShelxInstructions(*more, path); });
     }
-    if (!result.intensities) return files;
+    if (!result.intensities) return writeAll();
 
     writeFirst("mtz", "merged.mtz", ReflectionFile::Mtz);
     writeFirst("cif", "merged.cif", ReflectionFile::Cif);
@@ -235,7 +243,7 @@ std::vector<std::filesystem::path> writeIntensityFiles(const RunResult& result, 
     writeFirst("xds", "XDS_ASCII.HKL", ReflectionFile::XdsAscii);
     writeFirst("frames", "frames.csv", ReflectionFile::FrameTable);
     writeFirst("pets", "dynamical.cif_pets", ReflectionFile::DynamicalCif);
-    return files;
+    return writeAll();
 }
 
 }  // namespace vrk

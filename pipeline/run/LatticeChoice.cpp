@@ -1,10 +1,12 @@
 #include "pipeline/run/LatticeChoice.h"
 
 #include <algorithm>
+#include <atomic>
 #include <memory>
 #include <sstream>
 #include <utility>
 
+#include "foundation/SharedLoop.h"
 #include "indexing/EwaldCurvature.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/UnitCheck.h"
@@ -39,6 +41,40 @@ Failure noLattice(const std::vector<Level>& levels, const LatticeScore& score) {
     return Failure(text.str(), FailureKind::NothingFound);
 }
 
+/// What the reflections of a level are searched in.
+struct LevelPoints {
+    Points points;
+    std::vector<double> weights;
+};
+
+/// The candidates that the levels give, each level for itself.
+std::vector<std::vector<LatticeCandidate>> searchAll(const std::vector<LevelPoints>& levels,
+                                                     const CellOptions& options, Session& session) {
+    std::vector<std::vector<LatticeCandidate>> found(levels.size());
+    CellSearchOptions settings = searchOptions(options, session);
+    std::size_t done = 0;
+    std::atomic<bool> stops = false;
+    if (VRK::lanes() > 1 && levels.size() > 1)
+        settings.canceled = [&stops] { return stops.load(); };
+    else
+        settings.progressed = [&](double share) {
+            session.advance((static_cast<double>(done) + share) / static_cast<double>(levels.size()));
+        };
+    const CellSearch search(std::move(settings));
+    // The lowest threshold, which gives most reflections, takes longest.
+    VRK::shareItems(
+        levels.size(),
+        [&](std::size_t i, std::size_t) { found[i] = search.search(levels[i].points, levels[i].weights); },
+        [&](std::size_t count) {
+            done = count;
+            session.advance(static_cast<double>(done) / static_cast<double>(levels.size()));
+            stops = session.canceled();
+            return true;
+        });
+    session.checkCanceled();
+    return found;
+}
+
 }  // namespace
 
 Points flatPoints(const Level& level, const ReciprocalVolume& volume, std::vector<double>* weights) {
@@ -61,22 +97,16 @@ Points flatPoints(const Level& level, const ReciprocalVolume& volume, std::vecto
 LatticeChoice findLattice(const std::vector<Level>& levels, const ReciprocalVolume& volume,
                           const CellOptions& options, Session& session) {
     const Stage stage(session, "cell");
-    std::size_t done = 0;
-    CellSearchOptions settings = searchOptions(options, session);
-    settings.progressed = [&](double share) {
-        session.advance((static_cast<double>(done) + share) / static_cast<double>(levels.size()));
-    };
-    const CellSearch search(std::move(settings));
     // Parameter sets that find no cluster are part of the search, not news.
     const QuietLog quiet(session, QuietLog::Keep::InLogAlone);
     LatticeChoice choice;
-    Points bestPoints;
-    std::vector<double> bestWeights;
+    std::vector<LevelPoints> points(levels.size());
+    for (std::size_t i = 0; i < levels.size(); ++i)
+        points[i].points = flatPoints(levels[i], volume, &points[i].weights);
+    std::vector<std::vector<LatticeCandidate>> found = searchAll(points, options, session);
     double merit = 0.0;
-    for (std::size_t i = levels.size(); i-- > 0; ++done) {
-        std::vector<double> weights;
-        const Points points = flatPoints(levels[i], volume, &weights);
-        std::vector<LatticeCandidate> candidates = search.search(points, weights);
+    for (std::size_t i = levels.size(); i-- > 0;) {
+        std::vector<LatticeCandidate>& candidates = found[i];
         if (candidates.empty()) continue;
         const LatticeScore& score = candidates.front().score;
         if (score.evidence * score.fraction() <= merit) continue;
@@ -85,8 +115,6 @@ LatticeChoice findLattice(const std::vector<Level>& levels, const ReciprocalVolu
         choice.runnerUp.reset();
         if (candidates.size() > 1) choice.runnerUp = candidates[1];
         choice.best = std::move(candidates.front());
-        bestPoints = points;
-        bestWeights = std::move(weights);
     }
     if (!isConvincing(choice.best.score)) throw noLattice(levels, choice.best.score);
     Lattice lattice = choice.best.lattice;
@@ -94,8 +122,10 @@ LatticeChoice findLattice(const std::vector<Level>& levels, const ReciprocalVolu
     const std::unique_ptr<UnitCell> direct(niggliReduced(lattice).toUnitCell().getReciprocalCell());
     refuseImpossibleScale({direct->getLengthOfA(), direct->getLengthOfB(), direct->getLengthOfC()},
                           lattice.pixelSize);
-    choice.evidence = search.stepsOf(choice.best, bestPoints, bestWeights)
-                          ->evaluate(lattice, choice.best.score, bestPoints);
+    const LevelPoints& best = points[choice.level];
+    choice.evidence = CellSearch(searchOptions(options, session))
+                          .stepsOf(choice.best, best.points, best.weights)
+                          ->evaluate(lattice, choice.best.score, best.points);
     return choice;
 }
 

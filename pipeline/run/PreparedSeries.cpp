@@ -30,7 +30,7 @@ TiltAxis findAxis(const CentredSeries& series, const AxisChoice& choice, Session
             if (!series.facts.distortion.isNone()) corrected = rotate(series, {}, session);
             const TiltAxisResult found =
                 findTiltAxis(corrected ? *corrected->frames : *series.frames, TiltAxisMethod::TwoD,
-                             choice.accuracy, choice.jobs, choice.folder, session);
+                             choice.accuracy, choice.folder, session);
             return {found.angle, found.uncertainty, "search", {}, found.scores};
         }
         case AxisChoice::Source::Series:

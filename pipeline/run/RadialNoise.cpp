@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "foundation/SharedLoop.h"
 #include "pipeline/base/Median.h"
 
 namespace vrk {
@@ -24,20 +25,27 @@ RadialNoise::RadialNoise(const VoxMRCData& series) {
     const double centreX = 0.5 * (width - 1.0);
     const double centreY = 0.5 * (height - 1.0);
     const auto rings = static_cast<std::size_t>(std::min(centreX, centreY)) + 1;
-    std::vector<std::vector<short>> deviations(rings);
+    using Deviations = std::vector<std::vector<short>>;
     const unsigned step = std::max(1u, depth / kSamples);
-    for (unsigned z = step / 2; z < depth; z += step) {
-        const short* pixel = series.GetChunkPointer(z);
+    std::vector<Deviations> samples((depth - step / 2 + step - 1) / step);
+    VRK::shareItems(samples.size(), [&](std::size_t i, std::size_t) {
+        Deviations& deviations = samples[i];
+        deviations.resize(rings);
+        const short* pixel = series.GetChunkPointer(step / 2 + static_cast<unsigned>(i) * step);
         for (unsigned y = 0; y < height; ++y)
             for (unsigned x = 0; x < width; ++x, ++pixel) {
                 const auto ring = static_cast<std::size_t>(std::hypot(x - centreX, y - centreY));
                 if (ring < rings) deviations[ring].push_back(static_cast<short>(std::abs(*pixel)));
             }
-    }
-    m_sigma.reserve(rings);
-    // The median deviation of a normal distribution is 0.6745 standard deviations.
-    for (std::vector<short>& ring : deviations)
-        m_sigma.push_back(std::max(kLeast, kAverage * medianOf(ring) / 0.6745));
+    });
+    m_sigma.resize(rings);
+    VRK::shareItems(rings, [&](std::size_t ring, std::size_t) {
+        std::vector<short> all;
+        for (const Deviations& deviations : samples)
+            all.insert(all.end(), deviations[ring].begin(), deviations[ring].end());
+        // The median deviation of a normal distribution is 0.6745 standard deviations.
+        m_sigma[ring] = std::max(kLeast, kAverage * medianOf(std::move(all)) / 0.6745);
+    });
     if (m_sigma.empty()) return;
     std::vector<double> outer(m_sigma.begin() + static_cast<std::ptrdiff_t>(m_sigma.size() / 4),
                               m_sigma.end());

@@ -19,7 +19,8 @@ Eigen::Vector3d ReciprocalVolume::centre() const {
 bool ReciprocalVolume::isCut(const Eigen::Vector3d& position, double tilt) const {
     constexpr double kReach = 2.5;  // pixels, of a spot
     if (recorded.empty() || tilts.empty()) return false;
-    const double middle = 0.5 * (voxels->GetWidth() - 1.0);
+    // The volume may be of the middle of the patterns.
+    const double middle = 0.5 * (recorded.width() - 1.0);
     const Eigen::Vector2d place = onFrame(position - centre(), tilt);
     const double x = middle + place.x();
     const double y = middle + place.y();
@@ -38,20 +39,43 @@ Eigen::Vector2d ReciprocalVolume::onFrame(const Eigen::Vector3d& fromOrigin, dou
     return {x, y};
 }
 
-ReciprocalVolume reconstruct(const CentredSeries& series, Session& session) {
-    VoxMRCstemProcessing processing;
-    processing.registerObserver(&session.progress());
-    std::unique_ptr<VoxMRCData> voxels = runStage(session, "reconstruction", [&] {
-        return processing.recoByAngle(series.frames.get(), series.facts.pixelSize, 0, true);
-    });
+namespace {
+
+/// \param rotation  of the frames, degrees
+ReciprocalVolume volumeOf(const CentredSeries& series, std::unique_ptr<VoxMRCData> voxels, double rotation) {
     const mrcH& header = series.frames->m_Header;
     const std::span<const float> tilts(
         header.sliceValues[static_cast<std::size_t>(SliceValue::TiltAngle)].data(),
         static_cast<std::size_t>(header.nz));
     SamplingGeometry sampling(voxels->GetWidth(), tilts, voxels->GetDepth());
-    return {
-        std::move(voxels), std::move(sampling), series.noise,   series.facts, {tilts.begin(), tilts.end()},
-        series.centres,    series.recorded,     series.rotation};
+    return {std::move(voxels), std::move(sampling), series.noise, series.facts, {tilts.begin(), tilts.end()},
+            series.centres,    series.recorded,     rotation};
+}
+
+}  // namespace
+
+ReciprocalVolume reconstruct(const CentredSeries& series, Session& session) {
+    VoxMRCstemProcessing processing;
+    processing.registerObserver(&session.progress());
+    return volumeOf(
+        series,
+        runStage(
+            session, "reconstruction",
+            [&] { return processing.recoByAngle(series.frames.get(), series.facts.pixelSize, 0, true); }),
+        series.rotation);
+}
+
+ReciprocalVolume reconstructTurned(const CentredSeries& series, const TiltAxis& axis, Session& session) {
+    VoxMRCstemProcessing processing;
+    processing.registerObserver(&session.progress());
+    return volumeOf(series,
+                    runStage(session, "reconstruction",
+                             [&] {
+                                 return processing.recoTurned(series.frames.get(), axis.angle,
+                                                              series.facts.distortion,
+                                                              series.facts.pixelSize);
+                             }),
+                    axis.angle);
 }
 
 }  // namespace vrk

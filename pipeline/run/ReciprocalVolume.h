@@ -35,4 +35,8 @@ struct ReciprocalVolume {
 /// Throws Failure when there is no memory.
 ReciprocalVolume reconstruct(const CentredSeries& series, Session& session);
 
+/// The same of a series whose axis lies elsewhere and whose frames have the distortion that is known of them:
+/// rotate() and reconstruct() without the rotated frames in between.
+ReciprocalVolume reconstructTurned(const CentredSeries& series, const TiltAxis& axis, Session& session);
+
 }  // namespace vrk

@@ -11,8 +11,10 @@
 #include <vector>
 
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/Workers.h"
 #include "pipeline/run/MemoryNeed.h"
 #include "pipeline/run/RunSummary.h"
+#include "pipeline/run/VolumeBound.h"
 
 namespace vrk {
 namespace {
@@ -29,6 +31,8 @@ auto timed(StageCost& cost, Function function) {
     auto result = function();
     cost += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     cost.memory = peakMemory();
+    cost.resident = residentMemory();
+    ++cost.times;
     return result;
 }
 
@@ -107,7 +111,13 @@ private:
     }
 
     ReciprocalVolume volumeAt(const TiltAxis& axis) {
-        part(4, "reconstruct", axis.angle != 0.0 ? 2 : 1);
+        // The pipeline's own needs no rotated frames.
+        using Function = ReciprocalVolume (*)(const CentredSeries&, Session&);
+        const Function* function = m_stages.reconstruct.target<Function>();
+        const bool isOwn = function && *function == vrk::reconstruct;
+        part(4, "reconstruct", axis.angle != 0.0 && !isOwn ? 2 : 1);
+        if (isOwn)
+            return timed(m_seconds.reconstruct, [&] { return reconstructTurned(m_series, axis, m_session); });
         std::optional<CentredSeries> rotated;
         if (axis.angle != 0.0 || !m_series.facts.distortion.isNone())
             rotated = timed(m_seconds.preprocess, [&] { return rotate(m_series, axis, m_session); });
@@ -337,18 +347,21 @@ RunResult runAll(Load load, const RunOptions& options, const RunStages& stages, 
     RunSeconds s;
     session.beginPart(1, kRunParts, "read");
     Series series = timed(s.read, load);
-    requireMemoryForVolume(series.frames->m_Header, 2);
+    requireMemoryForSeries(series.frames->m_Header, 1);
     session.beginPart(2, kRunParts, "preprocess", 4);
     CentredSeries centred = timed(s.preprocess, [&] {
-        return stages.centre(std::move(series), options.centre, options.intensities.wanted, session);
+        return bounded(stages.centre(std::move(series), options.centre, options.intensities.wanted, session),
+                       options.volumeSize, session);
     });
+    requireMemoryForVolume(centred.frames->m_Header, 1);
     s.total.seconds = s.read.seconds + s.preprocess.seconds;
     return runCentred(std::move(centred), options, stages, s, session, remains);
 }
 
 /// What the run returns; a failure to find anything tells what had to be assumed.
 template <typename Run>
-RunResult explained(RunRemains* remains, Run run) {
+RunResult explained(RunRemains* remains, int jobs, Run run) {
+    const Workers workers(jobs);
     RunRemains unwanted;
     RunRemains& kept = remains ? *remains : unwanted;
     try {
@@ -366,14 +379,14 @@ RunResult explained(RunRemains* remains, Run run) {
 
 RunResult run(const std::filesystem::path& path, const RunOptions& options, Session& session,
               RunRemains* remains, const RunStages& stages) {
-    return explained(remains, [&](RunRemains& kept) {
+    return explained(remains, options.jobs, [&](RunRemains& kept) {
         return runAll([&] { return loadSeries(path, options, session); }, options, stages, session, kept);
     });
 }
 
 RunResult run(std::unique_ptr<VoxMRCData> series, const RunOptions& options, Session& session,
               RunRemains* remains, const RunStages& stages) {
-    return explained(remains, [&](RunRemains& kept) {
+    return explained(remains, options.jobs, [&](RunRemains& kept) {
         return runAll([&] { return makeSeries(std::move(series), options, session); }, options, stages,
                       session, kept);
     });
@@ -381,7 +394,7 @@ RunResult run(std::unique_ptr<VoxMRCData> series, const RunOptions& options, Ses
 
 RunResult run(CentredSeries series, const RunOptions& options, Session& session, RunRemains* remains,
               const RunStages& stages) {
-    return explained(remains, [&](RunRemains& kept) {
+    return explained(remains, options.jobs, [&](RunRemains& kept) {
         return runCentred(std::move(series), options, stages, {}, session, kept);
     });
 }

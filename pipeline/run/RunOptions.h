@@ -23,7 +23,6 @@ struct AxisChoice {
     Source source = Source::Series;
     double angle = 0.0;     ///< degrees, of Given
     double accuracy = 0.1;  ///< finest step of the search, degrees
-    int jobs = 1;           ///< processes of the search
     /// Receives the plots of the search.
     std::filesystem::path folder;
 };
@@ -59,7 +58,9 @@ struct RunOptions {
     SearchOptions search;
     CellOptions cell;
     IntensityChoice intensities;
-    int crystals = 2;  ///< that are looked for, at most; 1: the first alone
+    int jobs = 0;                   ///< threads, the calling one included; 0: as many as there are cores
+    std::optional<int> volumeSize;  ///< longest edge of the volume, voxels (VolumeBound.h)
+    int crystals = 2;               ///< that are looked for, at most; 1: the first alone
 };
 
 }  // namespace vrk

@@ -17,8 +17,10 @@ namespace vrk {
 
 /// What a stage cost.
 struct StageCost {
-    double seconds = 0.0;  ///< of wall-clock time
-    double memory = 0.0;   ///< largest resident size of the process up to its end, MiB
+    double seconds = 0.0;   ///< of wall-clock time
+    double memory = 0.0;    ///< largest resident size of the process up to its end, MiB
+    double resident = 0.0;  ///< resident size at its end, MiB
+    int times = 0;          ///< that it was done
 
     StageCost& operator+=(double more) {
         seconds += more;

@@ -1,6 +1,7 @@
 #include "pipeline/run/RunSummary.h"
 
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -328,12 +329,38 @@ Json parametersJson(const RunResult& result) {
             {"voltage_kv", result.facts().kiloVolts}};
 }
 
+Json profileJson(const RunProfile& profile) {
+    Json steps = Json::array();
+    for (const StepProfile& step : profile.steps)
+        steps.push_back({{"name", step.name},
+                         {"times", step.times},
+                         {"seconds", step.seconds},
+                         {"moved_bytes", step.movedBytes},
+                         {"needed_bytes", step.neededBytes},
+                         {"share_of_copying", step.shareOfCopying},
+                         {"resident_bytes", step.residentBytes}});
+    Json loops = Json::array();
+    for (const SharedLoopCost& loop : profile.loops)
+        loops.push_back({{"items", loop.items}, {"seconds", loop.all}, {"longest_seconds", loop.longest}});
+    return {{"copy_bytes_per_second", profile.copyRate},
+            {"steps", steps},
+            {"seconds_alone", profile.secondsAlone},
+            {"loops", loops}};
+}
+
 }  // namespace
 
 double peakMemory() {
     rusage usage{};
     getrusage(RUSAGE_SELF, &usage);
     return static_cast<double>(usage.ru_maxrss) / 1024.0;
+}
+
+double residentMemory() {
+    std::ifstream file("/proc/self/statm");
+    double total = 0.0, resident = 0.0;
+    if (!(file >> total >> resident)) return 0.0;
+    return resident * static_cast<double>(sysconf(_SC_PAGESIZE)) / (1 << 20);
 }
 
 std::string summaryJson(const RunRecord& record, const RunResult& result,
@@ -372,6 +399,7 @@ std::string summaryJson(const RunRecord& record, const RunResult& result,
     json["seconds"]["total"] = result.seconds.total.seconds;
     json["memory_mib"] = costJson(result.seconds, &StageCost::memory);
     json["peak_memory_mib"] = peakMemory();
+    if (record.profile) json["profile"] = profileJson(*record.profile);
     json["warnings"] = warnings;
     json["files"] = files;
     return jsonText(json, 2);

@@ -7,15 +7,17 @@
 #include <vector>
 
 #include "pipeline/base/FileChecksum.h"
+#include "pipeline/run/RunProfile.h"
 #include "pipeline/run/RunResult.h"
 
 namespace vrk {
 
 /// What a run was given.
 struct RunRecord {
-    std::string command;               ///< as it was typed
-    std::filesystem::path series;      ///< as the caller named it
-    std::vector<RecordedFile> inputs;  ///< the series first, then further files, before they were read
+    std::string command;                     ///< as it was typed
+    std::filesystem::path series;            ///< as the caller named it
+    std::vector<RecordedFile> inputs;        ///< the series first, then further files, before they were read
+    std::optional<RunProfile> profile = {};  ///< where it is wanted
 };
 
 /// The text of summary.json.
@@ -28,5 +30,7 @@ void writeSummary(const std::filesystem::path& path, const std::string& summary)
 
 /// Largest resident size of the process so far, in MiB.
 double peakMemory();
+/// The resident size of the process now, MiB; 0 where the system does not tell.
+double residentMemory();
 
 }  // namespace vrk

@@ -195,7 +195,7 @@ class Series:
         Counts are kept as 16-bit integers: whole numbers that fit as they are, others multiplied by a factor that is
         told in a warning, as are pixels that are no numbers, which become 0.
 
-        :param frames: shape (frames, rows, columns), real numbers of any type and strides; at most 300 frames
+        :param frames: shape (frames, rows, columns), real numbers of any type and strides; neighbours of more than 300 are added up
         :param tilts: shape (frames,), degrees, in any order
         :param pixel_size: 1/m per pixel
         :param voltage: kV

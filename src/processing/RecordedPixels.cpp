@@ -7,6 +7,24 @@
 #include "processing/ImageOperations.h"
 #include "processing/detail/Frame.h"
 
+namespace {
+
+/// Places of the frame beside a row or column of the moved pattern; nothing where it lies outside.
+struct Sources {
+    Sources(double move, int size) {
+        for (int i = 0; i < size; ++i) {
+            const double from = i - move;
+            inside.push_back(from >= 0 && from <= size - 1 ? 1 : 0);
+            below.push_back(inside.back() ? static_cast<std::size_t>(std::floor(from)) : 0);
+            above.push_back(inside.back() ? static_cast<std::size_t>(std::ceil(from)) : 0);
+        }
+    }
+    std::vector<unsigned char> inside;
+    std::vector<std::size_t> below, above;
+};
+
+}  // namespace
+
 RecordedPixels::RecordedPixels(int width, int height, const Area& area, const ShadowMask& shadows,
                                const std::vector<PatternCentre>& centres)
     : m_width(width), m_height(height) {
@@ -59,10 +77,32 @@ bool RecordedPixels::isLost(const Move& move, int x, int y) const {
 
 void RecordedPixels::notRecorded(unsigned pattern, unsigned char* mask) const {
     if (empty()) return;
-    const bool known = pattern < m_moves.size();
-    for (int y = 0; y < m_height; ++y)
-        for (int x = 0; x < m_width; ++x)
-            *mask++ = known && isLost(m_moves[pattern], x, y) ? 1 : 0;
+    if (pattern >= m_moves.size()) {
+        std::fill_n(mask, m_lost.size(), static_cast<unsigned char>(0));
+        return;
+    }
+    const Sources columns(m_moves[pattern].x, m_width), rows(m_moves[pattern].y, m_height);
+    std::vector<unsigned char> outside;
+    for (const unsigned char inside : columns.inside)
+        outside.push_back(inside ? 0 : 1);
+    const auto width = static_cast<std::size_t>(m_width);
+    const auto losesSome = [&](const unsigned char* row) {
+        return std::find(row, row + width, 1) != row + width;
+    };
+    for (std::size_t y = 0; y < rows.inside.size(); ++y, mask += width) {
+        const unsigned char* below = m_lost.data() + rows.below[y] * width;
+        const unsigned char* above = m_lost.data() + rows.above[y] * width;
+        if (!rows.inside[y]) {
+            std::fill_n(mask, width, static_cast<unsigned char>(1));
+        } else if (!m_anyLost || (!losesSome(below) && !losesSome(above))) {
+            std::copy(outside.begin(), outside.end(), mask);
+        } else {
+            for (std::size_t x = 0; x < width; ++x) {
+                const std::size_t left = columns.below[x], right = columns.above[x];
+                mask[x] = outside[x] | below[left] | below[right] | above[left] | above[right];
+            }
+        }
+    }
 }
 
 bool RecordedPixels::isCut(unsigned pattern, double x, double y, double reach) const {

@@ -35,6 +35,8 @@ public:
     void recentre(unsigned pattern, double x, double y);
     /// Everything was recorded.
     bool empty() const { return m_lost.empty(); }
+    int width() const { return m_width; }
+    int height() const { return m_height; }
     /// Whether it belongs to a series of this shape.
     bool fits(const VoxMRCData& series) const;
     /// 1 for each pixel of a pattern that was not recorded, or whose value comes from such a pixel in part; 0

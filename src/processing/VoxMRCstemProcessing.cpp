@@ -5,6 +5,7 @@
 #include <cmath>
 #include <limits>
 #include <memory>
+#include <numeric>
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 #include <optional>
@@ -12,6 +13,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "foundation/SharedLoop.h"
 #include "foundation/detail/Log.h"
 #include "foundation/detail/SingleThreadedOpenCV.h"
 #include "processing/RecordedPixels.h"
@@ -32,6 +34,7 @@ using VRK::detail::line;
 using VRK::detail::log;
 
 constexpr unsigned short kHistogramBins = 256;
+constexpr std::size_t kBlocksOfALane = 4;
 constexpr const char* kRule = " ---------------------------------------------------- ";
 
 /// What keeps a series from being processed, nothing when it can be.
@@ -63,28 +66,38 @@ Frame patternOf(const VoxMRCData& series, unsigned pattern) {
                                  static_cast<int>(series.GetHeight()));
 }
 
-/// Follows the values of a series while its patterns are written.
+/// Follows the values of a series while its patterns are written, in any order.
 class Densities {
 public:
-    void add(const Frame& frame) {
-        double lowest = 0, highest = 0;
-        cv::minMaxLoc(frame, &lowest, &highest);
-        m_lowest = std::min(m_lowest, lowest);
-        m_highest = std::max(m_highest, highest);
-        m_sum += cv::sum(frame)[0];
-        m_count += static_cast<double>(frame.total());
+    explicit Densities(unsigned patterns) : m_ofPattern(patterns) {}
+
+    void set(unsigned pattern, const Frame& frame) {
+        Values& values = m_ofPattern[pattern];
+        cv::minMaxLoc(frame, &values.lowest, &values.highest);
+        values.sum = cv::sum(frame)[0];
+        values.count = static_cast<double>(frame.total());
     }
     void writeTo(mrcH& header) const {
-        header.amin = static_cast<float>(m_lowest);
-        header.amax = static_cast<float>(m_highest);
-        header.amean = static_cast<float>(m_sum / m_count);
+        Values all{std::numeric_limits<double>::infinity(), -std::numeric_limits<double>::infinity()};
+        for (const Values& values : m_ofPattern) {
+            all.lowest = std::min(all.lowest, values.lowest);
+            all.highest = std::max(all.highest, values.highest);
+            all.sum += values.sum;
+            all.count += values.count;
+        }
+        header.amin = static_cast<float>(all.lowest);
+        header.amax = static_cast<float>(all.highest);
+        header.amean = static_cast<float>(all.sum / all.count);
     }
 
 private:
-    double m_lowest = std::numeric_limits<double>::infinity();
-    double m_highest = -std::numeric_limits<double>::infinity();
-    double m_sum = 0;
-    double m_count = 0;
+    struct Values {
+        double lowest = 0;
+        double highest = 0;
+        double sum = 0;
+        double count = 0;
+    };
+    std::vector<Values> m_ofPattern;
 };
 
 void setSize(mrcH& header, unsigned width, unsigned height) {
@@ -159,6 +172,25 @@ std::optional<std::string> problemOf(const std::vector<PatternCentre>& centres, 
         if (!near) return line("the centre ", c.x, " ", c.y, " of pattern ", i, " lies far outside of it");
     }
     return std::nullopt;
+}
+
+/// What keeps patterns from being turned and rid of a distortion.
+std::optional<std::string> problemOf(const VoxMRCData& series, double angleDegrees,
+                                     const FrameDistortion& distortion) {
+    if (!std::isfinite(angleDegrees)) return line("the angle ", angleDegrees, " is not a number");
+    // At the corner, where the radial term is largest.
+    const double square = 0.25 * (std::pow(series.GetWidth(), 2.0) + std::pow(series.GetHeight(), 2.0));
+    const double strength = std::hypot(distortion.ellipseCosine, distortion.ellipseSine);
+    if (strength < 0.5 && std::abs(distortion.radial) * square < 0.5) return std::nullopt;
+    return line("an ellipse of ", strength, " and a radial term of ", distortion.radial * square,
+                " at the corner are no distortion by lenses");
+}
+
+void logTurn(double angleDegrees, const FrameDistortion& distortion) {
+    if (!distortion.isNone())
+        log(line("An ellipse of ", std::hypot(distortion.ellipseCosine, distortion.ellipseSine),
+                 " is taken out."));
+    log(line("Rotation of the tilt axis at ", angleDegrees, " degrees to the y axis."));
 }
 
 /// What keeps tilts from being reconstructed.
@@ -252,15 +284,14 @@ VoxMRCstemProcessing::~VoxMRCstemProcessing() {
 
 template <typename Visit>
 bool VoxMRCstemProcessing::forEachPattern(unsigned count, unsigned firstStep, const char* name, Visit visit) {
-    for (unsigned pattern = 0; pattern < count; ++pattern) {
-        updateStep(static_cast<int>(firstStep + pattern));
-        if (canceled()) {
-            log(line(" ", name, "() canceled ..."));
-            return false;
-        }
-        visit(pattern);
-    }
-    return true;
+    const bool complete = VRK::shareItems(
+        count, [&](std::size_t pattern, std::size_t lane) { visit(static_cast<unsigned>(pattern), lane); },
+        [&](std::size_t done) {
+            updateStep(static_cast<int>(firstStep + done));
+            return !canceled();
+        });
+    if (!complete) log(line(" ", name, "() canceled ..."));
+    return complete;
 }
 
 template <typename Operation>
@@ -272,11 +303,11 @@ VoxMRCData* VoxMRCstemProcessing::eachPattern(const VoxMRCData& series, const ch
         return refuse(name, line("no memory for ", count, " patterns of ", width, " x ", height, " pixels"));
     result->m_Header = series.m_Header;
     setSize(result->m_Header, width, height);
-    Densities densities;
-    const bool complete = forEachPattern(count, stepsBefore, name, [&](unsigned pattern) {
+    Densities densities(count);
+    const bool complete = forEachPattern(count, stepsBefore, name, [&](unsigned pattern, std::size_t lane) {
         Frame out = patternOf(*result, pattern);
-        operation(patternOf(series, pattern), out, pattern);
-        densities.add(out);
+        operation(patternOf(series, pattern), out, pattern, lane);
+        densities.set(pattern, out);
     });
     if (!complete) return nullptr;
     densities.writeTo(result->m_Header);
@@ -288,17 +319,26 @@ VoxMRCData* VoxMRCstemProcessing::HotSpotFilterImageStack(VoxMRCData* series) {
     if (const auto problem = problemOfImages(series)) return refuse(kName, *problem);
     const VRK::detail::SingleThreadedOpenCV singleThreaded;
     const unsigned count = series->GetDepth();
-    VRK::detail::HotSpotFilter filter(static_cast<int>(series->GetWidth()),
-                                      static_cast<int>(series->GetHeight()));
+    VRK::detail::HotSpotFilter observer(static_cast<int>(series->GetWidth()),
+                                        static_cast<int>(series->GetHeight()));
     setSteps(static_cast<int>(2 * count), "Hot spots");
-    if (!forEachPattern(count, 0, kName, [&](unsigned i) { filter.observe(patternOf(*series, i)); }))
-        return nullptr;
-    filter.finishObservation();
-    long replaced = 0;
-    VoxMRCData* result =
-        eachPattern(*series, kName, series->GetWidth(), series->GetHeight(), count,
-                    [&](const Frame& in, Frame& out, unsigned) { replaced += filter.apply(in, out); });
-    if (result) log(line("Hot spots and dead pixels replaced: ", replaced, " in ", count, " patterns."));
+    {
+        // Sums over the patterns, in their order.
+        const VRK::SharedWork alone(nullptr);
+        if (!forEachPattern(count, 0, kName,
+                            [&](unsigned i, std::size_t) { observer.observe(patternOf(*series, i)); }))
+            return nullptr;
+    }
+    observer.finishObservation();
+    VRK::PerLane<VRK::detail::HotSpotFilter> filters([&] { return observer.another(); });
+    std::vector<int> replaced(count);
+    VoxMRCData* result = eachPattern(*series, kName, series->GetWidth(), series->GetHeight(), count,
+                                     [&](const Frame& in, Frame& out, unsigned i, std::size_t lane) {
+                                         replaced[i] = filters[lane].apply(in, out);
+                                     });
+    if (result)
+        log(line("Hot spots and dead pixels replaced: ",
+                 std::accumulate(replaced.begin(), replaced.end(), 0L), " in ", count, " patterns."));
     return result;
 }
 
@@ -311,16 +351,24 @@ VoxMRCData* VoxMRCstemProcessing::step1_BackgroundSubstraction(VoxMRCData* serie
     static constexpr const char* kName = "step1_BackgroundSubstraction";
     if (const auto problem = problemOfImages(series)) return refuse(kName, *problem);
     const VRK::detail::SingleThreadedOpenCV singleThreaded;
-    VRK::detail::RadialBackground background(static_cast<int>(series->GetWidth()),
-                                             static_cast<int>(series->GetHeight()));
     if (!recorded.empty() && !recorded.fits(*series))
         return refuse(kName, "the recorded pixels are those of another series");
-    std::vector<unsigned char> lost(recorded.empty() ? 0 : series->GetChunkSize());
+    struct Lane {
+        VRK::detail::RadialBackground background;
+        std::vector<unsigned char> lost;
+    };
+    const VRK::detail::RadialBackground background(static_cast<int>(series->GetWidth()),
+                                                   static_cast<int>(series->GetHeight()));
+    VRK::PerLane<Lane> lanes([&] {
+        return Lane{background.another(),
+                    std::vector<unsigned char>(recorded.empty() ? 0 : series->GetChunkSize())};
+    });
     setSteps(static_cast<int>(series->GetDepth()), "Background");
     return eachPattern(*series, kName, series->GetWidth(), series->GetHeight(), 0,
-                       [&](const Frame& in, Frame& out, unsigned i) {
-                           if (!recorded.empty()) recorded.notRecorded(i, lost.data());
-                           background.subtract(in, lost, out);
+                       [&](const Frame& in, Frame& out, unsigned i, std::size_t number) {
+                           Lane& lane = lanes[number];
+                           if (!recorded.empty()) recorded.notRecorded(i, lane.lost.data());
+                           lane.background.subtract(in, lane.lost, out);
                        });
 }
 
@@ -332,7 +380,7 @@ VoxMRCData* VoxMRCstemProcessing::smooth(VoxMRCData* series, double sigma) {
     const VRK::detail::SingleThreadedOpenCV singleThreaded;
     setSteps(static_cast<int>(series->GetDepth()), "Smoothing");
     return eachPattern(*series, kName, series->GetWidth(), series->GetHeight(), 0,
-                       [&](const Frame& in, Frame& out, unsigned) {
+                       [&](const Frame& in, Frame& out, unsigned, std::size_t) {
                            if (sigma > 0)
                                cv::GaussianBlur(in, out, cv::Size(), sigma, sigma, cv::BORDER_REPLICATE);
                            else
@@ -382,10 +430,13 @@ bool VoxMRCstemProcessing::searchCentres(const VoxMRCData& series, const char* n
     const ShadowMask shadows = ShadowMask::of(mean);
     logShadows(shadows);
     VRK::detail::CentreSearch search(width, height, count, mean, shadows);
-    for (unsigned look = 0; look < CentreSearch::kLooks; ++look)
-        if (!forEachPattern(count, look * count, name,
-                            [&](unsigned i) { search.look(look, i, patternOf(series, i)); }))
+    for (unsigned look = 0; look < CentreSearch::kLooks; ++look) {
+        if (!forEachPattern(count, look * count, name, [&](unsigned i, std::size_t lane) {
+                search.look(look, i, patternOf(series, i), lane);
+            }))
             return false;
+        search.finishLook(look);
+    }
     result = search.finish();
     if (found) *found = shadows;
     if (std::none_of(result.begin(), result.end(), [](const PatternCentre& c) { return c.found(); }))
@@ -403,18 +454,18 @@ VoxMRCData* VoxMRCstemProcessing::move(const VoxMRCData& series, const std::vect
                                        const char* name, unsigned stepsBefore) {
     const VRK::detail::SingleThreadedOpenCV singleThreaded;
     logCentres(centres);
-    VRK::detail::FrameShift shift;
+    VRK::PerLane<VRK::detail::FrameShift> shifts([] { return VRK::detail::FrameShift(); });
     const cv::Point2d target =
         VRK::detail::centreOf(static_cast<int>(series.GetWidth()), static_cast<int>(series.GetHeight()));
     return eachPattern(series, name, series.GetWidth(), series.GetHeight(), stepsBefore,
-                       [&](const Frame& in, Frame& out, unsigned i) {
+                       [&](const Frame& in, Frame& out, unsigned i, std::size_t lane) {
                            const double dx = target.x - centres[i].x;
                            const double dy = target.y - centres[i].y;
                            const bool known = centres[i].source != PatternCentre::Source::None;
                            if (!known || VRK::detail::isCentred(dx, dy))
                                in.copyTo(out);
                            else
-                               shift.apply(in, dx, dy, out);
+                               shifts[lane].apply(in, dx, dy, out);
                        });
 }
 
@@ -432,32 +483,26 @@ VoxMRCData* VoxMRCstemProcessing::turnUndistorted(const VoxMRCData* series, doub
                                                   const FrameDistortion& distortion) {
     static constexpr const char* kName = "turnUndistorted";
     if (const auto problem = problemOfImages(series)) return refuse(kName, *problem);
-    if (!std::isfinite(angleDegrees))
-        return refuse(kName, line("the angle ", angleDegrees, " is not a number"));
-    // At the corner, where the radial term is largest.
-    const double square = 0.25 * (std::pow(series->GetWidth(), 2.0) + std::pow(series->GetHeight(), 2.0));
-    const double strength = std::hypot(distortion.ellipseCosine, distortion.ellipseSine);
-    if (!(strength < 0.5 && std::abs(distortion.radial) * square < 0.5))
-        return refuse(kName, line("an ellipse of ", strength, " and a radial term of ",
-                                  distortion.radial * square, " at the corner are no distortion by lenses"));
-    if (!distortion.isNone()) log(line("An ellipse of ", strength, " is taken out."));
-    log(line("Rotation of the tilt axis at ", angleDegrees, " degrees to the y axis."));
+    if (const auto problem = problemOf(*series, angleDegrees, distortion)) return refuse(kName, *problem);
+    logTurn(angleDegrees, distortion);
     return turn(*series, kName, angleDegrees, distortion, 0);
 }
 
 VoxMRCData* VoxMRCstemProcessing::turn(const VoxMRCData& series, const char* name, double angleDegrees,
                                        const FrameDistortion& distortion, int verbosity) {
     const VRK::detail::SingleThreadedOpenCV singleThreaded;
+    const bool turns = angleDegrees != 0 || !distortion.isNone();
     std::optional<VRK::detail::FrameRotation> rotation;
-    if (angleDegrees != 0 || !distortion.isNone())
+    if (turns)
         rotation.emplace(static_cast<int>(series.GetWidth()), static_cast<int>(series.GetHeight()),
                          angleDegrees, distortion);
+    VRK::PerLane<VRK::detail::FrameRotation> rotations([&] { return rotation->another(); });
     setSteps(static_cast<int>(series.GetDepth()), "Rotation");
     VoxMRCData* result = eachPattern(series, name, series.GetWidth(), series.GetHeight(), 0,
-                                     [&](const Frame& in, Frame& out, unsigned i) {
+                                     [&](const Frame& in, Frame& out, unsigned i, std::size_t lane) {
                                          if (verbosity > 0) log(line("rotating pattern ", i));
-                                         if (rotation)
-                                             rotation->apply(in, out);
+                                         if (turns)
+                                             rotations[lane].apply(in, out);
                                          else
                                              in.copyTo(out);
                                      });
@@ -473,14 +518,15 @@ VoxMRCData* VoxMRCstemProcessing::halve(const VoxMRCData* series, const char* na
                                  " pixels cannot be halved"));
     const unsigned width = series->GetWidth() / 2;
     const unsigned height = series->GetHeight() / 2;
-    std::size_t limited = 0;
+    std::vector<std::size_t> limitedOf(series->GetDepth());
     setSteps(static_cast<int>(series->GetDepth()), "Binning");
-    VoxMRCData* result =
-        eachPattern(*series, name, width, height, 0, [&](const Frame& in, Frame& out, unsigned i) {
-            if (verbosity > 0) log(line("binning pattern ", i));
-            limited += VRK::detail::halveFrame(in, sum, out);
-        });
+    VoxMRCData* result = eachPattern(*series, name, width, height, 0,
+                                     [&](const Frame& in, Frame& out, unsigned i, std::size_t) {
+                                         if (verbosity > 0) log(line("binning pattern ", i));
+                                         limitedOf[i] = VRK::detail::halveFrame(in, sum, out);
+                                     });
     if (!result) return nullptr;
+    const std::size_t limited = std::accumulate(limitedOf.begin(), limitedOf.end(), std::size_t{0});
     scalePixelSizes(result->m_Header, 2);
     if (!quiet)
         log(line("Patterns binned from ", series->GetWidth(), " x ", series->GetHeight(), " to ", width,
@@ -502,8 +548,9 @@ VoxMRCData* VoxMRCstemProcessing::RebinImageStack(VoxMRCData* series, bool quiet
 VoxMRCData* VoxMRCstemProcessing::makeSquare(const VoxMRCData& series, const char* name, unsigned size) {
     const VRK::detail::SingleThreadedOpenCV singleThreaded;
     setSteps(static_cast<int>(series.GetDepth()), "Square frames");
-    return eachPattern(series, name, size, size, 0,
-                       [](const Frame& in, Frame& out, unsigned) { VRK::detail::reframe(in, out); });
+    return eachPattern(series, name, size, size, 0, [](const Frame& in, Frame& out, unsigned, std::size_t) {
+        VRK::detail::reframe(in, out);
+    });
 }
 
 VoxMRCData* VoxMRCstemProcessing::PadToSquare(VoxMRCData* series) {
@@ -518,23 +565,46 @@ VoxMRCData* VoxMRCstemProcessing::CropToSquare(VoxMRCData* series) {
 
 VoxMRCData* VoxMRCstemProcessing::recoByAngle(VoxMRCData* input, double fineCalibratedPixelSize,
                                               int verbosity, bool quiet) {
-    std::optional<std::string> problem = problemOf(input);
-    if (!problem && input->GetDepth() > mrcH::kMaxSlices)
-        problem = line("the series has ", input->GetDepth(), " patterns, its header has tilt angles of ",
-                       mrcH::kMaxSlices, "; sum neighbouring patterns");
-    if (problem) return refuse("recoByAngle", *problem);
-    const unsigned width = input->GetWidth();
-    const unsigned height = input->GetHeight();
-    std::vector<float> tilts(input->GetDepth());
+    if (const auto problem = problemOf(input)) return refuse("recoByAngle", *problem);
+    return reconstruct(*input, "recoByAngle", nullptr, fineCalibratedPixelSize, verbosity, quiet);
+}
+
+VoxMRCData* VoxMRCstemProcessing::recoTurned(const VoxMRCData* series, double angleDegrees,
+                                             const FrameDistortion& distortion,
+                                             double fineCalibratedPixelSize) {
+    static constexpr const char* kName = "recoTurned";
+    if (const auto problem = problemOfImages(series)) return refuse(kName, *problem);
+    if (const auto problem = problemOf(*series, angleDegrees, distortion)) return refuse(kName, *problem);
+    if (angleDegrees == 0 && distortion.isNone())
+        return reconstruct(*series, kName, nullptr, fineCalibratedPixelSize, 0, true);
+    logTurn(angleDegrees, distortion);
+    const VRK::detail::SingleThreadedOpenCV singleThreaded;
+    const VRK::detail::FrameRotation rotation(static_cast<int>(series->GetWidth()),
+                                              static_cast<int>(series->GetHeight()), angleDegrees,
+                                              distortion);
+    VoxMRCData* volume = reconstruct(*series, kName, &rotation, fineCalibratedPixelSize, 0, true);
+    if (volume) turnAxis(volume->m_Header, angleDegrees);
+    return volume;
+}
+
+VoxMRCData* VoxMRCstemProcessing::reconstruct(const VoxMRCData& input, const char* name,
+                                              const VRK::detail::FrameRotation* rotation,
+                                              double fineCalibratedPixelSize, int verbosity, bool quiet) {
+    if (input.GetDepth() > mrcH::kMaxSlices)
+        return refuse(name,
+                      line("the series has ", input.GetDepth(), " patterns, its header has tilt angles of ",
+                           mrcH::kMaxSlices, "; sum neighbouring patterns"));
+    const unsigned width = input.GetWidth();
+    const unsigned height = input.GetHeight();
+    std::vector<float> tilts(input.GetDepth());
     for (std::size_t i = 0; i < tilts.size(); ++i)
-        tilts[i] = input->m_Header.tilt(static_cast<int>(i));
+        tilts[i] = input.m_Header.tilt(static_cast<int>(i));
 
     log(kRule);
     log(" ----  reco MRC file : tilt series to 3d-volume ----- ");
     log(kRule);
     log(line(" input tilts from ", tilts.front(), " to  ", tilts.back()));
-    problem = problemOf(tilts);
-    if (problem) return refuse("recoByAngle", *problem);
+    if (const auto problem = problemOf(tilts)) return refuse(name, *problem);
     warnOfUselessTilts(tilts);
     const unsigned depth = SamplingGeometry::depthOf(width, tilts);
     const float maxTilt = std::max(std::abs(tilts.back()), std::abs(tilts.front()));
@@ -544,29 +614,43 @@ VoxMRCData* VoxMRCstemProcessing::recoByAngle(VoxMRCData* input, double fineCali
     log(line(" new Volsize: ", width, " ", height, " ", depth));
 
     std::unique_ptr<VoxMRCData> volume = createVolume(width, height, depth);
-    volume->m_Header = volumeHeader(input->m_Header, depth, fineCalibratedPixelSize, quiet);
-    if (!fillVolume(*input, SamplingGeometry(width, tilts, depth), verbosity, *volume)) {
-        log(" recoByAngle() canceled ...");
+    volume->m_Header = volumeHeader(input.m_Header, depth, fineCalibratedPixelSize, quiet);
+    if (!fillVolume(input, SamplingGeometry(width, tilts, depth), rotation, verbosity, *volume)) {
+        log(line(" ", name, "() canceled ..."));
         return nullptr;
     }
     return volume.release();
 }
 
 bool VoxMRCstemProcessing::fillVolume(const VoxMRCData& input, const SamplingGeometry& geometry,
-                                      int verbosity, VoxMRCData& volume) {
-    VRK::detail::ReciprocalVolumeFiller filler(input, geometry, volume);
+                                      const VRK::detail::FrameRotation* rotation, int verbosity,
+                                      VoxMRCData& volume) {
+    VRK::detail::ReciprocalVolumeFiller filler(input, geometry, rotation, volume);
     log("Volume layer processing: ");
     const unsigned layers = geometry.depth();
     setSteps(static_cast<int>(layers), "Reconstruction");
     // The work goes from one pair of patterns to the next; it is told and asked about in layers.
-    unsigned pair = 0;
-    for (unsigned layer = 0; layer < layers; ++layer) {
-        updateStep(static_cast<int>(layer));
-        if (canceled()) return false;
-        while (std::uint64_t{pair} * layers < std::uint64_t{filler.pairs()} * (layer + 1))
-            filler.fillPair(pair++);
-        if (verbosity > 2) logSources(geometry, input, layer);
-    }
+    const auto pairsBefore = [&](std::size_t layer) {
+        return static_cast<unsigned>((std::uint64_t{filler.pairs()} * layer + layers - 1) / layers);
+    };
+    // Neighbouring pairs have a pattern in common, which is prepared by every lane that needs it.
+    const std::size_t lanes = VRK::lanes();
+    const std::size_t block = lanes > 1 ? std::max<std::size_t>(layers / (kBlocksOfALane * lanes), 1) : 1;
+    const bool complete =
+        VRK::shareItems((layers + block - 1) / block,
+                        [&](std::size_t item, std::size_t lane) {
+                            const std::size_t end = std::min<std::size_t>((item + 1) * block, layers);
+                            for (unsigned pair = pairsBefore(item * block); pair < pairsBefore(end); ++pair)
+                                filler.fillPair(pair, lane);
+                            for (std::size_t layer = item * block; verbosity > 2 && layer < end; ++layer)
+                                logSources(geometry, input, static_cast<unsigned>(layer));
+                        },
+                        [&](std::size_t done) {
+                            updateStep(static_cast<int>(done * block));
+                            return !canceled();
+                        });
+    if (!complete) return false;
+    filler.finish();
 
     if (verbosity > 0) logLimits(input, filler.lowest(), filler.highest());
     // The layers were cleared as they were stored.

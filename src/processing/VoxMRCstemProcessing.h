@@ -13,6 +13,9 @@
 class RecordedPixels;
 class SamplingGeometry;
 class ShadowMask;
+namespace VRK::detail {
+class FrameRotation;
+}
 
 /// The operations on a tilt series.
 ///
@@ -180,19 +183,29 @@ public:
     /// Beside the input and the volume it needs about as much memory as three patterns.
     VoxMRCData* recoByAngle(VoxMRCData* input, double fineCalibratedPixelSize, int verbosity, bool quiet);
 
+    /// The volume that turnUndistorted() and recoByAngle() make one after the other, without the turned
+    /// series in between: patterns are turned when their turn comes. Refuses what either refuses. The
+    /// header's densities are those of the series before it was turned. \param series  not changed
+    VoxMRCData* recoTurned(const VoxMRCData* series, double angleDegrees, const FrameDistortion& distortion,
+                           double fineCalibratedPixelSize);
+
     /// Does nothing and returns null.
     VoxMRCData* reco_oldMatlab(VoxMRCData* series);
     /// @}
 
 private:
-    /// Calls visit(pattern number) for each, with progress and cancellation. False when it was canceled.
+    /// Calls visit(pattern number, lane) for each, with progress and cancellation; patterns may be shared by
+    /// threads (foundation/WorkSharing.h). False when it was canceled.
     template <typename Visit>
     bool forEachPattern(unsigned count, unsigned firstStep, const char* name, Visit visit);
-    /// Makes the result of an operation that takes pattern by pattern: operation(in, out, pattern number). \p
-    /// passes visits that come before count for the progress.
+    /// Makes the result of an operation that takes pattern by pattern: operation(in, out, pattern number,
+    /// lane). \p stepsBefore count for the progress.
     template <typename Operation>
     VoxMRCData* eachPattern(const VoxMRCData& series, const char* name, unsigned width, unsigned height,
                             unsigned stepsBefore, Operation operation);
+    VoxMRCData* reconstruct(const VoxMRCData& series, const char* name,
+                            const VRK::detail::FrameRotation* rotation, double fineCalibratedPixelSize,
+                            int verbosity, bool quiet);
     bool searchCentres(const VoxMRCData& series, const char* name, std::vector<PatternCentre>& centres,
                        ShadowMask* shadows);
     VoxMRCData* move(const VoxMRCData& series, const std::vector<PatternCentre>& centres, const char* name,
@@ -201,6 +214,6 @@ private:
                      const FrameDistortion& distortion, int verbosity);
     VoxMRCData* halve(const VoxMRCData* series, const char* name, bool sum, bool quiet, int verbosity);
     VoxMRCData* makeSquare(const VoxMRCData& series, const char* name, unsigned size);
-    bool fillVolume(const VoxMRCData& input, const SamplingGeometry& geometry, int verbosity,
-                    VoxMRCData& volume);
+    bool fillVolume(const VoxMRCData& input, const SamplingGeometry& geometry,
+                    const VRK::detail::FrameRotation* rotation, int verbosity, VoxMRCData& volume);
 };

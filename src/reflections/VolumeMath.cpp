@@ -5,7 +5,7 @@
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "reflections/detail/VoxelGrid.h"
 
-float VolumeMath::m_zeroCompareValue = 0.0f;
+std::atomic<float> VolumeMath::m_zeroCompareValue = 0.0F;
 
 int VolumeMath::getIndex(const VoxMRCData* volume, int x, int y, int z) {
     return VRK::detail::VoxelGrid(volume).index(x, y, z);
@@ -25,5 +25,5 @@ short VolumeMath::getValue(const VoxMRCData* volume, int index) {
 }
 
 void VolumeMath::setZeroCompareValue(double value) {
-    m_zeroCompareValue = static_cast<float>(value);
+    m_zeroCompareValue.store(static_cast<float>(value), std::memory_order_relaxed);
 }

@@ -2,6 +2,8 @@
 /// How a voxel of a reciprocal volume is numbered and when it counts as background.
 #pragma once
 
+#include <atomic>
+
 #include "VRKCoreExport.h"
 
 class VoxMRCData;
@@ -27,15 +29,15 @@ public:
     static short getValue(const VoxMRCData* volume, int index);
 
     /// True when the value, compared as float, lies strictly below the zero-compare value.
-    static bool isZero(short value) { return static_cast<float>(value) < m_zeroCompareValue; }
+    static bool isZero(short value) { return static_cast<float>(value) < getZeroCompareValue(); }
     /// The same for the voxel with a valid index.
     static bool isZero(const VoxMRCData* volume, int index) { return isZero(getValue(volume, index)); }
 
     /// Sets the zero-compare value, which is process-wide and kept as float. The reflection search sets it to
     /// its threshold.
     static void setZeroCompareValue(double value);
-    static float getZeroCompareValue() { return m_zeroCompareValue; }
+    static float getZeroCompareValue() { return m_zeroCompareValue.load(std::memory_order_relaxed); }
 
 private:
-    static float m_zeroCompareValue;
+    static std::atomic<float> m_zeroCompareValue;
 };

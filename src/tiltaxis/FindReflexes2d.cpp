@@ -10,14 +10,12 @@
 
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "foundation/VRKLogger.h"
-#include "foundation/detail/Median.h"
+#include "foundation/detail/Selection.h"
 #include "foundation/detail/SingleThreadedOpenCV.h"
 #include "processing/detail/Frame.h"
 #include "tiltaxis/Reflex2d.h"
 
 namespace {
-
-using VRK::detail::medianOf;
 
 constexpr double kSmoothing = 1.0;
 constexpr int kCellSize = 32;
@@ -52,14 +50,19 @@ public:
 
 private:
     void measure(const cv::Mat_<float>& cell, float& level, float& height) {
-        m_values.assign(cell.begin(), cell.end());
-        level = medianOf(m_values);
+        m_values.clear();
+        for (int row = 0; row < cell.rows; ++row)
+            m_values.insert(m_values.end(), cell[row], cell[row] + cell.cols);
+        m_ranks.assign(m_values);
+        level = m_ranks.upperMedian();
         for (float& value : m_values)
             value = std::abs(value - level);
-        height = std::max(kMinimumHeight, kNoiseLevels * 1.4826F * medianOf(m_values));
+        m_ranks.assign(m_values);
+        height = std::max(kMinimumHeight, kNoiseLevels * 1.4826F * m_ranks.upperMedian());
     }
 
     std::vector<float> m_values;
+    VRK::detail::RankedFloats m_ranks;
     cv::Mat_<float> m_level;
     cv::Mat_<float> m_height;
 };

@@ -47,17 +47,48 @@ struct Pair {
 
 using Spots = std::vector<const Reflex2d*>;
 
+/// The spots of a pattern by rising u, so that those near a place are found without looking at all of them.
+class SpotsAlongU {
+public:
+    explicit SpotsAlongU(const Spots& spots) {
+        m_places.reserve(spots.size());
+        for (std::size_t i = 0; i < spots.size(); ++i)
+            if (!std::isnan(spots[i]->getU())) m_places.push_back({spots[i]->getU(), spots[i]->getV(), i});
+        std::sort(m_places.begin(), m_places.end(),
+                  [](const Place& a, const Place& b) { return a.u != b.u ? a.u < b.u : a.spot < b.spot; });
+    }
+
+    /// Adds the pairs of a chain with the spots near the end of it, by the order of the spots.
+    void addPairs(std::size_t chain, const Reflex2d& last, double limit, std::vector<Pair>& pairs) const {
+        // A little more than the limit, which the distance itself decides about.
+        const double reach = limit * (1.0 + 1e-9);
+        const std::size_t before = pairs.size();
+        auto place = std::lower_bound(m_places.begin(), m_places.end(), -reach,
+                                      [&](const Place& p, double from) { return p.u - last.getU() < from; });
+        for (; place != m_places.end() && place->u - last.getU() <= reach; ++place) {
+            if (std::abs(place->v - last.getV()) > reach) continue;
+            const double distance = std::hypot(place->u - last.getU(), place->v - last.getV());
+            if (distance <= limit) pairs.push_back({distance, chain, place->spot});
+        }
+        std::sort(pairs.begin() + static_cast<std::ptrdiff_t>(before), pairs.end(),
+                  [](const Pair& a, const Pair& b) { return a.spot < b.spot; });
+    }
+
+private:
+    struct Place {
+        double u, v;
+        std::size_t spot;
+    };
+    std::vector<Place> m_places;
+};
+
 /// Pairs of open chains and spots of the next pattern, the nearest first.
 std::vector<Pair> neighbours(const std::vector<Chain>& chains, const std::vector<std::size_t>& open,
                              const Spots& spots, double limit) {
     std::vector<Pair> pairs;
+    const SpotsAlongU sorted(spots);
     for (const std::size_t chain : open)
-        for (std::size_t i = 0; i < spots.size(); ++i) {
-            const Reflex2d& last = *chains[chain].last;
-            const double distance =
-                std::hypot(spots[i]->getU() - last.getU(), spots[i]->getV() - last.getV());
-            if (distance <= limit) pairs.push_back({distance, chain, i});
-        }
+        sorted.addPairs(chain, *chains[chain].last, limit, pairs);
     std::stable_sort(pairs.begin(), pairs.end(),
                      [](const Pair& a, const Pair& b) { return a.distance < b.distance; });
     return pairs;

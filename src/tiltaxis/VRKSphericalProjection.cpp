@@ -1,35 +1,41 @@
 #include "tiltaxis/VRKSphericalProjection.h"
 
 #include <algorithm>
-#include <cmath>
 #include <cstddef>
-#include <numbers>
 #include <span>
 #include <string>
 #include <utility>
 
 #include "cellfinding/ClusterPoint.h"
+#include "cellfinding/Parameter.h"
 #include "foundation/detail/Log.h"
+#include "reflections/ReflexVector.h"
+#include "tiltaxis/detail/PairDirections.h"
 
 namespace {
 
+using VRK::detail::DirectionAddress;
+using VRK::detail::DirectionBins;
 using VRK::detail::line;
 using VRK::detail::log;
 
-/// Number of an interval, truncated; -1 for what is not finite.
-int addressOf(double angle, double width) {
-    return std::isfinite(angle) ? static_cast<int>(angle / width) : -1;
-}
-
-bool isInRange(int address, int bins) {
-    return address >= 0 && address <= bins;
-}
-
-void logAddressError(double phi, double theta, int phiAddress, int thetaAddress, int nPhi, int nTheta) {
+void logAddressError(const DirectionAddress& address, const DirectionBins& bins) {
     log(line("VRKSphericalProjection::getSphericalHistoImage: a difference vector has no bin: azimut_phi ",
-             phi, " polar_theta ", theta, " phi_address ", phiAddress, " theta_address ", thetaAddress,
-             " (image address range 0-", nPhi - 1, ", 0-", nTheta - 1, ")"),
+             address.phi, " polar_theta ", address.theta, " phi_address ", address.phiAddress,
+             " theta_address ", address.thetaAddress, " (image address range 0-", bins.phi - 1, ", 0-",
+             bins.theta - 1, ")"),
         VRK::Error);
+}
+
+bool isImage(const int* image, int nPhi, int nTheta) {
+    if (image && nPhi >= 1 && nTheta >= 1) return true;
+    log("VRKSphericalProjection::getSphericalHistoImage: there are no difference vectors or no image.",
+        VRK::Error);
+    return false;
+}
+
+std::span<int> binsOf(int* image, int nPhi, int nTheta) {
+    return {image, static_cast<std::size_t>(nPhi) * static_cast<std::size_t>(nTheta)};
 }
 
 double varianceOf(std::span<const int> counts) {
@@ -47,6 +53,17 @@ void scaleTo8Bit(std::span<int> counts, int largest) {
     if (largest <= 0) return;
     for (int& count : counts)
         count = static_cast<int>(static_cast<double>(count) / largest * 255.0);
+}
+
+/// Makes the image of the counts. \returns their variance
+float finish(std::span<int> counts, int* maxValue, bool quiet) {
+    const double variance = varianceOf(counts);
+    const int largest = *std::max_element(counts.begin(), counts.end());
+    if (maxValue) *maxValue = largest;
+    scaleTo8Bit(counts, largest);
+    if (!quiet) log(" max in diffVec Histogramm " + std::to_string(largest) + " (scaled to 8 bit)");
+    log("<< VRKSphericalProjection::getSphericalHistoImage()", VRK::Debug, VRK::MethodControl);
+    return static_cast<float>(variance);
 }
 
 }  // namespace
@@ -67,37 +84,40 @@ void VRKSphericalProjection::foldToHalfSpace(std::vector<ClusterPoint<double>*>*
 float VRKSphericalProjection::getSphericalHistoImage(std::vector<ClusterPoint<double>*>* diffVectors,
                                                      int* image, int nPhi, int nTheta, int* maxValue,
                                                      bool quiet) {
-    if (!diffVectors || !image || nPhi < 1 || nTheta < 1) {
-        log("VRKSphericalProjection::getSphericalHistoImage: there are no difference vectors or no image.",
-            VRK::Error);
-        return 0.0F;
-    }
+    if (!isImage(diffVectors ? image : nullptr, nPhi, nTheta)) return 0.0F;
     if (!quiet) log(" DifferenceVectorCount:" + std::to_string(diffVectors->size()));
-    const double phiWidth = std::numbers::pi / nPhi;
-    const double thetaWidth = std::numbers::pi / nTheta;
-    const std::span<int> counts(image, static_cast<std::size_t>(nPhi) * static_cast<std::size_t>(nTheta));
+    const DirectionBins bins{nPhi, nTheta};
+    const std::span<int> counts = binsOf(image, nPhi, nTheta);
     for (const ClusterPoint<double>* vector : *diffVectors) {
         const double* coordinates = vector->getData();
         double u = coordinates[0], v = coordinates[1], pole = coordinates[2];
         rotatePoint(u, v, pole);
         if (u == 0.0 && v == 0.0) continue;
-        const double phi = std::atan2(v, u) + std::numbers::pi / 2.0;
-        const double theta = std::atan2(std::sqrt(u * u + v * v), pole);
-        const int phiAddress = addressOf(phi, phiWidth);
-        const int thetaAddress = addressOf(theta, thetaWidth);
-        if (!isInRange(phiAddress, nPhi) || !isInRange(thetaAddress, nTheta)) {
-            logAddressError(phi, theta, phiAddress, thetaAddress, nPhi, nTheta);
+        const DirectionAddress address(bins, u, pole, v);
+        if (!address.isInRange(bins)) {
+            logAddressError(address, bins);
             return 0.0F;
         }
-        ++counts[static_cast<std::size_t>(std::min(thetaAddress, nTheta - 1)) *
-                     static_cast<std::size_t>(nPhi) +
-                 static_cast<std::size_t>(std::min(phiAddress, nPhi - 1))];
+        ++counts[address.bin(bins)];
     }
-    const double variance = varianceOf(counts);
-    const int largest = *std::max_element(counts.begin(), counts.end());
-    if (maxValue) *maxValue = largest;
-    scaleTo8Bit(counts, largest);
-    if (!quiet) log(" max in diffVec Histogramm " + std::to_string(largest) + " (scaled to 8 bit)");
-    log("<< VRKSphericalProjection::getSphericalHistoImage()", VRK::Debug, VRK::MethodControl);
-    return static_cast<float>(variance);
+    return finish(counts, maxValue, quiet);
+}
+
+float VRKSphericalProjection::getSphericalHistoImageOfPairs(ReflexVector* reflections, Parameter* parameter,
+                                                            int* image, int nPhi, int nTheta, int* maxValue,
+                                                            std::int64_t* vectors, bool quiet) {
+    *vectors = 0;
+    if (!reflections || !parameter || reflections->empty()) return 0.0F;
+    if (!isImage(image, nPhi, nTheta)) return 0.0F;
+    VRK::detail::PairDirections pairs({nPhi, nTheta}, parameter->getMinLength(), parameter->getMaxLength());
+    pairs.reserve(reflections->size());
+    const int type = parameter->getWhichReflectionMiddleShouldUsed();
+    for (Reflex* reflex : *reflections)
+        if (reflex)
+            pairs.addPoint(
+                {reflex->getCenter(0, type), reflex->getCenter(1, type), reflex->getCenter(2, type)});
+    const std::span<int> counts = binsOf(image, nPhi, nTheta);
+    *vectors = pairs.count(counts);
+    if (!quiet) log(" DifferenceVectorCount:" + std::to_string(*vectors));
+    return finish(counts, maxValue, quiet);
 }

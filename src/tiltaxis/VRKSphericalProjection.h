@@ -2,12 +2,15 @@
 /// The histogram of the directions of difference vectors.
 #pragma once
 
+#include <cstdint>
 #include <vector>
 
 #include "VRKCoreExport.h"
 
 template <typename T>
 class ClusterPoint;
+class Parameter;
+class ReflexVector;
 
 /// Counts the directions of vectors in equal intervals of azimuth and polar angle.
 ///
@@ -36,6 +39,18 @@ public:
     ///         are counted then, and *maxValue is not written.
     static float getSphericalHistoImage(std::vector<ClusterPoint<double>*>* diffVectors, int* image, int nPhi,
                                         int nTheta, int* maxValue, bool quiet);
+
+    /// The same for the difference vectors of all pairs of reflections, folded: bit for bit what comes out of
+    /// CalculateDiffVectors::calculateDiffVectors() for the half space, foldToHalfSpace() and
+    /// getSphericalHistoImage(), many times faster, since no list of the vectors is made.
+    ///
+    /// \param reflections  none of them changed; a list that is null or empty gives 0 and leaves the image
+    ///                     alone
+    /// \param parameter    lengths of the vectors, and which centres of the reflections count
+    /// \param vectors      receives the number of vectors
+    static float getSphericalHistoImageOfPairs(ReflexVector* reflections, Parameter* parameter, int* image,
+                                               int nPhi, int nTheta, int* maxValue, std::int64_t* vectors,
+                                               bool quiet);
 
     /// Inverts vectors of three coordinates where needed: afterwards x > 0, or x is 0 and z not below 0. Null
     /// is taken.

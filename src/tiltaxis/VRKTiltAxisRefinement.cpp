@@ -17,8 +17,6 @@
 #include <utility>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
-#include "cellfinding/CalculateDiffVectors.h"
-#include "cellfinding/ClusterPoint.h"
 #include "cellfinding/Parameter.h"
 #include "processing/VoxMRCstemProcessing.h"
 #include "reflections/FindReflexes.h"
@@ -134,28 +132,7 @@ void limitNumber(ReflexVectorPtr& reflexes, std::size_t limit) {
     rest.destroyElements();
 }
 
-/// The difference vectors and their end.
-class DiffVectors {
-public:
-    DiffVectors(ReflexVector* reflexes, Parameter* parameter)
-        : m_vectors(CalculateDiffVectors::calculateDiffVectors(reflexes, parameter, nullptr, nullptr, true)) {
-    }
-    ~DiffVectors() {
-        if (m_vectors)
-            for (ClusterPoint<double>* vector : *m_vectors)
-                delete vector;
-    }
-    DiffVectors(const DiffVectors&) = delete;
-    DiffVectors& operator=(const DiffVectors&) = delete;
-
-    std::vector<ClusterPoint<double>*>* get() const { return m_vectors.get(); }
-    std::size_t size() const { return m_vectors ? m_vectors->size() : 0; }
-
-private:
-    std::unique_ptr<std::vector<ClusterPoint<double>*>> m_vectors;
-};
-
-double relativeVariance(double variance, std::size_t vectors) {
+double relativeVariance(double variance, std::int64_t vectors) {
     const double mean = static_cast<double>(vectors) / (kBins * kBins);
     return mean > 0.0 ? variance / (mean * mean) : 0.0;
 }
@@ -530,16 +507,12 @@ TiltAxisScore VRKTiltAxisRefinement::scoreAngle(float angle, bool mode3D) {
     if (!reflexes) return score;
     limitNumber(reflexes, m_reflexLimit);
     Parameter parameter = evaluationParameter();
-    const DiffVectors vectors(reflexes.get(), &parameter);
     std::vector<int> image(static_cast<std::size_t>(kBins) * kBins);
-    VRKSphericalProjection::foldToHalfSpace(vectors.get());
-    if (vectors.get())
-        score.variance = VRKSphericalProjection::getSphericalHistoImage(vectors.get(), image.data(), kBins,
-                                                                        kBins, &score.maxValue, false);
+    score.variance = VRKSphericalProjection::getSphericalHistoImageOfPairs(
+        reflexes.get(), &parameter, image.data(), kBins, kBins, &score.maxValue, &score.diffVectors, false);
     score.evaluated = true;
     score.reflexes = static_cast<int>(reflexes->size());
-    score.diffVectors = static_cast<std::int64_t>(vectors.size());
-    score.relativeVariance = relativeVariance(score.variance, vectors.size());
+    score.relativeVariance = relativeVariance(score.variance, score.diffVectors);
     saveHistogram(image, angle);
     return score;
 }

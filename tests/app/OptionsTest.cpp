@@ -54,6 +54,8 @@ const std::vector<Command> kCommands = {
        "/instrument/known/file=d.json /tilt_axis/source=calibration /input/pixel_size> "
        "/reflections/residual_px!"},
       {"--keep-volume", "out/volume.mrc?"},
+      {"--volume-size 96", "/volume/dims/0=96 /reflections/found<"},
+      {"--profile", "/profile/steps/0/name=read"},
       {"--threshold 60", "/program/options/search/threshold=60 /parameters/threshold=60 /reflections/found<"},
       {"--min-voxels 20", "/parameters/min_voxels=20 /reflections/found<"},
       {"--max-voxels 30", "/reflections/found<"},
@@ -135,7 +137,7 @@ const std::vector<Command> kCommands = {
       {"--bin 2", "/dims/0=64 /pixel_size>"},
       {"--bin 2 --rebin", "/dims/0=64 /density/mean>"},
       {"--log l.txt --log-level debug", "l.txt?"}},
-     "--no-center --crop"},
+     "--no-center --crop --jobs"},
     {"calibrate series.mrc -o c.json --json",
      {{"--cell 5.2,6.1,4.6,90,105,90", "/pixel_scale! /series/0/bravais=mC c.json~"},
       {"--tilt-axis 5.5", "/axis_angle_deg/value! c.json~"},

@@ -31,7 +31,7 @@ std::vector<TiltAxisScore> scoresOf(const std::vector<std::pair<double, double>>
 
 }  // namespace
 
-TEST(TiltAxisCommandTest, FindsTheAxisOfARawSeriesWithAnyNumberOfProcesses) {
+TEST(TiltAxisCommandTest, FindsTheAxisOfARawSeriesWithAnyNumberOfThreads) {
     const TemporaryFolder folder;
     const std::string series = folder / "s.mrc";
     simulate(series, {"--axis", "-12.3", "--tilts", "-60:60:2", "--drift", "2"});

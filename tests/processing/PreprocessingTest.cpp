@@ -380,6 +380,32 @@ TEST(RecordedPixels, AreThoseThatAMovedPatternTakesFromTheFrame) {
     EXPECT_FALSE(RecordedPixels().isCut(0, -5, 9e99, 3));
 }
 
+TEST(RecordedPixels, MasksAreThoseOfSinglePixels) {
+    // A stop with a bar, in frames of the whole area and of a part of it.
+    constexpr int kSize = 96;
+    const Data series = seriesOf(kSize, kSize, [](unsigned x, unsigned y) {
+        const bool stop = std::hypot(x - 50.0, y - 45.0) < 9 || (x < 50 && y > 42 && y < 48);
+        return stop ? 0.0 : 100.0 + (x * 7 + y * 3) % 11;
+    });
+    const ShadowMask shadows(series.get());
+    ASSERT_FALSE(shadows.empty());
+    std::vector<PatternCentre> centres;
+    for (const double move : {-7.25, -0.5, 0.0, 1e-17, 3.0, 60.75})
+        centres.push_back({.x = 47.5 - move, .y = 47.5 + 0.7 * move, .source = PatternCentre::Source::Beam});
+    std::vector<unsigned char> mask(kSize * kSize);
+    for (const RecordedPixels::Area& area :
+         {RecordedPixels::Area{0, 0, kSize, kSize}, RecordedPixels::Area{5, 0, 80, kSize}}) {
+        const RecordedPixels recorded(kSize, kSize, area, shadows, centres);
+        for (unsigned i = 0; i <= centres.size(); ++i) {
+            recorded.notRecorded(i, mask.data());
+            for (int pixel = 0; pixel < kSize * kSize; ++pixel)
+                ASSERT_EQ(mask[static_cast<std::size_t>(pixel)],
+                          recorded.isCut(i, pixel % kSize, pixel / kSize, 0) ? 1 : 0)
+                    << i << ": " << pixel;
+        }
+    }
+}
+
 TEST(RecordedPixels, BackgroundLeavesTheBorderOut) {
     // 8 counts, and 25 columns that the centring brought in.
     constexpr unsigned kSize = 128;

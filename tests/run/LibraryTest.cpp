@@ -236,6 +236,26 @@ TEST(TiltSeries, TakesFramesFromMemory) {
     EXPECT_NE(warnings.back().find("multiplied"), std::string::npos);
 }
 
+TEST(TiltSeries, AddsUpNeighboursWhereThereAreTooManyFrames) {
+    std::vector<double> tilts;
+    std::vector<short> counts;
+    for (int i = 0; i < 601; ++i) {
+        tilts.push_back(30.0 - 0.1 * i);
+        counts.push_back(static_cast<short>(i));
+    }
+    std::string warning;
+    vrk::Callbacks observer;
+    observer.warning = [&](const std::string& text) { warning = text; };
+    const auto series =
+        vrk::TiltSeries::of(std::span<const short>(counts), 1, 1, tilts, {}, observer).value();
+    ASSERT_EQ(series.frames(), 201);
+    EXPECT_NE(warning.find("every 3 neighbours"), std::string::npos) << warning;
+    EXPECT_EQ(series.frame(0)[0], 600 + 599 + 598);
+    EXPECT_NEAR(series.tilts()[0], -29.9, 1e-5);
+    EXPECT_EQ(series.frame(200)[0], 0) << "what is left over";
+    EXPECT_NEAR(series.tilts()[200], 30.0, 1e-5);
+}
+
 TEST(TiltSeries, RefusesWhatIsNoSeries) {
     const double none = std::numeric_limits<double>::quiet_NaN();
     struct Case {
@@ -248,8 +268,7 @@ TEST(TiltSeries, RefusesWhatIsNoSeries) {
     const std::vector<Case> cases = {
         {0, 3, {1}, {}, 0, "0 x 3"},
         {2, -1, {1}, {}, 0, "2 x -1"},
-        {2, 3, {}, {}, 0, "0 frames"},
-        {1, 1, std::vector<double>(301, 1.0), {}, 301, "301 frames"},
+        {2, 3, {}, {}, 0, "no frames"},
         {2, 3, {1, none}, {}, 12, "tilt of frame 1"},
         {2, 3, {1, 2}, {}, 11, "11 pixels are not 2 frames of 2 x 3"},
         {2, 3, {1}, {-1, 0, {}}, 6, "pixel size"},

@@ -1,9 +1,13 @@
 #include "tiltaxis/ReflexMerger2d.h"
 
 #include <gtest/gtest.h>
+#include <rapidcheck.h>
 
+#include <algorithm>
+#include <array>
 #include <cmath>
 #include <memory>
+#include <vector>
 
 #include "tiltaxis/ReflectionTransformation.h"
 #include "tiltaxis/Reflex2d.h"
@@ -29,7 +33,56 @@ const Reflex2d& at(const ReflexVectorPtr& list, std::size_t i) {
     return dynamic_cast<const Reflex2d&>(*(*list)[i]);
 }
 
+/// The chains of the spots, by looking at all pairs of two patterns: the number of the chain of each spot.
+std::vector<std::size_t> plainChains(const std::vector<Spot>& spots, double limit) {
+    std::vector<std::size_t> chainOf(spots.size()), last;  // the last spot of each chain
+    std::vector<bool> taken(spots.size());
+    for (std::size_t begin = 0, end = 0; begin < spots.size(); begin = end) {
+        while (end < spots.size() && spots[end].pattern == spots[begin].pattern)
+            ++end;
+        std::vector<std::array<double, 3>> pairs;  // distance, spot of the pattern before, spot
+        for (std::size_t i = 0; i < begin; ++i)
+            for (std::size_t j = begin; j < end; ++j)
+                if (spots[i].pattern == spots[j].pattern - 1)
+                    pairs.push_back({std::hypot(spots[j].u - spots[i].u, spots[j].v - spots[i].v),
+                                     static_cast<double>(i), static_cast<double>(j)});
+        std::stable_sort(pairs.begin(), pairs.end(), [](auto& a, auto& b) { return a[0] < b[0]; });
+        std::vector<bool> continued(spots.size());
+        for (const auto& [distance, from, to] : pairs) {
+            const auto i = static_cast<std::size_t>(from), j = static_cast<std::size_t>(to);
+            if (distance > limit || continued[i] || taken[j]) continue;
+            continued[i] = taken[j] = true;
+            chainOf[j] = chainOf[i];
+        }
+        for (std::size_t j = begin; j < end; ++j)
+            if (!taken[j]) chainOf[j] = last.size(), last.push_back(j);
+    }
+    return chainOf;
+}
+
 }  // namespace
+
+TEST(ReflexMerger2dTest, JoinsWhatAPlainSearchJoins) {
+    rc::check([](std::vector<std::array<unsigned char, 3>> bytes) {
+        std::vector<Spot> spots;
+        for (const auto& b : bytes)  // few places, so that many distances are equal
+            spots.push_back({b[0] % 8, 0.5 * (b[1] % 16), 0.5 * (b[2] % 16), 1.0});
+        std::stable_sort(spots.begin(), spots.end(),
+                         [](const Spot& a, const Spot& b) { return a.pattern < b.pattern; });
+        for (std::size_t i = 0; i < spots.size(); ++i)
+            spots[i].intensity = static_cast<double>(i + 1);
+        const std::vector<std::size_t> chains = plainChains(spots, 1.5);
+        std::vector<double> sums;
+        for (std::size_t i = 0; i < spots.size(); ++i) {
+            sums.resize(std::max(sums.size(), chains[i] + 1));
+            sums[chains[i]] += spots[i].intensity;
+        }
+        const ReflexVectorPtr merged(ReflexMerger2d::mergeReflexes(listOf(spots).get()));
+        RC_ASSERT(merged->size() == sums.size());
+        for (std::size_t i = 0; i < sums.size(); ++i)
+            RC_ASSERT(at(merged, i).getIntensity() == sums[i]);
+    });
+}
 
 TEST(ReflectionTransformationTest, TurnsTheAxisToVAndTiltsAboutIt) {
     const double t = 37.4 * M_PI / 180;

@@ -12,7 +12,10 @@
 #include <numeric>
 #include <vector>
 
+#include "cellfinding/CalculateDiffVectors.h"
 #include "cellfinding/ClusterPoint.h"
+#include "cellfinding/Parameter.h"
+#include "reflections/ReflexVector.h"
 #include "support/RecordingLogObserver.h"
 
 namespace {
@@ -123,4 +126,41 @@ TEST(VRKSphericalProjectionTest, RefusesWhatHasNoBin) {
     int image = 0, largest = 0;
     EXPECT_EQ(VRKSphericalProjection::getSphericalHistoImage(nullptr, &image, 1, 1, &largest, true), 0);
     EXPECT_TRUE(log.has("no difference vectors", VRK::Error));
+}
+
+TEST(VRKSphericalProjectionTest, CountsPairsAsTheListOfTheirVectors) {
+    // Points on a grid have vectors along the axes and on the borders of bins.
+    rc::check([](std::vector<std::array<signed char, 3>> bytes, bool onGrid, unsigned char bins) {
+        ReflexVector points;
+        for (std::size_t i = 0; i < 8 * bytes.size(); ++i) {
+            const auto& b = bytes[i / 8];
+            const double scale = onGrid ? 1.0 : 0.731 + 1e-3 * static_cast<double>(i % 8);
+            const double corner = i % 8 == 0 ? 0.0 : static_cast<double>(i % 3);
+            points.append(ReflexPtr(new Reflex(scale * b[0] + corner, scale * b[1], scale * b[2] - corner)));
+        }
+        Parameter parameter;
+        parameter.setMinLength(2.0);
+        parameter.setMaxLength(150.0);
+        const int nPhi = 1 + 3 * bins, nTheta = 1 + 2 * bins;
+        std::vector<int> expected(static_cast<std::size_t>(nPhi) * static_cast<std::size_t>(nTheta));
+        std::vector<int> image = expected;
+        int most = -1, largest = -1;
+        float variance = 0;
+        std::int64_t count = -1;
+        const std::unique_ptr<std::vector<ClusterPoint<double>*>> list(
+            CalculateDiffVectors::calculateDiffVectors(&points, &parameter, nullptr, nullptr, true));
+        VRKSphericalProjection::foldToHalfSpace(list.get());
+        if (list)
+            variance = VRKSphericalProjection::getSphericalHistoImage(list.get(), expected.data(), nPhi,
+                                                                      nTheta, &most, false);
+        const float fast = VRKSphericalProjection::getSphericalHistoImageOfPairs(
+            &points, &parameter, image.data(), nPhi, nTheta, &largest, &count, false);
+        RC_ASSERT(fast == variance);
+        RC_ASSERT(image == expected);
+        RC_ASSERT(largest == most);
+        RC_ASSERT(count == (list ? static_cast<std::int64_t>(list->size()) : 0));
+        if (list)
+            for (auto* vector : *list)
+                delete vector;
+    });
 }

@@ -308,6 +308,17 @@ BeamCentre BeamCentreFinder::findBeam(const Frame& frame) {
     return throughStop(centre);
 }
 
+BeamCentreFinder BeamCentreFinder::another() const {
+    BeamCentreFinder result = *this;
+    // Copies of matrices share their memory.
+    for (cv::Mat* scratch : {&result.m_highest, &result.m_dead, &result.m_live})
+        scratch->release();
+    for (cv::Mat_<float>* scratch : {&result.m_roots, &result.m_coarse})
+        scratch->release();
+    result.m_coarseLive.release();
+    return result;
+}
+
 void BeamCentreFinder::learnHalo(const SeriesMean& mean) {
     m_halo.release();
     prepare(cv::Mat(m_height, m_width, CV_32F, const_cast<float*>(mean.values.data())), m_shadow);

@@ -46,6 +46,9 @@ public:
     /// is looked for in every pattern.
     void learnHalo(const SeriesMean& mean);
 
+    /// One that knows the same, with scratch memory of its own.
+    BeamCentreFinder another() const;
+
     /// The direct beam.
     BeamCentre findBeam(const Frame& frame);
     /// Places about which the whole pattern is symmetric, to a pixel or two.

@@ -19,32 +19,38 @@ constexpr double kAmbiguous = 0.9;
 
 CentreSearch::CentreSearch(int width, int height, unsigned patterns, const SeriesMean& mean,
                            const ShadowMask& shadows)
-    : m_finder(width, height, shadows), m_candidates(patterns), m_centres(patterns) {
+    : m_finder(width, height, shadows),
+      m_finders([this] { return m_finder.another(); }),
+      m_candidates(patterns),
+      m_centres(patterns) {
     m_finder.learnHalo(mean);
 }
 
-void CentreSearch::look(unsigned look, unsigned pattern, const Frame& frame) {
-    const bool last = pattern + 1 == m_centres.size();
-    if (look == 0) {
-        findBeam(pattern, frame);
-        if (last) decideByBeams();
-    } else if (look == 1) {
-        if (!m_beamsDecide) addPattern(pattern, frame);
-        if (last && !m_beamsDecide) decideByAll();
-    } else {
-        refine(pattern, frame);
-    }
+void CentreSearch::look(unsigned look, unsigned pattern, const Frame& frame, std::size_t lane) {
+    BeamCentreFinder& finder = m_finders[lane];
+    if (look == 0)
+        findBeam(pattern, frame, finder);
+    else if (look == 2)
+        refine(pattern, frame, finder);
+    else if (!m_beamsDecide)
+        addPattern(pattern, frame, finder);
 }
 
-void CentreSearch::findBeam(unsigned pattern, const Frame& frame) {
-    const BeamCentre beam = m_finder.findBeam(frame);
+void CentreSearch::finishLook(unsigned look) {
+    if (look == 0) decideByBeams();
+    if (look == 1 && !m_beamsDecide) decideByAll();
+    m_seen = m_centres;
+}
+
+void CentreSearch::findBeam(unsigned pattern, const Frame& frame, BeamCentreFinder& finder) {
+    const BeamCentre beam = finder.findBeam(frame);
     if (beam.found() && beam.symmetry > 0) m_candidates[pattern].push_back({beam, beam.symmetry});
 }
 
-void CentreSearch::addPattern(unsigned pattern, const Frame& frame) {
+void CentreSearch::addPattern(unsigned pattern, const Frame& frame, BeamCentreFinder& finder) {
     constexpr double kSame = 3.0;  // pixels
     std::vector<CentreCandidate>& known = m_candidates[pattern];
-    for (const CentreCandidate& candidate : m_finder.patternCandidates(frame)) {
+    for (const CentreCandidate& candidate : finder.patternCandidates(frame)) {
         const auto same = std::find_if(known.begin(), known.end(), [&](const CentreCandidate& other) {
             return std::hypot(other.centre.x - candidate.centre.x, other.centre.y - candidate.centre.y) <
                    kSame;
@@ -82,16 +88,16 @@ void CentreSearch::decideByAll() {
     m_ambiguous = track.rivalry() > kAmbiguous;
 }
 
-void CentreSearch::refine(unsigned pattern, const Frame& frame) {
+void CentreSearch::refine(unsigned pattern, const Frame& frame, BeamCentreFinder& finder) {
     PatternCentre& centre = m_centres[pattern];
     if (centre.source == PatternCentre::Source::Beam) {
         constexpr double kGood = 0.045;  // pixels
-        if (centre.error > kGood) centre = m_finder.improveWithPattern(frame, centre);
+        if (centre.error > kGood) centre = finder.improveWithPattern(frame, centre);
         return;
     }
     const auto expected = centre.found() ? std::optional<cv::Point2d>({centre.x, centre.y})
-                                         : interpolatedCentre(m_centres, pattern);
-    if (expected) centre = m_finder.findPatternNear(frame, *expected);
+                                         : interpolatedCentre(m_seen, pattern);
+    if (expected) centre = finder.findPatternNear(frame, *expected);
 }
 
 std::vector<PatternCentre> CentreSearch::finish() {

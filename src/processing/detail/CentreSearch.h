@@ -4,6 +4,7 @@
 
 #include <vector>
 
+#include "foundation/SharedLoop.h"
 #include "processing/ShadowMask.h"
 #include "processing/detail/BeamCentre.h"
 #include "processing/detail/CentreTrack.h"
@@ -20,9 +21,12 @@ public:
     CentreSearch(int width, int height, unsigned patterns, const SeriesMean& mean, const ShadowMask& shadows);
 
     static constexpr unsigned kLooks = 3;
-    /// \param look     0 to kLooks - 1, in this order, each for all patterns
+    /// \param look     0 to kLooks - 1, in this order, each for all patterns in any order
     /// \param pattern  its number
-    void look(unsigned look, unsigned pattern, const Frame& frame);
+    /// \param lane     calls at the same time have different ones (WorkSharing)
+    void look(unsigned look, unsigned pattern, const Frame& frame, std::size_t lane = 0);
+    /// When a look has seen all patterns.
+    void finishLook(unsigned look);
 
     /// The centres, when all is done; of source None, all of them, when nothing was found.
     std::vector<PatternCentre> finish();
@@ -30,16 +34,18 @@ public:
     bool isAmbiguous() const { return m_ambiguous; }
 
 private:
-    void findBeam(unsigned pattern, const Frame& frame);
-    void addPattern(unsigned pattern, const Frame& frame);
-    void refine(unsigned pattern, const Frame& frame);
+    void findBeam(unsigned pattern, const Frame& frame, BeamCentreFinder& finder);
+    void addPattern(unsigned pattern, const Frame& frame, BeamCentreFinder& finder);
+    void refine(unsigned pattern, const Frame& frame, BeamCentreFinder& finder);
     void decideByBeams();
     void decideByAll();
     void mark();
 
-    BeamCentreFinder m_finder;
+    BeamCentreFinder m_finder;  ///< has seen the mean of the series
+    PerLane<BeamCentreFinder> m_finders;
     std::vector<std::vector<CentreCandidate>> m_candidates;
     std::vector<PatternCentre> m_centres;
+    std::vector<PatternCentre> m_seen;  ///< before the last look
     bool m_beamsDecide = false;
     bool m_ambiguous = false;
 };

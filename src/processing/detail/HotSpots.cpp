@@ -4,6 +4,8 @@
 #include <array>
 #include <bit>
 #include <cmath>
+#include <limits>
+#include <numeric>
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 
@@ -17,6 +19,9 @@ constexpr double kSigmas = 7.0;
 constexpr double kSigmaPerDeviation = 1.4826 * 1.15;
 constexpr int kSamplingStep = 7;
 constexpr int kPatternsToTellStuckPixels = 5;
+constexpr int kBlock = 64;
+/// Deviations from here on are counted together.
+constexpr int kCounted = 1024;
 
 /// The octave of a background level.
 std::size_t levelOf(short median) {
@@ -47,7 +52,10 @@ Neighbours neighboursOf(const Frame& frame, int x, int y) {
                 ++result.directCount;
             }
         }
-    std::sort(result.sorted.begin(), result.sorted.begin() + static_cast<std::ptrdiff_t>(result.count));
+    // What is not there sorts behind.
+    std::fill(result.sorted.begin() + static_cast<std::ptrdiff_t>(result.count), result.sorted.end(),
+              std::numeric_limits<int>::max());
+    std::sort(result.sorted.begin(), result.sorted.end());
     return result;
 }
 
@@ -66,10 +74,23 @@ bool isOutlier(int value, const Neighbours& around, double limit) {
     return excess < -limit && around.lowest() - level > 0.5 * excess;
 }
 
+/// Whether one of the values leaves its median by more than a limit: a loop for vector units.
+#if defined(__x86_64__)
+[[gnu::target_clones("default", "avx2", "arch=x86-64-v4")]]
+#endif
+bool anyLeaves(const short* values, const short* medians, int n, int limit) {
+    int largest = 0;
+    for (int x = 0; x < n; ++x)
+        largest = std::max(largest, std::abs(values[x] - medians[x]));
+    return largest > limit;
+}
+
 }  // namespace
 
 HotSpotFilter::HotSpotFilter(int width, int height)
-    : m_sum(cv::Mat::zeros(height, width, CV_32F)), m_deviations(kLevels), m_limits(kLevels) {}
+    : m_sum(cv::Mat::zeros(height, width, CV_32F)),
+      m_deviations(kLevels, std::vector<std::uint32_t>(kCounted + 1)),
+      m_limits(kLevels) {}
 
 void HotSpotFilter::observe(const Frame& frame) {
     if (m_observed++ == 0) {
@@ -103,24 +124,49 @@ void HotSpotFilter::finishObservation() {
     }
 }
 
+HotSpotFilter HotSpotFilter::another() const {
+    HotSpotFilter result(0, 0);
+    result.m_stuck = m_stuck;
+    return result;
+}
+
 void HotSpotFilter::measureNoise(const Frame& in) {
-    for (std::vector<int>& level : m_deviations)
-        level.clear();
-    for (int y = 0; y < in.rows; ++y)
-        for (int x = y % kSamplingStep; x < in.cols; x += kSamplingStep)
-            m_deviations[levelOf(m_median(y, x))].push_back(std::abs(in(y, x) - m_median(y, x)));
+    for (std::vector<std::uint32_t>& level : m_deviations)
+        std::fill(level.begin(), level.end(), 0U);
+    for (int y = 0; y < in.rows; ++y) {
+        const short* values = in[y];
+        const short* medians = m_median[y];
+        for (int x = y % kSamplingStep; x < in.cols; x += kSamplingStep) {
+            const int deviation = std::min(std::abs(values[x] - medians[x]), kCounted);
+            ++m_deviations[levelOf(medians[x])][static_cast<std::size_t>(deviation)];
+        }
+    }
     for (std::size_t level = 0; level < kLevels; ++level) {
         // The lowest counts of the octave.
         const double counts = level == 0 ? 0.0 : static_cast<double>(1U << (level - 1));
-        double sigma = std::max(1.0, std::sqrt(counts));
-        std::vector<int>& deviations = m_deviations[level];
-        if (!deviations.empty()) {
-            const auto middle = deviations.begin() + static_cast<std::ptrdiff_t>(deviations.size() / 2);
-            std::nth_element(deviations.begin(), middle, deviations.end());
-            sigma = std::max(sigma, kSigmaPerDeviation * *middle);
-        }
+        const double sigma =
+            std::max({1.0, std::sqrt(counts), kSigmaPerDeviation * medianDeviation(in, level)});
         m_limits[level] = static_cast<int>(std::ceil(kSigmas * sigma));
     }
+}
+
+/// The larger of the two middle ones; 0 where there is none.
+int HotSpotFilter::medianDeviation(const Frame& in, std::size_t level) {
+    const std::vector<std::uint32_t>& counts = m_deviations[level];
+    const std::uint32_t rank = std::accumulate(counts.begin(), counts.end(), 0U) / 2;
+    std::uint32_t upTo = 0;
+    for (int deviation = 0; deviation < kCounted; ++deviation)
+        if ((upTo += counts[static_cast<std::size_t>(deviation)]) > rank) return deviation;
+    if (counts[kCounted] == 0) return 0;
+    std::vector<int> large;
+    for (int y = 0; y < in.rows; ++y)
+        for (int x = y % kSamplingStep; x < in.cols; x += kSamplingStep)
+            if (const int deviation = std::abs(in(y, x) - m_median(y, x));
+                deviation >= kCounted && levelOf(m_median(y, x)) == level)
+                large.push_back(deviation);
+    const auto middle = large.begin() + static_cast<std::ptrdiff_t>(rank - upTo);
+    std::nth_element(large.begin(), middle, large.end());
+    return *middle;
 }
 
 int HotSpotFilter::apply(const Frame& in, Frame out) {
@@ -136,13 +182,17 @@ int HotSpotFilter::apply(const Frame& in, Frame out) {
     for (int y = 0; y < in.rows; ++y) {
         const short* values = in[y];
         const short* medians = m_median[y];
-        for (int x = 0; x < in.cols; ++x) {
-            const int deviation = std::abs(values[x] - medians[x]);
-            if (deviation <= lowestLimit) continue;
-            const int limit = m_limits[levelOf(medians[x])];
-            if (deviation <= limit) continue;
-            const Neighbours around = neighboursOf(in, x, y);
-            if (around.count > 0 && isOutlier(values[x], around, limit)) replace(x, y, around);
+        for (int begin = 0; begin < in.cols; begin += kBlock) {
+            const int end = std::min(begin + kBlock, in.cols);
+            if (!anyLeaves(values + begin, medians + begin, end - begin, lowestLimit)) continue;
+            for (int x = begin; x < end; ++x) {
+                const int deviation = std::abs(values[x] - medians[x]);
+                if (deviation <= lowestLimit) continue;
+                const int limit = m_limits[levelOf(medians[x])];
+                if (deviation <= limit) continue;
+                const Neighbours around = neighboursOf(in, x, y);
+                if (around.count > 0 && isOutlier(values[x], around, limit)) replace(x, y, around);
+            }
         }
     }
     for (const cv::Point& pixel : m_stuck)

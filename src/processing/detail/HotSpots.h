@@ -2,6 +2,7 @@
 /// Single pixels that do not show the pattern: hot spots, zingers, dead and stuck pixels.
 #pragma once
 
+#include <cstdint>
 #include <vector>
 
 #include "processing/detail/Frame.h"
@@ -25,11 +26,14 @@ public:
     void observe(const Frame& frame);
     void finishObservation();
 
+    /// One for the second pass of the same series, with scratch memory of its own.
+    HotSpotFilter another() const;
     /// Second pass. Returns how many pixels were replaced.
     int apply(const Frame& in, Frame out);
 
 private:
     void measureNoise(const Frame& in);
+    int medianDeviation(const Frame& in, std::size_t level);
 
     int m_observed = 0;
     cv::Mat m_lowest;
@@ -38,7 +42,7 @@ private:
     cv::Mat m_scratch;
     Frame m_median;
     std::vector<cv::Point> m_stuck;
-    std::vector<std::vector<int>> m_deviations;
+    std::vector<std::vector<std::uint32_t>> m_deviations;  ///< by level, how often each of them occurs
     std::vector<int> m_limits;
 };
 

@@ -6,7 +6,6 @@
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 #include <span>
-#include <utility>
 
 namespace VRK::detail {
 namespace {
@@ -21,56 +20,49 @@ constexpr double kCertainBackground = 10.0;
 /// Of a normal distribution, in standard deviations: how far the quartiles lie from the median.
 constexpr double kQuartile = 0.6745;
 
-/// How often each value of a ring occurs.
-class Counter {
+/// The values of a ring, of which the zeros may be left out.
+class RingValues {
 public:
-    void count(std::span<const short> values) {
-        const auto [lowest, highest] = std::minmax_element(values.begin(), values.end());
-        m_lowest = *lowest;
-        const auto range = static_cast<std::size_t>(*highest - *lowest) + 1;
-        m_counts.assign(range, 0);
-        for (const short v : values)
-            ++m_counts[static_cast<std::size_t>(v - m_lowest)];
+    RingValues(std::span<const short> values, short guess) : m_values(values), m_guess(guess) {
+        const Extremes extremes = extremesOf(values);
+        m_lowest = extremes.lowest;
+        m_highest = extremes.highest;
+        if (m_lowest <= 0 && m_highest >= 0) m_zeros = sumBetween(values, 0, 0).count;
     }
-    /// Takes all of a value out, and returns how many there were.
-    std::uint32_t take(short value) {
-        return has(value) ? std::exchange(m_counts[static_cast<std::size_t>(value - m_lowest)], 0U) : 0U;
-    }
-    void give(short value, std::uint32_t count) {
-        if (has(value)) m_counts[static_cast<std::size_t>(value - m_lowest)] += count;
-    }
-    bool has(short value) const { return value >= lowest() && value <= highest(); }
+    std::size_t zeros() const { return m_zeros; }
+    void leaveZerosOut(bool leaveOut) { m_left = leaveOut ? m_zeros : 0; }
 
-    int lowest() const { return m_lowest; }
-    int highest() const { return m_lowest + static_cast<int>(m_counts.size()) - 1; }
+    int highest() const { return m_highest; }
 
-    /// The number of values in [from, to] and their mean.
-    std::pair<std::uint32_t, double> mean(int from, int to) const {
-        std::uint32_t n = 0;
-        double sum = 0;
-        for (int v = std::max(from, lowest()); v <= std::min(to, highest()); ++v) {
-            const std::uint32_t count = m_counts[static_cast<std::size_t>(v - m_lowest)];
-            n += count;
-            sum += static_cast<double>(count) * v;
-        }
-        return {n, n > 0 ? sum / n : 0.0};
+    std::size_t countTo(int limit) const {
+        if (limit < m_lowest) return 0;
+        const std::size_t count =
+            limit >= m_highest ? m_values.size() : countUpTo(m_values, static_cast<short>(limit));
+        return limit >= 0 ? count - m_left : count;
     }
-
-    /// The value below which a part of those in [lowest, to] lies.
-    int quantile(double part, int to) const {
-        const std::uint32_t n = mean(lowest(), to).first;
-        const auto rank = static_cast<std::uint32_t>(part * n);
-        std::uint32_t below = 0;
-        for (int v = lowest(); v <= std::min(to, highest()); ++v) {
-            below += m_counts[static_cast<std::size_t>(v - m_lowest)];
-            if (below > rank) return v;
-        }
-        return lowest();
+    double mean(int from, int to) const {
+        const int lowest = std::max(from, m_lowest), highest = std::min(to, m_highest);
+        if (lowest > highest) return 0.0;
+        RangeSum sum = sumBetween(m_values, static_cast<short>(lowest), static_cast<short>(highest));
+        if (lowest <= 0 && highest >= 0) sum.count -= m_left;
+        return sum.count > 0 ? static_cast<double>(sum.sum) / static_cast<double>(sum.count) : 0.0;
+    }
+    /// The value below which a part of the lowest \p count values lies.
+    int quantile(double part, std::size_t count) {
+        if (count == 0) return m_lowest;
+        const auto rank = static_cast<std::size_t>(part * static_cast<double>(count));
+        // The zeros that are left out stand before the values above them.
+        m_guess = valueOfRank(m_values, rank, m_guess);
+        if (m_left > 0 && m_guess >= 0) m_guess = valueOfRank(m_values, rank + m_left, m_guess);
+        return m_guess;
     }
 
 private:
-    int m_lowest = 0;
-    std::vector<std::uint32_t> m_counts;
+    std::span<const short> m_values;
+    int m_lowest, m_highest;
+    std::size_t m_zeros = 0;
+    std::size_t m_left = 0;
+    short m_guess;
 };
 
 struct Level {
@@ -80,95 +72,103 @@ struct Level {
 
 /// Mean of a ring's background: clipped about the median, with the spread of the lower half, which no
 /// reflection widens.
-Level backgroundOf(const Counter& ring) {
+Level backgroundOf(RingValues& ring) {
     int limit = ring.highest();
     Level level;
     int median = 0;
     for (int round = 0; round < kClippingRounds; ++round) {
-        median = ring.quantile(0.5, limit);
+        const std::size_t count = ring.countTo(limit);
+        median = ring.quantile(0.5, count);
         level.sigma =
-            std::max((median - ring.quantile(0.25, limit)) / kQuartile, std::sqrt(std::max(median, 1)) * 0.7);
+            std::max((median - ring.quantile(0.25, count)) / kQuartile, std::sqrt(std::max(median, 1)) * 0.7);
         const int clipped = static_cast<int>(std::lround(median + kClipAbove * level.sigma));
         if (clipped >= limit) break;
         limit = clipped;
     }
-    level.mean = ring.mean(static_cast<int>(std::lround(median - kClipBelow * level.sigma)), limit).second;
+    level.mean = ring.mean(static_cast<int>(std::lround(median - kClipBelow * level.sigma)), limit);
     return level;
 }
 
-/// Middle of the values, the mean of the two middle ones of an even number. Reorders them.
-float medianOf(std::vector<float>& values) {
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    if (values.size() % 2 == 1) return *middle;
-    return 0.5F * (*middle + *std::max_element(values.begin(), middle));
+/// What stands for a dead pixel where units are ranked, before all others.
+constexpr short kDeadUnit = std::numeric_limits<short>::min();
+constexpr int kMostUnits = std::numeric_limits<short>::max();
+
+/// Units within what is ranked, at its ends where they are beyond.
+#if defined(__x86_64__)
+[[gnu::target_clones("default", "avx2", "arch=x86-64-v4")]]
+#endif
+void limitUnits(const int* units, std::size_t n, short* limited) {
+    for (std::size_t i = 0; i < n; ++i)
+        limited[i] = static_cast<short>(std::clamp(units[i], -kMostUnits, kMostUnits));
 }
 
-/// The sum of the two middle values (twice the middle one of an odd number).
-int twiceMedianOf(std::span<const int> values, std::vector<std::uint32_t>& counts,
-                  std::vector<int>& scratch) {
-    // Background values lie around 0 once the background was subtracted.
-    constexpr int kRange = 2048;
-    counts.assign(2 * kRange + 1, 0);
-    for (const int v : values)
-        ++counts[static_cast<std::size_t>(std::clamp(v, -kRange, kRange) + kRange)];
-    const std::size_t lower = (values.size() - 1) / 2;
-    const std::size_t upper = values.size() / 2;
-    std::size_t below = 0;
-    int sum = 0;
-    for (int i = 0, found = 0; found < 2; ++i) {
-        const std::size_t before = below;
-        below += counts[static_cast<std::size_t>(i)];
-        for (const std::size_t rank : {lower, upper})
-            if (rank >= before && rank < below) {
-                if (i == 0 || i == 2 * kRange) {
-                    scratch.assign(values.begin(), values.end());
-                    std::sort(scratch.begin(), scratch.end());
-                    return scratch[lower] + scratch[upper];
-                }
-                sum += i - kRange;
-                ++found;
-            }
+#if defined(__x86_64__)
+[[gnu::target_clones("default", "avx2", "arch=x86-64-v4")]]
+#endif
+void subtractLevel(const short* pixels, const float* level, std::size_t n, float* remainder) {
+    for (std::size_t i = 0; i < n; ++i)
+        remainder[i] = static_cast<float>(pixels[i]) - level[i];
+}
+
+/// The units without half of \p twice as whole counts, rounded to the nearest, halves away from 0:
+/// symmetric, so that a median of 0 stays one.
+#if defined(__x86_64__)
+[[gnu::target_clones("default", "avx2", "arch=x86-64-v4")]]
+#endif
+void subtractHalf(const int* units, const int* twice, std::size_t n, int bits, short* out) {
+    constexpr int kLowest = std::numeric_limits<short>::min(), kHighest = std::numeric_limits<short>::max();
+    for (std::size_t i = 0; i < n; ++i) {
+        const int rest = 2 * units[i] - twice[i];
+        const int counts = (rest + (1 << (bits - 1)) + (rest >> 31)) >> bits;
+        out[i] = static_cast<short>(std::clamp(counts, kLowest, kHighest));
     }
-    return sum;
 }
 
-/// n / 2^bits, rounded to the nearest, halves away from 0: symmetric, so that a median of 0 stays one.
-int shiftRounded(int n, int bits) {
-    return (n + (1 << (bits - 1)) + (n >> 31)) >> bits;
+/// Fills a row from its first half, of which the middle of an odd number is part.
+template <typename T>
+void mirror(std::vector<T>& row) {
+    std::reverse_copy(row.begin(), row.begin() + static_cast<std::ptrdiff_t>(row.size() / 2),
+                      row.begin() + static_cast<std::ptrdiff_t>((row.size() + 1) / 2));
 }
 
 }  // namespace
 
-RadialBackground::RadialBackground(int width, int height) : m_width(width), m_height(height) {
+RadialBackground::RadialBackground(int width, int height)
+    : m_width(width), m_height(height), m_halfWidth((width + 1) / 2) {
     const cv::Point2d centre = centreOf(width, height);
     const std::size_t pixels = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
-    m_ringOf.resize(pixels);
-    m_innerRing.resize(pixels);
-    m_fraction.resize(pixels);
+    for (int y = 0; y < (height + 1) / 2; ++y)
+        for (int x = 0; x < m_halfWidth; ++x) {
+            const double distance = std::hypot(x - centre.x, y - centre.y);
+            const double inner = std::floor(distance);
+            m_ringOf.push_back(static_cast<std::uint16_t>(std::floor(distance + 0.5)));
+            m_innerRing.push_back(static_cast<std::uint16_t>(inner));
+            m_fraction.push_back(static_cast<float>(distance - inner));
+        }
     const auto count = static_cast<std::size_t>(std::lround(std::hypot(centre.x, centre.y))) + 1;
     m_ringBegin.assign(count + 1, 0);
-    for (std::size_t i = 0; i < pixels; ++i) {
-        const auto x = static_cast<double>(i % static_cast<std::size_t>(width));
-        const auto y = static_cast<double>(i / static_cast<std::size_t>(width));
-        const double distance = std::hypot(x - centre.x, y - centre.y);
-        const double inner = std::floor(distance);
-        m_ringOf[i] = static_cast<std::uint16_t>(std::floor(distance + 0.5));
-        m_innerRing[i] = static_cast<std::uint16_t>(inner);
-        m_fraction[i] = static_cast<float>(distance - inner);
-        ++m_ringBegin[m_ringOf[i] + 1U];
-    }
+    const auto ringAt = [&](std::size_t pixel) {
+        const int x = static_cast<int>(pixel % static_cast<std::size_t>(width));
+        const int y = static_cast<int>(pixel / static_cast<std::size_t>(width));
+        return m_ringOf[quarterRow(y) + static_cast<std::size_t>(std::min(x, width - 1 - x))];
+    };
+    for (std::size_t i = 0; i < pixels; ++i)
+        ++m_ringBegin[ringAt(i) + 1U];
     for (std::size_t ring = 0; ring < count; ++ring)
         m_ringBegin[ring + 1] += m_ringBegin[ring];
     std::vector<std::uint32_t> next(m_ringBegin.begin(), m_ringBegin.end() - 1);
     m_pixelsByRing.resize(pixels);
     for (std::size_t i = 0; i < pixels; ++i)
-        m_pixelsByRing[next[m_ringOf[i]]++] = static_cast<std::uint32_t>(i);
+        m_pixelsByRing[next[ringAt(i)]++] = static_cast<std::uint32_t>(i);
     m_values.resize(pixels);
     m_dead.resize(pixels);
+    m_ranked.resize(pixels);
+    m_ringLosesSome.resize(count);
     m_profile.resize(count + 1);
     m_zeroIsDead.resize(count);
     m_twiceRingMedian.resize(count);
+    m_level.resize(static_cast<std::size_t>(width));
+    m_twiceRowMedian.resize(static_cast<std::size_t>(width));
     m_remainder.create(height, width);
 }
 
@@ -180,17 +180,40 @@ void RadialBackground::subtract(const Frame& in, std::span<const unsigned char> 
     subtractRingMedians(out);
 }
 
+RadialBackground RadialBackground::another() const {
+    RadialBackground result = *this;
+    // Copies of matrices share their memory.
+    result.m_remainder = m_remainder.clone();
+    result.m_units = m_units.clone();
+    return result;
+}
+
 void RadialBackground::collectRings(const Frame& in) {
     const short* pixels = in[0];
     for (std::size_t i = 0; i < m_values.size(); ++i)
         m_values[i] = pixels[m_pixelsByRing[i]];
 }
 
+void RadialBackground::markRings(std::span<const unsigned char> lost) {
+    std::fill(m_ringLosesSome.begin(), m_ringLosesSome.end(), std::uint8_t{0});
+    if (lost.empty()) return;
+    for (int y = 0; y < m_height; ++y) {
+        const auto row = lost.subspan(static_cast<std::size_t>(y) * static_cast<std::size_t>(m_width),
+                                      static_cast<std::size_t>(m_width));
+        const std::uint16_t* rings = m_ringOf.data() + quarterRow(y);
+        for (auto pixel = std::find(row.begin(), row.end(), 1); pixel != row.end();
+             pixel = std::find(pixel + 1, row.end(), 1)) {
+            const auto x = static_cast<int>(pixel - row.begin());
+            m_ringLosesSome[rings[std::min(x, m_width - 1 - x)]] = 1;
+        }
+    }
+}
+
 std::span<const short> RadialBackground::recordedValues(std::size_t ring,
                                                         std::span<const unsigned char> lost) {
     const std::size_t begin = m_ringBegin[ring];
     const std::size_t end = m_ringBegin[ring + 1];
-    if (lost.empty()) return {m_values.data() + begin, m_values.data() + end};
+    if (m_ringLosesSome[ring] == 0) return {m_values.data() + begin, m_values.data() + end};
     m_recorded.clear();
     for (std::size_t i = begin; i < end; ++i)
         if (!lost[m_pixelsByRing[i]]) m_recorded.push_back(m_values[i]);
@@ -198,34 +221,42 @@ std::span<const short> RadialBackground::recordedValues(std::size_t ring,
 }
 
 void RadialBackground::estimateProfile(std::span<const unsigned char> lost) {
-    Counter counter;
+    markRings(lost);
+    short guess = 0;
     for (std::size_t ring = 0; ring < rings(); ++ring) {
         const std::span<const short> values = recordedValues(ring, lost);
         m_zeroIsDead[ring] = false;
         m_profile[ring] = ring > 0 ? m_profile[ring - 1] : 0.0F;
         if (values.empty()) continue;
-        counter.count(values);
+        RingValues counts(values, guess);
         // Dead pixels must not be taken for background: look at the others first.
-        const std::uint32_t zeros = counter.take(0);
-        if (zeros < values.size()) {
-            const Level alive = backgroundOf(counter);
+        counts.leaveZerosOut(true);
+        if (counts.zeros() < values.size()) {
+            const Level alive = backgroundOf(counts);
             m_zeroIsDead[ring] = alive.mean > kCertainBackground && alive.mean > 4.0 * alive.sigma;
             m_profile[ring] = static_cast<float>(alive.mean);
-            if (m_zeroIsDead[ring] || zeros == 0) continue;
         }
-        counter.give(0, zeros);
-        m_profile[ring] = static_cast<float>(backgroundOf(counter).mean);
+        if (!m_zeroIsDead[ring] && counts.zeros() > 0) {
+            counts.leaveZerosOut(false);
+            m_profile[ring] = static_cast<float>(backgroundOf(counts).mean);
+        }
+        guess = cv::saturate_cast<short>(m_profile[ring]);
     }
     m_profile[rings()] = m_profile[rings() - 1];
 }
 
 void RadialBackground::subtractProfile(const Frame& in, std::span<const unsigned char> lost) {
-    const short* pixels = in[0];
-    float* remainder = m_remainder[0];
-    for (std::size_t i = 0; i < m_values.size(); ++i) {
-        const float* profile = &m_profile[m_innerRing[i]];
-        remainder[i] =
-            static_cast<float>(pixels[i]) - (profile[0] + m_fraction[i] * (profile[1] - profile[0]));
+    // Rows and columns mirror each other.
+    for (int y = 0; 2 * y < m_height; ++y) {
+        const std::size_t quarter = quarterRow(y);
+        for (int x = 0; x < m_halfWidth; ++x) {
+            const std::size_t i = quarter + static_cast<std::size_t>(x);
+            const float* profile = &m_profile[m_innerRing[i]];
+            m_level[static_cast<std::size_t>(x)] = profile[0] + m_fraction[i] * (profile[1] - profile[0]);
+        }
+        mirror(m_level);
+        for (const int row : {y, m_height - 1 - y})
+            subtractLevel(in[row], m_level.data(), m_level.size(), m_remainder[row]);
     }
     if (m_hasDead) std::fill(m_dead.begin(), m_dead.end(), std::uint8_t{0});
     m_hasDead = !lost.empty();
@@ -255,7 +286,14 @@ void RadialBackground::subtractLocalRemainder() {
                     if (!m_dead[static_cast<std::size_t>(y) * static_cast<std::size_t>(m_width) +
                                 static_cast<std::size_t>(x)])
                         sample.push_back(m_remainder(y, x));
-            cells(row, column) = sample.empty() ? 0.0F : medianOf(sample);
+            if (sample.empty()) {
+                cells(row, column) = 0.0F;
+                continue;
+            }
+            m_cell.assign(sample);
+            const float upper = m_cell.upperMedian();
+            cells(row, column) =
+                sample.size() % 2 == 1 ? upper : 0.5F * (upper + m_cell.valueOfRank(sample.size() / 2 - 1));
         }
     cv::medianBlur(cells, cells, 3);
     subtractBetween(cells);
@@ -298,25 +336,53 @@ void RadialBackground::subtractBetween(const cv::Mat_<float>& cells) {
     }
 }
 
+void RadialBackground::estimateRingMedians() {
+    const std::size_t pixels = m_values.size();
+    limitUnits(m_units[0], pixels, m_ranked.data());
+    if (m_hasDead)
+        for (std::size_t i = 0; i < pixels; ++i)
+            if (m_dead[i]) m_ranked[i] = kDeadUnit;
+    for (std::size_t i = 0; i < pixels; ++i)
+        m_values[i] = m_ranked[m_pixelsByRing[i]];
+    for (std::size_t ring = 0; ring < rings(); ++ring)
+        m_twiceRingMedian[ring] = twiceMedianOf(ring, 0);
+}
+
+/// The sum of the two middle values (twice the middle one of an odd number); 0 where there is none.
+int RadialBackground::twiceMedianOf(std::size_t ring, short guess) {
+    const std::span<const short> values(m_values.data() + m_ringBegin[ring],
+                                        m_values.data() + m_ringBegin[ring + 1]);
+    const std::size_t dead = m_hasDead ? countUpTo(values, kDeadUnit) : 0;
+    const std::size_t live = values.size() - dead;
+    if (live == 0) return 0;
+    const int lower = valueOfRank(values, dead + (live - 1) / 2, guess);
+    const int upper = live % 2 == 1 ? lower : valueOfRank(values, dead + live / 2, static_cast<short>(lower));
+    return lower > -kMostUnits && upper < kMostUnits ? lower + upper : twiceMedianBySorting(ring);
+}
+
+/// The same where half of the values are beyond what is ranked.
+int RadialBackground::twiceMedianBySorting(std::size_t ring) {
+    const int* units = m_units[0];
+    m_scratch.clear();
+    for (std::size_t i = m_ringBegin[ring]; i < m_ringBegin[ring + 1]; ++i)
+        if (!m_dead[m_pixelsByRing[i]]) m_scratch.push_back(units[m_pixelsByRing[i]]);
+    std::sort(m_scratch.begin(), m_scratch.end());
+    return m_scratch[(m_scratch.size() - 1) / 2] + m_scratch[m_scratch.size() / 2];
+}
+
 void RadialBackground::subtractRingMedians(Frame out) {
     m_remainder.convertTo(m_units, CV_32S, kUnit);
-    const int* units = m_units[0];
-    short* pixels = out[0];
-    for (std::size_t ring = 0; ring < rings(); ++ring) {
-        const std::span<const std::uint32_t> ringPixels(m_pixelsByRing.data() + m_ringBegin[ring],
-                                                        m_pixelsByRing.data() + m_ringBegin[ring + 1]);
-        m_ringValues.resize(ringPixels.size());
-        std::size_t live = 0;
-        for (const std::uint32_t pixel : ringPixels) {
-            m_ringValues[live] = units[pixel];
-            live += m_dead[pixel] ? 0 : 1;
-        }
-        const std::span<const int> values(m_ringValues.data(), live);
-        m_twiceRingMedian[ring] = values.empty() ? 0 : twiceMedianOf(values, m_counts, m_scratch);
+    estimateRingMedians();
+    for (int y = 0; 2 * y < m_height; ++y) {
+        const std::uint16_t* rings = m_ringOf.data() + quarterRow(y);
+        for (int x = 0; x < m_halfWidth; ++x)
+            m_twiceRowMedian[static_cast<std::size_t>(x)] = m_twiceRingMedian[rings[x]];
+        mirror(m_twiceRowMedian);
+        for (const int row : {y, m_height - 1 - y})
+            subtractHalf(m_units[row], m_twiceRowMedian.data(), m_twiceRowMedian.size(), kUnitBits + 1,
+                         out[row]);
     }
-    for (std::size_t i = 0; i < m_ringOf.size(); ++i)
-        pixels[i] = cv::saturate_cast<short>(
-            shiftRounded(2 * units[i] - m_twiceRingMedian[m_ringOf[i]], kUnitBits + 1));
+    short* pixels = out[0];
     if (m_hasDead)
         for (std::size_t i = 0; i < m_dead.size(); ++i)
             if (m_dead[i]) pixels[i] = 0;

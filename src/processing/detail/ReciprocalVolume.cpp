@@ -90,14 +90,20 @@ void transpose(const short* in, std::size_t width, std::size_t height, short* ou
 }  // namespace
 
 ReciprocalVolumeFiller::ReciprocalVolumeFiller(const VoxMRCData& series, const SamplingGeometry& geometry,
-                                               VoxMRCData& volume)
+                                               const FrameRotation* rotation, VoxMRCData& volume)
     : m_series(series),
       m_geometry(geometry),
+      m_rotation(rotation),
       m_volume(volume),
       m_width(geometry.width()),
       m_height(series.GetHeight()),
       m_groupsOfPair(2 * (m_width / 2 + 1)),
-      m_average(m_height),
+      m_lanes([this] {
+          Lane lane;
+          if (m_rotation) lane.rotation = m_rotation->another();
+          lane.average.resize(m_height);
+          return lane;
+      }),
       m_lowest(std::numeric_limits<short>::max()),
       m_highest(std::numeric_limits<short>::min()) {
     sortColumns(groupsOfColumns());
@@ -143,40 +149,55 @@ void ReciprocalVolumeFiller::sortColumns(const std::vector<std::uint32_t>& group
             m_columns[next[groups[column]]++] = static_cast<std::uint32_t>(column);
 }
 
-const short* ReciprocalVolumeFiller::transposed(int pattern) {
-    Transposed& result = m_transposed[static_cast<std::size_t>(pattern) % 2];
+const short* ReciprocalVolumeFiller::transposed(int pattern, Lane& lane) const {
+    Transposed& result = lane.transposed[static_cast<std::size_t>(pattern) % 2];
     if (result.pattern != pattern) {
         result.pixels.resize(m_width * m_height);
-        transpose(m_series.GetChunkPointer(static_cast<unsigned>(pattern)), m_width, m_height,
-                  result.pixels.data());
+        const short* pixels = m_series.GetChunkPointer(static_cast<unsigned>(pattern));
+        if (lane.rotation) {
+            lane.turned.create(static_cast<int>(m_height), static_cast<int>(m_width));
+            lane.rotation->apply(readOnly(pixels, static_cast<int>(m_width), static_cast<int>(m_height)),
+                                 lane.turned);
+            pixels = lane.turned[0];
+        }
+        transpose(pixels, m_width, m_height, result.pixels.data());
         result.pattern = pattern;
     }
     return result.pixels.data();
 }
 
-void ReciprocalVolumeFiller::fillPair(unsigned pair) {
+void ReciprocalVolumeFiller::fillPair(unsigned pair, std::size_t number) {
+    Lane& lane = m_lanes[number];
     for (std::size_t group = pair * m_groupsOfPair; group < (pair + 1) * m_groupsOfPair; ++group) {
         const std::uint32_t begin = m_groupBegin[group];
         const std::uint32_t end = m_groupBegin[group + 1];
-        if (begin < end) fillGroup({m_columns.data() + begin, m_columns.data() + end});
+        if (begin < end) fillGroup({m_columns.data() + begin, m_columns.data() + end}, lane);
     }
 }
 
-void ReciprocalVolumeFiller::fillGroup(std::span<const std::uint32_t> columns) {
+void ReciprocalVolumeFiller::finish() {
+    m_lanes.forEach([this](const Lane& lane) {
+        m_lowest = std::min(m_lowest, lane.lowest);
+        m_highest = std::max(m_highest, lane.highest);
+        m_counts.add(lane.counts);
+    });
+}
+
+void ReciprocalVolumeFiller::fillGroup(std::span<const std::uint32_t> columns, Lane& lane) const {
     static const Average average = fastestAverage();
     const auto width = static_cast<std::uint32_t>(m_width);
     const SamplingGeometry::Sample sample = m_geometry.sample(columns[0] % width, columns[0] / width);
-    const short* lower = transposed(sample.lower);
-    const short* upper = transposed(sample.upper);
+    const short* lower = transposed(sample.lower, lane);
+    const short* upper = transposed(sample.upper, lane);
     const std::size_t inner = static_cast<std::size_t>(sample.innerColumn) * m_height;
     const std::size_t outer = static_cast<std::size_t>(sample.outerColumn) * m_height;
     const Limits limits =
-        average(upper + inner, lower + inner, upper + outer, lower + outer, m_average.data(), m_height);
-    m_lowest = std::min(m_lowest, limits.lowest);
-    m_highest = std::max(m_highest, limits.highest);
-    m_counts.add(m_average, static_cast<std::uint32_t>(columns.size()));
+        average(upper + inner, lower + inner, upper + outer, lower + outer, lane.average.data(), m_height);
+    lane.lowest = std::min(lane.lowest, limits.lowest);
+    lane.highest = std::max(lane.highest, limits.highest);
+    lane.counts.add(lane.average, static_cast<std::uint32_t>(columns.size()));
     for (const std::uint32_t column : columns)
-        std::copy(m_average.begin(), m_average.end(),
+        std::copy(lane.average.begin(), lane.average.end(),
                   m_volume.GetChunkPointer(column / width) + column % width * m_height);
 }
 

@@ -5,12 +5,16 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
+#include <optional>
 #include <span>
 #include <vector>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "VoxCore/DataModel/detail/ValueCounts.h"
+#include "foundation/SharedLoop.h"
 #include "processing/SamplingGeometry.h"
+#include "processing/detail/Resampling.h"
 
 namespace VRK::detail {
 
@@ -25,20 +29,25 @@ inline constexpr short kNotRecorded = -10;
 /// transposed patterns are needed at a time, and these stay in the cache.
 class ReciprocalVolumeFiller {
 public:
-    /// \param volume zeros, width x height x depth of the geometry
-    ReciprocalVolumeFiller(const VoxMRCData& series, const SamplingGeometry& geometry, VoxMRCData& volume);
+    /// \param rotation  of the patterns before they are used; null: none. Must live as long
+    /// \param volume    zeros, width x height x depth of the geometry
+    ReciprocalVolumeFiller(const VoxMRCData& series, const SamplingGeometry& geometry,
+                           const FrameRotation* rotation, VoxMRCData& volume);
 
     /// Pairs of neighbouring patterns.
     unsigned pairs() const { return m_series.GetDepth() - 1; }
     /// Stores the averages of all voxel columns between the patterns \p pair and \p pair + 1, negative ones
     /// as 0; voxels that were not recorded are left alone. Pairs are filled once each, fastest in their
     /// order.
-    void fillPair(unsigned pair);
+    /// \param lane  calls at the same time have different ones (WorkSharing), for scratch memory
+    void fillPair(unsigned pair, std::size_t lane = 0);
+    /// When all pairs are filled.
+    void finish();
 
-    /// Limits, when all pairs are filled, as they were before the clearing, kNotRecorded included.
+    /// Limits, when all is finished, as they were before the clearing, kNotRecorded included.
     short lowest() const { return m_lowest; }
     short highest() const { return m_highest; }
-    /// How often each value occurs, when all pairs are filled, after the clearing.
+    /// How often each value occurs, when all is finished, after the clearing.
     const ValueCounts& counts() const { return m_counts; }
 
 private:
@@ -51,22 +60,32 @@ private:
         std::vector<short> pixels;
     };
 
+    struct Lane {
+        std::array<Transposed, 2> transposed;
+        std::optional<FrameRotation> rotation;
+        Frame turned;
+        std::vector<short> average;
+        short lowest = std::numeric_limits<short>::max();
+        short highest = std::numeric_limits<short>::min();
+        ValueCounts counts;
+    };
+
     std::vector<std::uint32_t> groupsOfColumns() const;
     std::uint32_t groupOf(const SamplingGeometry::Sample& sample, bool right) const;
     void sortColumns(const std::vector<std::uint32_t>& groups);
-    const short* transposed(int pattern);
-    void fillGroup(std::span<const std::uint32_t> columns);
+    const short* transposed(int pattern, Lane& lane) const;
+    void fillGroup(std::span<const std::uint32_t> columns, Lane& lane) const;
 
     const VoxMRCData& m_series;
     const SamplingGeometry& m_geometry;
+    const FrameRotation* m_rotation;
     VoxMRCData& m_volume;
     std::size_t m_width;
     std::size_t m_height;
     std::size_t m_groupsOfPair;               ///< groups between two patterns, empty ones included
     std::vector<std::uint32_t> m_columns;     ///< voxel columns (layer * width + x), group after group
     std::vector<std::uint32_t> m_groupBegin;  ///< where a group begins in it; one more for the end
-    std::array<Transposed, 2> m_transposed;
-    std::vector<short> m_average;
+    PerLane<Lane> m_lanes;
     short m_lowest;
     short m_highest;
     ValueCounts m_counts;

@@ -136,6 +136,12 @@ FrameRotation::FrameRotation(int width, int height, double angleDegrees, const F
         }
 }
 
+FrameRotation FrameRotation::another() const {
+    FrameRotation result = *this;
+    result.m_padded = m_padded.clone();
+    return result;
+}
+
 FrameRotation::Source FrameRotation::sourceOf(double x, double y, int width, int height) const {
     const int stepsX = cvRound(x * kSteps);
     const int stepsY = cvRound(y * kSteps);

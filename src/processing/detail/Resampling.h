@@ -30,6 +30,8 @@ private:
 class FrameRotation {
 public:
     FrameRotation(int width, int height, double angleDegrees, const FrameDistortion& distortion = {});
+    /// The same rotation with scratch memory of its own.
+    FrameRotation another() const;
     void apply(const Frame& in, Frame out);
 
 private:

@@ -41,6 +41,12 @@ public:
     /// Counts one value several times.
     void add(short value, std::uint32_t times) { m_tables[index(value)] += times; }
 
+    /// Counts what another one counted.
+    void add(const ValueCounts& other) {
+        for (std::size_t i = 0; i < m_tables.size(); ++i)
+            m_tables[i] += other.m_tables[i];
+    }
+
     std::uint32_t count(short value) const {
         std::uint32_t sum = 0;
         for (std::size_t t = 0; t < kTables; ++t)

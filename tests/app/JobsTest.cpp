@@ -1,0 +1,62 @@
+// Threads change no file of a run.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "RunVrk.h"
+#include "support/TemporaryFolder.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+/// The summary without what it says of time, memory and the command line.
+std::string withoutCosts(const std::string& text) {
+    nlohmann::json summary = nlohmann::json::parse(text);
+    for (const char* key : {"program", "seconds", "memory_mib", "peak_memory_mib"})
+        summary.erase(key);
+    return summary.dump();
+}
+
+/// The contents of all files of a run but the log, which tells the time.
+std::map<std::string, std::string> filesOf(const TemporaryFolder& folder, const std::string& name) {
+    std::map<std::string, std::string> files;
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(folder / name))
+        if (entry.is_regular_file() && entry.path().filename() != "vrk.log") {
+            const std::string file = fs::relative(entry.path(), folder / name).string();
+            files[file] = folder.read(name + "/" + file);
+        }
+    std::string& summary = files["summary.json"];
+    std::string& page = files["report.html"];
+    // The page holds the summary as it is.
+    const std::string whole = summary.substr(0, summary.find_last_not_of('\n') + 1);
+    if (const std::size_t at = page.find(whole); at != std::string::npos) page.erase(at, whole.size());
+    summary = withoutCosts(summary);
+    return files;
+}
+
+TEST(JobsTest, EveryNumberOfThreadsGivesTheSameFiles) {
+    const TemporaryFolder folder;
+    const std::string series = folder / "series.mrc";
+    ASSERT_EQ(runVrk({"simulate", "-o", series, "--cell", "4.1,5.2,6.3,90,100,90", "--size", "96", "--tilts",
+                      "-30:30:3", "--axis", "20", "--write-axis"})
+                  .exitCode,
+              0);
+    std::map<std::string, std::string> one;
+    for (const char* jobs : {"1", "2", "5"}) {
+        const std::string name = std::string("jobs") + jobs;
+        const VrkResult run = runVrk({"run", series, "-o", folder / name, "--jobs", jobs, "--keep-volume"});
+        ASSERT_EQ(run.exitCode, 0) << run.err;
+        const std::map<std::string, std::string> files = filesOf(folder, name);
+        EXPECT_GT(files.size(), 30U);
+        if (one.empty()) one = files;
+        ASSERT_EQ(files.size(), one.size());
+        for (const auto& [file, content] : files)
+            EXPECT_TRUE(content == one[file]) << file << " with " << jobs << " jobs";
+    }
+}
+
+}  // namespace

@@ -1,0 +1,43 @@
+#include "pipeline/latticesearch/LayerSearch.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "latticesearch/PlainLayerSearch.h"
+
+namespace {
+
+/// Nodes of a lattice around the origin, off by some noise, among points that lie anywhere.
+vrk::Points pointsOf(const Eigen::Matrix3d& basis, double noise, int strays, std::mt19937& random) {
+    std::normal_distribution<double> off(0.0, noise);
+    std::uniform_real_distribution<double> anywhere(-60.0, 60.0);
+    vrk::Points points;
+    for (int i = 0; i < 400; ++i) {
+        const Eigen::Vector3d place(anywhere(random), anywhere(random), anywhere(random));
+        const Eigen::Vector3d node = basis * Eigen::Vector3d((basis.inverse() * place).array().round());
+        points.push_back(i < strays ? place
+                                    : Eigen::Vector3d(node + Eigen::Vector3d(off(random), off(random), 0.0)));
+    }
+    return points;
+}
+
+}  // namespace
+
+TEST(LayerSearchTest, FindsWhatExactSumsFind) {
+    std::mt19937 random(5);
+    std::uniform_real_distribution<double> part(-0.3, 0.3);
+    for (const double noise : {0.0, 0.3, 1.5})
+        for (const double spacing : {3.1, 6.0, 14.0})
+            for (const int strays : {0, 150, 400}) {
+                Eigen::Matrix3d basis = Eigen::Vector3d(11.0, 17.0, spacing).asDiagonal();
+                basis.col(2) += Eigen::Vector3d(part(random) * 11.0, part(random) * 17.0, 0.0);
+                const vrk::Points points = pointsOf(basis, noise, strays, random);
+                vrk::Lattice lattice{basis, Eigen::Vector3d::Zero()};
+                EXPECT_EQ(vrk::basesFromLayers(points, basis.col(0), basis.col(1)),
+                          plain::basesFromLayers(points, basis.col(0), basis.col(1)));
+                for (int third = 0; third < 3; ++third)
+                    EXPECT_EQ(vrk::basesFromRows(points, lattice, third),
+                              plain::basesFromRows(points, lattice, third));
+            }
+}

@@ -1,0 +1,217 @@
+// Loops that threads share give what one thread gives.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <functional>
+#include <memory>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "VoxCore/DataModel/VoxMRCData.h"
+#include "foundation/SharedLoop.h"
+#include "pipeline/base/Session.h"
+#include "pipeline/base/Workers.h"
+#include "processing/RecordedPixels.h"
+#include "processing/ShadowMask.h"
+#include "processing/VoxMRCstemProcessing.h"
+
+namespace {
+
+using Data = std::unique_ptr<VoxMRCData>;
+
+/// Keeps what is told, and stops after some steps.
+class Listener : public vrk::Observer {
+public:
+    void logged(const char* message, VRK::MessageType) override {
+        EXPECT_EQ(std::this_thread::get_id(), m_thread);
+        messages.emplace_back(message);
+    }
+    void progressed(int, int) override {
+        EXPECT_EQ(std::this_thread::get_id(), m_thread);
+        ++steps;
+    }
+    bool canceled() override { return steps >= stopAfter; }
+
+    std::vector<std::string> messages;
+    int steps = 0;
+    int stopAfter = 1 << 30;
+
+private:
+    std::thread::id m_thread = std::this_thread::get_id();
+};
+
+void say(const std::string& text) {
+    VRKLogger::getInstance()->log(text);
+}
+
+TEST(Workers, DoEveryItemOnceAndTellInOrder) {
+    constexpr std::size_t kItems = 200;
+    Listener listener;
+    vrk::Session session(listener);
+    const vrk::Workers workers(4);
+    ASSERT_EQ(VRK::lanes(), 4u);
+    std::vector<std::atomic<int>> busy(VRK::lanes());
+    std::vector<int> done(kItems, 0);
+    std::size_t told = 0;
+    const bool complete = VRK::shareItems(
+        kItems,
+        [&](std::size_t item, std::size_t lane) {
+            EXPECT_EQ(busy[lane]++, 0) << "a lane does one item at a time";
+            EXPECT_EQ(VRK::lanes(), 1u) << "loops within an item are not shared";
+            if (item % 7 == 0) std::this_thread::yield();
+            ++done[item];
+            say(std::to_string(item));
+            --busy[lane];
+        },
+        [&](std::size_t prefix) {
+            EXPECT_GE(prefix, told);
+            EXPECT_EQ(listener.messages.size(), prefix) << "what is done was told";
+            told = prefix;
+            return true;
+        });
+    EXPECT_TRUE(complete);
+    EXPECT_EQ(done, std::vector<int>(kItems, 1));
+    ASSERT_EQ(listener.messages.size(), kItems);
+    for (std::size_t i = 0; i < kItems; ++i)
+        EXPECT_EQ(listener.messages[i], std::to_string(i));
+}
+
+TEST(Workers, ThrowWhatTheFirstItemThrewAndStopOnRequest) {
+    for (const int jobs : {1, 3}) {
+        const vrk::Workers workers(jobs);
+        std::atomic<int> begun = 0;
+        try {
+            VRK::shareItems(100, [&](std::size_t item, std::size_t) {
+                ++begun;
+                if (item == 5 || item == 6) throw std::runtime_error(std::to_string(item));
+            });
+            ADD_FAILURE() << "nothing thrown";
+        } catch (const std::runtime_error& error) {
+            EXPECT_STREQ(error.what(), "5");
+        }
+        EXPECT_LT(begun, 100);
+        begun = 0;
+        EXPECT_FALSE(VRK::shareItems(
+            100, [&](std::size_t, std::size_t) { ++begun; }, [](std::size_t done) { return done < 4; }));
+        EXPECT_GE(begun, 4);
+        EXPECT_LT(begun, 100);
+    }
+}
+
+TEST(Workers, LeaveTheWorkToThoseOfTheirThread) {
+    const vrk::Workers outer(3);
+    {
+        const vrk::Workers inner(5);
+        EXPECT_EQ(VRK::lanes(), 3u);
+    }
+    EXPECT_EQ(VRK::lanes(), 3u);
+    std::thread other([] { EXPECT_EQ(VRK::lanes(), 1u) << "of this thread alone"; });
+    other.join();
+}
+
+/// Patterns of noise with a beam, a halo, spots, hot and dead pixels; some show no beam.
+Data someSeries() {
+    constexpr unsigned kSize = 96;
+    constexpr unsigned kPatterns = 23;
+    Data series(VoxMRCData::Create3D(kSize, kSize, kPatterns));
+    mrcH& header = series->m_Header;
+    header.nx = header.ny = kSize;
+    header.nz = kPatterns;
+    std::mt19937 random(8);
+    for (unsigned z = 0; z < kPatterns; ++z) {
+        header.setValue(SliceValue::TiltAngle, static_cast<int>(z), -44.0F + 4.0F * static_cast<float>(z));
+        const double cx = 47.5 + 0.2 * z, cy = 46.0 - 0.1 * z;
+        const double beam = z % 9 == 4 ? 0.0 : 3000.0;
+        short* pixels = series->GetChunkPointer(z);
+        for (unsigned y = 0; y < kSize; ++y)
+            for (unsigned x = 0; x < kSize; ++x) {
+                const double dx = x - cx, dy = y - cy, square = dx * dx + dy * dy;
+                double mean = 20 + beam * std::exp(-square / 8) + beam / 30 / (1 + square / 60);
+                for (int k = 1; k < 4; ++k)
+                    for (const double side : {-1.0, 1.0})
+                        mean += 400 * std::exp(-(std::pow(dx - side * 11 * k, 2) +
+                                                 std::pow(dy - side * (7 + z % 5) * k, 2)) /
+                                               3);
+                *pixels++ = static_cast<short>(std::poisson_distribution<int>(mean)(random));
+            }
+        series->GetChunkPointer(z)[(z * 131) % (kSize * kSize)] = 20000;
+    }
+    return series;
+}
+
+void expectSame(const VoxMRCData& one, const VoxMRCData& other, const std::string& step) {
+    ASSERT_EQ(one.GetChunkCount(), other.GetChunkCount()) << step;
+    EXPECT_EQ(one.m_Header.amin, other.m_Header.amin) << step;
+    EXPECT_EQ(one.m_Header.amax, other.m_Header.amax) << step;
+    EXPECT_EQ(one.m_Header.amean, other.m_Header.amean) << step;
+    for (unsigned z = 0; z < one.GetChunkCount(); ++z)
+        ASSERT_TRUE(std::equal(one.GetChunkPointer(z), one.GetChunkPointer(z) + one.GetChunkSize(),
+                               other.GetChunkPointer(z)))
+            << step << ", slice " << z;
+}
+
+/// Every operation of a run on frames, one after the other, and what was logged.
+struct Chain {
+    std::vector<std::pair<std::string, Data>> results;
+    std::vector<PatternCentre> centres;
+    std::vector<std::string> messages;
+
+    explicit Chain(VoxMRCData& series) {
+        Listener listener;
+        vrk::Session session(listener);
+        VoxMRCstemProcessing processing;
+        processing.registerObserver(&session.progress());
+        const auto add = [&](const char* name, VoxMRCData* result) {
+            ASSERT_TRUE(result) << name;
+            results.emplace_back(name, result);
+        };
+        add("hot spots", processing.HotSpotFilterImageStack(&series));
+        const VoxMRCData* clean = results.back().second.get();
+        ShadowMask shadows;
+        EXPECT_TRUE(processing.findCentres(clean, centres, &shadows));
+        const RecordedPixels recorded(96, 96, {0, 0, 96, 96}, shadows, centres);
+        add("centre", processing.moveToCentre(clean, centres));
+        add("background", processing.step1_BackgroundSubstraction(results.back().second.get(), recorded));
+        add("smooth", processing.smooth(results.back().second.get(), 0.7));
+        add("turn", processing.turnUndistorted(results.back().second.get(), 31.0, {}));
+        add("volume", processing.recoByAngle(results.back().second.get(), 1e8, 1, true));
+        add("binned", processing.RebinImageStack(results[4].second.get()));
+        messages = listener.messages;
+    }
+};
+
+TEST(SharedPatterns, GiveTheFilesAndMessagesOfOneThread) {
+    const Data series = someSeries();
+    const Chain alone(*series);
+    for (const int jobs : {2, 5}) {
+        const vrk::Workers workers(jobs);
+        const Chain shared(*series);
+        ASSERT_EQ(shared.results.size(), alone.results.size());
+        for (std::size_t i = 0; i < alone.results.size(); ++i)
+            expectSame(*alone.results[i].second, *shared.results[i].second, alone.results[i].first);
+        for (std::size_t i = 0; i < alone.centres.size(); ++i) {
+            EXPECT_EQ(shared.centres[i].x, alone.centres[i].x);
+            EXPECT_EQ(shared.centres[i].y, alone.centres[i].y);
+        }
+        EXPECT_EQ(shared.messages, alone.messages);
+    }
+}
+
+TEST(SharedPatterns, StopOnRequest) {
+    const Data series = someSeries();
+    Listener listener;
+    listener.stopAfter = 5;
+    vrk::Session session(listener);
+    const vrk::Workers workers(3);
+    VoxMRCstemProcessing processing;
+    processing.registerObserver(&session.progress());
+    EXPECT_EQ(Data(processing.HotSpotFilterImageStack(series.get())), nullptr);
+    EXPECT_EQ(listener.messages.back(), " HotSpotFilterImageStack() canceled ...");
+}
+
+}  // namespace
