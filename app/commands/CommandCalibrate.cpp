@@ -153,7 +153,7 @@ void addCalibrateCommand(CommandLine& line, Host& host) {
     command.option("--voltage", options->run.kiloVolts, "High tension in kV [the series']").positive();
     command.flag("--json", options->json, "Print the result as JSON");
     addLogOptions(command, options->log);
-    addMemoryOption(command, host);
+    addMemoryOption(command, &host);
     command.footer(
         "Example:\n  vrk calibrate garnet.mrc --cell 11.95,11.95,11.95,90,90,90 -o distortion.json\n"
         "  vrk run unknown.mrc -o result --distortion distortion.json");

@@ -282,7 +282,7 @@ void addCellCommand(CommandLine& line, Host& host) {
         .typeName("FOLDER");
     addLogOptions(command, options->log);
     command.flag("--json", options->json, "Print the result as JSON");
-    addMemoryOption(command, host);
+    addMemoryOption(command, &host);
     command.footer(
         "Difference vectors are clustered with several sets of parameters, and the lattice that explains "
         "the\n"

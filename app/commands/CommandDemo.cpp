@@ -316,7 +316,7 @@ void addDemoCommand(CommandLine& line, Host& host) {
     addAxisOption(command, options->tiltAxis);
     command.option("--seed", settings.seed, "Seed of everything random").showDefault().typeName("INT");
     command.flag("--json", options->json, "Print the comparison as JSON");
-    addMemoryOption(command, host);
+    addMemoryOption(command, &host);
     command.footer("Example:\n  vrk demo -o vrk-demo --cell 12.02,12.02,12.02,90,90,90 --centring I");
     command.action([options, &line, &host] { demo(*options, line.text(), host); });
 }

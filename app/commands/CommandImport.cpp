@@ -87,7 +87,7 @@ void runImport(Host& host, const Options& options) {
     report(host, options, result);
 }
 
-Command describeImport(CommandLine& line, const std::shared_ptr<Options>& options) {
+Command describeImport(CommandLine& line, const std::shared_ptr<Options>& options, Host* host) {
     ImportSettings& settings = options->settings;
     Command command =
         line.command("import", "Make a tilt series from the frames of microscopes and collection programs");
@@ -143,12 +143,12 @@ Command describeImport(CommandLine& line, const std::shared_ptr<Options>& option
 
 void addImportOptions(CommandLine& line) {
     const auto options = std::make_shared<Options>();
-    describeImport(line, options).action([options] {});
+    describeImport(line, options, nullptr).action([options] {});
 }
 
 void addImportCommand(CommandLine& line, Host& host) {
     const auto options = std::make_shared<Options>();
-    describeImport(line, options).action([options, &host] { runImport(host, *options); });
+    describeImport(line, options, &host).action([options, &host] { runImport(host, *options); });
 }
 
 }  // namespace vrk::app

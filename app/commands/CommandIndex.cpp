@@ -474,7 +474,7 @@ void addIndexCommand(CommandLine& line, Host& host) {
     addModelOptions(command, *options);
     addLogOptions(command, options->log);
     command.flag("--json", options->json, "Print the result as JSON");
-    addMemoryOption(command, host);
+    addMemoryOption(command, &host);
     command.footer(
         "Example:\n  vrk index peaks.txt cell.txt -o garnet.hkl --format shelx --lattice cI --voltage 200 "
         "--volume volume.mrc\nwrites garnet.hkl and garnet.ins.");

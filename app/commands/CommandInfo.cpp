@@ -315,7 +315,7 @@ void addInfoCommand(CommandLine& line, Host& host) {
                 "Draw the pattern next to 0 degrees, with the tilt axis where one is known")
         .typeName("FILE.png");
     command.option("--axis", options->axis, "Axis to draw, degrees [as the series states]");
-    addMemoryOption(command, host);
+    addMemoryOption(command, &host);
     command.footer("Example:\n  vrk info series.mrc --slices --picture pattern.png");
     command.action([&host, options] { runInfo(host, *options); });
 }

@@ -238,7 +238,7 @@ void addPeaksCommand(CommandLine& line, Host& host) {
     addSearchOptions(command, options->search, true);
     command.flag("--json", options->json, "Print the result as JSON");
     addLogOptions(command, options->log);
-    addMemoryOption(command, host);
+    addMemoryOption(command, &host);
     command.footer("Example:\n  vrk peaks volume.mrc -o peaks.txt --threshold 40 --min-voxels 5");
     command.action([options, &host] { run(*options, host); });
 }

@@ -217,7 +217,7 @@ void addPreprocessCommand(CommandLine& line, Host& host) {
     addJobsOption(command, options->jobs);
     command.flag("--json", options->json, "Print the result as JSON");
     addLogOptions(command, options->log);
-    addMemoryOption(command, host);
+    addMemoryOption(command, &host);
     command.footer("Example:\n  vrk preprocess series.mrc -o clean.mrc --rotate 49.0 --log preprocess.log");
     command.action([options, &host] { run(*options, host); });
 }

@@ -101,7 +101,7 @@ void addReconstructCommand(CommandLine& line, Host& host) {
         .excludes(calibration);
     command.flag("--json", options->json, "Print the result as JSON");
     addLogOptions(command, options->log);
-    addMemoryOption(command, host);
+    addMemoryOption(command, &host);
     command.footer("Example:\n  vrk reconstruct clean.mrc -o volume.mrc --fine-calibration calibration.txt");
     command.action([options, &host] { run(*options, host); });
 }

@@ -146,7 +146,7 @@ void runSeries(const Options& options, const std::string& given, const std::stri
     }
 }
 
-Command describeRun(CommandLine& line, const std::shared_ptr<Options>& options) {
+Command describeRun(CommandLine& line, const std::shared_ptr<Options>& options, Host* host) {
     Command command =
         line.command("run", "Find the unit cell of a raw tilt series and index its reflections");
     command.option("series", options->series, "Tilt series (.mrc); 'vrk import' makes one")
@@ -214,12 +214,12 @@ Command describeRun(CommandLine& line, const std::shared_ptr<Options>& options) 
 
 void addRunOptions(CommandLine& line) {
     const auto options = std::make_shared<Options>();
-    describeRun(line, options).action([options] {});
+    describeRun(line, options, nullptr).action([options] {});
 }
 
 void addRunCommand(CommandLine& line, Host& host) {
     const auto options = std::make_shared<Options>();
-    Command command = describeRun(line, options);
+    Command command = describeRun(line, options, &host);
     command.action(
         [options, command, &line, &host] { runSeries(*options, command.givenOptions(), line.text(), host); });
 }

@@ -102,7 +102,7 @@ void addSectionsCommand(CommandLine& line, Host& host) {
     command.flag("--tga", options->sections.tga, "Write TGA files, too");
     command.flag("--json", options->json, "Print the names of the pictures and the reduction as JSON");
     addLogOptions(command, options->log);
-    addMemoryOption(command, host);
+    addMemoryOption(command, &host);
     command.footer("Example:\n  vrk sections volume.mrc cell.txt -o pictures --plane hk0 hk1 --nodes");
     command.action([options, &host] { run(*options, host); });
 }

@@ -339,7 +339,7 @@ void addSimulateCommand(CommandLine& line, Host& host) {
     addRecordingOptions(command, *options);
     addBeamStopOptions(command, *options);
     addCameraOptions(command, *options);
-    addMemoryOption(command, host);
+    addMemoryOption(command, &host);
     command.footer(
         "Example:\n  vrk simulate -o garnet.mrc --cell 11.9,11.9,11.9,90,90,90 --centring I --tilts "
         "-50:50:0.5\n"

@@ -138,7 +138,7 @@ void addTiltAxisCommand(CommandLine& line, Host& host) {
                  "The series comes from 'vrk preprocess'; take it as it is");
     command.flag("--json", options->json, "Print the result as JSON");
     addLogOptions(command, options->log);
-    addMemoryOption(command, host);
+    addMemoryOption(command, &host);
     command.footer("Example:\n  vrk tilt-axis series.mrc -o axis --accuracy 0.1");
     command.action([options, &host] { run(*options, host); });
 }

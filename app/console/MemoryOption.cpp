@@ -5,14 +5,15 @@
 
 namespace vrk::app {
 
-void addMemoryOption(Command& command, Host& host) {
-    const auto take = [&host](const std::string& text) {
+void addMemoryOption(Command& command, Host* host) {
+    const auto take = [host](const std::string& text) {
         const std::uint64_t bytes = memoryFromText(text, freeMemory());
+        if (!host) return;
         if (bytes <= residentMemory())
             throw Failure("--max-memory " + text + " is less than the " + memoryText(residentMemory()) +
                               " that the program takes by itself",
                           FailureKind::Usage);
-        host.limitMemory(bytes);
+        host->limitMemory(bytes);
     };
     command
         .parsedOption(

@@ -8,6 +8,7 @@
 namespace vrk::app {
 
 /// For commands whose input says how much memory they take.
-void addMemoryOption(Command& command, Host& host);
+/// \param host  is told the limit; without one the text is checked alone
+void addMemoryOption(Command& command, Host* host);
 
 }  // namespace vrk::app

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/MemoryLimit.h"
 #include "pipeline/base/Workers.h"
 #include "pipeline/run/MemoryNeed.h"
 #include "pipeline/run/RunSummary.h"
@@ -31,7 +32,7 @@ auto timed(StageCost& cost, Function function) {
     auto result = function();
     cost += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     cost.memory = peakMemory();
-    cost.resident = residentMemory();
+    cost.resident = static_cast<double>(residentMemory()) / (1 << 20);
     ++cost.times;
     return result;
 }

@@ -1,7 +1,6 @@
 #include "pipeline/run/RunSummary.h"
 
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -354,13 +353,6 @@ double peakMemory() {
     rusage usage{};
     getrusage(RUSAGE_SELF, &usage);
     return static_cast<double>(usage.ru_maxrss) / 1024.0;
-}
-
-double residentMemory() {
-    std::ifstream file("/proc/self/statm");
-    double total = 0.0, resident = 0.0;
-    if (!(file >> total >> resident)) return 0.0;
-    return resident * static_cast<double>(sysconf(_SC_PAGESIZE)) / (1 << 20);
 }
 
 std::string summaryJson(const RunRecord& record, const RunResult& result,

@@ -30,7 +30,5 @@ void writeSummary(const std::filesystem::path& path, const std::string& summary)
 
 /// Largest resident size of the process so far, in MiB.
 double peakMemory();
-/// The resident size of the process now, MiB; 0 where the system does not tell.
-double residentMemory();
 
 }  // namespace vrk
