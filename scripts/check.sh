@@ -5,6 +5,7 @@
 #   --tidy       clang-tidy over every source
 #   --threads    ThreadSanitizer finds nothing in loops that threads share
 #   --page       the page of the report works in a browser; its pictures are in build/report
+#   --engines    batches by the local engine and by a Slurm on this machine: killed, resumed, the same table
 #   --faults     of 200 planted one-line faults the tests notice at least 85 %
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -47,13 +48,20 @@ page() {
   scripts/report.sh --test
 }
 
+engines() {
+  scripts/setup.sh --with-engines
+  cmake --preset release >/dev/null
+  cmake --build --preset release --target vrk -- --quiet
+  nice -n 10 tests/engine/engines.sh build/release/app/vrk local slurm
+}
+
 faults() { scripts/mutate.sh --count 200 --seed "${VRKCORE_SEED:-1}" --at-least 85; }
 
 checks=()
 for argument in "$@"; do
   case "$argument" in
-    --clang | --coverage | --tidy | --threads | --page | --faults) checks+=("${argument#--}") ;;
-    --all) checks=(clang coverage tidy threads page faults) ;;
+    --clang | --coverage | --tidy | --threads | --page | --engines | --faults) checks+=("${argument#--}") ;;
+    --all) checks=(clang coverage tidy threads page engines faults) ;;
     -h | --help) usage 0 ;;
     *) usage 2 >&2 ;;
   esac

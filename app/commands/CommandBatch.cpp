@@ -142,13 +142,10 @@ std::string countsText(const std::vector<JobState>& states) {
     return text;
 }
 
-void printPlan(const std::vector<JobState>& states, const std::vector<JobState>& open, Host& host) {
+void printPlan(const std::vector<JobState>& states, bool again, Host& host) {
     for (const JobState& state : states) {
-        const bool isOpen = std::any_of(open.begin(), open.end(), [&](const JobState& other) {
-            return other.job.name == state.job.name;
-        });
-        host.out() << formatted("%-13s %6d MiB %5d min  ", isOpen ? "to run" : nameOf(state.record.outcome),
-                                state.needs.memory, state.needs.minutes)
+        const char* what = isOpen(state, again) ? "to run" : nameOf(state.record.outcome);
+        host.out() << formatted("%-13s %6d MiB %5d min  ", what, state.needs.memory, state.needs.minutes)
                    << state.job.name << (state.job.series.needsImport ? "  (frames)" : "");
         for (const std::string& word : wordsOf(state.job.options))
             host.out() << ' ' << word;
@@ -169,13 +166,13 @@ public:
         std::vector<JobState> states = statesOf(jobs, m_folder, VRK::kVersion);
         const std::vector<JobState> open = openJobs(states, m_options.again);
         if (m_options.dryRun) {
-            printPlan(states, open, m_host);
+            printPlan(states, m_options.again, m_host);
             m_host.out() << countsText(states) << "; " << open.size() << " to run\n";
             return;
         }
         makeFolder(m_folder.path());
         const BatchLock lock(m_folder);
-        if (!m_options.input.empty()) writePlan(jobs, m_folder);
+        if (!m_options.input.empty()) writePlan(jobs, m_folder, VRK::kVersion);
         const std::vector<WorkUnit> units = unitsOf(open, m_options.engine);
         writeWorkflow(units, m_options.engine, m_folder);
         if (m_options.planOnly) {
@@ -232,7 +229,7 @@ private:
         std::ifstream diary;
         std::size_t ended = 0;
         m_host.session().beginPart(1, 1, "run " + std::to_string(jobs) + " jobs");
-        const ChildCommand command = {engineCommand(units, m_options.engine), m_folder.path(),
+        const ChildCommand command = {engineCommand(units, m_options.engine), m_folder.path(), true,
                                       m_folder.workflow() / "engine.log"};
         fs::remove(command.log, ignored);
         const ChildEnd end = runChild(
@@ -247,7 +244,6 @@ private:
         m_host.session().endParts();
         if (end.exitCode == 127) throw Failure("snakemake could not be started: " + end.lastWords);
         m_host.session().checkCanceled();
-        m_engineCode = end.exitCode;
     }
 
     void collectAndPrint(const std::vector<JobState>& states) {
@@ -300,7 +296,6 @@ private:
     const Options& m_options;
     Host& m_host;
     BatchFolder m_folder;
-    int m_engineCode = 0;
 };
 
 void runBatch(Options options, Host& host) {

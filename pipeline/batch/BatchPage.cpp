@@ -37,7 +37,7 @@ td img { display: block; width: 48px; height: 48px; }
 .light { display: inline-block; width: .8rem; height: .8rem; border-radius: 50%; margin-right: .4rem; background: var(--none); }
 .light.high { background: var(--high); } .light.fair { background: var(--fair); } .light.low { background: var(--low); }
 .plots { display: grid; grid-template-columns: repeat(auto-fit, minmax(min(100%, 30rem), 1fr)); gap: 1rem; }
-svg { width: 100%; height: auto; background: var(--panel); border-radius: 8px; font-size: 12px; }
+svg { width: 100%; max-width: 1100px; height: auto; background: var(--panel); border-radius: 8px; font-size: 12px; }
 svg text { fill: var(--ink); } svg .line { stroke: var(--ink); fill: none; } svg .rule { stroke: var(--line); }
 svg .cut { stroke: var(--low); stroke-dasharray: 4 3; } svg .mean { stroke: var(--high); } svg .bar { stroke: var(--faint); }
 svg circle { fill: var(--link); } svg circle.odd { fill: var(--low); }
@@ -358,7 +358,7 @@ private:
         m_text +=
             formatted("<svg viewBox=\"0 0 %.0f %.0f\" role=\"img\" aria-label=\"dendrogram of the cells\">\n",
                       kWidth, height);
-        for (const double distance : {0.001, 0.003, 0.01, 0.03, 0.1, 0.3})
+        for (const double distance : {0.003, 0.01, 0.03, 0.1, 0.3})
             if (distance <= farthest)
                 m_text += formatted(
                     "<line class=\"rule\" x1=\"%.1f\" x2=\"%.1f\" y1=\"%.0f\" y2=\"%.1f\"/><text "

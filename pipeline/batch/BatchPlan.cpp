@@ -206,7 +206,32 @@ std::vector<std::string> wordsFor(bool import, const BatchJob& job, const std::v
     return wordsOf(chosen);
 }
 
-Json jobJson(const BatchJob& job) {
+int coresOf(const BatchJob& job) {
+    const std::string* jobs = valueOf(job.options, "jobs");
+    return jobs ? std::clamp(std::atoi(jobs->c_str()), 1, 1024) : 1;
+}
+
+/// Of many jobs; the files that options name are read once for each set of options.
+class SettingsKeys {
+public:
+    explicit SettingsKeys(std::string version) : m_version(std::move(version)) {}
+
+    const std::string& of(const JobOptions& options) {
+        std::string words;
+        for (const std::string& word : wordsOf(options))
+            words += word + '\0';
+        const auto [place, isNew] = m_keys.try_emplace(words);
+        if (isNew) place->second = settingsKey(options, m_version);
+        return place->second;
+    }
+
+private:
+    std::string m_version;
+    std::map<std::string, std::string> m_keys;
+};
+
+Json jobJson(const BatchJob& job, const std::string& settings) {
+    const JobNeeds needs = needsOf(job.series, coresOf(job), 0);
     Json options = Json::array();
     for (const JobOption& option : job.options)
         options.push_back({option.name, option.value ? textJson(*option.value) : Json()});
@@ -219,7 +244,10 @@ Json jobJson(const BatchJob& job) {
             {"columns", series.columns},
             {"rows", series.rows},
             {"frames", series.frames},
-            {"options", options}};
+            {"options", options},
+            {"settings", settings},
+            {"memory_mib", needs.memory},
+            {"minutes", needs.minutes}};
 }
 
 BatchJob jobOf(const Json& json) {
@@ -258,11 +286,6 @@ std::ifstream openPlan(const BatchFolder& folder) {
     throw Failure(folder.plan().string() + " is damaged (" + problem + "); make the plan again");
 }
 
-int coresOf(const BatchJob& job) {
-    const std::string* jobs = valueOf(job.options, "jobs");
-    return jobs ? std::clamp(std::atoi(jobs->c_str()), 1, 1024) : 1;
-}
-
 }  // namespace
 
 std::vector<BatchJob> planBatch(const BatchInput& input,
@@ -298,12 +321,13 @@ std::vector<std::string> runWords(const BatchJob& job, const std::vector<OptionK
     return wordsFor(false, job, kinds);
 }
 
-void writePlan(const std::vector<BatchJob>& jobs, const BatchFolder& folder) {
+void writePlan(const std::vector<BatchJob>& jobs, const BatchFolder& folder, const std::string& version) {
+    SettingsKeys keys(version);
     std::string text = Json({{"format", kFormat}, {"version", kVersion}}).dump();
     text.pop_back();
     text += ",\"jobs\":[\n";
     for (std::size_t i = 0; i < jobs.size(); ++i)
-        text += jobJson(jobs[i]).dump() + (i + 1 < jobs.size() ? ",\n" : "\n");
+        text += jobJson(jobs[i], keys.of(jobs[i].options)).dump() + (i + 1 < jobs.size() ? ",\n" : "\n");
     OutputFile file(folder.plan());
     writeText(text + "]}\n", file.path());
     file.commit();
@@ -340,16 +364,13 @@ BatchJob readJob(const BatchFolder& folder, const std::string& name) {
 std::vector<JobState> statesOf(const std::vector<BatchJob>& jobs, const BatchFolder& folder,
                                const std::string& version) {
     std::vector<JobState> states;
-    std::map<std::string, std::string> keys;  // the files that options name are read once
+    SettingsKeys keys(version);
     for (const BatchJob& job : jobs) {
-        std::string words;
-        for (const std::string& word : wordsOf(job.options))
-            words += word + '\0';
-        if (!keys.contains(words)) keys[words] = settingsKey(job.options, version);
+        const std::string& settings = keys.of(job.options);
         JobState state{job, readRecord(folder.record(job.name)), {}};
         bool isOfJob = false;
         try {
-            isOfJob = isCurrent(state.record, keys[words], job.series.input);
+            isOfJob = isCurrent(state.record, settings, job.series.input);
             // Its content is not read again the next time.
             if (const FileStamp stamp = stampOf(job.series.input); isOfJob && stamp != state.record.stamp) {
                 state.record.stamp = stamp;
@@ -366,11 +387,14 @@ std::vector<JobState> statesOf(const std::vector<BatchJob>& jobs, const BatchFol
     return states;
 }
 
+bool isOpen(const JobState& state, bool again) {
+    return !state.record.hasResult() || (again && state.record.outcome == JobOutcome::NothingFound);
+}
+
 std::vector<JobState> openJobs(const std::vector<JobState>& states, bool again) {
     std::vector<JobState> open;
-    std::copy_if(states.begin(), states.end(), std::back_inserter(open), [&](const JobState& state) {
-        return !state.record.hasResult() || (again && state.record.outcome == JobOutcome::NothingFound);
-    });
+    std::copy_if(states.begin(), states.end(), std::back_inserter(open),
+                 [&](const JobState& state) { return isOpen(state, again); });
     return open;
 }
 

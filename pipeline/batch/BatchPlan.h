@@ -43,9 +43,9 @@ std::vector<std::string> importWords(const BatchJob& job, const std::vector<Opti
 /// The arguments of `vrk run`, without program, series and output.
 std::vector<std::string> runWords(const BatchJob& job, const std::vector<OptionKind>& kinds);
 
-/// batch.json: a line for each job, so that one is found without reading them all. Throws Failure when it
-/// cannot be written.
-void writePlan(const std::vector<BatchJob>& jobs, const BatchFolder& folder);
+/// batch.json: a line for each job, so that one is found without reading them all; with what it asks for at
+/// first and its settingsKey() for the version. Throws Failure when it cannot be written.
+void writePlan(const std::vector<BatchJob>& jobs, const BatchFolder& folder, const std::string& version);
 
 /// Throws Failure when there is none or it is damaged.
 std::vector<BatchJob> readPlan(const BatchFolder& folder);
@@ -64,7 +64,9 @@ struct JobState {
 std::vector<JobState> statesOf(const std::vector<BatchJob>& jobs, const BatchFolder& folder,
                                const std::string& version);
 
-/// Those that have no result. \param again  "nothing found" is tried again as well
+/// Whether it has to be run. \param again  "nothing found" is tried again as well
+bool isOpen(const JobState& state, bool again);
+/// Those that have to be run.
 std::vector<JobState> openJobs(const std::vector<JobState>& states, bool again);
 
 }  // namespace vrk

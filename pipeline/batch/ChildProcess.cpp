@@ -25,6 +25,7 @@ constexpr std::size_t kLastWords = 8192;
                          pid_t parent) {
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     if (getppid() != parent) _exit(kNotStarted);
+    if (command.hasOwnGroup) setpgid(0, 0);
     for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE})
         std::signal(signal, SIG_DFL);
     const int nothing = open("/dev/null", O_RDWR);
@@ -80,7 +81,7 @@ ChildEnd runChild(const ChildCommand& command, const std::function<bool()>& canc
         // A closed stream is always ready.
         if ((waiting.revents & POLLHUP) != 0) poll(nullptr, 0, kWait / 5);
         if (idle) idle();
-        if (!isAsked && canceled()) isAsked = kill(child, SIGTERM) == 0;
+        if (!isAsked && canceled()) isAsked = kill(command.hasOwnGroup ? -child : child, SIGTERM) == 0;
     }
     if (ends[0] >= 0) {
         take(ends[0], result.lastWords);

@@ -13,6 +13,7 @@ struct ChildCommand {
     std::vector<std::string>
         words;  ///< the program, looked for in PATH, and its arguments; no shell sees them
     std::filesystem::path folder = ".";  ///< in which it runs
+    bool hasOwnGroup = false;            ///< what it starts is asked to stop with it
     std::filesystem::path log;           ///< receives what it writes; empty: nobody does
 };
 

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cstdlib>
 #include <sstream>
 #include <system_error>
 
@@ -151,7 +152,15 @@ JobRecord runJob(const std::string& name, const JobContext& context, Session& se
         next.cause.clear();
         JobRun(job, context, session).fill(next);
     } catch (const Failure& failure) {
-        if (failure.kind() == FailureKind::Canceled) throw;
+        if (failure.kind() == FailureKind::Canceled) {
+            // Slurm stops jobs at their limits as well, a user does it alone.
+            if (std::getenv("SLURM_JOB_ID")) throw;
+            next.outcome = JobOutcome::Failed;
+            next.cause = "it was stopped";
+            next.unended = std::max(next.unended - 1, 0);
+            writeRecord(next, path);
+            throw;
+        }
         next.outcome = JobOutcome::Failed;
         next.cause = failure.what();
         next.settings = settings;

@@ -25,7 +25,7 @@ struct JobContext {
 /// the record of what became of it and a line into the diary. A job that has its result already, with the
 /// same settings and the same input, is not run again; one that another process works at is waited for.
 /// Nothing that a name or an option holds is seen by a shell. Throws Failure when the plan has no such job,
-/// when records cannot be written, and (Canceled) when it was stopped: the record stays "started" then.
+/// when records cannot be written, and (Canceled) when it was stopped.
 JobRecord runJob(const std::string& name, const JobContext& context, Session& session);
 
 }  // namespace vrk

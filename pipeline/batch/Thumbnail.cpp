@@ -11,6 +11,7 @@ void writeThumbnail(const std::filesystem::path& result, const std::filesystem::
     constexpr int kQuality = 80;
     for (const char* name : {"hk0.png", "projection_z.png"})
         try {
+            if (!std::filesystem::exists(result / name)) continue;
             const cv::Mat picture = cv::imread((result / name).string(), cv::IMREAD_GRAYSCALE);
             if (picture.empty()) continue;
             const int edge = std::min(picture.cols, picture.rows);

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <filesystem>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -32,33 +33,36 @@ import json
 with open("workflow/settings.json") as file:
     settings = json.load(file)
 units = settings["units"]
+folder = settings["folder"]
 
 
 rule all:
     input:
-        expand("workflow/ended/{unit}", unit=units),
+        expand(folder + "/ended/{unit}", unit=units),
 
 )py";
 
 constexpr std::string_view kLocalRule = R"py(
 rule unit:
     output:
-        touch("workflow/ended/{unit}"),
+        touch(folder + "/ended/{unit}"),
     params:
         program=settings["program"],
+        folder=folder,
     threads: lambda wildcards: units[wildcards.unit]["cores"]
     resources:
         mem_mb=lambda wildcards: units[wildcards.unit]["memory"],
     shell:
-        "{params.program:q} batch -o . --job $(cat workflow/units/{wildcards.unit})"
+        "{params.program:q} batch -o . --job $(cat {params.folder}/units/{wildcards.unit})"
 )py";
 
 constexpr std::string_view kSlurmRule = R"py(
 rule array:
     output:
-        touch("workflow/ended/{unit}"),
+        touch(folder + "/ended/{unit}"),
     params:
         program=settings["program"],
+        folder=folder,
         options=settings["slurm"],
         tasks=lambda wildcards: units[wildcards.unit]["tasks"],
         memory=lambda wildcards: units[wildcards.unit]["memory"],
@@ -68,12 +72,12 @@ rule array:
         "sbatch --wait --array={params.tasks} --mem={params.memory}M --time={params.minutes} "
         "--cpus-per-task={params.cores} --job-name=vrk-batch --requeue --open-mode=append "
         "--output=workflow/logs/%A_%a.log {params.options:q} "
-        "workflow/task.sh {wildcards.unit} {params.program:q}"
+        "workflow/task.sh {params.folder}/units/{wildcards.unit} {params.program:q}"
 )py";
 
 /// A task of an array: the job on the line with the task's number.
 constexpr std::string_view kTask = R"py(#!/bin/sh
-exec "$2" batch -o . --job "$(sed -n "$((SLURM_ARRAY_TASK_ID + 1))p" "workflow/units/$1")"
+exec "$2" batch -o . --job "$(sed -n "$((SLURM_ARRAY_TASK_ID + 1))p" "$1")"
 )py";
 
 /// "0-39", "0-999%100"
@@ -84,6 +88,26 @@ std::string tasksText(std::size_t jobs, int most) {
 
 std::string unitName(std::size_t number) {
     return formatted("%06zu", number);
+}
+
+constexpr const char* kRun = "run-";
+
+/// A folder that no other run has: an engine that was left alone finishes its jobs and says so in its own.
+std::string runName() {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return formatted(
+        "%s%lld-%d", kRun,
+        static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(now).count()),
+        static_cast<int>(getpid()));
+}
+
+void removeRuns(const fs::path& workflow) {
+    std::vector<fs::path> runs;
+    for (const fs::directory_entry& entry : fs::directory_iterator(workflow))
+        if (entry.path().filename().string().starts_with(kRun)) runs.push_back(entry.path());
+    std::error_code ignored;
+    for (const fs::path& run : runs)
+        fs::remove_all(run, ignored);
 }
 
 int machineMemory() {
@@ -167,19 +191,23 @@ std::vector<WorkUnit> unitsOf(const std::vector<JobState>& open, const EngineSet
 void writeWorkflow(const std::vector<WorkUnit>& units, const EngineSettings& settings,
                    const BatchFolder& folder) {
     const fs::path workflow = folder.workflow();
-    std::error_code ignored;
-    for (const char* old : {"units", "ended"})
-        fs::remove_all(workflow / old, ignored);
-    makeFolder(workflow / "units");
+    makeFolder(workflow);
+    // Tasks that wait in a cluster's queue read the units of their own run.
+    if (!settings.slurm) removeRuns(workflow);
+    const std::string run = runName();
+    makeFolder(workflow / run / "units");
     if (settings.slurm) makeFolder(workflow / "logs");
-    Json json = {{"program", settings.program}, {"slurm", slurmOptions(settings)}, {"units", Json::object()}};
+    Json json = {{"program", settings.program},
+                 {"folder", "workflow/" + run},
+                 {"slurm", slurmOptions(settings)},
+                 {"units", Json::object()}};
     for (std::size_t i = 0; i < units.size(); ++i) {
         const WorkUnit& unit = units[i];
         const std::string name = unitName(i);
         std::string lines;
         for (const std::string& job : unit.jobs)
             lines += job + '\n';
-        writeText(lines, workflow / "units" / name);
+        writeText(lines, workflow / run / "units" / name);
         const int memory =
             settings.slurm ? unit.needs.memory : std::min(unit.needs.memory, memoryOf(settings));
         json["units"][name] = {{"memory", memory},

@@ -28,7 +28,7 @@ struct WorkUnit {
 };
 
 /// Locally a unit is one job up to two thousand jobs, beyond that there are two thousand units; with Slurm
-/// jobs with the same needs make arrays. Those that may take longest come first.
+/// jobs with the same needs make arrays. Those that may take longest come first in the list.
 std::vector<WorkUnit> unitsOf(const std::vector<JobState>& open, const EngineSettings& settings);
 
 /// Writes jobs.txt and the folder "workflow": a Snakemake workflow over the jobs, which holds no name but

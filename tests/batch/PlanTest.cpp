@@ -115,7 +115,7 @@ TEST_F(Plan, FindsSeriesInAllShapesAndKeepsTheirNames) {
     // The plan holds every byte of a name, and a job is found in it alone.
     const vrk::BatchFolder batch(folder / "out");
     fs::create_directories(batch.path());
-    vrk::writePlan(jobs, batch);
+    vrk::writePlan(jobs, batch, "1.0");
     const std::vector<vrk::BatchJob> read = vrk::readPlan(batch);
     ASSERT_EQ(read.size(), jobs.size());
     for (std::size_t i = 0; i < jobs.size(); ++i)
