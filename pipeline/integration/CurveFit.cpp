@@ -13,29 +13,44 @@ namespace vrk {
 namespace {
 
 constexpr int kRounds = 3;
-/// Friedel mates farther apart than this differ by more than noise: standard deviations of the difference.
+/// A measurement farther than this from its equivalents differs from them by more than noise: standard
+/// deviations of the difference.
 constexpr double kAgreement = 3;
 
-/// What the fits know of every intensity, each taken together with its Friedel mate where the two agree.
-std::vector<Estimate> withMates(const SpotPrediction& prediction, std::span<const CurveFit> fits) {
+/// The weighted mean of measurements but one.
+Estimate meanOf(std::span<const CurveFit> fits, std::span<const std::size_t> group, std::size_t without) {
+    double top = 0, bottom = 0;
+    for (const std::size_t r : group) {
+        if (r == without) continue;
+        const double weight = 1 / (fits[r].sigma * fits[r].sigma);
+        top += weight * fits[r].intensity;
+        bottom += weight;
+    }
+    return bottom > 0 ? Estimate{top / bottom, 1 / std::sqrt(bottom)} : Estimate{};
+}
+
+/// What the fits know of every intensity, each taken together with the equivalents that it agrees with.
+std::vector<Estimate> withEquivalents(const SpotPrediction& prediction, std::span<const CurveFit> fits,
+                                      const LaueRotations& rotations) {
     std::vector<Estimate> known(fits.size());
-    std::map<std::array<int, 3>, std::size_t> earlier;
+    std::map<Indices, std::vector<std::size_t>> groups;
     for (std::size_t r = 0; r < fits.size(); ++r) {
         known[r] = {fits[r].intensity, fits[r].sigma};
-        if (!(fits[r].sigma > 0)) continue;
         const PredictedReflection& one = prediction.reflections[r];
-        earlier[{one.h, one.k, one.l}] = r;
-        const auto mate = earlier.find({-one.h, -one.k, -one.l});
-        if (mate == earlier.end()) continue;
-        const CurveFit& other = fits[mate->second];
-        if (std::abs(fits[r].intensity - other.intensity) >
-            kAgreement * std::hypot(fits[r].sigma, other.sigma))
-            continue;
-        const double weight = 1 / (fits[r].sigma * fits[r].sigma);
-        const double otherWeight = 1 / (other.sigma * other.sigma);
-        const double sum = weight + otherWeight;
-        known[r] = {(weight * fits[r].intensity + otherWeight * other.intensity) / sum, 1 / std::sqrt(sum)};
-        known[mate->second] = known[r];
+        if (fits[r].sigma > 0) groups[representative({one.h, one.k, one.l}, rotations)].push_back(r);
+    }
+    constexpr std::size_t kNone = ~std::size_t{0};
+    for (const auto& [hkl, group] : groups) {
+        std::vector<std::size_t> agreeing;
+        for (const std::size_t r : group) {
+            const Estimate others = meanOf(fits, group, r);
+            if (std::abs(fits[r].intensity - others.value) <=
+                kAgreement * std::hypot(fits[r].sigma, others.sigma))
+                agreeing.push_back(r);
+        }
+        const Estimate mean = meanOf(fits, agreeing, kNone);
+        for (const std::size_t r : agreeing)
+            known[r] = mean;
     }
     return known;
 }
@@ -112,8 +127,9 @@ std::vector<FrameCounts> frameCounts(std::span<const FittedSpot> fitted) {
     return counts;
 }
 
-std::vector<float> expectedCounts(const SpotPrediction& prediction, std::span<const CurveFit> fits) {
-    const std::vector<Estimate> known = withMates(prediction, fits);
+std::vector<float> expectedCounts(const SpotPrediction& prediction, std::span<const CurveFit> fits,
+                                  const LaueRotations& rotations) {
+    const std::vector<Estimate> known = withEquivalents(prediction, fits, rotations);
     std::vector<MeanIntensity::Sample> samples;
     for (std::size_t r = 0; r < known.size(); ++r)
         if (known[r].sigma > 0)

@@ -6,6 +6,7 @@
 #include <span>
 #include <vector>
 
+#include "pipeline/integration/LaueGroup.h"
 #include "pipeline/integration/ProfileFit.h"
 #include "pipeline/integration/RockingModel.h"
 #include "pipeline/integration/SpotPrediction.h"
@@ -62,8 +63,11 @@ std::vector<FrameCounts> frameCounts(std::span<const MeasuredSpot> measured);
 /// Fitted counts, which know their own variance: fitCurves() takes them with a gain of 0.
 std::vector<FrameCounts> frameCounts(std::span<const FittedSpot> fitted);
 
-/// Expected counts of every spot by the fits, with expectedIntensity(): variances that follow the noise of
-/// the measurement would favour what came out too low. 0 for reflections that were not fitted.
-std::vector<float> expectedCounts(const SpotPrediction& prediction, std::span<const CurveFit> fits);
+/// Expected counts of every spot by the fits of it and its equivalents, with expectedIntensity(): variances
+/// that follow the noise of the measurement would favour what came out too low. All equivalents that agree
+/// have one expectation, so that none has a weight in their mean that its own noise gave it. 0 for
+/// reflections that were not fitted. \param rotations  Friedel mates are equivalents without any
+std::vector<float> expectedCounts(const SpotPrediction& prediction, std::span<const CurveFit> fits,
+                                  const LaueRotations& rotations);
 
 }  // namespace vrk

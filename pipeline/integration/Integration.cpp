@@ -136,7 +136,7 @@ private:
                                 std::span<const MeasuredSpot> measured);
     double settle(const GeometryFit& fit, const SpotPrediction& prediction);
     void measure(double dMin);
-    void keepWithin(double dMin);
+    LaueRotations likelyRotations() const;
     void assemble();
     void tellSaturated();
     IntegratedReflection assembled(std::uint32_t number, std::span<const CurveFit> sums) const;
@@ -354,16 +354,35 @@ void Integrator::measure(double dMin) {
     const ProfileSet profiles = learnProfiles(stack, m_geometry, m_result.shape, m_noise, m_result.extent,
                                               prediction, m_result.measured);
     m_result.profileSpots = profiles.spots();
-    std::vector<float> expected = expectedCounts(prediction, m_sums);
-    // Overlapped spots have no sums; the second round knows what to expect of them.
+    const LaueRotations mates = {IndexRotation()};
+    std::vector<float> expected = expectedCounts(prediction, m_sums, mates);
+    // Overlapped spots have no sums; the second round knows what to expect of them, and of equivalents.
     for (int round = 0; round < 2; ++round) {
         checkpoint();
         m_result.fitted = fitProfiles(stack, m_geometry, m_result.shape, m_noise, profiles, prediction,
                                       m_result.measured, expected);
         m_result.curves =
             fitCurves(prediction, m_geometry, m_rocking, frameCounts(m_result.fitted), 0.0, errors);
-        expected = expectedCounts(prediction, m_result.curves);
+        if (round == 0) expected = expectedCounts(prediction, m_result.curves, likelyRotations());
     }
+}
+
+/// Of the Laue group that the intensities show; which one it is is decided when they are scaled.
+LaueRotations Integrator::likelyRotations() const {
+    std::vector<Observation> observations;
+    for (std::size_t r = 0; r < m_result.curves.size(); ++r) {
+        const CurveFit& curve = m_result.curves[r];
+        if (!(curve.sigma > 0)) continue;
+        const PredictedReflection& one = m_result.prediction.reflections[r];
+        Observation observation;
+        observation.hkl = {one.h, one.k, one.l};
+        observation.intensity = curve.intensity;
+        observation.sigma = curve.sigma;
+        observation.spacing = 1 / one.length;
+        observations.push_back(observation);
+    }
+    if (observations.empty()) return {IndexRotation()};
+    return chooseLaueGroup(observations, m_geometry.reciprocal, m_input.centring).best().rotations;
 }
 
 IntegratedReflection Integrator::assembled(std::uint32_t number, std::span<const CurveFit> sums) const {

@@ -293,12 +293,17 @@ ErrorModel fitErrors(std::span<const Observation> observations, const LaueRotati
         right += weight * ratio * basis;
     }
     const Eigen::Vector2d solution = normal.inverse() * right;
-    if (solution.allFinite() && solution(0) > 0 && solution(1) > 0) {
-        model.a = std::max(solution(0), 1.0);
+    if (solution.allFinite() && solution(0) >= 1 && solution(1) > 0) {
+        model.a = solution(0);
         model.b = std::sqrt(solution(1) / model.a);
-    } else {
-        model.a = std::max(right(0) / normal(0, 0), 1.0);
+        return model;
     }
+    // What one of the two cannot take is the other's, and nothing is left of it where that has enough.
+    const double withoutA = (right(1) - normal(0, 1)) / normal(1, 1);
+    if (solution.allFinite() && solution(1) > 0 && withoutA > 0)
+        model.b = std::sqrt(withoutA);
+    else if (!(solution(1) > 0))
+        model.a = std::max(right(0) / normal(0, 0), 1.0);
     return model;
 }
 

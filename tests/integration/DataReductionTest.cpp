@@ -131,6 +131,15 @@ TEST(ErrorModelTest, findsWhatCountingDoesNotExplain) {
     const DataReduction data = reduceData(list, 121, reciprocalOf(set.cell), 'P', 1 / 0.9);
     EXPECT_NEAR(data.errors.a, 1.6 * 1.6, 0.5);
     EXPECT_NEAR(data.errors.b * 10, 0.08 * 10, 0.12);
+    // Weak reflections with too large uncertainties do not make those of strong ones too large.
+    set.noise = 0.03;
+    set.understated = 1;
+    list = set.reflections();
+    for (IntegratedReflection& r : list)
+        r.sigma = std::hypot(12, r.sigma);
+    const DataReduction cautious = reduceData(list, 121, reciprocalOf(set.cell), 'P', 1 / 0.9);
+    EXPECT_EQ(cautious.errors.a, 1);
+    EXPECT_LT(cautious.errors.b, 0.008);
     const DataReduction honest = DataSet{set.cell, 'P', "P 1 2 1"}.reduced();
     EXPECT_NEAR(honest.errors.a, 1, 0.1);
     EXPECT_LT(honest.errors.b, 0.012);

@@ -168,7 +168,7 @@ TEST(ExpectedCountsTest, joinFriedelMatesThatAgreeAndAreNeverNegative) {
     add(-2, 1200, 20);
     add(3, -15, 10);
     add(4, 900, 0);
-    const std::vector<float> expected = expectedCounts(prediction, fits);
+    const std::vector<float> expected = expectedCounts(prediction, fits, {vrk::IndexRotation()});
     EXPECT_NEAR(expected[0], 510, 1);
     EXPECT_EQ(expected[1], expected[0]);
     EXPECT_NEAR(expected[2], 200, 1);

@@ -55,8 +55,8 @@ TEST(CrystalMergeTest, indexesAllCrystalsTheSameWay) {
     const std::vector<Row> rows = {{{{7.5, 7.5, 9.3, 90, 90, 90}, 'P', "tP", "P 4"}, "4/m", 2},
                                    {{{7.5, 7.5, 9.3, 90, 90, 90}, 'I', "tI", "I 4/m m m"}, "4/mmm", 1},
                                    {{{9, 9, 9, 90, 90, 90}, 'P', "cP", "P 2 3"}, "m-3", 2},
-                                   {{{7.5, 7.5, 9.3, 90, 90, 120}, 'P', "hP", "P 3"}, "-3", 4},
-                                   {{{9.5, 9.5, 11.3, 90, 90, 120}, 'R', "hR", "R 3:H"}, "-3", 2},
+                                   {{{6.5, 6.5, 7.3, 90, 90, 120}, 'P', "hP", "P 3"}, "-3", 4},
+                                   {{{8.5, 8.5, 11.8, 90, 90, 120}, 'R', "hR", "R 3:H"}, "-3", 2},
                                    {{{7.1, 7.15, 9.4, 82, 82.5, 75}, 'P', "aP", "P 1"}, "-1", 2},
                                    {{{7.1, 8.3, 9.4, 90, 90.4, 90}, 'P', "mP", "P 1 2 1"}, "2/m", 2}};
     for (Row row : rows) {
@@ -121,8 +121,8 @@ TEST(CrystalMergeTest, agreesWithTheTruthTheBetterTheMoreCrystals) {
 }
 
 TEST(CrystalMergeTest, leavesOutCrystalsThatSpoilTheData) {
-    for (const std::size_t count : {3U, 6U, 20U}) {
-        SimulatedCrystals simulated{{7.5, 7.5, 9.3, 90, 90, 90}, 'P', "tP", "P 4"};
+    for (const std::size_t count : {3U, 5U, 12U}) {
+        SimulatedCrystals simulated{{6.5, 6.5, 7.3, 90, 90, 90}, 'P', "tP", "P 4"};
         simulated.bases = {kSame, kSwap, kSwap};
         simulated.random = 1;
         simulated.noise = 0.1;
