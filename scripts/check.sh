@@ -4,6 +4,7 @@
 #   --coverage   the tests reach at least 90 % of the lines of src and pipeline; the report is build/coverage/lines.html
 #   --tidy       clang-tidy over every source
 #   --page       the page of the report works in a browser; its pictures are in build/report
+#   --fuzz [N]   every fuzz target for N seconds (600), from where the last time ended
 #   --faults     of 200 planted one-line faults the tests notice at least 85 %
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -44,16 +45,24 @@ page() {
   scripts/report.sh --test
 }
 
+fuzz() { scripts/fuzz.sh --seconds "$fuzz_seconds"; }
+
 faults() { scripts/mutate.sh --count 200 --seed "${VRKCORE_SEED:-1}" --at-least 85; }
 
 checks=()
-for argument in "$@"; do
-  case "$argument" in
-    --clang | --coverage | --tidy | --page | --faults) checks+=("${argument#--}") ;;
-    --all) checks=(clang coverage tidy page faults) ;;
+fuzz_seconds=600
+while [[ $# -gt 0 ]]; do
+  case "$1" in
+    --clang | --coverage | --tidy | --page | --fuzz | --faults) checks+=("${1#--}") ;;
+    --all) checks=(clang coverage tidy page fuzz faults) ;;
     -h | --help) usage 0 ;;
     *) usage 2 >&2 ;;
   esac
+  if [[ "$1" == --fuzz && "${2:-}" =~ ^[0-9]+$ ]]; then
+    fuzz_seconds=$2
+    shift
+  fi
+  shift
 done
 [[ ${#checks[@]} -gt 0 ]] || usage 2 >&2
 

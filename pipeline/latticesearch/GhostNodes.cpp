@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "pipeline/latticesearch/LatticeFit.h"
+
 namespace vrk {
 namespace {
 
@@ -80,15 +82,11 @@ std::vector<std::pair<double, bool>> nodesByTilt(const Lattice& lattice, std::sp
     std::set<Indices> found;
     double farthest = 0.0;
     for (const Vector3d& point : on) {
-        const Vector3d q = (inverse * (point - lattice.origin)).array().round();
-        found.insert({static_cast<int>(q[0]), static_cast<int>(q[1]), static_cast<int>(q[2])});
+        found.insert(indexPosition(inverse * (point - lattice.origin), 0.5));
         farthest = std::max(farthest, (point - lattice.origin).norm());
     }
     const double most = std::cbrt(kMostNodes * lattice.cellVolume() * 3.0 / (4.0 * std::numbers::pi));
-    const double radius = std::min(kReach * farthest, most);
-    Indices end{};
-    for (std::size_t i = 0; i < 3; ++i)
-        end[i] = static_cast<int>(radius * inverse.row(static_cast<Eigen::Index>(i)).norm());
+    const auto [radius, end] = nodeBox(inverse, std::min(kReach * farthest, most), 5.0 * kMostNodes);
     std::vector<std::pair<double, bool>> nodes;
     for (int h = -end[0]; h <= end[0]; ++h)
         for (int k = -end[1]; k <= end[1]; ++k)
