@@ -19,6 +19,11 @@ if(VRKCORE_SANITIZE)
   add_link_options(-fsanitize=${VRKCORE_SANITIZE})
   add_compile_definitions(_GLIBCXX_ASSERTIONS)
 endif()
+if(VRKCORE_BUILD_FUZZERS)
+  set(_uninstrumented "${PROJECT_SOURCE_DIR}/tests/fuzz/uninstrumented.txt")
+  add_compile_options(-fsanitize=fuzzer-no-link "-fsanitize-ignorelist=${_uninstrumented}"
+    "-fsanitize-coverage-ignorelist=${_uninstrumented}")
+endif()
 
 set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_CXX_VISIBILITY_PRESET hidden)

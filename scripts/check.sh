@@ -6,6 +6,7 @@
 #   --threads    ThreadSanitizer finds nothing in loops that threads share
 #   --page       the page of the report works in a browser; its pictures are in build/report
 #   --engines    batches by the local engine and by a Slurm on this machine: killed, resumed, the same table
+#   --fuzz [N]   every fuzz target for N seconds (600), from where the last time ended
 #   --faults     of 200 planted one-line faults the tests notice at least 85 %
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -55,16 +56,24 @@ engines() {
   nice -n 10 tests/engine/engines.sh build/release/app/vrk local slurm
 }
 
+fuzz() { scripts/fuzz.sh --seconds "$fuzz_seconds"; }
+
 faults() { scripts/mutate.sh --count 200 --seed "${VRKCORE_SEED:-1}" --at-least 85; }
 
 checks=()
-for argument in "$@"; do
-  case "$argument" in
-    --clang | --coverage | --tidy | --threads | --page | --engines | --faults) checks+=("${argument#--}") ;;
-    --all) checks=(clang coverage tidy threads page engines faults) ;;
+fuzz_seconds=600
+while [[ $# -gt 0 ]]; do
+  case "$1" in
+    --clang | --coverage | --tidy | --threads | --page | --engines | --fuzz | --faults) checks+=("${1#--}") ;;
+    --all) checks=(clang coverage tidy threads page engines fuzz faults) ;;
     -h | --help) usage 0 ;;
     *) usage 2 >&2 ;;
   esac
+  if [[ "$1" == --fuzz && "${2:-}" =~ ^[0-9]+$ ]]; then
+    fuzz_seconds=$2
+    shift
+  fi
+  shift
 done
 [[ ${#checks[@]} -gt 0 ]] || usage 2 >&2
 

@@ -18,9 +18,9 @@ command -v node >/dev/null && command -v npm >/dev/null || node=(nodejs npm)
 for argument in "$@"; do
   case "$argument" in
     # What .ci/run uses beyond building and testing.
-    --with-checks) packages+=(clang-format doxygen git) ;;
+    --with-checks) packages+=(clang-format doxygen git clang libclang-rt-14-dev) ;;
     # What scripts/check.sh and scripts/tidy.sh use.
-    --with-all-checks) packages+=(clang-format doxygen git clang clang-tidy gcovr python3) ;;
+    --with-all-checks) packages+=(clang-format doxygen git clang libclang-rt-14-dev clang-tidy gcovr python3) ;;
     # What the Python module is built and tested with.
     --with-python)
       packages+=(python3 python3-dev python3-pip python3-venv pybind11-dev python3-numpy python3-gemmi

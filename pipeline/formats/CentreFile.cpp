@@ -18,9 +18,7 @@ struct Line {
     PatternCentre centre;
 };
 
-std::vector<Line> readLines(const std::filesystem::path& path) {
-    std::ifstream file(path);
-    if (!file) throw Failure("cannot read the centres in " + path.string());
+std::vector<Line> readLines(std::istream& file, const std::filesystem::path& path) {
     std::vector<Line> lines;
     constexpr std::size_t kMost = 100000;
     std::size_t number = 0;
@@ -62,8 +60,15 @@ void fillGaps(std::vector<PatternCentre>& centres) {
 }  // namespace
 
 std::vector<PatternCentre> readCentreFile(const std::filesystem::path& path, const mrcH& header) {
+    std::ifstream file(path);
+    if (!file) throw Failure("cannot read the centres in " + path.string());
+    return readCentres(file, path, header);
+}
+
+std::vector<PatternCentre> readCentres(std::istream& text, const std::filesystem::path& path,
+                                       const mrcH& header) {
     constexpr double kSameTilt = 0.005;  // degrees
-    const std::vector<Line> lines = readLines(path);
+    const std::vector<Line> lines = readLines(text, path);
     std::vector<PatternCentre> centres(static_cast<std::size_t>(std::max(header.nz, 0)));
     bool any = false;
     for (std::size_t i = 0; i < centres.size(); ++i) {

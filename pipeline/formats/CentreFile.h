@@ -3,6 +3,7 @@
 #pragma once
 
 #include <filesystem>
+#include <iosfwd>
 #include <vector>
 
 #include "VoxCore/DataModel/mrcH.h"
@@ -17,6 +18,9 @@ namespace vrk {
 /// Throws Failure that names the line when the file cannot be read or a line makes no sense, and when no tilt
 /// matches.
 std::vector<PatternCentre> readCentreFile(const std::filesystem::path& path, const mrcH& header);
+/// \param path  for messages
+std::vector<PatternCentre> readCentres(std::istream& text, const std::filesystem::path& path,
+                                       const mrcH& header);
 
 /// Writes one that readCentreFile() takes, with uncertainty and origin of each centre behind it.
 /// Throws Failure when it cannot be written.

@@ -4,10 +4,12 @@
 #include <array>
 #include <cmath>
 #include <fstream>
+#include <iterator>
 #include <nlohmann/json.hpp>
 
 #include "pipeline/base/Angle.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/JsonText.h"
 #include "pipeline/base/OutputFile.h"
 
 namespace vrk {
@@ -51,8 +53,18 @@ class Reader {
 public:
     explicit Reader(const std::filesystem::path& path) : m_path(path) {}
 
-    InstrumentCalibration read() const {
-        const Json json = parsed();
+    std::string text() const {
+        std::error_code error;
+        const std::uintmax_t size = std::filesystem::file_size(m_path, error);
+        if (error) throw Failure("cannot read the instrument geometry " + m_path.string());
+        if (size > kMostBytes) fail("is no instrument geometry; it is too large");
+        std::ifstream stream(m_path, std::ios::binary);
+        return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+    }
+
+    InstrumentCalibration read(std::string_view text) const {
+        const Json json = parsedJson<Json>(text);
+        if (json.is_discarded()) fail("is no JSON; a comma or a bracket may be missing");
         if (!json.is_object() || !json.contains("format") || json["format"] != kFormat)
             fail("is no instrument geometry; 'vrk calibrate' writes one");
         const Json version = json.value("version", Json());
@@ -76,17 +88,6 @@ public:
 private:
     [[noreturn]] void fail(const std::string& problem) const {
         throw Failure(m_path.string() + " " + problem);
-    }
-
-    Json parsed() const {
-        std::error_code error;
-        const std::uintmax_t size = std::filesystem::file_size(m_path, error);
-        if (error) throw Failure("cannot read the instrument geometry " + m_path.string());
-        if (size > kMostBytes) fail("is no instrument geometry; it is too large");
-        std::ifstream stream(m_path);
-        Json json = Json::parse(stream, nullptr, false);
-        if (json.is_discarded()) fail("is no JSON; a comma or a bracket may be missing");
-        return json;
     }
 
     void refuseUnknownKeys(const Json& json) const {
@@ -182,7 +183,12 @@ std::vector<std::pair<std::string, CalibratedValue>> valuesOf(const InstrumentCa
 }
 
 InstrumentCalibration readInstrumentFile(const std::filesystem::path& path) {
-    return Reader(path).read();
+    const Reader reader(path);
+    return reader.read(reader.text());
+}
+
+InstrumentCalibration readInstrument(std::string_view text, const std::filesystem::path& path) {
+    return Reader(path).read(text);
 }
 
 std::string instrumentText(const InstrumentCalibration& calibration) {

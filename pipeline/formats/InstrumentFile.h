@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -52,6 +53,8 @@ std::vector<std::pair<std::string, CalibratedValue>> valuesOf(const InstrumentCa
 /// Reads one. Throws Failure that names the key and what to do when the file is no such file, of a newer
 /// version, has keys that are not known, or values that no instrument has.
 InstrumentCalibration readInstrumentFile(const std::filesystem::path& path);
+/// \param path  for messages
+InstrumentCalibration readInstrument(std::string_view text, const std::filesystem::path& path);
 
 /// Writes one that readInstrumentFile() takes. Throws Failure when it cannot be written.
 void writeInstrumentFile(const std::filesystem::path& path, const InstrumentCalibration& calibration);

@@ -183,11 +183,15 @@ void writeReflectionTable(std::span<const ListedReflection> reflections, const s
 
 std::vector<ListedReflection> readReflectionTable(const std::filesystem::path& path) {
     std::ifstream file(path, std::ios::binary);
+    return readReflectionTable(file, path);
+}
+
+std::vector<ListedReflection> readReflectionTable(std::istream& text, const std::filesystem::path& path) {
     std::string line;
-    if (!std::getline(file, line)) throw Failure("cannot read " + path.string());
+    if (!std::getline(text, line)) throw Failure("cannot read " + path.string());
     TableReader reader(path, line);
     std::vector<ListedReflection> reflections;
-    while (std::getline(file, line))
+    while (std::getline(text, line))
         reflections.push_back(reader.read(line));
     return reflections;
 }

@@ -4,6 +4,7 @@
 
 #include <Eigen/Core>
 #include <filesystem>
+#include <iosfwd>
 #include <span>
 #include <vector>
 
@@ -39,5 +40,7 @@ void writeReflectionTable(std::span<const ListedReflection> reflections, const s
 /// Reads what writeReflectionTable() wrote; columns may stand in any order, others are ignored. Throws
 /// Failure with the number of the line when a column is missing or a value is none.
 std::vector<ListedReflection> readReflectionTable(const std::filesystem::path& path);
+/// \param path  for messages
+std::vector<ListedReflection> readReflectionTable(std::istream& text, const std::filesystem::path& path);
 
 }  // namespace vrk

@@ -57,8 +57,10 @@ std::vector<double> sweepTilts(const FrameList::Sweep& sweep,
     const bool allThere = sweep.count && *sweep.count == static_cast<long long>(files.size());
     std::vector<double> tilts;
     for (std::size_t i = 0; i < files.size(); ++i) {
-        const long long steps = numbered && !allThere ? numbers[i] - sweep.first : static_cast<long long>(i);
-        tilts.push_back(sweep.start + static_cast<double>(steps) * sweep.step);
+        const double steps = numbered && !allThere
+                                 ? static_cast<double>(numbers[i]) - static_cast<double>(sweep.first)
+                                 : static_cast<double>(i);
+        tilts.push_back(sweep.start + steps * sweep.step);
     }
     return tilts;
 }
@@ -73,7 +75,15 @@ ListText::ListText(const std::filesystem::path& path) : m_path(path) {
     std::error_code error;
     if (std::filesystem::file_size(path, error) > longest || error)
         throw Failure("cannot read " + path.string() + ": it is not a text file of reasonable size");
-    for (std::string line; std::getline(file, line);) {
+    readLines(file);
+}
+
+ListText::ListText(std::filesystem::path path, std::istream& text) : m_path(std::move(path)) {
+    readLines(text);
+}
+
+void ListText::readLines(std::istream& text) {
+    for (std::string line; std::getline(text, line);) {
         if (!line.empty() && line.back() == '\r') line.pop_back();
         m_lines.push_back(line);
     }
@@ -135,7 +145,10 @@ bool isFrameList(const std::filesystem::path& path) {
 }
 
 FrameList readFrameList(const std::filesystem::path& path) {
-    const ListText text(path);
+    return readFrameList(ListText(path));
+}
+
+FrameList readFrameList(const ListText& text) {
     FrameList list;
     if (const ListFormat* format = formatOf(text)) {
         list = format->read(text);
@@ -144,7 +157,7 @@ FrameList readFrameList(const std::filesystem::path& path) {
             if (text.lines()[i].find_first_not_of(" \t") != std::string::npos)
                 list.frames.push_back({{}, text.tilt(i, text.lines()[i])});
     }
-    list.source = path;
+    list.source = text.path();
     return list;
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <filesystem>
+#include <iosfwd>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -46,6 +47,9 @@ class ListText {
 public:
     /// Throws Failure when the file cannot be read or has more than 50 MB.
     explicit ListText(const std::filesystem::path& path);
+    /// A list that is not in a file of its own. \param path  for messages, and the folder of the files it
+    /// names
+    ListText(std::filesystem::path path, std::istream& text);
 
     const std::filesystem::path& path() const { return m_path; }
     const std::vector<std::string>& lines() const { return m_lines; }
@@ -56,6 +60,8 @@ public:
     [[noreturn]] void refuse(std::size_t line, const std::string& reason) const;
 
 private:
+    void readLines(std::istream& text);
+
     std::filesystem::path m_path;
     std::vector<std::string> m_lines;
 };
@@ -75,5 +81,6 @@ struct ListFormat {
 bool isFrameList(const std::filesystem::path& path);
 /// Throws Failure when the file is no list.
 FrameList readFrameList(const std::filesystem::path& path);
+FrameList readFrameList(const ListText& text);
 
 }  // namespace vrk

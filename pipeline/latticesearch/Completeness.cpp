@@ -14,6 +14,8 @@ namespace {
 constexpr int kFewestNodes = 25;
 /// More nodes than this tell nothing new; the limit is drawn in.
 constexpr double kMostNodes = 2e6;
+/// The box around a sphere of so many.
+constexpr double kMostInBox = 5.0 * kMostNodes;
 /// Places whose way through the sphere takes longer than this part of a turn per step are blind.
 constexpr double kBlindSine = 0.5;
 
@@ -27,7 +29,7 @@ double limitOf(const Lattice& lattice, const std::set<Indices>& found) {
         lengths.begin() + static_cast<std::ptrdiff_t>(0.98 * static_cast<double>(lengths.size() - 1));
     std::nth_element(lengths.begin(), place, lengths.end());
     const double most = std::cbrt(kMostNodes * lattice.cellVolume() * 3.0 / (4.0 * std::numbers::pi));
-    return std::min(*place, most);
+    return nodeBox(lattice.basis.inverse(), std::min(*place, most), kMostInBox).radius;
 }
 
 std::size_t shellOf(double length, double limit) {
@@ -39,10 +41,7 @@ std::size_t shellOf(double length, double limit) {
 /// Calls back with indices and place of every node but 000 within a radius.
 template <typename Use>
 void forEachNode(const Lattice& lattice, double radius, Use use) {
-    const Eigen::Matrix3d inverse = lattice.basis.inverse();
-    Indices most{};
-    for (std::size_t i = 0; i < 3; ++i)
-        most[i] = static_cast<int>(radius * inverse.row(static_cast<Eigen::Index>(i)).norm());
+    const Indices most = nodeBox(lattice.basis.inverse(), radius, kMostInBox).most;
     for (int h = -most[0]; h <= most[0]; ++h)
         for (int k = -most[1]; k <= most[1]; ++k)
             for (int l = -most[2]; l <= most[2]; ++l) {

@@ -35,6 +35,8 @@ constexpr int kFewestPoints = 25;
 constexpr double kLeastEvidence = 60.0;
 /// A free search must explain this much more than the first crystal's cell.
 constexpr double kMuchMore = 1.25;
+/// More pairs of nodes for pairs of points than this mean points so far out that any rotation fits.
+constexpr std::size_t kMostPairs = 10'000'000;
 
 struct Node {
     Vector3d place;
@@ -42,16 +44,14 @@ struct Node {
 };
 
 std::vector<Node> nodesWithin(const Matrix3d& basis, double radius) {
-    const Matrix3d inverse = basis.inverse();
-    Eigen::Array3i most;
-    for (int i = 0; i < 3; ++i)
-        most[i] = static_cast<int>(radius * inverse.row(i).norm());
+    constexpr double kMostNodes = 1e6;
+    const auto [reach, most] = nodeBox(basis.inverse(), radius, kMostNodes);
     std::vector<Node> nodes;
     for (int h = -most[0]; h <= most[0]; ++h)
         for (int k = -most[1]; k <= most[1]; ++k)
             for (int l = -most[2]; l <= most[2]; ++l) {
                 const Vector3d place = basis * Vector3d(h, k, l);
-                if ((h || k || l) && place.norm() <= radius) nodes.push_back({place, place.norm()});
+                if ((h || k || l) && place.norm() <= reach) nodes.push_back({place, place.norm()});
             }
     std::sort(nodes.begin(), nodes.end(), [](const Node& a, const Node& b) { return a.length < b.length; });
     return nodes;
@@ -137,6 +137,7 @@ private:
 void enterPairs(const Matrix3d& basis, std::span<const Vector3d> innermost, RotationContest& contest) {
     if (innermost.empty()) return;
     const std::vector<Node> nodes = nodesWithin(basis, innermost.back().norm() + kPlaceError);
+    std::size_t pairs = 0;
     for (std::size_t i = 0; i < innermost.size(); ++i)
         for (std::size_t j = i + 1; j < innermost.size(); ++j) {
             const Vector3d& p = innermost[i];
@@ -146,8 +147,12 @@ void enterPairs(const Matrix3d& basis, std::span<const Vector3d> innermost, Rota
             const double angle = std::acos(cosine);
             const double error = kPlaceError * (1.0 / p.norm() + 1.0 / q.norm());
             const Matrix3d to = frameOf(p, q);
-            for (const Node& a : ofLength(nodes, p.norm()))
-                for (const Node& b : ofLength(nodes, q.norm())) {
+            const std::span<const Node> forP = ofLength(nodes, p.norm());
+            const std::span<const Node> forQ = ofLength(nodes, q.norm());
+            pairs += forP.size() * forQ.size();
+            if (pairs > kMostPairs) return;
+            for (const Node& a : forP)
+                for (const Node& b : forQ) {
                     const double between =
                         std::acos(std::clamp(a.place.dot(b.place) / (a.length * b.length), -1.0, 1.0));
                     if (std::abs(between - angle) > error) continue;

@@ -7,6 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include "pipeline/latticesearch/LatticeFit.h"
+
 namespace vrk {
 namespace {
 
@@ -154,10 +156,7 @@ std::vector<NodeTilt> nodesByTilt(const Lattice& lattice, std::span<const Vector
     for (const Vector3d& point : on)
         farthest = std::max(farthest, (point - lattice.origin).norm());
     const double most = std::cbrt(kMostNodes * lattice.cellVolume() * 3.0 / (4.0 * std::numbers::pi));
-    const double radius = std::min(kReach * farthest, most);
-    Indices end{};
-    for (std::size_t i = 0; i < 3; ++i)
-        end[i] = static_cast<int>(radius * inverse.row(static_cast<Eigen::Index>(i)).norm());
+    const auto [radius, end] = nodeBox(inverse, std::min(kReach * farthest, most), 5.0 * kMostNodes);
     FoundNodes found(lattice, end);
     for (const Vector3d& point : on)
         found.add(point);

@@ -58,6 +58,19 @@ double distanceToNode(const Vector3d& point, const Lattice& lattice, const Matri
     return (place - lattice.basis * node).norm();
 }
 
+NodeBox nodeBox(const Matrix3d& inverse, double radius, double mostNodes) {
+    constexpr double kSmaller = 0.9;
+    const Vector3d perVoxel = inverse.rowwise().norm();
+    if (!perVoxel.allFinite() || !std::isfinite(radius)) return {};
+    const auto nodesIn = [&](double r) { return (2.0 * (r * perVoxel).array().floor() + 1.0).prod(); };
+    while (nodesIn(radius) > mostNodes)
+        radius *= kSmaller;
+    NodeBox box{radius, {}};
+    for (std::size_t i = 0; i < 3; ++i)
+        box.most[i] = static_cast<int>(radius * perVoxel[static_cast<Eigen::Index>(i)]);
+    return box;
+}
+
 Matrix3d reduced(Matrix3d basis) {
     // Pairwise reduction, then the sums of all three: short enough for every use here.
     for (int rounds = 0; rounds < 200; ++rounds) {

@@ -41,6 +41,16 @@ struct Lattice {
 /// \param inverse  of the lattice's basis
 double distanceToNode(const Eigen::Vector3d& point, const Lattice& lattice, const Eigen::Matrix3d& inverse);
 
+/// The nodes around the origin of a lattice, by their indices.
+struct NodeBox {
+    double radius = 0.0;
+    Indices most{};  ///< largest h, k, l of the nodes within the radius
+};
+/// Draws a radius in until the box of indices holds no more nodes than that. The volume of the cell does not
+/// tell how many it holds where one edge is longer than the radius. \param inverse  of the lattice's basis;
+/// the radius is 0 when it is not finite
+NodeBox nodeBox(const Eigen::Matrix3d& inverse, double radius, double mostNodes);
+
 /// The shortest three vectors that span the same lattice, right-handed.
 Eigen::Matrix3d reduced(Eigen::Matrix3d basis);
 

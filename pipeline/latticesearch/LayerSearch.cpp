@@ -4,6 +4,7 @@
 #include <cmath>
 #include <complex>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <numbers>
 #include <utility>
@@ -21,10 +22,20 @@ using Complex = std::complex<double>;
 constexpr double kLeastSpacing = 2.2;
 /// A share of the points that the Fourier sum of random positions does not reach.
 constexpr double kLeastShare = 0.15;
+/// No volume reaches farther. The steps of a spectrum are as many as its points reach far, and strays would
+/// make them endless.
+constexpr double kFarthest = 4000.0;
 constexpr std::size_t kPeriods = 4;
 constexpr std::size_t kRowPeriods = 2;
 /// Rows with larger indices add nothing to the phases but time.
 constexpr int kLargestRow = 8;
+
+Points withoutStrays(const Points& points) {
+    Points near;
+    std::copy_if(points.begin(), points.end(), std::back_inserter(near),
+                 [](const Vector3d& point) { return point.norm() <= kFarthest; });
+    return near;
+}
 
 /// The sum of exp(2 pi i phase(i)) over i.
 template <typename Phase>
@@ -271,7 +282,8 @@ std::pair<double, double> phasesOf(const std::vector<Row>& rows, double frequenc
 
 }  // namespace
 
-std::vector<Matrix3d> basesFromLayers(const Points& points, const Vector3d& a, const Vector3d& b) {
+std::vector<Matrix3d> basesFromLayers(const Points& all, const Vector3d& a, const Vector3d& b) {
+    const Points points = withoutStrays(all);
     const Vector3d normal = a.cross(b).normalized();
     if (!normal.allFinite()) return {};
     Matrix3d frame;
@@ -319,7 +331,8 @@ std::vector<Matrix3d> basesFromLayers(const Points& points, const Vector3d& a, c
     return bases;
 }
 
-std::vector<Matrix3d> basesFromRows(const Points& points, const Lattice& lattice, int third) {
+std::vector<Matrix3d> basesFromRows(const Points& all, const Lattice& lattice, int third) {
+    const Points points = withoutStrays(all);
     const Matrix3d direct = lattice.basis.inverse();
     const Vector3d directA = direct.row((third + 1) % 3);
     const Vector3d directB = direct.row((third + 2) % 3);

@@ -13,6 +13,7 @@
 #include "pipeline/base/OutputFile.h"
 #include "pipeline/base/SmallMatrices.h"
 #include "pipeline/base/UnitCheck.h"
+#include "pipeline/latticesearch/LatticeFit.h"
 #include "pipeline/latticesearch/PeakMerging.h"
 
 namespace vrk {
@@ -162,8 +163,7 @@ LatticeEvidence evidenceFor(const LatticeCandidate& candidate, const Points& poi
     Points near;
     for (const Vector3d& point : points) {
         if (distanceToNode(point, lattice, inverse) > candidate.score.radius) continue;
-        const Vector3d hkl = (inverse * (point - lattice.origin)).array().round();
-        indices.push_back({static_cast<int>(hkl[0]), static_cast<int>(hkl[1]), static_cast<int>(hkl[2])});
+        indices.push_back(indexPosition(inverse * (point - lattice.origin), 0.5));
         near.push_back(point);
     }
     LatticeEvidence evidence;

@@ -1,6 +1,7 @@
 #include "pipeline/run/RunFolder.h"
 
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <vector>
@@ -8,6 +9,7 @@
 #include "indexing/EwaldCurvature.h"
 #include "indexing/ReflectionPositions.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/JsonText.h"
 #include "pipeline/formats/PeakList.h"
 #include "processing/SamplingGeometry.h"
 
@@ -15,6 +17,8 @@ namespace vrk {
 namespace {
 
 using Json = nlohmann::json;
+
+constexpr const char* kSummary = "summary.json";
 
 LATTICE::BravaisTypes typeOf(const std::string& name) {
     using enum LATTICE::BravaisTypes;
@@ -51,25 +55,30 @@ std::vector<float> takeSummary(const Json& json, CalibrationInput& input) {
 
 }  // namespace
 
-CalibrationInput readRunFolder(const std::filesystem::path& folder) {
-    const std::filesystem::path summary = folder / "summary.json";
-    std::ifstream stream(summary);
-    if (!stream)
-        throw Failure(folder.string() +
-                      " holds no summary.json; give a series, or a folder that 'vrk run' made");
-    const Json json = Json::parse(stream, nullptr, false);
-    CalibrationInput input;
-    input.name = folder.string();
-    std::vector<float> tilts;
+RunStatement readRunSummary(std::string_view text, const std::filesystem::path& folder) {
+    const auto json = parsedJson<Json>(text);
+    RunStatement statement;
+    statement.input.name = folder.string();
     try {
-        tilts = takeSummary(json, input);
+        statement.tilts = takeSummary(json, statement.input);
         if (json.at("instrument").contains("known") && !json["instrument"]["known"].is_null())
             throw Failure(folder.string() +
                           " was made with --distortion, its reflections do not show the instrument any more; "
                           "give the series itself");
     } catch (const Json::exception&) {
-        throw Failure(summary.string() + " is not complete; run the series again, or give it itself");
+        throw Failure((folder / kSummary).string() +
+                      " is not complete; run the series again, or give it itself");
     }
+    return statement;
+}
+
+CalibrationInput readRunFolder(const std::filesystem::path& folder) {
+    std::ifstream stream(folder / kSummary, std::ios::binary);
+    if (!stream)
+        throw Failure(folder.string() +
+                      " holds no summary.json; give a series, or a folder that 'vrk run' made");
+    const std::string text{std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+    auto [input, tilts] = readRunSummary(text, folder);
     const PeakList peaks = readPeaks(folder / "peaks.txt");
     const bool ascending = std::is_sorted(tilts.begin(), tilts.end());
     if (!peaks.head || tilts.size() < 2 || !ascending)

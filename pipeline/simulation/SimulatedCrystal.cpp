@@ -2,12 +2,14 @@
 
 #include <algorithm>
 #include <cmath>
+#include <fstream>
 #include <gemmi/c4322.hpp>
 #include <gemmi/cellred.hpp>
 #include <gemmi/cif.hpp>
 #include <gemmi/sfcalc.hpp>
 #include <gemmi/smcif.hpp>
 #include <gemmi/symmetry.hpp>
+#include <iterator>
 #include <map>
 #include <numbers>
 #include <string_view>
@@ -61,10 +63,10 @@ SimulationRandom randomOf(const CrystalReflection& one, std::uint64_t seed) {
     return random;
 }
 
-gemmi::SmallStructure readStructure(const std::string& path, double bFactor) {
+gemmi::SmallStructure readStructure(std::string_view text, const std::string& path, double bFactor) {
     gemmi::SmallStructure structure;
     try {
-        const gemmi::cif::Document document = gemmi::cif::read_file(path);
+        const gemmi::cif::Document document = gemmi::cif::read_memory(text.data(), text.size(), path.c_str());
         for (const gemmi::cif::Block& block : document.blocks) {
             structure = gemmi::make_small_structure_from_block(block);
             if (!structure.sites.empty()) break;
@@ -130,7 +132,14 @@ SimulatedCrystal SimulatedCrystal::fromCell(const std::array<double, 6>& cell, c
 }
 
 SimulatedCrystal SimulatedCrystal::fromCif(const std::string& path, double bFactor) {
-    const auto structure = std::make_shared<const gemmi::SmallStructure>(readStructure(path, bFactor));
+    std::ifstream file(path, std::ios::binary);
+    if (!file) throw Failure("cannot read the structure " + path + ": there is no such file");
+    return fromCifText(std::string(std::istreambuf_iterator<char>(file), {}), path, bFactor);
+}
+
+SimulatedCrystal SimulatedCrystal::fromCifText(std::string_view text, const std::string& path,
+                                               double bFactor) {
+    const auto structure = std::make_shared<const gemmi::SmallStructure>(readStructure(text, path, bFactor));
     const gemmi::SpaceGroup* group = structure->find_spacegroup();
     const gemmi::UnitCell& cell = structure->cell;
     SimulatedCrystal crystal({cell.a, cell.b, cell.c, cell.alpha, cell.beta, cell.gamma},

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "pipeline/simulation/SimulationRotation.h"
@@ -43,6 +44,8 @@ public:
     /// (International Tables C, table 4.3.2.2) with the displacement parameters of the file, B where an atom
     /// has none. Throws Failure when the file has no structure that intensities can be calculated from.
     static SimulatedCrystal fromCif(const std::string& path, double bFactor);
+    /// \param path  for messages
+    static SimulatedCrystal fromCifText(std::string_view text, const std::string& path, double bFactor);
 
     /// Gives the reflections of a lattice the mean intensity of the Wilson distribution, all of them.
     void setEven(bool even) { m_even = even; }

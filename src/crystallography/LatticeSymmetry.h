@@ -57,7 +57,9 @@ class VRKCORE_EXPORT LatticeSymmetry {
 public:
     /// Every symmetry that fits, the highest first (by the order of the point group of the lattice) and
     /// within one symmetry the smallest misfit first. Fits that lead to the same conventional axes come once,
-    /// as the best of them. A triclinic character is always among them; empty for a degenerate cell.
+    /// as the best of them. A triclinic character is always among them; empty for a degenerate cell and for
+    /// one whose reduction does not fit into whole numbers of 32 bits (edges that differ by a factor of many
+    /// millions).
     ///
     /// The vectors count as a primitive base whatever isPrimitiv() says. It is the crystal's direct lattice
     /// that is analysed: for a reciprocal cell the analysis is that of getReciprocalCell(), with parameters

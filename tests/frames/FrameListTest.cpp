@@ -95,6 +95,10 @@ TEST(FrameLists, GiveFramesTheirTiltsAndTheExperiment) {
     ASSERT_EQ(xds.frames.size(), 3U);
     EXPECT_EQ(xds.frames[2].path, std::filesystem::path(folder / "data/f0022.img"));
     EXPECT_DOUBLE_EQ(xds.frames[2].tilt, -13.75);
+    // Numbers at the end of what 64 bits hold, counted from one below 0.
+    const vrk::FrameList sweep =
+        vrk::readFrameList(folder.write("XDS.INP", "OSCILLATION_RANGE=1\nSTARTING_FRAME=-9\n"));
+    EXPECT_GT(sweep.tiltsFor({"f_9223372036854775807.img", "f_1.img"})[0], 9e18);
 }
 
 TEST(FrameLists, OrderCountsWhereNamesDoNotFit) {

@@ -77,6 +77,29 @@ Points pointsOf(const Crystal& crystal, std::mt19937& random) {
     return points;
 }
 
+TEST(CellSearch, EndsWithStraysFarBeyondAnyVolume) {
+    // Close nodes, so that layers and rows are looked for, whose spectra have a step for every bit of reach.
+    const Matrix3d basis = Vector3d(6.0, 7.0, 8.0).asDiagonal();
+    std::mt19937 random(7);
+    std::uniform_int_distribution<int> index(-4, 4);
+    Points points;
+    for (int i = 0; i < 60; ++i)
+        points.push_back(basis * Vector3d(index(random), index(random), index(random)));
+    for (const double far : {1e5, 1e9, 1e300}) {
+        points.insert(points.end(), 8, Vector3d(far, 3.0, 5.0));
+        points.emplace_back(1.0, far, -7.0);
+        points.emplace_back(2.0, 5.0, -far);
+    }
+    const std::vector<LatticeCandidate> found = vrk::CellSearch().search(points, {});
+    for (const LatticeCandidate& candidate : found)
+        EXPECT_TRUE(candidate.lattice.basis.allFinite());
+    // A box of indices stays small where one edge is out of all proportion.
+    const vrk::NodeBox box = vrk::nodeBox(Vector3d(1.0, 1.0, 1e-6).asDiagonal(), 1e5, 1e6);
+    EXPECT_NEAR(box.radius, 500.0, 100.0);
+    EXPECT_EQ(box.most[0], static_cast<int>(box.radius));
+    EXPECT_EQ(vrk::nodeBox(Matrix3d::Constant(HUGE_VAL), 1.0, 1e6).radius, 0.0);
+}
+
 TEST(CellSearch, FindsTheLatticeBehindAWedgeAndOutliers) {
     std::mt19937 random(11);
     for (const char centring : {'P', 'I', 'F', 'C', 'P'}) {

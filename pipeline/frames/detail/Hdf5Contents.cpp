@@ -9,6 +9,7 @@
 
 #include "indexing/EwaldCurvature.h"
 #include "pipeline/base/Angle.h"
+#include "pipeline/base/JsonText.h"
 #include "pipeline/base/NumberList.h"
 
 namespace vrk::detail {
@@ -244,7 +245,7 @@ std::optional<double> numberIn(const nlohmann::json& json, const char* pointer) 
 
 /// What the microscope noted about one frame, as JSON.
 void readVeloxMetadata(const std::string& text, FrameInfo& info) {
-    const nlohmann::json json = nlohmann::json::parse(text, nullptr, false);
+    const auto json = parsedJson<nlohmann::json>(text);
     if (!json.is_object()) return;
     if (const auto tilt = numberIn(json, "/Stage/AlphaTilt")) info.tilt = *tilt / kDegree;
     if (const auto volts = numberIn(json, "/Optics/AccelerationVoltage"); volts && *volts > 0)

@@ -96,16 +96,22 @@ std::string nameOf(std::string pattern, long long number) {
 
 void listFrames(const ListText& text, const Keywords& keywords, FrameList& list) {
     constexpr double mostFrames = 100000;
+    constexpr double largestNumber = 1e9;
+    constexpr std::size_t longestName = 512;  // the names of all frames are kept
     const auto pattern = keywords.find("NAME_TEMPLATE_OF_DATA_FRAMES");
     const std::vector<double> range = numbersOf(keywords, "DATA_RANGE", 2);
     if (pattern == keywords.end() || pattern->second.empty() || range.empty() || range[0] < 1 ||
-        range[1] < range[0] || range[1] - range[0] > mostFrames)
+        range[1] < range[0] || range[1] - range[0] > mostFrames || range[1] > largestNumber ||
+        pattern->second[0].size() > longestName)
         return;
+    std::vector<std::pair<double, double>> exclusions;
+    const auto [firstOne, lastOne] = keywords.equal_range("EXCLUDE_DATA_RANGE");
+    for (auto keyword = firstOne; keyword != lastOne; ++keyword)
+        if (const std::vector<double> limits = numbersIn(keyword->second); limits.size() >= 2)
+            exclusions.emplace_back(limits[0], limits[1]);
     const auto excluded = [&](double number) {
-        const auto [first, last] = keywords.equal_range("EXCLUDE_DATA_RANGE");
-        return std::any_of(first, last, [&](const auto& keyword) {
-            const std::vector<double> limits = numbersIn(keyword.second);
-            return limits.size() >= 2 && number >= limits[0] && number <= limits[1];
+        return std::any_of(exclusions.begin(), exclusions.end(), [&](const auto& limits) {
+            return number >= limits.first && number <= limits.second;
         });
     };
     for (auto number = static_cast<long long>(range[0]); number <= static_cast<long long>(range[1]);

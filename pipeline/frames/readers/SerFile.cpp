@@ -38,13 +38,19 @@ FrameFormat::Match recognise(const FileStart& start) {
 
 const FrameFormat::Registration kSer({"SER", recognise, FrameFormat::openAs<SerFile>});
 
+/// A whole number of 64 bits; one that no file reaches stands for all beyond.
+std::uint64_t wholeNumber(double value) {
+    constexpr double beyond = 9e18;
+    return static_cast<std::uint64_t>(std::min(value, beyond));
+}
+
 SerFile::SerFile(FrameSource source) : FrameFile(std::move(source)) {
     constexpr std::size_t headerBytes = 34;
     const std::unique_ptr<FrameBytes> bytes = this->source().open();
     std::array<char, headerBytes> header{};
     if (!bytes->read(0, header)) refuse("it ends within its header");
     const auto integer = [&](std::size_t position, PixelType type) {
-        return static_cast<std::uint64_t>(decodeNumber(header, position, type, false));
+        return wholeNumber(decodeNumber(header, position, type, false));
     };
     constexpr std::uint64_t images = 0x4122;
     constexpr std::uint64_t lastWithShortPlaces = 0x210;
@@ -62,7 +68,7 @@ SerFile::SerFile(FrameSource source) : FrameFile(std::move(source)) {
     bytes->read(list, places);
     for (std::uint64_t i = 0; i < valid && m_damage.empty(); ++i) {
         const double place = decodeNumber(places, i * bytesOf(placeType), placeType, false);
-        if (readElement(*bytes, static_cast<std::uint64_t>(place))) continue;
+        if (readElement(*bytes, wholeNumber(place))) continue;
         m_damage = "it is truncated or damaged: " + std::to_string(i) + " of its " + std::to_string(valid) +
                    " images are there";
         if (i == 0) refuse(m_damage);

@@ -134,13 +134,18 @@ public:
 
 private:
     Frame readFrame(int frame) const override;
-    void readPixels(OpenTiff& tiff, const Layout& layout, std::span<char> target) const;
+    std::vector<char> readPixels(OpenTiff& tiff, const Layout& layout) const;
+    void readRows(OpenTiff& tiff, const Layout& layout, std::vector<char>& pixels) const;
+    void readTiles(OpenTiff& tiff, const Layout& layout, std::vector<char>& pixels) const;
+    [[noreturn]] void refusePixels(const OpenTiff& tiff) const;
     [[noreturn]] void refusePage(std::size_t page, const std::string& reason) const {
         refuse("page " + std::to_string(page) + " of the TIFF " + reason);
     }
 
     std::vector<toff_t> m_directories;
 };
+
+constexpr const char* kDoNotFit = "its strips or tiles do not fit its pages; the TIFF is damaged";
 
 FrameFormat::Match recognise(const FileStart& start) {
     using namespace std::string_view_literals;
@@ -181,40 +186,58 @@ TiffFile::TiffFile(FrameSource source) : FrameFile(std::move(source)) {
                    " pages of the TIFF can be read; the rest is damaged or truncated" + tiff.complaint();
 }
 
-/// Copies what strips or tiles have in common with the page. Their rows are longer than the page's where they
-/// stick out of it.
-void TiffFile::readPixels(OpenTiff& tiff, const Layout& layout, std::span<char> target) const {
+/// The bytes of a page, by rows. Memory is taken as the pixels come: a packed page may announce any size.
+std::vector<char> TiffFile::readPixels(OpenTiff& tiff, const Layout& layout) const {
+    constexpr std::size_t usual = std::size_t{64} << 20;
+    const std::size_t rowBytes = layout.width * layout.bits / 8UL;
+    std::vector<char> pixels;
+    pixels.reserve(std::min(usual, rowBytes * layout.height));
+    if (TIFFIsTiled(tiff.get()))
+        readTiles(tiff, layout, pixels);
+    else
+        readRows(tiff, layout, pixels);
+    return pixels;
+}
+
+void TiffFile::refusePixels(const OpenTiff& tiff) const {
+    refuse("the pixels of a page cannot be read; the TIFF is damaged or truncated" + tiff.complaint());
+}
+
+void TiffFile::readRows(OpenTiff& tiff, const Layout& layout, std::vector<char>& pixels) const {
+    const std::size_t rowBytes = layout.width * layout.bits / 8UL;
+    if (TIFFScanlineSize(tiff.get()) != static_cast<tmsize_t>(rowBytes)) refuse(kDoNotFit);
+    for (std::uint32_t y = 0; y < layout.height; ++y) {
+        pixels.resize(pixels.size() + rowBytes);
+        if (TIFFReadScanline(tiff.get(), pixels.data() + y * rowBytes, y, 0) < 0) refusePixels(tiff);
+    }
+}
+
+/// Copies what the tiles have in common with the page; they may stick out of it.
+void TiffFile::readTiles(OpenTiff& tiff, const Layout& layout, std::vector<char>& pixels) const {
     TIFF* const file = tiff.get();
-    const bool tiled = TIFFIsTiled(file) != 0;
-    std::uint32_t blockWidth = layout.width;
-    std::uint32_t blockHeight = layout.height;
-    TIFFGetFieldDefaulted(file, tiled ? TIFFTAG_TILELENGTH : TIFFTAG_ROWSPERSTRIP, &blockHeight);
-    if (tiled) TIFFGetField(file, TIFFTAG_TILEWIDTH, &blockWidth);
-    if (!tiled) blockHeight = std::min(blockHeight, layout.height);
-    const std::size_t pixel = layout.bits / 8;
-    const tmsize_t blockBytes = tiled ? TIFFTileSize(file) : TIFFStripSize(file);
-    const std::uint64_t expected = std::uint64_t{blockWidth} * blockHeight * pixel;
-    constexpr std::uint64_t largest = std::uint64_t{1} << 31;
-    if (blockBytes <= 0 || static_cast<std::uint64_t>(blockBytes) != expected || expected > largest)
-        refuse("its strips or tiles do not fit its pages; the TIFF is damaged");
-    std::vector<char> block(expected);
+    std::uint32_t tileWidth = 0;
+    std::uint32_t tileHeight = 0;
+    TIFFGetField(file, TIFFTAG_TILEWIDTH, &tileWidth);
+    TIFFGetField(file, TIFFTAG_TILELENGTH, &tileHeight);
+    const std::size_t pixel = layout.bits / 8U;
+    const tmsize_t tileBytes = TIFFTileSize(file);
+    constexpr tmsize_t largest = tmsize_t{1} << 28;
+    if (tileBytes <= 0 || tileBytes > largest ||
+        static_cast<std::uint64_t>(tileBytes) != std::uint64_t{tileWidth} * tileHeight * pixel)
+        refuse(kDoNotFit);
+    std::vector<char> tile(static_cast<std::size_t>(tileBytes));
     const std::size_t rowBytes = layout.width * pixel;
-    for (std::uint32_t y = 0; y < layout.height; y += blockHeight)
-        for (std::uint32_t x = 0; x < layout.width; x += blockWidth) {
-            const std::uint32_t rows = std::min(blockHeight, layout.height - y);
-            const std::size_t bytes = std::min(blockWidth, layout.width - x) * pixel;
-            const auto needed =
-                static_cast<tmsize_t>(tiled ? block.size() : std::size_t{rows} * blockWidth * pixel);
-            const tmsize_t got =
-                tiled ? TIFFReadTile(file, block.data(), x, y, 0, 0)
-                      : TIFFReadEncodedStrip(file, TIFFComputeStrip(file, y, 0), block.data(), needed);
-            if (got < needed)
-                refuse("the pixels of a page cannot be read; the TIFF is damaged or truncated" +
-                       tiff.complaint());
+    for (std::uint32_t y = 0; y < layout.height; y += tileHeight) {
+        const std::uint32_t rows = std::min(tileHeight, layout.height - y);
+        pixels.resize(pixels.size() + rows * rowBytes);
+        for (std::uint32_t x = 0; x < layout.width; x += tileWidth) {
+            if (TIFFReadTile(file, tile.data(), x, y, 0, 0) < tileBytes) refusePixels(tiff);
+            const std::size_t bytes = std::min(tileWidth, layout.width - x) * pixel;
             for (std::uint32_t row = 0; row < rows; ++row)
-                std::memcpy(target.data() + (std::size_t{y} + row) * rowBytes + x * pixel,
-                            block.data() + std::size_t{row} * blockWidth * pixel, bytes);
+                std::memcpy(pixels.data() + (std::size_t{y} + row) * rowBytes + x * pixel,
+                            tile.data() + std::size_t{row} * tileWidth * pixel, bytes);
         }
+    }
 }
 
 Frame TiffFile::readFrame(int frame) const {
@@ -228,8 +251,7 @@ Frame TiffFile::readFrame(int frame) const {
     if (!type || layout.coloured() || static_cast<int>(layout.width) != info.width ||
         static_cast<int>(layout.height) != info.height)
         refusePage(page + 1, "changed while the file was read");
-    std::vector<char> bytes(std::size_t{layout.width} * layout.height * bytesOf(*type));
-    readPixels(tiff, layout, bytes);
+    const std::vector<char> bytes = readPixels(tiff, layout);
     // libtiff has brought the pixels into the byte order of this machine.
     constexpr bool bigEndianHost = std::endian::native == std::endian::big;
     Frame result{info.width, info.height, decodePixels(bytes, *type, bigEndianHost)};

@@ -33,7 +33,7 @@ using VRK::detail::SliceReduction;
 namespace {
 
 /// A file may lack this many bytes, or all but this share of what its header announces, and is still read.
-constexpr std::uint64_t kMostMissing = std::uint64_t{256} << 20;
+constexpr std::uint64_t kMostMissing = std::uint64_t{16} << 20;
 constexpr std::uint64_t kLeastShare = 16;
 constexpr unsigned short kHistogramBins = 256;
 

@@ -37,7 +37,7 @@ struct mrcH;
 ///   none and may have more layers than that);
 /// - an extended header whose records evidently have 128 bytes instead of 144: read in steps of 144
 ///   its tilts would be other quantities;
-/// - more than 256 MiB, and more than fifteen sixteenths of what the header announces, missing from the end
+/// - more than 16 MiB, and more than fifteen sixteenths of what the header announces, missing from the end
 ///   of the file: that is another format, or memory asked for nothing.
 ///
 /// A file cut less than that is read: what is missing is 0, and the byte count is reported as an error.

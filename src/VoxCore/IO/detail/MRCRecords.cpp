@@ -16,7 +16,7 @@ template <class T>
 T load(const char* bytes) {
     Bits<sizeof(T)> bits = 0;
     for (std::size_t i = 0; i < sizeof(T); ++i)
-        bits = static_cast<Bits<sizeof(T)>>(bits | static_cast<unsigned char>(bytes[i]) << 8 * i);
+        bits = static_cast<Bits<sizeof(T)>>(bits | unsigned{static_cast<unsigned char>(bytes[i])} << 8 * i);
     return std::bit_cast<T>(bits);
 }
 

@@ -1,0 +1,76 @@
+/// \file
+/// Lattice symmetry: every character that fits has a conventional cell of its lattice and centring, the
+/// rotations of that cell form a finite group.
+#include <Eigen/LU>
+#include <algorithm>
+#include <vector>
+
+#include "FuzzInput.h"
+#include "crystallography/LatticeSymmetry.h"
+#include "crystallography/UnitCell.h"
+#include "pipeline/integration/LaueGroup.h"
+
+static int latticePoints(char centring) {
+    return centring == 'F' ? 4 : centring == 'R' ? 3 : centring == 'P' ? 1 : 2;
+}
+
+static void expectGroup(const vrk::LaueRotations& rotations) {
+    constexpr std::array<std::size_t, 7> kOrders = {1, 2, 4, 6, 8, 12, 24};
+    fuzz::expect(std::ranges::find(kOrders, rotations.size()) != kOrders.end(),
+                 "a lattice has a known order");
+    const auto has = [&](const vrk::IndexRotation& one) {
+        return std::ranges::find(rotations, one) != rotations.end();
+    };
+    for (const vrk::IndexRotation& a : rotations)
+        for (const vrk::IndexRotation& b : rotations) {
+            vrk::IndexRotation product{};
+            for (std::size_t i = 0; i < 3; ++i)
+                for (std::size_t j = 0; j < 3; ++j) {
+                    product.matrix[i][j] = 0;
+                    for (std::size_t k = 0; k < 3; ++k)
+                        product.matrix[i][j] += a.matrix[i][k] * b.matrix[k][j];
+                }
+            fuzz::expect(has(product), "two rotations after each other are one of them");
+        }
+}
+
+FUZZ_TARGET(bytes) {
+    fuzz::Numbers numbers(bytes);
+    Eigen::Matrix3d base;
+    for (double& entry : base.reshaped())
+        entry = numbers.any();
+    const UnitCell cell(base.col(0).data(), base.col(1).data(), base.col(2).data(), 1.0, true, true,
+                        LATTICE::aP);
+    const LatticeTolerances tolerances{numbers.within(0.01, 5.0), numbers.within(0.001, 0.1)};
+    const std::vector<LatticeCharacter> fits = LatticeSymmetry::analyse(cell, tolerances);
+    if (cell.isDegenerate()) return fuzz::expect(fits.empty(), "what spans no lattice has no symmetry");
+    const auto [shortest, longest] =
+        std::minmax({cell.getLengthOfA(), cell.getLengthOfB(), cell.getLengthOfC()});
+    if (longest > 1e6 * shortest) return;
+    fuzz::expect(!fits.empty(), "every lattice is triclinic at least");
+    bool isTriclinic = false;
+    for (const LatticeCharacter& fit : fits) {
+        Eigen::Matrix3d map;
+        for (int i = 0; i < 3; ++i)
+            for (int j = 0; j < 3; ++j)
+                map(i, j) = fit.toConventional[i][j];
+        fuzz::expect(std::lround(map.determinant()) == latticePoints(fit.centring),
+                     "a conventional cell has the points of its centring");
+        fuzz::expect(fit.number >= 1 && fit.number <= 44, "there are 44 characters");
+        fuzz::expect(fit.qualityIndex >= 0.0 && fit.qualityIndex <= tolerances.angle * 1.000001 &&
+                         fit.lengthMisfit <= tolerances.length * 1.000001,
+                     "what fits is within the tolerances");
+        isTriclinic = isTriclinic || fit.bravaisType == LATTICE::aP;
+    }
+    fuzz::expect(isTriclinic, "the triclinic character always fits");
+    // The rotations of the cell as its type has it.
+    const CellParameters& p = fits.front().symmetrised;
+    const double radian = std::acos(-1.0) / 180.0;
+    const double cx = std::cos(p.beta * radian), singamma = std::sin(p.gamma * radian);
+    const double cy = (std::cos(p.alpha * radian) - cx * std::cos(p.gamma * radian)) / singamma;
+    Eigen::Matrix3d direct;
+    direct << p.a, p.b * std::cos(p.gamma * radian), p.c * cx, 0.0, p.b * singamma, p.c * cy, 0.0, 0.0,
+        p.c * std::sqrt(std::max(0.0, 1.0 - cx * cx - cy * cy));
+    if (std::abs(direct.determinant()) > 1e-3 * p.a * p.b * p.c)
+        expectGroup(vrk::latticeRotations(direct.inverse().transpose(), fits.front().centring));
+}
