@@ -5,7 +5,6 @@
 #include <cmath>
 #include <memory>
 #include <optional>
-#include <set>
 
 #include "foundation/VRKLogger.h"
 #include "indexing/EwaldCurvature.h"
@@ -72,14 +71,14 @@ struct SampleSums {
 };
 
 /// Mean place of the samples of a reflection's voxels. \returns false when none of them was sampled.
-bool placeOfSamples(ReflexOnGrid& reflex, const SamplingGeometry& geometry, Place& place) {
+bool placeOfSamples(const ReflexOnGrid& reflex, const SamplingGeometry& geometry, Place& place) {
     const Vector3 centre = centreOf(geometry);
     SampleSums sums;
     double sumY = 0.0;
     const VRK::detail::VoxelGrid grid(reflex.getVolume());
     std::optional<ColumnSample> sample;
     int lastX = 0, lastZ = 0;
-    for (const int index : *reflex.getPoints()) {
+    reflex.forEachVoxel([&](int index) {
         const VRK::detail::Voxel voxel = grid.voxel(index);
         // Voxels of one column follow each other.
         if (!sample || voxel.x != lastX || voxel.z != lastZ) {
@@ -90,7 +89,7 @@ bool placeOfSamples(ReflexOnGrid& reflex, const SamplingGeometry& geometry, Plac
         const short* slice = reflex.getVolume()->GetChunkPointer(static_cast<unsigned>(voxel.z));
         const double weight = std::max<double>(slice[voxel.x * grid.extentY() + voxel.y], 0.0);
         if (sums.add(*sample, weight)) sumY += weight * voxel.y;
-    }
+    });
     if (!(sums.weight > 0.0)) return false;
     place.position[0] = centre[0] + sums.x / sums.weight;
     place.position[1] = sumY / sums.weight;
@@ -159,7 +158,7 @@ ReflexVector* ReflectionPositions::fromSamples(const ReflexVector* reflections,
     return copyList(reflections, tilts, [&](Reflex& reflex) {
         Place place{};
         auto* onGrid = dynamic_cast<ReflexOnGrid*>(&reflex);
-        const bool hasVoxels = onGrid && onGrid->getVolume() && onGrid->getPoints();
+        const bool hasVoxels = onGrid && onGrid->getVolume();
         if (hasVoxels && placeOfSamples(*onGrid, geometry, place)) return place;
         return placeOfCenter(reflex, 3, centre.data());
     });
