@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cmath>
 #include <numbers>
-#include <set>
 #include <utility>
 #include <vector>
 
@@ -16,6 +15,14 @@ using Eigen::Vector3d;
 /// Closer to the tilt axis than this, in voxels, a place says nothing of its tilt.
 constexpr double kOnAxis = 3.0;
 
+/// Whether a place is farther from the tilt axis than that; the root is taken where it decides.
+bool isOffAxis(double x, double z) {
+    constexpr double kSquare = kOnAxis * kOnAxis;
+    const double square = x * x + z * z;
+    if (square > 1.0001 * kSquare) return true;
+    return square >= 0.9999 * kSquare && std::hypot(x, z) > kOnAxis;
+}
+
 /// The tilt at which a place relative to the origin was recorded, radians in half a turn.
 double tiltOf(const Vector3d& place) {
     return std::atan2(place.z(), place.x()) -
@@ -26,7 +33,7 @@ double tiltOf(const Vector3d& place) {
 std::vector<double> tiltsOf(std::span<const Vector3d> points, const Vector3d& origin) {
     std::vector<double> tilts;
     for (const Vector3d& point : points)
-        if (std::hypot(point.x() - origin.x(), point.z() - origin.z()) > kOnAxis)
+        if (isOffAxis(point.x() - origin.x(), point.z() - origin.z()))
             tilts.push_back(tiltOf(point - origin));
     std::sort(tilts.begin(), tilts.end());
     return tilts;
@@ -55,50 +62,115 @@ bool areInOneLayer(std::span<const Vector3d> between, std::span<const Vector3d> 
     constexpr double kNearly = 0.85;
     constexpr double kFew = 0.35;
     const Eigen::Matrix3d inverse = lattice.basis.inverse();
-    const auto shareIn = [&](std::span<const Vector3d> points, const Vector3d& normal) {
-        double within = 0.0;
+    const auto fractionsOf = [&](std::span<const Vector3d> points) {
+        std::vector<Vector3d> fractions;
+        fractions.reserve(points.size());
         for (const Vector3d& point : points)
-            within += std::abs(normal.dot(inverse * (point - lattice.origin))) < 0.2 ? 1.0 : 0.0;
-        return within / static_cast<double>(std::max<std::size_t>(points.size(), 1));
+            fractions.emplace_back(inverse * (point - lattice.origin));
+        return fractions;
     };
+    const auto shareIn = [](const std::vector<Vector3d>& fractions, const Vector3d& normal) {
+        double within = 0.0;
+        for (const Vector3d& fraction : fractions)
+            within += std::abs(normal.dot(fraction)) < 0.2 ? 1.0 : 0.0;
+        return within / static_cast<double>(std::max<std::size_t>(fractions.size(), 1));
+    };
+    const std::vector<Vector3d> ofBetween = fractionsOf(between), ofOn = fractionsOf(on);
     for (int n = 1; n < 14; ++n) {
         // One of each pair of opposite directions with indices of -1, 0 and 1.
         const int code = n + 13;  // in the base of three
         const Vector3d direction =
             Eigen::Vector3i(code / 9 - 1, code / 3 % 3 - 1, code % 3 - 1).cast<double>();
-        if (shareIn(between, direction) > kNearly && shareIn(on, direction) < kFew) return true;
+        if (shareIn(ofBetween, direction) > kNearly && shareIn(ofOn, direction) < kFew) return true;
     }
     return false;
 }
 
+/// A node's tilt, and whether it has a reflection.
+using NodeTilt = std::pair<double, bool>;
+
+/// Sorts tilts of a range: into as many intervals as there are tilts, then within each, where few meet.
+void sortByTilt(std::vector<NodeTilt>& nodes, double first, double last) {
+    const auto count = static_cast<double>(nodes.size());
+    const double perInterval = last > first ? count / (last - first) : 0.0;
+    const auto intervalOf = [&](const NodeTilt& node) {
+        return static_cast<std::size_t>(std::clamp((node.first - first) * perInterval, 0.0, count));
+    };
+    std::vector<std::size_t> begin(nodes.size() + 2, 0);
+    for (const NodeTilt& node : nodes)
+        ++begin[intervalOf(node) + 1];
+    for (std::size_t i = 1; i < begin.size(); ++i)
+        begin[i] += begin[i - 1];
+    std::vector<NodeTilt> sorted(nodes.size());
+    std::vector<std::size_t> next(begin.begin(), begin.end() - 1);
+    for (const NodeTilt& node : nodes)
+        sorted[next[intervalOf(node)]++] = node;
+    for (std::size_t i = 0; i + 1 < begin.size(); ++i)
+        if (begin[i + 1] - begin[i] > 1)
+            std::sort(sorted.begin() + static_cast<std::ptrdiff_t>(begin[i]),
+                      sorted.begin() + static_cast<std::ptrdiff_t>(begin[i + 1]));
+    nodes.swap(sorted);
+}
+
+/// Whether there is a reflection at the nodes of a box about the origin.
+class FoundNodes {
+public:
+    FoundNodes(const Lattice& lattice, const Indices& end)
+        : m_end(end), m_inverse(lattice.basis.inverse()), m_origin(lattice.origin) {
+        std::size_t nodes = 1;
+        for (const int last : end)
+            nodes *= static_cast<std::size_t>(2 * last + 1);
+        m_found.resize(nodes);
+    }
+    void add(const Vector3d& point) {
+        const Vector3d q = (m_inverse * (point - m_origin)).array().round();
+        for (std::size_t i = 0; i < 3; ++i)
+            if (!(std::abs(q[static_cast<Eigen::Index>(i)]) <= m_end[i])) return;
+        m_found[placeOf(static_cast<int>(q[0]), static_cast<int>(q[1]), static_cast<int>(q[2]))] = 1;
+    }
+    bool contains(int h, int k, int l) const { return m_found[placeOf(h, k, l)] != 0; }
+
+private:
+    std::size_t placeOf(int h, int k, int l) const {
+        const auto width = [this](std::size_t i) { return static_cast<std::size_t>(2 * m_end[i] + 1); };
+        return (static_cast<std::size_t>(h + m_end[0]) * width(1) + static_cast<std::size_t>(k + m_end[1])) *
+                   width(2) +
+               static_cast<std::size_t>(l + m_end[2]);
+    }
+
+    Indices m_end;
+    Eigen::Matrix3d m_inverse;
+    Vector3d m_origin;
+    std::vector<char> m_found;
+};
+
 /// The tilts of the nodes up to a radius that lie in a range, ascending, and whether each has a reflection.
-std::vector<std::pair<double, bool>> nodesByTilt(const Lattice& lattice, std::span<const Vector3d> on,
-                                                 double first, double last) {
+std::vector<NodeTilt> nodesByTilt(const Lattice& lattice, std::span<const Vector3d> on, double first,
+                                  double last) {
     constexpr double kReach = 0.75;  // of the farthest reflection: beyond, they are faint
     constexpr double kMostNodes = 20000.0;
     const Eigen::Matrix3d inverse = lattice.basis.inverse();
-    std::set<Indices> found;
     double farthest = 0.0;
-    for (const Vector3d& point : on) {
-        const Vector3d q = (inverse * (point - lattice.origin)).array().round();
-        found.insert({static_cast<int>(q[0]), static_cast<int>(q[1]), static_cast<int>(q[2])});
+    for (const Vector3d& point : on)
         farthest = std::max(farthest, (point - lattice.origin).norm());
-    }
     const double most = std::cbrt(kMostNodes * lattice.cellVolume() * 3.0 / (4.0 * std::numbers::pi));
     const double radius = std::min(kReach * farthest, most);
     Indices end{};
     for (std::size_t i = 0; i < 3; ++i)
         end[i] = static_cast<int>(radius * inverse.row(static_cast<Eigen::Index>(i)).norm());
-    std::vector<std::pair<double, bool>> nodes;
+    FoundNodes found(lattice, end);
+    for (const Vector3d& point : on)
+        found.add(point);
+    std::vector<NodeTilt> nodes;
     for (int h = -end[0]; h <= end[0]; ++h)
         for (int k = -end[1]; k <= end[1]; ++k)
             for (int l = -end[2]; l <= end[2]; ++l) {
                 const Vector3d place = lattice.basis * Vector3d(h, k, l);
-                if (place.norm() > radius || std::hypot(place.x(), place.z()) <= kOnAxis) continue;
+                if (place.norm() > radius || !isOffAxis(place.x(), place.z())) continue;
                 const double tilt = tiltOf(place);
-                if (tilt >= first && tilt <= last) nodes.emplace_back(tilt, found.contains({h, k, l}));
+                if (tilt >= first && tilt <= last) nodes.emplace_back(tilt, found.contains(h, k, l));
             }
-    std::sort(nodes.begin(), nodes.end());
+    sortByTilt(nodes, first, last);
     return nodes;
 }
 

@@ -3,6 +3,7 @@
 #include <Eigen/LU>
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <memory>
 
 #include "crystallography/NiggliReduction.h"
@@ -12,6 +13,18 @@ namespace vrk {
 
 using Eigen::Matrix3d;
 using Eigen::Vector3d;
+
+namespace {
+
+/// std::round(), which is a call where the processor may be of any age.
+double nearestWhole(double q) {
+    constexpr double kAllWhole = 4503599627370496.0;  // 2^52
+    constexpr double kBelowHalf = 0.49999999999999994;
+    if (!(std::abs(q) < kAllWhole)) return q;
+    return static_cast<double>(static_cast<std::int64_t>(q + std::copysign(kBelowHalf, q)));
+}
+
+}  // namespace
 
 double Lattice::cellVolume() const {
     return std::abs(basis.determinant());
@@ -40,9 +53,9 @@ Lattice Lattice::of(const UnitCell& cell, const Vector3d& origin) {
 }
 
 double distanceToNode(const Vector3d& point, const Lattice& lattice, const Matrix3d& inverse) {
-    return (point - lattice.origin -
-            lattice.basis * Vector3d((inverse * (point - lattice.origin)).array().round()))
-        .norm();
+    const Vector3d place = point - lattice.origin;
+    const Vector3d node = (inverse * place).unaryExpr([](double q) { return nearestWhole(q); });
+    return (place - lattice.basis * node).norm();
 }
 
 Matrix3d reduced(Matrix3d basis) {

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
+#include <optional>
 #include <sstream>
 
 #include "cellfinding/Parameter.h"
@@ -49,6 +51,37 @@ Failure nothingFound(const RadialNoise& noise) {
     return Failure(text.str(), FailureKind::NothingFound);
 }
 
+/// Nothing when there are more reflections than \p most.
+std::optional<Level> searchLevel(FindReflexes& finder, std::size_t most, const ReciprocalVolume& volume,
+                                 double threshold, const SearchOptions& options, Session& session) {
+    Level level;
+    level.threshold = threshold;
+    // Five deviations of the halo's noise stay below the threshold.
+    level.zeroBeam =
+        std::max(4.0, std::min(volume.noise.haloRadius(threshold, 5.0), volume.voxels->GetWidth() / 10.0));
+    Parameter parameter;
+    parameter.setThreshold(threshold);
+    parameter.setMinDistToZeroBeam(level.zeroBeam);
+    parameter.setWhichReflectionMiddleShouldUsed(3);
+    options.applyTo(parameter);
+    level.zeroBeam = parameter.getCutOffZeroBeam() ? parameter.getMinDistToZeroBeam() : 0.0;
+    level.minVoxels = parameter.getMinCountOfVoxel();
+
+    finder.registerObserver(&session.progress());
+    finder.setMostReflections(most);
+    ReflexVectorPtr found;
+    {
+        const Stage stage(session, "reflections");
+        const auto lock = lockSearch();
+        found.reset(finder.findAllReflexes(volume.voxels.get(), &parameter, false, nullptr));
+    }
+    session.checkCanceled();
+    if (!found) throw Failure("the reflection search failed: " + session.lastError());
+    if (found->size() > most) return std::nullopt;
+    level.reflections = valuesOf(*found, parameter.getWhichReflectionMiddleShouldUsed(), volume);
+    return level;
+}
+
 }  // namespace
 
 std::vector<Eigen::Vector3d> Level::positions() const {
@@ -69,31 +102,8 @@ std::vector<double> Level::tilts() const {
 
 Level searchLevel(const ReciprocalVolume& volume, double threshold, const SearchOptions& options,
                   Session& session) {
-    Level level;
-    level.threshold = threshold;
-    // Five deviations of the halo's noise stay below the threshold.
-    level.zeroBeam =
-        std::max(4.0, std::min(volume.noise.haloRadius(threshold, 5.0), volume.voxels->GetWidth() / 10.0));
-    Parameter parameter;
-    parameter.setThreshold(threshold);
-    parameter.setMinDistToZeroBeam(level.zeroBeam);
-    parameter.setWhichReflectionMiddleShouldUsed(3);
-    options.applyTo(parameter);
-    level.zeroBeam = parameter.getCutOffZeroBeam() ? parameter.getMinDistToZeroBeam() : 0.0;
-    level.minVoxels = parameter.getMinCountOfVoxel();
-
     FindReflexes finder;
-    finder.registerObserver(&session.progress());
-    ReflexVectorPtr found;
-    {
-        const Stage stage(session, "reflections");
-        const auto lock = lockSearch();
-        found.reset(finder.findAllReflexes(volume.voxels.get(), &parameter, false, nullptr));
-    }
-    session.checkCanceled();
-    if (!found) throw Failure("the reflection search failed: " + session.lastError());
-    level.reflections = valuesOf(*found, parameter.getWhichReflectionMiddleShouldUsed(), volume);
-    return level;
+    return *searchLevel(finder, std::numeric_limits<std::size_t>::max(), volume, threshold, options, session);
 }
 
 std::vector<Level> searchLevels(const ReciprocalVolume& volume, const SearchOptions& options,
@@ -102,14 +112,17 @@ std::vector<Level> searchLevels(const ReciprocalVolume& volume, const SearchOpti
     if (options.threshold) {
         levels.push_back(searchLevel(volume, *options.threshold, options, session));
     } else {
-        const double lowest = kLowestThreshold * volume.noise.typicalVoxelSigma();
-        for (double threshold = std::max(1.0, std::round(lowest)); threshold < kHighestThreshold;
+        const double lowest = std::max(1.0, std::round(kLowestThreshold * volume.noise.typicalVoxelSigma()));
+        FindReflexes finder;
+        finder.lookThrough(volume.voxels.get(), lowest);
+        for (double threshold = lowest; threshold < kHighestThreshold;
              threshold = std::round(threshold * kLadderRatio)) {
-            Level level = searchLevel(volume, threshold, options, session);
-            const std::size_t count = level.reflections.size();
-            if (count > kManyReflections) continue;
+            std::optional<Level> level =
+                searchLevel(finder, kManyReflections, volume, threshold, options, session);
+            if (!level) continue;
+            const std::size_t count = level->reflections.size();
             if (count < kFewReflections && !levels.empty()) break;
-            levels.push_back(std::move(level));
+            levels.push_back(std::move(*level));
         }
     }
     const bool any = std::any_of(levels.begin(), levels.end(),

@@ -16,10 +16,12 @@
 #include "reflections/ReflexOnGrid.h"
 #include "reflections/VolumeMath.h"
 #include "reflections/detail/RegionGrower.h"
+#include "reflections/detail/RegionSeeds.h"
 
 using VRK::detail::log;
 using VRK::detail::Region;
 using VRK::detail::RegionGrower;
+using VRK::detail::RegionSeeds;
 using VRK::detail::VoxelGrid;
 
 namespace {
@@ -33,54 +35,6 @@ std::string problemOf(const VoxMRCData* volume, const Parameter* parameter) {
     if (grid.voxelCount() == 0 && volume->GetDataSize() != 0)
         return "the volume is not stored by slice in three dimensions.";
     return {};
-}
-
-/// Finding the largest value is a loop that the compiler turns into vector code.
-template <int size>
-short largestOf(const short* values) {
-    short largest = values[0];
-    for (int i = 1; i < size; ++i)
-        largest = std::max(largest, values[i]);
-    return largest;
-}
-
-/// Visits the foreground voxels of a row whose y has the parity of \p first. Most blocks of a row hold
-/// background only and are passed over whole.
-template <typename Visit>
-void forEachForeground(const short* row, int size, int first, int limit, Visit visit) {
-    constexpr int blockSize = 64;
-    for (int begin = 0; begin < size; begin += blockSize) {
-        const int end = std::min(begin + blockSize, size);
-        if (end - begin == blockSize && largestOf<blockSize>(row + begin) < limit) continue;
-        for (int y = begin + first; y < end; y += 2)
-            if (row[y] >= limit) visit(y);
-    }
-}
-
-/// The foreground voxels at which regions may start, in the order in which they are tried. A seed is the
-/// number (x D0 + y) D2 + z, so that ascending numbers are in the order of x, y, z.
-struct Seeds {
-    std::vector<int> even;
-    std::vector<int> odd;
-};
-
-/// Collects them in one pass through memory. Sorting the few that there are costs less than visiting the
-/// voxels in the order of x, y, z, which is across the slices.
-Seeds collectSeeds(const VoxMRCData& volume, const VoxelGrid& grid, int foregroundLimit) {
-    Seeds seeds;
-    for (int z = 0; z < grid.extentZ(); ++z) {
-        const int parity = z % 2;
-        std::vector<int>& found = parity == 0 ? seeds.even : seeds.odd;
-        const short* slice = volume.GetChunkPointer(static_cast<unsigned>(z));
-        for (int x = parity; x < grid.extentX(); x += 2) {
-            const int rowBegin = x * grid.extentY();
-            forEachForeground(slice + rowBegin, grid.extentY(), parity, foregroundLimit,
-                              [&](int y) { found.push_back((rowBegin + y) * grid.extentZ() + z); });
-        }
-    }
-    VRK::detail::sortAscending(seeds.even);
-    VRK::detail::sortAscending(seeds.odd);
-    return seeds;
 }
 
 /// Runs a filter of the list and deletes what it takes out, which nobody else holds.
@@ -151,28 +105,54 @@ ReflexVector* FindReflexes::findAllReflexes(VoxMRCData* volume, Parameter* param
     return found.release();
 }
 
+void FindReflexes::lookThrough(const VoxMRCData* volume, double lowestThreshold) {
+    m_seeds.reset();
+    if (!volume || VoxelGrid(volume).voxelCount() > std::numeric_limits<int>::max()) return;
+    auto seeds = std::make_shared<RegionSeeds>(
+        *volume, VRK::detail::smallestForeground(static_cast<float>(lowestThreshold)));
+    seeds->keepValues(*volume);
+    m_seeds = std::move(seeds);
+}
+
+std::shared_ptr<const RegionSeeds> FindReflexes::seedsFor(const VoxMRCData& volume,
+                                                          int foregroundLimit) const {
+    if (m_seeds && m_seeds->volume == &volume && m_seeds->foregroundLimit <= foregroundLimit) return m_seeds;
+    return std::make_shared<const RegionSeeds>(volume, foregroundLimit);
+}
+
 bool FindReflexes::collectRegions(const VoxMRCData& volume, const Parameter& parameter, ReflexVector& found) {
     const VoxelGrid grid(&volume);
     RegionGrower grower(volume, grid);
-    const Seeds seeds = collectSeeds(volume, grid, grower.foregroundLimit());
+    const std::shared_ptr<const RegionSeeds> seeds = seedsFor(volume, grower.foregroundLimit());
     const auto fits = [&](const Region& region) {
         const auto count = static_cast<std::int64_t>(region.voxels.size());
         return count >= parameter.getMinCountOfVoxel() && count <= parameter.getMaxCountOfVoxel();
     };
+    // What is certain of the number is looked at whenever the list has grown by so many.
+    std::size_t nextLook = m_most;
+    const auto tooMany = [&] {
+        if (found.size() <= nextLook) return false;
+        dropByDistance(volume, parameter, found);
+        nextLook = found.size() + m_most / 8;
+        return found.size() > m_most;
+    };
     int step = 0;
     for (const int parity : {0, 1}) {
-        const std::vector<int>& pass = parity == 0 ? seeds.even : seeds.odd;
-        auto seed = pass.begin();
+        const RegionSeeds::Pass& pass = parity == 0 ? seeds->even : seeds->odd;
+        std::size_t i = 0;
         for (int x = parity; x < grid.extentX(); x += 2) {
             const std::int64_t end = (std::int64_t{x} + 1) * grid.extentY() * grid.extentZ();
-            for (; seed != pass.end() && *seed < end; ++seed) {
-                const int position = *seed / grid.extentZ();
-                const int index = *seed % grid.extentZ() * grid.extentX() * grid.extentY() + position;
+            for (; i < pass.numbers.size() && pass.numbers[i] < end; ++i) {
+                if (!pass.values.empty() && pass.values[i] < grower.foregroundLimit()) continue;
+                const int position = pass.numbers[i] / grid.extentZ();
+                const int index =
+                    pass.numbers[i] % grid.extentZ() * grid.extentX() * grid.extentY() + position;
                 if (grower.taken(index)) continue;
                 Region& region = grower.grow(index);
                 // Regions of other sizes leave the list again below; their voxel sets need not be built.
                 if (!fits(region)) continue;
                 found.append(ReflexPtr(new ReflexOnGrid(&volume, region)));
+                if (tooMany()) return true;
             }
             updateStep(++step);
             if (canceled()) return false;

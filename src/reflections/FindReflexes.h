@@ -2,12 +2,19 @@
 /// The search for reflections in a reconstructed reciprocal volume.
 #pragma once
 
+#include <cstddef>
+#include <limits>
+#include <memory>
+
 #include "VRKCoreExport.h"
 #include "foundation/VoxProgressObserver.h"
 #include "reflections/ReflexVector.h"
 
 class Parameter;
 class VoxMRCData;
+namespace VRK::detail {
+struct RegionSeeds;
+}
 
 /// Segments a volume into reflections: every region of face-connected voxels at or above the threshold is
 /// one, if it passes the size limits and the two distance limits of the Parameter set.
@@ -23,9 +30,21 @@ class VoxMRCData;
 /// Time: one pass over every other row of the volume plus time linear in the voxels at or above the
 /// threshold. Memory beyond the volume: one bit a voxel, and up to about 60 bytes for every voxel at or
 /// above the threshold, most of it in the voxel sets of the reflections returned.
+///
+/// Several thresholds: lookThrough() passes over the volume once for all searches from a threshold upwards,
+/// which then cost what their own voxels cost.
 class VRKCORE_EXPORT FindReflexes : public VoxProgressObservable {
 public:
     FindReflexes() = default;
+
+    /// Collects the voxels at which regions may start from a threshold upwards, up to 6 bytes for each of
+    /// them. Searches of this volume at that threshold and above use them and find what they find without;
+    /// the volume must not change meanwhile. Does nothing for a volume that cannot be searched.
+    /// \throw std::bad_alloc when memory does not suffice
+    void lookThrough(const VoxMRCData* volume, double lowestThreshold);
+    /// A search that would return more reflections than this ends as soon as that is certain, with a list of
+    /// more than so many of them.
+    void setMostReflections(std::size_t most) { m_most = most; }
 
     /// \param quiet    nothing to the log, errors included, but for the line that tells of a cancellation
     /// \param seconds  receives the elapsed time in whole seconds; may be null
@@ -42,7 +61,12 @@ public:
     ReflexVector* findAllReflexes(VoxMRCData* volume, Parameter* parameter, bool quiet, double* seconds);
 
 private:
+    std::shared_ptr<const VRK::detail::RegionSeeds> seedsFor(const VoxMRCData& volume,
+                                                             int foregroundLimit) const;
     ReflexVector* findAllReflexes(VoxMRCData* volume, Parameter* parameter);
     /// Appends the regions that pass the size limits. False when the observer asked to stop.
     bool collectRegions(const VoxMRCData& volume, const Parameter& parameter, ReflexVector& found);
+
+    std::shared_ptr<const VRK::detail::RegionSeeds> m_seeds;
+    std::size_t m_most = std::numeric_limits<std::size_t>::max();
 };

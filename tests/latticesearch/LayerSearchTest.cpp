@@ -27,9 +27,9 @@ vrk::Points pointsOf(const Eigen::Matrix3d& basis, double noise, int strays, std
 TEST(LayerSearchTest, FindsWhatExactSumsFind) {
     std::mt19937 random(5);
     std::uniform_real_distribution<double> part(-0.3, 0.3);
-    for (const double noise : {0.0, 0.3, 1.5})
-        for (const double spacing : {3.1, 6.0, 14.0})
-            for (const int strays : {0, 150, 400}) {
+    for (const double noise : {0.0, 0.3})
+        for (const double spacing : {3.1, 14.0})
+            for (const int strays : {0, 250}) {
                 Eigen::Matrix3d basis = Eigen::Vector3d(11.0, 17.0, spacing).asDiagonal();
                 basis.col(2) += Eigen::Vector3d(part(random) * 11.0, part(random) * 17.0, 0.0);
                 const vrk::Points points = pointsOf(basis, noise, strays, random);

@@ -59,6 +59,20 @@ TEST(FindReflexes, FindsWhatThePlainSearchFindsInTheSameOrder) {
         for (std::size_t i = 0; i < expected.size(); ++i)
             expectSame(dynamic_cast<ReflexOnGrid&>(*(*found)[i]), expected[i]);
         compared += expected.size();
+        // After a look from a lower threshold, and ending early where there are too many.
+        FindReflexes prepared;
+        prepared.lookThrough(volume.get(), parameter.getThreshold() - pick(0.0, 0.5, 20.0));
+        const auto most = static_cast<std::size_t>(pick(2, 5, 1000));
+        prepared.setMostReflections(most);
+        const ReflexVectorPtr again(prepared.findAllReflexes(volume.get(), &parameter, true, nullptr));
+        const bool tooMany = expected.size() > most;
+        if (tooMany) {
+            ASSERT_GT(again->size(), most);
+        } else {
+            ASSERT_EQ(again->size(), expected.size());
+        }
+        for (std::size_t i = 0; i < again->size() && !tooMany; ++i)
+            expectSame(dynamic_cast<ReflexOnGrid&>(*(*again)[i]), expected[i]);
     }
     EXPECT_GT(compared, 1000U);
 }

@@ -8,14 +8,6 @@
 namespace VRK::detail {
 namespace {
 
-/// Values are compared with the zero-compare value as float; for whole numbers of 16 bits this comparison
-/// is the same as one with the next whole number.
-int smallestForeground() {
-    const float limit = VolumeMath::getZeroCompareValue();
-    if (limit > 32767.0f) return 32768;
-    return limit > -32768.0f ? static_cast<int>(std::ceil(limit)) : -32768;
-}
-
 std::vector<const short*> slicesOf(const VoxMRCData& volume) {
     std::vector<const short*> slices(volume.GetChunkCount());
     for (unsigned z = 0; z < volume.GetChunkCount(); ++z)
@@ -25,6 +17,11 @@ std::vector<const short*> slicesOf(const VoxMRCData& volume) {
 
 }  // namespace
 
+int smallestForeground(float threshold) {
+    if (threshold > 32767.0f) return 32768;
+    return threshold > -32768.0f ? static_cast<int>(std::ceil(threshold)) : -32768;
+}
+
 VoxelFlags::VoxelFlags(std::size_t voxels)
     : m_words(static_cast<std::uint64_t*>(std::calloc(voxels / 64 + 1, sizeof(std::uint64_t)))) {
     if (!m_words) throw std::bad_alloc();
@@ -33,7 +30,7 @@ VoxelFlags::VoxelFlags(std::size_t voxels)
 RegionGrower::RegionGrower(const VoxMRCData& volume, const VoxelGrid& grid)
     : m_grid(grid),
       m_slices(slicesOf(volume)),
-      m_foregroundLimit(smallestForeground()),
+      m_foregroundLimit(smallestForeground(VolumeMath::getZeroCompareValue())),
       m_taken(static_cast<std::size_t>(grid.voxelCount())) {}
 
 Region& RegionGrower::grow(int start) {

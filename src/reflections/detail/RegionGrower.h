@@ -76,6 +76,10 @@ private:
     Region m_region;
 };
 
+/// Values are compared with a threshold as float; for whole numbers of 16 bits this comparison is the same as
+/// one with the next whole number, which this returns; 32768 when every value is background.
+int smallestForeground(float threshold);
+
 /// Sorts non-negative numbers in time linear in their count.
 void sortAscending(std::vector<int>& values);
 
