@@ -120,13 +120,13 @@ void runSeries(const Options& options, const std::string& given, const std::stri
     // What is wrong from the start leaves the folder as it is.
     if (!options.formula.empty()) parseFormula(options.formula);
     refuseUnlessMrc(options.series);
+    const double copyRate = options.profile ? measuredCopyRate() : 0.0;
     const Workers workers(choices.jobs);
     ResultFolder results(options.folder);
     host.openLog(results.path() / "vrk.log", options.log.level,
                  {"series: " + options.series.string(), "options: " + given});
     choices.axis.folder = results.path() / "axis";
     RunRemains remains;
-    const double copyRate = options.profile ? measuredCopyRate() : 0.0;
     try {
         RunRecord record = {
             commandText, options.series,

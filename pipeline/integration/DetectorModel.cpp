@@ -7,6 +7,7 @@
 #include <cmath>
 #include <limits>
 
+#include "foundation/SharedLoop.h"
 #include "pipeline/base/Median.h"
 
 namespace vrk {
@@ -64,16 +65,21 @@ BlockStatistics statisticsOf(const FrameStack& stack, const short* frame, int le
 }  // namespace
 
 int saturationOf(const FrameStack& stack) {
-    short highest = 0;
-    for (const std::span<const short> frame : stack.frames)
-        highest = std::max(highest, *std::max_element(frame.begin(), frame.end()));
+    if (stack.frames.empty()) return 0;
+    std::vector<short> highestOf(stack.frames.size(), 0);
+    VRK::shareItems(highestOf.size(), [&](std::size_t f, std::size_t) {
+        highestOf[f] = *std::max_element(stack.frames[f].begin(), stack.frames[f].end());
+    });
+    const short highest = std::max<short>(*std::max_element(highestOf.begin(), highestOf.end()), 0);
     const double near = 0.97 * highest;
     std::size_t at = 0, below = 0;
-    for (const std::span<const short> frame : stack.frames)
-        for (const short value : frame) {
+    for (std::size_t f = 0; f < highestOf.size(); ++f) {
+        if (highestOf[f] < near) continue;
+        for (const short value : stack.frames[f]) {
             if (value < near) continue;
             ++(value == highest ? at : below);
         }
+    }
     return highest > 50 && at > 10 + 3 * below ? highest : 0;
 }
 
@@ -106,14 +112,19 @@ std::vector<std::uint8_t> deadPixels(const FrameStack& stack, std::span<const Fr
 }
 
 double roughGain(const FrameStack& stack) {
-    std::vector<double> ratios;
     const std::size_t step = std::max<std::size_t>(1, stack.frames.size() / kSampledFrames);
-    for (std::size_t f = step / 2; f < stack.frames.size(); f += step)
+    std::vector<std::vector<double>> samples((stack.frames.size() - step / 2 + step - 1) / step);
+    VRK::shareItems(samples.size(), [&](std::size_t i, std::size_t) {
+        const std::size_t f = step / 2 + i * step;
         for (int top = 0; top + kBlock <= stack.height; top += 2 * kBlock)
             for (int left = 0; left + kBlock <= stack.width; left += 2 * kBlock) {
                 const BlockStatistics block = statisticsOf(stack, stack.frames[f].data(), left, top);
-                if (block.variance > 0 && block.mean > 0) ratios.push_back(block.variance / block.mean);
+                if (block.variance > 0 && block.mean > 0) samples[i].push_back(block.variance / block.mean);
             }
+    });
+    std::vector<double> ratios;
+    for (const std::vector<double>& sample : samples)
+        ratios.insert(ratios.end(), sample.begin(), sample.end());
     const double gain = ratios.empty() ? 1 : medianOf(ratios);
     return std::isfinite(gain) && gain > kLeastGain ? gain : kLeastGain;
 }

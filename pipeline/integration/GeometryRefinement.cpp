@@ -5,6 +5,7 @@
 #include <cmath>
 #include <numbers>
 
+#include "foundation/SharedLoop.h"
 #include "pipeline/base/Median.h"
 #include "pipeline/base/SymmetricSystem.h"
 
@@ -33,6 +34,14 @@ constexpr double kSignificantTerm = 25.0;
 constexpr double kWorthwhileTerm = 0.002;
 /// The median square of a normal deviate.
 constexpr double kMedianSquare = 0.4549;
+
+/// Curves are added up in so many groups, whoever works on them: sums depend on their order.
+constexpr std::size_t kGroups = 32;
+
+/// Where a group of a list begins.
+std::size_t groupBegin(std::size_t group, std::size_t count) {
+    return group * count / kGroups;
+}
 
 struct Term {
     int column;
@@ -126,7 +135,9 @@ private:
     Normal linearise();
     void addPlaces(Normal& normal);
     void addCurves(Normal& normal);
-    void addCurve(std::uint32_t curve, Normal& normal);
+    void addCurve(std::uint32_t curve, Normal& normal) const;
+    struct PlaceSums;
+    PlaceSums placesOf(std::size_t first, std::size_t last);
     void estimateScatter();
     void estimateCurveError();
     double curveResiduals(std::uint32_t curve, std::vector<double>* squares, std::vector<double>* variances,
@@ -165,6 +176,13 @@ private:
     double m_curveError2 = 0.01;
     std::vector<std::string> m_terms;
     int m_rounds = 0;
+};
+
+/// What the centroids of a frame add to the common parameters.
+struct Refiner::PlaceSums {
+    MatrixXd matrix = MatrixXd::Zero(kCommon, kCommon);
+    VectorXd right = VectorXd::Zero(kCommon);
+    double squares = 0;
 };
 
 Refiner::Refiner(const SeriesGeometry& start, const RockingModel& rocking, const SpotPrediction& prediction,
@@ -245,9 +263,34 @@ void Refiner::addPlaces(Normal& normal) {
         block.right.setZero();
         block.mixed.setZero();
     }
-    MatrixXd common = MatrixXd::Zero(kCommon, kCommon);
-    VectorXd right = VectorXd::Zero(kCommon);
-    for (const SpotCentroid& centroid : m_centroids) {
+    // Frame by frame: the centre of a frame is moved by its own spots alone.
+    std::vector<std::size_t> begins;
+    for (std::size_t i = 0; i < m_centroids.size(); ++i)
+        if (i == 0 || m_prediction.spots[m_centroids[i].spot].frame !=
+                          m_prediction.spots[m_centroids[i - 1].spot].frame)
+            begins.push_back(i);
+    begins.push_back(m_centroids.size());
+    std::vector<PlaceSums> ofFrame(begins.size() - 1);
+    VRK::shareItems(ofFrame.size(),
+                    [&](std::size_t i, std::size_t) { ofFrame[i] = placesOf(begins[i], begins[i + 1]); });
+    for (const PlaceSums& sums : ofFrame) {
+        normal.matrix.topLeftCorner(kCommon, kCommon) += sums.matrix;
+        normal.right.head(kCommon) += sums.right;
+        normal.squares += sums.squares;
+    }
+    if (!m_options.centres) return;
+    for (const CentreBlock& block : m_centres) {
+        const Eigen::Matrix2d inverse = block.matrix.inverse();
+        normal.matrix.topLeftCorner(kGlobals, kGlobals) -= block.mixed * inverse * block.mixed.transpose();
+        normal.right.head(kGlobals) -= block.mixed * inverse * block.right;
+    }
+}
+
+/// The centroids of one frame; adds to its block of the centres.
+Refiner::PlaceSums Refiner::placesOf(std::size_t first, std::size_t last) {
+    PlaceSums sums;
+    for (std::size_t i = first; i < last; ++i) {
+        const SpotCentroid& centroid = m_centroids[i];
         const PredictedSpot& spot = m_prediction.spots[centroid.spot];
         const Vector3d& g = m_points[spot.reflection];
         const SpotPlace place = m_views[spot.frame].place(g);
@@ -257,7 +300,7 @@ void Refiner::addPlaces(Normal& normal) {
         const double dy = centroid.y - place.y;
         const double square = dx * dx / varianceX + dy * dy / varianceY;
         const double weight = tukey(square / 1.5);
-        normal.squares += std::min(square, kTukey * kTukey);
+        sums.squares += std::min(square, kTukey * kTukey);
         if (weight == 0) continue;
         const FrameView::Derivatives d = m_views[spot.frame].derivatives(g, m_strains);
         CentreBlock& block = m_centres[spot.frame];
@@ -267,21 +310,14 @@ void Refiner::addPlaces(Normal& normal) {
             const double w = scale[static_cast<std::size_t>(c)];
             const Eigen::Matrix<double, kCommon, 1> row = d.row(c).head<kCommon>();
             const double r = residual[static_cast<std::size_t>(c)];
-            common.noalias() += w * row * row.transpose();
-            right += w * r * row;
+            sums.matrix.noalias() += w * row * row.transpose();
+            sums.right += w * r * row;
             block.matrix(c, c) += w;
             block.right(c) += w * r;
             block.mixed.col(c).head<kCommon>() += w * row;
         }
     }
-    normal.matrix.topLeftCorner(kCommon, kCommon) += common;
-    normal.right.head(kCommon) += right;
-    if (!m_options.centres) return;
-    for (const CentreBlock& block : m_centres) {
-        const Eigen::Matrix2d inverse = block.matrix.inverse();
-        normal.matrix.topLeftCorner(kGlobals, kGlobals) -= block.mixed * inverse * block.mixed.transpose();
-        normal.right.head(kGlobals) -= block.mixed * inverse * block.right;
-    }
+    return sums;
 }
 
 /// Fits the intensity of a reflection to its counts; returns it. The vectors receive, for every frame, the
@@ -319,21 +355,46 @@ double Refiner::curveResiduals(std::uint32_t curve, std::vector<double>* squares
 }
 
 void Refiner::estimateCurveError() {
+    struct Residuals {
+        std::vector<double> squares, variances, leverages;
+    };
+    std::vector<Residuals> groups(kGroups);
+    VRK::shareItems(kGroups, [&](std::size_t group, std::size_t) {
+        Residuals& found = groups[group];
+        for (std::size_t i = groupBegin(group, m_curves.size()); i < groupBegin(group + 1, m_curves.size());
+             ++i)
+            if (m_prediction.reflections[m_curves[i]].spotCount > 1)
+                curveResiduals(m_curves[i], &found.squares, &found.variances, &found.leverages);
+    });
     std::vector<double> squares, variances, leverages;
-    for (const std::uint32_t curve : m_curves) {
-        const PredictedReflection& reflection = m_prediction.reflections[curve];
-        if (reflection.spotCount > 1) curveResiduals(curve, &squares, &variances, &leverages);
+    for (const Residuals& group : groups) {
+        squares.insert(squares.end(), group.squares.begin(), group.squares.end());
+        variances.insert(variances.end(), group.variances.begin(), group.variances.end());
+        leverages.insert(leverages.end(), group.leverages.begin(), group.leverages.end());
     }
     if (squares.size() < 20) return;
     m_curveError2 = std::clamp(extraVariance(squares, variances, leverages), 1e-5, 1.0);
 }
 
 void Refiner::addCurves(Normal& normal) {
-    for (const std::uint32_t curve : m_curves)
-        addCurve(curve, normal);
+    std::vector<Normal> groups(kGroups);
+    VRK::shareItems(kGroups, [&](std::size_t group, std::size_t) {
+        Normal& sum = groups[group];
+        sum.matrix = MatrixXd::Zero(size(), size());
+        sum.right = VectorXd::Zero(size());
+        for (std::size_t i = groupBegin(group, m_curves.size()); i < groupBegin(group + 1, m_curves.size());
+             ++i)
+            addCurve(m_curves[i], sum);
+    });
+    for (const Normal& group : groups) {
+        normal.matrix += group.matrix;
+        normal.right += group.right;
+        normal.squares += group.squares;
+        normal.curveSquares += group.curveSquares;
+    }
 }
 
-void Refiner::addCurve(std::uint32_t curve, Normal& normal) {
+void Refiner::addCurve(std::uint32_t curve, Normal& normal) const {
     const PredictedReflection& reflection = m_prediction.reflections[curve];
     const Vector3d& g = m_points[curve];
     const double intensity = curveResiduals(curve, nullptr, nullptr, nullptr);

@@ -1,5 +1,9 @@
 #include "pipeline/run/Run.h"
 
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
+
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -35,6 +39,13 @@ auto timed(StageCost& cost, Function function) {
     cost.resident = static_cast<double>(residentMemory()) / (1 << 20);
     ++cost.times;
     return result;
+}
+
+/// Gives back to the system what earlier stages freed: the volume is as large as all else together.
+void releaseFreedMemory() {
+#ifdef __GLIBC__
+    malloc_trim(0);
+#endif
 }
 
 /// What one direction of the axis gives.
@@ -116,6 +127,7 @@ private:
         using Function = ReciprocalVolume (*)(const CentredSeries&, Session&);
         const Function* function = m_stages.reconstruct.target<Function>();
         const bool isOwn = function && *function == vrk::reconstruct;
+        releaseFreedMemory();
         part(4, "reconstruct", axis.angle != 0.0 && !isOwn ? 2 : 1);
         if (isOwn)
             return timed(m_seconds.reconstruct, [&] { return reconstructTurned(m_series, axis, m_session); });
@@ -325,6 +337,7 @@ RunResult runCentred(CentredSeries centred, const RunOptions& options, const Run
                      best->indexed.contradiction + "; was it made at this camera length and focus?");
     if (best->axis.source == "assumed" && best->indexed.axisConfirmed) best->axis.source = "refined";
     std::optional<Intensities> intensities;
+    centred.frames.reset();
     if (options.intensities.wanted && centred.counts.frames) {
         session.beginPart(8, kRunParts, "measure intensities");
         intensities = timed(s.integrate, [&] {

@@ -435,7 +435,7 @@ bool VoxMRCstemProcessing::searchCentres(const VoxMRCData& series, const char* n
                 search.look(look, i, patternOf(series, i), lane);
             }))
             return false;
-        search.finishLook(look);
+        search.finishLook(look, [&](unsigned i) { return patternOf(series, i); });
     }
     result = search.finish();
     if (found) *found = shadows;

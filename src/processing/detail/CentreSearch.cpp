@@ -36,10 +36,20 @@ void CentreSearch::look(unsigned look, unsigned pattern, const Frame& frame, std
         addPattern(pattern, frame, finder);
 }
 
-void CentreSearch::finishLook(unsigned look) {
+void CentreSearch::finishLook(unsigned look, const std::function<Frame(unsigned)>& frameOf) {
     if (look == 0) decideByBeams();
     if (look == 1 && !m_beamsDecide) decideByAll();
-    m_seen = m_centres;
+    if (look < 2) {
+        m_refined = m_centres;
+        return;
+    }
+    for (unsigned pattern = 0; pattern < m_centres.size(); ++pattern) {
+        PatternCentre& centre = m_centres[pattern];
+        if (centre.found())
+            centre = m_refined[pattern];
+        else if (const auto expected = interpolatedCentre(m_centres, pattern))
+            centre = m_finder.findPatternNear(frameOf(pattern), *expected);
+    }
 }
 
 void CentreSearch::findBeam(unsigned pattern, const Frame& frame, BeamCentreFinder& finder) {
@@ -89,15 +99,13 @@ void CentreSearch::decideByAll() {
 }
 
 void CentreSearch::refine(unsigned pattern, const Frame& frame, BeamCentreFinder& finder) {
-    PatternCentre& centre = m_centres[pattern];
-    if (centre.source == PatternCentre::Source::Beam) {
-        constexpr double kGood = 0.045;  // pixels
-        if (centre.error > kGood) centre = finder.improveWithPattern(frame, centre);
-        return;
+    PatternCentre& centre = m_refined[pattern];
+    constexpr double kGood = 0.045;  // pixels
+    if (centre.source != PatternCentre::Source::Beam) {
+        if (centre.found()) centre = finder.findPatternNear(frame, {centre.x, centre.y});
+    } else if (centre.error > kGood) {
+        centre = finder.improveWithPattern(frame, centre);
     }
-    const auto expected = centre.found() ? std::optional<cv::Point2d>({centre.x, centre.y})
-                                         : interpolatedCentre(m_seen, pattern);
-    if (expected) centre = finder.findPatternNear(frame, *expected);
 }
 
 std::vector<PatternCentre> CentreSearch::finish() {

@@ -2,6 +2,7 @@
 /// The search for the centres of a series.
 #pragma once
 
+#include <functional>
 #include <vector>
 
 #include "foundation/SharedLoop.h"
@@ -25,8 +26,10 @@ public:
     /// \param pattern  its number
     /// \param lane     calls at the same time have different ones (WorkSharing)
     void look(unsigned look, unsigned pattern, const Frame& frame, std::size_t lane = 0);
-    /// When a look has seen all patterns.
-    void finishLook(unsigned look);
+    /// When a look has seen all patterns. Patterns that still have no centre are looked at here, one after
+    /// the other: where their neighbours' centres came to lie tells where to look. \param frameOf  the frame
+    /// of a pattern
+    void finishLook(unsigned look, const std::function<Frame(unsigned)>& frameOf);
 
     /// The centres, when all is done; of source None, all of them, when nothing was found.
     std::vector<PatternCentre> finish();
@@ -45,7 +48,7 @@ private:
     PerLane<BeamCentreFinder> m_finders;
     std::vector<std::vector<CentreCandidate>> m_candidates;
     std::vector<PatternCentre> m_centres;
-    std::vector<PatternCentre> m_seen;  ///< before the last look
+    std::vector<PatternCentre> m_refined;  ///< by the last look, where there was a centre before
     bool m_beamsDecide = false;
     bool m_ambiguous = false;
 };

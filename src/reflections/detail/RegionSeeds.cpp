@@ -1,7 +1,9 @@
 #include "reflections/detail/RegionSeeds.h"
 
 #include <algorithm>
+#include <cstddef>
 
+#include "foundation/SharedLoop.h"
 #include "reflections/detail/RegionGrower.h"
 
 namespace VRK::detail {
@@ -35,18 +37,25 @@ void forEachForeground(const short* row, int size, int first, int limit, Visit v
 // across the slices.
 RegionSeeds::RegionSeeds(const VoxMRCData& searched, int limit) : volume(&searched), foregroundLimit(limit) {
     const VoxelGrid grid(&searched);
-    for (int z = 0; z < grid.extentZ(); ++z) {
+    std::vector<std::vector<int>> ofSlice(static_cast<std::size_t>(grid.extentZ()));
+    VRK::shareItems(ofSlice.size(), [&](std::size_t item, std::size_t) {
+        const int z = static_cast<int>(item);
         const int parity = z % 2;
-        std::vector<int>& found = parity == 0 ? even.numbers : odd.numbers;
+        std::vector<int>& found = ofSlice[item];
         const short* slice = searched.GetChunkPointer(static_cast<unsigned>(z));
         for (int x = parity; x < grid.extentX(); x += 2) {
             const int rowBegin = x * grid.extentY();
             forEachForeground(slice + rowBegin, grid.extentY(), parity, limit,
                               [&](int y) { found.push_back((rowBegin + y) * grid.extentZ() + z); });
         }
+    });
+    for (std::size_t z = 0; z < ofSlice.size(); ++z) {
+        std::vector<int>& all = z % 2 == 0 ? even.numbers : odd.numbers;
+        all.insert(all.end(), ofSlice[z].begin(), ofSlice[z].end());
     }
-    sortAscending(even.numbers);
-    sortAscending(odd.numbers);
+    VRK::shareItems(2, [this](std::size_t parity, std::size_t) {
+        sortAscending(parity == 0 ? even.numbers : odd.numbers);
+    });
 }
 
 void RegionSeeds::keepValues(const VoxMRCData& searched) {
