@@ -32,24 +32,28 @@ def one_series(program, path, size=64, seed=1):
         "4,5,6,90,90,90", "--seed", seed, "--axis", "30", "--write-axis")
 
 
+def cpu():
+    usage = resource.getrusage(resource.RUSAGE_CHILDREN)
+    return usage.ru_utime + usage.ru_stime
+
+
 def engine(program, folder, count):
-    """Wall time of a batch over that of the same runs without an engine, one after the other, twice."""
+    """A batch against the same runs by xargs: wall time, which other work on the machine moves, and time of the cores."""
     (folder / "session").mkdir()
     for i in range(count):
-        one_series(program, folder / "session" / f"s{i:04}.mrc", 128, i + 1)
-    for attempt in range(2):
-        start = time.time()
-        lines = "".join(f"{folder}/session/s{i:04}.mrc\n{folder}/hand{attempt}/s{i:04}\n" for i in range(count))
-        (folder / f"hand{attempt}").mkdir()
-        subprocess.run(["xargs", "-n", "2", "-P", "2", "sh", "-c",
-                        f'"{program}" run "$0" -o "$1" {" ".join(OPTIONS)}'],
-                       input=lines, text=True, check=True, capture_output=True)
-        by_hand = time.time() - start
-        start = time.time()
-        vrk(program, "batch", folder / "session", "-o", folder / f"batch{attempt}", "--jobs", 2, "--", *OPTIONS)
-        batch = time.time() - start
-        print(f"{count} series, 2 at a time: by hand {by_hand:.1f} s, batch {batch:.1f} s "
-              f"({2 * by_hand / count:.2f} s a series), overhead {100 * (batch / by_hand - 1):.1f} %", flush=True)
+        one_series(program, folder / "session" / f"s{i:04}.mrc", 64, i + 1)
+    lines = "".join(f"{folder}/session/s{i:04}.mrc\n{folder}/hand/s{i:04}\n" for i in range(count))
+    (folder / "hand").mkdir()
+    start, used = time.time(), cpu()
+    subprocess.run(["xargs", "-n", "2", "-P", "2", "sh", "-c",
+                    f'"{program}" run "$0" -o "$1" {" ".join(OPTIONS)}'],
+                   input=lines, text=True, check=True, capture_output=True)
+    by_hand, hand_used = time.time() - start, cpu() - used
+    start, used = time.time(), cpu()
+    vrk(program, "batch", folder / "session", "-o", folder / "batch", "--jobs", 2, "--", *OPTIONS)
+    batch, batch_used = time.time() - start, cpu() - used
+    print(f"{count} series, 2 at a time: by hand {by_hand:.1f} s, {hand_used:.1f} s of CPU; batch {batch:.1f} s, "
+          f"{batch_used:.1f} s of CPU: {(batch_used - hand_used) / count:.3f} s a series more", flush=True)
 
 
 def fixed(program, folder, jobs, seconds):
@@ -74,9 +78,8 @@ def fixed(program, folder, jobs, seconds):
                    cwd=out, check=True, capture_output=True)
     took = time.time() - start
     least = jobs * seconds / 2
-    cpu = resource.getrusage(resource.RUSAGE_CHILDREN)
     print(f"{jobs} jobs of {seconds} s, 2 at a time: plan {planned:.1f} s, {took:.1f} s of at least {least:.1f} s, "
-          f"overhead {100 * ((planned + took) / least - 1):.2f} %, {cpu.ru_utime + cpu.ru_stime:.0f} s of CPU", flush=True)
+          f"overhead {100 * ((planned + took) / least - 1):.2f} %, {cpu():.0f} s of CPU", flush=True)
 
 
 def collect(program, folder, count):
@@ -105,7 +108,6 @@ def collect(program, folder, count):
         (out / "results" / name / "summary.json").write_text(json.dumps(summary))
         (out / "records" / f"{name}.json").write_text(json.dumps(record))
     start = time.time()
-    before = resource.getrusage(resource.RUSAGE_CHILDREN)
     process = subprocess.Popen([program, "batch", "--collect", str(out)], stdout=subprocess.DEVNULL,
                                stderr=subprocess.DEVNULL)
     _, status, usage = os.wait4(process.pid, 0)
@@ -117,43 +119,41 @@ def collect(program, folder, count):
           f"CPU), {usage.ru_maxrss / 1024:.0f} MiB, {len(crystals['clusters'])} clusters, page {page:.1f} MB", flush=True)
 
 
-# Measured on two cores; what the simulation reckons with.
-PLAN = 0.0015        # s a series: found, its record compared, its line written
-COLLECT = 0.0011     # s a result
+# What the simulation reckons with, measured on two busy cores; the last two are assumed.
+PLAN = 0.0010        # s a series: found, its record compared, its line written
+COLLECT = 0.0018     # s a result
 SNAKEMAKE = 0.015    # s of the engine a job, one after another
 START = 1.5          # s of the engine until the first job
-JOB = 0.10           # s of a job beside vrk run: plan read, checksum, records
+JOB = 0.16           # s of a job beside vrk run: program started, plan read, checksum, records
+SLURM_TASK = 1.0     # s of a task around its program
 SLURM_RATE = 20.0    # tasks that a controller starts in a second
-SLURM_TASK = 0.3     # s from the start of a task to its program
 WAIT = 10.0          # s at most until sbatch --wait notices the end of an array
 
 
-def simulated(series, workers, slurm):
+def simulated(seconds, workers, slurm):
     """Seconds of a batch by events: starts follow one another at the engine's rate, workers are taken when free."""
-    random.seed(2)
-    ready, free = START + PLAN * series, [0.0] * workers
-    group = 1 if slurm else max(1, -(-series // 2000))
-    end = 0.0
+    series = len(seconds)
+    ready, free, end = START + PLAN * series, [0.0] * workers, 0.0
+    group = 1 if slurm else -(-series // 2000)
     for first in range(0, series, group):
         ready += 1 / SLURM_RATE if slurm else SNAKEMAKE
         begin = max(ready, heapq.heappop(free))
-        work = sum(random.lognormvariate(0, 0.5) * SECONDS / 1.133 + JOB for _ in range(first, min(first + group, series)))
-        done = begin + work + (SLURM_TASK if slurm else 0)
+        done = begin + sum(t + JOB for t in seconds[first:first + group]) + (SLURM_TASK if slurm else 0)
         heapq.heappush(free, done)
         end = max(end, done)
     return end + (WAIT if slurm else 0) + COLLECT * series
 
 
-SECONDS = 20.0  # of a series in the mean, with a standard deviation of a half
-
-
 def simulate():
-    print(f"| series | workers | engine | hours | series an hour | of the workers' time |\n|---|---|---|---|---|---|")
+    print("| series | workers | engine | hours | series an hour | of the workers' time |\n|---|---|---|---|---|---|")
+    random.seed(2)
     for series in (1000, 100000):
+        # Twenty seconds in the middle, a factor of 1.65 as standard deviation.
+        seconds = [20 * random.lognormvariate(0, 0.5) for _ in range(series)]
         for workers in (2, 16, 64, 256, 1024):
             slurm = workers > 64
-            took = simulated(series, workers, slurm)
-            share = series * SECONDS / workers / took
+            took = simulated(seconds, workers, slurm)
+            share = sum(seconds) / workers / took
             print(f"| {series:,} | {workers} | {'Slurm' if slurm else 'local'} | {took / 3600:.2f} | "
                   f"{series / took * 3600:,.0f} | {100 * share:.0f} % |")
 

@@ -527,9 +527,9 @@ private:
                 "<line class=\"rule\" x1=\"%.0f\" x2=\"%.0f\" y1=\"%.1f\" y2=\"%.1f\"/><text "
                 "x=\"%.0f\" y=\"%.1f\" text-anchor=\"end\">%.4g</text>\n",
                 kLeft, kRight, y(value), y(value), kLeft - 6.0, y(value) + 4.0, value);
-            m_text += formatted("<text x=\"%.1f\" y=\"252\" text-anchor=\"middle\">%.2f h</text>\n",
-                                x(first + part * (last - first)), part * (last - first));
-            if (!(last > first)) break;
+            if (part == 0.0 || last > first)
+                m_text += formatted("<text x=\"%.1f\" y=\"252\" text-anchor=\"middle\">%.2f h</text>\n",
+                                    x(first + part * (last - first)), part * (last - first));
         }
         if (mean)
             m_text += formatted("<line class=\"mean\" x1=\"%.0f\" x2=\"%.0f\" y1=\"%.1f\" y2=\"%.1f\"/>\n",

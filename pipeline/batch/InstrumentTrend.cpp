@@ -33,6 +33,22 @@ bool hasCameraLengthOf(const SeriesCalibration& one, const SeriesCalibration& ot
     return calibration.hasCameraLengthOf(other.pixelSize);
 }
 
+/// A term that few series show is what their errors are, not the microscope's.
+void dropRareTerms(CombinedCalibration& common, std::size_t rows) {
+    InstrumentCalibration& calibration = common.calibration;
+    for (const CalibrationScatter& one : common.scatters) {
+        if (2 * static_cast<std::size_t>(one.series) > rows || one.key == "axis_angle_deg") continue;
+        if (one.key == "ellipse") {
+            calibration.ellipse.reset();
+            calibration.ellipseAzimuth.reset();
+        }
+        if (one.key == "radial") calibration.radial.reset();
+        if (one.key == "tilt_scale") calibration.tiltScale.reset();
+        if (one.key == "axis_tilt_deg") calibration.axisTilt.reset();
+        calibration.notDetermined.emplace_back(one.key, "fewer than half of the series show it");
+    }
+}
+
 void remark(InstrumentTrend& trend, std::size_t count, const char* text) {
     if (count == 0) return;
     trend.remark.append(trend.remark.empty() ? "" : "; ").append(std::to_string(count) + ' ' + text);
@@ -74,6 +90,7 @@ InstrumentTrend instrumentTrend(const std::vector<CrystalRow>& rows) {
     trend.common = combined(series);
     for (auto& [key, reason] : trend.common->calibration.notDetermined)
         reason = "no series of the batch shows it";
+    dropRareTerms(*trend.common, trend.rows.size());
     return trend;
 }
 

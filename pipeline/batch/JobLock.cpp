@@ -38,13 +38,4 @@ JobLock::~JobLock() {
     if (m_file >= 0) close(m_file);
 }
 
-bool JobLock::isFree(const std::filesystem::path& file, const std::string& job) {
-    const int locks = openLocks(file);
-    if (locks < 0) return true;
-    struct flock range = rangeOf(job, F_WRLCK);
-    const bool isFree = fcntl(locks, F_OFD_GETLK, &range) != 0 || range.l_type == F_UNLCK;
-    close(locks);
-    return isFree;
-}
-
 }  // namespace vrk

@@ -17,9 +17,6 @@ public:
     JobLock(const JobLock&) = delete;
     JobLock& operator=(const JobLock&) = delete;
 
-    /// Takes it only when it is free. \returns whether it was
-    static bool isFree(const std::filesystem::path& file, const std::string& job);
-
 private:
     int m_file = -1;
 };

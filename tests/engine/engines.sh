@@ -16,6 +16,7 @@ mounted=()
 clean_up() {
   local status=$? pid folder
   for pid in "${daemons[@]}" $engine; do kill "$pid" 2>/dev/null || true; done
+  for pid in "${daemons[@]}"; do wait "$pid" 2>/dev/null || true; done
   for folder in "${mounted[@]}"; do umount "$folder" 2>/dev/null || true; done
   if [[ $status -eq 0 ]]; then rm -rf "$work"; else echo "engines: failed; the files are in $work" >&2; fi
 }
