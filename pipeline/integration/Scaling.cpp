@@ -322,13 +322,21 @@ int markOutliers(std::span<Observation> observations, const LaueRotations& rotat
         while (group.size() > 2) {
             double farthest = kOutlier;
             std::size_t worst = group.size();
+            double top = 0, bottom = 0;
+            for (const std::uint32_t i : group) {
+                const double weight = 1 / (observations[i].sigma * observations[i].sigma);
+                top += weight * observations[i].intensity;
+                bottom += weight;
+            }
             for (std::size_t n = 0; n < group.size(); ++n) {
-                std::vector<std::uint32_t> others = group;
-                others.erase(others.begin() + static_cast<std::ptrdiff_t>(n));
-                const WeightedMean mean = weightedMean(observations, others);
                 const Observation& one = observations[group[n]];
+                const double weight = 1 / (one.sigma * one.sigma);
+                const double left = bottom - weight;
+                // What is left by rounding is no weight.
+                if (!(left > 1e-9 * bottom)) continue;
+                const double others = (top - weight * one.intensity) / left;
                 const double deviation =
-                    std::abs(one.intensity - mean.intensity) / std::hypot(one.sigma, mean.sigma);
+                    std::abs(one.intensity - others) / std::sqrt(one.sigma * one.sigma + 1 / left);
                 if (deviation <= farthest) continue;
                 farthest = deviation;
                 worst = n;

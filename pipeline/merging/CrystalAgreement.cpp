@@ -25,16 +25,17 @@ struct Group {
 
 std::vector<Group> groupsOf(std::span<const Observation> observations, const LaueRotations& rotations) {
     std::vector<Group> groups;
-    for (const auto& equivalent : equivalents(observations, rotations)) {
+    for (auto equivalent : equivalents(observations, rotations)) {
+        std::stable_sort(equivalent.begin(), equivalent.end(), [&](std::uint32_t a, std::uint32_t b) {
+            return observations[a].source < observations[b].source;
+        });
         std::vector<CrystalValue> values;
         for (const std::uint32_t i : equivalent) {
             const Observation& one = observations[i];
             const double weight = 1 / (one.sigma * one.sigma);
-            auto own = std::find_if(values.begin(), values.end(),
-                                    [&](const CrystalValue& v) { return v.crystal == one.source; });
-            if (own == values.end()) own = values.insert(values.end(), {one.source, 0, 0});
-            own->intensity += weight * one.intensity;
-            own->weight += weight;
+            if (values.empty() || values.back().crystal != one.source) values.push_back({one.source, 0, 0});
+            values.back().intensity += weight * one.intensity;
+            values.back().weight += weight;
         }
         if (values.size() < 2) continue;
         for (CrystalValue& value : values)
@@ -46,28 +47,46 @@ std::vector<Group> groupsOf(std::span<const Observation> observations, const Lau
     return groups;
 }
 
+/// Sums over the values of one reflection, intensities counted from their mean.
+struct ValueSums {
+    double mean = 0;
+    double weight = 0, top = 0, square = 0, count = 0;
+
+    explicit ValueSums(const std::vector<CrystalValue>& values) {
+        for (const CrystalValue& value : values) {
+            mean += value.weight * value.intensity;
+            weight += value.weight;
+        }
+        mean /= weight;
+        for (const CrystalValue& value : values)
+            square += value.weight * std::pow(value.intensity - mean, 2);
+        count = static_cast<double>(values.size());
+    }
+    ValueSums without(const CrystalValue& value) const {
+        ValueSums rest = *this;
+        const double deviation = value.intensity - mean;
+        rest.weight -= value.weight;
+        rest.top -= value.weight * deviation;
+        rest.square -= value.weight * deviation * deviation;
+        rest.count -= 1;
+        return rest;
+    }
+};
+
 /// Sums over reflections from which the correlation of halves follows.
 struct Sums {
     double count = 0, mean = 0, square = 0, noise = 0;
 
-    void add(const std::vector<CrystalValue>& values, double sign, std::uint32_t without = ~0U) {
-        double weights = 0, top = 0, n = 0;
-        for (const CrystalValue& value : values)
-            if (value.crystal != without) {
-                weights += value.weight;
-                top += value.weight * value.intensity;
-                ++n;
-            }
-        if (n < 2) return;
-        const double average = top / weights;
-        double squares = 0;
-        for (const CrystalValue& value : values)
-            if (value.crystal != without) squares += value.weight * std::pow(value.intensity - average, 2);
+    void add(const ValueSums& values, double sign) {
+        if (values.count < 2) return;
+        const double shift = values.top / values.weight;
+        const double average = values.mean + shift;
+        const double squares = std::max(values.square - shift * values.top, 0.0);
         count += sign;
         mean += sign * average;
         square += sign * average * average;
         // The variance of the mean of half of them.
-        noise += sign * 2 * squares / (weights * (n - 1));
+        noise += sign * 2 * squares / (values.weight * (values.count - 1));
     }
     double ccHalf() const {
         if (count < 3) return 0;
@@ -92,13 +111,15 @@ CrystalAgreement crystalAgreement(std::span<const Observation> observations, std
         const std::size_t last = groups.size() * (shell + 1) / shells;
         Sums all;
         for (std::size_t i = first; i < last; ++i)
-            all.add(groups[i].values, 1);
+            all.add(ValueSums(groups[i].values), 1);
         std::vector<Sums> rest(crystals, all);
-        for (std::size_t i = first; i < last; ++i)
+        for (std::size_t i = first; i < last; ++i) {
+            const ValueSums values(groups[i].values);
             for (const CrystalValue& value : groups[i].values) {
-                rest[value.crystal].add(groups[i].values, -1);
-                rest[value.crystal].add(groups[i].values, 1, value.crystal);
+                rest[value.crystal].add(values, -1);
+                rest[value.crystal].add(values.without(value), 1);
             }
+        }
         const auto weight = static_cast<double>(last - first);
         counted += weight;
         result.ccHalf += weight * all.ccHalf();

@@ -29,7 +29,8 @@ public:
           m_groups(equivalents(observations, rotations)),
           m_scales(crystals),
           m_normal(crystals),
-          m_right(crystals) {
+          m_right(crystals),
+          m_own(crystals, Eigen::Vector2d::Zero()) {
         // Groups within one crystal say nothing about its scale.
         std::erase_if(m_groups, [&](const auto& group) {
             return std::all_of(group.begin(), group.end(), [&](std::uint32_t i) {
@@ -119,14 +120,12 @@ private:
                 {one.source, factor, factor * one.intensity / variance, factor * factor / variance});
             top += terms.back().top;
             bottom += terms.back().bottom;
+            m_own[one.source] += Eigen::Vector2d(terms.back().top, terms.back().bottom);
         }
         for (std::size_t n = 0; n < group.size(); ++n) {
-            double othersTop = top, othersBottom = bottom;
-            for (const Term& term : terms)
-                if (term.crystal == terms[n].crystal) {
-                    othersTop -= term.top;
-                    othersBottom -= term.bottom;
-                }
+            const std::uint32_t crystal = terms[n].crystal;
+            const double othersTop = top - m_own[crystal][0];
+            const double othersBottom = bottom - m_own[crystal][1];
             // Nothing but rounding is left when there are no others.
             if (!(othersBottom > 1e-9 * bottom)) continue;
             const Observation& one = m_observations[group[n]];
@@ -141,6 +140,8 @@ private:
             m_normal[one.source] += weight * derivative * derivative.transpose();
             m_right[one.source] += weight * residual * derivative;
         }
+        for (const Term& term : terms)
+            m_own[term.crystal].setZero();
     }
 
     void normalise() {
@@ -163,7 +164,8 @@ private:
     std::vector<CrystalScale> m_scales;
     std::vector<Eigen::Matrix2d> m_normal;
     std::vector<Eigen::Vector2d> m_right;
-    std::vector<Term> m_terms;  ///< of the present group
+    std::vector<Eigen::Vector2d> m_own;  ///< sums of the present group by crystal, otherwise 0
+    std::vector<Term> m_terms;           ///< of the present group
 };
 
 }  // namespace
