@@ -18,7 +18,7 @@ command -v node >/dev/null && command -v npm >/dev/null || node=(nodejs npm)
 for argument in "$@"; do
   case "$argument" in
     # What .ci/run uses beyond building and testing.
-    --with-checks) packages+=(clang-format doxygen git clang libclang-rt-14-dev) ;;
+    --with-checks) packages+=(clang-format doxygen git) ;;
     # What scripts/check.sh and scripts/tidy.sh use.
     --with-all-checks) packages+=(clang-format doxygen git clang libclang-rt-14-dev clang-tidy gcovr python3) ;;
     # What the Python module is built and tested with.

@@ -62,11 +62,12 @@ bool keepsCentring(const IndexRotation& rotation, char centring) {
     return true;
 }
 
-/// The smallest group with the given rotations, sorted.
+/// The smallest group with the given rotations, sorted; of what belongs to no lattice a part of it.
 LaueRotations closure(LaueRotations rotations) {
     std::set<IndexRotation> group(rotations.begin(), rotations.end());
     group.insert(IndexRotation());
-    for (bool grown = true; grown;) {
+    constexpr std::size_t most = 24;
+    for (bool grown = true; grown && group.size() <= most;) {
         grown = false;
         const LaueRotations now(group.begin(), group.end());
         for (const IndexRotation& a : now)
@@ -209,6 +210,7 @@ Indices IndexRotation::operator()(const Indices& hkl) const {
 
 LaueRotations latticeRotations(const Eigen::Matrix3d& reciprocal, char centring) {
     const Eigen::Matrix3d metric = reciprocal.transpose() * reciprocal;
+    const Eigen::Vector3d inverseLengths = metric.diagonal().cwiseSqrt().cwiseInverse();
     std::array<std::vector<Indices>, 3> images;
     for (int h = -1; h <= 1; ++h)
         for (int k = -1; k <= 1; ++k)
@@ -227,8 +229,11 @@ LaueRotations latticeRotations(const Eigen::Matrix3d& reciprocal, char centring)
                     rotation.matrix[i] = {a[i], b[i], c[i]};
                 Eigen::Matrix3d m;
                 m << vectorOf(a), vectorOf(b), vectorOf(c);
+                // By the lengths that belong to each product: along a far longer axis a shear by a short one
+                // hardly shows.
+                const Eigen::Matrix3d off = m.transpose() * metric * m - metric;
                 const double change =
-                    (m.transpose() * metric * m - metric).cwiseAbs().maxCoeff() / metric.maxCoeff();
+                    (inverseLengths.asDiagonal() * off * inverseLengths.asDiagonal()).cwiseAbs().maxCoeff();
                 if (change < kMetricTolerance && determinant(rotation) == 1 &&
                     keepsCentring(rotation, centring))
                     rotations.push_back(rotation);

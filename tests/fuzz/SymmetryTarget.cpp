@@ -46,7 +46,7 @@ FUZZ_TARGET(bytes) {
     if (cell.isDegenerate()) return fuzz::expect(fits.empty(), "what spans no lattice has no symmetry");
     const auto [shortest, longest] =
         std::minmax({cell.getLengthOfA(), cell.getLengthOfB(), cell.getLengthOfC()});
-    if (longest > 1e6 * shortest) return;
+    if (longest > 1e4 * shortest) return;
     fuzz::expect(!fits.empty(), "every lattice is triclinic at least");
     bool isTriclinic = false;
     for (const LatticeCharacter& fit : fits) {
@@ -71,6 +71,6 @@ FUZZ_TARGET(bytes) {
     Eigen::Matrix3d direct;
     direct << p.a, p.b * std::cos(p.gamma * radian), p.c * cx, 0.0, p.b * singamma, p.c * cy, 0.0, 0.0,
         p.c * std::sqrt(std::max(0.0, 1.0 - cx * cx - cy * cy));
-    if (std::abs(direct.determinant()) > 1e-3 * p.a * p.b * p.c)
+    if (longest < 1e3 * shortest && std::abs(direct.determinant()) > 1e-3 * p.a * p.b * p.c)
         expectGroup(vrk::latticeRotations(direct.inverse().transpose(), fits.front().centring));
 }

@@ -9,6 +9,7 @@
 
 #include "RandomGeometry.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/integration/LaueGroup.h"
 #include "pipeline/simulation/SimulatedCrystal.h"
 
 namespace {
@@ -72,6 +73,11 @@ struct DataSet {
         return reduceData(reflections(), 121, reciprocalOf(cell), centring, 1 / 0.9);
     }
 };
+
+TEST(LaueGroupTest, rotationsOfALongCellAreThoseOfItsType) {
+    EXPECT_EQ(latticeRotations(reciprocalOf({4, 4, 900, 90, 90, 90}), 'P').size(), 8U);
+    EXPECT_EQ(latticeRotations(reciprocalOf({4, 5, 900, 90, 90, 90}), 'P').size(), 4U);
+}
 
 TEST(LaueGroupTest, isFoundBelowAndAtTheSymmetryOfTheLattice) {
     const std::array<double, 6> cubic = {7.5, 7.5, 7.5, 90, 90, 90};
