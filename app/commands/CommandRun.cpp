@@ -110,6 +110,7 @@ void runSeries(const Options& options, const std::string& given, const std::stri
     // What is wrong from the start leaves the folder as it is.
     if (!options.formula.empty()) parseFormula(options.formula);
     refuseUnlessMrc(options.series);
+    requireMemoryToRead(options.series);
     ResultFolder results(options.folder);
     host.openLog(results.path() / "vrk.log", options.log.level,
                  {"series: " + options.series.string(), "options: " + given});

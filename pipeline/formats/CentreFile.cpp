@@ -36,6 +36,7 @@ std::vector<Line> readLines(const std::filesystem::path& path) {
                           ": a tilt in degrees and the two coordinates of a centre in pixels are expected");
         lines.push_back(line);
     }
+    if (file.bad()) throw Failure("cannot read the centres in " + path.string() + " to their end");
     return lines;
 }
 

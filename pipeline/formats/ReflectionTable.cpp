@@ -189,6 +189,7 @@ std::vector<ListedReflection> readReflectionTable(const std::filesystem::path& p
     std::vector<ListedReflection> reflections;
     while (std::getline(file, line))
         reflections.push_back(reader.read(line));
+    if (file.bad()) throw Failure("cannot read " + path.string() + " to its end");
     return reflections;
 }
 
