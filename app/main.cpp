@@ -1,3 +1,4 @@
+#include <cstdio>
 #include <cstring>
 #include <exception>
 #include <iostream>
@@ -59,9 +60,7 @@ int parseAndRun(vrk::app::Host& host, int argc, char** argv) {
     return kDone;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int runHosted(int argc, char** argv) {
     vrk::app::Host host;
     try {
         return parseAndRun(host, argc, argv);
@@ -77,6 +76,17 @@ int main(int argc, char** argv) {
         // The image library has an exception of its own for this.
         const bool isMemory = std::strstr(error.what(), "Insufficient memory") != nullptr;
         std::cerr << "vrk: " << (isMemory ? host.outOfMemory() : error.what()) << '\n';
+    }
+    return kFailed;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return runHosted(argc, argv);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "vrk: it could not even begin: %s\n", error.what());
     }
     return kFailed;
 }

@@ -3,11 +3,14 @@
 #   --clang      a build by Clang without warnings, and all tests
 #   --coverage   the tests reach at least 90 % of the lines of src and pipeline; the report is build/coverage/lines.html
 #   --tidy       clang-tidy over every source
-#   --threads    ThreadSanitizer finds nothing in loops that threads share
 #   --page       the page of the report works in a browser; its pictures are in build/report
 #   --engines    batches by the local engine and by a Slurm on this machine: killed, resumed, the same table
 #   --fuzz [N]   every fuzz target for N seconds (600), from where the last time ended
 #   --faults     of 200 planted one-line faults the tests notice at least 85 %
+#   --survive    no kill, fault or lack does harm to results: 100 accidents of each kind for each command (tests/faults)
+#   --valgrind   a small run, import and verification under Valgrind: no error, nothing lost
+#   --threads    ThreadSanitizer finds nothing in loops that threads share, nor in the tests of the run
+#   --soak       2,000 runs in one process: memory and descriptors stay, results are the same, in two threads too
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -41,8 +44,6 @@ coverage() {
 
 tidy() { scripts/tidy.sh; }
 
-threads() { scripts/threads.sh; }
-
 page() {
   cmake --preset release >/dev/null
   cmake --build --preset release --target vrk -- --quiet
@@ -60,12 +61,60 @@ fuzz() { scripts/fuzz.sh --seconds "$fuzz_seconds"; }
 
 faults() { scripts/mutate.sh --count 200 --seed "${VRKCORE_SEED:-1}" --at-least 85; }
 
+release() {
+  cmake --preset release >/dev/null
+  cmake --build --preset release --target "$@" -- --quiet
+}
+
+survive() {
+  release vrk vrk_faults
+  # A locale with a decimal comma, for those who may make one.
+  locale -a | grep -qi '^de_DE.utf-\?8$' || localedef -i de_DE -f UTF-8 de_DE.UTF-8 2>/dev/null || true
+  python3 tests/faults/faults.py build/release/app/vrk build/release/tests/faults/libvrk_faults.so \
+    --count "${VRKCORE_ACCIDENTS:-100}" --seed "${VRKCORE_SEED:-1}"
+}
+
+valgrind() {
+  release vrk
+  local work vrk
+  work=$(mktemp -d)
+  vrk=$(realpath build/release/app/vrk)
+  (
+    cd "$work"
+    small="--cell 5.2,6.1,4.6,90,105,90 --centring C --size 64 --dmin 1.2 --seed 4 --tilts -60:60:6 --axis 6 --write-axis"
+    for line in "simulate -o series.mrc $small" "import series.mrc -o imported.mrc --sum 2" \
+      "run series.mrc -o result --no-pictures --tilt-axis 6" "verify result --input series.mrc"; do
+      echo "valgrind: vrk $line"
+      # Memory that the libraries of others keep to the end is reachable still.
+      # shellcheck disable=SC2086
+      command valgrind --quiet --error-exitcode=9 --leak-check=full --errors-for-leak-kinds=definite --num-callers=20 \
+        "$vrk" $line >/dev/null
+    done
+  )
+  rm -rf "$work"
+}
+
+threads() {
+  scripts/threads.sh
+  cmake --preset thread >/dev/null
+  cmake --build --preset thread --target test_run -- --quiet
+  # The image library's own threads are not compiled for it.
+  TSAN_OPTIONS="halt_on_error=1 ignore_noninstrumented_modules=1" ctest --preset thread -R '^run\.'
+}
+
+soak() {
+  release soak
+  build/release/tests/faults/soak 2000
+}
+
 checks=()
 fuzz_seconds=600
 while [[ $# -gt 0 ]]; do
   case "$1" in
-    --clang | --coverage | --tidy | --threads | --page | --engines | --fuzz | --faults) checks+=("${1#--}") ;;
-    --all) checks=(clang coverage tidy threads page engines fuzz faults) ;;
+    --clang | --coverage | --tidy | --threads | --page | --engines | --fuzz | --faults | --survive | --valgrind | --soak)
+      checks+=("${1#--}")
+      ;;
+    --all) checks=(clang coverage tidy threads page engines fuzz faults survive valgrind soak) ;;
     -h | --help) usage 0 ;;
     *) usage 2 >&2 ;;
   esac

@@ -105,6 +105,8 @@ Command describeImport(CommandLine& line, const std::shared_ptr<Options>& option
         "also state axis, voltage and pixel size, or START:STEP in degrees [from the frames]");
     command.flag("--skip-bad", settings.skipBad,
                  "Leave out frames that cannot be read, with a warning that names them");
+    command.flag("--allow-outside", settings.allowOutside,
+                 "Take frames that a list names from outside its own folder, too");
     command.option("--sum", settings.sum, "Neighbouring frames to add up [as few as fit into 300 slices]");
     command.option("--bin", settings.bin, "Pixels along each edge to add up into one").showDefault();
     command.option("--scale", settings.scale,

@@ -120,6 +120,7 @@ void runSeries(const Options& options, const std::string& given, const std::stri
     // What is wrong from the start leaves the folder as it is.
     if (!options.formula.empty()) parseFormula(options.formula);
     refuseUnlessMrc(options.series);
+    requireMemoryToRead(options.series);
     const double copyRate = options.profile ? measuredCopyRate() : 0.0;
     const Workers workers(choices.jobs);
     ResultFolder results(options.folder);

@@ -76,7 +76,7 @@ void addVerifyCommand(CommandLine& line, Host& host) {
     command.footer(
         "Files that were changed or are missing are named, and those that are not of the result, which do\n"
         "no harm. Exit code 1 when the result is not whole or the series is another one.\n"
-        "'sha256sum --check SHA256SUMS' in the folder compares the files alone.\n\n"
+        "'sha256sum -c SHA256SUMS' in the folder compares the files alone.\n\n"
         "Example:\n  vrk verify result --input series.mrc");
     command.action([options, &host] { verify(*options, host); });
 }

@@ -182,7 +182,7 @@ void Host::limitMemory(std::uint64_t bytes) {
     m_memory.reset();
     m_memory.emplace(bytes);
     m_mostMemory = bytes;
-#ifndef __SANITIZE_ADDRESS__  // its shadow takes terabytes
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // their shadows take terabytes
     rlimit limit{};
     if (getrlimit(RLIMIT_DATA, &limit) != 0) return;
     limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, bytes);

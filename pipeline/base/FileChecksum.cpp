@@ -77,22 +77,6 @@ FileChecksum checksumOfFile(const std::filesystem::path& path) {
     return sums.result();
 }
 
-struct stat stateOf(const std::filesystem::path& path) {
-    struct stat state = {};
-    if (stat(path.c_str(), &state) != 0) throw Failure(path.string() + " is not there any more");
-    return state;
-}
-
-void refuseChanged(const RecordedFile& file) {
-    const struct stat now = stateOf(file.path);
-    const bool isSame = now.st_ino == file.inode && now.st_mtim.tv_sec == file.modified.tv_sec &&
-                        now.st_mtim.tv_nsec == file.modified.tv_nsec;
-    if (!isSame)
-        throw Failure(file.path.string() +
-                      " was changed while it was in use; nobody knows which of its states the result would "
-                      "be of: run again when it is complete");
-}
-
 }  // namespace
 
 FileChecksum checksumOf(const std::filesystem::path& path) {
@@ -108,22 +92,38 @@ FileChecksum checksumOf(const std::filesystem::path& path) {
     return whole;
 }
 
+FileState stateOf(const std::filesystem::path& path) {
+    struct stat state = {};
+    if (stat(path.c_str(), &state) != 0) throw Failure(path.string() + " is not there any more");
+    return {state.st_mtim.tv_sec, state.st_mtim.tv_nsec, state.st_ino, state.st_dev,
+            static_cast<std::uint64_t>(state.st_size)};
+}
+
+void refuseChanged(const std::filesystem::path& path, const FileState& state) {
+    if (stateOf(path) == state) return;
+    throw Failure(
+        path.string() +
+        " was changed while it was in use, and a result could be of two states of it; run again when it is "
+        "complete");
+}
+
 std::vector<RecordedFile> recordFiles(const std::vector<std::filesystem::path>& paths) {
     std::vector<RecordedFile> files;
     for (const std::filesystem::path& path : paths) {
         std::error_code none;
-        if (path.empty() || !std::filesystem::exists(path, none)) continue;
-        const struct stat state = stateOf(path);
-        if (!S_ISREG(state.st_mode) && !S_ISDIR(state.st_mode)) continue;
-        files.push_back({path, checksumOf(path), state.st_mtim, state.st_ino});
-        refuseChanged(files.back());
+        const bool isThere =
+            std::filesystem::is_regular_file(path, none) || std::filesystem::is_directory(path, none);
+        if (!isThere) continue;
+        const FileState state = stateOf(path);
+        files.push_back({path, checksumOf(path), state});
+        refuseChanged(path, state);
     }
     return files;
 }
 
 void refuseChanged(const std::vector<RecordedFile>& files) {
     for (const RecordedFile& file : files)
-        refuseChanged(file);
+        refuseChanged(file.path, file.state);
 }
 
 }  // namespace vrk

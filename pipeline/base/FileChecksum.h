@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <ctime>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -21,12 +20,25 @@ struct FileChecksum {
 /// that of all. Throws Failure when something cannot be read.
 FileChecksum checksumOf(const std::filesystem::path& path);
 
+/// By what it is seen that a file was written to, replaced or removed.
+struct FileState {
+    std::int64_t seconds = 0, nanoseconds = 0;  ///< of its last change
+    std::uint64_t inode = 0, device = 0, bytes = 0;
+
+    bool operator==(const FileState&) const = default;
+};
+
+/// Throws Failure when there is no such file.
+FileState stateOf(const std::filesystem::path& path);
+
+/// Throws Failure when a file is not in this state any more.
+void refuseChanged(const std::filesystem::path& path, const FileState& state);
+
 /// An input as it was when it was recorded.
 struct RecordedFile {
     std::filesystem::path path;
     FileChecksum checksum;
-    timespec modified{};
-    std::uint64_t inode = 0;
+    FileState state;
 };
 
 /// Checksums of what is there; names without a file, and empty ones, are left out. Throws Failure when one

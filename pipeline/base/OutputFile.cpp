@@ -1,12 +1,17 @@
 #include "pipeline/base/OutputFile.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <random>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -29,6 +34,40 @@ std::size_t announce(const std::filesystem::path& path) {
     return inTheMaking.size();
 }
 
+constexpr const char* kMark = ".part-";
+
+constexpr std::size_t kRandom = 6;
+
+/// That nobody else can know before, for a name that is safe in a folder which others write to.
+std::string randomName() {
+    constexpr std::string_view kLetters = "abcdefghijklmnopqrstuvwxyz0123456789";
+    std::random_device device;
+    std::uniform_int_distribution<std::size_t> letter(0, kLetters.size() - 1);
+    std::string name;
+    for (std::size_t i = 0; i < kRandom; ++i)
+        name += kLetters[letter(device)];
+    return name;
+}
+
+/// What killed programs left of a file in the making: nobody has a lock on it.
+void removeLeftovers(const std::filesystem::path& target) {
+    const std::filesystem::path folder = target.has_parent_path() ? target.parent_path() : ".";
+    const std::string begin = target.stem().string() + kMark;
+    const std::string end = target.extension().string();
+    std::error_code error;
+    std::filesystem::directory_iterator entry(folder, error);
+    for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+        const std::string name = entry->path().filename().string();
+        if (name.size() != begin.size() + kRandom + end.size() || !name.starts_with(begin) ||
+            !name.ends_with(end))
+            continue;
+        const int left = open(entry->path().c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+        if (left < 0) continue;
+        if (flock(left, LOCK_EX | LOCK_NB) == 0) unlink(entry->path().c_str());
+        close(left);
+    }
+}
+
 void forget(std::size_t place) {
     if (place < inTheMaking.size()) std::free(const_cast<char*>(inTheMaking[place].exchange(nullptr)));
 }
@@ -44,13 +83,24 @@ OutputFile::OutputFile(std::filesystem::path finalPath)
                       " does not exist; make it first or name another");
     if (std::filesystem::is_directory(m_final, ignored))
         throw Failure("cannot write " + m_final.string() + ": it is a folder; name a file");
-    m_temporary = m_final;
-    m_temporary.replace_extension(".part" + m_final.extension().string());
     // Devices such as /dev/stdout are written to as they are.
-    if (std::filesystem::exists(m_final, ignored) && !std::filesystem::is_regular_file(m_final, ignored))
+    if (std::filesystem::exists(m_final, ignored) && !std::filesystem::is_regular_file(m_final, ignored)) {
         m_temporary = m_final;
-    else
-        m_place = announce(m_temporary);
+        return;
+    }
+    removeLeftovers(m_final);
+    // Another program may take a file for a leftover before it is locked: once more then.
+    do {
+        if (m_lock >= 0) close(m_lock);
+        m_temporary =
+            folder / (m_final.stem().string() + kMark + randomName() + m_final.extension().string());
+        m_lock = open(m_temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (m_lock < 0 && errno != EEXIST)
+            throw Failure("cannot write " + m_final.string() + ": " + std::strerror(errno) +
+                          "; check the folder's permissions and the free space");
+        if (m_lock >= 0) flock(m_lock, LOCK_EX | LOCK_NB);
+    } while (m_lock < 0 || !std::filesystem::exists(m_temporary, ignored));
+    m_place = announce(m_temporary);
 }
 
 void OutputFile::removeAll() noexcept {
@@ -61,6 +111,7 @@ void OutputFile::removeAll() noexcept {
 OutputFile::~OutputFile() {
     std::error_code ignored;
     if (!m_committed && m_temporary != m_final) std::filesystem::remove(m_temporary, ignored);
+    if (m_lock >= 0) close(m_lock);
     forget(m_place);
 }
 

@@ -18,7 +18,8 @@ public:
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
 
-    /// Where to write: the final name with ".part" before its extension, in the same folder.
+    /// Where to write: an empty file in the same folder, the final name with ".part-" and six random
+    /// characters before its extension. It is locked, so that what killed programs left is known and removed.
     const std::filesystem::path& path() const { return m_temporary; }
     /// Gives the file its final name. Throws Failure when that is not possible.
     void commit();
@@ -31,6 +32,7 @@ private:
     std::filesystem::path m_final;
     std::filesystem::path m_temporary;
     bool m_committed = false;
+    int m_lock = -1;
     std::size_t m_place;  ///< among the files in the making
 };
 

@@ -53,7 +53,9 @@ double pixelSizeOf(const std::filesystem::path& path, const UnitCell& reciprocal
     std::ifstream in(path);
     std::array<char, 256> line{};
     for (int i = 0; i < 10; ++i)
-        if (!in.getline(line.data(), line.size())) return 0.0;
+        if (!in.getline(line.data(), line.size())) break;
+    if (in.bad()) throw Failure("cannot read " + path.string() + " to its end");
+    if (!in) return 0.0;
     double edge = 0.0;
     std::istringstream(line.data()) >> edge;
     UnitCell unscaled(reciprocal);

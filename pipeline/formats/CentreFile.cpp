@@ -34,6 +34,7 @@ std::vector<Line> readLines(std::istream& file, const std::filesystem::path& pat
                           ": a tilt in degrees and the two coordinates of a centre in pixels are expected");
         lines.push_back(line);
     }
+    if (file.bad()) throw Failure("cannot read the centres in " + path.string() + " to their end");
     return lines;
 }
 

@@ -38,6 +38,7 @@ PeakFileHead readHead(const std::filesystem::path& path) {
     std::vector<std::string> lines;
     while (lines.size() < 5 && readLine(file, line))
         lines.push_back(line);
+    if (file.bad()) throw Failure("cannot read " + path.string() + " to its end");
     PeakFileHead head;
     std::array<double, 3> size{};
     if (lines.size() == 5) {
@@ -51,6 +52,16 @@ PeakFileHead readHead(const std::filesystem::path& path) {
     }
     if (!(std::isfinite(head.pixelSize) && head.pixelSize > 0.0)) head.pixelSize = 0.0;
     return head;
+}
+
+bool announcesIntensities(const std::filesystem::path& path) {
+    constexpr int kLineOfColumns = 8;
+    std::ifstream file(path);
+    std::string line;
+    for (int i = 0; i < kLineOfColumns; ++i)
+        readLine(file, line);
+    if (file.bad()) throw Failure("cannot read " + path.string() + " to its end");
+    return line.find("intensity") != std::string::npos;
 }
 
 /// The numbers at the start of a line, at most four.
@@ -90,6 +101,7 @@ bool readPlainList(const std::filesystem::path& path, ReflexVector& list) {
             hasIntensities = false;
         list.push_back(reflex.release());
     }
+    if (file.bad()) throw Failure("cannot read " + path.string() + " to its end");
     return hasIntensities;
 }
 
@@ -111,6 +123,8 @@ PeakList readPeaks(const std::filesystem::path& path) {
         if (!PeakFileImportExport::loadPeakFile(path.string(), peaks.reflections.get()))
             throw Failure(path.string() + " is no complete peak file; run 'vrk peaks' again");
         peaks.hasIntensities = PeakFileImportExport::loadIntensities(path.string(), peaks.reflections.get());
+        if (!peaks.hasIntensities && announcesIntensities(path))
+            throw Failure(path.string() + " lacks intensities that it announces; run 'vrk peaks' again");
     } else {
         peaks.hasIntensities = readPlainList(path, *peaks.reflections);
     }

@@ -10,6 +10,7 @@
 
 #include "VoxCore/IO/VoxMRCFileHandler.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/FileChecksum.h"
 #include "pipeline/base/LibraryStage.h"
 #include "pipeline/base/MemoryLimit.h"
 #include "pipeline/base/OutputFile.h"
@@ -44,9 +45,9 @@ void refuseHeaderWithoutData(const std::filesystem::path& path, const mrcH& head
                   " follow; the file was cut, is packed or belongs to another format");
 }
 
-/// What the data of a file will take, by the first numbers of its header; those that no file has are left for
-/// the library to refuse.
-void requireMemoryFor(const std::filesystem::path& path) {
+}  // namespace
+
+void requireMemoryToRead(const std::filesystem::path& path) {
     std::array<std::uint32_t, 3> sizes{};
     std::ifstream file(path, std::ios::binary);
     if (!file.read(reinterpret_cast<char*>(sizes.data()), sizeof sizes)) return;
@@ -58,16 +59,17 @@ void requireMemoryFor(const std::filesystem::path& path) {
                                            " pixels");
 }
 
-}  // namespace
-
 std::unique_ptr<VoxMRCData> readMRC(const std::filesystem::path& path, Session& session) {
     refuseUnlessMrc(path);
-    requireMemoryFor(path);
+    requireMemoryToRead(path);
+    std::error_code ignored;
+    const FileState state = std::filesystem::exists(path, ignored) ? stateOf(path) : FileState();
     VoxMRCFileHandler handler;
     handler.registerObserver(&session.progress());
     return runStage(session, "read", [&] {
         std::unique_ptr<VoxMRCData> data(handler.readMRCFile(path.string()));
         if (data) refuseHeaderWithoutData(path, data->m_Header);
+        refuseChanged(path, state);
         return data.release();
     });
 }

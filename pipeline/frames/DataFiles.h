@@ -11,6 +11,10 @@
 
 namespace vrk {
 
+/// Throws Failure where there is not the memory for the data that the header of an MRC file announces. Sizes
+/// that no file has are left for readMRC() to refuse.
+void requireMemoryToRead(const std::filesystem::path& path);
+
 /// A series or a volume. Throws Failure with the library's reason when the file is refused or reading was
 /// stopped.
 std::unique_ptr<VoxMRCData> readMRC(const std::filesystem::path& path, Session& session);

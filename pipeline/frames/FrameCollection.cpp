@@ -86,6 +86,13 @@ FolderContents contentsOf(const fs::path& folder) {
     return contents;
 }
 
+/// By the names alone: where links lead is up to those who made them.
+bool liesWithin(const fs::path& file, const fs::path& folder) {
+    const fs::path way = file.lexically_normal().lexically_relative(folder.lexically_normal() / "");
+    const fs::path inside = folder.empty() ? file.lexically_normal() : way;
+    return !inside.empty() && inside.is_relative() && *inside.begin() != "..";
+}
+
 class Collector {
 public:
     Collector(const CollectionSettings& settings, const std::function<void(const std::string&)>& warn,
@@ -210,6 +217,9 @@ void Collector::addList(const fs::path& path) {
     std::shared_ptr<FrameFile> file;
     for (const FrameList::Entry& entry : list.frames) {
         if (m_canceled()) return;
+        if (!m_settings.allowOutside && !liesWithin(entry.path, path.parent_path()))
+            throw Failure(path.string() + " names " + entry.path.string() +
+                          ", which lies outside its folder; --allow-outside takes frames from anywhere");
         if (!file || file->path() != entry.path) file = open(entry.path);
         if (!file) {
             m_result.frames.back().info.tilt = entry.tilt;

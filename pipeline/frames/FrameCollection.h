@@ -32,6 +32,7 @@ struct FrameCollection {
 struct CollectionSettings {
     std::vector<std::filesystem::path> files;  ///< files of frames, folders, lists that name frames
     bool skipBad = false;                      ///< keep the place of frames that cannot be read
+    bool allowOutside = false;                 ///< lists may name frames outside their folders
 };
 
 /// Of a folder's files those of the most frequent kind are taken. A folder of lists alone stands for the one

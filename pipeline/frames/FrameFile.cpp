@@ -32,7 +32,11 @@ std::unique_ptr<FrameFile> FrameFile::open(FrameSource source) {
     if (!format)
         throw Failure("cannot import " + source.path().string() +
                       ": it is of none of the kinds that are read (" + FrameFormat::names() + ")");
+    std::error_code ignored;
+    std::optional<FileState> state;
+    if (std::filesystem::exists(source.path(), ignored)) state = stateOf(source.path());
     std::unique_ptr<FrameFile> file = format->open(std::move(source));
+    file->m_state = state;
     if (file->count() == 1) file->m_source.forget();
     return file;
 }
@@ -44,6 +48,7 @@ Frame FrameFile::read(int frame) const {
         2 * sizeof(float) * static_cast<std::uint64_t>(info.width) * static_cast<std::uint64_t>(info.height),
         formatted("%s: frames of %d x %d pixels", path().c_str(), info.width, info.height));
     Frame pixels = readFrame(frame);
+    if (m_state) refuseChanged(path(), *m_state);
     if (count() == 1) m_source.forget();
     return pixels;
 }

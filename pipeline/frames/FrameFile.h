@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "pipeline/base/FileChecksum.h"
 #include "pipeline/frames/FrameSource.h"
 
 namespace vrk {
@@ -78,6 +79,7 @@ protected:
 
 private:
     FrameSource m_source;
+    std::optional<FileState> m_state;  ///< of a file on disk, when it was opened
 };
 
 }  // namespace vrk

@@ -111,7 +111,8 @@ void Importer::checkSettings() const {
 
 void Importer::openFiles() {
     FrameCollection collection =
-        collectFrames({m_settings.files, m_settings.skipBad}, m_warn, [this] { return canceled(); });
+        collectFrames({m_settings.files, m_settings.skipBad, m_settings.allowOutside}, m_warn,
+                      [this] { return canceled(); });
     m_frames = std::move(collection.frames);
     m_listsNear = std::move(collection.listsNear);
     m_bad = std::move(collection.bad);

@@ -18,6 +18,7 @@ struct ImportSettings {
     std::vector<std::filesystem::path> files;  ///< files of frames, folders, lists that name frames
     std::string tilts;                         ///< list or START:STEP; empty: what the files say
     bool skipBad = false;                      ///< leave out frames that cannot be read
+    bool allowOutside = false;                 ///< lists may name frames outside their folders
     int sum = 0;                      ///< neighbouring frames a slice; 0: as few as fit into 300 slices
     int bin = 1;                      ///< pixels along each edge that are summed into one
     std::optional<double> scale;      ///< factor on the counts before they are rounded; absent: chosen

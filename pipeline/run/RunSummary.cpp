@@ -94,7 +94,7 @@ Json inputJson(const std::filesystem::path& series, const SeriesFacts& facts) {
 /// Files that were read, so that they are known again.
 Json inputsJson(const std::vector<RecordedFile>& inputs) {
     Json json = Json::array();
-    for (const auto& [path, checksum, modified, inode] : inputs)
+    for (const auto& [path, checksum, state] : inputs)
         json.push_back({{"path", path.string()},
                         {"bytes", checksum.bytes},
                         {"crc32", formatted("%08x", static_cast<unsigned>(checksum.crc32))},

@@ -89,6 +89,7 @@ TiltSeries fromFrames(const std::vector<std::filesystem::path>& files, const py:
     SettingTable()
         .add("tilts", settings.tilts)
         .add("skip_bad", settings.skipBad)
+        .add("allow_outside", settings.allowOutside)
         .add("sum", settings.sum)
         .add("bin", settings.bin)
         .add("scale", settings.scale)

@@ -158,6 +158,7 @@ class Series:
         bin=None,
         scale=None,
         skip_bad=None,
+        allow_outside=None,
         progress=None,
         log=None,
     ):
@@ -172,6 +173,7 @@ class Series:
         :param bin: pixels along each edge to add up
         :param scale: factor on the counts, which become 16-bit integers; otherwise chosen
         :param skip_bad: leave out frames that cannot be read
+        :param allow_outside: lists may name frames outside their folders
         """
         if isinstance(files, (str, bytes, _os.PathLike)):
             files = [files]
@@ -184,6 +186,7 @@ class Series:
             bin=bin,
             scale=scale,
             skip_bad=skip_bad,
+            allow_outside=allow_outside,
         )
         paths = [_path(file) for file in files]
         return cls(_vrkcore.TiltSeries.from_frames(paths, settings, _progress_of(progress), log))

@@ -55,6 +55,7 @@ class Series:
         bin: Optional[int] = ...,
         scale: Optional[float] = ...,
         skip_bad: Optional[bool] = ...,
+        allow_outside: Optional[bool] = ...,
         progress: Progress = ...,
         log: Log = ...,
     ) -> Series: ...

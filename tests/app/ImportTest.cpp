@@ -316,6 +316,13 @@ TEST(Import, TiltListsAndFrameLists) {
                      "FILE 00001.mrc    0    0    0\nFILE .\\00002.mrc  1.0 0 1.0\nENDFILELIST\n")};
     const Imported imported = import(listed);
     expectThreeFrames(imported);
+    std::filesystem::create_directory(folder / "lists");
+    std::string outside = folder.read("1.ed3d");
+    for (std::size_t at = 0; (at = outside.find("FILE ", at)) != std::string::npos; at += 8)
+        outside.insert(at + 5, "../");
+    listed.files = {folder.write("lists/1.ed3d", outside)};
+    listed.allowOutside = true;
+    expectThreeFrames(import(listed));
     EXPECT_NEAR(imported.header().m_pixelsize, 4.26e7, 10);
     EXPECT_NEAR(imported.header().value(SliceValue::TiltAxis, 0), 49, 1e-4);
     EXPECT_NEAR(imported.header().value(SliceValue::HighTension, 0), 200, 0.05);
@@ -549,6 +556,9 @@ TEST(Import, DamagedInputIsRefusedWithAReason) {
         {"missing.mrc", stack, "nothing.tlt", "neither a file"},
         {"range.mrc", stack, "1:2:3", "START:STEP"},
         {"empty.ed3d", "FILELIST\nENDFILELIST\n", "", "lists no frames"},
+        {"above.ed3d", "FILELIST\nFILE x/../../lost.mrc 0 0 0\n", "", "outside its folder; --allow-outside"},
+        {"root.ed3d", "FILELIST\nFILE /etc/passwd 0 0 0\n", "", "outside its folder"},
+        {"within.ed3d", "FILELIST\nFILE x/../lost.mrc 0 0 0\n", "", "no such file"},
         {"lost.ed3d", "FILELIST\nFILE lost.mrc 0 0 0\n", "", "no such file"},
         {"tilt.ed3d", "FILELIST\nFILE lost.mrc\n", "", "line 2"},
         {"zeros.mrc", stack.substr(0, 1024) + std::string(stack.size() - 1024, '\0'), "-1:1", "empty"}};

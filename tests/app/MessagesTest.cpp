@@ -2,7 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <set>
@@ -95,6 +98,23 @@ const std::vector<Group> kGroups = {
          {"run ser\xff\xc3\xb6.mrc -o r", 1, "ser\xff\xc3\xb6.mrc cannot be opened"},
          {"info ser\xff\xc3\xb6.mrc", 1, "ser\xff\xc3\xb6.mrc cannot be opened"},
      }},
+    {"memory",
+     {
+         {"run big.mrc -o r --max-memory 700M", 1,
+          "big.mrc: 21 slices of 6000 x 6000 pixels need 1.4 GiB of"},
+         {"info big.mrc --max-memory 700M", 1, "MiB may be taken of 700.0 MiB (--max-memory); bin or sum"},
+         {"import big.tif more.tif -o x.mrc --tilts 0:1 --max-memory 700M", 1,
+          "2 slices of 16000 x 16000 pixels need 976.6 MiB"},
+         {"simulate -o x.mrc --cell 5,6,7,90,90,90 --size 2048 --tilts -60:60:1 --max-memory 700M", 1,
+          "need 968.0 MiB"},
+         {"demo -o d --size 2048 --max-memory 700M", 1, "slices of 2048 x 2048 pixels need"},
+         {"reconstruct wide.mrc -o x.mrc --max-memory 700M", 1,
+          "the volume of 1200 x 1200 x 600 voxels need 1.6 GiB"},
+         {"run series.mrc -o r --max-memory 1M", 2, "that the program takes by itself"},
+         {"cell peaks.txt -o c.txt --max-memory lots", 2,
+          "a size such as 500M or 4G, or a share of what is free"},
+         {"peaks volume.mrc -o p.txt --max-memory 101%", 2, "not '101%'"},
+     }},
     {"places_to_write_and_nothing_found",
      {
          {"run series.mrc -o series.mrc", 1, "cannot make the folder series.mrc"},
@@ -114,6 +134,26 @@ const std::vector<Group> kGroups = {
      }},
 };
 
+/// A packed page of so many pixels along each edge, which it does not hold.
+std::string tiffOf(std::uint32_t edge) {
+    std::string bytes("II*\0\x08\0\0\0", 8);
+    const std::vector<std::array<std::uint32_t, 2>> values = {
+        {256, edge}, {257, edge}, {258, 8}, {259, 8}, {262, 1}, {273, 0}, {277, 1}, {278, edge}, {279, 64}};
+    const auto add = [&](std::uint32_t value, std::size_t count) {
+        for (std::size_t i = 0; i < count; ++i)
+            bytes += static_cast<char>(value >> 8 * i);
+    };
+    add(static_cast<std::uint32_t>(values.size()), 2);
+    for (const auto& [tag, value] : values) {
+        add(tag, 2);
+        add(4, 2);  // 32-bit integers
+        add(1, 4);
+        add(value, 4);
+    }
+    add(0, 4 + 64);
+    return bytes;
+}
+
 class MessagesTest : public testing::TestWithParam<Group> {
 protected:
     static void SetUpTestSuite() {
@@ -129,6 +169,18 @@ protected:
                       "#VRKPEAKSVERSION 2\n# n\n9 9 9 0 0\n# p\n1e8 0 0\n# N\n1\n# x\n1 2 3 4\n");
         folder->write("cell.txt", "#VRKCELLVERSION 2\n");
         folder->write("frame.img", "{\nHEADER_BYTES=512;\nSIZE1=4;\nSIZE2=4;\nTYPE=unsigned_short;\n}\n");
+        // The first names so many pixels; a hole in the file stands for them.
+        const auto grown = [](const char* name, int edge) {
+            std::string bytes = folder->read("series.mrc").substr(0, 1024 + 21 * 144);
+            for (std::size_t place : {0U, 4U})
+                std::memcpy(bytes.data() + place, &edge, sizeof edge);
+            folder->write(name, bytes);
+            std::filesystem::resize_file(*folder / name, bytes.size() + 2ULL * 21 * edge * edge);
+        };
+        grown("big.mrc", 6000);
+        grown("wide.mrc", 1200);
+        for (const char* name : {"big.tif", "more.tif"})
+            folder->write(name, tiffOf(16000));
         for (const char* name : {"frames", "locked"})
             std::filesystem::create_directory(*folder / name);
         folder->write("locked.mrc", "text");

@@ -298,6 +298,7 @@ bool VoxMRCFileHandler::readExtendedHeader(std::ifstream& file, mrcH& header) {
     const std::uint64_t rest = static_cast<std::uint64_t>(header.next) - records;
     std::vector<char> bytes(records);
     file.read(bytes.data(), static_cast<std::streamsize>(records));
+    if (refuseUnreadable(file)) return false;
     file.clear();  // of a cut file, what is missing is 0 like the data behind it
     if (header.next % static_cast<int>(kSliceRecordBytes) != 0) {
         if (has128ByteRecords(bytes, header)) {
@@ -335,6 +336,12 @@ float VoxMRCFileHandler::checkPixelSizeInImages(mrcH* header) {
     return first;
 }
 
+bool VoxMRCFileHandler::refuseUnreadable(const std::ifstream& file) {
+    if (!file.bad()) return false;
+    refuse("cannot be read to its end: the disk or the network reports an error; copy it anew");
+    return true;
+}
+
 bool VoxMRCFileHandler::readSlices(std::ifstream& file, const mrcH& header, const SliceTarget& target,
                                    const SliceVisitor& visitor) {
     setSteps(header.nz, " ");
@@ -343,6 +350,7 @@ bool VoxMRCFileHandler::readSlices(std::ifstream& file, const mrcH& header, cons
         const std::span<short> values = target(z);
         const std::span<char> bytes(reinterpret_cast<char*>(values.data()), values.size_bytes());
         file.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+        if (refuseUnreadable(file)) return false;
         clear(bytes.subspan(static_cast<std::size_t>(file.gcount())));
         VRK::detail::swapLittleEndian(values);
         visitor(z, values);

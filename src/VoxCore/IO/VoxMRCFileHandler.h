@@ -131,6 +131,8 @@ private:
     void error(const std::string& text);
     /// Logs the refusal of the file at hand.
     void refuse(const std::string& reason);
+    /// Whether reading failed, which is then told; the end of the file is no failure.
+    bool refuseUnreadable(const std::ifstream& file);
 
     VRKLogger* m_logger;
     std::string m_path;              ///< the file at hand
