@@ -97,8 +97,25 @@ void searchDense(benchmark::State& state) {
            static_cast<int>(state.range(1)));
 }
 
+/// A ladder of thresholds: a pass over the volume for each, and one for all.
+void searchLevels(benchmark::State& state) {
+    const VoxMRCData& volume = spotVolume(512, 444, 3000);
+    Parameter parameter;
+    for (auto _ : state) {
+        FindReflexes finder;
+        if (state.range(0) == 1) finder.lookThrough(&volume, kThreshold);
+        for (int threshold = kThreshold; threshold < 500; threshold *= 2) {
+            parameter.setThreshold(threshold);
+            const ReflexVectorPtr list(
+                finder.findAllReflexes(const_cast<VoxMRCData*>(&volume), &parameter, true, nullptr));
+            benchmark::DoNotOptimize(list->size());
+        }
+    }
+}
+
 }  // namespace
 
+BENCHMARK(searchLevels)->ArgName("once")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(countSpots)->Args({512, 444})->Unit(benchmark::kMillisecond);
 BENCHMARK(searchSpots)->Args({512, 444})->Unit(benchmark::kMillisecond);
 // 30 % foreground: with the usual size limit, and with every region kept.

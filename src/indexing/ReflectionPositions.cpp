@@ -4,14 +4,14 @@
 #include <array>
 #include <cmath>
 #include <memory>
-#include <set>
+#include <optional>
 
 #include "foundation/VRKLogger.h"
 #include "indexing/EwaldCurvature.h"
 #include "processing/SamplingGeometry.h"
 #include "reflections/ReflexOnGrid.h"
 #include "reflections/ReflexVector.h"
-#include "reflections/VolumeMath.h"
+#include "reflections/detail/VoxelGrid.h"
 
 namespace {
 
@@ -36,6 +36,22 @@ Vector3 centreOf(const SamplingGeometry& geometry) {
             0.5 * (static_cast<double>(geometry.depth()) - 1.0)};
 }
 
+/// The place of the samples of a voxel column, and the tilt at which they were recorded.
+struct ColumnSample {
+    ColumnSample(const SamplingGeometry& geometry, int column, int layer) {
+        if (column < 0 || layer < 0) return;
+        const auto sample = geometry.sample(static_cast<unsigned>(column), static_cast<unsigned>(layer));
+        if (!sample.inside()) return;
+        recorded = true;
+        radius = geometry.meanRadius(sample);
+        tilt = geometry.meanTilt(sample);
+        cosine = std::cos(tilt);
+        sine = std::sin(tilt);
+    }
+    bool recorded = false;
+    double radius = 0.0, tilt = 0.0, cosine = 0.0, sine = 0.0;
+};
+
 /// Weighted sums over the places of samples, relative to the axis.
 struct SampleSums {
     double weight = 0.0;
@@ -44,31 +60,36 @@ struct SampleSums {
     double tilt = 0.0;
 
     /// \returns false when the column was not recorded
-    bool add(const SamplingGeometry& geometry, int column, int layer, double w) {
-        if (column < 0 || layer < 0) return false;
-        const auto sample = geometry.sample(static_cast<unsigned>(column), static_cast<unsigned>(layer));
-        if (!sample.inside()) return false;
-        const double radius = geometry.meanRadius(sample);
-        const double angle = geometry.meanTilt(sample);
+    bool add(const ColumnSample& sample, double w) {
+        if (!sample.recorded) return false;
         weight += w;
-        x += w * radius * std::cos(angle);
-        z += w * radius * std::sin(angle);
-        tilt += w * angle;
+        x += w * sample.radius * sample.cosine;
+        z += w * sample.radius * sample.sine;
+        tilt += w * sample.tilt;
         return true;
     }
 };
 
 /// Mean place of the samples of a reflection's voxels. \returns false when none of them was sampled.
-bool placeOfSamples(ReflexOnGrid& reflex, const SamplingGeometry& geometry, Place& place) {
+bool placeOfSamples(const ReflexOnGrid& reflex, const SamplingGeometry& geometry, Place& place) {
     const Vector3 centre = centreOf(geometry);
     SampleSums sums;
     double sumY = 0.0;
-    for (const int index : *reflex.getPoints()) {
-        int x = 0, y = 0, z = 0;
-        VolumeMath::getCoordinates(reflex.getVolume(), index, x, y, z);
-        const double weight = std::max<double>(VolumeMath::getValue(reflex.getVolume(), index), 0.0);
-        if (sums.add(geometry, x, z, weight)) sumY += weight * y;
-    }
+    const VRK::detail::VoxelGrid grid(reflex.getVolume());
+    std::optional<ColumnSample> sample;
+    int lastX = 0, lastZ = 0;
+    reflex.forEachVoxel([&](int index) {
+        const VRK::detail::Voxel voxel = grid.voxel(index);
+        // Voxels of one column follow each other.
+        if (!sample || voxel.x != lastX || voxel.z != lastZ) {
+            sample.emplace(geometry, voxel.x, voxel.z);
+            lastX = voxel.x;
+            lastZ = voxel.z;
+        }
+        const short* slice = reflex.getVolume()->GetChunkPointer(static_cast<unsigned>(voxel.z));
+        const double weight = std::max<double>(slice[voxel.x * grid.extentY() + voxel.y], 0.0);
+        if (sums.add(*sample, weight)) sumY += weight * voxel.y;
+    });
     if (!(sums.weight > 0.0)) return false;
     place.position[0] = centre[0] + sums.x / sums.weight;
     place.position[1] = sumY / sums.weight;
@@ -90,7 +111,7 @@ void moveToSamples(const SamplingGeometry& geometry, const Vector3& centre, Plac
         for (int z = layer - kReach; z <= layer + kReach; ++z) {
             const double dx = x - place.position[0], dz = z - place.position[2];
             const double weight = std::exp(-0.5 * (dx * dx + dz * dz));
-            if (!sums.add(geometry, x, z, weight)) continue;
+            if (!sums.add(ColumnSample(geometry, x, z), weight)) continue;
             sumX += weight * (x - centre[0]);
             sumZ += weight * (z - centre[2]);
         }
@@ -137,7 +158,7 @@ ReflexVector* ReflectionPositions::fromSamples(const ReflexVector* reflections,
     return copyList(reflections, tilts, [&](Reflex& reflex) {
         Place place{};
         auto* onGrid = dynamic_cast<ReflexOnGrid*>(&reflex);
-        const bool hasVoxels = onGrid && onGrid->getVolume() && onGrid->getPoints();
+        const bool hasVoxels = onGrid && onGrid->getVolume();
         if (hasVoxels && placeOfSamples(*onGrid, geometry, place)) return place;
         return placeOfCenter(reflex, 3, centre.data());
     });

@@ -28,8 +28,9 @@ struct RegionSeeds;
 /// (D0 / 2, D1 / 2, D2 / 2), with integer division and in this order of the volume's dimensions.
 ///
 /// Time: one pass over every other row of the volume plus time linear in the voxels at or above the
-/// threshold. Memory beyond the volume: one bit a voxel, and up to about 60 bytes for every voxel at or
-/// above the threshold, most of it in the voxel sets of the reflections returned.
+/// threshold. Memory beyond the volume: one bit a voxel, and up to about 16 bytes for every voxel at or
+/// above the threshold, most of it in the reflections returned; the sets of those whose getPoints() is asked
+/// for take three times as much more.
 ///
 /// Several thresholds: lookThrough() passes over the volume once for all searches from a threshold upwards,
 /// which then cost what their own voxels cost.

@@ -77,14 +77,21 @@ void ReflexOnGrid::adopt(Region& region) {
     m_maxX = region.highest.x;
     m_maxY = region.highest.y;
     m_maxZ = region.highest.z;
-    // From sorted numbers the set is built in linear time.
     VRK::detail::sortAscending(region.voxels);
-    m_points = std::set<int>(region.voxels.begin(), region.voxels.end());
+    m_sorted.assign(region.voxels.begin(), region.voxels.end());
+    m_points.clear();
+}
+
+std::set<int>& ReflexOnGrid::points() {
+    // From sorted numbers the set is built in linear time.
+    if (!m_sorted.empty()) m_points = std::set<int>(m_sorted.begin(), m_sorted.end());
+    std::vector<int>().swap(m_sorted);
+    return m_points;
 }
 
 bool ReflexOnGrid::add(int x, int y, int z, int* index, bool markVisited, bool* visited) {
     *index = VolumeMath::getIndex(m_volume, x, y, z);
-    if (*index < 0 || m_points.contains(*index)) return false;
+    if (*index < 0 || points().contains(*index)) return false;
     const short value = VolumeMath::getValue(m_volume, *index);
     if (VolumeMath::isZero(value)) return false;
     m_points.insert(*index);
@@ -132,12 +139,12 @@ double ReflexOnGrid::getCenter(int axis, int type) {
 }
 
 double ReflexOnGrid::getCenter(int axis) {
-    if (m_points.empty()) return 0.0;
-    return (axis == 0 ? m_x : axis == 1 ? m_y : m_z) / static_cast<double>(m_points.size());
+    if (voxelCount() == 0) return 0.0;
+    return (axis == 0 ? m_x : axis == 1 ? m_y : m_z) / static_cast<double>(voxelCount());
 }
 
 void ReflexOnGrid::getCenter(double& x, double& y, double& z) {
-    const auto count = static_cast<double>(m_points.size());
+    const auto count = static_cast<double>(voxelCount());
     x = m_x / count;
     y = m_y / count;
     z = m_z / count;
@@ -170,15 +177,15 @@ bool ReflexOnGrid::isInside(int x, int y, int z) {
 }
 
 bool ReflexOnGrid::isInside(int index) const {
-    return m_points.contains(index);
+    return m_points.contains(index) || std::binary_search(m_sorted.begin(), m_sorted.end(), index);
 }
 
 int ReflexOnGrid::getNumberOfVoxels() {
-    return static_cast<int>(m_points.size());
+    return static_cast<int>(voxelCount());
 }
 
 std::set<int>* ReflexOnGrid::getPoints() {
-    return &m_points;
+    return &points();
 }
 
 void ReflexOnGrid::print() {

@@ -2,7 +2,9 @@
 /// A reflection that is a connected set of voxels of a volume, with the measures derived from them.
 #pragma once
 
+#include <cstddef>
 #include <set>
+#include <vector>
 
 #include "VRKCoreExport.h"
 #include "reflections/Reflex.h"
@@ -73,6 +75,14 @@ public:
     int getNumberOfVoxels() override;
     /// The linear indices of the member voxels; the reflection keeps the ownership.
     std::set<int>* getPoints() override;
+    /// Calls visit(index) for the linear index of each member voxel, ascending, without making a set of them.
+    template <typename Visit>
+    void forEachVoxel(Visit visit) const {
+        for (const int index : m_sorted)
+            visit(index);
+        for (const int index : m_points)
+            visit(index);
+    }
 
     float getMaxValue() const { return m_maxValue; }
     float getMinValue() const { return m_minValue; }
@@ -100,8 +110,8 @@ protected:
     void detectReflex(int x, int y, int z, bool markVisited, bool* visited);
     /// Widens the bounding box to contain the voxel.
     void updateDimensions(int x, int y, int z);
-    std::set<int>::iterator getBeginPoint() { return m_points.begin(); }
-    std::set<int>::iterator getEndPoint() { return m_points.end(); }
+    std::set<int>::iterator getBeginPoint() { return points().begin(); }
+    std::set<int>::iterator getEndPoint() { return points().end(); }
 
 private:
     friend class FindReflexes;
@@ -111,7 +121,12 @@ private:
     void adopt(VRK::detail::Region& region);
     void setPosition(double x, double y, double z);
 
+    /// The set, made when it is first asked for: a set takes many times what a list takes, and few ask.
+    std::set<int>& points();
+    std::size_t voxelCount() const { return m_sorted.size() + m_points.size(); }
+
     double m_centerOfGravity[3] = {};
+    std::vector<int> m_sorted;  ///< the member voxels, ascending, while there is no set
     std::set<int> m_points;
     float m_maxValue = 0.0f;
     float m_minValue = 0.0f;
