@@ -20,7 +20,7 @@ for argument in "$@"; do
     # What .ci/run uses beyond building and testing.
     --with-checks) packages+=(clang-format doxygen git) ;;
     # What scripts/check.sh and scripts/tidy.sh use.
-    --with-all-checks) packages+=(clang-format doxygen git clang clang-tidy gcovr python3) ;;
+    --with-all-checks) packages+=(clang-format doxygen git clang clang-tidy gcovr python3 valgrind) ;;
     # What the Python module is built and tested with.
     --with-python)
       packages+=(python3 python3-dev python3-pip python3-venv pybind11-dev python3-numpy python3-gemmi
