@@ -15,13 +15,13 @@ SIZES = (256, 512, 1024)
 INTRODUCTION = """# Where the time goes
 
 Made by `benchmarks/roofline.py`; `vrk run --profile` prints the same for any series. The machine of these figures:
-{processor}, one thread. A plain copy of memory (`memcpy`, blocks beyond the caches) reads and writes {rate:.1f} GB/s there.
+{processor}, one thread, shared with other work (load average {load:.0f}, {cores} cores): a step alone takes less. A plain copy of memory (`memcpy`, blocks beyond the caches) reads and writes {rate:.1f} GB/s there.
 
 What a step **had to** move is what comes in, read once, and what goes out, written once; what it **moves** is what its passes
 over frames and volume add up to. **Of memcpy** is the share of the copy's rate that the first makes: at 100 % a step would cost no
 more than the memory. Far below it the processor is what limits: preprocessing and integration compute on every pixel,
-the search looks at every voxel once, cell search and indexing move next to nothing. Other programs on the machine lengthen steps
-and copies alike, but not at the same moments: figures here are good to some tens of per cent.
+the search looks at every voxel once, cell search and indexing move next to nothing. What else a machine does lengthens steps
+and copies, but not at the same moments: the load above says how far figures can be trusted.
 
 """
 
@@ -61,7 +61,7 @@ def main():
         text = open(page).read()
         kept = text[text.index("\n## Cores"):] if "\n## Cores" in text else ""
     with open(page, "w") as file:
-        file.write(INTRODUCTION.format(processor=processor, rate=rate))
+        file.write(INTRODUCTION.format(processor=processor, rate=rate, load=os.getloadavg()[2], cores=os.cpu_count()))
         file.write("\n".join(table(size, summary) for size, summary in zip(SIZES, summaries)))
         file.write(kept)
 

@@ -38,15 +38,15 @@ std::map<std::string, std::string> filesOf(const TemporaryFolder& folder, const 
     return files;
 }
 
-TEST(JobsTest, EveryNumberOfThreadsGivesTheSameFiles) {
+TEST(JobsTest, ThreadsChangeNoFile) {
     const TemporaryFolder folder;
     const std::string series = folder / "series.mrc";
-    ASSERT_EQ(runVrk({"simulate", "-o", series, "--cell", "4.1,5.2,6.3,90,100,90", "--size", "96", "--tilts",
-                      "-30:30:3", "--axis", "20", "--write-axis"})
+    ASSERT_EQ(runVrk({"simulate", "-o", series, "--cell", "4.1,5.2,6.3,90,100,90", "--size", "64", "--dmin",
+                      "1", "--tilts", "-30:30:3", "--axis", "20", "--write-axis"})
                   .exitCode,
               0);
     std::map<std::string, std::string> one;
-    for (const char* jobs : {"1", "2", "5"}) {
+    for (const char* jobs : {"1", "5"}) {
         const std::string name = std::string("jobs") + jobs;
         const VrkResult run = runVrk({"run", series, "-o", folder / name, "--jobs", jobs, "--keep-volume"});
         ASSERT_EQ(run.exitCode, 0) << run.err;
