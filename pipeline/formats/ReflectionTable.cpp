@@ -193,7 +193,7 @@ std::vector<ListedReflection> readReflectionTable(std::istream& text, const std:
     std::vector<ListedReflection> reflections;
     while (std::getline(text, line))
         reflections.push_back(reader.read(line));
-    if (file.bad()) throw Failure("cannot read " + path.string() + " to its end");
+    if (text.bad()) throw Failure("cannot read " + path.string() + " to its end");
     return reflections;
 }
 

@@ -87,7 +87,7 @@ void ListText::readLines(std::istream& text) {
         if (!line.empty() && line.back() == '\r') line.pop_back();
         m_lines.push_back(line);
     }
-    if (file.bad()) throw Failure("cannot read " + path.string() + " to its end");
+    if (text.bad()) throw Failure("cannot read " + m_path.string() + " to its end");
 }
 
 std::filesystem::path ListText::file(std::string name) const {
