@@ -318,7 +318,10 @@ std::vector<std::string> importWords(const BatchJob& job, const std::vector<Opti
 }
 
 std::vector<std::string> runWords(const BatchJob& job, const std::vector<OptionKind>& kinds) {
-    return wordsFor(false, job, kinds);
+    std::vector<std::string> words = wordsFor(false, job, kinds);
+    // The jobs share the cores already.
+    if (!valueOf(job.options, "jobs")) words.emplace_back("--jobs=1");
+    return words;
 }
 
 void writePlan(const std::vector<BatchJob>& jobs, const BatchFolder& folder, const std::string& version) {

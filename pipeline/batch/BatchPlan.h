@@ -40,7 +40,7 @@ std::vector<BatchJob> planBatch(const BatchInput& input, const std::function<voi
 
 /// The arguments of `vrk import`, without program, input and output.
 std::vector<std::string> importWords(const BatchJob& job, const std::vector<OptionKind>& kinds);
-/// The arguments of `vrk run`, without program, series and output.
+/// The arguments of `vrk run`, without program, series and output; with one thread where none are asked for.
 std::vector<std::string> runWords(const BatchJob& job, const std::vector<OptionKind>& kinds);
 
 /// batch.json: a line for each job, so that one is found without reading them all; with what it asks for at

@@ -21,11 +21,12 @@ std::string withoutCosts(const std::string& text) {
     return summary.dump();
 }
 
-/// The contents of all files of a run but the log, which tells the time.
+/// The contents of all files of a run but the log, which tells the time, and the sums of the files.
 std::map<std::string, std::string> filesOf(const TemporaryFolder& folder, const std::string& name) {
     std::map<std::string, std::string> files;
     for (const fs::directory_entry& entry : fs::recursive_directory_iterator(folder / name))
-        if (entry.is_regular_file() && entry.path().filename() != "vrk.log") {
+        if (entry.is_regular_file() && entry.path().filename() != "vrk.log" &&
+            entry.path().filename() != "SHA256SUMS") {
             const std::string file = fs::relative(entry.path(), folder / name).string();
             files[file] = folder.read(name + "/" + file);
         }

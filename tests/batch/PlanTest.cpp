@@ -108,7 +108,7 @@ TEST_F(Plan, FindsSeriesInAllShapesAndKeepsTheirNames) {
     EXPECT_EQ(vrk::importWords(stack, kKinds),
               (std::vector<std::string>{"--tilts=" +
                                         fs::path(folder / "stack/s.rawtlt").lexically_normal().string()}));
-    EXPECT_EQ(vrk::runWords(stack, kKinds), (std::vector<std::string>{"--tilt-axis=5"}));
+    EXPECT_EQ(vrk::runWords(stack, kKinds), (std::vector<std::string>{"--tilt-axis=5", "--jobs=1"}));
     ASSERT_EQ(warnings.size(), 1U);
     EXPECT_NE(warnings[0].find("volume.mrc states no tilts"), std::string::npos);
 

@@ -84,7 +84,7 @@ if(EXISTS "${prefix}/bin/vrk")
   # Its manual has a page for each command.
   file(GLOB pages "${prefix}/share/man/man1/vrk*.1")
   list(LENGTH pages output)
-  expect("^1[5-9]$")
+  expect("^2[0-9]$")
   file(READ "${prefix}/share/man/man1/vrk-tilt-axis.1" output)
   expect("\n.SH OPTIONS\n.TP\n")
 endif()
