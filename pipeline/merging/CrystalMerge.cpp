@@ -116,6 +116,7 @@ public:
         }
         rejectOutliers(m_result.data.laue.best().rotations);
         reduce();
+        warnOfDisagreement();
         return std::move(m_result);
     }
 
@@ -135,6 +136,7 @@ private:
     void rejectOutliers(const LaueRotations& laue);
     void takeMeanCell();
     void reduce();
+    void warnOfDisagreement();
     void follow();
 
     void leaveOut(std::size_t crystal, const std::string& reason) {
@@ -501,6 +503,16 @@ void Merger::reduce() {
     data.spaceGroups = analyseSpaceGroups(data.merged, rotations, centring);
     estimateAmplitudes(data.merged, data.spaceGroups);
     follow();
+}
+
+/// Where no crystal agrees with the others, none can be told to be the stranger.
+void Merger::warnOfDisagreement() {
+    constexpr double kLittle = 0.5;
+    if (!(m_result.ccHalf <= kLittle)) return;
+    m_session.warn(
+        formatted("the intensities of the crystals agree little: halves of them correlate by %.2f. "
+                  "Crystals with like cells may have different structures",
+                  m_result.ccHalf));
 }
 
 /// Crystal after crystal, the one that brings the most first.

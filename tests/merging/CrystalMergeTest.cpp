@@ -144,6 +144,24 @@ TEST(CrystalMergeTest, leavesOutCrystalsThatSpoilTheData) {
     }
 }
 
+TEST(CrystalMergeTest, tellsWhereNoCrystalAgreesWithTheOthers) {
+    for (const bool like : {true, false}) {
+        std::vector<vrk::CrystalData> crystals;
+        for (unsigned seed = 1; seed <= 4; ++seed) {
+            SimulatedCrystals one{{7.1, 8.3, 9.4, 90, 103, 90}, 'P', "mP", "P 1 2 1"};
+            one.seed = like ? 1 : seed;
+            crystals.push_back(one.make(4)[seed - 1]);
+        }
+        std::vector<std::string> warnings;
+        vrk::attempt(vrk::silence(), [&](vrk::Session& session) {
+            vrk::mergeCrystals(crystals, {}, session);
+            warnings = session.warnings();
+            return 0;
+        }).value();
+        EXPECT_EQ(!warnings.empty() && warnings.back().find("agree little") != std::string::npos, !like);
+    }
+}
+
 TEST(CrystalMergeTest, refusesOtherCellsByName) {
     SimulatedCrystals simulated{{7.1, 8.3, 9.4, 90, 103, 90}, 'P', "mP", "P 1 2 1"};
     auto crystals = simulated.make(4);
