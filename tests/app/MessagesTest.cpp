@@ -141,7 +141,7 @@ std::string tiffOf(std::uint32_t edge) {
         {256, edge}, {257, edge}, {258, 8}, {259, 8}, {262, 1}, {273, 0}, {277, 1}, {278, edge}, {279, 64}};
     const auto add = [&](std::uint32_t value, std::size_t count) {
         for (std::size_t i = 0; i < count; ++i)
-            bytes += static_cast<char>(value >> 8 * i);
+            bytes += static_cast<char>(i < sizeof value ? value >> 8 * i : 0);
     };
     add(static_cast<std::uint32_t>(values.size()), 2);
     for (const auto& [tag, value] : values) {
