@@ -10,14 +10,14 @@ namespace {
 
 /// Nodes of a lattice around the origin, off by some noise, among points that lie anywhere.
 vrk::Points pointsOf(const Eigen::Matrix3d& basis, double noise, int strays, std::mt19937& random) {
-    std::normal_distribution<double> off(0.0, noise);
+    std::normal_distribution<double> off;
     std::uniform_real_distribution<double> anywhere(-60.0, 60.0);
     vrk::Points points;
     for (int i = 0; i < 400; ++i) {
         const Eigen::Vector3d place(anywhere(random), anywhere(random), anywhere(random));
         const Eigen::Vector3d node = basis * Eigen::Vector3d((basis.inverse() * place).array().round());
-        points.push_back(i < strays ? place
-                                    : Eigen::Vector3d(node + Eigen::Vector3d(off(random), off(random), 0.0)));
+        const Eigen::Vector3d away = noise * Eigen::Vector3d(off(random), off(random), 0.0);
+        points.push_back(i < strays ? place : Eigen::Vector3d(node + away));
     }
     return points;
 }
