@@ -208,6 +208,14 @@ Indices IndexRotation::operator()(const Indices& hkl) const {
     return result;
 }
 
+Eigen::Matrix3d matrixOf(const IndexRotation& rotation) {
+    Eigen::Matrix3d matrix;
+    for (std::size_t i = 0; i < 3; ++i)
+        for (std::size_t j = 0; j < 3; ++j)
+            matrix(static_cast<Eigen::Index>(i), static_cast<Eigen::Index>(j)) = rotation.matrix[i][j];
+    return matrix;
+}
+
 LaueRotations latticeRotations(const Eigen::Matrix3d& reciprocal, char centring) {
     const Eigen::Matrix3d metric = reciprocal.transpose() * reciprocal;
     const Eigen::Vector3d inverseLengths = metric.diagonal().cwiseSqrt().cwiseInverse();

@@ -21,6 +21,8 @@ struct IndexRotation {
     auto operator<=>(const IndexRotation&) const = default;  // NOLINT(modernize-use-nullptr)
 };
 
+Eigen::Matrix3d matrixOf(const IndexRotation& rotation);
+
 /// The rotations of a Laue group; the inversion belongs to all of them and is not listed.
 using LaueRotations = std::vector<IndexRotation>;
 

@@ -21,20 +21,6 @@ double angleBetween(const Vector3d& a, const Vector3d& b) {
     return std::atan2(a.cross(b).norm(), a.dot(b)) / kDegree;
 }
 
-/// Columns a, b, c: a along x, b in the plane of x and y.
-Matrix3d standardVectors(const std::array<double, 6>& cell) {
-    const double cosAlpha = std::cos(cell[3] * kDegree);
-    const double cosBeta = std::cos(cell[4] * kDegree);
-    const double cosGamma = std::cos(cell[5] * kDegree);
-    const double sinGamma = std::sin(cell[5] * kDegree);
-    const double y = (cosAlpha - cosBeta * cosGamma) / sinGamma;
-    Matrix3d vectors;
-    vectors.col(0) = cell[0] * Vector3d(1, 0, 0);
-    vectors.col(1) = cell[1] * Vector3d(cosGamma, sinGamma, 0);
-    vectors.col(2) = cell[2] * Vector3d(cosBeta, y, std::sqrt(1 - cosBeta * cosBeta - y * y));
-    return vectors;
-}
-
 std::array<double, 6> tiedCell(std::array<double, 6> cell, LATTICE::BravaisTypes type) {
     using namespace LATTICE;
     if (type == aP || type == NoBravaisType) return cell;
@@ -166,6 +152,19 @@ std::vector<Matrix3d> latticeStrains(const Matrix3d& reciprocal, LATTICE::Bravai
             return {dyad(x, x), dyad(y, y), dyad(z, z), 2 * dyad(x, y), 2 * dyad(x, z), 2 * dyad(y, z)};
         }
     }
+}
+
+Matrix3d standardVectors(const std::array<double, 6>& cell) {
+    const double cosAlpha = std::cos(cell[3] * kDegree);
+    const double cosBeta = std::cos(cell[4] * kDegree);
+    const double cosGamma = std::cos(cell[5] * kDegree);
+    const double sinGamma = std::sin(cell[5] * kDegree);
+    const double y = (cosAlpha - cosBeta * cosGamma) / sinGamma;
+    Matrix3d vectors;
+    vectors.col(0) = cell[0] * Vector3d(1, 0, 0);
+    vectors.col(1) = cell[1] * Vector3d(cosGamma, sinGamma, 0);
+    vectors.col(2) = cell[2] * Vector3d(cosBeta, y, std::sqrt(1 - cosBeta * cosBeta - y * y));
+    return vectors;
 }
 
 Matrix3d tiedVectors(const Matrix3d& reciprocal, LATTICE::BravaisTypes type) {

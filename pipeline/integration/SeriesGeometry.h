@@ -123,6 +123,9 @@ private:
 /// cubic cell, the six components for a triclinic one. \param reciprocal  columns of the conventional cell
 std::vector<Eigen::Matrix3d> latticeStrains(const Eigen::Matrix3d& reciprocal, LATTICE::BravaisTypes type);
 
+/// The vectors of a cell (Angstrom and degrees) as columns: a along x, b in the plane of x and y.
+Eigen::Matrix3d standardVectors(const std::array<double, 6>& cell);
+
 /// The vectors nearest to the given ones whose cell obeys the ties of the type exactly (b unique in
 /// monoclinic cells, hexagonal axes for hP and hR).
 Eigen::Matrix3d tiedVectors(const Eigen::Matrix3d& reciprocal, LATTICE::BravaisTypes type);

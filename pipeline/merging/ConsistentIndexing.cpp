@@ -29,11 +29,7 @@ std::array<int, 9> classOf(const Matrix3d& base, const LaueRotations& laue) {
     std::array<int, 9> least{};
     least.fill(std::numeric_limits<int>::max());
     for (const IndexRotation& rotation : laue) {
-        Matrix3d matrix;
-        for (std::size_t i = 0; i < 3; ++i)
-            for (std::size_t j = 0; j < 3; ++j)
-                matrix(static_cast<Eigen::Index>(i), static_cast<Eigen::Index>(j)) = rotation.matrix[i][j];
-        const Matrix3d turned = base * matrix.transpose();
+        const Matrix3d turned = base * matrixOf(rotation).transpose();
         std::array<int, 9> key{};
         for (std::size_t i = 0; i < 9; ++i)
             key[i] = static_cast<int>(std::lround(6 * turned(static_cast<Eigen::Index>(i))));

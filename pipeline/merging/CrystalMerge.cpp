@@ -62,14 +62,6 @@ Matrix3d reciprocalOf(const std::array<double, 6>& cell) {
     return lower.transpose();
 }
 
-Matrix3d matrixOf(const IndexRotation& rotation) {
-    Matrix3d matrix;
-    for (std::size_t i = 0; i < 3; ++i)
-        for (std::size_t j = 0; j < 3; ++j)
-            matrix(static_cast<Eigen::Index>(i), static_cast<Eigen::Index>(j)) = rotation.matrix[i][j];
-    return matrix;
-}
-
 /// The mean of a metric over the rotations of the lattice.
 Matrix3d tied(const Matrix3d& metric, const LaueRotations& rotations) {
     const Matrix3d reciprocal = metric.inverse();

@@ -7,9 +7,9 @@
 #include <set>
 #include <utility>
 
-#include "pipeline/base/Angle.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/NumberText.h"
+#include "pipeline/integration/SeriesGeometry.h"
 
 namespace vrk {
 namespace {
@@ -49,19 +49,6 @@ const std::array<Order, 24>& orders() {
         return list;
     }();
     return all;
-}
-
-Matrix3d conventionalBase(const std::array<double, 6>& cell) {
-    const double cosAlpha = std::cos(cell[3] * kDegree), cosBeta = std::cos(cell[4] * kDegree);
-    const double cosGamma = std::cos(cell[5] * kDegree), sinGamma = std::sin(cell[5] * kDegree);
-    Matrix3d base = Matrix3d::Zero();
-    base(0, 0) = cell[0];
-    base(0, 1) = cell[1] * cosGamma;
-    base(1, 1) = cell[1] * sinGamma;
-    base(0, 2) = cell[2] * cosBeta;
-    base(1, 2) = cell[2] * (cosAlpha - cosBeta * cosGamma) / sinGamma;
-    base(2, 2) = std::sqrt(cell[2] * cell[2] - base(0, 2) * base(0, 2) - base(1, 2) * base(1, 2));
-    return base;
 }
 
 /// Primitive vectors as columns, in the conventional base.
@@ -121,7 +108,7 @@ Key keyOf(const Matrix34& coordinates) {
 
 }  // namespace
 
-ReducedCell::ReducedCell(const CrystalCell& cell) : m_base(conventionalBase(cell.cell)), m_ordered{} {
+ReducedCell::ReducedCell(const CrystalCell& cell) : m_base(standardVectors(cell.cell)), m_ordered{} {
     const auto& c = cell.cell;
     const double edges = c[0] * c[1] * c[2];
     const bool positive = c[0] > 0 && c[1] > 0 && c[2] > 0 && std::isfinite(edges);
