@@ -1,7 +1,3 @@
-#include <fcntl.h>
-#include <sys/file.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
@@ -15,6 +11,7 @@
 #include "commands/Commands.h"
 #include "foundation/Version.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/FolderLock.h"
 #include "pipeline/base/NumberText.h"
 #include "pipeline/base/OutputFile.h"
 #include "pipeline/batch/BatchPlan.h"
@@ -103,27 +100,6 @@ void checkOptions(const std::vector<BatchJob>& jobs, const std::vector<OptionKin
     }
 }
 
-/// Keeps a second batch out of the folder.
-class BatchLock {
-public:
-    explicit BatchLock(const BatchFolder& folder) {
-        const fs::path path = folder.path() / ".vrk-batch-lock";
-        m_file = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
-        if (m_file < 0) throw Failure("cannot write into the folder " + folder.path().string());
-        if (flock(m_file, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
-            close(m_file);
-            throw Failure("another batch is at work in " + folder.path().string() +
-                          "; wait for it, or name another folder with -o");
-        }
-    }
-    ~BatchLock() { close(m_file); }
-    BatchLock(const BatchLock&) = delete;
-    BatchLock& operator=(const BatchLock&) = delete;
-
-private:
-    int m_file = -1;
-};
-
 std::string thisProgram() {
     std::error_code error;
     const fs::path path = fs::read_symlink("/proc/self/exe", error);
@@ -171,7 +147,7 @@ public:
             return;
         }
         makeFolder(m_folder.path());
-        const BatchLock lock(m_folder);
+        const FolderLock lock(m_folder.path());
         if (!m_options.input.empty()) writePlan(jobs, m_folder, VRK::kVersion);
         const std::vector<WorkUnit> units = unitsOf(open, m_options.engine);
         writeWorkflow(units, m_options.engine, m_folder);

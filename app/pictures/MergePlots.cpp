@@ -35,9 +35,8 @@ void addCrystals(GnuplotScript& plot, const CrystalMerge& merge) {
     for (std::size_t i = 0; i < merge.crystals.size(); ++i) {
         const MergedCrystal& one = merge.crystals[i];
         const double delta = one.deltaCcHalf, gap = std::nan("");
-        const bool scaled = one.used;
         rows.insert(rows.end(), {static_cast<double>(i + 1), one.used ? delta : gap, one.used ? gap : delta,
-                                 scaled ? std::exp(one.scale.k) : gap, scaled ? one.scale.b : gap});
+                                 one.used ? std::exp(one.scale.k) : gap, one.used ? one.scale.b : gap});
     }
     const std::string data = plot.addData("crystal delta_of_used delta_of_others scale b", rows, 5);
     plot.addCommand(formatted("set xrange [0.5:%g]", static_cast<double>(merge.crystals.size()) + 0.5));
