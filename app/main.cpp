@@ -3,6 +3,8 @@
 #include <exception>
 #include <iostream>
 #include <new>
+#include <string>
+#include <vector>
 
 #include "commands/Commands.h"
 #include "console/CommandLine.h"
@@ -32,13 +34,15 @@ int exitCodeOf(vrk::FailureKind kind) {
     return kFailed;
 }
 
+int runWords(const std::vector<std::string>& words);
+
 int parseAndRun(vrk::app::Host& host, int argc, char** argv) {
     vrk::app::CommandLine line(
         "vrk", "vrk: from a tilt series of electron diffraction patterns to unit cell and HKL file",
         VRK::kVersion, host.columns());
     vrk::app::addRunCommand(line, host);
     vrk::app::addImportCommand(line, host);
-    vrk::app::addBatchCommand(line, host);
+    vrk::app::addBatchCommand(line, host, runWords);
     vrk::app::addInfoCommand(line, host);
     vrk::app::addPreprocessCommand(line, host);
     vrk::app::addTiltAxisCommand(line, host);
@@ -78,6 +82,17 @@ int runHosted(int argc, char** argv) {
         std::cerr << "vrk: " << (isMemory ? host.outOfMemory() : error.what()) << '\n';
     }
     return kFailed;
+}
+
+/// What the program does with these arguments.
+int runWords(const std::vector<std::string>& words) {
+    std::vector<std::string> copies = words;
+    copies.insert(copies.begin(), "vrk");
+    std::vector<char*> arguments;
+    for (std::string& word : copies)
+        arguments.push_back(word.data());
+    arguments.push_back(nullptr);
+    return runHosted(static_cast<int>(copies.size()), arguments.data());
 }
 
 }  // namespace

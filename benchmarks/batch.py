@@ -3,7 +3,7 @@
 collecting many results, and a simulation of plans for more series and workers than one machine has.
 
     batch.py VRK engine [SERIES]          real series on two cores: vrk batch against xargs with vrk run
-    batch.py VRK fixed [JOBS] [SECONDS]   the workflow of vrk batch over stand-ins that sleep
+    batch.py VRK fixed [JOBS] [SECONDS]   vrk batch whole, only that the process of each run sleeps instead of running
     batch.py VRK collect [RESULTS]        table and page of copies of a result, each with another cell and axis
     batch.py VRK simulate                 throughput by the number of workers, reckoned
 
@@ -56,8 +56,22 @@ def engine(program, folder, count):
           f"{batch_used:.1f} s of CPU: {(batch_used - hand_used) / count:.3f} s a series more", flush=True)
 
 
+# The process that vrk makes of itself for each run sleeps and says that nothing was found.
+SLEEP = """
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <stdlib.h>
+#include <unistd.h>
+pid_t fork(void) {
+  const pid_t child = ((pid_t (*)(void))dlsym(RTLD_NEXT, "fork"))();
+  if (child == 0) { sleep(atoi(getenv("SLEEP"))); _exit(3); }
+  return child;
+}
+"""
+
+
 def fixed(program, folder, jobs, seconds):
-    """The workflow as vrk writes it, with a program that sleeps in the place of vrk."""
+    """The workflow as vrk writes it: engine, start of vrk, plan, checksums and records, with runs of known length."""
     (folder / "session").mkdir()
     one_series(program, folder / "one.mrc")
     for i in range(jobs):
@@ -66,8 +80,10 @@ def fixed(program, folder, jobs, seconds):
     start = time.time()
     vrk(program, "batch", folder / "session", "-o", out, "--jobs", 2, "--plan-only")
     planned = time.time() - start
+    (folder / "sleep.c").write_text(SLEEP)
+    subprocess.run(["cc", "-shared", "-fPIC", "-o", folder / "sleep.so", folder / "sleep.c", "-ldl"], check=True)
     stand_in = folder / "stand-in"
-    stand_in.write_text(f"#!/bin/sh\nsleep {seconds}\n")
+    stand_in.write_text(f'#!/bin/sh\nSLEEP={seconds} LD_PRELOAD="{folder}/sleep.so" exec "{program}" "$@"\n')
     stand_in.chmod(0o755)
     settings = json.loads((out / "workflow/settings.json").read_text())
     settings["program"] = str(stand_in)
@@ -77,6 +93,8 @@ def fixed(program, folder, jobs, seconds):
                     "--rerun-triggers", "mtime", "--scheduler", "greedy", "--latency-wait", "60", "--cores", "2"],
                    cwd=out, check=True, capture_output=True)
     took = time.time() - start
+    records = [json.loads(path.read_text())["outcome"] for path in (out / "records").glob("*.json")]
+    assert records == ["nothing found"] * jobs, "not all jobs were run"
     least = jobs * seconds / 2
     print(f"{jobs} jobs of {seconds} s, 2 at a time: plan {planned:.1f} s, {took:.1f} s of at least {least:.1f} s, "
           f"overhead {100 * ((planned + took) / least - 1):.2f} %, {cpu():.0f} s of CPU", flush=True)
@@ -124,7 +142,8 @@ PLAN = 0.0010        # s a series: found, its record compared, its line written
 COLLECT = 0.0018     # s a result
 SNAKEMAKE = 0.015    # s of the engine a job, one after another
 START = 1.5          # s of the engine until the first job
-JOB = 0.16           # s of a job beside vrk run: program started, plan read, checksum, records
+UNIT = 0.12          # s to start the program and the shell around it, once for jobs in a row
+JOB = 0.05           # s of a job in it: its process, checksum, records
 SLURM_TASK = 1.0     # s of a task around its program
 SLURM_RATE = 20.0    # tasks that a controller starts in a second
 WAIT = 10.0          # s at most until sbatch --wait notices the end of an array
@@ -134,13 +153,16 @@ def simulated(seconds, workers, slurm):
     """Seconds of a batch by events: starts follow one another at the engine's rate, workers are taken when free."""
     series = len(seconds)
     ready, free, end = START + PLAN * series, [0.0] * workers, 0.0
-    group = 1 if slurm else -(-series // 2000)
-    for first in range(0, series, group):
+    first = 0
+    while first < series:
+        # As vrk puts jobs in a row: up to four, fewer as the end comes near, two thousand units of very many.
+        group = 1 if slurm else max(-(-series // 2000), min(4, (series - first) // (8 * workers)), 1)
         ready += 1 / SLURM_RATE if slurm else SNAKEMAKE
         begin = max(ready, heapq.heappop(free))
-        done = begin + sum(t + JOB for t in seconds[first:first + group]) + (SLURM_TASK if slurm else 0)
+        done = begin + (SLURM_TASK if slurm else UNIT) + sum(t + JOB for t in seconds[first:first + group])
         heapq.heappush(free, done)
         end = max(end, done)
+        first += group
     return end + (WAIT if slurm else 0) + COLLECT * series
 
 

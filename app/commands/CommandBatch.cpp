@@ -2,6 +2,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <iterator>
 #include <memory>
 #include <set>
 #include <sstream>
@@ -30,7 +32,8 @@ struct Options {
     std::vector<std::string> seriesOptions;
     fs::path folder;
     EngineSettings engine;
-    std::vector<std::string> jobs;  ///< that are done in this process
+    std::vector<std::string> jobs;  ///< that are done by this process
+    std::function<int(const std::vector<std::string>&)> program;
     CollectionOptions collection;
     bool dryRun = false;
     bool planOnly = false;
@@ -157,8 +160,7 @@ public:
             return;
         }
         if (m_options.again) forget(open);
-        if (!open.empty()) runEngine(units, open.size());
-        states = statesOf(jobs, m_folder, VRK::kVersion);
+        if (!open.empty()) states = runAll(jobs, units, open.size());
         collectAndPrint(states);
         finish(states);
     }
@@ -180,12 +182,20 @@ private:
     }
 
     void doJobs() {
-        const JobContext context = {m_folder, thisProgram(), VRK::kVersion, optionKinds()};
+        const JobContext context = {m_folder, m_options.program, VRK::kVersion, optionKinds()};
         std::string failed;
-        for (const std::string& name : m_options.jobs) {
-            const JobRecord record = runJob(name, context, m_host.session());
-            if (!record.hasResult()) failed += (failed.empty() ? "" : "\n") + name + ": " + record.cause;
-        }
+        const auto tell = [&](const std::string& name, const std::string& cause) {
+            failed += (failed.empty() ? "" : "\n") + name + ": " + cause;
+        };
+        for (const std::string& name : m_options.jobs)
+            try {
+                const JobRecord record = runJob(name, context, m_host.session());
+                if (!record.hasResult()) tell(name, record.cause);
+            } catch (const Failure& failure) {
+                // The others have nothing to do with it.
+                if (failure.kind() != FailureKind::Failed) throw;
+                tell(name, failure.what());
+            }
         if (!failed.empty()) throw Failure(failed);
     }
 
@@ -196,22 +206,48 @@ private:
             fs::remove(m_folder.record(state.job.name), ignored);
     }
 
+    /// Runs the open jobs, and then those that were not begun because they stood in a row behind one that was
+    /// killed.
+    std::vector<JobState> runAll(const std::vector<BatchJob>& jobs, std::vector<WorkUnit> units,
+                                 std::size_t count) {
+        std::error_code ignored;
+        fs::remove(m_folder.diary(), ignored);
+        while (true) {
+            runEngine(units, count);
+            std::vector<JobState> states = statesOf(jobs, m_folder, VRK::kVersion);
+            std::vector<JobState> left;
+            std::copy_if(states.begin(), states.end(), std::back_inserter(left),
+                         [](const JobState& state) { return state.record.outcome == JobOutcome::Open; });
+            if (left.empty() || left.size() >= count) return states;
+            count = left.size();
+            units = unitsOf(left, m_options.engine);
+            writeWorkflow(units, m_options.engine, m_folder);
+        }
+    }
+
     void runEngine(const std::vector<WorkUnit>& units, std::size_t jobs) {
         if (!isInPath("snakemake")) throw Failure(missingEngine(m_options.engine, m_folder));
         if (m_options.engine.slurm && !isInPath("sbatch"))
             throw Failure("sbatch is not in the PATH; start the batch where Slurm takes jobs");
         std::error_code ignored;
-        fs::remove(m_folder.diary(), ignored);
+        std::uintmax_t before = fs::file_size(m_folder.diary(), ignored);
+        if (ignored) before = 0;
         std::ifstream diary;
         std::size_t ended = 0;
-        m_host.session().beginPart(1, 1, "run " + std::to_string(jobs) + " jobs");
-        const ChildCommand command = {engineCommand(units, m_options.engine), m_folder.path(), true,
-                                      m_folder.workflow() / "engine.log"};
+        m_host.session().beginPart(1, 1, "run " + std::to_string(jobs) + (jobs == 1 ? " job" : " jobs"));
+        ChildCommand command;
+        command.words = engineCommand(units, m_options.engine);
+        command.folder = m_folder.path();
+        command.hasOwnGroup = true;
+        command.log = m_folder.workflow() / "engine.log";
         fs::remove(command.log, ignored);
         const ChildEnd end = runChild(
             command, [this] { return m_host.session().canceled(); },
             [&] {
-                if (!diary.is_open()) diary.open(m_folder.diary());
+                if (!diary.is_open()) {
+                    diary.open(m_folder.diary());
+                    diary.seekg(static_cast<std::streamoff>(before));
+                }
                 diary.clear();
                 for (std::string line; std::getline(diary, line);)
                     ++ended;
@@ -284,8 +320,10 @@ void runBatch(Options options, Host& host) {
 
 }  // namespace
 
-void addBatchCommand(CommandLine& line, Host& host) {
+void addBatchCommand(CommandLine& line, Host& host,
+                     const std::function<int(const std::vector<std::string>&)>& program) {
     auto options = std::make_shared<Options>();
+    options->program = program;
     Command command = line.command("batch", "Run many series, here or on a cluster, and show what they gave");
     command
         .option(

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -6,6 +7,8 @@
 #include "commands/Commands.h"
 #include "console/MergeReport.h"
 #include "pictures/MergePlots.h"
+#include "pipeline/base/Failure.h"
+#include "pipeline/base/NumberList.h"
 #include "pipeline/base/ResultFolder.h"
 #include "pipeline/formats/ReflectionFormats.h"
 #include "pipeline/merging/CrystalMerge.h"
@@ -44,6 +47,8 @@ void mergeResults(const Options& options, const std::string& given, const std::s
     host.session().checkCanceled();
     const std::string json = mergeJson(merge, commandText, host.warnings());
     writeMergeSummary(json, commandText, results.written(), results.path());
+    // What is told from here on is in no checksum.
+    host.closeLog();
     results.commit();
     if (options.json)
         host.out() << json << '\n';
@@ -74,8 +79,22 @@ void addMergeCommand(CommandLine& line, Host& host) {
         .positive();
     command
         .option("--reference", options->merge.reference,
-                "Result whose indices are taken over, where a crystal could be indexed in several ways")
-        .typeName("FOLDER");
+                "Data set whose indices are taken over, where a crystal could be indexed in several ways: "
+                "folder of 'vrk run' or 'vrk merge', or HKL file, whose cell stands in the .ins or .res file "
+                "of the same name")
+        .typeName("FOLDER|FILE.hkl");
+    command
+        .parsedOption(
+            "--reference-cell",
+            [options](const std::string& text) {
+                const std::vector<double> numbers = numbersOf(text, ',', "--reference-cell");
+                if (numbers.size() != 6)
+                    throw Failure("--reference-cell takes six numbers, a,b,c,alpha,beta,gamma, not " + text,
+                                  FailureKind::Usage);
+                std::copy(numbers.begin(), numbers.end(), options->merge.referenceCell.emplace().begin());
+            },
+            "Cell of the reference, where it is an HKL file without such a file beside it")
+        .typeName("A,B,C,ALPHA,BETA,GAMMA");
     command.option("--formula", options->text.formula,
                    "Formula unit for crystal.ins, as \"Ca3 Al2 Si3 O12\"");
     command.flag("!--no-pictures", options->pictures, "Draw no plots");

@@ -55,9 +55,9 @@ void verify(const Options& options, Host& host) {
     host.out().flush();
     if (!check.changed.empty() || !check.missing.empty() || !check.disagreements.empty())
         throw Failure(options.folder.string() +
-                      " is not as a run left it: " + std::to_string(check.changed.size()) +
+                      " is not as it was written: " + std::to_string(check.changed.size()) +
                       " files changed, " + std::to_string(check.missing.size()) + " missing, " +
-                      std::to_string(check.disagreements.size()) + " disagreements; run the series again");
+                      std::to_string(check.disagreements.size()) + " disagreements; make it again");
     if (!check.isWhole())
         throw Failure(options.input.string() + " is not the series that " + options.folder.string() +
                       " was made of; run it");
@@ -68,7 +68,9 @@ void verify(const Options& options, Host& host) {
 void addVerifyCommand(CommandLine& line, Host& host) {
     auto options = std::make_shared<Options>();
     Command command = line.command("verify", "Check that a result is whole and consistent");
-    command.option("RESULT", options->folder, "Folder that 'vrk run' wrote").required().typeName("FOLDER");
+    command.option("RESULT", options->folder, "Folder that 'vrk run' or 'vrk merge' wrote")
+        .required()
+        .typeName("FOLDER");
     command
         .option("--input", options->input, "Check too that the result is of this series, whatever its name")
         .typeName("SERIES.mrc");

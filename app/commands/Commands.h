@@ -3,6 +3,10 @@
 /// has been read, reports to the Host and throws Failure when it cannot go on.
 #pragma once
 
+#include <functional>
+#include <string>
+#include <vector>
+
 #include "console/CommandLine.h"
 #include "console/Host.h"
 
@@ -10,7 +14,9 @@ namespace vrk::app {
 
 void addRunCommand(CommandLine& line, Host& host);
 void addImportCommand(CommandLine& line, Host& host);
-void addBatchCommand(CommandLine& line, Host& host);
+/// \param program  the whole of vrk: takes arguments and returns the exit code
+void addBatchCommand(CommandLine& line, Host& host,
+                     const std::function<int(const std::vector<std::string>&)>& program);
 void addInfoCommand(CommandLine& line, Host& host);
 void addPreprocessCommand(CommandLine& line, Host& host);
 void addTiltAxisCommand(CommandLine& line, Host& host);

@@ -53,7 +53,8 @@ private:
     std::vector<std::string> m_errors;
 };
 
-/// Exists once, from the first line of main() to the last.
+/// Exists once in a process, from the first line of main() to the last; a job of a batch has one of its own,
+/// in a copy of the process.
 ///
 /// Library classes narrate on the standard output. The host keeps that stream for its results: it moves
 /// the real standard output aside at once and lets everything else that is written there, up to the last

@@ -12,6 +12,12 @@ namespace {
 
 constexpr std::size_t kMostCrystals = 40;
 
+/// Rounded to so many decimals, without the sign of a zero.
+double plain(double value, int decimals) {
+    const double factor = std::pow(10.0, decimals);
+    return std::round(value * factor) / factor + 0.0;
+}
+
 void printShells(std::ostream& out, const MergingStatistics& statistics) {
     out << "\nresolution (A)  observations  unique  complete  redundancy  I/sigma  R_int  R_meas  CC1/2\n";
     const auto print = [&](const ShellStatistics& shell) {
@@ -38,9 +44,9 @@ void printCrystals(std::ostream& out, const CrystalMerge& merge) {
         if (printed > kMostCrystals + 1) out << "...\n";
         const MergedCrystal& one = merge.crystals[step.crystal];
         out << formatted("%-*s  %12d  %5.2f  %5.2f  %11.3f  ", column, one.name.c_str(), one.observations,
-                         std::exp(one.scale.k), one.scale.b, one.indexing.correlation)
-            << (one.indexing.ways > 1 ? formatted("%9.3f", one.indexing.runnerUp) : "        -")
-            << formatted("  %6.3f  %6.1f %%\n", one.deltaCcHalf, 100 * step.completeness);
+                         std::exp(one.scale.k), plain(one.scale.b, 2), plain(one.indexing.correlation, 3))
+            << (one.indexing.ways > 1 ? formatted("%9.3f", plain(one.indexing.runnerUp, 3)) : "        -")
+            << formatted("  %6.3f  %6.1f %%\n", plain(one.deltaCcHalf, 3), 100 * step.completeness);
     }
     for (const MergedCrystal& one : merge.crystals)
         if (!one.reason.empty())

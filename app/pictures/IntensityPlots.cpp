@@ -45,20 +45,21 @@ void addShells(GnuplotScript& plot, const MergingStatistics& statistics) {
     plot.addCommand(title("Completeness and redundancy"));
     plot.addCommand(labels(resolution, "completeness (%)"));
     plot.addCommand(
-        "set yrange [0:105]; set y2range [0:*]; set y2tics; set ytics nomirror; set y2label 'redundancy'");
+        "set yrange [0:105]; set y2range [0:*]; set y2tics; set ytics nomirror; set y2label 'redundancy'; "
+        "set key bottom right");
     plot.addCommand("plot " + curve(data, "1:2", kFirstColour, "completeness") + ", " +
                     curve(data, "1:3 axes x1y2", kSecondColour, "redundancy"));
-    plot.addCommand("unset y2tics; unset y2label; set ytics mirror; set yrange [0:*]");
+    plot.addCommand("unset y2tics; unset y2label; set ytics mirror; set yrange [0:*]; set key top right");
     plot.addCommand(title("Mean I/sigma"));
     plot.addCommand(labels(resolution, "I/sigma"));
     plot.addCommand("plot " + curve(data, "1:4", kFirstColour, "I/sigma") + ", 1 lc rgb 'grey' notitle");
     plot.addCommand(title("Agreement of equivalents"));
     plot.addCommand(labels(resolution, ""));
-    plot.addCommand("set yrange [0:1.05]");
+    plot.addCommand("set yrange [0:1.05]; set key center right");
     plot.addCommand("plot " + curve(data, "1:7", kFirstColour, "CC1/2") + ", " +
                     curve(data, "1:5", kSecondColour, "R int") + ", " +
                     curve(data, "1:6", "'#009E73'", "R meas"));
-    plot.addCommand("set yrange [*:*]");
+    plot.addCommand("set yrange [*:*]; set key top right");
 }
 
 void addWilson(GnuplotScript& plot, const WilsonPlot& wilson) {

@@ -4,11 +4,14 @@
 #include <cmath>
 #include <fstream>
 #include <functional>
+#include <initializer_list>
 #include <iterator>
 #include <limits>
+#include <map>
 #include <queue>
 #include <string_view>
 
+#include "pipeline/base/Median.h"
 #include "pipeline/base/NumberText.h"
 
 namespace vrk {
@@ -23,20 +26,22 @@ constexpr std::string_view kStyle = R"css(
   --panel: #1c2229; --link: #7ab8f5; --high: #2cc295; --fair: #e6b422; --low: #ff8a4c; color-scheme: dark; } }
 * { box-sizing: border-box; }
 body { margin: 0; background: var(--paper); color: var(--ink); font: 16px/1.5 system-ui, "Segoe UI", "DejaVu Sans", sans-serif; }
-main { max-width: 1500px; margin: 0 auto; padding: 0 20px 60px; }
+main { max-width: 1600px; margin: 0 auto; padding: 0 20px 60px; }
 h1 { font-size: 1.35rem; } h2 { font-size: 1.2rem; margin: 1.6rem 0 .5rem; } h3 { font-size: 1rem; margin: .6rem 0 0; }
 a { color: var(--link); text-decoration: none; } a:hover { text-decoration: underline; }
 .faint { color: var(--faint); } p { margin: .4rem 0; }
 .numbers { display: flex; flex-wrap: wrap; gap: .4rem 2rem; } .numbers b { font-size: 1.4rem; }
 .scroll { overflow: auto; max-height: 80vh; border: 1px solid var(--line); border-radius: 8px; }
-table { border-collapse: collapse; width: 100%; font-variant-numeric: tabular-nums; font-size: .92rem; }
-th { text-align: left; background: var(--panel); position: sticky; top: 0; cursor: pointer; }
-th, td { padding: .2rem .6rem; border-bottom: 1px solid var(--line); white-space: nowrap; }
+table { border-collapse: collapse; width: 100%; font-variant-numeric: tabular-nums; font-size: .85rem; }
+th { text-align: left; vertical-align: bottom; line-height: 1.2; background: var(--panel); position: sticky; top: 0; }
+#crystals th { cursor: pointer; }
+th, td { padding: .2rem .35rem; border-bottom: 1px solid var(--line); } td { white-space: nowrap; }
 td.wide { white-space: normal; min-width: 20rem; overflow-wrap: anywhere; } .number { text-align: right; }
-td img { display: block; width: 48px; height: 48px; }
+td img { display: block; width: 40px; height: 40px; }
 .light { display: inline-block; width: .8rem; height: .8rem; border-radius: 50%; margin-right: .4rem; background: var(--none); }
 .light.high { background: var(--high); } .light.fair { background: var(--fair); } .light.low { background: var(--low); }
 .plots { display: grid; grid-template-columns: repeat(auto-fit, minmax(min(100%, 30rem), 1fr)); gap: 1rem; }
+figure { margin: 0; max-width: 48rem; }
 svg { width: 100%; max-width: 1100px; height: auto; background: var(--panel); border-radius: 8px; font-size: 12px; }
 svg text { fill: var(--ink); } svg .line { stroke: var(--ink); fill: none; } svg .rule { stroke: var(--line); }
 svg .cut { stroke: var(--low); stroke-dasharray: 4 3; } svg .mean { stroke: var(--high); } svg .bar { stroke: var(--faint); }
@@ -164,6 +169,11 @@ private:
         m_text += "</p>\n";
     }
 
+    void heads(std::initializer_list<const char*> names, bool isNumber) {
+        for (const char* name : names)
+            m_text += std::string("<th") + (isNumber ? " class=\"number\">" : ">") + name + "</th>";
+    }
+
     void cell(const std::string& value, const char* kind = "number", const std::string& key = "") {
         m_text += std::string("<td class=\"") + kind + '"';
         if (!key.empty()) m_text += " data-key=\"" + key + '"';
@@ -182,27 +192,14 @@ private:
             "a "
             "row\"> <span class=\"faint\">A click on a head sorts. All of it is in crystals.csv and "
             "crystals.json.</span></p>\n<div class=\"scroll\"><table id=\"crystals\"><thead><tr>";
-        for (const char* name : {"",
-                                 "crystal",
-                                 "confidence",
-                                 "type",
-                                 "a",
-                                 "b",
-                                 "c",
-                                 "α",
-                                 "β",
-                                 "γ",
-                                 "volume Å³",
-                                 "indexed %",
-                                 "resolution Å",
-                                 "complete %",
-                                 "I/σ",
-                                 "R_meas %",
-                                 "space group",
-                                 "axis °",
-                                 "cluster",
-                                 "time s"})
-            m_text += std::string("<th>") + name + "</th>";
+        heads({"", "crystal", "confidence", "type"}, false);
+        heads({"a Å", "b Å", "c Å", "α °", "β °", "γ °", "volume Å³", "indexed %", "resolution Å",
+               "complete %", "I/σ", "R_meas %"},
+              true);
+        heads({"space group"}, false);
+        heads({"axis °"}, true);
+        heads({"cluster"}, false);
+        heads({"time s"}, true);
         m_text += "</tr></thead><tbody>\n";
         for (const CrystalRow& row : m_rows) {
             m_text += "<tr>";
@@ -252,9 +249,9 @@ private:
     void troubles() {
         const auto isTrouble = [](const CrystalRow& row) { return !row.facts && !row.record.cause.empty(); };
         if (std::none_of(m_rows.begin(), m_rows.end(), isTrouble)) return;
-        m_text +=
-            "<h2>Series without a cell</h2>\n<div class=\"scroll\"><table><thead><tr><th>series</th>"
-            "<th>outcome</th><th>cause</th></tr></thead><tbody>\n";
+        m_text += "<h2>Series without a cell</h2>\n<div class=\"scroll\"><table><thead><tr>";
+        heads({"series", "outcome", "cause"}, false);
+        m_text += "</tr></thead><tbody>\n";
         for (const CrystalRow& row : m_rows) {
             if (!isTrouble(row)) continue;
             m_text += "<tr>";
@@ -288,8 +285,11 @@ private:
             formatted("%.1f %%", 100.0 * m_collection.cut) +
             " (--cut), average linkage; compared among the images of the reduced lattice in S6 (Andrews, "
             "Bernstein and Sauter 2019). The middle is the crystal nearest to all others.</p>\n"
-            "<div class=\"scroll\"><table><thead><tr><th>cluster</th><th>crystals</th><th>middle</th>"
-            "<th>type</th><th>cell</th><th>spread %</th></tr></thead><tbody>\n";
+            "<div class=\"scroll\"><table><thead><tr>";
+        heads({"cluster", "crystals"}, true);
+        heads({"middle", "type", "cell"}, false);
+        heads({"spread %"}, true);
+        m_text += "</tr></thead><tbody>\n";
         constexpr std::size_t kMostClusters = 200;
         for (std::size_t i = 0; i < std::min(clusters.size(), kMostClusters); ++i) {
             const CrystalRow& middle = *clustered()[clusters[i].middle];
@@ -299,7 +299,7 @@ private:
             cell(escaped(middle.name), "");
             cell(escaped(middle.facts->bravais), "");
             cell(cellText(*middle.facts), "");
-            cell(formatted("%.2f", 100.0 * clusters[i].spread));
+            cell(clusters[i].crystals.size() > 1 ? formatted("%.2f", 100.0 * clusters[i].spread) : "");
             m_text += "</tr>\n";
         }
         m_text += "</tbody></table></div>\n";
@@ -448,17 +448,38 @@ private:
         return Value{0.0, std::hypot(c->value, s->value), std::max(c->sigma, s->sigma), false};
     }
 
+    static std::string nameOfTerm(const std::string& key) {
+        static const std::map<std::string, const char*> kNames = {
+            {"axis_angle_deg", "tilt axis, degrees"},
+            {"ellipse", "ellipse, lengths along it too long by"},
+            {"ellipse_azimuth_deg", "ellipse, degrees from x towards y"},
+            {"radial", "radial displacement at half the width"},
+            {"tilt_scale", "true over stated tilts"},
+            {"axis_tilt_deg", "tilt axis out of the frame's plane, degrees"}};
+        const auto name = kNames.find(key);
+        return name == kNames.end() ? key : name->second;
+    }
+
+    /// With a digit more than the uncertainty of the mean has: less says nothing.
+    static std::string spreadText(double spread, double sigma) {
+        const bool isKnown = sigma > 0.0 && std::isfinite(sigma);
+        const int digits =
+            isKnown ? std::clamp(1 - static_cast<int>(std::floor(std::log10(sigma))), 1, 8) : 4;
+        return formatted("%.*f", digits, spread);
+    }
+
     void common(const CombinedCalibration& combination) {
-        m_text +=
-            "<div class=\"scroll\"><table><thead><tr><th>in common</th><th>value</th><th>spread of the "
-            "series</th><th>series</th></tr></thead><tbody>\n";
+        m_text += "<div class=\"scroll\"><table><thead><tr>";
+        heads({"in common"}, false);
+        heads({"value", "spread of the series", "series"}, true);
+        m_text += "</tr></thead><tbody>\n";
         for (const auto& [key, value] : valuesOf(combination.calibration)) {
             const auto scatter = std::find_if(combination.scatters.begin(), combination.scatters.end(),
                                               [&key = key](const auto& one) { return one.key == key; });
             m_text += "<tr>";
-            cell(key, "");
+            cell(nameOfTerm(key), "");
             cell(withUncertainty(value.value, value.sigma));
-            cell(scatter == combination.scatters.end() ? "" : formatted("%.3g", scatter->scatter));
+            cell(scatter == combination.scatters.end() ? "" : spreadText(scatter->scatter, value.sigma));
             cell(scatter == combination.scatters.end() ? "" : std::to_string(scatter->series));
             m_text += "</tr>\n";
         }
@@ -499,15 +520,29 @@ private:
         drawPlot(values, mean, title);
     }
 
+    /// In which so many hours are told: what it has of an hour, and its name.
+    static std::pair<double, const char*> unitOf(double hours) {
+        if (hours > 72.0) return {24.0, "days"};
+        if (hours > 2.0) return {1.0, "h"};
+        if (hours > 2.0 / 60.0) return {1.0 / 60.0, "min"};
+        return {1.0 / 3600.0, "s"};
+    }
+
     void drawPlot(const std::vector<Value>& values, std::optional<double> mean, const char* title) {
         double first = std::numeric_limits<double>::infinity(), last = -first, low = first, high = -first;
+        std::vector<double> sigmas;
+        for (const Value& value : values)
+            sigmas.push_back(value.sigma);
+        // One value that is hardly known does not hide what the others show.
+        const double longest = 3.0 * medianOf(std::move(sigmas));
         for (const Value& value : values) {
             first = std::min(first, value.when);
             last = std::max(last, value.when);
             if (value.isElsewhere) continue;
-            low = std::min(low, value.value - value.sigma);
-            high = std::max(high, value.value + value.sigma);
+            low = std::min(low, value.value - std::min(value.sigma, longest));
+            high = std::max(high, value.value + std::min(value.sigma, longest));
         }
+        const auto [unit, unitName] = unitOf(last - first);
         const double margin = std::max(0.1 * (high - low), 1e-3);
         low -= margin;
         high += margin;
@@ -519,7 +554,7 @@ private:
         const auto y = [&](double value) {
             return std::clamp(kDown - (kDown - kUp) * (value - low) / (high - low), kUp, kDown);
         };
-        m_text += std::string("<figure style=\"margin:0\"><h3>") + title +
+        m_text += std::string("<figure><h3>") + title +
                   "</h3><svg viewBox=\"0 0 600 260\" role=\"img\" aria-label=\"" + title + "\">\n";
         for (const double part : {0.0, 0.5, 1.0}) {
             const double value = low + part * (high - low);
@@ -528,8 +563,8 @@ private:
                 "x=\"%.0f\" y=\"%.1f\" text-anchor=\"end\">%.4g</text>\n",
                 kLeft, kRight, y(value), y(value), kLeft - 6.0, y(value) + 4.0, value);
             if (part == 0.0 || last > first)
-                m_text += formatted("<text x=\"%.1f\" y=\"252\" text-anchor=\"middle\">%.2f h</text>\n",
-                                    x(first + part * (last - first)), part * (last - first));
+                m_text += formatted("<text x=\"%.1f\" y=\"252\" text-anchor=\"middle\">%.3g %s</text>\n",
+                                    x(first + part * (last - first)), part * (last - first) / unit, unitName);
         }
         if (mean)
             m_text += formatted("<line class=\"mean\" x1=\"%.0f\" x2=\"%.0f\" y1=\"%.1f\" y2=\"%.1f\"/>\n",

@@ -379,7 +379,8 @@ std::vector<JobState> statesOf(const std::vector<BatchJob>& jobs, const BatchFol
                 state.record.stamp = stamp;
                 writeRecord(state.record, folder.record(job.name));
             }
-        } catch (const Failure&) {  // the input is gone: the job itself says so
+        } catch (const Failure&) {  // the input is gone, which a job that was tried has said already
+            isOfJob = state.record.outcome == JobOutcome::Failed && state.record.settings == settings;
         }
         if (isOfJob && state.record.outcome == JobOutcome::Done)
             isOfJob = fs::exists(folder.result(job.name) / "summary.json");

@@ -10,6 +10,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <sstream>
 
@@ -20,7 +21,7 @@ constexpr int kNotStarted = 127;
 constexpr int kWait = 50;  ///< ms
 constexpr std::size_t kLastWords = 8192;
 
-/// Between fork and exec, in the child.
+/// In the child.
 [[noreturn]] void become(const ChildCommand& command, const std::vector<char*>& words, int output,
                          pid_t parent) {
     prctl(PR_SET_PDEATHSIG, SIGTERM);
@@ -32,7 +33,9 @@ constexpr std::size_t kLastWords = 8192;
     dup2(nothing, STDIN_FILENO);
     dup2(command.log.empty() ? nothing : output, STDOUT_FILENO);
     dup2(output, STDERR_FILENO);
-    if (chdir(command.folder.c_str()) == 0) execvp(words.front(), words.data());
+    if (chdir(command.folder.c_str()) != 0) _exit(kNotStarted);
+    if (command.work) std::exit(command.work());
+    execvp(words.front(), words.data());
     _exit(kNotStarted);
 }
 
@@ -68,8 +71,13 @@ ChildEnd runChild(const ChildCommand& command, const std::function<bool()>& canc
         words.push_back(const_cast<char*>(word.c_str()));
     words.push_back(nullptr);
     const pid_t self = getpid();
+    // What waits in a stream would be written by both.
+    std::fflush(nullptr);
     const pid_t child = fork();
-    if (child == 0) become(command, words, ends[1], self);
+    if (child == 0) {
+        close(ends[0]);
+        become(command, words, ends[1], self);
+    }
     close(ends[1]);
     ChildEnd result;
     int status = 0;

@@ -1,5 +1,5 @@
 /// \file
-/// A program that runs and is waited for.
+/// A process that is waited for.
 #pragma once
 
 #include <filesystem>
@@ -10,11 +10,14 @@
 namespace vrk {
 
 struct ChildCommand {
-    std::vector<std::string>
-        words;  ///< the program, looked for in PATH, and its arguments; no shell sees them
+    /// The program, looked for in PATH, and its arguments; no shell sees them.
+    std::vector<std::string> words;
     std::filesystem::path folder = ".";  ///< in which it runs
     bool hasOwnGroup = false;            ///< what it starts is asked to stop with it
     std::filesystem::path log;           ///< receives what it writes; empty: nobody does
+    /// Done instead of a program, in a copy of this process, which is loaded already; returns the exit code.
+    /// This process must have one thread only.
+    std::function<int()> work;
 };
 
 struct ChildEnd {
@@ -22,7 +25,7 @@ struct ChildEnd {
     std::string lastWords;  ///< the end of its standard error stream, where it goes to no log
 };
 
-/// Starts a program and waits for it. It is asked to stop (SIGTERM) when \p canceled says so, and when this
+/// Starts a process and waits for it. It is asked to stop (SIGTERM) when \p canceled says so, and when this
 /// process dies.
 /// \param idle  called every twentieth of a second or so
 ChildEnd runChild(const ChildCommand& command, const std::function<bool()>& canceled,

@@ -112,13 +112,13 @@ std::string timeText(std::int64_t nanoseconds) {
 
 using Field = std::pair<const char*, Json>;
 
-Json orNull(const std::optional<double>& value) {
-    return value && std::isfinite(*value) ? Json(*value) : Json();
-}
-
 /// Rounded to what a table shows, so that it is read again as it was written.
 Json rounded(double value, const char* format) {
     return std::isfinite(value) ? Json(std::strtod(formatted(format, value).c_str(), nullptr)) : Json();
+}
+
+Json roundedOrNull(const std::optional<double>& value, const char* format) {
+    return value ? rounded(*value, format) : Json();
 }
 
 void addFacts(std::vector<Field>& fields, const std::optional<CrystalFacts>& found) {
@@ -141,10 +141,10 @@ void addFacts(std::vector<Field>& fields, const std::optional<CrystalFacts>& fou
     add("axis_deg", rounded(facts.axis, "%.3f"));
     add("axis_esd_deg", facts.axisSigma > 0.0 ? rounded(facts.axisSigma, "%.3f") : Json());
     add("handedness", facts.handedness);
-    add("d_min", orNull(facts.dMin));
-    add("i_over_sigma", orNull(facts.iOverSigma));
-    add("r_meas", orNull(facts.rMeas));
-    add("cc_half", orNull(facts.ccHalf));
+    add("d_min", roundedOrNull(facts.dMin, "%.3f"));
+    add("i_over_sigma", roundedOrNull(facts.iOverSigma, "%.2f"));
+    add("r_meas", roundedOrNull(facts.rMeas, "%.4f"));
+    add("cc_half", roundedOrNull(facts.ccHalf, "%.4f"));
     add("space_group", facts.spaceGroup);
 }
 

@@ -53,6 +53,11 @@ std::string causeOf(const std::string& what, const ChildEnd& end) {
     return what + " ended with code " + std::to_string(end.exitCode);
 }
 
+std::vector<std::string> joined(std::vector<std::string> words, const std::vector<std::string>& more) {
+    words.insert(words.end(), more.begin(), more.end());
+    return words;
+}
+
 /// One line, written at once, so that those of several jobs do not mix.
 void writeDiary(const BatchFolder& folder, const std::string& name, const JobRecord& record) {
     std::string line = name + '\t' + nameOf(record.outcome) + formatted("\t%.1f s", record.seconds);
@@ -84,8 +89,6 @@ public:
                                                          : JobOutcome::Failed;
         if (record.outcome != JobOutcome::Done) record.cause = causeOf(m_step, end);
         if (end.exitCode != kKilled) record.unended = 0;
-        if (record.outcome == JobOutcome::Done)
-            writeThumbnail(m_context.folder.result(m_job.name), m_context.folder.thumbnail(m_job.name));
     }
 
 private:
@@ -95,19 +98,26 @@ private:
             makeFolder(m_scratch);
             series = m_scratch / "series.mrc";
             m_step = "vrk import";
-            const ChildEnd end =
-                start("import", m_job.series.input, series, importWords(m_job, m_context.kinds));
+            const ChildEnd end = inProcess([&] {
+                return m_context.program(
+                    joined({"import", m_job.series.input.string(), "-o", series.string()},
+                           importWords(m_job, m_context.kinds)));
+            });
             if (end.exitCode != 0) return end;
         }
         m_step = "vrk run";
-        return start("run", series, m_context.folder.result(m_job.name), runWords(m_job, m_context.kinds));
+        const fs::path result = m_context.folder.result(m_job.name);
+        return inProcess([&] {
+            const int code = m_context.program(
+                joined({"run", series.string(), "-o", result.string()}, runWords(m_job, m_context.kinds)));
+            if (code == 0) writeThumbnail(result, m_context.folder.thumbnail(m_job.name));
+            return code;
+        });
     }
 
-    ChildEnd start(const char* command, const fs::path& from, const fs::path& to,
-                   const std::vector<std::string>& options) const {
+    ChildEnd inProcess(const std::function<int()>& work) const {
         ChildCommand child;
-        child.words = {m_context.program.string(), command, from.string(), "-o", to.string()};
-        child.words.insert(child.words.end(), options.begin(), options.end());
+        child.work = work;
         return runChild(child, [this] { return m_session.canceled(); });
     }
 

@@ -20,7 +20,7 @@ void writeThumbnail(const std::filesystem::path& result, const std::filesystem::
             cv::resize(picture(middle), small, {kEdge, kEdge}, 0, 0, cv::INTER_AREA);
             cv::imwrite(thumbnail.string(), small, {cv::IMWRITE_JPEG_QUALITY, kQuality});
             return;
-        } catch (const cv::Exception&) {  // no picture, no ornament
+        } catch (const std::exception&) {  // no picture, no ornament
             continue;
         }
 }

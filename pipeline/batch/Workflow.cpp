@@ -23,6 +23,11 @@ namespace fs = std::filesystem;
 using Json = nlohmann::ordered_json;
 
 constexpr std::size_t kMostUnits = 2000;
+/// Jobs in a row cost the engine and the start of the program once; when one is killed the rest of them waits
+/// for the next call.
+constexpr std::size_t kMostInRow = 4;
+/// So many units are left for each worker when they begin to have one job only, so that all end together.
+constexpr std::size_t kLastRounds = 8;
 
 /// Everything that differs between batches is in settings.json; the shell gets it quoted.
 constexpr std::string_view kHead =
@@ -126,11 +131,17 @@ int memoryOf(const EngineSettings& settings) {
     return settings.memory > 0 ? settings.memory : machineMemory();
 }
 
-std::vector<WorkUnit> localUnits(const std::vector<JobState>& open) {
-    const std::size_t size = (open.size() + kMostUnits - 1) / kMostUnits;
+std::vector<WorkUnit> localUnits(const std::vector<JobState>& open, std::size_t workers) {
+    const std::size_t least = (open.size() + kMostUnits - 1) / kMostUnits;
     std::vector<WorkUnit> units;
+    std::size_t room = 0;
     for (std::size_t i = 0; i < open.size(); ++i) {
-        if (i % size == 0) units.emplace_back();
+        if (room == 0) {
+            units.emplace_back();
+            room = std::max(
+                {least, std::min(kMostInRow, (open.size() - i) / (kLastRounds * workers)), std::size_t{1}});
+        }
+        --room;
         WorkUnit& unit = units.back();
         unit.jobs.push_back(open[i].job.name);
         unit.needs.memory = std::max(unit.needs.memory, open[i].needs.memory);
@@ -185,7 +196,8 @@ std::vector<WorkUnit> unitsOf(const std::vector<JobState>& open, const EngineSet
         const auto rank = [](const JobNeeds& n) { return std::array{n.minutes, n.memory, n.cores}; };
         return rank(a.needs) > rank(b.needs);
     });
-    return settings.slurm ? arrays(sorted, settings.arraySize) : localUnits(sorted);
+    return settings.slurm ? arrays(sorted, settings.arraySize)
+                          : localUnits(sorted, static_cast<std::size_t>(coresOf(settings)));
 }
 
 void writeWorkflow(const std::vector<WorkUnit>& units, const EngineSettings& settings,
@@ -249,7 +261,7 @@ std::string missingEngine(const EngineSettings& settings, const BatchFolder& fol
         "install snakemake==7.21.0' gets it";
     if (settings.slurm) return text + "; --plan-only leaves " + lines + ", a line a job, for other programs";
     return text + ". Without it, " + lines + " has a line a job: 'cd " + folder.path().string() +
-           " && xargs -P " + std::to_string(coresOf(settings)) + " -I {} sh -c {} < jobs.txt'";
+           " && xargs -d \"\\n\" -P " + std::to_string(coresOf(settings)) + " -I {} sh -c {} < jobs.txt'";
 }
 
 }  // namespace vrk

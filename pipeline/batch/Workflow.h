@@ -21,14 +21,15 @@ struct EngineSettings {
     int arraySize = 1000;   ///< jobs of a Slurm array
 };
 
-/// Jobs that the engine sees as one: a job alone, with many jobs several, with Slurm an array.
+/// Jobs that the engine sees as one: a few in a row, with Slurm an array.
 struct WorkUnit {
     JobNeeds needs;
     std::vector<std::string> jobs;
 };
 
-/// Locally a unit is one job up to two thousand jobs, beyond that there are two thousand units; with Slurm
-/// jobs with the same needs make arrays. Those that may take longest come first in the list.
+/// Locally a unit has up to four jobs, and one as the end comes near, so that all workers end together; of
+/// more than eight thousand jobs there are two thousand units. With Slurm jobs with the same needs make
+/// arrays. Those that may take longest come first in the list.
 std::vector<WorkUnit> unitsOf(const std::vector<JobState>& open, const EngineSettings& settings);
 
 /// Writes jobs.txt and the folder "workflow": a Snakemake workflow over the jobs, which holds no name but

@@ -17,6 +17,7 @@
 #include "pipeline/integration/Equivalents.h"
 #include "pipeline/integration/SeriesGeometry.h"
 #include "pipeline/merging/CrystalAgreement.h"
+#include "pipeline/merging/ReferenceCrystal.h"
 
 namespace vrk {
 namespace {
@@ -228,18 +229,16 @@ void Merger::chooseMiddle() {
 
 void Merger::takeReference() {
     if (!m_options.reference.empty()) {
-        const std::vector<CrystalData> reference = readCrystals(m_options.reference);
-        if (reference.empty())
-            throw Failure(m_options.reference.string() + " holds no intensities measured on the frames",
+        const CrystalData& middle = m_data[m_result.middle];
+        CrystalData reference = readReferenceCrystal(m_options.reference, m_options.referenceCell, middle);
+        const ReducedCell cell(reference.cell);
+        if (cell.matches(ReducedCell(middle.cell), m_options.cellTolerance).empty())
+            throw Failure("the cell of the reference, " + cellText(reference.cell.cell) +
+                              ", is not that of the crystals, " + cellText(middle.cell.cell),
                           FailureKind::Usage);
-        m_data.push_back(reference.front());
-        const ReducedCell cell(reference.front().cell);
-        if (cell.matches(ReducedCell(m_data[m_result.middle].cell), m_options.cellTolerance).empty())
-            throw Failure("the cell of the reference, " + cellText(reference.front().cell.cell) +
-                              ", is not that of the crystals, " + cellText(m_data[m_result.middle].cell.cell),
-                          FailureKind::Usage);
+        m_result.bravais = reference.bravais;
+        m_data.push_back(std::move(reference));
         m_first = m_count;
-        m_result.bravais = reference.front().bravais;
     }
     m_common = m_data[m_first].cell;
     m_reciprocal = reciprocalOf(m_common.cell);
@@ -565,6 +564,8 @@ CrystalMerge mergeCrystals(std::span<const CrystalData> crystals, const MergeOpt
     constexpr double kMostTolerance = 0.07;
     if (!(options.cellTolerance > 0 && options.cellTolerance <= kMostTolerance))
         throw Failure("cells are the same up to a strain above 0 and up to 7 %", FailureKind::Usage);
+    if (options.referenceCell && options.reference.empty())
+        throw Failure("the cell of a reference needs the reference, an HKL file", FailureKind::Usage);
     if (crystals.size() < 2)
         throw Failure("merging needs two crystals at least; give the folders of several runs",
                       FailureKind::Usage);

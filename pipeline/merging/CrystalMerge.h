@@ -25,8 +25,10 @@ struct MergeOptions {
     bool leaveOut = false;  ///< leave crystals with other cells than most have out rather than refuse
     bool keepAll = false;   ///< keep crystals that spoil the data
     double dMin = 0;        ///< finest spacing, Angstrom; 0: the finest that a crystal has
-    /// A folder of `vrk run` whose first crystal the indices are to agree with; it is not merged.
+    /// What the indices are to agree with, see readReferenceCrystal(); it is not merged.
     std::filesystem::path reference;
+    /// Of an HKL file as reference: a, b, c, alpha, beta, gamma.
+    std::optional<std::array<double, 6>> referenceCell;
 };
 
 /// What became of a crystal.

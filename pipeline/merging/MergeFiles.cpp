@@ -7,6 +7,7 @@
 
 #include "foundation/Version.h"
 #include "indexing/EwaldCurvature.h"
+#include "pipeline/base/ChecksumList.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/JsonText.h"
 #include "pipeline/base/NumberText.h"
@@ -185,6 +186,7 @@ void writeMergeSummary(const std::string& json, const std::string& command, std:
                        const std::filesystem::path& folder) {
     writeText(json + '\n', folder / kMergeFile);
     files.emplace_back(kMergeFile);
+    files.emplace_back(kChecksumFile);
     const Json summary = {{"program", {{"version", VRK::kVersion}, {"command", command}}},
                           {"merge", kMergeFile},
                           {"files", files}};

@@ -9,6 +9,7 @@
 #include <map>
 #include <nlohmann/json.hpp>
 #include <set>
+#include <tuple>
 
 #include "pipeline/base/ChecksumList.h"
 #include "pipeline/base/Failure.h"
@@ -49,6 +50,7 @@ public:
         : m_folder(folder), m_summary(summary), m_check(check) {}
 
     void all() {
+        if (m_summary.contains("merge")) return mergedCrystals();
         count("/reflections/found", "peaks.txt",
               [](const fs::path& path) { return readPeaks(path).reflections->size(); });
         count("/reflections/found", kReflectionFile, [](const fs::path& path) {
@@ -109,6 +111,27 @@ private:
             mtz.read_file(path.string());
             expect("merged.mtz", mtz.nreflections, intensities.at("reflections").at("unique").get<double>(),
                    "intensities.reflections.unique");
+        });
+    }
+
+    /// The files of merged crystals with the numbers of their summary.
+    void mergedCrystals() {
+        const auto name = m_summary.at("merge").get<std::string>();
+        const Json merge = Json::parse(textOf(m_folder / name), nullptr, false);
+        const Json& numbers = merge.at("intensities");
+        const double unique = numbers.at("unique").get<double>();
+        const double used = numbers.at("observations").get<double>() - numbers.at("outliers").get<double>();
+        // The last row of a list ends it.
+        for (const auto& [file, rows, key] :
+             {std::tuple("merged.hkl", unique, "unique"),
+              std::tuple("reflections.hkl", used, "observations less outliers")})
+            with(file, [&, file = file, rows = rows, key = key](const fs::path& path) {
+                expect(file, static_cast<double>(rowsOf(path)) - 1, rows, std::string("intensities.") + key);
+            });
+        with("merged.mtz", [&](const fs::path& path) {
+            gemmi::Mtz mtz;
+            mtz.read_file(path.string());
+            expect("merged.mtz", mtz.nreflections, unique, "intensities.unique");
         });
     }
 

@@ -1,5 +1,5 @@
 /// \file
-/// Whether the folder of a result is as the run left it.
+/// Whether the folder of a result is as the run or the merge left it.
 #pragma once
 
 #include <filesystem>
@@ -26,7 +26,8 @@ struct ResultCheck {
 
 /// Compares every file of a folder with its checksum (ChecksumList.h), the names in the summary with what is
 /// there, and the numbers of the summary with those of peaks.txt, cell.txt, centres.txt, reflections.csv,
-/// reflections.hkl, merged.mtz and report.html, as far as the folder has them.
+/// reflections.hkl, merged.mtz and report.html, as far as the folder has them; of merged crystals those of
+/// merge.json with those of merged.hkl, reflections.hkl and merged.mtz.
 /// \param input  the series that the result should be of, compared with the checksum of the summary; empty:
 /// none Throws Failure where there is no result, while a run writes into the folder, and when an input or a
 /// file cannot be read.

@@ -83,6 +83,7 @@ auto call(py::object progress, py::object log, Work work) {
 void addSeries(py::module_& module);
 void addRun(py::module_& module);
 void addCells(py::module_& module);
+void addMerging(py::module_& module);
 void addSimulation(py::module_& module);
 
 }  // namespace vrk::python

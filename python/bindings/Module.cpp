@@ -7,5 +7,6 @@ PYBIND11_MODULE(_vrkcore, module) {
     vrk::python::addSeries(module);
     vrk::python::addRun(module);
     vrk::python::addCells(module);
+    vrk::python::addMerging(module);
     vrk::python::addSimulation(module);
 }

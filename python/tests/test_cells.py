@@ -87,7 +87,7 @@ def test_the_stub_describes_the_module():
             continue
         real = [p for p in inspect.signature(value).parameters if p not in ("self", "cls")]
         assert parameters == real, name
-    for owner in (vrkcore.Series, vrkcore.RunResult, vrkcore.Cell):
+    for owner in (vrkcore.Series, vrkcore.RunResult, vrkcore.MergedCrystals, vrkcore.Cell):
         public = {name for name in vars(owner) if not name.startswith("_")}
         known = {name.split(".")[1] for name in stub if name.startswith(owner.__name__ + ".")}
         assert public - known <= {"sigma", "bravais"}, owner

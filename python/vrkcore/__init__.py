@@ -28,17 +28,21 @@ from ._vrkcore import Canceled, Failure, NothingFound, UsageError, VRKWarning, _
 __all__ = [
     "Canceled",
     "Cell",
+    "CellClusters",
     "Failure",
     "FoundCell",
     "LatticeType",
+    "MergedCrystals",
     "NothingFound",
     "RunResult",
     "Series",
     "UsageError",
     "VRKWarning",
+    "cluster_cells",
     "dbscan",
     "find_cell",
     "lattice_symmetry",
+    "merge",
     "niggli",
     "run",
     "simulate",
@@ -624,6 +628,133 @@ def simulate(cell=None, centring="P", *, cif=None, tilts=None, progress=None, lo
     )
     series, truth = _vrkcore.simulate(settings, _progress_of(progress), log)
     return Series(series, _json.loads(truth))
+
+
+class MergedCrystals:
+    """The intensities of several crystals in one data set. Made by :func:`merge`."""
+
+    def __init__(self, merge):
+        self._merge = merge
+
+    @_cached_property
+    def summary(self):
+        """Every number of the merge, as in merge.json of the program."""
+        return _json.loads(self._merge.summary())
+
+    @property
+    def cell(self):
+        """The mean conventional :class:`Cell`, with uncertainties by the scatter of the crystals."""
+        cell = self.summary["cell"]
+        names = ("a", "b", "c", "alpha", "beta", "gamma")
+        return Cell(*(cell[name] for name in names), sigma=tuple(cell["esd"][name] for name in names),
+                    bravais=cell["bravais"])
+
+    @property
+    def crystals(self):
+        """What became of each crystal, a list of dictionaries in the order of the folders: name, used, reason, base
+        (common base = its conventional base times this), scale, b, correlation, delta_cc_half, ..."""
+        return self.summary["crystals"]
+
+    @property
+    def growth(self):
+        """The data set crystal by crystal, the most useful first: dictionaries of crystal (a number in ``crystals``),
+        completeness, redundancy and cc_half."""
+        return self.summary["growth"]
+
+    @_cached_property
+    def merged(self):
+        """Unique intensities in the Laue group: h, k, l, intensity, sigma, d (Angstrom), observations."""
+        return self._merge.merged
+
+    @_cached_property
+    def observations(self):
+        """Scaled intensities of the crystals used: h, k, l, intensity, sigma, d (Angstrom), crystal (a number in
+        ``crystals``), scale, outlier."""
+        return self._merge.observations
+
+    @property
+    def laue_class(self):
+        """The Laue class, as "4/m"."""
+        return self.summary["intensities"]["laue"]["class"]
+
+    @property
+    def space_groups(self):
+        """Space groups that the absences leave, the likeliest first."""
+        return [one["symbol"] for one in self.summary["intensities"]["space_groups"]["candidates"]]
+
+    def write(self, folder, *, title="", formula=""):
+        """Writes the files of ``vrk merge`` but pictures and log into the folder. Returns their paths."""
+        return [_os.fspath(path) for path in self._merge.write(_path(folder), title, formula)]
+
+    def __repr__(self):
+        used = sum(crystal["used"] for crystal in self.crystals)
+        numbers = " ".join(f"{number:.6g}" for number in self.cell)
+        return f"<MergedCrystals: {used} of {len(self.crystals)} crystals, {self.cell.bravais} {numbers}>"
+
+
+def merge(
+    folders,
+    *,
+    cell_tolerance=None,
+    leave_out=None,
+    keep_all=None,
+    d_min=None,
+    reference=None,
+    reference_cell=None,
+    progress=None,
+    log=None,
+):
+    """The crystals of several results in one data set, as ``vrk merge`` makes it: :class:`MergedCrystals`.
+
+    :param folders: of :meth:`RunResult.write` or ``vrk run``, with intensities measured on the frames
+    :param cell_tolerance: strain up to which cells are one; otherwise 0.03
+    :param leave_out: leave crystals with another cell than most have out rather than refuse them
+    :param keep_all: keep crystals that make the data worse
+    :param d_min: finest spacing, Angstrom; otherwise the finest of a crystal
+    :param reference: folder of ``vrk run`` or ``vrk merge``, or HKL file, whose indices are taken over
+    :param reference_cell: six numbers, of an HKL file without instructions beside it
+    """
+    settings = dict(
+        cell_tolerance=cell_tolerance,
+        leave_out=leave_out,
+        keep_all=keep_all,
+        d_min=d_min,
+        reference=None if reference is None else _path(reference),
+        reference_cell=None if reference_cell is None else [float(number) for number in reference_cell],
+    )
+    return MergedCrystals(
+        _vrkcore.merge([_path(folder) for folder in folders], settings, _progress_of(progress), log))
+
+
+@_dataclass(frozen=True)
+class CellClusters:
+    """Which crystals have the same cell."""
+
+    labels: _np.ndarray
+    """Cluster of each cell, 0 for the largest; -1 for numbers that are no cell. Shape (cells,)."""
+    middles: _np.ndarray
+    """Of each cluster the cell nearest to all others, a number in the list."""
+    strains: _np.ndarray = _field(repr=False)
+    """Strain of each cell against the middle of its cluster. Shape (cells,)."""
+    joins: _np.ndarray = _field(repr=False)
+    """Steps of the dendrogram: first, second, distance, cells; shape (cells - 1, 4), as
+    scipy.cluster.hierarchy takes it when all cells are usable."""
+
+
+def cluster_cells(cells, centrings=None, *, cut=0.03):
+    """Clusters cells by the strain that takes one lattice to the other, whatever their setting: :class:`CellClusters`.
+
+    :param cells: a :class:`Cell` or six numbers each
+    :param centrings: a letter for all, or one each; otherwise those of the cells' lattice types, and P
+    :param cut: strain up to which cells are of one cluster
+    """
+    cells = list(cells)
+    if centrings is None:
+        centrings = [(getattr(cell, "bravais", None) or "aP")[1] for cell in cells]
+    elif isinstance(centrings, str) and len(centrings) == 1:
+        centrings = centrings * len(cells)
+    rows = _np.array([[float(number) for number in cell] for cell in cells], dtype=float).reshape(-1, 6)
+    return CellClusters(**_vrkcore.cluster_cells(rows, "".join(centrings), float(cut)))
 
 
 def write_report(folders, page):

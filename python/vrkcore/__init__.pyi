@@ -271,4 +271,50 @@ def simulate(
     cross: bool = ...,
     seed: int = ...,
 ) -> Series: ...
+
+class MergedCrystals:
+    @property
+    def summary(self) -> dict[str, Any]: ...
+    @property
+    def cell(self) -> Cell: ...
+    @property
+    def crystals(self) -> list[dict[str, Any]]: ...
+    @property
+    def growth(self) -> list[dict[str, Any]]: ...
+    @property
+    def merged(self) -> npt.NDArray[np.void]: ...
+    @property
+    def observations(self) -> npt.NDArray[np.void]: ...
+    @property
+    def laue_class(self) -> str: ...
+    @property
+    def space_groups(self) -> list[str]: ...
+    def write(self, folder: Path, *, title: str = ..., formula: str = ...) -> list[str]: ...
+
+def merge(
+    folders: Iterable[Path],
+    *,
+    cell_tolerance: Optional[float] = ...,
+    leave_out: Optional[bool] = ...,
+    keep_all: Optional[bool] = ...,
+    d_min: Optional[float] = ...,
+    reference: Optional[Path] = ...,
+    reference_cell: Optional[Sequence[float]] = ...,
+    progress: Progress = ...,
+    log: Log = ...,
+) -> MergedCrystals: ...
+
+@dataclass(frozen=True)
+class CellClusters:
+    labels: npt.NDArray[np.int64]
+    middles: npt.NDArray[np.int64]
+    strains: npt.NDArray[np.float64]
+    joins: npt.NDArray[np.float64]
+
+def cluster_cells(
+    cells: Iterable[Sequence[float]],
+    centrings: Optional[Union[str, Sequence[str]]] = ...,
+    *,
+    cut: float = ...,
+) -> CellClusters: ...
 def write_report(folders: Sequence[Path], page: Path) -> None: ...

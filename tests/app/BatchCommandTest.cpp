@@ -59,6 +59,17 @@ TEST_F(BatchCommand, DoesJobsOnceAndSaysWhatBecameOfThem) {
     const std::string lines = folder.read("out/jobs.txt");
     EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 4);
 
+    // One that fails does not keep the others in its row from being done, and nobody sees how they were done.
+    const VrkResult row = vrk("batch -o out --job bad good");
+    EXPECT_EQ(row.exitCode, 1);
+    EXPECT_NE(row.err.find("vrk: bad: "), std::string::npos) << row.err;
+    const std::string command =
+        json::parse(folder.read("out/results/good/summary.json"))["program"]["command"];
+    EXPECT_TRUE(command.starts_with("vrk run /") &&
+                command.ends_with("/good --no-integration --no-pictures --jobs=1"))
+        << command;
+    EXPECT_EQ(vrk("verify out/results/good --input data/good.mrc").exitCode, 0);
+    fs::remove(folder / "out/records/bad.json");
     for (const std::string& name : names()) {
         const int expected = name == "bad" ? 1 : 0;
         const VrkResult result = vrk("batch -o out --job " + name);

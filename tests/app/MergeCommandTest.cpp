@@ -85,6 +85,7 @@ TEST_F(MergeCommandTest, WritesOneDataSet) {
     ASSERT_EQ(result.exitCode, 0) << result.err;
     EXPECT_NE(result.err.find("empty has no intensities"), std::string::npos) << result.err;
     EXPECT_NE(result.out.find("crystals      4 of 4 merged"), std::string::npos) << result.out;
+    EXPECT_EQ(runVrkLine("verify first", *folder / ".").err, "");
     const json summary = json::parse(folder->read("first/merge.json"));
     const json& all = summary["/intensities/overall"_json_pointer];
     EXPECT_EQ(summary["/intensities/laue/class"_json_pointer], "4/m");
@@ -95,7 +96,7 @@ TEST_F(MergeCommandTest, WritesOneDataSet) {
         EXPECT_GT(crystal["correlation"], 0.9);
     }
     EXPECT_EQ(summary["growth"].back()["completeness"], all["completeness"]);
-    EXPECT_EQ(json::parse(folder->read("first/summary.json"))["files"].size(), 9U);
+    EXPECT_EQ(json::parse(folder->read("first/summary.json"))["files"].size(), 10U);
     // Every file has the same reflections, and the scale of the first is that of the others.
     const auto lines = [](const std::string& text) { return std::count(text.begin(), text.end(), '\n'); };
     EXPECT_EQ(lines(folder->read("first/merged.hkl")), all["unique"].get<int>() + 1);
@@ -138,6 +139,39 @@ TEST_F(MergeCommandTest, ReferenceDecidesTheIndices) {
         ASSERT_EQ(crystals.size(), 3U);
         for (std::size_t i = 0; i < 3; ++i)
             EXPECT_EQ(crystals[i]["base"][2][2], i == 1 ? -sign : sign) << reference;
+    }
+    // A data set from before, as it lies there, or as an HKL file without and with blanks between its
+    // columns.
+    ASSERT_EQ(runVrkLine("merge r0 r2 r3 -o turned --no-pictures --reference r3", *folder / ".").exitCode, 0);
+    const std::string hkl = folder->read("turned/merged.hkl");
+    std::filesystem::create_directory(*folder / "own");
+    folder->write("own/plain.hkl", hkl);
+    folder->write("own/instructed.hkl", hkl);
+    folder->write("own/instructed.res", "TITL x\nCELL 0.02508 6.5 6.5 8.3 90 90 90\nLATT -1\n");
+    std::string blanks;
+    for (std::size_t at = 0; at + 28 < hkl.size(); at += 29)
+        blanks += hkl.substr(at, 4) + ' ' + hkl.substr(at + 4, 4) + ' ' + hkl.substr(at + 8, 4) + ' ' +
+                  hkl.substr(at + 12, 8) + ' ' + hkl.substr(at + 20, 8) + " 1\r\n";
+    folder->write("own/blanks.hkl", blanks);
+    const std::string cell = " --reference-cell 6.5,6.5,8.3,90,90,90";
+    for (const std::string& reference :
+         {std::string("turned"), std::string("turned/reflections.hkl"), std::string("own/instructed.hkl"),
+          "own/plain.hkl" + cell, "own/blanks.hkl" + cell}) {
+        const json crystals = merged("r0 r1 r2 --reference " + reference)["crystals"];
+        for (std::size_t i = 0; i < 3; ++i)
+            EXPECT_EQ(crystals[i]["base"][2][2], i == 1 ? 1.0 : -1.0) << reference;
+    }
+    folder->write("own/text.hkl", "h k l\n");
+    for (const auto& [reference, complaint] :
+         {std::pair<std::string, const char*>("own/plain.hkl", "nothing says the cell"),
+          {"own/text.hkl" + cell, "line 1: that is not h, k, l"},
+          {"own/plain.hkl --reference-cell 6.5,6.5", "takes six numbers"},
+          {"own/plain.hkl --reference-cell 7.5,6.5,8.3,90,90,90", "is not that of the crystals"},
+          {"r3" + cell, "is a folder, which says its cell itself"},
+          {"nowhere.hkl", "there is no reference"}}) {
+        const VrkResult refused = merge("r0 r1 --reference " + reference);
+        EXPECT_NE(refused.exitCode, 0);
+        EXPECT_NE(refused.err.find(complaint), std::string::npos) << refused.err;
     }
 }
 

@@ -205,7 +205,8 @@ const std::vector<Command> kCommands = {
      false},
     {"merge one two -o out",
      {},
-     "--output --cell-tolerance --leave-out --keep-all --d-min --reference --formula --no-pictures "
+     "--output --cell-tolerance --leave-out --keep-all --d-min --reference --reference-cell --formula "
+     "--no-pictures "
      "--log-level --json",
      "",
      false},

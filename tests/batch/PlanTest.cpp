@@ -230,9 +230,9 @@ TEST(Needs, GrowWithTheSeriesAndWithAttemptsThatEndWithoutAWord) {
     EXPECT_EQ(needs(0, 0, 0), needs(1024, 300, 0));
 }
 
-TEST(Units, AreJobsAloneAndArraysOfEqualOnes) {
+TEST(Units, AreFewJobsInARowAndArraysOfEqualOnes) {
     std::vector<vrk::JobState> open;
-    for (int i = 0; i < 4500; ++i) {
+    for (int i = 0; i < 12000; ++i) {
         const int width = i % 3 == 0 ? 256 : 64;
         const vrk::FoundSeries series = {"s", false, {}, 0, width, width, 30};
         open.push_back(
@@ -246,8 +246,14 @@ TEST(Units, AreJobsAloneAndArraysOfEqualOnes) {
         return result;
     };
     vrk::EngineSettings settings;
-    EXPECT_EQ(sizes(2000, settings), (std::map<std::size_t, int>{{1, 2000}}));
-    EXPECT_EQ(sizes(4500, settings), (std::map<std::size_t, int>{{3, 1500}}));
+    settings.jobs = 2;
+    EXPECT_EQ(sizes(31, settings), (std::map<std::size_t, int>{{1, 31}}));
+    // In fours until some sixty are left, which end one by one.
+    EXPECT_EQ(sizes(500, settings), (std::map<std::size_t, int>{{4, 110}, {3, 5}, {2, 7}, {1, 31}}));
+    EXPECT_EQ(sizes(12000, settings), (std::map<std::size_t, int>{{6, 2000}}));
+    settings.jobs = 64;
+    EXPECT_EQ(sizes(500, settings), (std::map<std::size_t, int>{{1, 500}}));
+    settings.jobs = 0;
     settings.slurm = true;
     EXPECT_EQ(sizes(4500, settings), (std::map<std::size_t, int>{{1000, 4}, {500, 1}}));
     const std::vector<vrk::WorkUnit> units = vrk::unitsOf(open, settings);

@@ -56,26 +56,28 @@ wait_done() {
   fail "$1: fewer than $2 jobs are done after two minutes"
 }
 
-# The processes that run a command of vrk in this batch.
+# The processes of small jobs of a batch: "jobs" keep the records, "runs" are what these make of themselves for a run.
 processes() {
-  local entry
-  for entry in /proc/[0-9]*; do
-    { tr '\0' ' ' <"$entry/cmdline" | grep -qF -- "$2" && [[ $(readlink "$entry/exe") == "$vrk" ]] &&
-      { [[ $(readlink "$entry/cwd") == "$1" ]] || tr '\0' ' ' <"$entry/cmdline" | grep -qF -- "$1/"; } &&
-      echo "${entry#/proc/}"; } 2>/dev/null || true
+  local pid parent kind
+  for pid in $(pgrep -f -- '--job c_'); do
+    [[ "/proc/$pid/exe" -ef "$vrk" && "/proc/$pid/cwd" -ef "$1" ]] || continue
+    { read -r _ _ _ parent _ <"/proc/$pid/stat"; } 2>/dev/null || continue
+    kind="jobs"
+    if [[ "/proc/$parent/exe" -ef "$vrk" ]]; then kind="runs"; fi
+    [[ "$kind" != "$2" ]] || echo "$pid"
   done
 }
 
 # Kills one of them when there is one.
 kill_one() {
   local i pid
-  for i in $(seq 1 300); do
+  for i in $(seq 1 600); do
     pid=$(processes "$1" "$2")
     pid=${pid%%$'\n'*}
     if [[ -n "$pid" ]] && kill -9 "$pid" 2>/dev/null; then return 0; fi
     sleep 0.02
   done
-  fail "there was no process of '$2' to be killed"
+  fail "there were no $2 to be killed"
 }
 
 # A disk of a few blocks where the results of one job go.
@@ -124,8 +126,8 @@ local_engine() {
   ) &
   engine=$!
   wait_done "$out" 4
-  kill_one "$out" " run "
-  kill_one "$out" "--job c_"
+  kill_one "$out" runs
+  kill_one "$out" jobs
   wait_done "$out" 10
   kill -9 $engine
   wait $engine 2>/dev/null || true
@@ -221,8 +223,8 @@ slurm_engine() {
   [[ -n "$task" ]] || fail "no task runs"
   scontrol requeue "$task"
   echo "  task $task requeued"
-  kill_one "$out" " run "
-  kill_one "$out" "--job c_"
+  kill_one "$out" runs
+  kill_one "$out" jobs
   wait_done "$out" 12
   kill -9 $engine
   wait $engine 2>/dev/null || true

@@ -48,6 +48,16 @@ foreach(line IN ITEMS "b.mrc: hP 4\\.9|b.mrc: hP 5\\.0" "c.mrc: [^\n]*not" "conf
   endif()
 endforeach()
 
+# The same crystal, turned.
+foreach(turn IN ITEMS 10,20,30 100,80,0)
+  run("" "${vrk}" simulate -o turned.mrc --cell 4,5,6,90,90,90 --orientation ${turn} ${how})
+  run("" "${vrk}" run turned.mrc -o "turned ${turn}" --no-pictures)
+endforeach()
+set(crystals "turned 10,20,30" "turned 100,80,0")
+set(line ": correlation 0\\.[89][^\n]*\n")
+run("${line}.*${line}oP, [0-9]+ reflections, CC1/2 of the crystals (0\\.[89]|1)" "${build}/merge_crystals" merged ${crystals})
+run("^whole" "${vrk}" verify merged)
+
 # The nodes of a lattice.
 set(list "")
 foreach(h RANGE 0 6)
