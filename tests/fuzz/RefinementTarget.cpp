@@ -10,7 +10,7 @@ using Eigen::Vector3d;
 
 FUZZ_TARGET(bytes) {
     fuzz::Numbers numbers(bytes);
-    const bool isWild = numbers.ConsumeBool();
+    const bool isWild = numbers.flag();
     vrk::Lattice truth;
     for (double& entry : truth.basis.reshaped())
         entry = isWild ? numbers.any() : numbers.within(-3.0, 3.0);

@@ -37,8 +37,11 @@ private:
 /// Opens for reading without locks, so that files on read-only media can be read, too.
 Hdf5Id openHdf5(const FrameSource& source);
 
-/// A group or data set below \p place, links followed.
+/// A group or data set below \p place, links followed. Negative when they, or what a data set is made of,
+/// lead to a file outside the folder of the one that was opened, unless its source allows that.
 Hdf5Id objectAt(hid_t place, const std::string& path);
+/// The first file that was not read because it lies outside; empty when there was none.
+std::string fileOutside();
 bool isDataset(const Hdf5Id& object);
 /// Sizes of the dimensions, the slowest first; empty for objects that are no arrays of numbers.
 std::vector<long long> shapeOf(const Hdf5Id& dataset);
