@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <functional>
 
 namespace vrk::detail {
@@ -85,6 +86,25 @@ std::string fileOf(const Hdf5Id& dataset) {
     return H5Fget_name(dataset.get(), name.data(), name.size()) < 0 ? "" : name.data();
 }
 
+/// Files that links lead to lie on disk, also when this one was unpacked in memory.
+Hdf5Id followingLinks(hid_t kind) {
+    Hdf5Id access(H5Pcreate(kind));
+    H5Pset_elink_fapl(access.get(), withoutLocks().get());
+    H5Pset_elink_cb(access.get(), onExternalLink, nullptr);
+    return access;
+}
+
+/// Sizes of the pieces that an array is stored in; empty when it is stored in one.
+std::vector<hsize_t> pieceOf(const Hdf5Id& dataset) {
+    if (!isDataset(dataset)) return {};
+    const Hdf5Id created(H5Dget_create_plist(dataset.get()));
+    std::array<hsize_t, H5S_MAX_RANK> sizes{};
+    const int rank = H5Pget_layout(created.get()) == H5D_CHUNKED
+                         ? H5Pget_chunk(created.get(), H5S_MAX_RANK, sizes.data())
+                         : 0;
+    return {sizes.begin(), sizes.begin() + std::max(rank, 0)};
+}
+
 /// Whether the files that an array takes its numbers from may be read, and those that arrays there do.
 bool mayReadPartsOf(const Hdf5Id& dataset) {
     constexpr int kDeepest = 8;
@@ -139,12 +159,30 @@ Hdf5Id openHdf5(const FrameSource& source) {
 }
 
 Hdf5Id objectAt(hid_t place, const std::string& path) {
-    // Files that links lead to lie on disk, also when this one was unpacked in memory.
-    const Hdf5Id linked(H5Pcreate(H5P_LINK_ACCESS));
-    H5Pset_elink_fapl(linked.get(), withoutLocks().get());
-    H5Pset_elink_cb(linked.get(), onExternalLink, nullptr);
+    const Hdf5Id linked = followingLinks(H5P_LINK_ACCESS);
     Hdf5Id object(H5Oopen(place, path.c_str(), linked.get()));
     return !isDataset(object) || mayReadPartsOf(object) ? std::move(object) : Hdf5Id();
+}
+
+Hdf5Id arrayAt(hid_t place, const std::string& path) {
+    Hdf5Id array = objectAt(place, path);
+    const std::vector<hsize_t> piece = pieceOf(array);
+    const std::vector<long long> shape = shapeOf(array);
+    if (piece.size() != 3 || piece[0] < 2 || shape.size() != 3) return array;
+    const Hdf5Id type(H5Dget_type(array.get()));
+    const auto pieces = [&](std::size_t axis) {
+        return static_cast<double>((static_cast<hsize_t>(shape[axis]) + piece[axis] - 1) / piece[axis]);
+    };
+    constexpr double kMostBytes = 1 << 30;
+    const double bytes =
+        static_cast<double>(H5Tget_size(type.get()) * piece[0] * piece[1] * piece[2]) * pieces(1) * pieces(2);
+    if (bytes > kMostBytes) return array;
+    const Hdf5Id access = followingLinks(H5P_DATASET_ACCESS);
+    constexpr std::size_t kPlaces = 1009;
+    H5Pset_chunk_cache(access.get(), kPlaces, static_cast<std::size_t>(bytes) + 1, 1.0);
+    // The first who opens an array says how much memory it has.
+    array = Hdf5Id();
+    return Hdf5Id(H5Dopen2(place, path.c_str(), access.get()));
 }
 
 bool isDataset(const Hdf5Id& object) {
@@ -288,6 +326,21 @@ std::string readColumn(const Hdf5Id& dataset, long long column) {
     if (H5Dread(dataset.get(), H5T_NATIVE_CHAR, memory.get(), space.get(), H5P_DEFAULT, text.data()) < 0)
         return "";
     return text.substr(0, text.find('\0'));
+}
+
+long long slicesWritten(const Hdf5Id& dataset, int axis) {
+    const std::vector<long long> shape = shapeOf(dataset);
+    const std::vector<hsize_t> piece = pieceOf(dataset);
+    if (shape.size() != 3) return 1;
+    const auto along = static_cast<std::size_t>(axis);
+    hsize_t count = 0;
+    if (piece.size() != 3 || H5Dget_num_chunks(dataset.get(), H5S_ALL, &count) < 0) return shape[along];
+    double perLayer = 1;
+    for (std::size_t i = 0; i < 3; ++i)
+        if (i != along) perLayer *= std::ceil(static_cast<double>(shape[i]) / static_cast<double>(piece[i]));
+    const double written =
+        std::ceil(static_cast<double>(count) / perLayer) * static_cast<double>(piece[along]);
+    return static_cast<long long>(std::min(written, static_cast<double>(shape[along])));
 }
 
 std::string obstacleIn(const Hdf5Id& dataset) {

@@ -71,7 +71,7 @@ private:
     std::string frame(std::size_t stack, int axis, long long slice, std::size_t size) {
         // The array stays open, so that pieces of the file that hold several frames are unpacked once.
         if (!m_array || m_openStack != stack)
-            m_array = detail::objectAt(m_file.get(), m_contents.stacks.at(stack).path);
+            m_array = detail::arrayAt(m_file.get(), m_contents.stacks.at(stack).path);
         m_openStack = stack;
         std::vector<float> pixels(size);
         if (!m_array || !detail::readSlice(m_array, axis, slice, pixels)) return "";
