@@ -27,7 +27,7 @@ if(VRKCORE_SANITIZE)
   add_link_options(-fsanitize=${VRKCORE_SANITIZE})
   add_compile_definitions(_GLIBCXX_ASSERTIONS)
 endif()
-if(VRKCORE_BUILD_FUZZERS)
+if(VRKCORE_BUILD_FUZZERS AND CMAKE_CXX_COMPILER_ID MATCHES Clang)
   set(_uninstrumented "${PROJECT_SOURCE_DIR}/tests/fuzz/uninstrumented.txt")
   add_compile_options(-fsanitize=fuzzer-no-link "-fsanitize-ignorelist=${_uninstrumented}"
     "-fsanitize-coverage-ignorelist=${_uninstrumented}")

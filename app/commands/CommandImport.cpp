@@ -106,7 +106,7 @@ Command describeImport(CommandLine& line, const std::shared_ptr<Options>& option
     command.flag("--skip-bad", settings.skipBad,
                  "Leave out frames that cannot be read, with a warning that names them");
     command.flag("--allow-outside", settings.allowOutside,
-                 "Take frames that a list names from outside its own folder, too");
+                 "Take frames that a list or an HDF5 file names outside its own folder, too");
     command.option("--sum", settings.sum, "Neighbouring frames to add up [as few as fit into 300 slices]");
     command.option("--bin", settings.bin, "Pixels along each edge to add up into one").showDefault();
     command.option("--scale", settings.scale,

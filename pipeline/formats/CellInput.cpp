@@ -100,6 +100,8 @@ CellInput cellFromFile(const std::filesystem::path& path, double pixelSize) {
                       FailureKind::Usage);
     reciprocal.setPixelsize(pixelSize);
     const std::unique_ptr<UnitCell> direct(reciprocal.getReciprocalCell());
+    if (direct->isDegenerate())
+        throw Failure(path.string() + " holds no cell of a crystal: its edges are far too long or too short");
     return inputOf(*direct, 'P');
 }
 

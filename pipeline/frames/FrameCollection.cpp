@@ -86,13 +86,6 @@ FolderContents contentsOf(const fs::path& folder) {
     return contents;
 }
 
-/// By the names alone: where links lead is up to those who made them.
-bool liesWithin(const fs::path& file, const fs::path& folder) {
-    const fs::path way = file.lexically_normal().lexically_relative(folder.lexically_normal() / "");
-    const fs::path inside = folder.empty() ? file.lexically_normal() : way;
-    return !inside.empty() && inside.is_relative() && *inside.begin() != "..";
-}
-
 class Collector {
 public:
     Collector(const CollectionSettings& settings, const std::function<void(const std::string&)>& warn,
@@ -190,7 +183,7 @@ void Collector::refuseOrNote(const std::string& reason, const fs::path& path) {
 
 std::shared_ptr<FrameFile> Collector::open(const fs::path& path) {
     try {
-        std::shared_ptr<FrameFile> file = FrameFile::open(path);
+        std::shared_ptr<FrameFile> file = FrameFile::open(path, m_settings.allowOutside);
         if (!file->damage().empty())
             refuseOrNote("cannot import all of " + path.string() + ": " + file->damage(), {});
         for (const fs::path& part : file->parts())

@@ -23,8 +23,10 @@ FrameSource sourceOf(const std::filesystem::path& path) {
 
 }  // namespace
 
-std::unique_ptr<FrameFile> FrameFile::open(const std::filesystem::path& path) {
-    return open(sourceOf(path));
+std::unique_ptr<FrameFile> FrameFile::open(const std::filesystem::path& path, bool allowOutside) {
+    FrameSource source = sourceOf(path);
+    if (allowOutside) source.allowOutside();
+    return open(std::move(source));
 }
 
 std::unique_ptr<FrameFile> FrameFile::open(FrameSource source) {

@@ -43,9 +43,10 @@ public:
 
     /// Asks every FrameFormat whether it understands the contents. Headers are checked against the length of
     /// the file, before memory is taken.
-    /// \param path  a file, or FILE:/PLACE for a data set within a file of such
+    /// \param path          a file, or FILE:/PLACE for a data set within a file of such
+    /// \param allowOutside  frames may lie in files that this one names outside its folder, too
     /// Throws Failure that names the file and what is wrong with it.
-    static std::unique_ptr<FrameFile> open(const std::filesystem::path& path);
+    static std::unique_ptr<FrameFile> open(const std::filesystem::path& path, bool allowOutside = false);
     static std::unique_ptr<FrameFile> open(FrameSource source);
 
     const std::filesystem::path& path() const { return m_source.path(); }

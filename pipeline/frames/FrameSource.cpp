@@ -59,6 +59,13 @@ std::uint64_t mostUnpacked() {
 
 }  // namespace
 
+bool liesWithin(const std::filesystem::path& file, const std::filesystem::path& folder) {
+    const std::filesystem::path way =
+        file.lexically_normal().lexically_relative(folder.lexically_normal() / "");
+    const std::filesystem::path inside = folder.empty() ? file.lexically_normal() : way;
+    return !inside.empty() && inside.is_relative() && *inside.begin() != "..";
+}
+
 FrameSource::FrameSource(std::filesystem::path path, std::string inside)
     : m_path(std::move(path)), m_inside(std::move(inside)) {}
 

@@ -10,6 +10,10 @@
 
 namespace vrk {
 
+/// Whether a file lies in a folder or below it, by the names alone: where symbolic links lead is up to those
+/// who made them.
+bool liesWithin(const std::filesystem::path& file, const std::filesystem::path& folder);
+
 /// Bytes that are open for reading at any position.
 class FrameBytes {
 public:
@@ -31,6 +35,9 @@ public:
 
     const std::filesystem::path& path() const { return m_path; }
     const std::string& inside() const { return m_inside; }
+    /// Files that this one names may lie anywhere from now on, not only in its folder and below.
+    void allowOutside() { m_allowsOutside = true; }
+    bool allowsOutside() const { return m_allowsOutside; }
     /// Whether another program that is given the path reads the same bytes.
     bool isPlainFile() const;
 
@@ -52,6 +59,7 @@ private:
 
     std::filesystem::path m_path;
     std::string m_inside;
+    bool m_allowsOutside = false;
     std::shared_ptr<const std::string> m_bytes;             ///< null for files
     mutable std::shared_ptr<const std::string> m_unpacked;  ///< null when not packed or not opened yet
 };

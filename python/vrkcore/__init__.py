@@ -177,7 +177,7 @@ class Series:
         :param bin: pixels along each edge to add up
         :param scale: factor on the counts, which become 16-bit integers; otherwise chosen
         :param skip_bad: leave out frames that cannot be read
-        :param allow_outside: lists may name frames outside their folders
+        :param allow_outside: lists and HDF5 files may name frames outside their folders
         """
         if isinstance(files, (str, bytes, _os.PathLike)):
             files = [files]

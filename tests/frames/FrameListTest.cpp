@@ -95,6 +95,10 @@ TEST(FrameLists, GiveFramesTheirTiltsAndTheExperiment) {
     ASSERT_EQ(xds.frames.size(), 3U);
     EXPECT_EQ(xds.frames[2].path, std::filesystem::path(folder / "data/f0022.img"));
     EXPECT_DOUBLE_EQ(xds.frames[2].tilt, -13.75);
+    // A template may end in its number.
+    const vrk::FrameList bare = vrk::readFrameList(
+        folder.write("XDS.INP", "OSCILLATION_RANGE=1\nDATA_RANGE=7 8\nNAME_TEMPLATE_OF_DATA_FRAMES=f???\n"));
+    EXPECT_EQ(bare.frames.at(1).path, std::filesystem::path(folder / "f008"));
     // Numbers at the end of what 64 bits hold, counted from one below 0.
     const vrk::FrameList sweep =
         vrk::readFrameList(folder.write("XDS.INP", "OSCILLATION_RANGE=1\nSTARTING_FRAME=-9\n"));

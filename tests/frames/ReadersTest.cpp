@@ -9,8 +9,10 @@
 #include "pipeline/base/Failure.h"
 #include "pipeline/frames/FrameFile.h"
 #include "pipeline/frames/PixelDecoder.h"
+#include "pipeline/frames/detail/SeparateProcess.h"
 #include "pipeline/frames/detail/Unpacking.h"
 #include "pipeline/simulation/SimulationRandom.h"
+#include "support/TemporaryFolder.h"
 
 namespace {
 
@@ -127,6 +129,47 @@ TEST(Readers, UnpackingStopsAtItsLimitAndTellsDamage) {
     EXPECT_EQ(unpack(packed.substr(0, packed.size() - 9), 1 << 20, reason), "");
     EXPECT_NE(reason.find("truncated"), std::string::npos);
     EXPECT_EQ(FrameSource(kFolder / "frame.cbf.gz").beginning(77), plain.substr(0, 77));
+}
+
+TEST(Readers, WhatLiesInOtherFoldersIsReadWhenAllowedOnly) {
+    const TemporaryFolder folder;
+    std::filesystem::create_directory(folder / "in");
+    folder.write("plain.h5", *contents(kFolder / "plain.h5"));
+    for (const char* name : {"gathered.h5", "gathered_linked.h5", "raw.h5"})
+        folder.write(std::string("in/") + name, *contents(kFolder / name));
+    std::string master = *contents(kFolder / "nexus_master.h5");
+    for (const std::string number : {"000001.h5", "000002.h5"}) {
+        folder.write("us_data_" + number, *contents(kFolder / ("nexus_data_" + number)));
+        master.replace(master.find("nexus_data_" + number), 11, "../us_data_");
+    }
+    folder.write("in/nexus_master.h5", master);
+    for (const char* name : {"nexus_master.h5", "gathered.h5", "gathered_linked.h5", "raw.h5"}) {
+        const std::filesystem::path path = folder / (std::string("in/") + name);
+        try {
+            FrameFile::open(path);
+            ADD_FAILURE() << name;
+        } catch (const vrk::Failure& failure) {
+            EXPECT_NE(std::string(failure.what()).find("outside its folder; vrk import --allow-outside"),
+                      std::string::npos)
+                << failure.what();
+        }
+        const vrk::Frame frame = FrameFile::open(path, true)->read(1);
+        if (std::string(name) != "raw.h5") {
+            EXPECT_EQ(frame.pixels[7], pixel(1, 7)) << name;
+        }
+    }
+}
+
+TEST(Readers, AProcessThatCountsForeverIsEnded) {
+    vrk::detail::SeparateProcess process([](const std::string& request) {
+        vrk::detail::SeparateProcess::allowSeconds(0);
+        for (volatile int count = 0; request == "forever";)
+            count = 1 - count;
+        return request;
+    });
+    EXPECT_EQ(process.ask("once"), "once");
+    EXPECT_FALSE(process.ask("forever"));
+    EXPECT_FALSE(process.ask("once"));
 }
 
 TEST(Readers, DamagedFilesAreReadOrRefused) {

@@ -121,6 +121,19 @@ def write_emd():
         file["other/counts"] = stack("f4")[:2] + 7
 
 
+def write_outside():
+    """Arrays whose numbers lie in other files: one folder up, behind a link of another file, without a format."""
+    for name, source in (("gathered.h5", h5py.VirtualSource("../plain.h5", "scan/counts", (FRAMES, HEIGHT, WIDTH))),
+                         ("gathered_linked.h5", h5py.VirtualSource("nexus_master.h5", "entry/data/data_000001",
+                                                                   (2, HEIGHT, WIDTH)))):
+        layout = h5py.VirtualLayout(source.shape, "f4")
+        layout[:] = source
+        with h5py.File(path(name), "w") as file:
+            file.create_virtual_dataset("counts", layout)
+    with h5py.File(path("raw.h5"), "w") as file:
+        file.create_dataset("counts", (2, HEIGHT, WIDTH), "u1", external=[("/etc/passwd", 0, h5py.h5f.UNLIMITED)])
+
+
 def write_packed():
     with open(path("frame.cbf"), "rb") as file:
         with open(path("frame.cbf.gz"), "wb") as packed:
@@ -137,4 +150,5 @@ if __name__ == "__main__":
     write_cbf()
     write_nexus()
     write_emd()
+    write_outside()
     write_packed()

@@ -13,7 +13,7 @@ FUZZ_TARGET(bytes) {
     fuzz::Numbers numbers(bytes);
     vrk::PeakCellOptions options;
     options.cell.clustering = static_cast<ClusteringMethod>(numbers.whole(0, 2));
-    options.pixelSize = numbers.ConsumeBool() ? 2e7 : 0.0;
+    options.pixelSize = numbers.flag() ? 2e7 : 0.0;
     Eigen::Matrix3d basis = Eigen::Matrix3d::Identity() * numbers.within(4.0, 30.0);
     basis(0, 1) = numbers.within(-4.0, 4.0);
     basis(1, 1) *= numbers.within(0.5, 2.0);

@@ -88,7 +88,7 @@ FUZZ_TARGET(bytes) {
     const double eps = numbers.whole(0, 9) == 0 ? std::abs(numbers.any()) : numbers.within(0.01, 20.0);
     if (!(eps > 0.0)) return;
     std::vector<Position> positions;
-    while (numbers.more() && positions.size() < 300)
+    while (numbers.more() && positions.size() < 100)
         positions.push_back({numbers.any(), numbers.any(), numbers.any()});
     if (positions.empty()) return;
 

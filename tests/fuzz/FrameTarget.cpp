@@ -1,16 +1,17 @@
 /// \file
-/// Frames in memory. VRK_FRAME_NAME is the name under which they are handed over: its extension decides where
-/// the first bytes do not.
+/// Frames in memory. kFrameName is the name under which they are handed over: its extension decides where the
+/// first bytes do not.
 #include <memory>
 
 #include "FuzzInput.h"
 #include "pipeline/frames/FrameFile.h"
 
+extern const char* const kFrameName;
+
 FUZZ_TARGET(bytes) {
     const auto held = std::make_shared<const std::string>(fuzz::textOf(bytes));
     fuzz::refusable([&] {
-        const std::unique_ptr<vrk::FrameFile> file =
-            vrk::FrameFile::open(vrk::FrameSource(VRK_FRAME_NAME, held));
+        const std::unique_ptr<vrk::FrameFile> file = vrk::FrameFile::open(vrk::FrameSource(kFrameName, held));
         fuzz::expect(file->count() > 0, "a file of frames has frames");
         for (int i = 0; i < std::min(file->count(), 3); ++i) {
             const vrk::FrameInfo& info = file->info(i);

@@ -2,11 +2,11 @@
 /// What the fuzz targets share: bytes as a file that is in memory only, numbers made of bytes, and checks.
 #pragma once
 
-#include <fuzzer/FuzzedDataProvider.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <array>
+#include <bit>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -85,24 +85,47 @@ bool refusable(Work work) {
     }
 }
 
-/// Numbers of the kinds that upset algorithms.
-class Numbers : public FuzzedDataProvider {
+/// Numbers of the kinds that upset algorithms, made of the last bytes first; 0 when none is left.
+class Numbers {
 public:
-    explicit Numbers(Bytes bytes) : FuzzedDataProvider(bytes.data(), bytes.size()) {}
+    explicit Numbers(Bytes bytes) : m_bytes(bytes) {}
 
-    bool more() { return remaining_bytes() > 0; }
-    int whole(int least, int most) { return ConsumeIntegralInRange<int>(least, most); }
-    /// Multiples of 1/64 mostly, so that equal values are frequent; one in eight of any size, one in 32 no
-    /// number.
+    bool more() const { return !m_bytes.empty(); }
+    bool flag() { return (next() & 1) != 0; }
+    int whole(int least, int most) {
+        const std::uint64_t count = static_cast<std::uint64_t>(std::int64_t{most} - least) + 1;
+        std::uint64_t number = 0;
+        for (std::uint64_t left = count - 1; left > 0 && more(); left >>= 8)
+            number = number << 8 | next();
+        return static_cast<int>(least + static_cast<std::int64_t>(number % count));
+    }
+    /// Multiples of 1/64 mostly, so that equal values are frequent; one in eight of any size, one in 32 of
+    /// any bits.
     double any() {
         const int kind = whole(0, 31);
-        if (kind == 0) return ConsumeFloatingPoint<double>();
+        if (kind == 0) return bits();
         if (kind < 4) return std::ldexp(static_cast<double>(whole(-1000, 1000)), whole(-80, 80));
         return static_cast<double>(whole(-8192, 8191)) / 64.0;
     }
     double within(double least, double most) {
         return least + (most - least) * static_cast<double>(whole(0, 65535)) / 65535.0;
     }
+
+private:
+    std::uint8_t next() {
+        if (m_bytes.empty()) return 0;
+        const std::uint8_t byte = m_bytes.back();
+        m_bytes = m_bytes.first(m_bytes.size() - 1);
+        return byte;
+    }
+    double bits() {
+        std::uint64_t number = 0;
+        for (int i = 0; i < 8; ++i)
+            number = number << 8 | next();
+        return std::bit_cast<double>(number);
+    }
+
+    Bytes m_bytes;
 };
 
 /// While a target runs the library says nothing on the standard output.

@@ -10,7 +10,7 @@ using Eigen::Vector3d;
 
 FUZZ_TARGET(bytes) {
     fuzz::Numbers numbers(bytes);
-    const bool isWild = numbers.ConsumeBool();
+    const bool isWild = numbers.flag();
     vrk::Lattice truth;
     for (double& entry : truth.basis.reshaped())
         entry = isWild ? numbers.any() : numbers.within(-3.0, 3.0);
@@ -21,7 +21,7 @@ FUZZ_TARGET(bytes) {
     std::vector<vrk::FitPoint> points;
     std::vector<Vector3d> places;
     double squares = 0.0;
-    while (numbers.more() && points.size() < 200) {
+    while (numbers.more() && points.size() < 60) {
         const Vector3d node(numbers.whole(-4, 4), numbers.whole(-4, 4), numbers.whole(-4, 4));
         const Vector3d off(noise * numbers.within(-1, 1), noise * numbers.within(-1, 1),
                            noise * numbers.within(-1, 1));

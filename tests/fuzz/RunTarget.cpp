@@ -17,10 +17,10 @@ FUZZ_TARGET(bytes) {
     vrk::SeriesStatement statement;
     statement.pixelSize = numbers.whole(0, 9) == 0 ? numbers.any() : 2.5e8;
     statement.kiloVolts = numbers.whole(0, 9) == 0 ? numbers.any() : 200.0;
-    if (numbers.ConsumeBool()) statement.axis = numbers.within(-90.0, 90.0);
+    if (numbers.flag()) statement.axis = numbers.within(-90.0, 90.0);
     vrk::RunOptions options;
     options.cell.clustering = static_cast<ClusteringMethod>(numbers.whole(0, 2));
-    options.intensities.wanted = numbers.ConsumeBool();
+    options.intensities.wanted = numbers.flag();
     if (numbers.whole(0, 3) == 0) options.search.threshold = numbers.any();
 
     // Spots of a square lattice, and whatever the bytes put in.
@@ -35,8 +35,8 @@ FUZZ_TARGET(bytes) {
                                                                   : 0.0F);
     }
     while (numbers.more()) {
-        const std::size_t at = numbers.ConsumeIntegralInRange<std::size_t>(0, pixels.size() - 1);
-        const std::size_t count = numbers.ConsumeIntegralInRange<std::size_t>(1, 64);
+        const auto at = static_cast<std::size_t>(numbers.whole(0, static_cast<int>(pixels.size()) - 1));
+        const auto count = static_cast<std::size_t>(numbers.whole(1, 64));
         std::fill_n(pixels.begin() + static_cast<std::ptrdiff_t>(at), std::min(count, pixels.size() - at),
                     static_cast<float>(numbers.any()));
     }

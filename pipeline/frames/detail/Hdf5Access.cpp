@@ -2,12 +2,20 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <functional>
 
 namespace vrk::detail {
 namespace {
 
 constexpr hsize_t kMostTextBytes = 1 << 20;
+constexpr std::size_t kLongestPath = 4096;
+
+Hdf5Id withoutLocks() {
+    Hdf5Id access(H5Pcreate(H5P_FILE_ACCESS));
+    H5Pset_file_locking(access.get(), false, true);
+    return access;
+}
 
 bool isNumber(hid_t type) {
     const H5T_class_t kind = H5Tget_class(type);
@@ -46,11 +54,97 @@ std::vector<double> readNumbers(hid_t type, hid_t space, std::size_t most,
     return numbers;
 }
 
+/// A process that reads a file reads this one alone: where it lies, and what it named outside.
+const FrameSource* theSource = nullptr;
+std::string theFileOutside;
+int theDepth = 0;  ///< of arrays that are made of arrays
+
+/// Whether a file may be read that one in the folder \p near names. What is not there may be: it is missed
+/// later.
+bool mayRead(const std::filesystem::path& name, const std::filesystem::path& near) {
+    if (!theSource || theSource->allowsOutside()) return true;
+    const std::filesystem::path beside = near / name;
+    std::error_code ignored;
+    // The library also looks in the working folder, and puts numbers where a percent sign stands.
+    const bool isBeside =
+        std::filesystem::exists(beside, ignored) || name.string().find('%') != std::string::npos;
+    const std::filesystem::path folder = std::filesystem::absolute(theSource->path()).parent_path();
+    if (isBeside ? liesWithin(std::filesystem::absolute(beside), folder)
+                 : !std::filesystem::exists(name, ignored))
+        return true;
+    if (theFileOutside.empty()) theFileOutside = isBeside ? beside.string() : name.string();
+    return false;
+}
+
+herr_t onExternalLink(const char* file, const char*, const char* target, const char*, unsigned*, hid_t,
+                      void*) {
+    return mayRead(target, std::filesystem::path(file).parent_path()) ? 0 : -1;
+}
+
+std::string fileOf(const Hdf5Id& dataset) {
+    std::array<char, kLongestPath> name{};
+    return H5Fget_name(dataset.get(), name.data(), name.size()) < 0 ? "" : name.data();
+}
+
+/// Files that links lead to lie on disk, also when this one was unpacked in memory.
+Hdf5Id followingLinks(hid_t kind) {
+    Hdf5Id access(H5Pcreate(kind));
+    H5Pset_elink_fapl(access.get(), withoutLocks().get());
+    H5Pset_elink_cb(access.get(), onExternalLink, nullptr);
+    return access;
+}
+
+/// Sizes of the pieces that an array is stored in; empty when it is stored in one.
+std::vector<hsize_t> pieceOf(const Hdf5Id& dataset) {
+    if (!isDataset(dataset)) return {};
+    const Hdf5Id created(H5Dget_create_plist(dataset.get()));
+    std::array<hsize_t, H5S_MAX_RANK> sizes{};
+    const int rank = H5Pget_layout(created.get()) == H5D_CHUNKED
+                         ? H5Pget_chunk(created.get(), H5S_MAX_RANK, sizes.data())
+                         : 0;
+    return {sizes.begin(), sizes.begin() + std::max(rank, 0)};
+}
+
+/// Whether the files that an array takes its numbers from may be read, and those that arrays there do.
+bool mayReadPartsOf(const Hdf5Id& dataset) {
+    constexpr int kDeepest = 8;
+    if (!theSource || theSource->allowsOutside()) return true;
+    const Hdf5Id created(H5Dget_create_plist(dataset.get()));
+    for (int i = 0; i < H5Pget_external_count(created.get()); ++i) {
+        std::array<char, kLongestPath> name{};
+        // Numbers without a format of their own, in a file named relative to the working folder.
+        if (H5Pget_external(created.get(), static_cast<unsigned>(i), name.size() - 1, name.data(), nullptr,
+                            nullptr) < 0 ||
+            !mayRead(name.data(), ""))
+            return false;
+    }
+    const auto parts = gatheredArrays(dataset);
+    if (parts.empty()) return true;
+    if (theDepth == kDeepest) return false;
+    ++theDepth;
+    const std::filesystem::path folder = std::filesystem::path(fileOf(dataset)).parent_path();
+    bool may = true;
+    for (const auto& [file, array] : parts) {
+        may = may && (file == "." || mayRead(file, folder));
+        if (!may) break;
+        const Hdf5Id part(file == "."
+                              ? H5Iget_file_id(dataset.get())
+                              : H5Fopen((folder / file).c_str(), H5F_ACC_RDONLY, withoutLocks().get()));
+        may = objectAt(part.get(), array) || theFileOutside.empty();
+    }
+    --theDepth;
+    return may;
+}
+
 }  // namespace
 
+std::string fileOutside() {
+    return theFileOutside;
+}
+
 Hdf5Id openHdf5(const FrameSource& source) {
-    const Hdf5Id access(H5Pcreate(H5P_FILE_ACCESS));
-    H5Pset_file_locking(access.get(), false, true);
+    theSource = &source;
+    const Hdf5Id access = withoutLocks();
     if (source.isPlainFile()) return Hdf5Id(H5Fopen(source.path().c_str(), H5F_ACC_RDONLY, access.get()));
     std::string bytes = source.everything(std::uint64_t{1} << 31);
     H5Pset_fapl_core(access.get(), 1 << 20, false);
@@ -65,12 +159,30 @@ Hdf5Id openHdf5(const FrameSource& source) {
 }
 
 Hdf5Id objectAt(hid_t place, const std::string& path) {
-    // Files that links lead to lie on disk, also when this one was unpacked in memory.
-    const Hdf5Id linked(H5Pcreate(H5P_LINK_ACCESS));
-    const Hdf5Id access(H5Pcreate(H5P_FILE_ACCESS));
-    H5Pset_file_locking(access.get(), false, true);
-    H5Pset_elink_fapl(linked.get(), access.get());
-    return Hdf5Id(H5Oopen(place, path.c_str(), linked.get()));
+    const Hdf5Id linked = followingLinks(H5P_LINK_ACCESS);
+    Hdf5Id object(H5Oopen(place, path.c_str(), linked.get()));
+    return !isDataset(object) || mayReadPartsOf(object) ? std::move(object) : Hdf5Id();
+}
+
+Hdf5Id arrayAt(hid_t place, const std::string& path) {
+    Hdf5Id array = objectAt(place, path);
+    const std::vector<hsize_t> piece = pieceOf(array);
+    const std::vector<long long> shape = shapeOf(array);
+    if (piece.size() != 3 || piece[0] < 2 || shape.size() != 3) return array;
+    const Hdf5Id type(H5Dget_type(array.get()));
+    const auto pieces = [&](std::size_t axis) {
+        return static_cast<double>((static_cast<hsize_t>(shape[axis]) + piece[axis] - 1) / piece[axis]);
+    };
+    constexpr double kMostBytes = 1 << 30;
+    const double bytes =
+        static_cast<double>(H5Tget_size(type.get()) * piece[0] * piece[1] * piece[2]) * pieces(1) * pieces(2);
+    if (bytes > kMostBytes) return array;
+    const Hdf5Id access = followingLinks(H5P_DATASET_ACCESS);
+    constexpr std::size_t kPlaces = 1009;
+    H5Pset_chunk_cache(access.get(), kPlaces, static_cast<std::size_t>(bytes) + 1, 1.0);
+    // The first who opens an array says how much memory it has.
+    array = Hdf5Id();
+    return Hdf5Id(H5Dopen2(place, path.c_str(), access.get()));
 }
 
 bool isDataset(const Hdf5Id& object) {
@@ -174,7 +286,7 @@ std::vector<std::pair<std::string, std::string>> gatheredArrays(const Hdf5Id& da
         return name;
     };
     std::vector<std::pair<std::string, std::string>> arrays;
-    for (std::size_t i = 0; i < std::min<std::size_t>(count, 10000); ++i) {
+    for (std::size_t i = 0; i < count; ++i) {
         std::pair<std::string, std::string> from{nameFrom(H5Pget_virtual_filename, i),
                                                  nameFrom(H5Pget_virtual_dsetname, i)};
         if (arrays.empty() || arrays.back() != from) arrays.push_back(std::move(from));
@@ -214,6 +326,21 @@ std::string readColumn(const Hdf5Id& dataset, long long column) {
     if (H5Dread(dataset.get(), H5T_NATIVE_CHAR, memory.get(), space.get(), H5P_DEFAULT, text.data()) < 0)
         return "";
     return text.substr(0, text.find('\0'));
+}
+
+long long slicesWritten(const Hdf5Id& dataset, int axis) {
+    const std::vector<long long> shape = shapeOf(dataset);
+    const std::vector<hsize_t> piece = pieceOf(dataset);
+    if (shape.size() != 3) return 1;
+    const auto along = static_cast<std::size_t>(axis);
+    hsize_t count = 0;
+    if (piece.size() != 3 || H5Dget_num_chunks(dataset.get(), H5S_ALL, &count) < 0) return shape[along];
+    double perLayer = 1;
+    for (std::size_t i = 0; i < 3; ++i)
+        if (i != along) perLayer *= std::ceil(static_cast<double>(shape[i]) / static_cast<double>(piece[i]));
+    const double written =
+        std::ceil(static_cast<double>(count) / perLayer) * static_cast<double>(piece[along]);
+    return static_cast<long long>(std::min(written, static_cast<double>(shape[along])));
 }
 
 std::string obstacleIn(const Hdf5Id& dataset) {

@@ -37,8 +37,14 @@ private:
 /// Opens for reading without locks, so that files on read-only media can be read, too.
 Hdf5Id openHdf5(const FrameSource& source);
 
-/// A group or data set below \p place, links followed.
+/// A group or data set below \p place, links followed. Negative when they, or what a data set is made of,
+/// lead to a file outside the folder of the one that was opened, unless its source allows that.
 Hdf5Id objectAt(hid_t place, const std::string& path);
+/// The first file that was not read because it lies outside; empty when there was none.
+std::string fileOutside();
+/// An array as objectAt() opens it, with memory for a piece that holds several frames, so that it is unpacked
+/// once and not for each of them.
+Hdf5Id arrayAt(hid_t place, const std::string& path);
 bool isDataset(const Hdf5Id& object);
 /// Sizes of the dimensions, the slowest first; empty for objects that are no arrays of numbers.
 std::vector<long long> shapeOf(const Hdf5Id& dataset);
@@ -66,6 +72,9 @@ std::vector<std::pair<std::string, std::string>> gatheredArrays(const Hdf5Id& da
 bool readSlice(const Hdf5Id& dataset, int axis, long long slice, std::vector<float>& pixels);
 /// Reads column \p column of an array of bytes.
 std::string readColumn(const Hdf5Id& dataset, long long column);
+
+/// How many slices along \p axis have been written at most; all of them where that cannot be told.
+long long slicesWritten(const Hdf5Id& dataset, int axis);
 
 /// What keeps the pixels from being read: the name of a filter that is not installed, or a chunk that no
 /// camera needs; empty when nothing does.

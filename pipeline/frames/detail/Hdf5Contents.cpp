@@ -59,6 +59,14 @@ void addStack(Hdf5Contents& contents, hid_t file, const FrameSource& source, con
         stack.count = static_cast<int>(shape[static_cast<std::size_t>(axis)]);
         shape.erase(shape.begin() + axis);
     }
+    // A series that was ended early has frames without pixels, but it has some with them.
+    constexpr long long kMostEmpty = 1000, kMostEmptyEach = 100;
+    const long long written = slicesWritten(dataset, axis);
+    if (stack.count > kMostEmpty && stack.count / kMostEmptyEach > written) {
+        contents.problem = path + " announces " + std::to_string(stack.count) + " frames, of which " +
+                           std::to_string(written) + " were written; the file is damaged";
+        return;
+    }
     FrameInfo info;
     info.height = static_cast<int>(shape[0]);
     info.width = static_cast<int>(shape[1]);

@@ -80,7 +80,7 @@ void limitMemory() {
 [[noreturn]] void serve(int socket, const SeparateProcess::Answer& answer) {
     // Ctrl-C is the parent's affair, which then ends this process.
     std::signal(SIGINT, SIG_IGN);
-    for (const int fault : {SIGSEGV, SIGBUS, SIGABRT, SIGFPE, SIGILL})
+    for (const int fault : {SIGSEGV, SIGBUS, SIGABRT, SIGFPE, SIGILL, SIGXCPU})
         std::signal(fault, SIG_DFL);
     const rlimit noCore{0, 0};
     setrlimit(RLIMIT_CORE, &noCore);
@@ -121,6 +121,15 @@ std::optional<std::string> SeparateProcess::ask(const std::string& request) {
     if (m_socket >= 0 && sendMessage(m_socket, request)) answer = receiveMessage(m_socket, kPatience);
     if (!answer) end();
     return answer;
+}
+
+void SeparateProcess::allowSeconds(int seconds) {
+    rusage used{};
+    rlimit limit{};
+    if (getrusage(RUSAGE_SELF, &used) != 0 || getrlimit(RLIMIT_CPU, &limit) != 0) return;
+    const auto sum = used.ru_utime.tv_sec + used.ru_stime.tv_sec + 1 + seconds;
+    limit.rlim_cur = std::min(limit.rlim_max, static_cast<rlim_t>(sum));
+    setrlimit(RLIMIT_CPU, &limit);
 }
 
 void SeparateProcess::end() {

@@ -22,6 +22,10 @@ public:
     SeparateProcess(const SeparateProcess&) = delete;
     SeparateProcess& operator=(const SeparateProcess&) = delete;
 
+    /// For the child: ends it when it takes more time of the processor than this from now on. Waiting for
+    /// disks does not count.
+    static void allowSeconds(int seconds);
+
     /// Empty when the child has died, or has said nothing for two minutes; it is dead then.
     std::optional<std::string> ask(const std::string& request);
 

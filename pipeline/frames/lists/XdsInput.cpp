@@ -87,10 +87,10 @@ std::optional<double> axisOf(const Keywords& keywords) {
 std::string nameOf(std::string pattern, long long number) {
     const std::size_t first = pattern.find('?');
     if (first == std::string::npos) return pattern;
-    const std::size_t width = pattern.find_first_not_of('?', first) - first;
+    const std::size_t width = std::min(pattern.find_first_not_of('?', first), pattern.size()) - first;
     if (pattern.ends_with(".h5")) return pattern.replace(first, width, "master");
     const std::string digits = std::to_string(number);
-    return pattern.replace(first, std::min(width, pattern.size() - first),
+    return pattern.replace(first, width,
                            std::string(width > digits.size() ? width - digits.size() : 0, '0') + digits);
 }
 

@@ -16,7 +16,8 @@ namespace {
 using detail::Hdf5Contents;
 using detail::Hdf5Id;
 
-/// What the process that reads the file does. The library trusts the files it reads; damaged ones crash it.
+/// What the process that reads the file does. The library trusts the files it reads; damaged ones crash it or
+/// make it loop.
 class Hdf5Server {
 public:
     explicit Hdf5Server(const FrameSource& source) : m_source(source) {
@@ -25,6 +26,8 @@ public:
 
     /// "contents", or "frame STACK AXIS SLICE SIZE" once that was asked.
     std::string answer(const std::string& request) {
+        constexpr int kSecondsToLookThrough = 10, kSecondsAFrame = 30;
+        detail::SeparateProcess::allowSeconds(request == "contents" ? kSecondsToLookThrough : kSecondsAFrame);
         if (!m_file) m_file = detail::openHdf5(m_source);
         if (request == "contents") return describe();
         std::istringstream words(request);
@@ -41,6 +44,10 @@ private:
     std::string describe() {
         if (!m_file) return "";
         m_contents = detail::contentsOf(m_file, m_source);
+        if (const std::string outside = detail::fileOutside(); !outside.empty())
+            m_contents.problem = "it names " + outside +
+                                 ", which lies outside its folder; vrk import --allow-outside takes frames "
+                                 "from anywhere";
         nlohmann::json infos = nlohmann::json::array();
         for (const FrameInfo& info : m_contents.infos) {
             nlohmann::json values = {info.width, info.height};
@@ -64,7 +71,7 @@ private:
     std::string frame(std::size_t stack, int axis, long long slice, std::size_t size) {
         // The array stays open, so that pieces of the file that hold several frames are unpacked once.
         if (!m_array || m_openStack != stack)
-            m_array = detail::objectAt(m_file.get(), m_contents.stacks.at(stack).path);
+            m_array = detail::arrayAt(m_file.get(), m_contents.stacks.at(stack).path);
         m_openStack = stack;
         std::vector<float> pixels(size);
         if (!m_array || !detail::readSlice(m_array, axis, slice, pixels)) return "";

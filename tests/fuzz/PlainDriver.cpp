@@ -1,0 +1,226 @@
+// Runs a fuzz target without libFuzzer: every file of its corpus, then changed ones. The changes are random
+// numbers of a seed, so the same call runs the same inputs. Options are named as libFuzzer's:
+//   fuzz_TARGET [-runs=N] [-seed=N] [-max_len=N] [-dict=FILE] [-artifact_prefix=PATH] FILE|FOLDER...
+// The input in hand lies in the file PATHinput, which stays when the target fails.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+
+namespace {
+
+struct Options {
+    long runs = 0;
+    std::uint64_t seed = 1;
+    std::size_t longest = 4096;
+    std::string prefix = "./";
+    std::vector<std::string> words;
+    std::vector<std::string> corpus;
+};
+
+std::string contentOf(const std::filesystem::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    if (!file) throw std::runtime_error(path.string() + " cannot be read");
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/// The words of a dictionary: one a line in quotes, with \\, \" and \xNN.
+std::vector<std::string> wordsOf(const std::string& path) {
+    std::vector<std::string> words;
+    std::ifstream file(path);
+    for (std::string line; std::getline(file, line);) {
+        const std::size_t begin = line.find('"'), end = line.rfind('"');
+        if (line.starts_with('#') || begin == end) continue;
+        std::string word;
+        for (std::size_t i = begin + 1; i < end; ++i) {
+            if (line[i] != '\\')
+                word += line[i];
+            else if (line[++i] == 'x') {
+                word += static_cast<char>(std::stoi(line.substr(i + 1, 2), nullptr, 16));
+                i += 2;
+            } else
+                word += line[i];
+        }
+        words.push_back(word);
+    }
+    if (words.empty()) throw std::runtime_error(path + " holds no words");
+    return words;
+}
+
+Options optionsOf(int count, char** arguments) {
+    Options options;
+    for (const std::string_view argument : std::vector<std::string_view>(arguments + 1, arguments + count)) {
+        const std::size_t equals = argument.find('=');
+        const std::string value(argument.substr(equals == std::string_view::npos ? 0 : equals + 1));
+        if (argument.starts_with("-runs="))
+            options.runs = std::stol(value);
+        else if (argument.starts_with("-seed="))
+            options.seed = std::stoull(value);
+        else if (argument.starts_with("-max_len="))
+            options.longest = std::stoul(value);
+        else if (argument.starts_with("-dict="))
+            options.words = wordsOf(value);
+        else if (argument.starts_with("-artifact_prefix="))
+            options.prefix = value;
+        else if (argument.starts_with('-'))
+            throw std::runtime_error(std::string(argument) + " is no option here");
+        else if (!std::filesystem::is_directory(argument))
+            options.corpus.push_back(contentOf(argument));
+        else {
+            std::vector<std::filesystem::path> files;
+            for (const auto& entry : std::filesystem::directory_iterator(argument))
+                files.push_back(entry.path());
+            std::ranges::sort(files);
+            std::ranges::transform(files, std::back_inserter(options.corpus), contentOf);
+        }
+    }
+    if (options.corpus.empty()) throw std::runtime_error("there is no corpus");
+    return options;
+}
+
+/// Makes new inputs of those of a corpus.
+class Mutator {
+public:
+    explicit Mutator(const Options& options) : m_options(options), m_random(options.seed) {}
+
+    std::string next() {
+        std::string input = m_options.corpus[below(m_options.corpus.size())];
+        for (std::size_t changes = 1 + below(6); changes > 0; --changes)
+            change(input);
+        input.resize(std::min(input.size(), m_options.longest));
+        return input;
+    }
+
+private:
+    /// A number from 0 to count - 1; 0 for a count of 0.
+    std::size_t below(std::size_t count) { return count > 0 ? m_random() % count : 0; }
+
+    void change(std::string& input) {
+        const std::size_t at = below(input.size() + 1);
+        const std::size_t length = std::min(std::size_t{1} << below(7), input.size() - at);
+        switch (below(10)) {
+            case 0:
+                input.erase(at, length);
+                break;
+            case 1:
+                input.insert(at, input.substr(below(input.size()), length));
+                break;
+            case 2:
+                input.resize(at);
+                break;
+            case 3:
+                input.insert(at, 1 + below(8), static_cast<char>(below(256)));
+                break;
+            case 4:
+                splice(input, at);
+                break;
+            case 5:
+                number(input, at);
+                break;
+            case 6:
+            case 7:
+                word(input, at, length);
+                break;
+            default:
+                if (at < input.size()) input[at] = static_cast<char>(input[at] ^ (1 << below(8)));
+        }
+    }
+
+    /// The end of another input from here on.
+    void splice(std::string& input, std::size_t at) {
+        const std::string& other = m_options.corpus[below(m_options.corpus.size())];
+        input.replace(at, std::string::npos, other.substr(std::min(at + below(8), other.size())));
+    }
+
+    /// A whole number of 1 to 8 bytes, mostly one at a border.
+    void number(std::string& input, std::size_t at) {
+        std::uint64_t value = below(3) == 0 ? m_random() : std::uint64_t{1} << below(64);
+        value -= below(3);
+        if (below(2) == 0) value = ~value;
+        if (below(4) == 0) value = __builtin_bswap64(value);
+        const std::size_t size = std::min(std::size_t{1} << below(4), input.size() - at);
+        std::memcpy(input.data() + at, &value, size);
+    }
+
+    /// A word of the dictionary or a number as text.
+    void word(std::string& input, std::size_t at, std::size_t length) {
+        constexpr std::string_view kTexts[] = {"0",   "-1",    "1e308", "-1e-308", "nan", "inf", "2147483648",
+                                               "1e9", "65536", ",",     "\n",      " ",   "\"",  "{"};
+        const std::size_t which = below(m_options.words.size() + std::size(kTexts));
+        const std::string_view text = which < m_options.words.size()
+                                          ? std::string_view(m_options.words[which])
+                                          : kTexts[which - m_options.words.size()];
+        input.replace(at, below(2) == 0 ? 0 : length, text);
+    }
+
+    const Options& m_options;
+    std::mt19937_64 m_random;
+};
+
+/// Runs inputs, each of which lies in a file meanwhile.
+class Runner {
+public:
+    explicit Runner(const std::string& path)
+        : m_path(path), m_file(open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)) {
+        if (m_file < 0) throw std::runtime_error(path + " cannot be written");
+        std::fprintf(stderr, "fuzz: the input in hand lies in %s\n", path.c_str());
+    }
+
+    void run(const std::string& input) {
+        const auto size = static_cast<off_t>(input.size());
+        if (ftruncate(m_file, size) != 0 || pwrite(m_file, input.data(), input.size(), 0) != size)
+            throw std::runtime_error(m_path + " cannot be written");
+        const std::clock_t start = std::clock();
+        // A copy of its own size, beyond which no byte may be read.
+        const std::vector<std::uint8_t> bytes(input.begin(), input.end());
+        LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
+        const std::clock_t took = std::clock() - start;
+        m_slowest = std::max(m_slowest, took);
+        m_ticks += took;
+        ++m_runs;
+    }
+
+    void finish() {
+        close(m_file);
+        std::filesystem::remove(m_path);
+        const auto seconds = [](std::clock_t ticks) { return static_cast<double>(ticks) / CLOCKS_PER_SEC; };
+        std::printf("fuzz: %ld runs, %.0f a second, slowest %.3f s\n", m_runs,
+                    static_cast<double>(m_runs) / std::max(seconds(m_ticks), 1e-6), seconds(m_slowest));
+    }
+
+private:
+    std::string m_path;
+    int m_file;
+    long m_runs = 0;
+    std::clock_t m_slowest = 0, m_ticks = 0;  // of the processor
+};
+
+}  // namespace
+
+int main(int count, char** arguments) try {
+    const Options options = optionsOf(count, arguments);
+    Runner runner(options.prefix + "input");
+    for (const std::string& input : options.corpus)
+        runner.run(input);
+    Mutator mutator(options);
+    for (long i = static_cast<long>(options.corpus.size()); i < options.runs; ++i)
+        runner.run(mutator.next());
+    runner.finish();
+} catch (const std::exception& error) {
+    std::fprintf(stderr, "fuzz: %s\n", error.what());
+    return 2;
+}
