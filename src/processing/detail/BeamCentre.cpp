@@ -121,15 +121,13 @@ std::vector<cv::Point> brightest(cv::Mat_<float> image, int count, int apart) {
     return places;
 }
 
-/// Linear interpolation at a fixed displacement (0 to 1 pixel).
-cv::Mat_<float> displaced(const cv::Mat& image, cv::Point2d by) {
+/// Linear interpolation at a fixed displacement (0 to 1 pixel) of a part of an image.
+void displace(const cv::Mat& image, const cv::Rect& part, cv::Point2d by, cv::Mat_<float>& result) {
     const std::array<float, 2> wx = {static_cast<float>(1 - by.x), static_cast<float>(by.x)};
     const std::array<float, 2> wy = {static_cast<float>(1 - by.y), static_cast<float>(by.y)};
-    cv::Mat_<float> result;
-    cv::sepFilter2D(image, result, CV_32F, cv::Mat(1, 2, CV_32F, const_cast<float*>(wx.data())),
+    cv::sepFilter2D(image(part), result, CV_32F, cv::Mat(1, 2, CV_32F, const_cast<float*>(wx.data())),
                     cv::Mat(1, 2, CV_32F, const_cast<float*>(wy.data())), cv::Point(0, 0), 0,
                     cv::BORDER_REPLICATE);
-    return result;
 }
 
 /// Normal equations of the displacement that makes pairs of opposite pixels equal.
@@ -848,14 +846,20 @@ BeamCentre BeamCentreFinder::refine(const cv::Mat& image, cv::Point2d start, con
     cv::Point2d c = start - cv::Point2d(around.box.tl());
     std::vector<Pair> pairs;
     std::vector<float> scratch;
+    cv::Mat_<float> shifted, gradientX, gradientY;
+    const int reach = static_cast<int>(disc.radius);
     const bool sloping = disc.roots && disc.radius > kBeamRadius;
     for (int iteration = 0; iteration < kMostIterations; ++iteration) {
         const cv::Point whole(cvFloor(c.x), cvFloor(c.y));
         if (!inside.contains(whole)) return {};
         const cv::Point2d rest = c - cv::Point2d(whole);
-        collectPairs(displaced(around.image, rest), displaced(around.gradientX, rest),
-                     displaced(around.gradientY, rest), around.dead, whole, static_cast<int>(disc.radius),
-                     disc.roots, pairs);
+        const cv::Rect part = cv::Rect(whole.x - reach, whole.y - reach, 2 * reach + 1, 2 * reach + 1) &
+                              cv::Rect({0, 0}, around.box.size());
+        displace(around.image, part, rest, shifted);
+        displace(around.gradientX, part, rest, gradientX);
+        displace(around.gradientY, part, rest, gradientY);
+        collectPairs(shifted, gradientX, gradientY, around.dead.empty() ? around.dead : around.dead(part),
+                     whole - part.tl(), reach, disc.roots, pairs);
         constexpr std::size_t kFewestPairs = 30;
         if (pairs.size() < kFewestPairs) return {};
         NormalEquations equations = solve(pairs, sloping, scratch);
