@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "foundation/detail/Median.h"
+#include "foundation/detail/Selection.h"
 #include "processing/ImageOperations.h"
 
 namespace VRK::detail {
@@ -209,13 +210,19 @@ float deviationOfRoot(float root) {
     return std::sqrt(std::max(1.0F - kRootOffset / (shifted * shifted), kLowest));
 }
 
+struct Scratch {
+    std::vector<float> sizes;
+    RankedFloats ranked;
+};
+
 /// \param halo  whether its slope is an unknown, too
-NormalEquations solve(const std::vector<Pair>& pairs, bool halo, std::vector<float>& scratch) {
+NormalEquations solve(const std::vector<Pair>& pairs, bool halo, Scratch& scratch) {
     NormalEquations e;
-    scratch.clear();
-    for (const Pair& p : pairs)
-        scratch.push_back(std::abs(p.difference) / p.deviation);
-    e.scale = std::max(1.4826 * medianOf(scratch), 1e-3);
+    scratch.sizes.resize(pairs.size());
+    std::transform(pairs.begin(), pairs.end(), scratch.sizes.begin(),
+                   [](const Pair& p) { return std::abs(p.difference) / p.deviation; });
+    scratch.ranked.assign(scratch.sizes);
+    e.scale = std::max(1.4826 * scratch.ranked.upperMedian(), 1e-3);
     const double limit = 4.685 * e.scale;
     std::size_t inliers = 0;
     for (const Pair& p : pairs) {
@@ -560,10 +567,14 @@ std::vector<cv::Point2f> BeamCentreFinder::spotsOf(const cv::Mat_<float>& patter
     cv::dilate(smooth, highest, cv::Mat::ones(3, 3, CV_8U));
     if (m_hasDead) cv::dilate(m_dead, dead, cv::Mat::ones(7, 7, CV_8U));
     std::vector<float> sizes;
+    sizes.reserve((static_cast<std::size_t>(smooth.rows) / 3 + 1) *
+                  (static_cast<std::size_t>(smooth.cols) / 3 + 1));
     for (int y = 0; y < smooth.rows; y += 3)
         for (int x = 0; x < smooth.cols; x += 3)
             sizes.push_back(std::abs(smooth(y, x)));
-    const double level = kSignificant * 1.4826 * double{medianOf(sizes)};
+    RankedFloats ranked;
+    ranked.assign(sizes);
+    const double level = kSignificant * 1.4826 * double{ranked.upperMedian()};
     std::vector<cv::Point2f> spots;
     constexpr int kBorder = 3;
     for (int y = kBorder; y < smooth.rows - kBorder; ++y)
@@ -845,7 +856,7 @@ BeamCentre BeamCentreFinder::refine(const cv::Mat& image, cv::Point2d start, con
     const cv::Rect inside(2, 2, around.box.width - 4, around.box.height - 4);
     cv::Point2d c = start - cv::Point2d(around.box.tl());
     std::vector<Pair> pairs;
-    std::vector<float> scratch;
+    Scratch scratch;
     cv::Mat_<float> shifted, gradientX, gradientY;
     const int reach = static_cast<int>(disc.radius);
     const bool sloping = disc.roots && disc.radius > kBeamRadius;
