@@ -12,6 +12,10 @@
 #include "foundation/Version.h"
 #include "pipeline/base/Failure.h"
 
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
+
 namespace {
 
 constexpr int kDone = 0;
@@ -95,9 +99,20 @@ int runWords(const std::vector<std::string>& words) {
     return runHosted(static_cast<int>(copies.size()), arguments.data());
 }
 
+/// Work on frames takes scratch memory of some megabytes thousands of times. To give it back to the system
+/// each time, and touch fresh pages the next, takes as long as the work. Series and volumes are larger and go
+/// back.
+void keepScratchMemory() {
+#ifdef __GLIBC__
+    mallopt(M_MMAP_THRESHOLD, 32 << 20);
+    mallopt(M_TRIM_THRESHOLD, 64 << 20);
+#endif
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    keepScratchMemory();
     try {
         return runHosted(argc, argv);
     } catch (const std::exception& error) {

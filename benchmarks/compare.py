@@ -30,12 +30,14 @@ PAIRS = [
 
 def benchmark_seconds(program, name):
     """Processor time of one call."""
-    text = subprocess.run(
-        [program, f"--benchmark_filter=^{name}$", "--benchmark_format=json", "--benchmark_min_time=0.2"],
-        check=True, capture_output=True, text=True,
-    ).stdout
-    # Some programs of the core narrate before the report.
-    entry = json.loads(text[text.index("{"):])["benchmarks"][0]
+    # The core narrates on the standard output, in the middle of a report there.
+    with tempfile.NamedTemporaryFile(suffix=".json") as report:
+        subprocess.run(
+            [program, f"--benchmark_filter=^{name}$", f"--benchmark_out={report.name}", "--benchmark_out_format=json",
+             "--benchmark_min_time=0.2"],
+            check=True, capture_output=True,
+        )
+        entry = json.load(report)["benchmarks"][0]
     return entry["cpu_time"] * {"ns": 1e-9, "us": 1e-6, "ms": 1e-3, "s": 1.0}[entry["time_unit"]]
 
 

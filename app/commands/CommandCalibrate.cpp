@@ -8,6 +8,7 @@
 
 #include "commands/Commands.h"
 #include "console/AxisOption.h"
+#include "console/JobsOption.h"
 #include "console/LogOption.h"
 #include "console/MemoryOption.h"
 #include "pipeline/base/Failure.h"
@@ -152,6 +153,7 @@ void addCalibrateCommand(CommandLine& line, Host& host) {
         .positive();
     command.option("--voltage", options->run.kiloVolts, "High tension in kV [the series']").positive();
     command.flag("--json", options->json, "Print the result as JSON");
+    addJobsOption(command, options->run.jobs);
     addLogOptions(command, options->log);
     addMemoryOption(command, &host);
     command.footer(

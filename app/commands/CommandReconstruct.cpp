@@ -6,11 +6,13 @@
 #include <system_error>
 
 #include "commands/Commands.h"
+#include "console/JobsOption.h"
 #include "console/MemoryOption.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/JsonText.h"
 #include "pipeline/base/LibraryStage.h"
 #include "pipeline/base/NumberText.h"
+#include "pipeline/base/Workers.h"
 #include "pipeline/frames/DataFiles.h"
 #include "pipeline/run/MemoryNeed.h"
 #include "pipeline/run/Preprocessing.h"
@@ -25,6 +27,7 @@ struct Options {
     LogOptions log;
     std::string fineCalibration;
     double finePixelSize = 0;
+    int jobs = 0;
     bool json = false;
 };
 
@@ -55,6 +58,7 @@ void run(const Options& options, Host& host) {
     requireMemoryForVolume(series->m_Header, 0);
     const double pixelSize = calibratedPixelSize(options, *series, host);
 
+    const Workers workers(options.jobs);
     VoxMRCstemProcessing processing;
     processing.registerObserver(&host.session().progress());
     const auto start = std::chrono::steady_clock::now();
@@ -100,6 +104,7 @@ void addReconstructCommand(CommandLine& line, Host& host) {
         .positive()
         .excludes(calibration);
     command.flag("--json", options->json, "Print the result as JSON");
+    addJobsOption(command, options->jobs);
     addLogOptions(command, options->log);
     addMemoryOption(command, &host);
     command.footer("Example:\n  vrk reconstruct clean.mrc -o volume.mrc --fine-calibration calibration.txt");

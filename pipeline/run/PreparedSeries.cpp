@@ -11,7 +11,7 @@
 namespace vrk {
 
 CentredSeries centre(Series series, const CentreChoice& choice, bool keepCounts, Session& session) {
-    RecordedCounts counts;
+    RecordedCounts counts{.again = keepCounts ? series.again : nullptr};
     MovedSeries moved =
         preprocessed(std::move(series.frames), choice, session, keepCounts ? &counts : nullptr);
     RadialNoise noise(*moved.frames);

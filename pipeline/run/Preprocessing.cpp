@@ -52,6 +52,12 @@ std::vector<PatternCentre> givenCentres(const mrcH& header, const CentreChoice& 
     return std::vector<PatternCentre>(static_cast<std::size_t>(header.nz), centre);
 }
 
+std::unique_ptr<VoxMRCData> madeSquare(std::unique_ptr<VoxMRCData> series, Session& session) {
+    VoxMRCstemProcessing processing;
+    processing.registerObserver(&session.progress());
+    return runStage(session, "pad to square", [&] { return processing.PadToSquare(series.get()); });
+}
+
 /// The part of square frames that frames of another shape fill about their centre. Where the sides differ by
 /// an odd number, half a pixel of each end is mixed with the padding.
 RecordedPixels::Area areaOf(const FrameSize& frames, int size) {
@@ -62,6 +68,16 @@ RecordedPixels::Area areaOf(const FrameSize& frames, int size) {
 }
 
 }  // namespace
+
+void RecordedCounts::restore(Session& session) {
+    if (frames || !again) return;
+    std::unique_ptr<VoxMRCData> series = again(session);
+    if (series->GetWidth() != series->GetHeight()) series = madeSquare(std::move(series), session);
+    if (!replaced.replaceIn(*series))
+        throw Failure("the series has another size than when it was read first");
+    frames = std::move(series);
+    again = nullptr;
+}
 
 MovedSeries movedToCentre(const VoxMRCData& frames, const FrameSize& before, const CentreChoice& choice,
                           Session& session) {
@@ -104,11 +120,17 @@ MovedSeries preprocessed(std::unique_ptr<VoxMRCData> series, const CentreChoice&
     const FrameSize before(*series);
     if (series->GetWidth() != series->GetHeight()) {
         session.warn("the frames are not square; they were padded about their centre");
-        series = runStage(session, "pad to square", [&] { return processing.PadToSquare(series.get()); });
+        series = madeSquare(std::move(series), session);
     }
-    series = runStage(session, "hot spots", [&] { return processing.HotSpotFilterImageStack(series.get()); });
+    std::unique_ptr<VoxMRCData> filtered =
+        runStage(session, "hot spots", [&] { return processing.HotSpotFilterImageStack(series.get()); });
+    if (counts && counts->again) counts->replaced = ReplacedPixels(*series, *filtered);
+    series = std::move(filtered);
     MovedSeries moved = movedToCentre(*series, before, choice, session);
-    if (counts) *counts = {std::move(series), std::move(moved.shadows)};
+    if (counts) {
+        counts->shadows = std::move(moved.shadows);
+        if (!counts->again) counts->frames = std::move(series);
+    }
     series.reset();
     moved.frames = runStage(session, "background", [&] {
         return processing.step1_BackgroundSubstraction(moved.frames.get(), moved.recorded);

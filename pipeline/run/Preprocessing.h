@@ -3,11 +3,13 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <vector>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "pipeline/base/Session.h"
+#include "pipeline/run/ReplacedPixels.h"
 #include "pipeline/run/RunOptions.h"
 #include "processing/PatternCentre.h"
 #include "processing/RecordedPixels.h"
@@ -23,10 +25,19 @@ struct MovedSeries {
     ShadowMask shadows;  ///< of the frames before they were moved
 };
 
-/// Square frames as they were recorded, without hot spots: what intensities are measured on.
+/// Square frames as they were recorded, without hot spots: what intensities are measured on. Until then they
+/// need not be in memory beside those that the volume is built of.
 struct RecordedCounts {
-    std::unique_ptr<VoxMRCData> frames;
-    ShadowMask shadows;
+    std::unique_ptr<VoxMRCData> frames = {};
+    ShadowMask shadows = {};
+    /// The frames as they came; empty: those that are wanted are kept.
+    std::function<std::unique_ptr<VoxMRCData>(Session&)> again = {};
+    ReplacedPixels replaced = {};
+
+    /// Whether there are frames, or will be when they are restored.
+    bool wanted() const { return frames || again; }
+    /// Reads the frames once more unless they are there. Throws Failure when they are not the same any more.
+    void restore(Session& session);
 };
 
 /// Width and height of frames before they were made square, pixels.
@@ -47,7 +58,8 @@ MovedSeries movedToCentre(const VoxMRCData& frames, const FrameSize& before, con
 
 /// Square frames, without hot spots, with the direct beam in the middle and the background taken off.
 /// The axis is where it was. Throws Failure when a step fails or the user stopped it.
-/// \param counts  receives the frames before they were centred; may be null
+/// \param counts  receives the frames before they were centred, or what it takes to restore them where it
+///                says how they come again; may be null
 MovedSeries preprocessed(std::unique_ptr<VoxMRCData> series, const CentreChoice& choice, Session& session,
                          RecordedCounts* counts = nullptr);
 

@@ -338,8 +338,13 @@ RunResult runCentred(CentredSeries centred, const RunOptions& options, const Run
     if (best->axis.source == "assumed" && best->indexed.axisConfirmed) best->axis.source = "refined";
     std::optional<Intensities> intensities;
     centred.frames.reset();
-    if (options.intensities.wanted && centred.counts.frames) {
-        session.beginPart(8, kRunParts, "measure intensities");
+    if (options.intensities.wanted && centred.counts.wanted()) {
+        session.beginPart(8, kRunParts, "measure intensities", centred.counts.frames ? 1 : 2);
+        if (!centred.counts.frames)
+            timed(s.read, [&] {
+                centred.counts.restore(session);
+                return true;
+            });
         intensities = timed(s.integrate, [&] {
             return intensitiesOf(best->indexed, *best, centred.counts, options.intensities, stages, session);
         });

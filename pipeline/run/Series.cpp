@@ -6,6 +6,7 @@
 #include "indexing/EwaldCurvature.h"
 #include "pipeline/base/Angle.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/FileChecksum.h"
 #include "pipeline/base/NumberText.h"
 #include "pipeline/base/UnitCheck.h"
 #include "pipeline/frames/DataFiles.h"
@@ -98,7 +99,20 @@ Series makeSeries(std::unique_ptr<VoxMRCData> frames, const RunOptions& options,
 }
 
 Series loadSeries(const std::filesystem::path& path, const RunOptions& options, Session& session) {
-    return makeSeries(readSeries(path, session), options, session);
+    std::error_code ignored;
+    // A pipe is read once.
+    const bool stays = std::filesystem::is_regular_file(path, ignored);
+    const FileState state = stays ? stateOf(path) : FileState();
+    Series series = makeSeries(readSeries(path, session), options, session);
+    if (!stays) return series;
+    series.again = [=](Session& later) {
+        const QuietLog quiet(later, QuietLog::Keep::InLogAlone);
+        refuseChanged(path, state);
+        std::unique_ptr<VoxMRCData> frames = makeSeries(readSeries(path, later), options, later).frames;
+        refuseChanged(path, state);
+        return frames;
+    };
+    return series;
 }
 
 }  // namespace vrk

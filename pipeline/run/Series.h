@@ -4,6 +4,7 @@
 
 #include <array>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 
@@ -38,6 +39,9 @@ KnownTerms knownTerms(const SeriesFacts& facts);
 struct Series {
     std::unique_ptr<VoxMRCData> frames;
     SeriesFacts facts;
+    /// Gives the same frames once more, without warnings; empty for a series that is in memory alone. Throws
+    /// Failure when they are not the same any more.
+    std::function<std::unique_ptr<VoxMRCData>(Session&)> again = {};
 };
 
 /// Checks a series (checkedSeries()) and settles pixel size and voltage. Throws Failure when it cannot be

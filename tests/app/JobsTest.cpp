@@ -58,6 +58,15 @@ TEST(JobsTest, ThreadsChangeNoFile) {
         for (const auto& [file, content] : files)
             EXPECT_TRUE(content == one[file]) << file << " with " << jobs << " jobs";
     }
+    const std::string clean = folder / "clean.mrc", volume = folder / "volume.mrc";
+    std::map<std::string, std::string> step;
+    for (const char* jobs : {"1", "5"}) {
+        ASSERT_EQ(runVrk({"preprocess", series, "-o", clean, "--rotate", "header", "--jobs", jobs}).exitCode,
+                  0);
+        ASSERT_EQ(runVrk({"reconstruct", clean, "-o", volume, "--jobs", jobs}).exitCode, 0);
+        for (const char* file : {"clean.mrc", "volume.mrc"})
+            EXPECT_TRUE(folder.read(file) == step.emplace(file, folder.read(file)).first->second) << file;
+    }
 }
 
 }  // namespace

@@ -1,11 +1,17 @@
 // Noise, levels and the level that gives the lattice.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <functional>
 #include <random>
 
+#include "pipeline/base/Attempt.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/frames/DataFiles.h"
+#include "pipeline/frames/SeriesHeader.h"
 #include "pipeline/run/LatticeChoice.h"
+#include "pipeline/run/PreparedSeries.h"
+#include "support/TemporaryFolder.h"
 
 namespace {
 
@@ -70,6 +76,49 @@ vrk::ReciprocalVolume volumeOfBars(double noise, double halo) {
     for (unsigned distance : {2, 6, 11})
         put(63 + distance, 63, 5000);
     return {std::move(voxels), SamplingGeometry(128, tilts, 111), noiseOf(noise, halo, 9), facts()};
+}
+
+TEST(RecordedCounts, ComeAgainFromTheFileAsTheyAreKept) {
+    const TemporaryFolder folder;
+    const std::string path = folder / "series.mrc";
+    const auto frames = blank(60, 48, 7);
+    std::mt19937 random(5);
+    std::poisson_distribution<int> counts(40);
+    frames->m_Header = vrk::tiltSeriesHeader(60, 48, {-10, -7, -4, -1, 2, 5, 8}, 1e8, "made");
+    for (unsigned z = 0; z < 7; ++z) {
+        short* pixels = frames->GetChunkPointer(z);
+        for (unsigned i = 0; i < 60 * 48; ++i)
+            pixels[i] = static_cast<short>(counts(random));
+        for (const unsigned hot : {0U, 60U * 20 + 30 + z, 60U * 48 - 1})
+            pixels[hot] = 20000;
+    }
+    vrk::Session session(vrk::silence());
+    vrk::writeData(*frames, path, session);
+
+    vrk::CentreChoice middle;
+    middle.source = vrk::CentreChoice::Source::Middle;
+    const auto kept =
+        vrk::centre(vrk::makeSeries(vrk::readSeries(path, session), {}, session), middle, true, session);
+    ASSERT_TRUE(kept.counts.frames && !kept.counts.again) << "a series in memory does not come again";
+    auto read = vrk::centre(vrk::loadSeries(path, {}, session), middle, true, session).counts;
+    ASSERT_TRUE(read.wanted() && !read.frames) << "these would be in memory twice";
+    EXPECT_FALSE(vrk::centre(vrk::loadSeries(path, {}, session), middle, false, session).counts.wanted());
+    const std::size_t warnings = session.warnings().size();
+    read.restore(session);
+    EXPECT_EQ(session.warnings().size(), warnings) << "what the series lacks was told";
+    const VoxMRCData& one = *kept.counts.frames;
+    ASSERT_EQ(read.frames->GetDepth(), 7U);
+    ASSERT_EQ(read.frames->GetChunkSize(), 60U * 60U) << "square";
+    for (unsigned z = 0; z < 7; ++z)
+        EXPECT_TRUE(std::equal(one.GetChunkPointer(z), one.GetChunkPointer(z) + 3600,
+                               read.frames->GetChunkPointer(z)))
+            << z;
+    EXPECT_LT(one.GetChunkPointer(3)[60 * 26 + 33], 100) << "without hot spots";
+    EXPECT_EQ(read.frames->m_Header.tilt(6), 8.0F);
+
+    auto late = vrk::centre(vrk::loadSeries(path, {}, session), middle, true, session).counts;
+    std::filesystem::resize_file(path, std::filesystem::file_size(path) - 2);
+    EXPECT_THROW(late.restore(session), vrk::Failure);
 }
 
 TEST(SearchLevels, DoubleFromFiveDeviationsToTheLastWithEnough) {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "foundation/detail/Median.h"
+#include "foundation/detail/Selection.h"
 #include "processing/ImageOperations.h"
 
 namespace VRK::detail {
@@ -121,15 +122,13 @@ std::vector<cv::Point> brightest(cv::Mat_<float> image, int count, int apart) {
     return places;
 }
 
-/// Linear interpolation at a fixed displacement (0 to 1 pixel).
-cv::Mat_<float> displaced(const cv::Mat& image, cv::Point2d by) {
+/// Linear interpolation at a fixed displacement (0 to 1 pixel) of a part of an image.
+void displace(const cv::Mat& image, const cv::Rect& part, cv::Point2d by, cv::Mat_<float>& result) {
     const std::array<float, 2> wx = {static_cast<float>(1 - by.x), static_cast<float>(by.x)};
     const std::array<float, 2> wy = {static_cast<float>(1 - by.y), static_cast<float>(by.y)};
-    cv::Mat_<float> result;
-    cv::sepFilter2D(image, result, CV_32F, cv::Mat(1, 2, CV_32F, const_cast<float*>(wx.data())),
+    cv::sepFilter2D(image(part), result, CV_32F, cv::Mat(1, 2, CV_32F, const_cast<float*>(wx.data())),
                     cv::Mat(1, 2, CV_32F, const_cast<float*>(wy.data())), cv::Point(0, 0), 0,
                     cv::BORDER_REPLICATE);
-    return result;
 }
 
 /// Normal equations of the displacement that makes pairs of opposite pixels equal.
@@ -211,13 +210,19 @@ float deviationOfRoot(float root) {
     return std::sqrt(std::max(1.0F - kRootOffset / (shifted * shifted), kLowest));
 }
 
+struct Scratch {
+    std::vector<float> sizes;
+    RankedFloats ranked;
+};
+
 /// \param halo  whether its slope is an unknown, too
-NormalEquations solve(const std::vector<Pair>& pairs, bool halo, std::vector<float>& scratch) {
+NormalEquations solve(const std::vector<Pair>& pairs, bool halo, Scratch& scratch) {
     NormalEquations e;
-    scratch.clear();
-    for (const Pair& p : pairs)
-        scratch.push_back(std::abs(p.difference) / p.deviation);
-    e.scale = std::max(1.4826 * medianOf(scratch), 1e-3);
+    scratch.sizes.resize(pairs.size());
+    std::transform(pairs.begin(), pairs.end(), scratch.sizes.begin(),
+                   [](const Pair& p) { return std::abs(p.difference) / p.deviation; });
+    scratch.ranked.assign(scratch.sizes);
+    e.scale = std::max(1.4826 * scratch.ranked.upperMedian(), 1e-3);
     const double limit = 4.685 * e.scale;
     std::size_t inliers = 0;
     for (const Pair& p : pairs) {
@@ -562,10 +567,14 @@ std::vector<cv::Point2f> BeamCentreFinder::spotsOf(const cv::Mat_<float>& patter
     cv::dilate(smooth, highest, cv::Mat::ones(3, 3, CV_8U));
     if (m_hasDead) cv::dilate(m_dead, dead, cv::Mat::ones(7, 7, CV_8U));
     std::vector<float> sizes;
+    sizes.reserve((static_cast<std::size_t>(smooth.rows) / 3 + 1) *
+                  (static_cast<std::size_t>(smooth.cols) / 3 + 1));
     for (int y = 0; y < smooth.rows; y += 3)
         for (int x = 0; x < smooth.cols; x += 3)
             sizes.push_back(std::abs(smooth(y, x)));
-    const double level = kSignificant * 1.4826 * double{medianOf(sizes)};
+    RankedFloats ranked;
+    ranked.assign(sizes);
+    const double level = kSignificant * 1.4826 * double{ranked.upperMedian()};
     std::vector<cv::Point2f> spots;
     constexpr int kBorder = 3;
     for (int y = kBorder; y < smooth.rows - kBorder; ++y)
@@ -847,15 +856,21 @@ BeamCentre BeamCentreFinder::refine(const cv::Mat& image, cv::Point2d start, con
     const cv::Rect inside(2, 2, around.box.width - 4, around.box.height - 4);
     cv::Point2d c = start - cv::Point2d(around.box.tl());
     std::vector<Pair> pairs;
-    std::vector<float> scratch;
+    Scratch scratch;
+    cv::Mat_<float> shifted, gradientX, gradientY;
+    const int reach = static_cast<int>(disc.radius);
     const bool sloping = disc.roots && disc.radius > kBeamRadius;
     for (int iteration = 0; iteration < kMostIterations; ++iteration) {
         const cv::Point whole(cvFloor(c.x), cvFloor(c.y));
         if (!inside.contains(whole)) return {};
         const cv::Point2d rest = c - cv::Point2d(whole);
-        collectPairs(displaced(around.image, rest), displaced(around.gradientX, rest),
-                     displaced(around.gradientY, rest), around.dead, whole, static_cast<int>(disc.radius),
-                     disc.roots, pairs);
+        const cv::Rect part = cv::Rect(whole.x - reach, whole.y - reach, 2 * reach + 1, 2 * reach + 1) &
+                              cv::Rect({0, 0}, around.box.size());
+        displace(around.image, part, rest, shifted);
+        displace(around.gradientX, part, rest, gradientX);
+        displace(around.gradientY, part, rest, gradientY);
+        collectPairs(shifted, gradientX, gradientY, around.dead.empty() ? around.dead : around.dead(part),
+                     whole - part.tl(), reach, disc.roots, pairs);
         constexpr std::size_t kFewestPairs = 30;
         if (pairs.size() < kFewestPairs) return {};
         NormalEquations equations = solve(pairs, sloping, scratch);
