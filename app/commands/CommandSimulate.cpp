@@ -249,6 +249,8 @@ void addHeaderOptions(Command& command, Options& options) {
     group.addFree("--state-step", stated.tiltStep, "State tilts with this step from the first one on");
     group.add("--state-pixel", stated.pixelFactor, "Stated over true pixel size, 0 for none");
     group.addFree("--state-kv", stated.kilovolts, "State this high tension, 0 for none");
+    group.addFree("--state-rotation", stated.rotation,
+                  "State that a frame turns by this many degrees, 0 for none");
 }
 
 void addCentreOptions(Command& command, Options& options) {

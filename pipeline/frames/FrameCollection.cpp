@@ -276,6 +276,7 @@ void describeBy(const FrameList& list, FrameInfo& info, bool overwrite) {
     take(info.kilovolts, list.kilovolts);
     take(info.pixelSize, list.pixelSize);
     take(info.rotation, list.rotation);
+    take(info.precession, list.precession);
     take(info.axis, list.axis);
 }
 

@@ -25,10 +25,11 @@ struct Frame {
 struct FrameInfo {
     int width = 0;
     int height = 0;
-    std::optional<double> tilt;       ///< degrees, the middle of the frame's rotation
-    std::optional<double> rotation;   ///< degrees covered while the frame was exposed
-    std::optional<double> pixelSize;  ///< 1/metre per pixel
-    std::optional<double> kilovolts;  ///< acceleration voltage
+    std::optional<double> tilt;      ///< degrees, the middle of the frame's rotation
+    std::optional<double> rotation;  ///< degrees covered while the frame was exposed; 0: the tilt stood still
+    std::optional<double> precession;  ///< half angle of the beam's precession cone, degrees
+    std::optional<double> pixelSize;   ///< 1/metre per pixel
+    std::optional<double> kilovolts;   ///< acceleration voltage
     std::optional<double>
         axis;  ///< direction of the tilt axis, degrees; along (-sin t, cos t), y down the file
     std::optional<double> exposure;  ///< seconds

@@ -30,9 +30,10 @@ struct FrameList {
     std::vector<Entry> frames;
     std::optional<Sweep> sweep;
     std::optional<double> kilovolts;
-    std::optional<double> pixelSize;  ///< 1/metre per pixel
-    std::optional<double> rotation;   ///< degrees per frame
-    std::optional<double> axis;       ///< degrees, as in FrameInfo
+    std::optional<double> pixelSize;   ///< 1/metre per pixel
+    std::optional<double> rotation;    ///< degrees per frame; 0: the tilt stands still
+    std::optional<double> precession;  ///< half angle of the beam's precession cone, degrees
+    std::optional<double> axis;        ///< degrees, as in FrameInfo
 
     bool namesFiles() const { return !frames.empty() && !frames.front().path.empty(); }
     /// The tilts of frames in these files, in this order. Names are compared without folders and extensions,

@@ -4,7 +4,9 @@
 
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
@@ -18,6 +20,19 @@ namespace vrk {
 /// \param label the first label, cut at 80 characters
 mrcH tiltSeriesHeader(int width, int height, const std::vector<double>& tilts, double pixelSize,
                       const std::string& label);
+
+/// What the crystal and the beam did while a frame was exposed, as the files of the frames state it.
+struct StatedMotion {
+    double rotation = 0;    ///< degrees; 0: the tilt stood still
+    double precession = 0;  ///< half angle of the beam's cone, degrees; 0: none
+};
+
+/// Keeps it in the second label, which other programs show and leave alone.
+void stateMotion(mrcH& header, const StatedMotion& motion);
+
+/// Nothing when no label states it. \param labels  labels of 80 characters each
+std::optional<StatedMotion> statedMotion(std::string_view labels);
+std::optional<StatedMotion> statedMotion(const mrcH& header);
 
 /// A series without contents. Throws std::bad_alloc.
 std::unique_ptr<VoxMRCData> emptySeries(int width, int height, std::size_t slices);

@@ -76,6 +76,7 @@ private:
     bool readScaled(const std::vector<Group>& groups);
     void shortenSeries();
     void fillHeader();
+    std::optional<StatedMotion> motion() const;
     template <class Member>
     std::optional<double> firstStated(Member member) const;
     void warnAboutLosses();
@@ -387,6 +388,28 @@ std::optional<double> Importer::firstStated(Member member) const {
     return std::nullopt;
 }
 
+/// What a slice's frames did together. Nothing when not all frames state one rotation, or one that does not
+/// go into the distance of their tilts.
+std::optional<StatedMotion> Importer::motion() const {
+    constexpr double kSame = 0.01;  // of the rotation
+    constexpr double kTooFar = 1.05;
+    const std::optional<double>& stated = m_frames.front().info.rotation;
+    if (!stated || !std::all_of(m_frames.begin(), m_frames.end(), [&](const FrameReference& frame) {
+            return frame.info.rotation &&
+                   std::abs(*frame.info.rotation - *stated) <= kSame * std::abs(*stated);
+        }))
+        return std::nullopt;
+    const double rotation = std::abs(*stated);
+    const double step = typicalStep();
+    if (rotation > kTooFar * step) {
+        m_warn("the files state that every frame turns by " + textOf(rotation) +
+               " degrees, but their tilts are " + textOf(step) + " apart: that is not believed");
+        return std::nullopt;
+    }
+    const double others = rotation > 0 ? step * (m_result.sum - 1) : 0;
+    return StatedMotion{rotation + others, m_frames.front().info.precession.value_or(0)};
+}
+
 void Importer::fillHeader() {
     VoxMRCData& series = *m_result.series;
     const std::optional<double> stated = firstStated(&FrameInfo::pixelSize);
@@ -414,6 +437,7 @@ void Importer::fillHeader() {
         series.m_Header.setValue(SliceValue::ExposureTime, z,
                                  static_cast<float>(m_exposures[static_cast<std::size_t>(z)]));
     }
+    if (const std::optional<StatedMotion> turned = motion()) stateMotion(series.m_Header, *turned);
     setDensities(series);
 }
 

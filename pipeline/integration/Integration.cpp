@@ -42,6 +42,8 @@ constexpr double kPoorCurves = 4;
 constexpr double kWrongGain = 100;
 /// So many saturated reflections are told, as a share of all.
 constexpr double kSaturatedShare = 0.01;
+/// Counts of a reflection tell where it crossed when they are so many standard deviations.
+constexpr double kCentroidSignificance = 3;
 /// Less of a curve says too little about all of it.
 constexpr double kLeastCoverage = 0.1;
 
@@ -116,6 +118,12 @@ void checkGain(double told, double seen) {
                   seen, told));
 }
 
+std::string inWords(RotationMode mode, double rotation) {
+    std::string text = nameOf(mode);
+    if (mode == RotationMode::Continuous) text += formatted(" over %.3g degrees", rotation / kDegree);
+    return text;
+}
+
 class Integrator {
 public:
     Integrator(IntegrationInput input, const IntegrationOptions& options);
@@ -132,8 +140,12 @@ private:
     void refine();
     void chooseMode(const SpotPrediction& prediction, std::span<const MeasuredSpot> measured,
                     std::span<const SpotCentroid> centroids);
-    RockingModel bestPrecession(double least, const SpotPrediction& prediction,
-                                std::span<const MeasuredSpot> measured);
+    double fittedMisfit(const SpotPrediction& prediction, std::span<const MeasuredSpot> measured,
+                        std::span<const SpotCentroid> centroids);
+    void setRotation(const StatedMode& mode);
+    bool isStated(RotationMode mode) const;
+    void tellContradiction(double misfit);
+    double bestPrecession(const SpotPrediction& prediction, std::span<const MeasuredSpot> measured);
     double settle(const GeometryFit& fit, const SpotPrediction& prediction);
     void measure(double dMin);
     LaueRotations likelyRotations() const;
@@ -157,6 +169,10 @@ Integrator::Integrator(IntegrationInput input, const IntegrationOptions& options
     m_rocking.mode = options.mode.value_or(RotationMode::Continuous);
     m_rocking.precession = options.precession;
     m_result.start = m_input.geometry;
+    const std::optional<StatedMode>& stated = m_input.stated;
+    if (!stated || stated->mode != options.mode) return;
+    setRotation(*stated);
+    if (!(m_rocking.precession > 0)) m_rocking.precession = stated->precession;
 }
 
 PredictionLimits Integrator::limits(double dMin) const {
@@ -222,63 +238,112 @@ double Integrator::settle(const GeometryFit& fit, const SpotPrediction& predicti
     return farthest;
 }
 
-/// Tries what else the frames may have done, and keeps what fits the curves best.
-void Integrator::chooseMode(const SpotPrediction& prediction, std::span<const MeasuredSpot> measured,
-                            std::span<const SpotCentroid> centroids) {
-    RockingModel best = m_rocking;
-    double least = 0;
-    const auto compare = [&](const RockingModel& trial, double misfit) {
-        // The simplest explanation that is not clearly worse.
-        if (!m_result.modeMisfits.empty() && misfit > kClearlyBetter * least) return;
-        least = misfit;
-        best = trial;
-    };
-    for (const RotationMode mode : {RotationMode::Continuous, RotationMode::Stepwise}) {
-        GeometryOptions options;
-        options.optional = options.tilts = false;
-        RockingModel trial = m_rocking;
-        trial.mode = mode;
-        const GeometryFit fit = refineGeometry(m_geometry, trial, prediction, measured, centroids, options);
-        const double misfit = curveMisfit(fit.geometry, fit.rocking, prediction, measured);
-        compare(fit.rocking, misfit);
-        m_result.modeMisfits.emplace_back(mode, misfit);
-    }
-    m_rocking = best;
-    if (least > kPoorCurves) m_rocking = bestPrecession(least, prediction, measured);
-    m_result.modeFound = true;
+/// Frames that do not turn all the time turn by less than the distance of their tilts.
+void Integrator::setRotation(const StatedMode& mode) {
+    if (mode.mode != RotationMode::Continuous || !(mode.rotation > 0)) return;
+    for (FramePose& pose : m_geometry.frames)
+        pose.rotation = mode.rotation;
 }
 
-/// The precession that fits the curves best, if it does so clearly. The middle of a curve does not depend on
-/// it, so the geometry stays.
-RockingModel Integrator::bestPrecession(double least, const SpotPrediction& prediction,
-                                        std::span<const MeasuredSpot> measured) {
-    RockingModel best = m_rocking;
-    double found = kClearlyBetter * least;
-    double lowest = std::numeric_limits<double>::infinity();
+/// Whether the statement is that of frames without gaps.
+bool Integrator::isStated(RotationMode mode) const {
+    constexpr double kSame = 0.02;
+    const std::optional<StatedMode>& stated = m_input.stated;
+    return stated && stated->mode == mode &&
+           (mode != RotationMode::Continuous ||
+            std::abs(stated->rotation / m_input.geometry.frames.front().rotation - 1) < kSame);
+}
+
+/// Tries what the frames may have done, what they are said to have done first, and keeps what fits the curves
+/// best.
+void Integrator::chooseMode(const SpotPrediction& prediction, std::span<const MeasuredSpot> measured,
+                            std::span<const SpotCentroid> centroids) {
+    const SeriesGeometry start = m_geometry;
+    const RockingModel first = m_rocking;
+    double least = std::numeric_limits<double>::infinity();
+    m_result.modeSource = ModeSource::Curves;
+    const auto attempt = [&](const StatedMode& mode, ModeSource source) {
+        // The simplest explanation that is not clearly worse, and a statement unless it is.
+        const double limit = std::isfinite(least) ? kClearlyBetter * least : least;
+        const SeriesGeometry geometryBefore = m_geometry;
+        const RockingModel before = m_rocking;
+        m_geometry = start;
+        setRotation(mode);
+        // The width of other curves is where that of precessed ones is looked for.
+        if (mode.mode != RotationMode::Precession) m_rocking = first;
+        m_rocking.mode = mode.mode;
+        m_rocking.precession = mode.precession;
+        const double misfit = mode.mode == RotationMode::Precession
+                                  ? bestPrecession(prediction, measured)
+                                  : fittedMisfit(prediction, measured, centroids);
+        m_result.modeMisfits.emplace_back(mode.mode, misfit);
+        if (misfit <= limit) {
+            least = misfit;
+            m_result.modeSource = source;
+            return;
+        }
+        m_geometry = geometryBefore;
+        m_rocking = before;
+    };
+    const std::optional<StatedMode>& stated = m_input.stated;
+    if (stated) attempt(*stated, ModeSource::Header);
+    for (const RotationMode mode : {RotationMode::Continuous, RotationMode::Stepwise})
+        if (!isStated(mode)) attempt({mode}, ModeSource::Curves);
+    if (least > kPoorCurves) attempt({RotationMode::Precession}, ModeSource::Curves);
+    if (stated && m_result.modeSource == ModeSource::Curves) tellContradiction(least);
+}
+
+/// Of the curves, once their width is refined.
+double Integrator::fittedMisfit(const SpotPrediction& prediction, std::span<const MeasuredSpot> measured,
+                                std::span<const SpotCentroid> centroids) {
+    GeometryOptions options;
+    options.optional = options.tilts = false;
+    const GeometryFit fit = refineGeometry(m_geometry, m_rocking, prediction, measured, centroids, options);
+    m_rocking = fit.rocking;
+    return curveMisfit(fit.geometry, fit.rocking, prediction, measured);
+}
+
+void Integrator::tellContradiction(double misfit) {
+    const StatedMode& stated = *m_input.stated;
+    m_result.remarks.push_back(formatted(
+        "the series states that its frames are %s, the rocking curves say %s (misfit %.1f instead of "
+        "%.1f); the curves are believed, --mode decides",
+        inWords(stated.mode, stated.rotation).c_str(),
+        inWords(m_rocking.mode, m_geometry.frames.front().rotation).c_str(), misfit,
+        m_result.modeMisfits.front().second));
+}
+
+/// The precession, and the width with it, that fits the curves best; near the angle that is stated, where one
+/// is. The middle of a curve does not depend on it, so the geometry stays. \returns the misfit
+double Integrator::bestPrecession(const SpotPrediction& prediction, std::span<const MeasuredSpot> measured) {
+    const RockingModel first = m_rocking;
+    double found = std::numeric_limits<double>::infinity();
     const auto attempt = [&](double precession, double width) {
-        RockingModel trial = m_rocking;
+        RockingModel trial = first;
         trial.mode = RotationMode::Precession;
         trial.precession = precession;
         trial.width = width;
         const double misfit = curveMisfit(m_geometry, trial, prediction, measured);
-        lowest = std::min(lowest, misfit);
         if (misfit > found) return;
         found = misfit;
-        best = trial;
+        m_rocking = trial;
     };
-    const double width = m_rocking.width;
-    for (const double degrees : {0.4, 0.55, 0.75, 1.0, 1.3, 1.7, 2.2})
+    const auto attemptWidths = [&](double precession) {
         for (const double factor : {0.35, 0.6, 1.0})
-            attempt(degrees * kDegree, factor * width);
-    m_result.modeMisfits.emplace_back(RotationMode::Precession, lowest);
-    if (best.mode != RotationMode::Precession) return best;
+            attempt(precession, factor * first.width);
+    };
+    if (first.precession > 0)
+        attemptWidths(first.precession);
+    else
+        for (const double degrees : {0.4, 0.55, 0.75, 1.0, 1.3, 1.7, 2.2})
+            attemptWidths(degrees * kDegree);
     for (const double fineness : {0.1, 0.04, 0.015}) {
-        const RockingModel middle = best;
+        const RockingModel middle = m_rocking;
         for (const double angle : {1 - fineness, 1.0, 1 + fineness})
             for (const double factor : {1 - 2 * fineness, 1.0, 1 + 2 * fineness})
                 attempt(angle * middle.precession, factor * middle.width);
     }
-    return best;
+    return found;
 }
 
 void Integrator::refine() {
@@ -319,7 +384,7 @@ void Integrator::refine() {
         if (!m_options.gain) m_noise = noiseOfRings(measured, m_noise);
         if (round == 1 && !m_options.mode) chooseMode(prediction, measured, centroids);
         if (round == 1 && m_options.mode == RotationMode::Precession && !(m_options.precession > 0))
-            m_rocking = bestPrecession(std::numeric_limits<double>::max(), prediction, measured);
+            bestPrecession(prediction, measured);
 
         GeometryOptions options;
         options.terms = m_result.fit.terms;
@@ -423,7 +488,7 @@ IntegratedReflection Integrator::assembled(std::uint32_t number, std::span<const
     result.x = place.x;
     result.y = place.y;
 
-    double sum = 0, moment = 0, variance = 0;
+    double sum = 0, moment = 0, noise = 0;
     for (std::uint32_t n = 0; n < predicted.spotCount; ++n) {
         const std::uint32_t spot = predicted.firstSpot + n;
         const std::uint8_t flags = m_result.measured[spot].flags;
@@ -433,22 +498,24 @@ IntegratedReflection Integrator::assembled(std::uint32_t number, std::span<const
         const FittedSpot& fitted = m_result.fitted[spot];
         sum += fitted.counts;
         moment += fitted.counts * frames[m_result.prediction.spots[spot].frame].tilt;
+        noise += fitted.variance;
     }
     result.observedTilt = result.tilt;
-    if (sum > 3 * std::sqrt(std::max(variance, 1e-9)) && sum > 0) {
-        const double mean = moment / sum;
-        for (std::uint32_t n = 0; n < predicted.spotCount; ++n) {
-            const std::uint32_t spot = predicted.firstSpot + n;
-            const FramePose& pose = frames[m_result.prediction.spots[spot].frame];
-            const double offset = pose.tilt - mean;
-            // Within a frame the counts may lie anywhere.
-            const double within = m_rocking.mode == RotationMode::Continuous ? pose.rotation : 0;
-            variance += m_result.fitted[spot].variance * offset * offset +
-                        std::pow(m_result.fitted[spot].counts * within, 2) / 12;
-        }
-        result.observedTilt = mean / kDegree;
-        result.observedTiltSigma = std::sqrt(variance) / sum / kDegree;
+    // The centroid of noise lies anywhere.
+    if (!(noise > 0) || sum <= kCentroidSignificance * std::sqrt(noise)) return result;
+    const double mean = moment / sum;
+    double variance = 0;
+    for (std::uint32_t n = 0; n < predicted.spotCount; ++n) {
+        const std::uint32_t spot = predicted.firstSpot + n;
+        const FramePose& pose = frames[m_result.prediction.spots[spot].frame];
+        const double offset = pose.tilt - mean;
+        // Within a frame the counts may lie anywhere.
+        const double within = m_rocking.mode == RotationMode::Continuous ? pose.rotation : 0;
+        variance += m_result.fitted[spot].variance * offset * offset +
+                    std::pow(m_result.fitted[spot].counts * within, 2) / 12;
     }
+    result.observedTilt = mean / kDegree;
+    result.observedTiltSigma = std::sqrt(variance) / sum / kDegree;
     return result;
 }
 

@@ -19,6 +19,24 @@
 
 namespace vrk {
 
+/// How the crystal turned during a frame, as the files of the frames state it.
+struct StatedMode {
+    RotationMode mode = RotationMode::Continuous;
+    double rotation = 0;    ///< of a continuous frame, radians; less than the step where frames have gaps
+    double precession = 0;  ///< half angle of the cone, radians
+};
+
+/// Who said how the crystal turned.
+enum class ModeSource {
+    Option,  ///< IntegrationOptions::mode
+    Header,  ///< IntegrationInput::stated, which the curves do not contradict
+    Curves
+};
+
+constexpr const char* nameOf(ModeSource source) {
+    return source == ModeSource::Option ? "option" : source == ModeSource::Header ? "header" : "curves";
+}
+
 /// What the integration starts from.
 struct IntegrationInput {
     /// Frames without hot spots, before any background was taken away. Dead pixels are found beside those
@@ -29,12 +47,13 @@ struct IntegrationInput {
     SeriesGeometry geometry;
     char centring = 'P';
     double resolution = 0;  ///< to which reflections were seen at least, Angstrom; 0: not known
+    std::optional<StatedMode> stated;
 };
 
 struct IntegrationOptions {
     std::optional<double> dMin;          ///< Angstrom; found from the data otherwise
     std::optional<double> gain;          ///< counts that one electron makes
-    std::optional<RotationMode> mode;    ///< found from the curves otherwise
+    std::optional<RotationMode> mode;    ///< as stated, or found from the curves, otherwise
     double precession = 0;               ///< half angle of the precession cone, radians; 0: found
     bool refine = true;                  ///< the geometry; otherwise only the rocking width
     std::vector<std::string> keptTerms;  ///< GeometryOptions::kept
@@ -85,7 +104,7 @@ struct IntegrationResult {
     RadialShape shape;
     int saturation = 0;
     std::size_t deadPixels = 0;
-    bool modeFound = false;                                    ///< by the curves; otherwise as told
+    ModeSource modeSource = ModeSource::Option;
     std::vector<std::pair<RotationMode, double>> modeMisfits;  ///< mean square misfit of the curves
     double dMin = 0;                                           ///< Angstrom, of the reflections below
     bool resolutionFound = false;  ///< from the data; otherwise as told, or the edge of the frames

@@ -128,8 +128,17 @@ Verdict verdictOn(const LatticeEvidence& known) {
         verdict.reasons.push_back("so narrow a range of tilts leaves the cell uncertain across the patterns");
     if (!known.completeness)
         verdict.reasons.push_back("it is not known which part of reciprocal space was recorded");
-    if (verdict.reasons.empty()) verdict.level = Confidence::High;
     if (verdict.reasons.size() >= kManyDoubts) verdict.level = Confidence::Low;
+    // What a list cannot tell speaks neither for nor against the lattice.
+    if (known.distortionUnseen)
+        verdict.reasons.push_back(
+            "positions alone do not show whether the frames are distorted; vrk run refines that on the "
+            "series");
+    if (known.spaceEstimated)
+        verdict.reasons.push_back(
+            "the reflections alone tell which part of reciprocal space was recorded; a peak file of vrk "
+            "knows");
+    if (verdict.reasons.empty()) verdict.level = Confidence::High;
     return verdict;
 }
 

@@ -31,6 +31,8 @@ struct LatticeEvidence {
     double elsewhere = 0.0;
     /// Of the nodes in the recorded part of reciprocal space; nothing when that is not known.
     std::optional<Completeness> completeness;
+    /// That part is known from the reflections alone.
+    bool spaceEstimated = false;
     /// Extent of the reflections in the direction in which they reach least over that in which they reach
     /// most (thinnessOf()); nothing when it is not known.
     std::optional<double> thinness;
@@ -50,6 +52,8 @@ struct LatticeEvidence {
     /// The lattice is triclinic, which an ellipse turns into another one that fits as well, and no
     /// calibration tells of the ellipse.
     bool ellipseUnknown = false;
+    /// The lattice was found without a distortion, and its symmetry is not so high that one would show.
+    bool distortionUnseen = false;
     /// The axis was neither stated nor found: the volume may be sheared.
     bool axisAssumed = false;
     /// The reflections contradict what was told of the instrument.
@@ -75,10 +79,10 @@ bool isConvincing(const LatticeScore& score);
 /// and noise index reflections too, but leave nodes empty, or whole classes of them. Fair: half of all that.
 /// Reflections that lie far off their nodes, as with tilts or an axis that are wrong, make the lattice a
 /// guess. An axis that was assumed, a calibration that the reflections contradict, a distortion that they
-/// determine only in part or, of a triclinic lattice, not at all, a distortion or a scale of the tilts that
-/// no sound instrument has, tilts that hardly tell the cell across the patterns, an unknown completeness or a
-/// rival within a tenth of the evidence keep the answer from being more than fair; three doubts at once make
-/// it low.
+/// determine only in part or, of a triclinic lattice, not at all, a distortion that was not looked for, a
+/// distortion or a scale of the tilts that no sound instrument has, tilts that hardly tell the cell across
+/// the patterns, an unknown or estimated completeness or a rival within a tenth of the evidence keep the
+/// answer from being more than fair; three doubts at once make it low.
 Verdict verdictOn(const LatticeEvidence& evidence);
 
 }  // namespace vrk

@@ -53,6 +53,18 @@ std::vector<std::string> keptTerms(const KnownTerms& known) {
     return kept;
 }
 
+/// The mode of the frames as the series states it, on the scale of the refined tilts.
+std::optional<StatedMode> statedModeOf(const SeriesFacts& facts, double tiltScale) {
+    if (!facts.motion) return std::nullopt;
+    StatedMode stated;
+    stated.precession = facts.motion->precession * kDegree;
+    stated.rotation = facts.motion->rotation * kDegree * (1.0 + tiltScale);
+    stated.mode = stated.precession > 0.0 ? RotationMode::Precession
+                  : stated.rotation > 0.0 ? RotationMode::Continuous
+                                          : RotationMode::Stepwise;
+    return stated;
+}
+
 }  // namespace
 
 SeriesGeometry geometryOf(const Indexed& indexed, const ReciprocalVolume& volume, const TiltAxis& axis,
@@ -108,6 +120,7 @@ Intensities measureIntensities(const Indexed& indexed, const ReciprocalVolume& v
     input.geometry = geometryOf(indexed, volume, axis, *counts.frames);
     input.centring = indexed.symmetry().centring;
     input.resolution = indexed.resolution;
+    input.stated = statedModeOf(volume.facts, indexed.instrument.model[InstrumentTerm::TiltScale]);
     IntegrationOptions options;
     options.dMin = choice.dMin;
     options.gain = choice.gain;

@@ -2,8 +2,11 @@
 
 #include <Eigen/Geometry>
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdio>
+#include <limits>
+#include <numbers>
 #include <string>
 
 #include "cellfinding/CalculateCellIOstuff.h"
@@ -15,6 +18,7 @@
 #include "pipeline/base/UnitCheck.h"
 #include "pipeline/latticesearch/LatticeFit.h"
 #include "pipeline/latticesearch/PeakMerging.h"
+#include "pipeline/latticesearch/RecordedWedge.h"
 
 namespace vrk {
 namespace {
@@ -139,24 +143,87 @@ void refuseFlatLists(const Points& points) {
     throw Failure("no cell was found: " + text + "; " + advice, FailureKind::NothingFound);
 }
 
-/// The part of reciprocal space that a list was taken from, by the head of its file.
-std::optional<RecordedSpace> recordedSpace(const PeakList& peaks, const Points& points) {
-    if (!peaks.head || !(peaks.head->firstTilt < peaks.head->lastTilt)) return std::nullopt;
+/// The part of reciprocal space that a list was taken from, and the frame in which it turned about y.
+struct ListSpace {
     RecordedSpace space;
-    space.tiltFirst = peaks.head->firstTilt * kDegree;
-    space.tiltLast = peaks.head->lastTilt * kDegree;
-    space.halfWidth = 0.5 * peaks.head->size[0];
-    space.zeroBeam = space.halfWidth;
-    for (const Vector3d& point : points)
-        space.zeroBeam = std::min(space.zeroBeam, point.norm());
-    return space;
+    Matrix3d toFrame = Matrix3d::Identity();
+    bool estimated = false;
+};
+
+/// By the head of the file, or by the points where it does not tell.
+ListSpace listSpace(const PeakList& peaks, const Points& points) {
+    ListSpace known;
+    double nearest = std::numeric_limits<double>::infinity();
+    double farthest = 0.0;
+    for (const Vector3d& point : points) {
+        nearest = std::min(nearest, point.norm());
+        farthest = std::max(farthest, point.norm());
+    }
+    RecordedSpace& space = known.space;
+    if (peaks.head && peaks.head->firstTilt < peaks.head->lastTilt) {
+        space.tiltFirst = peaks.head->firstTilt * kDegree;
+        space.tiltLast = peaks.head->lastTilt * kDegree;
+        space.halfWidth = 0.5 * peaks.head->size[0];
+        space.zeroBeam = std::min(nearest, space.halfWidth);
+        return known;
+    }
+    const RecordedWedge wedge = wedgeOf(points);
+    known.estimated = true;
+    known.toFrame = wedge.toFrame;
+    space.tiltFirst = -wedge.halfAngle;
+    space.tiltLast = wedge.halfAngle;
+    constexpr double kBorder = 3.0;  // of a frame, where reflections are not looked for
+    space.halfWidth = farthest + kBorder;
+    space.zeroBeam = nearest;
+    return known;
+}
+
+/// How many kinds of ties a metric has: none 0, monoclinic 1, orthorhombic 2, tetragonal and hexagonal 3,
+/// cubic 4.
+int symmetryOf(const Matrix3d& basis) {
+    constexpr LatticeTolerances kExact{0.35, 0.006};
+    Lattice lattice;
+    lattice.basis = basis;
+    int highest = 0;
+    for (const LatticeCharacter& character :
+         LatticeSymmetry::analyse(niggliReduced(lattice).toUnitCell(), kExact)) {
+        const std::string system = LATTICE::shortName(character.bravaisType);
+        const std::size_t rank = std::string("amothc").find(system.front());
+        constexpr std::array<int, 6> kRanks = {0, 1, 2, 3, 3, 4};
+        if (rank < kRanks.size()) highest = std::max(highest, kRanks[rank]);
+    }
+    return highest;
+}
+
+/// Whether an ellipse of the usual strength would show in the metric of a lattice, in the frame of the turn:
+/// it takes ties away that the lattice has, and no ellipse gives it more, as it would give back those of a
+/// lattice that was seen through one. Along and across the axis an ellipse strains all reciprocal space,
+/// diagonally it does so nearly.
+bool showsDistortion(const Matrix3d& basis) {
+    constexpr double kUsual = 0.01;
+    constexpr double kStep = 0.0025;
+    constexpr int kAzimuths = 12;
+    const int symmetry = symmetryOf(basis);
+    for (int i = 0; i < kAzimuths; ++i)
+        for (double strength = kStep; strength < kMostEllipse; strength += kStep) {
+            const double azimuth = 2.0 * std::numbers::pi * i / kAzimuths;
+            const double along = strength * std::cos(azimuth);
+            const double diagonal = strength * std::sin(azimuth);
+            Matrix3d strain;
+            strain << 1.0 + along, diagonal, 0.0,  //
+                diagonal, 1.0 - along, 0.0,        //
+                0.0, 0.0, 1.0 + along;
+            const int strained = symmetryOf(strain * basis);
+            const bool isUsual = std::abs(strength - kUsual) < 0.5 * kStep;
+            if (strained > symmetry || (isUsual && strained == symmetry)) return false;
+        }
+    return true;
 }
 
 /// What is known of a candidate for points. Nodes count as found that have a point within the radius of the
 /// score. The curvature of the Ewald sphere is not known here; it matters at the rim of the recorded space
 /// alone.
-LatticeEvidence evidenceFor(const LatticeCandidate& candidate, const Points& points,
-                            const std::optional<RecordedSpace>& space) {
+LatticeEvidence evidenceFor(const LatticeCandidate& candidate, const Points& points, const ListSpace& known) {
     const Lattice& lattice = candidate.lattice;
     const Matrix3d inverse = lattice.basis.inverse();
     std::vector<Indices> indices;
@@ -169,7 +236,12 @@ LatticeEvidence evidenceFor(const LatticeCandidate& candidate, const Points& poi
     LatticeEvidence evidence;
     evidence.score = candidate.score;
     evidence.thinness = thinnessOf(near, lattice.origin);
-    if (space) evidence.completeness = completenessOf(lattice, indices, *space);
+    Lattice turned = lattice;
+    turned.basis = known.toFrame * lattice.basis;
+    turned.origin = known.toFrame * lattice.origin;
+    evidence.completeness = completenessOf(turned, indices, known.space);
+    evidence.spaceEstimated = known.estimated;
+    evidence.distortionUnseen = !showsDistortion(turned.basis);
     return evidence;
 }
 
@@ -190,8 +262,7 @@ std::size_t takeOut(const LatticeCandidate& candidate, Points& points, std::vect
 
 /// Looks for crystals in what the first one leaves over, where that is more than a tenth. \returns the share
 /// of the points that belongs to them
-double findOthers(PeakCell& cell, const std::optional<RecordedSpace>& space, const CellSearch& search,
-                  int most) {
+double findOthers(PeakCell& cell, const ListSpace& space, const CellSearch& search, int most) {
     constexpr double kUnexplained = 0.1;
     const auto all = static_cast<double>(cell.points.size());
     Points points = cell.points;
@@ -281,7 +352,7 @@ PeakCell findCell(const PeakList& peaks, const PeakCellOptions& options, Session
                                                             : 0.0;
     refuseUndetermined(cell);
     describe(cell);
-    const std::optional<RecordedSpace> space = recordedSpace(peaks, cell.points);
+    const ListSpace space = listSpace(peaks, cell.points);
     LatticeEvidence evidence = evidenceFor(cell.answer, cell.points, space);
     cell.completeness = evidence.completeness;
     {

@@ -48,7 +48,7 @@ struct PeakCell {
     std::optional<Lattice> rival;
     Parameter parameter;                       ///< of the answer's trial
     bool isReproducible = false;               ///< the trial alone leads to the answer
-    std::optional<Completeness> completeness;  ///< of a peak file, which tells what was recorded
+    std::optional<Completeness> completeness;  ///< by what the file or the points say was recorded
     UnitCell reciprocal;                       ///< reduced; of pixel size 1 when that is unknown
     LatticeCharacter symmetry;
     Verdict verdict;

@@ -275,7 +275,9 @@ Json intensitiesJson(const Intensities& intensities) {
     const GeometryFit& fit = integration.fit;
     const DataReduction& reduction = intensities.reduction;
     Json json;
-    json["mode"] = {{"name", nameOf(fit.rocking.mode)}, {"found", integration.modeFound}};
+    json["mode"] = {{"name", nameOf(fit.rocking.mode)},
+                    {"found", integration.modeSource != ModeSource::Option},
+                    {"by", nameOf(integration.modeSource)}};
     if (fit.rocking.precession > 0.0) json["mode"]["precession_deg"] = fit.rocking.precession / kDegree;
     json["cell"] = parametersJson(fit.cell);
     json["esd"] = parametersJson(fit.cellSigma);

@@ -93,6 +93,7 @@ Series makeSeries(std::unique_ptr<VoxMRCData> frames, const RunOptions& options,
     facts.pixelSize = settledPixelSize(header, options, session);
     settleVoltage(header, options, facts, session);
     if (const float axis = header.value(SliceValue::TiltAxis, 0); axis != 0.0F) facts.axis = axis;
+    facts.motion = statedMotion(header);
     settleInstrument(options, header.m_pixelsize > 0.0F ? header.m_pixelsize : facts.pixelSize, facts,
                      session);
     return series;

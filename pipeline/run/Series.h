@@ -10,6 +10,7 @@
 
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "pipeline/base/Session.h"
+#include "pipeline/frames/SeriesHeader.h"
 #include "pipeline/geometry/InstrumentModel.h"
 #include "pipeline/run/RunOptions.h"
 
@@ -22,8 +23,9 @@ struct SeriesFacts {
     double tiltLast = 0.0;      ///< degrees
     double pixelSize = 0.0;     ///< 1/m per pixel
     double kiloVolts = 0.0;
-    std::optional<double> axis;     ///< as the series states it, degrees
-    bool kiloVoltsAssumed = false;  ///< neither the series nor the caller gave it
+    std::optional<double> axis;          ///< as the series states it, degrees
+    std::optional<StatedMotion> motion;  ///< of a frame, as the series states it
+    bool kiloVoltsAssumed = false;       ///< neither the series nor the caller gave it
     /// What is known of the instrument, without what does not hold for this series.
     std::optional<InstrumentCalibration> instrument;
     FrameDistortion distortion;  ///< of the frames, as far as it is known

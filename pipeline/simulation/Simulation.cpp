@@ -225,6 +225,9 @@ std::unique_ptr<VoxMRCData> Simulator::emptySeries() const {
         series->m_Header.setValue(SliceValue::HighTension, i, static_cast<float>(statedKilovolts()));
         if (axis) series->m_Header.setValue(SliceValue::TiltAxis, i, static_cast<float>(*axis));
     }
+    const bool precessed = m_settings.mode == RotationMode::Precession;
+    if (const std::optional<double>& rotation = m_settings.stated.rotation)
+        stateMotion(series->m_Header, {*rotation, precessed ? m_settings.precessionAngle : 0.0});
     return series;
 }
 

@@ -49,6 +49,7 @@ struct StatedValues {
     std::optional<double> axisAngle;  ///< another angle than the true one, degrees
     std::optional<double> tiltStep;   ///< another step, from the first tilt on, degrees
     std::optional<double> kilovolts;  ///< 0: none
+    std::optional<double> rotation;   ///< that a frame turns by so much, degrees, or stands still (0)
     double pixelFactor = 1;           ///< stated over true pixel size; 0: none
 };
 

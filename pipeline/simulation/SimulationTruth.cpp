@@ -45,6 +45,7 @@ std::string SimulationTruth::toJson() const {
         {"stated",
          {{"tilts", statedTilts},
           {"tilt_axis_deg", orNull(statedAxis)},
+          {"rotation_deg", orNull(settings.stated.rotation)},
           {"pixel_size", statedPixelSize},
           {"voltage_kv", statedKilovolts}}},
         {"settings", detail::settingsJson(settings)}};

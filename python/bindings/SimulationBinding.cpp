@@ -46,6 +46,7 @@ void addPatterns(SettingTable& table, SimulationSettings& s) {
         .add("state_step", s.stated.tiltStep)
         .add("state_voltage", s.stated.kilovolts)
         .add("state_pixel", s.stated.pixelFactor)
+        .add("state_rotation", s.stated.rotation)
         .add("mode", [&s](const py::object& value) {
             const auto name = value.cast<std::string>();
             for (const RotationMode mode :

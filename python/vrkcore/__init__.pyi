@@ -251,6 +251,7 @@ def simulate(
     state_step: float = ...,
     state_voltage: float = ...,
     state_pixel: float = ...,
+    state_rotation: float = ...,
     dose: float = ...,
     peak: float = ...,
     spot: float = ...,

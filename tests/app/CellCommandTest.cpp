@@ -26,10 +26,12 @@ protected:
         std::normal_distribution<double> noise(0.0, 0.3);
         std::uniform_real_distribution<double> anywhere(-70.0, 70.0);
         std::ostringstream list;
-        ReflexVectorPtr peaks(new ReflexVector);
+        ReflexVectorPtr peaks(new ReflexVector), bent(new ReflexVector);
         const auto add = [&](double x, double y, double z) {
             list << x << ' ' << y << ' ' << z << " 100 1 17\n";
             peaks->push_back(new Reflex(79.5 + x, 79.5 + y, 79.5 + z));
+            // As a lens with an ellipse of 1.4 % shows them.
+            bent->push_back(new Reflex(79.5 + 1.014 * x, 79.5 + 0.986 * y, 79.5 + 1.014 * z));
             ++m_count;
         };
         const double a = 20.0, c = 1e10 / (5e7 * 18.0);
@@ -44,6 +46,8 @@ protected:
                 }
         m_folder.write("list.txt", list.str());
         PeakFileImportExport::writePeakFile_version_2(m_folder / "peaks.txt", peaks.get(), 2, 160, 160, 160,
+                                                      -60.0, 60.0, 5e7, 0.0, 0.0, false);
+        PeakFileImportExport::writePeakFile_version_2(m_folder / "bent.txt", bent.get(), 2, 160, 160, 160,
                                                       -60.0, 60.0, 5e7, 0.0, 0.0, false);
         std::ostringstream nothing;
         for (int i = 0; i < 300; ++i)
@@ -103,6 +107,14 @@ TEST_F(CellCommandTest, FindsTheCellOfPeakFileAndList) {
         EXPECT_TRUE(direct->isRightHanded());
     }
     EXPECT_NE(m_folder.read("log.txt").find("Clustering started..."), std::string::npos);
+}
+
+TEST_F(CellCommandTest, DistortedFramesNeverGiveACellThatIsSure) {
+    const auto json = nlohmann::json::parse(cell({"bent.txt", "-o", "cell.txt", "--json"}).out);
+    EXPECT_GT(json["reflections"]["fraction_indexed"], 0.7) << "a lattice that fits as well, of another cell";
+    EXPECT_EQ(json["confidence"]["level"], "fair");
+    EXPECT_NE(json["confidence"]["reasons"].dump().find("whether the frames are distorted"),
+              std::string::npos);
 }
 
 TEST_F(CellCommandTest, PrintsTheParametersThatFindTheCellAgain) {

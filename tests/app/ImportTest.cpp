@@ -11,6 +11,7 @@
 #include "pipeline/base/Failure.h"
 #include "pipeline/frames/FrameCollection.h"
 #include "pipeline/frames/FrameFile.h"
+#include "pipeline/frames/SeriesHeader.h"
 #include "pipeline/frames/SeriesImport.h"
 #include "pipeline/simulation/Simulation.h"
 #include "support/MRCBytes.h"
@@ -655,6 +656,35 @@ TEST(ImportCommand, WritesASeriesOrNothing) {
     EXPECT_NE(bad.err.find("f1.img"), std::string::npos);
     for (const auto& entry : std::filesystem::directory_iterator(folder / ""))
         EXPECT_EQ(entry.path().filename().string().find("bad"), std::string::npos);
+}
+
+TEST(Import, KeepsHowTheCrystalTurnedDuringAFrame) {
+    struct Row {
+        double range;
+        int sum;
+        std::optional<double> rotation;
+        const char* warning;
+    };
+    for (const Row& row : {Row{0.5, 1, 0.5, ""}, Row{1, 1, 1.0, ""}, Row{0.9, 3, 2.9, ""}, Row{0, 2, 0.0, ""},
+                           Row{2, 1, std::nullopt, "turns by 2 degrees, but their tilts are 1 apart"}}) {
+        SCOPED_TRACE(row.range);
+        const TemporaryFolder folder;
+        ImportSettings settings;
+        for (int frame = 0; frame < 6; ++frame)
+            settings.files.push_back(
+                folder.write(numbered("f", frame, ".img"), smv(frame, frame - row.range / 2, row.range)));
+        settings.sum = row.sum;
+        const Imported imported = import(settings);
+        const std::optional<vrk::StatedMotion> motion = vrk::statedMotion(imported.header());
+        ASSERT_EQ(motion.has_value(), row.rotation.has_value());
+        const std::string told = imported.warnings.empty() ? "" : imported.warnings.back();
+        EXPECT_NE(told.find(row.warning), std::string::npos) << told;
+        if (!motion) continue;
+        EXPECT_NEAR(motion->rotation, *row.rotation, 1e-5);
+        // The series is a file of frames as well.
+        ASSERT_TRUE(VoxMRCFileHandler().writeMRCFile(imported.result.series.get(), folder / "s.mrc"));
+        EXPECT_EQ(vrk::FrameFile::open(folder / "s.mrc")->info(1).rotation, motion->rotation);
+    }
 }
 
 }  // namespace

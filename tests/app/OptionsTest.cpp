@@ -249,6 +249,7 @@ const std::vector<Command> kCommands = {
       {"--state-step -1", "/stated/tilts/10=0 s.mrc~"},
       {"--state-pixel 0", "/stated/pixel_size=0 s.mrc~"},
       {"--state-kv 0", "/stated/voltage_kv=0 s.mrc~"},
+      {"--state-rotation 0.5", "/stated/rotation_deg=0.5 s.mrc~"},
       {"--centre-offset -3,4.5", "/centres/0=[28.5,36] s.mrc~"},
       {"--drift 3", "/settings/centre/drift_px=3 s.mrc~"},
       {"--jump 3", "/settings/centre/jump_px=3 s.mrc~"},

@@ -90,6 +90,11 @@ TEST(FrameLists, GiveFramesTheirTiltsAndTheExperiment) {
         EXPECT_NEAR(list.axis.value_or(0), one.axis, 1e-3);
         EXPECT_NEAR(list.rotation.value_or(0), one.rotation, 1e-9);
     }
+    // A precessed beam runs round while the tilt stands still.
+    const vrk::FrameList precessed =
+        vrk::readFrameList(folder.write("p.pts", "geometry precession\nphi 1.1\nimagelist\na.tif 2 0\n"));
+    EXPECT_EQ(precessed.rotation, 0.0);
+    EXPECT_EQ(precessed.precession, 1.1);
     // An XDS.INP names its frames, without the excluded ones.
     const vrk::FrameList xds = vrk::readFrameList(folder / "XDS.INP");
     ASSERT_EQ(xds.frames.size(), 3U);

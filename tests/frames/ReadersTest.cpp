@@ -180,7 +180,7 @@ TEST(Readers, DamagedFilesAreReadOrRefused) {
         const std::string good = *contents(entry.path());
         // A process is started for each of these.
         const bool slow = entry.path().extension() == ".h5" || entry.path().extension() == ".emd";
-        for (int round = 0; round < (slow ? 12 : 150); ++round, ++rounds) {
+        for (int round = 0; round < (slow ? 8 : 150); ++round, ++rounds) {
             std::string bytes = good;
             const auto place = [&] {
                 return static_cast<std::size_t>(random.uniform() * static_cast<double>(bytes.size()));

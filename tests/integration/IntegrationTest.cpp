@@ -6,6 +6,7 @@
 #include <cmath>
 
 #include "SimulatedInput.h"
+#include "pipeline/base/Angle.h"
 #include "pipeline/base/Failure.h"
 
 namespace {
@@ -134,6 +135,57 @@ TEST(IntegrationTest, measuresTheTrueIntensities) {
     }
 }
 
+TEST(IntegrationTest, believesTheHeaderUnlessTheCurvesContradictIt) {
+    struct Row {
+        const char* name;
+        StatedMode stated;
+        double rotation;  ///< of the simulated frames, degrees
+        ModeSource source;
+    };
+    const std::array<Row, 4> rows = {
+        {{"as it was", {RotationMode::Continuous, 1.0 * kDegree}, 1.0, ModeSource::Header},
+         {"half of the time", {RotationMode::Continuous, 0.5 * kDegree}, 0.5, ModeSource::Header},
+         {"said to stand still", {RotationMode::Stepwise}, 1.0, ModeSource::Curves},
+         {"said to precess", {RotationMode::Precession, 0, 1.0 * kDegree}, 1.0, ModeSource::Curves}}};
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        SimulationSettings settings = smallCrystal();
+        settings.frameRotation = row.rotation;
+        settings.tilts = tiltRange(-30, 30, 1);
+        SimulatedInput simulated = simulatedInput(settings, LATTICE::mP);
+        for (FramePose& pose : simulated.input.geometry.frames)
+            pose.rotation = 1.0 * kDegree;
+        simulated.input.stated = row.stated;
+        const IntegrationResult result = integrate(simulated.input);
+        EXPECT_EQ(result.modeSource, row.source);
+        EXPECT_EQ(result.fit.rocking.mode, RotationMode::Continuous);
+        EXPECT_NEAR(result.fit.geometry.frames[3].rotation, row.rotation * kDegree, 1e-9);
+        EXPECT_NEAR(result.fit.rocking.width, settings.rockingWidth, 0.02 * settings.rockingWidth);
+        ASSERT_EQ(result.remarks.size(), row.source == ModeSource::Curves ? 1U : 0U);
+        if (row.source == ModeSource::Curves) {
+            EXPECT_NE(result.remarks[0].find("the rocking curves say continuous"), std::string::npos);
+        }
+    }
+}
+
+TEST(IntegrationTest, tellsWhereReflectionsCrossedAsFarAsCountsTell) {
+    SimulationSettings settings = smallCrystal();
+    settings.dose = 0.1;
+    const SimulatedInput simulated = simulatedInput(settings, LATTICE::mP);
+    const IntegrationResult result = integrate(simulated.input);
+    int told = 0, near = 0;
+    for (const IntegratedReflection& r : result.reflections) {
+        if (r.intensity < r.sigma) {
+            EXPECT_EQ(r.observedTiltSigma, 0);
+        }
+        if (!r.good() || !(r.observedTiltSigma > 0) || r.coverage < 0.95) continue;
+        ++told;
+        near += std::abs(r.observedTilt - r.tilt) < 3 * r.observedTiltSigma ? 1 : 0;
+    }
+    EXPECT_GT(told, 500);
+    EXPECT_GT(near, 0.98 * told);
+}
+
 TEST(IntegrationTest, flagsWhatTheDetectorDidNotMeasure) {
     SimulationSettings settings = smallCrystal();
     settings.detector.cross = true;
@@ -167,7 +219,7 @@ TEST(IntegrationTest, keepsToTheLimitsThatAreGiven) {
     EXPECT_EQ(result.dMin, 1.1);
     EXPECT_EQ(result.noise.gain, 2.0);
     EXPECT_EQ(result.fit.rocking.mode, RotationMode::Stepwise);
-    EXPECT_FALSE(result.modeFound);
+    EXPECT_EQ(result.modeSource, ModeSource::Option);
     for (const IntegratedReflection& r : result.reflections)
         EXPECT_GE(r.spacing, 1.1);
 }

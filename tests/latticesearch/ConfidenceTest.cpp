@@ -2,7 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <Eigen/Geometry>
+#include <cmath>
 #include <functional>
+#include <random>
+
+#include "pipeline/latticesearch/RecordedWedge.h"
 
 namespace {
 
@@ -75,6 +80,8 @@ TEST(Confidence, EachDoubtLowersItAndIsNamed) {
         {"narrow a range", [](LatticeEvidence& e) { e.thinness = 0.19; }, Confidence::Fair},
         {"", [](LatticeEvidence& e) { e.thinness = 0.21; }, Confidence::High},
         {"not known which part", [](LatticeEvidence& e) { e.completeness.reset(); }, Confidence::Fair},
+        {"positions alone", [](LatticeEvidence& e) { e.distortionUnseen = true; }, Confidence::Fair},
+        {"reflections alone tell", [](LatticeEvidence& e) { e.spaceEstimated = true; }, Confidence::Fair},
         {"", [](LatticeEvidence& e) { e.indexedShare.reset(); }, Confidence::High},
         {"another lattice (4 5 6) has 95 %",
          [](LatticeEvidence& e) {
@@ -164,6 +171,44 @@ Completeness completeness(const std::function<bool(const vrk::Indices&)>& isFoun
                 found.insert(found.end(), 2, {h, k, l});
             }
     return vrk::completenessOf(lattice, found, space);
+}
+
+TEST(RecordedWedge, IsFoundFromTheReflections) {
+    std::mt19937 random(8);
+    std::normal_distribution<double> normal;
+    const double quarter = M_PI / 2;
+    struct Row {
+        double halfAngle, tolerance;
+    };
+    for (const Row& row : {Row{60 * M_PI / 180, 0.06}, Row{10 * M_PI / 180, 0.06}, Row{quarter, 1e-9}})
+        for (int turn = 0; turn < 2; ++turn) {
+            const Eigen::Matrix3d rotation =
+                Eigen::Quaterniond(normal(random), normal(random), normal(random), normal(random))
+                    .normalized()
+                    .toRotationMatrix();
+            const Eigen::Matrix3d basis =
+                Eigen::Quaterniond(normal(random), normal(random), normal(random), normal(random))
+                    .normalized()
+                    .toRotationMatrix() *
+                Eigen::Vector3d(9, 13, 11).asDiagonal();
+            std::vector<Eigen::Vector3d> places = {rotation * Eigen::Vector3d(3, 5, 90)};
+            for (int h = -9; h <= 9; ++h)
+                for (int k = -9; k <= 9; ++k)
+                    for (int l = -9; l <= 9; ++l) {
+                        const Eigen::Vector3d place = basis * Eigen::Vector3d(h, k, l);
+                        const double tilt = std::atan(place.z() / place.x());
+                        if (place.norm() > 0 && place.norm() < 90 && std::abs(tilt) < row.halfAngle)
+                            places.push_back(rotation * place);
+                    }
+            const vrk::RecordedWedge wedge = vrk::wedgeOf(places);
+            EXPECT_NEAR(wedge.halfAngle, row.halfAngle, row.tolerance);
+            if (row.halfAngle == quarter) continue;
+            // The middle of the wedge and the axis are x and y, but for their senses.
+            const Eigen::Matrix3d back = wedge.toFrame * rotation;
+            EXPECT_GT(std::abs(back(0, 0)), 0.99);
+            EXPECT_GT(std::abs(back(1, 1)), 0.99);
+            EXPECT_NEAR(wedge.toFrame.determinant(), 1, 1e-9);
+        }
 }
 
 TEST(Completeness, CountsTheNodesThatWereRecorded) {

@@ -334,7 +334,8 @@ long long slicesWritten(const Hdf5Id& dataset, int axis) {
     if (shape.size() != 3) return 1;
     const auto along = static_cast<std::size_t>(axis);
     hsize_t count = 0;
-    if (piece.size() != 3 || H5Dget_num_chunks(dataset.get(), H5S_ALL, &count) < 0) return shape[along];
+    const Hdf5Id space(H5Dget_space(dataset.get()));
+    if (piece.size() != 3 || H5Dget_num_chunks(dataset.get(), space.get(), &count) < 0) return shape[along];
     double perLayer = 1;
     for (std::size_t i = 0; i < 3; ++i)
         if (i != along) perLayer *= std::ceil(static_cast<double>(shape[i]) / static_cast<double>(piece[i]));

@@ -63,8 +63,8 @@ void addStack(Hdf5Contents& contents, hid_t file, const FrameSource& source, con
     constexpr long long kMostEmpty = 1000, kMostEmptyEach = 100;
     const long long written = slicesWritten(dataset, axis);
     if (stack.count > kMostEmpty && stack.count / kMostEmptyEach > written) {
-        contents.problem = path + " announces " + std::to_string(stack.count) + " frames, of which " +
-                           std::to_string(written) + " were written; the file is damaged";
+        contents.problem = path + " announces " + std::to_string(stack.count) + " frames, but holds " +
+                           std::to_string(written) + "; the file is damaged";
         return;
     }
     FrameInfo info;

@@ -41,12 +41,13 @@ std::vector<std::string> wordsOf(const std::string& line) {
 }
 
 /// Lines KEYWORD VALUE, and between imagelist and endimagelist lines NAME ALPHA BETA whose names are relative
-/// to the list. aperpixel is in 1/Angstrom, phi half the rotation of a frame. omega counts from x
+/// to the list. aperpixel is in 1/Angstrom. phi is half the rotation of a frame or, with the
+/// geometry "precession", half the angle of the cone. omega counts from x
 /// counter-clockwise on the screen, so the axis lies along (cos omega, -sin omega) with y down.
 FrameList read(const ListText& text) {
     FrameList list;
     bool inFiles = false;
-    bool continuous = false;
+    std::string geometry;
     std::optional<double> phi;
     for (std::size_t i = 0; i < text.lines().size(); ++i) {
         const std::vector<std::string> words = wordsOf(text.lines()[i]);
@@ -59,7 +60,7 @@ FrameList read(const ListText& text) {
         }
         inFiles = keyword == "imagelist";
         if (words.size() < 2) continue;
-        continuous = continuous || (keyword == "geometry" && lowered(words[1]).starts_with("continuous"));
+        if (keyword == "geometry") geometry = lowered(words[1]);
         double value = 0;
         if (!parseNumber(words[1], value)) continue;
         if (keyword == "lambda" && value > 0) list.kilovolts = EwaldCurvature::kiloVolts(value);
@@ -67,7 +68,9 @@ FrameList read(const ListText& text) {
         if (keyword == "omega") list.axis = std::remainder(-90 - value, 360);
         if (keyword == "phi" && value > 0) phi = value;
     }
-    if (continuous && phi) list.rotation = 2 * *phi;
+    if (geometry.starts_with("continuous") && phi) list.rotation = 2 * *phi;
+    if (geometry.starts_with("precession") || geometry.starts_with("static")) list.rotation = 0;
+    if (geometry.starts_with("precession")) list.precession = phi;
     if (list.frames.empty())
         throw Failure("cannot import " + text.path().string() +
                       ": it lists no frames (lines NAME TILT after imagelist)");

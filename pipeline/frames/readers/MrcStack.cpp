@@ -7,6 +7,7 @@
 
 #include "pipeline/frames/FrameFormat.h"
 #include "pipeline/frames/PixelDecoder.h"
+#include "pipeline/frames/SeriesHeader.h"
 
 namespace vrk {
 namespace {
@@ -152,6 +153,12 @@ void MrcStack::readHeader(std::span<const char> header, long long length) {
     if (edge / static_cast<double>(width) > 1e5 && std::isfinite(edge))
         for (FrameInfo& info : m_infos)
             info.pixelSize = edge / static_cast<double>(width);
+    constexpr std::size_t labels = 224;
+    if (const auto motion = statedMotion(std::string_view(header.data() + labels, kHeaderBytes - labels)))
+        for (FrameInfo& info : m_infos) {
+            info.rotation = motion->rotation;
+            info.precession = motion->precession;
+        }
 }
 
 void MrcStack::readExtendedHeader(std::span<const char> header, std::span<const char> extended) {
