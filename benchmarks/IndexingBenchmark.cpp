@@ -1,6 +1,8 @@
 // Indexing, refinement and export. For each: a list of noisy reflections of one lattice.
 #include <benchmark/benchmark.h>
 
+#include <Eigen/Geometry>
+#include <Eigen/LU>
 #include <cstdio>
 #include <memory>
 #include <random>
@@ -10,6 +12,7 @@
 #include "indexing/HKLfileImportExport.h"
 #include "indexing/IndicateWithHKL.h"
 #include "pipeline/latticesearch/LatticeFit.h"
+#include "pipeline/latticesearch/NodeCount.h"
 #include "reflections/Reflex.h"
 #include "reflections/ReflexVector.h"
 
@@ -63,6 +66,37 @@ void RefineCell(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 BENCHMARK(RefineCell)->Arg(3000)->Arg(100000)->Unit(benchmark::kMillisecond);
+
+/// Points on the nodes of a turned lattice, one rotation after the other.
+/// \param plain  one point after the other, by the function that rounds
+void CountOnNodes(benchmark::State& state, bool plain) {
+    std::mt19937 random(1);
+    std::uniform_real_distribution<double> place(-80.0, 80.0);
+    std::vector<Eigen::Vector3d> points(400);
+    for (Eigen::Vector3d& point : points)
+        point = {place(random), place(random), place(random)};
+    const vrk::Lattice lattice = vrk::Lattice::of(cellOf(), Eigen::Vector3d::Zero());
+    const Eigen::Matrix3d inverse = lattice.basis.inverse();
+    const vrk::NodeCount count(lattice, points, 2.0);
+    double angle = 0.0;
+    for (auto _ : state) {
+        const Eigen::Matrix3d back =
+            Eigen::AngleAxisd(angle += 0.01, Eigen::Vector3d::UnitX()).toRotationMatrix();
+        int within = 0;
+        if (plain)
+            for (const Eigen::Vector3d& point : points) {
+                const Eigen::Vector3d index = inverse * (back * point);
+                const Eigen::Vector3d off = index - Eigen::Vector3d(index.array().round());
+                within += (lattice.basis * off).squaredNorm() <= 4.0 ? 1 : 0;
+            }
+        else
+            within = count.within(back, 0, points.size());
+        benchmark::DoNotOptimize(within);
+    }
+    state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(points.size()));
+}
+BENCHMARK_CAPTURE(CountOnNodes, fast, false);
+BENCHMARK_CAPTURE(CountOnNodes, plain, true);
 
 void WriteHKLFile(benchmark::State& state) {
     const ReflexVectorPtr list = reflectionsOf(static_cast<int>(state.range(0)));

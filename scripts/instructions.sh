@@ -50,7 +50,7 @@ printf '%-12s %15s\n' "${before:0:10}" "$old" "${after:0:10}" "$new"
 for commit in "$before" "$after"; do
   echo
   echo "most in ${commit:0:10}:"
-  grep -E '^ *[0-9,]+ \(' "$root/$commit.txt" | grep -v TOTALS | head -n 12 | cut -c1-150
+  awk '/^ *[0-9,]+ \(/ && !/TOTALS/ && ++lines <= 12 { print substr($0, 1, 150) }' "$root/$commit.txt"
 done
 awk -v old="$old" -v new="$new" -v limit="$limit" 'BEGIN {
   change = 100 * (new / old - 1)

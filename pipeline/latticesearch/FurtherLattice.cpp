@@ -11,6 +11,7 @@
 #include "pipeline/base/Angle.h"
 #include "pipeline/base/SmallMatrices.h"
 #include "pipeline/latticesearch/LatticeFit.h"
+#include "pipeline/latticesearch/NodeCount.h"
 
 namespace vrk {
 namespace {
@@ -77,20 +78,17 @@ Matrix3d frameOf(const Vector3d& a, const Vector3d& b) {
 /// Rotations by the number of judges that they put onto nodes, the best few.
 class RotationContest {
 public:
-    RotationContest(const Lattice& lattice, std::vector<Vector3d> judges, double radius)
-        : m_inverse(lattice.basis.inverse()),
-          m_basis(lattice.basis),
-          m_judges(std::move(judges)),
-          m_square(radius * radius) {}
+    RotationContest(const Lattice& lattice, const std::vector<Vector3d>& judges, double radius)
+        : m_judges(lattice, judges, radius) {}
 
     void enter(const Matrix3d& rotation) {
         const Matrix3d back = rotation.transpose();
         const std::size_t quick = std::min(kQuickJudges, m_judges.size());
-        const int atFirst = count(back, 0, quick);
+        const int atFirst = m_judges.within(back, 0, quick);
         const double scale =
             static_cast<double>(m_judges.size()) / static_cast<double>(std::max<std::size_t>(quick, 1));
         if (m_best.size() == kKeptRotations && 1.5 * (atFirst + 3) * scale < m_best.back().first) return;
-        const int all = atFirst + count(back, quick, m_judges.size());
+        const int all = atFirst + m_judges.within(back, quick, m_judges.size());
         if (m_best.size() == kKeptRotations && all <= m_best.back().first) return;
         for (auto& [score, other] : m_best)
             if (Eigen::AngleAxisd(other.transpose() * rotation).angle() < kSameTurn) {
@@ -115,21 +113,8 @@ private:
         std::stable_sort(m_best.begin(), m_best.end(),
                          [](const auto& a, const auto& b) { return a.first > b.first; });
     }
-    int count(const Matrix3d& back, std::size_t from, std::size_t to) const {
-        const Matrix3d toIndices = m_inverse * back;
-        int within = 0;
-        for (std::size_t i = from; i < to; ++i) {
-            const Vector3d q = toIndices * m_judges[i];
-            const Vector3d off = q - Vector3d(q.array().round());
-            within += (m_basis * off).squaredNorm() <= m_square;
-        }
-        return within;
-    }
 
-    Matrix3d m_inverse;
-    Matrix3d m_basis;
-    std::vector<Vector3d> m_judges;
-    double m_square;
+    NodeCount m_judges;
     std::vector<std::pair<int, Matrix3d>> m_best;
 };
 

@@ -4,7 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <Eigen/Geometry>
+#include <Eigen/LU>
 #include <random>
+
+#include "pipeline/latticesearch/NodeCount.h"
 
 namespace {
 
@@ -37,6 +40,39 @@ void add(Points& points, const Matrix3d& basis, double share, std::mt19937& rand
                 if (unit(random) < share)
                     points.push_back(p + Vector3d(noise(random), noise(random), noise(random)));
             }
+}
+
+/// One point after the other, by the function that rounds.
+int plainCount(const Lattice& lattice, const Points& points, double radius, const Matrix3d& back,
+               std::size_t from, std::size_t to) {
+    int within = 0;
+    for (std::size_t i = from; i < to; ++i) {
+        const Vector3d index = lattice.basis.inverse() * (back * points[i]);
+        within += (lattice.basis * (index - Vector3d(index.array().round()))).norm() <= radius;
+    }
+    return within;
+}
+
+TEST(NodeCount, CountsAsOnePointAfterTheOther) {
+    std::mt19937 random(11);
+    std::uniform_real_distribution<double> place(-80, 80), angle(-180, 180), edge(2, 20);
+    int total = 0;
+    for (int round = 0; round < 200; ++round) {
+        Lattice lattice;
+        lattice.basis = triclinic() * (edge(random) / 10);
+        Points points;
+        for (int i = 0; i < 103; ++i)
+            points.push_back({place(random), place(random), place(random)});
+        const double radius = 0.3 * lattice.shortestEdge();
+        const vrk::NodeCount count(lattice, points, radius);
+        const Matrix3d back = turned(Matrix3d::Identity(), angle(random));
+        for (const auto& [from, to] : {std::pair<std::size_t, std::size_t>{0, 103}, {5, 17}, {40, 40}}) {
+            const int plain = plainCount(lattice, points, radius, back, from, to);
+            EXPECT_EQ(count.within(back, from, to), plain) << round;
+            total += plain;
+        }
+    }
+    EXPECT_GT(total, 1000);
 }
 
 TEST(FurtherLattice, FindsAnotherCrystalAndNothingElse) {
