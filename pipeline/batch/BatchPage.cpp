@@ -35,7 +35,7 @@ a { color: var(--link); text-decoration: none; } a:hover { text-decoration: unde
 table { border-collapse: collapse; width: 100%; font-variant-numeric: tabular-nums; font-size: .85rem; }
 th { text-align: left; vertical-align: bottom; line-height: 1.2; background: var(--panel); position: sticky; top: 0; }
 #crystals th { cursor: pointer; }
-th, td { padding: .2rem .35rem; border-bottom: 1px solid var(--line); } td { white-space: nowrap; }
+th, td { padding: .2rem .3rem; border-bottom: 1px solid var(--line); } td { white-space: nowrap; }
 td.wide { white-space: normal; min-width: 20rem; overflow-wrap: anywhere; } .number { text-align: right; }
 td img { display: block; width: 40px; height: 40px; }
 .light { display: inline-block; width: .8rem; height: .8rem; border-radius: 50%; margin-right: .4rem; background: var(--none); }

@@ -15,6 +15,8 @@ mounted=()
 
 clean_up() {
   local status=$? pid folder
+  # What waits for an array of a killed engine would wait for ever.
+  for pid in $(pgrep -x sbatch); do [[ "$(readlink "/proc/$pid/cwd")" != "$work"/* ]] || kill "$pid" || true; done
   for pid in "${daemons[@]}" $engine; do kill "$pid" 2>/dev/null || true; done
   for pid in "${daemons[@]}"; do wait "$pid" 2>/dev/null || true; done
   for folder in "${mounted[@]}"; do umount "$folder" 2>/dev/null || true; done
