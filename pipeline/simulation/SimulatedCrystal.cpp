@@ -63,6 +63,24 @@ SimulationRandom randomOf(const CrystalReflection& one, std::uint64_t seed) {
     return random;
 }
 
+/// Whether phases and temperature factors of an atom can be calculated. Slightly negative displacements come
+/// out of refinements.
+bool isPossible(const gemmi::SmallStructure::Site& site) {
+    constexpr double kFarthest = 1e3, kFullest = 100, kLeast = -0.1, kMost = 100;
+    const auto isWithin = [](double value, double least, double most) {
+        return value >= least && value <= most;
+    };
+    bool isSo = isWithin(site.occ, 0, kFullest) && isWithin(site.u_iso, kLeast, kMost);
+    for (const double place : {site.fract.x, site.fract.y, site.fract.z})
+        isSo = isSo && isWithin(place, -kFarthest, kFarthest);
+    for (const double element : site.aniso.elements_pdb())
+        isSo = isSo && isWithin(element, -kMost, kMost);
+    if (!isSo || !site.aniso.nonzero()) return isSo;
+    for (const double value : site.aniso.calculate_eigenvalues())
+        isSo = isSo && value >= kLeast;
+    return isSo;
+}
+
 gemmi::SmallStructure readStructure(std::string_view text, const std::string& path, double bFactor) {
     gemmi::SmallStructure structure;
     try {
@@ -86,6 +104,10 @@ gemmi::SmallStructure readStructure(std::string_view text, const std::string& pa
         if (!gemmi::C4322<double>::has(site.element.elem) || site.element.elem == gemmi::El::X)
             throw Failure("cannot simulate from " + path + ": no scattering factor for atom " + site.label +
                           "; check its type symbol");
+        if (!isPossible(site))
+            throw Failure("cannot simulate from " + path +
+                          ": the position, occupancy or displacement of atom " + site.label +
+                          " is one that no crystal has");
         // Sums over the symmetry operations count an atom on a special position several times.
         site.occ /= structure.cell.is_special_position(site.fract, 0.4) + 1;
         if (site.u_iso == 0 && !site.aniso.nonzero()) site.u_iso = bFactor / gemmi::u_to_b();
