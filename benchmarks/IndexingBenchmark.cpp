@@ -12,7 +12,7 @@
 #include "indexing/HKLfileImportExport.h"
 #include "indexing/IndicateWithHKL.h"
 #include "pipeline/latticesearch/LatticeFit.h"
-#include "pipeline/latticesearch/NodeCount.h"
+#include "pipeline/latticesearch/PointsOnNodes.h"
 #include "reflections/Reflex.h"
 #include "reflections/ReflexVector.h"
 
@@ -77,7 +77,7 @@ void CountOnNodes(benchmark::State& state, bool plain) {
         point = {place(random), place(random), place(random)};
     const vrk::Lattice lattice = vrk::Lattice::of(cellOf(), Eigen::Vector3d::Zero());
     const Eigen::Matrix3d inverse = lattice.basis.inverse();
-    const vrk::NodeCount count(lattice, points, 2.0);
+    const vrk::PointsOnNodes count(lattice, points, 2.0);
     double angle = 0.0;
     for (auto _ : state) {
         const Eigen::Matrix3d back =

@@ -20,7 +20,7 @@ LOOPS = {
     "src/processing/detail/HotSpots.cpp": ["anyLeaves"],
     "src/processing/detail/ReciprocalVolume.cpp": ["averageOf"],
     "src/tiltaxis/detail/PairDirections.cpp": ["formVectors", "findBins"],
-    "pipeline/latticesearch/NodeCount.cpp": ["countNear"],
+    "pipeline/latticesearch/PointsOnNodes.cpp": ["countNear"],
     "pipeline/latticesearch/PhasorSums.cpp": ["addTurned"],
 }
 

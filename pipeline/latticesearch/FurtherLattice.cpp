@@ -11,7 +11,7 @@
 #include "pipeline/base/Angle.h"
 #include "pipeline/base/SmallMatrices.h"
 #include "pipeline/latticesearch/LatticeFit.h"
-#include "pipeline/latticesearch/NodeCount.h"
+#include "pipeline/latticesearch/PointsOnNodes.h"
 
 namespace vrk {
 namespace {
@@ -114,7 +114,7 @@ private:
                          [](const auto& a, const auto& b) { return a.first > b.first; });
     }
 
-    NodeCount m_judges;
+    PointsOnNodes m_judges;
     std::vector<std::pair<int, Matrix3d>> m_best;
 };
 

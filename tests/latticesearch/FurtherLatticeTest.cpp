@@ -7,7 +7,7 @@
 #include <Eigen/LU>
 #include <random>
 
-#include "pipeline/latticesearch/NodeCount.h"
+#include "pipeline/latticesearch/PointsOnNodes.h"
 
 namespace {
 
@@ -53,7 +53,7 @@ int plainCount(const Lattice& lattice, const Points& points, double radius, cons
     return within;
 }
 
-TEST(NodeCount, CountsAsOnePointAfterTheOther) {
+TEST(PointsOnNodes, CountsAsOnePointAfterTheOther) {
     std::mt19937 random(11);
     std::uniform_real_distribution<double> place(-80, 80), angle(-180, 180), edge(2, 20);
     int total = 0;
@@ -64,7 +64,7 @@ TEST(NodeCount, CountsAsOnePointAfterTheOther) {
         for (int i = 0; i < 103; ++i)
             points.push_back({place(random), place(random), place(random)});
         const double radius = 0.3 * lattice.shortestEdge();
-        const vrk::NodeCount count(lattice, points, radius);
+        const vrk::PointsOnNodes count(lattice, points, radius);
         const Matrix3d back = turned(Matrix3d::Identity(), angle(random));
         for (const auto& [from, to] : {std::pair<std::size_t, std::size_t>{0, 103}, {5, 17}, {40, 40}}) {
             const int plain = plainCount(lattice, points, radius, back, from, to);

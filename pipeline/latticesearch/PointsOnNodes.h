@@ -14,10 +14,10 @@ namespace vrk {
 
 /// Points of which many rotations ask how many lie near the nodes of a lattice. Coordinates lie in arrays of
 /// their own: vector units do two to eight points at once.
-class NodeCount {
+class PointsOnNodes {
 public:
     /// \param radius  within which a point belongs to a node
-    NodeCount(const Lattice& lattice, std::span<const Eigen::Vector3d> points, double radius);
+    PointsOnNodes(const Lattice& lattice, std::span<const Eigen::Vector3d> points, double radius);
 
     std::size_t size() const { return m_points[0].size(); }
     /// How many of the points from \p from to before \p to lie near a node when \p back has turned them about

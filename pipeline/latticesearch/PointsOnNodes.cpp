@@ -1,4 +1,4 @@
-#include "pipeline/latticesearch/NodeCount.h"
+#include "pipeline/latticesearch/PointsOnNodes.h"
 
 #include <Eigen/LU>
 #include <cstdint>
@@ -40,7 +40,7 @@ countNear(const double* x, const double* y, const double* z, std::size_t n, cons
 
 }  // namespace
 
-NodeCount::NodeCount(const Lattice& lattice, std::span<const Eigen::Vector3d> points, double radius)
+PointsOnNodes::PointsOnNodes(const Lattice& lattice, std::span<const Eigen::Vector3d> points, double radius)
     : m_inverse(lattice.basis.inverse()), m_basis(lattice.basis), m_square(radius * radius) {
     for (int axis = 0; axis < 3; ++axis) {
         std::vector<double>& coordinates = m_points[static_cast<std::size_t>(axis)];
@@ -50,7 +50,7 @@ NodeCount::NodeCount(const Lattice& lattice, std::span<const Eigen::Vector3d> po
     }
 }
 
-int NodeCount::within(const Eigen::Matrix3d& back, std::size_t from, std::size_t to) const {
+int PointsOnNodes::within(const Eigen::Matrix3d& back, std::size_t from, std::size_t to) const {
     const Eigen::Matrix3d toIndices = m_inverse * back;
     return static_cast<int>(countNear(m_points[0].data() + from, m_points[1].data() + from,
                                       m_points[2].data() + from, to - from, toIndices.data(), m_basis.data(),
