@@ -135,7 +135,9 @@ private:
     }
     PredictionLimits limits(double dMin) const;
     double edgeSpacing() const;
+    double leastDistance() const;
     double firstSearch() const;
+    SpotExtent firstExtent() const;
     void prepareDetector();
     void refine();
     void chooseMode(const SpotPrediction& prediction, std::span<const MeasuredSpot> measured,
@@ -201,10 +203,20 @@ double Integrator::edgeSpacing() const {
     return 1 / (farthest * m_geometry.pixelSize);
 }
 
+/// The distance of neighbouring spots, pixels.
+double Integrator::leastDistance() const {
+    return m_geometry.reciprocal.colwise().norm().minCoeff() / m_geometry.pixelSize;
+}
+
 /// How far a spot is looked for at first: less than halfway to its neighbours.
 double Integrator::firstSearch() const {
-    const double shortest = m_geometry.reciprocal.colwise().norm().minCoeff() / m_geometry.pixelSize;
-    return std::clamp(0.3 * shortest, 1.5, 6.0);
+    return std::clamp(0.3 * leastDistance(), 1.5, 6.0);
+}
+
+/// The usual one, but no wider than that the discs of neighbours keep apart: what shares its disc is placed
+/// nowhere.
+SpotExtent Integrator::firstExtent() const {
+    return SpotExtent::of(std::min(1.5, 0.12 * leastDistance()));
 }
 
 void Integrator::prepareDetector() {
@@ -220,7 +232,7 @@ void Integrator::prepareDetector() {
         std::count_if(stack.dead.begin(), stack.dead.end(), [](std::uint8_t value) { return value != 0; }));
     m_noise.gain = m_options.gain.value_or(roughGain(stack));
     if (m_options.gain) checkGain(*m_options.gain, roughGain(stack));
-    m_result.extent = SpotExtent::of(1.5);
+    m_result.extent = firstExtent();
 }
 
 /// Takes over what a refinement found. Returns the largest movement of a spot, pixels.
