@@ -1,4 +1,5 @@
-// The crystals of several results that have the commonest cell, in one data set: merge_crystals OUTPUT RESULT RESULT ...
+// The crystals of several results that have the commonest cell, in one data set: merge_crystals OUTPUT RESULT
+// RESULT ...
 #include <iostream>
 
 #include "pipeline/Pipeline.h"
