@@ -15,7 +15,8 @@ SIZES = (256, 512, 1024)
 INTRODUCTION = """# Where the time goes
 
 Made by `benchmarks/roofline.py`; `vrk run --profile` prints the same for any series. The machine of these figures:
-{processor}, one thread, shared with other work (load average {load:.0f}, {cores} cores): a step alone takes less. A plain copy of memory (`memcpy`, blocks beyond the caches) reads and writes {rate:.1f} GB/s there.
+{processor}, {cores} cores, of which a run has one; load average before {load:.1f}. A plain copy of memory (`memcpy`, blocks
+beyond the caches) reads and writes {rate:.1f} GB/s there.
 
 What a step **had to** move is what comes in, read once, and what goes out, written once; what it **moves** is what its passes
 over frames and volume add up to. **Of memcpy** is the share of the copy's rate that the first makes: at 100 % a step would cost no
@@ -52,6 +53,7 @@ def main():
     page = sys.argv[2] if len(sys.argv) > 2 else os.path.join(os.path.dirname(__file__), "../docs/performance.md")
     with open("/proc/cpuinfo") as file:
         processor = next((line.split(":")[1].strip() for line in file if line.startswith("model name")), "unknown processor")
+    load = os.getloadavg()[0]
     with tempfile.TemporaryDirectory() as folder:
         summaries = [profile_of(sys.argv[1], size, folder) for size in SIZES]
     rate = max(summary["profile"]["copy_bytes_per_second"] for summary in summaries) * 1e-9
@@ -61,7 +63,7 @@ def main():
         text = open(page).read()
         kept = text[text.index("\n## Cores"):] if "\n## Cores" in text else ""
     with open(page, "w") as file:
-        file.write(INTRODUCTION.format(processor=processor, rate=rate, load=os.getloadavg()[2], cores=os.cpu_count()))
+        file.write(INTRODUCTION.format(processor=processor, rate=rate, load=load, cores=os.cpu_count()))
         file.write("\n".join(table(size, summary) for size, summary in zip(SIZES, summaries)))
         file.write(kept)
 
