@@ -225,16 +225,6 @@ std::optional<double> numberAt(hid_t place, const std::string& path) {
     return numbers.empty() ? std::nullopt : std::optional(numbers.front());
 }
 
-std::string textAt(hid_t place, const std::string& path) {
-    const Hdf5Id dataset = objectAt(place, path);
-    if (!isDataset(dataset)) return "";
-    const Hdf5Id type(H5Dget_type(dataset.get()));
-    const Hdf5Id space(H5Dget_space(dataset.get()));
-    return readText(type.get(), space.get(), [&](hid_t memory, void* target) {
-        return H5Dread(dataset.get(), memory, H5S_ALL, H5S_ALL, H5P_DEFAULT, target) >= 0;
-    });
-}
-
 std::string attributeText(hid_t object, const std::string& name) {
     const Hdf5Id attribute(H5Aopen(object, name.c_str(), H5P_DEFAULT));
     if (!attribute) return "";

@@ -55,7 +55,6 @@ std::vector<double> attributeNumbers(hid_t object, const std::string& name);
 /// The first number.
 std::optional<double> numberAt(hid_t place, const std::string& path);
 /// Empty when there is no such text.
-std::string textAt(hid_t place, const std::string& path);
 std::string attributeText(hid_t object, const std::string& name);
 
 /// Names of what a group holds, in alphabetical order, at most 10,000.
