@@ -91,9 +91,9 @@ def main():
     print(f"{'kind':26} {'cases':>5} {'first right':>11} {'second right':>12} {'seconds':>8}")
     with concurrent.futures.ThreadPoolExecutor(options.jobs) as pool:
         for name, kind in [one for one in KINDS if options.only in one[0]]:
-            todo = [settings_of(kind, i, options.seed, options.size) for i in range(options.cases)]
+            series = [settings_of(kind, i, options.seed, options.size) for i in range(options.cases)]
             results = []
-            for i, (summary, truth) in enumerate(pool.map(lambda settings: solve(options.vrk, settings), todo)):
+            for i, (summary, truth) in enumerate(pool.map(lambda settings: solve(options.vrk, settings), series)):
                 first, second, word = judge(name, summary, truth)
                 results.append((first, second, summary["seconds"]["total"] if summary else 0))
                 if options.verbose:

@@ -14,10 +14,10 @@
 #include "pictures/RunPictures.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/JsonText.h"
-#include "pipeline/base/NumberList.h"
 #include "pipeline/base/NumberText.h"
 #include "pipeline/base/OutputFile.h"
 #include "pipeline/base/ResultFolder.h"
+#include "pipeline/formats/CellInput.h"
 #include "pipeline/frames/DataFiles.h"
 #include "pipeline/report/Report.h"
 #include "pipeline/run/ResultFiles.h"
@@ -80,11 +80,7 @@ struct Comparison {
 
 SimulationSettings settingsOf(const Options& options) {
     SimulationSettings settings = options.settings;
-    const std::vector<double> cell = numbersOf(options.cell, ',', "--cell");
-    if (cell.size() != 6)
-        throw Failure("--cell takes six numbers, a,b,c,alpha,beta,gamma, not " + options.cell,
-                      FailureKind::Usage);
-    std::copy(cell.begin(), cell.end(), settings.cell.begin());
+    settings.cell = cellNumbers(options.cell, "--cell");
     settings.centring = options.centring[0];
     const int half = static_cast<int>(std::floor(60.0 / options.step + 1e-9));
     for (int i = -half; i <= half; ++i)

@@ -1,4 +1,3 @@
-#include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -7,9 +6,8 @@
 #include "commands/Commands.h"
 #include "console/MergeReport.h"
 #include "pictures/MergePlots.h"
-#include "pipeline/base/Failure.h"
-#include "pipeline/base/NumberList.h"
 #include "pipeline/base/ResultFolder.h"
+#include "pipeline/formats/CellInput.h"
 #include "pipeline/formats/ReflectionFormats.h"
 #include "pipeline/merging/CrystalMerge.h"
 #include "pipeline/merging/MergeFiles.h"
@@ -87,11 +85,7 @@ void addMergeCommand(CommandLine& line, Host& host) {
         .parsedOption(
             "--reference-cell",
             [options](const std::string& text) {
-                const std::vector<double> numbers = numbersOf(text, ',', "--reference-cell");
-                if (numbers.size() != 6)
-                    throw Failure("--reference-cell takes six numbers, a,b,c,alpha,beta,gamma, not " + text,
-                                  FailureKind::Usage);
-                std::copy(numbers.begin(), numbers.end(), options->merge.referenceCell.emplace().begin());
+                options->merge.referenceCell = cellNumbers(text, "--reference-cell");
             },
             "Cell of the reference, where it is an HKL file without such a file beside it")
         .typeName("A,B,C,ALPHA,BETA,GAMMA");

@@ -11,6 +11,7 @@
 #include "pipeline/base/NumberList.h"
 #include "pipeline/base/NumberText.h"
 #include "pipeline/base/OutputFile.h"
+#include "pipeline/formats/CellInput.h"
 #include "pipeline/frames/DataFiles.h"
 #include "pipeline/simulation/Simulation.h"
 
@@ -70,13 +71,7 @@ SimulationSettings settingsOf(const Options& options) {
     SimulationSettings settings = options.settings;
     if (options.cell.empty() == settings.cif.empty())
         throw Failure("give either --cell or --cif", FailureKind::Usage);
-    if (!options.cell.empty()) {
-        const std::vector<double> cell = numbersOf(options.cell, ',', "--cell");
-        if (cell.size() != 6)
-            throw Failure("--cell takes six numbers, a,b,c,alpha,beta,gamma, not " + options.cell,
-                          FailureKind::Usage);
-        std::copy(cell.begin(), cell.end(), settings.cell.begin());
-    }
+    if (!options.cell.empty()) settings.cell = cellNumbers(options.cell, "--cell");
     if (options.centring.size() != 1)
         throw Failure("--centring is one of P A B C I F R, not " + options.centring, FailureKind::Usage);
     settings.centring = options.centring[0];

@@ -23,8 +23,8 @@ namespace fs = std::filesystem;
 using Json = nlohmann::ordered_json;
 
 constexpr std::size_t kMostUnits = 2000;
-/// Jobs in a row cost the engine and the start of the program once; when one is killed the rest of them waits
-/// for the next call.
+/// Jobs in a row cost the engine and the start of the program once; when their process is killed the rest of
+/// them is left open.
 constexpr std::size_t kMostInRow = 4;
 /// So many units are left for each worker when they begin to have one job only, so that all end together.
 constexpr std::size_t kLastRounds = 8;

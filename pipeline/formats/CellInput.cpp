@@ -1,5 +1,6 @@
 #include "pipeline/formats/CellInput.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <fstream>
@@ -10,6 +11,7 @@
 #include "crystallography/CellFileImportExport.h"
 #include "crystallography/SpaceMath.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/NumberList.h"
 #include "pipeline/base/UnitCheck.h"
 #include "pipeline/frames/FileContent.h"
 
@@ -84,6 +86,15 @@ CellInput cellFromNumbers(const std::vector<double>& numbers, char centring) {
         throw Failure(
             "this cell spans no lattice: its edges lie in one plane, or are far beyond any crystal");
     return inputOf(cell, centring);
+}
+
+std::array<double, 6> cellNumbers(const std::string& text, const std::string& option) {
+    const std::vector<double> numbers = numbersOf(text, ',', option);
+    std::array<double, 6> cell{};
+    if (numbers.size() != cell.size())
+        throw Failure(option + " takes six numbers, a,b,c,alpha,beta,gamma, not " + text, FailureKind::Usage);
+    std::copy(numbers.begin(), numbers.end(), cell.begin());
+    return cell;
 }
 
 CellInput cellFromFile(const std::filesystem::path& path, double pixelSize) {

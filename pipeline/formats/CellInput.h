@@ -2,6 +2,7 @@
 /// Cells as users give them: six numbers and a centring, or a cell file.
 #pragma once
 
+#include <array>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -24,6 +25,9 @@ struct CellInput {
 ///        cell is the rhombohedral one itself
 /// Throws Failure for numbers that no cell has.
 CellInput cellFromNumbers(const std::vector<double>& numbers, char centring);
+
+/// The numbers of "a,b,c,alpha,beta,gamma". Throws Failure (usage) naming \p option for anything else.
+std::array<double, 6> cellNumbers(const std::string& text, const std::string& option);
 
 /// The cell of a cell file, which is primitive. Throws Failure when there is none.
 /// @param pixelSize 1/m per pixel; 0 takes it from the file's own direct edges

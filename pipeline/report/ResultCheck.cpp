@@ -9,7 +9,6 @@
 #include <map>
 #include <nlohmann/json.hpp>
 #include <set>
-#include <tuple>
 
 #include "pipeline/base/ChecksumList.h"
 #include "pipeline/base/Failure.h"
@@ -41,6 +40,22 @@ std::size_t rowsOf(const fs::path& path) {
     for (std::string line; std::getline(file, line);)
         rows += !line.empty() && line[0] != '#';
     return rows;
+}
+
+/// Reflections of a file for structure solution, whose last row ends the list.
+double listed(const fs::path& path) {
+    return static_cast<double>(rowsOf(path)) - 1;
+}
+
+double inMtz(const fs::path& path) {
+    gemmi::Mtz mtz;
+    mtz.read_file(path.string());
+    return mtz.nreflections;
+}
+
+/// Observations that were merged.
+double usedIn(const Json& numbers) {
+    return numbers.at("observations").get<double>() - numbers.at("outliers").get<double>();
 }
 
 /// Compares numbers of the files with those of the summary.
@@ -96,20 +111,15 @@ private:
     void reflections() {
         const Json& intensities = m_summary.at("intensities");
         with("reflections.hkl", [&](const fs::path& path) {
-            const double rows = static_cast<double>(rowsOf(path)) - 1;  // the last one ends the list
             if (intensities.is_null())
-                return expect("reflections.hkl", rows,
+                return expect("reflections.hkl", listed(path),
                               m_summary.at("reflections").at("different_indices").get<double>(),
                               "reflections.different_indices");
-            const Json& numbers = intensities.at("reflections");
-            expect("reflections.hkl", rows,
-                   numbers.at("observations").get<double>() - numbers.at("outliers").get<double>(),
+            expect("reflections.hkl", listed(path), usedIn(intensities.at("reflections")),
                    "intensities.reflections.observations less outliers");
         });
         with("merged.mtz", [&](const fs::path& path) {
-            gemmi::Mtz mtz;
-            mtz.read_file(path.string());
-            expect("merged.mtz", mtz.nreflections, intensities.at("reflections").at("unique").get<double>(),
+            expect("merged.mtz", inMtz(path), intensities.at("reflections").at("unique").get<double>(),
                    "intensities.reflections.unique");
         });
     }
@@ -120,19 +130,14 @@ private:
         const Json merge = Json::parse(textOf(m_folder / name), nullptr, false);
         const Json& numbers = merge.at("intensities");
         const double unique = numbers.at("unique").get<double>();
-        const double used = numbers.at("observations").get<double>() - numbers.at("outliers").get<double>();
-        // The last row of a list ends it.
-        for (const auto& [file, rows, key] :
-             {std::tuple("merged.hkl", unique, "unique"),
-              std::tuple("reflections.hkl", used, "observations less outliers")})
-            with(file, [&, file = file, rows = rows, key = key](const fs::path& path) {
-                expect(file, static_cast<double>(rowsOf(path)) - 1, rows, std::string("intensities.") + key);
-            });
-        with("merged.mtz", [&](const fs::path& path) {
-            gemmi::Mtz mtz;
-            mtz.read_file(path.string());
-            expect("merged.mtz", mtz.nreflections, unique, "intensities.unique");
+        with("merged.hkl",
+             [&](const fs::path& path) { expect("merged.hkl", listed(path), unique, "intensities.unique"); });
+        with("reflections.hkl", [&](const fs::path& path) {
+            expect("reflections.hkl", listed(path), usedIn(numbers),
+                   "intensities.observations less outliers");
         });
+        with("merged.mtz",
+             [&](const fs::path& path) { expect("merged.mtz", inMtz(path), unique, "intensities.unique"); });
     }
 
     /// The reduced cell; cell files have six digits.
