@@ -18,19 +18,19 @@ double twoDigits(double value) {
 
 /// Standard deviation from the median difference of neighbours, which reflections hardly touch. Where most
 /// pixels count nothing, the size of the counts takes its place; 0 when there are no more than a spike.
-float noiseOf(std::span<const float> row) {
-    std::array<float, kRow> differences{};
+double noiseOf(std::span<const float> row) {
+    std::array<double, kRow> differences{};
     auto first = differences.begin();
     auto last = first;
     for (std::size_t i = 0; i + 1 < row.size(); ++i)
-        *last++ = std::abs(row[i + 1] - row[i]);
+        *last++ = std::abs(static_cast<double>(row[i + 1]) - row[i]);
     std::sort(first, last);
-    if (const auto different = std::upper_bound(first, last, 0.0F); different - first > (last - first) / 2)
+    if (const auto different = std::upper_bound(first, last, 0.0); different - first > (last - first) / 2)
         first = different;
     constexpr std::ptrdiff_t ofTwoSpikes = 4;
     if (last - first <= ofTwoSpikes) return 0;
-    constexpr float deviationOfMedian = 1.4826F;
-    return deviationOfMedian * *(first + (last - first) / 2) / std::sqrt(2.0F);
+    constexpr double deviationOfMedian = 1.4826;
+    return deviationOfMedian * *(first + (last - first) / 2) / std::sqrt(2.0);
 }
 
 }  // namespace
@@ -44,12 +44,12 @@ void CountScale::add(std::span<const float> pixels) {
     const std::size_t row = std::min(kRow, pixels.size());
     const std::size_t step = std::max(row, pixels.size() / kRowsASlice);
     for (std::size_t start = 0; row > 1 && start + row <= pixels.size(); start += step)
-        if (const float noise = noiseOf(pixels.subspan(start, row)); noise > 0) m_noises.push_back(noise);
+        if (const double noise = noiseOf(pixels.subspan(start, row)); noise > 0) m_noises.push_back(noise);
 }
 
 double CountScale::noise() const {
     if (m_noises.empty()) return 0;
-    std::vector<float> noises = m_noises;
+    std::vector<double> noises = m_noises;
     const auto quiet = noises.begin() + static_cast<std::ptrdiff_t>(noises.size() / 10);
     std::nth_element(noises.begin(), quiet, noises.end());
     return *quiet;
@@ -72,6 +72,17 @@ double CountScale::choice() const {
     if (m_whole) return 1 / std::min(std::ceil(1 / limit()), std::max(std::floor(deviation), 1.0));
     if (deviation == 0) return keepingAll();
     return twoDigits(std::max(std::min(10 / deviation, limit()), 1 / deviation));
+}
+
+long long clearInvalid(std::span<float> counts) {
+    constexpr float kLargest = 1e30F;
+    long long invalid = 0;
+    for (float& value : counts)
+        if (!(std::abs(value) <= kLargest)) {
+            value = 0.0F;
+            ++invalid;
+        }
+    return invalid;
 }
 
 long long storeScaled(std::span<const float> counts, double scale, std::span<short> slice) {

@@ -34,8 +34,13 @@ private:
     double m_smallest = 0;
     double m_largest = 0;
     bool m_whole = true;
-    std::vector<float> m_noises;  ///< of short rows of pixels
+    std::vector<double> m_noises;  ///< of short rows of pixels
 };
+
+/// Sets pixels to 0 that hold no count: what is not finite, and values beyond 1e30, with which programs fill
+/// masked pixels and which no sum of counts reaches.
+/// \returns how many there were
+long long clearInvalid(std::span<float> counts);
 
 /// Counts times a scale as whole numbers of 16 bits, of which what does not fit is clipped.
 /// \param slice  as long as the counts

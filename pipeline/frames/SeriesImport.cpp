@@ -305,11 +305,7 @@ bool Importer::addGroup(const Group& group, std::vector<float>& total, double& t
         FrameReference& reference = m_frames[i];
         std::optional<Frame> frame = reference.file ? readFrame(reference) : std::nullopt;
         if (!frame) continue;
-        for (float& pixel : frame->pixels)
-            if (!std::isfinite(pixel)) {
-                pixel = 0;
-                ++m_invalid;
-            }
+        m_invalid += clearInvalid(frame->pixels);
         if (std::all_of(frame->pixels.begin(), frame->pixels.end(), [](float pixel) { return pixel == 0; })) {
             if (++m_result.empty <= 5)
                 m_emptyTilts += (m_result.empty > 1 ? ", " : "") + textOf(*reference.info.tilt);

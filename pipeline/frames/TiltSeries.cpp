@@ -102,24 +102,14 @@ private:
     /// \returns how many pixels were no numbers
     long long readSlice(const Slice& slice) {
         m_read(slice.frames.front(), m_counts);
-        long long invalid = removeInvalid(m_counts);
+        long long invalid = clearInvalid(m_counts);
         for (std::size_t i = 1; i < slice.frames.size(); ++i) {
             m_more.resize(m_counts.size());
             m_read(slice.frames[i], m_more);
-            invalid += removeInvalid(m_more);
+            invalid += clearInvalid(m_more);
             std::transform(m_counts.begin(), m_counts.end(), m_more.begin(), m_counts.begin(), std::plus<>());
         }
         return invalid;
-    }
-
-    static long long removeInvalid(std::vector<float>& counts) {
-        long long count = 0;
-        for (float& value : counts)
-            if (!std::isfinite(value)) {
-                value = 0.0F;
-                ++count;
-            }
-        return count;
     }
 
     VoxMRCData& m_data;

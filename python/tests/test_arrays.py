@@ -4,13 +4,12 @@ import warnings
 
 import numpy as np
 import pytest
-from hypothesis import given, settings
+from hypothesis import given
 from hypothesis import strategies as st
 from hypothesis.extra import numpy as hnp
 
 import vrkcore
 
-quick = settings(max_examples=25, deadline=None, database=None)
 TYPES = "? i1 u1 <i2 >i2 <u2 >u2 i4 >i4 u4 i8 u8 f2 f4 >f4 f8 >f8 g".split()
 
 
@@ -23,7 +22,6 @@ def make(frames, tilts=None, pixel_size=1e8, **more):
     return series, [str(warning.message) for warning in caught]
 
 
-@quick
 @given(
     st.sampled_from(TYPES),
     hnp.array_shapes(min_dims=3, max_dims=3, min_side=1, max_side=6),
@@ -44,11 +42,10 @@ def test_whole_numbers_of_any_type_and_strides_come_back(dtype, shape, order, st
     assert series.frames.dtype == np.int16
 
 
-@quick
 @given(hnp.arrays(np.float32, (2, 3, 4), elements=st.floats(width=32, allow_nan=True, allow_infinity=True)))
 def test_any_float_becomes_a_count(frames):
     series, told = make(frames)
-    invalid = ~np.isfinite(frames)
+    invalid = ~(abs(frames) <= 1e30)  # masks are filled with values like the largest float
     assert (series.frames[invalid] == 0).all()
     assert invalid.any() == any("no numbers" in text for text in told)
     scaled = [text for text in told if "multiplied" in text]
@@ -62,7 +59,6 @@ def test_any_float_becomes_a_count(frames):
         np.testing.assert_allclose(series.frames, expected, atol=1 + 1e-4 * np.abs(expected).max())
 
 
-@quick
 @given(hnp.array_shapes(min_dims=1, max_dims=4, min_side=0, max_side=3), st.integers(0, 4))
 def test_wrong_shapes_are_refused(shape, tilts):
     frames = np.ones(shape, np.int16)
@@ -120,7 +116,6 @@ POINTS = hnp.arrays(np.float64, st.tuples(st.integers(0, 40), st.sampled_from([2
                     elements=st.integers(-12, 12).map(lambda n: n / 2))
 
 
-@quick
 @given(POINTS, st.sampled_from([0.4, 0.75, 1.6, 5.0]), st.integers(1, 5))
 def test_clusters_are_those_of_the_definition(points, eps, min_points):
     labels = vrkcore.dbscan(points, eps, min_points)

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <limits>
 
 #include "pipeline/frames/CountScale.h"
 #include "pipeline/simulation/SimulationRandom.h"
@@ -45,6 +46,20 @@ TEST(CountScale, NeedsNoNoise) {
     scale.add(pixels);
     EXPECT_EQ(scale.choice(), 65000);
     EXPECT_FALSE(scale.whole());
+}
+
+TEST(CountScale, BringsTheLargestCountsIntoTheRange) {
+    const float most = std::numeric_limits<float>::max();
+    std::vector<float> pixels{1e30F, -1e30F, most, -most, NAN, INFINITY, 0.5F, 3};
+    EXPECT_EQ(vrk::clearInvalid(pixels), 4);
+    EXPECT_EQ(pixels, (std::vector<float>{1e30F, -1e30F, 0, 0, 0, 0, 0.5F, 3}));
+    for (int i = 0; i < 4; ++i)  // differences that a float does not hold
+        pixels.insert(pixels.end(), {2e38F, -2e38F});
+    vrk::CountScale scale;
+    scale.add(pixels);
+    std::vector<short> slice(pixels.size());
+    EXPECT_EQ(vrk::storeScaled(pixels, scale.choice(), slice), 0);
+    EXPECT_NEAR(slice.back(), -9, 1);  // the noise is as large as the counts, and gets ten units
 }
 
 }  // namespace
