@@ -496,14 +496,23 @@ void Merger::reduce() {
     follow();
 }
 
-/// Where no crystal agrees with the others, none can be told to be the stranger.
+/// Where no crystal agrees with the others, none can be told to be the stranger. Halves of the crystals agree
+/// to some degree in the fall-off with the resolution alone, the correlations of the indexing do not.
 void Merger::warnOfDisagreement() {
-    constexpr double kLittle = 0.5;
-    if (!(m_result.ccHalf <= kLittle)) return;
-    m_session.warn(
-        formatted("the intensities of the crystals agree little: halves of them correlate by %.2f. "
-                  "Crystals with like cells may have different structures",
-                  m_result.ccHalf));
+    constexpr double kLittle = 0.5, kLittleOfPairs = 0.4;
+    double sum = 0, common = 0;
+    for (const std::size_t i : used()) {
+        const CrystalIndexing& one = m_result.crystals[i].indexing;
+        sum += one.common * one.correlation;
+        common += one.common;
+    }
+    const double ofPairs = common > 0 ? sum / common : 0;
+    if (m_result.ccHalf > kLittle && ofPairs > kLittleOfPairs) return;
+    m_session.warn(formatted(
+        "the intensities of the crystals agree little: halves of them correlate by %.2f, pairs by %.2f "
+        "apart from the fall-off with the resolution. Crystals with like cells may have different "
+        "structures, or hardly anything was measured but noise",
+        m_result.ccHalf, ofPairs));
 }
 
 /// Crystal after crystal, the one that brings the most first.

@@ -160,6 +160,33 @@ const std::vector<Printed> kStages = {
       "tilt axis {/tilt_axis_deg} degrees, pixel {/pixel_size*1e-10} 1/Angstrom ({/pixel_size} 1/m)"}},
 };
 
+const std::vector<Printed> kMerge = {
+    {"run series.mrc -o a --no-pictures", "a/summary.json", {}},
+    {"simulate -o second.mrc --cell 5.2,6.1,4.6,90,105,90 --centring C --size 128 --dmin 1 --seed 4 --tilts "
+     "-60:60:2 --axis 6 --write-axis --peak 5000",
+     "second.truth.json",
+     {}},
+    {"run second.mrc -o b --no-pictures", "b/summary.json", {}},
+    {"merge a b -o m",
+     "m/merge.json",
+     {"crystals 2 of 2 merged, cells within {/cells/clusters/0/spread*100} %",
+      "cell {/cell/bravais} {/cell/a~/cell/esd/a} {/cell/b~/cell/esd/b} {/cell/c~/cell/esd/c} 90 "
+      "{/cell/beta~/cell/esd/beta} 90, to {/intensities/d_min} A",
+      "intensities {/intensities/overall/observations} observations, {/intensities/overall/unique} unique, "
+      "{/intensities/overall/completeness*100} % complete, redundancy {/intensities/overall/redundancy}",
+      "quality I/sigma {/intensities/overall/i_over_sigma}, R_int {/intensities/overall/r_int}, R_meas "
+      "{/intensities/overall/r_meas}, CC1/2 {/intensities/overall/cc_half}, of crystals "
+      "{/intensities/cc_half_of_crystals}",
+      "error model a {/intensities/error_model/a}, b {/intensities/error_model/b}; {/intensities/outliers} "
+      "outliers",
+      "{/intensities/shells/0/d_max} - {/intensities/shells/0/d_min} {/intensities/shells/0/observations} "
+      "{/intensities/shells/0/unique} {/intensities/shells/0/completeness*100} % "
+      "{/intensities/shells/0/redundancy} {/intensities/shells/0/i_over_sigma} {/intensities/shells/0/r_int} "
+      "{/intensities/shells/0/r_meas} {/intensities/shells/0/cc_half}",
+      "b {/crystals/1/observations} {/crystals/1/scale} {/crystals/1/b} {/crystals/1/correlation} - "
+      "{/crystals/1/delta_cc_half} {/growth/0/completeness*100} %"}},
+};
+
 class PrintedTest : public testing::Test {
 protected:
     /// A crystal with a centring; or two, seen with distortion, wrong tilts and a wrong axis.
@@ -274,6 +301,11 @@ TEST_F(PrintedTest, RunSaysWhatItsSummarySays) {
 TEST_F(PrintedTest, RunAndCalibrationTellTheInstrument) {
     simulate(kBentSeries);
     expectWhatTheJsonSays(kBent);
+}
+
+TEST_F(PrintedTest, MergeSaysWhatItsFileSays) {
+    simulate(kSeries);
+    expectWhatTheJsonSays(kMerge);
 }
 
 TEST_F(PrintedTest, StagesSayWhatTheirJsonSays) {
