@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -27,6 +28,7 @@ struct Printed {
     const char* line;
     const char* file;  ///< empty: --json
     std::vector<const char*> lines;
+    const char* printed = nullptr;  ///< a file that stands for what is printed
 };
 
 const std::vector<Printed> kRun = {
@@ -187,6 +189,28 @@ const std::vector<Printed> kMerge = {
       "{/crystals/1/delta_cc_half} {/growth/0/completeness*100} %"}},
 };
 
+const std::vector<Printed> kPlots = {
+    {"run series.mrc -o out",
+     "out/summary.json",
+     {"set multiplot layout 2,3 title 'Laue class {/intensities/laue/class}, space group "
+      "{/intensities/space_groups/candidates/0/symbol}'",
+      "set title 'Wilson plot, B = {/intensities/wilson/b} square Angstrom (atoms included)'",
+      "plot 'intensities_2.dat' using 1:2 with linespoints pt 7 ps 0.7 lc rgb '#0072B2' title 'unique "
+      "reflections', {/intensities/wilson/ln_scale} - 2 * ({/intensities/wilson/b}) * x lc rgb '#D55E00' "
+      "title 'line'"},
+     "out/plots/intensities.plt"},
+    {"",
+     "out/summary.json",
+     {"{=0.629,0.01} {/intensities/shells/0/completeness*100} {/intensities/shells/0/redundancy} "
+      "{/intensities/shells/0/i_over_sigma} {/intensities/shells/0/r_int} {/intensities/shells/0/r_meas} "
+      "{/intensities/shells/0/cc_half}"},
+     "out/plots/intensities_1.dat"},
+    {"",
+     "out/summary.json",
+     {"{/intensities/wilson/bins/1/s2} {/intensities/wilson/bins/1/ln_i}"},
+     "out/plots/intensities_2.dat"},
+};
+
 class PrintedTest : public testing::Test {
 protected:
     /// A crystal with a centring; or two, seen with distortion, wrong tilts and a wrong axis.
@@ -274,8 +298,10 @@ bool says(std::string text, const std::string& form, const json& document) {
 
 void PrintedTest::expectWhatTheJsonSays(const std::vector<Printed>& all) const {
     for (const Printed& one : all) {
-        const VrkResult printed = runVrkLine(one.line, m_folder / ".");
+        VrkResult printed{.exitCode = 0, .out = "", .err = ""};
+        if (*one.line) printed = runVrkLine(one.line, m_folder / ".");
         ASSERT_EQ(printed.exitCode, 0) << printed.err;
+        if (one.printed) printed.out = m_folder.read(one.printed);
         const json document =
             json::parse(*one.file ? m_folder.read(one.file)
                                   : runVrkLine(one.line + std::string(" --json"), m_folder / ".").out);
@@ -296,6 +322,26 @@ void PrintedTest::expectWhatTheJsonSays(const std::vector<Printed>& all) const {
 TEST_F(PrintedTest, RunSaysWhatItsSummarySays) {
     simulate(kSeries);
     expectWhatTheJsonSays(kRun);
+}
+
+/// Names and colours of curves are those of the columns that they draw.
+TEST_F(PrintedTest, PlotsShowWhatTheSummarySays) {
+    simulate(kSeries);
+    expectWhatTheJsonSays(kPlots);
+    const std::regex curve("'([a-z_0-9]+[.]dat)' using 1:([0-9])(?:(?! using ).)*? title '([^']*)'");
+    const std::string script = m_folder.read("out/plots/intensities.plt");
+    std::string drawn;
+    for (std::sregex_iterator one(script.begin(), script.end(), curve), end; one != end; ++one) {
+        std::istringstream names(m_folder.read("out/plots/" + (*one)[1].str()));
+        std::string name;
+        for (int i = -1; i < std::stoi((*one)[2]); ++i)
+            names >> name;
+        drawn += name + ": " + (*one)[3].str() + '\n';
+    }
+    EXPECT_EQ(drawn,
+              "completeness: completeness\nredundancy: redundancy\nI/sigma: I/sigma\nCC1/2: CC1/2\n"
+              "R_int: R int\nR_meas: R meas\nln_I: unique reflections\nat_low_resolution: at low resolution\n"
+              "at_the_limit: at 1.00 Angstrom\nholds: holds\nfails: does not\n");
 }
 
 TEST_F(PrintedTest, RunAndCalibrationTellTheInstrument) {
