@@ -77,7 +77,7 @@ LaueRotations closure(LaueRotations rotations) {
     return {group.begin(), group.end()};
 }
 
-/// Intensities over their mean in shells of the same number of reflections.
+/// Intensities over their mean in shells of the same number of reflections and the fall-off within them.
 struct Normalised {
     std::map<Indices, std::pair<double, double>> values;  ///< with their uncertainties
     double signal = 0;                                    ///< part of the variance that is not noise
@@ -85,26 +85,64 @@ struct Normalised {
     explicit Normalised(std::span<const Observation> observations);
 };
 
+/// The slope of ln of the mean intensity over 1 / d^2, by Fisher scoring for intensities that are distributed
+/// exponentially about their mean. Within a shell, too, equivalents share the fall-off, which would make any
+/// rotation look like one of the crystal's.
+double slopeOf(const std::vector<const Observation*>& sorted) {
+    constexpr int kSteps = 20;
+    const auto count = static_cast<double>(sorted.size());
+    double middle = 0, mean = 0;
+    for (const Observation* one : sorted) {
+        middle += 1 / (one->spacing * one->spacing) / count;
+        mean += one->intensity / count;
+    }
+    if (!(mean > 0)) return 0;
+    double level = std::log(mean), slope = 0;
+    for (int step = 0; step < kSteps; ++step) {
+        double ofLevel = 0, ofSlope = 0, spread = 0;
+        for (const Observation* one : sorted) {
+            const double x = 1 / (one->spacing * one->spacing) - middle;
+            const double ratio = one->intensity / std::exp(level + slope * x);
+            const double residual = std::min(ratio, kMostNormalised) - 1;
+            ofLevel += residual;
+            ofSlope += residual * x;
+            spread += x * x;
+        }
+        if (!(spread > 0)) return 0;
+        // A start far from the end takes large steps that do not overshoot.
+        level += std::clamp(ofLevel / count, -1.0, 1.0);
+        slope += std::clamp(ofSlope / spread, -1 / std::sqrt(spread / count), 1 / std::sqrt(spread / count));
+    }
+    return std::isfinite(slope) ? slope : 0;
+}
+
 Normalised::Normalised(std::span<const Observation> observations) {
     std::vector<const Observation*> sorted;
     for (const Observation& one : observations)
         if (!one.outlier) sorted.push_back(&one);
     std::sort(sorted.begin(), sorted.end(),
               [](const Observation* a, const Observation* b) { return a->spacing > b->spacing; });
+    const double slope = slopeOf(sorted);
     const std::size_t shells = std::max<std::size_t>(1, sorted.size() / kShellSize);
     double sum = 0, squares = 0, noise = 0;
+    std::vector<double> fallOff;
     for (std::size_t shell = 0; shell < shells; ++shell) {
         const std::size_t first = sorted.size() * shell / shells;
         const std::size_t last = sorted.size() * (shell + 1) / shells;
+        const auto inShell = static_cast<double>(last - first);
+        fallOff.clear();
         double mean = 0, error = 0;
         for (std::size_t i = first; i < last; ++i) {
-            mean += sorted[i]->intensity / static_cast<double>(last - first);
-            error += sorted[i]->sigma / static_cast<double>(last - first);
+            const double s = 1 / sorted[i]->spacing, start = 1 / sorted[first]->spacing;
+            fallOff.push_back(std::exp(slope * (s * s - start * start)));
+            mean += sorted[i]->intensity / fallOff.back() / inShell;
+            error += sorted[i]->sigma / fallOff.back() / inShell;
         }
         mean = std::max(mean, 0.3 * error);
         for (std::size_t i = first; i < last; ++i) {
-            const double value = std::min(sorted[i]->intensity / mean, kMostNormalised);
-            const double sigma = sorted[i]->sigma / mean;
+            const double expected = mean * fallOff[i - first];
+            const double value = std::min(sorted[i]->intensity / expected, kMostNormalised);
+            const double sigma = sorted[i]->sigma / expected;
             values[sorted[i]->hkl] = {value, sigma};
             sum += value;
             squares += value * value;
