@@ -201,10 +201,10 @@ Refiner::Refiner(const SeriesGeometry& start, const RockingModel& rocking, const
     for (const PredictedReflection& reflection : prediction.reflections)
         longest = std::max(longest, reflection.length);
     m_prior = priorDeviations(std::max(longest, 1e-3));
-    const std::size_t strains = latticeStrains(start.reciprocal, start.ties).size();
+    m_strains = latticeStrains(start.reciprocal, start.ties);
     for (int i = 0; i < 3; ++i)
         m_active[static_cast<std::size_t>(i)] = true;
-    for (std::size_t i = 0; i < strains; ++i)
+    for (std::size_t i = 0; i < m_strains.size(); ++i)
         m_active[FrameView::Strain + i] = true;
     m_active[FrameView::AxisAngle] = true;
     m_active[kWidth] = true;
@@ -566,11 +566,15 @@ bool Refiner::determined(int column) const {
     return left.norm() > 0.4 * target.norm();
 }
 
+/// Nothing happens with a parameter that cannot be told from the cell.
 void Refiner::takeUp(const std::string& name) {
+    for (const Term& term : kOptional) {
+        if (name != term.name) continue;
+        if (!determined(term.column)) return;
+        m_active[static_cast<std::size_t>(term.column)] = true;
+    }
     m_terms.push_back(name);
     if (name == kTilts) m_tiltsActive = true;
-    for (const Term& term : kOptional)
-        if (name == term.name) m_active[static_cast<std::size_t>(term.column)] = true;
     if (m_active[kMosaicity]) m_rocking.mosaicity = std::max(m_rocking.mosaicity, 5e-4);
 }
 

@@ -37,6 +37,12 @@ constexpr double kFirstWidth = 0.003;
 /// else fits.
 constexpr double kClearlyBetter = 0.7;
 constexpr double kPoorCurves = 4;
+/// Frames with gaps between them are thought of when the misfit is more than counting statistics leave.
+constexpr double kImperfectCurves = 1;
+constexpr double kBetterWithGaps = 0.85;
+constexpr double kFirstRotationPart = 0.6;
+/// Gaps that are told are more than this part of a step.
+constexpr double kToldGap = 0.03;
 /// A gain that is told must explain the noise of the background within this factor: electrons that spread
 /// over pixels and noise of the electronics take and add less.
 constexpr double kWrongGain = 100;
@@ -148,10 +154,15 @@ private:
     bool isStated(RotationMode mode) const;
     void tellContradiction(double misfit);
     double bestPrecession(const SpotPrediction& prediction, std::span<const MeasuredSpot> measured);
+    double bestRotation(const SpotPrediction& prediction, std::span<const MeasuredSpot> measured,
+                        std::span<const SpotCentroid> centroids);
+    double improveRotation(SeriesGeometry geometry, const SpotPrediction& prediction,
+                           std::span<const MeasuredSpot> measured, double firstStep);
     double settle(const GeometryFit& fit, const SpotPrediction& prediction);
     void measure(double dMin);
     LaueRotations likelyRotations() const;
     void assemble();
+    void tellGaps();
     void tellSaturated();
     IntegratedReflection assembled(std::uint32_t number, std::span<const CurveFit> sums) const;
 
@@ -161,6 +172,7 @@ private:
     SeriesGeometry m_geometry;
     RockingModel m_rocking;
     NoiseModel m_noise;
+    std::optional<double> m_rotationPart;  ///< of its step that a frame turns, where the curves show gaps
     std::vector<CurveFit> m_sums;
 };
 
@@ -171,6 +183,7 @@ Integrator::Integrator(IntegrationInput input, const IntegrationOptions& options
     m_rocking.mode = options.mode.value_or(RotationMode::Continuous);
     m_rocking.precession = options.precession;
     m_result.start = m_input.geometry;
+    if (options.refine) m_result.fit.terms = options.terms;
     const std::optional<StatedMode>& stated = m_input.stated;
     if (!stated || stated->mode != options.mode) return;
     setRotation(*stated);
@@ -274,9 +287,10 @@ void Integrator::chooseMode(const SpotPrediction& prediction, std::span<const Me
     const RockingModel first = m_rocking;
     double least = std::numeric_limits<double>::infinity();
     m_result.modeSource = ModeSource::Curves;
-    const auto attempt = [&](const StatedMode& mode, ModeSource source) {
+    const auto attempt = [&](const StatedMode& mode, ModeSource source, bool gaps = false) {
         // The simplest explanation that is not clearly worse, and a statement unless it is.
-        const double limit = std::isfinite(least) ? kClearlyBetter * least : least;
+        const double better = gaps ? kBetterWithGaps : kClearlyBetter;
+        const double limit = std::isfinite(least) ? better * least : least;
         const SeriesGeometry geometryBefore = m_geometry;
         const RockingModel before = m_rocking;
         m_geometry = start;
@@ -285,9 +299,9 @@ void Integrator::chooseMode(const SpotPrediction& prediction, std::span<const Me
         if (mode.mode != RotationMode::Precession) m_rocking = first;
         m_rocking.mode = mode.mode;
         m_rocking.precession = mode.precession;
-        const double misfit = mode.mode == RotationMode::Precession
-                                  ? bestPrecession(prediction, measured)
-                                  : fittedMisfit(prediction, measured, centroids);
+        const double misfit = mode.mode == RotationMode::Precession ? bestPrecession(prediction, measured)
+                              : gaps ? bestRotation(prediction, measured, centroids)
+                                     : fittedMisfit(prediction, measured, centroids);
         m_result.modeMisfits.emplace_back(mode.mode, misfit);
         if (misfit <= limit) {
             least = misfit;
@@ -296,12 +310,15 @@ void Integrator::chooseMode(const SpotPrediction& prediction, std::span<const Me
         }
         m_geometry = geometryBefore;
         m_rocking = before;
+        if (gaps) m_rotationPart.reset();
     };
     const std::optional<StatedMode>& stated = m_input.stated;
     if (stated) attempt(*stated, ModeSource::Header);
     for (const RotationMode mode : {RotationMode::Continuous, RotationMode::Stepwise})
         if (!isStated(mode)) attempt({mode}, ModeSource::Curves);
+    if (least > kImperfectCurves) attempt({RotationMode::Continuous}, ModeSource::Curves, true);
     if (least > kPoorCurves) attempt({RotationMode::Precession}, ModeSource::Curves);
+    if (m_rocking.mode != RotationMode::Continuous) m_rotationPart.reset();
     if (stated && m_result.modeSource == ModeSource::Curves) tellContradiction(least);
 }
 
@@ -323,6 +340,55 @@ void Integrator::tellContradiction(double misfit) {
         inWords(stated.mode, stated.rotation).c_str(),
         inWords(m_rocking.mode, m_geometry.frames.front().rotation).c_str(), misfit,
         m_result.modeMisfits.front().second));
+}
+
+/// The part of its step that a frame turns, and the width with it, that fit the curves best: cameras that
+/// read out between frames leave gaps that hardly a header states. \returns the misfit
+double Integrator::bestRotation(const SpotPrediction& prediction, std::span<const MeasuredSpot> measured,
+                                std::span<const SpotCentroid> centroids) {
+    GeometryOptions options;
+    options.optional = options.tilts = false;
+    m_rotationPart = kFirstRotationPart;
+    double misfit = 0;
+    for (const double step : {0.16, 0.04}) {
+        setRotation({RotationMode::Continuous, *m_rotationPart * m_input.geometry.frames.front().rotation});
+        const GeometryFit fit =
+            refineGeometry(m_geometry, m_rocking, prediction, measured, centroids, options);
+        m_rocking = fit.rocking;
+        misfit = improveRotation(fit.geometry, prediction, measured, step);
+    }
+    return misfit;
+}
+
+/// Looks around the part and the width that are known for better ones, in steps down to a quarter of the
+/// first.
+double Integrator::improveRotation(SeriesGeometry geometry, const SpotPrediction& prediction,
+                                   std::span<const MeasuredSpot> measured, double firstStep) {
+    double found = std::numeric_limits<double>::infinity();
+    double part = *m_rotationPart;
+    const auto attempt = [&](double trialPart, double width) {
+        RockingModel trial = m_rocking;
+        trial.width = width;
+        for (FramePose& pose : geometry.frames)
+            pose.rotation = trialPart * m_input.geometry.frames.front().rotation;
+        const double misfit = curveMisfit(geometry, trial, prediction, measured);
+        if (misfit >= found) return;
+        found = misfit;
+        part = trialPart;
+        m_rocking = trial;
+    };
+    for (double step = firstStep; step > 0.2 * firstStep; step *= 0.5)
+        for (int round = 0; round < 4; ++round) {
+            const double middle = part;
+            const double width = m_rocking.width;
+            for (const double trial : {middle, middle - step, middle + step})
+                for (const double factor : {1.0, 1 - step, 1 + step})
+                    attempt(std::clamp(trial, 0.02, 1.0), factor * width);
+            if (part == middle) break;
+        }
+    m_rotationPart = part;
+    setRotation({RotationMode::Continuous, part * m_input.geometry.frames.front().rotation});
+    return found;
 }
 
 /// The precession, and the width with it, that fits the curves best; near the angle that is stated, where one
@@ -397,6 +463,8 @@ void Integrator::refine() {
         if (round == 1 && !m_options.mode) chooseMode(prediction, measured, centroids);
         if (round == 1 && m_options.mode == RotationMode::Precession && !(m_options.precession > 0))
             bestPrecession(prediction, measured);
+
+        if (round > 1 && m_rotationPart) improveRotation(m_geometry, prediction, measured, 0.04);
 
         GeometryOptions options;
         options.terms = m_result.fit.terms;
@@ -542,6 +610,15 @@ void Integrator::assemble() {
               });
 }
 
+void Integrator::tellGaps() {
+    if (!m_rotationPart || *m_rotationPart > 1 - kToldGap) return;
+    const double step = m_input.geometry.frames.front().rotation / kDegree;
+    m_result.remarks.push_back(
+        formatted("by the rocking curves frames turn by %.2g of every %.3g degrees: nothing was recorded "
+                  "between them, and reflections that cross there have larger uncertainties",
+                  *m_rotationPart * step, step));
+}
+
 void Integrator::tellSaturated() {
     const auto count = std::count_if(m_result.reflections.begin(), m_result.reflections.end(),
                                      [](const auto& r) { return (r.flags & kReflectionSaturated) != 0; });
@@ -568,6 +645,7 @@ IntegrationResult Integrator::run() {
         m_result.dMin = std::max(limit, m_result.dMin);
         assemble();
     }
+    tellGaps();
     tellSaturated();
     return std::move(m_result);
 }

@@ -57,6 +57,9 @@ struct IntegrationOptions {
     double precession = 0;               ///< half angle of the precession cone, radians; 0: found
     bool refine = true;                  ///< the geometry; otherwise only the rocking width
     std::vector<std::string> keptTerms;  ///< GeometryOptions::kept
+    /// Optional parameters that the start has and does not know for good (GeometryOptions::terms): what stays
+    /// as it is adds nothing to the uncertainties.
+    std::vector<std::string> terms;
     /// Called now and then; may throw to stop.
     std::function<void()> checkpoint;
 };

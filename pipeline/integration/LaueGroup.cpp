@@ -23,6 +23,9 @@ constexpr double kCorrelationWidth = 0.12;
 /// mates, at a price of so much of the logarithm for all of that.
 constexpr double kLeastOfFriedel = 0.3;
 constexpr double kPriceOfSpoiling = 1.5;
+/// What a group must have over one of half its order: a symmetry that is not there spoils every mean, one
+/// that is missed costs only redundancy.
+constexpr double kPriceOfDoubling = 0.7;
 /// Decay of the correlations of rotations that are none.
 constexpr double kFalseDecay = 3;
 constexpr std::size_t kShellSize = 100;
@@ -154,14 +157,16 @@ Normalised::Normalised(std::span<const Observation> observations) {
     signal = variance > 0 ? std::clamp(1 - noise / count / variance, 0.05, 1.0) : 0.05;
 }
 
-/// The weighted correlation of intensities with those at \p partner.
+/// The weighted correlation of intensities with those at \p partner. Where a rotation keeps indices or
+/// inverts them, on its axis and in the plane perpendicular to it, equal intensities say nothing of it.
 template <typename Partner>
-std::pair<double, int> correlation(const Normalised& normalised, Partner partner) {
+std::pair<double, int> correlation(const Normalised& normalised, Partner partner, bool friedel) {
     double w = 0, x = 0, y = 0, xx = 0, xy = 0, yy = 0;
     int pairs = 0;
     for (const auto& [hkl, value] : normalised.values) {
         const Indices other = partner(hkl);
         const Indices mate = {-other[0], -other[1], -other[2]};
+        if (!friedel && (other == hkl || mate == hkl)) continue;
         for (const Indices& target : {other, mate}) {
             if (target == hkl || target < hkl) continue;
             const auto found = normalised.values.find(target);
@@ -231,6 +236,7 @@ void judge(const LaueChoice& choice, LaueCandidate& candidate) {
     const double friedel = choice.friedelCorrelation;
     const double expected = std::clamp(candidate.correlation, kLeastOfFriedel * friedel, friedel);
     if (counted > 0) candidate.evidence -= kPriceOfSpoiling * (1 - expected / friedel);
+    candidate.evidence -= kPriceOfDoubling * std::log2(static_cast<double>(candidate.rotations.size()));
     for (const RotationEvidence& one : choice.rotations)
         if (one.pairs >= 3)
             candidate.evidence += inside(one) ? lnTrue(one.correlation, expected, one.pairs)
@@ -303,12 +309,13 @@ LaueChoice chooseLaueGroup(std::span<const Observation> observations, const Eige
     LaueChoice choice;
     const LaueRotations lattice = latticeRotations(reciprocal, centring);
     const Normalised normalised(observations);
-    const auto friedel = correlation(normalised, [](const Indices& hkl) { return hkl; });
+    const auto friedel = correlation(
+        normalised, [](const Indices& hkl) { return hkl; }, true);
     choice.friedelCorrelation =
         friedel.second >= 50 ? std::clamp(friedel.first, 0.1, 1.0) : normalised.signal;
     for (const IndexRotation& rotation : lattice) {
         if (rotation == IndexRotation()) continue;
-        const auto [value, pairs] = correlation(normalised, rotation);
+        const auto [value, pairs] = correlation(normalised, rotation, false);
         choice.rotations.push_back({rotation, value, pairs});
     }
 

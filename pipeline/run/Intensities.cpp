@@ -39,18 +39,19 @@ void addDistortion(const FrameDistortion& known, SeriesGeometry& geometry) {
     geometry.distortion.radial += known.radial / (geometry.pixelSize * geometry.pixelSize);
 }
 
-/// Names that the refinement on the frames has for what is known.
-std::vector<std::string> keptTerms(const KnownTerms& known) {
+/// Names that the refinement on the frames has for some terms.
+template <typename Condition>
+std::vector<std::string> namesOfTerms(Condition condition) {
     static constexpr std::array<std::pair<InstrumentTerm, const char*>, 5> kNames = {
         {{InstrumentTerm::EllipseCosine, "stretch"},
          {InstrumentTerm::EllipseSine, "shear"},
          {InstrumentTerm::Radial, "radial"},
          {InstrumentTerm::TiltScale, "tilt scale"},
          {InstrumentTerm::AxisTilt, "axis pitch"}}};
-    std::vector<std::string> kept;
+    std::vector<std::string> names;
     for (const auto& [term, name] : kNames)
-        if (known[static_cast<std::size_t>(term)]) kept.emplace_back(name);
-    return kept;
+        if (condition(term)) names.emplace_back(name);
+    return names;
 }
 
 /// The mode of the frames as the series states it, on the scale of the refined tilts.
@@ -125,7 +126,13 @@ Intensities measureIntensities(const Indexed& indexed, const ReciprocalVolume& v
     options.dMin = choice.dMin;
     options.gain = choice.gain;
     options.mode = choice.mode;
-    options.keptTerms = keptTerms(knownTerms(volume.facts));
+    const KnownTerms known = knownTerms(volume.facts);
+    const auto isKnown = [&](InstrumentTerm term) {
+        return known[static_cast<std::size_t>(term)].has_value();
+    };
+    options.keptTerms = namesOfTerms(isKnown);
+    options.terms =
+        namesOfTerms([&](InstrumentTerm term) { return indexed.instrument.uses(term) && !isKnown(term); });
     options.checkpoint = [&] { session.checkCanceled(); };
 
     Intensities result;

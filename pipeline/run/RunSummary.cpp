@@ -278,6 +278,8 @@ Json intensitiesJson(const Intensities& intensities) {
     json["mode"] = {{"name", nameOf(fit.rocking.mode)},
                     {"found", integration.modeSource != ModeSource::Option},
                     {"by", nameOf(integration.modeSource)}};
+    if (fit.rocking.mode == RotationMode::Continuous)
+        json["mode"]["rotation_deg"] = fit.geometry.frames.front().rotation / kDegree;
     if (fit.rocking.precession > 0.0) json["mode"]["precession_deg"] = fit.rocking.precession / kDegree;
     json["cell"] = parametersJson(fit.cell);
     json["esd"] = parametersJson(fit.cellSigma);

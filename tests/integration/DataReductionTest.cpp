@@ -111,6 +111,46 @@ TEST(LaueGroupTest, isFoundBelowAndAtTheSymmetryOfTheLattice) {
     }
 }
 
+TEST(LaueGroupTest, fewEquivalentsMakeNoSymmetry) {
+    // A zone with both Friedel mates, which the axis perpendicular to it turns into each other, and some
+    // reflections with their images under the axis.
+    const Eigen::Matrix3d reciprocal = reciprocalOf({7.1, 8.3, 9.4, 90, 103, 90});
+    for (const bool symmetric : {false, true}) {
+        int wrong = 0;
+        for (unsigned seed = 1; seed <= 150; ++seed) {
+            std::mt19937 random(seed);
+            std::exponential_distribution<double> wilson(1.0 / 1000);
+            std::normal_distribution<double> normal(0, 20);
+            std::vector<Observation> list;
+            const auto add = [&](const Indices& hkl, double value) {
+                Observation one;
+                one.hkl = hkl;
+                one.intensity = value + normal(random);
+                one.sigma = 20;
+                one.spacing = 1 / (reciprocal * Eigen::Vector3d(hkl[0], hkl[1], hkl[2])).norm();
+                list.push_back(one);
+            };
+            for (int h = 1; h <= 6; ++h)
+                for (int l = -6; l <= 6; ++l) {
+                    const double value = wilson(random);
+                    add({h, 0, l}, value);
+                    add({-h, 0, -l}, value);
+                }
+            const unsigned images = symmetric ? 40 : seed % 25;
+            for (unsigned i = 0; i < images; ++i) {
+                const Indices hkl = {1 + static_cast<int>(i % 6), 1 + static_cast<int>(i / 6 % 2),
+                                     1 + static_cast<int>(i / 12)};
+                const double value = wilson(random);
+                add(hkl, value);
+                add({-hkl[0], hkl[1], -hkl[2]}, symmetric ? value : wilson(random));
+            }
+            const LaueChoice choice = chooseLaueGroup(list, reciprocal, 'P');
+            wrong += choice.best().laueClass == (symmetric ? "2/m" : "-1") ? 0 : 1;
+        }
+        EXPECT_EQ(wrong, 0) << (symmetric ? "2/m" : "-1");
+    }
+}
+
 TEST(ScalingTest, findsTheScaleThatIsThereAndNoOther) {
     DataSet set{{7.5, 7.5, 9.3, 90, 90, 90}, 'P', "P 4 2 2"};
     const DataReduction flat = set.reduced();
