@@ -113,7 +113,7 @@ TEST(LaueGroupTest, isFoundBelowAndAtTheSymmetryOfTheLattice) {
 
 TEST(LaueGroupTest, fewEquivalentsMakeNoSymmetry) {
     // A zone with both Friedel mates, which the axis perpendicular to it turns into each other, and some
-    // reflections with their images under the axis.
+    // reflections with their images under the axis; with the fall-off with resolution that all share.
     const Eigen::Matrix3d reciprocal = reciprocalOf({7.1, 8.3, 9.4, 90, 103, 90});
     for (const bool symmetric : {false, true}) {
         int wrong = 0;
@@ -125,9 +125,11 @@ TEST(LaueGroupTest, fewEquivalentsMakeNoSymmetry) {
             const auto add = [&](const Indices& hkl, double value) {
                 Observation one;
                 one.hkl = hkl;
-                one.intensity = value + normal(random);
-                one.sigma = 20;
-                one.spacing = 1 / (reciprocal * Eigen::Vector3d(hkl[0], hkl[1], hkl[2])).norm();
+                const double s = (reciprocal * Eigen::Vector3d(hkl[0], hkl[1], hkl[2])).norm();
+                const double weaker = seed % 2 == 0 ? 1 : std::exp(-6 * s * s);
+                one.intensity = weaker * (value + normal(random));
+                one.sigma = weaker * 20;
+                one.spacing = 1 / s;
                 list.push_back(one);
             };
             for (int h = 1; h <= 6; ++h)
