@@ -36,7 +36,7 @@ Indices representative(const Indices& hkl, const LaueRotations& rotations);
 /// How well the intensities that a rotation calls equal are correlated.
 struct RotationEvidence {
     IndexRotation rotation;
-    double correlation = 0;  ///< weighted, of intensities divided by their mean in thin shells
+    double correlation = 0;  ///< weighted, of intensities divided by their mean at the resolution
     int pairs = 0;
 };
 
