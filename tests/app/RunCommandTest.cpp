@@ -273,6 +273,18 @@ TEST_F(RunCommandTest, OddSeriesWorkWithAWarning) {
     mrcH& header = cases.back().series->m_Header;
     auto& tilts = header.sliceValues[static_cast<std::size_t>(SliceValue::TiltAngle)];
     std::reverse(tilts.begin(), tilts.begin() + static_cast<std::ptrdiff_t>(frames()));
+    constexpr unsigned kBack = 6;
+    cases.push_back({"a tilt that goes back",
+                     changed(*series, width(), width(), frames(),
+                             [&](unsigned x, unsigned y, unsigned z) {
+                                 const unsigned turn = frames() - kBack;
+                                 return pixel(x, y, z < turn ? z : 2 * turn - 1 - z);
+                             }),
+                     "repeat the tilt angle of another"});
+    auto& returning =
+        cases.back().series->m_Header.sliceValues[static_cast<std::size_t>(SliceValue::TiltAngle)];
+    for (std::size_t z = frames() - kBack; z < frames(); ++z)
+        returning[z] = returning[2 * (frames() - kBack) - 1 - z];
     cases.push_back({"not square",
                      changed(*series, width(), width() - 16, frames(),
                              [&](unsigned x, unsigned y, unsigned z) { return pixel(x, y + 8, z); }),
@@ -300,6 +312,7 @@ TEST_F(RunCommandTest, OddSeriesWorkWithAWarning) {
         ASSERT_EQ(result.exitCode, 0) << result.err;
         const json summary = json::parse(result.out);
         expectTrueCell(summary);
+        EXPECT_FALSE(summary["intensities"].is_null());
         EXPECT_NE(summary["warnings"].dump().find(one.warning), std::string::npos);
     }
 }
