@@ -206,8 +206,6 @@ def measure(vrk, crystal, seed, size, folder):
     summary = json.loads((result / "summary.json").read_text())
     rows = {tuple(one["hkl"]): number for number, one in enumerate(truth["reflections"])}
     true, least = counting_errors(truth)
-    if truth["settings"]["beam_stop"]:
-        least = None
     indices, values = read_hkl(result / "reflections.hkl")
     found = summary["intensities"]["cell"] if summary["intensities"] else summary["cell"]["conventional"]
     found = [found[key] for key in ("a", "b", "c", "alpha", "beta", "gamma")]
@@ -220,6 +218,8 @@ def measure(vrk, crystal, seed, size, folder):
         return name, None, "another cell: " + " ".join("%.3f" % x for x in found)
     most = max(one[0] for one in rated)
     _, _, change, table = max(rated, key=lambda one: (one[0] > 0.9 * most, one[1]))
+    if truth["settings"]["beam_stop"]:
+        table[3] = float("nan")
     one = {"table": table, "recorded": sum(1 for one in truth["reflections"] if one["counts"] > 0),
            "measured": summary["intensities"] is not None, "seconds": summary["seconds"], "merged": float("nan"),
            "cell": (float("nan"), float("nan"), 0, 0)}

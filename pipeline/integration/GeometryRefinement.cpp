@@ -373,7 +373,7 @@ void Refiner::estimateCurveError() {
         leverages.insert(leverages.end(), group.leverages.begin(), group.leverages.end());
     }
     if (squares.size() < 20) return;
-    m_curveError2 = std::clamp(extraVariance(squares, variances, leverages), 1e-5, 1.0);
+    m_curveError2 = std::clamp(extraVariance(squares, variances, leverages), 1e-6, 1.0);
 }
 
 void Refiner::addCurves(Normal& normal) {

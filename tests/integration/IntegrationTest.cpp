@@ -8,6 +8,7 @@
 #include "SimulatedInput.h"
 #include "pipeline/base/Angle.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/integration/DataReduction.h"
 
 namespace {
 
@@ -146,15 +147,23 @@ TEST(IntegrationTest, measuresTheTrueIntensities) {
 TEST(IntegrationTest, believesTheHeaderUnlessTheCurvesContradictIt) {
     struct Row {
         const char* name;
-        StatedMode stated;
+        std::optional<StatedMode> stated;
         double rotation;  ///< of the simulated frames, degrees
         ModeSource source;
+        const char* remark;  ///< empty: none
     };
-    const std::array<Row, 4> rows = {
-        {{"as it was", {RotationMode::Continuous, 1.0 * kDegree}, 1.0, ModeSource::Header},
-         {"half of the time", {RotationMode::Continuous, 0.5 * kDegree}, 0.5, ModeSource::Header},
-         {"said to stand still", {RotationMode::Stepwise}, 1.0, ModeSource::Curves},
-         {"said to precess", {RotationMode::Precession, 0, 1.0 * kDegree}, 1.0, ModeSource::Curves}}};
+    const char* contradiction = "the rocking curves say continuous";
+    const char* gaps = "by the rocking curves frames turn by 0.6 of every 1 degrees";
+    const std::array<Row, 6> rows = {
+        {{"as it was", StatedMode{RotationMode::Continuous, 1.0 * kDegree}, 1.0, ModeSource::Header, ""},
+         {"half of the time", StatedMode{RotationMode::Continuous, 0.5 * kDegree}, 0.5, ModeSource::Header,
+          ""},
+         {"said to stand still", StatedMode{RotationMode::Stepwise}, 1.0, ModeSource::Curves, contradiction},
+         {"said to precess", StatedMode{RotationMode::Precession, 0, 1.0 * kDegree}, 1.0, ModeSource::Curves,
+          contradiction},
+         {"gaps of which nobody says anything", std::nullopt, 0.6, ModeSource::Curves, gaps},
+         {"said to have no gaps", StatedMode{RotationMode::Continuous, 1.0 * kDegree}, 0.6,
+          ModeSource::Curves, "the rocking curves say continuous over 0.6"}}};
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         SimulationSettings settings = smallCrystal();
@@ -167,12 +176,58 @@ TEST(IntegrationTest, believesTheHeaderUnlessTheCurvesContradictIt) {
         const IntegrationResult result = integrate(simulated.input);
         EXPECT_EQ(result.modeSource, row.source);
         EXPECT_EQ(result.fit.rocking.mode, RotationMode::Continuous);
-        EXPECT_NEAR(result.fit.geometry.frames[3].rotation, row.rotation * kDegree, 1e-9);
+        EXPECT_NEAR(result.fit.geometry.frames[3].rotation, row.rotation * kDegree,
+                    row.rotation == 0.6 ? 0.02 * kDegree : 1e-9);
         EXPECT_NEAR(result.fit.rocking.width, settings.rockingWidth, 0.02 * settings.rockingWidth);
-        ASSERT_EQ(result.remarks.size(), row.source == ModeSource::Curves ? 1U : 0U);
-        if (row.source == ModeSource::Curves) {
-            EXPECT_NE(result.remarks[0].find("the rocking curves say continuous"), std::string::npos);
+        if (*row.remark == '\0') {
+            EXPECT_EQ(result.remarks, std::vector<std::string>{});
+        } else {
+            ASSERT_FALSE(result.remarks.empty());
+            EXPECT_NE(result.remarks[0].find(row.remark), std::string::npos) << result.remarks[0];
         }
+        EXPECT_LT(agreementOf(result, simulated).rFactor, 0.05);
+    }
+}
+
+TEST(IntegrationTest, refinesWhatTheStartDoesNotKnowForGood) {
+    // An ellipse that is nearly right is too little to be noticed, and enough to bend the cell.
+    SimulationSettings settings = smallCrystal();
+    settings.orientation.axisAlong = {1, 1, 1};
+    settings.distortion.ellipse = 0.014;
+    SimulatedInput simulated = simulatedInput(settings, LATTICE::mP);
+    const double twice = 2 * (simulated.truth.axisAngle - settings.distortion.ellipseAzimuth * kDegree);
+    simulated.input.geometry.distortion.stretch = 0.014 * std::cos(twice) + 1e-4;
+    simulated.input.geometry.distortion.shear = -0.014 * std::sin(twice) - 1e-4;
+    IntegrationOptions options;
+    options.terms = {"stretch", "shear"};
+    const IntegrationResult result = integrate(simulated.input, options);
+    EXPECT_EQ(result.fit.terms, options.terms);
+    const std::array<double, 6> cell = simulated.truth.cell();
+    for (std::size_t i = 0; i < 6; ++i)
+        EXPECT_NEAR(result.fit.cell[i], cell[i], 3 * result.fit.cellSigma[i] + 1e-9);
+    EXPECT_NEAR(result.fit.geometry.distortion.stretch, 0.014 * std::cos(twice),
+                3 * result.fit.sigma(FrameView::Stretch));
+    EXPECT_NEAR(result.fit.geometry.distortion.shear, -0.014 * std::sin(twice),
+                3 * result.fit.sigma(FrameView::Shear));
+}
+
+TEST(IntegrationTest, saysWhenAllReflectionsLieAlongTheAxis) {
+    SimulationSettings settings = smallCrystal();
+    settings.cell = {3.1, 40, 3.2, 90, 95, 90};
+    settings.dmin = 1.6;
+    settings.orientation.axisAlong = {0, 1, 0};
+    settings.axis = 0;
+    const SimulatedInput simulated = simulatedInput(settings, LATTICE::mP);
+    IntegrationOptions options;
+    options.dMin = 3.4;
+    try {
+        const IntegrationResult result = integrate(simulated.input, options);
+        reduceData(result.reflections, settings.tilts.size(), result.fit.geometry.reciprocal, 'P', 3.4);
+        ADD_FAILURE();
+    } catch (const Failure& failure) {
+        EXPECT_EQ(failure.kind(), FailureKind::NothingFound);
+        EXPECT_NE(std::string(failure.what()).find("lie along the tilt axis"), std::string::npos)
+            << failure.what();
     }
 }
 
