@@ -14,6 +14,7 @@
 #include <string>
 
 #include "foundation/SharedLoop.h"
+#include "foundation/detail/LargePages.h"
 #include "foundation/detail/Log.h"
 #include "foundation/detail/SingleThreadedOpenCV.h"
 #include "processing/RecordedPixels.h"
@@ -250,6 +251,9 @@ std::unique_ptr<VoxMRCData> createVolume(unsigned width, unsigned height, unsign
         log(text, VRK::Error);
         throw std::runtime_error(text);
     }
+    // Between tilts of +-60 degrees two fifths of the voxels are never recorded.
+    for (unsigned layer = 0; layer < depth; ++layer)
+        VRK::detail::preferSmallPages(volume->GetChunkPointer(layer), volume->GetChunkSize() * sizeof(short));
     return volume;
 }
 
