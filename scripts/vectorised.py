@@ -18,6 +18,7 @@ LOOPS = {
     "src/foundation/detail/Selection.cpp": ["countShorts", "countKeys", "sumShorts", "findExtremes", "formKeys"],
     "src/processing/detail/RadialBackground.cpp": ["limitUnits", "subtractLevel", "subtractHalf"],
     "src/processing/detail/HotSpots.cpp": ["anyLeaves"],
+    "src/processing/detail/OppositePixels.cpp": ["mix", "subtractOpposites", "findSizes"],
     "src/processing/detail/ReciprocalVolume.cpp": ["averageOf"],
     "src/tiltaxis/detail/PairDirections.cpp": ["formVectors", "findBins"],
     "pipeline/latticesearch/PointsOnNodes.cpp": ["countNear"],
