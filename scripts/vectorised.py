@@ -19,7 +19,6 @@ LOOPS = {
     "src/processing/detail/RadialBackground.cpp": ["limitUnits", "subtractLevel", "subtractHalf"],
     "src/processing/detail/HotSpots.cpp": ["anyLeaves", "follow"],
     "src/processing/detail/SeriesMean.cpp": ["addPattern"],
-    "src/cellfinding/detail/DensityLabels.cpp": ["countWithin"],
     "src/processing/detail/OppositePixels.cpp": ["mix", "subtractOpposites", "findSizes"],
     "src/processing/detail/ReciprocalVolume.cpp": ["averageOf"],
     "src/tiltaxis/detail/PairDirections.cpp": ["formVectors", "findBins"],

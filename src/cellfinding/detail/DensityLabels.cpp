@@ -82,24 +82,6 @@ private:
     std::array<BoxRange, kRows> m_ranges{};
 };
 
-/// How many points have a square distance of at most \p reach2.
-#if defined(__x86_64__)
-[[gnu::target_clones("default", "avx2", "arch=x86-64-v4")]]
-#endif
-std::int64_t
-countWithin(const double* x, const double* y, const double* z, std::size_t n, const double* to,
-            double reach2) {
-    const double toX = to[0], toY = to[1], toZ = to[2];
-    std::int64_t count = 0;
-    for (std::size_t i = 0; i < n; ++i) {
-        const double dx = x[i] - toX;
-        const double dy = y[i] - toY;
-        const double dz = z[i] - toZ;
-        count += dx * dx + dy * dy + dz * dz <= reach2 ? 1 : 0;
-    }
-    return count;
-}
-
 class Labeller {
 public:
     Labeller(const CellList& cells, double eps, int minPts)
@@ -155,11 +137,9 @@ private:
         std::size_t found = 0;
         for (const BoxRange& row : rows) {
             if (row.begin == row.end) continue;
-            const std::size_t begin = m_boxes[row.begin].begin;
-            const std::size_t count = m_boxes[row.end - 1].end - begin;
-            found +=
-                static_cast<std::size_t>(countWithin(m_cells.x().data() + begin, m_cells.y().data() + begin,
-                                                     m_cells.z().data() + begin, count, p.data(), m_reach2));
+            const std::size_t end = m_boxes[row.end - 1].end;
+            for (std::size_t other = m_boxes[row.begin].begin; other < end; ++other)
+                found += m_cells.squareDistance(other, p) <= m_reach2;
             if (found >= m_minPts) return true;
         }
         return false;
