@@ -17,7 +17,9 @@ import sys
 LOOPS = {
     "src/foundation/detail/Selection.cpp": ["countShorts", "countKeys", "sumShorts", "findExtremes", "formKeys"],
     "src/processing/detail/RadialBackground.cpp": ["limitUnits", "subtractLevel", "subtractHalf"],
-    "src/processing/detail/HotSpots.cpp": ["anyLeaves"],
+    "src/processing/detail/HotSpots.cpp": ["anyLeaves", "follow"],
+    "src/processing/detail/SeriesMean.cpp": ["addPattern"],
+    "src/processing/detail/OppositePixels.cpp": ["mix", "subtractOpposites", "findSizes"],
     "src/processing/detail/ReciprocalVolume.cpp": ["averageOf"],
     "src/tiltaxis/detail/PairDirections.cpp": ["formVectors", "findBins"],
     "pipeline/latticesearch/PointsOnNodes.cpp": ["countNear"],

@@ -19,7 +19,8 @@ std::vector<double> ringMedians(const FrameStack& stack, std::size_t frame, cons
         for (int x = 0; x < stack.width; ++x, ++pixel) {
             const auto index = static_cast<std::size_t>(pixel - stack.frames[frame].data());
             if (*pixel == FrameStack::kMissing || (!stack.dead.empty() && stack.dead[index])) continue;
-            const auto ring = static_cast<std::size_t>(std::hypot(x - pose.centreX, y - pose.centreY) + 0.5);
+            const double u = x - pose.centreX, v = y - pose.centreY;
+            const auto ring = static_cast<std::size_t>(std::sqrt(u * u + v * v) + 0.5);
             if (ring < rings) values[ring].push_back(*pixel);
         }
     std::vector<double> medians(rings, -1);

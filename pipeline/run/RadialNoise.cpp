@@ -34,7 +34,9 @@ RadialNoise::RadialNoise(const VoxMRCData& series) {
         const short* pixel = series.GetChunkPointer(step / 2 + static_cast<unsigned>(i) * step);
         for (unsigned y = 0; y < height; ++y)
             for (unsigned x = 0; x < width; ++x, ++pixel) {
-                const auto ring = static_cast<std::size_t>(std::hypot(x - centreX, y - centreY));
+                // Squares of halves are exact.
+                const double u = x - centreX, v = y - centreY;
+                const auto ring = static_cast<std::size_t>(std::sqrt(u * u + v * v));
                 if (ring < rings) deviations[ring].push_back(static_cast<short>(std::abs(*pixel)));
             }
     });

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "foundation/SharedLoop.h"
+#include "foundation/detail/LargePages.h"
 #include "foundation/detail/Log.h"
 #include "foundation/detail/SingleThreadedOpenCV.h"
 #include "processing/RecordedPixels.h"
@@ -250,6 +251,9 @@ std::unique_ptr<VoxMRCData> createVolume(unsigned width, unsigned height, unsign
         log(text, VRK::Error);
         throw std::runtime_error(text);
     }
+    // Between tilts of +-60 degrees two fifths of the voxels are never recorded.
+    for (unsigned layer = 0; layer < depth; ++layer)
+        VRK::detail::preferSmallPages(volume->GetChunkPointer(layer), volume->GetChunkSize() * sizeof(short));
     return volume;
 }
 
@@ -322,14 +326,22 @@ VoxMRCData* VoxMRCstemProcessing::HotSpotFilterImageStack(VoxMRCData* series) {
     VRK::detail::HotSpotFilter observer(static_cast<int>(series->GetWidth()),
                                         static_cast<int>(series->GetHeight()));
     setSteps(static_cast<int>(2 * count), "Hot spots");
+    std::vector<const short*> patterns(count);
+    for (unsigned i = 0; i < count; ++i)
+        patterns[i] = series->GetChunkPointer(i);
+    // As many bands of rows as there are patterns, and each through all patterns: what is kept of a band
+    // stays in the cache. So little is done that threads would only wait for the memory.
+    const auto rowsBefore = [&](unsigned band) {
+        return static_cast<int>(std::uint64_t{series->GetHeight()} * band / count);
+    };
     {
-        // Sums over the patterns, in their order.
         const VRK::SharedWork alone(nullptr);
-        if (!forEachPattern(count, 0, kName,
-                            [&](unsigned i, std::size_t) { observer.observe(patternOf(*series, i)); }))
+        if (!forEachPattern(count, 0, kName, [&](unsigned band, std::size_t) {
+                observer.observe(patterns, rowsBefore(band), rowsBefore(band + 1));
+            }))
             return nullptr;
     }
-    observer.finishObservation();
+    observer.finishObservation(count);
     VRK::PerLane<VRK::detail::HotSpotFilter> filters([&] { return observer.another(); });
     std::vector<int> replaced(count);
     VoxMRCData* result = eachPattern(*series, kName, series->GetWidth(), series->GetHeight(), count,

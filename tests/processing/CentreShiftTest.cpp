@@ -4,7 +4,10 @@
 #include <cstdio>
 #include <functional>
 #include <memory>
+#include <random>
+#include <string>
 
+#include "processing/PlainOpposites.h"
 #include "processing/SeriesFactory.h"
 #include "processing/SimulatedPatterns.h"
 #include "processing/VoxMRCstemProcessing.h"
@@ -60,6 +63,43 @@ std::unique_ptr<VoxMRCData> centre(VoxMRCData* series) {
 }
 
 }  // namespace
+
+TEST(CentreShift, WeighsOppositePixelsAsThePlainEquationsBitForBit) {
+    std::mt19937 random(31);
+    const auto number = [&](int from, int to) { return std::uniform_int_distribution<>(from, to)(random); };
+    VRK::detail::OppositePixels fast;
+    for (int run = 0; run < 60; ++run) {
+        SCOPED_TRACE(run);
+        cv::Mat_<float> image(number(6, 40), number(6, 40));
+        for (float& value : image)
+            value = std::sqrt(static_cast<float>(number(0, run % 7 == 0 ? 30000 : 60)));
+        cv::Mat_<uchar> dead;
+        if (run % 3 == 0) {
+            dead.create(image.size());
+            for (uchar& value : dead)
+                value = number(0, 9) == 0 ? 255 : 0;
+        }
+        const auto share = [&] { return run % 5 == 0 ? 0.0 : std::uniform_real_distribution<>()(random); };
+        const VRK::detail::OppositePixels::Disc disc{{number(2, image.cols - 3), number(2, image.rows - 3)},
+                                                     {share(), share()},
+                                                     number(2, 25),
+                                                     run % 2 == 0,
+                                                     run % 4 == 0};
+        const plain::Opposites plain(image, dead, disc);
+        fast.collect(image, dead, disc);
+        ASSERT_EQ(fast.count(), plain.pairs.size());
+        if (fast.count() == 0) continue;
+        const VRK::detail::SymmetryEquations a = fast.equations(), b = plain.equations();
+        const auto numbers = [](const VRK::detail::SymmetryEquations& e) {
+            std::vector<double> all = {e.xx,      e.xy,    e.yy,      e.bx,        e.by,
+                                       e.weights, e.scale, e.inliers, e.sloped[0], e.sloped[1]};
+            all.insert(all.end(), e.crossed.val, e.crossed.val + 4);
+            all.insert(all.end(), e.slopes.val, e.slopes.val + 4);
+            return all;
+        };
+        EXPECT_EQ(numbers(a), numbers(b));
+    }
+}
 
 TEST(CentreShift, FindsTheBeamToATenthOfAPixel) {
     struct Case {

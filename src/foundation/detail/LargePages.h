@@ -1,5 +1,5 @@
 /// \file
-/// Large memory pages for data that is written from one end to the other.
+/// Large memory pages for data that is written from one end to the other, small ones for what is not.
 #pragma once
 
 #include <cstddef>
@@ -21,6 +21,16 @@ inline void preferLargePages([[maybe_unused]] void* memory, [[maybe_unused]] std
     const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
     const std::size_t intoPage = reinterpret_cast<std::uintptr_t>(memory) % page;
     madvise(static_cast<char*>(memory) - intoPage, bytes + intoPage, MADV_HUGEPAGE);
+#endif
+}
+
+/// Takes that back for memory of which a good part is never written: in small pages that part takes no memory
+/// and no time. A request as well.
+inline void preferSmallPages([[maybe_unused]] void* memory, [[maybe_unused]] std::size_t bytes) {
+#ifdef MADV_NOHUGEPAGE
+    const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
+    const std::size_t intoPage = reinterpret_cast<std::uintptr_t>(memory) % page;
+    madvise(static_cast<char*>(memory) - intoPage, bytes + intoPage, MADV_NOHUGEPAGE);
 #endif
 }
 

@@ -1,7 +1,6 @@
 #include "processing/detail/BeamCentre.h"
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <limits>
 #include <numbers>
@@ -13,6 +12,7 @@
 #include "foundation/detail/Median.h"
 #include "foundation/detail/Selection.h"
 #include "processing/ImageOperations.h"
+#include "processing/detail/OppositePixels.h"
 
 namespace VRK::detail {
 namespace {
@@ -20,8 +20,6 @@ namespace {
 constexpr int kCoarseSize = 64;
 constexpr int kCandidates = 4;
 constexpr int kFriedelCandidates = 5;
-/// Added to the counts: keeps read-out noise at low counts from being blown up by the root.
-constexpr float kRootOffset = 16.0F;
 constexpr int kMostIterations = 25;
 constexpr double kConverged = 0.005;
 constexpr double kWellConverged = 0.001;
@@ -122,60 +120,6 @@ std::vector<cv::Point> brightest(cv::Mat_<float> image, int count, int apart) {
     return places;
 }
 
-/// Linear interpolation at a fixed displacement (0 to 1 pixel) of a part of an image.
-void displace(const cv::Mat& image, const cv::Rect& part, cv::Point2d by, cv::Mat_<float>& result) {
-    const std::array<float, 2> wx = {static_cast<float>(1 - by.x), static_cast<float>(by.x)};
-    const std::array<float, 2> wy = {static_cast<float>(1 - by.y), static_cast<float>(by.y)};
-    cv::sepFilter2D(image(part), result, CV_32F, cv::Mat(1, 2, CV_32F, const_cast<float*>(wx.data())),
-                    cv::Mat(1, 2, CV_32F, const_cast<float*>(wy.data())), cv::Point(0, 0), 0,
-                    cv::BORDER_REPLICATE);
-}
-
-/// Normal equations of the displacement that makes pairs of opposite pixels equal.
-struct NormalEquations {
-    double xx = 0, xy = 0, yy = 0, bx = 0, by = 0;
-    double weights = 0;  ///< their sum
-    double scale = 0;    ///< robust standard deviation of the differences
-    double inliers = 0;  ///< part of the pairs that have weight
-    /// Derivatives with respect to the slope of the halo: with the centre's, with one another, with the
-    /// differences.
-    cv::Matx22d crossed = cv::Matx22d::zeros();
-    cv::Matx22d slopes = cv::Matx22d::zeros();
-    cv::Vec2d sloped;
-
-    double determinant() const { return xx * yy - xy * xy; }
-    /// Standard uncertainty of a coordinate. The neighbouring pixels of a smoothed image share their noise,
-    /// and the gradients of the noise tell nothing.
-    double error(double smoothing) const {
-        const double shared = std::max(1.0, 4 * std::numbers::pi * smoothing * smoothing);
-        const double noise =
-            0.5 * weights * scale * scale * (1 - std::exp(-1 / std::max(smoothing * smoothing, 0.25)));
-        const double signalX = xx - noise;
-        const double signalY = yy - noise;
-        const double signal = signalX * signalY - xy * xy;
-        if (!(signalX > 0) || !(signal > 0)) return std::numeric_limits<double>::infinity();
-        return scale * std::sqrt(shared * (signalX + signalY) / signal / 2);
-    }
-    /// Leaves the equations of the centre alone, whatever the slope of the halo is: one of \p deviation (1 /
-    /// pixel) is as likely as that.
-    void removeSlope(double deviation, double smoothing) {
-        const double shared = std::max(1.0, 4 * std::numbers::pi * smoothing * smoothing);
-        const double known = shared * scale * scale / (deviation * deviation);
-        const cv::Matx22d part = crossed * (slopes + known * cv::Matx22d::eye()).inv();
-        const cv::Matx22d taken = part * crossed.t();
-        const cv::Vec2d side = part * sloped;
-        xx -= taken(0, 0);
-        xy -= taken(0, 1);
-        yy -= taken(1, 1);
-        bx -= side[0];
-        by -= side[1];
-    }
-    cv::Point2d step() const {
-        const double d = determinant();
-        return {-(yy * bx - xy * by) / d, -(xx * by - xy * bx) / d};
-    }
-};
-
 /// Radius of a disc that holds little but the direct beam, pixels.
 constexpr double kBeamRadius = 12.0;
 /// Standard deviation of the relative slope of a halo, times half the width of the pattern.
@@ -189,90 +133,6 @@ double errorOfHalo(double radius) {
 
 /// What distortion and the curvature of the sphere do to a centre from spots, pixels.
 constexpr double kErrorOfSpots = 0.01;
-
-struct Pair {
-    float difference, gradientX, gradientY;
-    float deviation;               ///< of the difference's noise, on an arbitrary scale
-    float slopeX = 0, slopeY = 0;  ///< by which the difference grows with the relative slope of the halo
-};
-
-/// What a relative change of the counts does to their root.
-float changeOfRoot(float root) {
-    const float shifted = std::max(root, 0.0F) + std::sqrt(kRootOffset);
-    return 0.5F * (shifted - kRootOffset / shifted);
-}
-
-/// Standard deviation of a root of counting noise, relative to that at high counts: the offset makes roots of
-/// few counts differ less.
-float deviationOfRoot(float root) {
-    constexpr float kLowest = 0.02F;
-    const float shifted = std::max(root, 0.0F) + 4.0F;
-    return std::sqrt(std::max(1.0F - kRootOffset / (shifted * shifted), kLowest));
-}
-
-struct Scratch {
-    std::vector<float> sizes;
-    RankedFloats ranked;
-};
-
-/// \param halo  whether its slope is an unknown, too
-NormalEquations solve(const std::vector<Pair>& pairs, bool halo, Scratch& scratch) {
-    NormalEquations e;
-    scratch.sizes.resize(pairs.size());
-    std::transform(pairs.begin(), pairs.end(), scratch.sizes.begin(),
-                   [](const Pair& p) { return std::abs(p.difference) / p.deviation; });
-    scratch.ranked.assign(scratch.sizes);
-    e.scale = std::max(1.4826 * scratch.ranked.upperMedian(), 1e-3);
-    const double limit = 4.685 * e.scale;
-    std::size_t inliers = 0;
-    for (const Pair& p : pairs) {
-        const double r = p.difference / (limit * p.deviation);
-        if (std::abs(r) >= 1) continue;
-        const double robust = (1 - r * r) * (1 - r * r);
-        const double weight = robust / (p.deviation * p.deviation);
-        const double gx = p.gradientX, gy = p.gradientY;
-        ++inliers;
-        e.weights += robust;
-        e.xx += weight * gx * gx;
-        e.xy += weight * gx * gy;
-        e.yy += weight * gy * gy;
-        e.bx += weight * gx * p.difference;
-        e.by += weight * gy * p.difference;
-        if (!halo) continue;
-        const double hx = p.slopeX, hy = p.slopeY;
-        e.crossed += weight * cv::Matx22d(gx * hx, gx * hy, gy * hx, gy * hy);
-        e.slopes += weight * cv::Matx22d(hx * hx, hx * hy, hx * hy, hy * hy);
-        e.sloped += weight * p.difference * cv::Vec2d(hx, hy);
-    }
-    e.inliers = static_cast<double>(inliers) / static_cast<double>(pairs.size());
-    return e;
-}
-
-/// The pairs of opposite pixels of a disc about the whole pixel (cx, cy) of images that were displaced by the
-/// rest.
-void collectPairs(const cv::Mat_<float>& image, const cv::Mat_<float>& gx, const cv::Mat_<float>& gy,
-                  const cv::Mat& dead, cv::Point c, int radius, bool roots, std::vector<Pair>& pairs) {
-    pairs.clear();
-    for (int v = 0; v <= radius; ++v) {
-        const int up = c.y - v;
-        const int down = c.y + v;
-        if (up < 0 || down >= image.rows) break;
-        const int reach = static_cast<int>(std::sqrt(radius * radius - v * v));
-        const int from = std::max({v == 0 ? 1 : -reach, -c.x, c.x - image.cols + 1});
-        const int to = std::min({reach, image.cols - 1 - c.x, c.x});
-        for (int u = from; u <= to; ++u) {
-            if (!dead.empty() && (dead.at<uchar>(down, c.x + u) || dead.at<uchar>(up, c.x - u))) continue;
-            const float a = image(down, c.x + u);
-            const float b = image(up, c.x - u);
-            pairs.push_back({a - b, gx(down, c.x + u) - gx(up, c.x - u), gy(down, c.x + u) - gy(up, c.x - u),
-                             roots ? deviationOfRoot(0.5F * (a + b)) : 1.0F});
-            if (!roots) continue;
-            const float change = 2 * changeOfRoot(0.5F * (a + b));
-            pairs.back().slopeX = change * static_cast<float>(u);
-            pairs.back().slopeY = change * static_cast<float>(v);
-        }
-    }
-}
 
 /// The middles of pairs of spots that lie opposite to each other; \p spots by rising y.
 std::vector<cv::Point2d> middlesOfPairs(const std::vector<cv::Point2f>& spots, cv::Point2d centre,
@@ -837,12 +697,6 @@ BeamCentreFinder::Surroundings BeamCentreFinder::surroundingsOf(const cv::Mat& i
                  cv::Rect(0, 0, m_width, m_height);
     if (result.box.width < 5 || result.box.height < 5) return result;
     result.image = smoothed(image(result.box), m_hasDead ? m_live(result.box) : cv::Mat(), disc.smoothing);
-    const cv::Mat central = (cv::Mat_<float>(1, 3) << -0.5F, 0.0F, 0.5F);
-    const cv::Mat one = cv::Mat::ones(1, 1, CV_32F);
-    cv::sepFilter2D(result.image, result.gradientX, CV_32F, central, one, cv::Point(-1, -1), 0,
-                    cv::BORDER_REPLICATE);
-    cv::sepFilter2D(result.image, result.gradientY, CV_32F, one, central, cv::Point(-1, -1), 0,
-                    cv::BORDER_REPLICATE);
     if (m_hasDead) {
         // What the smoothing mixed with a dark patch is not to be trusted.
         const int size = 2 * static_cast<int>(std::ceil(2 * disc.smoothing)) + 1;
@@ -855,25 +709,16 @@ BeamCentre BeamCentreFinder::refine(const cv::Mat& image, cv::Point2d start, con
     const Surroundings around = surroundingsOf(image, start, disc);
     const cv::Rect inside(2, 2, around.box.width - 4, around.box.height - 4);
     cv::Point2d c = start - cv::Point2d(around.box.tl());
-    std::vector<Pair> pairs;
-    Scratch scratch;
-    cv::Mat_<float> shifted, gradientX, gradientY;
+    OppositePixels pairs;
     const int reach = static_cast<int>(disc.radius);
     const bool sloping = disc.roots && disc.radius > kBeamRadius;
     for (int iteration = 0; iteration < kMostIterations; ++iteration) {
         const cv::Point whole(cvFloor(c.x), cvFloor(c.y));
         if (!inside.contains(whole)) return {};
-        const cv::Point2d rest = c - cv::Point2d(whole);
-        const cv::Rect part = cv::Rect(whole.x - reach, whole.y - reach, 2 * reach + 1, 2 * reach + 1) &
-                              cv::Rect({0, 0}, around.box.size());
-        displace(around.image, part, rest, shifted);
-        displace(around.gradientX, part, rest, gradientX);
-        displace(around.gradientY, part, rest, gradientY);
-        collectPairs(shifted, gradientX, gradientY, around.dead.empty() ? around.dead : around.dead(part),
-                     whole - part.tl(), reach, disc.roots, pairs);
+        pairs.collect(around.image, around.dead, {whole, c - cv::Point2d(whole), reach, disc.roots, sloping});
         constexpr std::size_t kFewestPairs = 30;
-        if (pairs.size() < kFewestPairs) return {};
-        NormalEquations equations = solve(pairs, sloping, scratch);
+        if (pairs.count() < kFewestPairs) return {};
+        SymmetryEquations equations = pairs.equations();
         if (sloping)
             equations.removeSlope(kSlopeOfHalo / (0.5 * std::min(m_width, m_height)), disc.smoothing);
         if (!(equations.determinant() > 1e-9)) return {};

@@ -77,10 +77,8 @@ private:
     /// What a refinement looks at.
     struct Surroundings {
         cv::Rect box;  ///< in the frame
-        cv::Mat image;
-        cv::Mat gradientX;
-        cv::Mat gradientY;
-        cv::Mat dead;  ///< 0 where pixels take part; empty when all do
+        cv::Mat_<float> image;
+        cv::Mat_<uchar> dead;  ///< 0 where pixels take part; empty when all do
     };
 
     /// A pattern at a scale at which its symmetry is quickly told.

@@ -18,7 +18,7 @@ constexpr double kSigmas = 7.0;
 /// draws it closer.
 constexpr double kSigmaPerDeviation = 1.4826 * 1.15;
 constexpr int kSamplingStep = 7;
-constexpr int kPatternsToTellStuckPixels = 5;
+constexpr std::size_t kPatternsToTellStuckPixels = 5;
 constexpr int kBlock = 64;
 /// Deviations from here on are counted together.
 constexpr int kCounted = 1024;
@@ -85,28 +85,39 @@ bool anyLeaves(const short* values, const short* medians, int n, int limit) {
     return largest > limit;
 }
 
+/// Takes the values of one more pattern into the limits and the sums of pixels.
+#if defined(__x86_64__)
+[[gnu::target_clones("default", "avx2", "arch=x86-64-v4")]]
+#endif
+void follow(const short* __restrict values, std::size_t n, short* __restrict lowest, short* __restrict highest,
+            float* __restrict sums) {
+    for (std::size_t i = 0; i < n; ++i) {
+        lowest[i] = std::min(lowest[i], values[i]);
+        highest[i] = std::max(highest[i], values[i]);
+        sums[i] += static_cast<float>(values[i]);
+    }
+}
+
 }  // namespace
 
 HotSpotFilter::HotSpotFilter(int width, int height)
-    : m_sum(cv::Mat::zeros(height, width, CV_32F)),
+    : m_lowest(height, width, std::numeric_limits<short>::max()),
+      m_highest(height, width, std::numeric_limits<short>::min()),
+      m_sum(height, width, 0.0F),
       m_deviations(kLevels, std::vector<std::uint32_t>(kCounted + 1)),
       m_limits(kLevels) {}
 
-void HotSpotFilter::observe(const Frame& frame) {
-    if (m_observed++ == 0) {
-        frame.copyTo(m_lowest);
-        frame.copyTo(m_highest);
-    } else {
-        cv::min(m_lowest, frame, m_lowest);
-        cv::max(m_highest, frame, m_highest);
-    }
-    frame.convertTo(m_scratch, CV_32F);
-    m_sum += m_scratch;
+void HotSpotFilter::observe(std::span<const short* const> patterns, int begin, int end) {
+    if (begin >= end) return;
+    const std::size_t offset = static_cast<std::size_t>(begin) * static_cast<std::size_t>(m_sum.cols);
+    const std::size_t count = static_cast<std::size_t>(end - begin) * static_cast<std::size_t>(m_sum.cols);
+    for (const short* pattern : patterns)
+        follow(pattern + offset, count, m_lowest[begin], m_highest[begin], m_sum[begin]);
 }
 
-void HotSpotFilter::finishObservation() {
+void HotSpotFilter::finishObservation(std::size_t patterns) {
     m_stuck.clear();
-    if (m_observed < kPatternsToTellStuckPixels) return;
+    if (patterns < kPatternsToTellStuckPixels) return;
     cv::Mat constant;
     cv::compare(m_lowest, m_highest, constant, cv::CMP_EQ);
     std::vector<cv::Point> pixels;
@@ -119,7 +130,7 @@ void HotSpotFilter::finishObservation() {
         std::nth_element(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2),
                          values.end());
         const float expected = values[values.size() / 2];
-        const float own = m_sum.at<float>(pixel);
+        const float own = m_sum(pixel);
         if (std::abs(own - expected) > 10.0F * std::sqrt(std::max(expected, 1.0F))) m_stuck.push_back(pixel);
     }
 }

@@ -2,7 +2,9 @@
 /// Single pixels that do not show the pattern: hot spots, zingers, dead and stuck pixels.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <span>
 #include <vector>
 
 #include "processing/detail/Frame.h"
@@ -22,9 +24,11 @@ class HotSpotFilter {
 public:
     HotSpotFilter(int width, int height);
 
-    /// First pass over the series: looks for stuck pixels.
-    void observe(const Frame& frame);
-    void finishObservation();
+    /// First pass over the series: looks for stuck pixels in the rows from \p begin to before \p end of all
+    /// patterns, in their order.
+    void observe(std::span<const short* const> patterns, int begin, int end);
+    /// When all rows of so many patterns were observed.
+    void finishObservation(std::size_t patterns);
 
     /// One for the second pass of the same series, with scratch memory of its own.
     HotSpotFilter another() const;
@@ -35,11 +39,9 @@ private:
     void measureNoise(const Frame& in);
     int medianDeviation(const Frame& in, std::size_t level);
 
-    int m_observed = 0;
-    cv::Mat m_lowest;
-    cv::Mat m_highest;
-    cv::Mat m_sum;
-    cv::Mat m_scratch;
+    Frame m_lowest;
+    Frame m_highest;
+    cv::Mat_<float> m_sum;
     Frame m_median;
     std::vector<cv::Point> m_stuck;
     std::vector<std::vector<std::uint32_t>> m_deviations;  ///< by level, how often each of them occurs

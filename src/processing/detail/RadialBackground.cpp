@@ -1,7 +1,9 @@
 #include "processing/detail/RadialBackground.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
@@ -156,10 +158,7 @@ RadialBackground::RadialBackground(int width, int height)
         ++m_ringBegin[ringAt(i) + 1U];
     for (std::size_t ring = 0; ring < count; ++ring)
         m_ringBegin[ring + 1] += m_ringBegin[ring];
-    std::vector<std::uint32_t> next(m_ringBegin.begin(), m_ringBegin.end() - 1);
-    m_pixelsByRing.resize(pixels);
-    for (std::size_t i = 0; i < pixels; ++i)
-        m_pixelsByRing[next[ringAt(i)]++] = static_cast<std::uint32_t>(i);
+    placePixels();
     m_values.resize(pixels);
     m_dead.resize(pixels);
     m_ranked.resize(pixels);
@@ -172,8 +171,56 @@ RadialBackground::RadialBackground(int width, int height)
     m_remainder.create(height, width);
 }
 
+/// Of a ring, what mirrors each other comes first, four pixels side by side, then those of the middle row and
+/// column, which have fewer mirror images.
+void RadialBackground::placePixels() {
+    m_pixelsByRing.resize(static_cast<std::size_t>(m_width) * static_cast<std::size_t>(m_height));
+    std::vector<std::uint32_t> next(m_ringBegin.begin(), m_ringBegin.end() - 1);
+    const auto place = [&](int x, int y) {
+        const auto pixel = static_cast<std::uint32_t>(y * m_width + x);
+        const std::size_t quarter = quarterRow(y) + static_cast<std::size_t>(std::min(x, m_width - 1 - x));
+        const std::uint32_t to = next[m_ringOf[quarter]]++;
+        m_pixelsByRing[to] = pixel;
+        return to;
+    };
+    m_fourPlaces.reserve(m_pixelsByRing.size() / 4);
+    for (int y = 0; y < m_height / 2; ++y)
+        for (int x = 0; x < m_width / 2; ++x) {
+            m_fourPlaces.push_back(place(x, y));
+            place(m_width - 1 - x, y);
+            place(x, m_height - 1 - y);
+            place(m_width - 1 - x, m_height - 1 - y);
+        }
+    const auto placeAlone = [&](int x, int y) {
+        const std::uint32_t to = place(x, y);
+        m_alone.push_back({m_pixelsByRing[to], to});
+    };
+    for (int y = 0; m_width % 2 == 1 && y < m_height; ++y)
+        placeAlone(m_width / 2, y);
+    for (int x = 0; m_height % 2 == 1 && x < m_width; ++x)
+        if (m_width % 2 == 0 || x != m_width / 2) placeAlone(x, m_height / 2);
+}
+
+/// Sorts the pixels of an image into their rings. Written to are about as many cache lines a row as there are
+/// rings, over and over; taking one ring's pixels after the other would read a line for every two of them.
+void RadialBackground::sortIntoRings(const short* pixels) {
+    const std::uint32_t* places = m_fourPlaces.data();
+    short* values = m_values.data();
+    for (int y = 0; y < m_height / 2; ++y) {
+        const short* top = pixels + std::ptrdiff_t{y} * m_width;
+        const short* bottom = pixels + std::ptrdiff_t{m_height - 1 - y} * m_width;
+        for (int x = 0; x < m_width / 2; ++x) {
+            const int opposite = m_width - 1 - x;
+            const std::array<short, 4> four = {top[x], top[opposite], bottom[x], bottom[opposite]};
+            std::memcpy(values + *places++, four.data(), sizeof four);
+        }
+    }
+    for (const Alone& one : m_alone)
+        values[one.place] = pixels[one.pixel];
+}
+
 void RadialBackground::subtract(const Frame& in, std::span<const unsigned char> lost, Frame out) {
-    collectRings(in);
+    sortIntoRings(in[0]);
     estimateProfile(lost);
     subtractProfile(in, lost);
     subtractLocalRemainder();
@@ -186,12 +233,6 @@ RadialBackground RadialBackground::another() const {
     result.m_remainder = m_remainder.clone();
     result.m_units = m_units.clone();
     return result;
-}
-
-void RadialBackground::collectRings(const Frame& in) {
-    const short* pixels = in[0];
-    for (std::size_t i = 0; i < m_values.size(); ++i)
-        m_values[i] = pixels[m_pixelsByRing[i]];
 }
 
 void RadialBackground::markRings(std::span<const unsigned char> lost) {
@@ -342,8 +383,7 @@ void RadialBackground::estimateRingMedians() {
     if (m_hasDead)
         for (std::size_t i = 0; i < pixels; ++i)
             if (m_dead[i]) m_ranked[i] = kDeadUnit;
-    for (std::size_t i = 0; i < pixels; ++i)
-        m_values[i] = m_ranked[m_pixelsByRing[i]];
+    sortIntoRings(m_ranked.data());
     for (std::size_t ring = 0; ring < rings(); ++ring)
         m_twiceRingMedian[ring] = twiceMedianOf(ring, 0);
 }

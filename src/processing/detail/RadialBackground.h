@@ -28,7 +28,8 @@ private:
     static constexpr int kUnitBits = 4;
     static constexpr int kUnit = 1 << kUnitBits;
 
-    void collectRings(const Frame& in);
+    void placePixels();
+    void sortIntoRings(const short* pixels);
     void estimateProfile(std::span<const unsigned char> lost);
     void markRings(std::span<const unsigned char> lost);
     std::span<const short> recordedValues(std::size_t ring, std::span<const unsigned char> lost);
@@ -47,11 +48,19 @@ private:
                static_cast<std::size_t>(m_halfWidth);
     }
 
+    /// A pixel, and where in its ring it comes.
+    struct Alone {
+        std::uint32_t pixel, place;
+    };
+
     int m_width;
     int m_height;
     int m_halfWidth;                            ///< the middle column included
     std::vector<std::uint32_t> m_pixelsByRing;  ///< positions of the pixels, ring after ring
     std::vector<std::uint32_t> m_ringBegin;     ///< where a ring begins in it; one more for the end
+
+    std::vector<std::uint32_t> m_fourPlaces;  ///< of a pixel of the first quarter and what mirrors it
+    std::vector<Alone> m_alone;               ///< pixels of a middle row and column
 
     // Of the pixels of the first quarter. Those that mirror them have the same distance.
     std::vector<std::uint16_t> m_ringOf;

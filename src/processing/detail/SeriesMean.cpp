@@ -1,12 +1,14 @@
 #include "processing/detail/SeriesMean.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdint>
 #include <numeric>
 #include <span>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
+#include "foundation/SharedLoop.h"
 #include "foundation/detail/Median.h"
 
 namespace VRK::detail {
@@ -18,11 +20,11 @@ constexpr std::size_t kGroup = 4;
 /// Evenly spread over those that are not blank; a whole number of groups where there are enough.
 std::vector<const short*> patternsOf(const VoxMRCData& series) {
     const std::size_t area = series.GetChunkSize();
-    std::vector<std::int64_t> sums;
-    for (unsigned z = 0; z < series.GetDepth(); ++z) {
-        const short* pixels = series.GetChunkPointer(z);
-        sums.push_back(std::accumulate(pixels, pixels + area, std::int64_t{0}));
-    }
+    std::vector<std::int64_t> sums(series.GetDepth());
+    shareItems(sums.size(), [&](std::size_t z, std::size_t) {
+        const short* pixels = series.GetChunkPointer(static_cast<unsigned>(z));
+        sums[z] = std::accumulate(pixels, pixels + area, std::int64_t{0});
+    });
     std::vector<std::int64_t> sorted = sums;
     const std::int64_t typical = medianOf(sorted);
     std::vector<const short*> shown;
@@ -36,19 +38,30 @@ std::vector<const short*> patternsOf(const VoxMRCData& series) {
     return chosen;
 }
 
+#if defined(__x86_64__)
+[[gnu::target_clones("default", "avx2", "arch=x86-64-v4")]]
+#endif
+void addPattern(const short* __restrict pixels, std::size_t n, int* __restrict sums, int* __restrict highest) {
+    for (std::size_t i = 0; i < n; ++i) {
+        const int value = std::max<int>(pixels[i], 0);
+        sums[i] += value;
+        highest[i] = std::max(highest[i], value);
+    }
+}
+
 /// Adds the values of some patterns but for the highest of each pixel.
 void addWithoutHighest(std::span<const short* const> patterns, std::vector<int>& sums) {
+    constexpr std::size_t kBlock = 4096;
     const bool all = patterns.size() < kGroup;
-    for (std::size_t i = 0; i < sums.size(); ++i) {
-        int sum = 0;
-        int highest = 0;
-        for (const short* pattern : patterns) {
-            const int value = std::max<int>(pattern[i], 0);
-            sum += value;
-            highest = std::max(highest, value);
-        }
-        sums[i] += all ? sum : sum - highest;
-    }
+    shareItems((sums.size() + kBlock - 1) / kBlock, [&](std::size_t block, std::size_t) {
+        const std::size_t begin = block * kBlock;
+        const std::size_t count = std::min(kBlock, sums.size() - begin);
+        std::array<int, kBlock> highest{};
+        for (const short* pattern : patterns)
+            addPattern(pattern + begin, count, sums.data() + begin, highest.data());
+        for (std::size_t i = 0; !all && i < count; ++i)
+            sums[begin + i] -= highest[i];
+    });
 }
 
 double countsOf(const std::vector<float>& values, int width) {
