@@ -13,6 +13,7 @@
 #include "console/MemoryOption.h"
 #include "console/ParameterOptions.h"
 #include "crystallography/CellFileImportExport.h"
+#include "indexing/EwaldCurvature.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/JsonText.h"
 #include "pipeline/base/NumberText.h"
@@ -79,7 +80,7 @@ Json toJson(const FurtherPeakCell& other, bool hasScale) {
                  {"share", other.share},
                  {"confidence", nameOf(other.verdict.level)},
                  {"reasons", other.verdict.reasons},
-                 {"same_cell", other.found.sameCell},
+                 {"same_cell", other.sameCell},
                  {"turn_deg", nullptr}};
     if (hasScale) json["cell"] = toJson(directCell(other.reciprocal));
     if (other.turn) json["turn_deg"] = *other.turn;
@@ -108,11 +109,22 @@ std::string reproducingOptions(const Options& options, const PeakCell& result) {
     add("--det-limit", given.detLimit);
     add("--grid-size", given.gridSize);
     if (given.fullSpace) text += " --full-space";
+    if (options.search.pixelSize > 0.0) text += formatted(" --pixel-size %.12g", options.search.pixelSize);
+    if (options.search.kiloVolts > 0.0) text += formatted(" --voltage %.12g", options.search.kiloVolts);
+    if (options.search.crystals != PeakCellOptions().crystals)
+        text += formatted(" --crystals %d", options.search.crystals);
     if (result.mergeDistance > 0.0)
         text += formatted(" --merge %.12g", result.mergeDistance);
     else if (options.merge != "auto")
         text += " --merge none";
     return text;
+}
+
+/// Null where the cell was refined without an ellipse.
+const RefinedInstrument* refinedEllipse(const PeakCell& result) {
+    const bool isRefined = result.indexed && result.indexed->instrument.valid &&
+                           result.indexed->instrument.uses(InstrumentTerm::EllipseCosine);
+    return isRefined ? &result.indexed->instrument : nullptr;
 }
 
 Json toJson(const Options& options, const PeakCell& result) {
@@ -133,6 +145,12 @@ Json toJson(const Options& options, const PeakCell& result) {
     const Vector3d& origin = result.answer.lattice.origin;
     json["origin_px"] = {origin[0], origin[1], origin[2]};
     json["pixel_size"] = result.hasScale() ? Json(result.pixelSize()) : Json(nullptr);
+    json["distortion"] = nullptr;
+    if (const RefinedInstrument* instrument = refinedEllipse(result))
+        json["distortion"] = {{"ellipse", instrument->ellipse()},
+                              {"azimuth_deg", instrument->ellipseAzimuth()}};
+    json["voltage_kv"] =
+        result.wavelength > 0.0 ? Json(EwaldCurvature::kiloVolts(result.wavelength)) : Json(nullptr);
     const bool merged = result.mergeDistance > 0.0;
     json["merged"] =
         merged ? Json{{"peaks", result.peaks}, {"distance_px", result.mergeDistance}} : Json(nullptr);
@@ -188,6 +206,14 @@ void report(std::ostream& out, const Options& options, const PeakCell& result) {
         << formatted(" %11.2f\n", result.reciprocal.getExactVolume());
     const LatticeScore& score = result.answer.score;
     const Verdict& verdict = result.verdict;
+    if (const RefinedInstrument* instrument = refinedEllipse(result))
+        out << formatted(
+            "distortion          ellipse of %.2f %%, %.0f degrees from the normal of the tilt axis; "
+            "taken out\n",
+            100.0 * instrument->ellipse(), instrument->ellipseAzimuth());
+    if (result.wavelength > 0.0)
+        out << formatted("curvature           of %.0f kV, taken out\n",
+                         EwaldCurvature::kiloVolts(result.wavelength));
     out << formatted("lattice             %s, misfit %.2f degrees\n",
                      LATTICE::shortName(result.symmetry.bravaisType), result.symmetry.qualityIndex)
         << formatted(
@@ -258,6 +284,10 @@ void addCellCommand(CommandLine& line, Host& host) {
         .typeName("PEAKS");
     command.option("-o,--output", options->output, "Cell file to write").required().typeName("CELL");
     command.option("--pixel-size", options->search.pixelSize, "1/m per voxel [that of the peak file]")
+        .positive();
+    command
+        .option("--voltage", options->search.kiloVolts,
+                "High tension in kV, for the curvature of the Ewald sphere [the usual one that fits best]")
         .positive();
     addCellOptions(command, options->search.cell, false);
     command

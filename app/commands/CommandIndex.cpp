@@ -29,8 +29,8 @@
 #include "pipeline/frames/DataFiles.h"
 #include "pipeline/integration/PeakIntensities.h"
 #include "pipeline/latticesearch/PositionRefinement.h"
+#include "pipeline/run/PeakPlaces.h"
 #include "pipeline/run/SymmetryChoice.h"
-#include "processing/SamplingGeometry.h"
 
 namespace vrk::app {
 namespace {
@@ -144,18 +144,7 @@ ReflexVectorPtr samplePositions(const Options& options, const PeakList& peaks, s
             "a plain list does not tell the volume that its positions lie in; --positions voxel needs a "
             "peak file",
             FailureKind::Usage);
-    // The file names two tilts at most. Where those between them lie hardly matters to the mean place of a
-    // voxel's samples, so they are taken as dense.
-    constexpr int kTilts = 4000;
-    const bool known = peaks.head->firstTilt < peaks.head->lastTilt;
-    const double first = known ? peaks.head->firstTilt : -90.0;
-    const double last = known ? peaks.head->lastTilt : 90.0;
-    std::vector<float> dense;
-    for (int i = 0; i <= kTilts; ++i)
-        dense.push_back(static_cast<float>(first + (last - first) * i / kTilts));
-    const SamplingGeometry geometry(static_cast<unsigned>(peaks.head->size[0]), dense,
-                                    static_cast<unsigned>(peaks.head->size[2]));
-    return ReflexVectorPtr(ReflectionPositions::fromCenters(peaks.reflections.get(), 0, geometry, &tilts));
+    return placesInPatterns(*peaks.reflections, *peaks.head, tilts);
 }
 
 void moveTo(const std::vector<Eigen::Vector3d>& positions, ReflexVector& reflections) {

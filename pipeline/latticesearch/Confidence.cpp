@@ -121,19 +121,23 @@ Verdict verdictOn(const LatticeEvidence& known) {
         verdict.reasons.push_back("a distortion that is determined only in part leaves its edges uncertain");
     if (known.ellipseUnknown)
         verdict.reasons.push_back(
-            "a triclinic lattice does not show whether the frames are distorted; a calibration does");
+            "a triclinic lattice does not show whether the frames are distorted, and an ellipse of 1.4 %, as "
+            "many microscopes have, moves its angles by up to 1.6 degrees; a calibration tells");
     if (known.instrumentContradicted)
         verdict.reasons.push_back("the reflections contradict the calibration that was given");
     if (known.thinness.value_or(1.0) < kThin)
         verdict.reasons.push_back("so narrow a range of tilts leaves the cell uncertain across the patterns");
     if (!known.completeness)
         verdict.reasons.push_back("it is not known which part of reciprocal space was recorded");
-    if (verdict.reasons.size() >= kManyDoubts) verdict.level = Confidence::Low;
-    // What a list cannot tell speaks neither for nor against the lattice.
     if (known.distortionUnseen)
         verdict.reasons.push_back(
-            "positions alone do not show whether the frames are distorted; vrk run refines that on the "
-            "series");
+            "positions alone do not show whether the frames are distorted where it is not known how the "
+            "crystal turned; a peak file tells that");
+    // An axis that is guessed from the reflections and a distortion that they do not tell are two unknowns.
+    const bool isOpen = known.ellipseUnknown || known.tiedUncertainty > kMostTiedUncertainty;
+    if (verdict.reasons.size() >= kManyDoubts || known.distortionUnseen || (known.spaceEstimated && isOpen))
+        verdict.level = Confidence::Low;
+    // What a list cannot tell speaks neither for nor against the lattice.
     if (known.spaceEstimated)
         verdict.reasons.push_back(
             "the reflections alone tell which part of reciprocal space was recorded; a peak file of vrk "

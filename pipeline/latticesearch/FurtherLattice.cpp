@@ -277,19 +277,24 @@ std::optional<Lattice> partOfSplit(const Lattice& average, std::span<const Vecto
             return distanceToNode(point, lattice, inverse) <= kTight;
         }));
     };
-    RotationContest contest(average, chosen(points, kJudges), kTight);
-    enterTurns(contest, kMostTurn, kStep);
     std::optional<Lattice> best;
     double most = kManyMore * within(average);
-    for (const auto& [count, rotation] : contest.best()) {
-        Lattice part = average;
-        part.basis = rotation * average.basis;
-        part.origin = Vector3d::Zero();
-        part = fitWithin(points, part, kTight);
-        const double found = within(part);
-        if (found <= most || !turnBetween(average.basis, part.basis)) continue;
-        most = found;
-        best = part;
+    // The fit to two parts may have the wrong scale as well.
+    for (const double scale : {1.0, 0.995, 1.005, 0.99, 1.01, 0.985, 1.015}) {
+        Lattice scaled = average;
+        scaled.basis *= scale;
+        scaled.origin = Vector3d::Zero();
+        RotationContest contest(scaled, chosen(points, kJudges), kTight);
+        enterTurns(contest, kMostTurn, kStep);
+        for (const auto& [count, rotation] : contest.best()) {
+            Lattice part = scaled;
+            part.basis = rotation * scaled.basis;
+            part = fitWithin(points, part, kTight);
+            const double found = within(part);
+            if (found <= most || !turnBetween(average.basis, part.basis)) continue;
+            most = found;
+            best = part;
+        }
     }
     return best;
 }

@@ -117,12 +117,12 @@ private:
 };
 
 /// A lattice indexed; nothing where it is none after all.
-std::optional<Indexed> indexed(Level level, const LatticeChoice& choice, const ReciprocalVolume& volume,
-                               const TiltAxis& axis, Session& session) {
+std::optional<Indexed> indexed(Level level, const LatticeChoice& choice, const Recording& recording,
+                               Session& session) {
     std::vector<Level> levels;
     levels.push_back(std::move(level));
     try {
-        return indexReflections(std::move(levels), choice, volume, axis, session);
+        return indexRecorded(std::move(levels), choice, recording, session);
     } catch (const Failure& failure) {
         if (failure.kind() != FailureKind::NothingFound) throw;
         return std::nullopt;
@@ -131,8 +131,8 @@ std::optional<Indexed> indexed(Level level, const LatticeChoice& choice, const R
 
 /// The next crystal; nothing where there is none.
 std::optional<FurtherCrystal> nextCrystal(const Indexed& first, const Remainder& left,
-                                          const std::vector<Lattice>& known, const ReciprocalVolume& volume,
-                                          const TiltAxis& axis, const CrystalSearch& how, Session& session) {
+                                          const std::vector<Lattice>& known, const Recording& recording,
+                                          const CrystalSearch& how, Session& session) {
     const QuietLog quiet(session, QuietLog::Keep::InLogAlone);
     const CellSearch search(searchOptions(how.cell, session));
     const std::optional<FurtherLattice> found = findFurtherLattice(left.points(), intensitiesOf(left.level()),
@@ -141,9 +141,9 @@ std::optional<FurtherCrystal> nextCrystal(const Indexed& first, const Remainder&
     LatticeChoice choice;
     choice.best = found->candidate;
     choice.sense = first.refined.decided ? first.refined.sense : 0;
-    std::optional<Indexed> answer = indexed(left.level(), choice, volume, axis, session);
+    std::optional<Indexed> answer = indexed(left.level(), choice, recording, session);
     if (!answer || answer->verdict.level == Confidence::Low) return std::nullopt;
-    FurtherCrystal crystal{std::move(*answer), false, {}, 0.0, {}};
+    FurtherCrystal crystal{std::move(*answer), false, {}, 0.0, 0.0, {}};
     crystal.turn = turnBetween(first.lattice().basis, crystal.indexed.lattice().basis);
     crystal.sameCell = crystal.turn.has_value();
     return crystal;
@@ -200,8 +200,7 @@ void flagCovered(IntegrationResult& integration, const std::vector<SeenSpot>& ot
 
 /// The first crystal anew, as one part of a split one; nothing where its reflections lie close to its nodes
 /// or no part stands out.
-std::optional<Indexed> partOf(const Indexed& first, const ReciprocalVolume& volume, const TiltAxis& axis,
-                              Session& session) {
+std::optional<Indexed> partOf(const Indexed& first, const Recording& recording, Session& session) {
     constexpr double kScattered = 0.8;  // voxels
     constexpr double kReach = 2.0;      // voxels
     constexpr double kCloser = 0.75;
@@ -218,14 +217,34 @@ std::optional<Indexed> partOf(const Indexed& first, const ReciprocalVolume& volu
     choice.sense = first.refined.decided ? first.refined.sense : 0;
     choice.tolerance = std::min(std::max(kReach / part->shortestEdge(), 0.06), choice.tolerance);
     const QuietLog quiet(session, QuietLog::Keep::InLogAlone);
-    std::optional<Indexed> answer = indexed(first.level, choice, volume, axis, session);
+    std::optional<Indexed> answer = indexed(first.level, choice, recording, session);
     if (!answer || answer->refined.lattice.sigma > kCloser * average.sigma) return std::nullopt;
     answer->cellThreshold = first.cellThreshold;
     return answer;
 }
 
-Crystals searchedFrom(Indexed& first, const LatticeCandidate* rival, const ReciprocalVolume& volume,
-                      const TiltAxis& axis, const CrystalSearch& how, Session& session) {
+/// The first crystal on the level that gave its lattice, where a higher one was indexed: weak crystals have
+/// no spots above that. Nothing where the reflections say another lattice or type there.
+std::optional<Indexed> onWeakerReflections(const Indexed& first, const Recording& recording,
+                                           Session& session) {
+    if (!first.weaker) return std::nullopt;
+    LatticeChoice choice;
+    choice.best.lattice = first.lattice();
+    choice.best.score = first.evidence.score;
+    choice.sense = first.refined.decided ? first.refined.sense : 0;
+    const QuietLog quiet(session, QuietLog::Keep::InLogAlone);
+    std::optional<Indexed> answer = indexed(*first.weaker, choice, recording, session);
+    if (!answer || !areAlike(first.lattice().basis, answer->lattice().basis) ||
+        answer->symmetry().bravaisType != first.symmetry().bravaisType)
+        return std::nullopt;
+    answer->cellThreshold = first.cellThreshold;
+    answer->evidence.rivalEvidence = first.evidence.rivalEvidence;
+    answer->evidence.rival = first.evidence.rival;
+    return answer;
+}
+
+Crystals searchedFrom(Indexed& first, const LatticeCandidate* rival, const Recording& recording,
+                      const CrystalSearch& how, Session& session) {
     Remainder left(first);
     Crystals crystals;
     crystals.firstShare = left.firstShare();
@@ -234,10 +253,11 @@ Crystals searchedFrom(Indexed& first, const LatticeCandidate* rival, const Recip
     double elsewhere = 0.0;
     while (static_cast<int>(known.size()) < how.most && left.isLarge() && standsAlone(first)) {
         session.checkCanceled();
-        std::optional<FurtherCrystal> next = nextCrystal(first, left, known, volume, axis, how, session);
+        std::optional<FurtherCrystal> next = nextCrystal(first, left, known, recording, how, session);
         if (!next) break;
         const std::vector<bool> claimed = claimedBy(next->indexed.refined);
-        elsewhere += static_cast<double>(std::count(claimed.begin(), claimed.end(), true)) / all;
+        next->share = static_cast<double>(std::count(claimed.begin(), claimed.end(), true)) / all;
+        elsewhere += next->share;
         next->strongShare = left.take(left.numbers(), claimed);
         known.push_back(next->indexed.lattice());
         crystals.others.push_back(std::move(*next));
@@ -253,16 +273,23 @@ Crystals searchedFrom(Indexed& first, const LatticeCandidate* rival, const Recip
 
 }  // namespace
 
-Crystals findFurtherCrystals(Indexed& first, const LatticeCandidate* rival, const ReciprocalVolume& volume,
-                             const TiltAxis& axis, const CrystalSearch& how, Session& session) {
-    Crystals crystals = searchedFrom(first, rival, volume, axis, how, session);
+Crystals findFurtherCrystals(Indexed& first, const LatticeCandidate* rival, const Recording& recording,
+                             const CrystalSearch& how, Session& session) {
+    Crystals crystals = searchedFrom(first, rival, recording, how, session);
     if (!crystals.others.empty() || how.most < 2) return crystals;
-    std::optional<Indexed> part = partOf(first, volume, axis, session);
-    if (!part) return crystals;
-    Crystals parts = searchedFrom(*part, nullptr, volume, axis, how, session);
-    if (parts.others.empty()) return crystals;
-    first = std::move(*part);
-    return parts;
+    if (std::optional<Indexed> part = partOf(first, recording, session)) {
+        Crystals parts = searchedFrom(*part, nullptr, recording, how, session);
+        if (!parts.others.empty()) {
+            first = std::move(*part);
+            return parts;
+        }
+    }
+    std::optional<Indexed> weaker = onWeakerReflections(first, recording, session);
+    if (!weaker) return crystals;
+    Crystals weak = searchedFrom(*weaker, rival, recording, how, session);
+    if (weak.others.empty() || weaker->verdict.level > first.verdict.level) return crystals;
+    first = std::move(*weaker);
+    return weak;
 }
 
 void separateCrystals(std::vector<Intensities*> crystals, const std::vector<char>& centrings,

@@ -16,6 +16,7 @@ struct FurtherCrystal {
     Indexed indexed;
     bool sameCell = false;       ///< as the first crystal
     std::optional<double> turn;  ///< from the first one, degrees, the smallest of all equivalent ones
+    double share = 0.0;          ///< of all reflections of the list that this crystal alone explains
     double strongShare = 0.0;    ///< of the strong reflections of the list that this crystal alone explains
     std::optional<Intensities> intensities;  ///< without the spots that another crystal covers
 };
@@ -39,10 +40,13 @@ struct CrystalSearch {
 /// Where reflections scatter widely about the nodes of the first lattice, it may lie between the parts of a
 /// split crystal; it becomes the lattice of one part when the other part is found then.
 ///
+/// Where nothing is left over on the level that was indexed, the lower one that gave the lattice is looked
+/// through, on which a weak crystal shows; with one found it becomes the level of the first crystal.
+///
 /// A first lattice that is itself hardly more than a guess is followed by no other.
 /// \param rival  runner-up of the first lattice; may be null. That of another crystal is none.
-Crystals findFurtherCrystals(Indexed& first, const LatticeCandidate* rival, const ReciprocalVolume& volume,
-                             const TiltAxis& axis, const CrystalSearch& how, Session& session);
+Crystals findFurtherCrystals(Indexed& first, const LatticeCandidate* rival, const Recording& recording,
+                             const CrystalSearch& how, Session& session);
 
 /// Flags the reflections whose spots another crystal covers (kReflectionShared) and reduces what is left
 /// once more, unless hardly any is left. \param crystals  intensities of one series \param frames  of the

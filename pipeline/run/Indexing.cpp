@@ -19,11 +19,11 @@ constexpr double kWellIndexed = 0.95;
 /// A higher level must have this many reflections to be taken for its cleanness.
 constexpr std::size_t kEnoughReflections = 150;
 
-std::optional<RefinedPositions> refine(const Level& level, const Lattice& start, const SeriesFacts& facts,
+std::optional<RefinedPositions> refine(const Level& level, const Lattice& start, const Recording& recording,
                                        const LatticeChoice& choice) {
     RefinementSettings settings;
     settings.sense = choice.sense;
-    settings.wavelength = facts.wavelength();
+    settings.wavelength = recording.space.wavelength;
     settings.tolerance = choice.tolerance;
     const std::vector<Eigen::Vector3d> positions = level.positions();
     return refinePositions(positions, level.tilts(), start, settings);
@@ -45,14 +45,9 @@ std::vector<Eigen::Vector3d> indexedPositions(const RefinedPositions& refined) {
     return places;
 }
 
-RecordedSpace recordedSpace(const ReciprocalVolume& volume, const Level& level, int sense) {
-    const SeriesFacts& facts = volume.facts;
-    RecordedSpace space;
-    space.tiltFirst = facts.tiltFirst * kDegree;
-    space.tiltLast = facts.tiltLast * kDegree;
-    space.halfWidth = 0.5 * volume.voxels->GetWidth();
+RecordedSpace recordedSpace(const Recording& recording, const Level& level, int sense) {
+    RecordedSpace space = recording.space;
     space.zeroBeam = level.zeroBeam;
-    space.wavelength = facts.wavelength();
     space.sense = sense;
     return space;
 }
@@ -65,17 +60,17 @@ bool confirmsAxis(const RefinedInstrument& instrument) {
 }
 
 /// Goes on with what the reflections say under the ties of their lattice type.
-void takeSymmetry(Indexed& result, const ReciprocalVolume& volume, double tolerance) {
+void takeSymmetry(Indexed& result, const Recording& recording, double tolerance) {
     const std::vector<Eigen::Vector3d> positions = result.level.positions();
     const std::vector<double> tilts = result.level.tilts();
     SymmetryInput input;
     input.positions = positions;
     input.tilts = tilts;
-    input.centre = volume.centre();
-    input.halfWidth = 0.5 * volume.voxels->GetWidth();
-    input.wavelength = volume.facts.wavelength();
+    input.centre = recording.centre;
+    input.halfWidth = recording.space.halfWidth;
+    input.wavelength = recording.space.wavelength;
     input.tolerance = tolerance;
-    input.known = knownTerms(volume.facts);
+    input.known = recording.known;
     SymmetryChoice choice = chooseSymmetry(input, std::move(result.refined));
     result.strain = strainText(choice.conventional, choice.untied, choice.characters.front().bravaisType);
     result.contradiction = contradictionText(input, choice);
@@ -124,14 +119,33 @@ std::size_t chooseLevel(std::size_t found, std::size_t levels,
     return answer;
 }
 
+Recording recordingOf(const ReciprocalVolume& volume, const TiltAxis& axis) {
+    const SeriesFacts& facts = volume.facts;
+    Recording recording;
+    recording.space.tiltFirst = facts.tiltFirst * kDegree;
+    recording.space.tiltLast = facts.tiltLast * kDegree;
+    recording.space.halfWidth = 0.5 * volume.voxels->GetWidth();
+    recording.space.wavelength = facts.wavelength();
+    recording.centre = volume.centre();
+    recording.pixelSize = facts.pixelSize;
+    recording.known = knownTerms(facts);
+    recording.ellipseKnown = facts.instrument && facts.instrument->ellipse;
+    recording.axisAssumed = axis.source == "assumed";
+    return recording;
+}
+
 Indexed indexReflections(std::vector<Level> levels, const LatticeChoice& choice,
                          const ReciprocalVolume& volume, const TiltAxis& axis, Session& session) {
-    const SeriesFacts& facts = volume.facts;
+    return indexRecorded(std::move(levels), choice, recordingOf(volume, axis), session);
+}
+
+Indexed indexRecorded(std::vector<Level> levels, const LatticeChoice& choice, const Recording& recording,
+                      Session& session) {
     Lattice start = choice.best.lattice;
-    start.origin = volume.centre();
-    start.pixelSize = facts.pixelSize;
+    start.origin = recording.centre;
+    start.pixelSize = recording.pixelSize;
     start = niggliReduced(start);
-    const std::optional<RefinedPositions> first = refine(levels[choice.level], start, facts, choice);
+    const std::optional<RefinedPositions> first = refine(levels[choice.level], start, recording, choice);
     if (!first)
         throw Failure("a lattice was found, but its cell could not be refined; " + whatToTry(),
                       FailureKind::NothingFound);
@@ -139,7 +153,7 @@ Indexed indexReflections(std::vector<Level> levels, const LatticeChoice& choice,
 
     const auto share = [&](std::size_t i) -> std::optional<LevelShare> {
         session.checkCanceled();
-        const std::optional<RefinedPositions> trial = refine(levels[i], start, facts, choice);
+        const std::optional<RefinedPositions> trial = refine(levels[i], start, recording, choice);
         if (!trial) return std::nullopt;
         return LevelShare{levels[i].reflections.size(), trial->lattice.indexed};
     };
@@ -147,20 +161,21 @@ Indexed indexReflections(std::vector<Level> levels, const LatticeChoice& choice,
 
     Indexed result;
     result.cellThreshold = levels[choice.level].threshold;
+    if (chosen > choice.level) result.weaker = std::move(levels[choice.level]);
     result.level = std::move(levels[chosen]);
-    std::optional<RefinedPositions> refined = refine(result.level, start, facts, choice);
+    std::optional<RefinedPositions> refined = refine(result.level, start, recording, choice);
     if (!refined)
         throw Failure("the reflections could not be indexed; " + whatToTry(), FailureKind::NothingFound);
     result.refined = std::move(*refined);
-    takeSymmetry(result, volume, choice.tolerance);
+    takeSymmetry(result, recording, choice.tolerance);
     result.resolution = finestSpacing(result.refined);
     result.completeness = completenessOf(result.lattice(), result.refined.indices,
-                                         recordedSpace(volume, result.level, result.refined.sense));
+                                         recordedSpace(recording, result.level, result.refined.sense));
     LatticeEvidence evidence;
     evidence.score = choice.best.score;
     if (choice.runnerUp) {
         evidence.rivalEvidence = choice.runnerUp->score.evidence;
-        evidence.rival = cellText(choice.runnerUp->lattice, facts.pixelSize);
+        evidence.rival = cellText(choice.runnerUp->lattice, recording.pixelSize);
     }
     evidence.indexedShare = result.refined.lattice.fraction();
     evidence.completeness = result.completeness;
@@ -180,9 +195,9 @@ Indexed indexReflections(std::vector<Level> levels, const LatticeChoice& choice,
     evidence.thinness = thinnessOf(indexedPositions(result.refined), result.lattice().origin);
     // The instrument's refinement confirms or moves an axis that nobody stated; without it it stays a guess.
     result.axisConfirmed = confirmsAxis(result.instrument);
-    evidence.axisAssumed = axis.source == "assumed" && !result.axisConfirmed;
-    evidence.ellipseUnknown =
-        result.symmetry().bravaisType == LATTICE::aP && !(facts.instrument && facts.instrument->ellipse);
+    evidence.axisAssumed = recording.axisAssumed && !result.axisConfirmed;
+    evidence.ellipseUnknown = result.symmetry().bravaisType == LATTICE::aP && !recording.ellipseKnown;
+    evidence.spaceEstimated = recording.estimated;
     evidence.instrumentContradicted = !result.contradiction.empty();
     result.evidence = std::move(evidence);
     result.verdict = verdictOn(result.evidence);

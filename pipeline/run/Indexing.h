@@ -20,8 +20,11 @@
 namespace vrk {
 
 struct Indexed {
-    Level level;                               ///< whose reflections were indexed
-    double cellThreshold = 0.0;                ///< of the level that gave the lattice
+    Level level;                 ///< whose reflections were indexed
+    double cellThreshold = 0.0;  ///< of the level that gave the lattice
+    /// That level, where a higher one was taken since less of it lies on the lattice: another crystal may be
+    /// the reason.
+    std::optional<Level> weaker;
     RefinedPositions refined;                  ///< free, of the reduced cell
     RefinedLattice conventional;               ///< under the ties of its type
     RefinedInstrument instrument;              ///< under the same ties; not valid where it was not refined
@@ -43,11 +46,28 @@ struct Indexed {
     UnitCell conventionalCell() const;
 };
 
+/// What the indexing knows of the recording of the reflections. Places are those of a volume that was built
+/// about y.
+struct Recording {
+    /// The radius that was cut off and the sense are those of the level and of the refinement.
+    RecordedSpace space;
+    Eigen::Vector3d centre = Eigen::Vector3d::Zero();  ///< of the volume, voxels
+    double pixelSize = 0.0;                            ///< 1/m per voxel; 0 is unknown
+    KnownTerms known = {};                             ///< of the instrument
+    bool ellipseKnown = false;                         ///< by a calibration
+    bool axisAssumed = false;                          ///< nobody stated or found it
+    bool estimated = false;                            ///< all of this, from the reflections alone
+};
+Recording recordingOf(const ReciprocalVolume& volume, const TiltAxis& axis);
+
 /// Refines the lattice on the level that gave it, goes to the level that adds most reflections without
 /// leaving the lattice, indexes its reflections and finds the symmetry. Throws Failure (NothingFound) when
 /// the lattice cannot be refined.
 Indexed indexReflections(std::vector<Level> levels, const LatticeChoice& choice,
                          const ReciprocalVolume& volume, const TiltAxis& axis, Session& session);
+/// The same wherever the reflections come from.
+Indexed indexRecorded(std::vector<Level> levels, const LatticeChoice& choice, const Recording& recording,
+                      Session& session);
 
 /// \name Its choices
 /// @{

@@ -10,15 +10,20 @@
 #include <string>
 
 #include "cellfinding/CalculateCellIOstuff.h"
+#include "indexing/EwaldCurvature.h"
+#include "indexing/ReflectionPositions.h"
 #include "pipeline/base/Angle.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/NumberText.h"
 #include "pipeline/base/OutputFile.h"
 #include "pipeline/base/SmallMatrices.h"
 #include "pipeline/base/UnitCheck.h"
+#include "pipeline/latticesearch/FurtherLattice.h"
 #include "pipeline/latticesearch/LatticeFit.h"
 #include "pipeline/latticesearch/PeakMerging.h"
 #include "pipeline/latticesearch/RecordedWedge.h"
+#include "pipeline/run/FurtherCrystals.h"
+#include "pipeline/run/PeakPlaces.h"
 
 namespace vrk {
 namespace {
@@ -63,7 +68,9 @@ void takePoints(const PeakList& peaks, const PeakCellOptions& options, PeakCell&
                                  reflex->getCenter(2) - peaks.origin[2]);
         cell.weights.push_back(reflex->getIntensity());
     }
-    cell.mergeDistance = options.mergeDistance ? *options.mergeDistance : mergingDistance(cell.points);
+    // The peaks of a volume are put together already; close ones are those of a split crystal.
+    const double found = peaks.head || options.mergeDistance ? 0.0 : mergingDistance(cell.points);
+    cell.mergeDistance = options.mergeDistance.value_or(found);
     if (cell.mergeDistance > 0.0) mergePeaks(cell.points, cell.weights, cell.mergeDistance);
 }
 
@@ -148,6 +155,7 @@ struct ListSpace {
     RecordedSpace space;
     Matrix3d toFrame = Matrix3d::Identity();
     bool estimated = false;
+    bool isTurned = true;  ///< there is such a frame
 };
 
 /// By the head of the file, or by the points where it does not tell.
@@ -169,6 +177,7 @@ ListSpace listSpace(const PeakList& peaks, const Points& points) {
     }
     const RecordedWedge wedge = wedgeOf(points);
     known.estimated = true;
+    known.isTurned = wedge.halfAngle < 0.5 * std::numbers::pi;
     known.toFrame = wedge.toFrame;
     space.tiltFirst = -wedge.halfAngle;
     space.tiltLast = wedge.halfAngle;
@@ -241,7 +250,12 @@ LatticeEvidence evidenceFor(const LatticeCandidate& candidate, const Points& poi
     turned.origin = known.toFrame * lattice.origin;
     evidence.completeness = completenessOf(turned, indices, known.space);
     evidence.spaceEstimated = known.estimated;
-    evidence.distortionUnseen = !showsDistortion(turned.basis);
+    // Where nobody knows the axis, it may be any.
+    Matrix3d next;
+    next << 0, 0, 1, 1, 0, 0, 0, 1, 0;
+    const int axes = known.isTurned ? 1 : 3;
+    for (int i = 0; i < axes; ++i, turned.basis = next * turned.basis)
+        evidence.distortionUnseen = evidence.distortionUnseen || !showsDistortion(turned.basis);
     return evidence;
 }
 
@@ -262,7 +276,8 @@ std::size_t takeOut(const LatticeCandidate& candidate, Points& points, std::vect
 
 /// Looks for crystals in what the first one leaves over, where that is more than a tenth. \returns the share
 /// of the points that belongs to them
-double findOthers(PeakCell& cell, const ListSpace& space, const CellSearch& search, int most) {
+double findOthers(PeakCell& cell, const ListSpace& space, const CellSearch& search, int most,
+                  std::vector<Lattice>& lattices) {
     constexpr double kUnexplained = 0.1;
     const auto all = static_cast<double>(cell.points.size());
     Points points = cell.points;
@@ -271,11 +286,11 @@ double findOthers(PeakCell& cell, const ListSpace& space, const CellSearch& sear
     takeOut(cell.answer, points, weights);
     double elsewhere = 0.0;
     while (static_cast<int>(known.size()) < most && static_cast<double>(points.size()) > kUnexplained * all) {
-        std::optional<FurtherLattice> found = findFurtherLattice(points, weights, known, &search);
+        const std::optional<FurtherLattice> found = findFurtherLattice(points, weights, known, &search);
         if (!found) break;
         FurtherPeakCell other;
-        other.found = std::move(*found);
-        const LatticeCandidate& candidate = other.found.candidate;
+        const LatticeCandidate& candidate = found->candidate;
+        other.sameCell = found->sameCell;
         other.verdict = verdictOn(evidenceFor(candidate, points, space));
         if (other.verdict.level == Confidence::Low) break;
         other.turn = turnBetween(cell.answer.lattice.basis, candidate.lattice.basis);
@@ -284,6 +299,7 @@ double findOthers(PeakCell& cell, const ListSpace& space, const CellSearch& sear
         other.share = static_cast<double>(takeOut(candidate, points, weights)) / all;
         elsewhere += other.share;
         known.push_back(candidate.lattice);
+        lattices.push_back(candidate.lattice);
         cell.others.push_back(std::move(other));
     }
     return elsewhere;
@@ -311,25 +327,190 @@ void refuseUndetermined(const PeakCell& cell) {
         FailureKind::NothingFound);
 }
 
-/// Reduces the lattice and looks for its symmetry.
-void describe(PeakCell& cell) {
-    cell.reciprocal = niggliReduced(cell.answer.lattice).toUnitCell();
-    cell.symmetry = LatticeSymmetry::best(cell.reciprocal);
+void refuseWrongScale(const PeakCell& cell) {
     if (!cell.hasScale()) return;
     const std::unique_ptr<UnitCell> direct(cell.reciprocal.getReciprocalCell());
     refuseImpossibleScale({direct->getLengthOfA(), direct->getLengthOfB(), direct->getLengthOfC()},
                           cell.pixelSize());
 }
 
+/// The reflections as those of a volume about y.
+/// \param exact  where the patterns showed them; else voxels, which lie off the pixels they were made of
+Level levelOf(const PeakList& peaks, const PeakCell& cell, const ListSpace& known, const Vector3d& origin,
+              bool exact) {
+    ReflexVectorPtr list(new ReflexVector);
+    for (const Vector3d& point : cell.points) {
+        const Vector3d place = known.toFrame * point + origin;
+        list->push_back(new Reflex(place.x(), place.y(), place.z()));
+    }
+    std::vector<double> tilts;
+    const ReflexVectorPtr places(
+        exact ? ReflexVectorPtr(ReflectionPositions::copies(list.get(), 0, origin.data(), &tilts))
+              : placesInPatterns(*list, *peaks.head, tilts));
+    Level level;
+    level.zeroBeam = known.space.zeroBeam;
+    for (std::size_t i = 0; i < cell.points.size(); ++i) {
+        Reflex& place = *(*places)[i];
+        const Vector3d position(place.getCenterInX(), place.getCenterInY(), place.getCenterInZ());
+        level.reflections.push_back({position, position, tilts[i], cell.weights[i]});
+    }
+    return level;
+}
+
+/// A way to read a list, and how far from the nodes its reflections lie then.
+struct Reading {
+    Level level;
+    double wavelength = 0.0;  ///< Angstrom
+    double squares = std::numeric_limits<double>::infinity();
+};
+
+double squaresOf(const RefinedPositions& refined) {
+    constexpr double kReach = 2.0;  // voxels
+    const Lattice& lattice = refined.lattice.lattice;
+    const Matrix3d inverse = lattice.basis.inverse();
+    double sum = 0.0;
+    for (const Vector3d& position : refined.positions)
+        sum += std::pow(std::min(distanceToNode(position, lattice, inverse), kReach), 2);
+    return sum;
+}
+
+/// With the wavelength that is given, or that of the usual high tensions whose sphere leaves the reflections
+/// closest to the nodes; 0 where a plane does as well.
+Reading readingOf(Level level, const Lattice& start, double kiloVolts) {
+    constexpr std::array<double, 8> kUsual = {0, 60, 80, 100, 120, 160, 200, 300};
+    constexpr double kMuchCloser = 0.95;
+    const std::vector<Vector3d> positions = level.positions();
+    const std::vector<double> tilts = level.tilts();
+    Reading best{std::move(level)};
+    double flat = best.squares;
+    const auto attempt = [&](double wavelength, bool isGiven) {
+        RefinementSettings settings;
+        settings.wavelength = wavelength;
+        const std::optional<RefinedPositions> refined = refinePositions(positions, tilts, start, settings);
+        if (!refined) return;
+        const double squares = squaresOf(*refined);
+        if (wavelength == 0.0) flat = squares;
+        const bool isSeen = refined->decided && squares < kMuchCloser * flat;
+        if (squares >= best.squares || (wavelength > 0.0 && !isGiven && !isSeen)) return;
+        best.wavelength = wavelength;
+        best.squares = squares;
+    };
+    if (kiloVolts > 0.0)
+        attempt(EwaldCurvature::wavelength(kiloVolts), true);
+    else
+        for (const double usual : kUsual)
+            if (usual == 0.0 || start.pixelSize > 0.0) attempt(EwaldCurvature::wavelength(usual), false);
+    return best;
+}
+
+UnitCell reducedCell(Lattice lattice, const Matrix3d& fromFrame) {
+    lattice.basis = fromFrame * lattice.basis;
+    return niggliReduced(lattice).toUnitCell();
+}
+
+/// The character with the cell that obeys its ties.
+LatticeCharacter tiedSymmetry(const Indexed& indexed) {
+    LatticeCharacter symmetry = indexed.symmetry();
+    const std::array<double, 6>& cell = indexed.conventional.cell;
+    symmetry.measured = {cell[0], cell[1], cell[2], cell[3], cell[4], cell[5]};
+    symmetry.symmetrised = symmetry.measured;
+    return symmetry;
+}
+
+/// That of a run, but for cells that every ellipse turns into another one: a list has no calibration to tell
+/// it, and the ellipses of microscopes move angles by a degree and more.
+Verdict verdictOnList(const Indexed& indexed) {
+    Verdict verdict = indexed.verdict;
+    if (indexed.evidence.ellipseUnknown) verdict.level = Confidence::Low;
+    return verdict;
+}
+
+/// Refines the answer and looks for further crystals as in a run. \returns false where the reflections do not
+/// allow it
+bool takeRefined(PeakCell& cell, const PeakList& peaks, const ListSpace& known,
+                 const std::optional<LatticeCandidate>& rival, const PeakCellOptions& options,
+                 Session& session) {
+    Recording recording;
+    recording.space = known.space;
+    recording.centre = peaks.head ? Vector3d(peaks.origin.data()) : Vector3d::Zero();
+    recording.pixelSize = cell.pixelSize();
+    recording.axisAssumed = true;
+    recording.estimated = known.estimated;
+    LatticeChoice choice;
+    choice.best = cell.answer;
+    choice.best.lattice.basis = known.toFrame * cell.answer.lattice.basis;
+    choice.best.lattice.origin = recording.centre;
+    choice.runnerUp = rival;
+    if (rival) choice.runnerUp->lattice.basis = known.toFrame * rival->lattice.basis;
+    const Lattice start = niggliReduced(choice.best.lattice);
+    Reading reading =
+        readingOf(levelOf(peaks, cell, known, recording.centre, true), start, options.kiloVolts);
+    if (peaks.head) {
+        // Other programs may have written exact places into a peak file.
+        Reading voxels =
+            readingOf(levelOf(peaks, cell, known, recording.centre, false), start, options.kiloVolts);
+        if (voxels.squares <= reading.squares) reading = std::move(voxels);
+    }
+    recording.space.wavelength = reading.wavelength;
+    Crystals crystals;
+    try {
+        cell.indexed = indexRecorded({std::move(reading.level)}, choice, recording, session);
+        crystals = findFurtherCrystals(*cell.indexed, rival ? &*choice.runnerUp : nullptr, recording,
+                                       {options.crystals, true, options.cell}, session);
+    } catch (const Failure& failure) {
+        if (failure.kind() != FailureKind::NothingFound) throw;
+        cell.indexed.reset();
+        return false;
+    }
+    cell.wavelength = recording.space.wavelength;
+    const Matrix3d fromFrame = known.toFrame.transpose();
+    cell.corrected.clear();
+    for (const Vector3d& position : cell.indexed->refined.positions)
+        cell.corrected.emplace_back(fromFrame * (position - recording.centre));
+    Lattice& lattice = cell.answer.lattice;
+    lattice.basis = fromFrame * cell.indexed->lattice().basis;
+    lattice.origin = fromFrame * (cell.indexed->lattice().origin - recording.centre);
+    cell.answer.score = scoreLattice(cell.corrected, lattice);
+    cell.reciprocal = niggliReduced(lattice).toUnitCell();
+    cell.symmetry = tiedSymmetry(*cell.indexed);
+    cell.completeness = cell.indexed->completeness;
+    cell.verdict = verdictOnList(*cell.indexed);
+    for (const FurtherCrystal& other : crystals.others)
+        cell.others.push_back({reducedCell(other.indexed.lattice(), fromFrame), tiedSymmetry(other.indexed),
+                               verdictOnList(other.indexed), other.sameCell, other.turn, other.share});
+    return true;
+}
+
+/// What can be said of a list of which nobody knows how it was recorded.
+void judgeUnrefined(PeakCell& cell, const ListSpace& space, const std::optional<LatticeCandidate>& rival,
+                    const CellSearch& search, int crystals) {
+    cell.reciprocal = niggliReduced(cell.answer.lattice).toUnitCell();
+    cell.symmetry = LatticeSymmetry::best(cell.reciprocal);
+    LatticeEvidence evidence = evidenceFor(cell.answer, cell.points, space);
+    cell.completeness = evidence.completeness;
+    std::vector<Lattice> others;
+    evidence.elsewhere = findOthers(cell, space, search, crystals, others);
+    const bool isCrystal = rival && std::any_of(others.begin(), others.end(), [&](const Lattice& other) {
+                               return areAlike(rival->lattice.basis, other.basis);
+                           });
+    if (rival && !isCrystal) {
+        evidence.rivalEvidence = rival->score.evidence;
+        evidence.rival = cellText(rival->lattice, cell.pixelSize());
+    }
+    cell.verdict = verdictOn(evidence);
+}
+
 }  // namespace
 
 PeakCell findCell(const PeakList& peaks, const PeakCellOptions& options, Session& session) {
     PeakCell cell;
+    if (options.kiloVolts > 0.0) refuseImpossibleVoltage(options.kiloVolts);
     takePoints(peaks, options, cell);
     refuseFlatLists(cell.points);
     CellSearchOptions settings = searchOptions(options.cell, session);
     settings.progressed = [&session](double share) { session.advance(share); };
     const CellSearch search(std::move(settings));
+    std::optional<LatticeCandidate> rival;
     {
         const Stage stage(session, "search the cell");
         // What the steps complain about is one trial of many, or part of the message.
@@ -339,8 +520,8 @@ PeakCell findCell(const PeakList& peaks, const PeakCellOptions& options, Session
             throwNothingFound(search, cell, candidates, options, session);
         cell.answer = candidates.front();
         if (candidates.size() > 1) {
-            cell.rivalEvidence = candidates[1].score.evidence;
-            cell.rival = candidates[1].lattice;
+            rival = candidates[1];
+            cell.rivalEvidence = rival->score.evidence;
         }
         cell.parameter = search.parameterOf(cell.answer.trial);
         const std::optional<LatticeCandidate> again = search.repeat(cell.answer, cell.points, cell.weights);
@@ -351,23 +532,14 @@ PeakCell findCell(const PeakList& peaks, const PeakCellOptions& options, Session
                                     : peaks.head            ? peaks.head->pixelSize
                                                             : 0.0;
     refuseUndetermined(cell);
-    describe(cell);
+    cell.corrected = cell.points;
     const ListSpace space = listSpace(peaks, cell.points);
-    LatticeEvidence evidence = evidenceFor(cell.answer, cell.points, space);
-    cell.completeness = evidence.completeness;
     {
         const QuietLog quiet(session, QuietLog::Keep::InLogAlone);
-        evidence.elsewhere = findOthers(cell, space, search, options.crystals);
+        if (!space.isTurned || !takeRefined(cell, peaks, space, rival, options, session))
+            judgeUnrefined(cell, space, rival, search, options.crystals);
     }
-    const bool isCrystal =
-        cell.rival && std::any_of(cell.others.begin(), cell.others.end(), [&](const auto& o) {
-            return areAlike(cell.rival->basis, o.found.candidate.lattice.basis);
-        });
-    if (cell.rival && !isCrystal) {
-        evidence.rivalEvidence = cell.rivalEvidence;
-        evidence.rival = cellText(*cell.rival, cell.pixelSize());
-    }
-    cell.verdict = verdictOn(evidence);
+    refuseWrongScale(cell);
     return cell;
 }
 
@@ -379,7 +551,7 @@ CellEvaluation evaluate(const PeakCell& cell, const PeakCellOptions& options, Se
     dump.finish(session);
     Lattice lattice = Lattice::of(cell.reciprocal, cell.answer.lattice.origin);
     lattice.pixelSize = cell.pixelSize();
-    return steps->evaluate(lattice, cell.answer.score, cell.points);
+    return steps->evaluate(lattice, cell.answer.score, cell.corrected);
 }
 
 }  // namespace vrk

@@ -234,8 +234,8 @@ void findCrystals(Attempt& attempt, const RunOptions& options, bool anyCell, Run
                   Session& session) {
     attempt.crystals = timed(seconds.cell, [&] {
         return findFurtherCrystals(
-            attempt.indexed, attempt.lattice.runnerUp ? &*attempt.lattice.runnerUp : nullptr, attempt.volume,
-            attempt.axis, {options.crystals, anyCell, options.cell}, session);
+            attempt.indexed, attempt.lattice.runnerUp ? &*attempt.lattice.runnerUp : nullptr,
+            recordingOf(attempt.volume, attempt.axis), {options.crystals, anyCell, options.cell}, session);
     });
 }
 

@@ -99,6 +99,7 @@ const std::vector<Command> kCommands = {
      "--dry-run --collect --again --job --cut -- --tilt-axis "},
     {"cell peaks.txt -o c.txt --json",
      {{"--pixel-size 1e8", "/pixel_size=1e8 /cell/a>"},
+      {"--voltage 120", "/voltage_kv=120"},
       {"--min-length 8", "/parameters/min_length=8 /search=parameters"},
       {"--max-length 35 --log l.txt", "/parameters/max_length=35 l.txt~"},
       {"--eps 1 --log l.txt", "/parameters/eps=1 l.txt~"},

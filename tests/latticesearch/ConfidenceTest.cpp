@@ -80,7 +80,7 @@ TEST(Confidence, EachDoubtLowersItAndIsNamed) {
         {"narrow a range", [](LatticeEvidence& e) { e.thinness = 0.19; }, Confidence::Fair},
         {"", [](LatticeEvidence& e) { e.thinness = 0.21; }, Confidence::High},
         {"not known which part", [](LatticeEvidence& e) { e.completeness.reset(); }, Confidence::Fair},
-        {"positions alone", [](LatticeEvidence& e) { e.distortionUnseen = true; }, Confidence::Fair},
+        {"positions alone", [](LatticeEvidence& e) { e.distortionUnseen = true; }, Confidence::Low},
         {"reflections alone tell", [](LatticeEvidence& e) { e.spaceEstimated = true; }, Confidence::Fair},
         {"", [](LatticeEvidence& e) { e.indexedShare.reset(); }, Confidence::High},
         {"another lattice (4 5 6) has 95 %",
@@ -126,6 +126,9 @@ TEST(Confidence, EachDoubtLowersItAndIsNamed) {
 }
 
 TEST(Confidence, ThreeDoubtsAreTooMany) {
+    LatticeEvidence guessed = sound();
+    guessed.spaceEstimated = guessed.ellipseUnknown = true;
+    EXPECT_EQ(vrk::verdictOn(guessed).level, Confidence::Low) << "neither axis nor distortion is known";
     LatticeEvidence known = sound();
     known.axisAssumed = true;
     known.thinness = 0.1;

@@ -162,8 +162,33 @@ TEST(FindCell, TrustsNoNarrowRangeOfTiltsHighly) {
             reasons += reason + "; ";
         return reasons;
     };
-    EXPECT_NE(reasonsAt(10).find("narrow"), std::string::npos) << reasonsAt(10);
+    EXPECT_NE(reasonsAt(10).find("determine its edges"), std::string::npos) << reasonsAt(10);
     EXPECT_EQ(reasonsAt(60).find("narrow"), std::string::npos) << reasonsAt(60);
+}
+
+TEST(FindCell, TakesEllipseAndCurvatureOutOfAPlainList) {
+    const Recorded data({7, 7, 9.5, 90, 90, 90}, {.ellipse = 0.014, .azimuth = 35},
+                        {.noise = 0.2, .seed = 6});
+    const Eigen::Matrix3d turned =
+        Eigen::AngleAxisd(0.8, Eigen::Vector3d(1, 2, 3).normalized()).toRotationMatrix();
+    vrk::PeakList peaks;
+    peaks.reflections.reset(new ReflexVector);
+    for (const Eigen::Vector3d& position : data.positions) {
+        const Eigen::Vector3d p = turned * (position - data.centre);
+        peaks.reflections->push_back(new Reflex(p.x(), p.y(), p.z()));
+    }
+    vrk::Observer silent;
+    vrk::Session session(silent);
+    vrk::PeakCellOptions options;
+    options.pixelSize = vrk::test::kPixelSize;
+    const vrk::PeakCell cell = vrk::findCell(peaks, options, session);
+    EXPECT_STREQ(LATTICE::shortName(cell.symmetry.bravaisType), "tP");
+    EXPECT_NEAR(cell.symmetry.measured.a, 7.0, 0.02);
+    EXPECT_NEAR(cell.symmetry.measured.c, 9.5, 0.03);
+    EXPECT_EQ(cell.verdict.level, vrk::Confidence::Fair);
+    ASSERT_TRUE(cell.indexed);
+    EXPECT_NEAR(cell.indexed->instrument.ellipse(), 0.014, 0.002);
+    EXPECT_NEAR(cell.wavelength, 0.0251, 0.009);
 }
 
 TEST(IndexReflections, RefusesWhatDeterminesNoCell) {
