@@ -143,7 +143,7 @@ private:
     double edgeSpacing() const;
     double leastDistance() const;
     double firstSearch() const;
-    SpotExtent firstExtent() const;
+    SpotExtent apartExtent(double width) const;
     void prepareDetector();
     void refine();
     void chooseMode(const SpotPrediction& prediction, std::span<const MeasuredSpot> measured,
@@ -172,6 +172,7 @@ private:
     SeriesGeometry m_geometry;
     RockingModel m_rocking;
     NoiseModel m_noise;
+    double m_spotWidth = 1.5;              ///< standard deviation, pixels; the usual one until it is known
     std::optional<double> m_rotationPart;  ///< of its step that a frame turns, where the curves show gaps
     std::vector<CurveFit> m_sums;
 };
@@ -226,10 +227,10 @@ double Integrator::firstSearch() const {
     return std::clamp(0.3 * leastDistance(), 1.5, 6.0);
 }
 
-/// The usual one, but no wider than that the discs of neighbours keep apart: what shares its disc is placed
-/// nowhere.
-SpotExtent Integrator::firstExtent() const {
-    return SpotExtent::of(std::min(1.5, 0.12 * leastDistance()));
+/// Of spots of a width, but no wider than that the discs of neighbours keep apart: what shares its disc is
+/// placed nowhere and tells nothing of its curve. On a zone axis that would be all of them.
+SpotExtent Integrator::apartExtent(double width) const {
+    return SpotExtent::of(std::min(width, 0.12 * leastDistance()));
 }
 
 void Integrator::prepareDetector() {
@@ -245,7 +246,7 @@ void Integrator::prepareDetector() {
         std::count_if(stack.dead.begin(), stack.dead.end(), [](std::uint8_t value) { return value != 0; }));
     m_noise.gain = m_options.gain.value_or(roughGain(stack));
     if (m_options.gain) checkGain(*m_options.gain, roughGain(stack));
-    m_result.extent = firstExtent();
+    m_result.extent = apartExtent(m_spotWidth);
 }
 
 /// Takes over what a refinement found. Returns the largest movement of a spot, pixels.
@@ -458,8 +459,11 @@ void Integrator::refine() {
         for (const SpotCentroid& centroid : centroids)
             if (centroid.width > 0) widths.push_back(centroid.width);
         if (widths.size() >= kFewestStrongSpots)
-            m_result.extent = SpotExtent::of(std::clamp(medianOf(std::move(widths)), 0.4, 10.0));
-        if (!m_options.gain) m_noise = noiseOfRings(measured, m_noise);
+            m_spotWidth = std::clamp(medianOf(std::move(widths)), 0.4, 10.0);
+        m_result.extent = apartExtent(m_spotWidth);
+        // Around discs that are cut the tails of the spots are no noise.
+        const bool whole = m_result.extent.sigma >= m_spotWidth;
+        if (!m_options.gain && whole) m_noise = noiseOfRings(measured, m_noise);
         if (round == 1 && !m_options.mode) chooseMode(prediction, measured, centroids);
         if (round == 1 && m_options.mode == RotationMode::Precession && !(m_options.precession > 0))
             bestPrecession(prediction, measured);
@@ -488,10 +492,12 @@ void Integrator::refine() {
 void Integrator::measure(double dMin) {
     checkpoint();
     FrameStack& stack = m_input.frames;
+    m_result.extent = SpotExtent::of(m_spotWidth);
     m_result.prediction = predictSpots(m_geometry, m_rocking, limits(dMin));
     const SpotPrediction& prediction = m_result.prediction;
     const SpotMeasurement measurement(stack, m_geometry, m_result.shape, m_noise, m_result.extent);
     m_result.measured = measurement.sums(prediction);
+    if (!m_options.gain) m_noise = noiseOfRings(m_result.measured, m_noise);
     checkpoint();
     const CurveErrors errors{m_result.fit.curveError, m_result.fit.tiltSigma};
     m_sums =

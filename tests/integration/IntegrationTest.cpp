@@ -211,6 +211,21 @@ TEST(IntegrationTest, refinesWhatTheStartDoesNotKnowForGood) {
                 3 * result.fit.sigma(FrameView::Shear));
 }
 
+TEST(IntegrationTest, refinesOnSpotsOfAZoneThatNearlyTouch) {
+    SimulationSettings settings = smallCrystal();
+    settings.cell = {9.7, 6.4, 11.9, 90, 104.5, 90};
+    settings.orientation.beamAlong = {0, 1, 0};
+    settings.orientation.offZone = 1;
+    settings.spotWidth = 1.2;
+    settings.tilts = tiltRange(-16, 16, 0.5);
+    const SimulatedInput simulated = simulatedInput(settings, LATTICE::mP);
+    const IntegrationResult result = integrate(simulated.input);
+    EXPECT_GT(result.fit.spots, 1000);
+    EXPECT_GT(result.fit.curves, 200);
+    EXPECT_NEAR(result.noise.gain, 1, 0.06);
+    EXPECT_LT(agreementOf(result, simulated).rFactor, 0.04);
+}
+
 TEST(IntegrationTest, saysWhenAllReflectionsLieAlongTheAxis) {
     SimulationSettings settings = smallCrystal();
     settings.cell = {3.1, 40, 3.2, 90, 95, 90};
