@@ -39,6 +39,7 @@ std::unique_ptr<FrameFile> FrameFile::open(FrameSource source) {
     if (std::filesystem::exists(source.path(), ignored)) state = stateOf(source.path());
     std::unique_ptr<FrameFile> file = format->open(std::move(source));
     file->m_state = state;
+    file->checkPacking();
     if (file->count() == 1) file->m_source.forget();
     return file;
 }
@@ -53,6 +54,19 @@ Frame FrameFile::read(int frame) const {
     if (m_state) refuseChanged(path(), *m_state);
     if (count() == 1) m_source.forget();
     return pixels;
+}
+
+void FrameFile::checkPacking() const {
+    constexpr std::uint64_t kUsual = std::uint64_t{1} << 24, kPixelsAByte = 900;
+    std::uint64_t most = 0;
+    for (const FrameInfo& info : m_infos)
+        most =
+            std::max(most, static_cast<std::uint64_t>(info.width) * static_cast<std::uint64_t>(info.height));
+    if (most <= kUsual) return;
+    const std::uint64_t bytes = m_source.open()->size() + bytesIn(parts());
+    if (most / kPixelsAByte > bytes)
+        refuse("it announces frames of " + std::to_string(most) + " pixels and has " + std::to_string(bytes) +
+               " bytes for them; the file is damaged, or its frames are empty");
 }
 
 void FrameFile::refuse(const std::string& reason) const {

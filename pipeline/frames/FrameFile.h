@@ -80,6 +80,9 @@ protected:
     std::string m_damage;
 
 private:
+    /// Refuses frames of which so few bytes are there that they could only be empty.
+    void checkPacking() const;
+
     FrameSource m_source;
     std::optional<FileState> m_state;  ///< of a file on disk, when it was opened
 };

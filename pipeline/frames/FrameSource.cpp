@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <fstream>
+#include <limits>
 #include <system_error>
 
 #include "pipeline/base/Failure.h"
@@ -51,13 +52,20 @@ private:
     std::shared_ptr<const std::string> m_bytes;
 };
 
-/// A text that grows is there twice for moments.
-std::uint64_t mostUnpacked() {
-    constexpr std::uint64_t kMost = std::uint64_t{1} << 31;
-    return std::min(kMost, memoryLeft() / 3);
+}  // namespace
+
+std::uint64_t mostUnpacked(std::uint64_t packed) {
+    constexpr std::uint64_t kAnyway = std::uint64_t{64} << 20, kRatio = 1300;
+    return std::max(kAnyway, kRatio * std::min(packed, std::numeric_limits<std::uint64_t>::max() / kRatio));
 }
 
-}  // namespace
+std::uint64_t bytesIn(const std::vector<std::filesystem::path>& files) {
+    std::uint64_t bytes = 0;
+    std::error_code error;
+    for (const std::filesystem::path& file : files)
+        if (const std::uintmax_t size = std::filesystem::file_size(file, error); !error) bytes += size;
+    return bytes;
+}
 
 bool liesWithin(const std::filesystem::path& file, const std::filesystem::path& folder) {
     const std::filesystem::path way =
@@ -107,8 +115,16 @@ std::unique_ptr<FrameBytes> FrameSource::open() const {
         if (!file->good()) refuse("it cannot be read; check its permissions");
         return file;
     }
-    m_unpacked = std::make_shared<const std::string>(unpack(packed, mostUnpacked(), true));
+    m_unpacked = std::make_shared<const std::string>(unpack(packed, limitOfUnpacking(), true));
     return std::make_unique<MemoryBytes>(m_unpacked);
+}
+
+std::uint64_t FrameSource::limitOfUnpacking() const {
+    constexpr std::uint64_t kMost = std::uint64_t{1} << 31;
+    std::error_code error;
+    const std::uintmax_t packed = m_bytes ? m_bytes->size() : std::filesystem::file_size(m_path, error);
+    // A text that grows is there twice for moments.
+    return std::min({kMost, mostUnpacked(error ? 0 : packed), memoryLeft() / 3});
 }
 
 std::string FrameSource::unpack(Packing packing, std::uint64_t most, bool whole) const {

@@ -7,12 +7,20 @@
 #include <memory>
 #include <span>
 #include <string>
+#include <vector>
 
 namespace vrk {
 
 /// Whether a file lies in a folder or below it, by the names alone: where symbolic links lead is up to those
 /// who made them.
 bool liesWithin(const std::filesystem::path& file, const std::filesystem::path& folder);
+
+/// How many bytes so many packed ones may be unpacked to. Nothing but zeros becomes 1032 times shorter by
+/// deflate, 1273 times by LZW; what holds counts is far from that. Up to 64 MiB may be of anything.
+std::uint64_t mostUnpacked(std::uint64_t packed);
+
+/// How many bytes the files have together, as far as they are there.
+std::uint64_t bytesIn(const std::vector<std::filesystem::path>& files);
 
 /// Bytes that are open for reading at any position.
 class FrameBytes {
@@ -41,7 +49,8 @@ public:
     /// Whether another program that is given the path reads the same bytes.
     bool isPlainFile() const;
 
-    /// Throws Failure when the file cannot be read, or unpacks to more than 2 GiB.
+    /// Throws Failure when the file cannot be read, or unpacks to more than 2 GiB, than mostUnpacked() or
+    /// than memory allows.
     std::unique_ptr<FrameBytes> open() const;
     /// The first bytes, at most \p most; of packed files no more is unpacked. Throws as open() does.
     std::string beginning(std::size_t most) const;
@@ -55,6 +64,8 @@ private:
     enum class Packing { None, Gzip, Bzip2 };
     Packing packing() const;
     std::string unpack(Packing packing, std::uint64_t most, bool whole) const;
+    /// What all that is packed may be unpacked to.
+    std::uint64_t limitOfUnpacking() const;
     [[noreturn]] void refuse(const std::string& reason) const;
 
     std::filesystem::path m_path;

@@ -86,17 +86,21 @@ std::size_t bytesOf(PixelType type) {
     return withType(type, [](auto number) { return sizeof number; });
 }
 
-std::vector<float> decodePixels(std::span<const char> bytes, PixelType type, bool bigEndian) {
+void decodePixels(std::span<const char> bytes, PixelType type, bool bigEndian, std::span<float> pixels) {
     const bool swap = bigEndian != kHostIsBig;
-    return withType(type, [&](auto number) {
+    withType(type, [&](auto number) {
         using Number = decltype(number);
-        std::vector<float> pixels(bytes.size() / sizeof(Number));
         for (std::size_t i = 0; i < pixels.size(); ++i) {
             const Number value = numberAt<Number>(bytes.data() + i * sizeof(Number), swap);
             pixels[i] = isDead(value) ? std::numeric_limits<float>::quiet_NaN() : static_cast<float>(value);
         }
-        return pixels;
     });
+}
+
+std::vector<float> decodePixels(std::span<const char> bytes, PixelType type, bool bigEndian) {
+    std::vector<float> pixels(bytes.size() / bytesOf(type));
+    decodePixels(bytes, type, bigEndian, pixels);
+    return pixels;
 }
 
 double decodeNumber(std::span<const char> bytes, std::size_t position, PixelType type, bool bigEndian) {

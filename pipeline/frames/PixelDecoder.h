@@ -24,8 +24,10 @@ enum class PixelType {
 
 std::size_t bytesOf(PixelType type);
 
-/// Numbers of a file's bytes; unsigned ones of 32 or 64 bits that are all set stand for dead pixels and
-/// become no numbers (NaN). \p bigEndian: how the file stores them.
+/// As many numbers as there is room for, of a file's bytes; unsigned ones of 32 or 64 bits that are all set
+/// stand for dead pixels and become no numbers (NaN). \p bigEndian: how the file stores them.
+void decodePixels(std::span<const char> bytes, PixelType type, bool bigEndian, std::span<float> pixels);
+/// All numbers of these bytes.
 std::vector<float> decodePixels(std::span<const char> bytes, PixelType type, bool bigEndian);
 
 /// One number at a byte position; the position must lie inside.

@@ -179,8 +179,10 @@ protected:
         };
         grown("big.mrc", 6000);
         grown("wide.mrc", 1200);
-        for (const char* name : {"big.tif", "more.tif"})
+        for (const char* name : {"big.tif", "more.tif"}) {
             folder->write(name, tiffOf(16000));
+            std::filesystem::resize_file(*folder / name, 300'000);  // so many pixels could be packed in it
+        }
         for (const char* name : {"frames", "locked"})
             std::filesystem::create_directory(*folder / name);
         folder->write("locked.mrc", "text");

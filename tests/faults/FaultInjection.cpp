@@ -2,9 +2,10 @@
 //   VRK_FAULT_MALLOC=N  the N-th allocation returns none
 //   VRK_FAULT_WRITE=N   writing to files fails from the N-th time on: no space left
 //   VRK_FAULT_READ=N    the N-th reading from a file fails: input/output error
-//   VRK_FAULT_SHORT=1   reading and writing stop before the end, each time elsewhere, and are interrupted
-//   between VRK_FAULT_CLOCK=1   the time of day jumps to and fro by hours VRK_FAULT_COUNT=FILE  at the end:
-//   how many allocations, writes and reads there were
+//   VRK_FAULT_SHORT=1   reading and writing stop before the end, each time elsewhere, or are interrupted
+//   VRK_FAULT_CLOCK=1   the time of day jumps to and fro by hours
+//   VRK_FAULT_STOP=N    the program stops (SIGSTOP) at the N-th allocation
+//   VRK_FAULT_COUNT=F   into the file F at the end: how many allocations, writes and reads there were
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -14,6 +15,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 
@@ -26,7 +28,7 @@ void* __libc_realloc(void*, std::size_t);
 namespace {
 
 std::atomic<long> allocations{0}, writes{0}, reads{0}, calls{0};
-long failingAllocation = 0, failingWrite = 0, failingRead = 0;
+long failingAllocation = 0, stoppingAllocation = 0, failingWrite = 0, failingRead = 0;
 bool isShort = false, jumps = false;
 const char* countFile = nullptr;
 std::atomic<bool> ready{false};
@@ -39,6 +41,7 @@ long number(const char* name) {
 struct Settings {
     Settings() {
         failingAllocation = number("VRK_FAULT_MALLOC");
+        stoppingAllocation = number("VRK_FAULT_STOP");
         failingWrite = number("VRK_FAULT_WRITE");
         failingRead = number("VRK_FAULT_READ");
         isShort = number("VRK_FAULT_SHORT") != 0;
@@ -59,7 +62,10 @@ struct Settings {
 } settings;
 
 bool allocationFails() {
-    return ready && ++allocations == failingAllocation;
+    if (!ready) return false;
+    const long allocation = ++allocations;
+    if (allocation == stoppingAllocation) raise(SIGSTOP);
+    return allocation == failingAllocation;
 }
 
 bool isFile(int descriptor) {

@@ -5,10 +5,12 @@ Kills and interrupts every command that writes, lets its calls of the system fai
 works. After each accident no file under a good name may be damaged, exit code and message must say what happened, and
 the next run must succeed. Prints a table; the exit code is 1 when anything was wrong.
 
-usage: faults.py VRK LIBRARY [--count N] [--seed N] [--kinds A,B] [--commands A,B]
+usage: faults.py VRK LIBRARY [--count N] [--seed N] [--exact] [--kinds A,B] [--commands A,B]
   LIBRARY   built of FaultInjection.cpp
   --count   accidents of each kind for each command [100]
   --seed    of what is random [1]
+  --exact   the same accidents each time, however busy the machine is: they happen when the program has asked for memory
+            so many times, and it works in one thread; else they happen at a time
   --kinds, --commands   these alone
 """
 
@@ -27,6 +29,15 @@ from pathlib import Path
 
 SERIES = ("simulate -o series.mrc --cell 5.2,6.1,4.6,90,105,90 --centring C --size 80 --dmin 1.1 --seed 4 "
           "--tilts -60:60:4 --axis 6 --write-axis")
+# What commands read and how it is made, each of those before it.
+INPUTS = {
+    "series.mrc": SERIES,
+    "clean.mrc": "preprocess series.mrc -o clean.mrc --rotate header",
+    "volume.mrc": "reconstruct clean.mrc -o volume.mrc",
+    "peaks.txt": "peaks volume.mrc -o peaks.txt --threshold 30 --zero-beam 8",
+    "cell.txt": "cell peaks.txt -o cell.txt",
+    "result": "run series.mrc -o result --no-pictures",
+}
 # What writes, and what it writes; a folder is a result.
 COMMANDS = {
     "run": ("run series.mrc -o out --no-pictures", ["out"]),
@@ -46,6 +57,8 @@ COMMANDS = {
 }
 # The dear ones take a part of the accidents.
 SHARE = {"run with pictures": 0.2, "sections": 0.3, "tilt-axis": 0.3, "calibrate": 0.5}
+# Seconds after which a command hangs.
+PATIENCE = 600
 
 
 class Trouble(Exception):
@@ -59,14 +72,21 @@ def digest(path):
 class Bench:
     """A folder with what the commands read, and what they write when nothing happens."""
 
-    def __init__(self, vrk, library, folder):
-        self.vrk, self.library, self.folder = vrk, library, folder
-        for line in (SERIES, "preprocess series.mrc -o clean.mrc --rotate header", "reconstruct clean.mrc -o volume.mrc",
-                     "peaks volume.mrc -o peaks.txt --threshold 30 --zero-beam 8", "cell peaks.txt -o cell.txt",
-                     "run series.mrc -o result --no-pictures"):
-            self.succeed(line)
+    def __init__(self, vrk, library, folder, commands, exact):
+        self.vrk, self.library, self.folder, self.exact = vrk, library, folder, exact
+        if exact:
+            os.sched_setaffinity(0, {min(os.sched_getaffinity(0))})
+        self.provide("series.mrc " + " ".join(COMMANDS[name][0] for name in commands))
         self.inputs = {entry.name: digest(entry) for entry in folder.iterdir() if entry.is_file()}
         self.whole, self.seconds, self.calls = {}, {}, {}
+
+    def provide(self, line):
+        """Makes what a command reads."""
+        for word in line.split():
+            if word in INPUTS and not (self.folder / word).exists():
+                if word != "series.mrc":
+                    self.provide(INPUTS[word].split(" -o ")[0])
+                self.succeed(INPUTS[word])
 
     def start(self, line, faults=None, **more):
         environment = dict(os.environ, **{k: str(v) for k, v in (faults or {}).items()})
@@ -76,9 +96,26 @@ class Bench:
                                 **{"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "text": True,
                                    "errors": "replace", **more})
 
+    def begin(self, name, part):
+        """A command that has done a part of its work; let() lets it go on."""
+        line, _ = COMMANDS[name]
+        if not self.exact:
+            process = self.start(line)
+            time.sleep(part * self.seconds[name])
+            return process
+        process = self.start(line, {"VRK_FAULT_STOP": 1 + int(part * self.calls[name]["MALLOC"])})
+        os.waitid(os.P_PID, process.pid, os.WSTOPPED | os.WEXITED | os.WNOWAIT)
+        return process
+
+    def let(self, process):
+        """\returns what it said about errors, when it has ended"""
+        if self.exact:
+            process.send_signal(signal.SIGCONT)
+        return process.communicate(timeout=PATIENCE)[1]
+
     def succeed(self, line):
         process = self.start(line)
-        _, errors = process.communicate(timeout=300)
+        _, errors = process.communicate(timeout=PATIENCE)
         if process.returncode != 0:
             raise Trouble(f"vrk {line}: exit code {process.returncode}: {errors.strip()[-200:]}")
 
@@ -91,7 +128,7 @@ class Bench:
         counts = self.folder / "counts"
         began = time.monotonic()
         process = self.start(line, {"VRK_FAULT_COUNT": counts})
-        _, errors = process.communicate(timeout=300)
+        _, errors = process.communicate(timeout=PATIENCE)
         self.seconds[name] = time.monotonic() - began
         if process.returncode != 0:
             raise Trouble(f"vrk {line}: exit code {process.returncode}: {errors.strip()[-200:]}")
@@ -158,10 +195,9 @@ def stopped(bench, name, rng, number):
     line, _ = COMMANDS[name]
     if rng.random() < 0.5:
         bench.succeed(line)
-    process = bench.start(line)
-    time.sleep(rng.random() * 1.1 * bench.seconds[name])
+    process = bench.begin(name, rng.random() * 1.1)
     process.send_signal(number)
-    _, errors = process.communicate(timeout=120)
+    errors = bench.let(process)
     # Before the program has begun it ends as any other does.
     allowed = (0, -number) if number == signal.SIGKILL else (0, 128 + number, -number)
     code = bench.check_end(process, errors, allowed) if process.returncode != -number else -number
@@ -180,7 +216,7 @@ def failing(bench, name, rng, call):
     if count == 0:
         return None
     process = bench.start(line, {f"VRK_FAULT_{call}": 1 + rng.randrange(count)})
-    _, errors = process.communicate(timeout=120)
+    _, errors = process.communicate(timeout=PATIENCE)
     code = bench.check_end(process, errors, (0, 1, 3))
     bench.check(name)
     # An optional file that cannot be read is left out: the result is another one then.
@@ -202,7 +238,7 @@ def out_of_room(bench, name, rng):
         resource.setrlimit(resource.RLIMIT_FSIZE, (most, most))
 
     process = bench.start(line, preexec_fn=limit)
-    _, errors = process.communicate(timeout=120)
+    _, errors = process.communicate(timeout=PATIENCE)
     code = bench.check_end(process, errors, (0, 1, 3))
     bench.check(name)
     if code == 0:
@@ -216,7 +252,7 @@ def bitwise(bench, name, rng, faults):
     line, _ = COMMANDS[name]
     bench.clear()
     process = bench.start(line, faults)
-    _, errors = process.communicate(timeout=200)
+    _, errors = process.communicate(timeout=PATIENCE)
     code = bench.check_end(process, errors, (0,))
     bench.check_whole(name)
     return code
@@ -229,8 +265,7 @@ def taken_away(bench, name, rng, how):
     if how != "target" and not source.is_file():
         return None
     kept = source.read_bytes() if source.is_file() else b""
-    process = bench.start(line)
-    time.sleep(rng.random() * bench.seconds[name])
+    process = bench.begin(name, rng.random())
     if how == "cut":
         os.truncate(source, len(kept) // 2)
     elif how == "replaced":
@@ -240,7 +275,7 @@ def taken_away(bench, name, rng, how):
         target = bench.folder / (outputs[0] if outputs else "axis")
         shutil.rmtree(target if target.suffix == "" else target.parent, ignore_errors=True) if "/" in str(
             outputs) or target.suffix == "" else target.unlink(missing_ok=True)
-    _, errors = process.communicate(timeout=120)
+    errors = bench.let(process)
     if source.parent.exists() and kept:
         source.write_bytes(kept)
     code = bench.check_end(process, errors, (0, 1, 3))
@@ -267,7 +302,7 @@ def without_streams(bench, name, rng):
         os.close(writing)
     else:
         process = bench.start(line, preexec_fn=lambda: [os.close(stream) for stream in which])
-    _, errors = process.communicate(timeout=120)
+    _, errors = process.communicate(timeout=PATIENCE)
     allowed = (0, 1, -signal.SIGPIPE) if which == "pipe" else (0, 1)
     if process.returncode not in allowed:
         raise Trouble(f"streams {which}: exit code {process.returncode}")
@@ -281,13 +316,12 @@ def both(bench, name, rng):
     """Two at once into one place: each is whole or refused, nothing is mixed."""
     line, _ = COMMANDS[name]
     bench.clear()
-    first = bench.start(line)
-    time.sleep(rng.random() * 0.2 * bench.seconds[name])
+    first = bench.begin(name, rng.random() * (1.0 if bench.exact else 0.2))
     second = bench.start(line)
-    codes = []
-    for process in (first, second):
-        _, errors = process.communicate(timeout=120)
-        codes.append(bench.check_end(process, errors, (0, 1)))
+    if bench.exact:
+        second.wait(timeout=PATIENCE)
+    codes = [bench.check_end(first, bench.let(first), (0, 1))]
+    codes.append(bench.check_end(second, second.communicate(timeout=PATIENCE)[1], (0, 1)))
     if 0 not in codes:
         raise Trouble("none of both succeeded")
     bench.check(name)
@@ -328,12 +362,14 @@ def main():
     parser.add_argument("library")
     parser.add_argument("--count", type=int, default=100)
     parser.add_argument("--seed", type=int, default=1)
+    parser.add_argument("--exact", action="store_true")
     parser.add_argument("--kinds", type=lambda text: text.split(","), default=list(KINDS))
     parser.add_argument("--commands", type=lambda text: text.split(","), default=list(COMMANDS))
     arguments = parser.parse_args()
     bad = 0
     with tempfile.TemporaryDirectory() as folder:
-        bench = Bench(os.path.abspath(arguments.vrk), os.path.abspath(arguments.library), Path(folder))
+        bench = Bench(os.path.abspath(arguments.vrk), os.path.abspath(arguments.library), Path(folder),
+                      arguments.commands, arguments.exact)
         for kind in arguments.kinds:
             share, accident = KINDS[kind]
             for name in arguments.commands:

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <set>
 
 #include "pipeline/base/Failure.h"
 #include "pipeline/frames/FrameFile.h"
@@ -131,6 +132,48 @@ TEST(Readers, UnpackingStopsAtItsLimitAndTellsDamage) {
     EXPECT_EQ(FrameSource(kFolder / "frame.cbf.gz").beginning(77), plain.substr(0, 77));
 }
 
+TEST(Readers, SmallFilesDoNotUnpackToLargeOnes) {
+    const auto reason = [](const char* name, const std::string& bytes) -> std::string {
+        try {
+            const FrameSource source(name, std::make_shared<const std::string>(bytes));
+            source.open();
+            FrameFile::open(source);
+        } catch (const vrk::Failure& failure) {
+            return failure.what();
+        }
+        return "";
+    };
+    // 70 MiB of zeros.
+    const std::string hex =
+        "425a68393141592653590e09e2df015f8e4000c0000008200030804d4642a025a90a809731415926535933f2afee00d2a3c1"
+        "00c00040000008200030cc0529a6a84912d811244bc5dc914e14240bf85a9400";
+    std::string bomb;
+    for (std::size_t i = 0; i < hex.size(); i += 2)
+        bomb += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+    EXPECT_NE(reason("x.mrc.bz2", bomb).find("unpacks to more than 64 MiB"), std::string::npos);
+    // One page of 16384 x 16384 pixels of a byte, packed by deflate.
+    std::string tiff("II*\0\10\0\0\0\10\0", 10);
+    const auto put = [&](int number, int bytes) {
+        for (; bytes > 0; --bytes, number >>= 8)
+            tiff += static_cast<char>(number & 255);
+    };
+    for (const auto& [tag, value] : {std::pair{256, 16384},
+                                     {257, 16384},
+                                     {258, 8},
+                                     {259, 8},
+                                     {262, 1},
+                                     {273, 8},
+                                     {278, 16384},
+                                     {279, 100}}) {
+        put(tag, 2);
+        put(4, 2);
+        put(1, 4);
+        put(value, 4);
+    }
+    put(0, 4);
+    EXPECT_NE(reason("x.tif", tiff).find("frames of 268435456 pixels"), std::string::npos);
+}
+
 TEST(Readers, WhatLiesInOtherFoldersIsReadWhenAllowedOnly) {
     const TemporaryFolder folder;
     std::filesystem::create_directory(folder / "in");
@@ -161,25 +204,30 @@ TEST(Readers, WhatLiesInOtherFoldersIsReadWhenAllowedOnly) {
 }
 
 TEST(Readers, AProcessThatCountsForeverIsEnded) {
-    vrk::detail::SeparateProcess process([](const std::string& request) {
-        vrk::detail::SeparateProcess::allowSeconds(0);
+    using vrk::detail::SeparateProcess;
+    SeparateProcess process([](const std::string& request, const SeparateProcess::Reply& reply) {
+        if (request == "forever") SeparateProcess::allowSeconds(0.1);
         for (volatile int count = 0; request == "forever";)
             count = 1 - count;
-        return request;
+        reply(request);
     });
-    EXPECT_EQ(process.ask("once"), "once");
-    EXPECT_FALSE(process.ask("forever"));
-    EXPECT_FALSE(process.ask("once"));
+    EXPECT_EQ(process.ask("once", 4), "once");
+    EXPECT_FALSE(process.ask("forever", 100));
+    EXPECT_FALSE(process.ask("once", 4));
 }
 
 TEST(Readers, DamagedFilesAreReadOrRefused) {
     vrk::SimulationRandom random(5);
     int refused = 0;
     int rounds = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(kFolder)) {
-        const std::string good = *contents(entry.path());
+    // In one order everywhere.
+    std::set<std::filesystem::path> paths;
+    for (const auto& entry : std::filesystem::directory_iterator(kFolder))
+        paths.insert(entry.path());
+    for (const std::filesystem::path& path : paths) {
+        const std::string good = *contents(path);
         // A process is started for each of these.
-        const bool slow = entry.path().extension() == ".h5" || entry.path().extension() == ".emd";
+        const bool slow = path.extension() == ".h5" || path.extension() == ".emd";
         for (int round = 0; round < (slow ? 8 : 150); ++round, ++rounds) {
             std::string bytes = good;
             const auto place = [&] {
@@ -190,11 +238,11 @@ TEST(Readers, DamagedFilesAreReadOrRefused) {
             if (random.index(6) == 0) bytes.resize(place());
             try {
                 const auto memory = std::make_shared<const std::string>(std::move(bytes));
-                const std::unique_ptr<FrameFile> file = FrameFile::open(FrameSource(entry.path(), memory));
+                const std::unique_ptr<FrameFile> file = FrameFile::open(FrameSource(path, memory));
                 for (int frame = 0; frame < std::min(5, file->count()); ++frame)
                     file->read(frame);
             } catch (const vrk::Failure& failure) {
-                EXPECT_NE(std::string(failure.what()).find(entry.path().string()), std::string::npos);
+                EXPECT_NE(std::string(failure.what()).find(path.string()), std::string::npos);
                 ++refused;
             }
         }

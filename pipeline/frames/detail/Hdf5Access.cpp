@@ -5,6 +5,8 @@
 #include <cmath>
 #include <functional>
 
+#include "pipeline/base/NumberText.h"
+
 namespace vrk::detail {
 namespace {
 
@@ -338,13 +340,17 @@ std::string obstacleIn(const Hdf5Id& dataset) {
     const Hdf5Id created(H5Dget_create_plist(dataset.get()));
     const Hdf5Id type(H5Dget_type(dataset.get()));
     if (H5Pget_layout(created.get()) == H5D_CHUNKED) {
-        constexpr double most = 2e9;
         std::array<hsize_t, H5S_MAX_RANK> sizes{};
         const int rank = H5Pget_chunk(created.get(), H5S_MAX_RANK, sizes.data());
         auto bytes = static_cast<double>(H5Tget_size(type.get()));
         for (int i = 0; i < rank; ++i)
             bytes *= static_cast<double>(sizes[static_cast<std::size_t>(i)]);
-        if (bytes > most) return "its pixels lie in pieces of more than 2 GB; the file is damaged";
+        constexpr double most = 2e9;
+        const double stored = static_cast<double>(H5Dget_storage_size(dataset.get()));
+        if (bytes > most || bytes > static_cast<double>(mostUnpacked(static_cast<std::uint64_t>(stored))))
+            return formatted(
+                "its pixels lie in pieces of %.0f MB, of which the file holds %.3f MB; it is damaged",
+                bytes / 1e6, stored / 1e6);
     }
     for (unsigned i = 0; i < static_cast<unsigned>(std::max(0, H5Pget_nfilters(created.get()))); ++i) {
         unsigned flags = 0;

@@ -4,12 +4,14 @@
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cmath>
 #include <csignal>
 #include <cstdint>
 #include <fstream>
@@ -47,50 +49,49 @@ bool receiveBytes(int socket, char* bytes, std::size_t count, int patience) {
     return true;
 }
 
-bool sendMessage(int socket, const std::string& message) {
+bool sendMessage(int socket, std::span<const char> message) {
     const std::uint64_t length = message.size();
     return sendBytes(socket, reinterpret_cast<const char*>(&length), sizeof length) &&
            sendBytes(socket, message.data(), message.size());
 }
 
-std::optional<std::string> receiveMessage(int socket, int patience) {
-    constexpr std::uint64_t longest = std::uint64_t{1} << 32;
+/// The length of the message that follows.
+std::optional<std::uint64_t> receiveLength(int socket, int patience) {
     std::uint64_t length = 0;
-    if (!receiveBytes(socket, reinterpret_cast<char*>(&length), sizeof length, patience) || length > longest)
-        return std::nullopt;
+    if (!receiveBytes(socket, reinterpret_cast<char*>(&length), sizeof length, patience)) return std::nullopt;
+    return length;
+}
+
+std::optional<std::string> receiveMessage(int socket, int patience, std::size_t most) {
+    const std::optional<std::uint64_t> announced = receiveLength(socket, patience);
+    if (!announced || *announced > most) return std::nullopt;
+    const std::size_t length = *announced;
     std::string message(length, '\0');
     if (!receiveBytes(socket, message.data(), message.size(), patience)) return std::nullopt;
     return message;
 }
 
-/// Some gigabytes more than the process has already.
-void limitMemory() {
-#ifndef __SANITIZE_ADDRESS__  // its shadow takes terabytes
-    constexpr rlim_t more = rlim_t{6} << 30;
-    rlim_t pages = 0;
-    std::ifstream("/proc/self/statm") >> pages;
-    const rlim_t bytes = pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + more;
-    rlimit limit{};
-    if (pages == 0 || getrlimit(RLIMIT_AS, &limit) != 0) return;
-    limit.rlim_cur = std::min(limit.rlim_max, bytes);
-    setrlimit(RLIMIT_AS, &limit);
-#endif
-}
-
 [[noreturn]] void serve(int socket, const SeparateProcess::Answer& answer) {
     // Ctrl-C is the parent's affair, which then ends this process.
     std::signal(SIGINT, SIG_IGN);
-    for (const int fault : {SIGSEGV, SIGBUS, SIGABRT, SIGFPE, SIGILL, SIGXCPU})
+    for (const int fault : {SIGSEGV, SIGBUS, SIGABRT, SIGFPE, SIGILL, SIGPROF})
         std::signal(fault, SIG_DFL);
     const rlimit noCore{0, 0};
     setrlimit(RLIMIT_CORE, &noCore);
     const int nothing = open("/dev/null", O_RDWR);
     dup2(nothing, STDOUT_FILENO);
     dup2(nothing, STDERR_FILENO);
-    limitMemory();
+    constexpr std::size_t longestRequest = 1 << 16;
+    bool isHeard = true;
+    const SeparateProcess::Reply reply = [&](std::span<const char> bytes) {
+        isHeard = sendMessage(socket, bytes);
+    };
     try {
-        while (const std::optional<std::string> request = receiveMessage(socket, kForever))
-            if (!sendMessage(socket, answer(*request))) break;
+        while (isHeard) {
+            const std::optional<std::string> request = receiveMessage(socket, kForever, longestRequest);
+            if (!request) break;
+            answer(*request, reply);
+        }
     } catch (...) {
         _exit(1);
     }
@@ -116,20 +117,50 @@ SeparateProcess::~SeparateProcess() {
     end();
 }
 
-std::optional<std::string> SeparateProcess::ask(const std::string& request) {
+template <typename Receive>
+bool SeparateProcess::askAnd(const std::string& request, const Receive& receive) {
+    const bool good = m_socket >= 0 && sendMessage(m_socket, request) && receive();
+    if (!good) end();
+    return good;
+}
+
+std::optional<std::string> SeparateProcess::ask(const std::string& request, std::size_t most) {
     std::optional<std::string> answer;
-    if (m_socket >= 0 && sendMessage(m_socket, request)) answer = receiveMessage(m_socket, kPatience);
-    if (!answer) end();
+    askAnd(request, [&] {
+        answer = receiveMessage(m_socket, kPatience, most);
+        return answer.has_value();
+    });
     return answer;
 }
 
-void SeparateProcess::allowSeconds(int seconds) {
-    rusage used{};
+bool SeparateProcess::ask(const std::string& request, std::span<char> answer) {
+    return askAnd(request, [&] {
+        return receiveLength(m_socket, kPatience) == answer.size() &&
+               receiveBytes(m_socket, answer.data(), answer.size(), kPatience);
+    });
+}
+
+void SeparateProcess::allowSeconds(double seconds) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    seconds *= 10.0;
+#endif
+    itimerval time{};
+    time.it_value.tv_sec = static_cast<time_t>(seconds);
+    time.it_value.tv_usec = static_cast<suseconds_t>((seconds - std::floor(seconds)) * 1e6);
+    setitimer(ITIMER_PROF, &time, nullptr);
+}
+
+void SeparateProcess::allowMemory(std::uint64_t bytes) {
+#ifdef __SANITIZE_ADDRESS__  // its shadow takes terabytes
+    static_cast<void>(bytes);
+#else
+    rlim_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
     rlimit limit{};
-    if (getrusage(RUSAGE_SELF, &used) != 0 || getrlimit(RLIMIT_CPU, &limit) != 0) return;
-    const auto sum = used.ru_utime.tv_sec + used.ru_stime.tv_sec + 1 + seconds;
-    limit.rlim_cur = std::min(limit.rlim_max, static_cast<rlim_t>(sum));
-    setrlimit(RLIMIT_CPU, &limit);
+    if (pages == 0 || getrlimit(RLIMIT_AS, &limit) != 0) return;
+    limit.rlim_cur = std::min(limit.rlim_max, pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + bytes);
+    setrlimit(RLIMIT_AS, &limit);
+#endif
 }
 
 void SeparateProcess::end() {

@@ -4,8 +4,10 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <functional>
 #include <optional>
+#include <span>
 #include <string>
 
 namespace vrk::detail {
@@ -14,22 +16,31 @@ namespace vrk::detail {
 /// hang, memory without bound, ends the child alone.
 class SeparateProcess {
 public:
-    using Answer = std::function<std::string(const std::string& request)>;
+    /// Sends the answer.
+    using Reply = std::function<void(std::span<const char> bytes)>;
+    using Answer = std::function<void(const std::string& request, const Reply& reply)>;
 
-    /// \param answer  called in the child only
+    /// \param answer  called in the child only; replies once
     explicit SeparateProcess(const Answer& answer);
     ~SeparateProcess();
     SeparateProcess(const SeparateProcess&) = delete;
     SeparateProcess& operator=(const SeparateProcess&) = delete;
 
-    /// For the child: ends it when it takes more time of the processor than this from now on. Waiting for
-    /// disks does not count.
-    static void allowSeconds(int seconds);
+    /// For the child: ends it when it takes more time of the processor than this from now on, ten times as
+    /// much in a build with a sanitizer. Waiting for disks does not count.
+    static void allowSeconds(double seconds);
+    /// For the child: refuses it memory beyond this and what it has.
+    static void allowMemory(std::uint64_t bytes);
 
-    /// Empty when the child has died, or has said nothing for two minutes; it is dead then.
-    std::optional<std::string> ask(const std::string& request);
+    /// Empty when the child has died, has said nothing for two minutes or has more to say than \p most bytes;
+    /// it is dead then.
+    std::optional<std::string> ask(const std::string& request, std::size_t most);
+    /// The same for an answer of known length.
+    bool ask(const std::string& request, std::span<char> answer);
 
 private:
+    template <typename Receive>
+    bool askAnd(const std::string& request, const Receive& receive);
     void end();
 
     pid_t m_child = -1;

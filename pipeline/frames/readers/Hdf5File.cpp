@@ -1,11 +1,12 @@
 /// \file
 /// Frames in HDF5 files: NeXus masters, EMD, plain arrays.
+#include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "pipeline/base/MemoryLimit.h"
 #include "pipeline/frames/FrameFormat.h"
 #include "pipeline/frames/detail/Hdf5Contents.h"
 #include "pipeline/frames/detail/SeparateProcess.h"
@@ -20,16 +21,25 @@ using detail::Hdf5Id;
 /// make it loop.
 class Hdf5Server {
 public:
-    explicit Hdf5Server(const FrameSource& source) : m_source(source) {
+    /// \param bytes  of the file, and of those that hold its frames when they are known already
+    Hdf5Server(const FrameSource& source, std::uint64_t bytes) : m_source(source), m_bytes(bytes) {
         H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
+        // A small file costs little, whatever is in it: tables of frames and masks unpack to some times its
+        // size.
+        constexpr std::uint64_t kLeast = std::uint64_t{192} << 20, kMost = std::uint64_t{6} << 30;
+        constexpr std::uint64_t kTimes = 4096;
+        detail::SeparateProcess::allowMemory(std::min(
+            {kMost, kLeast + kTimes * std::min(bytes, kMost / kTimes), std::max(kLeast, memoryLeft())}));
     }
 
     /// "contents", or "frame STACK AXIS SLICE SIZE" once that was asked.
-    std::string answer(const std::string& request) {
-        constexpr int kSecondsToLookThrough = 10, kSecondsAFrame = 30;
-        detail::SeparateProcess::allowSeconds(request == "contents" ? kSecondsToLookThrough : kSecondsAFrame);
-        if (!m_file) m_file = detail::openHdf5(m_source);
-        if (request == "contents") return describe();
+    void answer(const std::string& request, const detail::SeparateProcess::Reply& reply) {
+        if (request == "contents") {
+            detail::SeparateProcess::allowSeconds(secondsFor(m_bytes));
+            m_file = detail::openHdf5(m_source);
+            return reply(describe());
+        }
+        detail::SeparateProcess::allowSeconds(secondsFor(m_bytes + bytesIn(m_contents.parts)));
         std::istringstream words(request);
         std::string word;
         std::size_t stack = 0;
@@ -37,10 +47,17 @@ public:
         long long slice = 0;
         std::size_t size = 0;
         words >> word >> stack >> axis >> slice >> size;
-        return frame(stack, axis, slice, size);
+        const std::vector<float> pixels = frame(stack, axis, slice, size);
+        reply({reinterpret_cast<const char*>(pixels.data()), pixels.size() * sizeof(float)});
     }
 
 private:
+    /// Enough for any file of this size, however slow the machine.
+    static double secondsFor(std::uint64_t bytes) {
+        constexpr double kLeast = 0.9, kMost = 30.0, kBytesASecond = 1 << 16;
+        return std::min(kLeast + static_cast<double>(bytes) / kBytesASecond, kMost);
+    }
+
     std::string describe() {
         if (!m_file) return "";
         m_contents = detail::contentsOf(m_file, m_source);
@@ -67,18 +84,16 @@ private:
         return {bytes.begin(), bytes.end()};
     }
 
-    /// The frame's floats, none when they cannot be read.
-    std::string frame(std::size_t stack, int axis, long long slice, std::size_t size) {
+    /// None when they cannot be read.
+    std::vector<float> frame(std::size_t stack, int axis, long long slice, std::size_t size) {
         // The array stays open, so that pieces of the file that hold several frames are unpacked once.
         if (!m_array || m_openStack != stack)
             m_array = detail::arrayAt(m_file.get(), m_contents.stacks.at(stack).path);
         m_openStack = stack;
         std::vector<float> pixels(size);
-        if (!m_array || !detail::readSlice(m_array, axis, slice, pixels)) return "";
+        if (!m_array || !detail::readSlice(m_array, axis, slice, pixels)) return {};
         markDead(pixels);
-        std::string bytes(size * sizeof(float), '\0');
-        std::memcpy(bytes.data(), pixels.data(), bytes.size());
-        return bytes;
+        return pixels;
     }
 
     void markDead(std::vector<float>& pixels) const {
@@ -95,6 +110,7 @@ private:
     }
 
     FrameSource m_source;
+    std::uint64_t m_bytes;
     Hdf5Id m_file;
     Hdf5Contents m_contents;
     Hdf5Id m_array;
@@ -125,11 +141,15 @@ const FrameFormat::Registration kHdf5({"HDF5", recognise, FrameFormat::openAs<Hd
 
 nlohmann::json Hdf5File::start() const {
     const auto server = std::make_shared<std::unique_ptr<Hdf5Server>>();
-    m_process = std::make_unique<detail::SeparateProcess>([this, server](const std::string& request) {
-        if (!*server) *server = std::make_unique<Hdf5Server>(source());
-        return (*server)->answer(request);
-    });
-    const std::optional<std::string> answer = m_process->ask("contents");
+    // What is packed is unpacked here, once for both processes.
+    const std::uint64_t bytes = source().open()->size() + bytesIn(m_parts);
+    m_process = std::make_unique<detail::SeparateProcess>(
+        [this, bytes, server](const std::string& request, const detail::SeparateProcess::Reply& reply) {
+            if (!*server) *server = std::make_unique<Hdf5Server>(source(), bytes);
+            (*server)->answer(request, reply);
+        });
+    constexpr std::size_t kLongest = std::size_t{1} << 27;
+    const std::optional<std::string> answer = m_process->ask("contents", kLongest);
     nlohmann::json contents = nlohmann::json::from_cbor(answer.value_or(""), true, false);
     if (!contents.is_object()) refuse("the HDF5 file is damaged or truncated");
     return contents;
@@ -169,11 +189,12 @@ Frame Hdf5File::readFrame(int frame) const {
     result.pixels.resize(static_cast<std::size_t>(info.width) * static_cast<std::size_t>(info.height));
     std::ostringstream request;
     request << "frame " << stack << ' ' << m_stacks[stack][0] << ' ' << slice << ' ' << result.pixels.size();
-    const std::optional<std::string> bytes = m_process->ask(request.str());
-    if (!bytes) m_process.reset();
-    if (!bytes || bytes->size() != result.pixels.size() * sizeof(float))
+    const std::span pixels(reinterpret_cast<char*>(result.pixels.data()),
+                           result.pixels.size() * sizeof(float));
+    if (!m_process->ask(request.str(), pixels)) {
+        m_process.reset();
         refuse("frame " + std::to_string(frame + 1) + " cannot be read; the file is damaged or truncated");
-    std::memcpy(result.pixels.data(), bytes->data(), bytes->size());
+    }
     if (count() == 1) m_process.reset();
     return result;
 }

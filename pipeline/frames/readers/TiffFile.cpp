@@ -7,7 +7,6 @@
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
-#include <cstring>
 
 #include "pipeline/frames/FrameFormat.h"
 #include "pipeline/frames/PixelDecoder.h"
@@ -22,8 +21,9 @@ public:
         TIFFOpenOptions* options = TIFFOpenOptionsAlloc();
         TIFFOpenOptionsSetErrorHandlerExtR(options, keepComplaint, this);
         TIFFOpenOptionsSetWarningHandlerExtR(options, ignore, nullptr);
-        constexpr tmsize_t oneFrame = tmsize_t{1} << 31;
-        TIFFOpenOptionsSetMaxSingleMemAlloc(options, oneFrame);
+        constexpr std::uint64_t oneFrame = std::uint64_t{1} << 31;
+        TIFFOpenOptionsSetMaxSingleMemAlloc(
+            options, static_cast<tmsize_t>(std::min(oneFrame, mostUnpacked(fileSize()))));
         // Mapping is off (m): the file may shrink under us.
         m_tiff = TIFFClientOpenExt("", "rm", this, read, write, seek, close, size, nullptr, nullptr, options);
         TIFFOpenOptionsFree(options);
@@ -134,9 +134,9 @@ public:
 
 private:
     Frame readFrame(int frame) const override;
-    std::vector<char> readPixels(OpenTiff& tiff, const Layout& layout) const;
-    void readRows(OpenTiff& tiff, const Layout& layout, std::vector<char>& pixels) const;
-    void readTiles(OpenTiff& tiff, const Layout& layout, std::vector<char>& pixels) const;
+    std::vector<float> readPixels(OpenTiff& tiff, const Layout& layout, PixelType type) const;
+    void readRows(OpenTiff& tiff, const Layout& layout, PixelType type, std::vector<float>& pixels) const;
+    void readTiles(OpenTiff& tiff, const Layout& layout, PixelType type, std::vector<float>& pixels) const;
     [[noreturn]] void refusePixels(const OpenTiff& tiff) const;
     [[noreturn]] void refusePage(std::size_t page, const std::string& reason) const {
         refuse("page " + std::to_string(page) + " of the TIFF " + reason);
@@ -144,6 +144,9 @@ private:
 
     std::vector<toff_t> m_directories;
 };
+
+// libtiff has brought the pixels into the byte order of this machine.
+constexpr bool kBigEndianHost = std::endian::native == std::endian::big;
 
 constexpr const char* kDoNotFit = "its strips or tiles do not fit its pages; the TIFF is damaged";
 
@@ -186,16 +189,14 @@ TiffFile::TiffFile(FrameSource source) : FrameFile(std::move(source)) {
                    " pages of the TIFF can be read; the rest is damaged or truncated" + tiff.complaint();
 }
 
-/// The bytes of a page, by rows. Memory is taken as the pixels come: a packed page may announce any size.
-std::vector<char> TiffFile::readPixels(OpenTiff& tiff, const Layout& layout) const {
-    constexpr std::size_t usual = std::size_t{64} << 20;
-    const std::size_t rowBytes = layout.width * layout.bits / 8UL;
-    std::vector<char> pixels;
-    pixels.reserve(std::min(usual, rowBytes * layout.height));
+/// The pixels of a page, by rows. Memory is touched as the pixels come: a packed page may announce any size.
+std::vector<float> TiffFile::readPixels(OpenTiff& tiff, const Layout& layout, PixelType type) const {
+    std::vector<float> pixels;
+    pixels.reserve(std::size_t{layout.width} * layout.height);
     if (TIFFIsTiled(tiff.get()))
-        readTiles(tiff, layout, pixels);
+        readTiles(tiff, layout, type, pixels);
     else
-        readRows(tiff, layout, pixels);
+        readRows(tiff, layout, type, pixels);
     return pixels;
 }
 
@@ -203,17 +204,20 @@ void TiffFile::refusePixels(const OpenTiff& tiff) const {
     refuse("the pixels of a page cannot be read; the TIFF is damaged or truncated" + tiff.complaint());
 }
 
-void TiffFile::readRows(OpenTiff& tiff, const Layout& layout, std::vector<char>& pixels) const {
-    const std::size_t rowBytes = layout.width * layout.bits / 8UL;
-    if (TIFFScanlineSize(tiff.get()) != static_cast<tmsize_t>(rowBytes)) refuse(kDoNotFit);
+void TiffFile::readRows(OpenTiff& tiff, const Layout& layout, PixelType type,
+                        std::vector<float>& pixels) const {
+    std::vector<char> row(layout.width * bytesOf(type));
+    if (TIFFScanlineSize(tiff.get()) != static_cast<tmsize_t>(row.size())) refuse(kDoNotFit);
     for (std::uint32_t y = 0; y < layout.height; ++y) {
-        pixels.resize(pixels.size() + rowBytes);
-        if (TIFFReadScanline(tiff.get(), pixels.data() + y * rowBytes, y, 0) < 0) refusePixels(tiff);
+        if (TIFFReadScanline(tiff.get(), row.data(), y, 0) < 0) refusePixels(tiff);
+        pixels.resize(pixels.size() + layout.width);
+        decodePixels(row, type, kBigEndianHost, std::span(pixels).last(layout.width));
     }
 }
 
 /// Copies what the tiles have in common with the page; they may stick out of it.
-void TiffFile::readTiles(OpenTiff& tiff, const Layout& layout, std::vector<char>& pixels) const {
+void TiffFile::readTiles(OpenTiff& tiff, const Layout& layout, PixelType type,
+                         std::vector<float>& pixels) const {
     TIFF* const file = tiff.get();
     std::uint32_t tileWidth = 0;
     std::uint32_t tileHeight = 0;
@@ -226,16 +230,16 @@ void TiffFile::readTiles(OpenTiff& tiff, const Layout& layout, std::vector<char>
         static_cast<std::uint64_t>(tileBytes) != std::uint64_t{tileWidth} * tileHeight * pixel)
         refuse(kDoNotFit);
     std::vector<char> tile(static_cast<std::size_t>(tileBytes));
-    const std::size_t rowBytes = layout.width * pixel;
     for (std::uint32_t y = 0; y < layout.height; y += tileHeight) {
         const std::uint32_t rows = std::min(tileHeight, layout.height - y);
-        pixels.resize(pixels.size() + rows * rowBytes);
+        pixels.resize(pixels.size() + std::size_t{rows} * layout.width);
         for (std::uint32_t x = 0; x < layout.width; x += tileWidth) {
             if (TIFFReadTile(file, tile.data(), x, y, 0, 0) < tileBytes) refusePixels(tiff);
-            const std::size_t bytes = std::min(tileWidth, layout.width - x) * pixel;
+            const std::size_t columns = std::min(tileWidth, layout.width - x);
             for (std::uint32_t row = 0; row < rows; ++row)
-                std::memcpy(pixels.data() + (std::size_t{y} + row) * rowBytes + x * pixel,
-                            tile.data() + std::size_t{row} * tileWidth * pixel, bytes);
+                decodePixels(std::span(tile).subspan(std::size_t{row} * tileWidth * pixel), type,
+                             kBigEndianHost,
+                             std::span(pixels).subspan((std::size_t{y} + row) * layout.width + x, columns));
         }
     }
 }
@@ -251,10 +255,7 @@ Frame TiffFile::readFrame(int frame) const {
     if (!type || layout.coloured() || static_cast<int>(layout.width) != info.width ||
         static_cast<int>(layout.height) != info.height)
         refusePage(page + 1, "changed while the file was read");
-    const std::vector<char> bytes = readPixels(tiff, layout);
-    // libtiff has brought the pixels into the byte order of this machine.
-    constexpr bool bigEndianHost = std::endian::native == std::endian::big;
-    Frame result{info.width, info.height, decodePixels(bytes, *type, bigEndianHost)};
+    Frame result{info.width, info.height, readPixels(tiff, layout, *type)};
     if (layout.photometric == PHOTOMETRIC_MINISWHITE && layout.format != SAMPLEFORMAT_IEEEFP) {
         const float white = std::ldexp(1.0F, layout.bits) - 1;
         for (float& value : result.pixels)
