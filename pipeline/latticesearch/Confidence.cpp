@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "pipeline/base/NumberText.h"
 #include "pipeline/base/SmallMatrices.h"
 
 namespace vrk {
@@ -26,6 +27,8 @@ constexpr double kMostTiltScale = 0.05;
 
 /// Edges that an instrument leaves this uncertain are those of an ellipse that is there and half known.
 constexpr double kMostTiedUncertainty = 0.004;
+/// Angstrom. Crystals that show nothing finer are no use, a pixel size ten times off is a common mistake.
+constexpr double kCoarse = 5.0;
 
 /// What one level of confidence asks for.
 struct Demands {
@@ -123,6 +126,11 @@ Verdict verdictOn(const LatticeEvidence& known) {
         verdict.reasons.push_back(
             "a triclinic lattice does not show whether the frames are distorted, and an ellipse of 1.4 %, as "
             "many microscopes have, moves its angles by up to 1.6 degrees; a calibration tells");
+    if (known.finestSpacing > kCoarse)
+        verdict.reasons.push_back(
+            formatted("its reflections end at %.1f Angstrom, as when the pixel size is too "
+                      "small, and with it every edge too long",
+                      known.finestSpacing));
     if (known.instrumentContradicted)
         verdict.reasons.push_back("the reflections contradict the calibration that was given");
     if (known.thinness.value_or(1.0) < kThin)

@@ -43,6 +43,8 @@ struct LatticeEvidence {
     /// Largest standard uncertainty of an edge of the freely refined cell over the edge; nothing when no
     /// lattice was refined.
     std::optional<double> edgeUncertainty;
+    /// Of the indexed reflections, Angstrom; 0 when the pixel size is not known.
+    double finestSpacing = 0.0;
     /// What the refined instrument asks for: strength of the ellipse and scale of the tilts less 1.
     double ellipse = 0.0;
     double tiltScale = 0.0;

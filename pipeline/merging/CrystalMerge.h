@@ -86,8 +86,8 @@ struct CrystalMerge {
 ///
 /// Throws Failure (Usage) when the cells are not one and the options do not allow for it, with the names of
 /// those that differ; (NothingFound) when fewer than two crystals are left. Warnings of the session name the
-/// crystals that are left out, and tell when halves of the crystals correlate by no more than 0.5, or pairs by
-/// no more than 0.4 apart from the fall-off with resolution.
+/// crystals that are left out, and tell when halves of the crystals correlate by no more than 0.5, or pairs
+/// by no more than 0.4 apart from the fall-off with resolution.
 CrystalMerge mergeCrystals(std::span<const CrystalData> crystals, const MergeOptions& options,
                            Session& session);
 

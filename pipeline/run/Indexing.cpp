@@ -179,6 +179,7 @@ Indexed indexRecorded(std::vector<Level> levels, const LatticeChoice& choice, co
     }
     evidence.indexedShare = result.refined.lattice.fraction();
     evidence.completeness = result.completeness;
+    if (recording.pixelSize > 0.0) evidence.finestSpacing = result.resolution;
     const RefinedLattice& free = result.refined.lattice;
     for (std::size_t i = 0; i < 3; ++i)
         evidence.edgeUncertainty =

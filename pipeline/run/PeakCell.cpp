@@ -245,6 +245,11 @@ LatticeEvidence evidenceFor(const LatticeCandidate& candidate, const Points& poi
     LatticeEvidence evidence;
     evidence.score = candidate.score;
     evidence.thinness = thinnessOf(near, lattice.origin);
+    double longest = 0.0;
+    for (const Vector3d& point : near)
+        longest = std::max(longest, (point - lattice.origin).norm());
+    if (lattice.pixelSize > 0.0 && longest > 0.0)
+        evidence.finestSpacing = 1e10 / (longest * lattice.pixelSize);
     Lattice turned = lattice;
     turned.basis = known.toFrame * lattice.basis;
     turned.origin = known.toFrame * lattice.origin;

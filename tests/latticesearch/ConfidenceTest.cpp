@@ -76,6 +76,8 @@ TEST(Confidence, EachDoubtLowersItAndIsNamed) {
         {"assumed", [](LatticeEvidence& e) { e.axisAssumed = true; }, Confidence::Fair},
         {"in part", [](LatticeEvidence& e) { e.tiedUncertainty = 0.006; }, Confidence::Fair},
         {"triclinic", [](LatticeEvidence& e) { e.ellipseUnknown = true; }, Confidence::Fair},
+        {"end at 5.1 Angstrom", [](LatticeEvidence& e) { e.finestSpacing = 5.1; }, Confidence::Fair},
+        {"", [](LatticeEvidence& e) { e.finestSpacing = 4.9; }, Confidence::High},
         {"contradict", [](LatticeEvidence& e) { e.instrumentContradicted = true; }, Confidence::Fair},
         {"narrow a range", [](LatticeEvidence& e) { e.thinness = 0.19; }, Confidence::Fair},
         {"", [](LatticeEvidence& e) { e.thinness = 0.21; }, Confidence::High},
