@@ -159,13 +159,22 @@ double meritOf(const Attempt& attempt) {
     return lattice.indexed * lattice.fraction() * lattice.fraction();
 }
 
+/// Whether an answer is of stronger reflections alone, of which as large a part lies closer to the nodes.
+/// Numbers of reflections at different thresholds cannot be compared.
+bool isCleanerAbove(const Attempt& next, const Attempt& best) {
+    const RefinedLattice& one = next.indexed.refined.lattice;
+    const RefinedLattice& other = best.indexed.refined.lattice;
+    return next.indexed.level.threshold > best.indexed.level.threshold &&
+           one.fraction() >= other.fraction() && one.rms < other.rms;
+}
+
 /// Whether a volume about a refined axis gives the better answer. A wrong axis breaks reflections into
 /// pieces, which count more than once but lie far from their nodes.
 bool isBetter(const Attempt& next, const Attempt& best) {
     constexpr double kMuchWorse = 0.9;
     constexpr double kAboutAsMany = 0.85;
     constexpr double kMuchCloser = 0.7;
-    if (meritOf(next) >= kMuchWorse * meritOf(best)) return true;
+    if (meritOf(next) >= kMuchWorse * meritOf(best) || isCleanerAbove(next, best)) return true;
     return next.indexed.instrument.valid && best.indexed.instrument.valid &&
            meritOf(next) > kAboutAsMany * meritOf(best) &&
            next.indexed.instrument.rmsBefore < kMuchCloser * best.indexed.instrument.rmsBefore;

@@ -25,6 +25,10 @@ constexpr double kSameIndexed = 0.98;
 /// or where they are few what this loss of likelihood, in nats, comes to.
 constexpr double kSameDistance = 1.01;
 constexpr double kSameLikelihood = 10.0;
+/// Reflections that scatter more than this have larger errors in common, by which fits with and without ties
+/// differ as much in either direction: they may be farther by the second share.
+constexpr double kScattered = 0.9;  // voxels
+constexpr double kSameDistanceOfScattered = 1.02;
 
 CellTies tiesOf(const LatticeCharacter& character) {
     return CellTies::of(character.bravaisType, matrixOf(character));
@@ -74,8 +78,9 @@ void takeInstrument(SymmetryChoice& choice, double tolerance) {
 /// Whether reflections lie as close to the nodes with ties as without.
 bool areAsClose(const RefinedLattice& tied, const RefinedLattice& free) {
     const double fewCost = std::exp(kSameLikelihood / (3.0 * std::max(free.indexed, 1)));
+    const double commonCost = free.rms > kScattered ? kSameDistanceOfScattered : kSameDistance;
     return tied.sigma <= kSameSpread * free.sigma + kSmallSpread &&
-           tied.rms <= std::hypot(std::max(kSameDistance, fewCost) * free.rms, kSmallSpread) &&
+           tied.rms <= std::hypot(std::max(commonCost, fewCost) * free.rms, kSmallSpread) &&
            tied.indexed >= kSameIndexed * free.indexed;
 }
 
