@@ -6,7 +6,6 @@
 #include <cmath>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -327,15 +326,17 @@ TEST_F(PrintedTest, RunSaysWhatItsSummarySays) {
 TEST_F(PrintedTest, PlotsShowWhatTheSummarySays) {
     simulate(kSeries);
     expectWhatTheJsonSays(kPlots);
-    const std::regex curve("'([a-z_0-9]+[.]dat)' using 1:([0-9])(?:(?! using ).)*? title '([^']*)'");
     const std::string script = m_folder.read("out/plots/intensities.plt");
+    const std::string use = ".dat' using 1:";
     std::string drawn;
-    for (std::sregex_iterator one(script.begin(), script.end(), curve), end; one != end; ++one) {
-        std::istringstream names(m_folder.read("out/plots/" + (*one)[1].str()));
+    for (std::size_t at = script.find(use); at != std::string::npos; at = script.find(use, at + 1)) {
+        const std::size_t file = script.rfind('\'', at) + 1;
+        std::istringstream names(m_folder.read("out/plots/" + script.substr(file, at + 4 - file)));
         std::string name;
-        for (int i = -1; i < std::stoi((*one)[2]); ++i)
+        for (int i = -1; i < std::stoi(script.substr(at + use.size())); ++i)
             names >> name;
-        drawn += name + ": " + (*one)[3].str() + '\n';
+        const std::size_t title = script.find(" title '", at) + 8;
+        drawn += name + ": " + script.substr(title, script.find('\'', title) - title) + '\n';
     }
     EXPECT_EQ(drawn,
               "completeness: completeness\nredundancy: redundancy\nI/sigma: I/sigma\nCC1/2: CC1/2\n"
