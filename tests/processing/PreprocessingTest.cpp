@@ -413,7 +413,8 @@ TEST(RecordedPixels, BackgroundLeavesTheBorderOut) {
     std::mt19937 random(3);
     std::vector<short> pixels(kSize * kSize);
     for (std::size_t i = 0; i < pixels.size(); ++i) {
-        const double radius = std::hypot(i % kSize - 63.5, i / kSize - 63.5);
+        const double radius =
+            std::hypot(static_cast<double>(i % kSize) - 63.5, static_cast<double>(i / kSize) - 63.5);
         std::poisson_distribution<int> counts(4 + 40 * std::exp(-radius / 30));
         pixels[i] = i % kSize < 25 ? short{0} : static_cast<short>(counts(random));
     }
