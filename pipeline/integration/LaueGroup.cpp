@@ -99,22 +99,26 @@ double slopeOf(const std::vector<const Observation*>& sorted) {
         middle += 1 / (one->spacing * one->spacing) / count;
         mean += one->intensity / count;
     }
-    if (!(mean > 0)) return 0;
+    double spread = 0;
+    for (const Observation* one : sorted) {
+        const double x = 1 / (one->spacing * one->spacing) - middle;
+        spread += x * x;
+    }
+    if (!(mean > 0) || !(spread > 0)) return 0;
+    const double farthest = 1 / std::sqrt(spread / count);
     double level = std::log(mean), slope = 0;
     for (int step = 0; step < kSteps; ++step) {
-        double ofLevel = 0, ofSlope = 0, spread = 0;
+        double ofLevel = 0, ofSlope = 0;
         for (const Observation* one : sorted) {
             const double x = 1 / (one->spacing * one->spacing) - middle;
             const double ratio = one->intensity / std::exp(level + slope * x);
             const double residual = std::min(ratio, kMostNormalised) - 1;
             ofLevel += residual;
             ofSlope += residual * x;
-            spread += x * x;
         }
-        if (!(spread > 0)) return 0;
         // A start far from the end takes large steps that do not overshoot.
         level += std::clamp(ofLevel / count, -1.0, 1.0);
-        slope += std::clamp(ofSlope / spread, -1 / std::sqrt(spread / count), 1 / std::sqrt(spread / count));
+        slope += std::clamp(ofSlope / spread, -farthest, farthest);
     }
     return std::isfinite(slope) ? slope : 0;
 }
