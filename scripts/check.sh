@@ -110,15 +110,15 @@ soak() {
 checks=()
 fuzz_seconds=600
 while [[ $# -gt 0 ]]; do
-  case "$1" in
-    --clang | --coverage | --tidy | --threads | --page | --engines | --fuzz | --faults | --survive | --valgrind | --soak)
-      checks+=("${1#--}")
-      ;;
-    --all) checks=(clang coverage tidy threads page engines fuzz faults survive valgrind soak) ;;
-    -h | --help) usage 0 ;;
+  # With or without the dashes.
+  check=${1#--}
+  case "$check" in
+    clang | coverage | tidy | threads | page | engines | fuzz | faults | survive | valgrind | soak) checks+=("$check") ;;
+    all) checks=(clang coverage tidy threads page engines fuzz faults survive valgrind soak) ;;
+    -h | help) usage 0 ;;
     *) usage 2 >&2 ;;
   esac
-  if [[ "$1" == --fuzz && "${2:-}" =~ ^[0-9]+$ ]]; then
+  if [[ "$check" == fuzz && "${2:-}" =~ ^[0-9]+$ ]]; then
     fuzz_seconds=$2
     shift
   fi

@@ -37,6 +37,8 @@ INPUTS = {
     "peaks.txt": "peaks volume.mrc -o peaks.txt --threshold 30 --zero-beam 8",
     "cell.txt": "cell peaks.txt -o cell.txt",
     "result": "run series.mrc -o result --no-pictures",
+    "other.mrc": SERIES.replace("series.mrc", "other.mrc").replace("-60:60:4", "-58:62:4"),
+    "other": "run other.mrc -o other --no-pictures",
 }
 # What writes, and what it writes; a folder is a result.
 COMMANDS = {
@@ -54,6 +56,8 @@ COMMANDS = {
     "tilt-axis": ("tilt-axis clean.mrc -o axis --range 4 8 1 --preprocessed", []),
     "calibrate": ("calibrate series.mrc -o x.json", ["x.json"]),
     "info": ("info series.mrc --picture x.png", ["x.png"]),
+    "merge": ("merge result other -o out --no-pictures", ["out"]),
+    "batch": ("batch list.txt -o out --plan-only", ["out/batch.json", "out/jobs.txt"]),
 }
 # The dear ones take a part of the accidents.
 SHARE = {"run with pictures": 0.2, "sections": 0.3, "tilt-axis": 0.3, "calibrate": 0.5}
@@ -76,6 +80,7 @@ class Bench:
         self.vrk, self.library, self.folder, self.exact = vrk, library, folder, exact
         if exact:
             os.sched_setaffinity(0, {min(os.sched_getaffinity(0))})
+        (folder / "list.txt").write_text("series.mrc\n")
         self.provide("series.mrc " + " ".join(COMMANDS[name][0] for name in commands))
         self.inputs = {entry.name: digest(entry) for entry in folder.iterdir() if entry.is_file()}
         self.whole, self.seconds, self.calls = {}, {}, {}
@@ -155,7 +160,7 @@ class Bench:
 
     def clear(self):
         for entry in self.folder.iterdir():
-            if entry.is_dir() and entry.name != "result":
+            if entry.is_dir() and entry.name not in INPUTS:
                 shutil.rmtree(entry)
             elif entry.is_file() and entry.name not in getattr(self, "inputs", {}):
                 entry.unlink()
