@@ -41,6 +41,23 @@ if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
   set(CMAKE_BUILD_TYPE Release CACHE STRING "Build type" FORCE)
 endif()
 
+# Where CMAKE_UNITY_BUILD is on, the sources of a folder are compiled as one: what they include is read, and its templates
+# are made, once a folder. Names in unnamed namespaces are therefore a folder's, not a source's.
+function(vrk_compile_folders_as_one target)
+  set_target_properties(${target} PROPERTIES UNITY_BUILD_MODE GROUP)
+  get_target_property(_sources ${target} SOURCES)
+  get_target_property(_root ${target} SOURCE_DIR)
+  foreach(_source IN LISTS _sources)
+    if(_source MATCHES "\\.cpp$")
+      file(REAL_PATH "${_source}" _path BASE_DIRECTORY "${_root}")
+      get_filename_component(_folder "${_path}" DIRECTORY)
+      file(RELATIVE_PATH _folder "${PROJECT_SOURCE_DIR}" "${_folder}")
+      string(MAKE_C_IDENTIFIER "${_folder}" _group)
+      set_source_files_properties("${_source}" TARGET_DIRECTORY ${target} PROPERTIES UNITY_GROUP "${_group}")
+    endif()
+  endforeach()
+endfunction()
+
 # What nearly every source includes, compiled once a target instead of once a source. Sources include what they
 # use all the same; scripts/tidy.sh reads them without (CMAKE_DISABLE_PRECOMPILE_HEADERS).
 set(VRKCORE_COMMON_HEADERS

@@ -27,7 +27,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct Options {
+struct BatchArguments {
     fs::path input;
     std::vector<std::string> seriesOptions;
     fs::path folder;
@@ -134,7 +134,7 @@ void printPlan(const std::vector<JobState>& states, bool again, Host& host) {
 
 class Batch {
 public:
-    Batch(const Options& options, Host& host)
+    Batch(const BatchArguments& options, Host& host)
         : m_options(options), m_host(host), m_folder(fs::absolute(options.folder).lexically_normal()) {}
 
     void work() {
@@ -305,12 +305,12 @@ private:
         throw Failure(text + "\nThe same command tries these again, with the options that it is given then.");
     }
 
-    const Options& m_options;
+    const BatchArguments& m_options;
     Host& m_host;
     BatchFolder m_folder;
 };
 
-void runBatch(Options options, Host& host) {
+void runBatch(BatchArguments options, Host& host) {
     if (options.collectOnly && options.folder.empty()) options.folder.swap(options.input);
     if (options.folder.empty())
         throw Failure("batch needs -o FOLDER, where the results go", FailureKind::Usage);
@@ -322,7 +322,7 @@ void runBatch(Options options, Host& host) {
 
 void addBatchCommand(CommandLine& line, Host& host,
                      const std::function<int(const std::vector<std::string>&)>& program) {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<BatchArguments>();
     options->program = program;
     Command command = line.command("batch", "Run many series, here or on a cluster, and show what they gave");
     command

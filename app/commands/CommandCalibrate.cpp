@@ -21,7 +21,7 @@
 namespace vrk::app {
 namespace {
 
-struct Options {
+struct CalibrateArguments {
     std::vector<std::string> series;
     std::filesystem::path output;
     std::string cell;
@@ -44,7 +44,7 @@ std::optional<std::array<double, 6>> knownCell(const std::string& text) {
 }
 
 /// Throws Failure when nothing is found, or nothing that can be relied on.
-CalibrationInput inputOf(const std::string& name, const Options& options, Host& host) {
+CalibrationInput inputOf(const std::string& name, const CalibrateArguments& options, Host& host) {
     if (std::filesystem::is_directory(name)) return readRunFolder(name);
     RunOptions choices = options.run;
     setAxis(choices.axis, options.tiltAxis);
@@ -57,7 +57,7 @@ CalibrationInput inputOf(const std::string& name, const Options& options, Host& 
 }
 
 /// Of every series that can be used; the others are told. Throws Failure where there is none.
-std::vector<SeriesCalibration> calibrations(const Options& options, Host& host) {
+std::vector<SeriesCalibration> calibrations(const CalibrateArguments& options, Host& host) {
     const std::optional<std::array<double, 6>> cell = knownCell(options.cell);
     std::vector<SeriesCalibration> results;
     for (const std::string& name : options.series) {
@@ -75,7 +75,7 @@ std::vector<SeriesCalibration> calibrations(const Options& options, Host& host) 
 }
 
 void print(Host& host, const std::vector<SeriesCalibration>& series, const CombinedCalibration& result,
-           const Options& options) {
+           const CalibrateArguments& options) {
     std::ostream& out = host.out();
     for (const SeriesCalibration& one : series) {
         const RefinedLattice& lattice = one.instrument.lattice;
@@ -115,7 +115,7 @@ void printJson(Host& host, const std::vector<SeriesCalibration>& series, const C
     host.out() << json.dump(2) << '\n';
 }
 
-void calibrateSeries(const Options& options, Host& host) {
+void calibrateSeries(const CalibrateArguments& options, Host& host) {
     host.openLog(options.log);
     const std::vector<SeriesCalibration> series = calibrations(options, host);
     const CombinedCalibration result = combined(series);
@@ -133,7 +133,7 @@ void calibrateSeries(const Options& options, Host& host) {
 }  // namespace
 
 void addCalibrateCommand(CommandLine& line, Host& host) {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<CalibrateArguments>();
     Command command = line.command(
         "calibrate", "Find distortion, tilt axis, tilt and length scale of the instrument, for --distortion");
     command

@@ -28,7 +28,7 @@ namespace {
 using Eigen::Vector3d;
 using Json = nlohmann::ordered_json;
 
-struct Options {
+struct CellArguments {
     std::string peaks;
     std::string output;
     LogOptions log;
@@ -91,7 +91,7 @@ Json toJson(const FurtherPeakCell& other, bool hasScale) {
 }
 
 /// The options that lead to the same answer; empty when no one set of them does.
-std::string reproducingOptions(const Options& options, const PeakCell& result) {
+std::string reproducingOptions(const CellArguments& options, const PeakCell& result) {
     if (!result.isReproducible) return "";
     const CellOptions& given = options.search.cell;
     std::string text =
@@ -127,7 +127,7 @@ const RefinedInstrument* refinedEllipse(const PeakCell& result) {
     return isRefined ? &result.indexed->instrument : nullptr;
 }
 
-Json toJson(const Options& options, const PeakCell& result) {
+Json toJson(const CellArguments& options, const PeakCell& result) {
     Json json = {{"peaks", options.peaks}, {"cell_file", options.output}, {"cell", nullptr}};
     if (result.hasScale()) {
         const std::unique_ptr<UnitCell> direct(result.reciprocal.getReciprocalCell());
@@ -173,7 +173,7 @@ Json toJson(const Options& options, const PeakCell& result) {
     return json;
 }
 
-std::string cellText(const CellParameters& p, const char* edge) {
+std::string columnsOf(const CellParameters& p, const char* edge) {
     std::string text;
     for (const double length : {p.a, p.b, p.c})
         text += formatted(edge, length);
@@ -181,8 +181,8 @@ std::string cellText(const CellParameters& p, const char* edge) {
 }
 
 void report(std::ostream& out, const FurtherPeakCell& other, std::size_t number, bool hasScale) {
-    const std::string cell = hasScale ? cellText(directCell(other.reciprocal), " %9.4f")
-                                      : cellText(parametersOf(other.reciprocal), " %9.4f");
+    const std::string cell = hasScale ? columnsOf(directCell(other.reciprocal), " %9.4f")
+                                      : columnsOf(parametersOf(other.reciprocal), " %9.4f");
     out << formatted("%-19s", ("crystal " + std::to_string(number) + (hasScale ? ", A" : ", voxels")).c_str())
         << cell << '\n'
         << formatted("                    %.1f %% of the reflections, %s, confidence %s", 100.0 * other.share,
@@ -190,19 +190,19 @@ void report(std::ostream& out, const FurtherPeakCell& other, std::size_t number,
         << (other.turn ? formatted(", turned by %.1f degrees", *other.turn) : "") << '\n';
 }
 
-void report(std::ostream& out, const Options& options, const PeakCell& result) {
+void report(std::ostream& out, const CellArguments& options, const PeakCell& result) {
     out << "                          a         b         c     alpha     beta    gamma      volume\n";
     if (result.hasScale()) {
         const std::unique_ptr<UnitCell> direct(result.reciprocal.getReciprocalCell());
-        out << "reduced cell, A    " << cellText(parametersOf(*direct), " %9.4f")
+        out << "reduced cell, A    " << columnsOf(parametersOf(*direct), " %9.4f")
             << formatted(" %11.2f\n", direct->getExactVolume());
         if (result.symmetry.number > 0 && result.symmetry.bravaisType != LATTICE::aP)
             out << formatted("%-19s", (std::string("lattice ") +
                                        LATTICE::shortName(result.symmetry.bravaisType) + ", A")
                                           .c_str())
-                << cellText(result.symmetry.measured, " %9.4f") << '\n';
+                << columnsOf(result.symmetry.measured, " %9.4f") << '\n';
     }
-    out << "reciprocal, voxels " << cellText(parametersOf(result.reciprocal), " %9.4f")
+    out << "reciprocal, voxels " << columnsOf(parametersOf(result.reciprocal), " %9.4f")
         << formatted(" %11.2f\n", result.reciprocal.getExactVolume());
     const LatticeScore& score = result.answer.score;
     const Verdict& verdict = result.verdict;
@@ -234,7 +234,7 @@ void report(std::ostream& out, const Options& options, const PeakCell& result) {
 }
 
 /// Refuses names for results that are the reflections' or each other's.
-void checkNames(const Options& options) {
+void checkNames(const CellArguments& options) {
     const auto same = [](const std::string& a, const std::string& b) {
         std::error_code error;
         return !a.empty() && !b.empty() &&
@@ -251,7 +251,7 @@ void checkNames(const Options& options) {
                           FailureKind::Usage);
 }
 
-void run(const Options& options, Host& host) {
+void runCellCommand(const CellArguments& options, Host& host) {
     host.openLog(options.log);
     checkNames(options);
     PeakCellOptions search = options.search;
@@ -276,7 +276,7 @@ void run(const Options& options, Host& host) {
 }  // namespace
 
 void addCellCommand(CommandLine& line, Host& host) {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<CellArguments>();
     Command command = line.command("cell", "Find the cell of a list of reflections");
     command
         .option("peaks", options->peaks, "Peak file, or a list of x y z [intensity] in voxels about 0, 0, 0")
@@ -320,7 +320,7 @@ void addCellCommand(CommandLine& line, Host& host) {
         "printed lead to the same cell when they are given.\n\n"
         "Example:\n"
         "  vrk cell peaks.txt -o cell.txt");
-    command.action([options, &host] { run(*options, host); });
+    command.action([options, &host] { runCellCommand(*options, host); });
 }
 
 }  // namespace vrk::app

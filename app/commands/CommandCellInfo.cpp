@@ -18,7 +18,7 @@
 namespace vrk::app {
 namespace {
 
-struct Options {
+struct CellInfoArguments {
     std::vector<std::string> cell;
     std::string centring = "P";
     double pixelSize = 0.0;
@@ -39,7 +39,7 @@ struct CellReport {
     std::vector<LatticeCharacter> lattices;
 };
 
-CellInput readCell(const Options& options) {
+CellInput readCell(const CellInfoArguments& options) {
     if (options.centring.size() != 1)
         throw Failure("there is no centring " + options.centring + "; use P, A, B, C, I, F or R",
                       FailureKind::Usage);
@@ -86,50 +86,50 @@ CellReport examine(const CellInput& input, const LatticeTolerances& tolerances) 
     return report;
 }
 
-nlohmann::json toJson(const CellParameters& p) {
+nlohmann::json reportJson(const CellParameters& p) {
     return {{"a", p.a}, {"b", p.b}, {"c", p.c}, {"alpha", p.alpha}, {"beta", p.beta}, {"gamma", p.gamma}};
 }
 
-CellParameters parametersOf(const UnitCell& cell) {
+CellParameters edgesAndAngles(const UnitCell& cell) {
     return {cell.getLengthOfA(), cell.getLengthOfB(), cell.getLengthOfC(),
             cell.getAlpha(),     cell.getBeta(),      cell.getGamma()};
 }
 
 template <typename Number>
-nlohmann::json toJson(const Number (&m)[3][3]) {
+nlohmann::json reportJson(const Number (&m)[3][3]) {
     return {{m[0][0], m[0][1], m[0][2]}, {m[1][0], m[1][1], m[1][2]}, {m[2][0], m[2][1], m[2][2]}};
 }
 
-nlohmann::json toJson(const LatticeCharacter& lattice) {
+nlohmann::json reportJson(const LatticeCharacter& lattice) {
     return {{"character", lattice.number},
             {"bravais", LATTICE::shortName(lattice.bravaisType)},
             {"centring", std::string(1, lattice.centring)},
             {"misfit_deg", lattice.qualityIndex},
             {"misfit_length", lattice.lengthMisfit},
-            {"matrix_from_primitive", toJson(lattice.toConventional)},
-            {"conventional", toJson(lattice.measured)},
-            {"symmetrised", toJson(lattice.symmetrised)}};
+            {"matrix_from_primitive", reportJson(lattice.toConventional)},
+            {"conventional", reportJson(lattice.measured)},
+            {"symmetrised", reportJson(lattice.symmetrised)}};
 }
 
-nlohmann::json toJson(const CellReport& report) {
+nlohmann::json reportJson(const CellReport& report) {
     const UnitCell& cell = report.input.cell;
     nlohmann::json out;
-    out["cell"] = toJson(parametersOf(cell));
+    out["cell"] = reportJson(edgesAndAngles(cell));
     out["cell"]["centring"] = std::string(1, report.input.centring);
     out["cell"]["volume"] = cell.getExactVolume();
     out["metric"] = {{cell.getA(), cell.getF(), cell.getE()},
                      {cell.getF(), cell.getB(), cell.getD()},
                      {cell.getE(), cell.getD(), cell.getC()}};
-    out["primitive"] = {{"matrix", toJson(report.input.toPrimitive)}};
-    out["reduced"] = toJson(parametersOf(report.reduced));
+    out["primitive"] = {{"matrix", reportJson(report.input.toPrimitive)}};
+    out["reduced"] = reportJson(edgesAndAngles(report.reduced));
     out["reduced"]["volume"] = report.reduced.getExactVolume();
     out["reduced"]["niggli"] = report.isNiggli;
-    out["reduced"]["matrix"] = toJson(report.toReduced);
+    out["reduced"]["matrix"] = reportJson(report.toReduced);
     const SpaceDimensions& r = report.reciprocal;
-    out["reciprocal"] = toJson(CellParameters{r.a, r.b, r.c, r.alpha, r.beta, r.gamma});
+    out["reciprocal"] = reportJson(CellParameters{r.a, r.b, r.c, r.alpha, r.beta, r.gamma});
     out["reciprocal"]["volume"] = report.reciprocalVolume;
     for (const LatticeCharacter& lattice : report.lattices)
-        out["lattices"].push_back(toJson(lattice));
+        out["lattices"].push_back(reportJson(lattice));
     return out;
 }
 
@@ -198,10 +198,10 @@ void print(std::ostream& out, const CellReport& report, const LatticeTolerances&
     const UnitCell& cell = report.input.cell;
     const SpaceDimensions& r = report.reciprocal;
     out << "                              a         b         c    alpha    beta   gamma      volume\n"
-        << "Cell, " << report.input.centring << "-lattice      A  " << textOf(parametersOf(cell))
+        << "Cell, " << report.input.centring << "-lattice      A  " << textOf(edgesAndAngles(cell))
         << formatted(" %11.2f\n", cell.getExactVolume())
         << (report.isNiggli ? "Reduced (Niggli)     A  " : "Reduced (Buerger)    A  ")
-        << textOf(parametersOf(report.reduced)) << formatted(" %11.2f\n", report.reduced.getExactVolume())
+        << textOf(edgesAndAngles(report.reduced)) << formatted(" %11.2f\n", report.reduced.getExactVolume())
         << "Reciprocal cell    1/A  " << textOf({r.a, r.b, r.c, r.alpha, r.beta, r.gamma}, "%9.6f ")
         << formatted(" %11.3e\n", report.reciprocalVolume);
     out << "\nReduced axes in those of the cell\n";
@@ -215,13 +215,13 @@ void print(std::ostream& out, const CellReport& report, const LatticeTolerances&
     printLattices(out, report, tolerances);
 }
 
-void runCellInfo(Host& host, const Options& options) {
+void runCellInfo(Host& host, const CellInfoArguments& options) {
     host.openLog(options.log);
     LatticeTolerances tolerances = options.tolerances;
     tolerances.length = options.lengthPercent / 100.0;
     const CellReport report = examine(readCell(options), tolerances);
     if (options.json)
-        host.out() << jsonText(toJson(report), 1) << '\n';
+        host.out() << jsonText(reportJson(report), 1) << '\n';
     else
         print(host.out(), report, tolerances);
 }
@@ -229,7 +229,7 @@ void runCellInfo(Host& host, const Options& options) {
 }  // namespace
 
 void addCellInfoCommand(CommandLine& line, Host& host) {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<CellInfoArguments>();
     Command command =
         line.command("cell-info", "Show metric, reduced cell and possible lattices of a unit cell");
     command.option("CELL", options->cell, "A B C ALPHA BETA GAMMA in Angstrom and degrees, or a cell file")

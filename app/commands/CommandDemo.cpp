@@ -37,7 +37,7 @@ constexpr double kAxisLimit = 0.2;         // degrees
 constexpr double kIndexedLimit = 95.0;     // percent
 constexpr double kBaseVectorLimit = 0.02;  // of a true base vector
 
-struct Options {
+struct DemoArguments {
     std::filesystem::path folder = "vrk-demo";
     std::string cell = "15.1,8.9,9.8,90,104.2,90";
     std::string centring = "C";
@@ -78,7 +78,7 @@ struct Comparison {
     }
 };
 
-SimulationSettings settingsOf(const Options& options) {
+SimulationSettings settingsOf(const DemoArguments& options) {
     SimulationSettings settings = options.settings;
     settings.cell = cellNumbers(options.cell, "--cell");
     settings.centring = options.centring[0];
@@ -89,7 +89,8 @@ SimulationSettings settingsOf(const Options& options) {
     return settings;
 }
 
-SimulationTruth writeSimulation(const Options& options, const std::filesystem::path& series, Host& host) {
+SimulationTruth writeSimulation(const DemoArguments& options, const std::filesystem::path& series,
+                                Host& host) {
     const SimulatedSeries simulated = [&] {
         const Stage stage(host.session(), "simulate");
         return simulateSeries(settingsOf(options), &host.session().progress());
@@ -202,8 +203,8 @@ Comparison compare(const SimulationTruth& truth, const RunResult& result) {
     return comparison;
 }
 
-void print(std::ostream& out, const Options& options, const SimulationTruth& truth, const RunResult& result,
-           const Comparison& comparison) {
+void print(std::ostream& out, const DemoArguments& options, const SimulationTruth& truth,
+           const RunResult& result, const Comparison& comparison) {
     const std::array<double, 6>& cell = truth.conventionalCell;
     out << formatted("simulated: %d frames of %d x %d, cell %g %g %g %g %g %g, centring %c",
                      result.facts().size[2], result.facts().size[0], result.facts().size[1], cell[0], cell[1],
@@ -232,7 +233,7 @@ Json toJson(const LatticeFacts& facts, double axis, int handedness) {
             {"handedness", handedness}};
 }
 
-Json toJson(const Options& options, const SimulationTruth& truth, const RunResult& result,
+Json toJson(const DemoArguments& options, const SimulationTruth& truth, const RunResult& result,
             const Comparison& comparison) {
     Json failed = Json::array();
     for (const Check& check : comparison.checks)
@@ -247,7 +248,7 @@ Json toJson(const Options& options, const SimulationTruth& truth, const RunResul
             {"ok", comparison.ok()}};
 }
 
-void demo(const Options& options, const std::string& commandText, Host& host) {
+void demo(const DemoArguments& options, const std::string& commandText, Host& host) {
     ResultFolder results(options.folder);
     const std::filesystem::path& folder = results.path();
     const std::filesystem::path series = options.folder / "series.mrc";
@@ -283,7 +284,7 @@ void demo(const Options& options, const std::string& commandText, Host& host) {
 }  // namespace
 
 void addDemoCommand(CommandLine& line, Host& host) {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<DemoArguments>();
     SimulationSettings& settings = options->settings;
     settings.axis = 37.0;
     Command command =

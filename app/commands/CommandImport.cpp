@@ -15,7 +15,7 @@
 namespace vrk::app {
 namespace {
 
-struct Options {
+struct ImportArguments {
     ImportSettings settings;
     std::vector<std::string> frames;
     std::string output;
@@ -23,7 +23,7 @@ struct Options {
     bool json = false;
 };
 
-nlohmann::json reportJson(const Options& options, const ImportResult& result, const Host& host) {
+nlohmann::json reportJson(const ImportArguments& options, const ImportResult& result, const Host& host) {
     const mrcH& header = result.series->m_Header;
     return {{"output", options.output},
             {"nx", header.nx},
@@ -46,7 +46,7 @@ nlohmann::json reportJson(const Options& options, const ImportResult& result, co
             {"warnings", host.warnings()}};
 }
 
-void report(Host& host, const Options& options, const ImportResult& result) {
+void report(Host& host, const ImportArguments& options, const ImportResult& result) {
     if (options.json) {
         host.out() << jsonText(reportJson(options, result, host), 1) << '\n';
         return;
@@ -68,7 +68,7 @@ void report(Host& host, const Options& options, const ImportResult& result) {
                << orUnknown(header.value(SliceValue::TiltAxis, 0), " degrees") << '\n';
 }
 
-void runImport(Host& host, const Options& options) {
+void runImport(Host& host, const ImportArguments& options) {
     host.openLog(options.log);
     ImportSettings settings = options.settings;
     settings.files.assign(options.frames.begin(), options.frames.end());
@@ -87,7 +87,7 @@ void runImport(Host& host, const Options& options) {
     report(host, options, result);
 }
 
-Command describeImport(CommandLine& line, const std::shared_ptr<Options>& options, Host* host) {
+Command describeImport(CommandLine& line, const std::shared_ptr<ImportArguments>& options, Host* host) {
     ImportSettings& settings = options->settings;
     Command command =
         line.command("import", "Make a tilt series from the frames of microscopes and collection programs");
@@ -144,12 +144,12 @@ Command describeImport(CommandLine& line, const std::shared_ptr<Options>& option
 }  // namespace
 
 void addImportOptions(CommandLine& line) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<ImportArguments>();
     describeImport(line, options, nullptr).action([options] {});
 }
 
 void addImportCommand(CommandLine& line, Host& host) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<ImportArguments>();
     describeImport(line, options, &host).action([options, &host] { runImport(host, *options); });
 }
 

@@ -35,7 +35,7 @@
 namespace vrk::app {
 namespace {
 
-struct Options {
+struct IndexArguments {
     std::string peaks;
     std::string cell;
     std::string output;
@@ -77,7 +77,7 @@ struct Indexing {
     std::array<double, IndicateWithHKL::kResultSize> displacements{};
 };
 
-std::string formatOf(const Options& options) {
+std::string formatOf(const IndexArguments& options) {
     if (!options.format.empty()) return options.format;
     std::string extension = std::filesystem::path(options.output).extension().string();
     if (extension == ".mtz" || extension == ".cif") return extension.substr(1);
@@ -86,7 +86,7 @@ std::string formatOf(const Options& options) {
 
 /// The cell of the file as a primitive reciprocal cell with the pixel size asked for, that of the peaks, or
 /// that of the file itself.
-UnitCell readCell(const Options& options, const PeakList& peaks) {
+UnitCell readCell(const IndexArguments& options, const PeakList& peaks) {
     const double pixelSize = options.pixelSize > 0.0 ? options.pixelSize
                              : peaks.head            ? peaks.head->pixelSize
                                                      : 0.0;
@@ -112,7 +112,7 @@ std::optional<LATTICE::BravaisTypes> wantedType(const std::string& lattice) {
 }
 
 /// The setting that is asked for, and its cell, when nothing is refined.
-void keepCell(const Options& options, Indexing& result) {
+void keepCell(const IndexArguments& options, Indexing& result) {
     Setting& setting = result.setting;
     if (options.lattice != "primitive")
         takeSetting(likelyCharacters(result.cell, wantedType(options.lattice)).front(), setting);
@@ -134,7 +134,8 @@ double farthestOf(const std::vector<Eigen::Vector3d>& positions, const Eigen::Ve
 }
 
 /// The reflections where the patterns showed them, and the tilts at which they did.
-ReflexVectorPtr samplePositions(const Options& options, const PeakList& peaks, std::vector<double>& tilts) {
+ReflexVectorPtr samplePositions(const IndexArguments& options, const PeakList& peaks,
+                                std::vector<double>& tilts) {
     const bool exact = options.positions == "exact" || (options.positions.empty() && !peaks.head);
     if (exact)
         return ReflexVectorPtr(
@@ -157,8 +158,8 @@ void moveTo(const std::vector<Eigen::Vector3d>& positions, ReflexVector& reflect
 
 /// Refines the cell without ties, which gives the indices, and under those of the lattice type, which is what
 /// is reported.
-void refine(const Options& options, const PeakList& peaks, const std::vector<double>& tilts, Host& host,
-            Indexing& result) {
+void refine(const IndexArguments& options, const PeakList& peaks, const std::vector<double>& tilts,
+            Host& host, Indexing& result) {
     std::vector<Eigen::Vector3d> positions;
     for (Reflex* reflex : *result.reflections)
         positions.emplace_back(reflex->getCenterInX(), reflex->getCenterInY(), reflex->getCenterInZ());
@@ -199,7 +200,7 @@ void refine(const Options& options, const PeakList& peaks, const std::vector<dou
     result.setting.volumeSigma = reported.volumeSigma;
 }
 
-Indexing indexPeaks(const Options& options, Host& host) {
+Indexing indexPeaks(const IndexArguments& options, Host& host) {
     const PeakList peaks = readPeaks(options.peaks);
     if (!options.volume.empty()) {
         if (!peaks.head)
@@ -257,7 +258,8 @@ void changeSetting(ReflexVector& list, const Setting& setting) {
     }
 }
 
-void writeReflections(const Options& options, Indexing& result, Host& host, std::vector<std::string>& files) {
+void writeReflections(const IndexArguments& options, Indexing& result, Host& host,
+                      std::vector<std::string>& files) {
     if (options.output.empty()) return;
     files.push_back(options.output);
     const std::string format = formatOf(options);
@@ -290,7 +292,7 @@ void writeReflections(const Options& options, Indexing& result, Host& host, std:
     file.commit();
 }
 
-void writeCell(const Options& options, Indexing& result, Host& host, std::vector<std::string>& files) {
+void writeCell(const IndexArguments& options, Indexing& result, Host& host, std::vector<std::string>& files) {
     if (!options.cellOutput.empty()) {
         OutputFile cellFile(options.cellOutput);
         if (!CellFileImportExport::writeCellFile_version_2(cellFile.path().string(), &result.cell))
@@ -300,7 +302,7 @@ void writeCell(const Options& options, Indexing& result, Host& host, std::vector
     }
 }
 
-void plot(const Options& options, Indexing& result, std::vector<std::string>& files) {
+void plot(const IndexArguments& options, Indexing& result, std::vector<std::string>& files) {
     if (options.plots.empty()) return;
     std::error_code error;
     std::filesystem::create_directories(options.plots, error);
@@ -372,7 +374,7 @@ void report(Host& host, const Indexing& result, const std::vector<std::string>& 
     out << '\n';
 }
 
-void index(Host& host, const Options& options) {
+void index(Host& host, const IndexArguments& options) {
     host.openLog(options.log);
     if (!options.formula.empty()) parseFormula(options.formula);
     if (options.voltage > 0.0) refuseImpossibleVoltage(options.voltage);
@@ -393,7 +395,7 @@ void index(Host& host, const Options& options) {
 }
 
 /// What the indices are of, and what the positions are.
-void addModelOptions(Command& command, Options& options) {
+void addModelOptions(Command& command, IndexArguments& options) {
     command
         .option(
             "--lattice", options.lattice,
@@ -425,7 +427,7 @@ void addModelOptions(Command& command, Options& options) {
         .oneOf({"voxel", "exact"});
 }
 
-void addResultOptions(Command& command, Options& options) {
+void addResultOptions(Command& command, IndexArguments& options) {
     command
         .option("-o,--output", options.output, "Reflections to write; without it the cell alone is refined")
         .typeName("HKL");
@@ -451,7 +453,7 @@ void addResultOptions(Command& command, Options& options) {
 }  // namespace
 
 void addIndexCommand(CommandLine& line, Host& host) {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<IndexArguments>();
     Command command = line.command(
         "index",
         "Refine a cell against the reflections, give them h, k, l and write them for structure solution");

@@ -25,7 +25,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-struct Options {
+struct InfoArguments {
     std::string file;
     bool json = false;
     bool slices = false;
@@ -111,7 +111,7 @@ Json slicesAsJson(const mrcH& header, const FileReport& report) {
     return all;
 }
 
-void printJson(Host& host, const Options& options, const VoxMRCData& data, std::uintmax_t bytes,
+void printJson(Host& host, const InfoArguments& options, const VoxMRCData& data, std::uintmax_t bytes,
                const FileReport& report) {
     const mrcH& header = data.m_Header;
     const VoxHistogram<short>& histogram = *data.m_Histogram;
@@ -251,7 +251,7 @@ void printSlices(Host& host, const mrcH& header, const FileReport& report) {
     }
 }
 
-void printText(Host& host, const Options& options, const VoxMRCData& data, std::uintmax_t bytes,
+void printText(Host& host, const InfoArguments& options, const VoxMRCData& data, std::uintmax_t bytes,
                const FileReport& report) {
     const mrcH& header = data.m_Header;
     host.out() << printable(options.file) << ": " << (isSeries(header) ? "tilt series, " : "volume, ")
@@ -275,7 +275,7 @@ void printText(Host& host, const Options& options, const VoxMRCData& data, std::
 }
 
 /// The pattern next to 0 degrees, with the axis that was given or that the series states.
-void drawPattern(const Options& options, const VoxMRCData& data) {
+void drawPattern(const InfoArguments& options, const VoxMRCData& data) {
     const mrcH& header = data.m_Header;
     if (!isSeries(header))
         throw Failure(options.file + " is a volume, which has no patterns; 'vrk sections' draws it");
@@ -289,7 +289,7 @@ void drawPattern(const Options& options, const VoxMRCData& data) {
                  options.picture);
 }
 
-void runInfo(Host& host, const Options& options) {
+void runInfo(Host& host, const InfoArguments& options) {
     // The report names every oddity itself.
     const QuietLog quiet(host.session(), QuietLog::Keep::UntilReleased);
     const std::unique_ptr<VoxMRCData> data = readMRC(options.file, host.session());
@@ -305,7 +305,7 @@ void runInfo(Host& host, const Options& options) {
 }  // namespace
 
 void addInfoCommand(CommandLine& line, Host& host) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<InfoArguments>();
     Command command = line.command("info", "Show what an MRC file holds and what is odd about it");
     command.option("file", options->file, "Tilt series or volume (MRC)").required();
     command.flag("--json", options->json, "Print JSON and nothing else");

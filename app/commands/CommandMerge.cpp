@@ -15,7 +15,7 @@
 namespace vrk::app {
 namespace {
 
-struct Options {
+struct MergeArguments {
     std::vector<std::string> folders;
     std::filesystem::path output;
     MergeOptions merge;
@@ -26,7 +26,7 @@ struct Options {
     bool json = false;
 };
 
-void mergeResults(const Options& options, const std::string& given, const std::string& commandText,
+void mergeResults(const MergeArguments& options, const std::string& given, const std::string& commandText,
                   Host& host) {
     MergeOptions choices = options.merge;
     choices.cellTolerance = options.tolerance / 100;
@@ -57,7 +57,7 @@ void mergeResults(const Options& options, const std::string& given, const std::s
 }  // namespace
 
 void addMergeCommand(CommandLine& line, Host& host) {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<MergeArguments>();
     Command command = line.command("merge", "Put the intensities of several crystals into one data set");
     command.option("RESULT", options->folders, "Folders that 'vrk run' wrote, two or more")
         .required()

@@ -25,7 +25,7 @@
 namespace vrk::app {
 namespace {
 
-struct Options {
+struct PeaksArguments {
     std::string volume;
     std::string output;
     LogOptions log;
@@ -182,7 +182,7 @@ void printTable(std::ostream& out, const Report& report, const Parameter& parame
 }
 
 void printJson(std::ostream& out, const Report& report, const Parameter& parameter, const ValueCounts& counts,
-               const Options& options, const VoxMRCData& volume) {
+               const PeaksArguments& options, const VoxMRCData& volume) {
     const nlohmann::ordered_json json = {
         {"volume", options.volume},
         {"dims", volume.GetDims()},
@@ -206,7 +206,7 @@ void writePeaks(Host& host, OutputFile& file, const ReflexVector& list, const Vo
     file.commit();
 }
 
-void run(const Options& options, Host& host) {
+void runPeaksCommand(const PeaksArguments& options, Host& host) {
     host.openLog(options.log);
     Parameter parameter;
     options.search.applyTo(parameter);
@@ -231,7 +231,7 @@ void run(const Options& options, Host& host) {
 }  // namespace
 
 void addPeaksCommand(CommandLine& line, Host& host) {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<PeaksArguments>();
     Command command = line.command("peaks", "Find the reflections of a reciprocal volume");
     command.option("volume", options->volume, "Volume file (.mrc)").required().typeName("VOLUME.mrc");
     command.option("-o,--output", options->output, "Peak file to write").required().typeName("PEAKS");
@@ -240,7 +240,7 @@ void addPeaksCommand(CommandLine& line, Host& host) {
     addLogOptions(command, options->log);
     addMemoryOption(command, &host);
     command.footer("Example:\n  vrk peaks volume.mrc -o peaks.txt --threshold 40 --min-voxels 5");
-    command.action([options, &host] { run(*options, host); });
+    command.action([options, &host] { runPeaksCommand(*options, host); });
 }
 
 }  // namespace vrk::app

@@ -27,7 +27,7 @@
 namespace vrk::app {
 namespace {
 
-struct Options {
+struct PreprocessArguments {
     std::string series;
     std::string output;
     LogOptions log;
@@ -110,7 +110,7 @@ std::optional<double> axisAngle(const std::string& text, const VoxMRCData& serie
     return angle;
 }
 
-void process(const Options& options, Preprocessing& work, Session& session) {
+void process(const PreprocessArguments& options, Preprocessing& work, Session& session) {
     using Processing = VoxMRCstemProcessing;
     if (work.series().GetWidth() != work.series().GetHeight()) work.makeSquare(options.crop);
     if (!options.noHotSpot)
@@ -140,7 +140,7 @@ void process(const Options& options, Preprocessing& work, Session& session) {
         });
 }
 
-void printTable(std::ostream& out, const Options& options, const Preprocessing& work,
+void printTable(std::ostream& out, const PreprocessArguments& options, const Preprocessing& work,
                 const VoxMRCData& result) {
     out << result.GetDepth() << " patterns of " << result.GetWidth() << " x " << result.GetHeight()
         << " pixels, written to " << options.output << "\n\n";
@@ -149,7 +149,7 @@ void printTable(std::ostream& out, const Options& options, const Preprocessing& 
             << std::setw(8) << step.seconds << " s\n";
 }
 
-void printJson(std::ostream& out, const Options& options, const Preprocessing& work,
+void printJson(std::ostream& out, const PreprocessArguments& options, const Preprocessing& work,
                const VoxMRCData& result) {
     nlohmann::ordered_json steps = nlohmann::ordered_json::array();
     for (const Step& step : work.steps())
@@ -166,7 +166,7 @@ void printJson(std::ostream& out, const Options& options, const Preprocessing& w
     out << jsonText(json, 2) << '\n';
 }
 
-void run(const Options& options, Host& host) {
+void runPreprocessCommand(const PreprocessArguments& options, Host& host) {
     host.openLog(options.log);
     if (std::error_code error; std::filesystem::equivalent(options.series, options.output, error))
         throw Failure("the result would replace the series " + options.series + "; give -o another name",
@@ -186,7 +186,7 @@ void run(const Options& options, Host& host) {
 }  // namespace
 
 void addPreprocessCommand(CommandLine& line, Host& host) {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<PreprocessArguments>();
     Command command = line.command(
         "preprocess",
         "Prepare a tilt series for the reconstruction: hot spots, centre, background, rotation, binning");
@@ -219,7 +219,7 @@ void addPreprocessCommand(CommandLine& line, Host& host) {
     addLogOptions(command, options->log);
     addMemoryOption(command, &host);
     command.footer("Example:\n  vrk preprocess series.mrc -o clean.mrc --rotate 49.0 --log preprocess.log");
-    command.action([options, &host] { run(*options, host); });
+    command.action([options, &host] { runPreprocessCommand(*options, host); });
 }
 
 }  // namespace vrk::app

@@ -21,7 +21,7 @@
 namespace vrk::app {
 namespace {
 
-struct Options {
+struct ReconstructArguments {
     std::string series;
     std::string output;
     LogOptions log;
@@ -32,7 +32,7 @@ struct Options {
 };
 
 /// The calibrated pixel size that the user wants, 0 for none.
-double calibratedPixelSize(const Options& options, const VoxMRCData& series, Host& host) {
+double calibratedPixelSize(const ReconstructArguments& options, const VoxMRCData& series, Host& host) {
     if (options.finePixelSize > 0) return options.finePixelSize;
     const mrcH& header = series.m_Header;
     const float ofSlice = header.value(SliceValue::PixelSize, 0);
@@ -45,7 +45,7 @@ double calibratedPixelSize(const Options& options, const VoxMRCData& series, Hos
     return ofSlice > 0 ? 0 : static_cast<double>(header.m_pixelsize);
 }
 
-void run(const Options& options, Host& host) {
+void runReconstructCommand(const ReconstructArguments& options, Host& host) {
     host.openLog(options.log);
     if (std::error_code error; std::filesystem::equivalent(options.series, options.output, error))
         throw Failure("the volume would replace the series " + options.series + "; give -o another name",
@@ -90,7 +90,7 @@ void run(const Options& options, Host& host) {
 }  // namespace
 
 void addReconstructCommand(CommandLine& line, Host& host) {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<ReconstructArguments>();
     Command command =
         line.command("reconstruct", "Build the reciprocal volume from a preprocessed tilt series");
     command.option("series", options->series, "Preprocessed tilt series (.mrc)")
@@ -108,7 +108,7 @@ void addReconstructCommand(CommandLine& line, Host& host) {
     addLogOptions(command, options->log);
     addMemoryOption(command, &host);
     command.footer("Example:\n  vrk reconstruct clean.mrc -o volume.mrc --fine-calibration calibration.txt");
-    command.action([options, &host] { run(*options, host); });
+    command.action([options, &host] { runReconstructCommand(*options, host); });
 }
 
 }  // namespace vrk::app

@@ -9,18 +9,18 @@
 namespace vrk::app {
 namespace {
 
-struct Options {
+struct ReportArguments {
     std::vector<std::string> folders;
     std::filesystem::path output;
 };
 
-std::filesystem::path outputOf(const Options& options) {
+std::filesystem::path outputOf(const ReportArguments& options) {
     if (!options.output.empty()) return options.output;
     if (options.folders.size() > 1) return "comparison.html";
     return std::filesystem::path(options.folders.front()) / kReportFile;
 }
 
-void makeReport(const Options& options, Host& host) {
+void makeReport(const ReportArguments& options, Host& host) {
     std::vector<ReportBlocks> results;
     for (const std::string& folder : options.folders)
         results.push_back(readReport(folder));
@@ -32,7 +32,7 @@ void makeReport(const Options& options, Host& host) {
 }  // namespace
 
 void addReportCommand(CommandLine& line, Host& host) {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<ReportArguments>();
     Command command = line.command("report", "Make the page of a result again, or one that compares several");
     command.option("RESULT", options->folders, "Folders that 'vrk run' wrote")
         .required()

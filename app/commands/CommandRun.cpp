@@ -28,7 +28,7 @@
 namespace vrk::app {
 namespace {
 
-struct Options {
+struct RunArguments {
     std::filesystem::path series;
     std::filesystem::path folder;
     std::string tiltAxis;
@@ -61,7 +61,7 @@ std::string listOf(const std::vector<std::string>& names) {
 }
 
 /// Writes what the run had, and says in one sentence what is where.
-Failure failureOf(const Failure& failure, const Options& options, const RunRemains& remains,
+Failure failureOf(const Failure& failure, const RunArguments& options, const RunRemains& remains,
                   ResultFolder& results) {
     const bool isCanceled = failure.kind() == FailureKind::Canceled;
     std::string text = failure.what();
@@ -90,7 +90,7 @@ struct Measured {
 };
 
 /// Writes all files, the summary last. \returns its text
-std::string writeResults(const Options& options, RunRecord& record, const RunResult& result,
+std::string writeResults(const RunArguments& options, RunRecord& record, const RunResult& result,
                          const Measured& measured, ResultFolder& results, Host& host) {
     const std::filesystem::path& folder = results.path();
     host.session().beginPart(kRunParts, kRunParts, "write the results", 2);
@@ -111,7 +111,8 @@ std::string writeResults(const Options& options, RunRecord& record, const RunRes
     return summary;
 }
 
-void runSeries(const Options& options, const std::string& given, const std::string& commandText, Host& host) {
+void runSeries(const RunArguments& options, const std::string& given, const std::string& commandText,
+               Host& host) {
     RunOptions choices = options.run;
     setAxis(choices.axis, options.tiltAxis);
     setCentre(choices.centre, options.centre);
@@ -147,7 +148,7 @@ void runSeries(const Options& options, const std::string& given, const std::stri
     }
 }
 
-Command describeRun(CommandLine& line, const std::shared_ptr<Options>& options, Host* host) {
+Command describeRun(CommandLine& line, const std::shared_ptr<RunArguments>& options, Host* host) {
     Command command =
         line.command("run", "Find the unit cell of a raw tilt series and index its reflections");
     command.option("series", options->series, "Tilt series (.mrc); 'vrk import' makes one")
@@ -214,12 +215,12 @@ Command describeRun(CommandLine& line, const std::shared_ptr<Options>& options, 
 }  // namespace
 
 void addRunOptions(CommandLine& line) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<RunArguments>();
     describeRun(line, options, nullptr).action([options] {});
 }
 
 void addRunCommand(CommandLine& line, Host& host) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<RunArguments>();
     Command command = describeRun(line, options, &host);
     command.action(
         [options, command, &line, &host] { runSeries(*options, command.givenOptions(), line.text(), host); });

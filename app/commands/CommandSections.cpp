@@ -17,7 +17,7 @@
 namespace vrk::app {
 namespace {
 
-struct Options {
+struct SectionsArguments {
     std::string volume;
     std::string cell;
     std::string folder;
@@ -27,7 +27,7 @@ struct Options {
     bool json = false;
 };
 
-UnitCell readCell(const Options& options, double pixelSize, Host& host) {
+UnitCell readCell(const SectionsArguments& options, double pixelSize, Host& host) {
     refuseUnlessCell(options.cell);
     UnitCell cell;
     if (!CellFileImportExport::loadCellFile(options.cell, &cell, pixelSize))
@@ -50,7 +50,7 @@ PictureNotes notesOf(const std::string& volume, const UnitCell& cell, double pix
     return notes;
 }
 
-void run(const Options& options, Host& host) {
+void runSectionsCommand(const SectionsArguments& options, Host& host) {
     checkPlanes(options.sections.planes);
     host.openLog(options.log);
     // Finer voxels than the pictures' pixels would not be seen.
@@ -76,7 +76,7 @@ void run(const Options& options, Host& host) {
 }  // namespace
 
 void addSectionsCommand(CommandLine& line, Host& host) {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<SectionsArguments>();
     Command command =
         line.command("sections", "Draw sections of a volume along lattice planes, and its projections");
     command.option("volume", options->volume, "Volume file (.mrc)").required().typeName("VOLUME.mrc");
@@ -104,7 +104,7 @@ void addSectionsCommand(CommandLine& line, Host& host) {
     addLogOptions(command, options->log);
     addMemoryOption(command, &host);
     command.footer("Example:\n  vrk sections volume.mrc cell.txt -o pictures --plane hk0 hk1 --nodes");
-    command.action([options, &host] { run(*options, host); });
+    command.action([options, &host] { runSectionsCommand(*options, host); });
 }
 
 }  // namespace vrk::app

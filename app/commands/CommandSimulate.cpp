@@ -18,7 +18,7 @@
 namespace vrk::app {
 namespace {
 
-struct Options {
+struct SimulateArguments {
     std::string output;
     std::string cell;
     std::string centring = "P";
@@ -67,7 +67,7 @@ std::vector<double> tiltsOf(const std::string& text) {
     return tilts;
 }
 
-SimulationSettings settingsOf(const Options& options) {
+SimulationSettings simulationSettingsOf(const SimulateArguments& options) {
     SimulationSettings settings = options.settings;
     if (options.cell.empty() == settings.cif.empty())
         throw Failure("give either --cell or --cif", FailureKind::Usage);
@@ -85,7 +85,7 @@ std::filesystem::path truthPath(std::filesystem::path series) {
     return series.replace_extension(".truth.json");
 }
 
-void report(Host& host, const Options& options, const SimulatedSeries& result) {
+void report(Host& host, const SimulateArguments& options, const SimulatedSeries& result) {
     const SimulationTruth& truth = result.truth;
     if (options.json) {
         host.out() << truth.toJson() << '\n';
@@ -107,8 +107,8 @@ void report(Host& host, const Options& options, const SimulatedSeries& result) {
                << " reflections recorded; the truth is in " << truthPath(options.output).string() << '\n';
 }
 
-void simulate(Host& host, const Options& options) {
-    const SimulationSettings settings = settingsOf(options);
+void simulate(Host& host, const SimulateArguments& options) {
+    const SimulationSettings settings = simulationSettingsOf(options);
     OutputFile truthFile(truthPath(options.output));
     const SimulatedSeries result = [&] {
         const Stage stage(host.session(), "simulate");
@@ -126,7 +126,7 @@ void simulate(Host& host, const Options& options) {
     report(host, options, result);
 }
 
-/// Options of one heading of the help text.
+/// SimulateArguments of one heading of the help text.
 class OptionGroup {
 public:
     OptionGroup(Command& command, const char* title) : m_command(command), m_title(title) {}
@@ -179,7 +179,7 @@ private:
     const char* m_title;
 };
 
-void addCrystalOptions(Command& command, Options& options) {
+void addCrystalOptions(Command& command, SimulateArguments& options) {
     SimulationSettings& settings = options.settings;
     OrientationSettings& orientation = settings.orientation;
     OptionGroup group(command, "Crystal");
@@ -211,7 +211,7 @@ void addCrystalOptions(Command& command, Options& options) {
     group.add("--handedness", settings.handedness, "Side of the Ewald sphere, 1 or -1");
 }
 
-void addSeriesOptions(Command& command, Options& options) {
+void addSeriesOptions(Command& command, SimulateArguments& options) {
     SimulationSettings& settings = options.settings;
     TiltErrors& errors = settings.tiltErrors;
     OptionGroup group(command, "Series");
@@ -236,7 +236,7 @@ void addSeriesOptions(Command& command, Options& options) {
     group.add("--seed", settings.seed, "Seed of everything random");
 }
 
-void addHeaderOptions(Command& command, Options& options) {
+void addHeaderOptions(Command& command, SimulateArguments& options) {
     StatedValues& stated = options.settings.stated;
     OptionGroup group(command, "What the file states");
     group.addFlag("--write-axis", stated.axis, "State the tilt axis");
@@ -248,7 +248,7 @@ void addHeaderOptions(Command& command, Options& options) {
                   "State that a frame turns by this many degrees, 0 for none");
 }
 
-void addCentreOptions(Command& command, Options& options) {
+void addCentreOptions(Command& command, SimulateArguments& options) {
     CentreSettings& centre = options.settings.centre;
     OptionGroup group(command, "Centre of the patterns");
     group.addNumbers<2>("--centre-offset", "X,Y", "Pixels from the middle of the frame",
@@ -259,7 +259,7 @@ void addCentreOptions(Command& command, Options& options) {
     group.add("--centre-jitter", centre.jitter, "Standard deviation from frame to frame, pixels");
 }
 
-void addBeamStopOptions(Command& command, Options& options) {
+void addBeamStopOptions(Command& command, SimulateArguments& options) {
     BeamStopSettings& stop = options.beamStop;
     OptionGroup group(command, "Beam stop (any of these puts one in)");
     group.addFlag("--beam-stop", options.hasBeamStop, "A bar from the left edge and a disc over the centre");
@@ -282,7 +282,7 @@ void addBeamStopOptions(Command& command, Options& options) {
         .check(present);
 }
 
-void addRecordingOptions(Command& command, Options& options) {
+void addRecordingOptions(Command& command, SimulateArguments& options) {
     SimulationSettings& settings = options.settings;
     BackgroundSettings& background = settings.background;
     DistortionSettings& distortion = settings.distortion;
@@ -306,7 +306,7 @@ void addRecordingOptions(Command& command, Options& options) {
     group.add("--radial", distortion.radial, "Radial distortion at half a width, 0.01 for 1 %");
 }
 
-void addCameraOptions(Command& command, Options& options) {
+void addCameraOptions(Command& command, SimulateArguments& options) {
     DetectorSettings& detector = options.settings.detector;
     OptionGroup group(command, "Camera");
     group.add("--size", detector.size, "Pixels along each edge");
@@ -320,7 +320,7 @@ void addCameraOptions(Command& command, Options& options) {
 }  // namespace
 
 void addSimulateCommand(CommandLine& line, Host& host) {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<SimulateArguments>();
     Command command =
         line.command("simulate", "Make a tilt series of a known crystal, with its truth as JSON");
     command.option("-o,--output", options->output, "Series to write; the truth goes beside it")

@@ -21,7 +21,7 @@
 namespace vrk::app {
 namespace {
 
-struct Options {
+struct TiltAxisArguments {
     std::string series;
     std::string folder;
     LogOptions log;
@@ -33,7 +33,7 @@ struct Options {
     bool json = false;
 };
 
-TiltAxisResult search(const Options& options, const VoxMRCData& series, Host& host) {
+TiltAxisResult search(const TiltAxisArguments& options, const VoxMRCData& series, Host& host) {
     const TiltAxisMethod method = options.method == "2d" ? TiltAxisMethod::TwoD : TiltAxisMethod::ThreeD;
     if (options.range.empty())
         return findTiltAxis(series, method, options.accuracy, options.folder, host.session());
@@ -48,7 +48,7 @@ void checkRange(const std::vector<double>& range) {
                       FailureKind::Usage);
 }
 
-void printJson(std::ostream& out, const Options& options, const TiltAxisResult& result) {
+void printJson(std::ostream& out, const TiltAxisArguments& options, const TiltAxisResult& result) {
     nlohmann::ordered_json scores = nlohmann::ordered_json::array();
     for (const TiltAxisScore& score : result.scores)
         scores.push_back({{"angle_deg", score.angle},
@@ -94,7 +94,7 @@ void printTable(std::ostream& out, const TiltAxisResult& result) {
               score.reflexes);
 }
 
-void run(const Options& options, Host& host) {
+void runTiltAxisCommand(const TiltAxisArguments& options, Host& host) {
     checkRange(options.range);
     host.openLog(options.log);
     const Workers workers(options.jobs);
@@ -111,7 +111,7 @@ void run(const Options& options, Host& host) {
 }  // namespace
 
 void addTiltAxisCommand(CommandLine& line, Host& host) {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<TiltAxisArguments>();
     Command command = line.command(
         "tilt-axis",
         "Find the angle of the tilt axis, for 'vrk preprocess --rotate' and 'vrk run --tilt-axis'");
@@ -140,7 +140,7 @@ void addTiltAxisCommand(CommandLine& line, Host& host) {
     addLogOptions(command, options->log);
     addMemoryOption(command, &host);
     command.footer("Example:\n  vrk tilt-axis series.mrc -o axis --accuracy 0.1");
-    command.action([options, &host] { run(*options, host); });
+    command.action([options, &host] { runTiltAxisCommand(*options, host); });
 }
 
 }  // namespace vrk::app

@@ -12,7 +12,7 @@
 namespace vrk::app {
 namespace {
 
-struct Options {
+struct VerifyArguments {
     std::filesystem::path folder;
     std::filesystem::path input;
     bool json = false;
@@ -46,7 +46,7 @@ void print(std::ostream& out, const ResultCheck& check) {
             << " as they were written, and their numbers agree\n";
 }
 
-void verify(const Options& options, Host& host) {
+void verify(const VerifyArguments& options, Host& host) {
     const ResultCheck check = checkResult(options.folder, options.input);
     if (options.json)
         host.out() << jsonText(toJson(check), 2) << '\n';
@@ -66,7 +66,7 @@ void verify(const Options& options, Host& host) {
 }  // namespace
 
 void addVerifyCommand(CommandLine& line, Host& host) {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<VerifyArguments>();
     Command command = line.command("verify", "Check that a result is whole and consistent");
     command.option("RESULT", options->folder, "Folder that 'vrk run' or 'vrk merge' wrote")
         .required()

@@ -8,7 +8,7 @@ namespace vrk::app {
 namespace {
 
 /// What is wrong with the value of the option; empty when nothing is.
-std::string problemOf(const std::string& text) {
+std::string problemOfAxis(const std::string& text) {
     if (text == "search" || text == "none") return {};
     char* end = nullptr;
     const double value = std::strtod(text.c_str(), &end);
@@ -23,7 +23,7 @@ void addAxisOption(Command& command, std::string& text) {
         .option("--tilt-axis", text,
                 "Angle of the tilt axis from y in degrees, 'search', or 'none' for an axis along y "
                 "[what the series says, otherwise along y]")
-        .check(problemOf)
+        .check(problemOfAxis)
         .typeName("DEG|search|none");
 }
 

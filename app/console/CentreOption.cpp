@@ -13,7 +13,7 @@ bool parsePlace(const std::string& text, double& x, double& y) {
            parseNumber(text.substr(comma + 1), y);
 }
 
-std::string problemOf(const std::string& text) {
+std::string problemOfCentre(const std::string& text) {
     double x = 0.0, y = 0.0;
     if (text == "none" || parsePlace(text, x, y) || std::filesystem::is_regular_file(text)) return {};
     return "the centre is X,Y in pixels, a file with a tilt, x and y in each line, or 'none', not '" + text +
@@ -27,7 +27,7 @@ void addCentreOption(Command& command, std::string& text) {
         .option("--centre", text,
                 "Direct beam in pixels from the middle of the first one, for all patterns; a file with a "
                 "tilt, x and y in each line; or 'none' for the middle of the frames [searched]")
-        .check(problemOf)
+        .check(problemOfCentre)
         .typeName("X,Y|FILE|none");
 }
 

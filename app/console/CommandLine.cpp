@@ -62,10 +62,6 @@ CLI::Validator between(Number lowest, Number highest) {
     return CLI::Validator(complaint, "");
 }
 
-std::vector<const CLI::App*> commandsOf(const CLI::App& program) {
-    return program.get_subcommands([](const CLI::App*) { return true; });
-}
-
 /// Null where there is none.
 const CLI::App* commandNamed(const std::string& name, const CLI::App& program) {
     for (const CLI::App* command : commandsOf(program))

@@ -139,10 +139,6 @@ std::vector<Section> sectionsOf(const CLI::App& command) {
     return sections;
 }
 
-std::vector<const CLI::App*> commandsOf(const CLI::App& program) {
-    return program.get_subcommands([](const CLI::App*) { return true; });
-}
-
 std::string upper(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(),
                    [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
@@ -166,6 +162,10 @@ std::string roff(const std::string& text) {
 }
 
 }  // namespace
+
+std::vector<const CLI::App*> commandsOf(const CLI::App& program) {
+    return program.get_subcommands([](const CLI::App*) { return true; });
+}
 
 std::string valueNameOf(const CLI::Option& option) {
     if (option.get_items_expected_max() == 0) return {};

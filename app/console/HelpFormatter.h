@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 #include <string>
+#include <vector>
 
 namespace vrk::app {
 
@@ -20,6 +21,9 @@ public:
 private:
     std::size_t m_width;
 };
+
+/// The subcommands, in the order in which they were added.
+std::vector<const CLI::App*> commandsOf(const CLI::App& program);
 
 /// What an option takes: "NUMBER", "{2d,3d}"; empty for a flag.
 std::string valueNameOf(const CLI::Option& option);

@@ -20,9 +20,9 @@ namespace {
 constexpr double kLargest = 1e9;
 constexpr int kLargestCount = std::numeric_limits<int>::max();
 
-/// What is wrong with a value that has to lie between two numbers. NaN does not.
+/// What is wrong with a value that has to lie problemOutside two numbers. NaN does not.
 template <typename Number>
-std::function<std::string(const std::string&)> between(Number lowest, Number highest) {
+std::function<std::string(const std::string&)> problemOutside(Number lowest, Number highest) {
     return [=](const std::string& text) {
         char* end = nullptr;
         const double value = std::strtod(text.c_str(), &end);
@@ -49,7 +49,7 @@ public:
         description << text;
         if (m_showDefaults) description << " [" << standard << "]";
         m_command.option(option, target, description.str())
-            .check(between<Number>(lowest, highest))
+            .check(problemOutside<Number>(lowest, highest))
             .typeName(std::is_integral_v<Number> ? "INT" : "NUMBER")
             .group(m_name);
     }

@@ -12,7 +12,7 @@ namespace {
 
 using Eigen::Vector3d;
 
-constexpr int kPanel = PictureSheet::kEdge / 2;
+constexpr int kVectorPanel = PictureSheet::kEdge / 2;
 /// So many points make a clear picture and no long wait.
 constexpr std::size_t kMostPoints = 4000;
 
@@ -24,7 +24,8 @@ constexpr std::array<const char*, 3> kEdges = {"a*", "b*", "c*"};
 /// Three panels, and a text in the place of a fourth.
 class Picture {
 public:
-    explicit Picture(double maxLength) : image(2 * kPanel, 2 * kPanel), m_scale(0.48 * kPanel / maxLength) {}
+    explicit Picture(double maxLength)
+        : image(2 * kVectorPanel, 2 * kVectorPanel), m_scale(0.48 * kVectorPanel / maxLength) {}
 
     void add(const Vector3d& vector) {
         for (std::size_t panel = 0; panel < kPanels.size(); ++panel) {
@@ -45,18 +46,18 @@ public:
     void labelAxes() {
         for (std::size_t panel = 0; panel < kPanels.size(); ++panel) {
             const double left = leftOf(panel) + 12.0;
-            const double top = topOf(panel) + kPanel - 62.0;
+            const double top = topOf(panel) + kVectorPanel - 62.0;
             overlay.lines.push_back(
                 {left, top, left + 40.0, top, kAxes[static_cast<std::size_t>(kPanels[panel][0])]});
             overlay.lines.push_back(
                 {left, top, left, top + 40.0, kAxes[static_cast<std::size_t>(kPanels[panel][1])]});
         }
-        overlay.lines.push_back({kPanel, 0.0, kPanel, 2.0 * kPanel, "", false, true});
-        overlay.lines.push_back({0.0, kPanel, 2.0 * kPanel, kPanel, "", false, true});
+        overlay.lines.push_back({kVectorPanel, 0.0, kVectorPanel, 2.0 * kVectorPanel, "", false, true});
+        overlay.lines.push_back({0.0, kVectorPanel, 2.0 * kVectorPanel, kVectorPanel, "", false, true});
     }
     /// \param line  counted from the middle of the picture downwards
     void write(int line, const std::string& text) {
-        overlay.texts.push_back({kPanel + 24.0, kPanel + 40.0 + 28.0 * line, text});
+        overlay.texts.push_back({kVectorPanel + 24.0, kVectorPanel + 40.0 + 28.0 * line, text});
     }
     double voxelsPerPixel() const { return 1.0 / m_scale; }
 
@@ -64,13 +65,13 @@ public:
     ImageOverlay overlay;
 
 private:
-    static double leftOf(std::size_t panel) { return panel == 1 ? kPanel : 0.0; }
-    static double topOf(std::size_t panel) { return panel == 2 ? kPanel : 0.0; }
+    static double leftOf(std::size_t panel) { return panel == 1 ? kVectorPanel : 0.0; }
+    static double topOf(std::size_t panel) { return panel == 2 ? kVectorPanel : 0.0; }
     double placeX(std::size_t panel, const Vector3d& v) const {
-        return leftOf(panel) + 0.5 * kPanel + m_scale * v[kPanels[panel][0]];
+        return leftOf(panel) + 0.5 * kVectorPanel + m_scale * v[kPanels[panel][0]];
     }
     double placeY(std::size_t panel, const Vector3d& v) const {
-        return topOf(panel) + 0.5 * kPanel + m_scale * v[kPanels[panel][1]];
+        return topOf(panel) + 0.5 * kVectorPanel + m_scale * v[kPanels[panel][1]];
     }
 
     double m_scale;

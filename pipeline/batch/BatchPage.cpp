@@ -13,6 +13,7 @@
 
 #include "pipeline/base/Median.h"
 #include "pipeline/base/NumberText.h"
+#include "pipeline/batch/ShellWord.h"
 
 namespace vrk {
 namespace {
@@ -107,14 +108,6 @@ std::string base64(std::string_view bytes) {
             text += i + j <= bytes.size() ? kSigns[triple >> (18U - 6U * j) & 63U] : '=';
     }
     return text;
-}
-
-/// A word as a shell takes it.
-std::string quoted(const std::string& word) {
-    std::string text = "'";
-    for (const char sign : word)
-        text += sign == '\'' ? std::string("'\\''") : std::string(1, sign);
-    return text + "'";
 }
 
 class Page {
@@ -483,12 +476,12 @@ private:
             cell(scatter == combination.scatters.end() ? "" : std::to_string(scatter->series));
             m_text += "</tr>\n";
         }
-        const std::string folder = quoted(m_folder.path().string());
+        const std::string folder = shellWord(m_folder.path().string());
         m_text +=
             "</tbody></table></div>\n<p>Where all series come from one microscope, what they have in common "
             "may stand for all of them:</p>\n<code>" +
             escaped("vrk batch SERIES -o " + folder + " -- --distortion " +
-                    quoted(m_folder.instrument().string())) +
+                    shellWord(m_folder.instrument().string())) +
             "</code>\n";
         if (const auto& axis = combination.calibration.axisAngle)
             m_text +=

@@ -15,6 +15,7 @@
 #include "pipeline/base/JsonText.h"
 #include "pipeline/base/NumberText.h"
 #include "pipeline/base/OutputFile.h"
+#include "pipeline/batch/ShellWord.h"
 
 namespace vrk {
 namespace {
@@ -162,19 +163,11 @@ std::vector<WorkUnit> arrays(const std::vector<JobState>& open, int size) {
     return units;
 }
 
-/// A word that a shell takes as it is; in one line where it holds no line end.
-std::string quoted(const std::string& word) {
-    std::string text = "'";
-    for (const char sign : word)
-        text += sign == '\'' ? std::string("'\\''") : std::string(1, sign);
-    return text + "'";
-}
-
 std::string jobLines(const std::vector<WorkUnit>& units, const std::string& program) {
     std::string text;
     for (const WorkUnit& unit : units)
         for (const std::string& job : unit.jobs)
-            text += quoted(program) + " batch -o . --job " + job + '\n';
+            text += shellWord(program) + " batch -o . --job " + job + '\n';
     return text;
 }
 

@@ -8,7 +8,7 @@ namespace vrk {
 namespace {
 
 /// Readers register while the library is loaded, in any order.
-std::vector<FrameFormat>& formats() {
+std::vector<FrameFormat>& frameFormats() {
     static std::vector<FrameFormat> all;
     return all;
 }
@@ -27,7 +27,7 @@ std::string lowerExtension(const std::filesystem::path& path) {
 }  // namespace
 
 FrameFormat::Registration::Registration(FrameFormat format) {
-    std::vector<FrameFormat>& all = formats();
+    std::vector<FrameFormat>& all = frameFormats();
     const auto before = [](const FrameFormat& a, const FrameFormat& b) { return a.name < b.name; };
     all.insert(std::upper_bound(all.begin(), all.end(), format, before), std::move(format));
 }
@@ -37,7 +37,7 @@ const FrameFormat* FrameFormat::of(const FrameSource& source) {
     const FileStart start{head, lowerExtension(source.path())};
     const FrameFormat* best = nullptr;
     Match surest = Match::No;
-    for (const FrameFormat& format : formats())
+    for (const FrameFormat& format : frameFormats())
         if (const Match match = format.recognise(start); match > surest) {
             surest = match;
             best = &format;
@@ -47,7 +47,7 @@ const FrameFormat* FrameFormat::of(const FrameSource& source) {
 
 std::string FrameFormat::names() {
     std::string names;
-    for (const FrameFormat& format : formats())
+    for (const FrameFormat& format : frameFormats())
         names += (names.empty() ? "" : ", ") + format.name;
     return names;
 }

@@ -14,13 +14,13 @@
 namespace vrk {
 namespace {
 
-std::vector<ListFormat>& formats() {
+std::vector<ListFormat>& listFormats() {
     static std::vector<ListFormat> all;
     return all;
 }
 
 const ListFormat* formatOf(const ListText& text) {
-    for (const ListFormat& format : formats())
+    for (const ListFormat& format : listFormats())
         if (format.recognise(text)) return &format;
     return nullptr;
 }
@@ -107,7 +107,7 @@ void ListText::refuse(std::size_t line, const std::string& reason) const {
 }
 
 ListFormat::Registration::Registration(ListFormat format) {
-    formats().push_back(std::move(format));
+    listFormats().push_back(std::move(format));
 }
 
 std::vector<double> FrameList::tiltsFor(const std::vector<std::filesystem::path>& files) const {

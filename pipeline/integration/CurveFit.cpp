@@ -12,7 +12,7 @@
 namespace vrk {
 namespace {
 
-constexpr int kRounds = 3;
+constexpr int kCurveRounds = 3;
 /// A measurement farther than this from its equivalents differs from them by more than noise: standard
 /// deviations of the difference.
 constexpr double kAgreement = 3;
@@ -70,7 +70,7 @@ CurveFit fitCurve(const PredictedReflection& reflection, const SpotPrediction& p
                 .byShift;
         known[n] += std::pow(slope * spot.rate * errors.tilts[spot.frame], 2);
     }
-    for (int round = 0; round < kRounds; ++round) {
+    for (int round = 0; round < kCurveRounds; ++round) {
         double top = 0, bottom = 0, square = 0, coverage = 0, best = 0;
         int frames = 0;
         for (std::uint32_t n = 0; n < reflection.spotCount; ++n) {

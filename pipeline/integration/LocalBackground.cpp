@@ -14,7 +14,7 @@ constexpr double kHuber = 2.0;
 /// Single electrons are no outliers where there are hardly any.
 constexpr double kHuberCounts = 3.0;
 constexpr double kOutlier = 3.0;  ///< in limits of Huber's function
-constexpr int kRounds = 8;
+constexpr int kRejections = 8;
 /// Variance of a mean under these weights, over that of the plain mean.
 constexpr double kInefficiency = 1.02;
 /// A step below this share of the uncertainties is the last.
@@ -187,7 +187,7 @@ BackgroundPlane LocalBackground::fit(const BackgroundPixels& pixels) const {
 
     plane.level = start(pixels);
     Eigen::Matrix3d inverse = Eigen::Matrix3d::Zero();
-    for (int round = 0; round < kRounds; ++round) {
+    for (int round = 0; round < kRejections; ++round) {
         const Sums now = sums(pixels, plane, round > 1);
         if (!(now.inside > 0)) return {};
         Eigen::Matrix3d normal;

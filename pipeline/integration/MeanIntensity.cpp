@@ -7,14 +7,14 @@
 namespace vrk {
 namespace {
 
-constexpr std::size_t kShellSize = 60;
+constexpr std::size_t kMeanShellSize = 60;
 
 }  // namespace
 
 MeanIntensity::MeanIntensity(std::vector<Sample> samples) {
     std::sort(samples.begin(), samples.end(),
               [](const Sample& a, const Sample& b) { return a.spacing > b.spacing; });
-    const std::size_t shells = std::max<std::size_t>(1, samples.size() / kShellSize);
+    const std::size_t shells = std::max<std::size_t>(1, samples.size() / kMeanShellSize);
     for (std::size_t shell = 0; shell < shells; ++shell) {
         const std::size_t first = samples.size() * shell / shells;
         const std::size_t last = samples.size() * (shell + 1) / shells;

@@ -17,7 +17,7 @@ using Eigen::Index;
 using Eigen::MatrixXd;
 using Eigen::VectorXd;
 
-constexpr int kRounds = 20;
+constexpr int kScalingRounds = 20;
 constexpr double kDecayKnots = 3;  ///< knots of the scale to one of the decay
 /// Restraints on the knots at first: standard deviations of k and of b (square Angstrom); and how much
 /// smaller the bend at a knot is. They are then estimated from the knots themselves.
@@ -27,10 +27,10 @@ constexpr double kBend = 0.3;
 constexpr double kLeastSpread = 1e-3;
 /// Relative error of an observation that no scale explains; keeps strong ones from deciding alone.
 constexpr double kFloor = 0.03;
-constexpr double kTukey = 6;
+constexpr double kScalingTukey = 6;
 constexpr int kFewestDeviations = 60;
 constexpr std::size_t kClasses = 10;
-constexpr double kOutlier = 6;
+constexpr double kScalingOutlier = 6;
 
 /// The two knots around a place, and the weight of the second.
 struct Between {
@@ -139,7 +139,7 @@ void Scaler::addGroup(const std::vector<std::uint32_t>& group, MatrixXd& normal,
         direction(i) = factor(i) / sigma(i);
     }
     const double freedom = std::max<double>(static_cast<double>(count) - 1, 1);
-    const double part = 1 - residual.squaredNorm() / freedom / (kTukey * kTukey);
+    const double part = 1 - residual.squaredNorm() / freedom / (kScalingTukey * kScalingTukey);
     if (part <= 0) return;
     m_model.pairs += static_cast<int>(count);
     MatrixXd full = MatrixXd::Zero(count, m_size);
@@ -179,7 +179,7 @@ double Scaler::misfit() const {
             squares += weight * one.intensity * one.intensity;
         }
         const double freedom = static_cast<double>(group.size()) - 1;
-        sum += std::min(squares - top * top / bottom, kTukey * kTukey * freedom);
+        sum += std::min(squares - top * top / bottom, kScalingTukey * kScalingTukey * freedom);
     }
     return sum;
 }
@@ -191,7 +191,7 @@ ScaleModel Scaler::fit() {
     double spread = kFirstSpread;
     double decaySpread = kFirstDecaySpread;
     double freedom = 0;
-    for (m_model.rounds = 0; m_model.rounds < kRounds; ++m_model.rounds) {
+    for (m_model.rounds = 0; m_model.rounds < kScalingRounds; ++m_model.rounds) {
         MatrixXd normal = MatrixXd::Zero(m_size, m_size);
         VectorXd right = VectorXd::Zero(m_size);
         m_model.pairs = 0;
@@ -320,7 +320,7 @@ int markOutliers(std::span<Observation> observations, const LaueRotations& rotat
     int marked = 0;
     for (auto group : equivalents(observations, rotations)) {
         while (group.size() > 2) {
-            double farthest = kOutlier;
+            double farthest = kScalingOutlier;
             std::size_t worst = group.size();
             double top = 0, bottom = 0;
             for (const std::uint32_t i : group) {

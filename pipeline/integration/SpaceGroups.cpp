@@ -28,12 +28,13 @@ constexpr double kCentricLimit = 0.855;
 constexpr double kSameEvidence = 0.5;
 
 /// Groups that are common among known structures, the most common first; breaks ties.
-constexpr std::array<int, 40> kCommon = {14,  2,   15,  19,  4,   61,  62,  33,  9,   60,  225, 227, 194, 166,
-                                         221, 5,   29,  1,   139, 63,  12,  11,  13,  148, 18,  56,  230, 88,
-                                         167, 129, 136, 176, 193, 141, 205, 216, 223, 52,  7,   96};
+constexpr std::array<int, 40> kCommonGroups = {
+    14, 2,  15, 19,  4,  61, 62,  33, 9,   60,  225, 227, 194, 166, 221, 5,   29,  1,  139, 63,
+    12, 11, 13, 148, 18, 56, 230, 88, 167, 129, 136, 176, 193, 141, 205, 216, 223, 52, 7,   96};
 
 int rarity(int number) {
-    return static_cast<int>(std::find(kCommon.begin(), kCommon.end(), number) - kCommon.begin());
+    return static_cast<int>(std::find(kCommonGroups.begin(), kCommonGroups.end(), number) -
+                            kCommonGroups.begin());
 }
 
 struct Condition {

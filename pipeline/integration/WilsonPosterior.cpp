@@ -8,7 +8,7 @@ namespace vrk {
 namespace {
 
 /// The normal distribution is cut off so many standard deviations from its middle.
-constexpr double kReach = 7;
+constexpr double kPriorReach = 7;
 /// Intensities so many standard deviations above 0 have normal amplitudes.
 constexpr double kStrong = 40;
 constexpr int kSteps = 200;
@@ -19,8 +19,8 @@ double expectedIntensity(double intensity, double sigma, double mean) {
     if (!(sigma > 0) || !(mean > 0)) return std::max(intensity, 0.0);
     // An exponential times a normal distribution is a normal one about another middle, cut off at 0.
     const double middle = intensity / sigma - sigma / mean;
-    if (middle > kReach) return middle * sigma;
-    if (middle < -kReach) return sigma / (-middle + 2 / -middle);
+    if (middle > kPriorReach) return middle * sigma;
+    if (middle < -kPriorReach) return sigma / (-middle + 2 / -middle);
     const double density = std::exp(-middle * middle / 2) / std::sqrt(2 * std::numbers::pi);
     return sigma * (middle + density / (0.5 * std::erfc(-middle / std::numbers::sqrt2)));
 }
@@ -32,8 +32,8 @@ Estimate expectedAmplitude(double intensity, double sigma, double mean, bool cen
     const double relative = middle / sigma;
     if (relative > kStrong) return {std::sqrt(middle), sigma / (2 * std::sqrt(middle))};
     // Far below 0 the rest of the distribution falls off as an exponential.
-    const double above = relative > 0 ? kReach : kReach / (1 - relative / kReach);
-    const double from = std::sqrt(std::max(middle - kReach * sigma, 0.0));
+    const double above = relative > 0 ? kPriorReach : kPriorReach / (1 - relative / kPriorReach);
+    const double from = std::sqrt(std::max(middle - kPriorReach * sigma, 0.0));
     const double to = std::sqrt(std::max(middle, 0.0) + above * sigma);
     const double least = std::max(-middle, 0.0) / sigma;
     double sum = 0, first = 0, second = 0;

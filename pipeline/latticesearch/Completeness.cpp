@@ -13,9 +13,9 @@ namespace {
 /// A class of nodes is judged from so many on.
 constexpr int kFewestNodes = 25;
 /// More nodes than this tell nothing new; the limit is drawn in.
-constexpr double kMostNodes = 2e6;
+constexpr double kMostCounted = 2e6;
 /// The box around a sphere of so many.
-constexpr double kMostInBox = 5.0 * kMostNodes;
+constexpr double kMostInBox = 5.0 * kMostCounted;
 /// Places whose way through the sphere takes longer than this part of a turn per step are blind.
 constexpr double kBlindSine = 0.5;
 
@@ -28,7 +28,7 @@ double limitOf(const Lattice& lattice, const std::set<Indices>& found) {
     const auto place =
         lengths.begin() + static_cast<std::ptrdiff_t>(0.98 * static_cast<double>(lengths.size() - 1));
     std::nth_element(lengths.begin(), place, lengths.end());
-    const double most = std::cbrt(kMostNodes * lattice.cellVolume() * 3.0 / (4.0 * std::numbers::pi));
+    const double most = std::cbrt(kMostCounted * lattice.cellVolume() * 3.0 / (4.0 * std::numbers::pi));
     return nodeBox(lattice.basis.inverse(), std::min(*place, most), kMostInBox).radius;
 }
 

@@ -21,7 +21,7 @@ using Eigen::Vector3d;
 
 /// Points near the origin that are paired, and points that judge a rotation.
 constexpr std::size_t kAnchors = 24;
-constexpr std::size_t kJudges = 240;
+constexpr std::size_t kFurtherJudges = 240;
 constexpr std::size_t kQuickJudges = 40;
 constexpr std::size_t kKeptRotations = 12;
 /// Errors of a place that a pair may have, voxels.
@@ -33,7 +33,7 @@ constexpr double kSplitStep = 1.0;
 constexpr double kLeastShare = 0.3;
 constexpr int kFewestPoints = 25;
 /// Thousands of rotations of one lattice do not reach this evidence on random points, nats.
-constexpr double kLeastEvidence = 60.0;
+constexpr double kLeastFurtherEvidence = 60.0;
 /// A free search must explain this much more than the first crystal's cell.
 constexpr double kMuchMore = 1.25;
 /// More pairs of nodes for pairs of points than this mean points so far out that any rotation fits.
@@ -180,7 +180,7 @@ double evidenceBetweenNodes(const Points& points, Lattice lattice) {
 }
 
 bool explains(const LatticeScore& score) {
-    return score.evidence >= kLeastEvidence && score.fraction() >= kLeastShare &&
+    return score.evidence >= kLeastFurtherEvidence && score.fraction() >= kLeastShare &&
            score.indexed >= kFewestPoints;
 }
 
@@ -238,12 +238,12 @@ std::vector<Lattice> orientationsOf(const Lattice& lattice, std::span<const Vect
     std::sort(sorted.begin(), sorted.end(),
               [](const Vector3d& a, const Vector3d& b) { return a.squaredNorm() < b.squaredNorm(); });
     // The inner half: an error of the rotation moves them least.
-    const std::span<const Vector3d> inner(sorted.data(),
-                                          std::max(sorted.size() / 2, std::min(sorted.size(), kJudges)));
+    const std::span<const Vector3d> inner(
+        sorted.data(), std::max(sorted.size() / 2, std::min(sorted.size(), kFurtherJudges)));
     const double radius = std::clamp(0.15 * lattice.shortestEdge(), 1.0, 2.5);
-    RotationContest contest(lattice, chosen(inner, kJudges), radius);
+    RotationContest contest(lattice, chosen(inner, kFurtherJudges), radius);
     enterPairs(lattice.basis, inner.first(std::min(inner.size(), kAnchors)), contest);
-    RotationContest splits(lattice, chosen(inner, kJudges), radius);
+    RotationContest splits(lattice, chosen(inner, kFurtherJudges), radius);
     enterTurns(splits, kMostSplit, kSplitStep);
 
     std::vector<std::pair<double, Lattice>> fitted;
@@ -284,7 +284,7 @@ std::optional<Lattice> partOfSplit(const Lattice& average, std::span<const Vecto
         Lattice scaled = average;
         scaled.basis *= scale;
         scaled.origin = Vector3d::Zero();
-        RotationContest contest(scaled, chosen(points, kJudges), kTight);
+        RotationContest contest(scaled, chosen(points, kFurtherJudges), kTight);
         enterTurns(contest, kMostTurn, kStep);
         for (const auto& [count, rotation] : contest.best()) {
             Lattice part = scaled;

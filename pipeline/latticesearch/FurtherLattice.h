@@ -11,6 +11,9 @@
 
 namespace vrk {
 
+/// Further crystals are looked for where more than this share of the points is on no lattice.
+inline constexpr double kUnexplained = 0.1;
+
 /// A lattice that is not one of those known before.
 struct FurtherLattice {
     LatticeCandidate candidate;

@@ -16,7 +16,7 @@ using Eigen::Vector3d;
 constexpr double kMostScale = 0.15;
 constexpr double kMostStrain = 0.04;
 constexpr double kMostAngle = 4.0 * kDegree;
-constexpr double kMostNodes = 4.5;  // of a centred cell
+constexpr double kMostKnownNodes = 4.5;  // of a centred cell
 
 /// A vector of the lattice that may be an edge.
 struct Edge {
@@ -69,7 +69,7 @@ std::optional<Matrix3d> toKnownCell(const Matrix3d& primitive, const std::array<
                 Matrix3d matrix;
                 matrix << a.indices, b.indices, c.indices;
                 const double nodes = hand * matrix.determinant();
-                if (!(nodes > 0.5 && nodes < kMostNodes)) continue;
+                if (!(nodes > 0.5 && nodes < kMostKnownNodes)) continue;
                 const Vector3d stretches(a.stretch, b.stretch, c.stretch);
                 const double misfit = Vector3d(alpha, beta, gamma).squaredNorm() +
                                       (stretches.array() - stretches.mean()).matrix().squaredNorm();

@@ -40,7 +40,7 @@ constexpr double kTukeyLimit = 6.3;
 /// Below this spread (voxels) positions count as exact.
 constexpr double kSmallestSigma = 1e-7;
 /// Points needed to begin a fit of twelve numbers.
-constexpr int kFewestPoints = 6;
+constexpr int kFewestFitted = 6;
 /// In the search, where some of the points are indexed by chance, a few more.
 constexpr int kFewestInSearch = 8;
 
@@ -176,7 +176,7 @@ bool solveOnce(const Selection& chosen, const std::vector<double>& weights, cons
 /// Robust fit with fixed indices: reweighted least squares, first with weights that keep every point, then
 /// with ones that drop outliers.
 bool solveRobust(const Selection& chosen, const CellTies& ties, Matrix34& model) {
-    if (chosen.position.size() < kFewestPoints) return false;
+    if (chosen.position.size() < kFewestFitted) return false;
     for (const Weighting weighting : {Weighting::Huber, Weighting::Tukey}) {
         for (int round = 0; round < 30; ++round) {
             std::vector<double> weights = residualLengths(chosen, model);

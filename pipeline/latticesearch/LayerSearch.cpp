@@ -21,7 +21,7 @@ using Complex = std::complex<double>;
 /// Layers closer than this cannot be told apart in a volume of voxels.
 constexpr double kLeastSpacing = 2.2;
 /// A share of the points that the Fourier sum of random positions does not reach.
-constexpr double kLeastShare = 0.15;
+constexpr double kLeastLayerShare = 0.15;
 /// No volume reaches farther. The steps of a spectrum are as many as its points reach far, and strays would
 /// make them endless.
 constexpr double kFarthest = 4000.0;
@@ -104,7 +104,8 @@ std::vector<std::pair<double, double>> strongestMaxima(const Spectrum& spectrum,
     const std::vector<double> near = spectrum.near(frequencies.size(), step);
     std::vector<std::size_t> places;
     for (std::size_t i = first; i + 1 < near.size(); ++i)
-        if (near[i] >= std::max(near[i - 1], near[i + 1]) - 2.0 * error && near[i] >= kLeastShare - error)
+        if (near[i] >= std::max(near[i - 1], near[i + 1]) - 2.0 * error &&
+            near[i] >= kLeastLayerShare - error)
             places.push_back(i);
     std::stable_sort(places.begin(), places.end(),
                      [&](std::size_t a, std::size_t b) { return near[a] > near[b]; });
@@ -114,7 +115,7 @@ std::vector<std::pair<double, double>> strongestMaxima(const Spectrum& spectrum,
         const double here = spectrum.exact(frequencies[i]);
         const double before = spectrum.exact(frequencies[i - 1]);
         const double after = spectrum.exact(frequencies[i + 1]);
-        if (here < before || here < after || here < kLeastShare) continue;
+        if (here < before || here < after || here < kLeastLayerShare) continue;
         const double curvature = before - 2.0 * here + after;
         const double shift = curvature < 0.0 ? 0.5 * (before - after) / curvature : 0.0;
         maxima.emplace_back(here, (static_cast<double>(i) + shift) * step);

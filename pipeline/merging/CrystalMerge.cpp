@@ -337,11 +337,11 @@ void Merger::collect() {
 
 /// Crystals that share too little with the others to be scaled. \returns whether there were any
 bool Merger::leaveOutStrangers() {
-    constexpr int kFewestCommon = 20;
+    constexpr int kFewestOfPair = 20;
     bool any = false;
     const std::vector<std::size_t> all = used();
     for (const std::size_t i : all)
-        if (const int common = m_result.crystals[i].scale.common; common < kFewestCommon) {
+        if (const int common = m_result.crystals[i].scale.common; common < kFewestOfPair) {
             leaveOut(i, formatted("it has %d observations in common with the others, too few for a scale",
                                   common));
             any = true;

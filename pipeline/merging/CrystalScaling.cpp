@@ -16,7 +16,7 @@ namespace {
 constexpr int kRounds = 60;
 constexpr double kSettled = 1e-4;
 /// Relative error of an observation that no scale explains; keeps strong ones from deciding alone.
-constexpr double kFloor = 0.1;
+constexpr double kScaleFloor = 0.1;
 /// The limit of the biweight in standard deviations, at first and in the end.
 constexpr double kFirstTukey = 20;
 constexpr double kTukey = 6;
@@ -115,7 +115,7 @@ private:
         for (const std::uint32_t i : group) {
             const Observation& one = m_observations[i];
             const double factor = m_scales[one.source].factor(one.spacing);
-            const double variance = one.sigma * one.sigma + std::pow(kFloor * one.intensity, 2);
+            const double variance = one.sigma * one.sigma + std::pow(kScaleFloor * one.intensity, 2);
             terms.push_back(
                 {one.source, factor, factor * one.intensity / variance, factor * factor / variance});
             top += terms.back().top;
@@ -131,7 +131,7 @@ private:
             const Observation& one = m_observations[group[n]];
             const double expected = terms[n].factor * othersTop / othersBottom;
             const double variance = one.sigma * one.sigma + terms[n].factor * terms[n].factor / othersBottom +
-                                    std::pow(kFloor * expected, 2);
+                                    std::pow(kScaleFloor * expected, 2);
             const double residual = one.intensity - expected;
             const double part = 1 - residual * residual / (variance * tukey * tukey);
             if (part <= 0) continue;

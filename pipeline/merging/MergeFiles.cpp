@@ -19,7 +19,7 @@
 namespace vrk {
 namespace {
 
-using Json = nlohmann::ordered_json;
+using OrderedJson = nlohmann::ordered_json;
 
 constexpr const char* kMergeFile = "merge.json";
 
@@ -79,13 +79,14 @@ std::string crystalTable(const CrystalMerge& merge) {
     return table;
 }
 
-Json parametersJson(const std::array<double, 6>& cell) {
+OrderedJson parametersJson(const std::array<double, 6>& cell) {
     return {{"a", cell[0]},     {"b", cell[1]},    {"c", cell[2]},
             {"alpha", cell[3]}, {"beta", cell[4]}, {"gamma", cell[5]}};
 }
 
-Json cellsJson(const CellClustering& cells) {
-    Json json = {{"metric", "strain"}, {"clusters", Json::array()}, {"joins", Json::array()}};
+OrderedJson cellsJson(const CellClustering& cells) {
+    OrderedJson json = {
+        {"metric", "strain"}, {"clusters", OrderedJson::array()}, {"joins", OrderedJson::array()}};
     for (const CellCluster& cluster : cells.clusters)
         json["clusters"].push_back(
             {{"crystals", cluster.crystals}, {"middle", cluster.middle}, {"spread", cluster.spread}});
@@ -97,11 +98,12 @@ Json cellsJson(const CellClustering& cells) {
     return json;
 }
 
-Json crystalJson(const MergedCrystal& one) {
-    Json json = {{"name", one.name}, {"used", one.used}, {"reason", one.reason}, {"bravais", one.bravais}};
+OrderedJson crystalJson(const MergedCrystal& one) {
+    OrderedJson json = {
+        {"name", one.name}, {"used", one.used}, {"reason", one.reason}, {"bravais", one.bravais}};
     json["cell"] = parametersJson(one.cell.cell);
     json["strain"] = one.fromMiddle;
-    json["base"] = Json::array();
+    json["base"] = OrderedJson::array();
     for (const auto& row : one.indexing.base.rowwise())
         json["base"].push_back({row[0], row[1], row[2]});
     json["ways"] = one.indexing.ways;
@@ -143,7 +145,7 @@ std::vector<std::filesystem::path> writeMergedFiles(const CrystalMerge& merge, c
 void refuseFolderOfRun(const std::filesystem::path& folder) {
     std::ifstream stream(folder / ResultFolder::kSummary);
     if (!stream) return;
-    const Json summary = Json::parse(stream, nullptr, false);
+    const OrderedJson summary = OrderedJson::parse(stream, nullptr, false);
     if (!summary.is_object() || !summary.contains("merge"))
         throw Failure(folder.string() + " holds the result of a run; give another folder with --output",
                       FailureKind::Usage);
@@ -151,17 +153,17 @@ void refuseFolderOfRun(const std::filesystem::path& folder) {
 
 std::string mergeJson(const CrystalMerge& merge, const std::string& command,
                       const std::vector<std::string>& warnings) {
-    Json json;
+    OrderedJson json;
     json["program"] = {{"version", VRK::kVersion}, {"command", command}};
     json["cell"] = parametersJson(merge.cell.cell);
     json["cell"]["bravais"] = merge.bravais;
     json["cell"]["esd"] = parametersJson(merge.cellSigma);
     json["voltage_kv"] = merge.kiloVolts;
     json["cells"] = cellsJson(merge.cells);
-    json["crystals"] = Json::array();
+    json["crystals"] = OrderedJson::array();
     for (const MergedCrystal& one : merge.crystals)
         json["crystals"].push_back(crystalJson(one));
-    Json& intensities = json["intensities"];
+    OrderedJson& intensities = json["intensities"];
     const DataReduction& data = merge.data;
     intensities["d_min"] = merge.dMin;
     intensities["by_cc_half"] = data.statistics.limitByCcHalf;
@@ -172,12 +174,13 @@ std::string mergeJson(const CrystalMerge& merge, const std::string& command,
     intensities["cc_half_of_crystals"] = merge.ccHalf;
     intensities["error_model"] = {{"a", data.errors.a}, {"b", data.errors.b}};
     intensities.update(detail::reductionJson(data));
-    json["growth"] = Json::array();
+    json["growth"] = OrderedJson::array();
     for (const GrowthStep& step : merge.growth)
-        json["growth"].push_back({{"crystal", step.crystal},
-                                  {"completeness", step.completeness},
-                                  {"redundancy", step.redundancy},
-                                  {"cc_half", std::isfinite(step.ccHalf) ? Json(step.ccHalf) : Json()}});
+        json["growth"].push_back(
+            {{"crystal", step.crystal},
+             {"completeness", step.completeness},
+             {"redundancy", step.redundancy},
+             {"cc_half", std::isfinite(step.ccHalf) ? OrderedJson(step.ccHalf) : OrderedJson()}});
     json["warnings"] = warnings;
     return jsonText(json, 2);
 }
@@ -187,9 +190,9 @@ void writeMergeSummary(const std::string& json, const std::string& command, std:
     writeText(json + '\n', folder / kMergeFile);
     files.emplace_back(kMergeFile);
     files.emplace_back(kChecksumFile);
-    const Json summary = {{"program", {{"version", VRK::kVersion}, {"command", command}}},
-                          {"merge", kMergeFile},
-                          {"files", files}};
+    const OrderedJson summary = {{"program", {{"version", VRK::kVersion}, {"command", command}}},
+                                 {"merge", kMergeFile},
+                                 {"files", files}};
     writeText(jsonText(summary, 2) + '\n', folder / ResultFolder::kSummary);
 }
 

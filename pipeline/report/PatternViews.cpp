@@ -19,7 +19,7 @@ namespace {
 
 /// Of all pictures together, before and after they are packed.
 constexpr std::size_t kMostPixels = 9'000'000;
-constexpr std::size_t kMostBytes = 5'900'000;  ///< with the spots
+constexpr std::size_t kMostPatternBytes = 5'900'000;  ///< with the spots
 /// Predicted spots with less than this share of their full brightness are left out.
 constexpr float kDrawnShare = 0.05F;
 constexpr double kPlaceUnit = 16.0;  ///< of the places, in a pixel
@@ -293,7 +293,8 @@ std::string patternViews(const RunResult& result) {
     if (!result.intensities || !result.counts.frames) return "null";
     const std::string predicted = predictedSpots(result).text();
     const std::string observed = observedSpots(result).text();
-    const std::size_t most = kMostBytes - std::min(predicted.size() + observed.size(), kMostBytes / 2);
+    const std::size_t most =
+        kMostPatternBytes - std::min(predicted.size() + observed.size(), kMostPatternBytes / 2);
     const auto [frames, packed] = fittingFrames(result, most);
     const SeriesGeometry& geometry = result.intensities->integration.fit.geometry;
     const Padding padding(result);

@@ -28,7 +28,7 @@ namespace {
 namespace fs = std::filesystem;
 using Json = nlohmann::json;
 
-std::string textOf(const fs::path& path) {
+std::string contentOf(const fs::path& path) {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
 }
@@ -127,7 +127,7 @@ private:
     /// The files of merged crystals with the numbers of their summary.
     void mergedCrystals() {
         const auto name = m_summary.at("merge").get<std::string>();
-        const Json merge = Json::parse(textOf(m_folder / name), nullptr, false);
+        const Json merge = Json::parse(contentOf(m_folder / name), nullptr, false);
         const Json& numbers = merge.at("intensities");
         const double unique = numbers.at("unique").get<double>();
         with("merged.hkl",
@@ -158,7 +158,7 @@ private:
 
     void page() {
         with(kReportFile, [&](const fs::path& path) {
-            const std::optional<std::string> shown = blockOf(textOf(path), "summary");
+            const std::optional<std::string> shown = blockOf(contentOf(path), "summary");
             if (!shown || Json::parse(*shown, nullptr, false) != m_summary)
                 m_check.disagreements.push_back(std::string(kReportFile) + " shows another summary");
         });
@@ -231,7 +231,7 @@ ResultCheck checkResult(const fs::path& folder, const fs::path& input) {
                       (fs::exists(folder / ResultFolder::kUnfinished)
                            ? "; a run into it did not end, run it again"
                            : "; give the folder that 'vrk run -o' wrote"));
-    const Json summary = Json::parse(textOf(path), nullptr, false);
+    const Json summary = Json::parse(contentOf(path), nullptr, false);
     ResultCheck check;
     try {
         check.version = summary.at("program").at("version").get<std::string>();

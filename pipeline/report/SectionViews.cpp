@@ -25,7 +25,7 @@ constexpr int kReach = 1;  ///< voxels on either side of a layer, of which the b
 /// Pixels between those of which it is asked whether they were recorded; where neighbours differ, all are.
 constexpr int kMaskStep = 4;
 /// Of the packed pictures together: with reflections and program the page stays below 3 MB.
-constexpr std::size_t kMostBytes = 1'700'000;
+constexpr std::size_t kMostSectionBytes = 1'700'000;
 constexpr double kBrightest = 62.0;
 constexpr std::array<const char*, 3> kPlanes = {"hk0", "h0l", "0kl"};
 
@@ -107,7 +107,7 @@ public:
 
     std::string text() {
         std::array<std::string, kPlanes.size()> layers;
-        for (int level = 0; level <= kMostLevel && m_bytes <= kMostBytes; ++level)
+        for (int level = 0; level <= kMostLevel && m_bytes <= kMostSectionBytes; ++level)
             addLayers(level, layers);
         std::string text = formatted("{\"size\":%d,\"radius\":%.6g,\"top\":%.6g,\"noise\":%.6g,\"planes\":[",
                                      m_size, m_radius * m_volume.facts.pixelSize * 1e-10, m_top, m_noise);
@@ -158,7 +158,7 @@ private:
                                        PackedContent::Picture);
         });
         for (const Picture& picture : pictures) {
-            if (m_bytes > kMostBytes) return;
+            if (m_bytes > kMostSectionBytes) return;
             m_bytes += picture.data.size();
             std::string& text = layers[picture.plane];
             text += formatted("%s{\"level\":%d,\"data\":\"", text.empty() ? "" : ",", picture.level) +

@@ -12,8 +12,7 @@
 namespace vrk {
 namespace {
 
-/// Crystals are looked for where more than this share is on none, and so many reflections.
-constexpr double kUnexplained = 0.1;
+/// Crystals are looked for where so many reflections are on none.
 constexpr std::size_t kFewestLeft = 30;
 /// Intensities that can be scaled and merged; with fewer, those of covered spots stay in.
 constexpr std::ptrdiff_t kFewestReduced = 20;

@@ -283,7 +283,6 @@ std::size_t takeOut(const LatticeCandidate& candidate, Points& points, std::vect
 /// of the points that belongs to them
 double findOthers(PeakCell& cell, const ListSpace& space, const CellSearch& search, int most,
                   std::vector<Lattice>& lattices) {
-    constexpr double kUnexplained = 0.1;
     const auto all = static_cast<double>(cell.points.size());
     Points points = cell.points;
     std::vector<double> weights = cell.weights;

@@ -16,7 +16,7 @@
 namespace vrk {
 namespace {
 
-using Json = nlohmann::json;
+using ReadJson = nlohmann::json;
 
 constexpr const char* kSummary = "summary.json";
 
@@ -27,7 +27,7 @@ LATTICE::BravaisTypes typeOf(const std::string& name) {
     return aP;
 }
 
-Eigen::Matrix3d matrixOf(const Json& rows) {
+Eigen::Matrix3d matrixFrom(const ReadJson& rows) {
     Eigen::Matrix3d matrix;
     for (std::size_t i = 0; i < 3; ++i)
         for (std::size_t j = 0; j < 3; ++j)
@@ -37,18 +37,18 @@ Eigen::Matrix3d matrixOf(const Json& rows) {
 }
 
 /// Takes over what the summary says. \returns the tilts of the patterns, degrees
-std::vector<float> takeSummary(const Json& json, CalibrationInput& input) {
+std::vector<float> takeSummary(const ReadJson& json, CalibrationInput& input) {
     input.axisAngle = json.at("tilt_axis").at("angle_deg").get<double>();
     // The side of the sphere, which the summary states, is opposite to the sense of the positions.
     input.sense = -json.at("handedness").at("sense").get<int>();
     input.wavelength = EwaldCurvature::wavelength(json.at("parameters").at("voltage_kv").get<double>());
     input.lattice.pixelSize = json.at("input").at("pixel_size").get<double>();
-    const Json& cell = json.at("cell");
-    input.lattice.basis = matrixOf(cell.at("reciprocal_vectors_px")).transpose();
+    const ReadJson& cell = json.at("cell");
+    input.lattice.basis = matrixFrom(cell.at("reciprocal_vectors_px")).transpose();
     input.type = typeOf(cell.at("conventional").at("bravais").get<std::string>());
-    input.toConventional = matrixOf(cell.at("candidates").at(0).at("transformation"));
+    input.toConventional = matrixFrom(cell.at("candidates").at(0).at("transformation"));
     std::vector<float> tilts;
-    for (const Json& centre : json.at("centres"))
+    for (const ReadJson& centre : json.at("centres"))
         tilts.push_back(centre.at("tilt").get<float>());
     return tilts;
 }
@@ -56,7 +56,7 @@ std::vector<float> takeSummary(const Json& json, CalibrationInput& input) {
 }  // namespace
 
 RunStatement readRunSummary(std::string_view text, const std::filesystem::path& folder) {
-    const auto json = parsedJson<Json>(text);
+    const auto json = parsedJson<ReadJson>(text);
     RunStatement statement;
     statement.input.name = folder.string();
     try {
@@ -65,7 +65,7 @@ RunStatement readRunSummary(std::string_view text, const std::filesystem::path& 
             throw Failure(folder.string() +
                           " was made with --distortion, its reflections do not show the instrument any more; "
                           "give the series itself");
-    } catch (const Json::exception&) {
+    } catch (const ReadJson::exception&) {
         throw Failure((folder / kSummary).string() +
                       " is not complete; run the series again, or give it itself");
     }

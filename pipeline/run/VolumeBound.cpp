@@ -21,7 +21,7 @@ namespace vrk {
 namespace {
 
 constexpr int kSmallest = 64;
-constexpr unsigned kSamples = 60;
+constexpr unsigned kDirections = 60;
 /// Pixels stand out by so many standard deviations of their ring, and of a count.
 constexpr double kStandsOut = 10.0;
 constexpr double kSpotsWithin = 0.995;
@@ -81,7 +81,7 @@ std::unique_ptr<VoxMRCData> middleOf(const VoxMRCData& frames, unsigned size) {
 
 double radiusOfSpots(const VoxMRCData& frames) {
     const unsigned depth = frames.GetDepth();
-    const unsigned step = std::max(1U, depth / kSamples);
+    const unsigned step = std::max(1U, depth / kDirections);
     std::vector<std::vector<std::uint32_t>> samples((depth + step - 1) / step);
     VRK::shareItems(samples.size(), [&](std::size_t i, std::size_t) {
         samples[i] = brightPixels(frames.GetChunkPointer(static_cast<unsigned>(i) * step), frames.GetWidth());

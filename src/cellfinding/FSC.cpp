@@ -25,7 +25,7 @@ constexpr double kLargestRadius = 16.0;
 constexpr double kNoiseDistance = 0.75;  // in radii
 constexpr double kReach = 1.5;           // of the kernel, in radii
 
-bool refuse(const std::string& why) {
+bool refuseFsc(const std::string& why) {
     VRKLogger::getInstance()->log("No FSC clustering: " + why, VRK::Error, VRK::Information);
     return false;
 }
@@ -239,14 +239,14 @@ bool FSC::cluster(CubicGrid<ClusterPoint<double>>* grid, double radius,
                   std::vector<Cluster<Point<double>>*>* clusters, std::vector<ClusterPoint<double>*>* noise,
                   std::vector<double>* memberships, std::vector<DiffVector3D>* centres) {
     const VRK::detail::Trace trace(">> FSC::cluster", "<< FSC::cluster");
-    if (!grid || !clusters || !noise) return refuse("there is no grid or no list for the result.");
-    if (grid->getNumberOfPoints() < 2) return refuse("there are fewer than two points.");
+    if (!grid || !clusters || !noise) return refuseFsc("there is no grid or no list for the result.");
+    if (grid->getNumberOfPoints() < 2) return refuseFsc("there are fewer than two points.");
     const int axes = grid->getDimension();
-    if (axes != 2 && axes != 3) return refuse("points need two or three coordinates.");
-    if (!(radius >= 0.0) || !std::isfinite(radius)) return refuse("the radius must be 0 or above.");
+    if (axes != 2 && axes != 3) return refuseFsc("points need two or three coordinates.");
+    if (!(radius >= 0.0) || !std::isfinite(radius)) return refuseFsc("the radius must be 0 or above.");
     const Positions points = positionsOf(*grid);
     if (!std::all_of(points.begin(), points.end(), isFinite))
-        return refuse("a point has a coordinate that is no number.");
+        return refuseFsc("a point has a coordinate that is no number.");
 
     constexpr int kSteps = 100, kPotentials = 20, kCentres = 50;
     setSteps(kSteps, "FSC clustering");
@@ -262,7 +262,7 @@ bool FSC::cluster(CubicGrid<ClusterPoint<double>>* grid, double radius,
         std::ostringstream text;
         text << "a radius of " << radius << " is too small for the extent of the points; use at least "
              << smallest << '.';
-        return refuse(text.str());
+        return refuseFsc(text.str());
     }
     if (isCanceled()) return false;
     PotentialGrid potentials(points, radius, flat);

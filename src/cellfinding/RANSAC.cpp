@@ -14,34 +14,35 @@ namespace {
 
 using Coordinates = std::vector<double>;
 
-bool refuse(const std::string& why) {
+bool refuseLines(const std::string& why) {
     VRKLogger::getInstance()->log("No lines can be fitted: " + why, VRK::Error, VRK::Information);
     return false;
 }
 
 bool areUsable(const RANSAC::Settings& s) {
     if (s.mostLines < 1 || s.leastInliers < 1 || s.mostDraws < 1)
-        return refuse("numbers of lines, inliers and draws must be at least 1.");
-    if (!(s.tolerance > 0.0) || !std::isfinite(s.tolerance)) return refuse("the tolerance must be above 0.");
+        return refuseLines("numbers of lines, inliers and draws must be at least 1.");
+    if (!(s.tolerance > 0.0) || !std::isfinite(s.tolerance))
+        return refuseLines("the tolerance must be above 0.");
     if (!(s.confidence > 0.0 && s.confidence < 1.0))
-        return refuse("the confidence must lie between 0 and 1.");
+        return refuseLines("the confidence must lie between 0 and 1.");
     return true;
 }
 
 bool areUsable(const std::vector<Point<double>*>& points, const std::vector<double>* uncertainties) {
     if (uncertainties && uncertainties->size() != points.size())
-        return refuse("there are " + std::to_string(points.size()) + " points and " +
-                      std::to_string(uncertainties->size()) + " uncertainties.");
+        return refuseLines("there are " + std::to_string(points.size()) + " points and " +
+                           std::to_string(uncertainties->size()) + " uncertainties.");
     for (std::size_t i = 0; i < points.size(); ++i) {
         const Point<double>* point = points[i];
         const std::string number = std::to_string(i);
         if (!point || point->getDimension() < 2 || point->getDimension() != points[0]->getDimension())
-            return refuse("point " + number + " is missing or has the wrong number of coordinates.");
+            return refuseLines("point " + number + " is missing or has the wrong number of coordinates.");
         for (int axis = 0; axis < point->getDimension(); ++axis)
             if (!std::isfinite(point->getData(axis)))
-                return refuse("point " + number + " has a coordinate that is no number.");
+                return refuseLines("point " + number + " has a coordinate that is no number.");
         if (uncertainties && !((*uncertainties)[i] > 0.0 && std::isfinite((*uncertainties)[i])))
-            return refuse("the uncertainty of point " + number + " is not above 0.");
+            return refuseLines("the uncertainty of point " + number + " is not above 0.");
     }
     return true;
 }
@@ -226,7 +227,7 @@ private:
 
 bool RANSAC::fitLines(const std::vector<Point<double>*>* points, const std::vector<double>* uncertainties,
                       const Settings& settings, std::vector<FittedLine>* lines) {
-    if (!points || !lines) return refuse("there is no list of points or of lines.");
+    if (!points || !lines) return refuseLines("there is no list of points or of lines.");
     if (!areUsable(settings) || !areUsable(*points, uncertainties)) return false;
     Search search(*points, uncertainties, settings);
     std::vector<FittedLine> found;

@@ -20,8 +20,8 @@ namespace {
 
 using VRK::detail::append;
 
-using Vector = std::array<double, 3>;
-using Vectors = std::array<Vector, 3>;
+using RowVector = std::array<double, 3>;
+using RowVectors = std::array<RowVector, 3>;
 
 constexpr std::string_view kVersion2 = "#VRKCELLVERSION 2";
 constexpr std::size_t kVersion1Length = 36;
@@ -37,13 +37,13 @@ bool fail(const std::string& text) {
     return false;
 }
 
-Vectors vectorsOf(const UnitCell& cell) {
-    Vectors v;
+RowVectors vectorsOf(const UnitCell& cell) {
+    RowVectors v;
     cell.getBase(v[0].data(), v[1].data(), v[2].data());
     return v;
 }
 
-void logVectors(const char* heading, const Vectors& v) {
+void logVectors(const char* heading, const RowVectors& v) {
     log(heading);
     constexpr std::array<const char*, 3> labels = {"a ", "b ", "c "};
     for (std::size_t i = 0; i < 3; ++i) {
@@ -53,22 +53,22 @@ void logVectors(const char* heading, const Vectors& v) {
     }
 }
 
-std::string line(const Vector& v, const char* end = "\n") {
+std::string line(const RowVector& v, const char* end = "\n") {
     std::string text;
     append(text, "", v[0], " ", v[1], " ", v[2]);
     return text + end;
 }
 
-Vector edgesOf(const UnitCell& cell) {
+RowVector edgesOf(const UnitCell& cell) {
     return {cell.getLengthOfA(), cell.getLengthOfB(), cell.getLengthOfC()};
 }
 
-Vector anglesOf(const UnitCell& cell) {
+RowVector anglesOf(const UnitCell& cell) {
     return {cell.getAlpha(), cell.getBeta(), cell.getGamma()};
 }
 
 std::string textOfVersion2(const UnitCell& reciprocal) {
-    const Vectors v = vectorsOf(reciprocal);
+    const RowVectors v = vectorsOf(reciprocal);
     std::string text = std::string(kVersion2) + " (written by VRK3D " + VRK::kVersion + ")\n";
     text += "# reciprocal space cell vectors (pixels)\n";
     text += line(v[0]) + line(v[1]) + line(v[2]);
@@ -76,17 +76,17 @@ std::string textOfVersion2(const UnitCell& reciprocal) {
     text += line(edgesOf(reciprocal)) + line(anglesOf(reciprocal), " \n");
     text += "# direct space cell (A, deg)\n";
     const std::unique_ptr<UnitCell> direct(reciprocal.getReciprocalCell());
-    const Vector edges = edgesOf(*direct);
+    const RowVector edges = edgesOf(*direct);
     const bool isSane = std::all_of(edges.begin(), edges.end(),
                                     [](double x) { return x >= kShortestEdge && x <= kLongestEdge; });
     text += isSane ? line(edges) + line(anglesOf(*direct), " \n") : "0 0 0\n0 0 0 \n";
     return text;
 }
 
-std::string bytesOfVersion1(const Vectors& v) {
+std::string bytesOfVersion1(const RowVectors& v) {
     std::string bytes;
     for (std::size_t row = 0; row < 3; ++row)
-        for (const Vector& vector : v) {
+        for (const RowVector& vector : v) {
             const auto bits = std::bit_cast<std::uint32_t>(static_cast<float>(vector[row]));
             for (int shift = 0; shift < 32; shift += 8)
                 bytes.push_back(static_cast<char>((bits >> shift) & 0xFFU));
@@ -153,15 +153,15 @@ double parseNumber(const char*& from, const char* end) {
 }
 
 /// Three numbers; each conversion starts where the one before it stopped.
-Vector parseNumbers(const std::string& text) {
-    Vector v;
+RowVector parseNumbers(const std::string& text) {
+    RowVector v;
     const char* from = text.data();
     for (double& x : v)
         x = parseNumber(from, text.data() + text.size());
     return v;
 }
 
-void logParameters(const char* const (&labels)[3], const Vector& v) {
+void logParameters(const char* const (&labels)[3], const RowVector& v) {
     std::string text;
     append(text, labels[0], v[0], labels[1], v[1], labels[2], v[2]);
     log(text);
@@ -189,14 +189,14 @@ bool CellFileImportExport::writeCellFile_version_1(const std::string& file, doub
     log("cell file to save: " + file);
     std::ofstream out(file, std::ios::binary);
     if (!out) return fail("ERROR: Error while opening file to write " + file);
-    const Vectors v = {{{a[0], a[1], a[2]}, {b[0], b[1], b[2]}, {c[0], c[1], c[2]}}};
+    const RowVectors v = {{{a[0], a[1], a[2]}, {b[0], b[1], b[2]}, {c[0], c[1], c[2]}}};
     logVectors("zu speicherende Cell-Vektoren: ", v);
     return writeAll(out, file, bytesOfVersion1(v));
 }
 
 bool CellFileImportExport::writeCellFile_version_1(const std::string& file, UnitCell* cell) {
     if (!cell) return false;
-    Vectors v = vectorsOf(*cell);
+    RowVectors v = vectorsOf(*cell);
     return writeCellFile_version_1(file, v[0].data(), v[1].data(), v[2].data());
 }
 
@@ -218,7 +218,7 @@ bool CellFileImportExport::loadCellFile_version_1(const std::string& file, doubl
 }
 
 bool CellFileImportExport::loadCellFile_version_1(const std::string& file, UnitCell* cell) {
-    Vectors v = {};
+    RowVectors v = {};
     if (!cell || !loadCellFile_version_1(file, v[0].data(), v[1].data(), v[2].data())) return false;
     return cell->setNewBase(v[0].data(), v[1].data(), v[2].data(), false, true);
 }
@@ -244,15 +244,15 @@ bool CellFileImportExport::loadCellFile_version_2(const std::string& file, UnitC
         return fail("The first line of the cell file " + file + " has no number sign");
     while (!lines.atEnd() && !isComment(lines.next())) {
     }
-    Vectors v;
-    for (Vector& vector : v)
+    RowVectors v;
+    for (RowVector& vector : v)
         vector = parseNumbers(lines.next());
     lines.next();
-    const Vector edges = parseNumbers(lines.next());
-    const Vector angles = parseNumbers(lines.next());
+    const RowVector edges = parseNumbers(lines.next());
+    const RowVector angles = parseNumbers(lines.next());
     lines.next();
-    const Vector directEdges = parseNumbers(lines.next());
-    const Vector directAngles = parseNumbers(lines.next());
+    const RowVector directEdges = parseNumbers(lines.next());
+    const RowVector directAngles = parseNumbers(lines.next());
     if (in.bad()) return fail("Error while reading file " + file);
 
     cell->setNewBase(v[0].data(), v[1].data(), v[2].data(), false, true);

@@ -23,16 +23,16 @@ cv::Mat_<T> resultFor(const ImageView<S>& image, T* pixels) {
     return {image.height, image.width, pixels};
 }
 
-bool refuse(const char* operation, const char* reason) {
+bool refuseImage(const char* operation, const char* reason) {
     VRK::detail::log(VRK::detail::line("ImageOperations::", operation, "(): ", reason), VRK::Error);
     return false;
 }
 
 template <typename T>
 bool accept(const char* operation, const ImageView<T>& image, const void* result, bool settings = true) {
-    if (image.empty()) return refuse(operation, "the image is empty");
-    if (!result) return refuse(operation, "there is no array for the result");
-    return settings || refuse(operation, "a setting is out of its range");
+    if (image.empty()) return refuseImage(operation, "the image is empty");
+    if (!result) return refuseImage(operation, "there is no array for the result");
+    return settings || refuseImage(operation, "a setting is out of its range");
 }
 
 int operationOf(ImageOperations::Morphology operation) {

@@ -18,6 +18,7 @@
 
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "cellfinding/Parameter.h"
+#include "foundation/detail/Log.h"
 #include "processing/VoxMRCstemProcessing.h"
 #include "reflections/FindReflexes.h"
 #include "reflections/ReflexOnGrid.h"
@@ -28,6 +29,9 @@
 #include "tiltaxis/detail/EvaluationSeries.h"
 #include "visualisation/GnuplotScript.h"
 #include "visualisation/VoxOpenCV.h"
+
+using VRK::detail::line;
+using VRK::detail::log;
 
 namespace {
 
@@ -49,18 +53,6 @@ constexpr int kStepsToEitherSide = 10;
 constexpr double kFinestAccuracy = 1e-4;
 constexpr double kMostAngles = 100000.0;
 constexpr const char* kPlotsSuffix = "_searchTiltAxis_plots";
-
-void log(const std::string& text, VRK::MessageType type = VRK::Normal,
-         VRK::DebugMessageType debugType = VRK::Information) {
-    VRKLogger::getInstance()->log(text, type, debugType);
-}
-
-template <typename... Parts>
-std::string line(const Parts&... parts) {
-    std::ostringstream text;
-    (text << ... << parts);
-    return text.str();
-}
 
 /// What keeps a series from being searched; empty when nothing does.
 std::string problemOf(const VoxMRCData* series) {

@@ -11,14 +11,14 @@
 namespace vrk {
 namespace {
 
-bool recognise(const ListText& text) {
+bool recogniseEd3dList(const ListText& text) {
     return text.path().extension() == ".ed3d";
 }
 
 /// Lines KEYWORD VALUE and, between FILELIST and ENDFILELIST, lines FILE NAME TILT ... whose names are
 /// relative to the list. ROTATIONAXIS counts from x towards higher rows of the file, an axis' angle from y:
 /// 90 less.
-FrameList read(const ListText& text) {
+FrameList readEd3dList(const ListText& text) {
     FrameList list;
     bool inFiles = false;
     for (std::size_t i = 0; i < text.lines().size(); ++i) {
@@ -46,7 +46,7 @@ FrameList read(const ListText& text) {
     return list;
 }
 
-const ListFormat::Registration kEd3d({".ed3d", recognise, read});
+const ListFormat::Registration kEd3d({".ed3d", recogniseEd3dList, readEd3dList});
 
 }  // namespace
 }  // namespace vrk

@@ -10,7 +10,7 @@
 namespace vrk {
 namespace {
 
-bool recognise(const ListText& text) {
+bool recogniseMdocList(const ListText& text) {
     return text.path().extension() == ".mdoc";
 }
 
@@ -25,7 +25,7 @@ bool keyAndValue(const std::string& line, std::string& key, std::string& value) 
 
 /// Sections [ZValue = N] for the frames of a stack, taken in the order of N, or [Image = NAME] for frames in
 /// files of their own; in each a line TiltAngle = DEGREES.
-FrameList read(const ListText& text) {
+FrameList readMdocList(const ListText& text) {
     FrameList list;
     std::map<long, double> tilts;
     long section = -1;
@@ -51,7 +51,7 @@ FrameList read(const ListText& text) {
     return list;
 }
 
-const ListFormat::Registration kMdoc({".mdoc", recognise, read});
+const ListFormat::Registration kMdoc({".mdoc", recogniseMdocList, readMdocList});
 
 }  // namespace
 }  // namespace vrk

@@ -19,7 +19,7 @@ std::string lowered(std::string text) {
     return text;
 }
 
-bool recognise(const ListText& text) {
+bool recognisePtsList(const ListText& text) {
     const std::string extension = lowered(text.path().extension().string());
     return extension == ".pts" || extension == ".pts2";
 }
@@ -44,7 +44,7 @@ std::vector<std::string> wordsOf(const std::string& line) {
 /// to the list. aperpixel is in 1/Angstrom. phi is half the rotation of a frame or, with the
 /// geometry "precession", half the angle of the cone. omega counts from x
 /// counter-clockwise on the screen, so the axis lies along (cos omega, -sin omega) with y down.
-FrameList read(const ListText& text) {
+FrameList readPtsList(const ListText& text) {
     FrameList list;
     bool inFiles = false;
     std::string geometry;
@@ -77,7 +77,7 @@ FrameList read(const ListText& text) {
     return list;
 }
 
-const ListFormat::Registration kPts({".pts", recognise, read});
+const ListFormat::Registration kPts({".pts", recognisePtsList, readPtsList});
 
 }  // namespace
 }  // namespace vrk

@@ -25,14 +25,14 @@ std::optional<double> valueOf(const ListText& text, const std::string& name) {
     return std::nullopt;
 }
 
-bool recognise(const ListText& text) {
+bool recogniseRotationLog(const ListText& text) {
     return valueOf(text, "Starting angle") && valueOf(text, "Ending angle");
 }
 
 /// Lines "Starting angle", "Ending angle", "Oscillation angle" (without sign), "Number of frames",
 /// "Wavelength" (Angstrom), "Pixelsize" (1/Angstrom, whatever unit it names) and "Rotation axis" (radians,
 /// counted from x counter-clockwise on the screen: the axis lies along (cos, -sin) with y down).
-FrameList read(const ListText& text) {
+FrameList readRotationLog(const ListText& text) {
     const double start = *valueOf(text, "Starting angle");
     const double end = *valueOf(text, "Ending angle");
     const std::optional<double> frames = valueOf(text, "Number of frames");
@@ -53,7 +53,7 @@ FrameList read(const ListText& text) {
     return list;
 }
 
-const ListFormat::Registration kLog({"rotation log", recognise, read});
+const ListFormat::Registration kLog({"rotation log", recogniseRotationLog, readRotationLog});
 
 }  // namespace
 }  // namespace vrk

@@ -58,7 +58,7 @@ double numberOf(const Keywords& keywords, const std::string& keyword, double oth
     return numbers.empty() ? otherwise : numbers[0];
 }
 
-bool recognise(const ListText& text) {
+bool recogniseXdsInput(const ListText& text) {
     const auto& lines = text.lines();
     return std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
         return line.substr(0, line.find('!')).find("OSCILLATION_RANGE=") != std::string::npos;
@@ -125,7 +125,7 @@ void listFrames(const ListText& text, const Keywords& keywords, FrameList& list)
 }
 
 /// Frame n begins at STARTING_ANGLE + OSCILLATION_RANGE (n - STARTING_FRAME).
-FrameList read(const ListText& text) {
+FrameList readXdsInput(const ListText& text) {
     const Keywords keywords = keywordsOf(text);
     const double step = numberOf(keywords, "OSCILLATION_RANGE", 0);
     if (step == 0 || std::abs(step) > 90)
@@ -146,7 +146,7 @@ FrameList read(const ListText& text) {
     return list;
 }
 
-const ListFormat::Registration kXds({"XDS.INP", recognise, read});
+const ListFormat::Registration kXds({"XDS.INP", recogniseXdsInput, readXdsInput});
 
 }  // namespace
 }  // namespace vrk

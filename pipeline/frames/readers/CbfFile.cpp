@@ -45,13 +45,13 @@ private:
     std::uint64_t m_bytes = 0;
 };
 
-FrameFormat::Match recognise(const FileStart& start) {
+FrameFormat::Match recogniseCbf(const FileStart& start) {
     const bool marked =
         start.bytes.starts_with("###CBF") || start.bytes.find("X-Binary-Size") != std::string_view::npos;
     return marked ? FrameFormat::Match::Yes : FrameFormat::Match::No;
 }
 
-const FrameFormat::Registration kCbf({"CBF", recognise, FrameFormat::openAs<CbfFile>});
+const FrameFormat::Registration kCbf({"CBF", recogniseCbf, FrameFormat::openAs<CbfFile>});
 
 /// Numbers behind a keyword in the lines that begin with #, with everything between them ("m x", "=") left
 /// out.

@@ -202,7 +202,7 @@ private:
     bool m_bigEndian = false;
 };
 
-FrameFormat::Match recognise(const FileStart& start) {
+FrameFormat::Match recogniseDm(const FileStart& start) {
     using Match = FrameFormat::Match;
     if (start.bytes.size() < 16) return Match::No;
     const std::span<const char> head(start.bytes);
@@ -213,7 +213,7 @@ FrameFormat::Match recognise(const FileStart& start) {
     return order != 0 && order != 1 ? Match::No : named ? Match::Yes : Match::Perhaps;
 }
 
-const FrameFormat::Registration kDm({"DM3/DM4", recognise, FrameFormat::openAs<DmFile>});
+const FrameFormat::Registration kDm({"DM3/DM4", recogniseDm, FrameFormat::openAs<DmFile>});
 
 DmFile::DmFile(FrameSource source) : FrameFile(std::move(source)) {
     const std::unique_ptr<FrameBytes> bytes = this->source().open();

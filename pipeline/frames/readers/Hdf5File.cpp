@@ -133,11 +133,11 @@ private:
     mutable std::unique_ptr<detail::SeparateProcess> m_process;
 };
 
-FrameFormat::Match recognise(const FileStart& start) {
+FrameFormat::Match recogniseHdf5(const FileStart& start) {
     return start.bytes.starts_with("\x89HDF\r\n\x1a\n") ? FrameFormat::Match::Yes : FrameFormat::Match::No;
 }
 
-const FrameFormat::Registration kHdf5({"HDF5", recognise, FrameFormat::openAs<Hdf5File>});
+const FrameFormat::Registration kHdf5({"HDF5", recogniseHdf5, FrameFormat::openAs<Hdf5File>});
 
 nlohmann::json Hdf5File::start() const {
     const auto server = std::make_shared<std::unique_ptr<Hdf5Server>>();

@@ -87,7 +87,7 @@ std::optional<PixelType> typeOf(long long mode, bool signedBytes) {
 }
 
 /// Files of older programs have no mark: then the numbers must make sense.
-FrameFormat::Match recognise(const FileStart& start) {
+FrameFormat::Match recogniseMrc(const FileStart& start) {
     using Match = FrameFormat::Match;
     if (start.bytes.size() < kHeaderBytes) return Match::No;
     if (start.bytes.substr(208, 3) == "MAP") return Match::Yes;
@@ -99,7 +99,7 @@ FrameFormat::Match recognise(const FileStart& start) {
     return sized && integer(8) > 0 && typeOf(integer(12), false) ? Match::Perhaps : Match::No;
 }
 
-const FrameFormat::Registration kMrc({"MRC", recognise, FrameFormat::openAs<MrcStack>});
+const FrameFormat::Registration kMrc({"MRC", recogniseMrc, FrameFormat::openAs<MrcStack>});
 
 /// Bytes of a record of SerialEM with these flags: each stands for numbers of 2, 4 or 6 bytes.
 std::size_t serialBytes(int flags) {

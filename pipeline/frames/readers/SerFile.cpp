@@ -31,12 +31,12 @@ private:
     std::vector<Element> m_elements;
 };
 
-FrameFormat::Match recognise(const FileStart& start) {
+FrameFormat::Match recogniseSer(const FileStart& start) {
     using namespace std::string_view_literals;
     return start.bytes.starts_with("II\x97\x01"sv) ? FrameFormat::Match::Yes : FrameFormat::Match::No;
 }
 
-const FrameFormat::Registration kSer({"SER", recognise, FrameFormat::openAs<SerFile>});
+const FrameFormat::Registration kSer({"SER", recogniseSer, FrameFormat::openAs<SerFile>});
 
 /// A whole number of 64 bits; one that no file reaches stands for all beyond.
 std::uint64_t wholeNumber(double value) {

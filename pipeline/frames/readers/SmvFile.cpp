@@ -45,13 +45,13 @@ private:
     bool m_bigEndian = false;
 };
 
-FrameFormat::Match recognise(const FileStart& start) {
+FrameFormat::Match recogniseSmv(const FileStart& start) {
     return start.bytes.starts_with("{") && start.bytes.find("HEADER_BYTES") != std::string_view::npos
                ? FrameFormat::Match::Yes
                : FrameFormat::Match::No;
 }
 
-const FrameFormat::Registration kSmv({"SMV", recognise, FrameFormat::openAs<SmvFile>});
+const FrameFormat::Registration kSmv({"SMV", recogniseSmv, FrameFormat::openAs<SmvFile>});
 
 SmvFile::SmvFile(FrameSource source) : FrameFile(std::move(source)) {
     m_infos.resize(1);

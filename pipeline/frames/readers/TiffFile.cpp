@@ -150,14 +150,14 @@ constexpr bool kBigEndianHost = std::endian::native == std::endian::big;
 
 constexpr const char* kDoNotFit = "its strips or tiles do not fit its pages; the TIFF is damaged";
 
-FrameFormat::Match recognise(const FileStart& start) {
+FrameFormat::Match recogniseTiff(const FileStart& start) {
     using namespace std::string_view_literals;
     for (const std::string_view mark : {"II*\0"sv, "MM\0*"sv, "II+\0"sv, "MM\0+"sv})
         if (start.bytes.starts_with(mark)) return FrameFormat::Match::Yes;
     return FrameFormat::Match::No;
 }
 
-const FrameFormat::Registration kTiff({"TIFF", recognise, FrameFormat::openAs<TiffFile>});
+const FrameFormat::Registration kTiff({"TIFF", recogniseTiff, FrameFormat::openAs<TiffFile>});
 
 TiffFile::TiffFile(FrameSource source) : FrameFile(std::move(source)) {
     OpenTiff tiff(this->source().open());

@@ -42,14 +42,14 @@ private:
     std::uint64_t m_pixelBytes = 0;
 };
 
-FrameFormat::Match recognise(const FileStart& start) {
+FrameFormat::Match recogniseTvips(const FileStart& start) {
     using Match = FrameFormat::Match;
     if (start.bytes.size() < 52 || start.extension != ".tvips") return Match::No;
     const double version = decodeNumber(start.bytes, 4, PixelType::UInt32, false);
     return version == 1 || version == 2 ? Match::Yes : Match::No;
 }
 
-const FrameFormat::Registration kTvips({"TVIPS", recognise, FrameFormat::openAs<TvipsFile>});
+const FrameFormat::Registration kTvips({"TVIPS", recogniseTvips, FrameFormat::openAs<TvipsFile>});
 
 TvipsFile::TvipsFile(FrameSource source) : FrameFile(std::move(source)) {
     constexpr std::size_t headerBytes = 52;

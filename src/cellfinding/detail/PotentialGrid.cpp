@@ -13,8 +13,8 @@ using Position = PotentialGrid::Position;
 constexpr double kCellsPerRadius = 4.0;
 constexpr double kMostCells = 1 << 24;
 /// Beyond it, in radii, a point adds less than 2e-4.
-constexpr double kReach = 1.5;
-constexpr auto kTaps = static_cast<std::size_t>(kReach * kCellsPerRadius);
+constexpr double kKernelReach = 1.5;
+constexpr auto kTaps = static_cast<std::size_t>(kKernelReach * kCellsPerRadius);
 /// Of the potential that is taken away, in radii.
 constexpr double kSubtracted = 1.5;
 /// A centre of less than this share of the first must stand apart from the others.
@@ -251,7 +251,7 @@ bool PotentialGrid::standsApart(const Position& place, double potential) const {
 }
 
 void PotentialGrid::subtract(const Cell& centre, double potential) {
-    const int reach = static_cast<int>(kReach * kSubtracted * kCellsPerRadius);
+    const int reach = static_cast<int>(kKernelReach * kSubtracted * kCellsPerRadius);
     Cell from;
     Cell to;
     for (std::size_t k = 0; k < 3; ++k) {

@@ -15,7 +15,7 @@ constexpr int kSegment = 8;
 constexpr int kWidest = 6;
 /// Natural logarithm of a row's counts over those of its neighbours.
 constexpr double kLeastStep = 0.1;
-constexpr double kSignificant = 8.0;  // standard deviations
+constexpr double kSignificantStep = 8.0;  // standard deviations
 
 /// Natural logarithms of the counts in the segments of each row.
 std::vector<std::vector<double>> segmentsOf(const std::vector<float>& values, int width, int height,
@@ -62,7 +62,7 @@ std::vector<int> outstandingRows(const std::vector<float>& values, int width, in
         steps[y] = stepOf(rows, y, y - kWidest, y + kWidest);
         sizes.push_back(std::abs(steps[y]));
     }
-    const double limit = std::max(kLeastStep, kSignificant * 1.4826 * medianOf(sizes));
+    const double limit = std::max(kLeastStep, kSignificantStep * 1.4826 * medianOf(sizes));
     for (std::size_t y = 0; y < steps.size(); ++y)
         if (std::abs(steps[y]) > limit) found.push_back(static_cast<int>(y));
     // Where the row to compare with was in a gap itself, one next to it tells.

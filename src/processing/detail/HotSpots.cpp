@@ -19,7 +19,7 @@ constexpr double kSigmas = 7.0;
 constexpr double kSigmaPerDeviation = 1.4826 * 1.15;
 constexpr int kSamplingStep = 7;
 constexpr std::size_t kPatternsToTellStuckPixels = 5;
-constexpr int kBlock = 64;
+constexpr int kColumnBlock = 64;
 /// Deviations from here on are counted together.
 constexpr int kCounted = 1024;
 
@@ -193,8 +193,8 @@ int HotSpotFilter::apply(const Frame& in, Frame out) {
     for (int y = 0; y < in.rows; ++y) {
         const short* values = in[y];
         const short* medians = m_median[y];
-        for (int begin = 0; begin < in.cols; begin += kBlock) {
-            const int end = std::min(begin + kBlock, in.cols);
+        for (int begin = 0; begin < in.cols; begin += kColumnBlock) {
+            const int end = std::min(begin + kColumnBlock, in.cols);
             if (!anyLeaves(values + begin, medians + begin, end - begin, lowestLimit)) continue;
             for (int x = begin; x < end; ++x) {
                 const int deviation = std::abs(values[x] - medians[x]);

@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::size_t kLanes = OppositePixels::kLanes;
 using Lanes [[gnu::vector_size(kLanes * sizeof(double))]] = double;
-using Mask [[gnu::vector_size(kLanes * sizeof(double))]] = std::int64_t;
+using LaneMask [[gnu::vector_size(kLanes * sizeof(double))]] = std::int64_t;
 using Floats [[gnu::vector_size(kLanes * sizeof(float))]] = float;
 
 #if defined(__x86_64__)
@@ -104,11 +104,11 @@ struct Weights {
         const Loaded d(pairs.difference, place), p(pairs.precision, place);
         const Lanes rest = 1.0 - d.lanes * d.lanes * p.lanes * inverseLimit2;
         inlier = rest > 0.0;
-        robust = reinterpret_cast<Lanes>(reinterpret_cast<Mask>(rest * rest) & inlier);
+        robust = reinterpret_cast<Lanes>(reinterpret_cast<LaneMask>(rest * rest) & inlier);
         whole = robust * p.lanes;
     }
     Lanes robust, whole;
-    Mask inlier;
+    LaneMask inlier;
 };
 
 #if defined(__x86_64__)
@@ -117,7 +117,7 @@ struct Weights {
 void addCentre(const OppositePixels::Pairs& pairs, std::size_t n, double inverseLimit2,
                SymmetryEquations& e) {
     Lanes xx{}, xy{}, yy{}, bx{}, by{}, weights{};
-    Mask inliers{};
+    LaneMask inliers{};
     for (std::size_t i = 0; i < n; i += kLanes) {
         const Weights w(pairs, i, inverseLimit2);
         const Loaded d(pairs.difference, i), gx(pairs.gradientX, i), gy(pairs.gradientY, i);

@@ -52,34 +52,34 @@ Average fastestAverage() {
 }
 #endif
 
-constexpr std::size_t kBlock = 8;
+constexpr std::size_t kTransposeBlock = 8;
 
 /// Exchanges rows and columns of 8 x 8 values: three times the rows of the upper half are interleaved with
 /// those of the lower half.
 void transposeBlock(const short* in, std::size_t inStride, short* out, std::size_t outStride) {
-    std::array<cv::v_int16x8, kBlock> rows, mixed;
-    for (std::size_t i = 0; i < kBlock; ++i)
+    std::array<cv::v_int16x8, kTransposeBlock> rows, mixed;
+    for (std::size_t i = 0; i < kTransposeBlock; ++i)
         rows[i] = cv::v_load(in + i * inStride);
     for (int round = 0; round < 3; ++round) {
-        for (std::size_t i = 0; i < kBlock / 2; ++i)
-            cv::v_zip(rows[i], rows[i + kBlock / 2], mixed[2 * i], mixed[2 * i + 1]);
+        for (std::size_t i = 0; i < kTransposeBlock / 2; ++i)
+            cv::v_zip(rows[i], rows[i + kTransposeBlock / 2], mixed[2 * i], mixed[2 * i + 1]);
         std::swap(rows, mixed);
     }
-    for (std::size_t i = 0; i < kBlock; ++i)
+    for (std::size_t i = 0; i < kTransposeBlock; ++i)
         cv::v_store(out + i * outStride, rows[i]);
 }
 
 /// Tiles keep what is read and what is written in the cache.
 void transpose(const short* in, std::size_t width, std::size_t height, short* out) {
-    constexpr std::size_t kTile = 8 * kBlock;
+    constexpr std::size_t kTile = 8 * kTransposeBlock;
     for (std::size_t tileY = 0; tileY < height; tileY += kTile)
         for (std::size_t tileX = 0; tileX < width; tileX += kTile) {
             const std::size_t endY = std::min(tileY + kTile, height);
             const std::size_t endX = std::min(tileX + kTile, width);
-            const std::size_t wholeY = tileY + (endY - tileY) / kBlock * kBlock;
-            const std::size_t wholeX = tileX + (endX - tileX) / kBlock * kBlock;
-            for (std::size_t x = tileX; x < wholeX; x += kBlock)
-                for (std::size_t y = tileY; y < wholeY; y += kBlock)
+            const std::size_t wholeY = tileY + (endY - tileY) / kTransposeBlock * kTransposeBlock;
+            const std::size_t wholeX = tileX + (endX - tileX) / kTransposeBlock * kTransposeBlock;
+            for (std::size_t x = tileX; x < wholeX; x += kTransposeBlock)
+                for (std::size_t y = tileY; y < wholeY; y += kTransposeBlock)
                     transposeBlock(in + y * width + x, width, out + x * height + y, height);
             for (std::size_t x = tileX; x < endX; ++x)
                 for (std::size_t y = x < wholeX ? wholeY : tileY; y < endY; ++y)

@@ -26,7 +26,7 @@ constexpr int kSpotRadius = 7;
 /// A region is dark below this share of what surrounds it ...
 const float kDark = std::log(1 / 0.75F);
 /// ... when the difference is so many deviations of the noise.
-constexpr double kSignificant = 8.0;
+constexpr double kSignificantDifference = 8.0;
 /// Share of a shadow's depth that lies in its edge.
 constexpr float kSharp = 0.6F;
 /// Share of its outline along which the edge is like that.
@@ -212,7 +212,7 @@ std::vector<ShadowFinder::Shadow> ShadowFinder::darkRegions() const {
     for (std::size_t i = 0; i < dark.size(); ++i) {
         const double rise = std::sqrt(std::exp(double{m_depths[i]})) - 1;
         const double difference = 2 * std::sqrt(m_counts * double{m_level[i]} + kFewCounts) * rise;
-        dark[i] = m_depths[i] > kDark && difference > kSignificant ? 255 : 0;
+        dark[i] = m_depths[i] > kDark && difference > kSignificantDifference ? 255 : 0;
     }
     dark = morphed(view(dark), Morphology::Open, 1);
     std::vector<int> labels(dark.size());
