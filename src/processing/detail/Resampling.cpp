@@ -94,7 +94,7 @@ void FrameShift::apply(const Frame& in, double dx, double dy, Frame out) {
     const Displacement x = split(dx);
     const Displacement y = split(dy);
     if (x.fraction == 0.0 && y.fraction == 0.0) {
-        copyMoved(in, -x.whole, -y.whole, out);
+        copyMoved(out.data == in.data ? in.clone() : in, -x.whole, -y.whole, out);
         return;
     }
     interpolate(in, cubicWeights(x.fraction), cubicWeights(y.fraction));

@@ -11,7 +11,8 @@
 
 namespace VRK::detail {
 
-/// Moves patterns by (dx, dy) pixels, to the right and down. Pixels from beyond the frame are 0.
+/// Moves patterns by (dx, dy) pixels, to the right and down. Pixels from beyond the frame are 0. The result
+/// may be written over the pattern.
 class FrameShift {
 public:
     void apply(const Frame& in, double dx, double dy, Frame out);
