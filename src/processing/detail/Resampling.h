@@ -47,6 +47,10 @@ private:
         std::uint16_t stepY = 0;
     };
     Source sourceOf(double x, double y, int width, int height) const;
+    struct Columns;
+    Columns columnsOf(const Source& source) const;
+    short interpolate(const Source& source) const;
+    void interpolateFour(const Source* sources, short* target) const;
 
     std::array<std::array<float, 4>, kSteps> m_weights;
     std::vector<Source> m_sources;
