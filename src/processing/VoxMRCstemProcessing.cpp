@@ -17,6 +17,7 @@
 #include "foundation/SharedLoop.h"
 #include "foundation/detail/LargePages.h"
 #include "foundation/detail/Log.h"
+#include "foundation/detail/Selection.h"
 #include "foundation/detail/SingleThreadedOpenCV.h"
 #include "processing/RecordedPixels.h"
 #include "processing/SamplingGeometry.h"
@@ -75,7 +76,9 @@ public:
 
     void set(unsigned pattern, const Frame& frame) {
         Values& values = m_ofPattern[pattern];
-        cv::minMaxLoc(frame, &values.lowest, &values.highest);
+        const VRK::detail::Extremes extremes = VRK::detail::extremesOf({frame[0], frame.total()});
+        values.lowest = extremes.lowest;
+        values.highest = extremes.highest;
         values.sum = cv::sum(frame)[0];
         values.count = static_cast<double>(frame.total());
     }
