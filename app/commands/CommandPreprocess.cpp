@@ -74,7 +74,7 @@ public:
 
     void centre(const CentreChoice& choice) {
         const auto start = std::chrono::steady_clock::now();
-        MovedSeries moved = movedToCentre(*m_series, m_before, choice, m_host.session());
+        MovedSeries moved = movedToCentre(std::move(m_series), m_before, choice, m_host.session());
         m_series = std::move(moved.frames);
         m_recorded = std::move(moved.recorded);
         const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;

@@ -79,11 +79,11 @@ void RecordedCounts::restore(Session& session) {
     again = nullptr;
 }
 
-MovedSeries movedToCentre(const VoxMRCData& frames, const FrameSize& before, const CentreChoice& choice,
-                          Session& session) {
+MovedSeries movedToCentre(std::unique_ptr<VoxMRCData> frames, const FrameSize& before,
+                          const CentreChoice& choice, Session& session, std::unique_ptr<VoxMRCData>* kept) {
     VoxMRCstemProcessing processing;
     processing.registerObserver(&session.progress());
-    const int size = static_cast<int>(frames.GetWidth());
+    const int size = static_cast<int>(frames->GetWidth());
     // Option, file and results count in the frames as they came.
     const double left = 0.5 * (size - before.width);
     const double top = 0.5 * (size - before.height);
@@ -91,21 +91,24 @@ MovedSeries movedToCentre(const VoxMRCData& frames, const FrameSize& before, con
     ShadowMask& shadows = result.shadows;
     if (choice.source == CentreChoice::Source::Search) {
         const Stage stage(session, "centre");
-        const bool found = processing.findCentres(&frames, result.centres, &shadows);
+        const bool found = processing.findCentres(frames.get(), result.centres, &shadows);
         session.checkCanceled();
         if (!found) throw Failure("the centres could not be searched: " + session.lastError());
         tellOf(result.centres, session);
     } else {
-        result.centres = givenCentres(frames.m_Header, choice);
+        result.centres = givenCentres(frames->m_Header, choice);
         for (PatternCentre& centre : result.centres) {
             centre.x += left;
             centre.y += top;
         }
-        shadows = ShadowMask(&frames);
+        shadows = ShadowMask(frames.get());
     }
     result.recorded = RecordedPixels(size, size, areaOf(before, size), shadows, result.centres);
-    result.frames =
-        runStage(session, "centre", [&] { return processing.moveToCentre(&frames, result.centres); });
+    result.frames = runStage(session, "centre", [&] {
+        return kept ? processing.moveToCentre(frames.get(), result.centres)
+                    : processing.centreInPlace(std::move(frames), result.centres);
+    });
+    if (kept) *kept = std::move(frames);
     for (PatternCentre& centre : result.centres) {
         centre.x -= left;
         centre.y -= top;
@@ -122,18 +125,16 @@ MovedSeries preprocessed(std::unique_ptr<VoxMRCData> series, const CentreChoice&
         session.warn("the frames are not square; they were padded about their centre");
         series = madeSquare(std::move(series), session);
     }
-    std::unique_ptr<VoxMRCData> filtered =
-        runStage(session, "hot spots", [&] { return processing.HotSpotFilterImageStack(series.get()); });
-    if (counts && counts->again) counts->replaced = ReplacedPixels(*series, *filtered);
-    series = std::move(filtered);
-    MovedSeries moved = movedToCentre(*series, before, choice, session);
-    if (counts) {
-        counts->shadows = std::move(moved.shadows);
-        if (!counts->again) counts->frames = std::move(series);
-    }
-    series.reset();
+    std::vector<std::vector<ReplacedPixel>> replaced;
+    series = runStage(session, "hot spots",
+                      [&] { return processing.removeHotSpots(std::move(series), &replaced); });
+    const bool keep = counts && !counts->again;
+    if (counts && counts->again) counts->replaced = ReplacedPixels(series->m_Header, std::move(replaced));
+    MovedSeries moved =
+        movedToCentre(std::move(series), before, choice, session, keep ? &counts->frames : nullptr);
+    if (counts) counts->shadows = std::move(moved.shadows);
     moved.frames = runStage(session, "background", [&] {
-        return processing.step1_BackgroundSubstraction(moved.frames.get(), moved.recorded);
+        return processing.subtractBackground(std::move(moved.frames), moved.recorded);
     });
     return moved;
 }

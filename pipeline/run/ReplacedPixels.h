@@ -2,10 +2,11 @@
 /// What a filter of few pixels did to a series.
 #pragma once
 
-#include <cstdint>
+#include <utility>
 #include <vector>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
+#include "processing/ReplacedPixel.h"
 
 namespace vrk {
 
@@ -13,20 +14,18 @@ namespace vrk {
 class ReplacedPixels {
 public:
     ReplacedPixels() = default;
-    /// \param before, after  series of one size
-    ReplacedPixels(const VoxMRCData& before, const VoxMRCData& after);
+    /// \param after     header of the series after the filter
+    /// \param ofFrame   what the filter replaced
+    ReplacedPixels(const mrcH& after, std::vector<std::vector<ReplacedPixel>> ofFrame)
+        : m_header(after), m_ofFrame(std::move(ofFrame)) {}
 
     /// Makes of what was before what was after, header included. False, and nothing is done, for a series of
     /// another size.
     bool replaceIn(VoxMRCData& before) const;
 
 private:
-    struct Pixel {
-        std::uint32_t place;  ///< in its frame
-        short value;
-    };
     mrcH m_header;
-    std::vector<std::vector<Pixel>> m_ofFrame;
+    std::vector<std::vector<ReplacedPixel>> m_ofFrame;
 };
 
 }  // namespace vrk

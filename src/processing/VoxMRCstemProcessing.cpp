@@ -12,10 +12,12 @@
 #include <span>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "foundation/SharedLoop.h"
 #include "foundation/detail/LargePages.h"
 #include "foundation/detail/Log.h"
+#include "foundation/detail/Selection.h"
 #include "foundation/detail/SingleThreadedOpenCV.h"
 #include "processing/RecordedPixels.h"
 #include "processing/SamplingGeometry.h"
@@ -74,7 +76,9 @@ public:
 
     void set(unsigned pattern, const Frame& frame) {
         Values& values = m_ofPattern[pattern];
-        cv::minMaxLoc(frame, &values.lowest, &values.highest);
+        const VRK::detail::Extremes extremes = VRK::detail::extremesOf({frame[0], frame.total()});
+        values.lowest = extremes.lowest;
+        values.highest = extremes.highest;
         values.sum = cv::sum(frame)[0];
         values.count = static_cast<double>(frame.total());
     }
@@ -298,59 +302,95 @@ bool VoxMRCstemProcessing::forEachPattern(unsigned count, unsigned firstStep, co
     return complete;
 }
 
+struct VoxMRCstemProcessing::Work {
+    const VoxMRCData* series = nullptr;
+    std::unique_ptr<VoxMRCData> result = {};  ///< none yet: patterns of the same size are made
+
+    /// Over the series itself.
+    static Work inPlace(std::unique_ptr<VoxMRCData> series) {
+        const VoxMRCData* const own = series.get();
+        return {own, std::move(series)};
+    }
+};
+
 template <typename Operation>
-VoxMRCData* VoxMRCstemProcessing::eachPattern(const VoxMRCData& series, const char* name, unsigned width,
-                                              unsigned height, unsigned stepsBefore, Operation operation) {
+VoxMRCData* VoxMRCstemProcessing::overPatterns(Work work, const char* name, unsigned stepsBefore,
+                                               Operation operation) {
+    const VoxMRCData& series = *work.series;
+    if (!work.result)
+        return eachPattern(series, name, series.GetWidth(), series.GetHeight(), stepsBefore, operation);
+    VoxMRCData& result = *work.result;
+    result.m_Header = series.m_Header;
+    setSize(result.m_Header, result.GetWidth(), result.GetHeight());
     const unsigned count = series.GetDepth();
-    std::unique_ptr<VoxMRCData> result(VoxMRCData::Create3D(width, height, count));
-    if (!result)
-        return refuse(name, line("no memory for ", count, " patterns of ", width, " x ", height, " pixels"));
-    result->m_Header = series.m_Header;
-    setSize(result->m_Header, width, height);
     Densities densities(count);
     const bool complete = forEachPattern(count, stepsBefore, name, [&](unsigned pattern, std::size_t lane) {
-        Frame out = patternOf(*result, pattern);
+        Frame out = patternOf(result, pattern);
         operation(patternOf(series, pattern), out, pattern, lane);
         densities.set(pattern, out);
     });
     if (!complete) return nullptr;
-    densities.writeTo(result->m_Header);
-    return result.release();
+    densities.writeTo(result.m_Header);
+    return work.result.release();
+}
+
+template <typename Operation>
+VoxMRCData* VoxMRCstemProcessing::eachPattern(const VoxMRCData& series, const char* name, unsigned width,
+                                              unsigned height, unsigned stepsBefore, Operation operation) {
+    const unsigned count = series.GetDepth();
+    Work work{&series, std::unique_ptr<VoxMRCData>(VoxMRCData::Create3D(width, height, count))};
+    if (!work.result)
+        return refuse(name, line("no memory for ", count, " patterns of ", width, " x ", height, " pixels"));
+    return overPatterns(std::move(work), name, stepsBefore, operation);
 }
 
 VoxMRCData* VoxMRCstemProcessing::HotSpotFilterImageStack(VoxMRCData* series) {
-    static constexpr const char* kName = "HotSpotFilterImageStack";
-    if (const auto problem = problemOfImages(series)) return refuse(kName, *problem);
+    std::vector<std::vector<ReplacedPixel>> replaced;
+    return replaceHotSpots({series}, "HotSpotFilterImageStack", replaced);
+}
+
+VoxMRCData* VoxMRCstemProcessing::removeHotSpots(std::unique_ptr<VoxMRCData> series,
+                                                 std::vector<std::vector<ReplacedPixel>>* replaced) {
+    std::vector<std::vector<ReplacedPixel>> unwanted;
+    return replaceHotSpots(Work::inPlace(std::move(series)), "removeHotSpots",
+                           replaced ? *replaced : unwanted);
+}
+
+VoxMRCData* VoxMRCstemProcessing::replaceHotSpots(Work work, const char* name,
+                                                  std::vector<std::vector<ReplacedPixel>>& replaced) {
+    if (const auto problem = problemOfImages(work.series)) return refuse(name, *problem);
+    const VoxMRCData& series = *work.series;
     const VRK::detail::SingleThreadedOpenCV singleThreaded;
-    const unsigned count = series->GetDepth();
-    VRK::detail::HotSpotFilter observer(static_cast<int>(series->GetWidth()),
-                                        static_cast<int>(series->GetHeight()));
+    const unsigned count = series.GetDepth();
+    VRK::detail::HotSpotFilter observer(static_cast<int>(series.GetWidth()),
+                                        static_cast<int>(series.GetHeight()));
     setSteps(static_cast<int>(2 * count), "Hot spots");
     std::vector<const short*> patterns(count);
     for (unsigned i = 0; i < count; ++i)
-        patterns[i] = series->GetChunkPointer(i);
+        patterns[i] = series.GetChunkPointer(i);
     // As many bands of rows as there are patterns, and each through all patterns: what is kept of a band
     // stays in the cache. So little is done that threads would only wait for the memory.
     const auto rowsBefore = [&](unsigned band) {
-        return static_cast<int>(std::uint64_t{series->GetHeight()} * band / count);
+        return static_cast<int>(std::uint64_t{series.GetHeight()} * band / count);
     };
     {
         const VRK::SharedWork alone(nullptr);
-        if (!forEachPattern(count, 0, kName, [&](unsigned band, std::size_t) {
+        if (!forEachPattern(count, 0, name, [&](unsigned band, std::size_t) {
                 observer.observe(patterns, rowsBefore(band), rowsBefore(band + 1));
             }))
             return nullptr;
     }
     observer.finishObservation(count);
     VRK::PerLane<VRK::detail::HotSpotFilter> filters([&] { return observer.another(); });
-    std::vector<int> replaced(count);
-    VoxMRCData* result = eachPattern(*series, kName, series->GetWidth(), series->GetHeight(), count,
-                                     [&](const Frame& in, Frame& out, unsigned i, std::size_t lane) {
-                                         replaced[i] = filters[lane].apply(in, out);
-                                     });
-    if (result)
-        log(line("Hot spots and dead pixels replaced: ",
-                 std::accumulate(replaced.begin(), replaced.end(), 0L), " in ", count, " patterns."));
+    replaced.assign(count, {});
+    VoxMRCData* result = overPatterns(std::move(work), name, count,
+                                      [&](const Frame& in, Frame& out, unsigned i, std::size_t lane) {
+                                          filters[lane].apply(in, out, replaced[i]);
+                                      });
+    std::size_t pixels = 0;
+    for (const std::vector<ReplacedPixel>& ofPattern : replaced)
+        pixels += ofPattern.size();
+    if (result) log(line("Hot spots and dead pixels replaced: ", pixels, " in ", count, " patterns."));
     return result;
 }
 
@@ -360,11 +400,21 @@ VoxMRCData* VoxMRCstemProcessing::step1_BackgroundSubstraction(VoxMRCData* serie
 
 VoxMRCData* VoxMRCstemProcessing::step1_BackgroundSubstraction(VoxMRCData* series,
                                                                const RecordedPixels& recorded) {
-    static constexpr const char* kName = "step1_BackgroundSubstraction";
-    if (const auto problem = problemOfImages(series)) return refuse(kName, *problem);
+    return subtractBackground(Work{series}, "step1_BackgroundSubstraction", recorded);
+}
+
+VoxMRCData* VoxMRCstemProcessing::subtractBackground(std::unique_ptr<VoxMRCData> series,
+                                                     const RecordedPixels& recorded) {
+    return subtractBackground(Work::inPlace(std::move(series)), "subtractBackground", recorded);
+}
+
+VoxMRCData* VoxMRCstemProcessing::subtractBackground(Work work, const char* name,
+                                                     const RecordedPixels& recorded) {
+    const VoxMRCData* const series = work.series;
+    if (const auto problem = problemOfImages(series)) return refuse(name, *problem);
     const VRK::detail::SingleThreadedOpenCV singleThreaded;
     if (!recorded.empty() && !recorded.fits(*series))
-        return refuse(kName, "the recorded pixels are those of another series");
+        return refuse(name, "the recorded pixels are those of another series");
     struct Lane {
         VRK::detail::RadialBackground background;
         std::vector<unsigned char> lost;
@@ -376,12 +426,12 @@ VoxMRCData* VoxMRCstemProcessing::step1_BackgroundSubstraction(VoxMRCData* serie
                     std::vector<unsigned char>(recorded.empty() ? 0 : series->GetChunkSize())};
     });
     setSteps(static_cast<int>(series->GetDepth()), "Background");
-    return eachPattern(*series, kName, series->GetWidth(), series->GetHeight(), 0,
-                       [&](const Frame& in, Frame& out, unsigned i, std::size_t number) {
-                           Lane& lane = lanes[number];
-                           if (!recorded.empty()) recorded.notRecorded(i, lane.lost.data());
-                           lane.background.subtract(in, lane.lost, out);
-                       });
+    return overPatterns(std::move(work), name, 0,
+                        [&](const Frame& in, Frame& out, unsigned i, std::size_t number) {
+                            Lane& lane = lanes[number];
+                            if (!recorded.empty()) recorded.notRecorded(i, lane.lost.data());
+                            lane.background.subtract(in, lane.lost, out);
+                        });
 }
 
 VoxMRCData* VoxMRCstemProcessing::smooth(VoxMRCData* series, double sigma) {
@@ -407,7 +457,7 @@ VoxMRCData* VoxMRCstemProcessing::step2_CenterShift(VoxMRCData* series) {
     setSteps(static_cast<int>((CentreSearch::kLooks + 1) * count), "Centre");
     std::vector<PatternCentre> centres;
     if (!searchCentres(*series, kName, centres, nullptr)) return nullptr;
-    return move(*series, centres, kName, CentreSearch::kLooks * count);
+    return move({series}, centres, kName, CentreSearch::kLooks * count);
 }
 
 bool VoxMRCstemProcessing::findCentres(const VoxMRCData* series, std::vector<PatternCentre>& centres,
@@ -423,13 +473,23 @@ bool VoxMRCstemProcessing::findCentres(const VoxMRCData* series, std::vector<Pat
 
 VoxMRCData* VoxMRCstemProcessing::moveToCentre(const VoxMRCData* series,
                                                const std::vector<PatternCentre>& centres) {
-    static constexpr const char* kName = "moveToCentre";
-    if (const auto problem = problemOfImages(series)) return refuse(kName, *problem);
-    if (centres.size() != series->GetDepth())
-        return refuse(kName, line(centres.size(), " centres for ", series->GetDepth(), " patterns"));
-    if (const auto problem = problemOf(centres, *series)) return refuse(kName, *problem);
-    setSteps(static_cast<int>(series->GetDepth()), "Centre");
-    return move(*series, centres, kName, 0);
+    return moveChecked({series}, "moveToCentre", centres);
+}
+
+VoxMRCData* VoxMRCstemProcessing::centreInPlace(std::unique_ptr<VoxMRCData> series,
+                                                const std::vector<PatternCentre>& centres) {
+    return moveChecked(Work::inPlace(std::move(series)), "centreInPlace", centres);
+}
+
+VoxMRCData* VoxMRCstemProcessing::moveChecked(Work work, const char* name,
+                                              const std::vector<PatternCentre>& centres) {
+    if (const auto problem = problemOfImages(work.series)) return refuse(name, *problem);
+    const unsigned count = work.series->GetDepth();
+    if (centres.size() != count)
+        return refuse(name, line(centres.size(), " centres for ", count, " patterns"));
+    if (const auto problem = problemOf(centres, *work.series)) return refuse(name, *problem);
+    setSteps(static_cast<int>(count), "Centre");
+    return move(std::move(work), centres, name, 0);
 }
 
 bool VoxMRCstemProcessing::searchCentres(const VoxMRCData& series, const char* name,
@@ -462,23 +522,23 @@ bool VoxMRCstemProcessing::searchCentres(const VoxMRCData& series, const char* n
     return true;
 }
 
-VoxMRCData* VoxMRCstemProcessing::move(const VoxMRCData& series, const std::vector<PatternCentre>& centres,
-                                       const char* name, unsigned stepsBefore) {
+VoxMRCData* VoxMRCstemProcessing::move(Work work, const std::vector<PatternCentre>& centres, const char* name,
+                                       unsigned stepsBefore) {
     const VRK::detail::SingleThreadedOpenCV singleThreaded;
     logCentres(centres);
     VRK::PerLane<VRK::detail::FrameShift> shifts([] { return VRK::detail::FrameShift(); });
-    const cv::Point2d target =
-        VRK::detail::centreOf(static_cast<int>(series.GetWidth()), static_cast<int>(series.GetHeight()));
-    return eachPattern(series, name, series.GetWidth(), series.GetHeight(), stepsBefore,
-                       [&](const Frame& in, Frame& out, unsigned i, std::size_t lane) {
-                           const double dx = target.x - centres[i].x;
-                           const double dy = target.y - centres[i].y;
-                           const bool known = centres[i].source != PatternCentre::Source::None;
-                           if (!known || VRK::detail::isCentred(dx, dy))
-                               in.copyTo(out);
-                           else
-                               shifts[lane].apply(in, dx, dy, out);
-                       });
+    const cv::Point2d target = VRK::detail::centreOf(static_cast<int>(work.series->GetWidth()),
+                                                     static_cast<int>(work.series->GetHeight()));
+    return overPatterns(std::move(work), name, stepsBefore,
+                        [&](const Frame& in, Frame& out, unsigned i, std::size_t lane) {
+                            const double dx = target.x - centres[i].x;
+                            const double dy = target.y - centres[i].y;
+                            const bool known = centres[i].source != PatternCentre::Source::None;
+                            if (known && !VRK::detail::isCentred(dx, dy))
+                                shifts[lane].apply(in, dx, dy, out);
+                            else if (out.data != in.data)
+                                in.copyTo(out);
+                        });
 }
 
 VoxMRCData* VoxMRCstemProcessing::step3_Rotation2TiltAxis(VoxMRCData* series, bool quiet, double angleDegrees,

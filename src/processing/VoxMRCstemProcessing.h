@@ -2,6 +2,7 @@
 /// From the raw tilt series to the reciprocal volume: preprocessing of the patterns and reconstruction.
 #pragma once
 
+#include <memory>
 #include <vector>
 
 #include "VRKCoreExport.h"
@@ -9,6 +10,7 @@
 #include "foundation/VoxProgressObserver.h"
 #include "processing/FrameDistortion.h"
 #include "processing/PatternCentre.h"
+#include "processing/ReplacedPixel.h"
 
 class RecordedPixels;
 class SamplingGeometry;
@@ -19,11 +21,12 @@ class FrameRotation;
 
 /// The operations on a tilt series.
 ///
-/// Every operation leaves its input untouched and returns new data that the caller owns, or null after a
-/// log line that says why: no data, a shape that the operation cannot take, no memory, or cancellation by the
-/// progress observer, which is asked once per pattern (per layer in the reconstruction). Progress is
-/// announced in the same steps. Header, tilt angles and pixel sizes of the result follow what was done to the
-/// pixels; amin, amax and amean are those of the result. Results of the preprocessing carry no histogram.
+/// Every operation but those in place leaves its input untouched and returns new data that the caller owns,
+/// or null after a log line that says why: no data, a shape that the operation cannot take, no memory, or
+/// cancellation by the progress observer, which is asked once per pattern (per layer in the reconstruction).
+/// Progress is announced in the same steps. Header, tilt angles and pixel sizes of the result follow what was
+/// done to the pixels; amin, amax and amean are those of the result. Results of the preprocessing carry no
+/// histogram.
 ///
 /// A series holds patterns of 16-bit counts, x fastest (docs/conventions.md). The order that serves a usual
 /// series best, and that of `vrk preprocess`:
@@ -119,6 +122,19 @@ public:
     VoxMRCData* moveToCentre(const VoxMRCData* series, const std::vector<PatternCentre>& centres);
     /// @}
 
+    /// \name In place
+    /// HotSpotFilterImageStack(), moveToCentre() and step1_BackgroundSubstraction() for a series that is not
+    /// wanted any more: what they return is written over it, so that no second one takes memory. Where they
+    /// return null the series is gone. A histogram that it has is left as it is.
+    /// @{
+
+    /// \param replaced  receives the pixels of each pattern that were replaced; may be null
+    VoxMRCData* removeHotSpots(std::unique_ptr<VoxMRCData> series,
+                               std::vector<std::vector<ReplacedPixel>>* replaced = nullptr);
+    VoxMRCData* centreInPlace(std::unique_ptr<VoxMRCData> series, const std::vector<PatternCentre>& centres);
+    VoxMRCData* subtractBackground(std::unique_ptr<VoxMRCData> series, const RecordedPixels& recorded);
+    /// @}
+
     /// Turns every pattern about its centre so that the tilt axis lies along y.
     ///
     /// \param quiet         no remark on the rotation in the log
@@ -198,8 +214,13 @@ private:
     /// threads (foundation/WorkSharing.h). False when it was canceled.
     template <typename Visit>
     bool forEachPattern(unsigned count, unsigned firstStep, const char* name, Visit visit);
+    /// What an operation works on: the result is new, or the series itself.
+    struct Work;
     /// Makes the result of an operation that takes pattern by pattern: operation(in, out, pattern number,
-    /// lane). \p stepsBefore count for the progress.
+    /// lane), where both may be the same pixels. \p stepsBefore count for the progress.
+    template <typename Operation>
+    VoxMRCData* overPatterns(Work work, const char* name, unsigned stepsBefore, Operation operation);
+    /// The same into new patterns of this size.
     template <typename Operation>
     VoxMRCData* eachPattern(const VoxMRCData& series, const char* name, unsigned width, unsigned height,
                             unsigned stepsBefore, Operation operation);
@@ -208,8 +229,12 @@ private:
                             int verbosity, bool quiet);
     bool searchCentres(const VoxMRCData& series, const char* name, std::vector<PatternCentre>& centres,
                        ShadowMask* shadows);
-    VoxMRCData* move(const VoxMRCData& series, const std::vector<PatternCentre>& centres, const char* name,
+    VoxMRCData* replaceHotSpots(Work work, const char* name,
+                                std::vector<std::vector<ReplacedPixel>>& replaced);
+    VoxMRCData* moveChecked(Work work, const char* name, const std::vector<PatternCentre>& centres);
+    VoxMRCData* move(Work work, const std::vector<PatternCentre>& centres, const char* name,
                      unsigned stepsBefore);
+    VoxMRCData* subtractBackground(Work work, const char* name, const RecordedPixels& recorded);
     VoxMRCData* turn(const VoxMRCData& series, const char* name, double angleDegrees,
                      const FrameDistortion& distortion, int verbosity);
     VoxMRCData* halve(const VoxMRCData* series, const char* name, bool sum, bool quiet, int verbosity);

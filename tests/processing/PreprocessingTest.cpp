@@ -179,8 +179,18 @@ TEST(Preprocessing, EqualsThePlainStepsBitForBit) {
             straight.push_back(plain::turned(pattern, angle, lenses));
         }
         VoxMRCstemProcessing processing;
-        expectEqual(*Data(processing.HotSpotFilterImageStack(data.get())), plain::withoutHotSpots(series));
+        const std::vector<plain::Pattern> clean = plain::withoutHotSpots(series);
+        expectEqual(*Data(processing.HotSpotFilterImageStack(data.get())), clean);
         expectEqual(*Data(processing.step1_BackgroundSubstraction(data.get())), flat);
+        std::vector<std::vector<ReplacedPixel>> replaced;
+        expectEqual(*Data(processing.removeHotSpots(toData(series), &replaced)), clean);
+        expectEqual(*Data(processing.subtractBackground(toData(series), {})), flat);
+        for (std::size_t i = 0; i < series.size(); ++i) {
+            std::vector<short> pixels = series[i].pixels;
+            for (const ReplacedPixel& pixel : replaced[i])
+                pixels[pixel.place] = pixel.value;
+            EXPECT_EQ(pixels, clean[i].pixels);
+        }
         expectEqual(*Data(processing.step3_Rotation2TiltAxis(data.get(), true, angle, 0)), turned);
         expectEqual(*Data(processing.turnUndistorted(data.get(), angle, distortion)), straight);
         if (HasFatalFailure()) return;
@@ -200,10 +210,14 @@ TEST(Preprocessing, MovesAsThePlainShiftBitForBit) {
         };
         const double dx = distance(), dy = run % 5 == 0 ? 0 : distance();
         VRK::detail::Frame moved(pattern.height, pattern.width, short{-1});
-        shift.apply(VRK::detail::readOnly(pattern.pixels.data(), pattern.width, pattern.height), dx, dy,
-                    moved);
-        ASSERT_EQ(std::vector<short>(moved.begin(), moved.end()), plain::moved(pattern, dx, dy).pixels)
-            << pattern.width << " x " << pattern.height << " by " << dx << ", " << dy;
+        const auto frame = VRK::detail::readOnly(pattern.pixels.data(), pattern.width, pattern.height);
+        VRK::detail::Frame inPlace = frame.clone();
+        shift.apply(frame, dx, dy, moved);
+        shift.apply(inPlace, dx, dy, inPlace);
+        const std::vector<short> expected = plain::moved(pattern, dx, dy).pixels;
+        for (const VRK::detail::Frame& result : {moved, inPlace})
+            ASSERT_EQ(std::vector<short>(result.begin(), result.end()), expected)
+                << pattern.width << " x " << pattern.height << " by " << dx << ", " << dy;
     }
 }
 

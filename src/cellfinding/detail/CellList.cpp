@@ -25,10 +25,32 @@ void CellList::setBounds(const Position& min, const Position& max, double side) 
         m_last[k] = std::isfinite(m_extent[k]) ? static_cast<std::int64_t>(m_extent[k] / m_side) : 0;
 }
 
-void CellList::sortEntries(std::vector<Entry>& entries) {
-    std::sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) {
-        return a.key != b.key ? a.key < b.key : a.index < b.index;
-    });
+/// By key, and by index within a box, the order that they come in: by each coordinate of the boxes in turn.
+void CellList::sortEntries(std::vector<Entry>& entries) const {
+    const std::uint64_t longest = std::max({boxesAlong(0), boxesAlong(1), boxesAlong(2)});
+    if (longest > entries.size()) {
+        std::sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) {
+            return a.key != b.key ? a.key < b.key : a.index < b.index;
+        });
+        return;
+    }
+    std::vector<Entry> sorted(entries.size());
+    for (int axis = 0; axis < 3; ++axis) {
+        std::vector<std::uint32_t> begin(static_cast<std::size_t>(longest) + 1);
+        const auto boxOf = [axis](const Entry& entry) {
+            return static_cast<std::size_t>(coordinate(entry.key, axis));
+        };
+        for (const Entry& entry : entries)
+            ++begin[boxOf(entry) + 1];
+        for (std::size_t box = 1; box < begin.size(); ++box)
+            begin[box] += begin[box - 1];
+        for (const Entry& entry : entries)
+            sorted[begin[boxOf(entry)]++] = entry;
+        entries.swap(sorted);
+    }
+}
+
+void CellList::makeBoxes(const std::vector<Entry>& entries) {
     m_index.reserve(entries.size());
     for (std::size_t place = 0; place < entries.size(); ++place) {
         const auto here = static_cast<std::uint32_t>(place);

@@ -42,6 +42,8 @@ public:
     const std::vector<double>& x() const { return m_x; }
     const std::vector<double>& y() const { return m_y; }
     const std::vector<double>& z() const { return m_z; }
+    /// Boxes along an axis, empty ones included.
+    std::uint64_t boxesAlong(std::size_t axis) const { return static_cast<std::uint64_t>(m_last[axis]) + 1; }
     /// Extent of the points along an axis, in units of the coordinates.
     double extent(std::size_t axis) const { return m_extent[axis]; }
 
@@ -75,7 +77,8 @@ private:
     std::uint64_t boxOf(double x, std::size_t axis) const {
         return m_last[axis] == 0 ? 0 : static_cast<std::uint64_t>((x - m_min[axis]) / m_side);
     }
-    void sortEntries(std::vector<Entry>& entries);
+    void sortEntries(std::vector<Entry>& entries) const;
+    void makeBoxes(const std::vector<Entry>& entries);
     /// The boxes of an axis that the interval around x may touch; empty when from > to.
     struct Interval {
         std::int64_t from;
@@ -130,6 +133,7 @@ CellList::CellList(std::size_t count, double side, PositionOf position) {
                 {keyOf(boxOf(p[0], 0), boxOf(p[1], 1), boxOf(p[2], 2)), static_cast<std::uint32_t>(i)});
     }
     sortEntries(entries);
+    makeBoxes(entries);
     m_x.reserve(finite);
     m_y.reserve(finite);
     m_z.reserve(finite);

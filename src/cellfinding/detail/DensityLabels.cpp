@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <limits>
 #include <numeric>
 
 #include "cellfinding/detail/CellList.h"
@@ -47,8 +48,84 @@ struct BoxRange {
     std::size_t end = 0;
 };
 
+/// For each box, what the boxes up to two steps away from it count together, or more where it would take long
+/// to tell: sums along x, y and z, one after the other.
+class CountsAround {
+public:
+    CountsAround(const CellList& cells, const std::vector<std::uint32_t>& counts)
+        : m_boxes(cells.boxes()),
+          m_counts(counts),
+          m_around(m_boxes.size(), std::numeric_limits<std::uint32_t>::max()) {
+        constexpr std::uint64_t kMostAlong = 1 << 12;
+        constexpr std::uint64_t kMostEmpty = 50;  // boxes beside one that has points
+        for (std::size_t axis = 0; axis < 3; ++axis) {
+            if (cells.boxesAlong(axis) > kMostAlong) return;
+            m_size[axis] = static_cast<std::size_t>(cells.boxesAlong(axis));
+        }
+        if (m_size[0] * m_size[1] * m_size[2] > kMostEmpty * m_boxes.size()) return;
+        m_stride = m_size[0] + 2 * kSteps;
+        for (auto& plane : m_planes)
+            plane.assign(m_stride * (m_size[1] + 2 * kSteps), 0);
+        m_along.assign(m_planes[0].size(), 0);
+        for (std::size_t z = 0; z < m_size[2] + kSteps; ++z) {
+            fill(z);
+            if (z >= kSteps) tell(z - kSteps);
+        }
+    }
+
+    std::uint32_t operator[](std::size_t box) const { return m_around[box]; }
+
+private:
+    static constexpr std::size_t kPlanes = 2 * kSteps + 1;
+    using Plane = std::vector<std::uint32_t>;
+
+    std::size_t placeOf(const Box& box) const {
+        return static_cast<std::size_t>(CellList::coordinate(box.key, 1) + kSteps) * m_stride +
+               static_cast<std::size_t>(CellList::coordinate(box.key, 0) + kSteps);
+    }
+    bool isIn(std::size_t box, std::size_t z) const {
+        return box < m_boxes.size() &&
+               static_cast<std::size_t>(CellList::coordinate(m_boxes[box].key, 2)) == z;
+    }
+
+    /// Sums of 5 x 5 boxes of a plane, with a border of empty ones.
+    void fill(std::size_t z) {
+        Plane& plane = m_planes[z % kPlanes];
+        std::fill(plane.begin(), plane.end(), 0);
+        if (!isIn(m_filled, z)) return;
+        for (; isIn(m_filled, z); ++m_filled)
+            plane[placeOf(m_boxes[m_filled])] = m_counts[m_filled];
+        addFive(plane, 1, m_along);
+        addFive(m_along, m_stride, plane);
+    }
+    static void addFive(const Plane& in, std::size_t step, Plane& out) {
+        const std::uint32_t* from = in.data();
+        std::uint32_t* to = out.data() + kSteps * step;
+        for (std::size_t i = 0; i + 2 * kSteps * step < in.size(); ++i)
+            to[i] = from[i] + from[i + step] + from[i + 2 * step] + from[i + 3 * step] + from[i + 4 * step];
+    }
+    void tell(std::size_t z) {
+        for (; isIn(m_told, z); ++m_told) {
+            const std::size_t place = placeOf(m_boxes[m_told]);
+            m_around[m_told] = 0;
+            for (const Plane& plane : m_planes)
+                m_around[m_told] += plane[place];
+        }
+    }
+
+    const std::vector<Box>& m_boxes;
+    const std::vector<std::uint32_t>& m_counts;
+    std::vector<std::uint32_t> m_around;
+    std::array<std::size_t, 3> m_size{};
+    std::size_t m_stride = 0;
+    std::array<Plane, kPlanes> m_planes;
+    Plane m_along;
+    std::size_t m_filled = 0;
+    std::size_t m_told = 0;
+};
+
 /// The boxes up to two steps away from one box after the other, row by row. Both ends of each row only
-/// move forward, so all boxes together cost one pass per row.
+/// move forward, and far when boxes were left out.
 class Surroundings {
 public:
     explicit Surroundings(const std::vector<Box>& boxes) : m_boxes(boxes) {}
@@ -60,11 +137,8 @@ public:
         // the range of a coordinate.
         const std::int64_t first = static_cast<std::int64_t>(box.key) + kRowsAround[r].keyStep() - kSteps;
         const std::int64_t last = first + 2 * kSteps;
-        while (range.begin < m_boxes.size() && keyAt(range.begin) < first)
-            ++range.begin;
-        range.end = std::max(range.begin, range.end);
-        while (range.end < m_boxes.size() && keyAt(range.end) <= last)
-            ++range.end;
+        range.begin = firstFrom(range.begin, first);
+        range.end = firstFrom(std::max(range.begin, range.end), last + 1);
         return range;
     }
 
@@ -77,6 +151,19 @@ public:
 
 private:
     std::int64_t keyAt(std::size_t b) const { return static_cast<std::int64_t>(m_boxes[b].key); }
+    /// The first box from this one on whose key is not below, which mostly is near.
+    std::size_t firstFrom(std::size_t b, std::int64_t key) const {
+        std::size_t step = 1;
+        for (; b + step <= m_boxes.size() && keyAt(b + step - 1) < key; step *= 2)
+            b += step;
+        const auto begin = m_boxes.begin() + static_cast<std::ptrdiff_t>(b);
+        const auto end = m_boxes.begin() + static_cast<std::ptrdiff_t>(std::min(b + step, m_boxes.size()));
+        if (step == 1) return b;
+        return static_cast<std::size_t>(
+            std::partition_point(begin, end,
+                                 [key](const Box& box) { return static_cast<std::int64_t>(box.key) < key; }) -
+            m_boxes.begin());
+    }
 
     const std::vector<Box>& m_boxes;
     std::array<BoxRange, kRows> m_ranges{};
@@ -111,9 +198,14 @@ private:
     std::size_t sizeOf(const Box& box) const { return box.end - box.begin; }
 
     void findCorePoints() {
+        for (std::size_t b = 0; b < m_boxes.size(); ++b)
+            m_coreCount[b] = m_boxes[b].end - m_boxes[b].begin;
+        const CountsAround around(m_cells, m_coreCount);
+        std::fill(m_coreCount.begin(), m_coreCount.end(), 0U);
         Surroundings surroundings(m_boxes);
         for (std::size_t b = 0; b < m_boxes.size(); ++b) {
             const Box& box = m_boxes[b];
+            if (around[b] < m_minPts) continue;
             if (sizeOf(box) >= m_minPts) {
                 std::fill(m_core.begin() + box.begin, m_core.begin() + box.end, char(1));
                 m_coreCount[b] = box.end - box.begin;
@@ -125,22 +217,26 @@ private:
                 if (row.begin < row.end) near += m_boxes[row.end - 1].end - m_boxes[row.begin].begin;
             if (near < m_minPts) continue;
             for (std::size_t place = box.begin; place < box.end; ++place)
-                if (hasEnoughNeighbours(place, rows)) {
+                if (hasEnoughNeighbours(place, rows, near)) {
                     m_core[place] = 1;
                     ++m_coreCount[b];
                 }
         }
     }
 
-    bool hasEnoughNeighbours(std::size_t place, const std::array<BoxRange, kRows>& rows) const {
+    /// \param left  points in the rows
+    bool hasEnoughNeighbours(std::size_t place, const std::array<BoxRange, kRows>& rows,
+                             std::size_t left) const {
         const Position p = positionOf(place);
         std::size_t found = 0;
         for (const BoxRange& row : rows) {
             if (row.begin == row.end) continue;
-            const std::size_t end = m_boxes[row.end - 1].end;
-            for (std::size_t other = m_boxes[row.begin].begin; other < end; ++other)
+            const std::size_t begin = m_boxes[row.begin].begin, end = m_boxes[row.end - 1].end;
+            for (std::size_t other = begin; other < end; ++other)
                 found += m_cells.squareDistance(other, p) <= m_reach2;
+            left -= end - begin;
             if (found >= m_minPts) return true;
+            if (found + left < m_minPts) return false;
         }
         return false;
     }
@@ -152,21 +248,24 @@ private:
     }
 
     void joinBoxes() {
-        Surroundings surroundings(m_boxes);
-        for (std::size_t b = 0; b < m_boxes.size(); ++b) {
-            if (m_coreCount[b] == 0) continue;
+        for (std::size_t b = 0; b < m_boxes.size(); ++b)
+            if (m_coreCount[b] > 0) {
+                m_coreBoxes.push_back(m_boxes[b]);
+                m_numberOfCoreBox.push_back(static_cast<std::uint32_t>(b));
+            }
+        Surroundings surroundings(m_coreBoxes);
+        for (std::size_t core = 0; core < m_coreBoxes.size(); ++core)
             for (std::size_t r = 0; r < kRows; ++r) {
                 if (!kRowsAround[r].isEarlier()) continue;
-                const BoxRange row = surroundings.row(r, m_boxes[b]);
-                for (std::size_t other = row.begin; other < std::min(row.end, b); ++other)
-                    if (m_coreCount[other] > 0) join(b, other);
+                const BoxRange row = surroundings.row(r, m_coreBoxes[core]);
+                for (std::size_t other = row.begin; other < std::min(row.end, core); ++other)
+                    join(m_numberOfCoreBox[core], m_numberOfCoreBox[other]);
             }
-        }
     }
 
-    void join(std::size_t a, std::size_t b) {
-        const std::uint32_t here = rootOf(static_cast<std::uint32_t>(a));
-        const std::uint32_t there = rootOf(static_cast<std::uint32_t>(b));
+    void join(std::uint32_t a, std::uint32_t b) {
+        const std::uint32_t here = rootOf(a);
+        const std::uint32_t there = rootOf(b);
         if (here != there && haveClosePair(m_boxes[a], m_boxes[b]))
             m_parent[std::max(here, there)] = std::min(here, there);
     }
@@ -200,10 +299,11 @@ private:
     }
 
     void labelBorderPoints(std::vector<int>& labels) const {
-        Surroundings surroundings(m_boxes);
+        const CountsAround around(m_cells, m_coreCount);
+        Surroundings surroundings(m_coreBoxes);
         for (std::size_t b = 0; b < m_boxes.size(); ++b) {
             const Box& box = m_boxes[b];
-            if (m_coreCount[b] == sizeOf(box)) continue;
+            if (m_coreCount[b] == sizeOf(box) || around[b] == 0) continue;
             const auto rows = surroundings.all(box);
             for (std::size_t place = box.begin; place < box.end; ++place)
                 if (!m_core[place]) labels[m_cells.index(place)] = firstClusterNear(place, rows);
@@ -214,10 +314,11 @@ private:
         const Position p = positionOf(place);
         int first = 0;
         for (const BoxRange& row : rows)
-            for (std::size_t b = row.begin; b < row.end; ++b) {
-                const int number = m_number[b];
-                if (number == 0 || (first != 0 && number >= first)) continue;
-                for (std::size_t other = m_boxes[b].begin; other < m_boxes[b].end; ++other)
+            for (std::size_t core = row.begin; core < row.end; ++core) {
+                const int number = m_number[m_numberOfCoreBox[core]];
+                if (first != 0 && number >= first) continue;
+                const Box& box = m_coreBoxes[core];
+                for (std::size_t other = box.begin; other < box.end; ++other)
                     if (m_core[other] && m_cells.squareDistance(other, p) <= m_reach2) {
                         first = number;
                         break;
@@ -234,6 +335,8 @@ private:
     std::vector<std::uint32_t> m_coreCount;  // by box
     std::vector<std::uint32_t> m_parent;     // sets of boxes joined by core points
     std::vector<int> m_number;               // of each box' set
+    std::vector<Box> m_coreBoxes;            // boxes with core points
+    std::vector<std::uint32_t> m_numberOfCoreBox;
 };
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include "foundation/detail/Median.h"
 #include "foundation/detail/Selection.h"
 #include "processing/ImageOperations.h"
+#include "processing/detail/CountRoots.h"
 #include "processing/detail/OppositePixels.h"
 
 namespace VRK::detail {
@@ -453,11 +454,16 @@ std::vector<cv::Point2f> BeamCentreFinder::spotsOf(const cv::Mat_<float>& patter
 }
 
 void BeamCentreFinder::prepare(const cv::Mat& frame, const cv::Mat& shadow) {
-    frame.convertTo(m_roots, CV_32F);
-    cv::max(m_roots, 0.0F, m_roots);
-    m_roots += kRootOffset;
-    cv::sqrt(m_roots, m_roots);
-    m_roots -= std::sqrt(kRootOffset);
+    if (frame.type() == CV_16S && frame.isContinuous()) {
+        m_roots.create(frame.size());
+        rootsOf(frame.ptr<short>(), frame.total(), m_roots[0]);
+    } else {
+        frame.convertTo(m_roots, CV_32F);
+        cv::max(m_roots, 0.0F, m_roots);
+        m_roots += kRootOffset;
+        cv::sqrt(m_roots, m_roots);
+        m_roots -= std::sqrt(kRootOffset);
+    }
 
     // Patches without a count: even a weak background would have left some. Where most of a pattern is like
     // that, it has no background.
@@ -565,11 +571,7 @@ double BeamCentreFinder::radiusAround(cv::Point2d centre, double least) const {
 }
 
 double BeamCentreFinder::riseAt(const BeamCentre& centre, double radius) const {
-    struct Pixel {
-        double r;
-        float root;
-    };
-    std::vector<Pixel> pixels;
+    std::vector<RootAround> pixels;
     const int reach = static_cast<int>(radius);
     const cv::Point c(cvRound(centre.x), cvRound(centre.y));
     for (int y = std::max(c.y - reach, 0); y <= std::min(c.y + reach, m_height - 1); ++y)
@@ -577,16 +579,7 @@ double BeamCentreFinder::riseAt(const BeamCentre& centre, double radius) const {
             const double r = std::hypot(x - centre.x, y - centre.y);
             if (r < radius && !(m_hasDead && m_dead.at<uchar>(y, x))) pixels.push_back({r, m_roots(y, x)});
         }
-    // The ninth that lies nearest to the beam, and the farther half.
-    constexpr std::size_t kFewest = 54;
-    if (pixels.size() < kFewest) return 0;
-    std::sort(pixels.begin(), pixels.end(), [](const Pixel& a, const Pixel& b) { return a.r < b.r; });
-    std::vector<float> inside, outside;
-    for (std::size_t i = 0; i < pixels.size() / 9; ++i)
-        inside.push_back(pixels[i].root);
-    for (std::size_t i = pixels.size() / 2; i < pixels.size(); ++i)
-        outside.push_back(pixels[i].root);
-    return double{medianOf(inside)} - double{medianOf(outside)};
+    return riseAmong(pixels);
 }
 
 cv::Mat_<float> BeamCentreFinder::smoothed(const cv::Mat& image, const cv::Mat& live, double sigma) const {

@@ -180,15 +180,15 @@ int HotSpotFilter::medianDeviation(const Frame& in, std::size_t level) {
     return *middle;
 }
 
-int HotSpotFilter::apply(const Frame& in, Frame out) {
+void HotSpotFilter::apply(const Frame& in, Frame out, std::vector<ReplacedPixel>& replaced) {
     cv::medianBlur(in, m_median, 3);
     measureNoise(in);
-    in.copyTo(out);
     const int lowestLimit = *std::min_element(m_limits.begin(), m_limits.end());
-    int replaced = 0;
+    replaced.clear();
     const auto replace = [&](int x, int y, const Neighbours& around) {
-        out(y, x) = static_cast<short>(std::lround(around.median()));
-        ++replaced;
+        replaced.push_back({static_cast<std::uint32_t>(y) * static_cast<std::uint32_t>(in.cols) +
+                                static_cast<std::uint32_t>(x),
+                            static_cast<short>(std::lround(around.median()))});
     };
     for (int y = 0; y < in.rows; ++y) {
         const short* values = in[y];
@@ -208,7 +208,10 @@ int HotSpotFilter::apply(const Frame& in, Frame out) {
     }
     for (const cv::Point& pixel : m_stuck)
         replace(pixel.x, pixel.y, neighboursOf(in, pixel.x, pixel.y));
-    return replaced;
+    // Neighbours count as they were recorded.
+    if (out.data != in.data) in.copyTo(out);
+    for (const ReplacedPixel& pixel : replaced)
+        out[0][pixel.place] = pixel.value;
 }
 
 }  // namespace VRK::detail

@@ -7,6 +7,7 @@
 #include <span>
 #include <vector>
 
+#include "processing/ReplacedPixel.h"
 #include "processing/detail/Frame.h"
 
 namespace VRK::detail {
@@ -32,8 +33,8 @@ public:
 
     /// One for the second pass of the same series, with scratch memory of its own.
     HotSpotFilter another() const;
-    /// Second pass. Returns how many pixels were replaced.
-    int apply(const Frame& in, Frame out);
+    /// Second pass. Lists the pixels that are replaced; \p out may be \p in.
+    void apply(const Frame& in, Frame out, std::vector<ReplacedPixel>& replaced);
 
 private:
     void measureNoise(const Frame& in);

@@ -94,7 +94,7 @@ void FrameShift::apply(const Frame& in, double dx, double dy, Frame out) {
     const Displacement x = split(dx);
     const Displacement y = split(dy);
     if (x.fraction == 0.0 && y.fraction == 0.0) {
-        copyMoved(in, -x.whole, -y.whole, out);
+        copyMoved(out.data == in.data ? in.clone() : in, -x.whole, -y.whole, out);
         return;
     }
     interpolate(in, cubicWeights(x.fraction), cubicWeights(y.fraction));
@@ -161,28 +161,62 @@ void FrameRotation::apply(const Frame& in, Frame out) {
     // Interpolation at the edge continues the edge.
     cv::copyMakeBorder(m_padded(cv::Rect(kBorder, kBorder, in.cols, in.rows)), m_padded, kBorder, kBorder,
                        kBorder, kBorder, cv::BORDER_REPLICATE | cv::BORDER_ISOLATED);
-    const float* padded = m_padded[0];
-    const std::ptrdiff_t stride = m_padded.cols;
     short* target = out[0];
-    for (std::size_t i = 0; i < m_sources.size(); ++i) {
-        const Source& source = m_sources[i];
-        if (source.offset < 0) {
-            target[i] = 0;
+    const std::size_t inFours = m_sources.size() / 4 * 4;
+    for (std::size_t i = 0; i < inFours; i += 4) {
+        const Source* sources = &m_sources[i];
+        const bool inside = std::all_of(sources, sources + 4, [](const Source& s) { return s.offset >= 0; });
+        if (inside) {
+            interpolateFour(sources, target + i);
             continue;
         }
-        const std::array<float, 4>& down = m_weights[source.stepY];
-        const float* first = padded + source.offset;
-        cv::v_float32x4 lowest = cv::v_load(first);
-        cv::v_float32x4 sum = lowest * cv::v_setall_f32(down[0]);
-        for (std::size_t row = 1; row < 4; ++row) {
-            const cv::v_float32x4 pixels = cv::v_load(first + static_cast<std::ptrdiff_t>(row) * stride);
-            lowest = cv::v_min(lowest, pixels);
-            sum = sum + pixels * cv::v_setall_f32(down[row]);
-        }
-        const float value = cv::v_reduce_sum(sum * cv::v_load(m_weights[source.stepX].data()));
-        // Beside a sharp reflection the polynomial undershoots what is there.
-        target[i] = cv::saturate_cast<short>(std::max(value, cv::v_reduce_min(lowest)));
+        for (std::size_t one = 0; one < 4; ++one)
+            target[i + one] = interpolate(sources[one]);
     }
+    for (std::size_t i = inFours; i < m_sources.size(); ++i)
+        target[i] = interpolate(m_sources[i]);
+}
+
+/// What a pixel is made of, a column of its 4 x 4 sources in each lane. Beside a sharp reflection the
+/// polynomial undershoots what is there: the lowest of them is the limit.
+struct FrameRotation::Columns {
+    cv::v_float32x4 sum, lowest;
+};
+
+inline FrameRotation::Columns FrameRotation::columnsOf(const Source& source) const {
+    const std::array<float, 4>& down = m_weights[source.stepY];
+    const float* first = m_padded[0] + source.offset;
+    const std::ptrdiff_t stride = m_padded.cols;
+    Columns columns;
+    columns.lowest = cv::v_load(first);
+    columns.sum = columns.lowest * cv::v_setall_f32(down[0]);
+    for (std::size_t row = 1; row < 4; ++row) {
+        const cv::v_float32x4 pixels = cv::v_load(first + static_cast<std::ptrdiff_t>(row) * stride);
+        columns.lowest = cv::v_min(columns.lowest, pixels);
+        columns.sum = columns.sum + pixels * cv::v_setall_f32(down[row]);
+    }
+    columns.sum = columns.sum * cv::v_load(m_weights[source.stepX].data());
+    return columns;
+}
+
+short FrameRotation::interpolate(const Source& source) const {
+    if (source.offset < 0) return 0;
+    const Columns columns = columnsOf(source);
+    return cv::saturate_cast<short>(
+        std::max(cv::v_reduce_sum(columns.sum), cv::v_reduce_min(columns.lowest)));
+}
+
+/// Four pixels whose sources are all inside: their columns are added with the pixels in the lanes, in the
+/// order in which those of one are.
+void FrameRotation::interpolateFour(const Source* sources, short* target) const {
+    const Columns a = columnsOf(sources[0]), b = columnsOf(sources[1]);
+    const Columns c = columnsOf(sources[2]), d = columnsOf(sources[3]);
+    cv::v_float32x4 s0, s1, s2, s3, l0, l1, l2, l3;
+    cv::v_transpose4x4(a.sum, b.sum, c.sum, d.sum, s0, s1, s2, s3);
+    cv::v_transpose4x4(a.lowest, b.lowest, c.lowest, d.lowest, l0, l1, l2, l3);
+    const cv::v_float32x4 sum = (s0 + s2) + (s1 + s3);
+    const cv::v_float32x4 lowest = cv::v_min(cv::v_min(l0, l1), cv::v_min(l2, l3));
+    cv::v_pack_store(target, cv::v_round(cv::v_max(sum, lowest)));
 }
 
 std::size_t halveFrame(const Frame& in, bool sum, Frame out) {

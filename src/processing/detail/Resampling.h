@@ -11,7 +11,8 @@
 
 namespace VRK::detail {
 
-/// Moves patterns by (dx, dy) pixels, to the right and down. Pixels from beyond the frame are 0.
+/// Moves patterns by (dx, dy) pixels, to the right and down. Pixels from beyond the frame are 0. The result
+/// may be written over the pattern.
 class FrameShift {
 public:
     void apply(const Frame& in, double dx, double dy, Frame out);
@@ -46,6 +47,10 @@ private:
         std::uint16_t stepY = 0;
     };
     Source sourceOf(double x, double y, int width, int height) const;
+    struct Columns;
+    Columns columnsOf(const Source& source) const;
+    short interpolate(const Source& source) const;
+    void interpolateFour(const Source* sources, short* target) const;
 
     std::array<std::array<float, 4>, kSteps> m_weights;
     std::vector<Source> m_sources;
