@@ -105,7 +105,7 @@ const std::vector<Printed> kStages = {
       "tilt axis {/tilt/axis} degrees from the image's y axis", "high tension {/tilt/high_tension_kv} kV",
       "pixel size {/pixel_size*1e-10} 1/Angstrom ({/pixel_size} 1/m) per pixel; d = {=0.9375,0.001} Angstrom "
       "at the edge",
-      "values {/values/min} to {/values/max}, mean {/values/mean}"}},
+      "values {/values/min} to {/values/max}, mean {/values/mean}", "no warnings"}},
     {"preprocess series.mrc -o clean.mrc --rotate header",
      "",
      {"{/dims/2} patterns of {/dims/0} x {/dims/1} pixels, written to clean.mrc"}},
@@ -153,7 +153,17 @@ const std::vector<Printed> kStages = {
       "* {/lattices/0/character} tP {/lattices/0/misfit_deg} {/lattices/0/misfit_length*100} "
       "{/lattices/0/conventional/a} {/lattices/0/conventional/b} {/lattices/0/conventional/c} "
       "{/lattices/0/conventional/alpha} {/lattices/0/conventional/beta} {/lattices/0/conventional/gamma} "
-      "{=178.49,0.01}"}},
+      "{=178.49,0.01}",
+      "{/metric/0/0} {/metric/0/1} {/metric/0/2}", "{/metric/1/0} {/metric/1/1} {/metric/1/2}",
+      "{/metric/2/0} {/metric/2/1} {/metric/2/2}"}},
+    {"cell-info 5 5 7 90 90 120 --centring R",
+     "",
+     {"Cell, R-lattice A 5.0000 5.0000 7.0000 90.000 90.000 120.000 151.55", "25.0000 -12.5000 0.0000",
+      "-12.5000 25.0000 0.0000", "0.0000 0.0000 49.0000", "a' = 2/3 a + 1/3 b + 1/3 c",
+      "b' = -1/3 a + 1/3 b + 1/3 c", "c' = -1/3 a - 2/3 b + 1/3 c",
+      "10 mC 0.00 0.00 5.4874 5.0000 3.7118 90.000 97.208 90.000 101.04",
+      "* {/lattices/0/character} hR 0.00 0.00 5.0000 5.0000 7.0000 90.000 90.000 120.000 151.55",
+      "* hR symmetrised 5.0000 5.0000 7.0000 90.000 90.000 120.000"}},
     {"simulate -o s.mrc --cell 4,5,6,80,95,100 --size 64 --dmin 2 --tilts -9:9:3 --axis 20",
      "s.truth.json",
      {"s.mrc: 7 frames of 64 x 64 pixels, tilts {/tilts/0} to {/tilts/6} degrees",
@@ -183,6 +193,8 @@ const std::vector<Printed> kMerge = {
       "{/intensities/shells/0/unique} {/intensities/shells/0/completeness*100} % "
       "{/intensities/shells/0/redundancy} {/intensities/shells/0/i_over_sigma} {/intensities/shells/0/r_int} "
       "{/intensities/shells/0/r_meas} {/intensities/shells/0/cc_half}",
+      "a {/crystals/0/observations} {/crystals/0/scale} {/crystals/0/b} {/crystals/0/correlation} "
+      "{/crystals/0/runner_up} {/crystals/0/delta_cc_half} {/growth/0/completeness*100} %",
       "b {/crystals/1/observations} {/crystals/1/scale} {/crystals/1/b} {/crystals/1/correlation} "
       "{/crystals/1/runner_up} {/crystals/1/delta_cc_half} {/growth/1/completeness*100} %"}},
 };

@@ -330,9 +330,9 @@ TEST(CentreShift, TakesTheNeighboursCentreWhereNothingShows) {
     ASSERT_TRUE(VoxMRCstemProcessing().findCentres(series.get(), centres, nullptr));
     std::string marks;  // neighbours: within a jump or far away they tell little
     for (const PatternCentre& centre : centres)
-        marks += centre.source != PatternCentre::Source::Neighbours ? (centre.jumped ? 'j' : '.')
-                 : centre.doubtful                                  ? '?'
-                                                                    : 'n';
+        marks += centre.source == PatternCentre::Source::Neighbours ? (centre.doubtful ? '?' : 'n')
+                 : centre.doubtful                                  ? '!'
+                                                                    : (centre.jumped ? 'j' : '.');
     EXPECT_EQ(marks, ".n..?j????.nnn?");
     centre(series.get());
     EXPECT_EQ(log.count("taken from the neighbouring patterns", VRK::Normal), 10);
