@@ -132,6 +132,9 @@ TEST_F(MeasuredIntensitiesTest, GemmiReadsXdsAsciiBack) {
     }
     EXPECT_NE(text.str().find("!NX=   256 NY=   250 QX= 0.050000 QY= 0.050000\n"), std::string::npos);
     EXPECT_NE(text.str().find("   1.00000   90  100     0.00\n"), std::string::npos);
+    EXPECT_NE(text.str().find("!DIRECTION_OF_DETECTOR_X-AXIS= 1.00000 0.00000 0.00000\n"
+                              "!DIRECTION_OF_DETECTOR_Y-AXIS= 0.00000 1.00000 0.00000\n"),
+              std::string::npos);
     // The numbers of the header say where a reflection meets the sphere, and that it does.
     const auto header = [&](const char* key, std::array<double, 3> v = {}) {
         const std::size_t at = text.str().find(key);
@@ -185,6 +188,12 @@ TEST_F(MeasuredIntensitiesTest, TheTableOfFramesHasALineASpot) {
 /// the reflections that are listed cross the sphere within the frame.
 TEST_F(MeasuredIntensitiesTest, VirtualFramesAgreeWithThemselves) {
     writeDynamicalCif(experiment, frames, 3, 2, folder / "d.cif_pets");
+    const std::string text = folder.read("d.cif_pets");
+    for (const char* part : {"_cell_angle_beta 103.00000\n", "_diffrn_pets_omega -130.000\n",
+                             "geometry: continuous rotation\ndstarmax: 0.556\n",
+                             "mosaicity: 0.200\nrotation axis position: -130.000\n",
+                             "merged frames: 3\n                        step between frames: 2\n"})
+        EXPECT_NE(text.find(part), std::string::npos) << part;
     gemmi::cif::Document document = gemmi::cif::read_file(folder / "d.cif_pets");
     gemmi::cif::Block& block = document.blocks.at(0);
     Eigen::Matrix3d ub;

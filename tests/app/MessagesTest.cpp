@@ -306,6 +306,7 @@ TEST(Main, VersionAndHelpGoToTheStandardOutputAlone) {
     const VrkResult asked = runVrkLine("run --help");
     EXPECT_EQ(asked.exitCode, 0);
     EXPECT_EQ(asked.out.rfind("Find the unit cell", 0), 0U);
+    EXPECT_NE(asked.out.find("--format {shelx,mtz,cif,xds,frames,pets}\n"), std::string::npos) << asked.out;
     EXPECT_EQ(runVrkLine("help run").out, asked.out);
     EXPECT_EQ(runVrkLine("help").out, runVrkLine("--help").out);
 }
