@@ -60,6 +60,14 @@ TEST(CompletionTest, BothScriptsKnowEveryCommandOfTheHelpText) {
         EXPECT_TRUE(std::isupper(static_cast<unsigned char>(text[0]))) << text;
     }
     EXPECT_GE(commands, 13);
+    // Files for an argument, the choices of one that has some, and a flag without a value.
+    for (const char* entry :
+         {"        'verify:", " '*:value:_files' \\\n", " '*:value:(bash zsh)' ",
+          "'--mode[How the crystal turned \\[found\\]]:value:(continuous stepwise",
+          "'-o[Cell file to write]:value:_files' '--output[", " '--json[Print the summary as JSON]' ",
+          "'--axis[Axis to draw, degrees \\[as the series states\\]]:value:_files'",
+          "for '\\''vrk preprocess --rotate'\\'' and"})
+        EXPECT_NE(zsh.find(entry), std::string::npos) << entry;
 }
 
 }  // namespace

@@ -81,30 +81,63 @@ TEST(FileReport, NamesEveryOddityAndNothingElse) {
     }
 }
 
-TEST(InfoCommand, ShowsTheSyntheticSeries) {
+/// No two numbers of the file are the same.
+TEST(InfoCommand, TellsEveryNumberWhereItBelongs) {
     const TemporaryFolder folder;
-    VoxMRCFileHandler handler;
-    const std::unique_ptr<VoxMRCData> series(handler.createTestDummyMRCFile());
-    ASSERT_TRUE(handler.writeMRCFile(series.get(), folder / "a.mrc"));
-    const nlohmann::json info = infoOf(folder / "a.mrc", true);
-    EXPECT_EQ(info["type"], "tilt series");
-    EXPECT_EQ(info["header"]["nz"], 61);
-    EXPECT_EQ(info["tilt"]["first"], -60);
-    EXPECT_EQ(info["tilt"]["step"], 2);
-    EXPECT_EQ(info["tilt"]["regular"], true);
-    EXPECT_EQ(info["tilt"]["high_tension_kv"], 200);
-    EXPECT_EQ(info["pixel_size"], 1e8);
-    EXPECT_EQ(info["values"]["histogram"].size(), 256U);
-    EXPECT_EQ(info["slices"].size(), 61U);
-    EXPECT_EQ(info["slices"][3]["a_tilt"], -54);
-    EXPECT_EQ(info["warnings"].size(), 0U);
-
-    const VrkResult text = runVrk({"info", folder / "a.mrc", "--slices"});
-    EXPECT_EQ(text.exitCode, 0);
-    EXPECT_EQ(text.err, "");
+    MRCBytes file(16, 8, 3);
+    for (std::size_t i = 0; i < 9; ++i) {
+        MRCBytes::put(file.header, i < 6 ? 16 + 4 * i : 40 + 4 * i, static_cast<std::int32_t>(11 + i));
+        MRCBytes::put(file.header, i < 6 ? 40 + 4 * i : 52 + 4 * i, 20.5F + static_cast<float>(i));
+    }
+    MRCBytes::put(file.header, 12, std::int32_t{1});
+    MRCBytes::put(file.header, 88, std::int16_t{5});
+    for (std::size_t i = 0; i < 3; ++i)
+        MRCBytes::put(file.header, 196 + 4 * i, 31.5F + static_cast<float>(i));
+    MRCBytes::put(file.header, 216, 41.5F);
+    file.header.replace(224, 80, "the first " + std::string(70, ' '));
+    for (int k = 2; k <= 17; ++k)
+        file.putSliceValue(1, k, static_cast<float>(100 + k));
+    for (const auto& [slice, tilt] : {std::pair{0, -4.0F}, {1, 1.0F}, {2, 2.0F}})
+        file.putSliceValue(slice, 1, tilt);
+    file.putSliceValue(0, 9, 30);
+    file.putSliceValue(0, 16, 200);
+    for (std::size_t i = 0; i < file.data.size(); ++i)
+        file.data[i] = static_cast<std::int16_t>(i == 0 ? -5 : i == 383 ? 32767 : i * i / 5);
+    const std::string path = folder.write("a.mrc", file.bytes());
+    const nlohmann::json info = infoOf(path, true);
+    EXPECT_EQ(info["header"], nlohmann::json::parse(R"({"nx": 16, "ny": 8, "nz": 3, "mode": 1,
+        "start": [11, 12, 13], "intervals": [14, 15, 16], "cell_lengths": [20.5, 21.5, 22.5],
+        "cell_angles": [23.5, 24.5, 25.5], "axes": [17, 18, 19], "ispg": 5, "nsymbt": 0, "next": 432,
+        "density": {"min": 26.5, "max": 27.5, "mean": 28.5, "rms": 41.5}, "origin": [31.5, 32.5, 33.5],
+        "labels": ["the first"]})"));
+    EXPECT_EQ(info["tilt"], nlohmann::json::parse(R"({"first": -4, "last": 2, "step": 5, "smallest_step": 1,
+        "largest_step": 5, "regular": false, "axis": 30, "high_tension_kv": 200})"));
+    EXPECT_EQ(info["slices"][1], nlohmann::json::parse(R"({"slice": 1, "min": 3276, "max": 13005,
+        "mean": 7607.1015625, "clipped": 0, "a_tilt": 1, "b_tilt": 102, "x_stage": 103, "y_stage": 104,
+        "z_stage": 105, "defocus": 106, "exp_time": 107, "mean_int": 108, "tilt_axis": 109,
+        "magnification": 110, "microscope_type": 111, "pixel_size": 112, "gun_type": 113, "lens_type": 114,
+        "d_number": 115, "high_tension": 116, "diffraction_lens": 117})"));
+    EXPECT_EQ(info["bytes"], 2224);
+    EXPECT_EQ(info["values"]["clipped"], 1);
+    EXPECT_EQ(info["values"]["negative"], 1);
+    const VrkResult text = runVrk({"info", path, "--slices"});
     for (const char* part :
-         {"tilt series, 61 patterns of 128 x 128", "-60 to 60 degrees, regular steps of 2", "200 kV",
-          "0.01 1/Angstrom (1e+08 1/m) per pixel", "label         VRKCore: synthetic", "no warnings"})
+         {"tilt series, 3 patterns of 16 x 8\n", "2224 bytes: header 1024, extended header 432, data 768\n",
+          "-4 to 2 degrees, steps of 1 to 5, mostly 5\n", "  30 degrees from the image's y axis\n",
+          "high tension  200 kV\n", "pixel size    not stated\n", "-5 to 32767, mean 9800.6\n",
+          "mode          1 (16-bit signed)\n", "start         11 12 13\n", "intervals     14 15 16\n",
+          "20.5 21.5 22.5 Angstrom, 23.5 24.5 25.5 degrees\n", "axes          17 18 19\n",
+          "26.5 27.5 28.5 (minimum, maximum, mean), rms 41.5\n", "ispg, nsymbt  5 0\n",
+          "origin        31.5 32.5 33.5\n", "label         the first\n",
+          // 102 of the squares are below 2052 counts; bars are as long as the logarithm.
+          "\n      -5         102  ########################################\n"
+          "    2052          42  ################################\n",
+          "\n   30840           1  ######\n",
+          "gun_type  lens_type   d_number  high_tension  diffraction_lens       min       max      mean   "
+          "clipped\n",
+          "113        114        115           116               117      3276     13005    7607.1         "
+          "0\n",
+          "0           200                 0        -5      3225    1079.1         0\n"})
         EXPECT_NE(text.out.find(part), std::string::npos) << part << text.out;
 }
 

@@ -4,7 +4,9 @@
 
 #include <Eigen/Geometry>
 #include <Eigen/LU>
+#include <array>
 #include <cmath>
+#include <cstring>
 #include <fstream>
 #include <gemmi/cif.hpp>
 #include <gemmi/mtz.hpp>
@@ -38,19 +40,23 @@ protected:
         experiment.wavelength = m_geometry.wavelength;
         experiment.handedness = m_geometry.handedness;
         experiment.pixelSize = m_geometry.pixelSize;
-        experiment.size = {256, 256};
+        experiment.size = {256, 250};
+        experiment.mosaicity = 0.2;
+        experiment.saturation = 30000;
+        experiment.errorModel = {1.5, 0.02};
         experiment.axisAngle = 40;
         experiment.rotation = 2;
         experiment.dMin = 1.8;
         for (int f = 0; f < 31; ++f) {
             experiment.tilts.push_back(-30 + 2 * f);
-            experiment.centres.push_back({127.5, 127.5});
+            experiment.centres.push_back({127.5, 124.5});
+            experiment.scales.push_back(1 + 0.01 * f);
             measureFrame(f);
         }
     }
 
     void measureFrame(int frame) {
-        const FramePose pose{experiment.tilts.back() * kDegree, 2 * kDegree, 127.5, 127.5};
+        const FramePose pose{experiment.tilts.back() * kDegree, 2 * kDegree, 127.5, 124.5};
         const FrameView view(m_geometry, pose);
         for (int h = -3; h <= 3; ++h)
             for (int k = -4; k <= 4; ++k)
@@ -80,19 +86,27 @@ TEST_F(MeasuredIntensitiesTest, GemmiReadsUnmergedMtzBack) {
     EXPECT_EQ(mtz.spacegroup->xhm(), "P 1 21/c 1");
     EXPECT_EQ(mtz.batches.size(), 31U);
     EXPECT_FLOAT_EQ(mtz.batches[3].floats[36], -25);
+    EXPECT_FLOAT_EQ(mtz.batches[3].floats[37], -23);
+    EXPECT_NEAR(mtz.batches[3].get_cell().beta, 103, 1e-4);
+    EXPECT_NEAR(mtz.datasets[0].wavelength, experiment.wavelength, 1e-6);
     ASSERT_TRUE(mtz.switch_to_original_hkl());
     const auto rejected =
         std::count_if(whole.begin(), whole.end(), [](const auto& one) { return one.rejected; });
     EXPECT_EQ(static_cast<std::size_t>(mtz.nreflections), whole.size() - static_cast<std::size_t>(rejected));
-    const std::size_t value = mtz.column_with_label("I")->idx, batch = mtz.column_with_label("BATCH")->idx;
+    const auto column = [&](const char* name) { return mtz.column_with_label(name)->idx; };
+    const std::size_t value = column("I"), batch = column("BATCH"), x = column("XDET"), y = column("YDET");
     for (std::size_t i = 0; i < mtz.data.size(); i += mtz.columns.size()) {
         const auto hkl = mtz.get_hkl(i);
         EXPECT_EQ(mtz.data[i + value], 1000 + 100 * hkl[0] + 10 * hkl[1] + hkl[2]);
         const bool known = std::any_of(whole.begin(), whole.end(), [&](const MeasuredIntensity& one) {
             return one.h == hkl[0] && one.k == hkl[1] && one.l == hkl[2] &&
-                   std::abs(one.frame + 1 - mtz.data[i + batch]) <= 0.51;
+                   std::abs(one.frame + 1 - mtz.data[i + batch]) <= 0.51 &&
+                   std::abs(one.x - mtz.data[i + x]) < 1e-4 && std::abs(one.y - mtz.data[i + y]) < 1e-4 &&
+                   one.tilt == mtz.data[i + column("ROT")];
         });
         EXPECT_TRUE(known);
+        EXPECT_EQ(mtz.data[i + column("SIGI")], 7);
+        EXPECT_FLOAT_EQ(mtz.data[i + column("FRACTIONCALC")], 0.9F);
     }
 }
 
@@ -116,6 +130,36 @@ TEST_F(MeasuredIntensitiesTest, GemmiReadsXdsAsciiBack) {
         EXPECT_NEAR(xds.data[i].xd, whole[i].x + 1, 0.051);
         EXPECT_NEAR(xds.data[i].zd, whole[i].frame + 0.5, 0.051);
     }
+    EXPECT_NE(text.str().find("!NX=   256 NY=   250 QX= 0.050000 QY= 0.050000\n"), std::string::npos);
+    EXPECT_NE(text.str().find("   1.00000   90  100     0.00\n"), std::string::npos);
+    EXPECT_NE(text.str().find("!DIRECTION_OF_DETECTOR_X-AXIS= 1.00000 0.00000 0.00000\n"
+                              "!DIRECTION_OF_DETECTOR_Y-AXIS= 0.00000 1.00000 0.00000\n"),
+              std::string::npos);
+    // The numbers of the header say where a reflection meets the sphere, and that it does.
+    const auto header = [&](const char* key, std::array<double, 3> v = {}) {
+        const std::size_t at = text.str().find(key);
+        std::sscanf(text.str().c_str() + at + std::strlen(key), "%lf %lf %lf", &v[0], &v[1], &v[2]);
+        return Eigen::Vector3d(v.data());
+    };
+    EXPECT_EQ(header("!OVERLOAD= ")[0], 30000);
+    EXPECT_EQ(header("!DATA_RANGE= ")[1], 31);
+    EXPECT_EQ(header("!INCLUDE_RESOLUTION_RANGE= ")[1], 1.8);
+    EXPECT_EQ(header("!REFLECTING_RANGE_E.S.D.= ")[0], 0.2);
+    EXPECT_NEAR(header("!VARIANCE_MODEL= ")[0], 1.5, 1e-6);
+    EXPECT_NEAR(header("!VARIANCE_MODEL= ")[1], 0.0004, 1e-6);
+    Eigen::Matrix3d direct;
+    direct << header("!UNIT_CELL_A-AXIS= "), header("!UNIT_CELL_B-AXIS= "), header("!UNIT_CELL_C-AXIS= ");
+    const Eigen::Vector3d beam = header("!INCIDENT_BEAM_DIRECTION= ");
+    const double perUnit = header("!DETECTOR_DISTANCE= ")[0] / header(" QX= ")[0];
+    for (const gemmi::XdsAscii::Refl& one : xds.data) {
+        const double angle = (xds.starting_angle + one.zd * xds.oscillation_range) * kDegree;
+        const Eigen::Vector3d hkl(one.hkl[0], one.hkl[1], one.hkl[2]);
+        const Eigen::Vector3d wave = beam + Eigen::AngleAxisd(angle, header("!ROTATION_AXIS= ")) *
+                                                (direct.transpose().inverse() * hkl);
+        EXPECT_NEAR(wave.norm(), beam.norm(), 2e-3);
+        EXPECT_NEAR(header("!ORGX= ")[0] + perUnit * wave.x() / wave.z(), one.xd, 0.5);
+        EXPECT_NEAR(header(" ORGY= ")[0] + perUnit * wave.y() / wave.z(), one.yd, 0.5);
+    }
 }
 
 TEST_F(MeasuredIntensitiesTest, TheTableOfFramesHasALineASpot) {
@@ -127,13 +171,15 @@ TEST_F(MeasuredIntensitiesTest, TheTableOfFramesHasALineASpot) {
     std::size_t n = 0;
     for (; std::getline(file, line); ++n) {
         int h = 0, k = 0, l = 0, frame = 0;
-        double intensity = 0, sigma = 0, excitation = 0;
-        ASSERT_EQ(std::sscanf(line.c_str(), "%d,%d,%d,%d,%lf,%lf,%lf", &h, &k, &l, &frame, &intensity, &sigma,
-                              &excitation),
-                  7);
+        double intensity = 0, sigma = 0, excitation = 0, x = 0, y = 0;
+        ASSERT_EQ(std::sscanf(line.c_str(), "%d,%d,%d,%d,%lf,%lf,%lf,%lf,%lf", &h, &k, &l, &frame, &intensity,
+                              &sigma, &excitation, &x, &y),
+                  9);
         EXPECT_EQ(frame, frames[n].frame + 1);
         EXPECT_EQ(intensity, 1000 + 100 * h + 10 * k + l);
+        EXPECT_EQ(sigma, 5);
         EXPECT_NEAR(excitation, frames[n].excitation, 1e-6);
+        EXPECT_NEAR(std::hypot(x - frames[n].x, y - frames[n].y), 0, 0.01);
     }
     EXPECT_EQ(n, frames.size());
 }
@@ -142,6 +188,12 @@ TEST_F(MeasuredIntensitiesTest, TheTableOfFramesHasALineASpot) {
 /// the reflections that are listed cross the sphere within the frame.
 TEST_F(MeasuredIntensitiesTest, VirtualFramesAgreeWithThemselves) {
     writeDynamicalCif(experiment, frames, 3, 2, folder / "d.cif_pets");
+    const std::string text = folder.read("d.cif_pets");
+    for (const char* part : {"_cell_angle_beta 103.00000\n", "_diffrn_pets_omega -130.000\n",
+                             "geometry: continuous rotation\ndstarmax: 0.556\n",
+                             "mosaicity: 0.200\nrotation axis position: -130.000\n",
+                             "merged frames: 3\n                        step between frames: 2\n"})
+        EXPECT_NE(text.find(part), std::string::npos) << part;
     gemmi::cif::Document document = gemmi::cif::read_file(folder / "d.cif_pets");
     gemmi::cif::Block& block = document.blocks.at(0);
     Eigen::Matrix3d ub;
@@ -155,11 +207,13 @@ TEST_F(MeasuredIntensitiesTest, VirtualFramesAgreeWithThemselves) {
         Eigen::Matrix3d turn;
     };
     std::vector<Zone> zones;
-    for (const auto row :
-         block.find("_diffrn_zone_axis_", {"u", "v", "w", "precession_angle", "alpha", "beta", "omega"})) {
-        std::array<double, 7> value{};
-        for (std::size_t i = 0; i < 7; ++i)
+    for (const auto row : block.find(
+             "_diffrn_zone_axis_", {"u", "v", "w", "precession_angle", "alpha", "beta", "omega", "scale"})) {
+        std::array<double, 8> value{};
+        for (std::size_t i = 0; i < 8; ++i)
             value[i] = std::stod(row[i]);
+        EXPECT_EQ(value[3], 3) << "half of three frames";
+        EXPECT_NEAR(value[7], 1.01 + 0.02 * static_cast<double>(zones.size()), 1e-4);
         const Eigen::Matrix3d turn = (Eigen::AngleAxisd(value[6] * kDegree, Eigen::Vector3d::UnitZ()) *
                                       Eigen::AngleAxisd(value[4] * kDegree, Eigen::Vector3d::UnitX()) *
                                       Eigen::AngleAxisd(value[5] * kDegree, Eigen::Vector3d::UnitY()))
@@ -169,7 +223,12 @@ TEST_F(MeasuredIntensitiesTest, VirtualFramesAgreeWithThemselves) {
     EXPECT_EQ(zones.size(), 15U);
     const Eigen::Matrix3d direct = ub.inverse().transpose();
     int listed = 0;
-    for (const auto row : block.find("_refln_", {"index_h", "index_k", "index_l", "zone_axis_id"})) {
+    for (const auto row : block.find("_refln_", {"index_h", "index_k", "index_l", "zone_axis_id",
+                                                 "intensity_meas", "intensity_sigma"})) {
+        const double summed =
+            std::stod(row[4]) / (1000 + 100 * std::stod(row[0]) + 10 * std::stod(row[1]) + std::stod(row[2]));
+        EXPECT_NEAR(summed, std::round(summed), 1e-9) << "frames";
+        EXPECT_NEAR(std::stod(row[5]), 5 * std::sqrt(summed), 0.006);
         const Zone& zone = zones.at(std::stoul(row[3]) - 1);
         const Eigen::Vector3d hkl(std::stod(row[0]), std::stod(row[1]), std::stod(row[2]));
         const double along = hkl.dot(zone.axis) / (direct * zone.axis).norm();

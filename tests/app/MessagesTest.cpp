@@ -72,6 +72,47 @@ const std::vector<Group> kGroups = {
          {"cell-info 5 5 5 1.5 1.5 1.5", 2, "look like radians"},
          {"completion fish", 2, "'fish' is none of bash, zsh"},
      }},
+    {"limits",
+     {
+         {"run series.mrc -o r --max-voxels 0", 2, "from 1 to "},
+         {"run series.mrc -o r --min-points 0", 2, "from 1 to "},
+         {"run series.mrc -o r --min-voxels -1", 2, "from 0 to 2147483647\n"},
+         {"run series.mrc -o r --min-voxels 2.5", 2, "from 0 to 2147483647\n"},
+         {"run series.mrc -o r --zero-beam -1", 2, "from 0 to "},
+         {"run series.mrc -o r --resolution -1", 2, "from 0 to "},
+         {"run series.mrc -o r --min-length -1", 2, "from 0 to "},
+         {"run series.mrc -o r --max-length 0", 2, "from 2.22507e-308 to 1e+09\n"},
+         {"run series.mrc -o r --eps 0", 2, "from 2.22507e-308 to 1e+09\n"},
+         {"run series.mrc -o r --reflection-centre 4", 2, "from 1 to 3\n"},
+         {"run series.mrc -o r --refine-clusters 101", 2, "from 0 to 100\n"},
+         {"run series.mrc -o r --angle-a 181", 2, "from 0 to 180\n"},
+         {"run series.mrc -o r --angle-b 181", 2, "from 0 to 180\n"},
+         {"run series.mrc -o r --grid-size 51", 2, "from 1 to 50\n"},
+         {"run series.mrc -o r --crystals 10", 2, "from 1 to 9\n"},
+         {"run series.mrc -o r --volume-size 63", 2, "from 64 to 16384\n"},
+         {"run series.mrc -o r --pixel-size 0", 2, "above 0"},
+         {"run series.mrc -o r --d-min 0", 2, "above 0"},
+         {"run series.mrc -o r --gain -1", 2, "above 0"},
+         {"batch frames -o b --jobs 0", 2, "from 1 to 100000\n"},
+         {"batch frames -o b --memory 99", 2, "from 100 to 100000000\n"},
+         {"batch frames -o b --array-size 0", 2, "from 1 to 1000000\n"},
+         {"batch frames -o b --cut 0.6", 2, "from 1e-06 to 0.5\n"},
+         {"cell peaks.txt -o c.txt --crystals 0", 2, "from 1 to 9\n"},
+         {"cell peaks.txt -o c.txt --merge 51", 2, "more than 0 and at most 50"},
+         {"cell-info 5 6 7 90 90 90 --angle 11", 2, "from 0 to 10\n"},
+         {"cell-info 5 6 7 90 90 90 --length 16", 2, "from 0 to 15\n"},
+         {"merge a b -o m --cell-tolerance 8", 2, "from 0.01 to 7\n"},
+         {"sections volume.mrc cell.txt -o p --thickness 101", 2, "from 0 to 100\n"},
+         {"sections volume.mrc cell.txt -o p --size 15", 2, "from 16 to 8192\n"},
+         {"demo -o d --size 63", 2, "from 64 to 2048\n"},
+         {"demo -o d --step 6", 2, "from 0.5 to 5\n"},
+         {"demo -o d --axis 181", 2, "from -180 to 180\n"},
+         {"tilt-axis series.mrc -o ax --accuracy 0", 2, "from 0.0001 to 90\n"},
+         {"preprocess series.mrc -o x.mrc --smooth 65", 2, "from 0 to 64\n"},
+         {"reconstruct series.mrc -o x.mrc --fine-pixel-size 1 --fine-calibration f", 2, "excludes"},
+         {"index peaks.txt cell.txt -o x.hkl --tolerance 0.6", 2, "from 0.001 to 0.5\n"},
+         {"index peaks.txt cell.txt -o x.hkl --radius 0.4", 2, "from 0.5 to 50\n"},
+     }},
     {"files_that_are_something_else",
      {
          {"run none.mrc -o r", 1, "none.mrc cannot be opened for reading (No such file or directory)"},
@@ -265,6 +306,7 @@ TEST(Main, VersionAndHelpGoToTheStandardOutputAlone) {
     const VrkResult asked = runVrkLine("run --help");
     EXPECT_EQ(asked.exitCode, 0);
     EXPECT_EQ(asked.out.rfind("Find the unit cell", 0), 0U);
+    EXPECT_NE(asked.out.find("--format {shelx,mtz,cif,xds,frames,pets}\n"), std::string::npos) << asked.out;
     EXPECT_EQ(runVrkLine("help run").out, asked.out);
     EXPECT_EQ(runVrkLine("help").out, runVrkLine("--help").out);
 }

@@ -129,16 +129,20 @@ const std::vector<Command> kCommands = {
     {"preprocess series.mrc -o pre.mrc --json",
      {{"--no-hotspot", "/steps/0/name=centre pre.mrc~"},
       {"--no-centre", "/steps/1/name=background pre.mrc~"},
+      {"--no-center", "/steps/1/name=background"},
       {"--no-background", "/steps/1/name=centre /density/mean>"},
       {"--smooth 1", "/density/max<"},
       {"--rotate 20", "pre.mrc~"},
       {"--rotate header", "pre.mrc~"},
       {"--centre 63,64.5", "pre.mrc~"},
       {"--distortion d.json", "/pixel_size> /steps/3/name=distortion pre.mrc~"},
-      {"--bin 2", "/dims/0=64 /pixel_size>"},
+      {"--bin 2 --smooth 1 --rotate 20",
+       "/dims/0=64 /dims/2=41 /pixel_size=333333344 /steps/3/name=smooth /steps/4/name=rotation "
+       "/steps/5/name=binning"},
+      {"--bin 4", "/dims/0=32 /pixel_size=666666688"},
       {"--bin 2 --rebin", "/dims/0=64 /density/mean>"},
       {"--log l.txt --log-level debug", "l.txt?"}},
-     "--no-center --crop --jobs"},
+     "--crop --jobs"},
     {"calibrate series.mrc -o c.json --json",
      {{"--cell 5.2,6.1,4.6,90,105,90", "/pixel_scale! /series/0/bravais=mC c.json~"},
       {"--tilt-axis 5.5", "/axis_angle_deg/value! c.json~"},
@@ -187,7 +191,13 @@ const std::vector<Command> kCommands = {
       {"--sum 2 --log l.txt --log-level warning", "l.txt~"},
       {"--sum 2 --log l.txt --log-level info", "l.txt~"},
       {"--sum 2 --log l.txt --log-level debug", "l.txt~"}},
-     "--skip-bad --allow-outside"},
+     ""},
+    {"import lists/bad.ed3d -o i.mrc --json",
+     {{"", "exit=1"},
+      {"--allow-outside", "exit=1"},
+      {"--skip-bad", "exit=1"},
+      {"--allow-outside --skip-bad", "/nz=2 /bad=1 /tilt_last=2"}},
+     ""},
     {"tilt-axis series.mrc -o ax --json",
      {{"--range 5 15 5", "/scores/0/angle_deg=5 /scores/2/angle_deg=15 /angle_deg!"},
       {"--range 5 15 5 --method 3d", "/method=3d"},
@@ -306,6 +316,17 @@ protected:
     static void SetUpTestSuite() {
         folder = std::make_unique<TemporaryFolder>();
         folder->write("cal.txt", "166666672 1.7e8\n");
+        for (const std::string phi : {"0", "1"}) {
+            std::string frame =
+                "{\nHEADER_BYTES=512;\nSIZE1=4;\nSIZE2=4;\nTYPE=unsigned_short;\nPHI=" + phi + ";\n}\n";
+            frame.resize(512, ' ');
+            folder->write(phi + ".img", frame + std::string(32, '\x01'));
+        }
+        std::filesystem::create_directory(*folder / "lists");
+        folder->write("lists/cut.img", "{\nHEADER_BYTES=512;\n");
+        folder->write(
+            "lists/bad.ed3d",
+            "FILELIST\nFILE ../0.img 0 0 0\nFILE cut.img 1 0 1\nFILE ../1.img 2 0 2\nENDFILELIST\n");
         folder->write("batch.csv", "series,name\nseries.mrc,one\nseries.mrc,two\n");
         folder->write("d.json",
                       R"json({"format": "vrk instrument geometry", "version": 1,

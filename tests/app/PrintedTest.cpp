@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <cmath>
 #include <cstdlib>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "app/RunVrk.h"
+#include "support/PicturePanel.h"
 #include "support/TemporaryFolder.h"
 
 namespace {
@@ -105,7 +107,7 @@ const std::vector<Printed> kStages = {
       "tilt axis {/tilt/axis} degrees from the image's y axis", "high tension {/tilt/high_tension_kv} kV",
       "pixel size {/pixel_size*1e-10} 1/Angstrom ({/pixel_size} 1/m) per pixel; d = {=0.9375,0.001} Angstrom "
       "at the edge",
-      "values {/values/min} to {/values/max}, mean {/values/mean}"}},
+      "values {/values/min} to {/values/max}, mean {/values/mean}", "no warnings"}},
     {"preprocess series.mrc -o clean.mrc --rotate header",
      "",
      {"{/dims/2} patterns of {/dims/0} x {/dims/1} pixels, written to clean.mrc"}},
@@ -153,7 +155,17 @@ const std::vector<Printed> kStages = {
       "* {/lattices/0/character} tP {/lattices/0/misfit_deg} {/lattices/0/misfit_length*100} "
       "{/lattices/0/conventional/a} {/lattices/0/conventional/b} {/lattices/0/conventional/c} "
       "{/lattices/0/conventional/alpha} {/lattices/0/conventional/beta} {/lattices/0/conventional/gamma} "
-      "{=178.49,0.01}"}},
+      "{=178.49,0.01}",
+      "{/metric/0/0} {/metric/0/1} {/metric/0/2}", "{/metric/1/0} {/metric/1/1} {/metric/1/2}",
+      "{/metric/2/0} {/metric/2/1} {/metric/2/2}"}},
+    {"cell-info 5 5 7 90 90 120 --centring R",
+     "",
+     {"Cell, R-lattice A 5.0000 5.0000 7.0000 90.000 90.000 120.000 151.55", "25.0000 -12.5000 0.0000",
+      "-12.5000 25.0000 0.0000", "0.0000 0.0000 49.0000", "a' = 2/3 a + 1/3 b + 1/3 c",
+      "b' = -1/3 a + 1/3 b + 1/3 c", "c' = -1/3 a - 2/3 b + 1/3 c",
+      "10 mC 0.00 0.00 5.4874 5.0000 3.7118 90.000 97.208 90.000 101.04",
+      "* {/lattices/0/character} hR 0.00 0.00 5.0000 5.0000 7.0000 90.000 90.000 120.000 151.55",
+      "* hR symmetrised 5.0000 5.0000 7.0000 90.000 90.000 120.000"}},
     {"simulate -o s.mrc --cell 4,5,6,80,95,100 --size 64 --dmin 2 --tilts -9:9:3 --axis 20",
      "s.truth.json",
      {"s.mrc: 7 frames of 64 x 64 pixels, tilts {/tilts/0} to {/tilts/6} degrees",
@@ -183,8 +195,20 @@ const std::vector<Printed> kMerge = {
       "{/intensities/shells/0/unique} {/intensities/shells/0/completeness*100} % "
       "{/intensities/shells/0/redundancy} {/intensities/shells/0/i_over_sigma} {/intensities/shells/0/r_int} "
       "{/intensities/shells/0/r_meas} {/intensities/shells/0/cc_half}",
+      "a {/crystals/0/observations} {/crystals/0/scale} {/crystals/0/b} {/crystals/0/correlation} "
+      "{/crystals/0/runner_up} {/crystals/0/delta_cc_half} {/growth/0/completeness*100} %",
       "b {/crystals/1/observations} {/crystals/1/scale} {/crystals/1/b} {/crystals/1/correlation} "
       "{/crystals/1/runner_up} {/crystals/1/delta_cc_half} {/growth/1/completeness*100} %"}},
+    {"",
+     "m/merge.json",
+     {"1 {/growth/0/completeness*100} {/growth/0/redundancy} NaN",
+      "2 {/growth/1/completeness*100} {/growth/1/redundancy} {/growth/1/cc_half*100}"},
+     "m/plots/merging_2.dat"},
+    {"",
+     "m/merge.json",
+     {"1 {/crystals/0/delta_cc_half} NaN {/crystals/0/scale} {/crystals/0/b}",
+      "2 {/crystals/1/delta_cc_half} NaN {/crystals/1/scale} {/crystals/1/b}"},
+     "m/plots/merging_3.dat"},
 };
 
 const std::vector<Printed> kPlots = {
@@ -222,8 +246,7 @@ protected:
 
 constexpr const char* kSeries =
     "series.mrc --cell 5.2,6.1,4.6,90,105,90 --centring C --size 128 --dmin 1 --seed 4 --tilts -60:60:3 "
-    "--axis 6 "
-    "--write-axis";
+    "--axis 6 --write-axis --drift 3";
 constexpr const char* kBentSeries =
     "bent.mrc --cell 6.1,6.1,6.1,90,90,90 --centring I --size 128 --dmin 0.9 --tilts -60:60:2 --axis 29 "
     "--state-axis 30 --ellipse 0.012 --ellipse-azimuth 40 --tilt-scale 1.01 --peak 20000 --second-crystal "
@@ -322,26 +345,58 @@ TEST_F(PrintedTest, RunSaysWhatItsSummarySays) {
     expectWhatTheJsonSays(kRun);
 }
 
-/// Names and colours of curves are those of the columns that they draw.
-TEST_F(PrintedTest, PlotsShowWhatTheSummarySays) {
-    simulate(kSeries);
-    expectWhatTheJsonSays(kPlots);
-    const std::string script = m_folder.read("out/plots/intensities.plt");
+const std::string kShellCurves =
+    "completeness: completeness\nredundancy: redundancy\nI/sigma: I/sigma\nCC1/2: CC1/2\nR_int: R int\n"
+    "R_meas: R meas\n";
+
+/// The names of the columns that the curves of a script draw, with the titles of the curves.
+std::string drawnBy(const TemporaryFolder& folder, const std::string& plots, const char* name) {
+    const std::string script = folder.read(plots + name);
     const std::string use = ".dat' using 1:";
     std::string drawn;
     for (std::size_t at = script.find(use); at != std::string::npos; at = script.find(use, at + 1)) {
         const std::size_t file = script.rfind('\'', at) + 1;
-        std::istringstream names(m_folder.read("out/plots/" + script.substr(file, at + 4 - file)));
-        std::string name;
+        std::istringstream names(folder.read(plots + script.substr(file, at + 4 - file)));
+        std::string column;
         for (int i = -1; i < std::stoi(script.substr(at + use.size())); ++i)
-            names >> name;
+            names >> column;
         const std::size_t title = script.find(" title '", at) + 8;
-        drawn += name + ": " + script.substr(title, script.find('\'', title) - title) + '\n';
+        drawn += column + ": " + script.substr(title, script.find('\'', title) - title) + '\n';
     }
-    EXPECT_EQ(drawn,
-              "completeness: completeness\nredundancy: redundancy\nI/sigma: I/sigma\nCC1/2: CC1/2\n"
-              "R_int: R int\nR_meas: R meas\nln_I: unique reflections\nat_low_resolution: at low resolution\n"
-              "at_the_limit: at 1.00 Angstrom\n");
+    return drawn;
+}
+
+TEST_F(PrintedTest, PlotsShowWhatTheSummarySays) {
+    simulate(kSeries);
+    expectWhatTheJsonSays(kPlots);
+    EXPECT_EQ(drawnBy(m_folder, "out/plots/", "intensities.plt"),
+              kShellCurves +
+                  "ln_I: unique reflections\nat_low_resolution: at low resolution\n"
+                  "at_the_limit: at 1.00 Angstrom\n");
+    // The direct beam: x above y, over the tilts, from the mean upwards.
+    const cv::Mat picture = panelOf(m_folder / "out/centres.png");
+    ASSERT_EQ(picture.size(), cv::Size(1024, 1024));
+    const json centres = json::parse(m_folder.read("out/summary.json"))["centres"];
+    const std::array<const char*, 2> keys = {"x", "y"};
+    std::array<double, 2> mean{};
+    double range = 0.5;
+    for (std::size_t panel = 0; panel < 2; ++panel) {
+        for (const json& one : centres)
+            mean[panel] += one[keys[panel]].get<double>() / static_cast<double>(centres.size());
+        for (const json& one : centres)
+            range = std::max(range, std::abs(one[keys[panel]].get<double>() - mean[panel]));
+    }
+    for (std::size_t panel = 0; panel < 2; ++panel)
+        for (const json& one : centres) {
+            const double right = 30 + 964 * (one["tilt"].get<double>() + 60) / 120;
+            const double above = (one[keys[panel]].get<double>() - mean[panel]) / range;
+            const double down = 512 * (0.5 + static_cast<double>(panel)) - 0.4 * 512 * above;
+            const cv::Mat around =
+                picture(cv::Rect(static_cast<int>(right) - 2, static_cast<int>(down) - 2, 5, 5));
+            double brightest = 0;
+            cv::minMaxLoc(around.reshape(1), nullptr, &brightest);
+            EXPECT_GT(brightest, 150) << keys[panel] << " at " << one["tilt"];
+        }
 }
 
 TEST_F(PrintedTest, RunAndCalibrationTellTheInstrument) {
@@ -352,6 +407,10 @@ TEST_F(PrintedTest, RunAndCalibrationTellTheInstrument) {
 TEST_F(PrintedTest, MergeSaysWhatItsFileSays) {
     simulate(kSeries);
     expectWhatTheJsonSays(kMerge);
+    EXPECT_EQ(drawnBy(m_folder, "m/plots/", "merging.plt"),
+              kShellCurves +
+                  "completeness: completeness\nCC1/2: CC1/2 of crystals\nredundancy: redundancy\n"
+                  "delta_of_used: used\ndelta_of_others: left out\nscale: scale\nb: B\n");
 }
 
 TEST_F(PrintedTest, StagesSayWhatTheirJsonSays) {

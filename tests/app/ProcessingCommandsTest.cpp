@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -40,25 +41,18 @@ protected:
 
 }  // namespace
 
-TEST_F(ProcessingCommands, LeadFromSeriesToVolume) {
-    const VrkResult clean = run({"preprocess", "series.mrc", "-o", "clean.mrc", "--rotate", "30", "--smooth",
-                                 "0.7", "--bin", "2", "--json", "--log", "pre.log"});
-    ASSERT_EQ(clean.exitCode, 0) << clean.err;
-    const Json json = Json::parse(clean.out);
-    EXPECT_EQ(json["dims"], Json({32, 32, 5}));
-    EXPECT_FLOAT_EQ(json["pixel_size"].get<float>(), 2e8F);
-    EXPECT_EQ(json["steps"].size(), 6U);
-    EXPECT_TRUE(exists("pre.log"));
-
-    std::ofstream(m_folder + "calibration.txt") << "1e8 1.05e8\n";
-    const VrkResult volume = run(
-        {"reconstruct", "clean.mrc", "-o", "volume.mrc", "--fine-calibration", "calibration.txt", "--json"});
-    ASSERT_EQ(volume.exitCode, 0) << volume.err;
-    EXPECT_EQ(Json::parse(volume.out)["dims"], Json({32, 32, 21}));
-    EXPECT_FLOAT_EQ(Json::parse(volume.out)["pixel_size"].get<float>(), 2.1e8F);
-    const VrkResult fine = run({"reconstruct", "clean.mrc", "-o", "volume.mrc", "--fine-pixel-size", "3e8"});
-    EXPECT_NE(fine.out.find("32 x 32 x 21 voxels"), std::string::npos) << fine.err;
-    EXPECT_NE(fine.out.find("3e+08"), std::string::npos);
+/// What centring brings in from outside has no background that could be taken from it.
+TEST_F(ProcessingCommands, LeaveTheBorderEmptyThatCentringBringsIn) {
+    ASSERT_EQ(run({"preprocess", "series.mrc", "-o", "clean.mrc", "--centre", "20,30"}).exitCode, 0);
+    const std::unique_ptr<VoxMRCData> clean(VoxMRCFileHandler().readMRCFile(m_folder + "clean.mrc"));
+    int values = 0;
+    for (unsigned i = 0; i < 64; ++i) {
+        EXPECT_TRUE(std::all_of(clean->GetChunkPointer(2) + 64 * i, clean->GetChunkPointer(2) + 64 * i + 11,
+                                [](short value) { return value == 0; }))
+            << i;
+        values += clean->GetChunkPointer(2)[64 * i + 12] != 0 ? 1 : 0;
+    }
+    EXPECT_GT(values, 20);
 }
 
 TEST_F(ProcessingCommands, KeepAnUnknownPixelSizeUnknown) {
@@ -103,6 +97,11 @@ TEST_F(ProcessingCommands, ExplainThemselvesWhenTheyCannotGoOn) {
         EXPECT_EQ(result.out, "");
         EXPECT_FALSE(exists("out.mrc"));
     }
-    EXPECT_EQ(run({"preprocess", "wide.mrc", "-o", "square.mrc"}).exitCode, 0);
+    const auto dims = [&](std::vector<std::string> more) {
+        more.insert(more.begin(), {"preprocess", "wide.mrc", "-o", "square.mrc", "--json"});
+        return Json::parse(run(more).out)["dims"];
+    };
+    EXPECT_EQ(dims({"--crop"}), Json({10, 10, 2}));
+    EXPECT_EQ(dims({}), Json({20, 20, 2}));
     EXPECT_EQ(run({"reconstruct", "square.mrc", "-o", "out.mrc"}).exitCode, 0);
 }

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <memory>
 #include <vector>
 
@@ -23,6 +24,15 @@ TEST(SeriesMean, KeepsWhatStandsStillAndForgetsReflections) {
     EXPECT_EQ(mean.values[0], 100);
     EXPECT_EQ(mean.values[3], 20);
     EXPECT_EQ(mean.values[30], 100);
+}
+
+// Where a row ends is no neighbour of where the next begins.
+TEST(SeriesMean, TellsTheCountsByNeighboursInARow) {
+    const auto series = makeSeries(2, 5, {0});
+    setPixels(*series, 0, {100, 144, 1600, 1681, 100, 144, 1600, 1681, 100, 144});
+    const double sigma = 1.4826 * 44 / std::sqrt(244.0);
+    EXPECT_NEAR(VRK::detail::SeriesMean(*series).counts, 1 / (sigma * sigma), 1e-6);
+    EXPECT_EQ(VRK::detail::SeriesMean(*makeSeries(2, 5, {0})).counts, 0);
 }
 
 }  // namespace

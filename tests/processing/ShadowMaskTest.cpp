@@ -74,17 +74,24 @@ TEST(ShadowMask, CoversTheStopAndTheCrossAndLeavesTheRest) {
         const char* name;
         Scene scene;
         std::size_t bars, discs;
+        int covered = 0;   ///< pixels, so far
+        double reach = 0;  ///< sum of the widths and lengths of bars and of the radii of discs, so far
     };
     const std::vector<Case> cases = {
         {"nothing", {}, 0, 0},
         {"halo to one side", {.gradient = 0.5}, 0, 0},
         {"ring of ice", {.ice = 60}, 0, 0},
-        {"bar", {.barWidth = 14}, 1, 0},
-        {"bar that lets a fifth through", {.barWidth = 14, .transmission = 0.2}, 1, 0},
-        {"bar on a pedestal", {.barWidth = 14, .barDirection = 2.0, .pedestal = 20}, 1, 0},
-        {"bar and halo to one side", {.barWidth = 14, .barDirection = 3.0, .gradient = 0.4}, 1, 0},
-        {"disc", {.discRadius = 15}, 0, 1},
-        {"cross", {.deadRows = {95, 96, 97}}, 0, 0},
+        {"bar", {.barWidth = 14}, 1, 0, 2807, 164.069},
+        {"bar that lets a fifth through", {.barWidth = 14, .transmission = 0.2}, 1, 0, 2568, 154.531},
+        {"bar on a pedestal", {.barWidth = 14, .barDirection = 2.0, .pedestal = 20}, 1, 0, 2841, 160.074},
+        {"bar and halo to one side",
+         {.barWidth = 14, .barDirection = 3.0, .gradient = 0.4},
+         1,
+         0,
+         2684,
+         136.267},
+        {"disc", {.discRadius = 15}, 0, 1, 912, 14.427},
+        {"cross", {.deadRows = {95, 96, 97}}, 0, 0, 1335, 0.000},
     };
     for (const Case& c : cases) {
         const ShadowMask mask(seriesOf(c.scene).get());
@@ -92,7 +99,7 @@ TEST(ShadowMask, CoversTheStopAndTheCrossAndLeavesTheRest) {
         EXPECT_EQ(mask.discs().size(), c.discs) << c.name;
         EXPECT_EQ(mask.rows(), c.scene.deadRows) << c.name;
         EXPECT_EQ(mask.columns(), c.scene.deadRows) << c.name;
-        int missed = 0, wrong = 0, shadowed = 0;
+        int missed = 0, wrong = 0, shadowed = 0, covers = 0;
         for (int y = 0; y < kSize; ++y)
             for (int x = 0; x < kSize; ++x) {
                 const bool covered = mask.pixels() && mask.pixels()[y * kSize + x];
@@ -106,7 +113,15 @@ TEST(ShadowMask, CoversTheStopAndTheCrossAndLeavesTheRest) {
                     for (int dx = -5; dx <= 5 && !near; dx += 5)
                         near = c.scene.shadow(x + dx, y + dy) || c.scene.dead(x + dx, y + dy);
                 wrong += covered && !near && !dark;
+                covers += covered;
             }
+        double reach = 0;
+        for (const ShadowMask::Bar& bar : mask.bars())
+            reach += bar.width + std::hypot(bar.x1 - bar.x0, bar.y1 - bar.y0);
+        for (const ShadowMask::Disc& disc : mask.discs())
+            reach += disc.radius;
+        EXPECT_NEAR(reach, c.reach, 0.01) << c.name;
+        EXPECT_NEAR(covers, c.covered, 2) << c.name;
         EXPECT_LE(missed, shadowed / 10) << c.name;
         EXPECT_LE(wrong, shadowed / 20) << c.name;
     }

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <numeric>
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 #include <span>
@@ -156,8 +157,7 @@ RadialBackground::RadialBackground(int width, int height)
     };
     for (std::size_t i = 0; i < pixels; ++i)
         ++m_ringBegin[ringAt(i) + 1U];
-    for (std::size_t ring = 0; ring < count; ++ring)
-        m_ringBegin[ring + 1] += m_ringBegin[ring];
+    std::partial_sum(m_ringBegin.begin(), m_ringBegin.end(), m_ringBegin.begin());
     placePixels();
     m_values.resize(pixels);
     m_dead.resize(pixels);
