@@ -50,7 +50,7 @@ CalibrationInput inputOf(const std::string& name, const CalibrateArguments& opti
     setAxis(choices.axis, options.tiltAxis);
     choices.intensities.wanted = false;
     const RunResult result = run(name, choices, host.session());
-    if (result.indexed.verdict.level == Confidence::Low)
+    if (result.indexed.verdict.lattice == Confidence::Low)
         throw Failure(name + " gives a lattice of low confidence, which says nothing of an instrument",
                       FailureKind::NothingFound);
     return calibrationInput(name, result);

@@ -78,6 +78,7 @@ CrystalFacts factsOf(const Json& json) {
     CrystalFacts facts;
     const Json& cell = json.at("cell").at("conventional");
     facts.confidence = json.at("confidence").at("level").get<std::string>();
+    facts.lattice = json.at("confidence").value("lattice", facts.confidence);
     facts.reasons = json.at("confidence").at("reasons").get<std::vector<std::string>>();
     facts.bravais = cell.at("bravais").get<std::string>();
     facts.cell.cell = sixOf(cell);

@@ -18,6 +18,7 @@ namespace vrk {
 /// What a result says.
 struct CrystalFacts {
     std::string confidence;            ///< "high", "fair" or "low"
+    std::string lattice;               ///< the same, whatever an unknown ellipse does to the cell
     std::vector<std::string> reasons;  ///< why it is not higher
     std::string bravais;
     CrystalCell cell;  ///< conventional

@@ -62,7 +62,7 @@ InstrumentTrend instrumentTrend(const std::vector<CrystalRow>& rows) {
     std::size_t known = 0;
     for (std::size_t i = 0; i < rows.size(); ++i) {
         const std::optional<CrystalFacts>& facts = rows[i].facts;
-        if (!facts || facts->confidence == "low" || !(facts->geometry.pixelSize > 0.0)) continue;
+        if (!facts || facts->lattice == "low" || !(facts->geometry.pixelSize > 0.0)) continue;
         if (facts->hadGeometry)
             ++known;
         else if (std::isfinite(facts->geometry.instrument.axisSigma))

@@ -281,13 +281,13 @@ bool Integrator::isStated(RotationMode mode) const {
 }
 
 /// Tries what the frames may have done, what they are said to have done first, and keeps what fits the curves
-/// best.
+/// best. Of a mode that was chosen only the gaps are left to find.
 void Integrator::chooseMode(const SpotPrediction& prediction, std::span<const MeasuredSpot> measured,
                             std::span<const SpotCentroid> centroids) {
     const SeriesGeometry start = m_geometry;
     const RockingModel first = m_rocking;
     double least = std::numeric_limits<double>::infinity();
-    m_result.modeSource = ModeSource::Curves;
+    const auto isAllowed = [this](RotationMode mode) { return m_options.mode.value_or(mode) == mode; };
     const auto attempt = [&](const StatedMode& mode, ModeSource source, bool gaps = false) {
         // The simplest explanation that is not clearly worse, and a statement unless it is.
         const double better = gaps ? kBetterWithGaps : kClearlyBetter;
@@ -306,7 +306,7 @@ void Integrator::chooseMode(const SpotPrediction& prediction, std::span<const Me
         m_result.modeMisfits.emplace_back(mode.mode, misfit);
         if (misfit <= limit) {
             least = misfit;
-            m_result.modeSource = source;
+            if (!m_options.mode) m_result.modeSource = source;
             return;
         }
         m_geometry = geometryBefore;
@@ -314,11 +314,12 @@ void Integrator::chooseMode(const SpotPrediction& prediction, std::span<const Me
         if (gaps) m_rotationPart.reset();
     };
     const std::optional<StatedMode>& stated = m_input.stated;
-    if (stated) attempt(*stated, ModeSource::Header);
+    if (stated && isAllowed(stated->mode)) attempt(*stated, ModeSource::Header);
     for (const RotationMode mode : {RotationMode::Continuous, RotationMode::Stepwise})
-        if (!isStated(mode)) attempt({mode}, ModeSource::Curves);
+        if (isAllowed(mode) && !isStated(mode)) attempt({mode}, ModeSource::Curves);
     if (least > kImperfectCurves) attempt({RotationMode::Continuous}, ModeSource::Curves, true);
-    if (least > kPoorCurves) attempt({RotationMode::Precession}, ModeSource::Curves);
+    if (least > kPoorCurves && isAllowed(RotationMode::Precession))
+        attempt({RotationMode::Precession}, ModeSource::Curves);
     if (m_rocking.mode != RotationMode::Continuous) m_rotationPart.reset();
     if (stated && m_result.modeSource == ModeSource::Curves) tellContradiction(least);
 }
@@ -464,7 +465,8 @@ void Integrator::refine() {
         // Around discs that are cut the tails of the spots are no noise.
         const bool whole = m_result.extent.sigma >= m_spotWidth;
         if (!m_options.gain && whole) m_noise = noiseOfRings(measured, m_noise);
-        if (round == 1 && !m_options.mode) chooseMode(prediction, measured, centroids);
+        if (round == 1 && (!m_options.mode || m_options.mode == RotationMode::Continuous))
+            chooseMode(prediction, measured, centroids);
         if (round == 1 && m_options.mode == RotationMode::Precession && !(m_options.precession > 0))
             bestPrecession(prediction, measured);
 

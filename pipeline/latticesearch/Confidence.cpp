@@ -25,6 +25,8 @@ constexpr double kLargeShare = 0.12;
 /// Stages turn by what they say.
 constexpr double kMostTiltScale = 0.05;
 
+/// Ellipses below this give a lattice ties that it has not too rarely, and move too little, to matter.
+constexpr double kSmallEllipse = 0.006;
 /// Edges that an instrument leaves this uncertain are those of an ellipse that is there and half known.
 constexpr double kMostTiedUncertainty = 0.004;
 /// Angstrom. Crystals that show nothing finer are no use, a pixel size ten times off is a common mistake.
@@ -108,7 +110,6 @@ Verdict verdictOn(const LatticeEvidence& known) {
     Verdict verdict;
     verdict.reasons = shortcomings(known, kFair);
     if (!verdict.reasons.empty()) return verdict;
-    verdict.level = Confidence::Fair;
     verdict.reasons = shortcomings(known, kHigh);
     if (known.rivalEvidence > kRival * known.score.evidence)
         verdict.reasons.push_back("another lattice" + (known.rival.empty() ? "" : " (" + known.rival + ")") +
@@ -122,10 +123,17 @@ Verdict verdictOn(const LatticeEvidence& known) {
     if (known.axisAssumed) verdict.reasons.push_back("the direction of the tilt axis was assumed");
     if (known.tiedUncertainty > kMostTiedUncertainty)
         verdict.reasons.push_back("a distortion that is determined only in part leaves its edges uncertain");
+    else if (known.ellipseUnproven > kSmallEllipse)
+        verdict.reasons.push_back(formatted(
+            "its symmetry is lower unless the frames are distorted by %.1f %%, for which nothing else "
+            "speaks; 'vrk calibrate' of another crystal and 'vrk run --distortion' with its file tell",
+            100.0 * known.ellipseUnproven));
     if (known.ellipseUnknown)
         verdict.reasons.push_back(
             "a triclinic lattice does not show whether the frames are distorted, and an ellipse of 1.4 %, as "
-            "many microscopes have, moves its angles by up to 1.6 degrees; a calibration tells");
+            "many microscopes have, moves its angles by up to 1.6 degrees; 'vrk calibrate' of another "
+            "crystal "
+            "and 'vrk run --distortion' with its file tell");
     if (known.finestSpacing > kCoarse)
         verdict.reasons.push_back(
             formatted("its reflections end at %.1f Angstrom, as when the pixel size is too "
@@ -143,14 +151,15 @@ Verdict verdictOn(const LatticeEvidence& known) {
             "crystal turned; a peak file tells that");
     // An axis that is guessed from the reflections and a distortion that they do not tell are two unknowns.
     const bool isOpen = known.ellipseUnknown || known.tiedUncertainty > kMostTiedUncertainty;
-    if (verdict.reasons.size() >= kManyDoubts || known.distortionUnseen || (known.spaceEstimated && isOpen))
-        verdict.level = Confidence::Low;
+    const bool isGuess =
+        verdict.reasons.size() >= kManyDoubts || known.distortionUnseen || (known.spaceEstimated && isOpen);
     // What a list cannot tell speaks neither for nor against the lattice.
     if (known.spaceEstimated)
         verdict.reasons.push_back(
             "the reflections alone tell which part of reciprocal space was recorded; a peak file of vrk "
             "knows");
-    if (verdict.reasons.empty()) verdict.level = Confidence::High;
+    if (!isGuess) verdict.lattice = verdict.reasons.empty() ? Confidence::High : Confidence::Fair;
+    verdict.level = known.ellipseUnknown ? Confidence::Low : verdict.lattice;
     return verdict;
 }
 

@@ -141,7 +141,7 @@ std::optional<FurtherCrystal> nextCrystal(const Indexed& first, const Remainder&
     choice.best = found->candidate;
     choice.sense = first.refined.decided ? first.refined.sense : 0;
     std::optional<Indexed> answer = indexed(left.level(), choice, recording, session);
-    if (!answer || answer->verdict.level == Confidence::Low) return std::nullopt;
+    if (!answer || answer->verdict.lattice == Confidence::Low) return std::nullopt;
     FurtherCrystal crystal{std::move(*answer), false, {}, 0.0, 0.0, {}};
     crystal.turn = turnBetween(first.lattice().basis, crystal.indexed.lattice().basis);
     crystal.sameCell = crystal.turn.has_value();
@@ -152,7 +152,7 @@ std::optional<FurtherCrystal> nextCrystal(const Indexed& first, const Remainder&
 bool standsAlone(const Indexed& indexed) {
     LatticeEvidence evidence = indexed.evidence;
     evidence.elsewhere = 1.0 - std::min(evidence.indexedShare.value_or(1.0), evidence.score.fraction());
-    return verdictOn(evidence).level != Confidence::Low;
+    return verdictOn(evidence).lattice != Confidence::Low;
 }
 
 /// Where and when a reflection is seen.
@@ -286,7 +286,7 @@ Crystals findFurtherCrystals(Indexed& first, const LatticeCandidate* rival, cons
     std::optional<Indexed> weaker = onWeakerReflections(first, recording, session);
     if (!weaker) return crystals;
     Crystals weak = searchedFrom(*weaker, rival, recording, how, session);
-    if (weak.others.empty() || weaker->verdict.level > first.verdict.level) return crystals;
+    if (weak.others.empty() || weaker->verdict.lattice > first.verdict.lattice) return crystals;
     first = std::move(*weaker);
     return weak;
 }

@@ -29,15 +29,6 @@ std::optional<RefinedPositions> refine(const Level& level, const Lattice& start,
     return refinePositions(positions, level.tilts(), start, settings);
 }
 
-double finestSpacing(const RefinedPositions& refined) {
-    const Lattice& lattice = refined.lattice.lattice;
-    double longest = 0.0;
-    for (std::size_t i = 0; i < refined.positions.size(); ++i)
-        if (refined.indices[i][0] != kNotIndexed)
-            longest = std::max(longest, (refined.positions[i] - lattice.origin).norm());
-    return longest > 0.0 ? 1e10 / (longest * lattice.pixelSize) : 0.0;
-}
-
 std::vector<Eigen::Vector3d> indexedPositions(const RefinedPositions& refined) {
     std::vector<Eigen::Vector3d> places;
     for (std::size_t i = 0; i < refined.positions.size(); ++i)
@@ -74,6 +65,7 @@ void takeSymmetry(Indexed& result, const Recording& recording, double tolerance)
     SymmetryChoice choice = chooseSymmetry(input, std::move(result.refined));
     result.strain = strainText(choice.conventional, choice.untied, choice.characters.front().bravaisType);
     result.contradiction = contradictionText(input, choice);
+    result.unprovenEllipse = unprovenEllipse(input, choice);
     result.refined = std::move(choice.refined);
     result.conventional = choice.conventional;
     result.instrument = std::move(choice.instrument);
@@ -117,6 +109,13 @@ std::size_t chooseLevel(std::size_t found, std::size_t levels,
         answer = i;
     }
     return answer;
+}
+
+double finestSpacing(std::span<const Eigen::Vector3d> places, const Lattice& lattice) {
+    double longest = 0.0;
+    for (const Eigen::Vector3d& place : places)
+        longest = std::max(longest, (place - lattice.origin).norm());
+    return longest > 0.0 ? 1e10 / (longest * lattice.pixelSize) : 0.0;
 }
 
 Recording recordingOf(const ReciprocalVolume& volume, const TiltAxis& axis) {
@@ -168,7 +167,8 @@ Indexed indexRecorded(std::vector<Level> levels, const LatticeChoice& choice, co
         throw Failure("the reflections could not be indexed; " + whatToTry(), FailureKind::NothingFound);
     result.refined = std::move(*refined);
     takeSymmetry(result, recording, choice.tolerance);
-    result.resolution = finestSpacing(result.refined);
+    const std::vector<Eigen::Vector3d> places = indexedPositions(result.refined);
+    result.resolution = finestSpacing(places, result.lattice());
     result.completeness = completenessOf(result.lattice(), result.refined.indices,
                                          recordedSpace(recording, result.level, result.refined.sense));
     LatticeEvidence evidence;
@@ -193,11 +193,12 @@ Indexed indexRecorded(std::vector<Level> levels, const LatticeChoice& choice, co
         for (std::size_t i = 0; i < 3; ++i)
             evidence.tiedUncertainty = std::max(evidence.tiedUncertainty, tied.cellSigma[i] / tied.cell[i]);
     }
-    evidence.thinness = thinnessOf(indexedPositions(result.refined), result.lattice().origin);
+    evidence.thinness = thinnessOf(places, result.lattice().origin);
     // The instrument's refinement confirms or moves an axis that nobody stated; without it it stays a guess.
     result.axisConfirmed = confirmsAxis(result.instrument);
     evidence.axisAssumed = recording.axisAssumed && !result.axisConfirmed;
     evidence.ellipseUnknown = result.symmetry().bravaisType == LATTICE::aP && !recording.ellipseKnown;
+    evidence.ellipseUnproven = result.unprovenEllipse;
     evidence.spaceEstimated = recording.estimated;
     evidence.instrumentContradicted = !result.contradiction.empty();
     result.evidence = std::move(evidence);

@@ -5,6 +5,7 @@
 #include <Eigen/Core>
 #include <functional>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -31,6 +32,7 @@ struct Indexed {
     std::vector<LatticeCharacter> characters;  ///< the answer first
     std::string strain;                        ///< edges that the ties move; empty for none
     std::string contradiction;                 ///< of what is known of the instrument; empty for none
+    double unprovenEllipse = 0.0;              ///< part of the ellipse for which the symmetry alone speaks
     LatticeEvidence evidence;                  ///< on which the verdict rests
     Verdict verdict;
     double resolution = 0.0;    ///< smallest spacing of an indexed reflection, Angstrom
@@ -59,6 +61,10 @@ struct Recording {
     bool estimated = false;                            ///< all of this, from the reflections alone
 };
 Recording recordingOf(const ReciprocalVolume& volume, const TiltAxis& axis);
+
+/// Of the place that is farthest from the origin of a lattice with a pixel size, Angstrom; 0 where there is
+/// none.
+double finestSpacing(std::span<const Eigen::Vector3d> places, const Lattice& lattice);
 
 /// Refines the lattice on the level that gave it, goes to the level that adds most reflections without
 /// leaving the lattice, indexes its reflections and finds the symmetry. Throws Failure (NothingFound) when

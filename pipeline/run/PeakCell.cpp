@@ -245,11 +245,7 @@ LatticeEvidence evidenceFor(const LatticeCandidate& candidate, const Points& poi
     LatticeEvidence evidence;
     evidence.score = candidate.score;
     evidence.thinness = thinnessOf(near, lattice.origin);
-    double longest = 0.0;
-    for (const Vector3d& point : near)
-        longest = std::max(longest, (point - lattice.origin).norm());
-    if (lattice.pixelSize > 0.0 && longest > 0.0)
-        evidence.finestSpacing = 1e10 / (longest * lattice.pixelSize);
+    if (lattice.pixelSize > 0.0) evidence.finestSpacing = finestSpacing(near, lattice);
     Lattice turned = lattice;
     turned.basis = known.toFrame * lattice.basis;
     turned.origin = known.toFrame * lattice.origin;
@@ -296,7 +292,7 @@ double findOthers(PeakCell& cell, const ListSpace& space, const CellSearch& sear
         const LatticeCandidate& candidate = found->candidate;
         other.sameCell = found->sameCell;
         other.verdict = verdictOn(evidenceFor(candidate, points, space));
-        if (other.verdict.level == Confidence::Low) break;
+        if (other.verdict.lattice == Confidence::Low) break;
         other.turn = turnBetween(cell.answer.lattice.basis, candidate.lattice.basis);
         other.reciprocal = niggliReduced(candidate.lattice).toUnitCell();
         other.symmetry = LatticeSymmetry::best(other.reciprocal);
@@ -421,14 +417,6 @@ LatticeCharacter tiedSymmetry(const Indexed& indexed) {
     return symmetry;
 }
 
-/// That of a run, but for cells that every ellipse turns into another one: a list has no calibration to tell
-/// it, and the ellipses of microscopes move angles by a degree and more.
-Verdict verdictOnList(const Indexed& indexed) {
-    Verdict verdict = indexed.verdict;
-    if (indexed.evidence.ellipseUnknown) verdict.level = Confidence::Low;
-    return verdict;
-}
-
 /// Refines the answer and looks for further crystals as in a run. \returns false where the reflections do not
 /// allow it
 bool takeRefined(PeakCell& cell, const PeakList& peaks, const ListSpace& known,
@@ -478,10 +466,10 @@ bool takeRefined(PeakCell& cell, const PeakList& peaks, const ListSpace& known,
     cell.reciprocal = niggliReduced(lattice).toUnitCell();
     cell.symmetry = tiedSymmetry(*cell.indexed);
     cell.completeness = cell.indexed->completeness;
-    cell.verdict = verdictOnList(*cell.indexed);
+    cell.verdict = cell.indexed->verdict;
     for (const FurtherCrystal& other : crystals.others)
         cell.others.push_back({reducedCell(other.indexed.lattice(), fromFrame), tiedSymmetry(other.indexed),
-                               verdictOnList(other.indexed), other.sameCell, other.turn, other.share});
+                               other.indexed.verdict, other.sameCell, other.turn, other.share});
     return true;
 }
 

@@ -210,7 +210,7 @@ std::optional<Attempt> withRefinedCentres(const CentredSeries& series, const Att
                                           const RunOptions& options, const RunStages& stages,
                                           RunSeconds& seconds, Session& session, RunRemains& remains) {
     const bool found = options.centre.source == CentreChoice::Source::Search;
-    if (!found || best.indexed.verdict.level == Confidence::Low || series.centres.empty())
+    if (!found || best.indexed.verdict.lattice == Confidence::Low || series.centres.empty())
         return std::nullopt;
     const std::vector<CentreShift> shifts =
         refineCentres(best.indexed.refined.positions, best.indexed.level.tilts(), best.indexed.lattice(),
@@ -249,7 +249,7 @@ void findCrystals(Attempt& attempt, const RunOptions& options, bool anyCell, Run
 }
 
 bool isDoubtful(const std::optional<Attempt>& attempt) {
-    if (!attempt || attempt->indexed.verdict.level == Confidence::Low) return true;
+    if (!attempt || attempt->indexed.verdict.lattice == Confidence::Low) return true;
     const double own = 1.0 - attempt->indexed.evidence.elsewhere;
     return attempt->indexed.refined.lattice.fraction() < 0.7 * own;
 }

@@ -195,6 +195,7 @@ Json centresJson(const ReciprocalVolume& volume) {
 Json confidenceJson(const RunResult& result) {
     const LatticeCandidate& best = result.lattice.best;
     Json json = {{"level", nameOf(result.indexed.verdict.level)},
+                 {"lattice", nameOf(result.indexed.verdict.lattice)},
                  {"evidence", best.score.evidence},
                  {"fraction_by_chance", best.score.chance},
                  {"reasons", result.indexed.verdict.reasons},

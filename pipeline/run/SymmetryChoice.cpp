@@ -284,6 +284,27 @@ std::string contradictionText(const SymmetryInput& input, const SymmetryChoice& 
     return text.empty() ? "" : "they ask for " + text;
 }
 
+double unprovenEllipse(const SymmetryInput& input, const SymmetryChoice& choice) {
+    using enum InstrumentTerm;
+    const RefinedInstrument& answer = choice.instrument;
+    if (!answer.valid || !answer.uses(EllipseCosine)) return 0.0;
+    const char system = LATTICE::shortName(choice.characters.front().bravaisType)[0];
+    if (system == 'm') return answer.ellipse();
+    if (system != 'o') return 0.0;
+    Eigen::Matrix3d next;
+    next << 0, 0, 1, 1, 0, 0, 0, 1, 0;
+    Eigen::Matrix3d axes = matrixOf(choice.characters.front());
+    double most = 0.0;
+    for (int i = 0; i < 3; ++i, axes *= next) {
+        const RefinedInstrument lower = refinedInstrument(
+            input, choice.refined.lattice.lattice, choice.refined.sense, CellTies::of(LATTICE::mP, axes));
+        if (!lower.valid) continue;
+        most = std::max(most, std::hypot(answer.model[EllipseCosine] - lower.model[EllipseCosine],
+                                         answer.model[EllipseSine] - lower.model[EllipseSine]));
+    }
+    return most;
+}
+
 std::string strainText(const RefinedLattice& tied, const RefinedLattice& untied, LATTICE::BravaisTypes type) {
     constexpr double most = 3.0;  // standard uncertainties
     std::string edges;

@@ -58,6 +58,13 @@ SymmetryChoice chooseSymmetry(const SymmetryInput& input, RefinedPositions refin
 /// uncertainties, are none.
 std::string contradictionText(const SymmetryInput& input, const SymmetryChoice& choice);
 
+/// Strength of that part of the refined ellipse which the reflections ask for under the ties of the type, and
+/// not without some of them: all of it where the type is monoclinic, with as many ties as an ellipse has
+/// numbers; where it is orthorhombic, that which goes when one of its angles is free. A lattice without those
+/// ties that was seen without that ellipse would look the same. 0 for types with more ties, which it would
+/// take too many accidents to imitate.
+double unprovenEllipse(const SymmetryInput& input, const SymmetryChoice& choice);
+
 /// Which edges the ties move by more than three standard uncertainties, as a sentence; empty for none.
 std::string strainText(const RefinedLattice& tied, const RefinedLattice& untied, LATTICE::BravaisTypes type);
 

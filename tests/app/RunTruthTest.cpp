@@ -285,7 +285,9 @@ void RunTruthTest::expectIndices() const {
 
 void RunTruthTest::expectConfidence() const {
     // No triclinic lattice tells how the frames are distorted.
-    EXPECT_EQ(found["confidence"]["level"], GetParam().bravais == std::string("aP") ? "fair" : "high");
+    const bool isTriclinic = GetParam().bravais == std::string("aP");
+    EXPECT_EQ(found["confidence"]["level"], isTriclinic ? "low" : "high");
+    EXPECT_EQ(found["confidence"]["lattice"], isTriclinic ? "fair" : "high");
     const double chance = number("/confidence/fraction_by_chance");
     EXPECT_GT(chance, 1e-4);
     EXPECT_LT(chance, 0.1);

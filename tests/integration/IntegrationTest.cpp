@@ -151,10 +151,11 @@ TEST(IntegrationTest, believesTheHeaderUnlessTheCurvesContradictIt) {
         double rotation;  ///< of the simulated frames, degrees
         ModeSource source;
         const char* remark;  ///< empty: none
+        std::optional<RotationMode> chosen = {};
     };
     const char* contradiction = "the rocking curves say continuous";
     const char* gaps = "by the rocking curves frames turn by 0.6 of every 1 degrees";
-    const std::array<Row, 6> rows = {
+    const std::array<Row, 7> rows = {
         {{"as it was", StatedMode{RotationMode::Continuous, 1.0 * kDegree}, 1.0, ModeSource::Header, ""},
          {"half of the time", StatedMode{RotationMode::Continuous, 0.5 * kDegree}, 0.5, ModeSource::Header,
           ""},
@@ -162,6 +163,8 @@ TEST(IntegrationTest, believesTheHeaderUnlessTheCurvesContradictIt) {
          {"said to precess", StatedMode{RotationMode::Precession, 0, 1.0 * kDegree}, 1.0, ModeSource::Curves,
           contradiction},
          {"gaps of which nobody says anything", std::nullopt, 0.6, ModeSource::Curves, gaps},
+         {"gaps where continuous was chosen", std::nullopt, 0.6, ModeSource::Option, gaps,
+          RotationMode::Continuous},
          {"said to have no gaps", StatedMode{RotationMode::Continuous, 1.0 * kDegree}, 0.6,
           ModeSource::Curves, "the rocking curves say continuous over 0.6"}}};
     for (const Row& row : rows) {
@@ -173,7 +176,9 @@ TEST(IntegrationTest, believesTheHeaderUnlessTheCurvesContradictIt) {
         for (FramePose& pose : simulated.input.geometry.frames)
             pose.rotation = 1.0 * kDegree;
         simulated.input.stated = row.stated;
-        const IntegrationResult result = integrate(simulated.input);
+        IntegrationOptions options;
+        options.mode = row.chosen;
+        const IntegrationResult result = integrate(simulated.input, options);
         EXPECT_EQ(result.modeSource, row.source);
         EXPECT_EQ(result.fit.rocking.mode, RotationMode::Continuous);
         EXPECT_NEAR(result.fit.geometry.frames[3].rotation, row.rotation * kDegree,

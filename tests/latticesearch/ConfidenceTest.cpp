@@ -5,6 +5,7 @@
 #include <Eigen/Geometry>
 #include <cmath>
 #include <functional>
+#include <optional>
 #include <random>
 
 #include "pipeline/latticesearch/RecordedWedge.h"
@@ -34,6 +35,7 @@ TEST(Confidence, EachDoubtLowersItAndIsNamed) {
         const char* reason;
         std::function<void(LatticeEvidence&)> change;
         Confidence level;
+        std::optional<Confidence> lattice = {};  ///< where it is not the level
     } cases[] = {
         {"", [](LatticeEvidence&) {}, Confidence::High},
         {"few reflections", [](LatticeEvidence& e) { e.score.evidence = 299; }, Confidence::Fair},
@@ -75,7 +77,11 @@ TEST(Confidence, EachDoubtLowersItAndIsNamed) {
          Confidence::Fair},
         {"assumed", [](LatticeEvidence& e) { e.axisAssumed = true; }, Confidence::Fair},
         {"in part", [](LatticeEvidence& e) { e.tiedUncertainty = 0.006; }, Confidence::Fair},
-        {"triclinic", [](LatticeEvidence& e) { e.ellipseUnknown = true; }, Confidence::Fair},
+        {"'vrk calibrate'", [](LatticeEvidence& e) { e.ellipseUnknown = true; }, Confidence::Low,
+         Confidence::Fair},
+        {"unless the frames are distorted by 0.7 %", [](LatticeEvidence& e) { e.ellipseUnproven = 0.007; },
+         Confidence::Fair},
+        {"", [](LatticeEvidence& e) { e.ellipseUnproven = 0.005; }, Confidence::High},
         {"end at 5.1 Angstrom", [](LatticeEvidence& e) { e.finestSpacing = 5.1; }, Confidence::Fair},
         {"", [](LatticeEvidence& e) { e.finestSpacing = 4.9; }, Confidence::High},
         {"contradict", [](LatticeEvidence& e) { e.instrumentContradicted = true; }, Confidence::Fair},
@@ -120,6 +126,7 @@ TEST(Confidence, EachDoubtLowersItAndIsNamed) {
         one.change(known);
         const vrk::Verdict verdict = vrk::verdictOn(known);
         EXPECT_EQ(verdict.level, one.level) << one.reason;
+        EXPECT_EQ(verdict.lattice, one.lattice.value_or(one.level)) << one.reason;
         ASSERT_EQ(verdict.reasons.size(), *one.reason ? 1U : 0U) << one.reason;
         if (*one.reason) {
             EXPECT_NE(verdict.reasons[0].find(one.reason), std::string::npos) << verdict.reasons[0];
@@ -130,7 +137,7 @@ TEST(Confidence, EachDoubtLowersItAndIsNamed) {
 TEST(Confidence, ThreeDoubtsAreTooMany) {
     LatticeEvidence guessed = sound();
     guessed.spaceEstimated = guessed.ellipseUnknown = true;
-    EXPECT_EQ(vrk::verdictOn(guessed).level, Confidence::Low) << "neither axis nor distortion is known";
+    EXPECT_EQ(vrk::verdictOn(guessed).lattice, Confidence::Low) << "neither axis nor distortion is known";
     LatticeEvidence known = sound();
     known.axisAssumed = true;
     known.thinness = 0.1;

@@ -141,6 +141,35 @@ TEST(IndexReflections, AnAxisThatNobodyStatedMustBeConfirmed) {
     EXPECT_EQ(level({.axisTurn = 1}, 0.8, "header"), vrk::Confidence::High);
 }
 
+TEST(IndexReflections, AnEllipseMayMakeTiesThatACrystalHasNot) {
+    const struct {
+        std::array<double, 6> cell;
+        double ellipse;
+        unsigned seed;  ///< of the orientation
+        vrk::Confidence level, lattice;
+    } cases[] = {
+        {{5.2, 6.3, 8.1, 82, 97, 104}, 0, 4, vrk::Confidence::Low, vrk::Confidence::Fair},
+        {{5.2, 6.3, 8.1, 90, 97, 90}, 0, 7, vrk::Confidence::High, vrk::Confidence::High},
+        {{5.2, 6.3, 8.1, 90, 97, 90}, 0.014, 7, vrk::Confidence::Fair, vrk::Confidence::Fair},
+        {{5.2, 6.3, 8.1, 90, 90, 90}, 0.014, 7, vrk::Confidence::High, vrk::Confidence::High},
+        // A right angle or the ellipse.
+        {{5.2, 6.3, 8.1, 90, 90, 90}, 0.014, 5, vrk::Confidence::Fair, vrk::Confidence::Fair},
+    };
+    for (const auto& one : cases) {
+        Found found(one.cell, {.ellipse = one.ellipse, .azimuth = 40},
+                    {.noise = 0.3, .seed = one.seed, .share = 0.8});
+        const vrk::Verdict verdict = found.indexed().verdict;
+        EXPECT_EQ(verdict.level, one.level) << one.ellipse;
+        EXPECT_EQ(verdict.lattice, one.lattice) << one.ellipse;
+        ASSERT_EQ(verdict.reasons.size(), one.level == vrk::Confidence::High ? 0U : 1U);
+        for (const std::string& reason : verdict.reasons)
+            EXPECT_NE(reason.find("'vrk calibrate'"), std::string::npos) << reason;
+        if (one.ellipse > 0) continue;
+        found.volume.facts.instrument.emplace().ellipse = vrk::CalibratedValue{0, 1e-4, 0};
+        EXPECT_EQ(found.indexed().verdict.level, vrk::Confidence::High) << "with a calibration";
+    }
+}
+
 TEST(FindCell, TrustsNoNarrowRangeOfTiltsHighly) {
     const auto reasonsAt = [](double most) {
         const Recorded data({9, 11, 14, 90, 98, 90}, {},
