@@ -13,7 +13,7 @@
 namespace {
 
 namespace fs = std::filesystem;
-using nlohmann::json;
+using Json = nlohmann::json;
 
 /// Names are data: none of this reaches a shell.
 const std::string kOdd = "q'uo\"te {x}\nnew;$(touch PWNED)";
@@ -33,13 +33,13 @@ protected:
             0);
     }
     VrkResult vrk(const std::string& line) const { return runVrkLine(line, folder / "."); }
-    json record(const std::string& name) const {
-        return json::parse(folder.read("out/records/" + name + ".json"));
+    Json record(const std::string& name) const {
+        return Json::parse(folder.read("out/records/" + name + ".json"));
     }
     std::vector<std::string> names() const {
         std::vector<std::string> all;
-        const json plan = json::parse(folder.read("out/batch.json"));
-        for (const json& job : plan["jobs"])
+        const Json plan = Json::parse(folder.read("out/batch.json"));
+        for (const Json& job : plan["jobs"])
             all.push_back(job["name"]);
         return all;
     }
@@ -64,7 +64,7 @@ TEST_F(BatchCommand, DoesJobsOnceAndSaysWhatBecameOfThem) {
     EXPECT_EQ(row.exitCode, 1);
     EXPECT_NE(row.err.find("vrk: bad: "), std::string::npos) << row.err;
     const std::string command =
-        json::parse(folder.read("out/results/good/summary.json"))["program"]["command"];
+        Json::parse(folder.read("out/results/good/summary.json"))["program"]["command"];
     EXPECT_TRUE(command.starts_with("vrk run /") &&
                 command.ends_with("/good --no-integration --no-pictures --jobs=1"))
         << command;
@@ -84,7 +84,7 @@ TEST_F(BatchCommand, DoesJobsOnceAndSaysWhatBecameOfThem) {
     EXPECT_EQ(vrk("batch -o out --job nobody").exitCode, 2);
 
     ASSERT_EQ(vrk("batch --collect out --cut 0.02").exitCode, 0);
-    EXPECT_EQ(json::parse(folder.read("out/crystals.json"))["dendrogram"]["cut"], 0.02);
+    EXPECT_EQ(Json::parse(folder.read("out/crystals.json"))["dendrogram"]["cut"], 0.02);
     EXPECT_NE(vrk("batch -o out --dry-run").out.find("4 series, 2 done, 1 nothing found, 1 failed; 1 to run"),
               std::string::npos);
     EXPECT_NE(vrk("batch -o out --dry-run --again").out.find("; 2 to run"), std::string::npos);

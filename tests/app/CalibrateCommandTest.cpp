@@ -9,15 +9,15 @@
 
 namespace {
 
-using nlohmann::json;
+using Json = nlohmann::json;
 
 class CalibrateCommandTest : public testing::Test {
 protected:
     VrkResult vrk(const std::string& line) const { return runVrkLine(line, folder / "."); }
-    json answer(const std::string& line) const {
+    Json answer(const std::string& line) const {
         const VrkResult result = vrk(line + " --json");
         EXPECT_EQ(result.exitCode, 0) << line << '\n' << result.err;
-        return result.exitCode == 0 ? json::parse(result.out) : json();
+        return result.exitCode == 0 ? Json::parse(result.out) : Json();
     }
     /// A crystal in the microscope of the test, which states a pixel size 2 % too large.
     void simulate(const std::string& name, const std::string& crystal) const {
@@ -34,7 +34,7 @@ TEST_F(CalibrateCommandTest, PutsAnotherCrystalRightThatCouldNotTell) {
     simulate("b.mrc", "--cell 6.3,7.4,8.2,75,82,68 --seed 5");
     // The files of a run tell nearly the same as the series.
     ASSERT_EQ(vrk("run a.mrc -o a --no-pictures --no-integration").exitCode, 0);
-    const json found = answer("calibrate a.mrc a -o d.json --cell 8.1,8.1,8.1,90,90,90");
+    const Json found = answer("calibrate a.mrc a -o d.json --cell 8.1,8.1,8.1,90,90,90");
     EXPECT_NEAR(found["ellipse"]["value"], 0.014, 5e-4);
     EXPECT_NEAR(found["ellipse_azimuth_deg"]["value"], 64, 2);
     EXPECT_NEAR(found["radial"]["value"], 0.006, 0.0015);
@@ -44,10 +44,10 @@ TEST_F(CalibrateCommandTest, PutsAnotherCrystalRightThatCouldNotTell) {
     EXPECT_EQ(found["scatter"]["ellipse"]["series"], 2);
     EXPECT_LT(found["scatter"]["ellipse"]["deviation"], 3e-4);
 
-    const json plain = answer("run b.mrc -o plain --no-pictures --no-integration");
-    const json right = answer("run b.mrc -o right --no-pictures --distortion d.json");
-    const json truth = json::parse(folder.read("b.truth.json"));
-    const auto error = [&](const json& cells) {
+    const Json plain = answer("run b.mrc -o plain --no-pictures --no-integration");
+    const Json right = answer("run b.mrc -o right --no-pictures --distortion d.json");
+    const Json truth = Json::parse(folder.read("b.truth.json"));
+    const auto error = [&](const Json& cells) {
         double most = 0;
         for (const char* edge : {"a", "b", "c"})
             most = std::max(

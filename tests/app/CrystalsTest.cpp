@@ -11,7 +11,7 @@
 
 namespace {
 
-using nlohmann::json;
+using Json = nlohmann::json;
 
 class CrystalsTest : public testing::Test {
 protected:
@@ -20,31 +20,31 @@ protected:
         const std::string common =
             "simulate --cell 4.6,5.3,6.4,90,104,90 --size 128 --dmin 1.1 --seed 4 --tilts -60:60:2 --axis 6 "
             "--write-axis --json -o ";
-        truth = json::parse(vrk(common + "two.mrc --second-crystal 0.8").out);
+        truth = Json::parse(vrk(common + "two.mrc --second-crystal 0.8").out);
         ASSERT_EQ(vrk(common + "one.mrc").exitCode, 0);
     }
     static void TearDownTestSuite() { folder.reset(); }
     static VrkResult vrk(const std::string& line) { return runVrkLine(line, *folder / "."); }
     static bool exists(const std::string& name) { return std::filesystem::exists(*folder / name); }
 
-    static void expectCell(const json& cell, double within) {
-        const json& expected = truth["cell"]["primitive"];
+    static void expectCell(const Json& cell, double within) {
+        const Json& expected = truth["cell"]["primitive"];
         for (const char* key : {"a", "b", "c"})
             EXPECT_NEAR(cell[key].get<double>(), expected[key].get<double>(), within) << key;
     }
 
     static std::unique_ptr<TemporaryFolder> folder;
-    static json truth;
+    static Json truth;
 };
 std::unique_ptr<TemporaryFolder> CrystalsTest::folder;
-json CrystalsTest::truth;
+Json CrystalsTest::truth;
 
 TEST_F(CrystalsTest, BothAreFoundAndMeasured) {
-    const json found = json::parse(vrk("run two.mrc -o two --no-pictures --json").out);
-    const json& crystals = found["crystals"];
+    const Json found = Json::parse(vrk("run two.mrc -o two --no-pictures --json").out);
+    const Json& crystals = found["crystals"];
     ASSERT_EQ(crystals.size(), 2U);
     double share = 0;
-    for (const json& crystal : crystals) {
+    for (const Json& crystal : crystals) {
         expectCell(crystal["reduced"], 0.02);
         EXPECT_EQ(crystal["confidence"], "high") << crystal["reasons"];
         EXPECT_EQ(crystal["bravais"], "mP");
@@ -61,7 +61,7 @@ TEST_F(CrystalsTest, BothAreFoundAndMeasured) {
     EXPECT_TRUE(exists("two/crystal2.hkl") && exists("two/crystal2.ins"));
 
     ASSERT_EQ(vrk("index two/peaks.txt two/crystal2.cell.txt -o x.hkl --json").exitCode, 0);
-    const json cell = json::parse(vrk("cell two/peaks.txt -o c.txt --json").out);
+    const Json cell = Json::parse(vrk("cell two/peaks.txt -o c.txt --json").out);
     ASSERT_EQ(cell["crystals"].size(), 1U);
     expectCell(cell["crystals"][0]["cell"], 0.12);
     EXPECT_TRUE(exists("c.crystal2.txt"));
@@ -69,15 +69,15 @@ TEST_F(CrystalsTest, BothAreFoundAndMeasured) {
 
 TEST_F(CrystalsTest, OneIsWhereOneIsAskedForOrThere) {
     const auto crystals = [](const std::string& line) {
-        return json::parse(
+        return Json::parse(
             vrk("run " + line + " -o out --tilt-axis 6 --no-pictures --no-integration --json").out);
     };
-    const json asked = crystals("two.mrc --crystals 1");
+    const Json asked = crystals("two.mrc --crystals 1");
     EXPECT_EQ(asked["crystals"].size(), 1U);
     EXPECT_NE(asked["confidence"]["level"], "high") << "half of the reflections are not explained";
     EXPECT_FALSE(exists("out/crystal2.cell.txt"));
-    EXPECT_EQ(json::parse(vrk("cell out/peaks.txt -o d.txt --crystals 1 --json").out)["crystals"].size(), 0U);
-    const json alone = crystals("one.mrc --crystals 9");
+    EXPECT_EQ(Json::parse(vrk("cell out/peaks.txt -o d.txt --crystals 1 --json").out)["crystals"].size(), 0U);
+    const Json alone = crystals("one.mrc --crystals 9");
     EXPECT_EQ(alone["crystals"].size(), 1U);
     EXPECT_EQ(alone["confidence"]["level"], "high");
     EXPECT_GT(alone["crystals"][0]["strong_share"], 0.95);

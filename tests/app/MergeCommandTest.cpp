@@ -16,15 +16,15 @@
 
 namespace {
 
-using nlohmann::json;
+using Json = nlohmann::json;
 
 /// The files of a run that merging reads.
 void writeResult(const vrk::CrystalData& crystal, const std::filesystem::path& folder) {
     std::filesystem::create_directory(folder);
-    json cell;
+    Json cell;
     for (std::size_t i = 0; i < 6; ++i)
         cell[std::vector<const char*>{"a", "b", "c", "alpha", "beta", "gamma"}[i]] = crystal.cell.cell[i];
-    const json summary = {{"parameters", {{"voltage_kv", crystal.kiloVolts}}},
+    const Json summary = {{"parameters", {{"voltage_kv", crystal.kiloVolts}}},
                           {"intensities", {{"cell", cell}, {"resolution", {{"d_min", crystal.dMin}}}}},
                           {"crystals", {{{"bravais", crystal.bravais}, {"cell", cell}}}}};
     std::ofstream(folder / "summary.json") << summary;
@@ -68,10 +68,10 @@ protected:
     static VrkResult merge(const std::string& arguments) {
         return runVrkLine("merge -o out --no-pictures --json " + arguments, *folder / ".");
     }
-    static json merged(const std::string& arguments) {
+    static Json merged(const std::string& arguments) {
         const VrkResult result = merge(arguments);
         EXPECT_EQ(result.exitCode, 0) << result.err;
-        return json::parse(result.out);
+        return Json::parse(result.out);
     }
 
     static std::unique_ptr<TemporaryFolder> folder;
@@ -86,17 +86,17 @@ TEST_F(MergeCommandTest, WritesOneDataSet) {
     EXPECT_NE(result.err.find("empty has no intensities"), std::string::npos) << result.err;
     EXPECT_NE(result.out.find("crystals      4 of 4 merged"), std::string::npos) << result.out;
     EXPECT_EQ(runVrkLine("verify first", *folder / ".").err, "");
-    const json summary = json::parse(folder->read("first/merge.json"));
-    const json& all = summary["/intensities/overall"_json_pointer];
+    const Json summary = Json::parse(folder->read("first/merge.json"));
+    const Json& all = summary["/intensities/overall"_json_pointer];
     EXPECT_EQ(summary["/intensities/laue/class"_json_pointer], "4/m");
     EXPECT_GT(summary["/intensities/cc_half_of_crystals"_json_pointer], 0.99);
     EXPECT_NEAR(summary["/cell/c"_json_pointer].get<double>(), 8.3, 1e-3);
-    for (const json& crystal : summary["crystals"]) {
+    for (const Json& crystal : summary["crystals"]) {
         EXPECT_EQ(crystal["ways"], 2);
         EXPECT_GT(crystal["correlation"], 0.9);
     }
     EXPECT_EQ(summary["growth"].back()["completeness"], all["completeness"]);
-    EXPECT_EQ(json::parse(folder->read("first/summary.json"))["files"].size(), 10U);
+    EXPECT_EQ(Json::parse(folder->read("first/summary.json"))["files"].size(), 10U);
     // Every file has the same reflections, and the scale of the first is that of the others.
     const auto lines = [](const std::string& text) { return std::count(text.begin(), text.end(), '\n'); };
     EXPECT_EQ(lines(folder->read("first/merged.hkl")), all["unique"].get<int>() + 1);
@@ -118,9 +118,9 @@ TEST_F(MergeCommandTest, OptionsDecideWhichCrystalsTakePart) {
     EXPECT_EQ(refused.exitCode, 2);
     EXPECT_NE(refused.err.find("\n  other: tP 6.500 6.500 8.715"), std::string::npos) << refused.err;
     EXPECT_FALSE(std::filesystem::exists(*folder / "out/merge.json"));
-    const auto used = [](const json& summary) {
+    const auto used = [](const Json& summary) {
         std::string text;
-        for (const json& crystal : summary["crystals"])
+        for (const Json& crystal : summary["crystals"])
             text += crystal["used"].get<bool>() ? '1' : '0';
         return text;
     };
@@ -128,14 +128,14 @@ TEST_F(MergeCommandTest, OptionsDecideWhichCrystalsTakePart) {
     EXPECT_EQ(used(merged("r0 r1 r2 other --cell-tolerance 6")), "1111");
     EXPECT_EQ(used(merged("r0 bad r1 r2 r3")), "10111");
     EXPECT_EQ(used(merged("r0 bad r1 r2 r3 --keep-all")), "11111");
-    const json coarse = merged("r0 r1 --d-min 1.6");
+    const Json coarse = merged("r0 r1 --d-min 1.6");
     EXPECT_NEAR(coarse["/intensities/overall/d_min"_json_pointer].get<double>(), 1.6, 1e-9);
 }
 
 TEST_F(MergeCommandTest, ReferenceDecidesTheIndices) {
     // r0 and r2 have the axes of the structure, r1 and r3 have a and b exchanged and c turned round.
     for (const auto& [reference, sign] : {std::pair("r0", 1.0), std::pair("r3", -1.0)}) {
-        const json crystals = merged(std::string("r0 r1 r2 --reference ") + reference)["crystals"];
+        const Json crystals = merged(std::string("r0 r1 r2 --reference ") + reference)["crystals"];
         ASSERT_EQ(crystals.size(), 3U);
         for (std::size_t i = 0; i < 3; ++i)
             EXPECT_EQ(crystals[i]["base"][2][2], i == 1 ? -sign : sign) << reference;
@@ -157,7 +157,7 @@ TEST_F(MergeCommandTest, ReferenceDecidesTheIndices) {
     for (const std::string& reference :
          {std::string("turned"), std::string("turned/reflections.hkl"), std::string("own/instructed.hkl"),
           "own/plain.hkl" + cell, "own/blanks.hkl" + cell}) {
-        const json crystals = merged("r0 r1 r2 --reference " + reference)["crystals"];
+        const Json crystals = merged("r0 r1 r2 --reference " + reference)["crystals"];
         for (std::size_t i = 0; i < 3; ++i)
             EXPECT_EQ(crystals[i]["base"][2][2], i == 1 ? 1.0 : -1.0) << reference;
     }

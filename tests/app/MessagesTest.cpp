@@ -19,7 +19,7 @@
 
 namespace {
 
-struct Case {
+struct MessageCase {
     const char* line;
     int exitCode;
     const char* message;  ///< stands on the standard error stream
@@ -27,7 +27,7 @@ struct Case {
 
 struct Group {
     const char* name;
-    std::vector<Case> cases;
+    std::vector<MessageCase> cases;
 
     friend void PrintTo(const Group& group, std::ostream* out) { *out << group.name; }
 };
@@ -251,7 +251,7 @@ TEST_P(MessagesTest, BlameOneThingAndNameTheWayOut) {
         for (; started.size() < std::min(i + together, GetParam().cases.size());)
             started.push_back(
                 std::make_unique<StartedVrk>(words(GetParam().cases[started.size()].line), *folder / "."));
-        const Case& one = GetParam().cases[i];
+        const MessageCase& one = GetParam().cases[i];
         SCOPED_TRACE(one.line);
         const VrkResult result = started[i]->wait();
         EXPECT_EQ(result.exitCode, one.exitCode);

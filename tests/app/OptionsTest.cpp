@@ -17,21 +17,21 @@
 
 namespace {
 
-using nlohmann::json;
+using Json = nlohmann::json;
 
 /// A command line with the options of a case behind it, and what to look at:
 ///   /path=VALUE          the JSON that the command prints, or file.json:/path=VALUE
 ///   /path< > !           less, more or other than without the options
 ///   file? file! file~    it is there; other than without the options; other than in all cases before, too
 ///   exit=N               how the command ends, when not with 0
-struct Case {
+struct OptionCase {
     const char* options;
     const char* checks;
 };
 
 struct Command {
     const char* line;
-    std::vector<Case> cases;
+    std::vector<OptionCase> cases;
     /// Options that the tests of the command look at, or that its help names.
     const char* elsewhere;
     /// Options with values that a case has unless it names them itself.
@@ -370,14 +370,14 @@ protected:
         return text;
     }
 
-    static json at(const json& document, const std::string& place) {
-        const json::json_pointer pointer(place);
-        return document.contains(pointer) ? document.at(pointer) : json("nothing at " + place);
+    static Json at(const Json& document, const std::string& place) {
+        const Json::json_pointer pointer(place);
+        return document.contains(pointer) ? document.at(pointer) : Json("nothing at " + place);
     }
 
-    json plainRun();
+    Json plainRun();
     VrkResult with(const std::string& options) const;
-    void check(const std::string& text, const json& printed, const json& plain);
+    void check(const std::string& text, const Json& printed, const Json& plain);
 
     static std::unique_ptr<TemporaryFolder> folder;
     std::map<std::string, std::vector<std::string>> seen;  ///< contents of files, those without options first
@@ -396,20 +396,20 @@ VrkResult OptionsTest::with(const std::string& options) const {
     return runVrk(line, *folder / ".");
 }
 
-void OptionsTest::check(const std::string& text, const json& printed, const json& plain) {
+void OptionsTest::check(const std::string& text, const Json& printed, const Json& plain) {
     SCOPED_TRACE(text);
     const std::string place = text.substr(0, text.size() - 1);
     if (const std::size_t equals = text.find('='); equals != std::string::npos) {
         std::string path = text.substr(0, equals);
-        json document = printed;
+        Json document = printed;
         if (const std::size_t colon = path.find(':'); colon != std::string::npos) {
-            document = json::parse(folder->read(path.substr(0, colon)));
+            document = Json::parse(folder->read(path.substr(0, colon)));
             path = path.substr(colon + 1);
         }
         const std::string value = text.substr(equals + 1);
-        const json parsed = json::parse(value, nullptr, false);
-        const json expected = parsed.is_discarded() ? json(value) : parsed;
-        const json found = at(document, path);
+        const Json parsed = Json::parse(value, nullptr, false);
+        const Json expected = parsed.is_discarded() ? Json(value) : parsed;
+        const Json found = at(document, path);
         if (expected.is_number() && found.is_number())
             EXPECT_NEAR(found.get<double>(), expected.get<double>(), 1e-6 * std::abs(expected.get<double>()));
         else
@@ -423,8 +423,8 @@ void OptionsTest::check(const std::string& text, const json& printed, const json
     } else if (place[0] != '/') {
         EXPECT_NE(contents(place), seen[place].front());
     } else {
-        const json now = at(printed, place);
-        const json before = at(plain, place);
+        const Json now = at(printed, place);
+        const Json before = at(plain, place);
         if (text.back() == '!') {
             EXPECT_NE(now, before);
         } else {
@@ -436,17 +436,17 @@ void OptionsTest::check(const std::string& text, const json& printed, const json
 }
 
 /// What the command prints without options, when any case compares with it; keeps its files.
-json OptionsTest::plainRun() {
+Json OptionsTest::plainRun() {
     std::set<std::string> compared;
     bool needed = false;
-    for (const Case& one : GetParam().cases)
+    for (const OptionCase& one : GetParam().cases)
         for (const std::string& text : words(one.checks)) {
             if (std::string("<>!~").find(text.back()) == std::string::npos) continue;
             needed = true;
             if (text[0] != '/') compared.insert(text.substr(0, text.size() - 1));
         }
     if (!needed) return {};
-    const json printed = json::parse(with("").out);
+    const Json printed = Json::parse(with("").out);
     for (const std::string& name : compared)
         seen[name] = {contents(name)};
     return printed;
@@ -454,8 +454,8 @@ json OptionsTest::plainRun() {
 
 TEST_P(OptionsTest, EachHasItsEffect) {
     const Command& command = GetParam();
-    const json plain = plainRun();
-    for (const Case& one : command.cases) {
+    const Json plain = plainRun();
+    for (const OptionCase& one : command.cases) {
         SCOPED_TRACE(one.options);
         int exitCode = 0;
         std::vector<std::string> checks = words(one.checks);
@@ -466,7 +466,7 @@ TEST_P(OptionsTest, EachHasItsEffect) {
         std::erase_if(checks, [](const std::string& text) { return text.rfind("exit=", 0) == 0; });
         const VrkResult result = with(one.options);
         ASSERT_EQ(result.exitCode, exitCode) << result.err;
-        const json printed = json::parse(result.out, nullptr, false);
+        const Json printed = Json::parse(result.out, nullptr, false);
         for (const std::string& text : checks)
             check(text, printed, plain);
     }
@@ -476,7 +476,7 @@ TEST_P(OptionsTest, EachHasItsEffect) {
     for (const Command& other : kCommands)
         if (words(other.line)[0] == words(command.line)[0]) {
             known += other.elsewhere + std::string(" ");
-            for (const Case& one : other.cases)
+            for (const OptionCase& one : other.cases)
                 known += one.options + std::string(" ");
         }
     std::string help = vrk(words(command.line)[0] + " --help").out;

@@ -17,7 +17,7 @@
 
 namespace {
 
-using nlohmann::json;
+using Json = nlohmann::json;
 
 /// A command line and lines that it prints, blanks counting as one. In braces:
 ///   /path          the value there in the JSON that the command prints with --json, or in the file
@@ -273,8 +273,8 @@ struct Number {
 };
 
 /// Takes what an item in braces stands for from the front of a text.
-bool take(const std::string& item, std::string& text, const json& document) {
-    const auto at = [&](const std::string& path) { return document.at(json::json_pointer(path)); };
+bool take(const std::string& item, std::string& text, const Json& document) {
+    const auto at = [&](const std::string& path) { return document.at(Json::json_pointer(path)); };
     const std::size_t tilde = item.find('~');
     const std::size_t star = item.find('*');
     if (item[0] == '/' && at(item.substr(0, std::min(tilde, star))).is_string()) {
@@ -303,7 +303,7 @@ bool take(const std::string& item, std::string& text, const json& document) {
     return fits;
 }
 
-bool says(std::string text, const std::string& form, const json& document) {
+bool says(std::string text, const std::string& form, const Json& document) {
     for (std::size_t i = 0; i < form.size(); ++i) {
         if (form[i] == '{') {
             const std::size_t end = form.find('}', i);
@@ -323,8 +323,8 @@ void PrintedTest::expectWhatTheJsonSays(const std::vector<Printed>& all) const {
         if (*one.line) printed = runVrkLine(one.line, m_folder / ".");
         ASSERT_EQ(printed.exitCode, 0) << printed.err;
         if (one.printed) printed.out = m_folder.read(one.printed);
-        const json document =
-            json::parse(*one.file ? m_folder.read(one.file)
+        const Json document =
+            Json::parse(*one.file ? m_folder.read(one.file)
                                   : runVrkLine(one.line + std::string(" --json"), m_folder / ".").out);
         for (const char* form : one.lines) {
             bool isThere = false;
@@ -376,18 +376,18 @@ TEST_F(PrintedTest, PlotsShowWhatTheSummarySays) {
     // The direct beam: x above y, over the tilts, from the mean upwards.
     const cv::Mat picture = panelOf(m_folder / "out/centres.png");
     ASSERT_EQ(picture.size(), cv::Size(1024, 1024));
-    const json centres = json::parse(m_folder.read("out/summary.json"))["centres"];
+    const Json centres = Json::parse(m_folder.read("out/summary.json"))["centres"];
     const std::array<const char*, 2> keys = {"x", "y"};
     std::array<double, 2> mean{};
     double range = 0.5;
     for (std::size_t panel = 0; panel < 2; ++panel) {
-        for (const json& one : centres)
+        for (const Json& one : centres)
             mean[panel] += one[keys[panel]].get<double>() / static_cast<double>(centres.size());
-        for (const json& one : centres)
+        for (const Json& one : centres)
             range = std::max(range, std::abs(one[keys[panel]].get<double>() - mean[panel]));
     }
     for (std::size_t panel = 0; panel < 2; ++panel)
-        for (const json& one : centres) {
+        for (const Json& one : centres) {
             const double right = 30 + 964 * (one["tilt"].get<double>() + 60) / 120;
             const double above = (one[keys[panel]].get<double>() - mean[panel]) / range;
             const double down = 512 * (0.5 + static_cast<double>(panel)) - 0.4 * 512 * above;

@@ -39,8 +39,6 @@ protected:
     std::string m_folder = testing::TempDir() + "processing commands/";
 };
 
-}  // namespace
-
 /// What centring brings in from outside has no background that could be taken from it.
 TEST_F(ProcessingCommands, LeaveTheBorderEmptyThatCentringBringsIn) {
     ASSERT_EQ(run({"preprocess", "series.mrc", "-o", "clean.mrc", "--centre", "20,30"}).exitCode, 0);
@@ -105,3 +103,5 @@ TEST_F(ProcessingCommands, ExplainThemselvesWhenTheyCannotGoOn) {
     EXPECT_EQ(dims({}), Json({20, 20, 2}));
     EXPECT_EQ(run({"reconstruct", "square.mrc", "-o", "out.mrc"}).exitCode, 0);
 }
+
+}  // namespace

@@ -14,11 +14,11 @@
 
 namespace {
 
-using nlohmann::json;
+using Json = nlohmann::json;
 using Columns = std::map<std::string, std::vector<double>>;
 
 constexpr const char* kName = "\"><script>alert(1)<'script>.mrc";
-constexpr int kWidth = 128, kHeight = 112;
+constexpr int kColumns = 128, kRows = 112;
 
 /// A C-centred crystal on frames that are wider than high, its axis oblique and its beam aside.
 void writeSeries(const std::string& path) {
@@ -26,19 +26,19 @@ void writeSeries(const std::string& path) {
     settings.cell = {7.1, 8.4, 6.2, 90, 104, 90};
     settings.centring = 'C';
     settings.dmin = 1.0;
-    settings.detector.size = kWidth;
+    settings.detector.size = kColumns;
     settings.axis = 25;
     settings.stated.axis = true;
     settings.centre.offset = {5, -3};
     for (int tilt = -60; tilt <= 50; tilt += 2)
         settings.tilts.push_back(tilt);
     const auto whole = vrk::simulateSeries(settings).series;
-    const std::unique_ptr<VoxMRCData> series(VoxMRCData::Create3D(kWidth, kHeight, whole->GetDepth()));
+    const std::unique_ptr<VoxMRCData> series(VoxMRCData::Create3D(kColumns, kRows, whole->GetDepth()));
     series->m_Header = whole->m_Header;
-    series->m_Header.ny = series->m_Header.my = kHeight;
-    constexpr int top = (kWidth - kHeight) / 2;
+    series->m_Header.ny = series->m_Header.my = kRows;
+    constexpr int top = (kColumns - kRows) / 2;
     for (unsigned z = 0; z < whole->GetDepth(); ++z)
-        std::copy_n(whole->GetChunkPointer(z) + top * kWidth, kWidth * kHeight, series->GetChunkPointer(z));
+        std::copy_n(whole->GetChunkPointer(z) + top * kColumns, kColumns * kRows, series->GetChunkPointer(z));
     ASSERT_TRUE(VoxMRCFileHandler().writeMRCFile(series.get(), path));
 }
 
@@ -54,25 +54,25 @@ protected:
             if (column.is_object()) columns[name] = unpacked(column);
     }
 
-    json& summary() { return blocks["summary"]; }
+    Json& summary() { return blocks["summary"]; }
     void expectReflectionsOnTheirNodes();
     void expectSpotsWhereTheyAreSaidToBe();
     void expectSpotsInTheSections();
 
     TemporaryFolder folder;
-    std::map<std::string, json> blocks;
+    std::map<std::string, Json> blocks;
     Columns columns;
 };
 
 void ReportCommandTest::expectReflectionsOnTheirNodes() {
-    EXPECT_EQ(summary(), json::parse(folder.read("result/summary.json")));
+    EXPECT_EQ(summary(), Json::parse(folder.read("result/summary.json")));
     EXPECT_EQ(summary()["input"]["path"], kName);
     EXPECT_EQ(summary()["inputs"][0]["bytes"], std::filesystem::file_size(folder / kName));
     EXPECT_EQ(summary()["program"]["command"], "vrk run '\"><script>alert(1)<'\\''script>.mrc' -o result");
     EXPECT_EQ(folder.read("result/report.html").find("<script>alert"), std::string::npos);
 
     const std::size_t count = columns["h"].size();
-    const json& base = summary()["crystals"][0]["reciprocal_vectors"];
+    const Json& base = summary()["crystals"][0]["reciprocal_vectors"];
     const double voxel = summary()["input"]["pixel_size"].get<double>() * 1e-10;
     int seen = 0, indexed = 0, measured = 0, far = 0, extinct = 0;
     for (std::size_t i = 0; i < count; ++i) {
@@ -99,22 +99,22 @@ void ReportCommandTest::expectReflectionsOnTheirNodes() {
 }
 
 void ReportCommandTest::expectSpotsWhereTheyAreSaidToBe() {
-    const json& patterns = blocks["patterns"];
+    const Json& patterns = blocks["patterns"];
     ASSERT_EQ(patterns["frames"].size(), summary()["input"]["nz"]);
     ASSERT_EQ(patterns["bin"], 1);
-    ASSERT_EQ(patterns["width"], kWidth);
-    ASSERT_EQ(patterns["height"], kHeight);
+    ASSERT_EQ(patterns["width"], kColumns);
+    ASSERT_EQ(patterns["height"], kRows);
     std::vector<std::vector<unsigned char>> frames;
-    for (const json& frame : patterns["frames"]) {
+    for (const Json& frame : patterns["frames"]) {
         frames.push_back(inflated(frame));
-        ASSERT_EQ(frames.back().size(), std::size_t{kWidth} * kHeight);
+        ASSERT_EQ(frames.back().size(), std::size_t{kColumns} * kRows);
     }
     const auto isBright = [&](std::size_t frame, double column, double row) {
         const auto at = [&](double x, double y) {
-            const long i = std::lround(y) * kWidth + std::lround(x);
+            const long i = std::lround(y) * kColumns + std::lround(x);
             return static_cast<int>(frames[frame][static_cast<std::size_t>(i)]);
         };
-        if (column < 8 || row < 8 || column > kWidth - 9 || row > kHeight - 9) return -1;
+        if (column < 8 || row < 8 || column > kColumns - 9 || row > kRows - 9) return -1;
         int near = 0, around = 0;
         for (int dy = -2; dy <= 2; ++dy)
             for (int dx = -2; dx <= 2; ++dx)
@@ -154,13 +154,13 @@ void ReportCommandTest::expectSpotsWhereTheyAreSaidToBe() {
 }
 
 void ReportCommandTest::expectSpotsInTheSections() {
-    const json& sections = blocks["sections"];
+    const Json& sections = blocks["sections"];
     const int size = sections["size"];
     const double perPixel = 2 * sections["radius"].get<double>() / size;
-    const json& base = summary()["crystals"][0]["reciprocal_vectors"];
+    const Json& base = summary()["crystals"][0]["reciprocal_vectors"];
     ASSERT_EQ(sections["planes"].size(), 3U);
     using Vector = std::array<double, 3>;
-    const auto node = [&](const json& hkl) {
+    const auto node = [&](const Json& hkl) {
         Vector g{};
         for (std::size_t axis = 0; axis < 3; ++axis)
             for (std::size_t i = 0; i < 3; ++i)
@@ -196,11 +196,11 @@ void ReportCommandTest::expectSpotsInTheSections() {
         EXPECT_EQ(wrong, 0) << "of " << looked;
     };
     int onNodes = 0, spots = 0;
-    for (const json& plane : sections["planes"]) {
+    for (const Json& plane : sections["planes"]) {
         const Vector right = unit(node(plane["u"]));
         const Vector normal = unit(cross(node(plane["u"]), node(plane["v"])));
         const Vector up = cross(normal, right);
-        for (const json& layer : plane["layers"]) {
+        for (const Json& layer : plane["layers"]) {
             const std::vector<unsigned char> grey = inflated(layer["data"]);
             ASSERT_EQ(grey.size(), static_cast<std::size_t>(size) * static_cast<std::size_t>(size));
             if (layer["level"] == 0) expectWedge(grey, right, up);
@@ -211,7 +211,7 @@ void ReportCommandTest::expectSpotsInTheSections() {
                     level += hkl[axis] * plane["w"][axis].get<double>();
                 if (columns["crystal"][i] != 1 || level != layer["level"].get<double>()) continue;
                 if (columns["counts"][i] < 2000 || columns["d"][i] < 1.6) continue;
-                const Vector g = node(json(hkl));
+                const Vector g = node(Json(hkl));
                 const long column = std::lround(0.5 * (size - 1) + dot(g, right) / perPixel);
                 const long row = std::lround(0.5 * (size - 1) - dot(g, up) / perPixel);
                 int brightest = 0;
@@ -236,7 +236,7 @@ TEST_F(ReportCommandTest, ShowsWhatTheRunFoundAndMakesThePageAgain) {
     const VrkResult again = runVrk({"report", "result", "-o", "again.html"}, folder / ".");
     ASSERT_EQ(again.exitCode, 0) << again.err;
     EXPECT_EQ(again.out, "again.html\n");
-    std::map<std::string, json> same = blocksOf(folder.read("again.html"));
+    std::map<std::string, Json> same = blocksOf(folder.read("again.html"));
     EXPECT_EQ(same["folder"], "result");
     same.erase("folder");
     EXPECT_EQ(same, blocks);

@@ -24,7 +24,7 @@
 
 namespace {
 
-using nlohmann::json;
+using Json = nlohmann::json;
 
 constexpr std::array<double, 6> kCell = {6, 7, 8, 80, 85, 80};
 
@@ -72,9 +72,9 @@ bool anyHalfWritten(const std::string& folder) {
                        [](const std::string& name) { return name.find(".part") != std::string::npos; });
 }
 
-void expectTrueCell(const json& summary) {
+void expectTrueCell(const Json& summary) {
     constexpr std::array<const char*, 6> names = {"a", "b", "c", "alpha", "beta", "gamma"};
-    const json& cell = summary["cell"]["reduced"];
+    const Json& cell = summary["cell"]["reduced"];
     for (std::size_t i = 0; i < 6; ++i)
         EXPECT_NEAR(cell[names[i]].get<double>(), kCell[i], i < 3 ? 0.002 * kCell[i] : 0.15) << names[i];
     EXPECT_EQ(summary["cell"]["conventional"]["bravais"], "aP");
@@ -113,7 +113,7 @@ protected:
             return;
         }
         ASSERT_EQ(result.exitCode, 0) << result.err;
-        const json summary = json::parse(result.out);
+        const Json summary = Json::parse(result.out);
         expectTrueCell(summary);
         EXPECT_FALSE(summary["intensities"].is_null());
         EXPECT_NE(summary["warnings"].dump().find(one.warning), std::string::npos);
@@ -170,7 +170,7 @@ TEST_F(RunCommandTest, FindsTheCellAndWritesEveryFile) {
     const VrkResult result = run({"--keep-volume"});
     ASSERT_EQ(result.exitCode, 0) << result.err;
     EXPECT_EQ(result.out.rfind("series ", 0), 0U) << result.out;
-    expectTrueCell(json::parse(folder.read("result/summary.json")));
+    expectTrueCell(Json::parse(folder.read("result/summary.json")));
     EXPECT_FALSE(anyHalfWritten(folder / "result"));
     const std::set<std::string> names = filesIn(folder / "result");
     for (const char* name : {"volume.mrc", "peaks.txt", "cell.txt", "reflections.hkl", "summary.json",
@@ -188,7 +188,7 @@ TEST_F(RunCommandTest, FindsTheCellAndWritesEveryFile) {
 }
 
 /// Every key with its path, `[]` for the elements of an array of objects.
-void collectKeys(const json& value, const std::string& path, std::set<std::string>& keys) {
+void collectKeys(const Json& value, const std::string& path, std::set<std::string>& keys) {
     if (value.is_array() && !value.empty() && value.front().is_object()) {
         collectKeys(value.front(), path + "[]", keys);
     } else if (value.is_object()) {
@@ -206,7 +206,7 @@ TEST_F(RunCommandTest, TheDocumentedKeysAreThoseOfTheSummary) {
     EXPECT_EQ(result.out, folder.read("result/summary.json")) << "nothing else is printed";
     EXPECT_FALSE(filesIn(folder / "result").contains("hk0.png"));
     std::set<std::string> written;
-    collectKeys(json::parse(folder.read("result/summary.json")), "", written);
+    collectKeys(Json::parse(folder.read("result/summary.json")), "", written);
 
     // Rows of the tables: | `key` or `key`, `key` | unit | meaning |. Keys that only some runs have are
     // marked.
@@ -233,7 +233,7 @@ TEST_F(RunCommandTest, TheDocumentedKeysAreThoseOfTheSummary) {
 TEST_F(RunCommandTest, TakesTheCentresThatItWroteAndNoOthers) {
     write(*series, folder / "series.mrc");
     ASSERT_EQ(run({"--no-pictures"}).exitCode, 0);
-    const json found = json::parse(folder.read("result/summary.json"))["centres"];
+    const Json found = Json::parse(folder.read("result/summary.json"))["centres"];
     ASSERT_EQ(found.size(), frames());
     EXPECT_EQ(found[0]["from"], "beam");
     // Without the first pattern and the tenth, in the other order.
@@ -250,7 +250,7 @@ TEST_F(RunCommandTest, TakesTheCentresThatItWroteAndNoOthers) {
     file.close();
     const VrkResult again = run({"--json", "--no-pictures", "--centre", folder / "given.txt"});
     ASSERT_EQ(again.exitCode, 0) << again.err;
-    const json given = json::parse(again.out)["centres"];
+    const Json given = Json::parse(again.out)["centres"];
     for (std::size_t i = 0; i < given.size(); ++i) {
         const bool gap = i == 0 || i == 9;
         EXPECT_EQ(given[i]["from"], gap ? "neighbours" : "given") << i;
@@ -438,7 +438,7 @@ TEST_F(RunCommandTest, ResultsReplaceEarlierOnesTogetherAndFailuresSetThemAside)
         folder.write(name, "text");
     const std::vector<std::string> quick = {"--no-pictures", "--no-integration", "--tilt-axis", "none"};
     ASSERT_EQ(run(quick).exitCode, 0);
-    json listed = json::parse(folder.read("result/summary.json"))["files"];
+    Json listed = Json::parse(folder.read("result/summary.json"))["files"];
     EXPECT_GT(listed.size(), 6U);
     listed.push_back("summary.json");
     listed.push_back("mine.txt");
@@ -479,7 +479,7 @@ TEST(DemoCommandTest, FindsTheTruthAgain) {
     const VrkResult result = runVrk({"demo", "-o", folder / "demo", "--size", "160", "--step", "2", "--cell",
                                      "7,8,9,90,90,90", "--centring", "P", "--json"});
     ASSERT_EQ(result.exitCode, 0) << result.err << result.out;
-    const json comparison = json::parse(result.out);
+    const Json comparison = Json::parse(result.out);
     EXPECT_TRUE(comparison["ok"].get<bool>());
     EXPECT_EQ(comparison["found"]["bravais"], "oP");
     EXPECT_NEAR(comparison["found"]["volume"].get<double>(), 504.0, 1.0);
@@ -489,7 +489,7 @@ TEST(DemoCommandTest, FindsTheTruthAgain) {
         runVrk({"demo", "-o", folder / "demo", "--size", "160", "--step", "2", "--cell", "7,8,9,90,90,90",
                 "--centring", "P", "--axis", "2", "--tilt-axis", "none", "--json"});
     EXPECT_EQ(beside.exitCode, 0) << beside.out;
-    const json refined = json::parse(std::ifstream(folder / "demo/summary.json"));
+    const Json refined = Json::parse(std::ifstream(folder / "demo/summary.json"));
     EXPECT_NEAR(refined["tilt_axis"]["refined_deg"].get<double>(), 2.0, 0.1);
     // Far beside it, nobody must call the answer right.
     const VrkResult wrong =

@@ -16,9 +16,9 @@ namespace {
 
 using Eigen::Matrix3d;
 using Eigen::Vector3d;
-using nlohmann::json;
+using Json = nlohmann::json;
 
-struct Case {
+struct TruthCase {
     const char* simulate;
     const char* run;
     const char* bravais;
@@ -30,13 +30,13 @@ struct Case {
     double scale = 1.0;  ///< of the pixel size that the run is told
     const char* warning = "";
 
-    friend void PrintTo(const Case& one, std::ostream* out) { *out << one.bravais; }
+    friend void PrintTo(const TruthCase& one, std::ostream* out) { *out << one.bravais; }
 };
 
 constexpr const char* kEdges[] = {"a", "b", "c"};
 constexpr const char* kAngles[] = {"alpha", "beta", "gamma"};
 
-Matrix3d rows(const json& vectors) {
+Matrix3d rows(const Json& vectors) {
     Matrix3d matrix;
     for (int i = 0; i < 3; ++i)
         for (int j = 0; j < 3; ++j)
@@ -44,23 +44,23 @@ Matrix3d rows(const json& vectors) {
     return matrix;
 }
 
-class RunTruthTest : public testing::TestWithParam<Case> {
+class RunTruthTest : public testing::TestWithParam<TruthCase> {
 protected:
     void SetUp() override {
-        const Case& one = GetParam();
+        const TruthCase& one = GetParam();
         std::string line = std::string("simulate --list-reflections --dmin 1 ") + one.simulate;
         for (const char* usual : {"--size 256", "--tilts -60:60:2"})
             if (line.find(words(usual)[0]) == std::string::npos) line += std::string(" ") + usual;
         const VrkResult simulated = runVrkLine(line + " -o " + (folder / "s.mrc"));
         ASSERT_EQ(simulated.exitCode, 0) << simulated.err;
-        truth = json::parse(folder.read("s.truth.json"));
+        truth = Json::parse(folder.read("s.truth.json"));
         const VrkResult result = runVrk(words("run " + (folder / "s.mrc") + " -o " + (folder / "out") +
                                               " --json --no-pictures " + one.run));
         ASSERT_EQ(result.exitCode, 0) << result.err;
-        found = json::parse(result.out);
+        found = Json::parse(result.out);
     }
 
-    double number(const std::string& place) const { return found.at(json::json_pointer(place)); }
+    double number(const std::string& place) const { return found.at(Json::json_pointer(place)); }
 
     void expectInput() const;
     void expectReflections() const;
@@ -72,12 +72,12 @@ protected:
     void expectTheRest() const;
 
     TemporaryFolder folder;
-    json truth;
-    json found;
+    Json truth;
+    Json found;
 };
 
 void RunTruthTest::expectInput() const {
-    const Case& one = GetParam();
+    const TruthCase& one = GetParam();
     const double size = truth["settings"]["detector"]["size"];
     EXPECT_EQ(number("/input/nx"), size);
     EXPECT_EQ(number("/input/ny"), size);
@@ -104,7 +104,7 @@ void RunTruthTest::expectReflections() const {
     const double threshold = number("/parameters/threshold");
     const auto brighterThan = [&](double counts) {
         double count = 0;
-        for (const json& one : truth["reflections"]) {
+        for (const Json& one : truth["reflections"]) {
             const auto p = one["position"].get<std::array<double, 3>>();
             if (std::hypot(p[0], p[1], p[2]) > number("/parameters/zero_beam") && one["peak_counts"] > counts)
                 ++count;
@@ -127,8 +127,8 @@ void RunTruthTest::expectCells() const {
     const double scale = GetParam().scale;
     for (const char* kind : {"reduced", "conventional"}) {
         SCOPED_TRACE(kind);
-        const json& cell = found["cell"][kind];
-        const json& sigma = found["cell"]["esd"][kind];
+        const Json& cell = found["cell"][kind];
+        const Json& sigma = found["cell"]["esd"][kind];
         // Of the found base itself, so that it does not matter which of two equal edges comes first.
         const Matrix3d base =
             rows(found["cell"]["reciprocal_vectors_px"]).inverse() * 1e10 / number("/input/pixel_size") *
@@ -154,7 +154,7 @@ void RunTruthTest::expectCells() const {
     EXPECT_LT(number("/cell/conventional/misfit_deg"), 0.1);
 
     // The tied cell is the true one, edge by edge and angle by angle, to the uncertainty of the fit.
-    const json& known = truth["cell"]["conventional"];
+    const Json& known = truth["cell"]["conventional"];
     std::multiset<double> edges;
     std::multiset<double> trueEdges;
     double worst = 0;
@@ -186,11 +186,11 @@ void RunTruthTest::expectLattice() const {
     EXPECT_NEAR(std::abs(whole.determinant()), 1, 1e-9) << connection;
     EXPECT_LT((whole * base - known).rowwise().norm().cwiseQuotient(known.rowwise().norm()).maxCoeff(), 0.006)
         << connection;
-    const json& candidates = found["cell"]["candidates"];
+    const Json& candidates = found["cell"]["candidates"];
     EXPECT_EQ(candidates[0]["bravais"], GetParam().bravais);
     EXPECT_EQ(candidates[0]["centring"], std::string(1, GetParam().bravais[1]));
     std::set<int> numbers;
-    for (const json& one : candidates) {
+    for (const Json& one : candidates) {
         EXPECT_LT(one["misfit_deg"], 2.5);
         EXPECT_LT(one["misfit_length"], 0.03);
         EXPECT_TRUE(numbers.insert(one["character"].get<int>()).second);
@@ -211,7 +211,7 @@ void RunTruthTest::expectSameFromIndex() const {
                    (folder / "again.hkl") + " --lattice auto --json --voltage " +
                    std::to_string(number("/parameters/voltage_kv")));
     ASSERT_EQ(result.exitCode, 0) << result.err;
-    const json again = json::parse(result.out);
+    const Json again = Json::parse(result.out);
     EXPECT_EQ(again["cell"]["bravais"], found["cell"]["conventional"]["bravais"]);
     for (std::size_t i = 0; i < 3; ++i) {
         const double edge = number(std::string("/cell/conventional/") + kEdges[i]);
@@ -239,7 +239,7 @@ void RunTruthTest::expectIndices() const {
                                   rows(found["cell"]["reciprocal_vectors_px"]);
     const Matrix3d known = rows(truth["reciprocal_vectors_px"]["conventional"]);
     std::map<std::array<int, 3>, double> intensities;
-    for (const json& one : truth["reflections"])
+    for (const Json& one : truth["reflections"])
         intensities[one["hkl"].get<std::array<int, 3>>()] = one["intensity"];
     const Matrix3d toTrue = conventional * known.inverse();
     const Matrix3d whole = toTrue.array().round();
@@ -295,7 +295,7 @@ void RunTruthTest::expectConfidence() const {
     const double most = number("/reflections/found") * std::log(1 / chance);
     EXPECT_GT(number("/confidence/evidence"), 0.25 * most);
     EXPECT_LT(number("/confidence/evidence"), 1.2 * most);
-    const json& other = found["confidence"]["runner_up"];
+    const Json& other = found["confidence"]["runner_up"];
     if (!other.is_null()) {
         EXPECT_LT(other["evidence"], number("/confidence/evidence"));
     }
@@ -310,7 +310,7 @@ void RunTruthTest::expectConfidence() const {
 }
 
 void RunTruthTest::expectTheRest() const {
-    const json& used = found["parameters"];
+    const Json& used = found["parameters"];
     EXPECT_GE(used["cell_threshold"], used["threshold"]);
     EXPECT_EQ(used["min_voxels"], 3);
     EXPECT_GE(used["zero_beam"], 4);
@@ -352,19 +352,20 @@ TEST_P(RunTruthTest, EveryNumberOfTheSummaryIsRight) {
 INSTANTIATE_TEST_SUITE_P(
     Series, RunTruthTest,
     testing::Values(
-        Case{"--cell 7.4,9.1,11.3,75,82,68 --drift 2 --jump 4", "", "aP", 1, 0, "refined", 200, 61, 1.0,
-             "jumped before pattern 32 (counted from 0)"},
-        Case{"--cell 15.1,8.9,9.8,90,104.2,90 --centring C --axis 35 --write-axis --handedness -1 --kv 300",
-             "", "mC", 2, 35, "header", 300},
-        Case{"--cell 12,12,12,90,90,90 --centring I --kv 80 --state-kv 0 --axis -20 --mode precession "
-             "--missing 5 --blank 2",
-             "--tilt-axis -20 --voltage 80", "cI", 2, -20, "option", 80, 54, 1.0, "nothing but zeros"},
-        Case{"--cell 9,9,14,90,90,120 --centring R --tilts 40:-50:-1.5 --mode stepwise --asymmetry 0.8", "",
-             "hR", 3, 0, "refined", 200, 61, 1.0, "descend"},
-        Case{"--cell 13.1,16.2,19.4,90,90,90 --centring F --state-pixel 0 --state-kv 0 --state-axis 30",
-             "--pixel-size 8.225806e7 --tilt-axis none", "oF", 4, 0, "option", 200, 61, 1.02,
-             "200 kV are assumed"},
-        Case{"--cell 4.1,4.1,5.6,90,90,120 --size 128 --axis 64", "--tilt-axis search --jobs 2", "hP", 1, 64,
-             "search", 200}));
+        TruthCase{"--cell 7.4,9.1,11.3,75,82,68 --drift 2 --jump 4", "", "aP", 1, 0, "refined", 200, 61, 1.0,
+                  "jumped before pattern 32 (counted from 0)"},
+        TruthCase{
+            "--cell 15.1,8.9,9.8,90,104.2,90 --centring C --axis 35 --write-axis --handedness -1 --kv 300",
+            "", "mC", 2, 35, "header", 300},
+        TruthCase{"--cell 12,12,12,90,90,90 --centring I --kv 80 --state-kv 0 --axis -20 --mode precession "
+                  "--missing 5 --blank 2",
+                  "--tilt-axis -20 --voltage 80", "cI", 2, -20, "option", 80, 54, 1.0, "nothing but zeros"},
+        TruthCase{"--cell 9,9,14,90,90,120 --centring R --tilts 40:-50:-1.5 --mode stepwise --asymmetry 0.8",
+                  "", "hR", 3, 0, "refined", 200, 61, 1.0, "descend"},
+        TruthCase{"--cell 13.1,16.2,19.4,90,90,90 --centring F --state-pixel 0 --state-kv 0 --state-axis 30",
+                  "--pixel-size 8.225806e7 --tilt-axis none", "oF", 4, 0, "option", 200, 61, 1.02,
+                  "200 kV are assumed"},
+        TruthCase{"--cell 4.1,4.1,5.6,90,90,120 --size 128 --axis 64", "--tilt-axis search --jobs 2", "hP", 1,
+                  64, "search", 200}));
 
 }  // namespace

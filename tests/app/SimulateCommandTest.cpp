@@ -14,7 +14,7 @@
 
 namespace {
 
-using nlohmann::json;
+using Json = nlohmann::json;
 
 VrkResult simulate(const TemporaryFolder& folder, const std::string& more) {
     return runVrkLine("simulate --size 64 --dmin 2 --tilts 10:-10:-2 --cell 10,11,12,90,95,90 " + more +
@@ -28,8 +28,8 @@ TEST(SimulateCommand, WritesSeriesAndTruth) {
     ASSERT_EQ(result.exitCode, 0) << result.err;
     const std::unique_ptr<VoxMRCData> series(VoxMRCFileHandler().readMRCFile(folder / "s.mrc"));
     ASSERT_NE(series, nullptr);
-    const json truth = json::parse(folder.read("s.truth.json"));
-    EXPECT_EQ(json::parse(result.out), truth);
+    const Json truth = Json::parse(folder.read("s.truth.json"));
+    EXPECT_EQ(Json::parse(result.out), truth);
     EXPECT_EQ(series->m_Header.type, MRCType::TILT_SERIES);
     EXPECT_EQ(series->GetDepth(), 11U);
     EXPECT_EQ(series->m_Header.tilt(0), 10);
@@ -53,7 +53,7 @@ TEST(SimulateCommand, HeadersMayStateSomethingElse) {
               0);
     const std::unique_ptr<VoxMRCData> series(VoxMRCFileHandler().readMRCFile(folder / "s.mrc"));
     const mrcH& header = series->m_Header;
-    const json truth = json::parse(folder.read("s.truth.json"));
+    const Json truth = Json::parse(folder.read("s.truth.json"));
     EXPECT_EQ(truth["tilt_axis_deg"], 20);
     EXPECT_EQ(header.value(SliceValue::TiltAxis, 4), 25);
     EXPECT_EQ(truth["stated"]["tilt_axis_deg"], 25);

@@ -11,7 +11,7 @@
 
 namespace {
 
-using nlohmann::json;
+using Json = nlohmann::json;
 
 class VerifyCommandTest : public testing::Test {
 protected:
@@ -42,7 +42,7 @@ TEST_F(VerifyCommandTest, NamesWhatIsNotAsTheRunLeftIt) {
     struct Case {
         const char* name;
         std::function<void()> damage;
-        json expected;  ///< keys of --json that are other than for a whole result
+        Json expected;  ///< keys of --json that are other than for a whole result
     };
     const auto damaged = [&](const char* file, const char* from, const char* to, bool hidden = true) {
         return [=, this] { replace(std::string("r/") + file, from, to, hidden); };
@@ -71,7 +71,7 @@ TEST_F(VerifyCommandTest, NamesWhatIsNotAsTheRunLeftIt) {
         std::filesystem::copy(folder / "good", folder / "r");
         one.damage();
         const VrkResult result = vrk("verify r --json");
-        const json found = json::parse(result.out, nullptr, false);
+        const Json found = Json::parse(result.out, nullptr, false);
         ASSERT_TRUE(found.is_object()) << result.err;
         EXPECT_EQ(result.exitCode, one.expected.contains("whole") ? 0 : 1);
         EXPECT_EQ(found["whole"], one.expected.contains("whole"));
@@ -89,7 +89,7 @@ TEST_F(VerifyCommandTest, KnowsTheInputAndRefusesWhatIsNoResult) {
     EXPECT_EQ(vrk("verify good --input t.mrc").exitCode, 0);
     VrkResult result = vrk("verify good --input s.truth.json --json");
     EXPECT_EQ(result.exitCode, 1);
-    EXPECT_EQ(json::parse(result.out)["input"], "other");
+    EXPECT_EQ(Json::parse(result.out)["input"], "other");
 
     EXPECT_EQ(vrk("report good").exitCode, 0);
     EXPECT_EQ(vrk("verify good").exitCode, 0) << "a page that was made again belongs to the result";

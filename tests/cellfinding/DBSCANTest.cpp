@@ -10,10 +10,10 @@
 namespace {
 
 using namespace testing_support;
-using TestPoint = ClusterPoint<double>;
+using DbscanPoint = ClusterPoint<double>;
 
-struct Clustering : Clustered<TestPoint> {
-    explicit Clustering(const Cloud& cloud) {
+struct DbscanRun : Clustered<DbscanPoint> {
+    explicit DbscanRun(const Cloud& cloud) {
         for (const Coordinates& c : cloud.points)
             add(c);
         testing::internal::CaptureStdout();
@@ -34,7 +34,7 @@ TEST(DBSCANTest, LabelsAsGrowingOneNeighbourhoodAfterTheOther) {
         const PlainGrid plain(cloud.points, cloud.min, cloud.max, cloud.edge);
         for (const int minPts : {1, 3, 6, 15}) {
             SCOPED_TRACE(testing::Message() << seed << ", at least " << minPts);
-            Clustering clustering(cloud);
+            DbscanRun clustering(cloud);
             const std::vector<int> labels = clustering.run(cloud.eps, minPts);
             ASSERT_EQ(labels, plain.cluster(cloud.eps, static_cast<std::size_t>(minPts)));
             atOnce += clustering.grid->coversRadius(cloud.eps);
@@ -57,27 +57,27 @@ TEST(DBSCANTest, LeavesABorderPointToTheFirstCluster) {
     // Two groups of three around (0, 0) and (4, 0); the point at 2 is near to both and the core of none.
     const Cloud cloud{
         {{3.5, 1}, {4, 1}, {4.5, 1}, {2, 1}, {0.5, 1}, {0, 1}, {-0.5, 1}}, {-6, -6}, {6, 6}, 3, 0};
-    Clustering clustering(cloud);
+    DbscanRun clustering(cloud);
     const std::vector<int> labels = clustering.run(1.75, 4);
     EXPECT_EQ(labels, (std::vector<int>{1, 1, 1, 1, 2, 2, 2}));
 }
 
 TEST(DBSCANTest, RefusesBadParameters) {
     const Cloud cloud{{{1, 1, 1}}, {-6, -6, -6}, {6, 6, 6}, 3, 0};
-    const std::vector<TestPoint*> none;
-    CubicGrid<TestPoint> empty(&none, 3);
+    const std::vector<DbscanPoint*> none;
+    CubicGrid<DbscanPoint> empty(&none, 3);
     RecordingLogObserver log;
-    Clustering c(cloud);
+    DbscanRun c(cloud);
     auto* const clusters = &c.clusters;
     auto* const noise = &c.noise;
     c.run(1.0, 2);
     ASSERT_EQ(noise->size(), 1U);
     const struct {
-        CubicGrid<TestPoint>* grid;
+        CubicGrid<DbscanPoint>* grid;
         double eps;
         int minPts;
         std::vector<Cluster<Point<double>>*>* clusters;
-        std::vector<TestPoint*>* noise;
+        std::vector<DbscanPoint*>* noise;
     } cases[] = {{nullptr, 1.0, 1, clusters, noise},      {c.grid.get(), 0.0, 1, clusters, noise},
                  {c.grid.get(), NAN, 1, clusters, noise}, {c.grid.get(), 1.0, 0, clusters, noise},
                  {c.grid.get(), 1.0, 1, nullptr, noise},  {c.grid.get(), 1.0, 1, clusters, nullptr},
@@ -93,7 +93,7 @@ TEST(DBSCANTest, EndsWithTheLastLabelThatFits) {
     for (int i = 0; i < 33000; ++i)
         cloud.points.push_back({i % 200 * 10.0 + 5.0, i / 200 * 10.0 + 5.0});
     RecordingLogObserver log;
-    Clustering clustering(cloud);
+    DbscanRun clustering(cloud);
     const std::vector<int> labels = clustering.run(1.0, 1);
     EXPECT_TRUE(log.has("More clusters than labels", VRK::Error));
     EXPECT_EQ(clustering.clusters.size(), 32767U);

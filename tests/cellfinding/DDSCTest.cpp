@@ -10,10 +10,10 @@
 namespace {
 
 using namespace testing_support;
-using TestPoint = ClusterPointDDSC<double>;
+using DdscPoint = ClusterPointDDSC<double>;
 
-struct Clustering : Clustered<TestPoint> {
-    explicit Clustering(unsigned seed = 1) { random.seed(seed); }
+struct DdscRun : Clustered<DdscPoint> {
+    explicit DdscRun(unsigned seed = 1) { random.seed(seed); }
     /// x in [from, to], y and z over ten units.
     void addSlab(int count, double from, double to) { addBox(count, {from, -5.0, -5.0}, {to, 5.0, 5.0}); }
     void run(double eps, int minPts, double alpha) {
@@ -25,19 +25,19 @@ struct Clustering : Clustered<TestPoint> {
 TEST(DDSCTest, KeepsAnEvenGroupWholeAndTouchingGroupsOfDifferentDensityApart) {
     for (unsigned seed = 0; seed < 2; ++seed) {
         SCOPED_TRACE(seed);
-        Clustering even(seed);
+        DdscRun even(seed);
         even.addSlab(4000, -5.0, 5.0);
         even.run(1.8, 30, 2.0);
         ASSERT_EQ(even.clusters.size(), 1U);
         EXPECT_GT(even.clusters[0]->getNumberOfPoints(), 3900);
 
-        Clustering two(seed);
+        DdscRun two(seed);
         two.addSlab(8000, -10.0, 0.0);
         two.addSlab(2000, 0.0, 10.0);
         two.run(2.0, 20, 2.0);
         ASSERT_EQ(two.clusters.size(), 2U);
         std::map<std::pair<bool, int>, int> counts;
-        for (const TestPoint* point : *two.grid->getPoints())
+        for (const DdscPoint* point : *two.grid->getPoints())
             ++counts[{point->getData(0) < 0.0, point->getClusterID()}];
         const int dense = counts[{true, 1}] > counts[{true, 2}] ? 1 : 2;
         EXPECT_GT(counts[std::make_pair(true, dense)], 7600);
@@ -46,7 +46,7 @@ TEST(DDSCTest, KeepsAnEvenGroupWholeAndTouchingGroupsOfDifferentDensityApart) {
 }
 
 TEST(DDSCTest, KeepsALatticeWholeAndGivesEveryPointALabel) {
-    Clustering c;
+    DdscRun c;
     for (int i = 0; i < 1000; ++i)
         c.add({i % 10 - 4.5, i / 10 % 10 - 4.5, i / 100 - 4.5});
     c.run(1.9, 10, 2.0);
@@ -60,7 +60,7 @@ TEST(DDSCTest, KeepsALatticeWholeAndGivesEveryPointALabel) {
 TEST(DDSCTest, TakesRimPointsThatDoNotReachOn) {
     for (const int beyond : {0, 1, 2}) {
         SCOPED_TRACE(beyond);
-        Clustering c;
+        DdscRun c;
         for (int i = 0; i <= 20; ++i)
             c.add({1.0 + 0.1 * i, 0.0, 0.0});
         c.add({-1.15, 0.0, 0.0});  // sees four of them
@@ -74,7 +74,7 @@ TEST(DDSCTest, TakesRimPointsThatDoNotReachOn) {
 
 TEST(DDSCTest, RepairsParametersAndReportsWhatItCannotRepair) {
     RecordingLogObserver log;
-    Clustering c;
+    DdscRun c;
     c.addSlab(1, 0.0, 1.0);
     c.run(3.0, 60, 2.0);
     EXPECT_TRUE(log.has("Not enough points given for DDSC clustering.", VRK::Error));

@@ -13,7 +13,7 @@ namespace {
 
 using namespace testing_support;
 
-struct Clustering : Clustered<ClusterPoint<double>> {
+struct FscRun : Clustered<ClusterPoint<double>> {
     void addBackground(int count, std::size_t dimension, double extent) {
         addBox(count, Coordinates(dimension, -extent), Coordinates(dimension, extent));
     }
@@ -40,7 +40,7 @@ TEST(FSCTest, FindsBlobsAndTheirRadiusOnABackground) {
     };
     for (const Case& one : cases) {
         SCOPED_TRACE(one.name);
-        Clustering c;
+        FscRun c;
         std::vector<Coordinates> centres;
         for (int i = 0; i < 12; ++i) {
             Coordinates centre(one.dimension);
@@ -102,7 +102,7 @@ TEST(FSCTest, FindsBlobsAndTheirRadiusOnABackground) {
 
 TEST(FSCTest, FindsNothingInAnEvenCloud) {
     for (const int count : {2, 300, 6000}) {
-        Clustering c;
+        FscRun c;
         c.addBackground(count, 3, 20.0);
         c.makeGrid();
         EXPECT_TRUE(c.run(0.0));
@@ -112,7 +112,7 @@ TEST(FSCTest, FindsNothingInAnEvenCloud) {
 }
 
 TEST(FSCTest, ReportsProgressAndStops) {
-    Clustering c;
+    FscRun c;
     for (const double x : {-10.0, 0.0, 10.0})
         c.addBlob({x, 1, 1}, 200, 0.5);
     c.makeGrid();
@@ -142,7 +142,7 @@ TEST(FSCTest, ReportsProgressAndStops) {
 }
 
 TEST(FSCTest, RefusesWhatItCannotCluster) {
-    Clustering good, one, line, strange, wide;
+    FscRun good, one, line, strange, wide;
     good.addBlob({0, 0, 0}, 20, 1.0);
     one.add({1, 2, 3});
     line.add({1});
@@ -151,14 +151,14 @@ TEST(FSCTest, RefusesWhatItCannotCluster) {
     strange.add({1, -INFINITY, 3});
     wide.add({-1e9, 0, 0});
     wide.add({0, 1e9, -1e9});
-    for (Clustering* c : {&good, &one, &line, &strange, &wide})
+    for (FscRun* c : {&good, &one, &line, &strange, &wide})
         c->makeGrid();
     // The limits of a grid do not let points outside in.
     std::vector<ClusterPoint<double>*> pointers{&wide.points[0], &wide.points[1]};
     wide.grid = std::make_unique<CubicGrid<ClusterPoint<double>>>(&pointers, 8);
     const struct {
         const char* message;
-        Clustering* clustering;
+        FscRun* clustering;
         double radius;
     } cases[] = {
         {"fewer than two points", &one, 0.0},

@@ -28,7 +28,7 @@ Parameter settled() {
     return p;
 }
 
-struct Case {
+struct ParameterCase {
     std::function<void(Parameter&)> set;
     std::function<double(const Parameter&)> get;
     double value;  ///< after the setter
@@ -36,8 +36,8 @@ struct Case {
 };
 
 template <typename T>
-Case after(void (Parameter::*set)(T), std::type_identity_t<T> argument, T (Parameter::*get)() const,
-           double value, const char* flags) {
+ParameterCase after(void (Parameter::*set)(T), std::type_identity_t<T> argument, T (Parameter::*get)() const,
+                    double value, const char* flags) {
     return {[=](Parameter& p) { (p.*set)(argument); },
             [=](const Parameter& p) { return static_cast<double>((p.*get)()); }, value, flags};
 }
@@ -45,7 +45,7 @@ Case after(void (Parameter::*set)(T), std::type_identity_t<T> argument, T (Param
 TEST(Parameter, SettersStoreOrRefuseAndRaiseTheStagesDownstream) {
     using P = Parameter;
     constexpr double nan = std::numeric_limits<double>::quiet_NaN();
-    const Case cases[] = {
+    const ParameterCase cases[] = {
         after(&P::setMinCountOfVoxel, -7, &P::getMinCountOfVoxel, -7, "RDCZ"),
         after(&P::setMaxCountOfVoxel, 7, &P::getMaxCountOfVoxel, 7, "RDCZ"),
         after(&P::setThreshold, -1.5, &P::getThreshold, -1.5, "RDCZ"),

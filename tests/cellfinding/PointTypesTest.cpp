@@ -16,7 +16,7 @@
 
 namespace {
 
-constexpr double kLargest = std::numeric_limits<double>::max();
+constexpr double kLargestDouble = std::numeric_limits<double>::max();
 constexpr double kSmallest = std::numeric_limits<double>::min();
 constexpr double kPi = 3.14159265358979323846;
 
@@ -33,14 +33,14 @@ PointSet<Point<double>> setOf(std::vector<Point<double>> points) {
 }
 
 /// A value that an operation gives and the one it ought to give.
-struct Case {
+struct PointCase {
     const char* what;
     double value;
     double expected;
 };
 
-void check(const std::vector<Case>& cases) {
-    for (const Case& c : cases)
+void check(const std::vector<PointCase>& cases) {
+    for (const PointCase& c : cases)
         EXPECT_DOUBLE_EQ(c.value, c.expected) << c.what;
 }
 
@@ -59,8 +59,8 @@ TEST(PointTypesTest, PointsAnswerUnequalDimensionsWithAValue) {
     check({{"distance", a.distTo(&right), std::sqrt(20.0)},
            {"distance to another dimension", a.distTo(&b), 0.0},
            {"distance to raw of another dimension", a.distTo(b.getData(), 3), 0.0},
-           {"product with another dimension", a.Dot(&b), kLargest},
-           {"angle with another dimension", a.calcAngle(&b), kLargest},
+           {"product with another dimension", a.Dot(&b), kLargestDouble},
+           {"angle with another dimension", a.calcAngle(&b), kLargestDouble},
            {"opposite", right.calcAngle(&left), kPi},
            {"parallel", third.calcAngle(&scaled), 0.0},
            {"length", a.getLength(), 5.0},
@@ -82,10 +82,10 @@ TEST(PointTypesTest, SetsKnowTheirStatistics) {
            {"maximum below 0", set.getMax(0), kSmallest},
            {"centre", set.getCenterOfGrafity(1), -3.5},
            {"minimum out of range", set.getMin(5), kSmallest},
-           {"maximum out of range", set.getMax(5), kLargest},
-           {"centre out of range", set.getCenterOfGrafity(-1), kLargest},
-           {"moment out of range", set.getMomentsOfInertia(3), kLargest},
-           {"axis out of range", set.getMassCentroidAxis(0, 3), kLargest}});
+           {"maximum out of range", set.getMax(5), kLargestDouble},
+           {"centre out of range", set.getCenterOfGrafity(-1), kLargestDouble},
+           {"moment out of range", set.getMomentsOfInertia(3), kLargestDouble},
+           {"axis out of range", set.getMassCentroidAxis(0, 3), kLargestDouble}});
 
     auto added = at({4.0, 1.0, 0.0});
     EXPECT_TRUE(set.addPoint(&added));

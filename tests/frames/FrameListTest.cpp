@@ -9,7 +9,7 @@
 namespace {
 
 /// A list and what the three frames f0019, f0020 and f0022 get from it.
-struct Case {
+struct ListCase {
     const char* name;
     const char* text;
     std::vector<double> tilts;
@@ -19,7 +19,7 @@ struct Case {
     double rotation = 0;
 };
 
-const std::vector<Case> kCases = {
+const std::vector<ListCase> kCases = {
     {"plain.rawtlt", "-1.5\r\n 0\n\n2\n", {-1.5, 0, 2}},
     {"a.mdoc",
      "Voltage = 200\n[T = x]\n[ZValue = 2]\nTiltAngle = 2\n[ZValue = 0]\nTiltAngle = -1.5\n[ZValue = "
@@ -77,7 +77,7 @@ TEST(FrameLists, GiveFramesTheirTiltsAndTheExperiment) {
     const TemporaryFolder folder;
     const std::vector<std::filesystem::path> files = {"in/f0019.img.gz", "in/f0020.img.gz",
                                                       "in/f0022.img.gz"};
-    for (const Case& one : kCases) {
+    for (const ListCase& one : kCases) {
         SCOPED_TRACE(one.name);
         const vrk::FrameList list = vrk::readFrameList(folder.write(one.name, one.text));
         EXPECT_EQ(vrk::isFrameList(folder / one.name), std::string(one.name) != "plain.rawtlt");

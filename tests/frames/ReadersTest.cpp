@@ -24,7 +24,7 @@ const std::filesystem::path kFolder = VRK_FRAMES;  // written by write_files.py
 
 constexpr int kPixels = 5 * 4;
 
-float pixel(int frame, int i) {
+float countAt(int frame, int i) {
     return static_cast<float>(100 * frame + 3 * i + 1);
 }
 
@@ -60,7 +60,7 @@ void expectThreeFrames(const FrameFile& file, const Expected& expected) {
         ASSERT_EQ(read.pixels.size(), static_cast<std::size_t>(kPixels));
         for (int i = 0; i < kPixels; ++i) {
             const float found = read.pixels[static_cast<std::size_t>(i)];
-            const float usual = pixel(frame, i);
+            const float usual = countAt(frame, i);
             if (std::string(expected.name) == "nexus_master.h5" && (i == 2 || (frame == 0 && i == 6)))
                 EXPECT_TRUE(std::isnan(found));  // masked in the master, marked in the data
             else
@@ -98,7 +98,7 @@ TEST(Readers, CbfOfACountingDetector) {
         const std::vector<float> pixels = file->read(0).pixels;
         EXPECT_TRUE(std::isnan(pixels[1]));  // marked as dead
         for (int i = 0; i < kPixels; ++i) {
-            const float expected = i == 5 ? 70000 : i == 12 ? 1000 : pixel(1, i);
+            const float expected = i == 5 ? 70000 : i == 12 ? 1000 : countAt(1, i);
             if (i != 1) {
                 EXPECT_EQ(pixels[static_cast<std::size_t>(i)], expected) << i;
             }
@@ -198,7 +198,7 @@ TEST(Readers, WhatLiesInOtherFoldersIsReadWhenAllowedOnly) {
         }
         const vrk::Frame frame = FrameFile::open(path, true)->read(1);
         if (std::string(name) != "raw.h5") {
-            EXPECT_EQ(frame.pixels[7], pixel(1, 7)) << name;
+            EXPECT_EQ(frame.pixels[7], countAt(1, 7)) << name;
         }
     }
 }

@@ -13,7 +13,7 @@ using Eigen::Matrix3d;
 using Eigen::Vector3d;
 using vrk::Points;
 
-constexpr double kDegree = M_PI / 180;
+constexpr double kRadian = M_PI / 180;
 
 /// An orthorhombic lattice whose a* lies along the beam at tilt 0, b* across the axis, c* along it.
 Matrix3d upright() {
@@ -23,7 +23,7 @@ Matrix3d upright() {
 }
 
 double tiltOf(const Vector3d& p) {
-    return std::atan(p.z() / p.x()) / kDegree;
+    return std::atan(p.z() / p.x()) / kRadian;
 }
 
 /// Nodes as tilts of +-60 degrees show them; where `isOff`, by tilt in degrees, half of b* + c* beside their
@@ -40,9 +40,9 @@ Points seen(const Matrix3d& basis, double share, const std::function<bool(double
                 Vector3d p = basis * Vector3d(h, k, l);
                 if (p.norm() > 80 || p.norm() < 5 || std::abs(p.z()) > 1.73 * std::abs(p.x())) continue;
                 if (unit(random) > share) continue;
-                const double tilt = tiltOf(p) * kDegree;
+                const double tilt = tiltOf(p) * kRadian;
                 const double along = std::copysign(std::hypot(p.x(), p.z()), p.x());
-                if (isOff(tilt / kDegree))
+                if (isOff(tilt / kRadian))
                     p = Vector3d((along + half.x()) * std::cos(tilt), p.y() + half.y(),
                                  (along + half.x()) * std::sin(tilt));
                 points.push_back(p + Vector3d(noise(random), noise(random), noise(random)));

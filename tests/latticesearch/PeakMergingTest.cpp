@@ -12,7 +12,7 @@ namespace {
 using Eigen::Vector3d;
 using vrk::Points;
 
-constexpr double kReach = 90.0;
+constexpr double kMergedReach = 90.0;
 
 /// Nodes of an orthogonal lattice about the origin, some of them missing, each with a small error.
 Points nodesOf(const Vector3d& edges, std::mt19937& random) {
@@ -20,12 +20,12 @@ Points nodesOf(const Vector3d& edges, std::mt19937& random) {
     std::uniform_real_distribution<double> unit(0.0, 1.0);
     const Eigen::Quaterniond turn(0.9, 0.2, -0.3, 0.1);
     Points nodes;
-    const Eigen::Array3i most = (kReach / edges.array()).cast<int>();
+    const Eigen::Array3i most = (kMergedReach / edges.array()).cast<int>();
     for (int h = -most[0]; h <= most[0]; ++h)
         for (int k = -most[1]; k <= most[1]; ++k)
             for (int l = -most[2]; l <= most[2]; ++l) {
                 const Vector3d p = turn.normalized() * Vector3d(edges[0] * h, edges[1] * k, edges[2] * l);
-                if (p.norm() > kReach || p.norm() < 8.0 || unit(random) < 0.4) continue;
+                if (p.norm() > kMergedReach || p.norm() < 8.0 || unit(random) < 0.4) continue;
                 nodes.push_back(p + Vector3d(error(random), error(random), error(random)));
             }
     return nodes;
@@ -78,7 +78,7 @@ TEST(PeakMerging, LeavesListsAloneThatAreMerged) {
         std::mt19937 random(5);
         Points points = nodesOf(edges, random);
         EXPECT_EQ(vrk::mergingDistance(points), 0.0) << edges.transpose();
-        std::uniform_real_distribution<double> place(-kReach, kReach);
+        std::uniform_real_distribution<double> place(-kMergedReach, kMergedReach);
         for (std::size_t i = points.size() / 3; i > 0; --i)
             points.emplace_back(place(random), place(random), place(random));
         EXPECT_EQ(vrk::mergingDistance(points), 0.0) << edges.transpose();

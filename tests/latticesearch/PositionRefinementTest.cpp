@@ -10,15 +10,15 @@
 
 namespace {
 
-constexpr double kPixelSize = 5.0e7;
-constexpr double kPerVoxel = kPixelSize * 1e-10;  // 1/Angstrom
+constexpr double kRefinedPixelSize = 5.0e7;
+constexpr double kPerVoxel = kRefinedPixelSize * 1e-10;  // 1/Angstrom
 const std::array<double, 6> kCell = {5.1, 6.2, 8.3, 88.0, 95.0, 103.0};
 
 /// Reflections where a crystal's patterns show them: each node where the sphere crosses it, laid into the
 /// plane of its pattern.
 struct CurvedPositions {
     CurvedPositions(int sense, double wavelength, double noise, unsigned seed = 4)
-        : truth(reciprocalVectors(directCellOf(kCell, seed, kPixelSize))) {
+        : truth(reciprocalVectors(directCellOf(kCell, seed, kRefinedPixelSize))) {
         std::mt19937 random(seed);
         std::normal_distribution<double> normal(0.0, 1.0);
         forEachNode(truth, 1.25 / kPerVoxel, [&](int h, int k, int l, const Vec3& g) {
@@ -55,7 +55,7 @@ vrk::Lattice startOf(const Mat3& truth, double error) {
     basis[0][0] += error * 20.0;
     basis[1][2] -= error * 15.0;
     basis[2][1] += error * 10.0;
-    return vrk::Lattice::of(reciprocalCell(basis, kPixelSize), Eigen::Vector3d(255.5, 255.5, 220.5));
+    return vrk::Lattice::of(reciprocalCell(basis, kRefinedPixelSize), Eigen::Vector3d(255.5, 255.5, 220.5));
 }
 
 vrk::RefinementSettings at(double wavelength) {

@@ -16,8 +16,8 @@ using Eigen::Vector3d;
 using vrk::SymmetryChoice;
 
 /// Reflections of a rectangular cell, Angstrom, with 1e8 1/m per voxel.
-struct Crystal {
-    explicit Crystal(const Vector3d& edges) {
+struct TiltedCrystal {
+    explicit TiltedCrystal(const Vector3d& edges) {
         std::mt19937 random(4);
         std::normal_distribution<double> error(0.0, 0.1);
         lattice.basis = Eigen::Quaterniond(0.9, 0.2, -0.3, 0.1).normalized().toRotationMatrix() *
@@ -72,7 +72,7 @@ TEST(SymmetryChoice, TakesTheHighestTypeThatCostsNothing) {
         LATTICE::BravaisTypes type;
     } cases[] = {{{9, 9, 12}, LATTICE::tP}, {{9, 9.2, 12}, LATTICE::oP}, {{9, 9, 9}, LATTICE::cP}};
     for (const auto& one : cases) {
-        const SymmetryChoice choice = Crystal(one.edges).choose(std::nullopt);
+        const SymmetryChoice choice = TiltedCrystal(one.edges).choose(std::nullopt);
         EXPECT_EQ(choice.characters.front().bravaisType, one.type);
         EXPECT_EQ(strainOf(choice), "");
         for (std::size_t i = 0; i < 3; ++i)
@@ -81,7 +81,7 @@ TEST(SymmetryChoice, TakesTheHighestTypeThatCostsNothing) {
 }
 
 TEST(SymmetryChoice, IndexesFreelyUnderTiesThatAreWanted) {
-    const Crystal crystal({9.0, 9.2, 12.0});
+    const TiltedCrystal crystal({9.0, 9.2, 12.0});
     const SymmetryChoice choice = crystal.choose(LATTICE::tP);
     EXPECT_EQ(choice.characters.front().bravaisType, LATTICE::tP);
     EXPECT_EQ(choice.refined.lattice.indexed, static_cast<int>(crystal.positions.size()));
@@ -113,7 +113,7 @@ TEST(SymmetryChoice, TellsWhereReflectionsContradictWhatIsKnown) {
                  {{8, 9, 12}, 0.008, "as oP they ask for another ellipse by 0.7"},
                  {{8, 9, 12}, 0.0, ""}};
     for (const auto& one : cases) {
-        Crystal crystal(one.edges);
+        TiltedCrystal crystal(one.edges);
         crystal.stretch(one.ellipse);
         vrk::SymmetryInput input = crystal.input();
         input.known = {std::nullopt, 0.0, 0.0, 0.0, 0.0, 0.0};

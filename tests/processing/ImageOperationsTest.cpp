@@ -21,7 +21,7 @@ using Morphology = ImageOperations::Morphology;
 
 constexpr int kWidth = 61;
 constexpr int kHeight = 43;
-constexpr auto kSize = std::size_t{kWidth} * kHeight;
+constexpr auto kPixels = std::size_t{kWidth} * kHeight;
 
 std::size_t at(int x, int y) {
     return static_cast<std::size_t>(y) * kWidth + static_cast<std::size_t>(x);
@@ -36,7 +36,7 @@ template <typename T>
 std::vector<T> noise(unsigned seed, int lowest, int highest) {
     std::mt19937 random(seed);
     std::uniform_int_distribution<int> value(lowest, highest);
-    std::vector<T> pixels(kSize);
+    std::vector<T> pixels(kPixels);
     for (T& pixel : pixels)
         pixel = static_cast<T>(value(random));
     return pixels;
@@ -45,7 +45,7 @@ std::vector<T> noise(unsigned seed, int lowest, int highest) {
 /// Extreme of the disc about every pixel; the outermost pixels go on beyond the image.
 template <typename T>
 std::vector<T> plainExtreme(const std::vector<T>& image, int radius, bool largest) {
-    std::vector<T> result(kSize);
+    std::vector<T> result(kPixels);
     for (int y = 0; y < kHeight; ++y)
         for (int x = 0; x < kWidth; ++x) {
             T extreme = image[at(x, y)];
@@ -65,7 +65,7 @@ std::vector<T> plainExtreme(const std::vector<T>& image, int radius, bool larges
 template <typename T>
 void compareWithPlain(unsigned seed) {
     const std::vector<T> image = noise<T>(seed, 0, 255);
-    Bytes mask(kSize), expected(kSize);
+    Bytes mask(kPixels), expected(kPixels);
     ASSERT_TRUE(ImageOperations::threshold(view(image), T{100}, mask.data()));
     std::transform(image.begin(), image.end(), expected.begin(), [](T v) { return v > 100 ? 255 : 0; });
     EXPECT_EQ(mask, expected);
@@ -88,7 +88,7 @@ void compareWithPlain(unsigned seed) {
 
 /// 1 inside a circle, falling to 0 within a pixel.
 Bytes ring(double x, double y, double radius) {
-    Bytes image(kSize);
+    Bytes image(kPixels);
     for (int py = 0; py < kHeight; ++py)
         for (int px = 0; px < kWidth; ++px)
             image[at(px, py)] = static_cast<unsigned char>(
@@ -97,7 +97,7 @@ Bytes ring(double x, double y, double radius) {
 }
 
 Floats blob(double x, double y, double sigma) {
-    Floats image(kSize);
+    Floats image(kPixels);
     for (int py = 0; py < kHeight; ++py)
         for (int px = 0; px < kWidth; ++px)
             image[at(px, py)] = static_cast<float>(
@@ -117,9 +117,9 @@ TEST(ImageOperations, FindsTheGroupsThatAFloodFillFinds) {
     Bytes mask = noise<unsigned char>(4, 0, 9);
     for (unsigned char& pixel : mask)
         pixel = pixel < 3 ? pixel + 1 : 0;
-    std::vector<int> labels(kSize);
+    std::vector<int> labels(kPixels);
     const auto regions = ImageOperations::connectedComponents(view(mask), labels.data());
-    std::vector<int> flooded(kSize);
+    std::vector<int> flooded(kPixels);
     int count = 0;
     for (int start = 0; start < kWidth * kHeight; ++start) {
         if (!mask[static_cast<std::size_t>(start)] || flooded[static_cast<std::size_t>(start)]) continue;
@@ -156,11 +156,11 @@ TEST(ImageOperations, FindsTheGroupsThatAFloodFillFinds) {
 
 TEST(ImageOperations, FindsEdgesLinesAndCirclesWhereTheyAre) {
     // A step of 10 per pixel at x = 20 whatever the direction of the image's axes.
-    Floats step(kSize);
+    Floats step(kPixels);
     for (int y = 0; y < kHeight; ++y)
         for (int x = 0; x < kWidth; ++x)
             step[at(x, y)] = x < 20 ? 0.0F : x == 20 ? 10.0F : 20.0F;
-    Bytes edges(kSize);
+    Bytes edges(kPixels);
     ASSERT_TRUE(ImageOperations::edges(view(step), 0, 5, 9, edges.data()));
     for (int y = 2; y < kHeight - 2; ++y)
         for (int x = 2; x < kWidth - 2; ++x)
@@ -217,10 +217,10 @@ TEST(ImageOperations, FindsTemplatesAndShiftsToAFractionOfAPixel) {
 }
 
 TEST(ImageOperations, LooksAtTheImagesOfAList) {
-    std::vector<short> pixels(3 * kSize);
-    pixels[kSize + at(5, 7)] = 9;
+    std::vector<short> pixels(3 * kPixels);
+    pixels[kPixels + at(5, 7)] = 9;
     const VoxImageList<short> images(kWidth, kHeight, 3, pixels.data());
-    Bytes mask(kSize);
+    Bytes mask(kPixels);
     ASSERT_TRUE(ImageOperations::threshold(ImageView<short>::of(images, 1), short{8}, mask.data()));
     EXPECT_EQ(std::count(mask.begin(), mask.end(), 255), 1);
     EXPECT_EQ(mask[at(5, 7)], 255);
@@ -229,10 +229,10 @@ TEST(ImageOperations, LooksAtTheImagesOfAList) {
 }
 
 TEST(ImageOperations, RefusesWhatItCannotDo) {
-    const Floats image(kSize);
-    const Bytes bytes(kSize);
-    Bytes mask(kSize, 7);
-    Floats values(kSize, 7);
+    const Floats image(kPixels);
+    const Bytes bytes(kPixels);
+    Bytes mask(kPixels, 7);
+    Floats values(kPixels, 7);
     const ImageView<float> none;
     const ImageView<float> flat{image.data(), 0, 5};
     constexpr double kNan = std::numeric_limits<double>::quiet_NaN();

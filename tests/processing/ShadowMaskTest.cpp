@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr int kSize = 224;
+constexpr int kFrame = 224;
 constexpr unsigned kPatterns = 6;
 
 struct Scene {
@@ -26,7 +26,7 @@ struct Scene {
     double ice = 0;                  ///< counts of a ring
     std::vector<int> deadRows = {};  ///< also columns
     bool shadow(double x, double y) const {
-        const double dx = x - kSize / 2.0, dy = y - kSize / 2.0;
+        const double dx = x - kFrame / 2.0, dy = y - kFrame / 2.0;
         const double along = dx * std::cos(barDirection) + dy * std::sin(barDirection);
         const double across = dy * std::cos(barDirection) - dx * std::sin(barDirection);
         return std::hypot(dx, dy) < discRadius || (along > -25 && std::abs(across) < 0.5 * barWidth);
@@ -40,17 +40,17 @@ struct Scene {
 };
 
 std::unique_ptr<VoxMRCData> seriesOf(const Scene& scene) {
-    auto series = makeSeries(kSize, kSize, std::vector<float>(kPatterns, 1.0F));
+    auto series = makeSeries(kFrame, kFrame, std::vector<float>(kPatterns, 1.0F));
     for (unsigned i = 0; i < kPatterns; ++i) {
         std::mt19937 random(i + 1);
-        const double cx = kSize / 2.0 + 2 + 0.2 * i, cy = kSize / 2.0 - 1;
+        const double cx = kFrame / 2.0 + 2 + 0.2 * i, cy = kFrame / 2.0 - 1;
         std::vector<short> pixels;
-        for (int y = 0; y < kSize; ++y)
-            for (int x = 0; x < kSize; ++x) {
+        for (int y = 0; y < kFrame; ++y)
+            for (int x = 0; x < kFrame; ++x) {
                 const double r = std::hypot(x - cx, y - cy);
                 const double spot = std::hypot(std::remainder(x - cx - 7.0 * i, 31.0),
                                                std::remainder(y - cy + 3.0 * i, 27.0));
-                double value = 8 + 500 * (1 + scene.gradient * 2 * (x - cx) / kSize) * std::exp(-r / 20) +
+                double value = 8 + 500 * (1 + scene.gradient * 2 * (x - cx) / kFrame) * std::exp(-r / 20) +
                                scene.ice * std::exp(-(r - 60) * (r - 60) / 8) +
                                300 * std::exp(-spot * spot / 3) + 20000 * std::exp(-r * r / 20);
                 if (scene.shadow(x, y)) value = scene.transmission * value + scene.pedestal;
@@ -100,12 +100,12 @@ TEST(ShadowMask, CoversTheStopAndTheCrossAndLeavesTheRest) {
         EXPECT_EQ(mask.rows(), c.scene.deadRows) << c.name;
         EXPECT_EQ(mask.columns(), c.scene.deadRows) << c.name;
         int missed = 0, wrong = 0, shadowed = 0, covers = 0;
-        for (int y = 0; y < kSize; ++y)
-            for (int x = 0; x < kSize; ++x) {
-                const bool covered = mask.pixels() && mask.pixels()[y * kSize + x];
+        for (int y = 0; y < kFrame; ++y)
+            for (int x = 0; x < kFrame; ++x) {
+                const bool covered = mask.pixels() && mask.pixels()[y * kFrame + x];
                 const bool dark = c.scene.shadow(x, y) || c.scene.dead(x, y);
                 // Far from the beam, a shadow that is as bright as the pattern is none.
-                const bool deep = std::hypot(x - kSize / 2, y - kSize / 2) < 45 || c.scene.dead(x, y);
+                const bool deep = std::hypot(x - kFrame / 2, y - kFrame / 2) < 45 || c.scene.dead(x, y);
                 shadowed += dark && deep;
                 missed += dark && deep && !covered;
                 bool near = false;
