@@ -35,6 +35,12 @@ def lines_of(source: str, function: str) -> range:
     return range(start, end + 1)
 
 
+def compiles(command: dict, name: str) -> bool:
+    """Whether a command compiles a source, by itself or with those of its folder."""
+    file = command["file"]
+    return file.endswith(name) or (file.endswith(".cxx") and f"/{name}\"" in pathlib.Path(file).read_text())
+
+
 def vectors_in(command: dict, name: str) -> list[tuple[int, int]]:
     """Line and bytes of each vectorised loop or block of a source."""
     arguments = [a for a in shlex.split(command["command"]) if a != "ccache"]
@@ -52,7 +58,7 @@ def main() -> int:
     commands = json.loads((build / "compile_commands.json").read_text())
     missed = 0
     for name, functions in LOOPS.items():
-        vectors = vectors_in(next(c for c in commands if c["file"].endswith(name)), name)
+        vectors = vectors_in(next(c for c in commands if compiles(c, name)), name)
         for function in functions:
             lines = lines_of((root / name).read_text(), function)
             sizes = {size for line, size in vectors if line in lines}
