@@ -51,9 +51,11 @@ struct FrameSize {
 
 /// Moves the patterns so that their direct beams come to lie in the middle. Jumps of the beam, doubtful
 /// centres and patterns without one are told.
-/// \param frames  square; before they were made so, they had this size. Their memory becomes that of the
-/// result \param kept    receives the frames as they were, at the cost of a copy; may be null Throws Failure
-/// when the centres are given and make no sense, or the user stopped it.
+///
+/// \param frames  square; before they were made so, they had this size. Their memory becomes the result's.
+/// \param kept    receives the frames as they were, at the cost of a copy; may be null
+///
+/// Throws Failure when the centres are given and make no sense, or the user stopped it.
 MovedSeries movedToCentre(std::unique_ptr<VoxMRCData> frames, const FrameSize& before,
                           const CentreChoice& choice, Session& session,
                           std::unique_ptr<VoxMRCData>* kept = nullptr);
