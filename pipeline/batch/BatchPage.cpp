@@ -411,8 +411,8 @@ private:
         const InstrumentTrend& trend = m_collection.trend;
         if (trend.rows.empty()) return;
         m_text +=
-            "<h2>Microscope</h2>\n<p class=\"faint\">Axis and distortion of the series with high or fair "
-            "confidence, over the time at which their files were last written.";
+            "<h2>Microscope</h2>\n<p class=\"faint\">Axis and distortion of the series whose lattice has "
+            "high or fair confidence, over the time at which their files were last written.";
         if (!trend.remark.empty()) m_text += " Left out: " + escaped(trend.remark) + '.';
         m_text += "</p>\n";
         if (trend.common) common(*trend.common);

@@ -19,10 +19,10 @@ struct InstrumentTrend {
     std::string remark;                         ///< what was left out and why; empty: nothing
 };
 
-/// Of the crystals whose lattice may be trusted (confidence high or fair) and that were run without a known
-/// geometry: those at the camera length that most have, with an axis within 2 degrees of the direction that
-/// most agree on, t and t + 180 being one line. Their values are combined as `vrk calibrate` does;
-/// what no more than half of them show is left out.
+/// Of the crystals whose lattice may be trusted (CrystalFacts::lattice high or fair) and that were run
+/// without a known geometry: those at the camera length that most have, with an axis within 2 degrees of the
+/// direction that most agree on, t and t + 180 being one line. Their values are combined as `vrk calibrate`
+/// does; what no more than half of them show is left out.
 InstrumentTrend instrumentTrend(const std::vector<CrystalRow>& rows);
 
 }  // namespace vrk

@@ -13,11 +13,19 @@ export interface Light {
     sentence: string;
 }
 
+/** Only the distortion of the frames is open: there is a crystal, but its cell is not that of the answer. */
+const isDistorted = ({ confidence }: Summary): boolean =>
+    confidence?.level === 'low' && (confidence.lattice ?? 'low') !== 'low';
+
 export function lightOf(summary: Summary): Light {
     switch (summary.confidence?.level) {
         case 'high': return { state: 'right', word: 'Right', sentence: 'Nothing speaks against this lattice.' };
         case 'fair': return { state: 'check', word: 'Check', sentence: 'Probably right; look at what is doubted below.' };
-        default: return { state: 'wrong', word: 'Wrong?', sentence: 'Hardly more than a guess: do not use it as it is.' };
+        default: return {
+            state: 'wrong', word: 'Wrong?', sentence: isDistorted(summary)
+                ? 'There is such a crystal, but its edges and angles may be off by far more than their uncertainties.'
+                : 'Hardly more than a guess: do not use it as it is.',
+        };
     }
 }
 
@@ -127,6 +135,9 @@ export function nextStep(summary: Summary): [string, string] {
     const level = summary.confidence.level;
     if (axisIsElsewhere(summary))
         return ['Run again with the axis that the reflections say.', `vrk run ${series} -o ${folder} --tilt-axis ${fixed(summary.tilt_axis.refined_deg, 2)}`];
+    if (isDistorted(summary))
+        return ['Measure the distortion of the microscope on another crystal, of high symmetry or with a known cell, and run again with it.',
+            `vrk calibrate another.mrc -o distortion.json && vrk run ${series} -o ${folder} --distortion distortion.json`];
     const isKnown = (summary.tilt_axis.refined_esd_deg ?? 9) < 0.5;
     if (level !== 'high' && source !== 'search' && source !== 'refined' && !isKnown)
         return ['Look for the tilt axis: a wrong one is the usual reason for doubts.', `vrk run ${series} -o ${folder} --tilt-axis search`];

@@ -109,6 +109,15 @@ test('the verdict has the numbers of the summary', async () => {
     await page.close();
 });
 
+test('a triclinic cell of an unknown microscope leads to a calibration', async () => {
+    run('simulate', '-o', 'bent.mrc', '--cell', '4.6,5.3,6.4,98,104,82', '--size', '128', '--dmin', '1.1', '--tilts', '-60:60:2', '--axis', '6', '--write-axis');
+    run('run', 'bent.mrc', '-o', 'bent', '--no-pictures');
+    const page = await open('bent/report.html');
+    assert.match(await page.locator('.light').textContent(), /^\u2715Wrong\?There is such a crystal/);
+    assert.match(await page.locator('.next code').textContent(), /^vrk calibrate \S+ -o (\S+) && vrk run bent\.mrc -o bent --distortion \1$/);
+    await page.close();
+});
+
 test('reciprocal space is drawn, turns, filters, and a click names a reflection', async () => {
     const page = await open('one/report.html');
     const canvas = page.locator('canvas.space');

@@ -67,6 +67,22 @@ TEST_F(CrystalsTest, BothAreFoundAndMeasured) {
     EXPECT_TRUE(exists("c.crystal2.txt"));
 }
 
+// What nobody knows of the frames does not hide a crystal.
+TEST_F(CrystalsTest, TriclinicOnesAreFoundWithoutACalibration) {
+    ASSERT_EQ(
+        vrk("simulate --cell 4.6,5.3,6.4,98,104,82 --size 128 --dmin 1.1 --seed 4 --tilts -60:60:2 --axis 6 "
+            "--write-axis --ellipse 0.014 --second-crystal 0.8 -o aP.mrc")
+            .exitCode,
+        0);
+    const json found = json::parse(vrk("run aP.mrc -o aP --no-pictures --no-integration --json").out);
+    EXPECT_EQ(found["confidence"]["lattice"], "fair") << found["confidence"]["reasons"];
+    ASSERT_EQ(found["crystals"].size(), 2U);
+    for (const json& crystal : found["crystals"]) {
+        EXPECT_EQ(crystal["confidence"], "low");
+        EXPECT_GT(crystal["strong_share"], 0.3);
+    }
+}
+
 TEST_F(CrystalsTest, OneIsWhereOneIsAskedForOrThere) {
     const auto crystals = [](const std::string& line) {
         return Json::parse(
