@@ -19,7 +19,8 @@ for argument in "$@"; do
   case "$argument" in
     # What .ci/run uses beyond building and testing.
     --with-checks) packages+=(clang-format doxygen git) ;;
-    # What scripts/check.sh and scripts/tidy.sh use.
+    --with-tidy) packages+=(clang clang-tidy python3) ;;
+    # What scripts/check.sh uses.
     --with-all-checks)
       packages+=(clang-format doxygen git clang libclang-rt-14-dev clang-tidy gcovr python3 valgrind locales)
       ;;
