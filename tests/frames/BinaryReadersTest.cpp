@@ -163,9 +163,9 @@ std::string tvipsFrames(int first, int last) {
     return file.text;
 }
 
-std::string tvipsHeader() {
+std::string tvipsHeader(int version = 2, int bits = 16, int volts = 200) {
     Bytes file;
-    for (const int value : {256, 2, kWidth, kHeight, 16, 0, 0, 1, 1, 15600, 200, 0, 48})
+    for (const int value : {256, version, kWidth, kHeight, bits, 0, 0, 1, 1, 15600, volts, 0, 48})
         file.add(std::uint32_t(value));
     file.text.resize(256, 'x');
     return file.text;
@@ -197,6 +197,11 @@ TEST(BinaryReaders, StacksWithWhatTheirHeadersSay) {
     const auto recording = FrameFile::open(folder.write("a_000.tvips", tvipsHeader() + tvipsFrames(0, 1)));
     expectFrames(*recording, 3, true, 0, 200);
     EXPECT_EQ(recording->parts(), std::vector<std::filesystem::path>{folder / "a_001.tvips"});
+    Bytes old;  // with short records, which say no tilt
+    for (int frame = 0; frame < 2; ++frame)
+        old.add(std::uint64_t{0}).add(std::uint32_t{0}).addPixels<std::uint8_t>(frame);
+    const std::string bytes = tvipsHeader(1, 8, 200000) + old.text;
+    expectFrames(*FrameFile::open(folder.write("old.tvips", bytes)), 2, false, 0, 200);
 }
 
 TEST(BinaryReaders, TruncatedStacksKeepTheirCompleteFrames) {

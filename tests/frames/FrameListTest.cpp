@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include "pipeline/base/Failure.h"
 #include "pipeline/frames/FrameList.h"
 #include "support/TemporaryFolder.h"
@@ -68,19 +70,43 @@ TEST(FrameLists, GiveFramesTheirTiltsAndTheExperiment) {
         EXPECT_NEAR(list.rotation.value_or(0), one.whole ? 0.5 : 0, 1e-9);
     }
     // A precessed beam runs round while the tilt stands still.
+    const auto listOf = [&](const char* name, const std::string& text) {
+        return vrk::readFrameList(folder.write(name, text));
+    };
     const vrk::FrameList precessed =
-        vrk::readFrameList(folder.write("p.pts", "geometry precession\nphi 1.1\nimagelist\na.tif 2 0\n"));
+        listOf("p.PTS2", "geometry precession\nphi 1.1\nomega 100\nimagelist\n\"my f1.tif\" 2 0\n");
     EXPECT_EQ(precessed.rotation, 0.0);
     EXPECT_EQ(precessed.precession, 1.1);
+    EXPECT_EQ(precessed.axis, 170) << "which end of the axis is which matters";
+    EXPECT_EQ(precessed.frames.at(0).path.filename(), "my f1.tif");
+    EXPECT_EQ(listOf("s.pts", "geometry static\nimagelist\na.tif 2 0\n").rotation, 0.0);
+    EXPECT_EQ(listOf("a.ed3d", "ROTATIONAXIS -10\nFILELIST\nFILE a.mrc 1\n").axis, -100);
+    const vrk::FrameList log = listOf(
+        "log.txt", "Starting angle: 1\nEnding angle: 4\nNumber of frames: 3\nRotation axis: 1.745329252\n");
+    EXPECT_NEAR(*log.axis, 170, 1e-6);
+    EXPECT_EQ(log.tiltsFor({"f7", "f8", "f10"}), (std::vector<double>{1.5, 2.5, 3.5})) << "all are there";
+    EXPECT_THROW(listOf("t.tlt", "400\n"), vrk::Failure);
+    EXPECT_FALSE(vrk::isFrameList(folder.write("b.mdoc", std::string("a\0b", 3))));
     // An XDS.INP names its frames, without the excluded ones.
     const vrk::FrameList xds = vrk::readFrameList(folder / "XDS.INP");
     ASSERT_EQ(xds.frames.size(), 3U);
     EXPECT_EQ(xds.frames[2].path, std::filesystem::path(folder / "data/f0022.img"));
     EXPECT_DOUBLE_EQ(xds.frames[2].tilt, -13.75);
+    // Frames of HDF5 lie behind one master; a detector may be turned.
+    const vrk::FrameList turned =
+        listOf("XDS.INP",
+               "OSCILLATION_RANGE=1\nDATA_RANGE=1 2\nNAME_TEMPLATE_OF_DATA_FRAMES=f_??????.h5\n"
+               "ROTATION_AXIS=1 0 0\nDIRECTION_OF_DETECTOR_X-AXIS=0 1 0\n"
+               "DIRECTION_OF_DETECTOR_Y-AXIS=-1 0 0\n");
+    ASSERT_EQ(turned.frames.size(), 2U);
+    EXPECT_EQ(turned.frames[1].path.filename(), "f_master.h5");
+    EXPECT_EQ(turned.frames[1].frame, 1);
+    EXPECT_NEAR(std::abs(*turned.axis), 180, 1e-9);
     // A template may end in its number.
     const vrk::FrameList bare = vrk::readFrameList(
         folder.write("XDS.INP", "OSCILLATION_RANGE=1\nDATA_RANGE=7 8\nNAME_TEMPLATE_OF_DATA_FRAMES=f???\n"));
     EXPECT_EQ(bare.frames.at(1).path, std::filesystem::path(folder / "f008"));
+    EXPECT_EQ(bare.frames.at(0).tilt, 0.5) << "the first begins where the scan does";
     // Numbers at the end of what 64 bits hold, counted from one below 0.
     const vrk::FrameList sweep =
         vrk::readFrameList(folder.write("XDS.INP", "OSCILLATION_RANGE=1\nSTARTING_FRAME=-9\n"));
