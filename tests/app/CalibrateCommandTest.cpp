@@ -69,20 +69,13 @@ TEST_F(CalibrateCommandTest, PutsAnotherCrystalRightThatCouldNotTell) {
 
 TEST_F(CalibrateCommandTest, RefusesWhatTellsNothing) {
     simulate("a.mrc", "--cell 8.1,8.1,8.1,90,90,90 --centring I --seed 3");
-    const struct {
-        const char* line;
-        int exitCode;
-        const char* message;
-    } cases[] = {{"calibrate a.mrc -o d.json --cell 8,8,8", 2, "--cell takes a,b,c"},
-                 {"calibrate a.mrc -o d.json --cell 8.1,8.1,9.9,90,90,90", 3, "which is not that of 8.10"},
-                 {"calibrate . -o d.json", 1, "holds no summary.json"},
-                 {"run a.mrc -o r --distortion a.truth.json", 1, "vrk calibrate"},
-                 {"run a.mrc -o r --distortion none.json", 1, "none.json"}};
-    for (const auto& one : cases) {
-        const VrkResult result = vrk(one.line);
-        EXPECT_EQ(result.exitCode, one.exitCode) << one.line;
-        EXPECT_NE(result.err.find(one.message), std::string::npos) << result.err;
-    }
+    const std::vector<RefusedLine> cases = {
+        {"calibrate a.mrc -o d.json --cell 8,8,8", 2, "--cell takes a,b,c"},
+        {"calibrate a.mrc -o d.json --cell 8.1,8.1,9.9,90,90,90", 3, "which is not that of 8.10"},
+        {"calibrate . -o d.json", 1, "holds no summary.json"},
+        {"run a.mrc -o r --distortion a.truth.json", 1, "vrk calibrate"},
+        {"run a.mrc -o r --distortion none.json", 1, "none.json"}};
+    expectRefused(cases, folder / ".");
     EXPECT_FALSE(std::filesystem::exists(folder / "d.json"));
 }
 

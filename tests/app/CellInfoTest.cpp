@@ -1,10 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
 #include <nlohmann/json.hpp>
 
 #include "app/RunVrk.h"
+#include "support/TemporaryFolder.h"
 
 namespace {
 
@@ -34,36 +33,25 @@ TEST(CellInfo, RhombohedralCellInBothSettings) {
 }
 
 TEST(CellInfo, CellFileTellsItsPixelSize) {
-    const std::string file = testing::TempDir() + "cell_info_test.txt";
-    std::ofstream(file) << "#VRKCELLVERSION 2\n# v\n200 0 0\n0 100 0\n0 0 50\n# r\n200 100 50\n90 90 90 \n"
-                           "# d\n5 10 20\n90 90 90 \n";
-    const VrkResult result = runVrk({"cell-info", file});
+    const TemporaryFolder folder;
+    folder.write("cell.txt",
+                 "#VRKCELLVERSION 2\n# v\n200 0 0\n0 100 0\n0 0 50\n# r\n200 100 50\n90 90 90 \n"
+                 "# d\n5 10 20\n90 90 90 \n");
+    const VrkResult result = runVrk({"cell-info", folder / "cell.txt"});
     EXPECT_EQ(result.exitCode, 0) << result.err;
     EXPECT_NE(result.out.find("5.0000   10.0000   20.0000"), std::string::npos) << result.out;
-    std::filesystem::remove(file);
 }
 
 TEST(CellInfo, WrongInputIsRefused) {
-    struct Case {
-        std::vector<std::string> cell;
-        int exitCode;
-    };
-    const Case cases[] = {{{"5", "6", "x", "90", "90", "90"}, 2},
-                          {{"5", "6", "7", "90"}, 2},
-                          {{"5", "6", "7", "30", "30", "90"}, 2},
-                          {{"5", "6", "nan", "90", "90", "90"}, 2},
-                          {{"no-such-file"}, 1},
-                          {{"1e308", "1e308", "1e308", "90", "90", "90"}, 1},
-                          {{"1", "1", "1", "90", "90", "1e-7"}, 1},
-                          {{"1", "1", "1", "90", "90", "90", "--centring", "Q"}, 2}};
-    for (const Case& c : cases) {
-        std::vector<std::string> arguments = {"cell-info"};
-        arguments.insert(arguments.end(), c.cell.begin(), c.cell.end());
-        const VrkResult result = runVrk(arguments);
-        EXPECT_EQ(result.exitCode, c.exitCode) << c.cell.front() << ' ' << result.err;
-        EXPECT_EQ(result.out, "");
-        EXPECT_NE(result.err, "");
-    }
+    expectRefused({{"5 6 x 90 90 90", 2, ""},
+                   {"5 6 7 90", 2, ""},
+                   {"5 6 7 30 30 90", 2, ""},
+                   {"5 6 nan 90 90 90", 2, ""},
+                   {"no-such-file", 1, ""},
+                   {"1e308 1e308 1e308 90 90 90", 1, ""},
+                   {"1 1 1 90 90 1e-7", 1, ""},
+                   {"1 1 1 90 90 90 --centring Q", 2, ""}},
+                  ".", "cell-info ");
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <memory>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <sstream>
@@ -110,33 +109,21 @@ TEST_F(IndexCommandTest, SaysWhatIsWrong) {
     const double a[3] = {1, 2, 3}, b[3] = {2, 4, 6};
     flat.setNewBase(a, b, a, false, true);
     CellFileImportExport::writeCellFile_version_2(m_folder / "flat.txt", &flat);
-    const struct {
-        std::vector<std::string> arguments;
-        int exitCode;
-        std::string message;
-    } cases[] = {
-        {{"index", "bare.txt", "cell.txt", "-o", "x.hkl", "--pixel-size", "5e7"}, 2, "holds no intensities"},
-        {{"index", "peaks.txt", "cell.txt", "-o", "x.hkl", "--voltage", "200000"}, 2, "looks like volts"},
-        {{"index", "peaks.txt", "old.cell", "-o", "x.hkl"}, 2, "--pixel-size"},
-        {{"index", "none.txt", "cell.txt", "-o", "x.hkl"}, 1, "none.txt"},
-        {{"index", "other.txt", "cell.txt", "-o", "x.hkl"}, 1, "line 2"},
-        {{"index", "empty.txt", "cell.txt", "-o", "x.hkl"}, 3, "no reflections"},
-        {{"index", "head.txt", "cell.txt", "-o", "x.hkl"}, 1, "line 3"},
-        {{"index", "peaks.txt", "peaks.txt", "-o", "x.hkl", "--pixel-size", "5e7"}, 1, "cell from"},
-        {{"index", "peaks.txt", "flat.txt", "-o", "x.hkl", "--pixel-size", "5e7"}, 1, "plane"},
-        {{"index", "peaks.txt", "cell.txt", "-o", "x.hkl", "--pixel-size", "5e7", "--lattice", "hP"},
-         2,
-         "fits cF"},
-        {{"index", "peaks.txt", "cell.txt", "-o", "x.hkl", "--pixel-size", "5e7", "--formula", "Q"},
-         2,
-         "formula"},
-        {{"index", "peaks.txt", "cell.txt", "-o", "no/x.hkl", "--pixel-size", "5e7"}, 1, "folder"},
+    const std::vector<RefusedLine> cases = {
+        {"bare.txt cell.txt -o x.hkl --pixel-size 5e7", 2, "holds no intensities"},
+        {"peaks.txt cell.txt -o x.hkl --voltage 200000", 2, "looks like volts"},
+        {"peaks.txt old.cell -o x.hkl", 2, "--pixel-size"},
+        {"none.txt cell.txt -o x.hkl", 1, "none.txt"},
+        {"other.txt cell.txt -o x.hkl", 1, "line 2"},
+        {"empty.txt cell.txt -o x.hkl", 3, "no reflections"},
+        {"head.txt cell.txt -o x.hkl", 1, "line 3"},
+        {"peaks.txt peaks.txt -o x.hkl --pixel-size 5e7", 1, "cell from"},
+        {"peaks.txt flat.txt -o x.hkl --pixel-size 5e7", 1, "plane"},
+        {"peaks.txt cell.txt -o x.hkl --pixel-size 5e7 --lattice hP", 2, "fits cF"},
+        {"peaks.txt cell.txt -o x.hkl --pixel-size 5e7 --formula Q", 2, "formula"},
+        {"peaks.txt cell.txt -o no/x.hkl --pixel-size 5e7", 1, "folder"},
     };
-    for (const auto& one : cases) {
-        const VrkResult run = runVrk(one.arguments, m_folder / ".");
-        EXPECT_EQ(run.exitCode, one.exitCode) << one.message;
-        EXPECT_NE(run.err.find(one.message), std::string::npos) << one.message << ": " << run.err;
-    }
+    expectRefused(cases, m_folder / ".", "index ");
     EXPECT_TRUE(m_folder.read("x.hkl").empty());
 }
 

@@ -2,11 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cmath>
 #include <filesystem>
 #include <gemmi/mtz.hpp>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <string>
 
 #include "app/RunVrk.h"

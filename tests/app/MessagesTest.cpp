@@ -19,15 +19,9 @@
 
 namespace {
 
-struct MessageCase {
-    const char* line;
-    int exitCode;
-    const char* message;  ///< stands on the standard error stream
-};
-
 struct Group {
     const char* name;
-    std::vector<MessageCase> cases;
+    std::vector<RefusedLine> cases;
 
     friend void PrintTo(const Group& group, std::ostream* out) { *out << group.name; }
 };
@@ -244,26 +238,7 @@ protected:
 std::unique_ptr<TemporaryFolder> MessagesTest::folder;
 
 TEST_P(MessagesTest, BlameOneThingAndNameTheWayOut) {
-    std::vector<std::unique_ptr<StartedVrk>> started;
-    for (std::size_t i = 0; i < GetParam().cases.size(); ++i) {
-        // A few at a time: a program spends most of this test on being loaded.
-        constexpr std::size_t together = 4;
-        for (; started.size() < std::min(i + together, GetParam().cases.size());)
-            started.push_back(
-                std::make_unique<StartedVrk>(words(GetParam().cases[started.size()].line), *folder / "."));
-        const MessageCase& one = GetParam().cases[i];
-        SCOPED_TRACE(one.line);
-        const VrkResult result = started[i]->wait();
-        EXPECT_EQ(result.exitCode, one.exitCode);
-        EXPECT_NE(result.err.find(one.message), std::string::npos) << result.err;
-        EXPECT_EQ(result.out, "");
-        // The library's own words do not stand beside the message.
-        std::istringstream lines(result.err);
-        int messages = 0;
-        for (std::string line; std::getline(lines, line);)
-            messages += line.starts_with("vrk: ") ? 1 : 0;
-        EXPECT_EQ(messages, 1) << result.err;
-    }
+    expectRefused(GetParam().cases, *folder / ".");
     EXPECT_FALSE(std::filesystem::exists(*folder / "r/summary.json"));
 }
 

@@ -10,6 +10,7 @@
 #include "VoxCore/IO/VoxMRCFileHandler.h"
 #include "reflections/PeakFileImportExport.h"
 #include "reflections/ReflexVector.h"
+#include "support/TemporaryFolder.h"
 
 namespace {
 
@@ -20,7 +21,6 @@ namespace fs = std::filesystem;
 class PeaksCommand : public testing::Test {
 protected:
     PeaksCommand() {
-        fs::create_directory(folder);
         std::unique_ptr<VoxMRCData> volume(VoxMRCData::Create3D(32, 32, 16));
         mrcH& header = volume->m_Header;
         header.nx = header.ny = header.mx = header.my = 32;
@@ -34,22 +34,20 @@ protected:
                 volume->GetChunkPointer(8 + (i >> 2))[(x + (i >> 1 & 1)) * 32 + 16 + (i & 1)] = 50;
         for (unsigned j = 0; j < 8; ++j)
             std::fill_n(volume->GetChunkPointer(3) + (2 * j + 3) * 32 + 2, 3 + j, static_cast<short>(20 + j));
-        VoxMRCFileHandler().writeMRCFile(volume.get(), folder + "/volume.mrc");
+        VoxMRCFileHandler().writeMRCFile(volume.get(), folder / "volume.mrc");
         header.type = MRCType::TILT_SERIES;
         header.next = 131072;
         for (int z = 0; z < 16; ++z)
             header.setValue(SliceValue::TiltAngle, z, static_cast<float>(z - 20));
-        VoxMRCFileHandler().writeMRCFile(volume.get(), folder + "/series.mrc");
+        VoxMRCFileHandler().writeMRCFile(volume.get(), folder / "series.mrc");
     }
-    ~PeaksCommand() override { fs::remove_all(folder); }
 
     VrkResult peaks(const std::string& input, std::vector<std::string> more = {}) const {
         more.insert(more.begin(), {"peaks", input, "-o", "peaks.txt"});
-        return runVrk(more, folder);
+        return runVrk(more, folder / ".");
     }
 
-    const std::string folder =
-        testing::TempDir() + "vrk_peaks_" + testing::UnitTest::GetInstance()->current_test_info()->name();
+    const TemporaryFolder folder;
 };
 
 TEST_F(PeaksCommand, WritesThePeakFileAndTheDistribution) {
@@ -62,7 +60,7 @@ TEST_F(PeaksCommand, WritesThePeakFileAndTheDistribution) {
     EXPECT_TRUE(json["parameters"]["resolution"].is_null());
 
     ReflexVectorPtr list(new ReflexVector);
-    ASSERT_TRUE(PeakFileImportExport::loadPeakFile(folder + "/peaks.txt", list.get()));
+    ASSERT_TRUE(PeakFileImportExport::loadPeakFile(folder / "peaks.txt", list.get()));
     ASSERT_EQ(list->size(), 2U);
     EXPECT_EQ(list->at(0)->getCenterInX(), 4.5);
     EXPECT_EQ(list->at(1)->getCenterInX(), 28.5);
@@ -82,7 +80,7 @@ TEST_F(PeaksCommand, ProposesAThresholdWhenNothingIsFound) {
     EXPECT_EQ(result.exitCode, 3);
     EXPECT_NE(result.err.find("from 3 to 50"), std::string::npos) << result.err;
     EXPECT_NE(result.err.find("try --threshold 25, which finds 6"), std::string::npos) << result.err;
-    EXPECT_FALSE(fs::exists(folder + "/peaks.txt"));
+    EXPECT_FALSE(fs::exists(folder / "peaks.txt"));
 }
 
 TEST_F(PeaksCommand, RefusesWhatItCannotUse) {
@@ -90,12 +88,12 @@ TEST_F(PeaksCommand, RefusesWhatItCannotUse) {
     EXPECT_EQ(series.exitCode, 1);
     EXPECT_NE(series.err.find("holds a tilt series (16 patterns from -20 to -5 degrees)"), std::string::npos)
         << series.err;
-    EXPECT_EQ(peaks("missing.mrc").exitCode, 1);
-    for (const std::vector<std::string>& options : {std::vector<std::string>{"--threshold", "nan"},
-                                                    {"--centre", "4"},
-                                                    {"--min-voxels", "9", "--max-voxels", "8"}})
-        EXPECT_EQ(peaks("volume.mrc", options).exitCode, 2) << options.front();
-    EXPECT_EQ(std::distance(fs::directory_iterator(folder), fs::directory_iterator()), 2);
+    expectRefused({{"missing.mrc", 1, "missing.mrc"},
+                   {"volume.mrc --threshold nan", 2, "--threshold"},
+                   {"volume.mrc --centre 4", 2, "--centre"},
+                   {"volume.mrc --min-voxels 9 --max-voxels 8", 2, "--max-voxels"}},
+                  folder / ".", "peaks -o peaks.txt ");
+    EXPECT_EQ(std::distance(fs::directory_iterator(folder / ""), fs::directory_iterator()), 2);
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <nlohmann/json.hpp>
 
@@ -10,6 +9,7 @@
 #include "VoxCore/IO/VoxMRCFileHandler.h"
 #include "processing/SeriesFactory.h"
 #include "processing/SimulatedPatterns.h"
+#include "support/TemporaryFolder.h"
 
 namespace {
 
@@ -19,7 +19,6 @@ using Json = nlohmann::json;
 class ProcessingCommands : public testing::Test {
 protected:
     ProcessingCommands() {
-        std::filesystem::create_directories(m_folder);
         simulated::PatternSettings settings;
         settings.size = 64;
         const auto series = makeSeries(64, 64, {-40, -20, 0, 20, 40});
@@ -27,22 +26,22 @@ protected:
             setPixels(*series, i, simulated::pattern(settings, 33, 30, i));
         write(*series, "series.mrc");
     }
-    ~ProcessingCommands() override { std::filesystem::remove_all(m_folder); }
 
     void write(VoxMRCData& data, const std::string& name) const {
-        VoxMRCFileHandler handler;
-        ASSERT_TRUE(handler.writeMRCFile(&data, m_folder + name));
+        ASSERT_TRUE(VoxMRCFileHandler().writeMRCFile(&data, m_folder / name));
     }
-    VrkResult run(const std::vector<std::string>& arguments) const { return runVrk(arguments, m_folder); }
-    bool exists(const std::string& name) const { return std::filesystem::exists(m_folder + name); }
+    VrkResult run(const std::vector<std::string>& arguments) const {
+        return runVrk(arguments, m_folder / ".");
+    }
+    bool exists(const std::string& name) const { return std::filesystem::exists(m_folder / name); }
 
-    std::string m_folder = testing::TempDir() + "processing commands/";
+    const TemporaryFolder m_folder;
 };
 
 /// What centring brings in from outside has no background that could be taken from it.
 TEST_F(ProcessingCommands, LeaveTheBorderEmptyThatCentringBringsIn) {
     ASSERT_EQ(run({"preprocess", "series.mrc", "-o", "clean.mrc", "--centre", "20,30"}).exitCode, 0);
-    const std::unique_ptr<VoxMRCData> clean(VoxMRCFileHandler().readMRCFile(m_folder + "clean.mrc"));
+    const std::unique_ptr<VoxMRCData> clean(VoxMRCFileHandler().readMRCFile(m_folder / "clean.mrc"));
     int values = 0;
     for (unsigned i = 0; i < 64; ++i) {
         EXPECT_TRUE(std::all_of(clean->GetChunkPointer(2) + 64 * i, clean->GetChunkPointer(2) + 64 * i + 11,
@@ -67,34 +66,22 @@ TEST_F(ProcessingCommands, ExplainThemselvesWhenTheyCannotGoOn) {
     write(*wide, "wide.mrc");
     const auto descending = makeSeries(10, 10, {10, -10});
     write(*descending, "descending.mrc");
-    std::ofstream(m_folder + "bad.txt") << "1e8\n";
-    struct Case {
-        std::vector<std::string> arguments;
-        int exitCode;
-        const char* message;
+    m_folder.write("bad.txt", "1e8\n");
+    const std::vector<RefusedLine> cases = {
+        {"preprocess none.mrc -o out.mrc", 1, "none.mrc"},
+        {"preprocess series.mrc -o series.mrc", 2, "another name"},
+        {"preprocess series.mrc -o out.mrc --rotate up", 2, "not 'up'"},
+        {"preprocess series.mrc -o out.mrc --rotate header", 1, "no tilt axis"},
+        {"preprocess series.mrc -o out.mrc --bin 3", 2, "--bin"},
+        {"preprocess series.mrc -o no/out.mrc", 1, "does not exist"},
+        {"reconstruct wide.mrc -o out.mrc", 1, "20 x 10 pixels"},
+        {"reconstruct descending.mrc -o out.mrc", 1, "do not ascend"},
+        {"reconstruct series.mrc -o out.mrc --fine-calibration bad.txt", 1, "bad.txt, line 1"},
+        {"reconstruct series.mrc -o out.mrc --fine-calibration none", 1, "does not exist"},
+        {"reconstruct series.mrc -o out.mrc --fine-pixel-size -1", 2, "--fine-pixel-size"},
     };
-    const std::vector<Case> cases = {
-        {{"preprocess", "none.mrc", "-o", "out.mrc"}, 1, "none.mrc"},
-        {{"preprocess", "series.mrc", "-o", "series.mrc"}, 2, "another name"},
-        {{"preprocess", "series.mrc", "-o", "out.mrc", "--rotate", "up"}, 2, "not 'up'"},
-        {{"preprocess", "series.mrc", "-o", "out.mrc", "--rotate", "header"}, 1, "no tilt axis"},
-        {{"preprocess", "series.mrc", "-o", "out.mrc", "--bin", "3"}, 2, "--bin"},
-        {{"preprocess", "series.mrc", "-o", "no/out.mrc"}, 1, "does not exist"},
-        {{"reconstruct", "wide.mrc", "-o", "out.mrc"}, 1, "20 x 10 pixels"},
-        {{"reconstruct", "descending.mrc", "-o", "out.mrc"}, 1, "do not ascend"},
-        {{"reconstruct", "series.mrc", "-o", "out.mrc", "--fine-calibration", "bad.txt"},
-         1,
-         "bad.txt, line 1"},
-        {{"reconstruct", "series.mrc", "-o", "out.mrc", "--fine-calibration", "none"}, 1, "does not exist"},
-        {{"reconstruct", "series.mrc", "-o", "out.mrc", "--fine-pixel-size", "-1"}, 2, "--fine-pixel-size"},
-    };
-    for (const Case& c : cases) {
-        const VrkResult result = run(c.arguments);
-        EXPECT_EQ(result.exitCode, c.exitCode) << result.err;
-        EXPECT_NE(result.err.find(c.message), std::string::npos) << result.err;
-        EXPECT_EQ(result.out, "");
-        EXPECT_FALSE(exists("out.mrc"));
-    }
+    expectRefused(cases, m_folder / ".");
+    EXPECT_FALSE(exists("out.mrc"));
     const auto dims = [&](std::vector<std::string> more) {
         more.insert(more.begin(), {"preprocess", "wide.mrc", "-o", "square.mrc", "--json"});
         return Json::parse(run(more).out)["dims"];

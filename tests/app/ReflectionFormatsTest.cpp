@@ -17,6 +17,7 @@
 #include "pipeline/base/Failure.h"
 #include "reflections/Reflex.h"
 #include "reflections/ReflexVector.h"
+#include "support/TemporaryFolder.h"
 
 namespace {
 
@@ -26,7 +27,6 @@ using vrk::IndexedReflection;
 class ReflectionFormatsTest : public testing::Test {
 protected:
     ReflectionFormatsTest() {
-        fs::create_directories(m_folder);
         std::mt19937 random(5);
         std::lognormal_distribution<double> intensity(5.0, 3.0);
         for (int h = -12; h <= 12; h += 3)
@@ -43,7 +43,6 @@ protected:
         m_set.formula = "Ca3 Al2 Si3 O12";
         m_set.title = "garnet";
     }
-    ~ReflectionFormatsTest() override { fs::remove_all(m_folder); }
 
     std::vector<std::string> lines(const fs::path& path) const {
         std::ifstream file(path);
@@ -58,7 +57,7 @@ protected:
             m_set.amplitudes.push_back({20.0 + static_cast<double>(i), 0.5 * static_cast<double>(i)});
     }
 
-    fs::path m_folder = fs::path(testing::TempDir()) / "reflection formats";
+    const TemporaryFolder m_folder;
     vrk::ReflectionSet m_set;
 };
 
@@ -180,7 +179,7 @@ TEST_F(ReflectionFormatsTest, FourGaussiansFollowTheTable) {
 TEST_F(ReflectionFormatsTest, GemmiReadsMtzBack) {
     addAmplitudes();
     vrk::writeMtz(m_set, m_folder / "x.mtz");
-    const gemmi::Mtz mtz = gemmi::read_mtz_file((m_folder / "x.mtz").string());
+    const gemmi::Mtz mtz = gemmi::read_mtz_file(m_folder / "x.mtz");
     EXPECT_EQ(mtz.spacegroup->xhm(), "C 1");
     EXPECT_NEAR(mtz.cell.c, 12.345678, 1e-4);
     EXPECT_NEAR(mtz.datasets.back().wavelength, 0.025079, 1e-5);
@@ -202,7 +201,7 @@ TEST_F(ReflectionFormatsTest, GemmiReadsMtzBack) {
 TEST_F(ReflectionFormatsTest, GemmiReadsCifBack) {
     addAmplitudes();
     vrk::writeCif(m_set, m_folder / "x.cif");
-    gemmi::cif::Document document = gemmi::cif::read_file((m_folder / "x.cif").string());
+    gemmi::cif::Document document = gemmi::cif::read_file(m_folder / "x.cif");
     const gemmi::ReflnBlock block = gemmi::hkl_cif_as_refln_block(document.sole_block());
     ASSERT_TRUE(block.refln_loop && block.spacegroup);
     EXPECT_EQ(block.spacegroup->xhm(), "C 1");
@@ -253,7 +252,7 @@ TEST_F(ReflectionFormatsTest, RefusesWhatDoesNotFit) {
               (std::vector<std::pair<std::string, double>>{{"Ca", 1}, {"C", 1}, {"O", 3}}));
     m_set.reflections.push_back({10000, 0, 0, 1.0, 1.0});
     EXPECT_THROW(vrk::writeShelx(m_set, m_folder / "x.hkl"), vrk::Failure);
-    EXPECT_THROW(vrk::writeMtz(m_set, m_folder / "none" / "x.mtz"), vrk::Failure);
+    EXPECT_THROW(vrk::writeMtz(m_set, m_folder / "none/x.mtz"), vrk::Failure);
     if (fs::exists("/dev/full")) {
         EXPECT_THROW(vrk::writeCif(m_set, "/dev/full"), vrk::Failure);
     }

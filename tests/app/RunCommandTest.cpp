@@ -12,6 +12,7 @@
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <set>
+#include <span>
 #include <sstream>
 #include <thread>
 
@@ -37,6 +38,12 @@ std::unique_ptr<VoxMRCData> smallSeries(int size = 128) {
     for (int tilt = -60; tilt <= 60; tilt += 2)
         settings.tilts.push_back(tilt);
     return vrk::simulateSeries(settings).series;
+}
+
+/// What the header says of every frame.
+std::span<float> stated(VoxMRCData& series, SliceValue value) {
+    auto& all = series.m_Header.sliceValues[static_cast<std::size_t>(value)];
+    return std::span<float>(all.data(), series.GetDepth());
 }
 
 void write(VoxMRCData& series, const std::string& path) {
@@ -275,9 +282,7 @@ TEST_F(RunCommandTest, OddSeriesWorkWithAWarning) {
          changed(*series, width(), width(), frames(),
                  [&](unsigned x, unsigned y, unsigned z) { return pixel(x, y, frames() - 1 - z); }),
          "descend"});
-    mrcH& header = cases.back().series->m_Header;
-    auto& tilts = header.sliceValues[static_cast<std::size_t>(SliceValue::TiltAngle)];
-    std::reverse(tilts.begin(), tilts.begin() + static_cast<std::ptrdiff_t>(frames()));
+    std::ranges::reverse(stated(*cases.back().series, SliceValue::TiltAngle));
     cases.push_back({"not square",
                      changed(*series, width(), width() - 16, frames(),
                              [&](unsigned x, unsigned y, unsigned z) { return pixel(x, y + 8, z); }),
@@ -307,13 +312,12 @@ TEST_F(RunCommandTest, OddTiltsAndNoTensionWorkWithAWarning) {
                                  return pixel(x, y, z < turn ? z : 2 * turn - 1 - z);
                              }),
                      "repeat the tilt angle of another"});
-    auto& returning =
-        cases.back().series->m_Header.sliceValues[static_cast<std::size_t>(SliceValue::TiltAngle)];
+    const std::span<float> returning = stated(*cases.back().series, SliceValue::TiltAngle);
     for (std::size_t z = frames() - kBack; z < frames(); ++z)
         returning[z] = returning[2 * (frames() - kBack) - 1 - z];
     cases.push_back({"no high tension", changed(*series, width(), width(), frames(), pixel),
                      "does not say its high tension"});
-    cases.back().series->m_Header.sliceValues[static_cast<std::size_t>(SliceValue::HighTension)].fill(0);
+    std::ranges::fill(stated(*cases.back().series, SliceValue::HighTension), 0.0F);
     for (const OddCase& one : cases)
         expectSolved(one);
 }
@@ -329,9 +333,7 @@ TEST_F(RunCommandTest, SeriesThatCannotBeSolvedEndWithAMessage) {
     std::vector<Case> cases;
     cases.push_back({"two frames", changed(*series, width(), width(), 2, same), 1, "three different tilts"});
     cases.push_back({"one tilt", changed(*series, width(), width(), 9, same), 1, "one tilt angle"});
-    for (auto& value :
-         cases.back().series->m_Header.sliceValues[static_cast<std::size_t>(SliceValue::TiltAngle)])
-        value = 5.0F;
+    std::ranges::fill(stated(*cases.back().series, SliceValue::TiltAngle), 5.0F);
     cases.push_back({"all zero",
                      changed(*series, 64, 64, 9, [](unsigned, unsigned, unsigned) { return short{0}; }), 1,
                      "nothing but zeros"});
@@ -340,9 +342,8 @@ TEST_F(RunCommandTest, SeriesThatCannotBeSolvedEndWithAMessage) {
                      "no pattern"});
     cases.push_back({"tilts in radians", changed(*series, width(), width(), frames(), same), 1,
                      "they may be radians, which would be 120 degrees"});
-    for (auto& value :
-         cases.back().series->m_Header.sliceValues[static_cast<std::size_t>(SliceValue::TiltAngle)])
-        value *= 0.0174532925F;
+    for (float& tilt : stated(*cases.back().series, SliceValue::TiltAngle))
+        tilt *= 0.0174532925F;
     // Background without reflections.
     cases.push_back({"no reflections",
                      changed(*series, 64, 64, 31,
@@ -362,13 +363,10 @@ TEST_F(RunCommandTest, SeriesThatCannotBeSolvedEndWithAMessage) {
         EXPECT_FALSE(filesIn(folder / "result").contains("summary.json"));
     }
     write(*series, folder / "series.mrc");
-    for (const auto& [option, value, message] : {std::tuple("--voltage", "200000", "give --voltage 200"),
-                                                 {"--voltage", "20", "states 200 kV"},
-                                                 {"--pixel-size", "0.005", "1/Angstrom per pixel"}}) {
-        const VrkResult result = run({option, value});
-        EXPECT_EQ(result.exitCode, 2) << result.err;
-        EXPECT_NE(result.err.find(message), std::string::npos) << result.err;
-    }
+    expectRefused({{"--voltage 200000", 2, "give --voltage 200"},
+                   {"--voltage 20", 2, "states 200 kV"},
+                   {"--pixel-size 0.005", 2, "1/Angstrom per pixel"}},
+                  folder / ".", "run series.mrc -o result ");
 }
 
 TEST_F(RunCommandTest, GarbageBehindAValidHeaderIsNoCell) {
@@ -446,8 +444,7 @@ TEST_F(RunCommandTest, ResultsReplaceEarlierOnesTogetherAndFailuresSetThemAside)
 
     // Too few reflections for a lattice, in a series that does not say its voltage.
     std::unique_ptr<VoxMRCData> silent = changed(*series, width(), width(), frames(), pixel);
-    for (float& tension : silent->m_Header.sliceValues[static_cast<std::size_t>(SliceValue::HighTension)])
-        tension = 0.0F;
+    std::ranges::fill(stated(*silent, SliceValue::HighTension), 0.0F);
     write(*silent, folder / "series.mrc");
     const VrkResult failed = run({"--tilt-axis", "none", "--threshold", "2500"});
     EXPECT_EQ(failed.exitCode, 3) << failed.err;
@@ -476,8 +473,12 @@ TEST_F(RunCommandTest, TwoRunsIntoOneFolderDoNotMix) {
 
 TEST(DemoCommandTest, FindsTheTruthAgain) {
     const TemporaryFolder folder;
-    const VrkResult result = runVrk({"demo", "-o", folder / "demo", "--size", "160", "--step", "2", "--cell",
-                                     "7,8,9,90,90,90", "--centring", "P", "--json"});
+    const auto demo = [&](const std::string& more) {
+        return runVrkLine(
+            "demo -o demo --size 160 --step 2 --cell 7,8,9,90,90,90 --centring P --json " + more,
+            folder / ".");
+    };
+    const VrkResult result = demo("");
     ASSERT_EQ(result.exitCode, 0) << result.err << result.out;
     const Json comparison = Json::parse(result.out);
     EXPECT_TRUE(comparison["ok"].get<bool>());
@@ -485,17 +486,11 @@ TEST(DemoCommandTest, FindsTheTruthAgain) {
     EXPECT_NEAR(comparison["found"]["volume"].get<double>(), 504.0, 1.0);
 
     // Two degrees beside the axis: the reflections put it right.
-    const VrkResult beside =
-        runVrk({"demo", "-o", folder / "demo", "--size", "160", "--step", "2", "--cell", "7,8,9,90,90,90",
-                "--centring", "P", "--axis", "2", "--tilt-axis", "none", "--json"});
-    EXPECT_EQ(beside.exitCode, 0) << beside.out;
-    const Json refined = Json::parse(std::ifstream(folder / "demo/summary.json"));
+    EXPECT_EQ(demo("--axis 2 --tilt-axis none").exitCode, 0);
+    const Json refined = Json::parse(folder.read("demo/summary.json"));
     EXPECT_NEAR(refined["tilt_axis"]["refined_deg"].get<double>(), 2.0, 0.1);
     // Far beside it, nobody must call the answer right.
-    const VrkResult wrong =
-        runVrk({"demo", "-o", folder / "demo", "--size", "160", "--step", "2", "--cell", "7,8,9,90,90,90",
-                "--centring", "P", "--axis", "40", "--tilt-axis", "none", "--json"});
-    EXPECT_NE(wrong.exitCode, 0);
+    EXPECT_NE(demo("--axis 40 --tilt-axis none").exitCode, 0);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "app/RunVrk.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <linux/capability.h>
 #include <pty.h>
 #include <signal.h>
@@ -8,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -119,4 +121,27 @@ VrkResult runVrk(const std::vector<std::string>& arguments, const std::string& f
 std::vector<std::string> words(const std::string& text) {
     std::istringstream stream(text);
     return {std::istream_iterator<std::string>(stream), {}};
+}
+
+void expectRefused(const std::vector<RefusedLine>& lines, const std::string& folder,
+                   const std::string& before) {
+    std::vector<std::unique_ptr<StartedVrk>> started;
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        // A few at a time: a program spends most of its time on being loaded.
+        constexpr std::size_t together = 4;
+        for (; started.size() < std::min(i + together, lines.size());)
+            started.push_back(
+                std::make_unique<StartedVrk>(words(before + lines[started.size()].line), folder));
+        SCOPED_TRACE(before + lines[i].line);
+        const VrkResult result = started[i]->wait();
+        EXPECT_EQ(result.exitCode, lines[i].exitCode);
+        EXPECT_NE(result.err.find(lines[i].message), std::string::npos) << result.err;
+        EXPECT_EQ(result.out, "");
+        // The library's own words do not stand beside the message.
+        std::istringstream text(result.err);
+        int messages = 0;
+        for (std::string line; std::getline(text, line);)
+            messages += line.starts_with("vrk: ") && !line.starts_with("vrk: warning: ") ? 1 : 0;
+        EXPECT_EQ(messages, 1) << result.err;
+    }
 }

@@ -48,6 +48,18 @@ VrkResult runVrkInTerminal(const std::string& line, const std::string& folder, i
 /// The words of a text.
 std::vector<std::string> words(const std::string& text);
 
+/// A command line that vrk refuses, how it ends, and what its message says.
+struct RefusedLine {
+    std::string line;
+    int exitCode;
+    std::string message;
+};
+
+/// Expects of each line one message, on the standard error stream, and nothing else.
+/// \param before  stands in front of each line
+void expectRefused(const std::vector<RefusedLine>& lines, const std::string& folder,
+                   const std::string& before = "");
+
 /// Runs vrk with the words of a line.
 inline VrkResult runVrkLine(const std::string& line, const std::string& folder = ".") {
     return runVrk(words(line), folder);

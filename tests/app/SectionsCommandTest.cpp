@@ -150,28 +150,17 @@ TEST_F(SectionsCommand, PutsNodesWhereTheirIndicesSay) {
 
 TEST_F(SectionsCommand, RefusesWhatItCannotDraw) {
     m_folder.write("flat.txt", "#VRKCELLVERSION 2\n#\n1 0 0\n2 0 0\n0 0 1\n");
-    const struct {
-        std::vector<std::string> arguments;
-        int exitCode;
-        const char* message;
-    } cases[] = {
-        {{"sections", "volume.mrc", "cell.txt", "-o", "out", "--plane", "hk0", "hkl"},
-         2,
-         "\"hkl\" is no plane"},
-        {{"sections", "volume.mrc", "cell.txt", "-o", "out", "--size", "0"}, 2, "--size"},
-        {{"sections", "volume.mrc", "cell.txt"}, 2, "needs -o FOLDER"},
-        {{"sections", "series.mrc", "cell.txt", "-o", "out"}, 1, "holds a tilt series"},
-        {{"sections", "volume.mrc", "none.txt", "-o", "out"}, 1, "none.txt"},
-        {{"sections", "volume.mrc", "flat.txt", "-o", "out"}, 1, "flat.txt"},
-        {{"sections", "volume.mrc", "cell.txt", "-o", "cell.txt"}, 1, "cannot make the folder"},
+    const std::vector<RefusedLine> cases = {
+        {"volume.mrc cell.txt -o out --plane hk0 hkl", 2, "\"hkl\" is no plane"},
+        {"volume.mrc cell.txt -o out --size 0", 2, "--size"},
+        {"volume.mrc cell.txt", 2, "needs -o FOLDER"},
+        {"series.mrc cell.txt -o out", 1, "holds a tilt series"},
+        {"volume.mrc none.txt -o out", 1, "none.txt"},
+        {"volume.mrc flat.txt -o out", 1, "flat.txt"},
+        {"volume.mrc cell.txt -o cell.txt", 1, "cannot make the folder"},
     };
-    for (const auto& one : cases) {
-        const VrkResult run = runVrk(one.arguments, m_folder / ".");
-        EXPECT_EQ(run.exitCode, one.exitCode) << one.message << ": " << run.err;
-        EXPECT_NE(run.err.find(one.message), std::string::npos) << run.err;
-        EXPECT_EQ(run.out, "");
-        EXPECT_FALSE(exists("out"));
-    }
+    expectRefused(cases, m_folder / ".", "sections ");
+    EXPECT_FALSE(exists("out"));
 }
 
 }  // namespace

@@ -4,8 +4,6 @@
 #include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <set>
-#include <sstream>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "VoxCore/IO/VoxMRCFileHandler.h"
@@ -69,21 +67,13 @@ TEST(SimulateCommand, HeadersMayStateSomethingElse) {
 
 TEST(SimulateCommand, WrongUsageIsExitCodeTwo) {
     const TemporaryFolder folder;
-    for (const char* extra :
-         {"", "--cell 1,2,3", "--cell 10,10,10,90,90,90 --cif a.cif",
-          "--cell 10,10,10,90,90,90 --tilts -60:60:0", "--cell 10,10,10,90,90,90 --tilts -60:60:0.1",
-          "--cell 10,10,10,90,90,90 --tilts 0:nan:1", "--cell 10,10,10,90,90,90 --orientation 1,2",
-          "--cell 10,10,10,90,90,90 --orientation 1,0,0,0,1,0,1,0,0",
-          "--cell 10,10,10,90,90,90 --mode sideways", "--cell 10,10,10,90,90,90 --beam-along 1,0",
-          "--cell 10,10,10,90,90,90 --stop-offset 1;2", "--cell 10,10,10,90,90,90 --dose nan"}) {
-        std::vector<std::string> arguments = {"simulate", "-o", folder / "s.mrc"};
-        for (const std::string& word : words(extra))
-            arguments.push_back(word);
-        const VrkResult result = runVrk(arguments);
-        EXPECT_EQ(result.exitCode, 2) << extra << result.err;
-        EXPECT_EQ(result.out, "");
-        EXPECT_FALSE(std::filesystem::exists(folder / "s.mrc"));
-    }
+    std::vector<RefusedLine> cases = {{"", 2, "--cell"}, {"--cell 1,2,3", 2, "--cell"}};
+    for (const char* extra : {"--cif a.cif", "--tilts -60:60:0", "--tilts -60:60:0.1", "--tilts 0:nan:1",
+                              "--orientation 1,2", "--orientation 1,0,0,0,1,0,1,0,0", "--mode sideways",
+                              "--beam-along 1,0", "--stop-offset 1;2", "--dose nan"})
+        cases.push_back({std::string("--cell 10,10,10,90,90,90 ") + extra, 2, ""});
+    expectRefused(cases, folder / ".", "simulate -o s.mrc ");
+    EXPECT_FALSE(std::filesystem::exists(folder / "s.mrc"));
 }
 
 }  // namespace

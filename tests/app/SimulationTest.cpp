@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <fstream>
 #include <gemmi/c4322.hpp>
 #include <numbers>
 #include <span>

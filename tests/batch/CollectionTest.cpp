@@ -1,7 +1,6 @@
 // Results of a batch in one table: from summaries to rows, clusters, the instrument and the page.
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>

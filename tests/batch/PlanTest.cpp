@@ -9,6 +9,7 @@
 #include "pipeline/batch/BatchPlan.h"
 #include "pipeline/batch/CsvTable.h"
 #include "pipeline/batch/Workflow.h"
+#include "support/FailureOf.h"
 #include "support/MRCBytes.h"
 #include "support/TemporaryFolder.h"
 
@@ -52,12 +53,7 @@ protected:
                               [this](const std::string& text) { warnings.push_back(text); });
     }
     std::string refusalOf(const std::string& table) {
-        try {
-            jobsOf(folder.write("t.csv", table));
-        } catch (const vrk::Failure& failure) {
-            return failure.what();
-        }
-        return "";
+        return failureOf([&] { jobsOf(folder.write("t.csv", table)); }).text;
     }
 
     TemporaryFolder folder;

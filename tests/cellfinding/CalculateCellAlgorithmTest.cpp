@@ -27,20 +27,10 @@ using Basis = std::array<Vector, 3>;  // a, b, c
 constexpr double kDegree = 1.0 / BasicMath::kDegreePerRadian;
 
 /// What the steps hand to their caller, freed at the end.
-struct Results {
-    Results() = default;
-    ~Results() {
-        for (auto* cluster : clusters)
-            delete cluster;
-        for (auto* vector : noise)
-            delete vector;
-    }
-    Results(const Results&) = delete;
-    Results& operator=(const Results&) = delete;
-
-    void addCluster(const Vector& centre, int points) {
+struct Results : Clustered<ClusterPoint<double>> {
+    void addCluster(const Vector& centre, int size) {
         Point<double> point(centre.data(), 3);
-        const std::vector<Point<double>*> pointers(static_cast<std::size_t>(points), &point);
+        const std::vector<Point<double>*> pointers(static_cast<std::size_t>(size), &point);
         clusters.push_back(new Cluster<Point<double>>(&pointers, static_cast<int>(clusters.size()) + 1));
     }
     /// The base in a, b, c.
@@ -56,9 +46,6 @@ struct Results {
     }
 
     Parameter parameter;
-    std::unique_ptr<CubicGrid<ClusterPoint<double>>> grid;
-    std::vector<Cluster<Point<double>>*> clusters;
-    std::vector<ClusterPoint<double>*> noise;
     ClusterPoint<double> a{3, -1}, b{3, -1}, c{3, -1};
     bool refined[3] = {false, false, false};
 };
@@ -240,11 +227,9 @@ TEST(CalculateCellAlgorithm, OtherClusteringsFindOneClusterANode) {
     for (const Case& one : cases) {
         SCOPED_TRACE(one.name);
         Results run;
-        Clustered<ClusterPoint<double>> blobs;
         for (const Vector& node : one.nodes)
-            blobs.addBlob({node[0], node[1], node[2]}, 300, 0.4);
-        blobs.makeGrid();
-        run.grid = std::move(blobs.grid);
+            run.addBlob({node[0], node[1], node[2]}, 300, 0.4);
+        run.makeGrid();
         run.parameter.setDBSCANEps(one.eps);
         run.parameter.setDBSCANMinPts(20);
         Algorithm algorithm;
@@ -506,41 +491,30 @@ TEST(CalculateCellAlgorithm, PruningLeavesNoClusterEmpty) {
 TEST(CalculateCellAlgorithm, ChoosesShortVectorsOutOfOnePlane) {
     struct Case {
         const char* name;
-        double detLimit, angleA, angleB;
         std::vector<Vector> centres;
         std::vector<std::size_t> chosen;  // none: no base
+        double angle = 0.0;               // 0: the usual ones
+        double detLimit = 0.0;
     };
     const Basis sharp = basisOf(10, 10.5, 11, 20, 20, 20);
     const Case cases[] = {
         {"noise lifts a centre out of the plane",
-         0.0,
-         0.984,
-         0.7,
          {{10, 0, 0}, {0, 11, 0}, {-6, 8, 0.7}, {6, 9, 0.6}, {1, 2, 14}},
          {0, 2, 4}},
         {"of equal lengths the first",
-         0.0,
-         0.984,
-         0.7,
          {{0, 0, 10}, {0, 10, 0}, {10, 0, 0}, {0, 0, -10}, {0, -10, 0}},
          {0, 1, 2}},
-        {"a negative determinant is as good",
-         0.0,
-         0.984,
-         0.7,
-         {{10, 0, 0}, {0, 0, 11}, {0, 12, 0}},
-         {0, 1, 2}},
-        {"20 degrees between all axes", 0.0, 0.3, 0.3, {sharp[0], sharp[1], sharp[2]}, {0, 1, 2}},
-        {"opposite vectors", 0.0, 0.984, 0.7, {{10, 0, 0}, {-10, 0.5, 0}, {0, 11, 0}, {0, 0, 12}}, {0, 2, 3}},
+        {"a negative determinant is as good", {{10, 0, 0}, {0, 0, 11}, {0, 12, 0}}, {0, 1, 2}},
+        {"20 degrees between all axes", {sharp[0], sharp[1], sharp[2]}, {0, 1, 2}, 0.3},
+        {"opposite vectors", {{10, 0, 0}, {-10, 0.5, 0}, {0, 11, 0}, {0, 0, 12}}, {0, 2, 3}},
         {"determinant at the limit",
-         1320.0,
-         0.984,
-         0.7,
          {{10, 0, 0}, {0, 11, 0}, {0, 0, 12}, {0, 0, 13}},
-         {0, 1, 3}},
-        {"all in a plane", 0.0, 0.984, 0.7, {{10, 0, 0}, {0, 11, 0}, {-6, 8, 0.7}, {7, 8, 0.5}}, {}},
-        {"all on a line", 0.0, 0.984, 0.7, {{10, 0, 0}, {20, 0, 0.1}, {30, 0, 0}}, {}},
-        {"two", 0.0, 0.984, 0.7, {{10, 0, 0}, {0, 11, 0}}, {}},
+         {0, 1, 3},
+         0.0,
+         1320.0},
+        {"all in a plane", {{10, 0, 0}, {0, 11, 0}, {-6, 8, 0.7}, {7, 8, 0.5}}, {}},
+        {"all on a line", {{10, 0, 0}, {20, 0, 0.1}, {30, 0, 0}}, {}},
+        {"two", {{10, 0, 0}, {0, 11, 0}}, {}},
     };
     for (const Case& one : cases) {
         SCOPED_TRACE(one.name);
@@ -548,8 +522,8 @@ TEST(CalculateCellAlgorithm, ChoosesShortVectorsOutOfOnePlane) {
         for (const Vector& centre : one.centres)
             run.addCluster(centre, 3);
         run.parameter.setDetLimit(one.detLimit);
-        run.parameter.setAngleA(one.angleA);
-        run.parameter.setAngleB(one.angleB);
+        run.parameter.setAngleA(one.angle > 0 ? one.angle : 0.984);
+        run.parameter.setAngleB(one.angle > 0 ? one.angle : 0.7);
         UnitCell cell;
         const double seconds = CalculateCellAlgorithm().StepFour_FindLinearIndependentVectors(
             &run.parameter, &cell, &run.clusters, &run.a, &run.b, &run.c);

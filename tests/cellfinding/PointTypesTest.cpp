@@ -4,7 +4,6 @@
 #include <functional>
 #include <limits>
 #include <memory>
-#include <string>
 
 #include "cellfinding/Cluster.h"
 #include "cellfinding/ClusterPoint.h"

@@ -4,12 +4,11 @@
 
 #include <cmath>
 #include <filesystem>
-#include <fstream>
 #include <memory>
-#include <sstream>
 
 #include "crystallography/UnitCell.h"
 #include "support/RecordingLogObserver.h"
+#include "support/TemporaryFolder.h"
 
 namespace {
 
@@ -19,22 +18,16 @@ const double kC[3] = {1.5, -2.0, 45.125};
 
 class CellFileTest : public ::testing::Test {
 protected:
-    CellFileTest() : m_file(testing::TempDir() + "cell_file_test.txt") {}
-    ~CellFileTest() override { std::filesystem::remove(m_file); }
-
-    void write(const std::string& bytes) const { std::ofstream(m_file, std::ios::binary) << bytes; }
-    std::string read() const {
-        std::ostringstream text;
-        text << std::ifstream(m_file, std::ios::binary).rdbuf();
-        return text.str();
-    }
+    void write(const std::string& bytes) const { m_folder.write("cell.txt", bytes); }
+    std::string read() const { return m_folder.read("cell.txt"); }
     std::string lastError() const {
         for (auto entry = m_log.messages.rbegin(); entry != m_log.messages.rend(); ++entry)
             if (entry->type == VRK::Error) return entry->text;
         return "";
     }
 
-    std::string m_file;
+    const TemporaryFolder m_folder;
+    const std::string m_file = m_folder / "cell.txt";
     RecordingLogObserver m_log;
 };
 

@@ -4,11 +4,6 @@
 
 #include <optional>
 #include <sstream>
-#include <vector>
-
-extern "C" {
-#include <spglib.h>
-}
 
 #include "RandomLattice.h"
 #include "crystallography/UnitCellTest.h"
@@ -286,27 +281,6 @@ TEST_F(NiggliReductionTest, FollowsTheStatedStepsNearTheTolerance) {
         ASSERT_EQ(text.substr(begin, text.find("Matrix") - begin), plain.narration()) << "draw " << n;
     }
     EXPECT_GT(ended, count * 9 / 10);
-}
-
-TEST_F(NiggliReductionTest, AgreesWithSpglib) {
-    RandomLattice random(12);
-    int compared = 0;
-    for (int n = 0; n < 2800; ++n) {
-        UnitCell cell = randomInput(random, n);
-        Matrix lattice = baseOf(cell);
-        ASSERT_NE(spg_niggli_reduce(reinterpret_cast<double(*)[3]>(lattice.data()), 1e-5), 0);
-        NiggliReduction::niggliReduction(&cell, 0);
-        // A cell on the limit eta = A is where the two state different rules.
-        if (!UnitCellTest::isNiggliCell(&cell)) continue;
-        ++compared;
-        std::array<std::array<double, 3>, 3> v;
-        for (std::size_t i = 0; i < 3; ++i)
-            v[i] = {lattice[0][i], lattice[1][i], lattice[2][i]};
-        const UnitCell other(v[0].data(), v[1].data(), v[2].data(), 1.0, true, true, LATTICE::aP);
-        Six expected = sixOf(other);
-        expectNear(sixOf(cell), expected, 2e-4);
-    }
-    EXPECT_GT(compared, 2500);
 }
 
 TEST_F(NiggliReductionTest, LeavesCircles) {

@@ -4,7 +4,6 @@
 
 #include <limits>
 #include <memory>
-#include <sstream>
 
 #include "RandomLattice.h"
 #include "crystallography/BasicMath.h"

@@ -3,17 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <limits>
-#include <sstream>
 
 #include "reflections/Reflex.h"
 #include "reflections/ReflexVector.h"
 #include "support/RecordingLogObserver.h"
+#include "support/TemporaryFolder.h"
 
 namespace {
-
-namespace fs = std::filesystem;
 
 struct Entry {
     int h, k, l;
@@ -22,9 +19,6 @@ struct Entry {
 
 class HKLfileImportExportTest : public testing::Test {
 protected:
-    HKLfileImportExportTest() : m_path(fs::path(testing::TempDir()) / "reflections.hkl") {}
-    ~HKLfileImportExportTest() override { fs::remove(m_path); }
-
     std::string written(const std::vector<Entry>& entries) {
         ReflexVectorPtr list(new ReflexVector);
         for (const Entry& entry : entries) {
@@ -32,12 +26,11 @@ protected:
             list->back()->setHKL(entry.h, entry.k, entry.l);
             list->back()->setIntensity(entry.intensity);
         }
-        HKLfileImportExport::saveHKLFile(list.get(), m_path.string());
-        std::ifstream file(m_path, std::ios::binary);
-        return (std::ostringstream() << file.rdbuf()).str();
+        HKLfileImportExport::saveHKLFile(list.get(), m_folder / "x.hkl");
+        return m_folder.read("x.hkl");
     }
 
-    fs::path m_path;
+    TemporaryFolder m_folder;
 };
 
 TEST_F(HKLfileImportExportTest, WritesIndexedReflectionsInOrderOfTheirIndices) {
@@ -95,14 +88,14 @@ TEST_F(HKLfileImportExportTest, ReportsWhatCannotBeWritten) {
         list->push_back(new Reflex(0.0, 0.0, 0.0));
         list->back()->setHKL(i, 0, 0);
     }
-    HKLfileImportExport::saveHKLFile(list.get(), (fs::path(testing::TempDir()) / "none" / "x.hkl").string());
+    HKLfileImportExport::saveHKLFile(list.get(), m_folder / "none/x.hkl");
     EXPECT_EQ(log.count("Cannot open the HKL file", VRK::Error), 1);
-    if (fs::exists("/dev/full")) {
+    if (std::filesystem::exists("/dev/full")) {
         EXPECT_FALSE(HKLfileImportExport::exportHKLFile(list.get(), "/dev/full"));
         EXPECT_EQ(log.count("could not be written completely", VRK::Error), 1);
     }
-    EXPECT_FALSE(HKLfileImportExport::exportHKLFile(nullptr, m_path.string()));
-    EXPECT_TRUE(HKLfileImportExport::exportHKLFile(list.get(), m_path.string()));
+    EXPECT_FALSE(HKLfileImportExport::exportHKLFile(nullptr, m_folder / "x.hkl"));
+    EXPECT_TRUE(HKLfileImportExport::exportHKLFile(list.get(), m_folder / "x.hkl"));
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 
 #include "support/RecordingLogObserver.h"
 #include "support/SimulatedReflections.h"
+#include "support/TemporaryFolder.h"
 
 namespace {
 
@@ -132,14 +133,14 @@ TEST_F(IndicateWithHKLTest, PlotsRender) {
     });
     UnitCell cell = reciprocalCell(kBasis);
     ASSERT_GT(indicate(&cell, 0.1), 500);
-    const fs::path folder = fs::path(testing::TempDir()) / "indexing 'plots'";
-    fs::create_directories(folder);
+    const TemporaryFolder own;
+    const fs::path folder = own / "indexing 'plots'";
+    fs::create_directory(folder);
     EXPECT_TRUE(IndicateWithHKL::generateEvaluationPlot(m_list.get(), folder.string()));
     EXPECT_TRUE(IndicateWithHKL::generateHKLplot(m_list.get(), folder.string()));
     for (const char* name : {"indicateEvaluation", "hklPlot", "hPlot", "kPlot", "lPlot"})
         for (const char* extension : {".plt", ".png"})
             EXPECT_TRUE(fs::exists(folder / (std::string(name) + extension))) << name;
-    if (!std::getenv("KEEP_PLOTS")) fs::remove_all(folder);
 
     RecordingLogObserver log;
     m_list->destroyElements();

@@ -8,9 +8,9 @@
 #include <random>
 
 #include "RandomGeometry.h"
-#include "pipeline/base/Failure.h"
 #include "pipeline/integration/LaueGroup.h"
 #include "pipeline/simulation/SimulatedCrystal.h"
+#include "support/FailureOf.h"
 
 namespace {
 
@@ -397,15 +397,11 @@ TEST(DataReductionTest, saysWhenNothingIsLeft) {
         r.flags = kReflectionBlind;
     }
     blind[4].flags = kReflectionSaturated;
-    try {
+    const Refusal refusal = failureOf([&] {
         reduceData(blind, 10, reciprocalOf({10, 10, 10, 90, 90, 90}), 'P', 1);
-        ADD_FAILURE();
-    } catch (const Failure& failure) {
-        EXPECT_EQ(failure.kind(), FailureKind::NothingFound);
-        EXPECT_NE(std::string(failure.what()).find("of 5, 4 lie along the tilt axis, 1 are saturated, 0"),
-                  std::string::npos)
-            << failure.what();
-    }
+    });
+    EXPECT_EQ(refusal.kind, FailureKind::NothingFound);
+    EXPECT_TRUE(refusal.says("of 5, 4 lie along the tilt axis, 1 are saturated, 0")) << refusal.text;
 }
 
 }  // namespace

@@ -7,8 +7,8 @@
 
 #include "SimulatedInput.h"
 #include "pipeline/base/Angle.h"
-#include "pipeline/base/Failure.h"
 #include "pipeline/integration/DataReduction.h"
+#include "support/FailureOf.h"
 
 namespace {
 
@@ -240,15 +240,12 @@ TEST(IntegrationTest, saysWhenAllReflectionsLieAlongTheAxis) {
     const SimulatedInput simulated = simulatedInput(settings, LATTICE::mP);
     IntegrationOptions options;
     options.dMin = 3.4;
-    try {
+    const Refusal refusal = failureOf([&] {
         const IntegrationResult result = integrate(simulated.input, options);
         reduceData(result.reflections, settings.tilts.size(), result.fit.geometry.reciprocal, 'P', 3.4);
-        ADD_FAILURE();
-    } catch (const Failure& failure) {
-        EXPECT_EQ(failure.kind(), FailureKind::NothingFound);
-        EXPECT_NE(std::string(failure.what()).find("lie along the tilt axis"), std::string::npos)
-            << failure.what();
-    }
+    });
+    EXPECT_EQ(refusal.kind, FailureKind::NothingFound);
+    EXPECT_TRUE(refusal.says("lie along the tilt axis")) << refusal.text;
 }
 
 TEST(IntegrationTest, tellsWhereReflectionsCrossedAsFarAsCountsTell) {
@@ -338,12 +335,8 @@ TEST(IntegrationTest, refusesWhatCannotBeIntegrated) {
     for (const Row& row : rows) {
         IntegrationInput input = simulated.input;
         row.spoil(input);
-        try {
-            integrate(input, row.options);
-            ADD_FAILURE() << row.words;
-        } catch (const Failure& failure) {
-            EXPECT_NE(std::string(failure.what()).find(row.words), std::string::npos) << failure.what();
-        }
+        const Refusal refusal = failureOf([&] { integrate(input, row.options); });
+        EXPECT_TRUE(refusal.says(row.words)) << row.words << refusal.text;
     }
 }
 

@@ -7,6 +7,7 @@
 #include <functional>
 #include <optional>
 #include <random>
+#include <tuple>
 
 #include "pipeline/latticesearch/RecordedWedge.h"
 
@@ -31,6 +32,16 @@ LatticeEvidence sound() {
 }
 
 TEST(Confidence, EachDoubtLowersItAndIsNamed) {
+    const auto shells = [](int found) {
+        return [found](LatticeEvidence& e) { e.completeness->shells.fill({40, found}); };
+    };
+    const auto parity = [](int nodes, int found) {
+        return [=](LatticeEvidence& e) { e.completeness->parities[3] = {nodes, found}; };
+    };
+    const auto residual = [](double share) {
+        return
+            [share](LatticeEvidence& e) { std::tie(e.residual, e.relativeResidual) = std::pair(1.6, share); };
+    };
     const struct {
         const char* reason;
         std::function<void(LatticeEvidence&)> change;
@@ -48,31 +59,11 @@ TEST(Confidence, EachDoubtLowersItAndIsNamed) {
          Confidence::Fair},
         {"49 % of the reflections are indexed", [](LatticeEvidence& e) { e.indexedShare = 0.49; },
          Confidence::Low},
-        {"were found where most were",
-         [](LatticeEvidence& e) {
-             e.completeness->shells.fill({40, 17});
-         },
-         Confidence::Fair},
-        {"were found where most were",
-         [](LatticeEvidence& e) {
-             e.completeness->shells.fill({40, 9});
-         },
-         Confidence::Low},
-        {"classes of nodes",
-         [](LatticeEvidence& e) {
-             e.completeness->parities[3] = {50, 20};
-         },
-         Confidence::Fair},
-        {"classes of nodes",
-         [](LatticeEvidence& e) {
-             e.completeness->parities[3] = {50, 7};
-         },
-         Confidence::Low},
-        {"",
-         [](LatticeEvidence& e) {
-             e.completeness->parities[3] = {24, 0};
-         },
-         Confidence::High},
+        {"were found where most were", shells(17), Confidence::Fair},
+        {"were found where most were", shells(9), Confidence::Low},
+        {"classes of nodes", parity(50, 20), Confidence::Fair},
+        {"classes of nodes", parity(50, 7), Confidence::Low},
+        {"", parity(24, 0), Confidence::High},
         {"another lattice has 91 %", [](LatticeEvidence& e) { e.rivalEvidence = 0.91 * e.score.evidence; },
          Confidence::Fair},
         {"assumed", [](LatticeEvidence& e) { e.axisAssumed = true; }, Confidence::Fair},
@@ -97,18 +88,8 @@ TEST(Confidence, EachDoubtLowersItAndIsNamed) {
              e.rival = "4 5 6";
          },
          Confidence::Fair},
-        {"far off its nodes",
-         [](LatticeEvidence& e) {
-             e.residual = 1.6;
-             e.relativeResidual = 0.13;
-         },
-         Confidence::Low},
-        {"",
-         [](LatticeEvidence& e) {
-             e.residual = 1.6;
-             e.relativeResidual = 0.11;
-         },
-         Confidence::High},
+        {"far off its nodes", residual(0.13), Confidence::Low},
+        {"", residual(0.11), Confidence::High},
         {"determine its edges", [](LatticeEvidence& e) { e.edgeUncertainty = 0.0021; }, Confidence::Low},
         {"distorted by 3 %", [](LatticeEvidence& e) { e.ellipse = 0.026; }, Confidence::Fair},
         {"10 % smaller than stated", [](LatticeEvidence& e) { e.tiltScale = -0.1; }, Confidence::Fair},

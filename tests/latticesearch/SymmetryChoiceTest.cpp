@@ -1,4 +1,5 @@
 #include "pipeline/run/SymmetryChoice.h"
+#include "support/FailureOf.h"
 
 #include <gtest/gtest.h>
 
@@ -6,8 +7,6 @@
 #include <algorithm>
 #include <cmath>
 #include <random>
-
-#include "pipeline/base/Failure.h"
 
 namespace {
 
@@ -95,13 +94,9 @@ TEST(SymmetryChoice, IndexesFreelyUnderTiesThatAreWanted) {
     EXPECT_NE(strain.find("(a 9."), std::string::npos) << strain;
     EXPECT_NE(strain.find(", b 9."), std::string::npos) << strain;
     EXPECT_EQ(strain.find(", c "), std::string::npos) << strain;
-    try {
-        crystal.choose(LATTICE::cF);
-        FAIL();
-    } catch (const vrk::Failure& failure) {
-        EXPECT_EQ(failure.kind(), vrk::FailureKind::Usage);
-        EXPECT_NE(std::string(failure.what()).find("it fits tP oP"), std::string::npos) << failure.what();
-    }
+    const Refusal refusal = failureOf([&] { crystal.choose(LATTICE::cF); });
+    EXPECT_EQ(refusal.kind, vrk::FailureKind::Usage);
+    EXPECT_TRUE(refusal.says("it fits tP oP")) << refusal.text;
 }
 
 TEST(SymmetryChoice, TellsWhereReflectionsContradictWhatIsKnown) {

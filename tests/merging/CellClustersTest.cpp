@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cmath>
 #include <random>
-#include <set>
 
 #include "pipeline/base/Failure.h"
 

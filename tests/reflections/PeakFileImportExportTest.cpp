@@ -5,33 +5,28 @@
 #include <cmath>
 #include <cstdio>
 #include <fstream>
-#include <iterator>
 #include <limits>
 #include <sstream>
 #include <string>
 
 #include "reflections/ReflexVector.h"
 #include "support/RecordingLogObserver.h"
+#include "support/TemporaryFolder.h"
 
 namespace {
 
 class PeakFile : public testing::Test {
 protected:
-    ~PeakFile() override { std::remove(path.c_str()); }
-
-    void put(const std::string& content) const { std::ofstream(path, std::ios::binary) << content; }
-    std::string content() const {
-        std::ifstream file(path, std::ios::binary);
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
+    void put(const std::string& text) const { folder.write("peaks.txt", text); }
+    std::string content() const { return folder.read("peaks.txt"); }
     bool write(int nx, int ny, int nz, bool onlyIndicated = false) const {
         return PeakFileImportExport::writePeakFile_version_2(path, list.get(), 2, nx, ny, nz, -60.5, 60,
                                                              0.00123456789, 250, 37.5, onlyIndicated);
     }
     bool load() const { return PeakFileImportExport::loadPeakFile(path, list.get()); }
 
-    const std::string path = testing::TempDir() + "peaks_" +
-                             testing::UnitTest::GetInstance()->current_test_info()->name() + ".txt";
+    const TemporaryFolder folder;
+    const std::string path = folder / "peaks.txt";
     ReflexVectorPtr list{new ReflexVector};
     RecordingLogObserver log;
 };
@@ -118,7 +113,7 @@ TEST_F(PeakFile, CannotBeWritten) {
         PeakFileImportExport::writePeakFile_version_2(path, nullptr, 2, 1, 1, 1, 0, 0, 0, 0, 0, false));
     EXPECT_EQ(content(), "");
     EXPECT_TRUE(log.has("Error while writing the file. Reflections = NULL", VRK::Error));
-    const std::string nowhere = testing::TempDir() + "no_such_folder/peaks.txt";
+    const std::string nowhere = folder / "no_such_folder/peaks.txt";
     EXPECT_FALSE(
         PeakFileImportExport::writePeakFile_version_2(nowhere, list.get(), 2, 1, 1, 1, 0, 0, 0, 0, 0, false));
     EXPECT_EQ(log.messages.back().text, "ERROR: Error while opening file to write " + nowhere + "\n");

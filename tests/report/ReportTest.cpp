@@ -9,6 +9,7 @@
 #include "pipeline/formats/ReflectionTable.h"
 #include "pipeline/report/PackedArray.h"
 #include "pipeline/report/Report.h"
+#include "support/FailureOf.h"
 #include "support/ReportedData.h"
 #include "support/TemporaryFolder.h"
 
@@ -83,12 +84,9 @@ TEST(ReflectionTable, SaysWhichLineIsWrong) {
           {changed("5678.5", "x"), "line 2, has no number in the column intensity: x"},
           {changed("-2,30", "-2,30.5"), "line 2, has no number in the column l"},
           {good + "1,2\n", "line 6, has too few columns"}}) {
-        try {
-            vrk::readReflectionTable(folder.write("bad.csv", text));
-            ADD_FAILURE() << text;
-        } catch (const vrk::Failure& failure) {
-            EXPECT_NE(std::string(failure.what()).find(message), std::string::npos) << failure.what();
-        }
+        const std::string path = folder.write("bad.csv", text);
+        const Refusal refusal = failureOf([&] { vrk::readReflectionTable(path); });
+        EXPECT_TRUE(refusal.says(message)) << message << refusal.text;
     }
 }
 
@@ -216,12 +214,8 @@ TEST_F(ReportTest, RefusesWhatIsNoResult) {
           {"reflections.csv", "h,k\n", "no column l"}}) {
         const std::string before = folder.read(file);
         folder.write(file, bytes);
-        try {
-            vrk::readReport(folder / ".");
-            ADD_FAILURE() << file;
-        } catch (const vrk::Failure& failure) {
-            EXPECT_NE(std::string(failure.what()).find(message), std::string::npos) << failure.what();
-        }
+        const Refusal refusal = failureOf([&] { vrk::readReport(folder / "."); });
+        EXPECT_TRUE(refusal.says(message)) << file << refusal.text;
         folder.write(file, before);
     }
     folder.write("report.html",

@@ -8,6 +8,7 @@
 #include "pipeline/base/Failure.h"
 #include "pipeline/formats/CellInput.h"
 #include "pipeline/latticesearch/KnownCell.h"
+#include "support/FailureOf.h"
 #include "support/RecordedReflections.h"
 #include "support/TemporaryFolder.h"
 
@@ -200,13 +201,8 @@ TEST(InstrumentFile, RefusesWhatItDoesNotUnderstand) {
         const std::size_t place = text.find(one.from);
         ASSERT_NE(place, std::string::npos);
         folder.write("d.json", text.replace(place, std::string(one.from).size(), one.to));
-        try {
-            vrk::readInstrumentFile(folder / "d.json");
-            ADD_FAILURE() << "was taken";
-        } catch (const vrk::Failure& failure) {
-            EXPECT_NE(std::string(failure.what()).find(one.message), std::string::npos) << failure.what();
-            EXPECT_NE(std::string(failure.what()).find("d.json"), std::string::npos);
-        }
+        const Refusal refusal = failureOf([&] { vrk::readInstrumentFile(folder / "d.json"); });
+        EXPECT_TRUE(refusal.says(one.message) && refusal.says("d.json")) << refusal.text;
     }
     EXPECT_THROW(vrk::readInstrumentFile(folder / "none.json"), vrk::Failure);
 }

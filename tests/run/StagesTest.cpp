@@ -11,6 +11,7 @@
 #include "pipeline/frames/SeriesHeader.h"
 #include "pipeline/run/LatticeChoice.h"
 #include "pipeline/run/PreparedSeries.h"
+#include "support/FailureOf.h"
 #include "support/TemporaryFolder.h"
 
 namespace {
@@ -242,12 +243,7 @@ TEST(FindLattice, TakesTheLevelThatExplainsMostOfItself) {
     const vrk::LatticeChoice clean = choice({noisy, strong});
     EXPECT_EQ(clean.level, 1U) << "more evidence, but mostly noise";
     EXPECT_NEAR(clean.best.lattice.cellVolume(), 17 * (19 * 23 + 20) - 3 * (-46 - 4) + (10 - 19), 60);
-    try {
-        choice({noise});
-        FAIL() << "a lattice of noise";
-    } catch (const vrk::Failure& failure) {
-        EXPECT_EQ(failure.kind(), vrk::FailureKind::NothingFound);
-    }
+    EXPECT_EQ(failureOf([&] { choice({noise}); }).kind, vrk::FailureKind::NothingFound);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <rapidcheck.h>
 #include <cmath>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -31,6 +32,15 @@ inline Place placeOf(StorageMethod method, const std::vector<unsigned>& dims, un
     return {i % chunkCount, i / chunkCount};
 }
 
+/// Calls back with every x, y, z below the sizes.
+inline void forEachVoxel(unsigned w, unsigned h, unsigned d,
+                         const std::function<void(unsigned, unsigned, unsigned)>& use) {
+    for (unsigned z = 0; z < d; ++z)
+        for (unsigned y = 0; y < h; ++y)
+            for (unsigned x = 0; x < w; ++x)
+                use(x, y, z);
+}
+
 /// A volume of random values and the array that holds the same.
 struct RandomVolume {
     unsigned w, h, d;
@@ -40,10 +50,9 @@ struct RandomVolume {
     explicit RandomVolume(StorageMethod method, unsigned smallest = 1)
         : w(size(smallest)), h(size(smallest)), d(size(smallest)), values(w * h * d) {
         array.reset(VoxArray<short>::Create3D(w, h, d, method));
-        for (unsigned z = 0; z < d; ++z)
-            for (unsigned y = 0; y < h; ++y)
-                for (unsigned x = 0; x < w; ++x)
-                    array->SetValue(at(x, y, z) = *rc::gen::arbitrary<short>(), x, y, z);
+        forEachVoxel(w, h, d, [this](unsigned x, unsigned y, unsigned z) {
+            array->SetValue(at(x, y, z) = *rc::gen::arbitrary<short>(), x, y, z);
+        });
     }
 
     short& at(unsigned x, unsigned y, unsigned z) { return values[(z * h + y) * w + x]; }

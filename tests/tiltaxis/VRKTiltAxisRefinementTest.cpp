@@ -6,7 +6,6 @@
 #include <cmath>
 #include <filesystem>
 #include <functional>
-#include <map>
 #include <memory>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
@@ -101,28 +100,20 @@ TEST(VRKTiltAxisRefinementTest, FindsTheAxisInPatterns) {
     }
 }
 
-TEST(VRKTiltAxisRefinementTest, FindsTheAxisInPatternsFinely) {
+TEST(VRKTiltAxisRefinementTest, FindsTheAxisFinelyAndInVolumes) {
     const TemporaryFolder folder;
     for (const double axis : {37.4, -89.5}) {
+        SCOPED_TRACE(axis);
         const auto series = crystalSeries(axis);
         VRKTiltAxisRefinement search;
-        const float angle =
+        double angle =
             search.searchTiltAxisManual2D(series.get(), "s", folder / "", axis - 1.23, axis + 1.27, 0.1);
-        EXPECT_LE(betweenAxes(static_cast<double>(angle), axis), 0.2) << axis;
-        const vrk::TiltAxisFit fit = vrk::fitTiltAxis(search.scores(), static_cast<double>(angle));
-        EXPECT_LE(betweenAxes(fit.angle, axis), 0.08) << axis;
-        EXPECT_LT(fit.uncertainty, 0.05) << axis;
-    }
-}
-
-TEST(VRKTiltAxisRefinementTest, FindsTheAxisInVolumes) {
-    const TemporaryFolder folder;
-    for (const double axis : {37.4, -89.5}) {
-        const auto series = crystalSeries(axis);
-        VRKTiltAxisRefinement search;
-        const float angle =
-            search.searchTiltAxisManual3D(series.get(), "s", folder / "", axis - 44, axis + 44, 4);
-        EXPECT_LE(betweenAxes(static_cast<double>(angle), axis), 0.01) << axis;
+        EXPECT_LE(betweenAxes(angle, axis), 0.2);
+        const vrk::TiltAxisFit fit = vrk::fitTiltAxis(search.scores(), angle);
+        EXPECT_LE(betweenAxes(fit.angle, axis), 0.08);
+        EXPECT_LT(fit.uncertainty, 0.05);
+        angle = search.searchTiltAxisManual3D(series.get(), "s", folder / "", axis - 44, axis + 44, 4);
+        EXPECT_LE(betweenAxes(angle, axis), 0.01);
     }
 }
 

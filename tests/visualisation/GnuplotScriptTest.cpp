@@ -9,24 +9,20 @@
 #include <sstream>
 
 #include "support/RecordingLogObserver.h"
+#include "support/TemporaryFolder.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-std::string textOf(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return (std::ostringstream() << file.rdbuf()).str();
+std::string textOf(const fs::path& path) {
+    return (std::ostringstream() << std::ifstream(path, std::ios::binary).rdbuf()).str();
 }
 
 class GnuplotScriptTest : public testing::Test {
 protected:
     // Everything that a composed command line would stumble over.
-    GnuplotScriptTest() : m_folder(fs::path(testing::TempDir()) / "plots of 'a' \"b\"; $(exit) &") {
-        fs::remove_all(m_folder);
-        fs::create_directories(m_folder);
-    }
-    ~GnuplotScriptTest() override { fs::remove_all(m_folder); }
+    GnuplotScriptTest() { fs::create_directories(m_folder); }
 
     GnuplotScript parabola() const {
         GnuplotScript plot(m_folder.string(), "it's a plot");
@@ -37,14 +33,15 @@ protected:
         return plot;
     }
 
-    fs::path m_folder;
+    const TemporaryFolder m_own;
+    const fs::path m_folder = m_own / "plots of 'a' \"b\"; $(exit) &";
     mutable std::string m_data;
 };
 
 TEST_F(GnuplotScriptTest, WritesDataRowByRowWithGapsForWhatIsNotFinite) {
     ASSERT_TRUE(parabola().save());
     EXPECT_EQ(m_data, "'it''s a plot_1.dat'");
-    EXPECT_EQ(textOf((m_folder / "it's a plot_1.dat").string()), "# x y\n0 0\n1 1\n2 NaN\n3 9.25\n");
+    EXPECT_EQ(textOf(m_folder / "it's a plot_1.dat"), "# x y\n0 0\n1 1\n2 NaN\n3 9.25\n");
     EXPECT_FALSE(fs::exists(m_folder / "it's a plot.png"));
 }
 

@@ -2,8 +2,6 @@
 
 #include <array>
 #include <cmath>
-#include <filesystem>
-#include <fstream>
 #include <limits>
 #include <memory>
 #include <opencv2/core.hpp>
@@ -14,15 +12,12 @@
 #include "VoxCore/DataModel/VoxVolumeData.h"
 #include "crystallography/UnitCell.h"
 #include "support/RecordingLogObserver.h"
+#include "support/TemporaryFolder.h"
 #include "visualisation/ReciprocalSection.h"
 #include "visualisation/VolumeProjection.h"
 #include "visualisation/VoxOpenCV.h"
 
 namespace {
-
-std::string temporary(const std::string& name) {
-    return testing::TempDir() + "vrk image's " + name;
-}
 
 std::unique_ptr<VoxMRCData> volumeOf(unsigned width, unsigned height, unsigned depth) {
     return std::unique_ptr<VoxMRCData>(VoxMRCData::Create3D(width, height, depth));
@@ -35,11 +30,12 @@ void set(VoxMRCData& volume, unsigned x, unsigned y, unsigned z, short value) {
 }  // namespace
 
 TEST(Image, EqualisedImageUsesTheWholeScale) {
+    const TemporaryFolder folder;
     // Values of 0 ... 3 are invisible as they are; equalised they span black to white.
     std::vector<int> pixels(64 * 32);
     for (std::size_t i = 0; i < pixels.size(); ++i)
         pixels[i] = static_cast<int>(i % 4);
-    const std::string path = temporary("equalised.png");
+    const std::string path = folder / "equalised.png";
     ASSERT_TRUE(VoxOpenCV::SaveImageWithEqualizeHist(pixels.data(), 64, 32, path));
     const cv::Mat image = cv::imread(path, cv::IMREAD_UNCHANGED);
     ASSERT_EQ(image.size(), cv::Size(64, 32));
@@ -48,36 +44,37 @@ TEST(Image, EqualisedImageUsesTheWholeScale) {
     EXPECT_EQ(low, 0.0);
     EXPECT_EQ(high, 255.0);
     EXPECT_LT(image.at<unsigned char>(0, 1), image.at<unsigned char>(0, 2));
-    std::filesystem::remove(path);
 }
 
 TEST(Image, ContrastShowsWeakSpotsBesideStrongOnes) {
+    const TemporaryFolder folder;
     PlaneImage picture(100, 50);
     for (float& value : picture.values)
         value = 1.0F;
     picture.at(10, 5) = 30000.0F;
     picture.at(70, 40) = 20.0F;
     picture.at(0, 0) = std::numeric_limits<float>::quiet_NaN();
-    const std::string path = temporary("contrast.tga");
+    const std::string path = folder / "vrk image's contrast.tga";
     ASSERT_TRUE(VoxOpenCV::SaveTGA(picture, path));
-    std::ifstream file(path, std::ios::binary);
-    const std::vector<unsigned char> bytes(std::istreambuf_iterator<char>(file), {});
+    const std::string bytes = folder.read("vrk image's contrast.tga");
     ASSERT_EQ(bytes.size(), 18u + 100u * 50u);
-    const auto grey = [&](std::size_t x, std::size_t y) { return bytes[18 + y * 100 + x]; };
+    const auto grey = [&](std::size_t x, std::size_t y) {
+        return static_cast<unsigned char>(bytes[18 + y * 100 + x]);
+    };
     EXPECT_EQ(grey(10, 5), 255);
     EXPECT_EQ(grey(0, 0), 0);
     EXPECT_GT(grey(70, 40), grey(50, 20) + 40);
-    std::filesystem::remove(path);
 }
 
 TEST(Image, FailuresNameTheFile) {
+    const TemporaryFolder folder;
     const PlaneImage picture(4, 4);
     RecordingLogObserver log;
-    EXPECT_FALSE(VoxOpenCV::SaveImage(PlaneImage(), temporary("a.png")));
+    EXPECT_FALSE(VoxOpenCV::SaveImage(PlaneImage(), folder / "a.png"));
     EXPECT_FALSE(VoxOpenCV::SaveImage(picture, "/no such folder/a.png"));
-    EXPECT_FALSE(VoxOpenCV::SaveImage(picture, temporary("a.unknown")));
+    EXPECT_FALSE(VoxOpenCV::SaveImage(picture, folder / "a.unknown"));
     EXPECT_FALSE(VoxOpenCV::SaveTGA(picture, "/dev/full"));
-    EXPECT_FALSE(VoxOpenCV::SaveImageWithEqualizeHist(nullptr, 4, 4, temporary("b.png")));
+    EXPECT_FALSE(VoxOpenCV::SaveImageWithEqualizeHist(nullptr, 4, 4, folder / "b.png"));
     EXPECT_EQ(log.count("could not be written", VRK::Error), 5);
     EXPECT_TRUE(log.has("/no such folder/a.png", VRK::Error));
 }

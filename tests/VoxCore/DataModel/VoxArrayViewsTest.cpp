@@ -68,18 +68,14 @@ TEST(VoxArrayViews, SubVolumesContinueBeyondTheEdge) {
         const ArrayPtr<short> block(v.array->GetSubVolume(x0, y0, z0, 3, 4, 5));
         const float fx = static_cast<float>(x0) * 0.3f;
         const ArrayPtr<short> between(v.array->GetSubVolume(fx, -0.25f, 0.75f, 3, 4, 5));
-        for (unsigned z = 0; z < 5; ++z) {
-            for (unsigned y = 0; y < 4; ++y) {
-                for (unsigned x = 0; x < 3; ++x) {
-                    const bool inside = x0 + x < v.w && y0 + y < v.h && z0 + z < v.d;
-                    RC_ASSERT(block->GetValue(x, y, z) == (inside ? v.at(x0 + x, y0 + y, z0 + z) : 0));
-                    const float px = fx + static_cast<float>(x);
-                    const float py = -0.25f + static_cast<float>(y);
-                    const float pz = 0.75f + static_cast<float>(z);
-                    if (v.inside(px, py, pz)) RC_ASSERT(between->GetValue(x, y, z) == v.sample(px, py, pz));
-                }
-            }
-        }
+        forEachVoxel(3, 4, 5, [&](unsigned x, unsigned y, unsigned z) {
+            const bool inside = x0 + x < v.w && y0 + y < v.h && z0 + z < v.d;
+            RC_ASSERT(block->GetValue(x, y, z) == (inside ? v.at(x0 + x, y0 + y, z0 + z) : 0));
+            const float px = fx + static_cast<float>(x);
+            const float py = -0.25f + static_cast<float>(y);
+            const float pz = 0.75f + static_cast<float>(z);
+            if (v.inside(px, py, pz)) RC_ASSERT(between->GetValue(x, y, z) == v.sample(px, py, pz));
+        });
     }));
     const ArrayPtr<short> flat(VoxArray<short>::Create3D(3, 3, 3, Storage_Auto));
     *flat = short{8};
@@ -97,16 +93,12 @@ TEST(VoxArrayViews, PlanesGoOutAndIn) {
         const ArrayPtr<short> target(v.array->Clone());
         *target = short{0};
         RC_ASSERT(target->SetHyperPlane(*plane, axis, index));
-        for (unsigned z = 0; z < v.d; ++z) {
-            for (unsigned y = 0; y < v.h; ++y) {
-                for (unsigned x = 0; x < v.w; ++x) {
-                    const unsigned p[] = {x, y, z};
-                    const bool on = p[axis] == index;
-                    RC_ASSERT(target->GetValue(x, y, z) == (on ? v.at(x, y, z) : 0));
-                    if (on) RC_ASSERT(plane->GetValue(p[(axis + 1) % 3], p[(axis + 2) % 3]) == v.at(x, y, z));
-                }
-            }
-        }
+        forEachVoxel(v.w, v.h, v.d, [&](unsigned x, unsigned y, unsigned z) {
+            const unsigned p[] = {x, y, z};
+            const bool on = p[axis] == index;
+            RC_ASSERT(target->GetValue(x, y, z) == (on ? v.at(x, y, z) : 0));
+            if (on) RC_ASSERT(plane->GetValue(p[(axis + 1) % 3], p[(axis + 2) % 3]) == v.at(x, y, z));
+        });
         RC_ASSERT(v.array->GetHyperPlane(axis, v.array->GetDimSize(axis), Storage_Auto) == nullptr);
         RC_ASSERT(v.array->GetHyperPlane(3, 0, Storage_Auto) == nullptr);
         RC_ASSERT(!target->SetHyperPlane(*v.array, axis, index));
@@ -128,21 +120,16 @@ TEST(VoxArrayViews, TransformsUnderAnAffineMap) {
         const ArrayPtr<short> result(v.array->GetTransformedVolume(*map));
         RC_ASSERT(result->GetStorageMethod() == v.array->GetStorageMethod());
         RC_ASSERT((result->GetMask() != nullptr) == masked);
-        for (unsigned z = 0; z < v.d; ++z) {
-            for (unsigned y = 0; y < v.h; ++y) {
-                for (unsigned x = 0; x < v.w; ++x) {
-                    float p[3];
-                    for (unsigned r = 0; r < 3; ++r)
-                        p[r] = static_cast<float>(map->GetValue(r, 0U) * static_cast<int>(x) +
-                                                  map->GetValue(r, 1U) * static_cast<int>(y) +
-                                                  map->GetValue(r, 2U) * static_cast<int>(z) +
-                                                  map->GetValue(r, 3U));
-                    const bool inside = v.inside(p[0], p[1], p[2]);
-                    RC_ASSERT(result->GetValue(x, y, z) == (inside ? v.sample(p[0], p[1], p[2]) : 0));
-                    if (masked) RC_ASSERT(result->GetMask()->GetValue(x, y, z) == inside);
-                }
-            }
-        }
+        forEachVoxel(v.w, v.h, v.d, [&](unsigned x, unsigned y, unsigned z) {
+            float p[3];
+            for (unsigned r = 0; r < 3; ++r)
+                p[r] = static_cast<float>(map->GetValue(r, 0U) * static_cast<int>(x) +
+                                          map->GetValue(r, 1U) * static_cast<int>(y) +
+                                          map->GetValue(r, 2U) * static_cast<int>(z) + map->GetValue(r, 3U));
+            const bool inside = v.inside(p[0], p[1], p[2]);
+            RC_ASSERT(result->GetValue(x, y, z) == (inside ? v.sample(p[0], p[1], p[2]) : 0));
+            if (masked) RC_ASSERT(result->GetMask()->GetValue(x, y, z) == inside);
+        });
     }));
     const ArrayPtr<short> small(VoxArray<short>::CreateMatrix(3, 3, Storage_Auto));
     EXPECT_EQ(small->GetTransformedVolume(*small), nullptr);
