@@ -74,10 +74,10 @@ TEST_F(CrystalsTest, TriclinicOnesAreFoundWithoutACalibration) {
             "--write-axis --ellipse 0.014 --second-crystal 0.8 -o aP.mrc")
             .exitCode,
         0);
-    const json found = json::parse(vrk("run aP.mrc -o aP --no-pictures --no-integration --json").out);
+    const Json found = Json::parse(vrk("run aP.mrc -o aP --no-pictures --no-integration --json").out);
     EXPECT_EQ(found["confidence"]["lattice"], "fair") << found["confidence"]["reasons"];
     ASSERT_EQ(found["crystals"].size(), 2U);
-    for (const json& crystal : found["crystals"]) {
+    for (const Json& crystal : found["crystals"]) {
         EXPECT_EQ(crystal["confidence"], "low");
         EXPECT_GT(crystal["strong_share"], 0.3);
     }
