@@ -108,7 +108,8 @@ std::uint64_t memoryFromText(const std::string& text, std::uint64_t free) {
             "--max-memory takes a size such as 500M or 4G, or a share of what is free such as 50%, not '" +
                 text + "'",
             FailureKind::Usage);
-    return bytes < static_cast<double>(kUnlimited / 2) ? static_cast<std::uint64_t>(bytes) : kUnlimited;
+    constexpr std::uint64_t most = kUnlimited / 2;
+    return bytes < static_cast<double>(most) ? static_cast<std::uint64_t>(bytes) : kUnlimited;
 }
 
 std::string memoryText(std::uint64_t bytes) {

@@ -28,7 +28,7 @@ constexpr std::size_t kLongestName = 120;
 
 /// A text that may hold any bytes: as it is where it is UTF-8, by its bytes otherwise.
 Json textJson(const std::string& text) {
-    const Json json = text;
+    Json json = text;
     try {
         (void)json.dump();
         return json;

@@ -45,7 +45,7 @@ std::string messageOf(const std::string& lastWords) {
 }
 
 std::string causeOf(const std::string& what, const ChildEnd& end) {
-    if (const std::string message = messageOf(end.lastWords); !message.empty()) return message;
+    if (std::string message = messageOf(end.lastWords); !message.empty()) return message;
     if (end.exitCode == kKilled)
         return what + " was killed; its memory may not have been enough, the next attempt asks for more";
     if (end.exitCode > kSignal)
@@ -98,7 +98,7 @@ private:
             makeFolder(m_scratch);
             series = m_scratch / "series.mrc";
             m_step = "vrk import";
-            const ChildEnd end = inProcess([&] {
+            ChildEnd end = inProcess([&] {
                 return m_context.program(
                     joined({"import", m_job.series.input.string(), "-o", series.string()},
                            importWords(m_job, m_context.kinds)));

@@ -42,7 +42,8 @@ std::uint64_t sizeOf(const fs::path& file) {
 fs::path tiltsBeside(const fs::path& stack) {
     std::error_code error;
     for (const char* ending : {".mdoc", ".rawtlt", ".tlt"})
-        for (fs::path list : {fs::path(stack.string() + ending), fs::path(stack).replace_extension(ending)})
+        for (const fs::path& list :
+             {fs::path(stack.string() + ending), fs::path(stack).replace_extension(ending)})
             if (fs::is_regular_file(list, error)) return placeOf(list);
     return {};
 }

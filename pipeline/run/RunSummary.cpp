@@ -68,7 +68,7 @@ Json cellJson(const RunResult& result) {
     for (const LatticeCharacter& character : result.indexed.characters)
         cell["candidates"].push_back(characterJson(character));
     cell["reciprocal_vectors_px"] = Json::array();
-    for (const Eigen::Vector3d& vector : free.lattice.basis.colwise())
+    for (const auto& vector : free.lattice.basis.colwise())
         cell["reciprocal_vectors_px"].push_back({vector[0], vector[1], vector[2]});
     cell["esd"] = {{"reduced", parametersJson(free.cellSigma)},
                    {"conventional", parametersJson(tied.cellSigma)}};
@@ -217,11 +217,11 @@ Json crystalJson(const Indexed& indexed, const std::optional<Intensities>& inten
                  {"reflections", {{"found", lattice.reflections}, {"indexed", lattice.indexed}}},
                  {"residual_px", lattice.rms}};
     json["reciprocal_vectors_px"] = Json::array();
-    for (const Eigen::Vector3d& vector : lattice.lattice.basis.colwise())
+    for (const auto& vector : lattice.lattice.basis.colwise())
         json["reciprocal_vectors_px"].push_back({vector[0], vector[1], vector[2]});
     json["reciprocal_vectors"] = Json::array();
     const Eigen::Matrix3d base = reciprocalBase(indexed);
-    for (const Eigen::Vector3d& vector : base.colwise())
+    for (const auto& vector : base.colwise())
         json["reciprocal_vectors"].push_back({vector[0], vector[1], vector[2]});
     json["same_cell"] = true;
     json["turn_deg"] = 0.0;

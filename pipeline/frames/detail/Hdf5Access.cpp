@@ -173,7 +173,8 @@ Hdf5Id arrayAt(hid_t place, const std::string& path) {
     if (piece.size() != 3 || piece[0] < 2 || shape.size() != 3) return array;
     const Hdf5Id type(H5Dget_type(array.get()));
     const auto pieces = [&](std::size_t axis) {
-        return static_cast<double>((static_cast<hsize_t>(shape[axis]) + piece[axis] - 1) / piece[axis]);
+        const hsize_t count = (static_cast<hsize_t>(shape[axis]) + piece[axis] - 1) / piece[axis];
+        return static_cast<double>(count);
     };
     constexpr double kMostBytes = 1 << 30;
     const double bytes =

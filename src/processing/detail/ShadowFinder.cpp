@@ -260,10 +260,11 @@ void ShadowFinder::findBars(const Shadow& shadow) {
     search.shortest = std::max(20, 4 * m_unit);
     search.votes = static_cast<int>(0.6 * search.shortest);
     std::vector<cv::Point2f> outline;
-    for (std::size_t i = 0; i < shadow.outline.size(); ++i)
-        if (shadow.outline[i])
-            outline.emplace_back(static_cast<float>(i % static_cast<std::size_t>(m_mean.width)),
-                                 static_cast<float>(i / static_cast<std::size_t>(m_mean.width)));
+    const auto width = static_cast<std::size_t>(m_mean.width);
+    for (std::size_t i = 0; i < shadow.outline.size(); ++i) {
+        const std::size_t row = i / width;
+        if (shadow.outline[i]) outline.emplace_back(static_cast<float>(i % width), static_cast<float>(row));
+    }
     std::vector<Edge> edges;
     for (const Line& line : ImageOperations::lines(view(shadow.outline), search))
         if (const auto edge = fitEdge(outline, line)) edges.push_back(*edge);
