@@ -98,8 +98,8 @@ RecordedWedge wedgeOf(std::span<const Vector3d> places) {
         attempt(directionOf(i));
     for (double turn = 4.0 * kDegree; turn > 0.3 * kDegree; turn /= 2.0) {
         const Across across(axis);
-        const Vector3d middle =
-            axis;  // NOLINT(performance-unnecessary-copy-initialization): attempts change it
+        // attempt() changes the axis. NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
+        const Vector3d middle = axis;
         for (int i = 0; i < 8; ++i) {
             const double angle = std::numbers::pi * i / 4.0;
             attempt((middle + turn * (std::cos(angle) * across.x + std::sin(angle) * across.z)).normalized());
