@@ -101,8 +101,8 @@ RangeSum sumBetween(std::span<const short> values, short lowest, short highest) 
     for (std::size_t begin = 0; begin < values.size(); begin += kSortedBlock) {
         std::uint32_t count = 0;
         std::int32_t sum = 0;
-        sumShorts(values.data() + begin, std::min(kSortedBlock, values.size() - begin), lowest, highest, count,
-                  sum);
+        sumShorts(values.data() + begin, std::min(kSortedBlock, values.size() - begin), lowest, highest,
+                  count, sum);
         result.count += count;
         result.sum += sum;
     }
