@@ -35,7 +35,7 @@ std::vector<MergedRow> mergedRowsOf(const CrystalMerge& merge) {
     return rows;
 }
 
-MergeOptions optionsOf(const py::dict& values) {
+MergeOptions mergeOptionsOf(const py::dict& values) {
     MergeOptions options;
     SettingTable table;
     table.add("cell_tolerance", options.cellTolerance)
@@ -104,7 +104,7 @@ void addMerging(py::module_& module) {
         });
     module.def("merge", [](const std::vector<std::filesystem::path>& folders, const py::dict& values,
                            py::object progress, py::object log) {
-        const MergeOptions options = optionsOf(values);
+        const MergeOptions options = mergeOptionsOf(values);
         return call(std::move(progress), std::move(log),
                     [&](Observer& observer) { return mergeCrystals(folders, options, observer); });
     });

@@ -65,7 +65,7 @@ void addCellSettings(SettingTable& table, CellOptions& cell) {
              [&cell](const py::object& value) { cell.clustering = clusteringOf(value.cast<std::string>()); });
 }
 
-RunOptions optionsOf(const py::dict& values) {
+RunOptions runOptionsOf(const py::dict& values) {
     RunOptions options;
     std::optional<std::filesystem::path> distortion;
     SettingTable table;
@@ -220,7 +220,7 @@ void addRun(py::module_& module) {
              });
     module.def("run",
                [](const TiltSeries& series, const py::dict& values, py::object progress, py::object log) {
-                   const RunOptions options = optionsOf(values);
+                   const RunOptions options = runOptionsOf(values);
                    return call(std::move(progress), std::move(log),
                                [&](Observer& observer) { return run(series, options, observer); });
                });
