@@ -18,6 +18,7 @@
 #include "pipeline/base/JsonText.h"
 #include "pipeline/base/NumberText.h"
 #include "pipeline/base/OutputFile.h"
+#include "pipeline/base/UnitCellParameters.h"
 #include "pipeline/formats/CellEvaluationFiles.h"
 #include "pipeline/run/PeakCell.h"
 #include "pipeline/run/ResultFiles.h"
@@ -62,11 +63,6 @@ void writeCell(const std::filesystem::path& path, UnitCell cell, Host& host) {
 
 Json toJson(const CellParameters& p) {
     return {{"a", p.a}, {"b", p.b}, {"c", p.c}, {"alpha", p.alpha}, {"beta", p.beta}, {"gamma", p.gamma}};
-}
-
-CellParameters parametersOf(const UnitCell& cell) {
-    return {cell.getLengthOfA(), cell.getLengthOfB(), cell.getLengthOfC(),
-            cell.getAlpha(),     cell.getBeta(),      cell.getGamma()};
 }
 
 /// The cell of a further crystal; in 1/voxel where there is no scale.

@@ -13,6 +13,7 @@
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/JsonText.h"
 #include "pipeline/base/NumberText.h"
+#include "pipeline/base/UnitCellParameters.h"
 #include "pipeline/formats/CellInput.h"
 
 namespace vrk::app {
@@ -90,11 +91,6 @@ nlohmann::json reportJson(const CellParameters& p) {
     return {{"a", p.a}, {"b", p.b}, {"c", p.c}, {"alpha", p.alpha}, {"beta", p.beta}, {"gamma", p.gamma}};
 }
 
-CellParameters edgesAndAngles(const UnitCell& cell) {
-    return {cell.getLengthOfA(), cell.getLengthOfB(), cell.getLengthOfC(),
-            cell.getAlpha(),     cell.getBeta(),      cell.getGamma()};
-}
-
 template <typename Number>
 nlohmann::json reportJson(const Number (&m)[3][3]) {
     return {{m[0][0], m[0][1], m[0][2]}, {m[1][0], m[1][1], m[1][2]}, {m[2][0], m[2][1], m[2][2]}};
@@ -114,14 +110,14 @@ nlohmann::json reportJson(const LatticeCharacter& lattice) {
 nlohmann::json reportJson(const CellReport& report) {
     const UnitCell& cell = report.input.cell;
     nlohmann::json out;
-    out["cell"] = reportJson(edgesAndAngles(cell));
+    out["cell"] = reportJson(parametersOf(cell));
     out["cell"]["centring"] = std::string(1, report.input.centring);
     out["cell"]["volume"] = cell.getExactVolume();
     out["metric"] = {{cell.getA(), cell.getF(), cell.getE()},
                      {cell.getF(), cell.getB(), cell.getD()},
                      {cell.getE(), cell.getD(), cell.getC()}};
     out["primitive"] = {{"matrix", reportJson(report.input.toPrimitive)}};
-    out["reduced"] = reportJson(edgesAndAngles(report.reduced));
+    out["reduced"] = reportJson(parametersOf(report.reduced));
     out["reduced"]["volume"] = report.reduced.getExactVolume();
     out["reduced"]["niggli"] = report.isNiggli;
     out["reduced"]["matrix"] = reportJson(report.toReduced);
@@ -198,10 +194,10 @@ void print(std::ostream& out, const CellReport& report, const LatticeTolerances&
     const UnitCell& cell = report.input.cell;
     const SpaceDimensions& r = report.reciprocal;
     out << "                              a         b         c    alpha    beta   gamma      volume\n"
-        << "Cell, " << report.input.centring << "-lattice      A  " << textOf(edgesAndAngles(cell))
+        << "Cell, " << report.input.centring << "-lattice      A  " << textOf(parametersOf(cell))
         << formatted(" %11.2f\n", cell.getExactVolume())
         << (report.isNiggli ? "Reduced (Niggli)     A  " : "Reduced (Buerger)    A  ")
-        << textOf(edgesAndAngles(report.reduced)) << formatted(" %11.2f\n", report.reduced.getExactVolume())
+        << textOf(parametersOf(report.reduced)) << formatted(" %11.2f\n", report.reduced.getExactVolume())
         << "Reciprocal cell    1/A  " << textOf({r.a, r.b, r.c, r.alpha, r.beta, r.gamma}, "%9.6f ")
         << formatted(" %11.3e\n", report.reciprocalVolume);
     out << "\nReduced axes in those of the cell\n";

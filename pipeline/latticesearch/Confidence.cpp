@@ -27,6 +27,8 @@ constexpr double kMostTiltScale = 0.05;
 
 /// Ellipses below this give a lattice ties that it has not too rarely, and move too little, to matter.
 constexpr double kSmallEllipse = 0.006;
+constexpr const char* kCalibrationTells =
+    "'vrk calibrate' of another crystal and 'vrk run --distortion' with its file tell";
 /// Edges that an instrument leaves this uncertain are those of an ellipse that is there and half known.
 constexpr double kMostTiedUncertainty = 0.004;
 /// Angstrom. Crystals that show nothing finer are no use, a pixel size ten times off is a common mistake.
@@ -126,14 +128,13 @@ Verdict verdictOn(const LatticeEvidence& known) {
     else if (known.ellipseUnproven > kSmallEllipse)
         verdict.reasons.push_back(formatted(
             "its symmetry is lower unless the frames are distorted by %.1f %%, for which nothing else "
-            "speaks; 'vrk calibrate' of another crystal and 'vrk run --distortion' with its file tell",
-            100.0 * known.ellipseUnproven));
+            "speaks; %s",
+            100.0 * known.ellipseUnproven, kCalibrationTells));
     if (known.ellipseUnknown)
         verdict.reasons.push_back(
             "a triclinic lattice does not show whether the frames are distorted, and an ellipse of 1.4 %, as "
-            "many microscopes have, moves its angles by up to 1.6 degrees; 'vrk calibrate' of another "
-            "crystal "
-            "and 'vrk run --distortion' with its file tell");
+            "many microscopes have, moves its angles by up to 1.6 degrees; " +
+            std::string(kCalibrationTells));
     if (known.finestSpacing > kCoarse)
         verdict.reasons.push_back(
             formatted("its reflections end at %.1f Angstrom, as when the pixel size is too "

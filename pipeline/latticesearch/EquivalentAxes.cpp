@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "pipeline/base/UnitCellParameters.h"
 #include "pipeline/latticesearch/TiedLattice.h"
 
 namespace vrk {
@@ -94,9 +95,7 @@ void setAxes(LatticeCharacter& character, const Matrix& matrix, const UnitCell& 
         const std::unique_ptr<UnitCell> direct(conventional.getReciprocalCell());
         conventional = *direct;
     }
-    character.measured = {conventional.getLengthOfA(), conventional.getLengthOfB(),
-                          conventional.getLengthOfC(), conventional.getAlpha(),
-                          conventional.getBeta(),      conventional.getGamma()};
+    character.measured = parametersOf(conventional);
 }
 
 /// Misfits of the measured cell by the ties of the type.

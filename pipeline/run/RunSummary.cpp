@@ -54,6 +54,13 @@ Json characterJson(const LatticeCharacter& character) {
     return json;
 }
 
+Json columnsJson(const Eigen::Matrix3d& vectors) {
+    Json json = Json::array();
+    for (const auto& vector : vectors.colwise())
+        json.push_back({vector[0], vector[1], vector[2]});
+    return json;
+}
+
 Json cellJson(const RunResult& result) {
     Json cell;
     const RefinedLattice& free = result.indexed.refined.lattice;
@@ -67,9 +74,7 @@ Json cellJson(const RunResult& result) {
     cell["candidates"] = Json::array();
     for (const LatticeCharacter& character : result.indexed.characters)
         cell["candidates"].push_back(characterJson(character));
-    cell["reciprocal_vectors_px"] = Json::array();
-    for (const auto& vector : free.lattice.basis.colwise())
-        cell["reciprocal_vectors_px"].push_back({vector[0], vector[1], vector[2]});
+    cell["reciprocal_vectors_px"] = columnsJson(free.lattice.basis);
     cell["esd"] = {{"reduced", parametersJson(free.cellSigma)},
                    {"conventional", parametersJson(tied.cellSigma)}};
     cell["esd"]["reduced"]["volume"] = free.volumeSigma;
@@ -216,13 +221,8 @@ Json crystalJson(const Indexed& indexed, const std::optional<Intensities>& inten
                  {"reasons", indexed.verdict.reasons},
                  {"reflections", {{"found", lattice.reflections}, {"indexed", lattice.indexed}}},
                  {"residual_px", lattice.rms}};
-    json["reciprocal_vectors_px"] = Json::array();
-    for (const auto& vector : lattice.lattice.basis.colwise())
-        json["reciprocal_vectors_px"].push_back({vector[0], vector[1], vector[2]});
-    json["reciprocal_vectors"] = Json::array();
-    const Eigen::Matrix3d base = reciprocalBase(indexed);
-    for (const auto& vector : base.colwise())
-        json["reciprocal_vectors"].push_back({vector[0], vector[1], vector[2]});
+    json["reciprocal_vectors_px"] = columnsJson(lattice.lattice.basis);
+    json["reciprocal_vectors"] = columnsJson(reciprocalBase(indexed));
     json["same_cell"] = true;
     json["turn_deg"] = 0.0;
     json["observations"] = nullptr;

@@ -8,7 +8,7 @@ namespace VRK::detail {
 namespace {
 
 /// Counters of 16 bits hold what is counted in a block.
-constexpr std::size_t kSortedBlock = 32768;
+constexpr std::size_t kCountedBlock = 32768;
 
 #if defined(__x86_64__)
 [[gnu::target_clones("default", "avx2", "arch=x86-64-v4")]]
@@ -85,8 +85,8 @@ void formKeys(const float* values, std::size_t n, std::int32_t* keys, std::int32
 
 std::size_t countUpTo(std::span<const short> values, short bound) {
     std::size_t count = 0;
-    for (std::size_t begin = 0; begin < values.size(); begin += kSortedBlock)
-        count += countShorts(values.data() + begin, std::min(kSortedBlock, values.size() - begin), bound);
+    for (std::size_t begin = 0; begin < values.size(); begin += kCountedBlock)
+        count += countShorts(values.data() + begin, std::min(kCountedBlock, values.size() - begin), bound);
     return count;
 }
 
@@ -98,10 +98,10 @@ Extremes extremesOf(std::span<const short> values) {
 
 RangeSum sumBetween(std::span<const short> values, short lowest, short highest) {
     RangeSum result{0, 0};
-    for (std::size_t begin = 0; begin < values.size(); begin += kSortedBlock) {
+    for (std::size_t begin = 0; begin < values.size(); begin += kCountedBlock) {
         std::uint32_t count = 0;
         std::int32_t sum = 0;
-        sumShorts(values.data() + begin, std::min(kSortedBlock, values.size() - begin), lowest, highest,
+        sumShorts(values.data() + begin, std::min(kCountedBlock, values.size() - begin), lowest, highest,
                   count, sum);
         result.count += count;
         result.sum += sum;
