@@ -14,6 +14,7 @@
 #include <numbers>
 #include <sstream>
 
+#include "pipeline/base/Angle.h"
 #include "pipeline/integration/SeriesGeometry.h"
 #include "support/TemporaryFolder.h"
 
@@ -21,18 +22,16 @@ namespace {
 
 using namespace vrk;
 
-constexpr double kRadian = std::numbers::pi / 180;
-
 /// A monoclinic crystal on 31 frames; the intensity of h k l is 100 h + 10 k + l + 1000.
 class MeasuredIntensitiesTest : public testing::Test {
 protected:
     MeasuredIntensitiesTest() {
         Eigen::Matrix3d direct;
-        direct << 7, 0, 11 * std::cos(103 * kRadian), 0, 9, 0, 0, 0, 11 * std::sin(103 * kRadian);
+        direct << 7, 0, 11 * std::cos(103 * vrk::kDegree), 0, 9, 0, 0, 0, 11 * std::sin(103 * vrk::kDegree);
         const Eigen::Matrix3d turn =
             (Eigen::AngleAxisd(0.7, Eigen::Vector3d(1, 2, -1).normalized())).toRotationMatrix();
         m_geometry.reciprocal = turn * direct.inverse().transpose();
-        m_geometry.axisAngle = 40 * kRadian;
+        m_geometry.axisAngle = 40 * vrk::kDegree;
         m_geometry.handedness = -1;
         experiment.cell = {7, 9, 11, 90, 103, 90};
         experiment.spaceGroup = "P 1 21/c 1";
@@ -56,7 +55,7 @@ protected:
     }
 
     void measureFrame(int frame) {
-        const FramePose pose{experiment.tilts.back() * kRadian, 2 * kRadian, 127.5, 124.5};
+        const FramePose pose{experiment.tilts.back() * vrk::kDegree, 2 * vrk::kDegree, 127.5, 124.5};
         const FrameView view(m_geometry, pose);
         for (int h = -3; h <= 3; ++h)
             for (int k = -4; k <= 4; ++k)
@@ -66,9 +65,9 @@ protected:
                     const double value = 1000 + 100 * h + 10 * k + l;
                     frames.push_back(
                         {h, k, l, frame, value, 5, place.excitation, place.rate, place.x, place.y});
-                    if (std::abs(place.excitation) < std::abs(place.rate) * kRadian)
+                    if (std::abs(place.excitation) < std::abs(place.rate) * vrk::kDegree)
                         whole.push_back({h, k, l, value, 7, place.x, place.y,
-                                         frame - place.excitation / place.rate / (2 * kRadian),
+                                         frame - place.excitation / place.rate / (2 * vrk::kDegree),
                                          experiment.tilts.back(), 0.9, whole.size() % 10 == 3});
                 }
     }
@@ -152,7 +151,7 @@ TEST_F(MeasuredIntensitiesTest, GemmiReadsXdsAsciiBack) {
     const Eigen::Vector3d beam = header("!INCIDENT_BEAM_DIRECTION= ");
     const double perUnit = header("!DETECTOR_DISTANCE= ")[0] / header(" QX= ")[0];
     for (const gemmi::XdsAscii::Refl& one : xds.data) {
-        const double angle = (xds.starting_angle + one.zd * xds.oscillation_range) * kRadian;
+        const double angle = (xds.starting_angle + one.zd * xds.oscillation_range) * vrk::kDegree;
         const Eigen::Vector3d hkl(one.hkl[0], one.hkl[1], one.hkl[2]);
         const Eigen::Vector3d wave = beam + Eigen::AngleAxisd(angle, header("!ROTATION_AXIS= ")) *
                                                 (direct.transpose().inverse() * hkl);
@@ -214,11 +213,11 @@ TEST_F(MeasuredIntensitiesTest, VirtualFramesAgreeWithThemselves) {
             value[i] = std::stod(row[i]);
         EXPECT_EQ(value[3], 3) << "half of three frames";
         EXPECT_NEAR(value[7], 1.01 + 0.02 * static_cast<double>(zones.size()), 1e-4);
-        const Eigen::Matrix3d turn = (Eigen::AngleAxisd(value[6] * kRadian, Eigen::Vector3d::UnitZ()) *
-                                      Eigen::AngleAxisd(value[4] * kRadian, Eigen::Vector3d::UnitX()) *
-                                      Eigen::AngleAxisd(value[5] * kRadian, Eigen::Vector3d::UnitY()))
+        const Eigen::Matrix3d turn = (Eigen::AngleAxisd(value[6] * vrk::kDegree, Eigen::Vector3d::UnitZ()) *
+                                      Eigen::AngleAxisd(value[4] * vrk::kDegree, Eigen::Vector3d::UnitX()) *
+                                      Eigen::AngleAxisd(value[5] * vrk::kDegree, Eigen::Vector3d::UnitY()))
                                          .toRotationMatrix();
-        zones.push_back({{value[0], value[1], value[2]}, value[3] * kRadian, turn});
+        zones.push_back({{value[0], value[1], value[2]}, value[3] * vrk::kDegree, turn});
     }
     EXPECT_EQ(zones.size(), 15U);
     const Eigen::Matrix3d direct = ub.inverse().transpose();

@@ -363,10 +363,11 @@ TEST_F(RunCommandTest, SeriesThatCannotBeSolvedEndWithAMessage) {
         EXPECT_FALSE(filesIn(folder / "result").contains("summary.json"));
     }
     write(*series, folder / "series.mrc");
-    expectRefused({{"--voltage 200000", 2, "give --voltage 200"},
-                   {"--voltage 20", 2, "states 200 kV"},
-                   {"--pixel-size 0.005", 2, "1/Angstrom per pixel"}},
-                  folder / ".", "run series.mrc -o result ");
+    // They run at the same time: each has a folder of its own.
+    expectRefused({{"r1 --voltage 200000", 2, "give --voltage 200"},
+                   {"r2 --voltage 20", 2, "states 200 kV"},
+                   {"r3 --pixel-size 0.005", 2, "1/Angstrom per pixel"}},
+                  folder / ".", "run series.mrc -o ");
 }
 
 TEST_F(RunCommandTest, GarbageBehindAValidHeaderIsNoCell) {

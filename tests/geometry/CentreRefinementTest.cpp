@@ -1,5 +1,7 @@
 #include "pipeline/geometry/CentreRefinement.h"
 
+#include "pipeline/base/Angle.h"
+
 #include <gtest/gtest.h>
 
 #include <Eigen/Geometry>
@@ -17,8 +19,6 @@ namespace {
 using Eigen::Vector3d;
 using vrk::CentreShift;
 using vrk::Lattice;
-
-constexpr double kRadian = std::numbers::pi / 180.0;
 
 struct Series {
     Lattice lattice;
@@ -42,8 +42,8 @@ Series seriesWith(const std::function<Eigen::Vector2d(std::size_t)>& shiftOf) {
             for (int l = -8; l <= 8; ++l) {
                 const Vector3d node = series.lattice.basis * Vector3d(h, k, l);
                 const double tilt = node.x() == 0 ? 0 : std::atan(node.z() / node.x());
-                if ((!h && !k && !l) || std::abs(tilt) > 60 * kRadian || node.norm() > 95) continue;
-                const auto pattern = static_cast<std::size_t>(std::lround((tilt / kRadian + 60) / 3));
+                if ((!h && !k && !l) || std::abs(tilt) > 60 * vrk::kDegree || node.norm() > 95) continue;
+                const auto pattern = static_cast<std::size_t>(std::lround((tilt / vrk::kDegree + 60) / 3));
                 const Eigen::Vector2d shift = shiftOf(pattern);
                 series.positions.push_back(series.centre + node + shift.y() * Vector3d::UnitY() +
                                            shift.x() * Vector3d(std::cos(tilt), 0, std::sin(tilt)) +
@@ -59,7 +59,7 @@ TEST(CentreRefinement, PutsPatternsRightAndLeavesTheOthers) {
     const Series plain = seriesWith([](std::size_t) { return Eigen::Vector2d::Zero(); });
     // Half a base vector as the pattern at -30 degrees shows it.
     const Vector3d half = 0.5 * plain.lattice.basis.col(2);
-    const double tilt = -30 * kRadian;
+    const double tilt = -30 * vrk::kDegree;
     const Eigen::Vector2d fraction(half.x() * std::cos(tilt) + half.z() * std::sin(tilt), half.y());
     const auto truth = [&](std::size_t pattern) -> Eigen::Vector2d {
         if (pattern == 5) return {0.8, -0.5};

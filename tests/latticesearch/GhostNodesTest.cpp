@@ -5,6 +5,7 @@
 #include <functional>
 #include <random>
 
+#include "pipeline/base/Angle.h"
 #include "pipeline/latticesearch/LatticeScore.h"
 
 namespace {
@@ -12,8 +13,6 @@ namespace {
 using Eigen::Matrix3d;
 using Eigen::Vector3d;
 using vrk::Points;
-
-constexpr double kRadian = M_PI / 180;
 
 /// An orthorhombic lattice whose a* lies along the beam at tilt 0, b* across the axis, c* along it.
 Matrix3d upright() {
@@ -23,7 +22,7 @@ Matrix3d upright() {
 }
 
 double tiltOf(const Vector3d& p) {
-    return std::atan(p.z() / p.x()) / kRadian;
+    return std::atan(p.z() / p.x()) / vrk::kDegree;
 }
 
 /// Nodes as tilts of +-60 degrees show them; where `isOff`, by tilt in degrees, half of b* + c* beside their
@@ -40,9 +39,9 @@ Points seen(const Matrix3d& basis, double share, const std::function<bool(double
                 Vector3d p = basis * Vector3d(h, k, l);
                 if (p.norm() > 80 || p.norm() < 5 || std::abs(p.z()) > 1.73 * std::abs(p.x())) continue;
                 if (unit(random) > share) continue;
-                const double tilt = tiltOf(p) * kRadian;
+                const double tilt = tiltOf(p) * vrk::kDegree;
                 const double along = std::copysign(std::hypot(p.x(), p.z()), p.x());
-                if (isOff(tilt / kRadian))
+                if (isOff(tilt / vrk::kDegree))
                     p = Vector3d((along + half.x()) * std::cos(tilt), p.y() + half.y(),
                                  (along + half.x()) * std::sin(tilt));
                 points.push_back(p + Vector3d(noise(random), noise(random), noise(random)));
