@@ -12,6 +12,7 @@
 #include "console/LogOption.h"
 #include "console/MemoryOption.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/JsonText.h"
 #include "pipeline/base/NumberList.h"
 #include "pipeline/base/NumberText.h"
 #include "pipeline/formats/CellInput.h"
@@ -101,7 +102,7 @@ void print(Host& host, const std::vector<SeriesCalibration>& series, const Combi
 }
 
 void printJson(Host& host, const std::vector<SeriesCalibration>& series, const CombinedCalibration& result) {
-    nlohmann::ordered_json json = nlohmann::ordered_json::parse(instrumentText(result.calibration));
+    auto json = parsedJson<nlohmann::ordered_json>(instrumentText(result.calibration));
     json["scatter"] = nlohmann::ordered_json::object();
     for (const CalibrationScatter& one : result.scatters)
         json["scatter"][one.key] = {{"series", one.series}, {"deviation", one.scatter}};
@@ -112,7 +113,7 @@ void printJson(Host& host, const std::vector<SeriesCalibration>& series, const C
                                   {"indexed", one.instrument.lattice.indexed},
                                   {"residual_before_px", one.instrument.rmsBefore},
                                   {"residual_px", one.instrument.lattice.rms}});
-    host.out() << json.dump(2) << '\n';
+    host.out() << jsonText(json, 2) << '\n';
 }
 
 void calibrateSeries(const CalibrateArguments& options, Host& host) {

@@ -1,30 +1,26 @@
 /// \file
-/// JSON as text.
+/// JSON as text. Writer and parser are compiled here alone, for `nlohmann::json` and `nlohmann::ordered_json`.
 #pragma once
 
+#include <iosfwd>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
 
 namespace vrk {
 
-/// The text of a value. JSON is UTF-8 and file names may hold any bytes: those that are not appear as U+FFFD.
+/// The text of a value, on one line where `indent` is -1. JSON is UTF-8 and file names may hold any bytes: those that
+/// are not appear as U+FFFD.
 template <typename Json>
-std::string jsonText(const Json& json, int indent) {
-    return json.dump(indent, ' ', false, Json::error_handler_t::replace);
-}
+std::string jsonText(const Json& json, int indent = -1);
 
 /// The value of a text, discarded when it is none or nested deeper than any file of ours: copies of a value
 /// go as deep on the stack as it is nested.
 template <typename Json>
-Json parsedJson(std::string_view text) {
-    constexpr int deepest = 64;
-    bool isTooDeep = false;
-    const auto follow = [&](int depth, typename Json::parse_event_t, Json&) {
-        isTooDeep = isTooDeep || depth > deepest;
-        return !isTooDeep;
-    };
-    Json json = Json::parse(text, follow, false);
-    return isTooDeep ? Json(Json::value_t::discarded) : json;
-}
+Json parsedJson(std::string_view text);
+
+/// The value of all that a stream still holds; discarded as above, or when nothing can be read.
+template <typename Json>
+Json parsedJson(std::istream& stream);
 
 }  // namespace vrk

@@ -9,6 +9,7 @@
 
 #include "pipeline/base/ChecksumList.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/JsonText.h"
 #include "pipeline/base/OutputFile.h"
 
 namespace vrk {
@@ -86,7 +87,8 @@ std::vector<std::string> ResultFolder::resultsOf(const std::filesystem::path& su
     std::error_code error;
     if (!std::filesystem::exists(summaryFile, error)) return {};
     std::vector<std::string> names;
-    const nlohmann::json summary = nlohmann::json::parse(std::ifstream(summaryFile), nullptr, false);
+    std::ifstream stream(summaryFile);
+    const auto summary = parsedJson<nlohmann::json>(stream);
     if (summary.is_object() && summary.contains("files") && summary["files"].is_array()) {
         for (const nlohmann::json& name : summary["files"])
             if (name.is_string()) names.push_back(name.get<std::string>());

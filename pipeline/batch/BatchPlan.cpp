@@ -29,15 +29,11 @@ constexpr std::size_t kLongestName = 120;
 /// A text that may hold any bytes: as it is where it is UTF-8, by its bytes otherwise.
 Json textJson(const std::string& text) {
     Json json = text;
-    try {
-        (void)json.dump();
-        return json;
-    } catch (const Json::exception&) {
-        std::string hex;
-        for (const char sign : text)
-            hex += formatted("%02x", static_cast<unsigned>(static_cast<unsigned char>(sign)));
-        return {{"hex", hex}};
-    }
+    if (parsedJson<Json>(jsonText(json)) == json) return json;
+    std::string hex;
+    for (const char sign : text)
+        hex += formatted("%02x", static_cast<unsigned>(static_cast<unsigned char>(sign)));
+    return {{"hex", hex}};
 }
 
 std::string textOf(const Json& json) {
@@ -326,11 +322,11 @@ std::vector<std::string> runWords(const BatchJob& job, const std::vector<OptionK
 
 void writePlan(const std::vector<BatchJob>& jobs, const BatchFolder& folder, const std::string& version) {
     SettingsKeys keys(version);
-    std::string text = Json({{"format", kFormat}, {"version", kVersion}}).dump();
+    std::string text = jsonText(Json({{"format", kFormat}, {"version", kVersion}}));
     text.pop_back();
     text += ",\"jobs\":[\n";
     for (std::size_t i = 0; i < jobs.size(); ++i)
-        text += jobJson(jobs[i], keys.of(jobs[i].options)).dump() + (i + 1 < jobs.size() ? ",\n" : "\n");
+        text += jsonText(jobJson(jobs[i], keys.of(jobs[i].options))) + (i + 1 < jobs.size() ? ",\n" : "\n");
     OutputFile file(folder.plan());
     writeText(text + "]}\n", file.path());
     file.commit();
@@ -338,7 +334,7 @@ void writePlan(const std::vector<BatchJob>& jobs, const BatchFolder& folder, con
 
 std::vector<BatchJob> readPlan(const BatchFolder& folder) {
     std::ifstream file = openPlan(folder);
-    const Json json = Json::parse(file, nullptr, false);
+    const auto json = parsedJson<Json>(file);
     std::vector<BatchJob> jobs;
     try {
         if (json.at("format") != kFormat || json.at("version") != kVersion)
@@ -353,11 +349,10 @@ std::vector<BatchJob> readPlan(const BatchFolder& folder) {
 
 BatchJob readJob(const BatchFolder& folder, const std::string& name) {
     std::ifstream file = openPlan(folder);
-    const std::string start =
-        std::string(kJobStart) + Json(name).dump(-1, ' ', false, Json::error_handler_t::replace) + ',';
+    const std::string start = std::string(kJobStart) + jsonText(Json(name)) + ',';
     for (std::string line; std::getline(file, line);)
         if (line.starts_with(start)) try {
-                return jobOf(Json::parse(jobLine(line)));
+                return jobOf(parsedJson<Json>(jobLine(line)));
             } catch (const Json::exception& error) {
                 refusePlan(folder, error.what());
             }

@@ -165,7 +165,7 @@ std::vector<Field> fieldsOf(const CrystalRow& row) {
 
 std::string csvText(const Json& value) {
     if (value.is_null()) return "";
-    return csvField(value.is_string() ? value.get<std::string>() : value.dump());
+    return csvField(value.is_string() ? value.get<std::string>() : jsonText(value));
 }
 
 }  // namespace
@@ -175,7 +175,7 @@ CrystalFacts readFacts(const std::filesystem::path& result) {
     std::ifstream file(path, std::ios::binary);
     if (!file) throw Failure("cannot read " + path.string());
     try {
-        return factsOf(Json::parse(file));
+        return factsOf(parsedJson<Json>(file));
     } catch (const std::exception& error) {
         throw Failure(path.string() + " is damaged (" + error.what() + "); run the series again");
     }

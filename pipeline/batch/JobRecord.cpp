@@ -35,7 +35,7 @@ const char* nameOf(JobOutcome outcome) {
 
 JobRecord readRecord(const std::filesystem::path& path) {
     std::ifstream file(path);
-    const Json json = Json::parse(file, nullptr, false);
+    const auto json = parsedJson<Json>(file);
     JobRecord record;
     try {
         record.settings = json.at("settings").get<std::string>();

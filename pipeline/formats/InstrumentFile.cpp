@@ -63,14 +63,14 @@ public:
     }
 
     InstrumentCalibration read(std::string_view text) const {
-        const Json json = parsedJson<Json>(text);
+        const auto json = parsedJson<Json>(text);
         if (json.is_discarded()) fail("is no JSON; a comma or a bracket may be missing");
         if (!json.is_object() || !json.contains("format") || json["format"] != kFormat)
             fail("is no instrument geometry; 'vrk calibrate' writes one");
         const Json version = json.value("version", Json());
         if (!version.is_number_integer() || version.get<long long>() < 1) fail("states no version");
         if (version.get<long long>() > kVersion)
-            fail("is of version " + version.dump() + ", this program knows version " +
+            fail("is of version " + jsonText(version) + ", this program knows version " +
                  std::to_string(kVersion) + "; make it anew with 'vrk calibrate'");
         refuseUnknownKeys(json);
         InstrumentCalibration result;
@@ -133,7 +133,7 @@ private:
             if (!number.is_number()) fail("has no number in " + name);
             target = number.get<double>();
             if (!(target >= least && target <= most))
-                fail("has " + name + " = " + number.dump() + ", which no instrument has; it counts " +
+                fail("has " + name + " = " + jsonText(number) + ", which no instrument has; it counts " +
                      entry.unit);
         };
         take("value", result.value, entry.least, entry.most, true);
@@ -204,7 +204,7 @@ std::string instrumentText(const InstrumentCalibration& calibration) {
     for (const auto& [key, reason] : calibration.notDetermined)
         json["not_determined"][key] = reason;
     json["made_from"] = calibration.madeFrom;
-    return json.dump(2) + '\n';
+    return jsonText(json, 2) + '\n';
 }
 
 void writeInstrumentFile(const std::filesystem::path& path, const InstrumentCalibration& calibration) {

@@ -7,6 +7,7 @@
 #include <set>
 
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/JsonText.h"
 #include "pipeline/formats/ReflectionTable.h"
 
 namespace vrk {
@@ -51,7 +52,7 @@ std::vector<CrystalData> readCrystals(const std::filesystem::path& folder) {
                       FailureKind::Usage);
     std::vector<CrystalData> crystals;
     try {
-        const Json summary = Json::parse(stream);
+        const auto summary = parsedJson<Json>(stream);
         if (summary.contains("merge"))
             throw Failure(folder.string() + " holds merged crystals; give the folders of the crystals",
                           FailureKind::Usage);

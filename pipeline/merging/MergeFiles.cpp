@@ -145,7 +145,7 @@ std::vector<std::filesystem::path> writeMergedFiles(const CrystalMerge& merge, c
 void refuseFolderOfRun(const std::filesystem::path& folder) {
     std::ifstream stream(folder / ResultFolder::kSummary);
     if (!stream) return;
-    const OrderedJson summary = OrderedJson::parse(stream, nullptr, false);
+    const auto summary = parsedJson<OrderedJson>(stream);
     if (!summary.is_object() || !summary.contains("merge"))
         throw Failure(folder.string() + " holds the result of a run; give another folder with --output",
                       FailureKind::Usage);

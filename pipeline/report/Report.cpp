@@ -36,7 +36,7 @@ std::string textOf(const fs::path& path) {
 /// The text of a file that the page takes as it is.
 std::string jsonOf(const fs::path& path) {
     std::string text = textOf(path);
-    if (!nlohmann::json::accept(text))
+    if (parsedJson<nlohmann::json>(text).is_discarded())
         throw Failure(path.string() + " is damaged: it is no JSON; 'vrk run' writes it anew");
     return text;
 }
@@ -123,14 +123,13 @@ ReportBlocks readReport(const fs::path& folder) {
         const std::string page = textOf(folder / kReportFile);
         for (const char* name : kViews)
             if (std::optional<std::string> json = blockOf(page, name))
-                if (nlohmann::json::accept(*json)) views.push_back({name, std::move(*json)});
+                if (!parsedJson<nlohmann::json>(*json).is_discarded()) views.push_back({name, std::move(*json)});
     }
     ReportBlocks blocks = reportBlocks(folder, jsonOf(summary), std::move(views));
     const fs::path name = fs::absolute(folder).lexically_normal();
     blocks.push_back(
         {"folder",
-         jsonText(nlohmann::json((name.has_filename() ? name : name.parent_path()).filename().string()),
-                  -1)});
+         jsonText(nlohmann::json((name.has_filename() ? name : name.parent_path()).filename().string()))});
     return blocks;
 }
 

@@ -14,6 +14,7 @@
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/FileChecksum.h"
 #include "pipeline/base/FolderLock.h"
+#include "pipeline/base/JsonText.h"
 #include "pipeline/base/NumberText.h"
 #include "pipeline/base/ResultFolder.h"
 #include "pipeline/formats/CellInput.h"
@@ -127,7 +128,7 @@ private:
     /// The files of merged crystals with the numbers of their summary.
     void mergedCrystals() {
         const auto name = m_summary.at("merge").get<std::string>();
-        const Json merge = Json::parse(contentOf(m_folder / name), nullptr, false);
+        const auto merge = parsedJson<Json>(contentOf(m_folder / name));
         const Json& numbers = merge.at("intensities");
         const double unique = numbers.at("unique").get<double>();
         with("merged.hkl",
@@ -159,7 +160,7 @@ private:
     void page() {
         with(kReportFile, [&](const fs::path& path) {
             const std::optional<std::string> shown = blockOf(contentOf(path), "summary");
-            if (!shown || Json::parse(*shown, nullptr, false) != m_summary)
+            if (!shown || parsedJson<Json>(*shown) != m_summary)
                 m_check.disagreements.push_back(std::string(kReportFile) + " shows another summary");
         });
     }
@@ -231,7 +232,7 @@ ResultCheck checkResult(const fs::path& folder, const fs::path& input) {
                       (fs::exists(folder / ResultFolder::kUnfinished)
                            ? "; a run into it did not end, run it again"
                            : "; give the folder that 'vrk run -o' wrote"));
-    const Json summary = Json::parse(contentOf(path), nullptr, false);
+    const auto summary = parsedJson<Json>(contentOf(path));
     ResultCheck check;
     try {
         check.version = summary.at("program").at("version").get<std::string>();

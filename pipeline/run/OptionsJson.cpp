@@ -80,7 +80,7 @@ std::string optionsJson(const RunOptions& options) {
                            {"gain", orNull(intensities.gain)},
                            {"mode", intensities.mode ? Json(nameOf(*intensities.mode)) : Json()}};
     json["crystals"] = options.crystals;
-    return jsonText(json, -1);
+    return jsonText(json);
 }
 
 }  // namespace vrk

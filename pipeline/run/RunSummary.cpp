@@ -367,7 +367,7 @@ std::string summaryJson(const RunRecord& record, const RunResult& result,
     Json json;
     json["program"] = {{"version", VRK::kVersion},
                        {"command", record.command},
-                       {"options", Json::parse(optionsJson(result.options))}};
+                       {"options", parsedJson<Json>(optionsJson(result.options))}};
     json["input"] = inputJson(record.series, result.facts());
     json["inputs"] = inputsJson(record.inputs);
     json["tilt_axis"] = {{"angle_deg", result.axis.angle}, {"source", result.axis.source}};

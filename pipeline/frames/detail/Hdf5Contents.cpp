@@ -260,7 +260,7 @@ void readVeloxMetadata(const std::string& text, FrameInfo& info) {
         info.kilovolts = *volts / 1000;
     const auto width = numberIn(json, "/BinaryResult/PixelSize/width");
     const std::string unit =
-        json.value(nlohmann::json::json_pointer("/BinaryResult/PixelUnitX"), nlohmann::json("")).dump();
+        jsonText(json.value(nlohmann::json::json_pointer("/BinaryResult/PixelUnitX"), nlohmann::json("")));
     if (width && *width > 0 && unit == "\"1/m\"") info.pixelSize = width;
     if (width && *width > 0 && unit == "\"rad\"" && info.kilovolts)
         info.pixelSize = *width / EwaldCurvature::wavelength(*info.kilovolts) * 1e10;
