@@ -30,9 +30,9 @@ namespace {
 using Eigen::Matrix3d;
 using Json = nlohmann::ordered_json;
 
-// What counts as found again; 256 pixels and coarse steps of the tilt must do.
-constexpr double kLengthLimit = 0.1;       // percent
-constexpr double kAngleLimit = 0.06;       // degrees
+// What counts as found again; 256 pixels must do. Positions along the tilt are as coarse as its steps.
+constexpr double kLengthLimit = 0.1;       // percent, for steps of a degree
+constexpr double kAngleLimit = 0.06;       // degrees, for the same
 constexpr double kAxisLimit = 0.2;         // degrees
 constexpr double kIndexedLimit = 95.0;     // percent
 constexpr double kBaseVectorLimit = 0.02;  // of a true base vector
@@ -158,7 +158,9 @@ void compareLattices(const SimulationTruth& truth, const RunResult& result, Comp
     comparison.found.bravais = LATTICE::shortName(result.indexed.symmetry().bravaisType);
 }
 
-Comparison compare(const SimulationTruth& truth, const RunResult& result) {
+Comparison compare(const SimulationTruth& truth, const RunResult& result, double step) {
+    const double lengthLimit = kLengthLimit * std::max(step, 1.0);
+    const double angleLimit = kAngleLimit * std::max(step, 1.0);
     Comparison comparison;
     compareLattices(truth, result, comparison);
     std::vector<Check>& checks = comparison.checks;
@@ -172,11 +174,11 @@ Comparison compare(const SimulationTruth& truth, const RunResult& result) {
         checks.push_back({names[i], formatted(length ? "%.4f A" : "%.3f deg", known.cell[i]),
                           formatted(length ? "%.4f A" : "%.3f deg", found.cell[i]),
                           formatted(length ? "%+.3f %%" : "%+.3f deg", error),
-                          std::abs(error) <= (length ? kLengthLimit : kAngleLimit)});
+                          std::abs(error) <= (length ? lengthLimit : angleLimit)});
     }
     checks.push_back({"volume", formatted("%.2f A^3", known.volume), formatted("%.2f A^3", found.volume),
                       formatted("%+.3f %%", 100.0 * (found.volume / known.volume - 1.0)),
-                      std::abs(found.volume / known.volume - 1.0) <= 3.0 * kLengthLimit / 100.0});
+                      std::abs(found.volume / known.volume - 1.0) <= 3.0 * lengthLimit / 100.0});
     checks.push_back(
         {"lattice", "", comparison.sameLattice ? "the same" : "another", "", comparison.sameLattice});
     checks.push_back({"Bravais type", known.bravais, found.bravais, "", known.bravais == found.bravais});
@@ -267,7 +269,7 @@ void demo(const DemoArguments& options, const std::string& commandText, Host& ho
     host.closeLog();
     results.commit();
     host.session().endParts();
-    const Comparison comparison = compare(truth, result);
+    const Comparison comparison = compare(truth, result, options.step);
     if (options.json)
         host.out() << jsonText(toJson(options, truth, result, comparison), 2) << '\n';
     else
