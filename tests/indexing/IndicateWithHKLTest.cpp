@@ -5,6 +5,9 @@
 #include <filesystem>
 #include <limits>
 
+#include "reflections/ReflexOnGrid.h"
+#include "reflections/TestVolume.h"
+#include "reflections/VolumeMath.h"
 #include "support/RecordingLogObserver.h"
 #include "support/SimulatedReflections.h"
 #include "support/TemporaryFolder.h"
@@ -23,8 +26,8 @@ protected:
         add(m_origin[0] + node[0] + displacement[0], m_origin[1] + node[1] + displacement[1],
             m_origin[2] + node[2] + displacement[2]);
     }
-    int indicate(UnitCell* cell, double tolerance) {
-        return IndicateWithHKL::indicate(nullptr, cell, m_list.get(), m_origin, 2, tolerance, m_result,
+    int indicate(UnitCell* cell, double tolerance, int mode = 2) {
+        return IndicateWithHKL::indicate(nullptr, cell, m_list.get(), m_origin, mode, tolerance, m_result,
                                          &m_out[0], &m_out[1], &m_out[2], &m_out[3], &m_out[4], &m_out[5],
                                          &m_out[6], &m_out[7]);
     }
@@ -121,6 +124,35 @@ TEST_F(IndicateWithHKLTest, WarnsOfCellsThatItUsesAsTheyAreOrConverts) {
     indicate(&centred, 0.1);
     EXPECT_TRUE(
         log.has("The cell is not primitiv. They will be converted into a primitiv cell", VRK::Warning));
+}
+
+TEST_F(IndicateWithHKLTest, TellsDisplacementsFoldedAndTakesTheCentreThatItIsTold) {
+    UnitCell sheared = reciprocalCell({{{10, 0, 0}, {9, 12, 0}, {0, 0, 10}}});
+    add(m_origin[0] + 8.55, m_origin[1] + 5.4, m_origin[2]);  // 0.45 along both
+    RecordingLogObserver log;
+    EXPECT_EQ(indicate(&sheared, 0.5), 1);
+    EXPECT_EQ(log.count("Delta_h = 1.45", VRK::Normal), 1);
+    EXPECT_EQ(log.count("Delta_k = 5.4", VRK::Normal), 1);
+    EXPECT_NEAR(m_out[1][0], 8.55, 1e-9);
+    EXPECT_EQ(log.count("", VRK::Warning), 0);
+    const std::unique_ptr<UnitCell> direct(sheared.getReciprocalCell());
+    indicate(direct.get(), 0.5);
+    EXPECT_TRUE(log.has("The cell is a direct-space cell", VRK::Warning));
+
+    // Three voxels in a row, the first of them the brightest: the brightest, the mean, the weighted mean.
+    VolumeMath::setZeroCompareValue(1);
+    const auto volume = makeVolume({9, 9, 9});
+    for (const unsigned x : {2U, 3U, 4U})
+        setVoxel(*volume, x, 5, 6, x == 2 ? 200 : 100);
+    m_list->push_back(new ReflexOnGrid(2, 5, 6, volume.get(), false, nullptr));
+    UnitCell cubic = reciprocalCell({{{1, 0, 0}, {0, 1, 0}, {0, 0, 1}}});
+    std::fill_n(m_origin, 3, 0.0);
+    for (const auto& [mode, x] : {std::pair{1, 2.0}, {2, 3.0}, {3, 2.75}, {0, 3.0}, {4, 3.0}}) {
+        indicate(&cubic, 0.5, mode);
+        EXPECT_NEAR(m_out[1].back(), std::abs(x - std::round(x)), 1e-12) << mode;
+        EXPECT_EQ(m_list->back()->getH(), std::lround(x)) << mode;
+        EXPECT_EQ(m_list->back()->getL(), 6) << mode;
+    }
 }
 
 TEST_F(IndicateWithHKLTest, PlotsRender) {
