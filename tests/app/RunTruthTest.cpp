@@ -1,7 +1,6 @@
 // vrk run against the truth: every number of its summary, on simulated series of all kinds.
 #include <gtest/gtest.h>
 
-#include <Eigen/Dense>
 #include <algorithm>
 #include <cmath>
 #include <map>
@@ -10,6 +9,7 @@
 #include <sstream>
 
 #include "app/RunVrk.h"
+#include "support/JsonMatrix.h"
 #include "support/TemporaryFolder.h"
 
 namespace {
@@ -35,14 +35,6 @@ struct TruthCase {
 
 constexpr const char* kEdges[] = {"a", "b", "c"};
 constexpr const char* kAngles[] = {"alpha", "beta", "gamma"};
-
-Matrix3d rows(const Json& vectors) {
-    Matrix3d matrix;
-    for (int i = 0; i < 3; ++i)
-        for (int j = 0; j < 3; ++j)
-            matrix(i, j) = vectors[static_cast<std::size_t>(i)][static_cast<std::size_t>(j)];
-    return matrix;
-}
 
 class RunTruthTest : public testing::TestWithParam<TruthCase> {
 protected:

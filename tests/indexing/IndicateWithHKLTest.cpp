@@ -174,6 +174,9 @@ TEST_F(IndicateWithHKLTest, PlotsRender) {
         for (const char* extension : {".plt", ".png"})
             EXPECT_TRUE(fs::exists(folder / (std::string(name) + extension))) << name;
 
+    for (const char* axes :
+         {"xlabel 'h'; set ylabel 'k'", "xlabel 'h'; set ylabel 'l'", "xlabel 'k'; set ylabel 'l'"})
+        EXPECT_NE(own.read("indexing 'plots'/hklPlot.plt").find(axes), std::string::npos) << axes;
     RecordingLogObserver log;
     m_list->destroyElements();
     EXPECT_FALSE(IndicateWithHKL::generateEvaluationPlot(m_list.get(), folder.string()));
