@@ -84,6 +84,7 @@ void RunTruthTest::expectInput() const {
     EXPECT_EQ(found["tilt_axis"]["source"], one.axisSource);
     const double uncertainty = found["tilt_axis"].value("uncertainty_deg", 0.0);
     EXPECT_EQ(uncertainty > 0, std::string(one.axisSource) == "search");
+    EXPECT_EQ(found["tilt_axis"].value("scores", Json::array()).size() > 50, uncertainty > 0);
     EXPECT_NEAR(std::remainder(number("/tilt_axis/angle_deg") - one.axis, 180), 0,
                 uncertainty > 0 ? 0.3 : 1e-5);
     const double depth = size * std::sin(std::max(std::abs(first), std::abs(last)) * M_PI / 180);
