@@ -260,6 +260,7 @@ TEST(BinaryReaders, TruncatedStacksKeepTheirCompleteFrames) {
           {"a.dm3", DmBytes({.kind = 3}).bytes(), "no image of grey values"},
           {"a.ser", serBytes(true, 2, 4e7, 9), "complex"},
           {"a.ser", serBytes(false, 0), "it holds no images"},
+          {"a.ser", ser.substr(0, 45), "the list of its 3 images is not there"},
           {"a.ser", serBytes(true, 2, 4e7, 7, vrk::PixelType::Float32, 0x4120), "spectra"},
           {"a.tvips", tvipsHeader(2, 32) + tvipsFrames(0, 1), "32 bits"}})
         EXPECT_TRUE(failureOf([&] { FrameFile::open(folder.write(name, bytes)); }).says(reason)) << reason;
