@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <limits>
 
@@ -76,6 +77,8 @@ TEST_F(IndicateWithHKLTest, ClearsTheIndicesOfAnEarlierRun) {
     ASSERT_EQ(indicate(&good, 0.1), 1);
     UnitCell worse = reciprocalCell({{{10.3, 0.0, 0.0}, {0.0, 12.1, 0.0}, {0.0, 0.0, 15.9}}});
     EXPECT_EQ(indicate(&worse, 0.01), 0);
+    EXPECT_EQ(std::count(m_result, m_result + IndicateWithHKL::kResultSize, 0.0),
+              IndicateWithHKL::kResultSize);
     EXPECT_FALSE((*m_list)[0]->isIndicated());
     EXPECT_TRUE(m_out[0].empty());
 
