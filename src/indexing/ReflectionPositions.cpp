@@ -39,7 +39,7 @@ Vector3 centreOf(const SamplingGeometry& geometry) {
 /// The place of the samples of a voxel column, and the tilt at which they were recorded.
 struct ColumnSample {
     ColumnSample(const SamplingGeometry& geometry, int column, int layer) {
-        if (column < 0 || layer < 0) return;
+        // Those below 0 lie beyond as well.
         const auto sample = geometry.sample(static_cast<unsigned>(column), static_cast<unsigned>(layer));
         if (!sample.inside()) return;
         recorded = true;

@@ -3,7 +3,6 @@
 #include <nlohmann/json.hpp>
 
 #include "app/RunVrk.h"
-#include "support/TemporaryFolder.h"
 
 namespace {
 
@@ -30,16 +29,6 @@ TEST(CellInfo, RhombohedralCellInBothSettings) {
     EXPECT_EQ(best["bravais"], "hR");
     EXPECT_NEAR(best["symmetrised"]["a"].get<double>(), 5.0, 1e-6);
     EXPECT_NEAR(best["symmetrised"]["c"].get<double>(), 7.0, 1e-6);
-}
-
-TEST(CellInfo, CellFileTellsItsPixelSize) {
-    const TemporaryFolder folder;
-    folder.write("cell.txt",
-                 "#VRKCELLVERSION 2\n# v\n200 0 0\n0 100 0\n0 0 50\n# r\n200 100 50\n90 90 90 \n"
-                 "# d\n5 10 20\n90 90 90 \n");
-    const VrkResult result = runVrk({"cell-info", folder / "cell.txt"});
-    EXPECT_EQ(result.exitCode, 0) << result.err;
-    EXPECT_NE(result.out.find("5.0000   10.0000   20.0000"), std::string::npos) << result.out;
 }
 
 TEST(CellInfo, WrongInputIsRefused) {

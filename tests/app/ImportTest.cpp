@@ -318,6 +318,16 @@ TEST(Import, TiltListsAndFrameLists) {
     std::string outside = folder.read("1.ed3d");
     for (std::size_t at = 0; (at = outside.find("FILE ", at)) != std::string::npos; at += 8)
         outside.insert(at + 5, "../");
+    ImportSettings precessed;
+    precessed.files = {folder.write("p.pts",
+                                    "geometry precession\nphi 1.1\nomega 100\nimagelist\n00000.mrc -1 0\n"
+                                    "00001.mrc 0 0\n00002.mrc 1 0\nendimagelist\n")};
+    const Imported cone = import(precessed);
+    EXPECT_NE(cone.warnings.at(0).find("do not state the pixel size"), std::string::npos);
+    const std::optional<vrk::StatedMotion> motion = vrk::statedMotion(cone.header());
+    ASSERT_TRUE(motion);
+    EXPECT_NEAR(motion->precession, 1.1, 1e-6);
+    EXPECT_EQ(motion->rotation, 0);
     listed.files = {folder.write("lists/1.ed3d", outside)};
     listed.allowOutside = true;
     expectThreeFrames(import(listed));
@@ -342,7 +352,8 @@ TEST(Import, SumsNeighboursButNotAcrossGaps) {
     EXPECT_EQ(imported.at(1, 7), pixel(2, 7) + pixel(3, 7));
     EXPECT_EQ(imported.at(4, 7), pixel(7, 7));
     EXPECT_EQ(imported.header().value(SliceValue::ExposureTime, 1), 1) << "seconds add up, too";
-    EXPECT_EQ(imported.warnings.size(), 1U);
+    ASSERT_EQ(imported.warnings.size(), 1U);
+    EXPECT_NE(imported.warnings[0].find("2 slices hold fewer than 2 frames"), std::string::npos);
 }
 
 TEST(Import, DropsEmptyAndRepeatedFramesWithAWarning) {
@@ -356,8 +367,9 @@ TEST(Import, DropsEmptyAndRepeatedFramesWithAWarning) {
     EXPECT_EQ(imported.result.duplicates, 1);
     EXPECT_EQ(imported.result.empty, 1);
     ASSERT_EQ(imported.warnings.size(), 2U);
-    EXPECT_NE(imported.warnings[0].find("b.img"), std::string::npos);
-    EXPECT_NE(imported.warnings[1].find("2"), std::string::npos);
+    EXPECT_NE(imported.warnings[0].find("1 frames left out whose tilt"), std::string::npos);
+    EXPECT_NE(imported.warnings[0].find("b.img at -1 degrees"), std::string::npos);
+    EXPECT_EQ(imported.warnings[1], "1 empty frames left out, at tilts 2");
     imported.warnings.clear();
     expectThreeFrames(imported);
 }
@@ -380,7 +392,9 @@ TEST(Import, ClipsWithACountAndBins) {
     EXPECT_EQ(imported.result.clipped, 2);
     EXPECT_EQ(imported.at(0, 6), 32767);
     ASSERT_EQ(imported.warnings.size(), 1U);
-    EXPECT_NE(imported.warnings[0].find("2 pixels"), std::string::npos);
+    EXPECT_NE(imported.warnings[0].find("2 pixels in 2 slices"), std::string::npos);
+    EXPECT_NE(imported.warnings[0].find("the largest was 65535; --scale 0.49 keeps"), std::string::npos)
+        << imported.warnings[0];
 
     settings.scale = 0.5;
     settings.bin = 2;
@@ -391,6 +405,27 @@ TEST(Import, ClipsWithACountAndBins) {
     EXPECT_EQ(imported.result.clipped, 2);
     EXPECT_EQ(imported.at(0, 1), 2);
     EXPECT_NEAR(imported.header().m_pixelsize, 2 * 0.05 / (200 * 0.0251) * 1e10, 20);
+
+    // Of five columns and four rows, three in the middle and the first three; files that say different
+    // things.
+    settings = {};
+    settings.files = {folder.write("c.img", smv(0, 0)), folder.write("d.img", wide("PHI=2;\n") + bright),
+                      folder.write("e.img", smvHeader("PHI=3;\nTYPE=unsigned_short;\nPIXEL_SIZE=0.06;\n"
+                                                      "DISTANCE=200;\nWAVELENGTH=0.0251;\n") +
+                                                pixels<std::uint16_t>(2))};
+    settings.bin = 3;
+    settings.scale = 0.4;
+    imported = import(settings);
+    EXPECT_EQ(imported.header().nx, 1);
+    EXPECT_EQ(imported.at(0, 0), std::lround(0.4 * 198));
+    ASSERT_EQ(imported.warnings.size(), 1U);
+    EXPECT_NE(imported.warnings[0].find("different pixel sizes, 9.96016e+07 and 1.19522e+08 1/m"),
+              std::string::npos)
+        << imported.warnings[0];
+    for (const auto& [bin, reason] : {std::pair{5, "--bin 5 leaves nothing"}, {65, "--bin takes 1 to 64"}}) {
+        settings.bin = bin;
+        EXPECT_NE(failure(settings).find(reason), std::string::npos) << failure(settings);
+    }
 }
 
 TEST(Import, MoreFramesThanSlicesAreSummed) {
@@ -450,14 +485,22 @@ TEST(Import, AFolderStandsForItsFrames) {
 
 TEST(Import, TiltsBeyondAQuarterTurnAreCountedFromTheirMiddle) {
     const TemporaryFolder folder;
-    ImportSettings settings;
-    for (const int frame : {0, 1, 2})
-        settings.files.push_back(folder.write(numbered("f", frame, ".img"), smv(frame, frame + 149.75)));
-    Imported imported = import(settings);
-    ASSERT_EQ(imported.warnings.size(), 1U);
-    EXPECT_NE(imported.warnings[0].find("151 is subtracted"), std::string::npos);
-    imported.warnings.clear();
-    expectThreeFrames(imported);
+    for (const auto& [middle, told] : {std::pair{150.75, "151 is subtracted"},
+                                       {-91.25, "-91 is subtracted"},
+                                       {90.75, "91 is subtracted"}}) {
+        ImportSettings settings;
+        for (const int frame : {0, 1, 2})
+            settings.files.push_back(
+                folder.write(numbered("f", frame, ".img"), smv(frame, middle + frame - 1)));
+        Imported imported = import(settings);
+        ASSERT_EQ(imported.warnings.size(), 1U);
+        EXPECT_NE(imported.warnings[0].find(told), std::string::npos) << imported.warnings[0];
+        imported.warnings.clear();
+        expectThreeFrames(imported);
+        // All the way round there is no middle.
+        settings.tilts = "-100:100";
+        EXPECT_EQ(import(settings).header().tilt(0), -100);
+    }
 }
 
 TEST(Import, FramesThatCannotBeReadAreNamedOrSkipped) {

@@ -91,14 +91,6 @@ TEST_F(IndexCommandTest, ChoosesTheFormat) {
     EXPECT_NEAR(refined.getLengthOfA(), 12.5 * std::sqrt(3.0), 0.05);
 }
 
-TEST_F(IndexCommandTest, PlotsIntoAFolder) {
-    const VrkResult run = index({"-o", "x.hkl", "--pixel-size", "5e7", "--plots", "the plots"});
-    ASSERT_EQ(run.exitCode, 0) << run.err;
-    for (const char* name : {"indicateEvaluation", "hklPlot", "hPlot", "kPlot", "lPlot"})
-        EXPECT_FALSE(m_folder.read("the plots/" + std::string(name) + ".plt").empty()) << name;
-    EXPECT_EQ(index({"-o", "x.hkl", "--pixel-size", "5e7", "--plots", "peaks.txt"}).exitCode, 1);
-}
-
 TEST_F(IndexCommandTest, SaysWhatIsWrong) {
     m_folder.write("other.txt", "1 2 3\nabc\n");
     m_folder.write("bare.txt", "1 2 3 4\n1 2 3\n");
@@ -122,6 +114,7 @@ TEST_F(IndexCommandTest, SaysWhatIsWrong) {
         {"peaks.txt cell.txt -o x.hkl --pixel-size 5e7 --lattice hP", 2, "fits cF"},
         {"peaks.txt cell.txt -o x.hkl --pixel-size 5e7 --formula Q", 2, "formula"},
         {"peaks.txt cell.txt -o no/x.hkl --pixel-size 5e7", 1, "folder"},
+        {"peaks.txt cell.txt -o y.hkl --pixel-size 5e7 --plots peaks.txt", 1, "peaks.txt"},
     };
     expectRefused(cases, m_folder / ".", "index ");
     EXPECT_TRUE(m_folder.read("x.hkl").empty());

@@ -40,7 +40,7 @@ TEST(FileReport, NamesEveryOddityAndNothingElse) {
         MRCBytes file = plainSeries();
         std::string behind = {};
     };
-    std::vector<Case> cases(15);
+    std::vector<Case> cases(16);
     std::size_t n = 0;
     const auto next = [&](const char* warning) -> MRCBytes& {
         cases[n].warning = warning;
@@ -60,6 +60,9 @@ TEST(FileReport, NamesEveryOddityAndNothingElse) {
     next("values: 1 are negative").data[3] = -1;
     next("extended header: 1 values are not finite, the first in slice 3").putSliceValue(3, 6, nan);
     MRCBytes::put(next("mode: the header says 2").header, 12, std::int32_t{2});
+    MRCBytes& odd = next("extended header: 724 bytes are no whole number of 144-byte");
+    odd.next = 724;
+    odd.extended.resize(724);
     next("byte count: 3 bytes follow");
     cases[n - 1].behind = "abc";
     MRCBytes& wide = next("frames: not square (16 x 4)");

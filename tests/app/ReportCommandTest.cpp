@@ -9,11 +9,13 @@
 #include "VoxCore/IO/VoxMRCFileHandler.h"
 #include "app/RunVrk.h"
 #include "pipeline/simulation/Simulation.h"
+#include "support/JsonMatrix.h"
 #include "support/ReportedData.h"
 #include "support/TemporaryFolder.h"
 
 namespace {
 
+using Eigen::Vector3d;
 using Json = nlohmann::json;
 using Columns = std::map<std::string, std::vector<double>>;
 
@@ -55,6 +57,9 @@ protected:
     }
 
     Json& summary() { return blocks["summary"]; }
+    Vector3d hkl(std::size_t i) { return {columns["h"][i], columns["k"][i], columns["l"][i]}; }
+    /// The nodes of the first crystal, 1/Angstrom.
+    Eigen::Matrix3d base() { return rows(summary()["crystals"][0]["reciprocal_vectors"]).transpose(); }
     void expectReflectionsOnTheirNodes();
     void expectSpotsWhereTheyAreSaidToBe();
     void expectSpotsInTheSections();
@@ -72,24 +77,17 @@ void ReportCommandTest::expectReflectionsOnTheirNodes() {
     EXPECT_EQ(folder.read("result/report.html").find("<script>alert"), std::string::npos);
 
     const std::size_t count = columns["h"].size();
-    const Json& base = summary()["crystals"][0]["reciprocal_vectors"];
     const double voxel = summary()["input"]["pixel_size"].get<double>() * 1e-10;
     int seen = 0, indexed = 0, measured = 0, far = 0, extinct = 0;
     for (std::size_t i = 0; i < count; ++i) {
-        const std::array<double, 3> place = {columns["x"][i], columns["y"][i], columns["z"][i]};
-        EXPECT_NEAR(columns["d"][i] * std::hypot(place[0], place[1], place[2]), 1, 0.01);
+        const Vector3d place(columns["x"][i], columns["y"][i], columns["z"][i]);
+        EXPECT_NEAR(columns["d"][i] * place.norm(), 1, 0.01);
         seen += columns["counts"][i] > 0;
         measured += columns["sigma"][i] > 0 && columns["counts"][i] == 0;
         if (columns["crystal"][i] < 1) continue;
         indexed += columns["counts"][i] > 0;
         extinct += std::lround(columns["h"][i] + columns["k"][i]) % 2 != 0;
-        double square = 0;
-        for (std::size_t axis = 0; axis < 3; ++axis)
-            square += std::pow(place[axis] - columns["h"][i] * base[0][axis].get<double>() -
-                                   columns["k"][i] * base[1][axis].get<double>() -
-                                   columns["l"][i] * base[2][axis].get<double>(),
-                               2);
-        far += std::sqrt(square) > 3 * voxel;
+        far += (place - base() * hkl(i)).norm() > 3 * voxel;
     }
     EXPECT_EQ(seen, summary()["reflections"]["found"]);
     EXPECT_EQ(indexed, summary()["reflections"]["indexed"]);
@@ -157,27 +155,13 @@ void ReportCommandTest::expectSpotsInTheSections() {
     const Json& sections = blocks["sections"];
     const int size = sections["size"];
     const double perPixel = 2 * sections["radius"].get<double>() / size;
-    const Json& base = summary()["crystals"][0]["reciprocal_vectors"];
     ASSERT_EQ(sections["planes"].size(), 3U);
-    using Vector = std::array<double, 3>;
-    const auto node = [&](const Json& hkl) {
-        Vector g{};
-        for (std::size_t axis = 0; axis < 3; ++axis)
-            for (std::size_t i = 0; i < 3; ++i)
-                g[axis] += hkl[i].get<double>() * base[i][axis].get<double>();
-        return g;
-    };
-    const auto dot = [](const Vector& a, const Vector& b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; };
-    const auto cross = [](const Vector& a, const Vector& b) {
-        return Vector{a[1] * b[2] - a[2] * b[1], a[2] * b[0] - a[0] * b[2], a[0] * b[1] - a[1] * b[0]};
-    };
-    const auto unit = [&](const Vector& a) {
-        const double length = std::sqrt(dot(a, a));
-        return Vector{a[0] / length, a[1] / length, a[2] / length};
+    const auto vectorOf = [](const Json& values) {
+        return Vector3d(values[0].get<double>(), values[1].get<double>(), values[2].get<double>());
     };
     // Inside of the frames, what no tilt reached is dark, and nothing else.
-    const auto expectWedge = [&](const std::vector<unsigned char>& grey, const Vector& right,
-                                 const Vector& up) {
+    const auto expectWedge = [&](const std::vector<unsigned char>& grey, const Vector3d& right,
+                                 const Vector3d& up) {
         int wrong = 0, looked = 0;
         for (int row = 0; row < size; row += 2)
             for (int column = 0; column < size; column += 2) {
@@ -197,23 +181,19 @@ void ReportCommandTest::expectSpotsInTheSections() {
     };
     int onNodes = 0, spots = 0;
     for (const Json& plane : sections["planes"]) {
-        const Vector right = unit(node(plane["u"]));
-        const Vector normal = unit(cross(node(plane["u"]), node(plane["v"])));
-        const Vector up = cross(normal, right);
+        const Vector3d right = (base() * vectorOf(plane["u"])).normalized();
+        const Vector3d up = right.cross((base() * vectorOf(plane["v"])).cross(right)).normalized();
         for (const Json& layer : plane["layers"]) {
             const std::vector<unsigned char> grey = inflated(layer["data"]);
             ASSERT_EQ(grey.size(), static_cast<std::size_t>(size) * static_cast<std::size_t>(size));
             if (layer["level"] == 0) expectWedge(grey, right, up);
             for (std::size_t i = 0; i < columns["h"].size(); ++i) {
-                const std::array<double, 3> hkl = {columns["h"][i], columns["k"][i], columns["l"][i]};
-                double level = 0;
-                for (std::size_t axis = 0; axis < 3; ++axis)
-                    level += hkl[axis] * plane["w"][axis].get<double>();
+                const double level = hkl(i).dot(vectorOf(plane["w"]));
                 if (columns["crystal"][i] != 1 || level != layer["level"].get<double>()) continue;
                 if (columns["counts"][i] < 2000 || columns["d"][i] < 1.6) continue;
-                const Vector g = node(Json(hkl));
-                const long column = std::lround(0.5 * (size - 1) + dot(g, right) / perPixel);
-                const long row = std::lround(0.5 * (size - 1) - dot(g, up) / perPixel);
+                const Vector3d g = base() * hkl(i);
+                const long column = std::lround(0.5 * (size - 1) + g.dot(right) / perPixel);
+                const long row = std::lround(0.5 * (size - 1) - g.dot(up) / perPixel);
                 int brightest = 0;
                 for (long dy = -4; dy <= 4; ++dy)
                     for (long dx = -4; dx <= 4; ++dx)

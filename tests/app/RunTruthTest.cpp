@@ -1,7 +1,6 @@
 // vrk run against the truth: every number of its summary, on simulated series of all kinds.
 #include <gtest/gtest.h>
 
-#include <Eigen/Dense>
 #include <algorithm>
 #include <cmath>
 #include <map>
@@ -10,6 +9,7 @@
 #include <sstream>
 
 #include "app/RunVrk.h"
+#include "support/JsonMatrix.h"
 #include "support/TemporaryFolder.h"
 
 namespace {
@@ -36,14 +36,6 @@ struct TruthCase {
 constexpr const char* kEdges[] = {"a", "b", "c"};
 constexpr const char* kAngles[] = {"alpha", "beta", "gamma"};
 
-Matrix3d rows(const Json& vectors) {
-    Matrix3d matrix;
-    for (int i = 0; i < 3; ++i)
-        for (int j = 0; j < 3; ++j)
-            matrix(i, j) = vectors[static_cast<std::size_t>(i)][static_cast<std::size_t>(j)];
-    return matrix;
-}
-
 class RunTruthTest : public testing::TestWithParam<TruthCase> {
 protected:
     void SetUp() override {
@@ -69,6 +61,8 @@ protected:
     void expectIndices() const;
     void expectSameFromIndex() const;
     void expectConfidence() const;
+    void expectIntensities() const;
+    void expectSums() const;
     void expectTheRest() const;
 
     TemporaryFolder folder;
@@ -90,6 +84,7 @@ void RunTruthTest::expectInput() const {
     EXPECT_EQ(found["tilt_axis"]["source"], one.axisSource);
     const double uncertainty = found["tilt_axis"].value("uncertainty_deg", 0.0);
     EXPECT_EQ(uncertainty > 0, std::string(one.axisSource) == "search");
+    EXPECT_EQ(found["tilt_axis"].value("scores", Json::array()).size() > 50, uncertainty > 0);
     EXPECT_NEAR(std::remainder(number("/tilt_axis/angle_deg") - one.axis, 180), 0,
                 uncertainty > 0 ? 0.3 : 1e-5);
     const double depth = size * std::sin(std::max(std::abs(first), std::abs(last)) * M_PI / 180);
@@ -309,6 +304,82 @@ void RunTruthTest::expectConfidence() const {
     EXPECT_NEAR(std::min(plus, minus), number("/reflections/residual_px"), 0.25);
 }
 
+/// The frames tell how they were made.
+void RunTruthTest::expectIntensities() const {
+    const Json& made = truth["settings"];
+    const Json& measured = found["intensities"];
+    EXPECT_EQ(measured["mode"]["name"], made["mode"]);
+    if (made["mode"] == "continuous") {
+        EXPECT_NEAR(measured["mode"]["rotation_deg"], made["frame_rotation_deg"].get<double>(), 0.01);
+    } else if (made["mode"] == "precession") {
+        EXPECT_NEAR(measured["mode"]["precession_deg"], made["precession_angle_deg"].get<double>(), 0.02);
+    }
+    EXPECT_NEAR(measured["rocking"]["width"], made["rocking_width"].get<double>(), 1e-4);
+    EXPECT_NEAR(measured["detector"]["gain"], 1, 0.1);
+    EXPECT_NEAR(measured["detector"]["spot_sigma_px"], made["spot_width_px"].get<double>(), 0.05);
+    EXPECT_NEAR(measured["resolution"]["d_min"].get<double>() * GetParam().scale, made["dmin"], 0.02);
+    EXPECT_LT(measured["geometry"]["residual_px"], 0.2);
+    EXPECT_NEAR(std::remainder(measured["geometry"]["axis_deg"].get<double>() - GetParam().axis, 180), 0,
+                0.02);
+    for (int i = 0; i < 6; ++i) {
+        const char* name = i < 3 ? kEdges[i] : kAngles[i - 3];
+        const double value = measured["cell"][name], sigma = measured["esd"][name];
+        EXPECT_NEAR(found["cell"]["conventional"][name], value, i < 3 ? 1e-3 * value : 0.05) << name;
+        EXPECT_LT(sigma, found["cell"]["esd"]["conventional"][name].get<double>() + 1e-9) << name;
+    }
+    std::map<double, Json> centres;
+    for (std::size_t i = 0; i < truth["tilts"].size(); ++i)
+        centres[truth["tilts"][i]] = truth["centres"][i];
+    ASSERT_EQ(found["centres"].size(), measured["frames"].size());
+    for (std::size_t i = 0; i < measured["frames"].size(); ++i) {
+        const Json& one = found["centres"][i];
+        EXPECT_NEAR(measured["frames"][i]["tilt"], one["tilt"].get<double>(), 0.02);
+        EXPECT_NEAR(measured["frames"][i]["scale"], 1, 0.1);
+        EXPECT_LE(measured["frames"][i]["observed"], measured["frames"][i]["predicted"]);
+        EXPECT_GT(measured["frames"][i]["counts"], 0);
+        EXPECT_NEAR(one["x"], centres.at(one["tilt"])[0].get<double>(), 0.1) << one["tilt"];
+        EXPECT_NEAR(one["y"], centres.at(one["tilt"])[1].get<double>(), 0.1) << one["tilt"];
+    }
+}
+
+/// What is told in parts is the whole, what is told twice the same.
+void RunTruthTest::expectSums() const {
+    const auto sumOf = [](const Json& parts, const char* name) {
+        int sum = 0;
+        for (const Json& part : parts)
+            sum += part[name].get<int>();
+        return sum;
+    };
+    const Json& seen = found["completeness"];
+    for (const char* name : {"nodes", "found"})
+        EXPECT_EQ(sumOf(seen["shells"], name), seen[name]) << name;
+    EXPECT_NEAR(seen["core_share"],
+                sumOf(seen["parities"], "found") / double(sumOf(seen["parities"], "nodes")), 1e-9);
+    EXPECT_NEAR(seen["share"], seen["found"].get<double>() / seen["nodes"].get<double>(), 1e-9);
+    EXPECT_LE(seen["share"], seen["core_share"]);
+    EXPECT_NEAR(seen["shells"].back()["spacing"], seen["limit"].get<double>(), 1e-9);
+    EXPECT_GE(seen["half_limit"], seen["limit"]);
+    EXPECT_NEAR(seen["limit"], number("/reflections/resolution"), 0.05);
+    const Json& measured = found["intensities"];
+    for (const char* name : {"observations", "unique", "possible"})
+        EXPECT_EQ(sumOf(measured["shells"], name), measured["overall"][name]) << name;
+    EXPECT_EQ(measured["reflections"]["unique"], measured["overall"]["unique"]);
+    EXPECT_NEAR(number("/intensities/overall/redundancy"),
+                number("/intensities/overall/observations") / number("/intensities/overall/unique"), 1e-9);
+    const Json& first = found["crystals"][0];
+    EXPECT_EQ(found["crystals"].size(), 1U);
+    EXPECT_GT(first["strong_share"], 0.9);
+    EXPECT_EQ(first["confidence"], found["confidence"]["level"]);
+    EXPECT_EQ(first["bravais"], found["cell"]["conventional"]["bravais"]);
+    EXPECT_EQ(first["cell"]["b"], found["cell"]["conventional"]["b"]);
+    EXPECT_EQ(first["reduced"]["gamma"], found["cell"]["reduced"]["gamma"]);
+    EXPECT_EQ(first["observations"], measured["reflections"]["observations"]);
+    EXPECT_EQ(first["reciprocal_vectors_px"], found["cell"]["reciprocal_vectors_px"]);
+    const Matrix3d conventional = rows(found["cell"]["candidates"][0]["transformation"]).inverse() *
+                                  rows(first["reciprocal_vectors_px"]) * number("/input/pixel_size") * 1e-10;
+    EXPECT_LT((rows(first["reciprocal_vectors"]) - conventional).norm(), 0.004 * conventional.norm());
+}
+
 void RunTruthTest::expectTheRest() const {
     const Json& used = found["parameters"];
     EXPECT_GE(used["cell_threshold"], used["threshold"]);
@@ -346,6 +417,8 @@ TEST_P(RunTruthTest, EveryNumberOfTheSummaryIsRight) {
     expectIndices();
     expectSameFromIndex();
     expectConfidence();
+    expectIntensities();
+    expectSums();
     expectTheRest();
 }
 

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <Eigen/Dense>
 #include <algorithm>
 #include <cmath>
 #include <gemmi/c4322.hpp>
@@ -336,21 +337,9 @@ TEST_F(SimulatedBackgroundTest, StopsDimWhatIsBehindThem) {
     EXPECT_GT(at(42.5, 0.5), 100) << "no bar";
 }
 
-double determinant(const vrk::Matrix3& m) {
-    return m[0][0] * (m[1][1] * m[2][2] - m[1][2] * m[2][1]) -
-           m[0][1] * (m[1][0] * m[2][2] - m[1][2] * m[2][0]) +
-           m[0][2] * (m[1][0] * m[2][1] - m[1][1] * m[2][0]);
-}
-
-/// Coordinates of a position in a basis given as rows.
-vrk::Vector3 indicesIn(const vrk::Matrix3& basis, const vrk::Vector3& position) {
-    vrk::Vector3 indices{};
-    for (std::size_t i = 0; i < 3; ++i) {
-        vrk::Matrix3 replaced = basis;
-        replaced[i] = position;
-        indices[i] = determinant(replaced) / determinant(basis);
-    }
-    return indices;
+/// Vectors as rows.
+Eigen::Matrix3d matrixOf(const vrk::Matrix3& vectors) {
+    return Eigen::Matrix<double, 3, 3, Eigen::RowMajor>(vectors.front().data());
 }
 
 TEST(Simulation, CentringExtinguishesAndThePrimitiveVectorsSpanTheRest) {
@@ -364,14 +353,15 @@ TEST(Simulation, CentringExtinguishesAndThePrimitiveVectorsSpanTheRest) {
         settings.tilts = {-5, 0, 5};
         const vrk::SimulationTruth truth = vrk::simulateSeries(settings).truth;
         SCOPED_TRACE(centring);
-        EXPECT_NEAR(determinant(truth.primitiveVectors) / determinant(truth.conventionalVectors),
-                    multiplicity, 1e-6);
+        const Eigen::Matrix3d primitive = matrixOf(truth.primitiveVectors);
+        EXPECT_NEAR(primitive.determinant() / matrixOf(truth.conventionalVectors).determinant(), multiplicity,
+                    1e-6);
         // The primitive lattice is what the allowed reflections make, no coarser and no finer.
         EXPECT_NEAR(truth.reflectionsInSphere,
-                    4.0 / 3 * std::numbers::pi * std::pow(128 - 4, 3) / determinant(truth.primitiveVectors),
+                    4.0 / 3 * std::numbers::pi * std::pow(128 - 4, 3) / primitive.determinant(),
                     0.05 * truth.reflectionsInSphere);
         for (const SimulatedReflection& one : truth.reflections)
-            for (const double index : indicesIn(truth.primitiveVectors, one.position))
+            for (const double index : primitive.transpose().inverse() * Eigen::Vector3d(one.position.data()))
                 ASSERT_NEAR(index, std::round(index), 1e-6);
     }
 }

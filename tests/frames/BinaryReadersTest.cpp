@@ -3,8 +3,9 @@
 #include <algorithm>
 #include <cstring>
 
-#include "pipeline/base/Failure.h"
 #include "pipeline/frames/FrameFile.h"
+#include "pipeline/frames/PixelDecoder.h"
+#include "support/FailureOf.h"
 #include "support/TemporaryFolder.h"
 
 namespace {
@@ -37,35 +38,60 @@ struct Bytes {
             add(static_cast<Number>(pixel(frame, i)));
         return *this;
     }
+    Bytes& addPixelsAs(vrk::PixelType type, int frame) {
+        using enum vrk::PixelType;
+        return type == UInt8     ? addPixels<std::uint8_t>(frame)
+               : type == Int16   ? addPixels<std::int16_t>(frame)
+               : type == UInt16  ? addPixels<std::uint16_t>(frame)
+               : type == Int32   ? addPixels<std::int32_t>(frame)
+               : type == UInt32  ? addPixels<std::uint32_t>(frame)
+               : type == Float64 ? addPixels<double>(frame)
+                                 : addPixels<float>(frame);
+    }
 };
 
-/// A DM3 or DM4 file of a thumbnail and a stack of three frames.
+struct DmContents {
+    int version = 3;
+    std::string unit = "1/nm";
+    int frames = 3;
+    std::string third = "\xb0";  ///< unit of the third dimension
+    int kind = 7;                ///< of the data: complex, coloured ...
+    std::int64_t code = 3;       ///< of a pixel in the array, and what it stands for
+    vrk::PixelType type = vrk::PixelType::Int32;
+};
+
+/// A DM3 or DM4 file of a coloured thumbnail and frames, taken with the stage at -1 degrees.
 class DmBytes {
 public:
-    explicit DmBytes(int version) : m_wide(version == 4) {
-        m_file.add(std::int32_t{version}, true);
+    explicit DmBytes(const DmContents& contents) : m_wide(contents.version == 4) {
+        m_file.add(std::int32_t{contents.version}, true);
         length(0);
         m_file.add(std::int32_t{1}, true);  // values are little-endian
         group(1);
         begin("ImageList", 2);
         begin("", 1);
-        begin("ImageData", 1);
-        array("Data", 2, 2, 4);  // a thumbnail
+        begin("ImageData", 2);
+        array("Data", 3, vrk::PixelType::Int32, 1);
+        number("DataType", 3, std::int32_t{23});
         begin("", 2);
         begin("ImageData", 4);
         begin("Calibrations", 1);
         begin("Dimension", 3);
-        calibration(0.05F, "1/nm", 0);
-        calibration(0.05F, "1/nm", 0);
-        calibration(1, "\xb0", 1);
-        array("Data", 3, 4, 3 * kWidth * kHeight);
-        number("DataType", 3, std::int32_t{7});
+        calibration(-0.05F, contents.unit, 0);
+        calibration(0.07F, contents.unit, 0);
+        calibration(1, contents.third, 1);
+        array("Data", contents.code, contents.type, contents.frames);
+        number("DataType", 3, std::int32_t{contents.kind});
         begin("Dimensions", 3);
-        for (const int size : {kWidth, kHeight, 3})
+        for (const int size : {kWidth, kHeight, contents.frames})
             number("", 5, std::uint32_t(size));
-        begin("ImageTags", 1);
-        begin("Microscope Info", 1);
+        begin("ImageTags", 2);
+        begin("DataBar", 1);
+        number("Exposure Time (s)", 7, 0.5);
+        begin("Microscope Info", 2);
         number("Voltage", 6, 200e3F);
+        begin("Stage Position", 1);
+        number("Stage Alpha", 6, -1.0F);
     }
     const std::string& bytes() const { return m_file.text; }
 
@@ -101,14 +127,10 @@ private:
         description(text, {type});
         m_file.add(value);
     }
-    void array(const std::string& text, std::int64_t type, int bytesEach, int count) {
-        description(text, {20, type, count});
-        for (int i = 0; i < count; ++i) {
-            if (bytesEach == 4)
-                m_file.add(std::int32_t{pixel(i / (kWidth * kHeight), i % (kWidth * kHeight))});
-            else
-                m_file.add(std::int16_t{7});
-        }
+    void array(const std::string& text, std::int64_t code, vrk::PixelType type, int frames) {
+        description(text, {20, code, frames * kWidth * kHeight});
+        for (int frame = 0; frame < frames; ++frame)
+            m_file.addPixelsAs(type, frame);
     }
     void calibration(float scale, const std::string& unit, float origin) {
         begin("", 3);
@@ -124,7 +146,8 @@ private:
 };
 
 /// A SER file with places of four or eight bytes for three images, of which the first \p valid were taken.
-std::string serBytes(bool wide, int valid) {
+std::string serBytes(bool wide, int valid, double edge = 4e7, std::uint16_t code = 7,
+                     vrk::PixelType type = vrk::PixelType::Float32, std::uint32_t kind = 0x4122) {
     Bytes file;
     const auto place = [&](std::uint64_t value) {
         if (wide)
@@ -133,21 +156,17 @@ std::string serBytes(bool wide, int valid) {
             file.add(static_cast<std::uint32_t>(value));
     };
     file.add(std::uint16_t{0x4949}).add(std::uint16_t{0x0197}).add(std::uint16_t(wide ? 0x220 : 0x210));
-    file.add(std::uint32_t{0x4122})
-        .add(std::uint32_t{0x4152})
-        .add(std::uint32_t{3})
-        .add(std::uint32_t(valid));
+    file.add(kind).add(std::uint32_t{0x4152}).add(std::uint32_t{3}).add(std::uint32_t(valid));
     const std::size_t list = file.text.size() + (wide ? 12 : 8);
     place(list);
     file.add(std::uint32_t{0});
-    const std::size_t elementBytes = 50 + 4 * kWidth * kHeight;
+    const std::size_t elementBytes = 50 + vrk::bytesOf(type) * kWidth * kHeight;
     const std::size_t first = list + 3 * (wide ? 8U : 4U);
     for (std::size_t i = 0; i < 3; ++i)
         place(first + i * elementBytes);
     for (int frame = 0; frame < valid; ++frame) {
-        file.add(0.0).add(4e7).add(std::uint32_t{0}).add(0.0).add(4e7).add(std::uint32_t{0});
-        file.add(std::uint16_t{7}).add(std::uint32_t{kWidth}).add(std::uint32_t{kHeight});
-        file.addPixels<float>(frame);
+        file.add(0.0).add(edge).add(std::uint32_t{0}).add(0.0).add(5e7).add(std::uint32_t{0});
+        file.add(code).add(std::uint32_t{kWidth}).add(std::uint32_t{kHeight}).addPixelsAs(type, frame);
     }
     return file.text;
 }
@@ -175,7 +194,7 @@ void expectFrames(const FrameFile& file, int count, bool tilted, double pixelSiz
     ASSERT_EQ(file.count(), count);
     for (int frame = count - 1; frame >= 0; --frame) {
         EXPECT_EQ(file.info(frame).tilt.value_or(99), tilted ? frame - 1 : 99);
-        EXPECT_NEAR(file.info(frame).pixelSize.value_or(0), pixelSize, 10);
+        EXPECT_NEAR(file.info(frame).pixelSize.value_or(0), pixelSize, 1e-5 * pixelSize);
         EXPECT_EQ(file.info(frame).kilovolts.value_or(0), kilovolts);
         const vrk::Frame read = file.read(frame);
         ASSERT_EQ(read.width, kWidth);
@@ -186,13 +205,33 @@ void expectFrames(const FrameFile& file, int count, bool tilted, double pixelSiz
 }
 
 TEST(BinaryReaders, StacksWithWhatTheirHeadersSay) {
+    using enum vrk::PixelType;
     const TemporaryFolder folder;
-    for (const int version : {3, 4})
-        expectFrames(
-            *FrameFile::open(folder.write("a.dm" + std::to_string(version), DmBytes(version).bytes())), 3,
-            true, 5e7, 200);
-    for (const bool wide : {false, true})
-        expectFrames(*FrameFile::open(folder.write("a.ser", serBytes(wide, 2))), 2, false, 4e7, 0);
+    const double ofRadian = 1e10 / 0.0250793;  // at 200 kV
+    for (const auto& [contents, tilted, pixelSize] : {
+             std::tuple{DmContents{}, true, 5e7},
+             {{.version = 4, .unit = "A^-1", .code = 4, .type = UInt16}, true, 5e8},
+             {{.unit = "mrad", .third = "nm", .code = 2, .type = Int16}, false, 5e-5 * ofRadian},
+             {{.unit = "rad", .frames = 1, .third = "", .code = 6, .type = Float32}, true, 0.05 * ofRadian},
+             {{.unit = "nm", .frames = 2, .code = 10, .type = UInt8}, true, 0.0},
+             {{.unit = "1/A", .code = 5, .type = UInt32}, true, 5e8},
+             {{.unit = "nm^-1", .code = 7, .type = Float64}, true, 5e7},
+         }) {
+        const auto file = FrameFile::open(folder.write("a.dm", DmBytes(contents).bytes()));
+        SCOPED_TRACE(contents.unit);
+        expectFrames(*file, contents.frames, tilted, pixelSize, 200);
+        EXPECT_EQ(file->info(0).exposure, 0.5);
+    }
+    for (const auto& [wide, edge, code, type] : {std::tuple{false, 4e7, 1, UInt8},
+                                                 {true, -4e7, 2, UInt16},
+                                                 {true, 4e7, 3, UInt32},
+                                                 {false, 4e7, 5, Int16},
+                                                 {true, 4e7, 6, Int32},
+                                                 {true, 4e7, 7, Float32},
+                                                 {true, 2e-10, 8, Float64}})
+        expectFrames(*FrameFile::open(folder.write(
+                         "a.ser", serBytes(wide, 2, edge, static_cast<std::uint16_t>(code), type))),
+                     2, false, edge == 2e-10 ? 0 : 4e7, 0);
     folder.write("a_001.tvips", tvipsFrames(2, 2));
     const auto recording = FrameFile::open(folder.write("a_000.tvips", tvipsHeader() + tvipsFrames(0, 1)));
     expectFrames(*recording, 3, true, 0, 200);
@@ -206,7 +245,7 @@ TEST(BinaryReaders, StacksWithWhatTheirHeadersSay) {
 
 TEST(BinaryReaders, TruncatedStacksKeepTheirCompleteFrames) {
     const TemporaryFolder folder;
-    const std::string dm = DmBytes(3).bytes();
+    const std::string dm = DmBytes({}).bytes();
     const std::string ser = serBytes(true, 3);
     const std::string tvips = tvipsHeader() + tvipsFrames(0, 2);
     for (const auto& [name, bytes, pixelSize, kilovolts] :
@@ -216,7 +255,15 @@ TEST(BinaryReaders, TruncatedStacksKeepTheirCompleteFrames) {
         EXPECT_NE(file->damage().find("truncated"), std::string::npos) << file->damage();
         EXPECT_THROW(FrameFile::open(folder.write(name, bytes.substr(0, 90))), vrk::Failure);
     }
-    EXPECT_THROW(FrameFile::open(folder.write("a.dm3", dm.substr(0, dm.size() / 2))), vrk::Failure);
+    for (const auto& [name, bytes, reason] :
+         {std::tuple{"a.dm3", dm.substr(0, dm.size() / 2), "tags are damaged"},
+          {"a.dm3", DmBytes({.kind = 3}).bytes(), "no image of grey values"},
+          {"a.ser", serBytes(true, 2, 4e7, 9), "complex"},
+          {"a.ser", serBytes(false, 0), "it holds no images"},
+          {"a.ser", ser.substr(0, 45), "the list of its 3 images is not there"},
+          {"a.ser", serBytes(true, 2, 4e7, 7, vrk::PixelType::Float32, 0x4120), "spectra"},
+          {"a.tvips", tvipsHeader(2, 32) + tvipsFrames(0, 1), "32 bits"}})
+        EXPECT_TRUE(failureOf([&] { FrameFile::open(folder.write(name, bytes)); }).says(reason)) << reason;
 }
 
 }  // namespace

@@ -111,6 +111,7 @@ TEST(FrameLists, GiveFramesTheirTiltsAndTheExperiment) {
     const vrk::FrameList sweep =
         vrk::readFrameList(folder.write("XDS.INP", "OSCILLATION_RANGE=1\nSTARTING_FRAME=-9\n"));
     EXPECT_GT(sweep.tiltsFor({"f_9223372036854775807.img", "f_1.img"})[0], 9e18);
+    EXPECT_THROW(listOf("XDS.INP", "DATA_RANGE=1 2\nSTARTING_ANGLE=1\n"), vrk::Failure);
 }
 
 TEST(FrameLists, OrderCountsWhereNamesDoNotFit) {

@@ -42,6 +42,7 @@ struct Expected {
     double kilovolts = 0;
     double axis = 0;
     double rotation = 0;
+    double exposure = 0;
     float white = 0;  ///< not 0: this minus the usual pixels
 };
 
@@ -55,6 +56,7 @@ void expectThreeFrames(const FrameFile& file, const Expected& expected) {
         EXPECT_NEAR(info.kilovolts.value_or(0), expected.kilovolts, 0.01);
         EXPECT_NEAR(info.axis.value_or(0), expected.axis, 1e-9);
         EXPECT_NEAR(info.rotation.value_or(0), expected.rotation, 1e-9);
+        EXPECT_EQ(info.exposure.value_or(0), expected.exposure);
         const vrk::Frame read = file.read(frame);
         ASSERT_EQ(read.width, 5);
         ASSERT_EQ(read.pixels.size(), static_cast<std::size_t>(kPixels));
@@ -74,7 +76,7 @@ TEST(Readers, FilesOfOtherProgramsFromDiskAndFromMemory) {
          {Expected{"uint32.tif"}, Expected{"float64_big_endian.tif"}, Expected{"deflate_bigtiff.tif"},
           Expected{"tiled.tif"}, Expected{.name = "strips.tif", .white = 65535}, Expected{"half.mrc"},
           Expected{"half.mrc.bz2"}, Expected{"uint16.mrc"},
-          Expected{"nexus_master.h5", -0.75, 75e-6 / (0.8 * 0.0251e-10), 199.717, 30, 0.5},
+          Expected{"nexus_master.h5", -0.75, 75e-6 / (0.8 * 0.0251e-10), 199.717, 30, 0.5, 0.1},
           Expected{"angles_last.emd", -1, 5e7}, Expected{"velox.emd", -1, 5e7, 200}, Expected{"plain.h5"},
           Expected{"plain.h5:/scan/counts"}}) {
         SCOPED_TRACE(expected.name);
@@ -88,6 +90,47 @@ TEST(Readers, FilesOfOtherProgramsFromDiskAndFromMemory) {
     EXPECT_THROW(FrameFile::open(kFolder / "plain.h5:/nothing"), vrk::Failure);
 }
 
+/// Files whose units, numbers or marks are others of the same length.
+TEST(Readers, UnitsAndMarksAreUnderstood) {
+    struct Row {
+        const char* name;
+        std::vector<std::array<std::string, 2>> changes;
+        double step;  ///< of the tilts
+        double pixelSize;
+        const char* reason = "";
+    };
+    const double pixel = 75e-6 / (0.8 * 0.0251e-10), radian = 180 / M_PI;
+    for (const Row& row : std::vector<Row>{
+             {"nexus_master.h5", {{"deg", "rad"}}, radian, pixel},
+             {"nexus_master.h5", {{std::string("\0um", 3), std::string("\0mm", 3)}}, 1, 1e3 * pixel},
+             {"nexus_master.h5", {{std::string("\0um", 3), std::string("\0nm", 3)}}, 1, 1e-3 * pixel},
+             {"angles_last.emd", {{"[deg]", "[rad]"}}, radian, 5e7},
+             {"angles_last.emd", {{"[n_m^-1]", " [A^-1] "}}, 1, 5e8},
+             {"angles_last.emd", {{"[n_m^-1]", " [m^-1] "}}, 1, 0.05},
+             {"frame.cbf", {{"Start_angle", "Phi        "}, {"0.8 m", "0.4 m"}}, 0, 2 * pixel},
+             {"frame.cbf", {{"x-CBF_BYTE_OFFSET", "x-CBF_CANONICAL  "}}, 0, 0, "packed in a way"},
+             {"frame.cbf", {{"signed 32-bit integer", "complex 64-bit number"}}, 0, 0, "of the type"},
+             {"frame.cbf", {{"Second-Dimension: 4", "Second-Dimension: 9"}}, 0, 0, "cannot lie in"},
+         }) {
+        SCOPED_TRACE(row.name + row.changes[0][1]);
+        std::string bytes = *contents(kFolder / row.name);
+        for (const auto& [from, to] : row.changes) {
+            ASSERT_NE(bytes.find(from), std::string::npos);
+            for (std::size_t at = 0; (at = bytes.find(from, at)) != std::string::npos; at += to.size())
+                bytes.replace(at, from.size(), to);
+        }
+        std::unique_ptr<FrameFile> file;
+        const FrameSource source(kFolder / row.name, std::make_shared<const std::string>(bytes));
+        EXPECT_TRUE(failureOf([&] { file = FrameFile::open(source); }).says(row.reason));
+        ASSERT_EQ(file == nullptr, *row.reason != 0);
+        if (!file) continue;
+        EXPECT_NEAR(file->info(0).pixelSize.value_or(0), row.pixelSize, 1e-6 * row.pixelSize);
+        if (file->count() > 1) {
+            EXPECT_NEAR(*file->info(1).tilt - *file->info(0).tilt, row.step, 1e-6);
+        }
+    }
+}
+
 TEST(Readers, CbfOfACountingDetector) {
     for (const char* name : {"frame.cbf", "frame.cbf.gz"}) {
         const std::unique_ptr<FrameFile> file = FrameFile::open(kFolder / name);
@@ -95,6 +138,8 @@ TEST(Readers, CbfOfACountingDetector) {
         EXPECT_DOUBLE_EQ(file->info(0).tilt.value(), -0.75);
         EXPECT_DOUBLE_EQ(file->info(0).rotation.value(), 0.5);
         EXPECT_NEAR(file->info(0).pixelSize.value(), 75e-6 / (0.8 * 0.0251e-10), 1);
+        EXPECT_NEAR(file->info(0).kilovolts.value(), 199.717, 0.01);
+        EXPECT_EQ(file->info(0).exposure, 0.095);
         const std::vector<float> pixels = file->read(0).pixels;
         EXPECT_TRUE(std::isnan(pixels[1]));  // marked as dead
         for (int i = 0; i < kPixels; ++i) {

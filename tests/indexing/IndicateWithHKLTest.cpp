@@ -2,9 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <limits>
 
+#include "reflections/ReflexOnGrid.h"
+#include "reflections/TestVolume.h"
+#include "reflections/VolumeMath.h"
 #include "support/RecordingLogObserver.h"
 #include "support/SimulatedReflections.h"
 #include "support/TemporaryFolder.h"
@@ -23,8 +27,8 @@ protected:
         add(m_origin[0] + node[0] + displacement[0], m_origin[1] + node[1] + displacement[1],
             m_origin[2] + node[2] + displacement[2]);
     }
-    int indicate(UnitCell* cell, double tolerance) {
-        return IndicateWithHKL::indicate(nullptr, cell, m_list.get(), m_origin, 2, tolerance, m_result,
+    int indicate(UnitCell* cell, double tolerance, int mode = 2) {
+        return IndicateWithHKL::indicate(nullptr, cell, m_list.get(), m_origin, mode, tolerance, m_result,
                                          &m_out[0], &m_out[1], &m_out[2], &m_out[3], &m_out[4], &m_out[5],
                                          &m_out[6], &m_out[7]);
     }
@@ -73,6 +77,8 @@ TEST_F(IndicateWithHKLTest, ClearsTheIndicesOfAnEarlierRun) {
     ASSERT_EQ(indicate(&good, 0.1), 1);
     UnitCell worse = reciprocalCell({{{10.3, 0.0, 0.0}, {0.0, 12.1, 0.0}, {0.0, 0.0, 15.9}}});
     EXPECT_EQ(indicate(&worse, 0.01), 0);
+    EXPECT_EQ(std::count(m_result, m_result + IndicateWithHKL::kResultSize, 0.0),
+              IndicateWithHKL::kResultSize);
     EXPECT_FALSE((*m_list)[0]->isIndicated());
     EXPECT_TRUE(m_out[0].empty());
 
@@ -123,6 +129,35 @@ TEST_F(IndicateWithHKLTest, WarnsOfCellsThatItUsesAsTheyAreOrConverts) {
         log.has("The cell is not primitiv. They will be converted into a primitiv cell", VRK::Warning));
 }
 
+TEST_F(IndicateWithHKLTest, TellsDisplacementsFoldedAndTakesTheCentreThatItIsTold) {
+    UnitCell sheared = reciprocalCell({{{10, 0, 0}, {9, 12, 0}, {0, 0, 10}}});
+    add(m_origin[0] + 8.55, m_origin[1] + 5.4, m_origin[2]);  // 0.45 along both
+    RecordingLogObserver log;
+    EXPECT_EQ(indicate(&sheared, 0.5), 1);
+    EXPECT_EQ(log.count("Delta_h = 1.45", VRK::Normal), 1);
+    EXPECT_EQ(log.count("Delta_k = 5.4", VRK::Normal), 1);
+    EXPECT_NEAR(m_out[1][0], 8.55, 1e-9);
+    EXPECT_EQ(log.count("", VRK::Warning), 0);
+    const std::unique_ptr<UnitCell> direct(sheared.getReciprocalCell());
+    indicate(direct.get(), 0.5);
+    EXPECT_TRUE(log.has("The cell is a direct-space cell", VRK::Warning));
+
+    // Three voxels in a row, the first of them the brightest: the brightest, the mean, the weighted mean.
+    VolumeMath::setZeroCompareValue(1);
+    const auto volume = makeVolume({9, 9, 9});
+    for (const unsigned x : {2U, 3U, 4U})
+        setVoxel(*volume, x, 5, 6, x == 2 ? 200 : 100);
+    m_list->push_back(new ReflexOnGrid(2, 5, 6, volume.get(), false, nullptr));
+    UnitCell cubic = reciprocalCell({{{1, 0, 0}, {0, 1, 0}, {0, 0, 1}}});
+    std::fill_n(m_origin, 3, 0.0);
+    for (const auto& [mode, x] : {std::pair{1, 2.0}, {2, 3.0}, {3, 2.75}, {0, 3.0}, {4, 3.0}}) {
+        indicate(&cubic, 0.5, mode);
+        EXPECT_NEAR(m_out[1].back(), std::abs(x - std::round(x)), 1e-12) << mode;
+        EXPECT_EQ(m_list->back()->getH(), std::lround(x)) << mode;
+        EXPECT_EQ(m_list->back()->getL(), 6) << mode;
+    }
+}
+
 TEST_F(IndicateWithHKLTest, PlotsRender) {
     if (std::system("gnuplot --version > /dev/null 2>&1") != 0) GTEST_SKIP() << "no gnuplot";
     std::mt19937 random(3);
@@ -142,6 +177,9 @@ TEST_F(IndicateWithHKLTest, PlotsRender) {
         for (const char* extension : {".plt", ".png"})
             EXPECT_TRUE(fs::exists(folder / (std::string(name) + extension))) << name;
 
+    for (const char* axes :
+         {"xlabel 'h'; set ylabel 'k'", "xlabel 'h'; set ylabel 'l'", "xlabel 'k'; set ylabel 'l'"})
+        EXPECT_NE(own.read("indexing 'plots'/hklPlot.plt").find(axes), std::string::npos) << axes;
     RecordingLogObserver log;
     m_list->destroyElements();
     EXPECT_FALSE(IndicateWithHKL::generateEvaluationPlot(m_list.get(), folder.string()));

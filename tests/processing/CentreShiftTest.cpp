@@ -105,60 +105,29 @@ TEST(CentreShift, WeighsOppositePixelsAsThePlainEquationsBitForBit) {
 TEST(CentreShift, FindsTheBeamToATenthOfAPixel) {
     struct Case {
         const char* name;
-        void (*change)(simulated::PatternSettings&);
+        simulated::PatternSettings settings;
         std::array<double, 3> sums;  ///< of x, y and errors: where the centres have been found so far
         double limit = 0.1;
     };
     const std::vector<Case> cases = {
-        {"beam and halo", [](auto&) {}, {1056.487, 996.375, 0.05633}},
-        {"saturated",
-         [](auto& s) {
-             s.beam = 2e5;
-             s.saturation = 3000;
-         },
-         {1056.471, 996.310, 0.08785}},
-        {"weak beam",
-         [](auto& s) {
-             s.beam = 100;
-             s.halo = 40;
-         },
-         {1056.564, 996.292, 0.17784}},
-        {"beam without halo", [](auto& s) { s.halo = 0; }, {1056.477, 996.364, 0.05480}},
-        {"hardly any background", [](auto& s) { s.background = 0.3; }, {1056.484, 996.360, 0.05427}},
-        {"reflections brighter than the beam",
-         [](auto& s) {
-             s.spots = 20000;
-             s.beam = 1000;
-             s.halo = 300;
-         },
-         {1056.429, 996.386, 0.16238}},
-        {"beam stop", [](auto& s) { s.beamStopWidth = 24; }, {1056.457, 996.340, 0.20818}},
-        {"beam stop, halo to one side",
-         [](auto& s) {
-             s.beamStopWidth = 24;
-             s.slope = 0.3;
-         },
+        {"beam and halo", {}, {1056.487, 996.375, 0.05633}},
+        {"saturated", {.beam = 2e5, .saturation = 3000}, {1056.471, 996.310, 0.08785}},
+        {"weak beam", {.halo = 40, .beam = 100}, {1056.564, 996.292, 0.17784}},
+        {"beam without halo", {.halo = 0}, {1056.477, 996.364, 0.05480}},
+        {"hardly any background", {.background = 0.3}, {1056.484, 996.360, 0.05427}},
+        {"bright reflections", {.halo = 300, .beam = 1000, .spots = 2e4}, {1056.429, 996.386, 0.16238}},
+        {"beam stop", {.beamStopWidth = 24}, {1056.457, 996.340, 0.20818}},
+        {"beam stop, a halo to one side",
+         {.slope = 0.3, .beamStopWidth = 24},
          {1056.434, 996.346, 0.21723},
          0.12},
-        {"beam stop and no halo",
-         [](auto& s) {
-             s.beamStopWidth = 20;
-             s.halo = 0;
-         },
-         {1056.480, 996.332, 0.20344}},
-        {"reflections only",
-         [](auto& s) {
-             s.beam = 0;
-             s.halo = 0;
-         },
-         {1056.491, 996.369, 0.16821}},
+        {"beam stop and no halo", {.halo = 0, .beamStopWidth = 20}, {1056.480, 996.332, 0.20344}},
+        {"reflections only", {.halo = 0, .beam = 0}, {1056.491, 996.369, 0.16821}},
     };
     constexpr unsigned kPatterns = 8;
     double squares = 0, measured = 0;
     for (const Case& c : cases) {
-        simulated::PatternSettings settings;
-        c.change(settings);
-        const auto series = driftingSeries(settings, kPatterns);
+        const auto series = driftingSeries(c.settings, kPatterns);
         RecordingLogObserver log;
         const auto result = centre(series.get());
         const std::vector<Found> centres = centresOf(log);
@@ -168,7 +137,7 @@ TEST(CentreShift, FindsTheBeamToATenthOfAPixel) {
             sums[0] += centres[i].x;
             sums[1] += centres[i].y;
             sums[2] += centres[i].error;
-            const Truth truth = drifting(i, settings.size);
+            const Truth truth = drifting(i, c.settings.size);
             const double off = std::hypot(centres[i].x - truth.x, centres[i].y - truth.y);
             EXPECT_LT(off, c.limit) << c.name << ", pattern " << i << ' ' << centres[i].how << ' '
                                     << centres[i].error;

@@ -175,14 +175,28 @@ TEST(Library, StopsWhenItIsAskedTo) {
 
 TEST(Library, RefusesOptionsThatNoCommandLineChecked) {
     const double none = std::numeric_limits<double>::quiet_NaN();
-    const std::vector<std::function<void(vrk::RunOptions&)>> wrong = {
+    std::vector<std::function<void(vrk::RunOptions&)>> wrong = {
         [&](auto& o) { o.pixelSize = none; },      [&](auto& o) { o.kiloVolts = -200; },
-        [&](auto& o) { o.axis.angle = none; },     [&](auto& o) { o.search.threshold = none; },
-        [&](auto& o) { o.search.maxVoxels = 0; },  [&](auto& o) { o.cell.eps = 0; },
-        [&](auto& o) { o.cell.minPoints = 0; },    [&](auto& o) { o.cell.refineClusters = 101; },
+        [&](auto& o) { o.axis.angle = none; },     [&](auto& o) { o.axis.accuracy = 5.1; },
+        [&](auto& o) { o.centre.x = none; },       [&](auto& o) { o.centre.y = none; },
         [&](auto& o) { o.intensities.dMin = -1; }, [&](auto& o) { o.intensities.gain = 0; },
-        [&](auto& o) { o.crystals = 0; },
+        [&](auto& o) { o.cell.minPoints = 0; },    [&](auto& o) { o.cell.gridSize = 51; },
+        [&](auto& o) { o.search.maxVoxels = 0; },  [&](auto& o) { o.search.minVoxels = -1; },
+        [&](auto& o) { o.search.centre = 4; },     [&](auto& o) { o.crystals = 10; },
     };
+    using S = vrk::SearchOptions;
+    using C = vrk::CellOptions;
+    for (const auto& [member, value] :
+         {std::pair{&S::threshold, none}, {&S::zeroBeam, -1.0}, {&S::resolution, -1.0}})
+        wrong.emplace_back([m = member, v = value](auto& o) { o.search.*m = v; });
+    for (const auto& [member, value] : {std::pair{&C::minLength, -1.0},
+                                        {&C::maxLength, 0.0},
+                                        {&C::eps, 0.0},
+                                        {&C::refineClusters, 101.0},
+                                        {&C::angleA, 181.0},
+                                        {&C::angleB, 181.0},
+                                        {&C::detLimit, none}})
+        wrong.emplace_back([m = member, v = value](auto& o) { o.cell.*m = v; });
     for (std::size_t i = 0; i < wrong.size(); ++i) {
         vrk::RunOptions options = quick();
         wrong[i](options);

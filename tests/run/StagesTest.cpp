@@ -1,6 +1,7 @@
 // Noise, levels and the level that gives the lattice.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <functional>
 #include <random>
@@ -85,7 +86,7 @@ TEST(RecordedCounts, ComeAgainFromTheFileAsTheyAreKept) {
     const auto frames = blank(60, 48, 7);
     std::mt19937 random(5);
     std::poisson_distribution<int> counts(40);
-    frames->m_Header = vrk::tiltSeriesHeader(60, 48, {-10, -7, -4, -1, 2, 5, 8}, 1e8, "made");
+    frames->m_Header = vrk::tiltSeriesHeader(60, 48, {-80, 5, 6, 7, 8, 9, 10}, 1e8, "made");
     for (unsigned z = 0; z < 7; ++z) {
         short* pixels = frames->GetChunkPointer(z);
         for (unsigned i = 0; i < 60 * 48; ++i)
@@ -107,6 +108,8 @@ TEST(RecordedCounts, ComeAgainFromTheFileAsTheyAreKept) {
     const std::size_t warnings = session.warnings().size();
     read.restore(session);
     EXPECT_EQ(session.warnings().size(), warnings) << "what the series lacks was told";
+    EXPECT_TRUE(std::ranges::any_of(
+        session.warnings(), [](const auto& text) { return text.starts_with("there is a gap of 85"); }));
     const VoxMRCData& one = *kept.counts.frames;
     ASSERT_EQ(read.frames->GetDepth(), 7U);
     ASSERT_EQ(read.frames->GetChunkSize(), 60U * 60U) << "square";
@@ -115,7 +118,7 @@ TEST(RecordedCounts, ComeAgainFromTheFileAsTheyAreKept) {
                                read.frames->GetChunkPointer(z)))
             << z;
     EXPECT_LT(one.GetChunkPointer(3)[60 * 26 + 33], 100) << "without hot spots";
-    EXPECT_EQ(read.frames->m_Header.tilt(6), 8.0F);
+    EXPECT_EQ(read.frames->m_Header.tilt(6), 10.0F);
 
     auto late = vrk::centre(vrk::loadSeries(path, {}, session), middle, true, session).counts;
     std::filesystem::resize_file(path, std::filesystem::file_size(path) - 2);
