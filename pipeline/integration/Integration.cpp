@@ -379,7 +379,7 @@ bool Integrator::mayTurn(const SpotPrediction& prediction, std::span<const Measu
     const double still = 0.01 + curveMisfit(m_geometry, m_rocking, prediction, measured).mean;
     RockingModel trial = m_rocking;
     trial.mode = RotationMode::Continuous;
-    for (int i = 0; i < 12; ++i, trial.width *= 0.995)
+    for (int i = 0; i < 6; ++i, trial.width *= 0.99)
         if (curveMisfit(turning, trial, prediction, measured).mean < still) return true;
     return false;
 }
