@@ -68,11 +68,17 @@ Matrix3d turnAt(const ExperimentDescription& experiment, double tilt) {
     return pitched * Eigen::AngleAxisd(tilt * kDegree, Vector3d::UnitX()).toRotationMatrix() * toLaboratory;
 }
 
+/// Of the tilt axis in the frames, from their horizontal with rows upwards, degrees.
+double axisPosition(const ExperimentDescription& experiment) {
+    return std::remainder(-90 - experiment.axisAngle, 360);
+}
+
 /// What stands before the list of virtual frames: cell, orientation and how the frames were taken.
 std::string dynamicalHead(const ExperimentDescription& e, int merged, int step) {
     const auto& c = e.cell;
     const Matrix3d start = e.laboratory().transpose() * e.reciprocal;
-    std::string text = "data_vrk\n";
+    std::string text = "data_pets\n";
+    append(text, "_audit_creation_method 'vrk %s'\n", VRK::kVersion);
     const std::array<const char*, 6> names = {"length_a",    "length_b",   "length_c",
                                               "angle_alpha", "angle_beta", "angle_gamma"};
     for (std::size_t i = 0; i < 6; ++i)
@@ -82,14 +88,13 @@ std::string dynamicalHead(const ExperimentDescription& e, int merged, int step) 
     for (int i = 0; i < 3; ++i)
         for (int j = 0; j < 3; ++j)
             append(text, "_diffrn_orient_matrix_UB_%d%d %.7f\n", i + 1, j + 1, start(i, j));
-    // From the horizontal of the frames, rows upwards.
-    const double omega = std::remainder(-90 - e.axisAngle, 360);
-    append(text, "_diffrn_pets_omega %.3f\n", omega);
+    // The angles of the virtual frames contain it.
+    text += "_diffrn_pets_omega 0.00000\n";
     append(text,
            "_diffrn_measurement_details\n;\ndata collection geometry: %s\ndstarmax: %.3f\nRC width: %.5f\n"
            "mosaicity: %.3f\nrotation axis position: %.3f\n",
            e.precession > 0 ? "precession" : (e.continuous ? "continuous rotation" : "static"),
-           e.dMin > 0 ? 1 / e.dMin : 0.0, e.rockingWidth, e.mosaicity, omega);
+           e.dMin > 0 ? 1 / e.dMin : 0.0, e.rockingWidth, e.mosaicity, axisPosition(e));
     append(text,
            "Virtual frame settings: number of merged frames: %d\n"
            "                        step between frames: %d\n"
@@ -118,13 +123,13 @@ void appendZoneAxis(std::string& text, const ExperimentDescription& e, const Vir
     const GoniometerAngles angles = anglesOf(toLaboratory * e.laboratory());
     // Components along a, b, c of a direction are its products with a*, b*, c*.
     Vector3d beam = e.reciprocal.transpose() * (toLaboratory.transpose() * Vector3d::UnitZ());
-    beam.normalize();
+    beam /= beam.cwiseAbs().maxCoeff();
     const int frames = frame.end - frame.first;
     double scale = 0;
     for (int f = frame.first; f < frame.end; ++f)
         scale += e.scales.empty() ? 1.0 / frames : e.scales[static_cast<std::size_t>(f)] / frames;
     append(text, "%d %.5f %.5f %.5f %.4f %.4f %.4f %.4f %.4f\n", id, beam.x(), beam.y(), beam.z(), frame.half,
-           angles.alpha, angles.beta, angles.omega, scale);
+           angles.alpha, angles.beta, std::remainder(axisPosition(e) + angles.omega, 360), scale);
 }
 
 struct VirtualIntensity {

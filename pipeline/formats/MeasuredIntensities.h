@@ -89,11 +89,13 @@ void writeXdsAscii(const ExperimentDescription& experiment, std::span<const Meas
 void writeFrameTable(std::span<const FrameIntensity> intensities, const std::filesystem::path& path);
 
 /// The form in which programs for dynamical refinement take intensities by virtual frames: sums over several
-/// frames, each with the direction of the beam in the crystal (u, v, w of the direct lattice), half the
-/// rotation that it covers, and the angles of the crystal. The laboratory frame has x along the tilt axis and
-/// z against the beam; at a frame the crystal stands as Rz(omega) Rx(alpha) Ry(beta) times the UB matrix
-/// says. A reflection is listed in the virtual frames in which it passes the Ewald sphere; those that are not
-/// well inside are for the refinement to leave out. (P. B. Klar et al., Nature Chemistry 15 (2023) 848,
+/// frames, each with the direction of the beam in the crystal (u, v, w of the direct lattice, the largest of
+/// them 1 or -1), half the rotation that it covers, and the angles of the crystal. The UB matrix belongs to
+/// the laboratory frame, x along the tilt axis and z against the beam; on a frame, whose horizontal is x, the
+/// crystal stands as Rz(omega) Rx(alpha) Ry(beta) times the matrix says. So omega is where the tilt axis lies
+/// in the frame, and readers that rock the crystal about that axis turn it the way that it turned. A
+/// reflection is listed in the virtual frames in which it passes the Ewald sphere; those that are not well
+/// inside are for the refinement to leave out. (P. B. Klar et al., Nature Chemistry 15 (2023) 848,
 /// doi:10.1038/s41557-023-01186-1, for virtual frames.)
 /// \param merged  frames in a virtual one
 /// \param step    between virtual frames, in frames

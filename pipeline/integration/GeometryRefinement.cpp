@@ -727,15 +727,15 @@ GeometryFit refineGeometry(const SeriesGeometry& start, const RockingModel& rock
     return Refiner(start, rocking, prediction, measured, centroids, options).fit();
 }
 
-double curveMisfit(const SeriesGeometry& geometry, const RockingModel& rocking,
-                   const SpotPrediction& prediction, std::span<const MeasuredSpot> measured) {
+CurveMisfit curveMisfit(const SeriesGeometry& geometry, const RockingModel& rocking,
+                        const SpotPrediction& prediction, std::span<const MeasuredSpot> measured,
+                        std::size_t most) {
     constexpr double kError = 0.05;
-    constexpr std::size_t kCurves = 400;
     std::vector<std::uint32_t> strong;
     for (std::uint32_t i = 0; i < prediction.reflections.size(); ++i)
         if (prediction.reflections[i].spotCount > 1 && isStrongCurve(prediction.reflections[i], measured))
             strong.push_back(i);
-    const std::size_t step = strong.size() / kCurves + 1;
+    const std::size_t step = strong.size() / most + 1;
     std::vector<FrameView> views;
     for (const FramePose& frame : geometry.frames)
         views.emplace_back(geometry, frame);
@@ -769,7 +769,7 @@ double curveMisfit(const SeriesGeometry& geometry, const RockingModel& rocking,
         misfit += square;
         freedom += reflection.spotCount - 1.0;
     }
-    return freedom > 0 ? misfit / freedom : 0;
+    return {freedom > 0 ? misfit / freedom : 0, freedom};
 }
 
 }  // namespace vrk

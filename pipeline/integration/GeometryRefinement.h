@@ -82,10 +82,16 @@ GeometryFit refineGeometry(const SeriesGeometry& start, const RockingModel& rock
                            const SpotPrediction& prediction, std::span<const MeasuredSpot> measured,
                            std::span<const SpotCentroid> centroids, const GeometryOptions& options = {});
 
-/// The mean square deviation of the counts of up to 800 strong reflections from their rocking curves, in
-/// units of their variance and a relative error of 5 %; deviations are limited to six. Tells models of the
-/// curves apart.
-double curveMisfit(const SeriesGeometry& geometry, const RockingModel& rocking,
-                   const SpotPrediction& prediction, std::span<const MeasuredSpot> measured);
+struct CurveMisfit {
+    double mean = 0;     ///< square deviation
+    double freedom = 0;  ///< over which it is the mean
+};
+
+/// The mean square deviation of the counts of strong reflections, hardly more than \p most, from their
+/// rocking curves, in units of their variance and a relative error of 5 %; deviations are limited to six.
+/// Tells models of the curves apart.
+CurveMisfit curveMisfit(const SeriesGeometry& geometry, const RockingModel& rocking,
+                        const SpotPrediction& prediction, std::span<const MeasuredSpot> measured,
+                        std::size_t most = 400);
 
 }  // namespace vrk

@@ -41,6 +41,10 @@ constexpr double kPoorCurves = 4;
 constexpr double kImperfectCurves = 1;
 constexpr double kBetterWithGaps = 0.85;
 constexpr double kFirstRotationPart = 0.6;
+/// A turn by less than this part of the step cannot be told from none.
+constexpr double kShortestTurn = 0.15;
+/// By so much the squares must be smaller when frames that seem to stand still are taken to turn.
+constexpr double kShortTurnEvidence = 8;
 /// Gaps that are told are more than this part of a step.
 constexpr double kToldGap = 0.03;
 /// A gain that is told must explain the noise of the background within this factor: electrons that spread
@@ -154,6 +158,11 @@ private:
     bool isStated(RotationMode mode) const;
     void tellContradiction(double misfit);
     double bestPrecession(const SpotPrediction& prediction, std::span<const MeasuredSpot> measured);
+    CurveMisfit fullMisfit(const SpotPrediction& prediction, std::span<const MeasuredSpot> measured,
+                           std::span<const SpotCentroid> centroids, bool mosaic) const;
+    bool mayTurn(const SpotPrediction& prediction, std::span<const MeasuredSpot> measured) const;
+    void lookForShortTurns(const SpotPrediction& prediction, std::span<const MeasuredSpot> measured,
+                           std::span<const SpotCentroid> centroids);
     double bestRotation(const SpotPrediction& prediction, std::span<const MeasuredSpot> measured,
                         std::span<const SpotCentroid> centroids);
     double improveRotation(SeriesGeometry geometry, const SpotPrediction& prediction,
@@ -331,7 +340,66 @@ double Integrator::fittedMisfit(const SpotPrediction& prediction, std::span<cons
     options.optional = options.tilts = false;
     const GeometryFit fit = refineGeometry(m_geometry, m_rocking, prediction, measured, centroids, options);
     m_rocking = fit.rocking;
-    return curveMisfit(fit.geometry, fit.rocking, prediction, measured);
+    return curveMisfit(fit.geometry, fit.rocking, prediction, measured).mean;
+}
+
+/// Of all strong curves, in a geometry that is refined for the model, and with the mosaicity that fits best,
+/// where it is wanted.
+CurveMisfit Integrator::fullMisfit(const SpotPrediction& prediction, std::span<const MeasuredSpot> measured,
+                                   std::span<const SpotCentroid> centroids, bool mosaic) const {
+    GeometryOptions options;
+    options.optional = options.tilts = false;
+    const GeometryFit fit = refineGeometry(m_geometry, m_rocking, prediction, measured, centroids, options);
+    const auto misfitOf = [&](const RockingModel& rocking) {
+        return curveMisfit(fit.geometry, rocking, prediction, measured, prediction.reflections.size());
+    };
+    CurveMisfit best = misfitOf(fit.rocking);
+    RockingModel found = fit.rocking;
+    for (double part = 0.03; mosaic && part < 0.13; part += 0.03) {
+        const double before = best.mean;
+        RockingModel trial = found;
+        trial.mosaicity = std::hypot(fit.rocking.mosaicity, part * m_geometry.frames.front().rotation);
+        for (int i = 0; i < 8; ++i, trial.width *= 0.994) {
+            const CurveMisfit misfit = misfitOf(trial);
+            if (misfit.mean >= best.mean) continue;
+            best = misfit;
+            found = trial;
+        }
+        if (best.mean == before) break;
+    }
+    return best;
+}
+
+/// Whether some curves are hardly worse for a turn by a fifth of the step: those of frames that stand still
+/// are.
+bool Integrator::mayTurn(const SpotPrediction& prediction, std::span<const MeasuredSpot> measured) const {
+    SeriesGeometry turning = m_geometry;
+    for (FramePose& pose : turning.frames)
+        pose.rotation *= 0.2;
+    const double still = 0.01 + curveMisfit(m_geometry, m_rocking, prediction, measured).mean;
+    RockingModel trial = m_rocking;
+    trial.mode = RotationMode::Continuous;
+    for (int i = 0; i < 6; ++i, trial.width *= 0.99)
+        if (curveMisfit(turning, trial, prediction, measured).mean < still) return true;
+    return false;
+}
+
+/// Frames that turn by a small part of a step have nearly the curves of still ones, and yet other shares: all
+/// curves together tell.
+void Integrator::lookForShortTurns(const SpotPrediction& prediction, std::span<const MeasuredSpot> measured,
+                                   std::span<const SpotCentroid> centroids) {
+    const SeriesGeometry geometry = m_geometry;
+    const RockingModel still = m_rocking;
+    // A mosaic crystal has broader curves, too.
+    const CurveMisfit without = fullMisfit(prediction, measured, centroids, true);
+    m_rocking.mode = RotationMode::Continuous;
+    bestRotation(prediction, measured, centroids);
+    const CurveMisfit with = fullMisfit(prediction, measured, centroids, false);
+    const double gain = (without.mean - with.mean) * with.freedom / std::max(with.mean, 1.0);
+    if (*m_rotationPart >= kShortestTurn && gain > kShortTurnEvidence) return;
+    m_geometry = geometry;
+    m_rocking = still;
+    m_rotationPart.reset();
 }
 
 void Integrator::tellContradiction(double misfit) {
@@ -373,7 +441,7 @@ double Integrator::improveRotation(SeriesGeometry geometry, const SpotPrediction
         trial.width = width;
         for (FramePose& pose : geometry.frames)
             pose.rotation = trialPart * m_input.geometry.frames.front().rotation;
-        const double misfit = curveMisfit(geometry, trial, prediction, measured);
+        const double misfit = curveMisfit(geometry, trial, prediction, measured).mean;
         if (misfit >= found) return;
         found = misfit;
         part = trialPart;
@@ -403,7 +471,7 @@ double Integrator::bestPrecession(const SpotPrediction& prediction, std::span<co
         trial.mode = RotationMode::Precession;
         trial.precession = precession;
         trial.width = width;
-        const double misfit = curveMisfit(m_geometry, trial, prediction, measured);
+        const double misfit = curveMisfit(m_geometry, trial, prediction, measured).mean;
         if (misfit > found) return;
         found = misfit;
         m_rocking = trial;
@@ -470,6 +538,10 @@ void Integrator::refine() {
         if (round == 1 && m_options.mode == RotationMode::Precession && !(m_options.precession > 0))
             bestPrecession(prediction, measured);
 
+        const bool seemsStill =
+            m_rocking.mode == RotationMode::Stepwise && !m_options.mode && !m_input.stated;
+        if (round > 0 && seemsStill && mayTurn(prediction, measured))
+            lookForShortTurns(prediction, measured, centroids);
         if (round > 1 && m_rotationPart) improveRotation(m_geometry, prediction, measured, 0.04);
 
         GeometryOptions options;

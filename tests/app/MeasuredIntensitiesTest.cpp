@@ -188,7 +188,7 @@ TEST_F(MeasuredIntensitiesTest, TheTableOfFramesHasALineASpot) {
 TEST_F(MeasuredIntensitiesTest, VirtualFramesAgreeWithThemselves) {
     writeDynamicalCif(experiment, frames, 3, 2, folder / "d.cif_pets");
     const std::string text = folder.read("d.cif_pets");
-    for (const char* part : {"_cell_angle_beta 103.00000\n", "_diffrn_pets_omega -130.000\n",
+    for (const char* part : {"data_pets\n", "_cell_angle_beta 103.00000\n", "_diffrn_pets_omega 0.00000\n",
                              "geometry: continuous rotation\ndstarmax: 0.556\n",
                              "mosaicity: 0.200\nrotation axis position: -130.000\n",
                              "merged frames: 3\n                        step between frames: 2\n"})
@@ -212,6 +212,7 @@ TEST_F(MeasuredIntensitiesTest, VirtualFramesAgreeWithThemselves) {
         for (std::size_t i = 0; i < 8; ++i)
             value[i] = std::stod(row[i]);
         EXPECT_EQ(value[3], 3) << "half of three frames";
+        EXPECT_EQ(std::max({std::abs(value[0]), std::abs(value[1]), std::abs(value[2])}), 1);
         EXPECT_NEAR(value[7], 1.01 + 0.02 * static_cast<double>(zones.size()), 1e-4);
         const Eigen::Matrix3d turn = (Eigen::AngleAxisd(value[6] * vrk::kDegree, Eigen::Vector3d::UnitZ()) *
                                       Eigen::AngleAxisd(value[4] * vrk::kDegree, Eigen::Vector3d::UnitX()) *
@@ -220,6 +221,14 @@ TEST_F(MeasuredIntensitiesTest, VirtualFramesAgreeWithThemselves) {
         zones.push_back({{value[0], value[1], value[2]}, value[3] * vrk::kDegree, turn});
     }
     EXPECT_EQ(zones.size(), 15U);
+    const double position = -130 * vrk::kDegree;
+    for (std::size_t i = 1; i < zones.size(); ++i) {
+        const Eigen::AngleAxisd turned(Eigen::Matrix3d(zones[i].turn * zones[i - 1].turn.transpose()));
+        EXPECT_NEAR((turned.axis() * turned.angle() / vrk::kDegree -
+                     4 * Eigen::Vector3d(std::cos(position), std::sin(position), 0))
+                        .norm(),
+                    0, 1e-3);
+    }
     const Eigen::Matrix3d direct = ub.inverse().transpose();
     int listed = 0;
     for (const auto row : block.find("_refln_", {"index_h", "index_k", "index_l", "zone_axis_id",
