@@ -213,6 +213,15 @@ void flagCovered(IntegrationResult& integration, const std::vector<SeenSpot>& ot
     }
 }
 
+/// A start for the same lattice on other reflections.
+LatticeChoice latticeOf(const Indexed& answer) {
+    LatticeChoice choice;
+    choice.best.lattice = answer.lattice();
+    choice.best.score = answer.evidence.score;
+    choice.sense = answer.refined.decided ? answer.refined.sense : 0;
+    return choice;
+}
+
 /// Of the indices of a part of a split crystal: what lies farther off belongs to the other part.
 double toleranceOfPart(const Lattice& part) {
     constexpr double kReach = 2.0;  // voxels
@@ -248,10 +257,7 @@ std::optional<Indexed> partOf(const Indexed& first, const Recording& recording, 
 std::optional<Indexed> onWeakerReflections(const Indexed& first, const Recording& recording,
                                            Session& session) {
     if (!first.weaker) return std::nullopt;
-    LatticeChoice choice;
-    choice.best.lattice = first.lattice();
-    choice.best.score = first.evidence.score;
-    choice.sense = first.refined.decided ? first.refined.sense : 0;
+    const LatticeChoice choice = latticeOf(first);
     const QuietLog quiet(session, QuietLog::Keep::InLogAlone);
     std::optional<Indexed> answer = indexed(*first.weaker, choice, recording, session);
     if (!answer || !areAlike(first.lattice().basis, answer->lattice().basis) ||
@@ -296,6 +302,22 @@ std::vector<Eigen::Vector3d> placesBy(const Indexed& answer, const Level& level,
     return places;
 }
 
+/// Indexes the whole level with the lattice of an answer that a part of it gave.
+void indexLevel(Indexed& answer, double tolerance, const Recording& recording) {
+    RefinedPositions& refined = answer.refined;
+    refined.positions = placesBy(answer, answer.level, recording);
+    std::vector<FitPoint> points;
+    for (const Eigen::Vector3d& place : refined.positions)
+        points.push_back({place});
+    refined.indices.assign(points.size(), {});
+    indexPoints(points, answer.lattice(), tolerance, refined.indices);
+    const auto onNodes = std::count_if(refined.indices.begin(), refined.indices.end(),
+                                       [](const Indices& hkl) { return hkl[0] != kNotIndexed; });
+    refined.lattice.reflections = static_cast<int>(points.size());
+    refined.lattice.indexed = static_cast<int>(onNodes);
+    answer.evidence.indexedShare = refined.lattice.fraction();
+}
+
 /// How many numbers the ties of the answer leave free: fewer are more symmetry.
 Eigen::Index freeNumbers(const Indexed& answer) {
     Matrix34 model;
@@ -313,10 +335,7 @@ std::optional<Indexed> onOwnReflections(const Indexed& first, const std::vector<
     constexpr std::size_t kFewestOwn = 100;
     Level own = ownReflections(first, others);
     if (own.reflections.size() < kFewestOwn) return std::nullopt;
-    LatticeChoice choice;
-    choice.best.lattice = first.lattice();
-    choice.best.score = first.evidence.score;
-    choice.sense = first.refined.decided ? first.refined.sense : 0;
+    LatticeChoice choice = latticeOf(first);
     choice.tolerance = tolerance;
     const QuietLog quiet(session, QuietLog::Keep::InLogAlone);
     std::optional<Indexed> answer = indexed(std::move(own), choice, recording, session);
@@ -326,18 +345,7 @@ std::optional<Indexed> onOwnReflections(const Indexed& first, const std::vector<
     answer->level = first.level;
     answer->weaker = first.weaker;
     answer->cellThreshold = first.cellThreshold;
-    RefinedPositions& refined = answer->refined;
-    refined.positions = placesBy(*answer, answer->level, recording);
-    std::vector<FitPoint> points;
-    for (const Eigen::Vector3d& place : refined.positions)
-        points.push_back({place});
-    refined.indices.assign(points.size(), {});
-    indexPoints(points, answer->lattice(), tolerance, refined.indices);
-    refined.lattice.reflections = static_cast<int>(points.size());
-    refined.lattice.indexed =
-        static_cast<int>(std::count_if(refined.indices.begin(), refined.indices.end(),
-                                       [](const Indices& hkl) { return hkl[0] != kNotIndexed; }));
-    answer->evidence.indexedShare = refined.lattice.fraction();
+    indexLevel(*answer, tolerance, recording);
     answer->evidence.rivalEvidence = first.evidence.rivalEvidence;
     answer->evidence.rival = first.evidence.rival;
     return answer;
@@ -350,9 +358,7 @@ void takeTypeOf(const Indexed& first, Indexed& other, const Recording& recording
     constexpr double kAsMany = 0.98;
     const LATTICE::BravaisTypes type = first.symmetry().bravaisType;
     if (other.symmetry().bravaisType == type) return;
-    LatticeChoice choice;
-    choice.best.lattice = other.lattice();
-    choice.best.score = other.evidence.score;
+    LatticeChoice choice = latticeOf(other);
     choice.sense = other.refined.sense;
     choice.type = type;
     const QuietLog quiet(session, QuietLog::Keep::InLogAlone);
