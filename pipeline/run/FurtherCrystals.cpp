@@ -3,11 +3,14 @@
 #include <Eigen/LU>
 #include <algorithm>
 #include <cmath>
+#include <span>
 #include <utility>
 
+#include "indexing/EwaldCurvature.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/Median.h"
 #include "pipeline/latticesearch/FurtherLattice.h"
+#include "pipeline/run/SymmetryChoice.h"
 
 namespace vrk {
 namespace {
@@ -18,19 +21,25 @@ constexpr std::size_t kFewestLeft = 30;
 constexpr std::ptrdiff_t kFewestReduced = 20;
 /// Reflections within so many standard deviations of a coordinate belong to a node.
 constexpr double kBelongs = 4.0;
+/// Of the fractional indices, but those of a part of a split crystal.
+constexpr double kTolerance = 0.25;
 
-/// Which reflections lie on the nodes of a lattice. Tighter than the tolerance of the indices, within which
-/// one in eight reflections of any other crystal lies.
-std::vector<bool> claimedBy(const RefinedPositions& refined) {
-    const Lattice& lattice = refined.lattice.lattice;
+/// Which places lie on the nodes of a lattice. Tighter than the tolerance of the indices, within which one in
+/// eight reflections of any other crystal lies.
+std::vector<bool> claimedBy(const RefinedLattice& refined, std::span<const Eigen::Vector3d> places) {
+    const Lattice& lattice = refined.lattice;
     const double limit =
-        std::clamp(kBelongs * refined.lattice.sigma, 1.0, 0.3 * std::max(lattice.shortestEdge(), 3.5));
+        std::clamp(kBelongs * refined.sigma, 1.0, 0.3 * std::max(lattice.shortestEdge(), 3.5));
     const Eigen::Matrix3d inverse = lattice.basis.inverse();
     std::vector<bool> claimed;
-    claimed.reserve(refined.positions.size());
-    for (const Eigen::Vector3d& position : refined.positions)
-        claimed.push_back(distanceToNode(position, lattice, inverse) <= limit);
+    claimed.reserve(places.size());
+    for (const Eigen::Vector3d& place : places)
+        claimed.push_back(distanceToNode(place, lattice, inverse) <= limit);
     return claimed;
+}
+
+std::vector<bool> claimedBy(const RefinedPositions& refined) {
+    return claimedBy(refined.lattice, refined.positions);
 }
 
 std::vector<double> intensitiesOf(const Level& level) {
@@ -123,9 +132,16 @@ std::optional<Indexed> indexed(Level level, const LatticeChoice& choice, const R
     try {
         return indexRecorded(std::move(levels), choice, recording, session);
     } catch (const Failure& failure) {
-        if (failure.kind() != FailureKind::NothingFound) throw;
+        const bool isOtherType = choice.type && failure.kind() == FailureKind::Usage;
+        if (failure.kind() != FailureKind::NothingFound && !isOtherType) throw;
         return std::nullopt;
     }
+}
+
+/// Whether there is a crystal, whatever an ellipse that nobody knows does to its edges and angles.
+bool isCrystal(LatticeEvidence evidence) {
+    evidence.ellipseUnknown = false;
+    return verdictOn(evidence).lattice != Confidence::Low;
 }
 
 /// The next crystal; nothing where there is none.
@@ -141,7 +157,7 @@ std::optional<FurtherCrystal> nextCrystal(const Indexed& first, const Remainder&
     choice.best = found->candidate;
     choice.sense = first.refined.decided ? first.refined.sense : 0;
     std::optional<Indexed> answer = indexed(left.level(), choice, recording, session);
-    if (!answer || answer->verdict.lattice == Confidence::Low) return std::nullopt;
+    if (!answer || !isCrystal(answer->evidence)) return std::nullopt;
     FurtherCrystal crystal{std::move(*answer), false, {}, 0.0, 0.0, {}};
     crystal.turn = turnBetween(first.lattice().basis, crystal.indexed.lattice().basis);
     crystal.sameCell = crystal.turn.has_value();
@@ -152,7 +168,7 @@ std::optional<FurtherCrystal> nextCrystal(const Indexed& first, const Remainder&
 bool standsAlone(const Indexed& indexed) {
     LatticeEvidence evidence = indexed.evidence;
     evidence.elsewhere = 1.0 - std::min(evidence.indexedShare.value_or(1.0), evidence.score.fraction());
-    return verdictOn(evidence).lattice != Confidence::Low;
+    return isCrystal(evidence);
 }
 
 /// Where and when a reflection is seen.
@@ -197,11 +213,25 @@ void flagCovered(IntegrationResult& integration, const std::vector<SeenSpot>& ot
     }
 }
 
+/// A start for the same lattice on other reflections.
+LatticeChoice latticeOf(const Indexed& answer) {
+    LatticeChoice choice;
+    choice.best.lattice = answer.lattice();
+    choice.best.score = answer.evidence.score;
+    choice.sense = answer.refined.decided ? answer.refined.sense : 0;
+    return choice;
+}
+
+/// Of the indices of a part of a split crystal: what lies farther off belongs to the other part.
+double toleranceOfPart(const Lattice& part) {
+    constexpr double kReach = 2.0;  // voxels
+    return std::min(std::max(kReach / part.shortestEdge(), 0.06), kTolerance);
+}
+
 /// The first crystal anew, as one part of a split one; nothing where its reflections lie close to its nodes
 /// or no part stands out.
 std::optional<Indexed> partOf(const Indexed& first, const Recording& recording, Session& session) {
     constexpr double kScattered = 0.8;  // voxels
-    constexpr double kReach = 2.0;      // voxels
     constexpr double kCloser = 0.75;
     const RefinedLattice& average = first.refined.lattice;
     if (average.rms < kScattered) return std::nullopt;
@@ -214,7 +244,7 @@ std::optional<Indexed> partOf(const Indexed& first, const Recording& recording, 
     choice.best.lattice = *part;
     choice.best.score = scoreLattice(points, *part);
     choice.sense = first.refined.decided ? first.refined.sense : 0;
-    choice.tolerance = std::min(std::max(kReach / part->shortestEdge(), 0.06), choice.tolerance);
+    choice.tolerance = toleranceOfPart(*part);
     const QuietLog quiet(session, QuietLog::Keep::InLogAlone);
     std::optional<Indexed> answer = indexed(first.level, choice, recording, session);
     if (!answer || answer->refined.lattice.sigma > kCloser * average.sigma) return std::nullopt;
@@ -227,10 +257,7 @@ std::optional<Indexed> partOf(const Indexed& first, const Recording& recording, 
 std::optional<Indexed> onWeakerReflections(const Indexed& first, const Recording& recording,
                                            Session& session) {
     if (!first.weaker) return std::nullopt;
-    LatticeChoice choice;
-    choice.best.lattice = first.lattice();
-    choice.best.score = first.evidence.score;
-    choice.sense = first.refined.decided ? first.refined.sense : 0;
+    const LatticeChoice choice = latticeOf(first);
     const QuietLog quiet(session, QuietLog::Keep::InLogAlone);
     std::optional<Indexed> answer = indexed(*first.weaker, choice, recording, session);
     if (!answer || !areAlike(first.lattice().basis, answer->lattice().basis) ||
@@ -242,8 +269,122 @@ std::optional<Indexed> onWeakerReflections(const Indexed& first, const Recording
     return answer;
 }
 
-Crystals searchedFrom(Indexed& first, const LatticeCandidate* rival, const Recording& recording,
-                      const CrystalSearch& how, Session& session) {
+/// Those that lie on the nodes of a first crystal and of no other.
+Level ownReflections(const Indexed& first, const std::vector<FurtherCrystal>& others) {
+    std::vector<bool> own = claimedBy(first.refined);
+    for (const FurtherCrystal& other : others) {
+        const std::vector<bool> shared = claimedBy(other.indexed.refined.lattice, first.refined.positions);
+        for (std::size_t i = 0; i < own.size(); ++i)
+            own[i] = own[i] && !shared[i];
+    }
+    Level result = first.level;
+    result.reflections.clear();
+    for (std::size_t i = 0; i < own.size(); ++i)
+        if (own[i]) result.reflections.push_back(first.level.reflections[i]);
+    return result;
+}
+
+/// Where the reflections of a level lie when curvature and instrument are those of an answer.
+std::vector<Eigen::Vector3d> placesBy(const Indexed& answer, const Level& level, const Recording& recording) {
+    const Lattice& lattice = answer.lattice();
+    const EwaldCurvature curvature(lattice.pixelSize > 0.0 ? recording.space.wavelength : 0.0,
+                                   lattice.pixelSize);
+    std::vector<Eigen::Vector3d> places = level.positions();
+    const std::vector<double> tilts = level.tilts();
+    for (std::size_t i = 0; i < places.size(); ++i)
+        if (answer.instrument.valid)
+            places[i] = answer.instrument.model.toReciprocal(
+                            PatternPlace::of(places[i] - recording.centre, tilts[i])) +
+                        recording.centre;
+        else
+            curvature.correct(places[i].data(), lattice.origin.data(), tilts[i], answer.refined.sense,
+                              places[i].data());
+    return places;
+}
+
+/// Indexes the whole level with the lattice of an answer that a part of it gave.
+void indexLevel(Indexed& answer, double tolerance, const Recording& recording) {
+    RefinedPositions& refined = answer.refined;
+    refined.positions = placesBy(answer, answer.level, recording);
+    std::vector<FitPoint> points;
+    for (const Eigen::Vector3d& place : refined.positions)
+        points.push_back({place});
+    refined.indices.assign(points.size(), {});
+    indexPoints(points, answer.lattice(), tolerance, refined.indices);
+    const auto onNodes = std::count_if(refined.indices.begin(), refined.indices.end(),
+                                       [](const Indices& hkl) { return hkl[0] != kNotIndexed; });
+    refined.lattice.reflections = static_cast<int>(points.size());
+    refined.lattice.indexed = static_cast<int>(onNodes);
+    answer.evidence.indexedShare = refined.lattice.fraction();
+}
+
+/// How many numbers the ties of the answer leave free: fewer are more symmetry.
+Eigen::Index freeNumbers(const Indexed& answer) {
+    Matrix34 model;
+    model << answer.lattice().basis, answer.lattice().origin;
+    const LatticeCharacter& type = answer.symmetry();
+    return TiedLattice(CellTies::of(type.bravaisType, matrixOf(type)), model).size();
+}
+
+/// The first crystal with cell, type and instrument by its own reflections: those of the others, of which one
+/// in eight is indexed by chance, hide ties that the lattice has. All reflections are indexed with it.
+/// Nothing where its own are too few, or hide ties themselves: those between the parts of a split crystal are
+/// in neither.
+std::optional<Indexed> onOwnReflections(const Indexed& first, const std::vector<FurtherCrystal>& others,
+                                        double tolerance, const Recording& recording, Session& session) {
+    constexpr std::size_t kFewestOwn = 100;
+    Level own = ownReflections(first, others);
+    if (own.reflections.size() < kFewestOwn) return std::nullopt;
+    LatticeChoice choice = latticeOf(first);
+    choice.tolerance = tolerance;
+    const QuietLog quiet(session, QuietLog::Keep::InLogAlone);
+    std::optional<Indexed> answer = indexed(std::move(own), choice, recording, session);
+    if (!answer || !areAlike(first.lattice().basis, answer->lattice().basis) ||
+        freeNumbers(*answer) > freeNumbers(first))
+        return std::nullopt;
+    answer->level = first.level;
+    answer->weaker = first.weaker;
+    answer->cellThreshold = first.cellThreshold;
+    indexLevel(*answer, tolerance, recording);
+    answer->evidence.rivalEvidence = first.evidence.rivalEvidence;
+    answer->evidence.rival = first.evidence.rival;
+    return answer;
+}
+
+/// A further crystal with the type of the first one, of which it has the cell, where that leaves its
+/// reflections as close to the nodes: fewer of them bear ties that the cell has not.
+void takeTypeOf(const Indexed& first, Indexed& other, const Recording& recording, Session& session) {
+    constexpr double kAsFar = 1.02;
+    constexpr double kAsMany = 0.98;
+    const LATTICE::BravaisTypes type = first.symmetry().bravaisType;
+    if (other.symmetry().bravaisType == type) return;
+    LatticeChoice choice = latticeOf(other);
+    choice.sense = other.refined.sense;
+    choice.type = type;
+    const QuietLog quiet(session, QuietLog::Keep::InLogAlone);
+    std::optional<Indexed> answer = indexed(other.level, choice, recording, session);
+    if (!answer || answer->conventional.rms > kAsFar * other.conventional.rms ||
+        answer->conventional.indexed < kAsMany * other.conventional.indexed)
+        return;
+    other = std::move(*answer);
+}
+
+/// The axis that one crystal confirms is that of all.
+void confirmAxis(Indexed& first, std::vector<FurtherCrystal>& others) {
+    std::vector<Indexed*> all = {&first};
+    for (FurtherCrystal& other : others)
+        all.push_back(&other.indexed);
+    if (std::none_of(all.begin(), all.end(), [](const Indexed* one) { return one->axisConfirmed; })) return;
+    for (Indexed* one : all) {
+        one->axisConfirmed = true;
+        one->evidence.axisAssumed = false;
+        one->verdict = verdictOn(one->evidence);
+    }
+}
+
+/// \param tolerance  of the indices of the first crystal
+Crystals searchedFrom(Indexed& first, double tolerance, const LatticeCandidate* rival,
+                      const Recording& recording, const CrystalSearch& how, Session& session) {
     Remainder left(first);
     Crystals crystals;
     crystals.firstShare = left.firstShare();
@@ -261,6 +402,13 @@ Crystals searchedFrom(Indexed& first, const LatticeCandidate* rival, const Recor
         known.push_back(next->indexed.lattice());
         crystals.others.push_back(std::move(*next));
     }
+    if (!crystals.others.empty())
+        if (std::optional<Indexed> own =
+                onOwnReflections(first, crystals.others, tolerance, recording, session))
+            first = std::move(*own);
+    for (FurtherCrystal& other : crystals.others)
+        if (other.sameCell) takeTypeOf(first, other.indexed, recording, session);
+    confirmAxis(first, crystals.others);
     first.evidence.elsewhere = elsewhere;
     const auto isRival = [&](const Lattice& lattice) {
         return rival && areAlike(rival->lattice.basis, lattice.basis);
@@ -274,10 +422,11 @@ Crystals searchedFrom(Indexed& first, const LatticeCandidate* rival, const Recor
 
 Crystals findFurtherCrystals(Indexed& first, const LatticeCandidate* rival, const Recording& recording,
                              const CrystalSearch& how, Session& session) {
-    Crystals crystals = searchedFrom(first, rival, recording, how, session);
+    Crystals crystals = searchedFrom(first, kTolerance, rival, recording, how, session);
     if (!crystals.others.empty() || how.most < 2) return crystals;
     if (std::optional<Indexed> part = partOf(first, recording, session)) {
-        Crystals parts = searchedFrom(*part, nullptr, recording, how, session);
+        Crystals parts =
+            searchedFrom(*part, toleranceOfPart(part->lattice()), nullptr, recording, how, session);
         if (!parts.others.empty()) {
             first = std::move(*part);
             return parts;
@@ -285,7 +434,7 @@ Crystals findFurtherCrystals(Indexed& first, const LatticeCandidate* rival, cons
     }
     std::optional<Indexed> weaker = onWeakerReflections(first, recording, session);
     if (!weaker) return crystals;
-    Crystals weak = searchedFrom(*weaker, rival, recording, how, session);
+    Crystals weak = searchedFrom(*weaker, kTolerance, rival, recording, how, session);
     if (weak.others.empty() || weaker->verdict.lattice > first.verdict.lattice) return crystals;
     first = std::move(*weaker);
     return weak;

@@ -35,7 +35,10 @@ struct CrystalSearch {
 
 /// Looks for further crystals as long as more than a tenth of the strong reflections, which are the stronger
 /// half, or of all of them lie on none. What lies on nodes of two crystals counts to the first of them. With
-/// others found, the confidence in the first crystal no longer suffers from their reflections.
+/// others found, the confidence in the first crystal no longer suffers from their reflections, and its cell,
+/// type and instrument become those of the reflections that lie on its nodes alone, unless those have fewer
+/// ties than all. Others with the same cell get its type where their reflections bear it. The axis that one
+/// of the crystals confirms is confirmed for all.
 ///
 /// Where reflections scatter widely about the nodes of the first lattice, it may lie between the parts of a
 /// split crystal; it becomes the lattice of one part when the other part is found then.

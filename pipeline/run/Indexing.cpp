@@ -51,7 +51,7 @@ bool confirmsAxis(const RefinedInstrument& instrument) {
 }
 
 /// Goes on with what the reflections say under the ties of their lattice type.
-void takeSymmetry(Indexed& result, const Recording& recording, double tolerance) {
+void takeSymmetry(Indexed& result, const Recording& recording, const LatticeChoice& lattice) {
     const std::vector<Eigen::Vector3d> positions = result.level.positions();
     const std::vector<double> tilts = result.level.tilts();
     SymmetryInput input;
@@ -60,7 +60,8 @@ void takeSymmetry(Indexed& result, const Recording& recording, double tolerance)
     input.centre = recording.centre;
     input.halfWidth = recording.space.halfWidth;
     input.wavelength = recording.space.wavelength;
-    input.tolerance = tolerance;
+    input.tolerance = lattice.tolerance;
+    input.wanted = lattice.type;
     input.known = recording.known;
     SymmetryChoice choice = chooseSymmetry(input, std::move(result.refined));
     result.strain = strainText(choice.conventional, choice.untied, choice.characters.front().bravaisType);
@@ -166,7 +167,7 @@ Indexed indexRecorded(std::vector<Level> levels, const LatticeChoice& choice, co
     if (!refined)
         throw Failure("the reflections could not be indexed; " + whatToTry(), FailureKind::NothingFound);
     result.refined = std::move(*refined);
-    takeSymmetry(result, recording, choice.tolerance);
+    takeSymmetry(result, recording, choice);
     const std::vector<Eigen::Vector3d> places = indexedPositions(result.refined);
     result.resolution = finestSpacing(places, result.lattice());
     result.completeness = completenessOf(result.lattice(), result.refined.indices,

@@ -6,6 +6,7 @@
 #include <optional>
 #include <vector>
 
+#include "crystallography/BravaisTypes.h"
 #include "pipeline/base/Session.h"
 #include "pipeline/latticesearch/CellSearch.h"
 #include "pipeline/run/CellOptions.h"
@@ -19,7 +20,8 @@ struct LatticeChoice {
     std::size_t level = 0;    ///< at which it was found
     int sense = 0;            ///< of the tilt, where another crystal tells it; 0: to be found
     double tolerance = 0.25;  ///< of the fractional indices; less for a part of a split crystal
-    CellEvaluation evidence;  ///< of the best, among the reflections that found it
+    std::optional<LATTICE::BravaisTypes> type;  ///< of the lattice, where another crystal tells it
+    CellEvaluation evidence;                    ///< of the best, among the reflections that found it
 };
 
 /// The reflections of a level that lie so close to the axis or to the origin that the curvature of the Ewald

@@ -426,7 +426,8 @@ bool takeRefined(PeakCell& cell, const PeakList& peaks, const ListSpace& known,
     recording.space = known.space;
     recording.centre = peaks.head ? Vector3d(peaks.origin.data()) : Vector3d::Zero();
     recording.pixelSize = cell.pixelSize();
-    recording.axisAssumed = true;
+    // Peak files have it along y.
+    recording.axisAssumed = known.estimated;
     recording.estimated = known.estimated;
     LatticeChoice choice;
     choice.best = cell.answer;

@@ -4,8 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <utility>
 
 #include "pipeline/base/Failure.h"
+#include "pipeline/run/FurtherCrystals.h"
 #include "pipeline/run/PeakCell.h"
 #include "reflections/ReflexVector.h"
 #include "support/RecordedReflections.h"
@@ -63,13 +65,17 @@ struct Found {
         volume.facts.kiloVolts = 200;
         level.threshold = 20;
         level.zeroBeam = 5;
-        for (std::size_t i = 0; i < data.positions.size(); ++i) {
-            const Eigen::Vector3d position = data.positions[i] - data.centre + volume.centre();
-            level.reflections.push_back({position, position, data.tilts[i], 100});
-        }
+        add(data);
         choice.best.lattice =
             vrk::Lattice::of(reciprocalCell(data.truth, vrk::test::kPixelSize), volume.centre());
         choice.best.score = {.points = 100, .indexed = 98, .radius = 1, .chance = 0.01, .evidence = 500};
+    }
+
+    void add(const Recorded& crystal) {
+        for (std::size_t i = 0; i < crystal.positions.size(); ++i) {
+            const Eigen::Vector3d position = crystal.positions[i] - crystal.centre + volume.centre();
+            level.reflections.push_back({position, position, crystal.tilts[i], 100});
+        }
     }
 
     vrk::Indexed indexed(const char* axisSource = "header") {
@@ -124,6 +130,39 @@ TEST(IndexReflections, TheTypeIsTheHighestThatTheReflectionsBear) {
         EXPECT_EQ(indexed.instrument.uses(vrk::InstrumentTerm::EllipseCosine), one.ellipse > 0);
         EXPECT_GT(indexed.completeness.core.share(), 0.2);
         EXPECT_LT(indexed.completeness.core.share(), 0.3) << "a quarter of the nodes was recorded";
+    }
+}
+
+TEST(FurtherCrystals, HideNeitherTypeNorAxisOfTheFirst) {
+    const struct {
+        const char* type;
+        std::array<double, 6> cell;
+        double turn;
+        unsigned seed;
+    } cases[] = {
+        {"cP", {7, 7, 7, 90, 90, 90}, 4, 2},
+        {"hP", {6, 6, 9, 90, 90, 120}, 5, 1},
+        {"mP", {5.2, 6.3, 8.1, 90, 97, 90}, 6, 2},
+        {"aP", {5.2, 6.3, 8.1, 82, 97, 104}, 4, 3},
+    };
+    for (const auto& one : cases) {
+        SCOPED_TRACE(one.type);
+        vrk::test::Recording recording{.noise = 0.4, .seed = one.seed};
+        Found found(one.cell, {.ellipse = 0.01}, recording);
+        recording.turn = one.turn;
+        found.add(Recorded(one.cell, {.ellipse = 0.01}, recording));
+        vrk::Indexed first = found.indexed("assumed");
+        vrk::Recording known = vrk::recordingOf(found.volume, {});
+        known.estimated = true;
+        vrk::Observer silent;
+        vrk::Session session(silent);
+        const vrk::Crystals crystals = vrk::findFurtherCrystals(first, nullptr, known, {}, session);
+        ASSERT_EQ(crystals.others.size(), 1U);
+        for (const vrk::Indexed* crystal : {&std::as_const(first), &crystals.others.front().indexed}) {
+            EXPECT_STREQ(LATTICE::shortName(crystal->symmetry().bravaisType), one.type);
+            EXPECT_FALSE(crystal->evidence.axisAssumed);
+        }
+        EXPECT_EQ(first.refined.indices.size(), found.level.reflections.size());
     }
 }
 

@@ -35,6 +35,7 @@ struct Recording {
     double tiltLast = 60.0;
     double share = 0.25;  ///< of the nodes that are seen
     double step = 0.0;    ///< reflections get the tilt of the frame that shows them; 0: their own
+    double turn = 0.0;    ///< of the crystal out of the orientation of the seed, degrees
 };
 
 /// Places of the volume at which an instrument with distortions shows the reflections of a cell.
@@ -45,11 +46,12 @@ struct Recorded {
         std::normal_distribution<double> normal(0.0, recording.noise);
         std::uniform_real_distribution<double> uniform(0.0, 1.0);
         const double wavelength = EwaldCurvature::wavelength(200.0) * kPixelSize * 1e-10;
+        const Eigen::AngleAxisd turned(recording.turn * kDegree, Eigen::Vector3d(1, 2, 2) / 3.0);
         const Eigen::Vector3d axis(0.0, std::cos(distortion.axisTilt * kDegree),
                                    std::sin(distortion.axisTilt * kDegree));
         forEachNode(truth, 220.0, [&](int, int, int, const Vec3& node) {
             if (uniform(random) > recording.share) return;
-            const Eigen::Vector3d g(node.data());
+            const Eigen::Vector3d g = turned * Eigen::Vector3d(node.data());
             // Where the node crosses the sphere, height = -|g|^2 lambda / 2 for the sense +1.
             const auto heightAt = [&](double tilt) {
                 return (Eigen::AngleAxisd(tilt, axis) * g).z() + 0.5 * g.squaredNorm() * wavelength;
