@@ -123,13 +123,13 @@ ReportBlocks readReport(const fs::path& folder) {
         const std::string page = textOf(folder / kReportFile);
         for (const char* name : kViews)
             if (std::optional<std::string> json = blockOf(page, name))
-                if (!parsedJson<nlohmann::json>(*json).is_discarded()) views.push_back({name, std::move(*json)});
+                if (!parsedJson<nlohmann::json>(*json).is_discarded())
+                    views.push_back({name, std::move(*json)});
     }
     ReportBlocks blocks = reportBlocks(folder, jsonOf(summary), std::move(views));
     const fs::path name = fs::absolute(folder).lexically_normal();
-    blocks.push_back(
-        {"folder",
-         jsonText(nlohmann::json((name.has_filename() ? name : name.parent_path()).filename().string()))});
+    blocks.push_back({"folder", jsonText(nlohmann::json(
+                                    (name.has_filename() ? name : name.parent_path()).filename().string()))});
     return blocks;
 }
 
