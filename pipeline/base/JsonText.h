@@ -1,5 +1,6 @@
 /// \file
-/// JSON as text. Writer and parser are compiled here alone, for `nlohmann::json` and `nlohmann::ordered_json`.
+/// JSON as text. Writer and parser are compiled here alone, for `nlohmann::json` and
+/// `nlohmann::ordered_json`.
 #pragma once
 
 #include <iosfwd>
@@ -8,8 +9,8 @@
 
 namespace vrk {
 
-/// The text of a value, on one line where `indent` is -1. JSON is UTF-8 and file names may hold any bytes: those that
-/// are not appear as U+FFFD.
+/// The text of a value, on one line where `indent` is -1. JSON is UTF-8 and file names may hold any bytes:
+/// those that are not appear as U+FFFD.
 template <typename Json>
 std::string jsonText(const Json& json, int indent = -1);
 
