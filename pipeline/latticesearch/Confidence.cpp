@@ -130,6 +130,10 @@ Verdict verdictOn(const LatticeEvidence& known) {
             "its symmetry is lower unless the frames are distorted by %.1f %%, for which nothing else "
             "speaks; %s",
             100.0 * known.ellipseUnproven, kCalibrationTells));
+    if (known.tiesStrain)
+        verdict.reasons.push_back(
+            "the ties of its type move its edges by more than their uncertainties: the symmetry may be "
+            "lower");
     if (known.ellipseUnknown)
         verdict.reasons.push_back(
             "a triclinic lattice does not show whether the frames are distorted, and an ellipse of 1.4 %, as "

@@ -200,6 +200,7 @@ Indexed indexRecorded(std::vector<Level> levels, const LatticeChoice& choice, co
     evidence.axisAssumed = recording.axisAssumed && !result.axisConfirmed;
     evidence.ellipseUnknown = result.symmetry().bravaisType == LATTICE::aP && !recording.ellipseKnown;
     evidence.ellipseUnproven = result.unprovenEllipse;
+    evidence.tiesStrain = !result.strain.empty();
     evidence.spaceEstimated = recording.estimated;
     evidence.instrumentContradicted = !result.contradiction.empty();
     result.evidence = std::move(evidence);

@@ -73,6 +73,7 @@ TEST(Confidence, EachDoubtLowersItAndIsNamed) {
         {"unless the frames are distorted by 0.7 %", [](LatticeEvidence& e) { e.ellipseUnproven = 0.007; },
          Confidence::Fair},
         {"", [](LatticeEvidence& e) { e.ellipseUnproven = 0.005; }, Confidence::High},
+        {"symmetry may be lower", [](LatticeEvidence& e) { e.tiesStrain = true; }, Confidence::Fair},
         {"end at 5.1 Angstrom", [](LatticeEvidence& e) { e.finestSpacing = 5.1; }, Confidence::Fair},
         {"", [](LatticeEvidence& e) { e.finestSpacing = 4.9; }, Confidence::High},
         {"contradict", [](LatticeEvidence& e) { e.instrumentContradicted = true; }, Confidence::Fair},
