@@ -1,5 +1,6 @@
 #include "pipeline/run/RunFolder.h"
 
+#include <algorithm>
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -40,7 +41,7 @@ Eigen::Matrix3d matrixFrom(const ReadJson& rows) {
 std::vector<float> takeSummary(const ReadJson& json, CalibrationInput& input) {
     input.axisAngle = json.at("tilt_axis").at("angle_deg").get<double>();
     // The side of the sphere, which the summary states, is opposite to the sense of the positions.
-    input.sense = -json.at("handedness").at("sense").get<int>();
+    input.sense = -std::clamp(json.at("handedness").at("sense").get<int>(), -1, 1);
     input.wavelength = EwaldCurvature::wavelength(json.at("parameters").at("voltage_kv").get<double>());
     input.lattice.pixelSize = json.at("input").at("pixel_size").get<double>();
     const ReadJson& cell = json.at("cell");

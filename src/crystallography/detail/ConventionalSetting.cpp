@@ -80,10 +80,17 @@ void ConventionalSetting::setMonoclinic(bool isCentredOnC) {
 
 bool ConventionalSetting::shorten(std::size_t i, std::size_t by, int step) {
     constexpr double rounding = 1e-9;
+    // Axes of a reduced lattice have small indices; larger ones come of a metric that is nothing but rounding
+    // errors.
+    constexpr double largest = 1e6;
     const Lowered lowered(m_axes[by], m_reduced);
     const double ratio = lowered.dot(m_axes[i]) / (step * lowered.dot(m_axes[by]));
     if (!(std::abs(ratio) > 0.5 + rounding)) return false;
-    m_axes[i] = plus(m_axes[i], -step * static_cast<int>(std::round(ratio)), m_axes[by]);
+    const double times = -step * std::round(ratio);
+    for (std::size_t k = 0; k < 3; ++k)
+        if (!(std::abs(m_axes[i][k] + times * m_axes[by][k]) < largest && std::abs(times) < largest))
+            return false;
+    m_axes[i] = plus(m_axes[i], static_cast<int>(times), m_axes[by]);
     return true;
 }
 
