@@ -360,9 +360,12 @@ TEST(Simulation, CentringExtinguishesAndThePrimitiveVectorsSpanTheRest) {
         EXPECT_NEAR(truth.reflectionsInSphere,
                     4.0 / 3 * std::numbers::pi * std::pow(128 - 4, 3) / primitive.determinant(),
                     0.05 * truth.reflectionsInSphere);
-        for (const SimulatedReflection& one : truth.reflections)
-            for (const double index : primitive.transpose().inverse() * Eigen::Vector3d(one.position.data()))
+        const Eigen::Matrix3d toIndices = primitive.transpose().inverse();
+        for (const SimulatedReflection& one : truth.reflections) {
+            const Eigen::Vector3d indices = toIndices * Eigen::Vector3d(one.position.data());
+            for (const double index : indices)
                 ASSERT_NEAR(index, std::round(index), 1e-6);
+        }
     }
 }
 
