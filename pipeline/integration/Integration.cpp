@@ -152,6 +152,8 @@ private:
     void refine();
     void chooseMode(const SpotPrediction& prediction, std::span<const MeasuredSpot> measured,
                     std::span<const SpotCentroid> centroids);
+    GeometryFit fittedCurves(const SpotPrediction& prediction, std::span<const MeasuredSpot> measured,
+                             std::span<const SpotCentroid> centroids) const;
     double fittedMisfit(const SpotPrediction& prediction, std::span<const MeasuredSpot> measured,
                         std::span<const SpotCentroid> centroids);
     void setRotation(const StatedMode& mode);
@@ -333,12 +335,18 @@ void Integrator::chooseMode(const SpotPrediction& prediction, std::span<const Me
     if (stated && m_result.modeSource == ModeSource::Curves) tellContradiction(least);
 }
 
+/// Width and geometry that suit the curves as they are taken now.
+GeometryFit Integrator::fittedCurves(const SpotPrediction& prediction, std::span<const MeasuredSpot> measured,
+                                     std::span<const SpotCentroid> centroids) const {
+    GeometryOptions options;
+    options.optional = options.tilts = false;
+    return refineGeometry(m_geometry, m_rocking, prediction, measured, centroids, options);
+}
+
 /// Of the curves, once their width is refined.
 double Integrator::fittedMisfit(const SpotPrediction& prediction, std::span<const MeasuredSpot> measured,
                                 std::span<const SpotCentroid> centroids) {
-    GeometryOptions options;
-    options.optional = options.tilts = false;
-    const GeometryFit fit = refineGeometry(m_geometry, m_rocking, prediction, measured, centroids, options);
+    const GeometryFit fit = fittedCurves(prediction, measured, centroids);
     m_rocking = fit.rocking;
     return curveMisfit(fit.geometry, fit.rocking, prediction, measured).mean;
 }
@@ -347,9 +355,7 @@ double Integrator::fittedMisfit(const SpotPrediction& prediction, std::span<cons
 /// where it is wanted.
 CurveMisfit Integrator::fullMisfit(const SpotPrediction& prediction, std::span<const MeasuredSpot> measured,
                                    std::span<const SpotCentroid> centroids, bool mosaic) const {
-    GeometryOptions options;
-    options.optional = options.tilts = false;
-    const GeometryFit fit = refineGeometry(m_geometry, m_rocking, prediction, measured, centroids, options);
+    const GeometryFit fit = fittedCurves(prediction, measured, centroids);
     const auto misfitOf = [&](const RockingModel& rocking) {
         return curveMisfit(fit.geometry, rocking, prediction, measured, prediction.reflections.size());
     };
@@ -416,14 +422,11 @@ void Integrator::tellContradiction(double misfit) {
 /// read out between frames leave gaps that hardly a header states. \returns the misfit
 double Integrator::bestRotation(const SpotPrediction& prediction, std::span<const MeasuredSpot> measured,
                                 std::span<const SpotCentroid> centroids) {
-    GeometryOptions options;
-    options.optional = options.tilts = false;
     m_rotationPart = kFirstRotationPart;
     double misfit = 0;
     for (const double step : {0.16, 0.04}) {
         setRotation({RotationMode::Continuous, *m_rotationPart * m_input.geometry.frames.front().rotation});
-        const GeometryFit fit =
-            refineGeometry(m_geometry, m_rocking, prediction, measured, centroids, options);
+        const GeometryFit fit = fittedCurves(prediction, measured, centroids);
         m_rocking = fit.rocking;
         misfit = improveRotation(fit.geometry, prediction, measured, step);
     }

@@ -305,6 +305,14 @@ LatticeFit fitFrom(std::span<const FitPoint> points, Lattice lattice, std::span<
 
 }  // namespace
 
+std::vector<FitPoint> fitPointsAt(std::span<const Eigen::Vector3d> positions) {
+    std::vector<FitPoint> points;
+    points.reserve(positions.size());
+    for (const Eigen::Vector3d& position : positions)
+        points.push_back({position});
+    return points;
+}
+
 Indices indexPosition(const Eigen::Vector3d& fractional, double tolerance) {
     constexpr Indices kNone = {kNotIndexed, kNotIndexed, kNotIndexed};
     constexpr double kLargest = kNotIndexed - 1.0;

@@ -19,6 +19,9 @@ struct FitPoint {
     double weight = 1.0;
 };
 
+/// Ordinary reflections at these places.
+std::vector<FitPoint> fitPointsAt(std::span<const Eigen::Vector3d> positions);
+
 struct LatticeFit {
     bool valid = false;
     Lattice lattice;

@@ -112,10 +112,7 @@ std::optional<RefinedPositions> refinePositions(std::span<const Eigen::Vector3d>
     if (!canStart(positions, tilts, start, settings)) return std::nullopt;
     const bool curved = settings.wavelength > 0.0 && start.pixelSize > 0.0;
     const EwaldCurvature curvature(curved ? settings.wavelength : 0.0, curved ? start.pixelSize : 0.0);
-    std::vector<FitPoint> found;
-    found.reserve(positions.size());
-    for (const Eigen::Vector3d& position : positions)
-        found.push_back({position});
+    const std::vector<FitPoint> found = fitPointsAt(positions);
 
     std::array<Attempt, 2> attempts;
     attempts[0] = attempt(found, tilts, start, curvature, +1, settings.tolerance, settings.ties);

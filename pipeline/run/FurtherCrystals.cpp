@@ -306,9 +306,7 @@ std::vector<Eigen::Vector3d> placesBy(const Indexed& answer, const Level& level,
 void indexLevel(Indexed& answer, double tolerance, const Recording& recording) {
     RefinedPositions& refined = answer.refined;
     refined.positions = placesBy(answer, answer.level, recording);
-    std::vector<FitPoint> points;
-    for (const Eigen::Vector3d& place : refined.positions)
-        points.push_back({place});
+    const std::vector<FitPoint> points = fitPointsAt(refined.positions);
     refined.indices.assign(points.size(), {});
     indexPoints(points, answer.lattice(), tolerance, refined.indices);
     const auto onNodes = std::count_if(refined.indices.begin(), refined.indices.end(),

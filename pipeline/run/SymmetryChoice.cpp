@@ -64,9 +64,7 @@ std::optional<RefinedPositions> refined(const SymmetryInput& input, const Lattic
 
 /// Takes over the positions that the instrument gives, with the free lattice on them.
 void takeInstrument(SymmetryChoice& choice, double tolerance) {
-    std::vector<FitPoint> points;
-    for (const Eigen::Vector3d& position : choice.instrument.positions)
-        points.push_back({position});
+    const std::vector<FitPoint> points = fitPointsAt(choice.instrument.positions);
     const LatticeFit fit = fitLattice(points, choice.instrument.lattice.lattice, tolerance, {});
     if (!fit.valid) return;
     choice.refined.positions = choice.instrument.positions;
@@ -250,9 +248,7 @@ SymmetryChoice chooseSymmetry(const SymmetryInput& input, RefinedPositions free)
     result.conventional = tied ? tied->lattice : result.refined.lattice;
     if (!result.instrument.valid) return result;
     // Under the ties of the answer, on the positions that the instrument gives.
-    std::vector<FitPoint> points;
-    for (const Eigen::Vector3d& position : result.instrument.positions)
-        points.push_back({position});
+    const std::vector<FitPoint> points = fitPointsAt(result.instrument.positions);
     const CellTies ties = tiesOf(answer);
     const LatticeFit fit = fitLattice(points, result.refined.lattice.lattice, input.tolerance, ties);
     if (fit.valid) result.conventional = describe(fit, ties);
