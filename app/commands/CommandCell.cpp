@@ -14,6 +14,7 @@
 #include "console/ParameterOptions.h"
 #include "crystallography/CellFileImportExport.h"
 #include "indexing/EwaldCurvature.h"
+#include "pipeline/base/CellJson.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/JsonText.h"
 #include "pipeline/base/NumberText.h"
@@ -61,10 +62,6 @@ void writeCell(const std::filesystem::path& path, UnitCell cell, Host& host) {
     file.commit();
 }
 
-Json toJson(const CellParameters& p) {
-    return {{"a", p.a}, {"b", p.b}, {"c", p.c}, {"alpha", p.alpha}, {"beta", p.beta}, {"gamma", p.gamma}};
-}
-
 /// The cell of a further crystal; in 1/voxel where there is no scale.
 CellParameters directCell(const UnitCell& reciprocal) {
     return parametersOf(*std::unique_ptr<UnitCell>(reciprocal.getReciprocalCell()));
@@ -78,7 +75,7 @@ Json toJson(const FurtherPeakCell& other, bool hasScale) {
                  {"reasons", other.verdict.reasons},
                  {"same_cell", other.sameCell},
                  {"turn_deg", nullptr}};
-    if (hasScale) json["cell"] = toJson(directCell(other.reciprocal));
+    if (hasScale) json["cell"] = cellParametersJson<Json>(directCell(other.reciprocal));
     if (other.turn) json["turn_deg"] = *other.turn;
     std::array<std::array<double, 3>, 3> vectors{};
     UnitCell(other.reciprocal).getBase(vectors[0].data(), vectors[1].data(), vectors[2].data());
@@ -127,14 +124,15 @@ Json toJson(const CellArguments& options, const PeakCell& result) {
     Json json = {{"peaks", options.peaks}, {"cell_file", options.output}, {"cell", nullptr}};
     if (result.hasScale()) {
         const std::unique_ptr<UnitCell> direct(result.reciprocal.getReciprocalCell());
-        json["cell"] = toJson(parametersOf(*direct));
+        json["cell"] = cellParametersJson<Json>(parametersOf(*direct));
         json["cell"]["volume"] = direct->getExactVolume();
     }
     json["lattice"] = {{"bravais", LATTICE::shortName(result.symmetry.bravaisType)},
                        {"centring", std::string(1, result.symmetry.centring)},
                        {"misfit_deg", result.symmetry.qualityIndex},
                        {"conventional", nullptr}};
-    if (result.hasScale()) json["lattice"]["conventional"] = toJson(result.symmetry.measured);
+    if (result.hasScale())
+        json["lattice"]["conventional"] = cellParametersJson<Json>(result.symmetry.measured);
     std::array<std::array<double, 3>, 3> vectors{};
     result.reciprocal.getBase(vectors[0].data(), vectors[1].data(), vectors[2].data());
     json["reciprocal_vectors_px"] = vectors;

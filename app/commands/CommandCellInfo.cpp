@@ -10,6 +10,7 @@
 #include "crystallography/NiggliReduction.h"
 #include "crystallography/Space.h"
 #include "crystallography/UnitCellTest.h"
+#include "pipeline/base/CellJson.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/JsonText.h"
 #include "pipeline/base/NumberText.h"
@@ -87,42 +88,39 @@ CellReport examine(const CellInput& input, const LatticeTolerances& tolerances) 
     return report;
 }
 
-nlohmann::json reportJson(const CellParameters& p) {
-    return {{"a", p.a}, {"b", p.b}, {"c", p.c}, {"alpha", p.alpha}, {"beta", p.beta}, {"gamma", p.gamma}};
-}
-
 template <typename Number>
-nlohmann::json reportJson(const Number (&m)[3][3]) {
+nlohmann::ordered_json reportJson(const Number (&m)[3][3]) {
     return {{m[0][0], m[0][1], m[0][2]}, {m[1][0], m[1][1], m[1][2]}, {m[2][0], m[2][1], m[2][2]}};
 }
 
-nlohmann::json reportJson(const LatticeCharacter& lattice) {
+nlohmann::ordered_json reportJson(const LatticeCharacter& lattice) {
     return {{"character", lattice.number},
             {"bravais", LATTICE::shortName(lattice.bravaisType)},
             {"centring", std::string(1, lattice.centring)},
             {"misfit_deg", lattice.qualityIndex},
             {"misfit_length", lattice.lengthMisfit},
             {"matrix_from_primitive", reportJson(lattice.toConventional)},
-            {"conventional", reportJson(lattice.measured)},
-            {"symmetrised", reportJson(lattice.symmetrised)}};
+            {"conventional", cellParametersJson<nlohmann::ordered_json>(lattice.measured)},
+            {"symmetrised", cellParametersJson<nlohmann::ordered_json>(lattice.symmetrised)}};
 }
 
-nlohmann::json reportJson(const CellReport& report) {
+nlohmann::ordered_json reportJson(const CellReport& report) {
     const UnitCell& cell = report.input.cell;
-    nlohmann::json out;
-    out["cell"] = reportJson(parametersOf(cell));
+    nlohmann::ordered_json out;
+    out["cell"] = cellParametersJson<nlohmann::ordered_json>(parametersOf(cell));
     out["cell"]["centring"] = std::string(1, report.input.centring);
     out["cell"]["volume"] = cell.getExactVolume();
     out["metric"] = {{cell.getA(), cell.getF(), cell.getE()},
                      {cell.getF(), cell.getB(), cell.getD()},
                      {cell.getE(), cell.getD(), cell.getC()}};
     out["primitive"] = {{"matrix", reportJson(report.input.toPrimitive)}};
-    out["reduced"] = reportJson(parametersOf(report.reduced));
+    out["reduced"] = cellParametersJson<nlohmann::ordered_json>(parametersOf(report.reduced));
     out["reduced"]["volume"] = report.reduced.getExactVolume();
     out["reduced"]["niggli"] = report.isNiggli;
     out["reduced"]["matrix"] = reportJson(report.toReduced);
     const SpaceDimensions& r = report.reciprocal;
-    out["reciprocal"] = reportJson(CellParameters{r.a, r.b, r.c, r.alpha, r.beta, r.gamma});
+    out["reciprocal"] =
+        cellParametersJson<nlohmann::ordered_json>(std::array{r.a, r.b, r.c, r.alpha, r.beta, r.gamma});
     out["reciprocal"]["volume"] = report.reciprocalVolume;
     for (const LatticeCharacter& lattice : report.lattices)
         out["lattices"].push_back(reportJson(lattice));

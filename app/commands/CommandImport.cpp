@@ -23,7 +23,8 @@ struct ImportArguments {
     bool json = false;
 };
 
-nlohmann::json reportJson(const ImportArguments& options, const ImportResult& result, const Host& host) {
+nlohmann::ordered_json reportJson(const ImportArguments& options, const ImportResult& result,
+                                  const Host& host) {
     const mrcH& header = result.series->m_Header;
     return {{"output", options.output},
             {"nx", header.nx},

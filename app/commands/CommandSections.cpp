@@ -66,7 +66,8 @@ void runSectionsCommand(const SectionsArguments& options, Host& host) {
         for (const auto& path : paths)
             files.push_back(path.string());
     if (options.json)
-        host.out() << jsonText(nlohmann::json({{"files", files}, {"reduction", view->reduction()}}), 1)
+        host.out() << jsonText(nlohmann::ordered_json({{"files", files}, {"reduction", view->reduction()}}),
+                               1)
                    << '\n';
     else
         for (const std::string& file : files)

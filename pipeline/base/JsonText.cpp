@@ -28,11 +28,8 @@ Json parsedJson(std::istream& stream) {
     return parsedJson<Json>(std::string(std::istreambuf_iterator<char>(stream), {}));
 }
 
-template std::string jsonText(const nlohmann::json&, int);
 template std::string jsonText(const nlohmann::ordered_json&, int);
-template nlohmann::json parsedJson<nlohmann::json>(std::string_view);
 template nlohmann::ordered_json parsedJson<nlohmann::ordered_json>(std::string_view);
-template nlohmann::json parsedJson<nlohmann::json>(std::istream&);
 template nlohmann::ordered_json parsedJson<nlohmann::ordered_json>(std::istream&);
 
 }  // namespace vrk

@@ -1,6 +1,6 @@
 /// \file
-/// JSON as text. Writer and parser are compiled here alone, for `nlohmann::json` and
-/// `nlohmann::ordered_json`.
+/// JSON as text. Writer and parser are compiled here alone, for the one type of JSON that the pipeline and
+/// the program use, `nlohmann::ordered_json`.
 #pragma once
 
 #include <iosfwd>

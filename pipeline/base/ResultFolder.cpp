@@ -88,9 +88,9 @@ std::vector<std::string> ResultFolder::resultsOf(const std::filesystem::path& su
     if (!std::filesystem::exists(summaryFile, error)) return {};
     std::vector<std::string> names;
     std::ifstream stream(summaryFile);
-    const auto summary = parsedJson<nlohmann::json>(stream);
+    const auto summary = parsedJson<nlohmann::ordered_json>(stream);
     if (summary.is_object() && summary.contains("files") && summary["files"].is_array()) {
-        for (const nlohmann::json& name : summary["files"])
+        for (const nlohmann::ordered_json& name : summary["files"])
             if (name.is_string()) names.push_back(name.get<std::string>());
     } else {
         names.assign(kUsualResults.begin(), kUsualResults.end());

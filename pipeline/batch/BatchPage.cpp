@@ -2,15 +2,14 @@
 
 #include <algorithm>
 #include <cmath>
-#include <fstream>
 #include <functional>
 #include <initializer_list>
-#include <iterator>
 #include <limits>
 #include <map>
 #include <queue>
 #include <string_view>
 
+#include "pipeline/base/FileText.h"
 #include "pipeline/base/Median.h"
 #include "pipeline/base/NumberText.h"
 #include "pipeline/batch/ShellWord.h"
@@ -174,8 +173,7 @@ private:
     }
 
     std::string thumbnail(const std::string& name) const {
-        std::ifstream file(m_folder.thumbnail(name), std::ios::binary);
-        const std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+        const std::string bytes = wholeFile(m_folder.thumbnail(name)).value_or("");
         return bytes.empty() ? "" : "<img alt=\"\" src=\"data:image/jpeg;base64," + base64(bytes) + "\">";
     }
 

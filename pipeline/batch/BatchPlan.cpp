@@ -3,13 +3,13 @@
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <utility>
 
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/FileText.h"
 #include "pipeline/base/JsonText.h"
 #include "pipeline/base/NumberText.h"
 #include "pipeline/base/OutputFile.h"
@@ -107,14 +107,8 @@ void nameJobs(std::vector<BatchJob>& jobs, const fs::path& folder) {
     }
 }
 
-std::string fileText(const fs::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) throw Failure("cannot read " + path.string());
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
 std::vector<BatchJob> jobsOfList(const BatchInput& input) {
-    const std::string text = fileText(input.source);
+    const std::string text = textOfFile(input.source);
     const char separator = text.find('\0') == std::string::npos ? '\n' : '\0';
     const fs::path base = fs::absolute(input.source).parent_path();
     std::vector<BatchJob> jobs;

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "pipeline/base/Angle.h"
+#include "pipeline/base/CellJson.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/JsonText.h"
 #include "pipeline/base/NumberText.h"
@@ -17,17 +18,9 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr std::array<const char*, 6> kEdges = {"a", "b", "c", "alpha", "beta", "gamma"};
 constexpr std::array<const char*, kInstrumentTerms> kTerms = {
     "axis_turn_deg", "ellipse_cos", "ellipse_sin", "radial", "tilt_scale", "axis_tilt_deg"};
 constexpr std::array<bool, kInstrumentTerms> kIsAngle = {true, false, false, false, false, true};
-
-std::array<double, 6> sixOf(const Json& json) {
-    std::array<double, 6> six{};
-    for (std::size_t i = 0; i < six.size(); ++i)
-        six[i] = json.at(kEdges[i]).get<double>();
-    return six;
-}
 
 std::optional<double> numberOf(const Json& json) {
     return json.is_number() ? std::optional(json.get<double>()) : std::nullopt;
@@ -81,9 +74,9 @@ CrystalFacts factsOf(const Json& json) {
     facts.lattice = json.at("confidence").value("lattice", facts.confidence);
     facts.reasons = json.at("confidence").at("reasons").get<std::vector<std::string>>();
     facts.bravais = cell.at("bravais").get<std::string>();
-    facts.cell.cell = sixOf(cell);
+    facts.cell.cell = cellParametersOf(cell);
     facts.cell.centring = json.at("cell").at("candidates").at(0).at("centring").get<std::string>().at(0);
-    facts.sigma = sixOf(json.at("cell").at("esd").at("conventional"));
+    facts.sigma = cellParametersOf(json.at("cell").at("esd").at("conventional"));
     facts.volume = cell.at("volume").get<double>();
     facts.reflections = json.at("reflections").at("found").get<int>();
     facts.indexed = json.at("reflections").at("indexed").get<int>();
@@ -132,7 +125,7 @@ void addFacts(std::vector<Field>& fields, const std::optional<CrystalFacts>& fou
     add("bravais", facts.bravais);
     add("centring", std::string(1, facts.cell.centring));
     for (std::size_t i = 0; i < 6; ++i)
-        add(kEdges[i], rounded(facts.cell.cell[i], "%.4f"));
+        add(kCellNames[i], rounded(facts.cell.cell[i], "%.4f"));
     add("volume", rounded(facts.volume, "%.2f"));
     add("reflections", facts.reflections);
     add("indexed", facts.indexed);

@@ -2,16 +2,13 @@
 
 #include <algorithm>
 #include <array>
-#include <fstream>
-#include <iterator>
 #include <utility>
 
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/FileText.h"
 
 namespace vrk {
 namespace {
-
-constexpr std::uintmax_t kMostBytes = 1'000'000'000;
 
 char separatorOf(std::string_view text) {
     text.remove_prefix(std::min(text.find_first_not_of("\r\n"), text.size()));
@@ -97,13 +94,7 @@ CsvTable csvTable(std::string_view text, const std::string& name) {
 }
 
 CsvTable readCsv(const std::filesystem::path& path) {
-    std::error_code error;
-    if (std::filesystem::file_size(path, error) > kMostBytes && !error)
-        throw Failure(path.string() + " has more than 1 GB, which no table of series has");
-    std::ifstream file(path, std::ios::binary);
-    if (!file) throw Failure("cannot read " + path.string());
-    const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    return csvTable(text, path.string());
+    return csvTable(textOfFile(path), path.string());
 }
 
 std::string csvField(std::string_view text) {

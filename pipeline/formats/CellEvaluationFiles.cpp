@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "pipeline/base/CellJson.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/JsonText.h"
 #include "pipeline/base/OutputFile.h"
@@ -49,10 +50,6 @@ const char* nameOf(BaseVectorVerdict verdict) {
     return "longer_than_needed";
 }
 
-Json toJson(const CellParameters& p) {
-    return {{"a", p.a}, {"b", p.b}, {"c", p.c}, {"alpha", p.alpha}, {"beta", p.beta}, {"gamma", p.gamma}};
-}
-
 Json toJson(const CellEvaluation::ClusterEntry& c) {
     return {{"label", c.label}, {"points", c.points},       {"centre", c.centre}, {"spread", c.spread},
             {"axis", c.axis},   {"shape", nameOf(c.shape)}, {"hkl", c.hkl},       {"distance", c.distance}};
@@ -79,7 +76,7 @@ Json toJson(const LatticeCharacter& s) {
             {"character", s.number},
             {"misfit_deg", s.qualityIndex},
             {"misfit_length", s.lengthMisfit},
-            {"cell", toJson(s.measured)}};
+            {"cell", cellParametersJson<Json>(s.measured)}};
 }
 
 template <typename Entries>
@@ -104,8 +101,9 @@ Json toJson(const CellEvaluation& e) {
         {"complete", e.hasChoice}, {"index", e.choiceIndex}, {"candidates", listOf(e.candidates)}};
     json["reciprocal_vectors_px"] = e.base;
     json["pixel_size"] = e.pixelSize > 0.0 ? Json(e.pixelSize) : Json(nullptr);
-    json["reduction"] = {
-        {"cell", toJson(e.reducedCell)}, {"steps", e.niggliSteps}, {"is_niggli_cell", e.isNiggli}};
+    json["reduction"] = {{"cell", cellParametersJson<Json>(e.reducedCell)},
+                         {"steps", e.niggliSteps},
+                         {"is_niggli_cell", e.isNiggli}};
     json["symmetries"] = listOf(e.symmetries);
     json["displacements"] = {{"radius_px", e.radius}, {"shells", listOf(e.shells)}, {"all", toJson(e.all)}};
     return json;

@@ -3,12 +3,11 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <fstream>
-#include <iterator>
 #include <nlohmann/json.hpp>
 
 #include "pipeline/base/Angle.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/FileText.h"
 #include "pipeline/base/JsonText.h"
 #include "pipeline/base/OutputFile.h"
 
@@ -58,8 +57,7 @@ public:
         const std::uintmax_t size = std::filesystem::file_size(m_path, error);
         if (error) throw Failure("cannot read the instrument geometry " + m_path.string());
         if (size > kMostBytes) fail("is no instrument geometry; it is too large");
-        std::ifstream stream(m_path, std::ios::binary);
-        return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+        return textOfFile(m_path);
     }
 
     InstrumentCalibration read(std::string_view text) const {

@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "pipeline/base/CellJson.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/JsonText.h"
 #include "pipeline/formats/ReflectionTable.h"
@@ -13,13 +14,11 @@
 namespace vrk {
 namespace {
 
-using Json = nlohmann::json;
+using Json = nlohmann::ordered_json;
 
 CrystalCell cellOf(const Json& parameters, const std::string& bravais) {
     CrystalCell cell;
-    constexpr std::array<const char*, 6> kNames = {"a", "b", "c", "alpha", "beta", "gamma"};
-    for (std::size_t i = 0; i < 6; ++i)
-        cell.cell[i] = parameters.at(kNames[i]).get<double>();
+    cell.cell = cellParametersOf(parameters);
     cell.centring = bravais.size() > 1 ? bravais[1] : 'P';
     return cell;
 }

@@ -7,6 +7,7 @@
 
 #include "foundation/Version.h"
 #include "indexing/EwaldCurvature.h"
+#include "pipeline/base/CellJson.h"
 #include "pipeline/base/ChecksumList.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/JsonText.h"
@@ -19,7 +20,7 @@
 namespace vrk {
 namespace {
 
-using OrderedJson = nlohmann::ordered_json;
+using Json = nlohmann::ordered_json;
 
 constexpr const char* kMergeFile = "merge.json";
 
@@ -79,14 +80,8 @@ std::string crystalTable(const CrystalMerge& merge) {
     return table;
 }
 
-OrderedJson parametersJson(const std::array<double, 6>& cell) {
-    return {{"a", cell[0]},     {"b", cell[1]},    {"c", cell[2]},
-            {"alpha", cell[3]}, {"beta", cell[4]}, {"gamma", cell[5]}};
-}
-
-OrderedJson cellsJson(const CellClustering& cells) {
-    OrderedJson json = {
-        {"metric", "strain"}, {"clusters", OrderedJson::array()}, {"joins", OrderedJson::array()}};
+Json cellsJson(const CellClustering& cells) {
+    Json json = {{"metric", "strain"}, {"clusters", Json::array()}, {"joins", Json::array()}};
     for (const CellCluster& cluster : cells.clusters)
         json["clusters"].push_back(
             {{"crystals", cluster.crystals}, {"middle", cluster.middle}, {"spread", cluster.spread}});
@@ -98,12 +93,11 @@ OrderedJson cellsJson(const CellClustering& cells) {
     return json;
 }
 
-OrderedJson crystalJson(const MergedCrystal& one) {
-    OrderedJson json = {
-        {"name", one.name}, {"used", one.used}, {"reason", one.reason}, {"bravais", one.bravais}};
-    json["cell"] = parametersJson(one.cell.cell);
+Json crystalJson(const MergedCrystal& one) {
+    Json json = {{"name", one.name}, {"used", one.used}, {"reason", one.reason}, {"bravais", one.bravais}};
+    json["cell"] = cellParametersJson<Json>(one.cell.cell);
     json["strain"] = one.fromMiddle;
-    json["base"] = OrderedJson::array();
+    json["base"] = Json::array();
     for (const auto& row : one.indexing.base.rowwise())
         json["base"].push_back({row[0], row[1], row[2]});
     json["ways"] = one.indexing.ways;
@@ -145,7 +139,7 @@ std::vector<std::filesystem::path> writeMergedFiles(const CrystalMerge& merge, c
 void refuseFolderOfRun(const std::filesystem::path& folder) {
     std::ifstream stream(folder / ResultFolder::kSummary);
     if (!stream) return;
-    const auto summary = parsedJson<OrderedJson>(stream);
+    const auto summary = parsedJson<Json>(stream);
     if (!summary.is_object() || !summary.contains("merge"))
         throw Failure(folder.string() + " holds the result of a run; give another folder with --output",
                       FailureKind::Usage);
@@ -153,17 +147,17 @@ void refuseFolderOfRun(const std::filesystem::path& folder) {
 
 std::string mergeJson(const CrystalMerge& merge, const std::string& command,
                       const std::vector<std::string>& warnings) {
-    OrderedJson json;
+    Json json;
     json["program"] = {{"version", VRK::kVersion}, {"command", command}};
-    json["cell"] = parametersJson(merge.cell.cell);
+    json["cell"] = cellParametersJson<Json>(merge.cell.cell);
     json["cell"]["bravais"] = merge.bravais;
-    json["cell"]["esd"] = parametersJson(merge.cellSigma);
+    json["cell"]["esd"] = cellParametersJson<Json>(merge.cellSigma);
     json["voltage_kv"] = merge.kiloVolts;
     json["cells"] = cellsJson(merge.cells);
-    json["crystals"] = OrderedJson::array();
+    json["crystals"] = Json::array();
     for (const MergedCrystal& one : merge.crystals)
         json["crystals"].push_back(crystalJson(one));
-    OrderedJson& intensities = json["intensities"];
+    Json& intensities = json["intensities"];
     const DataReduction& data = merge.data;
     intensities["d_min"] = merge.dMin;
     intensities["by_cc_half"] = data.statistics.limitByCcHalf;
@@ -174,13 +168,12 @@ std::string mergeJson(const CrystalMerge& merge, const std::string& command,
     intensities["cc_half_of_crystals"] = merge.ccHalf;
     intensities["error_model"] = {{"a", data.errors.a}, {"b", data.errors.b}};
     intensities.update(detail::reductionJson(data));
-    json["growth"] = OrderedJson::array();
+    json["growth"] = Json::array();
     for (const GrowthStep& step : merge.growth)
-        json["growth"].push_back(
-            {{"crystal", step.crystal},
-             {"completeness", step.completeness},
-             {"redundancy", step.redundancy},
-             {"cc_half", std::isfinite(step.ccHalf) ? OrderedJson(step.ccHalf) : OrderedJson()}});
+        json["growth"].push_back({{"crystal", step.crystal},
+                                  {"completeness", step.completeness},
+                                  {"redundancy", step.redundancy},
+                                  {"cc_half", std::isfinite(step.ccHalf) ? Json(step.ccHalf) : Json()}});
     json["warnings"] = warnings;
     return jsonText(json, 2);
 }
@@ -190,9 +183,9 @@ void writeMergeSummary(const std::string& json, const std::string& command, std:
     writeText(json + '\n', folder / kMergeFile);
     files.emplace_back(kMergeFile);
     files.emplace_back(kChecksumFile);
-    const OrderedJson summary = {{"program", {{"version", VRK::kVersion}, {"command", command}}},
-                                 {"merge", kMergeFile},
-                                 {"files", files}};
+    const Json summary = {{"program", {{"version", VRK::kVersion}, {"command", command}}},
+                          {"merge", kMergeFile},
+                          {"files", files}};
     writeText(jsonText(summary, 2) + '\n', folder / ResultFolder::kSummary);
 }
 

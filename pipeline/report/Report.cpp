@@ -2,14 +2,13 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <fstream>
-#include <iterator>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <vector>
 
 #include "pipeline/base/ChecksumList.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/FileText.h"
 #include "pipeline/base/FolderLock.h"
 #include "pipeline/base/JsonText.h"
 #include "pipeline/base/OutputFile.h"
@@ -26,17 +25,10 @@ namespace fs = std::filesystem;
 
 constexpr const char* kViews[] = {"sections", "curves", "patterns"};
 
-std::string textOf(const fs::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    if (!file) throw Failure("cannot read " + path.string());
-    return text;
-}
-
 /// The text of a file that the page takes as it is.
 std::string jsonOf(const fs::path& path) {
-    std::string text = textOf(path);
-    if (parsedJson<nlohmann::json>(text).is_discarded())
+    std::string text = textOfFile(path);
+    if (parsedJson<nlohmann::ordered_json>(text).is_discarded())
         throw Failure(path.string() + " is damaged: it is no JSON; 'vrk run' writes it anew");
     return text;
 }
@@ -120,15 +112,15 @@ ReportBlocks readReport(const fs::path& folder) {
                       "; give the folder that 'vrk run -o' wrote");
     ReportBlocks views;
     if (fs::exists(folder / kReportFile)) {
-        const std::string page = textOf(folder / kReportFile);
+        const std::string page = textOfFile(folder / kReportFile);
         for (const char* name : kViews)
             if (std::optional<std::string> json = blockOf(page, name))
-                if (!parsedJson<nlohmann::json>(*json).is_discarded())
+                if (!parsedJson<nlohmann::ordered_json>(*json).is_discarded())
                     views.push_back({name, std::move(*json)});
     }
     ReportBlocks blocks = reportBlocks(folder, jsonOf(summary), std::move(views));
     const fs::path name = fs::absolute(folder).lexically_normal();
-    blocks.push_back({"folder", jsonText(nlohmann::json(
+    blocks.push_back({"folder", jsonText(nlohmann::ordered_json(
                                     (name.has_filename() ? name : name.parent_path()).filename().string()))});
     return blocks;
 }

@@ -5,14 +5,15 @@
 #include <fstream>
 #include <functional>
 #include <gemmi/mtz.hpp>
-#include <iterator>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "pipeline/base/CellJson.h"
 #include "pipeline/base/ChecksumList.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/FileChecksum.h"
+#include "pipeline/base/FileText.h"
 #include "pipeline/base/FolderLock.h"
 #include "pipeline/base/JsonText.h"
 #include "pipeline/base/NumberText.h"
@@ -27,12 +28,7 @@ namespace vrk {
 namespace {
 
 namespace fs = std::filesystem;
-using Json = nlohmann::json;
-
-std::string contentOf(const fs::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
+using Json = nlohmann::ordered_json;
 
 /// Lines that are neither empty nor comments.
 std::size_t rowsOf(const fs::path& path) {
@@ -128,7 +124,7 @@ private:
     /// The files of merged crystals with the numbers of their summary.
     void mergedCrystals() {
         const auto name = m_summary.at("merge").get<std::string>();
-        const auto merge = parsedJson<Json>(contentOf(m_folder / name));
+        const auto merge = parsedJson<Json>(wholeFile(m_folder / name).value_or(""));
         const Json& numbers = merge.at("intensities");
         const double unique = numbers.at("unique").get<double>();
         with("merged.hkl",
@@ -147,19 +143,18 @@ private:
             UnitCell cell = cellFromFile(path, 0.0).cell;
             const double found[] = {cell.getLengthOfA(), cell.getLengthOfB(), cell.getLengthOfC(),
                                     cell.getAlpha(),     cell.getBeta(),      cell.getGamma()};
-            const char* names[] = {"a", "b", "c", "alpha", "beta", "gamma"};
             for (std::size_t i = 0; i < std::size(found); ++i) {
-                const double stated = m_summary.at("cell").at("reduced").at(names[i]).get<double>();
+                const double stated = m_summary.at("cell").at("reduced").at(kCellNames[i]).get<double>();
                 if (!(std::abs(found[i] - stated) <= 1e-4 * std::abs(stated)))
-                    m_check.disagreements.push_back(
-                        formatted("cell.txt has %s = %g, the summary says %g", names[i], found[i], stated));
+                    m_check.disagreements.push_back(formatted("cell.txt has %s = %g, the summary says %g",
+                                                              kCellNames[i], found[i], stated));
             }
         });
     }
 
     void page() {
         with(kReportFile, [&](const fs::path& path) {
-            const std::optional<std::string> shown = blockOf(contentOf(path), "summary");
+            const std::optional<std::string> shown = blockOf(wholeFile(path).value_or(""), "summary");
             if (!shown || parsedJson<Json>(*shown) != m_summary)
                 m_check.disagreements.push_back(std::string(kReportFile) + " shows another summary");
         });
@@ -232,7 +227,7 @@ ResultCheck checkResult(const fs::path& folder, const fs::path& input) {
                       (fs::exists(folder / ResultFolder::kUnfinished)
                            ? "; a run into it did not end, run it again"
                            : "; give the folder that 'vrk run -o' wrote"));
-    const auto summary = parsedJson<Json>(contentOf(path));
+    const auto summary = parsedJson<Json>(wholeFile(path).value_or(""));
     ResultCheck check;
     try {
         check.version = summary.at("program").at("version").get<std::string>();

@@ -1,8 +1,6 @@
 #include "pipeline/run/RunFolder.h"
 
 #include <algorithm>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <vector>
@@ -10,6 +8,7 @@
 #include "indexing/EwaldCurvature.h"
 #include "indexing/ReflectionPositions.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/FileText.h"
 #include "pipeline/base/JsonText.h"
 #include "pipeline/formats/PeakList.h"
 #include "processing/SamplingGeometry.h"
@@ -17,7 +16,7 @@
 namespace vrk {
 namespace {
 
-using ReadJson = nlohmann::json;
+using Json = nlohmann::ordered_json;
 
 constexpr const char* kSummary = "summary.json";
 
@@ -28,7 +27,7 @@ LATTICE::BravaisTypes typeOf(const std::string& name) {
     return aP;
 }
 
-Eigen::Matrix3d matrixFrom(const ReadJson& rows) {
+Eigen::Matrix3d matrixFrom(const Json& rows) {
     Eigen::Matrix3d matrix;
     for (std::size_t i = 0; i < 3; ++i)
         for (std::size_t j = 0; j < 3; ++j)
@@ -38,18 +37,18 @@ Eigen::Matrix3d matrixFrom(const ReadJson& rows) {
 }
 
 /// Takes over what the summary says. \returns the tilts of the patterns, degrees
-std::vector<float> takeSummary(const ReadJson& json, CalibrationInput& input) {
+std::vector<float> takeSummary(const Json& json, CalibrationInput& input) {
     input.axisAngle = json.at("tilt_axis").at("angle_deg").get<double>();
     // The side of the sphere, which the summary states, is opposite to the sense of the positions.
     input.sense = -std::clamp(json.at("handedness").at("sense").get<int>(), -1, 1);
     input.wavelength = EwaldCurvature::wavelength(json.at("parameters").at("voltage_kv").get<double>());
     input.lattice.pixelSize = json.at("input").at("pixel_size").get<double>();
-    const ReadJson& cell = json.at("cell");
+    const Json& cell = json.at("cell");
     input.lattice.basis = matrixFrom(cell.at("reciprocal_vectors_px")).transpose();
     input.type = typeOf(cell.at("conventional").at("bravais").get<std::string>());
     input.toConventional = matrixFrom(cell.at("candidates").at(0).at("transformation"));
     std::vector<float> tilts;
-    for (const ReadJson& centre : json.at("centres"))
+    for (const Json& centre : json.at("centres"))
         tilts.push_back(centre.at("tilt").get<float>());
     return tilts;
 }
@@ -57,7 +56,7 @@ std::vector<float> takeSummary(const ReadJson& json, CalibrationInput& input) {
 }  // namespace
 
 RunStatement readRunSummary(std::string_view text, const std::filesystem::path& folder) {
-    const auto json = parsedJson<ReadJson>(text);
+    const auto json = parsedJson<Json>(text);
     RunStatement statement;
     statement.input.name = folder.string();
     try {
@@ -66,7 +65,7 @@ RunStatement readRunSummary(std::string_view text, const std::filesystem::path& 
             throw Failure(folder.string() +
                           " was made with --distortion, its reflections do not show the instrument any more; "
                           "give the series itself");
-    } catch (const ReadJson::exception&) {
+    } catch (const Json::exception&) {
         throw Failure((folder / kSummary).string() +
                       " is not complete; run the series again, or give it itself");
     }
@@ -74,12 +73,11 @@ RunStatement readRunSummary(std::string_view text, const std::filesystem::path& 
 }
 
 CalibrationInput readRunFolder(const std::filesystem::path& folder) {
-    std::ifstream stream(folder / kSummary, std::ios::binary);
-    if (!stream)
+    const std::optional<std::string> text = wholeFile(folder / kSummary);
+    if (!text)
         throw Failure(folder.string() +
                       " holds no summary.json; give a series, or a folder that 'vrk run' made");
-    const std::string text{std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
-    auto [input, tilts] = readRunSummary(text, folder);
+    auto [input, tilts] = readRunSummary(*text, folder);
     const PeakList peaks = readPeaks(folder / "peaks.txt");
     const bool ascending = std::is_sorted(tilts.begin(), tilts.end());
     if (!peaks.head || tilts.size() < 2 || !ascending)

@@ -11,6 +11,7 @@
 
 #include "foundation/Version.h"
 #include "pipeline/base/Angle.h"
+#include "pipeline/base/CellJson.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/JsonText.h"
 #include "pipeline/base/NumberText.h"
@@ -26,22 +27,8 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr std::array<const char*, 6> kNames = {"a", "b", "c", "alpha", "beta", "gamma"};
-
-Json parametersJson(const CellParameters& cell) {
-    return {{"a", cell.a},         {"b", cell.b},       {"c", cell.c},
-            {"alpha", cell.alpha}, {"beta", cell.beta}, {"gamma", cell.gamma}};
-}
-
-Json parametersJson(const std::array<double, 6>& cell) {
-    Json json;
-    for (std::size_t i = 0; i < 6; ++i)
-        json[kNames[i]] = cell[i];
-    return json;
-}
-
 Json characterJson(const LatticeCharacter& character) {
-    Json json = parametersJson(character.measured);
+    Json json = cellParametersJson<Json>(character.measured);
     json["bravais"] = LATTICE::shortName(character.bravaisType);
     json["centring"] = std::string(1, character.centring);
     json["character"] = character.number;
@@ -64,10 +51,10 @@ Json columnsJson(const Eigen::Matrix3d& vectors) {
 Json cellJson(const RunResult& result) {
     Json cell;
     const RefinedLattice& free = result.indexed.refined.lattice;
-    cell["reduced"] = parametersJson(free.cell);
+    cell["reduced"] = cellParametersJson<Json>(free.cell);
     cell["reduced"]["volume"] = free.volume;
     const RefinedLattice& tied = result.indexed.conventional;
-    cell["conventional"] = parametersJson(tied.cell);
+    cell["conventional"] = cellParametersJson<Json>(tied.cell);
     cell["conventional"]["volume"] = tied.volume;
     cell["conventional"]["bravais"] = LATTICE::shortName(result.indexed.symmetry().bravaisType);
     cell["conventional"]["misfit_deg"] = result.indexed.symmetry().qualityIndex;
@@ -75,8 +62,8 @@ Json cellJson(const RunResult& result) {
     for (const LatticeCharacter& character : result.indexed.characters)
         cell["candidates"].push_back(characterJson(character));
     cell["reciprocal_vectors_px"] = columnsJson(free.lattice.basis);
-    cell["esd"] = {{"reduced", parametersJson(free.cellSigma)},
-                   {"conventional", parametersJson(tied.cellSigma)}};
+    cell["esd"] = {{"reduced", cellParametersJson<Json>(free.cellSigma)},
+                   {"conventional", cellParametersJson<Json>(tied.cellSigma)}};
     cell["esd"]["reduced"]["volume"] = free.volumeSigma;
     cell["esd"]["conventional"]["volume"] = tied.volumeSigma;
     return cell;
@@ -215,8 +202,8 @@ Json crystalJson(const Indexed& indexed, const std::optional<Intensities>& inten
     const RefinedLattice& lattice = indexed.refined.lattice;
     Json json = {{"strong_share", share},
                  {"bravais", LATTICE::shortName(indexed.symmetry().bravaisType)},
-                 {"cell", parametersJson(indexed.conventional.cell)},
-                 {"reduced", parametersJson(lattice.cell)},
+                 {"cell", cellParametersJson<Json>(indexed.conventional.cell)},
+                 {"reduced", cellParametersJson<Json>(lattice.cell)},
                  {"confidence", nameOf(indexed.verdict.level)},
                  {"reasons", indexed.verdict.reasons},
                  {"reflections", {{"found", lattice.reflections}, {"indexed", lattice.indexed}}},
@@ -282,8 +269,8 @@ Json intensitiesJson(const Intensities& intensities) {
     if (fit.rocking.mode == RotationMode::Continuous)
         json["mode"]["rotation_deg"] = fit.geometry.frames.front().rotation / kDegree;
     if (fit.rocking.precession > 0.0) json["mode"]["precession_deg"] = fit.rocking.precession / kDegree;
-    json["cell"] = parametersJson(fit.cell);
-    json["esd"] = parametersJson(fit.cellSigma);
+    json["cell"] = cellParametersJson<Json>(fit.cell);
+    json["esd"] = cellParametersJson<Json>(fit.cellSigma);
     json["geometry"] = {{"axis_deg", fit.geometry.axisAngle / kDegree},
                         {"axis_pitch_deg", fit.geometry.axisPitch / kDegree},
                         {"terms", fit.terms},

@@ -2,19 +2,18 @@
 
 #include <algorithm>
 #include <cmath>
-#include <fstream>
 #include <gemmi/c4322.hpp>
 #include <gemmi/cellred.hpp>
 #include <gemmi/cif.hpp>
 #include <gemmi/sfcalc.hpp>
 #include <gemmi/smcif.hpp>
 #include <gemmi/symmetry.hpp>
-#include <iterator>
 #include <map>
 #include <numbers>
 #include <string_view>
 
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/FileText.h"
 
 namespace vrk {
 namespace {
@@ -154,9 +153,7 @@ SimulatedCrystal SimulatedCrystal::fromCell(const std::array<double, 6>& cell, c
 }
 
 SimulatedCrystal SimulatedCrystal::fromCif(const std::string& path, double bFactor) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) throw Failure("cannot read the structure " + path + ": there is no such file");
-    return fromCifText(std::string(std::istreambuf_iterator<char>(file), {}), path, bFactor);
+    return fromCifText(textOfFile(path), path, bFactor);
 }
 
 SimulatedCrystal SimulatedCrystal::fromCifText(std::string_view text, const std::string& path,

@@ -3,31 +3,27 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "pipeline/base/CellJson.h"
 #include "pipeline/base/JsonText.h"
 #include "pipeline/simulation/detail/SettingsJson.h"
 
 namespace vrk {
 namespace {
 
-using nlohmann::json;
-
-json cellJson(const std::array<double, 6>& cell) {
-    return {{"a", cell[0]},     {"b", cell[1]},    {"c", cell[2]},
-            {"alpha", cell[3]}, {"beta", cell[4]}, {"gamma", cell[5]}};
-}
+using Json = nlohmann::ordered_json;
 
 template <class Value>
-json orNull(const std::optional<Value>& value) {
-    return value ? json(*value) : json(nullptr);
+Json orNull(const std::optional<Value>& value) {
+    return value ? Json(*value) : Json(nullptr);
 }
 
 }  // namespace
 
 std::string SimulationTruth::toJson() const {
-    json conventional = cellJson(conventionalCell);
+    Json conventional = cellParametersJson<Json>(conventionalCell);
     conventional["centring"] = std::string(1, centring);
-    json truth = {
-        {"cell", {{"conventional", conventional}, {"primitive", cellJson(primitiveCell)}}},
+    Json truth = {
+        {"cell", {{"conventional", conventional}, {"primitive", cellParametersJson<Json>(primitiveCell)}}},
         {"orientation_matrix", orientation},
         {"second_orientation_matrix", orNull(secondOrientation)},
         {"reciprocal_vectors_px", {{"conventional", conventionalVectors}, {"primitive", primitiveVectors}}},

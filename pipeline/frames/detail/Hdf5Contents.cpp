@@ -243,8 +243,9 @@ void readNexus(hid_t file, const FrameSource& source, Hdf5Contents& contents) {
 }
 
 /// A number that is stored as one or as text.
-std::optional<double> numberIn(const nlohmann::json& json, const char* pointer) {
-    const nlohmann::json value = json.value(nlohmann::json::json_pointer(pointer), nlohmann::json());
+std::optional<double> numberIn(const nlohmann::ordered_json& json, const char* pointer) {
+    const nlohmann::ordered_json value =
+        json.value(nlohmann::ordered_json::json_pointer(pointer), nlohmann::ordered_json());
     double number = 0;
     if (value.is_number()) return value.get<double>();
     if (value.is_string() && parseNumber(value.get<std::string>(), number)) return number;
@@ -253,14 +254,14 @@ std::optional<double> numberIn(const nlohmann::json& json, const char* pointer) 
 
 /// What the microscope noted about one frame, as JSON.
 void readVeloxMetadata(const std::string& text, FrameInfo& info) {
-    const auto json = parsedJson<nlohmann::json>(text);
+    const auto json = parsedJson<nlohmann::ordered_json>(text);
     if (!json.is_object()) return;
     if (const auto tilt = numberIn(json, "/Stage/AlphaTilt")) info.tilt = *tilt / kDegree;
     if (const auto volts = numberIn(json, "/Optics/AccelerationVoltage"); volts && *volts > 0)
         info.kilovolts = *volts / 1000;
     const auto width = numberIn(json, "/BinaryResult/PixelSize/width");
-    const std::string unit =
-        jsonText(json.value(nlohmann::json::json_pointer("/BinaryResult/PixelUnitX"), nlohmann::json("")));
+    const std::string unit = jsonText(json.value(
+        nlohmann::ordered_json::json_pointer("/BinaryResult/PixelUnitX"), nlohmann::ordered_json("")));
     if (width && *width > 0 && unit == "\"1/m\"") info.pixelSize = width;
     if (width && *width > 0 && unit == "\"rad\"" && info.kilovolts)
         info.pixelSize = *width / EwaldCurvature::wavelength(*info.kilovolts) * 1e10;

@@ -65,22 +65,22 @@ private:
             m_contents.problem = "it names " + outside +
                                  ", which lies outside its folder; vrk import --allow-outside takes frames "
                                  "from anywhere";
-        nlohmann::json infos = nlohmann::json::array();
+        nlohmann::ordered_json infos = nlohmann::ordered_json::array();
         for (const FrameInfo& info : m_contents.infos) {
-            nlohmann::json values = {info.width, info.height};
+            nlohmann::ordered_json values = {info.width, info.height};
             for (const auto value :
                  {info.tilt, info.rotation, info.pixelSize, info.kilovolts, info.axis, info.exposure})
-                values.push_back(value ? nlohmann::json(*value) : nlohmann::json());
+                values.push_back(value ? nlohmann::ordered_json(*value) : nlohmann::ordered_json());
             infos.push_back(std::move(values));
         }
-        nlohmann::json stacks = nlohmann::json::array();
+        nlohmann::ordered_json stacks = nlohmann::ordered_json::array();
         for (const detail::Hdf5Stack& stack : m_contents.stacks)
             stacks.push_back({stack.axis, stack.count});
-        const nlohmann::json all = {{"infos", infos},
-                                    {"stacks", stacks},
-                                    {"parts", m_contents.parts},
-                                    {"problem", m_contents.problem}};
-        const std::vector<std::uint8_t> bytes = nlohmann::json::to_cbor(all);
+        const nlohmann::ordered_json all = {{"infos", infos},
+                                            {"stacks", stacks},
+                                            {"parts", m_contents.parts},
+                                            {"problem", m_contents.problem}};
+        const std::vector<std::uint8_t> bytes = nlohmann::ordered_json::to_cbor(all);
         return {bytes.begin(), bytes.end()};
     }
 
@@ -126,7 +126,7 @@ public:
 private:
     Frame readFrame(int frame) const override;
     /// Starts the process that reads the file. Files of one frame keep none between two readings.
-    nlohmann::json start() const;
+    nlohmann::ordered_json start() const;
 
     std::vector<std::array<int, 2>> m_stacks;  ///< of each the axis that counts frames, and their number
     std::vector<std::filesystem::path> m_parts;
@@ -139,7 +139,7 @@ FrameFormat::Match recogniseHdf5(const FileStart& start) {
 
 const FrameFormat::Registration kHdf5({"HDF5", recogniseHdf5, FrameFormat::openAs<Hdf5File>});
 
-nlohmann::json Hdf5File::start() const {
+nlohmann::ordered_json Hdf5File::start() const {
     const auto server = std::make_shared<std::unique_ptr<Hdf5Server>>();
     // What is packed is unpacked here, once for both processes.
     const std::uint64_t bytes = source().open()->size() + bytesIn(m_parts);
@@ -150,17 +150,17 @@ nlohmann::json Hdf5File::start() const {
         });
     constexpr std::size_t kLongest = std::size_t{1} << 27;
     const std::optional<std::string> answer = m_process->ask("contents", kLongest);
-    nlohmann::json contents = nlohmann::json::from_cbor(answer.value_or(""), true, false);
+    nlohmann::ordered_json contents = nlohmann::ordered_json::from_cbor(answer.value_or(""), true, false);
     if (!contents.is_object()) refuse("the HDF5 file is damaged or truncated");
     return contents;
 }
 
 Hdf5File::Hdf5File(FrameSource source) : FrameFile(std::move(source)) {
-    const nlohmann::json contents = start();
+    const nlohmann::ordered_json contents = start();
     const std::string problem = contents.at("problem");
     if (!problem.empty()) refuse(problem);
     if (contents.at("infos").empty()) refuse("it holds no frames");
-    for (const nlohmann::json& values : contents.at("infos")) {
+    for (const nlohmann::ordered_json& values : contents.at("infos")) {
         FrameInfo info;
         info.width = values.at(0);
         info.height = values.at(1);

@@ -5,13 +5,13 @@
 namespace vrk::detail {
 namespace {
 
-using nlohmann::json;
+using Json = nlohmann::ordered_json;
 
-json vectorOrNull(const std::optional<Vector3>& vector) {
-    return vector ? json(*vector) : json(nullptr);
+Json vectorOrNull(const std::optional<Vector3>& vector) {
+    return vector ? Json(*vector) : Json(nullptr);
 }
 
-json beamStopJson(const SimulationSettings& s) {
+Json beamStopJson(const SimulationSettings& s) {
     if (!s.beamStop) return nullptr;
     const double usual = 0.02 * s.detector.size;
     return {{"direction_deg", s.beamStop->direction},
@@ -24,7 +24,7 @@ json beamStopJson(const SimulationSettings& s) {
 
 }  // namespace
 
-json settingsJson(const SimulationSettings& s) {
+Json settingsJson(const SimulationSettings& s) {
     return {{"seed", s.seed},
             {"b_factor", s.bFactor},
             {"dmin", s.dmin},
@@ -32,8 +32,8 @@ json settingsJson(const SimulationSettings& s) {
             {"even", s.evenIntensities},
             {"asymmetry", s.asymmetry},
             {"second_crystal", s.secondCrystal},
-            {"second_turn_deg", s.secondTurn ? json(*s.secondTurn) : json(nullptr)},
-            {"second_cell", s.secondCell ? json(*s.secondCell) : json(nullptr)},
+            {"second_turn_deg", s.secondTurn ? Json(*s.secondTurn) : Json(nullptr)},
+            {"second_cell", s.secondCell ? Json(*s.secondCell) : Json(nullptr)},
             {"beam_along", vectorOrNull(s.orientation.beamAlong)},
             {"axis_along", vectorOrNull(s.orientation.axisAlong)},
             {"off_zone_deg", s.orientation.offZone},

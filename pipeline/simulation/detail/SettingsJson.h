@@ -9,6 +9,6 @@
 namespace vrk::detail {
 
 /// All settings but the list of tilts, under the names that the truth file explains.
-nlohmann::json settingsJson(const SimulationSettings& settings);
+nlohmann::ordered_json settingsJson(const SimulationSettings& settings);
 
 }  // namespace vrk::detail
