@@ -1,17 +1,9 @@
 #include "reflections/PeakFileImportExport.h"
 
-#include <gtest/gtest.h>
-
-#include <cmath>
 #include <cstdio>
-#include <fstream>
-#include <limits>
-#include <sstream>
-#include <string>
 
 #include "reflections/ReflexVector.h"
-#include "support/RecordingLogObserver.h"
-#include "support/TemporaryFolder.h"
+#include "support/Testing.h"
 
 namespace {
 

@@ -1,15 +1,9 @@
 #include "reflections/ReflexOnGrid.h"
 
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <limits>
-#include <random>
-
 #include "PlainSearch.h"
 #include "TestVolume.h"
 #include "reflections/VolumeMath.h"
-#include "support/RecordingLogObserver.h"
+#include "support/Testing.h"
 
 namespace {
 

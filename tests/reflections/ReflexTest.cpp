@@ -1,16 +1,10 @@
 #include "reflections/Reflex.h"
 
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <limits>
-#include <memory>
-#include <utility>
-
 #include "TestVolume.h"
 #include "reflections/ReflexOnGrid.h"
 #include "reflections/ReflexVector.h"
 #include "reflections/VolumeMath.h"
+#include "support/Testing.h"
 
 namespace {
 

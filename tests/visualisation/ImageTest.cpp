@@ -1,18 +1,10 @@
-#include <gtest/gtest.h>
-
-#include <array>
-#include <cmath>
-#include <limits>
-#include <memory>
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
-#include <vector>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "VoxCore/DataModel/VoxVolumeData.h"
 #include "crystallography/UnitCell.h"
-#include "support/RecordingLogObserver.h"
-#include "support/TemporaryFolder.h"
+#include "support/Testing.h"
 #include "visualisation/ReciprocalSection.h"
 #include "visualisation/VolumeProjection.h"
 #include "visualisation/VoxOpenCV.h"

@@ -1,11 +1,7 @@
 #include "VoxCore/DataModel/VoxArray/VoxArray.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <limits>
-
 #include "support/PlainVolume.h"
+#include "support/Testing.h"
 
 namespace {
 

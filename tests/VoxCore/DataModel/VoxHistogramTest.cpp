@@ -1,10 +1,7 @@
 #include "VoxCore/DataModel/VoxHistogram.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-
 #include "support/PlainVolume.h"
+#include "support/Testing.h"
 
 namespace {
 

@@ -1,13 +1,8 @@
 #include "VoxCore/IO/DummyCrystal.h"
 
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <memory>
-#include <numbers>
-
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "VoxCore/IO/VoxMRCFileHandler.h"
+#include "support/Testing.h"
 
 using VRK::DummyCrystal;
 

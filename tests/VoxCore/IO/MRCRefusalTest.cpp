@@ -1,19 +1,13 @@
 // What the file handler says to files that are damaged, cut, of another kind, or impossible.
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include <filesystem>
-#include <limits>
-#include <memory>
 #include <stdexcept>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "VoxCore/DataModel/VoxVolumeData.h"
 #include "VoxCore/IO/VoxMRCFileHandler.h"
 #include "support/MRCBytes.h"
-#include "support/RecordingLogObserver.h"
-#include "support/RecordingProgressObserver.h"
-#include "support/TemporaryFolder.h"
+#include "support/Testing.h"
 
 namespace {
 

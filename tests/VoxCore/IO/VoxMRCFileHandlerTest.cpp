@@ -1,18 +1,11 @@
 #include "VoxCore/IO/VoxMRCFileHandler.h"
 
-#include <gtest/gtest.h>
 #include <rapidcheck.h>
-
-#include <cmath>
-#include <limits>
-#include <memory>
 
 #include "VoxCore/DataModel/VoxHistogram.h"
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "support/MRCBytes.h"
-#include "support/RecordingLogObserver.h"
-#include "support/RecordingProgressObserver.h"
-#include "support/TemporaryFolder.h"
+#include "support/Testing.h"
 
 namespace {
 
