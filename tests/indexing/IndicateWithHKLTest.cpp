@@ -1,17 +1,10 @@
 #include "indexing/IndicateWithHKL.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <filesystem>
-#include <limits>
-
 #include "reflections/ReflexOnGrid.h"
 #include "reflections/TestVolume.h"
 #include "reflections/VolumeMath.h"
-#include "support/RecordingLogObserver.h"
 #include "support/SimulatedReflections.h"
-#include "support/TemporaryFolder.h"
+#include "support/Testing.h"
 
 namespace {
 
@@ -177,9 +170,21 @@ TEST_F(IndicateWithHKLTest, PlotsRender) {
         for (const char* extension : {".plt", ".png"})
             EXPECT_TRUE(fs::exists(folder / (std::string(name) + extension))) << name;
 
-    for (const char* axes :
-         {"xlabel 'h'; set ylabel 'k'", "xlabel 'h'; set ylabel 'l'", "xlabel 'k'; set ylabel 'l'"})
-        EXPECT_NE(own.read("indexing 'plots'/hklPlot.plt").find(axes), std::string::npos) << axes;
+    const std::string distance = "xlabel 'distance from the origin (voxels)'; set ylabel ";
+    for (const auto& [plot, axes] : std::vector<std::pair<std::string, std::string>>{
+             {"hklPlot", "xlabel 'h'; set ylabel 'k'"},
+             {"hklPlot", "xlabel 'h'; set ylabel 'l'"},
+             {"hklPlot", "xlabel 'k'; set ylabel 'l'"},
+             {"kPlot", "xlabel 'k'; set ylabel 'reflections'; set yrange [0:*]"},
+             {"kPlot", "xlabel 'k'; set ylabel 'deviation'"},
+             {"kPlot", "y2label 'mean intensity'"},
+             {"indicateEvaluation", distance + "'displacement (voxels)'"},
+             {"indicateEvaluation", distance + "'indexed (%)'; set yrange [0:105]"},
+             {"indicateEvaluation",
+              "nodes'\nset xlabel 'displacement (voxels)'; set ylabel 'reflections'; set yrange [0:*]"},
+             {"indicateEvaluation",
+              "volume'\nset xlabel 'displacement (voxels)'; set ylabel 'reflections'; set yrange [0:*]"}})
+        EXPECT_NE(own.read("indexing 'plots'/" + plot + ".plt").find(axes), std::string::npos) << axes;
     RecordingLogObserver log;
     m_list->destroyElements();
     EXPECT_FALSE(IndicateWithHKL::generateEvaluationPlot(m_list.get(), folder.string()));

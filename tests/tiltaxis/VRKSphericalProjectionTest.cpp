@@ -1,22 +1,12 @@
 #include "tiltaxis/VRKSphericalProjection.h"
 
-#include <gtest/gtest.h>
 #include <rapidcheck.h>
-
-#include <algorithm>
-#include <array>
-#include <cmath>
-#include <limits>
-#include <memory>
-#include <numbers>
-#include <numeric>
-#include <vector>
 
 #include "cellfinding/CalculateDiffVectors.h"
 #include "cellfinding/ClusterPoint.h"
 #include "cellfinding/Parameter.h"
 #include "reflections/ReflexVector.h"
-#include "support/RecordingLogObserver.h"
+#include "support/Testing.h"
 
 namespace {
 
@@ -82,7 +72,7 @@ TEST(VRKSphericalProjectionTest, ScalesToEightBits) {
 }
 
 TEST(VRKSphericalProjectionTest, GivesTheVarianceOfAPlainCount) {
-    rc::check([](std::vector<std::array<signed char, 3>> bytes) {
+    EXPECT_TRUE(rc::check([](std::vector<std::array<signed char, 3>> bytes) {
         constexpr int nPhi = 12, nTheta = 7;
         std::vector<Vector> vectors, opposite;
         std::vector<double> counts(nPhi * nTheta);
@@ -108,7 +98,7 @@ TEST(VRKSphericalProjectionTest, GivesTheVarianceOfAPlainCount) {
         });
         const Histogram unfolded(vectors, nPhi, nTheta, false);
         RC_ASSERT((unfolded.largest >= 0) == inRange);
-    });
+    }));
 }
 
 TEST(VRKSphericalProjectionTest, RefusesWhatHasNoBin) {
@@ -130,7 +120,7 @@ TEST(VRKSphericalProjectionTest, RefusesWhatHasNoBin) {
 
 TEST(VRKSphericalProjectionTest, CountsPairsAsTheListOfTheirVectors) {
     // Points on a grid have vectors along the axes and on the borders of bins.
-    rc::check([](std::vector<std::array<signed char, 3>> bytes, bool onGrid, unsigned char bins) {
+    EXPECT_TRUE(rc::check([](std::vector<std::array<signed char, 3>> bytes, bool onGrid, unsigned char bins) {
         ReflexVector points;
         for (std::size_t i = 0; i < 8 * bytes.size(); ++i) {
             const auto& b = bytes[i / 8];
@@ -162,5 +152,5 @@ TEST(VRKSphericalProjectionTest, CountsPairsAsTheListOfTheirVectors) {
         if (list)
             for (auto* vector : *list)
                 delete vector;
-    });
+    }));
 }

@@ -1,20 +1,10 @@
 #include "tiltaxis/VRKTiltAxisRefinement.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cmath>
-#include <filesystem>
-#include <functional>
-#include <memory>
-
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "pipeline/geometry/TiltAxisSearch.h"
 #include "pipeline/simulation/Simulation.h"
 #include "processing/SeriesFactory.h"
-#include "support/RecordingLogObserver.h"
-#include "support/RecordingProgressObserver.h"
-#include "support/TemporaryFolder.h"
+#include "support/Testing.h"
 #include "tiltaxis/FindReflexes2d.h"
 
 namespace {
@@ -145,6 +135,9 @@ TEST(VRKTiltAxisRefinementTest, LeavesTheSeriesAloneAndWritesImagesAndPlots) {
                              "crystal_searchTiltAxis_plots/differenceVectorSpace_histogram_variance2_1.dat",
                              "crystal_searchTiltAxis_plots/differenceVectorSpace_histogram_maxValue.plt"})
         EXPECT_TRUE(std::filesystem::exists(folder / name)) << name;
+    EXPECT_NE(folder.read("crystal_searchTiltAxis_plots/differenceVectorSpace_histogram_variance.plt")
+                  .find("set xlabel 'angle of the tilt axis (degrees)'"),
+              std::string::npos);
 }
 
 TEST(VRKTiltAxisRefinementTest, TriesAnglesOnAScheduleThatFollowsTheAccuracy) {
