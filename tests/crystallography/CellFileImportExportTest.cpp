@@ -1,14 +1,7 @@
 #include "crystallography/CellFileImportExport.h"
 
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <filesystem>
-#include <memory>
-
 #include "crystallography/UnitCell.h"
-#include "support/RecordingLogObserver.h"
-#include "support/TemporaryFolder.h"
+#include "support/Testing.h"
 
 namespace {
 

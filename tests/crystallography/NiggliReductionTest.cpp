@@ -1,12 +1,10 @@
 #include "crystallography/NiggliReduction.h"
 
-#include <gtest/gtest.h>
-
 #include <optional>
-#include <sstream>
 
 #include "RandomLattice.h"
 #include "crystallography/UnitCellTest.h"
+#include "support/Testing.h"
 
 namespace {
 

@@ -1,10 +1,5 @@
 #include "crystallography/UnitCell.h"
 
-#include <gtest/gtest.h>
-
-#include <limits>
-#include <memory>
-
 #include "RandomLattice.h"
 #include "crystallography/BasicMath.h"
 #include "crystallography/CrystallographyMath.h"
@@ -12,6 +7,7 @@
 #include "crystallography/ReciprocalSpaceMath.h"
 #include "crystallography/Space.h"
 #include "crystallography/UnitCellTest.h"
+#include "support/Testing.h"
 
 namespace {
 
