@@ -2,14 +2,11 @@
 /// Points, their grid and what a clustering makes of them.
 #pragma once
 
-#include <algorithm>
-#include <memory>
-#include <random>
 #include <type_traits>
-#include <vector>
 
 #include "cellfinding/Cluster.h"
 #include "cellfinding/CubicGrid.h"
+#include "support/Testing.h"
 
 namespace testing_support {
 

@@ -1,12 +1,7 @@
 #include "cellfinding/CubicGrid.h"
 
-#include <gtest/gtest.h>
-
-#include <limits>
-
 #include "PlainGrid.h"
-#include "foundation/VRKLogger.h"
-#include "support/RecordingLogObserver.h"
+#include "support/Testing.h"
 
 namespace {
 
@@ -73,20 +68,6 @@ TEST(CubicGridTest, AnswersAsTheWalkOverTheCubesDoes) {
     }
 }
 
-TEST(CubicGridTest, CountsCubesFromZeroAndChecksOnlyTheIndex) {
-    // A point beyond the last cube of x lies in the first cube of the next row in y, whose neighbours it has.
-    Grid grid = gridOver({{-5, 2, 7}, {22, 0, 0}, {1, 4, 1}}, -10.0, 10.0, 3);
-    EXPECT_EQ(grid.getNumberOfCubes(), 343);
-    EXPECT_EQ(grid.getPoint(0)->getData(0), 22.0);  // index 7
-    EXPECT_EQ(grid.getPoint(1)->getData(0), 1.0);   // index 7
-    EXPECT_EQ(grid.getPoint(2)->getData(0), -5.0);  // index 98
-    EXPECT_EQ(grid.getSizeOfNeighborhood(grid.getPoint(0), 22.0),
-              2 + 1 * (std::sqrt(27. * 27 + 4 + 49) < 22.0));
-    EXPECT_FALSE(grid.coversRadius(3.0));
-    EXPECT_EQ(grid.getPoint(3), nullptr);
-    EXPECT_EQ(gridOver({{1, 1, 1}}, -1.0, 2.0, 0).getEdgeLength(), 8);
-}
-
 TEST(CubicGridTest, KeepsOutsidePointsAsZerosAndSaysSo) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
     VRKLogger::getInstance();  // speaks on the standard output when it is made
@@ -131,6 +112,9 @@ TEST(CubicGridTest, FindsItsOwnLimitsAndHasNeighboursInTwoAndThreeDimensionsOnly
     }
     const std::vector<TestPoint*> none;
     EXPECT_EQ(Grid(&none, 3).getNumberOfPoints(), 0);
+    Grid automatic = gridOver({{1, 1, 1}}, -1.0, 2.0, 0);
+    EXPECT_EQ(automatic.getEdgeLength(), 8);
+    EXPECT_EQ(automatic.getPoint(1), nullptr);
 }
 
 TEST(CubicGridTest, PrintsItsShape) {

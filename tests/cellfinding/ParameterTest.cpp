@@ -1,13 +1,8 @@
 #include "cellfinding/Parameter.h"
 
-#include <gtest/gtest.h>
+#include "support/Testing.h"
 
-#include <functional>
-#include <limits>
-#include <string>
 #include <type_traits>
-
-#include "support/RecordingLogObserver.h"
 
 namespace {
 
