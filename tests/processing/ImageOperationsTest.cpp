@@ -1,17 +1,6 @@
 #include "processing/ImageOperations.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <array>
-#include <cmath>
-#include <functional>
-#include <limits>
-#include <random>
-#include <utility>
-#include <vector>
-
-#include "support/RecordingLogObserver.h"
+#include "support/Testing.h"
 
 namespace {
 

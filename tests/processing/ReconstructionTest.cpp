@@ -1,16 +1,9 @@
-#include <gtest/gtest.h>
 #include <rapidcheck.h>
-
-#include <algorithm>
-#include <limits>
-#include <memory>
-#include <random>
 
 #include "processing/PlainReconstruction.h"
 #include "processing/SeriesFactory.h"
 #include "processing/VoxMRCstemProcessing.h"
-#include "support/RecordingLogObserver.h"
-#include "support/RecordingProgressObserver.h"
+#include "support/Testing.h"
 
 namespace {
 
@@ -53,7 +46,7 @@ rc::Gen<std::vector<float>> ascendingTilts() {
 
 TEST(Reconstruction, EqualsThePlainOneBitForBit) {
     EXPECT_TRUE(rc::check("random series", [] {
-        const int width = *rc::gen::inRange(1, 34);
+        const int width = *rc::gen::oneOf(rc::gen::inRange(1, 34), rc::gen::element(64, 65, 140));
         const int height = *rc::gen::inRange(1, 40);
         const plain::Series series = randomSeries(
             width, height, *ascendingTilts(), *rc::gen::arbitrary<unsigned>(), *rc::gen::arbitrary<bool>());
@@ -64,9 +57,9 @@ TEST(Reconstruction, EqualsThePlainOneBitForBit) {
             return;
         }
         const auto volume = reconstruct(input.get());
-        RC_ASSERT(volume->GetWidth() == static_cast<unsigned>(width));
-        RC_ASSERT(volume->GetHeight() == static_cast<unsigned>(height));
-        RC_ASSERT(volume->GetDepth() == expected.size());
+        RC_ASSERT(volume->GetDims() ==
+                  (std::vector{static_cast<unsigned>(width), static_cast<unsigned>(height),
+                               static_cast<unsigned>(expected.size())}));
         VoxHistogram<short> histogram(volume.get(), 256, {});
         histogram.Update();
         RC_ASSERT(volume->m_Histogram->m_Bins == histogram.m_Bins);
@@ -77,18 +70,6 @@ TEST(Reconstruction, EqualsThePlainOneBitForBit) {
         for (unsigned i = 0; i < input->GetDepth(); ++i)
             RC_ASSERT(pixelsOf(*input, i) == series.patterns[i]);
     }));
-}
-
-TEST(Reconstruction, EqualsThePlainOneOnAUsualSeries) {
-    for (const int width : {64, 65, 140}) {
-        const plain::Series series = randomSeries(width, width + 7, range(-60, 60, 2.5F), 7, false);
-        const auto input = toData(series);
-        const auto volume = reconstruct(input.get());
-        const auto expected = plain::reconstruct(series);
-        ASSERT_EQ(volume->GetDepth(), expected.size());
-        for (unsigned layer = 0; layer < volume->GetDepth(); ++layer)
-            ASSERT_EQ(pixelsOf(*volume, layer), expected[layer]) << width << ", layer " << layer;
-    }
 }
 
 TEST(Reconstruction, GivesTheVolumeItsHeader) {

@@ -1,12 +1,7 @@
 #include "processing/detail/SeriesMean.h"
 
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <memory>
-#include <vector>
-
 #include "processing/SeriesFactory.h"
+#include "support/Testing.h"
 
 namespace {
 

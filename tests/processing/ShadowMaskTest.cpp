@@ -1,15 +1,7 @@
 #include "processing/ShadowMask.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cmath>
-#include <functional>
-#include <memory>
-#include <random>
-#include <vector>
-
 #include "processing/SeriesFactory.h"
+#include "support/Testing.h"
 
 namespace {
 
