@@ -250,32 +250,28 @@ TEST(CalculateCellAlgorithm, PutsAVectorOntoTheNearestCentre) {
 }
 
 TEST(CalculateCellAlgorithm, StepOneCutsAroundTheHalvesOfTheVolume) {
-    struct Case {
-        bool cutOff, limit;
-        std::vector<double> left;
-    };
-    const Case cases[] = {{false, false, {0, 4, 5, 9, 10}},
-                          {true, false, {5, 9, 10}},
-                          {false, true, {0, 4, 5, 9}},
-                          {true, true, {5, 9}}};
+    using List = std::vector<double>;
     const std::unique_ptr<VoxMRCData> volume(VoxMRCData::Create3D(11, 20, 30));  // its halves are 5, 10, 15
-    for (const Case& one : cases) {
+    for (const auto& [cutOff, limit, expected] : {std::tuple{false, false, List{0, 4, 5, 9, 10}},
+                                                  {true, false, List{5, 9, 10}},
+                                                  {false, true, List{0, 4, 5, 9}},
+                                                  {true, true, List{5, 9}}}) {
         RecordingLogObserver log;
         ReflexVectorPtr reflections(new ReflexVector);
         for (const double x : {0.0, 4.0, 5.0, 9.0, 10.0})
             reflections->push_back(new Reflex(5.0 + x, 10.0, 15.0));
         const std::vector<Reflex*> all(reflections->begin(), reflections->end());
         Parameter parameter;
-        parameter.setCutOffZeroBeam(one.cutOff);
+        parameter.setCutOffZeroBeam(cutOff);
         parameter.setMinDistToZeroBeam(5.0);
-        parameter.setLimitResolution(one.limit);
+        parameter.setLimitResolution(limit);
         parameter.setLimitOfResolution(9.0);
         EXPECT_GE(CalculateCellAlgorithm().StepOne_CutOfZeroBeam(reflections.get(), volume.get(), &parameter),
                   0.0);
         std::vector<double> left;
         for (Reflex* reflex : *reflections)
             left.push_back(reflex->getCenterInX() - 5.0);
-        EXPECT_EQ(left, one.left);
+        EXPECT_EQ(left, expected);
         EXPECT_TRUE(log.has("Cut off started...", VRK::Normal));
         EXPECT_TRUE(log.has("New number of reflections: " + std::to_string(left.size()), VRK::Normal));
         for (Reflex* reflex : all)
@@ -293,24 +289,21 @@ TEST(CalculateCellAlgorithm, RefusesMissingInputWithOneLine) {
     double seconds = 0.0;
     const ClusterPoint<double> untouched = run.a;
     const double zero[3] = {};
+    auto* const clusters = &run.clusters;
     const auto two = [&](ReflexVector* list) {
         EXPECT_EQ(algorithm.StepTwo_CalcDiffVectors(&run.parameter, list, &seconds), nullptr);
         return seconds;
     };
     const auto four = [&](ClusterPoint<double>* b) {
-        return algorithm.StepFour_FindLinearIndependentVectors(&run.parameter, nullptr, &run.clusters, &run.a,
-                                                               b, &run.c);
+        return algorithm.StepFour_FindLinearIndependentVectors(&run.parameter, nullptr, clusters, &run.a, b,
+                                                               &run.c);
     };
     const auto five = [&](Parameter* parameter) {
         return algorithm.StepFive_CalculateNiggliCell(parameter, &run.a, &run.b, &run.c, &run.a, &run.b,
                                                       &run.c);
     };
-    const auto six = [&] {
-        return algorithm.StepSix_Refinement(&run.clusters, &run.a, &run.b, &run.c, &run.a, &run.b, &run.c,
-                                            &run.refined[0], &run.refined[1], &run.refined[2]);
-    };
-    const auto basis = [&](std::vector<Cluster<Point<double>>*>* clusters) {
-        return algorithm.findBasis(&run.parameter, clusters, &run.a, &run.b, &run.c);
+    const auto basis = [&](std::vector<Cluster<Point<double>>*>* centres) {
+        return algorithm.findBasis(&run.parameter, centres, &run.a, &run.b, &run.c);
     };
     const auto reflections = [&](const double* origin) {
         return algorithm.testCellDetectionWithReflections(&run.parameter, &one, origin, &run.a, &run.b,
@@ -319,58 +312,47 @@ TEST(CalculateCellAlgorithm, RefusesMissingInputWithOneLine) {
     const auto niggli = [&](ClusterPoint<double>* b) {
         return algorithm.calculateNiggliCell2(&run.a, b, &run.c, &run.a, &run.b, &run.c);
     };
-    const auto all = [&](std::vector<Cluster<Point<double>>*>* clusters) {
-        return algorithm.refineCell(clusters, &run.a, &run.b, &run.c, &run.a, &run.b, &run.c);
+    const auto all = [&](std::vector<Cluster<Point<double>>*>* centres) {
+        return algorithm.refineCell(centres, &run.a, &run.b, &run.c, &run.a, &run.b, &run.c);
     };
-    const auto answer = [](bool done) { return done ? 0.0 : -1.0; };
-    struct Case {
-        const char* message;
-        VRK::MessageType type;
-        std::function<double()> call;
-    };
-    const Case cases[] = {
-        {"No reflections founded.", VRK::Error,
-         [&] { return algorithm.StepOne_CutOfZeroBeam(nullptr, volume.get(), &run.parameter); }},
-        {"The cut off needs a volume", VRK::Error,
-         [&] { return algorithm.StepOne_CutOfZeroBeam(&one, nullptr, &run.parameter); }},
-        {"Calculate diff vectors failed.", VRK::Error, [&] { return two(nullptr); }},
-        {"Calculate diff vectors failed.", VRK::Error, [&] { return two(&one); }},
-        {"No cluster centers found.", VRK::Warning,
-         [&] { return algorithm.StepThree_Clustering(&run.parameter, nullptr, &run.clusters, &run.noise); }},
-        {"No cluster centers found.", VRK::Warning,
-         [&] {
-             return algorithm.clusteringStep(nullptr, nullptr, &run.clusters, &run.noise,
-                                             ClusteringMethod::DDSC);
-         }},
-        {"No three linear independent vectors among 0", VRK::Warning, [&] { return four(&run.b); }},
-        {"three points are needed", VRK::Error, [&] { return four(nullptr); }},
-        {"six points are needed", VRK::Error, [&] { return five(nullptr); }},
-        {"No three linear independent vectors in the lattice", VRK::Warning,
-         [&] { return five(&run.parameter); }},
-        {"No clusters loaded during the refinement of the cell.", VRK::Error, six},
-        {"No clusters to join.", VRK::Warning,
-         [&] { return answer(algorithm.postprocessingDDSCclustering(&run.clusters, 3.0)); }},
-        {"No three of 0 cluster centers form a basis.", VRK::Warning, [&] { return basis(&run.clusters); }},
-        {"three points are needed to find a basis.", VRK::Error, [&] { return basis(nullptr); }},
-        {"No three of 1 reflections form a basis.", VRK::Warning, [&] { return reflections(zero); }},
-        {"an origin and three points are needed", VRK::Error, [&] { return reflections(nullptr); }},
-        {"span no cell that could be reduced", VRK::Warning, [&] { return niggli(&run.b); }},
-        {"Six points are needed", VRK::Error, [&] { return niggli(nullptr); }},
-        {"do not determine all three", VRK::Warning, [&] { return all(&run.clusters); }},
-        {"six points are needed to refine", VRK::Error, [&] { return all(nullptr); }},
-        {"No cluster center is near the base vector.", VRK::Warning,
-         [&] { return answer(algorithm.refineBaseVector(&run.clusters, nullptr)); }},
-    };
-    for (const Case& refusal : cases) {
-        SCOPED_TRACE(refusal.message);
-        RecordingLogObserver log;
+    RecordingLogObserver log;
+    const auto expect = [&](VRK::MessageType type, const char* message, double answer) {
+        EXPECT_EQ(answer, -1.0) << message;
+        EXPECT_EQ(log.count(message, type), 1) << message;
+        EXPECT_EQ(log.count("", VRK::Error) + log.count("", VRK::Warning), 1) << message;
+        EXPECT_TRUE(one.size() == 1 && run.a.isEqual(&untouched)) << message;
+        log.messages.clear();
         seconds = 0.0;
-        EXPECT_EQ(refusal.call(), -1.0);
-        EXPECT_EQ(log.count(refusal.message, refusal.type), 1);
-        EXPECT_EQ(log.count("", VRK::Error) + log.count("", VRK::Warning), 1);
-        EXPECT_EQ(one.size(), 1u);
-        EXPECT_TRUE(run.a.isEqual(&untouched));
-    }
+    };
+    using enum VRK::MessageType;
+    expect(Error, "No reflections founded.",
+           algorithm.StepOne_CutOfZeroBeam(nullptr, volume.get(), &run.parameter));
+    expect(Error, "The cut off needs a volume",
+           algorithm.StepOne_CutOfZeroBeam(&one, nullptr, &run.parameter));
+    expect(Error, "Calculate diff vectors failed.", two(nullptr));
+    expect(Error, "Calculate diff vectors failed.", two(&one));
+    expect(Warning, "No cluster centers found.",
+           algorithm.StepThree_Clustering(&run.parameter, nullptr, clusters, &run.noise));
+    expect(Warning, "No cluster centers found.",
+           algorithm.clusteringStep(nullptr, nullptr, clusters, &run.noise, ClusteringMethod::DDSC));
+    expect(Warning, "No three linear independent vectors among 0", four(&run.b));
+    expect(Error, "three points are needed", four(nullptr));
+    expect(Error, "six points are needed", five(nullptr));
+    expect(Warning, "No three linear independent vectors in the lattice", five(&run.parameter));
+    expect(Error, "No clusters loaded during the refinement of the cell.",
+           algorithm.StepSix_Refinement(clusters, &run.a, &run.b, &run.c, &run.a, &run.b, &run.c,
+                                        &run.refined[0], &run.refined[1], &run.refined[2]));
+    expect(Warning, "No clusters to join.", algorithm.postprocessingDDSCclustering(clusters, 3.0) - 1.0);
+    expect(Warning, "No three of 0 cluster centers form a basis.", basis(clusters));
+    expect(Error, "three points are needed to find a basis.", basis(nullptr));
+    expect(Warning, "No three of 1 reflections form a basis.", reflections(zero));
+    expect(Error, "an origin and three points are needed", reflections(nullptr));
+    expect(Warning, "span no cell that could be reduced", niggli(&run.b));
+    expect(Error, "Six points are needed", niggli(nullptr));
+    expect(Warning, "do not determine all three", all(clusters));
+    expect(Error, "six points are needed to refine", all(nullptr));
+    expect(Warning, "No cluster center is near the base vector.",
+           algorithm.refineBaseVector(clusters, nullptr) - 1.0);
     // The clusters have been dealt with, in vain.
     EXPECT_FALSE(run.parameter.getClusterOptionsChanged());
     EXPECT_TRUE(run.parameter.getCellOptionsChanged());
@@ -412,17 +394,13 @@ TEST(CalculateCellAlgorithm, PruningLeavesNoClusterEmpty) {
     run.parameter.setRefineCluster(true);
     CalculateCellAlgorithm algorithm;
     run.grid.reset(algorithm.StepTwo_CalcDiffVectors(&run.parameter, reflections.get(), nullptr));
-    struct Case {
-        double percent;
-        int first, second;
-    };
-    for (const Case& one : {Case{50.0, 14, 14}, Case{0.0, 29, 28}, Case{3.5, 1, 28}}) {
-        run.parameter.setClusterRefinementPercent(one.percent);
+    for (const auto& [percent, first, second] : {std::tuple{50.0, 14, 14}, {0.0, 29, 28}, {3.5, 1, 28}}) {
+        run.parameter.setClusterRefinementPercent(percent);
         ASSERT_GE(algorithm.StepThree_Clustering(&run.parameter, run.grid.get(), &run.clusters, &run.noise),
                   0.0);
         ASSERT_EQ(run.clusters.size(), 2u);
-        EXPECT_EQ(run.clusters[0]->getNumberOfPoints(), one.first);
-        EXPECT_EQ(run.clusters[1]->getNumberOfPoints(), one.second);
+        EXPECT_EQ(run.clusters[0]->getNumberOfPoints(), first);
+        EXPECT_EQ(run.clusters[1]->getNumberOfPoints(), second);
         for (auto* cluster : run.clusters)
             delete cluster;
         run.clusters.clear();

@@ -81,22 +81,20 @@ TEST(CubicGridTest, KeepsOutsidePointsAsZerosAndSaysSo) {
 
 TEST(CubicGridTest, BoundsTheCubesForAnyLimits) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
-    struct Case {
-        double min, max;
-        int cubes, edge;
-    };
     RecordingLogObserver log;
-    for (const Case& c : {Case{nan, 1.0, 0, 3}, Case{5.0, -5.0, 0, 3}, Case{-3000.0, 3000.0, 1000000000, 6},
-                          Case{-1e300, 1e300, 0, 1 << 30}}) {
-        SCOPED_TRACE(c.max);
+    for (const auto& [min, max, cubes, edge] : {std::tuple{nan, 1.0, 0, 3},
+                                                {5.0, -5.0, 0, 3},
+                                                {-3000.0, 3000.0, 1000000000, 6},
+                                                {-1e300, 1e300, 0, 1 << 30}}) {
+        SCOPED_TRACE(max);
         log.messages.clear();
         testing::internal::CaptureStdout();
-        Grid grid = gridOver({{1, 1, 1}, {2, 2, 2}}, c.min, c.max, 3);
+        Grid grid = gridOver({{1, 1, 1}, {2, 2, 2}}, min, max, 3);
         testing::internal::GetCapturedStdout();
-        EXPECT_EQ(grid.getEdgeLength(), c.edge);
-        EXPECT_EQ(grid.getNumberOfCubes(), c.cubes);
-        EXPECT_EQ(log.has("too many cubes of edge length 3", VRK::Warning), c.edge != 3);
-        EXPECT_EQ(grid.getSizeOfNeighborhood(grid.getPoint(0), 5.0), c.cubes > 0 ? 2 : 0);
+        EXPECT_EQ(grid.getEdgeLength(), edge);
+        EXPECT_EQ(grid.getNumberOfCubes(), cubes);
+        EXPECT_EQ(log.has("too many cubes of edge length 3", VRK::Warning), edge != 3);
+        EXPECT_EQ(grid.getSizeOfNeighborhood(grid.getPoint(0), 5.0), cubes > 0 ? 2 : 0);
     }
 }
 

@@ -139,18 +139,15 @@ TEST(FSCTest, ReportsProgressAndStops) {
 TEST(FSCTest, RefusesWhatItCannotCluster) {
     FscRun good, one, line, strange, wide;
     good.addBlob({0, 0, 0}, 20, 1.0);
-    one.add({1, 2, 3});
-    line.add({1});
-    line.add({2});
-    strange.add({1, 2, 3});
-    strange.add({1, -INFINITY, 3});
-    wide.add({-1e9, 0, 0});
-    wide.add({0, 1e9, -1e9});
-    for (FscRun* c : {&good, &one, &line, &strange, &wide})
+    for (const auto& [clustering, places] : {std::pair{&one, std::vector<Coordinates>{{1, 2, 3}}},
+                                             {&line, {{1}, {2}}},
+                                             {&strange, {{1, 2, 3}, {1, -INFINITY, 3}}},
+                                             {&wide, {{-1e9, 0, 0}, {0, 1e9, -1e9}}}})
+        for (const Coordinates& place : places)
+            clustering->add(place);
+    for (FscRun* c : {&good, &one, &line, &strange})
         c->makeGrid();
-    // The limits of a grid do not let points outside in.
-    std::vector<ClusterPoint<double>*> pointers{&wide.points[0], &wide.points[1]};
-    wide.grid = std::make_unique<CubicGrid<ClusterPoint<double>>>(&pointers, 8);
+    wide.makeGridAround(8);  // other limits do not let points outside in
     const struct {
         const char* message;
         FscRun* clustering;

@@ -39,24 +39,21 @@ TEST_F(IndicateWithHKLTest, TakesTheNearestNodeOrNone) {
     addNode(-5, 0, 1, {0.3, -0.4, 0.0});
     addNode(1, 1, 1, {4.0, 0.0, 3.0});
     EXPECT_EQ(indicate(&cell, 0.2), 2);
-    EXPECT_EQ((*m_list)[0]->getH(), 2);
-    EXPECT_EQ((*m_list)[0]->getK(), -3);
-    EXPECT_EQ((*m_list)[0]->getL(), 4);
-    EXPECT_EQ((*m_list)[1]->getH(), -5);
+    const std::array<std::array<int, 3>, 2> nodes = {{{2, -3, 4}, {-5, 0, 1}}};
+    for (std::size_t i = 0; i < 2; ++i)
+        EXPECT_EQ((std::array{(*m_list)[i]->getH(), (*m_list)[i]->getK(), (*m_list)[i]->getL()}), nodes[i]);
     EXPECT_FALSE((*m_list)[2]->isIndicated());
 
-    ASSERT_EQ(m_out[0].size(), 2u);
-    EXPECT_NEAR(m_out[0][0], 0.0, 1e-12);
-    EXPECT_NEAR(m_out[0][1], 0.5, 1e-12);
-    EXPECT_NEAR(m_out[2][1], 0.4, 1e-12);
-    ASSERT_EQ(m_out[4].size(), 1u);
-    EXPECT_NEAR(m_out[4][0], 5.0, 1e-12);
-    EXPECT_NEAR(m_out[7][0], 3.0, 1e-12);
-
+    // Displacements and their parts along x, y and z: of what was indexed, and of what was not.
+    const std::vector<double> displacements[8] = {{0, 0.5}, {0, 0.3}, {0, 0.4}, {0, 0}, {5}, {4}, {0}, {3}};
     const double expected[] = {0.25, 0.15, 0.2, 0.0, std::sqrt(0.125), std::sqrt(0.045), std::sqrt(0.08),
                                0.0};
-    for (int i = 0; i < IndicateWithHKL::kResultSize; ++i)
+    for (std::size_t i = 0; i < 8; ++i) {
         EXPECT_NEAR(m_result[i], expected[i], 1e-12) << i;
+        ASSERT_EQ(m_out[i].size(), displacements[i].size());
+        for (std::size_t n = 0; n < m_out[i].size(); ++n)
+            EXPECT_NEAR(m_out[i][n], displacements[i][n], 1e-12) << i;
+    }
     // Means over all three: (0 + 0.5 + 5) / 3 and so on.
     for (const char* line :
          {"Delta_Z = 1.83", "Delta_h = 1.43", "Delta_k = 0.13", "Delta_l = 1", "Delta_Z2 = 8.42",

@@ -31,11 +31,8 @@ TEST(Image, EqualisedImageUsesTheWholeScale) {
     ASSERT_TRUE(VoxOpenCV::SaveImageWithEqualizeHist(pixels.data(), 64, 32, path));
     const cv::Mat image = cv::imread(path, cv::IMREAD_UNCHANGED);
     ASSERT_EQ(image.size(), cv::Size(64, 32));
-    double low = -1.0, high = -1.0;
-    cv::minMaxLoc(image, &low, &high);
-    EXPECT_EQ(low, 0.0);
-    EXPECT_EQ(high, 255.0);
-    EXPECT_LT(image.at<unsigned char>(0, 1), image.at<unsigned char>(0, 2));
+    const unsigned char* row = image.ptr(0);
+    EXPECT_TRUE(row[0] == 0 && row[1] > 0 && row[2] > row[1] && row[3] == 255);
 }
 
 TEST(Image, ContrastShowsWeakSpotsBesideStrongOnes) {
@@ -77,16 +74,15 @@ TEST(VolumeProjection, KeepsEachAxisInItsPlace) {
     volume->m_Header.type = MRCType::MRCVOLUME;
     const VoxVolumeData view = VoxVolumeData::fromData(*volume);
     const auto check = [](const auto& data) {
-        const PlaneImage alongX = VolumeProjection::maximumAlong(data, 0);
-        const PlaneImage alongY = VolumeProjection::maximumAlong(data, 1);
-        const PlaneImage alongZ = VolumeProjection::maximumAlong(data, 2);
-        EXPECT_EQ(alongX.width, 3);
-        EXPECT_EQ(alongX.height, 5);
-        EXPECT_EQ(alongY.height, 3);
-        EXPECT_EQ(alongX.at(2, 1), 9.0F);
-        EXPECT_EQ(alongY.at(6, 2), 9.0F);
-        EXPECT_EQ(alongZ.at(6, 1), 9.0F);
-        EXPECT_EQ(alongZ.at(5, 1), 0.0F);
+        const std::array<int, 4> shapes[] = {{3, 5, 2, 1}, {7, 3, 6, 2}, {7, 5, 6, 1}};
+        for (int axis = 0; axis < 3; ++axis) {
+            const auto& [width, height, x, y] = shapes[axis];
+            const PlaneImage image = VolumeProjection::maximumAlong(data, axis);
+            PlaneImage expected(width, height);
+            expected.at(x, y) = 9.0F;
+            EXPECT_EQ(std::pair(image.width, image.height), std::pair(width, height));
+            EXPECT_EQ(image.values, expected.values);
+        }
         EXPECT_TRUE(VolumeProjection::maximumAlong(data, 3).values.empty());
     };
     check(*volume);

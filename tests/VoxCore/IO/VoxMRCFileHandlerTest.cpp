@@ -2,6 +2,8 @@
 
 #include <rapidcheck.h>
 
+#include <cstring>
+
 #include "VoxCore/DataModel/VoxHistogram.h"
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "support/MRCBytes.h"
@@ -102,6 +104,10 @@ TEST(VoxMRCFileHandler, TypeAndPixelSizeFollowFromTheSliceValues) {
     cases.back().file.putTilts(-1, 1);
     cases.back().file.next += 1000;
     cases.back().file.extended.append(1000, 'x');
+    constexpr float kNan = std::numeric_limits<float>::quiet_NaN(), kInfinity = INFINITY;
+    cases.push_back({"no numbers", MRCBytes(4, 3, 3), MRCType::TILT_SERIES, 0.0F});  // no NaN equals another
+    cases.back().file.putTilts(kNan, kInfinity, kNan);
+    MRCBytes::put(cases.back().file.header, 40, kInfinity);
 
     const TemporaryFolder folder;
     for (const Case& c : cases) {
@@ -114,12 +120,13 @@ TEST(VoxMRCFileHandler, TypeAndPixelSizeFollowFromTheSliceValues) {
         EXPECT_EQ(voxels(*data), c.file.data);
         EXPECT_TRUE(log.has(" Byte count correkt.", VRK::Normal));
         EXPECT_EQ(log.has("ERROR: Pixelsize in the Extended MRC Header is not the same!!", VRK::Warning),
-                  std::string(c.name) == "two pixel sizes");
+                  c.type == MRCType::TILT_SERIES && c.pixelSize == 0.0F);
         EXPECT_EQ(log.has("is negative (-144)", VRK::Warning), c.file.next < 0);
 
         const std::unique_ptr<mrcH> header(VoxMRCFileHandler().readMRCFile_onlyHeader(folder / "a.mrc"));
         ASSERT_TRUE(header);
-        EXPECT_EQ(header->sliceValues, data->m_Header.sliceValues);
+        EXPECT_EQ(std::memcmp(&header->sliceValues, &data->m_Header.sliceValues, sizeof header->sliceValues),
+                  0);
         EXPECT_EQ(header->type, c.type);
     }
 }
@@ -250,19 +257,4 @@ TEST(VoxMRCFileHandler, ReportsProgressAndStopsOnRequest) {
     EXPECT_FALSE(handler.writeMRCFile(data.get(), path));
     EXPECT_TRUE(log.has(" readMRCFile() canceled ...", VRK::Normal));
     EXPECT_TRUE(log.has(" writeMRCFile() canceled ...", VRK::Normal));
-}
-
-TEST(VoxMRCFileHandler, CarriesValuesThatAreNotFinite) {
-    MRCBytes file(4, 3, 3);
-    file.putTilts(-1, 1, std::numeric_limits<float>::quiet_NaN());
-    file.putSliceValue(0, 1, std::numeric_limits<float>::quiet_NaN());
-    file.putSliceValue(2, 1, std::numeric_limits<float>::infinity());
-    MRCBytes::put(file.header, 40, std::numeric_limits<float>::infinity());
-    const TemporaryFolder folder;
-    const std::unique_ptr<VoxMRCData> data = readFile(folder.write("a.mrc", file.bytes()));
-    ASSERT_TRUE(data);
-    EXPECT_EQ(data->m_Header.type, MRCType::TILT_SERIES);
-    EXPECT_EQ(data->m_Header.m_pixelsize, 0.0F);  // no NaN equals another
-    EXPECT_TRUE(std::isnan(data->m_Header.tilt(0)));
-    EXPECT_EQ(voxels(*data), file.data);
 }
