@@ -196,20 +196,14 @@ TEST(CentreShift, FillsGapsBetweenPatterns) {
         return BeamCentre{.x = x, .y = 2 * x, .symmetry = symmetry, .source = BeamCentre::Source::Beam};
     };
     const BeamCentre gap;
-    const struct {
-        std::vector<BeamCentre> centres;
-        std::vector<double> x;  ///< after gaps were filled
-    } cases[] = {
-        {{gap, at(1), gap, gap, at(4), gap}, {1, 1, 2, 3, 4, 4}},
-        {{at(7, 0.1)}, {7}},
-    };
-    for (const auto& test : cases) {
-        std::vector<BeamCentre> centres = test.centres;
-        EXPECT_TRUE(VRK::detail::completeFromNeighbours(centres));
-        for (std::size_t i = 0; i < centres.size(); ++i) {
-            EXPECT_DOUBLE_EQ(centres[i].x, test.x[i]);
-            EXPECT_DOUBLE_EQ(centres[i].y, 2 * test.x[i]);
-            EXPECT_NE(centres[i].source, kNone);
+    for (const auto& [centres, x] : std::vector<std::pair<std::vector<BeamCentre>, std::vector<double>>>{
+             {{gap, at(1), gap, gap, at(4), gap}, {1, 1, 2, 3, 4, 4}}, {{at(7, 0.1)}, {7}}}) {
+        std::vector<BeamCentre> filled = centres;
+        EXPECT_TRUE(VRK::detail::completeFromNeighbours(filled));
+        for (std::size_t i = 0; i < x.size(); ++i) {
+            EXPECT_DOUBLE_EQ(filled[i].x, x[i]);
+            EXPECT_DOUBLE_EQ(filled[i].y, 2 * x[i]);
+            EXPECT_NE(filled[i].source, kNone);
         }
     }
     std::vector<BeamCentre> nothing(3);

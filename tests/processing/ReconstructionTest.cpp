@@ -81,10 +81,8 @@ TEST(Reconstruction, GivesTheVolumeItsHeader) {
     EXPECT_TRUE(log.has("No fine calibration useable.", VRK::Warning));
     EXPECT_FLOAT_EQ(coarse->m_Header.m_pixelsize, 1e8F);
     EXPECT_EQ(coarse->m_Header.type, MRCType::MRCVOLUME);
-    EXPECT_EQ(coarse->m_Header.nx, 16);
-    EXPECT_EQ(coarse->m_Header.nz, 14);
-    EXPECT_EQ(coarse->m_Header.mz, 14);
-    EXPECT_EQ(coarse->m_Header.next, 0);
+    const mrcH& header = coarse->m_Header;
+    EXPECT_EQ((std::array{header.nx, header.nz, header.mz, header.next}), (std::array{16, 14, 14, 0}));
     EXPECT_FALSE(log.has("MinValue", VRK::Normal));
 
     const std::unique_ptr<VoxMRCData> fine(VoxMRCstemProcessing().recoByAngle(input.get(), 2.5e7, 3, false));

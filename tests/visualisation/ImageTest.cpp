@@ -11,6 +11,8 @@
 
 namespace {
 
+constexpr double kBase[3][3] = {{9.0, 2.0, 1.0}, {-1.0, 8.0, 3.0}, {1.0, -2.0, 10.0}};
+
 std::unique_ptr<VoxMRCData> volumeOf(unsigned width, unsigned height, unsigned depth) {
     return std::unique_ptr<VoxMRCData>(VoxMRCData::Create3D(width, height, depth));
 }
@@ -93,15 +95,14 @@ TEST(VolumeProjection, KeepsEachAxisInItsPlace) {
 /// A bright node shows exactly where the overlay marks it; a node of another plane does not show at all.
 TEST(ReciprocalSection, ShowsTheNodesOfThePlaneWhereItMarksThem) {
     using Indices = std::array<int, 3>;
-    const double base[3][3] = {{9.0, 2.0, 1.0}, {-1.0, 8.0, 3.0}, {1.0, -2.0, 10.0}};
-    const UnitCell cell(base[0], base[1], base[2], 1.0, false, true, LATTICE::aP);
+    const UnitCell cell(kBase[0], kBase[1], kBase[2], 1.0, false, true, LATTICE::aP);
     const std::array<double, 3> origin = {40.0, 32.0, 30.0};
     const auto volumeWith = [&](const Indices& hkl) {
         auto volume = volumeOf(81, 65, 61);
         std::array<unsigned, 3> place{};
         for (std::size_t axis = 0; axis < 3; ++axis)
-            place[axis] = static_cast<unsigned>(std::lround(origin[axis] + hkl[0] * base[0][axis] +
-                                                            hkl[1] * base[1][axis] + hkl[2] * base[2][axis]));
+            place[axis] = static_cast<unsigned>(std::lround(
+                origin[axis] + hkl[0] * kBase[0][axis] + hkl[1] * kBase[1][axis] + hkl[2] * kBase[2][axis]));
         set(*volume, place[0], place[1], place[2], 1000);
         return volume;
     };
@@ -141,7 +142,6 @@ TEST(ReciprocalSection, ShowsTheNodesOfThePlaneWhereItMarksThem) {
 
 /// The same plane out of views: as it is at full size, and at half size with the node where it was.
 TEST(ReciprocalSection, CutsViewsLikeTheirVolume) {
-    const double a[3] = {9.0, 2.0, 1.0}, b[3] = {-1.0, 8.0, 3.0}, c[3] = {1.0, -2.0, 10.0};
     const auto volume = volumeOf(81, 65, 63);
     volume->m_Header.type = MRCType::MRCVOLUME;
     for (unsigned z = 0; z < 63; ++z)
@@ -152,7 +152,7 @@ TEST(ReciprocalSection, CutsViewsLikeTheirVolume) {
             static_cast<unsigned>(31 + 7 * step), 3000);
     ReciprocalSection::Settings settings;
     settings.size = 81;
-    const UnitCell cell(a, b, c, 1.0, false, true, LATTICE::aP);
+    const UnitCell cell(kBase[0], kBase[1], kBase[2], 1.0, false, true, LATTICE::aP);
     const PlaneImage whole = ReciprocalSection(*volume, cell, {40.0, 32.0, 31.0}).sample(settings);
 
     const VoxVolumeData full = VoxVolumeData::fromData(*volume);

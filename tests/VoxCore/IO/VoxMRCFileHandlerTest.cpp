@@ -55,26 +55,21 @@ TEST(VoxMRCFileHandler, ReadsEveryFieldFromItsPlace) {
     EXPECT_EQ((std::vector<int>{h.mapc, h.mapr, h.maps, h.ispg, h.nsymbt, h.next, h.idtype, h.lens, h.nd1,
                                 h.vd1, h.vd2, h.nlabl}),
               (std::vector<int>{64, 68, 72, 88, 90, 288, 162, 164, 166, 168, 170, 220}));
-    EXPECT_EQ(h.extraShort, 96);
-    EXPECT_EQ(h.extraWords[0], 98U);
-    EXPECT_EQ(h.extraWords[8], 130U);
-    EXPECT_EQ(h.unused2[0], 'u');
-    EXPECT_EQ(h.unused2[27], 'U');
-    EXPECT_EQ(std::string(h.cmap.data(), 4) + std::string(h.stamp.data(), 4), "MAP DD\x01\x02");
-    EXPECT_EQ(h.labl[0], 'l');
-    EXPECT_EQ(h.labl[799], 'L');
-    EXPECT_EQ((std::vector<int>{h.creatid, h.nint, h.nreal, h.nd2}), std::vector<int>(4, 0));
+    EXPECT_EQ((std::vector<long>{h.extraShort, h.extraWords[0], h.extraWords[8], h.creatid, h.nint, h.nreal,
+                                 h.nd2}),
+              (std::vector<long>{96, 98, 130, 0, 0, 0, 0}));
+    const auto textOf = [](const auto& field) { return std::string(field.data(), field.size()); };
+    EXPECT_EQ(textOf(h.cmap) + textOf(h.stamp), "MAP DD\x01\x02");
+    EXPECT_EQ(textOf(h.unused2) + textOf(h.labl), std::string(27, 'u') + "U" + std::string(799, 'l') + "L");
 
     for (int k = 1; k <= 17; ++k)
         EXPECT_EQ(h.value(static_cast<SliceValue>(k - 1), 1), k == 12 ? 2.5e8F : static_cast<float>(100 + k));
-    EXPECT_EQ(h.tilt(1), 101.0F);
-    EXPECT_EQ(h.value(SliceValue::TiltAxis, 0), 9.0F);
-    EXPECT_EQ(h.value(SliceValue::HighTension, 0), 16.0F);
-    EXPECT_EQ(h.m_pixelsize, 2.5e8F);
+    EXPECT_EQ((std::vector{h.tilt(1), h.value(SliceValue::TiltAxis, 0), h.value(SliceValue::HighTension, 0),
+                           h.m_pixelsize}),
+              (std::vector{101.0F, 9.0F, 16.0F, 2.5e8F}));
     EXPECT_EQ(h.type, MRCType::TILT_SERIES);
     EXPECT_EQ(voxels(*data), file.data);
-    EXPECT_EQ(data->GetWidth(), 5U);
-    EXPECT_EQ(data->GetHeight(), 3U);
+    EXPECT_EQ(std::pair(data->GetWidth(), data->GetHeight()), std::pair(5U, 3U));
 }
 
 TEST(VoxMRCFileHandler, TypeAndPixelSizeFollowFromTheSliceValues) {
