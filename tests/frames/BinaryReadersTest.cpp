@@ -213,8 +213,8 @@ TEST(BinaryReaders, StacksWithWhatTheirHeadersSay) {
         expectFrames(*FrameFile::open(folder.write(
                          "a.ser", serBytes(wide, 2, edge, static_cast<std::uint16_t>(code), type))),
                      {.pixelSize = edge == 2e-10 ? 0 : 4e7, .count = 2});
-    folder.write("a_001.tvips", tvipsFrames(2, 2));
-    const auto recording = FrameFile::open(folder.write("a_000.tvips", tvipsHeader() + tvipsFrames(0, 1)));
+    folder.write("a_001.tvips", tvipsFrames(1, 2));
+    const auto recording = FrameFile::open(folder.write("a_000.tvips", tvipsHeader() + tvipsFrames(0, 0)));
     expectFrames(*recording, {.firstTilt = -1, .kilovolts = 200});
     EXPECT_EQ(recording->parts(), std::vector<std::filesystem::path>{folder / "a_001.tvips"});
     Bytes old;  // with short records, which say no tilt

@@ -38,6 +38,9 @@ TEST(Readers, FilesOfOtherProgramsFromDiskAndFromMemory) {
                 *FrameFile::open(FrameSource(kFolder / expected.name, contents(kFolder / expected.name))),
                 expected);
     }
+    const std::string whole = *contents(kFolder / "uint16.mrc");
+    const FrameSource cut("cut.mrc", std::make_shared<const std::string>(whole.substr(0, whole.size() - 1)));
+    expectFrames(*FrameFile::open(cut), {.count = 2});
     EXPECT_EQ(FrameFile::open(kFolder / "nexus_master.h5")->parts().size(), 2U);
     EXPECT_THROW(FrameFile::open(kFolder / "plain.h5:/nothing"), vrk::Failure);
 }
