@@ -4,7 +4,6 @@
 #include "reflections/TestVolume.h"
 #include "reflections/VolumeMath.h"
 #include "support/SimulatedReflections.h"
-#include "support/Testing.h"
 
 namespace {
 
@@ -182,12 +181,16 @@ TEST_F(IndicateWithHKLTest, PlotsRender) {
              {"indicateEvaluation",
               "volume'\nset xlabel 'displacement (voxels)'; set ylabel 'reflections'; set yrange [0:*]"}})
         EXPECT_NE(own.read("indexing 'plots'/" + plot + ".plt").find(axes), std::string::npos) << axes;
+    fs::create_directories(own / "blocked/hPlot.plt");
+    EXPECT_FALSE(IndicateWithHKL::generateHKLplot(m_list.get(), own / "blocked")) << "one of the plots fails";
     RecordingLogObserver log;
+    for (const int index : {-1, 2, 3})
+        EXPECT_EQ(IndicateWithHKL::generatePlotOfOne(m_list.get(), index, folder.string()), index == 2);
+    EXPECT_EQ(log.count("There is no index number", VRK::Error), 2);
     m_list->destroyElements();
     EXPECT_FALSE(IndicateWithHKL::generateEvaluationPlot(m_list.get(), folder.string()));
     EXPECT_FALSE(IndicateWithHKL::generatePlotOfOne(nullptr, 0, folder.string()));
-    EXPECT_FALSE(IndicateWithHKL::generatePlotOfOne(m_list.get(), 3, folder.string()));
-    EXPECT_EQ(log.count("Error during plotting", VRK::Error), 3);
+    EXPECT_EQ(log.count("Error during plotting", VRK::Error), 4);
 }
 
 }  // namespace

@@ -7,7 +7,6 @@
 #include "reflections/ReflexVector.h"
 #include "reflections/TestVolume.h"
 #include "reflections/VolumeMath.h"
-#include "support/Testing.h"
 
 namespace {
 

@@ -7,8 +7,6 @@
 
 #include "PlainSearch.h"
 #include "TestVolume.h"
-#include "reflections/ReflexOnGrid.h"
-#include "support/Testing.h"
 
 namespace {
 

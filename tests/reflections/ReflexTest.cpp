@@ -4,7 +4,6 @@
 #include "reflections/ReflexOnGrid.h"
 #include "reflections/ReflexVector.h"
 #include "reflections/VolumeMath.h"
-#include "support/Testing.h"
 
 namespace {
 
@@ -26,9 +25,10 @@ TEST(Reflex, MergeWeighsTheAxesWithARunningIntensity) {
 
 TEST(Reflex, BinDividesByTheFactorWithItsSecondBitTurned) {
     for (const auto& [factor, x] : {std::pair(1, 4.0), {3, 12.0}, {4, 2.0}, {0, 12.0}, {-3, 12.0}}) {
-        Reflex reflex(12, 12, 0);
+        Reflex reflex(12, 24, 36);
         reflex.bin(factor);
-        EXPECT_EQ(reflex.getCenterInX(), x) << factor;
+        for (int axis = 0; axis < 3; ++axis)
+            EXPECT_EQ(reflex.getCenter(axis), (axis + 1) * x) << factor;
     }
 }
 
