@@ -7,7 +7,6 @@
 #include "crystallography/UnitCellTest.h"
 #include "crystallography/detail/Centring.h"
 #include "crystallography/detail/LatticeMetric.h"
-#include "support/Testing.h"
 
 namespace {
 
@@ -37,24 +36,16 @@ bool isSameLattice(const LatticeCharacter& lattice) {
 
 void expectStandardSetting(const LatticeCharacter& lattice) {
     const CellParameters& p = lattice.measured;
-    switch (lattice.bravaisType) {
-        case LATTICE::oP:
-        case LATTICE::oI:
-        case LATTICE::oF:
-            EXPECT_LE(p.b, p.c * 1.000001);
-            [[fallthrough]];
-        case LATTICE::oC:
-            EXPECT_LE(p.a, p.b * 1.000001);
-            break;
-        case LATTICE::mP:
-            EXPECT_LE(p.a, p.c * 1.000001);
-            [[fallthrough]];
-        case LATTICE::mC:
-            EXPECT_GE(p.beta, 89.999999);
-            break;
-        default:
-            break;
-    }
+    using enum LATTICE::BravaisTypes;
+    const auto isNoneOf = [&](auto... types) { return !isOneOf(lattice.bravaisType, types...); };
+    EXPECT_TRUE(isNoneOf(oP, oI, oF) || p.b <= p.c * 1.000001);
+    EXPECT_TRUE(isNoneOf(oP, oI, oF, oC) || p.a <= p.b * 1.000001);
+    EXPECT_TRUE(isNoneOf(mP) || p.a <= p.c * 1.000001);
+    EXPECT_TRUE(isNoneOf(mP, mC) || p.beta >= 89.999999);
+    // The shortest a and c; a centred a changes by twice c.
+    const double product = -p.a * p.c * std::cos(BasicMath::ConvertAngleFromDegreeToRadian(p.beta));
+    EXPECT_TRUE(isNoneOf(mP, mC) || product <= 0.500001 * p.a * p.a);
+    EXPECT_TRUE(isNoneOf(mC) || product <= 1.000001 * p.c * p.c);
 }
 
 TEST(LatticeSymmetryTest, TableHoldsSoundRows) {

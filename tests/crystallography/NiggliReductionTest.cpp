@@ -4,7 +4,6 @@
 
 #include "RandomLattice.h"
 #include "crystallography/UnitCellTest.h"
-#include "support/Testing.h"
 
 namespace {
 
