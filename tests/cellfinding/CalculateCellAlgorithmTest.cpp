@@ -5,8 +5,6 @@
 #include "cellfinding/Parameter.h"
 #include "crystallography/BasicMath.h"
 #include "crystallography/NiggliReduction.h"
-#include "crystallography/UnitCell.h"
-#include "reflections/ReflexVector.h"
 #include "support/SimulatedReflections.h"
 #include "support/Testing.h"
 

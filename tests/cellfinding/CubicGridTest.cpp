@@ -1,7 +1,6 @@
 #include "cellfinding/CubicGrid.h"
 
 #include "PlainGrid.h"
-#include "support/Testing.h"
 
 namespace {
 

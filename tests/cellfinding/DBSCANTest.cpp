@@ -1,7 +1,6 @@
 #include "cellfinding/DBSCAN.h"
 
 #include "PlainGrid.h"
-#include "support/Testing.h"
 
 namespace {
 

@@ -5,7 +5,6 @@
 #include "processing/SimulatedPatterns.h"
 #include "processing/VoxMRCstemProcessing.h"
 #include "processing/detail/BeamCentre.h"
-#include "support/Testing.h"
 
 namespace {
 

@@ -32,11 +32,7 @@ TEST(FineCalibration, ReadsPairsAndFindsTheOneOfASeries) {
 }
 
 TEST(FineCalibration, NamesWhatIsWrong) {
-    struct Case {
-        const char* text;
-        const char* message;
-    };
-    const std::vector<Case> cases = {
+    const std::vector<std::pair<const char*, const char*>> cases = {
         {"# nothing\n", "holds no calibration"},
         {"1e8 1e8\n1e8\n", "line 2: expected two numbers"},
         {"1e8 1e8 1e8\n", "line 1: expected two numbers"},
@@ -46,12 +42,12 @@ TEST(FineCalibration, NamesWhatIsWrong) {
         {"1e8 0.01\n", "factor of 2"},
         {"1e8 1e8\n1.0001e8 1.1e8\n", "line 2: the stated pixel size 1.0001e8 occurs twice"},
     };
-    for (const Case& c : cases) {
+    for (const auto& [text, message] : cases) {
         RecordingLogObserver log;
         int count = 7;
-        EXPECT_EQ(tableOf(c.text, &count), nullptr) << c.text;
+        EXPECT_EQ(tableOf(text, &count), nullptr) << text;
         EXPECT_EQ(count, 0);
-        EXPECT_TRUE(log.has(c.message, VRK::Error)) << c.message;
+        EXPECT_TRUE(log.has(message, VRK::Error)) << message;
         EXPECT_EQ(log.messages.size(), 1U);
     }
     RecordingLogObserver log;

@@ -4,7 +4,6 @@
 #include "processing/SimulatedPatterns.h"
 #include "processing/VoxMRCstemProcessing.h"
 #include "processing/detail/Resampling.h"
-#include "support/Testing.h"
 
 namespace {
 

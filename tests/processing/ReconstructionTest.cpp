@@ -3,7 +3,6 @@
 #include "processing/PlainReconstruction.h"
 #include "processing/SeriesFactory.h"
 #include "processing/VoxMRCstemProcessing.h"
-#include "support/Testing.h"
 
 namespace {
 
@@ -106,21 +105,17 @@ TEST(Reconstruction, GivesTheVolumeItsHeader) {
 }
 
 TEST(Reconstruction, RefusesWhatItCannotTake) {
-    struct Case {
-        std::vector<float> tilts;
-        const char* message;
-    };
-    const std::vector<Case> cases = {
+    const std::vector<std::pair<std::vector<float>, const char*>> cases = {
         {{10, 0, -10}, "pattern 1 has 0 after 10"},
         {{-10, 0, 5, 4}, "pattern 3 has 4 after 5"},
         {{-10, std::numeric_limits<float>::quiet_NaN(), 10}, "pattern 1 is not a number"},
         {std::vector<float>(301, 1.0F), "301 patterns"},
     };
-    for (const Case& c : cases) {
+    for (const auto& [tilts, message] : cases) {
         RecordingLogObserver log;
-        const auto series = makeSeries(4, 4, c.tilts);
+        const auto series = makeSeries(4, 4, tilts);
         EXPECT_EQ(reconstruct(series.get()), nullptr);
-        EXPECT_TRUE(log.has(c.message, VRK::Error)) << c.message;
+        EXPECT_TRUE(log.has(message, VRK::Error)) << message;
     }
     RecordingLogObserver log;
     const auto untilted = makeSeries(4, 4, {0, 0, 0});

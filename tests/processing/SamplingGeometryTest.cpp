@@ -6,7 +6,6 @@
 
 #include "processing/PlainReconstruction.h"
 #include "processing/SeriesFactory.h"
-#include "support/Testing.h"
 
 TEST(SamplingGeometry, AgreesWithThePlainRule) {
     EXPECT_TRUE(rc::check("every column of random geometries", [] {

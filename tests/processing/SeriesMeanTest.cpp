@@ -1,7 +1,6 @@
 #include "processing/detail/SeriesMean.h"
 
 #include "processing/SeriesFactory.h"
-#include "support/Testing.h"
 
 namespace {
 

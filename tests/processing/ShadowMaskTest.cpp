@@ -1,7 +1,6 @@
 #include "processing/ShadowMask.h"
 
 #include "processing/SeriesFactory.h"
-#include "support/Testing.h"
 
 namespace {
 

@@ -4,7 +4,6 @@
 #include <stdexcept>
 #include <thread>
 
-#include "VoxCore/DataModel/VoxMRCData.h"
 #include "foundation/SharedLoop.h"
 #include "pipeline/base/Session.h"
 #include "pipeline/base/Workers.h"
@@ -13,7 +12,6 @@
 #include "processing/ShadowMask.h"
 #include "processing/SimulatedPatterns.h"
 #include "processing/VoxMRCstemProcessing.h"
-#include "support/Testing.h"
 
 namespace {
 

@@ -2,7 +2,6 @@
 
 #include "processing/SeriesFactory.h"
 #include "processing/VoxMRCstemProcessing.h"
-#include "support/Testing.h"
 #include "tiltaxis/ReflectionTransformation.h"
 #include "tiltaxis/Reflex2d.h"
 

@@ -42,33 +42,26 @@ struct Histogram {
 
 TEST(VRKSphericalProjectionTest, PutsDirectionsIntoTheirBins) {
     // Eight by four bins of 22.5 by 45 degrees: azimuth from -z over x to z, polar angle from y.
-    const struct {
-        Vector vector;
-        std::pair<int, int> bin;
-    } cases[] = {
+    const std::pair<Vector, std::pair<int, int>> cases[] = {
         {{1, 0.01, 0.01}, {4, 1}}, {{-1, -0.01, -0.01}, {4, 1}}, {{1, 1, -0.9}, {2, 1}},
         {{-1, -1, 0.9}, {2, 1}},   {{0, 0.5, 1}, {7, 1}},  // an azimuth of exactly pi
         {{0, -0.5, -1}, {7, 1}},   {{1, -9, -20}, {0, 2}},       {{1, 9, 0.1}, {4, 0}},
         {{3, -40, 3}, {6, 3}},
     };
-    for (const auto& test : cases) {
-        const Histogram histogram({test.vector}, 8, 4);
-        EXPECT_EQ(histogram.onlyBin(), test.bin)
-            << test.vector[0] << ' ' << test.vector[1] << ' ' << test.vector[2];
+    for (const auto& [vector, bin] : cases) {
+        const Histogram histogram({vector}, 8, 4);
+        EXPECT_EQ(histogram.onlyBin(), bin) << vector[0] << ' ' << vector[1] << ' ' << vector[2];
         EXPECT_EQ(histogram.largest, 1);
     }
 }
 
-TEST(VRKSphericalProjectionTest, LeavesOutVectorsAlongThePole) {
-    const Histogram histogram({{0, 5, 0}, {0, -5, 0}, {1, 1, 1}}, 16, 16);
-    EXPECT_EQ(std::accumulate(histogram.image.begin(), histogram.image.end(), 0), 255);
-    EXPECT_FLOAT_EQ(histogram.variance, 1.0F / 256 - 1.0F / 65536);
-}
-
-TEST(VRKSphericalProjectionTest, ScalesToEightBits) {
-    const Histogram histogram({{1, 0, 0}, {1, 0, 0}, {1, 0, 0}, {0, 0.1, 1}}, 8, 4);
-    EXPECT_EQ(histogram.largest, 3);
-    EXPECT_EQ(std::accumulate(histogram.image.begin(), histogram.image.end(), 0), 255 + 85);
+TEST(VRKSphericalProjectionTest, LeavesOutVectorsAlongThePoleAndScalesToEightBits) {
+    const Histogram one({{0, 5, 0}, {0, -5, 0}, {1, 1, 1}}, 16, 16);
+    EXPECT_EQ(std::accumulate(one.image.begin(), one.image.end(), 0), 255);
+    EXPECT_FLOAT_EQ(one.variance, 1.0F / 256 - 1.0F / 65536);
+    const Histogram two({{1, 0, 0}, {1, 0, 0}, {1, 0, 0}, {0, 0.1, 1}}, 8, 4);
+    EXPECT_EQ(two.largest, 3);
+    EXPECT_EQ(std::accumulate(two.image.begin(), two.image.end(), 0), 255 + 85);
 }
 
 TEST(VRKSphericalProjectionTest, GivesTheVarianceOfAPlainCount) {
