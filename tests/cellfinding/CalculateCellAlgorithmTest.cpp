@@ -1,70 +1,17 @@
 #include "cellfinding/CalculateCellAlgorithm.h"
 
-#include <gtest/gtest.h>
-
-#include <array>
-#include <cmath>
-#include <functional>
-#include <iostream>
-#include <memory>
-#include <random>
-
 #include "Clustered.h"
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "cellfinding/Parameter.h"
 #include "crystallography/BasicMath.h"
 #include "crystallography/NiggliReduction.h"
-#include "crystallography/UnitCell.h"
-#include "reflections/ReflexVector.h"
-#include "support/RecordingLogObserver.h"
+#include "support/SimulatedReflections.h"
+#include "support/Testing.h"
 
 namespace {
 
 using testing_support::Clustered;
-using Vector = std::array<double, 3>;
-using Basis = std::array<Vector, 3>;  // a, b, c
-
-constexpr double kDegree = 1.0 / BasicMath::kDegreePerRadian;
-
-/// What the steps hand to their caller, freed at the end.
-struct Results : Clustered<ClusterPoint<double>> {
-    void addCluster(const Vector& centre, int size) {
-        Point<double> point(centre.data(), 3);
-        const std::vector<Point<double>*> pointers(static_cast<std::size_t>(size), &point);
-        clusters.push_back(new Cluster<Point<double>>(&pointers, static_cast<int>(clusters.size()) + 1));
-    }
-    /// The base in a, b, c.
-    Basis base() const {
-        Basis vectors;
-        for (int axis = 0; axis < 3; ++axis) {
-            const auto k = static_cast<std::size_t>(axis);
-            vectors[0][k] = a.getData(axis);
-            vectors[1][k] = b.getData(axis);
-            vectors[2][k] = c.getData(axis);
-        }
-        return vectors;
-    }
-
-    Parameter parameter;
-    ClusterPoint<double> a{3, -1}, b{3, -1}, c{3, -1};
-    bool refined[3] = {false, false, false};
-};
-
-Basis basisOf(double a, double b, double c, double alpha, double beta, double gamma) {
-    const double cosA = std::cos(alpha * kDegree);
-    const double cosB = std::cos(beta * kDegree);
-    const double cosG = std::cos(gamma * kDegree);
-    const double sinG = std::sin(gamma * kDegree);
-    const double y = (cosA - cosB * cosG) / sinG;
-    // Turned, so that no axis is one of the volume.
-    const auto turned = [](const Vector& v) {
-        const double s = std::sin(0.3), t = std::cos(0.3);
-        const Vector w = {t * v[0] - s * v[1], s * v[0] + t * v[1], v[2]};
-        return Vector{t * w[0] + s * w[2], w[1], t * w[2] - s * w[0]};
-    };
-    return {turned({a, 0.0, 0.0}), turned({b * cosG, b * sinG, 0.0}),
-            turned({c * cosB, c * y, c * std::sqrt(1.0 - cosB * cosB - y * y)})};
-}
+using Vector = Vec3;
 
 Vector vectorOf(const Point<double>& point) {
     return {point.getData(0), point.getData(1), point.getData(2)};
@@ -74,77 +21,84 @@ double distance(const Vector& u, const Vector& v) {
     return std::hypot(u[0] - v[0], u[1] - v[1], u[2] - v[2]);
 }
 
-/// Reflections of a lattice around 0 with a wedge missing, each moved a little, and some that are none.
-ReflexVectorPtr reflectionsOf(const Basis& basis, double radius, double sigma, double outliers,
-                              unsigned seed) {
+/// What the steps hand to their caller, freed at the end.
+struct Results : Clustered<ClusterPoint<double>> {
+    void addCluster(const Vector& centre, int size) {
+        Point<double> point(centre.data(), 3);
+        const std::vector<Point<double>*> pointers(static_cast<std::size_t>(size), &point);
+        clusters.push_back(new Cluster<Point<double>>(&pointers, static_cast<int>(clusters.size()) + 1));
+    }
+    Mat3 base() const { return {vectorOf(a), vectorOf(b), vectorOf(c)}; }
+
+    Parameter parameter;
+    ClusterPoint<double> a{3, -1}, b{3, -1}, c{3, -1};
+    bool refined[3] = {false, false, false};
+};
+
+/// The vectors of a cell, none of them along an axis of the volume.
+Mat3 basisOf(const std::array<double, 6>& cell) {
+    Mat3 basis;
+    directCellOf(cell, 3, 1.0).getBase(basis[0].data(), basis[1].data(), basis[2].data());
+    return basis;
+}
+
+/// Reflections of a lattice with a wedge missing, each moved a little, and some that are none.
+ReflexVectorPtr reflectionsOf(const Mat3& basis, double radius, double sigma, double outliers, unsigned seed,
+                              const Vector& origin = {}) {
     std::mt19937 random(seed);
     std::normal_distribution<double> noise(0.0, sigma);
     std::uniform_real_distribution<double> anywhere(-radius, radius);
     ReflexVectorPtr list(new ReflexVector);
-    const int n = 20;
-    for (int h = -n; h <= n; ++h)
-        for (int k = -n; k <= n; ++k)
-            for (int l = -n; l <= n; ++l) {
-                Vector g{};
-                for (std::size_t i = 0; i < 3; ++i)
-                    g[i] = h * basis[0][i] + k * basis[1][i] + l * basis[2][i];
-                const double length = std::hypot(g[0], g[1], g[2]);
-                const bool unseen = std::abs(g[2]) > 1.7 * std::abs(g[0]);
-                if (length > radius || length < 3.0 || unseen || random() % 3 != 0) continue;
-                list->push_back(new Reflex(g[0] + noise(random), g[1] + noise(random), g[2] + noise(random)));
-            }
-    for (auto wrong = static_cast<std::size_t>(outliers * static_cast<double>(list->size())); wrong > 0;
-         --wrong)
-        list->push_back(new Reflex(anywhere(random), anywhere(random), anywhere(random)));
+    const auto add = [&](const Vector& g, auto& off) {
+        list->push_back(new Reflex(origin[0] + g[0] + off(random), origin[1] + g[1] + off(random),
+                                   origin[2] + g[2] + off(random)));
+    };
+    forEachNode(basis, radius, [&](int, int, int, const Vector& g) {
+        const bool unseen = std::abs(g[2]) > 1.7 * std::abs(g[0]);
+        if (!unseen && random() % 3 == 0) add(g, noise);
+    });
+    const auto seen = static_cast<double>(list->size());
+    while (static_cast<double>(list->size()) < (1.0 + outliers) * seen)
+        add({}, anywhere);
     return list;
 }
 
-double determinant(const Basis& base) {
-    return BasicMath::Determinant(base[0].data(), base[1].data(), base[2].data());
-}
-
-/// The largest deviation of the vectors from nodes of the lattice, in voxels.
-double largestMisfit(const Basis& lattice, const Basis& vectors, double& index) {
-    double m[3][3];
-    double inverse[3][3];
+/// That vectors are a basis of a lattice, each within a distance, in voxels, of its node.
+void expectBasis(const Mat3& lattice, const Mat3& vectors, double within) {
+    double columns[3][3], inverse[3][3], indices[3][3];
     for (std::size_t i = 0; i < 3; ++i)
         for (std::size_t j = 0; j < 3; ++j)
-            m[i][j] = lattice[j][i];
-    EXPECT_TRUE(BasicMath::Invert(m, inverse));
-    double worst = 0.0;
-    double rounded[3][3];
+            columns[i][j] = lattice[j][i];
+    ASSERT_TRUE(BasicMath::Invert(columns, inverse));
     for (std::size_t i = 0; i < 3; ++i) {
-        double hkl[3];
-        BasicMath::MatrixProduct(inverse, vectors[i].data(), hkl);
-        for (std::size_t j = 0; j < 3; ++j)
-            rounded[i][j] = std::round(hkl[j]);
-        Vector node;
-        BasicMath::MatrixProduct(m, rounded[i], node.data());
-        worst = std::max(worst, distance(node, vectors[i]));
+        BasicMath::MatrixProduct(inverse, vectors[i].data(), indices[i]);
+        for (double& index : indices[i])
+            index = std::round(index);
+        EXPECT_LT(distance(nodeOf(lattice, indices[i][0], indices[i][1], indices[i][2]), vectors[i]), within);
     }
-    index = std::abs(BasicMath::Determinant(rounded));
-    return worst;
+    EXPECT_EQ(std::abs(BasicMath::Determinant(indices)), 1.0);
 }
 
 TEST(CalculateCellAlgorithm, FindsTheCellsOfNoisyReflections) {
     struct Case {
         const char* name;
-        Basis basis;
+        std::array<double, 6> cell;
         double maxLength;
     };
     const Case cases[] = {
-        {"cubic", basisOf(10, 10, 10, 90, 90, 90), 22},
-        {"body-centred", basisOf(10, 10, 10, 109.47, 109.47, 109.47), 22},
-        {"hexagonal", basisOf(9, 9, 14, 90, 90, 120), 25},
-        {"orthorhombic with a long axis", basisOf(6, 9, 21, 90, 90, 90), 30},
-        {"monoclinic", basisOf(8, 11, 13, 90, 107, 90), 26},
-        {"triclinic", basisOf(9, 10, 12.5, 83, 98, 104), 26},
+        {"cubic", {10, 10, 10, 90, 90, 90}, 22},
+        {"body-centred", {10, 10, 10, 109.47, 109.47, 109.47}, 22},
+        {"hexagonal", {9, 9, 14, 90, 90, 120}, 25},
+        {"orthorhombic with a long axis", {6, 9, 21, 90, 90, 90}, 30},
+        {"monoclinic", {8, 11, 13, 90, 107, 90}, 26},
+        {"triclinic", {9, 10, 12.5, 83, 98, 104}, 26},
     };
     for (const Case& one : cases)
         for (const bool halfSpace : {true, false}) {
             SCOPED_TRACE(one.name);
             SCOPED_TRACE(halfSpace);
-            const ReflexVectorPtr reflections = reflectionsOf(one.basis, 75.0, 0.25, 0.4, 7);
+            const Mat3 basis = basisOf(one.cell);
+            const ReflexVectorPtr reflections = reflectionsOf(basis, 75.0, 0.25, 0.4, 7);
             Results run;
             run.parameter.setUseHaldDiffVectorSpace(halfSpace);
             run.parameter.setMaxLength(one.maxLength);
@@ -163,9 +117,7 @@ TEST(CalculateCellAlgorithm, FindsTheCellsOfNoisyReflections) {
                                                                       &run.a, &run.b, &run.c),
                       0.0);
             EXPECT_FALSE(cell.isDegenerate());
-            double index = 0.0;
-            EXPECT_LT(largestMisfit(one.basis, run.base(), index), 0.5);
-            EXPECT_EQ(index, 1.0);
+            expectBasis(basis, run.base(), 0.5);
             ASSERT_GE(algorithm.StepFive_CalculateNiggliCell(&run.parameter, &run.a, &run.b, &run.c, &run.a,
                                                              &run.b, &run.c),
                       0.0);
@@ -173,8 +125,7 @@ TEST(CalculateCellAlgorithm, FindsTheCellsOfNoisyReflections) {
                                                    &run.c, &run.refined[0], &run.refined[1], &run.refined[2]),
                       0.0);
             EXPECT_TRUE(run.refined[0] && run.refined[1] && run.refined[2]);
-            EXPECT_LT(largestMisfit(one.basis, run.base(), index), 0.15);
-            EXPECT_EQ(index, 1.0);
+            expectBasis(basis, run.base(), 0.15);
 
             // The same by the other routes.
             const double shortest = run.a.getLength();
@@ -183,11 +134,11 @@ TEST(CalculateCellAlgorithm, FindsTheCellsOfNoisyReflections) {
             ASSERT_GE(algorithm.calculateNiggliCell2(&run.a, &run.b, &run.c, &run.a, &run.b, &run.c), 0.0);
             NiggliReduction::setNarration(&std::cout);
             EXPECT_NEAR(run.a.getLength(), shortest, 0.2);
-            EXPECT_GT(determinant(run.base()), 0.0);
+            const Mat3 reduced = run.base();
+            EXPECT_GT(BasicMath::Determinant(reduced[0].data(), reduced[1].data(), reduced[2].data()), 0.0);
             ASSERT_GE(algorithm.refineCell(&run.clusters, &run.a, &run.b, &run.c, &run.a, &run.b, &run.c),
                       0.0);
-            EXPECT_LT(largestMisfit(one.basis, run.base(), index), 0.15);
-            EXPECT_EQ(index, 1.0);
+            expectBasis(basis, run.base(), 0.15);
         }
 }
 
@@ -248,12 +199,10 @@ TEST(CalculateCellAlgorithm, OtherClusteringsFindOneClusterANode) {
             points += static_cast<std::size_t>(labelled);
             if (one.clusters == 1) continue;
             EXPECT_GT(labelled, 200);
-            double nearest = 100.0;
-            for (const Vector& node : one.nodes)
-                nearest = std::min(
-                    nearest, distance(node, {cluster->getCenterOfGrafity(0), cluster->getCenterOfGrafity(1),
-                                             cluster->getCenterOfGrafity(2)}));
-            EXPECT_LT(nearest, 0.3);
+            const Vector centre = {cluster->getCenterOfGrafity(0), cluster->getCenterOfGrafity(1),
+                                   cluster->getCenterOfGrafity(2)};
+            EXPECT_TRUE(std::any_of(one.nodes.begin(), one.nodes.end(),
+                                    [&](const Vector& node) { return distance(node, centre) < 0.3; }));
         }
         EXPECT_EQ(points, 300 * one.nodes.size());
     }
@@ -265,32 +214,26 @@ TEST(CalculateCellAlgorithm, JoinsNeighboursByWayOfOthers) {
         run.addCluster({x, 1, 0}, 3);
     EXPECT_TRUE(CalculateCellAlgorithm().postprocessingDDSCclustering(&run.clusters, 2.0));
     ASSERT_EQ(run.clusters.size(), 3u);
-    const int sizes[] = {9, 3, 3};
-    for (std::size_t i = 0; i < 3; ++i) {
-        EXPECT_EQ(run.clusters[i]->getClusterID(), static_cast<int>(i) + 1);
-        EXPECT_EQ(run.clusters[i]->getNumberOfPoints(), sizes[i]);
+    for (int i = 0; i < 3; ++i) {
+        const auto* cluster = run.clusters[static_cast<std::size_t>(i)];
+        EXPECT_EQ(std::pair(cluster->getClusterID(), cluster->getNumberOfPoints()),
+                  std::pair(i + 1, i == 0 ? 9 : 3));
     }
     EXPECT_DOUBLE_EQ(run.clusters[0]->getCenterOfGrafity(0), 2.0);
 }
 
 TEST(CalculateCellAlgorithm, FindsABasisInReflectionsTooFewForClusters) {
-    const Basis basis = basisOf(9, 10, 12.5, 83, 98, 104);
-    const ReflexVectorPtr about0 = reflectionsOf(basis, 32.0, 0.2, 0.3, 5);
-    ASSERT_LT(about0->size(), 60u);
-    const ReflexVectorPtr reflections(new ReflexVector);
+    const Mat3 basis = basisOf({9, 10, 12.5, 83, 98, 104});
+    const Vector origin = {40, 41, 42};
+    const ReflexVectorPtr reflections = reflectionsOf(basis, 32.0, 0.2, 0.3, 5, origin);
+    ASSERT_LT(reflections->size(), 60u);
     reflections->push_back(nullptr);
-    for (Reflex* reflex : *about0)
-        reflections->push_back(new Reflex(reflex->getCenterInX() + 40.0, reflex->getCenterInY() + 41.0,
-                                          reflex->getCenterInZ() + 42.0));
     Results run;
     run.parameter.setDBSCANEps(1.0);
-    const Vector origin = {40, 41, 42};
     EXPECT_GE(CalculateCellAlgorithm().testCellDetectionWithReflections(
                   &run.parameter, reflections.get(), origin.data(), &run.a, &run.b, &run.c),
               0.0);
-    double index = 0.0;
-    EXPECT_LT(largestMisfit(basis, run.base(), index), 0.3);
-    EXPECT_EQ(index, 1.0);
+    expectBasis(basis, run.base(), 0.3);
 }
 
 TEST(CalculateCellAlgorithm, PutsAVectorOntoTheNearestCentre) {
@@ -305,32 +248,28 @@ TEST(CalculateCellAlgorithm, PutsAVectorOntoTheNearestCentre) {
 }
 
 TEST(CalculateCellAlgorithm, StepOneCutsAroundTheHalvesOfTheVolume) {
-    struct Case {
-        bool cutOff, limit;
-        std::vector<double> left;
-    };
-    const Case cases[] = {{false, false, {0, 4, 5, 9, 10}},
-                          {true, false, {5, 9, 10}},
-                          {false, true, {0, 4, 5, 9}},
-                          {true, true, {5, 9}}};
+    using List = std::vector<double>;
     const std::unique_ptr<VoxMRCData> volume(VoxMRCData::Create3D(11, 20, 30));  // its halves are 5, 10, 15
-    for (const Case& one : cases) {
+    for (const auto& [cutOff, limit, expected] : {std::tuple{false, false, List{0, 4, 5, 9, 10}},
+                                                  {true, false, List{5, 9, 10}},
+                                                  {false, true, List{0, 4, 5, 9}},
+                                                  {true, true, List{5, 9}}}) {
         RecordingLogObserver log;
         ReflexVectorPtr reflections(new ReflexVector);
         for (const double x : {0.0, 4.0, 5.0, 9.0, 10.0})
             reflections->push_back(new Reflex(5.0 + x, 10.0, 15.0));
         const std::vector<Reflex*> all(reflections->begin(), reflections->end());
         Parameter parameter;
-        parameter.setCutOffZeroBeam(one.cutOff);
+        parameter.setCutOffZeroBeam(cutOff);
         parameter.setMinDistToZeroBeam(5.0);
-        parameter.setLimitResolution(one.limit);
+        parameter.setLimitResolution(limit);
         parameter.setLimitOfResolution(9.0);
         EXPECT_GE(CalculateCellAlgorithm().StepOne_CutOfZeroBeam(reflections.get(), volume.get(), &parameter),
                   0.0);
         std::vector<double> left;
         for (Reflex* reflex : *reflections)
             left.push_back(reflex->getCenterInX() - 5.0);
-        EXPECT_EQ(left, one.left);
+        EXPECT_EQ(left, expected);
         EXPECT_TRUE(log.has("Cut off started...", VRK::Normal));
         EXPECT_TRUE(log.has("New number of reflections: " + std::to_string(left.size()), VRK::Normal));
         for (Reflex* reflex : all)
@@ -348,24 +287,21 @@ TEST(CalculateCellAlgorithm, RefusesMissingInputWithOneLine) {
     double seconds = 0.0;
     const ClusterPoint<double> untouched = run.a;
     const double zero[3] = {};
+    auto* const clusters = &run.clusters;
     const auto two = [&](ReflexVector* list) {
         EXPECT_EQ(algorithm.StepTwo_CalcDiffVectors(&run.parameter, list, &seconds), nullptr);
         return seconds;
     };
     const auto four = [&](ClusterPoint<double>* b) {
-        return algorithm.StepFour_FindLinearIndependentVectors(&run.parameter, nullptr, &run.clusters, &run.a,
-                                                               b, &run.c);
+        return algorithm.StepFour_FindLinearIndependentVectors(&run.parameter, nullptr, clusters, &run.a, b,
+                                                               &run.c);
     };
     const auto five = [&](Parameter* parameter) {
         return algorithm.StepFive_CalculateNiggliCell(parameter, &run.a, &run.b, &run.c, &run.a, &run.b,
                                                       &run.c);
     };
-    const auto six = [&] {
-        return algorithm.StepSix_Refinement(&run.clusters, &run.a, &run.b, &run.c, &run.a, &run.b, &run.c,
-                                            &run.refined[0], &run.refined[1], &run.refined[2]);
-    };
-    const auto basis = [&](std::vector<Cluster<Point<double>>*>* clusters) {
-        return algorithm.findBasis(&run.parameter, clusters, &run.a, &run.b, &run.c);
+    const auto basis = [&](std::vector<Cluster<Point<double>>*>* centres) {
+        return algorithm.findBasis(&run.parameter, centres, &run.a, &run.b, &run.c);
     };
     const auto reflections = [&](const double* origin) {
         return algorithm.testCellDetectionWithReflections(&run.parameter, &one, origin, &run.a, &run.b,
@@ -374,78 +310,63 @@ TEST(CalculateCellAlgorithm, RefusesMissingInputWithOneLine) {
     const auto niggli = [&](ClusterPoint<double>* b) {
         return algorithm.calculateNiggliCell2(&run.a, b, &run.c, &run.a, &run.b, &run.c);
     };
-    const auto all = [&](std::vector<Cluster<Point<double>>*>* clusters) {
-        return algorithm.refineCell(clusters, &run.a, &run.b, &run.c, &run.a, &run.b, &run.c);
+    const auto all = [&](std::vector<Cluster<Point<double>>*>* centres) {
+        return algorithm.refineCell(centres, &run.a, &run.b, &run.c, &run.a, &run.b, &run.c);
     };
-    const auto answer = [](bool done) { return done ? 0.0 : -1.0; };
-    struct Case {
-        const char* message;
-        VRK::MessageType type;
-        std::function<double()> call;
-    };
-    const Case cases[] = {
-        {"No reflections founded.", VRK::Error,
-         [&] { return algorithm.StepOne_CutOfZeroBeam(nullptr, volume.get(), &run.parameter); }},
-        {"The cut off needs a volume", VRK::Error,
-         [&] { return algorithm.StepOne_CutOfZeroBeam(&one, nullptr, &run.parameter); }},
-        {"Calculate diff vectors failed.", VRK::Error, [&] { return two(nullptr); }},
-        {"Calculate diff vectors failed.", VRK::Error, [&] { return two(&one); }},
-        {"No cluster centers found.", VRK::Warning,
-         [&] { return algorithm.StepThree_Clustering(&run.parameter, nullptr, &run.clusters, &run.noise); }},
-        {"No cluster centers found.", VRK::Warning,
-         [&] {
-             return algorithm.clusteringStep(nullptr, nullptr, &run.clusters, &run.noise,
-                                             ClusteringMethod::DDSC);
-         }},
-        {"No three linear independent vectors among 0", VRK::Warning, [&] { return four(&run.b); }},
-        {"three points are needed", VRK::Error, [&] { return four(nullptr); }},
-        {"six points are needed", VRK::Error, [&] { return five(nullptr); }},
-        {"No three linear independent vectors in the lattice", VRK::Warning,
-         [&] { return five(&run.parameter); }},
-        {"No clusters loaded during the refinement of the cell.", VRK::Error, six},
-        {"No clusters to join.", VRK::Warning,
-         [&] { return answer(algorithm.postprocessingDDSCclustering(&run.clusters, 3.0)); }},
-        {"No three of 0 cluster centers form a basis.", VRK::Warning, [&] { return basis(&run.clusters); }},
-        {"three points are needed to find a basis.", VRK::Error, [&] { return basis(nullptr); }},
-        {"No three of 1 reflections form a basis.", VRK::Warning, [&] { return reflections(zero); }},
-        {"an origin and three points are needed", VRK::Error, [&] { return reflections(nullptr); }},
-        {"span no cell that could be reduced", VRK::Warning, [&] { return niggli(&run.b); }},
-        {"Six points are needed", VRK::Error, [&] { return niggli(nullptr); }},
-        {"do not determine all three", VRK::Warning, [&] { return all(&run.clusters); }},
-        {"six points are needed to refine", VRK::Error, [&] { return all(nullptr); }},
-        {"No cluster center is near the base vector.", VRK::Warning,
-         [&] { return answer(algorithm.refineBaseVector(&run.clusters, nullptr)); }},
-    };
-    for (const Case& refusal : cases) {
-        SCOPED_TRACE(refusal.message);
-        RecordingLogObserver log;
+    RecordingLogObserver log;
+    const auto expect = [&](VRK::MessageType type, const char* message, double answer) {
+        EXPECT_EQ(answer, -1.0) << message;
+        EXPECT_EQ(log.count(message, type), 1) << message;
+        EXPECT_EQ(log.count("", VRK::Error) + log.count("", VRK::Warning), 1) << message;
+        EXPECT_TRUE(one.size() == 1 && run.a.isEqual(&untouched)) << message;
+        log.messages.clear();
         seconds = 0.0;
-        EXPECT_EQ(refusal.call(), -1.0);
-        EXPECT_EQ(log.count(refusal.message, refusal.type), 1);
-        EXPECT_EQ(log.count("", VRK::Error) + log.count("", VRK::Warning), 1);
-        EXPECT_EQ(one.size(), 1u);
-        EXPECT_TRUE(run.a.isEqual(&untouched));
-    }
+    };
+    using enum VRK::MessageType;
+    expect(Error, "No reflections founded.",
+           algorithm.StepOne_CutOfZeroBeam(nullptr, volume.get(), &run.parameter));
+    expect(Error, "The cut off needs a volume",
+           algorithm.StepOne_CutOfZeroBeam(&one, nullptr, &run.parameter));
+    expect(Error, "Calculate diff vectors failed.", two(nullptr));
+    expect(Error, "Calculate diff vectors failed.", two(&one));
+    expect(Warning, "No cluster centers found.",
+           algorithm.StepThree_Clustering(&run.parameter, nullptr, clusters, &run.noise));
+    expect(Warning, "No cluster centers found.",
+           algorithm.clusteringStep(nullptr, nullptr, clusters, &run.noise, ClusteringMethod::DDSC));
+    expect(Warning, "No three linear independent vectors among 0", four(&run.b));
+    expect(Error, "three points are needed", four(nullptr));
+    expect(Error, "six points are needed", five(nullptr));
+    expect(Warning, "No three linear independent vectors in the lattice", five(&run.parameter));
+    expect(Error, "No clusters loaded during the refinement of the cell.",
+           algorithm.StepSix_Refinement(clusters, &run.a, &run.b, &run.c, &run.a, &run.b, &run.c,
+                                        &run.refined[0], &run.refined[1], &run.refined[2]));
+    expect(Warning, "No clusters to join.", algorithm.postprocessingDDSCclustering(clusters, 3.0) - 1.0);
+    expect(Warning, "No three of 0 cluster centers form a basis.", basis(clusters));
+    expect(Error, "three points are needed to find a basis.", basis(nullptr));
+    expect(Warning, "No three of 1 reflections form a basis.", reflections(zero));
+    expect(Error, "an origin and three points are needed", reflections(nullptr));
+    expect(Warning, "span no cell that could be reduced", niggli(&run.b));
+    expect(Error, "Six points are needed", niggli(nullptr));
+    expect(Warning, "do not determine all three", all(clusters));
+    expect(Error, "six points are needed to refine", all(nullptr));
+    expect(Warning, "No cluster center is near the base vector.",
+           algorithm.refineBaseVector(clusters, nullptr) - 1.0);
     // The clusters have been dealt with, in vain.
     EXPECT_FALSE(run.parameter.getClusterOptionsChanged());
     EXPECT_TRUE(run.parameter.getCellOptionsChanged());
 }
 
 TEST(CalculateCellAlgorithm, NoVectorFallsOffTheGrid) {
-    struct Case {
-        const char* name;
-        std::vector<Vector> reflections;
+    const std::vector<std::vector<Vector>> cases = {
+        {{0, 0, 5}, {10, 0, 5}, {10, 12, 5}, {0, 12, 5}},  // in a plane
+        {{1, 0, 0}, {6, 0, 0}, {16, 0, 0}},                // on a line
+        {{0, 0, 0}, {7, 8, 9}, {14, 17, 20}},              // differences all positive
+        {{0, 0, 0}, {7, -8, 9}, {14, -17, 20}},            // or all negative in y
     };
-    const Case cases[] = {
-        {"in a plane", {{0, 0, 5}, {10, 0, 5}, {10, 12, 5}, {0, 12, 5}}},
-        {"on a line", {{1, 0, 0}, {6, 0, 0}, {16, 0, 0}}},
-        {"differences all positive", {{0, 0, 0}, {7, 8, 9}, {14, 17, 20}}},
-        {"differences all negative in y", {{0, 0, 0}, {7, -8, 9}, {14, -17, 20}}},
-    };
-    for (const Case& one : cases) {
-        SCOPED_TRACE(one.name);
+    for (const std::vector<Vector>& places : cases) {
+        SCOPED_TRACE(testing::PrintToString(places));
         ReflexVectorPtr reflections(new ReflexVector);
-        for (const Vector& place : one.reflections)
+        for (const Vector& place : places)
             reflections->push_back(new Reflex(place[0], place[1], place[2]));
         Parameter parameter;
         CalculateCellAlgorithm algorithm;
@@ -454,7 +375,7 @@ TEST(CalculateCellAlgorithm, NoVectorFallsOffTheGrid) {
         ASSERT_TRUE(grid);
         EXPECT_FALSE(parameter.getDiffVectorOptionsChanged());
         EXPECT_TRUE(parameter.getClusterOptionsChanged() && parameter.getCellOptionsChanged());
-        const auto count = static_cast<int>(one.reflections.size());
+        const auto count = static_cast<int>(places.size());
         EXPECT_EQ(grid->getNumberOfPoints(), count * (count - 1) / 2);
         for (const ClusterPoint<double>* point : *grid->getPoints())
             EXPECT_GT(point->getLength(), 3.0);
@@ -471,17 +392,13 @@ TEST(CalculateCellAlgorithm, PruningLeavesNoClusterEmpty) {
     run.parameter.setRefineCluster(true);
     CalculateCellAlgorithm algorithm;
     run.grid.reset(algorithm.StepTwo_CalcDiffVectors(&run.parameter, reflections.get(), nullptr));
-    struct Case {
-        double percent;
-        int first, second;
-    };
-    for (const Case& one : {Case{50.0, 14, 14}, Case{0.0, 29, 28}, Case{3.5, 1, 28}}) {
-        run.parameter.setClusterRefinementPercent(one.percent);
+    for (const auto& [percent, first, second] : {std::tuple{50.0, 14, 14}, {0.0, 29, 28}, {3.5, 1, 28}}) {
+        run.parameter.setClusterRefinementPercent(percent);
         ASSERT_GE(algorithm.StepThree_Clustering(&run.parameter, run.grid.get(), &run.clusters, &run.noise),
                   0.0);
         ASSERT_EQ(run.clusters.size(), 2u);
-        EXPECT_EQ(run.clusters[0]->getNumberOfPoints(), one.first);
-        EXPECT_EQ(run.clusters[1]->getNumberOfPoints(), one.second);
+        EXPECT_EQ(run.clusters[0]->getNumberOfPoints(), first);
+        EXPECT_EQ(run.clusters[1]->getNumberOfPoints(), second);
         for (auto* cluster : run.clusters)
             delete cluster;
         run.clusters.clear();
@@ -496,7 +413,7 @@ TEST(CalculateCellAlgorithm, ChoosesShortVectorsOutOfOnePlane) {
         double angle = 0.0;               // 0: the usual ones
         double detLimit = 0.0;
     };
-    const Basis sharp = basisOf(10, 10.5, 11, 20, 20, 20);
+    const Mat3 sharp = basisOf({10, 10.5, 11, 20, 20, 20});
     const Case cases[] = {
         {"noise lifts a centre out of the plane",
          {{10, 0, 0}, {0, 11, 0}, {-6, 8, 0.7}, {6, 9, 0.6}, {1, 2, 14}},
@@ -544,12 +461,9 @@ TEST(CalculateCellAlgorithm, ChoosesShortVectorsOutOfOnePlane) {
 }
 
 TEST(CalculateCellAlgorithm, StepFiveFindsTheShortestVectorsOfTheLattice) {
-    const Basis basis = basisOf(9, 10, 12.5, 83, 98, 104);
+    const Mat3 basis = basisOf({9, 10, 12.5, 83, 98, 104});
     const auto combined = [&](double h, double k, double l) {
-        Vector v;
-        for (std::size_t i = 0; i < 3; ++i)
-            v[i] = h * basis[0][i] + k * basis[1][i] + l * basis[2][i];
-        return ClusterPoint<double>(v.data(), 3, -1);
+        return ClusterPoint<double>(nodeOf(basis, h, k, l).data(), 3, -1);
     };
     ClusterPoint<double> a = combined(1, 1, 0);
     ClusterPoint<double> b = combined(1, 2, 0);
@@ -561,9 +475,8 @@ TEST(CalculateCellAlgorithm, StepFiveFindsTheShortestVectorsOfTheLattice) {
         ASSERT_GE(CalculateCellAlgorithm().StepFive_CalculateNiggliCell(&parameter, &a, &b, &c, &out[0],
                                                                         &out[1], &out[2]),
                   0.0);
-        EXPECT_NEAR(out[0].getLength(), 9.0, 1e-9);
-        EXPECT_NEAR(out[1].getLength(), 10.0, 1e-9);
-        EXPECT_NEAR(out[2].getLength(), 12.5, 1e-9);
+        for (std::size_t i = 0; i < 3; ++i)
+            EXPECT_NEAR(out[i].getLength(), (Vector{9.0, 10.0, 12.5})[i], 1e-9);
     }
     parameter.setGridSizeNiggliCell(0);
     EXPECT_EQ(CalculateCellAlgorithm().StepFive_CalculateNiggliCell(&parameter, &a, &b, &c, &a, &b, &c),

@@ -1,15 +1,8 @@
 #include "cellfinding/CalculateCellIOstuff.h"
 
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <memory>
-#include <sstream>
-
 #include "cellfinding/CalculateCellAlgorithm.h"
 #include "reflections/ReflexVector.h"
-#include "support/RecordingLogObserver.h"
-#include "support/TemporaryFolder.h"
+#include "support/Testing.h"
 
 namespace {
 

@@ -63,10 +63,13 @@ struct Clustered {
         makeGrid(Coordinates(4, min), Coordinates(4, max), edge);
     }
     void makeGrid(const Coordinates& min, const Coordinates& max, int edge) {
-        std::vector<P*> pointers;
-        for (P& point : points)
-            pointers.push_back(&point);
+        const std::vector<P*> pointers = all();
         grid = std::make_unique<CubicGrid<P>>(&pointers, min.data(), max.data(), edge);
+    }
+    /// Over the limits of the points.
+    void makeGridAround(int edge) {
+        const std::vector<P*> pointers = all();
+        grid = std::make_unique<CubicGrid<P>>(&pointers, edge);
     }
     std::vector<int> labels() const {
         std::vector<int> result;
@@ -75,8 +78,16 @@ struct Clustered {
         return result;
     }
     long count(int label) const {
-        const std::vector<int> all = labels();
-        return std::count(all.begin(), all.end(), label);
+        const std::vector<int> every = labels();
+        return std::count(every.begin(), every.end(), label);
+    }
+
+private:
+    std::vector<P*> all() {
+        std::vector<P*> pointers;
+        for (P& point : points)
+            pointers.push_back(&point);
+        return pointers;
     }
 };
 

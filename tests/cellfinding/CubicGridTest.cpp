@@ -1,12 +1,6 @@
 #include "cellfinding/CubicGrid.h"
 
-#include <gtest/gtest.h>
-
-#include <limits>
-
 #include "PlainGrid.h"
-#include "foundation/VRKLogger.h"
-#include "support/RecordingLogObserver.h"
 
 namespace {
 
@@ -73,20 +67,6 @@ TEST(CubicGridTest, AnswersAsTheWalkOverTheCubesDoes) {
     }
 }
 
-TEST(CubicGridTest, CountsCubesFromZeroAndChecksOnlyTheIndex) {
-    // A point beyond the last cube of x lies in the first cube of the next row in y, whose neighbours it has.
-    Grid grid = gridOver({{-5, 2, 7}, {22, 0, 0}, {1, 4, 1}}, -10.0, 10.0, 3);
-    EXPECT_EQ(grid.getNumberOfCubes(), 343);
-    EXPECT_EQ(grid.getPoint(0)->getData(0), 22.0);  // index 7
-    EXPECT_EQ(grid.getPoint(1)->getData(0), 1.0);   // index 7
-    EXPECT_EQ(grid.getPoint(2)->getData(0), -5.0);  // index 98
-    EXPECT_EQ(grid.getSizeOfNeighborhood(grid.getPoint(0), 22.0),
-              2 + 1 * (std::sqrt(27. * 27 + 4 + 49) < 22.0));
-    EXPECT_FALSE(grid.coversRadius(3.0));
-    EXPECT_EQ(grid.getPoint(3), nullptr);
-    EXPECT_EQ(gridOver({{1, 1, 1}}, -1.0, 2.0, 0).getEdgeLength(), 8);
-}
-
 TEST(CubicGridTest, KeepsOutsidePointsAsZerosAndSaysSo) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
     VRKLogger::getInstance();  // speaks on the standard output when it is made
@@ -100,22 +80,20 @@ TEST(CubicGridTest, KeepsOutsidePointsAsZerosAndSaysSo) {
 
 TEST(CubicGridTest, BoundsTheCubesForAnyLimits) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
-    struct Case {
-        double min, max;
-        int cubes, edge;
-    };
     RecordingLogObserver log;
-    for (const Case& c : {Case{nan, 1.0, 0, 3}, Case{5.0, -5.0, 0, 3}, Case{-3000.0, 3000.0, 1000000000, 6},
-                          Case{-1e300, 1e300, 0, 1 << 30}}) {
-        SCOPED_TRACE(c.max);
+    for (const auto& [min, max, cubes, edge] : {std::tuple{nan, 1.0, 0, 3},
+                                                {5.0, -5.0, 0, 3},
+                                                {-3000.0, 3000.0, 1000000000, 6},
+                                                {-1e300, 1e300, 0, 1 << 30}}) {
+        SCOPED_TRACE(max);
         log.messages.clear();
         testing::internal::CaptureStdout();
-        Grid grid = gridOver({{1, 1, 1}, {2, 2, 2}}, c.min, c.max, 3);
+        Grid grid = gridOver({{1, 1, 1}, {2, 2, 2}}, min, max, 3);
         testing::internal::GetCapturedStdout();
-        EXPECT_EQ(grid.getEdgeLength(), c.edge);
-        EXPECT_EQ(grid.getNumberOfCubes(), c.cubes);
-        EXPECT_EQ(log.has("too many cubes of edge length 3", VRK::Warning), c.edge != 3);
-        EXPECT_EQ(grid.getSizeOfNeighborhood(grid.getPoint(0), 5.0), c.cubes > 0 ? 2 : 0);
+        EXPECT_EQ(grid.getEdgeLength(), edge);
+        EXPECT_EQ(grid.getNumberOfCubes(), cubes);
+        EXPECT_EQ(log.has("too many cubes of edge length 3", VRK::Warning), edge != 3);
+        EXPECT_EQ(grid.getSizeOfNeighborhood(grid.getPoint(0), 5.0), cubes > 0 ? 2 : 0);
     }
 }
 
@@ -131,6 +109,9 @@ TEST(CubicGridTest, FindsItsOwnLimitsAndHasNeighboursInTwoAndThreeDimensionsOnly
     }
     const std::vector<TestPoint*> none;
     EXPECT_EQ(Grid(&none, 3).getNumberOfPoints(), 0);
+    Grid automatic = gridOver({{1, 1, 1}}, -1.0, 2.0, 0);
+    EXPECT_EQ(automatic.getEdgeLength(), 8);
+    EXPECT_EQ(automatic.getPoint(1), nullptr);
 }
 
 TEST(CubicGridTest, PrintsItsShape) {

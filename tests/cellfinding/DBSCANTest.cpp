@@ -1,11 +1,6 @@
 #include "cellfinding/DBSCAN.h"
 
-#include <gtest/gtest.h>
-
-#include <cmath>
-
 #include "PlainGrid.h"
-#include "support/RecordingLogObserver.h"
 
 namespace {
 
@@ -51,15 +46,6 @@ TEST(DBSCANTest, LabelsAsGrowingOneNeighbourhoodAfterTheOther) {
     EXPECT_GT(atOnce, 90);
     EXPECT_LT(atOnce, 270);
     EXPECT_GT(clusters, 1000);
-}
-
-TEST(DBSCANTest, LeavesABorderPointToTheFirstCluster) {
-    // Two groups of three around (0, 0) and (4, 0); the point at 2 is near to both and the core of none.
-    const Cloud cloud{
-        {{3.5, 1}, {4, 1}, {4.5, 1}, {2, 1}, {0.5, 1}, {0, 1}, {-0.5, 1}}, {-6, -6}, {6, 6}, 3, 0};
-    DbscanRun clustering(cloud);
-    const std::vector<int> labels = clustering.run(1.75, 4);
-    EXPECT_EQ(labels, (std::vector<int>{1, 1, 1, 1, 2, 2, 2}));
 }
 
 TEST(DBSCANTest, RefusesBadParameters) {

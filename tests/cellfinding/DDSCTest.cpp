@@ -1,11 +1,9 @@
 #include "cellfinding/DDSC.h"
 
-#include <gtest/gtest.h>
-
 #include <map>
 
 #include "Clustered.h"
-#include "support/RecordingLogObserver.h"
+#include "support/Testing.h"
 
 namespace {
 

@@ -1,13 +1,8 @@
 #include "cellfinding/FSC.h"
 
-#include <gtest/gtest.h>
-
-#include <cmath>
-
 #include "Clustered.h"
 #include "cellfinding/CalculateCellAlgorithm.h"
-#include "support/RecordingLogObserver.h"
-#include "support/RecordingProgressObserver.h"
+#include "support/Testing.h"
 
 namespace {
 
@@ -23,6 +18,13 @@ struct FscRun : Clustered<ClusterPoint<double>> {
         return fsc.cluster(grid.get(), radius, &clusters, &noise);
     }
 };
+
+double distance(const Cluster<Point<double>>& cluster, const Point<double>& point) {
+    double square = 0.0;
+    for (int k = 0; k < point.getDimension(); ++k)
+        square += std::pow(point.getData(k) - cluster.getCenterOfGrafity(k), 2);
+    return std::sqrt(square);
+}
 
 TEST(FSCTest, FindsBlobsAndTheirRadiusOnABackground) {
     struct Case {
@@ -61,14 +63,10 @@ TEST(FSCTest, FindsBlobsAndTheirRadiusOnABackground) {
         ASSERT_EQ(c.clusters.size(), centres.size());
         ASSERT_EQ(fuzzy.size(), centres.size());
         for (std::size_t i = 0; i < centres.size(); ++i) {
-            double nearest = 100.0;
-            for (const auto* cluster : c.clusters) {
-                double square = 0.0;
-                for (std::size_t k = 0; k < one.dimension; ++k)
-                    square += std::pow(cluster->getCenterOfGrafity(static_cast<int>(k)) - centres[i][k], 2);
-                nearest = std::min(nearest, std::sqrt(square));
-            }
-            EXPECT_LT(nearest, 0.3 * one.sigma) << i;
+            const Point<double> centre(centres[i].data(), static_cast<unsigned char>(one.dimension));
+            EXPECT_TRUE(std::any_of(c.clusters.begin(), c.clusters.end(), [&](const auto* cluster) {
+                return distance(*cluster, centre) < 0.3 * one.sigma;
+            })) << i;
             for (std::size_t k = 0; k < one.dimension; ++k)
                 EXPECT_NEAR(fuzzy[i].getValue(static_cast<int>(k)),
                             c.clusters[i]->getCenterOfGrafity(static_cast<int>(k)), 0.3 * one.sigma);
@@ -87,10 +85,7 @@ TEST(FSCTest, FindsBlobsAndTheirRadiusOnABackground) {
             ASSERT_GT(memberships[i], 0.0);
             ASSERT_LE(memberships[i], 1.0);
             if (label == 0) continue;
-            double square = 0.0;
-            for (int k = 0; k < point->getDimension(); ++k)
-                square += std::pow(point->getData(k) - c.clusters[label - 1]->getCenterOfGrafity(k), 2);
-            if (square < one.sigma * one.sigma) {
+            if (distance(*c.clusters[label - 1], *point) < one.sigma) {
                 EXPECT_GT(memberships[i], 0.6);
             }
         }
@@ -144,18 +139,15 @@ TEST(FSCTest, ReportsProgressAndStops) {
 TEST(FSCTest, RefusesWhatItCannotCluster) {
     FscRun good, one, line, strange, wide;
     good.addBlob({0, 0, 0}, 20, 1.0);
-    one.add({1, 2, 3});
-    line.add({1});
-    line.add({2});
-    strange.add({1, 2, 3});
-    strange.add({1, -INFINITY, 3});
-    wide.add({-1e9, 0, 0});
-    wide.add({0, 1e9, -1e9});
-    for (FscRun* c : {&good, &one, &line, &strange, &wide})
+    for (const auto& [clustering, places] : {std::pair{&one, std::vector<Coordinates>{{1, 2, 3}}},
+                                             {&line, {{1}, {2}}},
+                                             {&strange, {{1, 2, 3}, {1, -INFINITY, 3}}},
+                                             {&wide, {{-1e9, 0, 0}, {0, 1e9, -1e9}}}})
+        for (const Coordinates& place : places)
+            clustering->add(place);
+    for (FscRun* c : {&good, &one, &line, &strange})
         c->makeGrid();
-    // The limits of a grid do not let points outside in.
-    std::vector<ClusterPoint<double>*> pointers{&wide.points[0], &wide.points[1]};
-    wide.grid = std::make_unique<CubicGrid<ClusterPoint<double>>>(&pointers, 8);
+    wide.makeGridAround(8);  // other limits do not let points outside in
     const struct {
         const char* message;
         FscRun* clustering;

@@ -1,13 +1,8 @@
 #include "cellfinding/Parameter.h"
 
-#include <gtest/gtest.h>
+#include "support/Testing.h"
 
-#include <functional>
-#include <limits>
-#include <string>
 #include <type_traits>
-
-#include "support/RecordingLogObserver.h"
 
 namespace {
 
@@ -115,17 +110,16 @@ TEST(Parameter, GoesBackToTheStoredDefaultsByGroups) {
     p.setDiffVectorCutOff(false);
     p.setDefaultFindPeaksValues();
     p.setDefaultDetermineCellValues();
-    const double values[] = {p.getMinDistToZeroBeam(),
-                             p.getLimitOfResolution(),
-                             double(p.getMinCountOfVoxel()),
-                             double(p.getMaxCountOfVoxel()),
-                             p.getThreshold(),
-                             p.getMinLength(),
-                             p.getMaxLength(),
-                             p.getDBSCANEps(),
-                             double(p.getDBSCANMinPts())};
-    for (int i = 0; i < 9; ++i)
-        EXPECT_EQ(values[i], i + 1.0);
+    const std::array<double, 9> values = {p.getMinDistToZeroBeam(),
+                                          p.getLimitOfResolution(),
+                                          1.0 * p.getMinCountOfVoxel(),
+                                          1.0 * p.getMaxCountOfVoxel(),
+                                          p.getThreshold(),
+                                          p.getMinLength(),
+                                          p.getMaxLength(),
+                                          p.getDBSCANEps(),
+                                          1.0 * p.getDBSCANMinPts()};
+    EXPECT_EQ(values, (std::array<double, 9>{1, 2, 3, 4, 5, 6, 7, 8, 9}));
     EXPECT_EQ(p.getWhichReflectionMiddleShouldUsed(), 2);
     EXPECT_TRUE(p.getDiffVectorCutOff());
 

@@ -2,13 +2,10 @@
 /// The cubic grid and the clustering over it, in their plainest form.
 #pragma once
 
-#include <algorithm>
-#include <cmath>
 #include <deque>
-#include <random>
-#include <vector>
 
 #include "Clustered.h"
+#include "support/Testing.h"
 
 namespace testing_support {
 

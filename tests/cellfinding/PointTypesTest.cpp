@@ -1,17 +1,10 @@
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <functional>
-#include <limits>
-#include <memory>
-
 #include "cellfinding/Cluster.h"
 #include "cellfinding/ClusterPoint.h"
 #include "cellfinding/ClusterPointDDSC.h"
 #include "cellfinding/DiffVector2D.h"
 #include "cellfinding/DiffVector3D.h"
 #include "cellfinding/Line.h"
-#include "support/RecordingLogObserver.h"
+#include "support/Testing.h"
 
 namespace {
 

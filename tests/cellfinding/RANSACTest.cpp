@@ -1,13 +1,7 @@
 #include "cellfinding/RANSAC.h"
 
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <memory>
-#include <random>
-
 #include "cellfinding/CalculateCellAlgorithm.h"
-#include "support/RecordingLogObserver.h"
+#include "support/Testing.h"
 
 namespace {
 

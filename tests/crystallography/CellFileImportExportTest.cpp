@@ -1,14 +1,7 @@
 #include "crystallography/CellFileImportExport.h"
 
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <filesystem>
-#include <memory>
-
 #include "crystallography/UnitCell.h"
-#include "support/RecordingLogObserver.h"
-#include "support/TemporaryFolder.h"
+#include "support/Testing.h"
 
 namespace {
 
@@ -134,16 +127,13 @@ TEST_F(CellFileTest, RefusesOtherFiles) {
 TEST_F(CellFileTest, WritingFailsLoudly) {
     UnitCell cell;
     const std::string nowhere = m_file + ".missing/cell.txt";
-    for (const auto write : {+[](const std::string&file, UnitCell*c) {
-                                 return CellFileImportExport::writeCellFile_version_1(file, c);
-                             },
-                             +[](const std::string&file, UnitCell*c) {
-                                 return CellFileImportExport::writeCellFile_version_2(file, c);
-                             }}) {
-        EXPECT_FALSE(write(nowhere, &cell));
+    using Write = bool (*)(const std::string&, UnitCell*);
+    for (const Write writer : {Write{CellFileImportExport::writeCellFile_version_1},
+                               Write{CellFileImportExport::writeCellFile_version_2}}) {
+        EXPECT_FALSE(writer(nowhere, &cell));
         EXPECT_EQ(lastError(), "ERROR: Error while opening file to write " + nowhere);
         if (!std::filesystem::exists("/dev/full")) continue;
-        EXPECT_FALSE(write("/dev/full", &cell));
+        EXPECT_FALSE(writer("/dev/full", &cell));
         EXPECT_EQ(lastError(), "ERROR: Error while writing file /dev/full");
     }
 }

@@ -2,13 +2,10 @@
 /// Random lattices of a given Bravais type, random bases of them and noise.
 #pragma once
 
-#include <array>
-#include <cmath>
-#include <random>
-
 #include "crystallography/BasicMath.h"
 #include "crystallography/BravaisTypes.h"
 #include "crystallography/UnitCell.h"
+#include "support/Testing.h"
 
 namespace testing_support {
 
@@ -45,6 +42,11 @@ inline Parameters parametersOf(const UnitCell& cell) {
             cell.getAlpha(),     cell.getBeta(),      cell.getGamma()};
 }
 
+template <typename... Types>
+bool isOneOf(LATTICE::BravaisTypes type, Types... types) {
+    return ((type == types) || ...);
+}
+
 class RandomLattice {
 public:
     explicit RandomLattice(unsigned seed) : m_random(seed) {}
@@ -58,32 +60,14 @@ public:
     UnitCell conventional(LATTICE::BravaisTypes type) {
         const auto edge = [this] { return uniform(4.0, 30.0); };
         Parameters p = {edge(), edge(), edge(), 90.0, 90.0, 90.0};
-        switch (type) {
-            case LATTICE::cP:
-            case LATTICE::cI:
-            case LATTICE::cF:
-                p.b = p.c = p.a;
-                break;
-            case LATTICE::hP:
-            case LATTICE::hR:
-                p.gamma = 120.0;
-                [[fallthrough]];
-            case LATTICE::tP:
-            case LATTICE::tI:
-                p.b = p.a;
-                break;
-            case LATTICE::mP:
-            case LATTICE::mC:
-                p.beta = uniform(92.0, 125.0);
-                break;
-            case LATTICE::aP:
-                p.alpha = uniform(70.0, 110.0);
-                p.beta = uniform(70.0, 110.0);
-                p.gamma = uniform(70.0, 110.0);
-                break;
-            default:
-                break;
-        }
+        using enum LATTICE::BravaisTypes;
+        if (isOneOf(type, cP, cI, cF)) p.b = p.c = p.a;
+        if (isOneOf(type, hP, hR, tP, tI)) p.b = p.a;
+        if (isOneOf(type, hP, hR)) p.gamma = 120.0;
+        if (isOneOf(type, mP, mC)) p.beta = uniform(92.0, 125.0);
+        if (type == aP)
+            for (double* angle : {&p.alpha, &p.beta, &p.gamma})
+                *angle = uniform(70.0, 110.0);
         return cellOf(p, type, false);
     }
 

@@ -1,12 +1,8 @@
 #include "crystallography/UnitCell.h"
 
-#include <gtest/gtest.h>
-
-#include <limits>
-#include <memory>
+#include <map>
 
 #include "RandomLattice.h"
-#include "crystallography/BasicMath.h"
 #include "crystallography/CrystallographyMath.h"
 #include "crystallography/RealSpaceMath.h"
 #include "crystallography/ReciprocalSpaceMath.h"
@@ -139,17 +135,14 @@ TEST(UnitCellClassTest, NormalizeOrdersEdgesAndSigns) {
 }
 
 TEST(UnitCellClassTest, GridFollowsTheCentring) {
-    struct Case {
-        LATTICE::BravaisTypes type;
-        std::size_t points;
-    };
-    for (const auto& [type, points] : {Case{LATTICE::aP, 27},
-                                       {LATTICE::hP, 27},
-                                       {LATTICE::NoBravaisType, 27},
-                                       {LATTICE::cI, 13},
-                                       {LATTICE::oF, 9},
-                                       {LATTICE::mC, 15},
-                                       {LATTICE::hR, 0}}) {
+    for (const auto& [type, points] :
+         std::map<LATTICE::BravaisTypes, std::size_t>{{LATTICE::aP, 27},
+                                                      {LATTICE::hP, 27},
+                                                      {LATTICE::NoBravaisType, 27},
+                                                      {LATTICE::cI, 13},
+                                                      {LATTICE::oF, 9},
+                                                      {LATTICE::mC, 15},
+                                                      {LATTICE::hR, 0}}) {
         UnitCell cell;
         cell.setBravaisType(type);
         const int n[3] = {1, 1, 1};

@@ -1,13 +1,8 @@
 #include "crystallography/VoxVTKMath.h"
 
-#include <gtest/gtest.h>
-#include <rapidcheck.h>
+#include "support/Testing.h"
 
-#include <algorithm>
-#include <cmath>
-#include <limits>
-#include <random>
-#include <vector>
+#include <rapidcheck.h>
 
 namespace {
 

@@ -1,8 +1,4 @@
-#include "foundation/VRKLogger.h"
-
-#include <gtest/gtest.h>
-
-#include "support/RecordingLogObserver.h"
+#include "support/Testing.h"
 
 TEST(Logger, IsOneAndSpeaksOnceOnCreation) {
     testing::internal::CaptureStdout();

@@ -1,13 +1,11 @@
 // Who hears the narration of the library.
-#include <gtest/gtest.h>
 
-#include <iostream>
-#include <sstream>
 #include <thread>
 
 #include "crystallography/NiggliReduction.h"
 #include "crystallography/UnitCell.h"
 #include "foundation/Narration.h"
+#include "support/Testing.h"
 
 namespace {
 

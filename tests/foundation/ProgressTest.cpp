@@ -1,7 +1,6 @@
-#include <gtest/gtest.h>
-
 #include "foundation/VoxProgressObserver.h"
-#include "support/RecordingProgressObserver.h"
+
+#include "support/Testing.h"
 
 namespace {
 

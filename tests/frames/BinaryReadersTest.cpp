@@ -1,24 +1,13 @@
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <cstring>
 
-#include "pipeline/frames/FrameFile.h"
+#include "ExpectedFrames.h"
 #include "pipeline/frames/PixelDecoder.h"
 #include "support/FailureOf.h"
-#include "support/TemporaryFolder.h"
 
 namespace {
 
 using vrk::FrameFile;
 using vrk::FrameSource;
-
-constexpr int kWidth = 5;
-constexpr int kHeight = 4;
-
-int pixel(int frame, int i) {
-    return 100 * frame + 3 * i + 1;
-}
 
 /// Bytes of a file in the making.
 struct Bytes {
@@ -34,8 +23,8 @@ struct Bytes {
     }
     template <class Number>
     Bytes& addPixels(int frame) {
-        for (int i = 0; i < kWidth * kHeight; ++i)
-            add(static_cast<Number>(pixel(frame, i)));
+        for (int i = 0; i < kFramePixels; ++i)
+            add(static_cast<Number>(countAt(frame, i)));
         return *this;
     }
     Bytes& addPixelsAs(vrk::PixelType type, int frame) {
@@ -83,7 +72,7 @@ public:
         array("Data", contents.code, contents.type, contents.frames);
         number("DataType", 3, std::int32_t{contents.kind});
         begin("Dimensions", 3);
-        for (const int size : {kWidth, kHeight, contents.frames})
+        for (const int size : {kFrameWidth, kFrameHeight, contents.frames})
             number("", 5, std::uint32_t(size));
         begin("ImageTags", 2);
         begin("DataBar", 1);
@@ -128,7 +117,7 @@ private:
         m_file.add(value);
     }
     void array(const std::string& text, std::int64_t code, vrk::PixelType type, int frames) {
-        description(text, {20, code, frames * kWidth * kHeight});
+        description(text, {20, code, frames * kFramePixels});
         for (int frame = 0; frame < frames; ++frame)
             m_file.addPixelsAs(type, frame);
     }
@@ -160,13 +149,16 @@ std::string serBytes(bool wide, int valid, double edge = 4e7, std::uint16_t code
     const std::size_t list = file.text.size() + (wide ? 12 : 8);
     place(list);
     file.add(std::uint32_t{0});
-    const std::size_t elementBytes = 50 + vrk::bytesOf(type) * kWidth * kHeight;
+    const std::size_t elementBytes = 50 + vrk::bytesOf(type) * kFramePixels;
     const std::size_t first = list + 3 * (wide ? 8U : 4U);
     for (std::size_t i = 0; i < 3; ++i)
         place(first + i * elementBytes);
     for (int frame = 0; frame < valid; ++frame) {
         file.add(0.0).add(edge).add(std::uint32_t{0}).add(0.0).add(5e7).add(std::uint32_t{0});
-        file.add(code).add(std::uint32_t{kWidth}).add(std::uint32_t{kHeight}).addPixelsAs(type, frame);
+        file.add(code)
+            .add(std::uint32_t{kFrameWidth})
+            .add(std::uint32_t{kFrameHeight})
+            .addPixelsAs(type, frame);
     }
     return file.text;
 }
@@ -184,30 +176,16 @@ std::string tvipsFrames(int first, int last) {
 
 std::string tvipsHeader(int version = 2, int bits = 16, int volts = 200) {
     Bytes file;
-    for (const int value : {256, version, kWidth, kHeight, bits, 0, 0, 1, 1, 15600, volts, 0, 48})
+    for (const int value : {256, version, kFrameWidth, kFrameHeight, bits, 0, 0, 1, 1, 15600, volts, 0, 48})
         file.add(std::uint32_t(value));
     file.text.resize(256, 'x');
     return file.text;
 }
 
-void expectFrames(const FrameFile& file, int count, bool tilted, double pixelSize, double kilovolts) {
-    ASSERT_EQ(file.count(), count);
-    for (int frame = count - 1; frame >= 0; --frame) {
-        EXPECT_EQ(file.info(frame).tilt.value_or(99), tilted ? frame - 1 : 99);
-        EXPECT_NEAR(file.info(frame).pixelSize.value_or(0), pixelSize, 1e-5 * pixelSize);
-        EXPECT_EQ(file.info(frame).kilovolts.value_or(0), kilovolts);
-        const vrk::Frame read = file.read(frame);
-        ASSERT_EQ(read.width, kWidth);
-        ASSERT_EQ(read.pixels.size(), static_cast<std::size_t>(kWidth * kHeight));
-        for (int i = 0; i < kWidth * kHeight; ++i)
-            ASSERT_EQ(read.pixels[static_cast<std::size_t>(i)], pixel(frame, i)) << frame << ' ' << i;
-    }
-}
-
 TEST(BinaryReaders, StacksWithWhatTheirHeadersSay) {
     using enum vrk::PixelType;
     const TemporaryFolder folder;
-    const double ofRadian = 1e10 / 0.0250793;  // at 200 kV
+    const double ofRadian = 1e10 / 0.02507934;  // at 200 kV
     for (const auto& [contents, tilted, pixelSize] : {
              std::tuple{DmContents{}, true, 5e7},
              {{.version = 4, .unit = "A^-1", .code = 4, .type = UInt16}, true, 5e8},
@@ -219,8 +197,11 @@ TEST(BinaryReaders, StacksWithWhatTheirHeadersSay) {
          }) {
         const auto file = FrameFile::open(folder.write("a.dm", DmBytes(contents).bytes()));
         SCOPED_TRACE(contents.unit);
-        expectFrames(*file, contents.frames, tilted, pixelSize, 200);
-        EXPECT_EQ(file->info(0).exposure, 0.5);
+        expectFrames(*file, {.firstTilt = tilted ? -1.0 : 99.0,
+                             .pixelSize = pixelSize,
+                             .kilovolts = 200,
+                             .exposure = 0.5,
+                             .count = contents.frames});
     }
     for (const auto& [wide, edge, code, type] : {std::tuple{false, 4e7, 1, UInt8},
                                                  {true, -4e7, 2, UInt16},
@@ -231,16 +212,16 @@ TEST(BinaryReaders, StacksWithWhatTheirHeadersSay) {
                                                  {true, 2e-10, 8, Float64}})
         expectFrames(*FrameFile::open(folder.write(
                          "a.ser", serBytes(wide, 2, edge, static_cast<std::uint16_t>(code), type))),
-                     2, false, edge == 2e-10 ? 0 : 4e7, 0);
-    folder.write("a_001.tvips", tvipsFrames(2, 2));
-    const auto recording = FrameFile::open(folder.write("a_000.tvips", tvipsHeader() + tvipsFrames(0, 1)));
-    expectFrames(*recording, 3, true, 0, 200);
+                     {.pixelSize = edge == 2e-10 ? 0 : 4e7, .count = 2});
+    folder.write("a_001.tvips", tvipsFrames(1, 2));
+    const auto recording = FrameFile::open(folder.write("a_000.tvips", tvipsHeader() + tvipsFrames(0, 0)));
+    expectFrames(*recording, {.firstTilt = -1, .kilovolts = 200});
     EXPECT_EQ(recording->parts(), std::vector<std::filesystem::path>{folder / "a_001.tvips"});
     Bytes old;  // with short records, which say no tilt
     for (int frame = 0; frame < 2; ++frame)
         old.add(std::uint64_t{0}).add(std::uint32_t{0}).addPixels<std::uint8_t>(frame);
     const std::string bytes = tvipsHeader(1, 8, 200000) + old.text;
-    expectFrames(*FrameFile::open(folder.write("old.tvips", bytes)), 2, false, 0, 200);
+    expectFrames(*FrameFile::open(folder.write("old.tvips", bytes)), {.kilovolts = 200, .count = 2});
 }
 
 TEST(BinaryReaders, TruncatedStacksKeepTheirCompleteFrames) {
@@ -249,9 +230,12 @@ TEST(BinaryReaders, TruncatedStacksKeepTheirCompleteFrames) {
     const std::string ser = serBytes(true, 3);
     const std::string tvips = tvipsHeader() + tvipsFrames(0, 2);
     for (const auto& [name, bytes, pixelSize, kilovolts] :
-         {std::tuple{"a.ser", ser, 4e7, 0}, std::tuple{"a.tvips", tvips, 0.0, 200}}) {
+         {std::tuple{"a.ser", ser, 4e7, 0.0}, {"a.tvips", tvips, 0.0, 200.0}}) {
         const auto file = FrameFile::open(folder.write(name, bytes.substr(0, bytes.size() - 1)));
-        expectFrames(*file, 2, pixelSize == 0, pixelSize, kilovolts);
+        expectFrames(*file, {.firstTilt = pixelSize == 0 ? -1.0 : 99.0,
+                             .pixelSize = pixelSize,
+                             .kilovolts = kilovolts,
+                             .count = 2});
         EXPECT_NE(file->damage().find("truncated"), std::string::npos) << file->damage();
         EXPECT_THROW(FrameFile::open(folder.write(name, bytes.substr(0, 90))), vrk::Failure);
     }

@@ -1,10 +1,6 @@
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <limits>
-
 #include "pipeline/frames/CountScale.h"
 #include "pipeline/simulation/SimulationRandom.h"
+#include "support/Testing.h"
 
 namespace {
 

@@ -1,10 +1,6 @@
-#include <gtest/gtest.h>
-
-#include <cmath>
-
 #include "pipeline/base/Failure.h"
 #include "pipeline/frames/FrameList.h"
-#include "support/TemporaryFolder.h"
+#include "support/Testing.h"
 
 namespace {
 

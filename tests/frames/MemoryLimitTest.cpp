@@ -1,14 +1,11 @@
 // How much memory may be taken, and who asks.
 #include "pipeline/base/MemoryLimit.h"
 
-#include <gtest/gtest.h>
-
 #include <cstdlib>
-#include <filesystem>
 
 #include "pipeline/base/Failure.h"
 #include "pipeline/frames/FrameSource.h"
-#include "support/TemporaryFolder.h"
+#include "support/Testing.h"
 
 namespace {
 

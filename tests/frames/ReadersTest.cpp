@@ -1,19 +1,12 @@
-#include <gtest/gtest.h>
+#include <sys/resource.h>
 
-#include <cmath>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-
-#include "pipeline/base/Failure.h"
-#include "pipeline/frames/FrameFile.h"
+#include "ExpectedFrames.h"
+#include "pipeline/frames/FileContent.h"
 #include "pipeline/frames/PixelDecoder.h"
 #include "pipeline/frames/detail/SeparateProcess.h"
 #include "pipeline/frames/detail/Unpacking.h"
 #include "pipeline/simulation/SimulationRandom.h"
 #include "support/FailureOf.h"
-#include "support/TemporaryFolder.h"
 
 namespace {
 
@@ -22,53 +15,10 @@ using vrk::FrameSource;
 
 const std::filesystem::path kFolder = VRK_FRAMES;  // written by write_files.py
 
-constexpr int kPixels = 5 * 4;
-
-float countAt(int frame, int i) {
-    return static_cast<float>(100 * frame + 3 * i + 1);
-}
-
 std::shared_ptr<const std::string> contents(const std::filesystem::path& path) {
     std::ifstream file(path, std::ios::binary);
     return std::make_shared<const std::string>(std::istreambuf_iterator<char>(file),
                                                std::istreambuf_iterator<char>());
-}
-
-/// What a reader must find in a file of three frames.
-struct Expected {
-    const char* name;
-    double firstTilt = 99;  ///< the others follow in steps of one degree; 99: not stated
-    double pixelSize = 0;
-    double kilovolts = 0;
-    double axis = 0;
-    double rotation = 0;
-    double exposure = 0;
-    float white = 0;  ///< not 0: this minus the usual pixels
-};
-
-void expectThreeFrames(const FrameFile& file, const Expected& expected) {
-    ASSERT_EQ(file.count(), 3);
-    EXPECT_EQ(file.damage(), "");
-    for (int frame = 2; frame >= 0; --frame) {
-        const vrk::FrameInfo& info = file.info(frame);
-        EXPECT_NEAR(info.tilt.value_or(99 + frame), expected.firstTilt + frame, 1e-9);
-        EXPECT_NEAR(info.pixelSize.value_or(0), expected.pixelSize, 1e-6 * expected.pixelSize);
-        EXPECT_NEAR(info.kilovolts.value_or(0), expected.kilovolts, 0.01);
-        EXPECT_NEAR(info.axis.value_or(0), expected.axis, 1e-9);
-        EXPECT_NEAR(info.rotation.value_or(0), expected.rotation, 1e-9);
-        EXPECT_EQ(info.exposure.value_or(0), expected.exposure);
-        const vrk::Frame read = file.read(frame);
-        ASSERT_EQ(read.width, 5);
-        ASSERT_EQ(read.pixels.size(), static_cast<std::size_t>(kPixels));
-        for (int i = 0; i < kPixels; ++i) {
-            const float found = read.pixels[static_cast<std::size_t>(i)];
-            const float usual = countAt(frame, i);
-            if (std::string(expected.name) == "nexus_master.h5" && (i == 2 || (frame == 0 && i == 6)))
-                EXPECT_TRUE(std::isnan(found));  // masked in the master, marked in the data
-            else
-                EXPECT_EQ(found, expected.white > 0 ? expected.white - usual : usual) << frame << ' ' << i;
-        }
-    }
 }
 
 TEST(Readers, FilesOfOtherProgramsFromDiskAndFromMemory) {
@@ -80,14 +30,24 @@ TEST(Readers, FilesOfOtherProgramsFromDiskAndFromMemory) {
           Expected{"angles_last.emd", -1, 5e7}, Expected{"velox.emd", -1, 5e7, 200}, Expected{"plain.h5"},
           Expected{"plain.h5:/scan/counts"}}) {
         SCOPED_TRACE(expected.name);
-        expectThreeFrames(*FrameFile::open(kFolder / expected.name), expected);
-        if (std::string(expected.name).find(':') == std::string::npos)
-            expectThreeFrames(
+        const auto file = FrameFile::open(kFolder / expected.name);
+        expectFrames(*file, expected);
+        EXPECT_EQ(file->damage(), "");
+        if (expected.name.find(':') == std::string::npos)
+            expectFrames(
                 *FrameFile::open(FrameSource(kFolder / expected.name, contents(kFolder / expected.name))),
                 expected);
     }
+    const std::string whole = *contents(kFolder / "uint16.mrc");
+    const FrameSource cut("cut.mrc", std::make_shared<const std::string>(whole.substr(0, whole.size() - 1)));
+    expectFrames(*FrameFile::open(cut), {.count = 2});
     EXPECT_EQ(FrameFile::open(kFolder / "nexus_master.h5")->parts().size(), 2U);
     EXPECT_THROW(FrameFile::open(kFolder / "plain.h5:/nothing"), vrk::Failure);
+}
+
+template <std::size_t size>
+std::string bytes(const char (&text)[size]) {
+    return {text, size - 1};
 }
 
 /// Files whose units, numbers or marks are others of the same length.
@@ -102,8 +62,13 @@ TEST(Readers, UnitsAndMarksAreUnderstood) {
     const double pixel = 75e-6 / (0.8 * 0.0251e-10), radian = 180 / M_PI;
     for (const Row& row : std::vector<Row>{
              {"nexus_master.h5", {{"deg", "rad"}}, radian, pixel},
-             {"nexus_master.h5", {{std::string("\0um", 3), std::string("\0mm", 3)}}, 1, 1e3 * pixel},
-             {"nexus_master.h5", {{std::string("\0um", 3), std::string("\0nm", 3)}}, 1, 1e-3 * pixel},
+             {"nexus_master.h5", {{bytes("\0um"), bytes("\0mm")}}, 1, 1e3 * pixel},
+             {"nexus_master.h5", {{bytes("\0um"), bytes("\0nm")}}, 1, 1e-3 * pixel},
+             {"nexus_master.h5",  // a longer word at its place, and its length in two places
+              {{bytes("\3\0\0\0\0\0\0\0deg\0\0\0"), bytes("\6\0\0\0\0\0\0\0radian")},
+               {bytes("\3\0\0\0\0\b\0\0\0\0\0\0\t\0\0\0"), bytes("\6\0\0\0\0\b\0\0\0\0\0\0\t\0\0\0")}},
+              radian,
+              pixel},
              {"angles_last.emd", {{"[deg]", "[rad]"}}, radian, 5e7},
              {"angles_last.emd", {{"[n_m^-1]", " [A^-1] "}}, 1, 5e8},
              {"angles_last.emd", {{"[n_m^-1]", " [m^-1] "}}, 1, 0.05},
@@ -113,14 +78,14 @@ TEST(Readers, UnitsAndMarksAreUnderstood) {
              {"frame.cbf", {{"Second-Dimension: 4", "Second-Dimension: 9"}}, 0, 0, "cannot lie in"},
          }) {
         SCOPED_TRACE(row.name + row.changes[0][1]);
-        std::string bytes = *contents(kFolder / row.name);
+        std::string changed = *contents(kFolder / row.name);
         for (const auto& [from, to] : row.changes) {
-            ASSERT_NE(bytes.find(from), std::string::npos);
-            for (std::size_t at = 0; (at = bytes.find(from, at)) != std::string::npos; at += to.size())
-                bytes.replace(at, from.size(), to);
+            ASSERT_NE(changed.find(from), std::string::npos);
+            for (std::size_t at = 0; (at = changed.find(from, at)) != std::string::npos; at += to.size())
+                changed.replace(at, from.size(), to);
         }
         std::unique_ptr<FrameFile> file;
-        const FrameSource source(kFolder / row.name, std::make_shared<const std::string>(bytes));
+        const FrameSource source(kFolder / row.name, std::make_shared<const std::string>(changed));
         EXPECT_TRUE(failureOf([&] { file = FrameFile::open(source); }).says(row.reason));
         ASSERT_EQ(file == nullptr, *row.reason != 0);
         if (!file) continue;
@@ -142,13 +107,45 @@ TEST(Readers, CbfOfACountingDetector) {
         EXPECT_EQ(file->info(0).exposure, 0.095);
         const std::vector<float> pixels = file->read(0).pixels;
         EXPECT_TRUE(std::isnan(pixels[1]));  // marked as dead
-        for (int i = 0; i < kPixels; ++i) {
-            const float expected = i == 5 ? 70000 : i == 12 ? 1000 : countAt(1, i);
+        for (int i = 0; i < kFramePixels; ++i) {
+            const int expected = i == 5 ? 70000 : i == 12 ? 1000 : countAt(1, i);
             if (i != 1) {
                 EXPECT_EQ(pixels[static_cast<std::size_t>(i)], expected) << i;
             }
         }
     }
+}
+
+TEST(Readers, FilesAreKnownByTheirFirstBytes) {
+    const TemporaryFolder folder;
+    using Content = vrk::FileContent;
+    const auto expect = [&](const std::string& start, Content::Kind kind, const char* name) {
+        const Content content = Content::of(folder.write("x", start));
+        EXPECT_TRUE(content.kind == kind && content.name == name) << start << content.name;
+    };
+    expect("#VRKPEAKSVERSION 2", Content::Kind::PeakFile, "a peak file");
+    expect("#VRKCELLVERSION 2", Content::Kind::CellFile, "a cell file");
+    expect("\x89PNG", Content::Kind::Picture, "a PNG picture");
+    expect("\xff\xd8\xff", Content::Kind::Picture, "a JPEG picture");
+    expect("GIF8", Content::Kind::Picture, "a GIF picture");
+    expect("BM", Content::Kind::Picture, "a BMP picture");
+    expect("%PDF", Content::Kind::Picture, "a PDF file");
+    for (const char* text : {"a\tb \r\n\xc3\xa4", "\n", "\r", "\t", " "})
+        expect(text, Content::Kind::OtherText, "a text");
+    for (const std::string& other : {bytes("a\0"), bytes("a\x1f"), std::string()})
+        expect(other, Content::Kind::Unknown, "");
+}
+
+TEST(Readers, SayWhenAFileCannotBeOpened) {
+    const TemporaryFolder folder;
+    const FrameSource source(folder.write("x.mrc", "1234"));
+    rlimit files{};
+    getrlimit(RLIMIT_NOFILE, &files);
+    const rlimit none = {0, files.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    const Refusal refusal = failureOf([&] { source.open(); });
+    setrlimit(RLIMIT_NOFILE, &files);
+    EXPECT_TRUE(refusal.says("it cannot be read; check its permissions"));
 }
 
 TEST(Readers, AllBitsOfThirtyTwoSetMarkADeadPixel) {

@@ -2,7 +2,6 @@
 /// The way from positions to a cell, on a lattice with strays, or on anything. It ends in time, and what it
 /// answers is a lattice.
 #include <Eigen/LU>
-#include <vector>
 
 #include "FuzzInput.h"
 #include "pipeline/Pipeline.h"

@@ -1,7 +1,5 @@
 /// \file
 /// Tables of calibrated pixel sizes.
-#include <memory>
-
 #include "FuzzInput.h"
 #include "processing/FineCalibrationImport.h"
 

@@ -1,8 +1,6 @@
 /// \file
 /// Frames in memory. kFrameName is the name under which they are handed over: its extension decides where the
 /// first bytes do not.
-#include <memory>
-
 #include "FuzzInput.h"
 #include "pipeline/frames/FrameFile.h"
 

@@ -5,6 +5,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cmath>
@@ -13,10 +14,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <istream>
+#include <memory>
 #include <span>
 #include <streambuf>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "foundation/Narration.h"
 #include "pipeline/base/Failure.h"

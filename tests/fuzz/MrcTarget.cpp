@@ -1,6 +1,5 @@
 /// \file
 /// MRC files: the header alone, all of it, and reduced for display.
-#include <memory>
 #include <stdexcept>
 
 #include "FuzzInput.h"

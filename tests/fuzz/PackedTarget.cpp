@@ -1,7 +1,5 @@
 /// \file
 /// What gzip and bzip2 packed.
-#include <memory>
-
 #include "FuzzInput.h"
 #include "pipeline/frames/FrameSource.h"
 

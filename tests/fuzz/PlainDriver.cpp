@@ -112,32 +112,23 @@ private:
     void change(std::string& input) {
         const std::size_t at = below(input.size() + 1);
         const std::size_t length = std::min(std::size_t{1} << below(7), input.size() - at);
-        switch (below(10)) {
-            case 0:
-                input.erase(at, length);
-                break;
-            case 1:
-                input.insert(at, input.substr(below(input.size()), length));
-                break;
-            case 2:
-                input.resize(at);
-                break;
-            case 3:
-                input.insert(at, 1 + below(8), static_cast<char>(below(256)));
-                break;
-            case 4:
-                splice(input, at);
-                break;
-            case 5:
-                number(input, at);
-                break;
-            case 6:
-            case 7:
-                word(input, at, length);
-                break;
-            default:
-                if (at < input.size()) input[at] = static_cast<char>(input[at] ^ (1 << below(8)));
-        }
+        const std::size_t kind = below(10);
+        if (kind == 0)
+            input.erase(at, length);
+        else if (kind == 1)
+            input.insert(at, input.substr(below(input.size()), length));
+        else if (kind == 2)
+            input.resize(at);
+        else if (kind == 3)
+            input.insert(at, 1 + below(8), static_cast<char>(below(256)));
+        else if (kind == 4)
+            splice(input, at);
+        else if (kind == 5)
+            number(input, at);
+        else if (kind < 8)
+            word(input, at, length);
+        else if (at < input.size())
+            input[at] = static_cast<char>(input[at] ^ (1 << below(8)));
     }
 
     /// The end of another input from here on.

@@ -2,8 +2,6 @@
 /// Niggli and other reductions: the answer spans the lattice of the question, and reducing it again changes
 /// nothing.
 #include <Eigen/LU>
-#include <algorithm>
-#include <memory>
 
 #include "FuzzInput.h"
 #include "crystallography/NiggliReduction.h"

@@ -1,7 +1,5 @@
 /// \file
 /// The fit of a lattice: finite, whole indices, and no worse than the lattice that the points were made with.
-#include <vector>
-
 #include "FuzzInput.h"
 #include "pipeline/latticesearch/LatticeFit.h"
 

@@ -1,8 +1,5 @@
 /// \file
 /// The whole run on a tiny series: a made-up crystal that the bytes disturb, or noise of their own.
-#include <algorithm>
-#include <vector>
-
 #include "FuzzInput.h"
 #include "pipeline/Pipeline.h"
 

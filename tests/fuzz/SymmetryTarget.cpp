@@ -2,8 +2,6 @@
 /// Lattice symmetry: every character that fits has a conventional cell of its lattice and centring, the
 /// rotations of that cell form a finite group.
 #include <Eigen/LU>
-#include <algorithm>
-#include <vector>
 
 #include "FuzzInput.h"
 #include "crystallography/LatticeSymmetry.h"

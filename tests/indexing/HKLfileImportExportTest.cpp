@@ -1,14 +1,8 @@
 #include "indexing/HKLfileImportExport.h"
 
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <limits>
-
 #include "reflections/Reflex.h"
 #include "reflections/ReflexVector.h"
-#include "support/RecordingLogObserver.h"
-#include "support/TemporaryFolder.h"
+#include "support/Testing.h"
 
 namespace {
 

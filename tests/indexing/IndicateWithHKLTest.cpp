@@ -1,17 +1,9 @@
 #include "indexing/IndicateWithHKL.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <filesystem>
-#include <limits>
-
 #include "reflections/ReflexOnGrid.h"
 #include "reflections/TestVolume.h"
 #include "reflections/VolumeMath.h"
-#include "support/RecordingLogObserver.h"
 #include "support/SimulatedReflections.h"
-#include "support/TemporaryFolder.h"
 
 namespace {
 
@@ -46,24 +38,21 @@ TEST_F(IndicateWithHKLTest, TakesTheNearestNodeOrNone) {
     addNode(-5, 0, 1, {0.3, -0.4, 0.0});
     addNode(1, 1, 1, {4.0, 0.0, 3.0});
     EXPECT_EQ(indicate(&cell, 0.2), 2);
-    EXPECT_EQ((*m_list)[0]->getH(), 2);
-    EXPECT_EQ((*m_list)[0]->getK(), -3);
-    EXPECT_EQ((*m_list)[0]->getL(), 4);
-    EXPECT_EQ((*m_list)[1]->getH(), -5);
+    const std::array<std::array<int, 3>, 2> nodes = {{{2, -3, 4}, {-5, 0, 1}}};
+    for (std::size_t i = 0; i < 2; ++i)
+        EXPECT_EQ((std::array{(*m_list)[i]->getH(), (*m_list)[i]->getK(), (*m_list)[i]->getL()}), nodes[i]);
     EXPECT_FALSE((*m_list)[2]->isIndicated());
 
-    ASSERT_EQ(m_out[0].size(), 2u);
-    EXPECT_NEAR(m_out[0][0], 0.0, 1e-12);
-    EXPECT_NEAR(m_out[0][1], 0.5, 1e-12);
-    EXPECT_NEAR(m_out[2][1], 0.4, 1e-12);
-    ASSERT_EQ(m_out[4].size(), 1u);
-    EXPECT_NEAR(m_out[4][0], 5.0, 1e-12);
-    EXPECT_NEAR(m_out[7][0], 3.0, 1e-12);
-
+    // Displacements and their parts along x, y and z: of what was indexed, and of what was not.
+    const std::vector<double> displacements[8] = {{0, 0.5}, {0, 0.3}, {0, 0.4}, {0, 0}, {5}, {4}, {0}, {3}};
     const double expected[] = {0.25, 0.15, 0.2, 0.0, std::sqrt(0.125), std::sqrt(0.045), std::sqrt(0.08),
                                0.0};
-    for (int i = 0; i < IndicateWithHKL::kResultSize; ++i)
+    for (std::size_t i = 0; i < 8; ++i) {
         EXPECT_NEAR(m_result[i], expected[i], 1e-12) << i;
+        ASSERT_EQ(m_out[i].size(), displacements[i].size());
+        for (std::size_t n = 0; n < m_out[i].size(); ++n)
+            EXPECT_NEAR(m_out[i][n], displacements[i][n], 1e-12) << i;
+    }
     // Means over all three: (0 + 0.5 + 5) / 3 and so on.
     for (const char* line :
          {"Delta_Z = 1.83", "Delta_h = 1.43", "Delta_k = 0.13", "Delta_l = 1", "Delta_Z2 = 8.42",
@@ -177,15 +166,31 @@ TEST_F(IndicateWithHKLTest, PlotsRender) {
         for (const char* extension : {".plt", ".png"})
             EXPECT_TRUE(fs::exists(folder / (std::string(name) + extension))) << name;
 
-    for (const char* axes :
-         {"xlabel 'h'; set ylabel 'k'", "xlabel 'h'; set ylabel 'l'", "xlabel 'k'; set ylabel 'l'"})
-        EXPECT_NE(own.read("indexing 'plots'/hklPlot.plt").find(axes), std::string::npos) << axes;
+    const std::string distance = "xlabel 'distance from the origin (voxels)'; set ylabel ";
+    for (const auto& [plot, axes] : std::vector<std::pair<std::string, std::string>>{
+             {"hklPlot", "xlabel 'h'; set ylabel 'k'"},
+             {"hklPlot", "xlabel 'h'; set ylabel 'l'"},
+             {"hklPlot", "xlabel 'k'; set ylabel 'l'"},
+             {"kPlot", "xlabel 'k'; set ylabel 'reflections'; set yrange [0:*]"},
+             {"kPlot", "xlabel 'k'; set ylabel 'deviation'"},
+             {"kPlot", "y2label 'mean intensity'"},
+             {"indicateEvaluation", distance + "'displacement (voxels)'"},
+             {"indicateEvaluation", distance + "'indexed (%)'; set yrange [0:105]"},
+             {"indicateEvaluation",
+              "nodes'\nset xlabel 'displacement (voxels)'; set ylabel 'reflections'; set yrange [0:*]"},
+             {"indicateEvaluation",
+              "volume'\nset xlabel 'displacement (voxels)'; set ylabel 'reflections'; set yrange [0:*]"}})
+        EXPECT_NE(own.read("indexing 'plots'/" + plot + ".plt").find(axes), std::string::npos) << axes;
+    fs::create_directories(own / "blocked/hPlot.plt");
+    EXPECT_FALSE(IndicateWithHKL::generateHKLplot(m_list.get(), own / "blocked")) << "one of the plots fails";
     RecordingLogObserver log;
+    for (const int index : {-1, 2, 3})
+        EXPECT_EQ(IndicateWithHKL::generatePlotOfOne(m_list.get(), index, folder.string()), index == 2);
+    EXPECT_EQ(log.count("There is no index number", VRK::Error), 2);
     m_list->destroyElements();
     EXPECT_FALSE(IndicateWithHKL::generateEvaluationPlot(m_list.get(), folder.string()));
     EXPECT_FALSE(IndicateWithHKL::generatePlotOfOne(nullptr, 0, folder.string()));
-    EXPECT_FALSE(IndicateWithHKL::generatePlotOfOne(m_list.get(), 3, folder.string()));
-    EXPECT_EQ(log.count("Error during plotting", VRK::Error), 3);
+    EXPECT_EQ(log.count("Error during plotting", VRK::Error), 4);
 }
 
 }  // namespace

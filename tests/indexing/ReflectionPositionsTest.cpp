@@ -1,17 +1,12 @@
 #include "indexing/ReflectionPositions.h"
 
-#include <gtest/gtest.h>
-
 #include <Eigen/Core>
-#include <numbers>
-#include <random>
 
 #include "processing/SamplingGeometry.h"
 #include "reflections/ReflexOnGrid.h"
 #include "reflections/ReflexVector.h"
 #include "reflections/TestVolume.h"
 #include "reflections/VolumeMath.h"
-#include "support/RecordingLogObserver.h"
 
 namespace {
 

@@ -1,19 +1,10 @@
-#include <gtest/gtest.h>
-
-#include <array>
-#include <cmath>
 #include <cstdio>
-#include <functional>
-#include <memory>
-#include <random>
-#include <string>
 
 #include "processing/PlainOpposites.h"
 #include "processing/SeriesFactory.h"
 #include "processing/SimulatedPatterns.h"
 #include "processing/VoxMRCstemProcessing.h"
 #include "processing/detail/BeamCentre.h"
-#include "support/RecordingLogObserver.h"
 
 namespace {
 
@@ -108,6 +99,7 @@ TEST(CentreShift, FindsTheBeamToATenthOfAPixel) {
         simulated::PatternSettings settings;
         std::array<double, 3> sums;  ///< of x, y and errors: where the centres have been found so far
         double limit = 0.1;
+        unsigned patterns = 8;
     };
     const std::vector<Case> cases = {
         {"beam and halo", {}, {1056.487, 996.375, 0.05633}},
@@ -122,18 +114,22 @@ TEST(CentreShift, FindsTheBeamToATenthOfAPixel) {
          {1056.434, 996.346, 0.21723},
          0.12},
         {"beam stop and no halo", {.halo = 0, .beamStopWidth = 20}, {1056.480, 996.332, 0.20344}},
+        {"beam that shows through a stop darker than what surrounds it",
+         {.background = 60, .halo = 0, .beam = 5000, .spots = 0, .beamStopWidth = 24, .through = 0.02},
+         {649.961, 629.601, 0.24468},
+         0.15,
+         5},
         {"reflections only", {.halo = 0, .beam = 0}, {1056.491, 996.369, 0.16821}},
     };
-    constexpr unsigned kPatterns = 8;
     double squares = 0, measured = 0;
     for (const Case& c : cases) {
-        const auto series = driftingSeries(c.settings, kPatterns);
+        const auto series = driftingSeries(c.settings, c.patterns);
         RecordingLogObserver log;
         const auto result = centre(series.get());
         const std::vector<Found> centres = centresOf(log);
-        ASSERT_EQ(centres.size(), kPatterns) << c.name;
+        ASSERT_EQ(centres.size(), c.patterns) << c.name;
         std::array<double, 3> sums{};
-        for (unsigned i = 0; i < kPatterns; ++i) {
+        for (unsigned i = 0; i < c.patterns; ++i) {
             sums[0] += centres[i].x;
             sums[1] += centres[i].y;
             sums[2] += centres[i].error;
@@ -199,20 +195,14 @@ TEST(CentreShift, FillsGapsBetweenPatterns) {
         return BeamCentre{.x = x, .y = 2 * x, .symmetry = symmetry, .source = BeamCentre::Source::Beam};
     };
     const BeamCentre gap;
-    const struct {
-        std::vector<BeamCentre> centres;
-        std::vector<double> x;  ///< after gaps were filled
-    } cases[] = {
-        {{gap, at(1), gap, gap, at(4), gap}, {1, 1, 2, 3, 4, 4}},
-        {{at(7, 0.1)}, {7}},
-    };
-    for (const auto& test : cases) {
-        std::vector<BeamCentre> centres = test.centres;
-        EXPECT_TRUE(VRK::detail::completeFromNeighbours(centres));
-        for (std::size_t i = 0; i < centres.size(); ++i) {
-            EXPECT_DOUBLE_EQ(centres[i].x, test.x[i]);
-            EXPECT_DOUBLE_EQ(centres[i].y, 2 * test.x[i]);
-            EXPECT_NE(centres[i].source, kNone);
+    for (const auto& [centres, x] : std::vector<std::pair<std::vector<BeamCentre>, std::vector<double>>>{
+             {{gap, at(1), gap, gap, at(4), gap}, {1, 1, 2, 3, 4, 4}}, {{at(7, 0.1)}, {7}}}) {
+        std::vector<BeamCentre> filled = centres;
+        EXPECT_TRUE(VRK::detail::completeFromNeighbours(filled));
+        for (std::size_t i = 0; i < x.size(); ++i) {
+            EXPECT_DOUBLE_EQ(filled[i].x, x[i]);
+            EXPECT_DOUBLE_EQ(filled[i].y, 2 * x[i]);
+            EXPECT_NE(filled[i].source, kNone);
         }
     }
     std::vector<BeamCentre> nothing(3);

@@ -1,11 +1,6 @@
 #include "processing/detail/CountRoots.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cmath>
-#include <random>
-#include <vector>
+#include "support/Testing.h"
 
 namespace {
 

@@ -3,12 +3,8 @@
 /// must give the same numbers.
 #pragma once
 
-#include <algorithm>
-#include <array>
-#include <cmath>
-#include <vector>
-
 #include "processing/detail/OppositePixels.h"
+#include "support/Testing.h"
 
 namespace plain {
 

@@ -3,12 +3,7 @@
 /// with no shared helpers. The library's fast ways must give the same pixels.
 #pragma once
 
-#include <algorithm>
-#include <array>
-#include <cmath>
-#include <cstddef>
-#include <numbers>
-#include <vector>
+#include "support/Testing.h"
 
 namespace plain {
 

@@ -3,9 +3,7 @@
 /// shared helpers. The library's fast way must give the same voxels.
 #pragma once
 
-#include <cmath>
-#include <cstddef>
-#include <vector>
+#include "support/Testing.h"
 
 namespace plain {
 

@@ -1,16 +1,8 @@
-#include <gtest/gtest.h>
 #include <rapidcheck.h>
-
-#include <algorithm>
-#include <limits>
-#include <memory>
-#include <random>
 
 #include "processing/PlainReconstruction.h"
 #include "processing/SeriesFactory.h"
 #include "processing/VoxMRCstemProcessing.h"
-#include "support/RecordingLogObserver.h"
-#include "support/RecordingProgressObserver.h"
 
 namespace {
 
@@ -53,7 +45,7 @@ rc::Gen<std::vector<float>> ascendingTilts() {
 
 TEST(Reconstruction, EqualsThePlainOneBitForBit) {
     EXPECT_TRUE(rc::check("random series", [] {
-        const int width = *rc::gen::inRange(1, 34);
+        const int width = *rc::gen::oneOf(rc::gen::inRange(1, 34), rc::gen::element(64, 65, 140));
         const int height = *rc::gen::inRange(1, 40);
         const plain::Series series = randomSeries(
             width, height, *ascendingTilts(), *rc::gen::arbitrary<unsigned>(), *rc::gen::arbitrary<bool>());
@@ -64,9 +56,9 @@ TEST(Reconstruction, EqualsThePlainOneBitForBit) {
             return;
         }
         const auto volume = reconstruct(input.get());
-        RC_ASSERT(volume->GetWidth() == static_cast<unsigned>(width));
-        RC_ASSERT(volume->GetHeight() == static_cast<unsigned>(height));
-        RC_ASSERT(volume->GetDepth() == expected.size());
+        RC_ASSERT(volume->GetDims() ==
+                  (std::vector{static_cast<unsigned>(width), static_cast<unsigned>(height),
+                               static_cast<unsigned>(expected.size())}));
         VoxHistogram<short> histogram(volume.get(), 256, {});
         histogram.Update();
         RC_ASSERT(volume->m_Histogram->m_Bins == histogram.m_Bins);
@@ -79,18 +71,6 @@ TEST(Reconstruction, EqualsThePlainOneBitForBit) {
     }));
 }
 
-TEST(Reconstruction, EqualsThePlainOneOnAUsualSeries) {
-    for (const int width : {64, 65, 140}) {
-        const plain::Series series = randomSeries(width, width + 7, range(-60, 60, 2.5F), 7, false);
-        const auto input = toData(series);
-        const auto volume = reconstruct(input.get());
-        const auto expected = plain::reconstruct(series);
-        ASSERT_EQ(volume->GetDepth(), expected.size());
-        for (unsigned layer = 0; layer < volume->GetDepth(); ++layer)
-            ASSERT_EQ(pixelsOf(*volume, layer), expected[layer]) << width << ", layer " << layer;
-    }
-}
-
 TEST(Reconstruction, GivesTheVolumeItsHeader) {
     const plain::Series series = randomSeries(16, 12, range(-60, 60, 10), 3, true);
     const auto input = toData(series);
@@ -100,10 +80,8 @@ TEST(Reconstruction, GivesTheVolumeItsHeader) {
     EXPECT_TRUE(log.has("No fine calibration useable.", VRK::Warning));
     EXPECT_FLOAT_EQ(coarse->m_Header.m_pixelsize, 1e8F);
     EXPECT_EQ(coarse->m_Header.type, MRCType::MRCVOLUME);
-    EXPECT_EQ(coarse->m_Header.nx, 16);
-    EXPECT_EQ(coarse->m_Header.nz, 14);
-    EXPECT_EQ(coarse->m_Header.mz, 14);
-    EXPECT_EQ(coarse->m_Header.next, 0);
+    const mrcH& header = coarse->m_Header;
+    EXPECT_EQ((std::array{header.nx, header.nz, header.mz, header.next}), (std::array{16, 14, 14, 0}));
     EXPECT_FALSE(log.has("MinValue", VRK::Normal));
 
     const std::unique_ptr<VoxMRCData> fine(VoxMRCstemProcessing().recoByAngle(input.get(), 2.5e7, 3, false));
@@ -127,21 +105,17 @@ TEST(Reconstruction, GivesTheVolumeItsHeader) {
 }
 
 TEST(Reconstruction, RefusesWhatItCannotTake) {
-    struct Case {
-        std::vector<float> tilts;
-        const char* message;
-    };
-    const std::vector<Case> cases = {
+    const std::vector<std::pair<std::vector<float>, const char*>> cases = {
         {{10, 0, -10}, "pattern 1 has 0 after 10"},
         {{-10, 0, 5, 4}, "pattern 3 has 4 after 5"},
         {{-10, std::numeric_limits<float>::quiet_NaN(), 10}, "pattern 1 is not a number"},
         {std::vector<float>(301, 1.0F), "301 patterns"},
     };
-    for (const Case& c : cases) {
+    for (const auto& [tilts, message] : cases) {
         RecordingLogObserver log;
-        const auto series = makeSeries(4, 4, c.tilts);
+        const auto series = makeSeries(4, 4, tilts);
         EXPECT_EQ(reconstruct(series.get()), nullptr);
-        EXPECT_TRUE(log.has(c.message, VRK::Error)) << c.message;
+        EXPECT_TRUE(log.has(message, VRK::Error)) << message;
     }
     RecordingLogObserver log;
     const auto untilted = makeSeries(4, 4, {0, 0, 0});

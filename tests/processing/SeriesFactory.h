@@ -2,11 +2,8 @@
 /// Series for tests.
 #pragma once
 
-#include <algorithm>
-#include <memory>
-#include <vector>
-
 #include "VoxCore/DataModel/VoxMRCData.h"
+#include "support/Testing.h"
 
 /// A series of zeros with a complete header.
 inline std::unique_ptr<VoxMRCData> makeSeries(unsigned width, unsigned height,

@@ -1,11 +1,5 @@
 #include "processing/detail/SeriesMean.h"
 
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <memory>
-#include <vector>
-
 #include "processing/SeriesFactory.h"
 
 namespace {

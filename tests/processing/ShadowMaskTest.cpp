@@ -1,14 +1,5 @@
 #include "processing/ShadowMask.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cmath>
-#include <functional>
-#include <memory>
-#include <random>
-#include <vector>
-
 #include "processing/SeriesFactory.h"
 
 namespace {

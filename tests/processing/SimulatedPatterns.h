@@ -2,10 +2,7 @@
 /// Patterns with a known beam centre, for tests of the preprocessing.
 #pragma once
 
-#include <algorithm>
-#include <cmath>
-#include <random>
-#include <vector>
+#include "support/Testing.h"
 
 namespace simulated {
 
@@ -21,6 +18,7 @@ struct PatternSettings {
     double spots = 400;      ///< counts of the strongest reflections
     double spotSigma = 1.1;  ///< pixels
     int beamStopWidth = 0;   ///< bar from the right edge over the beam, pixels; 0 means none
+    double through = 0;      ///< what the stop lets through, relative
 };
 
 /// A pattern with the beam at (cx, cy): background, halo, beam, reflections on a lattice whose opposite
@@ -63,7 +61,8 @@ inline std::vector<short> pattern(const PatternSettings& s, double cx, double cy
         // The stop is mounted in the microscope: it does not move with the beam.
         if (s.beamStopWidth > 0 && x > s.size / 2.0 - s.beamStopWidth &&
             std::abs(y - s.size / 2.0) < s.beamStopWidth / 2.0)
-            continue;
+            expected[i] *= s.through;
+        if (expected[i] == 0) continue;
         const double value =
             expected[i] > 50 ? std::normal_distribution<double>(expected[i], std::sqrt(expected[i]))(random)
                              : std::poisson_distribution<int>(expected[i])(random);

@@ -1,19 +1,12 @@
 #include "reflections/FindReflexes.h"
 
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 
 #include <cstdlib>
-#include <limits>
 #include <new>
-#include <numeric>
-#include <random>
 
 #include "PlainSearch.h"
 #include "TestVolume.h"
-#include "reflections/ReflexOnGrid.h"
-#include "support/RecordingLogObserver.h"
-#include "support/RecordingProgressObserver.h"
 
 namespace {
 

@@ -1,17 +1,9 @@
 #include "reflections/PeakFileImportExport.h"
 
-#include <gtest/gtest.h>
-
-#include <cmath>
 #include <cstdio>
-#include <fstream>
-#include <limits>
-#include <sstream>
-#include <string>
 
 #include "reflections/ReflexVector.h"
-#include "support/RecordingLogObserver.h"
-#include "support/TemporaryFolder.h"
+#include "support/Testing.h"
 
 namespace {
 
@@ -19,8 +11,8 @@ class PeakFile : public testing::Test {
 protected:
     void put(const std::string& text) const { folder.write("peaks.txt", text); }
     std::string content() const { return folder.read("peaks.txt"); }
-    bool write(int nx, int ny, int nz, bool onlyIndicated = false) const {
-        return PeakFileImportExport::writePeakFile_version_2(path, list.get(), 2, nx, ny, nz, -60.5, 60,
+    bool write(const std::string& file, ReflexVector* reflections, bool onlyIndicated = false) const {
+        return PeakFileImportExport::writePeakFile_version_2(file, reflections, 2, 101, 64, 7, -60.5, 60,
                                                              0.00123456789, 250, 37.5, onlyIndicated);
     }
     bool load() const { return PeakFileImportExport::loadPeakFile(path, list.get()); }
@@ -38,17 +30,17 @@ const std::string kHead =
 TEST_F(PeakFile, IsWrittenRelativeToTheTruncatedHalvesAndReadBack) {
     list->push_back(new Reflex(50, 32.25, 3));
     list->push_back(new Reflex(0.125, 63, 1.0 / 3));
-    ASSERT_TRUE(write(101, 64, 7));
+    ASSERT_TRUE(write(path, list.get()));
     EXPECT_EQ(content(), kHead + "2\n#x y z\n0 0.25 0\n-49.875 31 -2.66667\n");
     EXPECT_EQ(log.messages.front().text, "peak file to save: " + path + "\n");
 
     list->destroyElements();
     ASSERT_TRUE(load());
     ASSERT_EQ(list->size(), 2U);
-    EXPECT_EQ(list->at(0)->getCenterInX(), 50.0);
-    EXPECT_EQ(list->at(0)->getCenterInY(), 32.25);
-    EXPECT_EQ(list->at(1)->getCenterInX(), 0.125);
-    EXPECT_EQ(list->at(1)->getCenterInZ(), -2.66667 + 3);
+    const double expected[2][3] = {{50, 32.25, 3}, {0.125, 63, -2.66667 + 3}};
+    for (std::size_t i = 0; i < 2; ++i)
+        for (int axis = 0; axis < 3; ++axis)
+            EXPECT_EQ(list->at(i)->getCenter(axis), expected[i][axis]);
     EXPECT_FALSE(list->at(0)->isIndicated());
     EXPECT_EQ(log.messages.back().text, "peak file to load: " + path + "\n2 reflections loaded.\n");
     EXPECT_TRUE(log.has("#VRKPEAKSVERSION 2", VRK::Normal));
@@ -68,9 +60,8 @@ TEST_F(PeakFile, CarriesIntensitiesInAColumnOfTheirOwn) {
     ASSERT_TRUE(load());
     EXPECT_EQ(list->at(0)->getIntensity(), 1.0);
     ASSERT_TRUE(PeakFileImportExport::loadIntensities(path, list.get()));
-    EXPECT_EQ(list->at(0)->getIntensity(), 12.5);
-    EXPECT_EQ(list->at(1)->getIntensity(), 0.0);
-    EXPECT_EQ(list->at(2)->getIntensity(), 1.23457e6);
+    for (std::size_t i = 0; i < 3; ++i)
+        EXPECT_EQ(list->at(i)->getIntensity(), (std::array{12.5, 0.0, 1.23457e6})[i]);
 
     const std::string lines = "2\n#x y z intensity\n1 2 3 -4\n1 2 3 much\n";
     const struct {
@@ -98,28 +89,25 @@ TEST_F(PeakFile, CarriesIntensitiesInAColumnOfTheirOwn) {
 
 TEST_F(PeakFile, HoldsOnlyIndexedReflectionsOnRequest) {
     list->push_back(new Reflex(50, 32, 3));
-    ASSERT_TRUE(write(101, 64, 7, true));
+    ASSERT_TRUE(write(path, list.get(), true));
     EXPECT_EQ(content(), kHead + "0\n#x y z\n");
     EXPECT_TRUE(log.has("There are no indicated reflections to save.", VRK::Warning));
     list->push_back(new Reflex(51, 32, 3));
     list->back()->setHKL(1, 0, 0);
-    ASSERT_TRUE(write(101, 64, 7, true));
+    ASSERT_TRUE(write(path, list.get(), true));
     EXPECT_EQ(content(), kHead + "1\n#x y z\n1 0 0\n");
 }
 
 TEST_F(PeakFile, CannotBeWritten) {
     put("old");
-    EXPECT_FALSE(
-        PeakFileImportExport::writePeakFile_version_2(path, nullptr, 2, 1, 1, 1, 0, 0, 0, 0, 0, false));
+    EXPECT_FALSE(write(path, nullptr));
     EXPECT_EQ(content(), "");
     EXPECT_TRUE(log.has("Error while writing the file. Reflections = NULL", VRK::Error));
     const std::string nowhere = folder / "no_such_folder/peaks.txt";
-    EXPECT_FALSE(
-        PeakFileImportExport::writePeakFile_version_2(nowhere, list.get(), 2, 1, 1, 1, 0, 0, 0, 0, 0, false));
+    EXPECT_FALSE(write(nowhere, list.get()));
     EXPECT_EQ(log.messages.back().text, "ERROR: Error while opening file to write " + nowhere + "\n");
     if (std::ifstream("/dev/full")) {
-        EXPECT_FALSE(PeakFileImportExport::writePeakFile_version_2("/dev/full", list.get(), 2, 1, 1, 1, 0, 0,
-                                                                   0, 0, 0, false));
+        EXPECT_FALSE(write("/dev/full", list.get()));
         EXPECT_TRUE(log.has("Error while writing the file /dev/full", VRK::Error));
     }
 }

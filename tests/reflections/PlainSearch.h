@@ -2,16 +2,13 @@
 /// The reflection search written down plainly, with ordered sets and no shortcuts, for comparison.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <cmath>
 #include <queue>
 #include <set>
-#include <vector>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "cellfinding/Parameter.h"
 #include "reflections/ReflexOnGrid.h"
+#include "support/Testing.h"
 
 struct PlainVoxel {
     int x, y, z;

@@ -1,15 +1,8 @@
 #include "reflections/ReflexOnGrid.h"
 
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <limits>
-#include <random>
-
 #include "PlainSearch.h"
 #include "TestVolume.h"
 #include "reflections/VolumeMath.h"
-#include "support/RecordingLogObserver.h"
 
 namespace {
 
@@ -73,7 +66,8 @@ TEST(ReflexOnGrid, StartsThatGrowNothing) {
 
     ReflexOnGrid outside(1, 3, 1, volume.get(), true, nullptr);
     EXPECT_TRUE(log.has("Startvoxel not correct.", VRK::Error));
-    EXPECT_EQ(outside.getCenterOfGravity(0), 0.0);
+    for (int axis = 0; axis < 3; ++axis)
+        EXPECT_EQ(outside.getCenterOfGravity(axis), 0.0);
     EXPECT_EQ(outside.getIntensity(), 0.0);
     EXPECT_TRUE(std::isnan([&] {
         double x = 0, y = 0, z = 0;
@@ -113,6 +107,10 @@ TEST(ReflexOnGrid, DerivedClassAddsVoxelByVoxel) {
     EXPECT_EQ(region.getCenterOfGravity(2), 2.0);
     EXPECT_EQ(region.getWeightedCenterInY(), 12.0 / 8.0);
     EXPECT_EQ(std::distance(region.getBeginPoint(), region.getEndPoint()), 2);
+    VoxelByVoxel grown(1, 1, 1, volume.get());  // from nothing
+    grown.add(2, 2, 2, &index, false, nullptr);
+    EXPECT_EQ((std::array{grown.getWidth(), grown.getHeight(), grown.getDepth()}),
+              (std::array{2.0, 2.0, 2.0}));
 }
 
 }  // namespace

@@ -2,13 +2,8 @@
 /// Small volumes for the tests of the reflection search.
 #pragma once
 
-#include <algorithm>
-#include <array>
-#include <memory>
-#include <random>
-#include <vector>
-
 #include "VoxCore/DataModel/VoxMRCData.h"
+#include "support/Testing.h"
 
 /// A volume with the dimension list (d0, d1, d2) whose voxels, in the order of their linear indices, have
 /// the given values; without values all are 0.

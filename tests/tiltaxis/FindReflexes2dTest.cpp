@@ -1,16 +1,7 @@
 #include "tiltaxis/FindReflexes2d.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cmath>
-#include <memory>
-#include <random>
-
 #include "processing/SeriesFactory.h"
 #include "processing/VoxMRCstemProcessing.h"
-#include "support/RecordingLogObserver.h"
-#include "support/RecordingProgressObserver.h"
 #include "tiltaxis/ReflectionTransformation.h"
 #include "tiltaxis/Reflex2d.h"
 

@@ -1,22 +1,12 @@
 #include "tiltaxis/VRKSphericalProjection.h"
 
-#include <gtest/gtest.h>
 #include <rapidcheck.h>
-
-#include <algorithm>
-#include <array>
-#include <cmath>
-#include <limits>
-#include <memory>
-#include <numbers>
-#include <numeric>
-#include <vector>
 
 #include "cellfinding/CalculateDiffVectors.h"
 #include "cellfinding/ClusterPoint.h"
 #include "cellfinding/Parameter.h"
 #include "reflections/ReflexVector.h"
-#include "support/RecordingLogObserver.h"
+#include "support/Testing.h"
 
 namespace {
 
@@ -52,37 +42,30 @@ struct Histogram {
 
 TEST(VRKSphericalProjectionTest, PutsDirectionsIntoTheirBins) {
     // Eight by four bins of 22.5 by 45 degrees: azimuth from -z over x to z, polar angle from y.
-    const struct {
-        Vector vector;
-        std::pair<int, int> bin;
-    } cases[] = {
+    const std::pair<Vector, std::pair<int, int>> cases[] = {
         {{1, 0.01, 0.01}, {4, 1}}, {{-1, -0.01, -0.01}, {4, 1}}, {{1, 1, -0.9}, {2, 1}},
         {{-1, -1, 0.9}, {2, 1}},   {{0, 0.5, 1}, {7, 1}},  // an azimuth of exactly pi
         {{0, -0.5, -1}, {7, 1}},   {{1, -9, -20}, {0, 2}},       {{1, 9, 0.1}, {4, 0}},
         {{3, -40, 3}, {6, 3}},
     };
-    for (const auto& test : cases) {
-        const Histogram histogram({test.vector}, 8, 4);
-        EXPECT_EQ(histogram.onlyBin(), test.bin)
-            << test.vector[0] << ' ' << test.vector[1] << ' ' << test.vector[2];
+    for (const auto& [vector, bin] : cases) {
+        const Histogram histogram({vector}, 8, 4);
+        EXPECT_EQ(histogram.onlyBin(), bin) << vector[0] << ' ' << vector[1] << ' ' << vector[2];
         EXPECT_EQ(histogram.largest, 1);
     }
 }
 
-TEST(VRKSphericalProjectionTest, LeavesOutVectorsAlongThePole) {
-    const Histogram histogram({{0, 5, 0}, {0, -5, 0}, {1, 1, 1}}, 16, 16);
-    EXPECT_EQ(std::accumulate(histogram.image.begin(), histogram.image.end(), 0), 255);
-    EXPECT_FLOAT_EQ(histogram.variance, 1.0F / 256 - 1.0F / 65536);
-}
-
-TEST(VRKSphericalProjectionTest, ScalesToEightBits) {
-    const Histogram histogram({{1, 0, 0}, {1, 0, 0}, {1, 0, 0}, {0, 0.1, 1}}, 8, 4);
-    EXPECT_EQ(histogram.largest, 3);
-    EXPECT_EQ(std::accumulate(histogram.image.begin(), histogram.image.end(), 0), 255 + 85);
+TEST(VRKSphericalProjectionTest, LeavesOutVectorsAlongThePoleAndScalesToEightBits) {
+    const Histogram one({{0, 5, 0}, {0, -5, 0}, {1, 1, 1}}, 16, 16);
+    EXPECT_EQ(std::accumulate(one.image.begin(), one.image.end(), 0), 255);
+    EXPECT_FLOAT_EQ(one.variance, 1.0F / 256 - 1.0F / 65536);
+    const Histogram two({{1, 0, 0}, {1, 0, 0}, {1, 0, 0}, {0, 0.1, 1}}, 8, 4);
+    EXPECT_EQ(two.largest, 3);
+    EXPECT_EQ(std::accumulate(two.image.begin(), two.image.end(), 0), 255 + 85);
 }
 
 TEST(VRKSphericalProjectionTest, GivesTheVarianceOfAPlainCount) {
-    rc::check([](std::vector<std::array<signed char, 3>> bytes) {
+    EXPECT_TRUE(rc::check([](std::vector<std::array<signed char, 3>> bytes) {
         constexpr int nPhi = 12, nTheta = 7;
         std::vector<Vector> vectors, opposite;
         std::vector<double> counts(nPhi * nTheta);
@@ -108,7 +91,7 @@ TEST(VRKSphericalProjectionTest, GivesTheVarianceOfAPlainCount) {
         });
         const Histogram unfolded(vectors, nPhi, nTheta, false);
         RC_ASSERT((unfolded.largest >= 0) == inRange);
-    });
+    }));
 }
 
 TEST(VRKSphericalProjectionTest, RefusesWhatHasNoBin) {
@@ -130,7 +113,7 @@ TEST(VRKSphericalProjectionTest, RefusesWhatHasNoBin) {
 
 TEST(VRKSphericalProjectionTest, CountsPairsAsTheListOfTheirVectors) {
     // Points on a grid have vectors along the axes and on the borders of bins.
-    rc::check([](std::vector<std::array<signed char, 3>> bytes, bool onGrid, unsigned char bins) {
+    EXPECT_TRUE(rc::check([](std::vector<std::array<signed char, 3>> bytes, bool onGrid, unsigned char bins) {
         ReflexVector points;
         for (std::size_t i = 0; i < 8 * bytes.size(); ++i) {
             const auto& b = bytes[i / 8];
@@ -162,5 +145,5 @@ TEST(VRKSphericalProjectionTest, CountsPairsAsTheListOfTheirVectors) {
         if (list)
             for (auto* vector : *list)
                 delete vector;
-    });
+    }));
 }

@@ -1,15 +1,8 @@
 #include "visualisation/GnuplotScript.h"
 
-#include <gtest/gtest.h>
+#include "support/Testing.h"
+
 #include <stdlib.h>
-
-#include <filesystem>
-#include <fstream>
-#include <limits>
-#include <sstream>
-
-#include "support/RecordingLogObserver.h"
-#include "support/TemporaryFolder.h"
 
 namespace {
 

@@ -1,23 +1,17 @@
-#include <gtest/gtest.h>
-
-#include <array>
-#include <cmath>
-#include <limits>
-#include <memory>
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
-#include <vector>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "VoxCore/DataModel/VoxVolumeData.h"
 #include "crystallography/UnitCell.h"
-#include "support/RecordingLogObserver.h"
-#include "support/TemporaryFolder.h"
+#include "support/Testing.h"
 #include "visualisation/ReciprocalSection.h"
 #include "visualisation/VolumeProjection.h"
 #include "visualisation/VoxOpenCV.h"
 
 namespace {
+
+constexpr double kBase[3][3] = {{9.0, 2.0, 1.0}, {-1.0, 8.0, 3.0}, {1.0, -2.0, 10.0}};
 
 std::unique_ptr<VoxMRCData> volumeOf(unsigned width, unsigned height, unsigned depth) {
     return std::unique_ptr<VoxMRCData>(VoxMRCData::Create3D(width, height, depth));
@@ -39,11 +33,8 @@ TEST(Image, EqualisedImageUsesTheWholeScale) {
     ASSERT_TRUE(VoxOpenCV::SaveImageWithEqualizeHist(pixels.data(), 64, 32, path));
     const cv::Mat image = cv::imread(path, cv::IMREAD_UNCHANGED);
     ASSERT_EQ(image.size(), cv::Size(64, 32));
-    double low = -1.0, high = -1.0;
-    cv::minMaxLoc(image, &low, &high);
-    EXPECT_EQ(low, 0.0);
-    EXPECT_EQ(high, 255.0);
-    EXPECT_LT(image.at<unsigned char>(0, 1), image.at<unsigned char>(0, 2));
+    const unsigned char* row = image.ptr(0);
+    EXPECT_TRUE(row[0] == 0 && row[1] > 0 && row[2] > row[1] && row[3] == 255);
 }
 
 TEST(Image, ContrastShowsWeakSpotsBesideStrongOnes) {
@@ -85,16 +76,15 @@ TEST(VolumeProjection, KeepsEachAxisInItsPlace) {
     volume->m_Header.type = MRCType::MRCVOLUME;
     const VoxVolumeData view = VoxVolumeData::fromData(*volume);
     const auto check = [](const auto& data) {
-        const PlaneImage alongX = VolumeProjection::maximumAlong(data, 0);
-        const PlaneImage alongY = VolumeProjection::maximumAlong(data, 1);
-        const PlaneImage alongZ = VolumeProjection::maximumAlong(data, 2);
-        EXPECT_EQ(alongX.width, 3);
-        EXPECT_EQ(alongX.height, 5);
-        EXPECT_EQ(alongY.height, 3);
-        EXPECT_EQ(alongX.at(2, 1), 9.0F);
-        EXPECT_EQ(alongY.at(6, 2), 9.0F);
-        EXPECT_EQ(alongZ.at(6, 1), 9.0F);
-        EXPECT_EQ(alongZ.at(5, 1), 0.0F);
+        const std::array<int, 4> shapes[] = {{3, 5, 2, 1}, {7, 3, 6, 2}, {7, 5, 6, 1}};
+        for (int axis = 0; axis < 3; ++axis) {
+            const auto& [width, height, x, y] = shapes[axis];
+            const PlaneImage image = VolumeProjection::maximumAlong(data, axis);
+            PlaneImage expected(width, height);
+            expected.at(x, y) = 9.0F;
+            EXPECT_EQ(std::pair(image.width, image.height), std::pair(width, height));
+            EXPECT_EQ(image.values, expected.values);
+        }
         EXPECT_TRUE(VolumeProjection::maximumAlong(data, 3).values.empty());
     };
     check(*volume);
@@ -105,15 +95,14 @@ TEST(VolumeProjection, KeepsEachAxisInItsPlace) {
 /// A bright node shows exactly where the overlay marks it; a node of another plane does not show at all.
 TEST(ReciprocalSection, ShowsTheNodesOfThePlaneWhereItMarksThem) {
     using Indices = std::array<int, 3>;
-    const double base[3][3] = {{9.0, 2.0, 1.0}, {-1.0, 8.0, 3.0}, {1.0, -2.0, 10.0}};
-    const UnitCell cell(base[0], base[1], base[2], 1.0, false, true, LATTICE::aP);
+    const UnitCell cell(kBase[0], kBase[1], kBase[2], 1.0, false, true, LATTICE::aP);
     const std::array<double, 3> origin = {40.0, 32.0, 30.0};
     const auto volumeWith = [&](const Indices& hkl) {
         auto volume = volumeOf(81, 65, 61);
         std::array<unsigned, 3> place{};
         for (std::size_t axis = 0; axis < 3; ++axis)
-            place[axis] = static_cast<unsigned>(std::lround(origin[axis] + hkl[0] * base[0][axis] +
-                                                            hkl[1] * base[1][axis] + hkl[2] * base[2][axis]));
+            place[axis] = static_cast<unsigned>(std::lround(
+                origin[axis] + hkl[0] * kBase[0][axis] + hkl[1] * kBase[1][axis] + hkl[2] * kBase[2][axis]));
         set(*volume, place[0], place[1], place[2], 1000);
         return volume;
     };
@@ -153,7 +142,6 @@ TEST(ReciprocalSection, ShowsTheNodesOfThePlaneWhereItMarksThem) {
 
 /// The same plane out of views: as it is at full size, and at half size with the node where it was.
 TEST(ReciprocalSection, CutsViewsLikeTheirVolume) {
-    const double a[3] = {9.0, 2.0, 1.0}, b[3] = {-1.0, 8.0, 3.0}, c[3] = {1.0, -2.0, 10.0};
     const auto volume = volumeOf(81, 65, 63);
     volume->m_Header.type = MRCType::MRCVOLUME;
     for (unsigned z = 0; z < 63; ++z)
@@ -164,7 +152,7 @@ TEST(ReciprocalSection, CutsViewsLikeTheirVolume) {
             static_cast<unsigned>(31 + 7 * step), 3000);
     ReciprocalSection::Settings settings;
     settings.size = 81;
-    const UnitCell cell(a, b, c, 1.0, false, true, LATTICE::aP);
+    const UnitCell cell(kBase[0], kBase[1], kBase[2], 1.0, false, true, LATTICE::aP);
     const PlaneImage whole = ReciprocalSection(*volume, cell, {40.0, 32.0, 31.0}).sample(settings);
 
     const VoxVolumeData full = VoxVolumeData::fromData(*volume);

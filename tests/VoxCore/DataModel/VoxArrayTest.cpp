@@ -1,11 +1,7 @@
 #include "VoxCore/DataModel/VoxArray/VoxArray.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <limits>
-
 #include "support/PlainVolume.h"
+#include "support/Testing.h"
 
 namespace {
 
@@ -79,21 +75,17 @@ TEST(VoxArray, FindsEveryElementByItsCoordinates) {
 
 TEST(VoxArray, RefusesWhatCannotBeAllocated) {
     const unsigned most = std::numeric_limits<unsigned>::max();
-    const struct {
-        std::vector<unsigned> dims;
-        StorageMethod method;
-        const char* tail;
-    } cases[] = {
+    const std::tuple<std::vector<unsigned>, StorageMethod, const char*> cases[] = {
         {{100000, 100000, 100000}, Storage_Auto, " MB memory in100000 chunks.\n\n"},
         {{65536, 65536}, Storage_Contiguous, "8192 MB memory in1 chunks.\n\n"},
         {{most, most, most, most, most}, Storage_BySlice, " MB memory in4294967295 chunks.\n\n"},
     };
-    for (const auto& c : cases) {
+    for (const auto& [dims, method, tail] : cases) {
         testing::internal::CaptureStderr();
-        EXPECT_EQ(VoxArray<short>::Create(c.dims, c.method), nullptr);
+        EXPECT_EQ(VoxArray<short>::Create(dims, method), nullptr);
         const std::string text = testing::internal::GetCapturedStderr();
         EXPECT_TRUE(text.starts_with("\n\nERROR: VoxArray::Init() : Could not allocate ")) << text;
-        EXPECT_TRUE(text.ends_with(c.tail)) << text;
+        EXPECT_TRUE(text.ends_with(tail)) << text;
     }
 }
 

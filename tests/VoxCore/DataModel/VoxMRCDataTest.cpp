@@ -1,11 +1,6 @@
 #include "VoxCore/DataModel/VoxMRCData.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <memory>
-
-#include "support/RecordingLogObserver.h"
+#include "support/Testing.h"
 
 namespace {
 

@@ -1,13 +1,8 @@
 #include "VoxCore/IO/DummyCrystal.h"
 
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <memory>
-#include <numbers>
-
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "VoxCore/IO/VoxMRCFileHandler.h"
+#include "support/Testing.h"
 
 using VRK::DummyCrystal;
 
@@ -48,8 +43,8 @@ TEST(DummyCrystal, IsASeriesThatReadsBackAsItWasMade) {
     const std::unique_ptr<VoxMRCData> again(VoxMRCFileHandler().createTestDummyMRCFile());
     EXPECT_TRUE(*data == *again);
     EXPECT_EQ(data->m_Header.type, MRCType::TILT_SERIES);
-    EXPECT_EQ(data->m_Header.tilt(0), -60.0F);
-    EXPECT_EQ(data->m_Header.tilt(60), 60.0F);
+    EXPECT_EQ(data->m_Header.next, 61 * 144);
+    EXPECT_EQ(std::pair(data->m_Header.tilt(0), data->m_Header.tilt(60)), std::pair(-60.0F, 60.0F));
     EXPECT_EQ(data->m_Header.value(SliceValue::PixelSize, 30), data->m_Header.m_pixelsize);
     ASSERT_NE(data->m_Histogram, nullptr);
     EXPECT_EQ(data->m_Header.amax, data->m_Histogram->m_MaxValue);

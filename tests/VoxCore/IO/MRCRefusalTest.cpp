@@ -1,19 +1,13 @@
 // What the file handler says to files that are damaged, cut, of another kind, or impossible.
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include <filesystem>
-#include <limits>
-#include <memory>
 #include <stdexcept>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "VoxCore/DataModel/VoxVolumeData.h"
 #include "VoxCore/IO/VoxMRCFileHandler.h"
 #include "support/MRCBytes.h"
-#include "support/RecordingLogObserver.h"
-#include "support/RecordingProgressObserver.h"
-#include "support/TemporaryFolder.h"
+#include "support/Testing.h"
 
 namespace {
 
@@ -126,34 +120,30 @@ TEST(MRCRefusal, StopsWhereTheDataCanBeSaved) {
     file.data.assign(file.data.size(), 7);
     const std::string whole = file.bytes();
     const std::size_t start = 1024 + 3 * 144;
-    struct Case {
-        std::size_t length;
-        int voxelsThere;
-        const char* message;
-    };
     // A voxel that lost one of its two bytes counts as there; its upper byte is 0.
-    const Case cases[] = {{whole.size() + 1, 36, "1 bytes behind the data"},
-                          {whole.size() - 1, 36, "cut in slice 2 of 0 ... 2"},
-                          {start + 2 * 18, 18, "cut in slice 1 of 0 ... 2"},
-                          {start + 2 * 12, 12, "cut in slice 1 of 0 ... 2"},
-                          {start + 2 * 3, 3, "cut in slice 0 of 0 ... 2"},
-                          {start, 0, "cut before its data"},
-                          {1024 + 150, 0, "cut before its data"}};
+    const std::tuple<std::size_t, int, const char*> cases[] = {
+        {whole.size() + 1, 36, "1 bytes behind the data"},
+        {whole.size() - 1, 36, "cut in slice 2 of 0 ... 2"},
+        {start + 2 * 18, 18, "cut in slice 1 of 0 ... 2"},
+        {start + 2 * 12, 12, "cut in slice 1 of 0 ... 2"},
+        {start + 2 * 3, 3, "cut in slice 0 of 0 ... 2"},
+        {start, 0, "cut before its data"},
+        {1024 + 150, 0, "cut before its data"}};
     const TemporaryFolder folder;
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.length);
+    for (const auto& [length, voxelsThere, message] : cases) {
+        SCOPED_TRACE(length);
         std::string bytes = whole;
-        bytes.resize(c.length, '\0');
+        bytes.resize(length, '\0');
         RecordingLogObserver log;
         VoxMRCFileHandler handler;
         const std::unique_ptr<VoxMRCData> data(handler.readMRCFile(folder.write("cut.mrc", bytes)));
         ASSERT_TRUE(data);
         EXPECT_TRUE(log.has(" ERROR: Byte count incorrekt!!!", VRK::Error));
-        EXPECT_TRUE(log.has(c.message, VRK::Warning));
+        EXPECT_TRUE(log.has(message, VRK::Warning));
         EXPECT_EQ(data->m_Header.tilt(0), -1.0F);
         for (int i = 0; i < 36; ++i)
             EXPECT_EQ(data->GetValueByChunk(static_cast<unsigned>(i / 12), static_cast<unsigned>(i % 12)),
-                      i < c.voxelsThere ? 7 : 0);
+                      i < voxelsThere ? 7 : 0);
     }
 }
 

@@ -1,14 +1,8 @@
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <memory>
-
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "VoxCore/DataModel/VoxVolumeData.h"
 #include "VoxCore/IO/VoxMRCFileHandler.h"
 #include "support/MRCBytes.h"
-#include "support/RecordingLogObserver.h"
-#include "support/TemporaryFolder.h"
+#include "support/Testing.h"
 
 namespace {
 
