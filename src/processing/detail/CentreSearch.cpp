@@ -10,6 +10,8 @@ namespace {
 
 /// The beams decide when so many patterns show theirs on one track.
 constexpr double kBeamsThatDecide = 0.7;
+/// Less symmetric surroundings are those of a reflection: on a zone axis one may stay bright all along.
+constexpr double kSymmetryOfBeams = 0.7;
 /// A beam off the track has really moved when it is about as symmetric as those on it.
 constexpr double kAsSymmetric = 0.8;
 /// The series does not tell two tracks apart when one has so much of the other's evidence.
@@ -74,15 +76,15 @@ void CentreSearch::addPattern(unsigned pattern, const Frame& frame, BeamCentreFi
 
 void CentreSearch::decideByBeams() {
     const CentreTrack track(m_candidates);
-    m_beamsDecide = track.count() > kBeamsThatDecide * static_cast<double>(m_centres.size());
-    if (!m_beamsDecide) return;
     std::vector<double> symmetries;
-    for (std::size_t i = 0; i < m_centres.size(); ++i) {
-        if (track.chosen()[i] < 0) continue;
-        m_centres[i] = m_candidates[i].front().centre;
-        symmetries.push_back(m_centres[i].symmetry);
-    }
+    for (std::size_t i = 0; i < m_centres.size(); ++i)
+        if (track.chosen()[i] >= 0) symmetries.push_back(m_candidates[i].front().centre.symmetry);
     const double typical = symmetries.empty() ? 0.0 : medianOf(symmetries);
+    m_beamsDecide = track.count() > kBeamsThatDecide * static_cast<double>(m_centres.size()) &&
+                    typical > kSymmetryOfBeams;
+    if (!m_beamsDecide) return;
+    for (std::size_t i = 0; i < m_centres.size(); ++i)
+        if (track.chosen()[i] >= 0) m_centres[i] = m_candidates[i].front().centre;
     for (std::size_t i = 0; i < m_centres.size(); ++i) {
         if (m_centres[i].found() || m_candidates[i].empty()) continue;
         const PatternCentre& beam = m_candidates[i].front().centre;
