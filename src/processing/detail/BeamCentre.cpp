@@ -279,7 +279,7 @@ BeamCentre BeamCentreFinder::besideShadow(const BeamCentre& centre, double radiu
     for (const double r : {std::max(radius, 2 * kHole), 2 * std::max(radius, 2 * kHole)}) {
         if (r > 0.4 * std::min(m_width, m_height)) break;
         const BeamCentre wider =
-            refine(m_roots, {centre.x, centre.y}, {r, 2.5, kConverged, kLargestBeamError, true, kHole});
+            refine(m_roots, {centre.x, centre.y}, {r, 2.5, kConverged, kRoughError, true, kHole});
         if (wider.found() && (!halo.found() || wider.error < halo.error)) halo = wider;
     }
     if (!halo.found()) {
