@@ -43,6 +43,9 @@ void CentreSearch::finishLook(unsigned look, const std::function<Frame(unsigned)
     if (look == 1 && !m_beamsDecide) decideByAll();
     if (look < 2) {
         m_refined = m_centres;
+        m_sawBeam.clear();
+        for (const PatternCentre& centre : m_centres)
+            m_sawBeam.push_back(centre.source == PatternCentre::Source::Beam ? 1 : 0);
         return;
     }
     for (unsigned pattern = 0; pattern < m_centres.size(); ++pattern) {
@@ -132,6 +135,20 @@ void CentreSearch::mark() {
     }
     for (std::size_t k = before ? *before + 1 : 0; k < m_centres.size(); ++k)
         if (k - before.value_or(0) > kFarNeighbour) m_centres[k].doubtful = true;
+    doubtUnconfirmed();
+}
+
+void CentreSearch::doubtUnconfirmed() {
+    if (std::count(m_sawBeam.begin(), m_sawBeam.end(), 1) == 0) return;
+    for (std::size_t begin = 0; begin < m_centres.size();) {
+        std::size_t end = begin + 1;
+        while (end < m_centres.size() && !m_centres[end].jumped)
+            ++end;
+        const auto saw = m_sawBeam.begin() + static_cast<std::ptrdiff_t>(begin);
+        const bool confirmed = std::count(saw, saw + static_cast<std::ptrdiff_t>(end - begin), 1) > 0;
+        for (; begin < end; ++begin)
+            m_centres[begin].doubtful = m_centres[begin].doubtful || !confirmed;
+    }
 }
 
 }  // namespace VRK::detail
