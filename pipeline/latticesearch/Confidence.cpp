@@ -144,6 +144,11 @@ Verdict verdictOn(const LatticeEvidence& known) {
             formatted("its reflections end at %.1f Angstrom, as when the pixel size is too "
                       "small, and with it every edge too long",
                       known.finestSpacing));
+    if (known.pixelFactor != 1.0)
+        verdict.reasons.push_back(formatted(
+            "the curvature of the Ewald sphere asks for %.2f times the pixel size, which makes all edges "
+            "%s, or for another high tension",
+            known.pixelFactor, known.pixelFactor > 1.0 ? "shorter" : "longer"));
     if (known.instrumentContradicted)
         verdict.reasons.push_back("the reflections contradict the calibration that was given");
     if (known.thinness.value_or(1.0) < kThin)

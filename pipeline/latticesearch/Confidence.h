@@ -63,6 +63,9 @@ struct LatticeEvidence {
     bool distortionUnseen = false;
     /// The axis was neither stated nor found: the volume may be sheared.
     bool axisAssumed = false;
+    /// By which the sphere's curvature makes the pixels larger than they were stated to be; 1 where it
+    /// agrees.
+    double pixelFactor = 1.0;
     /// The reflections contradict what was told of the instrument.
     bool instrumentContradicted = false;
 };

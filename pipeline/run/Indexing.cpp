@@ -73,6 +73,14 @@ void takeSymmetry(Indexed& result, const Recording& recording, const LatticeChoi
     result.characters = std::move(choice.characters);
 }
 
+/// Looks whether the sphere is as curved as the pixel size and the wavelength say.
+void takeCurvature(Indexed& result, const Recording& recording, const LatticeChoice& lattice) {
+    const double curvature =
+        0.5e-10 * result.refined.sense * recording.space.wavelength * recording.pixelSize;
+    result.curvature = CurvatureScale::of(result.refined.positions, result.level.tilts(), result.lattice(),
+                                          curvature, lattice.tolerance);
+}
+
 }  // namespace
 
 Eigen::Matrix3d Indexed::toConventional() const {
@@ -168,6 +176,7 @@ Indexed indexRecorded(std::vector<Level> levels, const LatticeChoice& choice, co
         throw Failure("the reflections could not be indexed; " + whatToTry(), FailureKind::NothingFound);
     result.refined = std::move(*refined);
     takeSymmetry(result, recording, choice);
+    takeCurvature(result, recording, choice);
     const std::vector<Eigen::Vector3d> places = indexedPositions(result.refined);
     result.resolution = finestSpacing(places, result.lattice());
     result.completeness = completenessOf(result.lattice(), result.refined.indices,
@@ -202,6 +211,7 @@ Indexed indexRecorded(std::vector<Level> levels, const LatticeChoice& choice, co
     evidence.ellipseUnproven = result.unprovenEllipse;
     evidence.tiesStrain = !result.strain.empty();
     evidence.spaceEstimated = recording.estimated;
+    if (result.curvature.contradicts()) evidence.pixelFactor = result.curvature.factor;
     evidence.instrumentContradicted = !result.contradiction.empty();
     result.evidence = std::move(evidence);
     result.verdict = verdictOn(result.evidence);

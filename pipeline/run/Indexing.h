@@ -12,6 +12,7 @@
 #include "crystallography/LatticeSymmetry.h"
 #include "crystallography/UnitCell.h"
 #include "pipeline/base/Session.h"
+#include "pipeline/geometry/CurvatureScale.h"
 #include "pipeline/geometry/InstrumentRefinement.h"
 #include "pipeline/latticesearch/Completeness.h"
 #include "pipeline/latticesearch/Confidence.h"
@@ -32,6 +33,7 @@ struct Indexed {
     std::vector<LatticeCharacter> characters;  ///< the answer first
     std::string strain;                        ///< edges that the ties move; empty for none
     std::string contradiction;                 ///< of what is known of the instrument; empty for none
+    CurvatureScale curvature;                  ///< the pixel size as the sphere tells it
     double unprovenEllipse = 0.0;              ///< part of the ellipse for which the symmetry alone speaks
     LatticeEvidence evidence;                  ///< on which the verdict rests
     Verdict verdict;

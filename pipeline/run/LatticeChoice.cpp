@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <memory>
 #include <sstream>
 #include <utility>
@@ -39,6 +40,17 @@ Failure noLattice(const std::vector<Level>& levels, const LatticeScore& score) {
              << ", hardly more than chance";
     text << "; " << whatToTry();
     return Failure(text.str(), FailureKind::NothingFound);
+}
+
+/// Refuses a pixel size with which even neighbours lie as no lattice has them: all reflections are taken for
+/// curved then, and none is left to be searched.
+void refuseAbsurdScale(const Level& level, const ReciprocalVolume& volume) {
+    constexpr double kShortest = 0.01, kLongest = 2e5;  // Angstrom
+    const std::vector<Eigen::Vector3d> places = level.positions();
+    const double distance = neighbourDistance(Points(places.begin(), places.end()), 4);
+    const double edge = 1e10 / (distance * volume.facts.pixelSize);
+    if (edge > 0.0 && (edge < kShortest || (std::isfinite(edge) && edge > kLongest)))
+        refuseImpossibleScale({edge, edge, edge}, volume.facts.pixelSize);
 }
 
 /// What the reflections of a level are searched in.
@@ -116,7 +128,10 @@ LatticeChoice findLattice(const std::vector<Level>& levels, const ReciprocalVolu
         if (candidates.size() > 1) choice.runnerUp = candidates[1];
         choice.best = std::move(candidates.front());
     }
-    if (!isConvincing(choice.best.score)) throw noLattice(levels, choice.best.score);
+    if (!isConvincing(choice.best.score)) {
+        refuseAbsurdScale(levels.front(), volume);
+        throw noLattice(levels, choice.best.score);
+    }
     Lattice lattice = choice.best.lattice;
     lattice.pixelSize = volume.facts.pixelSize;
     const std::unique_ptr<UnitCell> direct(niggliReduced(lattice).toUnitCell().getReciprocalCell());

@@ -16,6 +16,7 @@
 
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/MemoryLimit.h"
+#include "pipeline/base/NumberText.h"
 #include "pipeline/base/Workers.h"
 #include "pipeline/run/MemoryNeed.h"
 #include "pipeline/run/RunSummary.h"
@@ -297,6 +298,16 @@ void measureOthers(Attempt& best, Intensities& first, const RecordedCounts& coun
     if (all.size() > 1) separateCrystals(all, centrings, counts.frames->GetDepth());
 }
 
+/// In what the sphere contradicts the series.
+std::string curvatureText(const CurvatureScale& curvature, const SeriesFacts& facts) {
+    return "the Ewald sphere is curved as if the pixel size were " +
+           pixelSizeText(curvature.factor * facts.pixelSize) + ", " +
+           withUncertainty(curvature.factor, curvature.sigma) +
+           " times the stated one: either the pixel size is wrong (--pixel-size), and with it all edges, or "
+           "the high " +
+           formatted("tension is not %.6g kV (--voltage)", facts.kiloVolts);
+}
+
 /// What neither the series nor the caller states.
 std::vector<std::string> assumptions(const SeriesFacts& facts, const TiltAxis& axis) {
     std::vector<std::string> assumed;
@@ -344,6 +355,8 @@ RunResult runCentred(CentredSeries centred, const RunOptions& options, const Run
     if (!best->indexed.contradiction.empty())
         session.warn("the reflections contradict the calibration that was given (--distortion): " +
                      best->indexed.contradiction + "; was it made at this camera length and focus?");
+    if (best->indexed.curvature.contradicts())
+        session.warn(curvatureText(best->indexed.curvature, centred.facts));
     if (best->axis.source == "assumed" && best->indexed.axisConfirmed) best->axis.source = "refined";
     std::optional<Intensities> intensities;
     centred.frames.reset();

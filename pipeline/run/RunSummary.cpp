@@ -365,6 +365,9 @@ std::string summaryJson(const RunRecord& record, const RunResult& result,
     if (result.axis.stated) json["tilt_axis"]["stated_deg"] = *result.axis.stated;
     if (!result.axis.scores.empty()) json["tilt_axis"]["scores"] = scoresJson(result.axis.scores);
     json["instrument"] = instrumentJson(result.indexed.instrument, result.facts());
+    const CurvatureScale& curvature = result.indexed.curvature;
+    json["instrument"]["pixel_by_curvature"] =
+        curvature.sigma > 0.0 ? Json{{"factor", curvature.factor}, {"su", curvature.sigma}} : Json();
     json["centres"] = centresJson(result.volume);
     json["volume"] = {{"dims", {voxels.GetWidth(), voxels.GetHeight(), voxels.GetDepth()}}};
     json["reflections"] = reflectionsJson(result.indexed);

@@ -76,6 +76,8 @@ TEST(Confidence, EachDoubtLowersItAndIsNamed) {
         {"symmetry may be lower", [](LatticeEvidence& e) { e.tiesStrain = true; }, Confidence::Fair},
         {"end at 5.1 Angstrom", [](LatticeEvidence& e) { e.finestSpacing = 5.1; }, Confidence::Fair},
         {"", [](LatticeEvidence& e) { e.finestSpacing = 4.9; }, Confidence::High},
+        {"1.09 times the pixel size, which makes all edges shorter",
+         [](LatticeEvidence& e) { e.pixelFactor = 1.09; }, Confidence::Fair},
         {"contradict", [](LatticeEvidence& e) { e.instrumentContradicted = true; }, Confidence::Fair},
         {"narrow a range", [](LatticeEvidence& e) { e.thinness = 0.19; }, Confidence::Fair},
         {"", [](LatticeEvidence& e) { e.thinness = 0.21; }, Confidence::High},

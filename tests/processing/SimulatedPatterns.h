@@ -18,7 +18,8 @@ struct PatternSettings {
     double spots = 400;      ///< counts of the strongest reflections
     double spotSigma = 1.1;  ///< pixels
     int beamStopWidth = 0;   ///< bar from the right edge over the beam, pixels; 0 means none
-    double through = 0;      ///< what the stop lets through, relative
+    double stopOffset = 0;   ///< by which the bar is moved along x
+    double throughStop = 0;  ///< part of the counts that the bar lets through
 };
 
 /// A pattern with the beam at (cx, cy): background, halo, beam, reflections on a lattice whose opposite
@@ -56,13 +57,14 @@ inline std::vector<short> pattern(const PatternSettings& s, double cx, double cy
         }
     std::vector<short> counts(size * size);
     for (std::size_t i = 0; i < counts.size(); ++i) {
-        const auto x = static_cast<double>(i % size);
+        const double x = static_cast<double>(i % size) - s.stopOffset;
         const auto y = static_cast<double>(i / size);
         // The stop is mounted in the microscope: it does not move with the beam.
         if (s.beamStopWidth > 0 && x > s.size / 2.0 - s.beamStopWidth &&
-            std::abs(y - s.size / 2.0) < s.beamStopWidth / 2.0)
-            expected[i] *= s.through;
-        if (expected[i] == 0) continue;
+            std::abs(y - s.size / 2.0) < s.beamStopWidth / 2.0) {
+            expected[i] *= s.throughStop;
+            if (expected[i] == 0.0) continue;
+        }
         const double value =
             expected[i] > 50 ? std::normal_distribution<double>(expected[i], std::sqrt(expected[i]))(random)
                              : std::poisson_distribution<int>(expected[i])(random);

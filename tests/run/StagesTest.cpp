@@ -247,6 +247,10 @@ TEST(FindLattice, TakesTheLevelThatExplainsMostOfItself) {
     EXPECT_EQ(clean.level, 1U) << "more evidence, but mostly noise";
     EXPECT_NEAR(clean.best.lattice.cellVolume(), 17 * (19 * 23 + 20) - 3 * (-46 - 4) + (10 - 19), 60);
     EXPECT_EQ(failureOf([&] { choice({noise}); }).kind, vrk::FailureKind::NothingFound);
+    vrk::ReciprocalVolume absurd = emptyVolume();
+    absurd.facts.pixelSize = 7e12;
+    const auto refused = failureOf([&] { vrk::findLattice({levelOf(noise, absurd)}, absurd, {}, session); });
+    EXPECT_EQ(refused.kind, vrk::FailureKind::Usage) << refused.text;
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "processing/detail/BeamCentre.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <limits>
 #include <numbers>
@@ -232,7 +233,7 @@ BeamCentre BeamCentreFinder::refineCoarse(cv::Point2d coarse) const {
     BeamCentre centre = refine(m_roots, coarse, {wide, 3.0, 0.1, kRoughError, true});
     if (!centre.found()) return {};
     const double radius = radiusAround({centre.x, centre.y}, std::max(shorter / 12, 6.0));
-    centre = refineBeam(centre, radius);
+    centre = besideShadow(refineBeam(centre, radius), radius);
     // Over a small disc a reflection would pass for the beam.
     const double least = m_halo.empty() && centre.error > kLargestError ? kClearRise : kLeastRise;
     return centre.found() && riseAt(centre, radius) > least ? centre : BeamCentre();
@@ -255,6 +256,44 @@ BeamCentre BeamCentreFinder::refineBeam(const BeamCentre& start, double radius) 
             if (best.error < kPreciseCentre) return best;
         }
     return best;
+}
+
+bool BeamCentreFinder::isShadowed(const BeamCentre& place, double reach) const {
+    if (!m_hasDead) return false;
+    const int most = static_cast<int>(reach);
+    const cv::Rect around =
+        cv::Rect(cvRound(place.x) - most, cvRound(place.y) - most, 2 * most + 1, 2 * most + 1) &
+        cv::Rect(0, 0, m_width, m_height);
+    return around.area() > 0 && cv::countNonZero(m_dead(around)) > 0;
+}
+
+BeamCentre BeamCentreFinder::besideShadow(const BeamCentre& centre, double radius) const {
+    // An edge that lets a part of the beam through is not where the mask has it: next to the beam nothing is
+    // as dark as the mean asks for.
+    constexpr double kReach = 16.0;
+    constexpr double kHole = 12.0;
+    constexpr double kDifferent = 2.0;
+    constexpr double kUnconfirmed = 0.8;
+    if (!centre.found() || !isShadowed(centre, kReach)) return centre;
+    BeamCentre halo;
+    for (const double r : {std::max(radius, 2 * kHole), 2 * std::max(radius, 2 * kHole)}) {
+        if (r > 0.4 * std::min(m_width, m_height)) break;
+        const BeamCentre wider =
+            refine(m_roots, {centre.x, centre.y}, {r, 2.5, kConverged, kRoughError, true, kHole});
+        if (wider.found() && (!halo.found() || wider.error < halo.error)) halo = wider;
+    }
+    if (!halo.found()) {
+        // Nothing confirms it.
+        BeamCentre doubted = centre;
+        doubted.error = std::max(centre.error, kUnconfirmed);
+        return doubted;
+    }
+    const double apart = std::hypot(halo.x - centre.x, halo.y - centre.y);
+    const double likely = std::hypot(halo.error, centre.error);
+    if (apart > kDifferent * likely) return halo;
+    BeamCentre doubted = centre;
+    if (apart > likely) doubted.error = std::max(centre.error, 0.5 * apart);
+    return doubted;
 }
 
 BeamCentre BeamCentreFinder::throughStop(const BeamCentre& beside) const {
@@ -377,9 +416,12 @@ BeamCentre BeamCentreFinder::refinePattern(const cv::Mat_<float>& pattern, cv::P
 
 std::optional<BeamCentre> BeamCentreFinder::refinePairs(const cv::Mat_<float>& pattern,
                                                         cv::Point2d start) const {
-    constexpr std::size_t kFewestPairs = 12;
-    constexpr int kIterations = 8;
+    constexpr std::size_t kFewestPairs = 8;
+    constexpr int kIterations = 12;
+    constexpr int kSettled = 3;
     constexpr double kLeastPaired = 0.2;
+    constexpr double kTight = 0.08;        // pixels
+    constexpr double kEnoughTight = 12.0;  // spots
     const std::vector<cv::Point2f> spots = spotsOf(pattern);
     cv::Point2d centre = start;
     double reach = 2.0;  // pixels by which a spot may miss the place opposite to another one
@@ -403,16 +445,18 @@ std::optional<BeamCentre> BeamCentreFinder::refinePairs(const cv::Mat_<float>& p
             squares += weight * weight;
             paired += 2;
         }
-        // Where few spots have a partner, those that seem to are chance neighbours of a lattice.
+        // Where few spots have a partner, those that seem to are chance neighbours of a lattice, unless they
+        // agree on the centre.
         const double share = paired / static_cast<double>(spots.size());
-        if (share < kLeastPaired) return std::nullopt;
+        const bool agree = scale < kTight && paired >= kEnoughTight;
+        if (share < kLeastPaired && !agree && iteration >= kSettled) return std::nullopt;
         centre += sum / weights;
         reach = std::clamp(6 * scale, 1.0, 2.0);
         if (iteration + 1 < kIterations && cv::norm(sum / weights) > 0.001) continue;
         BeamCentre result;
         result.x = centre.x;
         result.y = centre.y;
-        const double scatter = scale * std::sqrt(squares) / (weights * share * share);
+        const double scatter = scale * std::sqrt(squares / share) / weights;
         result.error = std::hypot(scatter, kErrorOfSpots);
         if (std::hypot(result.x - start.x, result.y - start.y) > 2.0) return std::nullopt;
         result.source = BeamCentre::Source::Pattern;
@@ -423,6 +467,8 @@ std::optional<BeamCentre> BeamCentreFinder::refinePairs(const cv::Mat_<float>& p
 
 std::vector<cv::Point2f> BeamCentreFinder::spotsOf(const cv::Mat_<float>& pattern) const {
     constexpr double kSignificant = 7.0;  // standard deviations
+    // Some counts in one place: where there is no background, most of a pattern is the same, and no spot.
+    constexpr double kFaintest = 0.1;
     cv::Mat_<float> smooth = smoothed(pattern, m_live, 1.0);
     cv::Mat highest, dead;
     cv::dilate(smooth, highest, cv::Mat::ones(3, 3, CV_8U));
@@ -435,7 +481,7 @@ std::vector<cv::Point2f> BeamCentreFinder::spotsOf(const cv::Mat_<float>& patter
             sizes.push_back(std::abs(smooth(y, x)));
     RankedFloats ranked;
     ranked.assign(sizes);
-    const double level = kSignificant * 1.4826 * double{ranked.upperMedian()};
+    const double level = std::max(kSignificant * 1.4826 * double{ranked.upperMedian()}, kFaintest);
     std::vector<cv::Point2f> spots;
     constexpr int kBorder = 3;
     for (int y = kBorder; y < smooth.rows - kBorder; ++y)
@@ -699,7 +745,12 @@ BeamCentreFinder::Surroundings BeamCentreFinder::surroundingsOf(const cv::Mat& i
 }
 
 BeamCentre BeamCentreFinder::refine(const cv::Mat& image, cv::Point2d start, const Disc& disc) const {
-    const Surroundings around = surroundingsOf(image, start, disc);
+    Surroundings around = surroundingsOf(image, start, disc);
+    if (disc.hole > 0) {
+        if (around.dead.empty()) around.dead = cv::Mat_<uchar>::zeros(around.image.size());
+        const cv::Point middle(cvRound(start.x) - around.box.x, cvRound(start.y) - around.box.y);
+        cv::circle(around.dead, middle, cvRound(disc.hole), cv::Scalar(255), cv::FILLED);
+    }
     const cv::Rect inside(2, 2, around.box.width - 4, around.box.height - 4);
     cv::Point2d c = start - cv::Point2d(around.box.tl());
     OppositePixels pairs;
@@ -750,6 +801,30 @@ std::optional<cv::Point2d> interpolatedCentre(std::span<const BeamCentre> centre
     return cv::Point2d(a.x + part * (b.x - a.x), a.y + part * (b.y - a.y));
 }
 
+namespace {
+
+/// Standard uncertainty of a centre that was taken from its neighbours.
+double errorBetween(std::span<const BeamCentre> centres, std::size_t pattern) {
+    constexpr double kWander = 0.2;  // from one pattern to the next, each coordinate, pixels
+    constexpr double kPartOfMove = 0.2;
+    std::array<const BeamCentre*, 2> around{};
+    std::size_t nearest = centres.size();
+    for (std::size_t j = 0; j < centres.size(); ++j) {
+        if (!centres[j].found()) continue;
+        if (j < pattern || !around[1]) around[j < pattern ? 0 : 1] = &centres[j];
+        nearest = std::min(nearest, j < pattern ? pattern - j : j - pattern);
+    }
+    double variance = kWander * kWander * static_cast<double>(nearest), worst = 0;
+    for (const BeamCentre* one : around)
+        if (one) worst = std::max(worst, one->error);
+    if (around[0] && around[1])
+        variance +=
+            std::pow(kPartOfMove * std::hypot(around[1]->x - around[0]->x, around[1]->y - around[0]->y), 2);
+    return std::sqrt(variance + worst * worst);
+}
+
+}  // namespace
+
 bool completeFromNeighbours(std::span<BeamCentre> centres) {
     bool known = false;
     for (std::size_t i = 0; i < centres.size(); ++i) {
@@ -759,6 +834,7 @@ bool completeFromNeighbours(std::span<BeamCentre> centres) {
         if (!expected) continue;
         centres[i].x = expected->x;
         centres[i].y = expected->y;
+        centres[i].error = errorBetween(centres, i);
         centres[i].source = BeamCentre::Source::Neighbours;
     }
     return known;

@@ -72,6 +72,7 @@ private:
         double convergence;   ///< step at which the iteration ends, pixels
         double largestError;  ///< up to which the result counts as found, pixels
         bool roots = false;   ///< the image holds roots of counts, background included
+        double hole = 0;      ///< radius of its middle that takes no part, pixels
     };
 
     /// What a refinement looks at.
@@ -125,6 +126,10 @@ private:
     BeamCentre refine(const cv::Mat& image, cv::Point2d start, const Disc& disc) const;
     BeamCentre refineCoarse(cv::Point2d coarse) const;
     BeamCentre refineBeam(const BeamCentre& start, double radius) const;
+    /// The centre, or where a shadow's edge runs through the beam that of the halo around when they differ.
+    BeamCentre besideShadow(const BeamCentre& centre, double radius) const;
+    /// Whether a shadow or a dark patch comes so close to a place.
+    bool isShadowed(const BeamCentre& place, double reach) const;
     BeamCentre refinePattern(const cv::Mat_<float>& pattern, cv::Point2d start) const;
     /// From spots that lie opposite to each other, however bright they are; nothing when there are few.
     std::optional<BeamCentre> refinePairs(const cv::Mat_<float>& pattern, cv::Point2d start) const;

@@ -10,6 +10,8 @@ namespace {
 
 /// The beams decide when so many patterns show theirs on one track.
 constexpr double kBeamsThatDecide = 0.7;
+/// Less symmetric surroundings are those of a reflection: on a zone axis one may stay bright all along.
+constexpr double kSymmetryOfBeams = 0.7;
 /// A beam off the track has really moved when it is about as symmetric as those on it.
 constexpr double kAsSymmetric = 0.8;
 /// The series does not tell two tracks apart when one has so much of the other's evidence.
@@ -41,6 +43,9 @@ void CentreSearch::finishLook(unsigned look, const std::function<Frame(unsigned)
     if (look == 1 && !m_beamsDecide) decideByAll();
     if (look < 2) {
         m_refined = m_centres;
+        m_sawBeam.clear();
+        for (const PatternCentre& centre : m_centres)
+            m_sawBeam.push_back(centre.source == PatternCentre::Source::Beam ? 1 : 0);
         return;
     }
     for (unsigned pattern = 0; pattern < m_centres.size(); ++pattern) {
@@ -74,15 +79,15 @@ void CentreSearch::addPattern(unsigned pattern, const Frame& frame, BeamCentreFi
 
 void CentreSearch::decideByBeams() {
     const CentreTrack track(m_candidates);
-    m_beamsDecide = track.count() > kBeamsThatDecide * static_cast<double>(m_centres.size());
-    if (!m_beamsDecide) return;
     std::vector<double> symmetries;
-    for (std::size_t i = 0; i < m_centres.size(); ++i) {
-        if (track.chosen()[i] < 0) continue;
-        m_centres[i] = m_candidates[i].front().centre;
-        symmetries.push_back(m_centres[i].symmetry);
-    }
+    for (std::size_t i = 0; i < m_centres.size(); ++i)
+        if (track.chosen()[i] >= 0) symmetries.push_back(m_candidates[i].front().centre.symmetry);
     const double typical = symmetries.empty() ? 0.0 : medianOf(symmetries);
+    m_beamsDecide = track.count() > kBeamsThatDecide * static_cast<double>(m_centres.size()) &&
+                    typical > kSymmetryOfBeams;
+    if (!m_beamsDecide) return;
+    for (std::size_t i = 0; i < m_centres.size(); ++i)
+        if (track.chosen()[i] >= 0) m_centres[i] = m_candidates[i].front().centre;
     for (std::size_t i = 0; i < m_centres.size(); ++i) {
         if (m_centres[i].found() || m_candidates[i].empty()) continue;
         const PatternCentre& beam = m_candidates[i].front().centre;
@@ -130,6 +135,20 @@ void CentreSearch::mark() {
     }
     for (std::size_t k = before ? *before + 1 : 0; k < m_centres.size(); ++k)
         if (k - before.value_or(0) > kFarNeighbour) m_centres[k].doubtful = true;
+    doubtUnconfirmed();
+}
+
+void CentreSearch::doubtUnconfirmed() {
+    if (std::count(m_sawBeam.begin(), m_sawBeam.end(), 1) == 0) return;
+    for (std::size_t begin = 0; begin < m_centres.size();) {
+        std::size_t end = begin + 1;
+        while (end < m_centres.size() && !m_centres[end].jumped)
+            ++end;
+        const auto saw = m_sawBeam.begin() + static_cast<std::ptrdiff_t>(begin);
+        const bool confirmed = std::count(saw, saw + static_cast<std::ptrdiff_t>(end - begin), 1) > 0;
+        for (; begin < end; ++begin)
+            m_centres[begin].doubtful = m_centres[begin].doubtful || !confirmed;
+    }
 }
 
 }  // namespace VRK::detail

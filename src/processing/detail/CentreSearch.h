@@ -43,12 +43,15 @@ private:
     void decideByBeams();
     void decideByAll();
     void mark();
+    /// Makes the centres between two steps doubtful where no beam confirms them, when others have theirs.
+    void doubtUnconfirmed();
 
     BeamCentreFinder m_finder;  ///< has seen the mean of the series
     PerLane<BeamCentreFinder> m_finders;
     std::vector<std::vector<CentreCandidate>> m_candidates;
     std::vector<PatternCentre> m_centres;
     std::vector<PatternCentre> m_refined;  ///< by the last look, where there was a centre before
+    std::vector<char> m_sawBeam;           ///< the series decided for the beam that the pattern shows
     bool m_beamsDecide = false;
     bool m_ambiguous = false;
 };

@@ -1,0 +1,57 @@
+#include "pipeline/geometry/CurvatureScale.h"
+
+#include <gtest/gtest.h>
+
+#include "support/RecordedReflections.h"
+
+namespace {
+
+using vrk::test::Distortion;
+
+/// What the sphere says of a pixel size that is so many times the true one.
+vrk::CurvatureScale seenWith(double stated, const Distortion& distortion, double reach) {
+    vrk::test::Recorded data({7.3, 9.1, 11.9, 81.0, 95.0, 104.0}, distortion, {.noise = 0.35, .seed = 5});
+    const double wavelength = EwaldCurvature::wavelength(200.0);
+    const EwaldCurvature curvature(wavelength, stated * vrk::test::kPixelSize);
+    vrk::Lattice lattice;
+    for (Eigen::Index i = 0; i < 3; ++i)
+        lattice.basis.col(i) = Eigen::Vector3d(data.truth[static_cast<std::size_t>(i)].data());
+    lattice.origin = data.centre;
+    std::vector<Eigen::Vector3d> places;
+    std::vector<double> tilts;
+    for (std::size_t i = 0; i < data.positions.size(); ++i) {
+        if ((data.positions[i] - data.centre).norm() > reach) continue;
+        places.push_back(data.positions[i]);
+        tilts.push_back(data.tilts[i]);
+        curvature.correct(places.back().data(), data.centre.data(), tilts.back(), 1, places.back().data());
+    }
+    return vrk::CurvatureScale::of(places, tilts, lattice,
+                                   0.5e-10 * wavelength * stated * vrk::test::kPixelSize, 0.25);
+}
+
+TEST(CurvatureScale, TellsThePixelSize) {
+    const struct {
+        double stated;
+        Distortion distortion;
+        bool contradicts;
+    } cases[] = {
+        {1.0, {}, false},
+        {1.03, {}, false},
+        {1.12, {}, true},
+        {0.7, {}, true},
+        {1.5, {.ellipse = 0.01}, true},
+        // The lens, the axis and the tilts are no reason to doubt it.
+        {1.0, {.ellipse = 0.008, .azimuth = 70.0, .radial = 0.006}, false},
+        {1.0, {.axisTurn = 0.4, .tiltScale = 1.01, .axisTilt = 0.5}, false},
+    };
+    for (const auto& one : cases) {
+        const vrk::CurvatureScale found = seenWith(one.stated, one.distortion, 220.0);
+        EXPECT_EQ(found.contradicts(), one.contradicts) << one.stated << ": " << found.factor;
+        EXPECT_NEAR(found.factor, 1.0 / one.stated, 3.0 * found.sigma) << one.stated;
+        EXPECT_GT(found.sigma, 0.01);
+        EXPECT_LT(found.sigma, 0.03);
+    }
+    EXPECT_FALSE(seenWith(1.5, {}, 30.0).contradicts()) << "too few to tell";
+}
+
+}  // namespace
