@@ -21,6 +21,7 @@ LOOPS = {
     "src/processing/detail/SeriesMean.cpp": ["addPattern"],
     "src/processing/detail/OppositePixels.cpp": ["mix", "subtractOpposites", "findSizes"],
     "src/processing/detail/ReciprocalVolume.cpp": ["averageOf"],
+    "src/cellfinding/detail/DensitySteps.cpp": ["countNeighbours", "takeCensus", "countRim"],
     "src/tiltaxis/detail/PairDirections.cpp": ["formVectors", "findBins"],
     "pipeline/latticesearch/PointsOnNodes.cpp": ["countNear"],
     "pipeline/latticesearch/PhasorSums.cpp": ["addTurned"],
