@@ -22,6 +22,8 @@ LOOPS = {
     "src/processing/detail/OppositePixels.cpp": ["mix", "subtractOpposites", "findSizes"],
     "src/processing/detail/ReciprocalVolume.cpp": ["averageOf"],
     "src/cellfinding/detail/DensitySteps.cpp": ["countNeighbours", "takeCensus", "countRim"],
+    "src/cellfinding/detail/DistanceCounts.cpp": ["squareDistances", "findIntervals"],
+    "src/cellfinding/detail/PotentialGrid.cpp": ["addWeighted"],
     "src/tiltaxis/detail/PairDirections.cpp": ["formVectors", "findBins"],
     "pipeline/latticesearch/PointsOnNodes.cpp": ["countNear"],
     "pipeline/latticesearch/PhasorSums.cpp": ["addTurned"],
