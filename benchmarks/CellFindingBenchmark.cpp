@@ -15,10 +15,13 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "cellfinding/CalculateDiffVectors.h"
 #include "cellfinding/DBSCAN.h"
+#include "cellfinding/DDSC.h"
+#include "cellfinding/FSC.h"
 #include "reflections/ReflexVector.h"
 
 namespace {
@@ -89,15 +92,19 @@ void differenceVectorsOfAllPairs(benchmark::State& state) {
 BENCHMARK(differenceVectorsOfAllPairs)->Arg(3000)->Arg(20000)->Unit(benchmark::kMillisecond);
 
 /// What a clustering needs and leaves.
+template <typename P = ClusterPoint<double>>
 struct Clustering {
-    std::vector<std::unique_ptr<ClusterPoint<double>>> points;
-    std::unique_ptr<CubicGrid<ClusterPoint<double>>> grid;
+    std::vector<std::unique_ptr<P>> points;
+    std::unique_ptr<CubicGrid<P>> grid;
     std::vector<Cluster<Point<double>>*> clusters;
     Vectors noise;
 
     explicit Clustering(const std::vector<double>& vectors) {
         for (std::size_t i = 0; i < vectors.size(); i += 3)
-            points.push_back(std::make_unique<ClusterPoint<double>>(&vectors[i], 3, -1));
+            if constexpr (std::is_same_v<P, ClusterPointDDSC<double>>)
+                points.push_back(std::make_unique<P>(&vectors[i], 3, -1, -1));
+            else
+                points.push_back(std::make_unique<P>(&vectors[i], 3, -1));
     }
     ~Clustering() { clear(); }
     void clear() {
@@ -108,12 +115,13 @@ struct Clustering {
         clusters.clear();
         noise.clear();
     }
-    void run(double eps, int minPts) {
-        Vectors pointers;
+    template <typename Method>
+    void run(Method method) {
+        std::vector<P*> pointers;
         for (const auto& point : points)
             pointers.push_back(point.get());
-        grid = std::make_unique<CubicGrid<ClusterPoint<double>>>(&pointers, 3);
-        DBSCAN::cluster(grid.get(), eps, minPts, &clusters, &noise);
+        grid = std::make_unique<CubicGrid<P>>(&pointers, 3);
+        method(grid.get(), &clusters, &noise);
     }
 };
 
@@ -138,24 +146,46 @@ std::vector<double> halfSpaceVectors(std::size_t count) {
     return vectors;
 }
 
-void dbscan(benchmark::State& state) {
-    Clustering clustering(halfSpaceVectors(static_cast<std::size_t>(state.range(0))));
+template <typename P, typename Method>
+void clusterRepeatedly(benchmark::State& state, Method method) {
+    Clustering<P> clustering(halfSpaceVectors(static_cast<std::size_t>(state.range(0))));
     for (auto _ : state) {
         clustering.clear();
-        clustering.run(3.0, 20);
+        clustering.run(method);
     }
     state.counters["clusters"] = static_cast<double>(clustering.clusters.size());
 }
+
+void dbscan(benchmark::State& state) {
+    clusterRepeatedly<ClusterPoint<double>>(state, [](auto* grid, auto* clusters, auto* noise) {
+        DBSCAN::cluster(grid, 3.0, 20, clusters, noise);
+    });
+}
 BENCHMARK(dbscan)->Arg(10000)->Arg(100000)->Arg(1000000)->Unit(benchmark::kMillisecond);
+
+void ddsc(benchmark::State& state) {
+    clusterRepeatedly<ClusterPointDDSC<double>>(state, [](auto* grid, auto* clusters, auto* noise) {
+        DDSC::clustering(grid, 3.0, 20, 2.0, clusters, noise);
+    });
+}
+BENCHMARK(ddsc)->Arg(10000)->Arg(100000)->Arg(1000000)->Unit(benchmark::kMillisecond);
+
+void fsc(benchmark::State& state) {
+    clusterRepeatedly<ClusterPoint<double>>(
+        state, [](auto* grid, auto* clusters, auto* noise) { FSC().cluster(grid, 0.0, clusters, noise); });
+}
+BENCHMARK(fsc)->Arg(10000)->Arg(100000)->Arg(1000000)->Unit(benchmark::kMillisecond);
 
 int clusterFile(const std::string& path, double eps, int minPts) {
     std::ifstream in(path, std::ios::binary);
     std::vector<double> vectors;
     for (double x = 0.0; in.read(reinterpret_cast<char*>(&x), sizeof x);)
         vectors.push_back(x);
-    Clustering clustering(vectors);
+    Clustering<> clustering(vectors);
     const std::clock_t start = std::clock();
-    clustering.run(eps, minPts);
+    clustering.run([&](auto* grid, auto* clusters, auto* noise) {
+        DBSCAN::cluster(grid, eps, minPts, clusters, noise);
+    });
     const double seconds = static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC;
     std::ofstream out(path + ".labels", std::ios::binary);
     for (auto* point : *clustering.grid->getPoints()) {

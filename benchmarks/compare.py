@@ -24,6 +24,8 @@ PAIRS = [
      "one count over the volume"),
     ("reading 121 x 512 x 512", "bench_mrc_file", "readMRCFile", "plainRead", "a plain read"),
     ("writing 121 x 512 x 512", "bench_mrc_file", "writeMRCFile", "plainWrite", "a plain write"),
+    ("DDSC of 100000 vectors", "bench_cell_finding", "ddsc/100000", "dbscan/100000", "DBSCAN"),
+    ("FSC of 100000 vectors", "bench_cell_finding", "fsc/100000", "dbscan/100000", "DBSCAN"),
     ("Niggli reduction", "bench_niggli", "niggliNullStream", "niggliSpglib", "spglib"),
 ]
 

@@ -6,6 +6,7 @@
 #include <span>
 
 #include "cellfinding/detail/ClusterResult.h"
+#include "cellfinding/detail/DensitySteps.h"
 #include "cellfinding/detail/Trace.h"
 
 namespace {
@@ -90,6 +91,7 @@ void DDSC::clustering(CubicGrid<ClusterPointDDSC<double>>* grid, double eps, int
         report("Parameter alpha must be bigger then 1. Use default parameter now.", VRK::Warning);
         alpha = 2.0;
     }
+    alpha = std::min(alpha, 1e300);  // of an infinite one there are no thresholds
     if (!clusters) return report("No cluster vector given for DDSC clustering.", VRK::Error);
     if (!noise) return report("No noise vector given for DDSC clustering.", VRK::Error);
 
@@ -103,10 +105,14 @@ void DDSC::clustering(CubicGrid<ClusterPointDDSC<double>>* grid, double eps, int
     const double k3 = 2 / ((points.front()->getDimension() + 1) * (1 + alpha));
     const double k4 = alpha / (1 + alpha);
     int clusterID = 1;
-    for (int i = 0; i < grid->getNumberOfPoints(); ++i)
-        if (grid->getPoint(i)->getClusterID() == -1 &&
-            expand(grid, i, eps, minPts, clusterID, k1, k2, k3, k4, true))
-            ++clusterID;
+    if (grid->coversRadius(eps))
+        clusterID =
+            VRK::detail::labelDensitySteps(points, grid->getEdgeLength(), {eps, minPts, k1, k2, k3, k4});
+    else
+        for (int i = 0; i < grid->getNumberOfPoints(); ++i)
+            if (grid->getPoint(i)->getClusterID() == -1 &&
+                expand(grid, i, eps, minPts, clusterID, k1, k2, k3, k4, true))
+                ++clusterID;
     VRK::detail::warnOfClusterLimit(clusterID - 1);
 
     if (std::any_of(points.begin(), points.end(), [](PointType* p) { return p->getClusterID() == -1; }))

@@ -10,6 +10,7 @@
 
 #include "cellfinding/detail/CellList.h"
 #include "cellfinding/detail/ClusterResult.h"
+#include "cellfinding/detail/DistanceCounts.h"
 #include "cellfinding/detail/PotentialGrid.h"
 #include "cellfinding/detail/Trace.h"
 
@@ -46,33 +47,39 @@ double unitBall(int axes) {
     return axes == 2 ? std::numbers::pi : 4.0 / 3.0 * std::numbers::pi;
 }
 
+double extentAlong(const Positions& points, std::size_t axis) {
+    double least = points.front()[axis];
+    double most = least;
+    for (const Position& point : points) {
+        least = std::min(least, point[axis]);
+        most = std::max(most, point[axis]);
+    }
+    return most - least;
+}
+
 /// How many pairs have which distance, for a selection of the points.
 struct Distances {
-    static constexpr std::size_t kBins = 800;
+    static constexpr std::size_t kBins = VRK::detail::DistanceCounts::kBins;
     std::array<double, kBins> pairs{};  // per point
     double reach = 0.0;
 
     Distances(const Positions& points, double largest, int axes) {
         constexpr std::size_t kSelected = 1000;
         constexpr double kNeighbours = 8000.0;
-        const CellList cells(points.size(), largest / 2.0, [&](std::size_t i) { return points[i]; });
         double volume = 1.0;
         for (std::size_t axis = 0; axis < static_cast<std::size_t>(axes); ++axis)
-            volume *= std::max(1.0, cells.extent(axis));
+            volume *= std::max(1.0, extentAlong(points, axis));
         reach = std::pow(kNeighbours * volume / (unitBall(axes) * static_cast<double>(points.size())),
                          1.0 / axes);
         reach = std::min(reach, largest);
-        const double reach2 = VRK::detail::largestSquareWithin(reach);
+        const CellList cells(points.size(), reach / 5.0, [&](std::size_t i) { return points[i]; });
+        VRK::detail::DistanceCounts counts(reach);
         const std::size_t step = std::max<std::size_t>(1, points.size() / kSelected);
         double selected = 0.0;
         for (std::size_t i = 0; i < points.size(); i += step, selected += 1.0)
-            cells.visitBall(points[i], reach, reach2, [&](std::size_t place, double square) {
-                if (cells.index(place) == i) return;
-                const auto bin = static_cast<std::size_t>(std::sqrt(square) / reach * kBins);
-                pairs[std::min(bin, kBins - 1)] += 1.0;
-            });
-        for (double& count : pairs)
-            count /= selected;
+            counts.addFrom(cells, points[i]);
+        for (std::size_t bin = 0; bin < kBins; ++bin)
+            pairs[bin] = static_cast<double>(counts.counts()[bin]) / selected;
     }
     double middleOf(std::size_t bin) const { return (static_cast<double>(bin) + 0.5) / kBins * reach; }
 };
@@ -132,7 +139,11 @@ double bestRadius(const Positions& points, int axes) {
 class Memberships {
 public:
     Memberships(const Positions& points, Positions centres, double radius)
-        : m_points(points), m_centres(std::move(centres)), m_radius(radius) {}
+        : m_points(points),
+          m_cells(points.size(), 2.0 * radius, [&](std::size_t i) { return points[i]; }),
+          m_centres(std::move(centres)),
+          m_radius(radius),
+          m_sharesOf(points.size()) {}
 
     /// Moves the centres to the means of their points; how far the farthest moved.
     double update() {
@@ -163,7 +174,7 @@ public:
 
     /// The place of the largest membership of every point in the list of centres, counted from 1, or 0 for
     /// the noise; and that membership.
-    void classify(std::vector<int>& classes, std::vector<double>& memberships) const {
+    void classify(std::vector<int>& classes, std::vector<double>& memberships) {
         classes.assign(m_points.size(), 0);
         memberships.assign(m_points.size(), 1.0);
         forEachPoint([&](std::size_t i, std::span<const Share> shares) {
@@ -185,32 +196,85 @@ private:
         std::size_t centre;
         double membership;
     };
+    struct SharesOfPoint {
+        std::size_t begin;
+        std::size_t count;
+    };
 
-    /// Calls visit(point, its memberships in the centres within two noise distances).
+    /// Calls visit(point, its memberships in the centres within two noise distances), in the order of the
+    /// list.
     template <typename Visit>
-    void forEachPoint(Visit visit) const {
-        const double noise = kNoiseDistance * m_radius;
-        const double reach = 2.0 * noise;
+    void forEachPoint(Visit visit) {
+        findShares();
+        for (std::size_t i = 0; i < m_points.size(); ++i)
+            visit(i, std::span<const Share>(m_shares).subspan(m_sharesOf[i].begin, m_sharesOf[i].count));
+    }
+
+    /// Box by box: the points of a box have the same few centres around them.
+    void findShares() {
+        const double reach = 2.0 * kNoiseDistance * m_radius;
         const double reach2 = VRK::detail::largestSquareWithin(reach);
-        const CellList cells(m_centres.size(), reach, [&](std::size_t c) { return m_centres[c]; });
-        std::vector<Share> shares;
-        for (std::size_t i = 0; i < m_points.size(); ++i) {
-            shares.clear();
-            double sum = 1.0 / (noise * noise);
-            cells.visitBall(m_points[i], reach, reach2, [&](std::size_t place, double square) {
-                const double closeness = 1.0 / std::max(square, 1e-12 * noise * noise);
-                shares.push_back({cells.index(place), closeness});
-                sum += closeness;
-            });
-            for (Share& share : shares)
-                share.membership /= sum;
-            visit(i, shares);
+        const CellList centres(m_centres.size(), reach, [&](std::size_t c) { return m_centres[c]; });
+        m_shares.clear();
+        for (const CellList::Box& box : m_cells.boxes()) {
+            findCentresAround(box, centres, reach);
+            for (std::size_t place = box.begin; place < box.end; ++place)
+                shareOut(place, centres, reach2);
         }
     }
 
+    /// The places of the centres that a point of a box may reach, ascending.
+    void findCentresAround(const CellList::Box& box, const CellList& centres, double reach) {
+        Position low = placeOf(box.begin);
+        Position high = low;
+        for (std::size_t place = box.begin; place < box.end; ++place)
+            for (std::size_t k = 0; k < 3; ++k) {
+                low[k] = std::min(low[k], placeOf(place)[k]);
+                high[k] = std::max(high[k], placeOf(place)[k]);
+            }
+        m_near.clear();
+        centres.forEachStretch(low, high, reach, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t place = begin; place < end; ++place) {
+                const Position centre{centres.x()[place], centres.y()[place], centres.z()[place]};
+                double gap2 = 0.0;
+                for (std::size_t k = 0; k < 3; ++k) {
+                    const double gap = std::max({0.0, low[k] - centre[k], centre[k] - high[k]});
+                    gap2 += gap * gap;
+                }
+                // The margin exceeds what rounding takes off.
+                if (gap2 <= reach * reach * (1.0 + 1e-9)) m_near.push_back(place);
+            }
+        });
+    }
+
+    void shareOut(std::size_t place, const CellList& centres, double reach2) {
+        const double noise = kNoiseDistance * m_radius;
+        const Position point = placeOf(place);
+        const std::size_t begin = m_shares.size();
+        double sum = 1.0 / (noise * noise);
+        for (const std::size_t near : m_near) {
+            const double square = centres.squareDistance(near, point);
+            if (!(square <= reach2)) continue;
+            const double closeness = 1.0 / std::max(square, 1e-12 * noise * noise);
+            m_shares.push_back({centres.index(near), closeness});
+            sum += closeness;
+        }
+        for (std::size_t i = begin; i < m_shares.size(); ++i)
+            m_shares[i].membership /= sum;
+        m_sharesOf[m_cells.index(place)] = {begin, m_shares.size() - begin};
+    }
+
+    Position placeOf(std::size_t place) const {
+        return {m_cells.x()[place], m_cells.y()[place], m_cells.z()[place]};
+    }
+
     const Positions& m_points;
+    CellList m_cells;
     Positions m_centres;
     double m_radius;
+    std::vector<Share> m_shares;
+    std::vector<SharesOfPoint> m_sharesOf;  // by point
+    std::vector<std::size_t> m_near;        // centres around a box
 };
 
 /// Numbers the classes that have points from 1, in their order, as far as labels go; the places of those

@@ -16,13 +16,6 @@
 #include "crystallography/detail/Tolerance.h"
 #include "foundation/Narration.h"
 
-thread_local NiggliReduction::State NiggliReduction::m_state = {};
-thread_local double NiggliReduction::m_eps = 1e-5;
-thread_local double NiggliReduction::m_smallestA = 0.0;
-thread_local int NiggliReduction::m_count = 0;
-thread_local int NiggliReduction::m_limit = 1000;
-thread_local bool NiggliReduction::m_verbose = true;
-thread_local bool NiggliReduction::m_overflow = false;
 thread_local std::ostream* NiggliReduction::m_narration = &std::cout;
 
 namespace {
@@ -73,6 +66,8 @@ class NiggliReduction::Circle {
 public:
     enum Place { StartOfPass, SignsSettled };
 
+    explicit Circle(NiggliReduction& reduction) : m_reduction(reduction), m_state(reduction.m_state) {}
+
     /// True when the working values have been here before and the steps do not end by themselves. The
     /// working state is then the best of the circle.
     bool closes(Place place) {
@@ -82,7 +77,7 @@ public:
             remember(place);
             return false;
         }
-        m_harmless = endsByItself();
+        m_harmless = m_reduction.endsByItself();
         if (!m_harmless) chooseBestFrom(first);
         return !m_harmless;
     }
@@ -101,14 +96,15 @@ private:
         constexpr int passesThatSort = 4;
         if (place == SignsSettled) return m_passesSinceFall > passesThatSort;
         const double trace = m_state.A + m_state.B + m_state.C;
-        if (trace < m_lowestTrace - m_eps) {
+        if (trace < m_lowestTrace - m_reduction.m_eps) {
             m_lowestTrace = trace;
             m_passesSinceFall = 0;
         }
         return ++m_passesSinceFall > passesThatSort;
     }
 
-    static bool isSame(const State& x, const State& y) {
+    bool isSame(const State& x, const State& y) const {
+        const auto eq = [this](double a, double b) { return m_reduction.eq(a, b); };
         return eq(x.A, y.A) && eq(x.B, y.B) && eq(x.C, y.C) && eq(x.xi, y.xi) && eq(x.eta, y.eta) &&
                eq(x.zeta, y.zeta);
     }
@@ -137,12 +133,14 @@ private:
         for (const Test test : {Test(UnitCellTest::isNiggliCell), Test(UnitCellTest::isBurgerCell)})
             for (std::size_t i = first; i < m_visited; ++i) {
                 const State& s = m_visits[i].state;
-                if (!test(s.A, s.B, s.C, s.xi, s.eta, s.zeta, m_eps)) continue;
+                if (!test(s.A, s.B, s.C, s.xi, s.eta, s.zeta, m_reduction.m_eps)) continue;
                 m_state = s;
                 return;
             }
     }
 
+    NiggliReduction& m_reduction;
+    State& m_state;
     std::array<Visit, kMostVisits> m_visits;
     std::size_t m_visited = 0;
     State m_milestone = {};
@@ -155,11 +153,12 @@ private:
 
 bool NiggliReduction::niggliReduction(UnitCell* cell, int limit) {
     if (!cell) return false;
-    init(cell, limit);
-    if (m_verbose) narrateStart(*cell);
-    reduce(*cell);
-    cell->transform(m_state.T);
-    if (m_verbose) narrateEnd(*cell);
+    NiggliReduction work;
+    work.init(cell, limit);
+    if (work.m_verbose) work.narrateStart(*cell);
+    work.reduce(*cell);
+    cell->transform(work.m_state.T);
+    if (work.m_verbose) work.narrateEnd(*cell);
     return true;
 }
 
@@ -194,19 +193,19 @@ void NiggliReduction::reduce(const UnitCell& cell) {
 
 /// True when the steps ended, or were found in a circle, on values that can be relied on.
 bool NiggliReduction::run(int mostSteps) {
-    Circle circle;
+    Circle circle(*this);
     const int last = m_count + mostSteps;
     while (isUsable() && m_count < last)
         if (!step(&circle)) return isUsable();
     return false;
 }
 
-bool NiggliReduction::isUsable() {
+bool NiggliReduction::isUsable() const {
     return m_state.A >= m_smallestA && !m_overflow;
 }
 
 /// The six values of the transformed vectors.
-NiggliReduction::State NiggliReduction::transformed(const UnitCell& cell) {
+NiggliReduction::State NiggliReduction::transformed(const UnitCell& cell) const {
     State out = m_state;
     UnitCell copy(cell);
     copy.transform(out.T);
@@ -220,7 +219,7 @@ NiggliReduction::State NiggliReduction::transformed(const UnitCell& cell) {
 }
 
 /// Whether the transformed vectors are reduced as the working values say.
-bool NiggliReduction::isConfirmedBy(const UnitCell& cell) {
+bool NiggliReduction::isConfirmedBy(const UnitCell& cell) const {
     const State& s = m_state;
     const State fresh = transformed(cell);
     if (roundingOf(cell) > m_eps) {
@@ -236,7 +235,7 @@ bool NiggliReduction::isConfirmedBy(const UnitCell& cell) {
 }
 
 /// What the digits lost since the first of the working values can amount to.
-double NiggliReduction::roundingOf(const UnitCell& cell) {
+double NiggliReduction::roundingOf(const UnitCell& cell) const {
     const auto& T = m_state.T;
     const double a = std::sqrt(cell.getA());
     const double b = std::sqrt(cell.getB());
@@ -347,18 +346,18 @@ void NiggliReduction::settleSigns() {
         a4_action();
 }
 
-bool NiggliReduction::sortsAB() {
+bool NiggliReduction::sortsAB() const {
     const State& s = m_state;
     return gt(s.A, s.B) || (eq(s.A, s.B) && gt(std::abs(s.xi), std::abs(s.eta)));
 }
 
-bool NiggliReduction::sortsBC() {
+bool NiggliReduction::sortsBC() const {
     const State& s = m_state;
     return gt(s.B, s.C) || (eq(s.B, s.C) && gt(std::abs(s.eta), std::abs(s.zeta)));
 }
 
 /// True when the product xi eta zeta is positive.
-bool NiggliReduction::multTest() {
+bool NiggliReduction::multTest() const {
     int positive = 0;
     int zero = 0;
     for (const double x : {m_state.xi, m_state.eta, m_state.zeta}) {
@@ -368,6 +367,21 @@ bool NiggliReduction::multTest() {
             ++zero;
     }
     return positive == 3 || (positive == 1 && zero == 0);
+}
+
+/// In place where the actions call it, most of the matrix' entries are constants.
+[[gnu::always_inline]] inline void NiggliReduction::update(int m11, int m12, int m13, int m21, int m22,
+                                                           int m23, int m31, int m32, int m33) {
+    const long long M[3][3] = {{m11, m12, m13}, {m21, m22, m23}, {m31, m32, m33}};
+    for (auto& row : m_state.T) {
+        const long long old[3] = {row[0], row[1], row[2]};
+        for (int j = 0; j < 3; ++j) {
+            const long long entry = old[0] * M[0][j] + old[1] * M[1][j] + old[2] * M[2][j];
+            m_overflow = m_overflow || std::abs(entry) > std::numeric_limits<int>::max() / 2;
+            row[j] = static_cast<int>(entry);
+        }
+    }
+    ++m_count;
 }
 
 void NiggliReduction::a1_action() {
@@ -384,7 +398,7 @@ void NiggliReduction::a2_action() {
 
 void NiggliReduction::a3_action() {
     State& s = m_state;
-    const auto sign = [](double x) { return x < -m_eps ? -1 : 1; };
+    const auto sign = [this](double x) { return x < -m_eps ? -1 : 1; };
     update(sign(s.xi), 0, 0, 0, sign(s.eta), 0, 0, 0, sign(s.zeta));
     s.xi = std::abs(s.xi);
     s.eta = std::abs(s.eta);
@@ -443,29 +457,15 @@ void NiggliReduction::a8_action() {
     s.eta = 2.0 * s.A + s.eta + s.zeta;
 }
 
-void NiggliReduction::update(int m11, int m12, int m13, int m21, int m22, int m23, int m31, int m32,
-                             int m33) {
-    const long long M[3][3] = {{m11, m12, m13}, {m21, m22, m23}, {m31, m32, m33}};
-    for (auto& row : m_state.T) {
-        const long long old[3] = {row[0], row[1], row[2]};
-        for (int j = 0; j < 3; ++j) {
-            const long long entry = old[0] * M[0][j] + old[1] * M[1][j] + old[2] * M[2][j];
-            m_overflow = m_overflow || std::abs(entry) > std::numeric_limits<int>::max() / 2;
-            row[j] = static_cast<int>(entry);
-        }
-    }
-    ++m_count;
-}
-
-bool NiggliReduction::eq(double x, double y) {
+bool NiggliReduction::eq(double x, double y) const {
     return VRK::detail::equal(x, y, m_eps);
 }
 
-bool NiggliReduction::lt(double x, double y) {
+bool NiggliReduction::lt(double x, double y) const {
     return VRK::detail::lessThan(x, y, m_eps);
 }
 
-bool NiggliReduction::gt(double x, double y) {
+bool NiggliReduction::gt(double x, double y) const {
     return VRK::detail::greaterThan(x, y, m_eps);
 }
 
@@ -473,7 +473,7 @@ void NiggliReduction::narrate(const char* text) {
     *m_narration << text;
 }
 
-void NiggliReduction::narrateValues() {
+void NiggliReduction::narrateValues() const {
     const State& s = m_state;
     std::string text;
     if (UnitCellTest::isBurgerCell(s.A, s.B, s.C, s.xi, s.eta, s.zeta, m_eps)) text = "Burger-Zelle:\n";
@@ -482,7 +482,7 @@ void NiggliReduction::narrateValues() {
     narrate(text.c_str());
 }
 
-void NiggliReduction::narrateStart(const UnitCell& cell) {
+void NiggliReduction::narrateStart(const UnitCell& cell) const {
     const State& s = m_state;
     narrate(" \n \n");
     cell.printOrientationMatrix(*m_narration);
@@ -493,7 +493,7 @@ void NiggliReduction::narrateStart(const UnitCell& cell) {
     narrate(text.c_str());
 }
 
-void NiggliReduction::narrateEnd(const UnitCell& cell) {
+void NiggliReduction::narrateEnd(const UnitCell& cell) const {
     const State& s = m_state;
     std::string text = "Niggli reduction beendet\n";
     appendSix(text, {s.A, s.B, s.C, s.xi, s.eta, s.zeta});

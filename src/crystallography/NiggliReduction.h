@@ -32,7 +32,7 @@ class UnitCell;
 /// reduced in a finite number of steps, about as many as its longest vector is longer than the reduced one.
 /// A host asks isDegenerate() first; a degenerate cell comes back in some equivalent form.
 ///
-/// Not reentrant: the working state and the narration are shared by all reductions of a thread.
+/// The narration is shared by all reductions of a thread.
 class VRKCORE_EXPORT NiggliReduction {
 public:
     /// Reduces the cell in place. The cell is touched once, at the end, by UnitCell::transform(T).
@@ -54,47 +54,50 @@ private:
     };
     class Circle;
 
-    static void init(UnitCell* cell, int limit);
-    static void reduce(const UnitCell& cell);
-    static bool run(int mostSteps);
-    static bool step(Circle* circle);
-    static bool normalize();
-    static bool normalizeStep();
-    static bool sortsAB();
-    static bool sortsBC();
-    static void settleSigns();
-    static bool multTest();
-    static void a1_action();
-    static void a2_action();
-    static void a3_action();
-    static void a4_action();
-    static void a5_action();
-    static void a6_action();
-    static void a7_action();
-    static void a8_action();
-    static void update(int m11, int m12, int m13, int m21, int m22, int m23, int m31, int m32, int m33);
-    static bool eq(double x, double y);
-    static bool lt(double x, double y);
-    static bool gt(double x, double y);
+    NiggliReduction() = default;
 
-    static bool isUsable();
-    static bool endsByItself();
-    static bool isConfirmedBy(const UnitCell& cell);
-    static double roundingOf(const UnitCell& cell);
-    static State transformed(const UnitCell& cell);
-    static bool startFromShortestVectors(const UnitCell& cell);
+    void init(UnitCell* cell, int limit);
+    void reduce(const UnitCell& cell);
+    bool run(int mostSteps);
+    bool step(Circle* circle);
+    bool normalize();
+    bool normalizeStep();
+    bool sortsAB() const;
+    bool sortsBC() const;
+    void settleSigns();
+    bool multTest() const;
+    void a1_action();
+    void a2_action();
+    void a3_action();
+    void a4_action();
+    void a5_action();
+    void a6_action();
+    void a7_action();
+    void a8_action();
+    void update(int m11, int m12, int m13, int m21, int m22, int m23, int m31, int m32, int m33);
+    bool eq(double x, double y) const;
+    bool lt(double x, double y) const;
+    bool gt(double x, double y) const;
 
-    static void narrateStart(const UnitCell& cell);
-    static void narrateValues();
-    static void narrateEnd(const UnitCell& cell);
+    bool isUsable() const;
+    bool endsByItself();
+    bool isConfirmedBy(const UnitCell& cell) const;
+    double roundingOf(const UnitCell& cell) const;
+    State transformed(const UnitCell& cell) const;
+    bool startFromShortestVectors(const UnitCell& cell);
+
+    void narrateStart(const UnitCell& cell) const;
+    void narrateValues() const;
+    void narrateEnd(const UnitCell& cell) const;
     static void narrate(const char* text);
 
-    static thread_local State m_state;
-    static thread_local double m_eps;
-    static thread_local double m_smallestA;
-    static thread_local int m_count;
-    static thread_local int m_limit;
-    static thread_local bool m_verbose;
-    static thread_local bool m_overflow;
     static thread_local std::ostream* m_narration;
+
+    State m_state{};
+    double m_eps = 1e-5;
+    double m_smallestA = 0.0;
+    int m_count = 0;
+    int m_limit = 1000;
+    bool m_verbose = true;
+    bool m_overflow = false;
 };

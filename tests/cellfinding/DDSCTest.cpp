@@ -3,6 +3,7 @@
 #include <map>
 
 #include "Clustered.h"
+#include "PlainGrid.h"
 #include "support/Testing.h"
 
 namespace {
@@ -41,6 +42,46 @@ TEST(DDSCTest, KeepsAnEvenGroupWholeAndTouchingGroupsOfDifferentDensityApart) {
         EXPECT_GT(counts[std::make_pair(true, dense)], 7600);
         EXPECT_GT(counts[std::make_pair(false, 3 - dense)], 1600);
     }
+}
+
+// A point outside of the grid keeps neighbourhoods from being what distances say, so that they are asked for
+// one after the other. All others are away from the origin, where it stands in the list.
+TEST(DDSCTest, LabelsAsAskingForOneNeighbourhoodAfterTheOther) {
+    int clusters = 0;
+    for (unsigned seed = 0; seed < 60; ++seed) {
+        Cloud cloud = randomCloud(2 * seed);
+        const double shrink = 1.0 + seed % 4;
+        const double alpha = std::array{1.1, 2.0, 5.0}[seed / 4 % 3];
+        for (const int minPts : {2, 5, 12}) {
+            SCOPED_TRACE(testing::Message() << seed << ", at least " << minPts);
+            DdscRun fast, slow;
+            for (DdscRun* c : {&fast, &slow}) {
+                for (Coordinates p : cloud.points) {
+                    for (double& x : p)
+                        x /= shrink;
+                    p[0] += 40.0;
+                    c->add(p);
+                }
+            }
+            slow.add(Coordinates(cloud.min.size(), 1000.0));
+            testing::internal::CaptureStdout();
+            for (DdscRun* c : {&fast, &slow}) {
+                c->makeGrid(-12.0, 60.0, cloud.edge);
+                DDSC::clustering(c->grid.get(), cloud.eps, minPts, alpha, &c->clusters, &c->noise);
+            }
+            testing::internal::GetCapturedStdout();
+            ASSERT_EQ(fast.grid->coversRadius(cloud.eps), !slow.grid->coversRadius(cloud.eps));
+            for (int i = 0; i < fast.grid->getNumberOfPoints(); ++i) {
+                const DdscPoint* one = fast.grid->getPoint(i);
+                const DdscPoint* other = slow.grid->getPoint(i);
+                ASSERT_EQ(one->getClusterID(), other->getClusterID()) << i;
+                ASSERT_EQ(one->getSizeOfNeighbourhood(), other->getSizeOfNeighbourhood()) << i;
+                ASSERT_EQ(one->getDistToCurrentPoint(), other->getDistToCurrentPoint()) << i;
+            }
+            clusters += static_cast<int>(fast.clusters.size());
+        }
+    }
+    EXPECT_GT(clusters, 1000);
 }
 
 TEST(DDSCTest, KeepsALatticeWholeAndGivesEveryPointALabel) {

@@ -61,6 +61,16 @@ void CellList::makeBoxes(const std::vector<Entry>& entries) {
     }
 }
 
+double CellList::squareGap(std::int64_t box, double low, double high, std::size_t axis) const {
+    if (m_last[axis] == 0) return 0.0;
+    const double from = (low - m_min[axis]) / m_side;
+    const double to = (high - m_min[axis]) / m_side;
+    const double slack = 1e-6 + 1e-12 * (std::abs(from) + std::abs(to));
+    const double first = static_cast<double>(box);
+    const double gap = std::max({0.0, first - to - slack, from - (first + 1.0) - slack}) * m_side;
+    return gap * gap;
+}
+
 CellList::Interval CellList::boxesAround(double x, double radius, std::size_t axis) const {
     if (m_last[axis] == 0) return {0, 0};
     // Wider than rounding can shift a box.

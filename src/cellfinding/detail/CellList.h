@@ -58,6 +58,13 @@ public:
     /// largestSquareWithin(radius) of \p centre, row by row.
     template <typename Visit>
     void visitBall(const Position& centre, double radius, double reach2, Visit visit) const;
+    /// Calls visit(begin, end) for stretches of places, ascending, that hold every point within a radius of
+    /// \p centre, and others.
+    template <typename Visit>
+    void forEachStretch(const Position& centre, double radius, Visit visit) const;
+    /// The same for the points within a radius of any place between two corners.
+    template <typename Visit>
+    void forEachStretch(const Position& low, const Position& high, double radius, Visit visit) const;
 
     static constexpr int kBits = 21;
     static std::uint64_t keyOf(std::uint64_t cx, std::uint64_t cy, std::uint64_t cz) {
@@ -85,6 +92,10 @@ private:
         std::int64_t to;
     };
     Interval boxesAround(double x, double radius, std::size_t axis) const;
+    /// Rows of more boxes are cut to the ball.
+    static constexpr std::int64_t kLongRow = 8;
+    /// The square of what lies between a box and an interval along an axis, or less.
+    double squareGap(std::int64_t box, double low, double high, std::size_t axis) const;
     template <typename Visit>
     void visitPlaces(std::size_t begin, std::size_t end, const Position& centre, double reach2,
                      Visit& visit) const {
@@ -147,31 +158,55 @@ CellList::CellList(std::size_t count, double side, PositionOf position) {
 
 template <typename Visit>
 void CellList::visitBall(const Position& centre, double radius, double reach2, Visit visit) const {
-    const Interval x = boxesAround(centre[0], radius, 0);
-    const Interval y = boxesAround(centre[1], radius, 1);
-    const Interval z = boxesAround(centre[2], radius, 2);
+    forEachStretch(centre, radius, [&](std::size_t begin, std::size_t end) {
+        visitPlaces(begin, end, centre, reach2, visit);
+    });
+}
+
+template <typename Visit>
+void CellList::forEachStretch(const Position& centre, double radius, Visit visit) const {
+    forEachStretch(centre, centre, radius, visit);
+}
+
+template <typename Visit>
+void CellList::forEachStretch(const Position& low, const Position& high, double radius, Visit visit) const {
+    const auto boxes = [&](std::size_t axis, double reach) {
+        return boxesAround(0.5 * (low[axis] + high[axis]), 0.5 * (high[axis] - low[axis]) + reach, axis);
+    };
+    const Interval x = boxes(0, radius);
+    const Interval y = boxes(1, radius);
+    const Interval z = boxes(2, radius);
     if (m_boxes.empty() || x.from > x.to || y.from > y.to || z.from > z.to) return;
     const auto rows =
         static_cast<std::uint64_t>(y.to - y.from + 1) * static_cast<std::uint64_t>(z.to - z.from + 1);
-    if (rows >= m_boxes.size()) return visitPlaces(0, size(), centre, reach2, visit);
+    if (rows >= m_boxes.size()) return visit(std::size_t(0), size());
     const auto key = [](std::int64_t cx, std::int64_t cy, std::int64_t cz) {
         return keyOf(static_cast<std::uint64_t>(cx), static_cast<std::uint64_t>(cy),
                      static_cast<std::uint64_t>(cz));
     };
     const auto before = [](const Box& box, std::uint64_t k) { return box.key < k; };
+    const bool isLong = x.to - x.from >= kLongRow;
     for (std::int64_t cz = z.from; cz <= z.to; ++cz) {
         // One search per plane: the rows of a plane follow each other.
         auto box = std::lower_bound(m_boxes.begin(), m_boxes.end(), key(x.from, y.from, cz), before);
         for (std::int64_t cy = y.from; cy <= y.to; ++cy) {
-            const std::uint64_t first = key(x.from, cy, cz);
-            const std::uint64_t last = key(x.to, cy, cz);
+            Interval row = x;
+            if (isLong) {
+                const double left = radius * radius * (1.0 + 1e-9) - squareGap(cy, low[1], high[1], 1) -
+                                    squareGap(cz, low[2], high[2], 2);
+                if (left < 0.0) continue;
+                row = boxes(0, std::sqrt(left));
+                if (row.from > row.to) continue;
+            }
+            const std::uint64_t first = key(row.from, cy, cz);
+            const std::uint64_t last = key(row.to, cy, cz);
             box = std::lower_bound(box, m_boxes.end(), first, before);
             if (box == m_boxes.end()) break;
             const std::size_t begin = box->begin;
             std::size_t end = begin;
             for (; box != m_boxes.end() && box->key <= last; ++box)
                 end = box->end;
-            visitPlaces(begin, end, centre, reach2, visit);
+            if (begin < end) visit(begin, end);
         }
     }
 }

@@ -50,6 +50,14 @@ float kernelAt(std::size_t i, std::size_t j) {
     return kernel[i > j ? i - j : j - i];
 }
 
+#if defined(__x86_64__)
+[[gnu::target_clones("default", "avx2", "arch=x86-64-v4")]]
+#endif
+void addWeighted(const float* __restrict from, float weight, std::size_t n, float* __restrict to) {
+    for (std::size_t i = 0; i < n; ++i)
+        to[i] += weight * from[i];
+}
+
 }  // namespace
 
 std::size_t PotentialGrid::Cells::size() const {
@@ -171,9 +179,7 @@ void PotentialGrid::blurAcross(std::size_t axis) {
             const std::size_t last = std::min(along - 1, i + kTaps);
             for (std::size_t j = i > kTaps ? i - kTaps : 0; j <= last; ++j) {
                 const float weight = kernelAt(i, j);
-                float* const to = &rows[j * length];
-                for (std::size_t x = 0; x < length; ++x)
-                    to[x] += weight * from[x];
+                addWeighted(from, weight, length, &rows[j * length]);
                 used[j] = 1;
             }
         }
@@ -251,22 +257,30 @@ bool PotentialGrid::standsApart(const Position& place, double potential) const {
 }
 
 void PotentialGrid::subtract(const Cell& centre, double potential) {
-    const int reach = static_cast<int>(kKernelReach * kSubtracted * kCellsPerRadius);
+    constexpr int reach = static_cast<int>(kKernelReach * kSubtracted * kCellsPerRadius);
+    static const auto weights = [] {
+        std::array<float, 2 * reach + 1> values;
+        for (int d = -reach; d <= reach; ++d) {
+            const double radii = d / (kSubtracted * kCellsPerRadius);
+            values[static_cast<std::size_t>(d + reach)] = static_cast<float>(std::exp(-4.0 * radii * radii));
+        }
+        return values;
+    }();
     Cell from;
     Cell to;
     for (std::size_t k = 0; k < 3; ++k) {
         from[k] = std::max(0, centre[k] - reach);
         to[k] = std::min(m_cells.count[k] - 1, centre[k] + reach);
     }
-    const auto weight = [&](int d) {
-        const double radii = d / (kSubtracted * kCellsPerRadius);
-        return static_cast<float>(std::exp(-4.0 * radii * radii));
-    };
+    const auto weight = [&](int d) { return weights[static_cast<std::size_t>(d + reach)]; };
+    const auto length = static_cast<std::size_t>(to[0] - from[0] + 1);
+    const float* const along = &weights[static_cast<std::size_t>(from[0] - centre[0] + reach)];
     for (int z = from[2]; z <= to[2]; ++z)
         for (int y = from[1]; y <= to[1]; ++y) {
             const float row = static_cast<float>(potential) * weight(z - centre[2]) * weight(y - centre[1]);
-            for (int x = from[0]; x <= to[0]; ++x)
-                m_potentials[m_cells.index({x, y, z})] -= row * weight(x - centre[0]);
+            float* const potentials = &m_potentials[m_cells.index({from[0], y, z})];
+            for (std::size_t i = 0; i < length; ++i)
+                potentials[i] -= row * along[i];
         }
 }
 
