@@ -1,10 +1,6 @@
-#include <gtest/gtest.h>
-
 #include <cstdio>
-#include <sstream>
 
 #include "app/RunVrk.h"
-#include "support/TemporaryFolder.h"
 
 namespace {
 
@@ -51,12 +47,12 @@ TEST(CompletionTest, BothScriptsKnowEveryCommandOfTheHelpText) {
         if (!listed || line.rfind("  ", 0) != 0 || line[2] == ' ') continue;
         const std::string name = line.substr(2, line.find(' ', 2) - 2);
         ++commands;
-        EXPECT_NE(bash.find("\n            " + name + ") words='"), std::string::npos) << name;
-        EXPECT_NE(zsh.find("\n        " + name + ") _arguments"), std::string::npos) << name;
+        EXPECT_TRUE(says(bash, "\n            " + name + ") words='")) << name;
+        EXPECT_TRUE(says(zsh, "\n        " + name + ") _arguments")) << name;
 
         const std::string text = runVrk({name, "--help"}).out;
-        EXPECT_NE(text.find("Example"), std::string::npos) << name;
-        EXPECT_NE(text.find("vrk " + name + ' '), std::string::npos) << name;
+        EXPECT_TRUE(says(text, "Example")) << name;
+        EXPECT_TRUE(says(text, "vrk " + name + ' ')) << name;
         EXPECT_TRUE(std::isupper(static_cast<unsigned char>(text[0]))) << text;
     }
     EXPECT_GE(commands, 13);
@@ -67,7 +63,7 @@ TEST(CompletionTest, BothScriptsKnowEveryCommandOfTheHelpText) {
           "'-o[Cell file to write]:value:_files' '--output[", " '--json[Print the summary as JSON]' ",
           "'--axis[Axis to draw, degrees \\[as the series states\\]]:value:_files'",
           "for '\\''vrk preprocess --rotate'\\'' and"})
-        EXPECT_NE(zsh.find(entry), std::string::npos) << entry;
+        EXPECT_TRUE(says(zsh, entry)) << entry;
 }
 
 }  // namespace

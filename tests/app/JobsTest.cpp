@@ -1,13 +1,8 @@
 // Threads change no file of a run.
-#include <gtest/gtest.h>
 
-#include <filesystem>
 #include <map>
-#include <nlohmann/json.hpp>
-#include <string>
 
-#include "RunVrk.h"
-#include "support/TemporaryFolder.h"
+#include "app/RunVrk.h"
 
 namespace {
 
@@ -15,7 +10,7 @@ namespace fs = std::filesystem;
 
 /// The summary without what it says of time, memory and the command line.
 std::string withoutCosts(const std::string& text) {
-    nlohmann::json summary = nlohmann::json::parse(text);
+    Json summary = Json::parse(text);
     for (const char* key : {"program", "seconds", "memory_mib", "peak_memory_mib"})
         summary.erase(key);
     return summary.dump();

@@ -16,6 +16,8 @@
 
 #include "pipeline/base/Angle.h"
 #include "pipeline/integration/SeriesGeometry.h"
+#include "support/Indices.h"
+#include "support/Says.h"
 #include "support/TemporaryFolder.h"
 
 namespace {
@@ -57,19 +59,16 @@ protected:
     void measureFrame(int frame) {
         const FramePose pose{experiment.tilts.back() * vrk::kDegree, 2 * vrk::kDegree, 127.5, 124.5};
         const FrameView view(m_geometry, pose);
-        for (int h = -3; h <= 3; ++h)
-            for (int k = -4; k <= 4; ++k)
-                for (int l = -5; l <= 5; ++l) {
-                    const SpotPlace place = view.place(m_geometry.reciprocal * Eigen::Vector3d(h, k, l));
-                    if ((h == 0 && k == 0 && l == 0) || std::abs(place.excitation) > 0.01) continue;
-                    const double value = 1000 + 100 * h + 10 * k + l;
-                    frames.push_back(
-                        {h, k, l, frame, value, 5, place.excitation, place.rate, place.x, place.y});
-                    if (std::abs(place.excitation) < std::abs(place.rate) * vrk::kDegree)
-                        whole.push_back({h, k, l, value, 7, place.x, place.y,
-                                         frame - place.excitation / place.rate / (2 * vrk::kDegree),
-                                         experiment.tilts.back(), 0.9, whole.size() % 10 == 3});
-                }
+        forEachIndex(3, 4, 5, [&](int h, int k, int l) {
+            const SpotPlace place = view.place(m_geometry.reciprocal * Eigen::Vector3d(h, k, l));
+            if ((h == 0 && k == 0 && l == 0) || std::abs(place.excitation) > 0.01) return;
+            const double value = 1000 + 100 * h + 10 * k + l;
+            frames.push_back({h, k, l, frame, value, 5, place.excitation, place.rate, place.x, place.y});
+            if (std::abs(place.excitation) < std::abs(place.rate) * vrk::kDegree)
+                whole.push_back({h, k, l, value, 7, place.x, place.y,
+                                 frame - place.excitation / place.rate / (2 * vrk::kDegree),
+                                 experiment.tilts.back(), 0.9, whole.size() % 10 == 3});
+        });
     }
 
     SeriesGeometry m_geometry;
@@ -129,11 +128,10 @@ TEST_F(MeasuredIntensitiesTest, GemmiReadsXdsAsciiBack) {
         EXPECT_NEAR(xds.data[i].xd, whole[i].x + 1, 0.051);
         EXPECT_NEAR(xds.data[i].zd, whole[i].frame + 0.5, 0.051);
     }
-    EXPECT_NE(text.str().find("!NX=   256 NY=   250 QX= 0.050000 QY= 0.050000\n"), std::string::npos);
-    EXPECT_NE(text.str().find("   1.00000   90  100     0.00\n"), std::string::npos);
-    EXPECT_NE(text.str().find("!DIRECTION_OF_DETECTOR_X-AXIS= 1.00000 0.00000 0.00000\n"
-                              "!DIRECTION_OF_DETECTOR_Y-AXIS= 0.00000 1.00000 0.00000\n"),
-              std::string::npos);
+    EXPECT_TRUE(says(text.str(),
+                     {"!NX=   256 NY=   250 QX= 0.050000 QY= 0.050000\n", "   1.00000   90  100     0.00\n",
+                      "!DIRECTION_OF_DETECTOR_X-AXIS= 1.00000 0.00000 0.00000\n"
+                      "!DIRECTION_OF_DETECTOR_Y-AXIS= 0.00000 1.00000 0.00000\n"}));
     // The numbers of the header say where a reflection meets the sphere, and that it does.
     const auto header = [&](const char* key, std::array<double, 3> v = {}) {
         const std::size_t at = text.str().find(key);
@@ -192,7 +190,7 @@ TEST_F(MeasuredIntensitiesTest, VirtualFramesAgreeWithThemselves) {
                              "geometry: continuous rotation\ndstarmax: 0.556\n",
                              "mosaicity: 0.200\nrotation axis position: -130.000\n",
                              "merged frames: 3\n                        step between frames: 2\n"})
-        EXPECT_NE(text.find(part), std::string::npos) << part;
+        EXPECT_TRUE(says(text, part)) << part;
     gemmi::cif::Document document = gemmi::cif::read_file(folder / "d.cif_pets");
     gemmi::cif::Block& block = document.blocks.at(0);
     Eigen::Matrix3d ub;

@@ -1,20 +1,12 @@
 // vrk merge on results of crystals whose intensities, scales and bases are known.
-#include <gtest/gtest.h>
 
-#include <algorithm>
-#include <filesystem>
 #include <gemmi/mtz.hpp>
-#include <nlohmann/json.hpp>
-#include <string>
 
 #include "app/RunVrk.h"
 #include "merging/SimulatedCrystals.h"
 #include "pipeline/formats/ReflectionTable.h"
-#include "support/TemporaryFolder.h"
 
 namespace {
-
-using Json = nlohmann::json;
 
 /// The files of a run that merging reads.
 void writeResult(const vrk::CrystalData& crystal, const std::filesystem::path& folder) {
@@ -67,22 +59,18 @@ protected:
         return runVrkLine("merge -o out --no-pictures --json " + arguments, *folder / ".");
     }
     static Json merged(const std::string& arguments) {
-        const VrkResult result = merge(arguments);
-        EXPECT_EQ(result.exitCode, 0) << result.err;
-        return Json::parse(result.out);
+        return jsonOfVrk("merge -o out --no-pictures " + arguments, *folder / ".");
     }
 
-    static std::unique_ptr<TemporaryFolder> folder;
+    inline static std::unique_ptr<TemporaryFolder> folder;
 };
-
-std::unique_ptr<TemporaryFolder> MergeCommandTest::folder;
 
 TEST_F(MergeCommandTest, WritesOneDataSet) {
     const VrkResult result =
         runVrkLine("merge r0 r1 r2 r3 empty -o first --formula SiO2 --log-level debug", *folder / ".");
     ASSERT_EQ(result.exitCode, 0) << result.err;
-    EXPECT_NE(result.err.find("empty has no intensities"), std::string::npos) << result.err;
-    EXPECT_NE(result.out.find("crystals      4 of 4 merged"), std::string::npos) << result.out;
+    EXPECT_TRUE(says(result.err, "empty has no intensities"));
+    EXPECT_TRUE(says(result.out, "crystals      4 of 4 merged"));
     EXPECT_EQ(runVrkLine("verify first", *folder / ".").err, "");
     const Json summary = Json::parse(folder->read("first/merge.json"));
     const Json& all = summary["/intensities/overall"_json_pointer];
@@ -105,16 +93,15 @@ TEST_F(MergeCommandTest, WritesOneDataSet) {
     EXPECT_NEAR(mtz.cell.c, 8.3, 1e-3);
     EXPECT_EQ(mtz.spacegroup->laue_str(), std::string("4/m"));
     const std::string instructions = folder->read("first/crystal.ins");
-    EXPECT_NE(instructions.find("SYMM -Y,X,Z"), std::string::npos) << instructions;
-    EXPECT_NE(instructions.find("SFAC Si"), std::string::npos) << instructions;
+    EXPECT_TRUE(says(instructions, {"SYMM -Y,X,Z", "SFAC Si"}));
     EXPECT_FALSE(folder->read("first/plots/merging.plt").empty());
-    EXPECT_NE(folder->read("first/vrk.log").find("options:"), std::string::npos);
+    EXPECT_TRUE(says(folder->read("first/vrk.log"), "options:"));
 }
 
 TEST_F(MergeCommandTest, OptionsDecideWhichCrystalsTakePart) {
     const VrkResult refused = merge("r0 r1 r2 other");
     EXPECT_EQ(refused.exitCode, 2);
-    EXPECT_NE(refused.err.find("\n  other: tP 6.500 6.500 8.715"), std::string::npos) << refused.err;
+    EXPECT_TRUE(says(refused.err, "\n  other: tP 6.500 6.500 8.715"));
     EXPECT_FALSE(std::filesystem::exists(*folder / "out/merge.json"));
     const auto used = [](const Json& summary) {
         std::string text;
@@ -169,7 +156,7 @@ TEST_F(MergeCommandTest, ReferenceDecidesTheIndices) {
           {"nowhere.hkl", "there is no reference"}}) {
         const VrkResult refused = merge("r0 r1 --reference " + reference);
         EXPECT_NE(refused.exitCode, 0);
-        EXPECT_NE(refused.err.find(complaint), std::string::npos) << refused.err;
+        EXPECT_TRUE(says(refused.err, complaint));
     }
 }
 
@@ -179,12 +166,11 @@ TEST_F(MergeCommandTest, RefusesWhatItCannotMerge) {
         EXPECT_NE(result.exitCode, 0);
         return result.err;
     };
-    EXPECT_NE(refusal("r0 r0").find("given twice"), std::string::npos);
-    EXPECT_NE(refusal("r0 empty").find("two crystals at least"), std::string::npos);
-    EXPECT_NE(refusal("r0 nothing").find("holds no summary.json"), std::string::npos);
-    EXPECT_NE(refusal("r0 r1 --reference other").find("is not that of the crystals"), std::string::npos);
-    EXPECT_NE(runVrkLine("merge r0 r1 -o r2", *folder / ".").err.find("give another folder"),
-              std::string::npos);
+    EXPECT_TRUE(says(refusal("r0 r0"), "given twice"));
+    EXPECT_TRUE(says(refusal("r0 empty"), "two crystals at least"));
+    EXPECT_TRUE(says(refusal("r0 nothing"), "holds no summary.json"));
+    EXPECT_TRUE(says(refusal("r0 r1 --reference other"), "is not that of the crystals"));
+    EXPECT_TRUE(says(runVrkLine("merge r0 r1 -o r2", *folder / ".").err, "give another folder"));
     EXPECT_FALSE(folder->read("r2/reflections.csv").empty());
 }
 

@@ -1,22 +1,15 @@
 // vrk run against the truth: every number of its summary, on simulated series of all kinds.
-#include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cmath>
 #include <map>
-#include <nlohmann/json.hpp>
 #include <set>
-#include <sstream>
 
 #include "app/RunVrk.h"
 #include "support/JsonMatrix.h"
-#include "support/TemporaryFolder.h"
 
 namespace {
 
 using Eigen::Matrix3d;
 using Eigen::Vector3d;
-using Json = nlohmann::json;
 
 struct TruthCase {
     const char* simulate;
@@ -36,20 +29,16 @@ struct TruthCase {
 constexpr const char* kEdges[] = {"a", "b", "c"};
 constexpr const char* kAngles[] = {"alpha", "beta", "gamma"};
 
-class RunTruthTest : public testing::TestWithParam<TruthCase> {
+class RunTruthTest : public VrkTest, public testing::WithParamInterface<TruthCase> {
 protected:
     void SetUp() override {
         const TruthCase& one = GetParam();
         std::string line = std::string("simulate --list-reflections --dmin 1 ") + one.simulate;
         for (const char* usual : {"--size 256", "--tilts -60:60:2"})
             if (line.find(words(usual)[0]) == std::string::npos) line += std::string(" ") + usual;
-        const VrkResult simulated = runVrkLine(line + " -o " + (folder / "s.mrc"));
-        ASSERT_EQ(simulated.exitCode, 0) << simulated.err;
-        truth = Json::parse(folder.read("s.truth.json"));
-        const VrkResult result = runVrk(words("run " + (folder / "s.mrc") + " -o " + (folder / "out") +
-                                              " --json --no-pictures " + one.run));
-        ASSERT_EQ(result.exitCode, 0) << result.err;
-        found = Json::parse(result.out);
+        truth = jsonOf(line + " -o s.mrc");
+        found = jsonOf(std::string("run s.mrc -o out --no-pictures ") + one.run);
+        ASSERT_TRUE(truth.is_object() && found.is_object());
     }
 
     double number(const std::string& place) const { return found.at(Json::json_pointer(place)); }
@@ -65,7 +54,6 @@ protected:
     void expectSums() const;
     void expectTheRest() const;
 
-    TemporaryFolder folder;
     Json truth;
     Json found;
 };
@@ -201,12 +189,8 @@ void RunTruthTest::expectLattice() const {
 
 /// Indexing the peaks of the run with its cell finds type, cell and indices of the run again.
 void RunTruthTest::expectSameFromIndex() const {
-    const VrkResult result =
-        runVrkLine("index " + (folder / "out/peaks.txt") + " " + (folder / "out/cell.txt") + " -o " +
-                   (folder / "again.hkl") + " --lattice auto --json --voltage " +
-                   std::to_string(number("/parameters/voltage_kv")));
-    ASSERT_EQ(result.exitCode, 0) << result.err;
-    const Json again = Json::parse(result.out);
+    const Json again = jsonOf("index out/peaks.txt out/cell.txt -o again.hkl --lattice auto --voltage " +
+                              std::to_string(number("/parameters/voltage_kv")));
     EXPECT_EQ(again["cell"]["bravais"], found["cell"]["conventional"]["bravais"]);
     for (std::size_t i = 0; i < 3; ++i) {
         const double edge = number(std::string("/cell/conventional/") + kEdges[i]);
@@ -405,7 +389,7 @@ void RunTruthTest::expectTheRest() const {
     const std::string warning = GetParam().warning;
     EXPECT_EQ(found["warnings"].size(), warning.empty() ? 0U : 1U) << found["warnings"];
     if (!warning.empty()) {
-        EXPECT_NE(found["warnings"].dump().find(warning), std::string::npos) << found["warnings"];
+        EXPECT_TRUE(says(found["warnings"].dump(), warning)) << found["warnings"];
     }
 }
 

@@ -1,7 +1,6 @@
 #include "app/RunVrk.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <linux/capability.h>
 #include <pty.h>
 #include <signal.h>
@@ -9,13 +8,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
-#include <cstdio>
 #include <cstdlib>
 #include <iterator>
-#include <memory>
-#include <sstream>
 #include <stdexcept>
 
 namespace {

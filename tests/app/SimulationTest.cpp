@@ -1,16 +1,13 @@
 #include "pipeline/simulation/Simulation.h"
 
-#include <gtest/gtest.h>
-
 #include <Eigen/Dense>
-#include <algorithm>
-#include <cmath>
 #include <gemmi/c4322.hpp>
 #include <numbers>
 #include <span>
 
+#include "app/RunVrk.h"
+#include "pipeline/base/Angle.h"
 #include "pipeline/base/Failure.h"
-#include "support/TemporaryFolder.h"
 
 namespace {
 
@@ -18,7 +15,7 @@ using vrk::SimulatedReflection;
 using vrk::SimulatedSeries;
 using vrk::SimulationSettings;
 
-constexpr double kDegree = std::numbers::pi / 180;
+using vrk::kDegree;
 
 std::vector<double> tiltRange(double first, double last, double step) {
     std::vector<double> tilts;
@@ -502,6 +499,44 @@ TEST(Simulation, ImpossibleSettingsAreRefused) {
         spoilers[i](settings);
         EXPECT_THROW(vrk::simulateSeries(settings), vrk::Failure) << "case " << i;
     }
+}
+
+using SimulateCommand = VrkTest;
+
+TEST_F(SimulateCommand, WritesTheTruthAndWhatHeadersAreToState) {
+    const std::string line =
+        "simulate -o s.mrc --size 64 --dmin 2 --tilts 10:-10:-2 --cell 10,11,12,90,95,90 --axis 20 ";
+    Json truth = jsonOf(line + "--write-axis --kv 120 --centring C --list-reflections");
+    EXPECT_EQ(jsonFile("s.truth.json"), truth);
+    EXPECT_NEAR(truth["pixel_size"].get<double>(), 1e10 / 2 / 28, 1e-3);
+    EXPECT_EQ(truth["cell"]["conventional"]["centring"], "C");
+    EXPECT_NEAR(truth["wavelength"].get<double>(), 0.03349, 1e-5);
+    EXPECT_EQ(truth["reflections"].size(), truth["reflections_in_sphere"].get<std::size_t>());
+    Json series = jsonOf("info s.mrc");
+    EXPECT_EQ(series["type"], "tilt series");
+    EXPECT_EQ(series["tilt"], Json::parse(R"({"first": 10, "last": -10, "step": -2, "smallest_step": -2,
+        "largest_step": -2, "regular": true, "axis": 20, "high_tension_kv": 120})"));
+    EXPECT_NEAR(series["pixel_size"].get<double>(), 1e10 / 2 / 28, 100);
+    // Half written files never bear the final name.
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder / ""), {}), 2);
+
+    truth = jsonOf(line +
+                   "--state-axis 25 --state-step -3 --state-pixel 1.5 --state-kv 300 --tilt-offset 2 "
+                   "--tilt-scale 0.5");
+    series = jsonOf("info s.mrc");
+    const double pixelSize = series["pixel_size"];
+    EXPECT_NEAR(pixelSize / truth["pixel_size"].get<double>(), 1.5, 1e-6);
+    EXPECT_NEAR(truth["stated"]["pixel_size"].get<double>() / pixelSize, 1, 1e-6);
+    EXPECT_NEAR(truth["tilts"][10].get<double>(), -3, 1e-9);
+    const auto three = [](const Json& axis, const Json& tilt, const Json& kiloVolts) {
+        return Json{axis, tilt, kiloVolts};
+    };
+    const Json& stated = truth["stated"];
+    EXPECT_EQ(three(truth["tilt_axis_deg"], truth["tilts"][0], truth["voltage_kv"]), Json({20, 7, 200}));
+    EXPECT_EQ(three(stated["tilt_axis_deg"], stated["tilts"][10], stated["voltage_kv"]),
+              Json({25, -20, 300}));
+    EXPECT_EQ(three(series["tilt"]["axis"], series["tilt"]["last"], series["tilt"]["high_tension_kv"]),
+              Json({25, -20, 300}));
 }
 
 }  // namespace
