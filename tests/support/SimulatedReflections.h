@@ -12,6 +12,7 @@
 #include "crystallography/UnitCell.h"
 #include "reflections/Reflex.h"
 #include "reflections/ReflexVector.h"
+#include "support/Indices.h"
 
 using Vec3 = std::array<double, 3>;
 using Mat3 = std::array<Vec3, 3>;  ///< three vectors
@@ -74,10 +75,8 @@ inline void forEachNode(const Mat3& basis, double radius,
     for (const Vec3& vector : basis)
         shortest = std::min(shortest, std::hypot(vector[0], vector[1], vector[2]));
     const int most = static_cast<int>(std::ceil(2.0 * radius / shortest)) + 1;
-    for (int h = -most; h <= most; ++h)
-        for (int k = -most; k <= most; ++k)
-            for (int l = -most; l <= most; ++l) {
-                const Vec3 node = nodeOf(basis, h, k, l);
-                if ((h || k || l) && std::hypot(node[0], node[1], node[2]) <= radius) use(h, k, l, node);
-            }
+    forEachIndex(most, most, most, [&](int h, int k, int l) {
+        const Vec3 node = nodeOf(basis, h, k, l);
+        if ((h || k || l) && std::hypot(node[0], node[1], node[2]) <= radius) use(h, k, l, node);
+    });
 }
