@@ -65,20 +65,6 @@ std::string strainOf(const SymmetryChoice& choice) {
     return strainText(choice.conventional, choice.untied, choice.characters.front().bravaisType);
 }
 
-TEST(SymmetryChoice, TakesTheHighestTypeThatCostsNothing) {
-    const struct {
-        Vector3d edges;
-        LATTICE::BravaisTypes type;
-    } cases[] = {{{9, 9, 12}, LATTICE::tP}, {{9, 9.2, 12}, LATTICE::oP}, {{9, 9, 9}, LATTICE::cP}};
-    for (const auto& one : cases) {
-        const SymmetryChoice choice = TiltedCrystal(one.edges).choose(std::nullopt);
-        EXPECT_EQ(choice.characters.front().bravaisType, one.type);
-        EXPECT_EQ(strainOf(choice), "");
-        for (std::size_t i = 0; i < 3; ++i)
-            EXPECT_NEAR(choice.conventional.cell[i], one.edges[static_cast<Eigen::Index>(i)], 0.01);
-    }
-}
-
 TEST(SymmetryChoice, IndexesFreelyUnderTiesThatAreWanted) {
     const TiltedCrystal crystal({9.0, 9.2, 12.0});
     const SymmetryChoice choice = crystal.choose(LATTICE::tP);
