@@ -8,6 +8,7 @@
 #include <random>
 
 #include "pipeline/base/Failure.h"
+#include "pipeline/formats/CellInput.h"
 #include "pipeline/integration/SeriesGeometry.h"
 
 namespace {
@@ -16,7 +17,10 @@ using Eigen::Matrix3d;
 using Eigen::Vector3d;
 
 Matrix3d baseOf(const std::array<double, 6>& cell) {
-    return vrk::standardVectors(cell);
+    UnitCell primitive = vrk::cellFromNumbers({cell.begin(), cell.end()}, 'P').primitive;
+    Matrix3d base;
+    primitive.getBase(base.col(0).data(), base.col(1).data(), base.col(2).data());
+    return base;
 }
 
 std::array<double, 6> cellOf(const Matrix3d& base) {
