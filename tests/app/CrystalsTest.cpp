@@ -22,7 +22,7 @@ protected:
     static void expectCell(const Json& cell, double within) {
         const Json& expected = truth["cell"]["primitive"];
         for (const char* key : {"a", "b", "c"})
-            EXPECT_NEAR(cell[key].get<double>(), expected[key].get<double>(), within) << key;
+            EXPECT_NEAR(cell[key], expected[key], within) << key;
     }
 
     inline static std::unique_ptr<TemporaryFolder> folder;

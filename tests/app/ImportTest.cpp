@@ -161,9 +161,12 @@ void expectThreeFrames(const Imported& imported, const std::vector<std::string>&
     expectWarnings(imported, told);
 }
 
-TEST(Import, SmvFramesCarryTheirGeometry) {
-    const TemporaryFolder folder;
+struct Import : testing::Test {
+    TemporaryFolder folder;
     ImportSettings settings;
+};
+
+TEST_F(Import, SmvFramesCarryTheirGeometry) {
     // Descending, and neither in the order of the names.
     for (const int frame : {2, 0, 1})
         settings.files.push_back(folder.write(numbered("f", 9 - frame, ".img"), smv(frame, frame - 1.25)));
@@ -176,8 +179,7 @@ TEST(Import, SmvFramesCarryTheirGeometry) {
     EXPECT_FLOAT_EQ(imported.header().amean, 129.5F);
 }
 
-TEST(Import, SmvPixelsInEveryTypeAndByteOrder) {
-    const TemporaryFolder folder;
+TEST_F(Import, SmvPixelsInEveryTypeAndByteOrder) {
     const std::vector<std::pair<std::string, std::function<std::string(bool)>>> types = {
         {"unsigned_char", [](bool big) { return pixels<std::uint8_t>(1, big); }},
         {"unsigned_short", [](bool big) { return pixels<std::uint16_t>(1, big); }},
@@ -200,10 +202,9 @@ TEST(Import, SmvPixelsInEveryTypeAndByteOrder) {
         }
 }
 
-TEST(Import, TiffPagesAndFiles) {
-    const TemporaryFolder folder;
+TEST_F(Import, TiffPagesAndFiles) {
     for (const int depth : {CV_8U, CV_8S, CV_16U, CV_16S, CV_32F}) {
-        std::vector<cv::Mat> pages;
+        std::vector<cv::Mat> stack;
         ImportSettings single;
         for (int frame = 0; frame < 3; ++frame) {
             cv::Mat page(kHeight, kWidth, CV_32S);
@@ -212,17 +213,17 @@ TEST(Import, TiffPagesAndFiles) {
                     depth == CV_8S || depth == CV_8U ? i - 5 : pixel(frame, i);
             cv::Mat converted;
             page.convertTo(converted, depth);
-            pages.push_back(converted);
+            stack.push_back(converted);
             single.files.push_back(folder / numbered("s", frame, ".tif"));
             ASSERT_TRUE(cv::imwrite(single.files.back().string(), converted));
         }
-        ASSERT_TRUE(cv::imwrite(folder / "m.tif", pages));
+        ASSERT_TRUE(cv::imwrite(folder / "m.tif", stack));
         ImportSettings multi;
         multi.files = {folder / "m.tif"};
-        for (ImportSettings* settings : {&single, &multi}) {
-            EXPECT_TRUE(says(failure(*settings), "--tilts"));
-            settings->tilts = "-1:1";
-            const Imported imported = import(*settings);
+        for (ImportSettings* pages : {&single, &multi}) {
+            EXPECT_TRUE(says(failure(*pages), "--tilts"));
+            pages->tilts = "-1:1";
+            const Imported imported = import(*pages);
             if (depth == CV_8S || depth == CV_8U)
                 EXPECT_EQ(imported.at(1, 2), depth == CV_8S ? -3 : 0);
             else
@@ -231,7 +232,7 @@ TEST(Import, TiffPagesAndFiles) {
     }
 }
 
-TEST(Import, MrcModesAndExtendedHeaders) {
+TEST_F(Import, MrcModesAndExtendedHeaders) {
     struct Case {
         const char* name;
         std::string bytes;
@@ -264,10 +265,8 @@ TEST(Import, MrcModesAndExtendedHeaders) {
         {"FEI1", mrc<std::uint16_t>(3, 6, feiRecords(3, 768, 4e7), kind("FEI1")), 4e7, 300, 0},
         {"FEI2", mrc<std::int16_t>(3, 1, feiRecords(3, 888, 2e-10), kind("FEI2")), 0, 300, 0},
     };
-    const TemporaryFolder folder;
     for (const Case& one : cases) {
         SCOPED_TRACE(one.name);
-        ImportSettings settings;
         settings.files = {folder.write("stack.mrc", one.bytes)};
         const Imported imported = import(settings);
         expectThreeFrames(imported);
@@ -277,8 +276,7 @@ TEST(Import, MrcModesAndExtendedHeaders) {
     }
 }
 
-TEST(Import, MrcBytesAreSignedUnlessTheFileSaysOtherwise) {
-    const TemporaryFolder folder;
+TEST_F(Import, MrcBytesAreSignedUnlessTheFileSaysOtherwise) {
     const auto value = [&](const std::function<void(std::string&)>& change) {
         const std::string path = folder.write("b.mrc", mrc<std::uint8_t>(2, 0, "", change));
         return vrk::FrameFile::open(path)->read(1).pixels[19];  // 158 or -98
@@ -295,9 +293,7 @@ TEST(Import, MrcBytesAreSignedUnlessTheFileSaysOtherwise) {
     EXPECT_EQ(value(flagged(0)), 158);
 }
 
-TEST(Import, TiltListsAndFrameLists) {
-    const TemporaryFolder folder;
-    ImportSettings settings;
+TEST_F(Import, TiltListsAndFrameLists) {
     settings.files = {folder.write("stack.mrc", mrc<std::int16_t>(3, 1, ""))};
     settings.kilovolts = 200;
     for (const std::string& list :
@@ -342,9 +338,7 @@ TEST(Import, TiltListsAndFrameLists) {
     EXPECT_NEAR(imported.header().value(SliceValue::HighTension, 0), 200, 0.05);
 }
 
-TEST(Import, SumsNeighboursButNotAcrossGaps) {
-    const TemporaryFolder folder;
-    ImportSettings settings;
+TEST_F(Import, SumsNeighboursButNotAcrossGaps) {
     const std::vector<double> starts = {0, 0.5, 1, 1.5, 2, 3, 3.5, 4};
     for (std::size_t i = 0; i < starts.size(); ++i)
         settings.files.push_back(
@@ -361,9 +355,7 @@ TEST(Import, SumsNeighboursButNotAcrossGaps) {
     expectWarnings(imported, {"2 slices hold fewer than 2 frames"});
 }
 
-TEST(Import, DropsEmptyAndRepeatedFramesWithAWarning) {
-    const TemporaryFolder folder;
-    ImportSettings settings;
+TEST_F(Import, DropsEmptyAndRepeatedFramesWithAWarning) {
     settings.files = {
         folder.write("a.img", smv(0, -1.25)), folder.write("b.img", smv(5, -1.25)),
         folder.write("c.img", smv(1, -0.25)), folder.write("d.img", smv(2, 0.75)),
@@ -375,9 +367,7 @@ TEST(Import, DropsEmptyAndRepeatedFramesWithAWarning) {
     EXPECT_TRUE(says(imported.warnings[0], "b.img at -1 degrees"));
 }
 
-TEST(Import, ClipsWithACountAndBins) {
-    const TemporaryFolder folder;
-    ImportSettings settings;
+TEST_F(Import, ClipsWithACountAndBins) {
     const auto wide = [](std::string keys) {
         return smvHeader("TYPE=unsigned_short;\nPIXEL_SIZE=0.05;\nDISTANCE=200;\nWAVELENGTH=0.0251;\n" +
                          keys);
@@ -422,9 +412,7 @@ TEST(Import, ClipsWithACountAndBins) {
     }
 }
 
-TEST(Import, MoreFramesThanSlicesAreSummed) {
-    const TemporaryFolder folder;
-    ImportSettings settings;
+TEST_F(Import, MoreFramesThanSlicesAreSummed) {
     settings.files = {folder.write("s.mrc", mrc<std::int16_t>(301, 1, ""))};
     settings.tilts = "-30:0.1";
     const Imported imported = import(settings);
@@ -437,13 +425,11 @@ TEST(Import, MoreFramesThanSlicesAreSummed) {
     }
 }
 
-TEST(Import, AFolderStandsForItsFrames) {
-    const TemporaryFolder folder;
+TEST_F(Import, AFolderStandsForItsFrames) {
     for (const int frame : {0, 1, 2})
         folder.write(numbered("f", frame + 9, ".img"), smv(frame, frame - 1.25));
     folder.write("preview.mrc", MRCBytes(8, 8, 1).bytes());
     folder.write("notes.txt", "nothing");
-    ImportSettings settings;
     settings.files = {folder / ""};
     Imported imported = import(settings);
     expectThreeFrames(imported, {"the 3 SMV files are taken; left out are 1 MRC"});
@@ -470,12 +456,11 @@ TEST(Import, AFolderStandsForItsFrames) {
     EXPECT_EQ(imported.header().tilt(0), 0.5);
 }
 
-TEST(Import, TiltsBeyondAQuarterTurnAreCountedFromTheirMiddle) {
-    const TemporaryFolder folder;
+TEST_F(Import, TiltsBeyondAQuarterTurnAreCountedFromTheirMiddle) {
     for (const auto& [middle, told] : {std::pair{150.75, "151 is subtracted"},
                                        {-91.25, "-91 is subtracted"},
                                        {90.75, "91 is subtracted"}}) {
-        ImportSettings settings;
+        settings = {};
         for (const int frame : {0, 1, 2})
             settings.files.push_back(
                 folder.write(numbered("f", frame, ".img"), smv(frame, middle + frame - 1)));
@@ -486,10 +471,9 @@ TEST(Import, TiltsBeyondAQuarterTurnAreCountedFromTheirMiddle) {
     }
 }
 
-TEST(Import, FramesThatCannotBeReadAreNamedOrSkipped) {
-    const TemporaryFolder folder;
+TEST_F(Import, FramesThatCannotBeReadAreNamedOrSkipped) {
     const std::string stack = mrc<std::int16_t>(4, 1, "");
-    ImportSettings frames;
+    ImportSettings& frames = settings;
     for (const int frame : {0, 1, 2})
         frames.files.push_back(folder.write(numbered("a", 2 * frame, ".img"), smv(frame, 0)));
     frames.files.push_back(folder.write("a1.img", "{\nHEADER_BYTES=512;\n"));
@@ -499,12 +483,12 @@ TEST(Import, FramesThatCannotBeReadAreNamedOrSkipped) {
     ImportSettings cut;
     cut.files = {folder.write("cut.mrc", stack.substr(0, stack.size() - 3))};
     cut.tilts = folder.write("cut.tlt", "-1\n0\n1\n");
-    for (const auto& [settings, name, bad] :
+    for (const auto& [given, name, bad] :
          {std::tuple{&frames, "a1.img", 2}, std::tuple{&cut, "cut.mrc", 1}}) {
-        settings->pixelSize = 5e7;
-        EXPECT_TRUE(says(failure(*settings), {name, "--skip-bad"}));
-        settings->skipBad = true;
-        const Imported imported = import(*settings);
+        given->pixelSize = 5e7;
+        EXPECT_TRUE(says(failure(*given), {name, "--skip-bad"}));
+        given->skipBad = true;
+        const Imported imported = import(*given);
         EXPECT_EQ(imported.result.bad, bad);
         expectThreeFrames(imported, {name});
     }
@@ -512,9 +496,7 @@ TEST(Import, FramesThatCannotBeReadAreNamedOrSkipped) {
     EXPECT_TRUE(says(failure(frames), "none of the 2 frames"));
 }
 
-TEST(Import, CountsBeyondSixteenBitsGetAFactorThatIsTold) {
-    const TemporaryFolder folder;
-    ImportSettings settings;
+TEST_F(Import, CountsBeyondSixteenBitsGetAFactorThatIsTold) {
     for (const int frame : {0, 1, 2}) {
         std::string bytes =
             smvHeader("TYPE=float;\nPIXEL_SIZE=0.05;\nDISTANCE=200;\nWAVELENGTH=0.0251;\nPHI=" +
@@ -534,8 +516,7 @@ TEST(Import, CountsBeyondSixteenBitsGetAFactorThatIsTold) {
     EXPECT_TRUE(says(std::string(imported.header().labl.data(), 80), "counts x"));
 }
 
-TEST(Import, DamagedInputIsRefusedWithAReason) {
-    const TemporaryFolder folder;
+TEST_F(Import, DamagedInputIsRefusedWithAReason) {
     const std::string good = smv(1, 0);
     const std::string stack = mrc<std::int16_t>(3, 1, "");
     const auto garbled = [](std::string bytes, std::size_t offset, std::int32_t value) {
@@ -587,7 +568,6 @@ TEST(Import, DamagedInputIsRefusedWithAReason) {
     folder.write("two.tlt", "5\n6\n");
     folder.write("words.tlt", "5\nsix\n7\n");
     for (const Case& one : cases) {
-        ImportSettings settings;
         settings.files = {folder.write(one.name, one.bytes)};
         settings.tilts = one.tilts.ends_with(".tlt") ? folder / one.tilts : one.tilts;
         EXPECT_TRUE(says(failure(settings), one.reason)) << one.name << ": ";
@@ -599,7 +579,7 @@ TEST(Import, DamagedInputIsRefusedWithAReason) {
     EXPECT_TRUE(says(failure(mixed), "different sizes"));
 }
 
-TEST(Import, NamesWithNumbersAreOrderedByThem) {
+TEST_F(Import, NamesWithNumbersAreOrderedByThem) {
     EXPECT_TRUE(vrk::naturallyBefore("f_2.img", "f_10.img"));
     EXPECT_TRUE(vrk::naturallyBefore("f_002.img", "f_10.img"));
     EXPECT_TRUE(vrk::naturallyBefore("a", "ab"));
@@ -607,7 +587,7 @@ TEST(Import, NamesWithNumbersAreOrderedByThem) {
     EXPECT_FALSE(vrk::naturallyBefore("f_10.img", "f_10.img"));
 }
 
-TEST(Import, KeepsHowTheCrystalTurnedDuringAFrame) {
+TEST_F(Import, KeepsHowTheCrystalTurnedDuringAFrame) {
     struct Row {
         double range;
         int sum;
@@ -617,8 +597,6 @@ TEST(Import, KeepsHowTheCrystalTurnedDuringAFrame) {
     for (const Row& row : {Row{0.5, 1, 0.5, ""}, Row{1, 1, 1.0, ""}, Row{0.9, 3, 2.9, ""}, Row{0, 2, 0.0, ""},
                            Row{2, 1, std::nullopt, "turns by 2 degrees, but their tilts are 1 apart"}}) {
         SCOPED_TRACE(row.range);
-        const TemporaryFolder folder;
-        ImportSettings settings;
         for (int frame = 0; frame < 6; ++frame)
             settings.files.push_back(
                 folder.write(numbered("f", frame, ".img"), smv(frame, frame - row.range / 2, row.range)));

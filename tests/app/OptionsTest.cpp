@@ -403,7 +403,7 @@ void OptionsTest::check(const std::string& text, const Json& printed, const Json
         const Json expected = parsed.is_discarded() ? Json(value) : parsed;
         const Json found = at(document, path);
         if (expected.is_number() && found.is_number())
-            EXPECT_NEAR(found.get<double>(), expected.get<double>(), 1e-6 * std::abs(expected.get<double>()));
+            EXPECT_NEAR(found, expected, 1e-6 * std::abs(expected.get<double>()));
         else
             EXPECT_EQ(found, expected);
     } else if (text.back() == '?') {

@@ -139,7 +139,7 @@ void ReportCommandTest::expectSpotsWhereTheyAreSaidToBe() {
         }
     EXPECT_GT(observed, 100);
     EXPECT_GE(shown, observed * 9 / 10) << "of " << observed;
-    EXPECT_NEAR(patterns["axis"].get<double>(), 25, 0.5);
+    EXPECT_NEAR(patterns["axis"], 25, 0.5);
 }
 
 void ReportCommandTest::expectSpotsInTheSections() {
