@@ -22,10 +22,6 @@ def output_of(name, *arguments):
     return done.stdout
 
 
-def numbers_of(line):
-    return [float(word) for word in line.split()[1:7]]
-
-
 @pytest.fixture(scope="module")
 def path(series, tmp_path_factory):
     path = tmp_path_factory.mktemp("series") / "a.mrc"
@@ -33,22 +29,14 @@ def path(series, tmp_path_factory):
     return path
 
 
-def test_file_to_cell(path):
-    line = output_of("file_to_cell.py", path)
-    assert line.startswith("oP ")
-    np.testing.assert_allclose(numbers_of(line), [4, 5, 6, 90, 90, 90], rtol=0.01)
-
-
-def test_own_reflections(tmp_path, result, series):
+def test_cells_are_found(path, tmp_path, result, series):
     rows = result.reflections
     np.savetxt(tmp_path / "list", np.c_[rows["x"], rows["y"], rows["z"], rows["intensity"]])
-    line = output_of("own_reflections.py", tmp_path / "list", str(series.pixel_size))
-    np.testing.assert_allclose(numbers_of(line), [4, 5, 6, 90, 90, 90], rtol=0.02)
-
-
-def test_own_stage(path):
-    line = output_of("own_stage.py", path)
-    np.testing.assert_allclose(numbers_of(line), [4, 5, 6, 90, 90, 90], rtol=0.03)
+    for within, *arguments in ((0.01, "file_to_cell.py", path), (0.03, "own_stage.py", path),
+                               (0.02, "own_reflections.py", tmp_path / "list", str(series.pixel_size))):
+        bravais, *numbers = output_of(*arguments).split()[:7]
+        assert bravais == "oP", arguments
+        np.testing.assert_allclose([float(one) for one in numbers], [4, 5, 6, 90, 90, 90], rtol=within)
 
 
 def test_volume_slice(path, tmp_path, result):

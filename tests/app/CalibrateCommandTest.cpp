@@ -1,32 +1,17 @@
 // vrk calibrate, and what its file does for other crystals.
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <nlohmann/json.hpp>
 
 #include "app/RunVrk.h"
-#include "support/TemporaryFolder.h"
 
 namespace {
 
-using Json = nlohmann::json;
-
-class CalibrateCommandTest : public testing::Test {
+class CalibrateCommandTest : public VrkTest {
 protected:
-    VrkResult vrk(const std::string& line) const { return runVrkLine(line, folder / "."); }
-    Json answer(const std::string& line) const {
-        const VrkResult result = vrk(line + " --json");
-        EXPECT_EQ(result.exitCode, 0) << line << '\n' << result.err;
-        return result.exitCode == 0 ? Json::parse(result.out) : Json();
-    }
     /// A crystal in the microscope of the test, which states a pixel size 2 % too large.
     void simulate(const std::string& name, const std::string& crystal) const {
-        answer("simulate -o " + name + " --size 192 --dmin 1.2 --tilts -60:60:3 --write-axis --axis 33 " +
+        jsonOf("simulate -o " + name + " --size 192 --dmin 1.2 --tilts -60:60:3 --write-axis --axis 33 " +
                "--ellipse 0.014 --ellipse-azimuth 64 --radial 0.006 --tilt-scale 1.008 --state-pixel 1.02 " +
                crystal);
     }
-
-    TemporaryFolder folder;
 };
 
 TEST_F(CalibrateCommandTest, PutsAnotherCrystalRightThatCouldNotTell) {
@@ -34,19 +19,20 @@ TEST_F(CalibrateCommandTest, PutsAnotherCrystalRightThatCouldNotTell) {
     simulate("b.mrc", "--cell 6.3,7.4,8.2,75,82,68 --seed 5");
     // The files of a run tell nearly the same as the series.
     ASSERT_EQ(vrk("run a.mrc -o a --no-pictures --no-integration").exitCode, 0);
-    const Json found = answer("calibrate a.mrc a -o d.json --cell 8.1,8.1,8.1,90,90,90");
-    EXPECT_NEAR(found["ellipse"]["value"], 0.014, 5e-4);
-    EXPECT_NEAR(found["ellipse_azimuth_deg"]["value"], 64, 2);
-    EXPECT_NEAR(found["radial"]["value"], 0.006, 0.0015);
-    EXPECT_NEAR(found["tilt_scale"]["value"], 1.008, 0.001);
-    EXPECT_NEAR(found["axis_angle_deg"]["value"], 33, 0.1);
-    EXPECT_NEAR(found["pixel_scale"]["value"], 1 / 1.02, 0.001);
+    const Json found = jsonOf("calibrate a.mrc a -o d.json --cell 8.1,8.1,8.1,90,90,90");
+    for (const auto& [name, value, within] : {std::tuple("ellipse", 0.014, 5e-4),
+                                              {"ellipse_azimuth_deg", 64, 2},
+                                              {"radial", 0.006, 0.0015},
+                                              {"tilt_scale", 1.008, 0.001},
+                                              {"axis_angle_deg", 33, 0.1},
+                                              {"pixel_scale", 1 / 1.02, 0.001}})
+        EXPECT_NEAR(found[name]["value"], value, within) << name;
     EXPECT_EQ(found["scatter"]["ellipse"]["series"], 2);
     EXPECT_LT(found["scatter"]["ellipse"]["deviation"], 3e-4);
 
-    const Json plain = answer("run b.mrc -o plain --no-pictures --no-integration");
-    const Json right = answer("run b.mrc -o right --no-pictures --distortion d.json");
-    const Json truth = Json::parse(folder.read("b.truth.json"));
+    const Json plain = jsonOf("run b.mrc -o plain --no-pictures --no-integration");
+    const Json right = jsonOf("run b.mrc -o right --no-pictures --distortion d.json");
+    const Json truth = jsonFile("b.truth.json");
     const auto error = [&](const Json& cells) {
         double most = 0;
         for (const char* edge : {"a", "b", "c"})
@@ -76,7 +62,7 @@ TEST_F(CalibrateCommandTest, RefusesWhatTellsNothing) {
         {"run a.mrc -o r --distortion a.truth.json", 1, "vrk calibrate"},
         {"run a.mrc -o r --distortion none.json", 1, "none.json"}};
     expectRefused(cases, folder / ".");
-    EXPECT_FALSE(std::filesystem::exists(folder / "d.json"));
+    EXPECT_FALSE(exists("d.json"));
 }
 
 }  // namespace

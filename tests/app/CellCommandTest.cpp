@@ -1,25 +1,17 @@
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cmath>
-#include <filesystem>
-#include <memory>
-#include <nlohmann/json.hpp>
 #include <random>
-#include <sstream>
 
 #include "app/RunVrk.h"
 #include "crystallography/CellFileImportExport.h"
 #include "crystallography/UnitCell.h"
 #include "reflections/PeakFileImportExport.h"
 #include "reflections/ReflexVector.h"
-#include "support/TemporaryFolder.h"
+#include "support/Indices.h"
 
 namespace {
 
 /// An I-centred tetragonal crystal, a = 10, c = 18 Angstrom, at 5e7 / m per voxel: as a list about 0, 0, 0
 /// and as the peak file of a volume of 160 voxels along each axis. One reflection in five is wrong.
-class CellCommandTest : public testing::Test {
+class CellCommandTest : public VrkTest {
 protected:
     CellCommandTest() {
         std::mt19937 random(4);
@@ -35,50 +27,37 @@ protected:
             ++m_count;
         };
         const double a = 20.0, c = 1e10 / (5e7 * 18.0);
-        for (int h = -7; h <= 7; ++h)
-            for (int k = -7; k <= 7; ++k)
-                for (int l = -7; l <= 7; ++l) {
-                    const double x = 0.8 * a * h - 0.6 * c * l, y = a * k, z = 0.6 * a * h + 0.8 * c * l;
-                    const double r = std::hypot(x, y, z);
-                    if ((h + k + l) % 2 != 0 || r < 5.0 || r > 70.0) continue;
-                    add(x + noise(random), y + noise(random), z + noise(random));
-                    if (m_count % 5 == 0) add(anywhere(random), anywhere(random), anywhere(random));
-                }
-        m_folder.write("list.txt", list.str());
-        PeakFileImportExport::writePeakFile_version_2(m_folder / "peaks.txt", peaks.get(), 2, 160, 160, 160,
-                                                      -60.0, 60.0, 5e7, 0.0, 0.0, false);
-        PeakFileImportExport::writePeakFile_version_2(m_folder / "bent.txt", bent.get(), 2, 160, 160, 160,
-                                                      -60.0, 60.0, 5e7, 0.0, 0.0, false);
+        forEachIndex(7, 7, 7, [&](int h, int k, int l) {
+            const double x = 0.8 * a * h - 0.6 * c * l, y = a * k, z = 0.6 * a * h + 0.8 * c * l;
+            const double r = std::hypot(x, y, z);
+            if ((h + k + l) % 2 != 0 || r < 5.0 || r > 70.0) return;
+            add(x + noise(random), y + noise(random), z + noise(random));
+            if (m_count % 5 == 0) add(anywhere(random), anywhere(random), anywhere(random));
+        });
+        folder.write("list.txt", list.str());
+        for (const auto& [name, reflections] :
+             {std::pair("peaks.txt", peaks.get()), {"bent.txt", bent.get()}})
+            PeakFileImportExport::writePeakFile_version_2(folder / name, reflections, 2, 160, 160, 160, -60.0,
+                                                          60.0, 5e7, 0.0, 0.0, false);
         std::ostringstream nothing;
         for (int i = 0; i < 300; ++i)
             nothing << anywhere(random) << ' ' << anywhere(random) << ' ' << anywhere(random) << '\n';
-        m_folder.write("noise.txt", nothing.str());
+        folder.write("noise.txt", nothing.str());
     }
 
-    VrkResult cell(std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin(), "cell");
-        return runVrk(arguments, m_folder / ".");
-    }
-
-    TemporaryFolder m_folder;
     int m_count = 0;
 };
 
-TEST_F(CellCommandTest, FindsTheCellOfPeakFileAndList) {
-    const std::vector<std::vector<std::string>> cases = {
-        {"peaks.txt", "-o", "cell.txt", "--json", "--log", "log.txt"},
-        {"list.txt", "-o", "cell.txt", "--json", "--pixel-size", "5e7"},
-        {"peaks.txt", "-o", "cell.txt", "--json", "--eps", "1", "--min-points", "10", "--max-length", "40"},
-        {"peaks.txt", "-o", "cell.txt", "--json", "--clustering", "fsc"},
-        {"peaks.txt", "-o", "cell.txt", "--json", "--clustering", "fsc", "--max-length", "40"},
-        {"peaks.txt", "-o", "cell.txt", "--json", "--clustering", "ddsc"},
-    };
-    for (const auto& arguments : cases) {
-        SCOPED_TRACE(arguments.back());
-        const VrkResult run = cell(arguments);
+TEST_F(CellCommandTest, FindsTheCellOfPeakFileAndListAndReportsWhatItRestsOn) {
+    for (const std::string line :
+         {"peaks.txt --log log.txt", "list.txt --pixel-size 5e7",
+          "peaks.txt --eps 1 --min-points 10 --max-length 40", "peaks.txt --clustering fsc",
+          "peaks.txt --clustering fsc --max-length 40", "peaks.txt --clustering ddsc"}) {
+        SCOPED_TRACE(line);
+        const VrkResult run = vrk("cell -o cell.txt --json --report report.txt --debug-dump dump " + line);
         ASSERT_EQ(run.exitCode, 0) << run.err;
         EXPECT_EQ(run.err, "");
-        const auto json = nlohmann::json::parse(run.out);
+        const Json json = Json::parse(run.out);
         EXPECT_EQ(json["lattice"]["bravais"], "tI");
         EXPECT_NEAR(json["lattice"]["conventional"]["a"], 10.0, 0.1);
         EXPECT_NEAR(json["lattice"]["conventional"]["c"], 18.0, 0.2);
@@ -86,10 +65,8 @@ TEST_F(CellCommandTest, FindsTheCellOfPeakFileAndList) {
         EXPECT_EQ(json["reflections"]["found"], m_count);
         EXPECT_NEAR(json["reflections"]["fraction_indexed"], 0.78, 0.06);
         // The list has reflections all around, so that nobody knows how the crystal turned.
-        EXPECT_EQ(json["confidence"]["level"], arguments[0] == "list.txt" ? "low" : "high");
-        const auto has = [&](const char* option) {
-            return std::find(arguments.begin(), arguments.end(), option) != arguments.end();
-        };
+        EXPECT_EQ(json["confidence"]["level"], line.starts_with("list.txt") ? "low" : "high");
+        const auto has = [&](const char* option) { return line.find(option) != std::string::npos; };
         EXPECT_EQ(json["search"], has("--max-length") ? "parameters" : "automatic");
         EXPECT_TRUE(json["merged"].is_null());
         EXPECT_EQ(json["parameters"]["clustering"], has("fsc") ? "fsc" : has("ddsc") ? "ddsc" : "dbscan");
@@ -99,18 +76,43 @@ TEST_F(CellCommandTest, FindsTheCellOfPeakFileAndList) {
         }
         for (const double component : json["origin_px"])
             EXPECT_LT(std::abs(component), 0.2);
-
         UnitCell written;
-        ASSERT_TRUE(CellFileImportExport::loadCellFile(m_folder / "cell.txt", &written, 5e7));
+        ASSERT_TRUE(CellFileImportExport::loadCellFile(folder / "cell.txt", &written, 5e7));
         const std::unique_ptr<UnitCell> direct(written.getReciprocalCell());
         EXPECT_NEAR(direct->getExactVolume(), json["cell"]["volume"], 0.1);
         EXPECT_TRUE(direct->isRightHanded());
+
+        const Json report = jsonFile("report.json");
+        EXPECT_EQ(report["reflections"], m_count);
+        EXPECT_EQ(report["symmetries"][0]["bravais"], "tI");
+        EXPECT_EQ(report["parameters"]["max_length"], json["parameters"]["max_length"]);
+        EXPECT_EQ(report["reciprocal_vectors_px"], json["reciprocal_vectors_px"]);
+        EXPECT_EQ(report["displacements"]["all"]["indexed"], json["reflections"]["indexed"]);
+        EXPECT_TRUE(report["reduction"]["is_niggli_cell"]);
+        EXPECT_EQ(report["clustering"].get<std::string>().substr(0, 3), has("fsc")    ? "FSC"
+                                                                        : has("ddsc") ? "DDS"
+                                                                                      : "DBS");
+        EXPECT_GE(report["clusters"].size(), 8u);
+        EXPECT_GT(std::ranges::count_if(report["clusters"],
+                                        [](const Json& cluster) { return cluster["distance"] < 1.0; }),
+                  7);
+        EXPECT_EQ(report["choice"]["candidates"][0]["verdict"], "a");
+        EXPECT_TRUE(says(folder.read("report.txt"), "chosen as a: the shortest"));
+        // The header and one line a vector.
+        EXPECT_EQ(std::ranges::count(folder.read("dump/DiffVectors.dat"), '\n'),
+                  report["difference_vectors"].get<long>() + 1);
+        EXPECT_FALSE(folder.read("dump/BeginPoint.dat").empty());
+        EXPECT_TRUE(says(folder.read("dump/CellFinding.plt"), "splot 'DiffVectors.dat'"));
+        std::filesystem::remove_all(folder / "dump");
     }
-    EXPECT_NE(m_folder.read("log.txt").find("Clustering started..."), std::string::npos);
+    EXPECT_TRUE(says(folder.read("log.txt"), "Clustering started..."));
+    // What a search without result saw is of most use.
+    EXPECT_EQ(vrk("cell noise.txt -o x.txt --eps 1 --debug-dump dump").exitCode, 3);
+    EXPECT_FALSE(folder.read("dump/DiffVectors.dat").empty());
 }
 
 TEST_F(CellCommandTest, TakesTheDistortionOfTheFramesOut) {
-    const auto json = nlohmann::json::parse(cell({"bent.txt", "-o", "cell.txt", "--json"}).out);
+    const Json json = jsonOf("cell bent.txt -o cell.txt");
     EXPECT_EQ(json["lattice"]["bravais"], "tI");
     EXPECT_NEAR(json["lattice"]["conventional"]["a"], 10.0, 0.03);
     EXPECT_NEAR(json["lattice"]["conventional"]["c"], 18.0, 0.06);
@@ -119,26 +121,16 @@ TEST_F(CellCommandTest, TakesTheDistortionOfTheFramesOut) {
 }
 
 TEST_F(CellCommandTest, PrintsTheParametersThatFindTheCellAgain) {
-    const std::vector<std::vector<std::string>> cases = {
-        {"peaks.txt"},
-        {"list.txt", "--min-points", "12", "--eps", "1.3333333", "--angle-a", "0.8", "--full-space"},
-        {"peaks.txt", "--clustering", "fsc", "--min-length", "4", "--merge", "none"}};
-    for (const auto& given : cases) {
-        SCOPED_TRACE(given.back());
-        std::vector<std::string> arguments = given;
-        arguments.insert(arguments.end(), {"-o", "cell.txt", "--json"});
-        const auto first = nlohmann::json::parse(cell(arguments).out);
-        const std::string file = m_folder.read("cell.txt");
-        const std::string printed = first["command"];
-        for (std::size_t i = 1; i < given.size(); ++i)
-            EXPECT_NE(printed.find(given[i]), std::string::npos) << printed;
-
-        std::istringstream command(printed);
-        std::vector<std::string> again = {given[0], "-o", "again.txt", "--json"};
-        for (std::string word; command >> word;)
-            again.push_back(word);
-        const auto second = nlohmann::json::parse(cell(again).out);
-        EXPECT_EQ(m_folder.read("again.txt"), file);
+    for (const std::string given :
+         {"peaks.txt", "list.txt --min-points 12 --eps 1.3333333 --angle-a 0.8 --full-space",
+          "peaks.txt --clustering fsc --min-length 4 --merge none"}) {
+        SCOPED_TRACE(given);
+        const Json first = jsonOf("cell -o cell.txt " + given);
+        const std::string command = first["command"], list = words(given)[0];
+        for (const std::string& word : words(given))
+            EXPECT_TRUE(word == list || says(command, word));
+        const Json second = jsonOf("cell -o again.txt " + list + ' ' + command);
+        EXPECT_EQ(folder.read("again.txt"), folder.read("cell.txt"));
         for (const char* key : {"cell", "lattice", "origin_px", "reflections", "parameters", "command"})
             EXPECT_EQ(second[key], first[key]) << key;
     }
@@ -146,105 +138,55 @@ TEST_F(CellCommandTest, PrintsTheParametersThatFindTheCellAgain) {
 
 TEST_F(CellCommandTest, MergesThePeaksOfFrames) {
     // Every node on two to four frames half a degree apart.
-    const auto head = nlohmann::json::parse(cell({"list.txt", "-o", "cell.txt", "--json"}).out);
-    std::istringstream nodes(m_folder.read("list.txt"));
+    const Json head = jsonOf("cell list.txt -o cell.txt");
     std::ostringstream frames;
     int peaks = 0, count = 0;
-    for (std::string line; std::getline(nodes, line); ++count) {
+    for (const std::string& line : folder.lines("list.txt")) {
         double x = 0, y = 0, z = 0;
         std::istringstream(line) >> x >> y >> z;
-        const int times = 2 + count % 3;
+        const int times = 2 + count++ % 3;
         for (int i = 0; i < times; ++i, ++peaks) {
             const double turn = (i - 0.5 * (times - 1)) * 0.5 * std::acos(-1.0) / 180.0;
             frames << x * std::cos(turn) + z * std::sin(turn) << ' ' << y << ' '
                    << z * std::cos(turn) - x * std::sin(turn) << " 10\n";
         }
     }
-    m_folder.write("frames.txt", frames.str());
-    const VrkResult run = cell({"frames.txt", "-o", "x.txt", "--pixel-size", "5e7", "--json"});
-    ASSERT_EQ(run.exitCode, 0) << run.err;
-    const auto json = nlohmann::json::parse(run.out);
+    folder.write("frames.txt", frames.str());
+    const Json json = jsonOf("cell frames.txt -o x.txt --pixel-size 5e7");
     EXPECT_EQ(json["lattice"]["bravais"], "tI");
     EXPECT_NEAR(json["cell"]["volume"], 900.0, 15.0);
     EXPECT_EQ(json["merged"]["peaks"], peaks);
     EXPECT_NEAR(json["reflections"]["found"].get<int>(), count, 0.05 * count);
-    EXPECT_NEAR(json["reflections"]["fraction_indexed"].get<double>(),
-                head["reflections"]["fraction_indexed"].get<double>(), 0.05);
-    const VrkResult text = cell({"frames.txt", "-o", "x.txt", "--pixel-size", "5e7", "--merge", "0.9"});
-    EXPECT_NE(text.out.find(", within 0.9 voxels"), std::string::npos) << text.out;
-    EXPECT_NE(text.out.find(" --merge 0.9\n"), std::string::npos) << text.out;
-}
-
-TEST_F(CellCommandTest, ReportsWhatTheCellRestsOn) {
-    const std::vector<std::vector<std::string>> cases = {
-        {}, {"--eps", "1", "--min-points", "10", "--max-length", "40"}, {"--clustering", "fsc"}};
-    for (const auto& given : cases) {
-        SCOPED_TRACE(given.size());
-        std::vector<std::string> arguments = {"peaks.txt", "-o",         "cell.txt",     "--json",
-                                              "--report",  "report.txt", "--debug-dump", "dump"};
-        arguments.insert(arguments.end(), given.begin(), given.end());
-        const VrkResult run = cell(arguments);
-        ASSERT_EQ(run.exitCode, 0) << run.err;
-        EXPECT_EQ(run.err, "");
-        const auto printed = nlohmann::json::parse(run.out);
-        const auto json = nlohmann::json::parse(m_folder.read("report.json"));
-        EXPECT_EQ(json["reflections"], m_count);
-        EXPECT_EQ(json["symmetries"][0]["bravais"], "tI");
-        EXPECT_EQ(json["parameters"]["max_length"], printed["parameters"]["max_length"]);
-        EXPECT_EQ(json["reciprocal_vectors_px"], printed["reciprocal_vectors_px"]);
-        EXPECT_EQ(json["displacements"]["all"]["indexed"], printed["reflections"]["indexed"]);
-        EXPECT_TRUE(json["reduction"]["is_niggli_cell"]);
-        EXPECT_EQ(json["clustering"].get<std::string>().substr(0, 3),
-                  printed["parameters"]["clustering"] == "fsc" ? "FSC" : "DBS");
-        EXPECT_GE(json["clusters"].size(), 8u);
-        int onNodes = 0;
-        for (const auto& cluster : json["clusters"])
-            onNodes += cluster["distance"] < 1.0;
-        EXPECT_GT(onNodes, 7);
-        EXPECT_EQ(json["choice"]["candidates"][0]["verdict"], "a");
-        EXPECT_NE(m_folder.read("report.txt").find("chosen as a: the shortest"), std::string::npos);
-
-        // The header and one line a vector.
-        const std::string dumped = m_folder.read("dump/DiffVectors.dat");
-        EXPECT_EQ(std::count(dumped.begin(), dumped.end(), '\n'), json["difference_vectors"].get<long>() + 1);
-        EXPECT_FALSE(m_folder.read("dump/BeginPoint.dat").empty());
-        EXPECT_NE(m_folder.read("dump/CellFinding.plt").find("splot 'DiffVectors.dat'"), std::string::npos);
-        std::filesystem::remove_all(m_folder / "dump");
-    }
-    // What a search without result saw is of most use.
-    EXPECT_EQ(cell({"noise.txt", "-o", "x.txt", "--eps", "1", "--debug-dump", "dump"}).exitCode, 3);
-    EXPECT_FALSE(m_folder.read("dump/DiffVectors.dat").empty());
+    EXPECT_NEAR(json["reflections"]["fraction_indexed"], head["reflections"]["fraction_indexed"], 0.05);
+    const VrkResult text = vrk("cell frames.txt -o x.txt --pixel-size 5e7 --merge 0.9");
+    EXPECT_TRUE(says(text.out, {", within 0.9 voxels", " --merge 0.9\n"}));
 }
 
 TEST_F(CellCommandTest, TellsACellWithoutScale) {
-    const VrkResult run = cell({"list.txt", "-o", "cell.txt"});
+    const VrkResult run = vrk("cell list.txt -o cell.txt");
     ASSERT_EQ(run.exitCode, 0) << run.err;
-    EXPECT_NE(run.err.find("--pixel-size"), std::string::npos);
-    EXPECT_NE(run.out.find("lattice             tI"), std::string::npos) << run.out;
-    EXPECT_EQ(run.out.find("reduced cell, A"), std::string::npos);
-    const VrkResult json = cell({"list.txt", "-o", "cell.txt", "--json"});
-    EXPECT_TRUE(nlohmann::json::parse(json.out)["cell"].is_null());
+    EXPECT_TRUE(says(run.err, "--pixel-size"));
+    EXPECT_TRUE(says(run.out, "lattice             tI"));
+    EXPECT_FALSE(says(run.out, "reduced cell, A"));
+    EXPECT_TRUE(jsonOf("cell list.txt -o cell.txt")["cell"].is_null());
     // What reads the file can tell, too, that there is no scale.
-    EXPECT_EQ(runVrk({"cell-info", "cell.txt"}, m_folder / ".").exitCode, 2);
+    EXPECT_EQ(vrk("cell-info cell.txt").exitCode, 2);
 }
 
 TEST_F(CellCommandTest, SaysWhatIsWrongAndWritesNothing) {
-    m_folder.write("few.txt", "0.01 0.02 0.03\n0.02 0.01 0.02\n0.03 0.03 0.01\n");
-    std::ostringstream far;
+    folder.write("few.txt", "0.01 0.02 0.03\n0.02 0.01 0.02\n0.03 0.03 0.01\n");
+    std::ostringstream far, plane, sheared;
     for (int i = 0; i < 60; ++i)
         far << 0.01 * (i % 5) << ' ' << 0.02 * (i / 5 % 4) << ' ' << 0.03 * (i / 20) << '\n';
-    m_folder.write("far.txt", far.str());
-    std::ostringstream plane, sheared;
     for (int i = 0; i < 400; ++i) {
         const int h = i % 20, k = i / 20;
         plane << 10 * h << ' ' << 9 * k << ' ' << 0.1 * (i * 7 % 5) << '\n';
         sheared << 10 * h << ' ' << 9 * k << ' ' << 3 * h + 4 * k << '\n';
     }
-    m_folder.write("plane.txt", plane.str());
-    m_folder.write("sheared.txt", sheared.str());
+    folder.write("far.txt", far.str());
+    folder.write("plane.txt", plane.str());
+    folder.write("sheared.txt", sheared.str());
     const std::vector<RefusedLine> cases = {
-        {"peaks.txt", 2, "needs -o CELL"},
-        {"none.txt -o x.txt", 1, "none.txt"},
         {"list.txt -o list.txt", 2, "replace"},
         {"list.txt -o x.txt --min-length 30 --max-length 20", 2, "--max-length"},
         {"noise.txt -o x.txt", 3, "no cell was found"},
@@ -265,8 +207,8 @@ TEST_F(CellCommandTest, SaysWhatIsWrongAndWritesNothing) {
         {"list.txt -o x.txt --report none/x.txt", 1, "none"},
         {"list.txt -o x.txt --debug-dump list.txt", 1, "list.txt"},
     };
-    expectRefused(cases, m_folder / ".", "cell ");
-    EXPECT_TRUE(m_folder.read("x.txt").empty());
+    expectRefused(cases, folder / ".", "cell ");
+    EXPECT_TRUE(folder.read("x.txt").empty());
 }
 
 }  // namespace

@@ -1,10 +1,6 @@
-#include <gtest/gtest.h>
-
 #include <cstdio>
-#include <sstream>
 
 #include "app/RunVrk.h"
-#include "support/TemporaryFolder.h"
 
 namespace {
 
@@ -24,19 +20,13 @@ std::string offered(const std::string& script, const std::string& line, int word
 
 TEST(CompletionTest, BashCompletesCommandsOptionsAndChoices) {
     const TemporaryFolder folder;
-    const VrkResult result = runVrk({"completion", "bash"});
-    ASSERT_EQ(result.exitCode, 0);
-    const std::string script = folder.write("vrk.bash", result.out);
-    struct Case {
-        const char* line;
-        int words;
-        const char* expected;
-    };
-    for (const Case& one :
-         {Case{"vrk re", 2, " reconstruct report \n"}, Case{"vrk run --keep", 3, " --keep-volume \n"},
-          Case{"vrk index --format sh", 4, " shelx \n"}, Case{"vrk completion z", 3, " zsh \n"},
-          Case{"vrk run ser", 3, "  \n"}})
-        EXPECT_EQ(offered(script, one.line, one.words), one.expected) << one.line;
+    const std::string script = folder.write("vrk.bash", runVrkLine("completion bash").out);
+    for (const auto& [line, count, expected] : {std::tuple("vrk re", 2, " reconstruct report \n"),
+                                                {"vrk run --keep", 3, " --keep-volume \n"},
+                                                {"vrk index --format sh", 4, " shelx \n"},
+                                                {"vrk completion z", 3, " zsh \n"},
+                                                {"vrk run ser", 3, "  \n"}})
+        EXPECT_EQ(offered(script, line, count), expected) << line;
 }
 
 TEST(CompletionTest, BothScriptsKnowEveryCommandOfTheHelpText) {
@@ -51,23 +41,21 @@ TEST(CompletionTest, BothScriptsKnowEveryCommandOfTheHelpText) {
         if (!listed || line.rfind("  ", 0) != 0 || line[2] == ' ') continue;
         const std::string name = line.substr(2, line.find(' ', 2) - 2);
         ++commands;
-        EXPECT_NE(bash.find("\n            " + name + ") words='"), std::string::npos) << name;
-        EXPECT_NE(zsh.find("\n        " + name + ") _arguments"), std::string::npos) << name;
+        EXPECT_TRUE(says(bash, "\n            " + name + ") words='")) << name;
+        EXPECT_TRUE(says(zsh, "\n        " + name + ") _arguments")) << name;
 
         const std::string text = runVrk({name, "--help"}).out;
-        EXPECT_NE(text.find("Example"), std::string::npos) << name;
-        EXPECT_NE(text.find("vrk " + name + ' '), std::string::npos) << name;
+        EXPECT_TRUE(says(text, {"Example", "vrk " + name + ' '})) << name;
         EXPECT_TRUE(std::isupper(static_cast<unsigned char>(text[0]))) << text;
     }
     EXPECT_GE(commands, 13);
     // Files for an argument, the choices of one that has some, and a flag without a value.
-    for (const char* entry :
-         {"        'verify:", " '*:value:_files' \\\n", " '*:value:(bash zsh)' ",
-          "'--mode[How the crystal turned \\[found\\]]:value:(continuous stepwise",
-          "'-o[Cell file to write]:value:_files' '--output[", " '--json[Print the summary as JSON]' ",
-          "'--axis[Axis to draw, degrees \\[as the series states\\]]:value:_files'",
-          "for '\\''vrk preprocess --rotate'\\'' and"})
-        EXPECT_NE(zsh.find(entry), std::string::npos) << entry;
+    EXPECT_TRUE(says(
+        zsh, {"        'verify:", " '*:value:_files' \\\n", " '*:value:(bash zsh)' ",
+              "'--mode[How the crystal turned \\[found\\]]:value:(continuous stepwise",
+              "'-o[Cell file to write]:value:_files' '--output[", " '--json[Print the summary as JSON]' ",
+              "'--axis[Axis to draw, degrees \\[as the series states\\]]:value:_files'",
+              "for '\\''vrk preprocess --rotate'\\'' and"}));
 }
 
 }  // namespace

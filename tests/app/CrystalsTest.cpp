@@ -1,17 +1,8 @@
 // Two crystals in one series: both are found, each with its files, and one is where only one is asked for.
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <memory>
-#include <nlohmann/json.hpp>
-#include <string>
 
 #include "app/RunVrk.h"
-#include "support/TemporaryFolder.h"
 
 namespace {
-
-using Json = nlohmann::json;
 
 class CrystalsTest : public testing::Test {
 protected:
@@ -19,28 +10,27 @@ protected:
         folder = std::make_unique<TemporaryFolder>();
         const std::string common =
             "simulate --cell 4.6,5.3,6.4,90,104,90 --size 128 --dmin 1.1 --seed 4 --tilts -60:60:2 --axis 6 "
-            "--write-axis --json -o ";
-        truth = Json::parse(vrk(common + "two.mrc --second-crystal 0.8").out);
+            "--write-axis -o ";
+        truth = jsonOf(common + "two.mrc --second-crystal 0.8");
         ASSERT_EQ(vrk(common + "one.mrc").exitCode, 0);
     }
     static void TearDownTestSuite() { folder.reset(); }
     static VrkResult vrk(const std::string& line) { return runVrkLine(line, *folder / "."); }
+    static Json jsonOf(const std::string& line) { return jsonOfVrk(line, *folder / "."); }
     static bool exists(const std::string& name) { return std::filesystem::exists(*folder / name); }
 
     static void expectCell(const Json& cell, double within) {
         const Json& expected = truth["cell"]["primitive"];
         for (const char* key : {"a", "b", "c"})
-            EXPECT_NEAR(cell[key].get<double>(), expected[key].get<double>(), within) << key;
+            EXPECT_NEAR(cell[key], expected[key], within) << key;
     }
 
-    static std::unique_ptr<TemporaryFolder> folder;
-    static Json truth;
+    inline static std::unique_ptr<TemporaryFolder> folder;
+    inline static Json truth;
 };
-std::unique_ptr<TemporaryFolder> CrystalsTest::folder;
-Json CrystalsTest::truth;
 
 TEST_F(CrystalsTest, BothAreFoundAndMeasured) {
-    const Json found = Json::parse(vrk("run two.mrc -o two --no-pictures --json").out);
+    const Json found = jsonOf("run two.mrc -o two --no-pictures");
     const Json& crystals = found["crystals"];
     ASSERT_EQ(crystals.size(), 2U);
     double share = 0;
@@ -61,7 +51,7 @@ TEST_F(CrystalsTest, BothAreFoundAndMeasured) {
     EXPECT_TRUE(exists("two/crystal2.hkl") && exists("two/crystal2.ins"));
 
     ASSERT_EQ(vrk("index two/peaks.txt two/crystal2.cell.txt -o x.hkl --json").exitCode, 0);
-    const Json cell = Json::parse(vrk("cell two/peaks.txt -o c.txt --json").out);
+    const Json cell = jsonOf("cell two/peaks.txt -o c.txt");
     ASSERT_EQ(cell["crystals"].size(), 1U);
     expectCell(cell["crystals"][0]["cell"], 0.12);
     EXPECT_TRUE(exists("c.crystal2.txt"));
@@ -69,12 +59,9 @@ TEST_F(CrystalsTest, BothAreFoundAndMeasured) {
 
 // What nobody knows of the frames does not hide a crystal.
 TEST_F(CrystalsTest, TriclinicOnesAreFoundWithoutACalibration) {
-    ASSERT_EQ(
-        vrk("simulate --cell 4.6,5.3,6.4,98,104,82 --size 128 --dmin 1.1 --seed 4 --tilts -60:60:2 --axis 6 "
-            "--write-axis --ellipse 0.014 --second-crystal 0.8 -o aP.mrc")
-            .exitCode,
-        0);
-    const Json found = Json::parse(vrk("run aP.mrc -o aP --no-pictures --no-integration --json").out);
+    vrk("simulate --cell 4.6,5.3,6.4,98,104,82 --size 128 --dmin 1.1 --seed 4 --tilts -60:60:2 --axis 6 "
+        "--write-axis --ellipse 0.014 --second-crystal 0.8 -o aP.mrc");
+    const Json found = jsonOf("run aP.mrc -o aP --no-pictures --no-integration");
     EXPECT_EQ(found["confidence"]["lattice"], "fair") << found["confidence"]["reasons"];
     ASSERT_EQ(found["crystals"].size(), 2U);
     for (const Json& crystal : found["crystals"]) {
@@ -85,14 +72,13 @@ TEST_F(CrystalsTest, TriclinicOnesAreFoundWithoutACalibration) {
 
 TEST_F(CrystalsTest, OneIsWhereOneIsAskedForOrThere) {
     const auto crystals = [](const std::string& line) {
-        return Json::parse(
-            vrk("run " + line + " -o out --tilt-axis 6 --no-pictures --no-integration --json").out);
+        return jsonOf("run " + line + " -o out --tilt-axis 6 --no-pictures --no-integration");
     };
     const Json asked = crystals("two.mrc --crystals 1");
     EXPECT_EQ(asked["crystals"].size(), 1U);
     EXPECT_NE(asked["confidence"]["level"], "high") << "half of the reflections are not explained";
     EXPECT_FALSE(exists("out/crystal2.cell.txt"));
-    EXPECT_EQ(Json::parse(vrk("cell out/peaks.txt -o d.txt --crystals 1 --json").out)["crystals"].size(), 0U);
+    EXPECT_EQ(jsonOf("cell out/peaks.txt -o d.txt --crystals 1")["crystals"].size(), 0U);
     const Json alone = crystals("one.mrc --crystals 9");
     EXPECT_EQ(alone["crystals"].size(), 1U);
     EXPECT_EQ(alone["confidence"]["level"], "high");

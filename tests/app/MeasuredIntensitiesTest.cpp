@@ -15,7 +15,10 @@
 #include <sstream>
 
 #include "pipeline/base/Angle.h"
+#include "pipeline/batch/CsvTable.h"
 #include "pipeline/integration/SeriesGeometry.h"
+#include "support/Indices.h"
+#include "support/Says.h"
 #include "support/TemporaryFolder.h"
 
 namespace {
@@ -57,19 +60,16 @@ protected:
     void measureFrame(int frame) {
         const FramePose pose{experiment.tilts.back() * vrk::kDegree, 2 * vrk::kDegree, 127.5, 124.5};
         const FrameView view(m_geometry, pose);
-        for (int h = -3; h <= 3; ++h)
-            for (int k = -4; k <= 4; ++k)
-                for (int l = -5; l <= 5; ++l) {
-                    const SpotPlace place = view.place(m_geometry.reciprocal * Eigen::Vector3d(h, k, l));
-                    if ((h == 0 && k == 0 && l == 0) || std::abs(place.excitation) > 0.01) continue;
-                    const double value = 1000 + 100 * h + 10 * k + l;
-                    frames.push_back(
-                        {h, k, l, frame, value, 5, place.excitation, place.rate, place.x, place.y});
-                    if (std::abs(place.excitation) < std::abs(place.rate) * vrk::kDegree)
-                        whole.push_back({h, k, l, value, 7, place.x, place.y,
-                                         frame - place.excitation / place.rate / (2 * vrk::kDegree),
-                                         experiment.tilts.back(), 0.9, whole.size() % 10 == 3});
-                }
+        forEachIndex(3, 4, 5, [&](int h, int k, int l) {
+            const SpotPlace place = view.place(m_geometry.reciprocal * Eigen::Vector3d(h, k, l));
+            if ((h == 0 && k == 0 && l == 0) || std::abs(place.excitation) > 0.01) return;
+            const double value = 1000 + 100 * h + 10 * k + l;
+            frames.push_back({h, k, l, frame, value, 5, place.excitation, place.rate, place.x, place.y});
+            if (std::abs(place.excitation) < std::abs(place.rate) * vrk::kDegree)
+                whole.push_back({h, k, l, value, 7, place.x, place.y,
+                                 frame - place.excitation / place.rate / (2 * vrk::kDegree),
+                                 experiment.tilts.back(), 0.9, whole.size() % 10 == 3});
+        });
     }
 
     SeriesGeometry m_geometry;
@@ -129,11 +129,10 @@ TEST_F(MeasuredIntensitiesTest, GemmiReadsXdsAsciiBack) {
         EXPECT_NEAR(xds.data[i].xd, whole[i].x + 1, 0.051);
         EXPECT_NEAR(xds.data[i].zd, whole[i].frame + 0.5, 0.051);
     }
-    EXPECT_NE(text.str().find("!NX=   256 NY=   250 QX= 0.050000 QY= 0.050000\n"), std::string::npos);
-    EXPECT_NE(text.str().find("   1.00000   90  100     0.00\n"), std::string::npos);
-    EXPECT_NE(text.str().find("!DIRECTION_OF_DETECTOR_X-AXIS= 1.00000 0.00000 0.00000\n"
-                              "!DIRECTION_OF_DETECTOR_Y-AXIS= 0.00000 1.00000 0.00000\n"),
-              std::string::npos);
+    EXPECT_TRUE(says(text.str(),
+                     {"!NX=   256 NY=   250 QX= 0.050000 QY= 0.050000\n", "   1.00000   90  100     0.00\n",
+                      "!DIRECTION_OF_DETECTOR_X-AXIS= 1.00000 0.00000 0.00000\n"
+                      "!DIRECTION_OF_DETECTOR_Y-AXIS= 0.00000 1.00000 0.00000\n"}));
     // The numbers of the header say where a reflection meets the sphere, and that it does.
     const auto header = [&](const char* key, std::array<double, 3> v = {}) {
         const std::size_t at = text.str().find(key);
@@ -163,24 +162,18 @@ TEST_F(MeasuredIntensitiesTest, GemmiReadsXdsAsciiBack) {
 
 TEST_F(MeasuredIntensitiesTest, TheTableOfFramesHasALineASpot) {
     writeFrameTable(frames, folder / "f.csv");
-    std::ifstream file(folder / "f.csv");
-    std::string line;
-    std::getline(file, line);
-    EXPECT_EQ(line, "h,k,l,frame,intensity,sigma,excitation_error,x,y");
-    std::size_t n = 0;
-    for (; std::getline(file, line); ++n) {
-        int h = 0, k = 0, l = 0, frame = 0;
-        double intensity = 0, sigma = 0, excitation = 0, x = 0, y = 0;
-        ASSERT_EQ(std::sscanf(line.c_str(), "%d,%d,%d,%d,%lf,%lf,%lf,%lf,%lf", &h, &k, &l, &frame, &intensity,
-                              &sigma, &excitation, &x, &y),
-                  9);
-        EXPECT_EQ(frame, frames[n].frame + 1);
-        EXPECT_EQ(intensity, 1000 + 100 * h + 10 * k + l);
-        EXPECT_EQ(sigma, 5);
-        EXPECT_NEAR(excitation, frames[n].excitation, 1e-6);
-        EXPECT_NEAR(std::hypot(x - frames[n].x, y - frames[n].y), 0, 0.01);
+    const CsvTable table = readCsv(folder / "f.csv");
+    EXPECT_EQ(testing::PrintToString(table.columns),
+              R"({ "h", "k", "l", "frame", "intensity", "sigma", "excitation_error", "x", "y" })");
+    ASSERT_EQ(table.rows.size(), frames.size());
+    for (std::size_t n = 0; n < frames.size(); ++n) {
+        const auto field = [&](std::size_t i) { return std::stod(table.rows[n].fields[i]); };
+        EXPECT_EQ(field(3), frames[n].frame + 1);
+        EXPECT_EQ(field(4), 1000 + 100 * field(0) + 10 * field(1) + field(2));
+        EXPECT_EQ(field(5), 5);
+        EXPECT_NEAR(field(6), frames[n].excitation, 1e-6);
+        EXPECT_NEAR(std::hypot(field(7) - frames[n].x, field(8) - frames[n].y), 0, 0.01);
     }
-    EXPECT_EQ(n, frames.size());
 }
 
 /// The angles of the virtual frames and their zone axes are two ways to the same direction of the beam, and
@@ -188,11 +181,10 @@ TEST_F(MeasuredIntensitiesTest, TheTableOfFramesHasALineASpot) {
 TEST_F(MeasuredIntensitiesTest, VirtualFramesAgreeWithThemselves) {
     writeDynamicalCif(experiment, frames, 3, 2, folder / "d.cif_pets");
     const std::string text = folder.read("d.cif_pets");
-    for (const char* part : {"data_pets\n", "_cell_angle_beta 103.00000\n", "_diffrn_pets_omega 0.00000\n",
-                             "geometry: continuous rotation\ndstarmax: 0.556\n",
-                             "mosaicity: 0.200\nrotation axis position: -130.000\n",
-                             "merged frames: 3\n                        step between frames: 2\n"})
-        EXPECT_NE(text.find(part), std::string::npos) << part;
+    EXPECT_TRUE(says(text, {"data_pets\n", "_cell_angle_beta 103.00000\n", "_diffrn_pets_omega 0.00000\n",
+                            "geometry: continuous rotation\ndstarmax: 0.556\n",
+                            "mosaicity: 0.200\nrotation axis position: -130.000\n",
+                            "merged frames: 3\n                        step between frames: 2\n"}));
     gemmi::cif::Document document = gemmi::cif::read_file(folder / "d.cif_pets");
     gemmi::cif::Block& block = document.blocks.at(0);
     Eigen::Matrix3d ub;

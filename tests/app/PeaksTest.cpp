@@ -1,59 +1,33 @@
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <filesystem>
-#include <memory>
-#include <nlohmann/json.hpp>
-
-#include "RunVrk.h"
-#include "VoxCore/DataModel/VoxMRCData.h"
-#include "VoxCore/IO/VoxMRCFileHandler.h"
+#include "app/RunVrk.h"
 #include "reflections/PeakFileImportExport.h"
 #include "reflections/ReflexVector.h"
-#include "support/TemporaryFolder.h"
+#include "support/MRCBytes.h"
 
 namespace {
 
-namespace fs = std::filesystem;
-
 /// Works in a folder of its own that holds a volume with three spots of 2 x 2 x 2 voxels, and weak ones of 3
 /// to 10 voxels in a row.
-class PeaksCommand : public testing::Test {
+class PeaksCommand : public VrkTest {
 protected:
     PeaksCommand() {
-        std::unique_ptr<VoxMRCData> volume(VoxMRCData::Create3D(32, 32, 16));
-        mrcH& header = volume->m_Header;
-        header.nx = header.ny = header.mx = header.my = 32;
-        header.nz = header.mz = 16;
-        header.mode = 1;
-        header.type = MRCType::MRCVOLUME;
-        for (unsigned z = 0; z < 16; ++z)
-            std::fill_n(volume->GetChunkPointer(z), 1024, short{3});
+        MRCBytes volume(32, 32, 16, 0);
+        MRCBytes::put(volume.header, 12, std::int32_t{1});
+        std::ranges::fill(volume.data, std::int16_t{3});
+        const auto voxel = [&](unsigned z, unsigned place) { return volume.data.begin() + z * 1024 + place; };
         for (const unsigned x : {4U, 16U, 28U})
             for (unsigned i = 0; i < 8; ++i)
-                volume->GetChunkPointer(8 + (i >> 2))[(x + (i >> 1 & 1)) * 32 + 16 + (i & 1)] = 50;
+                *voxel(8 + (i >> 2), (x + (i >> 1 & 1)) * 32 + 16 + (i & 1)) = 50;
         for (unsigned j = 0; j < 8; ++j)
-            std::fill_n(volume->GetChunkPointer(3) + (2 * j + 3) * 32 + 2, 3 + j, static_cast<short>(20 + j));
-        VoxMRCFileHandler().writeMRCFile(volume.get(), folder / "volume.mrc");
-        header.type = MRCType::TILT_SERIES;
-        header.next = 131072;
-        for (int z = 0; z < 16; ++z)
-            header.setValue(SliceValue::TiltAngle, z, static_cast<float>(z - 20));
-        VoxMRCFileHandler().writeMRCFile(volume.get(), folder / "series.mrc");
+            std::fill_n(voxel(3, (2 * j + 3) * 32 + 2), 3 + j, static_cast<std::int16_t>(20 + j));
+        folder.write("volume.mrc", volume.bytes());
+        MRCBytes series(32, 32, 16);
+        series.putTilts(-20, 1);
+        folder.write("series.mrc", series.bytes());
     }
-
-    VrkResult peaks(const std::string& input, std::vector<std::string> more = {}) const {
-        more.insert(more.begin(), {"peaks", input, "-o", "peaks.txt"});
-        return runVrk(more, folder / ".");
-    }
-
-    const TemporaryFolder folder;
 };
 
 TEST_F(PeaksCommand, WritesThePeakFileAndTheDistribution) {
-    const VrkResult result = peaks("volume.mrc", {"--threshold", "40", "--zero-beam", "6", "--json"});
-    ASSERT_EQ(result.exitCode, 0) << result.err;
-    const auto json = nlohmann::json::parse(result.out);
+    const Json json = jsonOf("peaks volume.mrc -o peaks.txt --threshold 40 --zero-beam 6");
     EXPECT_EQ(json["reflections"], 2);
     EXPECT_EQ(json["foreground_voxels"], 24);
     EXPECT_EQ(json["parameters"]["zero_beam"], 6);
@@ -66,34 +40,23 @@ TEST_F(PeaksCommand, WritesThePeakFileAndTheDistribution) {
     EXPECT_EQ(list->at(1)->getCenterInX(), 28.5);
     EXPECT_EQ(list->at(1)->getCenterInZ(), 8.5);
 
-    const VrkResult all = peaks("volume.mrc", {"--threshold", "15", "--zero-beam", "0", "--json"});
-    const auto measures = nlohmann::json::parse(all.out);
-    EXPECT_EQ(measures["voxels"],
-              nlohmann::json::parse(R"({"min": 3, "p10": 4, "median": 8, "p90": 9, "max": 10})"));
-    EXPECT_EQ(measures["intensity"],
-              nlohmann::json::parse(R"({"min": 60, "p10": 84, "median": 200, "p90": 400, "max": 400})"));
-    EXPECT_EQ(measures["dims"], (std::vector<int>{32, 32, 16}));
-}
-
-TEST_F(PeaksCommand, ProposesAThresholdWhenNothingIsFound) {
-    const VrkResult result = peaks("volume.mrc", {"--zero-beam", "0", "--threshold", "60"});
-    EXPECT_EQ(result.exitCode, 3);
-    EXPECT_NE(result.err.find("from 3 to 50"), std::string::npos) << result.err;
-    EXPECT_NE(result.err.find("try --threshold 25, which finds 6"), std::string::npos) << result.err;
-    EXPECT_FALSE(fs::exists(folder / "peaks.txt"));
+    const Json all = jsonOf("peaks volume.mrc -o peaks.txt --threshold 15 --zero-beam 0");
+    EXPECT_EQ(all["voxels"], Json::parse(R"({"min": 3, "p10": 4, "median": 8, "p90": 9, "max": 10})"));
+    EXPECT_EQ(all["intensity"],
+              Json::parse(R"({"min": 60, "p10": 84, "median": 200, "p90": 400, "max": 400})"));
+    EXPECT_EQ(all["dims"], (std::vector<int>{32, 32, 16}));
 }
 
 TEST_F(PeaksCommand, RefusesWhatItCannotUse) {
-    const VrkResult series = peaks("series.mrc");
-    EXPECT_EQ(series.exitCode, 1);
-    EXPECT_NE(series.err.find("holds a tilt series (16 patterns from -20 to -5 degrees)"), std::string::npos)
-        << series.err;
-    expectRefused({{"missing.mrc", 1, "missing.mrc"},
+    expectRefused({{"volume.mrc --zero-beam 0 --threshold 60", 3, "from 3 to 50"},
+                   {"volume.mrc --zero-beam 0 --threshold 60", 3, "try --threshold 25, which finds 6"},
+                   {"series.mrc", 1, "holds a tilt series (16 patterns from -20 to -5 degrees)"},
                    {"volume.mrc --threshold nan", 2, "--threshold"},
                    {"volume.mrc --centre 4", 2, "--centre"},
                    {"volume.mrc --min-voxels 9 --max-voxels 8", 2, "--max-voxels"}},
                   folder / ".", "peaks -o peaks.txt ");
-    EXPECT_EQ(std::distance(fs::directory_iterator(folder / ""), fs::directory_iterator()), 2);
+    using Entries = std::filesystem::directory_iterator;
+    EXPECT_EQ(std::distance(Entries(folder / ""), Entries()), 2);
 }
 
 }  // namespace

@@ -1,23 +1,13 @@
 // What a command prints says the same as its JSON.
-#include <gtest/gtest.h>
 
-#include <algorithm>
 #include <array>
 #include <cctype>
-#include <cmath>
 #include <cstdlib>
-#include <nlohmann/json.hpp>
-#include <sstream>
-#include <string>
-#include <vector>
 
 #include "app/RunVrk.h"
 #include "support/PicturePanel.h"
-#include "support/TemporaryFolder.h"
 
 namespace {
-
-using Json = nlohmann::json;
 
 /// A command line and lines that it prints, blanks counting as one. In braces:
 ///   /path          the value there in the JSON that the command prints with --json, or in the file
@@ -233,15 +223,11 @@ const std::vector<Printed> kPlots = {
      "out/plots/intensities_2.dat"},
 };
 
-class PrintedTest : public testing::Test {
+class PrintedTest : public VrkTest {
 protected:
     /// A crystal with a centring; or two, seen with distortion, wrong tilts and a wrong axis.
-    void simulate(const std::string& options) const {
-        ASSERT_EQ(runVrkLine("simulate -o " + options, m_folder / ".").exitCode, 0);
-    }
+    void simulate(const std::string& options) const { jsonOf("simulate -o " + options); }
     void expectWhatTheJsonSays(const std::vector<Printed>& all) const;
-
-    TemporaryFolder m_folder;
 };
 
 constexpr const char* kSeries =
@@ -303,7 +289,7 @@ bool take(const std::string& item, std::string& text, const Json& document) {
     return fits;
 }
 
-bool says(std::string text, const std::string& form, const Json& document) {
+bool matches(std::string text, const std::string& form, const Json& document) {
     for (std::size_t i = 0; i < form.size(); ++i) {
         if (form[i] == '{') {
             const std::size_t end = form.find('}', i);
@@ -320,12 +306,10 @@ bool says(std::string text, const std::string& form, const Json& document) {
 void PrintedTest::expectWhatTheJsonSays(const std::vector<Printed>& all) const {
     for (const Printed& one : all) {
         VrkResult printed{.exitCode = 0, .out = "", .err = ""};
-        if (*one.line) printed = runVrkLine(one.line, m_folder / ".");
+        if (*one.line) printed = vrk(one.line);
         ASSERT_EQ(printed.exitCode, 0) << printed.err;
-        if (one.printed) printed.out = m_folder.read(one.printed);
-        const Json document =
-            Json::parse(*one.file ? m_folder.read(one.file)
-                                  : runVrkLine(one.line + std::string(" --json"), m_folder / ".").out);
+        if (one.printed) printed.out = folder.read(one.printed);
+        const Json document = *one.file ? jsonFile(one.file) : jsonOf(one.line);
         for (const char* form : one.lines) {
             bool isThere = false;
             std::istringstream lines(printed.out);
@@ -333,7 +317,7 @@ void PrintedTest::expectWhatTheJsonSays(const std::vector<Printed>& all) const {
                 std::string plain;
                 for (const std::string& word : words(line))
                     plain += (plain.empty() ? "" : " ") + word;
-                isThere = says(plain, form, document);
+                isThere = matches(plain, form, document);
             }
             EXPECT_TRUE(isThere) << form << '\n' << printed.out;
         }
@@ -369,14 +353,14 @@ std::string drawnBy(const TemporaryFolder& folder, const std::string& plots, con
 TEST_F(PrintedTest, PlotsShowWhatTheSummarySays) {
     simulate(kSeries);
     expectWhatTheJsonSays(kPlots);
-    EXPECT_EQ(drawnBy(m_folder, "out/plots/", "intensities.plt"),
+    EXPECT_EQ(drawnBy(folder, "out/plots/", "intensities.plt"),
               kShellCurves +
                   "ln_I: unique reflections\nat_low_resolution: at low resolution\n"
                   "at_the_limit: at 1.00 Angstrom\n");
     // The direct beam: x above y, over the tilts, from the mean upwards.
-    const cv::Mat picture = panelOf(m_folder / "out/centres.png");
+    const cv::Mat picture = panelOf(folder / "out/centres.png");
     ASSERT_EQ(picture.size(), cv::Size(1024, 1024));
-    const Json centres = Json::parse(m_folder.read("out/summary.json"))["centres"];
+    const Json centres = jsonFile("out/summary.json")["centres"];
     const std::array<const char*, 2> keys = {"x", "y"};
     std::array<double, 2> mean{};
     double range = 0.5;
@@ -407,7 +391,7 @@ TEST_F(PrintedTest, RunAndCalibrationTellTheInstrument) {
 TEST_F(PrintedTest, MergeSaysWhatItsFileSays) {
     simulate(kSeries);
     expectWhatTheJsonSays(kMerge);
-    EXPECT_EQ(drawnBy(m_folder, "m/plots/", "merging.plt"),
+    EXPECT_EQ(drawnBy(folder, "m/plots/", "merging.plt"),
               kShellCurves +
                   "completeness: completeness\nCC1/2: CC1/2 of crystals\nredundancy: redundancy\n"
                   "delta_of_used: used\ndelta_of_others: left out\nscale: scale\nb: B\n");

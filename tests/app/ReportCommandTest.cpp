@@ -1,22 +1,14 @@
 // The page that a run leaves shows what the run found, and vrk report makes it again.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cmath>
-#include <filesystem>
-#include <memory>
 
 #include "VoxCore/IO/VoxMRCFileHandler.h"
 #include "app/RunVrk.h"
 #include "pipeline/simulation/Simulation.h"
 #include "support/JsonMatrix.h"
 #include "support/ReportedData.h"
-#include "support/TemporaryFolder.h"
 
 namespace {
 
 using Eigen::Vector3d;
-using Json = nlohmann::json;
 using Columns = std::map<std::string, std::vector<double>>;
 
 constexpr const char* kName = "\"><script>alert(1)<'script>.mrc";
@@ -45,7 +37,7 @@ void writeSeries(const std::string& path) {
 }
 
 /// A run and the data of its page.
-class ReportCommandTest : public testing::Test {
+class ReportCommandTest : public VrkTest {
 protected:
     void SetUp() override {
         writeSeries(folder / kName);
@@ -64,17 +56,16 @@ protected:
     void expectSpotsWhereTheyAreSaidToBe();
     void expectSpotsInTheSections();
 
-    TemporaryFolder folder;
     std::map<std::string, Json> blocks;
     Columns columns;
 };
 
 void ReportCommandTest::expectReflectionsOnTheirNodes() {
-    EXPECT_EQ(summary(), Json::parse(folder.read("result/summary.json")));
+    EXPECT_EQ(summary(), jsonFile("result/summary.json"));
     EXPECT_EQ(summary()["input"]["path"], kName);
     EXPECT_EQ(summary()["inputs"][0]["bytes"], std::filesystem::file_size(folder / kName));
     EXPECT_EQ(summary()["program"]["command"], "vrk run '\"><script>alert(1)<'\\''script>.mrc' -o result");
-    EXPECT_EQ(folder.read("result/report.html").find("<script>alert"), std::string::npos);
+    EXPECT_FALSE(says(folder.read("result/report.html"), "<script>alert"));
 
     const std::size_t count = columns["h"].size();
     const double voxel = summary()["input"]["pixel_size"].get<double>() * 1e-10;
@@ -148,7 +139,7 @@ void ReportCommandTest::expectSpotsWhereTheyAreSaidToBe() {
         }
     EXPECT_GT(observed, 100);
     EXPECT_GE(shown, observed * 9 / 10) << "of " << observed;
-    EXPECT_NEAR(patterns["axis"].get<double>(), 25, 0.5);
+    EXPECT_NEAR(patterns["axis"], 25, 0.5);
 }
 
 void ReportCommandTest::expectSpotsInTheSections() {
@@ -213,7 +204,7 @@ TEST_F(ReportCommandTest, ShowsWhatTheRunFoundAndMakesThePageAgain) {
     expectSpotsWhereTheyAreSaidToBe();
     expectSpotsInTheSections();
 
-    const VrkResult again = runVrk({"report", "result", "-o", "again.html"}, folder / ".");
+    const VrkResult again = vrk("report result -o again.html");
     ASSERT_EQ(again.exitCode, 0) << again.err;
     EXPECT_EQ(again.out, "again.html\n");
     std::map<std::string, Json> same = blocksOf(folder.read("again.html"));
@@ -221,14 +212,12 @@ TEST_F(ReportCommandTest, ShowsWhatTheRunFoundAndMakesThePageAgain) {
     same.erase("folder");
     EXPECT_EQ(same, blocks);
 
-    ASSERT_EQ(runVrk({"report", "result", "result"}, folder / ".").exitCode, 0);
+    ASSERT_EQ(vrk("report result result").exitCode, 0);
     const std::string two = folder.read("comparison.html");
     EXPECT_EQ(blocksOf(two, 1)["summary"], summary());
     EXPECT_FALSE(blocksOf(two, 1).contains("patterns"));
 
-    const VrkResult none = runVrk({"report", "."}, folder / ".");
-    EXPECT_EQ(none.exitCode, 1);
-    EXPECT_NE(none.err.find("holds no result"), std::string::npos) << none.err;
+    expectRefused({{"report .", 1, "holds no result"}}, folder / ".");
 }
 
 }  // namespace

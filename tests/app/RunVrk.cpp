@@ -1,7 +1,6 @@
 #include "app/RunVrk.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <linux/capability.h>
 #include <pty.h>
 #include <signal.h>
@@ -9,13 +8,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
-#include <cstdio>
 #include <cstdlib>
 #include <iterator>
-#include <memory>
-#include <sstream>
 #include <stdexcept>
 
 namespace {
@@ -27,6 +22,19 @@ File scratchFile() {
     File file(std::tmpfile(), &std::fclose);
     if (!file) throw std::runtime_error("no temporary file");
     return file;
+}
+
+/// What execv takes for the program and these arguments, which must stay.
+std::vector<char*> argvOf(const std::vector<std::string>& arguments) {
+    std::vector<char*> argv = {const_cast<char*>(VRK_PROGRAM)};
+    for (const std::string& argument : arguments)
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
+    return argv;
+}
+
+int exitCodeOf(int status) {
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 std::string contents(std::FILE* file) {
@@ -42,10 +50,7 @@ std::string contents(std::FILE* file) {
 
 StartedVrk::StartedVrk(const std::vector<std::string>& arguments, const std::string& folder)
     : m_out(scratchFile()), m_err(scratchFile()), m_folder(folder) {
-    std::vector<char*> argv = {const_cast<char*>(VRK_PROGRAM)};
-    for (const std::string& argument : arguments)
-        argv.push_back(const_cast<char*>(argument.c_str()));
-    argv.push_back(nullptr);
+    const std::vector<char*> argv = argvOf(arguments);
     m_child = fork();
     if (m_child < 0) throw std::runtime_error("cannot fork");
     if (m_child == 0) {
@@ -76,7 +81,7 @@ VrkResult StartedVrk::wait() {
     if (waitpid(m_child, &status, 0) != m_child) throw std::runtime_error("lost the program");
     m_child = -1;
     VrkResult result;
-    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    result.exitCode = exitCodeOf(status);
     if (result.exitCode == 127) throw std::runtime_error("cannot start " VRK_PROGRAM " in " + m_folder);
     result.out = contents(m_out.get());
     result.err = contents(m_err.get());
@@ -85,11 +90,8 @@ VrkResult StartedVrk::wait() {
 
 VrkResult runVrkInTerminal(const std::string& line, const std::string& folder, int columns,
                            const char* term) {
-    std::vector<std::string> arguments = words(line);
-    std::vector<char*> argv = {const_cast<char*>(VRK_PROGRAM)};
-    for (std::string& argument : arguments)
-        argv.push_back(argument.data());
-    argv.push_back(nullptr);
+    const std::vector<std::string> arguments = words(line);
+    const std::vector<char*> argv = argvOf(arguments);
     winsize size = {};
     size.ws_row = 24;
     size.ws_col = static_cast<unsigned short>(columns);
@@ -110,7 +112,7 @@ VrkResult runVrkInTerminal(const std::string& line, const std::string& folder, i
     close(terminal);
     int status = 0;
     waitpid(child, &status, 0);
-    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    result.exitCode = exitCodeOf(status);
     return result;
 }
 

@@ -1,13 +1,24 @@
 /// \file
-/// Runs the built vrk as a user would.
+/// Runs the built vrk as a user would, and brings what nearly every test of its commands uses.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/types.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
+#include <filesystem>
 #include <memory>
+#include <nlohmann/json.hpp>
+#include <sstream>
 #include <string>
 #include <vector>
+
+#include "support/Says.h"
+#include "support/TemporaryFolder.h"
+
+using Json = nlohmann::json;
 
 struct VrkResult {
     int exitCode = -1;  ///< 128 + signal number when the program was killed
@@ -64,3 +75,21 @@ void expectRefused(const std::vector<RefusedLine>& lines, const std::string& fol
 inline VrkResult runVrkLine(const std::string& line, const std::string& folder = ".") {
     return runVrk(words(line), folder);
 }
+
+/// What vrk prints with --json. The test fails where vrk does not end with success, and there is nothing.
+inline Json jsonOfVrk(const std::string& line, const std::string& folder = ".") {
+    const VrkResult result = runVrkLine(line + " --json", folder);
+    EXPECT_EQ(result.exitCode, 0) << line << '\n' << result.err;
+    return result.exitCode == 0 ? Json::parse(result.out) : Json();
+}
+
+/// A test with a folder of its own, in which vrk runs.
+class VrkTest : public testing::Test {
+protected:
+    VrkResult vrk(const std::string& line) const { return runVrkLine(line, folder / "."); }
+    Json jsonOf(const std::string& line) const { return jsonOfVrk(line, folder / "."); }
+    Json jsonFile(const std::string& name) const { return Json::parse(folder.read(name)); }
+    bool exists(const std::string& name) const { return std::filesystem::exists(folder / name); }
+
+    const TemporaryFolder folder;
+};

@@ -1,89 +1,61 @@
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cmath>
-#include <filesystem>
-#include <memory>
-#include <nlohmann/json.hpp>
 #include <numbers>
-#include <sstream>
 #include <tuple>
 
-#include "RunVrk.h"
-#include "VoxCore/DataModel/VoxMRCData.h"
-#include "VoxCore/IO/VoxMRCFileHandler.h"
+#include "app/RunVrk.h"
 #include "crystallography/CellFileImportExport.h"
 #include "crystallography/UnitCell.h"
+#include "support/MRCBytes.h"
 #include "support/PicturePanel.h"
-#include "support/TemporaryFolder.h"
 
 namespace {
 
 constexpr unsigned kEdge = 49;
-constexpr double kCentre = 0.5 * (kEdge - 1);
 
 /// A volume in which one node, 2 1 0, is bright, and the file of its cell: a* of 8 voxels along x, b* of 10
 /// along y, c* of 12 along z.
-class SectionsCommand : public testing::Test {
+class SectionsCommand : public VrkTest {
 protected:
     SectionsCommand() {
-        std::unique_ptr<VoxMRCData> volume(VoxMRCData::Create3D(kEdge, kEdge, kEdge));
-        mrcH& header = volume->m_Header;
-        header.nx = header.ny = header.nz = header.mx = header.my = header.mz = kEdge;
-        header.mode = 1;
-        header.type = MRCType::MRCVOLUME;
-        header.m_pixelsize = 2e8F;
-        for (unsigned z = 0; z < kEdge; ++z)
-            std::fill_n(volume->GetChunkPointer(z), kEdge * kEdge, short{0});
-        const auto centre = static_cast<unsigned>(kCentre);
-        for (unsigned x = 0; x < 2; ++x)
-            for (unsigned y = 0; y < 2; ++y)
-                volume->GetChunkPointer(centre)[(centre + 16 + x) * kEdge + centre + 10 + y] = 9000;
-        VoxMRCFileHandler().writeMRCFile(volume.get(), m_folder / "volume.mrc");
-
-        header.type = MRCType::TILT_SERIES;
-        header.next = 131072;
-        for (int z = 0; z < header.nz; ++z)
-            header.setValue(SliceValue::TiltAngle, z, static_cast<float>(z - 20));
-        VoxMRCFileHandler().writeMRCFile(volume.get(), m_folder / "series.mrc");
+        MRCBytes volume(kEdge, kEdge, kEdge, 0);
+        MRCBytes::put(volume.header, 12, std::int32_t{1});
+        MRCBytes::put(volume.header, 40, static_cast<float>(kEdge) * 2e8F);
+        std::ranges::fill(volume.data, std::int16_t{0});
+        constexpr std::size_t middle = kEdge / 2;
+        for (const std::size_t x : {16U, 17U})
+            for (const std::size_t y : {10U, 11U})
+                volume.data[(middle * kEdge + middle + x) * kEdge + middle + y] = 9000;
+        folder.write("volume.mrc", volume.bytes());
+        MRCBytes series(kEdge, kEdge, 5);
+        series.putTilts(-20, 1);
+        folder.write("series.mrc", series.bytes());
 
         const double a[3] = {8, 0, 0}, b[3] = {0, 10, 0}, c[3] = {0, 0, 12};
         UnitCell cell(a, b, c, 1e8, false, true, LATTICE::aP);
-        CellFileImportExport::writeCellFile_version_2(m_folder / "cell.txt", &cell);
+        CellFileImportExport::writeCellFile_version_2(folder / "cell.txt", &cell);
     }
 
-    VrkResult sections(const std::string& input, std::vector<std::string> more) const {
-        more.insert(more.begin(), {"sections", input, "cell.txt", "-o", "the pictures"});
-        return runVrk(more, m_folder / ".");
+    VrkResult sections(std::vector<std::string> more) const {
+        more.insert(more.begin(), {"sections", "volume.mrc", "cell.txt", "-o", "the pictures"});
+        return runVrk(more, folder / ".");
     }
-    bool exists(const std::string& name) const { return std::filesystem::exists(m_folder / name); }
-
-    TemporaryFolder m_folder;
 };
-
-TEST_F(SectionsCommand, DrawsThePlanesAndTheProjections) {
-    const VrkResult run = sections("volume.mrc", {"--size", "300"});
-    ASSERT_EQ(run.exitCode, 0) << run.err;
-    std::istringstream printed(run.out);
-    int count = 0;
-    for (std::string path; std::getline(printed, path); ++count) {
-        EXPECT_EQ(panelOf(m_folder / path).size(), cv::Size(300, 300)) << path;
-    }
-    EXPECT_EQ(count, 6);
-    for (const char* name : {"hk0", "h0l", "0kl", "projection_x", "projection_y", "projection_z"})
-        EXPECT_TRUE(exists("the pictures/" + std::string(name) + ".png")) << name;
-}
 
 /// Rings of resolution, bar and arrows are as long as they say.
 TEST_F(SectionsCommand, LengthsCanBeReadOffThePictures) {
     for (const int size : {294, 588}) {
-        ASSERT_EQ(sections("volume.mrc", {"--plane", "hk0", "--size", std::to_string(size)}).exitCode, 0);
+        const VrkResult run = sections({"--size", std::to_string(size)});
+        ASSERT_EQ(run.exitCode, 0) << run.err;
+        EXPECT_EQ(std::ranges::count(run.out, '\n'), 6);
+        for (const char* name : {"hk0", "h0l", "0kl", "projection_x", "projection_y", "projection_z"}) {
+            const std::string file = "the pictures/" + std::string(name) + ".png";
+            EXPECT_TRUE(says(run.out, file + '\n'));
+            EXPECT_EQ(panelOf(folder / file).size(), cv::Size(size, size)) << name;
+        }
         const double pixelsPerVoxel = size / double{kEdge};
         const double perPixel = 0.02 / pixelsPerVoxel;  // 1/Angstrom
         for (const char* name : {"hk0", "projection_z"}) {
             SCOPED_TRACE(name + std::to_string(size));
-            const cv::Mat picture = panelOf(m_folder / ("the pictures/" + std::string(name) + ".png"));
-            ASSERT_EQ(picture.size(), cv::Size(size, size));
+            const cv::Mat picture = panelOf(folder / ("the pictures/" + std::string(name) + ".png"));
             const auto colour = [&](double right, double up) {
                 return picture.at<cv::Vec3b>(static_cast<int>(std::lround(0.5 * (size - 1) - up)),
                                              static_cast<int>(std::lround(0.5 * (size - 1) + right)));
@@ -105,7 +77,7 @@ TEST_F(SectionsCommand, LengthsCanBeReadOffThePictures) {
                 bar += colour(x, -0.5 * size + 15.5)[2] > 250 ? 1 : 0;
             EXPECT_NEAR(bar, 0.2 / perPixel, 3);
         }
-        const cv::Mat picture = panelOf(m_folder / "the pictures/hk0.png");
+        const cv::Mat picture = panelOf(folder / "the pictures/hk0.png");
         const auto isOrange = [&](double right) {
             const auto colour =
                 picture.at<cv::Vec3b>(size / 2, static_cast<int>(std::lround(0.5 * (size - 1) + right)));
@@ -121,20 +93,20 @@ TEST_F(SectionsCommand, PutsNodesWhereTheirIndicesSay) {
     constexpr std::size_t kHeader = 18;
     for (const auto& [size, reduction, projection] : {std::tuple(200U, 1, kEdge), {24U, 2, 25U}}) {
         SCOPED_TRACE(size);
-        const VrkResult run = sections("volume.mrc", {"--primitive", "--plane", "hk0", "--plane", "hk1",
-                                                      "--size", std::to_string(size), "--tga", "--json"});
+        const VrkResult run = sections({"--primitive", "--plane", "hk0", "--plane", "hk1", "--size",
+                                        std::to_string(size), "--tga", "--json"});
         ASSERT_EQ(run.exitCode, 0) << run.err;
         EXPECT_FALSE(exists("the pictures/h0l.png"));
-        const auto json = nlohmann::json::parse(run.out);
+        const Json json = Json::parse(run.out);
         EXPECT_EQ(json["reduction"], reduction);
         EXPECT_EQ(json["files"].size(), 10U);
         for (const std::string file : json["files"])
             EXPECT_TRUE(exists(file)) << file;
-        const std::string hk0 = m_folder.read("the pictures/hk0.tga");
-        const std::string hk1 = m_folder.read("the pictures/hk1.tga");
+        const std::string hk0 = folder.read("the pictures/hk0.tga");
+        const std::string hk1 = folder.read("the pictures/hk1.tga");
         ASSERT_EQ(hk0.size(), kHeader + size * size);
         ASSERT_EQ(hk1.size(), hk0.size());
-        EXPECT_EQ(m_folder.read("the pictures/projection_x.tga").size(), kHeader + projection * projection);
+        EXPECT_EQ(folder.read("the pictures/projection_x.tga").size(), kHeader + projection * projection);
         const auto grey = [&](const std::string& picture, double right, double up) {
             const double pixelsPerVoxel = size / double{kEdge};
             const auto x = static_cast<std::size_t>(std::lround(0.5 * (size - 1) + pixelsPerVoxel * right));
@@ -149,17 +121,14 @@ TEST_F(SectionsCommand, PutsNodesWhereTheirIndicesSay) {
 }
 
 TEST_F(SectionsCommand, RefusesWhatItCannotDraw) {
-    m_folder.write("flat.txt", "#VRKCELLVERSION 2\n#\n1 0 0\n2 0 0\n0 0 1\n");
+    folder.write("flat.txt", "#VRKCELLVERSION 2\n#\n1 0 0\n2 0 0\n0 0 1\n");
     const std::vector<RefusedLine> cases = {
         {"volume.mrc cell.txt -o out --plane hk0 hkl", 2, "\"hkl\" is no plane"},
-        {"volume.mrc cell.txt -o out --size 0", 2, "--size"},
-        {"volume.mrc cell.txt", 2, "needs -o FOLDER"},
         {"series.mrc cell.txt -o out", 1, "holds a tilt series"},
-        {"volume.mrc none.txt -o out", 1, "none.txt"},
         {"volume.mrc flat.txt -o out", 1, "flat.txt"},
         {"volume.mrc cell.txt -o cell.txt", 1, "cannot make the folder"},
     };
-    expectRefused(cases, m_folder / ".", "sections ");
+    expectRefused(cases, folder / ".", "sections ");
     EXPECT_FALSE(exists("out"));
 }
 

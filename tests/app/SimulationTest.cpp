@@ -1,16 +1,13 @@
 #include "pipeline/simulation/Simulation.h"
 
-#include <gtest/gtest.h>
-
 #include <Eigen/Dense>
-#include <algorithm>
-#include <cmath>
 #include <gemmi/c4322.hpp>
 #include <numbers>
 #include <span>
 
+#include "app/RunVrk.h"
+#include "pipeline/base/Angle.h"
 #include "pipeline/base/Failure.h"
-#include "support/TemporaryFolder.h"
 
 namespace {
 
@@ -18,7 +15,7 @@ using vrk::SimulatedReflection;
 using vrk::SimulatedSeries;
 using vrk::SimulationSettings;
 
-constexpr double kDegree = std::numbers::pi / 180;
+using vrk::kDegree;
 
 std::vector<double> tiltRange(double first, double last, double step) {
     std::vector<double> tilts;
@@ -33,10 +30,8 @@ SimulationSettings reflectionsAlone() {
     settings.cell = {6, 7, 8, 85, 95, 100};
     settings.tilts = tiltRange(-40, 40, 1);
     settings.dmin = 0.9;
-    settings.detector.size = 256;
-    settings.detector.noise = 0;
-    settings.background.halo = 0;
-    settings.background.directBeam = 0;
+    settings.detector = {.size = 256, .noise = 0};
+    settings.background = {.halo = 0, .directBeam = 0};
     settings.keepReflections = true;
     return settings;
 }
@@ -86,24 +81,12 @@ bool crossing(const SimulatedReflection& one, const vrk::SimulationTruth& truth,
     return false;
 }
 
-struct Geometry {
-    double axis;
-    int handedness;
-    vrk::RotationMode mode;
-    double axisTilt = 0;
-    vrk::DistortionSettings distortion = {};
-
-    friend void PrintTo(const Geometry& geometry, std::ostream* out) {
-        *out << "axis " << geometry.axis << " leaning " << geometry.axisTilt;
-    }
-};
-
 /// Pixels from the pattern's centre at which (u, v) is recorded.
-std::pair<double, double> inPixels(double u, double v, const Geometry& geometry) {
-    const double a = geometry.axis * kDegree;
+std::pair<double, double> inPixels(double u, double v, const SimulationSettings& settings) {
+    const double a = settings.axis * kDegree;
     const double x = u * std::cos(a) - v * std::sin(a);
     const double y = u * std::sin(a) + v * std::cos(a);
-    const vrk::DistortionSettings& distortion = geometry.distortion;
+    const vrk::DistortionSettings& distortion = settings.distortion;
     const double outwards = 1 + distortion.radial * (x * x + y * y) / (128 * 128);
     const double e[2] = {std::cos(distortion.ellipseAzimuth * kDegree),
                          std::sin(distortion.ellipseAzimuth * kDegree)};
@@ -112,26 +95,29 @@ std::pair<double, double> inPixels(double u, double v, const Geometry& geometry)
     return {along * e[0] - across * e[1], along * e[1] + across * e[0]};
 }
 
-class SimulationGeometry : public testing::TestWithParam<Geometry> {
-protected:
-    static SimulationSettings settings() {
-        SimulationSettings settings = reflectionsAlone();
-        settings.axis = GetParam().axis;
-        settings.handedness = GetParam().handedness;
-        settings.mode = GetParam().mode;
-        settings.axisTilt = GetParam().axisTilt;
-        settings.distortion = GetParam().distortion;
-        return settings;
-    }
-};
+/// All positions of the axis, ways of turning and distortions.
+std::vector<SimulationSettings> geometries() {
+    using enum vrk::RotationMode;
+    std::vector<SimulationSettings> all;
+    const auto add = [&](double axis, int handedness, vrk::RotationMode mode, double axisTilt = 0,
+                         const vrk::DistortionSettings& distortion = {}) {
+        all.push_back(reflectionsAlone());
+        all.back().axis = axis;
+        all.back().handedness = handedness;
+        all.back().mode = mode;
+        all.back().axisTilt = axisTilt;
+        all.back().distortion = distortion;
+    };
+    add(0, 1, Continuous);
+    add(35, -1, Continuous, 0, {0.03, 20, 0});
+    add(-110, 1, Precession, -4);
+    add(0, 1, Continuous, 9, {-0.02, 100, 0.04});
+    add(10, -1, Stepwise, 0, {0, 0, -0.05});
+    return all;
+}
 
-TEST_P(SimulationGeometry, ReflectionsLieOnTheEwaldSphere) {
-    SimulationSettings settings = SimulationGeometry::settings();
-    settings.centre.drift = 3;
-    settings.centre.jump = 5;
-    settings.centre.jumps = 3;
-    settings.centre.jitter = 1;
-    settings.centre.offset = {4, -6};
+void expectReflectionsOnTheEwaldSphere(SimulationSettings settings) {
+    settings.centre = {{4, -6}, 3, 5, 3, 1};
     settings.tiltErrors = {0.7, 1.1, 0.2};
     if (settings.mode == vrk::RotationMode::Stepwise) settings.rockingWidth = 0.01;
     const SimulatedSeries simulated = vrk::simulateSeries(settings);
@@ -146,7 +132,7 @@ TEST_P(SimulationGeometry, ReflectionsLieOnTheEwaldSphere) {
         for (std::size_t i = 1; i < truth.tilts.size(); ++i)
             if (std::abs(truth.tilts[i] - tilt) < std::abs(truth.tilts[nearest] - tilt)) nearest = i;
         const auto [u, v, height] = inFrame(one.position, truth, tilt);
-        const auto [x, y] = inPixels(u, v, GetParam());
+        const auto [x, y] = inPixels(u, v, settings);
         const auto [centreX, centreY] = truth.centres[nearest];
         if (std::hypot(x, y) > 110) continue;  // the centre may be that far off the middle
         EXPECT_GT(pixelAt(simulated, nearest, centreX + x, centreY + y), 0.3 * one.peakCounts)
@@ -156,8 +142,7 @@ TEST_P(SimulationGeometry, ReflectionsLieOnTheEwaldSphere) {
     EXPECT_GT(seen, 30);
 }
 
-TEST_P(SimulationGeometry, NothingElseIsBright) {
-    const SimulationSettings settings = SimulationGeometry::settings();
+void expectNothingElseToBeBright(const SimulationSettings& settings) {
     const SimulatedSeries simulated = vrk::simulateSeries(settings);
     const vrk::SimulationTruth& truth = simulated.truth;
     const double centre = (settings.detector.size - 1) * 0.5;
@@ -170,7 +155,7 @@ TEST_P(SimulationGeometry, NothingElseIsBright) {
                 const bool explained = std::any_of(
                     truth.reflections.begin(), truth.reflections.end(), [&](const SimulatedReflection& one) {
                         const auto [u, v, height] = inFrame(one.position, truth, truth.tilts[z]);
-                        const auto [px, py] = inPixels(u, v, GetParam());
+                        const auto [px, py] = inPixels(u, v, settings);
                         // The rocking width, the precession angle and half a step.
                         return std::abs(centre + px - x) < 4 && std::abs(centre + py - y) < 4 &&
                                std::abs(fromSphere(one, truth, truth.tilts[z])) <
@@ -182,12 +167,13 @@ TEST_P(SimulationGeometry, NothingElseIsBright) {
     EXPECT_GT(bright, 60);
 }
 
-INSTANTIATE_TEST_SUITE_P(Modes, SimulationGeometry,
-                         testing::Values(Geometry{0, 1, vrk::RotationMode::Continuous},
-                                         Geometry{35, -1, vrk::RotationMode::Continuous, 0, {0.03, 20, 0}},
-                                         Geometry{-110, 1, vrk::RotationMode::Precession, -4},
-                                         Geometry{0, 1, vrk::RotationMode::Continuous, 9, {-0.02, 100, 0.04}},
-                                         Geometry{10, -1, vrk::RotationMode::Stepwise, 0, {0, 0, -0.05}}));
+TEST(Simulation, ReflectionsLieOnTheEwaldSphereAndNothingElseIsBright) {
+    for (const SimulationSettings& settings : geometries()) {
+        SCOPED_TRACE(settings.axis + 0.01 * settings.axisTilt);
+        expectReflectionsOnTheEwaldSphere(settings);
+        expectNothingElseToBeBright(settings);
+    }
+}
 
 /// Counts over a pass through the sphere, times the speed of the pass, are the intensity: with the reference
 /// width of 0.0025 and one exposure a degree. Neither the step nor the rocking width has a part in it.
@@ -280,8 +266,7 @@ protected:
         settings.tilts = {0};
         settings.peakCounts = 0;
         settings.dmin = 1;
-        settings.detector.size = 200;
-        settings.detector.noise = 0;
+        settings.detector = {.size = 200, .noise = 0};
         settings.background.directBeam = 0;
     }
     /// The count nearest to (dx, dy) from the middle of the frame.
@@ -295,16 +280,14 @@ protected:
 TEST_F(SimulatedBackgroundTest, HaloGrowsToOneSide) {
     settings.background.halo = 100;
     const double plain = at(0, 50.5);
-    settings.background.gradient = 0.4;
-    settings.background.gradientAzimuth = 90;
+    settings.background = {100, 0, 0.4, 90};
     EXPECT_NEAR(at(0, 50.5) / plain, 1.202, 0.001);
     EXPECT_NEAR(at(0, -50.5) / plain, 0.798, 0.001);
     EXPECT_NEAR(at(50.5, 0.5) / plain, 1.002, 0.001);
 }
 
 TEST_F(SimulatedBackgroundTest, RingsOfIceAreWhereIceHasThemAndDistortedLikeSpots) {
-    settings.background.halo = 0;
-    settings.background.ice = 1000;
+    settings.background = {.halo = 0, .directBeam = 0, .ice = 1000};
     // 96 pixels are 1 1/Angstrom: 3.895 Angstrom at 24.65 pixels, 2.248 at 42.7.
     EXPECT_NEAR(at(24.5, 0.5), 1000, 120);
     EXPECT_NEAR(at(0.5, -42.5), 440, 60);
@@ -316,9 +299,7 @@ TEST_F(SimulatedBackgroundTest, RingsOfIceAreWhereIceHasThemAndDistortedLikeSpot
 }
 
 TEST_F(SimulatedBackgroundTest, StopsDimWhatIsBehindThem) {
-    settings.background.halo = 0;
-    settings.background.ice = 1000;
-    settings.background.directBeam = 20000;
+    settings.background = {.halo = 0, .directBeam = 20000, .ice = 1000};
     const double beam = at(0.5, 0.5);
     const double ring = at(24.5, 0.5);
     settings.beamStop = vrk::BeamStopSettings{};
@@ -402,8 +383,7 @@ TEST(Simulation, IntensitiesOfAStructureFollowItsStructureFactors) {
 
 TEST(Simulation, SeedsDecideEverythingRandomOneByOne) {
     SimulationSettings settings = reflectionsAlone();
-    settings.detector = {};
-    settings.detector.size = 64;
+    settings.detector = {.size = 64};
     settings.background = {};
     settings.tilts = {-1, 0, 1};
     const SimulatedSeries first = vrk::simulateSeries(settings);
@@ -443,14 +423,11 @@ TEST(Simulation, CountsArePoissonDistributed) {
 TEST(Simulation, DefectsAreWhereTheyBelong) {
     SimulationSettings settings = reflectionsAlone();
     settings.background.directBeam = 5000;
-    settings.detector.saturation = 4000;
-    settings.detector.hotPixels = 3;
-    settings.detector.cross = true;
+    settings.detector = {.size = 256, .noise = 0, .saturation = 4000, .hotPixels = 3, .cross = true};
     settings.tilts = tiltRange(-10, 10, 1);
     settings.missing = 4;
     settings.blank = 1;
-    settings.centre.drift = 4;
-    settings.centre.jump = 6;
+    settings.centre = {.drift = 4, .jump = 6};
     const SimulatedSeries simulated = vrk::simulateSeries(settings);
     EXPECT_EQ(simulated.truth.tilts.size(), 17U);
     EXPECT_EQ(simulated.truth.tilts.front(), -10);
@@ -502,6 +479,44 @@ TEST(Simulation, ImpossibleSettingsAreRefused) {
         spoilers[i](settings);
         EXPECT_THROW(vrk::simulateSeries(settings), vrk::Failure) << "case " << i;
     }
+}
+
+using SimulateCommand = VrkTest;
+
+TEST_F(SimulateCommand, WritesTheTruthAndWhatHeadersAreToState) {
+    const std::string line =
+        "simulate -o s.mrc --size 64 --dmin 2 --tilts 10:-10:-2 --cell 10,11,12,90,95,90 --axis 20 ";
+    Json truth = jsonOf(line + "--write-axis --kv 120 --centring C --list-reflections");
+    EXPECT_EQ(jsonFile("s.truth.json"), truth);
+    EXPECT_NEAR(truth["pixel_size"], 1e10 / 2 / 28, 1e-3);
+    EXPECT_EQ(truth["cell"]["conventional"]["centring"], "C");
+    EXPECT_NEAR(truth["wavelength"], 0.03349, 1e-5);
+    EXPECT_EQ(truth["reflections"].size(), truth["reflections_in_sphere"].get<std::size_t>());
+    Json series = jsonOf("info s.mrc");
+    EXPECT_EQ(series["type"], "tilt series");
+    EXPECT_EQ(series["tilt"], Json::parse(R"({"first": 10, "last": -10, "step": -2, "smallest_step": -2,
+        "largest_step": -2, "regular": true, "axis": 20, "high_tension_kv": 120})"));
+    EXPECT_NEAR(series["pixel_size"], 1e10 / 2 / 28, 100);
+    // Half written files never bear the final name.
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder / ""), {}), 2);
+
+    truth = jsonOf(line +
+                   "--state-axis 25 --state-step -3 --state-pixel 1.5 --state-kv 300 --tilt-offset 2 "
+                   "--tilt-scale 0.5");
+    series = jsonOf("info s.mrc");
+    const double pixelSize = series["pixel_size"];
+    EXPECT_NEAR(pixelSize / truth["pixel_size"].get<double>(), 1.5, 1e-6);
+    EXPECT_NEAR(truth["stated"]["pixel_size"].get<double>() / pixelSize, 1, 1e-6);
+    EXPECT_NEAR(truth["tilts"][10], -3, 1e-9);
+    const auto three = [](const Json& axis, const Json& tilt, const Json& kiloVolts) {
+        return Json{axis, tilt, kiloVolts};
+    };
+    const Json& stated = truth["stated"];
+    EXPECT_EQ(three(truth["tilt_axis_deg"], truth["tilts"][0], truth["voltage_kv"]), Json({20, 7, 200}));
+    EXPECT_EQ(three(stated["tilt_axis_deg"], stated["tilts"][10], stated["voltage_kv"]),
+              Json({25, -20, 300}));
+    EXPECT_EQ(three(series["tilt"]["axis"], series["tilt"]["last"], series["tilt"]["high_tension_kv"]),
+              Json({25, -20, 300}));
 }
 
 }  // namespace

@@ -1,71 +1,50 @@
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <filesystem>
-#include <nlohmann/json.hpp>
-
-#include "RunVrk.h"
+#include "app/RunVrk.h"
 #include "pipeline/geometry/TiltAxisSearch.h"
-#include "support/TemporaryFolder.h"
 
 namespace {
 
-void simulate(const std::string& path, const std::vector<std::string>& more) {
-    std::vector<std::string> arguments = {"simulate", "-o",  path,     "--cell", "3.7,4.4,5.1,90,97,90",
-                                          "--size",   "128", "--seed", "4"};
-    arguments.insert(arguments.end(), more.begin(), more.end());
-    ASSERT_EQ(runVrk(arguments).exitCode, 0);
-}
+class TiltAxisCommandTest : public VrkTest {
+protected:
+    void simulate(const std::string& options) const {
+        jsonOf("simulate --cell 3.7,4.4,5.1,90,97,90 --size 128 --seed 4 -o " + options);
+    }
+};
 
 std::vector<TiltAxisScore> scoresOf(const std::vector<std::pair<double, double>>& values) {
     std::vector<TiltAxisScore> scores;
     for (const auto& [angle, variance] : values) {
-        TiltAxisScore score;
-        score.angle = static_cast<float>(angle);
-        score.variance = variance;
-        score.evaluated = true;
-        scores.push_back(score);
+        scores.emplace_back();
+        scores.back().angle = static_cast<float>(angle);
+        scores.back().variance = variance;
+        scores.back().evaluated = true;
     }
     return scores;
 }
 
-}  // namespace
-
-TEST(TiltAxisCommandTest, FindsTheAxisOfARawSeriesWithAnyNumberOfThreads) {
-    const TemporaryFolder folder;
-    const std::string series = folder / "s.mrc";
-    simulate(series, {"--axis", "-12.3", "--tilts", "-60:60:2", "--drift", "2"});
-    const auto search = [&](const std::string& jobs) {
-        const VrkResult result = runVrk({"tilt-axis", series, "-o", folder / ("axis" + jobs), "--accuracy",
-                                         "1", "--jobs", jobs, "--json"});
-        EXPECT_EQ(result.exitCode, 0) << result.err;
-        return nlohmann::json::parse(result.out);
-    };
-    const nlohmann::json one = search("1");
-    EXPECT_NEAR(one["angle_deg"].get<double>(), -12.3, 0.5);
+TEST_F(TiltAxisCommandTest, FindsTheAxisOfARawSeriesWithAnyNumberOfThreads) {
+    simulate("s.mrc --axis -12.3 --tilts -60:60:2 --drift 2");
+    const Json one = jsonOf("tilt-axis s.mrc -o axis --accuracy 1 --jobs 1");
+    EXPECT_NEAR(one["angle_deg"], -12.3, 0.5);
     EXPECT_TRUE(one["reliable"].get<bool>());
     EXPECT_EQ(one["scores"].size(), 58u);
-    EXPECT_TRUE(std::filesystem::exists(folder / "axis1/histograms/diffVectorHistogramm_RotAngle_-90.png"));
-    EXPECT_TRUE(std::filesystem::exists(one["plots"].get<std::string>() +
-                                        "/differenceVectorSpace_histogram_variance.png"));
-    const nlohmann::json three = search("3");
+    EXPECT_TRUE(exists("axis/histograms/diffVectorHistogramm_RotAngle_-90.png"));
+    EXPECT_TRUE(exists(one["plots"].get<std::string>() + "/differenceVectorSpace_histogram_variance.png"));
+    const Json three = jsonOf("tilt-axis s.mrc -o axis --accuracy 1 --jobs 3");
     EXPECT_EQ(three["scores"], one["scores"]);
     EXPECT_EQ(three["angle_deg"], one["angle_deg"]);
 }
 
-TEST(TiltAxisCommandTest, SaysWhatIsWrong) {
-    const TemporaryFolder folder;
-    simulate(folder / "one.mrc", {"--tilts", "5:5:1"});
-    simulate(folder / "noise.mrc", {"--tilts", "-20:20:5", "--peak", "0.1", "--background", "0"});
+TEST_F(TiltAxisCommandTest, SaysWhatIsWrong) {
+    simulate("one.mrc --tilts 5:5:1");
+    simulate("noise.mrc --tilts -20:20:5 --peak 0.1 --background 0");
     expectRefused({{"one.mrc", 1, "one pattern"},
                    {"one.mrc --range 5 1 1", 2, "--range"},
                    {"one.mrc --method 4d", 2, "method"},
-                   {"noise.mrc --preprocessed", 3, "no "},
-                   {"missing.mrc", 1, "missing.mrc"}},
+                   {"noise.mrc --preprocessed", 3, "no "}},
                   folder / ".", "tilt-axis -o out ");
 }
 
-TEST(TiltAxisCommandTest, LaysAParabolaThroughTheScores) {
+TEST(TiltAxisFit, LaysAParabolaThroughTheScores) {
     std::vector<std::pair<double, double>> values;
     for (int i = -10; i <= 10; ++i)
         values.emplace_back(20 + i * 0.1, 50 - 3 * std::pow(20 + i * 0.1 - 20.13, 2) + (i % 2) * 1e-3);
@@ -79,3 +58,5 @@ TEST(TiltAxisCommandTest, LaysAParabolaThroughTheScores) {
     EXPECT_EQ(flat.uncertainty, 0.5);
     EXPECT_EQ(vrk::fitTiltAxis(scoresOf({{7, 5}}), 7).angle, 7.0);
 }
+
+}  // namespace

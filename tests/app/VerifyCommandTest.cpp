@@ -1,19 +1,13 @@
 // vrk verify: what was done to a result afterwards is found and named.
-#include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <functional>
-#include <nlohmann/json.hpp>
 
 #include "app/RunVrk.h"
-#include "support/TemporaryFolder.h"
 
 namespace {
 
-using Json = nlohmann::json;
-
-class VerifyCommandTest : public testing::Test {
+class VerifyCommandTest : public VrkTest {
 protected:
     void SetUp() override {
         for (const char* line :
@@ -22,8 +16,6 @@ protected:
               "run s.mrc -o good --no-pictures --threshold 21"})
             ASSERT_EQ(vrk(line).exitCode, 0) << line;
     }
-
-    VrkResult vrk(const std::string& line) const { return runVrkLine(line, folder / "."); }
 
     /// Puts another text where the first one stands, and the checksum right where that is wanted.
     void replace(const std::string& file, const std::string& from, const std::string& to, bool hidden) const {
@@ -34,8 +26,6 @@ protected:
         const std::string sums = "sha256sum $(cut -c67- SHA256SUMS) > sums && mv sums SHA256SUMS";
         ASSERT_EQ(std::system(("cd " + (folder / "r") + " && " + sums).c_str()), 0);
     }
-
-    TemporaryFolder folder;
 };
 
 TEST_F(VerifyCommandTest, NamesWhatIsNotAsTheRunLeftIt) {

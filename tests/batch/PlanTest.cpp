@@ -11,6 +11,7 @@
 #include "pipeline/batch/Workflow.h"
 #include "support/FailureOf.h"
 #include "support/MRCBytes.h"
+#include "support/Says.h"
 #include "support/TemporaryFolder.h"
 
 namespace {
@@ -106,7 +107,7 @@ TEST_F(Plan, FindsSeriesInAllShapesAndKeepsTheirNames) {
                                         fs::path(folder / "stack/s.rawtlt").lexically_normal().string()}));
     EXPECT_EQ(vrk::runWords(stack, kKinds), (std::vector<std::string>{"--tilt-axis=5", "--jobs=1"}));
     ASSERT_EQ(warnings.size(), 1U);
-    EXPECT_NE(warnings[0].find("volume.mrc states no tilts"), std::string::npos);
+    EXPECT_TRUE(says(warnings[0], "volume.mrc states no tilts"));
 
     // The plan holds every byte of a name, and a job is found in it alone.
     const vrk::BatchFolder batch(folder / "out");
@@ -154,7 +155,7 @@ TEST_F(Plan, TakesOptionsFromTables) {
              {"series,no-pictures\nplain.mrc,perhaps\n", "neither yes nor no"},
              {"series,tilts\nplain.mrc,1:2\n", "needs none"},
              {"series\nnowhere.mrc\n", "line 2: there is no series"}})
-        EXPECT_NE(refusalOf(bad).find(expected), std::string::npos) << bad << refusalOf(bad);
+        EXPECT_TRUE(says(refusalOf(bad), expected)) << bad;
     EXPECT_THROW(vrk::readOptions({"--tilt-axis"}, kKinds, "."), vrk::Failure);
     EXPECT_THROW(vrk::readOptions({"5"}, kKinds, "."), vrk::Failure);
     EXPECT_EQ(vrk::readOptions({"--tilt-axis", "-5", "--pixel-size=2", "--no-pictures"}, kKinds, "."),

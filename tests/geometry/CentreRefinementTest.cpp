@@ -13,6 +13,7 @@
 #include <numbers>
 #include <random>
 #include <vector>
+#include "support/Indices.h"
 
 namespace {
 
@@ -37,19 +38,17 @@ Series seriesWith(const std::function<Eigen::Vector2d(std::size_t)>& shiftOf) {
         series.patterns.push_back(tilt);
     std::mt19937 random(4);
     std::normal_distribution<double> noise(0, 0.25);
-    for (int h = -8; h <= 8; ++h)
-        for (int k = -8; k <= 8; ++k)
-            for (int l = -8; l <= 8; ++l) {
-                const Vector3d node = series.lattice.basis * Vector3d(h, k, l);
-                const double tilt = node.x() == 0 ? 0 : std::atan(node.z() / node.x());
-                if ((!h && !k && !l) || std::abs(tilt) > 60 * vrk::kDegree || node.norm() > 95) continue;
-                const auto pattern = static_cast<std::size_t>(std::lround((tilt / vrk::kDegree + 60) / 3));
-                const Eigen::Vector2d shift = shiftOf(pattern);
-                series.positions.push_back(series.centre + node + shift.y() * Vector3d::UnitY() +
-                                           shift.x() * Vector3d(std::cos(tilt), 0, std::sin(tilt)) +
-                                           Vector3d(noise(random), noise(random), noise(random)));
-                series.tilts.push_back(tilt);
-            }
+    forEachIndex(8, 8, 8, [&](int h, int k, int l) {
+        const Vector3d node = series.lattice.basis * Vector3d(h, k, l);
+        const double tilt = node.x() == 0 ? 0 : std::atan(node.z() / node.x());
+        if ((!h && !k && !l) || std::abs(tilt) > 60 * vrk::kDegree || node.norm() > 95) return;
+        const auto pattern = static_cast<std::size_t>(std::lround((tilt / vrk::kDegree + 60) / 3));
+        const Eigen::Vector2d shift = shiftOf(pattern);
+        series.positions.push_back(series.centre + node + shift.y() * Vector3d::UnitY() +
+                                   shift.x() * Vector3d(std::cos(tilt), 0, std::sin(tilt)) +
+                                   Vector3d(noise(random), noise(random), noise(random)));
+        series.tilts.push_back(tilt);
+    });
     return series;
 }
 

@@ -8,8 +8,8 @@
 
 namespace {
 
+using vrk::kDegree;
 using vrk::test::Distortion;
-using vrk::test::kDegree;
 
 struct Recorded : vrk::test::Recorded {
     using vrk::test::Recorded::Recorded;

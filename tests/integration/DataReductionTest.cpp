@@ -11,18 +11,16 @@
 #include "pipeline/integration/LaueGroup.h"
 #include "pipeline/simulation/SimulatedCrystal.h"
 #include "support/FailureOf.h"
+#include "support/Indices.h"
 
 namespace {
 
 using namespace vrk;
 
 Eigen::Matrix3d reciprocalOf(const std::array<double, 6>& cell) {
+    // Its rows are our columns.
     const Matrix3 rows = SimulatedCrystal::fromCell(cell, 'P', 0, 1).reciprocal();
-    Eigen::Matrix3d columns;
-    for (int i = 0; i < 3; ++i)
-        for (int j = 0; j < 3; ++j)
-            columns(j, i) = rows[static_cast<std::size_t>(i)][static_cast<std::size_t>(j)];
-    return columns;
+    return Eigen::Map<const Eigen::Matrix3d>(rows.front().data());
 }
 
 /// A data set with the symmetry of a space group, of a wedge that lacks a cone.
@@ -45,28 +43,27 @@ struct DataSet {
         std::exponential_distribution<double> wilson(1.0 / 1000);
         std::map<gemmi::Op::Miller, double> truth;
         std::vector<IntegratedReflection> list;
-        for (int h = -9; h <= 9; ++h)
-            for (int k = -9; k <= 9; ++k)
-                for (int l = -9; l <= 9; ++l) {
-                    const Eigen::Vector3d g = reciprocal * Eigen::Vector3d(h, k, l);
-                    const double length = g.norm();
-                    if (length == 0 || length > 0.9 || isExtinct(centring, h, k, l)) continue;
-                    if (std::abs(g.normalized().dot(Eigen::Vector3d(0.36, 0.48, 0.8))) > 0.85) continue;
-                    const gemmi::Op::Miller hkl = {h, k, l};
-                    const auto [entry, isNew] = truth.try_emplace(unique.to_asu(hkl, operations).first, 0.0);
-                    if (isNew) entry->second = wilson(random) * std::exp(-3 * length * length);
-                    const double value = operations.is_systematically_absent(hkl) ? 0 : entry->second;
-                    IntegratedReflection r;
-                    r.h = h;
-                    r.k = k;
-                    r.l = l;
-                    r.spacing = 1 / length;
-                    r.frame = 60 + 55 * g.normalized().dot(Eigen::Vector3d(0.8, -0.6, 0));
-                    const double scale = std::exp(wave * std::sin(r.frame / 18));
-                    r.sigma = std::hypot(10, noise * value * scale);
-                    r.intensity = value * scale + understated * r.sigma * normal(random);
-                    list.push_back(r);
-                }
+        forEachIndex(9, 9, 9, [&](int h, int k, int l) {
+            const Eigen::Vector3d g = reciprocal * Eigen::Vector3d(h, k, l);
+            const double length = g.norm();
+            if (length == 0 || length > 0.9 || isExtinct(centring, h, k, l)) return;
+            if (std::abs(g.normalized().dot(Eigen::Vector3d(0.36, 0.48, 0.8))) > 0.85) return;
+            const gemmi::Op::Miller hkl = {h, k, l};
+            const auto [entry, isNew] = truth.try_emplace(unique.to_asu(hkl, operations).first, 0.0);
+            if (isNew) entry->second = wilson(random) * std::exp(-3 * length * length);
+            const double value = operations.is_systematically_absent(hkl) ? 0 : entry->second;
+            const double frame = 60 + 55 * g.normalized().dot(Eigen::Vector3d(0.8, -0.6, 0));
+            const double scale = std::exp(wave * std::sin(frame / 18));
+            const double sigma = std::hypot(10, noise * value * scale);
+            const double intensity = value * scale + understated * sigma * normal(random);
+            list.push_back({.h = h,
+                            .k = k,
+                            .l = l,
+                            .intensity = intensity,
+                            .sigma = sigma,
+                            .frame = frame,
+                            .spacing = 1 / length});
+        });
         return list;
     }
     DataReduction reduced() const {
@@ -89,21 +86,21 @@ TEST(LaueGroupTest, isFoundBelowAndAtTheSymmetryOfTheLattice) {
         const char* group;
         const char* symbol;
     };
-    const std::array<Row, 15> rows = {{{{7.1, 8.3, 9.4, 82, 75, 68}, 'P', "P 1", "P -1"},
-                                       {{7.1, 8.3, 9.4, 90, 103, 90}, 'P', "P 1 2 1", "P 1 2/m 1"},
-                                       {{7.1, 8.3, 9.4, 90, 90, 90}, 'P', "P 1 2 1", "P 1 2/m 1"},
-                                       {{7.1, 8.3, 9.4, 90, 90, 90}, 'P', "P 1 1 2", "P 1 1 2/m"},
-                                       {{7.1, 8.3, 9.4, 90, 90, 90}, 'C', "C 2 2 2", "C m m m"},
-                                       {tetragonal, 'I', "I 4", "I 4/m"},
-                                       {tetragonal, 'P', "P 4 2 2", "P 4/m m m"},
-                                       {hexagonal, 'P', "P 3", "P -3"},
-                                       {hexagonal, 'P', "P 3 2 1", "P -3 m 1"},
-                                       {hexagonal, 'P', "P 3 1 2", "P -3 1 m"},
-                                       {hexagonal, 'P', "P 6", "P 6/m"},
-                                       {{7.5, 7.5, 11.3, 90, 90, 120}, 'R', "R 3:H", "R -3:H"},
-                                       {{7.5, 7.5, 11.3, 90, 90, 120}, 'R', "P 1", "R -1"},
-                                       {{12, 12, 12, 90, 90, 90}, 'F', "F 2 3", "F m -3"},
-                                       {cubic, 'P', "P 4 3 2", "P m -3 m"}}};
+    const Row rows[] = {{{7.1, 8.3, 9.4, 82, 75, 68}, 'P', "P 1", "P -1"},
+                        {{7.1, 8.3, 9.4, 90, 103, 90}, 'P', "P 1 2 1", "P 1 2/m 1"},
+                        {{7.1, 8.3, 9.4, 90, 90, 90}, 'P', "P 1 2 1", "P 1 2/m 1"},
+                        {{7.1, 8.3, 9.4, 90, 90, 90}, 'P', "P 1 1 2", "P 1 1 2/m"},
+                        {{7.1, 8.3, 9.4, 90, 90, 90}, 'C', "C 2 2 2", "C m m m"},
+                        {tetragonal, 'I', "I 4", "I 4/m"},
+                        {tetragonal, 'P', "P 4 2 2", "P 4/m m m"},
+                        {hexagonal, 'P', "P 3", "P -3"},
+                        {hexagonal, 'P', "P 3 2 1", "P -3 m 1"},
+                        {hexagonal, 'P', "P 3 1 2", "P -3 1 m"},
+                        {hexagonal, 'P', "P 6", "P 6/m"},
+                        {{7.5, 7.5, 11.3, 90, 90, 120}, 'R', "R 3:H", "R -3:H"},
+                        {{7.5, 7.5, 11.3, 90, 90, 120}, 'R', "P 1", "R -1"},
+                        {{12, 12, 12, 90, 90, 90}, 'F', "F 2 3", "F m -3"},
+                        {cubic, 'P', "P 4 3 2", "P m -3 m"}};
     for (const Row& row : rows) {
         const DataReduction data = DataSet{row.cell, row.centring, row.group}.reduced();
         EXPECT_EQ(data.laue.best().symbol, row.symbol);
@@ -124,14 +121,9 @@ TEST(LaueGroupTest, fewEquivalentsMakeNoSymmetry) {
             std::normal_distribution<double> normal(0, 20);
             std::vector<Observation> list;
             const auto add = [&](const Indices& hkl, double value) {
-                Observation one;
-                one.hkl = hkl;
                 const double s = (reciprocal * Eigen::Vector3d(hkl[0], hkl[1], hkl[2])).norm();
                 const double weaker = seed % 2 == 0 ? 1 : std::exp(-9 * s * s);
-                one.intensity = weaker * (value + normal(random));
-                one.sigma = weaker * 20;
-                one.spacing = 1 / s;
-                list.push_back(one);
+                list.push_back({hkl, weaker * (value + normal(random)), weaker * 20, 1 / s});
             };
             for (int h = 1; h <= 6; ++h)
                 for (int l = -6; l <= 6; ++l) {
@@ -210,13 +202,8 @@ TEST(ScalingTest, marksOutliersWithTheirSource) {
 
 TEST(MergingTest, numbersAreThoseOfTheirDefinitions) {
     // Two pairs of Friedel mates and one single reflection.
-    const auto one = [](Indices hkl, double intensity, double sigma) {
-        Observation o;
-        o.hkl = hkl;
-        o.intensity = intensity;
-        o.sigma = sigma;
-        o.spacing = 10 / std::sqrt(hkl[0] * hkl[0] + hkl[1] * hkl[1] + hkl[2] * hkl[2]);
-        return o;
+    const auto one = [](Indices hkl, double intensity, double sigma) -> Observation {
+        return {hkl, intensity, sigma, 10 / std::hypot(hkl[0], hkl[1], hkl[2])};
     };
     const std::vector<Observation> list = {one({1, 2, 0}, 100, 10), one({-1, -2, 0}, 130, 20),
                                            one({2, 0, 1}, 40, 10), one({-2, 0, -1}, 20, 10),
@@ -242,15 +229,8 @@ TEST(WilsonPosteriorTest, isTheMeanOverAllTrueIntensities) {
     struct Row {
         double intensity, sigma, mean;
     };
-    const std::array<Row, 9> rows = {{{0, 1, 1},
-                                      {-3, 1, 5},
-                                      {-40, 2, 50},
-                                      {5, 1, 0.1},
-                                      {5, 2, 1000},
-                                      {90, 3, 40},
-                                      {1e4, 20, 300},
-                                      {-900, 100, 0.5},
-                                      {0.3, 0.5, 2}}};
+    const Row rows[] = {{0, 1, 1},   {-3, 1, 5},     {-40, 2, 50},     {5, 1, 0.1},  {5, 2, 1000},
+                        {90, 3, 40}, {1e4, 20, 300}, {-900, 100, 0.5}, {0.3, 0.5, 2}};
     for (const Row& row : rows)
         for (const bool centric : {false, true}) {
             // Every true amplitude, with its density times the likelihood of the measurement.
@@ -324,13 +304,8 @@ TEST(MergingTest, ccHalfIsThatOfRandomHalves) {
         const double truth = wilson(random);
         std::array<double, 2> values{};
         for (const int sign : {1, -1}) {
-            Observation one;
-            one.hkl = {sign * i, 0, 0};
-            one.intensity = truth + 80 * normal(random);
-            one.sigma = 80;
-            one.spacing = 2;
-            values[sign > 0 ? 0 : 1] = one.intensity;
-            list.push_back(one);
+            list.push_back({{sign * i, 0, 0}, truth + 80 * normal(random), 80, 2});
+            values[sign > 0 ? 0 : 1] = list.back().intensity;
         }
         x += values[0] / kCount;
         y += values[1] / kCount;
@@ -350,14 +325,11 @@ TEST(SpaceGroupsTest, areRankedByWhatIsAbsent) {
         char centring;
         const char* group;
     };
-    const std::array<Row, 8> rows = {{{{7.1, 8.3, 9.4, 90, 103, 90}, 'P', "P 1 21/c 1"},
-                                      {{12.1, 8.3, 9.4, 90, 103, 90}, 'C', "C 1 2/c 1"},
-                                      {{7.1, 8.3, 9.4, 90, 90, 90}, 'P', "P n m a"},
-                                      {{7.1, 8.3, 9.4, 90, 90, 90}, 'P', "P b c n"},
-                                      {{9.1, 11.3, 13.4, 90, 90, 90}, 'F', "F d d d:2"},
-                                      {{9.5, 9.5, 9.3, 90, 90, 90}, 'I', "I 41/a:2"},
-                                      {{7.5, 7.5, 11.3, 90, 90, 120}, 'R', "R -3 c:H"},
-                                      {{9.5, 9.5, 9.5, 90, 90, 90}, 'I', "I a -3 d"}}};
+    const Row rows[] = {
+        {{7.1, 8.3, 9.4, 90, 103, 90}, 'P', "P 1 21/c 1"}, {{12.1, 8.3, 9.4, 90, 103, 90}, 'C', "C 1 2/c 1"},
+        {{7.1, 8.3, 9.4, 90, 90, 90}, 'P', "P n m a"},     {{7.1, 8.3, 9.4, 90, 90, 90}, 'P', "P b c n"},
+        {{9.1, 11.3, 13.4, 90, 90, 90}, 'F', "F d d d:2"}, {{9.5, 9.5, 9.3, 90, 90, 90}, 'I', "I 41/a:2"},
+        {{7.5, 7.5, 11.3, 90, 90, 120}, 'R', "R -3 c:H"},  {{9.5, 9.5, 9.5, 90, 90, 90}, 'I', "I a -3 d"}};
     for (const Row& row : rows) {
         const DataReduction data = DataSet{row.cell, row.centring, row.group}.reduced();
         // Groups that differ by a centre of inversion alone forbid the same.
@@ -389,17 +361,10 @@ TEST(SpaceGroupsTest, conditionsTellTheirEvidence) {
 }
 
 TEST(DataReductionTest, saysWhenNothingIsLeft) {
-    std::vector<IntegratedReflection> blind(5);
-    for (IntegratedReflection& r : blind) {
-        r.h = 1;
-        r.sigma = 1;
-        r.spacing = 2;
-        r.flags = kReflectionBlind;
-    }
+    std::vector<IntegratedReflection> blind(5, {.h = 1, .flags = kReflectionBlind, .sigma = 1, .spacing = 2});
     blind[4].flags = kReflectionSaturated;
-    const Refusal refusal = failureOf([&] {
-        reduceData(blind, 10, reciprocalOf({10, 10, 10, 90, 90, 90}), 'P', 1);
-    });
+    const Eigen::Matrix3d reciprocal = reciprocalOf({10, 10, 10, 90, 90, 90});
+    const Refusal refusal = failureOf([&] { reduceData(blind, 10, reciprocal, 'P', 1); });
     EXPECT_EQ(refusal.kind, FailureKind::NothingFound);
     EXPECT_TRUE(refusal.says("of 5, 4 lie along the tilt axis, 1 are saturated, 0")) << refusal.text;
 }

@@ -30,15 +30,9 @@ BackgroundPixels ring(const Field& field, std::mt19937& random) {
 }
 
 TEST(LocalBackgroundTest, isRightOnAverageAndKnowsItsError) {
-    const std::array<Field, 9> fields = {{{0.05, 0, 0, 1, 0},
-                                          {0.4, 0, 0, 1, 0},
-                                          {2, 0.05, 0, 1, 0},
-                                          {5, 0, 0.3, 1, 0},
-                                          {30, -1, 1, 1, 0},
-                                          {1000, 20, 5, 1, 0},
-                                          {40, 1, 0, 8, 0},
-                                          {30, 0, 0, 1, 4000},
-                                          {5, 0.1, 0, 1, 300}}};
+    const Field fields[] = {{0.05, 0, 0, 1, 0}, {0.4, 0, 0, 1, 0},   {2, 0.05, 0, 1, 0},
+                            {5, 0, 0.3, 1, 0},  {30, -1, 1, 1, 0},   {1000, 20, 5, 1, 0},
+                            {40, 1, 0, 8, 0},   {30, 0, 0, 1, 4000}, {5, 0.1, 0, 1, 300}};
     std::mt19937 random(17);
     for (const Field& field : fields) {
         constexpr int kTrials = 1500;

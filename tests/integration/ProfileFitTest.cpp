@@ -23,13 +23,10 @@ struct Picture {
     std::vector<float> truth;
 
     void add(double x, double y, double counts) {
-        PredictedSpot spot;
-        spot.reflection = static_cast<std::uint32_t>(prediction.spots.size());
-        spot.x = static_cast<float>(x);
-        spot.y = static_cast<float>(y);
-        spot.share = 1;
-        prediction.spots.push_back(spot);
-        prediction.byFrame.push_back(spot.reflection);
+        const auto number = static_cast<std::uint32_t>(prediction.spots.size());
+        prediction.spots.push_back(
+            {.reflection = number, .x = static_cast<float>(x), .y = static_cast<float>(y), .share = 1});
+        prediction.byFrame.push_back(number);
         truth.push_back(static_cast<float>(counts));
     }
     void expose(unsigned seed) {

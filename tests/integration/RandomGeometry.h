@@ -4,14 +4,12 @@
 
 #include <Eigen/Geometry>
 #include <Eigen/LU>
-#include <numbers>
 #include <random>
 
+#include "pipeline/base/Angle.h"
 #include "pipeline/integration/SeriesGeometry.h"
 
 namespace vrk::test {
-
-inline constexpr double kDegree = std::numbers::pi / 180;
 
 /// A cell of the given type in random orientation, seen in frames of 256 x 256 pixels to 0.9 Angstrom.
 inline SeriesGeometry randomGeometry(LATTICE::BravaisTypes type, unsigned seed) {

@@ -5,9 +5,9 @@
 #include <Eigen/LU>
 #include <array>
 #include <map>
-#include <numbers>
 #include <random>
 
+#include "pipeline/base/Angle.h"
 #include "pipeline/integration/Integration.h"
 #include "pipeline/simulation/Simulation.h"
 
@@ -21,7 +21,6 @@ struct SimulatedInput {
 };
 
 inline SimulatedInput simulatedInput(SimulationSettings settings, LATTICE::BravaisTypes type) {
-    constexpr double kRadians = std::numbers::pi / 180;
     std::mt19937 random(5);
     std::normal_distribution<double> normal;
     settings.keepReflections = true;
@@ -34,14 +33,12 @@ inline SimulatedInput simulatedInput(SimulationSettings settings, LATTICE::Brava
     geometry.wavelength = truth.wavelength;
     geometry.handedness = truth.handedness;
     geometry.pixelSize = truth.pixelSize * 1e-10;
-    geometry.axisAngle = truth.axis * kRadians;
-    for (int i = 0; i < 3; ++i)
-        for (int j = 0; j < 3; ++j)
-            geometry.reciprocal(j, i) =
-                truth.conventionalVectors[static_cast<std::size_t>(i)][static_cast<std::size_t>(j)] *
-                geometry.pixelSize;
+    geometry.axisAngle = truth.axis * kDegree;
+    // Vectors are rows there, columns here.
+    geometry.reciprocal =
+        geometry.pixelSize * Eigen::Map<const Eigen::Matrix3d>(truth.conventionalVectors.front().data());
     for (std::size_t f = 0; f < truth.tilts.size(); ++f)
-        geometry.frames.push_back({truth.statedTilts[f] * kRadians, frameRotation(settings) * kRadians,
+        geometry.frames.push_back({truth.statedTilts[f] * kDegree, frameRotation(settings) * kDegree,
                                    truth.centres[f].first, truth.centres[f].second});
 
     GeometryStep error = GeometryStep::Zero();

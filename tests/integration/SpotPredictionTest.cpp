@@ -7,11 +7,11 @@
 #include <tuple>
 
 #include "RandomGeometry.h"
+#include "support/Indices.h"
 
 namespace {
 
 using namespace vrk;
-using test::kDegree;
 using test::randomGeometry;
 
 TEST(RockingModelTest, sharesAreMeansOverTheFrame) {
@@ -34,21 +34,18 @@ TEST(RockingModelTest, sharesAreMeansOverTheFrame) {
             const RockingModel::Share share = model.share(excitation, rate, length, rotation);
             EXPECT_NEAR(share.value, mean, 1e-7);
 
-            const auto value = [&](double s, double width, double mosaicity) {
-                return RockingModel{mode, width, mosaicity, model.precession}
-                    .share(s, rate, length, rotation)
-                    .value;
+            const auto check = [&](double derivative, double byShift, double byWidth, double byMosaicity) {
+                const auto value = [&](double h) {
+                    return RockingModel{mode, 0.002 + h * byWidth, 0.0015 + h * byMosaicity, model.precession}
+                        .share(excitation + h * byShift, rate, length, rotation)
+                        .value;
+                };
+                EXPECT_NEAR(derivative, (value(1e-7) - value(-1e-7)) / 2e-7,
+                            1e-5 * std::abs(derivative) + 1e-3);
             };
-            const double h = 1e-7;
-            const auto check = [](double derivative, double up, double down, double step) {
-                EXPECT_NEAR(derivative, (up - down) / (2 * step), 1e-5 * std::abs(derivative) + 1e-3);
-            };
-            check(share.byShift, value(excitation + h, 0.002, 0.0015), value(excitation - h, 0.002, 0.0015),
-                  h);
-            check(share.byWidth, value(excitation, 0.002 + h, 0.0015), value(excitation, 0.002 - h, 0.0015),
-                  h);
-            check(share.byMosaicity, value(excitation, 0.002, 0.0015 + h),
-                  value(excitation, 0.002, 0.0015 - h), h);
+            check(share.byShift, 1, 0, 0);
+            check(share.byWidth, 0, 1, 0);
+            check(share.byMosaicity, 0, 0, 1);
         }
 }
 
@@ -57,23 +54,19 @@ std::map<std::tuple<int, int, int, std::uint32_t>, double> plainPrediction(const
                                                                            const RockingModel& rocking,
                                                                            const PredictionLimits& limits) {
     std::map<std::tuple<int, int, int, std::uint32_t>, double> shares;
-    for (int h = -16; h <= 16; ++h)
-        for (int k = -16; k <= 16; ++k)
-            for (int l = -16; l <= 16; ++l) {
-                const Eigen::Vector3d g = geometry.reciprocal * Eigen::Vector3d(h, k, l);
-                if ((h == 0 && k == 0 && l == 0) || g.norm() > 1 / limits.dMin || (h + k + l) % 2 != 0)
-                    continue;
-                for (std::uint32_t f = 0; f < geometry.frames.size(); ++f) {
-                    const FramePose& pose = geometry.frames[f];
-                    const SpotPlace place = FrameView(geometry, pose).place(g);
-                    const double share =
-                        rocking.share(place.excitation, place.rate, g.norm(), pose.rotation).value;
-                    const bool inside = place.x >= limits.border && place.x <= 255 - limits.border &&
-                                        place.y >= limits.border && place.y <= 255 - limits.border;
-                    const double fromBeam = std::hypot(place.x - pose.centreX, place.y - pose.centreY);
-                    if (share > 0.02 && inside && fromBeam >= limits.beamRadius) shares[{h, k, l, f}] = share;
-                }
-            }
+    forEachIndex(16, 16, 16, [&](int h, int k, int l) {
+        const Eigen::Vector3d g = geometry.reciprocal * Eigen::Vector3d(h, k, l);
+        if ((h == 0 && k == 0 && l == 0) || g.norm() > 1 / limits.dMin || (h + k + l) % 2 != 0) return;
+        for (std::uint32_t f = 0; f < geometry.frames.size(); ++f) {
+            const FramePose& pose = geometry.frames[f];
+            const SpotPlace place = FrameView(geometry, pose).place(g);
+            const double share = rocking.share(place.excitation, place.rate, g.norm(), pose.rotation).value;
+            const bool inside = place.x >= limits.border && place.x <= 255 - limits.border &&
+                                place.y >= limits.border && place.y <= 255 - limits.border;
+            const double fromBeam = std::hypot(place.x - pose.centreX, place.y - pose.centreY);
+            if (share > 0.02 && inside && fromBeam >= limits.beamRadius) shares[{h, k, l, f}] = share;
+        }
+    });
     return shares;
 }
 
@@ -84,12 +77,7 @@ TEST(SpotPredictionTest, findsWhatAPlainSearchFinds) {
             SeriesGeometry geometry = randomGeometry(LATTICE::mC, seed);
             geometry.frames.erase(geometry.frames.begin() + 30, geometry.frames.begin() + 35);
             const RockingModel rocking{mode, 0.003, 0.002, 0.8 * kDegree};
-            PredictionLimits limits;
-            limits.dMin = 1.0;
-            limits.centring = 'I';
-            limits.width = limits.height = 256;
-            limits.border = 4;
-            limits.beamRadius = 6;
+            const PredictionLimits limits = {1.0, 1e4, 'I', 256, 256, 4, 6};
             auto expected = plainPrediction(geometry, rocking, limits);
             const SpotPrediction prediction = predictSpots(geometry, rocking, limits);
             for (const PredictedReflection& reflection : prediction.reflections) {

@@ -3,9 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <functional>
 #include <random>
 
+#include "pipeline/base/Angle.h"
 #include "pipeline/latticesearch/LatticeFit.h"
+#include "support/Indices.h"
 
 namespace {
 
@@ -58,14 +61,12 @@ Points pointsOf(const Crystal& crystal, std::mt19937& random) {
     Eigen::Array3i most;
     for (int i = 0; i < 3; ++i)
         most[i] = static_cast<int>(kReach * inverse.row(i).norm());
-    for (int h = -most[0]; h <= most[0]; ++h)
-        for (int k = -most[1]; k <= most[1]; ++k)
-            for (int l = -most[2]; l <= most[2]; ++l) {
-                const Vector3d p = crystal.basis * Vector3d(h, k, l);
-                const double seen = h % 2 == 0 ? crystal.seen : crystal.seenOddH;
-                if (p.norm() > kReach || p.norm() < 4.0 || inWedge(p) || unit(random) > seen) continue;
-                points.push_back(p + Vector3d(noise(random), noise(random), noise(random)));
-            }
+    forEachIndex(most[0], most[1], most[2], [&](int h, int k, int l) {
+        const Vector3d p = crystal.basis * Vector3d(h, k, l);
+        const double seen = h % 2 == 0 ? crystal.seen : crystal.seenOddH;
+        if (p.norm() > kReach || p.norm() < 4.0 || inWedge(p) || unit(random) > seen) return;
+        points.push_back(p + Vector3d(noise(random), noise(random), noise(random)));
+    });
     auto wrong = static_cast<std::size_t>(crystal.outliers / (1.0 - crystal.outliers) *
                                           static_cast<double>(points.size()));
     while (wrong > 0) {
@@ -104,8 +105,7 @@ TEST(CellSearch, FindsTheLatticeBehindAWedgeAndOutliers) {
     std::mt19937 random(11);
     for (const char centring : {'P', 'I', 'F', 'C', 'P'}) {
         SCOPED_TRACE(centring);
-        Crystal crystal;
-        crystal.basis = randomBasis(random, centring);
+        const Crystal crystal{randomBasis(random, centring)};
         const Points points = pointsOf(crystal, random);
         const std::vector<LatticeCandidate> found =
             vrk::CellSearch().search(points, std::vector<double>(points.size(), 1.0));
@@ -122,11 +122,8 @@ TEST(CellSearch, FindsTheLatticeBehindAWedgeAndOutliers) {
 
 TEST(CellSearch, FindsAWeakSuperlattice) {
     std::mt19937 random(3);
-    Crystal crystal;
-    crystal.basis = Vector3d(6.0, 11.0, 13.0).asDiagonal();
-    crystal.seen = 0.8;
-    crystal.seenOddH = 0.12;
-    crystal.outliers = 0.1;
+    const Crystal crystal{
+        .basis = Vector3d(6.0, 11.0, 13.0).asDiagonal(), .seen = 0.8, .seenOddH = 0.12, .outliers = 0.1};
     const Points points = pointsOf(crystal, random);
     const std::vector<LatticeCandidate> found = vrk::CellSearch().search(points, {});
     ASSERT_FALSE(found.empty());
@@ -135,9 +132,7 @@ TEST(CellSearch, FindsAWeakSuperlattice) {
 
 TEST(CellSearch, NoiseHasNoConvincingLattice) {
     std::mt19937 random(5);
-    Crystal crystal;
-    crystal.basis = Vector3d(14.0, 15.0, 17.0).asDiagonal();
-    crystal.noise = 7.0;
+    const Crystal crystal{.basis = Vector3d(14.0, 15.0, 17.0).asDiagonal(), .noise = 7.0};
     for (const LatticeCandidate& candidate : vrk::CellSearch().search(pointsOf(crystal, random), {}))
         EXPECT_LT(candidate.score.evidence, 60.0);
     EXPECT_TRUE(vrk::CellSearch().search(Points(11, Vector3d(1.0, 2.0, 3.0)), {}).empty());
@@ -146,8 +141,7 @@ TEST(CellSearch, NoiseHasNoConvincingLattice) {
 
 TEST(CellSearch, StopsWhenTheUserAsks) {
     std::mt19937 random(5);
-    Crystal crystal;
-    crystal.basis = Vector3d(10.0, 11.0, 13.0).asDiagonal();
+    const Crystal crystal{Vector3d(10.0, 11.0, 13.0).asDiagonal()};
     vrk::CellSearchOptions options;
     options.canceled = [] { return true; };
     EXPECT_TRUE(vrk::CellSearch(options).search(pointsOf(crystal, random), {}).empty());
@@ -163,9 +157,7 @@ TEST(LatticeScore, EvidenceIsTheLikelihoodRatio) {
 
 TEST(LatticeScore, MultiplesAreSettledByThePoints) {
     std::mt19937 random(8);
-    Crystal crystal;
-    crystal.basis = Vector3d(8.0, 9.0, 12.0).asDiagonal();
-    crystal.outliers = 0.2;
+    const Crystal crystal{.basis = Vector3d(8.0, 9.0, 12.0).asDiagonal(), .outliers = 0.2};
     const Points points = pointsOf(crystal, random);
     const LatticeScore right = vrk::scoreLattice(points, {crystal.basis, Vector3d::Zero()});
     Matrix3d centred;
@@ -194,9 +186,7 @@ TEST(LatticeScore, MultiplesAreSettledByThePoints) {
 
 TEST(LatticeScore, GhostsOfFewPatternsMakeNoSuperlattice) {
     std::mt19937 random(12);
-    Crystal crystal;
-    crystal.basis = Vector3d(9.0, 11.0, 14.0).asDiagonal();
-    crystal.outliers = 0.05;
+    const Crystal crystal{.basis = Vector3d(9.0, 11.0, 14.0).asDiagonal(), .outliers = 0.05};
     for (const bool fromFewPatterns : {true, false}) {
         Points points = pointsOf(crystal, random);
         // Reflections of patterns whose centre is off by half a base vector, or of a real superlattice.
@@ -216,8 +206,7 @@ TEST(LatticeScore, GhostsOfFewPatternsMakeNoSuperlattice) {
 
 TEST(LatticeScore, FittingFindsTheLatticeFromACoarseStart) {
     std::mt19937 random(9);
-    Crystal crystal;
-    crystal.basis = Vector3d(8.0, 9.0, 12.0).asDiagonal();
+    const Crystal crystal{Vector3d(8.0, 9.0, 12.0).asDiagonal()};
     Points points = pointsOf(crystal, random);
     const Vector3d shift(0.4, -0.3, 0.2);
     for (Vector3d& point : points)
@@ -232,6 +221,76 @@ TEST(LatticeScore, FittingFindsTheLatticeFromACoarseStart) {
     for (Vector3d& point : points)
         point[2] = 0.0;
     EXPECT_EQ(vrk::fitWithin(points, start, 1.5).basis, start.basis);
+}
+
+// Nodes of a finer lattice must come from patterns all over the series.
+
+/// An orthorhombic lattice whose a* lies along the beam at tilt 0, b* across the axis, c* along it.
+Matrix3d upright() {
+    Matrix3d basis;
+    basis << 0, 10, 0, 0, 0, 8, 12, 0, 0;
+    return basis;
+}
+
+double tiltOf(const Vector3d& p) {
+    return std::atan(p.z() / p.x()) / vrk::kDegree;
+}
+
+/// Nodes as tilts of +-60 degrees show them; where `isOff`, by tilt in degrees, half of b* + c* beside their
+/// place in the pattern.
+Points seen(const Matrix3d& basis, double share, const std::function<bool(double)>& isOff) {
+    std::mt19937 random(2);
+    std::uniform_real_distribution<double> unit(0, 1);
+    std::normal_distribution<double> noise(0, 0.25);
+    const Vector3d half = 0.5 * (basis.col(1) + basis.col(2));
+    Points points;
+    forEachIndex(9, 11, 11, [&](int h, int k, int l) {
+        Vector3d p = basis * Vector3d(h, k, l);
+        if (p.norm() > 80 || p.norm() < 5 || std::abs(p.z()) > 1.73 * std::abs(p.x())) return;
+        if (unit(random) > share) return;
+        const double tilt = tiltOf(p) * vrk::kDegree;
+        const double along = std::copysign(std::hypot(p.x(), p.z()), p.x());
+        if (isOff(tilt / vrk::kDegree))
+            p = Vector3d((along + half.x()) * std::cos(tilt), p.y() + half.y(),
+                         (along + half.x()) * std::sin(tilt));
+        points.push_back(p + Vector3d(noise(random), noise(random), noise(random)));
+    });
+    return points;
+}
+
+TEST(GhostNodes, MisplacedPatternsDoNotDoubleACell) {
+    const auto never = [](double) { return false; };
+    // A centred cell: every node of the coarse lattice and as many in between.
+    Matrix3d centred = upright();
+    centred.col(2) = 0.5 * (centred.col(1) + centred.col(2));
+    Matrix3d tilted = Eigen::AngleAxisd(0.4, Vector3d(1, 1, 1).normalized()) * centred;
+    const struct {
+        const char* name;
+        Points points;
+        Matrix3d truth;
+    } cases[] = {
+        {"no ghosts", seen(upright(), 0.8, never), upright()},
+        {"one zone", seen(upright(), 0.8, [](double t) { return std::abs(t) < 1; }), upright()},
+        {"a few patterns", seen(upright(), 0.8, [](double t) { return t > 20 && t < 26; }), upright()},
+        {"every third stretch of 5 degrees",
+         seen(upright(), 0.8, [](double t) { return static_cast<int>(std::floor(t / 5)) % 3 == 0; }),
+         upright()},
+        {"a centred cell", seen(centred, 0.8, never), centred},
+        {"a centred cell that lies askew", seen(tilted, 0.5, never), tilted},
+    };
+    for (const auto& one : cases) {
+        SCOPED_TRACE(one.name);
+        // From the coarse lattice and from one that is too fine.
+        Matrix3d coarse = one.truth, fine = one.truth;
+        coarse.col(2) = 2 * one.truth.col(2) - one.truth.col(1);
+        fine.col(2) = 0.5 * (one.truth.col(2) + one.truth.col(1));
+        for (const Matrix3d& start : {one.truth, coarse, fine}) {
+            const bool isTooCoarse = start == coarse && one.truth == upright();
+            if (isTooCoarse) continue;  // half of the nodes are as good as any
+            const vrk::Lattice found = vrk::settleMultiples(one.points, {start, Vector3d::Zero()});
+            EXPECT_TRUE(vrk::sameLattice(found.basis, one.truth, 0.03)) << found.basis;
+        }
+    }
 }
 
 }  // namespace

@@ -10,6 +10,8 @@
 #include <tuple>
 
 #include "pipeline/latticesearch/RecordedWedge.h"
+#include "support/Indices.h"
+#include "support/Says.h"
 
 namespace {
 
@@ -113,7 +115,7 @@ TEST(Confidence, EachDoubtLowersItAndIsNamed) {
         EXPECT_EQ(verdict.lattice, one.lattice.value_or(one.level)) << one.reason;
         ASSERT_EQ(verdict.reasons.size(), *one.reason ? 1U : 0U) << one.reason;
         if (*one.reason) {
-            EXPECT_NE(verdict.reasons[0].find(one.reason), std::string::npos) << verdict.reasons[0];
+            EXPECT_TRUE(says(verdict.reasons[0], one.reason));
         }
     }
 }
@@ -158,47 +160,37 @@ Completeness completeness(const std::function<bool(const vrk::Indices&)>& isFoun
     std::vector<vrk::Indices> found = {{vrk::kNotIndexed, vrk::kNotIndexed, vrk::kNotIndexed}};
     vrk::RecordedSpace space{
         .tiltFirst = -60 * M_PI / 180, .tiltLast = tiltLast * M_PI / 180, .halfWidth = 128, .zeroBeam = 15};
-    for (int h = -9; h <= 9; ++h)
-        for (int k = -9; k <= 9; ++k)
-            for (int l = -9; l <= 9; ++l) {
-                const Eigen::Vector3d place(10 * h, 10 * k, 10 * l);
-                if (place.norm() > 90 || std::isnan(space.tiltOf(place, 5e7)) || !isFound({h, k, l}))
-                    continue;
-                found.insert(found.end(), 2, {h, k, l});
-            }
+    forEachIndex(9, 9, 9, [&](int h, int k, int l) {
+        const Eigen::Vector3d place(10 * h, 10 * k, 10 * l);
+        if (place.norm() > 90 || std::isnan(space.tiltOf(place, 5e7)) || !isFound({h, k, l})) return;
+        found.insert(found.end(), 2, {h, k, l});
+    });
     return vrk::completenessOf(lattice, found, space);
 }
 
 TEST(RecordedWedge, IsFoundFromTheReflections) {
     std::mt19937 random(8);
     std::normal_distribution<double> normal;
-    const double quarter = M_PI / 2;
-    struct Row {
-        double halfAngle, tolerance;
+    const auto turned = [&] {
+        const Eigen::Quaterniond turn(normal(random), normal(random), normal(random), normal(random));
+        return turn.normalized().toRotationMatrix();
     };
-    for (const Row& row : {Row{60 * M_PI / 180, 0.06}, Row{10 * M_PI / 180, 0.06}, Row{quarter, 1e-9}})
+    const double quarter = M_PI / 2;
+    for (const auto& [halfAngle, tolerance] :
+         {std::pair(60 * M_PI / 180, 0.06), {10 * M_PI / 180, 0.06}, {quarter, 1e-9}})
         for (int turn = 0; turn < 2; ++turn) {
-            const Eigen::Matrix3d rotation =
-                Eigen::Quaterniond(normal(random), normal(random), normal(random), normal(random))
-                    .normalized()
-                    .toRotationMatrix();
-            const Eigen::Matrix3d basis =
-                Eigen::Quaterniond(normal(random), normal(random), normal(random), normal(random))
-                    .normalized()
-                    .toRotationMatrix() *
-                Eigen::Vector3d(9, 13, 11).asDiagonal();
+            const Eigen::Matrix3d rotation = turned();
+            const Eigen::Matrix3d basis = turned() * Eigen::Vector3d(9, 13, 11).asDiagonal();
             std::vector<Eigen::Vector3d> places = {rotation * Eigen::Vector3d(3, 5, 90)};
-            for (int h = -9; h <= 9; ++h)
-                for (int k = -9; k <= 9; ++k)
-                    for (int l = -9; l <= 9; ++l) {
-                        const Eigen::Vector3d place = basis * Eigen::Vector3d(h, k, l);
-                        const double tilt = std::atan(place.z() / place.x());
-                        if (place.norm() > 0 && place.norm() < 90 && std::abs(tilt) < row.halfAngle)
-                            places.push_back(rotation * place);
-                    }
+            forEachIndex(9, 9, 9, [&, most = halfAngle](int h, int k, int l) {
+                const Eigen::Vector3d place = basis * Eigen::Vector3d(h, k, l);
+                const double tilt = std::atan(place.z() / place.x());
+                if (place.norm() > 0 && place.norm() < 90 && std::abs(tilt) < most)
+                    places.push_back(rotation * place);
+            });
             const vrk::RecordedWedge wedge = vrk::wedgeOf(places);
-            EXPECT_NEAR(wedge.halfAngle, row.halfAngle, row.tolerance);
-            if (row.halfAngle == quarter) continue;
+            EXPECT_NEAR(wedge.halfAngle, halfAngle, tolerance);
+            if (halfAngle == quarter) continue;
             // The middle of the wedge and the axis are x and y, but for their senses.
             const Eigen::Matrix3d back = wedge.toFrame * rotation;
             EXPECT_GT(std::abs(back(0, 0)), 0.99);

@@ -7,7 +7,9 @@
 #include <Eigen/LU>
 #include <random>
 
+#include "pipeline/base/Angle.h"
 #include "pipeline/latticesearch/PointsOnNodes.h"
+#include "support/Indices.h"
 
 namespace {
 
@@ -16,8 +18,6 @@ using Eigen::Vector3d;
 using vrk::Lattice;
 using vrk::Points;
 
-constexpr double kDegree = M_PI / 180;
-
 Matrix3d triclinic() {
     Matrix3d basis;
     basis << 11, 2, -1, 0, 13, 3, 0, 0, 15;
@@ -25,21 +25,19 @@ Matrix3d triclinic() {
 }
 
 Matrix3d turned(const Matrix3d& basis, double degrees) {
-    return Eigen::AngleAxisd(degrees * kDegree, Vector3d(1, 2, -1).normalized()).toRotationMatrix() * basis;
+    return Eigen::AngleAxisd(degrees * vrk::kDegree, Vector3d(1, 2, -1).normalized()).toRotationMatrix() *
+           basis;
 }
 
 /// A share of the nodes within 75 voxels, blurred, outside of a wedge.
 void add(Points& points, const Matrix3d& basis, double share, std::mt19937& random) {
     std::uniform_real_distribution<double> unit(0, 1);
     std::normal_distribution<double> noise(0, 0.3);
-    for (int h = -9; h <= 9; ++h)
-        for (int k = -9; k <= 9; ++k)
-            for (int l = -9; l <= 9; ++l) {
-                const Vector3d p = basis * Vector3d(h, k, l);
-                if (p.norm() > 75 || p.norm() < 6 || std::abs(p.z()) > 1.7 * std::abs(p.x())) continue;
-                if (unit(random) < share)
-                    points.push_back(p + Vector3d(noise(random), noise(random), noise(random)));
-            }
+    forEachIndex(9, 9, 9, [&](int h, int k, int l) {
+        const Vector3d p = basis * Vector3d(h, k, l);
+        if (p.norm() > 75 || p.norm() < 6 || std::abs(p.z()) > 1.7 * std::abs(p.x())) return;
+        if (unit(random) < share) points.push_back(p + Vector3d(noise(random), noise(random), noise(random)));
+    });
 }
 
 /// One point after the other, by the function that rounds.
@@ -139,7 +137,7 @@ TEST(FurtherLattice, APartOfASplitCrystalStandsOutFromTheMean) {
 TEST(FurtherLattice, TurnsAreTheSmallestOfAllEquivalents) {
     const Matrix3d cubic = 10 * Matrix3d::Identity();
     const auto about = [](double degrees) {
-        return Eigen::AngleAxisd(degrees * kDegree, Vector3d::UnitZ()).toRotationMatrix();
+        return Eigen::AngleAxisd(degrees * vrk::kDegree, Vector3d::UnitZ()).toRotationMatrix();
     };
     EXPECT_NEAR(*vrk::turnBetween(cubic, about(87) * cubic), 3, 1e-6);
     EXPECT_NEAR(*vrk::turnBetween(triclinic(), turned(triclinic(), 70)), 70, 1e-6);

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cmath>
 #include <random>
+#include "support/Indices.h"
 
 namespace {
 
@@ -21,13 +22,11 @@ Points nodesOf(const Vector3d& edges, std::mt19937& random) {
     const Eigen::Quaterniond turn(0.9, 0.2, -0.3, 0.1);
     Points nodes;
     const Eigen::Array3i most = (kMergedReach / edges.array()).cast<int>();
-    for (int h = -most[0]; h <= most[0]; ++h)
-        for (int k = -most[1]; k <= most[1]; ++k)
-            for (int l = -most[2]; l <= most[2]; ++l) {
-                const Vector3d p = turn.normalized() * Vector3d(edges[0] * h, edges[1] * k, edges[2] * l);
-                if (p.norm() > kMergedReach || p.norm() < 8.0 || unit(random) < 0.4) continue;
-                nodes.push_back(p + Vector3d(error(random), error(random), error(random)));
-            }
+    forEachIndex(most[0], most[1], most[2], [&](int h, int k, int l) {
+        const Vector3d p = turn.normalized() * Vector3d(edges[0] * h, edges[1] * k, edges[2] * l);
+        if (p.norm() > kMergedReach || p.norm() < 8.0 || unit(random) < 0.4) return;
+        nodes.push_back(p + Vector3d(error(random), error(random), error(random)));
+    });
     return nodes;
 }
 

@@ -8,31 +8,23 @@
 #include <random>
 
 #include "pipeline/base/Failure.h"
+#include "pipeline/formats/CellInput.h"
+#include "pipeline/integration/SeriesGeometry.h"
 
 namespace {
 
 using Eigen::Matrix3d;
 using Eigen::Vector3d;
 
-constexpr double kDegree = 3.14159265358979323846 / 180;
-
-Matrix3d baseOf(const std::array<double, 6>& c) {
-    const double ca = std::cos(c[3] * kDegree), cb = std::cos(c[4] * kDegree), cg = std::cos(c[5] * kDegree);
-    const double sg = std::sin(c[5] * kDegree);
+Matrix3d baseOf(const std::array<double, 6>& cell) {
+    UnitCell primitive = vrk::cellFromNumbers({cell.begin(), cell.end()}, 'P').primitive;
     Matrix3d base;
-    base << c[0], c[1] * cg, c[2] * cb, 0, c[1] * sg, c[2] * (ca - cb * cg) / sg, 0, 0,
-        c[2] * std::sqrt(1 - cb * cb - std::pow((ca - cb * cg) / sg, 2));
+    primitive.getBase(base.col(0).data(), base.col(1).data(), base.col(2).data());
     return base;
 }
 
 std::array<double, 6> cellOf(const Matrix3d& base) {
-    std::array<double, 6> cell{};
-    for (int i = 0; i < 3; ++i) {
-        const Vector3d u = base.col((i + 1) % 3), v = base.col((i + 2) % 3);
-        cell[static_cast<std::size_t>(i)] = base.col(i).norm();
-        cell[static_cast<std::size_t>(i) + 3] = std::acos(u.dot(v) / u.norm() / v.norm()) / kDegree;
-    }
-    return cell;
+    return vrk::directCell(base.inverse().transpose());
 }
 
 Matrix3d primitiveOf(char centring) {
@@ -77,19 +69,19 @@ struct Lattice {
     char centring;
     std::size_t rotations;
 };
-const std::vector<Lattice> kLattices = {{{7, 7, 7, 90, 90, 90}, 'P', 24},
-                                        {{7, 7, 7, 90, 90, 90}, 'I', 24},
-                                        {{11.5, 11.5, 11.5, 90, 90, 90}, 'F', 24},
-                                        {{8, 8, 5, 90, 90, 120}, 'P', 12},
-                                        {{13, 13, 9, 90, 90, 120}, 'R', 6},
-                                        {{6, 6, 9, 90, 90, 90}, 'P', 8},
-                                        {{6, 6, 9, 90, 90, 90}, 'I', 8},
-                                        {{4, 5, 50, 90, 90, 90}, 'P', 4},
-                                        {{5, 9, 14, 90, 90, 90}, 'C', 4},
-                                        {{5, 9, 14, 90, 90, 90}, 'F', 4},
-                                        {{9.7, 6.4, 11.9, 90, 104.5, 90}, 'P', 2},
-                                        {{9.7, 6.4, 11.9, 90, 104.5, 90}, 'C', 2},
-                                        {{6, 7, 8, 91, 99, 95}, 'P', 1}};
+const Lattice kLattices[] = {{{7, 7, 7, 90, 90, 90}, 'P', 24},
+                             {{7, 7, 7, 90, 90, 90}, 'I', 24},
+                             {{11.5, 11.5, 11.5, 90, 90, 90}, 'F', 24},
+                             {{8, 8, 5, 90, 90, 120}, 'P', 12},
+                             {{13, 13, 9, 90, 90, 120}, 'R', 6},
+                             {{6, 6, 9, 90, 90, 90}, 'P', 8},
+                             {{6, 6, 9, 90, 90, 90}, 'I', 8},
+                             {{4, 5, 50, 90, 90, 90}, 'P', 4},
+                             {{5, 9, 14, 90, 90, 90}, 'C', 4},
+                             {{5, 9, 14, 90, 90, 90}, 'F', 4},
+                             {{9.7, 6.4, 11.9, 90, 104.5, 90}, 'P', 2},
+                             {{9.7, 6.4, 11.9, 90, 104.5, 90}, 'C', 2},
+                             {{6, 7, 8, 91, 99, 95}, 'P', 1}};
 
 TEST(ReducedCellTest, knowsALatticeInAnyBaseAcrossTheBordersOfReduction) {
     Random random;

@@ -7,6 +7,7 @@
 #include "pipeline/base/Failure.h"
 #include "pipeline/merging/CrystalAgreement.h"
 #include "support/FailureOf.h"
+#include "support/Says.h"
 
 namespace {
 
@@ -53,13 +54,13 @@ TEST(CrystalMergeTest, indexesAllCrystalsTheSameWay) {
         const char* laueClass;
         int ways;
     };
-    const std::vector<Row> rows = {{{{7.5, 7.5, 9.3, 90, 90, 90}, 'P', "tP", "P 4"}, "4/m", 2},
-                                   {{{7.5, 7.5, 9.3, 90, 90, 90}, 'I', "tI", "I 4/m m m"}, "4/mmm", 1},
-                                   {{{9, 9, 9, 90, 90, 90}, 'P', "cP", "P 2 3"}, "m-3", 2},
-                                   {{{6.5, 6.5, 7.3, 90, 90, 120}, 'P', "hP", "P 3"}, "-3", 4},
-                                   {{{8.5, 8.5, 11.8, 90, 90, 120}, 'R', "hR", "R 3:H"}, "-3", 2},
-                                   {{{7.1, 7.15, 9.4, 82, 82.5, 75}, 'P', "aP", "P 1"}, "-1", 2},
-                                   {{{7.1, 8.3, 9.4, 90, 90.4, 90}, 'P', "mP", "P 1 2 1"}, "2/m", 2}};
+    const Row rows[] = {{{{7.5, 7.5, 9.3, 90, 90, 90}, 'P', "tP", "P 4"}, "4/m", 2},
+                        {{{7.5, 7.5, 9.3, 90, 90, 90}, 'I', "tI", "I 4/m m m"}, "4/mmm", 1},
+                        {{{9, 9, 9, 90, 90, 90}, 'P', "cP", "P 2 3"}, "m-3", 2},
+                        {{{6.5, 6.5, 7.3, 90, 90, 120}, 'P', "hP", "P 3"}, "-3", 4},
+                        {{{8.5, 8.5, 11.8, 90, 90, 120}, 'R', "hR", "R 3:H"}, "-3", 2},
+                        {{{7.1, 7.15, 9.4, 82, 82.5, 75}, 'P', "aP", "P 1"}, "-1", 2},
+                        {{{7.1, 8.3, 9.4, 90, 90.4, 90}, 'P', "mP", "P 1 2 1"}, "2/m", 2}};
     for (Row row : rows) {
         const bool hexagonal = row.crystals.bravais == "hP", triclinic = row.crystals.bravais == "aP";
         row.crystals.bases = {kSame, kSwap, kSwap, kSame, kSwap};
@@ -132,7 +133,7 @@ TEST(CrystalMergeTest, leavesOutCrystalsThatSpoilTheData) {
         for (std::size_t i = 0; i < count; ++i)
             EXPECT_EQ(result.crystals[i].used, i != 1) << result.crystals[i].reason;
         EXPECT_LT(result.crystals[1].deltaCcHalf, -0.03 / static_cast<double>(count));
-        EXPECT_NE(result.crystals[1].reason.find("CC1/2"), std::string::npos);
+        EXPECT_TRUE(says(result.crystals[1].reason, "CC1/2"));
         EXPECT_GT(result.ccHalf, 0.95);
         for (const vrk::Observation& one : result.data.observations)
             ASSERT_NE(one.source, 1U);
@@ -146,11 +147,7 @@ TEST(CrystalMergeTest, leavesOutCrystalsThatSpoilTheData) {
 }
 
 TEST(CrystalMergeTest, tellsWhereNoCrystalAgreesWithTheOthers) {
-    const struct {
-        bool like;
-        double fallOff;
-    } rows[] = {{true, 0}, {false, 0}, {true, 12}, {false, 12}};
-    for (const auto& [like, fallOff] : rows) {
+    for (const auto& [like, fallOff] : {std::pair(true, 0.0), {false, 0.0}, {true, 12.0}, {false, 12.0}}) {
         std::vector<vrk::CrystalData> crystals;
         for (unsigned seed = 1; seed <= 4; ++seed) {
             SimulatedCrystals one{{7.1, 8.3, 9.4, 90, 103, 90}, 'P', "mP", "P 1 2 1"};
@@ -208,16 +205,14 @@ TEST(CrystalAgreementTest, isThatOfHalvesOfTheCrystals) {
     for (int h = 1; h <= 600; ++h) {
         const double truth = normal(engine);
         for (std::uint32_t crystal = 0; crystal < 8; ++crystal) {
-            vrk::Observation one;
-            one.hkl = {h, 0, 0};
-            one.intensity = truth + normal(engine);
-            one.sigma = 1;
-            one.spacing = 2 + 1.0 / h;
-            one.source = crystal;
-            list.push_back(one);
+            list.push_back({.hkl = {h, 0, 0},
+                            .intensity = truth + normal(engine),
+                            .sigma = 1,
+                            .spacing = 2 + 1.0 / h,
+                            .source = crystal});
             // An equivalent that shares the noise counts for nothing.
-            one.hkl = {-h, 0, 0};
-            list.push_back(one);
+            list.push_back(list.back());
+            list.back().hkl = {-h, 0, 0};
         }
     }
     const vrk::CrystalAgreement found = vrk::crystalAgreement(list, 8, {vrk::IndexRotation()});

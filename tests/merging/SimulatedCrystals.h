@@ -3,7 +3,6 @@
 #pragma once
 
 #include <Eigen/Dense>
-#include <algorithm>
 #include <cmath>
 #include <gemmi/symmetry.hpp>
 #include <map>
@@ -11,8 +10,11 @@
 #include <string>
 #include <vector>
 
+#include "pipeline/base/Angle.h"
+#include "pipeline/integration/SeriesGeometry.h"
 #include "pipeline/merging/CrystalMerge.h"
 #include "pipeline/simulation/SimulatedCrystal.h"
+#include "support/Indices.h"
 
 namespace testing_support {
 
@@ -35,17 +37,14 @@ struct SimulatedCrystals {
 
 private:
     Eigen::Matrix3d reciprocal() const {
+        // Its rows are our columns.
         const vrk::Matrix3 rows = vrk::SimulatedCrystal::fromCell(cell, 'P', 0, 1).reciprocal();
-        Eigen::Matrix3d columns;
-        for (int i = 0; i < 3; ++i)
-            for (int j = 0; j < 3; ++j)
-                columns(j, i) = rows[static_cast<std::size_t>(i)][static_cast<std::size_t>(j)];
-        return columns;
+        return Eigen::Map<const Eigen::Matrix3d>(rows.front().data());
     }
 };
 
 inline std::vector<vrk::CrystalData> SimulatedCrystals::make(std::size_t count) {
-    constexpr double kLongest = 0.95, kDegree = 3.14159265358979323846 / 180;
+    constexpr double kLongest = 0.95;
     const Eigen::Matrix3d base = reciprocal();
     const gemmi::SpaceGroup* space = gemmi::find_spacegroup_by_name(group);
     const gemmi::GroupOps operations = space->operations();
@@ -58,16 +57,13 @@ inline std::vector<vrk::CrystalData> SimulatedCrystals::make(std::size_t count) 
     std::vector<int> most;
     for (std::size_t i = 0; i < 3; ++i)
         most.push_back(static_cast<int>(cell[i] * kLongest) + 1);
-    for (int h = -most[0]; h <= most[0]; ++h)
-        for (int k0 = -most[1]; k0 <= most[1]; ++k0)
-            for (int l = -most[2]; l <= most[2]; ++l) {
-                const double length = (base * Eigen::Vector3d(h, k0, l)).norm();
-                if (length == 0 || length > kLongest || vrk::isExtinct(centring, h, k0, l)) continue;
-                const auto [entry, isNew] =
-                    drawn.try_emplace(unique.to_asu({h, k0, l}, operations).first, 0.0);
-                if (isNew) entry->second = wilson(engine) * std::exp(-3 * length * length);
-                truth[{h, k0, l}] = entry->second;
-            }
+    forEachIndex(most[0], most[1], most[2], [&](int h, int k0, int l) {
+        const double length = (base * Eigen::Vector3d(h, k0, l)).norm();
+        if (length == 0 || length > kLongest || vrk::isExtinct(centring, h, k0, l)) return;
+        const auto [entry, isNew] = drawn.try_emplace(unique.to_asu({h, k0, l}, operations).first, 0.0);
+        if (isNew) entry->second = wilson(engine) * std::exp(-3 * length * length);
+        truth[{h, k0, l}] = entry->second;
+    });
     std::vector<vrk::CrystalData> crystals;
     k.clear();
     b.clear();
@@ -82,13 +78,7 @@ inline std::vector<vrk::CrystalData> SimulatedCrystals::make(std::size_t count) 
         const Eigen::Matrix3d turned = base * own.inverse().transpose();
         vrk::CrystalData crystal;
         crystal.name = "crystal" + std::to_string(n);
-        const Eigen::Matrix3d direct = turned.inverse().transpose();
-        for (int i = 0; i < 3; ++i) {
-            const Eigen::Vector3d u = direct.col((i + 1) % 3), v = direct.col((i + 2) % 3);
-            crystal.cell.cell[static_cast<std::size_t>(i)] = direct.col(i).norm();
-            crystal.cell.cell[static_cast<std::size_t>(i) + 3] =
-                std::acos(std::clamp(u.dot(v) / u.norm() / v.norm(), -1.0, 1.0)) / kDegree;
-        }
+        crystal.cell.cell = vrk::directCell(turned);
         crystal.cell.centring = centring;
         crystal.bravais = bravais;
         crystal.kiloVolts = 200;
@@ -97,7 +87,7 @@ inline std::vector<vrk::CrystalData> SimulatedCrystals::make(std::size_t count) 
         for (const auto& [hkl, intensity] : truth) {
             const Eigen::Vector3d place = base * Eigen::Vector3d(hkl[0], hkl[1], hkl[2]);
             const double along = place.dot(axis) / place.norm();
-            const double tilt = std::atan2(place.dot(beam), place.dot(axis.cross(beam))) / kDegree;
+            const double tilt = std::atan2(place.dot(beam), place.dot(axis.cross(beam))) / vrk::kDegree;
             if (std::abs(along) > 0.95 || std::abs(std::remainder(tilt, 180)) > wedge / 2) continue;
             double value = intensity;
             if (n == random) {

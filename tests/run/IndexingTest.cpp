@@ -6,11 +6,13 @@
 #include <map>
 #include <utility>
 
+#include "pipeline/base/Attempt.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/run/FurtherCrystals.h"
 #include "pipeline/run/PeakCell.h"
 #include "reflections/ReflexVector.h"
 #include "support/RecordedReflections.h"
+#include "support/Says.h"
 
 namespace {
 
@@ -79,8 +81,7 @@ struct Found {
     }
 
     vrk::Indexed indexed(const char* axisSource = "header") {
-        vrk::Observer silent;
-        vrk::Session session(silent);
+        vrk::Session session(vrk::silence());
         vrk::TiltAxis axis;
         axis.source = axisSource;
         return vrk::indexReflections({level}, choice, volume, axis, session);
@@ -154,8 +155,7 @@ TEST(FurtherCrystals, HideNeitherTypeNorAxisOfTheFirst) {
         vrk::Indexed first = found.indexed("assumed");
         vrk::Recording known = vrk::recordingOf(found.volume, {});
         known.estimated = true;
-        vrk::Observer silent;
-        vrk::Session session(silent);
+        vrk::Session session(vrk::silence());
         const vrk::Crystals crystals = vrk::findFurtherCrystals(first, nullptr, known, {}, session);
         ASSERT_EQ(crystals.others.size(), 1U);
         for (const vrk::Indexed* crystal : {&std::as_const(first), &crystals.others.front().indexed}) {
@@ -198,7 +198,7 @@ TEST(IndexReflections, AnEllipseMayMakeTiesThatACrystalHasNot) {
         EXPECT_EQ(verdict.lattice, one.lattice) << one.ellipse;
         ASSERT_EQ(verdict.reasons.size(), one.level == vrk::Confidence::High ? 0U : 1U);
         for (const std::string& reason : verdict.reasons)
-            EXPECT_NE(reason.find("'vrk calibrate'"), std::string::npos) << reason;
+            EXPECT_TRUE(says(reason, "'vrk calibrate'"));
         if (one.ellipse > 0) continue;
         found.volume.facts.instrument.emplace().ellipse = vrk::CalibratedValue{0, 1e-4, 0};
         EXPECT_EQ(found.indexed().verdict.level, vrk::Confidence::High) << "with a calibration";
@@ -213,8 +213,7 @@ vrk::PeakCell cellOfPeaks(const Recorded& data, const Eigen::Matrix3d& turn, dou
         const Eigen::Vector3d p = turn * (position - data.centre);
         if (p.norm() < radius) peaks.reflections->push_back(new Reflex(p.x(), p.y(), p.z()));
     }
-    vrk::Observer silent;
-    vrk::Session session(silent);
+    vrk::Session session(vrk::silence());
     vrk::PeakCellOptions options;
     options.pixelSize = vrk::test::kPixelSize;
     return vrk::findCell(peaks, options, session);
@@ -231,8 +230,8 @@ TEST(FindCell, TrustsNoNarrowRangeOfTiltsHighly) {
             reasons += reason + "; ";
         return reasons;
     };
-    EXPECT_NE(reasonsAt(10).find("determine its edges"), std::string::npos) << reasonsAt(10);
-    EXPECT_EQ(reasonsAt(60).find("narrow"), std::string::npos) << reasonsAt(60);
+    EXPECT_TRUE(says(reasonsAt(10), "determine its edges"));
+    EXPECT_FALSE(says(reasonsAt(60), "narrow"));
 }
 
 TEST(FindCell, TakesEllipseAndCurvatureOutOfAPlainList) {

@@ -13,6 +13,7 @@
 #include "pipeline/run/LatticeChoice.h"
 #include "pipeline/run/PreparedSeries.h"
 #include "support/FailureOf.h"
+#include "support/Indices.h"
 #include "support/TemporaryFolder.h"
 
 namespace {
@@ -126,8 +127,7 @@ TEST(RecordedCounts, ComeAgainFromTheFileAsTheyAreKept) {
 }
 
 TEST(SearchLevels, DoubleFromFiveDeviationsToTheLastWithEnough) {
-    vrk::Observer silent;
-    vrk::Session session(silent);
+    vrk::Session session(vrk::silence());
     const vrk::ReciprocalVolume volume = volumeOfBars(10, 10);
     const double lowest = std::round(5 * volume.noise.typicalVoxelSigma());
     const std::vector<vrk::Level> levels = vrk::searchLevels(volume, {}, session);
@@ -147,8 +147,7 @@ TEST(SearchLevels, DoubleFromFiveDeviationsToTheLastWithEnough) {
 }
 
 TEST(SearchLevels, WhatTheUserFixesHolds) {
-    vrk::Observer silent;
-    vrk::Session session(silent);
+    vrk::Session session(vrk::silence());
     const vrk::ReciprocalVolume volume = volumeOfBars(10, 10);
     const struct {
         double threshold;
@@ -211,20 +210,16 @@ std::vector<Vector3d> latticePoints(double reach, unsigned seed) {
     std::mt19937 random(seed);
     std::normal_distribution<double> normal(0, 0.3);
     std::vector<Vector3d> points;
-    for (int h = -9; h <= 9; ++h)
-        for (int k = -9; k <= 9; ++k)
-            for (int l = -9; l <= 9; ++l) {
-                const Vector3d node =
-                    h * Vector3d(17, 3, 1) + k * Vector3d(-2, 19, 4) + l * Vector3d(1, -5, 23);
-                if (node.norm() > reach || node.norm() < 5) continue;
-                points.push_back(node + Vector3d(normal(random), normal(random), normal(random)));
-            }
+    forEachIndex(9, 9, 9, [&](int h, int k, int l) {
+        const Vector3d node = h * Vector3d(17, 3, 1) + k * Vector3d(-2, 19, 4) + l * Vector3d(1, -5, 23);
+        if (node.norm() > reach || node.norm() < 5) return;
+        points.push_back(node + Vector3d(normal(random), normal(random), normal(random)));
+    });
     return points;
 }
 
 TEST(FindLattice, TakesTheLevelThatExplainsMostOfItself) {
-    vrk::Observer silent;
-    vrk::Session session(silent);
+    vrk::Session session(vrk::silence());
     const vrk::ReciprocalVolume volume = emptyVolume();
     const std::vector<Vector3d> strong = latticePoints(45, 1);
     const std::vector<Vector3d> all = latticePoints(60, 1);

@@ -5,17 +5,16 @@
 #include <Eigen/Geometry>
 #include <array>
 #include <cmath>
-#include <numbers>
 #include <random>
 #include <vector>
 
 #include "indexing/EwaldCurvature.h"
+#include "pipeline/base/Angle.h"
 #include "support/SimulatedReflections.h"
 
 namespace vrk::test {
 
 inline constexpr double kPixelSize = 5.0e7;
-inline constexpr double kDegree = std::numbers::pi / 180.0;
 inline constexpr double kHalfWidth = 256.0;
 
 struct Distortion {

@@ -2,6 +2,7 @@
 /// Reflections of a known lattice, for tests of indexing and refinement.
 #pragma once
 
+#include <Eigen/Geometry>
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -12,6 +13,7 @@
 #include "crystallography/UnitCell.h"
 #include "reflections/Reflex.h"
 #include "reflections/ReflexVector.h"
+#include "support/Indices.h"
 
 using Vec3 = std::array<double, 3>;
 using Mat3 = std::array<Vec3, 3>;  ///< three vectors
@@ -29,30 +31,17 @@ inline UnitCell directCellOf(const std::array<double, 6>& cell, unsigned seed, d
     const double ca = std::cos(cell[3] * degree), cb = std::cos(cell[4] * degree);
     const double cg = std::cos(cell[5] * degree), sg = std::sin(cell[5] * degree);
     const double cy = (ca - cb * cg) / sg;
-    const Mat3 upright = {{{cell[0], 0.0, 0.0},
-                           {cell[1] * cg, cell[1] * sg, 0.0},
-                           {cell[2] * cb, cell[2] * cy, cell[2] * std::sqrt(1.0 - cb * cb - cy * cy)}}};
-    // A rotation from a random unit quaternion.
+    Eigen::Matrix3d upright;
+    upright << 1.0, cg, cb, 0.0, sg, cy, 0.0, 0.0, std::sqrt(1.0 - cb * cb - cy * cy);
     std::mt19937 random(seed);
     std::normal_distribution<double> normal;
-    double q[4];
-    double norm = 0.0;
-    for (double& component : q) {
-        component = normal(random);
-        norm += component * component;
-    }
+    Eigen::Vector4d q;
     for (double& component : q)
-        component /= std::sqrt(norm);
-    const auto [w, x, y, z] = q;
-    const Mat3 rotation = {{{1 - 2 * (y * y + z * z), 2 * (x * y - z * w), 2 * (x * z + y * w)},
-                            {2 * (x * y + z * w), 1 - 2 * (x * x + z * z), 2 * (y * z - x * w)},
-                            {2 * (x * z - y * w), 2 * (y * z + x * w), 1 - 2 * (x * x + y * y)}}};
-    Mat3 turned{};
-    for (std::size_t v = 0; v < 3; ++v)
-        for (std::size_t i = 0; i < 3; ++i)
-            for (std::size_t j = 0; j < 3; ++j)
-                turned[v][i] += rotation[i][j] * upright[v][j];
-    return UnitCell(turned[0].data(), turned[1].data(), turned[2].data(), pixelSize, true, true, LATTICE::aP);
+        component = normal(random);
+    const Eigen::Matrix3d vectors = Eigen::Quaterniond(q[0], q[1], q[2], q[3]).normalized() * upright *
+                                    Eigen::Vector3d(cell[0], cell[1], cell[2]).asDiagonal();
+    return UnitCell(vectors.col(0).data(), vectors.col(1).data(), vectors.col(2).data(), pixelSize, true,
+                    true, LATTICE::aP);
 }
 
 /// The reciprocal vectors, in voxels, of a direct cell.
@@ -74,10 +63,8 @@ inline void forEachNode(const Mat3& basis, double radius,
     for (const Vec3& vector : basis)
         shortest = std::min(shortest, std::hypot(vector[0], vector[1], vector[2]));
     const int most = static_cast<int>(std::ceil(2.0 * radius / shortest)) + 1;
-    for (int h = -most; h <= most; ++h)
-        for (int k = -most; k <= most; ++k)
-            for (int l = -most; l <= most; ++l) {
-                const Vec3 node = nodeOf(basis, h, k, l);
-                if ((h || k || l) && std::hypot(node[0], node[1], node[2]) <= radius) use(h, k, l, node);
-            }
+    forEachIndex(most, most, most, [&](int h, int k, int l) {
+        const Vec3 node = nodeOf(basis, h, k, l);
+        if ((h || k || l) && std::hypot(node[0], node[1], node[2]) <= radius) use(h, k, l, node);
+    });
 }

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <vector>
 
 class TemporaryFolder {
 public:
@@ -34,6 +35,14 @@ public:
     std::string read(const std::string& name) const {
         std::ifstream file(m_path / name, std::ios::binary);
         return {std::istreambuf_iterator<char>(file), {}};
+    }
+
+    std::vector<std::string> lines(const std::string& name) const {
+        std::ifstream file(m_path / name, std::ios::binary);
+        std::vector<std::string> all;
+        for (std::string line; std::getline(file, line);)
+            all.push_back(line);
+        return all;
     }
 
 private:
