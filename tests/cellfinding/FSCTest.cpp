@@ -19,13 +19,20 @@ struct FscRun : Clustered<ClusterPoint<double>> {
     }
 };
 
+double distance(const Cluster<Point<double>>& cluster, const Point<double>& point) {
+    double square = 0.0;
+    for (int k = 0; k < point.getDimension(); ++k)
+        square += std::pow(point.getData(k) - cluster.getCenterOfGrafity(k), 2);
+    return std::sqrt(square);
+}
+
 /// The class of a point and its membership, from all centres.
 std::pair<std::size_t, double> plainClass(const ClusterPoint<double>& point,
                                           const std::vector<DiffVector3D>& centres, double radius) {
     std::vector<double> closeness{std::pow(0.75 * radius, -2)};
     for (const DiffVector3D& centre : centres) {
         double square = 0.0;
-        for (int k = 0; k < 3; ++k)
+        for (int k = 0; k < point.getDimension(); ++k)
             square += std::pow(point.getData(k) - centre.getValue(k), 2);
         closeness.push_back(square < std::pow(1.5 * radius, 2) ? 1.0 / square : 0.0);
     }

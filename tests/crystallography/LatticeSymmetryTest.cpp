@@ -7,6 +7,7 @@
 #include "crystallography/UnitCellTest.h"
 #include "crystallography/detail/Centring.h"
 #include "crystallography/detail/LatticeMetric.h"
+#include "support/Testing.h"
 
 namespace {
 

@@ -4,6 +4,7 @@
 
 #include "RandomLattice.h"
 #include "crystallography/UnitCellTest.h"
+#include "support/Testing.h"
 
 namespace {
 

@@ -2,10 +2,13 @@
 /// Random lattices of a given Bravais type, random bases of them and noise.
 #pragma once
 
+#include <array>
+#include <cmath>
+#include <random>
+
 #include "crystallography/BasicMath.h"
 #include "crystallography/BravaisTypes.h"
 #include "crystallography/UnitCell.h"
-#include "support/Testing.h"
 
 namespace testing_support {
 

@@ -8,6 +8,7 @@
 #include "crystallography/ReciprocalSpaceMath.h"
 #include "crystallography/Space.h"
 #include "crystallography/UnitCellTest.h"
+#include "support/Testing.h"
 
 namespace {
 
