@@ -47,7 +47,7 @@ TEST(FileReport, NamesEveryOddityAndNothingElse) {
     next("pixel size: missing").putTilts(-2, 1, 0);
     next("pixel size: differs between the slices (1e+08 to 3e+08").putSliceValue(3, 12, 3e8F);
     next("pixel size: 0.5 1/m").putTilts(-2, 1, 0.5F);
-    next("pixel size: 9e+04 1/m").putTilts(-2, 1, 9e4F);
+    next("pixel size: 90000 1/m").putTilts(-2, 1, 9e4F);
     next("").putTilts(-2, 1, 1e5F);
     next("").putTilts(-2, 1, 1e10F);
     next("pixel size: 1.1e+10 1/m").putTilts(-2, 1, 1.1e10F);
