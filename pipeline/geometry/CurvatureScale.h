@@ -25,8 +25,8 @@ struct CurvatureScale {
     /// \param positions  corrected for curvature and instrument, voxels; not finite where there is none
     /// \param tilts      at which each was seen, radians
     /// \param lattice    with its origin
-    /// \param curvature  s lambda / 2 in 1/voxel with which the positions were corrected, s as in
-    /// EwaldCurvature \param tolerance  of the fractional indices
+    /// \param curvature  with which the positions were corrected (EwaldCurvature), 1/voxel
+    /// \param tolerance  of the fractional indices
     static CurvatureScale of(std::span<const Eigen::Vector3d> positions, std::span<const double> tilts,
                              const Lattice& lattice, double curvature, double tolerance);
 };

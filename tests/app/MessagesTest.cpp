@@ -68,6 +68,8 @@ const std::vector<Group> kGroups = {
      {
          {"simulate -o x.mrc", 2, "give either --cell or --cif"},
          {"simulate -o x.mrc --cell 5,6,7,90,90,90 --cif a.cif", 2, "give either --cell or --cif"},
+         {"simulate -o x.mrc --cif .", 1, "cannot read .\n"},
+         {"simulate -o x.mrc --cif none.cif", 1, "cannot read none.cif: there is no such file"},
          {"simulate -o x.mrc --cell 1,2,3", 2, "--cell takes six numbers, a,b,c,alpha,beta,gamma"},
          {"simulate -o x.mrc --cell 5,6,7,90,90,90 --tilts -60:60:0", 2, "FIRST:LAST:STEP in degrees"},
          {"simulate -o x.mrc --cell 5,6,7,90,90,90 --tilts -60:60:0.1", 2, "more than 300 frames"},
