@@ -5,14 +5,17 @@
 #include <cmath>
 #include <limits>
 #include <numeric>
+#include <optional>
 
 #include "cellfinding/detail/CellList.h"
+#include "cellfinding/detail/NeighbourRows.h"
 
 namespace VRK::detail {
 namespace {
 
 using Box = CellList::Box;
 using Position = CellList::Position;
+using Stretches = NeighbourRows::Stretches;
 
 /// Boxes up to two steps away can hold neighbours.
 constexpr int kSteps = 2;
@@ -142,13 +145,6 @@ public:
         return range;
     }
 
-    std::array<BoxRange, kRows> all(const Box& box) {
-        std::array<BoxRange, kRows> rows;
-        for (std::size_t r = 0; r < kRows; ++r)
-            rows[r] = row(r, box);
-        return rows;
-    }
-
 private:
     std::int64_t keyAt(std::size_t b) const { return static_cast<std::int64_t>(m_boxes[b].key); }
     /// The first box from this one on whose key is not below, which mostly is near.
@@ -169,11 +165,29 @@ private:
     std::array<BoxRange, kRows> m_ranges{};
 };
 
+/// All bits of the marks within reach of the point at a place.
+#if defined(__x86_64__)
+[[gnu::target_clones("default", "avx2", "arch=x86-64-v4")]]
+#endif
+std::uint64_t
+uniteMarks(const double* x, const double* y, const double* z, const std::uint64_t* marks, Stretches stretches,
+           std::size_t place, double reach2) {
+    const double px = x[place], py = y[place], pz = z[place];
+    std::uint64_t together = 0;
+    for (const NeighbourRows::Stretch& stretch : stretches)
+        for (std::size_t i = stretch.begin; i < stretch.end; ++i) {
+            const double dx = x[i] - px, dy = y[i] - py, dz = z[i] - pz;
+            together |= dx * dx + dy * dy + dz * dz <= reach2 ? marks[i] : 0;
+        }
+    return together;
+}
+
 class Labeller {
 public:
     Labeller(const CellList& cells, double eps, int minPts)
         : m_cells(cells),
           m_boxes(cells.boxes()),
+          m_eps(eps),
           m_reach2(largestSquareWithin(eps)),
           m_minPts(static_cast<std::size_t>(minPts)),
           m_core(cells.size(), 0),
@@ -192,6 +206,8 @@ public:
     }
 
 private:
+    static constexpr char kOpen = 2;
+
     Position positionOf(std::size_t place) const {
         return {m_cells.x()[place], m_cells.y()[place], m_cells.z()[place]};
     }
@@ -201,44 +217,42 @@ private:
         for (std::size_t b = 0; b < m_boxes.size(); ++b)
             m_coreCount[b] = m_boxes[b].end - m_boxes[b].begin;
         const CountsAround around(m_cells, m_coreCount);
-        std::fill(m_coreCount.begin(), m_coreCount.end(), 0U);
-        Surroundings surroundings(m_boxes);
+        std::size_t open = 0;
         for (std::size_t b = 0; b < m_boxes.size(); ++b) {
             const Box& box = m_boxes[b];
             if (around[b] < m_minPts) continue;
-            if (sizeOf(box) >= m_minPts) {
-                std::fill(m_core.begin() + box.begin, m_core.begin() + box.end, char(1));
-                m_coreCount[b] = box.end - box.begin;
-                continue;
-            }
-            const auto rows = surroundings.all(box);
-            std::size_t near = 0;
-            for (const BoxRange& row : rows)
-                if (row.begin < row.end) near += m_boxes[row.end - 1].end - m_boxes[row.begin].begin;
-            if (near < m_minPts) continue;
-            for (std::size_t place = box.begin; place < box.end; ++place)
-                if (hasEnoughNeighbours(place, rows, near)) {
-                    m_core[place] = 1;
-                    ++m_coreCount[b];
-                }
+            const bool isFull = sizeOf(box) >= m_minPts;
+            std::fill(m_core.begin() + box.begin, m_core.begin() + box.end, isFull ? char(1) : kOpen);
+            open += isFull ? 0 : sizeOf(box);
         }
+        if (open > 0) countNeighboursOfOpen();
+        for (std::size_t b = 0; b < m_boxes.size(); ++b)
+            m_coreCount[b] = static_cast<std::uint32_t>(
+                std::count(m_core.begin() + m_boxes[b].begin, m_core.begin() + m_boxes[b].end, char(1)));
     }
 
-    /// \param left  points in the rows
-    bool hasEnoughNeighbours(std::size_t place, const std::array<BoxRange, kRows>& rows,
-                             std::size_t left) const {
-        const Position p = positionOf(place);
-        std::size_t found = 0;
-        for (const BoxRange& row : rows) {
-            if (row.begin == row.end) continue;
-            const std::size_t begin = m_boxes[row.begin].begin, end = m_boxes[row.end - 1].end;
-            for (std::size_t other = begin; other < end; ++other)
-                found += m_cells.squareDistance(other, p) <= m_reach2;
-            left -= end - begin;
-            if (found >= m_minPts) return true;
-            if (found + left < m_minPts) return false;
+    void countNeighboursOfOpen() {
+        const CellList& cells = wideCells();
+        const auto enough = static_cast<std::int64_t>(m_minPts);
+        forEachOpen([&](std::size_t i, Stretches stretches) {
+            const bool isCore = countNeighbours(cells, stretches, i, m_reach2, enough) >= enough;
+            m_core[cells.index(i)] = isCore ? char(1) : char(0);
+        });
+    }
+
+    /// Calls visit(place of the wide boxes, stretches around it) for the points that are open.
+    template <typename Visit>
+    void forEachOpen(Visit visit) {
+        const CellList& cells = wideCells();
+        NeighbourRows rows(cells);
+        for (std::size_t b = 0; b < cells.boxes().size(); ++b) {
+            Stretches stretches;
+            for (std::size_t i = cells.boxes()[b].begin; i < cells.boxes()[b].end; ++i) {
+                if (m_core[cells.index(i)] != kOpen) continue;
+                if (stretches.empty()) stretches = rows.around(b);
+                visit(i, stretches);
+            }
         }
-        return false;
     }
 
     std::uint32_t rootOf(std::uint32_t b) {
@@ -286,57 +300,79 @@ private:
         for (std::size_t b = 0; b < m_boxes.size(); ++b)
             for (std::size_t place = m_boxes[b].begin; place < m_boxes[b].end; ++place)
                 if (m_core[place]) boxOf[m_cells.index(place)] = static_cast<std::uint32_t>(b + 1);
-        m_number.assign(m_boxes.size(), 0);
+        std::vector<int> numberOf(m_boxes.size(), 0);  // by root
         int numbers = 0;
         for (std::size_t i = 0; i < labels.size(); ++i) {
             if (boxOf[i] == 0) continue;
-            int& number = m_number[rootOf(boxOf[i] - 1)];
+            int& number = numberOf[rootOf(boxOf[i] - 1)];
             if (number == 0) number = ++numbers;
             labels[i] = number;
         }
-        for (std::size_t b = 0; b < m_boxes.size(); ++b)
-            m_number[b] = m_number[rootOf(static_cast<std::uint32_t>(b))];
     }
 
-    void labelBorderPoints(std::vector<int>& labels) const {
+    void labelBorderPoints(std::vector<int>& labels) {
         const CountsAround around(m_cells, m_coreCount);
-        Surroundings surroundings(m_coreBoxes);
+        bool anyOpen = false;
         for (std::size_t b = 0; b < m_boxes.size(); ++b) {
             const Box& box = m_boxes[b];
             if (m_coreCount[b] == sizeOf(box) || around[b] == 0) continue;
-            const auto rows = surroundings.all(box);
-            for (std::size_t place = box.begin; place < box.end; ++place)
-                if (!m_core[place]) labels[m_cells.index(place)] = firstClusterNear(place, rows);
+            anyOpen = true;
+            std::replace(m_core.begin() + box.begin, m_core.begin() + box.end, char(0), kOpen);
         }
+        if (!anyOpen || m_coreBoxes.empty()) return;
+        const CellList& cells = wideCells();
+        const std::vector<std::uint64_t> marks = marksOf(cells, labels);
+        forEachOpen([&](std::size_t i, Stretches stretches) {
+            labels[m_cells.index(cells.index(i))] = firstClusterNear(marks, stretches, i);
+        });
     }
 
-    int firstClusterNear(std::size_t place, const std::array<BoxRange, kRows>& rows) const {
-        const Position p = positionOf(place);
-        int first = 0;
-        for (const BoxRange& row : rows)
-            for (std::size_t core = row.begin; core < row.end; ++core) {
-                const int number = m_number[m_numberOfCoreBox[core]];
-                if (first != 0 && number >= first) continue;
-                const Box& box = m_coreBoxes[core];
-                for (std::size_t other = box.begin; other < box.end; ++other)
-                    if (m_core[other] && m_cells.squareDistance(other, p) <= m_reach2) {
-                        first = number;
-                        break;
-                    }
-            }
-        return first;
+    /// Of core points, the number of the cluster, and its complement in the upper half.
+    std::vector<std::uint64_t> marksOf(const CellList& cells, const std::vector<int>& labels) const {
+        std::vector<std::uint64_t> marks(cells.size());
+        for (std::size_t i = 0; i < marks.size(); ++i) {
+            const auto number = static_cast<std::uint32_t>(labels[m_cells.index(cells.index(i))]);
+            if (number != 0) marks[i] = std::uint64_t(~number) << 32 | number;
+        }
+        return marks;
+    }
+
+    int firstClusterNear(const std::vector<std::uint64_t>& marks, Stretches stretches, std::size_t i) {
+        const CellList& cells = wideCells();
+        const std::uint64_t together = uniteMarks(cells.x().data(), cells.y().data(), cells.z().data(),
+                                                  marks.data(), stretches, i, m_reach2);
+        const auto number = static_cast<std::uint32_t>(together);
+        if (together == 0 || static_cast<std::uint32_t>(together >> 32) == ~number)
+            return static_cast<int>(number);
+        const Position p{cells.x()[i], cells.y()[i], cells.z()[i]};
+        std::uint32_t first = std::numeric_limits<std::uint32_t>::max();
+        for (const NeighbourRows::Stretch& stretch : stretches)
+            for (std::size_t other = stretch.begin; other < stretch.end; ++other)
+                if (marks[other] != 0 && cells.squareDistance(other, p) <= m_reach2)
+                    first = std::min(first, static_cast<std::uint32_t>(marks[other]));
+        return static_cast<int>(first);
+    }
+
+    /// The points by place here in boxes as large as eps, where the candidates of a neighbourhood are few and
+    /// long stretches.
+    const CellList& wideCells() {
+        if (!m_wideCells)
+            m_wideCells.emplace(m_cells.size(), NeighbourRows::sideFor(m_eps),
+                                [this](std::size_t place) { return positionOf(place); });
+        return *m_wideCells;
     }
 
     const CellList& m_cells;
     const std::vector<Box>& m_boxes;
+    double m_eps;
     double m_reach2;
     std::size_t m_minPts;
-    std::vector<char> m_core;                // by place
+    std::vector<char> m_core;                // by place: 1 for core points
     std::vector<std::uint32_t> m_coreCount;  // by box
     std::vector<std::uint32_t> m_parent;     // sets of boxes joined by core points
-    std::vector<int> m_number;               // of each box' set
     std::vector<Box> m_coreBoxes;            // boxes with core points
     std::vector<std::uint32_t> m_numberOfCoreBox;
+    std::optional<CellList> m_wideCells;
 };
 
 }  // namespace

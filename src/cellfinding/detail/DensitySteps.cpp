@@ -1,16 +1,15 @@
 #include "cellfinding/detail/DensitySteps.h"
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <cstdint>
 #include <limits>
-#include <span>
 #include <tuple>
 #include <utility>
 
 #include "cellfinding/detail/CellList.h"
 #include "cellfinding/detail/ClusterResult.h"
+#include "cellfinding/detail/NeighbourRows.h"
 
 namespace VRK::detail {
 namespace {
@@ -21,12 +20,8 @@ using Place = std::uint32_t;
 constexpr int kMostCounted = std::numeric_limits<short>::max();
 constexpr double kOfOthers = -1.0;
 
-/// Places [begin, end) of neighbouring boxes of a row.
-struct Stretch {
-    Place begin;
-    Place end;
-};
-using Stretches = std::span<const Stretch>;
+using Stretch = NeighbourRows::Stretch;
+using Stretches = NeighbourRows::Stretches;
 
 /// What the loops over candidates read, by place: lanes of one width.
 struct StepColumns {
@@ -53,24 +48,6 @@ struct Census {
     std::int64_t alike = 0;  // of the step's density and in no earlier cluster
     std::int64_t open = 0;
 };
-
-#if defined(__x86_64__)
-[[gnu::target_clones("default", "avx2", "arch=x86-64-v4")]]
-#endif
-std::int64_t
-countNeighbours(const StepColumns& columns, Stretches stretches, std::size_t place, double reach2) {
-    const double* const x = columns.x;
-    const double* const y = columns.y;
-    const double* const z = columns.z;
-    const double px = x[place], py = y[place], pz = z[place];
-    std::int64_t count = 0;
-    for (const Stretch& stretch : stretches)
-        for (std::size_t i = stretch.begin; i < stretch.end; ++i) {
-            const double dx = x[i] - px, dy = y[i] - py, dz = z[i] - pz;
-            count += dx * dx + dy * dy + dz * dz <= reach2 ? 1 : 0;
-        }
-    return count;
-}
 
 /// Leaves the place with all neighbours as the one that examined them.
 #if defined(__x86_64__)
@@ -132,8 +109,7 @@ public:
           m_edge(edge),
           m_rules(rules),
           m_reach2(largestSquareWithin(rules.eps)),
-          // The margin exceeds what rounding can shift a box.
-          m_cells(points.size(), rules.eps * (1.0 + 1e-6), [&](std::size_t i) -> CellList::Position {
+          m_cells(points.size(), NeighbourRows::sideFor(rules.eps), [&](std::size_t i) -> CellList::Position {
               return {points[i]->getData(0), points[i]->getData(1), points[i]->getData(2)};
           }) {
         m_columns.x = m_cells.x().data();
@@ -175,7 +151,6 @@ private:
         double distance;
         Place place;
     };
-    static constexpr std::size_t kMostStretches = 9;
 
     StepPoint& pointAt(std::size_t place) const { return *m_points[m_cells.index(place)]; }
     short labelOf(std::size_t place) const { return pointAt(place).getClusterID(); }
@@ -189,33 +164,20 @@ private:
         const std::vector<CellList::Box>& boxes = m_cells.boxes();
         m_boxOf.resize(m_cells.size());
         m_firstStretch.assign(1, 0);
-        std::array<std::size_t, kMostStretches> from{}, to{};
+        NeighbourRows rows(m_cells);
         for (std::size_t b = 0; b < boxes.size(); ++b) {
             std::fill(m_boxOf.begin() + boxes[b].begin, m_boxOf.begin() + boxes[b].end,
                       static_cast<Place>(b));
-            std::size_t row = 0;
-            for (std::int64_t z = -1; z <= 1; ++z)
-                for (std::int64_t y = -1; y <= 1; ++y, ++row) {
-                    const std::int64_t rowSteps =
-                        (z * (std::int64_t(1) << CellList::kBits) + y) * (std::int64_t(1) << CellList::kBits);
-                    const std::int64_t first = static_cast<std::int64_t>(boxes[b].key) + rowSteps - 1;
-                    while (from[row] < boxes.size() && keyAt(from[row]) < first)
-                        ++from[row];
-                    to[row] = std::max(to[row], from[row]);
-                    while (to[row] < boxes.size() && keyAt(to[row]) <= first + 2)
-                        ++to[row];
-                    if (from[row] < to[row])
-                        m_stretches.push_back({boxes[from[row]].begin, boxes[to[row] - 1].end});
-                }
+            const Stretches around = rows.around(b);
+            m_stretches.insert(m_stretches.end(), around.begin(), around.end());
             m_firstStretch.push_back(m_stretches.size());
         }
     }
-    std::int64_t keyAt(std::size_t box) const { return static_cast<std::int64_t>(m_cells.boxes()[box].key); }
 
     void countSizes() {
         m_columns.size.resize(m_cells.size());
         for (std::size_t place = 0; place < m_cells.size(); ++place) {
-            const std::int64_t count = countNeighbours(m_columns, stretchesAround(place), place, m_reach2);
+            const std::int64_t count = countNeighbours(m_cells, stretchesAround(place), place, m_reach2);
             m_columns.size[place] = static_cast<double>(std::min<std::int64_t>(count, kMostCounted));
         }
     }
