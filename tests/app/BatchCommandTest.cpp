@@ -1,8 +1,6 @@
 // vrk batch as a user meets it: jobs one by one, what is run again, the table, and a short batch by
 // Snakemake.
 
-#include <cstdlib>
-
 #include "app/RunVrk.h"
 
 namespace {

@@ -1,11 +1,8 @@
-#include <random>
-
 #include "app/RunVrk.h"
 #include "crystallography/CellFileImportExport.h"
 #include "crystallography/UnitCell.h"
 #include "reflections/PeakFileImportExport.h"
 #include "reflections/ReflexVector.h"
-#include "support/Indices.h"
 
 namespace {
 

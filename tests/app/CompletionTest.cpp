@@ -1,5 +1,3 @@
-#include <cstdio>
-
 #include "app/RunVrk.h"
 
 namespace {

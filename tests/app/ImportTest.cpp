@@ -1,5 +1,3 @@
-#include <cstring>
-#include <functional>
 #include <opencv2/imgcodecs.hpp>
 
 #include "VoxCore/IO/VoxMRCFileHandler.h"
@@ -233,13 +231,7 @@ TEST_F(Import, TiffPagesAndFiles) {
 }
 
 TEST_F(Import, MrcModesAndExtendedHeaders) {
-    struct Case {
-        const char* name;
-        std::string bytes;
-        double pixelSize;
-        double kilovolts;
-        double axis;
-    };
+    using Case = std::tuple<const char*, std::string, double, double, double>;
     const auto kind = [](const char* text) {
         return [text](std::string& header) { std::memcpy(header.data() + 104, text, 4); };
     };
@@ -265,14 +257,14 @@ TEST_F(Import, MrcModesAndExtendedHeaders) {
         {"FEI1", mrc<std::uint16_t>(3, 6, feiRecords(3, 768, 4e7), kind("FEI1")), 4e7, 300, 0},
         {"FEI2", mrc<std::int16_t>(3, 1, feiRecords(3, 888, 2e-10), kind("FEI2")), 0, 300, 0},
     };
-    for (const Case& one : cases) {
-        SCOPED_TRACE(one.name);
-        settings.files = {folder.write("stack.mrc", one.bytes)};
+    for (const auto& [name, bytes, pixelSize, kilovolts, axis] : cases) {
+        SCOPED_TRACE(name);
+        settings.files = {folder.write("stack.mrc", bytes)};
         const Imported imported = import(settings);
         expectThreeFrames(imported);
-        EXPECT_NEAR(imported.header().m_pixelsize, one.pixelSize, 10);
-        EXPECT_NEAR(imported.header().value(SliceValue::HighTension, 0), one.kilovolts, 1e-3);
-        EXPECT_EQ(imported.header().value(SliceValue::TiltAxis, 1), one.axis);
+        EXPECT_NEAR(imported.header().m_pixelsize, pixelSize, 10);
+        EXPECT_NEAR(imported.header().value(SliceValue::HighTension, 0), kilovolts, 1e-3);
+        EXPECT_EQ(imported.header().value(SliceValue::TiltAxis, 1), axis);
     }
 }
 
@@ -523,12 +515,7 @@ TEST_F(Import, DamagedInputIsRefusedWithAReason) {
         MRCBytes::put(bytes, offset, value);
         return bytes;
     };
-    struct Case {
-        std::string name;
-        std::string bytes;
-        std::string tilts;
-        std::string reason;
-    };
+    using Case = std::tuple<std::string, std::string, std::string, std::string>;
     const std::vector<Case> cases = {
         {"empty.img", "", "", "none of the kinds"},
         {"truncated.img", good.substr(0, good.size() - 1), "", "truncated"},
@@ -567,10 +554,10 @@ TEST_F(Import, DamagedInputIsRefusedWithAReason) {
     folder.write("constant.tlt", "5\n5\n5\n");
     folder.write("two.tlt", "5\n6\n");
     folder.write("words.tlt", "5\nsix\n7\n");
-    for (const Case& one : cases) {
-        settings.files = {folder.write(one.name, one.bytes)};
-        settings.tilts = one.tilts.ends_with(".tlt") ? folder / one.tilts : one.tilts;
-        EXPECT_TRUE(says(failure(settings), one.reason)) << one.name << ": ";
+    for (const auto& [name, bytes, tilts, reason] : cases) {
+        settings.files = {folder.write(name, bytes)};
+        settings.tilts = tilts.ends_with(".tlt") ? folder / tilts : tilts;
+        EXPECT_TRUE(says(failure(settings), reason)) << name << ": ";
     }
     ImportSettings mixed;
     mixed.files = {folder.write("a.img", good), folder.write("b.mrc", MRCBytes(8, 8, 1).bytes())};
@@ -588,26 +575,22 @@ TEST_F(Import, NamesWithNumbersAreOrderedByThem) {
 }
 
 TEST_F(Import, KeepsHowTheCrystalTurnedDuringAFrame) {
-    struct Row {
-        double range;
-        int sum;
-        std::optional<double> rotation;
-        const char* warning;
-    };
-    for (const Row& row : {Row{0.5, 1, 0.5, ""}, Row{1, 1, 1.0, ""}, Row{0.9, 3, 2.9, ""}, Row{0, 2, 0.0, ""},
-                           Row{2, 1, std::nullopt, "turns by 2 degrees, but their tilts are 1 apart"}}) {
-        SCOPED_TRACE(row.range);
+    using Row = std::tuple<double, int, std::optional<double>, const char*>;
+    for (const auto& [range, sum, rotation, warning] :
+         {Row{0.5, 1, 0.5, ""}, Row{1, 1, 1.0, ""}, Row{0.9, 3, 2.9, ""}, Row{0, 2, 0.0, ""},
+          Row{2, 1, std::nullopt, "turns by 2 degrees, but their tilts are 1 apart"}}) {
+        SCOPED_TRACE(range);
         for (int frame = 0; frame < 6; ++frame)
             settings.files.push_back(
-                folder.write(numbered("f", frame, ".img"), smv(frame, frame - row.range / 2, row.range)));
-        settings.sum = row.sum;
+                folder.write(numbered("f", frame, ".img"), smv(frame, frame - range / 2, range)));
+        settings.sum = sum;
         const Imported imported = import(settings);
         const std::optional<vrk::StatedMotion> motion = vrk::statedMotion(imported.header());
-        ASSERT_EQ(motion.has_value(), row.rotation.has_value());
+        ASSERT_EQ(motion.has_value(), rotation.has_value());
         const std::string told = imported.warnings.empty() ? "" : imported.warnings.back();
-        EXPECT_TRUE(says(told, row.warning));
+        EXPECT_TRUE(says(told, warning));
         if (!motion) continue;
-        EXPECT_NEAR(motion->rotation, *row.rotation, 1e-5);
+        EXPECT_NEAR(motion->rotation, *rotation, 1e-5);
         // The series is a file of frames as well.
         ASSERT_TRUE(VoxMRCFileHandler().writeMRCFile(imported.result.series.get(), folder / "s.mrc"));
         EXPECT_EQ(vrk::FrameFile::open(folder / "s.mrc")->info(1).rotation, motion->rotation);

@@ -1,9 +1,6 @@
-#include <random>
-
 #include "app/RunVrk.h"
 #include "crystallography/CellFileImportExport.h"
 #include "crystallography/UnitCell.h"
-#include "support/Indices.h"
 
 namespace {
 

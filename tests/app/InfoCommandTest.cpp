@@ -1,5 +1,4 @@
 #include <deque>
-#include <limits>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "VoxCore/IO/VoxMRCFileHandler.h"

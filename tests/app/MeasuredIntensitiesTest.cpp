@@ -1,25 +1,15 @@
 #include "pipeline/formats/MeasuredIntensities.h"
 
-#include <gtest/gtest.h>
-
 #include <Eigen/Geometry>
 #include <Eigen/LU>
-#include <array>
-#include <cmath>
-#include <cstring>
-#include <fstream>
 #include <gemmi/cif.hpp>
 #include <gemmi/mtz.hpp>
 #include <gemmi/xds_ascii.hpp>
-#include <numbers>
-#include <sstream>
 
 #include "pipeline/base/Angle.h"
 #include "pipeline/batch/CsvTable.h"
 #include "pipeline/integration/SeriesGeometry.h"
-#include "support/Indices.h"
-#include "support/Says.h"
-#include "support/TemporaryFolder.h"
+#include "support/Testing.h"
 
 namespace {
 

@@ -1,11 +1,5 @@
 // What vrk says to those who ask it the wrong way, and how it ends.
 
-#include <array>
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
-#include <set>
-
 #include "app/RunVrk.h"
 #include "foundation/Version.h"
 

@@ -1,8 +1,6 @@
 // What a command prints says the same as its JSON.
 
-#include <array>
 #include <cctype>
-#include <cstdlib>
 
 #include "app/RunVrk.h"
 #include "support/PicturePanel.h"
@@ -13,6 +11,7 @@ namespace {
 ///   /path          the value there in the JSON that the command prints with --json, or in the file
 ///   /path*1e-10    so many times that value
 ///   /path~/other   the value with its uncertainty in brackets, where there is one
+///   /path/a,b,c    values of these names there, a blank between them, also with ~/path of uncertainties
 ///   =40,8          a number within 8 of 40
 ///   ?              any number
 struct Printed {
@@ -30,18 +29,13 @@ const std::vector<Printed> kRun = {
       "pixel size {/input/pixel_size*1e-10} 1/Angstrom ({/input/pixel_size} 1/m), "
       "{/parameters/voltage_kv} kV",
       "tilt axis {/tilt_axis/refined_deg~/tilt_axis/refined_esd_deg} degrees (header)",
-      "reduced {/cell/reduced/a~/cell/esd/reduced/a} {/cell/reduced/b~/cell/esd/reduced/b} "
-      "{/cell/reduced/c~/cell/esd/reduced/c} {/cell/reduced/alpha~/cell/esd/reduced/alpha} "
-      "{/cell/reduced/beta~/cell/esd/reduced/beta} {/cell/reduced/gamma~/cell/esd/reduced/gamma}",
-      "conventional {/cell/conventional/a~/cell/esd/conventional/a} "
-      "{/cell/conventional/b~/cell/esd/conventional/b} {/cell/conventional/c~/cell/esd/conventional/c} "
-      "{/cell/conventional/alpha} {/cell/conventional/beta~/cell/esd/conventional/beta} "
-      "{/cell/conventional/gamma}",
+      "reduced {/cell/reduced/a,b,c,alpha,beta,gamma~/cell/esd/reduced}",
+      "conventional {/cell/conventional/a,b,c~/cell/esd/conventional} {/cell/conventional/alpha} "
+      "{/cell/conventional/beta~/cell/esd/conventional/beta} {/cell/conventional/gamma}",
       "lattice {/cell/conventional/bravais}, misfit {/cell/conventional/misfit_deg} degrees, volume "
       "{/cell/conventional/volume} A^3, confidence {/confidence/level}",
       "or {/cell/candidates/1/bravais}, misfit {/cell/candidates/1/misfit_deg} degrees: "
-      "{/cell/candidates/1/a} {/cell/candidates/1/b} {/cell/candidates/1/c} {/cell/candidates/1/alpha} "
-      "{/cell/candidates/1/beta} {/cell/candidates/1/gamma}",
+      "{/cell/candidates/1/a,b,c,alpha,beta,gamma}",
       "reflections {/reflections/found} found, {/reflections/indexed} indexed "
       "({/reflections/fraction_indexed*100} %), {/reflections/different_indices} different, to "
       "{/completeness/half_limit} A",
@@ -69,11 +63,10 @@ const std::vector<Printed> kBent = {
       "{/tilt_axis/stated_deg})",
       "instrument ellipse {=1.2,0.2}({?}) % along {=40,8} degrees, tilts {=1,0.4}({?}) % larger than stated",
       "2: {/crystals/1/strong_share*100} % of the strong reflections, {/crystals/1/bravais} "
-      "{/crystals/1/cell/a} {/crystals/1/cell/b} {/crystals/1/cell/c} {/crystals/1/cell/alpha} "
-      "{/crystals/1/cell/beta} {/crystals/1/cell/gamma}, confidence {/crystals/1/confidence}, turned by "
+      "{/crystals/1/cell/a,b,c,alpha,beta,gamma}, confidence {/crystals/1/confidence}, turned by "
       "{/crystals/1/turn_deg} degrees",
-      "crystals 1: {/crystals/0/strong_share*100} % of the strong reflections, cI {/crystals/0/cell/a} "
-      "{/crystals/0/cell/b} {/crystals/0/cell/c} 90.00 90.00 90.00, confidence {/crystals/0/confidence}"}},
+      "crystals 1: {/crystals/0/strong_share*100} % of the strong reflections, cI {/crystals/0/cell/a,b,c} "
+      "90.00 90.00 90.00, confidence {/crystals/0/confidence}"}},
     {"calibrate bent -o c.json",
      "",
      {"bent: cI, {/series/0/indexed} reflections indexed, residual {/series/0/residual_before_px} -> "
@@ -113,10 +106,8 @@ const std::vector<Printed> kStages = {
       "intensity {/intensity/min} {/intensity/p10} {/intensity/median} {/intensity/p90} {/intensity/max}"}},
     {"cell p.txt -o c.txt",
      "",
-     {"reduced cell, A {/cell/a} {/cell/b} {/cell/c} {/cell/alpha} {/cell/beta} {/cell/gamma} {/cell/volume}",
-      "lattice {/lattice/bravais}, A {/lattice/conventional/a} {/lattice/conventional/b} "
-      "{/lattice/conventional/c} {/lattice/conventional/alpha} {/lattice/conventional/beta} "
-      "{/lattice/conventional/gamma}",
+     {"reduced cell, A {/cell/a,b,c,alpha,beta,gamma,volume}",
+      "lattice {/lattice/bravais}, A {/lattice/conventional/a,b,c,alpha,beta,gamma}",
       "lattice {/lattice/bravais}, misfit {/lattice/misfit_deg} degrees",
       "indexed {/reflections/indexed} of {/reflections/found} reflections "
       "({/reflections/fraction_indexed*100} %; {/confidence/fraction_by_chance*100} % by chance) within "
@@ -127,8 +118,8 @@ const std::vector<Printed> kStages = {
      {"{/reflections/indexed} of {/reflections/found} reflections indexed "
       "({/reflections/fraction_indexed*100} %), displacement {/reflections/mean_displacement} voxels in the "
       "mean, {/reflections/rms_displacement} rms",
-      "cell {/cell/bravais}: {/cell/parameters/0~/cell/esd/0} {/cell/parameters/1~/cell/esd/1} "
-      "{/cell/parameters/2~/cell/esd/2} 90 {/cell/parameters/4~/cell/esd/4} 90 volume "
+      "cell {/cell/bravais}: {/cell/parameters/0,1,2~/cell/esd} 90 {/cell/parameters/4~/cell/esd/4} 90 "
+      "volume "
       "{/cell/volume~/cell/volume_esd}",
       "handedness +{/refinement/sense}, residual {/refinement/residual_plus} voxels with +1, "
       "{/refinement/residual_minus} with -1"}},
@@ -138,16 +129,11 @@ const std::vector<Printed> kStages = {
       "{/scores/1/angle_deg} {/scores/1/variance} {/scores/1/max} {/scores/1/reflections}"}},
     {"cell-info 5 5.1 7 90.3 90.4 90.2",
      "",
-     {"Reduced (Niggli) A {/reduced/a} {/reduced/b} {/reduced/c} {/reduced/alpha} {/reduced/beta} "
-      "{/reduced/gamma} {/reduced/volume}",
-      "Reciprocal cell 1/A {/reciprocal/a} {/reciprocal/b} {/reciprocal/c} {/reciprocal/alpha} "
-      "{/reciprocal/beta} {/reciprocal/gamma} {/reciprocal/volume}",
+     {"Reduced (Niggli) A {/reduced/a,b,c,alpha,beta,gamma,volume}",
+      "Reciprocal cell 1/A {/reciprocal/a,b,c,alpha,beta,gamma,volume}",
       "* {/lattices/0/character} tP {/lattices/0/misfit_deg} {/lattices/0/misfit_length*100} "
-      "{/lattices/0/conventional/a} {/lattices/0/conventional/b} {/lattices/0/conventional/c} "
-      "{/lattices/0/conventional/alpha} {/lattices/0/conventional/beta} {/lattices/0/conventional/gamma} "
-      "{=178.49,0.01}",
-      "{/metric/0/0} {/metric/0/1} {/metric/0/2}", "{/metric/1/0} {/metric/1/1} {/metric/1/2}",
-      "{/metric/2/0} {/metric/2/1} {/metric/2/2}"}},
+      "{/lattices/0/conventional/a,b,c,alpha,beta,gamma} {=178.49,0.01}",
+      "{/metric/0/0,1,2}", "{/metric/1/0,1,2}", "{/metric/2/0,1,2}"}},
     {"cell-info 5 5 7 90 90 120 --centring R",
      "",
      {"Cell, R-lattice A 5.0000 5.0000 7.0000 90.000 90.000 120.000 151.55", "25.0000 -12.5000 0.0000",
@@ -172,7 +158,7 @@ const std::vector<Printed> kMerge = {
     {"merge a b -o m",
      "m/merge.json",
      {"crystals 2 of 2 merged, cells within {/cells/clusters/0/spread*100} %",
-      "cell {/cell/bravais} {/cell/a~/cell/esd/a} {/cell/b~/cell/esd/b} {/cell/c~/cell/esd/c} 90 "
+      "cell {/cell/bravais} {/cell/a,b,c~/cell/esd} 90 "
       "{/cell/beta~/cell/esd/beta} 90, to {/intensities/d_min} A",
       "intensities {/intensities/overall/observations} observations, {/intensities/overall/unique} unique, "
       "{/intensities/overall/completeness*100} % complete, redundancy {/intensities/overall/redundancy}",
@@ -181,14 +167,13 @@ const std::vector<Printed> kMerge = {
       "{/intensities/cc_half_of_crystals}",
       "error model a {/intensities/error_model/a}, b {/intensities/error_model/b}; {/intensities/outliers} "
       "outliers",
-      "{/intensities/shells/0/d_max} - {/intensities/shells/0/d_min} {/intensities/shells/0/observations} "
-      "{/intensities/shells/0/unique} {/intensities/shells/0/completeness*100} % "
-      "{/intensities/shells/0/redundancy} {/intensities/shells/0/i_over_sigma} {/intensities/shells/0/r_int} "
-      "{/intensities/shells/0/r_meas} {/intensities/shells/0/cc_half}",
-      "a {/crystals/0/observations} {/crystals/0/scale} {/crystals/0/b} {/crystals/0/correlation} "
-      "{/crystals/0/runner_up} {/crystals/0/delta_cc_half} {/growth/0/completeness*100} %",
-      "b {/crystals/1/observations} {/crystals/1/scale} {/crystals/1/b} {/crystals/1/correlation} "
-      "{/crystals/1/runner_up} {/crystals/1/delta_cc_half} {/growth/1/completeness*100} %"}},
+      "{/intensities/shells/0/d_max} - {/intensities/shells/0/d_min,observations,unique} "
+      "{/intensities/shells/0/completeness*100} % "
+      "{/intensities/shells/0/redundancy,i_over_sigma,r_int,r_meas,cc_half}",
+      "a {/crystals/0/observations,scale,b,correlation,runner_up,delta_cc_half} "
+      "{/growth/0/completeness*100} %",
+      "b {/crystals/1/observations,scale,b,correlation,runner_up,delta_cc_half} "
+      "{/growth/1/completeness*100} %"}},
     {"",
      "m/merge.json",
      {"1 {/growth/0/completeness*100} {/growth/0/redundancy} NaN",
@@ -213,9 +198,8 @@ const std::vector<Printed> kPlots = {
      "out/plots/intensities.plt"},
     {"",
      "out/summary.json",
-     {"{=0.629,0.01} {/intensities/shells/0/completeness*100} {/intensities/shells/0/redundancy} "
-      "{/intensities/shells/0/i_over_sigma} {/intensities/shells/0/r_int} {/intensities/shells/0/r_meas} "
-      "{/intensities/shells/0/cc_half}"},
+     {"{=0.629,0.01} {/intensities/shells/0/completeness*100} "
+      "{/intensities/shells/0/redundancy,i_over_sigma,r_int,r_meas,cc_half}"},
      "out/plots/intensities_1.dat"},
     {"",
      "out/summary.json",
@@ -289,9 +273,24 @@ bool take(const std::string& item, std::string& text, const Json& document) {
     return fits;
 }
 
-bool matches(std::string text, const std::string& form, const Json& document) {
+/// An item in braces; of a list of names, one in braces for each.
+std::string itemsOf(const std::string& item) {
+    if (item[0] != '/' || item.find(',') == std::string::npos) return '{' + item + '}';
+    const std::string place = item.substr(0, item.rfind('/', item.find(',')) + 1);
+    const std::size_t tilde = std::min(item.find('~'), item.size());
+    std::istringstream names(item.substr(place.size(), tilde - place.size()));
+    std::string items;
+    for (std::string name; std::getline(names, name, ',');)
+        items += (items.empty() ? "{" : " {") + place + name +
+                 (tilde < item.size() ? item.substr(tilde) + '/' + name : "") + '}';
+    return items;
+}
+
+bool matches(std::string text, std::string form, const Json& document) {
     for (std::size_t i = 0; i < form.size(); ++i) {
         if (form[i] == '{') {
+            form.replace(i, form.find('}', i) - i + 1,
+                         itemsOf(form.substr(i + 1, form.find('}', i) - i - 1)));
             const std::size_t end = form.find('}', i);
             if (!take(form.substr(i + 1, end - i - 1), text, document)) return false;
             i = end;

@@ -1,22 +1,14 @@
 #include "pipeline/formats/ReflectionFormats.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cmath>
-#include <filesystem>
-#include <fstream>
 #include <gemmi/c4322.hpp>
 #include <gemmi/cif.hpp>
 #include <gemmi/mtz.hpp>
 #include <gemmi/refln.hpp>
-#include <random>
-#include <sstream>
 
 #include "pipeline/base/Failure.h"
 #include "reflections/Reflex.h"
 #include "reflections/ReflexVector.h"
-#include "support/TemporaryFolder.h"
+#include "support/Testing.h"
 
 namespace {
 

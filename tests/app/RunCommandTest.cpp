@@ -2,9 +2,6 @@
 #include <signal.h>
 
 #include <chrono>
-#include <fstream>
-#include <functional>
-#include <set>
 #include <span>
 #include <thread>
 
@@ -344,28 +341,26 @@ TEST_F(RunCommandTest, StoppedRunsLeaveEarlierResultsWholeAndNothingHalf) {
     std::filesystem::create_directories(result);
     folder.write("result/summary.json", "{\"files\": [\"cell.txt\", \"../series.mrc\"]}");
     folder.write("result/cell.txt", "old");
-    struct Stop {
-        int signal;
-        int times;
-        const char* when;  ///< this file is there
-    };
-    for (const Stop& stop : {Stop{SIGINT, 1, "unfinished/vrk.log"}, Stop{SIGTERM, 1, "unfinished/vrk.log"},
-                             Stop{SIGTERM, 2, "unfinished/vrk.log"}, Stop{SIGKILL, 1, "unfinished/vrk.log"},
-                             Stop{SIGINT, 1, "cell.txt"}, Stop{SIGTERM, 1, "cell.txt"}}) {
-        SCOPED_TRACE(std::to_string(stop.signal) + " when " + stop.when);
+    // Signals so many times, when this file is there.
+    using Stop = std::tuple<int, int, const char*>;
+    for (const auto& [number, times, when] :
+         {Stop{SIGINT, 1, "unfinished/vrk.log"}, Stop{SIGTERM, 1, "unfinished/vrk.log"},
+          Stop{SIGTERM, 2, "unfinished/vrk.log"}, Stop{SIGKILL, 1, "unfinished/vrk.log"},
+          Stop{SIGINT, 1, "cell.txt"}, Stop{SIGTERM, 1, "cell.txt"}}) {
+        SCOPED_TRACE(std::to_string(number) + " when " + when);
         std::filesystem::remove_all(result + "/unfinished");
         StartedVrk vrk({"run", folder / "series.mrc", "-o", result, "--no-pictures"});
-        for (int i = 0; i < 5000 && !std::filesystem::exists(result + "/" + stop.when); ++i)
+        for (int i = 0; i < 5000 && !std::filesystem::exists(result + "/" + when); ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        for (int i = 0; i < stop.times; ++i)
-            vrk.signal(stop.signal);
+        for (int i = 0; i < times; ++i)
+            vrk.signal(number);
         const VrkResult stopped = vrk.wait();
-        EXPECT_EQ(stopped.exitCode, 128 + stop.signal);
+        EXPECT_EQ(stopped.exitCode, 128 + number);
         std::set<std::string> files = allFilesIn(result);
         EXPECT_FALSE(anyHalfWritten(files));
         EXPECT_EQ(folder.read("result/cell.txt"), "old");
         EXPECT_TRUE(files.contains("summary.json"));
-        if (stop.signal == SIGKILL || stop.times > 1 || !files.contains("unfinished/vrk.log")) continue;
+        if (number == SIGKILL || times > 1 || !files.contains("unfinished/vrk.log")) continue;
         EXPECT_TRUE(says(stopped.err, {"unfinished holds vrk.log", "are as they were"}));
     }
 }

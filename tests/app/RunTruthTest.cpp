@@ -1,8 +1,5 @@
 // vrk run against the truth: every number of its summary, on simulated series of all kinds.
 
-#include <map>
-#include <set>
-
 #include "app/RunVrk.h"
 #include "support/JsonMatrix.h"
 

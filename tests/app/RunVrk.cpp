@@ -6,11 +6,7 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <array>
-#include <cstdlib>
-#include <iterator>
 #include <stdexcept>
 
 namespace {

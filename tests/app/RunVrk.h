@@ -2,21 +2,12 @@
 /// Runs the built vrk as a user would, and brings what nearly every test of its commands uses.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <sys/types.h>
 
-#include <algorithm>
-#include <cmath>
 #include <cstdio>
-#include <filesystem>
-#include <memory>
 #include <nlohmann/json.hpp>
-#include <sstream>
-#include <string>
-#include <vector>
 
-#include "support/Says.h"
-#include "support/TemporaryFolder.h"
+#include "support/Testing.h"
 
 using Json = nlohmann::json;
 

@@ -1,6 +1,3 @@
-#include <numbers>
-#include <tuple>
-
 #include "app/RunVrk.h"
 #include "crystallography/CellFileImportExport.h"
 #include "crystallography/UnitCell.h"

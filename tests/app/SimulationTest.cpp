@@ -2,7 +2,6 @@
 
 #include <Eigen/Dense>
 #include <gemmi/c4322.hpp>
-#include <numbers>
 #include <span>
 
 #include "app/RunVrk.h"
@@ -178,21 +177,17 @@ TEST(Simulation, ReflectionsLieOnTheEwaldSphereAndNothingElseIsBright) {
 /// Counts over a pass through the sphere, times the speed of the pass, are the intensity: with the reference
 /// width of 0.0025 and one exposure a degree. Neither the step nor the rocking width has a part in it.
 TEST(Simulation, CountsFollowTheTimeInTheDiffractingCondition) {
-    struct Case {
-        double step, rocking, dose;
-        vrk::CountModel model;
-        double expected;  ///< relative to the reference
-    };
-    for (const Case& one : {Case{1, 0.0025, 1, vrk::CountModel::Time, 1},
-                            {0.5, 0.0025, 1, vrk::CountModel::Time, 1},
-                            {0.5, 0.004, 3, vrk::CountModel::Time, 3},
-                            {0.5, 0.0025, 1, vrk::CountModel::Sphere, 2},
-                            {1, 0.005, 1, vrk::CountModel::Sphere, 2}}) {
+    using Case = std::tuple<double, double, double, vrk::CountModel, double>;
+    for (const auto& [step, rocking, dose, model, expected] : {Case{1, 0.0025, 1, vrk::CountModel::Time, 1},
+                                                               {0.5, 0.0025, 1, vrk::CountModel::Time, 1},
+                                                               {0.5, 0.004, 3, vrk::CountModel::Time, 3},
+                                                               {0.5, 0.0025, 1, vrk::CountModel::Sphere, 2},
+                                                               {1, 0.005, 1, vrk::CountModel::Sphere, 2}}) {
         SimulationSettings settings = reflectionsAlone();
-        settings.tilts = tiltRange(-40, 40, one.step);
-        settings.rockingWidth = one.rocking;
-        settings.dose = one.dose;
-        settings.counts = one.model;
+        settings.tilts = tiltRange(-40, 40, step);
+        settings.rockingWidth = rocking;
+        settings.dose = dose;
+        settings.counts = model;
         const SimulatedSeries simulated = vrk::simulateSeries(settings);
         double drawn = 0;
         for (unsigned z = 0; z < simulated.series->GetDepth(); ++z)
@@ -206,8 +201,8 @@ TEST(Simulation, CountsFollowTheTimeInTheDiffractingCondition) {
             const double u = std::abs(inFrame(reflection.position, simulated.truth, tilt)[0]) *
                              simulated.truth.pixelSize * 1e-10;
             if (u < 0.2) continue;
-            EXPECT_NEAR(reflection.time * u * kDegree / (0.0025 * std::sqrt(2 * std::numbers::pi)),
-                        one.expected, 0.02 * one.expected);
+            EXPECT_NEAR(reflection.time * u * kDegree / (0.0025 * std::sqrt(2 * std::numbers::pi)), expected,
+                        0.02 * expected);
         }
         EXPECT_NEAR(drawn / told, 1, 0.03) << "faint tails are rounded away";
     }

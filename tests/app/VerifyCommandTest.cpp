@@ -1,8 +1,5 @@
 // vrk verify: what was done to a result afterwards is found and named.
 
-#include <cstdlib>
-#include <functional>
-
 #include "app/RunVrk.h"
 
 namespace {

@@ -1,8 +1,5 @@
 // Results of a batch in one table: from summaries to rows, clusters, the instrument and the page.
-#include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
 #include <nlohmann/json.hpp>
 
 #include "pipeline/base/Attempt.h"
@@ -10,8 +7,7 @@
 #include "pipeline/batch/BatchPage.h"
 #include "pipeline/batch/Collection.h"
 #include "pipeline/batch/CsvTable.h"
-#include "support/Says.h"
-#include "support/TemporaryFolder.h"
+#include "support/Testing.h"
 
 namespace {
 

@@ -1,18 +1,12 @@
 // From a folder, a list or a table to jobs, and which of them have to be run.
-#include <gtest/gtest.h>
 
 #include <chrono>
-#include <filesystem>
-#include <fstream>
 
-#include "pipeline/base/Failure.h"
 #include "pipeline/batch/BatchPlan.h"
 #include "pipeline/batch/CsvTable.h"
 #include "pipeline/batch/Workflow.h"
 #include "support/FailureOf.h"
 #include "support/MRCBytes.h"
-#include "support/Says.h"
-#include "support/TemporaryFolder.h"
 
 namespace {
 
@@ -62,20 +56,17 @@ protected:
 };
 
 TEST(Csv, ReadsWhatSpreadsheetsWrite) {
-    struct Case {
-        const char* text;
-        std::vector<std::string> fields;  ///< of the only row
-    };
-    for (const Case& one :
+    using Case = std::pair<const char*, std::vector<std::string>>;
+    for (const auto& [text, fields] :
          {Case{"a,b\n1,2\n", {"1", "2"}},
           Case{"\xef\xbb\xbf"
                "a;b\r\n1,5;\"x\"\r\n",
                {"1,5", "x"}},
           Case{"\na\tb\n\n\"q\"\"\t\n\"\t2", {"q\"\t\n", "2"}}, Case{"a,b\n,\n5'\" ,\n", {"5'\" ", ""}}}) {
-        const vrk::CsvTable table = vrk::csvTable(one.text, "t");
-        EXPECT_EQ(table.columns, (std::vector<std::string>{"a", "b"})) << one.text;
-        ASSERT_EQ(table.rows.size(), 1U) << one.text;
-        EXPECT_EQ(table.rows[0].fields, one.fields) << one.text;
+        const vrk::CsvTable table = vrk::csvTable(text, "t");
+        EXPECT_EQ(table.columns, (std::vector<std::string>{"a", "b"})) << text;
+        ASSERT_EQ(table.rows.size(), 1U) << text;
+        EXPECT_EQ(table.rows[0].fields, fields) << text;
     }
     for (const char* bad : {"a,b\n1\n", "a,b\n1,2,3\n", "a,b\n1,\"2\n"})
         EXPECT_THROW(vrk::csvTable(bad, "t"), vrk::Failure) << bad;

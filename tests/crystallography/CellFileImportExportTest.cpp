@@ -73,11 +73,7 @@ TEST_F(CellFileTest, DirectCellIsStoredAsItsReciprocal) {
 
 TEST_F(CellFileTest, ReadsWhatIsThere) {
     const std::string head = "#VRKCELLVERSION 2\n";
-    struct Case {
-        const char* name;
-        std::string text;
-        double ax, ay, cz;
-    };
+    using Case = std::tuple<const char*, std::string, double, double, double>;
     const Case cases[] = {
         {"CRLF", "#VRKCELLVERSION 2\r\n# v\r\n1 2 3\r\n4 5 6\r\n7 8 10\r\n# r\r\n", 1, 2, 10},
         {"lines before the comment", head + "words\n\n# v\n 1\t+2 3\n4 5 6\n7 8 1e1\n", 1, 2, 10},
@@ -91,16 +87,16 @@ TEST_F(CellFileTest, ReadsWhatIsThere) {
          head + "# " + std::string(5000, 'x') + "\n1 2 3" + std::string(5000, ' ') + "\n4 5 6\n7 8 10\n", 1,
          2, 10},
     };
-    EXPECT_EQ(cases[7].text.size(), 36U);
-    for (const Case& c : cases) {
-        write(c.text);
+    EXPECT_EQ(std::get<1>(cases[7]).size(), 36U);
+    for (const auto& [name, text, ax, ay, cz] : cases) {
+        write(text);
         UnitCell cell;
-        EXPECT_TRUE(CellFileImportExport::loadCellFile(m_file, &cell, 3.0)) << c.name;
+        EXPECT_TRUE(CellFileImportExport::loadCellFile(m_file, &cell, 3.0)) << name;
         double M[3][3];
         cell.getOrientationMatrix(M);
-        EXPECT_EQ(M[0][0], c.ax) << c.name;
-        EXPECT_EQ(M[1][0], c.ay) << c.name;
-        EXPECT_EQ(M[2][2], c.cz) << c.name;
+        EXPECT_EQ(M[0][0], ax) << name;
+        EXPECT_EQ(M[1][0], ay) << name;
+        EXPECT_EQ(M[2][2], cz) << name;
         EXPECT_EQ(cell.getPixelsize(), 3.0);
     }
 }

@@ -1,13 +1,9 @@
 #include "crystallography/detail/CharacterSearch.h"
 
-#include <gtest/gtest.h>
-
-#include <map>
-#include <set>
-
 #include "RandomLattice.h"
 #include "crystallography/detail/ConventionalSetting.h"
 #include "crystallography/detail/LatticeMetric.h"
+#include "support/Testing.h"
 
 namespace {
 

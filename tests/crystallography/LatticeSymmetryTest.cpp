@@ -1,8 +1,5 @@
 #include "crystallography/LatticeSymmetry.h"
 
-#include <cstring>
-#include <set>
-
 #include "RandomLattice.h"
 #include "crystallography/UnitCellTest.h"
 #include "crystallography/detail/Centring.h"
@@ -163,12 +160,7 @@ TEST(LatticeSymmetryTest, PrefersTheExactFit) {
         out.lengthMisfit = length;
         return out;
     };
-    struct Case {
-        const char* name;
-        std::vector<LatticeCharacter> characters;
-        double sigma;
-        std::size_t answer;
-    };
+    using Case = std::tuple<const char*, std::vector<LatticeCharacter>, double, std::size_t>;
     const Case cases[] = {
         {"not ten times better", {character(LATTICE::oP, 1.0), character(LATTICE::mP, 0.11)}, 0.0, 0},
         {"ten times better", {character(LATTICE::oP, 1.0), character(LATTICE::mP, 0.09)}, 0.0, 1},
@@ -184,13 +176,13 @@ TEST(LatticeSymmetryTest, PrefersTheExactFit) {
          2},
         {"none", {}, 0.0, 0},
     };
-    for (Case c : cases) {
-        const auto before = c.characters;
-        LatticeSymmetry::preferExactFit(c.characters, c.sigma);
-        ASSERT_EQ(c.characters.size(), before.size());
+    for (auto [name, characters, sigma, answer] : cases) {
+        const auto before = characters;
+        LatticeSymmetry::preferExactFit(characters, sigma);
+        ASSERT_EQ(characters.size(), before.size());
         for (std::size_t i = 0; i < before.size(); ++i) {
-            const std::size_t from = i == 0 ? c.answer : i <= c.answer ? i - 1 : i;
-            EXPECT_EQ(c.characters[i].qualityIndex, before[from].qualityIndex) << c.name;
+            const std::size_t from = i == 0 ? answer : i <= answer ? i - 1 : i;
+            EXPECT_EQ(characters[i].qualityIndex, before[from].qualityIndex) << name;
         }
     }
 }

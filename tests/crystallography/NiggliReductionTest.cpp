@@ -1,7 +1,5 @@
 #include "crystallography/NiggliReduction.h"
 
-#include <optional>
-
 #include "RandomLattice.h"
 #include "crystallography/UnitCellTest.h"
 #include "support/Testing.h"
@@ -197,19 +195,17 @@ protected:
 };
 
 TEST_F(NiggliReductionTest, PublishedExamples) {
-    struct Case {
-        Six input, reduced;
-    };
+    using Case = std::pair<Six, Six>;
     const Case cases[] = {
         {{9, 27, 4, -5, -4, -22}, {4, 9, 9, 9, 3, 4}},   // Krivy & Gruber (1976)
         {{4, 16, 16, 16, 3, 4}, {4, 16, 16, 16, 3, 4}},  // Gruber (1973): Buerger cells of one lattice
         {{4, 16, 16, 16, 1, 4}, {4, 16, 16, 16, 3, 4}},    {{4, 16, 16, -15, -1, -4}, {4, 16, 16, 16, 3, 4}},
         {{4, 16, 16, -13, -3, -4}, {4, 16, 16, 16, 3, 4}},
     };
-    for (const Case& c : cases) {
-        UnitCell cell = cellOfMetric(c.input);
+    for (const auto& [input, reduced] : cases) {
+        UnitCell cell = cellOfMetric(input);
         EXPECT_TRUE(NiggliReduction::niggliReduction(&cell, 0));
-        expectNear(sixOf(cell), c.reduced, 1e-6);
+        expectNear(sixOf(cell), reduced, 1e-6);
         EXPECT_TRUE(UnitCellTest::isNiggliCell(&cell));
     }
 }

@@ -1,7 +1,5 @@
 #include "crystallography/UnitCell.h"
 
-#include <map>
-
 #include "RandomLattice.h"
 #include "crystallography/CrystallographyMath.h"
 #include "crystallography/RealSpaceMath.h"

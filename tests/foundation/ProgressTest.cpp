@@ -1,5 +1,3 @@
-#include "foundation/VoxProgressObserver.h"
-
 #include "support/Testing.h"
 
 namespace {

@@ -1,5 +1,3 @@
-#include <cstring>
-
 #include "ExpectedFrames.h"
 #include "pipeline/frames/PixelDecoder.h"
 #include "support/FailureOf.h"

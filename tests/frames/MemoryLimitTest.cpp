@@ -1,8 +1,6 @@
 // How much memory may be taken, and who asks.
 #include "pipeline/base/MemoryLimit.h"
 
-#include <cstdlib>
-
 #include "pipeline/base/Failure.h"
 #include "pipeline/frames/FrameSource.h"
 #include "support/Testing.h"
@@ -12,12 +10,9 @@ namespace {
 constexpr std::uint64_t kMiB = 1 << 20;
 
 TEST(MemoryLimit, WhatIsFreeIsTheLeastThatAnyoneLeaves) {
-    struct Case {
-        const char* name;
-        const char* group;  ///< proc/self/cgroup
-        std::vector<std::pair<const char*, const char*>> files;
-        std::uint64_t free;  ///< KiB
-    };
+    using Files = std::vector<std::pair<const char*, const char*>>;
+    // The group is what proc/self/cgroup says; free are KiB.
+    using Case = std::tuple<const char*, const char*, Files, std::uint64_t>;
     const std::vector<Case> cases = {
         {"no groups", "", {}, 8000},
         {"of one's own, with files that may go",
@@ -37,18 +32,18 @@ TEST(MemoryLimit, WhatIsFreeIsTheLeastThatAnyoneLeaves) {
          {{"memory/c/memory.limit_in_bytes", "3072000"}, {"memory/c/memory.usage_in_bytes", "1024000"}},
          2000},
     };
-    for (const Case& one : cases) {
-        SCOPED_TRACE(one.name);
+    for (const auto& [name, group, files, free] : cases) {
+        SCOPED_TRACE(name);
         const TemporaryFolder root;
         std::filesystem::create_directories(root / "proc/self");
         root.write("proc/meminfo", "MemTotal: 9000 kB\nMemAvailable:    8000 kB\n");
-        root.write("proc/self/cgroup", one.group);
-        for (const auto& [name, text] : one.files) {
-            const std::string path = std::string("sys/fs/cgroup/") + name;
+        root.write("proc/self/cgroup", group);
+        for (const auto& [file, text] : files) {
+            const std::string path = std::string("sys/fs/cgroup/") + file;
             std::filesystem::create_directories(std::filesystem::path(root / path).parent_path());
             root.write(path, text);
         }
-        EXPECT_EQ(vrk::freeMemory(root / ".") / 1024, one.free);
+        EXPECT_EQ(vrk::freeMemory(root / ".") / 1024, free);
     }
 }
 

@@ -2,18 +2,9 @@
 
 #include "pipeline/base/Angle.h"
 
-#include <gtest/gtest.h>
-
 #include <Eigen/Geometry>
-#include <algorithm>
 
-#include <cmath>
-#include <functional>
-#include <limits>
-#include <numbers>
-#include <random>
-#include <vector>
-#include "support/Indices.h"
+#include "support/Testing.h"
 
 namespace {
 

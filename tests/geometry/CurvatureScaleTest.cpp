@@ -1,7 +1,5 @@
 #include "pipeline/geometry/CurvatureScale.h"
 
-#include <gtest/gtest.h>
-
 #include "support/RecordedReflections.h"
 
 namespace {
@@ -30,11 +28,7 @@ vrk::CurvatureScale seenWith(double stated, const Distortion& distortion, double
 }
 
 TEST(CurvatureScale, TellsThePixelSize) {
-    const struct {
-        double stated;
-        Distortion distortion;
-        bool contradicts;
-    } cases[] = {
+    const std::tuple<double, Distortion, bool> cases[] = {
         {1.0, {}, false},
         {1.03, {}, false},
         {1.12, {}, true},
@@ -44,10 +38,10 @@ TEST(CurvatureScale, TellsThePixelSize) {
         {1.0, {.ellipse = 0.008, .azimuth = 70.0, .radial = 0.006}, false},
         {1.0, {.axisTurn = 0.4, .tiltScale = 1.01, .axisTilt = 0.5}, false},
     };
-    for (const auto& one : cases) {
-        const vrk::CurvatureScale found = seenWith(one.stated, one.distortion, 220.0);
-        EXPECT_EQ(found.contradicts(), one.contradicts) << one.stated << ": " << found.factor;
-        EXPECT_NEAR(found.factor, 1.0 / one.stated, 3.0 * found.sigma) << one.stated;
+    for (const auto& [stated, distortion, contradicts] : cases) {
+        const vrk::CurvatureScale found = seenWith(stated, distortion, 220.0);
+        EXPECT_EQ(found.contradicts(), contradicts) << stated << ": " << found.factor;
+        EXPECT_NEAR(found.factor, 1.0 / stated, 3.0 * found.sigma) << stated;
         EXPECT_GT(found.sigma, 0.01);
         EXPECT_LT(found.sigma, 0.03);
     }

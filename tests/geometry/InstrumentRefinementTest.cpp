@@ -1,9 +1,5 @@
 #include "pipeline/geometry/InstrumentRefinement.h"
 
-#include <gtest/gtest.h>
-
-#include <cmath>
-
 #include "support/RecordedReflections.h"
 
 namespace {
@@ -36,34 +32,28 @@ const std::array<double, 6> kCubic = {8.2, 8.2, 8.2, 90.0, 90.0, 90.0};
 
 TEST(InstrumentRefinement, RecoversWhatTheDataDetermine) {
     using enum vrk::InstrumentTerm;
-    const struct {
-        const char* name;
-        LATTICE::BravaisTypes type;
-        Distortion distortion;
-        vrk::InstrumentTerm term;
-        double value;
-        double within;
-    } cases[] = {
-        {"axis, triclinic", LATTICE::aP, {.axisTurn = 2.5}, AxisTurn, 2.5 * kDegree, 0.02 * kDegree},
-        {"axis, cubic", LATTICE::cP, {.axisTurn = -0.6}, AxisTurn, -0.6 * kDegree, 0.02 * kDegree},
-        {"radial", LATTICE::aP, {.radial = 0.01}, Radial, 0.01, 1.5e-3},
-        {"tilt scale", LATTICE::aP, {.tiltScale = 1.02}, TiltScale, 0.02, 5e-4},
-        {"axis tilt", LATTICE::aP, {.axisTilt = 1.5}, AxisTilt, 1.5 * kDegree, 0.05 * kDegree},
-        {"ellipse along", LATTICE::cP, {.ellipse = 0.01, .azimuth = 0.0}, EllipseCosine, 0.01, 3e-4},
-        {"ellipse across", LATTICE::cP, {.ellipse = 0.01, .azimuth = 45.0}, EllipseSine, 0.01, 3e-4},
-    };
+    const std::tuple<const char*, LATTICE::BravaisTypes, Distortion, vrk::InstrumentTerm, double, double>
+        cases[] = {
+            {"axis, triclinic", LATTICE::aP, {.axisTurn = 2.5}, AxisTurn, 2.5 * kDegree, 0.02 * kDegree},
+            {"axis, cubic", LATTICE::cP, {.axisTurn = -0.6}, AxisTurn, -0.6 * kDegree, 0.02 * kDegree},
+            {"radial", LATTICE::aP, {.radial = 0.01}, Radial, 0.01, 1.5e-3},
+            {"tilt scale", LATTICE::aP, {.tiltScale = 1.02}, TiltScale, 0.02, 5e-4},
+            {"axis tilt", LATTICE::aP, {.axisTilt = 1.5}, AxisTilt, 1.5 * kDegree, 0.05 * kDegree},
+            {"ellipse along", LATTICE::cP, {.ellipse = 0.01, .azimuth = 0.0}, EllipseCosine, 0.01, 3e-4},
+            {"ellipse across", LATTICE::cP, {.ellipse = 0.01, .azimuth = 45.0}, EllipseSine, 0.01, 3e-4},
+        };
     unsigned seed = 3;
-    for (const auto& one : cases) {
-        SCOPED_TRACE(one.name);
-        const auto& cell = one.type == LATTICE::aP ? kTriclinic : kCubic;
-        const Recorded data(cell, one.distortion, 0.35, seed++);
+    for (const auto& [name, type, distortion, term, value, within] : cases) {
+        SCOPED_TRACE(name);
+        const auto& cell = type == LATTICE::aP ? kTriclinic : kCubic;
+        const Recorded data(cell, distortion, 0.35, seed++);
         const vrk::RefinedInstrument found =
-            data.refined(vrk::CellTies::of(one.type, Eigen::Matrix3d::Identity()));
+            data.refined(vrk::CellTies::of(type, Eigen::Matrix3d::Identity()));
         ASSERT_TRUE(found.valid);
-        ASSERT_TRUE(found.uses(one.term));
-        const double off = std::abs(found.model[one.term] - one.value);
-        EXPECT_LT(off, one.within) << found.model[one.term];
-        EXPECT_LT(off, 4.0 * found.sigma[static_cast<std::size_t>(one.term)]);
+        ASSERT_TRUE(found.uses(term));
+        const double off = std::abs(found.model[term] - value);
+        EXPECT_LT(off, within) << found.model[term];
+        EXPECT_LT(off, 4.0 * found.sigma[static_cast<std::size_t>(term)]);
         for (std::size_t i = 0; i < 3; ++i) {
             EXPECT_NEAR(found.lattice.cell[i], cell[i], 1e-3 * cell[i]);
             EXPECT_NEAR(found.lattice.cell[i + 3], cell[i + 3], 0.03);

@@ -1,6 +1,6 @@
 #include "indexing/EwaldCurvature.h"
 
-#include <gtest/gtest.h>
+#include "support/Testing.h"
 
 namespace {
 

@@ -1,17 +1,11 @@
 #include "pipeline/integration/DataReduction.h"
 
-#include <gtest/gtest.h>
-
-#include <cmath>
 #include <gemmi/symmetry.hpp>
-#include <map>
-#include <random>
 
 #include "RandomGeometry.h"
 #include "pipeline/integration/LaueGroup.h"
 #include "pipeline/simulation/SimulatedCrystal.h"
 #include "support/FailureOf.h"
-#include "support/Indices.h"
 
 namespace {
 
@@ -80,12 +74,7 @@ TEST(LaueGroupTest, isFoundBelowAndAtTheSymmetryOfTheLattice) {
     const std::array<double, 6> cubic = {7.5, 7.5, 7.5, 90, 90, 90};
     const std::array<double, 6> tetragonal = {7.5, 7.5, 9.3, 90, 90, 90};
     const std::array<double, 6> hexagonal = {7.5, 7.5, 9.3, 90, 90, 120};
-    struct Row {
-        std::array<double, 6> cell;
-        char centring;
-        const char* group;
-        const char* symbol;
-    };
+    using Row = std::tuple<std::array<double, 6>, char, const char*, const char*>;
     const Row rows[] = {{{7.1, 8.3, 9.4, 82, 75, 68}, 'P', "P 1", "P -1"},
                         {{7.1, 8.3, 9.4, 90, 103, 90}, 'P', "P 1 2 1", "P 1 2/m 1"},
                         {{7.1, 8.3, 9.4, 90, 90, 90}, 'P', "P 1 2 1", "P 1 2/m 1"},
@@ -101,9 +90,9 @@ TEST(LaueGroupTest, isFoundBelowAndAtTheSymmetryOfTheLattice) {
                         {{7.5, 7.5, 11.3, 90, 90, 120}, 'R', "P 1", "R -1"},
                         {{12, 12, 12, 90, 90, 90}, 'F', "F 2 3", "F m -3"},
                         {cubic, 'P', "P 4 3 2", "P m -3 m"}};
-    for (const Row& row : rows) {
-        const DataReduction data = DataSet{row.cell, row.centring, row.group}.reduced();
-        EXPECT_EQ(data.laue.best().symbol, row.symbol);
+    for (const auto& [cell, centring, group, symbol] : rows) {
+        const DataReduction data = DataSet{cell, centring, group}.reduced();
+        EXPECT_EQ(data.laue.best().symbol, symbol);
         EXPECT_LT(data.laue.best().rMeas, 0.1);
     }
 }
@@ -226,33 +215,31 @@ TEST(MergingTest, numbersAreThoseOfTheirDefinitions) {
 }
 
 TEST(WilsonPosteriorTest, isTheMeanOverAllTrueIntensities) {
-    struct Row {
-        double intensity, sigma, mean;
-    };
+    using Row = std::tuple<double, double, double>;
     const Row rows[] = {{0, 1, 1},   {-3, 1, 5},     {-40, 2, 50},     {5, 1, 0.1},  {5, 2, 1000},
                         {90, 3, 40}, {1e4, 20, 300}, {-900, 100, 0.5}, {0.3, 0.5, 2}};
-    for (const Row& row : rows)
+    for (const auto& [measured, sigma, expected] : rows)
         for (const bool centric : {false, true}) {
             // Every true amplitude, with its density times the likelihood of the measurement.
-            const double end = std::sqrt(std::max(row.intensity, 0.0) + 10 * row.sigma);
+            const double end = std::sqrt(std::max(measured, 0.0) + 10 * sigma);
             double sum = 0, amplitude = 0, intensity = 0;
             for (int i = 0; i < 100000; ++i) {
                 const double f = end * (i + 0.5) / 100000;
-                const double off = (row.intensity - f * f) / row.sigma;
-                const double least = std::min(row.intensity, 0.0) / row.sigma;
-                const double weight = (centric ? 1 : f) * std::exp(-f * f / row.mean / (centric ? 2 : 1) -
+                const double off = (measured - f * f) / sigma;
+                const double least = std::min(measured, 0.0) / sigma;
+                const double weight = (centric ? 1 : f) * std::exp(-f * f / expected / (centric ? 2 : 1) -
                                                                    (off * off - least * least) / 2);
                 sum += weight;
                 amplitude += weight * f;
                 intensity += weight * f * f;
             }
-            const Estimate found = expectedAmplitude(row.intensity, row.sigma, row.mean, centric);
+            const Estimate found = expectedAmplitude(measured, sigma, expected, centric);
             const double mean = amplitude / sum;
-            EXPECT_NEAR(found.value / mean, 1, 2e-3) << row.intensity << " " << row.sigma << " " << centric;
-            EXPECT_NEAR(found.sigma / std::sqrt(intensity / sum - mean * mean), 1, 5e-3) << row.intensity;
+            EXPECT_NEAR(found.value / mean, 1, 2e-3) << measured << " " << sigma << " " << centric;
+            EXPECT_NEAR(found.sigma / std::sqrt(intensity / sum - mean * mean), 1, 5e-3) << measured;
             if (centric) continue;
-            EXPECT_NEAR(expectedIntensity(row.intensity, row.sigma, row.mean) / (intensity / sum), 1, 5e-3)
-                << row.intensity << " " << row.sigma;
+            EXPECT_NEAR(expectedIntensity(measured, sigma, expected) / (intensity / sum), 1, 5e-3)
+                << measured << " " << sigma;
         }
 }
 
@@ -320,25 +307,21 @@ TEST(MergingTest, ccHalfIsThatOfRandomHalves) {
 }
 
 TEST(SpaceGroupsTest, areRankedByWhatIsAbsent) {
-    struct Row {
-        std::array<double, 6> cell;
-        char centring;
-        const char* group;
-    };
+    using Row = std::tuple<std::array<double, 6>, char, const char*>;
     const Row rows[] = {
         {{7.1, 8.3, 9.4, 90, 103, 90}, 'P', "P 1 21/c 1"}, {{12.1, 8.3, 9.4, 90, 103, 90}, 'C', "C 1 2/c 1"},
         {{7.1, 8.3, 9.4, 90, 90, 90}, 'P', "P n m a"},     {{7.1, 8.3, 9.4, 90, 90, 90}, 'P', "P b c n"},
         {{9.1, 11.3, 13.4, 90, 90, 90}, 'F', "F d d d:2"}, {{9.5, 9.5, 9.3, 90, 90, 90}, 'I', "I 41/a:2"},
         {{7.5, 7.5, 11.3, 90, 90, 120}, 'R', "R -3 c:H"},  {{9.5, 9.5, 9.5, 90, 90, 90}, 'I', "I a -3 d"}};
-    for (const Row& row : rows) {
-        const DataReduction data = DataSet{row.cell, row.centring, row.group}.reduced();
+    for (const auto& [cell, centring, group] : rows) {
+        const DataReduction data = DataSet{cell, centring, group}.reduced();
         // Groups that differ by a centre of inversion alone forbid the same.
-        const gemmi::SpaceGroup* truth = gemmi::find_spacegroup_by_name(row.group);
+        const gemmi::SpaceGroup* truth = gemmi::find_spacegroup_by_name(group);
         const auto& candidates = data.spaceGroups.candidates;
         const auto found = std::find_if(candidates.begin(), candidates.end(), [&](const auto& candidate) {
             return candidate.symbol == truth->xhm();
         });
-        ASSERT_NE(found, candidates.end()) << row.group;
+        ASSERT_NE(found, candidates.end()) << group;
         EXPECT_NEAR(found->evidence, candidates.front().evidence, 1e-9) << candidates.front().symbol;
         EXPECT_GT(found->evidence, 10);
     }

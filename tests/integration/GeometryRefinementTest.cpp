@@ -1,11 +1,5 @@
 #include "pipeline/integration/GeometryRefinement.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cmath>
-#include <random>
-
 #include "RandomGeometry.h"
 
 namespace {
@@ -167,13 +161,8 @@ TEST(GeometryRefinementTest, findsTheTruthWithinItsUncertainties) {
 }
 
 TEST(GeometryRefinementTest, takesUpTheTermsThatAreThereAndNoOthers) {
-    struct Row {
-        const char* term;
-        LATTICE::BravaisTypes type;
-        double& (*value)(SeriesGeometry&);
-        double truth;
-        FrameView::Column column;
-    };
+    using Row = std::tuple<const char*, LATTICE::BravaisTypes, double& (*)(SeriesGeometry&), double,
+                           FrameView::Column>;
     using Geometry = SeriesGeometry;
     const std::array<Row, 5> rows = {
         {{"axis pitch", LATTICE::mP, [](Geometry& g) -> double& { return g.axisPitch; }, 0.01,
@@ -190,13 +179,13 @@ TEST(GeometryRefinementTest, takesUpTheTermsThatAreThereAndNoOthers) {
         const Observations seen(truth, {}, 0.05);
         return refineGeometry(disturbed(plain), {}, seen.prediction, seen.measured, seen.centroids);
     };
-    for (const Row& row : rows) {
-        const SeriesGeometry plain = plainGeometry(row.type);
+    for (const auto& [term, type, value, size, column] : rows) {
+        const SeriesGeometry plain = plainGeometry(type);
         SeriesGeometry truth = plain;
-        row.value(truth) = row.truth;
+        value(truth) = size;
         GeometryFit fit = fitOf(plain, truth);
-        EXPECT_EQ(fit.terms, std::vector<std::string>{row.term});
-        EXPECT_NEAR(row.value(fit.geometry), row.truth, 4 * fit.sigma(row.column)) << row.term;
+        EXPECT_EQ(fit.terms, std::vector<std::string>{term});
+        EXPECT_NEAR(value(fit.geometry), size, 4 * fit.sigma(column)) << term;
     }
     const SeriesGeometry plain = plainGeometry(LATTICE::mP);
     SeriesGeometry truth = plain;

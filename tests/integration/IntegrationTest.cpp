@@ -1,15 +1,8 @@
 #include "pipeline/integration/Integration.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cmath>
-
 #include "SimulatedInput.h"
-#include "pipeline/base/Angle.h"
 #include "pipeline/integration/DataReduction.h"
 #include "support/FailureOf.h"
-#include "support/Says.h"
 
 namespace {
 
@@ -77,13 +70,7 @@ Agreement agreementOf(const IntegrationResult& result, const SimulatedInput& sim
 }
 
 TEST(IntegrationTest, measuresTheTrueIntensities) {
-    struct Row {
-        const char* name;
-        void (*change)(SimulationSettings&);
-        double rFactor;
-        RotationMode mode;
-        bool corrected;  ///< the tilts
-    };
+    using Row = std::tuple<const char*, void (*)(SimulationSettings&), double, RotationMode, bool>;
     const auto nothing = [](SimulationSettings&) {};
     const std::array<Row, 7> rows = {
         {{"continuous", nothing, 0.035, RotationMode::Continuous, false},
@@ -117,14 +104,14 @@ TEST(IntegrationTest, measuresTheTrueIntensities) {
               s.background.halo = 4;
           },
           0.12, RotationMode::Continuous, false}}};
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
+    for (const auto& [name, change, rFactor, mode, corrected] : rows) {
+        SCOPED_TRACE(name);
         SimulationSettings settings = smallCrystal();
-        row.change(settings);
+        change(settings);
         const SimulatedInput simulated = simulatedInput(settings, LATTICE::mP);
         const IntegrationResult result = integrate(simulated.input);
-        EXPECT_EQ(result.fit.rocking.mode, row.mode);
-        if (row.corrected) {
+        EXPECT_EQ(result.fit.rocking.mode, mode);
+        if (corrected) {
             EXPECT_EQ(result.fit.terms.empty() ? "" : result.fit.terms.back(), "tilts");
         } else {
             EXPECT_EQ(result.fit.terms, std::vector<std::string>{});
@@ -138,7 +125,7 @@ TEST(IntegrationTest, measuresTheTrueIntensities) {
             EXPECT_NEAR(result.fit.cell[i], cell[i], 3.5 * result.fit.cellSigma[i] + 1e-9);
         const Agreement agreement = agreementOf(result, simulated);
         EXPECT_GT(agreement.reflections, 1000);
-        EXPECT_LT(agreement.rFactor, row.rFactor);
+        EXPECT_LT(agreement.rFactor, rFactor);
         EXPECT_LT(agreement.worstMeanPull, 0.2);
         EXPECT_GT(agreement.leastWidth, 0.85);
         EXPECT_LT(agreement.largestWidth, 1.15);

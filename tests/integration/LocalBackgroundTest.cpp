@@ -1,9 +1,6 @@
 #include "pipeline/integration/LocalBackground.h"
 
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <random>
+#include "support/Testing.h"
 
 namespace {
 

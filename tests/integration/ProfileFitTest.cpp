@@ -1,11 +1,7 @@
 #include "pipeline/integration/ProfileFit.h"
 
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <random>
-
 #include "pipeline/integration/CurveFit.h"
+#include "support/Testing.h"
 
 namespace {
 

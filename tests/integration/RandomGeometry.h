@@ -4,10 +4,10 @@
 
 #include <Eigen/Geometry>
 #include <Eigen/LU>
-#include <random>
 
 #include "pipeline/base/Angle.h"
 #include "pipeline/integration/SeriesGeometry.h"
+#include "support/Testing.h"
 
 namespace vrk::test {
 

@@ -3,13 +3,11 @@
 #pragma once
 
 #include <Eigen/LU>
-#include <array>
-#include <map>
-#include <random>
 
 #include "pipeline/base/Angle.h"
 #include "pipeline/integration/Integration.h"
 #include "pipeline/simulation/Simulation.h"
+#include "support/Testing.h"
 
 namespace vrk::test {
 

@@ -1,13 +1,6 @@
 #include "pipeline/integration/SpotPrediction.h"
 
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <map>
-#include <tuple>
-
 #include "RandomGeometry.h"
-#include "support/Indices.h"
 
 namespace {
 

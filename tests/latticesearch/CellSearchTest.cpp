@@ -1,14 +1,8 @@
 #include "pipeline/latticesearch/CellSearch.h"
 
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <functional>
-#include <random>
-
 #include "pipeline/base/Angle.h"
 #include "pipeline/latticesearch/LatticeFit.h"
-#include "support/Indices.h"
+#include "support/Testing.h"
 
 namespace {
 
@@ -162,10 +156,7 @@ TEST(LatticeScore, MultiplesAreSettledByThePoints) {
     const LatticeScore right = vrk::scoreLattice(points, {crystal.basis, Vector3d::Zero()});
     Matrix3d centred;
     centred << 0.5, 0.0, 0.0, 0.5, 1.0, 0.0, 0.5, 0.0, 1.0;
-    const struct {
-        const char* name;
-        Matrix3d change;
-    } cases[] = {
+    const std::pair<const char*, Matrix3d> cases[] = {
         {"the lattice itself", Matrix3d::Identity()},
         {"nodes between", Vector3d(0.5, 1.0, 1.0).asDiagonal()},
         {"two nodes between", Vector3d(1.0, 1.0 / 3.0, 1.0).asDiagonal()},
@@ -174,10 +165,10 @@ TEST(LatticeScore, MultiplesAreSettledByThePoints) {
         {"every second node", Vector3d(1.0, 1.0, 2.0).asDiagonal()},
         {"every third node", Vector3d(1.0, 3.0, 1.0).asDiagonal()},
     };
-    for (const auto& one : cases) {
-        SCOPED_TRACE(one.name);
-        const Lattice start{crystal.basis * one.change, Vector3d::Zero()};
-        if (!one.change.isIdentity()) {
+    for (const auto& [name, change] : cases) {
+        SCOPED_TRACE(name);
+        const Lattice start{crystal.basis * change, Vector3d::Zero()};
+        if (!change.isIdentity()) {
             EXPECT_LT(vrk::scoreLattice(points, start).evidence, right.evidence);
         }
         EXPECT_TRUE(vrk::sameLattice(vrk::settleMultiples(points, start).basis, crystal.basis, 0.03));
@@ -264,11 +255,7 @@ TEST(GhostNodes, MisplacedPatternsDoNotDoubleACell) {
     Matrix3d centred = upright();
     centred.col(2) = 0.5 * (centred.col(1) + centred.col(2));
     Matrix3d tilted = Eigen::AngleAxisd(0.4, Vector3d(1, 1, 1).normalized()) * centred;
-    const struct {
-        const char* name;
-        Points points;
-        Matrix3d truth;
-    } cases[] = {
+    const std::tuple<const char*, Points, Matrix3d> cases[] = {
         {"no ghosts", seen(upright(), 0.8, never), upright()},
         {"one zone", seen(upright(), 0.8, [](double t) { return std::abs(t) < 1; }), upright()},
         {"a few patterns", seen(upright(), 0.8, [](double t) { return t > 20 && t < 26; }), upright()},
@@ -278,17 +265,17 @@ TEST(GhostNodes, MisplacedPatternsDoNotDoubleACell) {
         {"a centred cell", seen(centred, 0.8, never), centred},
         {"a centred cell that lies askew", seen(tilted, 0.5, never), tilted},
     };
-    for (const auto& one : cases) {
-        SCOPED_TRACE(one.name);
+    for (const auto& [name, points, truth] : cases) {
+        SCOPED_TRACE(name);
         // From the coarse lattice and from one that is too fine.
-        Matrix3d coarse = one.truth, fine = one.truth;
-        coarse.col(2) = 2 * one.truth.col(2) - one.truth.col(1);
-        fine.col(2) = 0.5 * (one.truth.col(2) + one.truth.col(1));
-        for (const Matrix3d& start : {one.truth, coarse, fine}) {
-            const bool isTooCoarse = start == coarse && one.truth == upright();
+        Matrix3d coarse = truth, fine = truth;
+        coarse.col(2) = 2 * truth.col(2) - truth.col(1);
+        fine.col(2) = 0.5 * (truth.col(2) + truth.col(1));
+        for (const Matrix3d& start : {truth, coarse, fine}) {
+            const bool isTooCoarse = start == coarse && truth == upright();
             if (isTooCoarse) continue;  // half of the nodes are as good as any
-            const vrk::Lattice found = vrk::settleMultiples(one.points, {start, Vector3d::Zero()});
-            EXPECT_TRUE(vrk::sameLattice(found.basis, one.truth, 0.03)) << found.basis;
+            const vrk::Lattice found = vrk::settleMultiples(points, {start, Vector3d::Zero()});
+            EXPECT_TRUE(vrk::sameLattice(found.basis, truth, 0.03)) << found.basis;
         }
     }
 }

@@ -1,17 +1,9 @@
 #include "pipeline/latticesearch/Confidence.h"
 
-#include <gtest/gtest.h>
-
 #include <Eigen/Geometry>
-#include <cmath>
-#include <functional>
-#include <optional>
-#include <random>
-#include <tuple>
 
 #include "pipeline/latticesearch/RecordedWedge.h"
-#include "support/Indices.h"
-#include "support/Says.h"
+#include "support/Testing.h"
 
 namespace {
 

@@ -1,14 +1,7 @@
 #include "pipeline/latticesearch/EquivalentAxes.h"
 
-#include <gtest/gtest.h>
-
-#include <array>
-#include <memory>
-#include <random>
-#include <set>
-#include <vector>
-
 #include "crystallography/SpaceMath.h"
+#include "support/Testing.h"
 
 namespace {
 

@@ -1,15 +1,12 @@
 // The lattice of a second crystal in the reflections that a first one leaves over.
 #include "pipeline/latticesearch/FurtherLattice.h"
 
-#include <gtest/gtest.h>
-
 #include <Eigen/Geometry>
 #include <Eigen/LU>
-#include <random>
 
 #include "pipeline/base/Angle.h"
 #include "pipeline/latticesearch/PointsOnNodes.h"
-#include "support/Indices.h"
+#include "support/Testing.h"
 
 namespace {
 

@@ -1,9 +1,5 @@
 #include "pipeline/latticesearch/LatticeFit.h"
 
-#include <gtest/gtest.h>
-
-#include <random>
-
 #include "support/SimulatedReflections.h"
 
 namespace {

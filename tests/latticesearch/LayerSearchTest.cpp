@@ -1,14 +1,8 @@
 #include "pipeline/latticesearch/LayerSearch.h"
 
-#include <gtest/gtest.h>
+#include "support/Testing.h"
 
-#include <algorithm>
-#include <cmath>
 #include <complex>
-#include <map>
-#include <numbers>
-#include <random>
-#include <utility>
 
 // The search for layers and rows with every sum formed by sines and cosines: what the library finds by
 // turning phasors must be the same.

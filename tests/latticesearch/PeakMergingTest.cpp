@@ -1,12 +1,7 @@
 #include "pipeline/latticesearch/PeakMerging.h"
 
-#include <gtest/gtest.h>
-
 #include <Eigen/Geometry>
-#include <algorithm>
-#include <cmath>
-#include <random>
-#include "support/Indices.h"
+#include "support/Testing.h"
 
 namespace {
 

@@ -1,9 +1,5 @@
 #include "pipeline/latticesearch/PositionRefinement.h"
 
-#include <gtest/gtest.h>
-
-#include <random>
-
 #include "indexing/EwaldCurvature.h"
 #include "support/SimulatedReflections.h"
 

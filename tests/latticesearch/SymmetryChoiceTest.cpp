@@ -1,14 +1,7 @@
 #include "pipeline/run/SymmetryChoice.h"
 #include "support/FailureOf.h"
-#include "support/Indices.h"
-#include "support/Says.h"
-
-#include <gtest/gtest.h>
 
 #include <Eigen/Geometry>
-#include <algorithm>
-#include <cmath>
-#include <random>
 
 namespace {
 

@@ -1,11 +1,6 @@
 #include "pipeline/base/UnitCheck.h"
 #include "support/FailureOf.h"
 
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <string>
-
 namespace {
 
 TEST(UnitCheck, NamesTheLikelyUnit) {
@@ -19,11 +14,7 @@ TEST(UnitCheck, NamesTheLikelyUnit) {
     const auto radians = [](double alpha, double beta, double gamma) {
         return [=] { refuseRadians({alpha, beta, gamma}); };
     };
-    const struct {
-        const char* name;
-        std::function<void()> check;
-        std::string message;  // empty: all is well
-    } cases[] = {
+    const std::tuple<const char*, std::function<void()>, std::string> cases[] = {
         {"1/m", scale(5e7), ""},
         {"edges at the limit", scale(2.6e5), ""},
         {"1/Angstrom", scale(0.005), "1/Angstrom per pixel, which is --pixel-size 5e+07"},
@@ -50,12 +41,12 @@ TEST(UnitCheck, NamesTheLikelyUnit) {
         {"large radians", radians(3.14, 3.0, 3.0), "look like radians"},
         {"radians", radians(1.5708, 1.5708, 2.0944), "90, 90 and 120"},
     };
-    for (const auto& one : cases) {
-        SCOPED_TRACE(one.name);
-        const Refusal refusal = failureOf(one.check);
-        EXPECT_EQ(refusal.text.empty(), one.message.empty()) << refusal.text;
-        EXPECT_TRUE(refusal.says(one.message)) << refusal.text;
-        EXPECT_EQ(refusal.kind == vrk::FailureKind::Usage, !one.message.empty());
+    for (const auto& [name, check, message] : cases) {
+        SCOPED_TRACE(name);
+        const Refusal refusal = failureOf(check);
+        EXPECT_EQ(refusal.text.empty(), message.empty()) << refusal.text;
+        EXPECT_TRUE(refusal.says(message)) << refusal.text;
+        EXPECT_EQ(refusal.kind == vrk::FailureKind::Usage, !message.empty());
     }
 }
 

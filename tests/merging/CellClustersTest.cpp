@@ -1,15 +1,11 @@
 #include "pipeline/merging/CellClusters.h"
 
-#include <gtest/gtest.h>
-
 #include <Eigen/Dense>
-#include <algorithm>
-#include <cmath>
-#include <random>
 
 #include "pipeline/base/Failure.h"
 #include "pipeline/formats/CellInput.h"
 #include "pipeline/integration/SeriesGeometry.h"
+#include "support/Testing.h"
 
 namespace {
 

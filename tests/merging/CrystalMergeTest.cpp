@@ -1,13 +1,9 @@
 #include "pipeline/merging/CrystalMerge.h"
 
-#include <gtest/gtest.h>
-
 #include "SimulatedCrystals.h"
 #include "pipeline/base/Attempt.h"
-#include "pipeline/base/Failure.h"
 #include "pipeline/merging/CrystalAgreement.h"
 #include "support/FailureOf.h"
-#include "support/Says.h"
 
 namespace {
 
@@ -49,11 +45,7 @@ double rOfAmplitudes(const CrystalMerge& result, const SimulatedCrystals& truth)
 }
 
 TEST(CrystalMergeTest, indexesAllCrystalsTheSameWay) {
-    struct Row {
-        SimulatedCrystals crystals;
-        const char* laueClass;
-        int ways;
-    };
+    using Row = std::tuple<SimulatedCrystals, const char*, int>;
     const Row rows[] = {{{{7.5, 7.5, 9.3, 90, 90, 90}, 'P', "tP", "P 4"}, "4/m", 2},
                         {{{7.5, 7.5, 9.3, 90, 90, 90}, 'I', "tI", "I 4/m m m"}, "4/mmm", 1},
                         {{{9, 9, 9, 90, 90, 90}, 'P', "cP", "P 2 3"}, "m-3", 2},
@@ -61,25 +53,25 @@ TEST(CrystalMergeTest, indexesAllCrystalsTheSameWay) {
                         {{{8.5, 8.5, 11.8, 90, 90, 120}, 'R', "hR", "R 3:H"}, "-3", 2},
                         {{{7.1, 7.15, 9.4, 82, 82.5, 75}, 'P', "aP", "P 1"}, "-1", 2},
                         {{{7.1, 8.3, 9.4, 90, 90.4, 90}, 'P', "mP", "P 1 2 1"}, "2/m", 2}};
-    for (Row row : rows) {
-        const bool hexagonal = row.crystals.bravais == "hP", triclinic = row.crystals.bravais == "aP";
-        row.crystals.bases = {kSame, kSwap, kSwap, kSame, kSwap};
-        if (hexagonal) row.crystals.bases = {kSame, kSwap, kSixfold, kSixfold * kSwap, kSame};
-        if (row.crystals.bravais == "mP") row.crystals.bases = {kSame, kAlongC, kSame, kAlongC, kAlongC};
-        if (triclinic) row.crystals.bases = {kSame, kSwap, kSame, kSame, kSwap};
-        const auto crystals = row.crystals.make(8);
+    for (auto [made, laueClass, ways] : rows) {
+        const bool hexagonal = made.bravais == "hP", triclinic = made.bravais == "aP";
+        made.bases = {kSame, kSwap, kSwap, kSame, kSwap};
+        if (hexagonal) made.bases = {kSame, kSwap, kSixfold, kSixfold * kSwap, kSame};
+        if (made.bravais == "mP") made.bases = {kSame, kAlongC, kSame, kAlongC, kAlongC};
+        if (triclinic) made.bases = {kSame, kSwap, kSame, kSame, kSwap};
+        const auto crystals = made.make(8);
         const CrystalMerge result = mergedOf(crystals);
-        EXPECT_EQ(result.data.laue.best().laueClass, row.laueClass) << row.crystals.group;
-        EXPECT_EQ(result.bravais, row.crystals.bravais);
+        EXPECT_EQ(result.data.laue.best().laueClass, laueClass) << made.group;
+        EXPECT_EQ(result.bravais, made.bravais);
         for (const vrk::MergedCrystal& one : result.crystals) {
             EXPECT_TRUE(one.used) << one.reason;
-            EXPECT_EQ(one.indexing.ways, row.ways) << row.crystals.group;
-            EXPECT_GT(one.indexing.correlation, 0.9) << row.crystals.group << one.name;
-            EXPECT_LT(one.indexing.runnerUp, 0.5) << row.crystals.group << one.name;
+            EXPECT_EQ(one.indexing.ways, ways) << made.group;
+            EXPECT_GT(one.indexing.correlation, 0.9) << made.group << one.name;
+            EXPECT_LT(one.indexing.runnerUp, 0.5) << made.group << one.name;
         }
         // Merged in the wrong way CC1/2 would be about a half.
-        EXPECT_GT(result.ccHalf, 0.99) << row.crystals.group;
-        EXPECT_LT(result.data.statistics.overall.rMeas, 0.08) << row.crystals.group;
+        EXPECT_GT(result.ccHalf, 0.99) << made.group;
+        EXPECT_LT(result.data.statistics.overall.rMeas, 0.08) << made.group;
     }
 }
 

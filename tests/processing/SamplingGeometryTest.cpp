@@ -2,8 +2,6 @@
 
 #include <rapidcheck.h>
 
-#include <tuple>
-
 #include "processing/PlainReconstruction.h"
 #include "processing/SeriesFactory.h"
 

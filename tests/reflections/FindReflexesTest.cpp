@@ -2,7 +2,6 @@
 
 #include <sys/resource.h>
 
-#include <cstdlib>
 #include <new>
 
 #include "PlainSearch.h"

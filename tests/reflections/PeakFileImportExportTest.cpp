@@ -64,24 +64,20 @@ TEST_F(PeakFile, CarriesIntensitiesInAColumnOfTheirOwn) {
         EXPECT_EQ(list->at(i)->getIntensity(), (std::array{12.5, 0.0, 1.23457e6})[i]);
 
     const std::string lines = "2\n#x y z intensity\n1 2 3 -4\n1 2 3 much\n";
-    const struct {
-        const char* name;
-        std::string text;
-        bool loads;
-        double second;
-    } cases[] = {{"what is no intensity", kHead + lines, true, 0.0},
-                 {"no column", kHead + "2\n#x y z\n1 2 3 4\n1 2 3 5\n", false, 7.0},
-                 {"fewer lines", kHead + "2\n#x y z intensity\n1 2 3 4\n", false, 7.0},
-                 {"nothing", "", false, 7.0}};
-    for (const auto& one : cases) {
-        put(one.text);
+    const std::tuple<const char*, std::string, bool, double> cases[] = {
+        {"what is no intensity", kHead + lines, true, 0.0},
+        {"no column", kHead + "2\n#x y z\n1 2 3 4\n1 2 3 5\n", false, 7.0},
+        {"fewer lines", kHead + "2\n#x y z intensity\n1 2 3 4\n", false, 7.0},
+        {"nothing", "", false, 7.0}};
+    for (const auto& [name, text, loads, second] : cases) {
+        put(text);
         list->destroyElements();
         for (int i = 0; i < 2; ++i) {
             list->push_back(new Reflex(1, 2, 3));
             list->back()->setIntensity(7.0);
         }
-        EXPECT_EQ(PeakFileImportExport::loadIntensities(path, list.get()), one.loads) << one.name;
-        EXPECT_EQ(list->at(1)->getIntensity(), one.second) << one.name;
+        EXPECT_EQ(PeakFileImportExport::loadIntensities(path, list.get()), loads) << name;
+        EXPECT_EQ(list->at(1)->getIntensity(), second) << name;
     }
     EXPECT_FALSE(PeakFileImportExport::loadIntensities(path, nullptr));
     EXPECT_FALSE(PeakFileImportExport::loadIntensities(path + ".missing", list.get()));

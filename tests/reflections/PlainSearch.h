@@ -3,7 +3,6 @@
 #pragma once
 
 #include <queue>
-#include <set>
 
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "cellfinding/Parameter.h"

@@ -1,10 +1,5 @@
 // The data of the page: what goes in comes out, and nothing of it becomes markup.
-#include <gtest/gtest.h>
 
-#include <cstdint>
-#include <random>
-
-#include "pipeline/base/Failure.h"
 #include "pipeline/base/FileChecksum.h"
 #include "pipeline/batch/CsvTable.h"
 #include "pipeline/formats/ReflectionTable.h"
@@ -12,8 +7,6 @@
 #include "pipeline/report/Report.h"
 #include "support/FailureOf.h"
 #include "support/ReportedData.h"
-#include "support/Says.h"
-#include "support/TemporaryFolder.h"
 
 namespace {
 

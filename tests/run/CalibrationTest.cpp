@@ -1,17 +1,11 @@
 // The geometry of instruments: found on crystals, combined, kept in a file.
 #include "pipeline/run/Calibration.h"
 
-#include <gtest/gtest.h>
-
-#include <cmath>
-
-#include "pipeline/base/Failure.h"
 #include "pipeline/formats/CellInput.h"
 #include "pipeline/integration/SeriesGeometry.h"
 #include "pipeline/latticesearch/KnownCell.h"
 #include "support/FailureOf.h"
 #include "support/RecordedReflections.h"
-#include "support/TemporaryFolder.h"
 
 namespace {
 

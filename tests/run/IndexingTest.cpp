@@ -1,18 +1,11 @@
 // The choices on the way from a lattice to indexed reflections.
 #include "pipeline/run/Indexing.h"
 
-#include <gtest/gtest.h>
-
-#include <map>
-#include <utility>
-
 #include "pipeline/base/Attempt.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/run/FurtherCrystals.h"
 #include "pipeline/run/PeakCell.h"
-#include "reflections/ReflexVector.h"
 #include "support/RecordedReflections.h"
-#include "support/Says.h"
 
 namespace {
 
@@ -97,13 +90,7 @@ struct Found {
 };
 
 TEST(IndexReflections, TheTypeIsTheHighestThatTheReflectionsBear) {
-    const struct {
-        const char* name;
-        std::array<double, 6> cell;
-        double ellipse;
-        double noise;
-        LATTICE::BravaisTypes type;
-    } cases[] = {
+    const std::tuple<const char*, std::array<double, 6>, double, double, LATTICE::BravaisTypes> cases[] = {
         {"cubic", {7, 7, 7, 90, 90, 90}, 0, 0.3, LATTICE::cP},
         {"cubic behind an ellipse", {7, 7, 7, 90, 90, 90}, 0.012, 0.3, LATTICE::cP},
         {"cubic, blurred", {7, 7, 7, 90, 90, 90}, 0.004, 0.9, LATTICE::cP},
@@ -119,39 +106,34 @@ TEST(IndexReflections, TheTypeIsTheHighestThatTheReflectionsBear) {
         {"one axis shorter", {7, 7, 6.86, 90, 90, 90}, 0.012, 0.3, LATTICE::tP},
     };
     unsigned seed = 1;
-    for (const auto& one : cases) {
-        SCOPED_TRACE(one.name);
-        Found found(one.cell, {.ellipse = one.ellipse, .azimuth = 35}, {.noise = one.noise, .seed = seed++});
+    for (const auto& [name, edges, ellipse, noise, type] : cases) {
+        SCOPED_TRACE(name);
+        Found found(edges, {.ellipse = ellipse, .azimuth = 35}, {.noise = noise, .seed = seed++});
         const vrk::Indexed indexed = found.indexed();
-        EXPECT_STREQ(LATTICE::shortName(indexed.symmetry().bravaisType), LATTICE::shortName(one.type));
+        EXPECT_STREQ(LATTICE::shortName(indexed.symmetry().bravaisType), LATTICE::shortName(type));
         std::array<double, 6> cell = indexed.conventional.cell;
         for (std::size_t i = 0; i < 3; ++i)
-            EXPECT_NEAR(cell[i], one.cell[i], 0.003 * one.cell[i]);
+            EXPECT_NEAR(cell[i], edges[i], 0.003 * edges[i]);
         EXPECT_EQ(indexed.refined.sense, 1);
-        EXPECT_EQ(indexed.instrument.uses(vrk::InstrumentTerm::EllipseCosine), one.ellipse > 0);
+        EXPECT_EQ(indexed.instrument.uses(vrk::InstrumentTerm::EllipseCosine), ellipse > 0);
         EXPECT_GT(indexed.completeness.core.share(), 0.2);
         EXPECT_LT(indexed.completeness.core.share(), 0.3) << "a quarter of the nodes was recorded";
     }
 }
 
 TEST(FurtherCrystals, HideNeitherTypeNorAxisOfTheFirst) {
-    const struct {
-        const char* type;
-        std::array<double, 6> cell;
-        double turn;
-        unsigned seed;
-    } cases[] = {
+    const std::tuple<const char*, std::array<double, 6>, double, unsigned> cases[] = {
         {"cP", {7, 7, 7, 90, 90, 90}, 4, 2},
         {"hP", {6, 6, 9, 90, 90, 120}, 5, 1},
         {"mP", {5.2, 6.3, 8.1, 90, 97, 90}, 6, 2},
         {"aP", {5.2, 6.3, 8.1, 82, 97, 104}, 4, 3},
     };
-    for (const auto& one : cases) {
-        SCOPED_TRACE(one.type);
-        vrk::test::Recording recording{.noise = 0.4, .seed = one.seed};
-        Found found(one.cell, {.ellipse = 0.01}, recording);
-        recording.turn = one.turn;
-        found.add(Recorded(one.cell, {.ellipse = 0.01}, recording));
+    for (const auto& [type, cell, turn, seed] : cases) {
+        SCOPED_TRACE(type);
+        vrk::test::Recording recording{.noise = 0.4, .seed = seed};
+        Found found(cell, {.ellipse = 0.01}, recording);
+        recording.turn = turn;
+        found.add(Recorded(cell, {.ellipse = 0.01}, recording));
         vrk::Indexed first = found.indexed("assumed");
         vrk::Recording known = vrk::recordingOf(found.volume, {});
         known.estimated = true;
@@ -159,7 +141,7 @@ TEST(FurtherCrystals, HideNeitherTypeNorAxisOfTheFirst) {
         const vrk::Crystals crystals = vrk::findFurtherCrystals(first, nullptr, known, {}, session);
         ASSERT_EQ(crystals.others.size(), 1U);
         for (const vrk::Indexed* crystal : {&std::as_const(first), &crystals.others.front().indexed}) {
-            EXPECT_STREQ(LATTICE::shortName(crystal->symmetry().bravaisType), one.type);
+            EXPECT_STREQ(LATTICE::shortName(crystal->symmetry().bravaisType), type);
             EXPECT_FALSE(crystal->evidence.axisAssumed);
         }
         EXPECT_EQ(first.refined.indices.size(), found.level.reflections.size());

@@ -1,16 +1,10 @@
 // The pipeline as a library: values in, values out, nothing on the standard output.
-#include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cmath>
-#include <limits>
 #include <thread>
 
 #include "pipeline/Pipeline.h"
 #include "pipeline/run/RunSummary.h"
-#include "support/Indices.h"
-#include "support/Says.h"
-#include "support/TemporaryFolder.h"
+#include "support/Testing.h"
 
 namespace {
 
@@ -268,13 +262,7 @@ TEST(TiltSeries, AddsUpNeighboursWhereThereAreTooManyFrames) {
 
 TEST(TiltSeries, RefusesWhatIsNoSeries) {
     const double none = std::numeric_limits<double>::quiet_NaN();
-    struct Case {
-        int columns, rows;
-        std::vector<double> tilts;
-        vrk::SeriesStatement statement;
-        std::size_t pixels;
-        const char* reason;
-    };
+    using Case = std::tuple<int, int, std::vector<double>, vrk::SeriesStatement, std::size_t, const char*>;
     const std::vector<Case> cases = {
         {0, 3, {1}, {}, 0, "0 x 3"},
         {2, -1, {1}, {}, 0, "2 x -1"},
@@ -285,12 +273,12 @@ TEST(TiltSeries, RefusesWhatIsNoSeries) {
         {2, 3, {1}, {none, 0, {}}, 6, "pixel size"},
         {2, 3, {1}, {0, 2e5, {}}, 6, "kV"},
     };
-    for (const Case& one : cases) {
-        const std::vector<short> pixels(one.pixels, 1);
-        const auto series = vrk::TiltSeries::of(std::span<const short>(pixels), one.columns, one.rows,
-                                                one.tilts, one.statement);
-        ASSERT_FALSE(series) << one.reason;
-        EXPECT_TRUE(says(series.error().text, one.reason));
+    for (const auto& [columns, rows, tilts, statement, count, reason] : cases) {
+        const std::vector<short> pixels(count, 1);
+        const auto series =
+            vrk::TiltSeries::of(std::span<const short>(pixels), columns, rows, tilts, statement);
+        ASSERT_FALSE(series) << reason;
+        EXPECT_TRUE(says(series.error().text, reason));
     }
 }
 

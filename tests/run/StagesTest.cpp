@@ -1,20 +1,11 @@
 // Noise, levels and the level that gives the lattice.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <filesystem>
-#include <functional>
-#include <random>
 
 #include "pipeline/base/Attempt.h"
-#include "pipeline/base/Failure.h"
 #include "pipeline/frames/DataFiles.h"
 #include "pipeline/frames/SeriesHeader.h"
 #include "pipeline/run/LatticeChoice.h"
 #include "pipeline/run/PreparedSeries.h"
 #include "support/FailureOf.h"
-#include "support/Indices.h"
-#include "support/TemporaryFolder.h"
 
 namespace {
 
@@ -149,28 +140,25 @@ TEST(SearchLevels, DoubleFromFiveDeviationsToTheLastWithEnough) {
 TEST(SearchLevels, WhatTheUserFixesHolds) {
     vrk::Session session(vrk::silence());
     const vrk::ReciprocalVolume volume = volumeOfBars(10, 10);
-    const struct {
-        double threshold;
-        std::function<void(vrk::SearchOptions&)> change;
-        std::size_t reflections;
-    } cases[] = {{400, [](vrk::SearchOptions&) {}, 47},
-                 {50, [](vrk::SearchOptions& o) { o.zeroBeam = 0; }, 63},
-                 {50, [](vrk::SearchOptions& o) { o.zeroBeam = 9; }, 61},
-                 {50, [](vrk::SearchOptions& o) { o.maxVoxels = 2; }, 0},
-                 {50, [](vrk::SearchOptions& o) { o.minVoxels = 4; }, 0},
-                 {50, [](vrk::SearchOptions& o) { o.resolution = 15; }, 2}};
-    for (const auto& one : cases) {
+    const std::tuple<double, std::function<void(vrk::SearchOptions&)>, std::size_t> cases[] = {
+        {400, [](vrk::SearchOptions&) {}, 47},
+        {50, [](vrk::SearchOptions& o) { o.zeroBeam = 0; }, 63},
+        {50, [](vrk::SearchOptions& o) { o.zeroBeam = 9; }, 61},
+        {50, [](vrk::SearchOptions& o) { o.maxVoxels = 2; }, 0},
+        {50, [](vrk::SearchOptions& o) { o.minVoxels = 4; }, 0},
+        {50, [](vrk::SearchOptions& o) { o.resolution = 15; }, 2}};
+    for (const auto& [threshold, change, reflections] : cases) {
         vrk::SearchOptions options;
-        options.threshold = one.threshold;
-        one.change(options);
-        if (one.reflections == 0) {
+        options.threshold = threshold;
+        change(options);
+        if (reflections == 0) {
             EXPECT_THROW(vrk::searchLevels(volume, options, session), vrk::Failure);
             continue;
         }
         const std::vector<vrk::Level> levels = vrk::searchLevels(volume, options, session);
         ASSERT_EQ(levels.size(), 1U);
-        EXPECT_EQ(levels[0].threshold, one.threshold);
-        EXPECT_EQ(levels[0].reflections.size(), one.reflections);
+        EXPECT_EQ(levels[0].threshold, threshold);
+        EXPECT_EQ(levels[0].reflections.size(), reflections);
     }
 }
 

@@ -2,9 +2,8 @@
 /// What the pipeline says where it refuses something.
 #pragma once
 
-#include <string>
-
 #include "pipeline/base/Failure.h"
+#include "support/Testing.h"
 
 /// The text of a failure and its kind; no text where there was none.
 struct Refusal {

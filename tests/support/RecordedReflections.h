@@ -2,12 +2,6 @@
 /// Places at which an instrument shows the reflections of a known cell, for tests of what is found on them.
 #pragma once
 
-#include <Eigen/Geometry>
-#include <array>
-#include <cmath>
-#include <random>
-#include <vector>
-
 #include "indexing/EwaldCurvature.h"
 #include "pipeline/base/Angle.h"
 #include "support/SimulatedReflections.h"

@@ -3,17 +3,11 @@
 #pragma once
 
 #include <Eigen/Geometry>
-#include <algorithm>
-#include <array>
-#include <cmath>
-#include <functional>
-#include <memory>
-#include <random>
 
 #include "crystallography/UnitCell.h"
 #include "reflections/Reflex.h"
 #include "reflections/ReflexVector.h"
-#include "support/Indices.h"
+#include "support/Testing.h"
 
 using Vec3 = std::array<double, 3>;
 using Mat3 = std::array<Vec3, 3>;  ///< three vectors

@@ -194,27 +194,23 @@ TEST(VRKTiltAxisRefinementTest, SaysWhyThereIsNoAngle) {
     const auto one = makeSeries(64, 64, {5});
     const auto untilted = makeSeries(64, 64, {0, 0, 0});
     const auto unsorted = makeSeries(64, 64, {0, 20, 10});
-    const struct {
-        VoxMRCData* series;
-        std::string folder;
-        const char* message;
-    } cases[] = {{good.get(), "", "folderName2SaveResults ==  \n"},
-                 {good.get(), folder / "missing", "does not exist"},
-                 {good.get(), folder.write("file", "x"), "does not exist"},
-                 {nullptr, folder / "", "there is no series"},
-                 {zero.get(), folder / "", "no reflections"},
-                 {one.get(), folder / "", "one pattern"},
-                 {untilted.get(), folder / "", "same tilt angle"},
-                 {unsorted.get(), folder / "", "do not ascend"}};
-    for (const auto& test : cases)
+    const std::tuple<VoxMRCData*, std::string, const char*> cases[] = {
+        {good.get(), "", "folderName2SaveResults ==  \n"},
+        {good.get(), folder / "missing", "does not exist"},
+        {good.get(), folder.write("file", "x"), "does not exist"},
+        {nullptr, folder / "", "there is no series"},
+        {zero.get(), folder / "", "no reflections"},
+        {one.get(), folder / "", "one pattern"},
+        {untilted.get(), folder / "", "same tilt angle"},
+        {unsorted.get(), folder / "", "do not ascend"}};
+    for (const auto& [series, place, message] : cases)
         for (const bool volume : {true, false}) {
             RecordingLogObserver log;
             VRKTiltAxisRefinement search;
-            const float angle = volume
-                                    ? search.searchTiltAxisAutomated3D(test.series, "n", test.folder, 0.1)
-                                    : search.searchTiltAxis2dBruteForce(test.series, "n", test.folder, 0.1);
-            EXPECT_EQ(angle, 777777.75F) << test.message;
-            EXPECT_TRUE(log.has(test.message, VRK::Error)) << test.message;
+            const float angle = volume ? search.searchTiltAxisAutomated3D(series, "n", place, 0.1)
+                                       : search.searchTiltAxis2dBruteForce(series, "n", place, 0.1);
+            EXPECT_EQ(angle, 777777.75F) << message;
+            EXPECT_TRUE(log.has(message, VRK::Error)) << message;
             EXPECT_TRUE(search.scores().empty());
         }
     VRKTiltAxisRefinement search;

@@ -107,20 +107,18 @@ TEST(ReciprocalSection, ShowsTheNodesOfThePlaneWhereItMarksThem) {
         return volume;
     };
 
-    struct Case {
-        const char* plane;
-        Indices inside, outside;
-    };
-    for (const Case& test : {Case{"hk0", {1, 2, 0}, {1, 2, 1}}, Case{"h0l", {2, 0, 1}, {2, 1, 1}},
-                             Case{"0kl", {0, -1, 2}, {1, -1, 2}}, Case{"hk1", {2, 1, 1}, {2, 1, 0}},
-                             Case{"h-1l", {1, -1, 1}, {1, 1, 1}}, Case{"hhl", {2, 2, 1}, {2, 1, 1}},
-                             Case{"h-hl", {1, -1, 2}, {1, 1, 2}}, Case{"hkk", {2, 1, 1}, {2, 1, 0}}}) {
+    using Case = std::tuple<const char*, Indices, Indices>;
+    for (const auto& [plane, inside, outside] :
+         {Case{"hk0", {1, 2, 0}, {1, 2, 1}}, Case{"h0l", {2, 0, 1}, {2, 1, 1}},
+          Case{"0kl", {0, -1, 2}, {1, -1, 2}}, Case{"hk1", {2, 1, 1}, {2, 1, 0}},
+          Case{"h-1l", {1, -1, 1}, {1, 1, 1}}, Case{"hhl", {2, 2, 1}, {2, 1, 1}},
+          Case{"h-hl", {1, -1, 2}, {1, 1, 2}}, Case{"hkk", {2, 1, 1}, {2, 1, 0}}}) {
         ReciprocalSection::Settings settings;
-        ASSERT_TRUE(ReciprocalSection::parsePlane(test.plane, settings));
+        ASSERT_TRUE(ReciprocalSection::parsePlane(plane, settings));
         settings.size = 161;
         settings.radius = 40.25;
 
-        const auto volume = volumeWith(test.inside);
+        const auto volume = volumeWith(inside);
         const ReciprocalSection section(*volume, cell, origin);
         const PlaneImage picture = section.sample(settings);
         int bright = 0;
@@ -131,12 +129,12 @@ TEST(ReciprocalSection, ShowsTheNodesOfThePlaneWhereItMarksThem) {
                 picture.at(static_cast<int>(x), static_cast<int>(y)) > 500.0F)
                 ++bright;
         }
-        EXPECT_EQ(bright, 1) << test.plane;
+        EXPECT_EQ(bright, 1) << plane;
 
-        const auto other = volumeWith(test.outside);
+        const auto other = volumeWith(outside);
         const PlaneImage black = ReciprocalSection(*other, cell, origin).sample(settings);
         for (float value : black.values)
-            ASSERT_FALSE(value > 0.0F) << test.plane;
+            ASSERT_FALSE(value > 0.0F) << plane;
     }
 }
 

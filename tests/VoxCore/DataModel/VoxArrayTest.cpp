@@ -7,11 +7,7 @@ namespace {
 
 TEST(VoxArray, SpreadsItsElementsOverChunks) {
     constexpr unsigned kHalfMebi = 1U << 19;  // shorts in a MiB
-    const struct {
-        std::vector<unsigned> dims;
-        StorageMethod asked, resolved;
-        unsigned chunks, chunkSize;
-    } cases[] = {
+    const std::tuple<std::vector<unsigned>, StorageMethod, StorageMethod, unsigned, unsigned> cases[] = {
         {{7}, Storage_Auto, Storage_Interleaved, 1, 7},
         {{4, 5}, Storage_Auto, Storage_BySlice, 5, 4},
         {{4, 5, 6}, Storage_Auto, Storage_BySlice, 6, 20},
@@ -26,16 +22,16 @@ TEST(VoxArray, SpreadsItsElementsOverChunks) {
         {{0, 10, 10}, Storage_Auto, Storage_BySlice, 10, 0},
         {{10, 10, 0}, Storage_Auto, Storage_BySlice, 0, 0},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::PrintToString(c.dims));
-        const ArrayPtr<short> a(VoxArray<short>::Create(c.dims, c.asked));
+    for (const auto& [dims, asked, resolved, chunks, chunkSize] : cases) {
+        SCOPED_TRACE(testing::PrintToString(dims));
+        const ArrayPtr<short> a(VoxArray<short>::Create(dims, asked));
         ASSERT_TRUE(a);
-        EXPECT_EQ(a->GetStorageMethod(), c.resolved);
-        EXPECT_EQ(a->GetChunkCount(), c.chunks);
-        EXPECT_EQ(a->GetChunkSize(), c.chunkSize);
-        EXPECT_EQ(a->GetDims(), c.dims);
+        EXPECT_EQ(a->GetStorageMethod(), resolved);
+        EXPECT_EQ(a->GetChunkCount(), chunks);
+        EXPECT_EQ(a->GetChunkSize(), chunkSize);
+        EXPECT_EQ(a->GetDims(), dims);
         EXPECT_EQ(a->Sum(), 0);
-        EXPECT_EQ(ArrayPtr<short>(a->Clone())->GetDims(), c.dims);
+        EXPECT_EQ(ArrayPtr<short>(a->Clone())->GetDims(), dims);
         for (unsigned i = 0; i < a->GetDataSize(); i += 1 + a->GetDataSize() / 100)
             a->SetValue(1, i);
         if (a->GetDataSize() > 0) a->SetValue(1, a->GetDataSize() - 1);

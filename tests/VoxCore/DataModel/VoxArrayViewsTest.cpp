@@ -1,9 +1,9 @@
 // Interpolation, sub-volumes, planes, plain copies, matrices and text.
-#include <gtest/gtest.h>
 
 #include "VoxCore/DataModel/VoxImageList.h"
 #include "VoxCore/DataModel/VoxImageListStorageSliced.h"
 #include "support/PlainVolume.h"
+#include "support/Testing.h"
 
 namespace {
 

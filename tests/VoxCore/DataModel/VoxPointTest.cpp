@@ -1,5 +1,3 @@
-#include <gtest/gtest.h>
-
 #include <rapidcheck.h>
 
 #include "VoxCore/DataModel/VoxPoint2DFloat.h"
@@ -7,6 +5,7 @@
 #include "VoxCore/DataModel/VoxPoint3DDouble.h"
 #include "VoxCore/DataModel/VoxPoint3DFloat.h"
 #include "VoxCore/DataModel/VoxPoint3DShort.h"
+#include "support/Testing.h"
 
 namespace {
 

@@ -151,12 +151,7 @@ TEST(MRCRefusal, OfTargetsThatCannotBeWritten) {
     const TemporaryFolder folder;
     std::unique_ptr<VoxMRCData> data(VoxMRCData::Create3D(64, 64, 3));
     data->m_Header.type = MRCType::TILT_SERIES;
-    struct Case {
-        std::string path;
-        std::int32_t next;
-        std::int32_t slices;
-        const char* message;
-    };
+    using Case = std::tuple<std::string, std::int32_t, unsigned, const char*>;
     const Case cases[] = {
         {folder / "missing/a.mrc", 0, 3,
          "VoxMRCFileHandler::saveMRCFile()  Error while opening file to write in ..."},
@@ -165,14 +160,14 @@ TEST(MRCRefusal, OfTargetsThatCannotBeWritten) {
         {"/dev/full", 0, 3, "/dev/full: could not be written to the end"},
         {folder / "a.mrc", 432, 301, "a series of 301 slices cannot be written"},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.path);
-        if (c.slices != 3) data.reset(VoxMRCData::Create3D(1, 1, static_cast<unsigned>(c.slices)));
+    for (const auto& [path, next, slices, message] : cases) {
+        SCOPED_TRACE(path);
+        if (slices != 3) data.reset(VoxMRCData::Create3D(1, 1, slices));
         data->m_Header.type = MRCType::TILT_SERIES;
-        data->m_Header.next = c.next;
+        data->m_Header.next = next;
         RecordingLogObserver log;
-        EXPECT_FALSE(VoxMRCFileHandler().writeMRCFile(data.get(), c.path));
-        EXPECT_TRUE(log.has(c.message, VRK::Error));
+        EXPECT_FALSE(VoxMRCFileHandler().writeMRCFile(data.get(), path));
+        EXPECT_TRUE(log.has(message, VRK::Error));
     }
     RecordingLogObserver log;
     EXPECT_FALSE(VoxMRCFileHandler().writeMRCFile(static_cast<VoxMRCData*>(nullptr), folder / "a.mrc"));

@@ -2,8 +2,6 @@
 
 #include <rapidcheck.h>
 
-#include <cstring>
-
 #include "VoxCore/DataModel/VoxHistogram.h"
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "support/MRCBytes.h"
