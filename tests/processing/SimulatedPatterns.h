@@ -61,10 +61,9 @@ inline std::vector<short> pattern(const PatternSettings& s, double cx, double cy
         const auto y = static_cast<double>(i / size);
         // The stop is mounted in the microscope: it does not move with the beam.
         if (s.beamStopWidth > 0 && x > s.size / 2.0 - s.beamStopWidth &&
-            std::abs(y - s.size / 2.0) < s.beamStopWidth / 2.0) {
+            std::abs(y - s.size / 2.0) < s.beamStopWidth / 2.0)
             expected[i] *= s.throughStop;
-            if (expected[i] == 0.0) continue;
-        }
+        if (expected[i] == 0.0) continue;
         const double value =
             expected[i] > 50 ? std::normal_distribution<double>(expected[i], std::sqrt(expected[i]))(random)
                              : std::poisson_distribution<int>(expected[i])(random);
