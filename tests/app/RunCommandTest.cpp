@@ -349,7 +349,8 @@ TEST_F(RunCommandTest, StoppedRunsLeaveEarlierResultsWholeAndNothingHalf) {
           Stop{SIGINT, 1, "cell.txt"}, Stop{SIGTERM, 1, "cell.txt"}}) {
         SCOPED_TRACE(std::to_string(number) + " when " + when);
         std::filesystem::remove_all(result + "/unfinished");
-        StartedVrk vrk({"run", folder / "series.mrc", "-o", result, "--no-pictures"});
+        // With pictures, so that there is time for the signal on a busy machine, too.
+        StartedVrk vrk({"run", folder / "series.mrc", "-o", result});
         for (int i = 0; i < 5000 && !std::filesystem::exists(result + "/" + when); ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         for (int i = 0; i < times; ++i)
