@@ -20,6 +20,8 @@
 namespace vrk::app {
 namespace {
 
+using Json = nlohmann::ordered_json;
+
 struct CellInfoArguments {
     std::vector<std::string> cell;
     std::string centring = "P";
@@ -89,38 +91,37 @@ CellReport examine(const CellInput& input, const LatticeTolerances& tolerances) 
 }
 
 template <typename Number>
-nlohmann::ordered_json reportJson(const Number (&m)[3][3]) {
+Json reportJson(const Number (&m)[3][3]) {
     return {{m[0][0], m[0][1], m[0][2]}, {m[1][0], m[1][1], m[1][2]}, {m[2][0], m[2][1], m[2][2]}};
 }
 
-nlohmann::ordered_json reportJson(const LatticeCharacter& lattice) {
+Json reportJson(const LatticeCharacter& lattice) {
     return {{"character", lattice.number},
             {"bravais", LATTICE::shortName(lattice.bravaisType)},
             {"centring", std::string(1, lattice.centring)},
             {"misfit_deg", lattice.qualityIndex},
             {"misfit_length", lattice.lengthMisfit},
             {"matrix_from_primitive", reportJson(lattice.toConventional)},
-            {"conventional", cellParametersJson<nlohmann::ordered_json>(lattice.measured)},
-            {"symmetrised", cellParametersJson<nlohmann::ordered_json>(lattice.symmetrised)}};
+            {"conventional", cellParametersJson<Json>(lattice.measured)},
+            {"symmetrised", cellParametersJson<Json>(lattice.symmetrised)}};
 }
 
-nlohmann::ordered_json reportJson(const CellReport& report) {
+Json reportJson(const CellReport& report) {
     const UnitCell& cell = report.input.cell;
-    nlohmann::ordered_json out;
-    out["cell"] = cellParametersJson<nlohmann::ordered_json>(parametersOf(cell));
+    Json out;
+    out["cell"] = cellParametersJson<Json>(parametersOf(cell));
     out["cell"]["centring"] = std::string(1, report.input.centring);
     out["cell"]["volume"] = cell.getExactVolume();
     out["metric"] = {{cell.getA(), cell.getF(), cell.getE()},
                      {cell.getF(), cell.getB(), cell.getD()},
                      {cell.getE(), cell.getD(), cell.getC()}};
     out["primitive"] = {{"matrix", reportJson(report.input.toPrimitive)}};
-    out["reduced"] = cellParametersJson<nlohmann::ordered_json>(parametersOf(report.reduced));
+    out["reduced"] = cellParametersJson<Json>(parametersOf(report.reduced));
     out["reduced"]["volume"] = report.reduced.getExactVolume();
     out["reduced"]["niggli"] = report.isNiggli;
     out["reduced"]["matrix"] = reportJson(report.toReduced);
     const SpaceDimensions& r = report.reciprocal;
-    out["reciprocal"] =
-        cellParametersJson<nlohmann::ordered_json>(std::array{r.a, r.b, r.c, r.alpha, r.beta, r.gamma});
+    out["reciprocal"] = cellParametersJson<Json>(std::array{r.a, r.b, r.c, r.alpha, r.beta, r.gamma});
     out["reciprocal"]["volume"] = report.reciprocalVolume;
     for (const LatticeCharacter& lattice : report.lattices)
         out["lattices"].push_back(reportJson(lattice));

@@ -35,6 +35,8 @@
 namespace vrk::app {
 namespace {
 
+using Json = nlohmann::ordered_json;
+
 struct IndexArguments {
     std::string peaks;
     std::string cell;
@@ -313,25 +315,25 @@ void plot(const IndexArguments& options, Indexing& result, std::vector<std::stri
     files.push_back(options.plots);
 }
 
-nlohmann::ordered_json toJson(const Indexing& result, const std::vector<std::string>& files) {
+Json toJson(const Indexing& result, const std::vector<std::string>& files) {
     const Setting& setting = result.setting;
     const double total = static_cast<double>(result.reflections->size());
-    nlohmann::ordered_json json = {{"reflections",
-                                    {{"found", result.reflections->size()},
-                                     {"indexed", result.indexed},
-                                     {"fraction_indexed", result.indexed / total},
-                                     {"mean_displacement", result.displacements[0]},
-                                     {"rms_displacement", result.displacements[4]}}},
-                                   {"cell",
-                                    {{"bravais", LATTICE::shortName(setting.type)},
-                                     {"centring", std::string(1, setting.centring)},
-                                     {"parameters", setting.cell},
-                                     {"esd", setting.cellSigma},
-                                     {"volume", setting.volume},
-                                     {"volume_esd", setting.volumeSigma},
-                                     {"primitive_to_cell", setting.fromPrimitive}}},
-                                   {"origin_px", result.origin},
-                                   {"files", files}};
+    Json json = {{"reflections",
+                  {{"found", result.reflections->size()},
+                   {"indexed", result.indexed},
+                   {"fraction_indexed", result.indexed / total},
+                   {"mean_displacement", result.displacements[0]},
+                   {"rms_displacement", result.displacements[4]}}},
+                 {"cell",
+                  {{"bravais", LATTICE::shortName(setting.type)},
+                   {"centring", std::string(1, setting.centring)},
+                   {"parameters", setting.cell},
+                   {"esd", setting.cellSigma},
+                   {"volume", setting.volume},
+                   {"volume_esd", setting.volumeSigma},
+                   {"primitive_to_cell", setting.fromPrimitive}}},
+                 {"origin_px", result.origin},
+                 {"files", files}};
     std::array<std::array<double, 3>, 3> vectors{};
     result.cell.getBase(vectors[0].data(), vectors[1].data(), vectors[2].data());
     json["cell"]["reciprocal_vectors_px"] = vectors;

@@ -1,7 +1,5 @@
 #include "pipeline/base/JsonText.h"
 
-#include <istream>
-#include <iterator>
 #include <nlohmann/json.hpp>
 
 namespace vrk {
@@ -23,13 +21,7 @@ Json parsedJson(std::string_view text) {
     return isTooDeep ? Json(Json::value_t::discarded) : json;
 }
 
-template <typename Json>
-Json parsedJson(std::istream& stream) {
-    return parsedJson<Json>(std::string(std::istreambuf_iterator<char>(stream), {}));
-}
-
 template std::string jsonText(const nlohmann::ordered_json&, int);
 template nlohmann::ordered_json parsedJson<nlohmann::ordered_json>(std::string_view);
-template nlohmann::ordered_json parsedJson<nlohmann::ordered_json>(std::istream&);
 
 }  // namespace vrk

@@ -3,7 +3,6 @@
 /// the program use, `nlohmann::ordered_json`.
 #pragma once
 
-#include <iosfwd>
 #include <string>
 #include <string_view>
 
@@ -18,9 +17,5 @@ std::string jsonText(const Json& json, int indent = -1);
 /// go as deep on the stack as it is nested.
 template <typename Json>
 Json parsedJson(std::string_view text);
-
-/// The value of all that a stream still holds; discarded as above, or when nothing can be read.
-template <typename Json>
-Json parsedJson(std::istream& stream);
 
 }  // namespace vrk

@@ -2,13 +2,13 @@
 
 #include <algorithm>
 #include <array>
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <system_error>
 #include <utility>
 
 #include "pipeline/base/ChecksumList.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/FileText.h"
 #include "pipeline/base/JsonText.h"
 #include "pipeline/base/OutputFile.h"
 
@@ -87,8 +87,7 @@ std::vector<std::string> ResultFolder::resultsOf(const std::filesystem::path& su
     std::error_code error;
     if (!std::filesystem::exists(summaryFile, error)) return {};
     std::vector<std::string> names;
-    std::ifstream stream(summaryFile);
-    const auto summary = parsedJson<nlohmann::ordered_json>(stream);
+    const auto summary = parsedJson<nlohmann::ordered_json>(wholeFile(summaryFile).value_or(""));
     if (summary.is_object() && summary.contains("files") && summary["files"].is_array()) {
         for (const nlohmann::ordered_json& name : summary["files"])
             if (name.is_string()) names.push_back(name.get<std::string>());

@@ -5,6 +5,7 @@
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <set>
 #include <utility>
 
@@ -264,12 +265,9 @@ std::string_view jobLine(std::string_view line) {
     return line;
 }
 
-std::ifstream openPlan(const BatchFolder& folder) {
-    std::ifstream file(folder.plan(), std::ios::binary);
-    if (!file)
-        throw Failure(folder.path().string() + " holds no batch.json; 'vrk batch SERIES -o " +
-                      folder.path().string() + "' makes one");
-    return file;
+Failure noPlan(const BatchFolder& folder) {
+    return Failure(folder.path().string() + " holds no batch.json; 'vrk batch SERIES -o " +
+                   folder.path().string() + "' makes one");
 }
 
 [[noreturn]] void refusePlan(const BatchFolder& folder, const std::string& problem) {
@@ -327,8 +325,9 @@ void writePlan(const std::vector<BatchJob>& jobs, const BatchFolder& folder, con
 }
 
 std::vector<BatchJob> readPlan(const BatchFolder& folder) {
-    std::ifstream file = openPlan(folder);
-    const auto json = parsedJson<Json>(file);
+    const std::optional<std::string> text = wholeFile(folder.plan());
+    if (!text) throw noPlan(folder);
+    const auto json = parsedJson<Json>(*text);
     std::vector<BatchJob> jobs;
     try {
         if (json.at("format") != kFormat || json.at("version") != kVersion)
@@ -342,7 +341,8 @@ std::vector<BatchJob> readPlan(const BatchFolder& folder) {
 }
 
 BatchJob readJob(const BatchFolder& folder, const std::string& name) {
-    std::ifstream file = openPlan(folder);
+    std::ifstream file(folder.plan(), std::ios::binary);
+    if (!file) throw noPlan(folder);
     const std::string start = std::string(kJobStart) + jsonText(Json(name)) + ',';
     for (std::string line; std::getline(file, line);)
         if (line.starts_with(start)) try {

@@ -2,13 +2,13 @@
 
 #include <cmath>
 #include <ctime>
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <utility>
 
 #include "pipeline/base/Angle.h"
 #include "pipeline/base/CellJson.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/FileText.h"
 #include "pipeline/base/JsonText.h"
 #include "pipeline/base/NumberText.h"
 #include "pipeline/batch/CsvTable.h"
@@ -165,10 +165,9 @@ std::string csvText(const Json& value) {
 
 CrystalFacts readFacts(const std::filesystem::path& result) {
     const std::filesystem::path path = result / "summary.json";
-    std::ifstream file(path, std::ios::binary);
-    if (!file) throw Failure("cannot read " + path.string());
+    const std::string text = textOfFile(path);
     try {
-        return factsOf(parsedJson<Json>(file));
+        return factsOf(parsedJson<Json>(text));
     } catch (const std::exception& error) {
         throw Failure(path.string() + " is damaged (" + error.what() + "); run the series again");
     }

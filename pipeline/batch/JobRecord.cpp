@@ -1,11 +1,11 @@
 #include "pipeline/batch/JobRecord.h"
 
 #include <array>
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <utility>
 
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/FileText.h"
 #include "pipeline/base/JsonText.h"
 #include "pipeline/base/OutputFile.h"
 
@@ -34,8 +34,7 @@ const char* nameOf(JobOutcome outcome) {
 }
 
 JobRecord readRecord(const std::filesystem::path& path) {
-    std::ifstream file(path);
-    const auto json = parsedJson<Json>(file);
+    const auto json = parsedJson<Json>(wholeFile(path).value_or(""));
     JobRecord record;
     try {
         record.settings = json.at("settings").get<std::string>();

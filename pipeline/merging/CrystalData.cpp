@@ -1,13 +1,14 @@
 #include "pipeline/merging/CrystalData.h"
 
 #include <cmath>
-#include <fstream>
 #include <iterator>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <set>
 
 #include "pipeline/base/CellJson.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/FileText.h"
 #include "pipeline/base/JsonText.h"
 #include "pipeline/formats/ReflectionTable.h"
 
@@ -45,13 +46,13 @@ std::vector<CrystalData> crystalsOf(const Json& summary, const std::filesystem::
 
 std::vector<CrystalData> readCrystals(const std::filesystem::path& folder) {
     const std::filesystem::path file = folder / "summary.json";
-    std::ifstream stream(file);
-    if (!stream)
+    const std::optional<std::string> text = wholeFile(file);
+    if (!text)
         throw Failure(folder.string() + " holds no summary.json; give folders that 'vrk run' made",
                       FailureKind::Usage);
     std::vector<CrystalData> crystals;
     try {
-        const auto summary = parsedJson<Json>(stream);
+        const auto summary = parsedJson<Json>(*text);
         if (summary.contains("merge"))
             throw Failure(folder.string() + " holds merged crystals; give the folders of the crystals",
                           FailureKind::Usage);

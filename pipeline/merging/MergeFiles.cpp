@@ -1,15 +1,16 @@
 #include "pipeline/merging/MergeFiles.h"
 
 #include <cmath>
-#include <fstream>
 #include <functional>
 #include <nlohmann/json.hpp>
+#include <optional>
 
 #include "foundation/Version.h"
 #include "indexing/EwaldCurvature.h"
 #include "pipeline/base/CellJson.h"
 #include "pipeline/base/ChecksumList.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/FileText.h"
 #include "pipeline/base/JsonText.h"
 #include "pipeline/base/NumberText.h"
 #include "pipeline/base/OutputFile.h"
@@ -137,9 +138,9 @@ std::vector<std::filesystem::path> writeMergedFiles(const CrystalMerge& merge, c
 }
 
 void refuseFolderOfRun(const std::filesystem::path& folder) {
-    std::ifstream stream(folder / ResultFolder::kSummary);
-    if (!stream) return;
-    const auto summary = parsedJson<Json>(stream);
+    const std::optional<std::string> text = wholeFile(folder / ResultFolder::kSummary);
+    if (!text) return;
+    const auto summary = parsedJson<Json>(*text);
     if (!summary.is_object() || !summary.contains("merge"))
         throw Failure(folder.string() + " holds the result of a run; give another folder with --output",
                       FailureKind::Usage);

@@ -1,7 +1,6 @@
 #include "processing/detail/BeamCentre.h"
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <limits>
 #include <numbers>
@@ -282,18 +281,16 @@ BeamCentre BeamCentreFinder::besideShadow(const BeamCentre& centre, double radiu
             refine(m_roots, {centre.x, centre.y}, {r, 2.5, kConverged, kRoughError, true, kHole});
         if (wider.found() && (!halo.found() || wider.error < halo.error)) halo = wider;
     }
-    if (!halo.found()) {
-        // Nothing confirms it.
-        BeamCentre doubted = centre;
-        doubted.error = std::max(centre.error, kUnconfirmed);
-        return doubted;
+    BeamCentre result = centre;
+    if (!halo.found()) {  // nothing confirms it
+        result.error = std::max(centre.error, kUnconfirmed);
+        return result;
     }
     const double apart = std::hypot(halo.x - centre.x, halo.y - centre.y);
     const double likely = std::hypot(halo.error, centre.error);
     if (apart > kDifferent * likely) return halo;
-    BeamCentre doubted = centre;
-    if (apart > likely) doubted.error = std::max(centre.error, 0.5 * apart);
-    return doubted;
+    if (apart > likely) result.error = std::max(centre.error, 0.5 * apart);
+    return result;
 }
 
 BeamCentre BeamCentreFinder::throughStop(const BeamCentre& beside) const {
@@ -786,12 +783,26 @@ BeamCentre BeamCentreFinder::refine(const cv::Mat& image, cv::Point2d start, con
     return {};
 }
 
-std::optional<cv::Point2d> interpolatedCentre(std::span<const BeamCentre> centres, std::size_t pattern) {
+namespace {
+
+/// The nearest patterns with a centre.
+struct FoundPatterns {
     std::optional<std::size_t> before, after;
-    for (std::size_t j = pattern; j-- > 0 && !before;)
-        if (centres[j].found()) before = j;
-    for (std::size_t j = pattern + 1; j < centres.size() && !after; ++j)
-        if (centres[j].found()) after = j;
+};
+
+FoundPatterns foundAround(std::span<const BeamCentre> centres, std::size_t pattern) {
+    FoundPatterns around;
+    for (std::size_t j = pattern; j-- > 0 && !around.before;)
+        if (centres[j].found()) around.before = j;
+    for (std::size_t j = pattern + 1; j < centres.size() && !around.after; ++j)
+        if (centres[j].found()) around.after = j;
+    return around;
+}
+
+}  // namespace
+
+std::optional<cv::Point2d> interpolatedCentre(std::span<const BeamCentre> centres, std::size_t pattern) {
+    const auto [before, after] = foundAround(centres, pattern);
     if (!before && !after) return std::nullopt;
     const BeamCentre& a = centres[before ? *before : *after];
     const BeamCentre& b = centres[after ? *after : *before];
@@ -807,19 +818,19 @@ namespace {
 double errorBetween(std::span<const BeamCentre> centres, std::size_t pattern) {
     constexpr double kWander = 0.2;  // from one pattern to the next, each coordinate, pixels
     constexpr double kPartOfMove = 0.2;
-    std::array<const BeamCentre*, 2> around{};
+    const auto [before, after] = foundAround(centres, pattern);
     std::size_t nearest = centres.size();
-    for (std::size_t j = 0; j < centres.size(); ++j) {
-        if (!centres[j].found()) continue;
-        if (j < pattern || !around[1]) around[j < pattern ? 0 : 1] = &centres[j];
-        nearest = std::min(nearest, j < pattern ? pattern - j : j - pattern);
+    double worst = 0;
+    for (const std::optional<std::size_t>& one : {before, after}) {
+        if (!one) continue;
+        nearest = std::min(nearest, *one < pattern ? pattern - *one : *one - pattern);
+        worst = std::max(worst, centres[*one].error);
     }
-    double variance = kWander * kWander * static_cast<double>(nearest), worst = 0;
-    for (const BeamCentre* one : around)
-        if (one) worst = std::max(worst, one->error);
-    if (around[0] && around[1])
-        variance +=
-            std::pow(kPartOfMove * std::hypot(around[1]->x - around[0]->x, around[1]->y - around[0]->y), 2);
+    double variance = kWander * kWander * static_cast<double>(nearest);
+    if (before && after) {
+        const BeamCentre &a = centres[*before], &b = centres[*after];
+        variance += std::pow(kPartOfMove * std::hypot(b.x - a.x, b.y - a.y), 2);
+    }
     return std::sqrt(variance + worst * worst);
 }
 
