@@ -1,7 +1,7 @@
 #include "pipeline/base/SymmetricSystem.h"
 
-#include <Eigen/Eigenvalues>
 #include <limits>
+#include <opencv2/core.hpp>
 
 namespace vrk {
 
@@ -33,7 +33,12 @@ void addObservation(Eigen::MatrixXd& matrix, Eigen::VectorXd& right, const Eigen
 }
 
 double smallestEigenvalue(const Eigen::MatrixXd& matrix) {
-    return Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd>(matrix, Eigen::EigenvaluesOnly).eigenvalues()(0);
+    const auto n = static_cast<int>(matrix.rows());
+    // Symmetric, so that it does not matter which index runs fastest.
+    Eigen::MatrixXd copy = matrix;
+    cv::Mat_<double> values;
+    cv::eigen(cv::Mat_<double>(n, n, copy.data()), values);
+    return values(n - 1);
 }
 
 Eigen::MatrixXd propagated(const Eigen::MatrixXd& derivatives, const Eigen::MatrixXd& covariance) {

@@ -1,6 +1,6 @@
 #include "pipeline/geometry/TiltAxisSearch.h"
 
-#include <Eigen/Dense>
+#include <Eigen/LU>
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>

@@ -1,6 +1,5 @@
 #include "pipeline/integration/Scaling.h"
 
-#include <Eigen/Cholesky>
 #include <Eigen/Core>
 #include <Eigen/LU>
 #include <algorithm>
@@ -8,6 +7,7 @@
 #include <cmath>
 
 #include "pipeline/base/Median.h"
+#include "pipeline/base/SymmetricSystem.h"
 #include "pipeline/integration/Equivalents.h"
 
 namespace vrk {
@@ -200,7 +200,7 @@ ScaleModel Scaler::fit() {
         const MatrixXd data = normal;
         restrain(normal, right, m_model.k, 0, spread);
         restrain(normal, right, m_model.b, m_knots, decaySpread);
-        const MatrixXd inverse = normal.inverse();
+        const MatrixXd inverse = SymmetricSystem(normal).inverse();
         const VectorXd step = inverse * right;
         if (!step.allFinite()) return none;
         freedom = (data * inverse).trace();

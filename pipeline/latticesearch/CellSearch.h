@@ -2,7 +2,6 @@
 /// The automatic search for the reciprocal cell of a list of reflections.
 #pragma once
 
-#include <Eigen/Dense>
 #include <functional>
 #include <memory>
 #include <optional>

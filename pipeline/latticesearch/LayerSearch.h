@@ -2,7 +2,7 @@
 /// The vector of a lattice along which its nodes are so close that difference vectors do not tell it.
 #pragma once
 
-#include <Eigen/Dense>
+#include <Eigen/Core>
 #include <vector>
 
 #include "pipeline/latticesearch/LatticeScore.h"

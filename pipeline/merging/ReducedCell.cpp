@@ -1,6 +1,7 @@
 #include "pipeline/merging/ReducedCell.h"
 
-#include <Eigen/Dense>
+#include <Eigen/Geometry>
+#include <Eigen/LU>
 #include <algorithm>
 #include <cmath>
 #include <limits>

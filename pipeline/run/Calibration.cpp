@@ -9,6 +9,7 @@
 #include "pipeline/base/Angle.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/NumberText.h"
+#include "pipeline/base/SymmetricSystem.h"
 #include "pipeline/latticesearch/KnownCell.h"
 
 namespace vrk {
@@ -44,13 +45,13 @@ double weightedMean(const std::vector<Estimate>& estimates, double between, Mean
     MatrixXd weights = MatrixXd::Zero(size, size);
     VectorXd sum = VectorXd::Zero(size);
     const auto weightOf = [&](const Estimate& one) {
-        return MatrixXd((one.covariance + between * MatrixXd::Identity(size, size)).inverse());
+        return SymmetricSystem(one.covariance + between * MatrixXd::Identity(size, size)).inverse();
     };
     for (const Estimate& one : estimates) {
         weights += weightOf(one);
         sum += weightOf(one) * one.value;
     }
-    mean.covariance = weights.inverse();
+    mean.covariance = SymmetricSystem(weights).inverse();
     mean.value = mean.covariance * sum;
     double squares = 0.0;
     for (const Estimate& one : estimates)

@@ -1,6 +1,5 @@
 #include "crystallography/VoxVTKMath.h"
 
-#include <Eigen/Eigenvalues>
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -59,22 +58,18 @@ struct SingularValues {
 
 bool VoxVTKMath::JacobiN(const double* const* a, int n, double* w, double* const* v) {
     if (n < 1) return false;
-    Eigen::MatrixXd matrix(n, n);
-    for (int i = 0; i < n; ++i)
-        for (int j = 0; j < n; ++j)
-            matrix(i, j) = a[i][j];
-    if (!matrix.allFinite()) return false;
-    const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver(matrix);
-    if (solver.info() != Eigen::Success) return false;
+    const Matrix matrix = matrixOf(a, n, n);
+    if (!allFinite(matrix)) return false;
+    Matrix values, vectors;
+    if (!cv::eigen(matrix, values, vectors)) return false;
     for (int k = 0; k < n; ++k) {
-        // Eigen sorts in ascending order and leaves the sign of a vector open.
-        Eigen::VectorXd vector = solver.eigenvectors().col(n - 1 - k);
-        Eigen::Index largest = 0;
-        vector.cwiseAbs().maxCoeff(&largest);
-        if (vector[largest] < 0.0) vector = -vector;
-        w[k] = solver.eigenvalues()[n - 1 - k];
+        // The sign of a vector is left open.
+        const double* vector = vectors[k];
+        const double largest = *std::max_element(
+            vector, vector + n, [](double x, double y) { return std::abs(x) < std::abs(y); });
+        w[k] = values(k);
         for (int i = 0; i < n; ++i)
-            v[i][k] = vector[i];
+            v[i][k] = largest < 0.0 ? -vector[i] : vector[i];
     }
     return true;
 }
