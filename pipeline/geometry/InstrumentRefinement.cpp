@@ -166,7 +166,8 @@ private:
         right = VectorXd::Zero(size);
         MatrixXd rows(3, size);
         for (std::size_t i : m_used) {
-            const Vector3d off = place(state, i) - model * node(i);
+            const Vector3d here = place(state, i);
+            const Vector3d off = here - model * node(i);
             const double ratio = off.norm() / limit;
             if (ratio >= 1.0) continue;
             const double weight = (1.0 - ratio * ratio) * (1.0 - ratio * ratio);
@@ -175,7 +176,7 @@ private:
                 if (!used[t]) continue;
                 InstrumentModel moved = state.model;
                 moved[termOf(t)] += kStep;
-                rows.col(column++) = (moved.toReciprocal(m_places[i]) + m_centre - place(state, i)) / kStep;
+                rows.col(column++) = (moved.toReciprocal(m_places[i]) + m_centre - here) / kStep;
             }
             const Eigen::Vector4d hkl = node(i);
             rows.rightCols(state.lattice.size()).setZero();
