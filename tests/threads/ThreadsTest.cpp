@@ -20,7 +20,6 @@ namespace {
 
 using Data = std::unique_ptr<VoxMRCData>;
 
-/// Keeps what is told.
 class Listener : public vrk::Observer {
 public:
     void logged(const char* message, VRK::MessageType) override {
@@ -48,7 +47,7 @@ TEST(Workers, DoEveryItemOnceAndTellInOrder) {
     std::vector<std::atomic<int>> busy(VRK::lanes());
     std::vector<int> done(kItems, 0);
     std::size_t told = 0;
-    const bool complete = VRK::shareItems(
+    EXPECT_TRUE(VRK::shareItems(
         kItems,
         [&](std::size_t item, std::size_t lane) {
             EXPECT_EQ(busy[lane]++, 0) << "a lane does one item at a time";
@@ -63,8 +62,7 @@ TEST(Workers, DoEveryItemOnceAndTellInOrder) {
             EXPECT_EQ(listener.messages.size(), prefix) << "what is done was told";
             told = prefix;
             return true;
-        });
-    EXPECT_TRUE(complete);
+        }));
     EXPECT_EQ(done, std::vector<int>(kItems, 1));
     ASSERT_EQ(listener.messages.size(), kItems);
     for (std::size_t i = 0; i < kItems; ++i)
@@ -107,8 +105,7 @@ TEST(Workers, LeaveTheWorkToThoseOfTheirThread) {
         EXPECT_EQ(VRK::lanes(), 3u);
     }
     EXPECT_EQ(VRK::lanes(), 3u);
-    std::thread other([] { EXPECT_EQ(VRK::lanes(), 1u) << "of this thread alone"; });
-    other.join();
+    const std::jthread other([] { EXPECT_EQ(VRK::lanes(), 1u) << "of this thread alone"; });
 }
 
 TEST(Workers, DoWorkBesideTheirThread) {
@@ -188,13 +185,11 @@ TEST(SharedPatterns, GiveTheFilesAndMessagesOfOneThread) {
     for (const int jobs : {2, 5}) {
         const vrk::Workers workers(jobs);
         const Chain shared(*series, file);
-        ASSERT_EQ(shared.results.size(), alone.results.size());
         for (std::size_t i = 0; i < alone.results.size(); ++i)
             expectSame(*alone.results[i].second, *shared.results[i].second, alone.results[i].first);
-        for (std::size_t i = 0; i < alone.centres.size(); ++i) {
-            EXPECT_EQ(shared.centres[i].x, alone.centres[i].x);
-            EXPECT_EQ(shared.centres[i].y, alone.centres[i].y);
-        }
+        for (std::size_t i = 0; i < alone.centres.size(); ++i)
+            EXPECT_EQ(std::tuple(shared.centres[i].x, shared.centres[i].y),
+                      std::tuple(alone.centres[i].x, alone.centres[i].y));
         EXPECT_EQ(shared.messages, alone.messages);
     }
 }
