@@ -6,7 +6,8 @@ that threads share, all in processor time, which other programs on the machine d
     parallel_plan.py result/summary.json
 
 A loop on n cores takes its work divided by n, but never less than its longest item, and on average half an item more than the
-even share because its last items do not end together. Memory that all cores share and processes that draw plots are not in it.
+even share because its last items do not end together. A loop of one item is work that a second core does beside what is done
+alone. Memory that all cores share and processes that draw plots are not in it.
 """
 
 import json
@@ -26,11 +27,14 @@ def main():
     profile = json.load(open(sys.argv[1]))["profile"]
     loops, alone = profile["loops"], profile["seconds_alone"]
     shared = sum(loop["seconds"] for loop in loops)
+    beside = sum(loop["seconds"] for loop in loops if loop["items"] == 1)
+    loops = [loop for loop in loops if loop["items"] != 1]
     print(f"alone {alone:.2f} s, shared {shared:.2f} s in {len(loops)} loops: {100 * shared / (alone + shared):.1f} % shared\n")
     print("| cores | seconds | times as fast |\n|---|---|---|")
     one = alone + shared
     for cores in (1, 2, 3, 4, 6, 8, 12, 16):
         seconds = alone + sum(loop_seconds(loop, cores) for loop in loops)
+        seconds += beside if cores == 1 else max(beside - alone, 0.0)
         print(f"| {cores} | {seconds:.2f} | {one / seconds:.2f} |")
 
 

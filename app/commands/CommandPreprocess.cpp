@@ -172,8 +172,8 @@ void runPreprocessCommand(const PreprocessArguments& options, Host& host) {
         throw Failure("the result would replace the series " + options.series + "; give -o another name",
                       FailureKind::Usage);
     std::unique_ptr<VoxMRCData> series = readSeries(options.series, host.session());
-    requireMemoryForSeries(series->m_Header, 1);
     const Workers workers(options.jobs);
+    requireMemoryForSeries(series->m_Header, 1);
     Preprocessing work(host, std::move(series));
     process(options, work, host.session());
     writeData(work.series(), options.output, host.session());

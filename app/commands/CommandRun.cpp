@@ -83,10 +83,11 @@ Failure failureOf(const Failure& failure, const RunArguments& options, const Run
     return Failure(text, failure.kind());
 }
 
-/// What a profile is made of beside the result.
+/// What is known beside the result.
 struct Measured {
     const Workers& workers;
     double copyRate;  ///< 0 when nobody asks
+    Workers::Aside& checksums;
 };
 
 /// Writes all files, the summary last. \returns its text
@@ -101,6 +102,7 @@ std::string writeResults(const RunArguments& options, RunRecord& record, const R
     host.session().checkCanceled();
     if (options.pictures) drawRunPictures(result, options.series.filename().string(), folder);
     host.session().checkCanceled();
+    measured.checksums.finish();
     refuseChanged(record.inputs);
     if (options.profile) record.profile = profileOf(result, measured.workers, measured.copyRate);
     std::string summary =
@@ -132,9 +134,11 @@ void runSeries(const RunArguments& options, const std::string& given, const std:
     try {
         RunRecord record = {
             commandText, options.series,
-            recordFiles({options.series, options.distortion, choices.fineCalibration, choices.centre.file})};
+            recordStates({options.series, options.distortion, choices.fineCalibration, choices.centre.file})};
+        Workers::Aside checksums([&](std::size_t, std::size_t) { addChecksums(record.inputs); });
         const RunResult result = run(options.series, choices, host.session(), &remains);
-        const std::string summary = writeResults(options, record, result, {workers, copyRate}, results, host);
+        const std::string summary =
+            writeResults(options, record, result, {workers, copyRate, checksums}, results, host);
         if (options.json)
             host.out() << summary << '\n';
         else

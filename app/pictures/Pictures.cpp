@@ -86,25 +86,28 @@ std::vector<fs::path> draw(const ReciprocalSection& section, const SectionOption
 
 /// \param perPixel  voxels of the volume along the edge of one of the image
 template <typename Data>
-std::vector<fs::path> project(const Data& data, double perPixel, const SectionOptions& options,
+std::vector<fs::path> project(const Data& data, int axis, double perPixel, const SectionOptions& options,
                               const PictureNotes& notes, const fs::path& folder) {
-    static constexpr std::array<const char*, 3> kNames = {"projection_x", "projection_y", "projection_z"};
-    std::array<std::vector<fs::path>, kNames.size()> files;
-    VRK::shareItems(kNames.size(), [&](std::size_t number, std::size_t) {
-        const auto axis = static_cast<int>(number);
-        std::vector<fs::path>& written = files[number];
-        const PlaneImage image = VolumeProjection::maximumAlong(data, axis);
-        PictureSheet sheet(image, options.size);
-        sheet.setScale(
-            {sheet.x(0.5 * (image.width - 1)), sheet.y(0.5 * (image.height - 1)), perPixel / sheet.zoom()},
-            notes.pixelSize);
-        const ImageOverlay axes = VolumeProjection::axesOf(sheet.panel(), axis, 0.5 * sheet.barLength());
-        sheet.overlay().lines = axes.lines;
-        sheet.describe(axes.title, notes);
-        written.push_back(folder / (std::string(kNames[number]) + ".png"));
-        sheet.save(written.back());
-        if (options.tga) saveTga(image, written.back(), written);
-    });
+    const PlaneImage image = VolumeProjection::maximumAlong(data, axis);
+    PictureSheet sheet(image, options.size);
+    sheet.setScale(
+        {sheet.x(0.5 * (image.width - 1)), sheet.y(0.5 * (image.height - 1)), perPixel / sheet.zoom()},
+        notes.pixelSize);
+    const ImageOverlay axes = VolumeProjection::axesOf(sheet.panel(), axis, 0.5 * sheet.barLength());
+    sheet.overlay().lines = axes.lines;
+    sheet.describe(axes.title, notes);
+    std::vector<fs::path> written = {folder / (std::string("projection_") + "xyz"[axis] + ".png")};
+    sheet.save(written.back());
+    if (options.tga) saveTga(image, written.back(), written);
+    return written;
+}
+
+/// \param draw  draws the projection along an axis
+template <typename Draw>
+std::vector<fs::path> alongAllAxes(Draw draw) {
+    std::array<std::vector<fs::path>, 3> files;
+    VRK::shareItems(files.size(),
+                    [&](std::size_t axis, std::size_t) { files[axis] = draw(static_cast<int>(axis)); });
     return joined(files);
 }
 
@@ -134,14 +137,20 @@ std::vector<fs::path> writeSections(const VoxVolumeData& view, const UnitCell& c
     return draw(ReciprocalSection(view, cell), options, notes, folder);
 }
 
+std::vector<fs::path> writeProjection(const VoxMRCData& volume, int axis, const SectionOptions& options,
+                                      const PictureNotes& notes, const fs::path& folder) {
+    return project(volume, axis, 1.0, options, notes, folder);
+}
+
 std::vector<fs::path> writeProjections(const VoxMRCData& volume, const SectionOptions& options,
                                        const PictureNotes& notes, const fs::path& folder) {
-    return project(volume, 1.0, options, notes, folder);
+    return alongAllAxes([&](int axis) { return writeProjection(volume, axis, options, notes, folder); });
 }
 
 std::vector<fs::path> writeProjections(const VoxVolumeData& view, const SectionOptions& options,
                                        const PictureNotes& notes, const fs::path& folder) {
-    return project(view, view.reduction(), options, notes, folder);
+    return alongAllAxes(
+        [&](int axis) { return project(view, axis, view.reduction(), options, notes, folder); });
 }
 
 void writePattern(const VoxMRCData& series, int slice, std::optional<double> axis, const std::string& source,

@@ -54,6 +54,11 @@ std::vector<std::filesystem::path> writeProjections(const VoxVolumeData& view, c
                                                     const PictureNotes& notes,
                                                     const std::filesystem::path& folder);
 
+/// One of them. \param axis  0 to 2, along which it looks
+std::vector<std::filesystem::path> writeProjection(const VoxMRCData& volume, int axis,
+                                                   const SectionOptions& options, const PictureNotes& notes,
+                                                   const std::filesystem::path& folder);
+
 /// Draws one pattern of a series with the pixel frame's x and y in a corner and an arrow along the tilt axis
 /// through the middle. Throws Failure when the picture cannot be written.
 /// \param axis    degrees, along (-sin t, cos t); not drawn when absent

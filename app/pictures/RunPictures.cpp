@@ -2,6 +2,7 @@
 
 #include <array>
 #include <functional>
+#include <string>
 #include <vector>
 
 #include "foundation/SharedLoop.h"
@@ -47,21 +48,10 @@ PictureNotes notesOf(const RunResult& result, const std::string& source) {
 void drawRunPictures(const RunResult& result, const std::string& source,
                      const std::filesystem::path& folder) {
     const PictureNotes notes = notesOf(result, source);
-    writeSections(*result.volume.voxels, result.indexed.conventionalCell(), SectionOptions(), notes, folder);
-    writeProjections(*result.volume.voxels, SectionOptions(), notes, folder);
     const std::filesystem::path plots = folder / "plots";
     makeFolder(plots);
-    const bool hasIntensities = result.intensities && result.counts.frames;
-    if (hasIntensities) writeSpotPictures(result, notes, folder);
+    // Those that take longest first.
     std::vector<std::function<void()>> pictures = {
-        [&] {
-            writeDifferenceVectorPicture(flatPoints(result.indexed.level, result.volume, nullptr),
-                                         result.lattice.best.lattice, result.lattice.best.trial.maxLength,
-                                         notes, folder / "difference_vectors.png");
-        },
-        [&] {
-            writeCentrePicture(result.volume.tilts, result.volume.centres, source, folder / "centres.png");
-        },
         [&] {
             IndicateWithHKL::generateEvaluationPlot(conventionallyIndexed(result.indexed).get(),
                                                     plots.string());
@@ -69,7 +59,26 @@ void drawRunPictures(const RunResult& result, const std::string& source,
         [&] {
             IndicateWithHKL::generateHKLplot(conventionallyIndexed(result.indexed).get(), plots.string());
         }};
-    if (hasIntensities) pictures.emplace_back([&] { writeIntensityPlots(*result.intensities, plots); });
+    if (result.intensities && result.counts.frames) {
+        pictures.emplace_back([&] { writeIntensityPlots(*result.intensities, plots); });
+        for (const std::size_t frame : framesToDraw(result))
+            pictures.emplace_back([&, frame] { writeSpotPicture(result, notes, frame, folder); });
+    }
+    const VoxMRCData& volume = *result.volume.voxels;
+    for (const std::string& plane : SectionOptions().planes)
+        pictures.emplace_back([&, plane] {
+            writeSections(volume, result.indexed.conventionalCell(), {.planes = {plane}}, notes, folder);
+        });
+    for (const int axis : {0, 1, 2})
+        pictures.emplace_back([&, axis] { writeProjection(volume, axis, SectionOptions(), notes, folder); });
+    pictures.emplace_back([&] {
+        writeDifferenceVectorPicture(flatPoints(result.indexed.level, result.volume, nullptr),
+                                     result.lattice.best.lattice, result.lattice.best.trial.maxLength, notes,
+                                     folder / "difference_vectors.png");
+    });
+    pictures.emplace_back([&] {
+        writeCentrePicture(result.volume.tilts, result.volume.centres, source, folder / "centres.png");
+    });
     VRK::shareItems(pictures.size(), [&](std::size_t i, std::size_t) { pictures[i](); });
 }
 

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 
-#include "foundation/SharedLoop.h"
 #include "pipeline/base/Angle.h"
 #include "pipeline/base/NumberText.h"
 
@@ -28,8 +27,10 @@ PlaneImage withoutHalo(const VoxMRCData& frames, std::size_t frame, const Radial
     return image;
 }
 
-void drawFrame(const RunResult& result, const PictureNotes& notes, std::size_t frame,
-               const std::filesystem::path& path) {
+}  // namespace
+
+void writeSpotPicture(const RunResult& result, const PictureNotes& notes, std::size_t frame,
+                      const std::filesystem::path& folder) {
     const IntegrationResult& integration = result.intensities->integration;
     const SeriesGeometry& geometry = integration.fit.geometry;
     const FramePose& pose = geometry.frames[frame];
@@ -52,22 +53,15 @@ void drawFrame(const RunResult& result, const PictureNotes& notes, std::size_t f
     sheet.setScale({centreX, centreY, 1.0 / sheet.zoom()}, notes.pixelSize);
     sheet.describe(formatted("frame %zu, tilt %.2f\u00b0", frame + 1, pose.tilt / kDegree), notes,
                    "rings: spots that the refined geometry predicts; crosses: spots that were observed");
-    sheet.save(path);
+    sheet.save(folder / formatted("frame_%03zu.png", frame + 1));
 }
 
-}  // namespace
-
-std::vector<std::filesystem::path> writeSpotPictures(const RunResult& result, const PictureNotes& notes,
-                                                     const std::filesystem::path& folder) {
+std::vector<std::size_t> framesToDraw(const RunResult& result) {
     const std::size_t count = result.intensities->integration.fit.geometry.frames.size();
-    const std::size_t drawn = std::min(kFrames, count);
-    std::vector<std::filesystem::path> written(drawn);
-    VRK::shareItems(drawn, [&](std::size_t i, std::size_t) {
-        const std::size_t frame = (2 * i + 1) * count / (2 * drawn);
-        written[i] = folder / formatted("frame_%03zu.png", frame + 1);
-        drawFrame(result, notes, frame, written[i]);
-    });
-    return written;
+    std::vector<std::size_t> frames(std::min(kFrames, count));
+    for (std::size_t i = 0; i < frames.size(); ++i)
+        frames[i] = (2 * i + 1) * count / (2 * frames.size());
+    return frames;
 }
 
 }  // namespace vrk::app

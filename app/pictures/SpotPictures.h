@@ -2,6 +2,7 @@
 /// Frames with the spots that the geometry puts on them.
 #pragma once
 
+#include <cstddef>
 #include <filesystem>
 #include <vector>
 
@@ -10,11 +11,14 @@
 
 namespace vrk::app {
 
-/// Writes frame_001.png, ... (counted from 1) of a few frames spread over the series: rings where the refined
-/// geometry predicts a spot, crosses where spots were observed, and an arrow along the tilt axis from the
-/// direct beam. \param result  with intensities and the frames they were measured on \returns the paths.
-/// Throws Failure when one cannot be written.
-std::vector<std::filesystem::path> writeSpotPictures(const RunResult& result, const PictureNotes& notes,
-                                                     const std::filesystem::path& folder);
+/// A few frames spread over the series.
+std::vector<std::size_t> framesToDraw(const RunResult& result);
+
+/// Writes the picture of a frame, as frame_001.png (counted from 1): rings where the refined geometry
+/// predicts a spot, crosses where spots were observed, and an arrow along the tilt axis from the direct beam.
+/// Throws Failure when it cannot be written. \param result  with intensities and the frames they were
+/// measured on
+void writeSpotPicture(const RunResult& result, const PictureNotes& notes, std::size_t frame,
+                      const std::filesystem::path& folder);
 
 }  // namespace vrk::app

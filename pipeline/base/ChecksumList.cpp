@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <fstream>
 
+#include "foundation/SharedLoop.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/FileChecksum.h"
 #include "pipeline/base/OutputFile.h"
@@ -79,10 +80,14 @@ std::vector<ChecksumLine> checksumsIn(const fs::path& folder) {
         if (!entry->is_regular_file()) continue;
         const std::string name = entry->path().lexically_relative(folder).generic_string();
         if (name == kChecksumFile) continue;
-        const FileChecksum checksum = checksumOf(entry->path());
-        lines.push_back({name, checksum.sha256, checksum.bytes});
+        lines.push_back({name, {}, 0});
     }
     if (error) throw Failure("cannot read the folder " + folder.string() + ": " + error.message());
+    VRK::shareItems(lines.size(), [&](std::size_t i, std::size_t) {
+        const FileChecksum checksum = checksumOf(folder / lines[i].name);
+        lines[i].sha256 = checksum.sha256;
+        lines[i].bytes = checksum.bytes;
+    });
     std::sort(lines.begin(), lines.end(), [](const auto& a, const auto& b) { return a.name < b.name; });
     return lines;
 }

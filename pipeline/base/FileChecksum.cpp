@@ -107,17 +107,27 @@ void refuseChanged(const std::filesystem::path& path, const FileState& state) {
         "complete");
 }
 
-std::vector<RecordedFile> recordFiles(const std::vector<std::filesystem::path>& paths) {
+std::vector<RecordedFile> recordStates(const std::vector<std::filesystem::path>& paths) {
     std::vector<RecordedFile> files;
     for (const std::filesystem::path& path : paths) {
         std::error_code none;
         const bool isThere =
             std::filesystem::is_regular_file(path, none) || std::filesystem::is_directory(path, none);
-        if (!isThere) continue;
-        const FileState state = stateOf(path);
-        files.push_back({path, checksumOf(path), state});
-        refuseChanged(path, state);
+        if (isThere) files.push_back({path, {}, stateOf(path)});
     }
+    return files;
+}
+
+void addChecksums(std::vector<RecordedFile>& files) {
+    for (RecordedFile& file : files) {
+        file.checksum = checksumOf(file.path);
+        refuseChanged(file.path, file.state);
+    }
+}
+
+std::vector<RecordedFile> recordFiles(const std::vector<std::filesystem::path>& paths) {
+    std::vector<RecordedFile> files = recordStates(paths);
+    addChecksums(files);
     return files;
 }
 

@@ -41,6 +41,12 @@ struct RecordedFile {
     FileState state;
 };
 
+/// What is there, without checksums; names without a file, and empty ones, are left out.
+std::vector<RecordedFile> recordStates(const std::vector<std::filesystem::path>& paths);
+
+/// Throws Failure when a file cannot be read, or is not as it was when its state was recorded.
+void addChecksums(std::vector<RecordedFile>& files);
+
 /// Checksums of what is there; names without a file, and empty ones, are left out. Throws Failure when one
 /// cannot be read, or changes meanwhile.
 std::vector<RecordedFile> recordFiles(const std::vector<std::filesystem::path>& paths);

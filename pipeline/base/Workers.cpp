@@ -69,10 +69,17 @@ double Workers::secondsAlone() const {
     return threadSeconds() - m_start - m_inItems;
 }
 
+Workers::Loop* Workers::waiting() const {
+    if (m_loop && m_loop->hasNext()) return m_loop;
+    const auto aside =
+        std::find_if(m_asides.begin(), m_asides.end(), [](const Loop* loop) { return loop->hasNext(); });
+    return aside == m_asides.end() ? nullptr : *aside;
+}
+
 void Workers::serve(const std::stop_token& stop, std::size_t lane) {
     std::unique_lock lock(m_mutex);
-    while (m_wake.wait(lock, stop, [this] { return m_loop && m_loop->hasNext(); }))
-        doNext(*m_loop, lane, lock);
+    while (m_wake.wait(lock, stop, [this] { return waiting() != nullptr; }))
+        doNext(*waiting(), lane, lock);
 }
 
 void Workers::doNext(Loop& loop, std::size_t lane, std::unique_lock<std::mutex>& lock) {
@@ -149,6 +156,32 @@ bool Workers::share(std::size_t items, const Work& work, const Progress& progres
     m_loops.push_back(loop.cost);
     if (failure) std::rethrow_exception(failure);
     return loop.done == items;
+}
+
+Workers::Aside::Aside(Work work)
+    : m_work(std::move(work)), m_workers(dynamic_cast<Workers*>(WorkSharing::ofThisThread())) {
+    if (!m_workers) return;
+    m_loop = std::make_unique<Loop>(1, m_work);
+    const std::lock_guard lock(m_workers->m_mutex);
+    m_workers->m_asides.push_back(m_loop.get());
+    m_workers->m_wake.notify_one();
+}
+
+Workers::Aside::~Aside() {
+    if (!m_loop) return;
+    std::unique_lock lock(m_workers->m_mutex);
+    std::erase(m_workers->m_asides, m_loop.get());
+    m_workers->m_changed.wait(lock, [this] { return m_loop->busy == 0; });
+}
+
+void Workers::Aside::finish() {
+    if (!m_workers) return m_work(0, 0);
+    std::unique_lock lock(m_workers->m_mutex);
+    if (m_loop->hasNext()) m_workers->doNext(*m_loop, 0, lock);
+    m_workers->m_changed.wait(lock, [this] { return m_loop->busy == 0; });
+    m_loop->cost.items = 1;
+    m_workers->m_loops.push_back(m_loop->cost);
+    m_workers->attend(*m_loop, lock);
 }
 
 }  // namespace vrk

@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <exception>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -35,6 +36,8 @@ public:
     std::size_t lanes() const override { return m_threads.size() + 1; }
     bool share(std::size_t items, const Work& work, const Progress& progress) override;
 
+    class Aside;
+
     /// Cores that the process may use, at least 1.
     static int cores();
 
@@ -48,6 +51,8 @@ private:
     struct Loop;
 
     void serve(const std::stop_token& stop, std::size_t lane);
+    /// The loop whose next item a worker does; null when there is none.
+    Loop* waiting() const;
     /// Does the next item of the loop. \param lock  of m_mutex; released while the item is worked on
     void doNext(Loop& loop, std::size_t lane, std::unique_lock<std::mutex>& lock);
     void attend(Loop& loop, std::unique_lock<std::mutex>& lock);
@@ -56,11 +61,32 @@ private:
     std::condition_variable_any m_wake;
     std::condition_variable m_changed;  ///< an item of the loop is done
     Loop* m_loop = nullptr;
+    std::vector<Loop*> m_asides;  ///< of one item each, which workers do when the loop needs them no more
     std::vector<SharedLoopCost> m_loops;
     double m_start;          ///< of the thread that made the workers, seconds of processor time
     double m_inItems = 0.0;  ///< of that thread
     VRK::SharedWork m_lent;
     std::vector<std::jthread> m_threads;
+};
+
+/// Work that a thread goes on without until it needs what comes of it. A worker of the thread does it when no
+/// loop needs it; where none came to it, it is done when it is asked for.
+class Workers::Aside {
+public:
+    explicit Aside(Work work);
+    /// Work that was begun is waited for, its failure forgotten; work that was not begun is left out.
+    ~Aside();
+    Aside(const Aside&) = delete;
+    Aside& operator=(const Aside&) = delete;
+
+    /// Returns when it is done, and tells what it logged. Throws what it threw. To be called once, in the
+    /// thread that made it.
+    void finish();
+
+private:
+    Work m_work;
+    Workers* m_workers;  ///< null: none
+    std::unique_ptr<Loop> m_loop;
 };
 
 }  // namespace vrk

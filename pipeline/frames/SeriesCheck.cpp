@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "foundation/SharedLoop.h"
 #include "pipeline/base/Failure.h"
 
 namespace vrk {
@@ -104,12 +106,14 @@ std::unique_ptr<VoxMRCData> select(const VoxMRCData& series, const std::vector<R
 }
 
 void warnOfOddities(const VoxMRCData& series, const std::vector<RecordedFrame>& frames, Session& session) {
-    const auto saturated = std::count_if(frames.begin(), frames.end(), [&](const RecordedFrame& frame) {
-        const short* pixels = series.GetChunkPointer(static_cast<unsigned>(frame.slice));
+    std::vector<std::uint8_t> isSaturated(frames.size(), 0);
+    VRK::shareItems(frames.size(), [&](std::size_t i, std::size_t) {
+        const short* pixels = series.GetChunkPointer(static_cast<unsigned>(frames[i].slice));
         // A saturated direct beam is usual, a saturated pattern is not.
-        return std::count(pixels, pixels + series.GetChunkSize(), short{32767}) >
-               static_cast<std::ptrdiff_t>(series.GetChunkSize() / 100);
+        isSaturated[i] = std::count(pixels, pixels + series.GetChunkSize(), short{32767}) >
+                         static_cast<std::ptrdiff_t>(series.GetChunkSize() / 100);
     });
+    const auto saturated = std::count(isSaturated.begin(), isSaturated.end(), 1);
     if (saturated > 0)
         session.warn(
             std::to_string(saturated) +

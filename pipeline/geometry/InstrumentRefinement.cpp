@@ -6,7 +6,9 @@
 #include <cmath>
 #include <limits>
 #include <numbers>
+#include <optional>
 
+#include "foundation/SharedLoop.h"
 #include "pipeline/base/Median.h"
 #include "pipeline/base/SymmetricSystem.h"
 
@@ -164,7 +166,8 @@ private:
         right = VectorXd::Zero(size);
         MatrixXd rows(3, size);
         for (std::size_t i : m_used) {
-            const Vector3d off = place(state, i) - model * node(i);
+            const Vector3d here = place(state, i);
+            const Vector3d off = here - model * node(i);
             const double ratio = off.norm() / limit;
             if (ratio >= 1.0) continue;
             const double weight = (1.0 - ratio * ratio) * (1.0 - ratio * ratio);
@@ -173,7 +176,7 @@ private:
                 if (!used[t]) continue;
                 InstrumentModel moved = state.model;
                 moved[termOf(t)] += kStep;
-                rows.col(column++) = (moved.toReciprocal(m_places[i]) + m_centre - place(state, i)) / kStep;
+                rows.col(column++) = (moved.toReciprocal(m_places[i]) + m_centre - here) / kStep;
             }
             const Eigen::Vector4d hkl = node(i);
             rows.rightCols(state.lattice.size()).setZero();
@@ -281,38 +284,50 @@ double gainOf(const Fit& fit, const State& state, const State& trial, std::size_
            0.5 * static_cast<double>(numbers) * std::log(count);
 }
 
+/// A state with more terms, and what they gain; 0 where they are not to be told from the rest, or move
+/// nothing.
+struct Trial {
+    State state;
+    double gain = 0.0;
+};
+
+Trial trialWith(Fit fit, const State& state, const Terms& terms, const std::vector<InstrumentTerm>& more) {
+    Trial trial{fit.refined(state, terms)};
+    std::size_t numbers = more.size();
+    if (more.front() == InstrumentTerm::EllipseCosine && !areDistinct(fit, trial.state, terms)) {
+        // An ellipse along a direction of the crystal stretches the cell within its ties.
+        State held = state;
+        held.held = leastDetermined(fit, trial.state, terms);
+        trial.state = fit.refined(held, terms);
+        numbers = 1;
+    }
+    const double gain = gainOf(fit, state, trial.state, numbers);
+    const bool matters = std::any_of(more.begin(), more.end(), [&](InstrumentTerm term) {
+        return fit.shiftOf(trial.state, term) > kLeastShift;
+    });
+    if (matters && gain > 0.0 && areDistinct(fit, trial.state, terms)) trial.gain = gain;
+    return trial;
+}
+
 /// Takes in the terms that earn it, the best first; then, where all are wanted, the others that can be told
 /// from the rest.
 State select(Fit& fit, State state, const InstrumentSettings& settings, Terms& used) {
     std::vector<std::vector<InstrumentTerm>> left = candidates(settings);
     while (!left.empty()) {
-        State best = state;
-        double bestGain = 0.0;
-        std::size_t chosen = left.size();
-        for (std::size_t i = 0; i < left.size(); ++i) {
-            const Terms trialTerms = withTerms(used, left[i]);
-            State trial = fit.refined(state, trialTerms);
-            std::size_t numbers = left[i].size();
-            if (left[i].front() == InstrumentTerm::EllipseCosine && !areDistinct(fit, trial, trialTerms)) {
-                // An ellipse along a direction of the crystal stretches the cell within its ties.
-                State held = state;
-                held.held = leastDetermined(fit, trial, trialTerms);
-                trial = fit.refined(held, trialTerms);
-                numbers = 1;
-            }
-            const double gain = gainOf(fit, state, trial, numbers);
-            const bool matters = std::any_of(left[i].begin(), left[i].end(), [&](InstrumentTerm term) {
-                return fit.shiftOf(trial, term) > kLeastShift;
-            });
-            if (!matters || !(gain > bestGain) || !areDistinct(fit, trial, trialTerms)) continue;
-            best = trial;
-            bestGain = gain;
-            chosen = i;
-        }
-        if (chosen == left.size()) break;
-        used = withTerms(used, left[chosen]);
-        left.erase(left.begin() + static_cast<std::ptrdiff_t>(chosen));
-        state = best;
+        std::vector<std::optional<Trial>> trials(left.size());
+        // The ellipse, which comes last, takes longest.
+        VRK::shareItems(left.size(), [&](std::size_t item, std::size_t) {
+            const std::size_t i = left.size() - 1 - item;
+            trials[i] = trialWith(fit, state, withTerms(used, left[i]), left[i]);
+        });
+        const auto best =
+            std::max_element(trials.begin(), trials.end(),
+                             [](const auto& one, const auto& other) { return one->gain < other->gain; });
+        if (!((*best)->gain > 0.0)) break;
+        const auto chosen = left.begin() + (best - trials.begin());
+        used = withTerms(used, *chosen);
+        left.erase(chosen);
+        state = (*best)->state;
     }
     for (const std::vector<InstrumentTerm>& group : left) {
         if (!settings.allTerms) break;

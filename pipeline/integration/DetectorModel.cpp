@@ -64,21 +64,39 @@ BlockStatistics statisticsOf(const FrameStack& stack, const short* frame, int le
 
 }  // namespace
 
+std::vector<short> highestCounts(std::span<const std::span<const short>> frames) {
+    std::vector<short> highest(frames.size(), std::numeric_limits<short>::min());
+    VRK::shareItems(frames.size(), [&](std::size_t f, std::size_t) {
+        short most = highest[f];
+        for (const short value : frames[f])
+            most = std::max(most, value);
+        highest[f] = most;
+    });
+    return highest;
+}
+
 int saturationOf(const FrameStack& stack) {
     if (stack.frames.empty()) return 0;
-    std::vector<short> highestOf(stack.frames.size(), 0);
-    VRK::shareItems(highestOf.size(), [&](std::size_t f, std::size_t) {
-        highestOf[f] = *std::max_element(stack.frames[f].begin(), stack.frames[f].end());
-    });
+    const std::vector<short> highestOf = highestCounts(stack.frames);
     const short highest = std::max<short>(*std::max_element(highestOf.begin(), highestOf.end()), 0);
-    const double near = 0.97 * highest;
-    std::size_t at = 0, below = 0;
-    for (std::size_t f = 0; f < highestOf.size(); ++f) {
-        if (highestOf[f] < near) continue;
+    const auto near = static_cast<short>(std::ceil(0.97 * highest));
+    struct Counted {
+        std::uint32_t at = 0, near = 0;
+    };
+    std::vector<Counted> counted(highestOf.size());
+    VRK::shareItems(highestOf.size(), [&](std::size_t f, std::size_t) {
+        if (highestOf[f] < near) return;
+        Counted frame;
         for (const short value : stack.frames[f]) {
-            if (value < near) continue;
-            ++(value == highest ? at : below);
+            frame.at += value == highest ? 1U : 0U;
+            frame.near += value >= near ? 1U : 0U;
         }
+        counted[f] = frame;
+    });
+    std::size_t at = 0, below = 0;
+    for (const Counted& frame : counted) {
+        at += frame.at;
+        below += frame.near - frame.at;
     }
     return highest > 50 && at > 10 + 3 * below ? highest : 0;
 }
@@ -88,11 +106,14 @@ std::vector<std::uint8_t> deadPixels(const FrameStack& stack, std::span<const Fr
     if (stack.frames.size() < kFramesForDead) return {};
     std::vector<short> lowest(stack.frames[0].begin(), stack.frames[0].end());
     std::vector<short> highest = lowest;
-    for (const std::span<const short> frame : stack.frames)
-        for (std::size_t i = 0; i < frame.size(); ++i) {
-            lowest[i] = std::min(lowest[i], frame[i]);
-            highest[i] = std::max(highest[i], frame[i]);
-        }
+    const auto width = static_cast<std::size_t>(stack.width);
+    VRK::shareItems(static_cast<std::size_t>(stack.height), [&](std::size_t row, std::size_t) {
+        for (const std::span<const short> frame : stack.frames)
+            for (std::size_t i = row * width; i < (row + 1) * width; ++i) {
+                lowest[i] = std::min(lowest[i], frame[i]);
+                highest[i] = std::max(highest[i], frame[i]);
+            }
+    });
     const FramePose& pose = poses[poses.size() / 2];
     std::vector<std::uint8_t> dead(stack.pixels(), 0);
     bool any = false;

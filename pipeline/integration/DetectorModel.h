@@ -13,6 +13,9 @@
 
 namespace vrk {
 
+/// The highest count of each frame.
+std::vector<short> highestCounts(std::span<const std::span<const short>> frames);
+
 /// The count at which pixels saturate: the highest value of the series, when so many pixels have it and so
 /// few come close that they must have been cut there. 0 when nothing is saturated.
 int saturationOf(const FrameStack& stack);

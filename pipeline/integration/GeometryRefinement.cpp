@@ -80,15 +80,17 @@ double tukey(double square) {
 /// normal ones. \p leverage multiplies it for each deviation.
 double extraVariance(const std::vector<double>& squares, const std::vector<double>& variances,
                      const std::vector<double>& leverages) {
+    if (squares.empty()) return 0;
     double low = 0, high = 0;
     for (std::size_t i = 0; i < squares.size(); ++i)
         if (leverages[i] > 0) high = std::max(high, squares[i] / leverages[i]);
-    std::vector<double> relative(squares.size());
     for (int step = 0; step < 40; ++step) {
         const double middle = step == 0 ? 0 : 0.5 * (low + high);
+        std::size_t small = 0;
         for (std::size_t i = 0; i < squares.size(); ++i)
-            relative[i] = squares[i] / (variances[i] + middle * leverages[i]);
-        const bool enough = medianOf(relative) <= kMedianSquare;
+            small += squares[i] / (variances[i] + middle * leverages[i]) <= kMedianSquare ? 1U : 0U;
+        // Whether the median is one of them.
+        const bool enough = small > squares.size() / 2;
         if (step == 0 && enough) return 0;
         (enough ? high : low) = middle;
     }

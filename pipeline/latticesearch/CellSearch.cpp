@@ -6,6 +6,7 @@
 #include <numbers>
 #include <numeric>
 
+#include "foundation/SharedLoop.h"
 #include "pipeline/latticesearch/LatticeFit.h"
 #include "pipeline/latticesearch/LayerSearch.h"
 
@@ -184,15 +185,16 @@ void addPeriodicBases(const Points& judges, std::vector<LatticeCandidate>& candi
 double neighbourDistance(const Points& points, std::size_t k) {
     if (points.size() <= k) return 0.0;
     const std::size_t step = std::max<std::size_t>(1, points.size() / 300);
-    std::vector<double> kth;
-    std::vector<double> squares(points.size());
-    for (std::size_t i = 0; i < points.size(); i += step) {
+    std::vector<double> kth((points.size() + step - 1) / step);
+    VRK::PerLane<std::vector<double>> squaresOf([&] { return std::vector<double>(points.size()); });
+    VRK::shareItems(kth.size(), [&](std::size_t item, std::size_t lane) {
+        std::vector<double>& squares = squaresOf[lane];
         for (std::size_t j = 0; j < points.size(); ++j)
-            squares[j] = (points[j] - points[i]).squaredNorm();
+            squares[j] = (points[j] - points[item * step]).squaredNorm();
         // The point itself is the nearest.
         std::nth_element(squares.begin(), squares.begin() + static_cast<std::ptrdiff_t>(k), squares.end());
-        kth.push_back(std::sqrt(squares[k]));
-    }
+        kth[item] = std::sqrt(squares[k]);
+    });
     const auto middle = kth.begin() + static_cast<std::ptrdiff_t>(kth.size() / 2);
     std::nth_element(kth.begin(), middle, kth.end());
     return *middle;

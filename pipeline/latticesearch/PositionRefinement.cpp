@@ -6,6 +6,7 @@
 #include <cmath>
 #include <limits>
 
+#include "foundation/SharedLoop.h"
 #include "indexing/EwaldCurvature.h"
 
 namespace vrk {
@@ -115,9 +116,11 @@ std::optional<RefinedPositions> refinePositions(std::span<const Eigen::Vector3d>
     const std::vector<FitPoint> found = fitPointsAt(positions);
 
     std::array<Attempt, 2> attempts;
-    attempts[0] = attempt(found, tilts, start, curvature, +1, settings.tolerance, settings.ties);
-    attempts[1] =
-        curved ? attempt(found, tilts, start, curvature, -1, settings.tolerance, settings.ties) : attempts[0];
+    VRK::shareItems(curved ? 2 : 1, [&](std::size_t i, std::size_t) {
+        attempts[i] =
+            attempt(found, tilts, start, curvature, i == 0 ? +1 : -1, settings.tolerance, settings.ties);
+    });
+    if (!curved) attempts[1] = attempts[0];
     if (!attempts[0].fit.valid && !attempts[1].fit.valid) return std::nullopt;
     RefinedPositions result;
     std::size_t best = compare(attempts, result);

@@ -6,12 +6,14 @@
 #include <cstdint>
 #include <iterator>
 #include <random>
+#include <span>
 #include <utility>
 #include <vector>
 
 #include "foundation/SharedLoop.h"
 #include "pipeline/base/Angle.h"
 #include "pipeline/base/NumberText.h"
+#include "pipeline/integration/DetectorModel.h"
 #include "pipeline/report/PackedArray.h"
 
 namespace vrk {
@@ -28,8 +30,9 @@ constexpr std::size_t kCurves = 8;   ///< of each kind
 /// Pictures of the frames at one reduction.
 class ReducedFrames {
 public:
+    /// \param brightest   pixel of all frames
     /// \param coarseness  of the grey values
-    ReducedFrames(const RunResult& result, int bin, double coarseness)
+    ReducedFrames(const RunResult& result, short brightest, int bin, double coarseness)
         : m_frames(*result.counts.frames),
           m_edge(static_cast<int>(m_frames.GetWidth())),
           m_bin(bin),
@@ -41,7 +44,7 @@ public:
         // Noise has the standard deviation 1 on this scale before pixels are averaged.
         constexpr double kNoiseStep = 2.0;
         constexpr double kLargest = 253.0;
-        m_step = coarseness * std::max(kNoiseStep / bin, 2.0 * std::sqrt(brightest() / m_gain) / kLargest);
+        m_step = coarseness * std::max(kNoiseStep / bin, 2.0 * std::sqrt(brightest / m_gain) / kLargest);
         for (int sum = 0; sum < static_cast<int>(kTable); ++sum)
             m_grey[static_cast<std::size_t>(sum)] = greyOf(static_cast<double>(sum));
     }
@@ -85,16 +88,6 @@ private:
         const double mean = sum / (m_bin * m_bin);
         return static_cast<unsigned char>(
             1 + std::lround(std::min(254.0, 2.0 * std::sqrt(mean / m_gain) / m_step)));
-    }
-
-    double brightest() const {
-        short most = 1;
-        for (unsigned frame = 0; frame < m_frames.GetDepth(); ++frame) {
-            const short* const counts = m_frames.GetChunkPointer(frame);
-            most = std::max(
-                most, *std::max_element(counts, counts + at(0, static_cast<int>(m_frames.GetHeight()))));
-        }
-        return most;
     }
 
     const VoxMRCData& m_frames;
@@ -234,12 +227,21 @@ std::vector<std::string> packedFrames(const ReducedFrames& frames, unsigned coun
     return complete && fit(count) ? packed : std::vector<std::string>();
 }
 
+short brightestOf(const VoxMRCData& series) {
+    std::vector<std::span<const short>> frames;
+    for (unsigned frame = 0; frame < series.GetDepth(); ++frame)
+        frames.emplace_back(series.GetChunkPointer(frame), series.GetChunkSize());
+    const std::vector<short> highest = highestCounts(frames);
+    return std::max<short>(*std::max_element(highest.begin(), highest.end()), 1);
+}
+
 /// The frames as fine as they fit: with coarser steps of grey first, then with larger pixels.
 std::pair<ReducedFrames, std::vector<std::string>> fittingFrames(const RunResult& result, std::size_t most) {
     constexpr int kFewest = 64;  // pixels
+    const short brightest = brightestOf(*result.counts.frames);
     for (int bin = firstBin(result);; ++bin)
         for (const double coarseness : {1.0, 1.5, 2.2}) {
-            ReducedFrames frames(result, bin, coarseness);
+            ReducedFrames frames(result, brightest, bin, coarseness);
             std::vector<std::string> packed = packedFrames(frames, result.counts.frames->GetDepth(), most);
             if (!packed.empty() || frames.pixels() < kFewest) return {frames, std::move(packed)};
         }

@@ -159,11 +159,12 @@ Indexed indexRecorded(std::vector<Level> levels, const LatticeChoice& choice, co
                       FailureKind::NothingFound);
     start.basis = niggliReduced(first->lattice.lattice).basis;
 
+    std::vector<std::optional<RefinedPositions>> trials(levels.size());
     const auto share = [&](std::size_t i) -> std::optional<LevelShare> {
         session.checkCanceled();
-        const std::optional<RefinedPositions> trial = refine(levels[i], start, recording, choice);
-        if (!trial) return std::nullopt;
-        return LevelShare{levels[i].reflections.size(), trial->lattice.indexed};
+        trials[i] = refine(levels[i], start, recording, choice);
+        if (!trials[i]) return std::nullopt;
+        return LevelShare{levels[i].reflections.size(), trials[i]->lattice.indexed};
     };
     const std::size_t chosen = chooseLevel(choice.level, levels.size(), share);
 
@@ -171,10 +172,9 @@ Indexed indexRecorded(std::vector<Level> levels, const LatticeChoice& choice, co
     result.cellThreshold = levels[choice.level].threshold;
     if (chosen > choice.level) result.weaker = std::move(levels[choice.level]);
     result.level = std::move(levels[chosen]);
-    std::optional<RefinedPositions> refined = refine(result.level, start, recording, choice);
-    if (!refined)
+    if (!trials[chosen])
         throw Failure("the reflections could not be indexed; " + whatToTry(), FailureKind::NothingFound);
-    result.refined = std::move(*refined);
+    result.refined = std::move(*trials[chosen]);
     takeSymmetry(result, recording, choice);
     takeCurvature(result, recording, choice);
     const std::vector<Eigen::Vector3d> places = indexedPositions(result.refined);

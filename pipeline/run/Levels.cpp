@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "cellfinding/Parameter.h"
+#include "foundation/SharedLoop.h"
 #include "indexing/ReflectionPositions.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/SearchLock.h"
@@ -30,16 +31,19 @@ std::vector<FoundReflection> valuesOf(const ReflexVector& found, int centreType,
                                       const ReciprocalVolume& volume) {
     std::vector<double> tilts;
     const ReflexVectorPtr positions(ReflectionPositions::fromSamples(&found, volume.sampling, &tilts));
+    constexpr std::size_t kBlock = 256;
     std::vector<FoundReflection> values(found.size());
-    for (std::size_t i = 0; i < values.size(); ++i) {
-        for (int axis = 0; axis < 3; ++axis) {
-            values[i].voxelCentre[axis] = found[i]->getCenter(axis, centreType);
-            values[i].position[axis] = (*positions)[i]->getCenter(axis);
+    VRK::shareItems((values.size() + kBlock - 1) / kBlock, [&](std::size_t block, std::size_t) {
+        for (std::size_t i = block * kBlock; i < std::min((block + 1) * kBlock, values.size()); ++i) {
+            for (int axis = 0; axis < 3; ++axis) {
+                values[i].voxelCentre[axis] = found[i]->getCenter(axis, centreType);
+                values[i].position[axis] = (*positions)[i]->getCenter(axis);
+            }
+            values[i].tilt = tilts[i];
+            values[i].intensity = found[i]->getIntensity();
+            values[i].cut = volume.isCut(values[i].position, values[i].tilt);
         }
-        values[i].tilt = tilts[i];
-        values[i].intensity = found[i]->getIntensity();
-        values[i].cut = volume.isCut(values[i].position, values[i].tilt);
-    }
+    });
     return values;
 }
 

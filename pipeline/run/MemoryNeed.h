@@ -10,7 +10,7 @@ namespace vrk {
 /// \param copies  of the series that there are beside it, one that was read already not counted
 void requireMemoryForVolume(const mrcH& series, int copies);
 
-/// The same without the volume.
+/// The same of the steps before the volume, by the threads that this one has; they pad frames to squares.
 void requireMemoryForSeries(const mrcH& series, int copies);
 
 }  // namespace vrk

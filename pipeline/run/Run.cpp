@@ -388,7 +388,8 @@ RunResult runAll(Load load, const RunOptions& options, const RunStages& stages, 
     RunSeconds s;
     session.beginPart(1, kRunParts, "read");
     Series series = timed(s.read, load);
-    requireMemoryForSeries(series.frames->m_Header, 1);
+    // Counts that cannot be read again are kept.
+    requireMemoryForSeries(series.frames->m_Header, options.intensities.wanted && !series.again ? 1 : 0);
     session.beginPart(2, kRunParts, "preprocess", 4);
     CentredSeries centred = timed(s.preprocess, [&] {
         return bounded(stages.centre(std::move(series), options.centre, options.intensities.wanted, session),

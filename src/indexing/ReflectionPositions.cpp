@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 
+#include "foundation/SharedLoop.h"
 #include "foundation/VRKLogger.h"
 #include "indexing/EwaldCurvature.h"
 #include "processing/SamplingGeometry.h"
@@ -139,13 +140,18 @@ ReflexVector* copyList(const ReflexVector* reflections, std::vector<double>* til
                                       VRK::Error, VRK::Information);
         return nullptr;
     }
+    constexpr std::size_t kBlock = 64;
+    std::vector<Place> places(reflections->size());
+    VRK::shareItems((places.size() + kBlock - 1) / kBlock, [&](std::size_t block, std::size_t) {
+        for (std::size_t i = block * kBlock; i < std::min((block + 1) * kBlock, places.size()); ++i)
+            if ((*reflections)[i]) places[i] = placeOf(*(*reflections)[i]);
+    });
     ReflexVectorPtr result(new ReflexVector);
-    result->reserve(reflections->size());
-    for (Reflex* reflex : *reflections) {
-        Place place{};
-        if (reflex) place = placeOf(*reflex);
-        result->push_back(reflex ? copyAt(place.position, *reflex) : nullptr);
-        if (tilts) tilts->push_back(place.tilt);
+    result->reserve(places.size());
+    for (std::size_t i = 0; i < places.size(); ++i) {
+        const Reflex* reflex = (*reflections)[i];
+        result->push_back(reflex ? copyAt(places[i].position, *reflex) : nullptr);
+        if (tilts) tilts->push_back(places[i].tilt);
     }
     return result.release();
 }

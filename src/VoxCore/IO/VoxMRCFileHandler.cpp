@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <bit>
 #include <cerrno>
 #include <cmath>
@@ -23,6 +24,7 @@
 #include "VoxCore/DataModel/detail/Transposed.h"
 #include "VoxCore/DataModel/detail/ValueCounts.h"
 #include "VoxCore/IO/detail/MRCRecords.h"
+#include "foundation/SharedLoop.h"
 #include "foundation/detail/Log.h"
 
 using VRK::detail::kMainHeaderBytes;
@@ -188,15 +190,7 @@ VoxMRCData* VoxMRCFileHandler::readMRCFile(const std::string& path) {
     trace("### END ### ");
 
     VRK::detail::ValueCounts counts;
-    const auto chunk = [&](int z) {
-        const std::span<short> values(data->GetChunkPointer(static_cast<unsigned>(z)), data->GetChunkSize());
-        if (dataStart(*header) + sliceBytes(*header) * (static_cast<std::uint64_t>(z) + 1) <= m_fileLength)
-            providePages(values);
-        return values;
-    };
-    const auto count = [&](int, std::span<const short> values) { counts.add(values); };
-    if (!readSlices(*file, *header, chunk, count)) return nullptr;
-
+    if (!readAll(*header, *data, counts)) return nullptr;
     log(line(" Volume: Min value: ", std::min<short>(counts.minimum(), 10000),
              "  max value: ", std::max<short>(counts.maximum(), 0)));
     log(" Create histogram on data ... ");
@@ -298,7 +292,7 @@ bool VoxMRCFileHandler::readExtendedHeader(std::ifstream& file, mrcH& header) {
     const std::uint64_t rest = static_cast<std::uint64_t>(header.next) - records;
     std::vector<char> bytes(records);
     file.read(bytes.data(), static_cast<std::streamsize>(records));
-    if (refuseUnreadable(file)) return false;
+    if (refuseUnreadable(file.bad())) return false;
     file.clear();  // of a cut file, what is missing is 0 like the data behind it
     if (header.next % static_cast<int>(kSliceRecordBytes) != 0) {
         if (has128ByteRecords(bytes, header)) {
@@ -336,10 +330,45 @@ float VoxMRCFileHandler::checkPixelSizeInImages(mrcH* header) {
     return first;
 }
 
-bool VoxMRCFileHandler::refuseUnreadable(const std::ifstream& file) {
-    if (!file.bad()) return false;
-    refuse("cannot be read to its end: the disk or the network reports an error; copy it anew");
+bool VoxMRCFileHandler::readAll(const mrcH& header, VoxMRCData& data, VRK::detail::ValueCounts& counts) {
+    struct Lane {
+        std::ifstream file;
+        VRK::detail::ValueCounts counts;
+    };
+    VRK::PerLane<Lane> lanes([this] { return Lane{std::ifstream(m_path, std::ios::binary), {}}; });
+    std::atomic<bool> failed = false;
+    setSteps(header.nz, " ");
+    const auto read = [&](std::size_t z, std::size_t number) {
+        Lane& lane = lanes[number];
+        const std::span<short> values(data.GetChunkPointer(static_cast<unsigned>(z)), data.GetChunkSize());
+        const std::uint64_t begin = dataStart(header) + sliceBytes(header) * z;
+        if (begin + values.size_bytes() <= m_fileLength) providePages(values);
+        const std::span<char> bytes(reinterpret_cast<char*>(values.data()), values.size_bytes());
+        lane.file.clear();
+        lane.file.seekg(static_cast<std::streamoff>(begin));
+        lane.file.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+        if (lane.file.bad() || !lane.file.is_open()) failed = true;
+        clear(bytes.subspan(static_cast<std::size_t>(lane.file.gcount())));
+        VRK::detail::swapLittleEndian(values);
+        lane.counts.add(values);
+    };
+    const auto goesOn = [&](std::size_t done) {
+        updateStep(static_cast<int>(done));
+        return !failed && !canceled();
+    };
+    const bool complete = VRK::shareItems(static_cast<std::size_t>(header.nz), read, goesOn);
+    if (refuseUnreadable(failed)) return false;
+    if (!complete || canceled()) {
+        log(" readMRCFile() canceled ...");
+        return false;
+    }
+    lanes.forEach([&](const Lane& lane) { counts.add(lane.counts); });
     return true;
+}
+
+bool VoxMRCFileHandler::refuseUnreadable(bool failed) {
+    if (failed) refuse("cannot be read to its end: the disk or the network reports an error; copy it anew");
+    return failed;
 }
 
 bool VoxMRCFileHandler::readSlices(std::ifstream& file, const mrcH& header, const SliceTarget& target,
@@ -350,7 +379,7 @@ bool VoxMRCFileHandler::readSlices(std::ifstream& file, const mrcH& header, cons
         const std::span<short> values = target(z);
         const std::span<char> bytes(reinterpret_cast<char*>(values.data()), values.size_bytes());
         file.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-        if (refuseUnreadable(file)) return false;
+        if (refuseUnreadable(file.bad())) return false;
         clear(bytes.subspan(static_cast<std::size_t>(file.gcount())));
         VRK::detail::swapLittleEndian(values);
         visitor(z, values);

@@ -17,6 +17,10 @@ class VRKLogger;
 class VoxMRCData;
 struct mrcH;
 
+namespace VRK::detail {
+class ValueCounts;
+}
+
 /// Reads and writes MRC files: a 1024-byte main header, `next` bytes of extended header, then nz slices of
 /// ny rows of nx 16-bit signed integers, everything little-endian. The values of a slice stay in the
 /// order of the file: x fastest for a series, y fastest for a volume that this library has written.
@@ -121,6 +125,9 @@ private:
     /// Reads every slice into its target and shows it to the visitor; false when cancelled.
     bool readSlices(std::ifstream& file, const mrcH& header, const SliceTarget& target,
                     const SliceVisitor& visitor);
+    /// Reads every slice of a file into the data and counts its values; false when that fails or is
+    /// cancelled. Threads share the slices (foundation/WorkSharing.h).
+    bool readAll(const mrcH& header, VoxMRCData& data, VRK::detail::ValueCounts& counts);
     void reportByteCount(const mrcH& header);
     /// The header is changed into what belongs on disk.
     bool writeSlices(const std::string& path, mrcH header, const SliceSource& source);
@@ -132,7 +139,7 @@ private:
     /// Logs the refusal of the file at hand.
     void refuse(const std::string& reason);
     /// Whether reading failed, which is then told; the end of the file is no failure.
-    bool refuseUnreadable(const std::ifstream& file);
+    bool refuseUnreadable(bool failed);
 
     VRKLogger* m_logger;
     std::string m_path;              ///< the file at hand

@@ -13,15 +13,18 @@ struct Limits {
 };
 
 /// The averages of four columns, truncated towards zero. Negative ones are stored as 0, but count for the
-/// limits.
+/// limits. Whole quarters and remainders are summed for themselves: neither leaves the 16 bits of a pixel, so
+/// that vectors hold twice as many as of whole sums.
 [[gnu::always_inline]] inline Limits averageOf(const short* a, const short* b, const short* c, const short* d,
                                                short* out, std::size_t n) {
     short lowest = std::numeric_limits<short>::max();
     short highest = std::numeric_limits<short>::min();
     for (std::size_t i = 0; i < n; ++i) {
-        const int sum = a[i] + b[i] + c[i] + d[i];
-        // Shifting rounds down; 3 more for negative sums makes that a division by 4 that truncates.
-        const short value = static_cast<short>((sum + ((sum >> 31) & 3)) >> 2);
+        const auto quarters = static_cast<short>((a[i] >> 2) + (b[i] >> 2) + (c[i] >> 2) + (d[i] >> 2));
+        const auto rest = static_cast<short>((a[i] & 3) + (b[i] & 3) + (c[i] & 3) + (d[i] & 3));
+        const auto down = static_cast<short>(quarters + (rest >> 2));
+        const auto up = static_cast<short>(quarters + ((rest + 3) >> 2));
+        const short value = std::max(down, std::min<short>(up, 0));
         lowest = std::min(lowest, value);
         highest = std::max(highest, value);
         out[i] = std::max<short>(value, 0);
