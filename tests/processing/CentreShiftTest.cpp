@@ -1,32 +1,15 @@
-#include <cstdio>
-
 #include "processing/PlainOpposites.h"
 #include "processing/SeriesFactory.h"
 #include "processing/SimulatedPatterns.h"
 #include "processing/VoxMRCstemProcessing.h"
 #include "processing/detail/BeamCentre.h"
+#include "support/SoFar.h"
 
 namespace {
 
-struct Found {
-    double x = 0, y = 0, error = 0;
-    std::string how;
-};
-
-/// The centres that the log tells.
-std::vector<Found> centresOf(const RecordingLogObserver& log) {
-    std::vector<Found> centres;
-    for (const auto& message : log.messages) {
-        Found found;
-        unsigned pattern = 0;
-        if (std::sscanf(message.text.c_str(), "Centre of pattern %u: %lf %lf", &pattern, &found.x,
-                        &found.y) != 3)
-            continue;
-        EXPECT_EQ(pattern, centres.size());
-        found.how = message.text.substr(message.text.find('('));
-        found.error = std::stod(message.text.substr(message.text.find("+- ") + 3));
-        centres.push_back(found);
-    }
+std::vector<PatternCentre> centresOf(const VoxMRCData& series) {
+    std::vector<PatternCentre> centres;
+    EXPECT_TRUE(VoxMRCstemProcessing().findCentres(&series, centres, nullptr));
     return centres;
 }
 
@@ -131,10 +114,15 @@ TEST(CentreShift, FindsTheBeamToATenthOfAPixel) {
          5},
     };
     double squares = 0, measured = 0;
+    SoFar candidates;
     for (const Case& c : cases) {
         const auto series = driftingSeries(c.settings, c.patterns);
-        std::vector<PatternCentre> centres;
-        ASSERT_TRUE(VoxMRCstemProcessing().findCentres(series.get(), centres, nullptr)) << c.name;
+        const std::vector<PatternCentre> centres = centresOf(*series);
+        ASSERT_EQ(centres.size(), c.patterns) << c.name;
+        VRK::detail::BeamCentreFinder finder(c.settings.size, c.settings.size, {});
+        for (const auto& one : finder.patternCandidates(
+                 VRK::detail::readOnly(series->GetChunkPointer(0), c.settings.size, c.settings.size)))
+            candidates.add(one.centre.x, one.centre.y, one.centre.symmetry, one.evidence);
         std::array<double, 4> sums{};
         for (unsigned i = 0; i < c.patterns; ++i) {
             sums[0] += centres[i].x;
@@ -150,6 +138,7 @@ TEST(CentreShift, FindsTheBeamToATenthOfAPixel) {
         for (std::size_t i = 0; i < sums.size(); ++i)
             EXPECT_NEAR(sums[i], c.sums[i], 1e-4) << c.name;
     }
+    EXPECT_NEAR(candidates.sum(), 11109.7522, 1e-3);
     // The uncertainties are what they say, give or take.
     EXPECT_GT(squares / measured, 0.3);
     EXPECT_LT(squares / measured, 3.0);
@@ -163,7 +152,7 @@ TEST(CentreShift, DoesNotDependOnHowThePatternLies) {
         settings.beam = beam;
         settings.halo = beam > 0 ? 900 : 0;
         settings.beamStopWidth = stop;
-        std::vector<std::vector<Found>> found;
+        std::vector<std::vector<PatternCentre>> found;
         for (const bool transposed : {false, true}) {
             const int width = transposed ? kHigh : kWide, height = transposed ? kWide : kHigh;
             const auto series = makeSeries(static_cast<unsigned>(width), static_cast<unsigned>(height),
@@ -175,9 +164,7 @@ TEST(CentreShift, DoesNotDependOnHowThePatternLies) {
                         series->GetChunkPointer(i)[y * width + x] =
                             pattern[static_cast<std::size_t>(transposed ? x * kWide + y : y * kWide + x)];
             }
-            RecordingLogObserver log;
-            centre(series.get());
-            found.push_back(centresOf(log));
+            found.push_back(centresOf(*series));
         }
         for (std::size_t i = 0; i < 3; ++i) {
             EXPECT_NEAR(found[1][i].x, found[0][i].y, 0.02) << beam << ' ' << stop;
@@ -275,11 +262,9 @@ TEST(CentreShift, MovesTheBeamToTheMiddleAndLeavesACentredSeriesAlone) {
     simulated::PatternSettings settings;
     settings.size = 200;
     const auto series = driftingSeries(settings, 7);
-    RecordingLogObserver log;
     const auto moved = centre(series.get());
-    log.messages.clear();
     const auto again = centre(moved.get());
-    for (const Found& found : centresOf(log)) {
+    for (const PatternCentre& found : centresOf(*moved)) {
         EXPECT_NEAR(found.x, 99.5, 0.05);
         EXPECT_NEAR(found.y, 99.5, 0.05);
     }
@@ -314,4 +299,21 @@ TEST(CentreShift, TakesTheNeighboursCentreWhereNothingShows) {
         EXPECT_TRUE(*same == *empty);
     }
     EXPECT_EQ(log.count("found in no pattern", VRK::Warning), 2);
+}
+
+TEST(CentreShift, TellsWhatItFinds) {
+    simulated::PatternSettings settings;
+    settings.beamStopWidth = 24;
+    const auto series = driftingSeries(settings, 8);
+    for (unsigned i = 0; i < 8; ++i)
+        for (int n = 0; n < 256; ++n)
+            series->GetChunkPointer(i)[200 * 256 + n] = series->GetChunkPointer(i)[n * 256 + 60] = 0;
+    RecordingLogObserver log;
+    centre(series.get());
+    EXPECT_EQ(log.count("Centre of pattern 5: ", VRK::Normal), 1);
+    EXPECT_EQ(log.count(" (symmetry of the pattern, +- 0.0", VRK::Normal), 8);
+    EXPECT_EQ(log.count(", after a jump)", VRK::Normal), 1);
+    for (const char* text : {"Shadow of a bar of ", "The detector has a cross of 1 rows and 1 columns.",
+                             "Pixels in the shadow of the beam stop or on the cross: "})
+        EXPECT_EQ(log.count(text, VRK::Normal), 1) << text;
 }

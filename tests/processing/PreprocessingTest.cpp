@@ -108,6 +108,7 @@ const std::vector<Operation> kAll = {
     [](VoxMRCstemProcessing& p, VoxMRCData* s) {
         return p.turnUndistorted(s, 30, {0.01, 0.01, 0});
     },
+    [](VoxMRCstemProcessing& p, VoxMRCData* s) { return p.recoByAngle(s, 0, 0, true); },
 };
 
 }  // namespace
@@ -229,7 +230,10 @@ TEST(Preprocessing, TurnsTheAxisToY) {
         seriesOf(121, 121, [](double x, double y) { return std::fmod(79 * x + 104 * y, 1000); });
     series->m_Header.setValue(SliceValue::TiltAxis, 0, 37);
     VoxMRCstemProcessing processing;
+    RecordingLogObserver log;
     const Data turned(processing.step3_Rotation2TiltAxis(series.get(), false, 37, 1));
+    EXPECT_TRUE(log.has("tilt axis at 37 degrees", VRK::Normal) &&
+                log.has("rotating pattern 0", VRK::Normal));
     EXPECT_EQ(turned->m_Header.value(SliceValue::TiltAxis, 0), 0);
 
     // Quarter turns move whole pixels: the axis along -x comes to +y.
@@ -238,7 +242,11 @@ TEST(Preprocessing, TurnsTheAxisToY) {
         for (unsigned x = 0; x < 121; ++x)
             ASSERT_EQ(pixel(*quarter, x, y), pixel(*series, 120 - y, x));
     EXPECT_TRUE(*Data(processing.step3_Rotation2TiltAxis(series.get(), true, 0, 0)) == *series);
+    EXPECT_EQ(log.count("rotating pattern", VRK::Normal) + log.count("to the y axis", VRK::Normal), 2);
     EXPECT_TRUE(*Data(processing.turnUndistorted(series.get(), 0, {})) == *series);
+    EXPECT_FALSE(log.has("An ellipse of", VRK::Normal));
+    EXPECT_NE(Data(processing.turnUndistorted(series.get(), 7, {0.03, 0.04, 0})), nullptr);
+    EXPECT_TRUE(log.has("An ellipse of 0.05 is", VRK::Normal) && log.has("at 7 degrees", VRK::Normal));
     for (const FrameDistortion& nonsense : {FrameDistortion{0.6, 0, 0}, FrameDistortion{0, 0, 1}})
         EXPECT_EQ(processing.turnUndistorted(series.get(), 10, nonsense), nullptr);
     EXPECT_EQ(
@@ -280,6 +288,11 @@ TEST(Preprocessing, HalvesAboutTheCentre) {
                                   pixel(*sum, 0, 0, 3)}),
               (std::vector<short>{1, -1, 32767, -32768}));
     EXPECT_TRUE(log.has("2 pixels reached the limits", VRK::Warning));
+    log.messages.clear();
+    for (const bool quiet : {true, false})
+        Data(VoxMRCstemProcessing().DownsampleImageStack(small.get(), quiet, quiet ? 0 : 1));
+    EXPECT_TRUE(log.has("Patterns binned from 2 x 2 to 1 x 1 pixels.", VRK::Normal));
+    EXPECT_EQ(log.count("Patterns binned", VRK::Normal) + log.count("binning pattern", VRK::Normal), 5);
     EXPECT_EQ(apply(kAll[5], makeSeries(1, 4, {0}).get()), nullptr);
 }
 
