@@ -110,9 +110,6 @@ TEST(CellSearch, FindsTheLatticeBehindAWedgeAndOutliers) {
         EXPECT_LT(found.front().lattice.origin.norm(), 0.3);
         EXPECT_NEAR(found.front().score.fraction(), 0.55, 0.1);
         EXPECT_GT(found.front().score.evidence, 300.0);
-        if (found.size() > 1) {
-            EXPECT_LT(found[1].score.evidence, found[0].score.evidence);
-        }
         for (const LatticeCandidate& one : found) {
             soFar.addAll(one.lattice.basis.reshaped());
             soFar.addAll(one.lattice.origin);
