@@ -2,7 +2,6 @@
 
 #include "cellfinding/CalculateCellAlgorithm.h"
 #include "reflections/ReflexVector.h"
-#include "support/SoFar.h"
 #include "support/Testing.h"
 
 namespace {
@@ -90,13 +89,41 @@ TEST_F(CalculateCellIOstuffTest, FilesHoldVectorsClustersAndLines) {
     const auto all = static_cast<std::size_t>(m_grid->getNumberOfPoints());
     EXPECT_EQ(rowsOf("DiffVectors.dat").size(), all);
     EXPECT_EQ(rowsOf("DiffVectorsWithoutNoise.dat").size(), all - m_noise.size());
-    // And what they hold, so far.
-    SoFar soFar;
-    for (const char* name : {"DiffVectorsWithoutNoise.dat", "ClusterCentres.dat", "OnLine.dat",
-                             "OnLineNotProjected.dat", "BeginPoint.dat"})
-        for (const Row& row : rowsOf(name))
-            soFar.addAll(row);
-    EXPECT_NEAR(soFar.sum(), 455886.614, 1e-2);
+    const std::vector<Row> centres = rowsOf("ClusterCentres.dat");
+    ASSERT_EQ(centres.size(), m_clusters.size());
+    EXPECT_NEAR(centres[1][2], m_clusters[1]->getCenterOfGrafity(2), 1e-4);
+    EXPECT_EQ(centres[1][3], 2.0);
+    EXPECT_EQ(centres[1][4], m_clusters[1]->getNumberOfPoints());
+    for (const Row& row : rowsOf("DiffVectorsWithoutNoise.dat"))
+        EXPECT_GT(row[3], 0.0);
+
+    const std::vector<Row> feet = rowsOf("OnLine.dat");
+    const std::vector<Row> points = rowsOf("OnLineNotProjected.dat");
+    const std::vector<Row> begins = rowsOf("BeginPoint.dat");
+    ASSERT_EQ(feet.size(), points.size());
+    ASSERT_GT(begins.size(), 1u);
+    std::size_t line = 0;
+    std::vector<double> ends(begins.size(), 0.0);
+    for (std::size_t i = 0; i < feet.size(); ++i) {
+        while (begins[line][6] != feet[i][3])
+            ASSERT_LT(++line, begins.size());
+        const Row& begin = begins[line];
+        double along = 0.0, square = 0.0, between = 0.0, across = 0.0;
+        for (std::size_t k = 0; k < 3; ++k) {
+            along += (feet[i][k] - begin[k]) * begin[k + 3];
+            square += begin[k + 3] * begin[k + 3];
+            between += (points[i][k] - feet[i][k]) * begin[k + 3];
+        }
+        for (std::size_t k = 0; k < 3; ++k)
+            across = std::max(across, std::abs(feet[i][k] - begin[k] - along / square * begin[k + 3]));
+        EXPECT_LT(across, 1e-3);
+        EXPECT_LT(std::abs(between), 1e-2);
+        EXPECT_GT(along / square, -1e-3);
+        EXPECT_LT(along / square, 1.001);
+        ends[line] = std::max(ends[line], along / square);
+    }
+    for (const double end : ends)
+        EXPECT_NEAR(end, 1.0, 1e-3);
 
     ASSERT_TRUE(CalculateCellIOstuff::writeGnuplotScript());
     const std::string script = m_folder.read("CellFinding.plt");

@@ -74,6 +74,23 @@ TEST(LatticeSymmetryTest, RejectsOtherCharacters) {
         EXPECT_EQ(entry.text, "Cell type has to be between 1 and 44");
 }
 
+TEST(LatticeSymmetryTest, FindsTheTypeOfExactLattices) {
+    RandomLattice random(21);
+    int right = 0;
+    constexpr LatticeTolerances tight = {0.001, 1e-5};
+    for (const auto type : kAllBravaisTypes)
+        for (int n = 0; n < 60; ++n) {
+            UnitCell cell = random.primitive(type);
+            cell.transform(raw(random.unimodular(6)));
+            const auto lattices = LatticeSymmetry::analyse(cell, tight);
+            ASSERT_FALSE(lattices.empty());
+            EXPECT_EQ(lattices.front().bravaisType, type) << LATTICE::shortName(type);
+            EXPECT_LT(lattices.front().qualityIndex, 1e-4);
+            right += type == LATTICE::aP || LatticeSymmetry::best(cell).bravaisType == type;
+        }
+    EXPECT_GE(right, 13 * 60 * 99 / 100 + 60);
+}
+
 bool isEqual(double x, double y, const Metric& m) {
     return std::abs(x - y) < 1e-9 * m.C;
 }

@@ -282,6 +282,14 @@ TEST_F(NiggliReductionTest, LeavesCircles) {
     EXPECT_GT(circles, 100);
 }
 
+TEST_F(NiggliReductionTest, LeavesTheSortingOfNearlyEqualEdges) {
+    // Each pair of neighbours is equal within the tolerance, the first and the last are not.
+    UnitCell cell = cellOfMetric(Six{9.0, 9.000008, 9.000016, 4.0, 2.0, 0.5});
+    NiggliReduction::niggliReduction(&cell, 0);
+    EXPECT_NEAR(cell.getA(), 9.0, 1e-4);
+    EXPECT_NEAR(cell.getC(), 9.0, 1e-4);
+}
+
 TEST_F(NiggliReductionTest, SkewBasesLoseNoAccuracy) {
     NiggliReduction::setNarration(nullptr);
     RandomLattice random(16);

@@ -77,6 +77,21 @@ TEST(InstrumentRefinement, RecoversWhatTheDataDetermine) {
     EXPECT_NEAR(soFar.sum(), 5363.15601, 1e-4);
 }
 
+TEST(InstrumentRefinement, AllTermsAtOnce) {
+    const Distortion distortion{
+        .axisTurn = 0.8, .ellipse = 0.012, .azimuth = 30.0, .radial = 0.004, .tiltScale = 0.985};
+    const Recorded data(kCubic, distortion, 0.35, 21);
+    const vrk::RefinedInstrument found =
+        data.refined(vrk::CellTies::of(LATTICE::cP, Eigen::Matrix3d::Identity()));
+    ASSERT_TRUE(found.valid);
+    EXPECT_NEAR(found.model[vrk::InstrumentTerm::AxisTurn], 0.8 * kDegree, 0.04 * kDegree);
+    EXPECT_NEAR(found.ellipse(), 0.012, 5e-4);
+    EXPECT_NEAR(found.ellipseAzimuth(), 30.0, 2.0);
+    EXPECT_NEAR(found.model[vrk::InstrumentTerm::TiltScale], 1.0 / 1.0 * (0.985 - 1.0), 1e-3);
+    EXPECT_NEAR(found.lattice.cell[0], 8.2, 0.004);
+    EXPECT_GT(found.rmsBefore, 1.5 * found.lattice.rms);
+}
+
 TEST(InstrumentRefinement, KnownShapesTellAnEllipseOfAnyCrystalAndKnownTermsStay) {
     using enum vrk::InstrumentTerm;
     const Recorded stretched(kTriclinic, {.ellipse = 0.014, .azimuth = 20.0, .tiltScale = 1.01}, 0.4, 8);

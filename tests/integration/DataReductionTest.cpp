@@ -286,6 +286,25 @@ TEST(AmplitudesTest, knowCentricReflectionsAndThoseThatOperationsDouble) {
     EXPECT_NEAR(list[210].amplitude.value, expectedAmplitude(100, 40, 100, false).value, 0.01);
 }
 
+TEST(WilsonPlotTest, FindsTheFallOffOfTheIntensities) {
+    std::mt19937 random(3);
+    std::uniform_real_distribution<double> s(0.05, 0.6);
+    std::exponential_distribution<double> intensity(1.0);
+    std::vector<MergedReflection> list(4000);
+    for (MergedReflection& one : list) {
+        const double half = s(random);
+        one.spacing = 1 / (2 * half);
+        one.intensity = 500 * intensity(random) * std::exp(-2 * 3.5 * half * half);
+    }
+    const WilsonPlot plot = wilsonPlot(list);
+    EXPECT_NEAR(plot.b, 3.5, 0.35);
+    EXPECT_NEAR(plot.lnScale, std::log(500.0), 0.1);
+    ASSERT_EQ(plot.bins.size(), 20U);
+    EXPECT_EQ(plot.bins.front().reflections, 200);
+    EXPECT_LT(plot.bins.front().s2, plot.bins.back().s2);
+    EXPECT_EQ(wilsonPlot(std::span(list).first(30)).b, 0) << "one bin makes no line";
+}
+
 TEST(MergingTest, ccHalfIsThatOfRandomHalves) {
     std::mt19937 random(6);
     std::normal_distribution<double> normal;
@@ -334,6 +353,22 @@ TEST(SpaceGroupsTest, areRankedByWhatIsAbsent) {
         addTo(soFar, data);
     }
     EXPECT_NEAR(soFar.sum(), 58854.7820, 1e-3);
+}
+
+TEST(SpaceGroupsTest, conditionsTellTheirEvidence) {
+    const DataReduction data = DataSet{{7.1, 8.3, 9.4, 90, 103, 90}, 'P', "P 1 21/c 1"}.reduced();
+    int holding = 0;
+    for (const ReflectionCondition& condition : data.spaceGroups.conditions) {
+        const bool holds = (condition.reflections != "h00" && condition.condition == "l = 2n") ||
+                           (condition.reflections == "0k0" && condition.condition == "k = 2n");
+        EXPECT_EQ(condition.evidence > 0, holds) << condition.reflections << ' ' << condition.condition;
+        EXPECT_GT(condition.violating, 2);
+        if (!holds) continue;
+        ++holding;
+        EXPECT_LT(condition.ratio, 0.05);
+        EXPECT_GT(condition.obeyingISigma, 5);
+    }
+    EXPECT_EQ(holding, 3);  // of the glide plane, the 00l in it, and of the screw axis
 }
 
 TEST(DataReductionTest, saysWhenNothingIsLeft) {

@@ -185,6 +185,26 @@ TEST(LatticeScore, MultiplesAreSettledByThePoints) {
     EXPECT_NEAR(soFar.sum(), 209.018178, 1e-5);
 }
 
+TEST(LatticeScore, GhostsOfFewPatternsMakeNoSuperlattice) {
+    std::mt19937 random(12);
+    const Crystal crystal{.basis = Vector3d(9.0, 11.0, 14.0).asDiagonal(), .outliers = 0.05};
+    for (const bool fromFewPatterns : {true, false}) {
+        Points points = pointsOf(crystal, random);
+        // Reflections of patterns whose centre is off by half a base vector, or of a real superlattice.
+        const std::size_t count = points.size();
+        for (std::size_t i = 0; i < count; ++i) {
+            const double tilt = std::atan(points[i].z() / points[i].x());
+            if (fromFewPatterns ? std::abs(tilt - 0.4) < 0.08 : i % 8 == 0)
+                points.push_back(points[i] + 0.5 * crystal.basis.col(1));
+        }
+        ASSERT_GT(points.size(), count + 25);
+        const Lattice doubled{crystal.basis * Vector3d(1.0, 0.5, 1.0).asDiagonal(), Vector3d::Zero()};
+        const Lattice settled = vrk::settleMultiples(points, doubled);
+        EXPECT_EQ(vrk::sameLattice(settled.basis, crystal.basis, 0.03), fromFewPatterns);
+        EXPECT_EQ(vrk::sameLattice(settled.basis, doubled.basis, 0.03), !fromFewPatterns);
+    }
+}
+
 TEST(LatticeScore, FittingFindsTheLatticeFromACoarseStart) {
     std::mt19937 random(9);
     const Crystal crystal{Vector3d(8.0, 9.0, 12.0).asDiagonal()};

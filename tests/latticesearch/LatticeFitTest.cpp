@@ -59,6 +59,13 @@ TEST(LatticeFit, FindsTheCellFromAWrongStartInSpiteOfOutliers) {
     EXPECT_EQ(found.lattice.pixelSize, kPixelSize);
 }
 
+TEST(LatticeFit, IsExactOnExactData) {
+    const Simulation data(kTriclinic, 6, 0.0, 0.0, 0.002);
+    const vrk::RefinedLattice found = data.fit();
+    expectNear(found, kTriclinic, 0.0);
+    EXPECT_EQ(found.indexed, static_cast<int>(data.points.size()));
+}
+
 // The two directions of the claim: not too small (about 95 % within two), not too large (about 68 % within
 // one).
 TEST(LatticeFit, UncertaintiesCoverTheTruth) {
@@ -114,16 +121,29 @@ TEST(LatticeFit, TiesTheConventionalCell) {
 }
 
 TEST(LatticeFit, EveryTypeTiesItsParameters) {
-    // Which numbers are one, fixed angles, and whether there are any ties.
-    SoFar soFar;
-    for (int type = LATTICE::NoBravaisType; type <= LATTICE::aP; ++type) {
-        const auto ties =
-            vrk::CellTies::of(static_cast<LATTICE::BravaisTypes>(type), Eigen::Matrix3d::Identity());
-        soFar.addAll(ties.length);
-        soFar.addAll(ties.angle);
-        soFar.add(ties.any);
-    }
-    EXPECT_NEAR(soFar.sum(), 3470.60415, 1e-4);
+    using Lengths = std::array<int, 3>;
+    using Angles = std::array<double, 3>;
+    const Angles right = {90.0, 90.0, 90.0};
+    const struct {
+        std::vector<LATTICE::BravaisTypes> types;
+        Lengths length;
+        Angles angle;
+        bool any;
+    } cases[] = {
+        {{LATTICE::cP, LATTICE::cI, LATTICE::cF}, {0, 0, 0}, right, true},
+        {{LATTICE::tP, LATTICE::tI}, {0, 0, 1}, right, true},
+        {{LATTICE::hP, LATTICE::hR}, {0, 0, 1}, {90.0, 90.0, 120.0}, true},
+        {{LATTICE::oP, LATTICE::oI, LATTICE::oC, LATTICE::oF}, {0, 1, 2}, right, true},
+        {{LATTICE::mP, LATTICE::mC}, {0, 1, 2}, {90.0, 0.0, 90.0}, true},
+        {{LATTICE::aP, LATTICE::NoBravaisType}, {0, 1, 2}, {0.0, 0.0, 0.0}, false},
+    };
+    for (const auto& one : cases)
+        for (const LATTICE::BravaisTypes type : one.types) {
+            const vrk::CellTies ties = vrk::CellTies::of(type, Eigen::Matrix3d::Identity());
+            EXPECT_EQ(ties.length, one.length) << type;
+            EXPECT_EQ(ties.angle, one.angle) << type;
+            EXPECT_EQ(ties.any, one.any) << type;
+        }
 }
 
 }  // namespace

@@ -32,6 +32,7 @@ struct CurvedPositions {
                                origin[1] + g[1] + noise * normal(random),
                                origin[2] + g[2] - step * std::cos(tilt) + noise * normal(random));
             tilts.push_back(tilt);
+            places.emplace_back(g.data());
             indices.push_back({h, k, l});
         });
     }
@@ -40,6 +41,7 @@ struct CurvedPositions {
     Eigen::Vector3d origin = {255.9, 255.3, 220.6};
     std::vector<Eigen::Vector3d> found;
     std::vector<double> tilts;
+    std::vector<Eigen::Vector3d> places;  ///< where each really lies relative to the origin
     std::vector<vrk::Indices> indices;
 };
 
@@ -79,6 +81,17 @@ TEST(PositionRefinement, FindsTheSenseAndTheLattice) {
         ASSERT_EQ(result->positions.size(), data.found.size());
         EXPECT_EQ(result->indices[5], data.indices[5]);
 
+        // At 1.2 per Angstrom the mean displacement along the normal is gone.
+        double along = 0.0;
+        int count = 0;
+        for (std::size_t i = 0; i < data.places.size(); ++i) {
+            if (std::abs(data.places[i].norm() * kPerVoxel - 1.2) > 0.05) continue;
+            const Eigen::Vector3d off = result->positions[i] - data.origin - data.places[i];
+            along += -off.x() * std::sin(data.tilts[i]) + off.z() * std::cos(data.tilts[i]);
+            ++count;
+        }
+        ASSERT_GT(count, 100);
+        EXPECT_LT(std::abs(along / count), 0.05) << "uncorrected it is 3.6";
         soFar.addAll(result->residual);
         soFar.addAll(result->lattice.cell);
         soFar.add(result->significance, result->lattice.rms);
