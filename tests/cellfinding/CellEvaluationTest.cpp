@@ -2,6 +2,7 @@
 
 #include "crystallography/NiggliReduction.h"
 #include "support/SimulatedReflections.h"
+#include "support/SoFar.h"
 #include "support/Testing.h"
 
 namespace {
@@ -158,11 +159,15 @@ TEST_F(CellEvaluationTest, MeasuresDisplacementsInShells) {
     ASSERT_EQ(e.shells.size(), 10u);
     EXPECT_EQ(e.shells.front().from, 0.0);
     EXPECT_NEAR(e.shells.back().resolution, 1e10 / (2e8 * e.all.to), 1e-9);
+    SoFar soFar;
     int reflections = 0, indexed = 0;
     for (std::size_t i = 0; i < e.shells.size(); ++i) {
         const CellEvaluation::Shell& shell = e.shells[i];
         reflections += shell.reflections;
         indexed += shell.indexed;
+        soFar.add(shell.from, shell.to, shell.reflections, shell.indexed, shell.largest, shell.rms,
+                  shell.along);
+        soFar.addAll(shell.mean);
         if (i > 0) {
             EXPECT_EQ(shell.from, e.shells[i - 1].to);
             EXPECT_NEAR(std::pow(shell.to, 3) - std::pow(shell.from, 3), std::pow(e.shells[0].to, 3), 1e-3);
@@ -175,6 +180,7 @@ TEST_F(CellEvaluationTest, MeasuresDisplacementsInShells) {
                                     (std::pow(shell.to, 3) - std::pow(shell.from, 3));
         EXPECT_NEAR(shell.along, 0.01 / 1.01 * meanDistance, 0.1 * shell.along);
     }
+    EXPECT_NEAR(soFar.sum(), 6381.75532, 1e-4);
     EXPECT_EQ(reflections, count);
     EXPECT_EQ(indexed, e.all.indexed);
     EXPECT_NEAR(e.all.indexed, 0.8 * count, 0.02 * count);

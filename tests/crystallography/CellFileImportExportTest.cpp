@@ -53,6 +53,17 @@ TEST_F(CellFileTest, Version2Text) {
               "# reciprocal space cell vectors (pixels)\n200 0 0\n0 100 0\n0 0 50\n"
               "# reciprocal space cell (pixels, deg)\n200 100 50\n90 90 90 \n"
               "# direct space cell (A, deg)\n5 10 20\n90 90 90 \n");
+    m_log.messages.clear();
+    UnitCell loaded;
+    ASSERT_TRUE(CellFileImportExport::loadCellFile(m_file, &loaded, 1e7));
+    std::string told;
+    for (const auto& message : m_log.messages)
+        told += message.text + "\n";
+    EXPECT_EQ(told, "cell file has format version 2\ncell file to load: " + m_file +
+                        "\neingelesene Cell-Daten: \na 200  0  0\nb 0  100  0\nc 0  0  50\n"
+                        "|a| = 200, |b| = 100, |c| = 50\nalpha = 90, beta = 90, gamma = 90\n"
+                        "|a_real| = 5, |b_real| = 10, |c_real| = 20\n"
+                        "alpha_real = 90, beta_real = 90, gamma_real = 90\n");
     cell.scaleA(1e-4);
     ASSERT_TRUE(CellFileImportExport::writeCellFile_version_2(m_file, &cell));
     EXPECT_NE(read().find("0 100 0\n0 0 50\n"), std::string::npos);

@@ -1,6 +1,7 @@
 #include "crystallography/detail/CharacterSearch.h"
 
 #include "RandomLattice.h"
+#include "crystallography/UnitCellTest.h"
 #include "crystallography/detail/ConventionalSetting.h"
 #include "crystallography/detail/LatticeMetric.h"
 #include "support/Testing.h"
@@ -120,6 +121,8 @@ TEST(CharacterSearchTest, FindsWhatThePlainSearchFinds) {
         const Metric shortest = metricOf(ShortestBase(base).vectors());
         const auto fits = CharacterSearch(shortest, tolerances).fits();
         const PlainSearch plain(shortest, tolerances);
+        const Metric& m = fits.front().form.metric;
+        ASSERT_TRUE(UnitCellTest::isNiggliCell(m.A, m.B, m.C, 2 * m.D, 2 * m.E, 2 * m.F, 1e-6 * m.C)) << n;
         ASSERT_EQ(fits.size(), plain.best().size() + 1) << "draw " << n;
         auto expected = plain.best().begin();
         for (std::size_t i = 1; i < fits.size(); ++i, ++expected, ++fitted) {

@@ -4,6 +4,7 @@
 
 #include <Eigen/Geometry>
 
+#include "support/SoFar.h"
 #include "support/Testing.h"
 
 namespace {
@@ -63,15 +64,18 @@ TEST(CentreRefinement, PutsPatternsRightAndLeavesTheOthers) {
     const auto shifts =
         vrk::refineCentres(series.positions, series.tilts, series.lattice, series.centre, series.patterns);
     ASSERT_EQ(shifts.size(), series.patterns.size());
+    SoFar soFar;
     for (std::size_t i = 0; i < shifts.size(); ++i) {
         const bool off = i == 5 || i == 10 || i == 25;
         EXPECT_EQ(shifts[i].applies, off) << i << ": " << shifts[i].across << ' ' << shifts[i].along;
         EXPECT_EQ(shifts[i].isFraction, i == 10) << i;
+        soFar.add(shifts[i].across, shifts[i].along, shifts[i].sigma, shifts[i].reflections);
         if (shifts[i].reflections < 10) continue;
         EXPECT_NEAR(shifts[i].across, truth(i).x(), std::max(5 * shifts[i].sigma, 0.05)) << i;
         EXPECT_NEAR(shifts[i].along, truth(i).y(), std::max(5 * shifts[i].sigma, 0.05)) << i;
         EXPECT_LT(shifts[i].sigma, 0.2);
     }
+    EXPECT_NEAR(soFar.sum(), 1196.04302, 1e-4);
 }
 
 TEST(CentreRefinement, SaysNothingWithoutReflections) {

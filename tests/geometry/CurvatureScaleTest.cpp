@@ -1,6 +1,7 @@
 #include "pipeline/geometry/CurvatureScale.h"
 
 #include "support/RecordedReflections.h"
+#include "support/SoFar.h"
 
 namespace {
 
@@ -38,13 +39,16 @@ TEST(CurvatureScale, TellsThePixelSize) {
         {1.0, {.ellipse = 0.008, .azimuth = 70.0, .radial = 0.006}, false},
         {1.0, {.axisTurn = 0.4, .tiltScale = 1.01, .axisTilt = 0.5}, false},
     };
+    SoFar soFar;
     for (const auto& [stated, distortion, contradicts] : cases) {
         const vrk::CurvatureScale found = seenWith(stated, distortion, 220.0);
         EXPECT_EQ(found.contradicts(), contradicts) << stated << ": " << found.factor;
         EXPECT_NEAR(found.factor, 1.0 / stated, 3.0 * found.sigma) << stated;
         EXPECT_GT(found.sigma, 0.01);
         EXPECT_LT(found.sigma, 0.03);
+        soFar.add(found.factor, found.sigma);
     }
+    EXPECT_NEAR(soFar.sum(), 7.56210234, 1e-7);
     EXPECT_FALSE(seenWith(1.5, {}, 30.0).contradicts()) << "too few to tell";
 }
 

@@ -15,12 +15,14 @@ class HKLfileImportExportTest : public testing::Test {
 protected:
     std::string written(const std::vector<Entry>& entries) {
         ReflexVectorPtr list(new ReflexVector);
+        list->push_back(nullptr);  // stays, as the last
         for (const Entry& entry : entries) {
             list->push_back(new Reflex(0.0, 0.0, 0.0));
             list->back()->setHKL(entry.h, entry.k, entry.l);
             list->back()->setIntensity(entry.intensity);
         }
         HKLfileImportExport::saveHKLFile(list.get(), m_folder / "x.hkl");
+        EXPECT_TRUE(list->size() == entries.size() + 1 && !list->back());
         return m_folder.read("x.hkl");
     }
 

@@ -6,6 +6,7 @@
 #include "pipeline/integration/LaueGroup.h"
 #include "pipeline/simulation/SimulatedCrystal.h"
 #include "support/FailureOf.h"
+#include "support/SoFar.h"
 
 namespace {
 
@@ -65,6 +66,23 @@ struct DataSet {
     }
 };
 
+void addTo(SoFar& soFar, const DataReduction& data) {
+    soFar.add(data.laue.friedelCorrelation, data.errors.a, data.errors.b, data.wilson.b, data.wilson.lnScale,
+              data.spaceGroups.eSquareMinusOne, data.statistics.limitByCcHalf, data.statistics.limitByISigma);
+    for (const LaueCandidate& one : data.laue.candidates)
+        soFar.add(one.rMeas);
+    for (const RotationEvidence& one : data.laue.rotations)
+        soFar.add(one.correlation);
+    for (const MergedReflection& one : data.merged)
+        soFar.add(one.sigma, one.amplitude.value, one.amplitude.sigma);
+    for (const ShellStatistics& one : data.statistics.shells)
+        soFar.add(one.dMin, one.iOverSigma, one.rInt, one.rMeas, one.ccHalf, one.possible);
+    for (const ReflectionCondition& one : data.spaceGroups.conditions)
+        soFar.add(one.obeyingISigma, one.violatingISigma, one.ratio, one.evidence);
+    for (const SpaceGroupCandidate& one : data.spaceGroups.candidates)
+        soFar.add(one.evidence, one.extinguished);
+}
+
 TEST(LaueGroupTest, rotationsOfALongCellAreThoseOfItsType) {
     EXPECT_EQ(latticeRotations(reciprocalOf({4, 4, 900, 90, 90, 90}), 'P').size(), 8U);
     EXPECT_EQ(latticeRotations(reciprocalOf({4, 5, 900, 90, 90, 90}), 'P').size(), 4U);
@@ -90,11 +108,14 @@ TEST(LaueGroupTest, isFoundBelowAndAtTheSymmetryOfTheLattice) {
                         {{7.5, 7.5, 11.3, 90, 90, 120}, 'R', "P 1", "R -1"},
                         {{12, 12, 12, 90, 90, 90}, 'F', "F 2 3", "F m -3"},
                         {cubic, 'P', "P 4 3 2", "P m -3 m"}};
+    SoFar soFar;
     for (const auto& [cell, centring, group, symbol] : rows) {
         const DataReduction data = DataSet{cell, centring, group}.reduced();
         EXPECT_EQ(data.laue.best().symbol, symbol);
         EXPECT_LT(data.laue.best().rMeas, 0.1);
+        addTo(soFar, data);
     }
+    EXPECT_NEAR(soFar.sum(), 92475.8197, 1e-3);
 }
 
 TEST(LaueGroupTest, fewEquivalentsMakeNoSymmetry) {
@@ -150,7 +171,11 @@ TEST(ScalingTest, findsTheScaleThatIsThereAndNoOther) {
     for (int frame = 10; frame <= 110; frame += 5)
         EXPECT_NEAR(std::log(waved.scales.factor(frame, 2)) - offset, 0.4 * std::sin(frame / 18.0), 0.03)
             << frame;
+    EXPECT_NEAR(flat.wilson.b, 6, 0.5);  // of the simulated intensities
     EXPECT_LT(waved.statistics.overall.rInt, 1.3 * flat.statistics.overall.rInt);
+    SoFar soFar;
+    addTo(soFar, waved);
+    EXPECT_NEAR(soFar.sum(), 4072.26966, 1e-4);
 }
 
 TEST(ErrorModelTest, findsWhatCountingDoesNotExplain) {
@@ -313,6 +338,7 @@ TEST(SpaceGroupsTest, areRankedByWhatIsAbsent) {
         {{7.1, 8.3, 9.4, 90, 90, 90}, 'P', "P n m a"},     {{7.1, 8.3, 9.4, 90, 90, 90}, 'P', "P b c n"},
         {{9.1, 11.3, 13.4, 90, 90, 90}, 'F', "F d d d:2"}, {{9.5, 9.5, 9.3, 90, 90, 90}, 'I', "I 41/a:2"},
         {{7.5, 7.5, 11.3, 90, 90, 120}, 'R', "R -3 c:H"},  {{9.5, 9.5, 9.5, 90, 90, 90}, 'I', "I a -3 d"}};
+    SoFar soFar;
     for (const auto& [cell, centring, group] : rows) {
         const DataReduction data = DataSet{cell, centring, group}.reduced();
         // Groups that differ by a centre of inversion alone forbid the same.
@@ -324,7 +350,9 @@ TEST(SpaceGroupsTest, areRankedByWhatIsAbsent) {
         ASSERT_NE(found, candidates.end()) << group;
         EXPECT_NEAR(found->evidence, candidates.front().evidence, 1e-9) << candidates.front().symbol;
         EXPECT_GT(found->evidence, 10);
+        addTo(soFar, data);
     }
+    EXPECT_NEAR(soFar.sum(), 58854.7820, 1e-3);
 }
 
 TEST(SpaceGroupsTest, conditionsTellTheirEvidence) {

@@ -1,6 +1,7 @@
 #include "pipeline/integration/GeometryRefinement.h"
 
 #include "RandomGeometry.h"
+#include "support/SoFar.h"
 
 namespace {
 
@@ -135,6 +136,7 @@ TEST(GeometryRefinementTest, findsTheTruthWithinItsUncertainties) {
     RockingModel rocking;
     rocking.width = 0.003;
     double worst = 0;
+    SoFar soFar;
     for (const LATTICE::BravaisTypes type : kTypes) {
         const SeriesGeometry truth = plainGeometry(type);
         const Observations seen(truth, rocking, 0.08);
@@ -156,7 +158,13 @@ TEST(GeometryRefinementTest, findsTheTruthWithinItsUncertainties) {
         EXPECT_EQ(fit.terms, std::vector<std::string>{}) << LATTICE::shortName(type);
         for (std::size_t f = 0; f < truth.frames.size(); ++f)
             EXPECT_NEAR(fit.geometry.frames[f].centreX, truth.frames[f].centreX, 5 * fit.centreSigma[f]);
+        soFar.addAll(fit.cell);
+        soFar.addAll(fit.cellSigma);
+        soFar.addAll(fit.centreSigma);
+        soFar.add(fit.widthSigma, fit.residual, fit.scatter, fit.curveError, fit.tiltResidual, fit.spots,
+                  fit.curves, fit.rounds);
     }
+    EXPECT_NEAR(soFar.sum(), 60604.1307, 1e-3);
     EXPECT_LT(worst, 3.5);
 }
 
@@ -218,6 +226,10 @@ TEST(GeometryRefinementTest, correctsSingleTiltsAndNamesOutliers) {
     const double count = static_cast<double>(truth.frames.size());
     // A common offset is a turn of the crystal.
     EXPECT_LT(std::sqrt(squares / count - sum * sum / (count * count)), 0.02);
+    SoFar soFar;
+    soFar.addAll(fit.tiltSigma);
+    soFar.addAll(fit.cell);
+    EXPECT_NEAR(soFar.sum(), 242.053408, 1e-5);
     ASSERT_EQ(fit.outliers.size(), 1U);
     EXPECT_EQ(fit.outliers[0].spot, seen.centroids[40].spot);
     EXPECT_NEAR(fit.outliers[0].dx, 1.0, 0.2);

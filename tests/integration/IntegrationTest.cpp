@@ -3,6 +3,7 @@
 #include "SimulatedInput.h"
 #include "pipeline/integration/DataReduction.h"
 #include "support/FailureOf.h"
+#include "support/SoFar.h"
 
 namespace {
 
@@ -69,21 +70,29 @@ Agreement agreementOf(const IntegrationResult& result, const SimulatedInput& sim
     return agreement;
 }
 
+double soFar(const IntegrationResult& result) {
+    SoFar numbers;
+    for (const IntegratedReflection& r : result.reflections)
+        numbers.add(r.flags, r.intensity, r.sigma, r.sumIntensity, r.sumSigma, r.observedTilt,
+                    r.observedTiltSigma, r.frame, r.coverage, r.curveChi);
+    return numbers.sum() / static_cast<double>(result.reflections.size());
+}
+
 TEST(IntegrationTest, measuresTheTrueIntensities) {
-    using Row = std::tuple<const char*, void (*)(SimulationSettings&), double, RotationMode, bool>;
+    using Row = std::tuple<const char*, void (*)(SimulationSettings&), double, RotationMode, bool, double>;
     const auto nothing = [](SimulationSettings&) {};
     const std::array<Row, 7> rows = {
-        {{"continuous", nothing, 0.035, RotationMode::Continuous, false},
+        {{"continuous", nothing, 0.035, RotationMode::Continuous, false, 6033.66280},
          {"wrong tilts", [](SimulationSettings& s) { s.tiltErrors.jitter = 0.12; }, 0.037,
-          RotationMode::Continuous, true},
+          RotationMode::Continuous, true, 6152.02730},
          {"stepwise", [](SimulationSettings& s) { s.mode = RotationMode::Stepwise; }, 0.04,
-          RotationMode::Stepwise, false},
+          RotationMode::Stepwise, false, 6516.69850},
          {"precessed",
           [](SimulationSettings& s) {
               s.mode = RotationMode::Precession;
               s.precessionAngle = 0.9;
           },
-          0.045, RotationMode::Precession, false},
+          0.045, RotationMode::Precession, false, 6085.21821},
          {"spots six pixels apart",
           [](SimulationSettings& s) {
               s.cell = {5.9, 8.3, 10.4, 90, 104, 90};
@@ -91,20 +100,20 @@ TEST(IntegrationTest, measuresTheTrueIntensities) {
               s.axis = 33;
               s.seed = 7;
           },
-          0.04, RotationMode::Continuous, false},
+          0.04, RotationMode::Continuous, false, 4640.64985},
          {"lost frames",
           [](SimulationSettings& s) {
               s.rockingWidth = 0.005;
               s.missing = 12;
           },
-          0.04, RotationMode::Continuous, false},
+          0.04, RotationMode::Continuous, false, 3103.58214},
          {"noisy camera",
           [](SimulationSettings& s) {
               s.detector.noise = 2;
               s.background.halo = 4;
           },
-          0.12, RotationMode::Continuous, false}}};
-    for (const auto& [name, change, rFactor, mode, corrected] : rows) {
+          0.12, RotationMode::Continuous, false, 6447.68288}}};
+    for (const auto& [name, change, rFactor, mode, corrected, expected] : rows) {
         SCOPED_TRACE(name);
         SimulationSettings settings = smallCrystal();
         change(settings);
@@ -129,6 +138,7 @@ TEST(IntegrationTest, measuresTheTrueIntensities) {
         EXPECT_LT(agreement.worstMeanPull, 0.2);
         EXPECT_GT(agreement.leastWidth, 0.85);
         EXPECT_LT(agreement.largestWidth, 1.15);
+        EXPECT_NEAR(soFar(result), expected, 1e-4);
     }
 }
 
@@ -254,6 +264,7 @@ TEST(IntegrationTest, tellsWhereReflectionsCrossedAsFarAsCountsTell) {
     }
     EXPECT_GT(told, 500);
     EXPECT_GT(near, 0.98 * told);
+    EXPECT_NEAR(soFar(result), 687.506153, 1e-5);
 }
 
 TEST(IntegrationTest, flagsWhatTheDetectorDidNotMeasure) {
@@ -277,6 +288,7 @@ TEST(IntegrationTest, flagsWhatTheDetectorDidNotMeasure) {
     const Agreement agreement = agreementOf(result, simulated);
     EXPECT_LT(agreement.rFactor, 0.04);
     EXPECT_LT(agreement.largestWidth, 1.2);
+    EXPECT_NEAR(soFar(result), 5023.81709, 1e-4);
 }
 
 TEST(IntegrationTest, keepsToTheLimitsThatAreGiven) {

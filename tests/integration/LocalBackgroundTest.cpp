@@ -1,5 +1,6 @@
 #include "pipeline/integration/LocalBackground.h"
 
+#include "support/SoFar.h"
 #include "support/Testing.h"
 
 namespace {
@@ -31,6 +32,7 @@ TEST(LocalBackgroundTest, isRightOnAverageAndKnowsItsError) {
                             {5, 0, 0.3, 1, 0},  {30, -1, 1, 1, 0},   {1000, 20, 5, 1, 0},
                             {40, 1, 0, 8, 0},   {30, 0, 0, 1, 4000}, {5, 0.1, 0, 1, 300}};
     std::mt19937 random(17);
+    SoFar soFar;
     for (const Field& field : fields) {
         constexpr int kTrials = 1500;
         const LocalBackground fit({field.gain, 0});
@@ -41,6 +43,7 @@ TEST(LocalBackgroundTest, isRightOnAverageAndKnowsItsError) {
             squares += std::pow(plane.level - field.level, 2);
             variance += plane.levelVariance;
             scatter += plane.scatter;
+            soFar.add(plane.level, plane.slopeX, plane.slopeY, plane.levelVariance, plane.scatter);
         }
         const double error = std::sqrt(squares / kTrials);
         // A stranger's spot may pull by a part of the uncertainty, chance alone by a tenth of it.
@@ -49,6 +52,7 @@ TEST(LocalBackgroundTest, isRightOnAverageAndKnowsItsError) {
         EXPECT_NEAR(std::sqrt(variance / kTrials) / error, 1, 0.08) << field.level;
         EXPECT_NEAR(scatter / kTrials / (field.gain * field.level), 1, 0.03) << field.level;
     }
+    EXPECT_NEAR(soFar.sum(), 3806918.03, 1e-1);
 }
 
 TEST(LocalBackgroundTest, takesAConstantFromOneSideAndNothingFromNothing) {

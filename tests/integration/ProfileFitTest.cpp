@@ -1,6 +1,7 @@
 #include "pipeline/integration/ProfileFit.h"
 
 #include "pipeline/integration/CurveFit.h"
+#include "support/SoFar.h"
 #include "support/Testing.h"
 
 namespace {
@@ -91,6 +92,7 @@ TEST(ProfileFitTest, fitsAloneAndOverlappedSpotsWithHonestErrors) {
     double sum = 0, squares = 0, pairSum = 0, pairSquares = 0;
     constexpr int kPictures = 40;
     int alone = 0, paired = 0;
+    SoFar soFar;
     for (unsigned seed = 1; seed <= kPictures; ++seed) {
         Picture picture;
         for (int i = 0; i < 6; ++i) {
@@ -105,6 +107,7 @@ TEST(ProfileFitTest, fitsAloneAndOverlappedSpotsWithHonestErrors) {
                                         profiles, picture.prediction, measured, picture.truth);
         for (std::size_t i = 0; i < fitted.size(); ++i) {
             ASSERT_GT(fitted[i].variance, 0);
+            soFar.add(fitted[i].counts, fitted[i].variance, fitted[i].seen);
             const double pull = (fitted[i].counts - picture.truth[i]) / std::sqrt(fitted[i].variance);
             (i % 3 == 0 ? sum : pairSum) += pull;
             (i % 3 == 0 ? squares : pairSquares) += pull * pull;
@@ -116,6 +119,7 @@ TEST(ProfileFitTest, fitsAloneAndOverlappedSpotsWithHonestErrors) {
     EXPECT_NEAR(squares / alone, 1, 0.3);
     EXPECT_NEAR(pairSum / paired, 0, 0.25);
     EXPECT_NEAR(pairSquares / paired, 1, 0.3);
+    EXPECT_NEAR(soFar.sum(), 2271517.67, 1e-1);
 }
 
 TEST(ProfileFitTest, leavesOutPixelsWithoutMeasurement) {

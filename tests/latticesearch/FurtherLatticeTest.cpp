@@ -6,6 +6,7 @@
 
 #include "pipeline/base/Angle.h"
 #include "pipeline/latticesearch/PointsOnNodes.h"
+#include "support/SoFar.h"
 #include "support/Testing.h"
 
 namespace {
@@ -71,6 +72,7 @@ TEST(PointsOnNodes, CountsAsOnePointAfterTheOther) {
 }
 
 TEST(FurtherLattice, FindsAnotherCrystalAndNothingElse) {
+    SoFar soFar;
     const Matrix3d first = triclinic();
     Matrix3d other;
     other << 9, 0, 1, 1, 16, 0, 0, 2, 12;
@@ -112,9 +114,12 @@ TEST(FurtherLattice, FindsAnotherCrystalAndNothingElse) {
         EXPECT_EQ(found->sameCell, one.sameCell);
         EXPECT_TRUE(vrk::sameLattice(found->candidate.lattice.basis, vrk::reduced(one.second), 0.03));
         EXPECT_EQ(found->candidate.lattice.pixelSize, 5e7);
+        soFar.addAll(found->candidate.lattice.basis.reshaped());
+        soFar.add(found->candidate.score.evidence, found->candidate.score.indexed);
         const bool alone = !vrk::findFurtherLattice(left, {}, {{known}}, nullptr);
         EXPECT_EQ(alone, !one.sameCell) << "the cell of the first alone";
     }
+    EXPECT_NEAR(soFar.sum(), 6334.01942, 1e-4);
 }
 
 TEST(FurtherLattice, APartOfASplitCrystalStandsOutFromTheMean) {
@@ -128,6 +133,9 @@ TEST(FurtherLattice, APartOfASplitCrystalStandsOutFromTheMean) {
     const std::optional<Lattice> part = partOf(1.5);
     ASSERT_TRUE(part);
     EXPECT_NEAR(*vrk::turnBetween(triclinic(), part->basis), 1.5, 0.2);
+    SoFar soFar;
+    soFar.addAll(part->basis.reshaped());
+    EXPECT_NEAR(soFar.sum(), 44.9174065, 1e-6);
     EXPECT_FALSE(partOf(0));
 }
 

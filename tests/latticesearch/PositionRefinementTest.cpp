@@ -2,6 +2,7 @@
 
 #include "indexing/EwaldCurvature.h"
 #include "support/SimulatedReflections.h"
+#include "support/SoFar.h"
 
 namespace {
 
@@ -60,6 +61,7 @@ vrk::RefinementSettings at(double wavelength) {
 }
 
 TEST(PositionRefinement, FindsTheSenseAndTheLattice) {
+    SoFar soFar;
     for (const int sense : {+1, -1}) {
         const CurvedPositions data(sense, EwaldCurvature::wavelength(200.0), 0.25);
         const auto result = vrk::refinePositions(data.found, data.tilts, startOf(data.truth, 0.004),
@@ -90,7 +92,13 @@ TEST(PositionRefinement, FindsTheSenseAndTheLattice) {
         }
         ASSERT_GT(count, 100);
         EXPECT_LT(std::abs(along / count), 0.05) << "uncorrected it is 3.6";
+        soFar.addAll(result->residual);
+        soFar.addAll(result->lattice.cell);
+        soFar.add(result->significance, result->lattice.rms);
+        for (std::size_t i = 0; i < data.found.size(); ++i)
+            soFar.addAll(Eigen::Vector3d(result->positions[i] - data.found[i]));
     }
+    EXPECT_NEAR(soFar.sum(), 1160.76313, 1e-4);
 }
 
 TEST(PositionRefinement, AdmitsThatFlatDataTellNoSense) {

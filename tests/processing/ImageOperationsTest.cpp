@@ -227,6 +227,7 @@ TEST(ImageOperations, RefusesWhatItCannotDo) {
     constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
     RecordingLogObserver log;
     using Operations = ImageOperations;
+    EXPECT_FALSE((ImageView<float>{image.data(), 1, 1}.empty()));
     EXPECT_FALSE(Operations::threshold(none, 1.0F, mask.data()));
     EXPECT_FALSE(Operations::threshold(flat, 1.0F, mask.data()));
     EXPECT_FALSE(Operations::threshold(view(image), 1.0F, nullptr));

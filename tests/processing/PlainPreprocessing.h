@@ -200,7 +200,11 @@ inline void subtractCells(Image<float>& rest, const Image<char>& dead) {
         }
 }
 
-inline Pattern withoutBackground(const Pattern& p) {
+/// \param lost  1 where nothing was recorded; empty when all was
+inline Pattern withoutBackground(const Pattern& p, const std::vector<unsigned char>& lost = {}) {
+    const auto isLost = [&](int x, int y) {
+        return !lost.empty() && lost[static_cast<std::size_t>(y * p.width + x)] != 0;
+    };
     const auto distance = [&](int x, int y) {
         return std::hypot(x - (p.width - 1) / 2.0, y - (p.height - 1) / 2.0);
     };
@@ -209,7 +213,7 @@ inline Pattern withoutBackground(const Pattern& p) {
     std::vector<std::vector<int>> values(rings);
     for (int y = 0; y < p.height; ++y)
         for (int x = 0; x < p.width; ++x)
-            values[ringAt(x, y)].push_back(p.at(x, y));
+            if (!isLost(x, y)) values[ringAt(x, y)].push_back(p.at(x, y));
 
     std::vector<float> profile(rings + 1);
     std::vector<bool> zeroIsDead(rings);
@@ -232,7 +236,7 @@ inline Pattern withoutBackground(const Pattern& p) {
             const auto inner = static_cast<std::size_t>(distance(x, y));
             const auto f = static_cast<float>(distance(x, y) - static_cast<double>(inner));
             rest.at(x, y) = p.at(x, y) - (profile[inner] + f * (profile[inner + 1] - profile[inner]));
-            dead.at(x, y) = zeroIsDead[ringAt(x, y)] && p.at(x, y) == 0;
+            dead.at(x, y) = isLost(x, y) || (zeroIsDead[ringAt(x, y)] && p.at(x, y) == 0);
         }
     subtractCells(rest, dead);
 

@@ -108,6 +108,7 @@ const std::vector<Operation> kAll = {
     [](VoxMRCstemProcessing& p, VoxMRCData* s) {
         return p.turnUndistorted(s, 30, {0.01, 0.01, 0});
     },
+    [](VoxMRCstemProcessing& p, VoxMRCData* s) { return p.recoByAngle(s, 0, 0, true); },
 };
 
 }  // namespace
@@ -160,9 +161,20 @@ TEST(Preprocessing, EqualsThePlainStepsBitForBit) {
         const double doubled = 2 * lenses.azimuth * std::numbers::pi / 180;
         const FrameDistortion distortion{lenses.strength * std::cos(doubled),
                                          lenses.strength * std::sin(doubled), lenses.radial};
-        std::vector<plain::Pattern> flat, turned, straight;
+        // What was not recorded: beside an area, and what centring brought in.
+        std::vector<PatternCentre> centres;
+        for (std::size_t i = 0; i < series.size(); ++i)
+            centres.push_back({.x = 1.0 * edge(series[0].width),
+                               .y = 1.0 * edge(series[0].height),
+                               .source = PatternCentre::Source::Beam});
+        const RecordedPixels recorded(series[0].width, series[0].height,
+                                      {edge(9) - 5, edge(9) - 5, edge(130), edge(130)}, {}, centres);
+        std::vector<plain::Pattern> flat, flatRecorded, turned, straight;
         for (const plain::Pattern& pattern : series) {
+            std::vector<unsigned char> lost(pattern.pixels.size());
+            recorded.notRecorded(static_cast<unsigned>(flat.size()), lost.data());
             flat.push_back(plain::withoutBackground(pattern));
+            flatRecorded.push_back(plain::withoutBackground(pattern, lost));
             turned.push_back(plain::turned(pattern, angle));
             straight.push_back(plain::turned(pattern, angle, lenses));
         }
@@ -173,6 +185,10 @@ TEST(Preprocessing, EqualsThePlainStepsBitForBit) {
         std::vector<std::vector<ReplacedPixel>> replaced;
         expectEqual(*Data(processing.removeHotSpots(toData(series), &replaced)), clean);
         expectEqual(*Data(processing.subtractBackground(toData(series), {})), flat);
+        expectEqual(*Data(processing.subtractBackground(toData(series), recorded)), flatRecorded);
+        RecordingLogObserver log;
+        EXPECT_EQ(processing.subtractBackground(makeSeries(150, 64, {0}), recorded), nullptr);
+        EXPECT_TRUE(log.has("another series", VRK::Error));
         for (std::size_t i = 0; i < series.size(); ++i) {
             std::vector<short> pixels = series[i].pixels;
             for (const ReplacedPixel& pixel : replaced[i])
@@ -214,7 +230,10 @@ TEST(Preprocessing, TurnsTheAxisToY) {
         seriesOf(121, 121, [](double x, double y) { return std::fmod(79 * x + 104 * y, 1000); });
     series->m_Header.setValue(SliceValue::TiltAxis, 0, 37);
     VoxMRCstemProcessing processing;
+    RecordingLogObserver log;
     const Data turned(processing.step3_Rotation2TiltAxis(series.get(), false, 37, 1));
+    EXPECT_TRUE(log.has("tilt axis at 37 degrees", VRK::Normal) &&
+                log.has("rotating pattern 0", VRK::Normal));
     EXPECT_EQ(turned->m_Header.value(SliceValue::TiltAxis, 0), 0);
 
     // Quarter turns move whole pixels: the axis along -x comes to +y.
@@ -223,7 +242,11 @@ TEST(Preprocessing, TurnsTheAxisToY) {
         for (unsigned x = 0; x < 121; ++x)
             ASSERT_EQ(pixel(*quarter, x, y), pixel(*series, 120 - y, x));
     EXPECT_TRUE(*Data(processing.step3_Rotation2TiltAxis(series.get(), true, 0, 0)) == *series);
+    EXPECT_EQ(log.count("rotating pattern", VRK::Normal) + log.count("to the y axis", VRK::Normal), 2);
     EXPECT_TRUE(*Data(processing.turnUndistorted(series.get(), 0, {})) == *series);
+    EXPECT_FALSE(log.has("An ellipse of", VRK::Normal));
+    EXPECT_NE(Data(processing.turnUndistorted(series.get(), 7, {0.03, 0.04, 0})), nullptr);
+    EXPECT_TRUE(log.has("An ellipse of 0.05 is", VRK::Normal) && log.has("at 7 degrees", VRK::Normal));
     for (const FrameDistortion& nonsense : {FrameDistortion{0.6, 0, 0}, FrameDistortion{0, 0, 1}})
         EXPECT_EQ(processing.turnUndistorted(series.get(), 10, nonsense), nullptr);
     EXPECT_EQ(
@@ -265,6 +288,11 @@ TEST(Preprocessing, HalvesAboutTheCentre) {
                                   pixel(*sum, 0, 0, 3)}),
               (std::vector<short>{1, -1, 32767, -32768}));
     EXPECT_TRUE(log.has("2 pixels reached the limits", VRK::Warning));
+    log.messages.clear();
+    for (const bool quiet : {true, false})
+        Data(VoxMRCstemProcessing().DownsampleImageStack(small.get(), quiet, quiet ? 0 : 1));
+    EXPECT_TRUE(log.has("Patterns binned from 2 x 2 to 1 x 1 pixels.", VRK::Normal));
+    EXPECT_EQ(log.count("Patterns binned", VRK::Normal) + log.count("binning pattern", VRK::Normal), 5);
     EXPECT_EQ(apply(kAll[5], makeSeries(1, 4, {0}).get()), nullptr);
 }
 
@@ -362,39 +390,4 @@ TEST(RecordedPixels, MasksAreThoseOfSinglePixels) {
                     << i << ": " << pixel;
         }
     }
-}
-
-TEST(RecordedPixels, BackgroundLeavesTheBorderOut) {
-    // A halo over 4 counts, and 25 columns that the centring brought in.
-    constexpr unsigned kSize = 128;
-    const Data series = makeSeries(kSize, kSize, {0});
-    std::mt19937 random(3);
-    std::vector<short> pixels(kSize * kSize);
-    for (std::size_t i = 0; i < pixels.size(); ++i) {
-        const double radius =
-            std::hypot(static_cast<double>(i % kSize) - 63.5, static_cast<double>(i / kSize) - 63.5);
-        std::poisson_distribution<int> counts(4 + 40 * std::exp(-radius / 30));
-        pixels[i] = i % kSize < 25 ? short{0} : static_cast<short>(counts(random));
-    }
-    setPixels(*series, 0, pixels);
-    const PatternCentre centre{.x = 38.5, .y = 63.5, .source = PatternCentre::Source::Beam};
-    const RecordedPixels recorded(kSize, kSize, {0, 0, kSize, kSize}, {}, {centre});
-    VoxMRCstemProcessing processing;
-    const Data flat(processing.step1_BackgroundSubstraction(series.get(), recorded));
-    ASSERT_NE(flat, nullptr);
-    const std::vector<short> result = pixelsOf(*flat, 0);
-    for (std::size_t cell = 0; cell < kSize / 16; ++cell) {  // strips of 16 columns beside the border
-        double sum = 0;
-        for (std::size_t i = 0; i < result.size(); ++i) {
-            const std::size_t x = i % kSize;
-            EXPECT_TRUE(x >= 25 || result[i] == 0);
-            EXPECT_LT(result[i], 30);
-            if (x >= 25 && x < 41 && i / kSize / 16 == cell) sum += result[i];
-        }
-        EXPECT_NEAR(sum / 256, 0, 0.8) << cell;
-    }
-    RecordingLogObserver log;
-    const Data other = makeSeries(64, 64, {0});
-    EXPECT_EQ(processing.step1_BackgroundSubstraction(other.get(), recorded), nullptr);
-    EXPECT_TRUE(log.has("another series", VRK::Error));
 }

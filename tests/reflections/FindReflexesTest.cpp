@@ -6,6 +6,7 @@
 
 #include "PlainSearch.h"
 #include "TestVolume.h"
+#include "reflections/detail/RegionSeeds.h"
 
 namespace {
 
@@ -35,9 +36,13 @@ TEST(FindReflexes, FindsWhatThePlainSearchFindsInTheSameOrder) {
         // From plateaus of few levels to values that make float sums depend on their order.
         const int spread = static_cast<int>(pick(1, 3, 50, 32767));
         const auto volume = randomVolume(random, spread);
+        const double extreme =
+            pick(-1e300, -32768.5, -32768.0, 32766.5, 32767.0, 32767.5, 1e300, std::nan(""));
         Parameter parameter;
-        parameter.setThreshold(std::uniform_int_distribution<int>(-spread - 1, spread + 1)(random) +
-                               pick(0.0, 0.25, 0.5, 1e-9));
+        parameter.setThreshold(seed % 10 == 0
+                                   ? extreme
+                                   : std::uniform_int_distribution<int>(-spread - 1, spread + 1)(random) +
+                                         pick(0.0, 0.25, 0.5, 1e-9));
         parameter.setMinCountOfVoxel(static_cast<int>(pick(0, 0, 1, 3)));
         parameter.setMaxCountOfVoxel(static_cast<int>(pick(2, 50, 5000, 5000)));
         parameter.setCutOffZeroBeam(random() % 3 == 0);
@@ -69,41 +74,34 @@ TEST(FindReflexes, FindsWhatThePlainSearchFindsInTheSameOrder) {
     EXPECT_GT(compared, 1000U);
 }
 
-TEST(FindReflexes, EveryThresholdDividesTheValuesAsFloatComparisonDoes) {
-    std::vector<short> values(65536);
-    std::iota(values.begin(), values.end(), short{-32768});
-    for (const double threshold : {-1e300, -32768.5, -32768.0, -0.5, 0.0, 0.5, 124.99999999, 125.0, 32766.5,
-                                   32767.0, 32767.5, 1e300, std::numeric_limits<double>::quiet_NaN()}) {
-        // One row along y, so that the foreground is one region.
-        const auto volume = makeVolume({65536, 1, 1}, values);
-        Parameter parameter = unlimited();
-        parameter.setThreshold(threshold);
-        const PlainVolume plain(*volume, threshold);
-        int foreground = 0;
-        for (int i = 0; i < 65536; ++i)
-            foreground += plain.background(i) ? 0 : 1;
-        // A last voxel at an odd y has no seed; the row's end at 65535 stands alone only for 32767.
-        const ReflexVectorPtr found = search(*volume, parameter);
-        const int expected = foreground == 1 ? 0 : foreground;
-        EXPECT_EQ(found->empty() ? 0 : found->front()->getNumberOfVoxels(), expected) << threshold;
+TEST(RegionSeeds, AreTheForegroundOfBothParitiesInOrder) {
+    std::mt19937 random(2);
+    const auto large = makeVolume({200, 33, 26});
+    for (unsigned i = 0; i < 200 * 33 * 26; ++i)
+        setVoxel(*large, i / 200 % 33, i % 200, i / 6600,
+                 static_cast<short>(random() % 90 < 3 ? random() : 0));
+    for (unsigned run = 0; run < 60; ++run) {
+        const auto small = randomVolume(random, 9);
+        const VoxMRCData& volume = run < 3 ? *large : *small;
+        const int limit = run % 3 == 0 ? -32768 : run % 3 == 1 ? 1 : 8;
+        VRK::detail::RegionSeeds seeds(volume, limit);
+        seeds.keepValues(volume);
+        const auto d = [&](unsigned i) { return static_cast<int>(volume.GetDimSize(i)); };
+        for (const int parity : {0, 1}) {
+            std::vector<int> numbers;
+            std::vector<short> values;
+            for (int x = parity; x < d(1); x += 2)
+                for (int y = parity; y < d(0); y += 2)
+                    for (int z = parity; z < d(2); z += 2) {
+                        const short value = volume.GetChunkPointer(static_cast<unsigned>(z))[x * d(0) + y];
+                        if (value < limit) continue;
+                        numbers.push_back((x * d(0) + y) * d(2) + z);
+                        values.push_back(value);
+                    }
+            ASSERT_EQ((parity == 0 ? seeds.even : seeds.odd).numbers, numbers);
+            ASSERT_EQ((parity == 0 ? seeds.even : seeds.odd).values, values);
+        }
     }
-}
-
-TEST(FindReflexes, ManySeedsKeepTheirOrder) {
-    const auto volume = makeVolume({36, 40, 44});
-    for (unsigned x = 0; x < 40; ++x)
-        for (unsigned y = x % 2; y < 36; y += 2)
-            for (unsigned z = x % 2; z < 44; z += 2)
-                setVoxel(*volume, x, y, z, 9);
-    Parameter parameter = unlimited();
-    const ReflexVectorPtr found = search(*volume, parameter);
-    std::size_t next = 0;
-    ASSERT_EQ(found->size(), 2U * 20 * 18 * 22);
-    for (const int parity : {0, 1})
-        for (int x = parity; x < 40; x += 2)
-            for (int y = parity; y < 36; y += 2)
-                for (int z = parity; z < 44; z += 2)
-                    ASSERT_TRUE((*found)[next++]->isInside(x, y, z));
 }
 
 TEST(FindReflexes, ReportsProgressAndCancels) {

@@ -2,6 +2,7 @@
 
 #include "processing/SeriesFactory.h"
 #include "processing/VoxMRCstemProcessing.h"
+#include "support/SoFar.h"
 #include "tiltaxis/ReflectionTransformation.h"
 #include "tiltaxis/Reflex2d.h"
 
@@ -34,6 +35,7 @@ const Reflex2d& brightest(const ReflexVectorPtr& list) {
 }  // namespace
 
 TEST(FindReflexes2dTest, FindsSpotsOfWeakAndBrightPatternsAtTheirPlace) {
+    SoFar soFar;
     for (const double scale : {1.0, 8.0, 300.0}) {
         const auto series = spotSeries(20.3, -11.6, 40 * scale, 2 * scale);
         series->GetChunkPointer(0)[20 * 96 + 20] = static_cast<short>(20 * scale);  // too small for a spot
@@ -43,7 +45,9 @@ TEST(FindReflexes2dTest, FindsSpotsOfWeakAndBrightPatternsAtTheirPlace) {
         EXPECT_NEAR(first(spots).getV(), -11.6, 0.15);
         EXPECT_EQ(first(spots).getPattern(), 0);
         EXPECT_EQ(first(spots).getTilt(), -3);
+        soFar.add(first(spots).getU(), first(spots).getV(), first(spots).getIntensity());
     }
+    EXPECT_NEAR(soFar.sum(), 123622.760, 1e-2);
 }
 
 TEST(FindReflexes2dTest, SpotsTurnAsPatternsDo) {

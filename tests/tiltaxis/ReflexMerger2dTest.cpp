@@ -102,17 +102,3 @@ TEST(ReflexMerger2dTest, WeighsPlaceAndTiltByIntensity) {
     EXPECT_DOUBLE_EQ(at(merged, 0).getTilt(), 7.5);
     EXPECT_NEAR((*merged)[0]->getCenter(2), 10.75 * std::sin(7.5 * M_PI / 180), 1e-12);
 }
-
-TEST(ReflexMerger2dTest, MergesTheSameSpotsWhateverTheAngle) {
-    std::vector<Spot> spots;
-    for (int i = 0; i < 300; ++i)
-        spots.push_back({i / 30, 40 * std::sin(i * 0.7), 40 * std::cos(i * 1.3), 1.0 + i % 7});
-    const ReflexVectorPtr list = listOf(spots);
-    const std::size_t merged = ReflexVectorPtr(ReflexMerger2d::mergeReflexes(list.get()))->size();
-    EXPECT_LT(merged, list->size());
-    for (const double angle : {-90.0, 12.3, 45.0}) {
-        const ReflexVectorPtr turned(
-            ReflectionTransformation::rotate2DReflectionsInImagePlane(list.get(), angle));
-        EXPECT_EQ(ReflexVectorPtr(ReflexMerger2d::mergeReflexes(turned.get()))->size(), merged) << angle;
-    }
-}

@@ -1,8 +1,10 @@
 #include "tiltaxis/VRKTiltAxisRefinement.h"
 
+#include "pipeline/base/Attempt.h"
 #include "pipeline/geometry/TiltAxisSearch.h"
 #include "pipeline/simulation/Simulation.h"
 #include "processing/SeriesFactory.h"
+#include "support/SoFar.h"
 #include "tiltaxis/FindReflexes2d.h"
 
 namespace {
@@ -79,6 +81,12 @@ std::unique_ptr<VoxMRCData> spotSeries(unsigned width, unsigned height = 0, unsi
 }  // namespace
 
 TEST(VRKTiltAxisRefinementTest, FindsTheAxisInPatternsFinelyAndInVolumes) {
+    SoFar soFar, fits;
+    const auto add = [&](const VRKTiltAxisRefinement& search) {
+        for (const TiltAxisScore& one : search.scores())
+            soFar.add(one.angle, one.variance, one.relativeVariance, one.maxValue, one.diffVectors,
+                      one.reflexes, one.compactness);
+    };
     const TemporaryFolder folder;
     for (const auto& [axis, finely] :
          {std::pair{0.0, false}, {-12.3, false}, {85.0, false}, {37.4, true}, {-89.5, true}}) {
@@ -87,15 +95,29 @@ TEST(VRKTiltAxisRefinementTest, FindsTheAxisInPatternsFinelyAndInVolumes) {
         VRKTiltAxisRefinement search;
         double angle = search.searchTiltAxis2dBruteForce(series.get(), "s", folder / "", 1.0);
         EXPECT_LE(betweenAxes(angle, axis), 0.6);
+        add(search);
+        if (axis == 0) {  // the same by way of the pipeline, with its verdict
+            const auto result =
+                vrk::attempt(vrk::silence(), [&](vrk::Session& session) {
+                    return vrk::findTiltAxis(*series, vrk::TiltAxisMethod::TwoD, 1.0, {}, session);
+                }).value();
+            EXPECT_EQ(result.gridAngle, angle);
+            EXPECT_TRUE(result.reliable);
+            fits.add(result.angle, result.uncertainty, result.significance);
+        }
         if (!finely) continue;
         angle = search.searchTiltAxisManual2D(series.get(), "s", folder / "", axis - 1.23, axis + 1.27, 0.1);
         EXPECT_LE(betweenAxes(angle, axis), 0.2);
         const vrk::TiltAxisFit fit = vrk::fitTiltAxis(search.scores(), angle);
         EXPECT_LE(betweenAxes(fit.angle, axis), 0.08);
         EXPECT_LT(fit.uncertainty, 0.05);
+        fits.add(fit.angle, fit.uncertainty);
         angle = search.searchTiltAxisManual3D(series.get(), "s", folder / "", axis - 44, axis + 44, 4);
         EXPECT_LE(betweenAxes(angle, axis), 0.01);
+        add(search);
     }
+    EXPECT_NEAR(soFar.sum(), 19451110.5, 1e0);
+    EXPECT_NEAR(fits.sum(), -11.6875118, 1e-6);
 }
 
 TEST(VRKTiltAxisRefinementTest, FindsTheAxisHoweverBrightTheSeriesIs) {
