@@ -193,6 +193,9 @@ Hdf5File::Hdf5File(FrameSource source) : FrameFile(std::move(source)) {
             if (values.at(i).is_number()) *value = values.at(i).get<double>();
             ++i;
         }
+        // Damaged angles are none.
+        constexpr double kMostDegrees = 36000;
+        if (!(std::abs(info.tilt.value_or(0)) <= kMostDegrees)) info.tilt.reset();
         m_infos.push_back(info);
     }
     m_stacks = contents.at("stacks").get<std::vector<std::array<int, 2>>>();
