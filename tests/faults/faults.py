@@ -269,9 +269,11 @@ def taken_away(bench, name, rng, how):
         (bench.folder / "new").write_bytes(kept[:-2] + b"\1\1")
         os.replace(bench.folder / "new", source)
     else:
-        target = bench.folder / (outputs[0] if outputs else "axis")
-        shutil.rmtree(target if target.suffix == "" else target.parent, ignore_errors=True) if "/" in str(
-            outputs) or target.suffix == "" else target.unlink(missing_ok=True)
+        # At once: what is put there while files go one by one is no result, and none of ours.
+        target = bench.folder / (outputs[0].split("/")[0] if outputs else "axis")
+        if target.exists():
+            target.rename(bench.folder / "gone")
+        shutil.rmtree(bench.folder / "gone", ignore_errors=True)
     errors = bench.let(process)
     if source.parent.exists() and kept:
         source.write_bytes(kept)
