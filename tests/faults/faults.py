@@ -162,8 +162,8 @@ class Bench:
             elif entry.is_file() and entry.name not in getattr(self, "inputs", {}):
                 entry.unlink()
 
-    def check(self, name, killed=False):
-        """No file under a good name that is not whole."""
+    def check(self, name, killed=False, code=None):
+        """No file under a good name that is not whole; none missing after success."""
         for output, whole in self.whole[name].items():
             if (self.folder / output).exists() and self.state(output) not in (None, whole):
                 raise Trouble(f"{output} is not whole")
@@ -174,6 +174,8 @@ class Bench:
         for file, sum_ in self.inputs.items():
             if digest(self.folder / file) != sum_:
                 raise Trouble(f"the input {file} was changed")
+        if code == 0:
+            self.check_whole(name)
 
     def check_end(self, process, allowed, errors=None):
         if errors is None:
@@ -204,9 +206,7 @@ def stopped(bench, name, rng, number):
     # Before the program has begun it ends as any other does.
     allowed = (0, -number) if number == signal.SIGKILL else (0, 128 + number, -number)
     code = bench.check_end(process, allowed, errors)
-    bench.check(name, killed=process.returncode == -number)
-    if code == 0:
-        bench.check_whole(name)
+    bench.check(name, killed=process.returncode == -number, code=code)
     bench.succeed(line)
     bench.check_whole(name)
     return code
@@ -219,10 +219,8 @@ def failing(bench, name, rng, call):
     if count == 0:
         return None
     code = bench.check_end(bench.start(line, {f"VRK_FAULT_{call}": 1 + rng.randrange(count)}), (0, 1, 3))
-    bench.check(name)
     # An optional file that cannot be read is left out: the result is another one then.
-    if code == 0 and call == "WRITE":
-        bench.check_whole(name)
+    bench.check(name, code=code if call == "WRITE" else None)
     return code
 
 
@@ -239,9 +237,7 @@ def out_of_room(bench, name, rng):
         resource.setrlimit(resource.RLIMIT_FSIZE, (most, most))
 
     code = bench.check_end(bench.start(line, preexec_fn=limit), (0, 1, 3))
-    bench.check(name)
-    if code == 0:
-        bench.check_whole(name)
+    bench.check(name, code=code)
     bench.succeed(line)
     return code
 
@@ -305,9 +301,7 @@ def without_streams(bench, name, rng):
     allowed = (0, 1, -signal.SIGPIPE) if which == "pipe" else (0, 1)
     if process.returncode not in allowed:
         raise Trouble(f"streams {which}: exit code {process.returncode}")
-    bench.check(name)
-    if process.returncode == 0:
-        bench.check_whole(name)
+    bench.check(name, code=process.returncode)
     return process.returncode
 
 
