@@ -31,6 +31,10 @@ if(VRKCORE_SANITIZE)
   add_compile_options(-fsanitize=${VRKCORE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${VRKCORE_SANITIZE})
   add_compile_definitions(_GLIBCXX_ASSERTIONS)
+  if(VRKCORE_SANITIZE MATCHES thread)
+    # What chooses a function's variant for the processor runs before ThreadSanitizer has begun, and would call it.
+    add_compile_options("-Dtarget_clones(...)=unused")
+  endif()
   # Among the checks of sanitizers GCC loses sight of what was set; the release build warns of it.
   add_compile_options($<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
 endif()

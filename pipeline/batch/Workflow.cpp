@@ -224,7 +224,10 @@ void writeWorkflow(const std::vector<WorkUnit>& units, const EngineSettings& set
     writeText(std::string(kHead) + std::string(settings.slurm ? kSlurmRule : kLocalRule),
               workflow / "Snakefile");
     writeText(std::string(kTask), workflow / "task.sh");
-    writeText(jobLines(units, settings.program), folder.jobLines());
+    // Other programs read it: a part of it would pass for fewer jobs.
+    OutputFile lines(folder.jobLines());
+    writeText(jobLines(units, settings.program), lines.path());
+    lines.commit();
 }
 
 std::vector<std::string> engineCommand(const std::vector<WorkUnit>& units, const EngineSettings& settings) {

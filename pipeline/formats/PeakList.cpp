@@ -94,7 +94,7 @@ bool readPlainList(const std::filesystem::path& path, ReflexVector& list) {
         if (values.size() < 3)
             throw Failure(path.string() + ", line " + std::to_string(number) +
                           ": no three numbers x y z; a list of positions or a peak file is expected");
-        auto reflex = std::make_unique<Reflex>(values[0], values[1], values[2]);
+        ReflexPtr reflex(new Reflex(values[0], values[1], values[2]));
         if (values.size() > 3)
             reflex->setIntensity(std::max(values[3], 0.0));
         else

@@ -127,7 +127,7 @@ Completeness completenessOf(const Lattice& lattice, std::span<const Indices> ind
     std::vector<Node> nodes;
     forEachNode(lattice, result.limit, [&](const Indices& hkl, const Eigen::Vector3d& place) {
         if (std::isnan(space.tiltOf(place, lattice.pixelSize))) return;
-        const std::size_t parity = 4U * (hkl[0] & 1) + 2U * (hkl[1] & 1) + (hkl[2] & 1U);
+        const auto parity = static_cast<std::size_t>(4 * (hkl[0] & 1) + 2 * (hkl[1] & 1) + (hkl[2] & 1));
         nodes.push_back({shellOf(place.norm(), result.limit), parity, found.contains(hkl)});
     });
     for (const Node& node : nodes) {

@@ -47,6 +47,8 @@ std::vector<CrystalData> crystalsOf(const Json& summary, const std::filesystem::
 std::vector<CrystalData> readCrystals(const std::filesystem::path& folder) {
     const std::filesystem::path file = folder / "summary.json";
     const std::optional<std::string> text = wholeFile(file);
+    std::error_code ignored;
+    if (!text && std::filesystem::exists(file, ignored)) throw Failure(file.string() + " cannot be read");
     if (!text)
         throw Failure(folder.string() + " holds no summary.json; give folders that 'vrk run' made",
                       FailureKind::Usage);

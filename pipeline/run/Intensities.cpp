@@ -97,8 +97,8 @@ SeriesGeometry geometryOf(const Indexed& indexed, const ReciprocalVolume& volume
         tilts.push_back(header.tilt(i) * kDegree * (1.0 + term(InstrumentTerm::TiltScale)));
     const double step = typicalStep(tilts);
     // Centres count in the frames as they came, before they were padded.
-    const double left = 0.5 * (counts.GetWidth() - facts.size[0]);
-    const double top = 0.5 * (counts.GetHeight() - facts.size[1]);
+    const double left = 0.5 * (static_cast<double>(counts.GetWidth()) - facts.size[0]);
+    const double top = 0.5 * (static_cast<double>(counts.GetHeight()) - facts.size[1]);
     const double middleX = 0.5 * (counts.GetWidth() - 1.0);
     const double middleY = 0.5 * (counts.GetHeight() - 1.0);
     for (std::size_t i = 0; i < tilts.size(); ++i) {

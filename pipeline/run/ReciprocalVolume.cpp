@@ -25,7 +25,8 @@ bool ReciprocalVolume::isCut(const Eigen::Vector3d& position, double tilt) const
     const double x = middle + place.x();
     const double y = middle + place.y();
     const auto next = std::lower_bound(tilts.begin(), tilts.end(), tilt * 180.0 / std::numbers::pi);
-    const auto upper = static_cast<unsigned>(next == tilts.end() ? tilts.size() - 1 : next - tilts.begin());
+    const auto upper =
+        std::min(static_cast<unsigned>(next - tilts.begin()), static_cast<unsigned>(tilts.size()) - 1);
     const unsigned lower = upper > 0 ? upper - 1 : 0;
     return recorded.isCut(lower, x, y, kReach) || recorded.isCut(upper, x, y, kReach);
 }

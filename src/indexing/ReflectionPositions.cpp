@@ -25,7 +25,7 @@ struct Place {
 };
 
 Reflex* copyAt(const double position[3], const Reflex& source) {
-    auto copy = std::make_unique<Reflex>(position[0], position[1], position[2]);
+    ReflexPtr copy(new Reflex(position[0], position[1], position[2]));
     copy->setHKL(source.getH(), source.getK(), source.getL());
     copy->setIntensity(source.getIntensity());
     return copy.release();

@@ -9,7 +9,7 @@
 /// ReflectionTransformation::transformTo3DPositions() gives it the one in reciprocal space.
 ///
 /// Owns nothing beyond its base, so a ReflexVector frees it as it frees any reflection.
-class VRKCORE_EXPORT Reflex2d : public Reflex {
+class VRKCORE_EXPORT Reflex2d final : public Reflex {
 public:
     /// \param pattern      number of the pattern in its series
     /// \param tiltDegrees  tilt angle of the pattern

@@ -118,8 +118,8 @@ class Bench:
             process.send_signal(signal.SIGCONT)
         return process.communicate(timeout=PATIENCE)[1]
 
-    def succeed(self, line):
-        process = self.start(line)
+    def succeed(self, line, faults=None):
+        process = self.start(line, faults)
         _, errors = process.communicate(timeout=PATIENCE)
         if process.returncode != 0:
             raise Trouble(f"vrk {line}: exit code {process.returncode}: {errors.strip()[-200:]}")
@@ -132,11 +132,8 @@ class Bench:
         self.clear()
         counts = self.folder / "counts"
         began = time.monotonic()
-        process = self.start(line, {"VRK_FAULT_COUNT": counts})
-        _, errors = process.communicate(timeout=PATIENCE)
+        self.succeed(line, {"VRK_FAULT_COUNT": counts})
         self.seconds[name] = time.monotonic() - began
-        if process.returncode != 0:
-            raise Trouble(f"vrk {line}: exit code {process.returncode}: {errors.strip()[-200:]}")
         self.calls[name] = dict(zip(("MALLOC", "WRITE", "READ"), map(int, counts.read_text().split())))
         self.whole[name] = {output: self.state(output) for output in outputs}
 
@@ -165,8 +162,8 @@ class Bench:
             elif entry.is_file() and entry.name not in getattr(self, "inputs", {}):
                 entry.unlink()
 
-    def check(self, name, killed=False):
-        """No file under a good name that is not whole."""
+    def check(self, name, killed=False, code=None):
+        """No file under a good name that is not whole; none missing after success."""
         for output, whole in self.whole[name].items():
             if (self.folder / output).exists() and self.state(output) not in (None, whole):
                 raise Trouble(f"{output} is not whole")
@@ -177,14 +174,17 @@ class Bench:
         for file, sum_ in self.inputs.items():
             if digest(self.folder / file) != sum_:
                 raise Trouble(f"the input {file} was changed")
+        if code == 0:
+            self.check_whole(name)
 
-    def check_end(self, process, errors, allowed, out=""):
+    def check_end(self, process, allowed, errors=None):
+        if errors is None:
+            errors = process.communicate(timeout=PATIENCE)[1]
         if process.returncode not in allowed:
             raise Trouble(f"exit code {process.returncode}: {errors.strip()[-300:]!r}")
-        if process.returncode > 0 and errors is not None:
-            said = [line for line in errors.splitlines() if line.startswith("vrk: ") and "warning:" not in line]
-            if not said:
-                raise Trouble(f"exit code {process.returncode} without a reason: {errors[-300:]!r}")
+        if process.returncode > 0 and not any(
+                line.startswith("vrk: ") and "warning:" not in line for line in errors.splitlines()):
+            raise Trouble(f"exit code {process.returncode} without a reason: {errors[-300:]!r}")
         return process.returncode
 
     def check_whole(self, name):
@@ -205,10 +205,8 @@ def stopped(bench, name, rng, number):
     errors = bench.let(process)
     # Before the program has begun it ends as any other does.
     allowed = (0, -number) if number == signal.SIGKILL else (0, 128 + number, -number)
-    code = bench.check_end(process, errors, allowed) if process.returncode != -number else -number
-    bench.check(name, killed=process.returncode == -number)
-    if code == 0:
-        bench.check_whole(name)
+    code = bench.check_end(process, allowed, errors)
+    bench.check(name, killed=process.returncode == -number, code=code)
     bench.succeed(line)
     bench.check_whole(name)
     return code
@@ -220,13 +218,9 @@ def failing(bench, name, rng, call):
     count = bench.calls[name][call]
     if count == 0:
         return None
-    process = bench.start(line, {f"VRK_FAULT_{call}": 1 + rng.randrange(count)})
-    _, errors = process.communicate(timeout=PATIENCE)
-    code = bench.check_end(process, errors, (0, 1, 3))
-    bench.check(name)
+    code = bench.check_end(bench.start(line, {f"VRK_FAULT_{call}": 1 + rng.randrange(count)}), (0, 1, 3))
     # An optional file that cannot be read is left out: the result is another one then.
-    if code == 0 and call == "WRITE":
-        bench.check_whole(name)
+    bench.check(name, code=code if call == "WRITE" else None)
     return code
 
 
@@ -242,12 +236,8 @@ def out_of_room(bench, name, rng):
         signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
         resource.setrlimit(resource.RLIMIT_FSIZE, (most, most))
 
-    process = bench.start(line, preexec_fn=limit)
-    _, errors = process.communicate(timeout=PATIENCE)
-    code = bench.check_end(process, errors, (0, 1, 3))
-    bench.check(name)
-    if code == 0:
-        bench.check_whole(name)
+    code = bench.check_end(bench.start(line, preexec_fn=limit), (0, 1, 3))
+    bench.check(name, code=code)
     bench.succeed(line)
     return code
 
@@ -256,9 +246,7 @@ def bitwise(bench, name, rng, faults):
     """Short and interrupted reads and writes, or a clock that jumps, change nothing."""
     line, _ = COMMANDS[name]
     bench.clear()
-    process = bench.start(line, faults)
-    _, errors = process.communicate(timeout=PATIENCE)
-    code = bench.check_end(process, errors, (0,))
+    code = bench.check_end(bench.start(line, faults), (0,))
     bench.check_whole(name)
     return code
 
@@ -277,13 +265,15 @@ def taken_away(bench, name, rng, how):
         (bench.folder / "new").write_bytes(kept[:-2] + b"\1\1")
         os.replace(bench.folder / "new", source)
     else:
-        target = bench.folder / (outputs[0] if outputs else "axis")
-        shutil.rmtree(target if target.suffix == "" else target.parent, ignore_errors=True) if "/" in str(
-            outputs) or target.suffix == "" else target.unlink(missing_ok=True)
+        # At once: what is put there while files go one by one is no result, and none of ours.
+        target = bench.folder / (outputs[0].split("/")[0] if outputs else "axis")
+        if target.exists():
+            target.rename(bench.folder / "gone")
+        shutil.rmtree(bench.folder / "gone", ignore_errors=True)
     errors = bench.let(process)
     if source.parent.exists() and kept:
         source.write_bytes(kept)
-    code = bench.check_end(process, errors, (0, 1, 3))
+    code = bench.check_end(process, (0, 1, 3), errors)
     if how == "target":
         bench.check(name)
     else:
@@ -311,9 +301,7 @@ def without_streams(bench, name, rng):
     allowed = (0, 1, -signal.SIGPIPE) if which == "pipe" else (0, 1)
     if process.returncode not in allowed:
         raise Trouble(f"streams {which}: exit code {process.returncode}")
-    bench.check(name)
-    if process.returncode == 0:
-        bench.check_whole(name)
+    bench.check(name, code=process.returncode)
     return process.returncode
 
 
@@ -325,8 +313,7 @@ def both(bench, name, rng):
     second = bench.start(line)
     if bench.exact:
         second.wait(timeout=PATIENCE)
-    codes = [bench.check_end(first, bench.let(first), (0, 1))]
-    codes.append(bench.check_end(second, second.communicate(timeout=PATIENCE)[1], (0, 1)))
+    codes = [bench.check_end(first, (0, 1), bench.let(first)), bench.check_end(second, (0, 1))]
     if 0 not in codes:
         raise Trouble("none of both succeeded")
     bench.check(name)

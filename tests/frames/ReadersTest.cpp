@@ -66,7 +66,7 @@ TEST(Readers, UnitsAndMarksAreUnderstood) {
              {"nexus_master.h5", {{bytes("\0um"), bytes("\0nm")}}, 1, 1e-3 * pixel},
              {"nexus_master.h5",  // a longer word at its place, and its length in two places
               {{bytes("\3\0\0\0\0\0\0\0deg\0\0\0"), bytes("\6\0\0\0\0\0\0\0radian")},
-               {bytes("\3\0\0\0\0\b\0\0\0\0\0\0\t\0\0\0"), bytes("\6\0\0\0\0\b\0\0\0\0\0\0\t\0\0\0")}},
+               {bytes("\3\0\0\0\xe8$\0\0\0\0\0\0\3\0\0\0"), bytes("\6\0\0\0\xe8$\0\0\0\0\0\0\3\0\0\0")}},
               radian,
               pixel},
              {"angles_last.emd", {{"[deg]", "[rad]"}}, radian, 5e7},
@@ -213,6 +213,17 @@ TEST(Readers, SmallFilesDoNotUnpackToLargeOnes) {
     }
     put(0, 4);
     EXPECT_TRUE(refused("x.tif", tiff).says("frames of 268435456 pixels"));
+}
+
+TEST(Readers, SmallFilesThatAskForMuchAreRefused) {
+    for (const auto& [name, reason] : {std::pair{"many.h5", "no tilt series has so many"},
+                                       {"pieces.h5", "lies in 250000 pieces"},
+                                       {"stored.h5", "frame 1 cannot be read"},
+                                       {"deep.h5", "too deep in each other"},
+                                       {"itself.h5", "gathers its frames from itself"}}) {
+        const Refusal refusal = failureOf([&] { FrameFile::open(kFolder / name)->read(0); });
+        EXPECT_TRUE(refusal.says(reason)) << name << refusal.text;
+    }
 }
 
 TEST(Readers, WhatLiesInOtherFoldersIsReadWhenAllowedOnly) {

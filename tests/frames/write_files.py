@@ -8,6 +8,7 @@ import bz2
 import gzip
 import json
 import os
+import zlib
 
 import fabio.cbfimage
 import h5py
@@ -68,7 +69,7 @@ def write_nexus():
     with h5py.File(path("nexus_master.h5"), "w") as file:
         def group(name, kind):
             made = file.create_group(name)
-            made.attrs["NX_class"] = kind
+            made.attrs["NX_class"] = np.bytes_(kind)  # of fixed length, without a zero at its end
             return made
         group("entry", "NXentry")
         data = group("entry/data", "NXdata")
@@ -94,6 +95,8 @@ def write_nexus():
         turning["omega"].attrs["vector"] = (np.sin(np.radians(30)), -np.cos(np.radians(30)), 0)
         turning["omega_increment_set"] = [0.5, 0.5, 0.5]
         turning["chi"] = [0.0, 0.0, 0.0]
+        for i in range(40):  # whoever follows them all never ends
+            turning[f"group{i}"] = turning
 
 
 def write_emd():
@@ -134,6 +137,21 @@ def write_outside():
         file.create_dataset("counts", (2, HEIGHT, WIDTH), "u1", external=[("/etc/passwd", 0, h5py.h5f.UNLIMITED)])
 
 
+def write_greedy():
+    """Small files that ask for much: frames, pieces, memory to unpack a piece, depth, themselves."""
+    for name, shape, piece in (("many.h5", (10**6, 1, 1), (10**6, 1, 1)), ("pieces.h5", (2, 500, 500), (1, 1, 1)),
+                               ("stored.h5", (2, 8, 8), (1, 8, 8))):
+        with h5py.File(path(name), "w") as file:
+            array = file.create_dataset("counts", shape, "u1", chunks=piece, compression="gzip")
+            array.id.write_direct_chunk((0, 0, 0), zlib.compress(bytes(5 * 10**6), 9))
+    with h5py.File(path("deep.h5"), "w", libver="latest") as file:
+        file["/".join("g" * 70)] = stack("u1")
+    with h5py.File(path("itself.h5"), "w") as file:
+        layout = h5py.VirtualLayout((2, 8, 8), "u1")
+        layout[:] = h5py.VirtualSource(".", "counts", (2, 8, 8))
+        file.create_virtual_dataset("counts", layout)
+
+
 def write_packed():
     with open(path("frame.cbf"), "rb") as file:
         with open(path("frame.cbf.gz"), "wb") as packed:
@@ -151,4 +169,5 @@ if __name__ == "__main__":
     write_nexus()
     write_emd()
     write_outside()
+    write_greedy()
     write_packed()

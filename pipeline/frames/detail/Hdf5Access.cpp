@@ -4,7 +4,9 @@
 #include <array>
 #include <cmath>
 #include <functional>
+#include <set>
 
+#include "pipeline/base/MemoryLimit.h"
 #include "pipeline/base/NumberText.h"
 
 namespace vrk::detail {
@@ -40,6 +42,8 @@ std::string readText(hid_t type, hid_t space, const std::function<bool(hid_t, vo
     const std::size_t size = H5Tget_size(type);
     if (size == 0 || size > kMostTextBytes) return "";
     H5Tset_size(memory.get(), size);
+    // Text may fill its length; where it must end in a zero it would lose the last letter.
+    H5Tset_strpad(memory.get(), H5T_STR_NULLPAD);
     std::string result(size, '\0');
     if (!read(memory.get(), result.data())) return "";
     result.erase(std::min(result.find('\0'), result.size()));
@@ -59,7 +63,9 @@ std::vector<double> readNumbers(hid_t type, hid_t space, std::size_t most,
 /// A process that reads a file reads this one alone: where it lies, and what it named outside.
 const FrameSource* theSource = nullptr;
 std::string theFileOutside;
-int theDepth = 0;  ///< of arrays that are made of arrays
+std::string theArrayOfItself;
+std::vector<std::string> theArrays;       ///< one that is made of the next, and so on
+std::set<std::string> theReadableArrays;  ///< of which that is known
 
 /// Whether a file may be read that one in the folder \p near names. What is not there may be: it is missed
 /// later.
@@ -88,6 +94,11 @@ std::string fileOf(const Hdf5Id& dataset) {
     return H5Fget_name(dataset.get(), name.data(), name.size()) < 0 ? "" : name.data();
 }
 
+std::string nameOf(const Hdf5Id& dataset) {
+    std::array<char, kLongestPath> name{};
+    return H5Iget_name(dataset.get(), name.data(), name.size()) < 0 ? "" : name.data();
+}
+
 /// Files that links lead to lie on disk, also when this one was unpacked in memory.
 Hdf5Id followingLinks(hid_t kind) {
     Hdf5Id access(H5Pcreate(kind));
@@ -107,10 +118,51 @@ std::vector<hsize_t> pieceOf(const Hdf5Id& dataset) {
     return {sizes.begin(), sizes.begin() + std::max(rank, 0)};
 }
 
+double bytesOfPiece(const Hdf5Id& dataset, const std::vector<hsize_t>& piece) {
+    const Hdf5Id type(H5Dget_type(dataset.get()));
+    auto bytes = static_cast<double>(H5Tget_size(type.get()));
+    for (const hsize_t size : piece)
+        bytes *= static_cast<double>(size);
+    return bytes;
+}
+
+double piecesOfSlice(const std::vector<long long>& shape, const std::vector<hsize_t>& piece, int axis) {
+    double count = 1;
+    for (std::size_t i = 0; i < piece.size(); ++i)
+        if (shape.size() != 3 || i != static_cast<std::size_t>(axis))
+            count *= std::ceil(static_cast<double>(shape[i]) / static_cast<double>(piece[i]));
+    return count;
+}
+
+/// Whether all pieces from \p start on are stored in no more bytes than packing can have made of them: the
+/// library unpacks whatever is there, a thousand times as much.
+bool arePiecesSound(const Hdf5Id& dataset, std::vector<hsize_t> start, const std::array<hsize_t, 3>& count) {
+    const std::vector<hsize_t> piece = pieceOf(dataset);
+    if (piece.size() != start.size()) return true;
+    const double most = 2 * bytesOfPiece(dataset, piece) + 4096;
+    std::vector<hsize_t> end(start);
+    for (std::size_t i = 0; i < piece.size(); ++i) {
+        end[i] += count[i];
+        start[i] -= start[i] % piece[i];
+    }
+    for (std::vector<hsize_t> at = start;;) {
+        hsize_t stored = 0;
+        if (H5Dget_chunk_storage_size(dataset.get(), at.data(), &stored) >= 0 &&
+            static_cast<double>(stored) > most)
+            return false;
+        std::size_t i = piece.size();
+        while (i > 0 && (at[i - 1] += piece[i - 1]) >= end[i - 1]) {
+            at[i - 1] = start[i - 1];
+            --i;
+        }
+        if (i == 0) return true;
+    }
+}
+
 /// Whether the files that an array takes its numbers from may be read, and those that arrays there do.
 bool mayReadPartsOf(const Hdf5Id& dataset) {
     constexpr int kDeepest = 8;
-    if (!theSource || theSource->allowsOutside()) return true;
+    if (!theSource) return true;
     const Hdf5Id created(H5Dget_create_plist(dataset.get()));
     for (int i = 0; i < H5Pget_external_count(created.get()); ++i) {
         std::array<char, kLongestPath> name{};
@@ -122,9 +174,16 @@ bool mayReadPartsOf(const Hdf5Id& dataset) {
     }
     const auto parts = gatheredArrays(dataset);
     if (parts.empty()) return true;
-    if (theDepth == kDeepest) return false;
-    ++theDepth;
-    const std::filesystem::path folder = std::filesystem::path(fileOf(dataset)).parent_path();
+    const std::filesystem::path own = fileOf(dataset);
+    const std::string name = own.string() + ":" + nameOf(dataset);
+    if (theReadableArrays.contains(name)) return true;
+    if (theArrays.size() == kDeepest ||
+        std::find(theArrays.begin(), theArrays.end(), name) != theArrays.end()) {
+        if (theArrayOfItself.empty()) theArrayOfItself = nameOf(dataset);
+        return false;
+    }
+    theArrays.push_back(name);
+    const std::filesystem::path folder = own.parent_path();
     bool may = true;
     for (const auto& [file, array] : parts) {
         may = may && (file == "." || mayRead(file, folder));
@@ -132,13 +191,18 @@ bool mayReadPartsOf(const Hdf5Id& dataset) {
         const Hdf5Id part(file == "."
                               ? H5Iget_file_id(dataset.get())
                               : H5Fopen((folder / file).c_str(), H5F_ACC_RDONLY, withoutLocks().get()));
-        may = objectAt(part.get(), array) || theFileOutside.empty();
+        may = objectAt(part.get(), array) || (theFileOutside.empty() && theArrayOfItself.empty());
     }
-    --theDepth;
+    theArrays.pop_back();
+    if (may) theReadableArrays.insert(name);
     return may;
 }
 
 }  // namespace
+
+std::string arrayOfItself() {
+    return theArrayOfItself;
+}
 
 std::string fileOutside() {
     return theFileOutside;
@@ -171,15 +235,10 @@ Hdf5Id arrayAt(hid_t place, const std::string& path) {
     const std::vector<hsize_t> piece = pieceOf(array);
     const std::vector<long long> shape = shapeOf(array);
     if (piece.size() != 3 || piece[0] < 2 || shape.size() != 3) return array;
-    const Hdf5Id type(H5Dget_type(array.get()));
-    const auto pieces = [&](std::size_t axis) {
-        const hsize_t count = (static_cast<hsize_t>(shape[axis]) + piece[axis] - 1) / piece[axis];
-        return static_cast<double>(count);
-    };
-    constexpr double kMostBytes = 1 << 30;
-    const double bytes =
-        static_cast<double>(H5Tget_size(type.get()) * piece[0] * piece[1] * piece[2]) * pieces(1) * pieces(2);
-    if (bytes > kMostBytes) return array;
+    // What is unpacked is in memory once in any case.
+    const double most = std::min(2e9, static_cast<double>(memoryLeft()) / 2);
+    const double bytes = bytesOfPiece(array, piece) * piecesOfSlice(shape, piece, 0);
+    if (bytes > most) return array;
     const Hdf5Id access = followingLinks(H5P_DATASET_ACCESS);
     constexpr std::size_t kPlaces = 1009;
     H5Pset_chunk_cache(access.get(), kPlaces, static_cast<std::size_t>(bytes) + 1, 1.0);
@@ -301,7 +360,9 @@ bool readSlice(const Hdf5Id& dataset, int axis, long long slice, std::vector<flo
     H5Sselect_hyperslab(space.get(), H5S_SELECT_SET, start.data(), nullptr, count.data(), nullptr);
     const hsize_t total = pixels.size();
     const Hdf5Id memory(H5Screate_simple(1, &total, nullptr));
-    if (H5Sget_select_npoints(space.get()) != static_cast<hssize_t>(total)) return false;
+    if (H5Sget_select_npoints(space.get()) != static_cast<hssize_t>(total) ||
+        !arePiecesSound(dataset, {start.begin(), start.begin() + static_cast<long>(shape.size())}, count))
+        return false;
     return H5Dread(dataset.get(), H5T_NATIVE_FLOAT, memory.get(), space.get(), H5P_DEFAULT, pixels.data()) >=
            0;
 }
@@ -329,29 +390,34 @@ long long slicesWritten(const Hdf5Id& dataset, int axis) {
     hsize_t count = 0;
     const Hdf5Id space(H5Dget_space(dataset.get()));
     if (piece.size() != 3 || H5Dget_num_chunks(dataset.get(), space.get(), &count) < 0) return shape[along];
-    double perLayer = 1;
-    for (std::size_t i = 0; i < 3; ++i)
-        if (i != along) perLayer *= std::ceil(static_cast<double>(shape[i]) / static_cast<double>(piece[i]));
-    const double written =
-        std::ceil(static_cast<double>(count) / perLayer) * static_cast<double>(piece[along]);
+    const double written = std::ceil(static_cast<double>(count) / piecesOfSlice(shape, piece, axis)) *
+                           static_cast<double>(piece[along]);
     return static_cast<long long>(std::min(written, static_cast<double>(shape[along])));
 }
 
-std::string obstacleIn(const Hdf5Id& dataset) {
+std::string obstacleIn(const Hdf5Id& dataset, int axis) {
     const Hdf5Id created(H5Dget_create_plist(dataset.get()));
-    const Hdf5Id type(H5Dget_type(dataset.get()));
-    if (H5Pget_layout(created.get()) == H5D_CHUNKED) {
-        std::array<hsize_t, H5S_MAX_RANK> sizes{};
-        const int rank = H5Pget_chunk(created.get(), H5S_MAX_RANK, sizes.data());
-        auto bytes = static_cast<double>(H5Tget_size(type.get()));
-        for (int i = 0; i < rank; ++i)
-            bytes *= static_cast<double>(sizes[static_cast<std::size_t>(i)]);
-        constexpr double most = 2e9;
+    if (const std::vector<hsize_t> piece = pieceOf(dataset); !piece.empty()) {
+        constexpr double most = 2e9, mostPieces = 100000, mebibyte = 1 << 20;
+        const double bytes = bytesOfPiece(dataset, piece);
         const double stored = static_cast<double>(H5Dget_storage_size(dataset.get()));
         if (bytes > most || bytes > static_cast<double>(mostUnpacked(static_cast<std::uint64_t>(stored))))
             return formatted(
                 "its pixels lie in pieces of %.0f MB, of which the file holds %.3f MB; it is damaged",
                 bytes / 1e6, stored / 1e6);
+        // Packed and unpacked, while the unpacked ones grow.
+        const double left = static_cast<double>(memoryLeft());
+        if (3 * bytes > left)
+            return formatted(
+                "its pixels lie in pieces of %.0f MiB, which take %.0f MiB of memory to unpack; %.0f MiB may "
+                "be "
+                "taken (--max-memory); smaller pieces, as h5repack -l CHUNK makes them, need less",
+                bytes / mebibyte, 3 * bytes / mebibyte, left / mebibyte);
+        const double pieces = piecesOfSlice(shapeOf(dataset), piece, axis);
+        if (pieces > mostPieces)
+            return formatted(
+                "each of its frames lies in %.0f pieces; h5repack -l CHUNK makes a file of larger ones",
+                pieces);
     }
     for (unsigned i = 0; i < static_cast<unsigned>(std::max(0, H5Pget_nfilters(created.get()))); ++i) {
         unsigned flags = 0;

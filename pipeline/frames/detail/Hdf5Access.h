@@ -42,6 +42,9 @@ Hdf5Id openHdf5(const FrameSource& source);
 Hdf5Id objectAt(hid_t place, const std::string& path);
 /// The first file that was not read because it lies outside; empty when there was none.
 std::string fileOutside();
+/// An array that was not opened because it is made of itself, or of arrays that are made of others in turn,
+/// eight times; empty when there was none.
+std::string arrayOfItself();
 /// An array as objectAt() opens it, with memory for a piece that holds several frames, so that it is unpacked
 /// once and not for each of them.
 Hdf5Id arrayAt(hid_t place, const std::string& path);
@@ -67,7 +70,7 @@ std::pair<std::string, std::string> externalTarget(hid_t group, const std::strin
 std::vector<std::pair<std::string, std::string>> gatheredArrays(const Hdf5Id& dataset);
 
 /// Reads one slice: index \p slice of dimension \p axis (ignored for arrays of two dimensions) and all of the
-/// other two.
+/// other two. False when that fails, or where more is stored for a piece than packing can have made of it.
 bool readSlice(const Hdf5Id& dataset, int axis, long long slice, std::vector<float>& pixels);
 /// Reads column \p column of an array of bytes.
 std::string readColumn(const Hdf5Id& dataset, long long column);
@@ -75,8 +78,8 @@ std::string readColumn(const Hdf5Id& dataset, long long column);
 /// How many slices along \p axis have been written at most; all of them where that cannot be told.
 long long slicesWritten(const Hdf5Id& dataset, int axis);
 
-/// What keeps the pixels from being read: the name of a filter that is not installed, or a chunk that no
-/// camera needs; empty when nothing does.
-std::string obstacleIn(const Hdf5Id& dataset);
+/// What keeps the pixels from being read: the name of a filter that is not installed, or chunks larger or
+/// smaller than any camera needs; empty when nothing does.
+std::string obstacleIn(const Hdf5Id& dataset, int axis);
 
 }  // namespace vrk::detail

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <tuple>
 
 #include "indexing/EwaldCurvature.h"
@@ -16,9 +17,9 @@ namespace vrk::detail {
 namespace {
 
 bool looksLikeFrames(const std::vector<long long>& shape) {
-    constexpr long long mostFrames = 1000000;
+    constexpr long long longest = 1000000;
     return (shape.size() == 2 || (shape.size() == 3 && *std::min_element(shape.begin(), shape.end()) > 0)) &&
-           *std::max_element(shape.begin(), shape.end()) <= mostFrames;
+           *std::max_element(shape.begin(), shape.end()) <= longest;
 }
 
 /// Notes a file that holds some of the frames; a problem when it is not there.
@@ -40,7 +41,7 @@ void addStack(Hdf5Contents& contents, hid_t file, const FrameSource& source, con
                                                      : " is no array of frames");
         return;
     }
-    contents.problem = obstacleIn(dataset);
+    contents.problem = obstacleIn(dataset, axis);
     if (!contents.problem.empty()) return;
     const Hdf5Id created(H5Dget_create_plist(dataset.get()));
     if (H5Pget_layout(created.get()) != H5D_VIRTUAL && H5Dget_storage_size(dataset.get()) == 0)
@@ -65,6 +66,12 @@ void addStack(Hdf5Contents& contents, hid_t file, const FrameSource& source, con
     if (stack.count > kMostEmpty && stack.count / kMostEmptyEach > written) {
         contents.problem = path + " announces " + std::to_string(stack.count) + " frames, but holds " +
                            std::to_string(written) + "; the file is damaged";
+        return;
+    }
+    constexpr std::size_t kMostFrames = 100000;
+    if (contents.infos.size() + static_cast<std::size_t>(stack.count) > kMostFrames) {
+        contents.problem = path + " is one of more than " + std::to_string(kMostFrames) +
+                           " frames; no tilt series has so many";
         return;
     }
     FrameInfo info;
@@ -101,10 +108,16 @@ std::optional<double> inUnits(hid_t place, const std::string& path) {
 
 /// The member of a NeXus file that turned while the frames were taken.
 struct Rotation {
-    std::vector<double> starts;  ///< degrees, one a frame
-    std::vector<double> widths;  ///< degrees, one a frame or empty
-    std::vector<double> vector;  ///< its direction, empty when not stated
+    std::vector<double> starts;                        ///< degrees, one a frame
+    std::vector<double> widths;                        ///< degrees, one a frame or empty
+    std::vector<double> vector;                        ///< its direction, empty when not stated
+    std::set<std::pair<unsigned long, haddr_t>> seen;  ///< what was looked at: groups may hold each other
 };
+
+bool isNew(const Hdf5Id& object, Rotation& rotation) {
+    H5O_info_t info{};
+    return H5Oget_info(object.get(), &info) >= 0 && rotation.seen.emplace(info.fileno, info.addr).second;
+}
 
 double rangeOf(const std::vector<double>& values) {
     const auto [least, most] = std::minmax_element(values.begin(), values.end());
@@ -113,7 +126,7 @@ double rangeOf(const std::vector<double>& values) {
 
 /// Looks through the groups below a sample; the member whose angles differ most is the one that turned.
 void findRotation(const Hdf5Id& group, std::size_t frames, int depth, Rotation& best) {
-    if (!group || isDataset(group) || depth > 3) return;
+    if (!group || isDataset(group) || depth > 3 || !isNew(group, best)) return;
     for (const std::string& name : namesIn(group.get())) {
         const Hdf5Id member = objectAt(group.get(), name);
         if (!isDataset(member)) {
@@ -124,6 +137,7 @@ void findRotation(const Hdf5Id& group, std::size_t frames, int depth, Rotation& 
                                                               "kappa", "alpha", "tilt"};
         const bool stated = attributeText(member.get(), "transformation_type") == "rotation";
         if (!stated && std::find(angles.begin(), angles.end(), name) == angles.end()) continue;
+        if (!isNew(member, best)) continue;
         const std::vector<double> values = numbersAt(group.get(), name);
         if (values.size() != frames || (frames > 1 && !(rangeOf(values) > 0))) continue;
         const double factor = factorTo(attributeText(member.get(), "units"));
@@ -141,6 +155,7 @@ void findRotation(const Hdf5Id& group, std::size_t frames, int depth, Rotation& 
                 found.widths.push_back(widths[widths.size() == 1 ? 0 : i] * factor);
         }
         found.vector = attributeNumbers(member.get(), "vector");
+        found.seen = std::move(best.seen);
         best = std::move(found);
     }
 }
@@ -290,11 +305,17 @@ void readVelox(hid_t file, const FrameSource& source, Hdf5Contents& contents) {
 struct Candidates {
     std::vector<std::pair<std::string, std::vector<long long>>> arrays;
     bool scans = false;  ///< there are arrays of four dimensions
+    bool deep = false;   ///< there are groups deeper in others than files of frames have them
 };
 
 herr_t addCandidate(hid_t root, const char* name, const H5O_info_t* info, void* target) {
     constexpr std::size_t most = 10000;
+    constexpr long deepest = 64;
     auto& candidates = *static_cast<Candidates*>(target);
+    // The time that the library takes grows with the third power of the depth.
+    const std::string_view path(name);
+    candidates.deep = std::count(path.begin(), path.end(), '/') >= deepest;
+    if (candidates.deep) return 1;
     if (info->type != H5O_TYPE_DATASET) return 0;
     const std::vector<long long> shape = shapeOf(objectAt(root, name));
     if (shape.size() == 2 || shape.size() == 3) candidates.arrays.emplace_back(name, shape);
@@ -387,13 +408,23 @@ void readLargest(hid_t file, const FrameSource& source, Hdf5Contents& contents) 
     const auto best = std::max_element(arrays.begin(), arrays.end(),
                                        [&](const auto& a, const auto& b) { return rank(a) < rank(b); });
     if (best == arrays.end()) {
-        contents.problem = candidates.scans ? "its arrays have four dimensions; scans are not tilt series"
-                                            : "it holds no array of frames (of two or three dimensions)";
+        contents.problem = candidates.deep ? "its groups lie too deep in each other; name the array as " +
+                                                 source.path().string() + ":/PATH"
+                           : candidates.scans ? "its arrays have four dimensions; scans are not tilt series"
+                                              : "it holds no array of frames (of two or three dimensions)";
         return;
     }
     std::string others;
+    constexpr std::size_t kLongestList = 200;
+    const auto rankOfBest = rank(*best);
     for (auto one = arrays.begin(); one != arrays.end(); ++one)
-        if (one != best && rank(*one) == rank(*best)) others += " and /" + one->first;
+        if (one != best && rank(*one) == rankOfBest) {
+            if (others.size() > kLongestList) {
+                others += " and more";
+                break;
+            }
+            others += " and /" + one->first;
+        }
     if (others.empty()) return readNamed(file, source, best->first, contents);
     contents.problem = "several arrays could be the frames, /" + best->first + others + "; name one as " +
                        source.path().string() + ":/" + best->first;

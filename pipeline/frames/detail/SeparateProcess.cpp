@@ -15,6 +15,7 @@
 #include <csignal>
 #include <cstdint>
 #include <fstream>
+#include <new>
 #include <utility>
 
 namespace vrk::detail {
@@ -22,6 +23,7 @@ namespace {
 
 constexpr int kPatience = 120'000;  // ms without a byte
 constexpr int kForever = -1;
+constexpr int kNoMemory = 2;  // exit code
 
 bool sendBytes(int socket, const char* bytes, std::size_t count) {
     while (count > 0) {
@@ -92,6 +94,8 @@ std::optional<std::string> receiveMessage(int socket, int patience, std::size_t 
             if (!request) break;
             answer(*request, reply);
         }
+    } catch (const std::bad_alloc&) {
+        _exit(kNoMemory);
     } catch (...) {
         _exit(1);
     }
@@ -167,8 +171,11 @@ void SeparateProcess::end() {
     if (m_socket >= 0) close(std::exchange(m_socket, -1));
     if (m_child <= 0) return;
     kill(m_child, SIGKILL);
-    while (waitpid(m_child, nullptr, 0) < 0 && errno == EINTR) {
+    int status = 0;
+    while (waitpid(m_child, &status, 0) < 0 && errno == EINTR) {
     }
+    if (WIFSIGNALED(status) && WTERMSIG(status) == SIGPROF) m_excess = "time";
+    if (WIFEXITED(status) && WEXITSTATUS(status) == kNoMemory) m_excess = "memory";
     m_child = -1;
 }
 

@@ -37,6 +37,8 @@ public:
     std::optional<std::string> ask(const std::string& request, std::size_t most);
     /// The same for an answer of known length.
     bool ask(const std::string& request, std::span<char> answer);
+    /// Why the child has died, for users: what of it was too much; empty when that is not known.
+    const std::string& excess() const { return m_excess; }
 
 private:
     template <typename Receive>
@@ -45,6 +47,7 @@ private:
 
     pid_t m_child = -1;
     int m_socket = -1;
+    std::string m_excess;
 };
 
 }  // namespace vrk::detail

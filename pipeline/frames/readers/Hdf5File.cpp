@@ -58,9 +58,23 @@ private:
         return std::min(kLeast + static_cast<double>(bytes) / kBytesASecond, kMost);
     }
 
+    /// Names in a file may be long and hold whatever moves a cursor.
+    static std::string inOneLine(std::string text) {
+        constexpr std::size_t kLongest = 500;
+        if (text.size() > kLongest) text = text.substr(0, kLongest) + "...";
+        std::replace_if(
+            text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 127; }, '?');
+        return text;
+    }
+
     std::string describe() {
         if (!m_file) return "";
         m_contents = detail::contentsOf(m_file, m_source);
+        if (const std::string array = detail::arrayOfItself(); !array.empty())
+            m_contents.problem = array +
+                                 " gathers its frames from itself, or by too many steps; name an "
+                                 "array that holds them as " +
+                                 m_source.path().string() + ":/PATH";
         if (const std::string outside = detail::fileOutside(); !outside.empty())
             m_contents.problem = "it names " + outside +
                                  ", which lies outside its folder; vrk import --allow-outside takes frames "
@@ -79,7 +93,7 @@ private:
         const nlohmann::ordered_json all = {{"infos", infos},
                                             {"stacks", stacks},
                                             {"parts", m_contents.parts},
-                                            {"problem", m_contents.problem}};
+                                            {"problem", inOneLine(m_contents.problem)}};
         const std::vector<std::uint8_t> bytes = nlohmann::ordered_json::to_cbor(all);
         return {bytes.begin(), bytes.end()};
     }
@@ -125,6 +139,8 @@ public:
 
 private:
     Frame readFrame(int frame) const override;
+    /// Refuses the file after the process that reads it has died.
+    [[noreturn]] void refuseDamaged(const std::string& what) const;
     /// Starts the process that reads the file. Files of one frame keep none between two readings.
     nlohmann::ordered_json start() const;
 
@@ -139,6 +155,12 @@ FrameFormat::Match recogniseHdf5(const FileStart& start) {
 
 const FrameFormat::Registration kHdf5({"HDF5", recogniseHdf5, FrameFormat::openAs<Hdf5File>});
 
+void Hdf5File::refuseDamaged(const std::string& what) const {
+    const std::string excess = m_process->excess();
+    m_process.reset();
+    refuse(what + (excess.empty() ? "" : "; reading it takes more " + excess + " than files of its size do"));
+}
+
 nlohmann::ordered_json Hdf5File::start() const {
     const auto server = std::make_shared<std::unique_ptr<Hdf5Server>>();
     // What is packed is unpacked here, once for both processes.
@@ -151,7 +173,7 @@ nlohmann::ordered_json Hdf5File::start() const {
     constexpr std::size_t kLongest = std::size_t{1} << 27;
     const std::optional<std::string> answer = m_process->ask("contents", kLongest);
     nlohmann::ordered_json contents = nlohmann::ordered_json::from_cbor(answer.value_or(""), true, false);
-    if (!contents.is_object()) refuse("the HDF5 file is damaged or truncated");
+    if (!contents.is_object()) refuseDamaged("the HDF5 file is damaged or truncated");
     return contents;
 }
 
@@ -171,6 +193,9 @@ Hdf5File::Hdf5File(FrameSource source) : FrameFile(std::move(source)) {
             if (values.at(i).is_number()) *value = values.at(i).get<double>();
             ++i;
         }
+        // Damaged angles are none.
+        constexpr double kMostDegrees = 36000;
+        if (!(std::abs(info.tilt.value_or(0)) <= kMostDegrees)) info.tilt.reset();
         m_infos.push_back(info);
     }
     m_stacks = contents.at("stacks").get<std::vector<std::array<int, 2>>>();
@@ -191,10 +216,9 @@ Frame Hdf5File::readFrame(int frame) const {
     request << "frame " << stack << ' ' << m_stacks[stack][0] << ' ' << slice << ' ' << result.pixels.size();
     const std::span pixels(reinterpret_cast<char*>(result.pixels.data()),
                            result.pixels.size() * sizeof(float));
-    if (!m_process->ask(request.str(), pixels)) {
-        m_process.reset();
-        refuse("frame " + std::to_string(frame + 1) + " cannot be read; the file is damaged or truncated");
-    }
+    if (!m_process->ask(request.str(), pixels))
+        refuseDamaged("frame " + std::to_string(frame + 1) +
+                      " cannot be read; the file is damaged or truncated");
     if (count() == 1) m_process.reset();
     return result;
 }
