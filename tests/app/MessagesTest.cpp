@@ -345,7 +345,7 @@ TEST(Main, TerminalsGetWhatTheyCanShow) {
     const Shown parts(bar.substr(0, bar.find("vrk: ")));
     EXPECT_LT(parts.longest, 30U);
     EXPECT_TRUE(parts.ascends);
-    EXPECT_TRUE(says(bar, "1/9 read"));
+    EXPECT_TRUE(says(bar, {"1/9 read", "\r\x1b[K{\r\n"})) << "the bar is gone before the result comes";
     EXPECT_TRUE(says(runVrkInTerminal(run, folder / ".", 30, "dumb").out, "1/9 read, 0."));
 }
 

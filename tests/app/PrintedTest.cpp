@@ -454,8 +454,12 @@ TEST_F(PrintedTest, PlotsShowWhatTheSummarySays) {
             EXPECT_TRUE(isDrawn(vectors, 512 * (x + 0.5) + dx + 5, 512 * (y + 0.5) + dy, kNodeColour));
         }
     EXPECT_GE(arrows, 6);
-    const cv::Mat left = cv::imread(folder / "out/hk0.png").colRange(0, ImageOverlay::Border::kLeft).clone();
-    EXPECT_TRUE(shows(left, "0.5"));
+    const auto margin = [&](const char* name) {
+        return cv::imread(folder / name).colRange(0, ImageOverlay::Border::kLeft).clone();
+    };
+    EXPECT_TRUE(shows(margin("out/hk0.png"), "0.5"));
+    for (const double part : {-1.0, -0.5, 0.5, 1.0})
+        EXPECT_TRUE(shows(margin("out/centres.png"), vrk::formatted("%+.3g", part * range))) << part;
 }
 
 TEST_F(PrintedTest, RunAndCalibrationTellTheInstrument) {
