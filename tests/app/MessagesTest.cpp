@@ -50,6 +50,7 @@ const std::vector<Group> kGroups = {
          {"run", 2, "run needs SERIES.mrc and -o FOLDER"},
          {"run series.mrc", 2, "run needs -o FOLDER"},
          {"import -o x.mrc", 2, "import needs FRAMES"},
+         {"cell", 2, "cell needs PEAKS and -o"},
          {"run series.mrc -o r more.mrc", 2, "'more.mrc' is one argument more than run takes"},
      }},
     {"values",

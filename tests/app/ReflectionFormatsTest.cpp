@@ -121,7 +121,7 @@ TEST_F(ReflectionFormatsTest, InstructionsFollowFormulaAndSpaceGroup) {
         {{7.1, 8.3, 9.4, 90, 103, 90}, 'P', "C10 H12 N2 O3", "P 1 21/c 1", " 20 24 4 6", " 1", 1},
         // Its inversion centre is not at the origin in this setting.
         {{8.3, 8.3, 8.3, 90, 90, 90}, 'F', "C", "F d -3 m:1", " 32", " 4", 23},
-        {{7.1, 8.3, 9.4, 82, 93, 105}, 'P', "C", "", " 29", " -1", 0}};
+        {{7.1, 8.3, 9.4, 82, 93, 105}, 'P', "C4", "", " 28", " -1", 0}};
     for (const Row& row : rows) {
         m_set.cell = row.cell;
         m_set.centring = row.centring;
