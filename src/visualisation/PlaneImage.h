@@ -71,9 +71,9 @@ struct ImageOverlay {
     struct Border {
         static constexpr int kLeft = 64, kRight = 12, kTop = 78, kBottom = 58;  ///< pixels
 
-        std::vector<std::string> captions;  ///< up to three
-        std::vector<Tick> bottom, left;
-        std::string bottomName, leftName;
+        std::vector<std::string> captions = {};  ///< up to three
+        std::vector<Tick> bottom = {}, left = {};
+        std::string bottomName = {}, leftName = {};
     };
     /// Where the origin lies in the picture of a plane, and how long a pixel is.
     struct Scale {
@@ -82,13 +82,13 @@ struct ImageOverlay {
         double height = 0.0;      ///< of the plane over the origin, in the same units
     };
 
-    std::string title;
-    std::vector<Line> lines;
-    std::vector<Node> nodes;
-    std::vector<Cross> crosses;
-    std::vector<Ring> rings;
-    std::vector<Text> texts;
-    std::optional<Bar> bar;
-    std::optional<Border> border;
-    std::optional<Scale> scale;  ///< for whoever adds rings, bar and ticks; draws nothing
+    std::string title = {};
+    std::vector<Line> lines = {};
+    std::vector<Node> nodes = {};
+    std::vector<Cross> crosses = {};
+    std::vector<Ring> rings = {};
+    std::vector<Text> texts = {};
+    std::optional<Bar> bar = {};
+    std::optional<Border> border = {};
+    std::optional<Scale> scale = {};  ///< for whoever adds rings, bar and ticks; draws nothing
 };

@@ -58,6 +58,7 @@ TEST_F(BatchCommand, DoesJobsOnceAndSaysWhatBecameOfThem) {
         EXPECT_EQ(record(name)["attempts"], name == "bad" ? 2 : 1) << name;
     }
     EXPECT_EQ(record("empty")["outcome"], "nothing found");
+    EXPECT_TRUE(record("good")["seconds"] > 0 && record("good")["modified"] > 1'600'000'000'000'000'000);
     EXPECT_TRUE(says(record("bad")["cause"].get<std::string>(), "bad.mrc"));
     EXPECT_FALSE(exists("PWNED") || exists("out/PWNED"));
     EXPECT_EQ(vrk("batch -o out --job nobody").exitCode, 2);
@@ -74,21 +75,44 @@ TEST_F(BatchCommand, DoesJobsOnceAndSaysWhatBecameOfThem) {
     EXPECT_TRUE(says(wrong.err, "--threshold: many is not a number"));
 }
 
-TEST_F(BatchCommand, ImportsFramesAndRunsWithSnakemake) {
-    if (std::system("command -v snakemake >/dev/null") != 0) GTEST_SKIP() << "snakemake is not installed";
+/// By an engine and a cluster that do jobs one by one, at first only one of them, and by the true one.
+TEST_F(BatchCommand, ImportsFramesAndRunsWithAnEngine) {
     fs::rename(folder / ("data/" + kOdd), folder / kOdd);
     fs::create_directory(folder / "data/stack");
     fs::copy_file(folder / "data/good.mrc", folder / "data/stack/s.mrc");
-    const VrkResult result =
-        runVrk({"batch", "data", "-o", kOdd, "--jobs", "2", "--", "--no-pictures", "--no-integration"},
-               folder / ".");
-    EXPECT_EQ(result.exitCode, 0) << result.err;
-    EXPECT_TRUE(says(result.out, "2 series, 2 done\ncluster 1      2 crystals  oP"));
+    folder.write("snakemake",
+                 "#!/bin/sh\nread -r _ _ _ _ group _ < /proc/$$/stat\n"
+                 "[ $group = $$ ] && echo \"$* in a group\" >> words\n"
+                 "for unit in $(ls -d workflow/run-* | tail -1)/units/*; do\n  task=0\n"
+                 "  for job in $(cat $unit); do\n    if [ -d workflow/logs ]\n"
+                 "    then SLURM_ARRAY_TASK_ID=$task sh workflow/task.sh $unit " VRK_PROGRAM
+                 "\n    else " VRK_PROGRAM
+                 " batch -o . --job $job\n    fi\n    task=$((task + 1))\n"
+                 "    [ $(wc -l < words) = 1 ] && break 2\n  done\ndone\n");
+    fs::create_symlink("snakemake", folder / "sbatch");
+    fs::permissions(folder / "snakemake", fs::perms::owner_all);
+    const std::string path = std::getenv("PATH");
+    const bool isInstalled = std::system("command -v snakemake >/dev/null") == 0;
+    setenv("PATH", ((folder / ".:") + path).c_str(), 1);
+    std::set<std::string> tables;
+    for (const auto& [how, words] : {std::pair("--jobs=3", "--cores 3 --resources mem_mb=700 in a group"),
+                                     {"--slurm", "--cores 1 in a group"},
+                                     {"--jobs=2", ""}}) {
+        if (!*words) setenv("PATH", path.c_str(), 1);
+        if (!*words && !isInstalled) break;
+        const VrkResult result = runVrk(
+            {"batch", "data", "-o", kOdd, how, "--memory", "700", "--", "--no-pictures", "--no-integration"},
+            folder / ".");
+        EXPECT_EQ(result.exitCode, 0) << result.err << folder.read(kOdd + "/workflow/engine.log");
+        EXPECT_TRUE(says(result.out, "2 series, 2 done\ncluster 1      2 crystals  oP  3.9"));
+        const std::vector<std::string> calls = folder.lines(kOdd + "/words");
+        EXPECT_TRUE(calls.size() == (*words ? 2U : 0U) && (!*words || calls[1].ends_with(words))) << how;
+        tables.insert(folder.read(kOdd + "/crystals.csv"));
+        for (const char* name : {"/results", "/words", "/workflow"})
+            fs::remove_all(folder / (kOdd + name));
+    }
+    EXPECT_EQ(tables.size(), 1U);
     EXPECT_FALSE(exists(kOdd + "/PWNED") || exists("PWNED"));
-    const std::string table = folder.read(kOdd + "/crystals.csv");
-    const VrkResult again = runVrk({"batch", "-o", kOdd}, folder / ".");
-    EXPECT_EQ(again.exitCode, 0);
-    EXPECT_EQ(folder.read(kOdd + "/crystals.csv"), table);
 }
 
 TEST_F(BatchCommand, SaysHowToGetTheEngine) {

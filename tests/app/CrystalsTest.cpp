@@ -1,6 +1,7 @@
 // Two crystals in one series: both are found, each with its files, and one is where only one is asked for.
 
 #include "app/RunVrk.h"
+#include "pipeline/base/NumberText.h"
 
 namespace {
 
@@ -30,9 +31,17 @@ protected:
 };
 
 TEST_F(CrystalsTest, BothAreFoundAndMeasured) {
-    const Json found = jsonOf("run two.mrc -o two --no-pictures");
+    const VrkResult printed = vrk("run two.mrc -o two --no-pictures");
+    const Json found = Json::parse(folder->read("two/summary.json"));
     const Json& crystals = found["crystals"];
     ASSERT_EQ(crystals.size(), 2U);
+    const auto number = [&](const char* key) { return crystals[1]["cell"][key].get<double>(); };
+    EXPECT_TRUE(says(
+        printed.out,
+        vrk::formatted("  2: %3.0f %% of the strong reflections, mP  %.3f  %.3f  %.3f  90.00  %.2f  90.00, "
+                       "confidence high, turned by %.1f degrees\n",
+                       100 * crystals[1]["strong_share"].get<double>(), number("a"), number("b"), number("c"),
+                       number("beta"), crystals[1]["turn_deg"].get<double>())));
     double share = 0;
     for (const Json& crystal : crystals) {
         expectCell(crystal["reduced"], 0.02);

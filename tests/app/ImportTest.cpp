@@ -288,12 +288,7 @@ TEST_F(Import, MrcBytesAreSignedUnlessTheFileSaysOtherwise) {
 TEST_F(Import, TiltListsAndFrameLists) {
     settings.files = {folder.write("stack.mrc", mrc<std::int16_t>(3, 1, ""))};
     settings.kilovolts = 200;
-    for (const std::string& list :
-         {folder.write("a.tlt", " -1.00\n  0.00\n\n1.0\n"), folder.write("a.rawtlt", "-1\r\n0\r\n1\r\n"),
-          folder.write("a.mdoc",
-                       "PixelSpacing = 4\nVoltage = 200\n\n[T = x]\n\n[ZValue = 1]\nTiltAngle = 0\n"
-                       "[ZValue = 0]\nTiltAngle = -1\n[ZValue = 2]\nTiltAngle = 1.0\nStage = 1 2\n"),
-          std::string("-1:1")}) {
+    for (const std::string& list : {folder.write("a.tlt", " -1.00\n  0.00\n\n1.0\n"), std::string("-1:1")}) {
         settings.tilts = list;
         expectThreeFrames(import(settings));
     }

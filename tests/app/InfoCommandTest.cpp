@@ -153,6 +153,8 @@ TEST_F(InfoCommand, ShowsVolumesWithMoreLayersThanASeriesMayHave) {
     EXPECT_EQ(info["header"]["labels"][0], "??[2");
     EXPECT_EQ(info["warnings"], Json({"values: all are 0"}));
     EXPECT_EQ(vrk("info v.mrc").exitCode, 0);
+    folder.write("s.mrc", plainSeries().bytes());
+    EXPECT_TRUE(says(vrk("info s.mrc").out, {"tilt axis     not stated\n", "high tension  not stated\n"}));
 }
 
 TEST_F(InfoCommand, DrawsTheAxisOnAPattern) {
@@ -163,12 +165,7 @@ TEST_F(InfoCommand, DrawsTheAxisOnAPattern) {
     const auto coloured = [&](double x, double y) {
         const cv::Mat picture = panelOf(folder / "p.png");
         const double zoom = picture.cols / 200.0;
-        for (int i = -2; i <= 2; ++i) {  // lines are a pixel wide
-            const cv::Vec3b pixel = picture.at<cv::Vec3b>(static_cast<int>((y + 0.5) * zoom - 0.5),
-                                                          static_cast<int>((x + 0.5) * zoom - 0.5) + i);
-            if (pixel[2] > pixel[0] + 50) return true;
-        }
-        return false;
+        return isDrawn(picture, (x + 0.5) * zoom - 0.5, (y + 0.5) * zoom - 0.5, kLineColour);
     };
     jsonOf("info a.mrc --picture p.png --axis 30");
     // Along (-1/2, sqrt(3)/2) from the middle, the arrow's head at the end; not along its mirror image.

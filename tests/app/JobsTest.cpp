@@ -25,6 +25,13 @@ TEST_F(JobsTest, ThreadsChangeNoFile) {
     jsonOf(
         "simulate -o s.mrc --cell 4.1,5.2,6.3,90,100,90 --size 64 --dmin 1 --tilts -30:30:3 --axis 20 "
         "--write-axis");
+    for (const std::string line :
+         {"preprocess s.mrc --rotate header --smooth 1 -o ", "reconstruct s.mrc -o "}) {
+        jsonOf(line + "alone.mrc --jobs 1");
+        jsonOf(line + "shared.mrc --jobs 3");
+        EXPECT_GT(folder.read("alone.mrc").size(), 64U * 64U * 2U * 21U);
+        EXPECT_TRUE(folder.read("shared.mrc") == folder.read("alone.mrc")) << line;
+    }
     jsonOf("run s.mrc -o alone --jobs 1 --keep-volume");
     jsonOf("run s.mrc -o shared --jobs 5 --keep-volume");
     EXPECT_GT(resultOf("alone").size(), 30U);

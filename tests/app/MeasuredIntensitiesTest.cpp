@@ -73,7 +73,8 @@ TEST_F(MeasuredIntensitiesTest, GemmiReadsUnmergedMtzBack) {
     writeUnmergedMtz(experiment, whole, folder / "x.mtz");
     gemmi::Mtz mtz = gemmi::read_mtz_file(folder / "x.mtz");
     EXPECT_EQ(mtz.spacegroup->xhm(), "P 1 21/c 1");
-    EXPECT_EQ(mtz.batches.size(), 31U);
+    ASSERT_EQ(mtz.batches.size(), 31U);
+    EXPECT_EQ(mtz.batches[3].title, "TITLE frame 4");
     EXPECT_FLOAT_EQ(mtz.batches[3].floats[36], -25);
     EXPECT_FLOAT_EQ(mtz.batches[3].floats[37], -23);
     EXPECT_NEAR(mtz.batches[3].get_cell().beta, 103, 1e-4);

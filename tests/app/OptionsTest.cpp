@@ -10,8 +10,8 @@ namespace {
 ///   file? file! file~    it is there; other than without the options; other than in all cases before, too
 ///   exit=N               how the command ends, when not with 0
 struct OptionCase {
-    const char* options;
-    const char* checks;
+    std::string options;
+    std::string checks;
 };
 
 struct Command {
@@ -26,6 +26,19 @@ struct Command {
 };
 
 constexpr const char* kSmallSeries = "--size 64 --dmin 2 --tilts 10:-10:-2 --cell 10,11,12,90,95,90";
+
+/// Of "options : check; options : check", a check without a slash being one of a setting; each changes the
+/// series.
+std::vector<OptionCase> simulations(const std::string& text) {
+    std::vector<OptionCase> cases;
+    std::istringstream all(text);
+    for (std::string one; std::getline(all, one, ';');) {
+        const std::size_t colon = one.find(" : ");
+        const std::string check = one.substr(colon + 3);
+        cases.push_back({one.substr(0, colon), (check[0] == '/' ? "" : "/settings/") + check + " s.mrc~"});
+    }
+    return cases;
+}
 
 const std::vector<Command> kCommands = {
     {"run series.mrc -o out --json --no-pictures",
@@ -202,79 +215,52 @@ const std::vector<Command> kCommands = {
     {"verify result --json", {}, "--input"},
     {"info series.mrc --json", {{"--slices", "/slices/0/a_tilt=-60"}}, "--picture --axis"},
     {"simulate -o s.mrc --json",
-     {{"--centring I", "/cell/conventional/centring=I s.mrc~"},
-      {"--orientation 0,0,90", "/orientation_matrix/1/0=1.0 s.mrc~"},
-      {"--beam-along 0,0,1", "/settings/beam_along=[0,0,1] s.mrc~"},
-      {"--axis-along 0,1,0", "/settings/axis_along=[0,1,0] s.mrc~"},
-      {"--beam-along 0,0,1 --off-zone 2", "/settings/off_zone_deg=2 s.mrc~"},
-      {"--dmin 3", "/settings/dmin=3 s.mrc~"},
-      {"--b-factor 20", "/settings/b_factor=20 s.mrc~"},
-      {"--rocking 0.004", "/settings/rocking_width=0.004 s.mrc~"},
-      {"--even", "/settings/even=true s.mrc~"},
-      {"--asymmetry 1", "/settings/asymmetry=1 s.mrc~"},
-      {"--second-crystal 0.5", "/settings/second_crystal=0.5 s.mrc~"},
-      {"--second-crystal 0.5 --second-turn 3", "/settings/second_turn_deg=3 s.mrc~"},
-      {"--second-crystal 0.5 --second-cell 7,8,9,90,95,90", "/settings/second_cell/1=8 s.mrc~"},
-      {"--handedness -1", "/handedness=-1 s.mrc~"},
-      {"--tilts -10:10:2", "/tilts/0=-10 s.mrc~"},
-      {"--tilt-offset 1", "/tilts/0=11.0 s.mrc~"},
-      {"--tilt-scale 1.1", "/tilts/0=11.0 s.mrc~"},
-      {"--tilt-jitter 0.5", "/settings/tilt_errors/jitter_deg=0.5 s.mrc~"},
-      {"--mode stepwise", "/settings/mode=stepwise s.mrc~"},
-      {"--frame-rotation 1", "/settings/frame_rotation_deg=1 s.mrc~"},
-      {"--mode precession --precession-angle 2", "/settings/precession_angle_deg=2 s.mrc~"},
-      {"--axis 20", "/tilt_axis_deg=20 s.mrc~"},
-      {"--axis-tilt 4", "/axis_tilt_deg=4 s.mrc~"},
-      {"--kv 60", "/voltage_kv=60 s.mrc~"},
-      {"--missing 2", "/tilts/8=-10 s.mrc~"},
-      {"--blank 1", "/blank_frames/0=10 s.mrc~"},
-      {"--seed 2", "/settings/seed=2 s.mrc~"}},
-     "",
-     kSmallSeries},
+     simulations("--centring I : /cell/conventional/centring=I; "
+                 "--orientation 0,0,90 : /orientation_matrix/1/0=1.0; "
+                 "--beam-along 0,0,1 : beam_along=[0,0,1]; --axis-along 0,1,0 : axis_along=[0,1,0]; "
+                 "--beam-along 0,0,1 --off-zone 2 : off_zone_deg=2; --dmin 3 : dmin=3; "
+                 "--b-factor 20 : b_factor=20; --rocking 0.004 : rocking_width=0.004; "
+                 "--even : even=true; --asymmetry 1 : asymmetry=1; "
+                 "--second-crystal 0.5 : second_crystal=0.5; "
+                 "--second-crystal 0.5 --second-turn 3 : second_turn_deg=3; "
+                 "--second-crystal 0.5 --second-cell 7,8,9,90,95,90 : second_cell/1=8; "
+                 "--handedness -1 : /handedness=-1; --tilts -10:10:2 : /tilts/0=-10; "
+                 "--tilt-offset 1 : /tilts/0=11.0; --tilt-scale 1.1 : /tilts/0=11.0; "
+                 "--tilt-jitter 0.5 : tilt_errors/jitter_deg=0.5; --mode stepwise : mode=stepwise; "
+                 "--frame-rotation 1 : frame_rotation_deg=1; "
+                 "--mode precession --precession-angle 2 : precession_angle_deg=2; "
+                 "--axis 20 : /tilt_axis_deg=20; --axis-tilt 4 : /axis_tilt_deg=4; "
+                 "--kv 60 : /voltage_kv=60; --missing 2 : /tilts/8=-10; --blank 1 : /blank_frames/0=10; "
+                 "--seed 2 : seed=2"),
+     "", kSmallSeries},
     {"simulate -o s.mrc --json",
-     {{"--write-axis --axis 5", "/stated/tilt_axis_deg=5 s.mrc~"},
-      {"--state-axis 7", "/stated/tilt_axis_deg=7 s.mrc~"},
-      {"--state-step -1", "/stated/tilts/10=0 s.mrc~"},
-      {"--state-pixel 0", "/stated/pixel_size=0 s.mrc~"},
-      {"--state-kv 0", "/stated/voltage_kv=0 s.mrc~"},
-      {"--state-rotation 0.5", "/stated/rotation_deg=0.5 s.mrc~"},
-      {"--centre-offset -3,4.5", "/centres/0=[28.5,36] s.mrc~"},
-      {"--drift 3", "/settings/centre/drift_px=3 s.mrc~"},
-      {"--jump 3", "/settings/centre/jump_px=3 s.mrc~"},
-      {"--jump 3 --jumps 2", "/settings/centre/jumps=2 s.mrc~"},
-      {"--centre-jitter 1", "/settings/centre/jitter_px=1 s.mrc~"},
-      {"--counts sphere", "/settings/exposure=1 s.mrc~"},
-      {"--dose 0.25", "/settings/exposure=0.5 s.mrc~"},
-      {"--peak 500", "/settings/peak_counts=500 s.mrc~"},
-      {"--spot 2", "/settings/spot_width_px=2 s.mrc~"},
-      {"--direct-beam 100", "/settings/background/direct_beam=100 s.mrc~"}},
-     "",
-     kSmallSeries},
+     simulations("--write-axis --axis 5 : /stated/tilt_axis_deg=5; "
+                 "--state-axis 7 : /stated/tilt_axis_deg=7; --state-step -1 : /stated/tilts/10=0; "
+                 "--state-pixel 0 : /stated/pixel_size=0; --state-kv 0 : /stated/voltage_kv=0; "
+                 "--state-rotation 0.5 : /stated/rotation_deg=0.5; "
+                 "--centre-offset -3,4.5 : /centres/0=[28.5,36]; --drift 3 : centre/drift_px=3; "
+                 "--jump 3 : centre/jump_px=3; --jump 3 --jumps 2 : centre/jumps=2; "
+                 "--centre-jitter 1 : centre/jitter_px=1; --counts sphere : exposure=1; "
+                 "--dose 0.25 : exposure=0.5; --peak 500 : peak_counts=500; --spot 2 : spot_width_px=2; "
+                 "--direct-beam 100 : background/direct_beam=100"),
+     "", kSmallSeries},
     {"simulate -o s.mrc --json",
-     {{"--background 0.5", "/settings/background/halo=0.5 s.mrc~"},
-      {"--halo-gradient 0.3", "/settings/background/halo_gradient=0.3 s.mrc~"},
-      {"--halo-gradient 0.3 --halo-azimuth 40", "/settings/background/halo_azimuth_deg=40 s.mrc~"},
-      {"--ice 50", "/settings/background/ice=50 s.mrc~"},
-      {"--ellipse 0.05", "/settings/distortion/ellipse=0.05 s.mrc~"},
-      {"--ellipse 0.05 --ellipse-azimuth 40", "/settings/distortion/ellipse_azimuth_deg=40 s.mrc~"},
-      {"--radial 0.05", "/settings/distortion/radial=0.05 s.mrc~"},
-      {"--beam-stop", "/settings/beam_stop/width_px=1.28 s.mrc~"},
-      {"--stop-direction 40", "/settings/beam_stop/direction_deg=40 s.mrc~"},
-      {"--stop-width 8", "/settings/beam_stop/width_px=8 s.mrc~"},
-      {"--stop-disc 8", "/settings/beam_stop/disc_radius_px=8 s.mrc~"},
-      {"--stop-offset 2,-3", "/settings/beam_stop/offset_px=[2,-3] s.mrc~"},
-      {"--stop-transmission 0.2", "/settings/beam_stop/transmission=0.2 s.mrc~"},
-      {"--stop-pedestal 20", "/settings/beam_stop/pedestal=20 s.mrc~"},
-      {"--size 80", "/settings/detector/size=80 s.mrc~"},
-      {"--noise 0", "/settings/detector/noise=0 s.mrc~"},
-      {"--saturation 300", "/settings/detector/saturation=300 s.mrc~"},
-      {"--hot-pixels 4", "/settings/detector/hot_pixels=4 s.mrc~"},
-      {"--zingers 4", "/settings/detector/zingers=4 s.mrc~"},
-      {"--cross", "/settings/detector/cross=true s.mrc~"},
-      {"--cif salt.cif", "/cell/conventional/a=5.64 s.mrc~"},
-      {"--list-reflections", "/reflections/0/hkl!"}},
-     "",
-     kSmallSeries},
+     simulations("--background 0.5 : background/halo=0.5; "
+                 "--halo-gradient 0.3 : background/halo_gradient=0.3; "
+                 "--halo-gradient 0.3 --halo-azimuth 40 : background/halo_azimuth_deg=40; "
+                 "--ice 50 : background/ice=50; --ellipse 0.05 : distortion/ellipse=0.05; "
+                 "--ellipse 0.05 --ellipse-azimuth 40 : distortion/ellipse_azimuth_deg=40; "
+                 "--radial 0.05 : distortion/radial=0.05; --beam-stop : beam_stop/width_px=1.28; "
+                 "--stop-direction 40 : beam_stop/direction_deg=40; "
+                 "--stop-width 8 : beam_stop/width_px=8; --stop-disc 8 : beam_stop/disc_radius_px=8; "
+                 "--stop-offset 2,-3 : beam_stop/offset_px=[2,-3]; "
+                 "--stop-transmission 0.2 : beam_stop/transmission=0.2; "
+                 "--stop-pedestal 20 : beam_stop/pedestal=20; --size 80 : detector/size=80; "
+                 "--noise 0 : detector/noise=0; --saturation 300 : detector/saturation=300; "
+                 "--hot-pixels 4 : detector/hot_pixels=4; --zingers 4 : detector/zingers=4; "
+                 "--cross : detector/cross=true; --cif salt.cif : /cell/conventional/a=5.64; "
+                 "--list-reflections --dmin 2.5 : /reflections/0/hkl!"),
+     "", kSmallSeries},
     {"demo -o demo --json",
      {{"--size 96 --step 5 --cell 4,5,6,90,95,90 --centring C --axis 7 --seed 3 --tilt-axis 8",
        "demo/series.truth.json:/settings/detector/size=96 demo/series.truth.json:/tilts/1=-55 "
@@ -462,7 +448,7 @@ TEST_P(OptionsTest, EachHasItsEffect) {
         if (words(other.line)[0] == words(command.line)[0]) {
             known += other.elsewhere + std::string(" ");
             for (const OptionCase& one : other.cases)
-                known += one.options + std::string(" ");
+                known += one.options + ' ';
         }
     for (const std::string& word : words(help))
         if (word.rfind("--", 0) == 0) {

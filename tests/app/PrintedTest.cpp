@@ -3,7 +3,10 @@
 #include <cctype>
 
 #include "app/RunVrk.h"
+#include "pipeline/base/NumberText.h"
+#include "pipeline/batch/CsvTable.h"
 #include "support/PicturePanel.h"
+#include "support/ReportedData.h"
 
 namespace {
 
@@ -126,6 +129,7 @@ const std::vector<Printed> kStages = {
     {"tilt-axis series.mrc -o ax --range 4 8 2",
      "",
      {"tilt axis {/angle_deg} +- {/uncertainty_deg} degrees (best angle tried: {/grid_angle_deg})",
+      "angle variance max reflections",
       "{/scores/1/angle_deg} {/scores/1/variance} {/scores/1/max} {/scores/1/reflections}"}},
     {"cell-info 5 5.1 7 90.3 90.4 90.2",
      "",
@@ -146,6 +150,14 @@ const std::vector<Printed> kStages = {
      "s.truth.json",
      {"s.mrc: 7 frames of 64 x 64 pixels, tilts {/tilts/0} to {/tilts/6} degrees",
       "tilt axis {/tilt_axis_deg} degrees, pixel {/pixel_size*1e-10} 1/Angstrom ({/pixel_size} 1/m)"}},
+    {"demo -o demo --size 128 --step 3 --cell 5,6,7,90,95,90 --centring C --seed 2",
+     "",
+     {"simulated: 41 frames of 128 x 128, cell 5 6 7 90 95 90, centring C",
+      "a {/truth/a} A {/found/a} A {?} %", "beta {/truth/beta} deg {/found/beta} deg {?} deg",
+      "volume {/truth/volume} A^3 {/found/volume} A^3 {?} %", "lattice the same",
+      "Bravais type mC {/found/bravais}", "tilt axis 37.00 deg {/found/tilt_axis_deg} deg {?} deg",
+      "handedness +1 +{/found/handedness}", "reflections {?} recorded {?} found {/percent_indexed} % indexed",
+      "ok"}},
 };
 
 const std::vector<Printed> kMerge = {
@@ -229,7 +241,9 @@ struct Number {
     int decimals = 0;
 
     explicit Number(std::string& text) {
-        if (text.empty() || (text[0] != '-' && !std::isdigit(static_cast<unsigned char>(text[0])))) return;
+        if (text.empty() ||
+            (text[0] != '-' && text[0] != '+' && !std::isdigit(static_cast<unsigned char>(text[0]))))
+            return;
         char* end = nullptr;
         value = std::strtod(text.c_str(), &end);
         const std::string token = text.substr(0, static_cast<std::size_t>(end - text.c_str()));
@@ -356,6 +370,56 @@ TEST_F(PrintedTest, PlotsShowWhatTheSummarySays) {
               kShellCurves +
                   "ln_I: unique reflections\nat_low_resolution: at low resolution\n"
                   "at_the_limit: at 1.00 Angstrom\n");
+    // The curves of the plots are those of the page, and the reflections those of the table.
+    const vrk::CsvTable table = vrk::readCsv(folder / "out/reflections.csv");
+    std::map<std::string, std::map<std::string, double>> measured;
+    for (const vrk::CsvTable::Row& row : table.rows) {
+        std::map<std::string, double> values;
+        for (std::size_t c = 0; c < table.columns.size(); ++c)
+            values[table.columns[c]] = row.fields[c].empty() ? 0 : std::stod(row.fields[c]);
+        if (values["sigma"] > 0)
+            measured[vrk::formatted("[%g,%g,%g]", values["h"], values["k"], values["l"])] = values;
+    }
+    const Json curves = blocksOf(folder.read("out/report.html"))["curves"];
+    ASSERT_GT(curves.size(), 8U);
+    for (std::size_t i = 0; i < curves.size(); ++i) {
+        const Json& curve = curves[i];
+        auto& one = measured[curve["hkl"].dump()];
+        SCOPED_TRACE(curve["hkl"].dump());
+        EXPECT_NEAR(curve["d"], one["d"], 0.06 * one["d"]);
+        EXPECT_NEAR(curve["i_over_sigma"].get<double>() / one["intensity"] * one["sigma"], 1, 0.01);
+        std::istringstream rows(folder.read(vrk::formatted("out/plots/rocking_curves_%zu.dat", i + 1)));
+        std::string line;
+        std::getline(rows, line);
+        for (std::size_t n = 0; n < curve["tilts"].size(); ++n)
+            for (const char* name : {"tilts", "counts", "sigma", "fitted"}) {
+                rows >> line;
+                const Json& value = curve[name][n];
+                const double found = value.is_null() ? 0 : value.get<double>();
+                EXPECT_EQ(value.is_null(), line == "NaN");
+                EXPECT_NEAR(found, value.is_null() ? 0 : std::stod(line), 1e-4 * std::abs(found));
+            }
+        EXPECT_FALSE(rows >> line);
+    }
+    // What the pictures say in words.
+    const std::vector<std::pair<const char*, std::vector<const char*>>> texts = {
+        {"centres",
+         {"direct beam  -  series.mrc", "ringed: doubtful", "tilt (degrees)", "-60.0", "-40.0", "40.0"}},
+        {"hk0", {"hk0  -  series.mrc", "0.5"}},
+        {"projection_y", {"maximum along y (tilt axis)  -  series.mrc"}},
+        {"difference_vectors",
+         {"difference vectors  -  series.mrc", "seen along z, along y (the tilt axis) and along x",
+          "base vectors of the lattice as found:", "spots: where differences of reflections pile up",
+          "rings: vectors of the lattice that was found",
+          "spots without rings: another lattice, or a larger cell",
+          "rings without spots: a smaller cell, or a centring"}},
+        {"frame_005",
+         {"frame 5, tilt -48",
+          "rings: spots that the refined geometry predicts; crosses: spots that were observed"}}};
+    for (const auto& [name, all] : texts)
+        for (const char* text : all)
+            EXPECT_TRUE(shows(cv::imread(folder / (std::string("out/") + name + ".png")), text))
+                << name << text;
     // The direct beam: x above y, over the tilts, from the mean upwards.
     const cv::Mat picture = panelOf(folder / "out/centres.png");
     ASSERT_EQ(picture.size(), cv::Size(1024, 1024));
@@ -374,17 +438,35 @@ TEST_F(PrintedTest, PlotsShowWhatTheSummarySays) {
             const double right = 30 + 964 * (one["tilt"].get<double>() + 60) / 120;
             const double above = (one[keys[panel]].get<double>() - mean[panel]) / range;
             const double down = 512 * (0.5 + static_cast<double>(panel)) - 0.4 * 512 * above;
-            const cv::Mat around =
-                picture(cv::Rect(static_cast<int>(right) - 2, static_cast<int>(down) - 2, 5, 5));
-            double brightest = 0;
-            cv::minMaxLoc(around.reshape(1), nullptr, &brightest);
-            EXPECT_GT(brightest, 150) << keys[panel] << " at " << one["tilt"];
+            EXPECT_TRUE(isDrawn(picture, right, down, kLineColour)) << keys[panel] << " at " << one["tilt"];
         }
+    // Rings about the base vectors of the lattice, and arrows, at times to sums of them, seen along z, y and
+    // x.
+    int arrows = 0;
+    const cv::Mat vectors = panelOf(folder / "out/difference_vectors.png");
+    const Json summary = jsonFile("out/summary.json");
+    const double scale = 0.48 * 512 / summary["parameters"]["max_length"].get<double>();
+    for (const Json& vector : summary["cell"]["reciprocal_vectors_px"])
+        for (const auto& [right, down, x, y] : {std::array{0, 1, 0, 0}, {0, 2, 1, 0}, {2, 1, 0, 1}}) {
+            const double dx = scale * vector[static_cast<std::size_t>(right)].get<double>(),
+                         dy = scale * vector[static_cast<std::size_t>(down)].get<double>();
+            arrows += isDrawn(vectors, 512 * (x + 0.5) + dx / 2, 512 * (y + 0.5) + dy / 2, kLineColour);
+            EXPECT_TRUE(isDrawn(vectors, 512 * (x + 0.5) + dx + 5, 512 * (y + 0.5) + dy, kNodeColour));
+        }
+    EXPECT_GE(arrows, 6);
+    const auto margin = [&](const char* name) {
+        return cv::imread(folder / name).colRange(0, ImageOverlay::Border::kLeft).clone();
+    };
+    EXPECT_TRUE(shows(margin("out/hk0.png"), "0.5"));
+    for (const double part : {-1.0, -0.5, 0.5, 1.0})
+        EXPECT_TRUE(shows(margin("out/centres.png"), vrk::formatted("%+.3g", part * range))) << part;
 }
 
 TEST_F(PrintedTest, RunAndCalibrationTellTheInstrument) {
     simulate(kBentSeries);
     expectWhatTheJsonSays(kBent);
+    for (const Json& term : jsonFile("bent/summary.json")["instrument"]["terms"])
+        EXPECT_TRUE(term["esd"] > 0 && term["esd"] < 0.2) << term;
 }
 
 TEST_F(PrintedTest, MergeSaysWhatItsFileSays) {

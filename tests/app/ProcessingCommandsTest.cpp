@@ -50,7 +50,8 @@ TEST_F(ProcessingCommands, ExplainThemselvesWhenTheyCannotGoOn) {
     write(*descending, "descending.mrc");
     folder.write("bad.txt", "1e8\n");
     const std::vector<RefusedLine> cases = {
-        {"preprocess series.mrc -o series.mrc", 2, "another name"},
+        {"preprocess series.mrc -o series.mrc", 2,
+         "would replace the series series.mrc; give -o another name"},
         {"preprocess series.mrc -o out.mrc --rotate header", 1, "no tilt axis"},
         {"preprocess series.mrc -o out.mrc --bin 3", 2, "--bin"},
         {"reconstruct wide.mrc -o out.mrc", 1, "20 x 10 pixels"},

@@ -170,7 +170,7 @@ void ReportCommandTest::expectSpotsInTheSections() {
         EXPECT_GT(looked, 500);
         EXPECT_EQ(wrong, 0) << "of " << looked;
     };
-    int onNodes = 0, spots = 0;
+    int onNodes = 0, spots = 0, white = 0;
     for (const Json& plane : sections["planes"]) {
         const Vector3d right = (base() * vectorOf(plane["u"])).normalized();
         const Vector3d up = right.cross((base() * vectorOf(plane["v"])).cross(right)).normalized();
@@ -192,11 +192,13 @@ void ReportCommandTest::expectSpotsInTheSections() {
                             brightest, grey[static_cast<std::size_t>((row + dy) * size + column + dx)]);
                 ++spots;
                 onNodes += brightest > 25;
+                white += brightest == 255;
             }
         }
     }
     EXPECT_GT(spots, 50);
     EXPECT_GE(onNodes, spots * 9 / 10) << "of " << spots;
+    EXPECT_LE(white, spots / 4) << "of " << spots;
 }
 
 TEST_F(ReportCommandTest, ShowsWhatTheRunFoundAndMakesThePageAgain) {

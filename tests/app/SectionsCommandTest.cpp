@@ -57,17 +57,15 @@ TEST_F(SectionsCommand, LengthsCanBeReadOffThePictures) {
                 return picture.at<cv::Vec3b>(static_cast<int>(std::lround(0.5 * (size - 1) - up)),
                                              static_cast<int>(std::lround(0.5 * (size - 1) + right)));
             };
-            const auto isDrawn = [&](double radius, double degrees) {
-                const double angle = degrees * std::numbers::pi / 180;
-                int brightest = 0;  // lines are a pixel wide
-                for (const double r : {radius - 1, radius, radius + 1})
-                    brightest = std::max<int>(brightest, colour(r * std::cos(angle), r * std::sin(angle))[0]);
-                return brightest > 50;
+            const auto isRing = [&](double radius, double degrees) {
+                const double angle = degrees * std::numbers::pi / 180, middle = 0.5 * (size - 1);
+                return isDrawn(picture, middle + radius * std::cos(angle), middle - radius * std::sin(angle),
+                               {115, 95, 85});
             };
             const double ring = 1 / (3 * perPixel);  // 3 Angstrom
             for (const double degrees : {160.0, 200.0, 250.0, 290.0}) {
-                EXPECT_TRUE(isDrawn(ring, degrees));
-                EXPECT_FALSE(isDrawn(0.85 * ring, degrees));
+                EXPECT_TRUE(isRing(ring, degrees));
+                EXPECT_FALSE(isRing(0.85 * ring, degrees));
             }
             int bar = 0;
             for (double x = -0.5 * size; x < 0.5 * size; ++x)
@@ -75,13 +73,9 @@ TEST_F(SectionsCommand, LengthsCanBeReadOffThePictures) {
             EXPECT_NEAR(bar, 0.2 / perPixel, 3);
         }
         const cv::Mat picture = panelOf(folder / "the pictures/hk0.png");
-        const auto isOrange = [&](double right) {
-            const auto colour =
-                picture.at<cv::Vec3b>(size / 2, static_cast<int>(std::lround(0.5 * (size - 1) + right)));
-            return colour[2] > colour[0] + 50;
-        };
-        EXPECT_TRUE(isOrange(7 * pixelsPerVoxel));
-        EXPECT_FALSE(isOrange(15 * pixelsPerVoxel));
+        const double middle = 0.5 * (size - 1);
+        EXPECT_TRUE(isDrawn(picture, middle + 7 * pixelsPerVoxel, middle, kLineColour));
+        EXPECT_FALSE(isDrawn(picture, middle + 15 * pixelsPerVoxel, middle, kLineColour));
     }
 }
 

@@ -62,6 +62,10 @@ TEST_F(VerifyCommandTest, NamesWhatIsNotAsTheRunLeftIt) {
         ASSERT_TRUE(found.is_object()) << result.err;
         EXPECT_EQ(result.exitCode, one.expected.contains("whole") ? 0 : 1);
         EXPECT_EQ(found["whole"], one.expected.contains("whole"));
+        const std::string printed = vrk("verify r").out;
+        for (const char* list : {"changed", "missing", "extra", "disagreements"})
+            for (const std::string name : found[list])
+                EXPECT_TRUE(says(printed, name));
         for (const auto& [key, value] : one.expected.items()) {
             if (key == "disagreements")
                 EXPECT_EQ(found[key].size(), value) << found[key];

@@ -52,7 +52,7 @@ class DmBytes {
 public:
     explicit DmBytes(const DmContents& contents) : m_wide(contents.version == 4) {
         m_file.add(std::int32_t{contents.version}, true);
-        length(0);
+        length(0x1234567);
         m_file.add(std::int32_t{1}, true);  // values are little-endian
         group(1);
         begin("ImageList", 2);

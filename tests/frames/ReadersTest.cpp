@@ -7,6 +7,7 @@
 #include "pipeline/frames/detail/Unpacking.h"
 #include "pipeline/simulation/SimulationRandom.h"
 #include "support/FailureOf.h"
+#include "support/TiffBytes.h"
 
 namespace {
 
@@ -41,6 +42,16 @@ TEST(Readers, FilesOfOtherProgramsFromDiskAndFromMemory) {
     const std::string whole = *contents(kFolder / "uint16.mrc");
     const FrameSource cut("cut.mrc", std::make_shared<const std::string>(whole.substr(0, whole.size() - 1)));
     expectFrames(*FrameFile::open(cut), {.count = 2});
+    // Numbers the other way round, which the file may say or not.
+    for (const char mark : {'\x11', '\0'}) {
+        std::string turned = whole;
+        for (std::size_t at = 0; at < 224; at += 4)
+            std::reverse(turned.begin() + static_cast<long>(at), turned.begin() + static_cast<long>(at) + 4);
+        for (auto pixel = turned.begin() + 1024; pixel != turned.end(); pixel += 2)
+            std::swap(pixel[0], pixel[1]);
+        turned.replace(208, 6, std::string("MAP ") + mark + mark);
+        expectFrames(*FrameFile::open({"turned.mrc", std::make_shared<const std::string>(turned)}), {});
+    }
     EXPECT_EQ(FrameFile::open(kFolder / "nexus_master.h5")->parts().size(), 2U);
     EXPECT_THROW(FrameFile::open(kFolder / "plain.h5:/nothing"), vrk::Failure);
 }
@@ -94,6 +105,28 @@ TEST(Readers, UnitsAndMarksAreUnderstood) {
             EXPECT_NEAR(*file->info(1).tilt - *file->info(0).tilt, row.step, 1e-6);
         }
     }
+}
+
+TEST(Readers, PagesThatCannotBeReadAreNamed) {
+    const TemporaryFolder folder;
+    const std::string whole = *contents(kFolder / "strips.tif");
+    const auto write = [&](std::size_t place, char value) {  // of the second page, low byte first
+        std::string changed = whole;
+        changed[place] = value;
+        return folder.write("a.tif", changed);
+    };
+    for (const auto& [place, value, message] :
+         {std::tuple{387U, '\3', "is truncated: its pixels need 6184 bytes, the whole file has 724"},
+          {410U, '\x18', "has pixels of 24 bits"},
+          {434U, '\2', "has colours"}})
+        EXPECT_TRUE(says(failureOf([&] { FrameFile::open(write(place, value)); }).text,
+                         std::string("page 2 of the TIFF ") + message));
+    const auto file = FrameFile::open(write(386, '\5'));
+    EXPECT_EQ(file->count(), 3);
+    write(386, '\6');
+    EXPECT_TRUE(failureOf([&] { file->read(1); }).says("page 2 of the TIFF changed while"));
+    folder.write("a.tif", whole.substr(0, 380));
+    EXPECT_TRUE(failureOf([&] { file->read(1); }).says("page 2 of the TIFF cannot be read"));
 }
 
 TEST(Readers, CbfOfACountingDetector) {
@@ -173,6 +206,8 @@ TEST(Readers, UnpackingStopsAtItsLimitAndTellsDamage) {
     EXPECT_NE(reason.find("unpacks to more"), std::string::npos);
     EXPECT_EQ(unpack(packed.substr(0, packed.size() - 9), 1 << 20, reason), "");
     EXPECT_NE(reason.find("truncated"), std::string::npos);
+    EXPECT_EQ(unpack("\x1f\x8b no more than the mark", 99, reason), "");
+    EXPECT_TRUE(says(reason, "damaged"));
     EXPECT_EQ(FrameSource(kFolder / "frame.cbf.gz").beginning(77), plain.substr(0, 77));
 }
 
@@ -192,27 +227,7 @@ TEST(Readers, SmallFilesDoNotUnpackToLargeOnes) {
     for (std::size_t i = 0; i < hex.size(); i += 2)
         bomb += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
     EXPECT_TRUE(refused("x.mrc.bz2", bomb).says("unpacks to more than 64 MiB"));
-    // One page of 16384 x 16384 pixels of a byte, packed by deflate.
-    std::string tiff("II*\0\10\0\0\0\10\0", 10);
-    const auto put = [&](int number, int bytes) {
-        for (; bytes > 0; --bytes, number >>= 8)
-            tiff += static_cast<char>(number & 255);
-    };
-    for (const auto& [tag, value] : {std::pair{256, 16384},
-                                     {257, 16384},
-                                     {258, 8},
-                                     {259, 8},
-                                     {262, 1},
-                                     {273, 8},
-                                     {278, 16384},
-                                     {279, 100}}) {
-        put(tag, 2);
-        put(4, 2);
-        put(1, 4);
-        put(value, 4);
-    }
-    put(0, 4);
-    EXPECT_TRUE(refused("x.tif", tiff).says("frames of 268435456 pixels"));
+    EXPECT_TRUE(refused("x.tif", emptyTiff(16384)).says("frames of 268435456 pixels"));
 }
 
 TEST(Readers, SmallFilesThatAskForMuchAreRefused) {
@@ -249,7 +264,7 @@ TEST(Readers, WhatLiesInOtherFoldersIsReadWhenAllowedOnly) {
     }
 }
 
-TEST(Readers, AProcessThatCountsForeverIsEnded) {
+TEST(Readers, AProcessThatNeverAnswersIsEnded) {
     using vrk::detail::SeparateProcess;
     SeparateProcess process([](const std::string& request, const SeparateProcess::Reply& reply) {
         if (request == "forever") SeparateProcess::allowSeconds(0.1);
@@ -260,6 +275,8 @@ TEST(Readers, AProcessThatCountsForeverIsEnded) {
     EXPECT_EQ(process.ask("once", 4), "once");
     EXPECT_FALSE(process.ask("forever", 100));
     EXPECT_FALSE(process.ask("once", 4));
+    SeparateProcess silent([](const std::string&, const SeparateProcess::Reply&) { pause(); }, 20);
+    EXPECT_FALSE(silent.ask("once", 4));
 }
 
 /// Of kinds that are no frames for themselves, or lead to other files.

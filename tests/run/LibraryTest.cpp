@@ -167,38 +167,26 @@ TEST(Library, StopsWhenItIsAskedTo) {
 
 TEST(Library, RefusesOptionsThatNoCommandLineChecked) {
     const double none = std::numeric_limits<double>::quiet_NaN();
-    const std::vector<std::function<void(vrk::RunOptions&)>> wrong = {
-        [&](auto& o) { o.pixelSize = none; },
-        [&](auto& o) { o.kiloVolts = -200; },
-        [&](auto& o) { o.axis.angle = none; },
-        [&](auto& o) { o.axis.accuracy = 5.1; },
-        [&](auto& o) { o.centre.x = none; },
-        [&](auto& o) { o.centre.y = none; },
-        [&](auto& o) { o.intensities.dMin = -1; },
-        [&](auto& o) { o.intensities.gain = 0; },
-        [&](auto& o) { o.crystals = 10; },
-        [&](auto& o) { o.search.threshold = none; },
-        [&](auto& o) { o.search.zeroBeam = -1; },
-        [&](auto& o) { o.search.resolution = -1; },
-        [&](auto& o) { o.search.maxVoxels = 0; },
-        [&](auto& o) { o.search.minVoxels = -1; },
-        [&](auto& o) { o.search.centre = 4; },
-        [&](auto& o) { o.cell.minPoints = 0; },
-        [&](auto& o) { o.cell.gridSize = 51; },
-        [&](auto& o) { o.cell.minLength = -1; },
-        [&](auto& o) { o.cell.maxLength = 0; },
-        [&](auto& o) { o.cell.eps = 0; },
-        [&](auto& o) { o.cell.refineClusters = 101; },
-        [&](auto& o) { o.cell.angleA = 181; },
-        [&](auto& o) { o.cell.angleB = 181; },
-        [&](auto& o) { o.cell.detLimit = none; }};
-    for (std::size_t i = 0; i < wrong.size(); ++i) {
-        vrk::RunOptions options = quick();
-        wrong[i](options);
-        const auto result = vrk::run(simple(), options);
-        ASSERT_FALSE(result) << i;
-        EXPECT_EQ(result.error().kind, vrk::FailureKind::Usage) << i;
-    }
+    vrk::RunOptions o = quick();
+    const auto refuse = [&](const auto&... wrong) {
+        const auto one = [&](auto& place, const auto value) {
+            const auto before = std::exchange(place, value);
+            const auto result = vrk::run(simple(), o);
+            place = before;
+            ASSERT_FALSE(result) << value;
+            EXPECT_EQ(result.error().kind, vrk::FailureKind::Usage) << result.error().text;
+        };
+        (one(*wrong.first, wrong.second), ...);
+    };
+    using std::pair;
+    refuse(pair(&o.pixelSize, none), pair(&o.kiloVolts, -200), pair(&o.axis.angle, none),
+           pair(&o.axis.accuracy, 5.1), pair(&o.centre.x, none), pair(&o.centre.y, none),
+           pair(&o.intensities.dMin, -1), pair(&o.intensities.gain, 0), pair(&o.crystals, 10),
+           pair(&o.search.threshold, none), pair(&o.search.zeroBeam, -1), pair(&o.search.resolution, -1),
+           pair(&o.search.maxVoxels, 0), pair(&o.search.minVoxels, -1), pair(&o.search.centre, 4),
+           pair(&o.cell.minPoints, 0), pair(&o.cell.gridSize, 51), pair(&o.cell.minLength, -1),
+           pair(&o.cell.maxLength, 0), pair(&o.cell.eps, 0), pair(&o.cell.refineClusters, 101),
+           pair(&o.cell.angleA, 181), pair(&o.cell.angleB, 181), pair(&o.cell.detLimit, none));
 }
 
 TEST(Library, FindsTheCellOfReflections) {

@@ -8,10 +8,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string textOf(const fs::path& path) {
-    return (std::ostringstream() << std::ifstream(path, std::ios::binary).rdbuf()).str();
-}
-
 class GnuplotScriptTest : public testing::Test {
 protected:
     // Everything that a composed command line would stumble over.
@@ -34,7 +30,7 @@ protected:
 TEST_F(GnuplotScriptTest, WritesDataRowByRowWithGapsForWhatIsNotFinite) {
     ASSERT_TRUE(parabola().save());
     EXPECT_EQ(m_data, "'it''s a plot_1.dat'");
-    EXPECT_EQ(textOf(m_folder / "it's a plot_1.dat"), "# x y\n0 0\n1 1\n2 NaN\n3 9.25\n");
+    EXPECT_EQ(m_own.read(m_folder / "it's a plot_1.dat"), "# x y\n0 0\n1 1\n2 NaN\n3 9.25\n");
     EXPECT_FALSE(fs::exists(m_folder / "it's a plot.png"));
 }
 
@@ -42,7 +38,7 @@ TEST_F(GnuplotScriptTest, RendersWhereGnuplotIsInstalled) {
     if (std::system("gnuplot --version > /dev/null 2>&1") != 0) GTEST_SKIP() << "no gnuplot";
     const GnuplotScript plot = parabola();
     ASSERT_TRUE(plot.render());
-    EXPECT_EQ(textOf(plot.imagePath()).substr(1, 3), "PNG");
+    EXPECT_EQ(m_own.read(plot.imagePath()).substr(1, 3), "PNG");
 }
 
 TEST_F(GnuplotScriptTest, ReportsWhatGnuplotSays) {

@@ -21,6 +21,33 @@ void set(VoxMRCData& volume, unsigned x, unsigned y, unsigned z, short value) {
     volume.GetChunkPointer(z)[x * volume.GetHeight() + y] = value;
 }
 
+/// Left, top, right and bottom of where two pictures over the same ground differ, and the colour of the one
+/// where they differ most.
+std::pair<std::array<double, 4>, cv::Vec3b> difference(const ImageOverlay& with, const ImageOverlay& without,
+                                                       float ground) {
+    const TemporaryFolder folder;
+    PlaneImage image(200, 160);
+    std::ranges::fill(image.values, ground);
+    const auto drawn = [&](const ImageOverlay& overlay) {
+        EXPECT_TRUE(VoxOpenCV::SaveImage(image, folder / "o.png", overlay));
+        return cv::imread(folder / "o.png");
+    };
+    const cv::Mat one = drawn(with), other = drawn(without);
+    std::array<double, 4> box = {1e9, 1e9, -1, -1};
+    cv::Vec3b colour;
+    double most = 60;
+    for (int y = 0; y < one.rows; ++y)
+        for (int x = 0; x < one.cols; ++x) {
+            const double apart = cv::norm(one.at<cv::Vec3b>(y, x), other.at<cv::Vec3b>(y, x));
+            if (apart > 60)
+                box = {std::min<double>(box[0], x), std::min<double>(box[1], y), std::max<double>(box[2], x),
+                       std::max<double>(box[3], y)};
+            if (apart > most) colour = one.at<cv::Vec3b>(y, x);
+            most = std::max(most, apart);
+        }
+    return {box, colour};
+}
+
 }  // namespace
 
 TEST(Image, EqualisedImageUsesTheWholeScale) {
@@ -55,6 +82,66 @@ TEST(Image, ContrastShowsWeakSpotsBesideStrongOnes) {
     EXPECT_EQ(grey(10, 5), 255);
     EXPECT_EQ(grey(0, 0), 0);
     EXPECT_GT(grey(70, 40), grey(50, 20) + 40);
+}
+
+/// The strokes of an H are seven pixels apart and ten high, beginning two pixels behind its place.
+TEST(Image, DrawsEverythingInItsPlaceAndColour) {
+    const cv::Vec3b white(255, 255, 255), rim(0, 0, 0), line(80, 170, 255), ring(115, 95, 85),
+        name(190, 170, 160), grey(230, 230, 230);
+    const auto text = [](const char* t, double x = 50, double y = 60) {
+        return ImageOverlay{.texts = {{x, y, t}}};
+    };
+    const auto bordered = [](const ImageOverlay::Border& border) { return ImageOverlay{.border = border}; };
+    const auto arrow = [](bool head, const char* label = "") {
+        return ImageOverlay{.lines = {{20, 20, 68, 84, label, head}}};
+    };
+    struct Row {
+        const char* what;
+        ImageOverlay with, without;
+        std::array<double, 4> box;
+        cv::Vec3b colour;
+        float ground = 0;
+    };
+    const ImageOverlay empty = bordered({});
+    const Row rows[] = {
+        {"title", {.title = "H"}, {}, {10, 10, 17, 20}, white},
+        {"text", text("H"), {}, {52, 50, 59, 60}, white},
+        {"its rim", text("H"), {}, {50, 48, 62, 62}, rim, 1},
+        {"kept inside", text("H", 198, 3), {}, {189, 4, 196, 14}, white},
+        {"asterisk", text("H*"), text("H"), {62, 48, 65, 53}, white},
+        {"degree", text("H\u00b0"), text("H"), {62, 49, 65, 53}, white},
+        {"Angstrom", text("H\u00c5"), text("HA"), {64, 46, 67, 49}, white},
+        {"bar over a digit", text("H\u0304"), text("H"), {51, 47, 60, 47}, white},
+        {"no UTF-8", text("\xff"), text("?"), {1e9, 1e9, -1, -1}, {}},
+        {"line", arrow(false), {}, {20, 20, 68, 84}, line},
+        {"head", arrow(true), arrow(false), {60, 75, 68, 83}, line},
+        {"its name", arrow(false, "H"), arrow(false), {76, 70, 83, 80}, line},
+        {"guide", {.lines = {{20, 20, 68, 84, "", false, true}}}, {}, {20, 20, 68, 84}, name},
+        {"node", {.nodes = {{70, 80, 9}}}, {}, {61, 71, 79, 89}, {90, 200, 90}},
+        {"cross", {.crosses = {{70, 80}}}, {}, {67, 77, 73, 83}, {200, 110, 240}},
+        {"ring", {.rings = {{90, 80, 40, ""}}}, {}, {50, 40, 130, 120}, ring},
+        {"its name", {.rings = {{90, 80, 40, "H"}}}, {.rings = {{90, 80, 40, ""}}}, {110, 43, 120, 53}, name},
+        {"elsewhere",
+         {.rings = {{180, 80, 40, "H"}}},
+         {.rings = {{180, 80, 40, ""}}},
+         {150, 43, 160, 53},
+         name},
+        {"bar", {.bar = {{40, ""}}}, {}, {142, 142, 186, 146}, white},
+        {"its rim", {.bar = {{40, ""}}}, {}, {142, 141, 186, 147}, rim, 1},
+        {"its name", {.bar = {{40, "H"}}}, {.bar = {{40, ""}}}, {160, 126, 168, 136}, white},
+        {"caption", bordered({.captions = {"", "H"}}), empty, {66, 33, 73, 43}, grey},
+        {"small one", bordered({.captions = {std::string(30, 'H')}}), empty, {65, 13, 275, 20}, grey},
+        {"tick below", bordered({.bottom = {{50, "H"}}}), empty, {111, 238, 117, 257}, grey},
+        {"tick before", bordered({.left = {{30, "H"}}}), empty, {47, 104, 63, 113}, grey},
+        {"axis below", bordered({.bottomName = "H"}), empty, {160, 274, 168, 284}, grey},
+        {"axis before", bordered({.leftName = "H"}), empty, {6, 154, 16, 162}, grey}};
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what + testing::PrintToString(row.box));
+        const auto [box, colour] = difference(row.with, row.without, row.ground);
+        for (std::size_t i = 0; i < 4; ++i)
+            EXPECT_NEAR(box[i], row.box[i], 1.1) << testing::PrintToString(box);
+        EXPECT_LT(cv::norm(colour, row.colour), 50) << colour;
+    }
 }
 
 TEST(Image, FailuresNameTheFile) {
@@ -125,6 +212,7 @@ TEST(ReciprocalSection, ShowsTheNodesOfThePlaneWhereItMarksThem) {
         for (const ImageOverlay::Node& node : section.overlay(settings, true).nodes) {
             const long x = std::lround(node.x);
             const long y = std::lround(node.y);
+            ASSERT_TRUE(node.x >= 0 && node.y >= 0 && node.x < picture.width && node.y < picture.height);
             if (x < picture.width && y < picture.height &&
                 picture.at(static_cast<int>(x), static_cast<int>(y)) > 500.0F)
                 ++bright;
@@ -136,6 +224,25 @@ TEST(ReciprocalSection, ShowsTheNodesOfThePlaneWhereItMarksThem) {
         for (float value : black.values)
             ASSERT_FALSE(value > 0.0F) << plane;
     }
+}
+
+/// A point at a height over the plane is as bright as at the nearest place of a slab so thick.
+TEST(ReciprocalSection, SlabsAreAsThickAsTheyShould) {
+    const double a[3] = {9, 0, 0}, b[3] = {0, 9, 0}, c[3] = {0, 0, 9};
+    const UnitCell cell(a, b, c, 1.0, false, true, LATTICE::aP);
+    ReciprocalSection::Settings settings;
+    settings.size = 41;
+    settings.radius = 20.5;
+    for (const double thickness : {0.0, 0.5, 3.0, 4.6})
+        for (int height = -4; height <= 4; ++height) {
+            const auto volume = volumeOf(41, 41, 41);
+            set(*volume, 20, 20, static_cast<unsigned>(20 + height), 1000);
+            settings.thickness = thickness;
+            const double outside = std::abs(height) - thickness / 2;
+            const float value = ReciprocalSection(*volume, cell, {20, 20, 20}).sample(settings).at(20, 20);
+            EXPECT_NEAR(value, outside < 0 ? 750 : 1000 * std::max(0.0, 1 - outside), outside < 0 ? 251 : 1)
+                << thickness << ' ' << height;
+        }
 }
 
 /// The same plane out of views: as it is at full size, and at half size with the node where it was.

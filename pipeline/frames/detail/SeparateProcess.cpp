@@ -21,7 +21,6 @@
 namespace vrk::detail {
 namespace {
 
-constexpr int kPatience = 120'000;  // ms without a byte
 constexpr int kForever = -1;
 constexpr int kNoMemory = 2;  // exit code
 
@@ -104,7 +103,7 @@ std::optional<std::string> receiveMessage(int socket, int patience, std::size_t 
 
 }  // namespace
 
-SeparateProcess::SeparateProcess(const Answer& answer) {
+SeparateProcess::SeparateProcess(const Answer& answer, int patience) : m_patience(patience) {
     std::array<int, 2> ends{-1, -1};
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) return;
     m_child = fork();
@@ -131,7 +130,7 @@ bool SeparateProcess::askAnd(const std::string& request, const Receive& receive)
 std::optional<std::string> SeparateProcess::ask(const std::string& request, std::size_t most) {
     std::optional<std::string> answer;
     askAnd(request, [&] {
-        answer = receiveMessage(m_socket, kPatience, most);
+        answer = receiveMessage(m_socket, m_patience, most);
         return answer.has_value();
     });
     return answer;
@@ -139,8 +138,8 @@ std::optional<std::string> SeparateProcess::ask(const std::string& request, std:
 
 bool SeparateProcess::ask(const std::string& request, std::span<char> answer) {
     return askAnd(request, [&] {
-        return receiveLength(m_socket, kPatience) == answer.size() &&
-               receiveBytes(m_socket, answer.data(), answer.size(), kPatience);
+        return receiveLength(m_socket, m_patience) == answer.size() &&
+               receiveBytes(m_socket, answer.data(), answer.size(), m_patience);
     });
 }
 

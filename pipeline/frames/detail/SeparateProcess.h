@@ -20,8 +20,9 @@ public:
     using Reply = std::function<void(std::span<const char> bytes)>;
     using Answer = std::function<void(const std::string& request, const Reply& reply)>;
 
-    /// \param answer  called in the child only; replies once
-    explicit SeparateProcess(const Answer& answer);
+    /// \param answer    called in the child only; replies once
+    /// \param patience  milliseconds that it may say nothing when it is asked
+    explicit SeparateProcess(const Answer& answer, int patience = 120'000);
     ~SeparateProcess();
     SeparateProcess(const SeparateProcess&) = delete;
     SeparateProcess& operator=(const SeparateProcess&) = delete;
@@ -32,7 +33,7 @@ public:
     /// For the child: refuses it memory beyond this and what it has.
     static void allowMemory(std::uint64_t bytes);
 
-    /// Empty when the child has died, has said nothing for two minutes or has more to say than \p most bytes;
+    /// Empty when the child has died, has said nothing for too long or has more to say than \p most bytes;
     /// it is dead then.
     std::optional<std::string> ask(const std::string& request, std::size_t most);
     /// The same for an answer of known length.
@@ -48,6 +49,7 @@ private:
     pid_t m_child = -1;
     int m_socket = -1;
     std::string m_excess;
+    int m_patience;
 };
 
 }  // namespace vrk::detail
