@@ -409,9 +409,8 @@ std::string obstacleIn(const Hdf5Id& dataset, int axis) {
         const double left = static_cast<double>(memoryLeft());
         if (3 * bytes > left)
             return formatted(
-                "its pixels lie in pieces of %.0f MiB, which take %.0f MiB of memory to unpack; %.0f MiB may "
-                "be "
-                "taken (--max-memory); smaller pieces, as h5repack -l CHUNK makes them, need less",
+                "its pixels lie in pieces of %.0f MiB, which take %.0f MiB of memory to unpack, and %.0f MiB "
+                "may be taken (--max-memory); smaller pieces, as h5repack -l CHUNK makes them, need less",
                 bytes / mebibyte, 3 * bytes / mebibyte, left / mebibyte);
         const double pieces = piecesOfSlice(shapeOf(dataset), piece, axis);
         if (pieces > mostPieces)
