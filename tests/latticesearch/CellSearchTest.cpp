@@ -1,5 +1,7 @@
 #include "pipeline/latticesearch/CellSearch.h"
 
+#include <Eigen/Geometry>
+
 #include "pipeline/base/Angle.h"
 #include "pipeline/latticesearch/LatticeFit.h"
 #include "support/SoFar.h"
