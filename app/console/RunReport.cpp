@@ -62,8 +62,12 @@ std::string instrumentText(const RefinedInstrument& instrument, double axis) {
                         " % along " + azimuth + " degrees");
     }
     if (instrument.uses(Radial)) parts.push_back("radial " + value(Radial, 0.01) + " %");
-    if (instrument.uses(TiltScale))
-        parts.push_back("tilts " + value(TiltScale, 0.01) + " % larger than stated");
+    if (instrument.uses(TiltScale)) {
+        const double larger = instrument.model[TiltScale];
+        const double sigma = instrument.sigma[static_cast<std::size_t>(TiltScale)];
+        parts.push_back("tilts " + withUncertainty(100.0 * std::abs(larger), 100.0 * sigma) +
+                        (larger < 0.0 ? " % smaller than stated" : " % larger than stated"));
+    }
     if (instrument.uses(AxisTurn)) parts.push_back("axis turned by " + value(AxisTurn, kDegree) + " degrees");
     if (instrument.uses(AxisTilt))
         parts.push_back("axis out of the frame by " + value(AxisTilt, kDegree) + " degrees");
