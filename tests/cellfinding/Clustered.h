@@ -27,13 +27,16 @@ struct Clustered {
     Clustered() = default;
     Clustered(const Clustered&) = delete;
     Clustered& operator=(const Clustered&) = delete;
-    ~Clustered() {
+    ~Clustered() { clear(); }
+
+    void clear() {
         for (auto* cluster : clusters)
             delete cluster;
         for (auto* point : noise)
             delete point;
+        clusters.clear();
+        noise.clear();
     }
-
     void add(const Coordinates& c) {
         const auto dimension = static_cast<unsigned char>(c.size());
         if constexpr (std::is_same_v<P, ClusterPointDDSC<double>>)
