@@ -102,45 +102,31 @@ TEST(ImageOperations, ThresholdAndMorphologyDoWhatThePlainOnesDo) {
     compareWithPlain<float>(3);
 }
 
-TEST(ImageOperations, FindsTheGroupsThatAFloodFillFinds) {
-    Bytes mask = noise<unsigned char>(4, 0, 9);
-    for (unsigned char& pixel : mask)
-        pixel = pixel < 3 ? pixel + 1 : 0;
-    std::vector<int> labels(kPixels);
-    const auto regions = ImageOperations::connectedComponents(view(mask), labels.data());
-    std::vector<int> flooded(kPixels);
-    int count = 0;
-    for (int start = 0; start < kWidth * kHeight; ++start) {
-        if (!mask[static_cast<std::size_t>(start)] || flooded[static_cast<std::size_t>(start)]) continue;
-        ++count;
-        std::vector<int> waiting{start};
-        flooded[static_cast<std::size_t>(start)] = count;
-        int area = 0, right = 0;
-        double sum = 0;
-        const int label = labels[static_cast<std::size_t>(start)];
-        while (!waiting.empty()) {
-            const int x = waiting.back() % kWidth, y = waiting.back() / kWidth;
-            waiting.pop_back();
-            ++area;
-            sum += x;
-            right = std::max(right, x + 1);
-            EXPECT_EQ(labels[at(x, y)], label);
-            for (int i = 0; i < 9; ++i) {
-                const int nx = x + i % 3 - 1, ny = y + i / 3 - 1;
-                if (nx < 0 || ny < 0 || nx >= kWidth || ny >= kHeight) continue;
-                if (!mask[at(nx, ny)] || flooded[at(nx, ny)]) continue;
-                flooded[at(nx, ny)] = count;
-                waiting.push_back(ny * kWidth + nx);
-            }
-        }
-        ASSERT_TRUE(label >= 1 && label <= static_cast<int>(regions.size()));
-        const ImageOperations::Region& region = regions[static_cast<std::size_t>(label - 1)];
-        EXPECT_EQ(region.label, label);
-        EXPECT_EQ(region.area, area);
-        EXPECT_EQ(region.left + region.width, right);
-        EXPECT_NEAR(region.x, sum / area, 1e-9);
+TEST(ImageOperations, FindsGroupsOfPixelsThatTouchAtACornerAtLeast) {
+    const std::string picture =
+        "1..1.22.."
+        ".11...2.."
+        "......2.3"
+        "4.......3";
+    Bytes mask;
+    for (const char sign : picture)
+        mask.push_back(sign == '.' ? 0 : static_cast<unsigned char>(sign));
+    std::vector<int> labels(mask.size());
+    std::map<char, std::array<double, 7>> found;
+    for (const auto& region : ImageOperations::connectedComponents({mask.data(), 9, 4}, labels.data())) {
+        const auto first = std::find(labels.begin(), labels.end(), region.label);
+        ASSERT_NE(first, labels.end());
+        const char sign = picture[static_cast<std::size_t>(first - labels.begin())];
+        for (std::size_t i = 0; i < labels.size(); ++i)
+            EXPECT_EQ(labels[i] == region.label, picture[i] == sign) << i;
+        found[sign] = {1.0 * region.area,   1.0 * region.left, 1.0 * region.top, 1.0 * region.width,
+                       1.0 * region.height, region.x,          region.y};
     }
-    EXPECT_EQ(static_cast<int>(regions.size()), count);
+    EXPECT_EQ(found, (decltype(found){{'1', {4, 0, 0, 4, 2, 1.5, 0.5}},
+                                      {'2', {4, 5, 0, 2, 3, 5.75, 0.75}},
+                                      {'3', {2, 8, 2, 1, 2, 8, 2.5}},
+                                      {'4', {1, 0, 3, 1, 1, 0, 3}}}));
+    EXPECT_EQ(std::count(labels.begin(), labels.end(), 0), 25);
 }
 
 TEST(ImageOperations, FindsEdgesLinesAndCirclesWhereTheyAre) {
