@@ -1,9 +1,9 @@
 #include "pipeline/latticesearch/CellSearch.h"
 
+#include "latticesearch/SeenNodes.h"
 #include "pipeline/base/Angle.h"
 #include "pipeline/latticesearch/LatticeFit.h"
 #include "support/SoFar.h"
-#include "support/Testing.h"
 
 namespace {
 
@@ -47,21 +47,10 @@ Matrix3d randomBasis(std::mt19937& random, char centring) {
 }
 
 Points pointsOf(const Crystal& crystal, std::mt19937& random) {
-    std::uniform_real_distribution<double> unit(0.0, 1.0);
     std::uniform_real_distribution<double> place(-kReach, kReach);
-    std::normal_distribution<double> noise(0.0, crystal.noise);
-    const Matrix3d inverse = crystal.basis.inverse();
     const auto inWedge = [](const Vector3d& p) { return std::abs(p[2]) > 1.7 * std::abs(p[0]); };
-    Points points;
-    Eigen::Array3i most;
-    for (int i = 0; i < 3; ++i)
-        most[i] = static_cast<int>(kReach * inverse.row(i).norm());
-    forEachIndex(most[0], most[1], most[2], [&](int h, int k, int l) {
-        const Vector3d p = crystal.basis * Vector3d(h, k, l);
-        const double seen = h % 2 == 0 ? crystal.seen : crystal.seenOddH;
-        if (p.norm() > kReach || p.norm() < 4.0 || inWedge(p) || unit(random) > seen) return;
-        points.push_back(p + Vector3d(noise(random), noise(random), noise(random)));
-    });
+    Points points = seenNodes(crystal.basis, {4.0, kReach, crystal.noise}, random,
+                              [&](int h, int, int) { return h % 2 == 0 ? crystal.seen : crystal.seenOddH; });
     auto wrong = static_cast<std::size_t>(crystal.outliers / (1.0 - crystal.outliers) *
                                           static_cast<double>(points.size()));
     while (wrong > 0) {
@@ -241,21 +230,14 @@ double tiltOf(const Vector3d& p) {
 /// place in the pattern.
 Points seen(const Matrix3d& basis, double share, const std::function<bool(double)>& isOff) {
     std::mt19937 random(2);
-    std::uniform_real_distribution<double> unit(0, 1);
-    std::normal_distribution<double> noise(0, 0.25);
     const Vector3d half = 0.5 * (basis.col(1) + basis.col(2));
-    Points points;
-    forEachIndex(9, 11, 11, [&](int h, int k, int l) {
-        Vector3d p = basis * Vector3d(h, k, l);
-        if (p.norm() > 80 || p.norm() < 5 || std::abs(p.z()) > 1.73 * std::abs(p.x())) return;
-        if (unit(random) > share) return;
+    Points points = seenNodes(basis, {5, 80, 0.25}, random, [share](int, int, int) { return share; });
+    for (Vector3d& p : points) {
         const double tilt = tiltOf(p) * vrk::kDegree;
-        const double along = std::copysign(std::hypot(p.x(), p.z()), p.x());
+        const double along = std::copysign(std::hypot(p.x(), p.z()), p.x()) + half.x();
         if (isOff(tilt / vrk::kDegree))
-            p = Vector3d((along + half.x()) * std::cos(tilt), p.y() + half.y(),
-                         (along + half.x()) * std::sin(tilt));
-        points.push_back(p + Vector3d(noise(random), noise(random), noise(random)));
-    });
+            p = Vector3d(along * std::cos(tilt), p.y() + half.y(), along * std::sin(tilt));
+    }
     return points;
 }
 
