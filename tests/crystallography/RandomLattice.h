@@ -2,6 +2,7 @@
 /// Random lattices of a given Bravais type, random bases of them and noise.
 #pragma once
 
+#include <Eigen/LU>
 #include <array>
 #include <cmath>
 #include <random>
@@ -10,6 +11,8 @@
 #include "crystallography/BravaisTypes.h"
 #include "crystallography/SpaceMath.h"
 #include "crystallography/UnitCell.h"
+#include "crystallography/detail/LatticeCharacterTable.h"
+#include "crystallography/detail/LatticeMetric.h"
 
 namespace testing_support {
 
@@ -40,6 +43,35 @@ inline Parameters parametersOf(const UnitCell& cell) {
 template <typename... Types>
 bool isOneOf(LATTICE::BravaisTypes type, Types... types) {
     return ((type == types) || ...);
+}
+
+/// The vectors of a cell as columns.
+inline Eigen::Matrix3d baseOf(const UnitCell& cell) {
+    Eigen::Matrix3d base;
+    cell.getBase(base.col(0).data(), base.col(1).data(), base.col(2).data());
+    return base;
+}
+
+/// By how much the entry that is farthest from a whole number is off.
+inline double fractionOf(const Eigen::Matrix3d& matrix) {
+    return (matrix - Eigen::Matrix3d(matrix.array().round())).cwiseAbs().maxCoeff();
+}
+
+/// Whether a metric meets the conditions of a row, but for its form, within a relative tolerance.
+inline bool meets(const VRK::detail::CharacterRow& row, const VRK::detail::Metric& m, double tolerance) {
+    using namespace VRK::detail;
+    const auto isZero = [tolerance](double difference, double scale) {
+        return std::abs(difference) <= tolerance * scale;
+    };
+    const auto holds = [&](const DotCondition& condition, double value, double squares) {
+        return condition.isFree || isZero(value - condition.wanted(m), std::sqrt(squares));
+    };
+    const bool needsAB = row.edges == Edges::AllEqual || row.edges == Edges::ABEqual;
+    const bool needsBC = row.edges == Edges::AllEqual || row.edges == Edges::BCEqual;
+    return (!needsAB || isZero(m.A - m.B, m.B)) && (!needsBC || isZero(m.B - m.C, m.C)) &&
+           holds(row.D, m.D, m.B * m.C) && holds(row.E, m.E, m.A * m.C) && holds(row.F, m.F, m.A * m.B) &&
+           (row.sum == SumCondition::None ||
+            isZero(2.0 * std::abs(m.D + m.E + m.F) - (m.A + m.B), m.A + m.B + m.C));
 }
 
 class RandomLattice {
