@@ -84,6 +84,20 @@ struct Clustered {
         const std::vector<int> every = labels();
         return std::count(every.begin(), every.end(), label);
     }
+    /// Whether every cluster has its number and the points of that label, and the noise all others but those
+    /// that were not looked at.
+    bool agrees() const {
+        long labelled = count(0) + count(-1);
+        bool agree = count(0) == static_cast<long>(noise.size());
+        for (std::size_t i = 0; i < clusters.size(); ++i) {
+            const int id = static_cast<int>(i) + 1;
+            const long size = count(id);
+            agree = agree && size > 0 && clusters[i]->getNumberOfPoints() == size &&
+                    clusters[i]->getClusterID() == id;
+            labelled += size;
+        }
+        return agree && labelled == grid->getNumberOfPoints();
+    }
 
 private:
     std::vector<P*> all() {

@@ -7,14 +7,9 @@ namespace {
 using namespace testing_support;
 using DbscanPoint = ClusterPoint<double>;
 
-struct DbscanRun : Clustered<DbscanPoint> {
-    explicit DbscanRun(const Cloud& cloud) {
-        for (const Coordinates& c : cloud.points)
-            add(c);
-        testing::internal::CaptureStdout();
-        makeGrid(cloud.min, cloud.max, cloud.edge);
-        testing::internal::GetCapturedStdout();
-    }
+struct DbscanRun : CloudRun {
+    using CloudRun::CloudRun;
+
     std::vector<int> run(double eps, int minPts) {
         DBSCAN::cluster(grid.get(), eps, minPts, &clusters, &noise);
         return labels();
@@ -34,12 +29,7 @@ TEST(DBSCANTest, LabelsAsGrowingOneNeighbourhoodAfterTheOther) {
             ASSERT_EQ(labels, plain.cluster(cloud.eps, static_cast<std::size_t>(minPts)));
             atOnce += clustering.grid->coversRadius(cloud.eps);
 
-            for (int i = 0; i < static_cast<int>(clustering.clusters.size()); ++i) {
-                const auto* cluster = clustering.clusters[static_cast<std::size_t>(i)];
-                ASSERT_EQ(cluster->getClusterID(), i + 1);
-                ASSERT_EQ(cluster->getNumberOfPoints(), clustering.count(i + 1));
-            }
-            ASSERT_EQ(static_cast<long>(clustering.noise.size()), clustering.count(0));
+            ASSERT_TRUE(clustering.agrees());
             clusters += static_cast<int>(clustering.clusters.size());
         }
     }
