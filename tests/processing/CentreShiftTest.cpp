@@ -141,10 +141,10 @@ TEST(CentreShift, DoesNotDependOnHowThePatternLies) {
                                            std::vector<float>(3, 1.0F));
             for (unsigned i = 0; i < 3; ++i) {
                 const auto pattern = simulated::pattern(settings, 77.3 + i, 70.8 - 2 * i, i);
-                for (int y = 0; y < height; ++y)
-                    for (int x = 0; x < width; ++x)
-                        series->GetChunkPointer(i)[y * width + x] =
-                            pattern[static_cast<std::size_t>(transposed ? x * kWide + y : y * kWide + x)];
+                forEachPixel(width, height, [&](int x, int y) {
+                    series->GetChunkPointer(i)[y * width + x] =
+                        pattern[static_cast<std::size_t>(transposed ? x * kWide + y : y * kWide + x)];
+                });
             }
             found.push_back(centresOf(*series));
         }

@@ -35,19 +35,18 @@ std::vector<T> noise(unsigned seed, int lowest, int highest) {
 template <typename T>
 std::vector<T> plainExtreme(const std::vector<T>& image, int radius, bool largest) {
     std::vector<T> result(kPixels);
-    for (int y = 0; y < kHeight; ++y)
-        for (int x = 0; x < kWidth; ++x) {
-            T extreme = image[at(x, y)];
-            for (int dy = -radius; dy <= radius; ++dy) {
-                const int reach = static_cast<int>(std::lrint(std::sqrt(radius * radius - dy * dy)));
-                for (int dx = -reach; dx <= reach; ++dx) {
-                    const T value =
-                        image[at(std::clamp(x + dx, 0, kWidth - 1), std::clamp(y + dy, 0, kHeight - 1))];
-                    extreme = largest ? std::max(extreme, value) : std::min(extreme, value);
-                }
+    forEachPixel(kWidth, kHeight, [&](int x, int y) {
+        T extreme = image[at(x, y)];
+        for (int dy = -radius; dy <= radius; ++dy) {
+            const int reach = static_cast<int>(std::lrint(std::sqrt(radius * radius - dy * dy)));
+            for (int dx = -reach; dx <= reach; ++dx) {
+                const T value =
+                    image[at(std::clamp(x + dx, 0, kWidth - 1), std::clamp(y + dy, 0, kHeight - 1))];
+                extreme = largest ? std::max(extreme, value) : std::min(extreme, value);
             }
-            result[at(x, y)] = extreme;
         }
+        result[at(x, y)] = extreme;
+    });
     return result;
 }
 
@@ -78,19 +77,19 @@ void compareWithPlain(unsigned seed) {
 /// 1 inside a circle, falling to 0 within a pixel.
 Bytes ring(double x, double y, double radius) {
     Bytes image(kPixels);
-    for (int py = 0; py < kHeight; ++py)
-        for (int px = 0; px < kWidth; ++px)
-            image[at(px, py)] = static_cast<unsigned char>(
-                200 * std::clamp(radius + 0.5 - std::hypot(px - x, py - y), 0.0, 1.0));
+    forEachPixel(kWidth, kHeight, [&](int px, int py) {
+        image[at(px, py)] =
+            static_cast<unsigned char>(200 * std::clamp(radius + 0.5 - std::hypot(px - x, py - y), 0.0, 1.0));
+    });
     return image;
 }
 
 Floats blob(double x, double y, double sigma) {
     Floats image(kPixels);
-    for (int py = 0; py < kHeight; ++py)
-        for (int px = 0; px < kWidth; ++px)
-            image[at(px, py)] = static_cast<float>(
-                std::exp(-((px - x) * (px - x) + 1.5 * (py - y) * (py - y)) / (2 * sigma * sigma)));
+    forEachPixel(kWidth, kHeight, [&](int px, int py) {
+        image[at(px, py)] = static_cast<float>(
+            std::exp(-((px - x) * (px - x) + 1.5 * (py - y) * (py - y)) / (2 * sigma * sigma)));
+    });
     return image;
 }
 
@@ -132,9 +131,9 @@ TEST(ImageOperations, FindsGroupsOfPixelsThatTouchAtACornerAtLeast) {
 TEST(ImageOperations, FindsEdgesLinesAndCirclesWhereTheyAre) {
     // A step of 10 per pixel at x = 20 whatever the direction of the image's axes.
     Floats step(kPixels);
-    for (int y = 0; y < kHeight; ++y)
-        for (int x = 0; x < kWidth; ++x)
-            step[at(x, y)] = x < 20 ? 0.0F : x == 20 ? 10.0F : 20.0F;
+    forEachPixel(kWidth, kHeight, [&](int x, int y) {
+        step[at(x, y)] = x < 20 ? 0.0F : x == 20 ? 10.0F : 20.0F;
+    });
     Bytes edges(kPixels);
     ASSERT_TRUE(ImageOperations::edges(view(step), 0, 5, 9, edges.data()));
     for (int y = 2; y < kHeight - 2; ++y)
@@ -164,9 +163,8 @@ TEST(ImageOperations, FindsTemplatesAndShiftsToAFractionOfAPixel) {
     const Floats sample = blob(30, 21, 3);
     const int size = 15;
     Floats cut;
-    for (int y = 0; y < size; ++y)
-        for (int x = 0; x < size; ++x)
-            cut.push_back(sample[at(30 - size / 2 + x, 21 - size / 2 + y)]);
+    forEachPixel(size, size,
+                 [&](int x, int y) { cut.push_back(sample[at(30 - size / 2 + x, 21 - size / 2 + y)]); });
     for (const auto& [x, y] : {std::pair{40.0, 11.0}, std::pair{22.3, 25.7}}) {
         const Floats image = blob(x, y, 3);
         const ImageOperations::Match match =
@@ -180,10 +178,10 @@ TEST(ImageOperations, FindsTemplatesAndShiftsToAFractionOfAPixel) {
     Floats grains(kLarge * kLarge), moved(grains.size());
     for (float& grain : grains)
         grain = static_cast<float>(random() % 100);
-    for (int y = 0; y < kLarge; ++y)
-        for (int x = 0; x < kLarge; ++x)
-            moved[static_cast<std::size_t>((y + kLarge - 2) % kLarge * kLarge + (x + 3) % kLarge)] =
-                grains[static_cast<std::size_t>(y * kLarge + x)];
+    forEachPixel(kLarge, kLarge, [&](int x, int y) {
+        moved[static_cast<std::size_t>((y + kLarge - 2) % kLarge * kLarge + (x + 3) % kLarge)] =
+            grains[static_cast<std::size_t>(y * kLarge + x)];
+    });
     const ImageOperations::Shift shift =
         ImageOperations::phaseCorrelation({grains.data(), kLarge, kLarge}, {moved.data(), kLarge, kLarge});
     EXPECT_NEAR(shift.x, 3, 0.2);
