@@ -73,12 +73,10 @@ Options optionsOf(int count, char** arguments) {
             options.prefix = value;
         else if (argument.starts_with('-'))
             throw std::runtime_error(std::string(argument) + " is no option here");
-        else if (!std::filesystem::is_directory(argument))
-            options.corpus.push_back(contentOf(argument));
         else {
-            std::vector<std::filesystem::path> files;
-            for (const auto& entry : std::filesystem::directory_iterator(argument))
-                files.push_back(entry.path());
+            std::vector<std::filesystem::path> files{argument};
+            if (std::filesystem::is_directory(argument))
+                files.assign(std::filesystem::directory_iterator(argument), {});
             std::ranges::sort(files);
             std::ranges::transform(files, std::back_inserter(options.corpus), contentOf);
         }

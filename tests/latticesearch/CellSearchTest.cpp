@@ -1,5 +1,6 @@
 #include "pipeline/latticesearch/CellSearch.h"
 
+#include "crystallography/SpaceMath.h"
 #include "latticesearch/SeenNodes.h"
 #include "pipeline/base/Angle.h"
 #include "pipeline/latticesearch/LatticeFit.h"
@@ -29,13 +30,11 @@ Matrix3d randomBasis(std::mt19937& random, char centring) {
     std::uniform_real_distribution<double> edge(7.0, 15.0);
     std::uniform_real_distribution<double> angle(75.0, 105.0);
     std::normal_distribution<double> any;
-    const double degree = std::acos(-1.0) / 180.0;
-    const double ca = std::cos(angle(random) * degree), cb = std::cos(angle(random) * degree),
-                 cg = std::cos(angle(random) * degree), sg = std::sqrt(1.0 - cg * cg);
-    const double y = (ca - cb * cg) / sg;
-    Matrix3d cell;
-    cell << 1.0, cg, cb, 0.0, sg, y, 0.0, 0.0, std::sqrt(1.0 - cb * cb - y * y);
-    cell = cell * Vector3d(edge(random), edge(random), edge(random)).asDiagonal();
+    const double alpha = angle(random), beta = angle(random), gamma = angle(random);
+    const Vector3d edges(edge(random), edge(random), edge(random));
+    double vectors[3][3] = {};
+    SpaceMath::BaseVectors({edges[0], edges[1], edges[2], alpha, beta, gamma}, vectors);
+    Matrix3d cell = Eigen::Map<const Matrix3d>(vectors[0]);
     Matrix3d primitive = Matrix3d::Identity();
     if (centring == 'I') primitive << -0.5, 0.5, 0.5, 0.5, -0.5, 0.5, 0.5, 0.5, -0.5;
     if (centring == 'F') primitive << 0.0, 0.5, 0.5, 0.5, 0.0, 0.5, 0.5, 0.5, 0.0;

@@ -23,10 +23,7 @@ struct Scene {
         return std::hypot(dx, dy) < discRadius || (along > -25 && std::abs(across) < 0.5 * barWidth);
     }
     bool dead(int x, int y) const {
-        const auto has = [this](int i) {
-            return std::find(deadRows.begin(), deadRows.end(), i) != deadRows.end();
-        };
-        return has(x) || has(y);
+        return std::ranges::count(deadRows, x) + std::ranges::count(deadRows, y) > 0;
     }
 };
 
@@ -46,11 +43,10 @@ std::unique_ptr<VoxMRCData> seriesOf(const Scene& scene) {
             if (scene.shadow(x, y)) value = scene.transmission * value + scene.pedestal;
             value = std::max(value, 1e-9);  // no distribution has a mean of nothing
             if (scene.dead(x, y)) value = 1e-9;
-            const short counts = static_cast<short>(std::min(
+            pixels.push_back(static_cast<short>(std::min(
                 value > 50 ? std::round(std::normal_distribution<double>(value, std::sqrt(value))(random))
                            : std::poisson_distribution<int>(value)(random),
-                30000.0));
-            pixels.push_back(counts);
+                30000.0)));
         });
         setPixels(*series, i, pixels);
     }
