@@ -172,19 +172,17 @@ inline void subtractCells(Image<float>& rest, const Image<char>& dead) {
     const int columns = (rest.width + 16) / 32, rows = (rest.height + 16) / 32;
     if (columns < 3 || rows < 3) return;
     Image<float> cells(columns, rows), smooth(columns, rows);
-    for (int row = 0; row < rows; ++row)
-        for (int column = 0; column < columns; ++column) {
-            std::vector<float> sample;
-            for (int y = row * rest.height / rows; y < (row + 1) * rest.height / rows; y += 3)
-                for (int x = column * rest.width / columns; x < (column + 1) * rest.width / columns; x += 3)
-                    if (!dead.at(x, y)) sample.push_back(rest.at(x, y));
-            sample = sorted(sample);
-            const std::size_t n = sample.size();
-            if (n > 0) cells.at(column, row) = 0.5F * (sample[n / 2] + sample[(n - 1) / 2]);
-        }
-    for (int row = 0; row < rows; ++row)
-        for (int column = 0; column < columns; ++column)
-            smooth.at(column, row) = nine(cells, column, row)[4];
+    forEachPixel(columns, rows, [&](int column, int row) {
+        std::vector<float> sample;
+        for (int y = row * rest.height / rows; y < (row + 1) * rest.height / rows; y += 3)
+            for (int x = column * rest.width / columns; x < (column + 1) * rest.width / columns; x += 3)
+                if (!dead.at(x, y)) sample.push_back(rest.at(x, y));
+        sample = sorted(sample);
+        const std::size_t n = sample.size();
+        if (n > 0) cells.at(column, row) = 0.5F * (sample[n / 2] + sample[(n - 1) / 2]);
+    });
+    forEachPixel(columns, rows,
+                 [&](int column, int row) { smooth.at(column, row) = nine(cells, column, row)[4]; });
     forEachPixel(rest.width, rest.height, [&](int x, int y) {
         const double u = std::clamp((x + 0.5) * columns / rest.width - 0.5, 0.0, columns - 1.0);
         const double v = std::clamp((y + 0.5) * rows / rest.height - 0.5, 0.0, rows - 1.0);

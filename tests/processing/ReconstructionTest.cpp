@@ -49,11 +49,7 @@ TEST(Reconstruction, EqualsThePlainOneBitForBit) {
         RC_ASSERT(volume->GetDims() ==
                   (std::vector{static_cast<unsigned>(width), static_cast<unsigned>(height),
                                static_cast<unsigned>(expected.size())}));
-        VoxHistogram<short> histogram(volume.get(), 256, {});
-        histogram.Update();
-        RC_ASSERT(volume->m_Histogram->m_Bins == histogram.m_Bins);
-        RC_ASSERT(volume->m_Histogram->m_MinValue == histogram.m_MinValue);
-        RC_ASSERT(volume->m_Histogram->m_MaxValue == histogram.m_MaxValue);
+        RC_ASSERT(hasItsHistogram(*volume));
         for (unsigned layer = 0; layer < volume->GetDepth(); ++layer)
             RC_ASSERT(pixelsOf(*volume, layer) == expected[layer]);
         for (unsigned i = 0; i < input->GetDepth(); ++i)
