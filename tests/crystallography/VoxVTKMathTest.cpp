@@ -80,19 +80,16 @@ TEST(VoxVTKMath, SolvesAndInvertsRegularSystemsOnly) {
 }
 
 TEST(VoxVTKMath, LeastSquaresFitsALine) {
-    const double rows[4][2] = {{1, 0}, {1, 1}, {1, 2}, {1, 3}};
-    const double* const pointers[4] = {rows[0], rows[1], rows[2], rows[3]};
+    Square line{{1, 0}, {1, 1}, {1, 2}, {1, 3}}, equal = Square::Ones(4, 2);
     const double b[4] = {1.0, 3.0, 5.0, 11.0};
     double x[2];
-    ASSERT_TRUE(VoxVTKMath::SolveLeastSquares(4, 2, pointers, b, x));
+    ASSERT_TRUE(VoxVTKMath::SolveLeastSquares(4, 2, rowsOf(line).data(), b, x));
     EXPECT_NEAR(x[0], 0.2, 1e-12);
     EXPECT_NEAR(x[1], 3.2, 1e-12);
-    EXPECT_FALSE(VoxVTKMath::SolveLeastSquares(1, 2, pointers, b, x));
+    EXPECT_FALSE(VoxVTKMath::SolveLeastSquares(1, 2, rowsOf(line).data(), b, x));
 
     // Equal columns share what either of them could do.
-    const double same[2] = {1, 1};
-    const double* const equal[4] = {same, same, same, same};
-    ASSERT_TRUE(VoxVTKMath::SolveLeastSquares(4, 2, equal, b, x));
+    ASSERT_TRUE(VoxVTKMath::SolveLeastSquares(4, 2, rowsOf(equal).data(), b, x));
     EXPECT_NEAR(x[0], 2.5, 1e-12);
     EXPECT_NEAR(x[1], 2.5, 1e-12);
 }

@@ -30,21 +30,20 @@ struct Picture {
         std::mt19937 random(seed);
         geometry.frames = {{0, 0.01, 80, 80}};
         prediction.frameStart = {0, static_cast<std::uint32_t>(prediction.spots.size())};
-        for (int y = 0; y < kSize; ++y)
-            for (int x = 0; x < kSize; ++x) {
-                double mean = background;
-                for (std::size_t i = 0; i < truth.size(); ++i) {
-                    const double dx = x - static_cast<double>(prediction.spots[i].x);
-                    const double dy = y - static_cast<double>(prediction.spots[i].y);
-                    if (std::hypot(dx, dy) > 8) continue;
-                    const auto lobe = [](double u, double v) {
-                        return std::exp(-(u * u + v * v) / 2) / (2 * std::numbers::pi);
-                    };
-                    mean += truth[i] * (0.7 * lobe(dx - 0.6, dy) + 0.3 * lobe(dx + 1.4, dy - 0.5));
-                }
-                pixels[static_cast<std::size_t>(y * kSize + x)] =
-                    static_cast<short>(std::poisson_distribution<int>(mean)(random));
+        forEachPixel(kSize, kSize, [&](int x, int y) {
+            double mean = background;
+            for (std::size_t i = 0; i < truth.size(); ++i) {
+                const double dx = x - static_cast<double>(prediction.spots[i].x);
+                const double dy = y - static_cast<double>(prediction.spots[i].y);
+                if (std::hypot(dx, dy) > 8) continue;
+                const auto lobe = [](double u, double v) {
+                    return std::exp(-(u * u + v * v) / 2) / (2 * std::numbers::pi);
+                };
+                mean += truth[i] * (0.7 * lobe(dx - 0.6, dy) + 0.3 * lobe(dx + 1.4, dy - 0.5));
             }
+            pixels[static_cast<std::size_t>(y * kSize + x)] =
+                static_cast<short>(std::poisson_distribution<int>(mean)(random));
+        });
         stack = {kSize, kSize, {pixels}, {}, 0};
     }
     std::vector<FittedSpot> fitted(const ProfileSet& profiles) const {
