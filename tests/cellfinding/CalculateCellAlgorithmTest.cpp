@@ -3,7 +3,6 @@
 #include "Clustered.h"
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "cellfinding/Parameter.h"
-#include "crystallography/BasicMath.h"
 #include "crystallography/NiggliReduction.h"
 #include "support/SimulatedReflections.h"
 #include "support/SoFar.h"
@@ -22,8 +21,10 @@ double distance(const Vector& u, const Vector& v) {
     return std::hypot(u[0] - v[0], u[1] - v[1], u[2] - v[2]);
 }
 
-/// What the steps hand to their caller, freed at the end.
+/// What the steps take and hand to their caller, freed at the end.
 struct Results : Clustered<ClusterPoint<double>> {
+    using Centres = std::vector<Cluster<Point<double>>*>;
+
     void addCluster(const Vector& centre, int size) {
         Point<double> point(centre.data(), 3);
         const std::vector<Point<double>*> pointers(static_cast<std::size_t>(size), &point);
@@ -31,6 +32,28 @@ struct Results : Clustered<ClusterPoint<double>> {
     }
     Mat3 base() const { return {vectorOf(a), vectorOf(b), vectorOf(c)}; }
 
+    void two(ReflexVector* reflections, double* seconds = nullptr) {
+        grid.reset(algorithm.StepTwo_CalcDiffVectors(&parameter, reflections, seconds));
+    }
+    double three() { return algorithm.StepThree_Clustering(&parameter, grid.get(), &clusters, &noise); }
+    double four(UnitCell* cell, ClusterPoint<double>* y) {
+        return algorithm.StepFour_FindLinearIndependentVectors(&parameter, cell, &clusters, &a, y, &c);
+    }
+    double five(Parameter* settings) {
+        return algorithm.StepFive_CalculateNiggliCell(settings, &a, &b, &c, &a, &b, &c);
+    }
+    double six() {
+        return algorithm.StepSix_Refinement(&clusters, &a, &b, &c, &a, &b, &c, &refined[0], &refined[1],
+                                            &refined[2]);
+    }
+    double basis(Centres* centres) { return algorithm.findBasis(&parameter, centres, &a, &b, &c); }
+    double reduce(ClusterPoint<double>* y) { return algorithm.calculateNiggliCell2(&a, y, &c, &a, &b, &c); }
+    double refine(Centres* centres) { return algorithm.refineCell(centres, &a, &b, &c, &a, &b, &c); }
+    double fromReflections(ReflexVector* reflections, const double* origin) {
+        return algorithm.testCellDetectionWithReflections(&parameter, reflections, origin, &a, &b, &c);
+    }
+
+    CalculateCellAlgorithm algorithm;
     Parameter parameter;
     ClusterPoint<double> a{3, -1}, b{3, -1}, c{3, -1};
     bool refined[3] = {false, false, false};
@@ -66,18 +89,10 @@ ReflexVectorPtr reflectionsOf(const Mat3& basis, double radius, double sigma, do
 
 /// That vectors are a basis of a lattice, each within a distance, in voxels, of its node.
 void expectBasis(const Mat3& lattice, const Mat3& vectors, double within) {
-    double columns[3][3], inverse[3][3], indices[3][3];
-    for (std::size_t i = 0; i < 3; ++i)
-        for (std::size_t j = 0; j < 3; ++j)
-            columns[i][j] = lattice[j][i];
-    ASSERT_TRUE(BasicMath::Invert(columns, inverse));
-    for (std::size_t i = 0; i < 3; ++i) {
-        BasicMath::MatrixProduct(inverse, vectors[i].data(), indices[i]);
-        for (double& index : indices[i])
-            index = std::round(index);
-        EXPECT_LT(distance(nodeOf(lattice, indices[i][0], indices[i][1], indices[i][2]), vectors[i]), within);
-    }
-    EXPECT_EQ(std::abs(BasicMath::Determinant(indices)), 1.0);
+    const Eigen::Map<const Eigen::Matrix3d> nodes(lattice[0].data()), found(vectors[0].data());
+    const Eigen::Matrix3d indices = (nodes.inverse() * found).array().round();
+    EXPECT_LT((nodes * indices - found).colwise().norm().maxCoeff(), within);
+    EXPECT_NEAR(std::abs(indices.determinant()), 1.0, 1e-9);
 }
 
 TEST(CalculateCellAlgorithm, FindsTheCellsOfNoisyReflections) {
@@ -106,26 +121,17 @@ TEST(CalculateCellAlgorithm, FindsTheCellsOfNoisyReflections) {
             run.parameter.setMaxLength(one.maxLength);
             run.parameter.setDBSCANEps(0.9);
             run.parameter.setDBSCANMinPts(15);
-            CalculateCellAlgorithm algorithm;
             double seconds = -7.0;
-            run.grid.reset(algorithm.StepTwo_CalcDiffVectors(&run.parameter, reflections.get(), &seconds));
+            run.two(reflections.get(), &seconds);
             ASSERT_TRUE(run.grid);
             EXPECT_GE(seconds, 0.0);
-            ASSERT_GE(
-                algorithm.StepThree_Clustering(&run.parameter, run.grid.get(), &run.clusters, &run.noise),
-                0.0);
+            ASSERT_GE(run.three(), 0.0);
             UnitCell cell;
-            ASSERT_GE(algorithm.StepFour_FindLinearIndependentVectors(&run.parameter, &cell, &run.clusters,
-                                                                      &run.a, &run.b, &run.c),
-                      0.0);
+            ASSERT_GE(run.four(&cell, &run.b), 0.0);
             EXPECT_FALSE(cell.isDegenerate());
             expectBasis(basis, run.base(), 0.5);
-            ASSERT_GE(algorithm.StepFive_CalculateNiggliCell(&run.parameter, &run.a, &run.b, &run.c, &run.a,
-                                                             &run.b, &run.c),
-                      0.0);
-            ASSERT_GE(algorithm.StepSix_Refinement(&run.clusters, &run.a, &run.b, &run.c, &run.a, &run.b,
-                                                   &run.c, &run.refined[0], &run.refined[1], &run.refined[2]),
-                      0.0);
+            ASSERT_GE(run.five(&run.parameter), 0.0);
+            ASSERT_GE(run.six(), 0.0);
             EXPECT_TRUE(run.refined[0] && run.refined[1] && run.refined[2]);
             expectBasis(basis, run.base(), 0.15);
             for (const Vector& vector : run.base())
@@ -133,15 +139,13 @@ TEST(CalculateCellAlgorithm, FindsTheCellsOfNoisyReflections) {
 
             // The same by the other routes.
             const double shortest = run.a.getLength();
-            ASSERT_GE(algorithm.findBasis(&run.parameter, &run.clusters, &run.a, &run.b, &run.c), 0.0);
+            ASSERT_GE(run.basis(&run.clusters), 0.0);
             NiggliReduction::setNarration(nullptr);
-            ASSERT_GE(algorithm.calculateNiggliCell2(&run.a, &run.b, &run.c, &run.a, &run.b, &run.c), 0.0);
+            ASSERT_GE(run.reduce(&run.b), 0.0);
             NiggliReduction::setNarration(&std::cout);
             EXPECT_NEAR(run.a.getLength(), shortest, 0.2);
-            const Mat3 reduced = run.base();
-            EXPECT_GT(BasicMath::Determinant(reduced[0].data(), reduced[1].data(), reduced[2].data()), 0.0);
-            ASSERT_GE(algorithm.refineCell(&run.clusters, &run.a, &run.b, &run.c, &run.a, &run.b, &run.c),
-                      0.0);
+            EXPECT_GT(Eigen::Map<const Eigen::Matrix3d>(run.base()[0].data()).determinant(), 0.0);
+            ASSERT_GE(run.refine(&run.clusters), 0.0);
             expectBasis(basis, run.base(), 0.15);
             for (const Vector& vector : run.base())
                 soFar.addAll(vector);
@@ -150,7 +154,6 @@ TEST(CalculateCellAlgorithm, FindsTheCellsOfNoisyReflections) {
 }
 
 TEST(CalculateCellAlgorithm, OtherClusteringsFindOneClusterANode) {
-    using Algorithm = CalculateCellAlgorithm;
     const std::vector<Vector> apart = {{12, 0, 0}, {0, 13, 0}, {0, 0, 14}, {12, 13, 0}};
     std::vector<Vector> row;  // a long axis: its clusters touch
     for (int n = 1; n < 9; ++n)
@@ -159,19 +162,19 @@ TEST(CalculateCellAlgorithm, OtherClusteringsFindOneClusterANode) {
         const char* name;
         std::vector<Vector> nodes;
         double eps;
-        std::function<double(Algorithm&, Results&)> cluster;
+        std::function<double(Results&)> cluster;
         std::size_t clusters;
     };
     const auto by = [](ClusteringMethod method) {
-        return [method](Algorithm& algorithm, Results& run) {
-            return algorithm.clusteringStep(&run.parameter, run.grid.get(), &run.clusters, &run.noise,
-                                            method);
+        return [method](Results& run) {
+            return run.algorithm.clusteringStep(&run.parameter, run.grid.get(), &run.clusters, &run.noise,
+                                                method);
         };
     };
     const auto recursively = [](int depth) {
-        return [depth](Algorithm& algorithm, Results& run) {
-            return algorithm.rekursivClusteringWithDBSCAN(&run.parameter, run.grid.get(), &run.clusters,
-                                                          &run.noise, depth);
+        return [depth](Results& run) {
+            return run.algorithm.rekursivClusteringWithDBSCAN(&run.parameter, run.grid.get(), &run.clusters,
+                                                              &run.noise, depth);
         };
     };
     const Case cases[] = {
@@ -190,22 +193,11 @@ TEST(CalculateCellAlgorithm, OtherClusteringsFindOneClusterANode) {
         run.makeGrid();
         run.parameter.setDBSCANEps(one.eps);
         run.parameter.setDBSCANMinPts(20);
-        Algorithm algorithm;
-        ASSERT_GE(one.cluster(algorithm, run), 0.0);
+        ASSERT_GE(one.cluster(run), 0.0);
         EXPECT_FALSE(run.parameter.getClusterOptionsChanged());
         ASSERT_EQ(run.clusters.size(), one.clusters);
-        std::size_t points = run.noise.size();
-        for (std::size_t i = 0; i < run.clusters.size(); ++i) {
-            const int id = static_cast<int>(i) + 1;
-            const auto* cluster = run.clusters[i];
-            EXPECT_EQ(cluster->getClusterID(), id);
-            const auto labelled =
-                std::count_if(run.grid->getPoints()->begin(), run.grid->getPoints()->end(),
-                              [id](const auto* point) { return point->getClusterID() == id; });
-            EXPECT_EQ(cluster->getNumberOfPoints(), labelled);
-            points += static_cast<std::size_t>(labelled);
-        }
-        EXPECT_EQ(points, 300 * one.nodes.size());
+        EXPECT_TRUE(run.agrees());
+        EXPECT_EQ(run.count(-1), 0);
     }
 }
 
@@ -213,7 +205,7 @@ TEST(CalculateCellAlgorithm, JoinsNeighboursByWayOfOthers) {
     Results run;
     for (const double x : {0.0, 20.0, 4.0, 2.0, 22.5})
         run.addCluster({x, 1, 0}, 3);
-    EXPECT_TRUE(CalculateCellAlgorithm().postprocessingDDSCclustering(&run.clusters, 2.0));
+    EXPECT_TRUE(run.algorithm.postprocessingDDSCclustering(&run.clusters, 2.0));
     ASSERT_EQ(run.clusters.size(), 3u);
     for (int i = 0; i < 3; ++i) {
         const auto* cluster = run.clusters[static_cast<std::size_t>(i)];
@@ -231,9 +223,7 @@ TEST(CalculateCellAlgorithm, FindsABasisInReflectionsTooFewForClusters) {
     reflections->push_back(nullptr);
     Results run;
     run.parameter.setDBSCANEps(1.0);
-    EXPECT_GE(CalculateCellAlgorithm().testCellDetectionWithReflections(
-                  &run.parameter, reflections.get(), origin.data(), &run.a, &run.b, &run.c),
-              0.0);
+    EXPECT_GE(run.fromReflections(reflections.get(), origin.data()), 0.0);
     expectBasis(basis, run.base(), 0.3);
 }
 
@@ -242,10 +232,10 @@ TEST(CalculateCellAlgorithm, PutsAVectorOntoTheNearestCentre) {
     run.addCluster({-10, 1, 0}, 5);
     run.addCluster({8.5, 0, 0}, 5);
     Point<double> vector(Vector{9.5, -0.8, 0}.data(), 3);
-    EXPECT_TRUE(CalculateCellAlgorithm().refineBaseVector(&run.clusters, &vector));
+    EXPECT_TRUE(run.algorithm.refineBaseVector(&run.clusters, &vector));
     EXPECT_EQ(vectorOf(vector), (Vector{10, -1, 0}));
     vector.setData(40.0, 1);
-    EXPECT_FALSE(CalculateCellAlgorithm().refineBaseVector(&run.clusters, &vector));
+    EXPECT_FALSE(run.algorithm.refineBaseVector(&run.clusters, &vector));
 }
 
 TEST(CalculateCellAlgorithm, StepOneCutsAroundTheHalvesOfTheVolume) {
@@ -280,8 +270,8 @@ TEST(CalculateCellAlgorithm, StepOneCutsAroundTheHalvesOfTheVolume) {
 }
 
 TEST(CalculateCellAlgorithm, RefusesMissingInputWithOneLine) {
-    CalculateCellAlgorithm algorithm;
     Results run;
+    CalculateCellAlgorithm& algorithm = run.algorithm;
     const std::unique_ptr<VoxMRCData> volume(VoxMRCData::Create3D(4, 4, 4));
     ReflexVector one;
     one.push_back(new Reflex(1.0, 2.0, 3.0));
@@ -290,29 +280,9 @@ TEST(CalculateCellAlgorithm, RefusesMissingInputWithOneLine) {
     const double zero[3] = {};
     auto* const clusters = &run.clusters;
     const auto two = [&](ReflexVector* list) {
-        EXPECT_EQ(algorithm.StepTwo_CalcDiffVectors(&run.parameter, list, &seconds), nullptr);
+        run.two(list, &seconds);
+        EXPECT_FALSE(run.grid);
         return seconds;
-    };
-    const auto four = [&](ClusterPoint<double>* b) {
-        return algorithm.StepFour_FindLinearIndependentVectors(&run.parameter, nullptr, clusters, &run.a, b,
-                                                               &run.c);
-    };
-    const auto five = [&](Parameter* parameter) {
-        return algorithm.StepFive_CalculateNiggliCell(parameter, &run.a, &run.b, &run.c, &run.a, &run.b,
-                                                      &run.c);
-    };
-    const auto basis = [&](std::vector<Cluster<Point<double>>*>* centres) {
-        return algorithm.findBasis(&run.parameter, centres, &run.a, &run.b, &run.c);
-    };
-    const auto reflections = [&](const double* origin) {
-        return algorithm.testCellDetectionWithReflections(&run.parameter, &one, origin, &run.a, &run.b,
-                                                          &run.c);
-    };
-    const auto niggli = [&](ClusterPoint<double>* b) {
-        return algorithm.calculateNiggliCell2(&run.a, b, &run.c, &run.a, &run.b, &run.c);
-    };
-    const auto all = [&](std::vector<Cluster<Point<double>>*>* centres) {
-        return algorithm.refineCell(centres, &run.a, &run.b, &run.c, &run.a, &run.b, &run.c);
     };
     RecordingLogObserver log;
     const auto expect = [&](VRK::MessageType type, const char* message, double answer) {
@@ -330,26 +300,23 @@ TEST(CalculateCellAlgorithm, RefusesMissingInputWithOneLine) {
            algorithm.StepOne_CutOfZeroBeam(&one, nullptr, &run.parameter));
     expect(Error, "Calculate diff vectors failed.", two(nullptr));
     expect(Error, "Calculate diff vectors failed.", two(&one));
-    expect(Warning, "No cluster centers found.",
-           algorithm.StepThree_Clustering(&run.parameter, nullptr, clusters, &run.noise));
+    expect(Warning, "No cluster centers found.", run.three());
     expect(Warning, "No cluster centers found.",
            algorithm.clusteringStep(nullptr, nullptr, clusters, &run.noise, ClusteringMethod::DDSC));
-    expect(Warning, "No three linear independent vectors among 0", four(&run.b));
-    expect(Error, "three points are needed", four(nullptr));
-    expect(Error, "six points are needed", five(nullptr));
-    expect(Warning, "No three linear independent vectors in the lattice", five(&run.parameter));
-    expect(Error, "No clusters loaded during the refinement of the cell.",
-           algorithm.StepSix_Refinement(clusters, &run.a, &run.b, &run.c, &run.a, &run.b, &run.c,
-                                        &run.refined[0], &run.refined[1], &run.refined[2]));
+    expect(Warning, "No three linear independent vectors among 0", run.four(nullptr, &run.b));
+    expect(Error, "three points are needed", run.four(nullptr, nullptr));
+    expect(Error, "six points are needed", run.five(nullptr));
+    expect(Warning, "No three linear independent vectors in the lattice", run.five(&run.parameter));
+    expect(Error, "No clusters loaded during the refinement of the cell.", run.six());
     expect(Warning, "No clusters to join.", algorithm.postprocessingDDSCclustering(clusters, 3.0) - 1.0);
-    expect(Warning, "No three of 0 cluster centers form a basis.", basis(clusters));
-    expect(Error, "three points are needed to find a basis.", basis(nullptr));
-    expect(Warning, "No three of 1 reflections form a basis.", reflections(zero));
-    expect(Error, "an origin and three points are needed", reflections(nullptr));
-    expect(Warning, "span no cell that could be reduced", niggli(&run.b));
-    expect(Error, "Six points are needed", niggli(nullptr));
-    expect(Warning, "do not determine all three", all(clusters));
-    expect(Error, "six points are needed to refine", all(nullptr));
+    expect(Warning, "No three of 0 cluster centers form a basis.", run.basis(clusters));
+    expect(Error, "three points are needed to find a basis.", run.basis(nullptr));
+    expect(Warning, "No three of 1 reflections form a basis.", run.fromReflections(&one, zero));
+    expect(Error, "an origin and three points are needed", run.fromReflections(&one, nullptr));
+    expect(Warning, "span no cell that could be reduced", run.reduce(&run.b));
+    expect(Error, "Six points are needed", run.reduce(nullptr));
+    expect(Warning, "do not determine all three", run.refine(clusters));
+    expect(Error, "six points are needed to refine", run.refine(nullptr));
     expect(Warning, "No cluster center is near the base vector.",
            algorithm.refineBaseVector(clusters, nullptr) - 1.0);
     // The clusters have been dealt with, in vain.
@@ -369,16 +336,14 @@ TEST(CalculateCellAlgorithm, NoVectorFallsOffTheGrid) {
         ReflexVectorPtr reflections(new ReflexVector);
         for (const Vector& place : places)
             reflections->push_back(new Reflex(place[0], place[1], place[2]));
-        Parameter parameter;
-        CalculateCellAlgorithm algorithm;
-        const std::unique_ptr<CubicGrid<ClusterPoint<double>>> grid(
-            algorithm.StepTwo_CalcDiffVectors(&parameter, reflections.get(), nullptr));
-        ASSERT_TRUE(grid);
-        EXPECT_FALSE(parameter.getDiffVectorOptionsChanged());
-        EXPECT_TRUE(parameter.getClusterOptionsChanged() && parameter.getCellOptionsChanged());
+        Results run;
+        run.two(reflections.get());
+        ASSERT_TRUE(run.grid);
+        EXPECT_FALSE(run.parameter.getDiffVectorOptionsChanged());
+        EXPECT_TRUE(run.parameter.getClusterOptionsChanged() && run.parameter.getCellOptionsChanged());
         const auto count = static_cast<int>(places.size());
-        EXPECT_EQ(grid->getNumberOfPoints(), count * (count - 1) / 2);
-        for (const ClusterPoint<double>* point : *grid->getPoints())
+        EXPECT_EQ(run.grid->getNumberOfPoints(), count * (count - 1) / 2);
+        for (const ClusterPoint<double>* point : *run.grid->getPoints())
             EXPECT_GT(point->getLength(), 3.0);
     }
 }
@@ -391,18 +356,14 @@ TEST(CalculateCellAlgorithm, PruningLeavesNoClusterEmpty) {
     run.parameter.setMaxLength(25.0);
     run.parameter.setDBSCANMinPts(5);
     run.parameter.setRefineCluster(true);
-    CalculateCellAlgorithm algorithm;
-    run.grid.reset(algorithm.StepTwo_CalcDiffVectors(&run.parameter, reflections.get(), nullptr));
+    run.two(reflections.get());
     for (const auto& [percent, first, second] : {std::tuple{50.0, 14, 14}, {0.0, 29, 28}, {3.5, 1, 28}}) {
         run.parameter.setClusterRefinementPercent(percent);
-        ASSERT_GE(algorithm.StepThree_Clustering(&run.parameter, run.grid.get(), &run.clusters, &run.noise),
-                  0.0);
+        ASSERT_GE(run.three(), 0.0);
         ASSERT_EQ(run.clusters.size(), 2u);
         EXPECT_EQ(run.clusters[0]->getNumberOfPoints(), first);
         EXPECT_EQ(run.clusters[1]->getNumberOfPoints(), second);
-        for (auto* cluster : run.clusters)
-            delete cluster;
-        run.clusters.clear();
+        run.clear();
     }
 }
 
@@ -411,8 +372,7 @@ TEST(CalculateCellAlgorithm, ChoosesShortVectorsOutOfOnePlane) {
         const char* name;
         std::vector<Vector> centres;
         std::vector<std::size_t> chosen;  // none: no base
-        double angle = 0.0;               // 0: the usual ones
-        double detLimit = 0.0;
+        double angleA = 0.984, angleB = 0.7, detLimit = 0.0;
     };
     const Mat3 sharp = basisOf({10, 10.5, 11, 20, 20, 20});
     const Case cases[] = {
@@ -423,12 +383,13 @@ TEST(CalculateCellAlgorithm, ChoosesShortVectorsOutOfOnePlane) {
          {{0, 0, 10}, {0, 10, 0}, {10, 0, 0}, {0, 0, -10}, {0, -10, 0}},
          {0, 1, 2}},
         {"a negative determinant is as good", {{10, 0, 0}, {0, 0, 11}, {0, 12, 0}}, {0, 1, 2}},
-        {"20 degrees between all axes", {sharp[0], sharp[1], sharp[2]}, {0, 1, 2}, 0.3},
+        {"20 degrees between all axes", {sharp[0], sharp[1], sharp[2]}, {0, 1, 2}, 0.3, 0.3},
         {"opposite vectors", {{10, 0, 0}, {-10, 0.5, 0}, {0, 11, 0}, {0, 0, 12}}, {0, 2, 3}},
         {"determinant at the limit",
          {{10, 0, 0}, {0, 11, 0}, {0, 0, 12}, {0, 0, 13}},
          {0, 1, 3},
-         0.0,
+         0.984,
+         0.7,
          1320.0},
         {"all in a plane", {{10, 0, 0}, {0, 11, 0}, {-6, 8, 0.7}, {7, 8, 0.5}}, {}},
         {"all on a line", {{10, 0, 0}, {20, 0, 0.1}, {30, 0, 0}}, {}},
@@ -440,11 +401,10 @@ TEST(CalculateCellAlgorithm, ChoosesShortVectorsOutOfOnePlane) {
         for (const Vector& centre : one.centres)
             run.addCluster(centre, 3);
         run.parameter.setDetLimit(one.detLimit);
-        run.parameter.setAngleA(one.angle > 0 ? one.angle : 0.984);
-        run.parameter.setAngleB(one.angle > 0 ? one.angle : 0.7);
+        run.parameter.setAngleA(one.angleA);
+        run.parameter.setAngleB(one.angleB);
         UnitCell cell;
-        const double seconds = CalculateCellAlgorithm().StepFour_FindLinearIndependentVectors(
-            &run.parameter, &cell, &run.clusters, &run.a, &run.b, &run.c);
+        const double seconds = run.four(&cell, &run.b);
         if (one.chosen.empty()) {
             EXPECT_EQ(seconds, -1.0);
             EXPECT_EQ(vectorOf(run.a), Vector{});
@@ -452,9 +412,8 @@ TEST(CalculateCellAlgorithm, ChoosesShortVectorsOutOfOnePlane) {
             continue;
         }
         EXPECT_GE(seconds, 0.0);
-        const ClusterPoint<double>* found[] = {&run.a, &run.b, &run.c};
         for (std::size_t i = 0; i < 3; ++i)
-            EXPECT_LT(distance(vectorOf(*found[i]), one.centres[one.chosen[i]]), 1e-9) << i;
+            EXPECT_LT(distance(run.base()[i], one.centres[one.chosen[i]]), 1e-9) << i;
         Vector c;
         cell.get_c(c.data());
         EXPECT_EQ(c, vectorOf(run.c));

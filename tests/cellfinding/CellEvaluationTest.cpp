@@ -1,5 +1,6 @@
 #include "cellfinding/CellEvaluation.h"
 
+#include "Clustered.h"
 #include "crystallography/NiggliReduction.h"
 #include "support/SimulatedReflections.h"
 #include "support/SoFar.h"
@@ -12,7 +13,7 @@ using Shape = CellEvaluation::Shape;
 using enum BaseVectorVerdict;
 
 /// A reciprocal cell of 10 x 12 x 15 voxels and hand-made results of its finding.
-class CellEvaluationTest : public testing::Test {
+class CellEvaluationTest : public testing::Test, protected testing_support::Clustered<ClusterPoint<double>> {
 protected:
     CellEvaluationTest() {
         addCluster({0, 12, 0.3}, {0.3, 0.3, 0.3});  // not in the order of lengths
@@ -24,29 +25,27 @@ protected:
         addCluster({0, 12, 6}, {0.3, 0.3, 0.3});
         addCluster({0, 0, 15}, {0.3, 0.3, 0.3});
         addCluster({10, 0, 15}, {0.3, 0.3, 0.3});
-        m_clusters.push_back(nullptr);
-        for (ClusterPoint<double>& point : m_points)
-            m_pointers.push_back(&point);
-        m_grid = std::make_unique<CubicGrid<ClusterPoint<double>>>(&m_pointers, 3);
-        m_input = {"by hand", &m_parameter, m_reflections.get(), m_grid.get(), &m_clusters, &m_noise,
+        clusters.push_back(nullptr);
+        for (int i = 0; i < 2; ++i)
+            add({0, 0, 0});
+        makeGridAround(3);
+        m_input = {"by hand", &m_parameter, m_reflections.get(), grid.get(), &clusters, &noise,
                    &m_cell,   2e8,          {100, 101, 102},     2.0};
     }
 
     /// Six points with these standard deviations along the axes.
     void addCluster(const Vector& centre, const Vector& sigma) {
-        std::vector<Point<double>> points;
+        std::vector<Point<double>> six;
         for (std::size_t axis = 0; axis < 3; ++axis)
             for (const double sign : {-1.0, 1.0}) {
                 Vector place = centre;
                 place[axis] += sign * sigma[axis] * std::sqrt(3.0);
-                points.emplace_back(place.data(), static_cast<unsigned char>(3));
+                six.emplace_back(place.data(), static_cast<unsigned char>(3));
             }
         std::vector<Point<double>*> pointers;
-        for (auto& point : points)
+        for (auto& point : six)
             pointers.push_back(&point);
-        m_owned.push_back(
-            std::make_unique<Cluster<Point<double>>>(&pointers, static_cast<int>(m_owned.size()) + 1));
-        m_clusters.push_back(m_owned.back().get());
+        clusters.push_back(new Cluster<Point<double>>(&pointers, static_cast<int>(clusters.size()) + 1));
     }
     CellEvaluation evaluate() const {
         CellEvaluation evaluation;
@@ -56,12 +55,6 @@ protected:
 
     Parameter m_parameter;
     ReflexVectorPtr m_reflections{new ReflexVector};
-    std::vector<ClusterPoint<double>> m_points{{3, -1}, {3, -1}};
-    std::vector<ClusterPoint<double>*> m_pointers;
-    std::unique_ptr<CubicGrid<ClusterPoint<double>>> m_grid;
-    std::vector<std::unique_ptr<Cluster<Point<double>>>> m_owned;
-    std::vector<Cluster<Point<double>>*> m_clusters;
-    std::vector<ClusterPoint<double>*> m_noise;
     UnitCell m_cell = reciprocalCell({{{10, 0, 0}, {0, 12, 0}, {10, 0, 15}}});
     CellEvaluation::Input m_input;
 };
@@ -89,7 +82,8 @@ TEST_F(CellEvaluationTest, SaysWhyClustersWereChosenOrPassedOver) {
     }
     m_input.cell = &m_cell;
     // A plane: everything else is judged.
-    m_clusters = {m_clusters[0], m_clusters[1], m_clusters[4]};
+    const std::vector<Cluster<Point<double>>*> three = {clusters[0], clusters[1], clusters[4]};
+    m_input.clusters = &three;
     m_parameter.setAngleA(0.5);
     m_parameter.setAngleB(0.5);
     const CellEvaluation plane = evaluate();
@@ -143,14 +137,11 @@ TEST_F(CellEvaluationTest, FollowsTheReductionWithoutNarratingIt) {
 TEST_F(CellEvaluationTest, MeasuresDisplacementsInShells) {
     // Everything is 1 % too far out and shifted by 0.2 in z; every fifth reflection is none.
     int count = 0;
-    for (int h = -6; h <= 6; ++h)
-        for (int k = -6; k <= 6; ++k)
-            for (int l = -6; l <= 6; ++l) {
-                const bool wrong = ++count % 5 == 0;
-                const double off = wrong ? 5.0 : 0.0;
-                m_reflections->push_back(new Reflex(100 + 1.01 * (10.0 * h + 10.0 * l) + off,
-                                                    101 + 1.01 * 12 * k + off, 102 + 1.01 * 15 * l + 0.2));
-            }
+    forEachIndex(6, 6, 6, [&](int h, int k, int l) {
+        const double off = ++count % 5 == 0 ? 5.0 : 0.0;
+        m_reflections->push_back(new Reflex(100 + 1.01 * (10.0 * h + 10.0 * l) + off,
+                                            101 + 1.01 * 12 * k + off, 102 + 1.01 * 15 * l + 0.2));
+    });
     m_reflections->push_back(nullptr);
     m_reflections->push_back(new Reflex(std::nan(""), 0, 0));
     const CellEvaluation e = evaluate();

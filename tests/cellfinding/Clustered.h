@@ -27,13 +27,16 @@ struct Clustered {
     Clustered() = default;
     Clustered(const Clustered&) = delete;
     Clustered& operator=(const Clustered&) = delete;
-    ~Clustered() {
+    ~Clustered() { clear(); }
+
+    void clear() {
         for (auto* cluster : clusters)
             delete cluster;
         for (auto* point : noise)
             delete point;
+        clusters.clear();
+        noise.clear();
     }
-
     void add(const Coordinates& c) {
         const auto dimension = static_cast<unsigned char>(c.size());
         if constexpr (std::is_same_v<P, ClusterPointDDSC<double>>)
@@ -80,6 +83,20 @@ struct Clustered {
     long count(int label) const {
         const std::vector<int> every = labels();
         return std::count(every.begin(), every.end(), label);
+    }
+    /// Whether every cluster has its number and the points of that label, and the noise all others but those
+    /// that were not looked at.
+    bool agrees() const {
+        long labelled = count(0) + count(-1);
+        bool agree = count(0) == static_cast<long>(noise.size());
+        for (std::size_t i = 0; i < clusters.size(); ++i) {
+            const int id = static_cast<int>(i) + 1;
+            const long size = count(id);
+            agree = agree && size > 0 && clusters[i]->getNumberOfPoints() == size &&
+                    clusters[i]->getClusterID() == id;
+            labelled += size;
+        }
+        return agree && labelled == grid->getNumberOfPoints();
     }
 
 private:

@@ -12,19 +12,9 @@ TestPoint pointAt(const Coordinates& c) {
     return {c.data(), static_cast<unsigned char>(c.size()), short(7)};
 }
 
-Grid gridOver(const Cloud& cloud) {
-    std::vector<TestPoint> points;
-    for (const Coordinates& c : cloud.points)
-        points.push_back(pointAt(c));
-    std::vector<TestPoint*> pointers;
-    for (TestPoint& p : points)
-        pointers.push_back(&p);
-    return {&pointers, cloud.min.data(), cloud.max.data(), cloud.edge};
-}
-
-Grid gridOver(const std::vector<Coordinates>& points, double min, double max, int edge) {
+CloudRun gridOver(const std::vector<Coordinates>& points, double min, double max, int edge) {
     const std::size_t dimension = points.front().size();
-    return gridOver(Cloud{points, Coordinates(dimension, min), Coordinates(dimension, max), edge, 0.0});
+    return CloudRun(Cloud{points, Coordinates(dimension, min), Coordinates(dimension, max), edge, 0.0});
 }
 
 std::vector<int> placesOf(Grid& grid, const std::vector<TestPoint*>& found) {
@@ -39,10 +29,7 @@ TEST(CubicGridTest, AnswersAsTheWalkOverTheCubesDoes) {
         SCOPED_TRACE(seed);
         const Cloud cloud = randomCloud(seed);
         const PlainGrid plain(cloud.points, cloud.min, cloud.max, cloud.edge);
-        testing::internal::CaptureStdout();
-        const Grid original = gridOver(cloud);
-        testing::internal::GetCapturedStdout();
-        Grid grid = original;
+        Grid grid = *CloudRun(cloud).grid;
         ASSERT_EQ(grid.getNumberOfPoints(), static_cast<int>(cloud.points.size()));
         for (int i = 0; i < grid.getNumberOfPoints(); ++i) {
             const TestPoint expected = pointAt(plain.list()[static_cast<std::size_t>(i)]);
@@ -70,9 +57,9 @@ TEST(CubicGridTest, AnswersAsTheWalkOverTheCubesDoes) {
 TEST(CubicGridTest, KeepsOutsidePointsAsZerosAndSaysSo) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
     VRKLogger::getInstance();  // speaks on the standard output when it is made
-    testing::internal::CaptureStdout();
-    Grid grid = gridOver({{500, 500, 500}, {nan, 1, 1}, {1e300, 0, 0}, {2, 2, 2}}, 0.0, 9.0, 3);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "== -1\n== -1\n== -1\n");
+    const CloudRun run = gridOver({{500, 500, 500}, {nan, 1, 1}, {1e300, 0, 0}, {2, 2, 2}}, 0.0, 9.0, 3);
+    EXPECT_EQ(run.spoken, "== -1\n== -1\n== -1\n");
+    Grid& grid = *run.grid;
     EXPECT_EQ(grid.getPoint(0)->getData(0), 2.0);
     EXPECT_EQ(grid.getPoint(3)->getLength(), 0.0);
     EXPECT_EQ(grid.getSizeOfNeighborhood(grid.getPoint(3), 9.0), 1);
@@ -87,9 +74,8 @@ TEST(CubicGridTest, BoundsTheCubesForAnyLimits) {
                                                 {-1e300, 1e300, 0, 1 << 30}}) {
         SCOPED_TRACE(max);
         log.messages.clear();
-        testing::internal::CaptureStdout();
-        Grid grid = gridOver({{1, 1, 1}, {2, 2, 2}}, min, max, 3);
-        testing::internal::GetCapturedStdout();
+        const CloudRun run = gridOver({{1, 1, 1}, {2, 2, 2}}, min, max, 3);
+        Grid& grid = *run.grid;
         EXPECT_EQ(grid.getEdgeLength(), edge);
         EXPECT_EQ(grid.getNumberOfCubes(), cubes);
         EXPECT_EQ(log.has("too many cubes of edge length 3", VRK::Warning), edge != 3);
@@ -109,7 +95,7 @@ TEST(CubicGridTest, FindsItsOwnLimitsAndHasNeighboursInTwoAndThreeDimensionsOnly
     }
     const std::vector<TestPoint*> none;
     EXPECT_EQ(Grid(&none, 3).getNumberOfPoints(), 0);
-    Grid automatic = gridOver({{1, 1, 1}}, -1.0, 2.0, 0);
+    Grid automatic = *gridOver({{1, 1, 1}}, -1.0, 2.0, 0).grid;
     EXPECT_EQ(automatic.getEdgeLength(), 8);
     EXPECT_EQ(automatic.getPoint(1), nullptr);
 }

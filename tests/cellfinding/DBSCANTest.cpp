@@ -7,19 +7,10 @@ namespace {
 using namespace testing_support;
 using DbscanPoint = ClusterPoint<double>;
 
-struct DbscanRun : Clustered<DbscanPoint> {
-    explicit DbscanRun(const Cloud& cloud) {
-        for (const Coordinates& c : cloud.points)
-            add(c);
-        testing::internal::CaptureStdout();
-        makeGrid(cloud.min, cloud.max, cloud.edge);
-        testing::internal::GetCapturedStdout();
-    }
-    std::vector<int> run(double eps, int minPts) {
-        DBSCAN::cluster(grid.get(), eps, minPts, &clusters, &noise);
-        return labels();
-    }
-};
+std::vector<int> labelsOf(CloudRun& run, double eps, int minPts) {
+    DBSCAN::cluster(run.grid.get(), eps, minPts, &run.clusters, &run.noise);
+    return run.labels();
+}
 
 TEST(DBSCANTest, LabelsAsGrowingOneNeighbourhoodAfterTheOther) {
     int atOnce = 0;
@@ -29,17 +20,12 @@ TEST(DBSCANTest, LabelsAsGrowingOneNeighbourhoodAfterTheOther) {
         const PlainGrid plain(cloud.points, cloud.min, cloud.max, cloud.edge);
         for (const int minPts : {1, 3, 6, 15}) {
             SCOPED_TRACE(testing::Message() << seed << ", at least " << minPts);
-            DbscanRun clustering(cloud);
-            const std::vector<int> labels = clustering.run(cloud.eps, minPts);
-            ASSERT_EQ(labels, plain.cluster(cloud.eps, static_cast<std::size_t>(minPts)));
+            CloudRun clustering(cloud);
+            ASSERT_EQ(labelsOf(clustering, cloud.eps, minPts),
+                      plain.cluster(cloud.eps, static_cast<std::size_t>(minPts)));
             atOnce += clustering.grid->coversRadius(cloud.eps);
 
-            for (int i = 0; i < static_cast<int>(clustering.clusters.size()); ++i) {
-                const auto* cluster = clustering.clusters[static_cast<std::size_t>(i)];
-                ASSERT_EQ(cluster->getClusterID(), i + 1);
-                ASSERT_EQ(cluster->getNumberOfPoints(), clustering.count(i + 1));
-            }
-            ASSERT_EQ(static_cast<long>(clustering.noise.size()), clustering.count(0));
+            ASSERT_TRUE(clustering.agrees());
             clusters += static_cast<int>(clustering.clusters.size());
         }
     }
@@ -53,10 +39,10 @@ TEST(DBSCANTest, RefusesBadParameters) {
     const std::vector<DbscanPoint*> none;
     CubicGrid<DbscanPoint> empty(&none, 3);
     RecordingLogObserver log;
-    DbscanRun c(cloud);
+    CloudRun c(cloud);
     auto* const clusters = &c.clusters;
     auto* const noise = &c.noise;
-    c.run(1.0, 2);
+    labelsOf(c, 1.0, 2);
     ASSERT_EQ(noise->size(), 1U);
     const struct {
         CubicGrid<DbscanPoint>* grid;
@@ -79,8 +65,8 @@ TEST(DBSCANTest, EndsWithTheLastLabelThatFits) {
     for (int i = 0; i < 33000; ++i)
         cloud.points.push_back({i % 200 * 10.0 + 5.0, i / 200 * 10.0 + 5.0});
     RecordingLogObserver log;
-    DbscanRun clustering(cloud);
-    const std::vector<int> labels = clustering.run(1.0, 1);
+    CloudRun clustering(cloud);
+    const std::vector<int> labels = labelsOf(clustering, 1.0, 1);
     EXPECT_TRUE(log.has("More clusters than labels", VRK::Error));
     EXPECT_EQ(clustering.clusters.size(), 32767U);
     EXPECT_EQ(std::count(labels.begin(), labels.end(), 0), 33000 - 32767);

@@ -75,16 +75,11 @@ TEST(Parameter, SettersStoreOrRefuseAndRaiseTheStagesDownstream) {
         after(&P::setAngleB, 0.5, &P::getAngleB, 0.5, "Z"),
         after(&P::setDetLimit, 0.5, &P::getDetLimit, 0.5, "Z"),
         after(&P::setGridSizeNiggliCell, 2, &P::getGridSizeNiggliCell, 2, "Z"),
-        after(&P::setShowReflexes, true, &P::getShowReflexes, 1, ""),
-        after(&P::setShowClusterSizeDistribution, true, &P::getShowClusterSizeDistribution, 1, ""),
-        after(&P::setM, 2.0, &P::getM, 2, ""),
-        after(&P::setB, 2.0, &P::getB, 2, ""),
         after(&P::setReflexOptionsChanged, false, &P::getReflexOptionsChanged, 0, "DCZ"),
         after(&P::setDiffVectorOptionsChanged, false, &P::getDiffVectorOptionsChanged, 0, "CZ"),
         after(&P::setClusterOptionsChanged, false, &P::getClusterOptionsChanged, 0, "Z"),
         after(&P::setCellOptionsChanged, true, &P::getCellOptionsChanged, 1, "Z"),
         after(&P::setLoadedReflections, true, &P::reflectionLoaded, 1, "RDCZ"),
-        after(&P::setLoadedDiffVectors, true, &P::diffVectorsLoaded, 1, ""),
     };
     for (std::size_t i = 0; i < std::size(cases); ++i) {
         Parameter p = settled();

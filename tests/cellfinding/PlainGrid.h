@@ -50,19 +50,12 @@ public:
         std::vector<int> found;
         const int centre = cubeOf(p);
         if (centre < 0) return found;
-        const int n0 = m_cubes[0];
-        const int n1 = m_cubes[1];
-        const int n2 = m_dimension == 3 ? m_cubes[2] : 1;
-        const int r = static_cast<int>(std::ceil(eps / m_edge));
-        const int rz = m_dimension == 3 ? r : 0;
-        const int c0 = centre % n0;
-        const int c1 = centre / n0 % n1;
-        const int c2 = centre / n0 / n1;
-        const auto from = [](int c, int reach) { return std::max(0, c - reach); };
-        const auto to = [](int c, int reach, int n) { return std::min(n - 1, c + reach); };
-        for (int i = from(c0, r); i <= to(c0, r, n0); ++i)
-            for (int j = from(c1, r); j <= to(c1, r, n1); ++j)
-                for (int k = from(c2, rz); k <= to(c2, rz, n2); ++k)
+        const int n0 = m_cubes[0], n1 = m_cubes[1], n2 = m_dimension == 3 ? m_cubes[2] : 1;
+        const int reach = static_cast<int>(std::ceil(eps / m_edge));
+        const int c0 = centre % n0, c1 = centre / n0 % n1, c2 = centre / n0 / n1;
+        for (int i = std::max(0, c0 - reach); i <= std::min(n0 - 1, c0 + reach); ++i)
+            for (int j = std::max(0, c1 - reach); j <= std::min(n1 - 1, c1 + reach); ++j)
+                for (int k = std::max(0, c2 - reach); k <= std::min(n2 - 1, c2 + reach); ++k)
                     addFromCube(i + n0 * (j + n1 * k), p, eps, found);
         return found;
     }
@@ -140,6 +133,18 @@ struct Cloud {
     Coordinates min, max;
     int edge = 3;
     double eps = 3.0;
+};
+
+/// The points of a cloud in the library's grid.
+struct CloudRun : Clustered<ClusterPoint<double>> {
+    explicit CloudRun(const Cloud& cloud) {
+        for (const Coordinates& c : cloud.points)
+            add(c);
+        testing::internal::CaptureStdout();
+        makeGrid(cloud.min, cloud.max, cloud.edge);
+        spoken = testing::internal::GetCapturedStdout();
+    }
+    std::string spoken;
 };
 
 /// Blobs on a sparse background with duplicates, points on the borders between cubes, negative

@@ -1,5 +1,6 @@
 #include "cellfinding/RANSAC.h"
 
+#include "Clustered.h"
 #include "cellfinding/CalculateCellAlgorithm.h"
 #include "support/SoFar.h"
 #include "support/Testing.h"
@@ -183,12 +184,11 @@ TEST(RANSACTest, FindsTheRowsOfMergedClusters) {
     row.addLine(random, 3000, {2, 3, 10}, {2, 3, 10});  // from the origin on
     far.addLine(random, 5000, {20, 0, 0}, {2, 3, 10});
     single.addLine(random, 1000, {0, 15, 0}, {0, 0, 0});
-    std::vector<std::unique_ptr<Cluster<Point<double>>>> owned;
-    std::vector<Cluster<Point<double>>*> clusters{nullptr};
-    for (auto* cloud : {&far, &row, &single}) {
-        owned.push_back(std::make_unique<Cluster<Point<double>>>(&cloud->points, 1));
-        clusters.push_back(owned.back().get());
-    }
+    testing_support::Clustered<ClusterPoint<double>> found;
+    auto& clusters = found.clusters;
+    clusters.push_back(nullptr);
+    for (auto* cloud : {&far, &row, &single})
+        clusters.push_back(new Cluster<Point<double>>(&cloud->points, 1));
     std::vector<RANSAC::FittedLine> rows;
     CalculateCellAlgorithm algorithm;
     ASSERT_GE(algorithm.testRANSAC(&clusters, 2, &rows), 0.0);
@@ -202,7 +202,7 @@ TEST(RANSACTest, FindsTheRowsOfMergedClusters) {
 
     RecordingLogObserver log;
     EXPECT_EQ(algorithm.testRANSAC(&clusters, 0, &rows), -1.0);
-    clusters.clear();
+    found.clear();
     EXPECT_EQ(algorithm.testRANSAC(&clusters, 2, &rows), -1.0);
     EXPECT_EQ(log.count("a number of rows are needed", VRK::Error), 1);
     EXPECT_EQ(log.count("No rows among the points of 0 clusters.", VRK::Warning), 1);

@@ -61,20 +61,8 @@ private:
     }
 
     bool meetsConditions(const CharacterRow& row, const NearForm& form) const {
-        const Metric& m = form.metric;
-        const double loose = 3.0 * m_limits.looseness;
-        const auto holds = [&](const DotCondition& condition, double value, double squares) {
-            const double difference = value - condition.wanted(m);
-            return condition.isFree || difference * difference <= loose * loose * squares;
-        };
-        const bool needsAB = row.edges == Edges::AllEqual || row.edges == Edges::ABEqual;
-        const bool needsBC = row.edges == Edges::AllEqual || row.edges == Edges::BCEqual;
-        const double sum = 2.0 * std::abs(m.D + m.E + m.F) - (m.A + m.B);
         return (row.form == Form::I ? form.fitsFormI : form.fitsFormII) &&
-               (!needsAB || std::abs(m.A - m.B) <= loose * m.B) &&
-               (!needsBC || std::abs(m.B - m.C) <= loose * m.C) && holds(row.D, m.D, m.B * m.C) &&
-               holds(row.E, m.E, m.A * m.C) && holds(row.F, m.F, m.A * m.B) &&
-               (row.sum == SumCondition::None || std::abs(sum) <= loose * (m.A + m.B + m.C));
+               meets(row, form.metric, 3.0 * m_limits.looseness);
     }
 
     void tryRow(const CharacterRow& row, const NearForm& form) {

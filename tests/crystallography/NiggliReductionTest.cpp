@@ -29,7 +29,7 @@ public:
     explicit PlainSteps(const UnitCell& cell) : s(sixOf(cell)) {}
 
     /// The values and the matrix when the steps end by themselves.
-    std::optional<std::pair<Six, IntMatrix>> run(int mostPasses) {
+    std::optional<std::pair<Six, Eigen::Matrix3i>> run(int mostPasses) {
         for (int i = 0; i < mostPasses; ++i)
             if (!pass()) return std::make_pair(s, T);
         return std::nullopt;
@@ -49,63 +49,49 @@ private:
     bool lt(double x, double y) const { return x < y - e; }
     bool gt(double x, double y) const { return y < x - e; }
 
-    void times(const IntMatrix& m) {
-        IntMatrix out = {};
-        for (std::size_t i = 0; i < 3; ++i)
-            for (std::size_t j = 0; j < 3; ++j)
-                for (std::size_t k = 0; k < 3; ++k)
-                    out[i][j] += T[i][k] * m[k][j];
-        T = out;
-    }
-
     bool pass() {
         auto& [A, B, C, x, y, z] = s;
         narrate();
         if (gt(A, B) || (eq(A, B) && gt(std::abs(x), std::abs(y)))) {
-            times({{{0, -1, 0}, {-1, 0, 0}, {0, 0, -1}}});
+            T *= Eigen::Matrix3i{{0, -1, 0}, {-1, 0, 0}, {0, 0, -1}};
             std::swap(A, B);
             std::swap(x, y);
             return true;
         }
         if (gt(B, C) || (eq(B, C) && gt(std::abs(y), std::abs(z)))) {
-            times({{{-1, 0, 0}, {0, 0, -1}, {0, -1, 0}}});
+            T *= Eigen::Matrix3i{{-1, 0, 0}, {0, 0, -1}, {0, -1, 0}};
             std::swap(B, C);
             std::swap(y, z);
             return true;
         }
         settleSigns();
         narrate();
-        const auto sgn = [](double v) { return v > 0.0 ? 1 : -1; };
-        if (gt(std::abs(x), B) || (eq(x, B) && lt(2 * y, z)) || (eq(x, -B) && lt(z, 0))) {
-            const int g = sgn(x);
-            times({{{1, 0, 0}, {0, 1, -g}, {0, 0, 1}}});
-            C = B + C - g * x;
-            y -= g * z;
-            x -= g * 2 * B;
-            return true;
-        }
-        if (gt(std::abs(y), A) || (eq(z, A) && lt(2 * x, z)) || (eq(y, -A) && lt(z, 0))) {
-            const int g = sgn(y);
-            times({{{1, 0, -g}, {0, 1, 0}, {0, 0, 1}}});
-            C = A + C - g * y;
-            x -= g * z;
-            y -= g * 2 * A;
-            return true;
-        }
-        if (gt(std::abs(z), A) || (eq(z, A) && lt(2 * x, y)) || (eq(z, -A) && lt(y, 0))) {
-            const int g = sgn(z);
-            times({{{1, -g, 0}, {0, 1, 0}, {0, 0, 1}}});
-            B = A + B - g * z;
-            x -= g * y;
-            z -= g * 2 * A;
-            return true;
-        }
+        if (gt(std::abs(x), B) || (eq(x, B) && lt(2 * y, z)) || (eq(x, -B) && lt(z, 0)))
+            return shorten(C, B, x, y, z, 1, 2);
+        if (gt(std::abs(y), A) || (eq(z, A) && lt(2 * x, z)) || (eq(y, -A) && lt(z, 0)))
+            return shorten(C, A, y, x, z, 0, 2);
+        if (gt(std::abs(z), A) || (eq(z, A) && lt(2 * x, y)) || (eq(z, -A) && lt(y, 0)))
+            return shorten(B, A, z, x, y, 0, 1);
         const double sum = x + y + z + A + B;
         if (!lt(sum, 0) && !(eq(sum, 0) && gt(2 * A + 2 * y + z, 0))) return false;
-        times({{{1, 0, 1}, {0, 1, 1}, {0, 0, 1}}});
+        T *= Eigen::Matrix3i{{1, 0, 1}, {0, 1, 1}, {0, 0, 1}};
         C = A + B + C + x + y + z;
         x = 2 * B + x + z;
         y = 2 * A + y + z;
+        return true;
+    }
+
+    /// Shortens a vector by another one, whose square is `by`: `product` is that of the two, `other` that of
+    /// the first and the third vector, `third` that of the other two.
+    bool shorten(double& square, double by, double& product, double& other, double third, int row,
+                 int column) {
+        const int g = product > 0.0 ? 1 : -1;
+        Eigen::Matrix3i m = Eigen::Matrix3i::Identity();
+        m(row, column) = -g;
+        T *= m;
+        square = by + square - g * product;
+        other -= g * third;
+        product -= g * 2 * by;
         return true;
     }
 
@@ -128,7 +114,7 @@ private:
         }
         if (!allPositive && sign[0] * sign[1] * sign[2] < 0 && last >= 0)
             sign[static_cast<std::size_t>(last)] = -1;
-        times({{{sign[0], 0, 0}, {0, sign[1], 0}, {0, 0, sign[2]}}});
+        T *= Eigen::Vector3i(sign.data()).asDiagonal();
     }
 
     void narrate() {
@@ -143,29 +129,15 @@ private:
 
     Six s;
     std::ostringstream m_text;
-    IntMatrix T = {{{1, 0, 0}, {0, 1, 0}, {0, 0, 1}}};
+    Eigen::Matrix3i T = Eigen::Matrix3i::Identity();
     static constexpr double e = 1e-5;
 };
 
-Matrix baseOf(const UnitCell& cell) {
-    Matrix m;
-    cell.getOrientationMatrix(reinterpret_cast<double(*)[3]>(m.data()));
-    return m;
-}
-
 /// The integer matrix that leads from one base to another of the same lattice.
-IntMatrix matrixBetween(const UnitCell& from, const UnitCell& to) {
-    const Matrix base = baseOf(from), target = baseOf(to);
-    Matrix inverse, product;
-    EXPECT_TRUE(BasicMath::Invert(raw(base), reinterpret_cast<double(*)[3]>(inverse.data())));
-    BasicMath::MatrixProduct(raw(inverse), raw(target), reinterpret_cast<double(*)[3]>(product.data()));
-    IntMatrix out;
-    for (std::size_t i = 0; i < 3; ++i)
-        for (std::size_t j = 0; j < 3; ++j) {
-            out[i][j] = static_cast<int>(std::lround(product[i][j]));
-            EXPECT_NEAR(product[i][j], out[i][j], 1e-6);
-        }
-    return out;
+Eigen::Matrix3i matrixBetween(const UnitCell& from, const UnitCell& to) {
+    const Eigen::Matrix3d product = baseOf(from).inverse() * baseOf(to);
+    EXPECT_LT(fractionOf(product), 1e-6);
+    return product.array().round().cast<int>();
 }
 
 /// That one base leads to another of the same lattice and handedness.
@@ -241,7 +213,7 @@ TEST_F(NiggliReductionTest, FollowsTheStatedStepsWhereTheyEnd) {
         UnitCell cell(input);
         m_narration.str("");
         NiggliReduction::niggliReduction(&cell, 0);
-        const IntMatrix T = matrixBetween(input, cell);
+        const Eigen::Matrix3i T = matrixBetween(input, cell);
         expectSameDeterminant(input, cell);
         PlainSteps plain(input);
         const auto result = plain.run(1000);
@@ -308,13 +280,11 @@ TEST_F(NiggliReductionTest, SkewBasesLoseNoAccuracy) {
 
 /// How much shorter, relatively, an edge could be: 0 for a reduced cell.
 double excessOf(const UnitCell& cell) {
-    const Matrix base = baseOf(cell);
+    const Eigen::Matrix3d base = baseOf(cell);
     double excess = 0.0;
     for (int n = 0; n < 125; ++n) {
-        const int hkl[3] = {n / 25 - 2, n / 5 % 5 - 2, n % 5 - 2};
-        double squared = 0.0;
-        for (const auto& row : base)
-            squared += std::pow(row[0] * hkl[0] + row[1] * hkl[1] + row[2] * hkl[2], 2);
+        const Eigen::Vector3i hkl(n / 25 - 2, n / 5 % 5 - 2, n % 5 - 2);
+        const double squared = (base * hkl.cast<double>()).squaredNorm();
         const double edges[3] = {cell.getA(), cell.getB(), cell.getC()};
         for (int i = 0; i < 3; ++i)
             if (std::abs(hkl[i]) == 1) excess = std::max(excess, edges[i] / squared - 1.0);

@@ -2,13 +2,17 @@
 /// Random lattices of a given Bravais type, random bases of them and noise.
 #pragma once
 
+#include <Eigen/LU>
 #include <array>
 #include <cmath>
 #include <random>
 
 #include "crystallography/BasicMath.h"
 #include "crystallography/BravaisTypes.h"
+#include "crystallography/SpaceMath.h"
 #include "crystallography/UnitCell.h"
+#include "crystallography/detail/LatticeCharacterTable.h"
+#include "crystallography/detail/LatticeMetric.h"
 
 namespace testing_support {
 
@@ -22,22 +26,13 @@ inline auto raw(const IntMatrix& m) {
     return reinterpret_cast<const int(*)[3]>(m.data());
 }
 
-struct Parameters {
-    double a, b, c, alpha, beta, gamma;
-};
+using Parameters = SpaceDimensions;
 
 /// A direct cell with a along x and b in the plane of x and y.
 inline UnitCell cellOf(const Parameters& p, LATTICE::BravaisTypes type = LATTICE::aP, bool primitiv = true) {
-    const auto cosine = [](double degree) {
-        return std::cos(BasicMath::ConvertAngleFromDegreeToRadian(degree));
-    };
-    const double sinGamma = std::sin(BasicMath::ConvertAngleFromDegreeToRadian(p.gamma));
-    const double cx = cosine(p.beta);
-    const double cy = (cosine(p.alpha) - cosine(p.beta) * cosine(p.gamma)) / sinGamma;
-    const double a[3] = {p.a, 0.0, 0.0};
-    const double b[3] = {p.b * cosine(p.gamma), p.b * sinGamma, 0.0};
-    const double c[3] = {p.c * cx, p.c * cy, p.c * std::sqrt(1.0 - cx * cx - cy * cy)};
-    return UnitCell(a, b, c, 1.0, true, primitiv, type);
+    double base[3][3] = {};
+    SpaceMath::BaseVectors(p, base);
+    return UnitCell(base[0], base[1], base[2], 1.0, true, primitiv, type);
 }
 
 inline Parameters parametersOf(const UnitCell& cell) {
@@ -48,6 +43,35 @@ inline Parameters parametersOf(const UnitCell& cell) {
 template <typename... Types>
 bool isOneOf(LATTICE::BravaisTypes type, Types... types) {
     return ((type == types) || ...);
+}
+
+/// The vectors of a cell as columns.
+inline Eigen::Matrix3d baseOf(const UnitCell& cell) {
+    Eigen::Matrix3d base;
+    cell.getBase(base.col(0).data(), base.col(1).data(), base.col(2).data());
+    return base;
+}
+
+/// By how much the entry that is farthest from a whole number is off.
+inline double fractionOf(const Eigen::Matrix3d& matrix) {
+    return (matrix - Eigen::Matrix3d(matrix.array().round())).cwiseAbs().maxCoeff();
+}
+
+/// Whether a metric meets the conditions of a row, but for its form, within a relative tolerance.
+inline bool meets(const VRK::detail::CharacterRow& row, const VRK::detail::Metric& m, double tolerance) {
+    using namespace VRK::detail;
+    const auto isZero = [tolerance](double difference, double scale) {
+        return std::abs(difference) <= tolerance * scale;
+    };
+    const auto holds = [&](const DotCondition& condition, double value, double squares) {
+        return condition.isFree || isZero(value - condition.wanted(m), std::sqrt(squares));
+    };
+    const bool needsAB = row.edges == Edges::AllEqual || row.edges == Edges::ABEqual;
+    const bool needsBC = row.edges == Edges::AllEqual || row.edges == Edges::BCEqual;
+    return (!needsAB || isZero(m.A - m.B, m.B)) && (!needsBC || isZero(m.B - m.C, m.C)) &&
+           holds(row.D, m.D, m.B * m.C) && holds(row.E, m.E, m.A * m.C) && holds(row.F, m.F, m.A * m.B) &&
+           (row.sum == SumCondition::None ||
+            isZero(2.0 * std::abs(m.D + m.E + m.F) - (m.A + m.B), m.A + m.B + m.C));
 }
 
 class RandomLattice {

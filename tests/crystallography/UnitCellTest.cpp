@@ -18,14 +18,10 @@ TEST(BasicMathTest, InvertUndoesAnySoundMatrix) {
         const double scale = std::pow(10.0, random.uniform(-140.0, 140.0));
         double M[3][3], inverse[3][3], product[3][3];
         random.primitive(kAllBravaisTypes[static_cast<std::size_t>(n) % 14]).getOrientationMatrix(M);
-        for (auto& row : M)
-            for (double& x : row)
-                x *= scale;
+        Eigen::Map<Eigen::Matrix3d>(M[0]) *= scale;
         ASSERT_TRUE(BasicMath::Invert(M, inverse));
         BasicMath::MatrixProduct(M, inverse, product);
-        for (int i = 0; i < 3; ++i)
-            for (int j = 0; j < 3; ++j)
-                EXPECT_NEAR(product[i][j], i == j ? 1.0 : 0.0, 1e-12);
+        EXPECT_TRUE(Eigen::Map<Eigen::Matrix3d>(product[0]).isIdentity(1e-12));
     }
 }
 
@@ -56,10 +52,9 @@ TEST(UnitCellClassTest, ParametersAndVolume) {
         const Parameters p = {random.uniform(3, 30),   random.uniform(3, 30),   random.uniform(3, 30),
                               random.uniform(75, 105), random.uniform(75, 105), random.uniform(75, 105)};
         const UnitCell cell = cellOf(p);
-        EXPECT_NEAR(cell.getLengthOfB(), p.b, 1e-9);
-        EXPECT_NEAR(cell.getAlpha(), p.alpha, 1e-9);
-        EXPECT_NEAR(cell.getBeta(), p.beta, 1e-9);
-        EXPECT_NEAR(cell.getGamma(), p.gamma, 1e-9);
+        for (const auto number : {&Parameters::a, &Parameters::b, &Parameters::c, &Parameters::alpha,
+                                  &Parameters::beta, &Parameters::gamma})
+            EXPECT_NEAR(parametersOf(cell).*number, p.*number, 1e-9);
         EXPECT_EQ(cell.getVolume(), static_cast<int>(cell.getExactVolume()));
 
         Space space, dual;
@@ -104,17 +99,12 @@ TEST(UnitCellClassTest, VolumeIsTruncatedAndLimited) {
 TEST(UnitCellClassTest, TransformTakesColumns) {
     RandomLattice random(33);
     UnitCell cell = random.conventional(LATTICE::aP);
-    double a[3], b[3], c[3], newA[3], newC[3];
-    cell.getBase(a, b, c);
+    const Eigen::Matrix3d before = baseOf(cell);
     cell.setQualityIndex(1.0);
     const int M[3][3] = {{1, 0, 2}, {3, 1, 0}, {5, 0, 1}};
     cell.transform(M);
-    cell.get_a(newA);
-    cell.get_c(newC);
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_DOUBLE_EQ(newA[i], a[i] + 3 * b[i] + 5 * c[i]);
-        EXPECT_DOUBLE_EQ(newC[i], 2 * a[i] + c[i]);
-    }
+    const Eigen::Matrix3d columns = Eigen::Matrix3d{{1, 0, 2}, {3, 1, 0}, {5, 0, 1}};
+    EXPECT_LT((baseOf(cell) - before * columns).cwiseAbs().maxCoeff(), 1e-12);
     EXPECT_EQ(cell.getQualityIndex(), -1.0);
 }
 

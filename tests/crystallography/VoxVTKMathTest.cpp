@@ -3,33 +3,28 @@
 #include "support/Testing.h"
 
 #include <rapidcheck.h>
+#include <Eigen/LU>
 
 namespace {
 
-/// A square matrix with the row pointers that the routines take.
-class Rows {
-public:
-    explicit Rows(int n) : m_n(n), m_values(static_cast<std::size_t>(n * n)) {
-        for (int i = 0; i < n; ++i)
-            m_rows.push_back(&m_values[static_cast<std::size_t>(i * n)]);
-    }
-    double& operator()(int i, int j) { return m_rows[static_cast<std::size_t>(i)][j]; }
-    double* const* rows() { return m_rows.data(); }
-    int size() const { return m_n; }
+using Square = Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>;
+using Three = Eigen::Map<const Eigen::Matrix<double, 3, 3, Eigen::RowMajor>>;
 
-private:
-    int m_n;
-    std::vector<double> m_values;
-    std::vector<double*> m_rows;
-};
+/// The pointers to rows that the routines take.
+std::vector<double*> rowsOf(Square& matrix) {
+    std::vector<double*> rows;
+    for (Eigen::Index i = 0; i < matrix.rows(); ++i)
+        rows.push_back(matrix.row(i).data());
+    return rows;
+}
 
-Rows randomMatrix(int n, std::mt19937& random, bool symmetric) {
+Square randomMatrix(int n, std::mt19937& random) {
     std::normal_distribution<double> normal;
-    Rows matrix(n);
-    for (int i = 0; i < n; ++i)
-        for (int j = 0; j < n; ++j)
-            matrix(i, j) = symmetric && j < i ? matrix(j, i) : normal(random);
-    return matrix;
+    return Square::NullaryExpr(n, n, [&] { return normal(random); });
+}
+
+double largest(const Square& matrix) {
+    return matrix.cwiseAbs().maxCoeff();
 }
 
 }  // namespace
@@ -37,23 +32,13 @@ Rows randomMatrix(int n, std::mt19937& random, bool symmetric) {
 TEST(VoxVTKMath, EigenvectorsSatisfyTheirEquationInDescendingOrder) {
     std::mt19937 random(1);
     for (int n = 1; n <= 6; ++n) {
-        Rows a = randomMatrix(n, random, true);
-        Rows v(n);
-        std::vector<double> w(static_cast<std::size_t>(n));
-        ASSERT_TRUE(VoxVTKMath::JacobiN(a.rows(), n, w.data(), v.rows()));
-        for (int k = 0; k < n; ++k) {
-            const double value = w[static_cast<std::size_t>(k)];
-            EXPECT_LE(value, w[static_cast<std::size_t>(std::max(k - 1, 0))]);
-            double length = 0.0;
-            for (int i = 0; i < n; ++i) {
-                double product = 0.0;
-                for (int j = 0; j < n; ++j)
-                    product += a(i, j) * v(j, k);
-                EXPECT_NEAR(product, value * v(i, k), 1e-12);
-                length += v(i, k) * v(i, k);
-            }
-            EXPECT_NEAR(length, 1.0, 1e-12);
-        }
+        Square a = randomMatrix(n, random), v(n, n);
+        a += a.transpose().eval();
+        Eigen::VectorXd w(n);
+        ASSERT_TRUE(VoxVTKMath::JacobiN(rowsOf(a).data(), n, w.data(), rowsOf(v).data()));
+        EXPECT_TRUE(std::is_sorted(w.data(), w.data() + n, std::greater<>()));
+        EXPECT_LT(largest(a * v - v * w.asDiagonal()), 1e-12);
+        EXPECT_LT(largest(v.colwise().squaredNorm().array() - 1.0), 1e-12);
     }
 }
 
@@ -67,62 +52,44 @@ TEST(VoxVTKMath, SingularValuesRebuildTheMatrixWithRotations) {
         RC_ASSERT(VoxVTKMath::SingularValueDecomposition3x3(a, u, w, vt));
         RC_ASSERT(std::abs(VoxVTKMath::Determinant3x3(u) - 1.0) < 1e-9);
         RC_ASSERT(std::abs(VoxVTKMath::Determinant3x3(vt) - 1.0) < 1e-9);
-        for (int i = 0; i < 3; ++i)
-            for (int j = 0; j < 3; ++j) {
-                double sum = 0.0;
-                for (int k = 0; k < 3; ++k)
-                    sum += u[i][k] * w[k] * vt[k][j];
-                RC_ASSERT(std::abs(sum - a[i][j]) < 1e-9);
-            }
+        const Eigen::Vector3d values(w);
+        RC_ASSERT(largest(Three(u[0]) * values.asDiagonal() * Three(vt[0]) - Three(a[0])) < 1e-9);
     }));
 }
 
 TEST(VoxVTKMath, SolvesAndInvertsRegularSystemsOnly) {
     std::mt19937 random(2);
     for (int n = 1; n <= 5; ++n) {
-        Rows a = randomMatrix(n, random, false);
-        Rows inverse(n);
-        ASSERT_TRUE(VoxVTKMath::InvertMatrix(a.rows(), inverse.rows(), n));
-        std::vector<double> x(static_cast<std::size_t>(n));
-        for (int i = 0; i < n; ++i)
-            for (int j = 0; j < n; ++j)
-                x[static_cast<std::size_t>(i)] += a(i, j) * (j + 1.0);
-        ASSERT_TRUE(VoxVTKMath::SolveLinearSystem(a.rows(), x.data(), n));
-        for (int i = 0; i < n; ++i) {
-            EXPECT_NEAR(x[static_cast<std::size_t>(i)], i + 1.0, 1e-9);
-            double diagonal = 0.0;
-            for (int j = 0; j < n; ++j)
-                diagonal += a(i, j) * inverse(j, i);
-            EXPECT_NEAR(diagonal, 1.0, 1e-9);
-        }
+        Square a = randomMatrix(n, random), inverse(n, n);
+        ASSERT_TRUE(VoxVTKMath::InvertMatrix(rowsOf(a).data(), rowsOf(inverse).data(), n));
+        EXPECT_LT(largest(a * inverse - Square::Identity(n, n)), 1e-9);
+        const Eigen::VectorXd expected = Eigen::VectorXd::LinSpaced(n, 1.0, n);
+        Eigen::VectorXd x = a * expected;
+        ASSERT_TRUE(VoxVTKMath::SolveLinearSystem(rowsOf(a).data(), x.data(), n));
+        EXPECT_LT(largest(x - expected), 1e-9);
     }
 
-    Rows singular(2);
-    singular(0, 0) = singular(0, 1) = singular(1, 0) = singular(1, 1) = 2.0;
+    Square singular = Square::Constant(2, 2, 2.0), out(2, 2);
     double x[2] = {3.0, 4.0};
-    Rows out(2);
-    EXPECT_FALSE(VoxVTKMath::SolveLinearSystem(singular.rows(), x, 2));
-    EXPECT_FALSE(VoxVTKMath::InvertMatrix(singular.rows(), out.rows(), 2));
+    EXPECT_FALSE(VoxVTKMath::SolveLinearSystem(rowsOf(singular).data(), x, 2));
+    EXPECT_FALSE(VoxVTKMath::InvertMatrix(rowsOf(singular).data(), rowsOf(out).data(), 2));
     EXPECT_EQ(x[0], 3.0);
     singular(0, 0) = std::numeric_limits<double>::quiet_NaN();
     double w[2];
-    EXPECT_FALSE(VoxVTKMath::JacobiN(singular.rows(), 2, w, out.rows()));
+    EXPECT_FALSE(VoxVTKMath::JacobiN(rowsOf(singular).data(), 2, w, rowsOf(out).data()));
 }
 
 TEST(VoxVTKMath, LeastSquaresFitsALine) {
-    const double rows[4][2] = {{1, 0}, {1, 1}, {1, 2}, {1, 3}};
-    const double* const pointers[4] = {rows[0], rows[1], rows[2], rows[3]};
+    Square line{{1, 0}, {1, 1}, {1, 2}, {1, 3}}, equal = Square::Ones(4, 2);
     const double b[4] = {1.0, 3.0, 5.0, 11.0};
     double x[2];
-    ASSERT_TRUE(VoxVTKMath::SolveLeastSquares(4, 2, pointers, b, x));
+    ASSERT_TRUE(VoxVTKMath::SolveLeastSquares(4, 2, rowsOf(line).data(), b, x));
     EXPECT_NEAR(x[0], 0.2, 1e-12);
     EXPECT_NEAR(x[1], 3.2, 1e-12);
-    EXPECT_FALSE(VoxVTKMath::SolveLeastSquares(1, 2, pointers, b, x));
+    EXPECT_FALSE(VoxVTKMath::SolveLeastSquares(1, 2, rowsOf(line).data(), b, x));
 
     // Equal columns share what either of them could do.
-    const double same[2] = {1, 1};
-    const double* const equal[4] = {same, same, same, same};
-    ASSERT_TRUE(VoxVTKMath::SolveLeastSquares(4, 2, equal, b, x));
+    ASSERT_TRUE(VoxVTKMath::SolveLeastSquares(4, 2, rowsOf(equal).data(), b, x));
     EXPECT_NEAR(x[0], 2.5, 1e-12);
     EXPECT_NEAR(x[1], 2.5, 1e-12);
 }

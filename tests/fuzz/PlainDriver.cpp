@@ -1,6 +1,6 @@
 // Runs a fuzz target without libFuzzer: every file of its corpus, then changed ones. The changes are random
 // numbers of a seed, so the same call runs the same inputs. Options are named as libFuzzer's:
-//   fuzz_TARGET [-runs=N] [-seed=N] [-max_len=N] [-dict=FILE] [-artifact_prefix=PATH] FILE|FOLDER...
+//   fuzz_TARGET [-runs=N] [-seed=N] [-dict=FILE] [-artifact_prefix=PATH] FILE|FOLDER...
 // The input in hand lies in the file PATHinput, which stays when the target fails.
 #include <fcntl.h>
 #include <unistd.h>
@@ -9,7 +9,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -26,7 +25,6 @@ namespace {
 struct Options {
     long runs = 0;
     std::uint64_t seed = 1;
-    std::size_t longest = 4096;
     std::string prefix = "./";
     std::vector<std::string> words;
     std::vector<std::string> corpus;
@@ -47,13 +45,12 @@ std::vector<std::string> wordsOf(const std::string& path) {
         if (line.starts_with('#') || begin == end) continue;
         std::string word;
         for (std::size_t i = begin + 1; i < end; ++i) {
-            if (line[i] != '\\')
-                word += line[i];
-            else if (line[++i] == 'x') {
-                word += static_cast<char>(std::stoi(line.substr(i + 1, 2), nullptr, 16));
+            char sign = line[i];
+            if (sign == '\\' && (sign = line[++i]) == 'x') {
+                sign = static_cast<char>(std::stoi(line.substr(i + 1, 2), nullptr, 16));
                 i += 2;
-            } else
-                word += line[i];
+            }
+            word += sign;
         }
         words.push_back(word);
     }
@@ -70,20 +67,16 @@ Options optionsOf(int count, char** arguments) {
             options.runs = std::stol(value);
         else if (argument.starts_with("-seed="))
             options.seed = std::stoull(value);
-        else if (argument.starts_with("-max_len="))
-            options.longest = std::stoul(value);
         else if (argument.starts_with("-dict="))
             options.words = wordsOf(value);
         else if (argument.starts_with("-artifact_prefix="))
             options.prefix = value;
         else if (argument.starts_with('-'))
             throw std::runtime_error(std::string(argument) + " is no option here");
-        else if (!std::filesystem::is_directory(argument))
-            options.corpus.push_back(contentOf(argument));
         else {
-            std::vector<std::filesystem::path> files;
-            for (const auto& entry : std::filesystem::directory_iterator(argument))
-                files.push_back(entry.path());
+            std::vector<std::filesystem::path> files{argument};
+            if (std::filesystem::is_directory(argument))
+                files.assign(std::filesystem::directory_iterator(argument), {});
             std::ranges::sort(files);
             std::ranges::transform(files, std::back_inserter(options.corpus), contentOf);
         }
@@ -101,7 +94,7 @@ public:
         std::string input = m_options.corpus[below(m_options.corpus.size())];
         for (std::size_t changes = 1 + below(6); changes > 0; --changes)
             change(input);
-        input.resize(std::min(input.size(), m_options.longest));
+        input.resize(std::min(input.size(), std::size_t{4096}));
         return input;
     }
 
@@ -175,29 +168,22 @@ public:
         const auto size = static_cast<off_t>(input.size());
         if (ftruncate(m_file, size) != 0 || pwrite(m_file, input.data(), input.size(), 0) != size)
             throw std::runtime_error(m_path + " cannot be written");
-        const std::clock_t start = std::clock();
         // A copy of its own size, beyond which no byte may be read.
         const std::vector<std::uint8_t> bytes(input.begin(), input.end());
         LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
-        const std::clock_t took = std::clock() - start;
-        m_slowest = std::max(m_slowest, took);
-        m_ticks += took;
         ++m_runs;
     }
 
     void finish() {
         close(m_file);
         std::filesystem::remove(m_path);
-        const auto seconds = [](std::clock_t ticks) { return static_cast<double>(ticks) / CLOCKS_PER_SEC; };
-        std::printf("fuzz: %ld runs, %.0f a second, slowest %.3f s\n", m_runs,
-                    static_cast<double>(m_runs) / std::max(seconds(m_ticks), 1e-6), seconds(m_slowest));
+        std::printf("fuzz: %ld runs\n", m_runs);
     }
 
 private:
     std::string m_path;
     int m_file;
     long m_runs = 0;
-    std::clock_t m_slowest = 0, m_ticks = 0;  // of the processor
 };
 
 }  // namespace

@@ -36,9 +36,7 @@ FUZZ_TARGET(bytes) {
         base.col(to) += numbers.whole(-9, 9) * base.col((to + numbers.whole(1, 2)) % 3);
     }
     UnitCell cell(base.col(0).data(), base.col(1).data(), base.col(2).data(), 1.0, true, true, LATTICE::aP);
-    if (cell.isDegenerate() || cell.getLengthOfA() > 1e6 || cell.getLengthOfB() > 1e6 ||
-        cell.getLengthOfC() > 1e6)
-        return;
+    if (cell.isDegenerate() || base.colwise().norm().maxCoeff() > 1e6) return;
     NiggliReduction::setNarration(nullptr);
     const double volume = cell.getExactVolume();
     fuzz::expect(NiggliReduction::niggliReduction(&cell, 0), "a cell can be reduced");
@@ -48,16 +46,12 @@ FUZZ_TARGET(bytes) {
     fuzz::expect(std::abs(cell.getExactVolume() - volume) <= 1e-3 * volume, "reduction keeps the volume");
 
     // Metric values are compared to 1e-5, and multiples of a short vector have no more digits than a number.
-    const auto [least, most] = std::minmax({cell.getLengthOfA(), cell.getLengthOfB(), cell.getLengthOfC()});
-    if (least < 0.1 || most > 1e7 * least) return;
+    const Eigen::RowVector3d edges = reducedBase.colwise().norm();
+    if (edges.minCoeff() < 0.1 || edges.maxCoeff() > 1e7 * edges.minCoeff()) return;
     UnitCell again = cell;
     NiggliReduction::niggliReduction(&again, 0);
-    const std::array<double, 3> edges = {cell.getLengthOfA(), cell.getLengthOfB(), cell.getLengthOfC()};
-    const std::array<double, 3> edgesAgain = {again.getLengthOfA(), again.getLengthOfB(),
-                                              again.getLengthOfC()};
-    for (std::size_t i = 0; i < 3; ++i)
-        fuzz::expect(std::abs(edges[i] - edgesAgain[i]) <= 1e-4 * (1.0 + edges[i]),
-                     "reducing twice changes no edge");
+    const Eigen::RowVector3d off = baseOf(again).colwise().norm() - edges;
+    fuzz::expect((off.array().abs() <= 1e-4 * (1.0 + edges.array())).all(), "reducing twice changes no edge");
 
     const Matrix3d shortest = vrk::reduced(base);
     fuzz::expect(spanTheSame(base, shortest), "the shortest vectors are those of the lattice");

@@ -5,6 +5,7 @@
 
 #include "FuzzInput.h"
 #include "crystallography/LatticeSymmetry.h"
+#include "crystallography/SpaceMath.h"
 #include "crystallography/UnitCell.h"
 #include "pipeline/integration/LaueGroup.h"
 #include "pipeline/latticesearch/Lattice.h"
@@ -17,19 +18,12 @@ static void expectGroup(const vrk::LaueRotations& rotations) {
     constexpr std::array<std::size_t, 7> kOrders = {1, 2, 4, 6, 8, 12, 24};
     fuzz::expect(std::ranges::find(kOrders, rotations.size()) != kOrders.end(),
                  "a lattice has a known order");
-    const auto has = [&](const vrk::IndexRotation& one) {
-        return std::ranges::find(rotations, one) != rotations.end();
-    };
     for (const vrk::IndexRotation& a : rotations)
         for (const vrk::IndexRotation& b : rotations) {
-            vrk::IndexRotation product{};
-            for (std::size_t i = 0; i < 3; ++i)
-                for (std::size_t j = 0; j < 3; ++j) {
-                    product.matrix[i][j] = 0;
-                    for (std::size_t k = 0; k < 3; ++k)
-                        product.matrix[i][j] += a.matrix[i][k] * b.matrix[k][j];
-                }
-            fuzz::expect(has(product), "two rotations after each other are one of them");
+            const Eigen::Matrix3d product = matrixOf(a) * matrixOf(b);
+            const auto isIt = [&](const vrk::IndexRotation& one) { return matrixOf(one) == product; };
+            fuzz::expect(std::ranges::any_of(rotations, isIt),
+                         "two rotations after each other are one of them");
         }
 }
 
@@ -51,11 +45,8 @@ FUZZ_TARGET(bytes) {
     fuzz::expect(!fits.empty(), "every lattice is triclinic at least");
     bool isTriclinic = false;
     for (const LatticeCharacter& fit : fits) {
-        Eigen::Matrix3d map;
-        for (int i = 0; i < 3; ++i)
-            for (int j = 0; j < 3; ++j)
-                map(i, j) = fit.toConventional[i][j];
-        fuzz::expect(std::lround(map.determinant()) == latticePoints(fit.centring),
+        const Eigen::Map<const Eigen::Matrix3i> map(&fit.toConventional[0][0]);
+        fuzz::expect(std::lround(map.cast<double>().determinant()) == latticePoints(fit.centring),
                      "a conventional cell has the points of its centring");
         fuzz::expect(fit.number >= 1 && fit.number <= 44, "there are 44 characters");
         fuzz::expect(fit.qualityIndex >= 0.0 && fit.qualityIndex <= tolerances.angle * 1.000001 &&
@@ -66,12 +57,9 @@ FUZZ_TARGET(bytes) {
     fuzz::expect(isTriclinic, "the triclinic character always fits");
     // The rotations of the cell as its type has it.
     const CellParameters& p = fits.front().symmetrised;
-    const double radian = std::acos(-1.0) / 180.0;
-    const double cx = std::cos(p.beta * radian), singamma = std::sin(p.gamma * radian);
-    const double cy = (std::cos(p.alpha * radian) - cx * std::cos(p.gamma * radian)) / singamma;
-    Eigen::Matrix3d direct;
-    direct << p.a, p.b * std::cos(p.gamma * radian), p.c * cx, 0.0, p.b * singamma, p.c * cy, 0.0, 0.0,
-        p.c * std::sqrt(std::max(0.0, 1.0 - cx * cx - cy * cy));
+    double vectors[3][3];
+    if (!SpaceMath::BaseVectors({p.a, p.b, p.c, p.alpha, p.beta, p.gamma}, vectors)) return;
+    const Eigen::Matrix3d direct = Eigen::Map<const Eigen::Matrix3d>(&vectors[0][0]);
     if (longest < 1e3 * shortest && std::abs(direct.determinant()) > 1e-3 * p.a * p.b * p.c)
         expectGroup(vrk::latticeRotations(direct.inverse().transpose(), fits.front().centring));
 }

@@ -66,10 +66,7 @@ TEST(InstrumentRefinement, RecoversWhatTheDataDetermine) {
         const double off = std::abs(found.model[term] - value);
         EXPECT_LT(off, within) << found.model[term];
         EXPECT_LT(off, 4.0 * found.sigma[static_cast<std::size_t>(term)]);
-        for (std::size_t i = 0; i < 3; ++i) {
-            EXPECT_NEAR(found.lattice.cell[i], cell[i], 1e-3 * cell[i]);
-            EXPECT_NEAR(found.lattice.cell[i + 3], cell[i + 3], 0.03);
-        }
+        expectCell(found.lattice.cell, cell, 1e-3, 0.03);
         EXPECT_GT(found.lattice.fraction(), 0.99);
         EXPECT_LT(found.lattice.rms, 0.75);
         addTo(soFar, found);
@@ -121,10 +118,7 @@ TEST(InstrumentRefinement, KnownShapesTellAnEllipseOfAnyCrystalAndKnownTermsStay
         EXPECT_FALSE(kept.uses(term));
     }
     const vrk::RefinedInstrument unaware = stretched.refined({});
-    for (std::size_t i = 0; i < 3; ++i) {
-        EXPECT_NEAR(kept.lattice.cell[i], kTriclinic[i], 5e-4 * kTriclinic[i]);
-        EXPECT_NEAR(kept.lattice.cell[i + 3], kTriclinic[i + 3], 0.05);
-    }
+    expectCell(kept.lattice.cell, kTriclinic, 5e-4, 0.05);
     // An ellipse that nobody knows turns the axis.
     EXPECT_GT(std::abs(unaware.model[AxisTurn]), 10.0 * unaware.axisTurnSigma);
     EXPECT_LT(std::abs(unaware.model[AxisTurn]), 2.0 * unaware.axisSigma);
@@ -153,16 +147,14 @@ TEST(InstrumentRefinement, RefinesOfAnEllipseWhatTheTiesTell) {
 
 TEST(InstrumentRefinement, LeavesOutWhatANarrowWedgeCannotTellFromTheCell) {
     for (unsigned seed = 1; seed <= 8; ++seed) {
+        SCOPED_TRACE(seed);
         const Recorded data(
             kTriclinic, {},
             {.noise = 0.15, .seed = seed, .tiltFirst = -17, .tiltLast = 3, .share = 0.8, .step = 1});
         const vrk::RefinedInstrument found = data.refined({});
         ASSERT_TRUE(found.valid);
         EXPECT_FALSE(found.uses(vrk::InstrumentTerm::TiltScale)) << seed;
-        for (std::size_t i = 0; i < 3; ++i) {
-            EXPECT_NEAR(found.lattice.cell[i], kTriclinic[i], 0.01 * kTriclinic[i]) << seed;
-            EXPECT_NEAR(found.lattice.cell[i + 3], kTriclinic[i + 3], 1) << seed;
-        }
+        expectCell(found.lattice.cell, kTriclinic, 0.01, 1);
     }
 }
 

@@ -310,22 +310,18 @@ TEST(MergingTest, ccHalfIsThatOfRandomHalves) {
     std::normal_distribution<double> normal;
     std::exponential_distribution<double> wilson(1.0 / 100);
     std::vector<Observation> list;
-    double x = 0, y = 0, xx = 0, yy = 0, xy = 0;
     constexpr int kCount = 4000;
+    Eigen::ArrayXd first(kCount), second(kCount);
     for (int i = 1; i <= kCount; ++i) {
         const double truth = wilson(random);
-        std::array<double, 2> values{};
         for (const int sign : {1, -1}) {
             list.push_back({{sign * i, 0, 0}, truth + 80 * normal(random), 80, 2});
-            values[sign > 0 ? 0 : 1] = list.back().intensity;
+            (sign > 0 ? first : second)[i - 1] = list.back().intensity;
         }
-        x += values[0] / kCount;
-        y += values[1] / kCount;
-        xx += values[0] * values[0] / kCount;
-        yy += values[1] * values[1] / kCount;
-        xy += values[0] * values[1] / kCount;
     }
-    const double halves = (xy - x * y) / std::sqrt((xx - x * x) * (yy - y * y));
+    first -= first.mean();
+    second -= second.mean();
+    const double halves = (first * second).sum() / std::sqrt(first.square().sum() * second.square().sum());
     const MergingStatistics statistics =
         mergingStatistics(list, {IndexRotation()}, reciprocalOf({10, 10, 10, 90, 90, 90}), 'P', 2);
     EXPECT_NEAR(statistics.overall.ccHalf, halves, 0.02);

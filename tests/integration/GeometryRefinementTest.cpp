@@ -217,15 +217,11 @@ TEST(GeometryRefinementTest, correctsSingleTiltsAndNamesOutliers) {
     const GeometryFit fit = refineGeometry(plain, rocking, seen.prediction, seen.measured, seen.centroids);
     ASSERT_FALSE(fit.terms.empty());
     EXPECT_EQ(fit.terms.back(), "tilts");
-    double sum = 0, squares = 0;
-    for (std::size_t f = 0; f < truth.frames.size(); ++f) {
-        const double difference = (fit.geometry.frames[f].tilt - truth.frames[f].tilt) / kDegree;
-        sum += difference;
-        squares += difference * difference;
-    }
-    const double count = static_cast<double>(truth.frames.size());
+    Eigen::ArrayXd off(std::ssize(truth.frames));
+    for (std::size_t f = 0; f < truth.frames.size(); ++f)
+        off[static_cast<Eigen::Index>(f)] = (fit.geometry.frames[f].tilt - truth.frames[f].tilt) / kDegree;
     // A common offset is a turn of the crystal.
-    EXPECT_LT(std::sqrt(squares / count - sum * sum / (count * count)), 0.02);
+    EXPECT_LT(std::sqrt((off - off.mean()).square().mean()), 0.02);
     SoFar soFar;
     soFar.addAll(fit.tiltSigma);
     soFar.addAll(fit.cell);

@@ -70,6 +70,11 @@ Agreement agreementOf(const IntegrationResult& result, const SimulatedInput& sim
     return agreement;
 }
 
+void expectCell(const GeometryFit& fit, const SeriesGeometry& truth, double sigmas) {
+    for (std::size_t i = 0; i < 6; ++i)
+        EXPECT_NEAR(fit.cell[i], truth.cell()[i], sigmas * fit.cellSigma[i] + 1e-9) << "parameter " << i;
+}
+
 double soFar(const IntegrationResult& result) {
     SoFar numbers;
     for (const IntegratedReflection& r : result.reflections)
@@ -129,9 +134,7 @@ TEST(IntegrationTest, measuresTheTrueIntensities) {
         EXPECT_NEAR(result.extent.sigma, settings.spotWidth, 0.03);
         EXPECT_NEAR(result.noise.gain, settings.detector.noise * settings.detector.noise,
                     0.06 * settings.detector.noise * settings.detector.noise);
-        const std::array<double, 6> cell = simulated.truth.cell();
-        for (std::size_t i = 0; i < 6; ++i)
-            EXPECT_NEAR(result.fit.cell[i], cell[i], 3.5 * result.fit.cellSigma[i] + 1e-9);
+        expectCell(result.fit, simulated.truth, 3.5);
         const Agreement agreement = agreementOf(result, simulated);
         EXPECT_GT(agreement.reflections, 1000);
         EXPECT_LT(agreement.rFactor, rFactor);
@@ -207,9 +210,7 @@ TEST(IntegrationTest, refinesWhatTheStartDoesNotKnowForGood) {
     options.terms = {"stretch", "shear"};
     const IntegrationResult result = integrate(simulated.input, options);
     EXPECT_EQ(result.fit.terms, options.terms);
-    const std::array<double, 6> cell = simulated.truth.cell();
-    for (std::size_t i = 0; i < 6; ++i)
-        EXPECT_NEAR(result.fit.cell[i], cell[i], 3 * result.fit.cellSigma[i] + 1e-9);
+    expectCell(result.fit, simulated.truth, 3);
     EXPECT_NEAR(result.fit.geometry.distortion.stretch, 0.014 * std::cos(twice),
                 3 * result.fit.sigma(FrameView::Stretch));
     EXPECT_NEAR(result.fit.geometry.distortion.shear, -0.014 * std::sin(twice),

@@ -30,22 +30,24 @@ struct Picture {
         std::mt19937 random(seed);
         geometry.frames = {{0, 0.01, 80, 80}};
         prediction.frameStart = {0, static_cast<std::uint32_t>(prediction.spots.size())};
-        for (int y = 0; y < kSize; ++y)
-            for (int x = 0; x < kSize; ++x) {
-                double mean = background;
-                for (std::size_t i = 0; i < truth.size(); ++i) {
-                    const double dx = x - static_cast<double>(prediction.spots[i].x);
-                    const double dy = y - static_cast<double>(prediction.spots[i].y);
-                    if (std::hypot(dx, dy) > 8) continue;
-                    const auto lobe = [](double u, double v) {
-                        return std::exp(-(u * u + v * v) / 2) / (2 * std::numbers::pi);
-                    };
-                    mean += truth[i] * (0.7 * lobe(dx - 0.6, dy) + 0.3 * lobe(dx + 1.4, dy - 0.5));
-                }
-                pixels[static_cast<std::size_t>(y * kSize + x)] =
-                    static_cast<short>(std::poisson_distribution<int>(mean)(random));
+        forEachPixel(kSize, kSize, [&](int x, int y) {
+            double mean = background;
+            for (std::size_t i = 0; i < truth.size(); ++i) {
+                const double dx = x - static_cast<double>(prediction.spots[i].x);
+                const double dy = y - static_cast<double>(prediction.spots[i].y);
+                if (std::hypot(dx, dy) > 8) continue;
+                const auto lobe = [](double u, double v) {
+                    return std::exp(-(u * u + v * v) / 2) / (2 * std::numbers::pi);
+                };
+                mean += truth[i] * (0.7 * lobe(dx - 0.6, dy) + 0.3 * lobe(dx + 1.4, dy - 0.5));
             }
+            pixels[static_cast<std::size_t>(y * kSize + x)] =
+                static_cast<short>(std::poisson_distribution<int>(mean)(random));
+        });
         stack = {kSize, kSize, {pixels}, {}, 0};
+    }
+    std::vector<FittedSpot> fitted(const ProfileSet& profiles) const {
+        return fitProfiles(stack, geometry, shape, noise, profiles, prediction, measured(), truth);
     }
     std::vector<MeasuredSpot> measured() const {
         return SpotMeasurement(stack, geometry, shape, noise, extent).sums(prediction);
@@ -61,9 +63,9 @@ ProfileSet learned() {
     Picture picture;
     std::mt19937 random(3);
     std::uniform_real_distribution<double> shift(-3, 3);
-    for (int j = 0; j < 6; ++j)
-        for (int i = 0; i < 6; ++i)
-            picture.add(15 + 26 * i + shift(random), 15 + 26 * j + shift(random), 20000);
+    forEachPixel(6, 6, [&](int i, int j) {
+        picture.add(15 + 26 * i + shift(random), 15 + 26 * j + shift(random), 20000);
+    });
     picture.expose(5);
     return learnProfiles(picture.stack, picture.geometry, picture.shape, picture.noise, picture.extent,
                          picture.prediction, picture.measured());
@@ -75,13 +77,12 @@ TEST(SpotProfileTest, learnsTheShapeOfTheSpots) {
     std::vector<float> values(21 * 21);
     profiles.of(0).sample(10.3, 9.8, 0, 0, 21, 21, values);
     double sum = 0, x = 0, y = 0;
-    for (int j = 0; j < 21; ++j)
-        for (int i = 0; i < 21; ++i) {
-            const double value = values[static_cast<std::size_t>(21 * j + i)];
-            sum += value;
-            x += value * (i - 10.3);
-            y += value * (j - 9.8);
-        }
+    forEachPixel(21, 21, [&](int i, int j) {
+        const double value = values[static_cast<std::size_t>(21 * j + i)];
+        sum += value;
+        x += value * (i - 10.3);
+        y += value * (j - 9.8);
+    });
     EXPECT_NEAR(sum, 1, 0.01);
     EXPECT_NEAR(x, 0.7 * 0.6 - 0.3 * 1.4, 0.02);
     EXPECT_NEAR(y, 0.3 * 0.5, 0.02);
@@ -103,8 +104,7 @@ TEST(ProfileFitTest, fitsAloneAndOverlappedSpotsWithHonestErrors) {
         }
         picture.expose(100 + seed);
         const auto measured = picture.measured();
-        const auto fitted = fitProfiles(picture.stack, picture.geometry, picture.shape, picture.noise,
-                                        profiles, picture.prediction, measured, picture.truth);
+        const auto fitted = picture.fitted(profiles);
         for (std::size_t i = 0; i < fitted.size(); ++i) {
             ASSERT_GT(fitted[i].variance, 0);
             soFar.add(fitted[i].counts, fitted[i].variance, fitted[i].seen);
@@ -139,8 +139,7 @@ TEST(ProfileFitTest, leavesOutPixelsWithoutMeasurement) {
             at(x, y) = FrameStack::kMissing;
     picture.stack.frames = {picture.pixels};
     const auto measured = picture.measured();
-    const auto fitted = fitProfiles(picture.stack, picture.geometry, picture.shape, picture.noise, profiles,
-                                    picture.prediction, measured, picture.truth);
+    const auto fitted = picture.fitted(profiles);
     EXPECT_TRUE(measured[0].flags & kSpotMasked);
     EXPECT_NEAR(fitted[0].counts, 5000, 5 * std::sqrt(fitted[0].variance));
     EXPECT_LT(fitted[0].seen, 0.95);

@@ -2,10 +2,11 @@
 
 #include <Eigen/Geometry>
 
+#include "crystallography/SpaceMath.h"
+#include "latticesearch/SeenNodes.h"
 #include "pipeline/base/Angle.h"
 #include "pipeline/latticesearch/LatticeFit.h"
 #include "support/SoFar.h"
-#include "support/Testing.h"
 
 namespace {
 
@@ -31,13 +32,11 @@ Matrix3d randomBasis(std::mt19937& random, char centring) {
     std::uniform_real_distribution<double> edge(7.0, 15.0);
     std::uniform_real_distribution<double> angle(75.0, 105.0);
     std::normal_distribution<double> any;
-    const double degree = std::acos(-1.0) / 180.0;
-    const double ca = std::cos(angle(random) * degree), cb = std::cos(angle(random) * degree),
-                 cg = std::cos(angle(random) * degree), sg = std::sqrt(1.0 - cg * cg);
-    const double y = (ca - cb * cg) / sg;
-    Matrix3d cell;
-    cell << 1.0, cg, cb, 0.0, sg, y, 0.0, 0.0, std::sqrt(1.0 - cb * cb - y * y);
-    cell = cell * Vector3d(edge(random), edge(random), edge(random)).asDiagonal();
+    const double alpha = angle(random), beta = angle(random), gamma = angle(random);
+    const Vector3d edges(edge(random), edge(random), edge(random));
+    double vectors[3][3] = {};
+    SpaceMath::BaseVectors({edges[0], edges[1], edges[2], alpha, beta, gamma}, vectors);
+    Matrix3d cell = Eigen::Map<const Matrix3d>(vectors[0]);
     Matrix3d primitive = Matrix3d::Identity();
     if (centring == 'I') primitive << -0.5, 0.5, 0.5, 0.5, -0.5, 0.5, 0.5, 0.5, -0.5;
     if (centring == 'F') primitive << 0.0, 0.5, 0.5, 0.5, 0.0, 0.5, 0.5, 0.5, 0.0;
@@ -49,21 +48,10 @@ Matrix3d randomBasis(std::mt19937& random, char centring) {
 }
 
 Points pointsOf(const Crystal& crystal, std::mt19937& random) {
-    std::uniform_real_distribution<double> unit(0.0, 1.0);
     std::uniform_real_distribution<double> place(-kReach, kReach);
-    std::normal_distribution<double> noise(0.0, crystal.noise);
-    const Matrix3d inverse = crystal.basis.inverse();
     const auto inWedge = [](const Vector3d& p) { return std::abs(p[2]) > 1.7 * std::abs(p[0]); };
-    Points points;
-    Eigen::Array3i most;
-    for (int i = 0; i < 3; ++i)
-        most[i] = static_cast<int>(kReach * inverse.row(i).norm());
-    forEachIndex(most[0], most[1], most[2], [&](int h, int k, int l) {
-        const Vector3d p = crystal.basis * Vector3d(h, k, l);
-        const double seen = h % 2 == 0 ? crystal.seen : crystal.seenOddH;
-        if (p.norm() > kReach || p.norm() < 4.0 || inWedge(p) || unit(random) > seen) return;
-        points.push_back(p + Vector3d(noise(random), noise(random), noise(random)));
-    });
+    Points points = seenNodes(crystal.basis, {4.0, kReach, crystal.noise}, random,
+                              [&](int h, int, int) { return h % 2 == 0 ? crystal.seen : crystal.seenOddH; });
     auto wrong = static_cast<std::size_t>(crystal.outliers / (1.0 - crystal.outliers) *
                                           static_cast<double>(points.size()));
     while (wrong > 0) {
@@ -243,21 +231,14 @@ double tiltOf(const Vector3d& p) {
 /// place in the pattern.
 Points seen(const Matrix3d& basis, double share, const std::function<bool(double)>& isOff) {
     std::mt19937 random(2);
-    std::uniform_real_distribution<double> unit(0, 1);
-    std::normal_distribution<double> noise(0, 0.25);
     const Vector3d half = 0.5 * (basis.col(1) + basis.col(2));
-    Points points;
-    forEachIndex(9, 11, 11, [&](int h, int k, int l) {
-        Vector3d p = basis * Vector3d(h, k, l);
-        if (p.norm() > 80 || p.norm() < 5 || std::abs(p.z()) > 1.73 * std::abs(p.x())) return;
-        if (unit(random) > share) return;
+    Points points = seenNodes(basis, {5, 80, 0.25}, random, [share](int, int, int) { return share; });
+    for (Vector3d& p : points) {
         const double tilt = tiltOf(p) * vrk::kDegree;
-        const double along = std::copysign(std::hypot(p.x(), p.z()), p.x());
+        const double along = std::copysign(std::hypot(p.x(), p.z()), p.x()) + half.x();
         if (isOff(tilt / vrk::kDegree))
-            p = Vector3d((along + half.x()) * std::cos(tilt), p.y() + half.y(),
-                         (along + half.x()) * std::sin(tilt));
-        points.push_back(p + Vector3d(noise(random), noise(random), noise(random)));
-    });
+            p = Vector3d(along * std::cos(tilt), p.y() + half.y(), along * std::sin(tilt));
+    }
     return points;
 }
 

@@ -27,15 +27,16 @@ LatticeEvidence sound() {
 }
 
 TEST(Confidence, EachDoubtLowersItAndIsNamed) {
+    using enum Confidence;
+    using Known = LatticeEvidence;
     const auto shells = [](int found) {
-        return [found](LatticeEvidence& e) { e.completeness->shells.fill({40, found}); };
+        return [found](Known& e) { e.completeness->shells.fill({40, found}); };
     };
     const auto parity = [](int nodes, int found) {
-        return [=](LatticeEvidence& e) { e.completeness->parities[3] = {nodes, found}; };
+        return [=](Known& e) { e.completeness->parities[3] = {nodes, found}; };
     };
     const auto residual = [](double share) {
-        return
-            [share](LatticeEvidence& e) { std::tie(e.residual, e.relativeResidual) = std::pair(1.6, share); };
+        return [share](Known& e) { std::tie(e.residual, e.relativeResidual) = std::pair(1.6, share); };
     };
     const struct {
         const char* reason;
@@ -43,62 +44,55 @@ TEST(Confidence, EachDoubtLowersItAndIsNamed) {
         Confidence level;
         std::optional<Confidence> lattice = {};  ///< where it is not the level
     } cases[] = {
-        {"", [](LatticeEvidence&) {}, Confidence::High},
-        {"few reflections", [](LatticeEvidence& e) { e.score.evidence = 299; }, Confidence::Fair},
-        {"few reflections", [](LatticeEvidence& e) { e.score.evidence = 119; }, Confidence::Low},
-        {"59 % of the reflections lie near", [](LatticeEvidence& e) { e.score.indexed = 59; },
-         Confidence::Fair},
-        {"39 % of the reflections lie near", [](LatticeEvidence& e) { e.score.indexed = 39; },
-         Confidence::Low},
-        {"79 % of the reflections are indexed", [](LatticeEvidence& e) { e.indexedShare = 0.79; },
-         Confidence::Fair},
-        {"49 % of the reflections are indexed", [](LatticeEvidence& e) { e.indexedShare = 0.49; },
-         Confidence::Low},
-        {"were found where most were", shells(17), Confidence::Fair},
-        {"were found where most were", shells(9), Confidence::Low},
-        {"classes of nodes", parity(50, 20), Confidence::Fair},
-        {"classes of nodes", parity(50, 7), Confidence::Low},
-        {"", parity(24, 0), Confidence::High},
-        {"another lattice has 91 %", [](LatticeEvidence& e) { e.rivalEvidence = 0.91 * e.score.evidence; },
-         Confidence::Fair},
-        {"assumed", [](LatticeEvidence& e) { e.axisAssumed = true; }, Confidence::Fair},
-        {"in part", [](LatticeEvidence& e) { e.tiedUncertainty = 0.006; }, Confidence::Fair},
-        {"'vrk calibrate'", [](LatticeEvidence& e) { e.ellipseUnknown = true; }, Confidence::Low,
-         Confidence::Fair},
-        {"unless the frames are distorted by 0.7 %", [](LatticeEvidence& e) { e.ellipseUnproven = 0.007; },
-         Confidence::Fair},
-        {"", [](LatticeEvidence& e) { e.ellipseUnproven = 0.005; }, Confidence::High},
-        {"symmetry may be lower", [](LatticeEvidence& e) { e.tiesStrain = true; }, Confidence::Fair},
-        {"end at 5.1 Angstrom", [](LatticeEvidence& e) { e.finestSpacing = 5.1; }, Confidence::Fair},
-        {"", [](LatticeEvidence& e) { e.finestSpacing = 4.9; }, Confidence::High},
-        {"1.09 times the pixel size, which makes all edges shorter",
-         [](LatticeEvidence& e) { e.pixelFactor = 1.09; }, Confidence::Fair},
-        {"contradict", [](LatticeEvidence& e) { e.instrumentContradicted = true; }, Confidence::Fair},
-        {"narrow a range", [](LatticeEvidence& e) { e.thinness = 0.19; }, Confidence::Fair},
-        {"", [](LatticeEvidence& e) { e.thinness = 0.21; }, Confidence::High},
-        {"not known which part", [](LatticeEvidence& e) { e.completeness.reset(); }, Confidence::Fair},
-        {"positions alone", [](LatticeEvidence& e) { e.distortionUnseen = true; }, Confidence::Low},
-        {"reflections alone tell", [](LatticeEvidence& e) { e.spaceEstimated = true; }, Confidence::Fair},
-        {"", [](LatticeEvidence& e) { e.indexedShare.reset(); }, Confidence::High},
+        {"", [](LatticeEvidence&) {}, High},
+        {"few reflections", [](Known& e) { e.score.evidence = 299; }, Fair},
+        {"few reflections", [](Known& e) { e.score.evidence = 119; }, Low},
+        {"59 % of the reflections lie near", [](Known& e) { e.score.indexed = 59; }, Fair},
+        {"39 % of the reflections lie near", [](Known& e) { e.score.indexed = 39; }, Low},
+        {"79 % of the reflections are indexed", [](Known& e) { e.indexedShare = 0.79; }, Fair},
+        {"49 % of the reflections are indexed", [](Known& e) { e.indexedShare = 0.49; }, Low},
+        {"were found where most were", shells(17), Fair},
+        {"were found where most were", shells(9), Low},
+        {"classes of nodes", parity(50, 20), Fair},
+        {"classes of nodes", parity(50, 7), Low},
+        {"", parity(24, 0), High},
+        {"another lattice has 91 %", [](Known& e) { e.rivalEvidence = 0.91 * e.score.evidence; }, Fair},
+        {"assumed", [](Known& e) { e.axisAssumed = true; }, Fair},
+        {"in part", [](Known& e) { e.tiedUncertainty = 0.006; }, Fair},
+        {"'vrk calibrate'", [](Known& e) { e.ellipseUnknown = true; }, Low, Fair},
+        {"unless the frames are distorted by 0.7 %", [](Known& e) { e.ellipseUnproven = 0.007; }, Fair},
+        {"", [](Known& e) { e.ellipseUnproven = 0.005; }, High},
+        {"symmetry may be lower", [](Known& e) { e.tiesStrain = true; }, Fair},
+        {"end at 5.1 Angstrom", [](Known& e) { e.finestSpacing = 5.1; }, Fair},
+        {"", [](Known& e) { e.finestSpacing = 4.9; }, High},
+        {"1.09 times the pixel size, which makes all edges shorter", [](Known& e) { e.pixelFactor = 1.09; },
+         Fair},
+        {"contradict", [](Known& e) { e.instrumentContradicted = true; }, Fair},
+        {"narrow a range", [](Known& e) { e.thinness = 0.19; }, Fair},
+        {"", [](Known& e) { e.thinness = 0.21; }, High},
+        {"not known which part", [](Known& e) { e.completeness.reset(); }, Fair},
+        {"positions alone", [](Known& e) { e.distortionUnseen = true; }, Low},
+        {"reflections alone tell", [](Known& e) { e.spaceEstimated = true; }, Fair},
+        {"", [](Known& e) { e.indexedShare.reset(); }, High},
         {"another lattice (4 5 6) has 95 %",
-         [](LatticeEvidence& e) {
+         [](Known& e) {
              e.rivalEvidence = 0.95 * e.score.evidence;
              e.rival = "4 5 6";
          },
-         Confidence::Fair},
-        {"far off its nodes", residual(0.13), Confidence::Low},
-        {"", residual(0.11), Confidence::High},
-        {"determine its edges", [](LatticeEvidence& e) { e.edgeUncertainty = 0.0021; }, Confidence::Low},
-        {"distorted by 3 %", [](LatticeEvidence& e) { e.ellipse = 0.026; }, Confidence::Fair},
-        {"10 % smaller than stated", [](LatticeEvidence& e) { e.tiltScale = -0.1; }, Confidence::Fair},
+         Fair},
+        {"far off its nodes", residual(0.13), Low},
+        {"", residual(0.11), High},
+        {"determine its edges", [](Known& e) { e.edgeUncertainty = 0.0021; }, Low},
+        {"distorted by 3 %", [](Known& e) { e.ellipse = 0.026; }, Fair},
+        {"10 % smaller than stated", [](Known& e) { e.tiltScale = -0.1; }, Fair},
         // Half of the reflections are another crystal's.
         {"",
-         [](LatticeEvidence& e) {
+         [](Known& e) {
              e.score.indexed = 45;
              e.indexedShare = 0.5;
              e.elsewhere = 0.5;
          },
-         Confidence::High},
+         High},
     };
     for (const auto& one : cases) {
         LatticeEvidence known = sound();

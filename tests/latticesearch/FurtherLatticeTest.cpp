@@ -1,13 +1,12 @@
 // The lattice of a second crystal in the reflections that a first one leaves over.
 #include "pipeline/latticesearch/FurtherLattice.h"
 
-#include <Eigen/Geometry>
 #include <Eigen/LU>
 
+#include "latticesearch/SeenNodes.h"
 #include "pipeline/base/Angle.h"
 #include "pipeline/latticesearch/PointsOnNodes.h"
 #include "support/SoFar.h"
-#include "support/Testing.h"
 
 namespace {
 
@@ -29,13 +28,9 @@ Matrix3d turned(const Matrix3d& basis, double degrees) {
 
 /// A share of the nodes within 75 voxels, blurred, outside of a wedge.
 void add(Points& points, const Matrix3d& basis, double share, std::mt19937& random) {
-    std::uniform_real_distribution<double> unit(0, 1);
-    std::normal_distribution<double> noise(0, 0.3);
-    forEachIndex(9, 9, 9, [&](int h, int k, int l) {
-        const Vector3d p = basis * Vector3d(h, k, l);
-        if (p.norm() > 75 || p.norm() < 6 || std::abs(p.z()) > 1.7 * std::abs(p.x())) return;
-        if (unit(random) < share) points.push_back(p + Vector3d(noise(random), noise(random), noise(random)));
-    });
+    for (const Vector3d& point :
+         seenNodes(basis, {6, 75, 0.3}, random, [share](int, int, int) { return share; }))
+        points.push_back(point);
 }
 
 /// One point after the other, by the function that rounds.

@@ -31,6 +31,10 @@ Complex fourierSum(std::size_t count, Phase phase) {
     return sum;
 }
 
+Complex fourierSum(const std::vector<double>& places, double frequency) {
+    return fourierSum(places.size(), [&](std::size_t i) { return frequency * places[i]; });
+}
+
 template <typename Spectrum>
 std::vector<double> strongestFrequencies(double reach, std::size_t most, Spectrum spectrum) {
     if (reach < 2.0 * kLeastSpacing) return {};
@@ -78,52 +82,41 @@ double shiftPerLayer(const std::vector<double>& fractions, const std::vector<dou
     return best;
 }
 
-struct Row {
-    std::vector<double> places;
-    double h, k;
-};
+/// Places along the rows, by h and k.
+using Rows = std::map<std::pair<int, int>, std::vector<double>>;
 
-std::vector<Row> rowsOf(const Points& points, const Vector3d& origin, const Vector3d& directA,
-                        const Vector3d& directB, const Vector3d& direction) {
-    std::map<std::pair<int, int>, Row> rows;
+Rows rowsOf(const Points& points, const Vector3d& origin, const Vector3d& directA, const Vector3d& directB,
+            const Vector3d& direction) {
+    Rows rows;
     for (const Vector3d& point : points) {
         const Vector3d p = point - origin;
         const double h = std::round(directA.dot(p));
         const double k = std::round(directB.dot(p));
         if (std::abs(directA.dot(p) - h) > 0.2 || std::abs(directB.dot(p) - k) > 0.2) continue;
         if (std::max(std::abs(h), std::abs(k)) > kLargestRow) continue;
-        Row& row = rows[{static_cast<int>(h), static_cast<int>(k)}];
-        row.h = h;
-        row.k = k;
-        row.places.push_back(direction.dot(p));
+        rows[{static_cast<int>(h), static_cast<int>(k)}].push_back(direction.dot(p));
     }
-    std::vector<Row> result;
-    result.reserve(rows.size());
-    for (auto& [indices, row] : rows)
-        result.push_back(std::move(row));
-    return result;
+    return rows;
 }
 
-double coherence(const std::vector<Row>& rows, double frequency) {
+double coherence(const Rows& rows, double frequency) {
     double sum = 0.0;
     double pairs = 0.0;
-    for (const Row& row : rows) {
-        const auto n = static_cast<double>(row.places.size());
-        const Complex amplitude =
-            fourierSum(row.places.size(), [&](std::size_t i) { return frequency * row.places[i]; });
-        sum += std::norm(amplitude) - n;
+    for (const auto& [indices, places] : rows) {
+        const auto n = static_cast<double>(places.size());
+        sum += std::norm(fourierSum(places, frequency)) - n;
         pairs += n * (n - 1.0);
     }
     return pairs > 0.0 ? sum / pairs : 0.0;
 }
 
-std::pair<double, double> phasesOf(const std::vector<Row>& rows, double frequency) {
-    std::vector<Complex> amplitudes;
+std::pair<double, double> phasesOf(const Rows& rows, double frequency) {
+    std::vector<std::tuple<double, double, Complex>> amplitudes;
     double most = 1.0;
-    for (const Row& row : rows) {
-        amplitudes.push_back(
-            fourierSum(row.places.size(), [&](std::size_t i) { return frequency * row.places[i]; }));
-        most = std::max({most, std::abs(row.h), std::abs(row.k)});
+    for (const auto& [indices, places] : rows) {
+        const double h = indices.first, k = indices.second;
+        amplitudes.emplace_back(h, k, fourierSum(places, frequency));
+        most = std::max({most, std::abs(h), std::abs(k)});
     }
     const double step = 1.0 / (6.0 * most);
     std::pair<double, double> best{0.0, 0.0};
@@ -131,9 +124,8 @@ std::pair<double, double> phasesOf(const std::vector<Row>& rows, double frequenc
     for (double alpha = 0.0; alpha < 1.0; alpha += step)
         for (double beta = 0.0; beta < 1.0; beta += step) {
             Complex sum = 0.0;
-            for (std::size_t i = 0; i < rows.size(); ++i)
-                sum += amplitudes[i] *
-                       std::polar(1.0, -2.0 * std::numbers::pi * (alpha * rows[i].h + beta * rows[i].k));
+            for (const auto& [h, k, amplitude] : amplitudes)
+                sum += amplitude * std::polar(1.0, -2.0 * std::numbers::pi * (alpha * h + beta * k));
             if (std::abs(sum) <= strongest) continue;
             strongest = std::abs(sum);
             best = {alpha, beta};
@@ -148,18 +140,15 @@ std::vector<Matrix3d> basesFromLayers(const Points& points, const Vector3d& a, c
     frame << a, b, normal;
     const Matrix3d inverse = frame.inverse();
     std::vector<double> heights;
-    heights.reserve(points.size());
     for (const Vector3d& point : points)
         heights.push_back(point.dot(normal));
 
     std::vector<Matrix3d> bases;
     const auto spectrum = [&](double f) {
-        return std::abs(fourierSum(heights.size(), [&](std::size_t i) { return f * heights[i]; })) /
-               static_cast<double>(heights.size());
+        return std::abs(fourierSum(heights, f)) / static_cast<double>(heights.size());
     };
     for (const double frequency : strongestFrequencies(largest(heights), kPeriods, spectrum)) {
-        const Complex sum = fourierSum(heights.size(), [&](std::size_t i) { return frequency * heights[i]; });
-        const double offset = std::arg(sum) / (2.0 * std::numbers::pi);
+        const double offset = std::arg(fourierSum(heights, frequency)) / (2.0 * std::numbers::pi);
         std::vector<double> layers, alongA, alongB;
         for (std::size_t i = 0; i < points.size(); ++i) {
             const double height = frequency * heights[i] - offset;
@@ -183,10 +172,10 @@ std::vector<Matrix3d> basesFromRows(const Points& points, const Lattice& lattice
     const Vector3d directB = direct.row((third + 2) % 3);
     const Vector3d direction = directA.cross(directB).normalized();
     if (!direction.allFinite()) return {};
-    const std::vector<Row> rows = rowsOf(points, lattice.origin, directA, directB, direction);
+    const Rows rows = rowsOf(points, lattice.origin, directA, directB, direction);
     double reach = 0.0;
-    for (const Row& row : rows)
-        reach = std::max(reach, largest(row.places));
+    for (const auto& [indices, places] : rows)
+        reach = std::max(reach, largest(places));
 
     Matrix3d frame;
     frame << directA.transpose(), directB.transpose(), direction.transpose();

@@ -42,19 +42,14 @@ void addTo(SoFar& soFar, const CrystalMerge& result) {
 
 /// R of the square roots of merged and true intensities, on the scale that fits best.
 double rOfAmplitudes(const CrystalMerge& result, const SimulatedCrystals& truth) {
-    double top = 0, bottom = 0, deviations = 0;
-    std::vector<std::pair<double, double>> pairs;
-    for (const vrk::MergedReflection& one : result.data.merged) {
-        pairs.emplace_back(std::sqrt(std::max(one.intensity, 0.0)), std::sqrt(truth.truth.at(one.hkl)));
-        top += pairs.back().first * pairs.back().second;
-        bottom += pairs.back().first * pairs.back().first;
+    Eigen::ArrayXd found(std::ssize(result.data.merged)), right(found.size());
+    for (Eigen::Index i = 0; i < found.size(); ++i) {
+        const vrk::MergedReflection& one = result.data.merged[static_cast<std::size_t>(i)];
+        found[i] = std::sqrt(std::max(one.intensity, 0.0));
+        right[i] = std::sqrt(truth.truth.at(one.hkl));
     }
-    double sum = 0;
-    for (const auto& [found, right] : pairs) {
-        deviations += std::abs(top / bottom * found - right);
-        sum += right;
-    }
-    return deviations / sum;
+    const double scale = (found * right).sum() / found.square().sum();
+    return (scale * found - right).abs().sum() / right.sum();
 }
 
 TEST(CrystalMergeTest, indexesAllCrystalsTheSameWay) {

@@ -80,41 +80,28 @@ TEST(CentreShift, FindsTheBeamToATenthOfAPixel) {
     struct Case {
         const char* name;
         simulated::PatternSettings settings;
-        std::array<double, 4> sums;  ///< of x, y, errors and symmetries: so far
         double limit = 0.1;
         unsigned patterns = 8;
     };
     const std::vector<Case> cases = {
-        {"beam and halo", {}, {1056.487772, 996.376297, 0.056327, 7.853959}},
-        {"saturated", {.beam = 2e5, .saturation = 3000}, {1056.469177, 996.308806, 0.087850, 7.575724}},
-        {"weak beam", {.halo = 40, .beam = 100}, {1056.563523, 996.290945, 0.153577, 7.234760}},
-        {"beam without halo", {.halo = 0}, {1056.477845, 996.363547, 0.054801, 7.772627}},
-        {"bright reflections",
-         {.halo = 300, .beam = 1000, .spots = 2e4},
-         {1056.429254, 996.386138, 0.162380, 7.850396}},
-        {"beam stop", {.beamStopWidth = 24}, {1056.458526, 996.338662, 0.154152, 7.196833}},
-        {"beam stop, a halo to one side",
-         {.slope = 0.3, .beamStopWidth = 24},
-         {1056.432880, 996.344948, 0.161393, 7.158878},
-         0.12},
-        {"beam stop and no halo",
-         {.halo = 0, .beamStopWidth = 20},
-         {1056.479299, 996.332848, 0.149800, 3.716003}},
-        {"half behind a stop of 20 %",
-         {.beamStopWidth = 24, .stopOffset = 24, .throughStop = 0.2},
-         {1056.481530, 996.285537, 0.166463, 7.339082}},
-        {"reflections without background",
-         {.background = 0, .halo = 0, .beam = 0},
-         {1056.592198, 996.339764, 0.126853, 7.311940}},
-        {"reflections only", {.halo = 0, .beam = 0}, {1056.490652, 996.369382, 0.140634, 3.443337}},
+        {"beam and halo", {}},
+        {"saturated", {.beam = 2e5, .saturation = 3000}},
+        {"weak beam", {.halo = 40, .beam = 100}},
+        {"beam without halo", {.halo = 0}},
+        {"bright reflections", {.halo = 300, .beam = 1000, .spots = 2e4}},
+        {"beam stop", {.beamStopWidth = 24}},
+        {"beam stop, a halo to one side", {.slope = 0.3, .beamStopWidth = 24}, 0.12},
+        {"beam stop and no halo", {.halo = 0, .beamStopWidth = 20}},
+        {"half behind a stop of 20 %", {.beamStopWidth = 24, .stopOffset = 24, .throughStop = 0.2}},
+        {"reflections without background", {.background = 0, .halo = 0, .beam = 0}},
+        {"reflections only", {.halo = 0, .beam = 0}},
         {"beam that shows through a stop darker than what surrounds it",
          {.background = 60, .halo = 0, .beam = 5000, .spots = 0, .beamStopWidth = 24, .throughStop = 0.02},
-         {649.961590, 629.600985, 0.244682, 0.359444},
          0.15,
          5},
     };
     double squares = 0, measured = 0;
-    SoFar candidates;
+    SoFar candidates, found;
     for (const Case& c : cases) {
         const auto series = driftingSeries(c.settings, c.patterns);
         const std::vector<PatternCentre> centres = centresOf(*series);
@@ -123,22 +110,17 @@ TEST(CentreShift, FindsTheBeamToATenthOfAPixel) {
         for (const auto& one : finder.patternCandidates(
                  VRK::detail::readOnly(series->GetChunkPointer(0), c.settings.size, c.settings.size)))
             candidates.add(one.centre.x, one.centre.y, one.centre.symmetry, one.evidence);
-        std::array<double, 4> sums{};
         for (unsigned i = 0; i < c.patterns; ++i) {
-            sums[0] += centres[i].x;
-            sums[1] += centres[i].y;
-            sums[2] += centres[i].error;
-            sums[3] += centres[i].symmetry;
+            found.add(centres[i].x, centres[i].y, centres[i].error, centres[i].symmetry);
             const Truth truth = drifting(i, c.settings.size);
             const double off = std::hypot(centres[i].x - truth.x, centres[i].y - truth.y);
             EXPECT_LT(off, c.limit) << c.name << ", pattern " << i << ": " << centres[i].error;
             squares += off * off / (2 * centres[i].error * centres[i].error);
             ++measured;
         }
-        for (std::size_t i = 0; i < sums.size(); ++i)
-            EXPECT_NEAR(sums[i], c.sums[i], 1e-4) << c.name;
     }
     EXPECT_NEAR(candidates.sum(), 11109.7522, 1e-3);
+    EXPECT_NEAR(found.sum(), 23947.1032814, 1e-4);
     // The uncertainties are what they say, give or take.
     EXPECT_GT(squares / measured, 0.3);
     EXPECT_LT(squares / measured, 3.0);
@@ -159,10 +141,10 @@ TEST(CentreShift, DoesNotDependOnHowThePatternLies) {
                                            std::vector<float>(3, 1.0F));
             for (unsigned i = 0; i < 3; ++i) {
                 const auto pattern = simulated::pattern(settings, 77.3 + i, 70.8 - 2 * i, i);
-                for (int y = 0; y < height; ++y)
-                    for (int x = 0; x < width; ++x)
-                        series->GetChunkPointer(i)[y * width + x] =
-                            pattern[static_cast<std::size_t>(transposed ? x * kWide + y : y * kWide + x)];
+                forEachPixel(width, height, [&](int x, int y) {
+                    series->GetChunkPointer(i)[y * width + x] =
+                        pattern[static_cast<std::size_t>(transposed ? x * kWide + y : y * kWide + x)];
+                });
             }
             found.push_back(centresOf(*series));
         }

@@ -35,19 +35,18 @@ std::vector<T> noise(unsigned seed, int lowest, int highest) {
 template <typename T>
 std::vector<T> plainExtreme(const std::vector<T>& image, int radius, bool largest) {
     std::vector<T> result(kPixels);
-    for (int y = 0; y < kHeight; ++y)
-        for (int x = 0; x < kWidth; ++x) {
-            T extreme = image[at(x, y)];
-            for (int dy = -radius; dy <= radius; ++dy) {
-                const int reach = static_cast<int>(std::lrint(std::sqrt(radius * radius - dy * dy)));
-                for (int dx = -reach; dx <= reach; ++dx) {
-                    const T value =
-                        image[at(std::clamp(x + dx, 0, kWidth - 1), std::clamp(y + dy, 0, kHeight - 1))];
-                    extreme = largest ? std::max(extreme, value) : std::min(extreme, value);
-                }
+    forEachPixel(kWidth, kHeight, [&](int x, int y) {
+        T extreme = image[at(x, y)];
+        for (int dy = -radius; dy <= radius; ++dy) {
+            const int reach = static_cast<int>(std::lrint(std::sqrt(radius * radius - dy * dy)));
+            for (int dx = -reach; dx <= reach; ++dx) {
+                const T value =
+                    image[at(std::clamp(x + dx, 0, kWidth - 1), std::clamp(y + dy, 0, kHeight - 1))];
+                extreme = largest ? std::max(extreme, value) : std::min(extreme, value);
             }
-            result[at(x, y)] = extreme;
         }
+        result[at(x, y)] = extreme;
+    });
     return result;
 }
 
@@ -78,19 +77,19 @@ void compareWithPlain(unsigned seed) {
 /// 1 inside a circle, falling to 0 within a pixel.
 Bytes ring(double x, double y, double radius) {
     Bytes image(kPixels);
-    for (int py = 0; py < kHeight; ++py)
-        for (int px = 0; px < kWidth; ++px)
-            image[at(px, py)] = static_cast<unsigned char>(
-                200 * std::clamp(radius + 0.5 - std::hypot(px - x, py - y), 0.0, 1.0));
+    forEachPixel(kWidth, kHeight, [&](int px, int py) {
+        image[at(px, py)] =
+            static_cast<unsigned char>(200 * std::clamp(radius + 0.5 - std::hypot(px - x, py - y), 0.0, 1.0));
+    });
     return image;
 }
 
 Floats blob(double x, double y, double sigma) {
     Floats image(kPixels);
-    for (int py = 0; py < kHeight; ++py)
-        for (int px = 0; px < kWidth; ++px)
-            image[at(px, py)] = static_cast<float>(
-                std::exp(-((px - x) * (px - x) + 1.5 * (py - y) * (py - y)) / (2 * sigma * sigma)));
+    forEachPixel(kWidth, kHeight, [&](int px, int py) {
+        image[at(px, py)] = static_cast<float>(
+            std::exp(-((px - x) * (px - x) + 1.5 * (py - y) * (py - y)) / (2 * sigma * sigma)));
+    });
     return image;
 }
 
@@ -102,53 +101,39 @@ TEST(ImageOperations, ThresholdAndMorphologyDoWhatThePlainOnesDo) {
     compareWithPlain<float>(3);
 }
 
-TEST(ImageOperations, FindsTheGroupsThatAFloodFillFinds) {
-    Bytes mask = noise<unsigned char>(4, 0, 9);
-    for (unsigned char& pixel : mask)
-        pixel = pixel < 3 ? pixel + 1 : 0;
-    std::vector<int> labels(kPixels);
-    const auto regions = ImageOperations::connectedComponents(view(mask), labels.data());
-    std::vector<int> flooded(kPixels);
-    int count = 0;
-    for (int start = 0; start < kWidth * kHeight; ++start) {
-        if (!mask[static_cast<std::size_t>(start)] || flooded[static_cast<std::size_t>(start)]) continue;
-        ++count;
-        std::vector<int> waiting{start};
-        flooded[static_cast<std::size_t>(start)] = count;
-        int area = 0, right = 0;
-        double sum = 0;
-        const int label = labels[static_cast<std::size_t>(start)];
-        while (!waiting.empty()) {
-            const int x = waiting.back() % kWidth, y = waiting.back() / kWidth;
-            waiting.pop_back();
-            ++area;
-            sum += x;
-            right = std::max(right, x + 1);
-            EXPECT_EQ(labels[at(x, y)], label);
-            for (int i = 0; i < 9; ++i) {
-                const int nx = x + i % 3 - 1, ny = y + i / 3 - 1;
-                if (nx < 0 || ny < 0 || nx >= kWidth || ny >= kHeight) continue;
-                if (!mask[at(nx, ny)] || flooded[at(nx, ny)]) continue;
-                flooded[at(nx, ny)] = count;
-                waiting.push_back(ny * kWidth + nx);
-            }
-        }
-        ASSERT_TRUE(label >= 1 && label <= static_cast<int>(regions.size()));
-        const ImageOperations::Region& region = regions[static_cast<std::size_t>(label - 1)];
-        EXPECT_EQ(region.label, label);
-        EXPECT_EQ(region.area, area);
-        EXPECT_EQ(region.left + region.width, right);
-        EXPECT_NEAR(region.x, sum / area, 1e-9);
+TEST(ImageOperations, FindsGroupsOfPixelsThatTouchAtACornerAtLeast) {
+    const std::string picture =
+        "1..1.22.."
+        ".11...2.."
+        "......2.3"
+        "4.......3";
+    Bytes mask;
+    for (const char sign : picture)
+        mask.push_back(sign == '.' ? 0 : static_cast<unsigned char>(sign));
+    std::vector<int> labels(mask.size());
+    std::map<char, std::array<double, 7>> found;
+    for (const auto& region : ImageOperations::connectedComponents({mask.data(), 9, 4}, labels.data())) {
+        const auto first = std::find(labels.begin(), labels.end(), region.label);
+        ASSERT_NE(first, labels.end());
+        const char sign = picture[static_cast<std::size_t>(first - labels.begin())];
+        for (std::size_t i = 0; i < labels.size(); ++i)
+            EXPECT_EQ(labels[i] == region.label, picture[i] == sign) << i;
+        found[sign] = {1.0 * region.area,   1.0 * region.left, 1.0 * region.top, 1.0 * region.width,
+                       1.0 * region.height, region.x,          region.y};
     }
-    EXPECT_EQ(static_cast<int>(regions.size()), count);
+    EXPECT_EQ(found, (decltype(found){{'1', {4, 0, 0, 4, 2, 1.5, 0.5}},
+                                      {'2', {4, 5, 0, 2, 3, 5.75, 0.75}},
+                                      {'3', {2, 8, 2, 1, 2, 8, 2.5}},
+                                      {'4', {1, 0, 3, 1, 1, 0, 3}}}));
+    EXPECT_EQ(std::count(labels.begin(), labels.end(), 0), 25);
 }
 
 TEST(ImageOperations, FindsEdgesLinesAndCirclesWhereTheyAre) {
     // A step of 10 per pixel at x = 20 whatever the direction of the image's axes.
     Floats step(kPixels);
-    for (int y = 0; y < kHeight; ++y)
-        for (int x = 0; x < kWidth; ++x)
-            step[at(x, y)] = x < 20 ? 0.0F : x == 20 ? 10.0F : 20.0F;
+    forEachPixel(kWidth, kHeight, [&](int x, int y) {
+        step[at(x, y)] = x < 20 ? 0.0F : x == 20 ? 10.0F : 20.0F;
+    });
     Bytes edges(kPixels);
     ASSERT_TRUE(ImageOperations::edges(view(step), 0, 5, 9, edges.data()));
     for (int y = 2; y < kHeight - 2; ++y)
@@ -178,9 +163,8 @@ TEST(ImageOperations, FindsTemplatesAndShiftsToAFractionOfAPixel) {
     const Floats sample = blob(30, 21, 3);
     const int size = 15;
     Floats cut;
-    for (int y = 0; y < size; ++y)
-        for (int x = 0; x < size; ++x)
-            cut.push_back(sample[at(30 - size / 2 + x, 21 - size / 2 + y)]);
+    forEachPixel(size, size,
+                 [&](int x, int y) { cut.push_back(sample[at(30 - size / 2 + x, 21 - size / 2 + y)]); });
     for (const auto& [x, y] : {std::pair{40.0, 11.0}, std::pair{22.3, 25.7}}) {
         const Floats image = blob(x, y, 3);
         const ImageOperations::Match match =
@@ -194,10 +178,10 @@ TEST(ImageOperations, FindsTemplatesAndShiftsToAFractionOfAPixel) {
     Floats grains(kLarge * kLarge), moved(grains.size());
     for (float& grain : grains)
         grain = static_cast<float>(random() % 100);
-    for (int y = 0; y < kLarge; ++y)
-        for (int x = 0; x < kLarge; ++x)
-            moved[static_cast<std::size_t>((y + kLarge - 2) % kLarge * kLarge + (x + 3) % kLarge)] =
-                grains[static_cast<std::size_t>(y * kLarge + x)];
+    forEachPixel(kLarge, kLarge, [&](int x, int y) {
+        moved[static_cast<std::size_t>((y + kLarge - 2) % kLarge * kLarge + (x + 3) % kLarge)] =
+            grains[static_cast<std::size_t>(y * kLarge + x)];
+    });
     const ImageOperations::Shift shift =
         ImageOperations::phaseCorrelation({grains.data(), kLarge, kLarge}, {moved.data(), kLarge, kLarge});
     EXPECT_NEAR(shift.x, 3, 0.2);

@@ -125,15 +125,14 @@ inline std::vector<Pattern> withoutHotSpots(const std::vector<Pattern>& series) 
     for (std::size_t i = 0; i < series.size(); ++i) {
         const Pattern& p = series[i];
         const std::array<int, 16> limits = limitsOf(p);
-        for (int y = 0; y < p.height; ++y)
-            for (int x = 0; x < p.width; ++x) {
-                const int median = nine(p, x, y)[4];
-                const int limit = limits[static_cast<std::size_t>(octaveOf(median))];
-                const Neighbours around(p, x, y);
-                const bool leaves = std::abs(p.at(x, y) - median) > limit && !around.all.empty();
-                if ((leaves && isHotOrDead(p.at(x, y), around, limit)) || isStuck(series, x, y))
-                    result[i].at(x, y) = static_cast<short>(std::round(around.median));
-            }
+        forEachPixel(p.width, p.height, [&](int x, int y) {
+            const int median = nine(p, x, y)[4];
+            const int limit = limits[static_cast<std::size_t>(octaveOf(median))];
+            const Neighbours around(p, x, y);
+            const bool leaves = std::abs(p.at(x, y) - median) > limit && !around.all.empty();
+            if ((leaves && isHotOrDead(p.at(x, y), around, limit)) || isStuck(series, x, y))
+                result[i].at(x, y) = static_cast<short>(std::round(around.median));
+        });
     }
     return result;
 }
@@ -173,31 +172,28 @@ inline void subtractCells(Image<float>& rest, const Image<char>& dead) {
     const int columns = (rest.width + 16) / 32, rows = (rest.height + 16) / 32;
     if (columns < 3 || rows < 3) return;
     Image<float> cells(columns, rows), smooth(columns, rows);
-    for (int row = 0; row < rows; ++row)
-        for (int column = 0; column < columns; ++column) {
-            std::vector<float> sample;
-            for (int y = row * rest.height / rows; y < (row + 1) * rest.height / rows; y += 3)
-                for (int x = column * rest.width / columns; x < (column + 1) * rest.width / columns; x += 3)
-                    if (!dead.at(x, y)) sample.push_back(rest.at(x, y));
-            sample = sorted(sample);
-            const std::size_t n = sample.size();
-            if (n > 0) cells.at(column, row) = 0.5F * (sample[n / 2] + sample[(n - 1) / 2]);
-        }
-    for (int row = 0; row < rows; ++row)
-        for (int column = 0; column < columns; ++column)
-            smooth.at(column, row) = nine(cells, column, row)[4];
-    for (int y = 0; y < rest.height; ++y)
-        for (int x = 0; x < rest.width; ++x) {
-            const double u = std::clamp((x + 0.5) * columns / rest.width - 0.5, 0.0, columns - 1.0);
-            const double v = std::clamp((y + 0.5) * rows / rest.height - 0.5, 0.0, rows - 1.0);
-            const auto du = static_cast<float>(u - std::floor(u)), dv = static_cast<float>(v - std::floor(v));
-            const auto level = [&](int column) {
-                const float above = smooth.beyond(column, static_cast<int>(v));
-                return above + dv * (smooth.beyond(column, static_cast<int>(v) + 1) - above);
-            };
-            const float left = level(static_cast<int>(u));
-            rest.at(x, y) -= left + du * (level(static_cast<int>(u) + 1) - left);
-        }
+    forEachPixel(columns, rows, [&](int column, int row) {
+        std::vector<float> sample;
+        for (int y = row * rest.height / rows; y < (row + 1) * rest.height / rows; y += 3)
+            for (int x = column * rest.width / columns; x < (column + 1) * rest.width / columns; x += 3)
+                if (!dead.at(x, y)) sample.push_back(rest.at(x, y));
+        sample = sorted(sample);
+        const std::size_t n = sample.size();
+        if (n > 0) cells.at(column, row) = 0.5F * (sample[n / 2] + sample[(n - 1) / 2]);
+    });
+    forEachPixel(columns, rows,
+                 [&](int column, int row) { smooth.at(column, row) = nine(cells, column, row)[4]; });
+    forEachPixel(rest.width, rest.height, [&](int x, int y) {
+        const double u = std::clamp((x + 0.5) * columns / rest.width - 0.5, 0.0, columns - 1.0);
+        const double v = std::clamp((y + 0.5) * rows / rest.height - 0.5, 0.0, rows - 1.0);
+        const auto du = static_cast<float>(u - std::floor(u)), dv = static_cast<float>(v - std::floor(v));
+        const auto level = [&](int column) {
+            const float above = smooth.beyond(column, static_cast<int>(v));
+            return above + dv * (smooth.beyond(column, static_cast<int>(v) + 1) - above);
+        };
+        const float left = level(static_cast<int>(u));
+        rest.at(x, y) -= left + du * (level(static_cast<int>(u) + 1) - left);
+    });
 }
 
 /// \param lost  1 where nothing was recorded; empty when all was
@@ -211,9 +207,9 @@ inline Pattern withoutBackground(const Pattern& p, const std::vector<unsigned ch
     const auto ringAt = [&](int x, int y) { return static_cast<std::size_t>(distance(x, y) + 0.5); };
     const std::size_t rings = static_cast<std::size_t>(std::lround(distance(0, 0))) + 1;
     std::vector<std::vector<int>> values(rings);
-    for (int y = 0; y < p.height; ++y)
-        for (int x = 0; x < p.width; ++x)
-            if (!isLost(x, y)) values[ringAt(x, y)].push_back(p.at(x, y));
+    forEachPixel(p.width, p.height, [&](int x, int y) {
+        if (!isLost(x, y)) values[ringAt(x, y)].push_back(p.at(x, y));
+    });
 
     std::vector<float> profile(rings + 1);
     std::vector<bool> zeroIsDead(rings);
@@ -231,30 +227,28 @@ inline Pattern withoutBackground(const Pattern& p, const std::vector<unsigned ch
 
     Image<float> rest(p.width, p.height);
     Image<char> dead(p.width, p.height);
-    for (int y = 0; y < p.height; ++y)
-        for (int x = 0; x < p.width; ++x) {
-            const auto inner = static_cast<std::size_t>(distance(x, y));
-            const auto f = static_cast<float>(distance(x, y) - static_cast<double>(inner));
-            rest.at(x, y) = p.at(x, y) - (profile[inner] + f * (profile[inner + 1] - profile[inner]));
-            dead.at(x, y) = isLost(x, y) || (zeroIsDead[ringAt(x, y)] && p.at(x, y) == 0);
-        }
+    forEachPixel(p.width, p.height, [&](int x, int y) {
+        const auto inner = static_cast<std::size_t>(distance(x, y));
+        const auto f = static_cast<float>(distance(x, y) - static_cast<double>(inner));
+        rest.at(x, y) = p.at(x, y) - (profile[inner] + f * (profile[inner + 1] - profile[inner]));
+        dead.at(x, y) = isLost(x, y) || (zeroIsDead[ringAt(x, y)] && p.at(x, y) == 0);
+    });
     subtractCells(rest, dead);
 
     // What is left, in sixteenths of a count, without the ring's median.
     std::vector<std::vector<double>> left(rings);
-    for (int y = 0; y < p.height; ++y)
-        for (int x = 0; x < p.width; ++x)
-            if (!dead.at(x, y)) left[ringAt(x, y)].push_back(std::nearbyint(16 * rest.at(x, y)));
+    forEachPixel(p.width, p.height, [&](int x, int y) {
+        if (!dead.at(x, y)) left[ringAt(x, y)].push_back(std::nearbyint(16 * rest.at(x, y)));
+    });
     for (std::vector<double>& ring : left)
         ring = sorted(ring);
     Pattern result(p.width, p.height);
-    for (int y = 0; y < p.height; ++y)
-        for (int x = 0; x < p.width; ++x) {
-            if (dead.at(x, y)) continue;
-            const std::vector<double>& ring = left[ringAt(x, y)];
-            const double median = (ring[(ring.size() - 1) / 2] + ring[ring.size() / 2]) / 2;
-            result.at(x, y) = limited(std::round((std::nearbyint(16 * rest.at(x, y)) - median) / 16));
-        }
+    forEachPixel(p.width, p.height, [&](int x, int y) {
+        if (dead.at(x, y)) return;
+        const std::vector<double>& ring = left[ringAt(x, y)];
+        const double median = (ring[(ring.size() - 1) / 2] + ring[ring.size() / 2]) / 2;
+        result.at(x, y) = limited(std::round((std::nearbyint(16 * rest.at(x, y)) - median) / 16));
+    });
     return result;
 }
 
@@ -275,19 +269,18 @@ inline Pattern moved(const Pattern& p, double dx, double dy) {
     const double fx = -dx - wholeX, fy = -dy - wholeY;
     const std::array<float, 4> wx = weightsAt(fx), wy = weightsAt(fy);
     Pattern result(p.width, p.height);
-    for (int y = 0; y < p.height; ++y)
-        for (int x = 0; x < p.width; ++x) {
-            const int u = x + wholeX, v = y + wholeY;
-            if (u < 0 || v < 0 || u + fx > p.width - 1 || v + fy > p.height - 1) continue;
-            const auto across = [&](int row) {
-                return wx[0] * p.beyond(u - 1, row) + wx[1] * p.beyond(u, row) +
-                       wx[2] * p.beyond(u + 1, row) + wx[3] * p.beyond(u + 2, row);
-            };
-            const float value =
-                wy[0] * across(v - 1) + wy[1] * across(v) + wy[2] * across(v + 1) + wy[3] * across(v + 2);
-            const short lowest = nine(p, u + (fx >= 0.5 ? 1 : 0), v + (fy >= 0.5 ? 1 : 0))[0];
-            result.at(x, y) = fx == 0 && fy == 0 ? p.at(u, v) : std::max(limited(value), lowest);
-        }
+    forEachPixel(p.width, p.height, [&](int x, int y) {
+        const int u = x + wholeX, v = y + wholeY;
+        if (u < 0 || v < 0 || u + fx > p.width - 1 || v + fy > p.height - 1) return;
+        const auto across = [&](int row) {
+            return wx[0] * p.beyond(u - 1, row) + wx[1] * p.beyond(u, row) + wx[2] * p.beyond(u + 1, row) +
+                   wx[3] * p.beyond(u + 2, row);
+        };
+        const float value =
+            wy[0] * across(v - 1) + wy[1] * across(v) + wy[2] * across(v + 1) + wy[3] * across(v + 2);
+        const short lowest = nine(p, u + (fx >= 0.5 ? 1 : 0), v + (fy >= 0.5 ? 1 : 0))[0];
+        result.at(x, y) = fx == 0 && fy == 0 ? p.at(u, v) : std::max(limited(value), lowest);
+    });
     return result;
 }
 
@@ -309,26 +302,25 @@ inline Pattern turned(const Pattern& p, double degrees, const Lenses& lenses = {
     const double t = std::remainder(degrees, 360.0) * std::numbers::pi / 180;
     const double cx = (p.width - 1) * 0.5, cy = (p.height - 1) * 0.5;
     Pattern result(p.width, p.height);
-    for (int y = 0; y < p.height; ++y)
-        for (int x = 0; x < p.width; ++x) {
-            // Places are told to 1/32 pixel.
-            const auto [fromX, fromY] = lenses.recorded(std::cos(t) * (x - cx) - std::sin(t) * (y - cy),
-                                                        std::sin(t) * (x - cx) + std::cos(t) * (y - cy));
-            const double u = std::nearbyint(32 * (cx + fromX));
-            const double v = std::nearbyint(32 * (cy + fromY));
-            if (u < 0 || v < 0 || u > 32 * (p.width - 1) || v > 32 * (p.height - 1)) continue;
-            const int column = static_cast<int>(u / 32), row = static_cast<int>(v / 32);
-            const std::array<float, 4> wx = weightsAt(u / 32 - column), wy = weightsAt(v / 32 - row);
-            std::array<float, 4> sums{};
-            short lowest = 32767;
-            for (int i = 0; i < 4; ++i) {
-                const auto pixel = [&](int j) { return p.beyond(column + i - 1, row + j - 1); };
-                const std::size_t n = static_cast<std::size_t>(i);
-                sums[n] = wx[n] * (pixel(0) * wy[0] + pixel(1) * wy[1] + pixel(2) * wy[2] + pixel(3) * wy[3]);
-                lowest = std::min({lowest, pixel(0), pixel(1), pixel(2), pixel(3)});
-            }
-            result.at(x, y) = std::max(limited((sums[0] + sums[2]) + (sums[1] + sums[3])), lowest);
+    forEachPixel(p.width, p.height, [&](int x, int y) {
+        // Places are told to 1/32 pixel.
+        const auto [fromX, fromY] = lenses.recorded(std::cos(t) * (x - cx) - std::sin(t) * (y - cy),
+                                                    std::sin(t) * (x - cx) + std::cos(t) * (y - cy));
+        const double u = std::nearbyint(32 * (cx + fromX));
+        const double v = std::nearbyint(32 * (cy + fromY));
+        if (u < 0 || v < 0 || u > 32 * (p.width - 1) || v > 32 * (p.height - 1)) return;
+        const int column = static_cast<int>(u / 32), row = static_cast<int>(v / 32);
+        const std::array<float, 4> wx = weightsAt(u / 32 - column), wy = weightsAt(v / 32 - row);
+        std::array<float, 4> sums{};
+        short lowest = 32767;
+        for (int i = 0; i < 4; ++i) {
+            const auto pixel = [&](int j) { return p.beyond(column + i - 1, row + j - 1); };
+            const std::size_t n = static_cast<std::size_t>(i);
+            sums[n] = wx[n] * (pixel(0) * wy[0] + pixel(1) * wy[1] + pixel(2) * wy[2] + pixel(3) * wy[3]);
+            lowest = std::min({lowest, pixel(0), pixel(1), pixel(2), pixel(3)});
         }
+        result.at(x, y) = std::max(limited((sums[0] + sums[2]) + (sums[1] + sums[3])), lowest);
+    });
     return result;
 }
 

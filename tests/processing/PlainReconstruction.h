@@ -3,6 +3,8 @@
 /// shared helpers. The library's fast way must give the same voxels.
 #pragma once
 
+#include <rapidcheck.h>
+
 #include "support/Testing.h"
 
 namespace plain {
@@ -14,6 +16,15 @@ struct Series {
     std::vector<float> tilts;
     std::vector<std::vector<short>> patterns;
 };
+
+inline rc::Gen<std::vector<float>> ascendingTilts() {
+    const auto tenths = rc::gen::container<std::vector<float>>(
+        rc::gen::map(rc::gen::inRange(-1000, 1001), [](int i) { return static_cast<float>(i) * 0.1F; }));
+    return rc::gen::map(rc::gen::nonEmpty(tenths), [](std::vector<float> tilts) {
+        std::sort(tilts.begin(), tilts.end());
+        return tilts;
+    });
+}
 
 struct Sources {
     int lower = -1, upper = -1, inner = 0, outer = -1, innerColumn = -1, outerColumn = -1;

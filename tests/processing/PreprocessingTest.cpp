@@ -20,9 +20,9 @@ template <typename Value>
 Data seriesOf(unsigned width, unsigned height, Value value, unsigned patterns = 1) {
     Data series = makeSeries(width, height, std::vector<float>(patterns, 10.0F));
     for (unsigned i = 0; i < patterns; ++i)
-        for (unsigned y = 0; y < height; ++y)
-            for (unsigned x = 0; x < width; ++x)
-                series->GetChunkPointer(i)[y * width + x] = static_cast<short>(std::lround(value(x, y)));
+        forEachPixel(width, height, [&](unsigned x, unsigned y) {
+            series->GetChunkPointer(i)[y * width + x] = static_cast<short>(std::lround(value(x, y)));
+        });
     return series;
 }
 
@@ -42,14 +42,13 @@ plain::Pattern anyPattern(int width, int height, std::mt19937& random) {
     plain::Pattern pattern(width, height);
     const double cx = upTo(width), cy = upTo(height), halo = std::pow(10.0, upTo(4)), reach = 1 + upTo(30);
     const double background = upTo(4) < 1 ? upTo(300) : upTo(12), noise = std::pow(10.0, upTo(2));
-    for (int y = 0; y < height; ++y)
-        for (int x = 0; x < width; ++x) {
-            const double r = std::hypot(x - cx, y - cy);
-            const double u = std::remainder(x + 0.3 * y, 17.0), v = std::remainder(y - 0.2 * x, 13.0);
-            const double value = background + halo * std::exp(-r / reach) + 0.02 * x +
-                                 200 * std::exp(-u * u - v * v) + noise * (upTo(1) + upTo(1) - 1);
-            pattern.at(x, y) = plain::limited(value);
-        }
+    forEachPixel(width, height, [&](int x, int y) {
+        const double r = std::hypot(x - cx, y - cy);
+        const double u = std::remainder(x + 0.3 * y, 17.0), v = std::remainder(y - 0.2 * x, 13.0);
+        const double value = background + halo * std::exp(-r / reach) + 0.02 * x +
+                             200 * std::exp(-u * u - v * v) + noise * (upTo(1) + upTo(1) - 1);
+        pattern.at(x, y) = plain::limited(value);
+    });
     for (int i = 0; i < width * height / 50; ++i)
         pattern.at(static_cast<int>(upTo(width)), static_cast<int>(upTo(height))) =
             plain::limited((upTo(4) < 1 ? -1 : 1) * std::pow(10.0, upTo(4.6)));
@@ -238,9 +237,9 @@ TEST(Preprocessing, TurnsTheAxisToY) {
 
     // Quarter turns move whole pixels: the axis along -x comes to +y.
     const Data quarter(processing.step3_Rotation2TiltAxis(series.get(), true, 90, 0));
-    for (unsigned y = 0; y < 121; ++y)
-        for (unsigned x = 0; x < 121; ++x)
-            ASSERT_EQ(pixel(*quarter, x, y), pixel(*series, 120 - y, x));
+    forEachPixel(121, 121, [&](unsigned x, unsigned y) {
+        ASSERT_EQ(pixel(*quarter, x, y), pixel(*series, 120 - y, x));
+    });
     EXPECT_TRUE(*Data(processing.step3_Rotation2TiltAxis(series.get(), true, 0, 0)) == *series);
     EXPECT_EQ(log.count("rotating pattern", VRK::Normal) + log.count("to the y axis", VRK::Normal), 2);
     EXPECT_TRUE(*Data(processing.turnUndistorted(series.get(), 0, {})) == *series);
@@ -266,12 +265,11 @@ TEST(Preprocessing, HalvesAboutTheCentre) {
             const Data sum = apply(kAll[6], series.get());
             ASSERT_EQ(half->GetWidth(), width / 2);
             ASSERT_EQ(half->GetHeight(), height / 2);
-            for (unsigned y = 0; y < height / 2; ++y)
-                for (unsigned x = 0; x < width / 2; ++x) {
-                    const double dx = x - (width / 2 - 1) / 2.0, dy = y - (height / 2 - 1) / 2.0;
-                    EXPECT_EQ(pixel(*half, x, y), 1000 + 160 * dx - 320 * dy);
-                    EXPECT_EQ(pixel(*sum, x, y), 4 * (1000 + 160 * dx - 320 * dy));
-                }
+            forEachPixel(width / 2, height / 2, [&](unsigned x, unsigned y) {
+                const double dx = x - (width / 2 - 1) / 2.0, dy = y - (height / 2 - 1) / 2.0;
+                EXPECT_EQ(pixel(*half, x, y), 1000 + 160 * dx - 320 * dy);
+                EXPECT_EQ(pixel(*sum, x, y), 4 * (1000 + 160 * dx - 320 * dy));
+            });
             EXPECT_FLOAT_EQ(half->m_Header.m_pixelsize, 2e8F);
             EXPECT_FLOAT_EQ(half->m_Header.value(SliceValue::PixelSize, 0), 2e8F);
         }
@@ -309,12 +307,11 @@ TEST(Preprocessing, PadsAndCropsAboutTheCentre) {
             ASSERT_EQ(square->GetWidth(), size);
             ASSERT_EQ(square->GetHeight(), size);
             double sum = 0, sumX = 0, sumY = 0;
-            for (unsigned y = 0; y < size; ++y)
-                for (unsigned x = 0; x < size; ++x) {
-                    sum += pixel(*square, x, y);
-                    sumX += x * pixel(*square, x, y);
-                    sumY += y * pixel(*square, x, y);
-                }
+            forEachPixel(size, size, [&](unsigned x, unsigned y) {
+                sum += pixel(*square, x, y);
+                sumX += x * pixel(*square, x, y);
+                sumY += y * pixel(*square, x, y);
+            });
             EXPECT_NEAR(sumX / sum, (size - 1) / 2.0, 0.02) << width << " x " << height;
             EXPECT_NEAR(sumY / sum, (size - 1) / 2.0, 0.02) << width << " x " << height;
         }
@@ -352,12 +349,11 @@ TEST(RecordedPixels, AreThoseThatAMovedPatternTakesFromTheFrame) {
     std::vector<unsigned char> mask(kSize * kSize);
     for (unsigned i = 0; i < kept.size(); ++i) {
         recorded.notRecorded(i, mask.data());
-        for (int y = 0; y < kSize; ++y)
-            for (int x = 0; x < kSize; ++x) {
-                const bool inside = x >= kept[i][0] && x <= kept[i][1] && y >= kept[i][2] && y <= kept[i][3];
-                ASSERT_EQ(mask[static_cast<std::size_t>(y * kSize + x)], inside ? 0 : 1)
-                    << i << ": " << x << ' ' << y;
-            }
+        forEachPixel(kSize, kSize, [&](int x, int y) {
+            const bool inside = x >= kept[i][0] && x <= kept[i][1] && y >= kept[i][2] && y <= kept[i][3];
+            ASSERT_EQ(mask[static_cast<std::size_t>(y * kSize + x)], inside ? 0 : 1)
+                << i << ": " << x << ' ' << y;
+        });
         EXPECT_FALSE(recorded.isCut(i, 20, 20, 3));
         EXPECT_FALSE(recorded.isCut(i, kept[i][0] + 3.0, 20, 2.5)) << i;
         EXPECT_TRUE(recorded.isCut(i, kept[i][0] + 2.0, 20, 3.0)) << i;

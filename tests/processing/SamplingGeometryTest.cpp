@@ -1,16 +1,12 @@
 #include "processing/SamplingGeometry.h"
 
-#include <rapidcheck.h>
-
 #include "processing/PlainReconstruction.h"
 #include "processing/SeriesFactory.h"
 
 TEST(SamplingGeometry, AgreesWithThePlainRule) {
     EXPECT_TRUE(rc::check("every column of random geometries", [] {
         const auto width = static_cast<unsigned>(*rc::gen::inRange(1, 40));
-        auto tilts = *rc::gen::nonEmpty(rc::gen::container<std::vector<float>>(
-            rc::gen::map(rc::gen::inRange(-1000, 1001), [](int i) { return static_cast<float>(i) * 0.1F; })));
-        std::sort(tilts.begin(), tilts.end());
+        const std::vector<float> tilts = *plain::ascendingTilts();
         const unsigned depth = SamplingGeometry::depthOf(width, tilts);
         RC_ASSERT(depth == plain::depthOf(static_cast<int>(width), tilts));
         const SamplingGeometry geometry(width, tilts, depth);

@@ -2,6 +2,7 @@
 /// Series for tests.
 #pragma once
 
+#include "VoxCore/DataModel/VoxHistogram.h"
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "support/Testing.h"
 
@@ -40,4 +41,12 @@ inline std::vector<short> pixelsOf(const VoxMRCData& data, unsigned slice) {
 
 inline void setPixels(VoxMRCData& data, unsigned slice, const std::vector<short>& pixels) {
     std::copy(pixels.begin(), pixels.end(), data.GetChunkPointer(slice));
+}
+
+/// Whether data come with the histogram of their voxels.
+inline bool hasItsHistogram(VoxMRCData& data) {
+    VoxHistogram<short> own(&data, 256, {});
+    own.Update();
+    return data.m_Histogram->m_Bins == own.m_Bins && data.m_Histogram->m_MinValue == own.m_MinValue &&
+           data.m_Histogram->m_MaxValue == own.m_MaxValue;
 }

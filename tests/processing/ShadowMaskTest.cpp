@@ -23,10 +23,7 @@ struct Scene {
         return std::hypot(dx, dy) < discRadius || (along > -25 && std::abs(across) < 0.5 * barWidth);
     }
     bool dead(int x, int y) const {
-        const auto has = [this](int i) {
-            return std::find(deadRows.begin(), deadRows.end(), i) != deadRows.end();
-        };
-        return has(x) || has(y);
+        return std::ranges::count(deadRows, x) + std::ranges::count(deadRows, y) > 0;
     }
 };
 
@@ -36,23 +33,21 @@ std::unique_ptr<VoxMRCData> seriesOf(const Scene& scene) {
         std::mt19937 random(i + 1);
         const double cx = kFrame / 2.0 + 2 + 0.2 * i, cy = kFrame / 2.0 - 1;
         std::vector<short> pixels;
-        for (int y = 0; y < kFrame; ++y)
-            for (int x = 0; x < kFrame; ++x) {
-                const double r = std::hypot(x - cx, y - cy);
-                const double spot = std::hypot(std::remainder(x - cx - 7.0 * i, 31.0),
-                                               std::remainder(y - cy + 3.0 * i, 27.0));
-                double value = 8 + 500 * (1 + scene.gradient * 2 * (x - cx) / kFrame) * std::exp(-r / 20) +
-                               scene.ice * std::exp(-(r - 60) * (r - 60) / 8) +
-                               300 * std::exp(-spot * spot / 3) + 20000 * std::exp(-r * r / 20);
-                if (scene.shadow(x, y)) value = scene.transmission * value + scene.pedestal;
-                value = std::max(value, 1e-9);  // no distribution has a mean of nothing
-                if (scene.dead(x, y)) value = 1e-9;
-                const short counts = static_cast<short>(std::min(
-                    value > 50 ? std::round(std::normal_distribution<double>(value, std::sqrt(value))(random))
-                               : std::poisson_distribution<int>(value)(random),
-                    30000.0));
-                pixels.push_back(counts);
-            }
+        forEachPixel(kFrame, kFrame, [&](int x, int y) {
+            const double r = std::hypot(x - cx, y - cy);
+            const double spot =
+                std::hypot(std::remainder(x - cx - 7.0 * i, 31.0), std::remainder(y - cy + 3.0 * i, 27.0));
+            double value = 8 + 500 * (1 + scene.gradient * 2 * (x - cx) / kFrame) * std::exp(-r / 20) +
+                           scene.ice * std::exp(-(r - 60) * (r - 60) / 8) + 300 * std::exp(-spot * spot / 3) +
+                           20000 * std::exp(-r * r / 20);
+            if (scene.shadow(x, y)) value = scene.transmission * value + scene.pedestal;
+            value = std::max(value, 1e-9);  // no distribution has a mean of nothing
+            if (scene.dead(x, y)) value = 1e-9;
+            pixels.push_back(static_cast<short>(std::min(
+                value > 50 ? std::round(std::normal_distribution<double>(value, std::sqrt(value))(random))
+                           : std::poisson_distribution<int>(value)(random),
+                30000.0)));
+        });
         setPixels(*series, i, pixels);
     }
     return series;
@@ -91,16 +86,15 @@ TEST(ShadowMask, CoversTheStopAndTheCrossAndLeavesTheRest) {
         EXPECT_EQ(mask.rows(), c.scene.deadRows) << c.name;
         EXPECT_EQ(mask.columns(), c.scene.deadRows) << c.name;
         int missed = 0, shadowed = 0, covers = 0;
-        for (int y = 0; y < kFrame; ++y)
-            for (int x = 0; x < kFrame; ++x) {
-                const bool covered = mask.pixels() && mask.pixels()[y * kFrame + x];
-                const bool dark = c.scene.shadow(x, y) || c.scene.dead(x, y);
-                // Far from the beam, a shadow that is as bright as the pattern is none.
-                const bool deep = std::hypot(x - kFrame / 2, y - kFrame / 2) < 45 || c.scene.dead(x, y);
-                shadowed += dark && deep;
-                missed += dark && deep && !covered;
-                covers += covered;
-            }
+        forEachPixel(kFrame, kFrame, [&](int x, int y) {
+            const bool covered = mask.pixels() && mask.pixels()[y * kFrame + x];
+            const bool dark = c.scene.shadow(x, y) || c.scene.dead(x, y);
+            // Far from the beam, a shadow that is as bright as the pattern is none.
+            const bool deep = std::hypot(x - kFrame / 2, y - kFrame / 2) < 45 || c.scene.dead(x, y);
+            shadowed += dark && deep;
+            missed += dark && deep && !covered;
+            covers += covered;
+        });
         double reach = 0;
         for (const ShadowMask::Bar& bar : mask.bars())
             reach += bar.width + std::hypot(bar.x1 - bar.x0, bar.y1 - bar.y0);

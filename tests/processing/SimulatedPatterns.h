@@ -28,13 +28,12 @@ inline std::vector<short> pattern(const PatternSettings& s, double cx, double cy
     std::mt19937 random(seed);
     const auto size = static_cast<std::size_t>(s.size);
     std::vector<double> expected(size * size);
-    for (std::size_t y = 0; y < size; ++y)
-        for (std::size_t x = 0; x < size; ++x) {
-            const double r = std::hypot(static_cast<double>(x) - cx, static_cast<double>(y) - cy);
-            const double halo = s.background * (1.5 - r / s.size) + s.halo * std::exp(-r / s.haloWidth);
-            expected[y * size + x] = halo * (1 + s.slope * (static_cast<double>(x) - cx) / (s.size / 2.0)) +
-                                     s.beam * std::exp(-r * r / (2 * s.beamSigma * s.beamSigma));
-        }
+    forEachPixel(size, size, [&](std::size_t x, std::size_t y) {
+        const double r = std::hypot(static_cast<double>(x) - cx, static_cast<double>(y) - cy);
+        const double halo = s.background * (1.5 - r / s.size) + s.halo * std::exp(-r / s.haloWidth);
+        expected[y * size + x] = halo * (1 + s.slope * (static_cast<double>(x) - cx) / (s.size / 2.0)) +
+                                 s.beam * std::exp(-r * r / (2 * s.beamSigma * s.beamSigma));
+    });
     std::uniform_real_distribution<double> uniform(0, 1);
     for (int h = -20; h <= 20; ++h)
         for (int k = -20; k <= 20; ++k) {

@@ -15,6 +15,12 @@ protected:
         return PeakFileImportExport::writePeakFile_version_2(file, reflections, 2, 101, 64, 7, -60.5, 60,
                                                              0.00123456789, 250, 37.5, onlyIndicated);
     }
+    void expectCentres(const std::vector<std::array<double, 3>>& centres) const {
+        ASSERT_EQ(list->size(), centres.size());
+        for (std::size_t i = 0; i < centres.size(); ++i)
+            for (int axis = 0; axis < 3; ++axis)
+                EXPECT_EQ(list->at(i)->getCenter(axis), centres[i][static_cast<std::size_t>(axis)]) << i;
+    }
     bool load() const { return PeakFileImportExport::loadPeakFile(path, list.get()); }
 
     const TemporaryFolder folder;
@@ -36,11 +42,7 @@ TEST_F(PeakFile, IsWrittenRelativeToTheTruncatedHalvesAndReadBack) {
 
     list->destroyElements();
     ASSERT_TRUE(load());
-    ASSERT_EQ(list->size(), 2U);
-    const double expected[2][3] = {{50, 32.25, 3}, {0.125, 63, -2.66667 + 3}};
-    for (std::size_t i = 0; i < 2; ++i)
-        for (int axis = 0; axis < 3; ++axis)
-            EXPECT_EQ(list->at(i)->getCenter(axis), expected[i][axis]);
+    expectCentres({{50, 32.25, 3}, {0.125, 63, -2.66667 + 3}});
     EXPECT_FALSE(list->at(0)->isIndicated());
     EXPECT_EQ(log.messages.back().text, "peak file to load: " + path + "\n2 reflections loaded.\n");
     EXPECT_TRUE(log.has("#VRKPEAKSVERSION 2", VRK::Normal));
@@ -166,10 +168,7 @@ TEST_F(PeakFile, ReadsCarriageReturnsSignsAndTextAsNumbersDo) {
     put("#VRKPEAKSVERSION 2\r\n#\r\n10.9 -11 text\r\n#\r\n#\r\n#\r\n4\r\n#\r\n1e1 +2 -3.5\r\n7 x 8\r\ninf 1 "
         "2\r\n1e999 1\r\n");
     ASSERT_TRUE(load());
-    const double expected[4][3] = {{15, -3, -3.5}, {12, -5, 0}, {5, -5, 0}, {5, -4, 0}};
-    for (std::size_t i = 0; i < 4; ++i)
-        for (int axis = 0; axis < 3; ++axis)
-            EXPECT_EQ(list->at(i)->getCenter(axis), expected[i][axis]) << i << ' ' << axis;
+    expectCentres({{15, -3, -3.5}, {12, -5, 0}, {5, -5, 0}, {5, -4, 0}});
 }
 
 TEST_F(PeakFile, LoadingDropsThePointersThatTheListHeld) {

@@ -134,9 +134,8 @@ inline void expectSame(ReflexOnGrid& region, const PlainReflection& expected) {
         }
     double x = 0, y = 0, z = 0;
     region.getCenter(x, y, z);
-    EXPECT_EQ(x, region.getCenter(0));
-    EXPECT_EQ(y, region.getCenter(1));
-    EXPECT_EQ(z, region.getCenter(2));
+    EXPECT_EQ((std::array{x, y, z}),
+              (std::array{region.getCenter(0), region.getCenter(1), region.getCenter(2)}));
     EXPECT_EQ(region.getCenter(0, 7), 0.0);
     EXPECT_EQ(region.getMaxValue(), expected.max);
     EXPECT_EQ(region.getMinValue(), expected.min);

@@ -69,11 +69,9 @@ TEST(ReflexOnGrid, StartsThatGrowNothing) {
     for (int axis = 0; axis < 3; ++axis)
         EXPECT_EQ(outside.getCenterOfGravity(axis), 0.0);
     EXPECT_EQ(outside.getIntensity(), 0.0);
-    EXPECT_TRUE(std::isnan([&] {
-        double x = 0, y = 0, z = 0;
-        outside.getCenter(x, y, z);
-        return x;
-    }()));
+    double x = 0, y = 0, z = 0;
+    outside.getCenter(x, y, z);
+    EXPECT_TRUE(std::isnan(x));
 }
 
 TEST(ReflexOnGrid, CoordinateArrayMarksButDoesNotGrow) {

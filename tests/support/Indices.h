@@ -10,3 +10,11 @@ void forEachIndex(int mostH, int mostK, int mostL, const Use& use) {
             for (int l = -mostL; l <= mostL; ++l)
                 use(h, k, l);
 }
+
+/// Calls back with every x and y of an image, x fastest.
+template <typename Size, typename Use>
+void forEachPixel(Size width, Size height, const Use& use) {
+    for (Size y = 0; y < height; ++y)
+        for (Size x = 0; x < width; ++x)
+            use(x, y);
+}

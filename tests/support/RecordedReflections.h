@@ -29,6 +29,7 @@ struct Recording {
     double share = 0.25;  ///< of the nodes that are seen
     double step = 0.0;    ///< reflections get the tilt of the frame that shows them; 0: their own
     double turn = 0.0;    ///< of the crystal out of the orientation of the seed, degrees
+    double bend = 1.0;    ///< of the sphere, of that of 200 kV; below 0 to the other side
 };
 
 /// Places of the volume at which an instrument with distortions shows the reflections of a cell.
@@ -38,11 +39,11 @@ struct Recorded {
         std::mt19937 random(recording.seed);
         std::normal_distribution<double> normal(0.0, recording.noise);
         std::uniform_real_distribution<double> uniform(0.0, 1.0);
-        const double wavelength = EwaldCurvature::wavelength(200.0) * kPixelSize * 1e-10;
+        const double wavelength = recording.bend * EwaldCurvature::wavelength(200.0) * kPixelSize * 1e-10;
         const Eigen::AngleAxisd turned(recording.turn * kDegree, Eigen::Vector3d(1, 2, 2) / 3.0);
         const Eigen::Vector3d axis(0.0, std::cos(distortion.axisTilt * kDegree),
                                    std::sin(distortion.axisTilt * kDegree));
-        forEachNode(truth, 220.0, [&](int, int, int, const Vec3& node) {
+        forEachNode(truth, 220.0, [&](int h, int k, int l, const Vec3& node) {
             if (uniform(random) > recording.share) return;
             const Eigen::Vector3d g = turned * Eigen::Vector3d(node.data());
             // Where the node crosses the sphere, height = -|g|^2 lambda / 2 for the sense +1.
@@ -61,6 +62,8 @@ struct Recorded {
                 record(Eigen::AngleAxisd(low, axis) * g, seen * kDegree, distortion);
                 for (double& coordinate : positions.back())
                     coordinate += normal(random);
+                nodes.push_back(g);
+                indices.push_back({h, k, l});
                 break;
             }
         });
@@ -85,6 +88,8 @@ struct Recorded {
     Eigen::Vector3d centre = {255.5, 255.5, 221.5};
     std::vector<Eigen::Vector3d> positions;
     std::vector<double> tilts;
+    std::vector<Eigen::Vector3d> nodes;  ///< where each really lies relative to the centre
+    std::vector<std::array<int, 3>> indices;
 };
 
 }  // namespace vrk::test

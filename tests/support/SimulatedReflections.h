@@ -50,6 +50,13 @@ inline UnitCell reciprocalCell(const Mat3& basis, double pixelSize = 1e10) {
     return UnitCell(basis[0].data(), basis[1].data(), basis[2].data(), pixelSize, false, true, LATTICE::aP);
 }
 
+/// That a cell is another one, within a part of its edges and so many degrees.
+inline void expectCell(const std::array<double, 6>& cell, const std::array<double, 6>& truth, double part,
+                       double degrees) {
+    for (std::size_t i = 0; i < 6; ++i)
+        EXPECT_NEAR(cell[i], truth[i], i < 3 ? part * truth[i] : degrees) << "parameter " << i;
+}
+
 /// Calls back for every node but 000 within a radius of the origin.
 inline void forEachNode(const Mat3& basis, double radius,
                         const std::function<void(int, int, int, const Vec3&)>& use) {

@@ -14,11 +14,11 @@ std::unique_ptr<VoxMRCData> spotSeries(double u, double v, double height, double
     std::mt19937 random(5);
     std::normal_distribution<double> normal(0, noise);
     for (unsigned i = 0; i < 2; ++i)
-        for (int y = 0; y < 96; ++y)
-            for (int x = 0; x < 96; ++x)
-                series->GetChunkPointer(i)[y * 96 + x] = static_cast<short>(std::lround(
-                    normal(random) +
-                    height * std::exp(-(std::pow(x - 47.5 - u, 2) + std::pow(y - 47.5 - v, 2)) / 3)));
+        forEachPixel(96, 96, [&](int x, int y) {
+            series->GetChunkPointer(i)[y * 96 + x] = static_cast<short>(
+                std::lround(normal(random) +
+                            height * std::exp(-(std::pow(x - 47.5 - u, 2) + std::pow(y - 47.5 - v, 2)) / 3)));
+        });
     return series;
 }
 

@@ -28,16 +28,10 @@ TEST(VoxHistogram, CountsInEqualRangesAndSaysSo) {
 
     VoxHistogram<short> some(a.get(), 256, {0, -4});
     EXPECT_TRUE(update(some).starts_with("  VoxHistogram Update\n    Excluded values:\n    0\n    -4\n"));
-    EXPECT_EQ(some.m_MinValue, 5);
-    EXPECT_EQ(some.m_Bins[0] + some.m_Bins[255], 2u);
 }
 
-TEST(VoxHistogram, PutsEqualValuesIntoTheFirstBin) {
+TEST(VoxHistogram, HasNothingToCount) {
     const ArrayPtr<short> a = image({0, 0, 0});
-    VoxHistogram<short> counted(a.get(), 4, {});
-    update(counted);
-    EXPECT_EQ(counted.m_Bins, (std::vector<unsigned>{3, 0, 0, 0}));
-
     VoxHistogram<short> excluded(a.get(), 4, {0});
     EXPECT_NE(update(excluded).find("(947)\n\nWARNING: __FILE__(__LINE__)\n    Calculating"),
               std::string::npos);

@@ -18,22 +18,19 @@ TEST(DummyCrystal, SpotsLieWhereTheLatticeVectorsSay) {
         const auto at = [pattern](double x, double y) {
             return pattern[std::lround(y) * DummyCrystal::kWidth + std::lround(x)];
         };
-        for (int n = 0; n < 7 * 7 * 7; ++n) {
-            const int h = n % 7 - 3;
-            const int k = n / 7 % 7 - 3;
-            const int l = n / 49 - 3;
+        forEachIndex(3, 3, 3, [&](int h, int k, int l) {
             const double gx = h * a[0] + k * b[0] + l * c[0];
             const double gy = h * a[1] + k * b[1] + l * c[1];
             const double gz = h * a[2] + k * b[2] + l * c[2];
             const double above = gz * std::cos(tilt) - gx * std::sin(tilt);
-            if (std::abs(above) > 0.5 || std::hypot(gx, gy, gz) > DummyCrystal::kLastSpot) continue;
+            if (std::abs(above) > 0.5 || std::hypot(gx, gy, gz) > DummyCrystal::kLastSpot) return;
             const double x = (DummyCrystal::kWidth - 1) / 2.0 + gx * std::cos(tilt) + gz * std::sin(tilt);
             const double y = (DummyCrystal::kHeight - 1) / 2.0 + gy;
             ++spots;
             EXPECT_GT(at(x, y), 120) << "slice " << z << " node " << h << ' ' << k << ' ' << l;
             for (double angle = 0; angle < 6; angle += 1)
                 EXPECT_LT(2 * at(x + 4 * std::cos(angle), y + 4 * std::sin(angle)), at(x, y));
-        }
+        });
     }
     EXPECT_GT(spots, 150);
 }

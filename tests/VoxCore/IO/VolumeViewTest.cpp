@@ -2,6 +2,7 @@
 #include "VoxCore/DataModel/VoxVolumeData.h"
 #include "VoxCore/IO/VoxMRCFileHandler.h"
 #include "support/MRCBytes.h"
+#include "support/PlainVolume.h"
 #include "support/Testing.h"
 
 namespace {
@@ -50,12 +51,12 @@ TEST(VolumeView, HoldsTheBlocksOfTheFileInXYZOrder) {
                 ASSERT_EQ(view->width(), static_cast<unsigned>((71 + edge - 1) / edge));
                 ASSERT_EQ(view->height(), static_cast<unsigned>((45 + edge - 1) / edge));
                 ASSERT_EQ(view->depth(), static_cast<unsigned>((6 + depth - 1) / depth));
-                for (unsigned z = 0; z < view->depth(); ++z)
-                    for (unsigned y = 0; y < view->height(); ++y)
-                        for (unsigned x = 0; x < view->width(); ++x)
-                            ASSERT_EQ(view->value(x, y, z),
-                                      blockValue(file, volume, block, edge, depth, static_cast<int>(x),
-                                                 static_cast<int>(y), static_cast<int>(z)));
+                forEachVoxel(view->width(), view->height(), view->depth(),
+                             [&](unsigned x, unsigned y, unsigned z) {
+                                 ASSERT_EQ(view->value(x, y, z),
+                                           blockValue(file, volume, block, edge, depth, static_cast<int>(x),
+                                                      static_cast<int>(y), static_cast<int>(z)));
+                             });
                 EXPECT_EQ(view->header().m_pixelsize, volume ? 0 : 1e8F * static_cast<float>(edge));
                 EXPECT_TRUE(sameVoxels(VoxVolumeData::fromData(*data, n, block), *view));
             }
