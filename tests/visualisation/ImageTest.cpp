@@ -244,7 +244,7 @@ TEST(ReciprocalSection, SlabsAreAsThickAsTheyShould) {
         }
 }
 
-/// The same plane out of a view as out of its volume.
+/// The same plane out of a view as out of its volume, and the nodes where they were at half size.
 TEST(ReciprocalSection, CutsViewsLikeTheirVolume) {
     const auto volume = volumeOf(81, 65, 63);
     volume->m_Header.type = MRCType::MRCVOLUME;
@@ -254,7 +254,8 @@ TEST(ReciprocalSection, CutsViewsLikeTheirVolume) {
     ReciprocalSection::Settings settings;
     settings.size = 81;
     const UnitCell cell(kBase[0], kBase[1], kBase[2], 1.0, false, true, LATTICE::aP);
-    const PlaneImage whole = ReciprocalSection(*volume, cell, {40.0, 32.0, 31.0}).sample(settings);
+    const ReciprocalSection section(*volume, cell, {40.0, 32.0, 31.0});
+    const PlaneImage whole = section.sample(settings);
 
     const VoxVolumeData full = VoxVolumeData::fromData(*volume);
     const PlaneImage same = ReciprocalSection(full, cell).sample(settings);
@@ -265,6 +266,11 @@ TEST(ReciprocalSection, CutsViewsLikeTheirVolume) {
     const VoxVolumeData half = full.reduced(2, VoxVolumeData::Block::Maximum);
     EXPECT_EQ(half.reduction(), 2);
     EXPECT_EQ(half.reduced(2).middle(), VoxVolumeData::fromData(*volume, 4).middle());
+    const auto nodes = section.overlay(settings, true).nodes;
+    const auto coarse = ReciprocalSection(half, cell).overlay(settings, true).nodes;
+    ASSERT_EQ(coarse.size(), nodes.size());
+    for (std::size_t i = 0; i < nodes.size(); ++i)
+        EXPECT_LT(std::hypot(coarse[i].x - nodes[i].x, coarse[i].y - nodes[i].y), 1);
 }
 
 TEST(ReciprocalSection, MarksWhatWasNotMeasuredAndRefusesWhatIsNoPlane) {
