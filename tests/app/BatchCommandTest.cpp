@@ -22,13 +22,6 @@ protected:
         jsonOf("simulate -o " + path + " --size 64 --dmin 1.2 --tilts -45:45:3 --write-axis " + options);
     }
     Json record(const std::string& name) const { return jsonFile("out/records/" + name + ".json"); }
-    std::vector<std::string> names() const {
-        std::vector<std::string> all;
-        const Json plan = jsonFile("out/batch.json");
-        for (const Json& job : plan["jobs"])
-            all.push_back(job["name"]);
-        return all;
-    }
 };
 
 TEST_F(BatchCommand, DoesJobsOnceAndSaysWhatBecameOfThem) {
@@ -38,7 +31,8 @@ TEST_F(BatchCommand, DoesJobsOnceAndSaysWhatBecameOfThem) {
     EXPECT_EQ(vrk("batch data -o out --dry-run" + options).exitCode, 0);
     EXPECT_FALSE(exists("out"));
     ASSERT_EQ(vrk("batch data -o out --plan-only" + options).exitCode, 0);
-    ASSERT_EQ(names().size(), 4U);
+    const Json jobs = jsonFile("out/batch.json")["jobs"];
+    ASSERT_EQ(jobs.size(), 4U);
     EXPECT_EQ(std::ranges::count(folder.read("out/jobs.txt"), '\n'), 4);
 
     // One that fails does not keep the others in its row from being done, and nobody sees how they were done.
@@ -51,7 +45,8 @@ TEST_F(BatchCommand, DoesJobsOnceAndSaysWhatBecameOfThem) {
         << command;
     EXPECT_EQ(vrk("verify out/results/good --input data/good.mrc").exitCode, 0);
     fs::remove(folder / "out/records/bad.json");
-    for (const std::string& name : names()) {
+    for (const Json& job : jobs) {
+        const std::string name = job["name"];
         for (int times = 0; times < 2; ++times)
             EXPECT_EQ(vrk("batch -o out --job " + name).exitCode, name == "bad" ? 1 : 0) << name;
         // What has a result is not run again, what failed is.

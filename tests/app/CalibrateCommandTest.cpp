@@ -1,6 +1,7 @@
 // vrk calibrate, and what its file does for other crystals.
 
 #include "app/RunVrk.h"
+#include "support/JsonMatrix.h"
 
 namespace {
 
@@ -32,13 +33,11 @@ TEST_F(CalibrateCommandTest, PutsAnotherCrystalRightThatCouldNotTell) {
 
     const Json plain = jsonOf("run b.mrc -o plain --no-pictures --no-integration");
     const Json right = jsonOf("run b.mrc -o right --no-pictures --distortion d.json");
-    const Json truth = jsonFile("b.truth.json");
+    const auto truth = cellOf(jsonFile("b.truth.json")["cell"]["primitive"]);
     const auto error = [&](const Json& cells) {
         double most = 0;
-        for (const char* edge : {"a", "b", "c"})
-            most = std::max(
-                most,
-                std::abs(cells[edge].get<double>() / truth["cell"]["primitive"][edge].get<double>() - 1));
+        for (std::size_t i = 0; i < 3; ++i)
+            most = std::max(most, std::abs(cellOf(cells)[i] / truth[i] - 1));
         return most;
     };
     EXPECT_GT(error(plain["cell"]["reduced"]), 0.01);

@@ -68,9 +68,6 @@ TEST_F(CellCommandTest, FindsTheCellOfPeakFileAndListAndReportsWhatItRestsOn) {
         EXPECT_TRUE(json["merged"].is_null());
         EXPECT_EQ(json["parameters"]["clustering"], has("fsc") ? "fsc" : has("ddsc") ? "ddsc" : "dbscan");
         EXPECT_EQ(json["parameters"]["min_points"].is_null(), has("fsc"));
-        if (has("--eps")) {
-            EXPECT_EQ(json["parameters"]["min_points"], 10);
-        }
         for (const double component : json["origin_px"])
             EXPECT_LT(std::abs(component), 0.2);
         UnitCell written;
@@ -86,9 +83,8 @@ TEST_F(CellCommandTest, FindsTheCellOfPeakFileAndListAndReportsWhatItRestsOn) {
         EXPECT_EQ(report["reciprocal_vectors_px"], json["reciprocal_vectors_px"]);
         EXPECT_EQ(report["displacements"]["all"]["indexed"], json["reflections"]["indexed"]);
         EXPECT_TRUE(report["reduction"]["is_niggli_cell"]);
-        EXPECT_EQ(report["clustering"].get<std::string>().substr(0, 3), has("fsc")    ? "FSC"
-                                                                        : has("ddsc") ? "DDS"
-                                                                                      : "DBS");
+        const char* clustering = has("fsc") ? "FSC" : has("ddsc") ? "DDS" : "DBS";
+        EXPECT_TRUE(report["clustering"].get<std::string>().starts_with(clustering));
         EXPECT_GE(report["clusters"].size(), 8u);
         EXPECT_GT(std::ranges::count_if(report["clusters"],
                                         [](const Json& cluster) { return cluster["distance"] < 1.0; }),
@@ -98,8 +94,6 @@ TEST_F(CellCommandTest, FindsTheCellOfPeakFileAndListAndReportsWhatItRestsOn) {
         // The header and one line a vector.
         EXPECT_EQ(std::ranges::count(folder.read("dump/DiffVectors.dat"), '\n'),
                   report["difference_vectors"].get<long>() + 1);
-        EXPECT_FALSE(folder.read("dump/BeginPoint.dat").empty());
-        EXPECT_TRUE(says(folder.read("dump/CellFinding.plt"), "splot 'DiffVectors.dat'"));
         std::filesystem::remove_all(folder / "dump");
     }
     EXPECT_TRUE(says(folder.read("log.txt"), "Clustering started..."));
@@ -134,26 +128,22 @@ TEST_F(CellCommandTest, PrintsTheParametersThatFindTheCellAgain) {
 }
 
 TEST_F(CellCommandTest, MergesThePeaksOfFrames) {
-    // Every node on two to four frames half a degree apart.
+    // Every node on three frames half a degree apart.
     const Json head = jsonOf("cell list.txt -o cell.txt");
     std::ostringstream frames;
-    int peaks = 0, count = 0;
     for (const std::string& line : folder.lines("list.txt")) {
         double x = 0, y = 0, z = 0;
         std::istringstream(line) >> x >> y >> z;
-        const int times = 2 + count++ % 3;
-        for (int i = 0; i < times; ++i, ++peaks) {
-            const double turn = (i - 0.5 * (times - 1)) * 0.5 * std::acos(-1.0) / 180.0;
+        for (const double turn : {-0.0087, 0.0, 0.0087})
             frames << x * std::cos(turn) + z * std::sin(turn) << ' ' << y << ' '
                    << z * std::cos(turn) - x * std::sin(turn) << " 10\n";
-        }
     }
     folder.write("frames.txt", frames.str());
     const Json json = jsonOf("cell frames.txt -o x.txt --pixel-size 5e7");
     EXPECT_EQ(json["lattice"]["bravais"], "tI");
     EXPECT_NEAR(json["cell"]["volume"], 900.0, 15.0);
-    EXPECT_EQ(json["merged"]["peaks"], peaks);
-    EXPECT_NEAR(json["reflections"]["found"].get<int>(), count, 0.05 * count);
+    EXPECT_EQ(json["merged"]["peaks"], 3 * m_count);
+    EXPECT_NEAR(json["reflections"]["found"].get<int>(), m_count, 0.05 * m_count);
     EXPECT_NEAR(json["reflections"]["fraction_indexed"], head["reflections"]["fraction_indexed"], 0.05);
     const VrkResult text = vrk("cell frames.txt -o x.txt --pixel-size 5e7 --merge 0.9");
     EXPECT_TRUE(says(text.out, {", within 0.9 voxels", " --merge 0.9\n"}));

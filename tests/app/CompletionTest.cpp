@@ -7,13 +7,8 @@ std::string offered(const std::string& script, const std::string& line, int word
     const std::string command = "bash -c 'source " + script + "; COMP_WORDS=(" + line +
                                 "); COMP_CWORD=" + std::to_string(words - 1) +
                                 "; _vrk; echo \" ${COMPREPLY[*]} \"'";
-    std::FILE* pipe = popen(command.c_str(), "r");
-    if (!pipe) return "no shell";
-    std::string text;
-    for (int c = std::fgetc(pipe); c != EOF; c = std::fgetc(pipe))
-        text += static_cast<char>(c);
-    pclose(pipe);
-    return text;
+    const TemporaryFolder folder;
+    return std::system((command + " > " + (folder / "text")).c_str()) == 0 ? folder.read("text") : "failed";
 }
 
 TEST(CompletionTest, BashCompletesCommandsOptionsAndChoices) {

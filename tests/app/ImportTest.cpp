@@ -1,9 +1,10 @@
 #include <opencv2/imgcodecs.hpp>
+#include <regex>
 
 #include "VoxCore/IO/VoxMRCFileHandler.h"
-#include "app/RunVrk.h"
+#include "frames/ExpectedFrames.h"
+#include "pipeline/base/NumberText.h"
 #include "pipeline/frames/FrameCollection.h"
-#include "pipeline/frames/FrameFile.h"
 #include "pipeline/frames/SeriesHeader.h"
 #include "pipeline/frames/SeriesImport.h"
 #include "support/FailureOf.h"
@@ -11,34 +12,7 @@
 
 namespace {
 
-using vrk::ImportResult;
 using vrk::ImportSettings;
-
-constexpr int kWidth = 5;
-constexpr int kHeight = 4;
-
-/// "f3.img" and the like.
-std::string numbered(const char* stem, int number, const char* extension) {
-    return std::string(stem).append(std::to_string(number)).append(extension);
-}
-
-/// Pixel i of frame number f in every file that these tests write.
-int pixel(int frame, int i) {
-    return 100 * frame + 3 * i + 1;
-}
-
-template <class Number>
-std::string pixels(int frame, bool bigEndian = false) {
-    std::string bytes;
-    for (int i = 0; i < kWidth * kHeight; ++i) {
-        const auto value = static_cast<Number>(pixel(frame, i));
-        char raw[sizeof(Number)];
-        std::memcpy(raw, &value, sizeof raw);
-        if (bigEndian) std::reverse(raw, raw + sizeof raw);
-        bytes.append(raw, sizeof raw);
-    }
-    return bytes;
-}
 
 std::string smvHeader(const std::string& keys) {
     std::string header = "{\nHEADER_BYTES=  512;\nDIM=2;\nSIZE1=5;\nSIZE2=4;\n" + keys + "}\n";
@@ -51,7 +25,7 @@ std::string smv(int frame, double start, double range = 0.5) {
                "BYTE_ORDER=little_endian;\nTYPE=unsigned_short;\nPIXEL_SIZE=0.05;\nDISTANCE=200;\n"
                "WAVELENGTH=0.0251;\nTIME=0.5;\nPHI=99;\nOSC_START=" +
                std::to_string(start) + ";\nOSC_RANGE=" + std::to_string(range) + ";\n") +
-           pixels<std::uint16_t>(frame);
+           rawFrame<std::uint16_t>(frame);
 }
 
 template <class Number>
@@ -59,7 +33,7 @@ std::string mrc(
     int frames, std::int32_t mode, const std::string& extended,
     const std::function<void(std::string&)>& change = [](std::string&) {}) {
     std::string bytes(1024, '\0');
-    const std::int32_t fields[] = {kWidth, kHeight, frames, mode};
+    const std::int32_t fields[] = {kFrameWidth, kFrameHeight, frames, mode};
     std::memcpy(bytes.data(), fields, sizeof fields);
     MRCBytes::put(bytes, 92, static_cast<std::int32_t>(extended.size()));
     MRCBytes::put(bytes, 84, 255.0F);
@@ -68,54 +42,52 @@ std::string mrc(
     change(bytes);
     bytes += extended;
     for (int i = 0; i < frames; ++i)
-        bytes += pixels<Number>(i);
+        bytes += rawFrame<Number>(i);
     return bytes;
 }
 
-/// Records of float values, the tilts -1, 0, 1, ... degrees first.
-std::string floatRecords(int frames, std::size_t recordBytes,
-                         const std::vector<std::pair<int, float>>& values, std::size_t totalBytes = 0) {
-    std::string extended(static_cast<std::size_t>(frames) * recordBytes, '\0');
-    for (int i = 0; i < frames; ++i) {
-        const std::size_t start = static_cast<std::size_t>(i) * recordBytes;
-        MRCBytes::put(extended, start, static_cast<float>(i - 1));
-        for (const auto& [place, value] : values)
-            MRCBytes::put(extended, start + 4 * static_cast<std::size_t>(place), value);
+/// Three records of an extended header, of which the n-th is made for the tilt n - 1 degrees.
+std::string records(std::size_t size, char fill, const std::function<void(std::string&, int)>& make) {
+    std::string extended;
+    for (const int tilt : {-1, 0, 1}) {
+        std::string record(size, fill);
+        make(record, tilt);
+        extended += record;
     }
-    if (totalBytes > extended.size()) extended.resize(totalBytes, '\0');
     return extended;
 }
 
-std::string feiRecords(int frames, std::int32_t size, double pixelSize) {
-    std::string extended(static_cast<std::size_t>(frames * size), '\0');
-    for (int i = 0; i < frames; ++i) {
-        const auto start = static_cast<std::size_t>(i * size);
-        MRCBytes::put(extended, start, size);
-        MRCBytes::put(extended, start + 84, 300e3);
-        MRCBytes::put(extended, start + 100, static_cast<double>(i - 1));
-        MRCBytes::put(extended, start + 140, 84.5);
-        MRCBytes::put(extended, start + 156, pixelSize);
-    }
-    return extended;
+/// Of float values, the tilt first.
+std::string floatRecords(std::size_t size, const std::vector<std::pair<std::size_t, float>>& values) {
+    return records(size, '\0', [&](std::string& record, int tilt) {
+        MRCBytes::put(record, 0, static_cast<float>(tilt));
+        for (const auto& [place, value] : values)
+            MRCBytes::put(record, 4 * place, value);
+    });
+}
+
+std::string feiRecords(std::int32_t size, double pixelSize) {
+    return records(static_cast<std::size_t>(size), '\0', [&](std::string& record, int tilt) {
+        MRCBytes::put(record, 0, size);
+        for (const auto& [place, value] :
+             {std::pair(84U, 300e3), {100U, 1.0 * tilt}, {140U, 84.5}, {156U, pixelSize}})
+            MRCBytes::put(record, place, value);
+    });
 }
 
 /// Records that count their numbers in the header, or say with flags what they hold: the tilt is a 16-bit
 /// integer in hundredths of a degree at the front, or the first real number behind the integers.
-std::string shortRecords(int frames, int recordBytes, int integers) {
-    std::string extended(static_cast<std::size_t>(frames * recordBytes), '\x07');
-    for (int i = 0; i < frames; ++i) {
-        const auto start = static_cast<std::size_t>(i * recordBytes);
-        if (integers < 0)
-            MRCBytes::put(extended, start, static_cast<std::int16_t>(100 * (i - 1)));
+std::string shortRecords(std::size_t size, std::size_t integers) {
+    return records(size, '\x07', [&](std::string& record, int tilt) {
+        if (integers == 0)
+            MRCBytes::put(record, 0, static_cast<std::int16_t>(100 * tilt));
         else
-            MRCBytes::put(extended, start + 4 * static_cast<std::size_t>(integers),
-                          static_cast<float>(i - 1));
-    }
-    return extended;
+            MRCBytes::put(record, 4 * integers, static_cast<float>(tilt));
+    });
 }
 
 struct Imported {
-    ImportResult result;
+    vrk::ImportResult result;
     std::vector<std::string> warnings;
 
     const mrcH& header() const { return result.series->m_Header; }
@@ -148,18 +120,22 @@ void expectWarnings(const Imported& imported, std::vector<std::string> told) {
 void expectThreeFrames(const Imported& imported, const std::vector<std::string>& told = {}) {
     ASSERT_NE(imported.result.series, nullptr);
     ASSERT_EQ(imported.header().nz, 3);
-    EXPECT_EQ(imported.header().nx, kWidth);
-    EXPECT_EQ(imported.header().ny, kHeight);
+    EXPECT_EQ(imported.header().nx, kFrameWidth);
+    EXPECT_EQ(imported.header().ny, kFrameHeight);
     EXPECT_EQ(imported.header().type, MRCType::TILT_SERIES);
     for (int z = 0; z < 3; ++z) {
         EXPECT_NEAR(imported.header().tilt(z), z - 1, 1e-5);
-        for (int i = 0; i < kWidth * kHeight; ++i)
-            ASSERT_EQ(imported.at(z, i), pixel(z, i)) << z << ' ' << i;
+        for (int i = 0; i < kFramePixels; ++i)
+            ASSERT_EQ(imported.at(z, i), countAt(z, i)) << z << ' ' << i;
     }
     expectWarnings(imported, told);
 }
 
 struct Import : testing::Test {
+    void add(const std::string& name, const std::string& bytes) {
+        settings.files.push_back(folder.write(name, bytes));
+    }
+
     TemporaryFolder folder;
     ImportSettings settings;
 };
@@ -167,7 +143,7 @@ struct Import : testing::Test {
 TEST_F(Import, SmvFramesCarryTheirGeometry) {
     // Descending, and neither in the order of the names.
     for (const int frame : {2, 0, 1})
-        settings.files.push_back(folder.write(numbered("f", 9 - frame, ".img"), smv(frame, frame - 1.25)));
+        add(vrk::formatted("f%d.img", 9 - frame), smv(frame, frame - 1.25));
     settings.axis = 49;
     const Imported imported = import(settings);
     expectThreeFrames(imported);
@@ -178,25 +154,19 @@ TEST_F(Import, SmvFramesCarryTheirGeometry) {
 }
 
 TEST_F(Import, SmvPixelsInEveryTypeAndByteOrder) {
-    const std::vector<std::pair<std::string, std::function<std::string(bool)>>> types = {
-        {"unsigned_char", [](bool big) { return pixels<std::uint8_t>(1, big); }},
-        {"unsigned_short", [](bool big) { return pixels<std::uint16_t>(1, big); }},
-        {"short", [](bool big) { return pixels<std::int16_t>(1, big); }},
-        {"long", [](bool big) { return pixels<std::int32_t>(1, big); }},
-        {"unsigned_long", [](bool big) { return pixels<std::uint32_t>(1, big); }},
-        {"float", [](bool big) { return pixels<float>(1, big); }}};
-    for (const auto& [type, bytes] : types)
-        for (const bool big : {false, true}) {
-            const std::string order = big ? "big_endian" : "little_endian";
-            const std::string path = folder.write(
-                "t.img",
-                smvHeader("PHI=3;\nTIME=2;\nTYPE=" + type + ";\nBYTE_ORDER=" + order + ";\n") + bytes(big));
-            const std::unique_ptr<vrk::FrameFile> file = vrk::FrameFile::open(path);
-            EXPECT_EQ(file->info(0).tilt, 3);
-            EXPECT_EQ(file->info(0).exposure, 2);
-            EXPECT_FALSE(file->info(0).pixelSize);
-            for (int i = 0; i < kWidth * kHeight; ++i)
-                ASSERT_EQ(file->read(0).pixels[static_cast<std::size_t>(i)], pixel(1, i)) << type << order;
+    for (const bool big : {false, true})
+        for (const auto& [type, bytes] : {std::pair("unsigned_char", rawFrame<std::uint8_t>(1, big)),
+                                          {"unsigned_short", rawFrame<std::uint16_t>(1, big)},
+                                          {"short", rawFrame<std::int16_t>(1, big)},
+                                          {"long", rawFrame<std::int32_t>(1, big)},
+                                          {"unsigned_long", rawFrame<std::uint32_t>(1, big)},
+                                          {"float", rawFrame<float>(1, big)}}) {
+            SCOPED_TRACE(type);
+            const std::string keys = std::string("PHI=3;\nTIME=2;\nTYPE=") + type +
+                                     (big ? ";\nBYTE_ORDER=big_endian;\n" : ";\nBYTE_ORDER=little_endian;\n");
+            const std::string path = folder.write("t.img", smvHeader(keys) + bytes);
+            expectFrames(*vrk::FrameFile::open(path),
+                         {.firstTilt = 3, .exposure = 2, .count = 1, .first = 1});
         }
 }
 
@@ -205,14 +175,14 @@ TEST_F(Import, TiffPagesAndFiles) {
         std::vector<cv::Mat> stack;
         ImportSettings single;
         for (int frame = 0; frame < 3; ++frame) {
-            cv::Mat page(kHeight, kWidth, CV_32S);
-            for (int i = 0; i < kWidth * kHeight; ++i)
-                page.at<int>(i / kWidth, i % kWidth) =
-                    depth == CV_8S || depth == CV_8U ? i - 5 : pixel(frame, i);
+            cv::Mat page(kFrameHeight, kFrameWidth, CV_32S);
+            for (int i = 0; i < kFramePixels; ++i)
+                page.at<int>(i / kFrameWidth, i % kFrameWidth) =
+                    depth == CV_8S || depth == CV_8U ? i - 5 : countAt(frame, i);
             cv::Mat converted;
             page.convertTo(converted, depth);
             stack.push_back(converted);
-            single.files.push_back(folder / numbered("s", frame, ".tif"));
+            single.files.push_back(folder / vrk::formatted("s%d.tif", frame));
             ASSERT_TRUE(cv::imwrite(single.files.back().string(), converted));
         }
         ASSERT_TRUE(cv::imwrite(folder / "m.tif", stack));
@@ -232,9 +202,6 @@ TEST_F(Import, TiffPagesAndFiles) {
 
 TEST_F(Import, MrcModesAndExtendedHeaders) {
     using Case = std::tuple<const char*, std::string, double, double, double>;
-    const auto kind = [](const char* text) {
-        return [text](std::string& header) { std::memcpy(header.data() + 104, text, 4); };
-    };
     const auto counted = [](const std::string& text, int first, int second) {
         return [=](std::string& header) {
             std::memcpy(header.data() + 104, text.data(), text.size());
@@ -242,20 +209,18 @@ TEST_F(Import, MrcModesAndExtendedHeaders) {
             MRCBytes::put(header, 130, static_cast<std::int16_t>(second));
         };
     };
-    const auto oldRecords = floatRecords(3, 128, {{11, 5e7F}, {13, 300e3F}, {10, 84.5F}}, 1024 * 128);
+    auto oldRecords = floatRecords(128, {{11, 5e7F}, {13, 300e3F}, {10, 84.5F}});
+    oldRecords.resize(1024 * 128);
     const std::vector<Case> cases = {
         {"128-byte records", mrc<std::int16_t>(3, 1, oldRecords), 5e7, 300, 0},
-        {"128-byte records of an image", mrc<std::int16_t>(3, 1, floatRecords(3, 128, {{11, 2e-10F}})), 0, 0,
-         0},
-        {"144-byte records", mrc<float>(3, 2, floatRecords(3, 144, {{11, 5e7F}, {15, 120}, {8, 33}})), 5e7,
-         120, 33},
-        {"SerialEM", mrc<std::int16_t>(3, 1, shortRecords(3, 8, -1), counted("SERI", 8, 1)), 0, 0, 0},
-        {"SerialEM, not marked", mrc<std::int16_t>(3, 1, shortRecords(3, 12, -1), counted("", 12, 7)), 0, 0,
-         0},
-        {"integers and reals", mrc<std::int16_t>(3, 1, shortRecords(3, 20, 2), counted("AGAR", 2, 3)), 0, 0,
-         0},
-        {"FEI1", mrc<std::uint16_t>(3, 6, feiRecords(3, 768, 4e7), kind("FEI1")), 4e7, 300, 0},
-        {"FEI2", mrc<std::int16_t>(3, 1, feiRecords(3, 888, 2e-10), kind("FEI2")), 0, 300, 0},
+        {"128-byte records of an image", mrc<std::int16_t>(3, 1, floatRecords(128, {{11, 2e-10F}})), 0, 0, 0},
+        {"144-byte records", mrc<float>(3, 2, floatRecords(144, {{11, 5e7F}, {15, 120}, {8, 33}})), 5e7, 120,
+         33},
+        {"SerialEM", mrc<std::int16_t>(3, 1, shortRecords(8, 0), counted("SERI", 8, 1)), 0, 0, 0},
+        {"SerialEM, not marked", mrc<std::int16_t>(3, 1, shortRecords(12, 0), counted("", 12, 7)), 0, 0, 0},
+        {"integers and reals", mrc<std::int16_t>(3, 1, shortRecords(20, 2), counted("AGAR", 2, 3)), 0, 0, 0},
+        {"FEI1", mrc<std::uint16_t>(3, 6, feiRecords(768, 4e7), counted("FEI1", 0, 0)), 4e7, 300, 0},
+        {"FEI2", mrc<std::int16_t>(3, 1, feiRecords(888, 2e-10), counted("FEI2", 0, 0)), 0, 300, 0},
     };
     for (const auto& [name, bytes, pixelSize, kilovolts, axis] : cases) {
         SCOPED_TRACE(name);
@@ -293,8 +258,8 @@ TEST_F(Import, TiltListsAndFrameLists) {
         expectThreeFrames(import(settings));
     }
     for (int frame = 0; frame < 3; ++frame)
-        folder.write(numbered("0000", frame, ".mrc"),
-                     mrc<std::int16_t>(1, 1, "").substr(0, 1024) + pixels<std::int16_t>(frame));
+        folder.write(vrk::formatted("0000%d.mrc", frame),
+                     mrc<std::int16_t>(1, 1, "").substr(0, 1024) + rawFrame<std::int16_t>(frame));
     ImportSettings listed;
     listed.files = {
         folder.write("1.ed3d",
@@ -304,9 +269,7 @@ TEST_F(Import, TiltListsAndFrameLists) {
     const Imported imported = import(listed);
     expectThreeFrames(imported);
     std::filesystem::create_directory(folder / "lists");
-    std::string outside = folder.read("1.ed3d");
-    for (std::size_t at = 0; (at = outside.find("FILE ", at)) != std::string::npos; at += 8)
-        outside.insert(at + 5, "../");
+    const std::string outside = std::regex_replace(folder.read("1.ed3d"), std::regex("FILE "), "FILE ../");
     ImportSettings precessed;
     precessed.files = {folder.write("p.pts",
                                     "geometry precession\nphi 1.1\nomega 100\nimagelist\n00000.mrc -1 0\n"
@@ -328,25 +291,24 @@ TEST_F(Import, TiltListsAndFrameLists) {
 TEST_F(Import, SumsNeighboursButNotAcrossGaps) {
     const std::vector<double> starts = {0, 0.5, 1, 1.5, 2, 3, 3.5, 4};
     for (std::size_t i = 0; i < starts.size(); ++i)
-        settings.files.push_back(
-            folder.write(numbered("f", static_cast<int>(i), ".img"), smv(static_cast<int>(i), starts[i])));
+        add(vrk::formatted("f%d.img", static_cast<int>(i)), smv(static_cast<int>(i), starts[i]));
     settings.sum = 2;
     const Imported imported = import(settings);
     ASSERT_EQ(imported.header().nz, 5);
     const std::vector<float> tilts = {0.5F, 1.5F, 2.25F, 3.5F, 4.25F};
     for (int z = 0; z < 5; ++z)
         EXPECT_FLOAT_EQ(imported.header().tilt(z), tilts[static_cast<std::size_t>(z)]);
-    EXPECT_EQ(imported.at(1, 7), pixel(2, 7) + pixel(3, 7));
-    EXPECT_EQ(imported.at(4, 7), pixel(7, 7));
+    EXPECT_EQ(imported.at(1, 7), countAt(2, 7) + countAt(3, 7));
+    EXPECT_EQ(imported.at(4, 7), countAt(7, 7));
     EXPECT_EQ(imported.header().value(SliceValue::ExposureTime, 1), 1) << "seconds add up, too";
     expectWarnings(imported, {"2 slices hold fewer than 2 frames"});
 }
 
 TEST_F(Import, DropsEmptyAndRepeatedFramesWithAWarning) {
-    settings.files = {
-        folder.write("a.img", smv(0, -1.25)), folder.write("b.img", smv(5, -1.25)),
-        folder.write("c.img", smv(1, -0.25)), folder.write("d.img", smv(2, 0.75)),
-        folder.write("e.img", smv(0, 1.75).substr(0, 512) + std::string(2 * kWidth * kHeight, '\0'))};
+    for (const auto& [name, frame, start] :
+         {std::tuple("a.img", 0, -1.25), {"b.img", 5, -1.25}, {"c.img", 1, -0.25}, {"d.img", 2, 0.75}})
+        add(name, smv(frame, start));
+    add("e.img", smv(0, 1.75).substr(0, 512) + std::string(2 * kFramePixels, '\0'));
     const Imported imported = import(settings);
     EXPECT_EQ(imported.result.duplicates, 1);
     EXPECT_EQ(imported.result.empty, 1);
@@ -355,15 +317,14 @@ TEST_F(Import, DropsEmptyAndRepeatedFramesWithAWarning) {
 }
 
 TEST_F(Import, ClipsWithACountAndBins) {
-    const auto wide = [](std::string keys) {
-        return smvHeader("TYPE=unsigned_short;\nPIXEL_SIZE=0.05;\nDISTANCE=200;\nWAVELENGTH=0.0251;\n" +
-                         keys);
+    const auto wide = [](const std::string& keys) {
+        return smvHeader("TYPE=unsigned_short;\nDISTANCE=200;\nWAVELENGTH=0.0251;\n" + keys);
     };
     std::string bright;
-    for (int i = 0; i < kWidth * kHeight; ++i)
+    for (int i = 0; i < kFramePixels; ++i)
         bright += i == 6 ? std::string("\xff\xff") : std::string("\1\0", 2);
-    settings.files = {folder.write("a.img", wide("PHI=1;\n") + bright),
-                      folder.write("b.img", wide("PHI=2;\n") + bright)};
+    add("a.img", wide("PHI=1;\nPIXEL_SIZE=0.05;\n") + bright);
+    add("b.img", wide("PHI=2;\nPIXEL_SIZE=0.05;\n") + bright);
     Imported imported = import(settings);
     EXPECT_EQ(imported.result.clipped, 2);
     EXPECT_EQ(imported.at(0, 6), 32767);
@@ -383,10 +344,9 @@ TEST_F(Import, ClipsWithACountAndBins) {
     // Of five columns and four rows, three in the middle and the first three; files that say different
     // things.
     settings = {};
-    settings.files = {folder.write("c.img", smv(0, 0)), folder.write("d.img", wide("PHI=2;\n") + bright),
-                      folder.write("e.img", smvHeader("PHI=3;\nTYPE=unsigned_short;\nPIXEL_SIZE=0.06;\n"
-                                                      "DISTANCE=200;\nWAVELENGTH=0.0251;\n") +
-                                                pixels<std::uint16_t>(2))};
+    add("c.img", smv(0, 0));
+    add("d.img", wide("PHI=2;\nPIXEL_SIZE=0.05;\n") + bright);
+    add("e.img", wide("PHI=3;\nPIXEL_SIZE=0.06;\n") + rawFrame<std::uint16_t>(2));
     settings.bin = 3;
     settings.scale = 0.4;
     imported = import(settings);
@@ -400,7 +360,7 @@ TEST_F(Import, ClipsWithACountAndBins) {
 }
 
 TEST_F(Import, MoreFramesThanSlicesAreSummed) {
-    settings.files = {folder.write("s.mrc", mrc<std::int16_t>(301, 1, ""))};
+    add("s.mrc", mrc<std::int16_t>(301, 1, ""));
     settings.tilts = "-30:0.1";
     const Imported imported = import(settings);
     EXPECT_EQ(imported.header().nz, 151);
@@ -414,7 +374,7 @@ TEST_F(Import, MoreFramesThanSlicesAreSummed) {
 
 TEST_F(Import, AFolderStandsForItsFrames) {
     for (const int frame : {0, 1, 2})
-        folder.write(numbered("f", frame + 9, ".img"), smv(frame, frame - 1.25));
+        folder.write(vrk::formatted("f%d.img", frame + 9), smv(frame, frame - 1.25));
     folder.write("preview.mrc", MRCBytes(8, 8, 1).bytes());
     folder.write("notes.txt", "nothing");
     settings.files = {folder / ""};
@@ -449,8 +409,7 @@ TEST_F(Import, TiltsBeyondAQuarterTurnAreCountedFromTheirMiddle) {
                                        {90.75, "91 is subtracted"}}) {
         settings = {};
         for (const int frame : {0, 1, 2})
-            settings.files.push_back(
-                folder.write(numbered("f", frame, ".img"), smv(frame, middle + frame - 1)));
+            add(vrk::formatted("f%d.img", frame), smv(frame, middle + frame - 1));
         expectThreeFrames(import(settings), {told});
         // All the way round there is no middle.
         settings.tilts = "-100:100";
@@ -461,11 +420,11 @@ TEST_F(Import, TiltsBeyondAQuarterTurnAreCountedFromTheirMiddle) {
 TEST_F(Import, FramesThatCannotBeReadAreNamedOrSkipped) {
     const std::string stack = mrc<std::int16_t>(4, 1, "");
     ImportSettings& frames = settings;
-    for (const int frame : {0, 1, 2})
-        frames.files.push_back(folder.write(numbered("a", 2 * frame, ".img"), smv(frame, 0)));
-    frames.files.push_back(folder.write("a1.img", "{\nHEADER_BYTES=512;\n"));
-    frames.files.push_back(folder.write("a3.img", smv(0, 0).substr(0, 530)));
-    std::sort(frames.files.begin(), frames.files.end());
+    add("a0.img", smv(0, 0));
+    add("a1.img", "{\nHEADER_BYTES=512;\n");
+    add("a2.img", smv(1, 0));
+    add("a3.img", smv(0, 0).substr(0, 530));
+    add("a4.img", smv(2, 0));
     frames.tilts = "-1:0.5";  // bad frames keep their place
     ImportSettings cut;
     cut.files = {folder.write("cut.mrc", stack.substr(0, stack.size() - 3))};
@@ -485,21 +444,19 @@ TEST_F(Import, FramesThatCannotBeReadAreNamedOrSkipped) {
 
 TEST_F(Import, CountsBeyondSixteenBitsGetAFactorThatIsTold) {
     for (const int frame : {0, 1, 2}) {
-        std::string bytes =
-            smvHeader("TYPE=float;\nPIXEL_SIZE=0.05;\nDISTANCE=200;\nWAVELENGTH=0.0251;\nPHI=" +
-                      std::to_string(frame - 1) + ";\n");
-        for (int i = 0; i < kWidth * kHeight; ++i) {
-            const auto value = static_cast<float>(0.01 * pixel(frame, i));
-            bytes.append(reinterpret_cast<const char*>(&value), 4);
+        std::string bytes = smvHeader("TYPE=float;\nPHI=" + std::to_string(frame - 1) + ";\n");
+        for (int i = 0; i < kFramePixels; ++i) {
+            const auto value = static_cast<float>(0.01 * countAt(frame, i));
+            bytes += rawBytes(value);
         }
-        settings.files.push_back(folder.write(numbered("f", frame, ".img"), bytes));
+        add(vrk::formatted("f%d.img", frame), bytes);
     }
     const Imported imported = import(settings);
     expectWarnings(imported, {"multiplied by"});
     EXPECT_GT(imported.result.scale, 100);
     EXPECT_EQ(imported.result.clipped, 0);
     for (const int i : {0, 7, 19})
-        EXPECT_NEAR(imported.at(2, i), 0.01 * pixel(2, i) * imported.result.scale, 0.51);
+        EXPECT_NEAR(imported.at(2, i), 0.01 * countAt(2, i) * imported.result.scale, 0.51);
     EXPECT_TRUE(says(std::string(imported.header().labl.data(), 80), "counts x"));
 }
 
@@ -576,8 +533,7 @@ TEST_F(Import, KeepsHowTheCrystalTurnedDuringAFrame) {
           Row{2, 1, std::nullopt, "turns by 2 degrees, but their tilts are 1 apart"}}) {
         SCOPED_TRACE(range);
         for (int frame = 0; frame < 6; ++frame)
-            settings.files.push_back(
-                folder.write(numbered("f", frame, ".img"), smv(frame, frame - range / 2, range)));
+            add(vrk::formatted("f%d.img", frame), smv(frame, frame - range / 2, range));
         settings.sum = sum;
         const Imported imported = import(settings);
         const std::optional<vrk::StatedMotion> motion = vrk::statedMotion(imported.header());

@@ -5,41 +5,36 @@
 #include "app/RunVrk.h"
 #include "merging/SimulatedCrystals.h"
 #include "pipeline/formats/ReflectionTable.h"
+#include "support/JsonMatrix.h"
 
 namespace {
 
 /// The files of a run that merging reads.
 void writeResult(const vrk::CrystalData& crystal, const std::filesystem::path& folder) {
     std::filesystem::create_directory(folder);
-    Json cell;
-    for (std::size_t i = 0; i < 6; ++i)
-        cell[std::vector<const char*>{"a", "b", "c", "alpha", "beta", "gamma"}[i]] = crystal.cell.cell[i];
+    const Json cell = jsonOfCell(crystal.cell.cell);
     const Json summary = {{"parameters", {{"voltage_kv", crystal.kiloVolts}}},
                           {"intensities", {{"cell", cell}, {"resolution", {{"d_min", crystal.dMin}}}}},
                           {"crystals", {{{"bravais", crystal.bravais}, {"cell", cell}}}}};
     std::ofstream(folder / "summary.json") << summary;
     // One that was seen and not measured, and one of a crystal that is not there.
-    std::vector<vrk::ListedReflection> list(2);
-    list[0].counts = 70;
-    list[1].crystal = 2;
-    list[1].sigma = 1;
+    std::vector<vrk::ListedReflection> list = {{.counts = 70}, {.crystal = 2, .sigma = 1}};
     for (const vrk::Observation& one : crystal.observations) {
-        list.emplace_back();
-        list.back().hkl = one.hkl;
-        list.back().crystal = 1;
-        list.back().spacing = one.spacing;
-        list.back().intensity = one.intensity;
-        list.back().sigma = one.sigma;
+        list.push_back({.hkl = one.hkl,
+                        .crystal = 1,
+                        .spacing = one.spacing,
+                        .intensity = one.intensity,
+                        .sigma = one.sigma});
     }
     vrk::writeReflectionTable(list, folder / "reflections.csv");
 }
 
-class MergeCommandTest : public testing::Test {
+class MergeCommandTest : public SharedVrkTest {
 protected:
     /// Crystals of a polar tetragonal structure, every second in swapped axes; bad has intensities of its
     /// own, other another cell.
     static void SetUpTestSuite() {
-        folder = std::make_unique<TemporaryFolder>();
+        SharedVrkTest::SetUpTestSuite();
         testing_support::SimulatedCrystals simulated{{6.5, 6.5, 8.3, 90, 90, 90}, 'P', "tP", "P 4"};
         Eigen::Matrix3d swap;
         swap << 0, 1, 0, 1, 0, 0, 0, 0, -1;
@@ -53,22 +48,17 @@ protected:
         crystals[5].observations.clear();
         writeResult(crystals[5], *folder / "empty");
     }
-    static void TearDownTestSuite() { folder.reset(); }
-
     static Json merged(const std::string& arguments) {
-        return jsonOfVrk("merge -o out --no-pictures " + arguments, *folder / ".");
+        return jsonOf("merge -o out --no-pictures " + arguments);
     }
-
-    inline static std::unique_ptr<TemporaryFolder> folder;
 };
 
 TEST_F(MergeCommandTest, WritesOneDataSet) {
-    const VrkResult result =
-        runVrkLine("merge r0 r1 r2 r3 empty -o first --formula SiO2 --log-level debug", *folder / ".");
+    const VrkResult result = vrk("merge r0 r1 r2 r3 empty -o first --formula SiO2 --log-level debug");
     ASSERT_EQ(result.exitCode, 0) << result.err;
     EXPECT_TRUE(says(result.err, "empty has no intensities"));
     EXPECT_TRUE(says(result.out, "crystals      4 of 4 merged"));
-    EXPECT_EQ(runVrkLine("verify first", *folder / ".").err, "");
+    EXPECT_EQ(vrk("verify first").err, "");
     const Json summary = Json::parse(folder->read("first/merge.json"));
     const Json& all = summary["/intensities/overall"_json_pointer];
     EXPECT_EQ(summary["/intensities/laue/class"_json_pointer], "4/m");
@@ -122,7 +112,7 @@ TEST_F(MergeCommandTest, ReferenceDecidesTheIndices) {
     }
     // A data set from before, as it lies there, or as an HKL file without and with blanks between its
     // columns.
-    ASSERT_EQ(runVrkLine("merge r0 r2 r3 -o turned --no-pictures --reference r3", *folder / ".").exitCode, 0);
+    ASSERT_EQ(vrk("merge r0 r2 r3 -o turned --no-pictures --reference r3").exitCode, 0);
     const std::string hkl = folder->read("turned/merged.hkl");
     std::filesystem::create_directory(*folder / "own");
     folder->write("own/plain.hkl", hkl);

@@ -1,5 +1,7 @@
 // What vrk says to those who ask it the wrong way, and how it ends.
 
+#include <regex>
+
 #include "app/RunVrk.h"
 #include "foundation/Version.h"
 #include "support/TiffBytes.h"
@@ -182,14 +184,14 @@ const std::vector<Group> kGroups = {
      }},
 };
 
-class MessagesTest : public testing::TestWithParam<Group> {
+class MessagesTest : public SharedVrkTest, public testing::WithParamInterface<Group> {
 protected:
     static void SetUpTestSuite() {
-        folder = std::make_unique<TemporaryFolder>();
+        SharedVrkTest::SetUpTestSuite();
         for (const char* line :
              {"simulate -o series.mrc --cell 5,6,7,90,90,90 --size 64 --dmin 2 --tilts -30:30:3",
               "preprocess series.mrc -o clean.mrc", "reconstruct clean.mrc -o volume.mrc"})
-            ASSERT_EQ(runVrkLine(line, *folder / ".").exitCode, 0) << line;
+            ASSERT_EQ(vrk(line).exitCode, 0) << line;
         folder->write("notes.txt", "what to do tomorrow\n");
         folder->write("empty.mrc", "");
         folder->write("cut.mrc", folder->read("series.mrc").substr(0, 1024 + 21 * 144 + 76));
@@ -224,10 +226,8 @@ protected:
     }
     static void TearDownTestSuite() {
         std::filesystem::permissions(*folder / "locked", std::filesystem::perms::owner_all);
-        folder.reset();
+        SharedVrkTest::TearDownTestSuite();
     }
-
-    inline static std::unique_ptr<TemporaryFolder> folder;
 };
 
 TEST_P(MessagesTest, BlameOneThingAndNameTheWayOut) {
@@ -261,7 +261,7 @@ TEST_F(MessagesTest, WarningsAreInPlainWords) {
           std::pair("index bright.txt known.txt -o x.hkl --keep-cell --pixel-size 1e8",
                     "vrk: warning: some intensities are too large for two decimals; the HKL file has the "
                     "format (3I4 2F8.1)\n")}) {
-        const VrkResult result = runVrkLine(line, *folder / ".");
+        const VrkResult result = vrk(line);
         EXPECT_EQ(result.exitCode, 0) << result.err;
         EXPECT_EQ(result.err.rfind(start, 0), 0U) << result.err;
         EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
@@ -300,24 +300,21 @@ struct Shown {
     std::string part;
 
     explicit Shown(const std::string& bytes) : controlled(bytes.find('\x1b') != std::string::npos) {
-        std::string text;
-        for (std::size_t i = 0; i < bytes.size(); ++i)
-            if (bytes[i] == '\x1b')
-                i += 2;  // wipes the rest of the line
-            else if (bytes[i] == '\r' || bytes[i] == '\n') {
-                if (words(text).size() > 1) longest = std::max(longest, text.size());
-                if (const std::size_t percent = text.find(" %"); percent != std::string::npos) {
-                    const int share = std::stoi(text.substr(text.rfind(' ', percent - 1)));
-                    ascends = ascends && (share >= lastShare || words(text)[0] != part);
-                    lastShare = share;
-                    part = words(text)[0];
-                }
-                lines += bytes[i] == '\n';
-                rewritten += bytes[i] == '\r' && i + 1 < bytes.size() && bytes[i + 1] != '\n';
-                text.clear();
-            } else {
-                text += bytes[i];
+        // What wipes the rest of a line is no part of it.
+        const std::string all = std::regex_replace(bytes, std::regex("\x1b.."), "");
+        std::size_t end = 0;
+        for (std::size_t at = 0; (end = all.find_first_of("\r\n", at)) != std::string::npos; at = end + 1) {
+            const std::string text = all.substr(at, end - at);
+            if (words(text).size() > 1) longest = std::max(longest, text.size());
+            if (const std::size_t percent = text.find(" %"); percent != std::string::npos) {
+                const int share = std::stoi(text.substr(text.rfind(' ', percent - 1)));
+                ascends = ascends && (share >= lastShare || words(text)[0] != part);
+                lastShare = share;
+                part = words(text)[0];
             }
+            lines += all[end] == '\n';
+            rewritten += all[end] == '\r' && end + 1 < all.size() && all[end + 1] != '\n';
+        }
     }
 };
 
@@ -337,10 +334,7 @@ TEST(Main, TerminalsGetWhatTheyCanShow) {
         EXPECT_FALSE(plain.controlled);
         EXPECT_EQ(plain.rewritten, 0);
     }
-    ASSERT_EQ(runVrkLine("simulate -o s.mrc --cell 5,6,7,90,90,90 --size 64 --dmin 2 --tilts -30:30:3",
-                         folder / ".")
-                  .exitCode,
-              0);
+    jsonOfVrk("simulate -o s.mrc --cell 5,6,7,90,90,90 --size 64 --dmin 2 --tilts -30:30:3", folder / ".");
     const std::string run = "run s.mrc -o r --no-pictures --no-integration --voltage 200 --json";
     const std::string bar = runVrkInTerminal(run, folder / ".", 30).out;
     const Shown parts(bar.substr(0, bar.find("vrk: ")));

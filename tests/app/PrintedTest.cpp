@@ -1,10 +1,10 @@
 // What a command prints says the same as its JSON.
 
-#include <cctype>
+#include <regex>
 
 #include "app/RunVrk.h"
 #include "pipeline/base/NumberText.h"
-#include "pipeline/batch/CsvTable.h"
+#include "pipeline/formats/ReflectionTable.h"
 #include "support/PicturePanel.h"
 #include "support/ReportedData.h"
 
@@ -88,12 +88,10 @@ const std::vector<Printed> kStages = {
       "{/tilt_axis} degrees"}},
     {"info series.mrc",
      "",
-     {"series.mrc: tilt series, {/header/nz} patterns of {/header/nx} x {/header/ny}",
-      "tilts {/tilt/first} to {/tilt/last} degrees, regular steps of {/tilt/step}",
-      "tilt axis {/tilt/axis} degrees from the image's y axis", "high tension {/tilt/high_tension_kv} kV",
+     {"tilts {/tilt/first} to {/tilt/last} degrees, regular steps of {/tilt/step}",
       "pixel size {/pixel_size*1e-10} 1/Angstrom ({/pixel_size} 1/m) per pixel; d = {=0.9375,0.001} Angstrom "
       "at the edge",
-      "values {/values/min} to {/values/max}, mean {/values/mean}", "no warnings"}},
+      "no warnings"}},
     {"preprocess series.mrc -o clean.mrc --rotate header",
      "",
      {"{/dims/2} patterns of {/dims/0} x {/dims/1} pixels, written to clean.mrc"}},
@@ -221,16 +219,17 @@ const std::vector<Printed> kPlots = {
 
 class PrintedTest : public VrkTest {
 protected:
-    /// A crystal with a centring; or two, seen with distortion, wrong tilts and a wrong axis.
-    void simulate(const std::string& options) const { jsonOf("simulate -o " + options); }
     void expectWhatTheJsonSays(const std::vector<Printed>& all) const;
 };
 
+/// A crystal with a centring; and two, seen with distortion, wrong tilts and a wrong axis.
 constexpr const char* kSeries =
-    "series.mrc --cell 5.2,6.1,4.6,90,105,90 --centring C --size 128 --dmin 1 --seed 4 --tilts -60:60:3 "
+    "simulate -o series.mrc --cell 5.2,6.1,4.6,90,105,90 --centring C --size 128 --dmin 1 --seed 4 --tilts "
+    "-60:60:3 "
     "--axis 6 --write-axis --drift 3";
 constexpr const char* kBentSeries =
-    "bent.mrc --cell 6.1,6.1,6.1,90,90,90 --centring I --size 128 --dmin 0.9 --tilts -60:60:2 --axis 29 "
+    "simulate -o bent.mrc --cell 6.1,6.1,6.1,90,90,90 --centring I --size 128 --dmin 0.9 --tilts -60:60:2 "
+    "--axis 29 "
     "--state-axis 30 --ellipse 0.012 --ellipse-azimuth 40 --tilt-scale 1.01 --peak 20000 --second-crystal "
     "0.4";
 
@@ -241,18 +240,13 @@ struct Number {
     int decimals = 0;
 
     explicit Number(std::string& text) {
-        if (text.empty() ||
-            (text[0] != '-' && text[0] != '+' && !std::isdigit(static_cast<unsigned char>(text[0]))))
-            return;
-        char* end = nullptr;
-        value = std::strtod(text.c_str(), &end);
-        const std::string token = text.substr(0, static_cast<std::size_t>(end - text.c_str()));
-        const std::size_t exponent = std::min(token.find('e'), token.size());
-        const std::size_t point = token.find('.');
-        if (point != std::string::npos) decimals = static_cast<int>(exponent - point) - 1;
-        if (exponent < token.size()) decimals -= std::stoi(token.substr(exponent + 1));
+        static const std::regex form(R"(^[-+]?\d+\.?(\d*)(?:e([-+]?\d+))?)");
+        std::smatch found;
+        if (!std::regex_search(text, found, form)) return;
+        value = std::stod(found.str());
+        decimals = static_cast<int>(found.length(1)) - (found.length(2) > 0 ? std::stoi(found.str(2)) : 0);
         half = 0.501 * std::pow(10, -decimals);
-        text.erase(0, token.size());
+        text.erase(0, found.str().size());
     }
 };
 
@@ -338,7 +332,7 @@ void PrintedTest::expectWhatTheJsonSays(const std::vector<Printed>& all) const {
 }
 
 TEST_F(PrintedTest, RunSaysWhatItsSummarySays) {
-    simulate(kSeries);
+    jsonOf(kSeries);
     expectWhatTheJsonSays(kRun);
 }
 
@@ -364,40 +358,33 @@ std::string drawnBy(const TemporaryFolder& folder, const std::string& plots, con
 }
 
 TEST_F(PrintedTest, PlotsShowWhatTheSummarySays) {
-    simulate(kSeries);
+    jsonOf(kSeries);
     expectWhatTheJsonSays(kPlots);
     EXPECT_EQ(drawnBy(folder, "out/plots/", "intensities.plt"),
               kShellCurves +
                   "ln_I: unique reflections\nat_low_resolution: at low resolution\n"
                   "at_the_limit: at 1.00 Angstrom\n");
     // The curves of the plots are those of the page, and the reflections those of the table.
-    const vrk::CsvTable table = vrk::readCsv(folder / "out/reflections.csv");
-    std::map<std::string, std::map<std::string, double>> measured;
-    for (const vrk::CsvTable::Row& row : table.rows) {
-        std::map<std::string, double> values;
-        for (std::size_t c = 0; c < table.columns.size(); ++c)
-            values[table.columns[c]] = row.fields[c].empty() ? 0 : std::stod(row.fields[c]);
-        if (values["sigma"] > 0)
-            measured[vrk::formatted("[%g,%g,%g]", values["h"], values["k"], values["l"])] = values;
-    }
+    std::map<Json, vrk::ListedReflection> measured;
+    for (const vrk::ListedReflection& one : vrk::readReflectionTable(folder / "out/reflections.csv"))
+        if (one.measured()) measured[one.hkl] = one;
     const Json curves = blocksOf(folder.read("out/report.html"))["curves"];
     ASSERT_GT(curves.size(), 8U);
     for (std::size_t i = 0; i < curves.size(); ++i) {
         const Json& curve = curves[i];
-        auto& one = measured[curve["hkl"].dump()];
-        SCOPED_TRACE(curve["hkl"].dump());
-        EXPECT_NEAR(curve["d"], one["d"], 0.06 * one["d"]);
-        EXPECT_NEAR(curve["i_over_sigma"].get<double>() / one["intensity"] * one["sigma"], 1, 0.01);
+        const vrk::ListedReflection& one = measured[curve["hkl"]];
+        SCOPED_TRACE(curve["hkl"]);
+        EXPECT_NEAR(curve["d"], one.spacing, 0.06 * one.spacing);
+        EXPECT_NEAR(curve["i_over_sigma"].get<double>() / one.intensity * one.sigma, 1, 0.01);
         std::istringstream rows(folder.read(vrk::formatted("out/plots/rocking_curves_%zu.dat", i + 1)));
         std::string line;
         std::getline(rows, line);
         for (std::size_t n = 0; n < curve["tilts"].size(); ++n)
             for (const char* name : {"tilts", "counts", "sigma", "fitted"}) {
                 rows >> line;
-                const Json& value = curve[name][n];
-                const double found = value.is_null() ? 0 : value.get<double>();
-                EXPECT_EQ(value.is_null(), line == "NaN");
-                EXPECT_NEAR(found, value.is_null() ? 0 : std::stod(line), 1e-4 * std::abs(found));
+                const double found = curve[name][n].is_null() ? NAN : curve[name][n].get<double>();
+                EXPECT_TRUE(std::isnan(found) ? line == "NaN"
+                                              : std::abs(std::stod(line) - found) <= 1e-4 * std::abs(found));
             }
         EXPECT_FALSE(rows >> line);
     }
@@ -463,14 +450,14 @@ TEST_F(PrintedTest, PlotsShowWhatTheSummarySays) {
 }
 
 TEST_F(PrintedTest, RunAndCalibrationTellTheInstrument) {
-    simulate(kBentSeries);
+    jsonOf(kBentSeries);
     expectWhatTheJsonSays(kBent);
     for (const Json& term : jsonFile("bent/summary.json")["instrument"]["terms"])
         EXPECT_TRUE(term["esd"] > 0 && term["esd"] < 0.2) << term;
 }
 
 TEST_F(PrintedTest, MergeSaysWhatItsFileSays) {
-    simulate(kSeries);
+    jsonOf(kSeries);
     expectWhatTheJsonSays(kMerge);
     EXPECT_EQ(drawnBy(folder, "m/plots/", "merging.plt"),
               kShellCurves +
@@ -479,7 +466,7 @@ TEST_F(PrintedTest, MergeSaysWhatItsFileSays) {
 }
 
 TEST_F(PrintedTest, StagesSayWhatTheirJsonSays) {
-    simulate(kSeries);
+    jsonOf(kSeries);
     expectWhatTheJsonSays(kStages);
 }
 

@@ -12,7 +12,6 @@
 
 namespace {
 
-namespace fs = std::filesystem;
 using vrk::IndexedReflection;
 
 class ReflectionFormatsTest : public testing::Test {
@@ -105,31 +104,26 @@ TEST_F(ReflectionFormatsTest, InstructionsSayWhatTheyShould) {
 }
 
 TEST_F(ReflectionFormatsTest, InstructionsFollowFormulaAndSpaceGroup) {
-    struct Row {
-        std::array<double, 6> cell;
-        char centring;
-        std::string formula, group, unit, latt;
-        std::ptrdiff_t operations;  ///< SYMM lines
-    };
-    const Row rows[] = {
-        {{11.95, 11.95, 11.95, 90, 90, 90}, 'I', "Ca3 Al2 Si3 O12", "I a -3 d", " 24 16 24 96", " 2", 23},
-        {{4.91, 4.91, 5.40, 90, 90, 120}, 'P', "SiO2", "P 31 2 1", " 3 6", " -1", 5},
-        {{5.46, 5.46, 5.46, 90, 90, 90}, 'F', "CaF2", "F m -3 m", " 4 8", " 4", 23},
-        {{4.99, 4.99, 17.06, 90, 90, 120}, 'R', "C", "R -3 c:H", " 21", " 3", 5},
-        {{5, 6, 7, 90, 90, 90}, 'A', "C", "A m m 2", " 12", " -5", 3},
-        {{5, 6, 7, 90, 95, 90}, 'B', "C", "", " 12", " -6", 0},
-        {{7.1, 8.3, 9.4, 90, 103, 90}, 'P', "C10 H12 N2 O3", "P 1 21/c 1", " 20 24 4 6", " 1", 1},
-        // Its inversion centre is not at the origin in this setting.
-        {{8.3, 8.3, 8.3, 90, 90, 90}, 'F', "C", "F d -3 m:1", " 32", " 4", 23},
-        {{7.1, 8.3, 9.4, 82, 93, 105}, 'P', "C4", "", " 28", " -1", 0}};
-    for (const Row& row : rows) {
-        m_set.cell = row.cell;
-        m_set.centring = row.centring;
-        m_set.formula = row.formula;
-        m_set.spaceGroup = row.group;
-        EXPECT_EQ(written("UNIT"), row.unit + '\n') << row.formula;
-        EXPECT_EQ(written("LATT"), row.latt + '\n') << row.group;
-        EXPECT_EQ(std::ranges::count(written("SYMM"), '\n'), row.operations) << row.group;
+    const std::tuple<std::array<double, 6>, char, const char*, const char*, std::string, std::string, int>
+        cases[] = {
+            {{11.95, 11.95, 11.95, 90, 90, 90}, 'I', "Ca3 Al2 Si3 O12", "I a -3 d", " 24 16 24 96", " 2", 23},
+            {{4.91, 4.91, 5.40, 90, 90, 120}, 'P', "SiO2", "P 31 2 1", " 3 6", " -1", 5},
+            {{5.46, 5.46, 5.46, 90, 90, 90}, 'F', "CaF2", "F m -3 m", " 4 8", " 4", 23},
+            {{4.99, 4.99, 17.06, 90, 90, 120}, 'R', "C", "R -3 c:H", " 21", " 3", 5},
+            {{5, 6, 7, 90, 90, 90}, 'A', "C", "A m m 2", " 12", " -5", 3},
+            {{5, 6, 7, 90, 95, 90}, 'B', "C", "", " 12", " -6", 0},
+            {{7.1, 8.3, 9.4, 90, 103, 90}, 'P', "C10 H12 N2 O3", "P 1 21/c 1", " 20 24 4 6", " 1", 1},
+            // Its inversion centre is not at the origin in this setting.
+            {{8.3, 8.3, 8.3, 90, 90, 90}, 'F', "C", "F d -3 m:1", " 32", " 4", 23},
+            {{7.1, 8.3, 9.4, 82, 93, 105}, 'P', "C4", "", " 28", " -1", 0}};
+    for (const auto& [cell, centring, formula, group, unit, latt, symmetryLines] : cases) {
+        m_set.cell = cell;
+        m_set.centring = centring;
+        m_set.formula = formula;
+        m_set.spaceGroup = group;
+        EXPECT_EQ(written("UNIT"), unit + '\n') << formula;
+        EXPECT_EQ(written("LATT"), latt + '\n') << group;
+        EXPECT_EQ(std::ranges::count(written("SYMM"), '\n'), symmetryLines) << group;
     }
     m_set.spaceGroup = "P 7";
     EXPECT_THROW(written("UNIT"), vrk::Failure);
@@ -225,9 +219,7 @@ TEST_F(ReflectionFormatsTest, RefusesWhatDoesNotFit) {
     m_set.reflections.push_back({10000, 0, 0, 1.0, 1.0});
     EXPECT_THROW(vrk::writeShelx(m_set, m_folder / "x.hkl"), vrk::Failure);
     EXPECT_THROW(vrk::writeMtz(m_set, m_folder / "none/x.mtz"), vrk::Failure);
-    if (fs::exists("/dev/full")) {
-        EXPECT_THROW(vrk::writeCif(m_set, "/dev/full"), vrk::Failure);
-    }
+    EXPECT_THROW(vrk::writeCif(m_set, "/dev/full"), vrk::Failure);
 }
 
 }  // namespace

@@ -23,9 +23,6 @@ struct TruthCase {
     friend void PrintTo(const TruthCase& one, std::ostream* out) { *out << one.bravais; }
 };
 
-constexpr const char* kEdges[] = {"a", "b", "c"};
-constexpr const char* kAngles[] = {"alpha", "beta", "gamma"};
-
 class RunTruthTest : public VrkTest, public testing::WithParamInterface<TruthCase> {
 protected:
     void SetUp() override {
@@ -45,7 +42,6 @@ protected:
     void expectCells() const;
     void expectLattice() const;
     void expectIndices() const;
-    void expectSameFromIndex() const;
     void expectConfidence() const;
     void expectIntensities() const;
     void expectSums() const;
@@ -114,14 +110,14 @@ void RunTruthTest::expectCells() const {
             (std::string(kind) == "reduced" ? Matrix3d::Identity()
                                             : rows(found["cell"]["candidates"][0]["transformation"]));
         for (int i = 0; i < 3; ++i) {
-            const double edge = cell[kEdges[i]];
+            const double edge = cell[kCellKeys[i]];
             EXPECT_NEAR(edge, base.col(i).norm(), 0.002 * edge);
             const Vector3d p = base.col((i + 1) % 3).normalized();
             const Vector3d q = base.col((i + 2) % 3).normalized();
-            EXPECT_NEAR(cell[kAngles[i]], std::acos(p.dot(q)) * 180 / M_PI, 0.1);
-            EXPECT_GT(sigma[kEdges[i]].get<double>(), 1e-5 * edge);
-            EXPECT_LT(sigma[kEdges[i]].get<double>(), 1e-3 * edge);
-            EXPECT_LT(sigma[kAngles[i]].get<double>(), 0.1);
+            EXPECT_NEAR(cell[kCellKeys[i + 3]], std::acos(p.dot(q)) * 180 / M_PI, 0.1);
+            EXPECT_GT(sigma[kCellKeys[i]].get<double>(), 1e-5 * edge);
+            EXPECT_LT(sigma[kCellKeys[i]].get<double>(), 1e-3 * edge);
+            EXPECT_LT(sigma[kCellKeys[i + 3]].get<double>(), 0.1);
         }
         EXPECT_NEAR(cell["volume"], std::abs(base.determinant()), 0.003 * std::abs(base.determinant()));
         EXPECT_GT(sigma["volume"].get<double>(), 0);
@@ -133,22 +129,19 @@ void RunTruthTest::expectCells() const {
 
     // The tied cell is the true one, edge by edge and angle by angle, to the uncertainty of the fit.
     const Json& known = truth["cell"]["conventional"];
-    std::multiset<double> edges;
-    std::multiset<double> trueEdges;
-    double worst = 0;
+    auto edges = cellOf(found["cell"]["conventional"]), trueEdges = cellOf(known);
+    std::sort(edges.begin(), edges.begin() + 3);
+    std::sort(trueEdges.begin(), trueEdges.begin() + 3);
+    for (std::size_t i = 0; i < 3; ++i)
+        EXPECT_NEAR(edges[i] * scale / trueEdges[i], 1, 0.001);
     for (int i = 0; i < 3; ++i) {
-        edges.insert(found["cell"]["conventional"][kEdges[i]].get<double>() * scale);
-        trueEdges.insert(known[kEdges[i]].get<double>());
-        const bool fixed = known[kAngles[i]] == 90 || known[kAngles[i]] == 120;
+        const bool fixed = known[kCellKeys[i + 3]] == 90 || known[kCellKeys[i + 3]] == 120;
         if (GetParam().bravais[0] == 'a') continue;
-        EXPECT_EQ(found["cell"]["esd"]["conventional"][kAngles[i]] == 0, fixed);
-        const double apart =
-            found["cell"]["conventional"][kAngles[i]].get<double>() - known[kAngles[i]].get<double>();
+        EXPECT_EQ(found["cell"]["esd"]["conventional"][kCellKeys[i + 3]] == 0, fixed);
+        const double apart = found["cell"]["conventional"][kCellKeys[i + 3]].get<double>() -
+                             known[kCellKeys[i + 3]].get<double>();
         EXPECT_NEAR(apart, 0, fixed ? 0 : 0.05) << "degrees";
     }
-    for (auto a = edges.begin(), b = trueEdges.begin(); a != edges.end(); ++a, ++b)
-        worst = std::max(worst, std::abs(*a / *b - 1));
-    EXPECT_LT(worst, 0.001);
 }
 
 /// The reciprocal vectors span the true lattice where it lies, and with it the reduced cell is the true one.
@@ -176,34 +169,10 @@ void RunTruthTest::expectLattice() const {
         const Matrix3d direct =
             base.inverse() * 1e10 / number("/input/pixel_size") * rows(one["transformation"]);
         for (int i = 0; i < 3; ++i)
-            EXPECT_NEAR(one[kEdges[i]], direct.col(i).norm(), 1e-3 * direct.col(i).norm());
+            EXPECT_NEAR(one[kCellKeys[i]], direct.col(i).norm(), 1e-3 * direct.col(i).norm());
     }
     EXPECT_GE(*numbers.begin(), 1);
     EXPECT_LE(*numbers.rbegin(), 44);
-}
-
-/// Indexing the peaks of the run with its cell finds type, cell and indices of the run again.
-void RunTruthTest::expectSameFromIndex() const {
-    const Json again = jsonOf("index out/peaks.txt out/cell.txt -o again.hkl --lattice auto --voltage " +
-                              std::to_string(number("/parameters/voltage_kv")));
-    EXPECT_EQ(again["cell"]["bravais"], found["cell"]["conventional"]["bravais"]);
-    for (std::size_t i = 0; i < 3; ++i) {
-        const double edge = number(std::string("/cell/conventional/") + kEdges[i]);
-        EXPECT_NEAR(again["cell"]["parameters"][i], edge, 2e-3 * edge);
-        EXPECT_NEAR(again["cell"]["parameters"][i + 3],
-                    number(std::string("/cell/conventional/") + kAngles[i]), 0.1);
-    }
-    EXPECT_NEAR(again["reflections"]["fraction_indexed"], number("/reflections/fraction_indexed"), 0.02);
-    const auto indicesOf = [this](const char* name) {
-        std::set<std::string> indices;
-        for (const std::string& line : folder.lines(name))
-            indices.insert(line.substr(0, 12));
-        return indices;
-    };
-    const std::set<std::string> first = indicesOf("out/reflections.hkl"), second = indicesOf("again.hkl");
-    const auto common = std::count_if(second.begin(), second.end(),
-                                      [&](const std::string& hkl) { return first.contains(hkl); });
-    EXPECT_GT(static_cast<double>(common), 0.97 * static_cast<double>(second.size()));
 }
 
 /// The lines of the HKL file are true reflections, once each, with their true intensities.
@@ -299,8 +268,8 @@ void RunTruthTest::expectIntensities() const {
     EXPECT_LT(measured["geometry"]["residual_px"], 0.2);
     EXPECT_NEAR(std::remainder(measured["geometry"]["axis_deg"].get<double>() - GetParam().axis, 180), 0,
                 0.02);
-    for (int i = 0; i < 6; ++i) {
-        const char* name = i < 3 ? kEdges[i] : kAngles[i - 3];
+    for (std::size_t i = 0; i < 6; ++i) {
+        const char* name = kCellKeys[i];
         const double value = measured["cell"][name], sigma = measured["esd"][name];
         EXPECT_NEAR(found["cell"]["conventional"][name], value, i < 3 ? 1e-3 * value : 0.05) << name;
         EXPECT_LT(sigma, found["cell"]["esd"]["conventional"][name].get<double>() + 1e-9) << name;
@@ -380,11 +349,8 @@ void RunTruthTest::expectTheRest() const {
     EXPECT_GT(sum, number("/seconds/total") * 0.5);
     EXPECT_GT(number("/peak_memory_mib"), 10);
     EXPECT_LT(number("/peak_memory_mib"), 1000);
-    const std::string warning = GetParam().warning;
-    EXPECT_EQ(found["warnings"].size(), warning.empty() ? 0U : 1U) << found["warnings"];
-    if (!warning.empty()) {
-        EXPECT_TRUE(says(found["warnings"].dump(), warning)) << found["warnings"];
-    }
+    EXPECT_EQ(found["warnings"].size(), *GetParam().warning ? 1U : 0U) << found["warnings"];
+    EXPECT_TRUE(says(found["warnings"].dump(), GetParam().warning));
 }
 
 TEST_P(RunTruthTest, EveryNumberOfTheSummaryIsRight) {
@@ -393,7 +359,6 @@ TEST_P(RunTruthTest, EveryNumberOfTheSummaryIsRight) {
     expectCells();
     expectLattice();
     expectIndices();
-    expectSameFromIndex();
     expectConfidence();
     expectIntensities();
     expectSums();

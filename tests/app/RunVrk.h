@@ -11,6 +11,13 @@
 
 using Json = nlohmann::json;
 
+/// A structure whose atoms lie on special positions.
+inline constexpr const char* kSaltCif =
+    "data_salt\n_cell_length_a 5.64\n_cell_length_b 5.64\n_cell_length_c 5.64\n_cell_angle_alpha 90\n"
+    "_cell_angle_beta 90\n_cell_angle_gamma 90\n_symmetry_space_group_name_H-M 'F m -3 m'\nloop_\n"
+    "_atom_site_label\n_atom_site_type_symbol\n_atom_site_fract_x\n_atom_site_fract_y\n"
+    "_atom_site_fract_z\n_atom_site_U_iso_or_equiv\nNa1 Na 0 0 0 0.02\nCl1 Cl 0.5 0.5 0.5 0.02\n";
+
 struct VrkResult {
     int exitCode = -1;  ///< 128 + signal number when the program was killed
     std::string out;    ///< everything on the standard output
@@ -83,4 +90,16 @@ protected:
     bool exists(const std::string& name) const { return std::filesystem::exists(folder / name); }
 
     const TemporaryFolder folder;
+};
+
+/// Tests with one folder, in which there is what all of them look at.
+class SharedVrkTest : public testing::Test {
+protected:
+    static void SetUpTestSuite() { folder = std::make_unique<TemporaryFolder>(); }
+    static void TearDownTestSuite() { folder.reset(); }
+    static VrkResult vrk(const std::string& line) { return runVrkLine(line, *folder / "."); }
+    static Json jsonOf(const std::string& line) { return jsonOfVrk(line, *folder / "."); }
+    static bool exists(const std::string& name) { return std::filesystem::exists(*folder / name); }
+
+    inline static std::unique_ptr<TemporaryFolder> folder;
 };

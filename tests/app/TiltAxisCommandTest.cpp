@@ -12,12 +12,8 @@ protected:
 
 std::vector<TiltAxisScore> scoresOf(const std::vector<std::pair<double, double>>& values) {
     std::vector<TiltAxisScore> scores;
-    for (const auto& [angle, variance] : values) {
-        scores.emplace_back();
-        scores.back().angle = static_cast<float>(angle);
-        scores.back().variance = variance;
-        scores.back().evaluated = true;
-    }
+    for (const auto& [angle, variance] : values)
+        scores.push_back({.angle = static_cast<float>(angle), .evaluated = true, .variance = variance});
     return scores;
 }
 

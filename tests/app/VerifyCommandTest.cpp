@@ -26,18 +26,14 @@ protected:
 };
 
 TEST_F(VerifyCommandTest, NamesWhatIsNotAsTheRunLeftIt) {
-    struct Case {
-        const char* name;
-        std::function<void()> damage;
-        Json expected;  ///< keys of --json that are other than for a whole result
-    };
     const auto damaged = [&](const char* file, const char* from, const char* to, bool hidden = true) {
         return [=, this] { replace(std::string("r/") + file, from, to, hidden); };
     };
     const auto remove = [&](const char* file) {
         return [=, this] { std::filesystem::remove(folder / (std::string("r/") + file)); };
     };
-    const std::vector<Case> cases = {
+    // What is done, and the keys of --json that are other than for a whole result.
+    const std::vector<std::tuple<const char*, std::function<void()>, Json>> cases = {
         {"untouched", [] {}, {{"whole", true}}},
         {"one more", [&] { folder.write("r/notes.txt", "x"); }, {{"whole", true}, {"extra", {"notes.txt"}}}},
         {"changed", damaged("cell.txt", "# direct", "# Direct", false), {{"changed", {"cell.txt"}}}},
@@ -52,21 +48,21 @@ TEST_F(VerifyCommandTest, NamesWhatIsNotAsTheRunLeftIt) {
         {"another page", damaged("report.html", "\"nz\"", "\"nZ\""), {{"disagreements", 1}}},
         {"another file", damaged("summary.json", "\"cell.txt\",", ""), {{"disagreements", 2}}},
     };
-    for (const Case& one : cases) {
-        SCOPED_TRACE(one.name);
+    for (const auto& [done, damage, expected] : cases) {
+        SCOPED_TRACE(done);
         std::filesystem::remove_all(folder / "r");
         std::filesystem::copy(folder / "good", folder / "r");
-        one.damage();
+        damage();
         const VrkResult result = vrk("verify r --json");
         const Json found = Json::parse(result.out, nullptr, false);
         ASSERT_TRUE(found.is_object()) << result.err;
-        EXPECT_EQ(result.exitCode, one.expected.contains("whole") ? 0 : 1);
-        EXPECT_EQ(found["whole"], one.expected.contains("whole"));
+        EXPECT_EQ(result.exitCode, expected.contains("whole") ? 0 : 1);
+        EXPECT_EQ(found["whole"], expected.contains("whole"));
         const std::string printed = vrk("verify r").out;
         for (const char* list : {"changed", "missing", "extra", "disagreements"})
             for (const std::string name : found[list])
                 EXPECT_TRUE(says(printed, name));
-        for (const auto& [key, value] : one.expected.items()) {
+        for (const auto& [key, value] : expected.items()) {
             if (key == "disagreements")
                 EXPECT_EQ(found[key].size(), value) << found[key];
             else

@@ -8,6 +8,7 @@
 #include "pipeline/batch/BatchPage.h"
 #include "pipeline/batch/Collection.h"
 #include "pipeline/batch/CsvTable.h"
+#include "support/JsonMatrix.h"
 #include "support/Testing.h"
 
 namespace {
@@ -15,42 +16,29 @@ namespace {
 namespace fs = std::filesystem;
 using nlohmann::json;
 
-json cellOf(const std::array<double, 6>& c) {
-    return {{"a", c[0]}, {"b", c[1]}, {"c", c[2]}, {"alpha", c[3]}, {"beta", c[4]}, {"gamma", c[5]}};
-}
-
 /// What the collection reads of a summary.
 json summaryOf(const std::array<double, 6>& cell, double axis, double ellipse) {
-    json conventional = cellOf(cell);
+    json summary = json::parse(R"({
+        "input": {"nx": 100, "ny": 128, "pixel_size": 1e8},
+        "tilt_axis": {"angle_deg": 30.0, "refined_esd_deg": 0.05},
+        "cell": {"candidates": [{"centring": "P"}]},
+        "confidence": {"level": "high", "reasons": []},
+        "reflections": {"found": 400, "indexed": 390, "residual_px": 0.5, "resolution": 0.9},
+        "completeness": {"share": 0.71}, "handedness": {"sense": -1},
+        "instrument": {"refined": true, "known": null,
+                       "terms": [{"name": "ellipse_cos", "esd": 0.0005, "correlation": 0.1},
+                                 {"name": "ellipse_sin", "value": 0.0, "esd": 0.0005, "correlation": 0.1}]},
+        "intensities": {"overall": {"completeness": 0.93, "d_min": 0.85, "i_over_sigma": 12.5,
+                                    "r_meas": 0.07, "cc_half": 0.998},
+                        "space_groups": {"candidates": [{"symbol": "P m m m"}, {"symbol": "P 2 2 2"}]}},
+        "seconds": {"total": 3.5}, "peak_memory_mib": 70.0})");
+    summary["tilt_axis"]["refined_deg"] = axis;
+    summary["instrument"]["terms"][0]["value"] = ellipse;
+    json& conventional = summary["cell"]["conventional"] = jsonOfCell(cell);
     conventional["bravais"] = "oP";
     conventional["volume"] = cell[0] * cell[1] * cell[2];
-    json terms = json::array();
-    for (const char* name : {"ellipse_cos", "ellipse_sin"})
-        terms.push_back({{"name", name},
-                         {"value", std::string(name) == "ellipse_cos" ? ellipse : 0.0},
-                         {"esd", 0.0005},
-                         {"correlation", 0.1}});
-    return {{"input", {{"nx", 100}, {"ny", 128}, {"pixel_size", 1e8}}},
-            {"tilt_axis", {{"angle_deg", 30.0}, {"refined_deg", axis}, {"refined_esd_deg", 0.05}}},
-            {"cell",
-             {{"conventional", conventional},
-              {"esd", {{"conventional", cellOf({0.01, 0.01, 0.01, 0, 0, 0})}}},
-              {"candidates", {{{"centring", "P"}}}}}},
-            {"confidence", {{"level", "high"}, {"reasons", json::array()}}},
-            {"reflections", {{"found", 400}, {"indexed", 390}, {"residual_px", 0.5}, {"resolution", 0.9}}},
-            {"completeness", {{"share", 0.71}}},
-            {"handedness", {{"sense", -1}}},
-            {"instrument", {{"refined", true}, {"known", nullptr}, {"terms", terms}}},
-            {"intensities",
-             {{"overall",
-               {{"completeness", 0.93},
-                {"d_min", 0.85},
-                {"i_over_sigma", 12.5},
-                {"r_meas", 0.07},
-                {"cc_half", 0.998}}},
-              {"space_groups", {{"candidates", {{{"symbol", "P m m m"}}, {{"symbol", "P 2 2 2"}}}}}}}},
-            {"seconds", {{"total", 3.5}}},
-            {"peak_memory_mib", 70.0}};
+    summary["cell"]["esd"]["conventional"] = jsonOfCell({0.01, 0.01, 0.01, 0, 0, 0});
+    return summary;
 }
 
 class Collecting : public testing::Test {
@@ -77,15 +65,12 @@ protected:
         return collection;
     }
 
-    std::map<std::string, std::string> row(const std::string& name) const {
+    std::string field(const std::string& name, const std::string& column) const {
         const vrk::CsvTable table = vrk::readCsv(folder / "crystals.csv");
-        for (const vrk::CsvTable::Row& one : table.rows) {
-            std::map<std::string, std::string> fields;
-            for (std::size_t i = 0; i < table.columns.size(); ++i)
-                fields[table.columns[i]] = one.fields[i];
-            if (fields["name"] == name) return fields;
-        }
-        return {};
+        const auto at = std::ranges::find(table.columns, column) - table.columns.begin();
+        for (const vrk::CsvTable::Row& row : table.rows)
+            if (row.fields[0] == name) return row.fields.at(static_cast<std::size_t>(at));
+        return "not there";
     }
 
     TemporaryFolder folder;
@@ -133,8 +118,7 @@ TEST_F(Collecting, MakesTableClustersInstrumentAndPage) {
 
     ASSERT_EQ(collection.clustering.clusters.size(), 2U);
     EXPECT_EQ(collection.clustering.clusters[0].crystals.size(), 5U);
-    auto one = row("one2"), turned = row("turned"), unmeasured = row("other"), bad = row("bad");
-    EXPECT_EQ(unmeasured["completeness"] + unmeasured["d_min"], "0.71");
+    EXPECT_EQ(field("other", "completeness") + field("other", "d_min"), "0.71");
     EXPECT_EQ(
         folder.lines("crystals.csv")[0],
         "name,series,outcome,confidence,bravais,centring,a,b,c,alpha,beta,gamma,volume,reflections,indexed,"
@@ -144,12 +128,11 @@ TEST_F(Collecting, MakesTableClustersInstrumentAndPage) {
         folder.lines("crystals.csv")[3],
         "one2,/data/one2 <i>.mrc,done,high,oP,P,5.02,6.0,7.0,90.0,90.0,90.0,210.84,400,390,0.5,0.9,0.93,"
         "30.2,0.05,-1,0.85,12.5,0.07,0.998,P m m m,1,0.00199,no,1970-01-01T02:00:00Z,,");
-    EXPECT_EQ(one["cluster"] + turned["cluster"] + unmeasured["cluster"], "112");
-    EXPECT_EQ(one["outlier"] + unmeasured["outlier"] + bad["outlier"], "noyes");
-    EXPECT_EQ(bad["cause"], states.back().record.cause);
-    EXPECT_EQ(bad["a"], "");
-    EXPECT_TRUE(says(row("broken")["cause"], "is damaged"));
-    EXPECT_EQ(row("nothing")["outcome"], "nothing found");
+    EXPECT_EQ(field("turned", "cluster") + field("other", "cluster"), "12");
+    EXPECT_EQ(field("other", "outlier") + field("bad", "outlier") + field("bad", "a"), "yes");
+    EXPECT_EQ(field("bad", "cause"), states.back().record.cause);
+    EXPECT_TRUE(says(field("broken", "cause"), "is damaged"));
+    EXPECT_EQ(field("nothing", "outcome"), "nothing found");
 
     // The axis of the others is 30.1 in the mean, one of them counted from the other end.
     ASSERT_TRUE(collection.trend.common);

@@ -5,35 +5,56 @@
 namespace {
 
 using vrk::FrameFile;
-using vrk::FrameSource;
 
-/// Bytes of a file in the making.
-struct Bytes {
-    std::string text;
+std::string pixelsAs(vrk::PixelType type, int frame) {
+    using enum vrk::PixelType;
+    return type == UInt8     ? rawFrame<std::uint8_t>(frame)
+           : type == Int16   ? rawFrame<std::int16_t>(frame)
+           : type == UInt16  ? rawFrame<std::uint16_t>(frame)
+           : type == Int32   ? rawFrame<std::int32_t>(frame)
+           : type == UInt32  ? rawFrame<std::uint32_t>(frame)
+           : type == Float64 ? rawFrame<double>(frame)
+                             : rawFrame<float>(frame);
+}
 
-    template <class Number>
-    Bytes& add(Number value, bool bigEndian = false) {
-        char raw[sizeof value];
-        std::memcpy(raw, &value, sizeof value);
-        if (bigEndian) std::reverse(raw, raw + sizeof value);
-        text.append(raw, sizeof value);
-        return *this;
+/// The tags that DM3 and DM4 files consist of.
+struct DmTags {
+    bool wide;
+
+    std::string length(std::size_t value) const {
+        return wide ? rawBytes(std::int64_t(value), true) : rawBytes(std::int32_t(value), true);
+    }
+    std::string tag(char kind, const std::string& name, const std::string& content) const {
+        const std::string unused(wide ? 8 : 0, '\0');
+        return kind + rawBytes(std::int16_t(name.size()), true) + name + unused + content;
+    }
+    std::string group(const std::string& name, const std::vector<std::string>& tags) const {
+        const std::string content = std::accumulate(tags.begin(), tags.end(), std::string());
+        return tag(20, name, std::string(2, '\0') + length(tags.size()) + content);
+    }
+    std::string data(const std::string& name, const std::vector<std::size_t>& type,
+                     const std::string& bytes) const {
+        std::string description = "%%%%" + length(type.size());
+        for (const std::size_t part : type)
+            description += length(part);
+        return tag(21, name, description + bytes);
     }
     template <class Number>
-    Bytes& addPixels(int frame) {
-        for (int i = 0; i < kFramePixels; ++i)
-            add(static_cast<Number>(countAt(frame, i)));
-        return *this;
+    std::string number(const std::string& name, std::size_t type, Number value) const {
+        return data(name, {type}, rawBytes(value));
     }
-    Bytes& addPixelsAs(vrk::PixelType type, int frame) {
-        using enum vrk::PixelType;
-        return type == UInt8     ? addPixels<std::uint8_t>(frame)
-               : type == Int16   ? addPixels<std::int16_t>(frame)
-               : type == UInt16  ? addPixels<std::uint16_t>(frame)
-               : type == Int32   ? addPixels<std::int32_t>(frame)
-               : type == UInt32  ? addPixels<std::uint32_t>(frame)
-               : type == Float64 ? addPixels<double>(frame)
-                                 : addPixels<float>(frame);
+    std::string frames(std::size_t code, vrk::PixelType type, int count) const {
+        std::string bytes;
+        for (int frame = 0; frame < count; ++frame)
+            bytes += pixelsAs(type, frame);
+        return data("Data", {20, code, std::size_t(count * kFramePixels)}, bytes);
+    }
+    std::string calibration(float scale, const std::string& unit, float origin) const {
+        std::string text;
+        for (const char c : unit)
+            text += rawBytes(std::uint16_t{static_cast<unsigned char>(c)});
+        return group("", {number("Scale", 6, scale), number("Origin", 6, origin),
+                          data("Units", {20, 4, unit.size()}, text)});
     }
 };
 
@@ -43,141 +64,69 @@ struct DmContents {
     int frames = 3;
     std::string third = "\xb0";  ///< unit of the third dimension
     int kind = 7;                ///< of the data: complex, coloured ...
-    std::int64_t code = 3;       ///< of a pixel in the array, and what it stands for
+    std::size_t code = 3;        ///< of a pixel in the array, and what it stands for
     vrk::PixelType type = vrk::PixelType::Int32;
 };
 
 /// A DM3 or DM4 file of a coloured thumbnail and frames, taken with the stage at -1 degrees.
-class DmBytes {
-public:
-    explicit DmBytes(const DmContents& contents) : m_wide(contents.version == 4) {
-        m_file.add(std::int32_t{contents.version}, true);
-        length(0x1234567);
-        m_file.add(std::int32_t{1}, true);  // values are little-endian
-        group(1);
-        begin("ImageList", 2);
-        begin("", 1);
-        begin("ImageData", 2);
-        array("Data", 3, vrk::PixelType::Int32, 1);
-        number("DataType", 3, std::int32_t{23});
-        begin("", 2);
-        begin("ImageData", 4);
-        begin("Calibrations", 1);
-        begin("Dimension", 3);
-        calibration(-0.05F, contents.unit, 0);
-        calibration(0.07F, contents.unit, 0);
-        calibration(1, contents.third, 1);
-        array("Data", contents.code, contents.type, contents.frames);
-        number("DataType", 3, std::int32_t{contents.kind});
-        begin("Dimensions", 3);
-        for (const int size : {kFrameWidth, kFrameHeight, contents.frames})
-            number("", 5, std::uint32_t(size));
-        begin("ImageTags", 2);
-        begin("DataBar", 1);
-        number("Exposure Time (s)", 7, 0.5);
-        begin("Microscope Info", 2);
-        number("Voltage", 6, 200e3F);
-        begin("Stage Position", 1);
-        number("Stage Alpha", 6, -1.0F);
-    }
-    const std::string& bytes() const { return m_file.text; }
-
-private:
-    void length(std::int64_t value) {
-        if (m_wide)
-            m_file.add(value, true);
-        else
-            m_file.add(static_cast<std::int32_t>(value), true);
-    }
-    void group(std::int64_t tags) {
-        m_file.add(std::int16_t{0});
-        length(tags);
-    }
-    void name(char kind, const std::string& text) {
-        m_file.add(kind).add(static_cast<std::int16_t>(text.size()), true);
-        m_file.text += text;
-        if (m_wide) m_file.add(std::int64_t{0}, true);
-    }
-    void begin(const std::string& text, std::int64_t tags) {
-        name(20, text);
-        group(tags);
-    }
-    void description(const std::string& text, std::initializer_list<std::int64_t> numbers) {
-        name(21, text);
-        m_file.text += "%%%%";
-        length(static_cast<std::int64_t>(numbers.size()));
-        for (const std::int64_t value : numbers)
-            length(value);
-    }
-    template <class Number>
-    void number(const std::string& text, std::int64_t type, Number value) {
-        description(text, {type});
-        m_file.add(value);
-    }
-    void array(const std::string& text, std::int64_t code, vrk::PixelType type, int frames) {
-        description(text, {20, code, frames * kFramePixels});
-        for (int frame = 0; frame < frames; ++frame)
-            m_file.addPixelsAs(type, frame);
-    }
-    void calibration(float scale, const std::string& unit, float origin) {
-        begin("", 3);
-        number("Scale", 6, scale);
-        number("Origin", 6, origin);
-        description("Units", {20, 4, static_cast<std::int64_t>(unit.size())});
-        for (const char c : unit)
-            m_file.add(std::uint16_t{static_cast<unsigned char>(c)});
-    }
-
-    bool m_wide;
-    Bytes m_file;
-};
+std::string dmBytes(const DmContents& contents) {
+    const DmTags dm{contents.version == 4};
+    std::vector<std::string> sizes;
+    for (const int size : {kFrameWidth, kFrameHeight, contents.frames})
+        sizes.push_back(dm.number("", 5, std::uint32_t(size)));
+    const std::string thumbnail = dm.group(
+        "ImageData", {dm.frames(3, vrk::PixelType::Int32, 1), dm.number("DataType", 3, std::int32_t{23})});
+    const std::string axes = dm.group(
+        "Dimension", {dm.calibration(-0.05F, contents.unit, 0), dm.calibration(0.07F, contents.unit, 0),
+                      dm.calibration(1, contents.third, 1)});
+    const std::string image =
+        dm.group("ImageData",
+                 {dm.group("Calibrations", {axes}), dm.frames(contents.code, contents.type, contents.frames),
+                  dm.number("DataType", 3, contents.kind), dm.group("Dimensions", sizes)});
+    const std::string stage = dm.group("Stage Position", {dm.number("Stage Alpha", 6, -1.0F)});
+    const std::string tags =
+        dm.group("ImageTags", {dm.group("DataBar", {dm.number("Exposure Time (s)", 7, 0.5)}),
+                               dm.group("Microscope Info", {dm.number("Voltage", 6, 200e3F), stage})});
+    // Values are little-endian; there is one tag.
+    return rawBytes(contents.version, true) + dm.length(0x1234567) + rawBytes(1, true) +
+           std::string(2, '\0') + dm.length(1) +
+           dm.group("ImageList", {dm.group("", {thumbnail}), dm.group("", {image, tags})});
+}
 
 /// A SER file with places of four or eight bytes for three images, of which the first \p valid were taken.
 std::string serBytes(bool wide, int valid, double edge = 4e7, std::uint16_t code = 7,
                      vrk::PixelType type = vrk::PixelType::Float32, std::uint32_t kind = 0x4122) {
-    Bytes file;
-    const auto place = [&](std::uint64_t value) {
-        if (wide)
-            file.add(value);
-        else
-            file.add(static_cast<std::uint32_t>(value));
+    const auto place = [&](std::size_t value) {
+        return wide ? rawBytes(std::uint64_t{value}) : rawBytes(static_cast<std::uint32_t>(value));
     };
-    file.add(std::uint16_t{0x4949}).add(std::uint16_t{0x0197}).add(std::uint16_t(wide ? 0x220 : 0x210));
-    file.add(kind).add(std::uint32_t{0x4152}).add(std::uint32_t{3}).add(std::uint32_t(valid));
-    const std::size_t list = file.text.size() + (wide ? 12 : 8);
-    place(list);
-    file.add(std::uint32_t{0});
+    std::string file = rawBytes(std::uint16_t{0x4949}) + rawBytes(std::uint16_t{0x0197}) +
+                       rawBytes(std::uint16_t(wide ? 0x220 : 0x210)) + rawBytes(kind) + rawBytes(0x4152) +
+                       rawBytes(3) + rawBytes(valid);
+    const std::size_t list = file.size() + (wide ? 12 : 8);
+    file += place(list) + rawBytes(0);
     const std::size_t elementBytes = 50 + vrk::bytesOf(type) * kFramePixels;
-    const std::size_t first = list + 3 * (wide ? 8U : 4U);
     for (std::size_t i = 0; i < 3; ++i)
-        place(first + i * elementBytes);
-    for (int frame = 0; frame < valid; ++frame) {
-        file.add(0.0).add(edge).add(std::uint32_t{0}).add(0.0).add(5e7).add(std::uint32_t{0});
-        file.add(code)
-            .add(std::uint32_t{kFrameWidth})
-            .add(std::uint32_t{kFrameHeight})
-            .addPixelsAs(type, frame);
-    }
-    return file.text;
+        file += place(list + 3 * (wide ? 8U : 4U) + i * elementBytes);
+    for (int frame = 0; frame < valid; ++frame)
+        file += rawBytes(0.0) + rawBytes(edge) + rawBytes(0) + rawBytes(0.0) + rawBytes(5e7) + rawBytes(0) +
+                rawBytes(code) + rawBytes(kFrameWidth) + rawBytes(kFrameHeight) + pixelsAs(type, frame);
+    return file;
 }
 
 std::string tvipsFrames(int first, int last) {
-    Bytes file;
-    for (int frame = first; frame <= last; ++frame) {
-        for (int i = 0; i < 10; ++i)
-            file.add(std::uint32_t{0});
-        file.add(static_cast<float>(frame - 1)).add(0.0F);  // the stage's angles
-        file.addPixels<std::uint16_t>(frame);
-    }
-    return file.text;
+    std::string file;
+    for (int frame = first; frame <= last; ++frame)  // with the stage's angles
+        file += std::string(40, '\0') + rawBytes(static_cast<float>(frame - 1)) + rawBytes(0.0F) +
+                rawFrame<std::uint16_t>(frame);
+    return file;
 }
 
 std::string tvipsHeader(int version = 2, int bits = 16, int volts = 200) {
-    Bytes file;
+    std::string file;
     for (const int value : {256, version, kFrameWidth, kFrameHeight, bits, 0, 0, 1, 1, 15600, volts, 0, 48})
-        file.add(std::uint32_t(value));
-    file.text.resize(256, 'x');
-    return file.text;
+        file += rawBytes(value);
+    file.resize(256, 'x');
+    return file;
 }
 
 TEST(BinaryReaders, StacksWithWhatTheirHeadersSay) {
@@ -193,7 +142,7 @@ TEST(BinaryReaders, StacksWithWhatTheirHeadersSay) {
              {{.unit = "1/A", .code = 5, .type = UInt32}, true, 5e8},
              {{.unit = "nm^-1", .code = 7, .type = Float64}, true, 5e7},
          }) {
-        const auto file = FrameFile::open(folder.write("a.dm", DmBytes(contents).bytes()));
+        const auto file = FrameFile::open(folder.write("a.dm", dmBytes(contents)));
         SCOPED_TRACE(contents.unit);
         expectFrames(*file, {.firstTilt = tilted ? -1.0 : 99.0,
                              .pixelSize = pixelSize,
@@ -215,16 +164,15 @@ TEST(BinaryReaders, StacksWithWhatTheirHeadersSay) {
     const auto recording = FrameFile::open(folder.write("a_000.tvips", tvipsHeader() + tvipsFrames(0, 0)));
     expectFrames(*recording, {.firstTilt = -1, .kilovolts = 200});
     EXPECT_EQ(recording->parts(), std::vector<std::filesystem::path>{folder / "a_001.tvips"});
-    Bytes old;  // with short records, which say no tilt
+    std::string bytes = tvipsHeader(1, 8, 200000);  // with short records, which say no tilt
     for (int frame = 0; frame < 2; ++frame)
-        old.add(std::uint64_t{0}).add(std::uint32_t{0}).addPixels<std::uint8_t>(frame);
-    const std::string bytes = tvipsHeader(1, 8, 200000) + old.text;
+        bytes += std::string(12, '\0') + rawFrame<std::uint8_t>(frame);
     expectFrames(*FrameFile::open(folder.write("old.tvips", bytes)), {.kilovolts = 200, .count = 2});
 }
 
 TEST(BinaryReaders, TruncatedStacksKeepTheirCompleteFrames) {
     const TemporaryFolder folder;
-    const std::string dm = DmBytes({}).bytes();
+    const std::string dm = dmBytes({});
     const std::string ser = serBytes(true, 3);
     const std::string tvips = tvipsHeader() + tvipsFrames(0, 2);
     for (const auto& [name, bytes, pixelSize, kilovolts] :
@@ -239,7 +187,7 @@ TEST(BinaryReaders, TruncatedStacksKeepTheirCompleteFrames) {
     }
     for (const auto& [name, bytes, reason] :
          {std::tuple{"a.dm3", dm.substr(0, dm.size() / 2), "tags are damaged"},
-          {"a.dm3", DmBytes({.kind = 3}).bytes(), "no image of grey values"},
+          {"a.dm3", dmBytes({.kind = 3}), "no image of grey values"},
           {"a.ser", serBytes(true, 2, 4e7, 9), "complex"},
           {"a.ser", serBytes(false, 0), "it holds no images"},
           {"a.ser", ser.substr(0, 45), "the list of its 3 images is not there"},

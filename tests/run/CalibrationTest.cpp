@@ -42,20 +42,18 @@ TEST(Calibration, TellsTheInstrumentInTheFrameWhereverTheAxisLies) {
         series.push_back(vrk::calibrate(inputWithAxisAt(seed == 3 ? 213.0 : 33.0, seed), longer));
     const vrk::CombinedCalibration all = vrk::combined(series);
     const vrk::InstrumentCalibration& found = all.calibration;
-    const struct {
-        const std::optional<vrk::CalibratedValue>& value;
-        double truth;
-        double within;
-    } cases[] = {{found.ellipse, 0.012, 2e-4},      {found.ellipseAzimuth, 50.0, 0.7},
-                 {found.radial, 0.005, 1e-3},       {found.tiltScale, 1.004, 5e-4},
-                 {found.axisAngle, 33.3, 0.02},     {found.axisTilt, 0.0, 0.05},
-                 {found.pixelScale, 1 / 1.02, 5e-4}};
-    for (const auto& one : cases) {
-        ASSERT_TRUE(one.value);
-        EXPECT_NEAR(one.value->value, one.truth, one.within);
-        EXPECT_GT(one.value->sigma, 0.0);
-        EXPECT_LT(one.value->sigma, one.within);
-        EXPECT_LT(one.value->correlation, 1.0);
+    for (const auto& [one, truth, within] : {std::tuple(found.ellipse, 0.012, 2e-4),
+                                             {found.ellipseAzimuth, 50.0, 0.7},
+                                             {found.radial, 0.005, 1e-3},
+                                             {found.tiltScale, 1.004, 5e-4},
+                                             {found.axisAngle, 33.3, 0.02},
+                                             {found.axisTilt, 0.0, 0.05},
+                                             {found.pixelScale, 1 / 1.02, 5e-4}}) {
+        ASSERT_TRUE(one);
+        EXPECT_NEAR(one->value, truth, within);
+        EXPECT_GT(one->sigma, 0.0);
+        EXPECT_LT(one->sigma, within);
+        EXPECT_LT(one->correlation, 1.0);
     }
     EXPECT_EQ(all.scatters.front().series, 3);
     ASSERT_EQ(found.notDetermined.size(), 1U);
@@ -101,29 +99,26 @@ TEST(Calibration, WeighsSeriesAndTellsTheirScatter) {
 }
 
 TEST(KnownCell, IsRecognisedInAnyPrimitiveBaseScaledAndStrained) {
-    const struct {
-        std::array<double, 6> cell;
-        char centring;
-    } cases[] = {{{11.9, 11.9, 11.9, 90, 90, 90}, 'I'}, {{5.6, 5.6, 5.6, 90, 90, 90}, 'F'},
-                 {{8.2, 8.2, 22, 90, 90, 120}, 'R'},    {{26.3, 11.2, 17.5, 90, 115, 90}, 'C'},
-                 {{6.3, 8.4, 11.2, 75, 82, 68}, 'P'},   {{9.2, 13.1, 41, 90, 90, 90}, 'P'}};
-    Eigen::Matrix3d strain;
+    const std::pair<std::array<double, 6>, char> cases[] = {
+        {{11.9, 11.9, 11.9, 90, 90, 90}, 'I'}, {{5.6, 5.6, 5.6, 90, 90, 90}, 'F'},
+        {{8.2, 8.2, 22, 90, 90, 120}, 'R'},    {{26.3, 11.2, 17.5, 90, 115, 90}, 'C'},
+        {{6.3, 8.4, 11.2, 75, 82, 68}, 'P'},   {{9.2, 13.1, 41, 90, 90, 90}, 'P'}};
+    Eigen::Matrix3d strain, other;
     strain << 1.062, 0.006, 0, 0.006, 1.048, 0, 0, 0, 1.055;
-    Eigen::Matrix3d other;
     other << 0, 1, 0, -1, 0, 0, 0, 0, 1;
-    for (const auto& one : cases) {
-        SCOPED_TRACE(one.centring);
-        UnitCell primitive = vrk::cellFromNumbers({one.cell.begin(), one.cell.end()}, one.centring).primitive;
+    for (const auto& [known, centring] : cases) {
+        SCOPED_TRACE(centring);
+        UnitCell primitive = vrk::cellFromNumbers({known.begin(), known.end()}, centring).primitive;
         Eigen::Matrix3d base;
         primitive.getBase(base.col(0).data(), base.col(1).data(), base.col(2).data());
-        const auto found = vrk::toKnownCell(strain * base * other, one.cell);
+        const auto found = vrk::toKnownCell(strain * base * other, known);
         ASSERT_TRUE(found);
         const Eigen::Matrix3d cell = base * other * *found;
         const std::array<double, 6> numbers = vrk::directCell(cell.inverse().transpose());
         for (std::size_t i = 0; i < 6; ++i)
-            EXPECT_NEAR(numbers[i], one.cell[i], i < 3 ? 1e-6 : 1e-5);
+            EXPECT_NEAR(numbers[i], known[i], i < 3 ? 1e-6 : 1e-5);
         EXPECT_GT((base * other).determinant() * cell.determinant(), 0.0);
-        auto wrong = one.cell;
+        auto wrong = known;
         wrong[2] *= 1.07;
         EXPECT_FALSE(vrk::toKnownCell(strain * base * other, wrong));
     }
@@ -168,33 +163,30 @@ TEST(InstrumentFile, RefusesWhatItDoesNotUnderstand) {
     const TemporaryFolder folder;
     constexpr std::size_t kDeep = 100000;
     const std::string deep = "\"version\": " + std::string(kDeep, '[') + std::string(kDeep, ']');
-    const struct {
-        const char* from;
-        const char* to;
-        const char* message;
-    } cases[] = {{"{", "[", "no JSON"},
-                 {"\"version\": 1", deep.c_str(), "no JSON"},
-                 {"vrk instrument geometry", "cell", "vrk calibrate"},
-                 {"\"version\": 1", "\"version\": 2", "version 2"},
-                 {"\"down\"", "\"up\"", "frame.y"},
-                 {"516", "0", "width_px"},
-                 {"80000000.0", "null", "pixel_size"},
-                 {"\"value\": 0.014", "\"value\": 1.4", "1.4 % are 0.014"},
-                 {"\"value\": 0.014", "\"value\": \"large\"", "ellipse.value"},
-                 {"\"su\": 0.0002", "\"su\": -1", "ellipse.su"},
-                 {"\"su\": 0.0002", "\"esd\": 1", "ellipse.su"},
-                 {"\"tilt_offset\": null", "\"tilt_offset\": 1", "turns the crystal"},
-                 {"\"radial\": {", "\"radail\": {", "radail"},
-                 {"\"ellipse_azimuth_deg\": {", "\"tilt_scale\": null, \"x\": {", "'x'"},
-                 {"\"value\": 1.006", "\"value\": 1e400", "no JSON"}};
-    for (const auto& one : cases) {
-        SCOPED_TRACE(std::string(one.to).substr(0, 50));
+    const std::array<std::string, 3> cases[] = {
+        {"{", "[", "no JSON"},
+        {"\"version\": 1", deep, "no JSON"},
+        {"vrk instrument geometry", "cell", "vrk calibrate"},
+        {"\"version\": 1", "\"version\": 2", "version 2"},
+        {"\"down\"", "\"up\"", "frame.y"},
+        {"516", "0", "width_px"},
+        {"80000000.0", "null", "pixel_size"},
+        {"\"value\": 0.014", "\"value\": 1.4", "1.4 % are 0.014"},
+        {"\"value\": 0.014", "\"value\": \"large\"", "ellipse.value"},
+        {"\"su\": 0.0002", "\"su\": -1", "ellipse.su"},
+        {"\"su\": 0.0002", "\"esd\": 1", "ellipse.su"},
+        {"\"tilt_offset\": null", "\"tilt_offset\": 1", "turns the crystal"},
+        {"\"radial\": {", "\"radail\": {", "radail"},
+        {"\"ellipse_azimuth_deg\": {", "\"tilt_scale\": null, \"x\": {", "'x'"},
+        {"\"value\": 1.006", "\"value\": 1e400", "no JSON"}};
+    for (const auto& [from, to, message] : cases) {
+        SCOPED_TRACE(to.substr(0, 50));
         std::string text = vrk::instrumentText(example());
-        const std::size_t place = text.find(one.from);
+        const std::size_t place = text.find(from);
         ASSERT_NE(place, std::string::npos);
-        folder.write("d.json", text.replace(place, std::string(one.from).size(), one.to));
+        folder.write("d.json", text.replace(place, from.size(), to));
         const Refusal refusal = failureOf([&] { vrk::readInstrumentFile(folder / "d.json"); });
-        EXPECT_TRUE(refusal.says(one.message) && refusal.says("d.json")) << refusal.text;
+        EXPECT_TRUE(refusal.says(message) && refusal.says("d.json")) << refusal.text;
     }
     EXPECT_THROW(vrk::readInstrumentFile(folder / "none.json"), vrk::Failure);
 }

@@ -14,12 +14,7 @@ using vrk::test::Recorded;
 TEST(ChooseLevel, GoesDownWhileTheLatticeHoldsAndUpWhereThatIsCleaner) {
     using Shares =
         std::vector<vrk::LevelShare>;  // by rising threshold; without reflections: not to be indexed
-    const struct {
-        const char* name;
-        std::size_t found;
-        Shares shares;
-        std::size_t chosen;
-    } cases[] = {
+    const std::tuple<const char*, std::size_t, Shares, std::size_t> cases[] = {
         {"all clean", 2, {{900, 890}, {500, 495}, {200, 199}}, 0},
         {"the lowest is noise", 2, {{5000, 1500}, {500, 490}, {200, 199}}, 1},
         {"stops at the first that is dirty", 2, {{900, 890}, {500, 400}, {200, 199}}, 2},
@@ -32,15 +27,15 @@ TEST(ChooseLevel, GoesDownWhileTheLatticeHoldsAndUpWhereThatIsCleaner) {
         {"clean enough", 0, {{900, 815}, {400, 399}}, 0},
         {"not even the first", 1, {{900, 815}, {0, 0}, {400, 399}}, 1},
     };
-    for (const auto& one : cases) {
+    for (const auto& [name, found, shares, chosen] : cases) {
         std::map<std::size_t, int> asked;
-        const auto share = [&](std::size_t i) -> std::optional<vrk::LevelShare> {
+        const auto share = [&asked, &all = shares](std::size_t i) -> std::optional<vrk::LevelShare> {
             ++asked[i];
-            return one.shares[i].reflections ? std::optional(one.shares[i]) : std::nullopt;
+            return all[i].reflections ? std::optional(all[i]) : std::nullopt;
         };
-        EXPECT_EQ(vrk::chooseLevel(one.found, one.shares.size(), share), one.chosen) << one.name;
+        EXPECT_EQ(vrk::chooseLevel(found, shares.size(), share), chosen) << name;
         for (const auto& [level, times] : asked)
-            EXPECT_EQ(times, 1) << one.name << ", level " << level;
+            EXPECT_EQ(times, 1) << name << ", level " << level;
     }
 }
 
@@ -159,29 +154,24 @@ TEST(IndexReflections, AnAxisThatNobodyStatedMustBeConfirmed) {
 }
 
 TEST(IndexReflections, AnEllipseMayMakeTiesThatACrystalHasNot) {
-    const struct {
-        std::array<double, 6> cell;
-        double ellipse;
-        unsigned seed;  ///< of the orientation
-        vrk::Confidence level, lattice;
-    } cases[] = {
-        {{5.2, 6.3, 8.1, 82, 97, 104}, 0, 4, vrk::Confidence::Low, vrk::Confidence::Fair},
-        {{5.2, 6.3, 8.1, 90, 97, 90}, 0, 7, vrk::Confidence::High, vrk::Confidence::High},
-        {{5.2, 6.3, 8.1, 90, 97, 90}, 0.014, 7, vrk::Confidence::Fair, vrk::Confidence::Fair},
-        {{5.2, 6.3, 8.1, 90, 90, 90}, 0.014, 7, vrk::Confidence::High, vrk::Confidence::High},
-        // A right angle or the ellipse.
-        {{5.2, 6.3, 8.1, 90, 90, 90}, 0.014, 5, vrk::Confidence::Fair, vrk::Confidence::Fair},
-    };
-    for (const auto& one : cases) {
-        Found found(one.cell, {.ellipse = one.ellipse, .azimuth = 40},
-                    {.noise = 0.3, .seed = one.seed, .share = 0.8});
+    using enum vrk::Confidence;
+    using Cell = std::array<double, 6>;
+    for (const auto& [cell, ellipse, orientation, level, lattice] :
+         {std::tuple(Cell{5.2, 6.3, 8.1, 82, 97, 104}, 0.0, 4U, Low, Fair),
+          {{5.2, 6.3, 8.1, 90, 97, 90}, 0, 7, High, High},
+          {{5.2, 6.3, 8.1, 90, 97, 90}, 0.014, 7, Fair, Fair},
+          {{5.2, 6.3, 8.1, 90, 90, 90}, 0.014, 7, High, High},
+          // A right angle or the ellipse.
+          {{5.2, 6.3, 8.1, 90, 90, 90}, 0.014, 5, Fair, Fair}}) {
+        Found found(cell, {.ellipse = ellipse, .azimuth = 40},
+                    {.noise = 0.3, .seed = orientation, .share = 0.8});
         const vrk::Verdict verdict = found.indexed().verdict;
-        EXPECT_EQ(verdict.level, one.level) << one.ellipse;
-        EXPECT_EQ(verdict.lattice, one.lattice) << one.ellipse;
-        ASSERT_EQ(verdict.reasons.size(), one.level == vrk::Confidence::High ? 0U : 1U);
+        EXPECT_EQ(verdict.level, level) << ellipse;
+        EXPECT_EQ(verdict.lattice, lattice) << ellipse;
+        ASSERT_EQ(verdict.reasons.size(), level == High ? 0U : 1U);
         for (const std::string& reason : verdict.reasons)
             EXPECT_TRUE(says(reason, "'vrk calibrate'"));
-        if (one.ellipse > 0) continue;
+        if (ellipse > 0) continue;
         found.volume.facts.instrument.emplace().ellipse = vrk::CalibratedValue{0, 1e-4, 0};
         EXPECT_EQ(found.indexed().verdict.level, vrk::Confidence::High) << "with a calibration";
     }

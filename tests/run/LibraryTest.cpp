@@ -9,7 +9,7 @@
 namespace {
 
 /// A small crystal about an axis at 20 degrees.
-vrk::SimulationSettings settingsOf(std::array<double, 6> cell, char centring) {
+vrk::TiltSeries seriesOf(std::array<double, 6> cell, char centring) {
     vrk::SimulationSettings settings;
     settings.cell = cell;
     settings.centring = centring;
@@ -19,18 +19,16 @@ vrk::SimulationSettings settingsOf(std::array<double, 6> cell, char centring) {
     settings.detector.size = 128;
     for (double tilt = -40; tilt <= 40; tilt += 4)
         settings.tilts.push_back(tilt);
-    return settings;
+    return vrk::simulate(settings).value().series;
 }
 
 const vrk::TiltSeries& simple() {
-    static const vrk::TiltSeries series =
-        vrk::simulate(settingsOf({4, 5, 6, 90, 90, 90}, 'P')).value().series;
+    static const vrk::TiltSeries series = seriesOf({4, 5, 6, 90, 90, 90}, 'P');
     return series;
 }
 
 const vrk::TiltSeries& centred() {
-    static const vrk::TiltSeries series =
-        vrk::simulate(settingsOf({6, 7, 8, 90, 90, 90}, 'C')).value().series;
+    static const vrk::TiltSeries series = seriesOf({6, 7, 8, 90, 90, 90}, 'C');
     return series;
 }
 
@@ -88,8 +86,6 @@ TEST(Library, FindsWhatTheStagesFindAndNarratesNothing) {
     EXPECT_TRUE(says(folder.read("result/summary.json"), "\"path\": \"series.mrc\""));
     const std::filesystem::path results[] = {folder / "result"};
     vrk::writeReportPage(results, folder / "page.html").value();
-    EXPECT_GT(folder.read("page.html").size(),
-              0.9 * static_cast<double>(folder.read("result/report.html").size()));
     EXPECT_TRUE(says(folder.read("page.html"), "series.mrc"));
     for (const auto& [kind, name] : {std::pair{vrk::ReflectionFile::Shelx, "reflections.hkl"},
                                      {vrk::ReflectionFile::Cif, "merged.cif"},
@@ -229,12 +225,11 @@ TEST(TiltSeries, TakesFramesFromMemory) {
 }
 
 TEST(TiltSeries, AddsUpNeighboursWhereThereAreTooManyFrames) {
+    std::vector<short> counts(601);
+    std::iota(counts.begin(), counts.end(), short{0});
     std::vector<double> tilts;
-    std::vector<short> counts;
-    for (int i = 0; i < 601; ++i) {
+    for (const short i : counts)
         tilts.push_back(30.0 - 0.1 * i);
-        counts.push_back(static_cast<short>(i));
-    }
     std::string warning;
     vrk::Callbacks observer;
     observer.warning = [&](const std::string& text) { warning = text; };

@@ -34,19 +34,15 @@ TEST_F(GnuplotScriptTest, WritesDataRowByRowWithGapsForWhatIsNotFinite) {
     EXPECT_FALSE(fs::exists(m_folder / "it's a plot.png"));
 }
 
-TEST_F(GnuplotScriptTest, RendersWhereGnuplotIsInstalled) {
+TEST_F(GnuplotScriptTest, RendersWhereGnuplotIsInstalledAndReportsWhatItSays) {
     if (std::system("gnuplot --version > /dev/null 2>&1") != 0) GTEST_SKIP() << "no gnuplot";
     const GnuplotScript plot = parabola();
     ASSERT_TRUE(plot.render());
     EXPECT_EQ(m_own.read(plot.imagePath()).substr(1, 3), "PNG");
-}
-
-TEST_F(GnuplotScriptTest, ReportsWhatGnuplotSays) {
-    if (std::system("gnuplot --version > /dev/null 2>&1") != 0) GTEST_SKIP() << "no gnuplot";
     RecordingLogObserver log;
-    GnuplotScript plot(m_folder.string(), "broken");
-    plot.addCommand("no such command");
-    EXPECT_FALSE(plot.render());
+    GnuplotScript broken(m_folder.string(), "broken");
+    broken.addCommand("no such command");
+    EXPECT_FALSE(broken.render());
     EXPECT_TRUE(log.has("invalid command", VRK::Warning));
 }
 
