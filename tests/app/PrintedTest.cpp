@@ -452,7 +452,8 @@ TEST_F(PrintedTest, PlotsShowWhatTheSummarySays) {
 TEST_F(PrintedTest, RunAndCalibrationTellTheInstrument) {
     jsonOf(kBentSeries);
     expectWhatTheJsonSays(kBent);
-    for (const Json& term : jsonFile("bent/summary.json")["instrument"]["terms"])
+    const Json summary = jsonFile("bent/summary.json");
+    for (const Json& term : summary["instrument"]["terms"])
         EXPECT_TRUE(term["esd"] > 0 && term["esd"] < 0.2) << term;
 }
 
