@@ -71,9 +71,9 @@ struct ImageOverlay {
     struct Border {
         static constexpr int kLeft = 64, kRight = 12, kTop = 78, kBottom = 58;  ///< pixels
 
-        std::vector<std::string> captions = {};  ///< up to three
-        std::vector<Tick> bottom = {}, left = {};
-        std::string bottomName = {}, leftName = {};
+        std::vector<std::string> captions;  ///< up to three
+        std::vector<Tick> bottom, left;
+        std::string bottomName, leftName;
     };
     /// Where the origin lies in the picture of a plane, and how long a pixel is.
     struct Scale {

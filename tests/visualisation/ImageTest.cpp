@@ -91,7 +91,11 @@ TEST(Image, DrawsEverythingInItsPlaceAndColour) {
     const auto text = [](const char* t, double x = 50, double y = 60) {
         return ImageOverlay{.texts = {{x, y, t}}};
     };
-    const auto bordered = [](const ImageOverlay::Border& border) { return ImageOverlay{.border = border}; };
+    using Ticks = std::vector<ImageOverlay::Tick>;
+    const auto bordered = [](const std::vector<std::string>& captions, const Ticks& bottom = {},
+                             const Ticks& left = {}, const char* bottomName = "", const char* leftName = "") {
+        return ImageOverlay{.border = {{captions, bottom, left, bottomName, leftName}}};
+    };
     const auto arrow = [](bool head, const char* label = "") {
         return ImageOverlay{.lines = {{20, 20, 68, 84, label, head}}};
     };
@@ -129,12 +133,12 @@ TEST(Image, DrawsEverythingInItsPlaceAndColour) {
         {"bar", {.bar = {{40, ""}}}, {}, {142, 142, 186, 146}, white},
         {"its rim", {.bar = {{40, ""}}}, {}, {142, 141, 186, 147}, rim, 1},
         {"its name", {.bar = {{40, "H"}}}, {.bar = {{40, ""}}}, {160, 126, 168, 136}, white},
-        {"caption", bordered({.captions = {"", "H"}}), empty, {66, 33, 73, 43}, grey},
-        {"small one", bordered({.captions = {std::string(30, 'H')}}), empty, {65, 13, 275, 20}, grey},
-        {"tick below", bordered({.bottom = {{50, "H"}}}), empty, {111, 238, 117, 257}, grey},
-        {"tick before", bordered({.left = {{30, "H"}}}), empty, {47, 104, 63, 113}, grey},
-        {"axis below", bordered({.bottomName = "H"}), empty, {160, 274, 168, 284}, grey},
-        {"axis before", bordered({.leftName = "H"}), empty, {6, 154, 16, 162}, grey}};
+        {"caption", bordered({"", "H"}), empty, {66, 33, 73, 43}, grey},
+        {"small one", bordered({std::string(30, 'H')}), empty, {65, 13, 275, 20}, grey},
+        {"tick below", bordered({}, {{50, "H"}}), empty, {111, 238, 117, 257}, grey},
+        {"tick before", bordered({}, {}, {{30, "H"}}), empty, {47, 104, 63, 113}, grey},
+        {"axis below", bordered({}, {}, {}, "H"), empty, {160, 274, 168, 284}, grey},
+        {"axis before", bordered({}, {}, {}, "", "H"), empty, {6, 154, 16, 162}, grey}};
     for (const Row& row : rows) {
         SCOPED_TRACE(row.what + testing::PrintToString(row.box));
         const auto [box, colour] = difference(row.with, row.without, row.ground);
