@@ -10,6 +10,7 @@
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/NumberText.h"
 #include "pipeline/base/OutputFile.h"
+#include "visualisation/PictureFile.h"
 #include "visualisation/ReciprocalSection.h"
 #include "visualisation/VolumeProjection.h"
 #include "visualisation/VoxOpenCV.h"
@@ -114,6 +115,8 @@ std::vector<fs::path> alongAllAxes(Draw draw) {
 }  // namespace
 
 void savePicture(const PlaneImage& image, const ImageOverlay& overlay, const fs::path& path) {
+    if (!PictureFile::IsNamedSo(path.string()))
+        throw Failure("cannot write the picture " + path.string() + ": it needs a name that ends in .png");
     OutputFile file(path);
     commitIf(VoxOpenCV::SaveImage(image, file.path().string(), overlay), file, path);
 }

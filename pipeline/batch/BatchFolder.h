@@ -26,6 +26,10 @@ public:
         return m_path / "records" / (job + ".json");
     }
     std::filesystem::path thumbnail(const std::string& job) const {
+        return m_path / "records" / (job + ".png");
+    }
+    /// What earlier versions wrote in its place, as JPEG.
+    std::filesystem::path earlierThumbnail(const std::string& job) const {
         return m_path / "records" / (job + ".jpg");
     }
     /// For the series that is made of frames while the job runs.

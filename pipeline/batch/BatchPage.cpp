@@ -173,8 +173,12 @@ private:
     }
 
     std::string thumbnail(const std::string& name) const {
-        const std::string bytes = wholeFile(m_folder.thumbnail(name)).value_or("");
-        return bytes.empty() ? "" : "<img alt=\"\" src=\"data:image/jpeg;base64," + base64(bytes) + "\">";
+        for (const auto& [path, kind] :
+             {std::pair(m_folder.thumbnail(name), "png"), std::pair(m_folder.earlierThumbnail(name), "jpeg")})
+            if (const std::string bytes = wholeFile(path).value_or(""); !bytes.empty())
+                return std::string("<img alt=\"\" src=\"data:image/") + kind + ";base64," + base64(bytes) +
+                       "\">";
+        return "";
     }
 
     void crystals() {

@@ -5,13 +5,13 @@
 #include <cmath>
 #include <fstream>
 #include <opencv2/core.hpp>
-#include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 #include <utility>
 #include <vector>
 
 #include "foundation/VRKLogger.h"
 #include "foundation/detail/SingleThreadedOpenCV.h"
+#include "visualisation/PictureFile.h"
 #include "visualisation/detail/PictureText.h"
 
 namespace {
@@ -22,13 +22,14 @@ bool fail(const std::string& path, const std::string& reason) {
     return false;
 }
 
+/// The reason for which nearly all files fail.
+constexpr const char* kNotWritten = "check that its folder exists and may be written to, and the free space";
+
 bool save(const cv::Mat& image, const std::string& path) {
-    try {
-        if (cv::imwrite(path, image)) return true;
-    } catch (const cv::Exception&) {
+    if (!PictureFile::IsNamedSo(path))
         return fail(path, "no image format goes by the ending of that name; use .png");
-    }
-    return fail(path, "check that its folder exists and may be written to, and the free space");
+    const auto pixel = image.channels() == 1 ? PictureFile::Pixel::Grey : PictureFile::Pixel::BlueGreenRed;
+    return PictureFile::Write(image.data, image.cols, image.rows, pixel, path) || fail(path, kNotWritten);
 }
 
 bool isEmpty(const PlaneImage& image) {
@@ -230,5 +231,5 @@ bool VoxOpenCV::SaveTGA(const PlaneImage& image, const std::string& path) {
     file.write(header.data(), header.size());
     file.write(reinterpret_cast<const char*>(grey.data), static_cast<std::streamsize>(grey.total()));
     file.close();
-    return file ? true : fail(path, "check that its folder exists and may be written to, and the free space");
+    return file ? true : fail(path, kNotWritten);
 }

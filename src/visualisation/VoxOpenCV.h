@@ -7,9 +7,9 @@
 #include "VRKCoreExport.h"
 #include "visualisation/PlaneImage.h"
 
-/// The format follows from the file name's ending (.png, .jpeg, .tif ...); .png is exact.
-/// Every function returns false, with an error logged that names the file, when the image is empty or the
-/// file cannot be written. Values that are not finite are drawn black.
+/// Files are PNG files and need names that end in .png, unless a function says otherwise.
+/// Every function returns false, with an error logged that names the file, when the image is empty, the
+/// file cannot be written or its name has another ending. Values that are not finite are drawn black.
 class VRKCORE_EXPORT VoxOpenCV {
 public:
     /// Equalises the histogram, so that faint structure shows, and saves as 8-bit grey.

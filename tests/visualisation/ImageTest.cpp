@@ -5,11 +5,14 @@
 #include "VoxCore/DataModel/VoxVolumeData.h"
 #include "crystallography/UnitCell.h"
 #include "support/Testing.h"
+#include "visualisation/PictureFile.h"
 #include "visualisation/ReciprocalSection.h"
 #include "visualisation/VolumeProjection.h"
 #include "visualisation/VoxOpenCV.h"
 
 namespace {
+
+namespace fs = std::filesystem;
 
 constexpr double kBase[3][3] = {{9.0, 2.0, 1.0}, {-1.0, 8.0, 3.0}, {1.0, -2.0, 10.0}};
 
@@ -150,15 +153,37 @@ TEST(Image, DrawsEverythingInItsPlaceAndColour) {
 
 TEST(Image, FailuresNameTheFile) {
     const TemporaryFolder folder;
+    fs::create_symlink("/dev/full", folder / "full.PNG");
     const PlaneImage picture(4, 4);
     RecordingLogObserver log;
     EXPECT_FALSE(VoxOpenCV::SaveImage(PlaneImage(), folder / "a.png"));
-    EXPECT_FALSE(VoxOpenCV::SaveImage(picture, "/no such folder/a.png"));
-    EXPECT_FALSE(VoxOpenCV::SaveImage(picture, folder / "a.unknown"));
+    for (const char* name : {"/no such folder/a.png", "a.unknown", "png", "full.PNG"})
+        EXPECT_FALSE(VoxOpenCV::SaveImage(picture, fs::path(folder / "") / name)) << name;
     EXPECT_FALSE(VoxOpenCV::SaveTGA(picture, "/dev/full"));
     EXPECT_FALSE(VoxOpenCV::SaveImageWithEqualizeHist(nullptr, 4, 4, folder / "b.png"));
-    EXPECT_EQ(log.count("could not be written", VRK::Error), 5);
+    EXPECT_EQ(log.count("could not be written", VRK::Error), 7);
+    EXPECT_EQ(log.count("use .png", VRK::Error), 2);
     EXPECT_TRUE(log.has("/no such folder/a.png", VRK::Error));
+}
+
+/// Another library reads the same, and nothing of what was cut off.
+TEST(PictureFile, HoldsPicturesOfAnyShape) {
+    const TemporaryFolder folder;
+    const std::string path = folder / "p.png";
+    for (const auto& [width, height] : {std::pair(1, 1), {7, 300}, {1100, 3}})
+        for (const int channels : {1, 3}) {
+            cv::Mat grey(height, width, CV_8U), picture;
+            cv::RNG(1).fill(grey, cv::RNG::UNIFORM, 0, 256);
+            cv::merge(std::vector<cv::Mat>(static_cast<std::size_t>(channels), grey), picture);
+            ASSERT_TRUE(PictureFile::Write(picture.data, width, height, PictureFile::Pixel{channels}, path));
+            EXPECT_EQ(cv::norm(picture, cv::imread(path, cv::IMREAD_UNCHANGED), cv::NORM_INF), 0);
+            const PictureFile::Grey read = PictureFile::ReadGrey(path);
+            EXPECT_EQ(std::pair(read.width, read.height), std::pair(width, height));
+            EXPECT_TRUE(std::equal(grey.begin<unsigned char>(), grey.end<unsigned char>(),
+                                   read.values.begin(), read.values.end()));
+            fs::resize_file(path, fs::file_size(path) / 2);
+            EXPECT_TRUE(PictureFile::ReadGrey(path).values.empty());
+        }
 }
 
 TEST(VolumeProjection, KeepsEachAxisInItsPlace) {
@@ -214,11 +239,9 @@ TEST(ReciprocalSection, ShowsTheNodesOfThePlaneWhereItMarksThem) {
         const PlaneImage picture = section.sample(settings);
         int bright = 0;
         for (const ImageOverlay::Node& node : section.overlay(settings, true).nodes) {
-            const long x = std::lround(node.x);
-            const long y = std::lround(node.y);
             ASSERT_TRUE(node.x >= 0 && node.y >= 0 && node.x < picture.width && node.y < picture.height);
-            if (x < picture.width && y < picture.height &&
-                picture.at(static_cast<int>(x), static_cast<int>(y)) > 500.0F)
+            const cv::Point place(cvRound(node.x), cvRound(node.y));
+            if (place.inside({0, 0, picture.width, picture.height}) && picture.at(place.x, place.y) > 500.0F)
                 ++bright;
         }
         EXPECT_EQ(bright, 1) << plane;
