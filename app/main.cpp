@@ -1,4 +1,5 @@
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <iostream>
@@ -99,6 +100,19 @@ int runWords(const std::vector<std::string>& words) {
     return runHosted(static_cast<int>(copies.size()), arguments.data());
 }
 
+/// What is made before main(), such as checks of the option parser, fails with a line, too.
+[[noreturn]] void endBeforeMain() {
+    std::fputs("vrk: it could not even begin; it takes more memory than it gets\n", stderr);
+    std::_Exit(kFailed);
+}
+
+std::terminate_handler usualEnd = nullptr;
+
+/// Runs before all that has no priority.
+[[gnu::constructor(101)]] void watchBeginning() {
+    usualEnd = std::set_terminate(endBeforeMain);
+}
+
 /// Work on frames takes scratch memory of some megabytes thousands of times. To give it back to the system
 /// each time, and touch fresh pages the next, takes as long as the work. Series and volumes are larger and go
 /// back.
@@ -112,6 +126,7 @@ void keepScratchMemory() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    std::set_terminate(usualEnd);
     keepScratchMemory();
     try {
         return runHosted(argc, argv);

@@ -23,7 +23,7 @@ thread_local std::uint64_t limit = 0;  // 0: none given
 
 /// The number behind a name in a file of names and numbers, or the file's only number; \p otherwise for none,
 /// and for "max".
-std::uint64_t numberIn(const fs::path& path, const std::string& name, std::uint64_t otherwise) {
+std::uint64_t numberIn(const std::string& path, const std::string& name, std::uint64_t otherwise) {
     std::ifstream file(path);
     std::uint64_t number = 0;
     if (name.empty()) return file >> number ? number : otherwise;
@@ -47,10 +47,12 @@ constexpr GroupFiles kEarlier = {"memory.limit_in_bytes", "memory.usage_in_bytes
 std::uint64_t leftByGroup(const fs::path& top, fs::path group, const GroupFiles& files) {
     std::uint64_t left = kUnlimited;
     for (group = group.relative_path();; group = group.parent_path()) {
-        const fs::path folder = top / group;
-        const std::uint64_t most = numberIn(folder / files.most, "", kUnlimited);
-        std::uint64_t used = numberIn(folder / files.used, "", 0);
-        used -= std::min(used, numberIn(folder / "memory.stat", files.reclaimable, 0));
+        // Where every program begins, and with hardly any memory left: joining paths then crashes in some
+        // versions of the standard library.
+        const std::string folder = top.string() + '/' + group.string() + '/';
+        const std::uint64_t most = numberIn(folder + files.most, "", kUnlimited);
+        std::uint64_t used = numberIn(folder + files.used, "", 0);
+        used -= std::min(used, numberIn(folder + "memory.stat", files.reclaimable, 0));
         if (most != kUnlimited) left = std::min(left, most - std::min(most, used));
         if (group.empty()) return left;
     }
@@ -87,7 +89,7 @@ std::uint64_t residentMemory() {
 std::uint64_t freeMemory(const fs::path& root) {
     constexpr std::uint64_t kKiB = 1024;
     const std::uint64_t available =
-        numberIn(root / "proc/meminfo", "MemAvailable:", kUnlimited / kKiB) * kKiB;
+        numberIn(root.string() + "/proc/meminfo", "MemAvailable:", kUnlimited / kKiB) * kKiB;
     return std::min(available, leftByGroups(root));
 }
 
