@@ -20,8 +20,9 @@ namespace {
 
 using namespace testing_support;
 
+/// One of these runs in a circle, about as many as do among any.
 std::vector<UnitCell> randomCells(double length, double angle) {
-    RandomLattice random(1);
+    RandomLattice random(3);
     std::vector<UnitCell> cells;
     for (std::size_t i = 0; i < 1400; ++i) {
         UnitCell cell = random.primitive(kAllBravaisTypes[i % kAllBravaisTypes.size()]);
