@@ -56,6 +56,10 @@ struct Attempt {
     LatticeChoice lattice;
     Indexed indexed;
     Crystals crystals = {};
+
+    /// Two volumes at a time are too many: one is made of the frames again in a fraction of the time of an
+    /// attempt.
+    void giveUpVolume() { volume.voxels.reset(); }
 };
 
 /// One run after another over the same centred frames.
@@ -107,6 +111,12 @@ public:
             if (!m_failure) m_failure = failure;
             return std::nullopt;
         }
+    }
+
+    /// Makes the volume of an attempt again that gave it up for another one, and forgets that of a failure.
+    void restoreVolume(Attempt& attempt) {
+        m_remains.volume.reset();
+        if (!attempt.volume.voxels) attempt.volume.voxels = volumeAt(attempt.axis).voxels;
     }
 
     const Failure& firstFailure() const { return *m_failure; }
@@ -190,10 +200,12 @@ void followAxis(Attempts& attempts, Attempt& best) {
         if (!axis.stated && axis.source != "assumed" && axis.source != "search") axis.stated = axis.angle;
         axis.angle = std::remainder(axis.angle + turn, 360.0);
         axis.source = "refined";
+        best.giveUpVolume();
         std::optional<Attempt> next = attempts.tryAt(axis);
         if (!next || !isBetter(*next, best)) break;
         best = std::move(*next);
     }
+    attempts.restoreVolume(best);
 }
 
 void tellMovedAxis(const TiltAxis& axis, Session& session) {
@@ -205,9 +217,9 @@ void tellMovedAxis(const TiltAxis& axis, Session& session) {
     session.warn(text.str());
 }
 
-/// The attempt on patterns whose centres the spots put right; nothing where no pattern needs it, or nothing
-/// gets better.
-std::optional<Attempt> withRefinedCentres(const CentredSeries& series, const Attempt& best,
+/// The attempt on patterns whose centres the spots put right, for which the best one may give up its volume;
+/// nothing where no pattern needs it, or nothing gets better.
+std::optional<Attempt> withRefinedCentres(const CentredSeries& series, Attempt& best,
                                           const RunOptions& options, const RunStages& stages,
                                           RunSeconds& seconds, Session& session, RunRemains& remains) {
     const bool found = options.centre.source == CentreChoice::Source::Search;
@@ -225,6 +237,7 @@ std::optional<Attempt> withRefinedCentres(const CentredSeries& series, const Att
         return std::nullopt;
     const CentredSeries better =
         timed(seconds.preprocess, [&] { return recentred(series, shifts, best.axis.angle, session); });
+    best.giveUpVolume();
     Attempts attempts(better, options, stages, seconds, session, remains);
     std::optional<Attempt> next = attempts.tryAt(best.axis);
     const bool helps = next && (meritOf(*next) > meritOf(best) ||
@@ -340,15 +353,17 @@ RunResult runCentred(CentredSeries centred, const RunOptions& options, const Run
         const std::optional<TiltAxis> found =
             timed(s.tiltAxis, [&] { return searchedAxis(centred, options.axis, stages, session); });
         std::optional<Attempt> searched;
+        if (best) best->giveUpVolume();
         if (found) searched = attempts.tryAt(*found);
         if (searched) followAxis(attempts, *searched);
         if (searched && (!best || meritOf(*searched) > meritOf(*best))) best = std::move(searched);
     }
     if (!best) throw attempts.firstFailure();
-    // A volume is large.
-    remains.volume.reset();
+    attempts.restoreVolume(*best);
     if (auto refined = withRefinedCentres(centred, *best, options, stages, s, session, remains))
         best = std::move(refined);
+    else
+        attempts.restoreVolume(*best);
     if (best->crystals.others.empty()) findCrystals(*best, options, true, s, session);
     tellMovedAxis(best->axis, session);
     if (!best->indexed.strain.empty()) session.warn(best->indexed.strain);
