@@ -144,6 +144,30 @@ TEST(Library, TakesStagesOfTheCaller) {
     EXPECT_EQ(none.error().kind, vrk::FailureKind::Usage) << none.error().text;
 }
 
+/// The volume of the answer is given up for that about another axis, where nothing is found.
+TEST(Library, MakesTheVolumeOfTheAnswerAgain) {
+    vrk::RunStages stages;
+    std::vector<double> axes;
+    stages.indexReflections = [&](auto levels, const auto& lattice, const auto& volume, const auto& axis,
+                                  auto& session) {
+        axes.push_back(axis.angle);
+        if (axes.size() > 1) throw vrk::Failure("nothing", vrk::FailureKind::NothingFound);
+        vrk::Indexed indexed = vrk::indexReflections(std::move(levels), lattice, volume, axis, session);
+        indexed.instrument.valid = true;
+        indexed.instrument.model[vrk::InstrumentTerm::AxisTurn] = 0.05;
+        return indexed;
+    };
+    const vrk::RunResult result = vrk::run(simple(), quick(), vrk::silence(), stages).value();
+    const vrk::RunResult plain = vrk::run(simple(), quick()).value();
+    const VoxMRCData &again = *result.volume.voxels, &only = *plain.volume.voxels;
+    ASSERT_EQ(axes.size(), 2U);
+    EXPECT_NEAR(axes[1], 22.9, 0.1);
+    ASSERT_EQ(again.GetDepth(), only.GetDepth());
+    for (unsigned z = 0; z < only.GetDepth(); ++z)
+        ASSERT_TRUE(std::equal(again.GetChunkPointer(z), again.GetChunkPointer(z) + 128 * 128,
+                               only.GetChunkPointer(z)));
+}
+
 TEST(Library, StopsWhenItIsAskedTo) {
     vrk::Callbacks observer;
     double farthest = 0;
