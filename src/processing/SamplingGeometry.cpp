@@ -36,15 +36,18 @@ SamplingGeometry::Sample SamplingGeometry::sample(unsigned x, unsigned layer) co
 
     const bool recorded = result.lower >= 0 && result.upper >= 0 && result.outer >= 0;
     if (!recorded || std::isnan(angle) || dx == 0.0F) return result;
-    const float sign = std::abs(dx) / dx;
-    const int innerColumn = static_cast<int>(sign * static_cast<float>(result.inner) + m_centreX);
-    const int outerColumn = static_cast<int>(sign * static_cast<float>(result.outer) + m_centreX);
+    const int innerColumn = columnAt(result.inner, dx > 0.0F);
+    const int outerColumn = columnAt(result.outer, dx > 0.0F);
     const int columns = static_cast<int>(m_width);
     if (std::min(innerColumn, outerColumn) < 0 || std::max(innerColumn, outerColumn) >= columns)
         return result;
     result.innerColumn = innerColumn;
     result.outerColumn = outerColumn;
     return result;
+}
+
+int SamplingGeometry::columnAt(int distance, bool right) const {
+    return static_cast<int>(static_cast<float>(right ? distance : -distance) + m_centreX);
 }
 
 double SamplingGeometry::meanRadius(const Sample& sample) const {

@@ -63,6 +63,9 @@ public:
     /// is not inside().
     Sample sample(unsigned x, unsigned layer) const;
 
+    /// The pixel column at a distance from the axis in whole pixels. It may lie outside of the frame.
+    int columnAt(int distance, bool right) const;
+
     /// Signed mean distance of the two pixel columns from the axis, in pixels, positive to the right. It is
     /// that of the pixels which are really read. 0 for a sample that is not inside().
     double meanRadius(const Sample& sample) const;

@@ -174,7 +174,7 @@ void ReciprocalVolumeFiller::fillPair(unsigned pair, std::size_t number) {
     for (std::size_t group = pair * m_groupsOfPair; group < (pair + 1) * m_groupsOfPair; ++group) {
         const std::uint32_t begin = m_groupBegin[group];
         const std::uint32_t end = m_groupBegin[group + 1];
-        if (begin < end) fillGroup({m_columns.data() + begin, m_columns.data() + end}, lane);
+        if (begin < end) fillGroup(group, {m_columns.data() + begin, m_columns.data() + end}, lane);
     }
 }
 
@@ -186,14 +186,18 @@ void ReciprocalVolumeFiller::finish() {
     });
 }
 
-void ReciprocalVolumeFiller::fillGroup(std::span<const std::uint32_t> columns, Lane& lane) const {
+void ReciprocalVolumeFiller::fillGroup(std::size_t group, std::span<const std::uint32_t> columns,
+                                       Lane& lane) const {
     static const Average average = fastestAverage();
     const auto width = static_cast<std::uint32_t>(m_width);
-    const SamplingGeometry::Sample sample = m_geometry.sample(columns[0] % width, columns[0] / width);
-    const short* lower = transposed(sample.lower, lane);
-    const short* upper = transposed(sample.upper, lane);
-    const std::size_t inner = static_cast<std::size_t>(sample.innerColumn) * m_height;
-    const std::size_t outer = static_cast<std::size_t>(sample.outerColumn) * m_height;
+    // groupOf() the other way round.
+    const auto pattern = static_cast<int>(group / m_groupsOfPair);
+    const auto distance = static_cast<int>(group % m_groupsOfPair / 2);
+    const bool right = group % 2 == 1;
+    const short* lower = transposed(pattern, lane);
+    const short* upper = transposed(pattern + 1, lane);
+    const std::size_t inner = static_cast<std::size_t>(m_geometry.columnAt(distance, right)) * m_height;
+    const std::size_t outer = static_cast<std::size_t>(m_geometry.columnAt(distance + 1, right)) * m_height;
     const Limits limits =
         average(upper + inner, lower + inner, upper + outer, lower + outer, lane.average.data(), m_height);
     lane.lowest = std::min(lane.lowest, limits.lowest);

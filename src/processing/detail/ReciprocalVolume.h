@@ -74,7 +74,7 @@ private:
     std::uint32_t groupOf(const SamplingGeometry::Sample& sample, bool right) const;
     void sortColumns(const std::vector<std::uint32_t>& groups);
     const short* transposed(int pattern, Lane& lane) const;
-    void fillGroup(std::span<const std::uint32_t> columns, Lane& lane) const;
+    void fillGroup(std::size_t group, std::span<const std::uint32_t> columns, Lane& lane) const;
 
     const VoxMRCData& m_series;
     const SamplingGeometry& m_geometry;
