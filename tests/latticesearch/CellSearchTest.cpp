@@ -98,8 +98,6 @@ TEST(CellSearch, FindsTheLatticeBehindAWedgeAndOutliers) {
         ASSERT_FALSE(found.empty());
         EXPECT_TRUE(vrk::sameLattice(found.front().lattice.basis, crystal.basis, 0.03));
         EXPECT_LT(found.front().lattice.origin.norm(), 0.3);
-        EXPECT_NEAR(found.front().score.fraction(), 0.55, 0.1);
-        EXPECT_GT(found.front().score.evidence, 300.0);
         for (const LatticeCandidate& one : found) {
             soFar.addAll(one.lattice.basis.reshaped());
             soFar.addAll(one.lattice.origin);
