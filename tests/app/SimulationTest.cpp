@@ -230,23 +230,6 @@ TEST(Simulation, CrystalsLieAlongGivenDirections) {
     EXPECT_NEAR(heightOf(1, 0, 0)[2], -0.308003300, 1e-8);
 }
 
-TEST(Simulation, OppositeSpotsDifferByTheAsymmetry) {
-    SimulationSettings settings = reflectionsAlone();
-    settings.tilts = {0};
-    const auto logOfRatio = [&] {
-        const vrk::SimulationTruth truth = vrk::simulateSeries(settings).truth;
-        const std::size_t half = truth.reflections.size() / 2;
-        double squares = 0;
-        for (std::size_t i = 0; i < half; ++i)
-            squares +=
-                std::pow(std::log(truth.reflections[i].intensity / truth.reflections[half + i].intensity), 2);
-        return std::sqrt(squares / static_cast<double>(half));
-    };
-    EXPECT_EQ(logOfRatio(), 0);
-    settings.asymmetry = 0.6;
-    EXPECT_NEAR(logOfRatio(), 0.6 * std::numbers::sqrt2, 0.05);
-}
-
 /// Frames without reflections and noise, of 200 pixels at 0.05 1/Angstrom the pixel at the edge.
 class SimulatedBackgroundTest : public testing::Test {
 protected:
@@ -264,15 +247,6 @@ protected:
 
     SimulationSettings settings;
 };
-
-TEST_F(SimulatedBackgroundTest, HaloGrowsToOneSide) {
-    settings.background.halo = 100;
-    const double plain = at(0, 50.5);
-    settings.background = {100, 0, 0.4, 90};
-    EXPECT_NEAR(at(0, 50.5) / plain, 1.202, 0.001);
-    EXPECT_NEAR(at(0, -50.5) / plain, 0.798, 0.001);
-    EXPECT_NEAR(at(50.5, 0.5) / plain, 1.002, 0.001);
-}
 
 TEST_F(SimulatedBackgroundTest, RingsOfIceAreWhereIceHasThemAndDistortedLikeSpots) {
     settings.background = {.halo = 0, .directBeam = 0, .ice = 1000};

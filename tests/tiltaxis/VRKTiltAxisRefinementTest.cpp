@@ -73,7 +73,8 @@ std::unique_ptr<VoxMRCData> spotSeries(unsigned width, unsigned height = 0, unsi
         for (unsigned spot = 0; spot < 8; ++spot) {
             const unsigned x = width / 10 * (spot % 4 * 2 + 1), y = height / 8 * (spot / 4 * 4 + 1 + i / 3);
             for (unsigned d = 0; d < edge * edge; ++d)
-                series->GetChunkPointer(i)[(y + d / edge) * width + x + d % edge] = 1000;
+                series->GetChunkPointer(i)[(y + d / edge) * width + x + d % edge] =
+                    static_cast<short>(1000 - 50 * i);
         }
     return series;
 }
@@ -207,7 +208,9 @@ TEST(VRKTiltAxisRefinementTest, SearchesVolumesOfPatternsWithoutSpots) {
     const auto series = spotSeries(250, 250, 22);
     ASSERT_TRUE(ReflexVectorPtr(FindReflexes2d().findAllReflexes(series.get()))->empty());
     Rehearsal search([](float angle) { return 3.0 - std::abs(angle); });
+    RecordingLogObserver log;
     EXPECT_EQ(search.searchTiltAxisManual3D(series.get(), "", folder / "", -2, 2, 1), 0.0F);
+    EXPECT_TRUE(log.has("a value of 990.265 reaches the threshold of 125; the 20 most intense", VRK::Normal));
 }
 
 TEST(VRKTiltAxisRefinementTest, SaysWhyThereIsNoAngle) {
