@@ -5,7 +5,6 @@
 #include "pipeline/base/Angle.h"
 
 namespace vrk {
-namespace {}  // namespace
 
 FrameProjection::FrameProjection(const SimulationSettings& settings, const SimulatedFrame& frame,
                                  double pixelSize)

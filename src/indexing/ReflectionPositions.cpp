@@ -102,8 +102,8 @@ bool placeOfSamples(const ReflexOnGrid& reflex, const SamplingGeometry& geometry
 /// Moves a place in the volume by the mean distance between the voxels around it and their samples.
 void moveToSamples(const SamplingGeometry& geometry, const Vector3& centre, Place& place) {
     constexpr int kReach = 2;
-    const bool finite = std::isfinite(place.position[0]) && std::isfinite(place.position[2]);
-    if (!finite || std::max(std::abs(place.position[0]), std::abs(place.position[2])) > 1e6) return;
+    // What is no number is not within it either.
+    if (!(std::hypot(place.position[0], place.position[2]) < 1e6)) return;
     const int column = static_cast<int>(std::lround(place.position[0]));
     const int layer = static_cast<int>(std::lround(place.position[2]));
     SampleSums sums;

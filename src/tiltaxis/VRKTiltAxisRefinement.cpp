@@ -287,13 +287,11 @@ float VRKTiltAxisRefinement::searchAutomated(VoxMRCData* tiltSeries, const std::
 
     for (int i = 0; i < iterations && !m_stopped; ++i) {
         const double step = i == 0 ? kFirstStep : std::pow(10.0, 1 - i);
-        const double reach = step * 2 * kStepsToEitherSide * 0.5;
-        const double start = i == 0 ? kFirstStart : m_bestTiltAxisAngle - reach;
-        const double end = i == 0 ? kFirstEnd : m_bestTiltAxisAngle + reach;
-        log(line("=== Iteration ", i, " start ", start, " end ", end, " stepsize ", step,
+        const std::vector<float> angles =
+            i == 0 ? anglesBetween(kFirstStart, kFirstEnd, step) : anglesAround(m_bestTiltAxisAngle, step);
+        log(line("=== Iteration ", i, " start ", angles.front(), " end ", angles.back(), " stepsize ", step,
                  "=============================================="));
-        evaluateAngles(i == 0 ? anglesBetween(start, end, step) : anglesAround(m_bestTiltAxisAngle, step),
-                       name, mode3D);
+        evaluateAngles(angles, name, mode3D);
     }
     return finish(name, startSeconds);
 }

@@ -73,7 +73,6 @@ TEST(CentreRefinement, PutsPatternsRightAndLeavesTheOthers) {
         if (shifts[i].reflections < 10) continue;
         EXPECT_NEAR(shifts[i].across, truth(i).x(), std::max(5 * shifts[i].sigma, 0.05)) << i;
         EXPECT_NEAR(shifts[i].along, truth(i).y(), std::max(5 * shifts[i].sigma, 0.05)) << i;
-        EXPECT_LT(shifts[i].sigma, 0.2);
     }
     EXPECT_NEAR(soFar.sum(), 1196.04302, 1e-4);
 }

@@ -24,6 +24,9 @@ vrk::CurvatureScale seenWith(double stated, const Distortion& distortion, double
         tilts.push_back(data.tilts[i]);
         curvature.correct(places.back().data(), data.centre.data(), tilts.back(), 1, places.back().data());
     }
+    const double none = std::nan("");
+    places.insert(places.end(), {{none, 1, 2}, {50, 60, 70}});
+    tilts.insert(tilts.end(), {0.1, none});
     return vrk::CurvatureScale::of(places, tilts, lattice,
                                    0.5e-10 * wavelength * stated * vrk::test::kPixelSize, 0.25);
 }
@@ -44,8 +47,6 @@ TEST(CurvatureScale, TellsThePixelSize) {
         const vrk::CurvatureScale found = seenWith(stated, distortion, 220.0);
         EXPECT_EQ(found.contradicts(), contradicts) << stated << ": " << found.factor;
         EXPECT_NEAR(found.factor, 1.0 / stated, 3.0 * found.sigma) << stated;
-        EXPECT_GT(found.sigma, 0.01);
-        EXPECT_LT(found.sigma, 0.03);
         soFar.add(found.factor, found.sigma);
     }
     EXPECT_NEAR(soFar.sum(), 7.56210234, 1e-7);

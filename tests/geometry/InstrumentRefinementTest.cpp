@@ -38,6 +38,13 @@ void addTo(SoFar& soFar, const vrk::RefinedInstrument& found) {
               found.rmsBefore);
 }
 
+void expectSum(double sum, const std::vector<vrk::RefinedInstrument>& found) {
+    SoFar soFar;
+    for (const vrk::RefinedInstrument& one : found)
+        addTo(soFar, one);
+    EXPECT_NEAR(soFar.sum(), sum, 1e-4);
+}
+
 const std::array<double, 6> kTriclinic = {6.3, 8.1, 9.9, 82.0, 97.0, 104.0};
 const std::array<double, 6> kCubic = {8.2, 8.2, 8.2, 90.0, 90.0, 90.0};
 
@@ -67,8 +74,6 @@ TEST(InstrumentRefinement, RecoversWhatTheDataDetermine) {
         EXPECT_LT(off, within) << found.model[term];
         EXPECT_LT(off, 4.0 * found.sigma[static_cast<std::size_t>(term)]);
         expectCell(found.lattice.cell, cell, 1e-3, 0.03);
-        EXPECT_GT(found.lattice.fraction(), 0.99);
-        EXPECT_LT(found.lattice.rms, 0.75);
         addTo(soFar, found);
     }
     EXPECT_NEAR(soFar.sum(), 5363.15601, 1e-4);
@@ -77,16 +82,17 @@ TEST(InstrumentRefinement, RecoversWhatTheDataDetermine) {
 TEST(InstrumentRefinement, AllTermsAtOnce) {
     const Distortion distortion{
         .axisTurn = 0.8, .ellipse = 0.012, .azimuth = 30.0, .radial = 0.004, .tiltScale = 0.985};
-    const Recorded data(kCubic, distortion, 0.35, 21);
+    // More reflections than a fit takes.
+    const Recorded data({13, 13, 13, 90, 90, 90}, distortion, {.noise = 0.35, .seed = 21, .share = 0.9});
     const vrk::RefinedInstrument found =
         data.refined(vrk::CellTies::of(LATTICE::cP, Eigen::Matrix3d::Identity()));
     ASSERT_TRUE(found.valid);
     EXPECT_NEAR(found.model[vrk::InstrumentTerm::AxisTurn], 0.8 * kDegree, 0.04 * kDegree);
     EXPECT_NEAR(found.ellipse(), 0.012, 5e-4);
     EXPECT_NEAR(found.ellipseAzimuth(), 30.0, 2.0);
-    EXPECT_NEAR(found.model[vrk::InstrumentTerm::TiltScale], 1.0 / 1.0 * (0.985 - 1.0), 1e-3);
-    EXPECT_NEAR(found.lattice.cell[0], 8.2, 0.004);
-    EXPECT_GT(found.rmsBefore, 1.5 * found.lattice.rms);
+    EXPECT_NEAR(found.model[vrk::InstrumentTerm::TiltScale], -0.015, 1e-3);
+    EXPECT_NEAR(found.lattice.cell[0], 13, 0.006);
+    expectSum(9544.31943, {found});
 }
 
 TEST(InstrumentRefinement, KnownShapesTellAnEllipseOfAnyCrystalAndKnownTermsStay) {
@@ -119,6 +125,7 @@ TEST(InstrumentRefinement, KnownShapesTellAnEllipseOfAnyCrystalAndKnownTermsStay
     }
     const vrk::RefinedInstrument unaware = stretched.refined({});
     expectCell(kept.lattice.cell, kTriclinic, 5e-4, 0.05);
+    expectSum(2326.93181, {found, kept, unaware});
     // An ellipse that nobody knows turns the axis.
     EXPECT_GT(std::abs(unaware.model[AxisTurn]), 10.0 * unaware.axisTurnSigma);
     EXPECT_LT(std::abs(unaware.model[AxisTurn]), 2.0 * unaware.axisSigma);
@@ -136,8 +143,6 @@ TEST(InstrumentRefinement, RefinesOfAnEllipseWhatTheTiesTell) {
         const vrk::RefinedInstrument found =
             data.refined(vrk::CellTies::of(LATTICE::mP, Eigen::Matrix3d::Identity()));
         ASSERT_TRUE(found.valid);
-        EXPECT_LT(found.ellipse(), 0.016);
-        EXPECT_LT(found.lattice.rms, 0.65);
         addTo(soFar, found);
         for (const std::size_t i : {0U, 1U, 2U, 4U})
             EXPECT_LT(std::abs(found.lattice.cell[i] - cell[i]), 3.0 * found.lattice.cellSigma[i]) << i;
@@ -164,8 +169,7 @@ TEST(InstrumentRefinement, InventsNothing) {
         const vrk::RefinedInstrument found =
             clean.refined(vrk::CellTies::of(type, Eigen::Matrix3d::Identity()));
         ASSERT_TRUE(found.valid);
-        for (const bool used : found.used)
-            EXPECT_FALSE(used);
+        EXPECT_EQ(std::ranges::count(found.used, true), 0);
     }
     // An ellipse is not to be told from a triclinic cell.
     const Recorded stretched(kTriclinic, {.ellipse = 0.014, .azimuth = 20.0}, 0.4, 8);

@@ -139,7 +139,10 @@ TEST(GeometryRefinementTest, findsTheTruthWithinItsUncertainties) {
     SoFar soFar;
     for (const LATTICE::BravaisTypes type : kTypes) {
         const SeriesGeometry truth = plainGeometry(type);
-        const Observations seen(truth, rocking, 0.08);
+        Observations seen(truth, rocking, 0.08);
+        std::erase_if(seen.centroids, [&](const SpotCentroid& one) {
+            return seen.prediction.spots[one.spot].frame % 25 == 0;  // they follow their neighbours
+        });
         RockingModel first = rocking;
         first.width = 0.0045;
         const GeometryFit fit =
@@ -156,15 +159,17 @@ TEST(GeometryRefinementTest, findsTheTruthWithinItsUncertainties) {
         EXPECT_NEAR(fit.geometry.axisAngle, truth.axisAngle, 4 * fit.sigma(FrameView::AxisAngle));
         EXPECT_NEAR(fit.rocking.width, rocking.width, 4 * fit.widthSigma);
         EXPECT_EQ(fit.terms, std::vector<std::string>{}) << LATTICE::shortName(type);
-        for (std::size_t f = 0; f < truth.frames.size(); ++f)
+        for (std::size_t f = 0; f < truth.frames.size(); ++f) {
             EXPECT_NEAR(fit.geometry.frames[f].centreX, truth.frames[f].centreX, 5 * fit.centreSigma[f]);
+            soFar.add(fit.geometry.frames[f].centreX, fit.geometry.frames[f].centreY);
+        }
         soFar.addAll(fit.cell);
         soFar.addAll(fit.cellSigma);
         soFar.addAll(fit.centreSigma);
         soFar.add(fit.widthSigma, fit.residual, fit.scatter, fit.curveError, fit.tiltResidual, fit.spots,
                   fit.curves, fit.rounds);
     }
-    EXPECT_NEAR(soFar.sum(), 60604.1307, 1e-3);
+    EXPECT_NEAR(soFar.sum(), 236971.263290, 1e-3);
     EXPECT_LT(worst, 3.5);
 }
 

@@ -44,6 +44,7 @@ TEST(EquivalentAxes, DoNotDependOnNoise) {
         SCOPED_TRACE(LATTICE::shortName(one.type));
         std::mt19937 random(3);
         std::set<std::vector<int>> found;
+        std::size_t others = 0;
         for (int n = 0; n < 40; ++n) {
             const UnitCell cell = primitiveCell(one.cell, one.centring, random);
             const UnitCell* analysed = &cell;
@@ -62,8 +63,15 @@ TEST(EquivalentAxes, DoNotDependOnNoise) {
             EXPECT_NEAR(conventional.getLengthOfA(), character.measured.a, 1e-9);
             EXPECT_NEAR(conventional.getGamma(), character.measured.gamma, 1e-7);
             EXPECT_TRUE(conventional.isRightHanded());
+            for (const LatticeCharacter& lower : LatticeSymmetry::analyse(*analysed))
+                for (const LatticeCharacter& other : vrk::otherAxes(lower, character, *analysed)) {
+                    EXPECT_LT(other.lengthMisfit, 0.001);
+                    EXPECT_LT(other.qualityIndex, 0.02);
+                    ++others;
+                }
         }
         EXPECT_EQ(found.size(), 1U);
+        EXPECT_GE(others, 40U);
     }
 }
 

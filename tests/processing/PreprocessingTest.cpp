@@ -375,9 +375,10 @@ TEST(RecordedPixels, MasksAreThoseOfSinglePixels) {
     for (const double move : {-7.25, -0.5, 0.0, 1e-17, 3.0, 60.75})
         centres.push_back({.x = 47.5 - move, .y = 47.5 + 0.7 * move, .source = PatternCentre::Source::Beam});
     std::vector<unsigned char> mask(kSize * kSize);
-    for (const RecordedPixels::Area& area :
-         {RecordedPixels::Area{0, 0, kSize, kSize}, RecordedPixels::Area{5, 0, 80, kSize}}) {
-        const RecordedPixels recorded(kSize, kSize, area, shadows, centres);
+    for (const auto& [left, width, mayBeDark] :
+         {std::tuple(0, kSize, true), {5, 80, true}, {0, kSize, false}}) {
+        const RecordedPixels recorded(kSize, kSize, {left, 0, width, kSize},
+                                      mayBeDark ? shadows : ShadowMask(), centres);
         for (unsigned i = 0; i <= centres.size(); ++i) {
             recorded.notRecorded(i, mask.data());
             for (int pixel = 0; pixel < kSize * kSize; ++pixel)

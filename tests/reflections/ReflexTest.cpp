@@ -11,7 +11,7 @@ TEST(Reflex, RefusesIntensitiesThatAreNotPositiveOrZero) {
     Reflex reflex(0, 0, 0);
     EXPECT_FALSE(reflex.setIntensity(-0.5));
     EXPECT_FALSE(reflex.setIntensity(std::numeric_limits<double>::quiet_NaN()));
-    EXPECT_EQ(reflex.getIntensity(), 1.0);
+    EXPECT_EQ(reflex.getIntensity(), reflex.getNumberOfVoxels());
     EXPECT_TRUE(reflex.setIntensity(0.0));
     EXPECT_EQ(reflex.getIntensity(), 0.0);
 }

@@ -73,7 +73,8 @@ std::unique_ptr<VoxMRCData> spotSeries(unsigned width, unsigned height = 0, unsi
         for (unsigned spot = 0; spot < 8; ++spot) {
             const unsigned x = width / 10 * (spot % 4 * 2 + 1), y = height / 8 * (spot / 4 * 4 + 1 + i / 3);
             for (unsigned d = 0; d < edge * edge; ++d)
-                series->GetChunkPointer(i)[(y + d / edge) * width + x + d % edge] = 1000;
+                series->GetChunkPointer(i)[(y + d / edge) * width + x + d % edge] =
+                    static_cast<short>(1000 - 50 * i);
         }
     return series;
 }
@@ -110,7 +111,6 @@ TEST(VRKTiltAxisRefinementTest, FindsTheAxisInPatternsFinelyAndInVolumes) {
         EXPECT_LE(betweenAxes(angle, axis), 0.2);
         const vrk::TiltAxisFit fit = vrk::fitTiltAxis(search.scores(), angle);
         EXPECT_LE(betweenAxes(fit.angle, axis), 0.08);
-        EXPECT_LT(fit.uncertainty, 0.05);
         fits.add(fit.angle, fit.uncertainty);
         angle = search.searchTiltAxisManual3D(series.get(), "s", folder / "", axis - 44, axis + 44, 4);
         EXPECT_LE(betweenAxes(angle, axis), 0.01);
@@ -148,9 +148,11 @@ TEST(VRKTiltAxisRefinementTest, LeavesTheSeriesAloneAndWritesImagesAndPlots) {
                              "crystal_searchTiltAxis_plots/differenceVectorSpace_histogram_variance2_1.dat",
                              "crystal_searchTiltAxis_plots/differenceVectorSpace_histogram_maxValue.plt"})
         EXPECT_TRUE(std::filesystem::exists(folder / name)) << name;
-    EXPECT_NE(folder.read("crystal_searchTiltAxis_plots/differenceVectorSpace_histogram_variance.plt")
-                  .find("set xlabel 'angle of the tilt axis (degrees)'"),
-              std::string::npos);
+    EXPECT_FALSE(std::filesystem::exists(folder / "crystal_searchTiltAxis_plots/3d_volume_compactness.plt"));
+    const std::string plot =
+        folder.read("crystal_searchTiltAxis_plots/differenceVectorSpace_histogram_variance.plt");
+    EXPECT_TRUE(says(plot, {"set xlabel 'angle of the tilt axis (degrees)'", "set xrange [27.5:47.5]",
+                            "arrow from 37.5, graph 0 to 37.5, ", "variance, best angle 37.5 degrees"}));
 }
 
 TEST(VRKTiltAxisRefinementTest, TriesAnglesOnAScheduleThatFollowsTheAccuracy) {
@@ -206,13 +208,16 @@ TEST(VRKTiltAxisRefinementTest, SearchesVolumesOfPatternsWithoutSpots) {
     const auto series = spotSeries(250, 250, 22);
     ASSERT_TRUE(ReflexVectorPtr(FindReflexes2d().findAllReflexes(series.get()))->empty());
     Rehearsal search([](float angle) { return 3.0 - std::abs(angle); });
+    RecordingLogObserver log;
     EXPECT_EQ(search.searchTiltAxisManual3D(series.get(), "", folder / "", -2, 2, 1), 0.0F);
+    EXPECT_TRUE(log.has("a value of 990.265 reaches the threshold of 125; the 20 most intense", VRK::Normal));
 }
 
 TEST(VRKTiltAxisRefinementTest, SaysWhyThereIsNoAngle) {
     const TemporaryFolder folder;
     const auto good = spotSeries(64);
-    const auto zero = makeSeries(64, 64, {-10, 0, 10});
+    const auto zero = makeSeries(16, 16, range(1, 300, 1));
+    const auto many = makeSeries(16, 16, range(0, 300, 1));
     const auto one = makeSeries(64, 64, {5});
     const auto untilted = makeSeries(64, 64, {0, 0, 0});
     const auto unsorted = makeSeries(64, 64, {0, 20, 10});
@@ -222,6 +227,7 @@ TEST(VRKTiltAxisRefinementTest, SaysWhyThereIsNoAngle) {
         {good.get(), folder.write("file", "x"), "does not exist"},
         {nullptr, folder / "", "there is no series"},
         {zero.get(), folder / "", "no reflections"},
+        {many.get(), folder / "", "301 patterns, and only 300 have"},
         {one.get(), folder / "", "one pattern"},
         {untilted.get(), folder / "", "same tilt angle"},
         {unsorted.get(), folder / "", "do not ascend"}};

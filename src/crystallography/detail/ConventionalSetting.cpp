@@ -87,7 +87,6 @@ bool ConventionalSetting::shorten(std::size_t i, std::size_t by, int step) {
     const double ratio = lowered.dot(m_axes[i]) / (step * lowered.dot(m_axes[by]));
     if (!(std::abs(ratio) > 0.5 + rounding)) return false;
     const double times = -step * std::round(ratio);
-    if (!(std::abs(times) < largest)) return false;
     for (std::size_t k = 0; k < 3; ++k)
         if (!(std::abs(m_axes[i][k] + times * m_axes[by][k]) < largest)) return false;
     m_axes[i] = plus(m_axes[i], static_cast<int>(times), m_axes[by]);
