@@ -83,6 +83,7 @@ TEST_F(MergeCommandTest, WritesOneDataSet) {
     EXPECT_TRUE(says(instructions, {"SYMM -Y,X,Z", "SFAC Si"}));
     EXPECT_FALSE(folder->read("first/plots/merging.plt").empty());
     EXPECT_TRUE(says(folder->read("first/vrk.log"), "options:"));
+    EXPECT_NEAR(soFarOf(*folder / "first"), 90094.5415, 1e-3);
 }
 
 TEST_F(MergeCommandTest, OptionsDecideWhichCrystalsTakePart) {

@@ -7,6 +7,7 @@
 #include "pipeline/formats/ReflectionTable.h"
 #include "support/PicturePanel.h"
 #include "support/ReportedData.h"
+#include "support/SoFar.h"
 
 namespace {
 
@@ -219,7 +220,9 @@ const std::vector<Printed> kPlots = {
 
 class PrintedTest : public VrkTest {
 protected:
-    void expectWhatTheJsonSays(const std::vector<Printed>& all) const;
+    void expectWhatTheJsonSays(const std::vector<Printed>& all);
+
+    SoFar soFar;  ///< of all that was printed without what it cost
 };
 
 /// A crystal with a centring; and two, seen with distortion, wrong tilts and a wrong axis.
@@ -310,13 +313,14 @@ bool matches(std::string text, std::string form, const Json& document) {
     return text.empty();
 }
 
-void PrintedTest::expectWhatTheJsonSays(const std::vector<Printed>& all) const {
+void PrintedTest::expectWhatTheJsonSays(const std::vector<Printed>& all) {
     for (const Printed& one : all) {
         VrkResult printed{.exitCode = 0, .out = "", .err = ""};
         if (*one.line) printed = vrk(one.line);
         ASSERT_EQ(printed.exitCode, 0) << printed.err;
         if (one.printed) printed.out = folder.read(one.printed);
         const Json document = *one.file ? jsonFile(one.file) : jsonOf(one.line);
+        soFar.addText(std::regex_replace(printed.out, std::regex("(seconds .*)?[0-9.]+ (s|MiB)\\b"), ""));
         for (const char* form : one.lines) {
             bool isThere = false;
             std::istringstream lines(printed.out);
@@ -334,6 +338,7 @@ void PrintedTest::expectWhatTheJsonSays(const std::vector<Printed>& all) const {
 TEST_F(PrintedTest, RunSaysWhatItsSummarySays) {
     jsonOf(kSeries);
     expectWhatTheJsonSays(kRun);
+    EXPECT_NEAR(soFar.sum(), 1216.7868, 1e-3);
 }
 
 const std::string kShellCurves =
@@ -444,6 +449,7 @@ TEST_F(PrintedTest, PlotsShowWhatTheSummarySays) {
     const auto margin = [&](const char* name) {
         return cv::imread(folder / name).colRange(0, ImageOverlay::Border::kLeft).clone();
     };
+    EXPECT_NEAR(soFarOf(folder / "out"), 9090265.9331, 1e-3);
     EXPECT_TRUE(shows(margin("out/hk0.png"), "0.5"));
     for (const double part : {-1.0, -0.5, 0.5, 1.0})
         EXPECT_TRUE(shows(margin("out/centres.png"), vrk::formatted("%+.3g", part * range))) << part;
@@ -455,6 +461,9 @@ TEST_F(PrintedTest, RunAndCalibrationTellTheInstrument) {
     const Json summary = jsonFile("bent/summary.json");
     for (const Json& term : summary["instrument"]["terms"])
         EXPECT_TRUE(term["esd"] > 0 && term["esd"] < 0.2) << term;
+    EXPECT_NEAR(soFar.sum(), 2227.2680, 1e-3);
+    EXPECT_NEAR(soFarOf(folder / "bent"), 80879.1226, 1e-3);
+    EXPECT_NEAR(soFarOf(folder / "c.json"), 700.2516, 1e-3);
 }
 
 TEST_F(PrintedTest, MergeSaysWhatItsFileSays) {
@@ -464,11 +473,15 @@ TEST_F(PrintedTest, MergeSaysWhatItsFileSays) {
               kShellCurves +
                   "completeness: completeness\nCC1/2: CC1/2 of crystals\nredundancy: redundancy\n"
                   "delta_of_used: used\ndelta_of_others: left out\nscale: scale\nb: B\n");
+    EXPECT_NEAR(soFar.sum(), 4032.1751, 1e-3);
+    EXPECT_NEAR(soFarOf(folder / "m"), 27775.3844, 1e-3);
 }
 
 TEST_F(PrintedTest, StagesSayWhatTheirJsonSays) {
     jsonOf(kSeries);
     expectWhatTheJsonSays(kStages);
+    EXPECT_NEAR(soFar.sum(), 7723.9582, 1e-3);
+    EXPECT_NEAR(soFarOf(folder / "."), 9703883.0778, 1e-3);
 }
 
 }  // namespace

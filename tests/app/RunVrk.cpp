@@ -7,7 +7,13 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 
+#include <opencv2/core.hpp>
+#include <opencv2/imgcodecs.hpp>
 #include <stdexcept>
+
+#include "foundation/Version.h"
+#include "support/ReportedData.h"
+#include "support/SoFar.h"
 
 namespace {
 
@@ -31,6 +37,41 @@ std::vector<char*> argvOf(const std::vector<std::string>& arguments) {
 
 int exitCodeOf(int status) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+std::string textOf(const std::filesystem::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::string text(std::istreambuf_iterator<char>(file), {});
+    for (std::size_t at = 0; (at = text.find(VRK::kVersion, at)) != std::string::npos;)
+        text.erase(at, std::string_view(VRK::kVersion).size());
+    return text;
+}
+
+/// The sums of the rows and columns of a picture.
+void addPicture(SoFar& soFar, const std::filesystem::path& path) {
+    const cv::Mat picture = cv::imread(path.string(), cv::IMREAD_GRAYSCALE);
+    for (const int direction : {0, 1}) {
+        cv::Mat_<double> sums;
+        cv::reduce(picture, sums, direction, cv::REDUCE_SUM, CV_64F);
+        for (const double sum : sums)
+            soFar.addTame(sum);
+    }
+}
+
+/// A block of a page, what is packed in it unpacked.
+void addBlock(SoFar& soFar, const Json& block) {
+    if (block.is_object() && block.contains("type")) {
+        for (const double number : unpacked(block))
+            soFar.addTame(number);
+    } else if (block.is_structured()) {
+        for (const Json& part : block)
+            addBlock(soFar, part);
+    } else if (const std::string text = block.dump(); text.size() > 60 && text[1] == 'e') {
+        for (const unsigned char byte : inflated(block))
+            soFar.addTame(byte);
+    } else {
+        soFar.addText(text);
+    }
 }
 
 std::string contents(std::FILE* file) {
@@ -114,6 +155,29 @@ VrkResult runVrkInTerminal(const std::string& line, const std::string& folder, i
 
 VrkResult runVrk(const std::vector<std::string>& arguments, const std::string& folder) {
     return StartedVrk(arguments, folder).wait();
+}
+
+double soFarOf(const std::string& place) {
+    using Entries = std::filesystem::recursive_directory_iterator;
+    const std::set<std::string> texts = {".txt", ".csv",      ".hkl", ".HKL", ".ins",
+                                         ".cif", ".cif_pets", ".dat", ".plt"};
+    SoFar soFar;
+    std::set<std::filesystem::path> paths = {place};
+    if (std::filesystem::is_directory(place)) paths.insert(Entries(place), {});
+    for (const std::filesystem::path& path : paths) {
+        const std::string kind = path.extension();
+        if (texts.contains(kind)) soFar.addText(textOf(path));
+        if (kind == ".png" && path.parent_path().filename() != "plots") addPicture(soFar, path);
+        if (kind == ".html")
+            for (const auto& [name, block] : blocksOf(textOf(path)))
+                if (name != "summary" && name != "folder") addBlock(soFar, block);
+        if (kind != ".json") continue;
+        Json document = Json::parse(textOf(path));
+        for (const char* cost : {"program", "inputs", "seconds", "memory_mib", "peak_memory_mib"})
+            document.erase(cost);
+        soFar.addText(document.dump());
+    }
+    return soFar.sum();
 }
 
 std::vector<std::string> words(const std::string& text) {

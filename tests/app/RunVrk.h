@@ -54,6 +54,10 @@ private:
 VrkResult runVrkInTerminal(const std::string& line, const std::string& folder, int columns,
                            const char* term = "xterm");
 
+/// What stands in a file or in all files of a folder, pictures and pages too, but not what it cost, as one
+/// number.
+double soFarOf(const std::string& path);
+
 /// The words of a text.
 std::vector<std::string> words(const std::string& text);
 

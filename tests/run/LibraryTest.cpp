@@ -4,6 +4,7 @@
 
 #include "pipeline/Pipeline.h"
 #include "pipeline/run/RunSummary.h"
+#include "support/SoFar.h"
 #include "support/Testing.h"
 
 namespace {
@@ -61,6 +62,9 @@ TEST(Library, FindsWhatTheStagesFindAndNarratesNothing) {
     });
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
     EXPECT_EQ(summaryOf(result), summaryOf(again));
+    SoFar soFar;
+    soFar.addText(summaryOf(result));
+    EXPECT_NEAR(soFar.sum(), 13405.1519, 1e-3);
     EXPECT_EQ(summaryOf(result), summaryOf(centredFirst.value())) << "begun at the second stage";
 
     const vrk::CellRow cell = vrk::conventionalCell(result);
