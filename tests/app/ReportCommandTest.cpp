@@ -1,5 +1,6 @@
 // The page that a run leaves shows what the run found, and vrk report makes it again.
 
+#include "VoxCore/DataModel/VoxMRCData.h"
 #include "VoxCore/IO/VoxMRCFileHandler.h"
 #include "app/RunVrk.h"
 #include "support/JsonMatrix.h"

@@ -7,8 +7,10 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 
+#include <fstream>
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
+#include <set>
 #include <stdexcept>
 
 #include "foundation/Version.h"

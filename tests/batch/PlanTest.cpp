@@ -147,6 +147,18 @@ TEST_F(Plan, TakesOptionsFromTables) {
              {"series,tilts\nplain.mrc,1:2\n", "needs none"},
              {"series\nnowhere.mrc\n", "line 2: there is no series"}})
         EXPECT_TRUE(says(refusalOf(bad), expected)) << bad;
+    // Every letter, digit, point and stroke stands for itself, whatever is beside them in ASCII does not.
+    const std::string plain(119, 'z');
+    for (const auto& [given, name] : {std::pair<std::string, std::string>{"azAZ09._-", "azAZ09._-"},
+                                      {"@[`{/:", "______-881f7e88"},
+                                      {".hidden", "s.hidden-e5e365c5"},
+                                      {"-x", "s-x-b3486ca7"},
+                                      {plain + "y", plain + "y"},
+                                      {plain + "yx", plain + "y-f3794ee7"}}) {
+        const std::string row = "series,name\nplain.mrc," + given + '\n';
+        EXPECT_EQ(jobsOf(folder.write("t.csv", row)).at(0).name, name);
+    }
+    EXPECT_EQ(vrk::seriesAt(fs::path(VRK_FRAMES) / "nexus_master.h5").bytes, 22376U + 6716U + 6658U);
     EXPECT_THROW(vrk::readOptions({"--tilt-axis"}, kKinds, "."), vrk::Failure);
     EXPECT_THROW(vrk::readOptions({"5"}, kKinds, "."), vrk::Failure);
     EXPECT_EQ(vrk::readOptions({"--tilt-axis", "-5", "--pixel-size=2", "--no-pictures"}, kKinds, "."),

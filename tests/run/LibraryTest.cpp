@@ -3,7 +3,10 @@
 #include <thread>
 
 #include "pipeline/Pipeline.h"
+#include "pipeline/integration/FrameStack.h"
+#include "pipeline/report/PatternViews.h"
 #include "pipeline/run/RunSummary.h"
+#include "support/ReportedData.h"
 #include "support/SoFar.h"
 #include "support/Testing.h"
 
@@ -50,7 +53,7 @@ TEST(Library, FindsWhatTheStagesFindAndNarratesNothing) {
     ASSERT_TRUE(simple().write(folder / "series.mrc"));
     testing::internal::CaptureStdout();
     const auto series = vrk::TiltSeries::read(folder / "series.mrc");
-    const vrk::RunResult result = vrk::run(*series).value();
+    vrk::RunResult result = vrk::run(*series).value();
     const vrk::RunResult again =
         vrk::attempt(vrk::silence(), [&](vrk::Session& session) {
             return vrk::run(std::filesystem::path(folder / "series.mrc"), vrk::RunOptions(), session);
@@ -98,6 +101,25 @@ TEST(Library, FindsWhatTheStagesFindAndNarratesNothing) {
         vrk::writeReflections(result, kind, folder / "one").value();
         EXPECT_EQ(folder.read("one"), folder.read(std::string("result/") + name)) << name;
     }
+
+    // Frames that are too large for a page as they are.
+    constexpr unsigned kEdge = 700;
+    result.counts.frames.reset(VoxMRCData::Create3D(kEdge, kEdge, 21));
+    result.volume.facts.size = {kEdge, kEdge - 20, 21};
+    std::mt19937 random(1);
+    for (unsigned z = 0; z < 21; ++z)
+        for (unsigned i = 0; i < kEdge * kEdge; ++i)
+            result.counts.frames->GetChunkPointer(z)[i] =
+                i % 97 == 0   ? vrk::FrameStack::kMissing
+                : i % 89 == 0 ? short{9000}
+                              : static_cast<short>(static_cast<int>(random() % 30) - 5);
+    const auto patterns = nlohmann::json::parse(vrk::patternViews(result));
+    EXPECT_EQ(patterns["width"], patterns["bin"] == 3 ? 233 : 350);
+    for (const auto& frame : patterns["frames"])
+        soFar.addAll(inflated(frame));
+    for (const char* key : {"x", "y"})
+        soFar.addAll(unpacked(patterns["observed"][key]));
+    EXPECT_NEAR(soFar.sum(), 25753898.8618, 1e-3);
 }
 
 TEST(Library, RunsInTwoThreadsAsAlone) {

@@ -1,10 +1,12 @@
 // Noise, levels and the level that gives the lattice.
 
 #include "pipeline/base/Attempt.h"
+#include "pipeline/formats/CentreFile.h"
 #include "pipeline/frames/DataFiles.h"
 #include "pipeline/frames/SeriesHeader.h"
 #include "pipeline/run/LatticeChoice.h"
 #include "pipeline/run/PreparedSeries.h"
+#include "pipeline/run/VolumeBound.h"
 #include "support/FailureOf.h"
 
 namespace {
@@ -160,6 +162,50 @@ TEST(SearchLevels, WhatTheUserFixesHolds) {
         EXPECT_EQ(levels[0].threshold, threshold);
         EXPECT_EQ(levels[0].reflections.size(), reflections);
     }
+}
+
+TEST(VolumeBound, KeepsTheInnerPartInWhichSpotsShow) {
+    constexpr int kEdge = 140;
+    vrk::CentredSeries series = {blank(kEdge, kEdge, 3), facts(), noiseOf(0, 0, 0, 16)};
+    const auto put = [&](int x, int y, short counts) {
+        series.frames->GetChunkPointer(1)[kEdge * y + x] = counts;
+    };
+    series.frames->m_Header = vrk::tiltSeriesHeader(kEdge, kEdge, {-2, 0, 2}, 5e7, "made");
+    EXPECT_EQ(vrk::radiusOfSpots(*series.frames), 0);
+    for (int i = 0; i < 198; ++i)
+        put(40 + 4 * (i % 15), 40 + 4 * (i / 15), 11);
+    for (const int x : {119, 131})
+        put(x, 70, 11);
+    put(135, 70, 10);  // does not stand out
+    EXPECT_EQ(vrk::radiusOfSpots(*series.frames), 50) << "199 of 200";
+    put(132, 70, 11);
+    EXPECT_EQ(vrk::radiusOfSpots(*series.frames), 62) << "200 of 201";
+    vrk::Session session(vrk::silence());
+    for (const auto& [wanted, edge] : {std::pair(200, 140), {139, 140}, {137, 138}, {66, 66}, {63, 64}}) {
+        series = vrk::bounded(std::move(series), wanted, session);
+        ASSERT_EQ(series.frames->GetWidth(), static_cast<unsigned>(edge));
+        EXPECT_EQ(series.frames->m_Header.ny, edge);
+        const short* corner = series.frames->GetChunkPointer(1) + (edge + 1) * (40 - (kEdge - edge) / 2);
+        EXPECT_TRUE(corner[4] == 11 && corner[4 * edge] == 11 && corner[5] == 0) << edge;
+    }
+    EXPECT_EQ(session.warnings().back(),
+              "the volume is built of the inner 64 of 66 pixels, to 6.25 Angstrom");
+}
+
+TEST(CentreFile, PutsPatternsWithoutACentreBetweenTheirNeighbours) {
+    mrcH header = vrk::tiltSeriesHeader(8, 8, {-3, -2, -1, 0, 1, 2}, 5e7, "made");
+    std::istringstream lines("# comment\n1.004 16 26\n-2.004 10 20 0.5 beam\n0.006 99 99\n");
+    const auto centres = vrk::readCentres(lines, "c", header);
+    const std::array<std::pair<double, double>, 6> places = {
+        {{10, 20}, {10, 20}, {12, 22}, {14, 24}, {16, 26}, {16, 26}}};
+    for (std::size_t i = 0; i < 6; ++i) {
+        EXPECT_NEAR(centres[i].x, places[i].first, 1e-9) << i;
+        EXPECT_NEAR(centres[i].y, places[i].second, 1e-9) << i;
+    }
+    const TemporaryFolder folder;
+    vrk::writeCentreFile(folder / "c", {-3, 0.5}, {centres[0], centres[1]});
+    EXPECT_EQ(folder.lines("c")[1], "   -3.0000     10.000     20.000   0.000  neighbours");
+    EXPECT_EQ(folder.lines("c")[2], "    0.5000     10.000     20.000   0.000  given");
 }
 
 vrk::ReciprocalVolume emptyVolume() {
