@@ -3,6 +3,7 @@
 #include <thread>
 
 #include "pipeline/Pipeline.h"
+#include "pipeline/base/Angle.h"
 #include "pipeline/integration/FrameStack.h"
 #include "pipeline/report/PatternViews.h"
 #include "pipeline/run/RunSummary.h"
@@ -192,6 +193,47 @@ TEST(Library, MakesTheVolumeOfTheAnswerAgain) {
     for (unsigned z = 0; z < only.GetDepth(); ++z)
         ASSERT_TRUE(std::equal(again.GetChunkPointer(z), again.GetChunkPointer(z) + 128 * 128,
                                only.GetChunkPointer(z)));
+}
+
+TEST(Library, FollowsTheAxisToTheBetterAnswer) {
+    struct Answer {
+        int indexed, reflections;
+        double rms, rmsBefore, threshold;
+    };
+    const Answer first = {90, 100, 1, 1, 50};  // which explains 90 * 0.9 * 0.9
+    for (const auto& [turns, after, better] : {std::tuple(0.26, Answer{66, 66, 1, 1, 50}, true),
+                                               {-0.24, {90, 100, 1, 1, 50}, false},
+                                               {0.3, {65, 65, 1, 0.75, 50}, false},
+                                               {0.3, {65, 65, 1, 0.65, 50}, true},
+                                               {-0.3, {61, 61, 1, 0.65, 50}, false},
+                                               {0.3, {50, 50, 0.9, 1, 60}, true},
+                                               {0.3, {50, 50, 1.1, 1, 60}, false},
+                                               {0.3, {50, 50, 0.9, 1, 50}, false},
+                                               {0.3, {44, 50, 0.9, 1, 60}, false}}) {
+        vrk::RunStages stages;
+        int calls = 0;
+        const double turn = turns;
+        const Answer next = after;
+        stages.indexReflections = [&](auto levels, const auto& lattice, const auto& volume, const auto& axis,
+                                      auto& session) {
+            vrk::Indexed one = vrk::indexReflections(std::move(levels), lattice, volume, axis, session);
+            const bool isFirst = calls++ == 0;
+            const Answer& answer = isFirst ? first : next;
+            one.instrument.valid = true;
+            one.instrument.model[vrk::InstrumentTerm::AxisTurn] = isFirst ? turn * vrk::kDegree : 0.0;
+            one.instrument.rmsBefore = answer.rmsBefore;
+            one.refined.lattice.indexed = answer.indexed;
+            one.refined.lattice.reflections = answer.reflections;
+            one.refined.lattice.rms = answer.rms;
+            one.level.threshold = answer.threshold;
+            return one;
+        };
+        vrk::RunOptions options = quick();
+        options.crystals = 1;
+        const vrk::RunResult result = vrk::run(simple(), options, vrk::silence(), stages).value();
+        EXPECT_NEAR(result.axis.angle, better ? 20 + turn : 20, 1e-5) << next.indexed << ' ' << next.rms;
+        EXPECT_EQ(result.axis.source, better ? "refined" : "header");
+    }
 }
 
 TEST(Library, StopsWhenItIsAskedTo) {
