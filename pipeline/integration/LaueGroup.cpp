@@ -165,7 +165,7 @@ Normalised::Normalised(std::span<const Observation> observations) {
 /// inverts them, on its axis and in the plane perpendicular to it, equal intensities say nothing of it.
 template <typename Partner>
 std::pair<double, int> correlation(const Normalised& normalised, Partner partner, bool friedel) {
-    double w = 0, x = 0, y = 0, xx = 0, xy = 0, yy = 0;
+    double w = 0, x = 0, xx = 0, xy = 0;
     int pairs = 0;
     for (const auto& [hkl, value] : normalised.values) {
         const Indices other = partner(hkl);
@@ -177,20 +177,18 @@ std::pair<double, int> correlation(const Normalised& normalised, Partner partner
             if (found == normalised.values.end()) continue;
             const double weight =
                 1 / (0.2 + value.second * value.second + found->second.second * found->second.second);
-            // The order within a pair is arbitrary: both count.
+            // The order within a pair is arbitrary: both count, and both sides have the same sums.
             const double a = value.first, b = found->second.first;
             w += 2 * weight;
             x += weight * (a + b);
-            y += weight * (a + b);
             xx += weight * (a * a + b * b);
-            yy += weight * (a * a + b * b);
             xy += 2 * weight * a * b;
             ++pairs;
         }
     }
-    const double varianceX = xx - x * x / std::max(w, 1e-9);
-    const double covariance = xy - x * y / std::max(w, 1e-9);
-    return {pairs > 2 && varianceX > 0 ? covariance / varianceX : 0, pairs};
+    const double squaredMean = x * x / std::max(w, 1e-9);
+    const double variance = xx - squaredMean;
+    return {pairs > 2 && variance > 0 ? (xy - squaredMean) / variance : 0, pairs};
 }
 
 /// Of the equivalents under a group; the second is the number of unique reflections.
