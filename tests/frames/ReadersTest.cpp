@@ -171,6 +171,12 @@ TEST(Readers, AllBitsOfThirtyTwoSetMarkADeadPixel) {
     EXPECT_EQ(vrk::decodePixels(bytes, vrk::PixelType::Int32, true)[0], -1);
 }
 
+TEST(Readers, HalvesOfAnySizeKeepTheirValue) {
+    const std::string bytes("\x00\x3c\x00\xc0\xff\x7b\x00\x04\xff\x03\x01\x80", 12);
+    const std::vector<float> expected = {1, -2, 65504, 0x1p-14F, 1023 * 0x1p-24F, -0x1p-24F};
+    EXPECT_EQ(vrk::decodePixels(bytes, vrk::PixelType::Float16, false), expected);
+}
+
 TEST(Readers, UnpackingStopsAtItsLimitAndTellsDamage) {
     using namespace vrk::detail;
     const std::string packed = *contents(kFolder / "frame.cbf.gz");
