@@ -32,36 +32,31 @@ bool readLine(std::istream& file, std::string& line) {
     return !line.empty();
 }
 
-PeakFileHead readHead(const std::filesystem::path& path) {
+/// The lines before the positions, empty where the file has no more; the last of them names the columns.
+std::vector<std::string> headLines(const std::filesystem::path& path) {
+    constexpr std::size_t kHeadLines = 8;
     std::ifstream file(path);
     std::string line;
     std::vector<std::string> lines;
-    while (lines.size() < 5 && readLine(file, line))
+    while (lines.size() < kHeadLines && readLine(file, line))
         lines.push_back(line);
     if (file.bad()) throw Failure("cannot read " + path.string() + " to its end");
+    lines.resize(kHeadLines);
+    return lines;
+}
+
+PeakFileHead readHead(const std::vector<std::string>& lines, const std::filesystem::path& path) {
     PeakFileHead head;
     std::array<double, 3> size{};
-    if (lines.size() == 5) {
-        std::istringstream(lines[2]) >> size[0] >> size[1] >> size[2] >> head.firstTilt >> head.lastTilt;
-        std::istringstream(lines[4]) >> head.pixelSize;
-    }
+    std::istringstream(lines[2]) >> size[0] >> size[1] >> size[2] >> head.firstTilt >> head.lastTilt;
     for (std::size_t i = 0; i < 3; ++i) {
         if (!(size[i] >= 1.0 && size[i] <= 1e6))
             throw Failure(path.string() + ", line 3: the size of the volume is missing or impossible");
         head.size[i] = static_cast<int>(size[i]);
     }
+    std::istringstream(lines[4]) >> head.pixelSize;
     if (!(std::isfinite(head.pixelSize) && head.pixelSize > 0.0)) head.pixelSize = 0.0;
     return head;
-}
-
-bool announcesIntensities(const std::filesystem::path& path) {
-    constexpr int kLineOfColumns = 8;
-    std::ifstream file(path);
-    std::string line;
-    for (int i = 0; i < kLineOfColumns; ++i)
-        readLine(file, line);
-    if (file.bad()) throw Failure("cannot read " + path.string() + " to its end");
-    return line.find("intensity") != std::string::npos;
 }
 
 /// The numbers at the start of a line, at most four.
@@ -109,21 +104,18 @@ bool readPlainList(const std::filesystem::path& path, ReflexVector& list) {
 
 PeakList readPeaks(const std::filesystem::path& path) {
     refuseUnlessPeaks(path);
-    std::ifstream file(path);
-    std::string first;
-    readLine(file, first);
-    file.close();
-
+    const std::vector<std::string> lines = headLines(path);
     PeakList peaks;
     peaks.reflections.reset(new ReflexVector);
-    if (first.starts_with(kPeakFileMark)) {
-        peaks.head = readHead(path);
+    if (lines.front().starts_with(kPeakFileMark)) {
+        peaks.head = readHead(lines, path);
         for (std::size_t i = 0; i < 3; ++i)
             peaks.origin[i] = 0.5 * (peaks.head->size[i] - 1.0);
         if (!PeakFileImportExport::loadPeakFile(path.string(), peaks.reflections.get()))
             throw Failure(path.string() + " is no complete peak file; run 'vrk peaks' again");
         peaks.hasIntensities = PeakFileImportExport::loadIntensities(path.string(), peaks.reflections.get());
-        if (!peaks.hasIntensities && announcesIntensities(path))
+        const bool announced = lines.back().find("intensity") != std::string::npos;
+        if (announced && !peaks.hasIntensities)
             throw Failure(path.string() + " lacks intensities that it announces; run 'vrk peaks' again");
     } else {
         peaks.hasIntensities = readPlainList(path, *peaks.reflections);

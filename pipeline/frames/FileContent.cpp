@@ -48,21 +48,21 @@ std::string article(const std::string& name) {
     throw Failure(path.string() + reason);
 }
 
-void refuseUnreadable(const std::filesystem::path& path) {
+std::ifstream opened(const std::filesystem::path& path) {
     std::error_code error;
     if (std::filesystem::is_directory(path, error))
         refuse(path, " is a folder; name a file in it, or make a series of its frames with 'vrk import " +
                          path.string() + " -o series.mrc'");
     std::ifstream file(path, std::ios::binary);
     if (!file) refuse(path, std::string(" cannot be opened for reading (") + std::strerror(errno) + ")");
+    return file;
 }
 
 }  // namespace
 
 FileContent FileContent::of(const std::filesystem::path& path) {
-    refuseUnreadable(path);
+    std::ifstream file = opened(path);
     std::array<char, 512> bytes{};
-    std::ifstream file(path, std::ios::binary);
     file.read(bytes.data(), bytes.size());
     const std::string_view head(bytes.data(), static_cast<std::size_t>(file.gcount()));
     for (const Mark& mark : kMarks)

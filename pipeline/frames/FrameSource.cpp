@@ -103,20 +103,25 @@ bool FrameSource::isPlainFile() const {
     return !m_bytes && packing() == Packing::None;
 }
 
-std::unique_ptr<FrameBytes> FrameSource::open() const {
-    if (m_unpacked) return std::make_unique<MemoryBytes>(m_unpacked);
+void FrameSource::refuseUnlessFile() const {
     std::error_code error;
     if (!m_bytes && !std::filesystem::is_regular_file(m_path, error)) refuse("there is no such file");
-    const Packing packed = packing();
-    if (packed == Packing::None && m_bytes) return std::make_unique<MemoryBytes>(m_bytes);
+}
 
-    if (packed == Packing::None) {
-        auto file = std::make_unique<FileBytes>(m_path);
-        if (!file->good()) refuse("it cannot be read; check its permissions");
-        return file;
-    }
+std::unique_ptr<FrameBytes> FrameSource::open() const {
+    if (m_unpacked) return std::make_unique<MemoryBytes>(m_unpacked);
+    refuseUnlessFile();
+    const Packing packed = packing();
+    if (packed == Packing::None) return openPlain();
     m_unpacked = std::make_shared<const std::string>(unpack(packed, limitOfUnpacking(), true));
     return std::make_unique<MemoryBytes>(m_unpacked);
+}
+
+std::unique_ptr<FrameBytes> FrameSource::openPlain() const {
+    if (m_bytes) return std::make_unique<MemoryBytes>(m_bytes);
+    auto file = std::make_unique<FileBytes>(m_path);
+    if (!file->good()) refuse("it cannot be read; check its permissions");
+    return file;
 }
 
 std::uint64_t FrameSource::limitOfUnpacking() const {
@@ -141,11 +146,10 @@ std::string FrameSource::unpack(Packing packing, std::uint64_t most, bool whole)
 }
 
 std::string FrameSource::beginning(std::size_t most) const {
-    std::error_code error;
+    if (!m_unpacked) refuseUnlessFile();
     const Packing packed = m_unpacked ? Packing::None : packing();
-    if (packed != Packing::None && (m_bytes || std::filesystem::is_regular_file(m_path, error)))
-        return unpack(packed, most, false);
-    const std::unique_ptr<FrameBytes> bytes = open();
+    if (packed != Packing::None) return unpack(packed, most, false);
+    const std::unique_ptr<FrameBytes> bytes = m_unpacked ? open() : openPlain();
     std::string start(std::min<std::uint64_t>(most, bytes->size()), '\0');
     if (!bytes->read(0, start)) refuse("it cannot be read");
     return start;

@@ -63,6 +63,9 @@ public:
 private:
     enum class Packing { None, Gzip, Bzip2 };
     Packing packing() const;
+    void refuseUnlessFile() const;
+    /// What is not packed.
+    std::unique_ptr<FrameBytes> openPlain() const;
     std::string unpack(Packing packing, std::uint64_t most, bool whole) const;
     /// What all that is packed may be unpacked to.
     std::uint64_t limitOfUnpacking() const;
