@@ -149,6 +149,7 @@ private:
     void apply(const VectorXd& step);
     void settleCentres(const std::vector<Eigen::Vector2d>& shifts);
     void alignCentres();
+    void moveCentre(std::size_t frame, const Eigen::Vector2d& shift);
     void takeUp(const std::string& name);
     bool takeUpTerm();
     void takeUpTilts();
@@ -512,8 +513,22 @@ void Refiner::apply(const VectorXd& step) {
         }
 }
 
+/// How far the neighbours of a frame move, each by its weight; it counts as one of them itself.
+Eigen::Vector2d shiftAbout(std::size_t frame, std::span<const Eigen::Vector2d> shifts,
+                           std::span<const double> weights) {
+    constexpr std::size_t kReach = 5;
+    Eigen::Vector2d sum = Eigen::Vector2d::Zero();
+    double weight = 0;
+    const std::size_t end = std::min(frame + kReach + 1, shifts.size());
+    for (std::size_t f = frame > kReach ? frame - kReach : 0; f < end; ++f) {
+        sum += shifts[f] * weights[f];
+        weight += weights[f];
+    }
+    return weight > 0 ? Eigen::Vector2d(sum / weight) : sum;
+}
+
 /// Moves the centre of every frame by the median displacement of its spots, so that no frame starts with all
-/// of them as outliers.
+/// of them as outliers. Frames without a spot follow their neighbours.
 void Refiner::alignCentres() {
     std::vector<std::vector<double>> dx(m_frames), dy(m_frames);
     for (const SpotCentroid& centroid : m_centroids) {
@@ -524,32 +539,29 @@ void Refiner::alignCentres() {
         dx[spot.frame].push_back(centroid.x - place.x);
         dy[spot.frame].push_back(centroid.y - place.y);
     }
+    std::vector<Eigen::Vector2d> shifts(m_frames);
+    std::vector<double> spots(m_frames);
     for (std::size_t f = 0; f < m_frames; ++f) {
-        m_geometry.frames[f].centreX += medianOf(dx[f]);
-        m_geometry.frames[f].centreY += medianOf(dy[f]);
+        spots[f] = static_cast<double>(dx[f].size());
+        shifts[f] = {medianOf(dx[f]), medianOf(dy[f])};
     }
+    for (std::size_t f = 0; f < m_frames; ++f)
+        moveCentre(f, spots[f] > 0 ? shifts[f] : shiftAbout(f, shifts, spots));
 }
 
 /// Moves the centres. Frames with hardly a spot follow their neighbours.
 void Refiner::settleCentres(const std::vector<Eigen::Vector2d>& shifts) {
     constexpr double kKnown = 1.0;  // pixels
-    const auto sigma2 = [&](std::size_t f) {
-        return 1 / std::min(m_centres[f].matrix(0, 0), m_centres[f].matrix(1, 1));
-    };
-    for (std::size_t f = 0; f < m_frames; ++f) {
-        Eigen::Vector2d shift = shifts[f];
-        if (sigma2(f) > kKnown * kKnown) {
-            Eigen::Vector2d sum = Eigen::Vector2d::Zero();
-            double weight = 0;
-            for (std::size_t e = f > 5 ? f - 5 : 0; e < std::min(f + 6, m_frames); ++e) {
-                sum += shifts[e] / sigma2(e);
-                weight += 1 / sigma2(e);
-            }
-            shift = sum / weight;
-        }
-        m_geometry.frames[f].centreX += shift.x();
-        m_geometry.frames[f].centreY += shift.y();
-    }
+    std::vector<double> weights(m_frames);
+    for (std::size_t f = 0; f < m_frames; ++f)
+        weights[f] = std::min(m_centres[f].matrix(0, 0), m_centres[f].matrix(1, 1));
+    for (std::size_t f = 0; f < m_frames; ++f)
+        moveCentre(f, weights[f] * kKnown * kKnown < 1 ? shiftAbout(f, shifts, weights) : shifts[f]);
+}
+
+void Refiner::moveCentre(std::size_t frame, const Eigen::Vector2d& shift) {
+    m_geometry.frames[frame].centreX += shift.x();
+    m_geometry.frames[frame].centreY += shift.y();
 }
 
 /// Whether a parameter can be told from those that are refined anyway by more than small effects.
