@@ -111,20 +111,20 @@ Lattice settleMultiples(std::span<const Vector3d> points, Lattice lattice) {
         forms.insert(forms.end(), threefold.begin(), threefold.end());
         return forms;
     }();
-    const auto radiusFor = [&](const Lattice& fine) {
-        return std::clamp(0.2 * fine.shortestEdge(), 0.5,
-                          std::max(0.5, scoreLattice(points, lattice).radius));
+    const auto radiusFor = [](const Lattice& fine, const LatticeScore& score) {
+        return std::clamp(0.2 * fine.shortestEdge(), 0.5, std::max(0.5, score.radius));
     };
 
     // Finer reciprocal lattices: nodes that the points left over ask for. They come first, since a lattice
     // that misses most of the points has nothing to tell which of its nodes are needed.
     for (int rounds = 0; rounds < 4; ++rounds) {
+        const LatticeScore now = scoreLattice(points, lattice);
         std::optional<Lattice> better;
         double evidence = 0.0;
         for (const Matrix3d& form : kForms) {
             Lattice fine = lattice;
             fine.basis = reduced(lattice.basis * form.inverse());
-            if (fine.shortestEdge() < 2.5 || !needsFineNodes(points, lattice, fine, radiusFor(fine)))
+            if (fine.shortestEdge() < 2.5 || !needsFineNodes(points, lattice, fine, radiusFor(fine, now)))
                 continue;
             const double gained = scoreLattice(points, fine).evidence;
             if (gained <= evidence) continue;
@@ -137,15 +137,16 @@ Lattice settleMultiples(std::span<const Vector3d> points, Lattice lattice) {
     // Coarser ones: the nodes in between must be earned. A lattice that loses most of the points is none.
     constexpr double kMostOfThem = 0.5;
     for (int rounds = 0; rounds < 6; ++rounds) {
+        const LatticeScore now = scoreLattice(points, lattice);
+        const double radius = radiusFor(lattice, now);
         std::optional<Lattice> better;
         double evidence = 0.0;
-        const double enough = kMostOfThem * scoreLattice(points, lattice).indexed;
         for (const Matrix3d& form : kForms) {
             Lattice coarse = lattice;
             coarse.basis = reduced(lattice.basis * form.transpose());
-            if (needsFineNodes(points, coarse, lattice, radiusFor(lattice))) continue;
             const LatticeScore score = scoreLattice(points, coarse);
-            if (score.evidence <= evidence || score.indexed < enough) continue;
+            const bool isEnough = score.evidence > evidence && score.indexed >= kMostOfThem * now.indexed;
+            if (!isEnough || needsFineNodes(points, coarse, lattice, radius)) continue;
             evidence = score.evidence;
             better = coarse;
         }
