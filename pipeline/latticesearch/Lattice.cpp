@@ -3,28 +3,16 @@
 #include <Eigen/LU>
 #include <algorithm>
 #include <cmath>
-#include <cstdint>
 #include <memory>
 
 #include "crystallography/NiggliReduction.h"
+#include "pipeline/base/NearestWhole.h"
 #include "pipeline/base/NumberText.h"
 
 namespace vrk {
 
 using Eigen::Matrix3d;
 using Eigen::Vector3d;
-
-namespace {
-
-/// std::round(), which is a call where the processor may be of any age.
-double nearestWhole(double q) {
-    constexpr double kAllWhole = 4503599627370496.0;  // 2^52
-    constexpr double kBelowHalf = 0.49999999999999994;
-    if (!(std::abs(q) < kAllWhole)) return q;
-    return static_cast<double>(static_cast<std::int64_t>(q + std::copysign(kBelowHalf, q)));
-}
-
-}  // namespace
 
 double Lattice::cellVolume() const {
     return std::abs(basis.determinant());

@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "pipeline/base/Median.h"
+#include "pipeline/base/NearestWhole.h"
 #include "pipeline/base/SymmetricSystem.h"
 
 namespace vrk {
@@ -374,8 +375,9 @@ Lattice fitWithin(std::span<const Eigen::Vector3d> points, const Lattice& start,
         int count = 0;
         for (const auto& [distance, point] : sorted) {
             if (distance > limit) break;
-            const Eigen::Vector3d hkl = (inverse * (point - lattice.origin)).array().round();
-            if ((point - lattice.origin - lattice.basis * hkl).norm() > reach) continue;
+            const Eigen::Vector3d place = point - lattice.origin;
+            const Eigen::Vector3d hkl = (inverse * place).unaryExpr([](double q) { return nearestWhole(q); });
+            if ((place - lattice.basis * hkl).norm() > reach) continue;
             sums.add(point, hkl.homogeneous(), 1.0);
             ++count;
         }
