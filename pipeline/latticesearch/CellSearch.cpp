@@ -150,6 +150,34 @@ void thinOut(Points& points, double maxLength) {
         points.resize(points.size() * 3 / 4);
 }
 
+/// The steps with one trial after another. Trials that differ in how they cluster share the vectors.
+class TrialSteps {
+public:
+    explicit TrialSteps(const Points& judges) : m_judges(judges) {}
+
+    /// \param trial  is told how many points it took
+    CellSteps& of(CellSearchTrial& trial, const Parameter& parameter) {
+        if (m_steps && m_minLength == trial.minLength && m_maxLength == trial.maxLength) {
+            m_steps->cluster(parameter);
+        } else {
+            m_used = m_judges;
+            thinOut(m_used, trial.maxLength);
+            m_steps.emplace(m_used, parameter, trial.clustering);
+        }
+        m_minLength = trial.minLength;
+        m_maxLength = trial.maxLength;
+        trial.reflections = m_used.size();
+        return *m_steps;
+    }
+
+private:
+    const Points& m_judges;
+    Points m_used;
+    std::optional<CellSteps> m_steps;
+    double m_minLength = 0.0;
+    double m_maxLength = 0.0;
+};
+
 LatticeCandidate judged(const Matrix3d& basis, const Points& judges, const CellSearchTrial& trial) {
     LatticeCandidate candidate{{basis, Vector3d::Zero()}, {}, trial};
     candidate.score = scoreLattice(judges, candidate.lattice);
@@ -283,16 +311,14 @@ std::vector<LatticeCandidate> CellSearch::search(const Points& points,
     const Points judges = strongest(points, weights, kJudges);
     int agreements = 0;
     const std::vector<CellSearchTrial> all = trials(judges);
+    TrialSteps trialSteps(judges);
     for (std::size_t i = 0; i < all.size(); ++i) {
         CellSearchTrial trial = all[i];
         if (m_options.canceled && m_options.canceled()) return {};
         if (m_options.progressed)
             m_options.progressed(static_cast<double>(i) / static_cast<double>(all.size()));
-        Points used = judges;
-        thinOut(used, trial.maxLength);
         const double before = candidates.empty() ? 0.0 : candidates.front().score.evidence;
-        trial.reflections = used.size();
-        CellSteps steps(used, parameterOf(trial), trial.clustering);
+        CellSteps& steps = trialSteps.of(trial, parameterOf(trial));
         for (const Matrix3d& basis : tripletBases(centresOf(steps), std::max(0.6, 0.6 * trial.eps)))
             candidates.push_back(judged(basis, judges, trial));
         if (const std::optional<Matrix3d> basis = selectedBase(steps))

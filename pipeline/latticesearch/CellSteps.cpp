@@ -71,15 +71,27 @@ CellSteps::CellSteps(const Points& points, const Parameter& parameter, Clusterin
     : m_parameter(parameter), m_method(method) {
     const ReflexVectorPtr list = listOf(points);
     m_grid.reset(m_algorithm.StepTwo_CalcDiffVectors(&m_parameter, list.get(), nullptr));
-    if (m_grid)
-        m_algorithm.clusteringStep(&m_parameter, m_grid.get(), &m_clusters, &m_noise, method, progress);
+    cluster(parameter, progress);
 }
 
 CellSteps::~CellSteps() {
+    forgetClusters();
+}
+
+void CellSteps::cluster(const Parameter& parameter, VoxProgressObserver* progress) {
+    forgetClusters();
+    m_parameter = parameter;
+    if (m_grid)
+        m_algorithm.clusteringStep(&m_parameter, m_grid.get(), &m_clusters, &m_noise, m_method, progress);
+}
+
+void CellSteps::forgetClusters() {
     for (auto* cluster : m_clusters)
         delete cluster;
     for (auto* vector : m_noise)
         delete vector;
+    m_clusters.clear();
+    m_noise.clear();
 }
 
 std::optional<Matrix3d> CellSteps::chosen() {

@@ -30,6 +30,10 @@ public:
     CellSteps(const CellSteps&) = delete;
     CellSteps& operator=(const CellSteps&) = delete;
 
+    /// Clusters the difference vectors again. Only what the parameter says of clusters may differ from what
+    /// made the vectors. Invalidates the clusters.
+    void cluster(const Parameter& parameter, VoxProgressObserver* progress = nullptr);
+
     /// How many difference vectors there are.
     int vectors() const { return m_grid ? m_grid->getNumberOfPoints() : 0; }
     const std::vector<Cluster<Point<double>>*>& clusters() const { return m_clusters; }
@@ -44,6 +48,8 @@ public:
     CellEvaluation evaluate(const Lattice& lattice, const LatticeScore& score, const Points& points);
 
 private:
+    void forgetClusters();
+
     Parameter m_parameter;
     ClusteringMethod m_method;
     CalculateCellAlgorithm m_algorithm;

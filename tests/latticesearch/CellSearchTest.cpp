@@ -108,6 +108,32 @@ TEST(CellSearch, FindsTheLatticeBehindAWedgeAndOutliers) {
     EXPECT_NEAR(soFar.sum(), 13296.6080, 1e-3);
 }
 
+TEST(CellSteps, ClusterTheSameVectorsAgainAsIfForTheFirstTime) {
+    std::mt19937 random(27);
+    const Points points = pointsOf({randomBasis(random, 'P')}, random);
+    Parameter first, second;
+    for (Parameter* parameter : {&first, &second}) {
+        parameter->setMinLength(3.0);
+        parameter->setMaxLength(24.0);
+    }
+    first.setDBSCANEps(0.7);
+    second.setDBSCANEps(1.2);
+    for (const ClusteringMethod method :
+         {ClusteringMethod::DBSCAN, ClusteringMethod::DDSC, ClusteringMethod::FSC}) {
+        const vrk::CellSteps fresh(points, second, method);
+        vrk::CellSteps again(points, first, method);
+        again.cluster(second);
+        ASSERT_FALSE(fresh.clusters().empty());
+        ASSERT_EQ(again.clusters().size(), fresh.clusters().size());
+        for (std::size_t i = 0; i < fresh.clusters().size(); ++i) {
+            EXPECT_EQ(again.clusters()[i]->getNumberOfPoints(), fresh.clusters()[i]->getNumberOfPoints());
+            for (int axis = 0; axis < 3; ++axis)
+                EXPECT_EQ(again.clusters()[i]->getCenterOfGrafity(axis),
+                          fresh.clusters()[i]->getCenterOfGrafity(axis));
+        }
+    }
+}
+
 TEST(CellSearch, FindsAWeakSuperlattice) {
     std::mt19937 random(3);
     const Crystal crystal{
