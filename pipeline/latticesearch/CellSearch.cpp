@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <memory>
 #include <numbers>
 #include <numeric>
@@ -214,14 +215,18 @@ double neighbourDistance(const Points& points, std::size_t k) {
     if (points.size() <= k) return 0.0;
     const std::size_t step = std::max<std::size_t>(1, points.size() / 300);
     std::vector<double> kth((points.size() + step - 1) / step);
-    VRK::PerLane<std::vector<double>> squaresOf([&] { return std::vector<double>(points.size()); });
-    VRK::shareItems(kth.size(), [&](std::size_t item, std::size_t lane) {
-        std::vector<double>& squares = squaresOf[lane];
-        for (std::size_t j = 0; j < points.size(); ++j)
-            squares[j] = (points[j] - points[item * step]).squaredNorm();
+    VRK::shareItems(kth.size(), [&](std::size_t item, std::size_t) {
         // The point itself is the nearest.
-        std::nth_element(squares.begin(), squares.begin() + static_cast<std::ptrdiff_t>(k), squares.end());
-        kth[item] = std::sqrt(squares[k]);
+        std::vector<double> nearest(k + 1, std::numeric_limits<double>::infinity());
+        for (const Vector3d& point : points) {
+            const double square = (point - points[item * step]).squaredNorm();
+            if (!(square < nearest.back())) continue;
+            std::size_t place = k;
+            for (; place > 0 && square < nearest[place - 1]; --place)
+                nearest[place] = nearest[place - 1];
+            nearest[place] = square;
+        }
+        kth[item] = std::sqrt(nearest.back());
     });
     const auto middle = kth.begin() + static_cast<std::ptrdiff_t>(kth.size() / 2);
     std::nth_element(kth.begin(), middle, kth.end());

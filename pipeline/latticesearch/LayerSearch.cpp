@@ -1,6 +1,7 @@
 #include "pipeline/latticesearch/LayerSearch.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <complex>
 #include <functional>
@@ -159,9 +160,12 @@ double shiftPerLayer(const std::vector<double>& fractions, const std::vector<dou
         most = std::max(most, std::abs(layer));
     const double step = 1.0 / (6.0 * most);
     const std::vector<double> shifts = stepsBelow(1.0, step);
-    PhasorSums sums(shifts.size());
+    std::map<double, Complex> together;  // of the points of a layer, which turn alike
     for (std::size_t i = 0; i < fractions.size(); ++i)
-        sums.add(std::polar(1.0, 2.0 * std::numbers::pi * fractions[i]), -step * layers[i]);
+        together[layers[i]] += std::polar(1.0, 2.0 * std::numbers::pi * fractions[i]);
+    PhasorSums sums(shifts.size());
+    for (const auto& [layer, amplitude] : together)
+        sums.add(amplitude, -step * layer);
     std::vector<double> near;
     for (std::size_t k = 0; k < shifts.size(); ++k)
         near.push_back(std::abs(sums[k]));
@@ -245,6 +249,13 @@ std::vector<double> nearCoherence(const std::vector<Row>& rows, std::size_t coun
     return sum;
 }
 
+/// Something of all rows that have one index in common.
+using RowSums = std::array<Complex, 2 * kLargestRow + 1>;
+
+std::size_t placeOf(double index) {
+    return static_cast<std::size_t>(index + kLargestRow);
+}
+
 /// The parts of both vectors along the rows, in periods, that bring the phases of all rows together.
 std::pair<double, double> phasesOf(const std::vector<Row>& rows, double frequency) {
     std::vector<Complex> amplitudes;
@@ -261,10 +272,14 @@ std::pair<double, double> phasesOf(const std::vector<Row>& rows, double frequenc
     std::vector<double> near;
     PhasorSums sums(parts.size());
     for (const double alpha : parts) {
-        sums.clear();
+        RowSums turns{}, together{};  // rows of the same h, and then those of the same k, turn alike
+        for (int h = -kLargestRow; h <= kLargestRow; ++h)
+            turns[placeOf(h)] = std::polar(1.0, -2.0 * std::numbers::pi * alpha * h);
         for (std::size_t i = 0; i < rows.size(); ++i)
-            sums.add(amplitudes[i] * std::polar(1.0, -2.0 * std::numbers::pi * alpha * rows[i].h),
-                     -step * rows[i].k);
+            together[placeOf(rows[i].k)] += amplitudes[i] * turns[placeOf(rows[i].h)];
+        sums.clear();
+        for (int k = -kLargestRow; k <= kLargestRow; ++k)
+            sums.add(together[placeOf(k)], -step * k);
         for (std::size_t k = 0; k < parts.size(); ++k)
             near.push_back(std::abs(sums[k]));
     }
