@@ -53,6 +53,8 @@ public:
     double& operator[](InstrumentTerm term) { return m_terms[static_cast<std::size_t>(term)]; }
     double operator[](InstrumentTerm term) const { return m_terms[static_cast<std::size_t>(term)]; }
 
+    class Mapping;
+
     /// Relative to the place of 000, voxels.
     Eigen::Vector3d toReciprocal(const PatternPlace& place) const;
 
@@ -60,6 +62,25 @@ private:
     double m_halfWidth;
     double m_curvature;
     std::array<double, kInstrumentTerms> m_terms{};
+};
+
+/// InstrumentModel::toReciprocal() for many places: what depends on the terms alone is there once.
+class InstrumentModel::Mapping {
+public:
+    explicit Mapping(const InstrumentModel& model);
+    Eigen::Vector3d operator()(const PatternPlace& place) const;
+
+private:
+    double m_cosine;  ///< components of the ellipse
+    double m_sine;
+    double m_determinant;
+    double m_radial;
+    double m_squaredHalfWidth;
+    double m_cosTurn;
+    double m_sinTurn;
+    double m_curvature;
+    double m_tiltFactor;
+    Eigen::Vector3d m_axis;
 };
 
 }  // namespace vrk

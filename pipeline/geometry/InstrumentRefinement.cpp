@@ -88,7 +88,7 @@ public:
     /// Robust cost of a state over all points that it indexes.
     void assess(State& state) {
         index(state, m_farthest);
-        std::vector<double> lengths = residuals(state);
+        std::vector<double> lengths = residuals(state, usedPlaces(state));
         state.count = lengths.size();
         state.sigma = sigmaOf(lengths);
         // Points that lose their node pay the full price, so that fewer indices are no gain.
@@ -108,9 +108,10 @@ public:
     double shiftOf(const State& state, InstrumentTerm term) const {
         InstrumentModel without = state.model;
         without[term] = 0.0;
+        const InstrumentModel::Mapping toReciprocal(state.model), otherwise(without);
         double sum = 0.0;
         for (std::size_t i : m_used)
-            sum += (state.model.toReciprocal(m_places[i]) - without.toReciprocal(m_places[i])).squaredNorm();
+            sum += (toReciprocal(m_places[i]) - otherwise(m_places[i])).squaredNorm();
         return m_used.empty() ? 0.0 : std::sqrt(sum / static_cast<double>(m_used.size()));
     }
 
@@ -120,20 +121,17 @@ public:
         return normal(state, used, right);
     }
 
-    Vector3d place(const State& state, std::size_t i) const {
-        return state.model.toReciprocal(m_places[i]) + m_centre;
-    }
-
 private:
     double referenceSigma(const State& state) const { return m_reference > 0.0 ? m_reference : state.sigma; }
 
     void index(const State& state, double radius) {
         const Matrix34 model = state.lattice.model();
         const Eigen::Matrix3d inverse = model.leftCols<3>().inverse();
+        const InstrumentModel::Mapping toReciprocal(state.model);
         m_used.clear();
         for (std::size_t i = 0; i < m_places.size(); ++i) {
             if (!(std::hypot(m_places[i].u, m_places[i].v) <= radius)) continue;
-            const Vector3d q = inverse * (place(state, i) - model.col(3));
+            const Vector3d q = inverse * (toReciprocal(m_places[i]) + m_centre - model.col(3));
             m_indices[i] = indexPosition(q, m_settings.tolerance);
             if (m_indices[i][0] != kNotIndexed && m_indices[i] != Indices{0, 0, 0}) m_used.push_back(i);
         }
@@ -143,12 +141,22 @@ private:
         return Vector3d(m_indices[i][0], m_indices[i][1], m_indices[i][2]).homogeneous();
     }
 
-    std::vector<double> residuals(const State& state) const {
+    /// Of the points that are used, in reciprocal space.
+    std::vector<Vector3d> usedPlaces(const State& state) const {
+        const InstrumentModel::Mapping toReciprocal(state.model);
+        std::vector<Vector3d> places;
+        places.reserve(m_used.size());
+        for (std::size_t i : m_used)
+            places.emplace_back(toReciprocal(m_places[i]) + m_centre);
+        return places;
+    }
+
+    std::vector<double> residuals(const State& state, const std::vector<Vector3d>& places) const {
         const Matrix34 model = state.lattice.model();
         std::vector<double> lengths;
         lengths.reserve(m_used.size());
-        for (std::size_t i : m_used)
-            lengths.push_back((place(state, i) - model * node(i)).norm());
+        for (std::size_t n = 0; n < m_used.size(); ++n)
+            lengths.push_back((places[n] - model * node(m_used[n])).norm());
         return lengths;
     }
 
@@ -156,28 +164,39 @@ private:
         return std::max(medianOf(std::move(lengths)) / kMedianOfChi3, kSmallestSigma);
     }
 
+    /// With each of the terms larger by a step.
+    static std::vector<InstrumentModel::Mapping> movedMappings(const InstrumentModel& model,
+                                                               const Terms& used) {
+        std::vector<InstrumentModel::Mapping> mappings;
+        for (std::size_t t = 0; t < kInstrumentTerms; ++t) {
+            if (!used[t]) continue;
+            InstrumentModel moved = model;
+            moved[termOf(t)] += kStep;
+            mappings.emplace_back(moved);
+        }
+        return mappings;
+    }
+
     MatrixXd normal(const State& state, const Terms& used, VectorXd& right) {
         const Matrix34 model = state.lattice.model();
         const auto chain = state.lattice.derivatives();
-        const double limit = kTukeyLimit * sigmaOf(residuals(state));
+        const std::vector<Vector3d> places = usedPlaces(state);
+        const double limit = kTukeyLimit * sigmaOf(residuals(state, places));
         const auto terms = static_cast<Eigen::Index>(std::count(used.begin(), used.end(), true));
         const Eigen::Index size = terms + state.lattice.size();
         MatrixXd matrix = MatrixXd::Zero(size, size);
         right = VectorXd::Zero(size);
         MatrixXd rows(3, size);
-        for (std::size_t i : m_used) {
-            const Vector3d here = place(state, i);
-            const Vector3d off = here - model * node(i);
+        const std::vector<InstrumentModel::Mapping> moved = movedMappings(state.model, used);
+        for (std::size_t n = 0; n < m_used.size(); ++n) {
+            const std::size_t i = m_used[n];
+            const Vector3d off = places[n] - model * node(i);
             const double ratio = off.norm() / limit;
             if (ratio >= 1.0) continue;
             const double weight = (1.0 - ratio * ratio) * (1.0 - ratio * ratio);
             Eigen::Index column = 0;
-            for (std::size_t t = 0; t < kInstrumentTerms; ++t) {
-                if (!used[t]) continue;
-                InstrumentModel moved = state.model;
-                moved[termOf(t)] += kStep;
-                rows.col(column++) = (moved.toReciprocal(m_places[i]) + m_centre - here) / kStep;
-            }
+            for (const InstrumentModel::Mapping& toReciprocal : moved)
+                rows.col(column++) = (toReciprocal(m_places[i]) + m_centre - places[n]) / kStep;
             const Eigen::Vector4d hkl = node(i);
             rows.rightCols(state.lattice.size()).setZero();
             for (Eigen::Index part = 0; part < 4; ++part)
