@@ -4,7 +4,9 @@ target_compile_features(vrk_compiler_options INTERFACE cxx_std_20)
 target_compile_options(vrk_compiler_options INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion
   # Results are defined to the last bit, so no multiply may fuse with an addition.
-  -ffp-contract=off)
+  -ffp-contract=off
+  # Nobody asks errno about a root, for which every one would be a branch that vector units do not have.
+  -fno-math-errno)
 if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND NOT CMAKE_DISABLE_PRECOMPILE_HEADERS)
   # The standard library switches these off around its strings, where they are wrong; GCC forgets that when the
   # header is precompiled.

@@ -29,6 +29,7 @@ LOOPS = {
     "src/tiltaxis/detail/PairDirections.cpp": ["formVectors", "findBins"],
     "pipeline/latticesearch/PointsOnNodes.cpp": ["countNear"],
     "pipeline/latticesearch/PhasorSums.cpp": ["addTurned"],
+    "pipeline/integration/BackgroundSums.cpp": ["sumPixels"],
 }
 
 

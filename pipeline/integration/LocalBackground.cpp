@@ -62,20 +62,6 @@ const std::array<double, kTableSize>& huberTable() {
 
 }  // namespace
 
-void BackgroundPixels::clear() {
-    dx.clear();
-    dy.clear();
-    counts.clear();
-    shape.clear();
-}
-
-void BackgroundPixels::add(float x, float y, float value, float expected) {
-    dx.push_back(x);
-    dy.push_back(y);
-    counts.push_back(value);
-    shape.push_back(expected);
-}
-
 LocalBackground::LocalBackground(const NoiseModel& noise) : m_noise(noise) {}
 
 /// What Huber's function of a background pixel is on average, by its expected counts.
@@ -121,52 +107,21 @@ double LocalBackground::start(const BackgroundPixels& pixels) const {
     return count > 0 ? sum / count : median;
 }
 
-/// The sums of one round.
-struct LocalBackground::Sums {
-    float pull = 0, pullX = 0, pullY = 0;
-    float w = 0, wx = 0, wy = 0, wxx = 0, wxy = 0, wyy = 0;
-    float squares = 0, inside = 0, used = 0;
-};
-
-LocalBackground::Sums LocalBackground::sums(const BackgroundPixels& pixels, const BackgroundPlane& plane,
-                                            bool reject) const {
-    const auto level = static_cast<float>(plane.level);
-    const auto slopeX = static_cast<float>(plane.slopeX);
-    const auto slopeY = static_cast<float>(plane.slopeY);
-    const auto gain = static_cast<float>(m_noise.gain);
-    const auto floor = static_cast<float>(m_noise.floor);
-    const auto least = static_cast<float>(NoiseModel::kLeast * m_noise.gain);
-    const auto expected = static_cast<float>(correction(plane.level));
+/// \param reject  whether outliers take no part
+BackgroundModel LocalBackground::modelOf(const BackgroundPlane& plane, bool reject) const {
     const auto limit =
         static_cast<float>(huberLimit(m_noise.variance(plane.level) / (m_noise.gain * m_noise.gain)));
     const float farthest = static_cast<float>(kOutlier) * limit;
-    const float outlier = reject ? farthest : 1e30F;
-    Sums sums;
-    for (std::size_t i = 0; i < pixels.size(); ++i) {
-        const float x = pixels.dx[i];
-        const float y = pixels.dy[i];
-        const float model = level + slopeX * x + slopeY * y + pixels.shape[i];
-        const float variance = std::max(gain * model + floor, least);
-        const float sharpness = 1 / std::sqrt(variance);
-        const float relative = (pixels.counts[i] - model) * sharpness;
-        if (relative > outlier) continue;
-        const float limited = std::clamp(relative, -limit, limit);
-        const float pull = (limited - expected) * sharpness;
-        const float weight = sharpness * sharpness;
-        sums.pull += pull;
-        sums.pullX += pull * x;
-        sums.pullY += pull * y;
-        sums.w += weight;
-        sums.wx += weight * x;
-        sums.wy += weight * y;
-        sums.wxx += weight * x * x;
-        sums.wxy += weight * x * y;
-        sums.wyy += weight * y * y;
-        sums.squares += std::min(relative * relative, farthest * farthest) * variance;
-        sums.inside += limited == relative ? 1.0F : 0.0F;
-        sums.used += 1;
-    }
-    return sums;
+    return {static_cast<float>(plane.level),
+            static_cast<float>(plane.slopeX),
+            static_cast<float>(plane.slopeY),
+            static_cast<float>(m_noise.gain),
+            static_cast<float>(m_noise.floor),
+            static_cast<float>(NoiseModel::kLeast * m_noise.gain),
+            static_cast<float>(correction(plane.level)),
+            limit,
+            farthest,
+            reject ? farthest : 1e30F};
 }
 
 BackgroundPlane LocalBackground::fit(const BackgroundPixels& pixels) const {
@@ -188,7 +143,7 @@ BackgroundPlane LocalBackground::fit(const BackgroundPixels& pixels) const {
     plane.level = start(pixels);
     Eigen::Matrix3d inverse = Eigen::Matrix3d::Zero();
     for (int round = 0; round < kRejections; ++round) {
-        const Sums now = sums(pixels, plane, round > 1);
+        const BackgroundSums now = BackgroundSums::of(pixels, modelOf(plane, round > 1));
         if (!(now.inside > 0)) return {};
         Eigen::Matrix3d normal;
         normal << now.w, now.wx, now.wy,  //

@@ -3,23 +3,11 @@
 #pragma once
 
 #include <Eigen/Core>
-#include <vector>
 
+#include "pipeline/integration/BackgroundSums.h"
 #include "pipeline/integration/FrameStack.h"
 
 namespace vrk {
-
-/// Pixels around a spot that no predicted spot covers.
-struct BackgroundPixels {
-    std::vector<float> dx;  ///< from the spot's centre, pixels
-    std::vector<float> dy;
-    std::vector<float> counts;
-    std::vector<float> shape;  ///< what the background of all frames has here more than at the spot
-
-    void clear();
-    void add(float x, float y, float value, float expected);
-    std::size_t size() const { return counts.size(); }
-};
 
 /// level + slopeX dx + slopeY dy + shape.
 struct BackgroundPlane {
@@ -47,8 +35,7 @@ public:
     BackgroundPlane fit(const BackgroundPixels& pixels) const;
 
 private:
-    struct Sums;
-    Sums sums(const BackgroundPixels& pixels, const BackgroundPlane& plane, bool reject) const;
+    BackgroundModel modelOf(const BackgroundPlane& plane, bool reject) const;
     double start(const BackgroundPixels& pixels) const;
     double correction(double counts) const;
 

@@ -7,6 +7,11 @@ namespace {
 
 using namespace vrk;
 
+constexpr std::array kSums = {&BackgroundSums::pull,    &BackgroundSums::pullX,  &BackgroundSums::pullY,
+                              &BackgroundSums::w,       &BackgroundSums::wx,     &BackgroundSums::wy,
+                              &BackgroundSums::wxx,     &BackgroundSums::wxy,    &BackgroundSums::wyy,
+                              &BackgroundSums::squares, &BackgroundSums::inside, &BackgroundSums::used};
+
 struct Field {
     double level, slopeX, slopeY, gain, contamination;
 };
@@ -25,6 +30,59 @@ BackgroundPixels ring(const Field& field, std::mt19937& random) {
             pixels.add(static_cast<float>(x), static_cast<float>(y), static_cast<float>(value), 0);
         }
     return pixels;
+}
+
+/// One pixel after the other.
+BackgroundSums plainSums(const BackgroundPixels& pixels, const BackgroundModel& model) {
+    std::array<BackgroundSums, BackgroundSums::kLanes> lanes;
+    for (std::size_t i = 0; i < pixels.size(); ++i) {
+        BackgroundSums& lane = lanes[i % lanes.size()];
+        const float x = pixels.dx[i], y = pixels.dy[i];
+        const float mean = model.level + model.slopeX * x + model.slopeY * y + pixels.shape[i];
+        const float variance = std::max(model.gain * mean + model.floor, model.least);
+        const float sharpness = 1 / std::sqrt(variance);
+        const float relative = (pixels.counts[i] - mean) * sharpness;
+        if (relative > model.outlier) continue;
+        const float limited = std::clamp(relative, -model.limit, model.limit);
+        const float pull = (limited - model.expected) * sharpness;
+        const float weight = sharpness * sharpness;
+        const float square = std::min(relative * relative, model.farthest * model.farthest) * variance;
+        const BackgroundSums one = {pull,
+                                    pull * x,
+                                    pull * y,
+                                    weight,
+                                    weight * x,
+                                    weight * y,
+                                    weight * x * x,
+                                    weight * x * y,
+                                    weight * y * y,
+                                    square,
+                                    limited == relative ? 1.0F : 0.0F,
+                                    1};
+        for (const auto member : kSums)
+            lane.*member += one.*member;
+    }
+    BackgroundSums sums;
+    for (const BackgroundSums& lane : lanes)
+        for (const auto member : kSums)
+            sums.*member += lane.*member;
+    return sums;
+}
+
+TEST(BackgroundSumsTest, areThoseOfOnePixelAfterTheOther) {
+    std::mt19937 random(5);
+    std::uniform_real_distribution<float> unit(-1, 1);
+    for (std::size_t count = 0; count < 300; count = count * 5 / 4 + 1) {
+        const BackgroundModel model = {
+            5 + 4 * unit(random),         unit(random), unit(random), 2, 0.5F, 0.1F, 0.05F, 2, 6,
+            count % 2 == 0 ? 6.0F : 1e30F};
+        BackgroundPixels pixels;
+        for (std::size_t i = 0; i < count; ++i)
+            pixels.add(10 * unit(random), 10 * unit(random), 60 * std::abs(unit(random)), unit(random));
+        const BackgroundSums sums = BackgroundSums::of(pixels, model), plain = plainSums(pixels, model);
+        for (const auto member : kSums)
+            EXPECT_EQ(sums.*member, plain.*member) << count;
+    }
 }
 
 TEST(LocalBackgroundTest, isRightOnAverageAndKnowsItsError) {
