@@ -1,3 +1,4 @@
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -12,6 +13,7 @@
 #include "console/Host.h"
 #include "foundation/Version.h"
 #include "pipeline/base/Failure.h"
+#include "pipeline/base/OutputFile.h"
 
 #ifdef __GLIBC__
 #include <malloc.h>
@@ -108,6 +110,26 @@ int runWords(const std::vector<std::string>& words) {
 
 std::terminate_handler usualEnd = nullptr;
 
+std::atomic<bool> memoryFailed = false;
+
+/// As without it, an allocation that fails throws.
+void noteFailedAllocation() {
+    memoryFailed = true;
+    throw std::bad_alloc();
+}
+
+/// Where functions of the standard library promise not to throw, as those that walk through folders do, an
+/// allocation that fails within ends the program.
+[[noreturn]] void endAfterFailedAllocation() {
+    if (!memoryFailed) {
+        usualEnd();
+        std::abort();
+    }
+    vrk::OutputFile::removeAll();
+    std::fputs("vrk: more memory is needed than may be taken (--max-memory)\n", stderr);
+    std::_Exit(kFailed);
+}
+
 /// Runs before all that has no priority.
 [[gnu::constructor(101)]] void watchBeginning() {
     usualEnd = std::set_terminate(endBeforeMain);
@@ -126,7 +148,8 @@ void keepScratchMemory() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::set_terminate(usualEnd);
+    std::set_new_handler(noteFailedAllocation);
+    std::set_terminate(endAfterFailedAllocation);
     keepScratchMemory();
     try {
         return runHosted(argc, argv);
