@@ -42,18 +42,6 @@ struct Simulation {
     std::vector<vrk::FitPoint> points;
 };
 
-void expectNear(const vrk::RefinedLattice& found, const std::array<double, 6>& cell, double sigmas) {
-    for (std::size_t i = 0; i < 6; ++i)
-        EXPECT_NEAR(found.cell[i], cell[i], sigmas * found.cellSigma[i] + 1e-9) << "parameter " << i;
-}
-
-TEST(LatticeFit, IsExactOnExactData) {
-    const Simulation data(kTriclinic, 6, 0.0, 0.0, 0.002);
-    const vrk::RefinedLattice found = data.fit();
-    expectNear(found, kTriclinic, 0.0);
-    EXPECT_EQ(found.indexed, static_cast<int>(data.points.size()));
-}
-
 // The two directions of the claim: not too small (about 95 % within two), not too large (about 68 % within
 // one).
 TEST(LatticeFit, UncertaintiesCoverTheTruth) {
