@@ -76,11 +76,14 @@ TEST(PositionRefinement, AdmitsThatFlatDataTellNoSense) {
     EXPECT_FALSE(result->decided);
     EXPECT_NEAR(result->residual[0], result->residual[1], 0.01);
 
-    result = vrk::refinePositions(data.positions, data.tilts, start, at(0.0));
-    ASSERT_TRUE(result);
-    EXPECT_EQ(result->sense, 0);
-    EXPECT_FALSE(result->decided);
-    EXPECT_EQ(result->positions[0], data.positions[0]);
+    for (const auto& [pixelSize, wavelength] : {std::pair(start.pixelSize, 0.0), {0.0, kWavelength}}) {
+        const vrk::Lattice from{start.basis, start.origin, pixelSize};
+        result = vrk::refinePositions(data.positions, data.tilts, from, at(wavelength));
+        ASSERT_TRUE(result);
+        EXPECT_EQ(result->sense, 0);
+        EXPECT_FALSE(result->decided);
+        EXPECT_EQ(result->positions[0], data.positions[0]);
+    }
 }
 
 TEST(PositionRefinement, LeavesWhatHasNoPlaceUnindexed) {
