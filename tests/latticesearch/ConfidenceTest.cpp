@@ -180,6 +180,7 @@ TEST(RecordedWedge, IsFoundFromTheReflections) {
             EXPECT_NEAR(wedge.halfAngle, halfAngle, tolerance);
             soFar.add(wedge.halfAngle);
             soFar.addAll(wedge.toFrame.reshaped());
+            EXPECT_EQ(vrk::wedgeOf(std::span(places).first(30)).halfAngle, quarter) << "by chance";
             if (halfAngle == quarter) continue;
             // The middle of the wedge and the axis are x and y, but for their senses.
             const Eigen::Matrix3d back = wedge.toFrame * rotation;
