@@ -314,9 +314,7 @@ double CalculateCellAlgorithm::StepFour_FindLinearIndependentVectors(
         for (const auto& [place, weight] : centresOf(*clusters))
             centres.push_back(vectorAt(place));
         std::vector<DiffVector3D*> candidates = pointersTo(centres);
-        DiffVector3D foundA(0.0, 0.0, 0.0);
-        DiffVector3D foundB(0.0, 0.0, 0.0);
-        DiffVector3D foundC(0.0, 0.0, 0.0);
+        DiffVector3D foundA = vectorAt({}), foundB = foundA, foundC = foundA;
         if (!findLinearIndependentDiffVectors(&candidates, parameter, &foundA, &foundB, &foundC)) {
             logText("No three linear independent vectors among " + std::to_string(centres.size()) +
                         " cluster centers.",
@@ -350,9 +348,7 @@ double CalculateCellAlgorithm::StepFive_CalculateNiggliCell(Parameter* parameter
         const DiffVector3D inA = vectorAt(coordinatesOf(*a));
         const DiffVector3D inB = vectorAt(coordinatesOf(*b));
         const DiffVector3D inC = vectorAt(coordinatesOf(*c));
-        DiffVector3D shortA(0.0, 0.0, 0.0);
-        DiffVector3D shortB(0.0, 0.0, 0.0);
-        DiffVector3D shortC(0.0, 0.0, 0.0);
+        DiffVector3D shortA = inA, shortB = inB, shortC = inC;
         if (!calculateNiggliCell(&inA, &inB, &inC, parameter, &shortA, &shortB, &shortC)) {
             logText("No three linear independent vectors in the lattice of the base vectors.", VRK::Warning);
             return kFailed;
