@@ -258,7 +258,20 @@ TEST(GhostNodes, AreSeenByTheNodesThatAreMissingAtTheirTilts) {
     for (const Vector3d& point : seen(lattice.basis, 0.8, isOff))
         (vrk::distanceToNode(point, lattice, lattice.basis.inverse()) < 1.2 ? on : ghosts).push_back(point);
     EXPECT_TRUE(vrk::areGhosts(ghosts, on, lattice));
-    EXPECT_FALSE(vrk::areGhosts(ghosts, seen(lattice.basis, 0.8, [](double) { return false; }), lattice));
+    const Points all = seen(lattice.basis, 0.8, [](double) { return false; });
+    EXPECT_FALSE(vrk::areGhosts(ghosts, all, lattice));
+    // Or by a narrow range of tilts, unless the others have no wider one.
+    const auto between = [&](double low, double high) {
+        Points some;
+        std::ranges::copy_if(all, std::back_inserter(some),
+                             [&](const Vector3d& p) { return tiltOf(p) > low && tiltOf(p) < high; });
+        return some;
+    };
+    for (const auto& [high, on, areGhosts] : {std::tuple(41.0, all, true),
+                                              {46.0, all, false},
+                                              {41.0, between(10, 55), false},
+                                              {20.0, all, false}})
+        EXPECT_EQ(vrk::areGhosts(between(20, high), on, lattice), areGhosts) << high;
 }
 
 }  // namespace
