@@ -260,18 +260,19 @@ TEST(GhostNodes, AreSeenByTheNodesThatAreMissingAtTheirTilts) {
     EXPECT_TRUE(vrk::areGhosts(ghosts, on, lattice));
     const Points all = seen(lattice.basis, 0.8, [](double) { return false; });
     EXPECT_FALSE(vrk::areGhosts(ghosts, all, lattice));
-    // Or by a narrow range of tilts, unless the others have no wider one.
-    const auto between = [&](double low, double high) {
+    // Or by a narrow range of tilts, unless most others are there as well.
+    const auto between = [&](double low, double high, double farther) {
         Points some;
-        std::ranges::copy_if(all, std::back_inserter(some),
-                             [&](const Vector3d& p) { return tiltOf(p) > low && tiltOf(p) < high; });
+        std::ranges::copy_if(all, std::back_inserter(some), [&](const Vector3d& p) {
+            return (tiltOf(p) > low && tiltOf(p) < high) || tiltOf(p) < farther;
+        });
         return some;
     };
     for (const auto& [high, on, areGhosts] : {std::tuple(41.0, all, true),
                                               {46.0, all, false},
-                                              {41.0, between(10, 55), false},
+                                              {34.0, between(20, 34, -57), false},
                                               {20.0, all, false}})
-        EXPECT_EQ(vrk::areGhosts(between(20, high), on, lattice), areGhosts) << high;
+        EXPECT_EQ(vrk::areGhosts(between(20, high, -90), on, lattice), areGhosts) << high;
 }
 
 }  // namespace

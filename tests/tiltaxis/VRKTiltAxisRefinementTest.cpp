@@ -230,7 +230,7 @@ TEST(VRKTiltAxisRefinementTest, SaysWhyThereIsNoAngle) {
     const auto zero = makeSeries(16, 16, range(1, 300, 1));
     const auto many = makeSeries(16, 16, range(0, 300, 1));
     const auto one = makeSeries(64, 64, {5});
-    const auto untilted = makeSeries(64, 64, {0, 0, 0});
+    const auto untilted = makeSeries(64, 64, {5, 5, 5});
     const auto unsorted = makeSeries(64, 64, {0, 20, 10});
     const std::tuple<VoxMRCData*, std::string, const char*> cases[] = {
         {good.get(), "", "folderName2SaveResults ==  \n"},
