@@ -133,6 +133,7 @@ TEST(VRKTiltAxisRefinementTest, FindsTheAxisInPatternsFinelyAndInVolumes) {
 
 TEST(VRKTiltAxisRefinementTest, FindsTheAxisHoweverBrightTheSeriesIs) {
     const TemporaryFolder folder;
+    SoFar soFar;
     for (const double factor : {0.1, 6.0}) {  // peaks of 500 counts, and many that are cut off
         const auto series = crystalSeries(20.0);
         for (unsigned i = 0; i < series->GetDepth(); ++i)
@@ -143,7 +144,10 @@ TEST(VRKTiltAxisRefinementTest, FindsTheAxisHoweverBrightTheSeriesIs) {
         VRKTiltAxisRefinement search;
         EXPECT_FLOAT_EQ(search.searchTiltAxisManual3D(series.get(), "", folder / "", -70, 80, 30), 20.0F)
             << factor;
+        for (const TiltAxisScore& one : search.scores())
+            soFar.add(one.variance, one.compactness, one.reflexes);
     }
+    EXPECT_NEAR(soFar.sum(), 2795.6894, 1e-2);
 }
 
 TEST(VRKTiltAxisRefinementTest, LeavesTheSeriesAloneAndWritesImagesAndPlots) {
@@ -210,6 +214,7 @@ TEST(VRKTiltAxisRefinementTest, HalvesSeriesOfMoreThan256Pixels) {
         EXPECT_EQ(log.count("input volume rebinned to ", VRK::Normal), halvings) << width;
         EXPECT_EQ(log.has("rebinned to " + size, VRK::Normal), halvings > 0) << width;
         EXPECT_EQ(log.has("rebinned volume deleted", VRK::Normal), halvings > 0);
+        EXPECT_FALSE(log.has("Patterns binned from", VRK::Normal));
     }
 }
 
