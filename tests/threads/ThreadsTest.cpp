@@ -59,6 +59,7 @@ TEST(Workers, DoEveryItemOnceAndTellInOrder) {
         },
         [&](std::size_t prefix) {
             EXPECT_GE(prefix, told);
+            EXPECT_LT(prefix, kItems) << "asked as long as there is something to stop";
             EXPECT_EQ(listener.messages.size(), prefix) << "what is done was told";
             told = prefix;
             return true;
