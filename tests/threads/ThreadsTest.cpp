@@ -65,6 +65,9 @@ TEST(Workers, DoEveryItemOnceAndTellInOrder) {
             return true;
         }));
     EXPECT_EQ(done, std::vector<int>(kItems, 1));
+    const vrk::SharedLoopCost cost = workers.loops().back();
+    EXPECT_EQ(cost.items, kItems);
+    EXPECT_TRUE(cost.longest > 0 && cost.longest <= cost.all);
     ASSERT_EQ(listener.messages.size(), kItems);
     for (std::size_t i = 0; i < kItems; ++i)
         EXPECT_EQ(listener.messages[i], std::to_string(i));
