@@ -208,6 +208,7 @@ TEST(Completeness, CountsTheNodesThatWereRecorded) {
 TEST(Completeness, KnowsEmptyClassesAndShells) {
     const Completeness doubled = completeness([](const vrk::Indices& hkl) { return hkl[2] % 2 == 0; });
     EXPECT_NEAR(doubled.all.share(), 0.5, 0.05);
+    EXPECT_EQ(completeness([](const vrk::Indices&) { return false; }).limit, 0);
     EXPECT_EQ(doubled.evenness(), 0);
     const Completeness weak = completeness([](const vrk::Indices& hkl) {
         return hkl[2] % 2 == 0 || (std::abs(hkl[0]) / 2 + std::abs(hkl[1]) / 2) % 2 == 0;

@@ -111,6 +111,9 @@ TEST(LatticeFit, EveryTypeTiesItsParameters) {
         }
         EXPECT_EQ(ties.any, type != LATTICE::aP);
     }
+    const vrk::CellTies shape = vrk::CellTies::ofShape({2, 3, 5, 80, 95, 110}, Eigen::Matrix3d::Identity());
+    EXPECT_EQ(shape.ratio, (std::array{1.0, 1.5, 2.5}));
+    EXPECT_EQ(shape.angle, (std::array{80.0, 95.0, 110.0}));
 }
 
 }  // namespace
