@@ -40,6 +40,11 @@ constexpr double kFailed = -1.0;
 constexpr int kMostLatticeSteps = 50;
 constexpr int kLeastPointsOfRow = 10;
 
+template <typename... Given>
+bool isAnyMissing(const Given*... given) {
+    return (... || !given);
+}
+
 class Stopwatch {
 public:
     double seconds() const {
@@ -301,7 +306,7 @@ double CalculateCellAlgorithm::StepFour_FindLinearIndependentVectors(
     return withMemoryReport([&] {
         const Stopwatch watch;
         logText("Find three linear independent cluster center started...");
-        if (!parameter || !clusters || !a || !b || !c) {
+        if (isAnyMissing(parameter, clusters, a, b, c)) {
             logText("Parameters, clusters and three points are needed to find base vectors.", VRK::Error);
             return kFailed;
         }
@@ -309,9 +314,7 @@ double CalculateCellAlgorithm::StepFour_FindLinearIndependentVectors(
         for (const auto& [place, weight] : centresOf(*clusters))
             centres.push_back(vectorAt(place));
         std::vector<DiffVector3D*> candidates = pointersTo(centres);
-        DiffVector3D foundA(0.0, 0.0, 0.0);
-        DiffVector3D foundB(0.0, 0.0, 0.0);
-        DiffVector3D foundC(0.0, 0.0, 0.0);
+        DiffVector3D foundA = vectorAt({}), foundB = foundA, foundC = foundA;
         if (!findLinearIndependentDiffVectors(&candidates, parameter, &foundA, &foundB, &foundC)) {
             logText("No three linear independent vectors among " + std::to_string(centres.size()) +
                         " cluster centers.",
@@ -338,16 +341,14 @@ double CalculateCellAlgorithm::StepFive_CalculateNiggliCell(Parameter* parameter
     return withMemoryReport([&] {
         const Stopwatch watch;
         logText("Calculation of niggli cell started...");
-        if (!parameter || !a || !b || !c || !outA || !outB || !outC) {
+        if (isAnyMissing(parameter, a, b, c, outA, outB, outC)) {
             logText("Parameters and six points are needed to shorten base vectors.", VRK::Error);
             return kFailed;
         }
         const DiffVector3D inA = vectorAt(coordinatesOf(*a));
         const DiffVector3D inB = vectorAt(coordinatesOf(*b));
         const DiffVector3D inC = vectorAt(coordinatesOf(*c));
-        DiffVector3D shortA(0.0, 0.0, 0.0);
-        DiffVector3D shortB(0.0, 0.0, 0.0);
-        DiffVector3D shortC(0.0, 0.0, 0.0);
+        DiffVector3D shortA = inA, shortB = inB, shortC = inC;
         if (!calculateNiggliCell(&inA, &inB, &inC, parameter, &shortA, &shortB, &shortC)) {
             logText("No three linear independent vectors in the lattice of the base vectors.", VRK::Warning);
             return kFailed;
@@ -462,7 +463,7 @@ double CalculateCellAlgorithm::findBasis(Parameter* parameter, std::vector<Clust
     constexpr std::size_t kVectors = 40;
     return withMemoryReport([&] {
         const Stopwatch watch;
-        if (!parameter || !clusters || !a || !b || !c) {
+        if (isAnyMissing(parameter, clusters, a, b, c)) {
             logText("Parameters, clusters and three points are needed to find a basis.", VRK::Error);
             return kFailed;
         }
@@ -496,7 +497,7 @@ double CalculateCellAlgorithm::testCellDetectionWithReflections(Parameter* param
     constexpr std::size_t kJudges = 400;
     return withMemoryReport([&] {
         const Stopwatch watch;
-        if (!parameter || !reflections || !origin || !a || !b || !c) {
+        if (isAnyMissing(parameter, reflections, origin, a, b, c)) {
             logText("Parameters, reflections, an origin and three points are needed to find a basis.",
                     VRK::Error);
             return kFailed;
@@ -524,7 +525,7 @@ double CalculateCellAlgorithm::calculateNiggliCell2(ClusterPoint<double>* a, Clu
                                                     ClusterPoint<double>* c, ClusterPoint<double>* outA,
                                                     ClusterPoint<double>* outB, ClusterPoint<double>* outC) {
     const Stopwatch watch;
-    if (!a || !b || !c || !outA || !outB || !outC) {
+    if (isAnyMissing(a, b, c, outA, outB, outC)) {
         logText("Six points are needed to reduce base vectors.", VRK::Error);
         return kFailed;
     }
@@ -553,7 +554,7 @@ double CalculateCellAlgorithm::refineCell(std::vector<Cluster<Point<double>>*>* 
                                           ClusterPoint<double>* outB, ClusterPoint<double>* outC) {
     return withMemoryReport([&] {
         const Stopwatch watch;
-        if (!clusters || !a || !b || !c || !outA || !outB || !outC) {
+        if (isAnyMissing(clusters, a, b, c, outA, outB, outC)) {
             logText("Clusters and six points are needed to refine base vectors.", VRK::Error);
             return kFailed;
         }

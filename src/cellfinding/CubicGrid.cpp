@@ -5,6 +5,7 @@
 #include <limits>
 #include <ostream>
 #include <sstream>
+#include <tuple>
 #include <type_traits>
 
 #include "cellfinding/detail/CellList.h"
@@ -71,33 +72,19 @@ CubicGrid<P>::CubicGrid(const std::vector<P*>* points, const double* min, const 
 }
 
 template <typename P>
-CubicGrid<P>::CubicGrid(const CubicGrid<P>& other)
-    : m_storage(other.m_storage),
-      m_cubes(other.m_cubes),
-      m_cells(other.m_cells),
-      m_cubesPerAxis(other.m_cubesPerAxis),
-      m_gridMin(other.m_gridMin),
-      m_gridMax(other.m_gridMax),
-      m_numberOfCubes(other.m_numberOfCubes),
-      m_dimension(other.m_dimension),
-      m_edgeLength(other.m_edgeLength),
-      m_regular(other.m_regular) {
-    linkPoints();
+CubicGrid<P>::CubicGrid(const CubicGrid<P>& other) {
+    *this = other;
 }
 
 template <typename P>
 CubicGrid<P>& CubicGrid<P>::operator=(const CubicGrid<P>& other) {
     if (this == &other) return *this;
-    m_storage = other.m_storage;
-    m_cubes = other.m_cubes;
-    m_cells = other.m_cells;
-    m_cubesPerAxis = other.m_cubesPerAxis;
-    m_gridMin = other.m_gridMin;
-    m_gridMax = other.m_gridMax;
-    m_numberOfCubes = other.m_numberOfCubes;
-    m_dimension = other.m_dimension;
-    m_edgeLength = other.m_edgeLength;
-    m_regular = other.m_regular;
+    const auto members = [](auto& grid) {
+        return std::tie(grid.m_storage, grid.m_cubes, grid.m_cells, grid.m_cubesPerAxis, grid.m_gridMin,
+                        grid.m_gridMax, grid.m_numberOfCubes, grid.m_dimension, grid.m_edgeLength,
+                        grid.m_regular);
+    };
+    members(*this) = members(other);
     linkPoints();
     return *this;
 }

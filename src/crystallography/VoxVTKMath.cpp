@@ -54,6 +54,23 @@ struct SingularValues {
     }
 };
 
+/// Of a value that is none but for rounding, the column may point anywhere: it is made perpendicular to those
+/// before.
+void orthonormalize(Matrix& u) {
+    const auto rest = [&u](Matrix column, int before) {
+        for (int k = 0; k < before; ++k)
+            column -= u.col(k).dot(column) * u.col(k);
+        return column;
+    };
+    for (int i = 0; i < 3; ++i) {
+        Matrix best = rest(u.col(i).clone(), i);
+        for (int axis = 0; axis < 3 && !(cv::norm(best) > 0.5); ++axis)
+            best = rest(Matrix(Matrix::eye(3, 3)).col(axis).clone(), i);
+        best.copyTo(u.col(i));
+        u.col(i) *= 1.0 / cv::norm(best);
+    }
+}
+
 }  // namespace
 
 bool VoxVTKMath::JacobiN(const double* const* a, int n, double* w, double* const* v) {
@@ -83,6 +100,7 @@ bool VoxVTKMath::SingularValueDecomposition3x3(const double a[3][3], double u[3]
     const Matrix matrix = matrixOf(a);
     if (!allFinite(matrix)) return false;
     SingularValues values(matrix);
+    if (!(std::abs(cv::determinant(values.u)) > 0.999999)) orthonormalize(values.u);
     if (cv::determinant(values.u) < 0) {
         values.u.col(2) *= -1;
         values.w(2) *= -1;

@@ -275,8 +275,8 @@ TEST_F(SimulatedBackgroundTest, StopsDimWhatIsBehindThem) {
     EXPECT_NEAR(at(28.5, 60.5), 50, 60);
     EXPECT_GT(at(28.5, 60.5), 40);
     EXPECT_EQ(at(24.5, -2.5), at(-24.5, -2.5)) << "nothing on the other side";
-    settings.beamStop = vrk::BeamStopSettings{0, 0, 6, {24, 0}, 0, 0};
-    EXPECT_EQ(at(28.5, 0.5), 0);
+    settings.beamStop = vrk::BeamStopSettings{0, 0, 6, {24, 12}, 0, 0};
+    EXPECT_EQ(at(20.5, 13.5), 0);
     EXPECT_GT(at(42.5, 0.5), 100) << "no bar";
 }
 

@@ -44,18 +44,14 @@ TEST(DBSCANTest, RefusesBadParameters) {
     auto* const noise = &c.noise;
     labelsOf(c, 1.0, 2);
     ASSERT_EQ(noise->size(), 1U);
-    const struct {
-        CubicGrid<DbscanPoint>* grid;
-        double eps;
-        int minPts;
-        std::vector<Cluster<Point<double>>*>* clusters;
-        std::vector<DbscanPoint*>* noise;
-    } cases[] = {{nullptr, 1.0, 1, clusters, noise},      {c.grid.get(), 0.0, 1, clusters, noise},
-                 {c.grid.get(), NAN, 1, clusters, noise}, {c.grid.get(), 1.0, 0, clusters, noise},
-                 {c.grid.get(), 1.0, 1, nullptr, noise},  {c.grid.get(), 1.0, 1, clusters, nullptr},
-                 {&empty, 1.0, 1, clusters, noise}};
-    for (const auto& bad : cases)
-        DBSCAN::cluster(bad.grid, bad.eps, bad.minPts, bad.clusters, bad.noise);
+    auto* const grid = c.grid.get();
+    DBSCAN::cluster(nullptr, 1.0, 1, clusters, noise);
+    DBSCAN::cluster(grid, 0.0, 1, clusters, noise);
+    DBSCAN::cluster(grid, NAN, 1, clusters, noise);
+    DBSCAN::cluster(grid, 1.0, 0, clusters, noise);
+    DBSCAN::cluster(grid, 1.0, 1, nullptr, noise);
+    DBSCAN::cluster(grid, 1.0, 1, clusters, nullptr);
+    DBSCAN::cluster(&empty, 1.0, 1, clusters, noise);
     EXPECT_EQ(log.count("Parameter for DBSCAN are not correct.", VRK::Error), 7);
     EXPECT_EQ(noise->size(), 1U);
 }

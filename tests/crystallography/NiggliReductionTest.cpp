@@ -262,22 +262,6 @@ TEST_F(NiggliReductionTest, LeavesTheSortingOfNearlyEqualEdges) {
     EXPECT_NEAR(cell.getC(), 9.0, 1e-4);
 }
 
-TEST_F(NiggliReductionTest, SkewBasesLoseNoAccuracy) {
-    NiggliReduction::setNarration(nullptr);
-    RandomLattice random(16);
-    for (const auto type : kAllBravaisTypes)
-        for (const auto& [x, y] : {std::pair{100, 100}, {3000, 30}, {100000, 0}}) {
-            const UnitCell truth = random.primitive(type);
-            UnitCell reduced(truth);
-            NiggliReduction::niggliReduction(&reduced, 0);
-            UnitCell cell(truth);
-            const int matrix[3][3] = {{1, x, 7}, {0, 1, -y}, {0, 0, 1}};
-            cell.transform(matrix);
-            NiggliReduction::niggliReduction(&cell, 0);
-            expectNear(sixOf(cell), sixOf(reduced), 1e-6);
-        }
-}
-
 /// How much shorter, relatively, an edge could be: 0 for a reduced cell.
 double excessOf(const UnitCell& cell) {
     const Eigen::Matrix3d base = baseOf(cell);

@@ -30,16 +30,9 @@ using Parameters = SpaceDimensions;
 
 /// A direct cell with a along x and b in the plane of x and y.
 inline UnitCell cellOf(const Parameters& p, LATTICE::BravaisTypes type = LATTICE::aP, bool primitiv = true) {
-    const auto cosine = [](double degree) {
-        return std::cos(BasicMath::ConvertAngleFromDegreeToRadian(degree));
-    };
-    const double sinGamma = std::sin(BasicMath::ConvertAngleFromDegreeToRadian(p.gamma));
-    const double cx = cosine(p.beta);
-    const double cy = (cosine(p.alpha) - cosine(p.beta) * cosine(p.gamma)) / sinGamma;
-    const double a[3] = {p.a, 0.0, 0.0};
-    const double b[3] = {p.b * cosine(p.gamma), p.b * sinGamma, 0.0};
-    const double c[3] = {p.c * cx, p.c * cy, p.c * std::sqrt(1.0 - cx * cx - cy * cy)};
-    return UnitCell(a, b, c, 1.0, true, primitiv, type);
+    double base[3][3] = {};
+    SpaceMath::BaseVectors(p, base);
+    return UnitCell(base[0], base[1], base[2], 1.0, true, primitiv, type);
 }
 
 inline Parameters parametersOf(const UnitCell& cell) {

@@ -147,24 +147,6 @@ TEST(UnitCellClassTest, GridFollowsTheCentring) {
     }
 }
 
-TEST(UnitCellClassTest, ReciprocalOfTheReciprocalIsTheCell) {
-    RandomLattice random(35);
-    for (int n = 0; n < 100; ++n) {
-        UnitCell cell = random.conventional(LATTICE::oF);
-        cell.setPixelsize(random.uniform(1e6, 1e8));
-        cell.setCellCase(26);
-        cell.setQualityIndex(0.5);
-        const std::unique_ptr<UnitCell> reciprocal(cell.getReciprocalCell());
-        EXPECT_EQ(reciprocal->getBravaisType(), LATTICE::oI);
-        EXPECT_FALSE(reciprocal->isRealCell());
-        EXPECT_EQ(reciprocal->getCellCase(), 26);
-        EXPECT_EQ(reciprocal->getQualityIndex(), 0.5);
-        const std::unique_ptr<UnitCell> back(reciprocal->getReciprocalCell());
-        EXPECT_EQ(back->getBravaisType(), LATTICE::oF);
-        EXPECT_NEAR(back->getLengthOfC(), cell.getLengthOfC(), 1e-9);
-    }
-}
-
 TEST(UnitCellClassTest, TextForms) {
     UnitCell cell = cellOf({3, 4, 5.25, 90, 90, 90});
     EXPECT_EQ(cell.getParameterAsString(), "3, 4, 5.25, 90\xB0, 90\xB0, 90\xB0");

@@ -180,6 +180,7 @@ TEST(RecordedWedge, IsFoundFromTheReflections) {
             EXPECT_NEAR(wedge.halfAngle, halfAngle, tolerance);
             soFar.add(wedge.halfAngle);
             soFar.addAll(wedge.toFrame.reshaped());
+            EXPECT_EQ(vrk::wedgeOf(std::span(places).first(30)).halfAngle, quarter) << "by chance";
             if (halfAngle == quarter) continue;
             // The middle of the wedge and the axis are x and y, but for their senses.
             const Eigen::Matrix3d back = wedge.toFrame * rotation;
@@ -207,6 +208,7 @@ TEST(Completeness, CountsTheNodesThatWereRecorded) {
 TEST(Completeness, KnowsEmptyClassesAndShells) {
     const Completeness doubled = completeness([](const vrk::Indices& hkl) { return hkl[2] % 2 == 0; });
     EXPECT_NEAR(doubled.all.share(), 0.5, 0.05);
+    EXPECT_EQ(completeness([](const vrk::Indices&) { return false; }).limit, 0);
     EXPECT_EQ(doubled.evenness(), 0);
     const Completeness weak = completeness([](const vrk::Indices& hkl) {
         return hkl[2] % 2 == 0 || (std::abs(hkl[0]) / 2 + std::abs(hkl[1]) / 2) % 2 == 0;

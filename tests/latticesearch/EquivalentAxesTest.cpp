@@ -1,6 +1,6 @@
 #include "pipeline/latticesearch/EquivalentAxes.h"
 
-#include "crystallography/SpaceMath.h"
+#include "crystallography/RandomLattice.h"
 #include "support/Testing.h"
 
 namespace {
@@ -11,42 +11,29 @@ Six numbersOf(const CellParameters& p) {
     return {p.a, p.b, p.c, p.alpha, p.beta, p.gamma};
 }
 
-/// A primitive base of a centred cell whose numbers have small errors.
-UnitCell primitiveCell(const Six& cell, char centring, std::mt19937& random) {
-    std::normal_distribution<double> error(0.0, 1e-4);
-    const SpaceDimensions numbers = {cell[0] + error(random),        cell[1] + error(random),
-                                     cell[2] + error(random),        cell[3] + 10.0 * error(random),
-                                     cell[4] + 10.0 * error(random), cell[5] + 10.0 * error(random)};
-    double base[3][3];
-    EXPECT_TRUE(SpaceMath::BaseVectors(numbers, base));
-    UnitCell result(base[0], base[1], base[2], 1.0, true, true, LATTICE::aP);
-    const double body[3][3] = {{-0.5, 0.5, 0.5}, {0.5, -0.5, 0.5}, {0.5, 0.5, -0.5}};
-    const double side[3][3] = {{0.5, 0.5, 0}, {-0.5, 0.5, 0}, {0, 0, 1}};
-    const double rhombohedral[3][3] = {
-        {2.0 / 3, -1.0 / 3, -1.0 / 3}, {1.0 / 3, 1.0 / 3, -2.0 / 3}, {1.0 / 3, 1.0 / 3, 1.0 / 3}};
-    if (centring == 'I') result.transform(body);
-    if (centring == 'C') result.transform(side);
-    if (centring == 'R') result.transform(rhombohedral);
-    return result;
+/// A primitive base of a cell whose numbers have small errors.
+UnitCell primitiveCell(const Six& cell, LATTICE::BravaisTypes type, testing_support::RandomLattice& random) {
+    UnitCell result =
+        testing_support::cellOf({cell[0], cell[1], cell[2], cell[3], cell[4], cell[5]}, type, false);
+    result.transformIntoPrimitivCell();
+    return random.disturbed(result, 1e-5, 1e-3);
 }
 
 TEST(EquivalentAxes, DoNotDependOnNoise) {
     const struct {
         Six cell;
-        char centring;
         LATTICE::BravaisTypes type;
-    } cases[] = {
-        {{12, 12, 12, 90, 90, 90}, 'I', LATTICE::cI}, {{8, 8, 11, 90, 90, 90}, 'P', LATTICE::tP},
-        {{7, 7, 13, 90, 90, 120}, 'P', LATTICE::hP},  {{7, 7, 20, 90, 90, 120}, 'R', LATTICE::hR},
-        {{7, 8, 11, 90, 90, 90}, 'P', LATTICE::oP},   {{7, 9, 11, 90, 90, 90}, 'C', LATTICE::oC},
-        {{7, 9, 11, 90, 101, 90}, 'P', LATTICE::mP},  {{5.2, 6.1, 4.6, 90, 105, 90}, 'C', LATTICE::mC}};
+    } cases[] = {{{12, 12, 12, 90, 90, 90}, LATTICE::cI}, {{8, 8, 11, 90, 90, 90}, LATTICE::tP},
+                 {{7, 7, 13, 90, 90, 120}, LATTICE::hP},  {{7, 7, 20, 90, 90, 120}, LATTICE::hR},
+                 {{7, 8, 11, 90, 90, 90}, LATTICE::oP},   {{7, 9, 11, 90, 90, 90}, LATTICE::oC},
+                 {{7, 9, 11, 90, 101, 90}, LATTICE::mP},  {{5.2, 6.1, 4.6, 90, 105, 90}, LATTICE::mC}};
     for (const auto& one : cases) {
         SCOPED_TRACE(LATTICE::shortName(one.type));
-        std::mt19937 random(3);
+        testing_support::RandomLattice random(3);
         std::set<std::vector<int>> found;
         std::size_t others = 0;
         for (int n = 0; n < 40; ++n) {
-            const UnitCell cell = primitiveCell(one.cell, one.centring, random);
+            const UnitCell cell = primitiveCell(one.cell, one.type, random);
             const UnitCell* analysed = &cell;
             const std::unique_ptr<UnitCell> reciprocal(UnitCell(cell).getReciprocalCell());
             if (n % 2 == 1) analysed = reciprocal.get();

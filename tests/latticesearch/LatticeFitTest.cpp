@@ -1,5 +1,6 @@
 #include "pipeline/latticesearch/LatticeFit.h"
 
+#include "crystallography/RandomLattice.h"
 #include "support/SimulatedReflections.h"
 #include "support/SoFar.h"
 
@@ -41,18 +42,6 @@ struct Simulation {
     Eigen::Vector3d trueOrigin = {255.9, 255.1, 220.3};
     std::vector<vrk::FitPoint> points;
 };
-
-void expectNear(const vrk::RefinedLattice& found, const std::array<double, 6>& cell, double sigmas) {
-    for (std::size_t i = 0; i < 6; ++i)
-        EXPECT_NEAR(found.cell[i], cell[i], sigmas * found.cellSigma[i] + 1e-9) << "parameter " << i;
-}
-
-TEST(LatticeFit, IsExactOnExactData) {
-    const Simulation data(kTriclinic, 6, 0.0, 0.0, 0.002);
-    const vrk::RefinedLattice found = data.fit();
-    expectNear(found, kTriclinic, 0.0);
-    EXPECT_EQ(found.indexed, static_cast<int>(data.points.size()));
-}
 
 // The two directions of the claim: not too small (about 95 % within two), not too large (about 68 % within
 // one).
@@ -110,29 +99,21 @@ TEST(LatticeFit, TiesTheConventionalCell) {
 }
 
 TEST(LatticeFit, EveryTypeTiesItsParameters) {
-    using Lengths = std::array<int, 3>;
-    using Angles = std::array<double, 3>;
-    const Angles right = {90.0, 90.0, 90.0};
-    const struct {
-        std::vector<LATTICE::BravaisTypes> types;
-        Lengths length;
-        Angles angle;
-        bool any;
-    } cases[] = {
-        {{LATTICE::cP, LATTICE::cI, LATTICE::cF}, {0, 0, 0}, right, true},
-        {{LATTICE::tP, LATTICE::tI}, {0, 0, 1}, right, true},
-        {{LATTICE::hP, LATTICE::hR}, {0, 0, 1}, {90.0, 90.0, 120.0}, true},
-        {{LATTICE::oP, LATTICE::oI, LATTICE::oC, LATTICE::oF}, {0, 1, 2}, right, true},
-        {{LATTICE::mP, LATTICE::mC}, {0, 1, 2}, {90.0, 0.0, 90.0}, true},
-        {{LATTICE::aP, LATTICE::NoBravaisType}, {0, 1, 2}, {0.0, 0.0, 0.0}, false},
-    };
-    for (const auto& one : cases)
-        for (const LATTICE::BravaisTypes type : one.types) {
-            const vrk::CellTies ties = vrk::CellTies::of(type, Eigen::Matrix3d::Identity());
-            EXPECT_EQ(ties.length, one.length) << type;
-            EXPECT_EQ(ties.angle, one.angle) << type;
-            EXPECT_EQ(ties.any, one.any) << type;
+    testing_support::RandomLattice random(5);
+    for (const LATTICE::BravaisTypes type : testing_support::kAllBravaisTypes) {
+        const auto [a, b, c, alpha, beta, gamma] = testing_support::parametersOf(random.conventional(type));
+        const vrk::CellTies ties = vrk::CellTies::of(type, Eigen::Matrix3d::Identity());
+        const std::array edges = {a, b, c}, angles = {alpha, beta, gamma};
+        for (std::size_t i = 0; i < 3; ++i) {
+            EXPECT_EQ(ties.length[i] == ties.length[i / 2], std::abs(edges[i] - edges[i / 2]) < 1e-9) << type;
+            const bool isFree = std::abs(angles[i] - 90) > 1e-9 && std::abs(angles[i] - 120) > 1e-9;
+            EXPECT_NEAR(ties.angle[i], isFree ? 0 : angles[i], 1e-9) << type;
         }
+        EXPECT_EQ(ties.any, type != LATTICE::aP);
+    }
+    const vrk::CellTies shape = vrk::CellTies::ofShape({2, 3, 5, 80, 95, 110}, Eigen::Matrix3d::Identity());
+    EXPECT_EQ(shape.ratio, (std::array{1.0, 1.5, 2.5}));
+    EXPECT_EQ(shape.angle, (std::array{80.0, 95.0, 110.0}));
 }
 
 }  // namespace

@@ -1,8 +1,10 @@
 #include "pipeline/latticesearch/LayerSearch.h"
 
-#include "support/Testing.h"
-
+#include <Eigen/Geometry>
+#include <Eigen/LU>
 #include <complex>
+
+#include "support/Testing.h"
 
 // The search for layers and rows with every sum formed by sines and cosines: what the library finds by
 // turning phasors must be the same.

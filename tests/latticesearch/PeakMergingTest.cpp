@@ -80,13 +80,15 @@ TEST(PeakMerging, LeavesListsAloneThatAreMerged) {
 }
 
 TEST(PeakMerging, WeighsWithTheIntensities) {
-    Points points = {{0, 0, 0}, {9, 0, 0}, {1, 0, 0}, {1.9, 0, 0}, {9, 0.5, 0}};
-    std::vector<double> weights = {3.0, 0.0, 1.0, 0.0, 0.0};
+    Points points = {{0, 0, 0},   {9, 0, 0},       {1, 0, 0},      {1.9, 0, 0},
+                     {9, 0.5, 0}, {4.9, 4.9, 4.9}, {5.1, 5.1, 5.1}};
+    std::vector<double> weights = {3.0, 0.0, 1.0, 0.0, 0.0, 1.0, 1.0};
     vrk::mergePeaks(points, weights, 1.0);
-    ASSERT_EQ(points.size(), 2U);
+    ASSERT_EQ(points.size(), 3U);
     EXPECT_EQ(points[0], Vector3d(0.25, 0, 0));
     EXPECT_EQ(points[1], Vector3d(9, 0.25, 0));
-    EXPECT_EQ(weights, (std::vector<double>{4.0, 0.0}));
+    EXPECT_LT((points[2] - Vector3d(5, 5, 5)).norm(), 1e-12);
+    EXPECT_EQ(weights, (std::vector<double>{4.0, 0.0, 2.0}));
 }
 
 }  // namespace

@@ -33,7 +33,10 @@ vrk::RefinementSettings at(double wavelength) {
 TEST(PositionRefinement, FindsTheSenseAndTheLattice) {
     SoFar soFar;
     for (const int sense : {+1, -1}) {
-        const auto data = curved(sense, 0.25);
+        auto data = curved(sense, 0.25);
+        data.positions.emplace_back(255.5, 100.0, 220.5);  // on the axis
+        data.positions.emplace_back(std::nan(""), 100.0, 220.5);
+        data.tilts.insert(data.tilts.end(), {0.0, 0.0});
         const auto result =
             vrk::refinePositions(data.positions, data.tilts, startOf(data.truth, 0.004), at(kWavelength));
         ASSERT_TRUE(result);
@@ -46,6 +49,7 @@ TEST(PositionRefinement, FindsTheSenseAndTheLattice) {
         EXPECT_LT((result->lattice.lattice.origin - data.centre).cwiseAbs().maxCoeff(), 0.1);
         ASSERT_EQ(result->positions.size(), data.positions.size());
         EXPECT_EQ(result->indices[5], data.indices[5]);
+        EXPECT_EQ(result->indices.back()[0], vrk::kNotIndexed);
 
         // At 1.05 per Angstrom the mean displacement along the normal is gone.
         double along = 0.0;
@@ -61,7 +65,7 @@ TEST(PositionRefinement, FindsTheSenseAndTheLattice) {
         soFar.addAll(result->residual);
         soFar.addAll(result->lattice.cell);
         soFar.add(result->significance, result->lattice.rms);
-        for (std::size_t i = 0; i < data.positions.size(); ++i)
+        for (std::size_t i = 0; i < data.nodes.size(); ++i)
             soFar.addAll(Eigen::Vector3d(result->positions[i] - data.positions[i]));
     }
     EXPECT_NEAR(soFar.sum(), 864.812622, 1e-4);
@@ -76,24 +80,14 @@ TEST(PositionRefinement, AdmitsThatFlatDataTellNoSense) {
     EXPECT_FALSE(result->decided);
     EXPECT_NEAR(result->residual[0], result->residual[1], 0.01);
 
-    result = vrk::refinePositions(data.positions, data.tilts, start, at(0.0));
-    ASSERT_TRUE(result);
-    EXPECT_EQ(result->sense, 0);
-    EXPECT_FALSE(result->decided);
-    EXPECT_EQ(result->positions[0], data.positions[0]);
-}
-
-TEST(PositionRefinement, LeavesWhatHasNoPlaceUnindexed) {
-    auto data = curved(-1, 0.2);
-    data.positions.emplace_back(255.5, 100.0, 220.5);  // on the axis
-    data.positions.emplace_back(std::nan(""), 100.0, 220.5);
-    data.tilts.insert(data.tilts.end(), {0.0, 0.0});
-    const auto result =
-        vrk::refinePositions(data.positions, data.tilts, startOf(data.truth, 0.002), at(kWavelength));
-    ASSERT_TRUE(result);
-    EXPECT_EQ(result->sense, -1);
-    EXPECT_NEAR(result->lattice.cell[2], kCell[2], 3e-4 * kCell[2]);
-    EXPECT_EQ(result->indices.back()[0], vrk::kNotIndexed);
+    for (const auto& [pixelSize, wavelength] : {std::pair(start.pixelSize, 0.0), {0.0, kWavelength}}) {
+        const vrk::Lattice from{start.basis, start.origin, pixelSize};
+        result = vrk::refinePositions(data.positions, data.tilts, from, at(wavelength));
+        ASSERT_TRUE(result);
+        EXPECT_EQ(result->sense, 0);
+        EXPECT_FALSE(result->decided);
+        EXPECT_EQ(result->positions[0], data.positions[0]);
+    }
 }
 
 TEST(PositionRefinement, RefusesWhatCannotBeRefined) {

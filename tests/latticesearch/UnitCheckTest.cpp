@@ -1,4 +1,6 @@
 #include "pipeline/base/UnitCheck.h"
+
+#include "pipeline/base/OutputFile.h"
 #include "support/FailureOf.h"
 
 namespace {
@@ -48,6 +50,14 @@ TEST(UnitCheck, NamesTheLikelyUnit) {
         EXPECT_TRUE(refusal.says(message)) << refusal.text;
         EXPECT_EQ(refusal.kind == vrk::FailureKind::Usage, !message.empty());
     }
+}
+
+TEST(OutputFile, ThatIsInTheMakingGoesWithTheProgram) {
+    const TemporaryFolder folder;
+    const vrk::OutputFile one(folder / "one.txt"), other(folder / "other.txt");
+    EXPECT_TRUE(std::filesystem::exists(one.path()) && std::filesystem::exists(other.path()));
+    vrk::OutputFile::removeAll();
+    EXPECT_TRUE(std::filesystem::is_empty(folder / "."));
 }
 
 }  // namespace

@@ -59,11 +59,15 @@ TEST(Workers, DoEveryItemOnceAndTellInOrder) {
         },
         [&](std::size_t prefix) {
             EXPECT_GE(prefix, told);
+            EXPECT_LT(prefix, kItems) << "asked as long as there is something to stop";
             EXPECT_EQ(listener.messages.size(), prefix) << "what is done was told";
             told = prefix;
             return true;
         }));
     EXPECT_EQ(done, std::vector<int>(kItems, 1));
+    const vrk::SharedLoopCost cost = workers.loops().back();
+    EXPECT_EQ(cost.items, kItems);
+    EXPECT_TRUE(cost.longest > 0 && cost.longest <= cost.all);
     ASSERT_EQ(listener.messages.size(), kItems);
     for (std::size_t i = 0; i < kItems; ++i)
         EXPECT_EQ(listener.messages[i], std::to_string(i));

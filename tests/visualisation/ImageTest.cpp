@@ -203,6 +203,16 @@ TEST(VolumeProjection, KeepsEachAxisInItsPlace) {
         }
         EXPECT_TRUE(VolumeProjection::maximumAlong(data, 3).values.empty());
     };
+    const std::array<std::string, 3> names = {"zy", "xz", "xy"};  // to the right and down
+    for (int axis = 0; axis < 3; ++axis) {
+        const auto lines = VolumeProjection::axesOf(PlaneImage(90, 80), axis, 30).lines;
+        ASSERT_EQ(lines.size(), 2U);
+        EXPECT_EQ(lines[0].label + lines[1].label, names[static_cast<std::size_t>(axis)]);
+        EXPECT_EQ((std::array{lines[0].x0, lines[0].y0, lines[0].x1, lines[0].y1, lines[1].x1, lines[1].y1}),
+                  (std::array{12.0, 28.0, 42.0, 28.0, 12.0, 58.0}));
+    }
+    for (const int axis : {-1, 3})
+        EXPECT_TRUE(VolumeProjection::axesOf(PlaneImage(90, 80), axis, 30).lines.empty());
     check(*volume);
     check(view);
     EXPECT_TRUE(VolumeProjection::maximumAlong(VoxMRCData(), 0).values.empty());

@@ -107,11 +107,14 @@ TEST(VoxArray, CopiesShareMemoryAndFreeItOnce) {
     *a = *clone;
     EXPECT_EQ(*a, *clone);
 
+    VoxArray<short> nothing;
     a->ReleaseMemory();
     EXPECT_TRUE(a->GetShallow());
-    EXPECT_EQ(a->GetDimCount() + a->GetChunkCount() + a->GetDataSize(), 0u);
+    for (const VoxArray<short>* empty : {a.get(), &nothing})
+        EXPECT_EQ(empty->GetDimCount() + empty->GetChunkCount() + empty->GetDataSize(), 0u);
+    EXPECT_EQ(nothing.GetChunkSize(), 0u);
     EXPECT_EQ(*a, *clone) << "an array without chunks equals any other";
-    EXPECT_EQ(VoxArray<short>(), *clone);
+    EXPECT_EQ(nothing, *clone);
 }
 
 template <typename T>

@@ -1,5 +1,6 @@
 #include "VoxCore/DataModel/VoxMRCData.h"
 
+#include "support/SoFar.h"
 #include "support/Testing.h"
 
 namespace {
@@ -91,6 +92,9 @@ TEST(VoxMRCData, PrintsItsHeaders) {
           "\nnint: 12.25\nnreal: -3.5\n", "\ntilt angles: 1 : 2 : 3 : 4 : 5 : 6.5\nxorgin: 0\n",
           "stamp[4]: D..\nrms: 0\nnlabl: 0\nlabl[800]: a label\n"})
         EXPECT_NE(log.messages[0].text.find(part), std::string::npos) << part << log.messages[0].text;
+    SoFar soFar;
+    soFar.addText(log.messages[0].text);
+    EXPECT_NEAR(soFar.sum(), 731.766736, 1e-4);
     EXPECT_TRUE(log.messages[1].text.ends_with(
         "\nSlice 0: 0 | 0 | 0 | 0 | 0 | 0 | 0 | 0 | 0 | 0 | 0 | 0 | 0 | 0 | 0 | 0 | 0\n"
         "Slice 1: -30.5 | 0 | 0 | 0 | 0 | 0 | 0 | 0 | 0 | 2.5 | 0 | 0 | 0 | 0 | 0 | 0 | 40\n"));

@@ -59,6 +59,8 @@ TEST(VolumeView, HoldsTheBlocksOfTheFileInXYZOrder) {
                              });
                 EXPECT_EQ(view->header().m_pixelsize, volume ? 0 : 1e8F * static_cast<float>(edge));
                 EXPECT_TRUE(sameVoxels(VoxVolumeData::fromData(*data, n, block), *view));
+                EXPECT_NEAR(view->middle()[1], 22.5 / edge - 0.5, 1e-12);
+                EXPECT_NEAR(view->middle()[2], 3.0 / depth - 0.5, 1e-12);
             }
     }
 }

@@ -96,6 +96,11 @@ TEST(VoxMRCFileHandler, TypeAndPixelSizeFollowFromTheSliceValues) {
     roomy.putTilts(-1, 1);
     roomy.next += 1000;
     roomy.extended.append(1000, 'x');
+    MRCBytes& late = add("as long as records of 128 bytes", MRCBytes(1, 1, 8), TILT_SERIES, 0.0F);
+    late.putTilts(-4, 1, 0);
+    late.putSliceValue(5, 12, 1e8F);
+    late.next += 128;
+    late.extended.append(128, '\0');
     constexpr float kNan = std::numeric_limits<float>::quiet_NaN(), kInfinity = INFINITY;
     MRCBytes& strange = add("no numbers", three, TILT_SERIES, 0.0F);  // no NaN equals another
     strange.putTilts(kNan, kInfinity, kNan);
