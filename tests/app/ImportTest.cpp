@@ -357,6 +357,9 @@ TEST_F(Import, ClipsWithACountAndBins) {
         settings.bin = bin;
         EXPECT_TRUE(says(failure(settings), reason));
     }
+    settings.bin = 1;
+    settings.scale = 0;
+    EXPECT_TRUE(says(failure(settings), "--scale takes a positive factor"));
 }
 
 TEST_F(Import, MoreFramesThanSlicesAreSummed) {

@@ -9,6 +9,7 @@
 #include "pipeline/batch/Collection.h"
 #include "pipeline/batch/CsvTable.h"
 #include "support/JsonMatrix.h"
+#include "support/SoFar.h"
 #include "support/Testing.h"
 
 namespace {
@@ -162,10 +163,10 @@ TEST_F(Collecting, MakesTableClustersInstrumentAndPage) {
          "\ntilt axis, degrees|30.12(4)|0.084|5|\n"}));
     for (const char* loaded : {"http:", "https:", " src=\"/", "@import"})
         EXPECT_FALSE(says(page, loaded)) << loaded;
-    const json crystals = json::parse(folder.read("crystals.json"));
-    EXPECT_EQ(crystals["clusters"][0]["crystals"].size(), 5U);
-    EXPECT_EQ(crystals["clusters"][1]["middle"], "other");
-    EXPECT_EQ(crystals["dendrogram"]["joins"].size(), 5U);
+    SoFar soFar;
+    const std::string told = folder.read("crystals.json") + page.substr(page.find("<body"));
+    soFar.addText(std::regex_replace(told, std::regex("/[^ ;]*/vrk_\\w*/"), ""));
+    EXPECT_NEAR(soFar.sum(), 23351.6768, 1e-3);
 }
 
 TEST_F(Collecting, GivesTheSameBytesWhateverItTook) {
