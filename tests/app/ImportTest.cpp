@@ -358,8 +358,11 @@ TEST_F(Import, ClipsWithACountAndBins) {
         EXPECT_TRUE(says(failure(settings), reason));
     }
     settings.bin = 1;
-    settings.scale = 0;
-    EXPECT_TRUE(says(failure(settings), "--scale takes a positive factor"));
+    for (std::optional<double>* number : {&settings.scale, &settings.pixelSize}) {
+        *number = 0;
+        EXPECT_TRUE(says(failure(settings), " takes a positive "));
+        number->reset();
+    }
 }
 
 TEST_F(Import, MoreFramesThanSlicesAreSummed) {

@@ -187,9 +187,10 @@ const std::vector<Command> kCommands = {
      ""},
     {"verify result --json", 576.1520, {}, "--input"},
     {"info series.mrc --json", 17394.4522, {{"--slices", "/slices/0/a_tilt=-60"}}, "--picture --axis"},
-    {"simulate -o s.mrc --json", 150376.1299,
+    {"simulate -o s.mrc --json", 152250.6574,
      simulations("--centring I : /cell/conventional/centring=I; "
                  "--orientation 0,0,90 : /orientation_matrix/1/0=1.0; "
+                 "--orientation 0,0.6,0.8,0,-0.8,0.6,1,0,0 : /orientation_matrix/1/2=0.6; "
                  "--beam-along 0,0,1 : beam_along=[0,0,1]; --axis-along 0,1,0 : axis_along=[0,1,0]; "
                  "--beam-along 0,0,1 --off-zone 2 : off_zone_deg=2; --dmin 3 : dmin=3; "
                  "--b-factor 20 : b_factor=20; --rocking 0.004 : rocking_width=0.004; "
