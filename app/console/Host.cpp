@@ -209,10 +209,8 @@ void Host::openLog(const std::filesystem::path& path, const std::string& level,
     std::error_code ignored;
     if (std::filesystem::is_regular_file(path, ignored)) std::filesystem::resize_file(path, 0, ignored);
     m_observer.openLog(path, levels.at(level));
-    if (levels.at(level) == LogLevel::Debug) {
-        const int narration = open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
-        if (narration >= 0) redirectStandardOutput(narration);
-    }
+    if (levels.at(level) == LogLevel::Debug)
+        redirectStandardOutput(open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
     m_observer.writeHead(std::string("vrk ") + VRK::kVersion);
     for (const std::string& line : headLines)
         m_observer.writeHead(line);

@@ -59,7 +59,7 @@ void drawRunPictures(const RunResult& result, const std::string& source,
         [&] {
             IndicateWithHKL::generateHKLplot(conventionallyIndexed(result.indexed).get(), plots.string());
         }};
-    if (result.intensities && result.counts.frames) {
+    if (result.intensities) {
         pictures.emplace_back([&] { writeIntensityPlots(*result.intensities, plots); });
         for (const std::size_t frame : framesToDraw(result))
             pictures.emplace_back([&, frame] { writeSpotPicture(result, notes, frame, folder); });

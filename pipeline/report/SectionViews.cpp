@@ -97,7 +97,7 @@ public:
           m_base(result.indexed.lattice().basis * result.indexed.toConventional().inverse().transpose()),
           m_radius(radiusOf(result)),
           m_size(sizeOf(m_radius)),
-          m_noise(std::max(result.volume.noise.typicalVoxelSigma(), 0.5)),
+          m_noise(result.volume.noise.typicalVoxelSigma()),
           m_top(topOf(result.indexed.level)),
           m_grey(m_noise, m_top),
           m_slices(m_volume) {

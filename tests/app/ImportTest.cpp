@@ -357,6 +357,12 @@ TEST_F(Import, ClipsWithACountAndBins) {
         settings.bin = bin;
         EXPECT_TRUE(says(failure(settings), reason));
     }
+    settings.bin = 1;
+    for (std::optional<double>* number : {&settings.scale, &settings.pixelSize}) {
+        *number = 0;
+        EXPECT_TRUE(says(failure(settings), " takes a positive "));
+        number->reset();
+    }
 }
 
 TEST_F(Import, MoreFramesThanSlicesAreSummed) {

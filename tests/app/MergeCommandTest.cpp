@@ -68,21 +68,11 @@ TEST_F(MergeCommandTest, WritesOneDataSet) {
         EXPECT_EQ(crystal["ways"], 2);
         EXPECT_GT(crystal["correlation"], 0.9);
     }
-    EXPECT_EQ(summary["growth"].back()["completeness"], all["completeness"]);
-    EXPECT_EQ(Json::parse(folder->read("first/summary.json"))["files"].size(), 10U);
-    // Every file has the same reflections, and the scale of the first is that of the others.
-    const auto lines = [](const std::string& text) { return std::count(text.begin(), text.end(), '\n'); };
-    EXPECT_EQ(lines(folder->read("first/merged.hkl")), all["unique"].get<int>() + 1);
-    EXPECT_EQ(lines(folder->read("first/reflections.hkl")), all["observations"].get<int>() + 1);
-    EXPECT_EQ(lines(folder->read("first/crystals.csv")), 5);
     const gemmi::Mtz mtz = gemmi::read_mtz_file(*folder / "first/merged.mtz");
     EXPECT_EQ(mtz.nreflections, all["unique"]);
     EXPECT_NEAR(mtz.cell.c, 8.3, 1e-3);
     EXPECT_EQ(mtz.spacegroup->laue_str(), std::string("4/m"));
-    const std::string instructions = folder->read("first/crystal.ins");
-    EXPECT_TRUE(says(instructions, {"SYMM -Y,X,Z", "SFAC Si"}));
-    EXPECT_FALSE(folder->read("first/plots/merging.plt").empty());
-    EXPECT_TRUE(says(folder->read("first/vrk.log"), "options:"));
+    EXPECT_TRUE(says(folder->read("first/crystal.ins"), {"SYMM -Y,X,Z", "SFAC Si"}));
     EXPECT_NEAR(soFarOf(*folder / "first"), 90094.5415, 1e-3);
 }
 

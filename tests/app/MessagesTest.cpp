@@ -4,6 +4,7 @@
 
 #include "app/RunVrk.h"
 #include "foundation/Version.h"
+#include "support/SoFar.h"
 #include "support/TiffBytes.h"
 
 namespace {
@@ -363,13 +364,15 @@ TEST(Main, HelpFitsTheWindowAndHoldsAllWords) {
             if (word != "\\" && word != "#") all.insert(word);
         return all;
     };
-    for (const std::string command : {"run", "import", ""}) {
+    SoFar soFar;
+    for (const std::string command : {"run", "import", "report", "completion", ""}) {
         setenv("COLUMNS", "100", 1);
         const std::string wide = runVrkLine("help " + command).out;
         for (const int columns : {30, 80, 300}) {
             setenv("COLUMNS", std::to_string(columns).c_str(), 1);
             const std::string text = runVrkLine("help " + command).out;
             EXPECT_EQ(wordsOf(text), wordsOf(wide));
+            soFar.addText(text);
             std::istringstream lines(text);
             for (std::string line; std::getline(lines, line);) {
                 const bool oneWord = words(line).size() == 1;
@@ -381,7 +384,9 @@ TEST(Main, HelpFitsTheWindowAndHoldsAllWords) {
         const std::string page = runVrkLine("help --man " + command).out;
         EXPECT_EQ(page.rfind(".TH VRK", 0), 0U);
         EXPECT_TRUE(says(page, "\n.SH SYNOPSIS\n"));
+        soFar.addText(page.substr(page.find('\n')));  // without the version
     }
+    EXPECT_NEAR(soFar.sum(), 36077.6814, 1e-3);
 }
 
 }  // namespace

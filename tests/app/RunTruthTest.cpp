@@ -45,7 +45,6 @@ protected:
     void expectIndices() const;
     void expectConfidence() const;
     void expectIntensities() const;
-    void expectSums() const;
     void expectTheRest() const;
 
     Json truth;
@@ -101,28 +100,6 @@ void RunTruthTest::expectReflections() const {
 
 void RunTruthTest::expectCells() const {
     const double scale = GetParam().scale;
-    for (const char* kind : {"reduced", "conventional"}) {
-        SCOPED_TRACE(kind);
-        const Json& cell = found["cell"][kind];
-        const Json& sigma = found["cell"]["esd"][kind];
-        // Of the found base itself, so that it does not matter which of two equal edges comes first.
-        const Matrix3d base =
-            rows(found["cell"]["reciprocal_vectors_px"]).inverse() * 1e10 / number("/input/pixel_size") *
-            (std::string(kind) == "reduced" ? Matrix3d::Identity()
-                                            : rows(found["cell"]["candidates"][0]["transformation"]));
-        for (int i = 0; i < 3; ++i) {
-            const double edge = cell[kCellKeys[i]];
-            EXPECT_NEAR(edge, base.col(i).norm(), 0.002 * edge);
-            const Vector3d p = base.col((i + 1) % 3).normalized();
-            const Vector3d q = base.col((i + 2) % 3).normalized();
-            EXPECT_NEAR(cell[kCellKeys[i + 3]], std::acos(p.dot(q)) * 180 / M_PI, 0.1);
-            EXPECT_GT(sigma[kCellKeys[i]].get<double>(), 1e-5 * edge);
-            EXPECT_LT(sigma[kCellKeys[i]].get<double>(), 1e-3 * edge);
-            EXPECT_LT(sigma[kCellKeys[i + 3]].get<double>(), 0.1);
-        }
-        EXPECT_NEAR(cell["volume"], std::abs(base.determinant()), 0.003 * std::abs(base.determinant()));
-        EXPECT_GT(sigma["volume"].get<double>(), 0);
-    }
     const double volume = found["cell"]["conventional"]["volume"];
     EXPECT_NEAR(volume / number("/cell/reduced/volume"), GetParam().multiplicity, 0.01);
     EXPECT_EQ(found["cell"]["conventional"]["bravais"], GetParam().bravais);
@@ -161,19 +138,6 @@ void RunTruthTest::expectLattice() const {
     const Json& candidates = found["cell"]["candidates"];
     EXPECT_EQ(candidates[0]["bravais"], GetParam().bravais);
     EXPECT_EQ(candidates[0]["centring"], std::string(1, GetParam().bravais[1]));
-    std::set<int> numbers;
-    for (const Json& one : candidates) {
-        EXPECT_LT(one["misfit_deg"], 2.5);
-        EXPECT_LT(one["misfit_length"], 0.03);
-        EXPECT_TRUE(numbers.insert(one["character"].get<int>()).second);
-        // Its edges are those that the transformation makes.
-        const Matrix3d direct =
-            base.inverse() * 1e10 / number("/input/pixel_size") * rows(one["transformation"]);
-        for (int i = 0; i < 3; ++i)
-            EXPECT_NEAR(one[kCellKeys[i]], direct.col(i).norm(), 1e-3 * direct.col(i).norm());
-    }
-    EXPECT_GE(*numbers.begin(), 1);
-    EXPECT_LE(*numbers.rbegin(), 44);
 }
 
 /// The lines of the HKL file are true reflections, once each, with their true intensities.
@@ -234,14 +198,6 @@ void RunTruthTest::expectConfidence() const {
     const double chance = number("/confidence/fraction_by_chance");
     EXPECT_GT(chance, 1e-4);
     EXPECT_LT(chance, 0.1);
-    // No list can tell more than that none of its points lies there by chance.
-    const double most = number("/reflections/found") * std::log(1 / chance);
-    EXPECT_GT(number("/confidence/evidence"), 0.25 * most);
-    EXPECT_LT(number("/confidence/evidence"), 1.2 * most);
-    const Json& other = found["confidence"]["runner_up"];
-    if (!other.is_null()) {
-        EXPECT_LT(other["evidence"], number("/confidence/evidence"));
-    }
     const bool turned = std::abs(std::remainder(
                             number("/tilt_axis/angle_deg") - truth["tilt_axis_deg"].get<double>(), 360)) > 90;
     EXPECT_TRUE(found["handedness"]["decided"].get<bool>());
@@ -290,56 +246,23 @@ void RunTruthTest::expectIntensities() const {
     }
 }
 
-/// What is told in parts is the whole, what is told twice the same.
-void RunTruthTest::expectSums() const {
-    const auto sumOf = [](const Json& parts, const char* name) {
-        int sum = 0;
-        for (const Json& part : parts)
-            sum += part[name].get<int>();
-        return sum;
-    };
-    const Json& seen = found["completeness"];
-    for (const char* name : {"nodes", "found"})
-        EXPECT_EQ(sumOf(seen["shells"], name), seen[name]) << name;
-    EXPECT_NEAR(seen["core_share"],
-                sumOf(seen["parities"], "found") / double(sumOf(seen["parities"], "nodes")), 1e-9);
-    EXPECT_NEAR(seen["share"], seen["found"].get<double>() / seen["nodes"].get<double>(), 1e-9);
-    EXPECT_LE(seen["share"], seen["core_share"]);
-    EXPECT_NEAR(seen["shells"].back()["spacing"], seen["limit"], 1e-9);
-    EXPECT_GE(seen["half_limit"], seen["limit"]);
-    EXPECT_NEAR(seen["limit"], number("/reflections/resolution"), 0.05);
-    const Json& measured = found["intensities"];
-    for (const char* name : {"observations", "unique", "possible"})
-        EXPECT_EQ(sumOf(measured["shells"], name), measured["overall"][name]) << name;
-    EXPECT_EQ(measured["reflections"]["unique"], measured["overall"]["unique"]);
-    EXPECT_NEAR(number("/intensities/overall/redundancy"),
-                number("/intensities/overall/observations") / number("/intensities/overall/unique"), 1e-9);
-    const Json& first = found["crystals"][0];
-    EXPECT_EQ(found["crystals"].size(), 1U);
-    EXPECT_GT(first["strong_share"], 0.9);
-    EXPECT_EQ(first["confidence"], found["confidence"]["level"]);
-    EXPECT_EQ(first["bravais"], found["cell"]["conventional"]["bravais"]);
-    EXPECT_EQ(first["cell"]["b"], found["cell"]["conventional"]["b"]);
-    EXPECT_EQ(first["reduced"]["gamma"], found["cell"]["reduced"]["gamma"]);
-    EXPECT_EQ(first["observations"], measured["reflections"]["observations"]);
-    EXPECT_EQ(first["reciprocal_vectors_px"], found["cell"]["reciprocal_vectors_px"]);
-    const Matrix3d conventional = rows(found["cell"]["candidates"][0]["transformation"]).inverse() *
-                                  rows(first["reciprocal_vectors_px"]) * number("/input/pixel_size") * 1e-10;
-    EXPECT_LT((rows(first["reciprocal_vectors"]) - conventional).norm(), 0.004 * conventional.norm());
-}
-
 void RunTruthTest::expectTheRest() const {
-    const Json& used = found["parameters"];
-    EXPECT_GE(used["cell_threshold"], used["threshold"]);
-    EXPECT_EQ(used["min_voxels"], 3);
-    EXPECT_GE(used["zero_beam"], 4);
-    EXPECT_LE(used["zero_beam"].get<double>(), truth["settings"]["detector"]["size"].get<double>() / 10);
-    EXPECT_LT(used["min_length"].get<double>(),
+    // What is told in parts is the whole.
+    for (const auto& [parts, whole, name] : {std::tuple("/completeness/shells", "/completeness/", "nodes"),
+                                             {"/completeness/shells", "/completeness/", "found"},
+                                             {"/intensities/shells", "/intensities/overall/", "observations"},
+                                             {"/intensities/shells", "/intensities/overall/", "unique"}}) {
+        double total = 0;
+        for (const Json& part : found.at(Json::json_pointer(parts)))
+            total += part[name].get<double>();
+        EXPECT_EQ(total, number(std::string(whole) + name)) << parts;
+    }
+    EXPECT_EQ(found["crystals"].size(), 1U);
+    EXPECT_NEAR(number("/completeness/limit"), number("/reflections/resolution"), 0.05);
+    EXPECT_LE(number("/parameters/zero_beam"), truth["settings"]["detector"]["size"].get<double>() / 10);
+    EXPECT_LT(number("/parameters/min_length"),
               rows(found["cell"]["reciprocal_vectors_px"]).rowwise().norm().minCoeff());
-    EXPECT_GT(used["max_length"].get<double>(),
-              rows(found["cell"]["reciprocal_vectors_px"]).rowwise().norm().minCoeff());
-    EXPECT_GE(used["min_points"], 5);
-    EXPECT_NEAR(used["voltage_kv"], GetParam().kiloVolts, 1e-3);
+    EXPECT_NEAR(number("/parameters/voltage_kv"), GetParam().kiloVolts, 1e-3);
     double sum = 0;
     for (const auto& [stage, seconds] : found["seconds"].items()) {
         EXPECT_GE(seconds, 0) << stage;
@@ -362,7 +285,6 @@ TEST_P(RunTruthTest, EveryNumberOfTheSummaryIsRight) {
     expectIndices();
     expectConfidence();
     expectIntensities();
-    expectSums();
     expectTheRest();
     EXPECT_NEAR(soFarOf(folder / "out"), GetParam().soFar, 1e-3);
 }

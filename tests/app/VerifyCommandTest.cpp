@@ -10,7 +10,7 @@ protected:
         for (const char* line :
              {"simulate -o s.mrc --cell 5.2,6.1,4.6,90,105,90 --centring C --size 96 --dmin 1 --seed 4 "
               "--tilts -60:60:3 --axis 6 --write-axis",
-              "run s.mrc -o good --no-pictures --threshold 21"})
+              "run s.mrc -o good --no-pictures --threshold 21 --log-level debug --jobs 1"})
             ASSERT_EQ(vrk(line).exitCode, 0) << line;
     }
 
@@ -72,6 +72,8 @@ TEST_F(VerifyCommandTest, NamesWhatIsNotAsTheRunLeftIt) {
 }
 
 TEST_F(VerifyCommandTest, KnowsTheInputAndRefusesWhatIsNoResult) {
+    // What is narrated stands between the messages.
+    EXPECT_TRUE(says(folder.read("good/vrk.log"), "\n \n \ndebug >> constructor CalculateCellAlgorithm\n"));
     std::filesystem::rename(folder / "s.mrc", folder / "t.mrc");
     EXPECT_EQ(vrk("verify good --input t.mrc").exitCode, 0);
     VrkResult result = vrk("verify good --input s.truth.json --json");
