@@ -109,9 +109,13 @@ TEST(CellSearch, FindsTheLatticeBehindAWedgeAndOutliers) {
         const std::optional<LatticeCandidate> again = search.repeat(found.front(), points, weights);
         ASSERT_TRUE(again);
         soFar.add(again->score.evidence);
-        using Fixed = vrk::CellSearchOptions;
-        for (const Fixed& fixed : {Fixed{}, Fixed{.minLength = 25}, Fixed{.maxLength = 20}, Fixed{.eps = 0.4},
-                                   Fixed{.minPts = 9}, Fixed{.clustering = ClusteringMethod::FSC}})
+        std::array<vrk::CellSearchOptions, 6> some;
+        some[1].minLength = 25;
+        some[2].maxLength = 20;
+        some[3].eps = 0.4;
+        some[4].minPts = 9;
+        some[5].clustering = ClusteringMethod::FSC;
+        for (const vrk::CellSearchOptions& fixed : some)
             add(vrk::CellSearch(fixed).firstTrial(points, weights));
     }
     EXPECT_NEAR(soFar.sum(), 111761.2620, 1e-3);
@@ -294,11 +298,11 @@ TEST(GhostNodes, AreSeenByTheNodesThatAreMissingAtTheirTilts) {
         });
         return some;
     };
-    for (const auto& [high, on, areGhosts] : {std::tuple(41.0, all, true),
-                                              {46.0, all, false},
-                                              {34.0, between(20, 34, -57), false},
-                                              {20.0, all, false}})
-        EXPECT_EQ(vrk::areGhosts(between(20, high, -90), on, lattice), areGhosts) << high;
+    for (const auto& [high, others, areGhosts] : {std::tuple(41.0, all, true),
+                                                  {46.0, all, false},
+                                                  {34.0, between(20, 34, -57), false},
+                                                  {20.0, all, false}})
+        EXPECT_EQ(vrk::areGhosts(between(20, high, -90), others, lattice), areGhosts) << high;
 }
 
 }  // namespace

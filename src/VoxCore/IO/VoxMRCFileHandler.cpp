@@ -253,7 +253,9 @@ mrcH* VoxMRCFileHandler::readMRCHeader(std::ifstream* file) {
     trace("----------------------");
     log(" Read MRC header ...");
     std::array<char, kMainHeaderBytes> bytes{};
-    if (!file->read(bytes.data(), bytes.size())) {
+    file->read(bytes.data(), bytes.size());
+    if (refuseUnreadable(file->bad())) return nullptr;
+    if (!*file) {
         refuse(line("it has ", m_fileLength, " bytes, less than the ", kMainHeaderBytes,
                     " of an MRC header; it is empty, was cut or is no MRC file"));
         return nullptr;
