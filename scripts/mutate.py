@@ -157,13 +157,22 @@ class Copy:
         return set(re.findall(r"Test +#\d+: (\w+)\.", listed))
 
 
+# Groups that test a subsystem beside its own.
+ELSEWHERE = {
+    "pipeline/base": ("threads", "frames", "batch", "report", "run"),
+    "pipeline/geometry": ("tiltaxis", "run"),
+    "pipeline/simulation": ("app", "integration"),
+    "src/foundation": ("threads", "processing"),
+    "src/VoxCore": ("voxcore", "voxcore_io"),
+}
+
+
 def related(subsystem, groups):
-    """The group of tests that belongs to a subsystem; the program's own where there is none."""
+    """The groups of tests that belong to a subsystem; the program's own where there are none."""
     parts = subsystem.lower().split("/")
-    for name in ("_".join(parts[1:]), parts[-1]):
-        if name in groups:
-            return name
-    return "app"
+    own = next((name for name in ("_".join(parts[1:]), parts[-1]) if name in groups), None)
+    others = [name for prefix, names in ELSEWHERE.items() if subsystem.startswith(prefix) for name in names]
+    return [name for name in dict.fromkeys([own, *others]) if name in groups] or ["app"]
 
 
 def sites(options):
@@ -205,8 +214,10 @@ def outcome(copy, subsystem, fault, groups, options):
     lines[number - 1] = faulty
     target.write_text("\n".join(lines))
     try:
-        group = related(subsystem, groups)
-        for targets, choice in (([f"test_{group}"], ["-R", rf"^{group}\."]), ([], ["-E", rf"^({group}|package)\."])):
+        near = related(subsystem, groups)
+        names = "|".join(near)
+        for targets, choice in (([f"test_{group}" for group in near], ["-R", rf"^({names})\."]),
+                                ([], ["-E", rf"^({names}|package)\."])):
             failure = copy.make(targets)
             if failure:
                 return "invalid" if "error:" in failure else "killed"
@@ -280,4 +291,5 @@ def main():
     sys.exit(share < options.at_least)
 
 
-main()
+if __name__ == "__main__":
+    main()
