@@ -9,11 +9,12 @@
 
 namespace vrk {
 
-/// Keeps what arises in its thread from beginning to end.
+/// Keeps what arises in a thread while that records.
 class RecordedMessages : public VRKLogObserver {
 public:
-    void begin();
-    void end();
+    /// The thread that makes it records until it ends.
+    class Recording;
+
     /// Tells them to the sessions of the calling thread, and forgets them.
     void tell();
 
@@ -26,6 +27,17 @@ private:
         VRK::DebugMessageType debugType;
     };
     std::vector<Message> m_messages;
+};
+
+class RecordedMessages::Recording {
+public:
+    explicit Recording(RecordedMessages& messages);
+    ~Recording();
+    Recording(const Recording&) = delete;
+    Recording& operator=(const Recording&) = delete;
+
+private:
+    RecordedMessages& m_messages;
 };
 
 }  // namespace vrk

@@ -79,12 +79,12 @@ std::string inPlainWords(const std::string& text) {
 
 }  // namespace
 
-void RecordedMessages::begin() {
-    beginListening(*this);
+RecordedMessages::Recording::Recording(RecordedMessages& messages) : m_messages(messages) {
+    beginListening(m_messages);
 }
 
-void RecordedMessages::end() {
-    endListening(*this);
+RecordedMessages::Recording::~Recording() {
+    endListening(m_messages);
 }
 
 void RecordedMessages::tell() {

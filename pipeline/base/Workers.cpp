@@ -88,15 +88,14 @@ void Workers::doNext(Loop& loop, std::size_t lane, std::unique_lock<std::mutex>&
     ++loop.busy;
     lock.unlock();
     const double start = threadSeconds();
-    item.messages.begin();
     try {
+        const RecordedMessages::Recording recording(item.messages);
         const VRK::SharedWork alone(nullptr);
         const VRK::QuietNarration quiet;
         loop.work(number, lane);
     } catch (...) {
         item.failure = std::current_exception();
     }
-    item.messages.end();
     const double seconds = threadSeconds() - start;
     lock.lock();
     loop.cost.all += seconds;
