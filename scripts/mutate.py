@@ -163,7 +163,7 @@ ELSEWHERE = {
     "pipeline/geometry": ("tiltaxis", "run"),
     "pipeline/simulation": ("app", "integration"),
     "src/foundation": ("threads", "processing"),
-    "src/VoxCore": ("voxcore", "voxcore_io"),
+    "src/VoxCore": ("voxcore_datamodel", "voxcore_io"),
 }
 
 
