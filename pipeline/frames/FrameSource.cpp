@@ -146,9 +146,10 @@ std::string FrameSource::unpack(Packing packing, std::uint64_t most, bool whole)
 }
 
 std::string FrameSource::beginning(std::size_t most) const {
-    if (!m_unpacked) refuseUnlessFile();
-    const Packing packed = m_unpacked ? Packing::None : packing();
-    if (packed != Packing::None) return unpack(packed, most, false);
+    if (!m_unpacked) {
+        refuseUnlessFile();
+        if (const Packing packed = packing(); packed != Packing::None) return unpack(packed, most, false);
+    }
     const std::unique_ptr<FrameBytes> bytes = m_unpacked ? open() : openPlain();
     std::string start(std::min<std::uint64_t>(most, bytes->size()), '\0');
     if (!bytes->read(0, start)) refuse("it cannot be read");

@@ -11,10 +11,6 @@ PatternPlace PatternPlace::of(const Eigen::Vector3d& relative, double tilt) {
     return {relative.x() * c + relative.z() * s, relative.y(), relative.z() * c - relative.x() * s, tilt};
 }
 
-Eigen::Vector3d InstrumentModel::toReciprocal(const PatternPlace& place) const {
-    return Mapping(*this)(place);
-}
-
 InstrumentModel::Mapping::Mapping(const InstrumentModel& model)
     : m_cosine(model[InstrumentTerm::EllipseCosine]),
       m_sine(model[InstrumentTerm::EllipseSine]),

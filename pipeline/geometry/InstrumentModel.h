@@ -55,19 +55,17 @@ public:
 
     class Mapping;
 
-    /// Relative to the place of 000, voxels.
-    Eigen::Vector3d toReciprocal(const PatternPlace& place) const;
-
 private:
     double m_halfWidth;
     double m_curvature;
     std::array<double, kInstrumentTerms> m_terms{};
 };
 
-/// InstrumentModel::toReciprocal() for many places: what depends on the terms alone is there once.
+/// From places on patterns to reciprocal space. What depends on the terms alone is worked out once.
 class InstrumentModel::Mapping {
 public:
     explicit Mapping(const InstrumentModel& model);
+    /// Relative to the place of 000, voxels.
     Eigen::Vector3d operator()(const PatternPlace& place) const;
 
 private:

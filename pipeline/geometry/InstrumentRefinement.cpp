@@ -478,10 +478,10 @@ RefinedInstrument refineInstrument(std::span<const Vector3d> positions, std::spa
     // The spread of the better model decides what is an outlier.
     addUncertainties(fit, state, settings, result);
 
+    const InstrumentModel::Mapping toReciprocal(state.model);
     std::vector<FitPoint> points;
     for (std::size_t i = 0; i < positions.size(); ++i)
-        points.push_back(
-            {state.model.toReciprocal(PatternPlace::of(positions[i] - centre, tilts[i])) + centre});
+        points.push_back({toReciprocal(PatternPlace::of(positions[i] - centre, tilts[i])) + centre});
     const Matrix34 model = state.lattice.model();
     LatticeFit final = fitLattice(points, {model.leftCols<3>(), model.col(3), start.pixelSize},
                                   settings.tolerance, settings.ties);

@@ -2,6 +2,7 @@
 /// Sums over the pixels around a spot.
 #pragma once
 
+#include <cstddef>
 #include <vector>
 
 namespace vrk {

@@ -289,13 +289,13 @@ std::vector<Eigen::Vector3d> placesBy(const Indexed& answer, const Level& level,
     const Lattice& lattice = answer.lattice();
     const EwaldCurvature curvature(lattice.pixelSize > 0.0 ? recording.space.wavelength : 0.0,
                                    lattice.pixelSize);
+    const InstrumentModel::Mapping toReciprocal(answer.instrument.model);
     std::vector<Eigen::Vector3d> places = level.positions();
     const std::vector<double> tilts = level.tilts();
     for (std::size_t i = 0; i < places.size(); ++i)
         if (answer.instrument.valid)
-            places[i] = answer.instrument.model.toReciprocal(
-                            PatternPlace::of(places[i] - recording.centre, tilts[i])) +
-                        recording.centre;
+            places[i] =
+                toReciprocal(PatternPlace::of(places[i] - recording.centre, tilts[i])) + recording.centre;
         else
             curvature.correct(places[i].data(), lattice.origin.data(), tilts[i], answer.refined.sense,
                               places[i].data());
