@@ -7,7 +7,7 @@ packages=(
   g++ cmake ninja-build pkg-config
   libopencv-core-dev libopencv-imgproc-dev libpng-dev
   libeigen3-dev libcli11-dev nlohmann-json3-dev gemmi-dev tao-pegtl-dev
-  libtiff-dev zlib1g-dev libbz2-dev libssl-dev libhdf5-dev bitshuffle hdf5-filter-plugin
+  libtiff-dev zlib1g-dev libbz2-dev nettle-dev libhdf5-dev bitshuffle hdf5-filter-plugin
   libgtest-dev librapidcheck-dev libopencv-imgcodecs-dev libsymspg-dev libbenchmark-dev
   gnuplot-nox
 )
