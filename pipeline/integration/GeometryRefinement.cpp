@@ -37,10 +37,19 @@ constexpr double kMedianSquare = 0.4549;
 
 /// Curves are added up in so many groups, whoever works on them: sums depend on their order.
 constexpr std::size_t kGroups = 32;
+/// Fewer where their sums would take more than this, bytes.
+constexpr std::size_t kMostOfGroups = std::size_t{64} << 20;
 
-/// Where a group of a list begins.
-std::size_t groupBegin(std::size_t group, std::size_t count) {
-    return group * count / kGroups;
+/// The part of a list that is a group of several.
+struct Group {
+    std::size_t begin, end;
+    Group(std::size_t group, std::size_t groups, std::size_t count)
+        : begin(group * count / groups), end((group + 1) * count / groups) {}
+};
+
+std::size_t groupsOf(const MatrixXd& sum) {
+    const std::size_t bytes = static_cast<std::size_t>(sum.size()) * sizeof(double);
+    return std::clamp<std::size_t>(kMostOfGroups / bytes, 1, kGroups);
 }
 
 struct Term {
@@ -120,12 +129,15 @@ public:
     GeometryFit fit();
 
 private:
-    /// The linearised problem: common parameters, then the tilts of the frames. Centres are eliminated.
+    /// The linearised problem: common parameters, then the tilts of the frames where they are asked for.
+    /// Centres are eliminated.
     struct Normal {
         MatrixXd matrix;
         VectorXd right;
         double squares = 0;  ///< weighted, both kinds of observations
-        double curveSquares = 0;
+
+        explicit Normal(Index size) : matrix(MatrixXd::Zero(size, size)), right(VectorXd::Zero(size)) {}
+        bool hasTilts() const { return matrix.rows() > kGlobals; }
     };
     struct CentreBlock {
         Eigen::Matrix2d matrix;
@@ -134,15 +146,17 @@ private:
     };
 
     Index size() const { return kGlobals + static_cast<Index>(m_frames); }
-    Normal linearise();
+    Normal linearise() { return linearise(m_tiltsActive); }
+    Normal linearise(bool withTilts);
     void addPlaces(Normal& normal);
     void addCurves(Normal& normal);
-    void addCurve(std::uint32_t curve, Normal& normal) const;
+    void addCurve(std::size_t curve, Normal& normal) const;
     struct PlaceSums;
     PlaceSums placesOf(std::size_t first, std::size_t last);
     void estimateScatter();
     void estimateCurveError();
-    double curveResiduals(std::uint32_t curve, std::vector<double>* squares, std::vector<double>* variances,
+    void placeCurves();
+    double curveResiduals(std::size_t curve, std::vector<double>* squares, std::vector<double>* variances,
                           std::vector<double>* leverages) const;
     std::vector<Index> activeColumns() const;
     double iterate();
@@ -173,7 +187,14 @@ private:
     VectorXd m_moved;  ///< what the common parameters have moved since the start, for the priors
     VectorXd m_tiltShift;
     double m_tiltPrior = 0.05 * std::numbers::pi / 180;
-    std::vector<std::uint32_t> m_curves;  ///< reflections that take part
+    /// One frame of a curve as the current parameters have it.
+    struct CurvePoint {
+        SpotPlace place;
+        RockingModel::Share share;
+    };
+    std::vector<std::uint32_t> m_curves;     ///< reflections that take part
+    std::vector<std::size_t> m_curveBegins;  ///< where the points of each begin, and the end of the last
+    std::vector<CurvePoint> m_curvePoints;
     std::vector<CentreBlock> m_centres;
     double m_scatter2 = 0.01;
     double m_curveError2 = 0.01;
@@ -213,11 +234,16 @@ Refiner::Refiner(const SeriesGeometry& start, const RockingModel& rocking, const
     m_active[kWidth] = true;
     for (const std::string& name : options.terms)
         takeUp(name);
-    for (std::uint32_t i = 0; i < prediction.reflections.size(); ++i)
-        if (isStrongCurve(prediction.reflections[i], measured)) m_curves.push_back(i);
+    m_curveBegins.push_back(0);
+    for (std::uint32_t i = 0; i < prediction.reflections.size(); ++i) {
+        if (!isStrongCurve(prediction.reflections[i], measured)) continue;
+        m_curves.push_back(i);
+        m_curveBegins.push_back(m_curveBegins.back() + prediction.reflections[i].spotCount);
+    }
+    m_curvePoints.resize(m_curveBegins.back());
 }
 
-Refiner::Normal Refiner::linearise() {
+Refiner::Normal Refiner::linearise(bool withTilts) {
     m_views.clear();
     for (const FramePose& frame : m_geometry.frames)
         m_views.emplace_back(m_geometry, frame);
@@ -225,11 +251,10 @@ Refiner::Normal Refiner::linearise() {
     m_points.clear();
     for (const PredictedReflection& r : m_prediction.reflections)
         m_points.emplace_back(m_geometry.reciprocal * Vector3d(r.h, r.k, r.l));
+    placeCurves();
     estimateScatter();
     estimateCurveError();
-    Normal normal;
-    normal.matrix = MatrixXd::Zero(size(), size());
-    normal.right = VectorXd::Zero(size());
+    Normal normal(withTilts ? size() : kGlobals);
     addPlaces(normal);
     addCurves(normal);
     for (Index i = 0; i < kGlobals; ++i) {
@@ -237,7 +262,7 @@ Refiner::Normal Refiner::linearise() {
         normal.matrix(i, i) += weight;
         normal.right(i) -= weight * m_moved(i);
     }
-    for (Index f = 0; f < static_cast<Index>(m_frames); ++f) {
+    for (Index f = 0; f < normal.right.size() - kGlobals; ++f) {
         const double weight = 1 / (m_tiltPrior * m_tiltPrior);
         normal.matrix(kGlobals + f, kGlobals + f) += weight;
         normal.right(kGlobals + f) -= weight * m_tiltShift(f);
@@ -323,24 +348,35 @@ Refiner::PlaceSums Refiner::placesOf(std::size_t first, std::size_t last) {
     return sums;
 }
 
+void Refiner::placeCurves() {
+    VRK::shareItems(kGroups, [&](std::size_t group, std::size_t) {
+        const Group part(group, kGroups, m_curves.size());
+        for (std::size_t i = part.begin; i < part.end; ++i) {
+            const PredictedReflection& reflection = m_prediction.reflections[m_curves[i]];
+            CurvePoint* point = m_curvePoints.data() + m_curveBegins[i];
+            for (std::uint32_t n = 0; n < reflection.spotCount; ++n, ++point) {
+                const std::uint32_t frame = m_prediction.spots[reflection.firstSpot + n].frame;
+                point->place = m_views[frame].place(m_points[m_curves[i]]);
+                point->share = m_rocking.share(point->place.excitation, point->place.rate, reflection.length,
+                                               m_geometry.frames[frame].rotation);
+            }
+        }
+    });
+}
+
 /// Fits the intensity of a reflection to its counts; returns it. The vectors receive, for every frame, the
 /// squared deviation, the variance by counting and the squared expected counts.
-double Refiner::curveResiduals(std::uint32_t curve, std::vector<double>* squares,
+double Refiner::curveResiduals(std::size_t curve, std::vector<double>* squares,
                                std::vector<double>* variances, std::vector<double>* leverages) const {
-    const PredictedReflection& reflection = m_prediction.reflections[curve];
-    const Vector3d& g = m_points[curve];
+    const PredictedReflection& reflection = m_prediction.reflections[m_curves[curve]];
+    const CurvePoint* const points = m_curvePoints.data() + m_curveBegins[curve];
     const std::uint32_t count = reflection.spotCount;
     double intensity = 0;
     for (int round = 0; round < 2; ++round) {
         double top = 0, bottom = 0;
         for (std::uint32_t n = 0; n < count; ++n) {
-            const PredictedSpot& spot = m_prediction.spots[reflection.firstSpot + n];
             const MeasuredSpot& measured = m_measured[reflection.firstSpot + n];
-            const SpotPlace place = m_views[spot.frame].place(g);
-            const double share = m_rocking
-                                     .share(place.excitation, place.rate, reflection.length,
-                                            m_geometry.frames[spot.frame].rotation)
-                                     .value;
+            const double share = points[n].share.value;
             const double expected = intensity * share;
             const double weight = 1 / (measured.variance + m_curveError2 * expected * expected);
             top += weight * share * measured.sum;
@@ -364,10 +400,10 @@ void Refiner::estimateCurveError() {
     std::vector<Residuals> groups(kGroups);
     VRK::shareItems(kGroups, [&](std::size_t group, std::size_t) {
         Residuals& found = groups[group];
-        for (std::size_t i = groupBegin(group, m_curves.size()); i < groupBegin(group + 1, m_curves.size());
-             ++i)
+        const Group part(group, kGroups, m_curves.size());
+        for (std::size_t i = part.begin; i < part.end; ++i)
             if (m_prediction.reflections[m_curves[i]].spotCount > 1)
-                curveResiduals(m_curves[i], &found.squares, &found.variances, &found.leverages);
+                curveResiduals(i, &found.squares, &found.variances, &found.leverages);
     });
     std::vector<double> squares, variances, leverages;
     for (const Residuals& group : groups) {
@@ -380,49 +416,45 @@ void Refiner::estimateCurveError() {
 }
 
 void Refiner::addCurves(Normal& normal) {
-    std::vector<Normal> groups(kGroups);
-    VRK::shareItems(kGroups, [&](std::size_t group, std::size_t) {
-        Normal& sum = groups[group];
-        sum.matrix = MatrixXd::Zero(size(), size());
-        sum.right = VectorXd::Zero(size());
-        for (std::size_t i = groupBegin(group, m_curves.size()); i < groupBegin(group + 1, m_curves.size());
-             ++i)
-            addCurve(m_curves[i], sum);
+    std::vector<Normal> groups(groupsOf(normal.matrix), Normal(0));
+    VRK::shareItems(groups.size(), [&](std::size_t group, std::size_t) {
+        groups[group] = Normal(normal.right.size());
+        const Group part(group, groups.size(), m_curves.size());
+        for (std::size_t i = part.begin; i < part.end; ++i)
+            addCurve(i, groups[group]);
     });
     for (const Normal& group : groups) {
         normal.matrix += group.matrix;
         normal.right += group.right;
         normal.squares += group.squares;
-        normal.curveSquares += group.curveSquares;
     }
 }
 
-void Refiner::addCurve(std::uint32_t curve, Normal& normal) const {
-    const PredictedReflection& reflection = m_prediction.reflections[curve];
-    const Vector3d& g = m_points[curve];
+void Refiner::addCurve(std::size_t curve, Normal& normal) const {
+    const PredictedReflection& reflection = m_prediction.reflections[m_curves[curve]];
+    const Vector3d& g = m_points[m_curves[curve]];
     const double intensity = curveResiduals(curve, nullptr, nullptr, nullptr);
     if (!(intensity > 0)) return;
     const auto count = static_cast<Index>(reflection.spotCount);
-    MatrixXd rows = MatrixXd::Zero(count, kGlobals);
+    using Common = Eigen::Matrix<double, kGlobals, 1>;
+    Eigen::Matrix<double, kGlobals, Eigen::Dynamic> slopes(kGlobals, count);
     VectorXd byTilt(count), residual(count), direction(count);
     for (Index n = 0; n < count; ++n) {
         const PredictedSpot& spot = m_prediction.spots[reflection.firstSpot + static_cast<std::size_t>(n)];
         const MeasuredSpot& measured = m_measured[reflection.firstSpot + static_cast<std::size_t>(n)];
-        const FrameView& view = m_views[spot.frame];
-        const SpotPlace place = view.place(g);
-        const RockingModel::Share share = m_rocking.share(place.excitation, place.rate, reflection.length,
-                                                          m_geometry.frames[spot.frame].rotation);
+        const auto& [place, share] = m_curvePoints[m_curveBegins[curve] + static_cast<std::size_t>(n)];
         const double expected = intensity * share.value;
         const double sigma = std::sqrt(measured.variance + m_curveError2 * expected * expected);
-        const FrameView::Derivatives d = view.derivatives(g, m_strains);
-        rows.row(n).head<kCommon>() = intensity * share.byShift / sigma * d.row(2).head<kCommon>();
-        rows(n, kWidth) = intensity * share.byWidth * m_rocking.width / sigma;
+        const FrameView::Derivatives d = m_views[spot.frame].derivatives(g, m_strains);
+        slopes.col(n).head<kCommon>() =
+            intensity * share.byShift / sigma * d.row(2).head<kCommon>().transpose();
+        slopes(kWidth, n) = intensity * share.byWidth * m_rocking.width / sigma;
         // The spread enters by its square: at 0 the derivative by itself would vanish.
         const double spread = std::max(m_rocking.mosaicity, 2e-4);
         const RockingModel::Share broad =
             RockingModel{m_rocking.mode, m_rocking.width, spread, m_rocking.precession}.share(
                 place.excitation, place.rate, reflection.length, m_geometry.frames[spot.frame].rotation);
-        rows(n, kMosaicity) = intensity * broad.byMosaicity / sigma;
+        slopes(kMosaicity, n) = intensity * broad.byMosaicity / sigma;
         byTilt(n) = intensity * share.byShift / sigma * d(2, FrameView::Tilt);
         residual(n) = (measured.sum - expected) / sigma;
         direction(n) = share.value / sigma;
@@ -434,12 +466,17 @@ void Refiner::addCurve(std::uint32_t curve, Normal& normal) const {
     const double square = residual.squaredNorm();
     const double freedom = std::max<double>(static_cast<double>(count) - 1, 1);
     normal.squares += std::min(square, kTukey * kTukey * freedom);
-    normal.curveSquares += std::min(square, kTukey * kTukey * freedom);
     const double weight = tukey(square / freedom);
     if (weight == 0 || count < 2) return;
-    rows -= direction * (direction.transpose() * rows);
-    normal.matrix.topLeftCorner(kGlobals, kGlobals).noalias() += weight * rows.transpose() * rows;
-    normal.right.head(kGlobals).noalias() += weight * rows.transpose() * residual;
+    // Products of so few numbers are told to stay as they are: what is made for large ones takes longer.
+    const Common along = slopes.lazyProduct(direction);
+    for (Index n = 0; n < count; ++n) {
+        slopes.col(n) -= direction(n) * along;
+        const Common weighted = weight * slopes.col(n);
+        normal.matrix.topLeftCorner<kGlobals, kGlobals>().noalias() += weighted * slopes.col(n).transpose();
+        normal.right.head<kGlobals>() += residual(n) * weighted;
+    }
+    if (!normal.hasTilts()) return;
     for (Index n = 0; n < count; ++n) {
         // Column of the tilt of this frame, without the part along the direction of the intensity.
         VectorXd column = -direction * (direction(n) * byTilt(n));
@@ -447,7 +484,7 @@ void Refiner::addCurve(std::uint32_t curve, Normal& normal) const {
         const Index f =
             kGlobals + m_prediction.spots[reflection.firstSpot + static_cast<std::size_t>(n)].frame;
         normal.right(f) += weight * column.dot(residual);
-        const VectorXd mixed = weight * rows.transpose() * column;
+        const Common mixed = weight * slopes.lazyProduct(column);
         normal.matrix.block(f, 0, 1, kGlobals) += mixed.transpose();
         normal.matrix.block(0, f, kGlobals, 1) += mixed;
         for (Index m = 0; m < count; ++m) {
@@ -621,7 +658,7 @@ bool Refiner::takeUpTerm() {
 
 /// Tries a correction of every frame's tilt.
 void Refiner::takeUpTilts() {
-    Normal normal = linearise();
+    Normal normal = linearise(true);
     m_tiltsActive = true;
     const std::vector<Index> columns = activeColumns();
     m_tiltsActive = false;

@@ -122,8 +122,7 @@ void Scaler::addGroup(const std::vector<std::uint32_t>& group, MatrixXd& normal,
     }
     const double intensity = top / bottom;
     if (!(intensity > 3 / std::sqrt(bottom))) return;
-    MatrixXd rows = MatrixXd::Zero(count, 4);
-    Eigen::Matrix<Index, Eigen::Dynamic, 4> columns(count, 4);
+    MatrixXd slopes = MatrixXd::Zero(m_size, count);
     VectorXd residual(count), direction(count);
     for (Index i = 0; i < count; ++i) {
         const Observation& one = m_observations[group[static_cast<std::size_t>(i)]];
@@ -131,10 +130,11 @@ void Scaler::addGroup(const std::vector<std::uint32_t>& group, MatrixXd& normal,
         const Between k = between(m_model.frames, one.frame);
         const Between b = between(m_model.decayFrames, one.frame);
         const double decay = -0.5 / (one.spacing * one.spacing);
-        rows.row(i) << 1 - k.part, k.part, decay * (1 - b.part), decay * b.part;
-        rows.row(i) *= expected / sigma(i);
-        columns.row(i) << k.low, std::min(k.low + 1, m_knots - 1), m_knots + b.low,
-            std::min(m_knots + b.low + 1, m_size - 1);
+        const double byLogarithm = expected / sigma(i);
+        slopes(k.low, i) += byLogarithm * (1 - k.part);
+        slopes(std::min(k.low + 1, m_knots - 1), i) += byLogarithm * k.part;
+        slopes(m_knots + b.low, i) += byLogarithm * decay * (1 - b.part);
+        slopes(std::min(m_knots + b.low + 1, m_size - 1), i) += byLogarithm * decay * b.part;
         residual(i) = (one.intensity - expected) / sigma(i);
         direction(i) = factor(i) / sigma(i);
     }
@@ -142,14 +142,14 @@ void Scaler::addGroup(const std::vector<std::uint32_t>& group, MatrixXd& normal,
     const double part = 1 - residual.squaredNorm() / freedom / (kScalingTukey * kScalingTukey);
     if (part <= 0) return;
     m_model.pairs += static_cast<int>(count);
-    MatrixXd full = MatrixXd::Zero(count, m_size);
-    for (Index i = 0; i < count; ++i)
-        for (Index j = 0; j < 4; ++j)
-            full(i, columns(i, j)) += rows(i, j);
     direction.normalize();
-    full -= direction * (direction.transpose() * full);
-    normal.noalias() += part * part * full.transpose() * full;
-    right.noalias() += part * part * full.transpose() * residual;
+    const VectorXd along = slopes.lazyProduct(direction);
+    for (Index i = 0; i < count; ++i) {
+        slopes.col(i) -= direction(i) * along;
+        const VectorXd weighted = part * part * slopes.col(i);
+        normal.noalias() += weighted * slopes.col(i).transpose();
+        right += residual(i) * weighted;
+    }
 }
 
 /// Keeps the mean intensity.
