@@ -50,19 +50,21 @@ class GreyScale {
 public:
     GreyScale(double noise, double top) {
         const double factor = kBrightest / std::log1p(top / noise);
-        for (std::size_t grey = 0; grey < m_from.size(); ++grey)
-            m_from[grey] = static_cast<float>(noise * std::expm1((static_cast<double>(grey) + 0.5) / factor));
+        std::size_t counts = 0;
+        for (int grey = 0; grey <= static_cast<int>(kBrightest) && counts < m_grey.size(); ++grey) {
+            // Counts from which the next grey begins.
+            const auto next = static_cast<float>(noise * std::expm1((grey + 0.5) / factor));
+            const bool isLast = grey == static_cast<int>(kBrightest);
+            for (; counts < m_grey.size() && (isLast || static_cast<float>(counts) < next); ++counts)
+                m_grey[counts] = static_cast<unsigned char>(1 + grey);
+        }
     }
 
-    unsigned char of(short counts) const {
-        return static_cast<unsigned char>(
-            1 +
-            (std::upper_bound(m_from.begin(), m_from.end(), static_cast<float>(counts)) - m_from.begin()));
-    }
+    /// \param counts  not negative
+    unsigned char of(short counts) const { return m_grey[static_cast<std::size_t>(counts)]; }
 
 private:
-    std::array<float, static_cast<std::size_t>(kBrightest)>
-        m_from{};  ///< counts from which the next grey begins
+    std::array<unsigned char, 32768> m_grey{};
 };
 
 /// The voxels of a volume, slice by slice, y fastest.

@@ -12,6 +12,7 @@
 #include "foundation/VRKLogger.h"
 #include "foundation/detail/SingleThreadedOpenCV.h"
 #include "visualisation/PictureFile.h"
+#include "visualisation/detail/AsinhScale.h"
 #include "visualisation/detail/PictureText.h"
 
 namespace {
@@ -54,11 +55,9 @@ cv::Mat greyScaled(const PlaneImage& image) {
     if (positive.empty()) return grey;
     const float unit = std::max(quantile(positive, 0.5), 1e-30F);
     const float white = std::max(std::asinh(quantile(positive, 0.9998) / unit), 1e-6F);
-    std::transform(image.values.begin(), image.values.end(), grey.data, [&](float value) {
-        if (!(value > 0.0F) || !std::isfinite(value)) return static_cast<unsigned char>(0);
-        const float scaled = 255.0F * std::asinh(value / unit) / white;
-        return static_cast<unsigned char>(std::lround(std::min(scaled, 255.0F)));
-    });
+    const VRK::detail::AsinhScale scale(unit, white);
+    std::transform(image.values.begin(), image.values.end(), grey.data,
+                   [&](float value) { return scale.grey(value); });
     return grey;
 }
 

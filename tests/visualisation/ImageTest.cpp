@@ -87,6 +87,35 @@ TEST(Image, ContrastShowsWeakSpotsBesideStrongOnes) {
     EXPECT_GT(grey(70, 40), grey(50, 20) + 40);
 }
 
+/// By the formula, pixel by pixel.
+TEST(Image, GreysAreThoseOfTheFormula) {
+    std::mt19937 random(20261123);
+    std::uniform_real_distribution<float> between(-9.0F, 9.0F);
+    for (const float size : {1e-30F, 0.5F, 40.0F, 1e30F}) {
+        PlaneImage picture(300, 200);
+        for (float& value : picture.values)
+            value = size * (std::exp(between(random)) - (between(random) > 7.0F ? 1.0F : 0.0F));
+        picture.at(3, 3) = std::numeric_limits<float>::infinity();
+        std::vector<float> sorted;
+        std::ranges::copy_if(picture.values, std::back_inserter(sorted),
+                             [](float value) { return value > 0.0F && std::isfinite(value); });
+        std::ranges::sort(sorted);
+        const float unit = sorted[(sorted.size() - 1) / 2];
+        const auto bright = static_cast<std::size_t>(0.9998 * static_cast<double>(sorted.size() - 1));
+        const float white = std::asinh(sorted[bright] / unit);
+        const TemporaryFolder folder;
+        ASSERT_TRUE(VoxOpenCV::SaveImage(picture, folder / "grey.png", {}));
+        const cv::Mat image = cv::imread(folder / "grey.png", cv::IMREAD_UNCHANGED);
+        for (int y = 0; y < 200; ++y)
+            for (int x = 0; x < 300; ++x) {
+                const float value = picture.at(x, y);
+                const bool isDark = !(value > 0.0F) || !std::isfinite(value);
+                const float scaled = isDark ? 0.0F : 255.0F * std::asinh(value / unit) / white;
+                ASSERT_EQ(image.at<unsigned char>(y, x), std::lround(std::min(scaled, 255.0F))) << value;
+            }
+    }
+}
+
 /// The strokes of an H are seven pixels apart and ten high, beginning two pixels behind its place.
 TEST(Image, DrawsEverythingInItsPlaceAndColour) {
     const cv::Vec3b white(255, 255, 255), rim(0, 0, 0), line(80, 170, 255), ring(115, 95, 85),
