@@ -69,18 +69,10 @@ float sumOf(const Lanes& lanes) {
 
 }  // namespace
 
-void BackgroundPixels::clear() {
-    dx.clear();
-    dy.clear();
-    counts.clear();
-    shape.clear();
-}
-
-void BackgroundPixels::add(float x, float y, float value, float expected) {
-    dx.push_back(x);
-    dy.push_back(y);
-    counts.push_back(value);
-    shape.push_back(expected);
+void BackgroundPixels::makeRoom() {
+    constexpr std::size_t kUsual = 512;
+    for (std::vector<float>* list : {&dx, &dy, &counts, &shape})
+        list->resize(std::max(2 * m_size, kUsual));
 }
 
 BackgroundSums BackgroundSums::of(const BackgroundPixels& pixels, const BackgroundModel& model) {

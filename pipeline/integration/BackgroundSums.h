@@ -7,16 +7,29 @@
 
 namespace vrk {
 
-/// Pixels around a spot that no predicted spot covers.
+/// Pixels around a spot that no predicted spot covers: the first size() numbers of each list.
 struct BackgroundPixels {
     std::vector<float> dx;  ///< from the spot's centre, pixels
     std::vector<float> dy;
     std::vector<float> counts;
     std::vector<float> shape;  ///< what the background of all frames has here more than at the spot
 
-    void clear();
-    void add(float x, float y, float value, float expected);
-    std::size_t size() const { return counts.size(); }
+    /// The lists keep their room: a spot has about as many pixels as the one before.
+    void clear() { m_size = 0; }
+    void add(float x, float y, float value, float expected) {
+        if (m_size == counts.size()) makeRoom();
+        dx[m_size] = x;
+        dy[m_size] = y;
+        counts[m_size] = value;
+        shape[m_size] = expected;
+        ++m_size;
+    }
+    std::size_t size() const { return m_size; }
+
+private:
+    void makeRoom();
+
+    std::size_t m_size = 0;
 };
 
 /// What counts are compared with: a plane, and how far they scatter about it.

@@ -51,6 +51,13 @@ public:
                                          double search) const;
 
 private:
+    /// Sums over the pixels of a spot that were measured.
+    struct Disc {
+        float sum = 0, sumX = 0, sumY = 0, sumShape = 0;
+        int inside = 0;
+        int expected = 0;  ///< also those that were not
+    };
+
     std::size_t index(int x, int y) const {
         return static_cast<std::size_t>(y) * static_cast<std::size_t>(m_stack.width) +
                static_cast<std::size_t>(x);
@@ -67,6 +74,8 @@ private:
         return measured.background + measured.slopeX * (static_cast<float>(x) - spot.x) +
                measured.slopeY * (static_cast<float>(y) - spot.y) + shapeAt(x, y) - shapeAt(spot.x, spot.y);
     }
+    Disc discOf(const PredictedSpot& spot, float shapeHere, MeasuredSpot& result) const;
+    void collectBackground(const PredictedSpot& spot, float shapeHere);
     void brightest(const PredictedSpot& spot, const MeasuredSpot& measured, double search, double& x,
                    double& y) const;
 
@@ -82,46 +91,60 @@ private:
     float m_centreY = 0;
 };
 
-MeasuredSpot FrameMeasurement::measure(const PredictedSpot& spot) {
-    MeasuredSpot result;
+/// Flags the result for what disturbs the pixels.
+FrameMeasurement::Disc FrameMeasurement::discOf(const PredictedSpot& spot, float shapeHere,
+                                                MeasuredSpot& result) const {
     const auto radius2 = static_cast<float>(m_extent.radius * m_extent.radius);
-    const auto inner2 = static_cast<float>((m_extent.radius + 1) * (m_extent.radius + 1));
-    const auto outer2 = static_cast<float>(m_extent.outer * m_extent.outer);
-    const float shapeHere = shapeAt(spot.x, spot.y);
-    const Box box(spot.x, spot.y, m_extent.outer, m_stack);
-    m_pixels.clear();
-    float sum = 0, sumX = 0, sumY = 0, sumShape = 0;
-    int inside = 0;
-    int expected = 0;
+    const Box box(spot.x, spot.y, m_extent.radius, m_stack);
+    Disc disc;
     for (int y = box.top; y <= box.bottom; ++y)
         for (int x = box.left; x <= box.right; ++x) {
             const float dx = static_cast<float>(x) - spot.x;
             const float dy = static_cast<float>(y) - spot.y;
-            const float distance2 = dx * dx + dy * dy;
-            if (distance2 > outer2) continue;
-            const std::size_t i = index(x, y);
+            if (dx * dx + dy * dy > radius2) continue;
+            ++disc.expected;
             const std::uint8_t covered = m_coverage.at(x, y);
-            if (distance2 <= radius2) {
-                ++expected;
-                if (covered > 1 || (covered == 1 && spot.share < kBrightShare))
-                    result.flags |= kSpotOverlapped;
-                if (missing(i)) {
-                    result.flags |= kSpotMasked;
-                    continue;
-                }
-                if (m_stack.saturation > 0 && m_frame[i] >= m_stack.saturation)
-                    result.flags |= kSpotSaturated;
-                sum += static_cast<float>(m_frame[i]);
-                sumX += dx;
-                sumY += dy;
-                sumShape += shapeAt(x, y) - shapeHere;
-                ++inside;
-            } else if (distance2 > inner2 && covered == 0 && !missing(i)) {
-                m_pixels.add(dx, dy, m_frame[i], shapeAt(x, y) - shapeHere);
+            if (covered > 1 || (covered == 1 && spot.share < kBrightShare)) result.flags |= kSpotOverlapped;
+            const std::size_t i = index(x, y);
+            if (missing(i)) {
+                result.flags |= kSpotMasked;
+                continue;
             }
+            if (m_stack.saturation > 0 && m_frame[i] >= m_stack.saturation) result.flags |= kSpotSaturated;
+            disc.sum += static_cast<float>(m_frame[i]);
+            disc.sumX += dx;
+            disc.sumY += dy;
+            disc.sumShape += shapeAt(x, y) - shapeHere;
+            ++disc.inside;
         }
-    const double disc = std::numbers::pi * m_extent.radius * m_extent.radius;
-    if (expected < 0.85 * disc) result.flags |= kSpotAtEdge;
+    return disc;
+}
+
+/// The pixels between two circles about the spot.
+void FrameMeasurement::collectBackground(const PredictedSpot& spot, float shapeHere) {
+    const auto inner2 = static_cast<float>((m_extent.radius + 1) * (m_extent.radius + 1));
+    const auto outer2 = static_cast<float>(m_extent.outer * m_extent.outer);
+    const Box box(spot.x, spot.y, m_extent.outer, m_stack);
+    m_pixels.clear();
+    for (int y = box.top; y <= box.bottom; ++y) {
+        const float dy = static_cast<float>(y) - spot.y;
+        for (int x = box.left; x <= box.right; ++x) {
+            const float dx = static_cast<float>(x) - spot.x;
+            const float distance2 = dx * dx + dy * dy;
+            if (distance2 > outer2 || distance2 <= inner2 || m_coverage.at(x, y) != 0) continue;
+            const std::size_t i = index(x, y);
+            if (!missing(i)) m_pixels.add(dx, dy, m_frame[i], shapeAt(x, y) - shapeHere);
+        }
+    }
+}
+
+MeasuredSpot FrameMeasurement::measure(const PredictedSpot& spot) {
+    MeasuredSpot result;
+    const float shapeHere = shapeAt(spot.x, spot.y);
+    const Disc disc = discOf(spot, shapeHere, result);
+    collectBackground(spot, shapeHere);
+    const double area = std::numbers::pi * m_extent.radius * m_extent.radius;
+    if (disc.expected < 0.85 * area) result.flags |= kSpotAtEdge;
     const BackgroundPlane plane = m_background.fit(m_pixels);
     if (plane.pixels == 0) {
         result.flags |= kSpotNoBackground;
@@ -132,10 +155,11 @@ MeasuredSpot FrameMeasurement::measure(const PredictedSpot& spot) {
     result.slopeY = static_cast<float>(plane.slopeY);
     result.levelVariance = static_cast<float>(plane.levelVariance);
     result.scatter = static_cast<float>(plane.scatter);
-    const auto pixels = static_cast<float>(inside);
-    const float under = result.background * pixels + result.slopeX * sumX + result.slopeY * sumY + sumShape;
-    result.sum = sum - under;
-    const double plain = inside > 0 ? m_noise.variance(under / pixels) * inside : 0;
+    const auto pixels = static_cast<float>(disc.inside);
+    const float under =
+        result.background * pixels + result.slopeX * disc.sumX + result.slopeY * disc.sumY + disc.sumShape;
+    result.sum = disc.sum - under;
+    const double plain = disc.inside > 0 ? m_noise.variance(under / pixels) * disc.inside : 0;
     result.ground = static_cast<float>(plain) + pixels * pixels * result.levelVariance;
     result.variance = result.ground + static_cast<float>(m_noise.gain) * std::max(result.sum, 0.0F);
     return result;
