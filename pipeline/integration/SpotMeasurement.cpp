@@ -48,7 +48,7 @@ public:
     }
     MeasuredSpot measure(const PredictedSpot& spot);
     std::optional<SpotCentroid> centroid(const PredictedSpot& spot, const MeasuredSpot& measured,
-                                         double search) const;
+                                         double search);
 
 private:
     /// Sums over the pixels of a spot that were measured.
@@ -78,6 +78,7 @@ private:
     void collectBackground(const PredictedSpot& spot, float shapeHere);
     void brightest(const PredictedSpot& spot, const MeasuredSpot& measured, double search, double& x,
                    double& y) const;
+    void weighColumns(double x, const Box& box);
 
     const FrameStack& m_stack;
     const RadialShape& m_shape;
@@ -86,6 +87,7 @@ private:
     LocalBackground m_background;
     CoverageMap m_coverage;
     BackgroundPixels m_pixels;
+    std::vector<double> m_columns;  ///< weights of the columns of a box; the rows have theirs
     std::span<const short> m_frame;
     float m_centreX = 0;
     float m_centreY = 0;
@@ -185,8 +187,14 @@ void FrameMeasurement::brightest(const PredictedSpot& spot, const MeasuredSpot& 
         }
 }
 
+void FrameMeasurement::weighColumns(double x, const Box& box) {
+    m_columns.clear();
+    for (int i = box.left; i <= box.right; ++i)
+        m_columns.push_back(std::exp(-(i - x) * (i - x) / (2 * m_extent.sigma * m_extent.sigma)));
+}
+
 std::optional<SpotCentroid> FrameMeasurement::centroid(const PredictedSpot& spot,
-                                                       const MeasuredSpot& measured, double search) const {
+                                                       const MeasuredSpot& measured, double search) {
     double x = spot.x;
     double y = spot.y;
     const double sigma = m_extent.sigma;
@@ -195,11 +203,13 @@ std::optional<SpotCentroid> FrameMeasurement::centroid(const PredictedSpot& spot
     for (int round = 0; round < kCentroidRounds; ++round) {
         total = momentX = momentY = spread = varianceX = varianceY = 0;
         const Box box(x, y, 3 * sigma, m_stack);
-        for (int j = box.top; j <= box.bottom; ++j)
+        weighColumns(x, box);
+        for (int j = box.top; j <= box.bottom; ++j) {
+            const double dy = j - y;
+            const double weightOfRow = std::exp(-dy * dy / (2 * sigma * sigma));
             for (int i = box.left; i <= box.right; ++i) {
                 const double dx = i - x;
-                const double dy = j - y;
-                const double weight = std::exp(-(dx * dx + dy * dy) / (2 * sigma * sigma));
+                const double weight = weightOfRow * m_columns[static_cast<std::size_t>(i - box.left)];
                 const double counts = m_frame[index(i, j)];
                 const double over = weight * (counts - backgroundAt(spot, measured, i, j));
                 total += over;
@@ -210,6 +220,7 @@ std::optional<SpotCentroid> FrameMeasurement::centroid(const PredictedSpot& spot
                 varianceX += noise * dx * dx;
                 varianceY += noise * dy * dy;
             }
+        }
         if (!(total > 0)) return std::nullopt;
         // The weight follows the spot and halves every step.
         const double stepX = 2 * momentX / total;
