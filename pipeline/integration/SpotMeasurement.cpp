@@ -277,21 +277,27 @@ SpotMeasurement::SpotMeasurement(const FrameStack& stack, const SeriesGeometry& 
                                  const RadialShape& shape, const NoiseModel& noise, const SpotExtent& extent)
     : m_stack(stack), m_geometry(geometry), m_shape(shape), m_noise(noise), m_extent(extent) {}
 
-std::vector<MeasuredSpot> SpotMeasurement::sums(const SpotPrediction& prediction,
-                                                std::span<const std::uint8_t> wanted) const {
-    MeasuredSpot nothing;
-    nothing.flags = kSpotNoBackground;
-    std::vector<MeasuredSpot> result(prediction.spots.size(), nothing);
+/// \param visit  called with the frame at hand, its number and that of each of its spots
+template <typename Visit>
+void SpotMeasurement::overSpots(const SpotPrediction& prediction, Visit visit) const {
     VRK::PerLane<FrameMeasurement> lanes(
         [this] { return FrameMeasurement(m_stack, m_shape, m_noise, m_extent); });
     VRK::shareItems(m_stack.frames.size(), [&](std::size_t f, std::size_t lane) {
         FrameMeasurement& frame = lanes[lane];
         frame.select(prediction, f, m_geometry.frames[f]);
-        for (std::uint32_t n = prediction.frameStart[f]; n < prediction.frameStart[f + 1]; ++n) {
-            const std::uint32_t spot = prediction.byFrame[n];
-            if (wanted.empty() || wanted[prediction.spots[spot].reflection] != 0)
-                result[spot] = frame.measure(prediction.spots[spot]);
-        }
+        for (std::uint32_t n = prediction.frameStart[f]; n < prediction.frameStart[f + 1]; ++n)
+            visit(frame, f, prediction.byFrame[n]);
+    });
+}
+
+std::vector<MeasuredSpot> SpotMeasurement::sums(const SpotPrediction& prediction,
+                                                std::span<const std::uint8_t> wanted) const {
+    MeasuredSpot nothing;
+    nothing.flags = kSpotNoBackground;
+    std::vector<MeasuredSpot> result(prediction.spots.size(), nothing);
+    overSpots(prediction, [&](FrameMeasurement& frame, std::size_t, std::uint32_t spot) {
+        if (wanted.empty() || wanted[prediction.spots[spot].reflection] != 0)
+            result[spot] = frame.measure(prediction.spots[spot]);
     });
     return result;
 }
@@ -300,20 +306,13 @@ std::vector<SpotCentroid> SpotMeasurement::centroids(const SpotPrediction& predi
                                                      std::span<const MeasuredSpot> measured,
                                                      double significance, double search) const {
     std::vector<std::vector<SpotCentroid>> ofFrame(m_stack.frames.size());
-    VRK::PerLane<FrameMeasurement> lanes(
-        [this] { return FrameMeasurement(m_stack, m_shape, m_noise, m_extent); });
-    VRK::shareItems(m_stack.frames.size(), [&](std::size_t f, std::size_t lane) {
-        FrameMeasurement& frame = lanes[lane];
-        frame.select(prediction, f, m_geometry.frames[f]);
-        for (std::uint32_t n = prediction.frameStart[f]; n < prediction.frameStart[f + 1]; ++n) {
-            const std::uint32_t spot = prediction.byFrame[n];
-            const MeasuredSpot& sum = measured[spot];
-            if (sum.flags != 0 || !(sum.sum > significance * std::sqrt(sum.variance))) continue;
-            std::optional<SpotCentroid> place = frame.centroid(prediction.spots[spot], sum, search);
-            if (!place) continue;
-            place->spot = spot;
-            ofFrame[f].push_back(*place);
-        }
+    overSpots(prediction, [&](FrameMeasurement& frame, std::size_t f, std::uint32_t spot) {
+        const MeasuredSpot& sum = measured[spot];
+        if (sum.flags != 0 || !(sum.sum > significance * std::sqrt(sum.variance))) return;
+        std::optional<SpotCentroid> place = frame.centroid(prediction.spots[spot], sum, search);
+        if (!place) return;
+        place->spot = spot;
+        ofFrame[f].push_back(*place);
     });
     std::vector<SpotCentroid> result;
     for (const std::vector<SpotCentroid>& found : ofFrame)

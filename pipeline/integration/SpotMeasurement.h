@@ -75,6 +75,9 @@ public:
                                         double search) const;
 
 private:
+    template <typename Visit>
+    void overSpots(const SpotPrediction& prediction, Visit visit) const;
+
     const FrameStack& m_stack;
     const SeriesGeometry& m_geometry;
     const RadialShape& m_shape;

@@ -189,6 +189,26 @@ std::vector<DiffVector3D*> pointersTo(std::vector<DiffVector3D>& vectors) {
     return pointers;
 }
 
+/// Vectors that bases are formed of.
+constexpr std::size_t kVectorsOfBasis = 40;
+
+/// Hands over the best basis of the first places, which all of them judge. False, with a warning, when no
+/// three of them form one.
+bool handOverBest(const std::vector<Centre>& places, const Parameter& parameter, const char* kind,
+                  const std::array<ClusterPoint<double>*, 3>& points) {
+    std::vector<Vector> vectors;
+    for (std::size_t i = 0; i < std::min(places.size(), kVectorsOfBasis); ++i)
+        vectors.push_back(places[i].place);
+    const auto base = bestBase(vectors, places, radiusOfNodes(parameter));
+    if (!base) {
+        logText("No three of " + std::to_string(vectors.size()) + ' ' + kind + " form a basis.",
+                VRK::Warning);
+        return false;
+    }
+    handOver(*base, points);
+    return true;
+}
+
 }  // namespace
 
 CalculateCellAlgorithm::CalculateCellAlgorithm() : m_logger(VRKLogger::getInstance()) {
@@ -460,7 +480,6 @@ bool CalculateCellAlgorithm::checkNeighbourhoodOfCluster(const Cluster<Point<dou
 double CalculateCellAlgorithm::findBasis(Parameter* parameter, std::vector<Cluster<Point<double>>*>* clusters,
                                          ClusterPoint<double>* a, ClusterPoint<double>* b,
                                          ClusterPoint<double>* c) {
-    constexpr std::size_t kVectors = 40;
     return withMemoryReport([&] {
         const Stopwatch watch;
         if (isAnyMissing(parameter, clusters, a, b, c)) {
@@ -471,17 +490,8 @@ double CalculateCellAlgorithm::findBasis(Parameter* parameter, std::vector<Clust
         std::stable_sort(centres.begin(), centres.end(), [](const Centre& first, const Centre& second) {
             return first.weight > second.weight;
         });
-        centres.resize(std::min(centres.size(), 2 * kVectors));
-        std::vector<Vector> vectors;
-        for (std::size_t i = 0; i < std::min(centres.size(), kVectors); ++i)
-            vectors.push_back(centres[i].place);
-        const auto base = bestBase(vectors, centres, radiusOfNodes(*parameter));
-        if (!base) {
-            logText("No three of " + std::to_string(vectors.size()) + " cluster centers form a basis.",
-                    VRK::Warning);
-            return kFailed;
-        }
-        handOver(*base, {a, b, c});
+        centres.resize(std::min(centres.size(), 2 * kVectorsOfBasis));
+        if (!handOverBest(centres, *parameter, "cluster centers", {a, b, c})) return kFailed;
         const double seconds = watch.seconds();
         logTime("Find a basis in", seconds);
         return seconds;
@@ -493,7 +503,6 @@ double CalculateCellAlgorithm::testCellDetectionWithReflections(Parameter* param
                                                                 const double* origin, ClusterPoint<double>* a,
                                                                 ClusterPoint<double>* b,
                                                                 ClusterPoint<double>* c) {
-    constexpr std::size_t kVectors = 40;
     constexpr std::size_t kJudges = 400;
     return withMemoryReport([&] {
         const Stopwatch watch;
@@ -505,16 +514,7 @@ double CalculateCellAlgorithm::testCellDetectionWithReflections(Parameter* param
         std::vector<Centre> places =
             placesOf(*reflections, origin, parameter->getWhichReflectionMiddleShouldUsed());
         places.resize(std::min(places.size(), kJudges));
-        std::vector<Vector> vectors;
-        for (std::size_t i = 0; i < std::min(places.size(), kVectors); ++i)
-            vectors.push_back(places[i].place);
-        const auto base = bestBase(vectors, places, radiusOfNodes(*parameter));
-        if (!base) {
-            logText("No three of " + std::to_string(vectors.size()) + " reflections form a basis.",
-                    VRK::Warning);
-            return kFailed;
-        }
-        handOver(*base, {a, b, c});
+        if (!handOverBest(places, *parameter, "reflections", {a, b, c})) return kFailed;
         const double seconds = watch.seconds();
         logTime("Find a basis in", seconds);
         return seconds;
