@@ -9,6 +9,7 @@
 #include <set>
 #include <tuple>
 
+#include "foundation/SharedLoop.h"
 #include "pipeline/integration/SpaceGroupTable.h"
 #include "pipeline/simulation/SimulatedCrystal.h"
 
@@ -315,11 +316,12 @@ LaueChoice chooseLaueGroup(std::span<const Observation> observations, const Eige
         normalised, [](const Indices& hkl) { return hkl; }, true);
     choice.friedelCorrelation =
         friedel.second >= 50 ? std::clamp(friedel.first, 0.1, 1.0) : normalised.signal;
-    for (const IndexRotation& rotation : lattice) {
-        if (rotation == IndexRotation()) continue;
-        const auto [value, pairs] = correlation(normalised, rotation, false);
-        choice.rotations.push_back({rotation, value, pairs});
-    }
+    for (const IndexRotation& rotation : lattice)
+        if (rotation != IndexRotation()) choice.rotations.push_back({rotation});
+    VRK::shareItems(choice.rotations.size(), [&](std::size_t i, std::size_t) {
+        RotationEvidence& one = choice.rotations[i];
+        std::tie(one.correlation, one.pairs) = correlation(normalised, one.rotation, false);
+    });
 
     std::set<LaueRotations> groups;
     for (const IndexRotation& a : lattice)
@@ -333,10 +335,13 @@ LaueChoice chooseLaueGroup(std::span<const Observation> observations, const Eige
         candidate.symbol = named ? named->xhm() : std::string(1, centring) + " -1";
         candidate.laueClass = named ? named->laue_str() : "-1";
         candidate.rotations = group;
-        judge(choice, candidate);
-        std::tie(candidate.rMeas, candidate.unique) = rMeasOf(observations, group);
         choice.candidates.push_back(std::move(candidate));
     }
+    VRK::shareItems(choice.candidates.size(), [&](std::size_t i, std::size_t) {
+        LaueCandidate& candidate = choice.candidates[i];
+        judge(choice, candidate);
+        std::tie(candidate.rMeas, candidate.unique) = rMeasOf(observations, candidate.rotations);
+    });
     std::sort(choice.candidates.begin(), choice.candidates.end(),
               [](const LaueCandidate& a, const LaueCandidate& b) { return a.evidence > b.evidence; });
     const double best = choice.candidates.front().evidence;

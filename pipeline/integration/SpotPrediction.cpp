@@ -5,6 +5,7 @@
 #include <cmath>
 #include <numbers>
 
+#include "foundation/SharedLoop.h"
 #include "pipeline/base/Failure.h"
 #include "pipeline/simulation/SimulatedCrystal.h"
 
@@ -33,21 +34,27 @@ public:
             m_views.emplace_back(geometry, frame);
     }
 
-    SpotPrediction predict();
+    SpotPrediction predict() const;
 
 private:
-    void add(int h, int k, int l, const Vector3d& g);
+    /// What one h gives, numbered by itself.
+    struct Plane {
+        std::vector<PredictedReflection> reflections;
+        std::vector<PredictedSpot> spots;
+    };
+
+    Plane planeOf(int h, int mostK, int mostL) const;
+    void add(int h, int k, int l, const Vector3d& g, Plane& plane) const;
     Path pathOf(const Vector3d& g) const;
-    void addAround(double tilt, PredictedReflection& reflection);
-    bool addSpot(std::size_t frame, PredictedReflection& reflection);
+    void addAround(double tilt, PredictedReflection& reflection, Plane& plane) const;
+    bool addSpot(std::size_t frame, PredictedReflection& reflection, Plane& plane) const;
     bool onFrame(const FramePose& frame, const SpotPlace& place) const;
-    void sortByFrame();
+    void sortByFrame(SpotPrediction& prediction) const;
 
     const SeriesGeometry& m_geometry;
     const RockingModel& m_rocking;
     const PredictionLimits& m_limits;
     std::vector<FrameView> m_views;
-    SpotPrediction m_result;
 };
 
 Path Predictor::pathOf(const Vector3d& g) const {
@@ -66,7 +73,7 @@ bool Predictor::onFrame(const FramePose& frame, const SpotPlace& place) const {
 }
 
 /// False when the reflection is out of reach of the frame.
-bool Predictor::addSpot(std::size_t frame, PredictedReflection& reflection) {
+bool Predictor::addSpot(std::size_t frame, PredictedReflection& reflection, Plane& plane) const {
     const FramePose& pose = m_geometry.frames[frame];
     const SpotPlace place = m_views[frame].place(reflection.g);
     if (std::abs(place.excitation) > m_rocking.reach(place.rate, reflection.length, pose.rotation))
@@ -76,37 +83,37 @@ bool Predictor::addSpot(std::size_t frame, PredictedReflection& reflection) {
         m_rocking.share(place.excitation, place.rate, reflection.length, pose.rotation).value;
     if (share < kLeastShare) return true;
     reflection.coverage += m_rocking.coverage(share, place.rate, pose.rotation);
-    m_result.spots.push_back({static_cast<std::uint32_t>(m_result.reflections.size()),
-                              static_cast<std::uint32_t>(frame), static_cast<float>(place.x),
-                              static_cast<float>(place.y), static_cast<float>(place.excitation),
-                              static_cast<float>(place.rate), static_cast<float>(share)});
+    plane.spots.push_back({static_cast<std::uint32_t>(plane.reflections.size()),
+                           static_cast<std::uint32_t>(frame), static_cast<float>(place.x),
+                           static_cast<float>(place.y), static_cast<float>(place.excitation),
+                           static_cast<float>(place.rate), static_cast<float>(share)});
     return true;
 }
 
 /// The frames next to a tilt, outwards on both sides as long as they reach the reflection.
-void Predictor::addAround(double tilt, PredictedReflection& reflection) {
+void Predictor::addAround(double tilt, PredictedReflection& reflection, Plane& plane) const {
     const auto& frames = m_geometry.frames;
     const auto at = std::lower_bound(frames.begin(), frames.end(), tilt,
                                      [](const FramePose& frame, double t) { return frame.tilt < t; });
     const auto first = static_cast<std::size_t>(at - frames.begin());
     const auto seen = [&](std::size_t frame) {
-        return std::any_of(m_result.spots.begin() + reflection.firstSpot, m_result.spots.end(),
+        return std::any_of(plane.spots.begin() + reflection.firstSpot, plane.spots.end(),
                            [frame](const PredictedSpot& spot) { return spot.frame == frame; });
     };
     for (std::size_t frame = first; frame < frames.size() && !seen(frame); ++frame)
-        if (!addSpot(frame, reflection)) break;
+        if (!addSpot(frame, reflection, plane)) break;
     for (std::size_t frame = first; frame > 0 && !seen(frame - 1); --frame)
-        if (!addSpot(frame - 1, reflection)) break;
+        if (!addSpot(frame - 1, reflection, plane)) break;
 }
 
-void Predictor::add(int h, int k, int l, const Vector3d& g) {
+void Predictor::add(int h, int k, int l, const Vector3d& g, Plane& plane) const {
     PredictedReflection reflection;
     reflection.h = h;
     reflection.k = k;
     reflection.l = l;
     reflection.g = g;
     reflection.length = g.norm();
-    reflection.firstSpot = static_cast<std::uint32_t>(m_result.spots.size());
+    reflection.firstSpot = static_cast<std::uint32_t>(plane.spots.size());
 
     const Path path = pathOf(g);
     const double angle = std::asin(path.nearest());
@@ -116,40 +123,53 @@ void Predictor::add(int h, int k, int l, const Vector3d& g) {
     };
     const double one = near(path.phase - angle);
     const double other = near(path.phase - std::numbers::pi + angle);
-    addAround(one, reflection);
-    addAround(other, reflection);
-    reflection.spotCount = static_cast<std::uint32_t>(m_result.spots.size()) - reflection.firstSpot;
+    addAround(one, reflection, plane);
+    addAround(other, reflection, plane);
+    reflection.spotCount = static_cast<std::uint32_t>(plane.spots.size()) - reflection.firstSpot;
     if (reflection.spotCount == 0) return;
 
-    const auto spots = m_result.spots.begin() + reflection.firstSpot;
-    std::sort(spots, m_result.spots.end(),
+    const auto spots = plane.spots.begin() + reflection.firstSpot;
+    std::sort(spots, plane.spots.end(),
               [](const PredictedSpot& a, const PredictedSpot& b) { return a.frame < b.frame; });
     const auto strongest =
-        std::max_element(spots, m_result.spots.end(),
+        std::max_element(spots, plane.spots.end(),
                          [](const PredictedSpot& a, const PredictedSpot& b) { return a.share < b.share; });
     const double seenAt = m_geometry.frames[strongest->frame].tilt;
     reflection.tilt = std::abs(one - seenAt) <= std::abs(other - seenAt) ? one : other;
     const double rate = path.amplitude * std::cos(angle);
     reflection.lorentz = reflection.length / std::max(rate, 1e-9 * reflection.length);
     reflection.blind = std::abs(path.offset) >= path.amplitude || reflection.lorentz > kBlindLorentz;
-    m_result.reflections.push_back(reflection);
+    plane.reflections.push_back(reflection);
 }
 
-void Predictor::sortByFrame() {
-    m_result.frameStart.assign(m_geometry.frames.size() + 1, 0);
-    for (const PredictedSpot& spot : m_result.spots)
-        ++m_result.frameStart[spot.frame + 1];
+void Predictor::sortByFrame(SpotPrediction& prediction) const {
+    prediction.frameStart.assign(m_geometry.frames.size() + 1, 0);
+    for (const PredictedSpot& spot : prediction.spots)
+        ++prediction.frameStart[spot.frame + 1];
     for (std::size_t f = 0; f < m_geometry.frames.size(); ++f)
-        m_result.frameStart[f + 1] += m_result.frameStart[f];
-    std::vector<std::uint32_t> next(m_result.frameStart.begin(), m_result.frameStart.end() - 1);
-    m_result.byFrame.resize(m_result.spots.size());
-    for (std::size_t i = 0; i < m_result.spots.size(); ++i)
-        m_result.byFrame[next[m_result.spots[i].frame]++] = static_cast<std::uint32_t>(i);
+        prediction.frameStart[f + 1] += prediction.frameStart[f];
+    std::vector<std::uint32_t> next(prediction.frameStart.begin(), prediction.frameStart.end() - 1);
+    prediction.byFrame.resize(prediction.spots.size());
+    for (std::size_t i = 0; i < prediction.spots.size(); ++i)
+        prediction.byFrame[next[prediction.spots[i].frame]++] = static_cast<std::uint32_t>(i);
 }
 
-SpotPrediction Predictor::predict() {
+Predictor::Plane Predictor::planeOf(int h, int mostK, int mostL) const {
     const double longest = 1 / m_limits.dMin;
     const double shortest = 1 / m_limits.dMax;
+    Plane plane;
+    for (int k = -mostK; k <= mostK; ++k)
+        for (int l = -mostL; l <= mostL; ++l) {
+            if (isExtinct(m_limits.centring, h, k, l) || (h == 0 && k == 0 && l == 0)) continue;
+            const Vector3d g = m_geometry.reciprocal * Vector3d(h, k, l);
+            const double square = g.squaredNorm();
+            if (square <= longest * longest && square >= shortest * shortest) add(h, k, l, g, plane);
+        }
+    return plane;
+}
+
+SpotPrediction Predictor::predict() const {
+    const double longest = 1 / m_limits.dMin;
     const double count =
         4.0 / 3 * std::numbers::pi * std::pow(longest, 3) / std::abs(m_geometry.reciprocal.determinant());
     if (!(count < kMostReflections))
@@ -160,16 +180,23 @@ SpotPrediction Predictor::predict() {
     std::array<int, 3> most{};
     for (std::size_t i = 0; i < 3; ++i)
         most[i] = static_cast<int>(cell[i] * longest);
-    for (int h = -most[0]; h <= most[0]; ++h)
-        for (int k = -most[1]; k <= most[1]; ++k)
-            for (int l = -most[2]; l <= most[2]; ++l) {
-                if (isExtinct(m_limits.centring, h, k, l) || (h == 0 && k == 0 && l == 0)) continue;
-                const Vector3d g = m_geometry.reciprocal * Vector3d(h, k, l);
-                const double square = g.squaredNorm();
-                if (square <= longest * longest && square >= shortest * shortest) add(h, k, l, g);
-            }
-    sortByFrame();
-    return std::move(m_result);
+    std::vector<Plane> planes(2 * static_cast<std::size_t>(most[0]) + 1);
+    VRK::shareItems(planes.size(), [&](std::size_t i, std::size_t) {
+        planes[i] = planeOf(static_cast<int>(i) - most[0], most[1], most[2]);
+    });
+    SpotPrediction result;
+    for (Plane& plane : planes) {
+        for (PredictedSpot& spot : plane.spots)
+            spot.reflection += static_cast<std::uint32_t>(result.reflections.size());
+        for (PredictedReflection& reflection : plane.reflections)
+            reflection.firstSpot += static_cast<std::uint32_t>(result.spots.size());
+        result.reflections.insert(result.reflections.end(), plane.reflections.begin(),
+                                  plane.reflections.end());
+        result.spots.insert(result.spots.end(), plane.spots.begin(), plane.spots.end());
+        plane = {};
+    }
+    sortByFrame(result);
+    return result;
 }
 
 }  // namespace

@@ -145,8 +145,11 @@ ShadowFinder::Mask ShadowFinder::find() {
     if (m_mean.counts <= 0 || std::min(m_mean.width, m_mean.height) < kSmallestFrame) return {};
     measureLevel();
     measureSurroundings();
+    const std::vector<Shadow> shadows = darkRegions();
+    if (shadows.empty()) return {};
+    findEdges();
     Mask result;
-    for (const Shadow& shadow : darkRegions()) {
+    for (const Shadow& shadow : shadows) {
         if (!isSharp(shadow, result)) continue;
         result.resize(shadow.pixels.size());
         std::transform(result.begin(), result.end(), shadow.pixels.begin(), result.begin(),
@@ -164,8 +167,8 @@ void ShadowFinder::measureLevel() {
     cv::Mat level = matrixOf(m_level, m_mean.width);
     cv::GaussianBlur(level, level, cv::Size(), kSigma, kSigma, cv::BORDER_REPLICATE);
     m_counts = m_mean.counts * 4 * std::numbers::pi * kSigma * kSigma;
-    findEdges();
-    m_level = morphed(view(m_level), Morphology::Open, std::max(kSpotRadius, m_unit));
+    m_withSpots = std::move(m_level);
+    m_level = morphed(view(m_withSpots), Morphology::Open, std::max(kSpotRadius, m_unit));
 }
 
 void ShadowFinder::findEdges() {
@@ -173,10 +176,10 @@ void ShadowFinder::findEdges() {
     constexpr double kLow = 0.08;
     constexpr double kHigh = 0.15;
     const auto floor = static_cast<float>(300 / m_counts);  // keeps the noise of its gradient below 0.02
-    std::vector<float> logs(m_level.size());
-    std::transform(m_level.begin(), m_level.end(), logs.begin(),
+    std::vector<float> logs(m_withSpots.size());
+    std::transform(m_withSpots.begin(), m_withSpots.end(), logs.begin(),
                    [floor](float level) { return std::log(level + floor); });
-    m_edges.resize(m_level.size());
+    m_edges.resize(logs.size());
     ImageOperations::edges(view(logs), 0, kLow, kHigh, m_edges.data());
     m_edges = morphed(view(m_edges), Morphology::Dilate, 1);
 }
@@ -210,9 +213,10 @@ void ShadowFinder::measureSurroundings() {
 std::vector<ShadowFinder::Shadow> ShadowFinder::darkRegions() const {
     Mask dark(m_level.size());
     for (std::size_t i = 0; i < dark.size(); ++i) {
+        if (!(m_depths[i] > kDark)) continue;
         const double rise = std::sqrt(std::exp(double{m_depths[i]})) - 1;
         const double difference = 2 * std::sqrt(m_counts * double{m_level[i]} + kFewCounts) * rise;
-        dark[i] = m_depths[i] > kDark && difference > kSignificantDifference ? 255 : 0;
+        dark[i] = difference > kSignificantDifference ? 255 : 0;
     }
     dark = morphed(view(dark), Morphology::Open, 1);
     std::vector<int> labels(dark.size());

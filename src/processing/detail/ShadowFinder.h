@@ -57,12 +57,13 @@ private:
     }
 
     const SeriesMean& m_mean;
-    int m_unit;                   ///< a hundredth of the frame's shorter edge, pixels
-    double m_counts = 0;          ///< level * counts has about the variance of a counting experiment
-    Mask m_edges;                 ///< three pixels wide
-    std::vector<float> m_level;   ///< the mean, a little smoothed and without reflections
-    std::vector<float> m_logs;    ///< natural logarithm of the level
-    std::vector<float> m_depths;  ///< of the surroundings over the level, the same
+    int m_unit;                      ///< a hundredth of the frame's shorter edge, pixels
+    double m_counts = 0;             ///< level * counts has about the variance of a counting experiment
+    Mask m_edges;                    ///< three pixels wide; found where there is a region that is dark
+    std::vector<float> m_withSpots;  ///< the mean, a little smoothed
+    std::vector<float> m_level;      ///< the same without reflections
+    std::vector<float> m_logs;       ///< natural logarithm of the level
+    std::vector<float> m_depths;     ///< of the surroundings over the level, the same
     std::vector<ShadowMask::Bar> m_bars;
     std::vector<ShadowMask::Disc> m_discs;
 };
