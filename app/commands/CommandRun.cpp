@@ -90,8 +90,8 @@ struct Measured {
     Workers::Aside& checksums;
 };
 
-/// Writes all files, the summary last. \returns its text
-std::string writeResults(const RunArguments& options, RunRecord& record, const RunResult& result,
+/// Writes all files, the summary last, and gives up the volume and the frames. \returns its text
+std::string writeResults(const RunArguments& options, RunRecord& record, RunResult& result,
                          const Measured& measured, ResultFolder& results, Host& host) {
     const std::filesystem::path& folder = results.path();
     host.session().beginPart(kRunParts, kRunParts, "write the results", 2);
@@ -108,8 +108,14 @@ std::string writeResults(const RunArguments& options, RunRecord& record, const R
     std::string summary =
         writeSummaryAndReport(record, result, host.warnings(), results.written(), options.pictures, folder);
     host.closeLog();
+    // The system takes as long to get so much memory back as the checksums take.
+    Workers::Aside release([&](std::size_t, std::size_t) {
+        result.volume.voxels.reset();
+        result.counts.frames.reset();
+    });
     results.commit();
     host.session().endParts();
+    release.finish();
     return summary;
 }
 
@@ -136,7 +142,7 @@ void runSeries(const RunArguments& options, const std::string& given, const std:
             commandText, options.series,
             recordStates({options.series, options.distortion, choices.fineCalibration, choices.centre.file})};
         Workers::Aside checksums([&](std::size_t, std::size_t) { addChecksums(record.inputs); });
-        const RunResult result = run(options.series, choices, host.session(), &remains);
+        RunResult result = run(options.series, choices, host.session(), &remains);
         const std::string summary =
             writeResults(options, record, result, {workers, copyRate, checksums}, results, host);
         if (options.json)
