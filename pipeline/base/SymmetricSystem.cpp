@@ -28,8 +28,12 @@ Eigen::MatrixXd scaledInverse(const Eigen::MatrixXd& matrix) {
 
 void addObservation(Eigen::MatrixXd& matrix, Eigen::VectorXd& right, const Eigen::MatrixXd& rows,
                     const Eigen::VectorXd& deviation, double weight) {
-    matrix.noalias() += weight * rows.transpose() * rows;
-    right.noalias() += weight * rows.transpose() * deviation;
+    // Component by component: a product made for large matrices takes longer for so few rows.
+    for (Eigen::Index i = 0; i < rows.rows(); ++i) {
+        const Eigen::VectorXd weighted = weight * rows.row(i).transpose();
+        matrix.noalias() += weighted * rows.row(i);
+        right += deviation(i) * weighted;
+    }
 }
 
 double smallestEigenvalue(const Eigen::MatrixXd& matrix) {
