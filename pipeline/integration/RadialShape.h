@@ -21,7 +21,7 @@ public:
 
     /// Counts at a squared distance from the centre, square pixels.
     float at(float squaredDistance) const {
-        const auto index = static_cast<std::size_t>(squaredDistance);
+        const auto index = static_cast<std::size_t>(static_cast<int>(squaredDistance));
         return index < m_bySquare.size() ? m_bySquare[index] : m_outside;
     }
     /// The distance inside which the background is above a level, pixels.
