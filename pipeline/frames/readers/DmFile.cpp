@@ -58,14 +58,15 @@ private:
     static constexpr int kDeepest = 64;
     static constexpr int kMostTags = 1'000'000;
 
+    /// Big-endian, whatever the order of the data is; with a sign from four bytes on.
     std::int64_t integer(std::size_t size) {
         std::array<char, 8> raw{};
         if (!take({raw.data(), size})) return 0;
-        const PixelType type = size == 8   ? PixelType::Int64
-                               : size == 4 ? PixelType::Int32
-                               : size == 2 ? PixelType::UInt16
-                                           : PixelType::UInt8;
-        return static_cast<std::int64_t>(decodeNumber(raw, 0, type, true));
+        // Exact: numbers of 64 bits that lie in a damaged file are more than any other kind of number holds.
+        std::uint64_t bits = 0;
+        for (std::size_t i = 0; i < size; ++i)
+            bits = bits << 8 | static_cast<unsigned char>(raw[i]);
+        return size == 4 ? static_cast<std::int32_t>(bits) : static_cast<std::int64_t>(bits);
     }
     std::int64_t length() { return integer(m_wide ? 8 : 4); }
     bool take(std::span<char> target) {
@@ -228,7 +229,7 @@ DmFile::DmFile(FrameSource source) : FrameFile(std::move(source)) {
     const auto size = [&](int dimension) {
         const double value =
             tags.number(image + "ImageData.Dimensions." + std::to_string(dimension)).value_or(1);
-        return static_cast<long long>(std::clamp(value, -1.0, 1e9));
+        return std::isnan(value) ? -1 : static_cast<long long>(std::clamp(value, -1.0, 1e9));
     };
     if (size(3) > 1) refuse("it has four dimensions; scans are not tilt series");
     if (size(2) < 1) refuse("it has no frames; the file is damaged");
