@@ -154,14 +154,11 @@ TEST(CellSearch, NoiseHasNoConvincingLattice) {
         EXPECT_LT(candidate.score.evidence, 60.0);
     EXPECT_TRUE(vrk::CellSearch().search(Points(11, Vector3d(1.0, 2.0, 3.0)), {}).empty());
     EXPECT_TRUE(vrk::CellSearch().search(Points(100, Vector3d(1.0, 2.0, 3.0)), {}).empty());
-}
-
-TEST(CellSearch, StopsWhenTheUserAsks) {
-    std::mt19937 random(5);
-    const Crystal crystal{Vector3d(10.0, 11.0, 13.0).asDiagonal()};
+    // Nor is one found when the user stops the search.
     vrk::CellSearchOptions options;
     options.canceled = [] { return true; };
-    EXPECT_TRUE(vrk::CellSearch(options).search(pointsOf(crystal, random), {}).empty());
+    const Crystal good{Vector3d(10.0, 11.0, 13.0).asDiagonal()};
+    EXPECT_TRUE(vrk::CellSearch(options).search(pointsOf(good, random), {}).empty());
 }
 
 TEST(LatticeScore, EvidenceIsTheLikelihoodRatio) {
@@ -282,19 +279,28 @@ TEST(GhostNodes, MisplacedPatternsDoNotDoubleACell) {
 }
 
 TEST(GhostNodes, AreSeenByTheNodesThatAreMissingAtTheirTilts) {
-    const Lattice lattice{0.5 * upright(), Vector3d::Zero()};
+    const Lattice lattice{0.5 * upright(), Vector3d(7, -5, 9)};
+    const auto nodes = [&](const std::function<bool(double)>& isOff) {
+        Points points = seen(lattice.basis, 0.8, isOff);
+        for (Vector3d& point : points)
+            point += lattice.origin;
+        return points;
+    };
     const auto isOff = [](double t) { return std::abs(t - 9) < 4 || std::abs(std::abs(t) - 32) < 4; };
     Points on, ghosts;
-    for (const Vector3d& point : seen(lattice.basis, 0.8, isOff))
+    for (const Vector3d& point : nodes(isOff))
         (vrk::distanceToNode(point, lattice, lattice.basis.inverse()) < 1.2 ? on : ghosts).push_back(point);
     EXPECT_TRUE(vrk::areGhosts(ghosts, on, lattice));
-    const Points all = seen(lattice.basis, 0.8, [](double) { return false; });
+    const Points all = nodes([](double) { return false; });
     EXPECT_FALSE(vrk::areGhosts(ghosts, all, lattice));
+    // Close to the axis they have no tilt.
+    EXPECT_FALSE(vrk::areGhosts(Points(50, lattice.origin + Vector3d(2.5, 10, 1.3)), all, lattice));
     // Or by a narrow range of tilts, unless most others are there as well.
     const auto between = [&](double low, double high, double farther) {
         Points some;
         std::ranges::copy_if(all, std::back_inserter(some), [&](const Vector3d& p) {
-            return (tiltOf(p) > low && tiltOf(p) < high) || tiltOf(p) < farther;
+            const double tilt = tiltOf(p - lattice.origin);
+            return (tilt > low && tilt < high) || tilt < farther;
         });
         return some;
     };
