@@ -71,8 +71,9 @@ TEST(FurtherLattice, FindsAnotherCrystalAndNothingElse) {
     const Matrix3d first = triclinic();
     Matrix3d other;
     other << 9, 0, 1, 1, 16, 0, 0, 2, 12;
-    Matrix3d finer = first;
+    Matrix3d finer = first, finest = first;
     finer.col(0) /= 2;
+    finest.col(0) /= 3;
     const std::tuple<const char*, Matrix3d, double, int, bool, bool> cases[] = {
         {"the same cell, turned", turned(first, 70), 0.6, 60, true, true},
         {"few of its reflections", turned(first, 70), 0.1, 20, true, true},
@@ -80,6 +81,7 @@ TEST(FurtherLattice, FindsAnotherCrystalAndNothingElse) {
         {"another cell", other, 0.6, 60, true, false},
         {"one among many strays", turned(first, 70), 0.03, 400, false, false},
         {"nodes of a superlattice", finer, 0.6, 0, false, false},
+        {"nodes of one of thirds", finest, 0.6, 0, false, false},
         {"strays alone", first, 0, 300, false, false},
     };
     for (const auto& [name, second, share, strays, isFound, isSameCell] : cases) {

@@ -239,6 +239,7 @@ TEST(ReciprocalSection, ShowsTheNodesOfThePlaneWhereItMarksThem) {
         return volume;
     };
 
+    SoFar soFar;
     using Case = std::tuple<const char*, Indices, Indices>;
     for (const auto& [plane, inside, outside] :
          {Case{"hk0", {1, 2, 0}, {1, 2, 1}}, Case{"h0l", {2, 0, 1}, {2, 1, 1}},
@@ -254,7 +255,16 @@ TEST(ReciprocalSection, ShowsTheNodesOfThePlaneWhereItMarksThem) {
         const ReciprocalSection section(*volume, cell, origin);
         const PlaneImage picture = section.sample(settings);
         int bright = 0;
-        for (const ImageOverlay::Node& node : section.overlay(settings, true).nodes) {
+        const ImageOverlay overlay = section.overlay(settings, true);
+        soFar.addText(overlay.title);
+        for (const ImageOverlay::Line& line : overlay.lines) {
+            soFar.addText(line.label);
+            soFar.add(line.x0, line.y0, line.x1, line.y1, line.arrow, line.faint);
+        }
+        soFar.add(overlay.scale->originX, overlay.scale->originY, overlay.scale->perPixel,
+                  overlay.scale->height);
+        for (const ImageOverlay::Node& node : overlay.nodes) {
+            soFar.add(node.x, node.y);
             ASSERT_TRUE(node.x >= 0 && node.y >= 0 && node.x < picture.width && node.y < picture.height);
             const cv::Point place(cvRound(node.x), cvRound(node.y));
             if (place.inside({0, 0, picture.width, picture.height}) && picture.at(place.x, place.y) > 500.0F)
@@ -267,6 +277,7 @@ TEST(ReciprocalSection, ShowsTheNodesOfThePlaneWhereItMarksThem) {
         for (float value : black.values)
             ASSERT_FALSE(value > 0.0F) << plane;
     }
+    EXPECT_NEAR(soFar.sum(), 93176.8323, 1e-3);
 }
 
 /// A point at a height over the plane is as bright as at the nearest place of a slab so thick.
