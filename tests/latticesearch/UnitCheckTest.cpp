@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include "pipeline/base/FolderLock.h"
+#include "pipeline/base/MemoryLimit.h"
 #include "pipeline/base/OutputFile.h"
 #include "support/FailureOf.h"
 
@@ -61,6 +62,11 @@ TEST(OutputFile, ThatIsInTheMakingGoesWithTheProgram) {
     EXPECT_TRUE(std::filesystem::exists(one.path()) && std::filesystem::exists(other.path()));
     vrk::OutputFile::removeAll();
     EXPECT_TRUE(std::filesystem::is_empty(folder / "."));
+}
+
+TEST(MemoryText, CountsInPowersOfTwo) {
+    EXPECT_EQ(vrk::memoryText(1536 << 10), "1.5 MiB");
+    EXPECT_EQ(vrk::memoryText(1280 << 20), "1.2 GiB");
 }
 
 TEST(FolderLock, IsHeldOnceAndGoesWithItsOwner) {
