@@ -1,5 +1,6 @@
 #include "pipeline/latticesearch/CellSearch.h"
 
+#include <Eigen/LU>
 #include <algorithm>
 #include <cmath>
 #include <limits>

@@ -1,5 +1,7 @@
 #include "pipeline/latticesearch/LayerSearch.h"
 
+#include <Eigen/Geometry>
+#include <Eigen/LU>
 #include <algorithm>
 #include <array>
 #include <cmath>

@@ -96,12 +96,7 @@ void expectBasis(const Mat3& lattice, const Mat3& vectors, double within) {
 }
 
 TEST(CalculateCellAlgorithm, FindsTheCellsOfNoisyReflections) {
-    struct Case {
-        const char* name;
-        std::array<double, 6> cell;
-        double maxLength;
-    };
-    const Case cases[] = {
+    const std::tuple<const char*, std::array<double, 6>, double> cases[] = {
         {"cubic", {10, 10, 10, 90, 90, 90}, 22},
         {"body-centred", {10, 10, 10, 109.47, 109.47, 109.47}, 22},
         {"hexagonal", {9, 9, 14, 90, 90, 120}, 25},
@@ -110,15 +105,14 @@ TEST(CalculateCellAlgorithm, FindsTheCellsOfNoisyReflections) {
         {"triclinic", {9, 10, 12.5, 83, 98, 104}, 26},
     };
     SoFar soFar;
-    for (const Case& one : cases)
+    for (const auto& [name, parameters, maxLength] : cases)
         for (const bool halfSpace : {true, false}) {
-            SCOPED_TRACE(one.name);
-            SCOPED_TRACE(halfSpace);
-            const Mat3 basis = basisOf(one.cell);
+            SCOPED_TRACE(std::string(name) + (halfSpace ? ", half" : ""));
+            const Mat3 basis = basisOf(parameters);
             const ReflexVectorPtr reflections = reflectionsOf(basis, 75.0, 0.25, 0.4, 7);
             Results run;
             run.parameter.setUseHaldDiffVectorSpace(halfSpace);
-            run.parameter.setMaxLength(one.maxLength);
+            run.parameter.setMaxLength(maxLength);
             run.parameter.setDBSCANEps(0.9);
             run.parameter.setDBSCANMinPts(15);
             double seconds = -7.0;
@@ -138,8 +132,8 @@ TEST(CalculateCellAlgorithm, FindsTheCellsOfNoisyReflections) {
             EXPECT_EQ(run.five(&run.parameter), -1.0);
             run.parameter.setGridSizeNiggliCell(halfSpace ? 5 : 1000000);
             ASSERT_GE(run.five(&run.parameter), 0.0);
-            EXPECT_NEAR(run.a.getLength(), one.cell[0], 0.5);
-            EXPECT_NEAR(run.c.getLength(), one.cell[2], 0.5);
+            EXPECT_NEAR(run.a.getLength(), parameters[0], 0.5);
+            EXPECT_NEAR(run.c.getLength(), parameters[2], 0.5);
             ASSERT_GE(run.six(), 0.0);
             EXPECT_TRUE(run.refined[0] && run.refined[1] && run.refined[2]);
             expectBasis(basis, run.base(), 0.15);
@@ -167,44 +161,31 @@ TEST(CalculateCellAlgorithm, OtherClusteringsFindOneClusterANode) {
     std::vector<Vector> row;  // a long axis: its clusters touch
     for (int n = 1; n < 9; ++n)
         row.push_back({20, 5, 2.6 * n});
-    struct Case {
-        const char* name;
-        std::vector<Vector> nodes;
-        double eps;
-        std::function<double(Results&)> cluster;
-        std::size_t clusters;
+    using enum ClusteringMethod;
+    using Method = std::optional<ClusteringMethod>;  // none: with smaller and smaller radii
+    const std::tuple<const char*, std::vector<Vector>, double, Method, int, std::size_t> cases[] = {
+        {"DBSCAN", apart, 1.5, DBSCAN, 0, 4},
+        {"DDSC", apart, 1.5, DDSC, 0, 4},
+        {"FSC", apart, 1.5, FSC, 0, 4},
+        {"one pass over a row", row, 1.6, {}, 0, 1},
+        {"many passes over a row", row, 1.6, {}, 1000, 8},
+        {"compact clusters stay", apart, 1.5, {}, 8, 4},
     };
-    const auto by = [](ClusteringMethod method) {
-        return [method](Results& run) {
-            return run.algorithm.clusteringStep(&run.parameter, run.grid.get(), &run.clusters, &run.noise,
-                                                method);
-        };
-    };
-    const auto recursively = [](int depth) {
-        return [depth](Results& run) {
-            return run.algorithm.rekursivClusteringWithDBSCAN(&run.parameter, run.grid.get(), &run.clusters,
-                                                              &run.noise, depth);
-        };
-    };
-    const Case cases[] = {
-        {"DBSCAN", apart, 1.5, by(ClusteringMethod::DBSCAN), 4},
-        {"DDSC", apart, 1.5, by(ClusteringMethod::DDSC), 4},
-        {"FSC", apart, 1.5, by(ClusteringMethod::FSC), 4},
-        {"one pass over a row", row, 1.6, recursively(0), 1},
-        {"smaller and smaller radii over a row", row, 1.6, recursively(1000), 8},
-        {"compact clusters stay", apart, 1.5, recursively(8), 4},
-    };
-    for (const Case& one : cases) {
-        SCOPED_TRACE(one.name);
+    for (const auto& [name, nodes, eps, method, depth, clusters] : cases) {
+        SCOPED_TRACE(name);
         Results run;
-        for (const Vector& node : one.nodes)
+        for (const Vector& node : nodes)
             run.addBlob({node[0], node[1], node[2]}, 300, 0.4);
         run.makeGrid();
-        run.parameter.setDBSCANEps(one.eps);
+        run.parameter.setDBSCANEps(eps);
         run.parameter.setDBSCANMinPts(20);
-        ASSERT_GE(one.cluster(run), 0.0);
+        ASSERT_GE(method ? run.algorithm.clusteringStep(&run.parameter, run.grid.get(), &run.clusters,
+                                                        &run.noise, *method)
+                         : run.algorithm.rekursivClusteringWithDBSCAN(&run.parameter, run.grid.get(),
+                                                                      &run.clusters, &run.noise, depth),
+                  0.0);
         EXPECT_FALSE(run.parameter.getClusterOptionsChanged());
-        ASSERT_EQ(run.clusters.size(), one.clusters);
+        ASSERT_EQ(run.clusters.size(), clusters);
         EXPECT_TRUE(run.agrees());
         EXPECT_EQ(run.count(-1), 0);
     }

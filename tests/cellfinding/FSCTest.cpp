@@ -43,52 +43,46 @@ std::pair<std::size_t, double> plainClass(const ClusterPoint<double>& point,
 }
 
 TEST(FSCTest, FindsBlobsAndTheirRadiusOnABackground) {
-    struct Case {
-        const char* name;
-        double sigma;
-        double distance;  // between blobs
-        std::size_t dimension;
-        int background;
-        double radius;
-    };
-    const Case cases[] = {
+    // Width and distance of the blobs, dimension, points of the background, radius.
+    const std::tuple<const char*, double, double, std::size_t, int, double> cases[] = {
         {"sharp", 0.4, 9.0, 3, 8000, 0.0}, {"blurred", 1.0, 12.0, 3, 3000, 0.0},
         {"close", 0.5, 4.0, 3, 3000, 0.0}, {"without background", 0.6, 9.0, 3, 0, 0.0},
         {"plane", 0.7, 9.0, 2, 1000, 0.0}, {"radius too large", 0.5, 9.0, 3, 3000, 3.0},
         {"dense", 0.3, 4.0, 3, 0, 0.0},
     };
     SoFar soFar;
-    for (const Case& one : cases) {
-        SCOPED_TRACE(one.name);
+    for (const auto& [name, width, distance, dimension, background, radius] : cases) {
+        SCOPED_TRACE(name);
+        const double sigma = width;
         FscRun c;
         std::vector<Coordinates> centres;
         for (int i = 0; i < 12; ++i) {
-            Coordinates centre(one.dimension);
-            centre[0] = one.distance * (i % 3 - 1) + 0.3;
-            centre[1] = one.distance * (i / 3 % 2);
-            if (one.dimension == 3) centre[2] = one.distance * (i / 6) - 2.1;
-            if (one.dimension == 2 && i >= 6) break;
+            Coordinates centre(dimension);
+            centre[0] = distance * (i % 3 - 1) + 0.3;
+            centre[1] = distance * (i / 3 % 2);
+            if (dimension == 3) centre[2] = distance * (i / 6) - 2.1;
+            if (dimension == 2 && i >= 6) break;
             centres.push_back(centre);
-            c.addBlob(centre, 400 - 20 * i, one.sigma);
+            c.addBlob(centre, 400 - 20 * i, sigma);
         }
-        c.addBackground(one.background, one.dimension, 24.0);
+        c.addBackground(background, dimension, 24.0);
         c.makeGrid();
         const double found = FSC::findRadius(c.grid.get());
-        EXPECT_NEAR(found / (4.0 * one.sigma), 1.0, 0.3);
+        EXPECT_NEAR(found / (4.0 * sigma), 1.0, 0.3);
         std::vector<double> memberships;
         std::vector<DiffVector3D> fuzzy;
-        ASSERT_TRUE(FSC().cluster(c.grid.get(), one.radius, &c.clusters, &c.noise, &memberships, &fuzzy));
+        ASSERT_TRUE(FSC().cluster(c.grid.get(), radius, &c.clusters, &c.noise, &memberships, &fuzzy));
         ASSERT_EQ(c.clusters.size(), centres.size());
         ASSERT_EQ(fuzzy.size(), centres.size());
         for (std::size_t i = 0; i < centres.size(); ++i) {
-            const Point<double> centre(centres[i].data(), static_cast<unsigned char>(one.dimension));
+            const Point<double> centre(centres[i].data(), static_cast<unsigned char>(dimension));
             EXPECT_TRUE(std::any_of(c.clusters.begin(), c.clusters.end(), [&](const auto* cluster) {
                 return squareTo(centre, [&](int k) { return cluster->getCenterOfGrafity(k); }) <
-                       std::pow(0.3 * one.sigma, 2);
+                       std::pow(0.3 * sigma, 2);
             })) << i;
-            for (std::size_t k = 0; k < one.dimension; ++k)
+            for (std::size_t k = 0; k < dimension; ++k)
                 EXPECT_NEAR(fuzzy[i].getValue(static_cast<int>(k)),
-                            c.clusters[i]->getCenterOfGrafity(static_cast<int>(k)), 0.3 * one.sigma);
+                            c.clusters[i]->getCenterOfGrafity(static_cast<int>(k)), 0.3 * sigma);
         }
         ASSERT_EQ(memberships.size(), c.points.size());
         EXPECT_TRUE(c.agrees());
@@ -96,7 +90,7 @@ TEST(FSCTest, FindsBlobsAndTheirRadiusOnABackground) {
             const auto* point = c.grid->getPoint(static_cast<int>(i));
             ASSERT_GE(point->getClusterID(), 0);
             const auto label = static_cast<std::size_t>(point->getClusterID());
-            const auto [expected, share] = plainClass(*point, fuzzy, one.radius > 0.0 ? one.radius : found);
+            const auto [expected, share] = plainClass(*point, fuzzy, radius > 0.0 ? radius : found);
             ASSERT_EQ(label, expected);
             ASSERT_NEAR(memberships[i], share, 1e-12);
         }
@@ -159,11 +153,7 @@ TEST(FSCTest, RefusesWhatItCannotCluster) {
     for (FscRun* c : {&good, &one, &line, &strange})
         c->makeGrid();
     wide.makeGridAround(8);  // other limits do not let points outside in
-    const struct {
-        const char* message;
-        FscRun* clustering;
-        double radius;
-    } cases[] = {
+    const std::tuple<const char*, FscRun*, double> cases[] = {
         {"fewer than two points", &one, 0.0},
         {"two or three coordinates", &line, 0.0},
         {"no number", &strange, 0.0},
@@ -171,12 +161,12 @@ TEST(FSCTest, RefusesWhatItCannotCluster) {
         {"must be 0 or above", &good, std::nan("")},
         {"too small for the extent", &wide, 2.0},
     };
-    for (const auto& bad : cases) {
-        SCOPED_TRACE(bad.message);
+    for (const auto& [message, bad, radius] : cases) {
+        SCOPED_TRACE(message);
         RecordingLogObserver log;
-        EXPECT_FALSE(bad.clustering->run(bad.radius));
-        EXPECT_EQ(log.count(bad.message, VRK::Error), 1);
-        EXPECT_TRUE(bad.clustering->clusters.empty() && bad.clustering->noise.empty());
+        EXPECT_FALSE(bad->run(radius));
+        EXPECT_EQ(log.count(message, VRK::Error), 1);
+        EXPECT_TRUE(bad->clusters.empty() && bad->noise.empty());
     }
     RecordingLogObserver log;
     EXPECT_FALSE(FSC().cluster(nullptr, 0.0, &good.clusters, &good.noise));

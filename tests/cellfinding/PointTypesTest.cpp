@@ -24,16 +24,10 @@ PointSet<Point<double>> setOf(std::vector<Point<double>> points) {
     return PointSet<Point<double>>(&list);
 }
 
-/// A value that an operation gives and the one it ought to give.
-struct PointCase {
-    const char* what;
-    double value;
-    double expected;
-};
-
-void check(const std::vector<PointCase>& cases) {
-    for (const PointCase& c : cases)
-        EXPECT_DOUBLE_EQ(c.value, c.expected) << c.what;
+/// Values that operations give and those they ought to give.
+void check(const std::vector<std::tuple<const char*, double, double>>& cases) {
+    for (const auto& [what, value, expected] : cases)
+        EXPECT_DOUBLE_EQ(value, expected) << what;
 }
 
 TEST(PointTypesTest, PointsAnswerUnequalDimensionsWithAValue) {

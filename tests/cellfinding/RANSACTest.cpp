@@ -56,42 +56,35 @@ double angleBetween(const Line<double>& line, const Coordinates& direction) {
 }
 
 TEST(RANSACTest, FindsTheLinesAmongPointsThatLieOnNone) {
-    struct Truth {
-        Coordinates start, direction;
-    };
-    struct Case {
-        const char* name;
-        bool throughOrigin;
-        std::vector<Truth> lines;
-    };
-    const Case cases[] = {
+    using Lines = std::vector<std::pair<Coordinates, Coordinates>>;  // starts and directions
+    const std::tuple<const char*, bool, Lines> cases[] = {
         {"plane", false, {{{2, 3}, {20, -9}}, {{-5, 0}, {4, 22}}}},
         {"space", false, {{{2, 3, 4}, {20, -9, 3}}, {{2, 3, -5}, {0, 10, 20}}, {{-9, 0, 0}, {20, -9, 3}}}},
         {"through the origin", true, {{{0, 0, 0}, {3, 4, 25}}, {{0, 0, 0}, {20, -9, 3}}}},
         {"four dimensions", false, {{{2, 3, 4, 1}, {20, -9, 3, 8}}}},
     };
     SoFar soFar;
-    for (const Case& one : cases)
+    for (const auto& [name, throughOrigin, lines] : cases)
         for (unsigned seed = 1; seed < 5; ++seed) {
-            SCOPED_TRACE(testing::Message() << one.name << ", seed " << seed);
+            SCOPED_TRACE(testing::Message() << name << ", seed " << seed);
             std::mt19937 random(seed);
             Cloud cloud;
             int count = 160;
-            for (const Truth& line : one.lines)
-                cloud.addLine(random, count -= 30, line.start, line.direction);
-            cloud.addNoise(random, 200, one.lines[0].start.size());
+            for (const auto& [start, direction] : lines)
+                cloud.addLine(random, count -= 30, start, direction);
+            cloud.addNoise(random, 200, lines[0].first.size());
             RANSAC::Settings settings;
-            settings.mostLines = static_cast<int>(one.lines.size());
-            settings.throughOrigin = one.throughOrigin;
+            settings.mostLines = static_cast<int>(lines.size());
+            settings.throughOrigin = throughOrigin;
             settings.seed = seed;
             const auto found = cloud.fit(settings);
-            ASSERT_EQ(found.size(), one.lines.size());
+            ASSERT_EQ(found.size(), lines.size());
             for (std::size_t i = 0; i < found.size(); ++i) {
-                const auto& [start, direction] = one.lines[i];
+                const auto& [start, direction] = lines[i];
                 EXPECT_LT(angleBetween(found[i].line, direction), 0.01);
                 EXPECT_NEAR(found[i].line.getVec()->getLength(), 1.0, 1e-12);
                 const Point<double> begin(start.data(), static_cast<unsigned char>(start.size()));
-                EXPECT_LT(found[i].line.getDistTo(&begin), one.throughOrigin ? 1e-9 : 0.15);
+                EXPECT_LT(found[i].line.getDistTo(&begin), throughOrigin ? 1e-9 : 0.15);
                 soFar.add(found[i].rms, found[i].inliers.size());
             }
             const auto again = cloud.fit(settings);
@@ -146,14 +139,8 @@ TEST(RANSACTest, RefusesWhatHasNoLines) {
         return settings;
     };
     std::vector<double> short1{1.0}, zero{1.0, 0.0, 1.0};
-    struct Case {
-        const char* message;
-        const std::vector<Point<double>*>* points;
-        const std::vector<double>* uncertainties;
-        Settings settings;
-    };
     const std::vector<Point<double>*> missing{good.points[0], nullptr, good.points[1]};
-    const Case cases[] = {
+    const std::tuple<const char*, decltype(&missing), decltype(&zero), Settings> cases[] = {
         {"no list of points", nullptr, nullptr, {}},
         {"point 0 is missing or has the wrong", &flat.points, nullptr, {}},
         {"point 1 is missing or has the wrong", &mixed.points, nullptr, {}},
@@ -168,11 +155,11 @@ TEST(RANSACTest, RefusesWhatHasNoLines) {
     };
     std::vector<RANSAC::FittedLine> lines = good.fit({});
     ASSERT_EQ(lines.size(), 1u);
-    for (const Case& one : cases) {
-        SCOPED_TRACE(one.message);
+    for (const auto& [message, points, uncertainties, settings] : cases) {
+        SCOPED_TRACE(message);
         RecordingLogObserver log;
-        EXPECT_FALSE(RANSAC::fitLines(one.points, one.uncertainties, one.settings, &lines));
-        EXPECT_EQ(log.count(one.message, VRK::Error), 1);
+        EXPECT_FALSE(RANSAC::fitLines(points, uncertainties, settings, &lines));
+        EXPECT_EQ(log.count(message, VRK::Error), 1);
         EXPECT_EQ(lines.size(), 1u);
     }
     EXPECT_FALSE(RANSAC::fitLines(&good.points, nullptr, {}, nullptr));

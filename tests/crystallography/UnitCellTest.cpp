@@ -88,6 +88,8 @@ TEST(UnitCellClassTest, ParametersAndVolume) {
         EXPECT_FALSE(space.setRealDimensions(dimensions));
         EXPECT_TRUE(space.equal(Space()));
     }
+    const double x[3] = {1, 0, 0}, y[3] = {0, 1, 0};
+    EXPECT_FALSE(Space().setRealBaseVectors(x, y, x) || Space().setReciprocalBaseVectors(y, y, x));
 }
 
 TEST(UnitCellClassTest, VolumeIsTruncatedAndLimited) {

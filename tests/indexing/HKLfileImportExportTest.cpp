@@ -44,12 +44,8 @@ TEST_F(HKLfileImportExportTest, WritesIndexedReflectionsInOrderOfTheirIndices) {
 }
 
 TEST_F(HKLfileImportExportTest, ChoosesTheFieldByTheStrongestReflection) {
-    struct Case {
-        double strongest;
-        std::vector<std::pair<double, std::string>> fields;  // intensity and its field
-        std::string format;
-    };
-    const Case cases[] = {
+    using Fields = std::vector<std::pair<double, std::string>>;  // of intensities
+    const std::tuple<double, Fields, std::string> cases[] = {
         {99999.99,
          {{99999.99, "99999.99"},
           {0.05, "     . 5"},
@@ -66,15 +62,13 @@ TEST_F(HKLfileImportExportTest, ChoosesTheFieldByTheStrongestReflection) {
         {1e22, {{1e22, "10000000000000000000000"}}, "(3I4 2F23.0)"},
         {10.0, {{std::numeric_limits<double>::infinity(), "     err"}}, ""},
     };
-    for (const Case& one : cases) {
-        for (const auto& [intensity, field] : one.fields) {
+    for (const auto& [strongest, fields, format] : cases)
+        for (const auto& [intensity, field] : fields) {
             RecordingLogObserver log;
-            const std::string text = written({{1, 2, 3, intensity}, {7, 7, 7, one.strongest}});
-            EXPECT_EQ(text.substr(0, 12 + field.size()), "   1   2   3" + field) << one.strongest;
-            EXPECT_EQ(log.count("HKL Format changed to " + one.format, VRK::Warning),
-                      one.format.empty() ? 0 : 1);
+            const std::string text = written({{1, 2, 3, intensity}, {7, 7, 7, strongest}});
+            EXPECT_EQ(text.substr(0, 12 + field.size()), "   1   2   3" + field) << strongest;
+            EXPECT_EQ(log.count("HKL Format changed to " + format, VRK::Warning), format.empty() ? 0 : 1);
         }
-    }
 }
 
 TEST_F(HKLfileImportExportTest, ReportsWhatCannotBeWritten) {

@@ -154,14 +154,18 @@ TEST(CellSearch, NoiseHasNoConvincingLattice) {
         EXPECT_LT(candidate.score.evidence, 60.0);
     EXPECT_TRUE(vrk::CellSearch().search(Points(11, Vector3d(1.0, 2.0, 3.0)), {}).empty());
     EXPECT_TRUE(vrk::CellSearch().search(Points(100, Vector3d(1.0, 2.0, 3.0)), {}).empty());
-}
-
-TEST(CellSearch, StopsWhenTheUserAsks) {
-    std::mt19937 random(5);
-    const Crystal crystal{Vector3d(10.0, 11.0, 13.0).asDiagonal()};
+    // Nor is one found when the user stops the search.
     vrk::CellSearchOptions options;
     options.canceled = [] { return true; };
-    EXPECT_TRUE(vrk::CellSearch(options).search(pointsOf(crystal, random), {}).empty());
+    const Crystal good{Vector3d(10.0, 11.0, 13.0).asDiagonal()};
+    EXPECT_TRUE(vrk::CellSearch(options).search(pointsOf(good, random), {}).empty());
+}
+
+TEST(Lattice, TellsItsReducedCellWhereThereIsOne) {
+    const Lattice lattice{Vector3d(10, 20, 25).asDiagonal(), Vector3d::Zero()};
+    EXPECT_EQ(vrk::cellText(lattice, 1e8), "4.00 5.00 10.00  90.0 90.0 90.0");
+    EXPECT_EQ(vrk::cellText(lattice, 0), "");
+    EXPECT_EQ(vrk::cellText({Matrix3d::Zero(), Vector3d::Zero()}, 1e8), "");
 }
 
 TEST(LatticeScore, EvidenceIsTheLikelihoodRatio) {
@@ -201,25 +205,12 @@ TEST(LatticeScore, MultiplesAreSettledByThePoints) {
         soFar.addAll(settled.origin);
     }
     EXPECT_NEAR(soFar.sum(), 209.018178, 1e-5);
-}
-
-TEST(LatticeScore, FittingFindsTheLatticeFromACoarseStart) {
-    std::mt19937 random(9);
-    const Crystal crystal{Vector3d(8.0, 9.0, 12.0).asDiagonal()};
-    Points points = pointsOf(crystal, random);
-    const Vector3d shift(0.4, -0.3, 0.2);
-    for (Vector3d& point : points)
-        point += shift;
-    Matrix3d change;
-    change << 1.02, 0.01, 0.0, -0.01, 0.98, 0.02, 0.0, 0.01, 1.01;
-    const Lattice start{change * crystal.basis, Vector3d::Zero()};
-    const Lattice fitted = vrk::fitWithin(points, start, 1.5);
-    EXPECT_LT((fitted.basis - crystal.basis).cwiseAbs().maxCoeff(), 0.02);
-    EXPECT_LT((fitted.origin - shift).norm(), 0.15);
     // Points in a plane determine no lattice.
-    for (Vector3d& point : points)
+    Points plane = points;
+    for (Vector3d& point : plane)
         point[2] = 0.0;
-    EXPECT_EQ(vrk::fitWithin(points, start, 1.5).basis, start.basis);
+    EXPECT_EQ(vrk::fitWithin(plane, {1.02 * crystal.basis, Vector3d::Zero()}, 1.5).basis,
+              1.02 * crystal.basis);
 }
 
 // Nodes of a finer lattice must come from patterns all over the series.
@@ -282,19 +273,33 @@ TEST(GhostNodes, MisplacedPatternsDoNotDoubleACell) {
 }
 
 TEST(GhostNodes, AreSeenByTheNodesThatAreMissingAtTheirTilts) {
-    const Lattice lattice{0.5 * upright(), Vector3d::Zero()};
+    const Lattice lattice{0.5 * upright(), Vector3d(7, -5, 9)};
+    const auto nodes = [&](const std::function<bool(double)>& isOff) {
+        Points points = seen(lattice.basis, 0.8, isOff);
+        for (Vector3d& point : points)
+            point += lattice.origin;
+        return points;
+    };
     const auto isOff = [](double t) { return std::abs(t - 9) < 4 || std::abs(std::abs(t) - 32) < 4; };
     Points on, ghosts;
-    for (const Vector3d& point : seen(lattice.basis, 0.8, isOff))
+    for (const Vector3d& point : nodes(isOff))
         (vrk::distanceToNode(point, lattice, lattice.basis.inverse()) < 1.2 ? on : ghosts).push_back(point);
     EXPECT_TRUE(vrk::areGhosts(ghosts, on, lattice));
-    const Points all = seen(lattice.basis, 0.8, [](double) { return false; });
+    const Points all = nodes([](double) { return false; });
     EXPECT_FALSE(vrk::areGhosts(ghosts, all, lattice));
+    // Close to the axis they have no tilt.
+    EXPECT_FALSE(vrk::areGhosts(Points(50, lattice.origin + Vector3d(2.5, 10, 1.3)), all, lattice));
+    // Few nodes tell nothing.
+    Points few;
+    std::ranges::copy_if(all, std::back_inserter(few),
+                         [&](const Vector3d& p) { return (p - lattice.origin).norm() < 11; });
+    EXPECT_FALSE(vrk::areGhosts(few, few, lattice));
     // Or by a narrow range of tilts, unless most others are there as well.
     const auto between = [&](double low, double high, double farther) {
         Points some;
         std::ranges::copy_if(all, std::back_inserter(some), [&](const Vector3d& p) {
-            return (tiltOf(p) > low && tiltOf(p) < high) || tiltOf(p) < farther;
+            const double tilt = tiltOf(p - lattice.origin);
+            return (tilt > low && tilt < high) || tilt < farther;
         });
         return some;
     };

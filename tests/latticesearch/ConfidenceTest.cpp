@@ -45,6 +45,12 @@ TEST(Confidence, EachDoubtLowersItAndIsNamed) {
         std::optional<Confidence> lattice = {};  ///< where it is not the level
     } cases[] = {
         {"", [](LatticeEvidence&) {}, High},
+        {"",
+         [](Known& e) {
+             std::tie(e.score.evidence, e.score.indexed, e.indexedShare) = std::tuple(300, 60, 0.8);
+             e.completeness->shells.fill({40, 18});
+         },
+         High},
         {"few reflections", [](Known& e) { e.score.evidence = 299; }, Fair},
         {"few reflections", [](Known& e) { e.score.evidence = 119; }, Low},
         {"59 % of the reflections lie near", [](Known& e) { e.score.indexed = 59; }, Fair},

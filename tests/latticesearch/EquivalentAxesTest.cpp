@@ -20,25 +20,23 @@ UnitCell primitiveCell(const Six& cell, LATTICE::BravaisTypes type, testing_supp
 }
 
 TEST(EquivalentAxes, DoNotDependOnNoise) {
-    const struct {
-        Six cell;
-        LATTICE::BravaisTypes type;
-    } cases[] = {{{12, 12, 12, 90, 90, 90}, LATTICE::cI}, {{8, 8, 11, 90, 90, 90}, LATTICE::tP},
-                 {{7, 7, 13, 90, 90, 120}, LATTICE::hP},  {{7, 7, 20, 90, 90, 120}, LATTICE::hR},
-                 {{7, 8, 11, 90, 90, 90}, LATTICE::oP},   {{7, 9, 11, 90, 90, 90}, LATTICE::oC},
-                 {{7, 9, 11, 90, 101, 90}, LATTICE::mP},  {{5.2, 6.1, 4.6, 90, 105, 90}, LATTICE::mC}};
-    for (const auto& one : cases) {
-        SCOPED_TRACE(LATTICE::shortName(one.type));
+    const std::pair<Six, LATTICE::BravaisTypes> cases[] = {
+        {{12, 12, 12, 90, 90, 90}, LATTICE::cI}, {{8, 8, 11, 90, 90, 90}, LATTICE::tP},
+        {{7, 7, 13, 90, 90, 120}, LATTICE::hP},  {{7, 7, 20, 90, 90, 120}, LATTICE::hR},
+        {{7, 8, 11, 90, 90, 90}, LATTICE::oP},   {{7, 9, 11, 90, 90, 90}, LATTICE::oC},
+        {{7, 9, 11, 90, 101, 90}, LATTICE::mP},  {{5.2, 6.1, 4.6, 90, 105, 90}, LATTICE::mC}};
+    for (const auto& [numbers, type] : cases) {
+        SCOPED_TRACE(LATTICE::shortName(type));
         testing_support::RandomLattice random(3);
         std::set<std::vector<int>> found;
         std::size_t others = 0;
         for (int n = 0; n < 40; ++n) {
-            const UnitCell cell = primitiveCell(one.cell, one.type, random);
+            const UnitCell cell = primitiveCell(numbers, type, random);
             const UnitCell* analysed = &cell;
             const std::unique_ptr<UnitCell> reciprocal(UnitCell(cell).getReciprocalCell());
             if (n % 2 == 1) analysed = reciprocal.get();
             LatticeCharacter character = LatticeSymmetry::analyse(*analysed).front();
-            ASSERT_EQ(character.bravaisType, one.type);
+            ASSERT_EQ(character.bravaisType, type);
             const Six before = numbersOf(character.symmetrised);
             vrk::settleAxes(character, *analysed);
             found.insert({&character.toConventional[0][0], &character.toConventional[0][0] + 9});

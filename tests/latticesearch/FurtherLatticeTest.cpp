@@ -71,48 +71,43 @@ TEST(FurtherLattice, FindsAnotherCrystalAndNothingElse) {
     const Matrix3d first = triclinic();
     Matrix3d other;
     other << 9, 0, 1, 1, 16, 0, 0, 2, 12;
-    Matrix3d finer = first;
+    Matrix3d finer = first, finest = first;
     finer.col(0) /= 2;
-    const struct {
-        const char* name;
-        Matrix3d second;
-        double share;
-        int strays;
-        bool found;
-        bool sameCell;
-    } cases[] = {
+    finest.col(0) /= 3;
+    const std::tuple<const char*, Matrix3d, double, int, bool, bool> cases[] = {
         {"the same cell, turned", turned(first, 70), 0.6, 60, true, true},
         {"few of its reflections", turned(first, 70), 0.1, 20, true, true},
         {"split", turned(first, 4), 0.6, 60, true, true},
         {"another cell", other, 0.6, 60, true, false},
         {"one among many strays", turned(first, 70), 0.03, 400, false, false},
         {"nodes of a superlattice", finer, 0.6, 0, false, false},
+        {"nodes of one of thirds", finest, 0.6, 0, false, false},
         {"strays alone", first, 0, 300, false, false},
     };
-    for (const auto& one : cases) {
-        SCOPED_TRACE(one.name);
+    for (const auto& [name, second, share, strays, isFound, isSameCell] : cases) {
+        SCOPED_TRACE(name);
         std::mt19937 random(8);
         std::uniform_real_distribution<double> anywhere(-60, 60);
         Points all, left;
-        add(all, one.second, one.share, random);
+        add(all, second, share, random);
         const Lattice known{first, Vector3d::Zero(), 5e7};
         const Matrix3d inverse = first.inverse();
         for (const Vector3d& point : all)
             if (vrk::distanceToNode(point, known, inverse) > 1.3) left.push_back(point);
-        for (int i = 0; i < one.strays; ++i)
+        for (int i = 0; i < strays; ++i)
             left.emplace_back(anywhere(random), anywhere(random), anywhere(random));
         const vrk::CellSearch search;
         const auto found =
             vrk::findFurtherLattice(left, std::vector<double>(left.size(), 1), {{known}}, &search);
-        ASSERT_EQ(found.has_value(), one.found);
+        ASSERT_EQ(found.has_value(), isFound);
         if (!found) continue;
-        EXPECT_EQ(found->sameCell, one.sameCell);
-        EXPECT_TRUE(vrk::sameLattice(found->candidate.lattice.basis, vrk::reduced(one.second), 0.03));
+        EXPECT_EQ(found->sameCell, isSameCell);
+        EXPECT_TRUE(vrk::sameLattice(found->candidate.lattice.basis, vrk::reduced(second), 0.03));
         EXPECT_EQ(found->candidate.lattice.pixelSize, 5e7);
         soFar.addAll(found->candidate.lattice.basis.reshaped());
         soFar.add(found->candidate.score.evidence, found->candidate.score.indexed);
         const bool alone = !vrk::findFurtherLattice(left, {}, {{known}}, nullptr);
-        EXPECT_EQ(alone, !one.sameCell) << "the cell of the first alone";
+        EXPECT_EQ(alone, !isSameCell) << "the cell of the first alone";
     }
     EXPECT_NEAR(soFar.sum(), 6334.01942, 1e-4);
 }

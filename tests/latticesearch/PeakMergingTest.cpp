@@ -34,16 +34,13 @@ Points onFrames(const Points& nodes, double step, int most, std::mt19937& random
 }
 
 TEST(PeakMerging, PutsThePeaksOfAReflectionTogether) {
-    const struct {
-        double step;  // degrees
-        int most;
-    } cases[] = {{0.1, 12}, {0.25, 6}, {0.5, 5}, {1.0, 3}};
     SoFar soFar;
-    for (const auto& one : cases) {
-        SCOPED_TRACE(one.step);
+    // Degrees between frames, and how many show a node at most.
+    for (const auto& [step, most] : {std::pair(0.1, 12), {0.25, 6}, {0.5, 5}, {1.0, 3}}) {
+        SCOPED_TRACE(step);
         std::mt19937 random(3);
         const Points nodes = nodesOf({11.0, 13.0, 16.0}, random);
-        Points points = onFrames(nodes, one.step, one.most, random);
+        Points points = onFrames(nodes, step, most, random);
         const double distance = vrk::mergingDistance(points);
         ASSERT_GT(distance, 0.0);
         std::vector<double> weights;

@@ -85,6 +85,7 @@ TEST(PositionRefinement, AdmitsThatFlatDataTellNoSense) {
         result = vrk::refinePositions(data.positions, data.tilts, from, at(wavelength));
         ASSERT_TRUE(result);
         EXPECT_EQ(result->sense, 0);
+        EXPECT_EQ(result->significance, 0);
         EXPECT_FALSE(result->decided);
         EXPECT_EQ(result->positions[0], data.positions[0]);
     }

@@ -1,5 +1,9 @@
 #include "pipeline/base/UnitCheck.h"
 
+#include <unistd.h>
+
+#include "pipeline/base/FolderLock.h"
+#include "pipeline/base/MemoryLimit.h"
 #include "pipeline/base/OutputFile.h"
 #include "support/FailureOf.h"
 
@@ -58,6 +62,25 @@ TEST(OutputFile, ThatIsInTheMakingGoesWithTheProgram) {
     EXPECT_TRUE(std::filesystem::exists(one.path()) && std::filesystem::exists(other.path()));
     vrk::OutputFile::removeAll();
     EXPECT_TRUE(std::filesystem::is_empty(folder / "."));
+}
+
+TEST(MemoryText, CountsInPowersOfTwo) {
+    EXPECT_EQ(vrk::memoryText(1536 << 10), "1.5 MiB");
+    EXPECT_EQ(vrk::memoryText(1280 << 20), "1.2 GiB");
+}
+
+TEST(FolderLock, IsHeldOnceAndGoesWithItsOwner) {
+    const TemporaryFolder folder;
+    const std::function<void()> actions[] = {[&] { vrk::FolderLock::refuseHeld(folder / "."); },
+                                             [&] { const vrk::FolderLock another(folder / "."); }};
+    auto lock = std::make_unique<vrk::FolderLock>(folder / ".");
+    EXPECT_EQ(folder.read(vrk::FolderLock::kFile), std::to_string(getpid()) + "\n");
+    for (const bool isHeld : {true, false}) {
+        for (const auto& action : actions)
+            EXPECT_EQ(failureOf(action).text.empty(), !isHeld);
+        lock.reset();
+        EXPECT_TRUE(std::filesystem::is_empty(folder / "."));
+    }
 }
 
 }  // namespace

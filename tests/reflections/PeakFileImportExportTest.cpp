@@ -120,16 +120,11 @@ TEST_F(PeakFile, ThatIsMalformedIsReadAsFarAsItGoes) {
             result += (i == number ? line : text) + "\n";
         return result;
     };
-    struct Case {
-        const char* name;
-        std::string content;
-        bool loaded;
-        std::size_t peaks;
-        const char* error;  ///< null: no error message
-    };
+    // Whether it is loaded, with how many peaks, and the message of an error.
+    using Case = std::tuple<const char*, std::string, bool, std::size_t, const char*>;
     const char* early = "Error while reading in the file";
     const char* unknown = "Unkown peak file format";
-    for (const Case& c : {
+    for (const auto& [name, content, loaded, peaks, error] : {
              Case{"empty", "", false, 0, unknown},
              Case{"version 3", withLine(1, "#VRKPEAKSVERSION 3"), false, 0, unknown},
              Case{"more after the version", withLine(1, "#VRKPEAKSVERSION 20 x"), true, 2, nullptr},
@@ -150,14 +145,14 @@ TEST_F(PeakFile, ThatIsMalformedIsReadAsFarAsItGoes) {
              Case{"long line 8", withLine(8, "#" + longLine), false, 0, early},
              Case{"long peak line", withLine(9, "1 2 3 " + longLine), false, 0, early},
          }) {
-        SCOPED_TRACE(c.name);
-        put(c.content);
+        SCOPED_TRACE(name);
+        put(content);
         log.messages.clear();
         list->destroyElements();
-        EXPECT_EQ(load(), c.loaded);
-        EXPECT_EQ(list->size(), c.peaks);
-        EXPECT_EQ(log.count("", VRK::Error), c.error ? 1 : 0);
-        EXPECT_TRUE(!c.error || log.has(c.error, VRK::Error));
+        EXPECT_EQ(load(), loaded);
+        EXPECT_EQ(list->size(), peaks);
+        EXPECT_EQ(log.count("", VRK::Error), error ? 1 : 0);
+        EXPECT_TRUE(!error || log.has(error, VRK::Error));
         for (Reflex* reflex : *list)
             for (int axis = 0; axis < 3; ++axis)
                 EXPECT_TRUE(std::abs(reflex->getCenter(axis)) <= std::numeric_limits<int>::max());

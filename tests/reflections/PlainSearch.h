@@ -9,9 +9,7 @@
 #include "reflections/ReflexOnGrid.h"
 #include "support/Testing.h"
 
-struct PlainVoxel {
-    int x, y, z;
-};
+using PlainVoxel = std::array<int, 3>;  // x, y, z
 
 class PlainVolume {
 public:
@@ -20,8 +18,9 @@ public:
 
     int d(unsigned i) const { return static_cast<int>(m_volume.GetDimSize(i)); }
     int index(const PlainVoxel& v) const {
-        const bool inside = v.x >= 0 && v.x < d(1) && v.y >= 0 && v.y < d(0) && v.z >= 0 && v.z < d(2);
-        return inside ? (d(1) * v.z + v.x) * d(0) + v.y : -1;
+        const auto& [x, y, z] = v;
+        const bool inside = x >= 0 && x < d(1) && y >= 0 && y < d(0) && z >= 0 && z < d(2);
+        return inside ? (d(1) * z + x) * d(0) + y : -1;
     }
     PlainVoxel voxel(int index) const {
         const int rest = index % (d(1) * d(0));
@@ -40,55 +39,46 @@ private:
 
 struct PlainReflection {
     std::set<int> points;
-    double x = 0, y = 0, z = 0;
-    double weighted[3] = {};
+    std::array<double, 3> total{}, weighted{};
     PlainVoxel brightest{}, low{}, high{};
     float sum = 0, max = 0, min = 0;
 
     /// Adds the voxel if it belongs to the region.
     bool add(const PlainVolume& volume, const PlainVoxel& v, bool first = false) {
         const int index = volume.index(v);
-        if (index == -1 || points.count(index) != 0) return false;
-        if (!first && volume.background(index)) return false;
+        if (index == -1 || (!first && volume.background(index)) || !points.insert(index).second) return false;
         const float value = volume.value(index);
-        points.insert(index);
-        x += v.x;
-        y += v.y;
-        z += v.z;
         sum += value;
-        weighted[0] += double{value} * v.x;
-        weighted[1] += double{value} * v.y;
-        weighted[2] += double{value} * v.z;
         if (first) low = high = v;
-        low = {std::min(low.x, v.x), std::min(low.y, v.y), std::min(low.z, v.z)};
-        high = {std::max(high.x, v.x), std::max(high.y, v.y), std::max(high.z, v.z)};
-        if (first || min > value) min = value;
-        if (first || value > max) {
-            max = value;
-            brightest = v;
+        for (std::size_t i = 0; i < 3; ++i) {
+            total[i] += v[i];
+            weighted[i] += double{value} * v[i];
+            low[i] = std::min(low[i], v[i]);
+            high[i] = std::max(high[i], v[i]);
         }
+        if (first || min > value) min = value;
+        if (!first && value <= max) return true;
+        max = value;
+        brightest = v;
         return true;
     }
 
     static PlainReflection grow(const PlainVolume& volume, const PlainVoxel& start) {
         PlainReflection region;
         region.add(volume, start, true);
-        std::queue<PlainVoxel> queue({start});
-        for (; !queue.empty(); queue.pop()) {
-            const auto [x, y, z] = queue.front();
-            for (const PlainVoxel& next :
-                 {PlainVoxel{x - 1, y, z}, PlainVoxel{x + 1, y, z}, PlainVoxel{x, y - 1, z},
-                  PlainVoxel{x, y + 1, z}, PlainVoxel{x, y, z - 1}, PlainVoxel{x, y, z + 1}})
+        for (std::queue<PlainVoxel> queue({start}); !queue.empty(); queue.pop())
+            for (std::size_t i = 0; i < 6; ++i) {
+                PlainVoxel next = queue.front();
+                next[i / 2] += i % 2 == 0 ? -1 : 1;
                 if (region.add(volume, next)) queue.push(next);
-        }
+            }
         return region;
     }
 
     double center(int axis, int type) const {
-        const double gravity[3] = {double(brightest.x), double(brightest.y), double(brightest.z)};
-        const double mean[3] = {x, y, z};
-        if (type == 1) return gravity[axis];
-        return type == 2 ? mean[axis] / static_cast<double>(points.size()) : weighted[axis] / double{sum};
+        const auto i = static_cast<std::size_t>(axis);
+        if (type == 1) return brightest[i];
+        return type == 2 ? total[i] / static_cast<double>(points.size()) : weighted[i] / double{sum};
     }
 };
 
@@ -101,19 +91,17 @@ inline std::vector<PlainReflection> plainSearch(const VoxMRCData& data, const Pa
                 for (int z = first; z < volume.d(2); z += 2) {
                     const int index = volume.index({x, y, z});
                     if (volume.background(index)) continue;
-                    bool known = false;
-                    for (const PlainReflection& other : list)
-                        known = known || other.points.count(index) != 0;
-                    if (!known) list.push_back(PlainReflection::grow(volume, {x, y, z}));
+                    if (std::ranges::none_of(list, [&](auto& other) { return other.points.contains(index); }))
+                        list.push_back(PlainReflection::grow(volume, {x, y, z}));
                 }
     std::erase_if(list, [&](const PlainReflection& r) {
         const int count = static_cast<int>(r.points.size());
-        double distance[3];
+        double square = 0;
         for (int axis = 0; axis < 3; ++axis)
-            distance[axis] = volume.d(static_cast<unsigned>(axis)) / 2 -
-                             r.center(axis, p.getWhichReflectionMiddleShouldUsed());
-        const double radius =
-            std::sqrt(distance[0] * distance[0] + distance[1] * distance[1] + distance[2] * distance[2]);
+            square += std::pow(volume.d(static_cast<unsigned>(axis)) / 2 -
+                                   r.center(axis, p.getWhichReflectionMiddleShouldUsed()),
+                               2);
+        const double radius = std::sqrt(square);
         return count < p.getMinCountOfVoxel() || count > p.getMaxCountOfVoxel() ||
                (p.getCutOffZeroBeam() && !(p.getMinDistToZeroBeam() <= radius)) ||
                (p.getLimitResolution() && !(radius <= p.getLimitOfResolution()));
@@ -134,14 +122,13 @@ inline void expectSame(ReflexOnGrid& region, const PlainReflection& expected) {
         }
     double x = 0, y = 0, z = 0;
     region.getCenter(x, y, z);
-    EXPECT_EQ((std::array{x, y, z}),
-              (std::array{region.getCenter(0), region.getCenter(1), region.getCenter(2)}));
+    EXPECT_TRUE(x == region.getCenter(0) && y == region.getCenter(1) && z == region.getCenter(2));
     EXPECT_EQ(region.getCenter(0, 7), 0.0);
     EXPECT_EQ(region.getMaxValue(), expected.max);
     EXPECT_EQ(region.getMinValue(), expected.min);
     EXPECT_EQ(region.getIntensity(), double{expected.sum});
-    EXPECT_EQ(region.getWidth(), expected.high.x - expected.low.x + 1);
-    EXPECT_EQ(region.getHeight(), expected.high.y - expected.low.y + 1);
-    EXPECT_EQ(region.getDepth(), expected.high.z - expected.low.z + 1);
+    EXPECT_EQ(region.getWidth(), expected.high[0] - expected.low[0] + 1);
+    EXPECT_EQ(region.getHeight(), expected.high[1] - expected.low[1] + 1);
+    EXPECT_EQ(region.getDepth(), expected.high[2] - expected.low[2] + 1);
     EXPECT_FALSE(region.isIndicated());
 }

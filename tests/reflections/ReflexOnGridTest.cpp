@@ -102,8 +102,9 @@ TEST(ReflexOnGrid, DerivedClassAddsVoxelByVoxel) {
     region.integrate();
     EXPECT_EQ(region.getIntensity(), 8.0);
     EXPECT_EQ(region.getWidth(), 3.0);
-    EXPECT_EQ(region.getCenterOfGravity(2), 2.0);
-    EXPECT_EQ(region.getWeightedCenterInY(), 12.0 / 8.0);
+    for (int axis = 0; axis < 3; ++axis)
+        EXPECT_EQ(std::pair(region.getCenterOfGravity(axis), region.getCenter(axis, 3)), std::pair(2.0, 1.5));
+    EXPECT_EQ(region.getWeightedCenterInY(), 1.5);
     EXPECT_EQ(std::distance(region.getBeginPoint(), region.getEndPoint()), 2);
     VoxelByVoxel grown(1, 1, 1, volume.get());  // from nothing
     grown.add(2, 2, 2, &index, false, nullptr);

@@ -22,6 +22,11 @@ public:
     }
     /// As heavy as any other, however small or large.
     void addTame(double number) { add(std::asinh(1e3 * number)); }
+    template <typename Numbers>
+    void addAllTame(const Numbers& numbers) {
+        for (const double number : numbers)
+            addTame(number);
+    }
     /// The numbers of a text and the letters between them.
     void addText(const std::string& text) {
         const auto isDigit = [](char sign) { return std::isdigit(static_cast<unsigned char>(sign)) != 0; };

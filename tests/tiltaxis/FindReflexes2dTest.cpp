@@ -1,9 +1,7 @@
 #include "tiltaxis/FindReflexes2d.h"
 
 #include "processing/SeriesFactory.h"
-#include "processing/VoxMRCstemProcessing.h"
 #include "support/SoFar.h"
-#include "tiltaxis/ReflectionTransformation.h"
 #include "tiltaxis/Reflex2d.h"
 
 namespace {
@@ -26,12 +24,6 @@ const Reflex2d& first(const ReflexVectorPtr& list) {
     return dynamic_cast<const Reflex2d&>(*list->front());
 }
 
-const Reflex2d& brightest(const ReflexVectorPtr& list) {
-    return dynamic_cast<const Reflex2d&>(**std::max_element(
-        list->begin(), list->end(),
-        [](const Reflex* a, const Reflex* b) { return a->getIntensity() < b->getIntensity(); }));
-}
-
 }  // namespace
 
 TEST(FindReflexes2dTest, FindsSpotsOfWeakAndBrightPatternsAtTheirPlace) {
@@ -48,20 +40,6 @@ TEST(FindReflexes2dTest, FindsSpotsOfWeakAndBrightPatternsAtTheirPlace) {
         soFar.add(first(spots).getU(), first(spots).getV(), first(spots).getIntensity());
     }
     EXPECT_NEAR(soFar.sum(), 123622.760, 1e-2);
-}
-
-TEST(FindReflexes2dTest, SpotsTurnAsPatternsDo) {
-    const auto series = spotSeries(22.0, 9.0, 2000, 5);
-    VoxMRCstemProcessing processing;
-    const std::unique_ptr<VoxMRCData> turnedSeries(
-        processing.step3_Rotation2TiltAxis(series.get(), true, 33.0, 0));
-    const ReflexVectorPtr expected(FindReflexes2d().findAllReflexes(turnedSeries.get()));
-    const ReflexVectorPtr spots(FindReflexes2d().findAllReflexes(series.get()));
-    const ReflexVectorPtr turned(ReflectionTransformation::rotate2DReflectionsInImagePlane(spots.get(), 33));
-    ASSERT_FALSE(expected->empty());
-    ASSERT_FALSE(turned->empty());
-    EXPECT_NEAR(brightest(turned).getU(), brightest(expected).getU(), 0.05);
-    EXPECT_NEAR(brightest(turned).getV(), brightest(expected).getV(), 0.05);
 }
 
 TEST(FindReflexes2dTest, LeavesOutTheDirectBeam) {

@@ -5,6 +5,7 @@
 #include "support/Testing.h"
 #include "tiltaxis/ReflectionTransformation.h"
 #include "tiltaxis/Reflex2d.h"
+#include "tiltaxis/detail/EvaluationSeries.h"
 
 namespace {
 
@@ -96,9 +97,38 @@ TEST(ReflectionTransformationTest, TurnsTheAxisToVAndTiltsAboutIt) {
 
 TEST(ReflexMerger2dTest, WeighsPlaceAndTiltByIntensity) {
     const ReflexVectorPtr spots = listOf({{3, 10, 4, 1}, {4, 11, 4, 3}});
+    for (const auto& [spot, height] : {std::pair{0U, 60.0}, {1U, 50.0}}) {
+        auto& one = dynamic_cast<Reflex2d&>(*(*spots)[spot]);
+        one.setPeakHeight(height);
+        one.setThreshold(height / 4);
+    }
     const ReflexVectorPtr merged(ReflexMerger2d::mergeReflexes(spots.get()));
     ASSERT_EQ(merged->size(), 1u);
     EXPECT_DOUBLE_EQ(at(merged, 0).getU(), 10.75);
     EXPECT_DOUBLE_EQ(at(merged, 0).getTilt(), 7.5);
+    EXPECT_EQ(at(merged, 0).getPeakHeight(), 60);
+    EXPECT_EQ(at(merged, 0).getThreshold(), 15);
     EXPECT_NEAR((*merged)[0]->getCenter(2), 10.75 * std::sin(7.5 * M_PI / 180), 1e-12);
+}
+
+TEST(EvaluationSeriesTest, LevelsAreReachedByHundredsOfSpotsAndNotByNoise) {
+    std::vector<int> order(1100);
+    std::iota(order.begin(), order.end(), 0);
+    std::shuffle(order.begin(), order.end(), std::mt19937(4));
+    for (const auto& [threshold, expected] : {std::pair(5.0, std::vector{3395.35, 3290.35, 3150.35}),
+                                              {5.6, {3395.35, 3290.35, 3279.64}},
+                                              {6, {3513.9}}}) {
+        ReflexVector spots;
+        for (const int n : order) {
+            // The last hundred lie in the beam.
+            auto spot = std::make_unique<Reflex2d>(0, 0.0, n < 1000 ? 3.0 : 2.0, 4.0);
+            spot->setPeakHeight(n < 1000 ? 10000 - n : 20000);
+            spot->setThreshold(n < 1000 ? threshold * ((7 * n) % 1000 + 1) : 1e6);
+            spots.append(ReflexPtr(spot.release()));
+        }
+        const std::vector<double> levels = VRK::detail::evaluationLevels(spots, 5.0);
+        ASSERT_EQ(levels.size(), expected.size());
+        for (std::size_t i = 0; i < levels.size(); ++i)
+            EXPECT_NEAR(levels[i], expected[i], 1e-9);
+    }
 }

@@ -109,6 +109,16 @@ TEST(VRKSphericalProjectionTest, RefusesWhatHasNoBin) {
     int image = 0, largest = 0;
     EXPECT_EQ(VRKSphericalProjection::getSphericalHistoImage(nullptr, &image, 1, 1, &largest, true), 0);
     EXPECT_TRUE(log.has("no difference vectors", VRK::Error));
+    Parameter parameter;
+    ReflexVector one;
+    one.append(ReflexPtr(new Reflex(1, 2, 3)));
+    std::int64_t vectors = 7;
+    for (const bool hasList : {true, false})
+        EXPECT_EQ(VRKSphericalProjection::getSphericalHistoImageOfPairs(
+                      hasList ? &one : nullptr, hasList ? nullptr : &parameter, &image, 1, 1, &largest,
+                      &vectors, true),
+                  0);
+    EXPECT_EQ(vectors, 0);
 }
 
 TEST(VRKSphericalProjectionTest, CountsPairsAsTheListOfTheirVectors) {

@@ -155,8 +155,10 @@ TEST(VRKTiltAxisRefinementTest, LeavesTheSeriesAloneAndWritesImagesAndPlots) {
     const auto series = crystalSeries(37.4);
     const std::vector<short> before = pixelsOf(*series, 30);
     VRKTiltAxisRefinement search;
+    RecordingLogObserver log;
     search.searchTiltAxisManual2D(series.get(), "crystal", folder / "", 36.5, 38, 0.5);
     ASSERT_EQ(search.scores().size(), 4u);
+    EXPECT_EQ(log.count("save JPEG done.", VRK::Normal), 4);
     EXPECT_EQ(pixelsOf(*series, 30), before);
     for (const char* name : {"diffVectorHistogramm_RotAngle_36.5.png", "diffVectorHistogramm_RotAngle_38.png",
                              "crystal_searchTiltAxis_plots/differenceVectorSpace_histogram_variance.plt",
@@ -192,11 +194,7 @@ TEST(VRKTiltAxisRefinementTest, TriesAnglesOnAScheduleThatFollowsTheAccuracy) {
         EXPECT_NEAR(static_cast<double>(angle), 88.24,
                     0.51 * std::pow(10.0, 2.0 - static_cast<double>(iterations)));
     }
-}
-
-TEST(VRKTiltAxisRefinementTest, KeepsTheEarlierOfEqualAngles) {
-    const TemporaryFolder folder;
-    const auto series = spotSeries(64);
+    // Of equal ones it keeps the earlier.
     Rehearsal search([](float angle) { return angle == -35.0F || angle >= 40.0F ? 2.0 : 1.0; });
     EXPECT_EQ(search.searchTiltAxisManual2D(series.get(), "", folder / "", -50, 50, 5), -35.0F);
 }

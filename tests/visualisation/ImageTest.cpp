@@ -4,6 +4,7 @@
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "VoxCore/DataModel/VoxVolumeData.h"
 #include "crystallography/UnitCell.h"
+#include "support/SoFar.h"
 #include "support/Testing.h"
 #include "visualisation/PictureFile.h"
 #include "visualisation/ReciprocalSection.h"
@@ -27,7 +28,7 @@ void set(VoxMRCData& volume, unsigned x, unsigned y, unsigned z, short value) {
 /// Left, top, right and bottom of where two pictures over the same ground differ, and the colour of the one
 /// where they differ most.
 std::pair<std::array<double, 4>, cv::Vec3b> difference(const ImageOverlay& with, const ImageOverlay& without,
-                                                       float ground) {
+                                                       float ground, SoFar& soFar) {
     const TemporaryFolder folder;
     PlaneImage image(200, 160);
     std::ranges::fill(image.values, ground);
@@ -42,6 +43,7 @@ std::pair<std::array<double, 4>, cv::Vec3b> difference(const ImageOverlay& with,
     for (int y = 0; y < one.rows; ++y)
         for (int x = 0; x < one.cols; ++x) {
             const double apart = cv::norm(one.at<cv::Vec3b>(y, x), other.at<cv::Vec3b>(y, x));
+            if (apart > 0) soFar.add(apart * x, apart * y);
             if (apart > 60)
                 box = {std::min<double>(box[0], x), std::min<double>(box[1], y), std::max<double>(box[2], x),
                        std::max<double>(box[3], y)};
@@ -148,6 +150,8 @@ TEST(Image, DrawsEverythingInItsPlaceAndColour) {
         {"degree", text("H\u00b0"), text("H"), {62, 49, 65, 53}, white},
         {"Angstrom", text("H\u00c5"), text("HA"), {64, 46, 67, 49}, white},
         {"bar over a digit", text("H\u0304"), text("H"), {51, 47, 60, 47}, white},
+        {"bars over no letters", text("\u0304*\u0304"), text("*"), {1e9, 1e9, -1, -1}, {}},
+        {"unknown signs, one of them cut", text("\u20ac\xe2\x82"), text("???"), {1e9, 1e9, -1, -1}, {}},
         {"no UTF-8", text("\xff"), text("?"), {1e9, 1e9, -1, -1}, {}},
         {"line", arrow(false), {}, {20, 20, 68, 84}, line},
         {"head", arrow(true), arrow(false), {60, 75, 68, 83}, line},
@@ -171,13 +175,15 @@ TEST(Image, DrawsEverythingInItsPlaceAndColour) {
         {"tick before", bordered({}, {}, {{30, "H"}}), empty, {47, 104, 63, 113}, grey},
         {"axis below", bordered({}, {}, {}, "H"), empty, {160, 274, 168, 284}, grey},
         {"axis before", bordered({}, {}, {}, "", "H"), empty, {6, 154, 16, 162}, grey}};
+    SoFar soFar;
     for (const Row& row : rows) {
         SCOPED_TRACE(row.what + testing::PrintToString(row.box));
-        const auto [box, colour] = difference(row.with, row.without, row.ground);
+        const auto [box, colour] = difference(row.with, row.without, row.ground, soFar);
         for (std::size_t i = 0; i < 4; ++i)
             EXPECT_NEAR(box[i], row.box[i], 1.1) << testing::PrintToString(box);
         EXPECT_LT(cv::norm(colour, row.colour), 50) << colour;
     }
+    EXPECT_NEAR(soFar.sum(), 152527062, 100);
 }
 
 TEST(Image, FailuresNameTheFile) {
@@ -262,6 +268,7 @@ TEST(ReciprocalSection, ShowsTheNodesOfThePlaneWhereItMarksThem) {
         return volume;
     };
 
+    SoFar soFar;
     using Case = std::tuple<const char*, Indices, Indices>;
     for (const auto& [plane, inside, outside] :
          {Case{"hk0", {1, 2, 0}, {1, 2, 1}}, Case{"h0l", {2, 0, 1}, {2, 1, 1}},
@@ -277,7 +284,16 @@ TEST(ReciprocalSection, ShowsTheNodesOfThePlaneWhereItMarksThem) {
         const ReciprocalSection section(*volume, cell, origin);
         const PlaneImage picture = section.sample(settings);
         int bright = 0;
-        for (const ImageOverlay::Node& node : section.overlay(settings, true).nodes) {
+        const ImageOverlay overlay = section.overlay(settings, true);
+        soFar.addText(overlay.title);
+        for (const ImageOverlay::Line& line : overlay.lines) {
+            soFar.addText(line.label);
+            soFar.add(line.x0, line.y0, line.x1, line.y1, line.arrow, line.faint);
+        }
+        soFar.add(overlay.scale->originX, overlay.scale->originY, overlay.scale->perPixel,
+                  overlay.scale->height);
+        for (const ImageOverlay::Node& node : overlay.nodes) {
+            soFar.add(node.x, node.y);
             ASSERT_TRUE(node.x >= 0 && node.y >= 0 && node.x < picture.width && node.y < picture.height);
             const cv::Point place(cvRound(node.x), cvRound(node.y));
             if (place.inside({0, 0, picture.width, picture.height}) && picture.at(place.x, place.y) > 500.0F)
@@ -290,6 +306,7 @@ TEST(ReciprocalSection, ShowsTheNodesOfThePlaneWhereItMarksThem) {
         for (float value : black.values)
             ASSERT_FALSE(value > 0.0F) << plane;
     }
+    EXPECT_NEAR(soFar.sum(), 93176.8323, 1e-3);
 }
 
 /// A point at a height over the plane is as bright as at the nearest place of a slab so thick.
@@ -308,6 +325,15 @@ TEST(ReciprocalSection, SlabsAreAsThickAsTheyShould) {
             EXPECT_NEAR(value, outside < 0 ? 750 : 1000 * std::max(0.0, 1 - outside), outside < 0 ? 251 : 1)
                 << thickness << ' ' << height;
         }
+    // As thick in a view at half size.
+    settings.thickness = 12;
+    for (const auto& [height, isSeen] : {std::pair(4U, true), {10U, false}}) {
+        const auto volume = volumeOf(41, 41, 41);
+        volume->m_Header.type = MRCType::MRCVOLUME;
+        std::fill_n(volume->GetChunkPointer(20 + height), 41 * 41, short{1000});
+        const VoxVolumeData half = VoxVolumeData::fromData(*volume, 2, VoxVolumeData::Block::Maximum);
+        EXPECT_EQ(ReciprocalSection(half, cell).sample(settings).at(20, 20) > 500, isSeen) << height;
+    }
 }
 
 /// The same plane out of a view as out of its volume, and the nodes where they were at half size.
@@ -344,11 +370,13 @@ TEST(ReciprocalSection, MarksWhatWasNotMeasuredAndRefusesWhatIsNoPlane) {
     const auto volume = volumeOf(9, 9, 9);
     const ReciprocalSection section(*volume, cell, {4.0, 4.0, 4.0});
     ReciprocalSection::Settings settings;
-    settings.size = 32;
-    settings.radius = 8.0;
+    settings.size = 33;  // half a voxel a pixel
+    settings.radius = 8.25;
     const PlaneImage picture = section.sample(settings);
-    EXPECT_TRUE(std::isnan(picture.at(0, 0)));
-    EXPECT_EQ(picture.at(16, 16), 0.0F);
+    forEachPixel(33, 33, [&](int x, int y) {
+        const bool isMeasured = std::max(std::abs(x - 16), std::abs(y - 16)) <= 8;
+        EXPECT_EQ(picture.at(x, y) == 0.0F, isMeasured) << x << ' ' << y;
+    });
 
     settings.v = {2, 0, 0};
     EXPECT_TRUE(section.sample(settings).values.empty());

@@ -39,18 +39,14 @@ TEST(VoxArray, FindsEveryElementByItsCoordinates) {
     for (const StorageMethod method : kMethods) {
         for (const std::vector<unsigned>& dims : {std::vector{3U, 5U}, {2U, 3U, 4U}, {512U, 4U, 512U}}) {
             const ArrayPtr<short> a(VoxArray<short>::Create(dims, method));
-            const unsigned depth = dims.size() == 3 ? dims[2] : 1;
-            short next = 0;
-            for (unsigned z = 0; z < depth; ++z) {
-                for (unsigned y = 0; y < dims[1]; ++y) {
-                    for (unsigned x = 0; x < dims[0]; x += 1 + dims[0] / 8) {
-                        const Place place = placeOf(method, dims, a->GetChunkCount(), {x, y, z});
-                        short* const element = &a->GetValueByChunk(place.chunk, place.position);
-                        ASSERT_EQ(dims.size() == 3 ? &a->GetValue(x, y, z) : &a->GetValue(x, y), element);
-                        a->GetValueByChunk(place.chunk, place.position) = ++next;
-                    }
-                }
-            }
+            const unsigned step = 1 + dims[0] / 8;
+            forEachVoxel(dims[0] / step, dims[1], dims.size() == 3 ? dims[2] : 1,
+                         [&](unsigned i, unsigned y, unsigned z) {
+                             const unsigned x = i * step;
+                             const Place place = placeOf(method, dims, a->GetChunkCount(), {x, y, z});
+                             ASSERT_EQ(dims.size() == 3 ? &a->GetValue(x, y, z) : &a->GetValue(x, y),
+                                       &a->GetValueByChunk(place.chunk, place.position));
+                         });
             for (unsigned i = 0; i < a->GetDataSize(); i += 1 + a->GetDataSize() / 999) {
                 const unsigned c = i % a->GetChunkCount();
                 ASSERT_EQ(&(*a)[i], a->GetChunkPointer(c) + i / a->GetChunkCount());
@@ -166,12 +162,11 @@ TYPED_TEST(VoxArrayArithmetic, IsThatOfTheElements) {
         // The sums in the order in which the chunks lie, which decides the last bits of real numbers.
         T sum{};
         T product{};
-        for (unsigned c = 0; c < a->GetChunkCount(); ++c) {
-            for (unsigned j = 0; j < a->GetChunkSize(); ++j) {
-                sum = static_cast<T>(sum + a->GetValueByChunk(c, j));
-                const T term = static_cast<T>(a->GetValueByChunk(c, j) * +b->GetValueByChunk(c, j));
-                product = static_cast<T>(product + term);
-            }
+        for (unsigned i = 0; i < a->GetDataSize(); ++i) {
+            const unsigned c = i / a->GetChunkSize(), j = i % a->GetChunkSize();
+            sum = static_cast<T>(sum + a->GetValueByChunk(c, j));
+            const T term = static_cast<T>(a->GetValueByChunk(c, j) * +b->GetValueByChunk(c, j));
+            product = static_cast<T>(product + term);
         }
         RC_ASSERT(a->Sum() == sum);
         RC_ASSERT(VoxArray<T>::ScalarProduct(*a, *b) == product);
