@@ -22,8 +22,9 @@ const Matrix3d kSwap = matrix({0, 1, 0, 1, 0, 0, 0, 0, -1});
 const Matrix3d kSixfold = matrix({1, 1, 0, -1, 0, 0, 0, 0, 1});
 const Matrix3d kAlongC = matrix({-1, 0, 0, 0, -1, 0, 0, 0, 1});
 
-CrystalMerge mergedOf(const std::vector<vrk::CrystalData>& crystals, const MergeOptions& options = {}) {
-    return vrk::attempt(vrk::silence(),
+CrystalMerge mergedOf(const std::vector<vrk::CrystalData>& crystals, const MergeOptions& options = {},
+                      vrk::Observer& observer = vrk::silence()) {
+    return vrk::attempt(observer,
                         [&](vrk::Session& session) { return vrk::mergeCrystals(crystals, options, session); })
         .value();
 }
@@ -118,8 +119,16 @@ TEST(CrystalMergeTest, agreesWithTheTruthTheBetterTheMoreCrystals) {
     for (const vrk::GrowthStep& step : all.growth)
         soFar.add(step.crystal, step.completeness, step.redundancy, step.ccHalf);
     EXPECT_NEAR(soFar.sum(), 165.650431, 1e-5);
-    // The same crystals give the same data.
-    EXPECT_EQ(mergedOf(crystals).data.merged[50].intensity, all.data.merged[50].intensity);
+    // The same crystals give the same data, and all the while it can be stopped.
+    struct Watch : vrk::Observer {
+        void stageBegan(const std::string& name) override { now = name; }
+        bool canceled() override { return ++asked[now] < 0; }
+        std::string now;
+        std::map<std::string, int> asked;
+    } watch;
+    EXPECT_EQ(mergedOf(crystals, {}, watch).data.merged[50].intensity, all.data.merged[50].intensity);
+    for (const auto& [stage, least] : {std::pair("symmetry", 12), {"index", 24}, {"scale", 1}, {"merge", 1}})
+        EXPECT_GE(watch.asked[stage], least) << stage;
 }
 
 TEST(CrystalMergeTest, leavesOutCrystalsThatSpoilTheData) {
@@ -180,7 +189,7 @@ TEST(CrystalMergeTest, refusesOtherCellsByName) {
     crystals[2].cell.cell[1] *= 1.05;
     const Refusal refusal = failureOf([&] { mergedOf(crystals); });
     EXPECT_EQ(refusal.kind, vrk::FailureKind::Usage);
-    EXPECT_TRUE(refusal.says("crystal2: mP 7.100 8.715")) << refusal.text;
+    EXPECT_TRUE(refusal.says("crystal2: mP 7.100 8.715 9.400 90.00 103.00 90.00")) << refusal.text;
     EXPECT_FALSE(refusal.says("crystal1:")) << refusal.text;
     MergeOptions options;
     options.leaveOut = true;
