@@ -65,7 +65,6 @@ void RunTruthTest::expectInput() const {
     EXPECT_EQ(found["tilt_axis"]["source"], one.axisSource);
     const double uncertainty = found["tilt_axis"].value("uncertainty_deg", 0.0);
     EXPECT_EQ(uncertainty > 0, std::string(one.axisSource) == "search");
-    EXPECT_EQ(found["tilt_axis"].value("scores", Json::array()).size() > 50, uncertainty > 0);
     EXPECT_NEAR(std::remainder(number("/tilt_axis/angle_deg") - one.axis, 180), 0,
                 uncertainty > 0 ? 0.3 : 1e-5);
 }
@@ -129,9 +128,6 @@ void RunTruthTest::expectLattice() const {
     EXPECT_NEAR(std::abs(whole.determinant()), 1, 1e-9) << connection;
     EXPECT_LT((whole * base - known).rowwise().norm().cwiseQuotient(known.rowwise().norm()).maxCoeff(), 0.006)
         << connection;
-    const Json& candidates = found["cell"]["candidates"];
-    EXPECT_EQ(candidates[0]["bravais"], GetParam().bravais);
-    EXPECT_EQ(candidates[0]["centring"], std::string(1, GetParam().bravais[1]));
 }
 
 /// The lines of the HKL file are true reflections, once each, with their true intensities.
@@ -189,17 +185,10 @@ void RunTruthTest::expectConfidence() const {
     const bool isTriclinic = GetParam().bravais == std::string("aP");
     EXPECT_EQ(found["confidence"]["level"], isTriclinic ? "low" : "high");
     EXPECT_EQ(found["confidence"]["lattice"], isTriclinic ? "fair" : "high");
-    const double chance = number("/confidence/fraction_by_chance");
-    EXPECT_GT(chance, 1e-4);
-    EXPECT_LT(chance, 0.1);
     const bool turned = std::abs(std::remainder(
                             number("/tilt_axis/angle_deg") - truth["tilt_axis_deg"].get<double>(), 360)) > 90;
     EXPECT_TRUE(found["handedness"]["decided"].get<bool>());
     EXPECT_EQ(number("/handedness/sense"), (turned ? -1 : 1) * truth["handedness"].get<int>());
-    const double plus = number("/handedness/residual_plus_px");
-    const double minus = number("/handedness/residual_minus_px");
-    EXPECT_EQ(number("/handedness/sense") > 0, plus < minus);
-    EXPECT_NEAR(std::min(plus, minus), number("/reflections/residual_px"), 0.25);
 }
 
 /// The frames tell how they were made.
@@ -219,12 +208,6 @@ void RunTruthTest::expectIntensities() const {
     EXPECT_LT(measured["geometry"]["residual_px"], 0.2);
     EXPECT_NEAR(std::remainder(measured["geometry"]["axis_deg"].get<double>() - GetParam().axis, 180), 0,
                 0.02);
-    for (std::size_t i = 0; i < 6; ++i) {
-        const char* name = kCellKeys[i];
-        const double value = measured["cell"][name], sigma = measured["esd"][name];
-        EXPECT_NEAR(found["cell"]["conventional"][name], value, i < 3 ? 1e-3 * value : 0.05) << name;
-        EXPECT_LT(sigma, found["cell"]["esd"]["conventional"][name].get<double>() + 1e-9) << name;
-    }
     std::map<double, Json> centres;
     for (std::size_t i = 0; i < truth["tilts"].size(); ++i)
         centres[truth["tilts"][i]] = truth["centres"][i];
@@ -232,9 +215,6 @@ void RunTruthTest::expectIntensities() const {
     for (std::size_t i = 0; i < measured["frames"].size(); ++i) {
         const Json& one = found["centres"][i];
         EXPECT_NEAR(measured["frames"][i]["tilt"], one["tilt"], 0.02);
-        EXPECT_NEAR(measured["frames"][i]["scale"], 1, 0.1);
-        EXPECT_LE(measured["frames"][i]["observed"], measured["frames"][i]["predicted"]);
-        EXPECT_GT(measured["frames"][i]["counts"], 0);
         EXPECT_NEAR(one["x"], centres.at(one["tilt"])[0], 0.1) << one["tilt"];
         EXPECT_NEAR(one["y"], centres.at(one["tilt"])[1], 0.1) << one["tilt"];
     }

@@ -143,7 +143,7 @@ TEST_F(Collecting, GivesTheSameBytesWhateverItTook) {
             summaryOf({5, 6, 7 + 0.02 * i, 90, 90, 90}, 30, 0.01));
     collect();
     const std::string csv = folder.read("crystals.csv"), text = folder.read("crystals.json"),
-                      geometry = folder.read("instrument.json"), cost = folder.read("cost.csv");
+                      geometry = folder.read("instrument.json");
     for (vrk::JobState& state : states) {
         state.record.seconds *= 2;
         ++state.record.attempts;
@@ -156,7 +156,7 @@ TEST_F(Collecting, GivesTheSameBytesWhateverItTook) {
     EXPECT_EQ(folder.read("crystals.csv"), csv);
     EXPECT_EQ(folder.read("crystals.json"), text);
     EXPECT_EQ(folder.read("instrument.json"), geometry);
-    EXPECT_NE(folder.read("cost.csv"), cost);
+    EXPECT_EQ(folder.lines("cost.csv")[1], "c0,done,1,2.00,99.00,1,");
 
     // A geometry that jobs are run with is part of their key: it stays.
     states[0].job.options = {{"distortion", folder / "instrument.json"}};

@@ -270,7 +270,8 @@ TEST(Needs, GrowWithTheSeriesAndWithAttemptsThatEndWithoutAWord) {
     EXPECT_EQ(needs(512, 121, 2).memory, 4 * needs(512, 121, 0).memory);
     EXPECT_EQ(needs(512, 121, 1).minutes, 2 * needs(512, 121, 0).minutes);
     EXPECT_EQ(needs(512, 900, 0), needs(512, 300, 0));
-    EXPECT_EQ(needs(0, 0, 0), needs(1024, 300, 0));
+    for (const auto& [width, frames] : {std::pair(0, 0), {512, 0}, {0, 121}})
+        EXPECT_EQ(needs(width, frames, 0), needs(1024, 300, 0));
     EXPECT_EQ(vrk::needsOf({"s", false, {}, 0, 256, 512, 121}, 3, 9),
               vrk::needsOf({"s", false, {}, 0, 512, 256, 121}, 3, 6));
     EXPECT_EQ(vrk::needsOf({"s", false, {}, 0, 256, 512, 121}, 3, 0), (vrk::JobNeeds{768, 12, 3}));

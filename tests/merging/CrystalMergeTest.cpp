@@ -2,7 +2,9 @@
 
 #include "SimulatedCrystals.h"
 #include "pipeline/base/Attempt.h"
+#include "pipeline/merging/ConsistentIndexing.h"
 #include "pipeline/merging/CrystalAgreement.h"
+#include "pipeline/merging/ReducedCell.h"
 #include "support/FailureOf.h"
 #include "support/SoFar.h"
 
@@ -211,6 +213,33 @@ TEST(CrystalMergeTest, refusesOtherCellsByName) {
     EXPECT_THROW(mergedOf({crystals[0]}), vrk::Failure);
     options.cellTolerance = 0.2;
     EXPECT_THROW(mergedOf(crystals, options), vrk::Failure);
+}
+
+/// Among few each is compared with all, among many with some; noise makes first choices wrong.
+TEST(ConsistentIndexingTest, findsTheWaysOfFewAndOfMany) {
+    const vrk::LaueRotations fourfold = {{},
+                                         {{{{-1, 0, 0}, {0, -1, 0}, {0, 0, 1}}}},
+                                         {{{{0, 1, 0}, {-1, 0, 0}, {0, 0, 1}}}},
+                                         {{{{0, -1, 0}, {1, 0, 0}, {0, 0, 1}}}}};
+    for (const auto& [count, noise, most, expected] :
+         {std::tuple(12U, 0.6, 0, 877.993), {160U, 1.6, 12, 178858.7913}}) {
+        SimulatedCrystals simulated{{4.5, 4.5, 5.3, 90, 90, 90}, 'P', "tP", "P 4"};
+        simulated.bases = {kSame, kSwap, kSwap};
+        simulated.wedge = 30;
+        simulated.noise = noise;
+        const auto crystals = simulated.make(count);
+        vrk::Session session(vrk::silence());
+        const auto found =
+            vrk::indexConsistently(crystals, vrk::ReducedCell(crystals[0].cell), 0, fourfold, 0.05, session);
+        int wrong = 0;
+        SoFar soFar;
+        for (std::size_t i = 0; i < count; ++i) {
+            wrong += found[i].base(2, 2) * (i % 3 == 0 ? 1 : -1) < 0;
+            soFar.add(found[i].correlation, found[i].runnerUp, found[i].common);
+        }
+        EXPECT_LE(wrong, most) << count;
+        EXPECT_NEAR(soFar.sum(), expected, 1e-3);
+    }
 }
 
 TEST(CrystalAgreementTest, isThatOfHalvesOfTheCrystals) {
