@@ -117,6 +117,16 @@ TEST_F(Plan, FindsSeriesInAllShapesAndKeepsTheirNames) {
             EXPECT_EQ(other.options, jobs[i].options);
         }
     EXPECT_THROW(vrk::readJob(batch, "plai"), vrk::Failure);
+    for (const auto& [from, to, message] : {std::tuple("\"version\":1", "\"version\":2", "(another format)"),
+                                            {"\"format\":\"", "\"format\":\"x", "(another format)"},
+                                            {"\"jobs\":", "\"job\":", "is damaged ("}}) {
+        std::string plan = folder.read("out/batch.json");
+        const vrk::BatchFolder other(folder / "other");
+        fs::create_directories(other.path());
+        ASSERT_NE(plan.find(from), std::string::npos) << from;
+        folder.write("other/batch.json", plan.replace(plan.find(from), std::strlen(from), to));
+        EXPECT_TRUE(failureOf([&] { vrk::readPlan(other); }).says(message)) << to;
+    }
 
     // A list names the same files, with line ends in their names by zero bytes.
     const std::string listed =
@@ -307,6 +317,9 @@ TEST(Units, AreFewJobsInARowAndArraysOfEqualOnes) {
     EXPECT_EQ(units.front().jobs.front(), "j0");
     EXPECT_GT(units.front().needs.memory, units.back().needs.memory);
     EXPECT_EQ(units.front().needs, open[0].needs);
+    EXPECT_EQ(vrk::engineCommand(units, settings).back(), std::to_string(units.size()));
+    settings.jobs = 9;
+    EXPECT_EQ(vrk::engineCommand(units, settings).back(), "1") << "one array after the other";
 }
 
 }  // namespace
