@@ -65,13 +65,8 @@ void RunTruthTest::expectInput() const {
     EXPECT_EQ(found["tilt_axis"]["source"], one.axisSource);
     const double uncertainty = found["tilt_axis"].value("uncertainty_deg", 0.0);
     EXPECT_EQ(uncertainty > 0, std::string(one.axisSource) == "search");
-    EXPECT_EQ(found["tilt_axis"].value("scores", Json::array()).size() > 50, uncertainty > 0);
     EXPECT_NEAR(std::remainder(number("/tilt_axis/angle_deg") - one.axis, 180), 0,
                 uncertainty > 0 ? 0.3 : 1e-5);
-    const double depth = size * std::sin(std::max(std::abs(first), std::abs(last)) * M_PI / 180);
-    EXPECT_EQ(number("/volume/dims/0"), size);
-    EXPECT_EQ(number("/volume/dims/1"), size);
-    EXPECT_NEAR(number("/volume/dims/2"), depth, 2);
 }
 
 /// Found is what rises above the threshold outside of the zero beam; a spot of some voxels needs a little
@@ -89,8 +84,6 @@ void RunTruthTest::expectReflections() const {
     };
     EXPECT_GT(number("/reflections/found"), 0.9 * brighterThan(2 * threshold));
     EXPECT_LT(number("/reflections/found"), 1.1 * brighterThan(threshold));
-    EXPECT_NEAR(number("/reflections/fraction_indexed"),
-                number("/reflections/indexed") / number("/reflections/found"), 1e-9);
     EXPECT_GT(number("/reflections/fraction_indexed"), 0.93);
     EXPECT_LE(number("/reflections/fraction_indexed"), 1);
     EXPECT_NEAR(number("/reflections/resolution") * GetParam().scale, truth["settings"]["dmin"], 0.02);
@@ -135,9 +128,6 @@ void RunTruthTest::expectLattice() const {
     EXPECT_NEAR(std::abs(whole.determinant()), 1, 1e-9) << connection;
     EXPECT_LT((whole * base - known).rowwise().norm().cwiseQuotient(known.rowwise().norm()).maxCoeff(), 0.006)
         << connection;
-    const Json& candidates = found["cell"]["candidates"];
-    EXPECT_EQ(candidates[0]["bravais"], GetParam().bravais);
-    EXPECT_EQ(candidates[0]["centring"], std::string(1, GetParam().bravais[1]));
 }
 
 /// The lines of the HKL file are true reflections, once each, with their true intensities.
@@ -195,17 +185,10 @@ void RunTruthTest::expectConfidence() const {
     const bool isTriclinic = GetParam().bravais == std::string("aP");
     EXPECT_EQ(found["confidence"]["level"], isTriclinic ? "low" : "high");
     EXPECT_EQ(found["confidence"]["lattice"], isTriclinic ? "fair" : "high");
-    const double chance = number("/confidence/fraction_by_chance");
-    EXPECT_GT(chance, 1e-4);
-    EXPECT_LT(chance, 0.1);
     const bool turned = std::abs(std::remainder(
                             number("/tilt_axis/angle_deg") - truth["tilt_axis_deg"].get<double>(), 360)) > 90;
     EXPECT_TRUE(found["handedness"]["decided"].get<bool>());
     EXPECT_EQ(number("/handedness/sense"), (turned ? -1 : 1) * truth["handedness"].get<int>());
-    const double plus = number("/handedness/residual_plus_px");
-    const double minus = number("/handedness/residual_minus_px");
-    EXPECT_EQ(number("/handedness/sense") > 0, plus < minus);
-    EXPECT_NEAR(std::min(plus, minus), number("/reflections/residual_px"), 0.25);
 }
 
 /// The frames tell how they were made.
@@ -225,12 +208,6 @@ void RunTruthTest::expectIntensities() const {
     EXPECT_LT(measured["geometry"]["residual_px"], 0.2);
     EXPECT_NEAR(std::remainder(measured["geometry"]["axis_deg"].get<double>() - GetParam().axis, 180), 0,
                 0.02);
-    for (std::size_t i = 0; i < 6; ++i) {
-        const char* name = kCellKeys[i];
-        const double value = measured["cell"][name], sigma = measured["esd"][name];
-        EXPECT_NEAR(found["cell"]["conventional"][name], value, i < 3 ? 1e-3 * value : 0.05) << name;
-        EXPECT_LT(sigma, found["cell"]["esd"]["conventional"][name].get<double>() + 1e-9) << name;
-    }
     std::map<double, Json> centres;
     for (std::size_t i = 0; i < truth["tilts"].size(); ++i)
         centres[truth["tilts"][i]] = truth["centres"][i];
@@ -238,30 +215,12 @@ void RunTruthTest::expectIntensities() const {
     for (std::size_t i = 0; i < measured["frames"].size(); ++i) {
         const Json& one = found["centres"][i];
         EXPECT_NEAR(measured["frames"][i]["tilt"], one["tilt"], 0.02);
-        EXPECT_NEAR(measured["frames"][i]["scale"], 1, 0.1);
-        EXPECT_LE(measured["frames"][i]["observed"], measured["frames"][i]["predicted"]);
-        EXPECT_GT(measured["frames"][i]["counts"], 0);
         EXPECT_NEAR(one["x"], centres.at(one["tilt"])[0], 0.1) << one["tilt"];
         EXPECT_NEAR(one["y"], centres.at(one["tilt"])[1], 0.1) << one["tilt"];
     }
 }
 
 void RunTruthTest::expectTheRest() const {
-    // What is told in parts is the whole.
-    for (const auto& [parts, whole, name] : {std::tuple("/completeness/shells", "/completeness/", "nodes"),
-                                             {"/completeness/shells", "/completeness/", "found"},
-                                             {"/intensities/shells", "/intensities/overall/", "observations"},
-                                             {"/intensities/shells", "/intensities/overall/", "unique"}}) {
-        double total = 0;
-        for (const Json& part : found.at(Json::json_pointer(parts)))
-            total += part[name].get<double>();
-        EXPECT_EQ(total, number(std::string(whole) + name)) << parts;
-    }
-    EXPECT_EQ(found["crystals"].size(), 1U);
-    EXPECT_NEAR(number("/completeness/limit"), number("/reflections/resolution"), 0.05);
-    EXPECT_LE(number("/parameters/zero_beam"), truth["settings"]["detector"]["size"].get<double>() / 10);
-    EXPECT_LT(number("/parameters/min_length"),
-              rows(found["cell"]["reciprocal_vectors_px"]).rowwise().norm().minCoeff());
     EXPECT_NEAR(number("/parameters/voltage_kv"), GetParam().kiloVolts, 1e-3);
     double sum = 0;
     for (const auto& [stage, seconds] : found["seconds"].items()) {

@@ -1,9 +1,12 @@
 // From a folder, a list or a table to jobs, and which of them have to be run.
 
 #include <chrono>
+#include <csignal>
 
+#include "pipeline/base/Attempt.h"
 #include "pipeline/batch/BatchPlan.h"
 #include "pipeline/batch/CsvTable.h"
+#include "pipeline/batch/JobRun.h"
 #include "pipeline/batch/Workflow.h"
 #include "support/FailureOf.h"
 #include "support/MRCBytes.h"
@@ -114,6 +117,16 @@ TEST_F(Plan, FindsSeriesInAllShapesAndKeepsTheirNames) {
             EXPECT_EQ(other.options, jobs[i].options);
         }
     EXPECT_THROW(vrk::readJob(batch, "plai"), vrk::Failure);
+    for (const auto& [from, to, message] : {std::tuple("\"version\":1", "\"version\":2", "(another format)"),
+                                            {"\"format\":\"", "\"format\":\"x", "(another format)"},
+                                            {"\"jobs\":", "\"job\":", "is damaged ("}}) {
+        std::string plan = folder.read("out/batch.json");
+        const vrk::BatchFolder other(folder / "other");
+        fs::create_directories(other.path());
+        ASSERT_NE(plan.find(from), std::string::npos) << from;
+        folder.write("other/batch.json", plan.replace(plan.find(from), std::strlen(from), to));
+        EXPECT_TRUE(failureOf([&] { vrk::readPlan(other); }).says(message)) << to;
+    }
 
     // A list names the same files, with line ends in their names by zero bytes.
     const std::string listed =
@@ -219,6 +232,43 @@ TEST_F(Plan, RunsAgainWhatChangedAndNothingElse) {
     EXPECT_NE(vrk::contentKey(folder / "frames"), frames);
 }
 
+TEST_F(Plan, JobsTellHowTheyEnded) {
+    const vrk::BatchFolder batch(folder / "out");
+    fs::create_directories(batch.result("one"));
+    vrk::writePlan(
+        {{"one", vrk::seriesAt(folder / "plain.mrc"), {}}, {"two", vrk::seriesAt(folder / "frames"), {}}},
+        batch, "1.0");
+    using enum vrk::JobOutcome;
+    using Case = std::tuple<const char*, std::function<int(const std::string&)>, vrk::JobOutcome, const char*,
+                            int, int>;
+    const auto breaks = [](const auto&) {
+        std::cerr << "vrk: it broke\nvrk: warning: of before\nin a file\n";
+        return 1;
+    };
+    for (const auto& [job, work, outcome, cause, attempts, unended] :
+         {Case{"one", [](const auto&) { return 0; }, Done, "", 1, 0},
+          {"one", breaks, Failed, "it broke", 2, 0},
+          {"one", [](const auto&) { return raise(SIGKILL); }, Failed, "vrk run was killed; its memory", 3, 1},
+          {"one", [](const auto&) { return raise(SIGTERM); }, Failed, "vrk run was ended by signal 15", 4, 0},
+          {"two", [](const auto& step) { return step == "import" ? 4 : 0; }, Failed,
+           "vrk import ended with code 4", 1, 0},
+          {"two", [](const auto& step) { return step == "run" ? 3 : 0; }, NothingFound,
+           "vrk run ended with code 3", 2, 0},
+          {"two", breaks, NothingFound, "vrk run ended with code 3", 2, 0}}) {
+        SCOPED_TRACE(cause);
+        vrk::Session session(vrk::silence());
+        const vrk::JobRecord record = vrk::runJob(
+            job, {batch, [&, &step = work](const auto& words) { return step(words[0]); }, "1.0", kKinds},
+            session);
+        EXPECT_EQ(record.outcome, outcome);
+        EXPECT_TRUE(record.cause.starts_with(cause) && record.cause.empty() == !*cause) << record.cause;
+        EXPECT_EQ(std::pair(record.attempts, record.unended), std::pair(attempts, unended));
+        EXPECT_FALSE(fs::exists(batch.scratch(job)));
+    }
+    std::ifstream diary(batch.diary());
+    EXPECT_EQ(std::count(std::istreambuf_iterator<char>(diary), {}, '\n'), 6);
+}
+
 TEST(Needs, GrowWithTheSeriesAndWithAttemptsThatEndWithoutAWord) {
     const auto needs = [](int width, int frames, int doublings) {
         return vrk::needsOf({"s", false, {}, 0, width, width, frames}, 1, doublings);
@@ -230,7 +280,11 @@ TEST(Needs, GrowWithTheSeriesAndWithAttemptsThatEndWithoutAWord) {
     EXPECT_EQ(needs(512, 121, 2).memory, 4 * needs(512, 121, 0).memory);
     EXPECT_EQ(needs(512, 121, 1).minutes, 2 * needs(512, 121, 0).minutes);
     EXPECT_EQ(needs(512, 900, 0), needs(512, 300, 0));
-    EXPECT_EQ(needs(0, 0, 0), needs(1024, 300, 0));
+    for (const auto& [width, frames] : {std::pair(0, 0), {512, 0}, {0, 121}})
+        EXPECT_EQ(needs(width, frames, 0), needs(1024, 300, 0));
+    EXPECT_EQ(vrk::needsOf({"s", false, {}, 0, 256, 512, 121}, 3, 9),
+              vrk::needsOf({"s", false, {}, 0, 512, 256, 121}, 3, 6));
+    EXPECT_EQ(vrk::needsOf({"s", false, {}, 0, 256, 512, 121}, 3, 0), (vrk::JobNeeds{768, 12, 3}));
 }
 
 TEST(Units, AreFewJobsInARowAndArraysOfEqualOnes) {
@@ -263,6 +317,9 @@ TEST(Units, AreFewJobsInARowAndArraysOfEqualOnes) {
     EXPECT_EQ(units.front().jobs.front(), "j0");
     EXPECT_GT(units.front().needs.memory, units.back().needs.memory);
     EXPECT_EQ(units.front().needs, open[0].needs);
+    EXPECT_EQ(vrk::engineCommand(units, settings).back(), std::to_string(units.size()));
+    settings.jobs = 9;
+    EXPECT_EQ(vrk::engineCommand(units, settings).back(), "1") << "one array after the other";
 }
 
 }  // namespace

@@ -196,4 +196,28 @@ TEST(BinaryReaders, TruncatedStacksKeepTheirCompleteFrames) {
         EXPECT_TRUE(failureOf([&] { FrameFile::open(folder.write(name, bytes)); }).says(reason)) << reason;
 }
 
+TEST(BinaryReaders, CbfPixelsThatAreNotPacked) {
+    const TemporaryFolder folder;
+    for (const bool big : {false, true})
+        for (const auto& [type, pixels] : {std::pair("signed 32-bit integer", rawFrame<std::int32_t>(0, big)),
+                                           {"unsigned 32-bit integer", rawFrame<std::uint32_t>(0, big)},
+                                           {"signed 16-bit integer", rawFrame<std::int16_t>(0, big)},
+                                           {"unsigned 16-bit integer", rawFrame<std::uint16_t>(0, big)},
+                                           {"unsigned 8-bit integer", rawFrame<std::uint8_t>(0, big)},
+                                           {"signed 32-bit real IEEE", rawFrame<float>(0, big)}}) {
+            SCOPED_TRACE(type);
+            const std::string bytes =
+                "###CBF: VERSION 1.5\r\n#Omega: 3,\r\nconversions=\"x-CBF_NONE\"\r\nX-Binary-Size: " +
+                std::to_string(pixels.size()) + "\r\nX-Binary-Element-Type: \"" + type +
+                "\"\r\nX-Binary-Element-Byte-Order: " + (big ? "BIG" : "LITTLE") +
+                "_ENDIAN\r\nX-Binary-Size-Fastest-Dimension: 5\r\nX-Binary-Size-Second-Dimension: "
+                "4\r\n\r\n\x0c\x1a\x04\xd5" +
+                pixels;
+            expectFrames(*FrameFile::open(folder.write("a.cbf", bytes)), {.firstTilt = 3, .count = 1});
+            folder.write("a.cbf", bytes.substr(0, bytes.size() - 1));
+            EXPECT_TRUE(
+                failureOf([&] { FrameFile::open(folder / "a.cbf"); }).says("it is truncated: its pixels"));
+        }
+}
+
 }  // namespace

@@ -105,7 +105,9 @@ TEST(FrameLists, GiveFramesTheirTiltsAndTheExperiment) {
     // Numbers at the end of what 64 bits hold, counted from one below 0.
     const vrk::FrameList sweep = listOf("XDS.INP", "OSCILLATION_RANGE=1\nSTARTING_FRAME=-9\n");
     EXPECT_GT(sweep.tiltsFor({"f_9223372036854775807.img", "f_1.img"})[0], 9e18);
-    EXPECT_THROW(listOf("XDS.INP", "DATA_RANGE=1 2\nSTARTING_ANGLE=1\n"), vrk::Failure);
+    for (const char* bad : {"", "OSCILLATION_RANGE=0\n", "OSCILLATION_RANGE=-90.5\n"})
+        EXPECT_THROW(listOf("XDS.INP", std::string("DATA_RANGE=1 2\nSTARTING_ANGLE=1\n") + bad),
+                     vrk::Failure);
 }
 
 TEST(FrameLists, OrderCountsWhereNamesDoNotFit) {

@@ -2,7 +2,9 @@
 
 #include "SimulatedCrystals.h"
 #include "pipeline/base/Attempt.h"
+#include "pipeline/merging/ConsistentIndexing.h"
 #include "pipeline/merging/CrystalAgreement.h"
+#include "pipeline/merging/ReducedCell.h"
 #include "support/FailureOf.h"
 #include "support/SoFar.h"
 
@@ -22,8 +24,9 @@ const Matrix3d kSwap = matrix({0, 1, 0, 1, 0, 0, 0, 0, -1});
 const Matrix3d kSixfold = matrix({1, 1, 0, -1, 0, 0, 0, 0, 1});
 const Matrix3d kAlongC = matrix({-1, 0, 0, 0, -1, 0, 0, 0, 1});
 
-CrystalMerge mergedOf(const std::vector<vrk::CrystalData>& crystals, const MergeOptions& options = {}) {
-    return vrk::attempt(vrk::silence(),
+CrystalMerge mergedOf(const std::vector<vrk::CrystalData>& crystals, const MergeOptions& options = {},
+                      vrk::Observer& observer = vrk::silence()) {
+    return vrk::attempt(observer,
                         [&](vrk::Session& session) { return vrk::mergeCrystals(crystals, options, session); })
         .value();
 }
@@ -118,8 +121,16 @@ TEST(CrystalMergeTest, agreesWithTheTruthTheBetterTheMoreCrystals) {
     for (const vrk::GrowthStep& step : all.growth)
         soFar.add(step.crystal, step.completeness, step.redundancy, step.ccHalf);
     EXPECT_NEAR(soFar.sum(), 165.650431, 1e-5);
-    // The same crystals give the same data.
-    EXPECT_EQ(mergedOf(crystals).data.merged[50].intensity, all.data.merged[50].intensity);
+    // The same crystals give the same data, and all the while it can be stopped.
+    struct Watch : vrk::Observer {
+        void stageBegan(const std::string& name) override { now = name; }
+        bool canceled() override { return ++asked[now] < 0; }
+        std::string now;
+        std::map<std::string, int> asked;
+    } watch;
+    EXPECT_EQ(mergedOf(crystals, {}, watch).data.merged[50].intensity, all.data.merged[50].intensity);
+    for (const auto& [stage, least] : {std::pair("symmetry", 12), {"index", 24}, {"scale", 1}, {"merge", 1}})
+        EXPECT_GE(watch.asked[stage], least) << stage;
 }
 
 TEST(CrystalMergeTest, leavesOutCrystalsThatSpoilTheData) {
@@ -180,7 +191,7 @@ TEST(CrystalMergeTest, refusesOtherCellsByName) {
     crystals[2].cell.cell[1] *= 1.05;
     const Refusal refusal = failureOf([&] { mergedOf(crystals); });
     EXPECT_EQ(refusal.kind, vrk::FailureKind::Usage);
-    EXPECT_TRUE(refusal.says("crystal2: mP 7.100 8.715")) << refusal.text;
+    EXPECT_TRUE(refusal.says("crystal2: mP 7.100 8.715 9.400 90.00 103.00 90.00")) << refusal.text;
     EXPECT_FALSE(refusal.says("crystal1:")) << refusal.text;
     MergeOptions options;
     options.leaveOut = true;
@@ -202,6 +213,33 @@ TEST(CrystalMergeTest, refusesOtherCellsByName) {
     EXPECT_THROW(mergedOf({crystals[0]}), vrk::Failure);
     options.cellTolerance = 0.2;
     EXPECT_THROW(mergedOf(crystals, options), vrk::Failure);
+}
+
+/// Among few each is compared with all, among many with some; noise makes first choices wrong.
+TEST(ConsistentIndexingTest, findsTheWaysOfFewAndOfMany) {
+    const vrk::LaueRotations fourfold = {{},
+                                         {{{{-1, 0, 0}, {0, -1, 0}, {0, 0, 1}}}},
+                                         {{{{0, 1, 0}, {-1, 0, 0}, {0, 0, 1}}}},
+                                         {{{{0, -1, 0}, {1, 0, 0}, {0, 0, 1}}}}};
+    for (const auto& [count, noise, most, expected] :
+         {std::tuple(12U, 0.6, 0, 877.993), {160U, 1.6, 12, 178858.7913}}) {
+        SimulatedCrystals simulated{{4.5, 4.5, 5.3, 90, 90, 90}, 'P', "tP", "P 4"};
+        simulated.bases = {kSame, kSwap, kSwap};
+        simulated.wedge = 30;
+        simulated.noise = noise;
+        const auto crystals = simulated.make(count);
+        vrk::Session session(vrk::silence());
+        const auto found =
+            vrk::indexConsistently(crystals, vrk::ReducedCell(crystals[0].cell), 0, fourfold, 0.05, session);
+        int wrong = 0;
+        SoFar soFar;
+        for (std::size_t i = 0; i < count; ++i) {
+            wrong += found[i].base(2, 2) * (i % 3 == 0 ? 1 : -1) < 0;
+            soFar.add(found[i].correlation, found[i].runnerUp, found[i].common);
+        }
+        EXPECT_LE(wrong, most) << count;
+        EXPECT_NEAR(soFar.sum(), expected, 1e-3);
+    }
 }
 
 TEST(CrystalAgreementTest, isThatOfHalvesOfTheCrystals) {

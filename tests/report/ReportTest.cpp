@@ -1,6 +1,7 @@
 // The data of the page: what goes in comes out, and nothing of it becomes markup.
 
 #include "pipeline/base/FileChecksum.h"
+#include "pipeline/base/FolderLock.h"
 #include "pipeline/batch/CsvTable.h"
 #include "pipeline/formats/ReflectionTable.h"
 #include "pipeline/report/PackedArray.h"
@@ -169,6 +170,10 @@ TEST_F(ReportTest, TakesTheViewsFromThePageThatIsThere) {
     vrk::writeReport(results, folder / "again.html");
     const char* all = "curves evaluation folder patterns reflections sections{\"size\":2} summary ";
     EXPECT_EQ(viewsOf(folder.read("again.html"), 0), all);
+    {
+        const vrk::FolderLock held(folder / ".");
+        EXPECT_THROW(vrk::writeReport(results, folder / "again.html"), vrk::Failure) << "a run is writing";
+    }
 
     std::filesystem::remove(folder / "report.html");
     std::filesystem::remove(folder / "reflections.csv");

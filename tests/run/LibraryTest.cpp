@@ -119,7 +119,7 @@ TEST(Library, FindsWhatTheStagesFindAndNarratesNothing) {
         for (unsigned i = 0; i < kEdge * kEdge; ++i)
             result.counts.frames->GetChunkPointer(z)[i] =
                 i % 97 == 0   ? vrk::FrameStack::kMissing
-                : i % 89 == 0 ? short{9000}
+                : i % 89 == 0 ? static_cast<short>(z == 0 ? 20000 : 9000)
                               : static_cast<short>(static_cast<int>(random() % 30) - 5);
     const auto patterns = nlohmann::json::parse(vrk::patternViews(result));
     EXPECT_EQ(patterns["width"], patterns["bin"] == 3 ? 233 : 350);
