@@ -11,6 +11,7 @@
 #include "pipeline/base/Failure.h"
 #include "pipeline/base/Median.h"
 #include "pipeline/base/NumberText.h"
+#include "pipeline/integration/BySpacing.h"
 #include "pipeline/integration/DetectorModel.h"
 #include "pipeline/integration/ResolutionLimit.h"
 
@@ -685,7 +686,9 @@ IntegratedReflection Integrator::assembled(std::uint32_t number, std::span<const
 void Integrator::assemble() {
     m_result.reflections.clear();
     for (std::uint32_t i = 0; i < m_result.prediction.reflections.size(); ++i)
-        if (1 / m_result.prediction.reflections[i].length >= m_result.dMin)
+        // With all equivalents of the reflection that is the limit.
+        if (comparableSpacing(1 / m_result.prediction.reflections[i].length) >=
+            comparableSpacing(m_result.dMin))
             m_result.reflections.push_back(assembled(i, m_sums));
     std::sort(m_result.reflections.begin(), m_result.reflections.end(),
               [](const IntegratedReflection& a, const IntegratedReflection& b) {

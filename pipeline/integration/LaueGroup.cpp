@@ -10,6 +10,7 @@
 #include <tuple>
 
 #include "foundation/SharedLoop.h"
+#include "pipeline/integration/BySpacing.h"
 #include "pipeline/integration/SpaceGroupTable.h"
 #include "pipeline/simulation/SimulatedCrystal.h"
 
@@ -128,8 +129,7 @@ Normalised::Normalised(std::span<const Observation> observations) {
     std::vector<const Observation*> sorted;
     for (const Observation& one : observations)
         if (!one.outlier) sorted.push_back(&one);
-    std::sort(sorted.begin(), sorted.end(),
-              [](const Observation* a, const Observation* b) { return a->spacing > b->spacing; });
+    sortBySpacing(sorted, [](const Observation* one) { return one->spacing; });
     const double slope = slopeOf(sorted);
     const std::size_t shells = std::max<std::size_t>(1, sorted.size() / kShellSize);
     double sum = 0, squares = 0, noise = 0;

@@ -21,7 +21,7 @@ public:
     double at(double spacing) const;
 
 private:
-    std::vector<double> m_end;  ///< smallest spacing of each shell, descending
+    std::vector<float> m_end;  ///< smallest spacing of each shell, descending
     std::vector<double> m_mean;
 };
 

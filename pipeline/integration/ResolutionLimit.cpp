@@ -2,10 +2,11 @@
 
 #include <algorithm>
 #include <array>
-#include <functional>
 #include <map>
 #include <utility>
 #include <vector>
+
+#include "pipeline/integration/BySpacing.h"
 
 namespace vrk {
 
@@ -32,7 +33,7 @@ std::vector<std::pair<double, double>> signals(std::span<const IntegratedReflect
             if (const auto one = significance.find({r.h, r.k, r.l}); one != significance.end())
                 pairs.emplace_back(r.spacing, one->second * one->second - 1);
     }
-    std::sort(pairs.begin(), pairs.end(), std::greater<>());
+    sortBySpacing(pairs, [](const auto& pair) { return pair.first; });
     return pairs;
 }
 

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "pipeline/integration/BySpacing.h"
+
 namespace vrk {
 namespace {
 
@@ -35,8 +37,7 @@ void fitLine(WilsonPlot& plot) {
 
 WilsonPlot wilsonPlot(std::span<const MergedReflection> merged) {
     std::vector<MergedReflection> sorted(merged.begin(), merged.end());
-    std::sort(sorted.begin(), sorted.end(),
-              [](const auto& one, const auto& other) { return one.spacing > other.spacing; });
+    sortBySpacing(sorted, [](const MergedReflection& one) { return one.spacing; });
     const std::size_t count = std::clamp<std::size_t>(sorted.size() / kFewest, 1, kMostBins);
     WilsonPlot plot;
     for (std::size_t b = 0; b < count; ++b) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "pipeline/integration/BySpacing.h"
 #include "pipeline/integration/Equivalents.h"
 
 namespace vrk {
@@ -42,8 +43,7 @@ std::vector<Group> groupsOf(std::span<const Observation> observations, const Lau
             value.intensity /= value.weight;
         groups.push_back({observations[equivalent.front()].spacing, std::move(values)});
     }
-    std::stable_sort(groups.begin(), groups.end(),
-                     [](const Group& a, const Group& b) { return a.spacing > b.spacing; });
+    sortBySpacing(groups, [](const Group& one) { return one.spacing; });
     return groups;
 }
 

@@ -44,7 +44,7 @@ std::vector<OptionCase> simulations(const std::string& text) {
 
 const std::vector<Command> kCommands = {
     {"run series.mrc -o out --json --no-pictures",
-     180034.6765,
+     179302.1107,
      {{"--fine-calibration cal.txt", "/input/pixel_size=1.7e8"},
       {"--volume-size 96", "/volume/dims/0=96 /reflections/found<"},
       {"--profile", "/profile/steps/0/name=read"},

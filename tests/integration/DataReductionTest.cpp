@@ -115,7 +115,7 @@ TEST(LaueGroupTest, isFoundBelowAndAtTheSymmetryOfTheLattice) {
         EXPECT_LT(data.laue.best().rMeas, 0.1);
         addTo(soFar, data);
     }
-    EXPECT_NEAR(soFar.sum(), 92475.8197, 1e-3);
+    EXPECT_NEAR(soFar.sum(), 92475.3730, 1e-3);
 }
 
 TEST(LaueGroupTest, fewEquivalentsMakeNoSymmetry) {
@@ -175,7 +175,7 @@ TEST(ScalingTest, findsTheScaleThatIsThereAndNoOther) {
     EXPECT_LT(waved.statistics.overall.rInt, 1.3 * flat.statistics.overall.rInt);
     SoFar soFar;
     addTo(soFar, waved);
-    EXPECT_NEAR(soFar.sum(), 4072.26966, 1e-4);
+    EXPECT_NEAR(soFar.sum(), 4072.26909, 1e-4);
 }
 
 TEST(ErrorModelTest, findsWhatCountingDoesNotExplain) {
@@ -348,7 +348,7 @@ TEST(SpaceGroupsTest, areRankedByWhatIsAbsent) {
         EXPECT_GT(found->evidence, 10);
         addTo(soFar, data);
     }
-    EXPECT_NEAR(soFar.sum(), 58854.7820, 1e-3);
+    EXPECT_NEAR(soFar.sum(), 58854.9294, 1e-3);
 }
 
 TEST(SpaceGroupsTest, conditionsTellTheirEvidence) {

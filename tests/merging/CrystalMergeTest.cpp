@@ -86,7 +86,7 @@ TEST(CrystalMergeTest, indexesAllCrystalsTheSameWay) {
         EXPECT_LT(result.data.statistics.overall.rMeas, 0.08) << made.group;
         addTo(soFar, result);
     }
-    EXPECT_NEAR(soFar.sum(), 95503.5738, 1e-3);
+    EXPECT_NEAR(soFar.sum(), 95503.5971, 1e-3);
 }
 
 TEST(CrystalMergeTest, agreesWithTheTruthTheBetterTheMoreCrystals) {
@@ -158,7 +158,7 @@ TEST(CrystalMergeTest, leavesOutCrystalsThatSpoilTheData) {
         addTo(soFar, result);
         addTo(soFar, kept);
     }
-    EXPECT_NEAR(soFar.sum(), 56593.0474, 1e-3);
+    EXPECT_NEAR(soFar.sum(), 56593.1405, 1e-3);
 }
 
 TEST(CrystalMergeTest, tellsWhereNoCrystalAgreesWithTheOthers) {
@@ -207,7 +207,7 @@ TEST(CrystalMergeTest, refusesOtherCellsByName) {
     EXPECT_EQ(with.cellSigma[0], 0);
     SoFar soFar;
     addTo(soFar, with);
-    EXPECT_NEAR(soFar.sum(), 5205.92536, 1e-4);
+    EXPECT_NEAR(soFar.sum(), 5205.92502, 1e-4);
     options.dMin = 1.5;
     EXPECT_NEAR(mergedOf(crystals, options).data.statistics.overall.dMin, 1.5, 1e-9);
     EXPECT_THROW(mergedOf({crystals[0]}), vrk::Failure);
