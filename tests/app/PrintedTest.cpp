@@ -59,7 +59,8 @@ TEST_F(PrintedTest, OfInstruments) {
     expectPrinted(
         {"run bent.mrc -o bent --no-pictures --no-integration", "calibrate bent bent.mrc -o c.json"},
         2428.4786);
-    for (const Json& term : jsonFile("bent/summary.json")["instrument"]["terms"])
+    const Json summary = jsonFile("bent/summary.json");
+    for (const Json& term : summary["instrument"]["terms"])
         EXPECT_TRUE(term["esd"] > 0 && term["esd"] < 0.2) << term;
     EXPECT_NEAR(soFarOf(folder / "bent"), 80869.1419, 1e-3);
     EXPECT_NEAR(soFarOf(folder / "c.json"), 698.9644, 1e-3);
