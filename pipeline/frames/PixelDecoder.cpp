@@ -8,6 +8,7 @@
 #include <cstring>
 #include <limits>
 #include <type_traits>
+#include <utility>
 
 namespace vrk {
 namespace {
@@ -107,6 +108,19 @@ double decodeNumber(std::span<const char> bytes, std::size_t position, PixelType
     return withType(type, [&](auto number) {
         return static_cast<double>(
             numberAt<decltype(number)>(bytes.data() + position, bigEndian != kHostIsBig));
+    });
+}
+
+std::int64_t decodeInteger(std::span<const char> bytes, std::size_t position, PixelType type,
+                           bool bigEndian) {
+    return withType(type, [&](auto number) -> std::int64_t {
+        using Number = decltype(number);
+        if constexpr (std::is_integral_v<Number>) {
+            constexpr std::int64_t largest = std::numeric_limits<std::int64_t>::max();
+            number = numberAt<Number>(bytes.data() + position, bigEndian != kHostIsBig);
+            return std::cmp_less(number, largest) ? static_cast<std::int64_t>(number) : largest;
+        }
+        return 0;
     });
 }
 

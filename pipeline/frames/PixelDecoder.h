@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <span>
 #include <vector>
 
@@ -32,5 +33,8 @@ std::vector<float> decodePixels(std::span<const char> bytes, PixelType type, boo
 
 /// One number at a byte position; the position must lie inside.
 double decodeNumber(std::span<const char> bytes, std::size_t position, PixelType type, bool bigEndian);
+/// The same of a type of whole numbers (0 for others), to the last digit; the largest number stands for those
+/// beyond.
+std::int64_t decodeInteger(std::span<const char> bytes, std::size_t position, PixelType type, bool bigEndian);
 
 }  // namespace vrk

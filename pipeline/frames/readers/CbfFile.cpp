@@ -95,7 +95,7 @@ bool unpackByteOffsets(std::span<const char> bytes, std::span<float> pixels) {
     const auto next = [&](PixelType type) {
         const std::size_t count = bytesOf(type);
         if (bytes.size() - position < count) return false;
-        difference = static_cast<std::int64_t>(decodeNumber(bytes, position, type, false));
+        difference = decodeInteger(bytes, position, type, false);
         position += count;
         return true;
     };

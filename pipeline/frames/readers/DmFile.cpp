@@ -47,9 +47,9 @@ public:
 
     /// False when the tags are damaged or of an unknown kind.
     bool read(Tags& tags) {
-        m_wide = integer(4) == 4;
+        m_wide = integer(PixelType::Int32) == 4;
         length();  // of the file
-        m_bigEndian = integer(4) == 0;
+        m_bigEndian = integer(PixelType::Int32) == 0;
         return m_good && readGroup("", 0, tags);
     }
     bool bigEndian() const { return m_bigEndian; }
@@ -58,17 +58,13 @@ private:
     static constexpr int kDeepest = 64;
     static constexpr int kMostTags = 1'000'000;
 
-    /// Big-endian, whatever the order of the data is; with a sign from four bytes on.
-    std::int64_t integer(std::size_t size) {
+    /// Big-endian, whatever the order of the data is.
+    std::int64_t integer(PixelType type) {
         std::array<char, 8> raw{};
-        if (!take({raw.data(), size})) return 0;
-        // Exact: numbers of 64 bits that lie in a damaged file are more than any other kind of number holds.
-        std::uint64_t bits = 0;
-        for (std::size_t i = 0; i < size; ++i)
-            bits = bits << 8 | static_cast<unsigned char>(raw[i]);
-        return size == 4 ? static_cast<std::int32_t>(bits) : static_cast<std::int64_t>(bits);
+        if (!take({raw.data(), bytesOf(type)})) return 0;
+        return decodeInteger(raw, 0, type, true);
     }
-    std::int64_t length() { return integer(m_wide ? 8 : 4); }
+    std::int64_t length() { return integer(m_wide ? PixelType::Int64 : PixelType::Int32); }
     bool take(std::span<char> target) {
         m_good = m_good && m_bytes.read(m_position, target);
         m_position += target.size();
@@ -95,8 +91,8 @@ private:
         const std::int64_t count = length();
         for (std::int64_t i = 0; i < count && m_good; ++i) {
             if (++m_tags > kMostTags) return false;
-            const std::int64_t kind = integer(1);
-            std::string name(static_cast<std::size_t>(integer(2)), '\0');
+            const std::int64_t kind = integer(PixelType::UInt8);
+            std::string name(static_cast<std::size_t>(integer(PixelType::UInt16)), '\0');
             take(name);
             if (name.empty()) name = std::to_string(i);
             const std::string inside = path.empty() ? name : path + "." + name;
@@ -156,7 +152,7 @@ private:
         if (!take(raw)) return false;
         std::string& characters = tags.texts[path];
         for (std::size_t i = 0; i < count; ++i) {
-            const auto unit = static_cast<unsigned>(decodeNumber(raw, 2 * i, type, m_bigEndian));
+            const auto unit = decodeInteger(raw, 2 * i, type, m_bigEndian);
             if (unit < 128)
                 characters += static_cast<char>(unit);
             else if (unit == 0xc5 || unit == 0x212b)
@@ -207,9 +203,9 @@ FrameFormat::Match recogniseDm(const FileStart& start) {
     using Match = FrameFormat::Match;
     if (start.bytes.size() < 16) return Match::No;
     const std::span<const char> head(start.bytes);
-    const double version = decodeNumber(head, 0, PixelType::Int32, true);
+    const std::int64_t version = decodeInteger(head, 0, PixelType::Int32, true);
     if (version != 3 && version != 4) return Match::No;
-    const double order = decodeNumber(head, version == 3 ? 8 : 12, PixelType::Int32, true);
+    const std::int64_t order = decodeInteger(head, version == 3 ? 8 : 12, PixelType::Int32, true);
     const bool named = start.extension == ".dm3" || start.extension == ".dm4";
     return order != 0 && order != 1 ? Match::No : named ? Match::Yes : Match::Perhaps;
 }

@@ -65,7 +65,7 @@ private:
 };
 
 bool isBigEndian(std::span<const char> header) {
-    const double mode = decodeNumber(header, 12, PixelType::Int32, false);
+    const std::int64_t mode = decodeInteger(header, 12, PixelType::Int32, false);
     return header[212] == 0x11 || (header[212] != 0x44 && (mode < 0 || mode > 200));
 }
 
@@ -93,7 +93,7 @@ FrameFormat::Match recogniseMrc(const FileStart& start) {
     if (start.bytes.substr(208, 3) == "MAP") return Match::Yes;
     const std::span<const char> header(start.bytes);
     const auto integer = [&](std::size_t position) {
-        return static_cast<long long>(decodeNumber(header, position, PixelType::Int32, isBigEndian(header)));
+        return decodeInteger(header, position, PixelType::Int32, isBigEndian(header));
     };
     const bool sized = integer(0) > 0 && integer(0) <= 65536 && integer(4) > 0 && integer(4) <= 65536;
     return sized && integer(8) > 0 && typeOf(integer(12), false) ? Match::Perhaps : Match::No;
@@ -126,7 +126,7 @@ MrcStack::MrcStack(FrameSource source) : FrameFile(std::move(source)) {
 void MrcStack::readHeader(std::span<const char> header, long long length) {
     m_bigEndian = isBigEndian(header);
     const auto integer = [&](std::size_t position) {
-        return static_cast<long long>(decodeNumber(header, position, PixelType::Int32, m_bigEndian));
+        return decodeInteger(header, position, PixelType::Int32, m_bigEndian);
     };
     const long long width = integer(0);
     const long long height = integer(4);
@@ -165,8 +165,9 @@ void MrcStack::readExtendedHeader(std::span<const char> header, std::span<const 
     const std::string_view kind(header.data() + 104, 4);
     if (kind == "FEI1" || kind == "FEI2") return readNewRecords(extended);
 
-    const auto integers = static_cast<std::size_t>(decodeNumber(header, 128, PixelType::UInt16, m_bigEndian));
-    const auto reals = static_cast<int>(decodeNumber(header, 130, PixelType::UInt16, m_bigEndian));
+    const auto integers =
+        static_cast<std::size_t>(decodeInteger(header, 128, PixelType::UInt16, m_bigEndian));
+    const auto reals = static_cast<int>(decodeInteger(header, 130, PixelType::UInt16, m_bigEndian));
     // SerialEM keeps the bytes of a record and its flags where others count integers and real numbers.
     if (kind == "SERI" || (reals > 0 && serialBytes(reals) == integers)) {
         if ((reals & 1) != 0 && integers >= 2 && integers * frames() <= extended.size())

@@ -1,6 +1,5 @@
 /// \file
 /// SER files, one frame or a series.
-#include <algorithm>
 #include <array>
 #include <cmath>
 
@@ -38,19 +37,13 @@ FrameFormat::Match recogniseSer(const FileStart& start) {
 
 const FrameFormat::Registration kSer({"SER", recogniseSer, FrameFormat::openAs<SerFile>});
 
-/// A whole number of 64 bits; one that no file reaches stands for all beyond.
-std::uint64_t wholeNumber(double value) {
-    constexpr double beyond = 9e18;
-    return static_cast<std::uint64_t>(std::min(value, beyond));
-}
-
 SerFile::SerFile(FrameSource source) : FrameFile(std::move(source)) {
     constexpr std::size_t headerBytes = 34;
     const std::unique_ptr<FrameBytes> bytes = this->source().open();
     std::array<char, headerBytes> header{};
     if (!bytes->read(0, header)) refuse("it ends within its header");
     const auto integer = [&](std::size_t position, PixelType type) {
-        return wholeNumber(decodeNumber(header, position, type, false));
+        return static_cast<std::uint64_t>(decodeInteger(header, position, type, false));
     };
     constexpr std::uint64_t images = 0x4122;
     constexpr std::uint64_t lastWithShortPlaces = 0x210;
@@ -67,8 +60,8 @@ SerFile::SerFile(FrameSource source) : FrameFile(std::move(source)) {
     std::vector<char> places(listBytes);
     bytes->read(list, places);
     for (std::uint64_t i = 0; i < valid && m_damage.empty(); ++i) {
-        const double place = decodeNumber(places, i * bytesOf(placeType), placeType, false);
-        if (readElement(*bytes, wholeNumber(place))) continue;
+        const std::int64_t place = decodeInteger(places, i * bytesOf(placeType), placeType, false);
+        if (readElement(*bytes, static_cast<std::uint64_t>(place))) continue;
         m_damage = "it is truncated or damaged: " + std::to_string(i) + " of its " + std::to_string(valid) +
                    " images are there";
         if (i == 0) refuse(m_damage);
@@ -80,12 +73,12 @@ bool SerFile::readElement(FrameBytes& bytes, std::uint64_t position) {
     std::array<char, calibrationBytes> start{};
     if (!bytes.read(position, start)) return false;
     const auto integer = [&](std::size_t at, PixelType type) {
-        return static_cast<long long>(decodeNumber(start, at, type, false));
+        return decodeInteger(start, at, type, false);
     };
     using enum PixelType;
     constexpr std::array<PixelType, 8> types = {UInt8, UInt16, UInt32, Int8, Int16, Int32, Float32, Float64};
-    const long long code = integer(40, UInt16);
-    if (code < 1 || code > static_cast<long long>(types.size()))
+    const std::int64_t code = integer(40, UInt16);
+    if (code < 1 || code > static_cast<std::int64_t>(types.size()))
         refuse("its pixels are complex or of an unknown kind");
     Element element{position + calibrationBytes, types[static_cast<std::size_t>(code - 1)]};
     FrameInfo info;

@@ -45,7 +45,7 @@ private:
 FrameFormat::Match recogniseTvips(const FileStart& start) {
     using Match = FrameFormat::Match;
     if (start.bytes.size() < 52 || start.extension != ".tvips") return Match::No;
-    const double version = decodeNumber(start.bytes, 4, PixelType::UInt32, false);
+    const std::int64_t version = decodeInteger(start.bytes, 4, PixelType::UInt32, false);
     return version == 1 || version == 2 ? Match::Yes : Match::No;
 }
 
@@ -57,9 +57,9 @@ TvipsFile::TvipsFile(FrameSource source) : FrameFile(std::move(source)) {
     std::array<char, headerBytes> header{};
     this->source().open()->read(0, header);
     const auto integer = [&](std::size_t position) {
-        return static_cast<long long>(decodeNumber(header, position, PixelType::UInt32, false));
+        return decodeInteger(header, position, PixelType::UInt32, false);
     };
-    const long long bits = integer(16);
+    const std::int64_t bits = integer(16);
     checkSize(integer(8), integer(12));
     if (bits != 8 && bits != 16)
         refuse("its pixels have " + std::to_string(bits) + " bits; 8 and 16 are read");
