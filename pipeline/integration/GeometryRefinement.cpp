@@ -146,8 +146,7 @@ private:
     };
 
     Index size() const { return kGlobals + static_cast<Index>(m_frames); }
-    Normal linearise() { return linearise(m_tiltsActive); }
-    Normal linearise(bool withTilts);
+    Normal linearise();
     void addPlaces(Normal& normal);
     void addCurves(Normal& normal);
     void addCurve(std::size_t curve, Normal& normal) const;
@@ -243,7 +242,7 @@ Refiner::Refiner(const SeriesGeometry& start, const RockingModel& rocking, const
     m_curvePoints.resize(m_curveBegins.back());
 }
 
-Refiner::Normal Refiner::linearise(bool withTilts) {
+Refiner::Normal Refiner::linearise() {
     m_views.clear();
     for (const FramePose& frame : m_geometry.frames)
         m_views.emplace_back(m_geometry, frame);
@@ -254,7 +253,7 @@ Refiner::Normal Refiner::linearise(bool withTilts) {
     placeCurves();
     estimateScatter();
     estimateCurveError();
-    Normal normal(withTilts ? size() : kGlobals);
+    Normal normal(m_tiltsActive ? size() : kGlobals);
     addPlaces(normal);
     addCurves(normal);
     for (Index i = 0; i < kGlobals; ++i) {
@@ -658,8 +657,8 @@ bool Refiner::takeUpTerm() {
 
 /// Tries a correction of every frame's tilt.
 void Refiner::takeUpTilts() {
-    Normal normal = linearise(true);
     m_tiltsActive = true;
+    Normal normal = linearise();
     const std::vector<Index> columns = activeColumns();
     m_tiltsActive = false;
     const VectorXd solution = SymmetricSystem(normal.matrix(columns, columns)).solve(normal.right(columns));
