@@ -50,13 +50,16 @@ class GreyScale {
 public:
     GreyScale(double noise, double top) {
         const double factor = kBrightest / std::log1p(top / noise);
-        std::size_t counts = 0;
-        for (int grey = 0; grey <= static_cast<int>(kBrightest) && counts < m_grey.size(); ++grey) {
-            // Counts from which the next grey begins.
-            const auto next = static_cast<float>(noise * std::expm1((grey + 0.5) / factor));
-            const bool isLast = grey == static_cast<int>(kBrightest);
-            for (; counts < m_grey.size() && (isLast || static_cast<float>(counts) < next); ++counts)
-                m_grey[counts] = static_cast<unsigned char>(1 + grey);
+        // Counts before which a grey ends.
+        const auto endOf = [&](int grey) {
+            return static_cast<float>(noise * std::expm1((grey + 0.5) / factor));
+        };
+        int grey = 0;
+        float end = endOf(grey);
+        for (std::size_t counts = 0; counts < m_grey.size(); ++counts) {
+            while (grey < static_cast<int>(kBrightest) && !(static_cast<float>(counts) < end))
+                end = endOf(++grey);
+            m_grey[counts] = static_cast<unsigned char>(1 + grey);
         }
     }
 

@@ -23,12 +23,10 @@ AsinhScale::AsinhScale(float unit, float white) {
         m_begins[grey] = std::bit_cast<float>(begin);
     }
     m_begins[256] = std::numeric_limits<float>::infinity();
-    std::size_t grey = 0;
     for (std::size_t bin = 0; bin < m_greyOfBin.size(); ++bin) {
         const auto first = std::bit_cast<float>(static_cast<std::uint32_t>(bin) << kBitsBelow);
-        while (grey < 255 && first >= m_begins[grey + 1])
-            ++grey;
-        m_greyOfBin[bin] = static_cast<unsigned char>(grey);
+        const auto next = std::upper_bound(m_begins.begin() + 1, m_begins.begin() + 256, first);
+        m_greyOfBin[bin] = static_cast<unsigned char>(next - m_begins.begin() - 1);
     }
 }
 
