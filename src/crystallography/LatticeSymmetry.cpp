@@ -4,6 +4,7 @@
 #include <array>
 #include <cmath>
 #include <memory>
+#include <optional>
 #include <tuple>
 
 #include "crystallography/BasicMath.h"
@@ -59,7 +60,7 @@ double angleMisfit(LATTICE::BravaisTypes type, const CellParameters& p) {
 struct ConventionalFit {
     explicit ConventionalFit(const CharacterFit& characterFit)
         : fit(&characterFit), inForm(standardAxes(*fit->row, fit->form.metric)) {
-        axes = inBaseOf(inForm, fit->form.axes);
+        axes = *inBaseOf(inForm, fit->form.axes);  // indices of both are small
         unordered = axes;
         for (Vector& axis : unordered)
             if (axis < Vector{}) axis = negated(axis);
@@ -92,11 +93,13 @@ std::vector<ConventionalFit> withoutRepetition(const std::vector<CharacterFit>& 
     return out;
 }
 
-LatticeCharacter describe(const ConventionalFit& conventional, const ShortestBase& shortest) {
+/// Nothing where the base given is so skew that it cannot hold the axes.
+std::optional<LatticeCharacter> describe(const ConventionalFit& conventional, const ShortestBase& shortest) {
     const CharacterRow& row = *conventional.fit->row;
     const Metric& form = conventional.fit->form.metric;
     const Metric metric = metricOf(conventional.inForm, form);
-    const Axes inInput = inBaseOf(conventional.axes, shortest.axes());
+    const std::optional<Axes> inInput = inBaseOf(conventional.axes, shortest.axes());
+    if (!inInput) return std::nullopt;
 
     LatticeCharacter out;
     out.number = exactCharacter(row, form);
@@ -104,7 +107,7 @@ LatticeCharacter describe(const ConventionalFit& conventional, const ShortestBas
     out.centring = VRK::detail::centringOf(row.bravais).letter;
     for (std::size_t i = 0; i < 3; ++i)
         for (std::size_t j = 0; j < 3; ++j)
-            out.toConventional[i][j] = inInput[j][i];
+            out.toConventional[i][j] = (*inInput)[j][i];
     out.measured = parametersOf(metric);
     out.symmetrised = parametersOf(symmetrised(row.bravais, metric));
     out.qualityIndex = angleMisfit(row.bravais, out.measured);
@@ -154,7 +157,7 @@ std::vector<LatticeCharacter> LatticeSymmetry::analyse(const UnitCell& cell,
     std::vector<LatticeCharacter> characters;
     characters.reserve(fits.size());
     for (const ConventionalFit& fit : withoutRepetition(fits))
-        characters.push_back(describe(fit, shortest));
+        if (const auto character = describe(fit, shortest)) characters.push_back(*character);
     std::sort(characters.begin(), characters.end(), ranksBefore);
     return characters;
 }

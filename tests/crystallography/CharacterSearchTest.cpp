@@ -36,7 +36,7 @@ public:
 
 private:
     void tryBase(Axes axes, Vector sign) {
-        const int det = determinant(axes);
+        const auto det = static_cast<int>(determinant(axes));
         if (det != 1 && det != -1) return;
         for (std::size_t i = 0; i < 3; ++i)
             for (int& entry : axes[i])
@@ -70,9 +70,11 @@ private:
         if (isMonoclinic(row.bravais)) {
             if (m.D * m.D > m_wide.squaredSine * (m.B * m.C) || m.F * m.F > m_wide.squaredSine * (m.A * m.B))
                 return;
-            Vector axis = inBaseOf(
-                {Vector{row.toConventional[1][0], row.toConventional[1][1], row.toConventional[1][2]}},
-                form.axes)[0];
+            Vector axis =
+                inBaseOf(
+                    {Vector{row.toConventional[1][0], row.toConventional[1][1], row.toConventional[1][2]}},
+                    form.axes)
+                    ->front();
             if (axis < Vector{}) axis = negated(axis);
             if (!m_uniqueAxes.emplace(row.number, axis).second) return;
             m = metricOf(standardAxes(row, form.metric), form.metric);

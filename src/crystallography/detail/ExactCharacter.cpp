@@ -16,8 +16,8 @@ constexpr double kRounding = 1e-9;
 struct Inverse {
     constexpr explicit Inverse(const CharacterRow& row) {
         const auto& m = row.toConventional;
-        const int det = determinant(
-            {{{m[0][0], m[0][1], m[0][2]}, {m[1][0], m[1][1], m[1][2]}, {m[2][0], m[2][1], m[2][2]}}});
+        const auto det = static_cast<int>(determinant(
+            {{{m[0][0], m[0][1], m[0][2]}, {m[1][0], m[1][1], m[1][2]}, {m[2][0], m[2][1], m[2][2]}}}));
         for (std::size_t i = 0; i < 3; ++i)
             for (std::size_t j = 0; j < 3; ++j) {
                 const auto at = [&m](std::size_t k, std::size_t l) { return m[k % 3][l % 3]; };

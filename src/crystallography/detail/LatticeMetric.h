@@ -6,7 +6,10 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstdint>
 #include <numbers>
+#include <optional>
+#include <utility>
 
 #include "crystallography/BasicMath.h"
 #include "crystallography/detail/LatticeCharacterTable.h"
@@ -22,7 +25,11 @@ constexpr Vector negated(const Vector& v) {
     return {-v[0], -v[1], -v[2]};
 }
 
-constexpr int determinant(const Axes& m) {
+/// Exact for entries up to 1e6.
+constexpr std::int64_t determinant(const Axes& axes) {
+    std::array<std::array<std::int64_t, 3>, 3> m = {};
+    for (std::size_t i = 0; i < 3; ++i)
+        std::copy(axes[i].begin(), axes[i].end(), m[i].begin());
     return m[0][0] * (m[1][1] * m[2][2] - m[1][2] * m[2][1]) -
            m[0][1] * (m[1][0] * m[2][2] - m[1][2] * m[2][0]) +
            m[0][2] * (m[1][0] * m[2][1] - m[1][1] * m[2][0]);
@@ -102,12 +109,18 @@ inline Metric metricOf(const double (&vectors)[3][3]) {
             BasicMath::Dot(b, c), BasicMath::Dot(a, c), BasicMath::Dot(a, b)};
 }
 
-/// The vectors of `axes`, given in the base `base`, in the base that `base` itself is given in.
-constexpr Axes inBaseOf(const Axes& axes, const Axes& base) {
+/// The vectors of `axes`, given in the base `base`, in the base that `base` itself is given in; nothing when
+/// that takes larger numbers than an axis holds.
+constexpr std::optional<Axes> inBaseOf(const Axes& axes, const Axes& base) {
     Axes out = {};
     for (std::size_t i = 0; i < 3; ++i)
-        for (std::size_t j = 0; j < 3; ++j)
-            out[i][j] = axes[i][0] * base[0][j] + axes[i][1] * base[1][j] + axes[i][2] * base[2][j];
+        for (std::size_t j = 0; j < 3; ++j) {
+            std::int64_t sum = 0;
+            for (std::size_t k = 0; k < 3; ++k)
+                sum += std::int64_t{axes[i][k]} * base[k][j];
+            if (!std::in_range<int>(sum)) return std::nullopt;
+            out[i][j] = static_cast<int>(sum);
+        }
     return out;
 }
 
