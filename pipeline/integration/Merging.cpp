@@ -110,8 +110,12 @@ MergingStatistics mergingStatistics(std::span<const Observation> observations, c
         dMax = std::max(dMax, one.spacing);
     const int count = std::clamp(static_cast<int>(groups.size()) / kReflectionsInShell, 1, kMostShells);
     const double longest3 = std::pow(1 / dMin, 3);
-    const auto shellOf = [&](double spacing) {
-        const double part = std::pow(1 / spacing, 3) / longest3;
+    const auto lengthOf = [&](const Indices& hkl) {
+        return (reciprocal * Eigen::Vector3d(hkl[0], hkl[1], hkl[2])).norm();
+    };
+    // By the length of the representative: each shell counts its own of those that are possible.
+    const auto shellOf = [&](const Indices& hkl) {
+        const double part = std::pow(lengthOf(hkl), 3) / longest3;
         return static_cast<std::size_t>(std::clamp(static_cast<int>(part * count), 0, count - 1));
     };
     std::vector<Shell> shells(static_cast<std::size_t>(count));
@@ -124,7 +128,7 @@ MergingStatistics mergingStatistics(std::span<const Observation> observations, c
     all.limits().dMax = dMax;
     all.limits().dMin = dMin;
     for (const auto& group : groups) {
-        shells[shellOf(observations[group.front()].spacing)].add(observations, group);
+        shells[shellOf(representative(observations[group.front()].hkl, rotations))].add(observations, group);
         all.add(observations, group);
     }
 
@@ -135,11 +139,11 @@ MergingStatistics mergingStatistics(std::span<const Observation> observations, c
     for (int h = -most[0]; h <= most[0]; ++h)
         for (int k = -most[1]; k <= most[1]; ++k)
             for (int l = -most[2]; l <= most[2]; ++l) {
-                const double length = (reciprocal * Eigen::Vector3d(static_cast<double>(h), k, l)).norm();
-                if (!(length > 0) || length > kEdge / dMin || isExtinct(centring, h, k, l)) continue;
                 const Indices hkl = {h, k, l};
+                const double length = lengthOf(hkl);
+                if (!(length > 0) || length > kEdge / dMin || isExtinct(centring, h, k, l)) continue;
                 if (representative(hkl, rotations) != hkl) continue;
-                ++shells[shellOf(1 / length)].limits().possible;
+                ++shells[shellOf(hkl)].limits().possible;
                 ++all.limits().possible;
             }
     result.overall = all.statistics();
