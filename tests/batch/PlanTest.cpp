@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <nlohmann/json.hpp>
 
 #include "pipeline/base/Attempt.h"
 #include "pipeline/batch/BatchPlan.h"
@@ -14,6 +15,7 @@
 namespace {
 
 namespace fs = std::filesystem;
+using nlohmann::json;
 
 const std::vector<vrk::OptionKind> kKinds = {
     {"tilt-axis", true, true, false}, {"distortion", true, true, false}, {"no-pictures", false, true, false},
@@ -154,7 +156,9 @@ TEST_F(Plan, TakesOptionsFromTables) {
     for (const auto& [bad, expected] : std::map<std::string, std::string>{
              {"path\nplain.mrc\n", "no column \"series\""},
              {"series\nplain.mrc\nplain.mrc\n", "occurs twice"},
-             {"series,name\nplain.mrc,x\nframes,x\n", "occurs twice"},
+             {"series;name\nplain.mrc;x\nframes;x\n", "occurs twice"},
+             {"\xef\xbb\xbf\r\nseries\n\"x\n\"\"y\"\n1,2\n", "line 5: 2 fields where the head has 1"},
+             {"series\n\"plain.mrc\"\"\n", "line 2: a quote is not closed"},
              {"series,colour\nplain.mrc,red\n", "line 2: --colour is no option"},
              {"series,no-pictures\nplain.mrc,perhaps\n", "neither yes nor no"},
              {"series,tilts\nplain.mrc,1:2\n", "needs none"},
@@ -320,6 +324,26 @@ TEST(Units, AreFewJobsInARowAndArraysOfEqualOnes) {
     EXPECT_EQ(vrk::engineCommand(units, settings).back(), std::to_string(units.size()));
     settings.jobs = 9;
     EXPECT_EQ(vrk::engineCommand(units, settings).back(), "1") << "one array after the other";
+
+    const TemporaryFolder folder;
+    settings.program = "the program";
+    settings.partition = "p";
+    settings.memory = 100;
+    const vrk::JobNeeds needs = open[0].needs;
+    for (const bool slurm : {true, false}) {
+        settings.slurm = slurm;
+        vrk::writeWorkflow({{needs, {"j0", "j3"}}}, settings, vrk::BatchFolder(folder / "."));
+        const json told = json::parse(folder.read("workflow/settings.json"));
+        EXPECT_EQ(told["units"]["000000"], (json{{"memory", slurm ? needs.memory : 100},
+                                                 {"minutes", needs.minutes},
+                                                 {"cores", needs.cores},
+                                                 {"tasks", "0-1%9"}}));
+        EXPECT_EQ(told["slurm"], json({"--partition=p", "--ntasks=1"}));
+        EXPECT_EQ(folder.read(told["folder"].get<std::string>() + "/units/000000"), "j0\nj3\n");
+        EXPECT_TRUE(folder.read("jobs.txt").ends_with("\n'the program' batch -o . --job j3\n"));
+    }
+    EXPECT_EQ(std::distance(fs::directory_iterator(folder / "workflow"), {}), 5) << "one run, not two";
+    EXPECT_EQ(vrk::engineCommand(units, settings).back(), "mem_mb=100");
 }
 
 }  // namespace

@@ -66,13 +66,14 @@ struct DmContents {
     int kind = 7;                ///< of the data: complex, coloured ...
     std::size_t code = 3;        ///< of a pixel in the array, and what it stands for
     vrk::PixelType type = vrk::PixelType::Int32;
+    std::vector<int> sizes = {kFrameWidth, kFrameHeight, frames};
 };
 
 /// A DM3 or DM4 file of a coloured thumbnail and frames, taken with the stage at -1 degrees.
 std::string dmBytes(const DmContents& contents) {
     const DmTags dm{contents.version == 4};
     std::vector<std::string> sizes;
-    for (const int size : {kFrameWidth, kFrameHeight, contents.frames})
+    for (const int size : contents.sizes)
         sizes.push_back(dm.number("", 5, std::uint32_t(size)));
     const std::string thumbnail = dm.group(
         "ImageData", {dm.frames(3, vrk::PixelType::Int32, 1), dm.number("DataType", 3, std::int32_t{23})});
@@ -188,6 +189,8 @@ TEST(BinaryReaders, TruncatedStacksKeepTheirCompleteFrames) {
     for (const auto& [name, bytes, reason] :
          {std::tuple{"a.dm3", dm.substr(0, dm.size() / 2), "tags are damaged"},
           {"a.dm3", dmBytes({.kind = 3}), "no image of grey values"},
+          {"a.dm3", dmBytes({.sizes = {5, 4, 0}}), "it has no frames"},
+          {"a.dm3", dmBytes({.sizes = {5, 4, 1, 2}}), "four dimensions"},
           {"a.ser", serBytes(true, 2, 4e7, 9), "complex"},
           {"a.ser", serBytes(false, 0), "it holds no images"},
           {"a.ser", ser.substr(0, 45), "the list of its 3 images is not there"},

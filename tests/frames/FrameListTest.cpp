@@ -80,7 +80,12 @@ TEST(FrameLists, GiveFramesTheirTiltsAndTheExperiment) {
         "log.txt", "Starting angle: 1\nEnding angle: 4\nNumber of frames: 3\nRotation axis: 1.745329252\n");
     EXPECT_NEAR(*log.axis, 170, 1e-6);
     EXPECT_EQ(log.tiltsFor({"f7", "f8", "f10"}), (std::vector<double>{1.5, 2.5, 3.5})) << "all are there";
-    EXPECT_THROW(listOf("t.tlt", "400\n"), vrk::Failure);
+    EXPECT_EQ(listOf("t.tlt", "-360\n").frames.size(), 1U);
+    for (const auto& [name, text] :
+         {std::pair{"t.tlt", "360.5\n"},
+          {"log.txt", "Starting angle: 1\nEnding angle: 1\n"},
+          {"log.txt", "Starting angle: 0\nEnding angle: 99\nNumber of frames: 1\n"}})
+        EXPECT_THROW(listOf(name, text), vrk::Failure);
     EXPECT_FALSE(vrk::isFrameList(folder.write("b.mdoc", std::string("a\0b", 3))));
     // An XDS.INP names its frames, without the excluded ones.
     const vrk::FrameList xds = vrk::readFrameList(folder / "XDS.INP");
@@ -103,7 +108,8 @@ TEST(FrameLists, GiveFramesTheirTiltsAndTheExperiment) {
     EXPECT_EQ(bare.frames.at(1).path, std::filesystem::path(folder / "f008"));
     EXPECT_EQ(bare.frames.at(0).tilt, 0.5) << "the first begins where the scan does";
     // Numbers at the end of what 64 bits hold, counted from one below 0.
-    const vrk::FrameList sweep = listOf("XDS.INP", "OSCILLATION_RANGE=1\nSTARTING_FRAME=-9\n");
+    const vrk::FrameList sweep =
+        listOf("XDS.INP", "OSCILLATION_RANGE=1\nSTARTING_FRAME=-9\nNAME_TEMPLATE_OF_DATA_FRAMES=f?\n");
     EXPECT_GT(sweep.tiltsFor({"f_9223372036854775807.img", "f_1.img"})[0], 9e18);
     for (const char* bad : {"", "OSCILLATION_RANGE=0\n", "OSCILLATION_RANGE=-90.5\n"})
         EXPECT_THROW(listOf("XDS.INP", std::string("DATA_RANGE=1 2\nSTARTING_ANGLE=1\n") + bad),

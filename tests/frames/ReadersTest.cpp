@@ -86,10 +86,13 @@ TEST(Readers, UnitsAndMarksAreUnderstood) {
              {"angles_last.emd", {{"[deg]", "[rad]"}}, radian, 5e7, ""},
              {"angles_last.emd", {{"[n_m^-1]", " [A^-1] "}}, 1, 5e8, ""},
              {"angles_last.emd", {{"[n_m^-1]", " [m^-1] "}}, 1, 0.05, ""},
+             {"angles_last.emd", {{"[n_m^-1]", "  [1/A] "}}, 1, 5e8, ""},
              {"frame.cbf", {{"Start_angle", "Phi        "}, {"0.8 m", "0.4 m"}}, 0, 2 * pixel, ""},
              {"frame.cbf", {{"x-CBF_BYTE_OFFSET", "x-CBF_CANONICAL  "}}, 0, 0, "packed in a way"},
              {"frame.cbf", {{"signed 32-bit integer", "complex 64-bit number"}}, 0, 0, "of the type"},
              {"frame.cbf", {{"Second-Dimension: 4", "Second-Dimension: 9"}}, 0, 0, "cannot lie in"},
+             {"frame.cbf", {{"X-Binary-Size: 36", "X-Binary-Size: 35"}}, 0, 0, "packed pixels are damaged"},
+             {"frame.cbf", {{bytes("\xff\x10\1\0"), bytes("\0\0\0\x80")}}, 0, 0, "packed pixels are damaged"},
          }) {
         SCOPED_TRACE(name + changes[0][1]);
         std::string changed = *contents(kFolder / name);
@@ -100,9 +103,10 @@ TEST(Readers, UnitsAndMarksAreUnderstood) {
         }
         std::unique_ptr<FrameFile> file;
         const FrameSource source(kFolder / name, std::make_shared<const std::string>(changed));
-        EXPECT_TRUE(failureOf([&] { file = FrameFile::open(source); }).says(reason));
-        ASSERT_EQ(file == nullptr, *reason != 0);
-        if (!file) continue;
+        const Refusal refusal = failureOf([&] { (file = FrameFile::open(source))->read(0); });
+        EXPECT_TRUE(refusal.says(reason)) << refusal.text;
+        ASSERT_EQ(refusal.text.empty(), !*reason);
+        if (*reason) continue;
         EXPECT_NEAR(file->info(0).pixelSize.value_or(0), pixelSize, 1e-6 * pixelSize);
         if (file->count() > 1) {
             EXPECT_NEAR(*file->info(1).tilt - *file->info(0).tilt, tiltStep, 1e-6);
@@ -148,6 +152,16 @@ TEST(Readers, FilesAreKnownByTheirFirstBytes) {
         expect(text, Content::Kind::OtherText, "a text");
     for (const std::string& other : {bytes("a\0"), bytes("a\x1f"), std::string()})
         expect(other, Content::Kind::Unknown, "");
+}
+
+TEST(Readers, BytesBeyondTheEndAreNotRead) {
+    const TemporaryFolder folder;
+    for (const FrameSource& source : {FrameSource(folder.write("x", "1234")),
+                                      FrameSource("x", std::make_shared<const std::string>("1234"))}) {
+        std::array<char, 3> raw{};
+        EXPECT_TRUE(source.open()->read(1, raw) && raw[2] == '4');
+        EXPECT_FALSE(source.open()->read(2, raw) || source.open()->read(5, {}));
+    }
 }
 
 #if !defined(__SANITIZE_ADDRESS__)  // which opens pipes to look at types

@@ -1,8 +1,8 @@
 #include <opencv2/imgcodecs.hpp>
 #include <regex>
 
+#include "ExpectedFrames.h"
 #include "VoxCore/IO/VoxMRCFileHandler.h"
-#include "frames/ExpectedFrames.h"
 #include "pipeline/base/NumberText.h"
 #include "pipeline/frames/FrameCollection.h"
 #include "pipeline/frames/SeriesHeader.h"
@@ -214,6 +214,7 @@ TEST_F(Import, MrcModesAndExtendedHeaders) {
     const std::vector<Case> cases = {
         {"128-byte records", mrc<std::int16_t>(3, 1, oldRecords), 5e7, 300, 0},
         {"128-byte records of an image", mrc<std::int16_t>(3, 1, floatRecords(128, {{11, 2e-10F}})), 0, 0, 0},
+        {"128-byte records without a pixel size", mrc<std::int16_t>(3, 1, floatRecords(128, {})), 0, 0, 0},
         {"144-byte records", mrc<float>(3, 2, floatRecords(144, {{11, 5e7F}, {15, 120}, {8, 33}})), 5e7, 120,
          33},
         {"SerialEM", mrc<std::int16_t>(3, 1, shortRecords(8, 0), counted("SERI", 8, 1)), 0, 0, 0},
@@ -486,7 +487,7 @@ TEST_F(Import, DamagedInputIsRefusedWithAReason) {
         {"garbage.tif", std::string("II*\0", 4) + std::string(500, 'x'), "-1:1", "TIFF"},
         {"text.mrc", std::string(4000, 'x'), "", "none of the kinds"},
         {"short.mrc", stack.substr(0, stack.size() - 1), "-1:1", "2 are there"},
-        {"mode.mrc", garbled(stack, 12, 4), "-1:1", "mode 4"},
+        {"mode.mrc", garbled(stack, 12, 404), "-1:1", "mode 404"},
         {"size.mrc", garbled(stack, 0, 1 << 30), "-1:1", "pixels"},
         {"count.mrc", garbled(stack, 8, -1), "-1:1", "frames"},
         {"next.mrc", garbled(stack, 92, 0x7fffff00), "-1:1", "truncated"},
