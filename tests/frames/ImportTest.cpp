@@ -120,8 +120,8 @@ void expectWarnings(const Imported& imported, std::vector<std::string> told) {
 void expectThreeFrames(const Imported& imported, const std::vector<std::string>& told = {}) {
     ASSERT_NE(imported.result.series, nullptr);
     ASSERT_EQ(imported.header().nz, 3);
-    EXPECT_EQ(imported.header().nx, kFrameWidth);
-    EXPECT_EQ(imported.header().ny, kFrameHeight);
+    EXPECT_EQ(imported.result.series->GetChunkCount(), 3U);
+    EXPECT_TRUE(imported.header().nx == kFrameWidth && imported.header().ny == kFrameHeight);
     EXPECT_EQ(imported.header().type, MRCType::TILT_SERIES);
     for (int z = 0; z < 3; ++z) {
         EXPECT_NEAR(imported.header().tilt(z), z - 1, 1e-5);
@@ -153,46 +153,54 @@ TEST_F(Import, SmvFramesCarryTheirGeometry) {
     EXPECT_FLOAT_EQ(imported.header().amean, 129.5F);
 }
 
-TEST_F(Import, SmvPixelsInEveryTypeAndByteOrder) {
+TEST_F(Import, PixelsInEveryTypeAndByteOrder) {
     for (const bool big : {false, true})
-        for (const auto& [type, bytes] : {std::pair("unsigned_char", rawFrame<std::uint8_t>(1, big)),
-                                          {"unsigned_short", rawFrame<std::uint16_t>(1, big)},
-                                          {"short", rawFrame<std::int16_t>(1, big)},
-                                          {"long", rawFrame<std::int32_t>(1, big)},
-                                          {"unsigned_long", rawFrame<std::uint32_t>(1, big)},
-                                          {"float", rawFrame<float>(1, big)}}) {
-            SCOPED_TRACE(type);
-            const std::string keys = std::string("PHI=3;\nTIME=2;\nTYPE=") + type +
+        for (const auto& [smvType, cbfType, pixels] :
+             {std::tuple("unsigned_char", "unsigned 8-bit integer", rawFrame<std::uint8_t>(1, big)),
+              {"unsigned_short", "unsigned 16-bit integer", rawFrame<std::uint16_t>(1, big)},
+              {"short", "signed 16-bit integer", rawFrame<std::int16_t>(1, big)},
+              {"long", "signed 32-bit integer", rawFrame<std::int32_t>(1, big)},
+              {"unsigned_long", "unsigned 32-bit integer", rawFrame<std::uint32_t>(1, big)},
+              {"float", "signed 32-bit real IEEE", rawFrame<float>(1, big)}}) {
+            SCOPED_TRACE(smvType);
+            const std::string keys = std::string("PHI=3;\nTIME=2;\nTYPE=") + smvType +
                                      (big ? ";\nBYTE_ORDER=big_endian;\n" : ";\nBYTE_ORDER=little_endian;\n");
-            const std::string path = folder.write("t.img", smvHeader(keys) + bytes);
-            expectFrames(*vrk::FrameFile::open(path),
+            expectFrames(*vrk::FrameFile::open(folder.write("t.img", smvHeader(keys) + pixels)),
                          {.firstTilt = 3, .exposure = 2, .count = 1, .first = 1});
+            const std::string cbf =
+                "###CBF: VERSION 1.5\r\n#Omega: 3,\r\nconversions=\"x-CBF_NONE\"\r\nX-Binary-Size: " +
+                std::to_string(pixels.size()) + "\r\nX-Binary-Element-Type: \"" + cbfType +
+                "\"\r\nX-Binary-Element-Byte-Order: " + (big ? "BIG" : "LITTLE") +
+                "_ENDIAN\r\nX-Binary-Size-Fastest-Dimension: 5\r\nX-Binary-Size-Second-Dimension: "
+                "4\r\n\r\n\x0c\x1a\x04\xd5" +
+                pixels;
+            expectFrames(*vrk::FrameFile::open(folder.write("t.cbf", cbf)),
+                         {.firstTilt = 3, .count = 1, .first = 1});
+            settings.files = {folder.write("t.cbf", cbf.substr(0, cbf.size() - 1))};
+            EXPECT_TRUE(says(failure(settings), "it is truncated: its pixels"));
         }
 }
 
 TEST_F(Import, TiffPagesAndFiles) {
     for (const int depth : {CV_8U, CV_8S, CV_16U, CV_16S, CV_32F}) {
-        std::vector<cv::Mat> stack;
-        ImportSettings single;
-        for (int frame = 0; frame < 3; ++frame) {
-            cv::Mat page(kFrameHeight, kFrameWidth, CV_32S);
-            for (int i = 0; i < kFramePixels; ++i)
-                page.at<int>(i / kFrameWidth, i % kFrameWidth) =
-                    depth == CV_8S || depth == CV_8U ? i - 5 : countAt(frame, i);
-            cv::Mat converted;
-            page.convertTo(converted, depth);
-            stack.push_back(converted);
-            single.files.push_back(folder / vrk::formatted("s%d.tif", frame));
-            ASSERT_TRUE(cv::imwrite(single.files.back().string(), converted));
-        }
-        ASSERT_TRUE(cv::imwrite(folder / "m.tif", stack));
-        ImportSettings multi;
+        const bool isShort = depth == CV_8U || depth == CV_8S;
+        std::vector<cv::Mat> pages(3);
+        ImportSettings single, multi;
         multi.files = {folder / "m.tif"};
-        for (ImportSettings* pages : {&single, &multi}) {
-            EXPECT_TRUE(says(failure(*pages), "--tilts"));
-            pages->tilts = "-1:1";
-            const Imported imported = import(*pages);
-            if (depth == CV_8S || depth == CV_8U)
+        for (std::size_t frame = 0; frame < 3; ++frame) {
+            cv::Mat_<int> counts(kFrameHeight, kFrameWidth);
+            for (int i = 0; i < kFramePixels; ++i)
+                counts.begin()[i] = isShort ? i - 5 : countAt(static_cast<int>(frame), i);
+            counts.convertTo(pages[frame], depth);
+            single.files.push_back(folder / ("s" + std::to_string(frame) + ".tif"));
+            ASSERT_TRUE(cv::imwrite(single.files.back().string(), pages[frame]));
+        }
+        ASSERT_TRUE(cv::imwrite(multi.files[0].string(), pages));
+        for (ImportSettings* given : {&single, &multi}) {
+            EXPECT_TRUE(says(failure(*given), "--tilts"));
+            given->tilts = "-1:1";
+            const Imported imported = import(*given);
+            if (isShort)
                 EXPECT_EQ(imported.at(1, 2), depth == CV_8S ? -3 : 0);
             else
                 expectThreeFrames(imported);
@@ -235,20 +243,16 @@ TEST_F(Import, MrcModesAndExtendedHeaders) {
 }
 
 TEST_F(Import, MrcBytesAreSignedUnlessTheFileSaysOtherwise) {
-    const auto value = [&](const std::function<void(std::string&)>& change) {
-        const std::string path = folder.write("b.mrc", mrc<std::uint8_t>(2, 0, "", change));
-        return vrk::FrameFile::open(path)->read(1).pixels[19];  // 158 or -98
-    };
-    EXPECT_EQ(value([](std::string& header) { MRCBytes::put(header, 80, 100.0F); }), -98);
-    EXPECT_EQ(value([](std::string& header) { MRCBytes::put(header, 80, 200.0F); }), 158);
-    const auto flagged = [](int flags) {
-        return [flags](std::string& header) {
-            MRCBytes::put(header, 152, std::int32_t{1146047817});
-            MRCBytes::put(header, 156, std::int32_t{flags});
-        };
-    };
-    EXPECT_EQ(value(flagged(1)), -98);
-    EXPECT_EQ(value(flagged(0)), 158);
+    for (const auto& [largest, stamp, flags, value] : {std::tuple{100.0F, 0, 0, -98.0F},
+                                                       {200.0F, 0, 1, 158.0F},
+                                                       {200.0F, 1146047817, 1, -98.0F},
+                                                       {100.0F, 1146047817, 0, 158.0F}}) {
+        std::string bytes = mrc<std::uint8_t>(2, 0, "");
+        MRCBytes::put(bytes, 80, largest);
+        MRCBytes::put(bytes, 152, stamp);
+        MRCBytes::put(bytes, 156, flags);
+        EXPECT_EQ(vrk::FrameFile::open(folder.write("b.mrc", bytes))->read(1).pixels[19], value);
+    }
 }
 
 TEST_F(Import, TiltListsAndFrameLists) {
@@ -264,9 +268,8 @@ TEST_F(Import, TiltListsAndFrameLists) {
     ImportSettings listed;
     listed.files = {
         folder.write("1.ed3d",
-                     "WAVELENGTH    0.025080\nROTATIONAXIS    139\nCCDPIXELSIZE    0.004260\n"
-                     "GONIOTILTSTEP    1.0\n\nFILELIST\nFILE 00000.mrc    -1.0000    0    -1.0000\n"
-                     "FILE 00001.mrc    0    0    0\nFILE .\\00002.mrc  1.0 0 1.0\nENDFILELIST\n")};
+                     "WAVELENGTH 0.02508\nROTATIONAXIS 139\nCCDPIXELSIZE 0.00426\nFILELIST\n"
+                     "FILE 00000.mrc -1 0 0\nFILE 00001.mrc 0 0 0\nFILE .\\00002.mrc 1\nENDFILELIST\n")};
     const Imported imported = import(listed);
     expectThreeFrames(imported);
     std::filesystem::create_directory(folder / "lists");
@@ -402,8 +405,7 @@ TEST_F(Import, AFolderStandsForItsFrames) {
     EXPECT_NEAR(imported.header().value(SliceValue::HighTension, 1), 199.7, 0.1);
     EXPECT_EQ(imported.header().tilt(0), -1);
 
-    // A list that is given with --tilts holds before the headers. Frame 10 is named f10, frame 9 is not
-    // there.
+    // A list that is given with --tilts holds before the headers.
     settings.tilts = folder / "XDS.INP";
     imported = import(settings);
     EXPECT_NEAR(imported.header().value(SliceValue::HighTension, 1), 100, 1);
@@ -452,10 +454,8 @@ TEST_F(Import, FramesThatCannotBeReadAreNamedOrSkipped) {
 TEST_F(Import, CountsBeyondSixteenBitsGetAFactorThatIsTold) {
     for (const int frame : {0, 1, 2}) {
         std::string bytes = smvHeader("TYPE=float;\nPHI=" + std::to_string(frame - 1) + ";\n");
-        for (int i = 0; i < kFramePixels; ++i) {
-            const auto value = static_cast<float>(0.01 * countAt(frame, i));
-            bytes += rawBytes(value);
-        }
+        for (int i = 0; i < kFramePixels; ++i)
+            bytes += rawBytes(static_cast<float>(0.01 * countAt(frame, i)));
         add(vrk::formatted("f%d.img", frame), bytes);
     }
     const Imported imported = import(settings);
@@ -488,7 +488,8 @@ TEST_F(Import, DamagedInputIsRefusedWithAReason) {
         {"text.mrc", std::string(4000, 'x'), "", "none of the kinds"},
         {"short.mrc", stack.substr(0, stack.size() - 1), "-1:1", "2 are there"},
         {"mode.mrc", garbled(stack, 12, 404), "-1:1", "mode 404"},
-        {"size.mrc", garbled(stack, 0, 1 << 30), "-1:1", "pixels"},
+        {"size.mrc", garbled(stack, 4, 1 << 30), "-1:1", "pixels"},
+        {"narrow.mrc", garbled(stack, 0, 0), "-1:1", "0 x 4 pixels"},
         {"count.mrc", garbled(stack, 8, -1), "-1:1", "frames"},
         {"next.mrc", garbled(stack, 92, 0x7fffff00), "-1:1", "truncated"},
         {"fei.mrc",
@@ -526,10 +527,8 @@ TEST_F(Import, DamagedInputIsRefusedWithAReason) {
 }
 
 TEST_F(Import, NamesWithNumbersAreOrderedByThem) {
-    EXPECT_TRUE(vrk::naturallyBefore("f_2.img", "f_10.img"));
-    EXPECT_TRUE(vrk::naturallyBefore("f_002.img", "f_10.img"));
-    EXPECT_TRUE(vrk::naturallyBefore("a", "ab"));
-    EXPECT_FALSE(vrk::naturallyBefore("f_10.img", "f_2.img"));
+    for (const auto& [one, next] : {std::pair("f_2.img", "f_10.img"), {"f_002.img", "f_10.img"}, {"a", "ab"}})
+        EXPECT_TRUE(vrk::naturallyBefore(one, next) && !vrk::naturallyBefore(next, one)) << next;
     EXPECT_FALSE(vrk::naturallyBefore("f_10.img", "f_10.img"));
 }
 

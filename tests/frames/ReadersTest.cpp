@@ -144,7 +144,7 @@ TEST(Readers, FilesAreKnownByTheirFirstBytes) {
         EXPECT_TRUE(content.kind == kind && content.name == name) << start << content.name;
     };
     for (const auto& [start, name] : {std::pair("\xff\xd8\xff", "a JPEG picture"),
-                                      {"GIF8", "a GIF picture"},
+                                      {"\x89PNG", "a PNG picture"},
                                       {"BM", "a BMP picture"},
                                       {"%PDF", "a PDF file"}})
         expect(start, Content::Kind::Picture, name);
@@ -152,15 +152,21 @@ TEST(Readers, FilesAreKnownByTheirFirstBytes) {
         expect(text, Content::Kind::OtherText, "a text");
     for (const std::string& other : {bytes("a\0"), bytes("a\x1f"), std::string()})
         expect(other, Content::Kind::Unknown, "");
-}
-
-TEST(Readers, BytesBeyondTheEndAreNotRead) {
-    const TemporaryFolder folder;
-    for (const FrameSource& source : {FrameSource(folder.write("x", "1234")),
-                                      FrameSource("x", std::make_shared<const std::string>("1234"))}) {
-        std::array<char, 3> raw{};
-        EXPECT_TRUE(source.open()->read(1, raw) && raw[2] == '4');
-        EXPECT_FALSE(source.open()->read(2, raw) || source.open()->read(5, {}));
+    // What those say who want a series, peaks or a cell.
+    for (const auto& [start, series, peaks, cell] :
+         {std::tuple{"#VRKPEAKSVERSION", " is a peak file, not an MRC", "", " is a peak file, not a cell"},
+          {"#VRKCELLVERSION", " is a cell file, not an MRC", " is a cell file, not a list", ""},
+          {"GIF8", ", which has no counts", " is a GIF picture, not a list", " is a GIF picture, not a cell"},
+          {"{HEADER_BYTES", " is an SMV file as", " is an SMV file, not a list",
+           " is an SMV file, not a cell"},
+          {"text", " is a text, not an MRC", "", ""}}) {
+        folder.write("x", start);
+        for (const auto& [refuse, reason] : {std::pair(&vrk::refuseUnlessMrc, series),
+                                             {&vrk::refuseUnlessPeaks, peaks},
+                                             {&vrk::refuseUnlessCell, cell}}) {
+            const Refusal refusal = failureOf([&, &refuse = refuse] { refuse(folder / "x"); });
+            EXPECT_TRUE(refusal.says(reason) && refusal.text.empty() == !*reason) << start << refusal.text;
+        }
     }
 }
 
@@ -178,17 +184,14 @@ TEST(Readers, SayWhenAFileCannotBeOpened) {
 }
 #endif
 
-TEST(Readers, AllBitsOfThirtyTwoSetMarkADeadPixel) {
-    const std::string bytes(4, '\xff');
-    EXPECT_TRUE(std::isnan(vrk::decodePixels(bytes, vrk::PixelType::UInt32, false)[0]));
-    EXPECT_EQ(vrk::decodePixels(bytes, vrk::PixelType::UInt16, false)[0], 65535);
-    EXPECT_EQ(vrk::decodePixels(bytes, vrk::PixelType::Int32, true)[0], -1);
-}
-
-TEST(Readers, HalvesOfAnySizeKeepTheirValue) {
-    const std::string bytes("\x00\x3c\x00\xc0\xff\x7b\x00\x04\xff\x03\x01\x80", 12);
+TEST(Readers, DeadPixelsAndHalvesOfAnySizeAreKnown) {
+    const std::string set(4, '\xff');
+    EXPECT_TRUE(std::isnan(vrk::decodePixels(set, vrk::PixelType::UInt32, false)[0]));
+    EXPECT_EQ(vrk::decodePixels(set, vrk::PixelType::UInt16, false)[0], 65535);
+    EXPECT_EQ(vrk::decodePixels(set, vrk::PixelType::Int32, true)[0], -1);
+    const std::string halves("\x00\x3c\x00\xc0\xff\x7b\x00\x04\xff\x03\x01\x80", 12);
     const std::vector<float> expected = {1, -2, 65504, 0x1p-14F, 1023 * 0x1p-24F, -0x1p-24F};
-    EXPECT_EQ(vrk::decodePixels(bytes, vrk::PixelType::Float16, false), expected);
+    EXPECT_EQ(vrk::decodePixels(halves, vrk::PixelType::Float16, false), expected);
 }
 
 TEST(Readers, UnpackingStopsAtItsLimitAndTellsDamage) {
@@ -210,6 +213,13 @@ TEST(Readers, UnpackingStopsAtItsLimitAndTellsDamage) {
     EXPECT_EQ(unpack("\x1f\x8b no more than the mark", 99, reason), "");
     EXPECT_TRUE(says(reason, "damaged"));
     EXPECT_EQ(FrameSource(kFolder / "frame.cbf.gz").beginning(77), plain.substr(0, 77));
+    std::array<char, 3> end{};
+    for (const FrameSource& source :
+         {FrameSource(kFolder / "frame.cbf"), FrameSource("x", std::make_shared<const std::string>(plain))}) {
+        const auto all = source.open();
+        EXPECT_TRUE(all->read(plain.size() - 3, end) && end[2] == plain.back());
+        EXPECT_FALSE(all->read(plain.size() - 2, end) || all->read(plain.size() + 1, {}));
+    }
 }
 
 TEST(Readers, SmallFilesDoNotUnpackToLargeOnes) {

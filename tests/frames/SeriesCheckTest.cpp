@@ -3,10 +3,12 @@
 
 #include <deque>
 
-#include "VoxCore/IO/VoxMRCFileHandler.h"
 #include "pipeline/base/Attempt.h"
+#include "pipeline/base/Callbacks.h"
+#include "pipeline/frames/DataFiles.h"
 #include "pipeline/frames/FileReport.h"
 #include "pipeline/frames/SeriesHeader.h"
+#include "pipeline/frames/TiltSeries.h"
 #include "support/FailureOf.h"
 #include "support/MRCBytes.h"
 
@@ -124,16 +126,89 @@ TEST(FileReport, NamesEveryOddityAndNothingElse) {
     wide.ny = 4;
 
     const TemporaryFolder folder;
+    vrk::Session session(vrk::silence());
     for (const Case& c : cases) {
         SCOPED_TRACE(c.warning);
         const std::string bytes = c.file.bytes() + c.behind;
-        const std::unique_ptr<VoxMRCData> data(VoxMRCFileHandler().readMRCFile(folder.write("a.mrc", bytes)));
-        ASSERT_TRUE(data);
+        const auto data = vrk::readMRC(folder.write("a.mrc", bytes), session);
         const std::vector<std::string> warnings = vrk::inspect(*data, bytes.size()).warnings;
         ASSERT_EQ(warnings.size(), *c.warning ? 1U : 0U) << testing::PrintToString(warnings);
         if (*c.warning) {
             EXPECT_TRUE(warnings[0].starts_with(c.warning)) << warnings[0];
         }
+        vrk::writeData(*data, folder / "b.mrc", session);
+        EXPECT_EQ(vrk::readMRC(folder / "b.mrc", session)->GetChunkPointer(2)[9],
+                  data->GetChunkPointer(2)[9]);
+    }
+    vrk::Callbacks changes;
+    changes.progress = [&](const auto&) { std::ofstream(folder / "a.mrc", std::ios::app) << 'x'; };
+    vrk::Session changing(changes);
+    EXPECT_TRUE(failureOf([&] { vrk::readMRC(folder / "a.mrc", changing); }).says("changed while"));
+}
+
+TEST(TiltSeries, TakesFramesFromMemory) {
+    const std::vector<double> tilts = {10, -10};
+    std::vector<float> pixels(2 * 3 * 5);
+    for (std::size_t i = 0; i < pixels.size(); ++i)
+        pixels[i] = static_cast<float>(i);
+    pixels[4] = std::numeric_limits<float>::infinity();
+    std::vector<std::string> warnings;
+    vrk::Callbacks observer;
+    observer.warning = [&](const std::string& text) { warnings.push_back(text); };
+    const auto series =
+        vrk::TiltSeries::of(std::span<const float>(pixels), 5, 3, tilts, {5e7, 300, 31.5}, observer).value();
+    const vrk::SeriesStatement& stated = series.statement();
+    EXPECT_EQ(std::tuple(series.columns(), series.rows(), series.tilts()), std::tuple(5, 3, tilts));
+    EXPECT_EQ(std::tuple(stated.pixelSize, stated.kiloVolts, stated.axis), std::tuple(5e7, 300.0, 31.5));
+    EXPECT_EQ(series.frame(1)[7], 22) << "column 2 of row 1";
+    EXPECT_EQ(series.frame(0)[4], 0);
+    EXPECT_EQ(warnings, std::vector<std::string>{"1 pixels that are no numbers were set to 0"});
+
+    std::transform(pixels.begin(), pixels.end(), pixels.begin(), [](float p) { return p * 1e-3F; });
+    const auto faint = vrk::TiltSeries::of(std::span<const float>(pixels), 5, 3, tilts, {}, observer).value();
+    EXPECT_GT(faint.frame(1)[7], 100) << "fractions are kept";
+    EXPECT_TRUE(says(warnings.back(), "multiplied"));
+}
+
+TEST(TiltSeries, AddsUpNeighboursWhereThereAreTooManyFrames) {
+    std::vector<float> counts(601);
+    std::iota(counts.begin(), counts.end(), 0.0F);
+    std::vector<double> tilts;
+    for (const float i : counts)
+        tilts.push_back(30.0 - 0.1 * i);
+    counts[599] = NAN;
+    std::string warning;
+    vrk::Callbacks observer;
+    observer.warning = [&](const std::string& text) { warning += text; };
+    const auto series =
+        vrk::TiltSeries::of(std::span<const float>(counts), 1, 1, tilts, {}, observer).value();
+    ASSERT_EQ(series.frames(), 201);
+    EXPECT_TRUE(says(warning, {"every 3 neighbours", "1 pixels that are no numbers"}));
+    EXPECT_EQ(series.frame(0)[0], 600 + 598);
+    EXPECT_NEAR(series.tilts()[0], -29.9, 1e-5);
+    EXPECT_EQ(series.frame(200)[0], 0) << "what is left over";
+    EXPECT_NEAR(series.tilts()[200], 30.0, 1e-5);
+}
+
+TEST(TiltSeries, RefusesWhatIsNoSeries) {
+    const double none = std::numeric_limits<double>::quiet_NaN();
+    using Case = std::tuple<int, int, std::vector<double>, vrk::SeriesStatement, std::size_t, const char*>;
+    const std::vector<Case> cases = {
+        {0, 3, {1}, {}, 0, "0 x 3"},
+        {2, -1, {1}, {}, 0, "2 x -1"},
+        {2, 3, {}, {}, 0, "no frames"},
+        {2, 3, {1, none}, {}, 12, "tilt of frame 1"},
+        {2, 3, {1, 2}, {}, 11, "11 pixels are not 2 frames of 2 x 3"},
+        {2, 3, {1}, {-1, 0, {}}, 6, "pixel size"},
+        {2, 3, {1}, {none, 0, {}}, 6, "pixel size"},
+        {2, 3, {1}, {0, 2e5, {}}, 6, "kV"},
+    };
+    for (const auto& [columns, rows, tilts, statement, count, reason] : cases) {
+        const std::vector<short> pixels(count, 1);
+        const auto series =
+            vrk::TiltSeries::of(std::span<const short>(pixels), columns, rows, tilts, statement);
+        ASSERT_FALSE(series) << reason;
+        EXPECT_TRUE(says(series.error().text, reason));
     }
 }
 
