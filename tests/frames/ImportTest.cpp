@@ -46,12 +46,17 @@ std::string mrc(
     return bytes;
 }
 
-/// Three records of an extended header, of which the n-th is made for the tilt n - 1 degrees.
-std::string records(std::size_t size, char fill, const std::function<void(std::string&, int)>& make) {
+/// Three records of an extended header: the n-th states the tilt n - 1 degrees, in parts of a degree, at a
+/// place, and other values at theirs.
+template <class Number>
+std::string records(std::size_t size, char fill, std::size_t tiltPlace, int parts = 1,
+                    const std::vector<std::pair<std::size_t, std::string>>& values = {}) {
     std::string extended;
     for (const int tilt : {-1, 0, 1}) {
         std::string record(size, fill);
-        make(record, tilt);
+        MRCBytes::put(record, tiltPlace, static_cast<Number>(parts * tilt));
+        for (const auto& [place, bytes] : values)
+            record.replace(place, bytes.size(), bytes);
         extended += record;
     }
     return extended;
@@ -59,31 +64,16 @@ std::string records(std::size_t size, char fill, const std::function<void(std::s
 
 /// Of float values, the tilt first.
 std::string floatRecords(std::size_t size, const std::vector<std::pair<std::size_t, float>>& values) {
-    return records(size, '\0', [&](std::string& record, int tilt) {
-        MRCBytes::put(record, 0, static_cast<float>(tilt));
-        for (const auto& [place, value] : values)
-            MRCBytes::put(record, 4 * place, value);
-    });
+    std::vector<std::pair<std::size_t, std::string>> bytes;
+    for (const auto& [place, value] : values)
+        bytes.emplace_back(4 * place, rawBytes(value));
+    return records<float>(size, '\0', 0, 1, bytes);
 }
 
 std::string feiRecords(std::int32_t size, double pixelSize) {
-    return records(static_cast<std::size_t>(size), '\0', [&](std::string& record, int tilt) {
-        MRCBytes::put(record, 0, size);
-        for (const auto& [place, value] :
-             {std::pair(84U, 300e3), {100U, 1.0 * tilt}, {140U, 84.5}, {156U, pixelSize}})
-            MRCBytes::put(record, place, value);
-    });
-}
-
-/// Records that count their numbers in the header, or say with flags what they hold: the tilt is a 16-bit
-/// integer in hundredths of a degree at the front, or the first real number behind the integers.
-std::string shortRecords(std::size_t size, std::size_t integers) {
-    return records(size, '\x07', [&](std::string& record, int tilt) {
-        if (integers == 0)
-            MRCBytes::put(record, 0, static_cast<std::int16_t>(100 * tilt));
-        else
-            MRCBytes::put(record, 4 * integers, static_cast<float>(tilt));
-    });
+    return records<double>(
+        static_cast<std::size_t>(size), '\0', 100, 1,
+        {{0, rawBytes(size)}, {84, rawBytes(300e3)}, {140, rawBytes(84.5)}, {156, rawBytes(pixelSize)}});
 }
 
 struct Imported {
@@ -219,19 +209,25 @@ TEST_F(Import, MrcModesAndExtendedHeaders) {
     };
     auto oldRecords = floatRecords(128, {{11, 5e7F}, {13, 300e3F}, {10, 84.5F}});
     oldRecords.resize(1024 * 128);
-    const std::vector<Case> cases = {
-        {"128-byte records", mrc<std::int16_t>(3, 1, oldRecords), 5e7, 300, 0},
-        {"128-byte records of an image", mrc<std::int16_t>(3, 1, floatRecords(128, {{11, 2e-10F}})), 0, 0, 0},
-        {"128-byte records without a pixel size", mrc<std::int16_t>(3, 1, floatRecords(128, {})), 0, 0, 0},
-        {"144-byte records", mrc<float>(3, 2, floatRecords(144, {{11, 5e7F}, {15, 120}, {8, 33}})), 5e7, 120,
-         33},
-        {"SerialEM", mrc<std::int16_t>(3, 1, shortRecords(8, 0), counted("SERI", 8, 1)), 0, 0, 0},
-        {"SerialEM, not marked", mrc<std::int16_t>(3, 1, shortRecords(12, 0), counted("", 12, 7)), 0, 0, 0},
-        {"integers and reals", mrc<std::int16_t>(3, 1, shortRecords(20, 2), counted("AGAR", 2, 3)), 0, 0, 0},
-        {"FEI1", mrc<std::uint16_t>(3, 6, feiRecords(768, 4e7), counted("FEI1", 0, 0)), 4e7, 300, 0},
-        {"FEI2", mrc<std::int16_t>(3, 1, feiRecords(888, 2e-10), counted("FEI2", 0, 0)), 0, 300, 0},
-    };
-    for (const auto& [name, bytes, pixelSize, kilovolts, axis] : cases) {
+    for (const auto& [name, bytes, pixelSize, kilovolts, axis] : std::vector<Case>{
+             {"128-byte records", mrc<std::int16_t>(3, 1, oldRecords), 5e7, 300, 0},
+             {"128-byte records of an image", mrc<std::int16_t>(3, 1, floatRecords(128, {{11, 2e-10F}})), 0,
+              0, 0},
+             {"128-byte records without a pixel size", mrc<std::int16_t>(3, 1, floatRecords(128, {})), 0, 0,
+              0},
+             {"144-byte records", mrc<float>(3, 2, floatRecords(144, {{11, 5e7F}, {15, 120}, {8, 33}})), 5e7,
+              120, 33},
+             {"SerialEM",
+              mrc<std::int16_t>(3, 1, records<std::int16_t>(8, '\x07', 0, 100), counted("SERI", 8, 1)), 0, 0,
+              0},
+             {"SerialEM, not marked",
+              mrc<std::int16_t>(3, 1, records<std::int16_t>(34, '\x07', 0, 100), counted("", 34, 2047)), 0, 0,
+              0},
+             {"integers and reals",
+              mrc<std::int16_t>(3, 1, records<float>(20, '\x07', 8), counted("AGAR", 2, 3)), 0, 0, 0},
+             {"FEI1", mrc<std::uint16_t>(3, 6, feiRecords(768, 4e7), counted("FEI1", 0, 0)), 4e7, 300, 0},
+             {"FEI2", mrc<std::int16_t>(3, 1, feiRecords(888, 2e-10), counted("FEI2", 0, 0)), 0, 300, 0},
+         }) {
         SCOPED_TRACE(name);
         settings.files = {folder.write("stack.mrc", bytes)};
         const Imported imported = import(settings);
@@ -274,11 +270,11 @@ TEST_F(Import, TiltListsAndFrameLists) {
     expectThreeFrames(imported);
     std::filesystem::create_directory(folder / "lists");
     const std::string outside = std::regex_replace(folder.read("1.ed3d"), std::regex("FILE "), "FILE ../");
-    ImportSettings precessed;
-    precessed.files = {folder.write("p.pts",
-                                    "geometry precession\nphi 1.1\nomega 100\nimagelist\n00000.mrc -1 0\n"
-                                    "00001.mrc 0 0\n00002.mrc 1 0\nendimagelist\n")};
-    const Imported cone = import(precessed);
+    settings = {};
+    settings.files = {folder.write("p.pts",
+                                   "geometry precession\nphi 1.1\nomega 100\nimagelist\n00000.mrc -1 0\n"
+                                   "00001.mrc 0 0\n00002.mrc 1 0\nendimagelist\n")};
+    const Imported cone = import(settings);
     expectWarnings(cone, {});
     const std::optional<vrk::StatedMotion> motion = vrk::statedMotion(cone.header());
     ASSERT_TRUE(motion);
@@ -314,8 +310,7 @@ TEST_F(Import, DropsEmptyAndRepeatedFramesWithAWarning) {
         add(name, smv(frame, start));
     add("e.img", smv(0, 1.75).substr(0, 512) + std::string(2 * kFramePixels, '\0'));
     const Imported imported = import(settings);
-    EXPECT_EQ(imported.result.duplicates, 1);
-    EXPECT_EQ(imported.result.empty, 1);
+    EXPECT_TRUE(imported.result.duplicates == 1 && imported.result.empty == 1);
     expectThreeFrames(imported, {"1 frames left out whose tilt", "1 empty frames left out, at tilts 2"});
     EXPECT_TRUE(says(imported.warnings[0], "b.img at -1 degrees"));
 }
@@ -338,8 +333,7 @@ TEST_F(Import, ClipsWithACountAndBins) {
     settings.scale = 0.5;
     settings.bin = 2;
     imported = import(settings);
-    EXPECT_EQ(imported.header().nx, 2);
-    EXPECT_EQ(imported.header().ny, 2);
+    EXPECT_TRUE(imported.header().nx == 2 && imported.header().ny == 2);
     // The last column is left out; columns 0 and 1, rows 0 and 1 make the first pixel.
     EXPECT_EQ(imported.result.clipped, 2);
     EXPECT_EQ(imported.at(0, 1), 2);
@@ -410,6 +404,11 @@ TEST_F(Import, AFolderStandsForItsFrames) {
     imported = import(settings);
     EXPECT_NEAR(imported.header().value(SliceValue::HighTension, 1), 100, 1);
     EXPECT_EQ(imported.header().tilt(0), 0.5);
+
+    // Names are ordered by their numbers.
+    for (const auto& [one, next] : {std::pair("f_2.img", "f_10.img"), {"f_002.img", "f_10.img"}, {"a", "ab"}})
+        EXPECT_TRUE(vrk::naturallyBefore(one, next) && !vrk::naturallyBefore(next, one)) << next;
+    EXPECT_FALSE(vrk::naturallyBefore("f_10.img", "f_10.img"));
 }
 
 TEST_F(Import, TiltsBeyondAQuarterTurnAreCountedFromTheirMiddle) {
@@ -497,6 +496,7 @@ TEST_F(Import, DamagedInputIsRefusedWithAReason) {
                            [](std::string& header) { std::memcpy(header.data() + 104, "FEI1", 4); }),
          "", "record of frame 1"},
         {"untilted.mrc", stack, "", "--tilts"},
+        {"turned.mrc", mrc<std::int16_t>(3, 1, records<float>(128, '\0', 0, 361)), "", "--tilts"},
         {"single.mrc", mrc<std::int16_t>(1, 1, ""), "1:1", "only one frame"},
         {"constant.mrc", stack, "constant.tlt", "the tilt"},
         {"count.mrc", stack, "two.tlt", "2 tilts"},
@@ -519,17 +519,9 @@ TEST_F(Import, DamagedInputIsRefusedWithAReason) {
         settings.tilts = tilts.ends_with(".tlt") ? folder / tilts : tilts;
         EXPECT_TRUE(says(failure(settings), reason)) << name << ": ";
     }
-    ImportSettings mixed;
-    mixed.files = {folder.write("a.img", good), folder.write("b.mrc", MRCBytes(8, 8, 1).bytes())};
-    EXPECT_TRUE(says(failure(mixed), "--tilts"));
-    mixed.tilts = "0:1";
-    EXPECT_TRUE(says(failure(mixed), "different sizes"));
-}
-
-TEST_F(Import, NamesWithNumbersAreOrderedByThem) {
-    for (const auto& [one, next] : {std::pair("f_2.img", "f_10.img"), {"f_002.img", "f_10.img"}, {"a", "ab"}})
-        EXPECT_TRUE(vrk::naturallyBefore(one, next) && !vrk::naturallyBefore(next, one)) << next;
-    EXPECT_FALSE(vrk::naturallyBefore("f_10.img", "f_10.img"));
+    settings.files = {folder.write("a.img", good), folder.write("b.mrc", MRCBytes(8, 8, 1).bytes())};
+    settings.tilts = "0:1";
+    EXPECT_TRUE(says(failure(settings), "different sizes"));
 }
 
 TEST_F(Import, KeepsHowTheCrystalTurnedDuringAFrame) {
@@ -544,8 +536,7 @@ TEST_F(Import, KeepsHowTheCrystalTurnedDuringAFrame) {
         const Imported imported = import(settings);
         const std::optional<vrk::StatedMotion> motion = vrk::statedMotion(imported.header());
         ASSERT_EQ(motion.has_value(), rotation.has_value());
-        const std::string told = imported.warnings.empty() ? "" : imported.warnings.back();
-        EXPECT_TRUE(says(told, warning));
+        EXPECT_TRUE(says(imported.warnings.empty() ? "" : imported.warnings.back(), warning));
         if (!motion) continue;
         EXPECT_NEAR(motion->rotation, *rotation, 1e-5);
         // The series is a file of frames as well.

@@ -13,6 +13,7 @@ namespace {
 
 using vrk::FrameFile;
 using vrk::FrameSource;
+using namespace std::string_literals;
 
 const std::filesystem::path kFolder = VRK_FRAMES;  // written by write_files.py
 
@@ -63,11 +64,6 @@ TEST(Readers, FilesOfOtherProgramsFromDiskAndFromMemory) {
     EXPECT_THROW(FrameFile::open(kFolder / "plain.h5:/nothing"), vrk::Failure);
 }
 
-template <std::size_t size>
-std::string bytes(const char (&text)[size]) {
-    return {text, size - 1};
-}
-
 /// Files whose units, numbers or marks are others of the same length.
 TEST(Readers, UnitsAndMarksAreUnderstood) {
     using Changes = std::vector<std::array<std::string, 2>>;
@@ -75,14 +71,15 @@ TEST(Readers, UnitsAndMarksAreUnderstood) {
     const double pixel = 75e-6 / (0.8 * 0.0251e-10), radian = 180 / M_PI;
     for (const auto& [name, changes, tiltStep, pixelSize, reason] : std::vector<Case>{
              {"nexus_master.h5", {{"deg", "rad"}}, radian, pixel, ""},
-             {"nexus_master.h5", {{bytes("\0um"), bytes("\0mm")}}, 1, 1e3 * pixel, ""},
-             {"nexus_master.h5", {{bytes("\0um"), bytes("\0nm")}}, 1, 1e-3 * pixel, ""},
+             {"nexus_master.h5", {{"\0um"s, "\0mm"s}}, 1, 1e3 * pixel, ""},
+             {"nexus_master.h5", {{"\0um"s, "\0nm"s}}, 1, 1e-3 * pixel, ""},
              {"nexus_master.h5",  // a longer word at its place, and its length in two places
-              {{bytes("\3\0\0\0\0\0\0\0deg\0\0\0"), bytes("\6\0\0\0\0\0\0\0radian")},
-               {bytes("\3\0\0\0\xe8$\0\0\0\0\0\0\3\0\0\0"), bytes("\6\0\0\0\xe8$\0\0\0\0\0\0\3\0\0\0")}},
+              {{"\3\0\0\0\0\0\0\0deg\0\0\0"s, "\6\0\0\0\0\0\0\0radian"s},
+               {"\3\0\0\0\xe8$\0\0\0\0\0\0\3\0\0\0"s, "\6\0\0\0\xe8$\0\0\0\0\0\0\3\0\0\0"s}},
               radian,
               pixel,
               ""},
+             {"nexus_master.h5", {{"omega_increment_set", "omega_end\0\0\0\0\0\0\0\0\0\0"s}}, 0.5, pixel, ""},
              {"angles_last.emd", {{"[deg]", "[rad]"}}, radian, 5e7, ""},
              {"angles_last.emd", {{"[n_m^-1]", " [A^-1] "}}, 1, 5e8, ""},
              {"angles_last.emd", {{"[n_m^-1]", " [m^-1] "}}, 1, 0.05, ""},
@@ -92,7 +89,7 @@ TEST(Readers, UnitsAndMarksAreUnderstood) {
              {"frame.cbf", {{"signed 32-bit integer", "complex 64-bit number"}}, 0, 0, "of the type"},
              {"frame.cbf", {{"Second-Dimension: 4", "Second-Dimension: 9"}}, 0, 0, "cannot lie in"},
              {"frame.cbf", {{"X-Binary-Size: 36", "X-Binary-Size: 35"}}, 0, 0, "packed pixels are damaged"},
-             {"frame.cbf", {{bytes("\xff\x10\1\0"), bytes("\0\0\0\x80")}}, 0, 0, "packed pixels are damaged"},
+             {"frame.cbf", {{"\xff\x10\1\0"s, "\0\0\0\x80"s}}, 0, 0, "packed pixels are damaged"},
          }) {
         SCOPED_TRACE(name + changes[0][1]);
         std::string changed = *contents(kFolder / name);
@@ -150,7 +147,7 @@ TEST(Readers, FilesAreKnownByTheirFirstBytes) {
         expect(start, Content::Kind::Picture, name);
     for (const char* text : {"a\tb \r\n\xc3\xa4", "\n", "\r", "\t", " "})
         expect(text, Content::Kind::OtherText, "a text");
-    for (const std::string& other : {bytes("a\0"), bytes("a\x1f"), std::string()})
+    for (const std::string& other : {"a\0"s, "a\x1f"s, std::string()})
         expect(other, Content::Kind::Unknown, "");
     // What those say who want a series, peaks or a cell.
     for (const auto& [start, series, peaks, cell] :

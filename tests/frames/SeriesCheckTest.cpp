@@ -48,11 +48,7 @@ TEST(SeriesCheck, WarnsOfOddSeriesAndRefusesWhatIsNone) {
              {{0, 2, 90.5}, usual, {}, "the tilt angle of slice 2 is 90.5"},
              {{0, 5}, usual, {}, "the series has 2 frames that can be used; a volume needs three"},
              {{5, 5, 5}, usual, {}, "1 frame that can be used or one tilt angle for all frames;"},
-             {{0, 0.1, 0.3},
-              usual,
-              {},
-              "the tilts cover 0.3 degrees; that is no volume. Check the angles with "
-              "'vrk info --slices'"},
+             {{0, 0.1, 0.3}, usual, {}, "cover 0.3 degrees; that is no volume. Check the angles"},
              {{-1, 0, 2.1}, usual, {}, "they may be radians, which would be 177.6"},
              {{0, 2, 4}, zeros, {}, "every frame of the series holds nothing but zeros"},
              {{0, 2, 4}, flat, {}, "the same value in all its pixels"},
@@ -193,17 +189,16 @@ TEST(TiltSeries, AddsUpNeighboursWhereThereAreTooManyFrames) {
 TEST(TiltSeries, RefusesWhatIsNoSeries) {
     const double none = std::numeric_limits<double>::quiet_NaN();
     using Case = std::tuple<int, int, std::vector<double>, vrk::SeriesStatement, std::size_t, const char*>;
-    const std::vector<Case> cases = {
-        {0, 3, {1}, {}, 0, "0 x 3"},
-        {2, -1, {1}, {}, 0, "2 x -1"},
-        {2, 3, {}, {}, 0, "no frames"},
-        {2, 3, {1, none}, {}, 12, "tilt of frame 1"},
-        {2, 3, {1, 2}, {}, 11, "11 pixels are not 2 frames of 2 x 3"},
-        {2, 3, {1}, {-1, 0, {}}, 6, "pixel size"},
-        {2, 3, {1}, {none, 0, {}}, 6, "pixel size"},
-        {2, 3, {1}, {0, 2e5, {}}, 6, "kV"},
-    };
-    for (const auto& [columns, rows, tilts, statement, count, reason] : cases) {
+    for (const auto& [columns, rows, tilts, statement, count, reason] : std::vector<Case>{
+             {0, 3, {1}, {}, 0, "0 x 3"},
+             {2, -1, {1}, {}, 0, "2 x -1"},
+             {2, 3, {}, {}, 0, "no frames"},
+             {2, 3, {1, none}, {}, 12, "tilt of frame 1"},
+             {2, 3, {1, 2}, {}, 11, "11 pixels are not 2 frames of 2 x 3"},
+             {2, 3, {1}, {-1, 0, {}}, 6, "pixel size"},
+             {2, 3, {1}, {none, 0, {}}, 6, "pixel size"},
+             {2, 3, {1}, {0, 3000.5, {}}, 6, "kV"},
+         }) {
         const std::vector<short> pixels(count, 1);
         const auto series =
             vrk::TiltSeries::of(std::span<const short>(pixels), columns, rows, tilts, statement);
