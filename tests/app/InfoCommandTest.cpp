@@ -1,87 +1,9 @@
-#include <deque>
-
-#include "VoxCore/DataModel/VoxMRCData.h"
-#include "VoxCore/IO/VoxMRCFileHandler.h"
 #include "app/RunVrk.h"
-#include "pipeline/frames/FileReport.h"
 #include "support/MRCBytes.h"
 #include "support/PicturePanel.h"
 #include "support/SoFar.h"
 
-namespace {
-
-/// Five square patterns without anything odd.
-MRCBytes plainSeries() {
-    MRCBytes file(8, 8, 5);
-    file.putTilts(-2, 1);
-    MRCBytes::put(file.header, 12, std::int32_t{1});
-    return file;
-}
-
 using InfoCommand = VrkTest;
-
-}  // namespace
-
-TEST(FileReport, NamesEveryOddityAndNothingElse) {
-    const float nan = std::numeric_limits<float>::quiet_NaN();
-    struct Case {
-        const char* warning;  ///< what the one warning begins with; empty: none
-        MRCBytes file = plainSeries();
-        std::string behind = {};
-    };
-    std::deque<Case> cases;
-    const auto next = [&](const char* warning) -> MRCBytes& {
-        cases.push_back({.warning = warning});
-        return cases.back().file;
-    };
-    next("");
-    next("tilts: not monotonic").putSliceValue(1, 1, 5);
-    next("tilts: descending").putTilts(2, -1);
-    next("tilts: all slices have the same, 7 degrees").putTilts(7, 0);
-    next("tilts: the steps are not regular, 1 to 4").putSliceValue(4, 1, 5);
-    next("tilts: some slices have the tilt of the slice before").putSliceValue(4, 1, 1);
-    next("").putSliceValue(4, 1, 2.09F);
-    next("tilts: the steps are not regular, 1 to 1.12").putSliceValue(4, 1, 2.12F);
-    next("").putTilts(-89.9F, 10);
-    next("tilts: 90 degrees and beyond (-90 to -50)").putTilts(-90, 10);
-    next("pixel size: missing").putTilts(-2, 1, 0);
-    next("pixel size: differs between the slices (1e+08 to 3e+08").putSliceValue(3, 12, 3e8F);
-    next("pixel size: 0.5 1/m").putTilts(-2, 1, 0.5F);
-    next("pixel size: 90000 1/m").putTilts(-2, 1, 9e4F);
-    next("").putTilts(-2, 1, 1e5F);
-    next("").putTilts(-2, 1, 1e10F);
-    next("pixel size: 1.1e+10 1/m").putTilts(-2, 1, 1.1e10F);
-    next("values: 2 voxels in 1 slices are clipped").data[3] = 32767;
-    cases.back().file.data[4] = 32767;
-    next("values: 1 are negative").data[3] = -1;
-    std::fill_n(next("values: 1 slices are blank").data.begin(), 64, std::int16_t{7});
-    MRCBytes::put(next("values: 0 to 319, while the header states 0 to 100").header, 80, 100.0F);
-    MRCBytes::put(next("nsymbt: 7 bytes of symmetry").header, 90, std::int16_t{7});
-    next("extended header: 1 values are not finite, the first in slice 3").putSliceValue(3, 6, nan);
-    MRCBytes::put(next("mode: the header says 2").header, 12, std::int32_t{2});
-    MRCBytes& odd = next("extended header: 724 bytes are no whole number of 144-byte");
-    odd.next = 724;
-    odd.extended.resize(724);
-    next("byte count: 3 bytes follow");
-    cases.back().behind = "abc";
-    next("byte count: the file is 4 bytes short of the").data.resize(318);
-    MRCBytes& wide = next("frames: not square (16 x 4)");
-    wide.nx = 16;
-    wide.ny = 4;
-
-    const TemporaryFolder folder;
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.warning);
-        const std::string bytes = c.file.bytes() + c.behind;
-        const std::unique_ptr<VoxMRCData> data(VoxMRCFileHandler().readMRCFile(folder.write("a.mrc", bytes)));
-        ASSERT_TRUE(data);
-        const std::vector<std::string> warnings = vrk::inspect(*data, bytes.size()).warnings;
-        ASSERT_EQ(warnings.size(), *c.warning ? 1U : 0U) << testing::PrintToString(warnings);
-        if (*c.warning) {
-            EXPECT_TRUE(warnings[0].starts_with(c.warning)) << warnings[0];
-        }
-    }
-}
 
 /// No two numbers of the file are the same.
 TEST_F(InfoCommand, TellsEveryNumberWhereItBelongs) {
@@ -139,7 +61,9 @@ TEST_F(InfoCommand, ShowsVolumesWithMoreLayersThanASeriesMayHave) {
     EXPECT_EQ(info["header"]["labels"][0], "??[2");
     EXPECT_EQ(info["warnings"], Json({"values: all are 0"}));
     EXPECT_EQ(vrk("info v.mrc").exitCode, 0);
-    folder.write("s.mrc", plainSeries().bytes());
+    MRCBytes plain(8, 8, 5);
+    plain.putTilts(-2, 1);
+    folder.write("s.mrc", plain.bytes());
     EXPECT_TRUE(says(vrk("info s.mrc").out, {"tilt axis     not stated\n", "high tension  not stated\n"}));
 }
 

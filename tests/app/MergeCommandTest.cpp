@@ -19,13 +19,12 @@ void writeResult(const vrk::CrystalData& crystal, const std::filesystem::path& f
     std::ofstream(folder / "summary.json") << summary;
     // One that was seen and not measured, and one of a crystal that is not there.
     std::vector<vrk::ListedReflection> list = {{.counts = 70}, {.crystal = 2, .sigma = 1}};
-    for (const vrk::Observation& one : crystal.observations) {
+    for (const vrk::Observation& one : crystal.observations)
         list.push_back({.hkl = one.hkl,
                         .crystal = 1,
                         .spacing = one.spacing,
                         .intensity = one.intensity,
                         .sigma = one.sigma});
-    }
     vrk::writeReflectionTable(list, folder / "reflections.csv");
 }
 
@@ -86,6 +85,8 @@ TEST_F(MergeCommandTest, OptionsDecideWhichCrystalsTakePart) {
         return text;
     };
     EXPECT_EQ(used(merged("r0 r1 r2 other --leave-out")), "1110");
+    EXPECT_TRUE(says(vrk("merge r0 r1 r2 other --leave-out -o out --no-pictures").out,
+                     {"3 of 4 merged, cells within 0.0", "\nother is left out: "}));
     EXPECT_EQ(used(merged("r0 r1 r2 other --cell-tolerance 6")), "1111");
     EXPECT_EQ(used(merged("r0 bad r1 r2 r3")), "10111");
     EXPECT_EQ(used(merged("r0 bad r1 r2 r3 --keep-all")), "11111");

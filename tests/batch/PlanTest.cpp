@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <nlohmann/json.hpp>
 
 #include "pipeline/base/Attempt.h"
 #include "pipeline/batch/BatchPlan.h"
@@ -14,6 +15,7 @@
 namespace {
 
 namespace fs = std::filesystem;
+using nlohmann::json;
 
 const std::vector<vrk::OptionKind> kKinds = {
     {"tilt-axis", true, true, false}, {"distortion", true, true, false}, {"no-pictures", false, true, false},
@@ -88,14 +90,11 @@ TEST_F(Plan, FindsSeriesInAllShapesAndKeepsTheirNames) {
             << job.name;
     }
     ASSERT_EQ(jobs.size(), 5U);
-    EXPECT_EQ(byFile.at("plain.mrc")->name, "plain");
-    EXPECT_EQ(byFile.at("plain.mrc")->series.frames, 7);
-    EXPECT_FALSE(byFile.at("plain.mrc")->series.needsImport);
-    const vrk::BatchJob& frames = *byFile.at("frames");
-    EXPECT_TRUE(frames.series.needsImport);
-    EXPECT_EQ(frames.series.frames, 3);
-    EXPECT_EQ(frames.series.columns, 16);
-    const vrk::BatchJob& stack = *byFile.at("s.mrc");
+    const vrk::BatchJob &plain = *byFile.at("plain.mrc"), &stack = *byFile.at("s.mrc");
+    EXPECT_EQ(std::tuple(plain.name, stack.name), std::tuple("plain", "stack_s"));
+    EXPECT_EQ(std::tuple(plain.series.needsImport, plain.series.frames), std::tuple(false, 7));
+    const vrk::FoundSeries& frames = byFile.at("frames")->series;
+    EXPECT_EQ(std::tuple(frames.needsImport, frames.frames, frames.columns), std::tuple(true, 3, 16));
     EXPECT_EQ(vrk::importWords(stack, kKinds),
               (std::vector<std::string>{"--tilts=" +
                                         fs::path(folder / "stack/s.rawtlt").lexically_normal().string()}));
@@ -320,6 +319,20 @@ TEST(Units, AreFewJobsInARowAndArraysOfEqualOnes) {
     EXPECT_EQ(vrk::engineCommand(units, settings).back(), std::to_string(units.size()));
     settings.jobs = 9;
     EXPECT_EQ(vrk::engineCommand(units, settings).back(), "1") << "one array after the other";
+
+    const TemporaryFolder folder;
+    settings.program = "the program";
+    settings.memory = 100;
+    for (const bool slurm : {true, false}) {
+        settings.slurm = slurm;
+        vrk::writeWorkflow({{units[0].needs, {"j0", "j3"}}}, settings, vrk::BatchFolder(folder / "."));
+        const json told = json::parse(folder.read("workflow/settings.json"));
+        EXPECT_EQ(told["units"]["000000"]["memory"], slurm ? units[0].needs.memory : 100);
+        EXPECT_EQ(folder.read(told["folder"].get<std::string>() + "/units/000000"), "j0\nj3\n");
+        EXPECT_TRUE(folder.read("jobs.txt").ends_with("\n'the program' batch -o . --job j3\n"));
+    }
+    EXPECT_EQ(std::distance(fs::directory_iterator(folder / "workflow"), {}), 5) << "one run, not two";
+    EXPECT_EQ(vrk::engineCommand(units, settings).back(), "mem_mb=100");
 }
 
 }  // namespace

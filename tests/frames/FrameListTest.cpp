@@ -35,8 +35,8 @@ const std::vector<ListCase> kCases = {
      "tiff\\f0022.tiff 2 0.0\n\"tiff/f0019.tiff\" -1.5 0\ntiff/f0020.tiff 0 0\nendimagelist\nunknown 3\n"},
     // Frame 19 begins 9 steps after frame 10.
     {"XDS.INP",
-     "! OSCILLATION_RANGE= 7\nNAME_TEMPLATE_OF_DATA_FRAMES= data/f????.img SMV\nDATA_RANGE= 19 22\n"
-     "EXCLUDE_DATA_RANGE=21 21\nSTARTING_ANGLE= -20 ! degrees\nSTARTING_FRAME=10\nOSCILLATION_RANGE=0.5\n"
+     "! OSCILLATION_RANGE= 7\nNAME_TEMPLATE_OF_DATA_FRAMES= data/f????.img SMV\nDATA_RANGE= 19 23\n"
+     "EXCLUDE_DATA_RANGE=21 22\nSTARTING_ANGLE= -20 ! degrees\nSTARTING_FRAME=10\nOSCILLATION_RANGE=0.5\n"
      "QX=0.05  QY=0.05\nDETECTOR_DISTANCE= -498.405\nX-RAY_WAVELENGTH=0.02508\n"
      "DIRECTION_OF_DETECTOR_X-AXIS= 1 0 0\nROTATION_AXIS= -0.7547096 0.6560590 0.0\n",
      {-15.25, -14.75, -13.75}},
@@ -80,13 +80,18 @@ TEST(FrameLists, GiveFramesTheirTiltsAndTheExperiment) {
         "log.txt", "Starting angle: 1\nEnding angle: 4\nNumber of frames: 3\nRotation axis: 1.745329252\n");
     EXPECT_NEAR(*log.axis, 170, 1e-6);
     EXPECT_EQ(log.tiltsFor({"f7", "f8", "f10"}), (std::vector<double>{1.5, 2.5, 3.5})) << "all are there";
-    EXPECT_THROW(listOf("t.tlt", "400\n"), vrk::Failure);
+    EXPECT_EQ(listOf("t.tlt", "-360\n").frames.size(), 1U);
+    for (const auto& [name, text] :
+         {std::pair{"t.tlt", "360.5\n"},
+          {"log.txt", "Starting angle: 1\nEnding angle: 1\n"},
+          {"log.txt", "Starting angle: 0\nEnding angle: 99\nNumber of frames: 1\n"}})
+        EXPECT_THROW(listOf(name, text), vrk::Failure);
     EXPECT_FALSE(vrk::isFrameList(folder.write("b.mdoc", std::string("a\0b", 3))));
     // An XDS.INP names its frames, without the excluded ones.
     const vrk::FrameList xds = vrk::readFrameList(folder / "XDS.INP");
     ASSERT_EQ(xds.frames.size(), 3U);
-    EXPECT_EQ(xds.frames[2].path, std::filesystem::path(folder / "data/f0022.img"));
-    EXPECT_DOUBLE_EQ(xds.frames[2].tilt, -13.75);
+    EXPECT_EQ(xds.frames[2].path, std::filesystem::path(folder / "data/f0023.img"));
+    EXPECT_DOUBLE_EQ(xds.frames[2].tilt, -13.25);
     // Frames of HDF5 lie behind one master; a detector may be turned.
     const vrk::FrameList turned =
         listOf("XDS.INP",
@@ -103,16 +108,14 @@ TEST(FrameLists, GiveFramesTheirTiltsAndTheExperiment) {
     EXPECT_EQ(bare.frames.at(1).path, std::filesystem::path(folder / "f008"));
     EXPECT_EQ(bare.frames.at(0).tilt, 0.5) << "the first begins where the scan does";
     // Numbers at the end of what 64 bits hold, counted from one below 0.
-    const vrk::FrameList sweep = listOf("XDS.INP", "OSCILLATION_RANGE=1\nSTARTING_FRAME=-9\n");
+    const vrk::FrameList sweep =
+        listOf("XDS.INP", "OSCILLATION_RANGE=1\nSTARTING_FRAME=-9\nNAME_TEMPLATE_OF_DATA_FRAMES=f?\n");
     EXPECT_GT(sweep.tiltsFor({"f_9223372036854775807.img", "f_1.img"})[0], 9e18);
     for (const char* bad : {"", "OSCILLATION_RANGE=0\n", "OSCILLATION_RANGE=-90.5\n"})
         EXPECT_THROW(listOf("XDS.INP", std::string("DATA_RANGE=1 2\nSTARTING_ANGLE=1\n") + bad),
                      vrk::Failure);
-}
-
-TEST(FrameLists, OrderCountsWhereNamesDoNotFit) {
-    const TemporaryFolder folder;
-    const vrk::FrameList list = vrk::readFrameList(folder.write("a.ed3d", kCases[3].text));
+    // Their order counts where names do not fit.
+    const vrk::FrameList list = listOf("a.ed3d", kCases[3].text);
     EXPECT_EQ(list.tiltsFor({"a", "b", "c"}), (std::vector<double>{2, -1.5, 0}));
     EXPECT_EQ(list.tiltsFor({"f0019", "f0019", "f0019"}), (std::vector<double>{2, -1.5, 0}));
     EXPECT_THROW(list.tiltsFor({"a", "b"}), vrk::Failure);

@@ -2,6 +2,7 @@
 #include "pipeline/base/MemoryLimit.h"
 
 #include "pipeline/base/Failure.h"
+#include "pipeline/frames/DataFiles.h"
 #include "pipeline/frames/FrameSource.h"
 #include "support/Testing.h"
 
@@ -64,6 +65,9 @@ TEST(MemoryLimit, IsAskedBeforeMemoryIsTaken) {
         // What is resident changes with what others want of the memory.
         EXPECT_NO_THROW(vrk::requireMemory(20 * kMiB, "they"));
         EXPECT_THROW(vrk::requireMemory(4096 * kMiB, "they"), vrk::Failure);
+        const std::uint32_t sizes[] = {30000, 30000, 4};
+        folder.write("s.mrc", {reinterpret_cast<const char*>(sizes), sizeof sizes});
+        EXPECT_THROW(vrk::requireMemoryToRead(folder / "s.mrc"), vrk::Failure);
         EXPECT_THROW(packed.open(), vrk::Failure) << "it is there twice while it grows";
     }
     EXPECT_NO_THROW(vrk::requireMemory(110 * kMiB, "they"));

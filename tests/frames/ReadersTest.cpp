@@ -13,6 +13,7 @@ namespace {
 
 using vrk::FrameFile;
 using vrk::FrameSource;
+using namespace std::string_literals;
 
 const std::filesystem::path kFolder = VRK_FRAMES;  // written by write_files.py
 
@@ -63,11 +64,6 @@ TEST(Readers, FilesOfOtherProgramsFromDiskAndFromMemory) {
     EXPECT_THROW(FrameFile::open(kFolder / "plain.h5:/nothing"), vrk::Failure);
 }
 
-template <std::size_t size>
-std::string bytes(const char (&text)[size]) {
-    return {text, size - 1};
-}
-
 /// Files whose units, numbers or marks are others of the same length.
 TEST(Readers, UnitsAndMarksAreUnderstood) {
     using Changes = std::vector<std::array<std::string, 2>>;
@@ -75,21 +71,25 @@ TEST(Readers, UnitsAndMarksAreUnderstood) {
     const double pixel = 75e-6 / (0.8 * 0.0251e-10), radian = 180 / M_PI;
     for (const auto& [name, changes, tiltStep, pixelSize, reason] : std::vector<Case>{
              {"nexus_master.h5", {{"deg", "rad"}}, radian, pixel, ""},
-             {"nexus_master.h5", {{bytes("\0um"), bytes("\0mm")}}, 1, 1e3 * pixel, ""},
-             {"nexus_master.h5", {{bytes("\0um"), bytes("\0nm")}}, 1, 1e-3 * pixel, ""},
+             {"nexus_master.h5", {{"\0um"s, "\0mm"s}}, 1, 1e3 * pixel, ""},
+             {"nexus_master.h5", {{"\0um"s, "\0nm"s}}, 1, 1e-3 * pixel, ""},
              {"nexus_master.h5",  // a longer word at its place, and its length in two places
-              {{bytes("\3\0\0\0\0\0\0\0deg\0\0\0"), bytes("\6\0\0\0\0\0\0\0radian")},
-               {bytes("\3\0\0\0\xe8$\0\0\0\0\0\0\3\0\0\0"), bytes("\6\0\0\0\xe8$\0\0\0\0\0\0\3\0\0\0")}},
+              {{"\3\0\0\0\0\0\0\0deg\0\0\0"s, "\6\0\0\0\0\0\0\0radian"s},
+               {"\3\0\0\0\xe8$\0\0\0\0\0\0\3\0\0\0"s, "\6\0\0\0\xe8$\0\0\0\0\0\0\3\0\0\0"s}},
               radian,
               pixel,
               ""},
+             {"nexus_master.h5", {{"omega_increment_set", "omega_end\0\0\0\0\0\0\0\0\0\0"s}}, 0.5, pixel, ""},
              {"angles_last.emd", {{"[deg]", "[rad]"}}, radian, 5e7, ""},
              {"angles_last.emd", {{"[n_m^-1]", " [A^-1] "}}, 1, 5e8, ""},
              {"angles_last.emd", {{"[n_m^-1]", " [m^-1] "}}, 1, 0.05, ""},
+             {"angles_last.emd", {{"[n_m^-1]", "  [1/A] "}}, 1, 5e8, ""},
              {"frame.cbf", {{"Start_angle", "Phi        "}, {"0.8 m", "0.4 m"}}, 0, 2 * pixel, ""},
              {"frame.cbf", {{"x-CBF_BYTE_OFFSET", "x-CBF_CANONICAL  "}}, 0, 0, "packed in a way"},
              {"frame.cbf", {{"signed 32-bit integer", "complex 64-bit number"}}, 0, 0, "of the type"},
              {"frame.cbf", {{"Second-Dimension: 4", "Second-Dimension: 9"}}, 0, 0, "cannot lie in"},
+             {"frame.cbf", {{"X-Binary-Size: 36", "X-Binary-Size: 35"}}, 0, 0, "packed pixels are damaged"},
+             {"frame.cbf", {{"\xff\x10\1\0"s, "\0\0\0\x80"s}}, 0, 0, "packed pixels are damaged"},
          }) {
         SCOPED_TRACE(name + changes[0][1]);
         std::string changed = *contents(kFolder / name);
@@ -100,9 +100,10 @@ TEST(Readers, UnitsAndMarksAreUnderstood) {
         }
         std::unique_ptr<FrameFile> file;
         const FrameSource source(kFolder / name, std::make_shared<const std::string>(changed));
-        EXPECT_TRUE(failureOf([&] { file = FrameFile::open(source); }).says(reason));
-        ASSERT_EQ(file == nullptr, *reason != 0);
-        if (!file) continue;
+        const Refusal refusal = failureOf([&] { (file = FrameFile::open(source))->read(0); });
+        EXPECT_TRUE(refusal.says(reason)) << refusal.text;
+        ASSERT_EQ(refusal.text.empty(), !*reason);
+        if (*reason) continue;
         EXPECT_NEAR(file->info(0).pixelSize.value_or(0), pixelSize, 1e-6 * pixelSize);
         if (file->count() > 1) {
             EXPECT_NEAR(*file->info(1).tilt - *file->info(0).tilt, tiltStep, 1e-6);
@@ -140,14 +141,30 @@ TEST(Readers, FilesAreKnownByTheirFirstBytes) {
         EXPECT_TRUE(content.kind == kind && content.name == name) << start << content.name;
     };
     for (const auto& [start, name] : {std::pair("\xff\xd8\xff", "a JPEG picture"),
-                                      {"GIF8", "a GIF picture"},
+                                      {"\x89PNG", "a PNG picture"},
                                       {"BM", "a BMP picture"},
                                       {"%PDF", "a PDF file"}})
         expect(start, Content::Kind::Picture, name);
     for (const char* text : {"a\tb \r\n\xc3\xa4", "\n", "\r", "\t", " "})
         expect(text, Content::Kind::OtherText, "a text");
-    for (const std::string& other : {bytes("a\0"), bytes("a\x1f"), std::string()})
+    for (const std::string& other : {"a\0"s, "a\x1f"s, std::string()})
         expect(other, Content::Kind::Unknown, "");
+    // What those say who want a series, peaks or a cell.
+    for (const auto& [start, series, peaks, cell] :
+         {std::tuple{"#VRKPEAKSVERSION", " is a peak file, not an MRC", "", " is a peak file, not a cell"},
+          {"#VRKCELLVERSION", " is a cell file, not an MRC", " is a cell file, not a list", ""},
+          {"GIF8", ", which has no counts", " is a GIF picture, not a list", " is a GIF picture, not a cell"},
+          {"{HEADER_BYTES", " is an SMV file as", " is an SMV file, not a list",
+           " is an SMV file, not a cell"},
+          {"text", " is a text, not an MRC", "", ""}}) {
+        folder.write("x", start);
+        for (const auto& [refuse, reason] : {std::pair(&vrk::refuseUnlessMrc, series),
+                                             {&vrk::refuseUnlessPeaks, peaks},
+                                             {&vrk::refuseUnlessCell, cell}}) {
+            const Refusal refusal = failureOf([&, &refuse = refuse] { refuse(folder / "x"); });
+            EXPECT_TRUE(refusal.says(reason) && refusal.text.empty() == !*reason) << start << refusal.text;
+        }
+    }
 }
 
 #if !defined(__SANITIZE_ADDRESS__)  // which opens pipes to look at types
@@ -164,17 +181,14 @@ TEST(Readers, SayWhenAFileCannotBeOpened) {
 }
 #endif
 
-TEST(Readers, AllBitsOfThirtyTwoSetMarkADeadPixel) {
-    const std::string bytes(4, '\xff');
-    EXPECT_TRUE(std::isnan(vrk::decodePixels(bytes, vrk::PixelType::UInt32, false)[0]));
-    EXPECT_EQ(vrk::decodePixels(bytes, vrk::PixelType::UInt16, false)[0], 65535);
-    EXPECT_EQ(vrk::decodePixels(bytes, vrk::PixelType::Int32, true)[0], -1);
-}
-
-TEST(Readers, HalvesOfAnySizeKeepTheirValue) {
-    const std::string bytes("\x00\x3c\x00\xc0\xff\x7b\x00\x04\xff\x03\x01\x80", 12);
+TEST(Readers, DeadPixelsAndHalvesOfAnySizeAreKnown) {
+    const std::string set(4, '\xff');
+    EXPECT_TRUE(std::isnan(vrk::decodePixels(set, vrk::PixelType::UInt32, false)[0]));
+    EXPECT_EQ(vrk::decodePixels(set, vrk::PixelType::UInt16, false)[0], 65535);
+    EXPECT_EQ(vrk::decodePixels(set, vrk::PixelType::Int32, true)[0], -1);
+    const std::string halves("\x00\x3c\x00\xc0\xff\x7b\x00\x04\xff\x03\x01\x80", 12);
     const std::vector<float> expected = {1, -2, 65504, 0x1p-14F, 1023 * 0x1p-24F, -0x1p-24F};
-    EXPECT_EQ(vrk::decodePixels(bytes, vrk::PixelType::Float16, false), expected);
+    EXPECT_EQ(vrk::decodePixels(halves, vrk::PixelType::Float16, false), expected);
 }
 
 TEST(Readers, UnpackingStopsAtItsLimitAndTellsDamage) {
@@ -196,6 +210,13 @@ TEST(Readers, UnpackingStopsAtItsLimitAndTellsDamage) {
     EXPECT_EQ(unpack("\x1f\x8b no more than the mark", 99, reason), "");
     EXPECT_TRUE(says(reason, "damaged"));
     EXPECT_EQ(FrameSource(kFolder / "frame.cbf.gz").beginning(77), plain.substr(0, 77));
+    std::array<char, 3> end{};
+    for (const FrameSource& source :
+         {FrameSource(kFolder / "frame.cbf"), FrameSource("x", std::make_shared<const std::string>(plain))}) {
+        const auto all = source.open();
+        EXPECT_TRUE(all->read(plain.size() - 3, end) && end[2] == plain.back());
+        EXPECT_FALSE(all->read(plain.size() - 2, end) || all->read(plain.size() + 1, {}));
+    }
 }
 
 TEST(Readers, SmallFilesDoNotUnpackToLargeOnes) {

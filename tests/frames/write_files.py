@@ -153,21 +153,13 @@ def write_greedy():
 
 
 def write_packed():
-    with open(path("frame.cbf"), "rb") as file:
-        with open(path("frame.cbf.gz"), "wb") as packed:
-            packed.write(gzip.compress(file.read(), mtime=0))
-    with open(path("half.mrc"), "rb") as file:
-        with open(path("half.mrc.bz2"), "wb") as packed:
-            packed.write(bz2.compress(file.read()))
+    for name, ending, pack in (("frame.cbf", ".gz", lambda plain: gzip.compress(plain, mtime=0)),
+                               ("half.mrc", ".bz2", bz2.compress)):
+        with open(path(name), "rb") as file, open(path(name + ending), "wb") as packed:
+            packed.write(pack(file.read()))
 
 
 if __name__ == "__main__":
     os.makedirs(FOLDER, exist_ok=True)
-    write_tiff()
-    write_mrc()
-    write_cbf()
-    write_nexus()
-    write_emd()
-    write_outside()
-    write_greedy()
-    write_packed()
+    for write in (write_tiff, write_mrc, write_cbf, write_nexus, write_emd, write_outside, write_greedy, write_packed):
+        write()

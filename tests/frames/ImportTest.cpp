@@ -1,8 +1,8 @@
 #include <opencv2/imgcodecs.hpp>
 #include <regex>
 
+#include "ExpectedFrames.h"
 #include "VoxCore/IO/VoxMRCFileHandler.h"
-#include "frames/ExpectedFrames.h"
 #include "pipeline/base/NumberText.h"
 #include "pipeline/frames/FrameCollection.h"
 #include "pipeline/frames/SeriesHeader.h"
@@ -46,12 +46,17 @@ std::string mrc(
     return bytes;
 }
 
-/// Three records of an extended header, of which the n-th is made for the tilt n - 1 degrees.
-std::string records(std::size_t size, char fill, const std::function<void(std::string&, int)>& make) {
+/// Three records of an extended header: the n-th states the tilt n - 1 degrees, in parts of a degree, at a
+/// place, and other values at theirs.
+template <class Number>
+std::string records(std::size_t size, char fill, std::size_t tiltPlace, int parts = 1,
+                    const std::vector<std::pair<std::size_t, std::string>>& values = {}) {
     std::string extended;
     for (const int tilt : {-1, 0, 1}) {
         std::string record(size, fill);
-        make(record, tilt);
+        MRCBytes::put(record, tiltPlace, static_cast<Number>(parts * tilt));
+        for (const auto& [place, bytes] : values)
+            record.replace(place, bytes.size(), bytes);
         extended += record;
     }
     return extended;
@@ -59,31 +64,16 @@ std::string records(std::size_t size, char fill, const std::function<void(std::s
 
 /// Of float values, the tilt first.
 std::string floatRecords(std::size_t size, const std::vector<std::pair<std::size_t, float>>& values) {
-    return records(size, '\0', [&](std::string& record, int tilt) {
-        MRCBytes::put(record, 0, static_cast<float>(tilt));
-        for (const auto& [place, value] : values)
-            MRCBytes::put(record, 4 * place, value);
-    });
+    std::vector<std::pair<std::size_t, std::string>> bytes;
+    for (const auto& [place, value] : values)
+        bytes.emplace_back(4 * place, rawBytes(value));
+    return records<float>(size, '\0', 0, 1, bytes);
 }
 
 std::string feiRecords(std::int32_t size, double pixelSize) {
-    return records(static_cast<std::size_t>(size), '\0', [&](std::string& record, int tilt) {
-        MRCBytes::put(record, 0, size);
-        for (const auto& [place, value] :
-             {std::pair(84U, 300e3), {100U, 1.0 * tilt}, {140U, 84.5}, {156U, pixelSize}})
-            MRCBytes::put(record, place, value);
-    });
-}
-
-/// Records that count their numbers in the header, or say with flags what they hold: the tilt is a 16-bit
-/// integer in hundredths of a degree at the front, or the first real number behind the integers.
-std::string shortRecords(std::size_t size, std::size_t integers) {
-    return records(size, '\x07', [&](std::string& record, int tilt) {
-        if (integers == 0)
-            MRCBytes::put(record, 0, static_cast<std::int16_t>(100 * tilt));
-        else
-            MRCBytes::put(record, 4 * integers, static_cast<float>(tilt));
-    });
+    return records<double>(
+        static_cast<std::size_t>(size), '\0', 100, 1,
+        {{0, rawBytes(size)}, {84, rawBytes(300e3)}, {140, rawBytes(84.5)}, {156, rawBytes(pixelSize)}});
 }
 
 struct Imported {
@@ -120,8 +110,8 @@ void expectWarnings(const Imported& imported, std::vector<std::string> told) {
 void expectThreeFrames(const Imported& imported, const std::vector<std::string>& told = {}) {
     ASSERT_NE(imported.result.series, nullptr);
     ASSERT_EQ(imported.header().nz, 3);
-    EXPECT_EQ(imported.header().nx, kFrameWidth);
-    EXPECT_EQ(imported.header().ny, kFrameHeight);
+    EXPECT_EQ(imported.result.series->GetChunkCount(), 3U);
+    EXPECT_TRUE(imported.header().nx == kFrameWidth && imported.header().ny == kFrameHeight);
     EXPECT_EQ(imported.header().type, MRCType::TILT_SERIES);
     for (int z = 0; z < 3; ++z) {
         EXPECT_NEAR(imported.header().tilt(z), z - 1, 1e-5);
@@ -153,46 +143,54 @@ TEST_F(Import, SmvFramesCarryTheirGeometry) {
     EXPECT_FLOAT_EQ(imported.header().amean, 129.5F);
 }
 
-TEST_F(Import, SmvPixelsInEveryTypeAndByteOrder) {
+TEST_F(Import, PixelsInEveryTypeAndByteOrder) {
     for (const bool big : {false, true})
-        for (const auto& [type, bytes] : {std::pair("unsigned_char", rawFrame<std::uint8_t>(1, big)),
-                                          {"unsigned_short", rawFrame<std::uint16_t>(1, big)},
-                                          {"short", rawFrame<std::int16_t>(1, big)},
-                                          {"long", rawFrame<std::int32_t>(1, big)},
-                                          {"unsigned_long", rawFrame<std::uint32_t>(1, big)},
-                                          {"float", rawFrame<float>(1, big)}}) {
-            SCOPED_TRACE(type);
-            const std::string keys = std::string("PHI=3;\nTIME=2;\nTYPE=") + type +
+        for (const auto& [smvType, cbfType, pixels] :
+             {std::tuple("unsigned_char", "unsigned 8-bit integer", rawFrame<std::uint8_t>(1, big)),
+              {"unsigned_short", "unsigned 16-bit integer", rawFrame<std::uint16_t>(1, big)},
+              {"short", "signed 16-bit integer", rawFrame<std::int16_t>(1, big)},
+              {"long", "signed 32-bit integer", rawFrame<std::int32_t>(1, big)},
+              {"unsigned_long", "unsigned 32-bit integer", rawFrame<std::uint32_t>(1, big)},
+              {"float", "signed 32-bit real IEEE", rawFrame<float>(1, big)}}) {
+            SCOPED_TRACE(smvType);
+            const std::string keys = std::string("PHI=3;\nTIME=2;\nTYPE=") + smvType +
                                      (big ? ";\nBYTE_ORDER=big_endian;\n" : ";\nBYTE_ORDER=little_endian;\n");
-            const std::string path = folder.write("t.img", smvHeader(keys) + bytes);
-            expectFrames(*vrk::FrameFile::open(path),
+            expectFrames(*vrk::FrameFile::open(folder.write("t.img", smvHeader(keys) + pixels)),
                          {.firstTilt = 3, .exposure = 2, .count = 1, .first = 1});
+            const std::string cbf =
+                "###CBF: VERSION 1.5\r\n#Omega: 3,\r\nconversions=\"x-CBF_NONE\"\r\nX-Binary-Size: " +
+                std::to_string(pixels.size()) + "\r\nX-Binary-Element-Type: \"" + cbfType +
+                "\"\r\nX-Binary-Element-Byte-Order: " + (big ? "BIG" : "LITTLE") +
+                "_ENDIAN\r\nX-Binary-Size-Fastest-Dimension: 5\r\nX-Binary-Size-Second-Dimension: "
+                "4\r\n\r\n\x0c\x1a\x04\xd5" +
+                pixels;
+            expectFrames(*vrk::FrameFile::open(folder.write("t.cbf", cbf)),
+                         {.firstTilt = 3, .count = 1, .first = 1});
+            settings.files = {folder.write("t.cbf", cbf.substr(0, cbf.size() - 1))};
+            EXPECT_TRUE(says(failure(settings), "it is truncated: its pixels"));
         }
 }
 
 TEST_F(Import, TiffPagesAndFiles) {
     for (const int depth : {CV_8U, CV_8S, CV_16U, CV_16S, CV_32F}) {
-        std::vector<cv::Mat> stack;
-        ImportSettings single;
-        for (int frame = 0; frame < 3; ++frame) {
-            cv::Mat page(kFrameHeight, kFrameWidth, CV_32S);
-            for (int i = 0; i < kFramePixels; ++i)
-                page.at<int>(i / kFrameWidth, i % kFrameWidth) =
-                    depth == CV_8S || depth == CV_8U ? i - 5 : countAt(frame, i);
-            cv::Mat converted;
-            page.convertTo(converted, depth);
-            stack.push_back(converted);
-            single.files.push_back(folder / vrk::formatted("s%d.tif", frame));
-            ASSERT_TRUE(cv::imwrite(single.files.back().string(), converted));
-        }
-        ASSERT_TRUE(cv::imwrite(folder / "m.tif", stack));
-        ImportSettings multi;
+        const bool isShort = depth == CV_8U || depth == CV_8S;
+        std::vector<cv::Mat> pages(3);
+        ImportSettings single, multi;
         multi.files = {folder / "m.tif"};
-        for (ImportSettings* pages : {&single, &multi}) {
-            EXPECT_TRUE(says(failure(*pages), "--tilts"));
-            pages->tilts = "-1:1";
-            const Imported imported = import(*pages);
-            if (depth == CV_8S || depth == CV_8U)
+        for (std::size_t frame = 0; frame < 3; ++frame) {
+            cv::Mat_<int> counts(kFrameHeight, kFrameWidth);
+            for (int i = 0; i < kFramePixels; ++i)
+                counts.begin()[i] = isShort ? i - 5 : countAt(static_cast<int>(frame), i);
+            counts.convertTo(pages[frame], depth);
+            single.files.push_back(folder / ("s" + std::to_string(frame) + ".tif"));
+            ASSERT_TRUE(cv::imwrite(single.files.back().string(), pages[frame]));
+        }
+        ASSERT_TRUE(cv::imwrite(multi.files[0].string(), pages));
+        for (ImportSettings* given : {&single, &multi}) {
+            EXPECT_TRUE(says(failure(*given), "--tilts"));
+            given->tilts = "-1:1";
+            const Imported imported = import(*given);
+            if (isShort)
                 EXPECT_EQ(imported.at(1, 2), depth == CV_8S ? -3 : 0);
             else
                 expectThreeFrames(imported);
@@ -211,18 +209,25 @@ TEST_F(Import, MrcModesAndExtendedHeaders) {
     };
     auto oldRecords = floatRecords(128, {{11, 5e7F}, {13, 300e3F}, {10, 84.5F}});
     oldRecords.resize(1024 * 128);
-    const std::vector<Case> cases = {
-        {"128-byte records", mrc<std::int16_t>(3, 1, oldRecords), 5e7, 300, 0},
-        {"128-byte records of an image", mrc<std::int16_t>(3, 1, floatRecords(128, {{11, 2e-10F}})), 0, 0, 0},
-        {"144-byte records", mrc<float>(3, 2, floatRecords(144, {{11, 5e7F}, {15, 120}, {8, 33}})), 5e7, 120,
-         33},
-        {"SerialEM", mrc<std::int16_t>(3, 1, shortRecords(8, 0), counted("SERI", 8, 1)), 0, 0, 0},
-        {"SerialEM, not marked", mrc<std::int16_t>(3, 1, shortRecords(12, 0), counted("", 12, 7)), 0, 0, 0},
-        {"integers and reals", mrc<std::int16_t>(3, 1, shortRecords(20, 2), counted("AGAR", 2, 3)), 0, 0, 0},
-        {"FEI1", mrc<std::uint16_t>(3, 6, feiRecords(768, 4e7), counted("FEI1", 0, 0)), 4e7, 300, 0},
-        {"FEI2", mrc<std::int16_t>(3, 1, feiRecords(888, 2e-10), counted("FEI2", 0, 0)), 0, 300, 0},
-    };
-    for (const auto& [name, bytes, pixelSize, kilovolts, axis] : cases) {
+    for (const auto& [name, bytes, pixelSize, kilovolts, axis] : std::vector<Case>{
+             {"128-byte records", mrc<std::int16_t>(3, 1, oldRecords), 5e7, 300, 0},
+             {"128-byte records of an image", mrc<std::int16_t>(3, 1, floatRecords(128, {{11, 2e-10F}})), 0,
+              0, 0},
+             {"128-byte records without a pixel size", mrc<std::int16_t>(3, 1, floatRecords(128, {})), 0, 0,
+              0},
+             {"144-byte records", mrc<float>(3, 2, floatRecords(144, {{11, 5e7F}, {15, 120}, {8, 33}})), 5e7,
+              120, 33},
+             {"SerialEM",
+              mrc<std::int16_t>(3, 1, records<std::int16_t>(8, '\x07', 0, 100), counted("SERI", 8, 1)), 0, 0,
+              0},
+             {"SerialEM, not marked",
+              mrc<std::int16_t>(3, 1, records<std::int16_t>(34, '\x07', 0, 100), counted("", 34, 2047)), 0, 0,
+              0},
+             {"integers and reals",
+              mrc<std::int16_t>(3, 1, records<float>(20, '\x07', 8), counted("AGAR", 2, 3)), 0, 0, 0},
+             {"FEI1", mrc<std::uint16_t>(3, 6, feiRecords(768, 4e7), counted("FEI1", 0, 0)), 4e7, 300, 0},
+             {"FEI2", mrc<std::int16_t>(3, 1, feiRecords(888, 2e-10), counted("FEI2", 0, 0)), 0, 300, 0},
+         }) {
         SCOPED_TRACE(name);
         settings.files = {folder.write("stack.mrc", bytes)};
         const Imported imported = import(settings);
@@ -234,20 +239,16 @@ TEST_F(Import, MrcModesAndExtendedHeaders) {
 }
 
 TEST_F(Import, MrcBytesAreSignedUnlessTheFileSaysOtherwise) {
-    const auto value = [&](const std::function<void(std::string&)>& change) {
-        const std::string path = folder.write("b.mrc", mrc<std::uint8_t>(2, 0, "", change));
-        return vrk::FrameFile::open(path)->read(1).pixels[19];  // 158 or -98
-    };
-    EXPECT_EQ(value([](std::string& header) { MRCBytes::put(header, 80, 100.0F); }), -98);
-    EXPECT_EQ(value([](std::string& header) { MRCBytes::put(header, 80, 200.0F); }), 158);
-    const auto flagged = [](int flags) {
-        return [flags](std::string& header) {
-            MRCBytes::put(header, 152, std::int32_t{1146047817});
-            MRCBytes::put(header, 156, std::int32_t{flags});
-        };
-    };
-    EXPECT_EQ(value(flagged(1)), -98);
-    EXPECT_EQ(value(flagged(0)), 158);
+    for (const auto& [largest, stamp, flags, value] : {std::tuple{100.0F, 0, 0, -98.0F},
+                                                       {200.0F, 0, 1, 158.0F},
+                                                       {200.0F, 1146047817, 1, -98.0F},
+                                                       {100.0F, 1146047817, 0, 158.0F}}) {
+        std::string bytes = mrc<std::uint8_t>(2, 0, "");
+        MRCBytes::put(bytes, 80, largest);
+        MRCBytes::put(bytes, 152, stamp);
+        MRCBytes::put(bytes, 156, flags);
+        EXPECT_EQ(vrk::FrameFile::open(folder.write("b.mrc", bytes))->read(1).pixels[19], value);
+    }
 }
 
 TEST_F(Import, TiltListsAndFrameLists) {
@@ -263,18 +264,17 @@ TEST_F(Import, TiltListsAndFrameLists) {
     ImportSettings listed;
     listed.files = {
         folder.write("1.ed3d",
-                     "WAVELENGTH    0.025080\nROTATIONAXIS    139\nCCDPIXELSIZE    0.004260\n"
-                     "GONIOTILTSTEP    1.0\n\nFILELIST\nFILE 00000.mrc    -1.0000    0    -1.0000\n"
-                     "FILE 00001.mrc    0    0    0\nFILE .\\00002.mrc  1.0 0 1.0\nENDFILELIST\n")};
+                     "WAVELENGTH 0.02508\nROTATIONAXIS 139\nCCDPIXELSIZE 0.00426\nFILELIST\n"
+                     "FILE 00000.mrc -1 0 0\nFILE 00001.mrc 0 0 0\nFILE .\\00002.mrc 1\nENDFILELIST\n")};
     const Imported imported = import(listed);
     expectThreeFrames(imported);
     std::filesystem::create_directory(folder / "lists");
     const std::string outside = std::regex_replace(folder.read("1.ed3d"), std::regex("FILE "), "FILE ../");
-    ImportSettings precessed;
-    precessed.files = {folder.write("p.pts",
-                                    "geometry precession\nphi 1.1\nomega 100\nimagelist\n00000.mrc -1 0\n"
-                                    "00001.mrc 0 0\n00002.mrc 1 0\nendimagelist\n")};
-    const Imported cone = import(precessed);
+    settings = {};
+    settings.files = {folder.write("p.pts",
+                                   "geometry precession\nphi 1.1\nomega 100\nimagelist\n00000.mrc -1 0\n"
+                                   "00001.mrc 0 0\n00002.mrc 1 0\nendimagelist\n")};
+    const Imported cone = import(settings);
     expectWarnings(cone, {});
     const std::optional<vrk::StatedMotion> motion = vrk::statedMotion(cone.header());
     ASSERT_TRUE(motion);
@@ -310,8 +310,7 @@ TEST_F(Import, DropsEmptyAndRepeatedFramesWithAWarning) {
         add(name, smv(frame, start));
     add("e.img", smv(0, 1.75).substr(0, 512) + std::string(2 * kFramePixels, '\0'));
     const Imported imported = import(settings);
-    EXPECT_EQ(imported.result.duplicates, 1);
-    EXPECT_EQ(imported.result.empty, 1);
+    EXPECT_TRUE(imported.result.duplicates == 1 && imported.result.empty == 1);
     expectThreeFrames(imported, {"1 frames left out whose tilt", "1 empty frames left out, at tilts 2"});
     EXPECT_TRUE(says(imported.warnings[0], "b.img at -1 degrees"));
 }
@@ -334,8 +333,7 @@ TEST_F(Import, ClipsWithACountAndBins) {
     settings.scale = 0.5;
     settings.bin = 2;
     imported = import(settings);
-    EXPECT_EQ(imported.header().nx, 2);
-    EXPECT_EQ(imported.header().ny, 2);
+    EXPECT_TRUE(imported.header().nx == 2 && imported.header().ny == 2);
     // The last column is left out; columns 0 and 1, rows 0 and 1 make the first pixel.
     EXPECT_EQ(imported.result.clipped, 2);
     EXPECT_EQ(imported.at(0, 1), 2);
@@ -401,12 +399,16 @@ TEST_F(Import, AFolderStandsForItsFrames) {
     EXPECT_NEAR(imported.header().value(SliceValue::HighTension, 1), 199.7, 0.1);
     EXPECT_EQ(imported.header().tilt(0), -1);
 
-    // A list that is given with --tilts holds before the headers. Frame 10 is named f10, frame 9 is not
-    // there.
+    // A list that is given with --tilts holds before the headers.
     settings.tilts = folder / "XDS.INP";
     imported = import(settings);
     EXPECT_NEAR(imported.header().value(SliceValue::HighTension, 1), 100, 1);
     EXPECT_EQ(imported.header().tilt(0), 0.5);
+
+    // Names are ordered by their numbers.
+    for (const auto& [one, next] : {std::pair("f_2.img", "f_10.img"), {"f_002.img", "f_10.img"}, {"a", "ab"}})
+        EXPECT_TRUE(vrk::naturallyBefore(one, next) && !vrk::naturallyBefore(next, one)) << next;
+    EXPECT_FALSE(vrk::naturallyBefore("f_10.img", "f_10.img"));
 }
 
 TEST_F(Import, TiltsBeyondAQuarterTurnAreCountedFromTheirMiddle) {
@@ -451,10 +453,8 @@ TEST_F(Import, FramesThatCannotBeReadAreNamedOrSkipped) {
 TEST_F(Import, CountsBeyondSixteenBitsGetAFactorThatIsTold) {
     for (const int frame : {0, 1, 2}) {
         std::string bytes = smvHeader("TYPE=float;\nPHI=" + std::to_string(frame - 1) + ";\n");
-        for (int i = 0; i < kFramePixels; ++i) {
-            const auto value = static_cast<float>(0.01 * countAt(frame, i));
-            bytes += rawBytes(value);
-        }
+        for (int i = 0; i < kFramePixels; ++i)
+            bytes += rawBytes(static_cast<float>(0.01 * countAt(frame, i)));
         add(vrk::formatted("f%d.img", frame), bytes);
     }
     const Imported imported = import(settings);
@@ -486,8 +486,9 @@ TEST_F(Import, DamagedInputIsRefusedWithAReason) {
         {"garbage.tif", std::string("II*\0", 4) + std::string(500, 'x'), "-1:1", "TIFF"},
         {"text.mrc", std::string(4000, 'x'), "", "none of the kinds"},
         {"short.mrc", stack.substr(0, stack.size() - 1), "-1:1", "2 are there"},
-        {"mode.mrc", garbled(stack, 12, 4), "-1:1", "mode 4"},
-        {"size.mrc", garbled(stack, 0, 1 << 30), "-1:1", "pixels"},
+        {"mode.mrc", garbled(stack, 12, 404), "-1:1", "mode 404"},
+        {"size.mrc", garbled(stack, 4, 1 << 30), "-1:1", "pixels"},
+        {"narrow.mrc", garbled(stack, 0, 0), "-1:1", "0 x 4 pixels"},
         {"count.mrc", garbled(stack, 8, -1), "-1:1", "frames"},
         {"next.mrc", garbled(stack, 92, 0x7fffff00), "-1:1", "truncated"},
         {"fei.mrc",
@@ -495,6 +496,7 @@ TEST_F(Import, DamagedInputIsRefusedWithAReason) {
                            [](std::string& header) { std::memcpy(header.data() + 104, "FEI1", 4); }),
          "", "record of frame 1"},
         {"untilted.mrc", stack, "", "--tilts"},
+        {"turned.mrc", mrc<std::int16_t>(3, 1, records<float>(128, '\0', 0, 361)), "", "--tilts"},
         {"single.mrc", mrc<std::int16_t>(1, 1, ""), "1:1", "only one frame"},
         {"constant.mrc", stack, "constant.tlt", "the tilt"},
         {"count.mrc", stack, "two.tlt", "2 tilts"},
@@ -517,19 +519,9 @@ TEST_F(Import, DamagedInputIsRefusedWithAReason) {
         settings.tilts = tilts.ends_with(".tlt") ? folder / tilts : tilts;
         EXPECT_TRUE(says(failure(settings), reason)) << name << ": ";
     }
-    ImportSettings mixed;
-    mixed.files = {folder.write("a.img", good), folder.write("b.mrc", MRCBytes(8, 8, 1).bytes())};
-    EXPECT_TRUE(says(failure(mixed), "--tilts"));
-    mixed.tilts = "0:1";
-    EXPECT_TRUE(says(failure(mixed), "different sizes"));
-}
-
-TEST_F(Import, NamesWithNumbersAreOrderedByThem) {
-    EXPECT_TRUE(vrk::naturallyBefore("f_2.img", "f_10.img"));
-    EXPECT_TRUE(vrk::naturallyBefore("f_002.img", "f_10.img"));
-    EXPECT_TRUE(vrk::naturallyBefore("a", "ab"));
-    EXPECT_FALSE(vrk::naturallyBefore("f_10.img", "f_2.img"));
-    EXPECT_FALSE(vrk::naturallyBefore("f_10.img", "f_10.img"));
+    settings.files = {folder.write("a.img", good), folder.write("b.mrc", MRCBytes(8, 8, 1).bytes())};
+    settings.tilts = "0:1";
+    EXPECT_TRUE(says(failure(settings), "different sizes"));
 }
 
 TEST_F(Import, KeepsHowTheCrystalTurnedDuringAFrame) {
@@ -544,8 +536,7 @@ TEST_F(Import, KeepsHowTheCrystalTurnedDuringAFrame) {
         const Imported imported = import(settings);
         const std::optional<vrk::StatedMotion> motion = vrk::statedMotion(imported.header());
         ASSERT_EQ(motion.has_value(), rotation.has_value());
-        const std::string told = imported.warnings.empty() ? "" : imported.warnings.back();
-        EXPECT_TRUE(says(told, warning));
+        EXPECT_TRUE(says(imported.warnings.empty() ? "" : imported.warnings.back(), warning));
         if (!motion) continue;
         EXPECT_NEAR(motion->rotation, *rotation, 1e-5);
         // The series is a file of frames as well.
