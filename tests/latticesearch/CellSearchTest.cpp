@@ -105,6 +105,7 @@ TEST(CellSearch, FindsTheLatticeBehindAWedgeAndOutliers) {
             soFar.addAll(one.lattice.origin);
             soFar.add(one.score.indexed, one.score.radius, one.score.chance, one.score.evidence);
             add(one.trial);
+            if (const auto again = search.repeat(one, points, weights)) add(again->trial);
         }
         const std::optional<LatticeCandidate> again = search.repeat(found.front(), points, weights);
         ASSERT_TRUE(again);
@@ -118,7 +119,7 @@ TEST(CellSearch, FindsTheLatticeBehindAWedgeAndOutliers) {
         for (const vrk::CellSearchOptions& fixed : some)
             add(vrk::CellSearch(fixed).firstTrial(points, weights));
     }
-    EXPECT_NEAR(soFar.sum(), 111761.2620, 1e-3);
+    EXPECT_NEAR(soFar.sum(), 124649.4099, 1e-3);
 }
 
 TEST(CellSteps, ClusterTheSameVectorsAgainAsIfForTheFirstTime) {
