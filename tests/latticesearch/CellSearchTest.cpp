@@ -175,6 +175,11 @@ TEST(LatticeScore, EvidenceIsTheLikelihoodRatio) {
     for (const auto& [successes, trials, chance] :
          {std::tuple(1, 10, 0.1), std::tuple(0, 0, 0.1), std::tuple(5, 10, 0.0), std::tuple(5, 10, 1.0)})
         EXPECT_EQ(vrk::evidenceOf(successes, trials, chance), 0.0);
+    // That all points lie in the greater part of the cell is none.
+    Points between;
+    for (int i = 1; i < 40; ++i)
+        between.emplace_back(3.0 * i + 1.2, 0.0, 0.0);
+    EXPECT_EQ(vrk::scoreLattice(between, {3.0 * Matrix3d::Identity(), Vector3d::Zero()}).evidence, 0.0);
 }
 
 TEST(LatticeScore, MultiplesAreSettledByThePoints) {
