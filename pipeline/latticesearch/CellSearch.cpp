@@ -148,7 +148,7 @@ double rounded(double length) {
 
 /// As many of the strongest as give a number of difference vectors that can be clustered.
 void thinOut(Points& points, double maxLength) {
-    while (points.size() > 200 && pairsWithin(points, maxLength) > kMostVectors)
+    while (pairsWithin(points, maxLength) > kMostVectors)
         points.resize(points.size() * 3 / 4);
 }
 

@@ -175,6 +175,7 @@ TEST(CellClustersTest, findsPhasesAndOutliersWithTheTreeOfThePlainDefinition) {
     EXPECT_EQ(result.clusterOf[25], -1);
     for (int i = 0; i < 24; ++i)
         EXPECT_EQ(result.clusterOf[static_cast<std::size_t>(i)], i % 6 == 5 ? 2 : i % 2);
+    EXPECT_EQ(vrk::clusterCells(std::span(crystals).first(2)).clusterOf, (std::vector<int>{0, 1}));
     EXPECT_GT(result.clusters[0].spread, 0.002);
     EXPECT_LT(result.clusters[0].spread, 0.02);
 

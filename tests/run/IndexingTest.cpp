@@ -6,6 +6,7 @@
 #include "pipeline/run/FurtherCrystals.h"
 #include "pipeline/run/PeakCell.h"
 #include "support/RecordedReflections.h"
+#include "support/SoFar.h"
 
 namespace {
 
@@ -101,30 +102,35 @@ TEST(IndexReflections, TheTypeIsTheHighestThatTheReflectionsBear) {
         {"one axis shorter", {7, 7, 6.86, 90, 90, 90}, 0.012, 0.3, LATTICE::tP},
     };
     unsigned seed = 1;
+    SoFar soFar;
     for (const auto& [name, edges, ellipse, noise, type] : cases) {
         SCOPED_TRACE(name);
         Found found(edges, {.ellipse = ellipse, .azimuth = 35}, {.noise = noise, .seed = seed++});
         const vrk::Indexed indexed = found.indexed();
         EXPECT_STREQ(LATTICE::shortName(indexed.symmetry().bravaisType), LATTICE::shortName(type));
-        std::array<double, 6> cell = indexed.conventional.cell;
         for (std::size_t i = 0; i < 3; ++i)
-            EXPECT_NEAR(cell[i], edges[i], 0.003 * edges[i]);
+            EXPECT_NEAR(indexed.conventional.cell[i], edges[i], 0.003 * edges[i]);
         EXPECT_EQ(indexed.refined.sense, 1);
         EXPECT_EQ(indexed.instrument.uses(vrk::InstrumentTerm::EllipseCosine), ellipse > 0);
         EXPECT_GT(indexed.completeness.core.share(), 0.2);
         EXPECT_LT(indexed.completeness.core.share(), 0.3) << "a quarter of the nodes was recorded";
+        soFar.addAll(indexed.conventional.cell);
+        soFar.addText(indexed.strain);
+        soFar.add(indexed.conventional.sigma, indexed.completeness.core.share(), indexed.unprovenEllipse,
+                  indexed.evidence.tiedUncertainty, indexed.evidence.pixelFactor, indexed.resolution);
     }
+    EXPECT_NEAR(soFar.sum(), 3661.24081, 1e-4);
 }
 
 TEST(FurtherCrystals, HideNeitherTypeNorAxisOfTheFirst) {
     const std::tuple<const char*, std::array<double, 6>, double, unsigned> cases[] = {
-        {"cP", {7, 7, 7, 90, 90, 90}, 4, 2},
-        {"hP", {6, 6, 9, 90, 90, 120}, 5, 1},
-        {"mP", {5.2, 6.3, 8.1, 90, 97, 90}, 6, 2},
-        {"aP", {5.2, 6.3, 8.1, 82, 97, 104}, 4, 3},
+        {"cP", {7, 7, 7, 90, 90, 90}, 4, 2},           {"hP", {6, 6, 9, 90, 90, 120}, 5, 1},
+        {"mP", {5.2, 6.3, 8.1, 90, 97, 90}, 6, 2},     {"aP", {5.2, 6.3, 8.1, 82, 97, 104}, 4, 3},
+        {"aP", {7.2, 8.3, 11.1, 82, 97, 104}, 1.5, 3},
     };
+    SoFar soFar;
     for (const auto& [type, cell, turn, seed] : cases) {
-        SCOPED_TRACE(type);
+        SCOPED_TRACE(testing::Message() << type << turn);
         vrk::test::Recording recording{.noise = 0.4, .seed = seed};
         Found found(cell, {.ellipse = 0.01}, recording);
         recording.turn = turn;
@@ -135,12 +141,18 @@ TEST(FurtherCrystals, HideNeitherTypeNorAxisOfTheFirst) {
         vrk::Session session(vrk::silence());
         const vrk::Crystals crystals = vrk::findFurtherCrystals(first, nullptr, known, {}, session);
         ASSERT_EQ(crystals.others.size(), 1U);
-        for (const vrk::Indexed* crystal : {&std::as_const(first), &crystals.others.front().indexed}) {
+        const vrk::FurtherCrystal& other = crystals.others.front();
+        EXPECT_NEAR(*other.turn, turn, 0.2);
+        for (const vrk::Indexed* crystal : {&std::as_const(first), &other.indexed}) {
             EXPECT_STREQ(LATTICE::shortName(crystal->symmetry().bravaisType), type);
             EXPECT_FALSE(crystal->evidence.axisAssumed);
+            soFar.addAll(crystal->conventional.cell);
+            soFar.add(crystal->refined.lattice.rms, crystal->evidence.elsewhere);
         }
         EXPECT_EQ(first.refined.indices.size(), found.level.reflections.size());
+        soFar.add(crystals.firstShare, other.share, other.strongShare, *other.turn, other.sameCell);
     }
+    EXPECT_NEAR(soFar.sum(), 2977.20043, 1e-4);
 }
 
 TEST(IndexReflections, AnAxisThatNobodyStatedMustBeConfirmed) {

@@ -6,8 +6,10 @@
 #include "pipeline/base/Angle.h"
 #include "pipeline/integration/FrameStack.h"
 #include "pipeline/report/PatternViews.h"
+#include "pipeline/run/RunFolder.h"
 #include "pipeline/run/RunProfile.h"
 #include "pipeline/run/RunSummary.h"
+#include "support/FailureOf.h"
 #include "support/ReportedData.h"
 #include "support/SoFar.h"
 #include "support/Testing.h"
@@ -93,6 +95,13 @@ TEST(Library, FindsWhatTheStagesFindAndNarratesNothing) {
     for (const auto& file : files.value())
         EXPECT_TRUE(std::filesystem::exists(file)) << file;
     EXPECT_TRUE(says(folder.read("result/summary.json"), "\"path\": \"series.mrc\""));
+    const vrk::CalibrationInput here = vrk::calibrationInput("", result);
+    const vrk::CalibrationInput there = vrk::readRunFolder(folder / "result");
+    for (const vrk::CalibrationInput& one : {here, there})
+        soFar.add(one.width, one.wavelength, one.sense, one.axisAngle, one.centre.sum(), one.type,
+                  one.tilts.back(), one.positions.back().sum(), one.lattice.basis(0, 1),
+                  one.toConventional.sum());
+    EXPECT_LT((there.lattice.basis - here.lattice.basis).norm(), 1e-4);
     const std::filesystem::path results[] = {folder / "result"};
     vrk::writeReportPage(results, folder / "page.html").value();
     EXPECT_TRUE(says(folder.read("page.html"), "series.mrc"));
@@ -127,7 +136,29 @@ TEST(Library, FindsWhatTheStagesFindAndNarratesNothing) {
         soFar.addAll(inflated(frame));
     for (const char* key : {"x", "y"})
         soFar.addAll(unpacked(patterns["observed"][key]));
-    EXPECT_NEAR(soFar.sum(), 24387142.1130, 1e-3);
+    EXPECT_NEAR(soFar.sum(), 24388129.3912, 1e-3);
+}
+
+TEST(Series, IsReadAgainAndScaledAsTheInstrumentSays) {
+    const TemporaryFolder folder;
+    ASSERT_TRUE(simple().write(folder / "series.mrc"));
+    vrk::Session session(vrk::silence());
+    vrk::RunOptions options;
+    const vrk::Series plain = vrk::loadSeries(folder / "series.mrc", options, session);
+    EXPECT_TRUE(*plain.again(session) == *plain.frames);
+    options.instrument.emplace().pixelScale = vrk::CalibratedValue{1.02, 0, 0};
+    for (const auto& [binning, scale] : {std::pair(2.0, 1.02), {1.5, 1.0}}) {
+        options.instrument->pixelSize = binning * plain.facts.pixelSize;
+        const auto size = [&] {
+            return vrk::loadSeries(folder / "series.mrc", options, session).facts.pixelSize;
+        };
+        EXPECT_NEAR(size() / plain.facts.pixelSize, scale, 1e-9);
+        options.pixelSize = plain.facts.pixelSize;
+        EXPECT_EQ(size(), plain.facts.pixelSize);
+        options.pixelSize.reset();
+    }
+    folder.write("series.mrc", "text");
+    EXPECT_TRUE(failureOf([&] { plain.again(session); }).says("was changed"));
 }
 
 TEST(Library, RunsInTwoThreadsAsAlone) {
@@ -158,6 +189,10 @@ TEST(Library, TakesStagesOfTheCaller) {
         for (vrk::Level& level : levels)
             std::erase_if(level.reflections, [](const auto& one) { return one.tilt < -0.5; });
         return levels;
+    };
+    // The caller's own are given rotated frames.
+    stages.reconstruct = [](const vrk::CentredSeries& frames, vrk::Session& session) {
+        return vrk::reconstruct(frames, session);
     };
     const vrk::RunResult result = vrk::run(centred(), quick(), vrk::silence(), stages).value();
     EXPECT_GT(searches, 0);
