@@ -113,9 +113,8 @@ MergingStatistics mergingStatistics(std::span<const Observation> observations, c
     const auto lengthOf = [&](const Indices& hkl) {
         return (reciprocal * Eigen::Vector3d(hkl[0], hkl[1], hkl[2])).norm();
     };
-    // By the length of the representative: each shell counts its own of those that are possible.
-    const auto shellOf = [&](const Indices& hkl) {
-        const double part = std::pow(lengthOf(hkl), 3) / longest3;
+    const auto shellOf = [&](double length) {
+        const double part = std::pow(length, 3) / longest3;
         return static_cast<std::size_t>(std::clamp(static_cast<int>(part * count), 0, count - 1));
     };
     std::vector<Shell> shells(static_cast<std::size_t>(count));
@@ -128,7 +127,9 @@ MergingStatistics mergingStatistics(std::span<const Observation> observations, c
     all.limits().dMax = dMax;
     all.limits().dMin = dMin;
     for (const auto& group : groups) {
-        shells[shellOf(representative(observations[group.front()].hkl, rotations))].add(observations, group);
+        // By the representative: each shell counts its own of those that are possible.
+        const Indices hkl = representative(observations[group.front()].hkl, rotations);
+        shells[shellOf(lengthOf(hkl))].add(observations, group);
         all.add(observations, group);
     }
 
@@ -143,7 +144,7 @@ MergingStatistics mergingStatistics(std::span<const Observation> observations, c
                 const double length = lengthOf(hkl);
                 if (!(length > 0) || length > kEdge / dMin || isExtinct(centring, h, k, l)) continue;
                 if (representative(hkl, rotations) != hkl) continue;
-                ++shells[shellOf(hkl)].limits().possible;
+                ++shells[shellOf(length)].limits().possible;
                 ++all.limits().possible;
             }
     result.overall = all.statistics();

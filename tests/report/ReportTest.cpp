@@ -80,8 +80,10 @@ void expectRoundTrip(const char* type, std::size_t count) {
     std::mt19937 random(static_cast<unsigned>(count));
     std::vector<Value> values(count);
     for (Value& value : values)
-        value = static_cast<Value>(0.7 * static_cast<double>(random() % 200) -
-                                   (std::is_signed_v<Value> ? 70 : 0));
+        value =
+            static_cast<Value>(std::is_floating_point_v<Value> ? static_cast<double>(random()) / 7e5 - 3000.0
+                                                               : static_cast<double>(random() % 200) -
+                                                                     (std::is_signed_v<Value> ? 100 : 0));
     const json column = json::parse(vrk::packedColumn(values));
     EXPECT_EQ(column["type"], type);
     EXPECT_EQ(unpacked(column), std::vector<double>(values.begin(), values.end())) << type << ' ' << count;

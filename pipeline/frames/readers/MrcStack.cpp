@@ -4,6 +4,7 @@
 #include <array>
 #include <cmath>
 #include <string_view>
+#include <utility>
 
 #include "pipeline/frames/FrameFormat.h"
 #include "pipeline/frames/PixelDecoder.h"
@@ -190,10 +191,10 @@ void MrcStack::readNewRecords(std::span<const char> extended) {
     constexpr std::size_t shortest = 172;
     std::size_t start = 0;
     for (FrameInfo& info : m_infos) {
-        const double size = start + shortest <= extended.size()
-                                ? decodeNumber(extended, start, PixelType::Int32, m_bigEndian)
-                                : 0;
-        if (size < shortest || size > static_cast<double>(extended.size() - start))
+        const std::int64_t size = start + shortest <= extended.size()
+                                      ? decodeInteger(extended, start, PixelType::Int32, m_bigEndian)
+                                      : 0;
+        if (std::cmp_less(size, shortest) || std::cmp_greater(size, extended.size() - start))
             refuse("its extended header is damaged: the record of frame " +
                    std::to_string(&info - m_infos.data() + 1) + " does not fit");
         const auto value = [&](std::size_t position) {
@@ -203,7 +204,8 @@ void MrcStack::readNewRecords(std::span<const char> extended) {
         if (plausibleTilt(value(100))) info.tilt = value(100);
         if (const auto pixel = reciprocalPixel(value(156))) info.pixelSize = pixel;
         constexpr std::size_t throughTiltPerImage = 844;
-        if (size >= throughTiltPerImage && std::abs(value(836)) > 0 && std::abs(value(836)) < 10)
+        if (std::cmp_greater_equal(size, throughTiltPerImage) && std::abs(value(836)) > 0 &&
+            std::abs(value(836)) < 10)
             info.rotation = std::abs(value(836));
         start += static_cast<std::size_t>(size);
     }

@@ -16,14 +16,14 @@ constexpr double kRounding = 1e-9;
 struct Inverse {
     constexpr explicit Inverse(const CharacterRow& row) {
         const auto& m = row.toConventional;
-        const auto det = static_cast<int>(determinant(
+        const auto det = static_cast<double>(determinant(
             {{{m[0][0], m[0][1], m[0][2]}, {m[1][0], m[1][1], m[1][2]}, {m[2][0], m[2][1], m[2][2]}}}));
         for (std::size_t i = 0; i < 3; ++i)
             for (std::size_t j = 0; j < 3; ++j) {
                 const auto at = [&m](std::size_t k, std::size_t l) { return m[k % 3][l % 3]; };
                 const int cofactor =
                     at(j + 1, i + 1) * at(j + 2, i + 2) - at(j + 1, i + 2) * at(j + 2, i + 1);
-                axes[i][j] = static_cast<double>(cofactor) / det;
+                axes[i][j] = cofactor / det;
             }
     }
     std::array<std::array<double, 3>, 3> axes = {};

@@ -51,7 +51,7 @@ void NearForms::collectShortVectors(const Metric& shortest) {
 void NearForms::addTriple(const Short& a, const Short& b, const Short& c) {
     if (a.squared > b.squared * (1.0 + m_loose) || b.squared > c.squared * (1.0 + m_loose)) return;
     Axes axes = {a.vector, b.vector, c.vector};
-    const auto det = static_cast<int>(determinant(axes));
+    const std::int64_t det = determinant(axes);
     if (det != 1 && det != -1) return;
     if (det < 0)
         for (Vector& v : axes)
