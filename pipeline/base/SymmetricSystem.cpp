@@ -26,16 +26,6 @@ Eigen::MatrixXd scaledInverse(const Eigen::MatrixXd& matrix) {
     return scale.asDiagonal() * SymmetricSystem(scaled).inverse() * scale.asDiagonal();
 }
 
-void addObservation(Eigen::MatrixXd& matrix, Eigen::VectorXd& right, const Eigen::MatrixXd& rows,
-                    const Eigen::VectorXd& deviation, double weight) {
-    // Component by component: a product made for large matrices takes longer for so few rows.
-    for (Eigen::Index i = 0; i < rows.rows(); ++i) {
-        const Eigen::VectorXd weighted = weight * rows.row(i).transpose();
-        matrix.noalias() += weighted * rows.row(i);
-        right += deviation(i) * weighted;
-    }
-}
-
 double smallestEigenvalue(const Eigen::MatrixXd& matrix) {
     const auto n = static_cast<int>(matrix.rows());
     // Symmetric, so that it does not matter which index runs fastest.

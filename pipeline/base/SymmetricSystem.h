@@ -29,12 +29,6 @@ private:
 /// parameters in different units do not cost digits.
 Eigen::MatrixXd scaledInverse(const Eigen::MatrixXd& matrix);
 
-/// Adds an observation of some components to normal equations: matrix += w RᵀR, right += w Rᵀd.
-/// \param rows  R, the derivatives: one row a component, one column a parameter
-/// \param deviation  d, observed less expected
-void addObservation(Eigen::MatrixXd& matrix, Eigen::VectorXd& right, const Eigen::MatrixXd& rows,
-                    const Eigen::VectorXd& deviation, double weight);
-
 /// \param matrix  symmetric
 double smallestEigenvalue(const Eigen::MatrixXd& matrix);
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "pipeline/base/Median.h"
+#include "pipeline/base/NormalEquations.h"
 #include "pipeline/base/SymmetricSystem.h"
 #include "pipeline/latticesearch/LatticeFit.h"
 
@@ -42,20 +43,19 @@ public:
         for (const Eigen::Vector3d& off : m_off)
             lengths.push_back(off.norm());
         m_spread = std::max(medianOf(lengths) / kMedianOfLength, 1e-4);
-        Eigen::MatrixXd matrix = Eigen::MatrixXd::Zero(kNumbers, kNumbers);
-        Eigen::VectorXd right = Eigen::VectorXd::Zero(kNumbers);
-        Eigen::MatrixXd rows = Eigen::MatrixXd::Zero(3, kNumbers);
+        NormalEquations equations(kNumbers);
+        NormalEquations::Derivatives derivatives = NormalEquations::Derivatives::Zero(kNumbers, 3);
         for (std::size_t i = 0; i < m_off.size(); ++i) {
             const double ratio = m_off[i].norm() / (kTukey * m_spread);
             if (ratio >= 1.0) continue;
             const double robust = (1.0 - ratio * ratio) * (1.0 - ratio * ratio);
             for (Eigen::Index part = 0; part < 4; ++part)
-                rows.middleCols<3>(3 * part).diagonal().setConstant(m_nodes[i](part));
-            rows.col(kNumbers - 1) = -m_indexed[i]->step;
-            addObservation(matrix, right, rows, m_off[i], robust * m_indexed[i]->weight);
+                derivatives.middleRows<3>(3 * part).diagonal().setConstant(m_nodes[i](part));
+            derivatives.row(kNumbers - 1) = -m_indexed[i]->step.transpose();
+            equations.add(derivatives, m_off[i], robust * m_indexed[i]->weight);
         }
-        const Eigen::MatrixXd inverse = scaledInverse(matrix);
-        const Eigen::VectorXd change = inverse * right;
+        const Eigen::MatrixXd inverse = scaledInverse(equations.matrix());
+        const Eigen::VectorXd change = inverse * equations.right();
         if (!change.allFinite()) return false;
         for (Eigen::Index part = 0; part < 3; ++part)
             m_basis.col(part) += change.segment<3>(3 * part);

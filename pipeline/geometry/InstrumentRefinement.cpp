@@ -10,6 +10,7 @@
 
 #include "foundation/SharedLoop.h"
 #include "pipeline/base/Median.h"
+#include "pipeline/base/NormalEquations.h"
 #include "pipeline/base/SymmetricSystem.h"
 
 namespace vrk {
@@ -179,14 +180,12 @@ private:
 
     MatrixXd normal(const State& state, const Terms& used, VectorXd& right) {
         const Matrix34 model = state.lattice.model();
-        const auto chain = state.lattice.derivatives();
+        const Eigen::MatrixXd chain = state.lattice.derivatives().transpose();
         const std::vector<Vector3d> places = usedPlaces(state);
         const double limit = kTukeyLimit * sigmaOf(residuals(state, places));
         const auto terms = static_cast<Eigen::Index>(std::count(used.begin(), used.end(), true));
-        const Eigen::Index size = terms + state.lattice.size();
-        MatrixXd matrix = MatrixXd::Zero(size, size);
-        right = VectorXd::Zero(size);
-        MatrixXd rows(3, size);
+        NormalEquations equations(terms + state.lattice.size());
+        NormalEquations::Derivatives derivatives(terms + state.lattice.size(), 3);
         const std::vector<InstrumentModel::Mapping> moved = movedMappings(state.model, used);
         for (std::size_t n = 0; n < m_used.size(); ++n) {
             const std::size_t i = m_used[n];
@@ -194,15 +193,18 @@ private:
             const double ratio = off.norm() / limit;
             if (ratio >= 1.0) continue;
             const double weight = (1.0 - ratio * ratio) * (1.0 - ratio * ratio);
-            Eigen::Index column = 0;
+            Eigen::Index term = 0;
             for (const InstrumentModel::Mapping& toReciprocal : moved)
-                rows.col(column++) = (toReciprocal(m_places[i]) + m_centre - places[n]) / kStep;
+                derivatives.row(term++) = (toReciprocal(m_places[i]) + m_centre - places[n]) / kStep;
             const Eigen::Vector4d hkl = node(i);
-            rows.rightCols(state.lattice.size()).setZero();
+            auto ofLattice = derivatives.bottomRows(state.lattice.size());
+            ofLattice.setZero();
             for (Eigen::Index part = 0; part < 4; ++part)
-                rows.rightCols(state.lattice.size()) -= hkl(part) * chain.middleRows(3 * part, 3);
-            addObservation(matrix, right, rows, -off, weight);
+                ofLattice -= hkl(part) * chain.middleCols<3>(3 * part);
+            equations.add(derivatives, -off, weight);
         }
+        MatrixXd matrix = equations.matrix();
+        right = equations.right();
         if (!state.held.isZero()) hold(state, used, matrix, right);
         return matrix;
     }

@@ -7,16 +7,13 @@ constexpr std::string_view kElement = "<script type=\"application/json\" data-re
 constexpr std::string_view kName = "\" data-block=\"";
 constexpr std::string_view kEnd = "</script>";
 
-/// In JSON this sign stands in strings alone, where it may be written otherwise.
-std::string withoutTags(const std::string& json) {
-    std::string text;
-    text.reserve(json.size());
-    for (const char sign : json)
-        if (sign == '<')
-            text += "\\u003c";
-        else
-            text += sign;
-    return text;
+/// Adds JSON without tags: in it their first sign stands in strings alone, where it may be written otherwise.
+void appendWithoutTags(std::string& text, std::string_view json) {
+    for (std::size_t end = json.find('<'); end != std::string_view::npos; end = json.find('<')) {
+        text.append(json.substr(0, end)).append("\\u003c");
+        json.remove_prefix(end + 1);
+    }
+    text.append(json);
 }
 
 }  // namespace
@@ -29,7 +26,8 @@ std::string reportPage(std::span<const ReportBlocks> results) {
     for (std::size_t i = 0; i < results.size(); ++i)
         for (const ReportBlock& block : results[i]) {
             text.append(kElement).append(std::to_string(i)).append(kName).append(block.name).append("\">");
-            text.append(withoutTags(block.json)).append(kEnd).append("\n");
+            appendWithoutTags(text, block.json);
+            text.append(kEnd).append("\n");
         }
     for (const std::string_view part : page.after)
         text += part;

@@ -3,8 +3,10 @@
 #include <Eigen/Geometry>
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cmath>
 #include <iterator>
+#include <numeric>
 #include <utility>
 #include <vector>
 
@@ -110,10 +112,9 @@ public:
             ReciprocalSection::parsePlane(kPlanes[i], m_planes[i]);
     }
 
-    std::string text() {
+    std::string text() const {
         std::array<std::string, kPlanes.size()> layers;
-        for (int level = 0; level <= kMostLevel && m_bytes <= kMostSectionBytes; ++level)
-            addLayers(level, layers);
+        addLayers(layers);
         std::string text = formatted("{\"size\":%d,\"radius\":%.6g,\"top\":%.6g,\"noise\":%.6g,\"planes\":[",
                                      m_size, m_radius * m_volume.facts.pixelSize * 1e-10, m_top, m_noise);
         for (std::size_t i = 0; i < kPlanes.size(); ++i) {
@@ -143,31 +144,46 @@ private:
     /// Brighter than all but few reflections.
     static double topOf(const Level& level) { return std::max(40.0 * level.threshold, 100.0); }
 
-    /// The layers on either side, of every plane that has them.
-    void addLayers(int level, std::array<std::string, kPlanes.size()>& layers) {
-        struct Picture {
-            std::size_t plane;
-            int level;
-            std::string data;
-        };
+    struct Picture {
+        std::size_t plane;
+        int level;
+        std::string data = {};
+    };
+
+    /// The layers through the origin, then those on either side, of every plane that has them.
+    std::vector<Picture> picturesToDraw() const {
         std::vector<Picture> pictures;
-        for (std::size_t i = 0; i < kPlanes.size(); ++i) {
-            const PlaneFrame frame(m_base, m_planes[i]);
-            if (level * std::abs(frame.layer) > 0.9 * m_radius) continue;
-            pictures.push_back({i, level, {}});
-            if (level > 0) pictures.push_back({i, -level, {}});
-        }
+        for (int level = 0; level <= kMostLevel; ++level)
+            for (std::size_t i = 0; i < kPlanes.size(); ++i) {
+                const PlaneFrame frame(m_base, m_planes[i]);
+                if (level * std::abs(frame.layer) > 0.9 * m_radius) continue;
+                pictures.push_back({i, level});
+                if (level > 0) pictures.push_back({i, -level});
+            }
+        return pictures;
+    }
+
+    /// As many as there is room for.
+    void addLayers(std::array<std::string, kPlanes.size()>& layers) const {
+        std::vector<Picture> pictures = picturesToDraw();
+        std::vector<std::atomic<std::size_t>> sizes(pictures.size());
+        const auto isFull = [&](std::size_t i) {
+            return std::accumulate(sizes.begin(), sizes.begin() + static_cast<std::ptrdiff_t>(i),
+                                   std::size_t{0}) > kMostSectionBytes;
+        };
         VRK::shareItems(pictures.size(), [&](std::size_t i, std::size_t) {
+            // Those before that are still being drawn count as nothing: what there is room for is never left
+            // out.
+            if (isFull(i)) return;
             Picture& picture = pictures[i];
             picture.data = packedBytes(greyValues(picture.level, PlaneFrame(m_base, m_planes[picture.plane])),
                                        PackedContent::Picture);
+            sizes[i] = picture.data.size();
         });
-        for (const Picture& picture : pictures) {
-            if (m_bytes > kMostSectionBytes) return;
-            m_bytes += picture.data.size();
-            std::string& text = layers[picture.plane];
-            text += formatted("%s{\"level\":%d,\"data\":\"", text.empty() ? "" : ",", picture.level) +
-                    picture.data + "\"}";
+        for (std::size_t i = 0; i < pictures.size() && !isFull(i); ++i) {
+            std::string& text = layers[pictures[i].plane];
+            text += formatted("%s{\"level\":%d,\"data\":\"", text.empty() ? "" : ",", pictures[i].level) +
+                    pictures[i].data + "\"}";
         }
     }
 
@@ -259,7 +275,6 @@ private:
     GreyScale m_grey;
     VolumeSlices m_slices;
     std::array<ReciprocalSection::Settings, kPlanes.size()> m_planes;
-    std::size_t m_bytes = 0;
 };
 
 }  // namespace
