@@ -2,10 +2,12 @@
 
 #include "VoxCore/DataModel/VoxMRCData.h"
 #include "processing/detail/DetectorCross.h"
+#include "processing/detail/PowderRings.h"
 #include "processing/detail/SeriesMean.h"
 #include "processing/detail/ShadowFinder.h"
 
 using VRK::detail::DetectorCross;
+using VRK::detail::PowderRings;
 using VRK::detail::SeriesMean;
 using VRK::detail::ShadowFinder;
 
@@ -19,6 +21,7 @@ ShadowMask ShadowMask::of(const SeriesMean& mean) {
     const DetectorCross cross(mean);
     SeriesMean bridged = mean;
     cross.removeFrom(bridged);
+    PowderRings(bridged).removeFrom(bridged);
     ShadowFinder finder(bridged);
     result.m_width = mean.width;
     result.m_height = mean.height;

@@ -13,6 +13,7 @@
 #include "foundation/detail/Selection.h"
 #include "processing/ImageOperations.h"
 #include "processing/detail/CountRoots.h"
+#include "processing/detail/InversionSums.h"
 #include "processing/detail/OppositePixels.h"
 
 namespace VRK::detail {
@@ -693,19 +694,7 @@ BeamCentreFinder::Symmetry BeamCentreFinder::phaseCentre(const Reduced& reduced)
 }
 
 std::vector<cv::Point> BeamCentreFinder::friedelCentres(const Reduced& reduced) const {
-    const cv::Mat_<float>& small = reduced.pattern;
-    cv::Mat_<float> padded(cv::getOptimalDFTSize(2 * small.rows), cv::getOptimalDFTSize(2 * small.cols),
-                           0.0F);
-    small.copyTo(padded(cv::Rect({0, 0}, small.size())));
-    cv::Mat spectrum;
-    cv::dft(padded, spectrum);
-    cv::mulSpectrums(spectrum, spectrum, spectrum, 0);
-    cv::Mat_<float> correlation;
-    cv::dft(spectrum, correlation, cv::DFT_INVERSE | cv::DFT_REAL_OUTPUT | cv::DFT_SCALE);
-    cv::GaussianBlur(correlation, correlation, cv::Size(), 1.0);
-    // Position s holds the sum over all pairs of pixels whose positions add up to s; centres lie in the
-    // inner half of the frame.
-    cv::Mat_<float> inner = correlation(cv::Rect(small.cols / 2, small.rows / 2, small.cols, small.rows));
+    cv::Mat_<float> inner = inversionSums(reduced.pattern);
     cv::Scalar mean, deviation;
     cv::meanStdDev(inner, mean, deviation);
     constexpr double kSignificant = 6.0;  // standard deviations
@@ -715,7 +704,8 @@ std::vector<cv::Point> BeamCentreFinder::friedelCentres(const Reduced& reduced) 
         double height = 0;
         cv::minMaxLoc(inner, nullptr, &height, nullptr, &peak);
         if (!(height - mean[0] >= kSignificant * deviation[0]) || deviation[0] <= 0) break;
-        centres.emplace_back((peak.x + small.cols / 2) / 2, (peak.y + small.rows / 2) / 2);
+        const cv::Point2d centre = inversionCentre(peak, inner.size());
+        centres.emplace_back(static_cast<int>(centre.x), static_cast<int>(centre.y));
         cv::circle(inner, peak, 5, cv::Scalar(mean[0]), cv::FILLED);
     }
     return centres;
