@@ -12,7 +12,7 @@ cv::Mat_<float> inversionSums(const cv::Mat_<float>& image);
 
 /// The place in the image that one of these sums is of. \param size  of the image
 inline cv::Point2d inversionCentre(cv::Point sum, cv::Size size) {
-    return {0.5 * (sum.x + size.width / 2), 0.5 * (sum.y + size.height / 2)};
+    return 0.5 * cv::Point2d(sum + cv::Point(size.width / 2, size.height / 2));
 }
 
 }  // namespace VRK::detail
