@@ -134,6 +134,9 @@ Verdict verdictOn(const LatticeEvidence& known) {
         verdict.reasons.push_back(
             "the ties of its type move its edges by more than their uncertainties: the symmetry may be "
             "lower");
+    if (!known.higherType.empty())
+        verdict.reasons.push_back("the reflections lie nearly as close to the nodes of a lattice of type " +
+                                  known.higherType + ": the symmetry may be higher");
     if (known.ellipseUnknown)
         verdict.reasons.push_back(
             "a triclinic lattice does not show whether the frames are distorted, and an ellipse of 1.4 %, as "

@@ -57,6 +57,9 @@ struct LatticeEvidence {
     /// Strength of that part of the ellipse without which the lattice would have lower symmetry, and fit as
     /// well.
     double ellipseUnproven = 0.0;
+    /// The lattice nearly has this type of higher symmetry, as nearly as errors of the reflections may hide
+    /// it; empty where it has none.
+    std::string higherType;
     /// The ties of its type move its edges by more than their standard uncertainties allow.
     bool tiesStrain = false;
     /// The lattice was found without a distortion, and its symmetry is not so high that one would show.
@@ -92,11 +95,11 @@ bool isConvincing(const LatticeScore& score);
 /// and noise index reflections too, but leave nodes empty, or whole classes of them. Fair: half of all that.
 /// Reflections that lie far off their nodes, as with tilts or an axis that are wrong, make the lattice a
 /// guess. An axis that was assumed, a calibration that the reflections contradict, a distortion that they
-/// determine only in part or by the symmetry alone, ties that the free edges contradict, a distortion or a
-/// scale of the tilts that no sound instrument has, tilts that hardly tell the cell across the patterns, an
-/// unknown or estimated completeness or a rival within a tenth of the evidence keep the answer from being
-/// more than fair. A distortion that was not looked for, or that a triclinic lattice takes up without a
-/// trace, and three doubts at once make it low.
+/// determine only in part or by the symmetry alone, ties that the free edges contradict, a higher symmetry
+/// that is refused by a hair, a distortion or a scale of the tilts that no sound instrument has, tilts that
+/// hardly tell the cell across the patterns, an unknown or estimated completeness or a rival within a tenth
+/// of the evidence keep the answer from being more than fair. A distortion that was not looked for, or that a
+/// triclinic lattice takes up without a trace, and three doubts at once make it low.
 Verdict verdictOn(const LatticeEvidence& evidence);
 
 }  // namespace vrk

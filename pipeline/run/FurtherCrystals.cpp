@@ -138,9 +138,11 @@ std::optional<Indexed> indexed(Level level, const LatticeChoice& choice, const R
     }
 }
 
-/// Whether there is a crystal, whatever an ellipse that nobody knows does to its edges and angles.
+/// Whether there is a crystal, whatever an ellipse that nobody knows does to its edges and angles, and of
+/// whatever type.
 bool isCrystal(LatticeEvidence evidence) {
     evidence.ellipseUnknown = false;
+    evidence.higherType.clear();
     return verdictOn(evidence).lattice != Confidence::Low;
 }
 

@@ -67,6 +67,7 @@ void takeSymmetry(Indexed& result, const Recording& recording, const LatticeChoi
     result.strain = strainText(choice.conventional, choice.untied, choice.characters.front().bravaisType);
     result.contradiction = contradictionText(input, choice);
     result.unprovenEllipse = unprovenEllipse(input, choice);
+    result.doubted = choice.doubted;
     result.refined = std::move(choice.refined);
     result.conventional = choice.conventional;
     result.instrument = std::move(choice.instrument);
@@ -209,6 +210,7 @@ Indexed indexRecorded(std::vector<Level> levels, const LatticeChoice& choice, co
     evidence.axisAssumed = recording.axisAssumed && !result.axisConfirmed;
     evidence.ellipseUnknown = result.symmetry().bravaisType == LATTICE::aP && !recording.ellipseKnown;
     evidence.ellipseUnproven = result.unprovenEllipse;
+    if (result.doubted) evidence.higherType = LATTICE::shortName(*result.doubted);
     evidence.tiesStrain = !result.strain.empty();
     evidence.spaceEstimated = recording.estimated;
     if (result.curvature.contradicts()) evidence.pixelFactor = result.curvature.factor;

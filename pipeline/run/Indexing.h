@@ -35,7 +35,8 @@ struct Indexed {
     std::string contradiction;                 ///< of what is known of the instrument; empty for none
     CurvatureScale curvature;                  ///< the pixel size as the sphere tells it
     double unprovenEllipse = 0.0;              ///< part of the ellipse for which the symmetry alone speaks
-    LatticeEvidence evidence;                  ///< on which the verdict rests
+    std::optional<LATTICE::BravaisTypes> doubted;  ///< a higher type, refused by a hair
+    LatticeEvidence evidence;                      ///< on which the verdict rests
     Verdict verdict;
     double resolution = 0.0;    ///< smallest spacing of an indexed reflection, Angstrom
     Completeness completeness;  ///< of the nodes of the reduced cell

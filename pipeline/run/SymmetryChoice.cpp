@@ -29,6 +29,8 @@ constexpr double kSameLikelihood = 10.0;
 /// differ as much in either direction: they may be farther by the second share.
 constexpr double kScattered = 0.9;  // voxels
 constexpr double kSameDistanceOfScattered = 1.02;
+/// Ties that were refused, but would pass with these shares so many times as large, leave the type in doubt.
+constexpr double kInDoubt = 2.5;
 
 CellTies tiesOf(const LatticeCharacter& character) {
     return CellTies::of(character.bravaisType, matrixOf(character));
@@ -73,13 +75,15 @@ void takeInstrument(SymmetryChoice& choice, double tolerance) {
     choice.untied = describe(fit, untied(choice.characters.front()));
 }
 
-/// Whether reflections lie as close to the nodes with ties as without.
-bool areAsClose(const RefinedLattice& tied, const RefinedLattice& free) {
+/// Whether reflections lie as close to the nodes with ties as without. \param slack  factor on what ties may
+/// cost
+bool areAsClose(const RefinedLattice& tied, const RefinedLattice& free, double slack = 1.0) {
+    const auto slackened = [&](double share) { return 1.0 + slack * (share - 1.0); };
     const double fewCost = std::exp(kSameLikelihood / (3.0 * std::max(free.indexed, 1)));
     const double commonCost = free.rms > kScattered ? kSameDistanceOfScattered : kSameDistance;
-    return tied.sigma <= kSameSpread * free.sigma + kSmallSpread &&
-           tied.rms <= std::hypot(std::max(commonCost, fewCost) * free.rms, kSmallSpread) &&
-           tied.indexed >= kSameIndexed * free.indexed;
+    return tied.sigma <= slackened(kSameSpread) * free.sigma + kSmallSpread &&
+           tied.rms <= std::hypot(slackened(std::max(commonCost, fewCost)) * free.rms, kSmallSpread) &&
+           tied.indexed >= slackened(kSameIndexed) * free.indexed;
 }
 
 bool isPossible(const RefinedInstrument& instrument) {
@@ -228,9 +232,12 @@ SymmetryChoice chooseSymmetry(const SymmetryInput& input, RefinedPositions free)
         LatticeCharacter character = result.characters[i];
         if (!tiesOf(character).any) continue;
         RefinedInstrument tied = underTiesOf(character, result.characters.front(), input, from, sense);
-        if (!(input.wanted ? tied.valid : isPossible(tied)) ||
-            !areAsClose(tied.lattice, untiedInstrument.lattice))
+        if (!(input.wanted ? tied.valid : isPossible(tied))) continue;
+        if (!areAsClose(tied.lattice, untiedInstrument.lattice)) {
+            if (!result.doubted && areAsClose(tied.lattice, untiedInstrument.lattice, kInDoubt))
+                result.doubted = character.bravaisType;
             continue;
+        }
         result.characters[i] = character;
         bringToFront(result.characters, i);
         result.instrument = std::move(tied);

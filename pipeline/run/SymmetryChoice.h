@@ -33,6 +33,8 @@ struct SymmetryChoice {
     RefinedLattice untied;                     ///< the conventional cell without ties
     RefinedInstrument instrument;              ///< under the same ties; not valid where it was not refined
     std::vector<LatticeCharacter> characters;  ///< the answer first
+    /// The highest type that was refused although its ties leave the reflections nearly as close.
+    std::optional<LATTICE::BravaisTypes> doubted;
 };
 
 /// Conventional direct base = primitive direct base times this matrix.

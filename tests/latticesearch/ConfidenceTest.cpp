@@ -69,6 +69,7 @@ TEST(Confidence, EachDoubtLowersItAndIsNamed) {
         {"unless the frames are distorted by 0.7 %", [](Known& e) { e.ellipseUnproven = 0.007; }, Fair},
         {"", [](Known& e) { e.ellipseUnproven = 0.005; }, High},
         {"symmetry may be lower", [](Known& e) { e.tiesStrain = true; }, Fair},
+        {"nodes of a lattice of type oP", [](Known& e) { e.higherType = "oP"; }, Fair},
         {"end at 5.1 Angstrom", [](Known& e) { e.finestSpacing = 5.1; }, Fair},
         {"", [](Known& e) { e.finestSpacing = 4.9; }, High},
         {"1.09 times the pixel size, which makes all edges shorter", [](Known& e) { e.pixelFactor = 1.09; },

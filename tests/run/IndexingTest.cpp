@@ -189,6 +189,17 @@ TEST(IndexReflections, AnEllipseMayMakeTiesThatACrystalHasNot) {
     }
 }
 
+TEST(IndexReflections, ATypeThatIsRefusedByAHairLeavesADoubt) {
+    for (const auto& [beta, type, doubted] :
+         {std::tuple(90.0, "oP", ""), {90.05, "mP", "oP"}, {91.0, "mP", ""}}) {
+        Found found({5.2, 6.3, 8.1, 90, beta, 90}, {}, {.noise = 0.2, .seed = 6, .share = 0.8});
+        const vrk::Indexed indexed = found.indexed();
+        EXPECT_STREQ(LATTICE::shortName(indexed.symmetry().bravaisType), type) << beta;
+        EXPECT_EQ(indexed.evidence.higherType, doubted) << beta;
+        EXPECT_EQ(indexed.verdict.level, *doubted ? vrk::Confidence::Fair : vrk::Confidence::High) << beta;
+    }
+}
+
 /// What is found in a plain list of the reflections within a radius, all of them turned.
 vrk::PeakCell cellOfPeaks(const Recorded& data, const Eigen::Matrix3d& turn, double radius) {
     vrk::PeakList peaks;
