@@ -170,7 +170,7 @@ TEST_F(CellCommandTest, SaysWhatIsWrongAndWritesNothing) {
         {"noise.txt -o x.txt", 3, "no cell was found"},
         {"noise.txt -o x.txt --eps 1", 3, "smaller --min-points"},
         {"list.txt -o x.txt --max-length 3.1", 3, "larger --max-length"},
-        {"list.txt -o x.txt --angle-a 56", 2, "looks like degrees"},
+        {"list.txt -o x.txt --angle-a 56", 2, "up to 3; 56 looks like degrees, which are 0.977"},
         {"list.txt -o x.txt --merge 0", 2, "--merge is auto, none"},
         {"list.txt -o x.txt --pixel-size 0.005", 2, "1/Angstrom per pixel, which is --pixel-size 5e+07"},
         {"few.txt -o x.txt", 3, "3 reflections are too few"},

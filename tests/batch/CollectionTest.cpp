@@ -82,6 +82,62 @@ protected:
     std::vector<vrk::JobState> states;
 };
 
+struct TrendCase {
+    const char* name;
+    std::vector<std::tuple<double, double, const char*>> series;  ///< axis, pixel size, level or "known"
+    std::size_t rows, elsewhere;
+    bool isCommon;
+    const char* remark;
+};
+
+TEST_F(Collecting, TheInstrumentIsWhatMostOfTheTrustedSeriesShow) {
+    const TrendCase cases[] = {
+        {"two tell nothing", {{30, 1e8, "high"}, {30, 1e8, "fair"}}, 2, 0, false, ""},
+        {"three, one the other way round",
+         {{30, 1e8, "high"}, {31.9, 1e8, "high"}, {-149, 1e8, "fair"}},
+         3,
+         0,
+         true,
+         ""},
+        {"an axis elsewhere",
+         {{33, 1e8, "high"}, {30, 1e8, "high"}, {30, 1e8, "high"}, {30, 1e8, "high"}},
+         3,
+         1,
+         true,
+         "1 have their axis elsewhere"},
+        {"other lengths, a geometry that was known, and no trust",
+         {{30, 1.3e8, "high"},
+          {30, 1.3e8, "high"},
+          {30, 1e8, "high"},
+          {30, 1e8, "high"},
+          {30, 1e8, "high"},
+          {30, 1e8, "known"},
+          {30, 1e8, "low"}},
+         3,
+         0,
+         true,
+         "1 were run with --distortion and tell nothing more; 2 were recorded at another camera length"},
+    };
+    for (const TrendCase& one : cases) {
+        SCOPED_TRACE(one.name);
+        states.clear();
+        for (const auto& [axis, pixelSize, level] : one.series) {
+            json summary = summaryOf({5, 6, 7, 90, 90, 90}, axis, 0.01);
+            summary["input"]["pixel_size"] = pixelSize;
+            if (level == std::string("known"))
+                summary["instrument"]["known"] = {{"file", "i.json"}};
+            else
+                summary["confidence"]["lattice"] = level;
+            add(std::string("s").append(std::to_string(states.size())), vrk::JobOutcome::Done, summary);
+        }
+        const vrk::InstrumentTrend trend = collect().trend;
+        EXPECT_EQ(trend.rows.size(), one.rows);
+        EXPECT_EQ(trend.elsewhere.size(), one.elsewhere);
+        EXPECT_EQ(trend.common.has_value(), one.isCommon);
+        EXPECT_EQ(trend.remark, one.remark);
+    }
+}
+
 TEST_F(Collecting, MakesTableClustersInstrumentAndPage) {
     using enum vrk::JobOutcome;
     for (int i = 0; i < 4; ++i)
