@@ -17,6 +17,7 @@ struct Scene {
     double gradient = 0;             ///< of the halo, relative at half a width
     double ice = 0;                  ///< counts of a ring
     double iceWidth = 2;             ///< its standard deviation, pixels
+    double ellipse = 0;              ///< of the ring, along the diagonal
     std::vector<int> deadRows = {};  ///< also columns
     bool shadow(double x, double y) const {
         const double dx = x - kFrame / 2.0, dy = y - kFrame / 2.0;
@@ -37,10 +38,11 @@ std::unique_ptr<VoxMRCData> seriesOf(const Scene& scene) {
         std::vector<short> pixels;
         forEachPixel(kFrame, kFrame, [&](int x, int y) {
             const double r = std::hypot(x - cx, y - cy);
+            const double ring = r - 2 * scene.ellipse * (x - cx) * (y - cy) / std::max(r, 1.0);
             const double spot =
                 std::hypot(std::remainder(x - cx - 7.0 * i, 31.0), std::remainder(y - cy + 3.0 * i, 27.0));
             double value = 8 + 500 * (1 + scene.gradient * 2 * (x - cx) / kFrame) * std::exp(-r / 20) +
-                           scene.ice * std::exp(-0.5 * std::pow((r - 60) / scene.iceWidth, 2)) +
+                           scene.ice * std::exp(-0.5 * std::pow((ring - 60) / scene.iceWidth, 2)) +
                            300 * std::exp(-spot * spot / 3) + 20000 * std::exp(-r * r / 20);
             if (scene.shadow(x, y)) value = scene.transmission * value + scene.pedestal;
             value = std::max(value, 1e-9);  // no distribution has a mean of nothing
@@ -67,6 +69,11 @@ TEST(ShadowMask, CoversTheStopAndTheCrossAndLeavesTheRest) {
         {"nothing", {}, 0, 0},
         {"halo to one side", {.gradient = 0.5}, 0, 0},
         {"ring of ice", {.ice = 60}, 0, 0},
+        {"elliptical ring", {.ice = 2000, .ellipse = 0.02}, 0, 0},
+        {"disc, and an elliptical ring",
+         {.discRadius = 15, .ice = 5000, .iceWidth = 3, .ellipse = -0.03},
+         0,
+         1},
         {"rings that overlap", {.ice = 900, .iceWidth = 7}, 0, 0},
         {"disc, and rings that overlap", {.discRadius = 15, .ice = 900, .iceWidth = 7}, 0, 1},
         {"bar", {.barWidth = 14}, 1, 0},
