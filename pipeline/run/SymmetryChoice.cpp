@@ -234,6 +234,7 @@ SymmetryChoice chooseSymmetry(const SymmetryInput& input, RefinedPositions free)
         RefinedInstrument tied = underTiesOf(character, result.characters.front(), input, from, sense);
         if (!(input.wanted ? tied.valid : isPossible(tied))) continue;
         if (!areAsClose(tied.lattice, untiedInstrument.lattice)) {
+            result.refusedHigher = true;
             if (!result.doubted && areAsClose(tied.lattice, untiedInstrument.lattice, kInDoubt))
                 result.doubted = character.bravaisType;
             continue;
@@ -292,7 +293,7 @@ double unprovenEllipse(const SymmetryInput& input, const SymmetryChoice& choice)
     const RefinedInstrument& answer = choice.instrument;
     if (!answer.valid || !answer.uses(EllipseCosine)) return 0.0;
     const char system = LATTICE::shortName(choice.characters.front().bravaisType)[0];
-    if (system == 'm') return answer.ellipse();
+    if (system == 'm' || (system == 'o' && choice.refusedHigher)) return answer.ellipse();
     if (system != 'o') return 0.0;
     Eigen::Matrix3d next;
     next << 0, 0, 1, 1, 0, 0, 0, 1, 0;

@@ -35,6 +35,9 @@ struct SymmetryChoice {
     std::vector<LatticeCharacter> characters;  ///< the answer first
     /// The highest type that was refused although its ties leave the reflections nearly as close.
     std::optional<LATTICE::BravaisTypes> doubted;
+    /// Whether a higher type was refused: then several sets of axes were tried, each of which an ellipse may
+    /// suit.
+    bool refusedHigher = false;
 };
 
 /// Conventional direct base = primitive direct base times this matrix.
@@ -62,9 +65,10 @@ std::string contradictionText(const SymmetryInput& input, const SymmetryChoice& 
 
 /// Strength of that part of the refined ellipse which the reflections ask for under the ties of the type, and
 /// not without some of them: all of it where the type is monoclinic, with as many ties as an ellipse has
-/// numbers; where it is orthorhombic, that which goes when one of its angles is free. A lattice without those
-/// ties that was seen without that ellipse would look the same. 0 for types with more ties, which it would
-/// take too many accidents to imitate.
+/// numbers; where it is orthorhombic, that which goes when one of its angles is free, or all of it where the
+/// lattice nearly has a higher type, which leaves several sets of axes for an ellipse to suit. A lattice
+/// without those ties that was seen without that ellipse would look the same. 0 for types with more ties,
+/// which it would take too many accidents to imitate.
 double unprovenEllipse(const SymmetryInput& input, const SymmetryChoice& choice);
 
 /// Which edges the ties move by more than three standard uncertainties, as a sentence; empty for none.
