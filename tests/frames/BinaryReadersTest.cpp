@@ -203,7 +203,10 @@ TEST(BinaryReaders, TruncatedStacksKeepTheirCompleteFrames) {
           {"a.ser", ser.substr(0, 58), "0 of its 3 images are there"},
           {"a.ser", serBytes(true, 2, 4e7, 7, vrk::PixelType::Float32, 0x4120), "spectra"},
           {"a.tvips", tvipsHeader(2, 32) + tvipsFrames(0, 1), "32 bits"}})
-        EXPECT_TRUE(failureOf([&] { FrameFile::open(folder.write(name, bytes)); }).says(reason)) << reason;
+        EXPECT_TRUE(failureOf([&, name = name, bytes = bytes] {
+                        FrameFile::open(folder.write(name, bytes));
+                    }).says(reason))
+            << reason;
 }
 
 }  // namespace

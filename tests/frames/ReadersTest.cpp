@@ -123,8 +123,9 @@ TEST(Readers, PagesThatCannotBeReadAreNamed) {
          {std::tuple{387U, '\3', "is truncated: its pixels need 6184 bytes, the whole file has 724"},
           {410U, '\x18', "has pixels of 24 bits"},
           {434U, '\2', "has colours"}})
-        EXPECT_TRUE(says(failureOf([&] { FrameFile::open(write(place, value)); }).text,
-                         std::string("page 2 of the TIFF ") + message));
+        EXPECT_TRUE(
+            says(failureOf([&, place = place, value = value] { FrameFile::open(write(place, value)); }).text,
+                 std::string("page 2 of the TIFF ") + message));
     const auto file = FrameFile::open(write(386, '\5'));
     EXPECT_EQ(file->count(), 3);
     write(386, '\6');
@@ -244,7 +245,7 @@ TEST(Readers, SmallFilesThatAskForMuchAreRefused) {
                                        {"stored.h5", "frame 1 cannot be read"},
                                        {"deep.h5", "too deep in each other"},
                                        {"itself.h5", "gathers its frames from itself"}}) {
-        const Refusal refusal = failureOf([&] { FrameFile::open(kFolder / name)->read(0); });
+        const Refusal refusal = failureOf([&, name = name] { FrameFile::open(kFolder / name)->read(0); });
         EXPECT_TRUE(refusal.says(reason)) << name << refusal.text;
     }
 }

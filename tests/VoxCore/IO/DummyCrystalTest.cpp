@@ -10,7 +10,8 @@ using VRK::DummyCrystal;
 TEST(DummyCrystal, SpotsLieWhereTheLatticeVectorsSay) {
     const std::unique_ptr<VoxMRCData> data(VoxMRCFileHandler().createTestDummyMRCFile());
     ASSERT_TRUE(data);
-    const auto& [a, b, c] = DummyCrystal::kReciprocalVectors;
+    const auto &a = DummyCrystal::kReciprocalVectors[0], &b = DummyCrystal::kReciprocalVectors[1],
+               &c = DummyCrystal::kReciprocalVectors[2];
     int spots = 0;
     for (int z = 0; z < DummyCrystal::kSlices; ++z) {
         const double tilt = data->m_Header.tilt(z) * std::numbers::pi / 180;

@@ -25,12 +25,13 @@ TEST(VoxMRCFileHandler, ReadsEveryFieldFromItsPlace) {
     MRCBytes file(5, 3, 2);
     for (std::size_t offset = 12; offset < 40; offset += 4)
         MRCBytes::put(file.header, offset, static_cast<std::int32_t>(offset));
-    for (std::size_t offset :
-         {40, 44, 48, 52, 56, 60, 76, 80, 84, 172, 176, 180, 184, 188, 192, 196, 200, 204, 216})
+    for (const std::size_t offset : std::initializer_list<std::size_t>{
+             40, 44, 48, 52, 56, 60, 76, 80, 84, 172, 176, 180, 184, 188, 192, 196, 200, 204, 216})
         MRCBytes::put(file.header, offset, static_cast<float>(offset) + 0.5F);
-    for (std::size_t offset : {64, 68, 72, 98, 102, 106, 110, 114, 118, 122, 126, 130, 220})
+    for (const std::size_t offset :
+         std::initializer_list<std::size_t>{64, 68, 72, 98, 102, 106, 110, 114, 118, 122, 126, 130, 220})
         MRCBytes::put(file.header, offset, static_cast<std::int32_t>(offset));
-    for (std::size_t offset : {88, 90, 96, 162, 164, 166, 168, 170})
+    for (const std::size_t offset : std::initializer_list<std::size_t>{88, 90, 96, 162, 164, 166, 168, 170})
         MRCBytes::put(file.header, offset, static_cast<std::int16_t>(offset));
     file.header.replace(134, 28, std::string(27, 'u') + "U");
     file.header.replace(208, 8, "MAP DD\x01\x02");
